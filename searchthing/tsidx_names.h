@@ -1,0 +1,52 @@
+// Write options of an index directory and the names of the files in it.
+#pragma once
+
+#include <cstdint>
+
+#include "searchthing/st_timeval.h"
+
+namespace veldar {
+
+struct st_tsidx_write_options {
+    uint32_t write_level = 0;             // 0 read only; 1 to 4 select the header of new slices
+    uint64_t byte_size = 0;               // target size of a merged slice
+    uint32_t merge_terms_per_block = 0;
+    uint32_t merge_buffer_bytes = 0;      // at most 1073741824
+    uint32_t advanced_postings = 0;
+    uint32_t merge_reader_span = 0;       // at least 128
+    uint32_t millisecond_mode = 0;
+};
+using TSWRITEOPTS = st_tsidx_write_options;
+
+void st_tsidx_write_opts_init_with_byte_sizes(TSWRITEOPTS* opts, uint32_t level, uint64_t byte_size, uint32_t third,
+                                              uint32_t fourth, uint32_t fifth, uint32_t sixth);
+void st_tsidx_write_opts_init(TSWRITEOPTS* opts, uint32_t level, uint64_t size_mib, uint32_t fifth, uint32_t sixth);
+void st_tsidx_write_opts_init_write_level(TSWRITEOPTS* opts, uint32_t level);
+void st_tsidx_write_opts_set_defaults(TSWRITEOPTS* opts);
+void st_tsidx_write_opts_copy(TSWRITEOPTS* dst, const TSWRITEOPTS* src);
+bool st_tswriteopts_support_millisecond(const TSWRITEOPTS* opts);
+bool st_write_level_is_valid(uint32_t level);  // 1 to 4
+
+struct st_filename_metadata_t {
+    st_time_t earliest = 0;
+    st_time_t latest = 0;
+    uint64_t id = 0;
+    uint64_t kind = 0;  // 1 regular, 2 minified, 0 unknown
+};
+
+// 1 when the name after the last '/' is "<latest>-<earliest>-<id>.tsidx" (or ".mini.tsidx"), else 0.
+int st_tsidx_file_parse(const char* path, st_filename_metadata_t* meta);
+// 1 when the whole string is "<latest>-<earliest>-<id>.mini.tsidx", else 0.
+int st_mini_tsidx_file_parse(const char* name, st_filename_metadata_t* meta);
+
+inline constexpr char TSIDX_SUFFIX[] = ".tsidx";
+inline constexpr char TSIDX_MINI_SUFFIX[] = ".mini.tsidx";
+inline constexpr char TSIDX_PRE_SUFFIX[] = ".pre-tsidx";
+inline constexpr char TSIDX_PART_SUFFIX[] = ".part-tsidx";
+inline constexpr char TSIDX_DELETED_SUFFIX[] = ".tsidx.deleted";
+inline constexpr char TSIDX_PARAMS_NAME[] = "veldar-autogen-params.dat";
+inline constexpr char TSIDX_NEED_OPTIMIZE_NAME[] = "veldar-need-optimize.dat";
+inline constexpr char TSIDX_MERGED_LEXICON_NAME[] = "merged_lexicon.lex";
+inline constexpr char TSIDX_OPTIMIZE_RESULT_NAME[] = "optimize.result";
+
+}  // namespace veldar

@@ -1,0 +1,47 @@
+// Orders of value records, and the in-place removal of duplicates from sorted answers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "searchthing/fclex.h"
+#include "searchthing/tsval.h"
+
+namespace veldar {
+
+struct st_tsval_encoded {  // the first eight bytes of a value: its key
+    st_time_t time;
+    st_addr_t address;
+};
+struct st_ntsval {  // the same key, both words big-endian
+    be32 time;
+    be32 address;
+};
+struct cs_tid_offset_t {
+    uint32_t term_id;
+    uint32_t offset;
+};
+struct st_revsort {
+    const char* text;
+    uint64_t payload;
+};
+static_assert(sizeof(st_revsort) == 16);
+
+int st_tsval_compare(const void* a, const void* b);
+void st_tsval_qsort(st_tsval* values, uint32_t count);
+void st_tsval_ptr_qsort(st_tsval** values, uint32_t count);
+int st_tsval_compare_dimsets(const void* a, const void* b);
+void st_tsval_ptr_qsort_dimsets(st_tsval** values, uint32_t count);
+int st_tsval_compare_dimsets_with_subsecond(const void* a, const void* b);
+void st_tsval_ptr_qsort_dimsets_with_subsecond(st_tsval** values, uint32_t count);
+int tsval_key_compare(const st_tsval_encoded* a, const st_tsval_encoded* b);
+void st_tsval_enc_ptr_qsort(st_tsval_encoded** keys, uint32_t count);
+int st_ntsval_compare(const void* a, const void* b);
+void st_tid_offset_ptr_qsort(cs_tid_offset_t** entries, uint32_t count);
+void st_unsigned_qsort(uint32_t* numbers, size_t count);
+void st_revsort_qsort(st_revsort* records, uint32_t count);
+void st_enum_answer_qsort(st_enum_answer* answers, uint32_t count);
+int st_tsval_gather(st_tsval* values, int count);
+int st_enum_gather(st_enum_answer* answers, int count);
+
+}  // namespace veldar

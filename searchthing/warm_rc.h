@@ -1,0 +1,95 @@
+// The status record of every fallible operation, and its codes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace veldar {
+
+// Codes of warm_rc_t. Numbers that no site uses have no name. The query tokenizer and the hot slice's puts return plain
+// negative numbers of their own (tokenizer.h, hotslice.h), whatever the same numbers mean here.
+enum warm_status_t : int32_t {
+    WARM_RC_OK = 0,
+    WARM_RC_FAILED = -1,
+    WARM_RC_NO_MEMORY = -2,
+    WARM_RC_MAP = -3,
+    WARM_RC_OPEN = -4,
+    WARM_RC_EMPTY_FILE = -5,
+    WARM_RC_FILE_SIZE = -6,
+    WARM_RC_READ = -8,
+    WARM_RC_WRITE = -9,
+    WARM_RC_NO_SECTION = -10,
+    WARM_RC_CLOSE = -11,
+    WARM_RC_CORRUPT = -12,
+    WARM_RC_BAD_MAGIC = -13,
+    WARM_RC_NO_LEXICON = -14,
+    WARM_RC_CAPACITY = -15,
+    WARM_RC_UNSUPPORTED = -17,
+    WARM_RC_DIMSET_BUFFER = -18,
+    WARM_RC_TOKEN_TOO_BIG = -19,
+    WARM_RC_QUERY_END = -20,
+    WARM_RC_QUERY_TOKEN = -21,
+    WARM_RC_QUERY_FOLD = -22,
+    WARM_RC_QUERY_COMPARISON = -23,
+    WARM_RC_TIME_BINS = -25,
+    WARM_RC_REWIND = -27,
+    WARM_RC_MANIFEST_EXISTS = -28,
+    WARM_RC_LOCK = -29,
+    WARM_RC_FEW_SLICES = -30,
+    WARM_RC_FEW_SOURCES = -31,
+    WARM_RC_TIME_MISMATCH = -33,
+    WARM_RC_FUTURE_TIME = -34,
+    WARM_RC_RETRIES = -35,
+    WARM_RC_DOES_NOT_FIT = -36,
+    WARM_RC_INVALID_ARGUMENT = -37,
+    WARM_RC_NOT_FOUND = -38,
+    WARM_RC_ZERO_TERMS = -39,
+    WARM_RC_MINIFIED = -44,
+    WARM_RC_FILE_NAME = -45,
+    WARM_RC_PATH_TOO_LONG = -47,
+    WARM_RC_SHORT_READ = -48,
+    WARM_RC_END_OF_FILE = -49,
+    WARM_RC_NO_DIMSETS = -50,
+    WARM_RC_LEGACY_PROJECTION = -51,
+    WARM_RC_FOOTER_OFFSET = -52,
+    WARM_RC_SPLIT_LIST = -53,
+    WARM_RC_TIME_BINS_LIMIT = -55,
+};
+
+inline constexpr uint32_t WARM_RC_NO_DETAIL = 0xFFFFFFFF;
+
+struct warm_rc_t {
+    int32_t warm_rc = 0;                   // 0 or a negative warm_status_t
+    int32_t saved_errno = 0;               // errno when the failure was recorded, or one given explicitly
+    uint32_t detail = WARM_RC_NO_DETAIL;   // position, index or line of the reporting site; all-ones for none
+    char message[512] = {};                // NUL-terminated, at most 511 characters
+};
+
+static_assert(sizeof(warm_rc_t) == 524 && offsetof(warm_rc_t, message) == 12);
+
+// The setters return the code that they store, so that a failing site is one line: return _set_rc(rc, ...).
+
+// Stores the code. For a failure also stores the current errno and clears detail and message; success touches nothing else.
+int _set_rc(warm_rc_t* rc, int status);
+// _set_rc, then the given errno value.
+int _set_rc_and_errno(warm_rc_t* rc, int status, int errno_value);
+// Fills every field, also for status 0: code, current errno, detail and at most 511 characters of the message.
+int _set_rc_verbose(warm_rc_t* rc, int status, uint32_t detail, const char* message);
+// _set_rc_verbose without a detail.
+int _set_rc_msg(warm_rc_t* rc, int status, const char* message);
+// Copies a record (onto itself: nothing happens) and returns its code.
+int _cpy_rc(warm_rc_t* destination, const warm_rc_t* source);
+
+bool warm_status_indicates_corruption(int status);  // -5, -12, -13, -14
+bool warm_status_indicates_oomem(int status);       // -2
+bool st_error_is_eminified(int code);               // -44
+
+}  // namespace veldar
+
+// Returns from the calling function when the expression yields a status other than 0.
+#define ST_TRY(expr)                                        \
+    do {                                                    \
+        if (const int st_try_rc = (expr); st_try_rc != 0) { \
+            return st_try_rc;                               \
+        }                                                   \
+    } while (0)
