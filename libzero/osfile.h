@@ -1,20 +1,26 @@
-// File sizes and times, and the wall clock.
+// File sizes and times, and the wall clock. The functions that ask for a file return the result of the system call (0,
+// or -1 with errno) and may be called from any thread.
 #pragma once
 
 #include <cstdint>
 
 namespace veldar {
 
+// The modification time (`which` non-zero) or the status-change time (zero) in whole seconds times 1000; 0 on failure.
 int ospath_get_time(const char* path, int which, int64_t* milliseconds);
+// The file's size in bytes; on failure the output is left alone.
 int ospath_get_size(const char* path, uint64_t* size);
 int osfile_get_size(int fd, uint64_t* size);
+// 0 when the path exists.
 int ospath_try_stat(const char* path);
 
 struct portable_timeval {
     int64_t seconds;
     int64_t microseconds;
 };
+// The wall-clock time. A process without a clock cannot go on: a failure is an assertion.
 void portable_timeval_now(portable_timeval* out);
+// later - earlier in microseconds.
 int64_t portable_timeval_usec_diff(const portable_timeval* earlier, const portable_timeval* later);
 
 }  // namespace veldar

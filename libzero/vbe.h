@@ -19,7 +19,8 @@ inline constexpr size_t VBE_MAX_BYTES = 5;
 // Writes `value` at `out` (room for 5 bytes); returns the length, 1 to 5.
 uint32_t st_encode_to_vbe(uint8_t* out, uint32_t value);
 
-// Reads a number whose 5 bytes may all be touched; returns the bytes used, or all-ones when a fifth byte has its top bit set.
+// Reads a number whose 5 bytes may all be touched; returns the bytes used, or all-ones when a fifth byte has its top
+// bit set.
 uint32_t st_decode_from_vbe(uint32_t* value, const uint8_t* in);
 
 // Reads a number from [in, end) without touching a byte at or past `end`; returns the bytes used, 0 when the number is
@@ -47,16 +48,21 @@ inline uint32_t vbe_length(uint32_t value) {
 
 // Field `index` of a packed bit string occupies bits index * width to index * width + width - 1; bit k of the string is
 // bit k % 8 of byte k / 8, least significant bit of the value first. The bit position is computed in unsigned 32-bit
-// arithmetic, and the decoder masks with a 32-bit shift whose count is taken modulo 32, so a width of 32 decodes as 0: both
-// are properties of files that exist. A width of 0 encodes nothing and decodes as 0. The caller bounds the byte string.
+// arithmetic, and the decoder masks with a 32-bit shift whose count is taken modulo 32, so a width of 32 decodes as 0:
+// both are properties of files that exist. A width of 0 encodes nothing and decodes as 0. The caller bounds the byte
+// string.
 void encode_to_byte_str(uint8_t* bytes, uint32_t value, uint32_t index, uint32_t width);
 uint32_t decode_from_byte_str(const uint8_t* bytes, uint32_t index, uint32_t width);
 
 // The number of bits needed to write the value: floor(log2 v) + 1, and 1 for 0.
-inline uint32_t log2n(uint32_t value) { return value == 0 ? 1 : 32 - static_cast<uint32_t>(__builtin_clz(value)); }
+inline uint32_t log2n(uint32_t value) {
+    return value == 0 ? 1 : 32 - static_cast<uint32_t>(__builtin_clz(value));
+}
 
 // The number of binary digits of the value, 0 for 0.
-inline uint32_t bit_length(uint32_t value) { return value == 0 ? 0 : log2n(value); }
+inline uint32_t bit_length(uint32_t value) {
+    return value == 0 ? 0 : log2n(value);
+}
 
 // The smallest power of two not below the value; 0 for 0 (and for values above 2^63, whose power does not fit).
 uint64_t round_up_to_power_of_two(uint64_t value);

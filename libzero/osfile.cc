@@ -1,0 +1,51 @@
+#include "libzero/osfile.h"
+
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include "libzero/assertions.h"
+
+namespace veldar {
+
+int ospath_get_time(const char* path, int which, int64_t* milliseconds) {
+    *milliseconds = 0;
+    struct stat found;
+    const int result = ::stat(path, &found);
+    if (result == 0) *milliseconds = int64_t{which != 0 ? found.st_mtime : found.st_ctime} * 1000;
+    return result;
+}
+
+int ospath_get_size(const char* path, uint64_t* size) {
+    struct stat found;
+    const int result = ::stat(path, &found);
+    if (result == 0) *size = static_cast<uint64_t>(found.st_size);
+    return result;
+}
+
+int osfile_get_size(int fd, uint64_t* size) {
+    struct stat found;
+    const int result = ::fstat(fd, &found);
+    if (result == 0) *size = static_cast<uint64_t>(found.st_size);
+    return result;
+}
+
+int ospath_try_stat(const char* path) {
+    struct stat found;
+    return ::stat(path, &found);
+}
+
+void portable_timeval_now(portable_timeval* out) {
+    struct timeval now;
+    ST_ASSERT(::gettimeofday(&now, nullptr) == 0);
+    out->seconds = now.tv_sec;
+    out->microseconds = now.tv_usec;
+}
+
+int64_t portable_timeval_usec_diff(const portable_timeval* earlier, const portable_timeval* later) {
+    const int64_t seconds = later->seconds - earlier->seconds;
+    const int64_t microseconds = later->microseconds - earlier->microseconds;
+    if (microseconds >= 0) return microseconds + seconds * 1000000;
+    return microseconds + 1000000 + (seconds - 1) * 1000000;
+}
+
+}  // namespace veldar
