@@ -6,6 +6,8 @@
 
 namespace veldar {
 
+struct string_builder;
+
 // Codes of warm_rc_t. Numbers that no site uses have no name. The query tokenizer and the hot slice's puts return plain
 // negative numbers of their own (tokenizer.h, hotslice.h), whatever the same numbers mean here.
 enum warm_status_t : int32_t {
@@ -59,17 +61,18 @@ enum warm_status_t : int32_t {
 inline constexpr uint32_t WARM_RC_NO_DETAIL = 0xFFFFFFFF;
 
 struct warm_rc_t {
-    int32_t warm_rc = 0;                   // 0 or a negative warm_status_t
-    int32_t saved_errno = 0;               // errno when the failure was recorded, or one given explicitly
-    uint32_t detail = WARM_RC_NO_DETAIL;   // position, index or line of the reporting site; all-ones for none
-    char message[512] = {};                // NUL-terminated, at most 511 characters
+    int32_t warm_rc = 0;                  // 0 or a negative warm_status_t
+    int32_t saved_errno = 0;              // errno when the failure was recorded, or one given explicitly
+    uint32_t detail = WARM_RC_NO_DETAIL;  // position, index or line of the reporting site; all-ones for none
+    char message[512] = {};               // NUL-terminated, at most 511 characters
 };
 
 static_assert(sizeof(warm_rc_t) == 524 && offsetof(warm_rc_t, message) == 12);
 
 // The setters return the code that they store, so that a failing site is one line: return _set_rc(rc, ...).
 
-// Stores the code. For a failure also stores the current errno and clears detail and message; success touches nothing else.
+// Stores the code. For a failure also stores the current errno and clears detail and message; success touches nothing
+// else.
 int _set_rc(warm_rc_t* rc, int status);
 // _set_rc, then the given errno value.
 int _set_rc_and_errno(warm_rc_t* rc, int status, int errno_value);
@@ -83,6 +86,9 @@ int _cpy_rc(warm_rc_t* destination, const warm_rc_t* source);
 bool warm_status_indicates_corruption(int status);  // -5, -12, -13, -14
 bool warm_status_indicates_oomem(int status);       // -2
 bool st_error_is_eminified(int code);               // -44
+
+// Appends the record as "{code,errno,message}"; safe in a signal handler.
+void annotator_print_warm_rc(string_builder* out, const warm_rc_t* rc) noexcept;
 
 }  // namespace veldar
 
