@@ -1,0 +1,177 @@
+// The forge and the reference against bytes and answers written out by hand: everything else is compared with them.
+#include "tests/support/forge.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "tests/support/damage.h"
+#include "tests/support/reference.h"
+
+namespace veldar {
+namespace {
+
+std::string unhex(const std::string& text) {
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        if (text[i] == ' ') {
+            i++;
+            continue;
+        }
+        out += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+        i += 2;
+    }
+    return out;
+}
+
+std::string bytes_at(const std::string& file, uint64_t at, uint64_t end) {
+    return file.substr(at, end - at);
+}
+
+std::vector<forge_event> run_events() {
+    // Value numbers are 20 - i: "run" lies in the numbers 10, 11, 12, 13 and 20.
+    std::vector<forge_event> events;
+    for (uint32_t i = 0; i <= 20; i++) {
+        forge_event event{.time = 1000 + static_cast<int32_t>(i), .address = 500 + i, .terms = {"a"}};
+        const uint32_t number = 20 - i;
+        if ((number >= 10 && number <= 13) || number == 20) event.terms.push_back("run");
+        if ((number >= 10 && number <= 13) || number == 20) event.terms.push_back("same");
+        if (number == 7) event.terms.push_back("solo");
+        events.push_back(event);
+    }
+    return events;
+}
+
+TEST(Forge, EncodingsAreTheWrittenExamples) {
+    forge_options options;
+    options.wflags = FORGE_TAG2;
+    options.lists = forge_lists::rle;
+    options.forced = {{"solo", forge_encoding::spo}, {"same", forge_encoding::dedup}};
+    forge_picture picture;
+    std::string file = forge_slice(run_events(), options, &picture);
+    EXPECT_EQ(bytes_at(file, picture.at.postings, picture.at.end), unhex("00 00 14  0A 00 03 07"));
+    EXPECT_EQ(bytes_at(file, picture.at.posting_offsets, picture.at.posting_offsets + 32),
+              unhex("000000000000000C 0000000000000007 000000000000001E 000000000000001C"));
+    options.forced["run"] = forge_encoding::bmap;
+    file = forge_slice(run_events(), options, &picture);
+    EXPECT_EQ(bytes_at(file, picture.at.postings, picture.at.end), unhex("00 00 14  0A 0F 04"));
+    options = forge_as_created(4);
+    file = forge_slice(run_events(), options, &picture);
+    EXPECT_EQ(picture.lists[1], unhex("0A 01 01 01 07"));
+}
+
+TEST(Forge, LexiconIsTheWrittenExample) {
+    forge_options options;
+    options.tperb = 3;
+    options.bare_terms = {"app", "apple", "apply", "b", "bad"};
+    forge_picture picture;
+    const std::string file = forge_slice({{.time = 5, .address = 1, .terms = {"app"}}}, options, &picture);
+    EXPECT_EQ(bytes_at(file, picture.at.lexicon, picture.at.postings),
+              unhex("00000005 00000003 00000011  0000000A 00000010"
+                    "03 617070  03 02 6C65  04 79"  // app, app|le, appl|y: the last of a full block has no length
+                    "01 62  01 02 6164"));          // b, b|ad: not the last of a full block, so both numbers
+}
+
+TEST(Forge, ValuesMetadataAndCompanionsAreTheWrittenExamples) {
+    const std::vector<forge_event> events = {
+        {.time = 100, .address = 10, .measure = 6, .s = 1, .terms = {"x"}},
+        {.time = 103, .address = 15, .measure = 5, .s = 9, .terms = {"x", "y"}, .deleted = true}};
+    forge_options options;
+    options.wflags = FORGE_PACKED;
+    forge_picture picture;
+    std::string file = forge_slice(events, options, &picture);
+    // Newest first, 2 bits of time and 3 of address: 3 and 5, then 0 and 0.
+    EXPECT_EQ(bytes_at(file, 128, 136), unhex("17 00000000000000"));
+    // The companion sections: each begins 1 to 8 bytes after the end of the one before.
+    EXPECT_EQ(picture.at.m, 144u);
+    EXPECT_EQ(bytes_at(file, 144, 145), unhex("35"));  // 5, 6 in 3 bits
+    EXPECT_EQ(bytes_at(file, 152, 153), unhex("03"));  // all-ones cut to 1 bit, then 1
+    EXPECT_EQ(bytes_at(file, 176, 177), unhex("01"));  // deleted, not deleted
+    // 2 bits of count, 2 + 2 of times: x 2, 0, 3 and y 1, 3, 3.
+    EXPECT_EQ(bytes_at(file, picture.at.metadata, picture.at.lexicon), unhex("72 0F 000000000000"));
+    EXPECT_EQ(bytes_at(file, 0, 60), unhex("5F54534944583900 00000002 00000003 00000002 00000001 00000001 00000001"
+                                           "00000001 00000001 00000003 00000001 00000001 00000001 00000001"));
+    EXPECT_EQ(bytes_at(file, 60, 120), unhex("00000064 00000067 00000000 0000000000000002 0000000A 0000000F"
+                                             "0000000000000000 00000000") +
+                                           std::string(20, '\0'));
+    options.magic = "Veldar3";
+    options.wflags = 0;
+    file = forge_slice(events, options, &picture);
+    EXPECT_EQ(bytes_at(file, 64, 80), unhex("00000067 0000000F 00000064 0000000A"));
+    EXPECT_EQ(bytes_at(file, picture.at.metadata, picture.at.reverse_terms),
+              unhex("00000002 00000064 00000067  00000001 00000067 00000067  0000000000000000"));
+    EXPECT_EQ(picture.at.lexicon, picture.at.reverse_terms + 8);
+    EXPECT_EQ(picture.at.reverse_lexicon % 4, picture.at.lexicon % 4);
+}
+
+TEST(Forge, EveryKindUsesEveryEncodingItCanExpress) {
+    const std::vector<forge_event> events = forge_random_events(1, 400);
+    for (const forge_options& kind : forge_all_kinds()) {
+        forge_picture picture;
+        const std::string file = forge_slice(events, kind, &picture);
+        const std::set<forge_encoding> used(picture.encodings.begin(), picture.encodings.end());
+        const size_t expressible = kind.wflags & FORGE_TAG2 ? 4 : kind.wflags & FORGE_TAG1 ? 2 : 1;
+        EXPECT_EQ(used.size(), expressible) << kind.name();
+        EXPECT_EQ(file.size(), picture.at.end) << kind.name();
+    }
+}
+
+TEST(Reference, WildcardsAndComparisonsFollowTheWrittenTable) {
+    const struct {
+        const char *needle, *term;
+        bool match;
+    } cases[] = {{"", "any", true},       {"*", "", true},         {"abc", "abcd", false},   {"abc*", "abc", true},
+                 {"*abc", "xxabc", true}, {"*abc", "abcx", false}, {"ab*cd", "abcd", true},  {"ab*cd", "acd", false},
+                 {"ab*cd", "abd", false}, {"*a*b*", "bxa", false}, {"*a*b*", "xaxbx", true}, {"*aa", "aaa", false},
+                 {"*aa", "baa", true},    {"*aa", "aaaa", true},   {"a**c", "abc", true},    {"ab*b", "ab", false}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(reference_index::wildcard_matches(c.needle, c.term), c.match) << c.needle << " on " << c.term;
+    }
+    using enum reference_op;
+    const struct {
+        const char* value;
+        std::set<reference_op> match;  // against 5
+    } table[] = {{"", {lt, lte, neq}},  {"x", {gt, gte, neq}}, {"4", {lt, lte, neq}},    {"5.0", {lte, gte, eq}},
+                 {"6", {gt, gte, neq}}, {"nan", {neq}},        {"1e999", {gt, gte, neq}}};
+    for (const auto& row : table) {
+        for (const reference_op op : {lt, lte, gt, gte, eq, neq}) {
+            EXPECT_EQ(reference_index::compare_matches(op, row.value, 5), row.match.contains(op)) << row.value;
+        }
+    }
+}
+
+TEST(Reference, EvaluatesGroupsDeletesAndBounds) {
+    // Value numbers: 0 (t 103), 1 (t 102, deleted), 2 (t 101), 3 (t 100).
+    const reference_index index({{.time = 100, .address = 1, .terms = {"a", "n::1"}},
+                                 {.time = 101, .address = 2, .terms = {"a", "b c"}},
+                                 {.time = 102, .address = 3, .terms = {"a"}, .deleted = true},
+                                 {.time = 103, .address = 4, .terms = {"b c", "n::2"}}});
+    using q = reference_query;
+    using ids = std::vector<uint32_t>;
+    EXPECT_EQ(index.search(q::group_and({}), {}), (ids{0, 2, 3}));
+    EXPECT_EQ(index.search(q::group_or({}), {}), ids{});
+    EXPECT_EQ(index.search(q::group_and({q::term("a"), q::not_term("b c")}), {}), ids{3});
+    EXPECT_EQ(index.search(q::group_or({q::term("b*"), q::compare(reference_op::eq, "n", 1)}), {}), (ids{0, 2, 3}));
+    const q neq = q::group_and({q::compare(reference_op::neq, "n", 1)});
+    EXPECT_EQ(index.search(neq, {}), ids{0});
+    EXPECT_EQ(index.search(neq, {.neq_matches_missing = true}), (ids{0, 2}));
+    EXPECT_EQ(index.search(q::group_and({}), {.earliest = 101, .latest = 102}), ids{2});
+    EXPECT_EQ(index.search(q::group_and({}), {.cumspan = 50}), ids{3});
+    EXPECT_EQ(q::group_and({q::not_term("b c"), q::compare(reference_op::gte, "n", 2.5)}).notation(),
+              "[AND [NOT b\\ c] [GTE n 2.5]]");
+}
+
+TEST(Damage, EveryCaseDiffersFromTheOriginal) {
+    const std::string bytes("\0\0\0\1\x7F\x80", 6);
+    size_t cuts = 0, others = 0;
+    const size_t calls = damage_sweep(bytes, {}, [&](const std::string& damaged, const std::string& what) {
+        EXPECT_NE(damaged, bytes) << what;
+        (damaged.size() < bytes.size() ? cuts : others)++;
+    });
+    EXPECT_EQ(cuts, 6u);
+    EXPECT_EQ(others, 12u + 3u);  // the word is already 1 big-endian
+    EXPECT_EQ(calls, cuts + others);
+}
+
+}  // namespace
+}  // namespace veldar
