@@ -1,0 +1,70 @@
+// Log formats: how a line of a log becomes the time and the fields of an event.
+//
+// A format is a row of a table: a name and a function that takes one line. The functions never throw on any byte, run
+// in time linear in the line, and allocate nothing once `parsed_line` has grown to the log's usual size.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/veldar/formats/log_time.h"
+
+namespace veldar {
+
+struct field_view {
+    std::string_view name, value;
+};
+
+struct json_scratch;
+struct json_scratch_delete {
+    void operator()(json_scratch* scratch) const;
+};
+
+// What one line holds. One record serves a whole load: each parse clears it first. The views point into the line, into
+// constant text or into this record; they are valid until the next parse and as long as the line is. Values are as they
+// stand in the log (not folded, never empty; "-" of an access log is left out); a name may occur more than once.
+struct parsed_line {
+    bool has_time = false;
+    st_timeval_t time;
+    std::vector<field_view> fields;
+    std::unique_ptr<json_scratch, json_scratch_delete> json;  // made by the first line that needs it
+};
+
+inline constexpr int64_t NO_TIME_SEEN = std::numeric_limits<int64_t>::min();
+
+// What a file tells about its lines, and what its lines told so far. One per file being loaded; when a load goes on in
+// the middle of a file, set `last_local_s` from the checkpoint so that the years go on too.
+struct format_context {
+    log_zone zone;                        // for times written without one
+    int year = 0;                         // for times without a year: that of the first line; 0 infers it
+    int64_t modified_s = NO_TIME_SEEN;    // the file's modification time, or now for a pipe: no inferred time is later
+                                          // than a day after it
+    int64_t last_local_s = NO_TIME_SEEN;  // state: the last time with an inferred year, in local seconds
+};
+
+struct line_format {
+    const char* name;         // for --format and the checkpoint
+    const char* description;  // for --help
+    // Fills `out` from `line` (without its newline; a carriage return at its end is ignored). True when the line has
+    // this format's form. When it has not, `out` still holds the `key=value` pairs of the line and no time.
+    bool (*parse)(std::string_view line, format_context* context, parsed_line* out);
+};
+
+// Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
+std::span<const line_format> line_formats();
+const line_format* format_by_name(std::string_view name);  // null when unknown
+std::string format_names();                                // "access, syslog, ...", for --help
+
+// The format that most of `first_lines` have (a hundred lines are plenty), the more specific of two that fit about
+// equally well; "text" when no format fits a quarter of the lines that begin a record. Never null.
+const line_format* detect_format(std::span<const std::string_view> first_lines, const format_context& context);
+
+// False for lines that continue the record before: empty ones and those that begin with a blank or a tab.
+bool begins_record(std::string_view line);
+
+}  // namespace veldar

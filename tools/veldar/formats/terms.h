@@ -1,0 +1,48 @@
+// The distinct terms of one event: the words of its text and its fields as `name::value`.
+//
+// Folding, the same for events and for queries: ASCII letters in lower case, a NUL byte becomes a blank, all other
+// bytes (also invalid UTF-8) stay.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veldar {
+
+inline constexpr size_t TERM_MAX = 2047;  // bytes; longer terms are cut
+
+// Reused from event to event: once warm, nothing is allocated per term. For one thread.
+struct term_set {
+    struct entry {
+        uint32_t offset, length;  // the term in `arena`
+        uint32_t hash;
+        uint32_t slot;  // its place in `slots`, for the reset
+    };
+    std::vector<char> arena;
+    size_t arena_used = 0;
+    std::vector<entry> entries;
+    std::vector<uint32_t> slots;  // entry index + 1, 0 = free; a power of two, at most half full
+    std::vector<std::string_view> views;
+};
+
+// Forgets the terms, in time linear in their number.
+void term_set_reset(term_set* set);
+// Adds every token of the text: a run of [A-Za-z0-9_.-] without the `_`, `.` and `-` at its ends, folded, cut to
+// TERM_MAX.
+void term_set_add_text(term_set* set, std::string_view text);
+// Adds the term `name::value`, both folded, cut to TERM_MAX. Nothing for an empty name or value, or when the name
+// leaves no room for a byte of the value.
+void term_set_add_field(term_set* set, std::string_view name, std::string_view value);
+// The terms in order of their first appearance. The views are valid until the set changes.
+std::span<const std::string_view> term_set_terms(term_set* set);
+
+// `value` folded as above, not cut.
+std::string fold_value(std::string_view value);
+// Exactly the term that term_set_add_field adds; empty when it adds none.
+std::string fold_field_term(std::string_view name, std::string_view value);
+
+}  // namespace veldar
