@@ -18,20 +18,23 @@ inline constexpr size_t TERM_MAX = 2047;  // bytes; longer terms are cut
 // Reused from event to event: once warm, nothing is allocated per term. For one thread.
 struct term_set {
     struct entry {
-        uint32_t offset, length;  // the term in `arena`
+        size_t offset;  // the term in `arena`
+        uint32_t length;
         uint32_t hash;
         uint32_t slot;  // its place in `slots`, for the reset
     };
     std::vector<char> arena;
     size_t arena_used = 0;
     std::vector<entry> entries;
-    std::vector<uint32_t> slots;  // entry index + 1, 0 = free; a power of two, at most half full
+    std::vector<uint32_t> slots;  // entry index + 1, 0 = free
+    size_t slot_mask =
+        0;  // slots in use - 1: small again after each reset, so that one huge event costs the next nothing
     std::vector<std::string_view> views;
 };
 
 // Forgets the terms, in time linear in their number.
 void term_set_reset(term_set* set);
-// Adds every token of the text: a run of [A-Za-z0-9_.-] without the `_`, `.` and `-` at its ends, folded, cut to
+// Adds every token of the text: a run of [A-Za-z0-9_.-] without the `_`, `.` and `-` at its ends, folded, then cut to
 // TERM_MAX.
 void term_set_add_text(term_set* set, std::string_view text);
 // Adds the term `name::value`, both folded, cut to TERM_MAX. Nothing for an empty name or value, or when the name

@@ -1,0 +1,177 @@
+#include "tools/veldar/formats/terms.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "libzero/endian.h"
+
+namespace veldar {
+namespace {
+
+constexpr size_t FIRST_SLOTS = 256;
+constexpr size_t SLACK = 8;  // bytes after the arena's used part that may be read and overwritten as one word
+
+constexpr bool is_token_byte(unsigned c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
+           c == '-';
+}
+
+constexpr std::array<bool, 256> TOKEN_BYTES = [] {
+    std::array<bool, 256> table{};
+    for (unsigned c = 0; c < table.size(); c++) table[c] = is_token_byte(c);
+    return table;
+}();
+
+bool in_token(char c) {
+    return TOKEN_BYTES[static_cast<unsigned char>(c)];
+}
+bool is_edge(char c) {
+    return c == '_' || c == '.' || c == '-';
+}
+
+constexpr uint64_t EACH_BYTE = 0x0101010101010101;
+
+// Eight bytes at once: A to Z get the bit that makes them small, bytes above 127 stay.
+uint64_t fold_word(uint64_t word) {
+    uint64_t low = word & (EACH_BYTE * 0x7f);
+    uint64_t from_a = low + EACH_BYTE * (0x80 - 'A');
+    uint64_t past_z = low + EACH_BYTE * (0x7f - 'Z');
+    uint64_t upper = ~word & (from_a ^ past_z) & (EACH_BYTE * 0x80);
+    return word | upper >> 2;
+}
+
+// Folds `size` bytes; up to SLACK bytes after them are overwritten too.
+void fold_into(char* to, const char* from, size_t size) {
+    size_t i = 0;
+    for (; i + 8 <= size; i += 8) {
+        uint64_t word = 0;
+        memcpy(&word, from + i, sizeof word);
+        word = fold_word(word);
+        memcpy(to + i, &word, sizeof word);
+    }
+    uint64_t word = 0;
+    memcpy(&word, from + i, size - i);
+    word = fold_word(word);
+    memcpy(to + i, &word, sizeof word);
+}
+
+void fold_field_part(char* to, std::string_view text) {
+    fold_into(to, text.data(), text.size());
+    std::replace(to, to + text.size(), '\0', ' ');
+}
+
+uint64_t mix(uint64_t a, uint64_t b) {
+    auto product = static_cast<unsigned __int128>(a) * b;
+    return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+}
+
+// A multiply-and-fold hash over words; up to SLACK bytes after the text are read, never used.
+uint32_t hash_term(const char* text, size_t size) {
+    constexpr uint64_t KEY_A = 0x9e3779b97f4a7c15, KEY_B = 0xe7037ed1a0b428db;
+    uint64_t hash = size * KEY_B;
+    size_t i = 0;
+    for (; i + 8 <= size; i += 8) hash = mix(hash ^ load_le64(text + i), KEY_A);
+    uint64_t tail = load_le64(text + i) & ((uint64_t{1} << (size - i) * 8) - 1);
+    hash = mix(hash ^ tail, KEY_B);
+    return static_cast<uint32_t>(hash ^ hash >> 32);
+}
+
+void reserve_arena(term_set* set, size_t more) {
+    size_t need = set->arena_used + more + SLACK;
+    if (need > set->arena.size()) set->arena.resize(std::max(need, set->arena.size() * 2));
+}
+
+uint32_t free_slot(const term_set* set, uint32_t hash) {
+    size_t slot = hash & set->slot_mask;
+    while (set->slots[slot] != 0) slot = (slot + 1) & set->slot_mask;
+    return static_cast<uint32_t>(slot);
+}
+
+void double_slots(term_set* set) {
+    for (const term_set::entry& entry : set->entries) set->slots[entry.slot] = 0;
+    size_t count = set->slot_mask == 0 ? FIRST_SLOTS : (set->slot_mask + 1) * 2;
+    if (set->slots.size() < count) set->slots.resize(count);
+    set->slot_mask = count - 1;
+    uint32_t number = 0;
+    for (term_set::entry& entry : set->entries) {
+        entry.slot = free_slot(set, entry.hash);
+        set->slots[entry.slot] = ++number;
+    }
+}
+
+// Keeps the `size` bytes at the arena's end as a term unless the set has it.
+void commit_term(term_set* set, size_t size) {
+    if ((set->entries.size() + 1) * 2 > set->slot_mask) double_slots(set);
+    const char* text = set->arena.data() + set->arena_used;
+    uint32_t hash = hash_term(text, size);
+    size_t slot = hash & set->slot_mask;
+    for (; set->slots[slot] != 0; slot = (slot + 1) & set->slot_mask) {
+        const term_set::entry& other = set->entries[set->slots[slot] - 1];
+        if (other.hash == hash && other.length == size && memcmp(set->arena.data() + other.offset, text, size) == 0)
+            return;
+    }
+    set->entries.push_back({set->arena_used, static_cast<uint32_t>(size), hash, static_cast<uint32_t>(slot)});
+    set->slots[slot] = static_cast<uint32_t>(set->entries.size());
+    set->arena_used += size;
+}
+
+}  // namespace
+
+void term_set_reset(term_set* set) {
+    for (const term_set::entry& entry : set->entries) set->slots[entry.slot] = 0;
+    set->entries.clear();
+    set->arena_used = 0;
+    set->slot_mask = set->slots.empty() ? 0 : FIRST_SLOTS - 1;
+}
+
+void term_set_add_text(term_set* set, std::string_view text) {
+    reserve_arena(set, text.size());
+    const char* at = text.data();
+    const char* end = at + text.size();
+    while (at < end) {
+        while (at < end && (!in_token(*at) || is_edge(*at))) at++;
+        const char* first = at;
+        while (at < end && in_token(*at)) at++;
+        const char* last = at;
+        while (last > first && is_edge(last[-1])) last--;
+        if (last == first) continue;
+        size_t size = std::min(static_cast<size_t>(last - first), TERM_MAX);
+        fold_into(set->arena.data() + set->arena_used, first, size);
+        commit_term(set, size);
+    }
+}
+
+void term_set_add_field(term_set* set, std::string_view name, std::string_view value) {
+    if (name.empty() || value.empty() || name.size() + 2 >= TERM_MAX) return;
+    value = value.substr(0, TERM_MAX - name.size() - 2);
+    size_t size = name.size() + 2 + value.size();
+    reserve_arena(set, size);
+    char* to = set->arena.data() + set->arena_used;
+    fold_field_part(to, name);
+    memcpy(to + name.size(), "::", 2);
+    fold_field_part(to + name.size() + 2, value);
+    commit_term(set, size);
+}
+
+std::span<const std::string_view> term_set_terms(term_set* set) {
+    set->views.clear();
+    for (const term_set::entry& entry : set->entries)
+        set->views.push_back({set->arena.data() + entry.offset, entry.length});
+    return set->views;
+}
+
+std::string fold_value(std::string_view value) {
+    if (value.empty()) return {};
+    std::string folded(value.size() + SLACK, '\0');
+    fold_field_part(folded.data(), value);
+    folded.resize(value.size());
+    return folded;
+}
+
+std::string fold_field_term(std::string_view name, std::string_view value) {
+    if (name.empty() || value.empty() || name.size() + 2 >= TERM_MAX) return {};
+    return fold_value(name) + "::" + fold_value(value.substr(0, TERM_MAX - name.size() - 2));
+}
+
+}  // namespace veldar
