@@ -7,8 +7,12 @@
 
 namespace veldar {
 
-// The record of one term. Random access reads the fewest bytes; ascending access reads ahead in pieces of about 4 KB.
+// Copies the record of one term, opening the handle's metadata reader on first use. A single look-up reads one entry;
+// ascending calls with small steps read ahead, about 4 KB at a time. `stats` is the query that this read and those
+// after it are accounted to, or null. 0; -15 for a term id out of range, -44 for a minified slice, or the failure of a
+// read. Slices that store counts only give times of 0.
 int warm_slice_term_metadata(WARM* warm, uint32_t term, st_query_info_t* stats, st_term_metadata* out, warm_rc_t* rc);
+// The event count alone.
 int get_meta_count(WARM* warm, uint32_t term, st_query_info_t* stats, uint32_t* count, warm_rc_t* rc);
 
 }  // namespace veldar
