@@ -1,0 +1,148 @@
+// Finding one term: by its text (a binary search over the first terms of the blocks, then a scan of one block) or by
+// id.
+#include <algorithm>
+#include <cstring>
+
+#include "searchthing/fclex.h"
+#include "searchthing/fclex_internal.h"
+#include "searchthing/warmslice_util.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint64_t PROBE_SIZE = 2050;  // a length number of up to three bytes and 2047 bytes of text
+
+// The bytes at the start of a block that its first term is decoded from.
+int probe_block(FCLEX* lex, uint64_t block, st_query_info_t* stats, std::span<const uint8_t>* bytes) {
+    if (!fclex_in_file(lex)) return fclex_fetch_block(lex, block, stats, bytes);
+    if (lex->block_cache_size < PROBE_SIZE) return WARM_RC_FAILED;
+    const fclex_extent extent = fclex_block_extent(lex, block, stats);
+    if (extent.start == FCLEX_BAD_OFFSET || extent.end == FCLEX_BAD_OFFSET) return WARM_RC_READ;
+    if (extent.end < extent.start) return WARM_RC_CORRUPT;
+    const uint64_t at =
+        static_cast<uint64_t>(lex->fclex_offset) + fclex_blocks_offset(fclex_block_count(lex)) + extent.start;
+    // Always the whole probe, which may reach into the next block or past the lexicon; a file's tail gives fewer bytes.
+    const int64_t got = st_timed_pread_msg(lex->fd, lex->block_cache, PROBE_SIZE, at, stats, false);
+    if (got < 1) return WARM_RC_READ;
+    *bytes = {lex->block_cache, std::min(static_cast<uint64_t>(got), uint64_t{extent.size()})};
+    return 0;
+}
+
+// The first term of a block, cut to 2047 bytes.
+int first_term(FCLEX* lex, uint64_t block, st_query_info_t* stats, std::span<const uint8_t>* term) {
+    std::span<const uint8_t> bytes;
+    ST_TRY(probe_block(lex, block, stats, &bytes));
+    uint32_t length;
+    const uint32_t used = vbe_decode_bounded(&length, bytes.data(), bytes.data() + bytes.size());
+    if (used == 0) return WARM_RC_CORRUPT;
+    const std::span<const uint8_t> text = bytes.subspan(used);
+    const uint32_t cut = std::min(length, ST_MAX_TERM_LENGTH);
+    if (cut > text.size()) return WARM_RC_CORRUPT;
+    *term = text.first(cut);
+    return 0;
+}
+
+// The id of a text. The result is what st_fclex_get reports; `rc` tells an absent term from an unreadable one.
+int64_t lookup_text(FCLEX* lex, const char* text, st_query_info_t* stats, warm_rc_t* rc) {
+    fclex_check(lex);
+    const int64_t block = *text == '\0' ? 0 : _find_block(lex, text, stats, rc);
+    if (block < 0) return WARM_RC_FAILED;
+    char term[ST_TERM_BUFFER_SIZE];
+    const int64_t position =
+        _find_word(lex, static_cast<uint64_t>(block), LOOKUP_BY_TEXT, {.text = text}, term, sizeof term, stats, rc);
+    return position < 0 ? position : block * fclex_tperb(lex) + position;
+}
+
+}  // namespace
+
+std::span<const uint8_t> fclex_key(const char* text) {
+    return {reinterpret_cast<const uint8_t*>(text), ::strnlen(text, ST_MAX_TERM_LENGTH)};
+}
+
+int fclex_compare(std::span<const uint8_t> term, std::span<const uint8_t> key) {
+    const size_t common = std::min(term.size(), key.size());
+    if (common != 0) {
+        if (const int order = std::memcmp(term.data(), key.data(), common); order != 0) return order;
+    }
+    if (term.size() < key.size()) return -1;
+    return term.size() > key.size() && term[key.size()] != 0 ? 1 : 0;
+}
+
+int64_t _find_block(FCLEX* lex, const char* text, st_query_info_t* stats, warm_rc_t* rc) {
+    fclex_check(lex);
+    const uint64_t block_count = fclex_block_count(lex);
+    if (block_count == 1) return 0;
+    const std::span<const uint8_t> key = fclex_key(text);
+    uint64_t low = 0, high = block_count - 1;
+    for (;;) {
+        const bool last_step = low + 1 == high;
+        const uint64_t middle = last_step ? high : low + (high - low) / 2;
+        std::span<const uint8_t> term;
+        if (const int status = first_term(lex, middle, stats, &term); status != 0) {
+            _set_rc_msg(rc, status, "cannot read the first term of a block");
+            return WARM_RC_FAILED;
+        }
+        const int order = fclex_compare(term, key);
+        if (last_step) return static_cast<int64_t>(order > 0 ? low : high);
+        if (order == 0) return static_cast<int64_t>(middle);
+        (order > 0 ? high : low) = middle;
+    }
+}
+
+int64_t _find_word(FCLEX* lex, uint64_t block, lookup_type_t type, criteria_u criterion, char* out, size_t out_size,
+                   st_query_info_t* stats, warm_rc_t* rc) {
+    if (out_size < ST_TERM_BUFFER_SIZE) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "term buffer too small");
+    std::span<const uint8_t> bytes;
+    if (const int status = fclex_fetch_block(lex, block, stats, &bytes); status != 0) {
+        _set_rc_msg(rc, status, "cannot fetch a block");
+        return WARM_RC_READ;
+    }
+    const std::span<const uint8_t> key =
+        type == LOOKUP_BY_TEXT ? fclex_key(criterion.text) : std::span<const uint8_t>{};
+    const uint32_t terms = fclex_terms_in_block(lex, block);
+    fclex_block_cursor cursor = fclex_start_block(bytes, bytes.data() + bytes.size(), fclex_tperb(lex));
+    for (uint32_t j = 0; j < terms; j++) {
+        if (const int status = fclex_next_term(&cursor, out); status != 0) {
+            _set_rc_msg(rc, WARM_RC_CORRUPT, "cannot decode a term");
+            return status;
+        }
+        const bool found = type == LOOKUP_BY_POSITION
+                               ? j == criterion.position
+                               : fclex_compare({reinterpret_cast<const uint8_t*>(out), cursor.length}, key) == 0;
+        if (found) {
+            _set_rc(rc, 0);
+            return j;
+        }
+    }
+    _set_rc(rc, WARM_RC_NOT_FOUND);
+    return WARM_RC_FAILED;
+}
+
+int32_t st_fclex_get(FCLEX* lex, const char* text, st_query_info_t* stats) {
+    if (lex == nullptr || text == nullptr) return WARM_RC_FAILED;
+    warm_rc_t rc;
+    return static_cast<int32_t>(lookup_text(lex, text, stats, &rc));
+}
+
+int _fclex_get_with_status(FCLEX* lex, const char* text, uint32_t* id, st_query_info_t* stats, warm_rc_t* rc) {
+    if (lex == nullptr) return _set_rc(rc, WARM_RC_NO_LEXICON);
+    if (text == nullptr) return _set_rc(rc, WARM_RC_INVALID_ARGUMENT);
+    const int64_t found = lookup_text(lex, text, stats, rc);
+    if (found >= 0) *id = static_cast<uint32_t>(found);
+    return rc->warm_rc;
+}
+
+int st_fclex_get_term_from_id(FCLEX* lex, uint32_t id, char* out, size_t out_size, st_query_info_t* stats,
+                              warm_rc_t* rc) {
+    fclex_check(lex);
+    if (id >= st_fclex_terms(lex)) return _set_rc_msg(rc, WARM_RC_CAPACITY, "term id out of range");
+    const uint32_t tperb = fclex_tperb(lex);
+    const int64_t position =
+        _find_word(lex, id / tperb, LOOKUP_BY_POSITION, {.position = id % tperb}, out, out_size, stats, rc);
+    if (position >= 0 || position == WARM_RC_INVALID_ARGUMENT) return rc->warm_rc;
+    if (position == WARM_RC_READ) return _set_rc_msg(rc, WARM_RC_READ, "cannot get block from id");
+    return _set_rc_msg(rc, WARM_RC_NOT_FOUND, "find word failed");
+}
+
+}  // namespace veldar

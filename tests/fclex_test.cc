@@ -1,0 +1,379 @@
+#include "searchthing/fclex.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "searchthing/fclex_internal.h"
+#include "tests/support/damage.h"
+
+namespace veldar {
+namespace {
+
+struct closer {
+    void operator()(FCLEX* lex) const { st_fclex_close(lex); }
+};
+using lexicon = std::unique_ptr<FCLEX, closer>;
+
+// A body opened in either mode, for loops over both. Memory is exactly as long as the body, so that the sanitizer sees
+// any byte too far; in the file something else lies before the body.
+class opened {
+  public:
+    static constexpr int64_t OFFSET = 7;
+    opened(const std::string& body, bool in_file) : bytes_(body.begin(), body.end()) {
+        if (!in_file) {
+            lex.reset(_fclex_open_bounded(bytes_));
+            return;
+        }
+        fd.reset(::memfd_create("lexicon", MFD_CLOEXEC));
+        EXPECT_EQ(::pwrite(fd.get(), bytes_.data(), bytes_.size(), OFFSET), static_cast<ssize_t>(bytes_.size()));
+        lex.reset(st_fclex_open_fd(fd.get(), OFFSET));
+    }
+    std::vector<uint8_t> bytes_;
+    unique_fd fd;
+    lexicon lex;
+};
+
+// An encoder of the test's own, for terms of any length and any byte.
+std::string forge_body(const std::vector<std::string>& terms, uint32_t tperb) {
+    const auto vbe = [](size_t v) {
+        std::string out;
+        for (; v >= 0x80; v >>= 7) out += static_cast<char>(v | 0x80);
+        return out + static_cast<char>(v);
+    };
+    const auto be = [](size_t v) {
+        return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+                           static_cast<char>(v)};
+    };
+    std::string table, blocks;
+    for (size_t i = 0; i < terms.size(); i++) {
+        const size_t j = i % tperb;
+        size_t p = 0;
+        while (j != 0 && p < 2046 && p < terms[i - 1].size() && p < terms[i].size() && terms[i - 1][p] == terms[i][p])
+            p++;
+        if (j == 0 && i != 0) table += be(blocks.size());
+        if (j != 0) blocks += vbe(p);
+        if (j == 0 || j != tperb - 1) blocks += vbe(terms[i].size() - p);
+        blocks += terms[i].substr(p);
+    }
+    return be(terms.size()) + be(tperb) + be(99) + table + be(blocks.size()) + blocks;
+}
+
+std::string create_body(const std::vector<std::string>& terms, uint32_t tperb, uint32_t uncompressed_size = 99) {
+    std::vector<const char*> pointers;
+    uint64_t length = 0;
+    for (const std::string& term : terms) pointers.push_back(term.c_str()), length += term.size();
+    std::string body(fclex_body_bound(terms.size(), length, tperb), '\xEE');
+    const auto count = static_cast<uint32_t>(terms.size());
+    const lexicon lex(st_fclex_create(body.data(), body.size(), pointers.data(), count, tperb, uncompressed_size));
+    return lex == nullptr ? "" : body.substr(0, st_fclex_size(lex.get()));
+}
+
+struct walked {
+    int64_t result = 0;
+    std::vector<std::pair<int32_t, std::string>> terms;
+    size_t stop_after = ~size_t{0};
+};
+
+walked walk(FCLEX* lex, const char* prefix, size_t stop_after = ~size_t{0}, st_query_info_t* stats = nullptr) {
+    walked w = {0, {}, stop_after};
+    const st_term_fn fn = [](int32_t id, const char* term, size_t length, void* context) {
+        auto* out = static_cast<walked*>(context);
+        EXPECT_EQ(term[length], '\0');
+        out->terms.emplace_back(id, std::string(term, length));
+        return out->terms.size() >= out->stop_after ? -1 : 2;
+    };
+    w.result = st_fclex_apply(lex, prefix, fn, &w, stats);
+    return w;
+}
+
+std::vector<std::string> random_terms(std::mt19937* rng, size_t count) {
+    static const std::vector<std::string> stems = {"", "host::", "path::/var/log/", std::string(200, 'q'), "\xFF\x01"};
+    const size_t letters = (*rng)() % 2 == 0 ? 3 : 255;
+    std::set<std::string> terms;
+    while (terms.size() < count) {
+        std::string term = stems[(*rng)() % stems.size()];
+        const size_t length = (*rng)() % ((*rng)() % 50 == 0 ? 1800 : 12);
+        for (size_t i = 0; i < length; i++) term += static_cast<char>((*rng)() % letters + 1);
+        terms.insert(term);
+    }
+    const auto bytewise = [](const std::string& a, const std::string& b) { return a.compare(b) < 0; };
+    std::vector<std::string> sorted(terms.begin(), terms.end());
+    std::sort(sorted.begin(), sorted.end(), bytewise);
+    return sorted;
+}
+
+void check_against_model(FCLEX* lex, const std::vector<std::string>& terms, std::mt19937* rng) {
+    ASSERT_EQ(st_fclex_terms(lex), terms.size());
+    char text[ST_TERM_BUFFER_SIZE];
+    warm_rc_t rc;
+    for (uint32_t id = 0; id < terms.size(); id++) {
+        ASSERT_EQ(st_fclex_get(lex, terms[id].c_str(), nullptr), static_cast<int32_t>(id)) << terms[id];
+        ASSERT_EQ(st_fclex_get_term_from_id(lex, id, text, sizeof text, nullptr, &rc), 0);
+        ASSERT_EQ(text, terms[id]);
+    }
+    for (int i = 0; i < 60; i++) {
+        std::string key = terms[(*rng)() % terms.size()];
+        key = key.substr(0, (*rng)() % (key.size() + 1)) + (i % 3 == 0 ? "~" : "");
+        const auto begin = std::lower_bound(terms.begin(), terms.end(), key);
+        uint32_t id = 0;
+        const bool present = begin != terms.end() && *begin == key;
+        EXPECT_EQ(_fclex_get_with_status(lex, key.c_str(), &id, nullptr, &rc), present ? 0 : WARM_RC_NOT_FOUND);
+        EXPECT_EQ(st_fclex_get(lex, key.c_str(), nullptr), present ? begin - terms.begin() : -1);
+
+        const walked w = walk(lex, key.c_str());
+        auto expected = key.empty() ? terms.begin() : begin;
+        for (const auto& [found_id, found] : w.terms) {
+            ASSERT_EQ(found, *expected);
+            ASSERT_EQ(found_id, expected - terms.begin());
+            expected++;
+        }
+        EXPECT_TRUE(expected == terms.end() || !expected->starts_with(key));
+        EXPECT_EQ(w.result, static_cast<int64_t>(2 * w.terms.size()));
+    }
+    EXPECT_EQ(walk(lex, nullptr).terms.size(), terms.size());
+}
+
+TEST(Fclex, AgreesWithASortedListInBothModes) {
+    std::mt19937 rng(7);
+    for (uint32_t tperb : {1, 2, 3, 4, 7, 8, 63, 64}) {
+        for (size_t count : {1, 2, 9, 64, 65, 700}) {
+            const std::vector<std::string> terms = random_terms(&rng, count);
+            const std::string body = create_body(terms, tperb);
+            ASSERT_EQ(body, forge_body(terms, tperb)) << tperb << " " << count;
+            for (const bool in_file : {false, true}) {
+                SCOPED_TRACE(testing::Message() << "tperb " << tperb << " terms " << count << " file " << in_file);
+                const opened o(body, in_file);
+                ASSERT_NE(o.lex, nullptr);
+                EXPECT_EQ(st_fclex_size(o.lex.get()), body.size());
+                EXPECT_EQ(st_fclex_blocksize(o.lex.get()), tperb);
+                EXPECT_EQ(st_fclex_how_many_blocks(o.lex.get()), (count + tperb - 1) / tperb);
+                EXPECT_EQ(st_fclex_uncompressed_size(o.lex.get()), 99u);
+                EXPECT_TRUE(!in_file || st_fclex_size_fd(o.fd.get(), opened::OFFSET) == body.size());
+                check_against_model(o.lex.get(), terms, &rng);
+            }
+        }
+    }
+}
+
+TEST(Fclex, BytesOfASmallBody) {
+    const std::string body(
+        "\0\0\0\5\0\0\0\4\0\0\0\10"
+        "\0\0\0\12\0\0\0\15"
+        "\0"
+        "\0\2ab"
+        "\2\1c"
+        "\0b"
+        "\2ba",
+        33);
+    EXPECT_EQ(create_body({"", "ab", "abc", "b", "ba"}, 4, 8), body);
+    const opened o(body, true);
+    EXPECT_EQ(walk(o.lex.get(), "ab").terms, (decltype(walked::terms){{1, "ab"}, {2, "abc"}}));
+    EXPECT_EQ(walk(o.lex.get(), nullptr, 3).result, -1);
+    EXPECT_EQ(walk(o.lex.get(), nullptr, 3).terms.size(), 3u);
+    EXPECT_EQ(walk(o.lex.get(), "zz").result, 0);
+    EXPECT_EQ(st_fclex_get(o.lex.get(), "", nullptr), 0);
+
+    std::vector<uint8_t> moved(body.size());
+    const opened memory(body, false);
+    st_fclex_relocate(memory.lex.get(), moved.data());
+    EXPECT_EQ(memory.lex->body, moved.data());
+    EXPECT_EQ(st_fclex_get(memory.lex.get(), "ba", nullptr), 4);
+}
+
+TEST(Fclex, LongTermsAreCutTo2047) {
+    const std::string a2046(2046, 'a'), a2047(2047, 'a'), b(3000, 'b'), c(2048, 'c');
+    for (const uint32_t tperb : {1, 2, 3, 8}) {
+        for (const bool in_file : {false, true}) {
+            if (in_file && tperb < 3) continue;  // the block of 3000 bytes passes the cache
+            const opened o(forge_body({a2046, a2047, b, c, "d"}, tperb), in_file);
+            FCLEX* lex = o.lex.get();
+            const walked w = walk(lex, nullptr);
+            ASSERT_EQ(w.result, 10);
+            EXPECT_EQ(w.terms[1].second, a2047);
+            EXPECT_EQ(w.terms[2].second, b.substr(0, 2047));
+            EXPECT_EQ(w.terms[3].second, c.substr(0, 2047));
+            EXPECT_EQ(st_fclex_get(lex, a2046.c_str(), nullptr), 0);
+            EXPECT_EQ(st_fclex_get(lex, a2047.c_str(), nullptr), 1);
+            EXPECT_EQ(st_fclex_get(lex, b.c_str(), nullptr), 2);
+            EXPECT_EQ(st_fclex_get(lex, (b.substr(0, 2047) + "zz").c_str(), nullptr), 2);
+            EXPECT_EQ(st_fclex_get(lex, b.substr(0, 2046).c_str(), nullptr), -1);
+            EXPECT_EQ(st_fclex_get(lex, "d", nullptr), 4);
+        }
+    }
+}
+
+TEST(Fclex, CreationRefusesWhatIsNotALexicon) {
+    EXPECT_EQ(create_body({"a", "a"}, 4), "");
+    EXPECT_EQ(create_body({"b", "a"}, 4), "");
+    EXPECT_EQ(create_body({"\x80", "a"}, 4), "");
+    EXPECT_EQ(create_body({"ab", "a"}, 4), "");
+    EXPECT_EQ(create_body({"a"}, 4, 0), "");
+    EXPECT_NE(create_body({"a", std::string(40000, 'b')}, 4), "");
+}
+
+// A case names the field or byte of the five-term body that is wrong, and what must come of it.
+TEST(Fclex, NamesTheDamage) {
+    struct damage {
+        const char* what;
+        size_t at;
+        uint8_t byte;
+        int64_t walk;
+        int status;  // of a lookup of "b" that tells why
+        int32_t get;
+    };
+    // clang-format off
+    const damage cases[] = {
+        {"prefix longer than the term before", 25, 3, WARM_RC_CORRUPT, WARM_RC_CORRUPT, -12},
+        {"rest leaves the block", 22, 90, WARM_RC_CORRUPT, WARM_RC_CORRUPT, -12},
+        {"first length leaves the block", 30, 90, WARM_RC_CORRUPT, WARM_RC_CORRUPT, -1},
+    };
+    // clang-format on
+    const std::string body = forge_body({"", "ab", "abc", "b", "ba"}, 4);
+    for (const damage& c : cases) {
+        for (const bool in_file : {false, true}) {
+            SCOPED_TRACE(c.what);
+            std::string bytes = body;
+            bytes[c.at] = static_cast<char>(c.byte);
+            const opened o(bytes, in_file);
+            ASSERT_NE(o.lex, nullptr);
+            uint32_t id;
+            warm_rc_t rc;
+            EXPECT_EQ(walk(o.lex.get(), nullptr).result, c.walk);
+            EXPECT_EQ(_fclex_get_with_status(o.lex.get(), "b", &id, nullptr, &rc), c.status);
+            EXPECT_EQ(st_fclex_get(o.lex.get(), "b", nullptr), c.get);
+        }
+    }
+    const opened o(body.substr(0, 31), true);
+    char text[ST_TERM_BUFFER_SIZE];
+    warm_rc_t rc;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(st_fclex_get_term_from_id(o.lex.get(), 5, text, sizeof text, nullptr, &rc), WARM_RC_CAPACITY);
+    EXPECT_STREQ(rc.message, "term id out of range");
+    EXPECT_EQ(st_fclex_get_term_from_id(o.lex.get(), 4, text, sizeof text, nullptr, &rc), WARM_RC_READ);
+    EXPECT_STREQ(rc.message, "cannot get block from id");
+    EXPECT_EQ(st_fclex_get_term_from_id(o.lex.get(), 0, text, 2047, nullptr, &rc), WARM_RC_INVALID_ARGUMENT);
+    const walked w = walk(o.lex.get(), nullptr);
+    EXPECT_EQ(w.result, WARM_RC_READ);
+    EXPECT_EQ(w.terms.size(), 4u) << "the terms before the cut are handed out";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error preading block from offsets\nerror preading block from offsets\n");
+    EXPECT_EQ(st_fclex_apply(nullptr, nullptr, nullptr, nullptr, nullptr), WARM_RC_NO_LEXICON);
+}
+
+TEST(Fclex, HostileHeadersDoNotOpen) {
+    const std::string body = forge_body({"", "ab", "abc", "b", "ba"}, 4);
+    const std::pair<size_t, std::string> cases[] = {{0, std::string(4, '\0')}, {4, std::string(4, '\0')}};
+    for (const auto& [at, field] : cases) {
+        std::string bytes = body;
+        bytes.replace(at, 4, field);
+        EXPECT_EQ(opened(bytes, false).lex, nullptr);
+        EXPECT_EQ(opened(bytes, true).lex, nullptr);
+    }
+    std::string huge_blocks = body, many_terms = body;
+    huge_blocks.replace(4, 4, std::string("\x00\x08\x00\x00", 4));  // 524288 * 2052 is above 1 GiB
+    EXPECT_EQ(opened(huge_blocks, true).lex, nullptr);
+    many_terms.replace(0, 4, "\xFF\xFF\xFF\xFF");
+    EXPECT_EQ(opened(many_terms, false).lex, nullptr) << "the offset table passes the limit";
+}
+
+void use_everything(FCLEX* lex) {
+    const std::set<int64_t> failures = {-1, -8, -12};
+    const auto listed = [&](int64_t result) { return result >= 0 || failures.contains(result); };
+    warm_rc_t rc;
+    uint32_t id;
+    char text[ST_TERM_BUFFER_SIZE];
+    for (const char* key : {"", "host::", "host::a", "zz"}) {
+        EXPECT_TRUE(listed(walk(lex, key, 1000).result));
+        EXPECT_TRUE(listed(st_fclex_get(lex, key, nullptr)));
+        const int status = _fclex_get_with_status(lex, key, &id, nullptr, &rc);
+        EXPECT_TRUE(status == 0 || status == -8 || status == -12 || status == -38) << status;
+    }
+    for (const uint32_t i : {0u, 1u, 3u, 6u}) {
+        const int status = st_fclex_get_term_from_id(lex, i, text, sizeof text, nullptr, &rc);
+        EXPECT_TRUE(status == 0 || status == -8 || status == -15 || status == -38) << status;
+    }
+    st_fclex_size(lex);
+}
+
+TEST(Fclex, SurvivesEverySmallDamage) {
+    const std::string body =
+        forge_body({"a", "host::a", "host::b", "host::bb", std::string(130, 'k'), std::string(131, 'k'), "z"}, 3);
+    testing::internal::CaptureStderr();
+    const size_t calls = damage_sweep(body, {}, [](const std::string& bytes, const std::string& what) {
+        SCOPED_TRACE(what);
+        for (const bool in_file : {false, true}) {
+            const opened o(bytes, in_file);
+            if (o.lex != nullptr) use_everything(o.lex.get());
+        }
+    });
+    testing::internal::GetCapturedStderr();
+    EXPECT_GT(calls, 3 * body.size());
+}
+
+TEST(Fclex, WalkReadsLargePiecesAndMayNest) {
+    std::mt19937 rng(3);
+    std::vector<std::string> terms = random_terms(&rng, 30000);
+    terms.push_back(std::string(2000, '\xFF'));
+    const std::string body = create_body(terms, 8);
+    const opened o(body, true);
+    st_query_info_t stats;
+    EXPECT_EQ(walk(o.lex.get(), nullptr, ~size_t{0}, &stats).terms.size(), terms.size());
+    EXPECT_LE(stats.reads, body.size() / 8192 + 2);
+    EXPECT_EQ(stats.bytes, body.size() - 12 + 4 * ((terms.size() + 7) / 8 / 4096)) << "nothing is read twice";
+
+    // Blocks far larger than a piece, and a callback that looks terms up in the handle it walks.
+    const opened wide(create_body(terms, 4000), true);
+    struct nested {
+        FCLEX* lex;
+        int32_t next;
+    } context = {wide.lex.get(), 0};
+    const st_term_fn look_up = [](int32_t id, const char* term, size_t, void* opaque) {
+        auto* n = static_cast<nested*>(opaque);
+        EXPECT_EQ(id, n->next++);
+        EXPECT_TRUE(id % 997 != 0 || st_fclex_get(n->lex, term, nullptr) == id);
+        return 0;
+    };
+    EXPECT_EQ(st_fclex_apply(wide.lex.get(), "", look_up, &context, nullptr), 0);
+    EXPECT_EQ(context.next, static_cast<int32_t>(terms.size()));
+}
+
+TEST(Fclex, EnumerationPrefersBlankTermsWithCapitals) {
+    const opened o(forge_body({" Abc", " abd", "abc", "abd", "abe"}, 2), true);
+    const opened plain(forge_body({" abc", "abc", "abd", "abe", "b"}, 2), false);
+    struct enumeration {
+        const opened* from;
+        const char* prefix;
+        uint32_t capacity;
+        bool case_flag;
+        std::vector<std::pair<std::string, uint32_t>> expected;
+    };
+    const enumeration cases[] = {
+        {&o, "ab", 2, false, {{"abc", 2}, {"abd", 3}}},
+        {&o, "A", 9, true, {{"Abc", 0}}},
+        {&o, "", 9, true, {{"Abc", 0}, {"abd", 1}}},
+        {&o, "ab", 9, true, {{"abc", 2}, {"abd", 3}, {"abe", 4}}},
+        {&plain, "ab", 9, true, {{"abc", 1}, {"abd", 2}, {"abe", 3}}},
+        {&plain, "ab", 0, false, {}},
+        {&plain, nullptr, 1, false, {{" abc", 0}}},
+    };
+    for (const enumeration& c : cases) {
+        std::vector<st_enum_answer> answers(c.capacity);
+        const int count = st_fclex_enum(c.from->lex.get(), c.prefix, answers.data(), c.capacity, c.case_flag);
+        ASSERT_EQ(static_cast<size_t>(count), c.expected.size());
+        for (size_t i = 0; i < c.expected.size(); i++) {
+            EXPECT_EQ(answers[i].term, c.expected[i].first);
+            EXPECT_EQ(answers[i].id, c.expected[i].second);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace veldar
