@@ -6,8 +6,8 @@ namespace veldar {
 // Stores both process-wide flags; with verbose set also prints them. Called once, before other threads use the engine.
 void stSetupLogger(int verbose, int log2veldar);
 
-// Writes a line whose format begins with its level word padded to six characters ("DEBUG ", "INFO  ", "WARN  ", "ERROR
-// ") and ends with its own newline. A line with debug flag 1 needs verbose; one with debug flag 0 needs verbose or
+// Writes a line whose format begins with its level word, padded to six characters ("DEBUG ", "INFO  ", "WARN  " or
+// "ERROR "), and ends with its own newline. A line with debug flag 1 needs verbose; one with debug flag 0 verbose or
 // log2veldar. Without log2veldar the line is preceded by "tm= %lu " with the seconds since the epoch.
 void _log(int debug, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
