@@ -31,6 +31,7 @@ const std::map<std::string, int>& floor_table() {
         // 5: search in a slice
         {"search_*", 5},
         {"warmslice_search", 5},
+        {"warmslice_search_*", 5},
         {"warmslice_merge", 5},
         {"merge_*", 5},
         // 4: one slice, on disk and in memory
@@ -39,11 +40,7 @@ const std::map<std::string, int>& floor_table() {
         {"plist", 4},
         {"plist_*", 4},
         {"warmslice", 4},
-        {"warmslice_create", 4},
-        {"warmslice_create_*", 4},
-        {"warmslice_meta", 4},
-        {"warmslice_mini", 4},
-        {"warmslice_values", 4},
+        {"warmslice_*", 4},
         // 3: the sections
         {"bitmap", 3},
         {"bitmap_*", 3},
