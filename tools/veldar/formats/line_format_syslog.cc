@@ -1,0 +1,183 @@
+// The lines of syslog in three forms:
+//
+//   <34>Jun 14 15:16:01 host program[pid]: text                              RFC 3164; the priority and the host may
+//   lack <34>1 2003-10-11T22:14:15.003Z host app procid msgid [id a="b"] text     RFC 5424
+//   2025-06-14T15:16:01.123456+02:00 host program[pid]: text                 what rsyslog writes into files by now
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+
+#include "tools/veldar/formats/line_format_internal.h"
+
+namespace veldar {
+namespace {
+
+constexpr int64_t DAY_S = 86400;
+constexpr int64_t HALF_YEAR_S = 182 * DAY_S;
+
+constexpr std::string_view FACILITIES[] = {"kern",   "user",   "mail",   "daemon", "auth",     "syslog",
+                                           "lpr",    "news",   "uucp",   "cron",   "authpriv", "ftp",
+                                           "ntp",    "audit",  "alert",  "clock",  "local0",   "local1",
+                                           "local2", "local3", "local4", "local5", "local6",   "local7"};
+constexpr std::string_view SEVERITIES[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
+
+// "<34>" with its three fields.
+bool take_priority(std::string_view* rest, parsed_line* out) {
+    size_t end = rest->substr(0, 5).find('>');
+    if (!take_char(rest, '<') || end == std::string_view::npos || end < 2) return false;
+    std::string_view digits = rest->substr(0, end - 1);
+    int64_t priority = 0;
+    if (!take_digits(rest, digits.size(), &priority) || !take_char(rest, '>')) return false;
+    if (static_cast<size_t>(priority / 8) >= std::size(FACILITIES)) return false;
+    add_field(out, "priority", digits);
+    add_field(out, "facility", FACILITIES[priority / 8]);
+    add_field(out, "severity", SEVERITIES[priority % 8]);
+    return true;
+}
+
+// "program[pid]: ", also "program(module)[pid]: "; nothing is taken when the text does not begin with a whole tag.
+bool take_program(std::string_view* rest, parsed_line* out) {
+    std::string_view left = *rest;
+    std::string_view program = left.substr(0, left.find_first_of(" :[("));
+    left.remove_prefix(program.size());
+    std::string_view pid;
+    if (left.starts_with('(')) left.remove_prefix(std::min(left.find(')'), left.size() - 1) + 1);
+    if (take_char(&left, '[')) {
+        pid = left.substr(0, left.find_first_of("] "));
+        left.remove_prefix(pid.size());
+        if (!take_char(&left, ']')) return false;
+    }
+    if (program.empty() || !take_char(&left, ':')) return false;
+    add_field(out, "program", program);
+    add_field(out, "pid", pid);
+    *rest = left;
+    return true;
+}
+
+int64_t year_of(int64_t local_s) {
+    std::chrono::sys_days day(std::chrono::floor<std::chrono::days>(std::chrono::seconds(local_s)));
+    return static_cast<int>(std::chrono::year_month_day(day).year());
+}
+
+int64_t latest_s(const format_context& context) {
+    if (context.year != 0) return std::numeric_limits<int64_t>::max();
+    int64_t modified_s = context.modified_s;
+    if (modified_s == NO_TIME_SEEN) modified_s = static_cast<int64_t>(time(nullptr));
+    return modified_s + DAY_S;
+}
+
+// The stamp in a given year; false when the year lacks the day or the time would be too late for the file.
+bool stamp_in_year(const yearless_stamp& stamp, int64_t year, format_context* context, int64_t* local_s) {
+    int64_t days = 0;
+    if (!days_from_date(year, stamp.month, stamp.day, &days)) return false;
+    *local_s = days * DAY_S + stamp.second_of_day;
+    return log_zone_to_epoch(&context->zone, *local_s) <= latest_s(*context);
+}
+
+// The first line's year: the given one, else the latest that the file's modification time allows.
+bool first_year(const yearless_stamp& stamp, format_context* context, int64_t* local_s) {
+    if (context->year != 0) return stamp_in_year(stamp, context->year, context, local_s);
+    int64_t newest = year_of(latest_s(*context)) + 1;  // + 1: the zone may be ahead
+    for (int64_t year = newest; year > newest - 10; year--) {
+        if (stamp_in_year(stamp, year, context, local_s)) return true;
+    }
+    return false;
+}
+
+// A later line's year: the one that brings it nearest to the line before. So a log runs over New Year in either
+// direction, and one odd line (a clock that was not set yet) does not carry the rest away.
+bool next_year(const yearless_stamp& stamp, format_context* context, int64_t* local_s) {
+    int64_t year = year_of(context->last_local_s);
+    bool found = stamp_in_year(stamp, year, context, local_s);
+    auto distance = [&](int64_t at_s) { return std::abs(at_s - context->last_local_s); };
+    if (found && distance(*local_s) < HALF_YEAR_S) return true;
+    for (int64_t other : {year - 1, year + 1}) {
+        int64_t other_s = 0;
+        if (!stamp_in_year(stamp, other, context, &other_s)) continue;
+        if (!found || distance(other_s) < distance(*local_s)) *local_s = other_s;
+        found = true;
+    }
+    return found;
+}
+
+void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context) {
+    int64_t local_s = 0;
+    bool first = context->last_local_s == NO_TIME_SEEN;
+    if (!(first ? first_year(stamp, context, &local_s) : next_year(stamp, context, &local_s))) return;
+    int64_t epoch_s = log_zone_to_epoch(&context->zone, local_s);
+    out->has_time = log_time_store(epoch_s, stamp.nanoseconds, &out->time);
+    if (out->has_time) context->last_local_s = local_s;
+}
+
+// The elements of structured data, `[id name="value" ...]` one behind the other or "-"; each value is a field.
+bool take_structured_data(std::string_view* rest, parsed_line* out) {
+    if (take_char(rest, '-')) return true;
+    if (!rest->starts_with('[')) return false;
+    while (take_char(rest, '[')) {
+        rest->remove_prefix(std::min(rest->find_first_of(" ]"), rest->size()));
+        while (take_char(rest, ' ')) {
+            std::string_view name = rest->substr(0, rest->find_first_of("= ]\""));
+            rest->remove_prefix(name.size());
+            if (!take_char(rest, '=') || !take_char(rest, '"')) return false;
+            size_t size = quoted_size(*rest, '"');
+            if (size == std::string_view::npos) return false;
+            if (!name.empty()) add_field(out, name, rest->substr(0, size));
+            rest->remove_prefix(size + 1);
+        }
+        if (!take_char(rest, ']')) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parse_syslog(std::string_view line, format_context* context, parsed_line* out) {
+    std::string_view rest = begin_parse(line, out);
+    yearless_stamp stamp;
+    bool prioritised = rest.starts_with('<');
+    if (prioritised && !take_priority(&rest, out)) return parse_as_text(line, out);
+    if (!take_month_day(&rest, &stamp) || !(rest.empty() || rest[0] == ' ')) return parse_as_text(line, out);
+
+    set_yearless_time(out, stamp, context);
+    skip_blanks(&rest);
+    if (!take_program(&rest, out)) {
+        add_field(out, "host", take_word(&rest));
+        static_cast<void>(take_program(&rest, out));
+    }
+    add_pairs(out, rest);
+    return true;
+}
+
+bool parse_syslog_5424(std::string_view line, format_context* context, parsed_line* out) {
+    std::string_view rest = begin_parse(line, out);
+    log_stamp stamp;
+    if (!take_priority(&rest, out) || !take_char(&rest, '1') || !take_char(&rest, ' ')) return parse_as_text(line, out);
+    bool timed = !rest.starts_with("- ");
+    if (timed && !take_iso8601(&rest, &stamp)) return parse_as_text(line, out);
+    if (!timed) rest.remove_prefix(1);
+    if (!take_char(&rest, ' ')) return parse_as_text(line, out);
+
+    if (timed) set_time(out, stamp, context);
+    for (std::string_view name : {"host", "app", "procid", "msgid"}) add_dash_field(out, name, take_word(&rest));
+    std::string_view text = rest;
+    if (take_structured_data(&rest, out)) text = rest;
+    add_pairs(out, text);
+    return true;
+}
+
+bool parse_syslog_iso(std::string_view line, format_context* context, parsed_line* out) {
+    std::string_view rest = begin_parse(line, out);
+    log_stamp stamp;
+    bool timed = rest.size() > 10 && rest[10] == 'T' && take_iso8601(&rest, &stamp) && stamp.has_offset;
+    if (!timed || !take_char(&rest, ' ')) return parse_as_text(line, out);
+    std::string_view host = take_word(&rest);
+    if (is_level(host) || !take_program(&rest, out)) return parse_as_text(line, out);
+
+    set_time(out, stamp, context);
+    add_field(out, "host", host);
+    add_pairs(out, rest);
+    return true;
+}
+
+}  // namespace veldar
