@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <sstream>
 
 #include "tests/support/damage.h"
 #include "tests/support/reference.h"
+#include "tests/support/temp_dir.h"
 
 namespace veldar {
 namespace {
@@ -102,6 +104,45 @@ TEST(Forge, ValuesMetadataAndCompanionsAreTheWrittenExamples) {
               unhex("00000002 00000064 00000067  00000001 00000067 00000067  0000000000000000"));
     EXPECT_EQ(picture.at.lexicon, picture.at.reverse_terms + 8);
     EXPECT_EQ(picture.at.reverse_lexicon % 4, picture.at.lexicon % 4);
+}
+
+// The dump lines of one example in the format document, as the file that they draw.
+std::string documented_slice(const std::string& name) {
+    std::istringstream lines(read_file(VELDAR_SOURCE_DIR "/docs/file-format.md"));
+    std::string line, out;
+    bool inside = false;
+    while (std::getline(lines, line)) {
+        const std::string fence = "```slice " + name + " ";
+        if (line.rfind(fence, 0) == 0) {
+            inside = true;
+            out.resize(std::stoul(line.substr(fence.size())), '\0');
+        } else if (inside && line == "```") {
+            return out;
+        } else if (inside) {
+            const std::string bytes = unhex(line.substr(6, line.find("   ", 6) - 6));
+            out.replace(std::stoul(line.substr(0, 4), nullptr, 16), bytes.size(), bytes);
+        }
+    }
+    return {};
+}
+
+TEST(Forge, TheFormatDocumentShowsRealFiles) {
+    const std::vector<forge_event> events = {
+        {.time = 1000, .address = 0, .st = 1, .h = 2, .terms = {"host::a", "ok"}},
+        {.time = 1001, .address = 57, .st = 1, .h = 2, .terms = {"host::a", "ok"}},
+        {.time = 1001, .address = 120, .st = 1, .h = 3, .terms = {"error", "host::b"}},
+        {.time = 1003, .address = 190, .st = 1, .h = 2, .terms = {"host::a", "ok", "slow"}}};
+    forge_options created = forge_as_created(4);
+    created.uncompressed_size = 30;  // with a NUL behind each term
+    EXPECT_EQ(forge_slice(events, created), documented_slice("created"));
+    forge_options packed;
+    packed.wflags = FORGE_TAG2 | FORGE_PACKED | FORGE_PLO32;
+    packed.tperb = 4;
+    packed.forced = {{"host::a", forge_encoding::bmap},
+                     {"host::b", forge_encoding::spo},
+                     {"ok", forge_encoding::dedup},
+                     {"slow", forge_encoding::spo}};
+    EXPECT_EQ(forge_slice(events, packed), documented_slice("packed"));
 }
 
 TEST(Forge, EveryKindUsesEveryEncodingItCanExpress) {
