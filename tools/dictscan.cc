@@ -124,8 +124,9 @@ int main(int argc, char** argv) {
         std::fputs("ERROR: unable to compile the needle: out of memory\n", stderr);
         return 1;
     }
-    scan_context context = {matcher, warm, &out};
+    static scan_context context;  // reachable until the end, when the process gives both back
+    context = {matcher, warm, &out};
     st_fclex_apply(warm->lexicon, nullptr, print_if_matching, &context, nullptr);
     out.flush();
-    return 0;  // the slice and the matcher end with the process
+    return 0;
 }
