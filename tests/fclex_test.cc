@@ -143,8 +143,8 @@ void check_against_model(FCLEX* lex, const std::vector<std::string>& terms, std:
 
 TEST(Fclex, AgreesWithASortedListInBothModes) {
     std::mt19937 rng(7);
-    for (uint32_t tperb : {1, 2, 3, 4, 7, 8, 63, 64}) {
-        for (size_t count : {1, 2, 9, 64, 65, 700}) {
+    for (uint32_t tperb : {1u, 2u, 3u, 4u, 7u, 8u, 63u, 64u}) {
+        for (size_t count : {1u, 2u, 9u, 64u, 65u, 700u}) {
             const std::vector<std::string> terms = random_terms(&rng, count);
             const std::string body = create_body(terms, tperb);
             ASSERT_EQ(body, forge_body(terms, tperb)) << tperb << " " << count;
@@ -190,7 +190,7 @@ TEST(Fclex, BytesOfASmallBody) {
 
 TEST(Fclex, LongTermsAreCutTo2047) {
     const std::string a2046(2046, 'a'), a2047(2047, 'a'), b(3000, 'b'), c(2048, 'c');
-    for (const uint32_t tperb : {1, 2, 3, 8}) {
+    for (const uint32_t tperb : {1u, 2u, 3u, 8u}) {
         for (const bool in_file : {false, true}) {
             if (in_file && tperb < 3) continue;  // the block of 3000 bytes passes the cache
             const opened o(forge_body({a2046, a2047, b, c, "d"}, tperb), in_file);
