@@ -1,0 +1,339 @@
+#include "searchthing/plist.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "libzero/endian.h"
+#include "searchthing/warmslice.h"
+#include "tests/support/forge.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+using ids_t = std::vector<uint32_t>;
+
+struct dice {
+    std::mt19937 engine;
+    uint32_t below(uint64_t limit) { return static_cast<uint32_t>(engine() % limit); }
+};
+
+// A slice that is nothing but posting lists: the writer's section in a file, its offset entries in memory.
+struct lists_only {
+    temp_dir dir;
+    WARM warm;
+    st_warm_slice_body header = {};
+    std::string entries;
+
+    // `values` holds each entry's V and type; the last one is the size of the section.
+    lists_only(const std::string& section, const std::vector<std::pair<uint64_t, uint32_t>>& values,
+               uint32_t num_values, uint64_t flags = WARM_FLAG_PLO_TAG2 | WARM_FLAG_PLO32) {
+        const uint64_t base = 40;  // any place in the file will do
+        write_file(dir.file("lists"), std::string(base, '\xEE') + section);
+        warm.fd.reset(::open(dir.file("lists").c_str(), O_RDONLY | O_CLOEXEC));
+        warm_header_init(&header, "_TSIDX9");
+        warm_header_set_flag(&header, flags, true);
+        header.num_terms.set(static_cast<uint32_t>(values.size()));
+        header.num_values.set(num_values);
+        for (const auto& [value, type] : values) {
+            uint8_t bytes[8];
+            const uint64_t entry = flags & WARM_FLAG_PLO_TAG2 ? value * 4 + type : value;
+            store_be64(bytes, entry);
+            const size_t size = _get_plo_size(&header);
+            entries.append(reinterpret_cast<char*>(bytes) + 8 - size, size);
+        }
+        warm.body = &header;
+        warm.plo = reinterpret_cast<const uint8_t*>(entries.data());
+        warm.plo_last = values.back().first;
+        warm.postings_base = base;
+    }
+};
+
+struct reader_owner {
+    plist_reader reader;
+    warm_rc_t rc;
+    explicit reader_owner(WARM* warm) { EXPECT_EQ(_init_reader(&reader, warm, 1024, nullptr, &rc), 0) << rc.message; }
+    ~reader_owner() { close_plist_reader(&reader); }
+
+    int seek_term(uint32_t term) { return _seek_reader(&reader, term, &rc); }
+    uint32_t next() {
+        uint32_t id = 0;
+        EXPECT_EQ(_next(&reader, &id, &rc), 0) << rc.message;
+        return id;
+    }
+    uint32_t seek(uint32_t target) {
+        uint32_t id = 0;
+        EXPECT_EQ(_seek(&reader, target, &id, &rc), 0) << rc.message;
+        return id;
+    }
+    ids_t all(uint32_t term) {
+        EXPECT_EQ(seek_term(term), 0) << rc.message;
+        ids_t ids;
+        for (uint32_t id = next(); id != PLIST_END; id = next()) ids.push_back(id);
+        return ids;
+    }
+};
+
+// Reads the rest of a list in every way from a random place on and compares with the ids expected.
+void check_list(reader_owner* r, uint32_t term, const ids_t& ids, uint32_t num_values, dice* random) {
+    ASSERT_EQ(r->all(term), ids) << "term " << term;
+    ASSERT_EQ(r->next(), PLIST_END) << "the end is final";
+
+    // next and seek, mixed; seeks go to just before, at, just after and far past the next event
+    ASSERT_EQ(r->seek_term(term), 0);
+    for (size_t i = 0; i < ids.size();) {
+        if (random->below(3) == 0) {
+            ASSERT_EQ(r->next(), ids[i++]) << "term " << term;
+            continue;
+        }
+        const size_t jump = random->below(4) == 0 ? random->below(3000) : random->below(20);
+        const uint32_t near = ids[std::min(i + jump, ids.size() - 1)];
+        const uint32_t target = near + random->below(3) - (near > 0 ? 1 : 0);
+        i = static_cast<size_t>(std::lower_bound(ids.begin() + static_cast<ptrdiff_t>(i), ids.end(), target) -
+                                ids.begin());
+        ASSERT_EQ(r->seek(target), i < ids.size() ? ids[i] : PLIST_END) << "term " << term << " to " << target;
+        i++;
+    }
+
+    // both bulk readers over a range, the copy in pieces, after a few events were taken one by one
+    const uint32_t begin = random->below(num_values + 1);
+    const uint32_t end = begin + random->below(num_values - begin + 1);
+    const size_t taken = ids.empty() ? 0 : random->below(std::min<size_t>(ids.size(), 3));
+    ids_t below;
+    std::string bits(_calc_bitmap_size(begin, end), '\0');
+    for (size_t i = taken; i < ids.size() && ids[i] < end; i++) {
+        below.push_back(ids[i]);
+        if (ids[i] < begin) continue;
+        const uint32_t bit = ids[i] - begin;
+        bits[bit / 8] = static_cast<char>(bits[bit / 8] | 1 << (bit % 8));
+    }
+    const auto start_again = [&] {
+        EXPECT_EQ(r->seek_term(term), 0);
+        for (size_t i = 0; i < taken; i++) r->next();
+    };
+    start_again();
+    buffer<uint8_t> bitmap;  // its own allocation: an overrun is seen by the sanitizer
+    ASSERT_TRUE(bitmap.alloc(bits.size()));
+    ASSERT_EQ(plist_or_into_bitmap(&r->reader, bitmap.data(), begin, end, &r->rc), 0) << r->rc.message;
+    ASSERT_EQ(std::string(reinterpret_cast<char*>(bitmap.data()), bitmap.size()), bits)
+        << "term " << term << " [" << begin << ", " << end << ")";
+
+    start_again();
+    ids_t copied;
+    uint32_t count = 0;
+    do {
+        uint32_t piece[700];
+        const uint32_t capacity = 1 + random->below(700);
+        ASSERT_EQ(plist_copy(&r->reader, piece, capacity, end, &count, &r->rc), 0) << r->rc.message;
+        ASSERT_LE(count, capacity);
+        copied.insert(copied.end(), piece, piece + count);
+        if (count < capacity) break;
+    } while (true);
+    ASSERT_EQ(copied, below) << "term " << term << " below " << end;
+}
+
+// Ascending ids below `limit`: stretches of single events, dense stretches, runs and wide gaps.
+ids_t random_ids(dice* random, uint32_t limit, uint32_t gap) {
+    ids_t ids;
+    for (uint64_t id = random->below(3); id < limit;) {
+        const uint32_t kind = random->below(40);
+        const uint32_t run = kind == 0 ? random->below(20000) : kind < 5 ? random->below(9) : 1;
+        for (uint32_t i = 0; i < run && id < limit; i++) ids.push_back(static_cast<uint32_t>(id++));
+        id += 1 + random->below(kind == 7 ? 100 * gap : gap);
+    }
+    return ids;
+}
+
+}  // namespace
+
+TEST(Plist, EveryListOfEverySliceKindReadsInEveryWay) {
+    dice random{std::mt19937(7)};
+    for (const forge_options& options : forge_event_kinds()) {
+        SCOPED_TRACE(options.name());
+        temp_dir dir;
+        forge_picture picture;
+        warm_rc_t rc;
+        const std::string path = forge_file(dir.path(), forge_random_events(options.seed, 700), options, 1, &picture);
+        WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
+        ASSERT_NE(warm, nullptr) << rc.message;
+        {
+            reader_owner r(warm);
+            const uint32_t values = static_cast<uint32_t>(picture.values.size());
+            for (uint32_t term = 0; term < picture.terms.size(); term++) {
+                ASSERT_NO_FATAL_FAILURE(check_list(&r, term, picture.postings[term], values, &random));
+            }
+            const uint32_t any = random.below(picture.terms.size());
+            EXPECT_EQ(r.all(any), picture.postings[any]) << "out of order";
+            EXPECT_EQ(r.seek_term(static_cast<uint32_t>(picture.terms.size())), WARM_RC_CAPACITY);
+        }
+        EXPECT_EQ(st_warm_slice_close(warm), 0);
+    }
+}
+
+// Lists of many buffers and bitmap chunks, written and read by us.
+TEST(Plist, LongListsSurviveWriterAndReader) {
+    dice random{std::mt19937(3)};
+    const uint32_t limit = 400000;
+    std::vector<ids_t> lists;
+    std::vector<uint32_t> types;
+    for (const uint32_t gap : {2u, 9u, 60u, 127u, 129u, 400u, 30000u, 900000u}) {
+        for (const uint32_t type : {PLO_RLE, PLO_BMAP}) {
+            lists.push_back(random_ids(&random, limit, gap));
+            types.push_back(lists.size() == 1 ? PLO_RLE : type);
+        }
+    }
+    temp_dir dir;
+    const unique_fd fd(::open(dir.file("section").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    plist_writer_t plw;
+    _plist_writer_open(&plw, fd.get(), 0, {});
+    std::vector<std::pair<uint64_t, uint32_t>> entries;
+    for (size_t term = 0; term < lists.size(); term++) {
+        if (term > 0) entries.emplace_back(plw.total, types[term]);
+        plw.plo_type = types[term];
+        ASSERT_EQ(_plist_writer_start_term(&plw), 0);
+        for (const uint32_t id : lists[term]) {
+            ASSERT_EQ(_plist_writer_put(&plw, id), 0);
+            if (id % 5 != 0) continue;
+            ASSERT_EQ(_plist_writer_put(&plw, id), 0) << "again is once";
+        }
+        EXPECT_EQ(plw.count_forterm, lists[term].size());
+        ASSERT_EQ(_plist_writer_end_term(&plw), 0);
+    }
+    for (const uint32_t copy : {3u, 1u}) {  // DEDUP of a bitmap and of itself's neighbour
+        entries.emplace_back(copy, PLO_DEDUP);
+        lists.push_back(lists[copy]);
+    }
+    entries.emplace_back(limit - 1, PLO_SPO);
+    lists.push_back({limit - 1});
+    entries.emplace_back(plw.total, PLO_RLE);
+    ASSERT_EQ(_plist_writer_close(&plw), 0);
+
+    lists_only slice(read_file(dir.file("section")), entries, limit);
+    reader_owner r(&slice.warm);
+    for (int round = 0; round < 3; round++) {
+        for (uint32_t term = 0; term < lists.size(); term++) {
+            ASSERT_NO_FATAL_FAILURE(check_list(&r, term, lists[term], limit, &random));
+        }
+    }
+}
+
+TEST(Plist, RleBytes) {
+    const struct {
+        ids_t ids;
+        std::string bytes;
+    } cases[] = {
+        {{10, 11, 12, 13, 20}, std::string("\x0A\x00\x03\x07", 4)},
+        {{7, 7, 7}, "\x07"},
+        {{0}, std::string("\x00", 1)},
+        {{1}, "\x01"},
+        {{0, 1, 2}, std::string("\x00\x00\x02", 3)},
+        {{1, 2, 300}, std::string("\x01\x00\x01\xAA\x02", 5)},
+        {{0, 5, 6}, std::string("\x00\x05\x00\x01", 4)},
+    };
+    for (const auto& c : cases) {
+        temp_dir dir;
+        const unique_fd fd(::open(dir.file("list").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        plist_writer_t plw;
+        _plist_writer_open(&plw, fd.get(), 0, {});
+        ASSERT_EQ(_plist_writer_start_term(&plw), 0);
+        for (const uint32_t id : c.ids) ASSERT_EQ(_plist_writer_put(&plw, id), 0);
+        ASSERT_EQ(_plist_writer_end_term(&plw), 0);
+        EXPECT_EQ(plw.total, c.bytes.size());
+        ASSERT_EQ(_plist_writer_close(&plw), 0);
+        EXPECT_EQ(read_file(dir.file("list")), c.bytes);
+    }
+}
+
+TEST(Plist, NeighboursOfOneDimensionSetKeepFirstAndLast) {
+    temp_dir dir;
+    const unique_fd fd(::open(dir.file("list").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const ids_t map = {4, 4, 4, 4, 1, 1, 2, 2, 2};
+    plist_writer_t plw;
+    _plist_writer_open(&plw, fd.get(), 0, map);
+    ASSERT_EQ(_plist_writer_start_term(&plw), 0);
+    for (const uint32_t id : {0, 1, 3, 5, 6, 7, 8}) ASSERT_EQ(_plist_writer_put(&plw, id), 0);
+    EXPECT_EQ(_plist_writer_put(&plw, 9), WARM_RC_CAPACITY);
+    ASSERT_EQ(_plist_writer_end_term(&plw), 0);
+    EXPECT_EQ(plw.count_forterm, 5u);
+    ASSERT_EQ(_plist_writer_close(&plw), 0);
+    EXPECT_EQ(read_file(dir.file("list")), std::string("\x00\x03\x02\x00\x01\x02", 6));  // 0 3 5 6 8
+}
+
+TEST(Plist, DamagedListsAndEntriesAreCorruption) {
+    const std::string five_tops = "\xFF\xFF\xFF\xFF\xFF";
+    const struct {
+        const char* what;
+        std::string section;
+        std::vector<std::pair<uint64_t, uint32_t>> entries;
+        int seek_status;
+        int next_status;  // of the first failing next
+    } cases[] = {
+        {"first event past the values", "\x64", {{1, PLO_RLE}}, -12, 0},
+        {"gap past the values", "\x05\x60", {{2, PLO_RLE}}, 0, -12},
+        {"run past the values", std::string("\x05\x00\x7F", 3), {{3, PLO_RLE}}, 0, -12},
+        {"run of none", std::string("\x05\x00\x00", 3), {{3, PLO_RLE}}, 0, -12},
+        {"gap of 0 in two bytes", std::string("\x05\x80\x00", 3), {{3, PLO_RLE}}, 0, -12},
+        {"run mark at the end", std::string("\x05\x00", 2), {{2, PLO_RLE}}, 0, -12},
+        {"number cut by the list's end", "\x05\x80\x01", {{2, PLO_RLE}, {3, PLO_RLE}}, 0, -12},
+        {"number that never ends", five_tops, {{5, PLO_RLE}}, -12, 0},
+        {"list past the section", "\x05\x01", {{9, PLO_RLE}, {2, PLO_RLE}}, -12, 0},
+        {"list past the file", "\x05", {{9, PLO_RLE}}, -48, 0},
+        {"section past the file", "", {{9, PLO_RLE}}, -49, 0},
+        {"no end", "\x05", {{1, PLO_SPO}}, -12, 0},
+        {"equal start and end", "", {{0, PLO_RLE}}, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        lists_only slice(c.section, c.entries, 100);
+        reader_owner r(&slice.warm);
+        for (const bool by_seek : {false, true}) {
+            ASSERT_EQ(r.seek_term(0), c.seek_status);
+            uint32_t id = 0;
+            int status = 0;
+            while (status == 0 && id != PLIST_END) {
+                status = by_seek ? _seek(&r.reader, 90, &id, &r.rc) : _next(&r.reader, &id, &r.rc);
+            }
+            EXPECT_EQ(status, c.next_status);
+        }
+    }
+    // term 1's entry: start above end, a single event and duplicates that cannot be
+    const struct {
+        const char* what;
+        std::pair<uint64_t, uint32_t> entry;
+        const char* message;
+    } entries[] = {
+        {"start above end", {3, PLO_RLE}, "plo_cxt->start < plo_cxt->end"},
+        {"event past the values", {100, PLO_SPO}, "invalid tsval_id range"},
+        {"duplicate past the last term",
+         {3, PLO_DEDUP},
+         "term_id < ((uint32_t) __builtin_bswap32((uint32_t) (reader->whdr->num_terms)))"},
+        {"duplicate of a duplicate", {1, PLO_DEDUP}, "plo_cxt.type != PLO_DEDUP"},
+    };
+    for (const auto& c : entries) {
+        SCOPED_TRACE(c.what);
+        lists_only slice("\x05\x06", {c.entry, {1, PLO_RLE}, {2, PLO_RLE}}, 100);
+        reader_owner r(&slice.warm);
+        EXPECT_EQ(r.seek_term(1), WARM_RC_CORRUPT);
+        EXPECT_STREQ(r.rc.message, c.message);
+        EXPECT_EQ(r.next(), PLIST_END) << "a failed seek leaves an empty list";
+        EXPECT_EQ(r.all(2), ids_t{6}) << "and a usable reader";
+    }
+}
+
+TEST(Plist, SlicesWithoutListsHaveNoReader) {
+    warm_rc_t rc;
+    plist_reader reader;
+    lists_only slice("\x05", {{1, PLO_RLE}}, 100);
+    slice.warm.plo_last = ~uint64_t{0};
+    EXPECT_EQ(_init_reader(&reader, &slice.warm, 1, nullptr, &rc), WARM_RC_MINIFIED);
+    slice.warm.plo_last = 1;
+    slice.warm.plo = nullptr;
+    EXPECT_EQ(_init_reader(&reader, &slice.warm, 1, nullptr, &rc), WARM_RC_MINIFIED);
+}
+
+}  // namespace veldar
