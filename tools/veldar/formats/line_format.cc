@@ -137,8 +137,7 @@ std::string_view begin_parse(std::string_view line, parsed_line* out) {
 }
 
 bool parse_as_text(std::string_view line, parsed_line* out) {
-    static_cast<void>(begin_parse(line, out));
-    add_pairs(out, line);
+    add_pairs(out, begin_parse(line, out));
     return false;
 }
 

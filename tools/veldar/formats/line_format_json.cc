@@ -181,7 +181,7 @@ bool parse_json(std::string_view line, format_context* context, parsed_line* out
     memset(padded.data() + text.size(), ' ', simdjson::SIMDJSON_PADDING);
     if (walk_line(&walk, text.size()) && walk.complete) return true;
 
-    // A line with odd bytes is read once more without them; one that was cut keeps the members before the cut.
+    // A line with odd bytes is read once more without them; one with a fault inside keeps the members before it.
     static_cast<void>(begin_parse(line, out));
     replace_odd_bytes({padded.data(), text.size()});
     bool read = walk_line(&walk, text.size()) && (walk.complete || out->has_time || !out->fields.empty());

@@ -172,10 +172,10 @@ bool parse_syslog_iso(std::string_view line, format_context* context, parsed_lin
     bool timed = rest.size() > 10 && rest[10] == 'T' && take_iso8601(&rest, &stamp) && stamp.has_offset;
     if (!timed || !take_char(&rest, ' ')) return parse_as_text(line, out);
     std::string_view host = take_word(&rest);
+    add_field(out, "host", host);
     if (is_level(host) || !take_program(&rest, out)) return parse_as_text(line, out);
 
     set_time(out, stamp, context);
-    add_field(out, "host", host);
     add_pairs(out, rest);
     return true;
 }

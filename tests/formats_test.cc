@@ -1,0 +1,294 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tools/veldar/formats/line_format.h"
+#include "tools/veldar/formats/terms.h"
+
+namespace veldar {
+namespace {
+
+constexpr int64_t DAY = 86400;
+constexpr int64_t MODIFIED = 1772000000;  // 2026-02-25 06:13:20
+
+// "seconds.nanoseconds" or "-", then " name=value" for each field.
+std::string describe(const parsed_line& parsed) {
+    std::string text = "-";
+    if (parsed.has_time) text = std::to_string(parsed.time.time_s) + "." + std::to_string(parsed.time.time_ns);
+    for (const field_view& field : parsed.fields) {
+        text.append(" ").append(field.name).append("=").append(field.value);
+    }
+    return text;
+}
+
+std::string parse_with(const char* format, std::string_view line, format_context context = {}) {
+    if (context.modified_s == NO_TIME_SEEN) context.modified_s = MODIFIED;
+    parsed_line parsed;
+    bool formed = format_by_name(format)->parse(line, &context, &parsed);
+    return (formed ? "" : "not: ") + describe(parsed);
+}
+
+struct line_case {
+    const char* format;
+    const char* line;
+    const char* expected;
+};
+
+// Each line is also what its format must be recognised by.
+constexpr line_case LINES[] = {
+    {"access",
+     R"(83.149.9.216 - frank [17/May/2015:10:05:03 +0200] "GET /a/b.png?x=1&y=2 HTTP/1.1" 200 2030 "http://s.com/" "Moz\"a" rt=0.1)",
+     "1431849903.0 clientip=83.149.9.216 user=frank method=GET path=/a/b.png query=x=1&y=2 protocol=HTTP/1.1 "
+     "status=200 "
+     "bytes=2030 referer=http://s.com/ useragent=Moz\\\"a rt=0.1"},
+    {"access", R"(::1 - - [29/Feb/2016:23:59:60 -0030] "-" 408 -)", "1456792200.0 clientip=::1 status=408"},
+    {"access", R"(h.org:80 1.2.3.4 - - [17/May/2015:10:05:03 +0000] "\x16\x03" 400 0 "-" "cut off)",
+     "1431857103.0 vhost=h.org:80 clientip=1.2.3.4 request=\\x16\\x03 status=400 bytes=0 useragent=cut off"},
+    {"syslog", "<38>Jun  9 04:47:44.25 combo sshd(pam_unix)[19939]: failure; logname= uid=0 rhost=a.b.c  user=root",
+     "1749444464.250000000 priority=38 facility=auth severity=info host=combo program=sshd pid=19939 uid=0 rhost=a.b.c "
+     "user=root"},
+    {"syslog", "Dec 31 23:59:59 kernel: up", "1767225599.0 program=kernel"},
+    {"syslog", "Feb 29 12:00:00 web1 -- MARK --", "1709208000.0 host=web1"},
+    {"syslog-5424", R"(<165>1 2003-10-11T22:14:15.003Z h app - ID47 [e@3 iut="3" q="a\"] b"][o@3 p="x"] go k=v)",
+     "1065910455.3000000 priority=165 facility=local4 severity=notice host=h app=app msgid=ID47 iut=3 q=a\\\"] b p=x "
+     "k=v"},
+    {"syslog-5424", "<0>1 - - - - - - a=b", "- priority=0 facility=kern severity=emerg a=b"},
+    {"syslog-iso", "2025-06-14T15:16:01.123456+02:00 web1 cron[12]: done",
+     "1749906961.123456000 host=web1 program=cron pid=12"},
+    {"apache-error", "[Sun Dec 04 04:47:44 2005] [error] [client 1.2.3.4] no: x",
+     "1133671664.0 level=error client=1.2.3.4"},
+    {"apache-error", "[Sun Dec 04 04:47:44.000123 2005] [core:trace3] [pid 35:tid 43] [client 1.2.3.4:567] AH: x",
+     "1133671664.123000 module=core level=trace3 pid=35 tid=43 client=1.2.3.4"},
+    {"iso8601", "2015-10-18 18:01:47,978 INFO [main] org.ha.MRApp$1: Created id: 2",
+     "1445191307.978000000 level=INFO thread=main "
+     "class=org.ha.MRApp$1"},
+    {"iso8601", "2015-07-29 17:41:44,747 - WARN  [Peer[myid=1]/0:0:2181:Fast@774] - out: 3",
+     "1438191704.747000000 level=WARN thread=Peer[myid=1]/0:0:2181 class=Fast myid=1"},
+    {"iso8601", "2016/01/02 03:04:05 [error] 12#0: *5 open() failed", "1451703845.0 level=error"},
+    {"iso8601", "[2016-01-02T03:04:05.5-01:30] app.ERROR: no error", "1451709245.500000000 level=ERROR"},
+    {"iso8601", "20160102T030405Z all errors info", "1451703845.0"},
+    {"yymmdd", "081109 203615 148 INFO dfs.Data$Packet: ok", "1226262975.0 level=INFO class=dfs.Data$Packet"},
+    {"epoch", "1286536308.779    180 192.168.0.1 TCP_MISS/200", "1286536308.779000000"},
+    {"epoch", "[1286536308779] key='a b'", "1286536308.779000000 key=a b"},
+    {"json",
+     R"({"level":"info","time":"2015-05-17T10:05:03.5Z","a":{"b":[1.50,{"c":"x\ny"}]},"n":null,"e":"","msg":"k=v"})",
+     "1431857103.500000000 level=info a.b=1.50 a.b.c=x\ny msg=k=v k=v"},
+    {"json", R"({"ts":1431857103123,"date":"soon","ok":true})", "1431857103.123000000 date=soon ok=true"},
+    {"json", "{\"Time\":\"17/May/2015:10:05:03 +0000\",\"a\":\"\xff\x01\",\"b\":2}", "1431857103.0 a=?? b=2"},
+    {"json", R"({"a":{"b":1},"c" nil,"d":4})", "- a.b=1"},
+    {"text", "just words, and a=1;b=\"2 3\" (c=4) d==5 e=>6 7f=8 -g=9 h=[i=1] =j k= ?l=m&n=o",
+     "- a=1 b=2 3 c=4 h=[i=1] l=m n=o"},
+};
+
+TEST(Formats, LinesGiveTheirTimeAndFields) {
+    for (const line_case& one : LINES) {
+        EXPECT_EQ(parse_with(one.format, one.line), one.expected) << one.line;
+        EXPECT_EQ(parse_with(one.format, std::string(one.line) + "\r"), one.expected) << one.line;
+    }
+}
+
+TEST(Formats, EachLineIsRecognisedAsItsFormatAlsoAmongOddOnes) {
+    for (const line_case& one : LINES) {
+        std::vector<std::string_view> lines{"Logging starts", "", "   continued", one.line, "1 2 3", one.line};
+        EXPECT_STREQ(detect_format(lines, {})->name, one.format) << one.line;
+    }
+    EXPECT_STREQ(detect_format({}, {})->name, "text");
+    std::vector<std::string_view> rare(9, "words");
+    rare.push_back("081109 203615 148 INFO x");
+    EXPECT_STREQ(detect_format(rare, {})->name, "text");
+}
+
+TEST(Formats, LinesOfAnotherFormHaveNoTimeButTheirPairs) {
+    for (const char* line : {"", "k=v", "{\"a\" k=v\r", "{", "<192>Jun 14 15:16:01 h k=v", "Jun 31x", "<1>1 2003",
+                             "[Sun Dec 04 04:47:44 2005", "2015-13-01 00:00:00 k=v", "2015-01-01 24:00:00",
+                             "081109 2036150", "12865363081", "286536308", "a b c [17/May/2015"}) {
+        for (const line_format& format : line_formats().first(line_formats().size() - 1)) {
+            bool pair = std::string_view(line).find("k=v") != std::string_view::npos;
+            EXPECT_EQ(parse_with(format.name, line), pair ? "not: - k=v" : "not: -") << format.name << ": " << line;
+        }
+    }
+    EXPECT_EQ(parse_with("iso8601", "2038-01-19 03:14:07"), "2147483647.0");
+    EXPECT_EQ(parse_with("iso8601", "2038-01-19 03:14:08"), "-");
+    EXPECT_EQ(parse_with("iso8601", "1901-12-13 20:45:52 k=v"), "-2147483648.0 k=v");
+    EXPECT_EQ(parse_with("epoch", "9999999999 k=v"), "- k=v");
+}
+
+TEST(Formats, ContinuationLinesBeginWithABlankOrAreEmpty) {
+    for (const char* line : {"", "\r", " at x", "\tat x"}) EXPECT_FALSE(begins_record(line)) << line;
+    for (const char* line : {"x", "}", "\x01"}) EXPECT_TRUE(begins_record(line)) << line;
+}
+
+TEST(Formats, YearsFollowTheModificationTimeAndTheLinesBefore) {
+    auto years = [](format_context context, std::vector<std::string_view> days) {
+        std::string text;
+        parsed_line parsed;
+        for (std::string_view day : days) {
+            std::string line = std::string(day) + " 12:00:00 h p: x";
+            format_by_name("syslog")->parse(line, &context, &parsed);
+            auto date = std::chrono::floor<std::chrono::days>(
+                std::chrono::sys_time<std::chrono::seconds>(std::chrono::seconds(parsed.time.time_s)));
+            text += " " + (parsed.has_time ? std::to_string(static_cast<int>(std::chrono::year_month_day(date).year()))
+                                           : "-");
+        }
+        return text;
+    };
+    format_context inferred;
+    inferred.modified_s = MODIFIED;
+    EXPECT_EQ(years(inferred, {"Dec 30", "Jan  2", "Dec 31", "Jan  3", "Feb 25", "Feb 27"}),
+              " 2025 2026 2025 2026 2026 2025");
+    EXPECT_EQ(years(inferred, {"Feb 29", "Mar  1"}), " 2024 2024");
+    EXPECT_EQ(years(inferred, {"Mar  1", "Jan  1", "Jun  1", "Feb  1"}), " 2025 2025 2025 2025");
+    EXPECT_EQ(years(inferred, {"Feb 30"}), " -");
+    format_context given = inferred;
+    given.year = 2004;
+    EXPECT_EQ(years(given, {"Aug  1", "Jan  1", "Aug  2", "Dec 31", "Jan  1"}), " 2004 2005 2004 2004 2005");
+    given.year = 2005;
+    EXPECT_EQ(years(given, {"Feb 29", "Mar  1"}), " - 2005");
+    format_context resumed = inferred;
+    resumed.last_local_s = MODIFIED - 400 * DAY;
+    EXPECT_EQ(years(resumed, {"Jan 23"}), " 2025");
+}
+
+TEST(Formats, TimesWithoutAZoneAreInTheContextsZone) {
+    struct zone_case {
+        const char *zone, *time;
+        int64_t expected;
+    };
+    constexpr zone_case CASES[] = {
+        {"UTC", "2015-07-01 12:00:00", 1435752000},
+        {"+05:30", "2015-07-01 12:00:00", 1435752000 - 19800},
+        {"-0330", "2015-07-01 12:00:00", 1435752000 + 12600},
+        {"Europe/Berlin", "2015-07-01 12:00:00", 1435752000 - 7200},
+        {"Europe/Berlin", "2015-01-01 12:00:00", 1420113600 - 3600},
+        {"Europe/Berlin", "2015-03-29 02:30:00", 1427592600},  // skipped by the clocks: 03:30 in summer time
+        {"Europe/Berlin", "2015-10-25 02:30:00", 1445733000},  // twice: the first
+        {"Europe/Berlin", "2015-07-01 12:00:00Z", 1435752000},
+        {"America/New_York", "2015-07-01 12:00:00 +0200", 1435752000 - 7200},
+    };
+    for (const zone_case& one : CASES) {
+        format_context context;
+        ASSERT_TRUE(log_zone_from_name(one.zone, &context.zone)) << one.zone;
+        EXPECT_EQ(parse_with("iso8601", one.time, context), std::to_string(one.expected) + ".0")
+            << one.zone << one.time;
+    }
+    log_zone zone;
+    for (const char* name : {"", "Nowhere/None", "../etc/passwd", "+1", "+25:00", "+01:0x"}) {
+        EXPECT_FALSE(log_zone_from_name(name, &zone)) << name;
+    }
+    // A zone that remembers the last offset gives what one that has seen nothing gives.
+    log_zone kept;
+    ASSERT_TRUE(log_zone_from_name("Europe/Berlin", &kept));
+    const log_zone fresh = kept;
+    for (int64_t local_s = 1420000000; local_s < 1460000000; local_s += 1801) {
+        log_zone other = fresh;
+        ASSERT_EQ(log_zone_to_epoch(&kept, local_s), log_zone_to_epoch(&other, local_s)) << local_s;
+    }
+}
+
+TEST(Formats, HugeAndHostileLinesStayCheap) {
+    constexpr size_t SIZE = 4 << 20;
+    auto repeat = [](std::string_view unit) {
+        std::string text;
+        while (text.size() < SIZE) text += unit;
+        return text;
+    };
+    std::string access = R"(1.2.3.4 - - [17/May/2015:10:05:03 +0000] )";
+    std::string lines[] = {repeat("x"),
+                           repeat("a="),
+                           repeat("a=\""),
+                           repeat("a=\"\\"),
+                           repeat("["),
+                           repeat("{\"a\":"),
+                           repeat("[{"),
+                           repeat("a=b "),
+                           repeat(" "),
+                           "{\"a\":" + repeat("["),
+                           "{" + repeat("\"a\":{"),
+                           access + "\"" + repeat("\\\""),
+                           "<1>1 - - - - - [" + repeat("a=\"\\\""),
+                           std::string(SIZE, '\0')};
+    for (const std::string& line : lines) {
+        for (const line_format& format : line_formats()) {
+            format_context context;
+            parsed_line parsed;
+            format.parse(line, &context, &parsed);
+            EXPECT_LE(parsed.fields.size(), 1300u) << format.name;
+        }
+    }
+}
+
+// The terms of a text and its fields, by the plainest means.
+std::vector<std::string> naive_terms(std::string_view text, const std::vector<field_view>& fields) {
+    std::vector<std::string> terms;
+    auto add = [&](std::string term) {
+        term.resize(std::min(term.size(), TERM_MAX));
+        if (std::find(terms.begin(), terms.end(), term) == terms.end()) terms.push_back(std::move(term));
+    };
+    auto fold = [](std::string_view part) {
+        std::string folded(part);
+        for (char& c : folded) c = c == '\0' ? ' ' : c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+        return folded;
+    };
+    constexpr std::string_view TOKEN = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-";
+    for (size_t at = 0; (at = text.find_first_of(TOKEN, at)) != text.npos;) {
+        size_t end = std::min(text.find_first_not_of(TOKEN, at), text.size());
+        std::string_view run = text.substr(at, end - at);
+        size_t first = run.find_first_not_of("_.-");
+        if (first != run.npos) add(fold(run.substr(first, run.find_last_not_of("_.-") + 1 - first)));
+        at = end;
+    }
+    for (const field_view& field : fields) {
+        if (!field.name.empty() && !field.value.empty() && field.name.size() + 2 < TERM_MAX) {
+            add(fold(field.name) + "::" + fold(field.value));
+        }
+    }
+    return terms;
+}
+
+TEST(Terms, EqualANaiveImplementationOnRandomBytes) {
+    std::mt19937 random(7);
+    term_set set;
+    std::string mixed = "aAzZ@[`{09/:_.- \t\"=,";
+    mixed.append({'\0', '\x7f', '\x80', '\xc3', '\xda', '\xff'});
+    for (int round = 0; round < 400; round++) {
+        bool few = round % 2 == 0;  // few different bytes: many equal terms
+        std::string text(random() % (round % 40 == 0 ? 20000 : 300), '\0');
+        for (char& c : text) c = few ? mixed[random() % mixed.size()] : static_cast<char>(random());
+        if (round % 50 == 1) text.insert(text.size() / 2, 3000, 'Q');
+        std::vector<field_view> fields;
+        for (int i = 0; i < 5; i++) {
+            size_t name = random() % (text.size() + 1), value = random() % (text.size() + 1);
+            fields.push_back({std::string_view(text).substr(name, random() % 8), std::string_view(text).substr(value)});
+        }
+        term_set_reset(&set);
+        term_set_add_text(&set, text);
+        for (const field_view& field : fields) term_set_add_field(&set, field.name, field.value);
+        std::vector<std::string> expected = naive_terms(text, fields);
+        std::span<const std::string_view> terms = term_set_terms(&set);
+        ASSERT_TRUE(std::equal(terms.begin(), terms.end(), expected.begin(), expected.end())) << "round " << round;
+    }
+}
+
+TEST(Terms, QueriesFoldAsEventsDo) {
+    std::string value("A\0\xc4Z[{", 6);
+    EXPECT_EQ(fold_value(value), std::string("a \xc4z[{"));
+    EXPECT_EQ(fold_value({}), "");
+    for (size_t size : {0, 1, 2040, 2044, 2045, 3000}) {
+        std::string name(size, 'N');
+        for (const std::string& one : {std::string(), value, std::string(5000, 'V')}) {
+            term_set set;
+            term_set_add_field(&set, name, one);
+            std::string term = fold_field_term(name, one);
+            std::span<const std::string_view> terms = term_set_terms(&set);
+            ASSERT_EQ(terms.size(), term.empty() ? 0u : 1u) << size;
+            for (std::string_view added : terms) EXPECT_EQ(added, term) << size;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace veldar
