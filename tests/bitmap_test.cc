@@ -1,0 +1,226 @@
+#include "searchthing/bitmap.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "libzero/vbe.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t END = 0xFFFFFFFF;
+
+std::string bitmap_list(const std::vector<uint32_t>& ids) {
+    uint8_t coded[VBE_MAX_BYTES];
+    const uint32_t length = st_encode_to_vbe(coded, ids.front());
+    std::string out(reinterpret_cast<char*>(coded), length);
+    out.resize(length + 1 + (ids.back() - ids.front()) / 8, '\0');
+    for (const uint32_t id : ids) {
+        char& byte = out[length + (id - ids.front()) / 8];
+        byte = static_cast<char>(byte | 1 << (id - ids.front()) % 8);
+    }
+    return out;
+}
+
+// Ascending events in clusters with gaps of very different sizes.
+std::vector<uint32_t> random_events(std::mt19937_64* random, uint32_t first, uint32_t spread) {
+    std::vector<uint32_t> ids = {first};
+    const size_t count = (*random)() % 400;
+    for (size_t i = 0; i < count; i++) {
+        const uint32_t limit = (*random)() % 8 == 0 ? spread : (*random)() % 2 == 0 ? 3 : 100;
+        ids.push_back(ids.back() + 1 + static_cast<uint32_t>((*random)() % limit));
+    }
+    return ids;
+}
+
+unique_fd file_of(const temp_dir& dir, const std::string& content) {
+    write_file(dir.file("f"), content);
+    return unique_fd(::open(dir.file("f").c_str(), O_RDWR | O_CLOEXEC));
+}
+
+// Bytes that this process has asked the system for.
+uint64_t bytes_read() {
+    const std::string io = read_file("/proc/self/io");
+    return std::stoull(io.substr(io.find("rchar:") + 6));
+}
+
+std::vector<uint32_t> read_all(bitmap_reader_t* reader) {
+    std::vector<uint32_t> ids;
+    warm_rc_t rc;
+    for (uint32_t id = 0;;) {
+        EXPECT_EQ(bitmap_reader_next(reader, &id, &rc), 0) << rc.message;
+        if (rc.warm_rc != 0 || id == END) return ids;
+        ids.push_back(id);
+    }
+}
+
+}  // namespace
+
+TEST(Bitmap, SetsAndFilter) {
+    for (const bool narrow : {true, false}) {
+        bmap_array_t array;
+        ASSERT_EQ(bmap_array_alloc(&array, narrow, 2), 1);
+        const uint32_t top = narrow ? 31 : 63;
+        bmap_array_set(&array, 1, top);
+        bmap64_t wide = 0;
+        bmap_array_entry_as_bmap64(&array, 1, &wide);
+        EXPECT_EQ(wide, uint64_t{1} << top);
+        EXPECT_EQ(bmap_array_is_set(&array, 1, top), 1);
+        EXPECT_EQ(bmap_array_is_set(&array, 0, top), 0);
+    }
+    EXPECT_EQ(_calc_bitmap_size(8, 15), 1u);
+    EXPECT_EQ(_calc_bitmap_size(8, 16), 2u);
+    EXPECT_EQ(_calc_bitmap_size(0, 0xFFFFFFFF), uint64_t{1} << 29);
+
+    bitmap_and_bounds_t bnb;
+    EXPECT_FALSE(bnb_tsval_passes_filter(&bnb, 0));
+    bnb.begin = 10;
+    bnb.end = 18;
+    ASSERT_TRUE(bnb.bm.alloc(_calc_bitmap_size(bnb.begin, bnb.end)));
+    bnb.bm[0] = 0x81;
+    for (uint32_t id = 0; id < 40; id++) EXPECT_EQ(bnb_tsval_passes_filter(&bnb, id), id == 10 || id == 17) << id;
+}
+
+TEST(Bitmap, WriterAndReaderAgreeWithTheList) {
+    std::mt19937_64 random(2);
+    temp_dir dir;
+    for (int round = 0; round < 250; round++) {
+        // One to three bytes of coded first event, lists of up to some ten chunks.
+        const uint32_t first = static_cast<uint32_t>(random() % 0x200000) >> (random() % 22);
+        const std::vector<uint32_t> ids = random_events(&random, first, round % 2 == 0 ? 20 : 60000);
+        const std::string list = bitmap_list(ids);
+        const uint64_t start = random() % 10, offset = random() % 10000;
+        std::vector<uint8_t> buf(start + 6 + random() % 5000, 0xEE);
+        const unique_fd fd = file_of(dir, std::string(offset, '\xFF'));
+        bitmap_writer_t writer;
+        warm_rc_t rc;
+        bitmap_writer_init(&writer, buf.data(), start, buf.size(), fd.get(), offset);
+        for (const uint32_t id : ids) ASSERT_EQ(bitmap_writer_append(&writer, id, &rc), 0) << rc.message;
+        uint64_t size = 0;
+        ASSERT_EQ(bitmap_writer_close(&writer, &size, true), 0);
+        ASSERT_EQ(size, list.size());
+        ASSERT_TRUE(read_file(dir.file("f")) == std::string(offset, '\xFF') + std::string(start, '\xEE') + list);
+
+        const bool in_memory = list.size() <= BITMAP_CHUNK && random() % 2 == 0;
+        const auto* memory = in_memory ? reinterpret_cast<const uint8_t*>(list.data()) : nullptr;
+        auto opened = std::make_unique<bitmap_reader_t>();
+        ASSERT_EQ(bitmap_reader_init(opened.get(), fd.get(), offset + start, size, memory, &rc), 0) << rc.message;
+        bitmap_reader_t reader = *opened;  // a reader may be moved
+        opened.reset();
+        EXPECT_EQ(read_all(&reader), ids);
+
+        ASSERT_EQ(bitmap_reader_init(&reader, fd.get(), offset + start, size, memory, &rc), 0);
+        uint32_t id = 0;
+        for (auto at = ids.begin(); id != END;) {
+            const uint32_t last = at == ids.begin() ? 0 : *(at - 1);
+            if (random() % 3 == 0) {
+                ASSERT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
+            } else {
+                // Now and then a target that lies behind: the reader goes on from where it is.
+                const uint32_t ahead = static_cast<uint32_t>(random() % (random() % 4 == 0 ? 300000 : 200));
+                const uint32_t target = last + ahead - std::min(last, static_cast<uint32_t>(random() % 100));
+                ASSERT_EQ(bitmap_reader_seek(&reader, target, &id, &rc), 0);
+                at = std::lower_bound(at, ids.end(), target);
+            }
+            ASSERT_EQ(id, at == ids.end() ? END : *at++);
+        }
+        ASSERT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
+        EXPECT_EQ(id, END);
+    }
+}
+
+// The list of every event from F on: the chunk sizing leaves out 32 events of each later chunk when F takes 4 bytes or
+// more.
+TEST(Bitmap, ChunkSizingIsKept) {
+    temp_dir dir;
+    for (const uint32_t first : {1u, 0x1FFFFFu, 0x200000u, 0x10000000u}) {
+        std::vector<uint32_t> ids;
+        for (uint32_t i = 0; i < 150000; i++) ids.push_back(first + i);
+        const std::string list = bitmap_list(ids);
+        const unique_fd fd = file_of(dir, list);
+        bitmap_reader_t reader;
+        warm_rc_t rc;
+        ASSERT_EQ(bitmap_reader_init(&reader, fd.get(), 0, list.size(), nullptr, &rc), 0);
+        const uint64_t lost = first < 0x200000 ? 0 : 32;  // three chunks; the last one is not full
+        EXPECT_EQ(read_all(&reader).size(), ids.size() - lost);
+    }
+}
+
+TEST(Bitmap, SeekReadsNoChunkBeforeTheTarget) {
+    temp_dir dir;
+    const std::string list = bitmap_list({1000, 1000 + (1u << 27)});
+    const unique_fd fd = file_of(dir, list);
+    bitmap_reader_t reader;
+    warm_rc_t rc;
+    ASSERT_EQ(bitmap_reader_init(&reader, fd.get(), 0, list.size(), nullptr, &rc), 0);
+    uint32_t id = 0;
+    const uint64_t before = bytes_read();
+    ASSERT_EQ(bitmap_reader_seek(&reader, 1000 + (1u << 27), &id, &rc), 0);
+    EXPECT_LT(bytes_read() - before, 100000u) << "of a list of " << list.size();
+    EXPECT_EQ(id, 1000 + (1u << 27));
+    ASSERT_EQ(bitmap_reader_seek(&reader, 0xFFFFFFF0, &id, &rc), 0);
+    EXPECT_EQ(id, END);
+}
+
+TEST(Bitmap, WriterRefusals) {
+    temp_dir dir;
+    const unique_fd writable = file_of(dir, "");
+    const unique_fd read_only(::open(dir.file("f").c_str(), O_RDONLY | O_CLOEXEC));
+    uint8_t buf[4];
+    bitmap_writer_t writer;
+    warm_rc_t rc;
+    bitmap_writer_init(&writer, buf, 2, sizeof buf, read_only.get(), 0);
+    EXPECT_EQ(bitmap_writer_append(&writer, 200, &rc), WARM_RC_CAPACITY);
+    bitmap_writer_init(&writer, buf, 0, sizeof buf, read_only.get(), 0);
+    ASSERT_EQ(bitmap_writer_append(&writer, 100, &rc), 0);
+    EXPECT_EQ(bitmap_writer_append(&writer, 99, &rc), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(bitmap_writer_append(&writer, 124, &rc), WARM_RC_WRITE);
+    writer.fd = writable.get();
+    ASSERT_EQ(bitmap_writer_append(&writer, 124, &rc), 0);
+    EXPECT_EQ(bitmap_writer_append(&writer, 123, &rc), WARM_RC_INVALID_ARGUMENT);
+    uint64_t size = 0;
+    ASSERT_EQ(bitmap_writer_close(&writer, &size, true), 0);
+    EXPECT_EQ(read_file(dir.file("f")), bitmap_list({100, 124}));
+    EXPECT_EQ(bitmap_writer_append(&writer, 125, &rc), WARM_RC_OPEN);
+}
+
+TEST(Bitmap, ReaderRefusesWhatCannotBe) {
+    temp_dir dir;
+    const std::string one("\xE8\x07\x01");
+    const unique_fd fd = file_of(dir, one + std::string(9000, '\x80') + "\xFE\xFF\xFF\xFF\x0F\x03");
+    const auto* memory = reinterpret_cast<const uint8_t*>(one.data());
+    struct row {
+        int fd;
+        uint64_t offset, size;
+        const uint8_t* memory;
+        int status;
+    };
+    const row rows[] = {{fd.get(), 9008, 2, nullptr, WARM_RC_READ},
+                        {-1, 0, 3, nullptr, WARM_RC_INVALID_ARGUMENT},
+                        {-1, 0, 8193, nullptr, WARM_RC_CORRUPT},
+                        {-1, 0, 8193, memory, WARM_RC_CORRUPT},
+                        {fd.get(), 0, 0, nullptr, WARM_RC_CORRUPT},
+                        {fd.get(), 0, 1, nullptr, WARM_RC_CORRUPT},
+                        {fd.get(), 0, uint64_t{1} << 32, nullptr, WARM_RC_CORRUPT},
+                        {fd.get(), 3, 8200, nullptr, WARM_RC_CORRUPT},
+                        {-1, 0, 3, memory, WARM_RC_OK},
+                        {fd.get(), 9003, 6, nullptr, WARM_RC_OK}};
+    bitmap_reader_t reader;
+    warm_rc_t rc;
+    for (const row& r : rows) EXPECT_EQ(bitmap_reader_init(&reader, r.fd, r.offset, r.size, r.memory, &rc), r.status);
+    uint32_t id = 0;  // the last list's second event would be the end mark
+    EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
+    EXPECT_EQ(id, END - 1);
+    EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_CORRUPT);
+    bitmap_reader_close(&reader);
+    EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_NOT_FOUND);
+}
+
+}  // namespace veldar

@@ -1,0 +1,189 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "searchthing/warmslice_header.h"
+#include "tests/support/forge.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+st_warm_slice_body header_of(const char* magic) {
+    st_warm_slice_body h;
+    warm_header_init(&h, magic);
+    return h;
+}
+
+unique_fd open_file(const temp_dir& dir, const std::string& content) {
+    write_file(dir.file("f"), content);
+    return unique_fd(::open(dir.file("f").c_str(), O_RDWR | O_CLOEXEC));
+}
+
+}  // namespace
+
+TEST(Header, EveryMagicImpliesItsKind) {
+    struct row {
+        const char* magic;
+        size_t size;
+        uint32_t meta, plo;
+        bool reverse, dimsets;
+    };
+    const row rows[] = {
+        {"Veldar3", 60, META_FULL, 4, true, false},        {"Veldar4", 60, META_FULL, 8, true, false},
+        {"Veldar5", 60, META_FULL, 8, true, false},        {"Veldar6", 60, META_FULL, 8, false, false},
+        {"VelLex1", 60, META_COUNT_ONLY, 8, false, false}, {"Msidx_2", 60, META_FULL, 8, false, true},
+        {"_TSIDX7", 80, META_PACKED, 8, false, false},     {"_MSIDX3", 80, META_PACKED, 8, false, true},
+        {"_TSIDX8", 120, META_PACKED, 8, false, false},    {"_TSIDX9", 120, META_PACKED, 8, false, false},
+        {"_MSIDX4", 120, META_PACKED, 8, false, true},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.magic);
+        const bool legacy = r.size == 60;
+        st_warm_slice_body h = header_of(r.magic);
+        EXPECT_TRUE(verify_magic(&h));
+        EXPECT_EQ(warm_header_size_on_disk(&h), r.size);
+        EXPECT_EQ(warm_header_meta_type(&h), r.meta);
+        EXPECT_EQ(_get_plo_size(&h), r.plo);
+        EXPECT_EQ(_has_reverse_lex(&h), r.reverse);
+        h.m_nbits.set(64);
+        EXPECT_EQ(st_warm_slice_is_msidx_v1(&h), !r.dimsets);
+        h.cstore_ref.set(~uint64_t{0});
+        EXPECT_FALSE(st_warm_slice_is_msidx_with_cstore(&h));
+        h.cstore_ref.set(5);
+        EXPECT_EQ(st_warm_slice_is_msidx_with_cstore(&h), r.size == 120);
+        warm_header_set_flag(&h, WARM_FLAG_PLO32 | WARM_FLAG_PLO_TAG2, true);
+        EXPECT_EQ(h.wflags.get() == 0, legacy);
+        EXPECT_EQ(_get_plo_size(&h), legacy ? r.plo : 4);
+        EXPECT_EQ(warm_header_plo_tag_bits(&h), legacy ? 0 : 2);
+
+        st_warm_slice_body copy;
+        std::memset(static_cast<void*>(&copy), '~', sizeof copy);
+        warm_header_copy(&copy, &h);
+        const size_t untouched = std::string(reinterpret_cast<char*>(&copy), sizeof copy).find('~');
+        EXPECT_EQ(untouched, r.size == sizeof copy ? std::string::npos : r.size);
+        h.magic[7] = 'x';
+        EXPECT_FALSE(verify_magic(&h));
+    }
+}
+
+TEST(Header, OffsetsAreThoseOfForgedFiles) {
+    temp_dir dir;
+    for (const uint32_t events : {1u, 200u}) {
+        for (const forge_options& options : forge_all_kinds()) {
+            SCOPED_TRACE(options.name() + " " + std::to_string(events));
+            forge_picture picture;
+            const unique_fd fd = open_file(dir, forge_slice(forge_random_events(events, events), options, &picture));
+            uint64_t got[9];
+            ASSERT_EQ(st_warm_slice_offsets(fd.get(), &got[0], &got[1], &got[2], &got[3], &got[4], &got[5], &got[6],
+                                            &got[7], &got[8]),
+                      0);
+            const forge_offsets& at = picture.at;
+            const uint64_t wanted[9] = {at.values,          at.m,        at.s,      at.st, at.h, at.d,
+                                        at.posting_offsets, at.metadata, at.lexicon};
+            EXPECT_TRUE(std::equal(got, got + 9, wanted));
+            uint64_t list_bytes = 0;
+            for (const std::string& list : picture.lists) list_bytes += list.size();
+            st_warm_slice_body h;
+            warm_rc_t rc;
+            ASSERT_EQ(warm_header_read(fd.get(), &h, &rc), 0);
+            EXPECT_EQ(warm_header_posting_lists_size(&h, fd.get(), &rc), list_bytes);
+            if (!st_warm_slice_is_msidx_with_dimsets(&h)) continue;
+            EXPECT_EQ(_offset_dimsets(&h, fd.get(), at.postings, &rc), at.dimsets);
+        }
+    }
+}
+
+TEST(Header, WidthsAndSizesOfDegenerateRanges) {
+    st_warm_slice_body h = header_of("_TSIDX9");
+    h.num_terms.set(1000);
+    EXPECT_EQ(_offset_metadata(&h), _offset_pl_offs(&h) + 8);
+    h.num_values.set(256);
+    h.earliest.set(static_cast<uint32_t>(-5));
+    h.latest.set(2);
+    EXPECT_EQ(warm_header_meta_nbits(&h), 9u + 2 * 3u);
+    h.latest.set(h.earliest.get());
+    EXPECT_EQ(warm_header_meta_time_nbits(&h), 0u);
+
+    EXPECT_EQ(warm_header_seek_addr_nbits(&h), 0u);
+    h.seek_addr_max.set(1024);
+    EXPECT_EQ(warm_header_seek_addr_nbits(&h), 11u);
+    h.seek_addr_min.set(1025);
+    EXPECT_EQ(warm_header_seek_addr_nbits(&h), 32u);
+    warm_header_set_flag(&h, WARM_FLAG_PREAMBLES | WARM_FLAG_MS_REQUESTED, true);
+    EXPECT_EQ(warm_header_seek_addr_nbits(&h), 0u);
+    warm_header_set_flag(&h, WARM_FLAG_MS_PRESENT, true);
+    EXPECT_EQ(warm_header_seek_addr_nbits(&h), 10u);
+
+    // Only packed values wrap at 2^32 bits: of 32 x (2^27 + 1) bits 32 are left.
+    h = header_of("_TSIDX9");
+    h.num_values.set(0x08000001);
+    h.latest.set(0xFFFFFFFF);
+    warm_header_set_flag(&h, WARM_FLAG_VALUES_PACKED, true);
+    EXPECT_EQ(warm_header_tsval_encoded_array_size(&h), 8u);
+    h.wflags.set(WARM_FLAG_PREAMBLES);
+    h.num_dimsets.set(1);
+    EXPECT_EQ(warm_header_tsval_encoded_array_size(&h), (0x04000000ull + 1) * 8);
+    warm_rc_t rc;
+    EXPECT_EQ(_compressed_size(9, 1, &rc), 2u);
+    EXPECT_EQ(_compressed_size(0xFFFFFFFF, 9, &rc), ~uint64_t{0});
+    EXPECT_EQ(rc.warm_rc, WARM_RC_DOES_NOT_FIT);
+}
+
+TEST(Header, AnyBytesGiveAscendingOffsets) {
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 20000; i++) {
+        st_warm_slice_body h;
+        auto* bytes = reinterpret_cast<uint8_t*>(&h);
+        for (size_t k = 0; k < sizeof h; k++) bytes[k] = static_cast<uint8_t>(random() % 3 == 0 ? 0xFF : random());
+        if (i % 2 == 0) std::memcpy(h.magic, i % 4 == 0 ? "_MSIDX4" : "Veldar3", 8);
+        const warm_section_offsets_t at = warm_header_section_offsets(&h);
+        const uint64_t ascending[] = {0, at.values, at.m, at.s, at.st, at.host, at.d, at.pl_offs, at.metadata};
+        for (size_t k = 1; k < std::size(ascending); k++) ASSERT_LT(ascending[k - 1], ascending[k]);
+        ASSERT_LE(at.metadata, at.fclex);
+        ASSERT_LT(at.fclex, uint64_t{1} << 40);
+        ASSERT_EQ(warm_header_tsval_encoded_array_size(&h) % 8, 0u);
+    }
+}
+
+TEST(Header, TransfersTellWhatIsWrong) {
+    temp_dir dir;
+    const std::string legacy = std::string("Veldar6") + std::string(53, '\0');
+    const std::string contents[] = {"", legacy, legacy + std::string(60, '\0'), std::string(120, 'V')};
+    const int statuses[] = {WARM_RC_END_OF_FILE, WARM_RC_SHORT_READ, WARM_RC_OK, WARM_RC_BAD_MAGIC};
+    st_warm_slice_body h;
+    warm_rc_t rc;
+    for (size_t i = 0; i < std::size(contents); i++) {
+        EXPECT_EQ(warm_header_read(open_file(dir, contents[i]).get(), &h, &rc), statuses[i]);
+    }
+    EXPECT_EQ(warm_header_read(-1, &h, &rc), WARM_RC_READ);
+    h = header_of("_TSIDX7");
+    EXPECT_EQ(warm_header_write(-1, &h, &rc), WARM_RC_WRITE);
+    EXPECT_EQ(warm_header_write(open_file(dir, std::string(200, 'x')).get(), &h, &rc), 0);
+    EXPECT_EQ(read_file(dir.file("f")).find('x'), 80u);
+}
+
+TEST(Header, PostingListsSizeRefusesWhatCannotBe) {
+    temp_dir dir;
+    st_warm_slice_body h = header_of("_TSIDX9");
+    h.num_values.set(1);
+    h.num_terms.set(2);
+    const std::string before(_offset_pl_offs(&h) + 8, '\0');
+    const std::string entries[] = {"", "\x01\x02\x03", std::string(8, '\xFF'), std::string("\0\0\0\0\0\0\1\2", 8)};
+    const int statuses[] = {WARM_RC_END_OF_FILE, WARM_RC_SHORT_READ, WARM_RC_CORRUPT, WARM_RC_OK};
+    warm_rc_t rc;
+    for (size_t i = 0; i < std::size(entries); i++) {
+        const unique_fd fd = open_file(dir, before + entries[i]);
+        EXPECT_EQ(warm_header_posting_lists_size(&h, fd.get(), &rc), statuses[i] == 0 ? 258 : ~uint64_t{0});
+        EXPECT_EQ(rc.warm_rc, statuses[i]);
+    }
+    warm_header_set_flag(&h, WARM_FLAG_PLO_TAG2, true);
+    const unique_fd fd = open_file(dir, before + std::string(8, '\xFF'));
+    EXPECT_EQ(_offset_dimsets(&h, fd.get(), ~uint64_t{0} - 100, &rc), ~uint64_t{0});
+    EXPECT_EQ(rc.warm_rc, WARM_RC_CORRUPT);
+}
+
+}  // namespace veldar

@@ -1,0 +1,260 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "searchthing/warmslice_util.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+unique_fd open_file(const temp_dir& dir, const std::string& content) {
+    write_file(dir.file("f"), content);
+    return unique_fd(::open(dir.file("f").c_str(), O_RDWR | O_CLOEXEC));
+}
+
+// What was written, as a string of bits.
+struct bit_model {
+    std::string bytes;
+    uint64_t bits = 0;
+    std::vector<uint64_t> positions;
+    std::vector<uint32_t> values, widths;
+
+    void append(uint32_t value, uint32_t width) {
+        positions.push_back(bits);
+        values.push_back(value);
+        widths.push_back(width);
+        for (uint32_t i = 0; i < width; i++, bits++) {
+            if (bits % 64 == 0) bytes.append(8, '\0');
+            if (value >> i & 1) bytes[bits / 8] = static_cast<char>(bytes[bits / 8] | 1 << bits % 8);
+        }
+    }
+};
+
+}  // namespace
+
+TEST(TimedRead, ShortTransfersAndHistogram) {
+    const uint64_t times[] = {0, 7, 8, 63, 64, 4095, 4096, 262143, 262144, 1u << 30};
+    const uint32_t buckets[] = {0, 0, 1, 1, 2, 3, 4, 5, 6, 6};
+    for (size_t i = 0; i < std::size(times); i++) EXPECT_EQ(read_histogram_bucket(times[i]), buckets[i]) << times[i];
+    temp_dir dir;
+    const unique_fd fd = open_file(dir, "0123456789");
+    char out[8];
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(_pread_verify(fd.get(), out, 8, 2, "whole"), 0);
+    EXPECT_EQ(_pread_verify(fd.get(), out, 8, 3, "short"), WARM_RC_SHORT_READ);
+    EXPECT_EQ(_pread_verify(fd.get(), out, 8, 10, "none"), WARM_RC_END_OF_FILE);
+    EXPECT_EQ(_pread_verify(-1, out, 8, 0, "failed"), WARM_RC_READ);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("read failed[short] fd="), 0u);
+    EXPECT_EQ(st_file_write(fd.get(), "abc", 3), 0);
+    EXPECT_EQ(st_file_write(-1, "abc", 1), WARM_RC_WRITE);
+    EXPECT_EQ(read_file(dir.file("f")), "abc3456789");
+}
+
+TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
+    temp_dir dir;
+    std::mt19937_64 random(11);
+    for (int round = 0; round < 60; round++) {
+        const uint64_t size = 1 + random() % 16, offset = random() % 50;
+        const uint32_t count = static_cast<uint32_t>(random() % 200), capacity = static_cast<uint32_t>(random() % 20);
+        std::string model(count * size, '\0');
+        for (char& c : model) c = static_cast<char>(random());
+        const unique_fd fd = open_file(dir, std::string(offset, '-'));
+        array_writer_t aw;
+        ASSERT_EQ(_aw_open(&aw, fd.get(), offset, size, capacity), 0);
+        for (uint32_t i = 0; i < count; i++) ASSERT_EQ(_aw_write(&aw, model.data() + i * size, size), 0);
+        ASSERT_EQ(_aw_close(&aw), 0);
+        EXPECT_EQ(aw.fd, -1);
+        ASSERT_EQ(read_file(dir.file("f")), std::string(offset, '-') + model);
+
+        array_reader_t ar;
+        const uint64_t span = random() % 30;
+        const bool in_memory = random() % 4 == 0;
+        ASSERT_EQ(_ar_open(&ar, fd.get(), offset, size, count, span, nullptr, in_memory ? model.data() : nullptr), 0);
+        uint32_t cursor = 0;
+        for (int i = 0; i < 300; i++) {
+            warm_rc_t rc;
+            const uint64_t hint = random() % 2 == 0 ? 0 : random() % (count + 5);
+            if (random() % 3 == 0) cursor = static_cast<uint32_t>(random() % (count + 2));
+            if (span > 0) ar.span = 1 + random() % (2 * span);  // readers lower and raise it
+            const bool by_index = cursor != ar.cursor || random() % 2 == 0;
+            const uint8_t* element =
+                by_index ? _ar_get_i(&ar, cursor, false, hint, &rc) : _ar_get(&ar, false, hint, &rc);
+            EXPECT_EQ(_ar_idx_out_of_bounds(&ar, cursor), cursor >= count);
+            if (cursor >= count) {
+                ASSERT_EQ(element, nullptr);
+                ASSERT_EQ(rc.warm_rc, by_index ? WARM_RC_CAPACITY : WARM_RC_FAILED);
+                continue;
+            }
+            ASSERT_NE(element, nullptr) << rc.warm_rc;
+            ASSERT_EQ(std::memcmp(element, model.data() + cursor * size, size), 0);
+            cursor++;
+        }
+        _ar_close(&ar);
+        EXPECT_EQ(ar.fd, -1);
+    }
+}
+
+TEST(PackedArray, HintAndCacheOnlyRule) {
+    temp_dir dir;
+    const unique_fd fd = open_file(dir, std::string(4000, 'e'));
+    array_reader_t ar;
+    warm_rc_t rc;
+    struct row {
+        uint64_t index, hint, elements;
+    };
+    // A span of 100 elements of 4 bytes over an array of 1000.
+    const row rows[] = {{0, 0, 100}, {0, 99, 100}, {0, 100, 4}, {50, 49, 4}, {50, 50, 100}, {950, 0, 50}, {998, 1, 2}};
+    for (const row& r : rows) {
+        st_query_info_t stats;
+        ASSERT_EQ(_ar_open(&ar, fd.get(), 0, 4, 1000, 100, &stats, nullptr), 0);
+        EXPECT_EQ(_ar_get_i(&ar, r.index, true, 0, &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, WARM_RC_NOT_FOUND);
+        EXPECT_STREQ(rc.message, "use_cache_only but not in cache");
+        EXPECT_EQ(ar.cursor, 0u);
+        ASSERT_NE(_ar_get_i(&ar, r.index, false, r.hint, &rc), nullptr);
+        EXPECT_EQ(stats.bytes, r.elements * 4) << r.index << " " << r.hint;
+        EXPECT_NE(_ar_get_i(&ar, r.index + r.elements - 1, true, 0, &rc), nullptr);
+        EXPECT_EQ(stats.reads, 1u);
+        _ar_close(&ar);
+    }
+    testing::internal::CaptureStderr();
+    const uint64_t bases[] = {2, 4000};  // the last element is cut, or lies behind the end
+    const int statuses[] = {WARM_RC_SHORT_READ, WARM_RC_END_OF_FILE};
+    for (size_t i = 0; i < 2; i++) {
+        ASSERT_EQ(_ar_open(&ar, fd.get(), bases[i], 4, 1000, 100, nullptr, nullptr), 0);
+        EXPECT_EQ(_ar_get_i(&ar, 999, false, 0, &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, statuses[i]);
+    }
+    testing::internal::GetCapturedStderr();
+}
+
+TEST(PackedArray, FindAtleastIsLowerBound) {
+    temp_dir dir;
+    std::mt19937_64 random(5);
+    const auto compare = [](const void* element, const void* key) {
+        const uint32_t a = load_be32(element), b = *static_cast<const uint32_t*>(key);
+        return a < b ? -1 : a > b ? 1 : 0;
+    };
+    for (int round = 0; round < 200; round++) {
+        std::vector<uint32_t> model(1 + random() % 100);
+        for (uint32_t& v : model) v = static_cast<uint32_t>(random() % 200);
+        std::sort(model.begin(), model.end());
+        std::string bytes(model.size() * 4, '\0');
+        for (size_t i = 0; i < model.size(); i++) store_be32(bytes.data() + 4 * i, model[i]);
+        const unique_fd fd = open_file(dir, bytes);
+        array_reader_t ar;
+        ASSERT_EQ(
+            _ar_open(&ar, fd.get(), 0, 4, static_cast<uint32_t>(model.size()), 1 + random() % 9, nullptr, nullptr), 0);
+        const uint32_t first = static_cast<uint32_t>(random() % model.size());
+        const uint32_t number = static_cast<uint32_t>(random() % (model.size() - first + 1));
+        const uint32_t key = static_cast<uint32_t>(random() % 210);
+        const auto end = model.begin() + first + number;
+        const auto found = std::lower_bound(model.begin() + first, end, key);
+        uint32_t index = 12345;
+        warm_rc_t rc;
+        const uint8_t* element = _ar_find_atleast(&ar, first, number, &key, compare, &index, &rc);
+        if (found == end) {
+            ASSERT_EQ(element, nullptr);
+            ASSERT_EQ(rc.warm_rc, WARM_RC_NOT_FOUND);
+            ASSERT_EQ(index, number == 0 ? 12345 : first + number - 1);
+        } else {
+            ASSERT_NE(element, nullptr);
+            ASSERT_EQ(index, static_cast<uint32_t>(found - model.begin()));
+            ASSERT_EQ(load_be32(element), *found);
+        }
+        EXPECT_EQ(
+            _ar_find_atleast(&ar, first, static_cast<uint32_t>(model.size()) - first + 1, &key, compare, &index, &rc),
+            nullptr);
+        EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
+        _ar_close(&ar);
+    }
+}
+
+TEST(Bitpack, StreamIsTheModelsBitsAndReadsBack) {
+    temp_dir dir;
+    std::mt19937_64 random(3);
+    for (int round = 0; round < 100; round++) {
+        const unique_fd fd = open_file(dir, std::string(16, '-'));
+        std::vector<uint64_t> words(2 + random() % 6, ~uint64_t{0});
+        bitpack_writer_t bp;
+        bp_writer_open(&bp, fd.get(), words.data(), words.size(), 2);
+        bit_model model;
+        warm_rc_t rc;
+        const size_t count = random() % 300;
+        for (size_t i = 0; i < count; i++) {
+            const uint32_t width = static_cast<uint32_t>(random() % 33);
+            const uint32_t value = static_cast<uint32_t>(random() & ((uint64_t{1} << width) - 1));
+            model.append(value, width);
+            ASSERT_EQ(bp_writer_append(&bp, value, width, &rc), 0);
+            if (random() % 20 == 0) {
+                ASSERT_EQ(bp_writer_flush_buffer(&bp, &rc), 0);
+            }
+        }
+        ASSERT_EQ(bp_writer_close(&bp, &rc), 0);
+        EXPECT_EQ(bp.fd, -1);
+        ASSERT_EQ(read_file(dir.file("f")), std::string(16, '-') + model.bytes);
+
+        const std::string unaligned = "x" + model.bytes;
+        array_reader_t files, memory;
+        const uint32_t total = static_cast<uint32_t>(model.bytes.size() / 8);
+        ASSERT_EQ(_ar_open(&files, fd.get(), 16, 8, total, 1 + random() % 8, nullptr, nullptr), 0);
+        ASSERT_EQ(_ar_open(&memory, -1, 0, 8, total, 0, nullptr, unaligned.data() + 1), 0);
+        for (size_t k = 0; k < 2 * count; k++) {
+            const size_t i = k < count ? k : random() % count;
+            uint32_t from_file = 1, from_memory = 2;
+            const uint64_t hint = random() % (model.bits + 1);
+            ASSERT_EQ(bitunpack_word32(&files, model.widths[i], model.positions[i], false, hint, &from_file, &rc), 0);
+            ASSERT_EQ(bitunpack_word32(&memory, model.widths[i], model.positions[i], true, 0, &from_memory, &rc), 0);
+            ASSERT_EQ(from_file, model.values[i]) << model.widths[i] << "@" << model.positions[i];
+            ASSERT_EQ(from_memory, model.values[i]) << model.widths[i] << "@" << model.positions[i];
+        }
+        uint32_t out = 0;
+        EXPECT_EQ(bitunpack_word32(&memory, 1, total * uint64_t{64}, false, 0, &out, &rc), WARM_RC_CAPACITY);
+        if (total > 0) {
+            EXPECT_NE(bitunpack_word32(&memory, 32, total * uint64_t{64} - 31, false, 0, &out, &rc), 0);
+        }
+        _ar_close(&files);
+        _ar_close(&memory);
+    }
+}
+
+TEST(Bitpack, PaddingAndRefusals) {
+    std::vector<uint64_t> words(2);
+    bitpack_writer_t bp;
+    warm_rc_t rc;
+    bp_writer_open(&bp, -1, words.data(), words.size(), 0);
+    ASSERT_EQ(bp_writer_append(&bp, 1, 1, &rc), 0);
+    EXPECT_EQ(bp_writer_pad64(&bp, &rc), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_STREQ(rc.message, "val_nbits invalid");
+    ASSERT_EQ(bp_writer_append(&bp, 0x7FFFFFFF, 32, &rc), 0);
+    ASSERT_EQ(bp_writer_append(&bp, 0, 7, &rc), 0);
+    for (int i = 0; i < 2; i++) {
+        ASSERT_EQ(bp_writer_pad64(&bp, &rc), 0);
+        EXPECT_EQ(bp.bit_cursor, 64u);
+    }
+    ASSERT_EQ(bp_writer_append(&bp, 0xFFFFFFFF, 32, &rc), 0);
+    EXPECT_EQ(bp_writer_append(&bp, 0, 16, &rc), 0);
+    EXPECT_EQ(bp_writer_append(&bp, 1, 17, &rc), WARM_RC_CAPACITY);
+    EXPECT_STREQ(rc.message, "meta writer buffer insufficient(2)");
+    EXPECT_EQ(words[0] & words[1], 0xFFFFFFFFull);
+
+    // What a failed flush could not write is still there for the next one.
+    temp_dir dir;
+    const unique_fd fd = open_file(dir, "");
+    const unique_fd read_only(::open(dir.file("f").c_str(), O_RDONLY | O_CLOEXEC));
+    bp_writer_open(&bp, read_only.get(), words.data(), 1, 0);
+    ASSERT_EQ(bp_writer_append(&bp, 0x41424344, 32, &rc), 0);
+    ASSERT_EQ(bp_writer_append(&bp, 0x45464748, 32, &rc), 0);
+    EXPECT_EQ(bp_writer_append(&bp, 1, 8, &rc), WARM_RC_WRITE);
+    bp.fd = fd.get();
+    ASSERT_EQ(bp_writer_append(&bp, 0x49, 8, &rc), 0);
+    ASSERT_EQ(bp_writer_close(&bp, &rc), 0);
+    EXPECT_EQ(read_file(dir.file("f")), std::string("DCBAHGFE\x49\0\0\0\0\0\0\0", 16));
+}
+
+}  // namespace veldar

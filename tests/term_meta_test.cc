@@ -1,0 +1,216 @@
+#include "searchthing/term_meta.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "searchthing/warmslice_meta.h"
+#include "tests/support/forge.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+// A forged file, its header, and the record that every term must have.
+struct forged_slice {
+    temp_dir dir;
+    forge_picture picture;
+    std::string bytes;
+    unique_fd fd;
+    st_warm_slice_body header;
+    std::vector<st_term_metadata> records;
+
+    forged_slice(const std::vector<forge_event>& events, const forge_options& options) {
+        bytes = forge_slice(events, options, &picture);
+        write_file(dir.file("f"), bytes);
+        fd.reset(::open(dir.file("f").c_str(), O_RDONLY | O_CLOEXEC));
+        std::memcpy(static_cast<void*>(&header), bytes.data(), std::min(bytes.size(), sizeof header));
+        const bool times = warm_header_meta_type(&header) != META_COUNT_ONLY;
+        for (const std::vector<uint32_t>& list : picture.postings) {
+            st_term_metadata record = {static_cast<uint32_t>(list.size()), 0, 0};
+            if (times) {
+                record.earliest = static_cast<uint32_t>(picture.values[list.back()].time);
+                record.latest = static_cast<uint32_t>(picture.values[list.front()].time);
+            }
+            records.push_back(record);
+        }
+    }
+    std::string section() const { return bytes.substr(_offset_metadata(&header), warm_header_size_metadata(&header)); }
+    uint32_t terms() const { return static_cast<uint32_t>(records.size()); }
+};
+
+bool operator==(const st_term_metadata& a, const st_term_metadata& b) {
+    return a.count == b.count && a.earliest == b.earliest && a.latest == b.latest;
+}
+
+void expect_all(const forged_slice& slice, term_meta_reader_t* reader) {
+    warm_rc_t rc;
+    for (const st_term_metadata& wanted : slice.records) {
+        const st_term_metadata* got = term_meta_reader_next(reader, &rc);
+        ASSERT_NE(got, nullptr) << rc.warm_rc << rc.message;
+        ASSERT_TRUE(*got == wanted) << reader->next;
+    }
+    EXPECT_EQ(term_meta_reader_next(reader, &rc), nullptr);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_CAPACITY);
+}
+
+st_warm_slice_body packed_header(uint32_t values, int32_t earliest, int32_t latest, uint32_t terms) {
+    st_warm_slice_body h;
+    warm_header_init(&h, "_TSIDX9");
+    h.num_values.set(values);
+    h.num_terms.set(terms);
+    h.earliest.set(static_cast<uint32_t>(earliest));
+    h.latest.set(static_cast<uint32_t>(latest));
+    return h;
+}
+
+}  // namespace
+
+TEST(TermMeta, EveryKindReadsInSequenceInMemoryAndAtRandom) {
+    std::mt19937_64 random(17);
+    for (const forge_options& options : forge_event_kinds()) {
+        SCOPED_TRACE(options.name());
+        const forged_slice slice(forge_random_events(23, 150), options);
+        const uint8_t* mapped = reinterpret_cast<const uint8_t*>(slice.bytes.data()) + _offset_metadata(&slice.header);
+        term_meta_reader_t reader;
+        warm_rc_t rc;
+        const bool counts_only = warm_header_meta_type(&slice.header) == META_COUNT_ONLY;
+        const int opened = term_meta_reader_open(&reader, slice.fd.get(), nullptr, &slice.header, true, nullptr, &rc);
+        if (counts_only) {
+            EXPECT_EQ(opened, WARM_RC_CORRUPT);
+            EXPECT_STREQ(rc.message, "sequential access for META_COUNT_ONLY unsupportted");
+        } else {
+            ASSERT_EQ(opened, 0);
+            expect_all(slice, &reader);
+        }
+        EXPECT_EQ(term_meta_reader_close(&reader), 0);
+        ASSERT_EQ(term_meta_reader_open(&reader, -1, mapped, &slice.header, false, nullptr, &rc), 0);
+        expect_all(slice, &reader);
+        term_meta_reader_close(&reader);
+
+        ASSERT_EQ(term_meta_reader_open(&reader, slice.fd.get(), nullptr, &slice.header, false, nullptr, &rc), 0);
+        uint32_t term = 0;
+        for (int i = 0; i < 500; i++) {
+            term = random() % 4 == 0 ? static_cast<uint32_t>(random() % slice.terms())
+                                     : static_cast<uint32_t>((term + random() % 5) % slice.terms());
+            term_meta_reader_seek(&reader, term);
+            const st_term_metadata* got = term_meta_reader_next(&reader, &rc);
+            ASSERT_NE(got, nullptr);
+            ASSERT_TRUE(*got == slice.records[term]) << term;
+        }
+        term_meta_reader_close(&reader);
+    }
+}
+
+TEST(TermMeta, WritersMakeTheForgedSection) {
+    for (const forge_options& options : forge_event_kinds()) {
+        SCOPED_TRACE(options.name());
+        const forged_slice slice(forge_random_events(29, 600), options);
+        const std::string section = slice.section();
+        temp_dir dir;
+        const unique_fd out(::open(dir.file("out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        std::vector<uint64_t> memory(section.size() / 8, ~uint64_t{0});
+        term_meta_writer_t file_writer, memory_writer;
+        warm_rc_t rc;
+        ASSERT_EQ(term_meta_writer_open(&file_writer, out.get(), &slice.header, &rc), 0);
+        const bool counts_only = file_writer.mtype == META_COUNT_ONLY;  // in memory these have 12 bytes too
+        term_meta_writer_open_buffer_mode(&memory_writer, &slice.header, memory.data(),
+                                          counts_only ? 0 : section.size());
+        for (const st_term_metadata& record : slice.records) {
+            ASSERT_EQ(term_meta_writer_append(&file_writer, &record, &rc), 0) << rc.message;
+            ASSERT_EQ(term_meta_writer_append(&memory_writer, &record, &rc), counts_only ? WARM_RC_CAPACITY : 0);
+        }
+        ASSERT_EQ(term_meta_writer_close(&memory_writer, &rc), 0);
+        ASSERT_EQ(term_meta_writer_close(&file_writer, &rc), 0);
+        const std::string written = read_file(dir.file("out")).substr(_offset_metadata(&slice.header));
+        EXPECT_EQ(written.size(), options.legacy() ? slice.terms() * (counts_only ? 4 : 12) : section.size());
+        EXPECT_TRUE(written == section.substr(0, written.size()));
+        EXPECT_TRUE(counts_only || std::memcmp(memory.data(), section.data(), written.size()) == 0);
+    }
+}
+
+TEST(TermMeta, WriterRefusesWhatItsFieldsCannotHold) {
+    temp_dir dir;
+    const unique_fd out(::open(dir.file("out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const st_warm_slice_body h = packed_header(5, -10, 5, 2);  // 3 bits of count, 4 of time
+    struct row {
+        uint32_t count;
+        int32_t earliest, latest;
+        int status;
+    };
+    const row rows[] = {{5, -11, 0, WARM_RC_INVALID_ARGUMENT}, {5, 0, -11, WARM_RC_INVALID_ARGUMENT},
+                        {8, 0, 0, WARM_RC_DOES_NOT_FIT},       {1, 6, 0, WARM_RC_DOES_NOT_FIT},
+                        {1, 0, 6, WARM_RC_DOES_NOT_FIT},       {7, -10, 5, WARM_RC_OK}};
+    term_meta_writer_t writer;
+    warm_rc_t rc;
+    ASSERT_EQ(term_meta_writer_open(&writer, out.get(), &h, &rc), 0);
+    for (const row& r : rows) {
+        const st_term_metadata record = {r.count, static_cast<uint32_t>(r.earliest), static_cast<uint32_t>(r.latest)};
+        EXPECT_EQ(term_meta_writer_append(&writer, &record, &rc), r.status);
+        EXPECT_EQ(writer.bp.bit_cursor, r.status == 0 ? 11u : 0u);
+    }
+    ASSERT_EQ(term_meta_writer_close(&writer, &rc), 0);
+    // Count 7 in bits 0 to 2, earliest 0 in 3 to 6, latest 15 in 7 to 10.
+    EXPECT_EQ(read_file(dir.file("out")).substr(_offset_metadata(&h)), std::string("\x87\x07\0\0\0\0\0\0", 8));
+}
+
+TEST(TermMeta, ZeroWidthsReadBackTheHeader) {
+    const uint64_t words[] = {0x5};
+    term_meta_reader_t reader;
+    warm_rc_t rc;
+    st_warm_slice_body h = packed_header(7, 1000, 1000, 2);
+    ASSERT_EQ(term_meta_reader_open(&reader, -1, reinterpret_cast<const uint8_t*>(words), &h, false, nullptr, &rc), 0);
+    const st_term_metadata* record = term_meta_reader_next(&reader, &rc);
+    ASSERT_NE(record, nullptr);
+    EXPECT_TRUE(*record == (st_term_metadata{5, 1000, 1000}));
+    h = packed_header(0, 1000, 1000, 2);
+    ASSERT_EQ(term_meta_reader_open(&reader, -1, nullptr, &h, true, nullptr, &rc), 0);
+    record = term_meta_reader_next(&reader, &rc);
+    ASSERT_NE(record, nullptr) << "nothing has to be read for an entry of no bits";
+    EXPECT_TRUE(*record == (st_term_metadata{0, 1000, 1000}));
+    term_meta_reader_close(&reader);
+}
+
+TEST(TermMeta, AccessorReadsOneEntryAtRandomAndPiecesInOrder) {
+    for (const forge_options& options : forge_event_kinds()) {
+        SCOPED_TRACE(options.name());
+        const forged_slice slice(forge_random_events(37, 600), options);
+        WARM warm;
+        st_warm_slice_body header = slice.header;
+        warm.fd.reset(::open(slice.dir.file("f").c_str(), O_RDONLY | O_CLOEXEC));
+        warm.body = &header;
+        warm_rc_t rc;
+        uint32_t count = 0;
+        EXPECT_EQ(get_meta_count(&warm, 0, nullptr, &count, &rc), WARM_RC_MINIFIED);
+        FCLEX lexicon;
+        warm.lexicon = &lexicon;
+
+        st_query_info_t lookup;
+        const uint32_t middle = slice.terms() / 2;
+        ASSERT_EQ(get_meta_count(&warm, middle, &lookup, &count, &rc), 0);
+        EXPECT_EQ(count, slice.records[middle].count);
+        EXPECT_LE(lookup.bytes, 24u);
+        EXPECT_EQ(lookup.reads, 1u);
+        EXPECT_EQ(get_meta_count(&warm, slice.terms(), nullptr, &count, &rc), WARM_RC_CAPACITY);
+
+        for (const uint32_t step : {1u, 5u}) {
+            st_query_info_t walk;
+            for (uint32_t term = 0; term < slice.terms(); term += step) {
+                st_term_metadata record = {};
+                ASSERT_EQ(warm_slice_term_metadata(&warm, term, &walk, &record, &rc), 0);
+                ASSERT_TRUE(record == slice.records[term]) << term;
+            }
+            EXPECT_LE(walk.reads, 4 + slice.section().size() / 4000);
+        }
+        st_query_info_t far;
+        ASSERT_EQ(get_meta_count(&warm, 1, &far, &count, &rc), 0);
+        EXPECT_LE(far.bytes, 24u);
+        term_meta_reader_close(&warm.meta_reader);
+    }
+}
+
+}  // namespace veldar
