@@ -1,5 +1,16 @@
 // The engine's outer surface for programs that work on index directories: argument checks, the record of the current
-// transaction, and forwarding to the directory.
+// transaction, and forwarding to the directory (tsidx.h).
+//
+//   st_init("my-program");
+//   TSWRITEOPTS opts;
+//   st_tsidx_write_opts_set_defaults(&opts);
+//   THING* thing = st_open_for_write("/var/lib/index", 0, TSIDX_ORDINARY_WRITER, &opts);
+//   st_txn_start(thing, time, address, source, source_type, host);
+//   st_txn_put(thing, "error", 5);
+//   if (st_txn_close(thing) != 0) ...           the event is not in the index
+//   if (st_close(thing) != 0) ...               some events since the last good sync are not in the index
+//
+// A handle is used by one thread at a time. Unless noted, a null handle is a programming error.
 #pragma once
 
 #include <cstddef>
@@ -17,14 +28,26 @@ namespace veldar {
 struct st_handle;
 using THING = st_handle;
 
-inline constexpr uint32_t ST_OPEN_STREAMING = 1;
+// Flags of st_open_for_write; others are ignored.
+inline constexpr uint32_t ST_OPEN_STREAMING = 1;  // events come in order of time, then address
 inline constexpr uint32_t ST_OPEN_METRICS = 2;
 
+// A handle for reading an existing or future directory, which it does not change. Null for a null or empty path or
+// without memory.
 THING* st_open_for_read(const char* path);
+// A handle for writing. Null for a null or empty path, a write level outside 1 to 4, a directory that the process may
+// not read, write and search, or without memory. `limit` is the number that tells writers of one directory apart;
+// TSIDX_ORDINARY_WRITER for a single writer.
 THING* st_open_for_write(const char* path, uint32_t flags, uint32_t limit, const TSWRITEOPTS* opts);
+// Writes what is in memory as a slice: see st_tsidx_sync. -1 for a null handle.
 int st_sync(THING* thing);
+// Syncs and ends the handle: see st_tsidx_close. -1 for a null handle. The handle is gone whatever the result.
 int st_close(THING* thing);
 
+// One event: start, any number of puts, close; see st_tsidx_txn_start, _put and _close. `address` is the event's key,
+// where the raw event lies: two events with one address end up in different slices, at a cost. `subsecond` is kept in
+// memory only. Outside metric directories the value's measure, an integer of 31 bits, is `seek_address`; `measure` is
+// for metrics.
 int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
                  st_host_t host);
 int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsecond_t subsecond, st_addr_t address,
@@ -34,6 +57,7 @@ int st_txn_put(THING* thing, const char* text, size_t length);
 int st_txn_put_measure(THING* thing, const char* text, size_t length, st_measure_t measure);
 int st_txn_close(THING* thing);
 
+// The functions of tsidx.h of the same names.
 int st_autotune(THING* thing, int enable);
 int st_options(THING* thing, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values);
 void st_set_params(THING* thing, uint64_t max_terms, uint64_t lexicon_bytes, uint64_t max_postings, uint64_t max_values,
@@ -46,7 +70,10 @@ int st_get_warm_rc(const THING* thing);
 int st_get_warm_errno(const THING* thing);
 int st_need_optimize(const THING* thing);
 int st_set_need_optimize(THING* thing);
+
+// 1 when the name parses as a minified slice (without a directory) or a regular one (tsidx_names.h), else 0.
 int st_parse_tsidx(const char* file_name, st_filename_metadata_t* meta);
-TSIDX* st_directory(THING* thing);  // the open directory behind the handle, for the operations of tsidx.h
+// The open directory behind the handle, for the operations of tsidx.h; owned by the handle.
+TSIDX* st_directory(THING* thing);
 
 }  // namespace veldar

@@ -1,0 +1,148 @@
+#include "searchthing/st.h"
+
+#include <unistd.h>
+
+#include <memory>
+#include <new>
+#include <string>
+
+#include "libzero/assertions.h"
+
+namespace veldar {
+
+struct st_handle {
+    std::string path;
+    TSIDX* tsidx = nullptr;  // owned
+    st_txn txn;              // the event of the current transaction
+};
+
+namespace {
+
+THING* _st_open_common(const char* path, uint32_t flags, uint32_t limit, const TSWRITEOPTS* opts) {
+    if (path == nullptr || *path == '\0') return nullptr;
+    if (opts->write_level != 0 && ::access(path, R_OK | W_OK | X_OK) != 0) return nullptr;
+    try {
+        auto thing = std::make_unique<st_handle>();
+        thing->path = path;
+        thing->tsidx =
+            st_tsidx_open(path, (flags & ST_OPEN_STREAMING) != 0, (flags & ST_OPEN_METRICS) != 0, opts, limit);
+        return thing->tsidx == nullptr ? nullptr : thing.release();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+TSIDX* directory_of(const THING* thing) {
+    ST_ASSERT(thing != nullptr && thing->tsidx != nullptr);
+    return thing->tsidx;
+}
+
+}  // namespace
+
+THING* st_open_for_read(const char* path) {
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_write_level(&opts, 0);
+    return _st_open_common(path, 0, TSIDX_ORDINARY_WRITER, &opts);
+}
+
+THING* st_open_for_write(const char* path, uint32_t flags, uint32_t limit, const TSWRITEOPTS* opts) {
+    ST_ASSERT(opts != nullptr);
+    if (!st_write_level_is_valid(opts->write_level)) return nullptr;
+    return _st_open_common(path, flags, limit, opts);
+}
+
+int st_sync(THING* thing) {
+    if (thing == nullptr) return -1;
+    return thing->tsidx == nullptr ? -2 : st_tsidx_sync(thing->tsidx);
+}
+
+int st_close(THING* thing) {
+    if (thing == nullptr) return -1;
+    const std::unique_ptr<st_handle> owner(thing);
+    static_cast<void>(st_sync(thing));  // close reports it
+    return st_tsidx_close(directory_of(thing));
+}
+
+int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsecond_t subsecond, st_addr_t address,
+                                 st_multikv_seek_addr_t seek_address, st_measure_t measure, st_source_t source,
+                                 st_src_type_t source_type, st_host_t host) {
+    TSIDX* const tsidx = directory_of(thing);
+    thing->txn = {.time = time,
+                  .subsecond = subsecond,
+                  .address = address,
+                  .seek_address = seek_address,
+                  .measure = measure,
+                  .source = source,
+                  .source_type = source_type,
+                  .host = host,
+                  .reserved = 0};
+    return st_tsidx_txn_start(tsidx, &thing->txn);
+}
+
+int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
+                 st_host_t host) {
+    return st_txn_start_with_subseconds(thing, time, 0, address, 0.0, 0.0, source, source_type, host);
+}
+
+int st_txn_put(THING* thing, const char* text, size_t length) {
+    return st_tsidx_txn_put(directory_of(thing), text, length, &thing->txn);
+}
+
+int st_txn_put_measure(THING* thing, const char* text, size_t length, st_measure_t measure) {
+    TSIDX* const tsidx = directory_of(thing);
+    thing->txn.measure = measure;
+    return st_tsidx_txn_put(tsidx, text, length, &thing->txn);
+}
+
+int st_txn_close(THING* thing) {
+    return st_tsidx_txn_close(directory_of(thing), &thing->txn);
+}
+
+int st_autotune(THING* thing, int enable) {
+    return st_tsidx_autotune(directory_of(thing), enable);
+}
+
+int st_options(THING* thing, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values) {
+    return st_tsidx_options(directory_of(thing), lexicon_bytes, max_terms, max_postings, max_values);
+}
+
+void st_set_params(THING* thing, uint64_t max_terms, uint64_t lexicon_bytes, uint64_t max_postings, uint64_t max_values,
+                   uint64_t keywords_per_txn, uint64_t dimset_words) {
+    st_tsidx_set_params(directory_of(thing), max_terms, lexicon_bytes, max_postings, max_values, keywords_per_txn,
+                        dimset_words);
+}
+
+uint64_t st_max_terms(const THING* thing) {
+    return st_tsidx_max_terms(directory_of(thing));
+}
+uint64_t st_max_term_chars(const THING* thing) {
+    return st_tsidx_max_term_chars(directory_of(thing));
+}
+uint64_t st_max_postings(const THING* thing) {
+    return st_tsidx_max_postings(directory_of(thing));
+}
+uint64_t st_max_values(const THING* thing) {
+    return st_tsidx_max_values(directory_of(thing));
+}
+int st_get_warm_rc(const THING* thing) {
+    return st_tsidx_get_warm_rc(directory_of(thing));
+}
+int st_get_warm_errno(const THING* thing) {
+    return st_tsidx_get_warm_errno(directory_of(thing));
+}
+int st_need_optimize(const THING* thing) {
+    return st_tsidx_need_optimize(directory_of(thing));
+}
+int st_set_need_optimize(THING* thing) {
+    return st_tsidx_set_need_optimize(directory_of(thing));
+}
+
+int st_parse_tsidx(const char* file_name, st_filename_metadata_t* meta) {
+    return st_mini_tsidx_file_parse(file_name, meta) != 0 || st_tsidx_file_parse(file_name, meta) != 0 ? 1 : 0;
+}
+
+TSIDX* st_directory(THING* thing) {
+    return directory_of(thing);
+}
+
+}  // namespace veldar

@@ -1,0 +1,63 @@
+// The record of an open index directory, for tsidx*.cc only.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "libzero/ospath-builder.h"
+#include "libzero/xorshift128plus.h"
+#include "searchthing/hotslice.h"
+#include "searchthing/tsidx.h"
+#include "searchthing/tsidx_params.h"
+
+namespace veldar {
+
+// Keywords of the current transaction. Their texts lie in one arena that keeps its size, so that a directory in use
+// allocates nothing a keyword.
+struct tsidx_txn_buffer {
+    bool open = false;
+    int failed = 0;  // status of a put that lost its keyword
+    std::vector<char> arena;
+    size_t used = 0;
+    std::vector<hot_keyword_t> keywords;
+};
+
+struct st_tsidx {
+    std::string path;
+    bool streaming = false;
+    bool is_msidx = false;
+    uint32_t writer_number = TSIDX_ORDINARY_WRITER;
+    TSWRITEOPTS opts;
+    tsidx_limits_t limits;
+    xorshift128plus_state rng;
+
+    HOT* hot = nullptr;  // owned; made by the first transaction that needs it
+    tsidx_limits_t hot_limits;
+    tsidx_txn_buffer txn;
+
+    bool durable = true;
+    bool autotune = true;
+    tsidx_params_line stored_params;  // what the parameter file is known to hold
+    std::chrono::steady_clock::time_point params_written;
+
+    warm_rc_t last_failure;
+    bool last_sync_failed = false;
+    uint64_t slices_written = 0;
+    uint32_t parts_written = 0;
+    ospath_buf unmoved;
+    bool warned_about_addresses = false;
+};
+
+bool tsidx_is_writable(const TSIDX* tsidx);
+// The number that tells this writer's file names from those of others.
+uint32_t tsidx_writer_tag(const TSIDX* tsidx);
+// Makes sure that there is a hot slice, of the current limits when it is empty: 0 or an engine status, recorded.
+int tsidx_ensure_hot(TSIDX* tsidx);
+// Syncs because of a full code and lets autotune learn from it: 0 or TSIDX_SYNC_FAILED.
+int tsidx_sync_full(TSIDX* tsidx, int code);
+// Writes the parameter file when it would change. Failures are logged only: the next run starts with smaller limits.
+void tsidx_save_params(TSIDX* tsidx);
+
+}  // namespace veldar

@@ -1,0 +1,162 @@
+// Transactions of an index directory: buffered keywords, applied whole at close.
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "libzero/assertions.h"
+#include "libzero/vbe.h"
+#include "searchthing/fclex.h"
+#include "searchthing/log.h"
+#include "searchthing/tsidx_internal.h"
+
+namespace veldar {
+
+namespace {
+
+int fail(TSIDX* tsidx, int status, const char* message) {
+    return _set_rc_msg(&tsidx->last_failure, status, message);
+}
+
+// A plain refusal: the event or keyword is at fault, not the engine.
+int refuse(TSIDX* tsidx, int code) {
+    tsidx->last_failure = {};
+    return code;
+}
+
+// An entry of a companion array is never wider than 31 bits.
+bool fits_companions(const st_txn& txn) {
+    const auto fits = [](uint32_t value) { return value < uint32_t{1} << 31; };
+    return (fits(txn.source) || txn.source == ST_DELETED_SOURCE) && fits(txn.source_type) && fits(txn.host);
+}
+
+void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t length) {
+    if (buffered.arena.size() - buffered.used < length) {
+        const char* const before = buffered.arena.data();
+        const size_t grown = std::max<size_t>(2 * (buffered.used + length), 16384);
+        std::vector<char> arena(grown);
+        std::copy_n(before, buffered.used, arena.data());
+        for (hot_keyword_t& keyword : buffered.keywords) keyword.text = arena.data() + (keyword.text - before);
+        buffered.arena.swap(arena);
+    }
+    char* const copy = buffered.arena.data() + buffered.used;
+    std::memcpy(copy, text, length);
+    buffered.keywords.push_back({.text = copy, .length = length, .hash = hot_slice_hash(copy, length)});
+    buffered.used += length;
+}
+
+bool same_fields(const st_tsval& value, const st_txn& txn) {
+    return value.time == txn.time && value.s == txn.source && value.st == txn.source_type && value.h == txn.host;
+}
+
+// Whether the event would be taken for another one of the hot slice, or come out of order in streaming mode.
+bool conflicts(const TSIDX* tsidx, const st_txn& txn) {
+    if (const st_tsval* value = hot_slice_find_value(tsidx->hot, &txn)) return !same_fields(*value, txn);
+    if (!tsidx->streaming) return false;
+    const st_tsval* last = hot_slice_last_value(tsidx->hot);
+    return last != nullptr && (txn.time < last->time || (txn.time == last->time && txn.address < last->address));
+}
+
+void warn_about_addresses(TSIDX* tsidx, st_addr_t address) {
+    if (std::exchange(tsidx->warned_about_addresses, true)) return;
+    _log(0, "WARN  events out of order or with one address for several of them end slices early. address=%u, path=%s\n",
+         address, tsidx->path.c_str());
+}
+
+// Raises the limits that the transaction alone exceeds to a power of two that holds twice its need. False, and nothing
+// changed, when that would leave the ranges of a directory.
+bool grow_limits(TSIDX* tsidx) {
+    uint64_t bytes = 0;
+    for (const hot_keyword_t& keyword : tsidx->txn.keywords) bytes += keyword.length + 1;
+    const uint64_t count = tsidx->txn.keywords.size();
+    tsidx_limits_t grown = tsidx->limits;
+    const auto raise = [](uint64_t* limit, uint64_t need) {
+        if (*limit <= need) *limit = round_up_to_power_of_two(2 * need);
+    };
+    raise(&grown.lexicon_bytes, bytes);
+    raise(&grown.max_terms, count);
+    raise(&grown.max_postings, count);
+    raise(&grown.max_values, 1);
+    const tsidx_limits_t sane = tsidx_clamp_limits(grown);
+    if (sane.lexicon_bytes < grown.lexicon_bytes || sane.max_terms < grown.max_terms ||
+        sane.max_postings < grown.max_postings) {
+        return false;
+    }
+    tsidx->limits = grown;
+    return true;
+}
+
+// Leaves a hot slice with room for the transaction, or refuses it.
+int make_room(TSIDX* tsidx, const st_txn* txn) {
+    const std::span<const hot_keyword_t> keywords = tsidx->txn.keywords;
+    ST_TRY(tsidx_ensure_hot(tsidx));
+    if (const int code = st_hot_slice_check_space(tsidx->hot); code != 0) {
+        ST_TRY(tsidx_sync_full(tsidx, code));
+        ST_TRY(tsidx_ensure_hot(tsidx));
+    } else if (conflicts(tsidx, *txn)) {
+        warn_about_addresses(tsidx, txn->address);
+        ST_TRY(st_tsidx_sync(tsidx));
+        ST_TRY(tsidx_ensure_hot(tsidx));
+    }
+    int code = hot_slice_check_txn(tsidx->hot, txn, keywords);
+    if (code != 0 && st_hot_slice_values(tsidx->hot) != 0) {
+        ST_TRY(tsidx_sync_full(tsidx, code));
+        ST_TRY(tsidx_ensure_hot(tsidx));
+        code = hot_slice_check_txn(tsidx->hot, txn, keywords);
+    }
+    if (code != 0 && grow_limits(tsidx)) {
+        ST_TRY(tsidx_ensure_hot(tsidx));
+        code = hot_slice_check_txn(tsidx->hot, txn, keywords);
+    }
+    return code == 0 ? 0 : refuse(tsidx, code);
+}
+
+}  // namespace
+
+int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn) {
+    ST_ASSERT(tsidx != nullptr && txn != nullptr);
+    if (!tsidx_is_writable(tsidx)) return fail(tsidx, WARM_RC_UNSUPPORTED, "directory is open for reading");
+    tsidx->txn.open = false;
+    if (!fits_companions(*txn)) return fail(tsidx, WARM_RC_DOES_NOT_FIT, "source, source type or host beyond 31 bits");
+    tsidx->txn.open = true;
+    tsidx->txn.failed = 0;
+    tsidx->txn.used = 0;
+    tsidx->txn.keywords.clear();
+    return 0;
+}
+
+int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn* txn) {
+    ST_ASSERT(tsidx != nullptr && txn != nullptr && (text != nullptr || length == 0));
+    if (!tsidx->txn.open) return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "no transaction is open");
+    if (length == 0) return 0;
+    const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
+    if (std::memchr(text, '\0', kept) != nullptr) return refuse(tsidx, HOT_PUT_RC_BAD_KEYWORD);
+    try {
+        append_keyword(tsidx->txn, text, kept);
+    } catch (const std::bad_alloc&) {
+        tsidx->txn.failed = WARM_RC_NO_MEMORY;
+        return fail(tsidx, WARM_RC_NO_MEMORY, "transaction buffer");
+    }
+    return 0;
+}
+
+int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn) {
+    ST_ASSERT(tsidx != nullptr && txn != nullptr);
+    if (!std::exchange(tsidx->txn.open, false)) {
+        return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "no transaction is open");
+    }
+    // Without a keyword that did not fit into memory, the event would not be whole.
+    if (tsidx->txn.failed != 0) return fail(tsidx, tsidx->txn.failed, "transaction buffer");
+    tsidx->last_failure.warm_rc = 0;
+    if (tsidx->txn.keywords.empty()) return 0;
+    if (!fits_companions(*txn)) return fail(tsidx, WARM_RC_DOES_NOT_FIT, "source, source type or host beyond 31 bits");
+    try {
+        ST_TRY(make_room(tsidx, txn));
+    } catch (const std::bad_alloc&) {
+        return fail(tsidx, WARM_RC_NO_MEMORY, "transaction check");
+    }
+    hot_slice_put_all(tsidx->hot, txn, tsidx->txn.keywords);
+    return 0;
+}
+
+}  // namespace veldar

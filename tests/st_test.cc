@@ -1,0 +1,97 @@
+#include "searchthing/st.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/hot_events.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+TSWRITEOPTS options_of_level(uint32_t level) {
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_write_level(&opts, level);
+    return opts;
+}
+
+size_t files(const temp_dir& dir) {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir.path()), {}));
+}
+
+TEST(St, RefusedOpens) {
+    const temp_dir dir;
+    for (const uint32_t level : {0u, 5u}) {
+        const TSWRITEOPTS opts = options_of_level(level);
+        EXPECT_EQ(st_open_for_write(dir.path().c_str(), 0, TSIDX_ORDINARY_WRITER, &opts), nullptr);
+    }
+    const TSWRITEOPTS opts = options_of_level(4);
+    EXPECT_EQ(st_open_for_write(nullptr, 0, TSIDX_ORDINARY_WRITER, &opts), nullptr);
+    EXPECT_EQ(st_open_for_write("", 0, TSIDX_ORDINARY_WRITER, &opts), nullptr);
+    EXPECT_EQ(st_open_for_write(dir.file("missing").c_str(), 0, TSIDX_ORDINARY_WRITER, &opts), nullptr);
+    EXPECT_EQ(st_open_for_read(""), nullptr);
+    EXPECT_EQ(st_open_for_read(nullptr), nullptr);
+    EXPECT_EQ(st_close(nullptr), -1);
+    EXPECT_EQ(st_sync(nullptr), -1);
+    EXPECT_EQ(files(dir), 0u);
+}
+
+TEST(St, ReadingChangesNothing) {
+    const temp_dir dir;
+    THING* thing = st_open_for_read(dir.path().c_str());
+    ASSERT_NE(thing, nullptr);
+    EXPECT_EQ(st_txn_start(thing, 1, 1, 1, 1, 1), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_get_warm_rc(thing), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_sync(thing), 0);
+    EXPECT_EQ(st_close(thing), 0);
+    EXPECT_EQ(files(dir), 0u);
+}
+
+TEST(St, TransactionsAtEveryLevel) {
+    for (uint32_t level = 1; level <= 4; level++) {
+        const temp_dir dir;
+        const TSWRITEOPTS opts = options_of_level(level);
+        THING* thing = st_open_for_write(dir.path().c_str(), ST_OPEN_STREAMING, TSIDX_ORDINARY_WRITER, &opts);
+        ASSERT_NE(thing, nullptr);
+        EXPECT_EQ(st_txn_start_with_subseconds(thing, 5, 77, 6, 12.9, 3.0, 1, 2, 3), 0);
+        EXPECT_EQ(st_txn_put(thing, "alpha", 5), 0);
+        EXPECT_EQ(st_txn_put_measure(thing, "beta", 4, 8.0), 0);
+        EXPECT_EQ(st_txn_close(thing), 0);
+        EXPECT_EQ(st_sync(thing), 0);
+        EXPECT_EQ(st_txn_start(thing, 7, 8, 0, 0, 0), 0);
+        EXPECT_EQ(st_txn_put(thing, "alpha", 5), 0);
+        EXPECT_EQ(st_txn_close(thing), 0);
+        EXPECT_EQ(st_need_optimize(thing), 1);
+        EXPECT_EQ(st_close(thing), 0);
+        const std::vector<forge_event> expected = {
+            {.time = 5, .address = 6, .measure = 12, .s = 1, .st = 2, .h = 3, .terms = {"alpha", "beta"}},
+            {.time = 7, .address = 8, .terms = {"alpha"}}};
+        EXPECT_TRUE(read_created_slices(dir.path()) == expected);
+        EXPECT_TRUE(std::filesystem::exists(dir.file(TSIDX_PARAMS_NAME)));
+    }
+}
+
+TEST(St, MetricDirectoriesRefuseEventsForNow) {
+    const temp_dir dir;
+    const TSWRITEOPTS opts = options_of_level(4);
+    THING* thing = st_open_for_write(dir.path().c_str(), ST_OPEN_METRICS, TSIDX_ORDINARY_WRITER, &opts);
+    ASSERT_NE(thing, nullptr);
+    EXPECT_EQ(st_txn_start(thing, 1, 1, 1, 1, 1), 0);
+    EXPECT_EQ(st_txn_put(thing, "a", 1), 0);
+    EXPECT_EQ(st_txn_close(thing), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_close(thing), 0);
+}
+
+TEST(St, FileNames) {
+    st_filename_metadata_t meta;
+    EXPECT_EQ(st_parse_tsidx("dir/123-100-5.tsidx", &meta), 1);
+    EXPECT_EQ(meta.kind, 1u);
+    EXPECT_EQ(st_parse_tsidx("123-100-5.mini.tsidx", &meta), 1);
+    EXPECT_EQ(meta.kind, 2u);
+    EXPECT_EQ(st_parse_tsidx("123-100.tsidx", &meta), 0);
+}
+
+}  // namespace
+}  // namespace veldar

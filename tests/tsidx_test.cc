@@ -1,0 +1,394 @@
+#include "searchthing/tsidx.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "searchthing/tsidx_params.h"
+#include "tests/support/faults.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct tsidx_closer {
+    void operator()(TSIDX* tsidx) const { st_tsidx_close(tsidx); }
+};
+using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_closer>;
+
+tsidx_ptr open_directory(const std::string& path, bool streaming = false, uint32_t level = 4,
+                         uint32_t writer = TSIDX_ORDINARY_WRITER) {
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_write_level(&opts, level);
+    return tsidx_ptr(st_tsidx_open(path.c_str(), streaming, 0, &opts, writer));
+}
+
+size_t slices(const temp_dir& dir) {
+    return files_in(dir.path(), ".tsidx").size();
+}
+
+// Everything that was accepted is in exactly one slice, whole, whatever limits ended the slices.
+void expect_all_indexed(const temp_dir& dir, const std::vector<forge_event>& events) {
+    const std::vector<forge_event> found = read_created_slices(dir.path()), expected = as_stored(events);
+    ASSERT_EQ(found.size(), expected.size());
+    for (size_t i = 0; i < found.size(); i++) ASSERT_TRUE(found[i] == expected[i]) << "event " << i;
+    EXPECT_TRUE(files_in(dir.path(), ".pre-tsidx").empty());
+}
+
+TEST(Tsidx, EventsComeBackWholeAtEveryLimit) {
+    struct {
+        uint64_t lexicon, terms, postings, values;
+    } const table[] = {{0, 0, 0, 0}, {1000, 0, 0, 0},   {0, 257, 0, 0}, {0, 0, 300, 0},
+                       {0, 0, 0, 5}, {400, 257, 40, 3}, {30, 257, 2, 1}};  // every event needs its limits raised
+    for (const auto& row : table) {
+        for (const bool autotune : {false, true}) {
+            for (const bool streaming : {false, true}) {
+                SCOPED_TRACE(testing::Message()
+                             << row.lexicon << " " << row.terms << " " << row.postings << " " << row.values
+                             << " autotune " << autotune << " streaming " << streaming);
+                const temp_dir dir;
+                std::vector<forge_event> events = forge_random_events(5, 300);
+                if (streaming) sort_by_arrival(&events);
+                tsidx_ptr tsidx = open_directory(dir.path(), streaming);
+                st_tsidx_set_durable(tsidx.get(), 0);
+                st_tsidx_autotune(tsidx.get(), autotune);
+                ASSERT_EQ(st_tsidx_options(tsidx.get(), row.lexicon, row.terms, row.postings, row.values), 0);
+                for (const forge_event& event : events) ASSERT_EQ(put_event(tsidx.get(), event), 0);
+                ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+                expect_all_indexed(dir, events);
+            }
+        }
+    }
+}
+
+TEST(Tsidx, Keywords) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path());
+    const st_txn txn{.time = 1, .address = 1};
+    const auto put = [&](const std::string& text) {
+        return st_tsidx_txn_put(tsidx.get(), text.data(), text.size(), &txn);
+    };
+    EXPECT_EQ(put("before start"), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_INVALID_ARGUMENT);
+    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
+    EXPECT_EQ(put("dropped with its transaction"), 0);
+    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
+    EXPECT_EQ(put(""), 0);
+    EXPECT_EQ(put(std::string("a\0b", 3)), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
+    EXPECT_EQ(put(std::string(3000, 'x')), 0);
+    EXPECT_EQ(put("kept"), 0);
+    EXPECT_EQ(put("kept"), 0);
+    EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), 0);
+    ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+    expect_all_indexed(dir, {{.time = 1, .address = 1, .terms = {"kept", std::string(2047, 'x')}}});
+}
+
+TEST(Tsidx, EmptyEventsLeaveNoTrace) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path());
+    EXPECT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {}}), 0);
+    EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_close(tsidx.release()), 0);
+    EXPECT_EQ(slices(dir), 0u);
+    EXPECT_FALSE(fs::exists(dir.file(TSIDX_NEED_OPTIMIZE_NAME)));
+}
+
+TEST(Tsidx, CompanionsBeyond31BitsAreRefused) {
+    const temp_dir dir;
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    const uint32_t wide = uint32_t{1} << 31;
+    EXPECT_EQ(put_event(tsidx.get(), {.s = wide, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
+    EXPECT_EQ(put_event(tsidx.get(), {.st = wide, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
+    EXPECT_EQ(put_event(tsidx.get(), {.h = ~uint32_t{0}, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
+    EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_DOES_NOT_FIT);
+    EXPECT_EQ(put_event(tsidx.get(), {.s = wide - 1, .st = wide - 1, .h = wide - 1, .terms = {"a"}}), 0);
+    EXPECT_EQ(put_event(tsidx.get(), {.address = 1, .terms = {"a"}, .deleted = true}), 0);
+}
+
+// One address for several events, and events out of order in streaming mode: each keeps its own time and terms.
+TEST(Tsidx, AmbiguousEventsBeginANewSlice) {
+    const std::vector<forge_event> events = {
+        {.time = 10, .address = 5, .terms = {"a"}},         {.time = 11, .address = 5, .terms = {"b"}},
+        {.time = 11, .address = 5, .h = 1, .terms = {"c"}}, {.time = 12, .address = 6, .terms = {"d"}},
+        {.time = 9, .address = 9, .terms = {"e"}},          {.time = 9, .address = 8, .terms = {"f"}}};
+    for (const bool streaming : {false, true}) {
+        const temp_dir dir;
+        tsidx_ptr tsidx = open_directory(dir.path(), streaming);
+        for (const forge_event& event : events) ASSERT_EQ(put_event(tsidx.get(), event), 0);
+        ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+        EXPECT_EQ(slices(dir), streaming ? 5u : 3u);
+        expect_all_indexed(dir, events);
+    }
+}
+
+TEST(Tsidx, OneEventInTwoTransactions) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path());
+    EXPECT_EQ(put_event(tsidx.get(), {.time = 10, .address = 5, .terms = {"a", "b"}}), 0);
+    EXPECT_EQ(put_event(tsidx.get(), {.time = 11, .address = 6, .terms = {"a"}}), 0);
+    EXPECT_EQ(put_event(tsidx.get(), {.time = 10, .address = 5, .terms = {"a", "c"}}), 0);
+    ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+    expect_all_indexed(
+        dir, {{.time = 10, .address = 5, .terms = {"a", "b", "c"}}, {.time = 11, .address = 6, .terms = {"a"}}});
+}
+
+TEST(Tsidx, LimitsAndAutotune) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path());
+    EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 131072u);
+    EXPECT_EQ(st_tsidx_max_term_chars(tsidx.get()), 131072u);
+    ASSERT_EQ(st_tsidx_options(tsidx.get(), 0, 300, 4096, 100), 0);
+    EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 512u);
+    EXPECT_EQ(st_tsidx_options(tsidx.get(), 0, 0, uint64_t{1} << 32, 0), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(st_tsidx_max_postings(tsidx.get()), 4096u);
+    for (uint32_t i = 0; i < 1000; i++) {
+        ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = i, .terms = {"a", "b"}}), 0);
+    }
+    // 89 + 176 + 351 events filled three hot slices.
+    EXPECT_EQ(st_tsidx_slices_written(tsidx.get()), 3u);
+    EXPECT_EQ(st_tsidx_max_values(tsidx.get()), 800u);
+    EXPECT_EQ(st_tsidx_max_postings(tsidx.get()), 4096u);
+    ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+    tsidx = open_directory(dir.path());
+    EXPECT_EQ(st_tsidx_max_values(tsidx.get()), 1024u) << "tuned limits come back, brought into range";
+    EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 512u);
+}
+
+// A transaction that no hot slice of the directory could hold raises what it needs, or is refused without a trace.
+TEST(Tsidx, TransactionsTooLargeForAnyHotSlice) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path());
+    ASSERT_EQ(st_tsidx_options(tsidx.get(), 32768, 512, 1024, 1024), 0);
+    forge_event large{.time = 1, .address = 1, .terms = {}};
+    for (int i = 0; i < 3000; i++) large.terms.push_back("term number " + std::to_string(10000 + i));
+    const forge_event small{.time = 1, .address = 2, .terms = {"small"}};
+    ASSERT_EQ(put_event(tsidx.get(), small), 0);
+    ASSERT_EQ(put_event(tsidx.get(), large), 0);
+    EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 8192u);
+    EXPECT_EQ(st_tsidx_max_postings(tsidx.get()), 8192u);
+    EXPECT_EQ(st_tsidx_max_term_chars(tsidx.get()), 131072u);
+    EXPECT_EQ(st_tsidx_max_values(tsidx.get()), 1024u);
+    ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+    expect_all_indexed(dir, {large, small});
+}
+
+TEST(Tsidx, PartMode) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path(), false, 4, 7);
+    std::vector<forge_event> events;
+    for (uint32_t i = 0; i < 65; i++) {
+        events.push_back({.time = 1, .address = i, .terms = {"a"}});
+        ASSERT_EQ(put_event(tsidx.get(), events.back()), 0);
+        ASSERT_EQ(st_tsidx_sync_part(tsidx.get()), 0);
+    }
+    EXPECT_EQ(files_in(dir.path(), ".part-tsidx").size(), 64u);
+    EXPECT_EQ(files_in(dir.path(), ".63.7.part-tsidx").size(), 1u);
+    ASSERT_EQ(put_event(tsidx.get(), events[0]), 0);
+    EXPECT_EQ(_st_tsidx_sync(tsidx.get(), nullptr, 1), TSIDX_PARTS_EXHAUSTED);
+    ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+    expect_all_indexed(dir, {events[0], events[64]});
+}
+
+TEST(Tsidx, Marker) {
+    const temp_dir dir;
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    EXPECT_EQ(st_tsidx_need_optimize(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_clear_need_optimize(tsidx.get()), 0);
+    ASSERT_EQ(put_event(tsidx.get(), {.terms = {"a"}}), 0);
+    EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_need_optimize(tsidx.get()), 1);
+    EXPECT_EQ(st_tsidx_clear_need_optimize(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_need_optimize(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_set_need_optimize(tsidx.get()), 0);
+    EXPECT_TRUE(fs::exists(dir.file("veldar-need-optimize.dat")));
+}
+
+TEST(TsidxParams, Parsing) {
+    const std::string head = "VELDAR AUTO-GENERATED FILE. DO NOT MODIFY.|";
+    struct {
+        std::string text;
+        bool good;
+    } const table[] = {
+        {head + "1|2|3|4|5|6|7|8|", true},
+        {head + "1|2|3|4|5|6|7|8", true},
+        {head + "1|2|3|4|5|6|7|18446744073709551615|", true},
+        {head + "1|2|3|4|5|6|7|18446744073709551616|", false},
+        {head + "1|2|3|4|5|6|7|", false},
+        {head + "1|2|3|4|5|6|7", false},
+        {head + "1|2|3|4|5|6|7|8|9|", false},
+        {head + "1|2|3|4|5|6|7|8|\n", false},
+        {head + "1||3|4|5|6|7|8|", false},
+        {head + "1|-2|3|4|5|6|7|8|", false},
+        {head + " 1|2|3|4|5|6|7|8|", false},
+        {head + "0x1|2|3|4|5|6|7|8|", false},
+        {head, false},
+        {"", false},
+        {"veldar AUTO-GENERATED FILE. DO NOT MODIFY.|1|2|3|4|5|6|7|8|", false},
+        {head + "1|2|3|4|5|6|7|8" + std::string(300, '|'), false},
+        {head + std::string(300, '0') + "1|2|3|4|5|6|7|8|", false},
+        {head + "1|2|3|4|5|6|7|8|" + std::string(1, '\0'), false},
+    };
+    const tsidx_limits_t untouched{.lexicon_bytes = 42};
+    const tsidx_limits_t parsed{.lexicon_bytes = 2,
+                                .max_terms = 1,
+                                .max_postings = 3,
+                                .max_values = 4,
+                                .keywords_per_txn = 5,
+                                .dimset_words = 6,
+                                .max_dimset_measures = 7};
+    for (const auto& row : table) {
+        tsidx_limits_t limits = untouched;
+        EXPECT_EQ(deserialize_params(row.text, &limits), row.good) << row.text;
+        EXPECT_TRUE(limits == (row.good ? parsed : untouched)) << row.text;
+
+        const temp_dir dir;
+        write_file(dir.file(TSIDX_PARAMS_NAME), row.text);
+        const tsidx_ptr tsidx = open_directory(dir.path());
+        EXPECT_EQ(st_tsidx_max_values(tsidx.get()), row.good ? 1024u : 131072u) << row.text;
+    }
+    EXPECT_STREQ(serialize_params(parsed, 8).text, table[0].text.c_str());
+}
+
+TEST(TsidxParams, AbsurdLimitsAreBroughtIntoRange) {
+    const tsidx_limits_t low = tsidx_clamp_limits({});
+    EXPECT_EQ(low.max_terms, 512u);
+    EXPECT_EQ(low.lexicon_bytes, 65536u);
+    EXPECT_EQ(low.max_values, 1024u);
+    const uint64_t huge = ~uint64_t{0};
+    const tsidx_limits_t high = tsidx_clamp_limits({huge, huge, huge, huge, huge, huge, huge});
+    EXPECT_EQ(high.max_terms, uint64_t{1} << 26);
+    EXPECT_EQ(high.lexicon_bytes, uint64_t{1} << 30);
+    EXPECT_EQ(high.max_postings, uint64_t{1} << 28);
+}
+
+TEST(TsidxParams, AnUnwritableFileKeepsTheOldOne) {
+    const temp_dir dir;
+    const tsidx_params_line old_line = serialize_params(tsidx_default_limits(false), 1);
+    ASSERT_EQ(tsidx_write_params(dir.path().c_str(), old_line, 1), 0);
+    const tsidx_params_line new_line = serialize_params(tsidx_default_limits(true), 1);
+    for (const fault_call call : {fault_call::open, fault_call::write, fault_call::close, fault_call::rename}) {
+        const fault broken(call, 1, ENOSPC);
+        EXPECT_NE(tsidx_write_params(dir.path().c_str(), new_line, 1), 0);
+        EXPECT_EQ(broken.hits(), 1u);
+        EXPECT_EQ(read_file(dir.file(TSIDX_PARAMS_NAME)), old_line.text);
+        EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1) << "part file left behind";
+    }
+    write_file(dir.file("veldar-autogen-params.dat.part.1"), "left by a process that was killed");
+    EXPECT_EQ(tsidx_write_params(dir.path().c_str(), new_line, 1), 0);
+    EXPECT_EQ(read_file(dir.file(TSIDX_PARAMS_NAME)), new_line.text);
+}
+
+// What a sync answers to each failing call, and what is on the disk then: all of the events under a final name after a
+// success, none of them after a failure.
+TEST(TsidxSync, Faults) {
+    enum class left { slice, pre_slice, nothing };
+    struct {
+        fault_call call;
+        uint64_t nth;
+        int error;
+        uint64_t times;
+        left outcome;
+        int code;
+    } const table[] = {
+        {fault_call::open, 1, EMFILE, 5, left::slice, 0},
+        {fault_call::open, 1, EEXIST, 1, left::slice, 0},
+        {fault_call::open, 1, EACCES, 1, left::nothing, WARM_RC_OPEN},
+        {fault_call::open, 1, ENFILE, 60, left::nothing, WARM_RC_OPEN},
+        {fault_call::write, 1, EINTR, 1, left::slice, 0},
+        {fault_call::write, 1, ENOSPC, 1, left::nothing, WARM_RC_WRITE},
+        {fault_call::close, 1, EIO, 1, left::nothing, WARM_RC_CLOSE},
+        {fault_call::open, 2, EMFILE, 3, left::slice, 0},
+        {fault_call::open, 2, EIO, 1, left::nothing, WARM_RC_OPEN},
+        {fault_call::fsync, 1, EIO, 1, left::nothing, WARM_RC_WRITE},
+        {fault_call::fsync, 2, EIO, 1, left::pre_slice, WARM_RC_WRITE},
+        {fault_call::fsync, 2, EINVAL, 1, left::slice, 0},
+        {fault_call::link, 1, EEXIST, 59, left::slice, 0},
+        {fault_call::link, 1, EEXIST, 60, left::pre_slice, WARM_RC_RETRIES},
+        {fault_call::link, 1, ENOMEM, 2, left::slice, 0},
+        {fault_call::link, 1, EPERM, 1, left::pre_slice, WARM_RC_RETRIES},
+        {fault_call::open, 4, EACCES, 1, left::slice, 0},  // the marker
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.call) << " nth " << row.nth << " errno "
+                                        << row.error << " times " << row.times);
+        const temp_dir dir;
+        tsidx_ptr tsidx = open_directory(dir.path());
+        const forge_event event{.time = 3, .address = 4, .terms = {"a"}};
+        ASSERT_EQ(put_event(tsidx.get(), event), 0);
+        {
+            const no_pauses pauses;
+            const fault broken(row.call, row.nth, row.error, row.times);
+            EXPECT_EQ(st_tsidx_sync(tsidx.get()), row.outcome == left::slice ? 0 : TSIDX_SYNC_FAILED);
+            EXPECT_EQ(broken.hits(), row.times);
+            if (row.times >= 59) {
+                EXPECT_EQ(pauses.count(), 59u);
+                EXPECT_EQ(pauses.microseconds(), (1023 + 49 * 1000) * 1000u);
+            }
+        }
+        EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), row.code);
+        if (row.code != 0) {
+            EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), row.error);
+            EXPECT_STRNE(st_tsidx_last_failure(tsidx.get())->message, "");
+        }
+        EXPECT_EQ(slices(dir), row.outcome == left::slice ? 1u : 0u);
+        const std::vector<std::string> unmoved = files_in(dir.path(), ".pre-tsidx");
+        ASSERT_EQ(unmoved.size(), row.outcome == left::pre_slice ? 1u : 0u);
+        EXPECT_EQ(st_tsidx_unmoved_slice(tsidx.get()), unmoved.empty() ? "" : unmoved[0]);
+        for (const std::string& path : unmoved) {
+            fs::rename(path, dir.file("3-3-1.tsidx"));
+            EXPECT_TRUE(read_created_slices(dir.path()) == std::vector<forge_event>{event}) << "it is complete";
+            fs::remove(dir.file("3-3-1.tsidx"));
+        }
+        // The handle goes on, and remembers.
+        EXPECT_EQ(put_event(tsidx.get(), {.time = 5, .address = 5, .terms = {"b"}}), 0);
+        EXPECT_EQ(st_tsidx_close(tsidx.release()), 0);
+        EXPECT_EQ(slices(dir), row.outcome == left::slice ? 2u : 1u);
+    }
+}
+
+TEST(TsidxSync, FailureReachesCloseAndTheTransactionThatCausedIt) {
+    const temp_dir dir;
+    tsidx_ptr tsidx = open_directory(dir.path());
+    ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"a"}}), 0);
+    {
+        const fault broken(fault_call::write, 1, ENOSPC);
+        EXPECT_EQ(put_event(tsidx.get(), {.time = 2, .address = 1, .terms = {"b"}}), TSIDX_SYNC_FAILED);
+    }
+    EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), ENOSPC);
+    EXPECT_EQ(st_tsidx_close(tsidx.release()), TSIDX_SYNC_FAILED);
+    EXPECT_EQ(slices(dir), 0u) << "nothing of the refused event either";
+}
+
+TEST(TsidxSync, DurabilitySwitch) {
+    for (const int durable : {0, 1}) {
+        const temp_dir dir;
+        const tsidx_ptr tsidx = open_directory(dir.path());
+        st_tsidx_set_durable(tsidx.get(), durable);
+        ASSERT_EQ(put_event(tsidx.get(), {.terms = {"a"}}), 0);
+        const uint64_t before = fault_calls(fault_call::fsync);
+        EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
+        EXPECT_EQ(fault_calls(fault_call::fsync) - before, durable ? 2u : 0u);
+    }
+}
+
+TEST(TsidxSync, AFailedUnlinkStillCounts) {
+    const temp_dir dir;
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    ASSERT_EQ(put_event(tsidx.get(), {.terms = {"a"}}), 0);
+    const fault broken(fault_call::unlink, 1, EPERM);
+    EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    EXPECT_EQ(slices(dir), 1u);
+}
+
+}  // namespace
+}  // namespace veldar
