@@ -1,0 +1,608 @@
+#include "searchthing/search_literals.h"
+
+#include <errno.h>
+#include <locale.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <memory>
+#include <new>
+
+#include "searchthing/bitmap.h"
+#include "searchthing/matcher.h"
+#include "searchthing/warmslice_meta.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr size_t MAX_FIELD_NAME = 2045;
+constexpr uint32_t CANDIDATES_ENOUGH = 100;
+
+struct matcher_deleter {
+    void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
+};
+using matcher_ptr = std::unique_ptr<OpaqueMatcher_T, matcher_deleter>;
+
+bool is_wildcard(const std::string& literal) {
+    return literal.find('*') != std::string::npos;
+}
+
+// Whether a term whose events lie in [earliest, latest] can have one inside the query's bounds; whole seconds decide,
+// because a term's span is kept in seconds.
+bool span_overlaps(const conjunction_context* context, st_time_t earliest, st_time_t latest) {
+    return latest >= context->earliest.time_s && earliest <= context->latest.time_s;
+}
+
+bool knows_times(const WARM* warm) {
+    return warm_header_meta_type(warm->body) != META_COUNT_ONLY;
+}
+
+int read_term(conjunction_context* context, uint32_t id, term_lookup_t* out) {
+    st_term_metadata record = {};
+    ST_TRY(warm_slice_term_metadata(context->handle, id, context->info, &record, &context->rc));
+    out->exists = true;
+    out->id = id;
+    out->count = std::min(record.count, context->bufcap);
+    const bool known = knows_times(context->handle);
+    out->earliest = known ? static_cast<st_time_t>(record.earliest) : INT_MIN;
+    out->latest = known ? static_cast<st_time_t>(record.latest) : INT_MAX;
+    return 0;
+}
+
+// The lookup of an exact term, from the context's memory when it was made before. A term that is not there is no
+// failure.
+int lookup_exact(conjunction_context* context, const std::string& literal, const term_lookup_t** out) {
+    const auto known = context->exact_terms.find(literal);
+    if (known != context->exact_terms.end()) {
+        *out = &known->second;
+        return 0;
+    }
+    term_lookup_t found;
+    uint32_t id = 0;
+    const int status =
+        _fclex_get_with_status(context->handle->lexicon, literal.c_str(), &id, context->info, &context->rc);
+    if (status != 0 && status != WARM_RC_NOT_FOUND) return status;
+    if (status == 0) ST_TRY(read_term(context, id, &found));
+    _set_rc(&context->rc, WARM_RC_OK);
+    *out = &context->exact_terms.emplace(literal, found).first->second;
+    return 0;
+}
+
+struct term_walk {
+    conjunction_context* context;
+    std::vector<uint32_t>* ids;
+    const OpaqueMatcher_T* matcher;  // wildcard walks
+    const comp_t* comparison;        // comparison walks
+    size_t prefix_length;
+    int status;  // the failure that ended the walk, 0 for none
+};
+
+// The rules order an empty value below every number and a non-numeric value above every number. With missing values
+// matching a NEQ, the terms gathered are those to take out: the ones that equal the number.
+bool comparison_selects(const comp_t& comparison, const char* value, bool neq_matches_missing) {
+    double x = 0;
+    const bool empty = *value == '\0';
+    const bool numeric = !empty && parse_query_number(value, &x);
+    const double q = comparison.number;
+    switch (comparison.op) {
+        case T_OP_LT:
+            return empty || (numeric && x < q);
+        case T_OP_LTE:
+            return empty || (numeric && x <= q);
+        case T_OP_GT:
+            return !empty && (!numeric || x > q);
+        case T_OP_GTE:
+            return !empty && (!numeric || x >= q);
+        case T_OP_EQ:
+            return numeric && x == q;
+        case T_OP_NEQ:
+            return neq_matches_missing ? numeric && x == q : !(numeric && x == q);
+        default:
+            return false;
+    }
+}
+
+// Gathers the ids of the terms that a wildcard or a comparison selects and whose time span meets the query's bounds.
+int gather_term(int32_t id, const char* term, size_t, void* raw) {
+    auto* walk = static_cast<term_walk*>(raw);
+    conjunction_context* context = walk->context;
+    const bool selected = walk->matcher != nullptr ? isMatch(term, walk->matcher) != 0
+                                                   : comparison_selects(*walk->comparison, term + walk->prefix_length,
+                                                                        context->neq_matches_missing);
+    if (!selected) return 0;
+    const auto term_id = static_cast<uint32_t>(id);
+    if (!context->covers_slice) {
+        term_lookup_t record;
+        walk->status = read_term(context, term_id, &record);
+        if (walk->status != 0) return -1;
+        if (!span_overlaps(context, record.earliest, record.latest)) return 0;
+    }
+    try {
+        walk->ids->push_back(term_id);
+    } catch (const std::bad_alloc&) {
+        walk->status = _set_rc(&context->rc, WARM_RC_NO_MEMORY);
+        return -1;
+    }
+    return 0;
+}
+
+int walk_terms(conjunction_context* context, const char* prefix, term_walk* walk) {
+    const int64_t total = st_fclex_apply(context->handle->lexicon, prefix, gather_term, walk, context->info);
+    if (walk->status != 0) return walk->status;
+    if (total < 0) return _set_rc_msg(&context->rc, static_cast<int>(total), "walking the lexicon of a slice");
+    return 0;
+}
+
+// The ids of the terms that a wildcard literal matches, ascending.
+int lookup_wildcard(conjunction_context* context, const std::string& literal, const std::vector<uint32_t>** out) {
+    const std::string key = "*" + literal;
+    auto known = context->term_sets.find(key);
+    if (known == context->term_sets.end()) {
+        const matcher_ptr matcher(createMatcher(literal.c_str()));
+        if (matcher == nullptr) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "matcher of a wildcard");
+        std::vector<uint32_t> ids;
+        term_walk walk = {context, &ids, matcher.get(), nullptr, 0, 0};
+        ST_TRY(walk_terms(context, getHardStart(matcher.get()), &walk));
+        known = context->term_sets.emplace(key, std::move(ids)).first;
+    }
+    *out = &known->second;
+    return 0;
+}
+
+int lookup_comparison(conjunction_context* context, const comp_t& comparison, const std::vector<uint32_t>** out) {
+    if (comparison.field.size() > MAX_FIELD_NAME) {
+        return _set_rc_msg(&context->rc, WARM_RC_FAILED, "field name of a comparison is too long");
+    }
+    const std::string prefix = comparison.field + "::";
+    std::string key = "c" + std::to_string(comparison.op) + " ";
+    key.append(reinterpret_cast<const char*>(&comparison.number), sizeof comparison.number).append(prefix);
+    auto known = context->term_sets.find(key);
+    if (known == context->term_sets.end()) {
+        std::vector<uint32_t> ids;
+        if (!comparison.field.empty()) {
+            term_walk walk = {context, &ids, nullptr, &comparison, prefix.size(), 0};
+            ST_TRY(walk_terms(context, prefix.c_str(), &walk));
+        }
+        known = context->term_sets.emplace(std::move(key), std::move(ids)).first;
+    }
+    *out = &known->second;
+    return 0;
+}
+
+int position_reader(conjunction_context* context, uint32_t term) {
+    if (!context->reader_open) {
+        ST_TRY(_init_reader(&context->reader, context->handle, 1024, context->info, &context->rc));
+        context->reader_open = true;
+    }
+    context->lists_read++;
+    return _seek_reader(&context->reader, term, &context->rc);
+}
+
+// ORs the postings of one term into a bitmap over the context's range.
+int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint32_t term, uint8_t* bitmap) {
+    ST_TRY(position_reader(context, term));
+    return plist_or_into_bitmap(&context->reader, bitmap, context->range.begin, context->range.end, &context->rc);
+}
+
+int _proc_terms(conjunction_context* context, const std::vector<uint32_t>& terms, uint8_t* bitmap) {
+    for (const uint32_t term : terms) {
+        const int status = _decompress_list_as_deferred_disjunction(context, term, bitmap);
+        if (status != 0) {
+            return _set_rc_verbose(&context->rc, status, term, "_proc_term._decompress_list_as_deferred_disjunction");
+        }
+    }
+    return 0;
+}
+
+// ORs everything that one literal matches into a bitmap; an exact term that is not there adds nothing.
+int or_literal(conjunction_context* context, const std::string& literal, uint8_t* bitmap) {
+    if (is_wildcard(literal)) {
+        const std::vector<uint32_t>* terms = nullptr;
+        ST_TRY(lookup_wildcard(context, literal, &terms));
+        return _proc_terms(context, *terms, bitmap);
+    }
+    const term_lookup_t* term = nullptr;
+    ST_TRY(lookup_exact(context, literal, &term));
+    if (!term->exists) return 0;
+    if (term->count == context->bufcap) {
+        range_bitmap_fill(bitmap, context->range);
+        return 0;
+    }
+    return _decompress_list_as_deferred_disjunction(context, term->id, bitmap);
+}
+
+// The values that one comparison matches, into a zeroed bitmap.
+int or_comparison(conjunction_context* context, const comp_t& comparison, uint8_t* bitmap) {
+    const std::vector<uint32_t>* terms = nullptr;
+    ST_TRY(lookup_comparison(context, comparison, &terms));
+    ST_TRY(_proc_terms(context, *terms, bitmap));
+    if (comparison.op == T_OP_NEQ && context->neq_matches_missing) range_bitmap_complement(bitmap, context->range);
+    return 0;
+}
+
+// The running result of a conjunction: a list once there is one, else a bitmap, else everything.
+struct running_match {
+    bool none = false;
+    bool has_list = false;
+    uint32_t count = 0;  // ids in list
+    buffer<uint32_t> list;
+    buffer<uint8_t> bitmap;
+};
+
+// Takes the ids of the positioned list that lie in the range as the first list.
+int start_list(conjunction_context* context, uint32_t capacity, running_match* match) {
+    if (!match->list.alloc(capacity)) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "list of value numbers");
+    match->has_list = true;
+    uint32_t first = PLIST_END;
+    ST_TRY(_seek(&context->reader, context->range.begin, &first, &context->rc));
+    if (first >= context->range.end) return 0;
+    match->list[0] = first;
+    uint32_t more = 0;
+    ST_TRY(plist_copy(&context->reader, match->list.data() + 1, capacity - 1, context->range.end, &more, &context->rc));
+    match->count = 1 + more;
+    return 0;
+}
+
+// Keeps the ids of the list that the positioned list holds too: the shorter list leads, the longer one skips.
+int intersect_list(conjunction_context* context, running_match* match) {
+    uint32_t kept = 0;
+    uint32_t other = 0;
+    bool started = false;
+    for (uint32_t i = 0; i < match->count; i++) {
+        const uint32_t id = match->list[i];
+        if (!started || other < id) {
+            ST_TRY(_seek(&context->reader, id, &other, &context->rc));
+            started = true;
+        }
+        if (other == PLIST_END) break;
+        match->list[kept] = id;
+        kept += other == id ? 1 : 0;
+    }
+    match->count = kept;
+    return 0;
+}
+
+// A list that fills a good part of the range is quicker to handle as bits: 32 bits an id against one bit a value.
+bool prefers_bitmap(const conjunction_context* context, const std::vector<term_lookup_t>& terms) {
+    return !terms.empty() && terms.front().count / 8 >= context->bufcap / 128 && context->bufcap > 4096;
+}
+
+int intersect_as_bitmaps(conjunction_context* context, const std::vector<term_lookup_t>& terms, running_match* match) {
+    buffer<uint8_t> other;
+    for (const term_lookup_t& term : terms) {
+        const bool first = match->bitmap.empty();
+        buffer<uint8_t>& target = first ? match->bitmap : other;
+        if (target.empty()) {
+            ST_TRY(range_bitmap_alloc(&target, context->range, &context->rc));
+        } else {
+            target.clear();
+        }
+        ST_TRY(_decompress_list_as_deferred_disjunction(context, term.id, target.data()));
+        if (!first) range_bitmap_and(match->bitmap.data(), other.data(), context->range);
+        if (range_bitmap_empty(match->bitmap.data(), context->range)) {
+            match->none = true;
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// Intersects the terms, rarest first. The range is narrowed to the survivors while the lists are walked. Returns a
+// status; *early tells that an inexact caller has few enough candidates.
+int _decompress_list_as_conjunction(conjunction_context* context, std::vector<term_lookup_t> terms, bool exact,
+                                    running_match* match, bool* early) {
+    std::erase_if(terms, [&](const term_lookup_t& term) { return term.count == context->bufcap; });
+    std::sort(terms.begin(), terms.end(), [](const term_lookup_t& a, const term_lookup_t& b) {
+        return a.count != b.count ? a.count < b.count : a.id < b.id;
+    });
+    if (exact && prefers_bitmap(context, terms)) return intersect_as_bitmaps(context, terms, match);
+    for (const term_lookup_t& term : terms) {
+        ST_TRY(position_reader(context, term.id));
+        if (!match->has_list) {
+            ST_TRY(start_list(context, std::min(term.count, context->range.size()), match));
+        } else {
+            ST_TRY(intersect_list(context, match));
+        }
+        if (match->count == 0) {
+            match->none = true;
+            return 0;
+        }
+        if (!exact && match->count < CANDIDATES_ENOUGH) {
+            *early = true;
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// Narrows the running match to the bits of `filter`, which it may take over.
+void narrow_match(conjunction_context* context, buffer<uint8_t>* filter, running_match* match) {
+    if (match->has_list) {
+        match->count = _filter_values(match->list.data(), match->count, filter->data(), context->range, true);
+        match->none = match->count == 0;
+    } else if (match->bitmap.empty()) {
+        match->bitmap = std::move(*filter);
+        match->none = range_bitmap_empty(match->bitmap.data(), context->range);
+    } else {
+        range_bitmap_and(match->bitmap.data(), filter->data(), context->range);
+        match->none = range_bitmap_empty(match->bitmap.data(), context->range);
+    }
+}
+
+int fresh_bitmap(conjunction_context* context, buffer<uint8_t>* bitmap) {
+    if (bitmap->empty()) return range_bitmap_alloc(bitmap, context->range, &context->rc);
+    bitmap->clear();
+    return 0;
+}
+
+// The time span that all exact terms share; false when it is empty. A term's latest second counts to its last
+// nanosecond.
+bool shared_span(const std::vector<term_lookup_t>& terms, st_timeval_t* earliest_out, st_timeval_t* latest_out) {
+    st_time_t earliest = INT_MIN;
+    st_time_t latest = INT_MAX;
+    for (const term_lookup_t& term : terms) {
+        earliest = std::max(earliest, term.earliest);
+        latest = std::min(latest, term.latest);
+    }
+    if (earliest_out != nullptr && earliest > earliest_out->time_s) *earliest_out = {earliest, 0};
+    if (latest_out != nullptr && latest < latest_out->time_s) *latest_out = {latest, 999999999};
+    return latest >= earliest;
+}
+
+// Looks up the exact positive literals; *possible is false when one is absent or their time spans are apart.
+int lookup_positives(conjunction_context* context, const literal_group& group, st_timeval_t* earliest_out,
+                     st_timeval_t* latest_out, std::vector<term_lookup_t>* terms, bool* possible) {
+    *possible = true;
+    for (const std::string& literal : group.positive) {
+        if (is_wildcard(literal)) continue;
+        const term_lookup_t* term = nullptr;
+        ST_TRY(lookup_exact(context, literal, &term));
+        if (!term->exists) {
+            *possible = false;
+            return 0;
+        }
+        if (term->count == 0) {
+            return _set_rc_verbose(&context->rc, WARM_RC_CORRUPT, term->id, "a term without postings");
+        }
+        terms->push_back(*term);
+    }
+    *possible = shared_span(*terms, earliest_out, latest_out);
+    return 0;
+}
+
+int apply_filters(conjunction_context* context, const literal_group& group, running_match* match) {
+    buffer<uint8_t> filter;
+    for (const std::string& literal : group.positive) {
+        if (match->none) return 0;
+        if (!is_wildcard(literal)) continue;
+        ST_TRY(fresh_bitmap(context, &filter));
+        ST_TRY(or_literal(context, literal, filter.data()));
+        narrow_match(context, &filter, match);
+    }
+    for (const comp_t& comparison : group.comparisons) {
+        if (match->none) return 0;
+        ST_TRY(fresh_bitmap(context, &filter));
+        ST_TRY(or_comparison(context, comparison, filter.data()));
+        narrow_match(context, &filter, match);
+    }
+    return 0;
+}
+
+void hand_over(conjunction_context* context, running_match* match, query_result_t* result) {
+    result->tsval_list = std::move(match->list);
+    result->bitmap = std::move(match->bitmap);
+    result->tsval_list_capacity = match->has_list ? match->count : context->bufcap;
+}
+
+int and_group(conjunction_context* context, const literal_group& group, bool exact, query_result_t* result,
+              st_timeval_t* earliest_out, st_timeval_t* latest_out) {
+    if (context->handle->lexicon == nullptr) {
+        if (context->info != nullptr) context->info->no_lexicon = 1;
+        result->tsval_list_capacity = context->bufcap;
+        return 0;
+    }
+    ST_TRY(_find_first_if_needed(context));
+    if (context->range.empty()) return 0;
+    std::vector<term_lookup_t> terms;
+    bool possible = false;
+    ST_TRY(lookup_positives(context, group, earliest_out, latest_out, &terms, &possible));
+    if (!possible) return 0;
+
+    running_match match;
+    bool early = false;
+    ST_TRY(_decompress_list_as_conjunction(context, std::move(terms), exact, &match, &early));
+    if (match.none) return 0;
+    if (early) {
+        hand_over(context, &match, result);
+        return 0;
+    }
+    ST_TRY(apply_filters(context, group, &match));
+    if (match.none) return 0;
+    if (!group.negative.empty()) {
+        ST_TRY(range_bitmap_alloc(&result->not_bitmap, context->range, &context->rc));
+        for (const std::string& literal : group.negative) {
+            ST_TRY(or_literal(context, literal, result->not_bitmap.data()));
+        }
+    }
+    hand_over(context, &match, result);
+    return 0;
+}
+
+// NOT a OR NOT b is the complement of a AND b.
+int or_negatives(conjunction_context* context, const literal_group& group, uint8_t* bitmap) {
+    query_result_t both;
+    ST_TRY(_and_group(context, {group.negative, {}, {}}, true, &both, nullptr, nullptr));
+    buffer<uint8_t> inverse;
+    ST_TRY(range_bitmap_alloc(&inverse, context->range, &context->rc));
+    if (!both.bitmap.empty()) {
+        range_bitmap_or(inverse.data(), both.bitmap.data(), context->range);
+    } else if (both.tsval_list_capacity == context->bufcap && both.tsval_list.empty()) {
+        range_bitmap_fill(inverse.data(), context->range);
+    } else {
+        for (uint32_t i = 0; i < both.tsval_list_capacity; i++) {
+            const uint32_t bit = both.tsval_list[i] - context->range.begin;
+            inverse[bit / 8] = static_cast<uint8_t>(inverse[bit / 8] | 1U << (bit % 8));
+        }
+    }
+    range_bitmap_complement(inverse.data(), context->range);
+    range_bitmap_or(bitmap, inverse.data(), context->range);
+    return 0;
+}
+
+int or_group(conjunction_context* context, const literal_group& group, query_result_t* result) {
+    ST_TRY(_find_first_if_needed(context));
+    if (context->range.empty()) return 0;
+    if (result->bitmap.empty()) ST_TRY(range_bitmap_alloc(&result->bitmap, context->range, &context->rc));
+    uint8_t* bitmap = result->bitmap.data();
+    if (context->handle->lexicon == nullptr) {
+        if (context->info != nullptr) context->info->no_lexicon = 1;
+        range_bitmap_fill(bitmap, context->range);
+        return 0;
+    }
+    buffer<uint8_t> one;
+    for (const comp_t& comparison : group.comparisons) {
+        ST_TRY(fresh_bitmap(context, &one));
+        ST_TRY(or_comparison(context, comparison, one.data()));
+        range_bitmap_or(bitmap, one.data(), context->range);
+    }
+    for (const std::string& literal : group.positive) ST_TRY(or_literal(context, literal, bitmap));
+    if (!group.negative.empty()) ST_TRY(or_negatives(context, group, bitmap));
+    return 0;
+}
+
+// Runs a group operation at the engine's edge: no exception passes, and a failure leaves an empty result.
+template <typename Operation>
+int guarded(conjunction_context* context, query_result_t* result, Operation operation) {
+    int status = 0;
+    try {
+        status = operation();
+    } catch (const std::bad_alloc&) {
+        status = _set_rc(&context->rc, WARM_RC_NO_MEMORY);
+    }
+    if (status != 0) _reset_result(result);
+    return status;
+}
+
+// Binary search for the first value id whose time is below the bound: values are newest first.
+// With `at_most`, a value equal to the bound counts as below it.
+int first_value_before(conjunction_context* context, const st_timeval_t& bound, bool at_most, uint32_t* out) {
+    WARM* warm = context->handle;
+    uint32_t low = 0;
+    uint32_t high = context->bufcap;
+    while (low < high) {
+        const uint32_t middle = low + (high - low) / 2;
+        st_time_t seconds = 0;
+        uint64_t nanoseconds = 0;
+        ST_TRY(tsval_reader_decode_time(&warm->tsval_reader, middle, &seconds, &nanoseconds, &context->rc));
+        bool below = seconds < bound.time_s;
+        if (seconds == bound.time_s) {
+            below = warm->has_subseconds ? nanoseconds < bound.time_ns || (at_most && nanoseconds == bound.time_ns)
+                                         : at_most;
+        }
+        if (below) {
+            high = middle;
+        } else {
+            low = middle + 1;
+        }
+    }
+    *out = low;
+    return 0;
+}
+
+}  // namespace
+
+bool parse_query_number(const char* text, double* number) {
+    static const locale_t c_locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    if (*text == '\0') return false;
+    char* end = nullptr;
+    errno = 0;
+    *number = ::strtod_l(text, &end, c_locale);
+    return *end == '\0' && errno != ERANGE;
+}
+
+void _reset_result(query_result_t* result) {
+    *result = query_result_t{};
+}
+
+void conjunction_context_open(conjunction_context* context, WARM* warm, const st_timeval_t* earliest,
+                              const st_timeval_t* latest, st_query_info_t* info) {
+    context->handle = warm;
+    context->bufcap = st_warm_slice_values(warm);
+    context->earliest = *earliest;
+    context->latest = *latest;
+    context->info = info;
+}
+
+void conjunction_context_close(conjunction_context* context) {
+    if (context->reader_open) close_plist_reader(&context->reader);
+    context->reader_open = false;
+}
+
+int _find_first_if_needed(conjunction_context* context) {
+    id_range_t& range = context->range;
+    if (range.computed) return 0;
+    // No upper bound is spelled 0x7fffffff with no nanoseconds; it must not cut off the nanoseconds of that second.
+    st_timeval_t latest = context->latest;
+    if (latest.time_s == INT_MAX && latest.time_ns == 0) latest.time_ns = 999999999;
+    ST_TRY(first_value_before(context, latest, true, &range.begin));
+    ST_TRY(first_value_before(context, context->earliest, false, &range.end));
+    range.begin = std::min(range.begin, range.end);  // bounds that are the wrong way round hold nothing
+    range.begin_preamble = 0;
+    range.computed = true;
+    context->covers_slice = range.begin == 0 && range.end == context->bufcap;
+    return 0;
+}
+
+int _and_group(conjunction_context* context, const literal_group& group, bool exact, query_result_t* result,
+               st_timeval_t* earliest_out, st_timeval_t* latest_out) {
+    _reset_result(result);
+    return guarded(context, result, [&] { return and_group(context, group, exact, result, earliest_out, latest_out); });
+}
+
+int _or_group(conjunction_context* context, const literal_group& group, query_result_t* result) {
+    result->tsval_list_capacity = 0;
+    return guarded(context, result, [&] { return or_group(context, group, result); });
+}
+
+int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
+                 const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_timeval_t* earliest_out,
+                 st_timeval_t* latest_out, bool is_exact, st_query_info_t* info, warm_rc_t* rc) {
+    const std::unique_ptr<conjunction_context> context(new (std::nothrow) conjunction_context);
+    if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    conjunction_context_open(context.get(), warm, earliest, latest, info);
+    context->neq_matches_missing = neq_matches_missing;
+    context->range = *range;
+    const int status = _and_group(context.get(), group, is_exact, result, earliest_out, latest_out);
+    const bool computed_here = !range->computed && context->range.computed;
+    if (status == 0 && computed_here) {
+        *range = context->range;
+        // Ids outside the survivors need no look any more; a bitmap or a not bitmap keeps its own range.
+        const bool plain_list = !result->tsval_list.empty() && result->not_bitmap.empty();
+        if (is_exact && plain_list && result->tsval_list_capacity > 0) {
+            range->begin = result->tsval_list[0];
+            range->end = result->tsval_list[result->tsval_list_capacity - 1] + 1;
+        }
+    }
+    conjunction_context_close(context.get());
+    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
+}
+
+int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
+                const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_query_info_t* info,
+                warm_rc_t* rc) {
+    ST_ASSERT(!group.positive.empty() || !group.negative.empty() || !group.comparisons.empty());
+    const std::unique_ptr<conjunction_context> context(new (std::nothrow) conjunction_context);
+    if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    conjunction_context_open(context.get(), warm, earliest, latest, info);
+    context->neq_matches_missing = neq_matches_missing;
+    context->range = *range;
+    const int status = _or_group(context.get(), group, result);
+    if (status == 0) *range = context->range;
+    conjunction_context_close(context.get());
+    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
+}
+
+}  // namespace veldar

@@ -1,0 +1,329 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+
+#include "searchthing/search_literals.h"
+#include "searchthing/warmslice_search.h"
+#include "tests/support/forge.h"
+#include "tests/support/reference.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+struct warm_closer {
+    void operator()(WARM* warm) const { EXPECT_EQ(st_warm_slice_close(warm), 0); }
+};
+using warm_ptr = std::unique_ptr<WARM, warm_closer>;
+
+// One forged slice, open, beside the reference index over the same events.
+struct searched_slice {
+    temp_dir dir;
+    reference_index reference;
+    warm_ptr warm;
+
+    searched_slice(const std::vector<forge_event>& events, const forge_options& options) : reference(events) {
+        warm_rc_t rc;
+        warm.reset(st_warm_slice_open_rdonly(forge_file(dir.path(), events, options).c_str(), &rc));
+        EXPECT_NE(warm, nullptr) << options.name() << ": " << rc.warm_rc << " " << rc.message;
+    }
+};
+
+// Borrows the text.
+st_query_spec make_query(const char* text, const reference_bounds& bounds = {}) {
+    st_query_spec query;
+    st_query_init(&query);
+    query.earliest = {bounds.earliest, 0};
+    query.latest = {bounds.latest, 0};
+    query.cumspan = bounds.cumspan;
+    query.lispy = text;
+    query.opt_a = bounds.neq_matches_missing ? QUERY_NEQ_MATCHES_MISSING : 0;
+    return query;
+}
+
+// Random queries over the terms of one slice, with terms that are not there among them.
+class query_maker {
+  public:
+    query_maker(const reference_index& reference, uint64_t seed) : random_(seed) {
+        for (const auto& [term, record] : reference.terms()) {
+            terms_.push_back(term);
+            if (const size_t colons = term.find("::"); colons != std::string::npos) {
+                fields_.push_back(term.substr(0, colons));
+                values_.push_back(term.substr(colons + 2));
+            }
+        }
+        for (const forge_event& value : reference.values()) times_.push_back(value.time);
+    }
+
+    uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
+
+    reference_query group(uint32_t depth) {
+        std::vector<reference_query> children;
+        const uint32_t size = below(4) + (depth == 0 ? 1 : 0);
+        for (uint32_t i = 0; i < size; i++) children.push_back(item(depth));
+        return below(2) == 0 ? reference_query::group_and(std::move(children))
+                             : reference_query::group_or(std::move(children));
+    }
+
+    reference_bounds bounds() {
+        reference_bounds out;
+        if (below(3) == 0)
+            out.earliest = times_[below(static_cast<uint32_t>(times_.size()))] + static_cast<int>(below(3)) - 1;
+        if (below(3) == 0)
+            out.latest = times_[below(static_cast<uint32_t>(times_.size()))] + static_cast<int>(below(3)) - 1;
+        if (below(8) == 0) out.cumspan = below(5);
+        out.neq_matches_missing = below(2) == 0;
+        return out;
+    }
+
+  private:
+    reference_query item(uint32_t depth) {
+        const uint32_t kind = below(10);
+        if (kind < 2 && depth < 4) return group(depth + 1);
+        if (kind < 4) return reference_query::not_term(literal());
+        if (kind < 6 && !fields_.empty()) return comparison();
+        return reference_query::term(literal());
+    }
+
+    std::string any_term() { return terms_[below(static_cast<uint32_t>(terms_.size()))]; }
+
+    std::string literal() {
+        std::string text = any_term();
+        const uint32_t kind = below(8);
+        if (kind == 0) return text.empty() ? "*" : text.substr(0, below(static_cast<uint32_t>(text.size()))) + "*";
+        if (kind == 1 && !text.empty()) return "*" + text.substr(below(static_cast<uint32_t>(text.size())));
+        if (kind == 2 && text.size() > 2)
+            return "*" + text.substr(1, below(static_cast<uint32_t>(text.size() - 1))) + "*";
+        if (kind == 3) text += "absent";
+        return text.empty() ? "absent" : text;
+    }
+
+    reference_query comparison() {
+        static constexpr double NUMBERS[] = {0, 1, -1, 5, 200, 404, 1e9, 0.5};
+        const uint32_t at = below(static_cast<uint32_t>(fields_.size()));
+        double number = NUMBERS[below(8)];
+        if (below(2) == 0) parse_query_number(values_[at].c_str(), &number);
+        const std::string field = below(10) == 0 ? "nofield" : fields_[at];
+        return reference_query::compare(static_cast<reference_op>(below(6)), field, number);
+    }
+
+    std::mt19937_64 random_;
+    std::vector<std::string> terms_, fields_, values_;
+    std::vector<int32_t> times_;
+};
+
+std::vector<uint64_t> keys(const std::vector<st_tsval>& answers) {
+    std::vector<uint64_t> out;
+    for (const st_tsval& value : answers) {
+        out.push_back(static_cast<uint64_t>(static_cast<uint32_t>(value.time)) << 32 | value.address);
+    }
+    return out;
+}
+
+std::vector<uint64_t> keys(const reference_index& reference, const std::vector<uint32_t>& ids) {
+    std::vector<uint64_t> out;
+    for (const uint32_t id : ids) {
+        const forge_event& value = reference.values()[id];
+        out.push_back(static_cast<uint64_t>(static_cast<uint32_t>(value.time)) << 32 | value.address);
+    }
+    return out;
+}
+
+std::vector<st_tsval> run(WARM* warm, const st_query_spec& query, uint32_t capacity, bool exact) {
+    std::vector<st_tsval> answers(std::max(capacity, 1U));
+    const int found = st_warm_slice_search(warm, &query, answers.data(), capacity, exact);
+    EXPECT_GE(found, 0) << query.lispy;
+    answers.resize(static_cast<size_t>(std::max(found, 0)));
+    return answers;
+}
+
+// One random query: exact answers, a capacity, the count, and the candidates of an inexact search.
+void check_query(const searched_slice& slice, query_maker* maker) {
+    const reference_query tree = maker->group(0);
+    const reference_bounds bounds = maker->bounds();
+    const std::string text = tree.notation();
+    const st_query_spec query = make_query(text.c_str(), bounds);
+    const auto total = static_cast<uint32_t>(slice.reference.values().size());
+    const std::vector<uint64_t> truth = keys(slice.reference, slice.reference.search(tree, bounds));
+
+    ASSERT_EQ(keys(run(slice.warm.get(), query, total + 1, true)), truth) << text;
+
+    const uint32_t capacity = maker->below(total) + 1;
+    std::vector<uint64_t> newest = truth;
+    newest.resize(std::min<size_t>(newest.size(), capacity));
+    ASSERT_EQ(keys(run(slice.warm.get(), query, capacity, true)), newest) << text;
+
+    std::vector<uint64_t> candidates = keys(run(slice.warm.get(), query, total + 1, false));
+    std::vector<uint64_t> wanted = truth;
+    std::sort(candidates.begin(), candidates.end());
+    std::sort(wanted.begin(), wanted.end());
+    ASSERT_TRUE(std::includes(candidates.begin(), candidates.end(), wanted.begin(), wanted.end())) << text;
+
+    if (bounds.cumspan == 0) {
+        uint64_t count = 0;
+        warm_rc_t rc;
+        ASSERT_EQ(warm_slice_count(slice.warm.get(), &query, &count, nullptr, &rc), 0) << text;
+        ASSERT_EQ(count, truth.size()) << text;
+    }
+}
+
+TEST(Search, RandomQueriesEqualBruteForceOverEveryHeaderAndEncoding) {
+    constexpr int CASES = 100000;
+    const std::vector<forge_options> kinds = forge_event_kinds();
+    constexpr uint32_t SIZES[] = {1, 3, 12, 40, 90};
+    const int per_slice = CASES / static_cast<int>(kinds.size() * std::size(SIZES)) + 1;
+    uint64_t seed = 1;
+    for (const forge_options& kind : kinds) {
+        for (const uint32_t size : SIZES) {
+            SCOPED_TRACE(kind.name() + " events " + std::to_string(size));
+            const searched_slice slice(forge_random_events(++seed, size), kind);
+            ASSERT_NE(slice.warm, nullptr);
+            query_maker maker(slice.reference, seed);
+            for (int i = 0; i < per_slice; i++) {
+                check_query(slice, &maker);
+                if (HasFatalFailure()) return;
+            }
+        }
+    }
+}
+
+// More values than one window holds: the search goes on window by window and loses nothing at their edges.
+TEST(Search, WindowsOfALargeSliceJoinWithoutGaps) {
+    const searched_slice slice(forge_random_events(77, 30000), forge_as_created(4));
+    ASSERT_NE(slice.warm, nullptr);
+    query_maker maker(slice.reference, 5);
+    for (int i = 0; i < 40; i++) {
+        const reference_query tree = maker.group(2);
+        const std::string text = tree.notation();
+        const reference_bounds bounds = maker.bounds();
+        const st_query_spec query = make_query(text.c_str(), bounds);
+        const std::vector<uint64_t> truth = keys(slice.reference, slice.reference.search(tree, bounds));
+        for (const uint32_t capacity : {1U, 100U, 5000U, 30001U}) {
+            std::vector<uint64_t> newest = truth;
+            newest.resize(std::min<size_t>(newest.size(), capacity));
+            ASSERT_EQ(keys(run(slice.warm.get(), query, capacity, true)), newest) << text << " " << capacity;
+        }
+    }
+}
+
+TEST(Search, BitmapHoldsTheMatchAndNoBitBehindTheRange) {
+    const searched_slice slice(forge_random_events(9, 60), forge_as_created(4));
+    query_maker maker(slice.reference, 3);
+    for (int i = 0; i < 500; i++) {
+        const reference_query tree = maker.group(0);
+        reference_bounds bounds = maker.bounds();
+        bounds.cumspan = 0;
+        const std::string text = tree.notation();
+        const st_query_spec query = make_query(text.c_str(), bounds);
+        bitmap_and_bounds_t bnb;
+        uint64_t count = 0;
+        warm_rc_t rc;
+        ASSERT_EQ(query_to_bitmap_and_bounds(slice.warm.get(), &query, &bnb, &count, &rc), 0) << text;
+        const std::set<uint32_t> matches = slice.reference.matches(tree, bounds.neq_matches_missing);
+        uint64_t expected = 0;
+        for (uint32_t id = 0; id < slice.reference.values().size() + 9; id++) {
+            const bool inside = id >= bnb.begin && id < bnb.end;
+            const bool wanted = inside && matches.contains(id);
+            expected += wanted ? 1 : 0;
+            if (id > bnb.end) continue;  // the filter is asked about the range alone
+            ASSERT_EQ(bnb_tsval_passes_filter(&bnb, id), wanted) << text << " id " << id;
+        }
+        ASSERT_EQ(count, expected) << text;
+        free_bitmap_and_bounds(&bnb);
+    }
+}
+
+TEST(Search, MalformedQueriesHaveTheirOwnCodesAndTouchNoAnswer) {
+    const searched_slice slice(forge_random_events(4, 20), forge_as_created(4));
+    struct malformed {
+        const char* text;
+        int status;
+    };
+    const malformed cases[] = {
+        {"", -20},
+        {" \t\n", -20},
+        {"[AND a", -20},
+        {"[AND a [OR b]", -20},
+        {"[", -20},
+        {"[AND [NOT", -20},
+        {"[AND a\\b]", -25},
+        {"[AND \\", -25},
+        {"a", -21},
+        {"[NOT a]", -21},
+        {"[AND a]]", -21},
+        {"AND", -21},
+        {"[a]", -21},
+        {"[AND OR]", -21},
+        {"[AND [NOT a b]]", -21},
+        {"[AND [NOT [OR a]]]", -21},
+        {"[[AND a]]", -21},
+        {"]", -21},
+        {"[GT a 5]", -21},
+        {"[AND [GT a 5 6]]", -21},
+        {"[AND [GT a]]", -23},
+        {"[AND [GT]]", -23},
+        {"[AND [GT a b]]", -23},
+        {"[AND [GT a 1x]]", -23},
+        {"[AND [GT a 1e999]]", -23},
+        {"[AND [GT [OR] 5]]", -23},
+    };
+    for (const malformed& one : cases) {
+        st_tsval answer;
+        std::memset(&answer, 0x5A, sizeof answer);
+        const st_tsval before = answer;
+        const st_query_spec query = make_query(one.text);
+        EXPECT_EQ(st_warm_slice_search(slice.warm.get(), &query, &answer, 1, true), one.status) << one.text;
+        EXPECT_EQ(std::memcmp(&answer, &before, sizeof answer), 0) << one.text;
+        uint64_t count = 0;
+        warm_rc_t rc;
+        EXPECT_EQ(warm_slice_count(slice.warm.get(), &query, &count, nullptr, &rc), one.status) << one.text;
+    }
+    const std::string long_token = "[AND " + std::string(2049, 'x') + "]";
+    const st_query_spec query = make_query(long_token.c_str());
+    st_tsval answer;
+    EXPECT_EQ(st_warm_slice_search(slice.warm.get(), &query, &answer, 1, true), -18);
+    st_query_spec none = query;
+    none.lispy = nullptr;
+    EXPECT_EQ(st_warm_slice_search(slice.warm.get(), &none, &answer, 1, true), -37);
+}
+
+TEST(Search, EmptyGroupsAndDeepNesting) {
+    const searched_slice slice(forge_random_events(4, 20), forge_as_created(4));
+    const size_t everything = slice.reference.search(reference_query::group_and({}), {}).size();
+    const auto found = [&](const std::string& text) {
+        return run(slice.warm.get(), make_query(text.c_str()), 30, true).size();
+    };
+    EXPECT_EQ(found("[AND]"), everything);
+    EXPECT_EQ(found("[OR]"), 0U);
+    EXPECT_EQ(found("[AND [OR]]"), 0U);
+    EXPECT_EQ(found("[OR [AND]]"), everything);
+    EXPECT_EQ(found("[AND] [OR absent [NOT absent]]"), everything);
+    EXPECT_EQ(found("[OR absent] [AND]"), 0U);
+
+    std::string deep;
+    constexpr int DEPTH = 20000;
+    for (int i = 0; i < DEPTH; i++) deep += i % 2 == 0 ? "[OR " : "[AND ";
+    deep += std::string(DEPTH, ']');
+    EXPECT_EQ(found(deep), everything);
+}
+
+TEST(Search, BoundsOutsideOrTheWrongWayRoundReadNothing) {
+    const searched_slice slice(forge_random_events(4, 20), forge_as_created(4));
+    const int32_t latest = slice.reference.values().front().time;
+    const int32_t earliest = slice.reference.values().back().time;
+    for (const reference_bounds& bounds :
+         {reference_bounds{.earliest = latest + 1}, reference_bounds{.latest = earliest - 1},
+          reference_bounds{.earliest = latest, .latest = earliest - 1}}) {
+        st_query_info_t info;
+        st_query_spec query = make_query("[OR * [AND a* [NOT b]]]", bounds);
+        query.info = &info;
+        st_tsval answer;
+        EXPECT_EQ(st_warm_slice_search(slice.warm.get(), &query, &answer, 1, true), 0);
+        EXPECT_EQ(info.reads, 0U);
+    }
+}
+
+}  // namespace
+}  // namespace veldar
