@@ -13,35 +13,77 @@ namespace {
 
 constexpr uint64_t PROBE_SIZE = 2050;  // a length number of up to three bytes and 2047 bytes of text
 
-// The bytes at the start of a block that its first term is decoded from.
-int probe_block(FCLEX* lex, uint64_t block, st_query_info_t* stats, std::span<const uint8_t>* bytes) {
-    if (!fclex_in_file(lex)) return fclex_fetch_block(lex, block, stats, bytes);
-    if (lex->block_cache_size < PROBE_SIZE) return WARM_RC_FAILED;
-    const fclex_extent extent = fclex_block_extent(lex, block, stats);
-    if (extent.start == FCLEX_BAD_OFFSET || extent.end == FCLEX_BAD_OFFSET) return WARM_RC_READ;
-    if (extent.end < extent.start) return WARM_RC_CORRUPT;
-    const uint64_t at =
-        static_cast<uint64_t>(lex->fclex_offset) + fclex_blocks_offset(fclex_block_count(lex)) + extent.start;
-    // Always the whole probe, which may reach into the next block or past the lexicon; a file's tail gives fewer bytes.
-    const int64_t got = st_timed_pread_msg(lex->fd, lex->block_cache, PROBE_SIZE, at, stats, false);
-    if (got < 1) return WARM_RC_READ;
-    *bytes = {lex->block_cache, std::min(static_cast<uint64_t>(got), uint64_t{extent.size()})};
-    return 0;
-}
+// Reads the first terms of blocks for one binary search. Two things save a file most of the small reads: once few
+// blocks are left, all their offsets come with one read, and a probe often holds the blocks behind the one it was made
+// for.
+class first_term_reader {
+  public:
+    first_term_reader(FCLEX* lex, st_query_info_t* stats) : lex_(lex), stats_(stats) {}
 
-// The first term of a block, cut to 2047 bytes.
-int first_term(FCLEX* lex, uint64_t block, st_query_info_t* stats, std::span<const uint8_t>* term) {
-    std::span<const uint8_t> bytes;
-    ST_TRY(probe_block(lex, block, stats, &bytes));
-    uint32_t length;
-    const uint32_t used = vbe_decode_bounded(&length, bytes.data(), bytes.data() + bytes.size());
-    if (used == 0) return WARM_RC_CORRUPT;
-    const std::span<const uint8_t> text = bytes.subspan(used);
-    const uint32_t cut = std::min(length, ST_MAX_TERM_LENGTH);
-    if (cut > text.size()) return WARM_RC_CORRUPT;
-    *term = text.first(cut);
-    return 0;
-}
+    // The first term of a block, cut to 2047 bytes, valid until the next call. All further calls of the search ask for
+    // blocks from `low` to `high`.
+    int read(uint64_t block, uint64_t low, uint64_t high, std::span<const uint8_t>* term) {
+        std::span<const uint8_t> bytes;
+        if (!fclex_in_file(lex_)) {
+            ST_TRY(fclex_fetch_block(lex_, block, stats_, &bytes));
+        } else {
+            ST_TRY(probe(extent_of(block, low, high), &bytes));
+        }
+        uint32_t length;
+        const uint32_t used = vbe_decode_bounded(&length, bytes.data(), bytes.data() + bytes.size());
+        if (used == 0) return WARM_RC_CORRUPT;
+        const std::span<const uint8_t> text = bytes.subspan(used);
+        const uint32_t cut = std::min(length, ST_MAX_TERM_LENGTH);
+        if (cut > text.size()) return WARM_RC_CORRUPT;
+        *term = text.first(cut);
+        return 0;
+    }
+
+  private:
+    static constexpr uint64_t WINDOW_ENTRIES = 512;
+
+    fclex_extent extent_of(uint64_t block, uint64_t low, uint64_t high) {
+        const uint64_t first = low == 0 ? 0 : low - 1;
+        if (window_count_ == 0 && high - first < WINDOW_ENTRIES) load_window(first, high - first + 1);
+        const uint64_t k = block - window_first_;
+        if (block == 0 || k == 0 || k >= window_count_) return fclex_block_extent(lex_, block, stats_);
+        return {load_be32(window_ + 4 * (k - 1)), load_be32(window_ + 4 * k)};
+    }
+
+    // A window that cannot be read stays empty: the single read that follows reports why.
+    void load_window(uint64_t first, uint64_t count) {
+        const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + FCLEX_HEADER_SIZE + 4 * first;
+        if (st_timed_pread_msg(lex_->fd, window_, 4 * count, at, stats_, false) != static_cast<int64_t>(4 * count))
+            return;
+        window_first_ = first;
+        window_count_ = count;
+    }
+
+    // The bytes at the start of a block, in the block cache.
+    int probe(const fclex_extent& extent, std::span<const uint8_t>* bytes) {
+        if (lex_->block_cache_size < PROBE_SIZE) return WARM_RC_FAILED;
+        if (extent.start == FCLEX_BAD_OFFSET || extent.end == FCLEX_BAD_OFFSET) return WARM_RC_READ;
+        if (extent.end < extent.start) return WARM_RC_CORRUPT;
+        if (extent.start < probe_start_ || extent.end > probe_end_) {
+            // Always the whole probe, which may pass the end of the lexicon; a file's tail gives fewer bytes.
+            const uint64_t blocks = fclex_blocks_offset(fclex_block_count(lex_));
+            const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + blocks + extent.start;
+            const int64_t got = st_timed_pread_msg(lex_->fd, lex_->block_cache, PROBE_SIZE, at, stats_, false);
+            probe_start_ = extent.start;
+            probe_end_ = extent.start + (got < 0 ? 0 : static_cast<uint64_t>(got));
+            if (got < 1) return WARM_RC_READ;
+        }
+        const uint64_t size = std::min(probe_end_ - extent.start, uint64_t{extent.size()});
+        *bytes = {lex_->block_cache + (extent.start - probe_start_), size};
+        return 0;
+    }
+
+    FCLEX* lex_;
+    st_query_info_t* stats_;
+    uint64_t probe_start_ = 0, probe_end_ = 0;  // in the blocks area
+    uint64_t window_first_ = 0, window_count_ = 0;
+    uint8_t window_[4 * WINDOW_ENTRIES];
+};
 
 // The id of a text. The result is what st_fclex_get reports; `rc` tells an absent term from an unreadable one.
 int64_t lookup_text(FCLEX* lex, const char* text, st_query_info_t* stats, warm_rc_t* rc) {
@@ -74,12 +116,13 @@ int64_t _find_block(FCLEX* lex, const char* text, st_query_info_t* stats, warm_r
     const uint64_t block_count = fclex_block_count(lex);
     if (block_count == 1) return 0;
     const std::span<const uint8_t> key = fclex_key(text);
+    first_term_reader first_terms(lex, stats);
     uint64_t low = 0, high = block_count - 1;
     for (;;) {
         const bool last_step = low + 1 == high;
         const uint64_t middle = last_step ? high : low + (high - low) / 2;
         std::span<const uint8_t> term;
-        if (const int status = first_term(lex, middle, stats, &term); status != 0) {
+        if (const int status = first_terms.read(middle, low, high, &term); status != 0) {
             _set_rc_msg(rc, status, "cannot read the first term of a block");
             return WARM_RC_FAILED;
         }
