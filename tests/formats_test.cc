@@ -277,7 +277,7 @@ TEST(Terms, QueriesFoldAsEventsDo) {
     std::string value("A\0\xc4Z[{", 6);
     EXPECT_EQ(fold_value(value), std::string("a \xc4z[{"));
     EXPECT_EQ(fold_value({}), "");
-    for (size_t size : {0, 1, 2040, 2044, 2045, 3000}) {
+    for (size_t size : {0u, 1u, 2040u, 2044u, 2045u, 3000u}) {
         std::string name(size, 'N');
         for (const std::string& one : {std::string(), value, std::string(5000, 'V')}) {
             term_set set;
