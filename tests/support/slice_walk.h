@@ -1,0 +1,102 @@
+// Uses an open slice in every way, whatever is in it: for damaged files, where the only demand is that nothing breaks.
+// Aborts when a reader contradicts itself.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+#include "searchthing/plist.h"
+#include "searchthing/warmslice.h"
+#include "searchthing/warmslice_meta.h"
+#include "searchthing/warmslice_values.h"
+
+namespace veldar {
+
+// How far a walk goes: a few damaged bytes can claim billions of everything.
+inline constexpr uint32_t WALK_LIMIT = 600;
+
+inline void walk_require(bool holds) {
+    if (!holds) std::abort();
+}
+
+inline void walk_values(WARM* warm) {
+    warm_rc_t rc;
+    const uint32_t values = st_warm_slice_values(warm);
+    for (uint32_t i = 0; i < std::min(values, WALK_LIMIT); i++) {
+        const uint32_t id = i % 2 == 0 ? i : values - i;
+        st_tsval value;
+        st_time_t seconds = 0;
+        uint64_t subseconds = 0;
+        const int time_status = get_tsval_timestamp(warm, id, &seconds, &subseconds, &rc);
+        const int status = tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &rc);
+        walk_require(status != 0 || (time_status == 0 && value.time == seconds && value.subsecond == subseconds));
+    }
+    st_tsval none;
+    walk_require(tsval_reader_decode(&warm->tsval_reader, values, &none, false, 0, &rc) != 0);
+}
+
+// The list by next, then by seek and by both bulk readers, which must see the same events.
+inline void walk_list(plist_reader* reader, uint32_t term, uint32_t values) {
+    warm_rc_t rc;
+    std::vector<uint32_t> ids;
+    if (_seek_reader(reader, term, &rc) != 0) return;
+    uint32_t id = 0;
+    bool complete = true;
+    for (;;) {
+        complete = _next(reader, &id, &rc) == 0;
+        if (!complete || id == PLIST_END || ids.size() == WALK_LIMIT) break;
+        walk_require(id < values && (ids.empty() || id > ids.back()));
+        ids.push_back(id);
+    }
+    if (ids.empty()) return;
+    const uint32_t begin = ids[ids.size() / 2];
+    const uint32_t end = ids.back() + 1;
+    walk_require(_seek_reader(reader, term, &rc) == 0);
+    if (_seek(reader, begin, &id, &rc) == 0) walk_require(id == begin);
+
+    uint32_t copy[WALK_LIMIT];
+    uint32_t count = 0;
+    walk_require(_seek_reader(reader, term, &rc) == 0);
+    if (plist_copy(reader, copy, WALK_LIMIT, end, &count, &rc) == 0) {
+        walk_require(std::vector<uint32_t>(copy, copy + count) == ids);
+    }
+    if (end - begin > 1 << 20) return;
+    std::vector<uint8_t> bits(_calc_bitmap_size(begin, end));
+    walk_require(_seek_reader(reader, term, &rc) == 0);
+    if (plist_or_into_bitmap(reader, bits.data(), begin, end, &rc) != 0) return;
+    uint32_t set = 0;
+    for (const uint8_t byte : bits) set += st_get_num_bits_set(byte);
+    walk_require(set == ids.size() - ids.size() / 2);
+}
+
+inline int walk_term(int32_t, const char*, size_t, void* count) {
+    return ++*static_cast<uint32_t*>(count) < WALK_LIMIT ? 1 : -1;
+}
+
+inline void walk_terms(WARM* warm) {
+    if (!st_warm_slice_has_fclex(warm)) return;
+    uint32_t visited = 0;
+    st_fclex_apply(warm->lexicon, nullptr, walk_term, &visited, nullptr);
+    warm_rc_t rc;
+    plist_reader reader;
+    const bool has_lists = _init_reader(&reader, warm, 1024, nullptr, &rc) == 0;
+    for (uint32_t term = 0; term < std::min(st_warm_slice_terms(warm), WALK_LIMIT); term++) {
+        st_term_metadata metadata;
+        static_cast<void>(warm_slice_term_metadata(warm, term, nullptr, &metadata, &rc));
+        if (has_lists) walk_list(&reader, term, st_warm_slice_values(warm));
+    }
+    close_plist_reader(&reader);
+}
+
+inline void walk_slice(WARM* warm) {
+    warm_rc_t rc;
+    walk_values(warm);
+    walk_terms(warm);
+    static_cast<void>(st_warm_slice_has_deletes(warm));
+    static_cast<void>(st_warm_slice_blocksize(warm));
+    static_cast<void>(st_warm_slice_dimsets_offset(warm, &rc));
+    walk_require(st_warm_slice_size(warm, &rc) == warm->file_size);
+}
+
+}  // namespace veldar

@@ -1,0 +1,369 @@
+#include "searchthing/tsval.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "libzero/vbe.h"
+#include "searchthing/warmslice.h"
+#include "searchthing/warmslice_values.h"
+#include "tests/support/forge.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+st_warm_slice_body make_header(const char* magic, uint64_t flags, uint32_t num_values) {
+    st_warm_slice_body header;
+    warm_header_init(&header, magic);
+    warm_header_set_flag(&header, flags, true);
+    header.num_values.set(num_values);
+    header.d_nbits.set(1);
+    return header;
+}
+
+void expect_value(const st_tsval& value, const forge_event& event, bool companions, uint32_t id) {
+    EXPECT_EQ(value.time, event.time) << id;
+    EXPECT_EQ(value.address, event.address) << id;
+    EXPECT_EQ(value.subsecond, 0u) << id;
+    if (!companions) return;
+    EXPECT_EQ(value.measure, event.measure) << id;
+    EXPECT_EQ(value.s, event.deleted ? ST_DELETED_SOURCE : event.s) << id;
+    EXPECT_EQ(value.st, event.st) << id;
+    EXPECT_EQ(value.h, event.h) << id;
+}
+
+// Writes values (after the header's preambles, which count up) and returns the file.
+std::string write_packed(const st_warm_slice_body& header, const std::vector<st_tsval>& values) {
+    temp_dir dir;
+    warm_rc_t rc;
+    const unique_fd fd(::open(dir.file("values").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    tsval_writer_t writer;
+    EXPECT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), 0) << rc.message;
+    const uint32_t preambles = tsval_encoding(&header) == TSVAL_WITH_PREAMBLES ? header.num_dimsets.get() : 0;
+    for (uint32_t i = 0; i < preambles; i++) EXPECT_EQ(tsval_writer_put_preamble(&writer, i, 7 * i, &rc), 0);
+    for (const st_tsval& value : values) EXPECT_EQ(tsval_writer_put(&writer, &value, &rc), 0) << rc.message;
+    EXPECT_EQ(tsval_writer_close(&writer, &rc), 0) << rc.message;
+    EXPECT_EQ(warm_header_write(fd.get(), &header, &rc), 0);
+    return read_file(dir.file("values"));
+}
+
+}  // namespace
+
+TEST(Tsval, EverySliceKindDecodesFromMemoryAndFromTheFile) {
+    std::mt19937 random(1);
+    for (const forge_options& options : forge_all_kinds()) {
+        SCOPED_TRACE(options.name());
+        temp_dir dir;
+        forge_picture picture;
+        warm_rc_t rc;
+        const std::string path = forge_file(dir.path(), forge_random_events(options.seed, 300), options, 1, &picture);
+        WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
+        ASSERT_NE(warm, nullptr) << rc.message;
+        const uint32_t count = static_cast<uint32_t>(picture.values.size());
+        st_tsval value;
+        for (uint32_t id = 0; id < count; id++) {
+            ASSERT_EQ(tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &rc), 0) << rc.message;
+            expect_value(value, picture.values[id], true, id);
+        }
+        EXPECT_EQ(tsval_reader_decode(&warm->tsval_reader, count, &value, false, 0, &rc), WARM_RC_CORRUPT);
+        for (const uint64_t cache : {8, 64, 4096}) {
+            tsval_reader_t reader;
+            ASSERT_EQ(tsval_reader_open_partial(&reader, warm->fd.get(), warm->body, cache, nullptr, nullptr, &rc), 0);
+            for (uint32_t i = 0; i < 600; i++) {
+                const uint32_t id = i < count ? i : static_cast<uint32_t>(random() % count);
+                const uint32_t hint = static_cast<uint32_t>(random() % count);
+                ASSERT_EQ(tsval_reader_decode(&reader, id, &value, false, hint, &rc), 0) << rc.message;
+                expect_value(value, picture.values[id], false, id);
+                EXPECT_EQ(value.s & value.st & value.h, UINT32_MAX) << "absent";
+                st_time_t seconds = 0;
+                uint64_t nanoseconds = 1;
+                ASSERT_EQ(tsval_reader_decode_time(&reader, id, &seconds, &nanoseconds, &rc), 0);
+                EXPECT_TRUE(seconds == value.time && nanoseconds == 0);
+            }
+            tsval_reader_close(&reader);
+        }
+        EXPECT_EQ(st_warm_slice_close(warm), 0);
+    }
+}
+
+// Every pair of widths, values at both ends of the ranges, more words than one writer buffer.
+TEST(Tsval, PackedValuesOfEveryWidthComeBack) {
+    std::mt19937_64 random(2);
+    const uint32_t count = 9000;
+    for (const uint32_t time_nbits : {0u, 1u, 7u, 13u, 25u, 31u, 32u}) {
+        for (const uint32_t addr_nbits : {0u, 1u, 8u, 20u, 31u, 32u}) {
+            SCOPED_TRACE(testing::Message() << time_nbits << " + " << addr_nbits << " bits");
+            st_warm_slice_body header = make_header("_TSIDX9", WARM_FLAG_VALUES_PACKED, count);
+            const uint64_t time_span = (uint64_t{1} << time_nbits) - 1, addr_span = (uint64_t{1} << addr_nbits) - 1;
+            const int64_t earliest = time_nbits == 32 ? std::numeric_limits<int32_t>::min() : -5;
+            const uint32_t lowest = addr_nbits == 32 ? 0 : 0x70000000;
+            header.earliest.set(static_cast<uint32_t>(earliest));
+            header.latest.set(static_cast<uint32_t>(earliest + static_cast<int64_t>(time_span)));
+            header.seek_addr_min.set(lowest);
+            header.seek_addr_max.set(static_cast<uint32_t>(lowest + addr_span));
+            ASSERT_EQ(warm_header_meta_time_nbits(&header), time_nbits);
+            ASSERT_EQ(warm_header_seek_addr_nbits(&header), addr_nbits);
+            std::vector<st_tsval> values(count);
+            for (st_tsval& value : values) {
+                const uint64_t pick = random() % 4;
+                const uint64_t t = pick == 0 ? 0 : pick == 1 ? time_span : random() & time_span;
+                const uint64_t a = pick == 0 ? addr_span : pick == 1 ? 0 : random() & addr_span;
+                value.time = static_cast<st_time_t>(earliest + static_cast<int64_t>(t));
+                value.address = static_cast<uint32_t>(lowest + a);
+            }
+            // Values of no bits leave a file that is only a header.
+            const std::string file = write_packed(header, values);
+            const std::string section = file.substr(std::min<size_t>(file.size(), _offset_values(&header)));
+            ASSERT_EQ(section.size(), warm_header_tsval_encoded_array_size(&header));
+            // The section in a block of its own, so that a load past its end is seen.
+            const std::vector<uint8_t> memory(section.begin(), section.end());
+            tsval_reader_t reader;
+            warm_rc_t rc;
+            const uint8_t none = 0;
+            const uint8_t* in_memory = memory.empty() ? &none : memory.data();
+            ASSERT_EQ(tsval_reader_open_partial(&reader, -1, &header, 0, nullptr, in_memory, &rc), 0);
+            for (uint32_t id = 0; id < count; id++) {
+                st_tsval value;
+                ASSERT_EQ(tsval_reader_decode(&reader, id, &value, true, 0, &rc), 0) << rc.message;
+                ASSERT_TRUE(value.time == values[id].time && value.address == values[id].address) << id;
+            }
+            tsval_reader_close(&reader);
+        }
+    }
+}
+
+TEST(Tsval, PreamblesAndMilliseconds) {
+    const uint64_t flags = WARM_FLAG_PREAMBLES | WARM_FLAG_MS_REQUESTED;
+    for (const uint64_t present : {uint64_t{0}, uint64_t{WARM_FLAG_MS_PRESENT}}) {
+        const uint32_t preambles = 5000, count = 9000;
+        st_warm_slice_body header = make_header("_MSIDX4", flags | present, count);
+        header.num_dimsets.set(preambles);
+        header.earliest.set(100);
+        header.latest.set(100 + count);
+        std::vector<st_tsval> values(count - preambles);
+        for (uint32_t i = 0; i < values.size(); i++) {
+            values[i].time = static_cast<st_time_t>(100 + i);
+            values[i].address = present ? i % 1000 * 1000000 : 0;
+        }
+        const std::string file = write_packed(header, values);
+        ASSERT_EQ(file.size(), _offset_values(&header) + warm_header_tsval_encoded_array_size(&header));
+        // preamble 3, in host order: its first value, then the length of its run
+        EXPECT_EQ(file.substr(128 + 24, 8), std::string("\x03\0\0\0\x15\0\0\0", 8));
+
+        temp_dir dir;
+        write_file(dir.file("v"), file);
+        const unique_fd fd(::open(dir.file("v").c_str(), O_RDONLY | O_CLOEXEC));
+        for (const bool in_memory : {true, false}) {
+            const uint8_t* memory = reinterpret_cast<const uint8_t*>(file.data()) + 128;
+            tsval_reader_t reader;
+            warm_rc_t rc;
+            ASSERT_EQ(
+                tsval_reader_open_partial(&reader, fd.get(), &header, 512, nullptr, in_memory ? memory : nullptr, &rc),
+                0);
+            st_tsval value;
+            for (uint32_t id = 0; id < count; id++) {
+                ASSERT_EQ(tsval_reader_decode(&reader, id, &value, false, 0, &rc), 0) << rc.message;
+                const bool is_preamble = id < preambles;
+                ASSERT_EQ(value.time, is_preamble ? static_cast<int32_t>(id) : values[id - preambles].time);
+                ASSERT_EQ(value.address, is_preamble ? 7 * id : values[id - preambles].address);
+                ASSERT_EQ(value.subsecond, is_preamble ? 0 : value.address);
+            }
+            ASSERT_EQ(tsval_reader_decode_preamble(&reader, 4999, &value, &rc), 0);
+            EXPECT_TRUE(value.time == 4999 && value.address == 34993 && value.s == ST_DELETED_SOURCE);
+            EXPECT_EQ(tsval_reader_decode_preamble(&reader, preambles, &value, &rc), WARM_RC_CORRUPT);
+            tsval_reader_close(&reader);
+        }
+        header.num_dimsets.set(count + 1);
+        tsval_reader_t reader;
+        warm_rc_t rc;
+        EXPECT_EQ(tsval_reader_open_partial(&reader, fd.get(), &header, 512, nullptr, nullptr, &rc), WARM_RC_CORRUPT);
+    }
+}
+
+TEST(Tsval, PackedBytes) {
+    st_warm_slice_body header = make_header("_TSIDX8", WARM_FLAG_VALUES_PACKED, 3);
+    header.earliest.set(1000);
+    header.latest.set(1005);  // 3 bits
+    header.seek_addr_min.set(50);
+    header.seek_addr_max.set(59);  // 4 bits
+    std::vector<st_tsval> values(3);
+    values[0].time = 1005, values[0].address = 50;
+    values[1].time = 1001, values[1].address = 59;
+    values[2].time = 1000, values[2].address = 53;
+    // from bit 0 on: 5 in 3 bits, 0 in 4; 1, 9; 0, 3: the word 0x062485
+    EXPECT_EQ(write_packed(header, values).substr(128), std::string("\x85\x24\x06\0\0\0\0\0", 8));
+}
+
+TEST(Tsval, WriterRefusesWhatTheHeaderCannotHold) {
+    const unique_fd fd(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    st_warm_slice_body header = make_header("_TSIDX9", WARM_FLAG_VALUES_PACKED, 10);
+    header.earliest.set(1000);
+    header.latest.set(2000);
+    header.seek_addr_min.set(5);
+    header.seek_addr_max.set(9);
+    tsval_writer_t writer;
+    warm_rc_t rc;
+    ASSERT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), 0);
+    const struct {
+        st_time_t time;
+        uint32_t address;
+        const char* message;
+    } cases[] = {{999, 5, "timstamp not in earliest/latest range"},
+                 {2001, 5, "timstamp not in earliest/latest range"},
+                 {1000, 4, "seek_addr not in lowest/highest addr range"},
+                 {1000, 10, "seek_addr not in lowest/highest addr range"}};
+    for (const auto& c : cases) {
+        st_tsval value = {};
+        value.time = c.time;
+        value.address = c.address;
+        EXPECT_EQ(tsval_writer_put(&writer, &value, &rc), WARM_RC_INVALID_ARGUMENT);
+        EXPECT_STREQ(rc.message, c.message);
+    }
+    EXPECT_EQ(tsval_writer_close(&writer, &rc), 0);
+    header.num_values.set(400000000);
+    EXPECT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), WARM_RC_DOES_NOT_FIT) << "13 bits x 4e8 wrap";
+    header.num_values.set(10);
+    header.latest.set(999);
+    EXPECT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_STREQ(rc.message, "earliest > latest");
+}
+
+TEST(Tsval, CompanionsOfEveryWidth) {
+    const uint8_t values[8 * 20] = {};
+    const st_warm_slice_body header = make_header("_TSIDX9", 0, 20);
+    warm_rc_t rc;
+    for (const uint32_t nbits : {0u, 1u, 3u, 8u, 17u, 31u, 32u, 33u, 63u, 1000u}) {
+        SCOPED_TRACE(nbits);
+        std::vector<uint8_t> bytes((20 * nbits + 7) / 8 + 1);
+        bytes.pop_back();
+        const uint32_t mask = nbits >= 32 ? 0 : (1u << nbits) - 1;
+        for (uint32_t id = 0; id < 20 && nbits < 32; id++) {
+            if (nbits > 0) encode_to_byte_str(bytes.data(), id * 0x9E3779B1, id, nbits);
+        }
+        tsval_reader_t reader;
+        ASSERT_EQ(tsval_reader_open_partial(&reader, -1, &header, 0, nullptr, values, &rc), 0);
+        const std::span<const uint8_t> whole(bytes.data(), bytes.size());
+        reader.s = reader.h = {whole, nbits};
+        for (uint32_t id = 0; id < 20; id++) {
+            st_tsval value;
+            const int status = tsval_reader_decode(&reader, id, &value, true, 0, &rc);
+            ASSERT_EQ(status, nbits > 32 ? WARM_RC_CORRUPT : 0) << "no width above 32 is possible";
+            if (status != 0) continue;
+            EXPECT_TRUE(value.s == (id * 0x9E3779B1 & mask) && value.h == value.s) << id;
+        }
+        // An array that ends before its last entry, and one that is present but empty.
+        st_tsval value;
+        if (nbits == 0 || nbits > 32) continue;
+        reader.h.bytes = whole.first(whole.size() - 1);
+        EXPECT_EQ(tsval_reader_decode(&reader, 19, &value, true, 0, &rc), WARM_RC_CORRUPT);
+        reader.s.bytes = reader.h.bytes = whole.first(0);
+        ASSERT_EQ(tsval_reader_decode(&reader, 19, &value, true, 0, &rc), 0);
+        EXPECT_TRUE(value.s == 0 && value.h == 0 && value.st == UINT32_MAX && value.measure == 0);
+    }
+    tsval_reader_t reader;
+    ASSERT_EQ(tsval_reader_open_partial(&reader, -1, &header, 0, nullptr, values, &rc), 0);
+    const uint8_t deleted[] = {0x02, 0, 0};
+    st_tsval value;
+    reader.s = {{deleted, 3}, 1};
+    reader.d = {{deleted, 3}, 1};
+    ASSERT_EQ(tsval_reader_decode(&reader, 1, &value, true, 0, &rc), 0);
+    EXPECT_EQ(value.s, ST_DELETED_SOURCE);
+    ASSERT_EQ(tsval_reader_decode(&reader, 2, &value, true, 0, &rc), 0);
+    EXPECT_EQ(value.s, 0u);
+    reader.d.nbits = 2;
+    EXPECT_EQ(tsval_reader_decode(&reader, 2, &value, true, 0, &rc), WARM_RC_CORRUPT);
+    EXPECT_STREQ(rc.message, "((uint32_t) __builtin_bswap32((uint32_t) (header->d_nbits))) == 1");
+    reader.d = {};
+    const double doubles[] = {0.5, -1e300};
+    reader.m = {{reinterpret_cast<const uint8_t*>(doubles), 16}, 64};
+    ASSERT_EQ(tsval_reader_decode(&reader, 1, &value, true, 0, &rc), 0);
+    EXPECT_EQ(value.measure, -1e300);
+    EXPECT_EQ(tsval_reader_decode(&reader, 2, &value, true, 0, &rc), WARM_RC_CORRUPT);
+}
+
+TEST(Tsval, PlainCacheReadsWhatItIsToldTo) {
+    temp_dir dir;
+    write_file(dir.file("v"), std::string(128 + 8 * 100, 'v'));
+    const unique_fd fd(::open(dir.file("v").c_str(), O_RDONLY | O_CLOEXEC));
+    st_warm_slice_body header = make_header("_TSIDX9", 0, 200);  // half of the values are missing
+    tsval_reader_t reader;
+    warm_rc_t rc;
+    st_tsval value;
+    EXPECT_EQ(tsval_reader_open_partial(&reader, fd.get(), &header, 7, nullptr, nullptr, &rc),
+              WARM_RC_INVALID_ARGUMENT);
+    ASSERT_EQ(tsval_reader_open_partial(&reader, fd.get(), &header, 0, nullptr, nullptr, &rc), 0);
+    EXPECT_EQ(tsval_reader_decode(&reader, 0, &value, false, 0, &rc), WARM_RC_UNSUPPORTED);
+    tsval_reader_close(&reader);
+
+    st_query_info_t stats;
+    ASSERT_EQ(tsval_reader_open_partial(&reader, fd.get(), &header, 80, &stats, nullptr, &rc), 0);
+    const struct {
+        uint32_t id;
+        bool cache_only;
+        uint32_t hint;
+        int status;
+        uint64_t bytes_read;
+    } steps[] = {
+        {5, true, 0, WARM_RC_UNSUPPORTED, 0},  // nothing is cached
+        {5, false, 0, 0, 80},                  // 5 to 14
+        {14, true, 0, 0, 0},
+        {15, true, 0, WARM_RC_NOT_FOUND, 0},
+        {30, false, 40, 0, 8},   // the hint lies outside what would be read
+        {31, false, 40, 0, 80},  // inside
+        {95, false, 0, WARM_RC_SHORT_READ, 40},
+        {31, true, 0, WARM_RC_UNSUPPORTED, 0},  // a failed read empties the cache
+        {150, false, 0, WARM_RC_END_OF_FILE, 0},
+    };
+    for (const auto& step : steps) {
+        stats.bytes = 0;
+        EXPECT_EQ(tsval_reader_decode(&reader, step.id, &value, step.cache_only, step.hint, &rc), step.status)
+            << step.id;
+        EXPECT_EQ(stats.bytes, step.bytes_read) << step.id;
+    }
+    tsval_reader_close(&reader);
+}
+
+TEST(Tsval, SubsecondsAndMeasures) {
+    const struct {
+        uint64_t encoded;
+        uint32_t milliseconds;
+    } subseconds[] = {
+        {0, 0},
+        {1, 0},
+        {8, 0},
+        {uint64_t{1} << 63, 0},
+        {11, 500},
+        {22, 50},
+        {44, 5},
+        {88, 0},
+        {3, 100},
+        {19, 900},
+        {1999, 999},
+        {2 * 123456 + 1, 123},
+        {~uint64_t{0}, 922},
+        {~uint64_t{1}, 46},
+    };
+    for (const auto& c : subseconds) {
+        EXPECT_EQ(tsval_decode_subsecond_to_millisecond(c.encoded), c.milliseconds) << c.encoded;
+    }
+    const double huge = std::numeric_limits<double>::infinity();
+    const std::pair<double, uint32_t> measures[] = {{0, 0},
+                                                    {-1, 0},
+                                                    {NAN, 0},
+                                                    {0.99, 0},
+                                                    {41.9, 41},
+                                                    {1e9, 1000000000},
+                                                    {2147483646.5, 2147483646},
+                                                    {2147483647, 2147483647},
+                                                    {4e9, 2147483647},
+                                                    {huge, 2147483647}};
+    for (const auto& [measure, whole] : measures) EXPECT_EQ(tsval_clamp_measure(measure), whole) << measure;
+}
+
+}  // namespace veldar

@@ -1,0 +1,346 @@
+#include "searchthing/warmslice.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <limits>
+#include <set>
+
+#include "libzero/endian.h"
+#include "searchthing/warmslice_values.h"
+#include "tests/support/damage.h"
+#include "tests/support/forge.h"
+#include "tests/support/slice_walk.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+using open_fn = WARM* (*)(const char* path, warm_rc_t* rc);
+constexpr open_fn OPENS[] = {st_warm_slice_open_rdonly, st_warm_slice_open_rdwr};
+
+// A file in memory under a name that says nothing: read-write handles flush their file when they close, which would
+// make thousands of opens wait for a disk.
+struct memory_file {
+    unique_fd fd{::memfd_create("slice", MFD_CLOEXEC)};
+    std::string path = "/proc/self/fd/" + std::to_string(fd.get());
+
+    WARM* open(open_fn how, const std::string& bytes, warm_rc_t* rc) const {
+        EXPECT_EQ(::ftruncate(fd.get(), 0), 0);
+        EXPECT_EQ(::pwrite(fd.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+        return how(path.c_str(), rc);
+    }
+};
+
+void set_be32(std::string* bytes, uint64_t offset, uint32_t value) {
+    store_be32(bytes->data() + offset, value);
+}
+
+}  // namespace
+
+TEST(WarmSlice, EverySliceKindOpensBothWays) {
+    for (const forge_options& options : forge_all_kinds()) {
+        temp_dir dir;
+        forge_picture picture;
+        const std::string path = forge_file(dir.path(), forge_random_events(options.seed, 120), options, 9, &picture);
+        for (const open_fn open : OPENS) {
+            SCOPED_TRACE(options.name() + (open == st_warm_slice_open_rdwr ? " read-write" : " read-only"));
+            warm_rc_t rc;
+            WARM* warm = open(path.c_str(), &rc);
+            ASSERT_NE(warm, nullptr) << rc.warm_rc << rc.message;
+            EXPECT_EQ(st_warm_slice_values(warm), picture.values.size());
+            EXPECT_EQ(st_warm_slice_terms(warm), picture.terms.size());
+            EXPECT_EQ(st_warm_slice_blocksize(warm), options.tperb);
+            EXPECT_EQ(st_warm_slice_size(warm, &rc), read_file(path).size());
+            EXPECT_EQ(st_warm_slice_latest(warm), picture.latest);
+            EXPECT_EQ(st_warm_slice_earliest(warm), picture.earliest);
+            EXPECT_EQ(warm->fname_meta.id, 9u);
+            EXPECT_EQ(warm->postings_base, picture.at.postings);
+            EXPECT_EQ(size_without_vardata(warm), picture.at.lexicon);
+            EXPECT_TRUE(st_warm_slice_has_fclex(warm) && st_warm_slice_has_postings(warm));
+            EXPECT_EQ(st_warm_slice_has_deletes(warm), !options.metric());
+            EXPECT_EQ(warm->slice_kind, options.metric() ? 0u : 2u);
+            EXPECT_EQ(warm->pl_wide, options.magic != "Veldar3" && !(options.wflags & FORGE_PLO32));
+            EXPECT_EQ(st_fclex_get(warm->lexicon, picture.terms.back().c_str(), nullptr),
+                      static_cast<int32_t>(picture.terms.size() - 1));
+            walk_slice(warm);
+            EXPECT_EQ(st_warm_slice_close(warm), 0);
+        }
+    }
+}
+
+TEST(WarmSlice, RefusalsNameTheirReason) {
+    forge_options options;
+    options.magic = "Veldar5";
+    forge_picture picture;
+    const std::string good = forge_slice(forge_random_events(5, 60), options, &picture);
+    const forge_offsets at = picture.at;
+    const uint64_t last_entry = at.posting_offsets + 8 * (picture.terms.size() - 1);
+    const struct {
+        const char* what;
+        std::function<void(std::string*)> damage;
+        int rdonly;
+        int rdwr;
+        const char* rdwr_message;
+    } cases[] = {
+        {"empty file", [](std::string* b) { b->clear(); }, WARM_RC_END_OF_FILE, WARM_RC_EMPTY_FILE, ""},
+        {"a few bytes", [](std::string* b) { b->resize(50); }, WARM_RC_SHORT_READ, WARM_RC_SHORT_READ,
+         "reading warm header"},
+        {"another file", [](std::string* b) { (*b)[0] = 'x'; }, WARM_RC_BAD_MAGIC, WARM_RC_BAD_MAGIC,
+         "header magic wrong"},
+        {"cut in the values", [&](std::string* b) { b->resize(at.m - 20); }, WARM_RC_NO_SECTION, WARM_RC_CORRUPT,
+         "forward_body offset is beyond file size"},
+        {"cut in the offsets", [&](std::string* b) { b->resize(at.posting_offsets + 8); }, WARM_RC_END_OF_FILE,
+         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
+        {"cut in the last offset", [&](std::string* b) { b->resize(last_entry + 5); }, WARM_RC_SHORT_READ,
+         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
+        {"cut in the metadata", [&](std::string* b) { b->resize(at.metadata + 5); }, WARM_RC_NO_LEXICON,
+         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
+        {"cut before the lexicon", [&](std::string* b) { b->resize(at.lexicon); }, WARM_RC_NO_LEXICON, WARM_RC_CORRUPT,
+         "num terms mismatch"},
+        {"another number of terms", [&](std::string* b) { set_be32(b, at.lexicon, 3); }, WARM_RC_FAILED,
+         WARM_RC_CORRUPT, "num terms mismatch"},
+        {"another reverse number", [&](std::string* b) { set_be32(b, at.reverse_lexicon, 3); }, WARM_RC_FAILED,
+         WARM_RC_CORRUPT, "reverse num terms"},
+        {"cut before the reverse lexicon", [&](std::string* b) { b->resize(at.reverse_lexicon); }, WARM_RC_NO_LEXICON,
+         WARM_RC_CORRUPT, "reverse num terms"},
+        {"no terms in a block", [&](std::string* b) { set_be32(b, at.lexicon + 4, 0); }, WARM_RC_NO_LEXICON,
+         WARM_RC_NO_MEMORY, "forward idx"},
+        {"lists past the file", [&](std::string* b) { set_be32(b, last_entry + 4, 0x7FFFFFFF); }, 0, WARM_RC_CORRUPT,
+         "plo_last_term is beyond file size"},
+        {"lists of all-ones", [&](std::string* b) { b->replace(last_entry, 8, 8, '\xFF'); }, WARM_RC_CORRUPT,
+         WARM_RC_CORRUPT, "plo last term"},
+        {"values past the file", [&](std::string* b) { set_be32(b, 8, 0xFFFFFFFF); }, WARM_RC_NO_SECTION,
+         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
+        {"companions past the file", [&](std::string* b) { set_be32(b, 36, 0xFFFFFFFF); }, WARM_RC_NO_SECTION,
+         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
+        {"nothing", [](std::string*) {}, 0, 0, ""},
+    };
+    const memory_file file;
+    for (const auto& c : cases) {
+        std::string bytes = good;
+        c.damage(&bytes);
+        for (const open_fn open : OPENS) {
+            SCOPED_TRACE(std::string(c.what) + (open == st_warm_slice_open_rdwr ? " read-write" : " read-only"));
+            warm_rc_t rc;
+            WARM* warm = file.open(open, bytes, &rc);
+            const int expected = open == st_warm_slice_open_rdwr ? c.rdwr : c.rdonly;
+            EXPECT_EQ(rc.warm_rc, expected) << rc.message;
+            EXPECT_EQ(warm != nullptr, expected == 0);
+            if (warm == nullptr) {
+                if (open == st_warm_slice_open_rdwr) {
+                    EXPECT_STREQ(rc.message, c.rdwr_message);
+                }
+                continue;
+            }
+            walk_slice(warm);
+            EXPECT_EQ(st_warm_slice_close(warm), 0);
+        }
+    }
+    // Without a reverse lexicon, which is missed first, the count itself is named.
+    const forge_options plain = forge_as_created(4);
+    std::string fewer = forge_slice(forge_random_events(5, 60), plain, &picture);
+    set_be32(&fewer, picture.at.lexicon, 3);
+    for (const open_fn open : OPENS) {
+        warm_rc_t rc;
+        EXPECT_EQ(file.open(open, fewer, &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, open == st_warm_slice_open_rdwr ? WARM_RC_CORRUPT : WARM_RC_NO_LEXICON);
+        EXPECT_STREQ(rc.message, "num terms mismatch");
+    }
+    std::string preambles = forge_slice(forge_random_events(5, 60), forge_as_created(4));
+    preambles[79] = WARM_FLAG_PREAMBLES;
+    set_be32(&preambles, 96, 61);
+    for (const open_fn open : OPENS) {
+        warm_rc_t rc;
+        EXPECT_EQ(file.open(open, preambles, &rc), nullptr);
+        EXPECT_STREQ(rc.message, "more preambles than values");
+    }
+}
+
+TEST(WarmSlice, PathsAndNames) {
+    temp_dir dir;
+    const std::vector<forge_event> events = forge_random_events(1, 20);
+    write_file(dir.file("5-x-1.tsidx"), "");
+    const memory_file file;
+    for (const open_fn open : OPENS) {
+        warm_rc_t rc;
+        EXPECT_EQ(open(nullptr, &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, WARM_RC_INVALID_ARGUMENT);
+        for (const char* missing : {"", "no/such/file", "no/such/9-5-1.tsidx"}) {
+            EXPECT_EQ(open(missing, &rc), nullptr);
+            EXPECT_TRUE(rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT) << missing;
+        }
+        EXPECT_EQ(open(dir.file("5-x-1.tsidx").c_str(), &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, WARM_RC_FILE_NAME);
+        EXPECT_STREQ(rc.message, "parsing filename");
+        WARM* warm = file.open(open, forge_slice(events, forge_as_created(4)), &rc);
+        ASSERT_NE(warm, nullptr);
+        EXPECT_EQ(st_warm_slice_earliest(warm), std::numeric_limits<st_time_t>::min());
+        EXPECT_EQ(st_warm_slice_latest(warm), std::numeric_limits<st_time_t>::max());
+        EXPECT_EQ(st_warm_slice_close(warm), 0);
+    }
+    xorshift128plus_state rng;
+    xorshift128plus_init_with_seed(&rng, 1);
+    ospath_buf name;
+    std::set<uint64_t> ids;
+    for (int i = 0; i < 1000; i++) {
+        ASSERT_EQ(st_warm_slice_filename_from_time(&name, "some/dir/", ".tsidx", -5, 100, &rng), 0);
+        st_filename_metadata_t meta;
+        ASSERT_EQ(st_tsidx_file_parse(name.val, &meta), 1) << name.val;
+        ASSERT_TRUE(meta.earliest == -5 && meta.latest == 100) << name.val;
+        EXPECT_EQ(meta.id >> 16 & 0xFFFF, static_cast<uint64_t>(::getpid()) % 65535);
+        ids.insert(meta.id);
+    }
+    EXPECT_EQ(ids.size(), 1000u);
+    ASSERT_EQ(st_warm_slice_filename(&name, "/", ".pre-tsidx", -7, -6, 18446744073709551615u), 0);
+    EXPECT_STREQ(name.val, "/-6--7-18446744073709551615.pre-tsidx");
+    const std::string longest(4095 - std::string("/2-1-3.tsidx").size(), 'd');
+    EXPECT_EQ(st_warm_slice_filename(&name, longest.c_str(), ".tsidx", 1, 2, 3), 0);
+    EXPECT_EQ(st_warm_slice_filename(&name, (longest + "d").c_str(), ".tsidx", 1, 2, 3), WARM_RC_PATH_TOO_LONG);
+    EXPECT_EQ(st_warm_slice_filename(&name, "", ".tsidx", 1, 2, 3), WARM_RC_INVALID_ARGUMENT);
+}
+
+TEST(WarmSlice, DescriptorsOfFailedOpensStayWithTheCaller) {
+    warm_rc_t rc;
+    unique_fd fd(::memfd_create("slice", MFD_CLOEXEC));
+    const st_filename_metadata_t meta = {.earliest = 3, .latest = 9, .id = 1, .kind = 1};
+    EXPECT_EQ(st_warm_slice_open_rdonly_from_fd(fd.get(), &meta, &rc), nullptr);
+    const std::string bytes = forge_slice(forge_random_events(1, 20), forge_as_created(2));
+    ASSERT_EQ(::write(fd.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    WARM* warm = st_warm_slice_open_rdonly_from_fd(fd.get(), &meta, &rc);
+    ASSERT_NE(warm, nullptr) << rc.message;
+    EXPECT_EQ(st_warm_slice_earliest(warm), 3);
+    EXPECT_EQ(st_warm_slice_close(warm), 0);
+    EXPECT_EQ(::fcntl(fd.get(), F_GETFD), -1) << "closed with the handle";
+    static_cast<void>(fd.release());
+}
+
+TEST(WarmSlice, MiniSlicesHaveValuesAndNothingElse) {
+    for (const char* magic : {"Veldar5", "_TSIDX7", "_TSIDX9"}) {
+        SCOPED_TRACE(magic);
+        const std::vector<forge_event> events = forge_random_events(2, 90);
+        forge_options options;
+        options.magic = magic;
+        temp_dir dir;
+        forge_picture picture;
+        const std::string path = forge_file(dir.path(), events, options, 1, &picture);
+        const std::string mini = dir.file(forge_file_name(events, 1, true));
+        unique_fd out(::open(mini.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        ASSERT_EQ(st_warm_slice_create_mini(path.c_str(), out.get()), 0);
+        options.mini = true;
+        EXPECT_EQ(read_file(mini), forge_slice(events, options));
+        for (const open_fn open : OPENS) {
+            warm_rc_t rc;
+            WARM* warm = open(mini.c_str(), &rc);
+            ASSERT_NE(warm, nullptr) << rc.message;
+            EXPECT_FALSE(st_warm_slice_has_fclex(warm));
+            EXPECT_TRUE(warm->plo == nullptr && warm->metadata == nullptr && warm->postings_base == 0);
+            EXPECT_EQ(st_warm_slice_latest(warm), picture.latest);
+            EXPECT_EQ(st_warm_slice_blocksize(warm), 0u);
+            st_tsval value;
+            ASSERT_EQ(tsval_reader_decode(&warm->tsval_reader, 89, &value, false, 0, &rc), 0);
+            EXPECT_EQ(value.address, picture.values[89].address);
+            plist_reader reader;
+            EXPECT_EQ(_init_reader(&reader, warm, 1, nullptr, &rc), WARM_RC_MINIFIED);
+            EXPECT_EQ(st_warm_slice_dimsets_offset(warm, &rc), -1);
+            EXPECT_EQ(st_warm_slice_close(warm), 0);
+        }
+        EXPECT_EQ(st_warm_slice_create_mini(path.c_str(), -1), WARM_RC_INVALID_ARGUMENT);
+        EXPECT_EQ(st_warm_slice_create_mini("no/such/file", out.get()), WARM_RC_OPEN);
+        write_file(dir.file("cut"), read_file(path).substr(0, 200));
+        EXPECT_EQ(st_warm_slice_create_mini(dir.file("cut").c_str(), out.get()), WARM_RC_FAILED);
+        write_file(dir.file("none"), "");
+        EXPECT_EQ(st_warm_slice_create_mini(dir.file("none").c_str(), out.get()), WARM_RC_EMPTY_FILE);
+        const unique_fd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+        EXPECT_EQ(st_warm_slice_create_mini(path.c_str(), full.get()), WARM_RC_WRITE);
+    }
+}
+
+TEST(WarmSlice, DeletesChangeOneByteAndAreSeenByReaders) {
+    std::vector<forge_event> events = forge_random_events(2, 90);
+    for (forge_event& event : events) event.deleted = false;
+    for (const forge_options& options : forge_event_kinds()) {
+        SCOPED_TRACE(options.name());
+        temp_dir dir;
+        forge_picture picture;
+        const std::string path = forge_file(dir.path(), events, options, 1, &picture);
+        std::string expected = read_file(path);
+        warm_rc_t rc;
+        WARM* reader = st_warm_slice_open_rdonly(path.c_str(), &rc);
+        WARM* writer = st_warm_slice_open_rdwr(path.c_str(), &rc);
+        ASSERT_TRUE(reader != nullptr && writer != nullptr) << rc.message;
+        EXPECT_FALSE(st_warm_slice_has_deletes(reader));
+        EXPECT_EQ(warm_slice_set_deleted(writer, 90, &rc), WARM_RC_CORRUPT);
+        EXPECT_EQ(warm_slice_set_deleted(writer, 43, &rc), 0);
+        EXPECT_EQ(warm_slice_set_deleted(writer, 43, &rc), 0);
+        EXPECT_TRUE(st_warm_slice_has_deletes(reader));
+        for (const uint32_t id : {42u, 43u, 44u}) {
+            st_tsval value;
+            ASSERT_EQ(tsval_reader_decode(&reader->tsval_reader, id, &value, false, 0, &rc), 0);
+            EXPECT_EQ(value.s, id == 43 ? ST_DELETED_SOURCE : picture.values[id].s);
+        }
+        EXPECT_EQ(st_warm_slice_close(writer), 0);
+        EXPECT_EQ(st_warm_slice_close(reader), 0);
+        expected[picture.at.d + 5] = static_cast<char>(expected[picture.at.d + 5] | 1 << 3);
+        EXPECT_EQ(read_file(path), expected);
+    }
+}
+
+TEST(WarmSlice, ValuesEncodedInMemoryMatchTheForge) {
+    const std::vector<forge_event> events = forge_random_events(4, 70);
+    forge_picture picture;
+    const std::string forged = forge_slice(events, forge_as_created(4), &picture);
+    WARM warm;
+    warm_rc_t rc;
+    ASSERT_TRUE(warm.owned.alloc(forged.size()));
+    std::memcpy(warm.owned.data(), forged.data(), sizeof(st_warm_slice_body));
+    warm.writable = true;
+    ASSERT_EQ(_populate_warm_handle_common(&warm, warm.owned.data(), &rc), 0);
+    for (uint32_t id = 0; id < picture.values.size(); id++) {
+        const forge_event& event = picture.values[id];
+        st_tsval value = {};
+        value.time = event.time;
+        value.address = event.address;
+        value.measure = event.measure + 0.75;
+        value.s = event.deleted ? ST_DELETED_SOURCE : event.s;
+        value.st = event.st;
+        value.h = event.h;
+        _encode_tsval(&warm, id, &value);
+    }
+    const std::string made(reinterpret_cast<const char*>(warm.owned.data()), picture.at.posting_offsets);
+    EXPECT_EQ(made, forged.substr(0, made.size()));
+}
+
+// Whatever happens to a small file, it opens with a listed status or opens and can be used without harm.
+TEST(WarmSlice, DamageNeverReachesPastTheFile) {
+    const std::set<int> listed = {-1, -2, -5, -8, -10, -12, -13, -14, -48, -49};
+    for (const char* magic : {"Veldar5", "_TSIDX9"}) {
+        forge_options options;
+        options.magic = magic;
+        if (!options.legacy()) options.wflags = FORGE_TAG2 | FORGE_PLO32 | FORGE_PACKED;
+        const std::string bytes = forge_slice(forge_random_events(3, 12), options);
+        const memory_file file;
+        testing::internal::CaptureStderr();  // failed reads are reported there
+        damage_sweep(
+            bytes, {.truncation_step = 7, .flip_step = 2}, [&](const std::string& damaged, const std::string& what) {
+                for (const open_fn open : OPENS) {
+                    warm_rc_t rc;
+                    WARM* warm = file.open(open, damaged, &rc);
+                    if (warm == nullptr) {
+                        ASSERT_TRUE(listed.contains(rc.warm_rc)) << what << ": " << rc.warm_rc << " " << rc.message;
+                        continue;
+                    }
+                    walk_slice(warm);
+                    ASSERT_EQ(st_warm_slice_close(warm), 0);
+                }
+            });
+        testing::internal::GetCapturedStderr();
+    }
+}
+
+}  // namespace veldar
