@@ -67,6 +67,8 @@ uint32_t locate_value(const st_hot_slice& hot, const st_txn& txn) {
 uint32_t find_value(const st_hot_slice& hot, const st_txn& txn) {
     if (st_hot_slice_values(&hot) == 0) return HOT_NO_VALUE;
     if (hot.streaming) return hot.values[hot.value_index].address == txn.address ? hot.value_index : HOT_NO_VALUE;
+    // Addresses mostly ascend, and then there is nothing to find.
+    if (txn.address > hot.address_max) return HOT_NO_VALUE;
     const uint32_t found = hot.value_hash[locate_value(hot, txn)];
     return found == 0 ? HOT_NO_VALUE : found - 1;
 }
@@ -86,7 +88,13 @@ void check_streaming_order(const st_hot_slice& hot, const st_txn& txn) {
     ST_ASSERT(last.address == txn.address ? same_event(last, txn) : is_newer(txn, last));
 }
 
+void widen_addresses(st_hot_slice& hot, st_addr_t address) {
+    hot.address_min = std::min(hot.address_min, address);
+    hot.address_max = std::max(hot.address_max, address);
+}
+
 uint32_t add_value(st_hot_slice& hot, const st_txn& txn) {
+    widen_addresses(hot, txn.address);
     uint32_t slot;
     if (hot.streaming) {
         slot = --hot.value_index;
@@ -122,11 +130,6 @@ void add_posting(st_hot_slice& hot, uint32_t id, uint32_t value) {
     hot.nodes[node] = {.term = id, .value = value};
     hot.terms[id].newest = value;
     hot.terms[id].postings++;
-}
-
-void widen_addresses(st_hot_slice& hot, st_addr_t address) {
-    hot.address_min = std::min(hot.address_min, address);
-    hot.address_max = std::max(hot.address_max, address);
 }
 
 bool lexicon_holds(const st_hot_slice& hot, uint64_t more) {
@@ -369,7 +372,6 @@ void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_
     ST_ASSERT(hot != nullptr && txn != nullptr && !hot->prepared);
     if (keywords.empty()) return;
     check_streaming_order(*hot, *txn);
-    widen_addresses(*hot, txn->address);
     const uint32_t mask = hot->list_head_capacity_minus1;
     for (size_t i = 0; i < std::min(keywords.size(), BATCH); i++) {
         __builtin_prefetch(&hot->slots[keywords[i].hash & mask]);

@@ -14,6 +14,9 @@ struct string_builder;
 
 // opt_a: a NEQ comparison also matches the events that lack the field.
 inline constexpr uint8_t QUERY_NEQ_MATCHES_MISSING = 1;
+// opt_a: a wildcard literal without a colon matches no term that holds "::", so that "ho*" finds words and not every
+// event that has a field "host".
+inline constexpr uint8_t QUERY_WILDCARDS_SKIP_FIELDS = 2;
 
 struct st_query_spec {
     st_timeval_t earliest;            // inclusive

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -77,7 +78,8 @@ struct term_walk {
     const OpaqueMatcher_T* matcher;  // wildcard walks
     const comp_t* comparison;        // comparison walks
     size_t prefix_length;
-    int status;  // the failure that ended the walk, 0 for none
+    bool skip_fields;  // terms that hold "::" do not count
+    int status;        // the failure that ended the walk, 0 for none
 };
 
 // The rules order an empty value below every number and a non-numeric value above every number. With missing values
@@ -112,7 +114,7 @@ int gather_term(int32_t id, const char* term, size_t, void* raw) {
     const bool selected = walk->matcher != nullptr ? isMatch(term, walk->matcher) != 0
                                                    : comparison_selects(*walk->comparison, term + walk->prefix_length,
                                                                         context->neq_matches_missing);
-    if (!selected) return 0;
+    if (!selected || (walk->skip_fields && std::strstr(term, "::") != nullptr)) return 0;
     const auto term_id = static_cast<uint32_t>(id);
     if (!context->covers_slice) {
         term_lookup_t record;
@@ -144,7 +146,8 @@ int lookup_wildcard(conjunction_context* context, const std::string& literal, co
         const matcher_ptr matcher(createMatcher(literal.c_str()));
         if (matcher == nullptr) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "matcher of a wildcard");
         std::vector<uint32_t> ids;
-        term_walk walk = {context, &ids, matcher.get(), nullptr, 0, 0};
+        const bool skip_fields = context->wildcards_skip_fields && literal.find(':') == std::string::npos;
+        term_walk walk = {context, &ids, matcher.get(), nullptr, 0, skip_fields, 0};
         ST_TRY(walk_terms(context, getHardStart(matcher.get()), &walk));
         known = context->term_sets.emplace(key, std::move(ids)).first;
     }
@@ -163,7 +166,7 @@ int lookup_comparison(conjunction_context* context, const comp_t& comparison, co
     if (known == context->term_sets.end()) {
         std::vector<uint32_t> ids;
         if (!comparison.field.empty()) {
-            term_walk walk = {context, &ids, nullptr, &comparison, prefix.size(), 0};
+            term_walk walk = {context, &ids, nullptr, &comparison, prefix.size(), false, 0};
             ST_TRY(walk_terms(context, prefix.c_str(), &walk));
         }
         known = context->term_sets.emplace(std::move(key), std::move(ids)).first;

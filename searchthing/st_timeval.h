@@ -11,6 +11,7 @@ using st_encoded_subsecond_t = uint64_t;
 struct st_timeval_t {
     st_time_t time_s = 0;
     uint64_t time_ns = 0;  // normally below 1000000000
+    bool operator==(const st_timeval_t&) const = default;
 };
 
 static_assert(sizeof(st_timeval_t) == 16);

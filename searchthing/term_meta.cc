@@ -89,6 +89,7 @@ int append_packed(term_meta_writer_t* writer, const st_term_metadata* record, wa
         bit_length(latest) > writer->time_nbits) {
         return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "meta count or times wider than their fields");
     }
+    // Room for the whole record first, so that a failed flush leaves no part of it behind.
     const uint64_t end = writer->bp.bit_cursor + writer->count_nbits + 2 * writer->time_nbits;
     if (!writer->buffer_mode && end > writer->bp.capacity * 64) ST_TRY(bp_writer_flush_buffer(&writer->bp, rc));
     ST_TRY(bp_writer_append(&writer->bp, record->count, writer->count_nbits, rc));

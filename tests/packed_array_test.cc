@@ -50,9 +50,6 @@ TEST(TimedRead, ShortTransfersAndHistogram) {
     EXPECT_EQ(_pread_verify(fd.get(), out, 8, 10, "none"), WARM_RC_END_OF_FILE);
     EXPECT_EQ(_pread_verify(-1, out, 8, 0, "failed"), WARM_RC_READ);
     EXPECT_EQ(testing::internal::GetCapturedStderr().find("read failed[short] fd="), 0u);
-    EXPECT_EQ(st_file_write(fd.get(), "abc", 3), 0);
-    EXPECT_EQ(st_file_write(-1, "abc", 1), WARM_RC_WRITE);
-    EXPECT_EQ(read_file(dir.file("f")), "abc3456789");
 }
 
 TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
@@ -68,7 +65,6 @@ TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
         ASSERT_EQ(_aw_open(&aw, fd.get(), offset, size, capacity), 0);
         for (uint32_t i = 0; i < count; i++) ASSERT_EQ(_aw_write(&aw, model.data() + i * size, size), 0);
         ASSERT_EQ(_aw_close(&aw), 0);
-        EXPECT_EQ(aw.fd, -1);
         ASSERT_EQ(read_file(dir.file("f")), std::string(offset, '-') + model);
 
         array_reader_t ar;
@@ -84,7 +80,6 @@ TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
             const bool by_index = cursor != ar.cursor || random() % 2 == 0;
             const uint8_t* element =
                 by_index ? _ar_get_i(&ar, cursor, false, hint, &rc) : _ar_get(&ar, false, hint, &rc);
-            EXPECT_EQ(_ar_idx_out_of_bounds(&ar, cursor), cursor >= count);
             if (cursor >= count) {
                 ASSERT_EQ(element, nullptr);
                 ASSERT_EQ(rc.warm_rc, by_index ? WARM_RC_CAPACITY : WARM_RC_FAILED);
@@ -94,8 +89,6 @@ TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
             ASSERT_EQ(std::memcmp(element, model.data() + cursor * size, size), 0);
             cursor++;
         }
-        _ar_close(&ar);
-        EXPECT_EQ(ar.fd, -1);
     }
 }
 
@@ -120,15 +113,17 @@ TEST(PackedArray, HintAndCacheOnlyRule) {
         EXPECT_EQ(stats.bytes, r.elements * 4) << r.index << " " << r.hint;
         EXPECT_NE(_ar_get_i(&ar, r.index + r.elements - 1, true, 0, &rc), nullptr);
         EXPECT_EQ(stats.reads, 1u);
-        _ar_close(&ar);
     }
     testing::internal::CaptureStderr();
     const uint64_t bases[] = {2, 4000};  // the last element is cut, or lies behind the end
     const int statuses[] = {WARM_RC_SHORT_READ, WARM_RC_END_OF_FILE};
     for (size_t i = 0; i < 2; i++) {
-        ASSERT_EQ(_ar_open(&ar, fd.get(), bases[i], 4, 1000, 100, nullptr, nullptr), 0);
+        ASSERT_EQ(_ar_open(&ar, fd.get(), 0, 4, 1001, 100, nullptr, nullptr), 0);
+        EXPECT_NE(_ar_get_i(&ar, 0, false, 0, &rc), nullptr);
+        ar.base = bases[i];
         EXPECT_EQ(_ar_get_i(&ar, 999, false, 0, &rc), nullptr);
         EXPECT_EQ(rc.warm_rc, statuses[i]);
+        EXPECT_EQ(_ar_get_i(&ar, 0, true, 0, &rc), nullptr) << "the failed read has overwritten what was cached";
     }
     testing::internal::GetCapturedStderr();
 }
@@ -137,41 +132,29 @@ TEST(PackedArray, FindAtleastIsLowerBound) {
     temp_dir dir;
     std::mt19937_64 random(5);
     const auto compare = [](const void* element, const void* key) {
-        const uint32_t a = load_be32(element), b = *static_cast<const uint32_t*>(key);
-        return a < b ? -1 : a > b ? 1 : 0;
+        return *static_cast<const uint8_t*>(element) - *static_cast<const uint8_t*>(key);
     };
     for (int round = 0; round < 200; round++) {
-        std::vector<uint32_t> model(1 + random() % 100);
-        for (uint32_t& v : model) v = static_cast<uint32_t>(random() % 200);
+        std::string model(1 + random() % 100, '\0');
+        for (char& c : model) c = static_cast<char>(random() % 100);
         std::sort(model.begin(), model.end());
-        std::string bytes(model.size() * 4, '\0');
-        for (size_t i = 0; i < model.size(); i++) store_be32(bytes.data() + 4 * i, model[i]);
-        const unique_fd fd = open_file(dir, bytes);
+        const unique_fd fd = open_file(dir, model);
+        const uint32_t count = static_cast<uint32_t>(model.size());
         array_reader_t ar;
-        ASSERT_EQ(
-            _ar_open(&ar, fd.get(), 0, 4, static_cast<uint32_t>(model.size()), 1 + random() % 9, nullptr, nullptr), 0);
-        const uint32_t first = static_cast<uint32_t>(random() % model.size());
-        const uint32_t number = static_cast<uint32_t>(random() % (model.size() - first + 1));
-        const uint32_t key = static_cast<uint32_t>(random() % 210);
-        const auto end = model.begin() + first + number;
-        const auto found = std::lower_bound(model.begin() + first, end, key);
-        uint32_t index = 12345;
+        ASSERT_EQ(_ar_open(&ar, fd.get(), 0, 1, count, 1 + random() % 9, nullptr, nullptr), 0);
+        const uint32_t first = static_cast<uint32_t>(random() % count);
+        const uint32_t number = static_cast<uint32_t>(random() % (count - first + 1));
+        const char key = static_cast<char>(random() % 110);
+        const size_t found = static_cast<size_t>(
+            std::lower_bound(model.begin() + first, model.begin() + first + number, key) - model.begin());
+        uint32_t index = 0;
         warm_rc_t rc;
         const uint8_t* element = _ar_find_atleast(&ar, first, number, &key, compare, &index, &rc);
-        if (found == end) {
-            ASSERT_EQ(element, nullptr);
-            ASSERT_EQ(rc.warm_rc, WARM_RC_NOT_FOUND);
-            ASSERT_EQ(index, number == 0 ? 12345 : first + number - 1);
-        } else {
-            ASSERT_NE(element, nullptr);
-            ASSERT_EQ(index, static_cast<uint32_t>(found - model.begin()));
-            ASSERT_EQ(load_be32(element), *found);
-        }
-        EXPECT_EQ(
-            _ar_find_atleast(&ar, first, static_cast<uint32_t>(model.size()) - first + 1, &key, compare, &index, &rc),
-            nullptr);
+        ASSERT_EQ(element == nullptr, found == first + number);
+        ASSERT_EQ(rc.warm_rc, element == nullptr ? WARM_RC_NOT_FOUND : 0);
+        ASSERT_EQ(index, number == 0 ? 0 : element == nullptr ? first + number - 1 : found);
+        EXPECT_EQ(_ar_find_atleast(&ar, first, count - first + 1, &key, compare, &index, &rc), nullptr);
         EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
-        _ar_close(&ar);
     }
 }
 
@@ -196,7 +179,6 @@ TEST(Bitpack, StreamIsTheModelsBitsAndReadsBack) {
             }
         }
         ASSERT_EQ(bp_writer_close(&bp, &rc), 0);
-        EXPECT_EQ(bp.fd, -1);
         ASSERT_EQ(read_file(dir.file("f")), std::string(16, '-') + model.bytes);
 
         const std::string unaligned = "x" + model.bytes;
@@ -215,11 +197,6 @@ TEST(Bitpack, StreamIsTheModelsBitsAndReadsBack) {
         }
         uint32_t out = 0;
         EXPECT_EQ(bitunpack_word32(&memory, 1, total * uint64_t{64}, false, 0, &out, &rc), WARM_RC_CAPACITY);
-        if (total > 0) {
-            EXPECT_NE(bitunpack_word32(&memory, 32, total * uint64_t{64} - 31, false, 0, &out, &rc), 0);
-        }
-        _ar_close(&files);
-        _ar_close(&memory);
     }
 }
 
@@ -242,19 +219,6 @@ TEST(Bitpack, PaddingAndRefusals) {
     EXPECT_EQ(bp_writer_append(&bp, 1, 17, &rc), WARM_RC_CAPACITY);
     EXPECT_STREQ(rc.message, "meta writer buffer insufficient(2)");
     EXPECT_EQ(words[0] & words[1], 0xFFFFFFFFull);
-
-    // What a failed flush could not write is still there for the next one.
-    temp_dir dir;
-    const unique_fd fd = open_file(dir, "");
-    const unique_fd read_only(::open(dir.file("f").c_str(), O_RDONLY | O_CLOEXEC));
-    bp_writer_open(&bp, read_only.get(), words.data(), 1, 0);
-    ASSERT_EQ(bp_writer_append(&bp, 0x41424344, 32, &rc), 0);
-    ASSERT_EQ(bp_writer_append(&bp, 0x45464748, 32, &rc), 0);
-    EXPECT_EQ(bp_writer_append(&bp, 1, 8, &rc), WARM_RC_WRITE);
-    bp.fd = fd.get();
-    ASSERT_EQ(bp_writer_append(&bp, 0x49, 8, &rc), 0);
-    ASSERT_EQ(bp_writer_close(&bp, &rc), 0);
-    EXPECT_EQ(read_file(dir.file("f")), std::string("DCBAHGFE\x49\0\0\0\0\0\0\0", 16));
 }
 
 }  // namespace veldar

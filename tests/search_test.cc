@@ -309,6 +309,23 @@ TEST(Search, EmptyGroupsAndDeepNesting) {
     EXPECT_EQ(found(deep), everything);
 }
 
+TEST(Search, WildcardsCanLeaveFieldTermsOut) {
+    const auto event = [](int32_t time, std::vector<std::string> terms) {
+        return forge_event{.time = time, .address = static_cast<uint32_t>(time), .terms = std::move(terms)};
+    };
+    const searched_slice slice({event(1, {"host::a", "hop"}), event(2, {"host::b"}), event(3, {"a:b"})},
+                               forge_as_created(4));
+    const auto found = [&](const char* text, uint8_t options) {
+        st_query_spec query = make_query(text);
+        query.opt_a = options;
+        return run(slice.warm.get(), query, 9, true).size();
+    };
+    EXPECT_EQ(found("[AND ho*]", 0), 2U);
+    EXPECT_EQ(found("[AND ho*]", QUERY_WILDCARDS_SKIP_FIELDS), 1U);
+    EXPECT_EQ(found("[AND a*]", QUERY_WILDCARDS_SKIP_FIELDS), 1U);
+    EXPECT_EQ(found("[AND host::*]", QUERY_WILDCARDS_SKIP_FIELDS), 2U);
+}
+
 TEST(Search, BoundsOutsideOrTheWrongWayRoundReadNothing) {
     const searched_slice slice(forge_random_events(4, 20), forge_as_created(4));
     const int32_t latest = slice.reference.values().front().time;

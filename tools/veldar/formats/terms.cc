@@ -10,7 +10,7 @@ namespace veldar {
 namespace {
 
 constexpr size_t FIRST_SLOTS = 256;
-constexpr size_t SLACK = 8;  // bytes after the arena's used part that may be read and overwritten as one word
+constexpr size_t SLACK = 8;  // bytes behind a term in the arena that may be read as one word
 
 constexpr bool is_token_byte(unsigned c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
@@ -41,24 +41,30 @@ uint64_t fold_word(uint64_t word) {
     return word | upper >> 2;
 }
 
-// Folds `size` bytes; up to SLACK bytes after them are overwritten too.
+template <typename Word>
+void fold_word_at(char* to, const char* from) {
+    Word word;
+    memcpy(&word, from, sizeof word);
+    word = static_cast<Word>(fold_word(word));
+    memcpy(to, &word, sizeof word);
+}
+
+// Folds `size` bytes. The last word overlaps the one before, so that no byte outside is touched.
 void fold_into(char* to, const char* from, size_t size) {
-    size_t i = 0;
-    for (; i + 8 <= size; i += 8) {
-        uint64_t word = 0;
-        memcpy(&word, from + i, sizeof word);
-        word = fold_word(word);
-        memcpy(to + i, &word, sizeof word);
+    if (size >= 8) {
+        for (size_t i = 0; i + 8 < size; i += 8) fold_word_at<uint64_t>(to + i, from + i);
+        fold_word_at<uint64_t>(to + size - 8, from + size - 8);
+    } else if (size >= 4) {
+        fold_word_at<uint32_t>(to, from);
+        fold_word_at<uint32_t>(to + size - 4, from + size - 4);
+    } else {
+        for (size_t i = 0; i < size; i++) fold_word_at<uint8_t>(to + i, from + i);
     }
-    uint64_t word = 0;
-    memcpy(&word, from + i, size - i);
-    word = fold_word(word);
-    memcpy(to + i, &word, sizeof word);
 }
 
 void fold_field_part(char* to, std::string_view text) {
     fold_into(to, text.data(), text.size());
-    std::replace(to, to + text.size(), '\0', ' ');
+    if (memchr(to, '\0', text.size()) != nullptr) std::replace(to, to + text.size(), '\0', ' ');
 }
 
 uint64_t mix(uint64_t a, uint64_t b) {
@@ -162,10 +168,8 @@ std::span<const std::string_view> term_set_terms(term_set* set) {
 }
 
 std::string fold_value(std::string_view value) {
-    if (value.empty()) return {};
-    std::string folded(value.size() + SLACK, '\0');
-    fold_field_part(folded.data(), value);
-    folded.resize(value.size());
+    std::string folded(value.size(), '\0');
+    if (!value.empty()) fold_field_part(folded.data(), value);
     return folded;
 }
 

@@ -1,0 +1,118 @@
+#include "searchthing/st_timeval.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "searchthing/list.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr st_time_t FIRST = std::numeric_limits<st_time_t>::min();
+constexpr st_time_t LAST = std::numeric_limits<st_time_t>::max();
+
+TEST(TimeValue, CarriesBorrowsAndSaturates) {
+    st_timeval_t a = {1, 600000000}, b = {2, 500000000};
+    EXPECT_EQ(st_timeval_add(&a, &b, &a), 4);
+    EXPECT_EQ(a, (st_timeval_t{4, 100000000}));
+    st_timeval_subtract(&a, 2, 500000000, &a);
+    EXPECT_EQ(a, (st_timeval_t{1, 600000000}));
+    st_timeval_t out;
+    st_timeval_subtract_one(true, &(b = {0, 0}), &out);
+    EXPECT_EQ(out, (st_timeval_t{-1, 999999999}));
+    for (const bool nanosecond : {true, false}) {
+        st_timeval_subtract_one(nanosecond, &(b = {FIRST, 0}), &out);
+        EXPECT_EQ(out, (st_timeval_t{FIRST, 0}));
+    }
+    st_timeval_add(&(a = {LAST, 999999999}), &(b = {0, 1}), &out);
+    EXPECT_EQ(out, (st_timeval_t{LAST, 999999999}));
+}
+
+TEST(TimeValue, FromFileNameComponents) {
+    const struct {
+        const char* text;
+        int parsed;
+        st_timeval_t value;
+    } cases[] = {
+        {"1700000000", 1, {1700000000, 0}},
+        {"-5", 1, {-5, 0}},
+        {"5.5", 1, {5, 500000000}},
+        {"5.05", 1, {5, 500000000}},
+        {"5.0", 1, {5, 0}},
+        {"12.123456789123", 1, {12, 123456789}},
+        {"12.5x", 0, {}},
+        {"12x", 0, {}},
+        {"12.-5", 0, {}},
+        {"12.", 0, {}},
+        {"2147483648", 0, {}},
+        {"99999999999999999999", 0, {}},
+        {"", 0, {}},
+        {"1.99999999999999999999999", 0, {}},
+    };
+    for (const auto& c : cases) {
+        errno = 0;
+        st_timeval_t out = {};
+        EXPECT_EQ(st_timeval_from_ospath(&out, c.text), c.parsed) << c.text;
+        EXPECT_EQ(out, c.value) << c.text;
+    }
+    errno = ERANGE;
+    st_timeval_t out;
+    EXPECT_EQ(st_timeval_from_ospath(&out, "1"), 0) << "an earlier range error counts";
+}
+
+TEST(TimeValue, RangeOverSpan) {
+    const st_timeval_t from = {100, 0}, to = {110, 250000000};
+    const auto spans = [&](st_timeval_t span) { return st_timeval_compute_range_over_span(&from, &to, &span); };
+    EXPECT_EQ(spans({5, 0}), 3u);
+    EXPECT_EQ(spans({60, 999}), 1u);
+    EXPECT_EQ(spans({0, 100000000}), 103u);
+    const st_timeval_t first = {FIRST, 0}, last = {LAST, 0}, second = {1, 0};
+    EXPECT_EQ(st_timeval_compute_range_over_span(&first, &last, &second), 0x80000000u);
+}
+
+TEST(List, KeepsItsOrderAfterItRanEmpty) {
+    list_t* list = new_list(nullptr);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(pop_front(list), nullptr);
+    int items[4] = {0, 1, 2, 3};
+    append_list_node(list)->item = &items[0];
+    EXPECT_EQ(pop_front(list), &items[0]);
+    EXPECT_EQ(push_front(list, &items[1]), 0);
+    append_list_node(list)->item = &items[2];
+    EXPECT_EQ(push_front(list, &items[0]), 0);
+    append_list_node(list)->item = &items[3];
+    std::vector<int> seen;
+    list_apply(
+        list, [](void* item, void* out) { static_cast<std::vector<int>*>(out)->push_back(*static_cast<int*>(item)); },
+        &seen);
+    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3}));
+    EXPECT_EQ(get_count(list), 4u);
+    EXPECT_EQ(top_front(list), &items[0]);
+    delete_list(&list, false);
+    EXPECT_EQ(list, nullptr);
+    list_apply(list, nullptr, nullptr);
+}
+
+TEST(List, DeletionReleasesItems) {
+    static int released;
+    released = 0;
+    for (const list_item_fn destructor : {list_item_fn{nullptr}, list_item_fn{[](void* item) {
+                                              released++;
+                                              std::free(item);
+                                          }}}) {
+        list_t* list = new_list(destructor);
+        for (int i = 0; i < 3; i++) push_front(list, std::malloc(1));
+        delete_list(&list, true);
+    }
+    EXPECT_EQ(released, 3);
+}
+
+}  // namespace
+
+}  // namespace veldar

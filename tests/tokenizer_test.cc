@@ -1,0 +1,156 @@
+#include "searchthing/tokenizer.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <random>
+#include <string>
+
+#include "libzero/ospath-builder.h"
+#include "searchthing/query.h"
+
+namespace veldar {
+
+namespace {
+
+// Every token as "type@position:text " and the status that ended the reading.
+std::string tokens_of(const std::string& text, token_case_t token_case = TOKEN_CASE_ASIS,
+                      unsigned int capacity = TOKEN_CAPACITY) {
+    tokenizer_t tokenizer;
+    EXPECT_EQ(init_tokenizer(&tokenizer, text.c_str(), token_case), text.size());
+    std::string found, buffer(capacity, '#');
+    while (true) {
+        size_t position = ~size_t{0};
+        token_type_t type = T_END;
+        const int size = next_token(&tokenizer, buffer.data(), capacity, &position, &type);
+        EXPECT_LE(tokenizer._pos, text.size());
+        if (size < 0) return found + std::to_string(size);
+        EXPECT_EQ(std::string(buffer.c_str()).size(), static_cast<size_t>(size));
+        found += std::to_string(type) + "@" + std::to_string(position) + ":" + buffer.c_str() + " ";
+    }
+}
+
+TEST(Tokenizer, Tokens) {
+    const struct {
+        const char* text;
+        token_case_t token_case;
+        const char* tokens;
+    } cases[] = {
+        {"", TOKEN_CASE_ASIS, "-20"},
+        {" \t\n ", TOKEN_CASE_ASIS, "-20"},
+        {"[AND a b]", TOKEN_CASE_ASIS, "0@0:[ 2@1:AND 6@5:a 6@7:b 1@8:] -20"},
+        {"AND]ANDX and", TOKEN_CASE_ASIS, "2@0:AND 1@3:] 6@4:ANDX 6@9:and -20"},
+        {"OR NOT LT LTE GT GTE EQ NEQ", TOKEN_CASE_LOWER,
+         "3@0:OR 4@3:NOT 7@7:LT 8@10:LTE 9@14:GT 10@17:GTE 11@21:EQ 12@24:NEQ -20"},
+        {"a\\ b\\[\\]\\\\\\\t", TOKEN_CASE_ASIS, "6@0:a b[]\\\t -20"},
+        {"\\AND", TOKEN_CASE_ASIS, "-25"},
+        {"x y\\", TOKEN_CASE_ASIS, "6@0:x -25"},
+        {"a\rb", TOKEN_CASE_ASIS, "6@0:a\rb -20"},
+        {"[AND X]", TOKEN_CASE_BLANK_PREFIX, "0@0:[ 2@1: AND 6@5: X 1@6:] -20"},
+        {"Host::\xC3\x84Z And AND", TOKEN_CASE_LOWER, "6@0:host::\xC3\x84z 6@10:and 2@14:AND -20"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(tokens_of(c.text, c.token_case), c.tokens) << c.text;
+}
+
+TEST(Tokenizer, TheLongestLiteralFillsTheBufferButForItsNul) {
+    const std::string fits(2048, 'x');
+    EXPECT_EQ(tokens_of(fits), "6@0:" + fits + " -20");
+    EXPECT_EQ(tokens_of(fits + "x"), "-18");
+    EXPECT_EQ(tokens_of(fits, TOKEN_CASE_BLANK_PREFIX), "-18");
+    EXPECT_EQ(tokens_of("[a", TOKEN_CASE_ASIS, 2), "0@0:[ 6@1:a -20");
+    EXPECT_EQ(tokens_of("a", TOKEN_CASE_BLANK_PREFIX, 2), "-18");
+}
+
+TEST(Tokenizer, EscapedLiteralsComeBackAndNoTextTripsIt) {
+    std::mt19937 random(3);
+    const std::string alphabet = "aZ9 \t\n[]\\AND\r";
+    for (int i = 0; i < 20000; i++) {
+        std::string literal, escaped;
+        for (size_t n = 1 + random() % 8; n > 0; n--) {
+            const char c = alphabet[random() % alphabet.size()];
+            literal += c;
+            if (std::string(" \t\n[]\\").find(c) != std::string::npos) escaped += '\\';
+            escaped += c;
+        }
+        const std::string tokens = tokens_of(escaped);
+        ASSERT_EQ(tokens.substr(tokens.find(':')), ":" + literal + " -20");
+        tokens_of(literal, token_case_t(i % 3), 2 + static_cast<unsigned int>(i % 6));
+    }
+}
+
+TEST(Tokenizer, DiscardNextTakesTheExpectedTokenOnly) {
+    tokenizer_t tokenizer;
+    init_tokenizer(&tokenizer, " [ x\\y", TOKEN_CASE_ASIS);
+    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_UNEXPECTED);
+    EXPECT_EQ(tokenizer._pos, 1u);
+    EXPECT_EQ(discard_next(&tokenizer, T_OPEN_BRACE), 0);
+    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_BAD_ESCAPE);
+    init_tokenizer(&tokenizer, "", TOKEN_CASE_ASIS);
+    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_END_OF_TEXT);
+}
+
+TEST(Query, LatestBoundIsGivenExclusiveAndStoredInclusive) {
+    constexpr int FIRST = std::numeric_limits<int>::min();
+    constexpr int LAST = std::numeric_limits<int>::max();
+    const struct {
+        bool subseconds;
+        st_timeval_t from, until, earliest, latest;
+    } cases[] = {
+        {false, {100, 7}, {200, 9}, {100, 0}, {199, 0}},
+        {false, {100, 7}, {LAST, 9}, {100, 0}, {LAST, 0}},
+        {true, {100, 7}, {200, 9}, {100, 7}, {200, 8}},
+        {true, {100, 7}, {200, 0}, {100, 7}, {199, 999999999}},
+        {true, {100, 7}, {LAST, 9}, {100, 7}, {LAST, 0}},
+        {true, {FIRST, 0}, {FIRST, 1}, {FIRST, 0}, {FIRST, 0}},
+        {true, {FIRST, 5}, {FIRST, 0}, {FIRST + 1, 5}, {FIRST, 0}},
+        {false, {FIRST, 0}, {FIRST, 3}, {FIRST + 1, 0}, {FIRST, 0}},
+        {false, {FIRST, 0}, {FIRST + 1, 0}, {FIRST, 0}, {FIRST, 0}},
+    };
+    for (const auto& c : cases) {
+        QUERY query;
+        st_query_set_time_bound(&query, c.subseconds, c.from.time_s, c.from.time_ns, c.until.time_s, c.until.time_ns);
+        EXPECT_EQ(query.earliest, c.earliest) << c.until.time_s << '.' << c.until.time_ns;
+        EXPECT_EQ(query.latest, c.latest) << c.until.time_s << '.' << c.until.time_ns;
+    }
+}
+
+TEST(Query, CopiesOwnTheirTextAndForgetTheTokenCase) {
+    st_query_info_t info;
+    QUERY query;
+    query.earliest = {1, 2};
+    query.latest = {3, 4};
+    query.cumspan = 5;
+    query.lispy = "[AND x]";
+    query.info = &info;
+    query.token_case = TOKEN_CASE_LOWER;
+    query.opt_span = {6, 7};
+    query.opt_a = QUERY_NEQ_MATCHES_MISSING;
+    query.opt_b = 8;
+    query.opt_word = 9;
+    query.opt_flag = 10;
+    st_query_spec* copy = st_query_copy(&query);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy->token_case, TOKEN_CASE_ASIS);
+    EXPECT_NE(copy->lispy, query.lispy);
+    EXPECT_STREQ(copy->lispy, "[AND x]");
+    EXPECT_TRUE(copy->info == &info && copy->opt_span == query.opt_span && copy->cumspan == 5 && copy->opt_a == 1 &&
+                copy->opt_b == 8 && copy->opt_word == 9 && copy->opt_flag == 10 && copy->latest == query.latest);
+
+    char text[128];
+    string_builder out;
+    string_builder_start(&out, text, sizeof text);
+    st_query_annotator_write(&out, copy);
+    st_query_annotator_write(&out, nullptr);
+    EXPECT_EQ(string_builder_finish(&out), 0);
+    EXPECT_STREQ(text, "QUERY et=1 lt=3 cumspan=5\nQUERY lispy=[AND x]\n");
+
+    st_query_free_copy(copy);
+    st_query_init(&query);
+    EXPECT_TRUE(query.lispy == nullptr && query.latest == st_timeval_t{} && query.opt_flag == 0);
+    st_query_free_copy(nullptr);
+    st_query_init(nullptr);
+}
+
+}  // namespace
+
+}  // namespace veldar

@@ -1,0 +1,77 @@
+#include "tools/veldar/index_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/veldar/command.h"
+
+namespace veldar {
+
+namespace {
+
+// Closing a handle would sync what came after a failed sync. Such a handle is kept until the process ends.
+THING* given_up = nullptr;
+
+[[noreturn]] void fail_engine(index_writer* writer, const char* what) {
+    const warm_rc_t* const why = st_tsidx_last_failure(st_directory(writer->thing));
+    std::string message = writer->directory + ": " + what;
+    if (why->message[0] != '\0') message += std::string(": ") + why->message;
+    if (why->saved_errno != 0) message += std::string(": ") + std::strerror(why->saved_errno);
+    message += " (status " + std::to_string(why->warm_rc) + ")";
+    given_up = writer->thing;
+    writer->thing = nullptr;
+    throw tool_failure{EXIT_IO, message};
+}
+
+}  // namespace
+
+index_writer::~index_writer() {
+    if (thing != nullptr) given_up = thing;
+}
+
+void index_writer_open(index_writer* writer, const std::string& directory, uint32_t level, bool streaming,
+                       const index_limits& limits, bool durable) {
+    TSWRITEOPTS options;
+    st_tsidx_write_opts_init_write_level(&options, level);
+    writer->directory = directory;
+    errno = 0;
+    writer->thing =
+        st_open_for_write(directory.c_str(), streaming ? ST_OPEN_STREAMING : 0, TSIDX_ORDINARY_WRITER, &options);
+    if (writer->thing == nullptr) fail_io("cannot open the index " + directory, errno);
+    st_tsidx_set_durable(st_directory(writer->thing), durable ? 1 : 0);
+    if (st_options(writer->thing, limits.lexicon_bytes, limits.max_terms,
+                   std::min<uint64_t>(limits.max_postings, st_hot_slice_max_postings()),
+                   std::min<uint64_t>(limits.max_values, st_hot_slice_max_values())) != 0) {
+        fail_engine(writer, "cannot set the limits");
+    }
+}
+
+bool index_writer_put(index_writer* writer, const st_txn& txn, std::span<const std::string_view> terms) {
+    THING* const thing = writer->thing;
+    int rc = st_txn_start_with_subseconds(thing, txn.time, txn.subsecond, txn.address, txn.seek_address, txn.measure,
+                                          txn.source, txn.source_type, txn.host);
+    for (size_t i = 0; rc == 0 && i < terms.size(); i++) rc = st_txn_put(thing, terms[i].data(), terms[i].size());
+    if (rc == 0) rc = st_txn_close(thing);
+    if (rc == 0) return true;
+    if (st_get_warm_rc(thing) != 0) fail_engine(writer, "cannot write a slice");
+    return false;
+}
+
+uint64_t index_writer_slices(const index_writer* writer) {
+    return st_tsidx_slices_written(st_directory(writer->thing));
+}
+
+void index_writer_sync(index_writer* writer) {
+    if (st_sync(writer->thing) != 0) fail_engine(writer, "cannot write a slice");
+}
+
+void index_writer_close(index_writer* writer) {
+    if (writer->thing == nullptr) return;
+    index_writer_sync(writer);
+    THING* const thing = writer->thing;
+    writer->thing = nullptr;
+    if (st_close(thing) != 0) throw tool_failure{EXIT_IO, writer->directory + ": cannot close the index"};
+}
+
+}  // namespace veldar

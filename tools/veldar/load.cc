@@ -1,0 +1,69 @@
+// veldar load: the command line, the order of the files, and the summary.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "tools/veldar/command.h"
+#include "tools/veldar/loader.h"
+#include "tools/veldar/progress.h"
+#include "tools/veldar/store.h"
+#include "tools/veldar/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+int load_run(const tool_context& context, const load_options& options) {
+    loader load;
+    loader_open(&load, store_choose(context.store), options);
+    tool_catch_interrupts();
+    bool incomplete = false;
+    try {
+        for (const std::string& file : options.files) {
+            std::string error;
+            if (tool_interrupted != 0) break;
+            if (loader_load(&load, file, &error)) continue;
+            progress_clear(&load.shown);
+            std::fprintf(stderr, "veldar: %s: %s\n", file == "-" ? "standard input" : file.c_str(), error.c_str());
+            incomplete = true;
+        }
+    } catch (const tool_failure&) {
+        loader_give_up(&load);
+        throw;
+    }
+    loader_close(&load);
+    progress_clear(&load.shown);
+    std::string note = load.unchanged > 0 ? " (" + std::to_string(load.unchanged) + " files with nothing new)" : "";
+    std::fprintf(stderr, "%s%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "",
+                 totals_text(load.shown, load.totals).c_str(), note.c_str());
+    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+}
+
+}  // namespace
+
+void add_load_command(CLI::App* app, tool_context* context) {
+    static load_options options;
+    CLI::App* load = app->add_subcommand("load", "Index log files; what was loaded before is not loaded again");
+    load->add_option("FILE", options.files, "Logs, plain or gzip; - for standard input")->required();
+    load->add_option("--format", options.format, "Take the lines for this format: " + format_names())
+        ->check([](const std::string& name) {
+            return format_by_name(name) != nullptr ? std::string() : "unknown format " + name;
+        });
+    load->add_option("--tz", options.zone, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...")
+        ->check([](const std::string& name) {
+            log_zone zone;
+            return log_zone_from_name(name, &zone) ? std::string() : "unknown time zone " + name;
+        });
+    load->add_option("--year", options.year, "Year of the first line, for times without a year")
+        ->check(CLI::Range(1970, 2037));
+    load->add_option("--host", options.host, "The events' host, instead of the log's or this machine's");
+    load->add_option("--sourcetype", options.sourcetype, "The events' sourcetype, instead of the format's name");
+    load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
+    load->add_option("--bucket-bytes", options.bucket_bytes)
+        ->group("")
+        ->check(CLI::Range(uint64_t{1}, BUCKET_BYTES_MAX));
+    load->add_option("--max-values", options.limits.max_values)->group("");
+    load->callback([context] { context->status = load_run(*context, options); });
+}
+
+}  // namespace veldar

@@ -1,0 +1,38 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <new>
+
+#include "searchthing/st_init.h"
+#include "tools/veldar/command.h"
+
+namespace {
+
+int run(int argc, char** argv) {
+    CLI::App app("Veldar: an index for logs and other events with a time.", "veldar");
+    veldar::tool_context context;
+    app.add_option("-s,--store", context.store, "The store (else $VELDAR_STORE, else .veldar here or above)");
+    app.require_subcommand(1);
+    veldar::add_put_command(&app, &context);
+    veldar::add_load_command(&app, &context);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? veldar::EXIT_DONE : veldar::EXIT_USAGE;
+    }
+    return context.status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        veldar::st_init("veldar");
+        return run(argc, argv);
+    } catch (const veldar::tool_failure& failure) {
+        std::fprintf(stderr, "veldar: %s\n", failure.message.c_str());
+        return failure.status;
+    } catch (const std::bad_alloc&) {
+        std::fputs("veldar: out of memory\n", stderr);
+        return veldar::EXIT_IO;
+    }
+}

@@ -1,0 +1,49 @@
+// The query language of the tool, and its translation into the engine's bracket notation.
+//
+//   query       = alternative { "OR" alternative }
+//   alternative = condition { ["AND"] condition }
+//   condition   = ( "NOT" | "-" ) condition | "(" query ")" | phrase | field | word
+//   field       = name ( "=" | "!=" ) value | name ( ">" | ">=" | "<" | "<=" ) number
+//   phrase      = '"' text '"'
+//
+// Words and values are folded as at load. What the index cannot decide alone (a phrase, a word with characters that no
+// term has) becomes its words in the index and a check of the raw record.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veldar {
+
+// A check of the raw record: one of its lines holds the pieces in this order, letters folded.
+struct raw_pattern {
+    std::vector<std::string> pieces;
+};
+
+// One search to run: events that the bracket text selects, and whose raw record passes the checks.
+struct query_plan {
+    std::string native;
+    std::vector<raw_pattern> holds;
+    std::vector<raw_pattern> lacks;
+    bool needs_raw() const { return !holds.empty() || !lacks.empty(); }
+};
+
+// What is wrong with a query: the byte where it was noticed and what would have been accepted there.
+struct query_error {
+    size_t position = 0;
+    std::string expected;
+};
+
+// The searches whose answers together, each event once, are the query's. One plan, unless a phrase stands in an OR.
+// Throws query_error.
+std::vector<query_plan> translate_query(std::string_view text);
+
+// Whether the record passes the plan's checks. `scratch` keeps its allocation from call to call.
+bool record_passes(const query_plan& plan, std::string_view record, std::string* scratch);
+
+// The text with a caret under the position and what was expected, as two or three lines for standard error.
+std::string explain_query_error(std::string_view text, const query_error& error);
+
+}  // namespace veldar

@@ -1,0 +1,226 @@
+#include "tools/veldar/raw_reader.h"
+
+#include <dirent.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "tools/veldar/log_input.h"
+#include "tools/veldar/record_reader.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr size_t FIRST_READ = 64 << 10;
+constexpr uint64_t CACHE_BACK = GZ_POINT_SPAN;  // decompressed bytes kept before the wanted one
+constexpr size_t CACHE_MAX = 2 * GZ_POINT_SPAN;
+
+// An open file and the run of its decompressed bytes that was read last.
+struct open_source {
+    log_input input;
+    uint64_t start = 0;
+    std::string bytes;
+    bool at_end = false;  // the run ends where the file ends
+};
+
+bool same_head(const source_file& file, const log_input& input) {
+    return input.head.size() >= file.head_size && XXH64(input.head.data(), file.head_size, 0) == file.head_hash;
+}
+
+bool open_checked(const source_file& file, const std::string& path, log_input* input) {
+    std::string error;
+    *input = log_input();
+    return log_input_open(input, path, &error) && !input->pipe && same_head(file, *input);
+}
+
+// Paths worth opening, the likeliest first.
+std::vector<std::string> candidates(const source_file& file) {
+    std::vector<std::string> found = {file.path, file.path + ".gz"};
+    const size_t slash = file.path.rfind('/');
+    const std::string directory = file.path.substr(0, slash + 1), name = file.path.substr(slash + 1);
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory.c_str()), ::closedir);
+    std::vector<std::string> alike;
+    for (const dirent* entry = nullptr; dir != nullptr && (entry = ::readdir(dir.get())) != nullptr;) {
+        const std::string other = entry->d_name;
+        if (entry->d_ino == file.inode && other != name) found.push_back(directory + other);
+        if (entry->d_ino != file.inode && other != name && other.starts_with(name)) alike.push_back(directory + other);
+    }
+    std::sort(alike.begin(), alike.end());
+    found.insert(found.end(), alike.begin(), alike.end());
+    return found;
+}
+
+bool locate_and_open(const source_file& file, const std::string& directory, log_input* input) {
+    if (file.kind == SOURCE_SPOOL) return open_checked(file, directory + "/" + file.path, input);
+    for (const std::string& path : candidates(file)) {
+        if (open_checked(file, path, input)) return true;
+    }
+    return false;
+}
+
+// Where reading begins so that `offset` is reached: before it, as records are mostly asked for newest first; in a gzip
+// file at the access point.
+uint64_t run_start(const open_source& source, uint64_t offset) {
+    if (source.input.gz == nullptr) return offset / FIRST_READ * FIRST_READ;
+    const uint64_t point = gz_point_before(*source.input.gz, offset);
+    return std::max(point, offset > CACHE_BACK ? offset - CACHE_BACK : 0);
+}
+
+// Makes the run hold [offset, offset + size) as far as the file reaches.
+bool load_run(open_source* source, uint64_t offset, size_t size, std::string* error) {
+    const bool inside = offset >= source->start && offset - source->start <= source->bytes.size();
+    if (!inside || source->bytes.size() > CACHE_MAX + size) {
+        source->bytes.clear();
+        source->at_end = false;
+        source->start = run_start(*source, offset);
+    }
+    if (!log_input_seek(&source->input, source->start + source->bytes.size(), error)) return false;
+    const uint64_t want = offset - source->start + size;
+    while (source->bytes.size() < want && !source->at_end) {
+        const size_t had = source->bytes.size();
+        source->bytes.resize(had + std::max<size_t>(static_cast<size_t>(want) - had, FIRST_READ));
+        const int64_t got =
+            log_input_read(&source->input, source->bytes.data() + had, source->bytes.size() - had, error);
+        source->bytes.resize(had + (got > 0 ? static_cast<size_t>(got) : 0));
+        if (got < 0 && source->bytes.size() <= offset - source->start) return false;
+        source->at_end = got <= 0;
+    }
+    return true;
+}
+
+}  // namespace
+
+struct raw_reader {
+    std::string directory;
+    source_map map;
+    std::map<uint32_t, std::unique_ptr<open_source>> sources;
+};
+
+void raw_reader_close::operator()(raw_reader* reader) const {
+    delete reader;
+}
+
+namespace {
+
+constexpr size_t MAX_OPEN = 16;
+
+open_source* source_of(raw_reader* reader, const source_file& file, std::string* error) {
+    const auto known = reader->sources.find(file.number);
+    if (known != reader->sources.end()) return known->second.get();
+    if (reader->sources.size() >= MAX_OPEN) reader->sources.clear();
+    auto source = std::make_unique<open_source>();
+    if (!locate_and_open(file, reader->directory, &source->input)) {
+        *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
+        return nullptr;
+    }
+    if (source->input.gz != nullptr) {
+        source->input.gz->points.clear();
+        gz_load_points(source->input.gz.get(), reader->directory + "/" + source_points_name(file.number));
+    }
+    return (reader->sources[file.number] = std::move(source)).get();
+}
+
+// The bytes of the record, from the run; more and more of them until its end is there.
+bool read_record(open_source* source, const source_place& place, std::string_view* record, std::string* error) {
+    const uint64_t most = place.end - place.offset;
+    for (size_t size = FIRST_READ;; size *= 2) {
+        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(size, most));
+        if (!load_run(source, place.offset, wanted, error)) return false;
+        std::string_view have =
+            std::string_view(source->bytes).substr(static_cast<size_t>(place.offset - source->start));
+        have = have.substr(0, static_cast<size_t>(std::min<uint64_t>(have.size(), most)));
+        const bool all = have.size() == most || source->at_end;
+        const size_t length = record_length(have, all);
+        *record = have.substr(0, length);
+        if (length != 0) return true;
+        if (all) {
+            *error = "holds only " + std::to_string(place.offset) + " bytes";
+            return false;
+        }
+    }
+}
+
+}  // namespace
+
+std::string source_points_name(uint32_t number) {
+    return "points-" + std::to_string(number);
+}
+
+std::string source_file_locate(const source_file& file, const std::string& directory) {
+    log_input input;
+    return locate_and_open(file, directory, &input) ? input.path : std::string();
+}
+
+raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string* error) {
+    raw_reader_ptr reader(new raw_reader);
+    reader->directory = bucket_directory;
+    if (!source_map_open(&reader->map, bucket_directory + "/source.map", false, error)) return nullptr;
+    return reader;
+}
+
+const source_map& raw_reader_map(const raw_reader* reader) {
+    return reader->map;
+}
+
+bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std::string* error) {
+    const std::optional<source_place> place = source_map_find(reader->map, address);
+    if (!place || place->offset >= place->end) {
+        *error = reader->map.path + ": no file holds address " + std::to_string(address);
+        return false;
+    }
+    open_source* source = source_of(reader, *place->file, error);
+    if (source == nullptr) return false;
+    std::string_view record;
+    if (!read_record(source, *place, &record, error)) {
+        *error = source->input.path + ": " + *error;
+        return false;
+    }
+    out->text = record_text(record);
+    out->path = source->input.path;
+    out->offset = place->offset;
+    out->size = record.size();
+    return true;
+}
+
+bool raw_reader_context(raw_reader* reader, uint64_t address, uint32_t before, uint32_t after,
+                        std::vector<std::string>* lines_before, std::vector<std::string>* lines_after,
+                        std::string* error) {
+    raw_record record;
+    if (!raw_reader_fetch(reader, address, &record, error)) return false;
+    const std::optional<source_place> place = source_map_find(reader->map, address);
+    open_source* source = source_of(reader, *place->file, error);
+    if (source == nullptr) return false;
+    lines_before->clear();
+    lines_after->clear();
+    const uint64_t from = record.offset > RECORD_MAX ? record.offset - RECORD_MAX : 0;
+    if (before > 0 && from < record.offset) {
+        if (!load_run(source, from, static_cast<size_t>(record.offset - from), error)) return false;
+        std::string_view bytes = std::string_view(source->bytes).substr(static_cast<size_t>(from - source->start));
+        bytes = bytes.substr(0, static_cast<size_t>(record.offset - from));
+        while (lines_before->size() < before && !bytes.empty()) {
+            if (bytes.ends_with('\n')) bytes.remove_suffix(1);
+            const size_t newline = bytes.rfind('\n');
+            if (newline == std::string_view::npos && from > 0) break;
+            const size_t begin = newline == std::string_view::npos ? 0 : newline + 1;
+            lines_before->emplace_back(record_text(bytes.substr(begin)));
+            bytes = bytes.substr(0, begin);
+        }
+        std::reverse(lines_before->begin(), lines_before->end());
+    }
+    const uint64_t next = record.offset + record.size;
+    if (after > 0) {
+        if (!load_run(source, next, RECORD_MAX, error)) return next >= source->start + source->bytes.size();
+        std::string_view bytes = std::string_view(source->bytes).substr(static_cast<size_t>(next - source->start));
+        while (lines_after->size() < after && !bytes.empty()) {
+            const size_t newline = bytes.find('\n');
+            const size_t size = newline == std::string_view::npos ? bytes.size() : newline + 1;
+            lines_after->emplace_back(record_text(bytes.substr(0, size)));
+            bytes.remove_prefix(size);
+        }
+    }
+    return true;
+}
+
+}  // namespace veldar

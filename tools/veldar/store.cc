@@ -1,0 +1,242 @@
+#include "tools/veldar/store.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "searchthing/tsidx_names.h"
+#include "searchthing/warmslice_header.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr char STORE_MARK[] = "veldar store 1\n";
+constexpr char BUCKET_PREFIX[] = "bucket-";
+
+// The names in a directory; false with errno set.
+bool list_directory(const std::string& path, std::vector<std::string>* names) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), ::closedir);
+    if (dir == nullptr) return false;
+    while (const dirent* entry = ::readdir(dir.get())) names->push_back(entry->d_name);
+    return true;
+}
+
+uint32_t bucket_number(const std::string& name) {
+    const size_t prefix = sizeof BUCKET_PREFIX - 1;
+    if (!name.starts_with(BUCKET_PREFIX) || name.size() == prefix || name.size() > prefix + 9) return 0;
+    if (name.find_first_not_of("0123456789", prefix) != std::string::npos) return 0;
+    return static_cast<uint32_t>(std::strtoul(name.c_str() + prefix, nullptr, 10));
+}
+
+std::string encode_name(std::string_view name) {
+    std::string out;
+    for (const char c : name) {
+        if (c == '%' || c == '\n' || c == '\r') {
+            out += fmt::format("%{:02X}", static_cast<unsigned>(c));
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string decode_name(std::string_view line) {
+    std::string out;
+    for (size_t i = 0; i < line.size(); i++) {
+        if (line[i] == '%' && i + 2 < line.size()) {
+            out += static_cast<char>(std::strtoul(std::string(line.substr(i + 1, 2)).c_str(), nullptr, 16));
+            i += 2;
+        } else {
+            out += line[i];
+        }
+    }
+    return out;
+}
+
+// The whole lines of a dictionary; `size` is where they end.
+std::vector<std::string> decode_names(std::string_view content, uint64_t* size) {
+    std::vector<std::string> names;
+    size_t at = 0;
+    for (size_t end; (end = content.find('\n', at)) != std::string_view::npos; at = end + 1) {
+        names.push_back(decode_name(content.substr(at, end - at)));
+    }
+    *size = at;
+    return names;
+}
+
+void open_dictionary(store_dictionary* dictionary, const std::string& path, bool durable) {
+    dictionary->path = path;
+    dictionary->durable = durable;
+    dictionary->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    std::string content;
+    if (!dictionary->fd.valid() || !tool_read_file(path, &content)) fail_io("cannot open " + path, errno);
+    dictionary->names = decode_names(content, &dictionary->size);
+    if (dictionary->size < content.size() &&
+        ::ftruncate(dictionary->fd.get(), static_cast<off_t>(dictionary->size)) != 0) {
+        fail_io("cannot shorten " + path, errno);
+    }
+    for (size_t i = 0; i < dictionary->names.size(); i++) {
+        dictionary->numbers.emplace(dictionary->names[i], static_cast<uint32_t>(i));
+    }
+}
+
+void lock_store(store* st) {
+    const std::string path = st->path + "/lock";
+    st->lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!st->lock.valid()) fail_io("cannot open " + path, errno);
+    if (::flock(st->lock.get(), LOCK_EX | LOCK_NB) == 0) return;
+    std::fprintf(stderr, "veldar: waiting for another load into %s\n", st->path.c_str());
+    while (::flock(st->lock.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) fail_io("cannot lock " + path, errno);
+        if (tool_interrupted != 0) throw tool_failure{EXIT_INTERRUPTED, "interrupted, nothing was loaded"};
+    }
+}
+
+void make_store(const std::string& path, bool durable) {
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+    if (store_is(path)) return;
+    std::vector<std::string> names;
+    if (!list_directory(path, &names)) fail_io("cannot read " + path, errno);
+    const auto foreign = [](const std::string& name) {
+        return name != "." && name != ".." && name != "lock" && name != "store.part";
+    };
+    if (std::any_of(names.begin(), names.end(), foreign)) {
+        throw tool_failure{EXIT_USAGE, path + " is neither a store nor an empty directory"};
+    }
+    if (!tool_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
+}
+
+// The greatest address of a slice; false when the file is none, or says nothing about addresses.
+bool slice_address_max(const std::string& path, uint64_t* address) {
+    st_filename_metadata_t meta;
+    if (st_tsidx_file_parse(path.c_str(), &meta) == 0 || path.ends_with(TSIDX_MINI_SUFFIX)) return false;
+    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) fail_io("cannot open " + path, errno);
+    st_warm_slice_body header;
+    warm_rc_t rc;
+    if (warm_header_read(fd.get(), &header, &rc) != 0 || !verify_magic(&header) || !warm_header_is_rev1(&header)) {
+        throw tool_failure{EXIT_IO, path + ": not a slice that veldar load wrote; nothing was loaded"};
+    }
+    *address = header.seek_addr_max.get();
+    return true;
+}
+
+// A slice that was never moved into place holds events that count as not loaded: they are loaded again.
+void open_bucket(store* st, store_bucket* bucket) {
+    std::vector<std::string> names;
+    if (!list_directory(bucket->directory, &names)) fail_io("cannot read " + bucket->directory, errno);
+    for (const std::string& name : names) {
+        const std::string path = bucket->directory + "/" + name;
+        uint64_t address = 0;
+        if (name.ends_with(TSIDX_PRE_SUFFIX) || name.ends_with(".part")) {
+            if (::unlink(path.c_str()) != 0) fail_io("cannot remove " + path, errno);
+        } else if (slice_address_max(path, &address)) {
+            bucket->address_max = std::max(bucket->address_max, address);
+            bucket->has_slices = true;
+        }
+    }
+    std::string error;
+    bucket->map.durable = st->durable;
+    if (!source_map_open(&bucket->map, bucket->directory + "/source.map", true, &error)) {
+        throw tool_failure{EXIT_IO, error};
+    }
+}
+
+}  // namespace
+
+bool store_is(const std::string& path) {
+    std::string mark;
+    return tool_read_file(path + "/store", &mark) && mark == STORE_MARK;
+}
+
+std::string store_choose(const std::string& option) {
+    if (!option.empty()) return option;
+    const char* const environment = std::getenv("VELDAR_STORE");
+    if (environment != nullptr && *environment != '\0') return environment;
+    char here[4096];
+    std::string directory = ::getcwd(here, sizeof here) == nullptr ? "" : here;
+    while (!directory.empty()) {
+        if (store_is(directory + "/.veldar")) return directory + "/.veldar";
+        directory.resize(directory.rfind('/'));
+    }
+    return ".veldar";
+}
+
+std::vector<std::string> store_bucket_directories(const std::string& path) {
+    std::vector<std::string> names;
+    if (!list_directory(path, &names)) return {};
+    std::erase_if(names, [](const std::string& name) { return bucket_number(name) == 0; });
+    std::sort(names.begin(), names.end(),
+              [](const std::string& a, const std::string& b) { return bucket_number(a) < bucket_number(b); });
+    for (std::string& name : names) name = path + "/" + name;
+    return names;
+}
+
+bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names) {
+    std::string content;
+    if (!tool_read_file(path + "/" + dictionary, &content)) return false;
+    uint64_t size;
+    *names = decode_names(content, &size);
+    return true;
+}
+
+void store_open_for_load(store* st, const std::string& path, bool durable) {
+    st->path = path;
+    st->durable = durable;
+    make_store(path, durable);
+    lock_store(st);
+    open_dictionary(&st->sources, path + "/sources", durable);
+    open_dictionary(&st->sourcetypes, path + "/sourcetypes", durable);
+    open_dictionary(&st->hosts, path + "/hosts", durable);
+    for (const std::string& directory : store_bucket_directories(path)) {
+        store_bucket bucket;
+        bucket.number = bucket_number(directory.substr(directory.rfind('/') + 1));
+        bucket.directory = directory;
+        open_bucket(st, &bucket);
+        st->buckets.push_back(std::move(bucket));
+    }
+    if (durable && !tool_sync_directory(path)) fail_io("cannot sync " + path, errno);
+}
+
+store_bucket* store_add_bucket(store* st) {
+    store_bucket bucket;
+    bucket.number = st->buckets.empty() ? 1 : st->buckets.back().number + 1;
+    bucket.directory = fmt::format("{}/{}{:06}", st->path, BUCKET_PREFIX, bucket.number);
+    if (::mkdir(bucket.directory.c_str(), 0700) != 0) fail_io("cannot make " + bucket.directory, errno);
+    open_bucket(st, &bucket);
+    if (st->durable && (!tool_sync_directory(bucket.directory) || !tool_sync_directory(st->path))) {
+        fail_io("cannot sync " + bucket.directory, errno);
+    }
+    return &st->buckets.emplace_back(std::move(bucket));
+}
+
+uint32_t store_number(store_dictionary* dictionary, const std::string& name) {
+    const auto known = dictionary->numbers.find(name);
+    if (known != dictionary->numbers.end()) return known->second;
+    const std::string line = encode_name(name) + "\n";
+    if (!tool_write_at(dictionary->fd.get(), line, dictionary->size)) {
+        fail_io("cannot write " + dictionary->path, errno);
+    }
+    if (dictionary->durable && ::fdatasync(dictionary->fd.get()) != 0) {
+        fail_io("cannot sync " + dictionary->path, errno);
+    }
+    dictionary->size += line.size();
+    const uint32_t number = static_cast<uint32_t>(dictionary->names.size());
+    dictionary->names.push_back(name);
+    dictionary->numbers.emplace(name, number);
+    return number;
+}
+
+}  // namespace veldar

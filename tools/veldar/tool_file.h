@@ -1,0 +1,30 @@
+// Reads, and durable writes for the files that a store keeps beside its slices.
+#pragma once
+
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace veldar {
+
+// Set by the handler of SIGINT and SIGTERM: finish what is begun, save the progress and end.
+extern volatile std::sig_atomic_t tool_interrupted;
+// Installs that handler.
+void tool_catch_interrupts();
+
+// Reads a file to its end. False with errno set.
+[[nodiscard]] bool tool_read_file(const std::string& path, std::string* content);
+// Writes all of it at an offset. False with errno set.
+[[nodiscard]] bool tool_write_at(int fd, std::string_view bytes, uint64_t offset);
+// Reads up to `size` bytes at an offset, fewer only at the end of the file. Negative with errno set.
+[[nodiscard]] int64_t tool_read_at(int fd, char* out, size_t size, uint64_t offset);
+// Reads what a pipe has, waiting for some: 0 at its end and when the command is interrupted. Negative with errno set.
+[[nodiscard]] int64_t tool_read_pipe(int fd, char* out, size_t size);
+// Makes what happened to the names in a directory durable. False with errno set.
+[[nodiscard]] bool tool_sync_directory(const std::string& path);
+// Writes a file beside `path` and renames it into place. False with errno set; the old file is then as it was.
+[[nodiscard]] bool tool_replace_file(const std::string& path, std::string_view content, bool durable);
+
+}  // namespace veldar
