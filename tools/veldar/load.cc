@@ -26,13 +26,17 @@ int load_run(const tool_context& context, const load_options& options) {
             std::fprintf(stderr, "veldar: %s: %s\n", file == "-" ? "standard input" : file.c_str(), error.c_str());
             incomplete = true;
         }
-    } catch (const tool_failure&) {
+        loader_close(&load);
+    } catch (tool_failure& failure) {
         loader_give_up(&load);
+        progress_clear(&load.shown);
+        failure.message += "\nveldar: not all is loaded; load again once this is mended, and nothing is lost";
         throw;
     }
-    loader_close(&load);
     progress_clear(&load.shown);
-    std::string note = load.unchanged > 0 ? " (" + std::to_string(load.unchanged) + " files with nothing new)" : "";
+    std::string note;
+    if (load.unchanged == 1) note = " (1 file with nothing new)";
+    if (load.unchanged > 1) note = " (" + std::to_string(load.unchanged) + " files with nothing new)";
     std::fprintf(stderr, "%s%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "",
                  totals_text(load.shown, load.totals).c_str(), note.c_str());
     if (tool_interrupted != 0) return EXIT_INTERRUPTED;

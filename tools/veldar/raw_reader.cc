@@ -35,17 +35,28 @@ bool open_checked(const source_file& file, const std::string& path, log_input* i
     return log_input_open(input, path, &error) && !input->pipe && same_head(file, *input);
 }
 
+// What the names of all rotations of a log begin with: "a.log" for "a.log.2.gz" and for "a.log-20240501".
+std::string rotation_base(std::string name) {
+    if (name.ends_with(".gz")) name.resize(name.size() - 3);
+    const size_t number = name.find_last_not_of("0123456789");
+    const bool numbered = number != std::string::npos && number > 0 && number + 1 < name.size() &&
+                          (name[number] == '.' || name[number] == '-');
+    if (numbered) name.resize(number);
+    return name;
+}
+
 // Paths worth opening, the likeliest first.
 std::vector<std::string> candidates(const source_file& file) {
     std::vector<std::string> found = {file.path, file.path + ".gz"};
     const size_t slash = file.path.rfind('/');
     const std::string directory = file.path.substr(0, slash + 1), name = file.path.substr(slash + 1);
+    const std::string base = rotation_base(name);
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory.c_str()), ::closedir);
     std::vector<std::string> alike;
     for (const dirent* entry = nullptr; dir != nullptr && (entry = ::readdir(dir.get())) != nullptr;) {
         const std::string other = entry->d_name;
         if (entry->d_ino == file.inode && other != name) found.push_back(directory + other);
-        if (entry->d_ino != file.inode && other != name && other.starts_with(name)) alike.push_back(directory + other);
+        if (entry->d_ino != file.inode && other != name && other.starts_with(base)) alike.push_back(directory + other);
     }
     std::sort(alike.begin(), alike.end());
     found.insert(found.end(), alike.begin(), alike.end());

@@ -1,0 +1,367 @@
+// Runs the built tool on generated logs and reads everything back: each event's address leads to a raw record, and the
+// records of all events together must be those of the logs, each once.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "searchthing/tsval.h"
+#include "searchthing/warmslice.h"
+#include "tests/support/run_tool.h"
+#include "tests/support/temp_dir.h"
+#include "tools/veldar/progress.h"
+#include "tools/veldar/raw_reader.h"
+#include "tools/veldar/store.h"
+
+namespace veldar {
+namespace {
+
+using lines = std::vector<std::string>;
+
+lines log_lines(int first, int count) {
+    lines out;
+    for (int i = first; i < first + count; i++) {
+        char time[40];
+        std::snprintf(time, sizeof time, "2024-03-%02dT%02d:%02d:%02dZ", 1 + i / 86400, i / 3600 % 24, i / 60 % 60,
+                      i % 60);
+        out.push_back(std::string(time) + " request " + std::to_string(i) + " user=u" + std::to_string(i % 50));
+    }
+    return out;
+}
+
+std::string joined(const lines& all) {
+    std::string text;
+    for (const std::string& line : all) text += line + "\n";
+    return text;
+}
+
+lines operator+(lines a, const lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+lines sorted(lines all) {
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+void append(const std::string& path, const std::string& text) {
+    write_file(path, read_file(path) + text);
+}
+
+void write_gzip(const std::string& path, const std::string& text) {
+    const gzFile file = ::gzopen(path.c_str(), "wb6");
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(::gzwrite(file, text.data(), static_cast<unsigned>(text.size())), static_cast<int>(text.size()));
+    EXPECT_EQ(::gzclose(file), Z_OK);
+}
+
+struct event_seen {
+    st_time_t time;
+    std::string record;
+};
+
+// Every event of a bucket with its raw record.
+void read_bucket(const std::string& directory, std::vector<event_seen>* events) {
+    std::string error;
+    const raw_reader_ptr raw = raw_reader_open(directory, &error);
+    ASSERT_NE(raw, nullptr) << error;
+    for (const std::string& name : slice_names(directory)) {
+        warm_rc_t rc;
+        WARM* slice = st_warm_slice_open_rdonly((directory + "/" + name).c_str(), &rc);
+        ASSERT_NE(slice, nullptr) << name << ": " << rc.message;
+        for (uint32_t id = 0; id < st_warm_slice_values(slice); id++) {
+            st_tsval value;
+            raw_record record;
+            ASSERT_EQ(tsval_reader_decode(&slice->tsval_reader, id, &value, false, id, &rc), 0) << rc.message;
+            EXPECT_TRUE(raw_reader_fetch(raw.get(), value.address, &record, &error)) << error;
+            events->push_back({value.time, record.text});
+        }
+        st_warm_slice_close(slice);
+    }
+}
+
+class Load : public testing::Test {
+  protected:
+    std::string file(const std::string& name) const { return dir.file(name); }
+    std::string store() const { return dir.file("store"); }
+
+    tool_result load(const lines& arguments, const tool_options& options = {}) const {
+        const tool_result result = run_tool("veldar/veldar", lines{"-s", store(), "load"} + arguments, options);
+        EXPECT_LT(result.status, 1000 + (options.signal != 0 ? 1000 : 0)) << result.err;
+        return result;
+    }
+    void load_all(const lines& arguments) const {
+        const tool_result result = load(arguments);
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+
+    std::vector<event_seen> events() const {
+        std::vector<event_seen> all;
+        for (const std::string& directory : store_bucket_directories(store())) read_bucket(directory, &all);
+        return all;
+    }
+    lines records() const {
+        lines all;
+        for (const event_seen& event : events()) all.push_back(event.record);
+        return sorted(all);
+    }
+
+    // The source map as a load leaves it that is killed right after its slices became visible: the marks behind the
+    // last stretch are missing.
+    void forget_mark() const {
+        const std::string path = store_bucket_directories(store()).back() + "/source.map";
+        std::string bytes = read_file(path);
+        constexpr size_t MARK = 24, TAIL = 40;
+        bytes.resize(bytes.size() - MARK - TAIL);
+        write_file(path, bytes);
+    }
+
+    temp_dir dir;
+};
+
+TEST_F(Load, TakesOnlyWhatIsNew) {
+    const lines all = log_lines(0, 2000);
+    const std::string half = joined(log_lines(0, 1000)), end = "2024-03-01T01:00:00Z the e";
+    write_file(file("a.log"), half + end);
+    load_all({file("a.log"), file("a.log")});
+    load_all({file("a.log")});
+    const lines first = log_lines(0, 1000) + lines{end};
+    EXPECT_EQ(records(), sorted(first)) << "the last line stands as it stood, without its newline";
+    append(file("a.log"), "nd\n" + joined(log_lines(1000, 500)));
+    load_all({file("a.log")});
+    EXPECT_EQ(records(), sorted(first + lines{"nd"} + log_lines(1000, 500)));
+    write_file(file("copy.log"), read_file(file("a.log")) + joined(log_lines(1500, 500)));
+    load_all({file("copy.log"), file("copy.log")});
+    EXPECT_EQ(records(), sorted(all + lines{end, "nd"})) << "a copy that has grown goes on, too";
+}
+
+TEST_F(Load, KnowsRenamedRotatedAndCompressedFiles) {
+    const lines all = log_lines(0, 2000), next = log_lines(2000, 500), newest = log_lines(2500, 500);
+    const std::string log = file("a.log");
+    write_file(log, joined(all));
+    load_all({log});
+    append(log, joined(next));
+    std::filesystem::rename(log, file("a.log.1"));
+    write_file(log, joined(newest));
+    load_all({log, file("a.log.1")});
+    EXPECT_EQ(records(), sorted(all + next + newest));
+    write_gzip(file("a.log.2.gz"), joined(all + next));
+    std::filesystem::remove(file("a.log.1"));
+    EXPECT_EQ(records(), sorted(all + next + newest)) << "found again beside where it was";
+    load_all({log, file("a.log.2.gz")});
+    EXPECT_EQ(records(), sorted(all + next + newest));
+    std::filesystem::create_directory(file("archive"));
+    std::filesystem::rename(file("a.log.2.gz"), file("archive/old.gz"));
+    load_all({file("archive/old.gz")});
+    EXPECT_EQ(records(), sorted(all + next + newest)) << "found where it was loaded from last";
+    std::filesystem::remove(file("archive/old.gz"));
+    std::string error;
+    raw_record record;
+    const raw_reader_ptr raw = raw_reader_open(store_bucket_directories(store())[0], &error);
+    EXPECT_FALSE(raw_reader_fetch(raw.get(), 0, &record, &error));
+    EXPECT_NE(error.find("archive/old.gz"), std::string::npos) << error;
+}
+
+TEST_F(Load, ATruncatedFileIsANewOne) {
+    const std::string log = file("a.log");
+    write_file(log, joined(log_lines(0, 500)));
+    load_all({log});
+    std::filesystem::copy_file(log, file("a.log.1"));
+    write_file(log, joined(log_lines(500, 100)));
+    load_all({log, file("a.log.1")});
+    EXPECT_EQ(records(), sorted(log_lines(0, 600)));
+}
+
+TEST_F(Load, KilledAtAnyMomentGivesEachLineOnce) {
+    const lines a = log_lines(0, 8000), b = log_lines(8000, 8000), c = log_lines(16000, 8000);
+    write_file(file("a.log"), joined(a));
+    write_gzip(file("b.log.gz"), joined(b));
+    write_file(file("c.log"), joined(c));
+    const lines arguments = {file("a.log"), file("b.log.gz"), file("c.log"), "--max-values",
+                             "600",         "--bucket-bytes", "300000"};
+    int killed = 0;
+    for (unsigned after = 3000;; after += 7000) {
+        const tool_result result = load(arguments, {"", killed % 4 == 3 ? SIGTERM : SIGKILL, after});
+        if (result.status == 0) break;
+        EXPECT_TRUE(result.status == 1000 + SIGKILL || result.status == 130 || result.status == 1000 + SIGTERM)
+            << result.status << result.err;
+        killed++;
+    }
+    EXPECT_GT(killed, 2);
+    EXPECT_GT(store_bucket_directories(store()).size(), 3u);
+    EXPECT_EQ(records(), sorted(a + b + c));
+}
+
+TEST_F(Load, KilledBetweenTheSliceAndTheMark) {
+    const std::string log = file("a.log");
+    const lines all = log_lines(0, 100);
+    write_file(log, joined(all) + "the last li");
+    load_all({log});
+    forget_mark();
+    append(log, "ne\nmore\n");
+    load_all({log});
+    EXPECT_EQ(records(), sorted(all + lines{"the last li", "more", "ne"})) << "up to where the killed load had read";
+    forget_mark();
+    std::filesystem::rename(log, file("elsewhere"));
+    write_file(file("b.log"), joined(log_lines(200, 50)));
+    load_all({file("b.log")});
+    std::filesystem::rename(file("elsewhere"), log);
+    append(log, "still more\n");
+    load_all({log});
+    EXPECT_EQ(records(), sorted(all + lines{"the last li", "more", "ne", "still more"} + log_lines(200, 50)))
+        << "also when the file was away at first";
+}
+
+TEST_F(Load, KilledBeforeTheSliceWasVisible) {
+    const lines a = log_lines(0, 100), b = log_lines(100, 100);
+    write_file(file("a.log"), joined(a));
+    write_file(file("b.log"), joined(b));
+    load_all({file("a.log"), file("b.log")});
+    forget_mark();
+    const std::string bucket = store_bucket_directories(store())[0];
+    const std::string slice = bucket + "/" + slice_names(bucket)[0];
+    std::filesystem::rename(slice, slice.substr(0, slice.size() - 6) + ".pre-tsidx");
+    EXPECT_TRUE(records().empty());
+    load_all({file("b.log")});
+    load_all({file("a.log")});
+    EXPECT_EQ(records(), sorted(a + b));
+    std::filesystem::remove(bucket + "/" + slice_names(bucket)[0]);
+    load_all({file("a.log"), file("b.log")});
+    EXPECT_EQ(records().size(), 100u) << "what was deleted on purpose does not come back";
+}
+
+TEST_F(Load, RecordsAndTimes) {
+    write_file(file("a.log"),
+               "no time yet\n"
+               "2024-05-01 10:00:00 ERROR failed code=7\n\tat Main.run(Main.java:5) depth=2\n at x\n\n"
+               "then this\n"
+               "2024-05-01 10:00:05 done\n");
+    load_all({file("a.log"), "--host", "Web1", "--sourcetype", "app"});
+    append(file("a.log"), "trailing\n");
+    load_all({file("a.log"), "--host", "Web1"});
+    const std::vector<event_seen> all = events();
+    lines seen;
+    for (const event_seen& event : all) seen.push_back(time_text(event.time).substr(11) + " " + event.record);
+    EXPECT_EQ(sorted(seen),
+              (lines{"10:00:00 2024-05-01 10:00:00 ERROR failed code=7\n\tat Main.run(Main.java:5) depth=2\n"
+                     " at x\n",
+                     "10:00:00 no time yet", "10:00:00 then this", "10:00:05 2024-05-01 10:00:05 done",
+                     "10:00:05 trailing"}));
+    const std::string bucket = store_bucket_directories(store())[0];
+    std::string terms;
+    for (const std::string& name : slice_names(bucket)) {
+        terms += run_tool("dictscan", {bucket + "/" + name, "*"}).out;
+    }
+    for (const char* term :
+         {" 4 host::web1\n", " 4 sourcetype::app\n", " 1 code::7\n", " 1 depth::2\n", " 1 main.java\n"}) {
+        EXPECT_NE(terms.find(term), std::string::npos) << term << terms;
+    }
+}
+
+TEST_F(Load, APipeIsKept) {
+    const lines all = log_lines(0, 4000);
+    write_file(file("in"), joined(all));
+    const tool_result plain = load({"-"}, {file("in")});
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    write_gzip(file("in.gz"), joined(log_lines(4000, 4000)));
+    const tool_result packed = load({"-", "--bucket-bytes", "100000"}, {file("in.gz")});
+    EXPECT_EQ(packed.status, 0) << packed.err;
+    std::filesystem::remove(file("in"));
+    std::filesystem::remove(file("in.gz"));
+    EXPECT_EQ(records(), sorted(log_lines(0, 8000)));
+    forget_mark();
+    const std::string bucket = store_bucket_directories(store()).back();
+    std::filesystem::remove(bucket + "/" + slice_names(bucket)[0]);
+    write_file(file("other"), "2024-03-01T00:00:00Z other\n");
+    load_all({file("other")});
+    EXPECT_EQ(records(), sorted(log_lines(0, 8000) + lines{"2024-03-01T00:00:00Z other"}))
+        << "the next load completes what a killed one had taken from a pipe";
+}
+
+TEST_F(Load, WhatCannotBeReadIsNamedAndTheRestIsLoaded) {
+    const lines all = log_lines(0, 5000);
+    write_file(file("a.log"), joined(log_lines(5000, 10)));
+    write_gzip(file("whole.gz"), joined(all));
+    const std::string packed = read_file(file("whole.gz"));
+    write_file(file("cut.gz"), packed.substr(0, packed.size() / 2));
+    const tool_result result = load({file("missing.log"), file("cut.gz"), dir.path(), file("a.log")});
+    EXPECT_EQ(result.status, 3);
+    for (const char* text :
+         {"missing.log: No such file", "cut.gz: the compressed data is cut short", "Is a directory"}) {
+        EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
+    }
+    const lines first = records();
+    EXPECT_GT(first.size(), 1000u);
+    EXPECT_EQ(load({file("cut.gz")}).status, 3) << "told again";
+    EXPECT_EQ(records(), first);
+    write_file(file("cut.gz"), packed);
+    load_all({file("cut.gz")});
+    EXPECT_EQ(records().size(), all.size() + 10 + 1) << "whole now: one line had been cut in two";
+    EXPECT_EQ(run_tool("veldar/veldar", {"load"}).status, 2);
+    EXPECT_EQ(load({file("a.log"), "--format", "nonsense"}).status, 2);
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", file("a.log"), "load", file("a.log")}).status, 5);
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", dir.path(), "load", file("a.log")}).status, 2)
+        << "a directory of something else";
+}
+
+TEST_F(Load, LongLinesAndOddBytes) {
+    const lines all = {"2024-05-01 10:00:00 start", "2024-05-01 10:00:01 " + std::string(10 << 20, 'x') + " end",
+                       std::string("nul \0 and \xff\xfe bytes", 18), "2024-05-01 10:00:02 stop"};
+    write_file(file("a.log"), joined(all));
+    load_all({file("a.log")});
+    EXPECT_EQ(records() == sorted(all), true);
+}
+
+TEST_F(Load, ContextLines) {
+    const lines all = log_lines(0, 2000);
+    write_gzip(file("a.gz"), joined(all));
+    load_all({file("a.gz")});
+    std::string error;
+    const raw_reader_ptr raw = raw_reader_open(store_bucket_directories(store())[0], &error);
+    lines before, after;
+    const uint64_t address = all[0].size() + 1 + all[1].size() + 1;
+    ASSERT_TRUE(raw_reader_context(raw.get(), address, 5, 2, &before, &after, &error)) << error;
+    EXPECT_EQ(before, (lines{all[0], all[1]}));
+    EXPECT_EQ(after, (lines{all[3], all[4]}));
+}
+
+TEST(Put, TermsCountsAndBadLines) {
+    const temp_dir dir;
+    std::string text;
+    for (int i = 0; i < 5000; i++) {
+        const std::string n = std::to_string(i);
+        text += std::to_string(1700000000 + i) + ".5\t" + n + "\t1\t2\t3\t0\tall n" + n + " mod" +
+                std::to_string(i % 3) + " a%20b\n";
+    }
+    write_file(dir.file("good.tsv"), text);
+    for (const char* level : {"1", "2", "3", "4"}) {
+        const std::string index = dir.file("index" + std::string(level));
+        const tool_result put =
+            run_tool("veldar/veldar", {"put", index, dir.file("good.tsv"), "--level", level, "--streaming"});
+        ASSERT_EQ(put.status, 0) << put.err;
+        EXPECT_NE(put.err.find("5,000 events"), std::string::npos) << put.err;
+        ASSERT_EQ(slice_names(index).size(), 1u);
+        const std::string out = run_tool("dictscan", {index + "/" + slice_names(index)[0], "*"}).out;
+        for (const char* term : {" 5000 all\n", " 5000 a b\n", " 1667 mod0\n", " 1666 mod2\n", " 1 n4999\n"}) {
+            EXPECT_NE(out.find(term), std::string::npos) << term;
+        }
+    }
+    write_file(dir.file("bad.tsv"), "1\t1\t1\t1\t1\t0\ta\n2\t2\t1\t1\t1\tx\tb\n3\t3\t1\t1\t1\t0\tc");
+    const tool_result strict = run_tool("veldar/veldar", {"put", dir.file("bad1"), dir.file("bad.tsv")});
+    EXPECT_EQ(strict.status, 2);
+    EXPECT_NE(strict.err.find("line 2: the measure is not a number"), std::string::npos) << strict.err;
+    EXPECT_EQ(slice_names(dir.file("bad1")).size(), 1u) << "the line before it is kept";
+    const tool_result skipping =
+        run_tool("veldar/veldar", {"put", dir.file("bad2"), "-", "--skip-bad"}, {dir.file("bad.tsv")});
+    EXPECT_EQ(skipping.status, 0);
+    EXPECT_NE(skipping.err.find("2 events"), std::string::npos) << skipping.err;
+    EXPECT_NE(skipping.err.find("1 line refused"), std::string::npos) << skipping.err;
+}
+
+}  // namespace
+}  // namespace veldar

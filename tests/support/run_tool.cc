@@ -1,0 +1,50 @@
+#include "tests/support/run_tool.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr unsigned STEP_US = 500;
+
+int wait_or_signal(pid_t pid, const tool_options& options) {
+    int status = 0;
+    for (unsigned waited = 0; options.signal != 0 && waited < options.after_us; waited += STEP_US) {
+        if (::waitpid(pid, &status, WNOHANG) == pid) return status;
+        ::usleep(STEP_US);
+    }
+    if (options.signal != 0) ::kill(pid, options.signal);
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    return status;
+}
+
+}  // namespace
+
+tool_result run_tool(const std::string& name, const std::vector<std::string>& arguments, const tool_options& options) {
+    const temp_dir dir;
+    const std::string tool = std::string(VELDAR_TOOLS_DIR) + "/" + name, out = dir.file("out"), err = dir.file("err");
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    const std::string in = options.input.empty() ? "/dev/null" : options.input;
+    ::posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
+    ::posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
+    ::posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
+    std::vector<char*> argv = {const_cast<char*>(tool.c_str())};
+    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    EXPECT_EQ(::posix_spawn(&pid, tool.c_str(), &actions, nullptr, argv.data(), environ), 0) << tool;
+    ::posix_spawn_file_actions_destroy(&actions);
+    const int status = wait_or_signal(pid, options);
+    return {read_file(out), read_file(err), WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status)};
+}
+
+}  // namespace veldar
