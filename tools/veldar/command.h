@@ -36,5 +36,7 @@ struct tool_context {
 // Each adds its subcommand, whose callback fills context->status or throws tool_failure.
 void add_put_command(CLI::App* app, tool_context* context);
 void add_load_command(CLI::App* app, tool_context* context);
+void add_search_command(CLI::App* app, tool_context* context);
+void add_count_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

@@ -10,10 +10,15 @@ namespace {
 int run(int argc, char** argv) {
     CLI::App app("Veldar: an index for logs and other events with a time.", "veldar");
     veldar::tool_context context;
-    app.add_option("-s,--store", context.store, "The store (else $VELDAR_STORE, else .veldar here or above)");
+    app.add_option(
+        "-s,--store", context.store,
+        "The store (else $VELDAR_STORE, else .veldar here or above); to ask, also an index directory or a slice");
     app.require_subcommand(1);
+    app.fallthrough();  // -s may stand behind the subcommand too
     veldar::add_put_command(&app, &context);
     veldar::add_load_command(&app, &context);
+    veldar::add_search_command(&app, &context);
+    veldar::add_count_command(&app, &context);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,104 @@
+#include "tools/veldar/query_input.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <climits>
+#include <ctime>
+
+#include "searchthing/search_frames.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/time_input.h"
+
+namespace veldar {
+
+namespace {
+
+[[noreturn]] void refuse(const std::string& text, const query_error& error) {
+    std::string shown = explain_query_error(text, error);
+    while (shown.ends_with('\n')) shown.pop_back();
+    throw tool_failure{EXIT_USAGE, "this query cannot be read:\n" + shown};
+}
+
+const char* native_expectation(int status) {
+    switch (status) {
+        case WARM_RC_QUERY_END:
+            return "more: a group or its ']' is missing";
+        case TOKEN_TOO_LONG:
+            return "a token of at most 2048 bytes";
+        case TOKEN_BAD_ESCAPE:
+            return "a blank, a bracket or a backslash after this backslash";
+        case WARM_RC_QUERY_COMPARISON:
+            return "a field and a number";
+        default:
+            return "a group such as [AND word field::value [NOT word]]";
+    }
+}
+
+std::vector<query_plan> native_plan(const std::string& text) {
+    if (const size_t nul = text.find('\0'); nul != std::string::npos) refuse(text, {nul, "a text without NUL"});
+    size_t position = 0;
+    const int status = validate_query_text(text.c_str(), TOKEN_CASE_ASIS, &position);
+    if (status == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
+    if (status != 0) refuse(text, {std::min(position, text.size()), native_expectation(status)});
+    return {{text, {}, {}}};
+}
+
+std::vector<query_plan> plans_of(const std::string& text, bool native) {
+    if (native) return native_plan(text);
+    try {
+        return translate_query(text);
+    } catch (const query_error& error) {
+        refuse(text, error);
+    }
+}
+
+st_timeval_t time_of(const char* option, const std::string& text, log_zone* zone) {
+    st_timeval_t time;
+    if (!time_input_parse(text, zone, std::time(nullptr), &time)) {
+        throw tool_failure{EXIT_USAGE, std::string(option) + " " + text + ": expected " + TIME_INPUT_FORMS};
+    }
+    return time;
+}
+
+}  // namespace
+
+void add_query_options(CLI::App* command, query_options* options) {
+    command->add_option("QUERY", options->words, "Words, field=value, \"phrases\", *, OR, NOT, ( )")->required();
+    command->add_option("--since", options->since, "Only events from this time on: 2015-05-17T10:05, 10:05, -2h, ...");
+    command->add_option("--until", options->until, "Only events before this time");
+    command->add_option("--tz", options->zone, "Zone of the two times: UTC, local, +02:00, Europe/Berlin ...");
+    command->add_flag("--native", options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
+}
+
+bool prepared_query::needs_raw() const {
+    return std::any_of(plans.begin(), plans.end(), [](const query_plan& plan) { return plan.needs_raw(); });
+}
+
+prepared_query query_prepare(const query_options& options) {
+    prepared_query query;
+    for (const std::string& word : options.words) query.text += (query.text.empty() ? "" : " ") + word;
+    query.plans = plans_of(query.text, options.native);
+    log_zone zone;
+    if (!log_zone_from_name(options.zone, &zone)) throw tool_failure{EXIT_USAGE, "unknown time zone " + options.zone};
+    st_timeval_t since = {INT_MIN, 0}, until = {INT_MAX, 0};
+    if (!options.since.empty()) since = time_of("--since", options.since, &zone);
+    if (!options.until.empty()) until = time_of("--until", options.until, &zone);
+    st_query_init(&query.bounds);
+    st_query_set_time_bound(&query.bounds, true, since.time_s, since.time_ns, until.time_s, until.time_ns);
+    if (!options.native) query.bounds.opt_a |= QUERY_WILDCARDS_SKIP_FIELDS;
+    return query;
+}
+
+st_query_spec query_of_plan(const prepared_query& query, const query_plan& plan) {
+    st_query_spec spec = query.bounds;
+    spec.lispy = plan.native.c_str();
+    return spec;
+}
+
+st_query_spec query_of_plan_until(const prepared_query& query, const query_plan& plan, const st_timeval_t& latest) {
+    st_query_spec spec = query_of_plan(query, plan);
+    spec.latest = latest;
+    return spec;
+}
+
+}  // namespace veldar

@@ -1,0 +1,39 @@
+// The query of a command line: its text, its time bounds, and the searches that they become.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "searchthing/query.h"
+#include "tools/veldar/query_language.h"
+
+namespace CLI {
+class App;
+}
+
+namespace veldar {
+
+struct query_options {
+    std::vector<std::string> words;  // joined with blanks
+    std::string since, until, zone = "UTC";
+    bool native = false;
+};
+
+// Adds the positional QUERY, --since, --until, --tz and --native.
+void add_query_options(CLI::App* command, query_options* options);
+
+struct prepared_query {
+    std::string text;
+    std::vector<query_plan> plans;
+    st_query_spec bounds;  // time bounds and options; its text is a plan's
+    bool needs_raw() const;
+};
+
+// Throws tool_failure with EXIT_USAGE, a malformed query with a caret under the spot.
+prepared_query query_prepare(const query_options& options);
+// What the engine is asked for one plan; the text is the plan's and lives as long.
+st_query_spec query_of_plan(const prepared_query& query, const query_plan& plan);
+// The plan's text with `latest` (inclusive) as its upper bound.
+st_query_spec query_of_plan_until(const prepared_query& query, const query_plan& plan, const st_timeval_t& latest);
+
+}  // namespace veldar

@@ -1,0 +1,167 @@
+#include "tools/veldar/slices.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string_view>
+
+#include "searchthing/tsidx_names.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/store.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr int MAX_LISTINGS = 16;
+
+std::string last_component(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string parent_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+bool is_live(std::string_view name) {
+    return (name.ends_with(TSIDX_SUFFIX) && !name.ends_with(TSIDX_MINI_SUFFIX)) || name.ends_with(TSIDX_PART_SUFFIX);
+}
+
+// The names of a directory's live slices; false with errno set.
+bool list_once(const std::string& directory, std::set<std::string>* live) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory.c_str()), ::closedir);
+    if (dir == nullptr) return false;
+    std::vector<std::string> hidden;
+    live->clear();
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir.get())) {
+        const std::string_view name = entry->d_name;
+        if (is_live(name)) live->emplace(name);
+        if (name.ends_with(TSIDX_DELETED_SUFFIX)) {
+            hidden.emplace_back(name.substr(0, name.size() - std::strlen(".deleted")));
+        }
+    }
+    for (const std::string& name : hidden) live->erase(name);
+    return errno == 0;
+}
+
+// Lists until two lists agree.
+bool list_live(const std::string& directory, std::set<std::string>* live) {
+    std::set<std::string> before;
+    if (!list_once(directory, &before)) return false;
+    for (int i = 1; i < MAX_LISTINGS; i++) {
+        if (!list_once(directory, live)) return false;
+        if (*live == before) return true;
+        before.swap(*live);
+    }
+    live->swap(before);
+    return true;
+}
+
+slice_file slice_of(const std::string& path, uint32_t directory) {
+    slice_file file = {path, directory, INT_MIN, INT_MAX};
+    const std::string name = last_component(path);
+    st_filename_metadata_t meta;
+    int latest, earliest, end = 0;
+    if (st_tsidx_file_parse(name.c_str(), &meta) != 0) {
+        file.earliest = meta.earliest;
+        file.latest = meta.latest;
+    } else if (name.ends_with(TSIDX_PART_SUFFIX) &&
+               std::sscanf(name.c_str(), "%d-%d-%n", &latest, &earliest, &end) == 2 && end > 0) {
+        file.earliest = earliest;
+        file.latest = latest;
+    }
+    return file;
+}
+
+bool add_directory(slice_set* set, const std::string& path, bool has_sources) {
+    std::set<std::string> names;
+    if (!list_live(path, &names)) return false;
+    const auto index = static_cast<uint32_t>(set->directories.size());
+    set->directories.push_back({path, last_component(path), has_sources});
+    for (const std::string& name : names) set->files.push_back(slice_of(path + "/" + name, index));
+    return true;
+}
+
+void add_store(slice_set* set, const std::string& path) {
+    set->store = path;
+    for (const std::string& bucket : store_bucket_directories(path)) {
+        if (!add_directory(set, bucket, true)) set->errors.push_back(bucket + ": " + std::strerror(errno));
+    }
+}
+
+// A directory inside a store is searched with the store's names.
+void find_store_above(slice_set* set, const std::string& directory) {
+    if (store_is(directory + "/..")) set->store = directory + "/..";
+}
+
+}  // namespace
+
+slice_set slices_list(const std::string& given) {
+    std::string path = given;
+    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+    struct stat st;
+    slice_set set;
+    if (::stat(path.c_str(), &st) != 0) {
+        throw tool_failure{EXIT_USAGE, path + ": " + std::strerror(errno) +
+                                           "; -s names a store, an index directory or a slice (a store is made by "
+                                           "'veldar load')"};
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        const std::string parent = parent_of(path);
+        set.directories.push_back({parent, last_component(parent), exists(parent + "/source.map")});
+        set.files.push_back(slice_of(path, 0));
+        find_store_above(&set, parent);
+        return set;
+    }
+    if (store_is(path)) {
+        add_store(&set, path);
+    } else {
+        if (!add_directory(&set, path, exists(path + "/source.map"))) fail_io("cannot read " + path, errno);
+        find_store_above(&set, path);
+    }
+    std::sort(set.files.begin(), set.files.end(), [](const slice_file& a, const slice_file& b) {
+        return a.latest != b.latest ? a.latest > b.latest : a.path > b.path;
+    });
+    return set;
+}
+
+bool slice_meets_bounds(const slice_file& file, const st_query_spec& query) {
+    return file.latest >= query.earliest.time_s && file.earliest <= query.latest.time_s;
+}
+
+slice_state_t slice_open(const slice_file& file, warm_ptr* warm, std::string* error) {
+    warm_rc_t rc;
+    warm->reset(st_warm_slice_open_rdonly(file.path.c_str(), &rc));
+    if (*warm != nullptr) return SLICE_OPEN;
+    if (rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT) return SLICE_VANISHED;
+    if (rc.warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
+    *error = slice_error(file, rc);
+    return SLICE_UNREADABLE;
+}
+
+std::string slice_error(const slice_file& file, const warm_rc_t& rc) {
+    std::string text = file.path + ": ";
+    if (rc.warm_rc == WARM_RC_OPEN) return text + std::strerror(rc.saved_errno);
+    if (warm_status_indicates_corruption(rc.warm_rc)) {
+        text += "damaged";
+    } else {
+        text += "cannot be read";
+    }
+    if (rc.message[0] != '\0') text += std::string(" (") + rc.message + ")";
+    return text + ", status " + std::to_string(rc.warm_rc);
+}
+
+}  // namespace veldar
