@@ -256,7 +256,7 @@ TEST(Plist, NeighboursOfOneDimensionSetKeepFirstAndLast) {
     plist_writer_t plw;
     _plist_writer_open(&plw, fd.get(), 0, map);
     ASSERT_EQ(_plist_writer_start_term(&plw), 0);
-    for (const uint32_t id : {0, 1, 3, 5, 6, 7, 8}) ASSERT_EQ(_plist_writer_put(&plw, id), 0);
+    for (const uint32_t id : {0u, 1u, 3u, 5u, 6u, 7u, 8u}) ASSERT_EQ(_plist_writer_put(&plw, id), 0);
     EXPECT_EQ(_plist_writer_put(&plw, 9), WARM_RC_CAPACITY);
     ASSERT_EQ(_plist_writer_end_term(&plw), 0);
     EXPECT_EQ(plw.count_forterm, 5u);

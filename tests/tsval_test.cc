@@ -72,7 +72,7 @@ TEST(Tsval, EverySliceKindDecodesFromMemoryAndFromTheFile) {
             expect_value(value, picture.values[id], true, id);
         }
         EXPECT_EQ(tsval_reader_decode(&warm->tsval_reader, count, &value, false, 0, &rc), WARM_RC_CORRUPT);
-        for (const uint64_t cache : {8, 64, 4096}) {
+        for (const uint64_t cache : {8u, 64u, 4096u}) {
             tsval_reader_t reader;
             ASSERT_EQ(tsval_reader_open_partial(&reader, warm->fd.get(), warm->body, cache, nullptr, nullptr, &rc), 0);
             for (uint32_t i = 0; i < 600; i++) {
