@@ -185,7 +185,9 @@ void choose_names(loader* load, file_load* one, const std::string& source) {
         one->input.pipe ? std::time(nullptr) : static_cast<int64_t>(one->input.modified_ns / 1000000000u);
     event->has_time = false;
     event->format = options.format.empty() ? format_by_name(one->file.format) : format_by_name(options.format);
-    if (event->format == nullptr) event->format = log_event_detect(one->input.head, event->context);
+    // "text" may only say that the log was too short to tell when it was first seen.
+    const bool undecided = options.format.empty() && one->file.format == "text";
+    if (event->format == nullptr || undecided) event->format = log_event_detect(one->input.head, event->context);
     store* const st = &load->st;
     const bool has_name = !is_new && one->file.source < st->sources.names.size();
     event->source = has_name ? st->sources.names[one->file.source] : source;
