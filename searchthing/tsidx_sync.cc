@@ -156,12 +156,14 @@ int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
         suffix = part_suffix;
     }
     ST_ASSERT(suffix != nullptr);
-    tsidx->last_failure = {};
     tsidx->unmoved.val[0] = '\0';
     const int written = write_slice(tsidx, suffix, part_mode != 0);
     st_hot_slice_reset(tsidx->hot);
     tsidx->last_sync_failed = written != 0;
-    if (written == 0) tsidx->slices_written++;
+    if (written == 0) {
+        tsidx->slices_written++;
+        tsidx->last_failure = {};  // of tries before the one that succeeded
+    }
     if (st_tsidx_set_need_optimize(tsidx) != 0) {
         _log(0, "WARN  marker was not created. rc=%i, path=%s\n", errno, tsidx->path.c_str());
     }

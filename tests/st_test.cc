@@ -73,25 +73,5 @@ TEST(St, TransactionsAtEveryLevel) {
     }
 }
 
-TEST(St, MetricDirectoriesRefuseEventsForNow) {
-    const temp_dir dir;
-    const TSWRITEOPTS opts = options_of_level(4);
-    THING* thing = st_open_for_write(dir.path().c_str(), ST_OPEN_METRICS, TSIDX_ORDINARY_WRITER, &opts);
-    ASSERT_NE(thing, nullptr);
-    EXPECT_EQ(st_txn_start(thing, 1, 1, 1, 1, 1), 0);
-    EXPECT_EQ(st_txn_put(thing, "a", 1), 0);
-    EXPECT_EQ(st_txn_close(thing), WARM_RC_UNSUPPORTED);
-    EXPECT_EQ(st_close(thing), 0);
-}
-
-TEST(St, FileNames) {
-    st_filename_metadata_t meta;
-    EXPECT_EQ(st_parse_tsidx("dir/123-100-5.tsidx", &meta), 1);
-    EXPECT_EQ(meta.kind, 1u);
-    EXPECT_EQ(st_parse_tsidx("123-100-5.mini.tsidx", &meta), 1);
-    EXPECT_EQ(meta.kind, 2u);
-    EXPECT_EQ(st_parse_tsidx("123-100.tsidx", &meta), 0);
-}
-
 }  // namespace
 }  // namespace veldar

@@ -78,15 +78,23 @@ uint64_t no_pauses::microseconds() const {
 using veldar::fails;
 using veldar::fault_call;
 
+// A call that fails does nothing but set errno.
+#define FAULTY(name, result_t, parameters, arguments)                            \
+    result_t __real_##name parameters;                                           \
+    result_t __wrap_##name parameters {                                          \
+        return fails(fault_call::name) ? result_t{-1} : __real_##name arguments; \
+    }
+
 extern "C" {
 
+FAULTY(write, ssize_t, (int fd, const void* data, size_t size), (fd, data, size))
+FAULTY(pwrite, ssize_t, (int fd, const void* data, size_t size, off_t offset), (fd, data, size, offset))
+FAULTY(fsync, int, (int fd), (fd))
+FAULTY(link, int, (const char* from, const char* to), (from, to))
+FAULTY(unlink, int, (const char* path), (path))
+FAULTY(rename, int, (const char* from, const char* to), (from, to))
+
 int __real_open(const char* path, int flags, ...);
-ssize_t __real_write(int fd, const void* data, size_t size);
-ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
-int __real_fsync(int fd);
-int __real_link(const char* from, const char* to);
-int __real_unlink(const char* path);
-int __real_rename(const char* from, const char* to);
 int __real_close(int fd);
 int __real_usleep(useconds_t pause);
 
@@ -97,24 +105,7 @@ int __wrap_open(const char* path, int flags, ...) {
     va_end(arguments);
     return fails(fault_call::open) ? -1 : __real_open(path, flags, mode);
 }
-ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    return fails(fault_call::write) ? -1 : __real_write(fd, data, size);
-}
-ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
-    return fails(fault_call::pwrite) ? -1 : __real_pwrite(fd, data, size, offset);
-}
-int __wrap_fsync(int fd) {
-    return fails(fault_call::fsync) ? -1 : __real_fsync(fd);
-}
-int __wrap_link(const char* from, const char* to) {
-    return fails(fault_call::link) ? -1 : __real_link(from, to);
-}
-int __wrap_unlink(const char* path) {
-    return fails(fault_call::unlink) ? -1 : __real_unlink(path);
-}
-int __wrap_rename(const char* from, const char* to) {
-    return fails(fault_call::rename) ? -1 : __real_rename(from, to);
-}
+
 int __wrap_close(int fd) {
     const bool failed = fails(fault_call::close);
     const int saved_errno = errno;
@@ -123,6 +114,7 @@ int __wrap_close(int fd) {
     errno = saved_errno;
     return -1;
 }
+
 int __wrap_usleep(useconds_t pause) {
     if (!veldar::pauses.skipped) return __real_usleep(pause);
     veldar::pauses.count++;

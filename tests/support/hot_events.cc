@@ -67,27 +67,26 @@ void read_created_slice(const std::string& path, std::vector<forge_event>* event
     if (warm == nullptr) throw std::runtime_error(path + " does not open: " + rc.message);
     std::vector<std::string> terms;
     st_fclex_apply(warm->lexicon, nullptr, collect_term, &terms, nullptr);
+    const size_t first = events->size();
+    for (uint32_t number = 0; number < st_warm_slice_values(warm); number++) {
+        st_tsval value;
+        if (tsval_reader_decode(&warm->tsval_reader, number, &value, false, 0, &rc) != 0)
+            throw std::runtime_error(path);
+        const bool deleted = value.s == ST_DELETED_SOURCE;
+        events->push_back({.time = value.time,
+                           .address = value.address,
+                           .measure = static_cast<uint32_t>(value.measure),
+                           .s = deleted ? 0 : value.s,
+                           .st = value.st,
+                           .h = value.h,
+                           .terms = {},
+                           .deleted = deleted});
+    }
     const std::string file = read_file(path);
     const auto* bytes = reinterpret_cast<const uint8_t*>(file.data());
-    const st_warm_slice_body* body = warm->body;
-    const size_t first = events->size();
-    for (uint32_t i = 0; i < body->num_values.get(); i++) {
-        const uint8_t* value = bytes + _offset_values(body) + 8 * i;
-        const auto companion = [&](uint64_t offset, const be32& nbits) {
-            return decode_from_byte_str(bytes + offset, i, nbits.get());
-        };
-        events->push_back({.time = static_cast<int32_t>(load_be32(value)),
-                           .address = load_be32(value + 4),
-                           .measure = companion(_offset_m_array(body), body->m_nbits),
-                           .s = companion(_offset_s_array(body), body->s_nbits),
-                           .st = companion(_offset_st_array(body), body->st_nbits),
-                           .h = companion(_offset_h_array(body), body->h_nbits),
-                           .terms = {},
-                           .deleted = companion(_offset_d_array(body), body->d_nbits) != 0});
-    }
     uint64_t position = 0;
     for (size_t term = 0; term < terms.size(); term++) {
-        const uint64_t end = load_be64(bytes + _offset_pl_offs(body) + 8 * term);
+        const uint64_t end = load_be64(bytes + _offset_pl_offs(warm->body) + 8 * term);
         for (uint32_t number = 0, gap; position < end;
              number += gap, events->at(first + number).terms.push_back(terms[term])) {
             position += st_decode_from_vbe(&gap, bytes + warm->postings_base + position);
@@ -115,7 +114,7 @@ std::vector<forge_event> read_created_slices(const std::string& directory) {
 
 std::vector<forge_event> as_stored(std::vector<forge_event> events) {
     for (forge_event& event : events) {
-        if (event.deleted) event.s = 0;  // readers restore it from the d bit
+        if (event.deleted) event.s = 0;  // the d bit alone is stored
         std::sort(event.terms.begin(), event.terms.end());
         event.terms.erase(std::unique(event.terms.begin(), event.terms.end()), event.terms.end());
     }
