@@ -92,6 +92,17 @@ int tsidx_sync_full(TSIDX* tsidx, int code) {
     return 0;
 }
 
+void tsidx_load_params(TSIDX* tsidx) {
+    tsidx->params_written = std::chrono::steady_clock::now();
+    tsidx->stored_params = {};
+    tsidx->limits = tsidx_default_limits(tsidx->is_msidx);
+    tsidx_limits_t stored;
+    if (tsidx_read_params(tsidx->path.c_str(), &tsidx->stored_params) &&
+        deserialize_params(tsidx->stored_params.text, &stored)) {
+        tsidx->limits = tsidx_clamp_limits(stored);
+    }
+}
+
 void tsidx_save_params(TSIDX* tsidx) {
     const tsidx_params_line line = serialize_params(tsidx->limits, tsidx->writer_number);
     if (std::strcmp(line.text, tsidx->stored_params.text) == 0) return;
@@ -113,7 +124,6 @@ TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRIT
         tsidx->is_msidx = is_msidx != 0;
         tsidx->writer_number = writer_number;
         tsidx->limits = tsidx_default_limits(tsidx->is_msidx);
-        tsidx->params_written = std::chrono::steady_clock::now();
         xorshift128plus_init(&tsidx->rng);
         if (opts->write_level == 0) {
             st_tsidx_write_opts_init_write_level(&tsidx->opts, 0);
@@ -121,10 +131,7 @@ TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRIT
         }
         st_tsidx_write_opts_copy(&tsidx->opts, opts);
         if (tsidx->is_msidx) tsidx->opts.write_level = std::max(tsidx->opts.write_level, 4u);
-        tsidx_limits_t stored;
-        if (tsidx_read_params(path, &tsidx->stored_params) && deserialize_params(tsidx->stored_params.text, &stored)) {
-            tsidx->limits = tsidx_clamp_limits(stored);
-        }
+        tsidx_load_params(tsidx.get());
         return tsidx.release();
     } catch (const std::bad_alloc&) {
         return nullptr;

@@ -1,5 +1,5 @@
-// An index directory for writing: its limits, options, parameter file and marker, transactions, and the sync of its hot
-// slice into a new warm slice.
+// An index directory: its handle, limits, options, parameter file and marker, transactions, and the sync of its hot
+// slice into a new warm slice. How it is read: tsidx_read.h, tsidx_snapshot.h; deletes: tsidx_delete.h.
 //
 // A directory is used through one handle by one thread at a time. Several handles may write into one directory at once:
 // every file that a sync makes has a name of its own. A slice appears under its final name only by a link to a complete
@@ -10,6 +10,7 @@
 //   <latest>-<earliest>-<id>.tsidx     a slice
 //   ...-<id>.pre-tsidx                 a slice being written, or complete but not moved (st_tsidx_unmoved_slice)
 //   ...-<id>.<n>.<writer>.part-tsidx   a slice written in part mode
+//   <name of a slice>.deleted          hides that slice, whose events are all deleted (tsidx_delete.h)
 //   veldar-autogen-params.dat          tuned limits (tsidx_params.h)
 //   veldar-need-optimize.dat           marker: there is something to merge
 #pragma once
@@ -87,8 +88,8 @@ int st_tsidx_need_optimize(const TSIDX* tsidx);
 int st_tsidx_set_need_optimize(TSIDX* tsidx);
 int st_tsidx_clear_need_optimize(TSIDX* tsidx);
 
-// The failure of the last sync or transaction call that failed in the engine; code 0 after a call that succeeded or
-// that was refused with a hot-put result.
+// The failure of the last sync, transaction call, read or delete that failed in the engine; code 0 after one that
+// succeeded or that was refused with a hot-put result.
 const warm_rc_t* st_tsidx_last_failure(const TSIDX* tsidx);
 int st_tsidx_get_warm_rc(const TSIDX* tsidx);
 int st_tsidx_get_warm_errno(const TSIDX* tsidx);

@@ -10,6 +10,7 @@
 #include "libzero/xorshift128plus.h"
 #include "searchthing/hotslice.h"
 #include "searchthing/tsidx.h"
+#include "searchthing/tsidx_cache_internal.h"
 #include "searchthing/tsidx_params.h"
 
 namespace veldar {
@@ -48,6 +49,8 @@ struct st_tsidx {
     uint32_t parts_written = 0;
     ospath_buf unmoved;
     bool warned_about_addresses = false;
+
+    tsidx_cache cache;  // of slices open for reading
 };
 
 bool tsidx_is_writable(const TSIDX* tsidx);
@@ -57,6 +60,8 @@ uint32_t tsidx_writer_tag(const TSIDX* tsidx);
 int tsidx_ensure_hot(TSIDX* tsidx);
 // Syncs because of a full code and lets autotune learn from it: 0 or TSIDX_SYNC_FAILED.
 int tsidx_sync_full(TSIDX* tsidx, int code);
+// Takes the limits that the parameter file remembers; those of a directory without one are the defaults.
+void tsidx_load_params(TSIDX* tsidx);
 // Writes the parameter file when it would change. Failures are logged only: the next run starts with smaller limits.
 void tsidx_save_params(TSIDX* tsidx);
 

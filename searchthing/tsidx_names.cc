@@ -10,6 +10,7 @@ namespace {
 
 constexpr uint64_t KIND_REGULAR = 1;
 constexpr uint64_t KIND_MINIFIED = 2;
+constexpr uint64_t KIND_PART = 3;
 
 constexpr uint64_t MIB = 1048576;
 constexpr uint64_t MAX_SIZE_MIB = 4096;
@@ -30,10 +31,19 @@ bool take_number(std::string_view* text, T* out) {
     return true;
 }
 
-bool take_dash(std::string_view* text) {
-    if (!text->starts_with('-')) return false;
+bool take_char(std::string_view* text, char c) {
+    if (!text->starts_with(c)) return false;
     text->remove_prefix(1);
     return true;
+}
+bool take_dash(std::string_view* text) {
+    return take_char(text, '-');
+}
+
+std::string_view name_in_path(const char* path) {
+    std::string_view name = path;
+    name.remove_prefix(name.rfind('/') + 1);  // npos + 1 is 0
+    return name;
 }
 
 // Takes "<latest>-<earliest>-<id>" off the front; what follows is the caller's to judge.
@@ -81,8 +91,7 @@ bool st_write_level_is_valid(uint32_t level) {
 }
 
 int st_tsidx_file_parse(const char* path, st_filename_metadata_t* meta) {
-    std::string_view name = path;
-    name.remove_prefix(name.rfind('/') + 1);  // npos + 1 is 0
+    std::string_view name = name_in_path(path);
     st_filename_metadata_t found;
     if (!take_fields(&name, &found) || (name != TSIDX_SUFFIX && name != TSIDX_MINI_SUFFIX)) return 0;
     found.kind = KIND_REGULAR;
@@ -95,6 +104,28 @@ int st_mini_tsidx_file_parse(const char* name, st_filename_metadata_t* meta) {
     st_filename_metadata_t found;
     if (!take_fields(&text, &found) || text != TSIDX_MINI_SUFFIX) return 0;
     found.kind = KIND_MINIFIED;
+    *meta = found;
+    return 1;
+}
+
+int tsidx_part_file_parse(const char* path, st_filename_metadata_t* meta) {
+    std::string_view name = name_in_path(path);
+    st_filename_metadata_t found;
+    uint32_t number = 0, writer = 0;
+    if (!take_fields(&name, &found) || !take_char(&name, '.') || !take_number(&name, &number) ||
+        !take_char(&name, '.') || !take_number(&name, &writer) || name != TSIDX_PART_SUFFIX) {
+        return 0;
+    }
+    found.kind = KIND_PART;
+    *meta = found;
+    return 1;
+}
+
+int tsidx_pre_file_parse(const char* path, st_filename_metadata_t* meta) {
+    std::string_view name = name_in_path(path);
+    st_filename_metadata_t found;
+    if (!take_fields(&name, &found) || name != TSIDX_PRE_SUFFIX) return 0;
+    found.kind = KIND_REGULAR;
     *meta = found;
     return 1;
 }

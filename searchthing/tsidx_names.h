@@ -44,7 +44,7 @@ struct st_filename_metadata_t {
     st_time_t earliest = 0;
     st_time_t latest = 0;
     uint64_t id = 0;
-    uint64_t kind = 0;  // 1 regular, 2 minified, 0 unknown
+    uint64_t kind = 0;  // 1 regular, 2 minified, 3 part, 0 unknown
 };
 
 // The parsers take a sign before a time, digits that fit their field, and the suffix: no blanks, nothing else in
@@ -54,6 +54,10 @@ struct st_filename_metadata_t {
 int st_tsidx_file_parse(const char* path, st_filename_metadata_t* meta);
 // 1 (kind 2) when the whole string is "<latest>-<earliest>-<id>.mini.tsidx", else 0.
 int st_mini_tsidx_file_parse(const char* name, st_filename_metadata_t* meta);
+// 1 (kind 3) when the name after the last '/' is "<latest>-<earliest>-<id>.<n>.<writer>.part-tsidx", else 0.
+int tsidx_part_file_parse(const char* path, st_filename_metadata_t* meta);
+// 1 (kind 1) when the name after the last '/' is "<latest>-<earliest>-<id>.pre-tsidx", else 0.
+int tsidx_pre_file_parse(const char* path, st_filename_metadata_t* meta);
 
 inline constexpr char TSIDX_SUFFIX[] = ".tsidx";
 inline constexpr char TSIDX_MINI_SUFFIX[] = ".mini.tsidx";

@@ -1,0 +1,91 @@
+#include "searchthing/tsidx_list.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <tuple>
+
+namespace veldar {
+
+namespace {
+
+constexpr int MAX_LISTINGS = 16;
+constexpr useconds_t PAUSE_MICROSECONDS = 1000;
+
+struct directory_closer {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+bool newer(const tsidx_slice_name_t& a, const tsidx_slice_name_t& b) {
+    const auto key = [](const tsidx_slice_name_t& slice) {
+        return std::tie(slice.meta.latest, slice.meta.earliest, slice.meta.id, slice.name);
+    };
+    return key(a) > key(b);
+}
+
+// The live slices among the names, in order.
+tsidx_listing_t live_slices(const std::vector<std::string>& names) {
+    tsidx_listing_t live;
+    std::vector<std::string_view> hidden;
+    for (const std::string& name : names) {
+        st_filename_metadata_t meta;
+        if (name.ends_with(TSIDX_SENTINEL_SUFFIX)) {
+            hidden.push_back(std::string_view(name).substr(0, name.size() + 1 - sizeof TSIDX_SENTINEL_SUFFIX));
+        } else if (tsidx_is_slice_name(name.c_str(), &meta)) {
+            live.push_back({name, meta});
+        }
+    }
+    std::sort(hidden.begin(), hidden.end());
+    std::erase_if(live, [&hidden](const tsidx_slice_name_t& slice) {
+        return std::binary_search(hidden.begin(), hidden.end(), slice.name);
+    });
+    std::sort(live.begin(), live.end(), newer);
+    return live;
+}
+
+int list_once(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
+    std::vector<std::string> names;
+    ST_TRY(tsidx_read_names(directory, &names, rc));
+    *listing = live_slices(names);
+    return 0;
+}
+
+}  // namespace
+
+bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta) {
+    // By suffix first: a mini slice is no slice of the directory, whatever else its name says.
+    const std::string_view text = name;
+    if (text.ends_with(TSIDX_MINI_SUFFIX)) return false;
+    if (text.ends_with(TSIDX_SUFFIX)) return st_tsidx_file_parse(name, meta) != 0;
+    return text.ends_with(TSIDX_PART_SUFFIX) && tsidx_part_file_parse(name, meta) != 0;
+}
+
+int tsidx_read_names(const char* directory, std::vector<std::string>* names, warm_rc_t* rc) {
+    names->clear();
+    const std::unique_ptr<DIR, directory_closer> stream(::opendir(directory));
+    if (stream == nullptr) return _set_rc_msg(rc, WARM_RC_OPEN, directory);
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(stream.get());
+        if (entry == nullptr) return errno == 0 ? 0 : _set_rc_msg(rc, WARM_RC_READ, directory);
+        names->emplace_back(entry->d_name);
+    }
+}
+
+int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
+    ST_TRY(list_once(directory, listing, rc));
+    tsidx_listing_t again;
+    for (int i = 1; i < MAX_LISTINGS; i++) {
+        ST_TRY(list_once(directory, &again, rc));
+        if (again == *listing) return 0;
+        listing->swap(again);
+        ::usleep(PAUSE_MICROSECONDS);
+    }
+    return _set_rc_msg(rc, WARM_RC_RETRIES, "the directory changes faster than it can be listed");
+}
+
+}  // namespace veldar

@@ -1,0 +1,33 @@
+// What a read sees of an index directory: its live slices at one moment (tsidx_list.h), newest first.
+//
+// A slice that was listed may be gone when it is opened, because it was merged or deleted meanwhile; then what was read
+// so far is dropped and the read begins again with a new listing. A read on a writing handle syncs the handle's own hot
+// slice first, so that it sees what the handle has put.
+#pragma once
+
+#include <cstdint>
+
+#include "searchthing/tsidx.h"
+#include "searchthing/tsidx_names.h"
+#include "searchthing/warmslice.h"
+
+namespace veldar {
+
+// One slice of a snapshot, for the length of a visit.
+struct tsidx_slice_view_t {
+    const char* path;                    // with the directory
+    const st_filename_metadata_t* meta;  // of the name; kind 1, or 3 for a slice written in part mode
+    WARM* warm;                          // open for reading, owned by the directory
+};
+
+// Receives a slice and the caller's context; -1 stops the walk, any other result is added to the walk's total.
+using tsidx_slice_fn = int (*)(const tsidx_slice_view_t* slice, void* context);
+
+// Visits the slices whose names overlap [earliest, latest], by latest time descending. The total of the callback's
+// results, or -1 when it stopped the walk. All of the slices are open before the first visit, so that the walk is of
+// one moment: -4 with EMFILE when the process may not have that many descriptors. -4 and -8 when the directory cannot
+// be read, -35 when it does not hold still, TSIDX_SYNC_FAILED, -2, or the failure to open a slice; see
+// st_tsidx_last_failure, whose message names the path. The callback may read from the same directory.
+int64_t st_tsidx_apply_slices(TSIDX* tsidx, st_time_t earliest, st_time_t latest, tsidx_slice_fn fn, void* context);
+
+}  // namespace veldar
