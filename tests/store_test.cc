@@ -306,7 +306,7 @@ TEST(PutLine, FieldsAndWhatIsWrong) {
     EXPECT_EQ(event.txn.time, -5);
     EXPECT_EQ(event.txn.subsecond, 51u) << "(2 * 25 + 1) << 0";
     EXPECT_EQ(event.txn.address, 4294967295u);
-    EXPECT_EQ(event.txn.measure, 1500.0);
+    EXPECT_EQ(event.txn.seek_address, 1500.0);
     EXPECT_EQ(event.terms, (std::vector<std::string_view>{"a b", "c%"}));
     const char* const bad[] = {"",
                                "1\t2\t3",

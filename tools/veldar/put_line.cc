@@ -102,7 +102,8 @@ const char* put_line_parse(std::span<char> bytes, put_event* event) {
         return "the sourcetype is not a number below 2^31";
     }
     if (!parse_number(host, &txn->host) || txn->host >= NUMBERS_END) return "the host is not a number below 2^31";
-    if (!parse_number(measure, &txn->measure)) return "the measure is not a number";
+    // An event directory keeps the measure of a value in the record's seek address.
+    if (!parse_number(measure, &txn->seek_address)) return "the measure is not a number";
     return parse_terms(bytes.subspan(static_cast<size_t>(line.data() - bytes.data()), line.size()), &event->terms);
 }
 
