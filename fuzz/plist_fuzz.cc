@@ -9,7 +9,7 @@
 
 #include "libzero/endian.h"
 #include "searchthing/warmslice.h"
-#include "tests/support/slice_walk.h"
+#include "fuzz/slice_walk.h"
 
 using namespace veldar;
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "searchthing/warmslice.h"
-#include "tests/support/slice_walk.h"
+#include "fuzz/slice_walk.h"
 
 using namespace veldar;
 

@@ -6,15 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
 #include <limits>
 #include <set>
 
+#include "fuzz/slice_walk.h"
 #include "libzero/endian.h"
 #include "searchthing/warmslice_values.h"
 #include "tests/support/damage.h"
 #include "tests/support/forge.h"
-#include "tests/support/slice_walk.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -81,85 +80,62 @@ TEST(WarmSlice, RefusalsNameTheirReason) {
     const std::string good = forge_slice(forge_random_events(5, 60), options, &picture);
     const forge_offsets at = picture.at;
     const uint64_t last_entry = at.posting_offsets + 8 * (picture.terms.size() - 1);
+    const uint64_t whole = good.size(), entries = at.posting_offsets;
+    const char* past_the_file = "forward_body offset is beyond file size";
     const struct {
         const char* what;
-        std::function<void(std::string*)> damage;
-        int rdonly;
-        int rdwr;
+        uint64_t size;  // of what is left of the file
+        uint64_t at;    // where a word is set
+        uint32_t word;
+        int rdonly, rdwr;
         const char* rdwr_message;
     } cases[] = {
-        {"empty file", [](std::string* b) { b->clear(); }, WARM_RC_END_OF_FILE, WARM_RC_EMPTY_FILE, ""},
-        {"a few bytes", [](std::string* b) { b->resize(50); }, WARM_RC_SHORT_READ, WARM_RC_SHORT_READ,
-         "reading warm header"},
-        {"another file", [](std::string* b) { (*b)[0] = 'x'; }, WARM_RC_BAD_MAGIC, WARM_RC_BAD_MAGIC,
-         "header magic wrong"},
-        {"cut in the values", [&](std::string* b) { b->resize(at.m - 20); }, WARM_RC_NO_SECTION, WARM_RC_CORRUPT,
-         "forward_body offset is beyond file size"},
-        {"cut in the offsets", [&](std::string* b) { b->resize(at.posting_offsets + 8); }, WARM_RC_END_OF_FILE,
-         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
-        {"cut in the last offset", [&](std::string* b) { b->resize(last_entry + 5); }, WARM_RC_SHORT_READ,
-         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
-        {"cut in the metadata", [&](std::string* b) { b->resize(at.metadata + 5); }, WARM_RC_NO_LEXICON,
-         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
-        {"cut before the lexicon", [&](std::string* b) { b->resize(at.lexicon); }, WARM_RC_NO_LEXICON, WARM_RC_CORRUPT,
-         "num terms mismatch"},
-        {"another number of terms", [&](std::string* b) { set_be32(b, at.lexicon, 3); }, WARM_RC_FAILED,
-         WARM_RC_CORRUPT, "num terms mismatch"},
-        {"another reverse number", [&](std::string* b) { set_be32(b, at.reverse_lexicon, 3); }, WARM_RC_FAILED,
-         WARM_RC_CORRUPT, "reverse num terms"},
-        {"cut before the reverse lexicon", [&](std::string* b) { b->resize(at.reverse_lexicon); }, WARM_RC_NO_LEXICON,
-         WARM_RC_CORRUPT, "reverse num terms"},
-        {"no terms in a block", [&](std::string* b) { set_be32(b, at.lexicon + 4, 0); }, WARM_RC_NO_LEXICON,
-         WARM_RC_NO_MEMORY, "forward idx"},
-        {"lists past the file", [&](std::string* b) { set_be32(b, last_entry + 4, 0x7FFFFFFF); }, 0, WARM_RC_CORRUPT,
-         "plo_last_term is beyond file size"},
-        {"lists of all-ones", [&](std::string* b) { b->replace(last_entry, 8, 8, '\xFF'); }, WARM_RC_CORRUPT,
-         WARM_RC_CORRUPT, "plo last term"},
-        {"values past the file", [&](std::string* b) { set_be32(b, 8, 0xFFFFFFFF); }, WARM_RC_NO_SECTION,
-         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
-        {"companions past the file", [&](std::string* b) { set_be32(b, 36, 0xFFFFFFFF); }, WARM_RC_NO_SECTION,
-         WARM_RC_CORRUPT, "forward_body offset is beyond file size"},
-        {"nothing", [](std::string*) {}, 0, 0, ""},
+        {"empty file", 0, 0, 0, -49, -5, ""},
+        {"a few bytes", 50, whole, 0, -48, -48, "reading warm header"},
+        {"another file", whole, 0, 0, -13, -13, "header magic wrong"},
+        {"cut in the values", at.m - 20, whole, 0, -10, -12, past_the_file},
+        {"cut in the offsets", entries + 8, whole, 0, -49, -12, past_the_file},
+        {"cut in the last offset", last_entry + 5, whole, 0, -48, -12, past_the_file},
+        {"cut in the metadata", at.metadata + 5, whole, 0, -14, -12, past_the_file},
+        {"cut before the lexicon", at.lexicon, whole, 0, -14, -12, "num terms mismatch"},
+        {"no terms in a block", whole, at.lexicon + 4, 0, -14, -2, "forward idx"},
+        {"cut before the reverse lexicon", at.reverse_lexicon, whole, 0, -14, -12, "reverse num terms"},
+        {"another reverse number", whole, at.reverse_lexicon, 3, -1, -12, "reverse num terms"},
+        {"lists past the file", whole, last_entry + 4, 0x7FFFFFFF, 0, -12, "plo_last_term is beyond file size"},
+        {"values past the file", whole, 8, 0xFFFFFFFF, -10, -12, past_the_file},
+        {"companions past the file", whole, 36, 0xFFFFFFFF, -10, -12, past_the_file},
+        {"nothing", whole, whole, 0, 0, 0, ""},
     };
     const memory_file file;
-    for (const auto& c : cases) {
-        std::string bytes = good;
-        c.damage(&bytes);
+    const auto expect = [&](const std::string& bytes, int rdonly, int rdwr, const char* rdwr_message) {
         for (const open_fn open : OPENS) {
-            SCOPED_TRACE(std::string(c.what) + (open == st_warm_slice_open_rdwr ? " read-write" : " read-only"));
+            const bool writes = open == st_warm_slice_open_rdwr;
             warm_rc_t rc;
             WARM* warm = file.open(open, bytes, &rc);
-            const int expected = open == st_warm_slice_open_rdwr ? c.rdwr : c.rdonly;
-            EXPECT_EQ(rc.warm_rc, expected) << rc.message;
-            EXPECT_EQ(warm != nullptr, expected == 0);
-            if (warm == nullptr) {
-                if (open == st_warm_slice_open_rdwr) {
-                    EXPECT_STREQ(rc.message, c.rdwr_message);
-                }
-                continue;
-            }
+            EXPECT_EQ(rc.warm_rc, writes ? rdwr : rdonly) << rc.message;
+            EXPECT_EQ(warm != nullptr, rc.warm_rc == 0);
+            EXPECT_STREQ(writes ? rc.message : rdwr_message, rdwr_message);
+            if (warm == nullptr) continue;
             walk_slice(warm);
             EXPECT_EQ(st_warm_slice_close(warm), 0);
         }
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string bytes = good.substr(0, c.size);
+        if (c.at < c.size) set_be32(&bytes, c.at, c.word);
+        expect(bytes, c.rdonly, c.rdwr, c.rdwr_message);
     }
-    // Without a reverse lexicon, which is missed first, the count itself is named.
-    const forge_options plain = forge_as_created(4);
-    std::string fewer = forge_slice(forge_random_events(5, 60), plain, &picture);
+    expect(std::string(good).replace(last_entry, 8, 8, '\xFF'), -12, -12, "plo last term");
+
+    const std::string plain = forge_slice(forge_random_events(5, 60), forge_as_created(4), &picture);
+    std::string fewer = plain;
     set_be32(&fewer, picture.at.lexicon, 3);
-    for (const open_fn open : OPENS) {
-        warm_rc_t rc;
-        EXPECT_EQ(file.open(open, fewer, &rc), nullptr);
-        EXPECT_EQ(rc.warm_rc, open == st_warm_slice_open_rdwr ? WARM_RC_CORRUPT : WARM_RC_NO_LEXICON);
-        EXPECT_STREQ(rc.message, "num terms mismatch");
-    }
-    std::string preambles = forge_slice(forge_random_events(5, 60), forge_as_created(4));
+    expect(fewer, -14, -12, "num terms mismatch");
+    std::string preambles = plain;
     preambles[79] = WARM_FLAG_PREAMBLES;
     set_be32(&preambles, 96, 61);
-    for (const open_fn open : OPENS) {
-        warm_rc_t rc;
-        EXPECT_EQ(file.open(open, preambles, &rc), nullptr);
-        EXPECT_STREQ(rc.message, "more preambles than values");
-    }
+    expect(preambles, -12, -12, "more preambles than values");
 }
 
 TEST(WarmSlice, PathsAndNames) {
@@ -289,31 +265,6 @@ TEST(WarmSlice, DeletesChangeOneByteAndAreSeenByReaders) {
         expected[picture.at.d + 5] = static_cast<char>(expected[picture.at.d + 5] | 1 << 3);
         EXPECT_EQ(read_file(path), expected);
     }
-}
-
-TEST(WarmSlice, ValuesEncodedInMemoryMatchTheForge) {
-    const std::vector<forge_event> events = forge_random_events(4, 70);
-    forge_picture picture;
-    const std::string forged = forge_slice(events, forge_as_created(4), &picture);
-    WARM warm;
-    warm_rc_t rc;
-    ASSERT_TRUE(warm.owned.alloc(forged.size()));
-    std::memcpy(warm.owned.data(), forged.data(), sizeof(st_warm_slice_body));
-    warm.writable = true;
-    ASSERT_EQ(_populate_warm_handle_common(&warm, warm.owned.data(), &rc), 0);
-    for (uint32_t id = 0; id < picture.values.size(); id++) {
-        const forge_event& event = picture.values[id];
-        st_tsval value = {};
-        value.time = event.time;
-        value.address = event.address;
-        value.measure = event.measure + 0.75;
-        value.s = event.deleted ? ST_DELETED_SOURCE : event.s;
-        value.st = event.st;
-        value.h = event.h;
-        _encode_tsval(&warm, id, &value);
-    }
-    const std::string made(reinterpret_cast<const char*>(warm.owned.data()), picture.at.posting_offsets);
-    EXPECT_EQ(made, forged.substr(0, made.size()));
 }
 
 // Whatever happens to a small file, it opens with a listed status or opens and can be used without harm.
