@@ -38,5 +38,9 @@ void add_put_command(CLI::App* app, tool_context* context);
 void add_load_command(CLI::App* app, tool_context* context);
 void add_search_command(CLI::App* app, tool_context* context);
 void add_count_command(CLI::App* app, tool_context* context);
+void add_terms_command(CLI::App* app, tool_context* context);
+void add_fields_command(CLI::App* app, tool_context* context);
+void add_seen_command(CLI::App* app, tool_context* context);
+void add_explain_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

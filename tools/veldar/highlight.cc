@@ -80,7 +80,7 @@ highlighter highlight_of(const std::vector<query_plan>& plans) {
     for (const query_plan& plan : plans) {
         want_literals(&wanted, plan.native);
         for (const raw_pattern& pattern : plan.holds) {
-            wanted.texts.insert(wanted.texts.end(), pattern.pieces.begin(), pattern.pieces.end());
+            for (const raw_piece& piece : pattern.pieces) wanted.texts.push_back(piece.text);
         }
     }
     return wanted;

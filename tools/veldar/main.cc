@@ -1,9 +1,13 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "searchthing/st_init.h"
 #include "tools/veldar/command.h"
+#include "tools/veldar/query_input.h"
 
 namespace {
 
@@ -19,8 +23,15 @@ int run(int argc, char** argv) {
     veldar::add_load_command(&app, &context);
     veldar::add_search_command(&app, &context);
     veldar::add_count_command(&app, &context);
+    veldar::add_terms_command(&app, &context);
+    veldar::add_fields_command(&app, &context);
+    veldar::add_seen_command(&app, &context);
+    veldar::add_explain_command(&app, &context);
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> arguments(argv + 1, argv + argc);
+        veldar::query_protect_words(&arguments);
+        std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? veldar::EXIT_DONE : veldar::EXIT_USAGE;
     }

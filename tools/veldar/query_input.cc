@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <ctime>
 
@@ -60,7 +61,49 @@ st_timeval_t time_of(const char* option, const std::string& text, log_zone* zone
     return time;
 }
 
+// Options whose value is the next argument.
+bool takes_value(std::string_view argument) {
+    static constexpr std::array<std::string_view, 15> OPTIONS = {
+        "-s", "--store",   "-n",      "--limit", "-A",   "--after-context", "-B",     "--before-context",
+        "-C", "--context", "--since", "--until", "--tz", "--format",        "--color"};
+    return std::find(OPTIONS.begin(), OPTIONS.end(), argument) != OPTIONS.end();
+}
+
+// Whether an argument that begins with "-" can be an option: a long one, flags, or a letter with its value.
+bool is_option(std::string_view argument) {
+    const std::string_view rest = argument.substr(2);
+    switch (argument[1]) {
+        case '-':
+            return true;
+        case 'h':
+        case 'r':
+            return rest.find_first_not_of("hr") == std::string_view::npos;
+        case 'n':
+        case 'A':
+        case 'B':
+        case 'C':
+            return rest.find_first_not_of("0123456789") == std::string_view::npos;
+        case 's':
+            return rest.empty() || rest[0] == '/' || rest[0] == '.';
+        default:
+            return false;
+    }
+}
+
 }  // namespace
+
+void query_protect_words(std::vector<std::string>* arguments) {
+    static constexpr std::array<std::string_view, 3> COMMANDS = {"search", "count", "explain"};
+    const auto command = std::find_first_of(arguments->begin(), arguments->end(), COMMANDS.begin(), COMMANDS.end());
+    if (command == arguments->end()) return;
+    for (auto one = command + 1; one != arguments->end() && *one != "--"; ++one) {
+        if (takes_value(*one)) {
+            if (++one == arguments->end()) return;
+        } else if (one->size() > 1 && one->front() == '-' && !is_option(*one)) {
+            one->insert(0, 1, ' ');
+        }
+    }
+}
 
 void add_query_options(CLI::App* command, query_options* options) {
     command->add_option("QUERY", options->words, "Words, field=value, \"phrases\", *, OR, NOT, ( )")->required();
@@ -76,7 +119,10 @@ bool prepared_query::needs_raw() const {
 
 prepared_query query_prepare(const query_options& options) {
     prepared_query query;
-    for (const std::string& word : options.words) query.text += (query.text.empty() ? "" : " ") + word;
+    for (const std::string& word : options.words) {
+        query.text += query.text.empty() ? "" : " ";
+        query.text += word.starts_with(" -") ? word.substr(1) : word;
+    }
     query.plans = plans_of(query.text, options.native);
     log_zone zone;
     if (!log_zone_from_name(options.zone, &zone)) throw tool_failure{EXIT_USAGE, "unknown time zone " + options.zone};

@@ -56,7 +56,10 @@ query_node phrase_node(std::string_view text) {
     size_t begin = 0;
     while (begin <= folded.size()) {
         const size_t end = std::min(folded.find('*', begin), folded.size());
-        if (end > begin) node.pattern.pieces.push_back(folded.substr(begin, end - begin));
+        if (end > begin) {
+            node.pattern.pieces.push_back({folded.substr(begin, end - begin), begin == 0 && is_token(folded[begin]),
+                                           end == folded.size() && is_token(folded[end - 1])});
+        }
         begin = end + 1;
     }
     std::string whole;  // the text without the words that touch a "*"
@@ -267,6 +270,7 @@ class query_parser {
         const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return is_token(c) || c == '*'; });
         const bool star = text.find('*') != std::string::npos;
         const std::string folded = fold_value(text);
+        if (!quoted && text.find_first_not_of('*') == std::string::npos) return query_node();
         if (!quoted && plain && star) return literal_node(folded);
         term_set words;
         term_set_add_text(&words, text);
@@ -300,7 +304,7 @@ std::string escape(const std::string& literal) {
 }
 
 std::string bracket(std::string_view op, const std::string& inside) {
-    return "[" + std::string(op) + " " + inside + "]";
+    return "[" + std::string(op) + (inside.empty() ? "" : " ") + inside + "]";
 }
 
 // The opposite of a comparison also holds for events without the field.
@@ -320,12 +324,23 @@ bool holds_phrase(const query_node& node) {
 }
 
 // The bracket text of a node without phrases, as it stands inside a group.
+std::string native_text(const query_node& node);
+
+std::string children_text(const query_node& node) {
+    std::string inside;
+    for (const query_node& child : node.children) inside += (inside.empty() ? "" : " ") + native_text(child);
+    return inside;
+}
+
 std::string native_text(const query_node& node) {
     if (node.kind == node_kind::literal) return node.negated ? bracket("NOT", escape(node.text)) : escape(node.text);
     if (node.kind == node_kind::comparison) return comparison_text(node);
-    std::string inside;
-    for (const query_node& child : node.children) inside += (inside.empty() ? "" : " ") + native_text(child);
-    return bracket(node.kind == node_kind::any ? "OR" : "AND", inside);
+    return bracket(node.kind == node_kind::any ? "OR" : "AND", children_text(node));
+}
+
+// The same as it stands directly inside an AND group.
+std::string items_text(const query_node& node) {
+    return node.kind == node_kind::all ? children_text(node) : native_text(node);
 }
 
 // The conditions of one plan before they are put into one group.
@@ -385,23 +400,45 @@ std::vector<conjunction> sum(const query_node& node) {
         }
         for (conjunction& one : conjunctions_of(child)) out.push_back(std::move(one));
     }
-    if (!indexed.children.empty()) out.push_back({native_text(indexed), {}, {}});
+    if (indexed.children.size() == 1) indexed = query_node(std::move(indexed.children.front()));
+    if (indexed.kind != node_kind::any || !indexed.children.empty()) out.push_back({items_text(indexed), {}, {}});
     if (out.size() > MAX_PLANS) throw query_error{0, "fewer alternatives with quoted phrases"};
     return out;
 }
 
 std::vector<conjunction> conjunctions_of(const query_node& node) {
     if (node.kind == node_kind::phrase) return {phrase_conjunction(node)};
-    if (!holds_phrase(node)) return {{native_text(node), {}, {}}};
+    if (!holds_phrase(node)) return {{items_text(node), {}, {}}};
     return node.kind == node_kind::all ? product(node) : sum(node);
+}
+
+bool is_edge(char c) {
+    return c == '_' || c == '.' || c == '-';
+}
+
+// Whether the occurrence at [begin, end) of the line stands at the ends of words, as the piece asks: of a run of token
+// characters those at its ends that are '_', '.' or '-' do not belong to the word.
+bool stands_whole(std::string_view line, size_t begin, size_t end, const raw_piece& piece) {
+    if (piece.whole_begin) {
+        while (begin > 0 && is_edge(line[begin - 1])) begin--;
+        if (begin > 0 && is_token(line[begin - 1])) return false;
+    }
+    if (piece.whole_end) {
+        while (end < line.size() && is_edge(line[end])) end++;
+        if (end < line.size() && is_token(line[end])) return false;
+    }
+    return true;
 }
 
 bool line_holds(std::string_view line, const raw_pattern& pattern) {
     size_t from = 0;
-    for (const std::string& piece : pattern.pieces) {
-        const size_t at = line.find(piece, from);
+    for (const raw_piece& piece : pattern.pieces) {
+        size_t at = line.find(piece.text, from);
+        while (at != std::string_view::npos && !stands_whole(line, at, at + piece.text.size(), piece)) {
+            at = line.find(piece.text, at + 1);
+        }
         if (at == std::string_view::npos) return false;
-        from = at + piece.size();
+        from = at + piece.text.size();
     }
     return true;
 }
@@ -423,14 +460,10 @@ bool record_holds(std::string_view record, const raw_pattern& pattern) {
 std::vector<query_plan> translate_query(std::string_view text) {
     if (const size_t nul = text.find('\0'); nul != std::string_view::npos) throw query_error{nul, "a text without NUL"};
     const query_node root = query_parser(text).parse();
+    if (root.kind == node_kind::any && !holds_phrase(root)) return {{native_text(root), {}, {}}};
     std::vector<query_plan> plans;
     for (conjunction& one : conjunctions_of(root)) {
-        const bool grouped = one.items.starts_with("[AND ") && one.items.ends_with("]") &&
-                             root.kind == node_kind::all && !holds_phrase(root);
-        plans.push_back({grouped             ? one.items
-                         : one.items.empty() ? "[AND]"
-                                             : bracket("AND", one.items),
-                         std::move(one.holds), std::move(one.lacks)});
+        plans.push_back({bracket("AND", one.items), std::move(one.holds), std::move(one.lacks)});
     }
     return plans;
 }

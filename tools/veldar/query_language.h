@@ -7,7 +7,7 @@
 //   phrase      = '"' text '"'
 //
 // Words and values are folded as at load. What the index cannot decide alone (a phrase, a word with characters that no
-// term has) becomes its words in the index and a check of the raw record.
+// term has) becomes its words in the index and a check of the raw record. The word "*" alone is every event.
 #pragma once
 
 #include <cstddef>
@@ -17,9 +17,17 @@
 
 namespace veldar {
 
-// A check of the raw record: one of its lines holds the pieces in this order, letters folded.
+// A part of a phrase between two "*". Where it begins or ends with a word, the record's word begins or ends there too,
+// unless a "*" touches it.
+struct raw_piece {
+    std::string text;  // folded
+    bool whole_begin = false;
+    bool whole_end = false;
+};
+
+// A check of the raw record: it holds the piece, or one of its lines holds the pieces in this order, letters folded.
 struct raw_pattern {
-    std::vector<std::string> pieces;
+    std::vector<raw_piece> pieces;
 };
 
 // One search to run: events that the bracket text selects, and whose raw record passes the checks.

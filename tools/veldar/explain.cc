@@ -1,0 +1,203 @@
+// veldar explain: how a query is understood, and what each slice does to answer it.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <functional>
+#include <vector>
+
+#include "searchthing/warmslice_search.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/event_output.h"
+#include "tools/veldar/query_input.h"
+#include "tools/veldar/slices.h"
+#include "tools/veldar/store.h"
+#include "tools/veldar/text_output.h"
+
+namespace veldar {
+
+namespace {
+
+struct explain_options {
+    query_options query;
+    uint64_t limit = 0;  // 0: all
+};
+
+struct slice_work {
+    uint64_t answers = 0;
+    search_report_t report;
+    st_query_info_t info;
+    double milliseconds = 0;
+};
+
+struct explanation {
+    const prepared_query* query = nullptr;
+    uint64_t limit = 0;
+    text_output out;
+    troubles trouble;
+    std::vector<st_tsval> answers;
+    std::vector<st_time_t> newest;  // a heap of the newest `limit` answers, the oldest of them first
+    slice_work total;
+};
+
+std::string pattern_text(const raw_pattern& pattern) {
+    std::string text;
+    for (const raw_piece& piece : pattern.pieces) text += (text.empty() ? "\"" : "\", then \"") + piece.text;
+    return text + "\"";
+}
+
+void print_plan(explanation* e, const query_plan& plan, size_t number) {
+    output_put(&e->out, "plan " + std::to_string(number + 1) + "  " + plan.native + "\n");
+    for (const raw_pattern& pattern : plan.holds) {
+        output_put(&e->out, "        and the raw text holds " + pattern_text(pattern) + "\n");
+    }
+    for (const raw_pattern& pattern : plan.lacks) {
+        output_put(&e->out, "        and the raw text does not hold " + pattern_text(pattern) + "\n");
+    }
+}
+
+void print_query(explanation* e) {
+    const st_query_spec& bounds = e->query->bounds;
+    output_put(&e->out, "query   " + e->query->text + "\n");
+    if (bounds.earliest.time_s != INT_MIN) {
+        output_put(&e->out, "since   " + event_time_text(bounds.earliest.time_s, bounds.earliest.time_ns) + "\n");
+    }
+    if (bounds.latest.time_s != INT_MAX) {
+        output_put(&e->out, "up to   " + event_time_text(bounds.latest.time_s, bounds.latest.time_ns) + "\n");
+    }
+}
+
+std::string slice_name(const slice_set& slices, const slice_file& file) {
+    return slices.directories[file.directory].name + file.path.substr(file.path.rfind('/'));
+}
+
+void print_row(explanation* e, const slice_work& work, const std::string& name) {
+    char row[160];
+    const int size = std::snprintf(
+        row, sizeof row, "%9llu %6llu %6llu %10llu %9llu %7u %9.3f  ", static_cast<unsigned long long>(work.answers),
+        static_cast<unsigned long long>(work.report.lists_read), static_cast<unsigned long long>(work.info.reads),
+        static_cast<unsigned long long>(work.info.bytes), static_cast<unsigned long long>(work.report.values_decoded),
+        work.report.windows, work.milliseconds);
+    output_put(&e->out, std::string_view(row, static_cast<size_t>(size)));
+    output_put(&e->out, name + "\n");
+}
+
+void print_untouched(explanation* e, const std::string& name, const char* why) {
+    char row[160];
+    const int size =
+        std::snprintf(row, sizeof row, "%9s %6s %6s %10s %9s %7s %9s  ", "-", "-", "-", "-", "-", "-", "-");
+    output_put(&e->out, std::string_view(row, static_cast<size_t>(size)));
+    output_put(&e->out, name + ": " + why + "\n");
+}
+
+const char* remark(const slice_work& work) {
+    if (work.report.range_begin == work.report.range_end) return ": no event within the time bounds";
+    const bool nothing_read = work.answers == 0 && work.report.lists_read == 0;
+    return nothing_read ? ": a term is missing, or terms are never there at one time" : "";
+}
+
+// Whether the newest answers wanted are all later than anything in the slice.
+bool is_needed(const explanation& e, const slice_file& file) {
+    return e.limit == 0 || e.newest.size() < e.limit || file.latest >= e.newest.front();
+}
+
+void note_answers(explanation* e, int found) {
+    for (int i = 0; e->limit != 0 && i < found; i++) {
+        e->newest.push_back(e->answers[static_cast<size_t>(i)].time);
+        std::push_heap(e->newest.begin(), e->newest.end(), std::greater<>());
+        if (e->newest.size() <= e->limit) continue;
+        std::pop_heap(e->newest.begin(), e->newest.end(), std::greater<>());
+        e->newest.pop_back();
+    }
+}
+
+// Searches one slice and accounts for it; false after a failure, which has been told.
+bool search_slice(explanation* e, const slice_file& file, const query_plan& plan, slice_work* work) {
+    const auto begun = std::chrono::steady_clock::now();
+    warm_ptr warm;
+    std::string error;
+    if (slice_open(file, &warm, &error) != SLICE_OPEN) {
+        troubles_add(&e->trouble, error.empty() ? file.path + ": vanished" : error);
+        return false;
+    }
+    const uint64_t values = st_warm_slice_values(warm.get());
+    const auto capacity = static_cast<uint32_t>(e->limit == 0 ? values : std::min(e->limit, values));
+    if (e->answers.size() < capacity) e->answers.resize(capacity);
+    st_query_spec query = query_of_plan(*e->query, plan);
+    query.info = &work->info;
+    warm_rc_t rc;
+    const int found = warm_slice_search(warm.get(), &query, e->answers.data(), capacity, true, &work->report, &rc);
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begun;
+    work->milliseconds = took.count();
+    if (found < 0) {
+        troubles_add(&e->trouble, slice_error(file, rc));
+        return false;
+    }
+    work->answers = static_cast<uint64_t>(found);
+    note_answers(e, found);
+    return true;
+}
+
+void add_work(slice_work* total, const slice_work& work) {
+    total->answers += work.answers;
+    total->report.lists_read += work.report.lists_read;
+    total->report.values_decoded += work.report.values_decoded;
+    total->report.windows += work.report.windows;
+    total->info.reads += work.info.reads;
+    total->info.bytes += work.info.bytes;
+    total->milliseconds += work.milliseconds;
+}
+
+void explain_plan(explanation* e, const slice_set& slices, const query_plan& plan) {
+    output_put(&e->out, "\n  answers  lists  reads      bytes    values windows        ms  slice\n");
+    e->newest.clear();
+    for (const slice_file& file : slices.files) {
+        const std::string name = slice_name(slices, file);
+        if (!slice_meets_bounds(file, e->query->bounds)) {
+            print_untouched(e, name, "outside the time bounds by its name");
+            continue;
+        }
+        if (!is_needed(*e, file)) {
+            print_untouched(e, name, "older than the answers wanted");
+            continue;
+        }
+        slice_work work;
+        if (!search_slice(e, file, plan, &work)) {
+            print_untouched(e, name, "cannot be read");
+            continue;
+        }
+        print_row(e, work, name + remark(work));
+        add_work(&e->total, work);
+        output_end_record(&e->out);
+    }
+}
+
+int explain_run(const tool_context& context, const explain_options& options) {
+    const prepared_query query = query_prepare(options.query);
+    const slice_set slices = slices_list(store_choose(context.store));
+    explanation e;
+    e.query = &query;
+    e.limit = options.limit;
+    output_open(&e.out, "never");
+    for (const std::string& error : slices.errors) troubles_add(&e.trouble, error);
+    print_query(&e);
+    for (size_t i = 0; i < query.plans.size(); i++) print_plan(&e, query.plans[i], i);
+    for (const query_plan& plan : query.plans) explain_plan(&e, slices, plan);
+    print_row(&e, e.total, "in all");
+    output_flush(&e.out);
+    return answer_status(e.total.answers > 0, e.trouble);
+}
+
+}  // namespace
+
+void add_explain_command(CLI::App* app, tool_context* context) {
+    static explain_options options;
+    CLI::App* explain = app->add_subcommand("explain", "Tell how a query is understood and what it costs");
+    add_query_options(explain, &options.query);
+    explain->add_option("-n,--limit", options.limit, "As for search: the newest events only")
+        ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+    explain->callback([context] { context->status = explain_run(*context, options); });
+}
+
+}  // namespace veldar
