@@ -42,5 +42,7 @@ void add_terms_command(CLI::App* app, tool_context* context);
 void add_fields_command(CLI::App* app, tool_context* context);
 void add_seen_command(CLI::App* app, tool_context* context);
 void add_explain_command(CLI::App* app, tool_context* context);
+void add_fsck_command(CLI::App* app, tool_context* context);
+void add_info_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

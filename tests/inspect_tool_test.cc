@@ -1,0 +1,343 @@
+// The commands that show what is inside of slices: fsck, info.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "searchthing/tsidx.h"
+#include "tests/support/damage.h"
+#include "tests/support/forge.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/run_tool.h"
+#include "tests/support/temp_dir.h"
+#include "tools/veldar/fsck_slice.h"
+
+namespace veldar {
+namespace {
+
+const std::string TOOL = "veldar/veldar";
+
+std::string fsck_image(const slice_image& image) {
+    fsck_report report;
+    fsck_slice(image, &report);
+    std::string out;
+    for (const fsck_finding& finding : report.findings) out += fsck_finding_text(finding) + "\n";
+    EXPECT_EQ(out.empty(), report.total == 0);
+    return out;
+}
+
+std::string fsck_text(const std::string& path) {
+    slice_image image;
+    std::string error;
+    EXPECT_EQ(slice_image_open(path, &image, &error), IMAGE_OPEN) << error;
+    return fsck_image(image);
+}
+
+// Without a file, which the file system would make slow. The name counts.
+std::string fsck_bytes(const std::string& bytes, const std::string& name) {
+    slice_image image;
+    slice_image_from_bytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, name, &image);
+    return fsck_image(image);
+}
+
+TEST(Fsck, EveryForgedKindIsClean) {
+    const temp_dir dir;
+    uint64_t id = 0;
+    for (const uint32_t count : {1u, 3u, 700u}) {
+        const std::vector<forge_event> events = forge_random_events(count, count);
+        for (forge_options options : forge_all_kinds()) {
+            options.pad_to_8 = id % 2 == 0;
+            const std::string path = forge_file(dir.path(), events, options, ++id);
+            EXPECT_EQ(fsck_text(path), "") << options.name();
+        }
+    }
+    std::vector<forge_event> kept = forge_random_events(9, 20);
+    for (forge_event& event : kept) event.deleted = false;
+    forge_options mini, bare;
+    mini.mini = true;
+    bare.companions = false;
+    bare.bare_terms = {"none", ""};
+    EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, mini)), "");
+    EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, bare, ++id)), "");
+}
+
+TEST(Fsck, CreatedSlicesAreClean) {
+    for (uint32_t level = 1; level <= 4; level++) {
+        for (const bool streaming : {false, true}) {
+            const temp_dir dir;
+            std::vector<forge_event> events = forge_random_events(level, 500);
+            if (streaming) sort_by_arrival(&events);
+            TSWRITEOPTS opts;
+            st_tsidx_write_opts_init_write_level(&opts, level);
+            TSIDX* const tsidx = st_tsidx_open(dir.path().c_str(), streaming, 0, &opts, TSIDX_ORDINARY_WRITER);
+            for (const forge_event& event : events) ASSERT_EQ(put_event(tsidx, event), 0);
+            ASSERT_EQ(st_tsidx_close(tsidx), 0);
+            ASSERT_FALSE(files_in(dir.path(), ".tsidx").empty());
+            for (const std::string& name : files_in(dir.path(), ".tsidx")) {
+                EXPECT_EQ(fsck_text(name), "") << "level " << level;
+            }
+        }
+    }
+}
+
+// A slice whose bytes are known by heart. Values 0 to 20, newest first:
+//
+//   term      numbers          coded as
+//   0 a       all              00 00 14       RLE
+//   1 burst   10 to 13, 20     0A 00 03 07    RLE
+//   2 burst2  the same                        DEDUP of 1
+//   3 solo    7                               SPO
+//   4 zed     10 to 13, 20     0A 0F 04       BMAP
+//
+// Lexicon blocks: 01 "a", 00 05 "burst", 05 "2" and 04 "solo", 00 03 "zed".
+struct known_slice {
+    std::string bytes;
+    forge_picture picture;
+};
+
+known_slice make_known(uint64_t wflags = FORGE_TAG2, const std::string& magic = "_TSIDX9") {
+    std::vector<forge_event> events;
+    for (uint32_t i = 0; i <= 20; i++) {
+        const uint32_t number = 20 - i;
+        forge_event event{.time = static_cast<int32_t>(1000 + i), .address = 500 + i, .s = 1, .terms = {"a"}};
+        const bool burst = (number >= 10 && number <= 13) || number == 20;
+        if (burst) event.terms.insert(event.terms.end(), {"burst", "burst2", "zed"});
+        if (number == 7) event.terms.push_back("solo");
+        events.push_back(event);
+    }
+    forge_options options;
+    options.magic = magic;
+    options.wflags = wflags;
+    options.tperb = 3;
+    options.lists = forge_lists::rle;
+    if (wflags & FORGE_TAG2) {
+        options.forced = {{"burst", forge_encoding::rle},
+                          {"burst2", forge_encoding::dedup},
+                          {"solo", forge_encoding::spo},
+                          {"zed", forge_encoding::bmap}};
+    }
+    known_slice slice;
+    slice.bytes = forge_slice(events, options, &slice.picture);
+    return slice;
+}
+
+struct planted {
+    const char* section;
+    const char* what;  // what fsck must say of it
+    std::function<void(known_slice*)> plant;
+    uint64_t wflags = FORGE_TAG2;
+    const char* magic = "_TSIDX9";
+    const char* name = "1020-1000-1.tsidx";
+};
+
+void put_be(std::string* bytes, uint64_t at, uint64_t value, uint32_t size) {
+    for (uint32_t i = 0; i < size; i++) (*bytes)[at + i] = static_cast<char>(value >> (8 * (size - 1 - i)));
+}
+
+enum place_t { HEADER, VALUES, S, H, OFFSETS, METADATA, LEXICON, LISTS, DIMSETS };
+
+uint64_t offset_of(const known_slice& slice, place_t place) {
+    const forge_offsets& at = slice.picture.at;
+    const uint64_t offsets[] = {0,           at.values,  at.s,        at.h,      at.posting_offsets,
+                                at.metadata, at.lexicon, at.postings, at.dimsets};
+    return offsets[place];
+}
+
+// Sets `size` bytes at an offset of a section to a big-endian number.
+std::function<void(known_slice*)> set(place_t place, uint64_t at, uint64_t value, uint32_t size = 1) {
+    return [=](known_slice* slice) { put_be(&slice->bytes, offset_of(*slice, place) + at, value, size); };
+}
+
+std::function<void(known_slice*)> cut(place_t place, uint64_t at) {
+    return [=](known_slice* slice) { slice->bytes.resize(offset_of(*slice, place) + at); };
+}
+
+std::function<void(known_slice*)> append(const std::string& bytes) {
+    return [=](known_slice* slice) { slice->bytes += bytes; };
+}
+
+std::function<void(known_slice*)> both(std::function<void(known_slice*)> a, std::function<void(known_slice*)> b) {
+    return [=](known_slice* slice) { a(slice), b(slice); };
+}
+
+const std::function<void(known_slice*)> NOTHING = [](known_slice*) {};
+
+const std::vector<planted>& planted_faults() {
+    static const std::vector<planted> faults = {
+        {"header", "cut off", cut(HEADER, 119)},
+        {"header", "unknown magic", set(HEADER, 6, '5')},
+        {"header", "d_nbits is not 1", set(HEADER, 56, 2, 4)},
+        {"header", "companion wider than 31 bits", set(HEADER, 44, 32, 4)},
+        {"header", "size of a companion array", set(HEADER, 32, 4, 4)},
+        {"header", "companion array beyond 2^32 bits", both(set(HEADER, 8, 0x80000001, 4), set(HEADER, 44, 2, 4))},
+        {"header", "reserved byte is not zero", set(HEADER, 69, 1)},
+        {"header", "reserved byte is not zero", set(HEADER, 119, 1)},
+        {"header", "unknown flags", set(HEADER, 79, 0x88)},
+        {"header", "earliest is after latest", set(HEADER, 60, 1021, 4)},
+        {"header", "earliest is not the last value's time", set(HEADER, 60, 999, 4)},
+        {"header", "latest is not the first value's time", set(HEADER, 64, 1021, 4)},
+        {"header", "smallest address above the largest", set(HEADER, 80, 521, 4)},
+        {"header", "more preambles than values", both(set(HEADER, 79, 0x0C), set(HEADER, 96, 22, 4))},
+        {"header", "dimension sets in a slice of events", set(HEADER, 96, 1, 4)},
+        {"header", "column store in a slice of events", set(HEADER, 95, 1)},
+        {"header", "no terms", set(HEADER, 16, 0, 4)},
+        {"header", "postings without values", set(HEADER, 8, 0, 4)},
+        {"header", "num_postings is not what the lists hold: 36, lists 37", set(HEADER, 12, 36, 4)},
+        {"name", "not <latest>-<earliest>-<id>.tsidx", NOTHING, FORGE_TAG2, "_TSIDX9", "1020-1000.tsidx"},
+        {"name", "times differ from the header's", NOTHING, FORGE_TAG2, "_TSIDX9", "1021-1000-1.tsidx"},
+        {"name", "times differ from the values'", NOTHING, 0, "Veldar6", "1020-999-1.tsidx"},
+        {"name", "an ordinary name, but only the values are there", cut(OFFSETS, 0)},
+        {"name", "the name of a mini slice", NOTHING, FORGE_TAG2, "_TSIDX9", "1020-1000-1.mini.tsidx"},
+        {"values", "values are not newest first: value 3 at 1020 behind 1018", set(VALUES, 24, 1020, 4)},
+        {"values", "time outside the header's: value 0: 1021", set(VALUES, 0, 1021, 4)},
+        {"values", "address outside the header's: value 20: 499", set(VALUES, 164, 499, 4)},
+        {"values", "packed values beyond 2^32 bits", set(HEADER, 8, 0x1999999A, 4), FORGE_TAG2 | FORGE_PACKED},
+        {"values", "padding is not zero", set(VALUES, 31, 0x80), FORGE_TAG2 | FORGE_PACKED},
+        {"values", "cut off", cut(VALUES, 100)},
+        {"s", "padding is not zero", set(S, 2, 0x20)},
+        {"s", "byte behind the section is not zero", set(S, 3, 1)},
+        {"header", "byte behind the section is not zero", set(HEADER, 120, 1)},
+        {"offsets", "the last entry has a type: SPO", set(OFFSETS, 39, 0x2A)},
+        {"offsets", "term 3 \"solo\": value number out of range: 21 of 21", set(OFFSETS, 16, 21 * 4 + 2, 8)},
+        {"offsets", "term 2 \"burst2\": term number out of range: 5 of 5", set(OFFSETS, 8, 5 * 4 + 3, 8)},
+        {"offsets", "term 2 \"burst2\": duplicate of a duplicate: term 2", set(OFFSETS, 8, 2 * 4 + 3, 8)},
+        {"offsets", "term 4 \"zed\": offsets do not ascend: 2 behind 3", set(OFFSETS, 24, 2 * 4 + 1, 8)},
+        {"offsets", "term 1 \"burst\": offset behind the lists: 11 behind 0, 10", set(OFFSETS, 0, 11 * 4, 8)},
+        {"offsets", "cut off", cut(OFFSETS, 39)},
+        {"lists", "term 1 \"burst\": number cannot be read: RLE list of 4", set(LISTS, 6, 0x87)},
+        {"lists", "term 1 \"burst\": run of no numbers", set(LISTS, 5, 0)},
+        {"lists", "term 1 \"burst\": numbers do not ascend", set(LISTS, 4, 0x800007, 3)},
+        {"lists", "term 0 \"a\": value number out of range", set(LISTS, 2, 0x15)},
+        {"lists", "term 4 \"zed\": number cannot be read: BMAP", set(LISTS, 7, 0xFFFFFF, 3)},
+        {"lists", "term 4 \"zed\": bitmap does not begin with its first number", set(LISTS, 8, 0x0E)},
+        {"lists", "term 4 \"zed\": bitmap ends with an empty byte", set(LISTS, 9, 0)},
+        {"lists", "term 4 \"zed\": value number out of range", set(LISTS, 9, 0x0C)},
+        {"lists", "cut off", cut(LISTS, 9)},
+        {"metadata", "term 0 \"a\": count: 20, the list has 21", set(METADATA, 0, 0x14)},
+        {"metadata", "term 1 \"burst\": earliest time: 1001, the list has 1000", set(METADATA, 2, 0x12)},
+        {"metadata", "term 1 \"burst\": latest time: 1011, the list has 1010", set(METADATA, 3, 0x56)},
+        {"metadata", "term 0 \"a\": count", set(METADATA, 3, 7), 0, "VelLex1"},
+        {"metadata", "padding is not zero", set(METADATA, 15, 1)},
+        {"metadata", "cut off", cut(METADATA, 5)},
+        {"lexicon", "number of terms differs from the header's: 4, header 5", set(LEXICON, 0, 4, 4)},
+        {"lexicon", "one term a block", set(LEXICON, 4, 1, 4)},
+        {"lexicon", "too many terms a block", set(LEXICON, 4, 1 << 20, 4)},
+        {"lexicon", "cannot be placed", set(LEXICON, 4, 0, 4)},
+        {"lexicon", "cut off", cut(LEXICON, 30)},
+        {"lexicon", "block ends do not ascend: block 0 from 0 to 0", set(LEXICON, 12, 0, 4)},
+        {"lexicon", "block outside the lexicon: block 0 from 0 to 22", set(LEXICON, 12, 22, 4)},
+        {"lexicon", "bytes behind the last term of a block: 1 in block 1", set(LEXICON, 16, 22, 4)},
+        {"lexicon", "term 1 \"b\\x00rst\": term with a NUL", set(LEXICON, 25, 0)},
+        {"lexicon", "term 3 \"aolo\": terms do not ascend: after \"burst2\"", set(LEXICON, 32, 'a')},
+        {"lexicon", "term 2 \"burs2\": terms do not ascend", set(LEXICON, 29, 4)},
+        {"lexicon", "term 4 \"sed\": shared prefix is not the longest: 0 instead of 1",
+         both(set(LEXICON, 38, 's'), set(LEXICON, 33, 'a'))},
+        {"lexicon", "term 4: shared prefix out of range", set(LEXICON, 36, 5)},
+        {"lexicon", "term 2: shared prefix cannot be read", both(set(LEXICON, 29, 0x8080, 2), NOTHING)},
+        {"lexicon", "term 4: length cannot be read", set(LEXICON, 37, 0xFFFFFFFF, 4)},
+        {"lexicon", "term 4: term runs out of its block", set(LEXICON, 37, 4)},
+        {"reverse lexicon", "number of terms differs",
+         [](known_slice* slice) { put_be(&slice->bytes, slice->picture.at.reverse_lexicon, 4, 4); }, 0, "Veldar5"},
+        {"rest", "bytes behind the last section", append(std::string("\0\0\1", 3))},
+        {"dimension sets", "unknown magic", set(DIMSETS, 7, '1'), FORGE_TAG1, "_MSIDX4"},
+        {"dimension sets", "number of sets differs from the header's: 1, header 0",
+         both(append(std::string(4, '\0')), set(DIMSETS, 8, 1)), FORGE_TAG1, "_MSIDX4"},
+        {"dimension sets", "ends of the sets: set 0: 0 to 0", both(append(std::string(4, '\0')), set(DIMSETS, 8, 1)),
+         FORGE_TAG1, "_MSIDX4"},
+        {"dimension sets", "the last set ends elsewhere: 0, not 1",
+         both(append(std::string(4, '\0')), set(DIMSETS, 12, 1)), FORGE_TAG1, "_MSIDX4"},
+        {"dimension sets", "cut off", set(DIMSETS, 12, 1), FORGE_TAG1, "_MSIDX4"},
+    };
+    return faults;
+}
+
+TEST(Fsck, NamesEveryPlantedFault) {
+    for (const planted& fault : planted_faults()) {
+        known_slice slice = make_known(fault.wflags, fault.magic);
+        const std::string before = fsck_bytes(slice.bytes, fault.name);
+        ASSERT_TRUE(before.empty() || before.starts_with("name at")) << before;
+        fault.plant(&slice);
+        const std::string said = fsck_bytes(slice.bytes, fault.name);
+        const size_t at = said.find(fault.what);
+        ASSERT_NE(at, std::string::npos) << "not told: " << fault.what << "\n" << said;
+        const std::string section = fault.section + std::string(" at ");
+        EXPECT_EQ(said.substr(said.rfind('\n', at) + 1, section.size()), section) << said;
+    }
+}
+
+// Nothing breaks the checker, a file that lost bytes is never clean, and most flipped bytes show somewhere.
+TEST(Fsck, SurvivesEveryDamage) {
+    const std::vector<forge_event> events = forge_random_events(3, 12);
+    for (const forge_options& options : forge_all_kinds()) {
+        const std::string name = forge_file_name(events, 1);
+        uint64_t unseen = 0, flips = 0;
+        const damage_options sparse = {.truncation_step = 5, .flip_step = 3, .word_step = 20};
+        damage_sweep(forge_slice(events, options), sparse, [&](const std::string& damaged, const std::string& what) {
+            const bool clean = fsck_bytes(damaged, name).empty();
+            EXPECT_FALSE(clean && what.starts_with("cut")) << options.name() << " " << what;
+            flips += what.starts_with("all bits") ? 1 : 0;
+            unseen += clean && what.starts_with("all bits") ? 1 : 0;
+        });
+        // Companions, addresses, reverse lexicons and what metrics collapse have no second witness.
+        const bool witnessed = !options.metric() && (options.magic > "Veldar5");
+        EXPECT_TRUE(!witnessed || unseen * 4 < flips) << options.name() << ": " << unseen << " of " << flips;
+    }
+}
+
+// Through the tool: what a slice that is known by heart looks like, and what a damaged one does.
+TEST(Info, TellsSectionsAndFaults) {
+    const temp_dir dir;
+    known_slice slice = make_known();
+    const std::string path = dir.file("1020-1000-1.tsidx");
+    write_file(path, slice.bytes);
+    const tool_result text = run_tool(TOOL, {"info", path});
+    EXPECT_EQ(text.status, 0) << text.err;
+    for (const char* const line :
+         {"459 bytes, events, 21 values, 0 deleted\n", "  magic           _TSIDX9\n", "  num_postings    37\n",
+          "  earliest        1000  1970-01-01T00:16:40Z\n", "  wflags          8 PLO_TAG2\n",
+          "  values                     128           168          8.00\n",
+          "  lexicon                    408            41          1.95\n",
+          "  lists                      449            10          0.48\n", "  blocks          2 of 3 terms\n",
+          "  bytes/term      8.20, of text 3.80\n", "  RLE                          2             7\n",
+          "  BMAP                         1             3\n", "  SPO                          1             0\n",
+          "  DEDUP                        1             0\n"}) {
+        EXPECT_NE(text.out.find(line), std::string::npos) << line << text.out;
+    }
+    const tool_result json = run_tool(TOOL, {"info", "--format", "json", path});
+    EXPECT_NE(json.out.find("\"lists\":{\"state\":\"whole\",\"offset\":449,\"bytes\":10,"), std::string::npos)
+        << json.out;
+    EXPECT_NE(json.out.find("\"faults\":0,\"findings\":[]}\n"), std::string::npos) << json.out;
+
+    slice.bytes.resize(430);
+    write_file(path, slice.bytes);
+    const tool_result cut = run_tool(TOOL, {"info", path});
+    EXPECT_EQ(cut.status, 4);
+    EXPECT_NE(cut.out.find("  lexicon                    408            41          1.95  cut off\n"),
+              std::string::npos);
+    EXPECT_NE(cut.out.find("  lists                  unknown\n"), std::string::npos) << cut.out;
+    EXPECT_NE(cut.out.find("lexicon at byte 408: cut off"), std::string::npos) << cut.out;
+    EXPECT_EQ(run_tool(TOOL, {"info", dir.file("none")}).status, 5);
+}
+
+TEST(Fsck, ExitStatusTells) {
+    const temp_dir dir;
+    const std::string path = forge_file(dir.path(), forge_random_events(5, 30), forge_as_created(4));
+    const std::string bytes = read_file(path);
+    EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).out, "1 slices checked, no faults\n");
+    const damage_options sparse = {.truncation_step = 211, .flip_step = 301, .word_step = 404};
+    damage_sweep(bytes, sparse, [&](const std::string& damaged, const std::string& what) {
+        write_file(path, damaged);
+        const tool_result fsck = run_tool(TOOL, {"-s", dir.path(), "fsck", "--max", "1"});
+        const bool told = fsck.out.find(path + ": ") == 0;
+        EXPECT_TRUE(fsck.status == (told ? 4 : 0)) << what << " status " << fsck.status << fsck.out << fsck.err;
+        const tool_result info = run_tool(TOOL, {"info", path});
+        EXPECT_EQ(info.status, fsck.status) << what << info.err;
+    });
+    EXPECT_EQ(run_tool(TOOL, {"fsck", "--quiet", dir.path()}).out, "");
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    ASSERT_EQ(::symlink(path.c_str(), path.c_str()), 0);
+    EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 5);
+}
+
+}  // namespace
+}  // namespace veldar
