@@ -235,7 +235,8 @@ struct running_match {
     buffer<uint8_t> bitmap;
 };
 
-// Takes the ids of the positioned list that lie in the range as the first list.
+// Takes the ids of the positioned list that lie in the range as the first list. One that has more of them than the
+// term's metadata counts is damage: cutting it would lose events.
 int start_list(conjunction_context* context, uint32_t capacity, running_match* match) {
     if (!match->list.alloc(capacity)) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "list of value numbers");
     match->has_list = true;
@@ -246,7 +247,10 @@ int start_list(conjunction_context* context, uint32_t capacity, running_match* m
     uint32_t more = 0;
     ST_TRY(plist_copy(&context->reader, match->list.data() + 1, capacity - 1, context->range.end, &more, &context->rc));
     match->count = 1 + more;
-    return 0;
+    if (match->count < capacity) return 0;
+    ST_TRY(_next(&context->reader, &first, &context->rc));
+    if (first >= context->range.end) return 0;
+    return _set_rc_verbose(&context->rc, WARM_RC_CORRUPT, first, "a posting list is longer than its count");
 }
 
 // Keeps the ids of the list that the positioned list holds too: the shorter list leads, the longer one skips.

@@ -342,5 +342,24 @@ TEST(Search, BoundsOutsideOrTheWrongWayRoundReadNothing) {
     }
 }
 
+// A list with more events than its term's count, or a count of none, fails the query and is never cut to fit.
+TEST(Search, CountsThatContradictTheirListsAreDamage) {
+    const temp_dir dir;
+    std::vector<forge_event> events(8);
+    for (uint32_t i = 0; i < 8; i++) events[i] = {.time = 100, .address = i, .terms = {i < 5 ? "some" : "other"}};
+    forge_picture picture;
+    std::string bytes = forge_slice(events, forge_as_created(1), &picture);
+    for (const char count : {'\0', '\2'}) {
+        bytes[picture.at.metadata + 12 + 3] = count;
+        write_file(dir.file("slice"), bytes);
+        warm_rc_t rc;
+        const warm_ptr warm(st_warm_slice_open_rdonly(dir.file("slice").c_str(), &rc));
+        ASSERT_NE(warm, nullptr);
+        const st_query_spec query = make_query("[AND some]");
+        st_tsval answers[8];
+        EXPECT_EQ(st_warm_slice_search(warm.get(), &query, answers, 8, true), WARM_RC_CORRUPT) << int{count};
+    }
+}
+
 }  // namespace
 }  // namespace veldar
