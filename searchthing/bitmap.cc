@@ -38,7 +38,7 @@ int read_chunk(bitmap_reader_t* br, size_t size, warm_rc_t* rc) {
         std::memcpy(br->chunk, br->src, size);
         return 0;
     }
-    if (st_pread(br->fd, br->chunk, size, br->offset) != static_cast<int64_t>(size)) {
+    if (st_timed_pread_msg(br->fd, br->chunk, size, br->offset, br->stats, false) != static_cast<int64_t>(size)) {
         return _set_rc_msg(rc, WARM_RC_READ, "Bitmap reader: error reading bitmap PL from disk");
     }
     br->offset += size;

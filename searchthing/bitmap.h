@@ -19,6 +19,7 @@
 #include <cstdint>
 
 #include "libzero/resource.h"
+#include "searchthing/query_info.h"
 #include "searchthing/st_timeval.h"
 #include "searchthing/warm_rc.h"
 
@@ -88,12 +89,13 @@ struct bitmap_reader_t {
     uint32_t vbe_length = 0;
     uint8_t chunk[BITMAP_CHUNK + 4] = {};  // the tail stays zero
     bitmap_iterator_t itr;
-    uint32_t consumed = 0;         // bytes of the list up to the end of the current chunk
-    uint32_t chunk_base = 0;       // event number of bit 0 of the current chunk's bitmap
-    int fd = -1;                   // not owned; -1 in memory mode
-    uint64_t offset = 0;           // file offset of the next chunk
-    uint64_t bsize = 0;            // bytes of the list
-    const uint8_t* src = nullptr;  // memory mode: the caller's list of at most 8192 bytes
+    uint32_t consumed = 0;             // bytes of the list up to the end of the current chunk
+    uint32_t chunk_base = 0;           // event number of bit 0 of the current chunk's bitmap
+    int fd = -1;                       // not owned; -1 in memory mode
+    uint64_t offset = 0;               // file offset of the next chunk
+    uint64_t bsize = 0;                // bytes of the list
+    const uint8_t* src = nullptr;      // memory mode: the caller's list of at most 8192 bytes
+    st_query_info_t* stats = nullptr;  // set by the caller: what the reads are accounted to, or null
 };
 // Opens a list of `size` bytes in the file or, when `src` is not null, in memory, and loads its first chunk. 0; -37
 // without file and memory; -12 for a list that cannot be (too long for its mode or for 32-bit events, no first event);

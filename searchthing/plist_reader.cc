@@ -49,6 +49,7 @@ int start_bmap(plist_reader* reader, const plo_term_context_t& context, warm_rc_
     reader->position = reader->list_end = static_cast<uint64_t>(context.end);
     if (size == 0) return 0;
     const uint64_t offset = reader->postings_base + static_cast<uint64_t>(context.start);
+    reader->bitmap.stats = reader->stats;
     ST_TRY(bitmap_reader_init(&reader->bitmap, reader->fd, offset, size, nullptr, rc));
     reader->plo_type = PLO_BMAP;
     return 0;
