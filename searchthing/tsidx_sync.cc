@@ -164,7 +164,8 @@ int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
         tsidx->slices_written++;
         tsidx->last_failure = {};  // of tries before the one that succeeded
     }
-    if (st_tsidx_set_need_optimize(tsidx) != 0) {
+    const bool created = written == 0 || tsidx->unmoved.val[0] != '\0';
+    if (created && st_tsidx_set_need_optimize(tsidx) != 0) {
         _log(0, "WARN  marker was not created. rc=%i, path=%s\n", errno, tsidx->path.c_str());
     }
     return written == 0 ? 0 : TSIDX_SYNC_FAILED;

@@ -98,6 +98,15 @@ int open_lexicon_from_file(WARM* warm, const st_warm_slice_body* header, int fd,
     return 0;
 }
 
+// A file that ends where the posting-list offsets would begin: values and companions, no terms and no lists.
+int _populate_warm_handle_mini(WARM* warm, uint8_t* slice, warm_rc_t* rc) {
+    warm->lexicon = nullptr;
+    warm->plo = warm->metadata = nullptr;
+    warm->postings_base = 0;
+    warm->plo_last = ~uint64_t{0};
+    return _populate_warm_handle_common(warm, slice, rc);
+}
+
 int populate_rdonly(WARM* warm, int fd, warm_rc_t* rc) {
     if (osfile_get_size(fd, &warm->file_size) != 0) return _set_rc(rc, WARM_RC_FILE_SIZE);
     st_warm_slice_body header;
@@ -119,7 +128,8 @@ int populate_rdonly(WARM* warm, int fd, warm_rc_t* rc) {
     if (std::memcmp(warm->map.data(), &header, warm_header_size_on_disk(&header)) != 0) {
         return _set_rc_msg(rc, WARM_RC_BAD_MAGIC, "header changed while it was opened");
     }
-    if (!mini) warm->plo = warm->map.data() + plo_offset;
+    if (mini) return _populate_warm_handle_mini(warm, warm->map.data(), rc);
+    warm->plo = warm->map.data() + plo_offset;
     return _populate_warm_handle_common(warm, warm->map.data(), rc);
 }
 
@@ -178,7 +188,7 @@ int populate_rdwr(WARM* warm, int fd, warm_rc_t* rc) {
     warm->body = reinterpret_cast<st_warm_slice_body*>(slice);
     warm->writable = true;
     const uint64_t plo_offset = _offset_pl_offs(warm->body);
-    if (plo_offset == warm->file_size) return _populate_warm_handle_common(warm, slice, rc);
+    if (plo_offset == warm->file_size) return _populate_warm_handle_mini(warm, slice, rc);
     if (_offset_fclex(warm->body) > warm->file_size) {
         return _set_rc_msg(rc, WARM_RC_CORRUPT, "forward_body offset is beyond file size");
     }

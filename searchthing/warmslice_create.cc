@@ -224,13 +224,8 @@ int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, uint64_t* u
     return store_postings(warm, prepared, times, used, rc);
 }
 
-}  // namespace
-
-WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
-                           const TSWRITEOPTS* opts, warm_rc_t* rc) {
-    ST_ASSERT(hot != nullptr && filename != nullptr && prefix != nullptr && suffix != nullptr && opts != nullptr);
-    ST_ASSERT(*prefix != '\0');
-    filename->val[0] = '\0';
+WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
+                         const TSWRITEOPTS* opts, warm_rc_t* rc) {
     uint32_t num_values, num_terms, num_postings, num_dimsets, max_measure_rank;
     if (st_hot_slice_prepare(hot, &num_values, &num_terms, &num_postings, &num_dimsets, &max_measure_rank, rc) != 0) {
         return nullptr;
@@ -264,6 +259,16 @@ WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* 
     warm->fname_meta = {.earliest = prepared.earliest, .latest = prepared.latest, .id = id, .kind = 1};
     _set_rc(rc, 0);
     return warm.release();
+}
+
+}  // namespace
+
+WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
+                           const TSWRITEOPTS* opts, warm_rc_t* rc) {
+    ST_ASSERT(hot != nullptr && filename != nullptr && prefix != nullptr && suffix != nullptr && opts != nullptr);
+    ST_ASSERT(*prefix != '\0');
+    filename->val[0] = '\0';
+    return _warm_slice_create(hot, filename, prefix, suffix, opts, rc);
 }
 
 }  // namespace veldar
