@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <vector>
 
+#include "fuzz/slice_walk.h"
 #include "libzero/endian.h"
 #include "searchthing/warmslice.h"
-#include "fuzz/slice_walk.h"
 
 using namespace veldar;
 

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "searchthing/warmslice.h"
 #include "fuzz/slice_walk.h"
+#include "searchthing/warmslice.h"
 
 using namespace veldar;
 

@@ -1,5 +1,6 @@
 // Assertions for broken invariants of our own: on in every build type, never reachable by a byte of a file, a character
-// of a query, a file name, an environment variable or an event's field. Those are tested first and answered by a status.
+// of a query, a file name, an environment variable or an event's field. Those are tested first and answered by a
+// status.
 #pragma once
 
 namespace veldar {

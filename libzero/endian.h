@@ -48,8 +48,12 @@ inline void store_be64(void* at, uint64_t value) {
     std::memcpy(at, &value, sizeof value);
 }
 
-inline void store_le32(void* at, uint32_t value) { std::memcpy(at, &value, sizeof value); }
-inline void store_le64(void* at, uint64_t value) { std::memcpy(at, &value, sizeof value); }
+inline void store_le32(void* at, uint32_t value) {
+    std::memcpy(at, &value, sizeof value);
+}
+inline void store_le64(void* at, uint64_t value) {
+    std::memcpy(at, &value, sizeof value);
+}
 
 // Checked loads: an offset outside the span is a broken invariant of the caller, which must have compared sizes before.
 inline uint32_t be32_at(std::span<const uint8_t> bytes, size_t offset) {

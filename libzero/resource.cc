@@ -25,7 +25,9 @@ bool file_map::map(int fd, size_t size, bool writable) {
     return true;
 }
 
-int file_map::sync() { return data_ == nullptr ? 0 : ::msync(data_, size_, MS_SYNC); }
+int file_map::sync() {
+    return data_ == nullptr ? 0 : ::msync(data_, size_, MS_SYNC);
+}
 
 int file_map::unmap() {
     if (data_ == nullptr) return 0;

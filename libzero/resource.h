@@ -1,5 +1,5 @@
-// Owners of the three things that the engine holds: a descriptor, a shared mapping, a zeroed array. Each is move-only and
-// releases what it holds, so that a function which returns early needs no clean-up code.
+// Owners of the three things that the engine holds: a descriptor, a shared mapping, a zeroed array. Each is move-only
+// and releases what it holds, so that a function which returns early needs no clean-up code.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,8 @@ class unique_fd {
     bool valid() const { return fd_ >= 0; }
     int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1);
-    // Closes now and tells how it went: the result of close(2), 0 for an empty owner. The descriptor is gone either way.
+    // Closes now and tells how it went: the result of close(2), 0 for an empty owner. The descriptor is gone either
+    // way.
     [[nodiscard]] int close_checked();
 
   private:
@@ -55,7 +56,8 @@ class file_map {
     file_map& operator=(const file_map&) = delete;
     ~file_map() { reset(); }
 
-    // Maps the first `size` bytes; the caller has checked that the file reaches that far. False with errno set on failure.
+    // Maps the first `size` bytes; the caller has checked that the file reaches that far. False with errno set on
+    // failure.
     [[nodiscard]] bool map(int fd, size_t size, bool writable);
     // Flushes a writable map synchronously: the result of msync(2), 0 when nothing is mapped.
     [[nodiscard]] int sync();

@@ -6,10 +6,11 @@
 namespace veldar {
 
 struct st_query_info_s {
-    uint64_t read_histogram[7] = {};  // bucket b: reads of 8^b <= t < 8^(b+1) microseconds, the first from 0, the last open
+    uint64_t read_histogram[7] =
+        {};  // bucket b: reads of 8^b <= t < 8^(b+1) microseconds, the first from 0, the last open
     uint64_t reads = 0;
     uint64_t bytes = 0;
-    uint32_t no_lexicon = 0;          // set when a slice without a lexicon was searched
+    uint32_t no_lexicon = 0;  // set when a slice without a lexicon was searched
     int (*callback)(void* context) = nullptr;
     void* context = nullptr;
 };

@@ -70,7 +70,7 @@ struct conjunction_context {
     st_timeval_t latest;
     bool neq_matches_missing = false;
     bool wildcards_skip_fields = false;  // a wildcard without a colon matches no term that holds "::"
-    bool covers_slice = false;  // the bounds hold every value, so no term's time span needs a look
+    bool covers_slice = false;           // the bounds hold every value, so no term's time span needs a look
     id_range_t range;
     st_query_info_t* info = nullptr;
     warm_rc_t rc;
