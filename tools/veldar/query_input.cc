@@ -99,7 +99,7 @@ void query_protect_words(std::vector<std::string>* arguments) {
     for (auto one = command + 1; one != arguments->end() && *one != "--"; ++one) {
         if (takes_value(*one)) {
             if (++one == arguments->end()) return;
-        } else if (one->size() > 1 && one->front() == '-' && !is_option(*one)) {
+        } else if (one->starts_with('[') || (one->size() > 1 && one->front() == '-' && !is_option(*one))) {
             one->insert(0, 1, ' ');
         }
     }
@@ -121,7 +121,7 @@ prepared_query query_prepare(const query_options& options) {
     prepared_query query;
     for (const std::string& word : options.words) {
         query.text += query.text.empty() ? "" : " ";
-        query.text += word.starts_with(" -") ? word.substr(1) : word;
+        query.text += word.starts_with(" -") || word.starts_with(" [") ? word.substr(1) : word;
     }
     query.plans = plans_of(query.text, options.native);
     log_zone zone;

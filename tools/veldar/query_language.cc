@@ -121,7 +121,7 @@ class query_parser {
         query_node all;
         do {
             all.children.push_back(parse_condition());
-            if (accept("AND") && (at_end() || here() == ')')) fail("a term after AND");
+            if (accept("AND") && (at_end() || here() == ')' || looking_at_or())) fail("a term after AND");
         } while (!at_end() && here() != ')' && !looking_at_or());
         return all.children.size() == 1 ? std::move(all.children.front()) : std::move(all);
     }

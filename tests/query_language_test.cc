@@ -1,0 +1,175 @@
+#include "tools/veldar/query_language.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "searchthing/search_frames.h"
+
+namespace veldar {
+namespace {
+
+std::string pieces_text(const raw_pattern& pattern) {
+    std::string text;
+    for (const raw_piece& piece : pattern.pieces) {
+        text += (text.empty() ? "" : "*") + std::string(piece.whole_begin ? "<" : "") + piece.text +
+                (piece.whole_end ? ">" : "");
+    }
+    return text;
+}
+
+// The plans, separated by " | ", each with the raw pieces that it must hold (+) or lack (-); "<" and ">" where a word
+// has to begin or end.
+std::string translated(const std::string& text) {
+    std::string out;
+    for (const query_plan& plan : translate_query(text)) {
+        EXPECT_EQ(validate_query_text(plan.native.c_str(), TOKEN_CASE_ASIS, nullptr), 0) << plan.native;
+        out += (out.empty() ? "" : " | ") + plan.native;
+        for (const raw_pattern& pattern : plan.holds) out += " +" + pieces_text(pattern);
+        for (const raw_pattern& pattern : plan.lacks) out += " -" + pieces_text(pattern);
+    }
+    return out;
+}
+
+TEST(QueryLanguage, Translation) {
+    const struct {
+        const char* query;
+        const char* expected;
+    } table[] = {
+        {"a", "[AND a]"},
+        {"  Error\tTIMEOUT\n", "[AND error timeout]"},
+        {"a AND b", "[AND a b]"},
+        {"a b OR c", "[OR [AND a b] c]"},
+        {"a (b OR c)", "[AND a [OR b c]]"},
+        {"((a))", "[AND a]"},
+        {"and or not", "[AND and or not]"},
+        {"ANDROID ORacle NOTE", "[AND android oracle note]"},
+        {"a -b NOT c", "[AND a [NOT b] [NOT c]]"},
+        {"NOT NOT a --b", "[AND a b]"},
+        {"NOT (a b)", "[OR [NOT a] [NOT b]]"},
+        {"-(a OR b -c)", "[AND [NOT a] [OR [NOT b] c]]"},
+        {"*", "[AND]"},
+        {"NOT *", "[OR]"},
+        {"fo* *OO f*o", "[AND fo* *oo f*o]"},
+        {"status=500", "[AND status::500]"},
+        {"User.Name=Bob", "[AND user.name::bob]"},
+        {"path=/a/B*", "[AND path::/a/b*]"},
+        {"agent=\"New \\\"York\\\" [x]\"", "[AND agent::new\\ \"york\"\\ \\[x\\]]"},
+        {"q=a\\b", "[AND q::a\\\\b]"},
+        {"k=a=b", "[AND k::a=b]"},
+        {"status!=200", "[AND status::* [NOT status::200]]"},
+        {"NOT status!=200", "[OR [NOT status::*] status::200]"},
+        {"a status!=200", "[AND a [AND status::* [NOT status::200]]]"},
+        {"bytes>1e3 bytes<=5", "[AND [GT bytes 1e3] [LTE bytes 5]]"},
+        {"bytes>=\"-1\" t<0x10", "[AND [GTE bytes -1] [LT t 0x10]]"},
+        {"-bytes>5", "[AND [OR [LTE bytes 5] [NOT bytes::*]]]"},
+        {"NOT bytes<5 x", "[AND [OR [GTE bytes 5] [NOT bytes::*]] x]"},
+        {"\"Out of Memory\"", "[AND out of memory] +<out of memory>"},
+        {"\"one\"", "[AND one]"},
+        {"\"one.\" two", "[AND one two] +<one.>"},
+        {"/index.html", "[AND index.html] +/index.html>"},
+        {"it's", "[AND it s] +<it's>"},
+        {"\xC3\xBC"
+         "ber",
+         "[AND ber] +\xC3\xBC"
+         "ber>"},
+        {"\"con* refused by*\"", "[AND refused] +<con* refused by"},
+        {"/a/b*", "[AND a] +/a/b"},
+        {"\"***\"", "[AND] +"},
+        {"-\"a b\"", "[AND] -<a b>"},
+        {"x -\"a b\"", "[AND x] -<a b>"},
+        {"\"a b\" OR c OR d", "[AND a b] +<a b> | [AND [OR c d]]"},
+        {"\"a b\" OR c d", "[AND a b] +<a b> | [AND c d]"},
+        {"(\"a b\" OR c) (\"d e\" OR f)",
+         "[AND a b d e] +<a b> +<d e> | [AND a b f] +<a b> | [AND c d e] +<d e> | [AND c f]"},
+        {"-(\"a b\" c)", "[AND] -<a b> | [AND [NOT c]]"},
+        {"say \"a b\"c", "[AND say a b c] +<a b>"},
+        {"[NOT", "[AND not] +[not>"},
+    };
+    for (const auto& row : table) {
+        try {
+            EXPECT_EQ(translated(row.query), row.expected) << row.query;
+        } catch (const query_error& error) {
+            ADD_FAILURE() << row.query << ": position " << error.position << ", expected " << error.expected;
+        }
+    }
+}
+
+TEST(QueryLanguage, MalformedQueriesPointAtTheSpot) {
+    const struct {
+        std::string query;
+        size_t position;
+        const char* expected;
+    } table[] = {
+        {"", 0, "a term"},
+        {" \t", 2, "a term"},
+        {"a OR", 4, "a term"},
+        {"OR a", 0, "before the operator"},
+        {"a AND", 5, "after AND"},
+        {"a AND OR b", 6, "after AND"},
+        {"a OR AND b", 5, "before the operator"},
+        {"NOT", 3, "after NOT"},
+        {"(a NOT) b", 6, "a term"},
+        {"a - b", 3, "right after '-'"},
+        {"a -", 3, "right after '-'"},
+        {"a (b", 2, "a ')'"},
+        {"a ()", 3, "a term"},
+        {"a) b", 1, "closes nothing"},
+        {"a \"b c", 2, "closing quote"},
+        {"a \"\"", 2, "between the quotes"},
+        {"status=", 7, "a value"},
+        {"(status= 5)", 8, "a value"},
+        {"bytes> 5", 6, "a number"},
+        {"bytes>many", 6, "a number"},
+        {"bytes>5x", 6, "a number"},
+        {"a b=\"c", 4, "closing quote"},
+        {std::string("a\0b", 3), 1, "without NUL"},
+        {std::string(300, '(') + "a", 200, "fewer parentheses"},
+        {"(\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c)", 0,
+         "fewer alternatives"},
+    };
+    for (const auto& row : table) {
+        try {
+            ADD_FAILURE() << row.query << " became " << translated(row.query);
+        } catch (const query_error& error) {
+            EXPECT_EQ(error.position, row.position) << row.query;
+            EXPECT_NE(error.expected.find(row.expected), std::string::npos) << row.query << ": " << error.expected;
+        }
+    }
+    EXPECT_EQ(explain_query_error("\xC3\xBC x (\n", {5, "a term"}), "  \xC3\xBC x ( \n      ^ expected a term\n");
+}
+
+TEST(QueryLanguage, RecordsAreCheckedByWholeWords) {
+    const struct {
+        const char* query;
+        std::string record;
+        bool passes;
+    } table[] = {
+        {"\"not found\"", "File NOT Found.", true},
+        {"\"not found\"", "file not-found", false},
+        {"\"not found\"", "knot found", false},
+        {"\"not found\"", "not founding; not found_", true},
+        {"\"not found\"", "not found.html", false},
+        {"\"not found\"", "x.not found", false},
+        {"\"not found\"", "...not found...", true},
+        {"\"not*found\"", "not at all found", true},
+        {"\"not*found\"", "not at all\nfound", false},
+        {"\"not*found\"", "nothing\n is not yet found", true},
+        {"\"not found*\"", "not foundling", true},
+        {"/a/b*", "GET /a/bc", true},
+        {"/a/b", "GET /a/bc", false},
+        {"\"a\nb\"", "x a\nb", true},
+        {"x -\"a b\"", "x a bc", true},
+        {"x -\"a b\"", "x a b", false},
+        {"\"a b\"", std::string("A\0b", 3), true},
+    };
+    std::string scratch;
+    for (const auto& row : table) {
+        const std::vector<query_plan> plans = translate_query(row.query);
+        ASSERT_EQ(plans.size(), 1u);
+        EXPECT_EQ(record_passes(plans[0], row.record, &scratch), row.passes) << row.query << " on " << row.record;
+    }
+}
+
+}  // namespace
+}  // namespace veldar

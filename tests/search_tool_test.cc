@@ -1,0 +1,474 @@
+// Runs the built tool over generated logs and compares what it prints with a naive evaluation over the lines.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/forge.h"
+#include "tests/support/run_tool.h"
+#include "tests/support/temp_dir.h"
+#include "tools/veldar/event_output.h"
+#include "tools/veldar/slices.h"
+#include "tools/veldar/time_input.h"
+
+namespace veldar {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int32_t BEGIN = 1709251200;  // 2024-03-01T00:00:00Z
+
+std::string lower(std::string text) {
+    for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+    return text;
+}
+
+// One event as a person reads it: words by a rule of its own, fields known from how the line was made.
+struct line_event {
+    int32_t time = 0;
+    std::string text;
+    std::string level, user, path;
+    int status = -1, bytes = -1;  // -1: the line has no such field
+    std::set<std::string> words;
+
+    bool has(const std::string& word) const { return words.contains(word); }
+    bool holds(const std::string& part) const { return lower(text).find(part) != std::string::npos; }
+};
+
+std::set<std::string> words_of(const std::string& text) {
+    std::set<std::string> words;
+    std::string word;
+    const std::string edges = "_.-";
+    for (const char c : lower(text) + " ") {
+        if (std::isalnum(static_cast<unsigned char>(c)) != 0 || edges.find(c) != std::string::npos) {
+            word += c;
+            continue;
+        }
+        const size_t first = word.find_first_not_of(edges);
+        if (first != std::string::npos) words.insert(word.substr(first, word.find_last_not_of(edges) + 1 - first));
+        word.clear();
+    }
+    return words;
+}
+
+std::string time_stamp(int32_t time) {
+    return event_time_text(time, 0);
+}
+
+// Lines of a log with key=value pairs; some have a stack trace behind them, some seconds have several lines.
+std::vector<line_event> make_lines(int count) {
+    std::mt19937 random(7);
+    const auto pick = [&](std::vector<const char*> from) { return from[random() % from.size()]; };
+    std::vector<line_event> lines;
+    int32_t time = BEGIN;
+    for (int i = 0; i < count; i++) {
+        line_event event;
+        event.time = time += static_cast<int32_t>(random() % 4 == 0 ? 0 : random() % 60);
+        event.level = pick({"INFO", "INFO", "INFO", "WARN", "Error"});
+        event.user = pick({"alice", "bob", "carol", "mallory"});
+        event.text = time_stamp(event.time) + " level=" + event.level + " user=" + event.user;
+        if (random() % 3 != 0) {
+            event.status = std::stoi(pick({"200", "200", "304", "404", "500"}));
+            event.bytes = static_cast<int>(random() % 3000);
+            event.path = pick({"/", "/cart", "/cart/checkout", "/img/logo.png", "/img/logo.pngx"});
+            event.text += " status=" + std::to_string(event.status) + " bytes=" + std::to_string(event.bytes) +
+                          " path=" + event.path;
+        }
+        event.text += std::string(" ") + pick({"Connection refused by peer-7", "connection REFUSED; retrying",
+                                               "refused connection", "Connection refusedly odd", "all is well",
+                                               "disk-full on node_12.example.org", "payload [42] ok"});
+        if (random() % 9 == 0) event.text += "\n\tat Main.run(Main.java:" + std::to_string(i % 5) + ")\n\tat Thread";
+        event.words = words_of(event.text);
+        lines.push_back(std::move(event));
+    }
+    return lines;
+}
+
+struct SearchTool : testing::Test {
+    static void SetUpTestSuite() {
+        dir = new temp_dir;
+        events = new std::vector<line_event>(make_lines(900));
+        std::string first, second;
+        for (size_t i = 0; i < events->size(); i++) (i < 500 ? first : second) += (*events)[i].text + "\n";
+        write_file(dir->file("a.log"), first);
+        write_file(dir->file("b.log"), second);
+        // Two buckets and several slices in each.
+        for (const char* name : {"a.log", "b.log"}) {
+            const tool_result loaded = run({"load", dir->file(name), "--max-values", "97", "--bucket-bytes", "30000",
+                                            "--host", "web", "--no-fsync"});
+            ASSERT_EQ(loaded.status, 0) << loaded.err;
+        }
+        ASSERT_GT(slices_list(dir->file("store")).directories.size(), 1u);
+        ASSERT_GT(slices_list(dir->file("store")).files.size(), 6u);
+    }
+    static void TearDownTestSuite() {
+        delete dir;
+        delete events;
+    }
+
+    static tool_result run(const std::vector<std::string>& arguments, const tool_options& options = {}) {
+        return run_at(dir->file("store"), arguments, options);
+    }
+    static tool_result run_at(const std::string& path, std::vector<std::string> arguments,
+                              const tool_options& options = {}) {
+        arguments.insert(arguments.begin(), {"-s", path});
+        return run_tool("veldar/veldar", arguments, options);
+    }
+    // The texts of the events that a predicate takes, newest first, of one second the last ones of the log first.
+    static std::vector<std::string> naive(const std::function<bool(const line_event&)>& wanted) {
+        std::vector<std::string> texts;
+        for (auto event = events->rbegin(); event != events->rend(); ++event) {
+            if (wanted(*event)) texts.push_back(event->text);
+        }
+        return texts;
+    }
+    static std::string joined(const std::vector<std::string>& texts) {
+        std::string all;
+        for (const std::string& text : texts) all += text + "\n";
+        return all;
+    }
+
+    static temp_dir* dir;
+    static std::vector<line_event>* events;
+};
+temp_dir* SearchTool::dir = nullptr;
+std::vector<line_event>* SearchTool::events = nullptr;
+
+TEST_F(SearchTool, AgreesWithReadingEveryLine) {
+    using event = const line_event&;
+    const int32_t noon = BEGIN + 12000;
+    const struct {
+        std::vector<std::string> arguments;
+        std::function<bool(event)> wanted;
+    } table[] = {
+        {{"refused"}, [](event e) { return e.has("refused"); }},
+        {{"REFUSED"}, [](event e) { return e.has("refused"); }},
+        {{"refused", "connection"}, [](event e) { return e.has("refused") && e.has("connection"); }},
+        {{"peer-7 OR retrying"}, [](event e) { return e.has("peer-7") || e.has("retrying"); }},
+        {{"connection -refused"}, [](event e) { return e.has("connection") && !e.has("refused"); }},
+        {{"-refused"}, [](event e) { return !e.has("refused"); }},
+        {{"NOT", "(refused", "OR", "well)"}, [](event e) { return !e.has("refused") && !e.has("well"); }},
+        {{"(refused OR well) user=bob"},
+         [](event e) { return e.user == "bob" && (e.has("refused") || e.has("well")); }},
+        {{"node_12.example.org"}, [](event e) { return e.has("node_12.example.org"); }},
+        {{"node_12"}, [](event) { return false; }},
+        {{"level=error"}, [](event e) { return e.level == "Error"; }},
+        {{"level!=INFO"}, [](event e) { return e.level != "INFO"; }},
+        {{"status=404 OR status=500"}, [](event e) { return e.status == 404 || e.status == 500; }},
+        {{"status!=200"}, [](event e) { return e.status != -1 && e.status != 200; }},
+        {{"NOT status=200"}, [](event e) { return e.status != 200; }},
+        {{"bytes>2500"}, [](event e) { return e.bytes > 2500; }},
+        {{"bytes>=100 bytes<=1000"}, [](event e) { return e.bytes >= 100 && e.bytes <= 1000; }},
+        {{"NOT bytes<1500"}, [](event e) { return e.bytes == -1 || e.bytes >= 1500; }},
+        {{"status>=400 -user=mallory"}, [](event e) { return e.status >= 400 && e.user != "mallory"; }},
+        {{"re*ing"}, [](event e) { return e.has("retrying"); }},
+        {{"*fused*"}, [](event e) { return e.has("refused") || e.has("refusedly"); }},
+        {{"user=*o*"}, [](event e) { return e.user != "alice"; }},
+        {{"path=/cart*"}, [](event e) { return e.path.starts_with("/cart"); }},
+        {{"path=/"}, [](event e) { return e.path == "/"; }},
+        {{"/img/logo.png"}, [](event e) { return e.path == "/img/logo.png"; }},
+        {{"/img/logo.png*"}, [](event e) { return e.path.starts_with("/img/logo.png"); }},
+        {{"\"connection refused\""}, [](event e) { return e.holds("connection refused") && e.has("refused"); }},
+        {{"\"connection refus*\""}, [](event e) { return e.holds("connection refus"); }},
+        {{"-\"connection refused\""}, [](event e) { return !e.holds("connection refused") || !e.has("refused"); }},
+        {{"\"refused connection\" OR \"all is well\" OR user=carol"},
+         [](event e) { return e.holds("refused connection") || e.holds("all is well") || e.user == "carol"; }},
+        {{"\"payload [42]\""}, [](event e) { return e.holds("payload [42]"); }},
+        {{"main.java"}, [](event e) { return e.has("main.java"); }},
+        {{"*", "--since", "2024-03-01T03:20:00Z"}, [=](event e) { return e.time >= noon; }},
+        {{"*", "--until", "2024-03-01 03:20"}, [=](event e) { return e.time < noon; }},
+        {{"well", "--since", "@" + std::to_string(noon), "--until", "2024-03-01T06:40:00+01:00", "--tz", "+09:00"},
+         [=](event e) { return e.has("well") && e.time >= noon && e.time < BEGIN + 20400; }},
+        {{"\"connection refused\"", "--until", "2024-03-01T03:20:00"},
+         [=](event e) { return e.time < noon && e.holds("connection refused") && e.has("refused"); }},
+        {{"[AND [OR status::404 status::500] [NOT user::bob]]", "--native"},
+         [](event e) { return (e.status == 404 || e.status == 500) && e.user != "bob"; }},
+        {{"nosuchword"}, [](event) { return false; }},
+        {{"host=web* sourcetype=*"}, [](event) { return true; }},
+        {{"ho*"}, [](event) { return false; }},
+    };
+    for (const auto& row : table) {
+        const std::vector<std::string> expected = naive(row.wanted);
+        std::vector<std::string> arguments = row.arguments;
+        arguments.insert(arguments.begin(), "search");
+        const tool_result found = run(arguments);
+        EXPECT_EQ(found.out, joined(expected)) << row.arguments[0];
+        EXPECT_EQ(found.err, "");
+        EXPECT_EQ(found.status, expected.empty() ? 1 : 0) << row.arguments[0];
+        arguments[0] = "count";
+        const tool_result count = run(arguments);
+        EXPECT_EQ(count.out, std::to_string(expected.size()) + "\n") << row.arguments[0];
+        EXPECT_EQ(count.status, expected.empty() ? 1 : 0);
+        arguments[0] = "explain";
+        EXPECT_EQ(run(arguments).status, expected.empty() ? 1 : 0) << row.arguments[0];
+        arguments[0] = "search";
+        arguments.insert(arguments.end(), {"-n", "7"});
+        const std::vector<std::string> newest(
+            expected.begin(), expected.begin() + static_cast<long>(std::min<size_t>(7, expected.size())));
+        EXPECT_EQ(run(arguments).out, joined(newest)) << row.arguments[0];
+        arguments.emplace_back("-r");
+        EXPECT_EQ(run(arguments).out, joined({newest.rbegin(), newest.rend()})) << row.arguments[0];
+    }
+}
+
+TEST_F(SearchTool, ManyEventsOfOneSecondAreGivenOnceInEveryBatch) {
+    const temp_dir other;
+    std::string log;
+    std::vector<std::string> texts;
+    for (int i = 0; i < 6000; i++) texts.push_back(time_stamp(BEGIN + i / 2500) + " same second " + std::to_string(i));
+    write_file(other.file("log"), joined(texts));
+    ASSERT_EQ(run_at(other.file("store"), {"load", other.file("log"), "--no-fsync"}).status, 0);
+    std::reverse(texts.begin(), texts.end());
+    EXPECT_EQ(run_at(other.file("store"), {"search", "same"}).out, joined(texts));
+    EXPECT_EQ(run_at(other.file("store"), {"search", "second", "OR", "\"same second\""}).out, joined(texts));
+    EXPECT_EQ(run_at(other.file("store"), {"count", "second", "OR", "\"same second\""}).out, "6000\n");
+}
+
+TEST_F(SearchTool, Formats) {
+    const temp_dir other;
+    write_file(other.file("log"), "x\n2024-03-01T00:00:00Z k=\"a,b\" \"q\"\\ \xFF\n\tmore\n");
+    ASSERT_EQ(run_at(other.file("store"), {"load", other.file("log"), "--host", "h", "--no-fsync"}).status, 0);
+    const auto search = [&](const char* format) {
+        return run_at(other.file("store"), {"search", "more", "--format", format}).out;
+    };
+    const std::string source = other.file("log"), raw = "2024-03-01T00:00:00Z k=\"a,b\" \"q\"\\ ";
+    const std::string type = read_file(other.file("store/sourcetypes")).substr(0, 7);
+    ASSERT_EQ(type, "iso8601");
+    const std::string common = "2024-03-01T00:00:00Z,h," + source + "," + type + ",bucket-000001,2,";
+    EXPECT_EQ(search("raw"), raw + "\xFF\n\tmore\n");
+    EXPECT_EQ(search("table"), "2024-03-01T00:00:00Z\th\t" + source + "\t" + raw + "\xFF\n");
+    EXPECT_EQ(search("addr"), "2024-03-01T00:00:00Z\t2\tbucket-000001\n");
+    EXPECT_EQ(search("csv"), "time,host,source,sourcetype,directory,address,raw\r\n" + common +
+                                 "\"2024-03-01T00:00:00Z k=\"\"a,b\"\" \"\"q\"\"\\ \xFF\n\tmore\"\r\n");
+    std::string tabs = common;
+    std::replace(tabs.begin(), tabs.end(), ',', '\t');
+    EXPECT_EQ(search("tsv"), "time\thost\tsource\tsourcetype\tdirectory\taddress\traw\n" + tabs +
+                                 "2024-03-01T00:00:00Z k=\"a,b\" \"q\"\\\\ \xFF\\n\\tmore\n");
+    EXPECT_EQ(search("jsonl"),
+              "{\"time\":\"2024-03-01T00:00:00Z\",\"host\":\"h\",\"source\":\"" + source +
+                  "\",\"sourcetype\":\"iso8601\",\"directory\":\"bucket-000001\",\"address\":2,\"raw\":"
+                  "\"2024-03-01T00:00:00Z k=\\\"a,b\\\" \\\"q\\\"\\\\ \xEF\xBF\xBD\\n\\tmore\"}\n");
+    const auto with = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), "search");
+        return run_at(other.file("store"), more).out;
+    };
+    EXPECT_EQ(with({"more", "-B", "3"}), "x\n" + raw + "\xFF\n\tmore\n");
+    EXPECT_EQ(with({"*", "-A1"}), raw + "\xFF\n\tmore\n--\nx\n" + raw + "\xFF\n");
+    EXPECT_EQ(with({"k=a* OR x", "--color", "always"}),
+              "2024-03-01T00:00:00Z k=\"\033[1;31ma\033[m,b\" \"q\"\\ \xFF\n\tmore\n\033[1;31mx\033[m\n");
+}
+
+TEST_F(SearchTool, TermsFieldsSeen) {
+    std::map<std::string, std::pair<size_t, std::pair<int32_t, int32_t>>> users;
+    for (const line_event& event : *events) {
+        auto& [count, times] = users[event.user];
+        times = {count == 0 ? event.time : times.first, event.time};
+        count++;
+    }
+    std::string by_term;
+    std::vector<std::pair<size_t, std::string>> by_count;
+    for (const auto& [user, seen] : users) {
+        by_term += std::to_string(seen.first) + "\tuser=" + user + "\n";
+        by_count.emplace_back(seen.first, user);
+        const tool_result one = run({"seen", "user=" + user});
+        EXPECT_EQ(one.out, "events\t" + std::to_string(seen.first) + "\nfirst\t" + time_stamp(seen.second.first) +
+                               "\nlast\t" + time_stamp(seen.second.second) + "\n");
+    }
+    std::sort(by_count.rbegin(), by_count.rend());
+    EXPECT_EQ(run({"terms", "user=*", "--sort", "term"}).out, by_term);
+    EXPECT_EQ(run({"terms", "user::*", "-n", "1"}).out,
+              std::to_string(by_count[0].first) + "\tuser=" + by_count[0].second + "\n");
+    EXPECT_EQ(run({"terms", "refus*", "--sort", "term", "-n", "1"}).out,
+              std::to_string(naive([](const line_event& e) { return e.has("refused"); }).size()) + "\trefused\n");
+    EXPECT_EQ(run({"terms", "user*"}).out, "900\tuser\n");  // the word, and not the field
+    const std::string fields = run({"fields"}).out;
+    EXPECT_NE(fields.find("900\t4\tuser\n"), std::string::npos) << fields;
+    EXPECT_NE(fields.find("900\t2\tsource\n"), std::string::npos) << fields;
+    EXPECT_EQ(run({"seen", "nobody"}).status, 1);
+    EXPECT_EQ(run({"seen", "two words"}).status, 2);
+    EXPECT_EQ(run({"terms", "nobody*"}).status, 1);
+}
+
+TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
+    const struct {
+        std::vector<std::string> arguments;
+        const char* message;
+    } table[] = {
+        {{"search", "a ("}, "  a (\n     ^ expected a term\n"},
+        {{"count", "a", "OR"}, "  a OR\n      ^ expected a term\n"},
+        {{"search", "--native", "[AND a"}, "  [AND a\n        ^ expected "},
+        {{"search", "--native", "[AND a] b"}, "  [AND a] b\n          ^ expected "},
+        {{"search", "a", "--since", "noonish"}, "--since noonish: expected a time"},
+        {{"search", "a", "--tz", "Mars/Base"}, "unknown time zone Mars/Base"},
+        {{"search", "a", "-C", "2", "--format", "csv"}, "context lines go with"},
+        {{"search", "a", "--format", "xml"}, "xml"},
+        {{"search"}, "QUERY is required"},
+    };
+    for (const auto& row : table) {
+        const tool_result refused = run(row.arguments);
+        EXPECT_EQ(refused.status, 2) << row.message;
+        EXPECT_EQ(refused.out, "");
+        EXPECT_NE(refused.err.find(row.message), std::string::npos) << refused.err;
+    }
+    EXPECT_EQ(run_at(dir->file("nothing"), {"search", "a"}).status, 2);
+}
+
+// A copy of the store, whose slices may be damaged.
+struct store_copy {
+    store_copy(const temp_dir& from) { fs::copy(from.file("store"), dir.file("store"), fs::copy_options::recursive); }
+    temp_dir dir;
+    std::string path() const { return dir.file("store"); }
+};
+
+TEST_F(SearchTool, AnUnreadableSliceIsNamedAndTheRestPrinted) {
+    const store_copy copy(*dir);
+    const std::vector<slice_file> files = slices_list(copy.path()).files;
+    const std::string victim = files[files.size() / 2].path;
+    const size_t lost = std::stoul(run_at(victim, {"count", "*"}).out);
+    ASSERT_GT(lost, 0u);
+    const std::string bytes = read_file(victim);
+    write_file(victim, bytes.substr(0, bytes.size() / 2));
+    for (const char* command : {"search", "count", "explain"}) {
+        const tool_result found = run_at(copy.path(), {command, "refused"});
+        EXPECT_EQ(found.status, 3) << command;
+        EXPECT_NE(found.err.find(victim), std::string::npos) << found.err;
+        EXPECT_NE(found.out, "");
+    }
+    const tool_result terms = run_at(copy.path(), {"terms", "user=*"});
+    EXPECT_EQ(terms.status, 3);
+    EXPECT_NE(terms.err.find(victim), std::string::npos) << terms.err;
+    const size_t left = std::stoul(run_at(copy.path(), {"count", "*"}).out);
+    EXPECT_EQ(left, events->size() - lost);
+    // A sentinel hides the slice, and then nothing is amiss. Neither are other files in the bucket.
+    write_file(victim + ".deleted", "");
+    write_file(victim.substr(0, victim.size() - 6) + ".mini.tsidx", "");
+    write_file(victim.substr(0, victim.size() - 6) + ".pre-tsidx", "");
+    EXPECT_EQ(run_at(copy.path(), {"count", "*"}).out, std::to_string(left) + "\n");
+    EXPECT_EQ(run_at(copy.path(), {"count", "*"}).status, 0);
+}
+
+TEST_F(SearchTool, AMissingLogIsNamedAndTheRestPrinted) {
+    const temp_dir other;
+    const std::string path = other.file("store");
+    write_file(other.file("one"), time_stamp(BEGIN) + " alpha beta\n");
+    write_file(other.file("two"), time_stamp(BEGIN + 60) + " alpha beta\n");
+    for (const char* name : {"one", "two"}) run_at(path, {"load", other.file(name), "--no-fsync"});
+    fs::remove(other.file("two"));
+    const tool_result raw = run_at(path, {"search", "alpha"});
+    EXPECT_EQ(raw.out, time_stamp(BEGIN) + " alpha beta\n");
+    EXPECT_EQ(raw.status, 3);
+    EXPECT_NE(raw.err.find(other.file("two")), std::string::npos) << raw.err;
+    const tool_result phrase = run_at(path, {"count", "\"alpha beta\""});
+    EXPECT_EQ(phrase.out, "1\n");
+    EXPECT_EQ(phrase.status, 3);
+    EXPECT_EQ(run_at(path, {"count", "alpha"}).status, 0);
+    const tool_result table = run_at(path, {"search", "alpha", "--format", "tsv"});
+    EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 3);
+    EXPECT_EQ(table.status, 3);
+}
+
+TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
+    const temp_dir other;
+    const std::string index = other.file("index");
+    write_file(other.file("events"), "1709251200\t7\t1\t2\t3\t0\talpha beta\n1709251260\t9\t1\t2\t3\t0\talpha\n");
+    ASSERT_EQ(run_tool("veldar/veldar", {"put", index, other.file("events"), "--no-fsync"}).status, 0);
+    const slice_set set = slices_list(index);
+    ASSERT_EQ(set.files.size(), 1u);
+    for (const std::string& path : {index, index + "/", set.files[0].path}) {
+        const tool_result found = run_at(path, {"search", "alpha"});
+        EXPECT_EQ(found.out, "2024-03-01T00:01:00Z\t9\tindex\n2024-03-01T00:00:00Z\t7\tindex\n");
+        EXPECT_EQ(found.status, 0);
+        EXPECT_NE(found.err.find("no source map"), std::string::npos);
+        EXPECT_EQ(run_at(path, {"count", "alpha", "-beta"}).out, "1\n");
+        EXPECT_EQ(run_at(path, {"count", "\"alpha beta\""}).status, 2);
+    }
+    // One slice of a store knows its logs.
+    const std::string oldest = slices_list(dir->file("store")).files.back().path;
+    const size_t held = std::stoul(run_at(oldest, {"count", "*"}).out);
+    EXPECT_EQ(run_at(oldest, {"search", "*", "-n1"}).out, (*events)[held - 1].text + "\n");
+}
+
+TEST_F(SearchTool, EventsInSeveralSlicesAreGivenOnce) {
+    const temp_dir other;
+    std::vector<forge_event> all = forge_random_events(3, 200);
+    std::set<std::pair<int32_t, uint32_t>> live;
+    for (forge_event& event : all) {
+        event.terms.emplace_back("every");
+        if (!event.deleted) live.emplace(event.time, event.address);
+    }
+    forge_file(other.path(), {all.begin(), all.begin() + 150}, forge_as_created(4), 1);
+    forge_file(other.path(), {all.begin() + 50, all.end()}, forge_as_created(2), 2);
+    const tool_result found = run_at(other.path(), {"search", "every", "--format", "addr"});
+    EXPECT_EQ(found.status, 0) << found.err;
+    std::string expected;
+    for (auto one = live.rbegin(); one != live.rend(); ++one) {
+        expected += time_stamp(one->first) + "\t" + std::to_string(one->second) + "\t" +
+                    fs::path(other.path()).filename().string() + "\n";
+    }
+    EXPECT_EQ(found.out, expected);
+}
+
+TEST_F(SearchTool, AClosedPipeEndsQuietly) {
+    const temp_dir other;
+    const std::string command = std::string(VELDAR_TOOLS_DIR) + "/veldar/veldar -s " + dir->file("store") +
+                                " search '*' -C 50 2>" + other.file("err") + "; echo $? >" + other.file("status");
+    const std::string shell = "{ " + command + "; } | head -n 1 >" + other.file("head");
+    ASSERT_EQ(std::system(shell.c_str()), 0);  // NOLINT(cert-env33-c): the shell is what is tested
+    EXPECT_EQ(read_file(other.file("status")), "0\n");
+    EXPECT_EQ(read_file(other.file("err")), "");
+}
+
+TEST(TimeInput, Forms) {
+    log_zone utc, berlin;
+    ASSERT_TRUE(log_zone_from_name("Europe/Berlin", &berlin));
+    const int64_t now = BEGIN + 3600 * 23 + 90;  // in Berlin it is 00:01:30 of the next day
+    const struct {
+        const char* text;
+        int64_t utc, berlin;  // seconds after BEGIN
+        uint32_t nanoseconds;
+    } table[] = {
+        {"2024-03-01", 0, -3600, 0},
+        {"2024-03-01T10:05", 36300, 32700, 0},
+        {"2024-03-01 10:05:03,5", 36303, 32703, 500000000},
+        {"2024-03-01t10:05:03.000000001z", 36303, 36303, 1},
+        {"2024-03-01T10:05:03+02:00", 29103, 29103, 0},
+        {"2024-03-01T24:00", 86400, 82800, 0},
+        {"10:05", 36300, 86400 + 32700, 0},
+        {"00:00:07", 7, 82807, 0},
+        {"today", 0, 82800, 0},
+        {"yesterday", -86400, -3600, 0},
+        {"tomorrow", 86400, 169200, 0},
+        {"now", 82890, 82890, 0},
+        {"-90s", 82800, 82800, 0},
+        {"-1h30m", 77490, 77490, 0},
+        {"+1d", 169290, 169290, 0},
+        {"-1w", -521910, -521910, 0},
+        {"@1709251200", 0, 0, 0},
+        {"@1709251200.25", 0, 0, 250000000},
+        {"@-0.25", -1709251201, -1709251201, 750000000},
+    };
+    for (const auto& row : table) {
+        st_timeval_t time;
+        EXPECT_TRUE(time_input_parse(row.text, &utc, now, &time)) << row.text;
+        EXPECT_EQ(time.time_s - BEGIN, row.utc) << row.text;
+        EXPECT_EQ(time.time_ns, row.nanoseconds) << row.text;
+        EXPECT_TRUE(time_input_parse(row.text, &berlin, now, &time)) << row.text;
+        EXPECT_EQ(time.time_s - BEGIN, row.berlin) << row.text;
+    }
+    for (const char* text :
+         {"", "-", "-h", "-5", "-5y", "@", "@x", "2024-02-30", "2024-3-1", "2024-03-01T", "25:00", "10", "10:5",
+          "10:05x", "2024-03-01T10:05+25:00", "2040-01-01", "-99999999999d", "@99999999999"}) {
+        st_timeval_t time;
+        EXPECT_FALSE(time_input_parse(text, &utc, now, &time)) << text;
+    }
+}
+
+}  // namespace
+}  // namespace veldar
