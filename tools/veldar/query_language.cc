@@ -13,6 +13,7 @@ namespace {
 
 constexpr size_t MAX_NESTING = 200;
 constexpr size_t MAX_PLANS = 64;
+constexpr size_t MAX_FIELD_NAME = 1000;  // leaves room for a value in a term
 
 enum class node_kind { all, any, literal, comparison, phrase };
 
@@ -229,6 +230,7 @@ class query_parser {
         const auto* found = std::find_if(OPERATORS.begin(), OPERATORS.end(), [&](const spelling& one) {
             return text_.substr(position_).starts_with(one.text);
         });
+        if (name.size() > MAX_FIELD_NAME) fail("a shorter field name before this");
         position_ += std::string_view(found->text).size();
         const bool equality = *found->op == '=' || *found->op == '!';
         if (at_end() || is_blank(here()) || here() == ')') {
@@ -266,12 +268,15 @@ class query_parser {
     }
 
     // A bare word that is exactly one token, or one with "*" among token characters, is a term of the index.
-    static query_node phrase_or_word(const std::string& text, bool quoted) {
+    query_node phrase_or_word(const std::string& text, bool quoted) const {
         const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return is_token(c) || c == '*'; });
         const bool star = text.find('*') != std::string::npos;
         const std::string folded = fold_value(text);
         if (!quoted && text.find_first_not_of('*') == std::string::npos) return query_node();
-        if (!quoted && plain && star) return literal_node(folded);
+        if (!quoted && plain && star) {
+            if (text.size() > TERM_MAX) fail("a shorter word before this");
+            return literal_node(folded);
+        }
         term_set words;
         term_set_add_text(&words, text);
         const auto terms = term_set_terms(&words);

@@ -4,6 +4,8 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 #include <vector>
 
 #include "tools/veldar/log_input.h"
@@ -23,6 +25,7 @@ struct open_source {
     uint64_t start = 0;
     std::string bytes;
     bool at_end = false;  // the run ends where the file ends
+    uint64_t used = 0;    // number of the last fetch
 };
 
 bool same_head(const source_file& file, const log_input& input) {
@@ -107,6 +110,8 @@ struct raw_reader {
     std::string directory;
     source_map map;
     std::map<uint32_t, std::unique_ptr<open_source>> sources;
+    uint64_t fetches = 0;
+    std::set<uint32_t> missing;  // looked for once; many events may ask for them
 };
 
 void raw_reader_close::operator()(raw_reader* reader) const {
@@ -119,12 +124,22 @@ constexpr size_t MAX_OPEN = 16;
 
 open_source* source_of(raw_reader* reader, const source_file& file, std::string* error) {
     const auto known = reader->sources.find(file.number);
-    if (known != reader->sources.end()) return known->second.get();
-    if (reader->sources.size() >= MAX_OPEN) reader->sources.clear();
+    reader->fetches++;
+    if (known != reader->sources.end()) {
+        known->second->used = reader->fetches;
+        return known->second.get();
+    }
     auto source = std::make_unique<open_source>();
-    if (!locate_and_open(file, reader->directory, &source->input)) {
+    source->used = reader->fetches;
+    if (reader->missing.contains(file.number) || !locate_and_open(file, reader->directory, &source->input)) {
+        reader->missing.insert(file.number);
         *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
         return nullptr;
+    }
+    if (reader->sources.size() >= MAX_OPEN) {
+        reader->sources.erase(
+            std::min_element(reader->sources.begin(), reader->sources.end(),
+                             [](const auto& a, const auto& b) { return a.second->used < b.second->used; }));
     }
     if (source->input.gz != nullptr) {
         source->input.gz->points.clear();
