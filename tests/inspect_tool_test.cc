@@ -1,4 +1,4 @@
-// The commands that show what is inside of slices: fsck, info.
+// The commands that show what is inside of slices: fsck, info, ls, dump.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,6 +11,7 @@
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/fsck_slice.h"
+#include "tools/veldar/slice_events.h"
 
 namespace veldar {
 namespace {
@@ -134,11 +135,11 @@ void put_be(std::string* bytes, uint64_t at, uint64_t value, uint32_t size) {
     for (uint32_t i = 0; i < size; i++) (*bytes)[at + i] = static_cast<char>(value >> (8 * (size - 1 - i)));
 }
 
-enum place_t { HEADER, VALUES, S, H, OFFSETS, METADATA, LEXICON, LISTS, DIMSETS };
+enum place_t { HEADER, VALUES, S, D, OFFSETS, METADATA, LEXICON, LISTS, DIMSETS };
 
 uint64_t offset_of(const known_slice& slice, place_t place) {
     const forge_offsets& at = slice.picture.at;
-    const uint64_t offsets[] = {0,           at.values,  at.s,        at.h,      at.posting_offsets,
+    const uint64_t offsets[] = {0,           at.values,  at.s,        at.d,      at.posting_offsets,
                                 at.metadata, at.lexicon, at.postings, at.dimsets};
     return offsets[place];
 }
@@ -337,6 +338,86 @@ TEST(Fsck, ExitStatusTells) {
     ASSERT_EQ(::unlink(path.c_str()), 0);
     ASSERT_EQ(::symlink(path.c_str(), path.c_str()), 0);
     EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 5);
+}
+
+// Lists turned round in runs of any size give each value its terms.
+TEST(Dump, TurnsListsRound) {
+    const temp_dir dir;
+    const std::vector<forge_event> forged = forge_random_events(11, 60);
+    for (const forge_options& options : forge_event_kinds()) {
+        const std::string path = forge_file(dir.path(), forged, options);
+        const std::vector<forge_event> values = forge_number(forged).values;
+        for (const uint64_t budget : {uint64_t{1}, uint64_t{40}, SLICE_EVENTS_BUDGET}) {
+            warm_rc_t rc;
+            WARM* const warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
+            ASSERT_NE(warm, nullptr);
+            slice_events events;
+            uint32_t seen = 0;
+            for (int status = slice_events_open(&events, warm, budget, &rc); status == 0;) {
+                status = slice_events_next(&events, &rc);
+                if (events.begin == events.end) break;
+                for (uint32_t id = events.begin; id < events.end; id++, seen++) {
+                    std::vector<std::string> terms;
+                    for (const uint32_t term : slice_events_terms(events, id)) {
+                        terms.emplace_back(slice_events_term(events, term));
+                    }
+                    ASSERT_EQ(terms, as_stored({values[id]}).front().terms) << options.name() << " value " << id;
+                }
+            }
+            EXPECT_EQ(rc.warm_rc, 0);
+            EXPECT_EQ(seen, values.size());
+            slice_events_close(&events);
+            st_warm_slice_close(warm);
+        }
+    }
+}
+
+TEST(Dump, PrintsWhatPutReads) {
+    const temp_dir dir, copy;
+    std::vector<forge_event> events = forge_random_events(4, 200);
+    events[3].terms.push_back("a b%c\t\xFF");
+    forge_file(dir.path(), events, forge_as_created(4));
+    const tool_result dumped = run_tool(TOOL, {"dump", "--format", "tsv", "--deleted", dir.path()});
+    ASSERT_EQ(dumped.status, 0) << dumped.err;
+    write_file(copy.file("events"), dumped.out);
+    ASSERT_EQ(run_tool(TOOL, {"put", copy.path(), copy.file("events")}).status, 0);
+    EXPECT_EQ(read_created_slices(copy.path()), as_stored(events));
+    const tool_result kept = run_tool(TOOL, {"dump", "--format", "tsv", dir.path()});
+    EXPECT_LT(kept.out.size(), dumped.out.size());
+    EXPECT_EQ(kept.out.find("\t4294967295\t"), std::string::npos);
+}
+
+TEST(Dump, AndLsOfAKnownSlice) {
+    const temp_dir dir;
+    const std::string name = "1020-1000-1.tsidx";
+    std::string bytes = make_known().bytes;
+    bytes[offset_of(make_known(), D)] = 2;  // value 1 is deleted
+    write_file(dir.file(name), bytes);
+    const std::string jsonl = run_tool(TOOL, {"dump", "--deleted", dir.path()}).out;
+    EXPECT_EQ(jsonl.substr(0, jsonl.find('\n', jsonl.find('\n') + 1) + 1),
+              "{\"time\":\"1970-01-01T00:17:00Z\",\"host\":\"0\",\"source\":\"1\",\"sourcetype\":\"0\",\"address\":520,"
+              "\"measure\":0,\"deleted\":false,\"terms\":[\"a\"]}\n"
+              "{\"time\":\"1970-01-01T00:16:59Z\",\"host\":\"0\",\"source\":\"4294967295\",\"sourcetype\":\"0\","
+              "\"address\":519,\"measure\":0,\"deleted\":true,\"terms\":[\"a\"]}\n");
+    const std::string csv = run_tool(TOOL, {"dump", "--format", "csv", dir.path()}).out;
+    EXPECT_EQ(csv.find("time,host,source,sourcetype,address,measure,deleted,terms\r\n"), 0u);
+    EXPECT_NE(csv.find("\r\n1970-01-01T00:16:53Z,0,1,0,513,0,false,a solo\r\n"), std::string::npos) << csv;
+
+    write_file(dir.file("2000-1500-2.tsidx"), "damaged");
+    const tool_result ls = run_tool(TOOL, {"ls", dir.path()});
+    EXPECT_EQ(ls.status, 3);
+    EXPECT_NE(ls.err.find("2000-1500-2.tsidx"), std::string::npos);
+    EXPECT_EQ(
+        ls.out,
+        "earliest              latest                    events   deleted      terms         bytes  format      slice\n"
+        "1970-01-01T00:25:00Z  1970-01-01T00:33:20Z           -         -          -             7  unreadable  "
+        "2000-1500-2.tsidx\n"
+        "1970-01-01T00:16:40Z  1970-01-01T00:17:00Z          21         1          5           459  _TSIDX9     "
+        "1020-1000-1.tsidx\n");
+    const std::string bucket = run_tool(TOOL, {"ls", "--buckets", "--format", "jsonl", dir.path()}).out;
+    EXPECT_EQ(bucket.substr(bucket.find(",\"earliest")),
+              ",\"earliest\":\"1970-01-01T00:16:40Z\",\"latest\":\"1970-01-01T00:33:20Z\",\"events\":21,\"deleted\":1,"
+              "\"terms\":5,\"bytes\":466,\"slices\":2}\n");
 }
 
 }  // namespace

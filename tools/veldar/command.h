@@ -44,5 +44,7 @@ void add_seen_command(CLI::App* app, tool_context* context);
 void add_explain_command(CLI::App* app, tool_context* context);
 void add_fsck_command(CLI::App* app, tool_context* context);
 void add_info_command(CLI::App* app, tool_context* context);
+void add_ls_command(CLI::App* app, tool_context* context);
+void add_dump_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

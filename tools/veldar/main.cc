@@ -29,6 +29,8 @@ int run(int argc, char** argv) {
     veldar::add_explain_command(&app, &context);
     veldar::add_fsck_command(&app, &context);
     veldar::add_info_command(&app, &context);
+    veldar::add_ls_command(&app, &context);
+    veldar::add_dump_command(&app, &context);
     try {
         std::vector<std::string> arguments(argv + 1, argv + argc);
         veldar::query_protect_words(&arguments);

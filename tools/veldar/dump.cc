@@ -1,0 +1,167 @@
+// veldar dump: the events of slices as the index has them, with their terms.
+//
+//   jsonl   one object a line
+//   csv     the same columns with a header line; the terms separated by blanks, percent-encoded
+//   tsv     what `veldar put` reads: numbers instead of names, no header line
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/veldar/command.h"
+#include "tools/veldar/event_output.h"
+#include "tools/veldar/slice_events.h"
+#include "tools/veldar/slices.h"
+#include "tools/veldar/store.h"
+#include "tools/veldar/text_output.h"
+
+namespace veldar {
+
+namespace {
+
+struct dump_options {
+    std::string path;
+    std::string format = "jsonl";
+    bool deleted = false;
+};
+
+struct dump_run {
+    const dump_options* options = nullptr;
+    text_output out;
+    event_source source;
+    troubles trouble;
+};
+
+// A term among others separated by blanks.
+void put_encoded(std::string* out, std::string_view term) {
+    for (const char c : term) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte <= ' ' || c == '%') {
+            *out += fmt::format("%{:02X}", byte);
+        } else {
+            *out += c;
+        }
+    }
+}
+
+std::string encoded_terms(const slice_events& events, uint32_t id) {
+    std::string out;
+    for (const uint32_t term : slice_events_terms(events, id)) {
+        if (!out.empty()) out += ' ';
+        put_encoded(&out, slice_events_term(events, term));
+    }
+    return out;
+}
+
+void put_json(dump_run* run, const slice_events& events, uint32_t id, const st_tsval& value, bool deleted) {
+    std::string* const out = &run->out.bytes;
+    *out += "{\"time\":\"" + event_time_text(value.time, value.subsecond) + "\",\"host\":";
+    json_put_string(out, event_source_name(run->source.hosts, value.h));
+    *out += ",\"source\":";
+    json_put_string(out, event_source_name(run->source.sources, value.s));
+    *out += ",\"sourcetype\":";
+    json_put_string(out, event_source_name(run->source.sourcetypes, value.st));
+    *out +=
+        fmt::format(",\"address\":{},\"measure\":{},\"deleted\":{},\"terms\":[", value.address, value.measure, deleted);
+    for (const uint32_t term : slice_events_terms(events, id)) {
+        if (out->back() != '[') *out += ',';
+        json_put_string(out, slice_events_term(events, term));
+    }
+    *out += "]}\n";
+}
+
+void put_csv(dump_run* run, const slice_events& events, uint32_t id, const st_tsval& value, bool deleted) {
+    const std::string fields[] = {event_time_text(value.time, value.subsecond),
+                                  event_source_name(run->source.hosts, value.h),
+                                  event_source_name(run->source.sources, value.s),
+                                  event_source_name(run->source.sourcetypes, value.st),
+                                  fmt::to_string(value.address),
+                                  fmt::to_string(value.measure),
+                                  deleted ? "true" : "false"};
+    for (const std::string& field : fields) {
+        csv_put_field(&run->out.bytes, field);
+        run->out.bytes += ',';
+    }
+    csv_put_field(&run->out.bytes, encoded_terms(events, id));
+    run->out.bytes += "\r\n";
+}
+
+void put_tsv(dump_run* run, const slice_events& events, uint32_t id, const st_tsval& value) {
+    std::string time = fmt::to_string(value.time);
+    if (value.subsecond != 0) time += fmt::format(".{:09}", value.subsecond);
+    run->out.bytes += fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\n", time, value.address, value.s, value.st, value.h,
+                                  value.measure, encoded_terms(events, id));
+}
+
+void put_event(dump_run* run, const slice_events& events, uint32_t id, const st_tsval& value) {
+    const bool deleted = value.s == ST_DELETED_SOURCE && !events.warm->tsval_reader.s.bytes.empty();
+    if (deleted && !run->options->deleted) return;
+    if (run->options->format == "jsonl") {
+        put_json(run, events, id, value, deleted);
+    } else if (run->options->format == "csv") {
+        put_csv(run, events, id, value, deleted);
+    } else {
+        put_tsv(run, events, id, value);
+    }
+    output_end_record(&run->out);
+}
+
+int dump_values(dump_run* run, slice_events* events, warm_rc_t* rc) {
+    do {
+        ST_TRY(slice_events_next(events, rc));
+        for (uint32_t id = events->begin; id < events->end && !run->out.closed; id++) {
+            st_tsval value;
+            ST_TRY(tsval_reader_decode(&events->warm->tsval_reader, id, &value, false, 0, rc));
+            put_event(run, *events, id, value);
+        }
+    } while (events->begin < events->end && !run->out.closed);
+    return 0;
+}
+
+void dump_slice(dump_run* run, const slice_file& file) {
+    warm_ptr warm;
+    std::string error;
+    const slice_state_t state = slice_open(file, &warm, &error);
+    if (state == SLICE_VANISHED) error = file.path + ": was removed meanwhile";
+    if (state != SLICE_OPEN) return troubles_add(&run->trouble, error);
+    slice_events events;
+    warm_rc_t rc;
+    int status = slice_events_open(&events, warm.get(), SLICE_EVENTS_BUDGET, &rc);
+    if (status == 0) status = dump_values(run, &events, &rc);
+    slice_events_close(&events);
+    if (status == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
+    if (status != 0) troubles_add(&run->trouble, slice_error(file, rc));
+}
+
+int dump_run_all(const tool_context& context, const dump_options& options) {
+    const slice_set slices = slices_list(options.path.empty() ? store_choose(context.store) : options.path);
+    dump_run run;
+    run.options = &options;
+    for (const std::string& error : slices.errors) troubles_add(&run.trouble, error);
+    event_source_open(&run.source, &slices, &run.trouble);
+    event_source_read_names(&run.source);
+    output_open(&run.out, "never");
+    if (options.format == "csv") {
+        output_put(&run.out, "time,host,source,sourcetype,address,measure,deleted,terms\r\n");
+    }
+    for (const slice_file& file : slices.files) {
+        if (!run.out.closed) dump_slice(&run, file);
+    }
+    output_flush(&run.out);
+    return run.trouble.incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+}
+
+}  // namespace
+
+void add_dump_command(CLI::App* app, tool_context* context) {
+    static dump_options options;
+    CLI::App* dump = app->add_subcommand("dump", "Print the events of slices with their terms");
+    dump->footer("tsv is what 'veldar put' reads. Events of metrics come without terms.");
+    dump->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
+    dump->add_option("--format", options.format, "jsonl, csv or tsv")
+        ->check(CLI::IsMember({"jsonl", "csv", "tsv"}))
+        ->capture_default_str();
+    dump->add_flag("--deleted", options.deleted, "Deleted events too");
+    dump->callback([context] { context->status = dump_run_all(*context, options); });
+}
+
+}  // namespace veldar
