@@ -9,6 +9,7 @@
 #include "searchthing/plist.h"
 #include "searchthing/warmslice.h"
 #include "searchthing/warmslice_meta.h"
+#include "searchthing/warmslice_search.h"
 #include "searchthing/warmslice_values.h"
 
 namespace veldar {
@@ -89,10 +90,44 @@ inline void walk_terms(WARM* warm) {
     close_plist_reader(&reader);
 }
 
+// One query in every way: answers, candidates, count and bitmap, which agree as far as each of them can be had.
+inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
+    st_query_spec query;
+    st_query_init(&query);
+    st_query_set_time_bound(&query, true, INT32_MIN, 0, INT32_MAX, 0);
+    query.lispy = text;
+    query.token_case = token_case;
+    st_tsval answers[WALK_LIMIT];
+    const int found = st_warm_slice_search(warm, &query, answers, WALK_LIMIT, true);
+    const int possible = st_warm_slice_search(warm, &query, answers, WALK_LIMIT, false);
+    walk_require(found < 0 || possible < 0 || found <= possible);
+    warm_rc_t rc;
+    search_report_t report;
+    uint64_t count = 0, matches = 0;
+    bitmap_and_bounds_t bits;
+    const bool counted = warm_slice_count(warm, &query, &count, &report, &rc) == 0 && !report.from_metadata;
+    const bool selected = query_to_bitmap_and_bounds(warm, &query, &bits, &matches, &rc) == 0;
+    free_bitmap_and_bounds(&bits);
+    // Beyond one window a search may end before it meets the damage.
+    if (!selected || st_warm_slice_has_deletes(warm) || st_warm_slice_values(warm) > 4096) return;
+    walk_require(!counted || count == matches);
+    walk_require(found < 0 || static_cast<uint64_t>(found) == std::min<uint64_t>(matches, WALK_LIMIT));
+}
+
+inline void walk_searches(WARM* warm) {
+    if (st_warm_slice_values(warm) > 1 << 16) return;
+    for (const char* text :
+         {"[AND all]", "[OR h* *e [AND all [NOT *1*]]]", "[AND half [GT bytes 5] [OR x [NOT tenth]]]",
+          "[AND burst tenth [NEQ status 200]]", "[OR [NOT all] [LTE bytes 100]]"}) {
+        walk_query(warm, text, TOKEN_CASE_ASIS);
+    }
+}
+
 inline void walk_slice(WARM* warm) {
     warm_rc_t rc;
     walk_values(warm);
     walk_terms(warm);
+    walk_searches(warm);
     static_cast<void>(st_warm_slice_has_deletes(warm));
     static_cast<void>(st_warm_slice_blocksize(warm));
     static_cast<void>(st_warm_slice_dimsets_offset(warm, &rc));
