@@ -106,6 +106,10 @@ void lock_store(store* st) {
 
 void make_store(const std::string& path, bool durable) {
     if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+    // Of loads that begin at once, one makes the store while the others wait.
+    const unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.valid()) fail_io("cannot open " + path, errno);
+    static_cast<void>(::flock(directory.get(), LOCK_EX));
     if (store_is(path)) return;
     std::vector<std::string> names;
     if (!list_directory(path, &names)) fail_io("cannot read " + path, errno);
