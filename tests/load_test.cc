@@ -177,6 +177,19 @@ TEST_F(Load, ATruncatedFileIsANewOne) {
     EXPECT_EQ(records(), sorted(log_lines(0, 600)));
 }
 
+TEST_F(Load, FilesThatOnlyBeginAlikeAreTwo) {
+    const std::string banner = "service started\n";
+    write_file(file("a.log"), banner);
+    load_all({file("a.log")});
+    write_file(file("b.log"), banner + "of b\n");
+    load_all({file("b.log")});
+    append(file("a.log"), "of a\n");
+    write_file(file("copy.log"), read_file(file("a.log")));
+    load_all({file("copy.log"), file("a.log")});
+    std::filesystem::remove(file("copy.log"));
+    EXPECT_EQ(records(), (lines{"of a", "of b", "service started", "service started"}));
+}
+
 TEST_F(Load, KilledAtAnyMomentGivesEachLineOnce) {
     const lines a = log_lines(0, 8000), b = log_lines(8000, 8000), c = log_lines(16000, 8000);
     write_file(file("a.log"), joined(a));
@@ -355,6 +368,7 @@ TEST(Put, TermsCountsAndBadLines) {
     const tool_result strict = run_tool("veldar/veldar", {"put", dir.file("bad1"), dir.file("bad.tsv")});
     EXPECT_EQ(strict.status, 2);
     EXPECT_NE(strict.err.find("line 2: the measure is not a number"), std::string::npos) << strict.err;
+    EXPECT_NE(strict.err.find("put so far: 1 event,"), std::string::npos) << strict.err;
     EXPECT_EQ(slice_names(dir.file("bad1")).size(), 1u) << "the line before it is kept";
     const tool_result skipping =
         run_tool("veldar/veldar", {"put", dir.file("bad2"), "-", "--skip-bad"}, {dir.file("bad.tsv")});

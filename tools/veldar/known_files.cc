@@ -3,7 +3,9 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
+#include <span>
 
 #include "libzero/endian.h"
 #include "tools/veldar/command.h"
@@ -14,6 +16,9 @@
 namespace veldar {
 
 namespace {
+
+// Two logs may begin with the same few lines, but not with the same this many bytes.
+constexpr uint64_t SURELY_SAME = 4096;
 
 // The offset behind the record at a place; false when the file cannot be read there.
 bool record_end(const store_bucket& bucket, const source_place& place, uint64_t* end) {
@@ -30,7 +35,7 @@ bool record_end(const store_bucket& bucket, const source_place& place, uint64_t*
     if (!record_reader_next(&reader, &offset, &text)) return false;
     record_reader_finish_record(&reader);
     *end = reader.offset;
-    return true;
+    return input.gz != nullptr || reader.error.empty();
 }
 
 // Slices become visible in the order of their addresses and each as a whole, so the greatest address in them is the
@@ -125,6 +130,26 @@ bool same_tail(const known_file& known, log_input* input) {
     return XXH64(bytes.data(), bytes.size(), 0) == tail.hash;
 }
 
+// What stands in the input from this offset on, up to as many bytes as the buffer has.
+size_t read_from(log_input* input, uint64_t offset, std::span<char> out) {
+    std::string error;
+    if (!log_input_seek(input, offset, &error)) return 0;
+    size_t have = 0;
+    while (have < out.size()) {
+        const int64_t got = log_input_read(input, out.data() + have, out.size() - have, &error);
+        if (got <= 0) break;
+        have += static_cast<size_t>(got);
+    }
+    return have;
+}
+
+// Whether the original goes on behind the progress with all the bytes that the input has there, as far as 4 KiB tell.
+bool goes_on_alike(const known_file& known, log_input* input, log_input* original) {
+    char bytes[4096], others[sizeof bytes];
+    const size_t size = read_from(input, known.progress, bytes);
+    return read_from(original, known.progress, {others, size}) == size && std::memcmp(bytes, others, size) == 0;
+}
+
 }  // namespace
 
 known_files known_files_gather(store* st, std::vector<uint32_t>* open_end) {
@@ -152,7 +177,8 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end) {
     return known;
 }
 
-known_file* known_files_identify(known_files* known, log_input* input) {
+known_file* known_files_identify(known_files* known, log_input* input, bool* copy) {
+    *copy = false;
     std::vector<uint32_t> numbers = same_heads(*known, input->head);
     const auto same_inode = [&](uint32_t number) {
         const source_file& file = known->by_number[number].file;
@@ -164,7 +190,13 @@ known_file* known_files_identify(known_files* known, log_input* input) {
     });
     for (const uint32_t number : numbers) {
         known_file* const file = &known->by_number[number];
-        if (known_file_unchanged(*file, *input) || same_tail(*file, input)) return file;
+        if (known_file_unchanged(*file, *input)) return file;
+        if (!same_tail(*file, input)) continue;
+        log_input original;
+        *copy = !same_inode(number) && source_file_open_original(file->file, &original);
+        if (!*copy || goes_on_alike(*file, input, &original)) return file;
+        *copy = false;
+        if (file->progress >= SURELY_SAME) return file;
     }
     return nullptr;
 }

@@ -35,7 +35,9 @@ struct known_files {
 known_files known_files_gather(store* st, std::vector<uint32_t>* open_end);
 // The file that this input goes on with, or null for a new one: its head hashes as it did, it is not shorter than what
 // was loaded, and the bytes before the progress hash as they did. Of several the one with the same inode comes first.
-known_file* known_files_identify(known_files* known, log_input* input);
+// While the file that was loaded stands in its directory, another one that goes on like it is a `*copy`, and one that
+// goes on otherwise behind less than 4 KiB is a new one: it only begins with the same lines.
+known_file* known_files_identify(known_files* known, log_input* input, bool* copy);
 // Takes a new file, or the new whereabouts of a known one.
 known_file* known_files_put(known_files* known, const source_file& file);
 // Whether the input is, byte for byte as far as its inode, size and time tell, what was loaded to its end.

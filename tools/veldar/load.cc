@@ -28,9 +28,8 @@ int load_run(const tool_context& context, const load_options& options) {
         }
         loader_close(&load);
     } catch (tool_failure& failure) {
-        loader_give_up(&load);
         progress_clear(&load.shown);
-        failure.message += "\nveldar: not all is loaded; load again once this is mended, and nothing is lost";
+        failure.message += "\nveldar: " + loader_give_up(&load);
         throw;
     }
     progress_clear(&load.shown);

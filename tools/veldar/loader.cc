@@ -29,7 +29,6 @@ struct file_load {
     log_input input;
     record_reader reader;
     source_file file;
-    unique_fd spool;
     uint64_t from = 0;  // where reading begins
     bool in_stretch = false;
     uint64_t events = 0;
@@ -54,11 +53,17 @@ std::string absolute_path(const std::string& path) {
     return parent + (parent == "/" ? "" : "/") + path.substr(slash + 1);
 }
 
+// Where a file really is: behind symbolic links, and behind "/dev/stdin".
+std::string real_path(const std::string& path) {
+    char resolved[PATH_MAX];
+    return ::realpath(path.c_str(), resolved) == nullptr ? absolute_path(path) : resolved;
+}
+
 // Says that everything below the address is indexed, once the raw bytes that only the spool holds are safe too.
 void mark(loader* load, uint64_t address) {
     source_map* const map = &bucket_of(load).map;
     if (address == map->frontier) return;
-    if (load->spool >= 0 && load->st.durable && ::fdatasync(load->spool) != 0) {
+    if (load->spool.valid() && load->st.durable && ::fdatasync(load->spool.get()) != 0) {
         fail_io("cannot sync the copy of the input", errno);
     }
     source_map_put_mark(map, address);
@@ -215,21 +220,20 @@ void describe(file_load* one, const std::string& path) {
     one->file.path = path;
 }
 
-// A known file under another name: its raw lines are found there from now on. A mere copy changes nothing.
+// A known file under another name: its raw lines are found there from now on.
 void note_whereabouts(loader* load, const file_load& one, const source_file& before) {
     const source_file& now = one.file;
     if (now.path == before.path && now.inode == before.inode && now.device == before.device) return;
-    struct stat st;
-    if (::stat(before.path.c_str(), &st) == 0 && st.st_ino == before.inode && st.st_dev == before.device) return;
     for (store_bucket& bucket : load->st.buckets) {
         if (bucket.map.files.contains(now.number)) source_map_put_file(&bucket.map, now);
     }
     known_files_put(&load->known, now);
 }
 
-// Parses the last lines before the progress again: a line without a time that follows them takes theirs.
+// Parses the last lines before the progress again: a line without a time that follows them takes theirs. When the year
+// of the first line is given, the years of all the lines behind it hang on it.
 bool replay(loader* load, file_load* one, std::string* error) {
-    const uint64_t start = one->from > REPLAY ? one->from - REPLAY : 0;
+    const uint64_t start = one->from > REPLAY && load->options->year == 0 ? one->from - REPLAY : 0;
     if (one->from == 0) return true;
     record_reader reader;
     if (!log_input_seek(&one->input, start, error)) return false;
@@ -262,7 +266,7 @@ void note_progress(loader* load, const file_load& one) {
 bool load_rest(loader* load, file_load* one, std::string* error) {
     const uint64_t limit = one->input.pipe || one->input.gz != nullptr ? SOURCE_NO_LIMIT : one->input.size;
     if (!record_reader_open(&one->reader, &one->input, limit)) throw std::bad_alloc();
-    one->reader.spool = load->spool;
+    one->reader.spool = load->spool.get();
     log_event_look_ahead(&load->event, one->input.pipe ? one->input.head : record_reader_peek(&one->reader),
                          load->event.context.modified_s);
     put_records(load, one);
@@ -271,6 +275,10 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     note_progress(load, *one);
     save_points(load, *one);
     *error = one->reader.error;
+    if (error->empty() && limit != SOURCE_NO_LIMIT && one->reader.offset < limit && tool_interrupted == 0) {
+        *error = "ends at byte " + std::to_string(one->reader.offset) + " of " + std::to_string(limit) +
+                 ": it was cut short while it was loaded";
+    }
     return error->empty();
 }
 
@@ -286,13 +294,12 @@ bool load_pipe(loader* load, file_load* one, std::string* error) {
     const std::string name = "spool-" + std::to_string(one->file.number);
     one->file.path = "../" + bucket->directory.substr(bucket->directory.rfind('/') + 1) + "/" + name;
     const std::string path = bucket->directory + "/" + name;
-    one->spool.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!one->spool.valid()) fail_io("cannot make " + path, errno);
+    load->spool.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!load->spool.valid()) fail_io("cannot make " + path, errno);
     source_map_put_file(&bucket->map, one->file);
-    load->spool = one->spool.get();
     const bool read = load_rest(load, one, error);
-    if (load->st.durable && ::fdatasync(load->spool) != 0) fail_io("cannot sync " + path, errno);
-    load->spool = -1;
+    if (load->st.durable && ::fdatasync(load->spool.get()) != 0) fail_io("cannot sync " + path, errno);
+    load->spool.reset();
     return read;
 }
 
@@ -332,13 +339,15 @@ bool pass_over(file_load* one, uint64_t limit, std::string* error) {
 }
 
 bool load_file(loader* load, file_load* one, const std::string& path, std::string* error) {
-    known_file* const known = known_files_identify(&load->known, &one->input);
+    bool copy;
+    known_file* const known = known_files_identify(&load->known, &one->input, &copy);
     if (known != nullptr) {
         const source_file before = known->file;
         const bool unchanged = known_file_unchanged(*known, one->input);
         one->file = before;
         one->from = known->progress;
-        describe(one, absolute_path(path));
+        // A copy may go away again, and the file that was loaded holds what it holds.
+        if (!copy) describe(one, real_path(path));
         note_whereabouts(load, *one, before);
         if (known->record_indexed && !pass_over(one, known->record_limit, error)) return false;
         if (unchanged || (one->input.gz == nullptr && one->from == one->input.size)) {
@@ -349,7 +358,7 @@ bool load_file(loader* load, file_load* one, const std::string& path, std::strin
     choose_names(load, one, absolute_path(path));
     load_points(*load, one);
     if (known == nullptr) {
-        describe(one, absolute_path(path));
+        describe(one, real_path(path));
         one->file.number = load->known.next_number++;
     }
     if (!replay(load, one, error) || !log_input_seek(&one->input, one->from, error)) return false;
@@ -390,11 +399,17 @@ void loader_close(loader* load) {
     close_bucket(load);
 }
 
-void loader_give_up(loader* load) {
+std::string loader_give_up(loader* load) {
     try {
         close_bucket(load);
     } catch (const tool_failure&) {
     }
+    struct stat st;
+    if (!load->spool.valid() || ::fstat(load->spool.get(), &st) != 0) {
+        return "not all is loaded; load again once this is mended, and nothing is lost";
+    }
+    return "the first " + std::to_string(st.st_size) +
+           " bytes of the pipe are kept and indexed by the next load; send what follows them again";
 }
 
 }  // namespace veldar

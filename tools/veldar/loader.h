@@ -39,7 +39,7 @@ struct loader {
     uint64_t address = 0;  // of the next record in the bucket
     uint64_t slices_seen = 0;
     std::vector<std::string> slices_before;
-    int spool = -1;  // of the pipe being loaded
+    unique_fd spool;  // of the pipe being loaded
 
     log_event_maker event;
     load_totals totals;
@@ -56,7 +56,7 @@ void loader_open(loader* load, const std::string& store_path, const load_options
 bool loader_load(loader* load, const std::string& path, std::string* error);
 // Syncs, saves the progress and closes.
 void loader_close(loader* load);
-// After a failure: keeps what can still be kept. Does not throw.
-void loader_give_up(loader* load);
+// After a failure: keeps what can still be kept, and returns what the user can do about the rest. Does not throw.
+std::string loader_give_up(loader* load);
 
 }  // namespace veldar

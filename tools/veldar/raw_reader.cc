@@ -1,6 +1,7 @@
 #include "tools/veldar/raw_reader.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 #include <set>
 #include <vector>
 
-#include "tools/veldar/log_input.h"
 #include "tools/veldar/record_reader.h"
 
 namespace veldar {
@@ -177,6 +177,15 @@ std::string source_points_name(uint32_t number) {
 std::string source_file_locate(const source_file& file, const std::string& directory) {
     log_input input;
     return locate_and_open(file, directory, &input) ? input.path : std::string();
+}
+
+bool source_file_open_original(const source_file& file, log_input* input) {
+    const std::vector<std::string> paths = candidates(file);
+    return std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
+        struct stat st;
+        return ::stat(path.c_str(), &st) == 0 && st.st_ino == file.inode && st.st_dev == file.device &&
+               open_checked(file, path, input);
+    });
 }
 
 raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string* error) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/veldar/log_input.h"
 #include "tools/veldar/source_map.h"
 
 namespace veldar {
@@ -41,6 +42,8 @@ const source_map& raw_reader_map(const raw_reader* reader);
 
 // The path at which a file of a source map stands now, empty when it is not found. `directory` is the bucket's.
 std::string source_file_locate(const source_file& file, const std::string& directory);
+// Opens the very file that was loaded (its inode), when it stands in its directory under any name and begins as it did.
+[[nodiscard]] bool source_file_open_original(const source_file& file, log_input* input);
 // The name in a bucket of the access points of a gzip file.
 std::string source_points_name(uint32_t number);
 
