@@ -303,8 +303,8 @@ TEST(PutLine, FieldsAndWhatIsWrong) {
     put_event event;
     std::string line = "-5.25\t4294967295\t4294967295\t2\t3\t1.5e3\ta%20b  c%25\r";
     ASSERT_EQ(put_line_parse({line.data(), line.size()}, &event), nullptr);
-    EXPECT_EQ(event.txn.time, -5);
-    EXPECT_EQ(event.txn.subsecond, 51u) << "(2 * 25 + 1) << 0";
+    EXPECT_EQ(event.txn.time, -6) << "the fraction counts on from the second";
+    EXPECT_EQ(event.txn.subsecond, 151u) << "(2 * 75 + 1) << 0";
     EXPECT_EQ(event.txn.address, 4294967295u);
     EXPECT_EQ(event.txn.seek_address, 1500.0);
     EXPECT_EQ(event.terms, (std::vector<std::string_view>{"a b", "c%"}));
@@ -312,6 +312,7 @@ TEST(PutLine, FieldsAndWhatIsWrong) {
                                "1\t2\t3",
                                "x\t1\t1\t1\t1\t1\ta",
                                "1.\t1\t1\t1\t1\t1\ta",
+                               "-2147483648.5\t1\t1\t1\t1\t1\ta",
                                "2147483648\t1\t1\t1\t1\t1\ta",
                                "1\t4294967296\t1\t1\t1\t1\ta",
                                "1\t1\t2147483648\t1\t1\t1\ta",

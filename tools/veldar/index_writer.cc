@@ -17,7 +17,10 @@ THING* given_up = nullptr;
     const warm_rc_t* const why = st_tsidx_last_failure(st_directory(writer->thing));
     std::string message = writer->directory + ": " + what;
     if (why->message[0] != '\0') message += std::string(": ") + why->message;
-    if (why->saved_errno != 0) message += std::string(": ") + std::strerror(why->saved_errno);
+    // Errno tells of what the system refused, not of an argument or a limit.
+    const bool system = why->warm_rc > WARM_RC_NO_SECTION || why->warm_rc == WARM_RC_CLOSE ||
+                        why->warm_rc == WARM_RC_LOCK || why->warm_rc == WARM_RC_SHORT_READ;
+    if (system && why->saved_errno != 0) message += std::string(": ") + std::strerror(why->saved_errno);
     message += " (status " + std::to_string(why->warm_rc) + ")";
     given_up = writer->thing;
     writer->thing = nullptr;

@@ -83,11 +83,12 @@ std::string bytes_text(uint64_t bytes) {
 }
 
 std::string totals_text(const progress& p, const load_totals& totals) {
-    std::string text = grouped(totals.events) + " events";
+    std::string text = grouped(totals.events) + (totals.events == 1 ? " event" : " events");
     if (totals.events > 0) {
         text +=
-            fmt::format(", {} terms in {} {}, {} to {} UTC", grouped(totals.terms), totals.slices,
-                        totals.slices == 1 ? "slice" : "slices", time_text(totals.earliest), time_text(totals.latest));
+            fmt::format(", {} {} in {} {}, {} to {} UTC", grouped(totals.terms), totals.terms == 1 ? "term" : "terms",
+                        totals.slices, totals.slices == 1 ? "slice" : "slices", time_text(totals.earliest),
+                        time_text(totals.latest));
     }
     text += fmt::format(", {} read, {} of index", bytes_text(totals.bytes_in), bytes_text(totals.index_bytes));
     text += fmt::format(", {} {} refused, {:.1f} s", grouped(totals.refused), totals.refused == 1 ? "line" : "lines",

@@ -41,6 +41,10 @@ struct put_run {
     uint64_t line = 0;
 };
 
+std::string input_name(const put_options& options) {
+    return options.input == "-" ? "standard input" : options.input;
+}
+
 unique_fd open_input(const std::string& path, uint64_t* size) {
     unique_fd fd(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st;
@@ -55,8 +59,7 @@ unique_fd open_input(const std::string& path, uint64_t* size) {
 void refuse_line(put_run* run, const char* reason) {
     run->totals.refused++;
     if (run->options->skip_bad) return;
-    progress_clear(&run->shown);
-    throw tool_failure{EXIT_USAGE, run->options->input + ": line " + std::to_string(run->line) + ": " + reason};
+    throw tool_failure{EXIT_USAGE, input_name(*run->options) + ": line " + std::to_string(run->line) + ": " + reason};
 }
 
 void put_line(put_run* run, std::span<char> line) {
@@ -92,7 +95,7 @@ void put_input(put_run* run, int fd) {
     for (;;) {
         if (bytes.size() - have < PIECE) bytes.resize(bytes.size() * 2);
         const int64_t got = tool_read_pipe(fd, bytes.data() + have, bytes.size() - have);
-        if (got < 0) throw tool_failure{EXIT_INCOMPLETE, run->options->input + ": " + std::strerror(errno)};
+        if (got < 0) throw tool_failure{EXIT_INCOMPLETE, input_name(*run->options) + ": " + std::strerror(errno)};
         have += static_cast<size_t>(got);
         run->totals.bytes_in += static_cast<uint64_t>(got);
         const size_t used = put_lines(run, {bytes.data(), have}, got == 0);
@@ -108,25 +111,32 @@ int put_run_all(const put_options& options) {
     run.options = &options;
     uint64_t size;
     const unique_fd input = open_input(options.input, &size);
+    struct stat st;
     if (::mkdir(options.directory.c_str(), 0700) != 0 && errno != EEXIST) {
         fail_io("cannot make " + options.directory, errno);
+    }
+    if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
+        throw tool_failure{EXIT_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
     }
     const std::vector<std::string> before = slice_names(options.directory);
     tool_catch_interrupts();
     run.shown = progress_begin(size);
     index_writer_open(&run.writer, options.directory, options.level, options.streaming, options.limits,
                       !options.no_fsync);
+    const auto finish = [&](const char* how) {
+        index_writer_close(&run.writer);
+        progress_clear(&run.shown);
+        totals_add_slices(&run.totals, options.directory, before);
+        std::fprintf(stderr, "%s%s\n", how, totals_text(run.shown, run.totals).c_str());
+    };
     try {
         put_input(&run, input.get());
     } catch (const tool_failure&) {
-        index_writer_close(&run.writer);
+        progress_clear(&run.shown);
+        if (run.writer.thing != nullptr) finish("put so far: ");
         throw;
     }
-    index_writer_close(&run.writer);
-    progress_clear(&run.shown);
-    totals_add_slices(&run.totals, options.directory, before);
-    std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted: " : "",
-                 totals_text(run.shown, run.totals).c_str());
+    finish(tool_interrupted != 0 ? "interrupted; put so far: " : "");
     return tool_interrupted != 0 ? EXIT_INTERRUPTED : EXIT_DONE;
 }
 
@@ -147,7 +157,7 @@ void add_put_command(CLI::App* app, tool_context* context) {
     put->add_flag("--skip-bad", options.skip_bad, "Count malformed lines instead of ending at the first");
     put->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away indexes");
     index_limits* const limits = &options.limits;
-    const auto limit = [](uint64_t max) { return CLI::Range(uint64_t{1}, max); };
+    const auto limit = [](uint64_t max) { return CLI::Range(uint64_t{1024}, max); };
     put->add_option("--max-terms", limits->max_terms, "Distinct terms in memory")->check(limit(1u << 26));
     put->add_option("--max-postings", limits->max_postings, "Term and event pairs in memory")->check(limit(1u << 28));
     put->add_option("--max-values", limits->max_values, "Events in memory")->check(limit(1u << 28));

@@ -34,6 +34,12 @@ bool parse_time(std::string_view text, st_txn* txn) {
     for (size_t i = 0; i < 9; i++) {
         nanoseconds = nanoseconds * 10 + (i < digits.size() ? static_cast<uint32_t>(digits[i] - '0') : 0);
     }
+    // The fraction counts on from the second, so -0.25 is three quarters behind -1.
+    if (text.starts_with('-') && nanoseconds != 0) {
+        if (txn->time == INT32_MIN) return false;
+        txn->time--;
+        nanoseconds = 1000000000 - nanoseconds;
+    }
     txn->subsecond = encode_subsecond(nanoseconds);
     return true;
 }
