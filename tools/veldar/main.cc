@@ -17,7 +17,6 @@ int run(int argc, char** argv) {
     app.add_option(
         "-s,--store", context.store,
         "The store (else $VELDAR_STORE, else .veldar here or above); to ask, also an index directory or a slice");
-    app.require_subcommand(1);
     app.fallthrough();  // -s may stand behind the subcommand too
     veldar::add_put_command(&app, &context);
     veldar::add_load_command(&app, &context);
@@ -38,6 +37,10 @@ int run(int argc, char** argv) {
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? veldar::EXIT_DONE : veldar::EXIT_USAGE;
+    }
+    if (app.get_subcommands().empty()) {
+        std::fputs("a subcommand is required\nRun with --help for more information.\n", stderr);
+        return veldar::EXIT_USAGE;
     }
     return context.status;
 }
