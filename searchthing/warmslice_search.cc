@@ -15,6 +15,8 @@ namespace {
 
 constexpr uint32_t FIRST_WINDOW = 4096;
 constexpr uint32_t WINDOW_GROWTH = 4;
+// A query of so many lists pays more for positioning on them again in each window than for reading them to the end.
+constexpr uint64_t MANY_LISTS = 256;
 
 // A search in progress over one slice.
 struct slice_search {
@@ -127,13 +129,14 @@ int search_windows(slice_search* search, st_tsval* answers, uint32_t capacity, b
     do {
         context.range.end = static_cast<uint32_t>(std::min<uint64_t>(whole.end, context.range.begin + window));
         query_result_t result;
+        const uint64_t lists_before = context.lists_read;
         ST_TRY(evaluate_query(&context, search->query, exact, &result));
         search->report.windows++;
         const visit_t end = _bitmap2answers(search, result, answers, capacity, held);
         if (end == VISIT_FAILED) return context.rc.warm_rc;
         if (end == VISIT_STOP) return 0;
         context.range.begin = context.range.end;
-        window *= WINDOW_GROWTH;
+        window = context.lists_read - lists_before > MANY_LISTS ? whole.size() : window * WINDOW_GROWTH;
     } while (context.range.begin < whole.end);
     return 0;
 }
