@@ -229,7 +229,7 @@ TEST(HotSlice, TransactionCheckIsExact) {
         {{.lexicon = 1000}, 108, HOT_PUT_RC_LEXICON_FULL},
     };
     for (const auto& row : table) {
-        for (const size_t more : {0, 1}) {
+        for (const size_t more : {0u, 1u}) {
             const hot_ptr hot = make_hot(row.l);
             const st_txn txn = event(1, 1);
             std::vector<std::string> texts = {"10000000", "10000001", "10000002"};
