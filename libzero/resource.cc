@@ -22,11 +22,12 @@ bool file_map::map(int fd, size_t size, bool writable) {
     if (address == MAP_FAILED) return false;
     data_ = address;
     size_ = size;
+    writable_ = writable;
     return true;
 }
 
 int file_map::sync() {
-    return data_ == nullptr ? 0 : ::msync(data_, size_, MS_SYNC);
+    return data_ == nullptr || !writable_ ? 0 : ::msync(data_, size_, MS_SYNC);
 }
 
 int file_map::unmap() {

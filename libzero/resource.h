@@ -43,12 +43,15 @@ class file_map {
   public:
     file_map() = default;
     file_map(file_map&& other) noexcept
-        : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+        : data_(std::exchange(other.data_, nullptr)),
+          size_(std::exchange(other.size_, 0)),
+          writable_(other.writable_) {}
     file_map& operator=(file_map&& other) noexcept {
         if (this != &other) {
             reset();
             data_ = std::exchange(other.data_, nullptr);
             size_ = std::exchange(other.size_, 0);
+            writable_ = other.writable_;
         }
         return *this;
     }
@@ -59,7 +62,8 @@ class file_map {
     // Maps the first `size` bytes; the caller has checked that the file reaches that far. False with errno set on
     // failure.
     [[nodiscard]] bool map(int fd, size_t size, bool writable);
-    // Flushes a writable map synchronously: the result of msync(2), 0 when nothing is mapped.
+    // Flushes a writable map synchronously: the result of msync(2). 0 when nothing is mapped, and for a read-only map,
+    // which has nothing to flush: the system would flush the whole file and wait for the disk.
     [[nodiscard]] int sync();
     // Unmaps now: the result of munmap(2), 0 when nothing is mapped.
     [[nodiscard]] int unmap();
@@ -72,6 +76,7 @@ class file_map {
   private:
     void* data_ = nullptr;
     size_t size_ = 0;
+    bool writable_ = false;
 };
 
 // A zeroed array of plain elements. Allocation is explicit and reports failure; nothing here throws.
