@@ -32,6 +32,11 @@ THING* _st_open_common(const char* path, uint32_t flags, uint32_t limit, const T
     }
 }
 
+struct query_copy_closer {
+    void operator()(QUERY* query) const { st_query_free_copy(query); }
+};
+using query_copy = std::unique_ptr<QUERY, query_copy_closer>;
+
 TSIDX* directory_of(const THING* thing) {
     ST_ASSERT(thing != nullptr && thing->tsidx != nullptr);
     return thing->tsidx;
@@ -135,6 +140,94 @@ int st_need_optimize(const THING* thing) {
 }
 int st_set_need_optimize(THING* thing) {
     return st_tsidx_set_need_optimize(directory_of(thing));
+}
+
+int st_query(THING* thing, const QUERY* query, st_tsval* answers, uint32_t capacity, int is_exact) {
+    ST_ASSERT(query != nullptr);
+    const query_copy copy(st_query_copy(query));
+    if (copy == nullptr) return WARM_RC_NO_MEMORY;
+    const st_timeval_t& earliest = copy->earliest;
+    const st_timeval_t& latest = copy->latest;
+    if (earliest.time_s > latest.time_s) return 0;
+    if (earliest.time_s == latest.time_s && earliest.time_ns > latest.time_ns) return 0;
+    return thing == nullptr ? -1 : st_tsidx_query(directory_of(thing), copy.get(), answers, capacity, is_exact);
+}
+
+int st_get(THING* thing, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity) {
+    if (thing == nullptr) return -1;
+    if (answers == nullptr || capacity == 0 || earliest > latest) return 0;
+    return st_tsidx_get(directory_of(thing), term, earliest, latest, answers, capacity);
+}
+
+int st_all_events(THING* thing, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity) {
+    return st_tsidx_all_events(directory_of(thing), earliest, latest, answers, capacity);
+}
+
+int st_event_count(THING* thing, const QUERY* query, uint64_t* count) {
+    if (thing == nullptr || count == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    return st_tsidx_event_count(directory_of(thing), query, count);
+}
+
+int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context) {
+    return st_tsidx_apply_events(directory_of(thing), query, fn, context);
+}
+
+int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {
+    return thing == nullptr ? -1 : st_tsidx_enum(directory_of(thing), prefix, answers, capacity, case_flag);
+}
+
+int64_t st_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context) {
+    return st_tsidx_apply_terms(directory_of(thing), prefix, fn, context);
+}
+int64_t st_distinct_term_count(THING* thing) {
+    return st_tsidx_distinct_term_count(directory_of(thing));
+}
+int64_t st_distinct_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context) {
+    return st_tsidx_distinct_apply_terms(directory_of(thing), prefix, fn, context);
+}
+int64_t st_lex_query(THING* thing, const char* needle, tsidx_term_fn fn, void* context) {
+    return st_tsidx_lex_query(directory_of(thing), needle, fn, context);
+}
+
+int st_meta(THING* thing, tsidx_meta_t* meta) {
+    return thing == nullptr || meta == nullptr ? -1 : st_tsidx_meta(directory_of(thing), meta);
+}
+int64_t st_get_tsidx_info(THING* thing, tsidx_info_t* infos, size_t capacity) {
+    if (thing == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    return st_tsidx_get_tsidx_info(directory_of(thing), infos, capacity);
+}
+int st_is_optimized(THING* thing) {
+    return thing == nullptr ? -1 : st_tsidx_is_optimized(directory_of(thing));
+}
+int st_health(THING* thing) {
+    return thing == nullptr ? -1 : st_tsidx_health(directory_of(thing));
+}
+int st_cd(THING* thing, const char* path) {
+    return st_tsidx_cd(directory_of(thing), path);
+}
+
+int64_t st_delete_by_keys(THING* thing, const st_tsval_encoded* keys, size_t count) {
+    _log(1, "DEBUG st_delete_by_keys: delete initiated.\n");
+    if (thing == nullptr || keys == nullptr) {
+        _log(1, "DEBUG Aborting st_delete_by_keys due to null inputs. thing=%p keys=%p\n", static_cast<void*>(thing),
+             static_cast<const void*>(keys));
+        return -1;
+    }
+    return st_tsidx_delete_by_key(directory_of(thing), keys, count);
+}
+
+int64_t st_delete_by_addrs(THING* thing, const st_addr_t* addrs, size_t count) {
+    _log(1, "DEBUG st_delete_by_addrs: delete initiated.\n");
+    if (thing == nullptr || addrs == nullptr) {
+        _log(1, "DEBUG Aborting st_delete_by_addrs due to null inputs. thing=%p addrs=%p\n", static_cast<void*>(thing),
+             static_cast<const void*>(addrs));
+        return -1;
+    }
+    return st_tsidx_delete_by_addr(directory_of(thing), addrs, count);
+}
+
+int st_minify(THING* thing, const char* output_directory) {
+    return st_tsidx_minify(directory_of(thing), output_directory);
 }
 
 int st_parse_tsidx(const char* file_name, st_filename_metadata_t* meta) {

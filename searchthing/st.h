@@ -8,7 +8,15 @@
 //   st_txn_start(thing, time, address, source, source_type, host);
 //   st_txn_put(thing, "error", 5);
 //   if (st_txn_close(thing) != 0) ...           the event is not in the index
-//   if (st_close(thing) != 0) ...               some events since the last good sync are not in the index
+//   if (st_sync(thing) != 0) ...                some events since the last good sync are not in the index
+//
+//   QUERY query;
+//   st_query_init(&query);
+//   query.latest = {2147483647, 0};             no upper bound
+//   query.lispy = "[AND error [NOT debug]]";
+//   st_tsval answers[100];
+//   int count = st_query(thing, &query, answers, 100, 1);
+//   if (st_close(thing) != 0) ...
 //
 // A handle is used by one thread at a time. Unless noted, a null handle is a programming error.
 #pragma once
@@ -16,11 +24,17 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "searchthing/fclex.h"
+#include "searchthing/health.h"
 #include "searchthing/hotslice.h"
 #include "searchthing/log.h"
+#include "searchthing/query.h"
 #include "searchthing/st_init.h"
 #include "searchthing/tsidx.h"
+#include "searchthing/tsidx_delete.h"
+#include "searchthing/tsidx_minify.h"
 #include "searchthing/tsidx_names.h"
+#include "searchthing/tsidx_read.h"
 #include "searchthing/warm_rc.h"
 
 namespace veldar {
@@ -70,6 +84,41 @@ int st_get_warm_rc(const THING* thing);
 int st_get_warm_errno(const THING* thing);
 int st_need_optimize(const THING* thing);
 int st_set_need_optimize(THING* thing);
+
+// Reading: the functions of tsidx_read.h of the same names. Where a comment names results, arguments were found wanting
+// before the directory was asked.
+
+// Works on a copy of the query, whose token case is TOKEN_CASE_ASIS: -2 when it cannot be made, 0 for an earliest time
+// after the latest, then -1 for a null handle.
+int st_query(THING* thing, const QUERY* query, st_tsval* answers, uint32_t capacity, int is_exact);
+// -1 for a null handle, 0 for null answers, a capacity of 0 or an earliest time after the latest.
+int st_get(THING* thing, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity);
+int st_all_events(THING* thing, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity);
+// -37 for a null handle or output.
+int st_event_count(THING* thing, const QUERY* query, uint64_t* count);
+int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context);
+// -1 for a null handle.
+int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
+int64_t st_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);
+int64_t st_distinct_term_count(THING* thing);
+int64_t st_distinct_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);
+int64_t st_lex_query(THING* thing, const char* needle, tsidx_term_fn fn, void* context);
+// -1 for a null handle or record.
+int st_meta(THING* thing, tsidx_meta_t* meta);
+// -37 for a null handle.
+int64_t st_get_tsidx_info(THING* thing, tsidx_info_t* infos, size_t capacity);
+// -1 for a null handle, both.
+int st_is_optimized(THING* thing);
+int st_health(THING* thing);
+int st_cd(THING* thing, const char* path);
+
+// Changing what is there: tsidx_delete.h and tsidx_minify.h.
+
+// -1 for a null handle or array.
+int64_t st_delete_by_keys(THING* thing, const st_tsval_encoded* keys, size_t count);
+int64_t st_delete_by_addrs(THING* thing, const st_addr_t* addrs, size_t count);
+// The output directory is not null either.
+int st_minify(THING* thing, const char* output_directory);
 
 // 1 when the name parses as a minified slice (without a directory) or a regular one (tsidx_names.h), else 0.
 int st_parse_tsidx(const char* file_name, st_filename_metadata_t* meta);

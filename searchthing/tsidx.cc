@@ -132,6 +132,7 @@ TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRIT
         st_tsidx_write_opts_copy(&tsidx->opts, opts);
         if (tsidx->is_msidx) tsidx->opts.write_level = std::max(tsidx->opts.write_level, 4u);
         tsidx_load_params(tsidx.get());
+        tsidx_recover(tsidx.get());
         return tsidx.release();
     } catch (const std::bad_alloc&) {
         return nullptr;

@@ -47,7 +47,8 @@ struct st_tsidx;
 using TSIDX = st_tsidx;
 
 // A handle on the directory, or null for an empty path or when memory is short. Write level 0 opens for reading:
-// nothing in the directory is read or changed and transactions answer -17. Any other level reads the parameter file.
+// nothing in the directory is read or changed and transactions answer -17. Any other level reads the parameter file and
+// removes what interrupted writers have left behind.
 // The writer number names the files of a writer that shares the directory with others; TSIDX_ORDINARY_WRITER takes the
 // process id instead.
 TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRITEOPTS* opts, uint32_t writer_number);

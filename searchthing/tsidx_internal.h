@@ -51,6 +51,7 @@ struct st_tsidx {
     bool warned_about_addresses = false;
 
     tsidx_cache cache;  // of slices open for reading
+    int lock_seconds = 10;
 };
 
 bool tsidx_is_writable(const TSIDX* tsidx);
@@ -64,5 +65,13 @@ int tsidx_sync_full(TSIDX* tsidx, int code);
 void tsidx_load_params(TSIDX* tsidx);
 // Writes the parameter file when it would change. Failures are logged only: the next run starts with smaller limits.
 void tsidx_save_params(TSIDX* tsidx);
+
+// Brings a file (or, with O_DIRECTORY, a directory) to the disk, unless durability is switched off. 0, -4 or -9.
+int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t* rc);
+// Removes a slice whose events are all deleted, behind its sentinel; the caller holds the lock. A failure is logged:
+// the slice stays, with every event marked.
+void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path);
+// Cleans up after writers that are gone (tsidx_recover.cc).
+void tsidx_recover(TSIDX* tsidx);
 
 }  // namespace veldar

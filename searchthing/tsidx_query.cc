@@ -116,44 +116,6 @@ int gather(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers
     }));
 }
 
-bool is_empty_range(const st_query_spec& query) {
-    const st_timeval_t& a = query.earliest;
-    const st_timeval_t& b = query.latest;
-    return a.time_s != b.time_s ? a.time_s > b.time_s : a.time_ns > b.time_ns;
-}
-
-// A text that is no query is refused whatever the directory holds.
-int check_query(TSIDX* tsidx, const st_query_spec* query) {
-    ST_ASSERT(tsidx != nullptr && query != nullptr);
-    if (query->lispy == nullptr) {
-        return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a query without text");
-    }
-    try {
-        const int status = validate_query_text(query->lispy, query->token_case, nullptr);
-        return status == 0 ? 0 : _set_rc_msg(&tsidx->last_failure, status, "malformed query");
-    } catch (const std::bad_alloc&) {
-        return tsidx_fail_no_memory(tsidx);
-    }
-}
-
-// The first value number that is not later than `latest`: the newest of the range, or the number of values.
-int first_not_later(WARM* warm, st_time_t latest, uint32_t* first, warm_rc_t* rc) {
-    uint32_t low = 0, high = st_warm_slice_values(warm);
-    while (low < high) {
-        const uint32_t middle = low + (high - low) / 2;
-        st_time_t seconds = 0;
-        uint64_t subseconds = 0;
-        ST_TRY(get_tsval_timestamp(warm, middle, &seconds, &subseconds, rc));
-        if (seconds > latest) {
-            low = middle + 1;
-        } else {
-            high = middle;
-        }
-    }
-    *first = low;
-    return 0;
-}
-
 struct list_reader {
     plist_reader reader;
     ~list_reader() { close_plist_reader(&reader); }
@@ -172,7 +134,7 @@ int get_in_slice(WARM* warm, const char* term, st_time_t earliest, st_time_t lat
     uint32_t id = 0, first = 0;
     ST_TRY(_init_reader(&list.reader, warm, 1, nullptr, rc));
     ST_TRY(_seek_reader(&list.reader, term_id, rc));
-    ST_TRY(first_not_later(warm, latest, &first, rc));
+    ST_TRY(tsidx_first_not_later(warm, 0, latest, &first, rc));
     uint32_t count = 0;
     for (int status = _seek(&list.reader, first, &id, rc);; status = _next(&list.reader, &id, rc)) {
         if (status != 0) return status;
@@ -184,20 +146,15 @@ int get_in_slice(WARM* warm, const char* term, st_time_t earliest, st_time_t lat
     return static_cast<int>(count);
 }
 
-struct bitmap_owner {
-    bitmap_and_bounds_t matches;
-    ~bitmap_owner() { free_bitmap_and_bounds(&matches); }
-};
-
 // Hands the matching events of one slice to `visit`, newest first, until it returns false. 0 or a status.
 template <typename Visit>
 int visit_matches(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t* rc) {
-    bitmap_owner found;
+    bitmap_and_bounds_t found;
     uint64_t count = 0;
-    ST_TRY(query_to_bitmap_and_bounds(warm, query, &found.matches, &count, rc));
-    const uint32_t begin = found.matches.begin;
-    for (uint32_t bit = 0; count != 0 && bit < found.matches.end - begin; bit++) {
-        const uint8_t byte = found.matches.bm[bit / 8];
+    ST_TRY(query_to_bitmap_and_bounds(warm, query, &found, &count, rc));
+    const uint32_t begin = found.begin;
+    for (uint32_t bit = 0; count != 0 && bit < found.end - begin; bit++) {
+        const uint8_t byte = found.bm[bit / 8];
         if (byte == 0) bit |= 7;
         if ((byte >> (bit % 8) & 1) == 0) continue;
         count--;
@@ -212,10 +169,46 @@ int visit_matches(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t
 
 }  // namespace
 
+bool tsidx_is_empty_range(const st_query_spec& query) {
+    const st_timeval_t& a = query.earliest;
+    const st_timeval_t& b = query.latest;
+    return a.time_s != b.time_s ? a.time_s > b.time_s : a.time_ns > b.time_ns;
+}
+
+int tsidx_check_query(TSIDX* tsidx, const st_query_spec* query) {
+    ST_ASSERT(tsidx != nullptr && query != nullptr);
+    if (query->lispy == nullptr) {
+        return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a query without text");
+    }
+    try {
+        const int status = validate_query_text(query->lispy, query->token_case, nullptr);
+        return status == 0 ? 0 : _set_rc_msg(&tsidx->last_failure, status, "malformed query");
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc) {
+    uint32_t high = st_warm_slice_values(warm);
+    while (low < high) {
+        const uint32_t middle = low + (high - low) / 2;
+        st_time_t seconds = 0;
+        uint64_t subseconds = 0;
+        ST_TRY(get_tsval_timestamp(warm, middle, &seconds, &subseconds, rc));
+        if (seconds > time) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    *first = low;
+    return 0;
+}
+
 int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity, int is_exact) {
-    ST_TRY(check_query(tsidx, query));
+    ST_TRY(tsidx_check_query(tsidx, query));
     ST_ASSERT(answers != nullptr || capacity == 0);
-    if (is_empty_range(*query) || capacity == 0) return 0;
+    if (tsidx_is_empty_range(*query) || capacity == 0) return 0;
     return gather(tsidx, query->earliest.time_s, query->latest.time_s, answers, capacity,
                   [&](WARM* warm, st_time_t from, st_tsval* events, uint32_t wanted, warm_rc_t* rc) {
                       st_query_spec narrowed = *query;
@@ -252,8 +245,8 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
         *count = meta.events - meta.deleted;
         return 0;
     }
-    ST_TRY(check_query(tsidx, query));
-    if (is_empty_range(*query)) return 0;
+    ST_TRY(tsidx_check_query(tsidx, query));
+    if (tsidx_is_empty_range(*query)) return 0;
     return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         uint64_t total = 0;
         const int64_t status =
@@ -270,8 +263,8 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
 }
 
 int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context) {
-    ST_TRY(check_query(tsidx, query));
-    if (is_empty_range(*query)) return 0;
+    ST_TRY(tsidx_check_query(tsidx, query));
+    if (tsidx_is_empty_range(*query)) return 0;
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         const int64_t opened = tsidx_open_all(snapshot, query->earliest.time_s, query->latest.time_s);
         if (opened != 0) return opened;

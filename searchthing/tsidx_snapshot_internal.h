@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/query.h"
 #include "searchthing/tsidx_internal.h"
 #include "searchthing/tsidx_snapshot.h"
 
@@ -89,6 +90,14 @@ int64_t tsidx_each_slice(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t
     }
     return 0;
 }
+
+// What the operations that take a query or look for times share (tsidx_query.cc).
+
+// A text that is no query is refused whatever the directory holds: 0 or its status, recorded.
+int tsidx_check_query(TSIDX* tsidx, const st_query_spec* query);
+bool tsidx_is_empty_range(const st_query_spec& query);
+// The first value of a slice, from `low` on, that is not later than `time`; the number of values when all are.
+int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc);
 
 // Opens every slice that overlaps the bounds, for walks that cannot begin again once the caller has seen a part.
 int64_t tsidx_open_all(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t latest);

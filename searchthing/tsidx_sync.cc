@@ -71,22 +71,8 @@ warm_owner create_slice(TSIDX* tsidx, const char* suffix, ospath_buf* file) {
     }
 }
 
-int flush(TSIDX* tsidx, const char* path, int open_flags) {
-    if (!tsidx->durable) return 0;
-    unique_fd fd;
-    for (backoff pause; !fd.valid();) {
-        fd.reset(::open(path, open_flags | O_RDONLY | O_CLOEXEC));
-        if (fd.valid()) break;
-        if (!is_transient(errno) || !pause.wait()) return _set_rc_msg(&tsidx->last_failure, WARM_RC_OPEN, path);
-    }
-    if (::fsync(fd.get()) == 0) return 0;
-    // A file system that cannot flush a directory has nothing to flush there.
-    if (errno == EINVAL && (open_flags & O_DIRECTORY) != 0) return 0;
-    return _set_rc_msg(&tsidx->last_failure, WARM_RC_WRITE, path);
-}
-
 int flush_directory(TSIDX* tsidx) {
-    return flush(tsidx, tsidx->path.c_str(), O_DIRECTORY);
+    return tsidx_flush(tsidx, tsidx->path.c_str(), O_DIRECTORY, &tsidx->last_failure);
 }
 
 int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, ospath_buf* final_name) {
@@ -126,7 +112,7 @@ int write_slice(TSIDX* tsidx, const char* suffix, bool part_mode) {
     ospath_buf file;
     const warm_owner warm = create_slice(tsidx, suffix, &file);
     if (warm == nullptr) return tsidx->last_failure.warm_rc;
-    if (const int flushed = flush(tsidx, file.val, 0); flushed != 0) {
+    if (const int flushed = tsidx_flush(tsidx, file.val, 0, &tsidx->last_failure); flushed != 0) {
         ::unlink(file.val);
         return flushed;
     }
@@ -140,6 +126,20 @@ int write_slice(TSIDX* tsidx, const char* suffix, bool part_mode) {
 }
 
 }  // namespace
+
+int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t* rc) {
+    if (!tsidx->durable) return 0;
+    unique_fd fd;
+    for (backoff pause; !fd.valid();) {
+        fd.reset(::open(path, open_flags | O_RDONLY | O_CLOEXEC));
+        if (fd.valid()) break;
+        if (!is_transient(errno) || !pause.wait()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
+    }
+    if (::fsync(fd.get()) == 0) return 0;
+    // A file system that cannot flush a directory has nothing to flush there.
+    if (errno == EINVAL && (open_flags & O_DIRECTORY) != 0) return 0;
+    return _set_rc_msg(rc, WARM_RC_WRITE, path);
+}
 
 int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
     ST_ASSERT(tsidx != nullptr);

@@ -1,6 +1,9 @@
 // Index directories as readers see them: a model of everything that can happen to one, and the rules one by one.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,7 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "libzero/filemutex.h"
+#include "searchthing/health.h"
+#include "searchthing/log.h"
+#include "searchthing/tsidx_delete.h"
 #include "searchthing/tsidx_list.h"
+#include "searchthing/tsidx_minify.h"
 #include "searchthing/tsidx_read.h"
 #include "searchthing/tsidx_snapshot.h"
 #include "tests/support/faults.h"
@@ -41,14 +49,25 @@ tsidx_ptr open_for_reading(const std::string& path) {
     return open_directory(path, 0);
 }
 
+// Deletes lock, and the file system of a test machine need not be one that locks are sure on.
+class Directory : public testing::Test {
+  protected:
+    void SetUp() override { ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1); }
+    void TearDown() override { ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING"); }
+
+  private:
+    const no_flushes flushes_;
+};
+
 using event_key = std::pair<st_time_t, st_addr_t>;
 
-st_query_spec make_query(const std::string& text, const reference_bounds& bounds = {}) {
+// Borrows the text.
+st_query_spec make_query(const char* text, const reference_bounds& bounds = {}) {
     st_query_spec query;
     query.earliest = {bounds.earliest, 0};
     query.latest = {bounds.latest, 0};
     query.cumspan = bounds.cumspan;
-    query.lispy = text.c_str();
+    query.lispy = text;
     return query;
 }
 
@@ -60,7 +79,7 @@ std::vector<event_key> keys_of(const st_tsval* answers, int count) {
 std::vector<event_key> query_keys(TSIDX* tsidx, const std::string& text, const reference_bounds& bounds = {},
                                   uint32_t capacity = 5000) {
     std::vector<st_tsval> answers(capacity);
-    const st_query_spec query = make_query(text, bounds);
+    const st_query_spec query = make_query(text.c_str(), bounds);
     const int count = st_tsidx_query(tsidx, &query, answers.data(), capacity, 1);
     EXPECT_GE(count, 0) << st_tsidx_last_failure(tsidx)->message;
     return keys_of(answers.data(), count);
@@ -96,6 +115,8 @@ class model {
                 EXPECT_EQ(st_tsidx_sync_part(tsidx_.get()), 0);
             } else if (kind < 72) {
                 reopen();
+            } else if (kind < 76) {
+                remove_some();
             } else if (kind < 92) {
                 check_query();
             } else {
@@ -133,6 +154,43 @@ class model {
         events_.push_back(event);
     }
 
+    // Deletes in one of three ways, twice: the second time finds nothing to do.
+    void remove_some() {
+        if (events_.empty()) return;
+        std::vector<bool> doomed(events_.size());
+        std::vector<st_tsval_encoded> keys;
+        std::vector<st_addr_t> addresses;
+        const uint32_t way = below(3);
+        const int32_t pivot = events_[below(static_cast<uint32_t>(events_.size()))].time;
+        const bool many = below(4) == 0;
+        for (size_t i = 0; i < events_.size(); i++) {
+            const forge_event& event = events_[i];
+            if (way == 2 ? event.time == pivot : below(many ? 2 : 12) == 0) {
+                doomed[i] = true;
+                keys.push_back({event.time, event.address});
+                addresses.push_back(event.address);
+            }
+        }
+        keys.push_back({pivot, 0xFFFFFFF0});  // of no event
+        for (size_t i = 0; way == 1 && i < events_.size(); i++) {
+            doomed[i] = std::count(addresses.begin(), addresses.end(), events_[i].address) != 0;
+        }
+        const st_query_spec query = make_query("[AND]", {.earliest = pivot, .latest = pivot});
+        const auto remove = [&] {
+            if (way == 0) return st_tsidx_delete_by_key(tsidx_.get(), keys.data(), keys.size());
+            if (way == 1) return st_tsidx_delete_by_addr(tsidx_.get(), addresses.data(), addresses.size());
+            return st_tsidx_delete_by_query(tsidx_.get(), &query);
+        };
+        int64_t expected = 0;
+        for (size_t i = 0; i < events_.size(); i++) {
+            if (!doomed[i]) continue;
+            expected += events_[i].deleted ? 0 : 1;
+            events_[i].deleted = true;
+        }
+        EXPECT_GE(remove(), expected) << st_tsidx_last_failure(tsidx_.get())->message;
+        EXPECT_EQ(remove(), 0);
+    }
+
     reference_query random_query(const reference_index& reference) {
         std::vector<std::string> terms = {"absent"};
         for (const auto& [term, record] : reference.terms()) terms.push_back(term);
@@ -168,7 +226,7 @@ class model {
         }
         TSIDX* const tsidx = reader != nullptr ? reader.get() : tsidx_.get();
         std::vector<event_key> walked;
-        const st_query_spec query = make_query(text, bounds);
+        const st_query_spec query = make_query(text.c_str(), bounds);
         EXPECT_GE(st_tsidx_apply_events(tsidx, &query, collect_event, &walked), 0);
         std::sort(walked.begin(), walked.end(), std::greater<>());
         uint64_t count = 0;
@@ -225,13 +283,41 @@ class model {
                       [&](const auto& entry) { return !reference_index::wildcard_matches(needle, entry.first); });
         EXPECT_EQ(matched, distinct) << needle;
 
+        int64_t live_terms = 0;
         for (const auto& [text, record] : reference.terms()) {
-            if (text.compare(0, prefix.size(), prefix) == 0) {
-                EXPECT_GE(by_slice[text], record.count()) << text;
+            const auto live = std::count_if(record.postings.begin(), record.postings.end(),
+                                            [&](uint32_t number) { return !reference.values()[number].deleted; });
+            live_terms += live != 0 ? 1 : 0;
+            if (text.compare(0, prefix.size(), prefix) == 0 && live != 0) {
+                EXPECT_GE(by_slice[text], static_cast<uint64_t>(live)) << text;
             }
         }
-        EXPECT_EQ(st_tsidx_distinct_term_count(tsidx), static_cast<int64_t>(reference.terms().size()));
-        EXPECT_GE(st_tsidx_distinct_apply_terms(tsidx, term.c_str(), append_term, &distinct), 1);
+        // Terms go when all events of their slices have gone.
+        const int64_t terms = st_tsidx_distinct_term_count(tsidx);
+        EXPECT_GE(terms, live_terms);
+        EXPECT_LE(terms, static_cast<int64_t>(reference.terms().size()));
+        check_meta();
+    }
+
+    void check_meta() {
+        tsidx_meta_t meta;
+        ASSERT_EQ(st_tsidx_meta(tsidx_.get(), &meta), 0);
+        uint64_t live = 0;
+        EXPECT_EQ(st_tsidx_event_count(tsidx_.get(), nullptr, &live), 0);
+        EXPECT_EQ(live, meta.events - meta.deleted);
+        std::vector<tsidx_info_t> infos(meta.slices + 1);
+        ASSERT_EQ(st_tsidx_get_tsidx_info(tsidx_.get(), infos.data(), infos.size()), static_cast<int64_t>(meta.slices));
+        tsidx_meta_t sum;
+        for (size_t i = 0; i < meta.slices; i++) {
+            EXPECT_TRUE(i == 0 || infos[i - 1].latest >= infos[i].latest);
+            sum.events += infos[i].events;
+            sum.deleted += infos[i].deleted;
+            sum.bytes += fs::file_size(dir_.file(infos[i].name));
+            EXPECT_LT(infos[i].deleted, infos[i].events) << "a slice without events is still there";
+        }
+        EXPECT_EQ(sum.events, meta.events);
+        EXPECT_EQ(sum.deleted, meta.deleted);
+        EXPECT_EQ(sum.bytes, meta.bytes);
     }
 
     std::mt19937_64 random_;
@@ -241,11 +327,379 @@ class model {
     std::vector<forge_event> events_;
 };
 
-TEST(Directory, Model) {
-    for (uint64_t seed = 1; seed <= 12 && !testing::Test::HasFailure(); seed++) {
+TEST_F(Directory, Model) {
+    for (uint64_t seed = 1; seed <= 12 && !HasFailure(); seed++) {
         SCOPED_TRACE(seed);
         model(seed).run(400);
     }
+}
+
+forge_event simple_event(int32_t time, uint32_t address = 1, const char* term = "a") {
+    return {.time = time, .address = address, .terms = {term}};
+}
+// One slice an event.
+void put_slices(const std::string& path, const std::vector<forge_event>& events) {
+    const tsidx_ptr tsidx = open_directory(path);
+    for (const forge_event& event : events) {
+        ASSERT_EQ(put_event(tsidx.get(), event), 0);
+        ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    }
+}
+
+TEST_F(Directory, Listing) {
+    const temp_dir dir;
+    const std::pair<const char*, bool> table[] = {
+        {"9-1-5.tsidx", true},
+        {"10--3-7.tsidx", true},
+        {"10-2-6.0.7.part-tsidx", true},
+        {"9-1-4.tsidx", true},
+        {"8-1-4.mini.tsidx", false},
+        {"8-1-4.pre-tsidx", false},
+        {"7-1-1.tsidx", false},
+        {"7-1-1.tsidx.deleted", false},
+        {"7-1-1.0.1.part-tsidx", false},
+        {"x.tsidx", false},
+        {"7-1-1.0.1.part-tsidx.deleted", false},
+        {"6-1-1.0.part-tsidx", false},
+        {"6-1-1.0.1.2.part-tsidx", false},
+        {"6-1-1.0.-1.part-tsidx", false},
+        {"6-1-1.tsidx.part-tsidx", false},
+        {"veldar-autogen-params.dat", false},
+        {"6-1-1.tsidx~", false},
+    };
+    for (const auto& [name, live] : table) write_file(dir.file(name), "");
+    tsidx_listing_t listing;
+    warm_rc_t rc;
+    ASSERT_EQ(tsidx_list(dir.path().c_str(), &listing, &rc), 0);
+    std::vector<std::string> names;
+    for (const tsidx_slice_name_t& slice : listing) names.push_back(slice.name);
+    EXPECT_EQ(names,
+              (std::vector<std::string>{"10-2-6.0.7.part-tsidx", "10--3-7.tsidx", "9-1-5.tsidx", "9-1-4.tsidx"}));
+    EXPECT_EQ(tsidx_list(dir.file("missing").c_str(), &listing, &rc), WARM_RC_OPEN);
+    EXPECT_EQ(rc.saved_errno, ENOENT);
+}
+
+TEST_F(Directory, VanishedAndUnreadableSlices) {
+    const temp_dir dir;
+    put_slices(dir.path(), {simple_event(1), simple_event(2), simple_event(3)});
+    const std::vector<event_key> all = {{3, 1}, {2, 1}, {1, 1}};
+    st_tsval answers[10];
+    const st_query_spec query = make_query("[AND a]");
+    struct {
+        uint64_t nth;
+        int error;
+        uint64_t times;
+        int code;
+    } const table[] = {{2, ENOENT, 1, 0},
+                       {3, ENOENT, 2, 0},
+                       {1, ENOENT, 1000, WARM_RC_RETRIES},
+                       {2, EACCES, 1, WARM_RC_OPEN},
+                       {2, EMFILE, 1, 0},  // after a slice that is open and unused, which is closed for it
+                       {1, EMFILE, 1, WARM_RC_OPEN}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(testing::Message() << row.nth << " " << row.error << " " << row.times);
+        const tsidx_ptr tsidx = open_for_reading(dir.path());
+        {
+            const fault broken(fault_call::open, row.nth, row.error, row.times);
+            const int count = st_tsidx_query(tsidx.get(), &query, answers, 10, 1);
+            EXPECT_EQ(count, row.code == 0 ? 3 : row.code);
+            if (row.code == WARM_RC_OPEN) {
+                EXPECT_NE(std::string(st_tsidx_last_failure(tsidx.get())->message).find(dir.path()), std::string::npos);
+                EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), row.error);
+            }
+        }
+        EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);
+        EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
+    }
+    // A file that is open in the cache when it goes is not asked again.
+    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);
+    fs::remove(files_in(dir.path(), ".tsidx")[0]);
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 2u);
+    const std::string damaged = files_in(dir.path(), ".tsidx")[0];
+    write_file(damaged, std::string(200, 'x'));
+    const tsidx_ptr fresh = open_for_reading(dir.path());
+    EXPECT_EQ(st_tsidx_query(fresh.get(), &query, answers, 10, 1), WARM_RC_BAD_MAGIC) << "no partial answer";
+    const st_query_spec malformed = make_query("[AND a");
+    const tsidx_ptr empty = open_for_reading(dir.file("missing"));
+    EXPECT_EQ(st_tsidx_query(empty.get(), &malformed, answers, 10, 1), WARM_RC_QUERY_END);
+    EXPECT_EQ(st_tsidx_query(empty.get(), &query, answers, 10, 1), WARM_RC_OPEN);
+}
+
+size_t open_slices(const std::string& directory) {
+    size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = fs::read_symlink(entry.path(), gone).string();
+        count += target.find(directory) == 0 && target.ends_with(".tsidx") ? 1 : 0;
+    }
+    return count;
+}
+
+TEST_F(Directory, OpenSlicesAreKeptUpTo256) {
+    const temp_dir dir;
+    const std::string source = forge_file(dir.path(), {simple_event(5)}, {}, 1000);
+    for (int i = 0; i < 299; i++) fs::copy_file(source, dir.file("5-5-" + std::to_string(i) + ".tsidx"));
+    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u) << "one event, in 300 slices";
+    EXPECT_EQ(open_slices(dir.path()), 256u);
+    struct visit {
+        const temp_dir& dir;
+        TSIDX* tsidx;
+    } context{dir, tsidx.get()};
+    const auto count_open = [](const tsidx_slice_view_t* slice, void* opaque) {
+        const visit& v = *static_cast<visit*>(opaque);
+        EXPECT_EQ(open_slices(v.dir.path()), 300u);
+        EXPECT_EQ(query_keys(v.tsidx, "[AND a]").size(), 1u) << "a callback may read";
+        return st_warm_slice_values(slice->warm) == 1 && slice->meta->latest == 5 ? 1 : -1;
+    };
+    EXPECT_EQ(st_tsidx_apply_slices(tsidx.get(), 6, 9, count_open, &context), 0);
+    ASSERT_LT(::getdtablesize(), 1 << 30);
+    EXPECT_EQ(st_tsidx_apply_slices(tsidx.get(), 0, 9, count_open, &context), 300);
+    EXPECT_EQ(open_slices(dir.path()), 256u);
+    for (int i = 0; i < 299; i++) fs::remove(dir.file("5-5-" + std::to_string(i) + ".tsidx"));
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u);
+    EXPECT_EQ(open_slices(dir.path()), 1u);
+}
+
+TEST_F(Directory, OnlyAsManySlicesAsTheAnswersNeed) {
+    const temp_dir dir;
+    std::vector<forge_event> events;
+    for (int i = 1; i <= 10; i++) events.push_back(simple_event(i, 1));
+    put_slices(dir.path(), events);
+    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {}, 2), (std::vector<event_key>{{10, 1}, {9, 1}}));
+    EXPECT_EQ(open_slices(dir.path()), 2u);
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.earliest = 4, .latest = 5}),
+              (std::vector<event_key>{{5, 1}, {4, 1}}));
+    EXPECT_EQ(open_slices(dir.path()), 4u);
+}
+
+// An answer that lies twice in one slice must not crowd out others of that slice.
+TEST_F(Directory, RepeatedEventsInOneSlice) {
+    const temp_dir dir;
+    std::vector<forge_event> events(6, simple_event(9));
+    for (int i = 0; i < 4; i++) events.push_back(simple_event(i));
+    forge_file(dir.path(), events, {});
+    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {}, 3), (std::vector<event_key>{{9, 1}, {3, 1}, {2, 1}}));
+}
+
+TEST_F(Directory, TermsAreTakenAsTheyAre) {
+    const temp_dir dir;
+    put_slices(dir.path(), {simple_event(1, 1, "a*"), simple_event(2, 1, "abc"), simple_event(3, 1, "AND")});
+    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    st_tsval answers[4];
+    EXPECT_EQ(st_tsidx_get(tsidx.get(), "a*", 0, 9, answers, 4), 1);
+    EXPECT_EQ(answers[0].time, 1);
+    EXPECT_EQ(st_tsidx_get(tsidx.get(), "AND", 0, 9, answers, 4), 1);
+    EXPECT_EQ(st_tsidx_get(tsidx.get(), "absent", 0, 9, answers, 4), 0);
+    EXPECT_EQ(st_tsidx_get(tsidx.get(), nullptr, 0, 9, answers, 4), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(st_tsidx_all_events(tsidx.get(), 2, 3, answers, 4), 2);
+    const auto stop = [](const char*, size_t, uint64_t, void*) { return -1; };
+    EXPECT_EQ(st_tsidx_distinct_apply_terms(tsidx.get(), nullptr, stop, nullptr), -1);
+    EXPECT_EQ(st_tsidx_apply_terms(tsidx.get(), nullptr, stop, nullptr), -1);
+    EXPECT_EQ(st_tsidx_lex_query(tsidx.get(), nullptr, stop, nullptr), WARM_RC_INVALID_ARGUMENT);
+}
+
+pid_t process_that_is_gone() {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ::waitpid(child, nullptr, 0);
+    return child;
+}
+
+std::string host_name() {
+    char name[65] = {};
+    EXPECT_EQ(::gethostname(name, 64), 0);
+    return name;
+}
+
+TEST_F(Directory, DeletesLock) {
+    const temp_dir dir;
+    put_slices(dir.path(), {simple_event(1), simple_event(2)});
+    const std::string slice = files_in(dir.path(), ".tsidx")[0], before = read_file(slice);
+    const std::string lock = fs::canonical(dir.path()).string() + ".lock";
+    const tsidx_ptr tsidx = open_directory(dir.path() + "/../" + fs::path(dir.path()).filename().string());
+    st_tsidx_set_lock_timeout(tsidx.get(), 0);
+    const st_addr_t address = 1;
+    const auto refused = [&] {
+        stSetupLogger(0, 1);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), WARM_RC_LOCK);
+        const std::string log = testing::internal::GetCapturedStderr();
+        stSetupLogger(0, 0);
+        EXPECT_NE(log.find("WARN  Locking tsidx path=\"" + dir.path()), std::string::npos) << log;
+        EXPECT_EQ(read_file(slice), before);
+        EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_LOCK);
+    };
+    write_file(lock, std::to_string(::getppid()) + "\n" + host_name() + "\nanother program");
+    refused();
+    write_file(lock, std::to_string(process_that_is_gone()) + "\nanother-host\nanother program");
+    refused();
+    write_file(lock, "0\nuninitialized");
+    refused();
+    fs::remove(lock);
+    const unique_fd directory(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(directory.get(), LOCK_EX), 0);
+    refused();
+    ASSERT_EQ(::flock(directory.get(), LOCK_UN), 0);
+    // A lock that only a dead process can have left does not stop anyone.
+    write_file(lock, std::to_string(process_that_is_gone()) + "\n" + host_name() + "\nanother program");
+    EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), 2);
+    EXPECT_FALSE(fs::exists(lock));
+    EXPECT_TRUE(files_in(dir.path(), ".tsidx").empty() && files_in(dir.path(), ".deleted").empty());
+}
+
+TEST_F(Directory, DeletesThatAreRefused) {
+    const temp_dir dir;
+    forge_options metric;
+    metric.magic = "_MSIDX3";
+    put_slices(dir.path(), {simple_event(1)});
+    const st_addr_t address = 1;
+    EXPECT_EQ(st_tsidx_delete_by_addr(open_for_reading(dir.path()).get(), &address, 1), WARM_RC_UNSUPPORTED);
+    forge_file(dir.path(), {simple_event(9)}, metric);
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.latest = 5}).size(), 1u)
+        << "nothing is deleted when one slice fails";
+    st_query_spec query = make_query("[AND a]");
+    query.cumspan = 2;
+    EXPECT_EQ(st_tsidx_delete_by_query(tsidx.get(), &query), WARM_RC_INVALID_ARGUMENT);
+    query = make_query("[AND");
+    EXPECT_EQ(st_tsidx_delete_by_query(tsidx.get(), &query), WARM_RC_QUERY_END);
+}
+
+void make_old(const std::string& path) {
+    const timespec times[2] = {{.tv_sec = 1000000000, .tv_nsec = 0}, {.tv_sec = 1000000000, .tv_nsec = 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST_F(Directory, Leftovers) {
+    const temp_dir dir;
+    put_slices(dir.path(), {simple_event(1), simple_event(2), simple_event(3)});
+    const std::vector<std::string> slices = files_in(dir.path(), ".tsidx");
+    const std::string whole = read_file(slices[0]);
+    const auto pre = [&](pid_t process, int number) {
+        return dir.file("7-7-" + std::to_string((uint64_t(process) % 65535) << 16 | uint64_t(number)) + ".pre-tsidx");
+    };
+    const pid_t gone = process_that_is_gone();
+    const auto linked = dir.file(fs::path(slices[1]).stem().string() + ".pre-tsidx");
+    // The slice's own writer lives; a linked file of one that is gone has its time range and another id.
+    const std::string dead_link = dir.file("2-2-" + std::to_string((uint64_t(gone) % 65535) << 16) + ".pre-tsidx");
+    fs::create_hard_link(slices[1].find("/2-") != std::string::npos ? slices[1] : slices[0], dead_link);
+    write_file(pre(gone, 1), whole);
+    write_file(pre(gone, 2), whole.substr(0, whole.size() / 2));
+    write_file(pre(gone, 3), "");
+    write_file(pre(gone, 4), whole.substr(0, whole.size() / 2));
+    write_file(pre(::getpid(), 5), "");
+    write_file(dir.file("veldar-autogen-params.dat.part." + std::to_string(gone)), "VELDAR");
+    write_file(dir.file("veldar-autogen-params.dat.part.1"), "VELDAR");
+    write_file(dir.file("3-3-1.mini.tsidx." + std::to_string(gone) + ".mini.pre-tsidx"), "x");
+    const std::string hidden = slices[2];
+    write_file(hidden + ".deleted", "");
+    for (const auto& entry : fs::directory_iterator(dir.path())) make_old(entry.path().string());
+    write_file(pre(gone, 4), whole.substr(0, whole.size() / 2));  // young
+
+    stSetupLogger(0, 1);
+    testing::internal::CaptureStderr();
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    const std::string log = testing::internal::GetCapturedStderr();
+    stSetupLogger(0, 0);
+    std::set<std::string> left;
+    for (const auto& entry : fs::directory_iterator(dir.path())) left.insert(entry.path().string());
+    const std::set<std::string> expected = {slices[0],
+                                            slices[1],
+                                            pre(gone, 1),
+                                            pre(gone, 4),
+                                            pre(::getpid(), 5),
+                                            dir.file(TSIDX_PARAMS_NAME),
+                                            dir.file(TSIDX_NEED_OPTIMIZE_NAME),
+                                            dir.file("veldar-autogen-params.dat.part.1")};
+    EXPECT_EQ(left, expected);
+    EXPECT_NE(log.find("WARN  this file holds events"), std::string::npos) << log;
+    EXPECT_NE(log.find(pre(gone, 1)), std::string::npos) << log;
+    EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
+    EXPECT_FALSE(fs::exists(dir.path() + ".lock"));
+}
+
+TEST_F(Directory, Minify) {
+    const temp_dir dir, out;
+    put_slices(dir.path(), {simple_event(1), simple_event(2)});
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    ASSERT_EQ(put_event(tsidx.get(), simple_event(3)), 0);
+    EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.path().c_str()), 3) << "the handle's own events too";
+    EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.path().c_str()), 0);
+    EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.file("missing").c_str()), WARM_RC_OPEN);
+    EXPECT_EQ(files_in(out.path(), "").size(), 3u);
+    for (const std::string& path : files_in(out.path(), ".mini.tsidx")) {
+        fs::rename(path, path.substr(0, path.size() - 11) + ".tsidx");
+    }
+    const tsidx_ptr mini = open_for_reading(out.path());
+    st_tsval answers[4];
+    EXPECT_EQ(st_tsidx_all_events(mini.get(), 0, 9, answers, 4), 3);
+    EXPECT_EQ(st_tsidx_get(mini.get(), "a", 0, 9, answers, 4), WARM_RC_MINIFIED);
+    EXPECT_EQ(st_tsidx_distinct_term_count(mini.get()), WARM_RC_MINIFIED);
+}
+
+TEST_F(Directory, GoesOnElsewhere) {
+    const temp_dir dir, other;
+    const tsidx_ptr tsidx = open_directory(dir.path());
+    ASSERT_EQ(put_event(tsidx.get(), simple_event(1)), 0);
+    EXPECT_EQ(st_tsidx_cd(tsidx.get(), ""), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(st_tsidx_cd(tsidx.get(), dir.file("missing").c_str()), WARM_RC_OPEN);
+    ASSERT_EQ(st_tsidx_cd(tsidx.get(), other.path().c_str()), 0);
+    EXPECT_EQ(st_tsidx_is_optimized(tsidx.get()), 1);
+    EXPECT_TRUE(query_keys(tsidx.get(), "[AND]").empty());
+    put_slices(other.path(), {simple_event(5), simple_event(6)});
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND]").size(), 2u);
+    EXPECT_EQ(st_tsidx_is_optimized(tsidx.get()), 0);
+    ASSERT_EQ(st_tsidx_cd(tsidx.get(), dir.path().c_str()), 0);
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND]"), (std::vector<event_key>{{1, 1}}));
+}
+
+TEST_F(Directory, Health) {
+    struct {
+        std::vector<std::pair<int, int>> ranges;  // earliest, latest
+        int health;
+    } const table[] = {
+        {{}, 0},
+        {{{5, 9}}, 0},
+        {{{5, 9}, {10, 20}}, 0},
+        {{{5, 9}, {5, 9}}, 1000 * 5 / 128},  // five seconds, a bucket each
+        {{{0, 127}, {0, 127}}, 1000},
+        {{{0, 127}, {0, 63}}, 500},
+        {{{9, 5}, {INT32_MIN, INT32_MAX}}, 0},
+        {{{INT32_MIN, 5}, {0, INT32_MAX}}, 0},
+        {{{INT32_MIN, 5}, {0, INT32_MAX - 1}}, 1000 / 128},
+    };
+    for (const auto& row : table) {
+        const temp_dir dir;
+        int id = 0;
+        for (const auto& [earliest, latest] : row.ranges) {
+            write_file(dir.file(std::to_string(latest) + "-" + std::to_string(earliest) + "-" + std::to_string(++id) +
+                                ".tsidx"),
+                       "");
+        }
+        EXPECT_EQ(st_tsidx_health(open_for_reading(dir.path()).get()), row.health) << row.ranges.size();
+    }
+    const temp_dir dir;
+    for (int i = 0; i < 20; i++) {
+        write_file(dir.file(std::to_string(10 * i + 5) + "-" + std::to_string(10 * i) + "-1.tsidx"), "");
+    }
+    EXPECT_EQ(st_tsidx_health(open_for_reading(dir.path()).get()), 250);
+    EXPECT_EQ(st_tsidx_health(open_for_reading(dir.file("missing")).get()), -1);
+
+    health_stat stat;
+    uint32_t bucket = 0;
+    health_stat_init(&stat);
+    EXPECT_DEATH(health_histogram(&stat, &bucket, 1), "most_latest >= hs->most_earliest");
+    for (int i = 0; i < 1024; i++) EXPECT_EQ(health_add_range(&stat, 1, 2), 0);
+    EXPECT_EQ(health_add_range(&stat, 1, 2), -1);
+    health_histogram(&stat, &bucket, 1);
+    EXPECT_EQ(bucket, 1024u);
+    EXPECT_EQ(health_histogram_rating(&stat, &bucket, 1), 1023u * 1000 / 1024) << "the refused one counts";
+    EXPECT_EQ(health_histogram_rating(&stat, &bucket, 0), 0u);
 }
 
 }  // namespace

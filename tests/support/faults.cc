@@ -1,11 +1,17 @@
 #include "tests/support/faults.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <new>
 
 namespace veldar {
 
@@ -30,6 +36,49 @@ bool fails(fault_call call) {
     p.hits++;
     errno = p.errno_value;
     return true;
+}
+
+// What fault_step has been told to do, and what it has counted.
+struct {
+    bool armed = false;
+    fault_action action = fault_action::fail;
+    uint64_t first = 0, last = 0;
+    int errno_value = 0;
+    uint64_t calls = 0, allocations = 0;
+    uint64_t struck = 0;  // a bit a function
+
+    bool hits(uint64_t number) const { return number >= first && number <= last; }
+} step;
+
+bool flushes_skipped = false;
+
+bool step_hits_call(fault_call call) {
+    if (!step.armed || !step.hits(++step.calls) || step.action == fault_action::allocation) return false;
+    step.struck |= uint64_t{1} << static_cast<int>(call);
+    return true;
+}
+
+bool allocation_fails() {
+    return step.armed && step.hits(++step.allocations) && step.action == fault_action::allocation;
+}
+
+// Makes one call through both plans.
+template <typename Result, typename Real>
+Result through(fault_call call, Result failure, Real real) {
+    const bool hit = step_hits_call(call);
+    if (hit && step.action == fault_action::kill_before) ::kill(::getpid(), SIGKILL);
+    if (fails(call)) return failure;
+    if (hit && step.action == fault_action::fail) {
+        errno = step.errno_value;
+        return failure;
+    }
+    const Result result = real(hit && step.action == fault_action::shorten);
+    if (hit && step.action == fault_action::kill_after) ::kill(::getpid(), SIGKILL);
+    return result;
+}
+
+size_t maybe_half(size_t size, bool shortened) {
+    return shortened && size > 1 ? size / 2 : size;
 }
 
 struct {
@@ -60,6 +109,36 @@ uint64_t fault_calls(fault_call call) {
     return plan_of(call).calls;
 }
 
+fault_step::fault_step(fault_action action, uint64_t nth, int errno_value, uint64_t times) {
+    step = {.armed = true, .action = action, .first = nth, .last = nth + times - 1, .errno_value = errno_value};
+}
+fault_step::~fault_step() {
+    step = {};
+}
+uint64_t fault_step::calls() const {
+    return step.calls;
+}
+uint64_t fault_step::allocations() const {
+    return step.allocations;
+}
+bool fault_step::struck(fault_call call) const {
+    return (step.struck >> static_cast<int>(call) & 1) != 0;
+}
+
+fault_truce::fault_truce() : armed_(step.armed) {
+    step.armed = false;
+}
+fault_truce::~fault_truce() {
+    step.armed = armed_;
+}
+
+no_flushes::no_flushes() {
+    flushes_skipped = true;
+}
+no_flushes::~no_flushes() {
+    flushes_skipped = false;
+}
+
 no_pauses::no_pauses() {
     pauses = {.skipped = true};
 }
@@ -75,51 +154,118 @@ uint64_t no_pauses::microseconds() const {
 
 }  // namespace veldar
 
-using veldar::fails;
+using veldar::allocation_fails;
 using veldar::fault_call;
-
-// A call that fails does nothing but set errno.
-#define FAULTY(name, result_t, parameters, arguments)                            \
-    result_t __real_##name parameters;                                           \
-    result_t __wrap_##name parameters {                                          \
-        return fails(fault_call::name) ? result_t{-1} : __real_##name arguments; \
-    }
+using veldar::maybe_half;
+using veldar::through;
 
 extern "C" {
 
-FAULTY(write, ssize_t, (int fd, const void* data, size_t size), (fd, data, size))
-FAULTY(pwrite, ssize_t, (int fd, const void* data, size_t size, off_t offset), (fd, data, size, offset))
-FAULTY(fsync, int, (int fd), (fd))
-FAULTY(link, int, (const char* from, const char* to), (from, to))
-FAULTY(unlink, int, (const char* path), (path))
-FAULTY(rename, int, (const char* from, const char* to), (from, to))
-
 int __real_open(const char* path, int flags, ...);
+ssize_t __real_write(int fd, const void* data, size_t size);
+ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
+ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
+int __real_fsync(int fd);
+int __real_link(const char* from, const char* to);
+int __real_unlink(const char* path);
+int __real_rename(const char* from, const char* to);
 int __real_close(int fd);
+int __real_fstat(int fd, struct stat* out);
+int __real_stat(const char* path, struct stat* out);
+int __real_access(const char* path, int mode);
+void* __real_mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset);
+int __real_msync(void* address, size_t size, int flags);
+DIR* __real_opendir(const char* path);
+int __real_flock(int fd, int operation);
 int __real_usleep(useconds_t pause);
+void* __real__Znwm(size_t size);
+void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
+void* __real_calloc(size_t count, size_t size);
+char* __real_strdup(const char* text);
 
 int __wrap_open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return fails(fault_call::open) ? -1 : __real_open(path, flags, mode);
+    return through(fault_call::open, -1, [&](bool) { return __real_open(path, flags, mode); });
 }
-
+ssize_t __wrap_write(int fd, const void* data, size_t size) {
+    return through(fault_call::write, ssize_t{-1},
+                   [&](bool half) { return __real_write(fd, data, maybe_half(size, half)); });
+}
+ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
+    return through(fault_call::pwrite, ssize_t{-1},
+                   [&](bool half) { return __real_pwrite(fd, data, maybe_half(size, half), offset); });
+}
+ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
+    return through(fault_call::pread, ssize_t{-1},
+                   [&](bool half) { return __real_pread(fd, data, maybe_half(size, half), offset); });
+}
+int __wrap_fsync(int fd) {
+    return through(fault_call::fsync, -1, [&](bool) { return veldar::flushes_skipped ? 0 : __real_fsync(fd); });
+}
+int __wrap_link(const char* from, const char* to) {
+    return through(fault_call::link, -1, [&](bool) { return __real_link(from, to); });
+}
+int __wrap_unlink(const char* path) {
+    return through(fault_call::unlink, -1, [&](bool) { return __real_unlink(path); });
+}
+int __wrap_rename(const char* from, const char* to) {
+    return through(fault_call::rename, -1, [&](bool) { return __real_rename(from, to); });
+}
 int __wrap_close(int fd) {
-    const bool failed = fails(fault_call::close);
+    bool closed = false;
+    const int result = through(fault_call::close, -1, [&](bool) {
+        closed = true;
+        return __real_close(fd);
+    });
     const int saved_errno = errno;
-    const int result = __real_close(fd);
-    if (!failed) return result;
+    if (!closed) __real_close(fd);
     errno = saved_errno;
-    return -1;
+    return result;
 }
-
+int __wrap_fstat(int fd, struct stat* out) {
+    return through(fault_call::stat, -1, [&](bool) { return __real_fstat(fd, out); });
+}
+int __wrap_stat(const char* path, struct stat* out) {
+    return through(fault_call::stat, -1, [&](bool) { return __real_stat(path, out); });
+}
+int __wrap_access(const char* path, int mode) {
+    return through(fault_call::access, -1, [&](bool) { return __real_access(path, mode); });
+}
+void* __wrap_mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
+    return through(fault_call::map, MAP_FAILED,
+                   [&](bool) { return __real_mmap(address, size, protection, flags, fd, offset); });
+}
+int __wrap_msync(void* address, size_t size, int flags) {
+    return through(fault_call::msync, -1,
+                   [&](bool) { return veldar::flushes_skipped ? 0 : __real_msync(address, size, flags); });
+}
+DIR* __wrap_opendir(const char* path) {
+    return through(fault_call::opendir, static_cast<DIR*>(nullptr), [&](bool) { return __real_opendir(path); });
+}
+int __wrap_flock(int fd, int operation) {
+    return through(fault_call::flock, -1, [&](bool) { return __real_flock(fd, operation); });
+}
 int __wrap_usleep(useconds_t pause) {
     if (!veldar::pauses.skipped) return __real_usleep(pause);
     veldar::pauses.count++;
     veldar::pauses.microseconds += pause;
     return 0;
+}
+void* __wrap__Znwm(size_t size) {
+    if (allocation_fails()) throw std::bad_alloc();
+    return __real__Znwm(size);
+}
+void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
+    return allocation_fails() ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+}
+void* __wrap_calloc(size_t count, size_t size) {
+    return allocation_fails() ? nullptr : __real_calloc(count, size);
+}
+char* __wrap_strdup(const char* text) {
+    return allocation_fails() ? nullptr : __real_strdup(text);
 }
 
 }  // extern "C"

@@ -7,7 +7,24 @@
 
 namespace veldar {
 
-enum class fault_call { open, write, pwrite, fsync, link, unlink, rename, close, COUNT };
+enum class fault_call {
+    open,
+    write,
+    pwrite,
+    fsync,
+    link,
+    unlink,
+    rename,
+    close,
+    pread,
+    stat,
+    map,
+    msync,
+    opendir,
+    flock,
+    access,
+    COUNT
+};
 
 // While it lives, calls number `nth` to `nth + times - 1` (1 is the next one) of one function fail with an errno and do
 // nothing; closes do close. `hits` tells how many did. One fault a function at a time.
@@ -26,6 +43,49 @@ class fault {
 
 // Calls of a function since the process began, failed ones included.
 uint64_t fault_calls(fault_call call);
+
+// While it lives, something happens at calls number `nth` to `nth + times - 1` of all the functions above together, or
+// of all allocations by new, calloc and strdup in the engine (not inside of the C and C++ libraries).
+enum class fault_action {
+    fail,         // with the errno; new throws, the others return null
+    shorten,      // reads and writes move half of what was asked for; other calls work
+    kill_before,  // SIGKILL to this process
+    kill_after,
+    allocation,
+};
+class fault_step {
+  public:
+    fault_step(fault_action action, uint64_t nth, int errno_value = 0, uint64_t times = 1);
+    ~fault_step();
+    fault_step(const fault_step&) = delete;
+    fault_step& operator=(const fault_step&) = delete;
+
+    // Calls, or allocations, since it was made.
+    uint64_t calls() const;
+    uint64_t allocations() const;
+    // Whether it has struck a call of this function.
+    bool struck(fault_call call) const;
+};
+// While it lives, fault_step neither counts nor strikes: for a test's own work in between.
+class fault_truce {
+  public:
+    fault_truce();
+    ~fault_truce();
+    fault_truce(const fault_truce&) = delete;
+    fault_truce& operator=(const fault_truce&) = delete;
+
+  private:
+    bool armed_;
+};
+
+// While it lives, fsync and msync do nothing: only the death of a system needs them.
+class no_flushes {
+  public:
+    no_flushes();
+    ~no_flushes();
+    no_flushes(const no_flushes&) = delete;
+    no_flushes& operator=(const no_flushes&) = delete;
+};
 
 // While it lives, pauses take no time and are added up.
 class no_pauses {
