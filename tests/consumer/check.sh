@@ -16,9 +16,12 @@ trap 'rm -rf "$work"' EXIT
 mv "$work/first" "$work/prefix"
 
 echo "find_package(veldar)"
-"$cmake" -S "$here" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
+examples=$(cd "$here/../../examples" && pwd)
+"$cmake" -S "$here" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$compiler" \
+    -DEXAMPLES="$examples" >/dev/null
 "$cmake" --build "$work/build" >/dev/null
 "$work/build/consumer" "$work/index1"
+"$work/build/embed" "$work/index"
 
 echo "pkg-config veldar"
 pc=$(find "$work/prefix" -name veldar.pc)
