@@ -266,6 +266,27 @@ TEST(Fsck, NamesEveryPlantedFault) {
     }
 }
 
+TEST(Fsck, NamesFaultsOfLargeTermsAndLists) {
+    forge_options options;
+    options.tperb = 2;
+    forge_picture picture;
+    std::string bytes =
+        forge_slice({{.time = 1, .terms = {std::string(2047, 'a'), std::string(2047, 'b')}}}, options, &picture);
+    bytes[picture.at.lexicon + 16 + 2049] = 1;  // shares one byte now
+    EXPECT_NE(fsck_bytes(bytes, "slice").find(": term too long: 2048 bytes\n"), std::string::npos);
+
+    // Events at one time and address take no bytes, so there can be any number of them.
+    options.wflags = FORGE_TAG2 | FORGE_PACKED;
+    options.companions = false;
+    options.forced = {{"b", forge_encoding::bmap}};
+    bytes = forge_slice({{.time = 1, .terms = {"a", "b"}}}, options, &picture);
+    put_be(&bytes, 8, (1 << 21) + 70000, 4);
+    bytes.resize(picture.at.postings + 1);
+    bytes += "\x80\x80\x80\x01" + std::string(8200, '\1');
+    put_be(&bytes, picture.at.posting_offsets + 8, (1 + 4 + 8200) * 4, 8);
+    EXPECT_NE(fsck_bytes(bytes, "slice").find("term 1 \"b\": bitmap longer than readers follow"), std::string::npos);
+}
+
 // Nothing breaks the checker, a file that lost bytes is never clean, and most flipped bytes show somewhere.
 TEST(Fsck, SurvivesEveryDamage) {
     const std::vector<forge_event> events = forge_random_events(3, 12);
@@ -338,6 +359,34 @@ TEST(Fsck, ExitStatusTells) {
     ASSERT_EQ(::unlink(path.c_str()), 0);
     ASSERT_EQ(::symlink(path.c_str(), path.c_str()), 0);
     EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 5);
+}
+
+TEST(Fsck, StoresHoldWhatTheirSlicesName) {
+    const temp_dir dir;
+    const std::string store = dir.file("store");
+    write_file(dir.file("log"), "2024-01-01T00:00:00Z one\n2024-01-01T00:00:01Z two\n");
+    ASSERT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log")}).status, 0);
+    EXPECT_EQ(run_tool(TOOL, {"-s", store, "fsck"}).out, "1 slices checked, no faults\n");
+    const std::pair<const char*, const char*> faults[] = {
+        {"hosts", ": host that has no name: 0 of value 0, 2 events\n"},
+        {"sources", ": source that has no name: 0 of value 0, 2 events\n"},
+        {"sourcetypes", ": source type that has no name: 0 of value 0, 2 events\n"},
+        {"bucket-000001/source.map", " of value 0, 2 events\n"}};
+    for (const auto& [file, said] : faults) {
+        const std::string path = store + "/" + file, content = read_file(path);
+        write_file(path, "");
+        const tool_result fsck = run_tool(TOOL, {"fsck", store});
+        EXPECT_EQ(fsck.status, 4) << file;
+        EXPECT_NE(fsck.out.find(said), std::string::npos) << file << fsck.out;
+        write_file(path, content);
+    }
+    const std::string map = store + "/bucket-000001/source.map";
+    std::string content = read_file(map);
+    content[20] = static_cast<char>(~content[20]);
+    write_file(map, content);
+    EXPECT_EQ(run_tool(TOOL, {"fsck", store}).status, 4);
+    ASSERT_EQ(::unlink((store + "/hosts").c_str()), 0);
+    EXPECT_EQ(run_tool(TOOL, {"fsck", store}).status, 5);
 }
 
 // Lists turned round in runs of any size give each value its terms.

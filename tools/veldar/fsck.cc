@@ -5,6 +5,7 @@
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/fsck_slice.h"
+#include "tools/veldar/fsck_store.h"
 #include "tools/veldar/slices.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/text_output.h"
@@ -19,51 +20,94 @@ struct fsck_options {
     uint32_t per_kind = 10;
 };
 
-struct fsck_totals {
-    uint64_t slices = 0, damaged = 0, findings = 0;
+struct fsck_command {
+    const fsck_options* options = nullptr;
+    slice_set slices;
+    store_names names;  // of the store
+    bool has_names = false;
+    std::vector<source_map> maps;  // by directory
+    std::vector<bool> has_map;
+    text_output out;
     troubles trouble;
+    uint64_t checked = 0, damaged = 0, faults = 0;
 };
 
-void put_line(text_output* out, const std::string& path, const std::string& text) {
-    output_put(out, path);
-    output_put(out, ": ");
-    output_put(out, text);
-    output_put(out, "\n");
-    output_end_record(out);
+void put_line(fsck_command* command, const std::string& path, const std::string& text) {
+    if (command->options->quiet) return;
+    output_put(&command->out, path + ": " + text + "\n");
+    output_end_record(&command->out);
 }
 
-void check_file(const std::string& path, const fsck_options& options, text_output* out, fsck_totals* totals) {
+// A damaged file beside the slices.
+void put_store_fault(fsck_command* command, const std::string& text) {
+    command->damaged++;
+    command->faults++;
+    put_line(command, command->slices.store, text);
+}
+
+void open_store(fsck_command* command) {
+    const slice_set& slices = command->slices;
+    command->maps.resize(slices.directories.size());
+    command->has_map.resize(slices.directories.size());
+    if (slices.store.empty()) return;
+    std::string error;
+    command->has_names = store_names_read(slices.store, &command->names, &error);
+    if (!command->has_names) return troubles_add(&command->trouble, error);
+    for (size_t i = 0; i < slices.directories.size(); i++) {
+        if (!slices.directories[i].has_sources) continue;
+        const std::string path = slices.directories[i].path + "/source.map";
+        command->has_map[i] = source_map_open(&command->maps[i], path, false, &error);
+        if (!command->has_map[i]) put_store_fault(command, error);
+    }
+}
+
+// The events of a slice in which nothing is wrong, against the rest of the store.
+std::vector<std::string> check_events(fsck_command* command, const slice_file& file) {
+    warm_ptr warm;
+    std::string error;
+    if (!command->has_names || !command->has_map[file.directory]) return {};
+    if (slice_open(file, &warm, &error) != SLICE_OPEN) return {};
+    return fsck_store_slice(warm.get(), command->maps[file.directory], command->names);
+}
+
+void check_file(fsck_command* command, const slice_file& file) {
     slice_image image;
     std::string error;
-    const image_state_t state = slice_image_open(path, &image, &error);
+    const image_state_t state = slice_image_open(file.path, &image, &error);
     if (state == IMAGE_VANISHED) return;  // deleted or merged since it was listed
-    if (state == IMAGE_UNREADABLE) return troubles_add(&totals->trouble, error);
+    if (state == IMAGE_UNREADABLE) return troubles_add(&command->trouble, error);
     fsck_report report;
-    report.per_kind = options.per_kind;
+    report.per_kind = command->options->per_kind;
     fsck_slice(image, &report);
-    totals->slices++;
-    totals->damaged += report.total != 0 ? 1 : 0;
-    totals->findings += report.total;
-    if (options.quiet) return;
-    for (const fsck_finding& finding : report.findings) put_line(out, path, fsck_finding_text(finding));
-    for (const std::string& line : fsck_more_lines(report)) put_line(out, path, line);
+    std::vector<std::string> lines;
+    for (const fsck_finding& finding : report.findings) lines.push_back(fsck_finding_text(finding));
+    for (const std::string& line : fsck_more_lines(report)) lines.push_back(line);
+    if (report.total == 0) {
+        lines = check_events(command, file);
+        report.total = lines.size();
+    }
+    command->checked++;
+    command->damaged += report.total != 0 ? 1 : 0;
+    command->faults += report.total;
+    for (const std::string& line : lines) put_line(command, file.path, line);
 }
 
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
-    const slice_set slices = slices_list(options.path.empty() ? store_choose(context.store) : options.path);
-    text_output out;
-    output_open(&out, "never");
-    fsck_totals totals;
-    for (const std::string& error : slices.errors) troubles_add(&totals.trouble, error);
-    for (const slice_file& file : slices.files) check_file(file.path, options, &out, &totals);
+    fsck_command command;
+    command.options = &options;
+    command.slices = slices_list(options.path.empty() ? store_choose(context.store) : options.path);
+    output_open(&command.out, "never");
+    for (const std::string& error : command.slices.errors) troubles_add(&command.trouble, error);
+    open_store(&command);
+    for (const slice_file& file : command.slices.files) check_file(&command, file);
     if (!options.quiet) {
-        output_put(&out, totals.damaged == 0 ? fmt::format("{} slices checked, no faults\n", totals.slices)
-                                             : fmt::format("{} slices checked, {} damaged, {} faults\n", totals.slices,
-                                                           totals.damaged, totals.findings));
+        output_put(&command.out, command.faults == 0 ? fmt::format("{} slices checked, no faults\n", command.checked)
+                                                     : fmt::format("{} slices checked, {} damaged, {} faults\n",
+                                                                   command.checked, command.damaged, command.faults));
     }
-    output_flush(&out);
-    if (totals.trouble.incomplete) return EXIT_IO;
-    return totals.damaged != 0 ? EXIT_DAMAGED : EXIT_DONE;
+    output_flush(&command.out);
+    if (command.trouble.incomplete) return EXIT_IO;
+    return command.faults != 0 ? EXIT_DAMAGED : EXIT_DONE;
 }
 
 }  // namespace
