@@ -168,6 +168,58 @@ bool read_record(open_source* source, const source_place& place, std::string_vie
     }
 }
 
+// The bytes of the run from an offset on, `size` of them as far as they are there.
+std::string_view run_bytes(const open_source& source, uint64_t offset, uint64_t size) {
+    const std::string_view bytes = source.bytes;
+    return bytes.substr(static_cast<size_t>(offset - source.start), static_cast<size_t>(size));
+}
+
+// Both read a little first and more when that holds too few lines, up to RECORD_MAX.
+
+bool read_lines_before(open_source* source, uint64_t end, uint32_t count, std::vector<std::string>* lines,
+                       std::string* error) {
+    lines->clear();
+    for (uint64_t span = FIRST_READ; lines->size() < count && end > 0; span *= 4) {
+        const uint64_t from = end > span ? end - span : 0;
+        if (!load_run(source, from, static_cast<size_t>(end - from), error)) return false;
+        std::string_view bytes = run_bytes(*source, from, end - from);
+        lines->clear();
+        while (lines->size() < count && !bytes.empty()) {
+            if (bytes.ends_with('\n')) bytes.remove_suffix(1);
+            const size_t newline = bytes.rfind('\n');
+            if (newline == std::string_view::npos && from > 0) break;
+            const size_t begin = newline == std::string_view::npos ? 0 : newline + 1;
+            lines->emplace_back(record_text(bytes.substr(begin)));
+            bytes = bytes.substr(0, begin);
+        }
+        if (from == 0 || span >= RECORD_MAX) break;
+    }
+    std::reverse(lines->begin(), lines->end());
+    return true;
+}
+
+bool read_lines_after(open_source* source, uint64_t from, uint32_t count, std::vector<std::string>* lines,
+                      std::string* error) {
+    lines->clear();
+    for (uint64_t span = FIRST_READ; lines->size() < count; span *= 4) {
+        if (!load_run(source, from, static_cast<size_t>(span), error)) {
+            return from >= source->start + source->bytes.size();
+        }
+        std::string_view bytes = run_bytes(*source, from, span);
+        const bool all = bytes.size() < span || span >= RECORD_MAX;
+        lines->clear();
+        while (lines->size() < count && !bytes.empty()) {
+            const size_t newline = bytes.find('\n');
+            if (newline == std::string_view::npos && !all) break;
+            const size_t size = newline == std::string_view::npos ? bytes.size() : newline + 1;
+            lines->emplace_back(record_text(bytes.substr(0, size)));
+            bytes.remove_prefix(size);
+        }
+        if (all) break;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string source_points_name(uint32_t number) {
@@ -227,35 +279,8 @@ bool raw_reader_context(raw_reader* reader, uint64_t address, uint32_t before, u
     const std::optional<source_place> place = source_map_find(reader->map, address);
     open_source* source = source_of(reader, *place->file, error);
     if (source == nullptr) return false;
-    lines_before->clear();
-    lines_after->clear();
-    const uint64_t from = record.offset > RECORD_MAX ? record.offset - RECORD_MAX : 0;
-    if (before > 0 && from < record.offset) {
-        if (!load_run(source, from, static_cast<size_t>(record.offset - from), error)) return false;
-        std::string_view bytes = std::string_view(source->bytes).substr(static_cast<size_t>(from - source->start));
-        bytes = bytes.substr(0, static_cast<size_t>(record.offset - from));
-        while (lines_before->size() < before && !bytes.empty()) {
-            if (bytes.ends_with('\n')) bytes.remove_suffix(1);
-            const size_t newline = bytes.rfind('\n');
-            if (newline == std::string_view::npos && from > 0) break;
-            const size_t begin = newline == std::string_view::npos ? 0 : newline + 1;
-            lines_before->emplace_back(record_text(bytes.substr(begin)));
-            bytes = bytes.substr(0, begin);
-        }
-        std::reverse(lines_before->begin(), lines_before->end());
-    }
-    const uint64_t next = record.offset + record.size;
-    if (after > 0) {
-        if (!load_run(source, next, RECORD_MAX, error)) return next >= source->start + source->bytes.size();
-        std::string_view bytes = std::string_view(source->bytes).substr(static_cast<size_t>(next - source->start));
-        while (lines_after->size() < after && !bytes.empty()) {
-            const size_t newline = bytes.find('\n');
-            const size_t size = newline == std::string_view::npos ? bytes.size() : newline + 1;
-            lines_after->emplace_back(record_text(bytes.substr(0, size)));
-            bytes.remove_prefix(size);
-        }
-    }
-    return true;
+    return read_lines_before(source, record.offset, before, lines_before, error) &&
+           read_lines_after(source, record.offset + record.size, after, lines_after, error);
 }
 
 }  // namespace veldar

@@ -132,6 +132,7 @@ slice_set slices_list(const std::string& given) {
         if (!add_directory(&set, path, exists(path + "/source.map"))) fail_io("cannot read " + path, errno);
         find_store_above(&set, path);
     }
+    if (set.files.empty()) std::fprintf(stderr, "veldar: %s holds no slices\n", path.c_str());
     std::sort(set.files.begin(), set.files.end(), [](const slice_file& a, const slice_file& b) {
         return a.latest != b.latest ? a.latest > b.latest : a.path > b.path;
     });
@@ -155,7 +156,9 @@ slice_state_t slice_open(const slice_file& file, warm_ptr* warm, std::string* er
 std::string slice_error(const slice_file& file, const warm_rc_t& rc) {
     std::string text = file.path + ": ";
     if (rc.warm_rc == WARM_RC_OPEN) return text + std::strerror(rc.saved_errno);
-    if (warm_status_indicates_corruption(rc.warm_rc)) {
+    if (rc.warm_rc == WARM_RC_BAD_MAGIC) {
+        text += "not a slice, or damaged";
+    } else if (warm_status_indicates_corruption(rc.warm_rc)) {
         text += "damaged";
     } else {
         text += "cannot be read";

@@ -34,8 +34,8 @@ struct slice_set {
     std::vector<std::string> errors;           // directories of a store that could not be listed, and why
 };
 
-// Lists the slices at `path`. Throws tool_failure: EXIT_USAGE when nothing of the kind is there, EXIT_IO when it cannot
-// be read.
+// Lists the slices at `path`; says on standard error when a directory has none. Throws tool_failure: EXIT_USAGE when
+// nothing of the kind is there, EXIT_IO when it cannot be read.
 slice_set slices_list(const std::string& path);
 
 // Whether the file's name allows events within the query's bounds.
