@@ -374,6 +374,21 @@ TEST_F(SearchTool, AMissingLogIsNamedAndTheRestPrinted) {
     EXPECT_EQ(table.status, 3);
 }
 
+TEST_F(SearchTool, ALogThatBecameShorterGivesWhatItStillHolds) {
+    const temp_dir other;
+    std::vector<std::string> texts;
+    for (int i = 0; i < 4000; i++) texts.push_back(time_stamp(BEGIN + i) + " alpha " + std::string(40, 'x'));
+    write_file(other.file("log"), joined(texts));
+    ASSERT_EQ(run_at(other.file("store"), {"load", other.file("log"), "--no-fsync"}).status, 0);
+    texts.resize(3000);
+    write_file(other.file("log"), joined(texts));
+    std::reverse(texts.begin(), texts.end());
+    const tool_result found = run_at(other.file("store"), {"search", "alpha"});
+    EXPECT_EQ(found.out, joined(texts));
+    EXPECT_EQ(found.err, "veldar: " + other.file("log") + ": is shorter than what was loaded from it\n");
+    EXPECT_EQ(found.status, 3);
+}
+
 TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
     const temp_dir other;
     const std::string index = other.file("index");

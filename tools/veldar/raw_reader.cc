@@ -17,6 +17,7 @@ namespace {
 
 constexpr size_t FIRST_READ = 64 << 10;
 constexpr uint64_t CACHE_BACK = GZ_POINT_SPAN;  // decompressed bytes kept before the wanted one
+constexpr uint64_t CONTEXT_ROOM = 2 * FIRST_READ;
 constexpr size_t CACHE_MAX = 2 * GZ_POINT_SPAN;
 
 // An open file and the run of its decompressed bytes that was read last.
@@ -75,16 +76,16 @@ bool locate_and_open(const source_file& file, const std::string& directory, log_
 }
 
 // Where reading begins so that `offset` is reached: before it, as records are mostly asked for newest first; in a gzip
-// file at the access point.
+// file at an access point that leaves room for context lines, so that these do not ask for the point before.
 uint64_t run_start(const open_source& source, uint64_t offset) {
     if (source.input.gz == nullptr) return offset / FIRST_READ * FIRST_READ;
-    const uint64_t point = gz_point_before(*source.input.gz, offset);
+    const uint64_t point = gz_point_before(*source.input.gz, offset > CONTEXT_ROOM ? offset - CONTEXT_ROOM : 0);
     return std::max(point, offset > CACHE_BACK ? offset - CACHE_BACK : 0);
 }
 
 // Makes the run hold [offset, offset + size) as far as the file reaches.
 bool load_run(open_source* source, uint64_t offset, size_t size, std::string* error) {
-    const bool inside = offset >= source->start && offset - source->start <= source->bytes.size();
+    const bool inside = offset >= source->start && offset - source->start <= source->bytes.size() + FIRST_READ;
     if (!inside || source->bytes.size() > CACHE_MAX + size) {
         source->bytes.clear();
         source->at_end = false;
@@ -148,30 +149,30 @@ open_source* source_of(raw_reader* reader, const source_file& file, std::string*
     return (reader->sources[file.number] = std::move(source)).get();
 }
 
+// The bytes of the run from an offset on, `size` of them as far as they are there: none behind the end of a file that
+// became shorter.
+std::string_view run_bytes(const open_source& source, uint64_t offset, uint64_t size) {
+    const std::string_view bytes = source.bytes;
+    return bytes.substr(static_cast<size_t>(std::min<uint64_t>(offset - source.start, bytes.size())),
+                        static_cast<size_t>(size));
+}
+
 // The bytes of the record, from the run; more and more of them until its end is there.
 bool read_record(open_source* source, const source_place& place, std::string_view* record, std::string* error) {
     const uint64_t most = place.end - place.offset;
     for (size_t size = FIRST_READ;; size *= 2) {
         const size_t wanted = static_cast<size_t>(std::min<uint64_t>(size, most));
         if (!load_run(source, place.offset, wanted, error)) return false;
-        std::string_view have =
-            std::string_view(source->bytes).substr(static_cast<size_t>(place.offset - source->start));
-        have = have.substr(0, static_cast<size_t>(std::min<uint64_t>(have.size(), most)));
+        const std::string_view have = run_bytes(*source, place.offset, most);
         const bool all = have.size() == most || source->at_end;
         const size_t length = record_length(have, all);
         *record = have.substr(0, length);
         if (length != 0) return true;
         if (all) {
-            *error = "holds only " + std::to_string(place.offset) + " bytes";
+            *error = "is shorter than what was loaded from it";
             return false;
         }
     }
-}
-
-// The bytes of the run from an offset on, `size` of them as far as they are there.
-std::string_view run_bytes(const open_source& source, uint64_t offset, uint64_t size) {
-    const std::string_view bytes = source.bytes;
-    return bytes.substr(static_cast<size_t>(offset - source.start), static_cast<size_t>(size));
 }
 
 // Both read a little first and more when that holds too few lines, up to RECORD_MAX.
