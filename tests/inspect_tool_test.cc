@@ -1,7 +1,9 @@
-// The commands that show what is inside of slices: fsck, info, ls, dump.
+// The commands that show what is inside of slices and what overlaps, and the one that deletes.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <functional>
 
 #include "searchthing/tsidx.h"
@@ -467,6 +469,51 @@ TEST(Dump, AndLsOfAKnownSlice) {
     EXPECT_EQ(bucket.substr(bucket.find(",\"earliest")),
               ",\"earliest\":\"1970-01-01T00:16:40Z\",\"latest\":\"1970-01-01T00:33:20Z\",\"events\":21,\"deleted\":1,"
               "\"terms\":5,\"bytes\":466,\"slices\":2}\n");
+}
+
+TEST(Delete, MarksWhatTheQueryFinds) {
+    ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1);
+    const temp_dir dir;
+    std::vector<forge_event> events = forge_random_events(8, 100), other = forge_random_events(9, 50);
+    for (forge_event& event : events) event.deleted = false;
+    for (forge_event& event : other) event.deleted = false;
+    const std::string first = forge_file(dir.path(), events, forge_as_created(4), 1);
+    const std::string second = forge_file(dir.path(), other, forge_as_created(3), 2);
+    size_t tenths = 0;
+    for (const std::vector<forge_event>& one : {events, other}) {
+        for (const forge_event& event : one) tenths += std::count(event.terms.begin(), event.terms.end(), "tenth");
+    }
+    ASSERT_GT(tenths, 0u);
+    const std::string number = std::to_string(tenths) + " events ";
+    const std::vector<std::string> arguments = {"-s", dir.path(), "delete", "tenth"};
+    std::vector<std::string> dry = arguments;
+    dry.push_back("--dry-run");
+    const std::string before = read_file(first) + read_file(second);
+    EXPECT_EQ(run_tool(TOOL, dry).out, number + "would be deleted\n");
+    EXPECT_EQ(read_file(first) + read_file(second), before);
+    EXPECT_EQ(run_tool(TOOL, arguments).out, number + "deleted\n");
+    EXPECT_EQ(run_tool(TOOL, arguments).status, 1);
+    EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "count", "tenth"}).out, "0\n");
+    EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "count", "*"}).out, std::to_string(150 - tenths) + "\n");
+    EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 0);
+
+    // What cannot all be searched is not deleted in part.
+    write_file(second, read_file(second).substr(0, 200));
+    const std::string kept = read_file(first);
+    EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "delete", "all"}).status, 3);
+    EXPECT_EQ(read_file(first), kept);
+    EXPECT_EQ(run_tool(TOOL, {"-s", first, "delete", "all"}).status, 2);
+}
+
+TEST(Health, DrawsTheOverlap) {
+    const temp_dir dir;
+    EXPECT_EQ(run_tool(TOOL, {"health", dir.path()}).out.substr(dir.path().size() - dir.path().rfind('/') - 1),
+              ": health 0, 0 slices\n");
+    for (const char* const name : {"127-0-1.tsidx", "63-0-2.tsidx", "31-0-3.tsidx"}) write_file(dir.file(name), "");
+    const std::string out = run_tool(TOOL, {"health", dir.path()}).out;
+    EXPECT_EQ(out.substr(out.find(": ")), ": health 375, 3 slices\n|" + std::string(32, '3') + std::string(32, '2') +
+                                              std::string(64, '1') + "|\n 1970-01-01T00:00:00Z" + std::string(88, ' ') +
+                                              "1970-01-01T00:02:07Z\n");
 }
 
 }  // namespace

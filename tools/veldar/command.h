@@ -46,5 +46,7 @@ void add_fsck_command(CLI::App* app, tool_context* context);
 void add_info_command(CLI::App* app, tool_context* context);
 void add_ls_command(CLI::App* app, tool_context* context);
 void add_dump_command(CLI::App* app, tool_context* context);
+void add_delete_command(CLI::App* app, tool_context* context);
+void add_health_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

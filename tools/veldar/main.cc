@@ -30,6 +30,8 @@ int run(int argc, char** argv) {
     veldar::add_info_command(&app, &context);
     veldar::add_ls_command(&app, &context);
     veldar::add_dump_command(&app, &context);
+    veldar::add_delete_command(&app, &context);
+    veldar::add_health_command(&app, &context);
     try {
         std::vector<std::string> arguments(argv + 1, argv + argc);
         veldar::query_protect_words(&arguments);

@@ -93,7 +93,7 @@ bool is_option(std::string_view argument) {
 }  // namespace
 
 void query_protect_words(std::vector<std::string>* arguments) {
-    static constexpr std::array<std::string_view, 3> COMMANDS = {"search", "count", "explain"};
+    static constexpr std::array<std::string_view, 4> COMMANDS = {"search", "count", "explain", "delete"};
     const auto command = std::find_first_of(arguments->begin(), arguments->end(), COMMANDS.begin(), COMMANDS.end());
     if (command == arguments->end()) return;
     for (auto one = command + 1; one != arguments->end() && *one != "--"; ++one) {

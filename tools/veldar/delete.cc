@@ -1,0 +1,109 @@
+// veldar delete: marks the events that a query finds, so that no search shows them again. The logs stay as they are.
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <vector>
+
+#include "searchthing/tsidx_delete.h"
+#include "searchthing/tsval_order.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/event_source.h"
+#include "tools/veldar/event_stream.h"
+#include "tools/veldar/index_handle.h"
+#include "tools/veldar/store.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t WRITE_LEVEL = 4;  // of the handle; a delete writes no slice
+
+struct delete_options {
+    query_options query;
+    bool dry_run = false;
+};
+
+// The events to delete, by directory.
+struct delete_keys {
+    std::vector<std::vector<st_tsval_encoded>> keys;
+    uint64_t total = 0;
+};
+
+delete_keys find_keys(event_stream* stream) {
+    delete_keys found;
+    stream_event event;
+    while (event_stream_next(stream, &event)) {
+        if (found.keys.size() <= event.directory) found.keys.resize(event.directory + 1);
+        found.keys[event.directory].push_back({event.value.time, event.value.address});
+        found.total++;
+    }
+    return found;
+}
+
+[[noreturn]] void fail_delete(const std::string& path, int64_t status, uint64_t deleted) {
+    std::string why = fmt::format("status {}", status);
+    if (status == WARM_RC_LOCK) why = "another process holds its lock, or locks do not work there";
+    if (status == WARM_RC_UNSUPPORTED) why = "events of metrics cannot be deleted";
+    throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", path, why, deleted)};
+}
+
+uint64_t delete_from(const std::string& path, const std::vector<st_tsval_encoded>& keys, uint64_t deleted_before) {
+    const tsidx_ptr tsidx = index_handle_open(path, WRITE_LEVEL);
+    const int64_t deleted = st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
+    if (deleted < 0) fail_delete(path, deleted, deleted_before);
+    return static_cast<uint64_t>(deleted);
+}
+
+void require_directory(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        throw tool_failure{EXIT_USAGE, path + ": a single slice; -s names the store or the index directory"};
+    }
+}
+
+int delete_run(const tool_context& context, const delete_options& options) {
+    const prepared_query query = query_prepare(options.query);
+    const std::string path = store_choose(context.store);
+    require_directory(path);
+    troubles trouble;
+    event_stream stream;
+    event_stream_open(&stream, path, &query, 0, &trouble);
+    event_source source;
+    event_source_open(&source, &stream.slices, &trouble);
+    stream_check_raw(&stream, &source);
+    const delete_keys found = find_keys(&stream);
+    text_output out;
+    output_open(&out, "never");
+    if (options.dry_run) {
+        output_put(&out, fmt::format("{} events would be deleted\n", found.total));
+        output_flush(&out);
+        return answer_status(found.total > 0, trouble);
+    }
+    if (trouble.incomplete) {
+        throw tool_failure{EXIT_INCOMPLETE, "not everything could be searched: nothing was deleted"};
+    }
+    uint64_t deleted = 0;
+    for (size_t i = 0; i < found.keys.size(); i++) {
+        if (found.keys[i].empty()) continue;
+        deleted += delete_from(stream.slices.directories[i].path, found.keys[i], deleted);
+    }
+    output_put(&out, fmt::format("{} events deleted\n", deleted));
+    output_flush(&out);
+    return deleted > 0 ? EXIT_DONE : EXIT_NOT_FOUND;
+}
+
+}  // namespace
+
+void add_delete_command(CLI::App* app, tool_context* context) {
+    static delete_options options;
+    CLI::App* command = app->add_subcommand("delete", "Delete the events that a query finds");
+    command->footer(
+        "The events are marked in the index and found no more; the logs stay as they are.\n"
+        "Exit status: 0, 1 when nothing was found, 3 when not everything could be searched (then nothing is deleted).");
+    add_query_options(command, &options.query);
+    command->add_flag("--dry-run", options.dry_run, "Only print how many events would be deleted");
+    command->callback([context] { context->status = delete_run(*context, options); });
+}
+
+}  // namespace veldar
