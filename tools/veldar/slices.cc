@@ -1,25 +1,19 @@
 #include "tools/veldar/slices.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
-#include <set>
-#include <string_view>
 
-#include "searchthing/tsidx_names.h"
+#include "searchthing/tsidx_list.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/store.h"
 
 namespace veldar {
 
 namespace {
-
-constexpr int MAX_LISTINGS = 16;
 
 std::string last_component(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
@@ -35,70 +29,34 @@ bool exists(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0;
 }
 
-bool is_live(std::string_view name) {
-    return (name.ends_with(TSIDX_SUFFIX) && !name.ends_with(TSIDX_MINI_SUFFIX)) || name.ends_with(TSIDX_PART_SUFFIX);
-}
-
-// The names of a directory's live slices; false with errno set.
-bool list_once(const std::string& directory, std::set<std::string>* live) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory.c_str()), ::closedir);
-    if (dir == nullptr) return false;
-    std::vector<std::string> hidden;
-    live->clear();
-    errno = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
-        const std::string_view name = entry->d_name;
-        if (is_live(name)) live->emplace(name);
-        if (name.ends_with(TSIDX_DELETED_SUFFIX)) {
-            hidden.emplace_back(name.substr(0, name.size() - std::strlen(".deleted")));
-        }
-    }
-    for (const std::string& name : hidden) live->erase(name);
-    return errno == 0;
-}
-
-// Lists until two lists agree.
-bool list_live(const std::string& directory, std::set<std::string>* live) {
-    std::set<std::string> before;
-    if (!list_once(directory, &before)) return false;
-    for (int i = 1; i < MAX_LISTINGS; i++) {
-        if (!list_once(directory, live)) return false;
-        if (*live == before) return true;
-        before.swap(*live);
-    }
-    live->swap(before);
-    return true;
-}
-
+// A file given by its path; a name that tells no times may hold events of all time.
 slice_file slice_of(const std::string& path, uint32_t directory) {
-    slice_file file = {path, directory, INT_MIN, INT_MAX};
-    const std::string name = last_component(path);
     st_filename_metadata_t meta;
-    int latest, earliest, end = 0;
-    if (st_tsidx_file_parse(name.c_str(), &meta) != 0) {
-        file.earliest = meta.earliest;
-        file.latest = meta.latest;
-    } else if (name.ends_with(TSIDX_PART_SUFFIX) &&
-               std::sscanf(name.c_str(), "%d-%d-%n", &latest, &earliest, &end) == 2 && end > 0) {
-        file.earliest = earliest;
-        file.latest = latest;
+    if (tsidx_is_slice_name(last_component(path).c_str(), &meta) || st_tsidx_file_parse(path.c_str(), &meta) != 0) {
+        return {path, directory, meta.earliest, meta.latest};
     }
-    return file;
+    return {path, directory, INT_MIN, INT_MAX};
 }
 
-bool add_directory(slice_set* set, const std::string& path, bool has_sources) {
-    std::set<std::string> names;
-    if (!list_live(path, &names)) return false;
+// Adds the live slices of a directory; false with the errno in rc when it cannot be listed.
+bool add_directory(slice_set* set, const std::string& path, bool has_sources, warm_rc_t* rc) {
+    tsidx_listing_t listing;
+    if (tsidx_list(path.c_str(), &listing, rc) != 0) return false;
     const auto index = static_cast<uint32_t>(set->directories.size());
     set->directories.push_back({path, last_component(path), has_sources});
-    for (const std::string& name : names) set->files.push_back(slice_of(path + "/" + name, index));
+    for (const tsidx_slice_name_t& slice : listing) {
+        set->files.push_back({path + "/" + slice.name, index, slice.meta.earliest, slice.meta.latest});
+    }
     return true;
 }
 
 void add_store(slice_set* set, const std::string& path) {
     set->store = path;
     for (const std::string& bucket : store_bucket_directories(path)) {
-        if (!add_directory(set, bucket, true)) set->errors.push_back(bucket + ": " + std::strerror(errno));
+        warm_rc_t rc;
+        if (!add_directory(set, bucket, true, &rc)) {
+            set->errors.push_back(bucket + ": " + std::strerror(rc.saved_errno));
+        }
     }
 }
 
@@ -129,7 +87,9 @@ slice_set slices_list(const std::string& given) {
     if (store_is(path)) {
         add_store(&set, path);
     } else {
-        if (!add_directory(&set, path, exists(path + "/source.map"))) fail_io("cannot read " + path, errno);
+        warm_rc_t rc;
+        if (!add_directory(&set, path, exists(path + "/source.map"), &rc))
+            fail_io("cannot read " + path, rc.saved_errno);
         find_store_above(&set, path);
     }
     if (set.files.empty()) std::fprintf(stderr, "veldar: %s holds no slices\n", path.c_str());

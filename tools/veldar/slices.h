@@ -1,8 +1,7 @@
 // The slices that a command reads: those of a store, of one index directory, or a single file.
 //
-// Of an index directory count the files that end in ".tsidx" or ".part-tsidx", without minified slices and without
-// those that have a "<name>.tsidx.deleted" beside them. A directory may change while it is read: listing goes on until
-// two lists agree, and a file that is gone when it is to be opened makes the caller list again.
+// Which files of an index directory count, the engine says (searchthing/tsidx_list.h). A file that is gone when it is to be
+// opened makes the caller list again.
 #pragma once
 
 #include <cstdint>
