@@ -13,8 +13,8 @@ namespace veldar {
 
 namespace {
 
-constexpr int MAX_LISTINGS = 16;
-constexpr useconds_t PAUSE_MICROSECONDS = 1000;
+constexpr int MAX_TRIES = 16;
+constexpr useconds_t FIRST_PAUSE = 500, LONGEST_PAUSE = 100000;  // microseconds
 
 struct directory_closer {
     void operator()(DIR* directory) const { ::closedir(directory); }
@@ -77,13 +77,13 @@ int tsidx_read_names(const char* directory, std::vector<std::string>* names, war
 }
 
 int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
-    ST_TRY(list_once(directory, listing, rc));
     tsidx_listing_t again;
-    for (int i = 1; i < MAX_LISTINGS; i++) {
+    for (int i = 0; i < MAX_TRIES; i++) {
+        // The pause is never between two listings that are compared: a busy directory changes in every pause.
+        if (i != 0) ::usleep(std::min(FIRST_PAUSE << i, LONGEST_PAUSE));
+        ST_TRY(list_once(directory, listing, rc));
         ST_TRY(list_once(directory, &again, rc));
         if (again == *listing) return 0;
-        listing->swap(again);
-        ::usleep(PAUSE_MICROSECONDS);
     }
     return _set_rc_msg(rc, WARM_RC_RETRIES, "the directory changes faster than it can be listed");
 }

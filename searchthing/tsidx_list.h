@@ -33,8 +33,8 @@ bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 [[nodiscard]] int tsidx_read_names(const char* directory, std::vector<std::string>* names, warm_rc_t* rc);
 
 // The live slices, ordered by latest time descending (then earliest time and id descending). A directory may change
-// while it is read, so it is read until two readings in a row agree: -35 when they never do in 16. -4, -8 as above. May
-// throw std::bad_alloc.
+// while it is read, so it is read twice, until both readings agree: -35 when they do not in 16 tries. -4, -8 as above.
+// May throw std::bad_alloc.
 [[nodiscard]] int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -1,5 +1,9 @@
 #include "searchthing/tsidx_snapshot.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+
 #include "libzero/assertions.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_snapshot_internal.h"
@@ -46,6 +50,11 @@ int tsidx_begin_read(TSIDX* tsidx) {
     ST_ASSERT(tsidx != nullptr);
     tsidx->last_failure.warm_rc = 0;
     return tsidx_is_writable(tsidx) ? st_tsidx_sync(tsidx) : 0;
+}
+
+void tsidx_pause(int tries) {
+    constexpr useconds_t FIRST = 1000, LONGEST = 100000;
+    ::usleep(std::min(FIRST << tries, LONGEST));
 }
 
 int tsidx_fail_no_memory(TSIDX* tsidx) {

@@ -56,6 +56,8 @@ class tsidx_snapshot {
 
 // What comes before every read: own events become a slice. 0 or TSIDX_SYNC_FAILED.
 int tsidx_begin_read(TSIDX* tsidx);
+// Waits for whoever is changing the directory: 1 ms at the first try, twice as long at every further one, up to 100 ms.
+void tsidx_pause(int tries);
 int tsidx_fail_no_memory(TSIDX* tsidx);
 int tsidx_fail_vanishing(TSIDX* tsidx);
 
@@ -71,6 +73,7 @@ int64_t tsidx_over_snapshot(TSIDX* tsidx, Work work) {
             ST_TRY(snapshot.take());
             const int64_t result = work(snapshot);
             if (result != TSIDX_VANISHED) return result;
+            tsidx_pause(i);
         }
     } catch (const std::bad_alloc&) {
         return tsidx_fail_no_memory(tsidx);

@@ -381,6 +381,7 @@ TEST_F(Directory, Listing) {
 
 TEST_F(Directory, VanishedAndUnreadableSlices) {
     const temp_dir dir;
+    const no_pauses pauses;
     put_slices(dir.path(), {simple_event(1), simple_event(2), simple_event(3)});
     const std::vector<event_key> all = {{3, 1}, {2, 1}, {1, 1}};
     st_tsval answers[10];
