@@ -1,6 +1,7 @@
-// Index directories as readers see them: a model of everything that can happen to one, and the rules one by one.
+// The rules of index directories, one by one.
+#include "tests/support/directory.h"
+
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -8,24 +9,15 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <map>
-#include <memory>
-#include <random>
 #include <set>
-#include <string>
-#include <vector>
 
-#include "libzero/filemutex.h"
 #include "searchthing/health.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_delete.h"
 #include "searchthing/tsidx_list.h"
 #include "searchthing/tsidx_minify.h"
-#include "searchthing/tsidx_read.h"
 #include "searchthing/tsidx_snapshot.h"
-#include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
-#include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -33,313 +25,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct tsidx_closer {
-    void operator()(TSIDX* tsidx) const { EXPECT_EQ(st_tsidx_close(tsidx), 0); }
-};
-using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_closer>;
-
-tsidx_ptr open_directory(const std::string& path, uint32_t level = 4, bool streaming = false) {
-    TSWRITEOPTS opts;
-    st_tsidx_write_opts_init_write_level(&opts, level);
-    tsidx_ptr tsidx(st_tsidx_open(path.c_str(), streaming, 0, &opts, TSIDX_ORDINARY_WRITER));
-    st_tsidx_set_durable(tsidx.get(), 0);
-    return tsidx;
-}
-tsidx_ptr open_for_reading(const std::string& path) {
-    return open_directory(path, 0);
-}
-
-// Deletes lock, and the file system of a test machine need not be one that locks are sure on.
-class Directory : public testing::Test {
-  protected:
-    void SetUp() override { ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1); }
-    void TearDown() override { ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING"); }
-
-  private:
-    const no_flushes flushes_;
-};
-
-using event_key = std::pair<st_time_t, st_addr_t>;
-
-// Borrows the text.
-st_query_spec make_query(const char* text, const reference_bounds& bounds = {}) {
-    st_query_spec query;
-    query.earliest = {bounds.earliest, 0};
-    query.latest = {bounds.latest, 0};
-    query.cumspan = bounds.cumspan;
-    query.lispy = text;
-    return query;
-}
-
-std::vector<event_key> keys_of(const st_tsval* answers, int count) {
-    std::vector<event_key> keys;
-    for (int i = 0; i < count; i++) keys.push_back({answers[i].time, answers[i].address});
-    return keys;
-}
-std::vector<event_key> query_keys(TSIDX* tsidx, const std::string& text, const reference_bounds& bounds = {},
-                                  uint32_t capacity = 5000) {
-    std::vector<st_tsval> answers(capacity);
-    const st_query_spec query = make_query(text.c_str(), bounds);
-    const int count = st_tsidx_query(tsidx, &query, answers.data(), capacity, 1);
-    EXPECT_GE(count, 0) << st_tsidx_last_failure(tsidx)->message;
-    return keys_of(answers.data(), count);
-}
-
-int collect_event(const st_tsval* event, void* context) {
-    static_cast<std::vector<event_key>*>(context)->push_back({event->time, event->address});
-    return 1;
-}
-using term_counts = std::map<std::string, uint64_t>;
-int add_term(const char* term, size_t length, uint64_t count, void* context) {
-    (*static_cast<term_counts*>(context))[std::string(term, length)] += count;
-    return 1;
-}
-int append_term(const char* term, size_t length, uint64_t count, void* context) {
-    static_cast<std::vector<std::pair<std::string, uint64_t>>*>(context)->push_back({std::string(term, length), count});
-    return 1;
-}
-
-// A directory beside a plain list of the events in it.
-class model {
-  public:
-    explicit model(uint64_t seed) : random_(seed), pool_(forge_random_events(seed, 400)) { reopen(); }
-
-    void run(int steps) {
-        for (int i = 0; i < steps && !testing::Test::HasFailure(); i++) {
-            const uint32_t kind = below(100);
-            if (kind < 60) {
-                put();
-            } else if (kind < 66) {
-                EXPECT_EQ(st_tsidx_sync(tsidx_.get()), 0);
-            } else if (kind < 69) {
-                EXPECT_EQ(st_tsidx_sync_part(tsidx_.get()), 0);
-            } else if (kind < 72) {
-                reopen();
-            } else if (kind < 76) {
-                remove_some();
-            } else if (kind < 92) {
-                check_query();
-            } else {
-                check_terms();
-            }
-        }
-        check_query();
-        check_terms();
-    }
-
-  private:
-    uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
-
-    void reopen() {
-        tsidx_.reset();
-        tsidx_ = open_directory(dir_.path(), 1 + below(4), false);
-        // The smallest limits there are: slices of one to twenty events.
-        ASSERT_EQ(st_tsidx_options(tsidx_.get(), 1 + below(20), 257, 1 + below(20), 1 + below(20)), 0);
-        st_tsidx_autotune(tsidx_.get(), below(2) == 0);
-    }
-
-    void put() {
-        if (!events_.empty() && below(10) == 0) {  // again, perhaps into another slice
-            const forge_event& event = events_[below(static_cast<uint32_t>(events_.size()))];
-            if (!event.deleted) {
-                ASSERT_EQ(put_event(tsidx_.get(), event), 0);
-            }
-            return;
-        }
-        if (pool_.empty()) return;
-        forge_event event = pool_.back();
-        pool_.pop_back();
-        event.deleted = false;
-        ASSERT_EQ(put_event(tsidx_.get(), event), 0) << st_tsidx_last_failure(tsidx_.get())->message;
-        events_.push_back(event);
-    }
-
-    // Deletes in one of three ways, twice: the second time finds nothing to do.
-    void remove_some() {
-        if (events_.empty()) return;
-        std::vector<bool> doomed(events_.size());
-        std::vector<st_tsval_encoded> keys;
-        std::vector<st_addr_t> addresses;
-        const uint32_t way = below(3);
-        const int32_t pivot = events_[below(static_cast<uint32_t>(events_.size()))].time;
-        const bool many = below(4) == 0;
-        for (size_t i = 0; i < events_.size(); i++) {
-            const forge_event& event = events_[i];
-            if (way == 2 ? event.time == pivot : below(many ? 2 : 12) == 0) {
-                doomed[i] = true;
-                keys.push_back({event.time, event.address});
-                addresses.push_back(event.address);
-            }
-        }
-        keys.push_back({pivot, 0xFFFFFFF0});  // of no event
-        for (size_t i = 0; way == 1 && i < events_.size(); i++) {
-            doomed[i] = std::count(addresses.begin(), addresses.end(), events_[i].address) != 0;
-        }
-        const st_query_spec query = make_query("[AND]", {.earliest = pivot, .latest = pivot});
-        const auto remove = [&] {
-            if (way == 0) return st_tsidx_delete_by_key(tsidx_.get(), keys.data(), keys.size());
-            if (way == 1) return st_tsidx_delete_by_addr(tsidx_.get(), addresses.data(), addresses.size());
-            return st_tsidx_delete_by_query(tsidx_.get(), &query);
-        };
-        int64_t expected = 0;
-        for (size_t i = 0; i < events_.size(); i++) {
-            if (!doomed[i]) continue;
-            expected += events_[i].deleted ? 0 : 1;
-            events_[i].deleted = true;
-        }
-        EXPECT_GE(remove(), expected) << st_tsidx_last_failure(tsidx_.get())->message;
-        EXPECT_EQ(remove(), 0);
-    }
-
-    reference_query random_query(const reference_index& reference) {
-        std::vector<std::string> terms = {"absent"};
-        for (const auto& [term, record] : reference.terms()) terms.push_back(term);
-        const auto pick = [&] {
-            std::string term = terms[below(static_cast<uint32_t>(terms.size()))];
-            if (below(6) == 0) term = term.substr(0, 1 + below(3)) + "*";
-            return below(4) == 0 ? reference_query::not_term(term) : reference_query::term(term);
-        };
-        std::vector<reference_query> children;
-        for (uint32_t i = below(4); i > 0; i--) children.push_back(pick());
-        return below(2) == 0 ? reference_query::group_and(std::move(children))
-                             : reference_query::group_or(std::move(children));
-    }
-
-    void check_query() {
-        const reference_index reference(events_);
-        const reference_query tree = random_query(reference);
-        reference_bounds bounds;
-        if (!events_.empty() && below(2) == 0) {
-            bounds.earliest = events_[below(static_cast<uint32_t>(events_.size()))].time - static_cast<int>(below(2));
-            bounds.latest = events_[below(static_cast<uint32_t>(events_.size()))].time;
-        }
-        bounds.cumspan = below(4) == 0 ? 2 : 0;
-        std::vector<event_key> expected;
-        for (const uint32_t number : reference.search(tree, bounds)) {
-            expected.push_back({reference.values()[number].time, reference.values()[number].address});
-        }
-        const std::string text = tree.notation();
-        SCOPED_TRACE(text);
-        const tsidx_ptr reader = below(3) == 0 ? open_for_reading(dir_.path()) : nullptr;
-        if (reader != nullptr) {
-            EXPECT_EQ(st_tsidx_sync(tsidx_.get()), 0);
-        }
-        TSIDX* const tsidx = reader != nullptr ? reader.get() : tsidx_.get();
-        std::vector<event_key> walked;
-        const st_query_spec query = make_query(text.c_str(), bounds);
-        EXPECT_GE(st_tsidx_apply_events(tsidx, &query, collect_event, &walked), 0);
-        std::sort(walked.begin(), walked.end(), std::greater<>());
-        uint64_t count = 0;
-        EXPECT_EQ(st_tsidx_event_count(tsidx, &query, &count), 0);
-        if (bounds.cumspan == 0) {
-            EXPECT_EQ(count, walked.size());
-        }
-        walked.erase(std::unique(walked.begin(), walked.end()), walked.end());
-        EXPECT_EQ(walked, expected);
-
-        const uint32_t capacity = below(2) == 0 ? 500 : 1 + below(20);
-        if (expected.size() > capacity) expected.resize(capacity);
-        EXPECT_EQ(query_keys(tsidx, text, bounds, capacity), expected);
-    }
-
-    void check_terms() {
-        const reference_index reference(events_);
-        if (reference.terms().empty()) return;
-        TSIDX* const tsidx = tsidx_.get();
-        auto some = reference.terms().begin();
-        std::advance(some, below(static_cast<uint32_t>(reference.terms().size())));
-        const std::string term = some->first;
-
-        std::vector<event_key> expected;
-        for (const uint32_t number : some->second.postings) {
-            const forge_event& event = reference.values()[number];
-            if (!event.deleted) expected.push_back({event.time, event.address});
-        }
-        std::vector<st_tsval> answers(500);
-        const int count = st_tsidx_get(tsidx, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), 500);
-        ASSERT_GE(count, 0);
-        EXPECT_EQ(keys_of(answers.data(), count), expected) << term;
-
-        term_counts by_slice;
-        std::vector<std::pair<std::string, uint64_t>> distinct;
-        const std::string prefix = term.substr(0, below(3));
-        EXPECT_GE(st_tsidx_apply_terms(tsidx, prefix.c_str(), add_term, &by_slice), 0);
-        const int64_t total = st_tsidx_distinct_apply_terms(tsidx, prefix.c_str(), append_term, &distinct);
-        EXPECT_EQ(total, static_cast<int64_t>(distinct.size()));
-        EXPECT_EQ(distinct, (std::vector<std::pair<std::string, uint64_t>>(by_slice.begin(), by_slice.end())));
-        std::vector<st_enum_answer> enumerated(1 + below(40));
-        const int held =
-            st_tsidx_enum(tsidx, prefix.c_str(), enumerated.data(), static_cast<uint32_t>(enumerated.size()), false);
-        ASSERT_EQ(static_cast<size_t>(held), std::min(distinct.size(), enumerated.size()));
-        for (size_t i = 0; i < static_cast<size_t>(held); i++) {
-            EXPECT_EQ(enumerated[i].term, distinct[i].first);
-            EXPECT_EQ(enumerated[i].id, distinct[i].second);
-        }
-
-        const std::string needle = prefix + "*" + term.substr(term.size() - 1);
-        std::vector<std::pair<std::string, uint64_t>> matched;
-        EXPECT_GE(st_tsidx_lex_query(tsidx, needle.c_str(), append_term, &matched), 0);
-        std::erase_if(distinct,
-                      [&](const auto& entry) { return !reference_index::wildcard_matches(needle, entry.first); });
-        EXPECT_EQ(matched, distinct) << needle;
-
-        int64_t live_terms = 0;
-        for (const auto& [text, record] : reference.terms()) {
-            const auto live = std::count_if(record.postings.begin(), record.postings.end(),
-                                            [&](uint32_t number) { return !reference.values()[number].deleted; });
-            live_terms += live != 0 ? 1 : 0;
-            if (text.compare(0, prefix.size(), prefix) == 0 && live != 0) {
-                EXPECT_GE(by_slice[text], static_cast<uint64_t>(live)) << text;
-            }
-        }
-        // Terms go when all events of their slices have gone.
-        const int64_t terms = st_tsidx_distinct_term_count(tsidx);
-        EXPECT_GE(terms, live_terms);
-        EXPECT_LE(terms, static_cast<int64_t>(reference.terms().size()));
-        check_meta();
-    }
-
-    void check_meta() {
-        tsidx_meta_t meta;
-        ASSERT_EQ(st_tsidx_meta(tsidx_.get(), &meta), 0);
-        uint64_t live = 0;
-        EXPECT_EQ(st_tsidx_event_count(tsidx_.get(), nullptr, &live), 0);
-        EXPECT_EQ(live, meta.events - meta.deleted);
-        std::vector<tsidx_info_t> infos(meta.slices + 1);
-        ASSERT_EQ(st_tsidx_get_tsidx_info(tsidx_.get(), infos.data(), infos.size()), static_cast<int64_t>(meta.slices));
-        tsidx_meta_t sum;
-        for (size_t i = 0; i < meta.slices; i++) {
-            EXPECT_TRUE(i == 0 || infos[i - 1].latest >= infos[i].latest);
-            sum.events += infos[i].events;
-            sum.deleted += infos[i].deleted;
-            sum.bytes += fs::file_size(dir_.file(infos[i].name));
-            EXPECT_LT(infos[i].deleted, infos[i].events) << "a slice without events is still there";
-        }
-        EXPECT_EQ(sum.events, meta.events);
-        EXPECT_EQ(sum.deleted, meta.deleted);
-        EXPECT_EQ(sum.bytes, meta.bytes);
-    }
-
-    std::mt19937_64 random_;
-    temp_dir dir_;
-    tsidx_ptr tsidx_;
-    std::vector<forge_event> pool_;
-    std::vector<forge_event> events_;
-};
-
-TEST_F(Directory, Model) {
-    for (uint64_t seed = 1; seed <= 12 && !HasFailure(); seed++) {
-        SCOPED_TRACE(seed);
-        model(seed).run(400);
-    }
-}
+class Directory : public directory_test {};
 
 forge_event simple_event(int32_t time, uint32_t address = 1, const char* term = "a") {
     return {.time = time, .address = address, .terms = {term}};
 }
 // One slice an event.
 void put_slices(const std::string& path, const std::vector<forge_event>& events) {
-    const tsidx_ptr tsidx = open_directory(path);
+    const directory_ptr tsidx = open_directory(path);
     for (const forge_event& event : events) {
         ASSERT_EQ(put_event(tsidx.get(), event), 0);
         ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
@@ -399,7 +92,7 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
                        {1, EMFILE, 1, WARM_RC_OPEN}};
     for (const auto& row : table) {
         SCOPED_TRACE(testing::Message() << row.nth << " " << row.error << " " << row.times);
-        const tsidx_ptr tsidx = open_for_reading(dir.path());
+        const directory_ptr tsidx = open_for_reading(dir.path());
         {
             const fault broken(fault_call::open, row.nth, row.error, row.times);
             const int count = st_tsidx_query(tsidx.get(), &query, answers, 10, 1);
@@ -413,16 +106,16 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
     }
     // A file that is open in the cache when it goes is not asked again.
-    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);
     fs::remove(files_in(dir.path(), ".tsidx")[0]);
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 2u);
     const std::string damaged = files_in(dir.path(), ".tsidx")[0];
     write_file(damaged, std::string(200, 'x'));
-    const tsidx_ptr fresh = open_for_reading(dir.path());
+    const directory_ptr fresh = open_for_reading(dir.path());
     EXPECT_EQ(st_tsidx_query(fresh.get(), &query, answers, 10, 1), WARM_RC_BAD_MAGIC) << "no partial answer";
     const st_query_spec malformed = make_query("[AND a");
-    const tsidx_ptr empty = open_for_reading(dir.file("missing"));
+    const directory_ptr empty = open_for_reading(dir.file("missing"));
     EXPECT_EQ(st_tsidx_query(empty.get(), &malformed, answers, 10, 1), WARM_RC_QUERY_END);
     EXPECT_EQ(st_tsidx_query(empty.get(), &query, answers, 10, 1), WARM_RC_OPEN);
 }
@@ -441,7 +134,7 @@ TEST_F(Directory, OpenSlicesAreKeptUpTo256) {
     const temp_dir dir;
     const std::string source = forge_file(dir.path(), {simple_event(5)}, {}, 1000);
     for (int i = 0; i < 299; i++) fs::copy_file(source, dir.file("5-5-" + std::to_string(i) + ".tsidx"));
-    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u) << "one event, in 300 slices";
     EXPECT_EQ(open_slices(dir.path()), 256u);
     struct visit {
@@ -468,7 +161,7 @@ TEST_F(Directory, OnlyAsManySlicesAsTheAnswersNeed) {
     std::vector<forge_event> events;
     for (int i = 1; i <= 10; i++) events.push_back(simple_event(i, 1));
     put_slices(dir.path(), events);
-    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {}, 2), (std::vector<event_key>{{10, 1}, {9, 1}}));
     EXPECT_EQ(open_slices(dir.path()), 2u);
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.earliest = 4, .latest = 5}),
@@ -482,14 +175,14 @@ TEST_F(Directory, RepeatedEventsInOneSlice) {
     std::vector<forge_event> events(6, simple_event(9));
     for (int i = 0; i < 4; i++) events.push_back(simple_event(i));
     forge_file(dir.path(), events, {});
-    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {}, 3), (std::vector<event_key>{{9, 1}, {3, 1}, {2, 1}}));
 }
 
 TEST_F(Directory, TermsAreTakenAsTheyAre) {
     const temp_dir dir;
     put_slices(dir.path(), {simple_event(1, 1, "a*"), simple_event(2, 1, "abc"), simple_event(3, 1, "AND")});
-    const tsidx_ptr tsidx = open_for_reading(dir.path());
+    const directory_ptr tsidx = open_for_reading(dir.path());
     st_tsval answers[4];
     EXPECT_EQ(st_tsidx_get(tsidx.get(), "a*", 0, 9, answers, 4), 1);
     EXPECT_EQ(answers[0].time, 1);
@@ -521,7 +214,7 @@ TEST_F(Directory, DeletesLock) {
     put_slices(dir.path(), {simple_event(1), simple_event(2)});
     const std::string slice = files_in(dir.path(), ".tsidx")[0], before = read_file(slice);
     const std::string lock = fs::canonical(dir.path()).string() + ".lock";
-    const tsidx_ptr tsidx = open_directory(dir.path() + "/../" + fs::path(dir.path()).filename().string());
+    const directory_ptr tsidx = open_directory(dir.path() + "/../" + fs::path(dir.path()).filename().string());
     st_tsidx_set_lock_timeout(tsidx.get(), 0);
     const st_addr_t address = 1;
     const auto refused = [&] {
@@ -560,7 +253,7 @@ TEST_F(Directory, DeletesThatAreRefused) {
     const st_addr_t address = 1;
     EXPECT_EQ(st_tsidx_delete_by_addr(open_for_reading(dir.path()).get(), &address, 1), WARM_RC_UNSUPPORTED);
     forge_file(dir.path(), {simple_event(9)}, metric);
-    const tsidx_ptr tsidx = open_directory(dir.path());
+    const directory_ptr tsidx = open_directory(dir.path());
     EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.latest = 5}).size(), 1u)
         << "nothing is deleted when one slice fails";
@@ -604,7 +297,7 @@ TEST_F(Directory, Leftovers) {
 
     stSetupLogger(0, 1);
     testing::internal::CaptureStderr();
-    const tsidx_ptr tsidx = open_directory(dir.path());
+    const directory_ptr tsidx = open_directory(dir.path());
     const std::string log = testing::internal::GetCapturedStderr();
     stSetupLogger(0, 0);
     std::set<std::string> left;
@@ -627,7 +320,7 @@ TEST_F(Directory, Leftovers) {
 TEST_F(Directory, Minify) {
     const temp_dir dir, out;
     put_slices(dir.path(), {simple_event(1), simple_event(2)});
-    const tsidx_ptr tsidx = open_directory(dir.path());
+    const directory_ptr tsidx = open_directory(dir.path());
     ASSERT_EQ(put_event(tsidx.get(), simple_event(3)), 0);
     EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.path().c_str()), 3) << "the handle's own events too";
     EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.path().c_str()), 0);
@@ -636,7 +329,7 @@ TEST_F(Directory, Minify) {
     for (const std::string& path : files_in(out.path(), ".mini.tsidx")) {
         fs::rename(path, path.substr(0, path.size() - 11) + ".tsidx");
     }
-    const tsidx_ptr mini = open_for_reading(out.path());
+    const directory_ptr mini = open_for_reading(out.path());
     st_tsval answers[4];
     EXPECT_EQ(st_tsidx_all_events(mini.get(), 0, 9, answers, 4), 3);
     EXPECT_EQ(st_tsidx_get(mini.get(), "a", 0, 9, answers, 4), WARM_RC_MINIFIED);
@@ -645,7 +338,7 @@ TEST_F(Directory, Minify) {
 
 TEST_F(Directory, GoesOnElsewhere) {
     const temp_dir dir, other;
-    const tsidx_ptr tsidx = open_directory(dir.path());
+    const directory_ptr tsidx = open_directory(dir.path());
     ASSERT_EQ(put_event(tsidx.get(), simple_event(1)), 0);
     EXPECT_EQ(st_tsidx_cd(tsidx.get(), ""), WARM_RC_INVALID_ARGUMENT);
     EXPECT_EQ(st_tsidx_cd(tsidx.get(), dir.file("missing").c_str()), WARM_RC_OPEN);

@@ -1,0 +1,271 @@
+// Everything that can happen to an index directory, in any order, beside a plain list of its events.
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <random>
+
+#include "searchthing/tsidx_delete.h"
+#include "tests/support/directory.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+namespace fs = std::filesystem;
+
+int collect_event(const st_tsval* event, void* context) {
+    static_cast<std::vector<event_key>*>(context)->push_back({event->time, event->address});
+    return 1;
+}
+using term_counts = std::map<std::string, uint64_t>;
+int add_term(const char* term, size_t length, uint64_t count, void* context) {
+    (*static_cast<term_counts*>(context))[std::string(term, length)] += count;
+    return 1;
+}
+int append_term(const char* term, size_t length, uint64_t count, void* context) {
+    static_cast<std::vector<std::pair<std::string, uint64_t>>*>(context)->push_back({std::string(term, length), count});
+    return 1;
+}
+
+// A directory beside a plain list of the events in it.
+class model {
+  public:
+    explicit model(uint64_t seed) : random_(seed), pool_(forge_random_events(seed, 400)) { reopen(); }
+
+    void run(int steps) {
+        for (int i = 0; i < steps && !testing::Test::HasFailure(); i++) {
+            const uint32_t kind = below(100);
+            if (kind < 60) {
+                put();
+            } else if (kind < 66) {
+                EXPECT_EQ(st_tsidx_sync(tsidx_.get()), 0);
+            } else if (kind < 69) {
+                EXPECT_EQ(st_tsidx_sync_part(tsidx_.get()), 0);
+            } else if (kind < 72) {
+                reopen();
+            } else if (kind < 76) {
+                remove_some();
+            } else if (kind < 92) {
+                check_query();
+            } else {
+                check_terms();
+            }
+        }
+        check_query();
+        check_terms();
+    }
+
+  private:
+    uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
+
+    void reopen() {
+        tsidx_.reset();
+        tsidx_ = open_directory(dir_.path(), 1 + below(4), false);
+        // Each limit is among the smallest there are, or out of the way: slices of one event to dozens.
+        const auto limit = [this] { return below(2) == 0 ? 1 + below(20) : 65536; };
+        ASSERT_EQ(st_tsidx_options(tsidx_.get(), limit(), 257, limit(), limit()), 0);
+        st_tsidx_autotune(tsidx_.get(), below(2) == 0);
+    }
+
+    void put() {
+        if (!events_.empty() && below(10) == 0) {  // again, perhaps into another slice
+            const forge_event& event = events_[below(static_cast<uint32_t>(events_.size()))];
+            if (!event.deleted) {
+                ASSERT_EQ(put_event(tsidx_.get(), event), 0);
+            }
+            return;
+        }
+        if (pool_.empty()) return;
+        forge_event event = pool_.back();
+        pool_.pop_back();
+        event.deleted = false;
+        ASSERT_EQ(put_event(tsidx_.get(), event), 0) << st_tsidx_last_failure(tsidx_.get())->message;
+        events_.push_back(event);
+    }
+
+    // Deletes in one of three ways, twice: the second time finds nothing to do.
+    void remove_some() {
+        if (events_.empty()) return;
+        std::vector<bool> doomed(events_.size());
+        std::vector<st_tsval_encoded> keys;
+        std::vector<st_addr_t> addresses;
+        const uint32_t way = below(3);
+        const int32_t pivot = events_[below(static_cast<uint32_t>(events_.size()))].time;
+        const bool many = below(4) == 0;
+        for (size_t i = 0; i < events_.size(); i++) {
+            const forge_event& event = events_[i];
+            if (way == 2 ? event.time == pivot : below(many ? 2 : 12) == 0) {
+                doomed[i] = true;
+                keys.push_back({event.time, event.address});
+                addresses.push_back(event.address);
+            }
+        }
+        keys.push_back({pivot, 0xFFFFFFF0});  // of no event
+        for (size_t i = 0; way == 1 && i < events_.size(); i++) {
+            doomed[i] = std::count(addresses.begin(), addresses.end(), events_[i].address) != 0;
+        }
+        const st_query_spec query = make_query("[AND]", {.earliest = pivot, .latest = pivot});
+        const auto remove = [&] {
+            if (way == 0) return st_tsidx_delete_by_key(tsidx_.get(), keys.data(), keys.size());
+            if (way == 1) return st_tsidx_delete_by_addr(tsidx_.get(), addresses.data(), addresses.size());
+            return st_tsidx_delete_by_query(tsidx_.get(), &query);
+        };
+        int64_t expected = 0;
+        for (size_t i = 0; i < events_.size(); i++) {
+            if (!doomed[i]) continue;
+            expected += events_[i].deleted ? 0 : 1;
+            events_[i].deleted = true;
+        }
+        EXPECT_GE(remove(), expected) << st_tsidx_last_failure(tsidx_.get())->message;
+        EXPECT_EQ(remove(), 0);
+    }
+
+    reference_query random_query(const reference_index& reference) {
+        std::vector<std::string> terms = {"absent"};
+        for (const auto& [term, record] : reference.terms()) terms.push_back(term);
+        const auto pick = [&] {
+            std::string term = terms[below(static_cast<uint32_t>(terms.size()))];
+            if (below(6) == 0) term = term.substr(0, 1 + below(3)) + "*";
+            return below(4) == 0 ? reference_query::not_term(term) : reference_query::term(term);
+        };
+        std::vector<reference_query> children;
+        for (uint32_t i = below(4); i > 0; i--) children.push_back(pick());
+        return below(2) == 0 ? reference_query::group_and(std::move(children))
+                             : reference_query::group_or(std::move(children));
+    }
+
+    void check_query() {
+        const reference_index reference(events_);
+        const reference_query tree = random_query(reference);
+        reference_bounds bounds;
+        if (!events_.empty() && below(2) == 0) {
+            bounds.earliest = events_[below(static_cast<uint32_t>(events_.size()))].time - static_cast<int>(below(2));
+            bounds.latest = events_[below(static_cast<uint32_t>(events_.size()))].time;
+        }
+        bounds.cumspan = below(4) == 0 ? 2 : 0;
+        std::vector<event_key> expected;
+        for (const uint32_t number : reference.search(tree, bounds)) {
+            expected.push_back({reference.values()[number].time, reference.values()[number].address});
+        }
+        const std::string text = tree.notation();
+        SCOPED_TRACE(text);
+        const directory_ptr reader = below(3) == 0 ? open_for_reading(dir_.path()) : nullptr;
+        if (reader != nullptr) {
+            EXPECT_EQ(st_tsidx_sync(tsidx_.get()), 0);
+        }
+        TSIDX* const tsidx = reader != nullptr ? reader.get() : tsidx_.get();
+        std::vector<event_key> walked;
+        const st_query_spec query = make_query(text.c_str(), bounds);
+        EXPECT_GE(st_tsidx_apply_events(tsidx, &query, collect_event, &walked), 0);
+        std::sort(walked.begin(), walked.end(), std::greater<>());
+        uint64_t count = 0;
+        EXPECT_EQ(st_tsidx_event_count(tsidx, &query, &count), 0);
+        if (bounds.cumspan == 0) {
+            EXPECT_EQ(count, walked.size());
+        }
+        walked.erase(std::unique(walked.begin(), walked.end()), walked.end());
+        EXPECT_EQ(walked, expected);
+
+        const uint32_t capacity = below(2) == 0 ? 500 : 1 + below(20);
+        if (expected.size() > capacity) expected.resize(capacity);
+        EXPECT_EQ(query_keys(tsidx, text, bounds, capacity), expected);
+    }
+
+    void check_terms() {
+        const reference_index reference(events_);
+        if (reference.terms().empty()) return;
+        TSIDX* const tsidx = tsidx_.get();
+        auto some = reference.terms().begin();
+        std::advance(some, below(static_cast<uint32_t>(reference.terms().size())));
+        const std::string term = some->first;
+
+        std::vector<event_key> expected;
+        for (const uint32_t number : some->second.postings) {
+            const forge_event& event = reference.values()[number];
+            if (!event.deleted) expected.push_back({event.time, event.address});
+        }
+        std::vector<st_tsval> answers(500);
+        const int count = st_tsidx_get(tsidx, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), 500);
+        ASSERT_GE(count, 0);
+        EXPECT_EQ(keys_of(answers.data(), count), expected) << term;
+
+        term_counts by_slice;
+        std::vector<std::pair<std::string, uint64_t>> distinct;
+        const std::string prefix = term.substr(0, below(3));
+        EXPECT_GE(st_tsidx_apply_terms(tsidx, prefix.c_str(), add_term, &by_slice), 0);
+        const int64_t total = st_tsidx_distinct_apply_terms(tsidx, prefix.c_str(), append_term, &distinct);
+        EXPECT_EQ(total, static_cast<int64_t>(distinct.size()));
+        EXPECT_EQ(distinct, (std::vector<std::pair<std::string, uint64_t>>(by_slice.begin(), by_slice.end())));
+        std::vector<st_enum_answer> enumerated(1 + below(40));
+        const int held =
+            st_tsidx_enum(tsidx, prefix.c_str(), enumerated.data(), static_cast<uint32_t>(enumerated.size()), false);
+        ASSERT_EQ(static_cast<size_t>(held), std::min(distinct.size(), enumerated.size()));
+        for (size_t i = 0; i < static_cast<size_t>(held); i++) {
+            EXPECT_EQ(enumerated[i].term, distinct[i].first);
+            EXPECT_EQ(enumerated[i].id, distinct[i].second);
+        }
+
+        const std::string needle = prefix + "*" + term.substr(term.size() - 1);
+        std::vector<std::pair<std::string, uint64_t>> matched;
+        EXPECT_GE(st_tsidx_lex_query(tsidx, needle.c_str(), append_term, &matched), 0);
+        std::erase_if(distinct,
+                      [&](const auto& entry) { return !reference_index::wildcard_matches(needle, entry.first); });
+        EXPECT_EQ(matched, distinct) << needle;
+
+        int64_t live_terms = 0;
+        for (const auto& [text, record] : reference.terms()) {
+            const auto live = std::count_if(record.postings.begin(), record.postings.end(),
+                                            [&](uint32_t number) { return !reference.values()[number].deleted; });
+            live_terms += live != 0 ? 1 : 0;
+            if (text.compare(0, prefix.size(), prefix) == 0 && live != 0) {
+                EXPECT_GE(by_slice[text], static_cast<uint64_t>(live)) << text;
+            }
+        }
+        // Terms go when all events of their slices have gone.
+        const int64_t terms = st_tsidx_distinct_term_count(tsidx);
+        EXPECT_GE(terms, live_terms);
+        EXPECT_LE(terms, static_cast<int64_t>(reference.terms().size()));
+        check_meta();
+    }
+
+    void check_meta() {
+        tsidx_meta_t meta;
+        ASSERT_EQ(st_tsidx_meta(tsidx_.get(), &meta), 0);
+        uint64_t live = 0;
+        EXPECT_EQ(st_tsidx_event_count(tsidx_.get(), nullptr, &live), 0);
+        EXPECT_EQ(live, meta.events - meta.deleted);
+        std::vector<tsidx_info_t> infos(meta.slices + 1);
+        ASSERT_EQ(st_tsidx_get_tsidx_info(tsidx_.get(), infos.data(), infos.size()), static_cast<int64_t>(meta.slices));
+        tsidx_meta_t sum;
+        for (size_t i = 0; i < meta.slices; i++) {
+            EXPECT_TRUE(i == 0 || infos[i - 1].latest >= infos[i].latest);
+            sum.events += infos[i].events;
+            sum.deleted += infos[i].deleted;
+            sum.bytes += fs::file_size(dir_.file(infos[i].name));
+            EXPECT_LT(infos[i].deleted, infos[i].events) << "a slice without events is still there";
+        }
+        EXPECT_EQ(sum.events, meta.events);
+        EXPECT_EQ(sum.deleted, meta.deleted);
+        EXPECT_EQ(sum.bytes, meta.bytes);
+    }
+
+    std::mt19937_64 random_;
+    temp_dir dir_;
+    directory_ptr tsidx_;
+    std::vector<forge_event> pool_;
+    std::vector<forge_event> events_;
+};
+
+class DirectoryModel : public directory_test {};
+
+TEST_F(DirectoryModel, AgreesWithAList) {
+    for (uint64_t seed = 1; seed <= 12 && !HasFailure(); seed++) {
+        SCOPED_TRACE(seed);
+        model(seed).run(400);
+    }
+}
+
+}  // namespace
+}  // namespace veldar

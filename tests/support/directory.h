@@ -1,0 +1,70 @@
+// What the tests of index directories share: handles that close themselves, queries as text, answers as keys.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "searchthing/tsidx_read.h"
+#include "tests/support/faults.h"
+#include "tests/support/reference.h"
+
+namespace veldar {
+
+struct directory_closer {
+    void operator()(TSIDX* tsidx) const { EXPECT_EQ(st_tsidx_close(tsidx), 0); }
+};
+using directory_ptr = std::unique_ptr<TSIDX, directory_closer>;
+
+inline directory_ptr open_directory(const std::string& path, uint32_t level = 4, bool streaming = false) {
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_write_level(&opts, level);
+    directory_ptr tsidx(st_tsidx_open(path.c_str(), streaming, 0, &opts, TSIDX_ORDINARY_WRITER));
+    st_tsidx_set_durable(tsidx.get(), 0);
+    return tsidx;
+}
+inline directory_ptr open_for_reading(const std::string& path) {
+    return open_directory(path, 0);
+}
+
+// Deletes lock, and the file system of a test machine need not be one that locks are sure on.
+class directory_test : public testing::Test {
+  protected:
+    void SetUp() override { ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1); }
+    void TearDown() override { ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING"); }
+
+  private:
+    const no_flushes flushes_;
+};
+
+using event_key = std::pair<st_time_t, st_addr_t>;
+
+// Borrows the text.
+inline st_query_spec make_query(const char* text, const reference_bounds& bounds = {}) {
+    st_query_spec query;
+    query.earliest = {bounds.earliest, 0};
+    query.latest = {bounds.latest, 0};
+    query.cumspan = bounds.cumspan;
+    query.lispy = text;
+    return query;
+}
+
+inline std::vector<event_key> keys_of(const st_tsval* answers, int count) {
+    std::vector<event_key> keys;
+    for (int i = 0; i < count; i++) keys.push_back({answers[i].time, answers[i].address});
+    return keys;
+}
+inline std::vector<event_key> query_keys(TSIDX* tsidx, const std::string& text, const reference_bounds& bounds = {},
+                                         uint32_t capacity = 5000) {
+    std::vector<st_tsval> answers(capacity);
+    const st_query_spec query = make_query(text.c_str(), bounds);
+    const int count = st_tsidx_query(tsidx, &query, answers.data(), capacity, 1);
+    EXPECT_GE(count, 0) << st_tsidx_last_failure(tsidx)->message;
+    return keys_of(answers.data(), count);
+}
+
+}  // namespace veldar
