@@ -481,7 +481,8 @@ TEST(Delete, MarksWhatTheQueryFinds) {
     const std::string second = forge_file(dir.path(), other, forge_as_created(3), 2);
     size_t tenths = 0;
     for (const std::vector<forge_event>& one : {events, other}) {
-        for (const forge_event& event : one) tenths += std::count(event.terms.begin(), event.terms.end(), "tenth");
+        for (const forge_event& event : one)
+            tenths += static_cast<size_t>(std::count(event.terms.begin(), event.terms.end(), "tenth"));
     }
     ASSERT_GT(tenths, 0u);
     const std::string number = std::to_string(tenths) + " events ";
