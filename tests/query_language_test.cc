@@ -119,6 +119,7 @@ TEST(QueryLanguage, MalformedQueriesPointAtTheSpot) {
         {"a \"\"", 2, "between the quotes"},
         {"status=", 7, "a value"},
         {"(status= 5)", 8, "a value"},
+        {"a!=(b)", 3, "a value"},
         {"bytes> 5", 6, "a number"},
         {"bytes>many", 6, "a number"},
         {"bytes>5x", 6, "a number"},

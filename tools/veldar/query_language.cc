@@ -233,7 +233,7 @@ class query_parser {
         if (name.size() > MAX_FIELD_NAME) fail("a shorter field name before this");
         position_ += std::string_view(found->text).size();
         const bool equality = *found->op == '=' || *found->op == '!';
-        if (at_end() || is_blank(here()) || here() == ')') {
+        if (at_end() || is_blank(here()) || here() == ')' || here() == '(') {
             fail(equality ? "a value right after the operator" : "a number right after the operator");
         }
         const size_t value_at = position_;
