@@ -19,8 +19,8 @@ struct query_options {
     bool native = false;
 };
 
-// Makes the arguments behind a subcommand that takes a query safe to parse: one such as "-root" or "-(a OR b)" is a part
-// of the query and no option, and "[AND a]" is no list of values. A blank before it tells.
+// Makes the arguments behind a subcommand that takes a query safe to parse: one such as "-root" or "-(a OR b)" is a
+// part of the query and no option, and "[AND a]" is no list of values. A blank before it tells.
 void query_protect_words(std::vector<std::string>* arguments);
 // Adds the positional QUERY, --since, --until, --tz and --native.
 void add_query_options(CLI::App* command, query_options* options);

@@ -1,7 +1,7 @@
 // The slices that a command reads: those of a store, of one index directory, or a single file.
 //
-// Which files of an index directory count, the engine says (searchthing/tsidx_list.h). A file that is gone when it is to be
-// opened makes the caller list again.
+// Which files of an index directory count, the engine says (searchthing/tsidx_list.h). A file that is gone when it is
+// to be opened makes the caller list again.
 #pragma once
 
 #include <cstdint>
