@@ -45,6 +45,7 @@ const std::map<std::string, int>& floor_table() {
         {"bitmap", 3},
         {"bitmap_*", 3},
         {"dimset", 3},
+        {"dimset_*", 3},
         {"cset", 3},
         {"cstore", 3},
         {"fclex", 3},

@@ -1,0 +1,208 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+
+#include "searchthing/dimset_io.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+using words_t = std::vector<uint32_t>;
+
+struct less {
+    bool operator()(const words_t& a, const words_t& b) const {
+        return ds_dimset_compare(ds_dimset_at(a.data()), ds_dimset_at(b.data())) < 0;
+    }
+};
+using model = std::set<words_t, less>;
+
+// A committed set of terms below `terms`, built as the hot slice does, dimensions and columns in any order.
+words_t random_set(std::mt19937_64& random, uint32_t terms) {
+    words_t words(64);
+    ds_dimset_t* ds = ds_dimset_at(words.data());
+    ds_dimset_init(ds, random() % 2 ? DS_NO_TERM : 0, 1, static_cast<uint32_t>(random() % terms));
+    std::set<uint32_t> used;
+    for (uint64_t n = random() % 12 + 1; n != 0; n--) {
+        const auto term = static_cast<uint32_t>(random() % terms);
+        if (!used.insert(term).second) continue;
+        (ds->num_columns == 0 || random() % 2) ? ds_dimset_add_optcol(ds, term) : ds_dimset_add_optdim(ds, term);
+    }
+    words_t same(terms);
+    for (uint32_t i = 0; i < terms; i++) same[i] = i;
+    warm_rc_t rc;
+    EXPECT_EQ(ds_translate_term_ids(ds, same, &rc, true), 0);
+    words.resize(ds->_num_words);
+    return words;
+}
+
+std::string section_of(const model& sets) {
+    uint32_t total = 0;
+    std::vector<const ds_dimset_t*> pointers;
+    for (const words_t& words : sets) total += static_cast<uint32_t>(words.size());
+    for (const words_t& words : sets) pointers.push_back(ds_dimset_at(words.data()));
+    const auto count = static_cast<uint32_t>(sets.size());
+    const uint64_t size = st_dimsets_size(count, total);
+    std::vector<uint64_t> bytes(size / 8 + 1);
+    auto* const at = reinterpret_cast<uint8_t*>(bytes.data());
+    EXPECT_EQ(st_dimset_create(at, size - 4, pointers.data(), count), WARM_RC_CAPACITY);
+    EXPECT_EQ(st_dimset_create(at, size, pointers.data(), count), 0);
+    return {reinterpret_cast<const char*>(at), size};
+}
+
+int collect(uint32_t id, const ds_dimset_t* ds, void* ctx, warm_rc_t*) {
+    auto* const all = static_cast<std::vector<words_t>*>(ctx);
+    EXPECT_EQ(id, all->size());
+    all->emplace_back(ds_dimset_words(ds), ds_dimset_words(ds) + ds->_num_words);
+    return 0;
+}
+
+// A slice that is nothing but a posting-offset entry and dimension sets, and the reader's view of any bytes there.
+struct section_file {
+    explicit section_file(const std::string& section, uint32_t num_dimsets) {
+        warm_header_init(&header, "_MSIDX4");
+        header.num_terms.set(1);
+        header.num_values.set(1);
+        header.num_dimsets.set(num_dimsets);
+        at = warm_next_section(_offset_fclex(&header));
+        std::string file(at, '\0');  // the only list has 0 bytes and begins where the sets do, less one gap
+        write_file(path.file("s"), file + section);
+        fd.reset(::open(path.file("s").c_str(), O_RDONLY | O_CLOEXEC));
+    }
+    int read(ds_verify_t verify, std::vector<words_t>* out) const {
+        warm_rc_t rc;
+        ds_reader_t reader;
+        int status = ds_reader_open(&reader, fd.get(), at, &rc);
+        if (status == 0) status = ds_reader_apply(&reader, verify, collect, out, &rc);
+        ds_reader_close(&reader);
+        EXPECT_EQ(status, rc.warm_rc);
+        return status;
+    }
+    temp_dir path;
+    unique_fd fd;
+    st_warm_slice_body header;
+    uint64_t at = 0;
+};
+
+TEST(Dimset, WordsAndViews) {
+    words_t words(12);
+    ds_dimset_t* ds = ds_dimset_at(words.data());
+    ds_dimset_init(ds, 11, 12, 10);
+    ds_dimset_add_optdim(ds, 30);
+    EXPECT_EQ(ds_dimset_opt_dims(ds).data(), nullptr) << "a set without a column exposes nothing";
+    warm_rc_t rc;
+    EXPECT_EQ(ds_translate_term_ids(ds, words, &rc, true), WARM_RC_CORRUPT);
+    ds_dimset_add_optcol(ds, 41);
+    ds_dimset_add_optcol(ds, 40);
+    ds_dimset_add_optdim(ds, 20);
+    EXPECT_EQ(words, (words_t{9, 2, 10, 11, 12, 30, 20, 40, 41, 0, 0, 0}));
+    EXPECT_EQ(ds_dimset_all_dims(ds).size(), 5u);
+    words_t fewer = words;
+    fewer[0] = 8;
+    fewer[1] = 1;
+    EXPECT_EQ(ds_dimset_compare(ds_dimset_at(fewer.data()), ds), -1) << "columns [40] before [40, 41]";
+    EXPECT_EQ(ds_copy(ds_dimset_at(fewer.data()), 8, ds), WARM_RC_CAPACITY);
+}
+
+TEST(Dimset, SectionsAndTheirMerge) {
+    for (uint64_t seed = 1; seed <= 40; seed++) {
+        SCOPED_TRACE(seed);
+        std::mt19937_64 random(seed);
+        const uint32_t sources = static_cast<uint32_t>(random() % 5);
+        std::vector<std::unique_ptr<section_file>> files;
+        std::vector<model> models(sources);
+        std::vector<words_t> maps(sources);
+        std::vector<int> fds;
+        std::vector<const st_warm_slice_body*> headers;
+        std::vector<uint64_t> offsets;
+        std::vector<std::span<const uint32_t>> term_maps;
+        model expected;
+        for (uint32_t s = 0; s < sources; s++) {
+            const uint64_t count = random() % 3 == 0 ? random() % 3 : random() % 3000;
+            while (models[s].size() < count) models[s].insert(random_set(random, 40));
+            for (uint32_t term = 0, id = 0; term < 40; term++) maps[s].push_back(id += 1 + (random() % 4 == 0));
+            for (words_t words : models[s]) {
+                for (size_t i = 2; i < words.size(); i++)
+                    words[i] = words[i] == DS_NO_TERM ? words[i] : maps[s][words[i]];
+                expected.insert(words);
+            }
+            const auto n = static_cast<uint32_t>(models[s].size());
+            files.push_back(std::make_unique<section_file>(section_of(models[s]), n));
+            std::vector<words_t> read;
+            ASSERT_EQ(files[s]->read(DS_VERIFY_V3, &read), 0);
+            ASSERT_TRUE(std::equal(read.begin(), read.end(), models[s].begin(), models[s].end()));
+            fds.push_back(files[s]->fd.get());
+            headers.push_back(&files[s]->header);
+            offsets.push_back(files[s]->at - 8);
+            term_maps.push_back(maps[s]);
+        }
+        ds_merge_info_t info;
+        ds_writer_t writer;
+        warm_rc_t rc;
+        ASSERT_EQ(
+            st_dimset_merge(sources, fds.data(), headers.data(), offsets.data(), term_maps.data(), &info, &writer, &rc),
+            0)
+            << rc.message;
+        ASSERT_EQ(info.num_dimsets, expected.size());
+        const temp_dir dir;
+        const unique_fd out(::open(dir.file("m").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        uint64_t end = 0;
+        ASSERT_EQ(ds_writer_flush(&writer, out.get(), &end, 0, &rc), 0);
+        EXPECT_EQ(read_file(dir.file("m")), section_of(expected));
+        const std::vector<words_t> merged(expected.begin(), expected.end());
+        for (uint32_t s = 0; s < sources; s++) {
+            uint32_t old_id = 0;
+            for (words_t words : models[s]) {
+                for (size_t i = 2; i < words.size(); i++)
+                    words[i] = words[i] == DS_NO_TERM ? words[i] : maps[s][words[i]];
+                ASSERT_EQ(merged[info.dimset_old2new_id_maps[s][old_id++]], words);
+            }
+        }
+    }
+}
+
+// Every word of a section set to what can be read wrong, and every length cut: a status or the same sets.
+TEST(Dimset, DamageEndsInAStatus) {
+    std::mt19937_64 random(7);
+    model sets;
+    while (sets.size() < 5) sets.insert(random_set(random, 9));
+    const std::string good = section_of(sets);
+    const std::set<int> allowed = {
+        0, WARM_RC_CORRUPT, WARM_RC_CAPACITY, WARM_RC_BAD_MAGIC, WARM_RC_SHORT_READ, WARM_RC_END_OF_FILE};
+    std::map<int, int> seen;
+    const auto look = [&](const std::string& section) {
+        const section_file file(section, 5);
+        for (const ds_verify_t verify : {DS_VERIFY_NONE, DS_VERIFY_V2, DS_VERIFY_V3}) {
+            std::vector<words_t> read;
+            const int status = file.read(verify, &read);
+            EXPECT_TRUE(allowed.contains(status)) << status;
+            seen[status]++;
+        }
+        ds_merge_info_t info;
+        ds_writer_t writer;
+        warm_rc_t rc;
+        const int fd = file.fd.get();
+        const st_warm_slice_body* header = &file.header;
+        const uint64_t offset = file.at - 8;
+        const words_t map = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+        const std::span<const uint32_t> maps[] = {map};
+        const int status = st_dimset_merge(1, &fd, &header, &offset, maps, &info, &writer, &rc);
+        EXPECT_TRUE(allowed.contains(status)) << status;
+    };
+    for (size_t at = 0; at < good.size(); at += 4) {
+        look(good.substr(0, at + at % 3));
+        for (const uint32_t value : {0u, 1u, 5u, 6u, 8193u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+            std::string bad = good;
+            store_le32(bad.data() + at, value);
+            look(bad);
+        }
+    }
+    for (const int status : allowed) EXPECT_GT(seen[status], 0) << status;
+}
+
+}  // namespace
+}  // namespace veldar
