@@ -14,18 +14,6 @@ constexpr uint32_t PREFETCH_DISTANCE = 12;
 
 using text_span = std::span<const uint8_t>;
 
-// The number of leading bytes that are equal.
-uint32_t _lcp(text_span a, text_span b) {
-    const size_t limit = std::min(a.size(), b.size());
-    size_t i = 0;
-    for (; i + 8 <= limit; i += 8) {
-        const uint64_t difference = load_le64(a.data() + i) ^ load_le64(b.data() + i);
-        if (difference != 0) return static_cast<uint32_t>(i) + static_cast<uint32_t>(__builtin_ctzll(difference)) / 8;
-    }
-    while (i < limit && a[i] == b[i]) i++;
-    return static_cast<uint32_t>(i);
-}
-
 // Whether `a` sorts before `b`, given the number of leading bytes that they share.
 bool ascends(text_span a, text_span b, uint32_t common) {
     if (common == b.size()) return false;

@@ -81,6 +81,18 @@ int64_t _find_block(FCLEX* lex, const char* text, st_query_info_t* stats, warm_r
 int64_t _find_word(FCLEX* lex, uint64_t block, lookup_type_t type, criteria_u criterion, char* out, size_t out_size,
                    st_query_info_t* stats, warm_rc_t* rc);
 
+// The number of leading bytes that are equal.
+inline uint32_t _lcp(std::span<const uint8_t> a, std::span<const uint8_t> b) {
+    const size_t limit = a.size() < b.size() ? a.size() : b.size();
+    size_t i = 0;
+    for (; i + 8 <= limit; i += 8) {
+        const uint64_t difference = load_le64(a.data() + i) ^ load_le64(b.data() + i);
+        if (difference != 0) return static_cast<uint32_t>(i) + static_cast<uint32_t>(__builtin_ctzll(difference)) / 8;
+    }
+    while (i < limit && a[i] == b[i]) i++;
+    return static_cast<uint32_t>(i);
+}
+
 // Decodes the terms of one block in order, each on top of the one before.
 struct fclex_block_cursor {
     const uint8_t* at = nullptr;        // the next undecoded byte
