@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <memory>
 
 #include "libzero/assertions.h"
 #include "searchthing/log.h"
@@ -17,13 +19,17 @@ int tsidx_snapshot::take() {
     return 0;
 }
 
-int64_t tsidx_snapshot::open(size_t i) {
+int64_t tsidx_snapshot::try_open(size_t i, warm_rc_t* rc) {
     ST_ASSERT(warms_[i] == nullptr);
-    warm_rc_t rc;
-    warms_[i] = tsidx_->cache.open(tsidx_->path, slices_[i], &rc);
+    warms_[i] = tsidx_->cache.open(tsidx_->path, slices_[i], rc);
     if (warms_[i] != nullptr) return 0;
-    if (rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT) return TSIDX_VANISHED;
-    return fail(i, rc);
+    return rc->warm_rc == WARM_RC_OPEN && rc->saved_errno == ENOENT ? TSIDX_VANISHED : rc->warm_rc;
+}
+
+int64_t tsidx_snapshot::open(size_t i) {
+    warm_rc_t rc;
+    const int64_t status = try_open(i, &rc);
+    return status == 0 || status == TSIDX_VANISHED ? status : fail(i, rc);
 }
 
 void tsidx_snapshot::close(size_t i) {
@@ -87,6 +93,48 @@ int64_t st_tsidx_apply_slices(TSIDX* tsidx, st_time_t earliest, st_time_t latest
         }
         return total;
     });
+}
+
+tsidx_snapshot* st_tsidx_snapshot_take(TSIDX* tsidx) {
+    try {
+        if (tsidx_begin_read(tsidx) != 0) return nullptr;
+        auto snapshot = std::make_unique<tsidx_snapshot>(tsidx);
+        return snapshot->take() == 0 ? snapshot.release() : nullptr;
+    } catch (const std::bad_alloc&) {
+        tsidx_fail_no_memory(tsidx);
+        return nullptr;
+    }
+}
+
+void st_tsidx_snapshot_free(tsidx_snapshot* snapshot) {
+    delete snapshot;
+}
+
+size_t st_tsidx_snapshot_size(const tsidx_snapshot* snapshot) {
+    return snapshot->size();
+}
+
+const char* st_tsidx_snapshot_name(const tsidx_snapshot* snapshot, size_t i) {
+    return snapshot->slice(i).name.c_str();
+}
+
+const st_filename_metadata_t* st_tsidx_snapshot_meta(const tsidx_snapshot* snapshot, size_t i) {
+    return &snapshot->slice(i).meta;
+}
+
+int st_tsidx_snapshot_open(tsidx_snapshot* snapshot, size_t i, WARM** warm, warm_rc_t* rc) {
+    *warm = nullptr;
+    try {
+        const int64_t status = snapshot->try_open(i, rc);
+        *warm = snapshot->warm(i);
+        return status == TSIDX_VANISHED ? TSIDX_SLICE_GONE : static_cast<int>(status);
+    } catch (const std::bad_alloc&) {
+        return _set_rc(rc, WARM_RC_NO_MEMORY);
+    }
+}
+
+void st_tsidx_snapshot_close(tsidx_snapshot* snapshot, size_t i) {
+    snapshot->close(i);
 }
 
 }  // namespace veldar

@@ -41,6 +41,8 @@ class tsidx_snapshot {
     // Opens a slice that is not open in this snapshot; it stays open until `close` or the snapshot's end. 0,
     // TSIDX_VANISHED, or a failure, recorded and logged.
     int64_t open(size_t i);
+    // The same without a record or a log line of the failure, whose reason is in `rc`.
+    int64_t try_open(size_t i, warm_rc_t* rc);
     WARM* warm(size_t i) const { return warms_[i]; }
     void close(size_t i);
     void close_all();

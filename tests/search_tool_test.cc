@@ -15,6 +15,7 @@
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/event_output.h"
+#include "tools/veldar/event_stream.h"
 #include "tools/veldar/slices.h"
 #include "tools/veldar/time_input.h"
 
@@ -428,6 +429,53 @@ TEST_F(SearchTool, EventsInSeveralSlicesAreGivenOnce) {
                     fs::path(other.path()).filename().string() + "\n";
     }
     EXPECT_EQ(found.out, expected);
+}
+
+// While a search is under way, slices that it has not opened yet are merged: it goes on with the merged one.
+TEST(EventStream, MergesMeanwhileChangeNoAnswer) {
+    query_options options;
+    options.words = {"every"};
+    const prepared_query query = query_prepare(options);
+    std::mt19937 random(11);
+    for (uint32_t round = 0; round < 10; round++) {
+        const temp_dir dir;
+        std::vector<forge_event> all = forge_random_events(round, 400);
+        std::set<std::pair<int32_t, uint32_t>, std::greater<>> left;
+        for (forge_event& event : all) {
+            event.time /= 16;  // several events of one second
+            event.terms.emplace_back("every");
+            if (!event.deleted) left.emplace(event.time, event.address);
+        }
+        std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+        struct part {
+            std::vector<forge_event> events;
+            std::string path;
+        };
+        std::vector<part> parts;
+        for (auto begin = all.begin(); begin != all.end();) {
+            const auto end = begin + std::min<ptrdiff_t>(1 + random() % 4, all.end() - begin);
+            parts.push_back({{begin, end}, forge_file(dir.path(), {begin, end}, forge_as_created(4), parts.size())});
+            begin = end;
+        }
+        troubles trouble;
+        event_stream stream;
+        event_stream_open(&stream, dir.path(), &query, 1 + random() % 20, &trouble);
+        stream_event event;
+        for (uint64_t id = 1000; event_stream_next(&stream, &event); id++) {
+            ASSERT_FALSE(left.empty());
+            EXPECT_EQ(std::make_pair(event.value.time, event.value.address), *left.begin()) << round;
+            left.erase(left.begin());
+            if (random() % 2 != 0 || parts.size() < 2) continue;
+            const size_t at = random() % (parts.size() - 1);
+            for (const size_t gone : {at, at + 1}) fs::remove(parts[gone].path);
+            part& merged = parts[at];
+            merged.events.insert(merged.events.end(), parts[at + 1].events.begin(), parts[at + 1].events.end());
+            merged.path = forge_file(dir.path(), merged.events, forge_as_created(4), id);
+            parts.erase(parts.begin() + static_cast<ptrdiff_t>(at) + 1);
+        }
+        EXPECT_TRUE(left.empty()) << round << ": " << left.size() << " events are missing";
+        EXPECT_FALSE(trouble.incomplete);
+    }
 }
 
 TEST_F(SearchTool, AClosedPipeEndsQuietly) {

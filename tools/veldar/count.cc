@@ -14,8 +14,6 @@ namespace veldar {
 
 namespace {
 
-constexpr int MAX_RESTARTS = 16;
-
 // Adds up what the slices count; false when one of them vanished meanwhile.
 bool count_slices(const slice_set& slices, const prepared_query& query, troubles* trouble, uint64_t* total) {
     *total = 0;
@@ -43,12 +41,7 @@ bool count_slices(const slice_set& slices, const prepared_query& query, troubles
 // The index alone can count a query of one plan; each slice holds other events.
 uint64_t count_by_slices(const std::string& path, const prepared_query& query, troubles* trouble) {
     uint64_t total = 0;
-    for (int i = 0; i < MAX_RESTARTS; i++) {
-        const slice_set slices = slices_list(path);
-        for (const std::string& error : slices.errors) troubles_add(trouble, error);
-        if (count_slices(slices, query, trouble, &total)) return total;
-    }
-    troubles_add(trouble, path + ": its slices change too fast to be counted");
+    slices_visit(path, trouble, [&](const slice_set& slices) { return count_slices(slices, query, trouble, &total); });
     return total;
 }
 

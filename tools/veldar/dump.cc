@@ -117,35 +117,37 @@ int dump_values(dump_run* run, slice_events* events, warm_rc_t* rc) {
     return 0;
 }
 
-void dump_slice(dump_run* run, const slice_file& file) {
-    warm_ptr warm;
-    std::string error;
-    const slice_state_t state = slice_open(file, &warm, &error);
-    if (state == SLICE_VANISHED) error = file.path + ": was removed meanwhile";
-    if (state != SLICE_OPEN) return troubles_add(&run->trouble, error);
+void dump_slice(dump_run* run, const opened_slice& slice) {
     slice_events events;
     warm_rc_t rc;
-    int status = slice_events_open(&events, warm.get(), SLICE_EVENTS_BUDGET, &rc);
+    int status = slice_events_open(&events, slice.warm.get(), SLICE_EVENTS_BUDGET, &rc);
     if (status == 0) status = dump_values(run, &events, &rc);
     slice_events_close(&events);
     if (status == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
-    if (status != 0) troubles_add(&run->trouble, slice_error(file, rc));
+    if (status != 0) troubles_add(&run->trouble, slice_error(*slice.file, rc));
+}
+
+// All slices are open before the first event is printed, so that what is printed is of one moment.
+bool dump_slices(dump_run* run, const slice_set& set) {
+    std::vector<opened_slice> slices;
+    if (!slices_open_all(set, &slices, &run->trouble)) return false;
+    event_source_open(&run->source, &set, &run->trouble);
+    event_source_read_names(&run->source);
+    if (run->options->format == "csv") {
+        output_put(&run->out, "time,host,source,sourcetype,address,measure,deleted,terms\r\n");
+    }
+    for (const opened_slice& slice : slices) {
+        if (!run->out.closed) dump_slice(run, slice);
+    }
+    return true;
 }
 
 int dump_run_all(const tool_context& context, const dump_options& options) {
-    const slice_set slices = slices_list(options.path.empty() ? store_choose(context.store) : options.path);
     dump_run run;
     run.options = &options;
-    for (const std::string& error : slices.errors) troubles_add(&run.trouble, error);
-    event_source_open(&run.source, &slices, &run.trouble);
-    event_source_read_names(&run.source);
     output_open(&run.out, "never");
-    if (options.format == "csv") {
-        output_put(&run.out, "time,host,source,sourcetype,address,measure,deleted,terms\r\n");
-    }
-    for (const slice_file& file : slices.files) {
-        if (!run.out.closed) dump_slice(&run, file);
-    }
+    slices_visit(options.path.empty() ? store_choose(context.store) : options.path, &run.trouble,
+                 [&](const slice_set& set) { return dump_slices(&run, set); });
     output_flush(&run.out);
     return run.trouble.incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
 }

@@ -11,7 +11,6 @@ namespace veldar {
 namespace {
 
 constexpr uint32_t FIRST_BATCH = 1024, LARGEST_BATCH = 65536;
-constexpr int MAX_RESTARTS = 16;
 
 // Whether `a` comes after `b`: newest first, and of one second the events that were loaded last come first, as the
 // slices themselves order them.
@@ -42,12 +41,18 @@ void push_unopened(event_stream* stream) {
     }
 }
 
-void list_slices(event_stream* stream) {
-    stream->heap.clear();
-    stream->cursors.clear();
-    stream->slices = slices_list(stream->path);
+void begin_list(event_stream* stream) {
     for (const std::string& error : stream->slices.errors) troubles_add(stream->trouble, error);
     push_unopened(stream);
+}
+
+// Goes on with a new list. What is open is given back first, so that files that are gone get closed.
+void list_again(event_stream* stream) {
+    stream->heap.clear();
+    stream->cursors.clear();
+    stream->relisted = true;
+    slices_list_again(&stream->slices, stream->tries);
+    begin_list(stream);
 }
 
 // Notes where the next batch goes on: at the time of the last answer, behind the answers that have this time.
@@ -119,10 +124,14 @@ void open_slice(event_stream* stream, const slice_file* file) {
         case SLICE_VANISHED:
             break;
     }
-    // Its events may stand in another slice by now. What was given is known for the second that was reached, and
-    // everything before it is still to come, so the new list can take over from there.
-    if (++stream->restarts > MAX_RESTARTS) return troubles_add(stream->trouble, file->path + ": vanished");
-    list_slices(stream);
+    if (++stream->tries > SLICES_MAX_TRIES) return troubles_add(stream->trouble, file->path + ": vanished");
+    list_again(stream);
+}
+
+// After a new listing the events that are newer than the one given last come again.
+bool is_behind(const event_stream& stream, const st_tsval& value) {
+    if (!stream.relisted || !stream.started) return false;
+    return std::make_tuple(value.time, value.subsecond) > std::make_tuple(stream.time.time_s, stream.time.time_ns);
 }
 
 bool is_new(event_stream* stream, const stream_event& event) {
@@ -141,9 +150,9 @@ void event_stream_open(event_stream* stream, const std::string& path, const prep
                        troubles* trouble) {
     stream->query = query;
     stream->trouble = trouble;
-    stream->path = path;
     stream->first_batch = limit == 0 ? FIRST_BATCH : static_cast<uint32_t>(std::min<uint64_t>(limit, LARGEST_BATCH));
-    list_slices(stream);
+    stream->slices = slices_list(path);
+    begin_list(stream);
 }
 
 bool event_stream_next(event_stream* stream, stream_event* event) {
@@ -157,11 +166,10 @@ bool event_stream_next(event_stream* stream, stream_event* event) {
         *event = {cursor->answers[cursor->at], entry.directory, cursor->plan};
         cursor->at++;
         push_cursor(stream, cursor);
-        // After a new listing the events of the times before the present one come again.
-        if (stream->restarts > 0 && stream->started && event->value.time > stream->time.time_s) continue;
-        if (!is_new(stream, *event)) continue;
+        if (is_behind(*stream, event->value) || !is_new(stream, *event)) continue;
         const bool check = stream->passes && stream->query->plans[event->plan].needs_raw();
         if (check && !stream->passes(*event)) continue;
+        stream->tries = 0;
         stream->given.insert(uint64_t{event->directory} << 32 | event->value.address);
         return true;
     }

@@ -3,6 +3,9 @@
 // A heap holds the slices that were not needed yet, by the latest time of their names, and a cursor for each search of
 // the query in each open slice. A slice is opened when the answers have reached its latest time. Cursors ask their
 // slice for the newest answers in batches that grow, so whoever stops early leaves the rest of the slice alone.
+//
+// When a slice has gone before it was opened, a new list takes over: the events given so far stand, those at the time
+// that was reached are known, and whatever is older comes from the slices that there are now.
 #pragma once
 
 #include <cstdint>
@@ -49,7 +52,6 @@ struct stream_entry {
 struct event_stream {
     const prepared_query* query = nullptr;
     troubles* trouble = nullptr;
-    std::string path;
     slice_set slices;
     uint32_t first_batch = 0;
     // Asked for events of plans that need the raw text; without it every event passes.
@@ -59,7 +61,8 @@ struct event_stream {
     std::unordered_set<uint64_t> given;  // directory and address of the events given at `time`
     st_timeval_t time;
     bool started = false;
-    int restarts = 0;
+    bool relisted = false;
+    int tries = 0;  // lists since the last event
 };
 
 // Lists the slices. `limit` is how many answers are wanted, 0 for all. The query and the troubles must outlive the

@@ -112,15 +112,14 @@ void note_answers(explanation* e, int found) {
     }
 }
 
-// Searches one slice and accounts for it; false after a failure, which has been told.
-bool search_slice(explanation* e, const slice_file& file, const query_plan& plan, slice_work* work) {
+// Searches one slice and accounts for it. SLICE_UNREADABLE after a failure, which has been told.
+slice_state_t search_slice(explanation* e, const slice_file& file, const query_plan& plan, slice_work* work) {
     const auto begun = std::chrono::steady_clock::now();
     warm_ptr warm;
     std::string error;
-    if (slice_open(file, &warm, &error) != SLICE_OPEN) {
-        troubles_add(&e->trouble, error.empty() ? file.path + ": vanished" : error);
-        return false;
-    }
+    const slice_state_t state = slice_open(file, &warm, &error);
+    if (state == SLICE_UNREADABLE) troubles_add(&e->trouble, error);
+    if (state != SLICE_OPEN) return state;
     const uint64_t values = st_warm_slice_values(warm.get());
     const auto capacity = static_cast<uint32_t>(e->limit == 0 ? values : std::min(e->limit, values));
     if (e->answers.size() < capacity) e->answers.resize(capacity);
@@ -132,11 +131,11 @@ bool search_slice(explanation* e, const slice_file& file, const query_plan& plan
     work->milliseconds = took.count();
     if (found < 0) {
         troubles_add(&e->trouble, slice_error(file, rc));
-        return false;
+        return SLICE_UNREADABLE;
     }
     work->answers = static_cast<uint64_t>(found);
     note_answers(e, found);
-    return true;
+    return SLICE_OPEN;
 }
 
 void add_work(slice_work* total, const slice_work& work) {
@@ -149,7 +148,8 @@ void add_work(slice_work* total, const slice_work& work) {
     total->milliseconds += work.milliseconds;
 }
 
-void explain_plan(explanation* e, const slice_set& slices, const query_plan& plan) {
+// False when a slice has gone.
+bool explain_plan(explanation* e, const slice_set& slices, const query_plan& plan) {
     output_put(&e->out, "\n  answers  lists  reads      bytes    values windows        ms  slice\n");
     e->newest.clear();
     for (const slice_file& file : slices.files) {
@@ -163,28 +163,39 @@ void explain_plan(explanation* e, const slice_set& slices, const query_plan& pla
             continue;
         }
         slice_work work;
-        if (!search_slice(e, file, plan, &work)) {
+        const slice_state_t state = search_slice(e, file, plan, &work);
+        if (state == SLICE_VANISHED) return false;
+        if (state == SLICE_UNREADABLE) {
             print_untouched(e, name, "cannot be read");
             continue;
         }
         print_row(e, work, name + remark(work));
         add_work(&e->total, work);
-        output_end_record(&e->out);
     }
+    return true;
+}
+
+// The rows are all printed at the end: they begin again when a slice has gone.
+bool explain_slices(explanation* e, const slice_set& slices) {
+    e->out.bytes.clear();
+    e->total = {};
+    print_query(e);
+    for (size_t i = 0; i < e->query->plans.size(); i++) print_plan(e, e->query->plans[i], i);
+    for (const query_plan& plan : e->query->plans) {
+        if (!explain_plan(e, slices, plan)) return false;
+    }
+    print_row(e, e->total, "in all");
+    return true;
 }
 
 int explain_run(const tool_context& context, const explain_options& options) {
     const prepared_query query = query_prepare(options.query);
-    const slice_set slices = slices_list(store_choose(context.store));
     explanation e;
     e.query = &query;
     e.limit = options.limit;
     output_open(&e.out, "never");
-    for (const std::string& error : slices.errors) troubles_add(&e.trouble, error);
-    print_query(&e);
-    for (size_t i = 0; i < query.plans.size(); i++) print_plan(&e, query.plans[i], i);
-    for (const query_plan& plan : query.plans) explain_plan(&e, slices, plan);
-    print_row(&e, e.total, "in all");
+    slices_visit(store_choose(context.store), &e.trouble,
+                 [&](const slice_set& slices) { return explain_slices(&e, slices); });
     output_flush(&e.out);
     return answer_status(e.total.answers > 0, e.trouble);
 }

@@ -1,6 +1,8 @@
 #include "tools/veldar/slices.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,9 +11,22 @@
 
 #include "searchthing/tsidx_list.h"
 #include "tools/veldar/command.h"
+#include "tools/veldar/index_handle.h"
 #include "tools/veldar/store.h"
 
 namespace veldar {
+
+struct slice_snapshot {
+    slice_snapshot() = default;
+    slice_snapshot(const slice_snapshot&) = delete;
+    slice_snapshot& operator=(const slice_snapshot&) = delete;
+    ~slice_snapshot() {
+        if (slices != nullptr) st_tsidx_snapshot_free(slices);
+    }
+
+    std::shared_ptr<TSIDX> tsidx;
+    tsidx_snapshot* slices = nullptr;  // owned
+};
 
 namespace {
 
@@ -30,33 +45,55 @@ bool exists(const std::string& path) {
 }
 
 // A file given by its path; a name that tells no times may hold events of all time.
-slice_file slice_of(const std::string& path, uint32_t directory) {
+slice_file slice_of(const std::string& path) {
     st_filename_metadata_t meta;
     if (tsidx_is_slice_name(last_component(path).c_str(), &meta) || st_tsidx_file_parse(path.c_str(), &meta) != 0) {
-        return {path, directory, meta.earliest, meta.latest};
+        return {path, 0, meta.earliest, meta.latest, nullptr, 0};
     }
-    return {path, directory, INT_MIN, INT_MAX};
+    return {path, 0, INT_MIN, INT_MAX, nullptr, 0};
 }
 
-// Adds the live slices of a directory; false with the errno in rc when it cannot be listed.
-bool add_directory(slice_set* set, const std::string& path, bool has_sources, warm_rc_t* rc) {
-    tsidx_listing_t listing;
-    if (tsidx_list(path.c_str(), &listing, rc) != 0) return false;
-    const auto index = static_cast<uint32_t>(set->directories.size());
-    set->directories.push_back({path, last_component(path), has_sources});
-    for (const tsidx_slice_name_t& slice : listing) {
-        set->files.push_back({path + "/" + slice.name, index, slice.meta.earliest, slice.meta.latest});
+// Why a directory could not be listed.
+std::string list_failure(const slice_directory& directory) {
+    const warm_rc_t& failure = *st_tsidx_last_failure(directory.tsidx.get());
+    return failure.warm_rc == WARM_RC_RETRIES ? failure.message : std::strerror(failure.saved_errno);
+}
+
+// The index of the directory in the set, which it joins when it is new.
+uint32_t directory_index(slice_set* set, const std::string& path, bool has_sources) {
+    uint32_t i = 0;
+    while (i < set->directories.size() && set->directories[i].path != path) i++;
+    if (i < set->directories.size()) return i;
+    set->directories.push_back({path, last_component(path), has_sources, index_handle_open(path, 0)});
+    return i;
+}
+
+// Adds the live slices of a directory. When it cannot be listed, false with the reason; then it does not join the set.
+bool add_directory(slice_set* set, const std::string& path, bool has_sources, std::string* error) {
+    const size_t known = set->directories.size();
+    const uint32_t index = directory_index(set, path, has_sources);
+    const slice_directory& directory = set->directories[index];
+    const auto snapshot = std::make_shared<slice_snapshot>();
+    snapshot->tsidx = directory.tsidx;
+    snapshot->slices = st_tsidx_snapshot_take(directory.tsidx.get());
+    if (snapshot->slices == nullptr) {
+        *error = list_failure(directory);
+        set->directories.resize(known);
+        return false;
+    }
+    for (size_t i = 0; i < st_tsidx_snapshot_size(snapshot->slices); i++) {
+        const st_filename_metadata_t& meta = *st_tsidx_snapshot_meta(snapshot->slices, i);
+        set->files.push_back(
+            {path + "/" + st_tsidx_snapshot_name(snapshot->slices, i), index, meta.earliest, meta.latest, snapshot, i});
     }
     return true;
 }
 
-void add_store(slice_set* set, const std::string& path) {
-    set->store = path;
-    for (const std::string& bucket : store_bucket_directories(path)) {
-        warm_rc_t rc;
-        if (!add_directory(set, bucket, true, &rc)) {
-            set->errors.push_back(bucket + ": " + std::strerror(rc.saved_errno));
-        }
+void list_store(slice_set* set) {
+    set->store = set->path;
+    for (const std::string& bucket : store_bucket_directories(set->store)) {
+        std::string error;
+        if (!add_directory(set, bucket, true, &error)) set->errors.push_back(bucket + ": " + error);
     }
 }
 
@@ -65,52 +102,121 @@ void find_store_above(slice_set* set, const std::string& directory) {
     if (store_is(directory + "/..")) set->store = directory + "/..";
 }
 
-}  // namespace
+void list_directory(slice_set* set) {
+    std::string error;
+    if (!add_directory(set, set->path, exists(set->path + "/source.map"), &error)) {
+        throw tool_failure{EXIT_IO, "cannot read " + set->path + ": " + error};
+    }
+    find_store_above(set, set->path);
+}
 
-slice_set slices_list(const std::string& given) {
-    std::string path = given;
-    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+// No snapshot: the file may be one that is no part of a directory, a mini slice or a copy by any name.
+void list_file(slice_set* set) {
+    const std::string parent = parent_of(set->path);
+    set->directories = {{parent, last_component(parent), exists(parent + "/source.map"), nullptr}};
+    set->files.push_back(slice_of(set->path));
+    find_store_above(set, parent);
+}
+
+void list(slice_set* set) {
     struct stat st;
-    slice_set set;
-    if (::stat(path.c_str(), &st) != 0) {
-        throw tool_failure{EXIT_USAGE, path + ": " + std::strerror(errno) +
+    if (::stat(set->path.c_str(), &st) != 0) {
+        throw tool_failure{EXIT_USAGE, set->path + ": " + std::strerror(errno) +
                                            "; -s names a store, an index directory or a slice (a store is made by "
                                            "'veldar load')"};
     }
-    if (!S_ISDIR(st.st_mode)) {
-        const std::string parent = parent_of(path);
-        set.directories.push_back({parent, last_component(parent), exists(parent + "/source.map")});
-        set.files.push_back(slice_of(path, 0));
-        find_store_above(&set, parent);
-        return set;
-    }
-    if (store_is(path)) {
-        add_store(&set, path);
+    set->files.clear();
+    set->errors.clear();
+    if (!S_ISDIR(st.st_mode)) return list_file(set);
+    if (store_is(set->path)) {
+        list_store(set);
     } else {
-        warm_rc_t rc;
-        if (!add_directory(&set, path, exists(path + "/source.map"), &rc))
-            fail_io("cannot read " + path, rc.saved_errno);
-        find_store_above(&set, path);
+        list_directory(set);
     }
-    if (set.files.empty()) std::fprintf(stderr, "veldar: %s holds no slices\n", path.c_str());
-    std::sort(set.files.begin(), set.files.end(), [](const slice_file& a, const slice_file& b) {
+    std::sort(set->files.begin(), set->files.end(), [](const slice_file& a, const slice_file& b) {
         return a.latest != b.latest ? a.latest > b.latest : a.path > b.path;
     });
+}
+
+// Every open slice takes a descriptor, and the usual limit of 1024 is far below what the system allows.
+void raise_descriptor_limit() {
+    rlimit limit;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
+}
+
+}  // namespace
+
+slice_set slices_list(const std::string& path) {
+    raise_descriptor_limit();
+    slice_set set;
+    set.path = path;
+    while (set.path.size() > 1 && set.path.ends_with('/')) set.path.pop_back();
+    list(&set);
+    const bool is_file = set.directories.size() == 1 && set.directories[0].tsidx == nullptr;
+    if (set.files.empty() && !is_file) std::fprintf(stderr, "veldar: %s holds no slices\n", set.path.c_str());
     return set;
+}
+
+void slices_list_again(slice_set* set, int tries) {
+    constexpr useconds_t FIRST_PAUSE = 1000, LONGEST_PAUSE = 100000;
+    ::usleep(std::min(FIRST_PAUSE << std::min(tries - 1, 16), LONGEST_PAUSE));
+    list(set);
+}
+
+void slices_visit(const std::string& path, troubles* trouble, const std::function<bool(const slice_set&)>& work) {
+    slice_set set = slices_list(path);
+    for (int i = 0; i < SLICES_MAX_TRIES; i++) {
+        if (i > 0) slices_list_again(&set, i);
+        for (const std::string& error : set.errors) troubles_add(trouble, error);
+        if (work(set)) return;
+    }
+    troubles_add(trouble, set.path + ": its slices change too fast to be read");
 }
 
 bool slice_meets_bounds(const slice_file& file, const st_query_spec& query) {
     return file.latest >= query.earliest.time_s && file.earliest <= query.latest.time_s;
 }
 
+void warm_close::operator()(WARM* warm) const {
+    if (snapshot == nullptr) {
+        st_warm_slice_close(warm);
+    } else {
+        st_tsidx_snapshot_close(snapshot->slices, number);
+    }
+}
+
 slice_state_t slice_open(const slice_file& file, warm_ptr* warm, std::string* error) {
     warm_rc_t rc;
-    warm->reset(st_warm_slice_open_rdonly(file.path.c_str(), &rc));
-    if (*warm != nullptr) return SLICE_OPEN;
+    WARM* opened = nullptr;
+    if (file.snapshot == nullptr) {
+        opened = st_warm_slice_open_rdonly(file.path.c_str(), &rc);
+    } else {
+        st_tsidx_snapshot_open(file.snapshot->slices, file.number, &opened, &rc);
+    }
+    *warm = warm_ptr(opened, {file.snapshot, file.number});
+    if (opened != nullptr) return SLICE_OPEN;
     if (rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT) return SLICE_VANISHED;
     if (rc.warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
     *error = slice_error(file, rc);
     return SLICE_UNREADABLE;
+}
+
+bool slices_open_all(const slice_set& set, std::vector<opened_slice>* slices, troubles* trouble) {
+    slices->clear();
+    for (const slice_file& file : set.files) {
+        opened_slice one{&file, {}};
+        std::string error;
+        const slice_state_t state = slice_open(file, &one.warm, &error);
+        if (state == SLICE_VANISHED) return false;
+        if (state == SLICE_OPEN) {
+            slices->push_back(std::move(one));
+        } else {
+            troubles_add(trouble, error);
+        }
+    }
+    return true;
 }
 
 std::string slice_error(const slice_file& file, const warm_rc_t& rc) {

@@ -14,34 +14,15 @@ namespace veldar {
 
 namespace {
 
-constexpr int MAX_RESTARTS = 16;
 constexpr uint64_t ALL_PIECES = uint64_t{16} << 20, LEAST_PIECE = 8 << 10, LARGEST_PIECE = 128 << 10;
 
 struct slice_terms {
     const slice_file* file = nullptr;
-    warm_ptr warm;
+    WARM* warm = nullptr;
     fclex_cursor_ptr cursor;
     fclex_cursor_term_t term;
     std::string_view text() const { return {term.text, term.length}; }
 };
-
-// Opens every slice; false when one has vanished since the listing.
-bool open_slices(const slice_set& set, std::vector<slice_terms>* slices, troubles* trouble) {
-    slices->clear();
-    for (const slice_file& file : set.files) {
-        slice_terms one;
-        std::string error;
-        const slice_state_t state = slice_open(file, &one.warm, &error);
-        if (state == SLICE_VANISHED) return false;
-        if (state == SLICE_UNREADABLE) {
-            troubles_add(trouble, error);
-            continue;
-        }
-        one.file = &file;
-        slices->push_back(std::move(one));
-    }
-    return true;
-}
 
 void check_memory(const warm_rc_t& rc) {
     if (rc.warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
@@ -76,7 +57,7 @@ bool start(slice_terms* slice, const term_choice& choice, uint64_t piece, troubl
 void add_totals(slice_terms* slice, uint32_t id, term_totals* totals, troubles* trouble) {
     st_term_metadata record;
     warm_rc_t rc;
-    if (warm_slice_term_metadata(slice->warm.get(), id, nullptr, &record, &rc) != 0) {
+    if (warm_slice_term_metadata(slice->warm, id, nullptr, &record, &rc) != 0) {
         check_memory(rc);
         troubles_add(trouble, slice_error(*slice->file, rc));
         return;
@@ -143,19 +124,18 @@ bool is_bare_value(std::string_view value) {
 }  // namespace
 
 void walk_terms(const std::string& path, const term_choice& choice, const term_visitor& visit, troubles* trouble) {
-    for (int i = 0; i < MAX_RESTARTS; i++) {
-        const slice_set set = slices_list(path);
-        for (const std::string& error : set.errors) troubles_add(trouble, error);
+    slices_visit(path, trouble, [&](const slice_set& set) {
+        std::vector<opened_slice> opened;
+        if (!slices_open_all(set, &opened, trouble)) return false;
         std::vector<slice_terms> slices;
-        if (!open_slices(set, &slices, trouble)) continue;
+        for (const opened_slice& slice : opened) slices.push_back({slice.file, slice.warm.get(), {}, {}});
         if (choice.exact.empty()) {
             merge(&slices, choice, visit, trouble);
         } else {
             look_up(&slices, choice.exact, visit, trouble);
         }
-        return;
-    }
-    troubles_add(trouble, path + ": its slices change too fast to be read");
+        return true;
+    });
 }
 
 term_pattern term_pattern_from_text(const std::string& text) {
