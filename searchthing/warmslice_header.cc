@@ -284,6 +284,90 @@ uint64_t _offset_dimsets(const st_warm_slice_body* h, int fd, uint64_t posting_l
     return warm_next_section(end);
 }
 
+namespace {
+
+// Bytes of all lists below which every offset of a merge is taken to fit 4 bytes with its tag; the merge checks.
+constexpr uint64_t PLO32_LISTS_LIMIT = 0x20000000;
+
+int check_merge_source(const st_warm_slice_body* target, const st_warm_slice_body* source, warm_rc_t* rc) {
+    if (st_warm_slice_is_msidx(target) && !st_warm_slice_is_msidx_with_cstore(source)) {
+        return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "cannot merge sources that have versions lower than 8.0.0");
+    }
+    if (warm_header_is_legacy(source) != warm_header_is_legacy(target)) {
+        return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "headers inconsistent across srcs legacy");
+    }
+    if (warm_header_is_rev1(source) != warm_header_is_rev1(target)) {
+        return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "headers inconsistent across srcs rev1");
+    }
+    return 0;
+}
+
+// Widens the target's ranges, which start empty, to the source's.
+void widen_ranges(st_warm_slice_body* target, const st_warm_slice_body* source) {
+    if (warm_header_is_legacy(target)) return;
+    const auto as_signed = [](const be32& field) { return static_cast<int32_t>(field.get()); };
+    target->earliest.set(static_cast<uint32_t>(std::min(as_signed(target->earliest), as_signed(source->earliest))));
+    target->latest.set(static_cast<uint32_t>(std::max(as_signed(target->latest), as_signed(source->latest))));
+    if (!warm_header_is_rev1(target)) return;
+    target->seek_addr_min.set(std::min(target->seek_addr_min.get(), source->seek_addr_min.get()));
+    target->seek_addr_max.set(std::max(target->seek_addr_max.get(), source->seek_addr_max.get()));
+}
+
+void start_ranges(st_warm_slice_body* target) {
+    if (warm_header_is_legacy(target)) return;
+    target->earliest.set(static_cast<uint32_t>(std::numeric_limits<int32_t>::max()));
+    target->latest.set(static_cast<uint32_t>(std::numeric_limits<int32_t>::min()));
+    if (!warm_header_is_rev1(target)) return;
+    target->seek_addr_min.set(std::numeric_limits<uint32_t>::max());
+    target->seek_addr_max.set(0);
+}
+
+int set_list_flags(st_warm_slice_body* target, const st_warm_slice_body* sources, const int* fds, uint32_t count,
+                   uint32_t advanced_postings, warm_rc_t* rc) {
+    uint64_t lists_size = 0;
+    for (uint32_t i = 0; i < count; i++) {
+        const uint64_t size = warm_header_posting_lists_size(&sources[i], fds[i], rc);
+        if (size == NO_OFFSET) {
+            return _set_rc_verbose(rc, WARM_RC_READ, i, "error in warm_header_init_tgt_header_for_adv_postings_comp");
+        }
+        if (__builtin_add_overflow(lists_size, size, &lists_size)) lists_size = NO_OFFSET;
+    }
+    const bool rev1 = warm_header_is_rev1(target);
+    if (lists_size < PLO32_LISTS_LIMIT) warm_header_set_flag(target, WARM_FLAG_PLO32, rev1);
+    if (advanced_postings != 0) warm_header_set_flag(target, WARM_FLAG_PLO_TAG2, rev1);
+    return _set_rc(rc, WARM_RC_OK);
+}
+
+}  // namespace
+
+int warm_header_init_tgt_header_for_merge_srcs(st_warm_slice_body* target, const st_warm_slice_body* sources,
+                                               const int* fds, uint32_t src_sz, const TSWRITEOPTS* options,
+                                               uint32_t advanced_postings, warm_rc_t* rc) {
+    ST_ASSERT(src_sz > 0);
+    warm_header_init(target, _has_reverse_lex(&sources[0]) ? "Veldar6" : sources[0].magic);
+    start_ranges(target);
+    bool milliseconds = false;
+    for (uint32_t i = 0; i < src_sz; i++) {
+        ST_TRY(check_merge_source(target, &sources[i], rc));
+        widen_ranges(target, &sources[i]);
+        milliseconds |= warm_header_is_enabled(&sources[i], WARM_FLAG_MS_PRESENT);
+    }
+    const uint32_t level = options->write_level;
+    const bool is_msidx4 = has_magic(target, "_MSIDX4");
+    warm_header_set_flag(target, WARM_FLAG_PLO_TAG1, is_msidx4 ? level != 0 : level >= 2);
+    if (st_warm_slice_is_msidx(target)) {
+        const bool supported = is_msidx4 ? level != 0 : level >= 4;
+        const bool requested = supported && options->millisecond_mode == 1;
+        warm_header_set_flag(target, WARM_FLAG_PREAMBLES, is_msidx4);
+        warm_header_set_flag(target, WARM_FLAG_MS_REQUESTED, requested);
+        warm_header_set_flag(target, WARM_FLAG_MS_PRESENT, requested && milliseconds);
+        return _set_rc(rc, WARM_RC_OK);
+    }
+    warm_header_set_flag(target, WARM_FLAG_VALUES_PACKED, level >= 3 && warm_header_is_rev1(target));
+    if (level < 4) return _set_rc_msg(rc, WARM_RC_OK, "write level unsupported");
+    return set_list_flags(target, sources, fds, src_sz, advanced_postings, rc);
+}
+
 uint64_t _compressed_size(uint32_t num_values, uint32_t nbits, warm_rc_t* rc) {
     const uint64_t size = (uint64_t{num_values} * nbits + 7) / 8;
     if (size > std::numeric_limits<uint32_t>::max()) {

@@ -206,6 +206,16 @@ uint64_t warm_header_posting_lists_size(const st_warm_slice_body* h, int fd, war
 // Where the dimension sets begin, given where the posting lists do. All-ones on failure, with the status above.
 uint64_t _offset_dimsets(const st_warm_slice_body* h, int fd, uint64_t posting_lists_start, warm_rc_t* rc);
 
+// Begins the header of a merge of `count` sources (at least 1, asserted): magic, times, addresses and flags, with
+// everything that the merge counts still zero. `sources` and `fds` are the sources' headers and open files. The flags
+// follow the write level of the options, with `advanced_postings` the four list encodings from level 4 on; a metric
+// target has its own. 0, which carries the message "write level unsupported" where a level below 4 leaves flags out;
+// -37 for sources that do not go together; -8 when the size of a source's lists cannot be read, with its index. After a
+// failure the target is filled as far as it got.
+int warm_header_init_tgt_header_for_merge_srcs(st_warm_slice_body* target, const st_warm_slice_body* sources,
+                                               const int* fds, uint32_t count, const TSWRITEOPTS* options,
+                                               uint32_t advanced_postings, warm_rc_t* rc);
+
 // ceil(num_values * nbits / 8), the byte size of a companion array; -36 in rc and all-ones when it does not fit 32
 // bits.
 uint64_t _compressed_size(uint32_t num_values, uint32_t nbits, warm_rc_t* rc);
