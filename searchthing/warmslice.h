@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "libzero/ospath-builder.h"
 #include "libzero/resource.h"
@@ -26,6 +27,11 @@
 #include "searchthing/warmslice_header.h"
 
 namespace veldar {
+
+struct warm_metric_t;  // warmslice_runs.cc
+struct warm_metric_closer {
+    void operator()(warm_metric_t* metric) const;
+};
 
 struct st_warm_slice {
     unique_fd fd;  // empty for a slice in memory
@@ -54,6 +60,8 @@ struct st_warm_slice {
     uint64_t file_size = 0;     // when it was opened
     uint64_t lexicon_size = 0;  // bytes of the forward lexicon
     buffer<uint8_t> owned;      // a slice in memory: the whole slice
+    // Metric slices with runs only, made on first use: what is remembered between reads.
+    std::unique_ptr<warm_metric_t, warm_metric_closer> metric;
 };
 using WARM = st_warm_slice;
 

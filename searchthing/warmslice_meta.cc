@@ -1,5 +1,7 @@
 #include "searchthing/warmslice_meta.h"
 
+#include "searchthing/warmslice_runs.h"
+
 namespace veldar {
 
 namespace {
@@ -26,9 +28,16 @@ int warm_slice_term_metadata(WARM* warm, uint32_t term, st_query_info_t* stats, 
     return 0;
 }
 
+int warm_slice_recomputed_metadata(WARM* warm, uint32_t term, st_query_info_t* stats, st_term_metadata* out,
+                                   warm_rc_t* rc) {
+    const bool from_runs = warm_slice_has_runs(warm) && st_warm_slice_is_msidx_with_cstore(warm->body);
+    if (!from_runs || warm->lexicon == nullptr) return warm_slice_term_metadata(warm, term, stats, out, rc);
+    return warm_slice_count_runs(warm, term, stats, out, rc);
+}
+
 int get_meta_count(WARM* warm, uint32_t term, st_query_info_t* stats, uint32_t* count, warm_rc_t* rc) {
     st_term_metadata record;
-    ST_TRY(warm_slice_term_metadata(warm, term, stats, &record, rc));
+    ST_TRY(warm_slice_recomputed_metadata(warm, term, stats, &record, rc));
     *count = record.count;
     return 0;
 }

@@ -6,11 +6,12 @@
 #include <set>
 #include <stdexcept>
 
+#include "tests/support/forge_internal.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
 
-namespace {
+namespace forging {
 
 void check(bool expressible, const std::string& what) {
     if (!expressible) throw std::invalid_argument("forge: " + what);
@@ -19,14 +20,21 @@ void check(bool expressible, const std::string& what) {
 uint32_t bit_length(uint32_t v) {
     return static_cast<uint32_t>(std::bit_width(v));
 }
+
+namespace {
+
 // Companion widths are never 0: a value of 0 still takes one bit.
 uint32_t digits(uint32_t v) {
     return std::max(1u, bit_length(v));
 }
 
+}  // namespace
+
 void put_be(std::string* out, uint64_t v, int bytes) {
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out->push_back(static_cast<char>(v >> shift));
 }
+
+namespace {
 
 std::string vbe(uint32_t v) {
     std::string out;
@@ -35,18 +43,20 @@ std::string vbe(uint32_t v) {
     return out;
 }
 
-// A little-endian word stream filled from the least significant bit is a byte stream filled the same way.
-struct bit_string {
-    std::string bytes;
-    uint64_t bits = 0;
-    void put(uint64_t v, uint32_t nbits) {
-        for (uint32_t i = 0; i < nbits; i++, bits++) {
-            if (bits / 8 == bytes.size()) bytes.push_back('\0');
-            if ((v >> i) & 1) bytes[bits / 8] = static_cast<char>(bytes[bits / 8] | (1 << (bits % 8)));
-        }
+}  // namespace
+
+void bit_string::put(uint64_t v, uint32_t nbits) {
+    for (uint32_t i = 0; i < nbits; i++, bits++) {
+        if (bits / 8 == bytes.size()) bytes.push_back('\0');
+        if ((v >> i) & 1) bytes[bits / 8] = static_cast<char>(bytes[bits / 8] | (1 << (bits % 8)));
     }
-    std::string whole_words() const { return bytes + std::string((8 - bytes.size() % 8) % 8, '\0'); }
-};
+}
+
+std::string bit_string::whole_words() const {
+    return bytes + std::string((8 - bytes.size() % 8) % 8, '\0');
+}
+
+namespace {
 
 std::string rle_list(const std::vector<uint32_t>& numbers, bool collapse) {
     std::string out;
@@ -82,6 +92,8 @@ bool bmap_readable(const std::vector<uint32_t>& numbers) {
     return !numbers.empty() &&
            (vbe(numbers.front()).size() < 4 || (numbers.back() - numbers.front()) / 8 + 1 + 5 <= 8192);
 }
+
+}  // namespace
 
 std::string lexicon(const std::vector<std::string>& terms, uint32_t tperb, uint32_t uncompressed_size) {
     check(tperb >= 2 || (tperb == 1 && terms.size() == 1), "terms per block must be 2 or more");
@@ -121,6 +133,8 @@ void pad_to(std::string* out, uint64_t at) {
     check(out->size() <= at, "sections overlap");
     out->resize(at, '\0');
 }
+
+namespace {
 
 uint64_t mix(uint64_t seed, const std::string& text) {
     uint64_t h = 1469598103934665603u ^ (seed * 0x9E3779B97F4A7C15u);
@@ -229,6 +243,8 @@ std::string metadata_section(const forge_picture& picture, const forge_options& 
     return plain;
 }
 
+}  // namespace
+
 // Chooses every term's encoding. The first term is always RLE (no entry describes it), a duplicate names a term whose
 // list is real, and a list that a bitmap reader would cut short stays RLE.
 void choose_encodings(forge_picture* picture, const forge_options& options, std::vector<uint32_t>* dedup_target) {
@@ -274,7 +290,7 @@ void choose_encodings(forge_picture* picture, const forge_options& options, std:
     }
 }
 
-bool collapses(const forge_options& options, const std::string& term) {
+static bool collapses(const forge_options& options, const std::string& term) {
     if (options.runs == forge_runs::mixed) return (mix(options.seed, term) >> 40) % 2 == 0;
     return options.runs == forge_runs::collapsed;
 }
@@ -313,6 +329,8 @@ std::string posting_offsets(const forge_picture& picture, const forge_options& o
     }
     return out;
 }
+
+namespace {
 
 // Reversed terms in ascending order, and for each the number of the term it is the reverse of.
 std::pair<std::string, std::vector<std::string>> reverse_terms(const std::vector<std::string>& terms) {
@@ -357,6 +375,9 @@ const std::set<std::string>& known_magics() {
 }
 
 }  // namespace
+}  // namespace forging
+
+using namespace forging;
 
 std::string forge_options::name() const {
     static const std::pair<uint64_t, const char*> flags[] = {
