@@ -1,0 +1,89 @@
+// One block of a column set: 1 to 512 doubles, kept bit for bit.
+//
+// Header, 40 bytes, little-endian; headers of a column set lie together, apart from the data:
+//
+//   offset  size  field
+//   0       4     first_ordinal   elements of the column set before this block
+//   4       2     count           1 to 512
+//   6       1     codec           below
+//   7       1     exponent        e: decimals, 0 to 22
+//   8       1     width           w: bits of a packed number, 0 to 56
+//   9       1     residual_bits   r: 0, 2, 3 or 4
+//   10      2     exceptions      x
+//   12      4     data_offset     of the block's bytes within the column set's data, in 8-byte units
+//   16      8     minimum         of the elements that are numbers; +infinity when there are none
+//   24      8     maximum         -infinity when there are none
+//   32      8     sum             in the order of elements, from 0; NaN when any element is NaN
+//
+// Data, n = count. Packed arrays are those of bitpack.h and end with a whole word; the whole ends with the XXH32 of the
+// bytes before it in a word of its own, upper half zero.
+//
+//   codec      data
+//   0 CONST    f64 value
+//   1 RAW      n x f64
+//   2 DECIMAL  i64 base; n x w bits k - base; n x r bits residual; x times {u16 index, f64 value}, zeros to 8 bytes
+//   3 DELTA    i64 first k; i64 base; (n - 1) x w bits (k - previous k) - base
+//   4 BITS     u64 base; n x w bits (bits of the double - base)
+//
+// DECIMAL: an element is k / 10^e, rounded to a double, then moved by `residual` (two's complement) units in the last
+// place; DELTA: the same without residuals. Sums like 51.8 + 0.046 are what most series are made of: a decimal number
+// of few digits, off by one unit. Elements that are no such number (NaN, infinities, -0.0, outliers) are exceptions,
+// ascending by index; their packed fields are 0.
+//
+//   51.846000000000004 and 44.508: e = 3, base = 44508, w = 13, packed 7338 and 0, residuals 1 and 0.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace veldar {
+
+inline constexpr uint32_t CSET_BLOCK_ELEMENTS = 512;
+// No block that passes cset_block_size is longer: every array of DECIMAL at its widest.
+inline constexpr uint64_t CSET_BLOCK_MAX_SIZE =
+    8 + CSET_BLOCK_ELEMENTS * 56 / 8 + CSET_BLOCK_ELEMENTS * 4 / 8 + CSET_BLOCK_ELEMENTS * 10 + 8;
+
+enum cset_codec_t : uint8_t { CSET_CONST = 0, CSET_RAW = 1, CSET_DECIMAL = 2, CSET_DELTA = 3, CSET_BITS = 4 };
+
+struct cset_block_t {  // as it lies in the file
+    uint32_t first_ordinal;
+    uint16_t count;
+    uint8_t codec;
+    uint8_t exponent;
+    uint8_t width;
+    uint8_t residual_bits;
+    uint16_t exceptions;
+    uint32_t data_offset;
+    double minimum;
+    double maximum;
+    double sum;
+};
+static_assert(sizeof(cset_block_t) == 40 && offsetof(cset_block_t, minimum) == 16);
+
+// Numbers of a stretch of elements. NaN elements are counted apart and part of nothing else.
+struct cs_stats_t {
+    uint64_t count;  // elements that are numbers, infinities among them
+    uint64_t nans;
+    double min;  // +infinity for no number
+    double max;  // -infinity for no number
+    double sum;
+};
+// What no element gives.
+cs_stats_t cs_stats_none();
+// Adds elements, one after the other.
+void cs_stats_add(cs_stats_t* stats, std::span<const double> values);
+
+// Encodes 1 to 512 elements (asserted) into `data` of CSET_BLOCK_MAX_SIZE bytes, in the smallest of the forms tried,
+// and fills the header but for first_ordinal and data_offset. Returns the bytes used, a multiple of 8. The same
+// elements give the same bytes.
+uint64_t cset_block_encode(std::span<const double> values, cset_block_t* block, uint8_t* data);
+
+// The bytes of a block's data as its header tells them; 0 for a header that no encoder writes.
+uint64_t cset_block_size(const cset_block_t* block);
+
+// Decodes a block whose header passes cset_block_size; `data` has that size (asserted) and `values` room for `count`
+// elements. False, with any content of `values`, when the data are damaged.
+[[nodiscard]] bool cset_block_decode(const cset_block_t* block, std::span<const uint8_t> data, double* values);
+
+}  // namespace veldar

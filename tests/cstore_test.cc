@@ -1,0 +1,194 @@
+// The column store: what goes in comes out bit for bit, and no damage gets past the checksums.
+#include "searchthing/cstore.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <random>
+
+#include "libzero/resource.h"
+#include "searchthing/timed_read.h"
+
+namespace veldar {
+namespace {
+
+constexpr uint64_t SECTION = 24;  // where the tests put the section
+
+using column = std::map<uint32_t, double>;        // by value number
+using columns = std::map<uint32_t, column>;       // by measure
+using change_rule = bool (*)(uint32_t value_no);  // whether a value begins a dimension set
+
+struct section {
+    unique_fd fd{::memfd_create("cstore", MFD_CLOEXEC)};
+    int64_t ref = 0;
+};
+
+// Fed value by value, as creation does.
+section build(const columns& all, uint32_t num_values, uint32_t num_preambles, change_rule changes) {
+    section out;
+    cs_builder_t builder;
+    warm_rc_t rc;
+    EXPECT_EQ(cs_builder_open(&builder, 2, &rc), 0);
+    std::multimap<uint32_t, std::pair<uint32_t, double>> by_value;
+    for (const auto& [measure, elements] : all) {
+        EXPECT_EQ(cs_add_columnset(&builder, measure, &rc), 0);
+        for (const auto& [value_no, v] : elements) by_value.insert({value_no, {measure, v}});
+    }
+    for (const auto& [value_no, element] : by_value) {
+        EXPECT_EQ(cs_add_element(&builder, element.first, value_no, changes(value_no), element.second, &rc), 0);
+    }
+    EXPECT_EQ(cs_finalize_offsets(&builder, num_values, num_preambles, &out.ref, &rc), 0) << rc.message;
+    EXPECT_EQ(cs_sync_cstore(&builder, out.fd.get(), SECTION, &rc), 0);
+    cs_builder_close(&builder);
+    return out;
+}
+
+bool same_bits(double a, double b) {
+    return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
+}
+
+// Elements of every kind that the codecs tell apart; `kind` chooses one.
+double element_of(int kind, uint32_t i, std::mt19937_64* random) {
+    static const double special[] = {0.0,
+                                     -0.0,
+                                     std::numeric_limits<double>::infinity(),
+                                     -std::numeric_limits<double>::infinity(),
+                                     std::bit_cast<double>(uint64_t{0x7FF8000000001234}),
+                                     std::bit_cast<double>(uint64_t{0xFFF0000000000001}),
+                                     std::numeric_limits<double>::denorm_min(),
+                                     std::numeric_limits<double>::max(),
+                                     std::numeric_limits<double>::lowest(),
+                                     0x1p53,
+                                     -0x1p53 - 2,
+                                     1e22,
+                                     0.1};
+    const auto r = static_cast<double>((*random)() % 100000);
+    switch (kind) {
+        case 0:
+            return 0.1;  // one value
+        case 1:
+            return r / 1000;
+        case 2:
+            return r / 1000 + r / 10;  // off by some units in the last place
+        case 3:
+            return 1e12 + 60.0 * i + std::fmod(r, 7);  // a counter
+        case 4:
+            return std::sqrt(r + 1);
+        case 5:
+            return (*random)() % 50 == 0 ? 0 : 5e9 + r;  // outliers below
+        case 6:
+            return (*random)() % 50 == 0 ? 1e15 : r / 100;  // and above
+        case 7:
+            return std::bit_cast<double>((*random)());
+        case 8:
+            return special[(*random)() % std::size(special)];
+        default:
+            return (*random)() % 20 == 0 ? special[(*random)() % std::size(special)] : -r / 8;
+    }
+}
+
+void expect_stats(const cs_stats_t& got, const column& elements, uint32_t first, uint32_t n) {
+    cs_stats_t want = cs_stats_none();
+    double magnitude = 0;
+    for (auto at = elements.lower_bound(first); at != elements.end() && at->first - first < n; ++at) {
+        cs_stats_add(&want, {&at->second, 1});
+        if (!std::isnan(at->second)) magnitude += std::fabs(at->second);
+    }
+    EXPECT_EQ(got.count, want.count);
+    EXPECT_EQ(got.nans, want.nans);
+    EXPECT_EQ(got.min, want.min);
+    EXPECT_EQ(got.max, want.max);
+    if (std::isfinite(magnitude)) {
+        EXPECT_NEAR(got.sum, want.sum, magnitude * 1e-12);
+    }
+}
+
+void expect_column(const cs_reader_t& store, uint32_t measure, const column& elements, std::mt19937_64* random) {
+    warm_rc_t rc;
+    cset_reader_t set;
+    st_query_info_t info;
+    ASSERT_EQ(cset_reader_open(&set, &store, measure, &info, &rc), 0) << rc.message;
+    uint32_t value_no = 0;
+    double v = 0;
+    for (const auto& [want_value, want] : elements) {
+        ASSERT_EQ(cset_reader_next(&set, &value_no, &v, &rc), 0) << rc.message;
+        ASSERT_EQ(value_no, want_value);
+        ASSERT_TRUE(same_bits(v, want)) << v << " " << want;
+    }
+    ASSERT_EQ(cset_reader_next(&set, &value_no, &v, &rc), 0);
+    EXPECT_EQ(value_no, CSET_END);
+
+    const uint32_t values = store.num_values - store.num_preambles;
+    std::vector<double> out(values);
+    std::vector<uint8_t> present(values);
+    for (int i = 0; i < 40; i++) {
+        const uint32_t first = store.num_preambles + static_cast<uint32_t>((*random)() % values);
+        const uint32_t n = i == 0 ? 0 : static_cast<uint32_t>((*random)() % (store.num_values - first + 1));
+        ASSERT_EQ(cset_reader_range(&set, first, n, out.data(), present.data(), &rc), 0);
+        for (uint32_t k = 0; k < n; k++) {
+            const auto want = elements.find(first + k);
+            ASSERT_EQ(present[k], want != elements.end());
+            ASSERT_TRUE(same_bits(out[k], want == elements.end() ? 0 : want->second));
+        }
+        cs_stats_t stats;
+        ASSERT_EQ(cset_reader_stats(&set, first, n, &stats, &rc), 0);
+        expect_stats(stats, elements, first, n);
+        bool is_present = false;
+        ASSERT_EQ(cset_reader_get(&set, first, &v, &is_present, &rc), 0);
+        const auto want = elements.find(first);
+        ASSERT_EQ(is_present, want != elements.end());
+        ASSERT_TRUE(same_bits(v, is_present ? want->second : 0));
+    }
+    EXPECT_EQ(cset_reader_range(&set, store.num_values - 1, 2, out.data(), present.data(), &rc), WARM_RC_CORRUPT);
+    EXPECT_STREQ(rc.message, "invalid tsval_id range");
+    cs_stats_t stats;
+    EXPECT_EQ(cset_reader_stats(&set, store.num_preambles - 1, 1, &stats, &rc), WARM_RC_CORRUPT);
+    cset_reader_close(&set);
+}
+
+TEST(Cstore, WhatGoesInComesOutBitForBit) {
+    std::mt19937_64 random(7);
+    for (const uint32_t length : {1u, 2u, 255u, 511u, 512u, 513u, 1025u, 5000u}) {
+        constexpr uint32_t PREAMBLES = 3;
+        const uint32_t num_values = PREAMBLES + length + static_cast<uint32_t>(random() % 3000);
+        columns all;
+        for (int kind = 0; kind < 10; kind++) {
+            column& elements = all[static_cast<uint32_t>(kind * kind)];
+            // Kinds by turns in one run, in runs of random length, and one by one.
+            uint32_t value_no = PREAMBLES + static_cast<uint32_t>(random() % (num_values - PREAMBLES - length + 1));
+            const uint32_t slack = num_values - value_no - length;
+            uint32_t gaps = kind % 3 == 0 ? 0 : slack;
+            for (uint32_t i = 0; i < length; i++) {
+                elements[value_no++] = element_of(kind, i, &random);
+                const uint64_t odds = kind % 3 == 1 ? 100 : 2;
+                if (gaps > 0 && random() % odds == 0) {
+                    const uint32_t gap = std::min(gaps, 1 + static_cast<uint32_t>(random() % 9));
+                    value_no += gap;
+                    gaps -= gap;
+                }
+            }
+        }
+        all[1000] = {};
+        const section s = build(all, num_values, PREAMBLES, [](uint32_t value_no) { return value_no % 150 == 0; });
+        cs_reader_t store;
+        warm_rc_t rc;
+        ASSERT_EQ(cs_reader_open(&store, s.fd.get(), SECTION, s.ref, &rc), 0) << rc.message;
+        EXPECT_EQ(cs_verify(&store, &rc), 0) << rc.message;
+        uint64_t offset = 0;
+        EXPECT_EQ(cs_reader_find(&store, 999, &offset, &rc), WARM_RC_NOT_FOUND);
+        EXPECT_STREQ(rc.message, "metric tid is not found in cstore");
+        for (const auto& [measure, elements] : all) {
+            SCOPED_TRACE(testing::Message() << "length " << length << " measure " << measure);
+            expect_column(store, measure, elements, &random);
+        }
+        cs_reader_close(&store);
+    }
+}
+
+}  // namespace
+}  // namespace veldar
