@@ -81,12 +81,13 @@ bool is_marked(const WARM* warm, uint32_t id) {
     return id / 8 < warm->tsval_reader.d.bytes.size() && (warm->d_array[id / 8] >> (id % 8) & 1) != 0;
 }
 
-// Flushes and ends a writable handle. It is unmapped here, so that closing cannot keep it for another flush.
+// Flushes and ends a writable handle: 0 when the marks are on the disk.
 int close_flushed(WARM* warm, warm_rc_t* rc) {
-    const int status = warm->map.sync() == 0 ? 0 : _set_rc_msg(rc, WARM_RC_WRITE, "flushing delete marks");
-    warm->map.reset();
-    static_cast<void>(st_warm_slice_close(warm));
-    return status;
+    bool still_open = false;
+    if (st_warm_slice_close(warm, &still_open) == 0 || !still_open) return 0;
+    _set_rc_msg(rc, WARM_RC_WRITE, "flushing delete marks");
+    st_warm_slice_discard(warm);
+    return rc->warm_rc;
 }
 
 // Marks the values in the file and tells how many of them were not marked before and whether any value is left.

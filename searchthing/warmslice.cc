@@ -274,20 +274,29 @@ WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc) {
     return warm.release();
 }
 
-int st_warm_slice_close(WARM* handle) {
+int st_warm_slice_close(WARM* handle, bool* still_open) {
     ST_ASSERT(handle != nullptr);
+    if (still_open != nullptr) *still_open = false;
     term_meta_reader_close(&handle->meta_reader);
     tsval_reader_close(&handle->tsval_reader);
     if (handle->lexicon != nullptr) st_fclex_close(std::exchange(handle->lexicon, nullptr));
     if (handle->map.data() != nullptr) {
         ST_ASSERT(handle->map.data() == reinterpret_cast<uint8_t*>(handle->body));
-        if (handle->map.sync() != 0) return WARM_RC_FAILED;
+        if (handle->map.sync() != 0) {
+            if (still_open != nullptr) *still_open = true;
+            return WARM_RC_FAILED;
+        }
         const int retval = handle->map.unmap();
         ST_ASSERT(retval != -1);
     }
     const int result = handle->fd.close_checked();
     delete handle;
     return result;
+}
+
+void st_warm_slice_discard(WARM* handle) {
+    ST_ASSERT(handle != nullptr);
+    warm_disposer()(handle);
 }
 
 st_time_t st_warm_slice_latest(const WARM* warm) {

@@ -80,9 +80,13 @@ WARM* st_warm_slice_open_rdonly_from_fd(int fd, const st_filename_metadata_t* fn
 // "forward_body offset is beyond file size", "plo last term", "plo_last_term is beyond file size", "num terms mismatch"
 // or "reverse num terms", -2 "forward idx" or "reverse idx" for the inconsistencies named.
 WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc);
-// Flushes a mapping, closes and frees everything: 0, the result of closing the descriptor, or -1 when the flush failed;
-// then the handle is still open and may be closed again.
-int st_warm_slice_close(WARM* handle);
+// Flushes a writable mapping, closes and frees everything: 0, or -1. After a flush that failed the handle is still
+// open, to be closed once more or to be discarded; when the descriptor alone could not be closed, the handle is gone,
+// what was written is on the disk, and errno tells. `still_open`, if given, learns which of the two; only a handle
+// opened read-write can stay open.
+int st_warm_slice_close(WARM* handle, bool* still_open = nullptr);
+// Closes and frees everything without a flush.
+void st_warm_slice_discard(WARM* handle);
 
 // Points the handle's body, companion arrays, values reader and flags at a whole slice in memory (a mapping, or the
 // bytes that creation fills). The header must be complete and the memory must reach past the companion arrays. Fails

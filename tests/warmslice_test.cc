@@ -13,6 +13,7 @@
 #include "libzero/endian.h"
 #include "searchthing/warmslice_values.h"
 #include "tests/support/damage.h"
+#include "tests/support/faults.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 
@@ -260,8 +261,18 @@ TEST(WarmSlice, DeletesChangeOneByteAndAreSeenByReaders) {
             ASSERT_EQ(tsval_reader_decode(&reader->tsval_reader, id, &value, false, 0, &rc), 0);
             EXPECT_EQ(value.s, id == 43 ? ST_DELETED_SOURCE : picture.values[id].s);
         }
+        bool still_open = false;
+        {
+            const fault no_flush(fault_call::msync, 1, EIO);
+            EXPECT_EQ(st_warm_slice_close(writer, &still_open), -1);
+            EXPECT_TRUE(still_open);
+        }
         EXPECT_EQ(st_warm_slice_close(writer), 0);
-        EXPECT_EQ(st_warm_slice_close(reader), 0);
+        {
+            const fault no_close(fault_call::close, 1, EIO);
+            EXPECT_EQ(st_warm_slice_close(reader, &still_open), -1);
+            EXPECT_FALSE(still_open);
+        }
         expected[picture.at.d + 5] = static_cast<char>(expected[picture.at.d + 5] | 1 << 3);
         EXPECT_EQ(read_file(path), expected);
     }
