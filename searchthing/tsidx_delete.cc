@@ -10,6 +10,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_lock_internal.h"
+#include "searchthing/tsidx_merge_settle_internal.h"
 #include "searchthing/tsidx_snapshot_internal.h"
 #include "searchthing/warmslice_search.h"
 #include "searchthing/warmslice_values.h"
@@ -153,6 +154,9 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
     try {
         tsidx_lock lock;
         ST_TRY(lock.acquire(tsidx, tsidx->lock_seconds));
+        // Else the sources of a merge that was cut off could come back when the target goes.
+        const int settled = tsidx_settle_merge(tsidx, &tsidx->last_failure);
+        if (settled != 0 && settled != WARM_RC_MANIFEST_EXISTS) return settled;
         return tsidx_over_snapshot(tsidx, find_and_mark);
     } catch (const std::bad_alloc&) {
         return tsidx_fail_no_memory(tsidx);

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <tuple>
 
+#include "searchthing/merge_manifest.h"
+
 namespace veldar {
 
 namespace {
@@ -27,10 +29,15 @@ bool newer(const tsidx_slice_name_t& a, const tsidx_slice_name_t& b) {
     return key(a) > key(b);
 }
 
-// The live slices among the names, in order.
-tsidx_listing_t live_slices(const std::vector<std::string>& names) {
+// The live slices among the names, in order, given the text of the manifest.
+tsidx_listing_t live_slices(const std::vector<std::string>& names, const std::string& manifest_text) {
     tsidx_listing_t live;
     std::vector<std::string_view> hidden;
+    merge_manifest_t manifest;
+    if (merge_manifest_parse(manifest_text, &manifest) &&
+        std::find(names.begin(), names.end(), manifest.target) != names.end()) {
+        hidden.assign(manifest.sources.begin(), manifest.sources.end());
+    }
     for (const std::string& name : names) {
         st_filename_metadata_t meta;
         if (name.ends_with(TSIDX_SENTINEL_SUFFIX)) {
@@ -47,10 +54,16 @@ tsidx_listing_t live_slices(const std::vector<std::string>& names) {
     return live;
 }
 
-int list_once(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
+// `steady` tells whether one manifest, or none, was there all the while. Names that were read while a merge began or
+// ended may show sources and target, or none of them, and so may the names of the next reading.
+int list_once(const char* directory, tsidx_listing_t* listing, bool* steady, warm_rc_t* rc) {
     std::vector<std::string> names;
+    std::string before, after;
+    ST_TRY(merge_manifest_read(directory, MERGE_MANIFEST_NAME, &before, rc));
     ST_TRY(tsidx_read_names(directory, &names, rc));
-    *listing = live_slices(names);
+    ST_TRY(merge_manifest_read(directory, MERGE_MANIFEST_NAME, &after, rc));
+    *steady = before == after;
+    *listing = live_slices(names, before);
     return 0;
 }
 
@@ -81,9 +94,10 @@ int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
     for (int i = 0; i < MAX_TRIES; i++) {
         // The pause is never between two listings that are compared: a busy directory changes in every pause.
         if (i != 0) ::usleep(std::min(FIRST_PAUSE << i, LONGEST_PAUSE));
-        ST_TRY(list_once(directory, listing, rc));
-        ST_TRY(list_once(directory, &again, rc));
-        if (again == *listing) return 0;
+        bool first_steady = false, second_steady = false;
+        ST_TRY(list_once(directory, listing, &first_steady, rc));
+        ST_TRY(list_once(directory, &again, &second_steady, rc));
+        if (first_steady && second_steady && again == *listing) return 0;
     }
     return _set_rc_msg(rc, WARM_RC_RETRIES, "the directory changes faster than it can be listed");
 }

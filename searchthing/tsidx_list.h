@@ -5,6 +5,10 @@
 //   <latest>-<earliest>-<id>.<n>.<writer>.part-tsidx  a live slice, written in part mode
 //   <name of a live slice>.deleted                    a sentinel, which hides that slice
 //   anything else                                     not part of the index: mini slices, slices being written, ...
+//
+// A merge replaces slices by one slice that holds the same events. Its manifest (merge_manifest.h), when it is whole and
+// the target that it names exists, hides the sources that it names: so a merge takes effect in the moment in which the
+// target gets its name, and sources that are still there, or that a crash left behind, are not read a second time.
 #pragma once
 
 #include <string>
@@ -33,8 +37,8 @@ bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 [[nodiscard]] int tsidx_read_names(const char* directory, std::vector<std::string>* names, warm_rc_t* rc);
 
 // The live slices, ordered by latest time descending (then earliest time and id descending). A directory may change
-// while it is read, so it is read twice, until both readings agree: -35 when they do not in 16 tries. -4, -8 as above.
-// May throw std::bad_alloc.
+// while it is read, so it is read twice, until both readings agree and the manifest stayed the same around each: -35
+// when they do not in 16 tries. -4, -8 as above, also for a manifest that cannot be read. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -7,6 +7,7 @@
 //   x.pre-tsidx, whole                         kept and named in a WARN line: it holds the only copy of its events
 //   x.<process>.mini.pre-tsidx                 removed: minify was interrupted
 //   veldar-autogen-params.dat.part.<process>   removed
+//   a merge manifest, whole or not             the merge is finished or undone (tsidx_merge_settle.cc)
 //
 // A file whose process number is in use, or that changed within the last ten minutes, is left alone: process numbers
 // tell nothing about other hosts and containers.
@@ -15,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <ctime>
@@ -22,8 +24,10 @@
 #include <vector>
 
 #include "searchthing/log.h"
+#include "searchthing/merge_manifest.h"
 #include "searchthing/tsidx_internal.h"
 #include "searchthing/tsidx_lock_internal.h"
+#include "searchthing/tsidx_merge_settle_internal.h"
 #include "searchthing/tsidx_minify.h"
 
 namespace veldar {
@@ -155,21 +159,32 @@ void tsidx_recover(TSIDX* tsidx) {
     warm_rc_t rc;
     std::vector<std::string> names;
     std::vector<leftover> found;
+    bool merge = false;
     if (tsidx_read_names(tsidx->path.c_str(), &names, &rc) != 0) return;
     for (const std::string& name : names) {
+        merge = merge || name == MERGE_MANIFEST_NAME || name == MERGE_MANIFEST_TMP_NAME;
         leftover file;
         file.kind = classify(name, &file.meta);
         if (file.kind == NO_LEFTOVER) continue;
         file.path = tsidx->path + "/" + name;
         found.push_back(file);
     }
-    if (found.empty()) return;
+    if (found.empty() && !merge) return;
     // Whoever holds the lock is at work on just these files.
     tsidx_lock lock;
     const bool locked = lock.acquire(tsidx, 0) == 0;
     tsidx->last_failure = {};
     if (!locked) return;
-    for (const leftover& file : found) recover(tsidx, file, names);
+    if (merge && tsidx_settle_merge(tsidx, &rc) != 0 && rc.warm_rc != WARM_RC_MANIFEST_EXISTS) {
+        _log(0, "WARN  a merge that was cut off was not settled. rc=%i, errno=%i, path=%s: %s\n", rc.warm_rc,
+             rc.saved_errno, tsidx->path.c_str(), rc.message);
+    }
+    // What a merge that is at work writes is no sync's.
+    const std::vector<std::string> merging = merge_manifest_temporaries(tsidx->path);
+    for (const leftover& file : found) {
+        const std::string name = file.path.substr(tsidx->path.size() + 1);
+        if (std::find(merging.begin(), merging.end(), name) == merging.end()) recover(tsidx, file, names);
+    }
 }
 
 }  // namespace veldar

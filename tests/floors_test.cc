@@ -24,6 +24,7 @@ const std::map<std::string, int>& floor_table() {
     static const std::map<std::string, int> floors = {
         // 7: the generic handle
         {"st", 7},
+        {"st_optimize", 7},
         // 6: an index directory
         {"health", 6},
         {"tsidx", 6},

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "searchthing/merge_manifest.h"
 #include "searchthing/tsidx_names.h"
 #include "searchthing/warmslice_header.h"
 #include "tools/veldar/command.h"
@@ -122,11 +123,15 @@ void make_store(const std::string& path, bool durable) {
     if (!tool_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
 }
 
-// The greatest address of a slice; false when the file is none, or says nothing about addresses.
-bool slice_address_max(const std::string& path, uint64_t* address) {
+bool is_slice(const std::string& name) {
     st_filename_metadata_t meta;
-    if (st_tsidx_file_parse(path.c_str(), &meta) == 0 || path.ends_with(TSIDX_MINI_SUFFIX)) return false;
+    return st_tsidx_file_parse(name.c_str(), &meta) != 0 && !name.ends_with(TSIDX_MINI_SUFFIX);
+}
+
+// The greatest address of a slice; false when it has been merged meanwhile.
+bool slice_address_max(const std::string& path, uint64_t* address) {
     const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid() && errno == ENOENT) return false;
     if (!fd.valid()) fail_io("cannot open " + path, errno);
     st_warm_slice_body header;
     warm_rc_t rc;
@@ -137,19 +142,30 @@ bool slice_address_max(const std::string& path, uint64_t* address) {
     return true;
 }
 
-// A slice that was never moved into place holds events that count as not loaded: they are loaded again.
-void open_bucket(store* st, store_bucket* bucket) {
+// False when a slice has been merged meanwhile.
+bool look_over_files(store_bucket* bucket) {
     std::vector<std::string> names;
     if (!list_directory(bucket->directory, &names)) fail_io("cannot read " + bucket->directory, errno);
+    const std::vector<std::string> merging = merge_manifest_temporaries(bucket->directory);
     for (const std::string& name : names) {
         const std::string path = bucket->directory + "/" + name;
         uint64_t address = 0;
         if (name.ends_with(TSIDX_PRE_SUFFIX) || name.ends_with(".part")) {
-            if (::unlink(path.c_str()) != 0) fail_io("cannot remove " + path, errno);
-        } else if (slice_address_max(path, &address)) {
+            if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
+            if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove " + path, errno);
+        } else if (is_slice(name)) {
+            if (!slice_address_max(path, &address)) return false;
             bucket->address_max = std::max(bucket->address_max, address);
             bucket->has_slices = true;
         }
+    }
+    return true;
+}
+
+// A slice that was never moved into place holds events that count as not loaded: they are loaded again. The file of a
+// merge holds what is in slices.
+void open_bucket(store* st, store_bucket* bucket) {
+    while (!look_over_files(bucket)) {
     }
     std::string error;
     bucket->map.durable = st->durable;

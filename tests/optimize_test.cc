@@ -1,0 +1,191 @@
+// Merging in directories: the manifest, what readers make of it, and what becomes of merges that were cut off.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+
+#include "libzero/resource.h"
+#include "searchthing/log.h"
+#include "searchthing/merge_manifest.h"
+#include "searchthing/tsidx_delete.h"
+#include "tests/support/directory.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Optimize : public directory_test {};
+
+forge_event event_at(int32_t time) {
+    return {.time = time, .address = static_cast<uint32_t>(time), .terms = {"a"}};
+}
+
+// The file name of a slice with these events, in one piece.
+std::string put_slice(const std::string& path, const std::vector<forge_event>& events) {
+    const std::vector<std::string> before = files_in(path, TSIDX_SUFFIX);
+    const directory_ptr tsidx = open_directory(path);
+    for (const forge_event& event : events) EXPECT_EQ(put_event(tsidx.get(), event), 0);
+    EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    for (const std::string& file : files_in(path, TSIDX_SUFFIX)) {
+        if (std::find(before.begin(), before.end(), file) == before.end()) return fs::path(file).filename();
+    }
+    return {};
+}
+
+merge_manifest_t manifest_of(merge_owner_t owner, std::vector<std::string> sources) {
+    return {std::move(owner), "9-1-5.tsidx", "9-1-5.pre-tsidx", std::move(sources)};
+}
+
+TEST_F(Optimize, ManifestIsBelievedOnlyWhole) {
+    const merge_owner_t owner = merge_owner_self();
+    const std::string text = merge_manifest_text(manifest_of(owner, {"9-3-1.tsidx", "2--1-2.0.7.part-tsidx"}));
+    merge_manifest_t found;
+    ASSERT_TRUE(merge_manifest_parse(text, &found));
+    EXPECT_EQ(found.owner, owner);
+    EXPECT_EQ(found.target, "9-1-5.tsidx");
+    EXPECT_EQ(found.temp, "9-1-5.pre-tsidx");
+    EXPECT_EQ(found.sources, (std::vector<std::string>{"9-3-1.tsidx", "2--1-2.0.7.part-tsidx"}));
+    EXPECT_EQ(text.find(merge_manifest_owner_text(owner)), 0u);
+
+    std::mt19937 random(1);
+    for (size_t i = 0; i < text.size(); i++) {
+        std::string damaged = text;
+        damaged[i] = static_cast<char>(damaged[i] ^ (1 << random() % 8));
+        EXPECT_FALSE(merge_manifest_parse(damaged, &found)) << damaged;
+        EXPECT_FALSE(merge_manifest_parse(text.substr(0, i), &found)) << i;
+        merge_owner_t ignored;
+        static_cast<void>(merge_manifest_parse_owner(damaged, &ignored));
+    }
+    // Right sums over what no merge writes.
+    const std::vector<std::string> many(MERGE_MAX_SOURCES + 1, "9-3-1.tsidx");
+    for (const std::vector<std::string>& sources : {std::vector<std::string>{"9-3-1.tsidx"},
+                                                    many,
+                                                    {"9-3-1.tsidx", "../9-3-2.tsidx"},
+                                                    {"9-3-1.tsidx", "9-1-5.tsidx"},
+                                                    {"9-3-1.tsidx", "9-3-2.mini.tsidx"},
+                                                    {"9-3-1.tsidx", "passwd"}}) {
+        EXPECT_FALSE(merge_manifest_parse(merge_manifest_text(manifest_of(owner, sources)), &found));
+    }
+}
+
+// A process of this host that has ended.
+int64_t process_gone() {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ::waitpid(child, nullptr, 0);
+    return child;
+}
+
+// The files of a merge of two slices, cut off somewhere.
+struct cut_off_merge {
+    temp_dir dir;
+    std::vector<std::string> sources;
+    merge_manifest_t manifest;
+
+    explicit cut_off_merge(bool has_target) {
+        const temp_dir elsewhere;
+        const std::string merged = put_slice(elsewhere.path(), {event_at(1), event_at(2)});
+        sources = {put_slice(dir.path(), {event_at(2)}), put_slice(dir.path(), {event_at(1)})};
+        merge_owner_t owner = merge_owner_self();
+        owner.process = process_gone();
+        manifest = {owner, merged, merged.substr(0, merged.rfind('.')) + TSIDX_PRE_SUFFIX, sources};
+        fs::copy_file(elsewhere.file(merged), dir.file(manifest.temp));
+        if (has_target) fs::create_hard_link(dir.file(manifest.temp), dir.file(merged));
+    }
+    void write(const std::string& text, const char* name = MERGE_MANIFEST_NAME) const {
+        write_file(dir.file(name), text);
+    }
+    std::set<std::string> names() const {
+        std::set<std::string> found;
+        for (const auto& entry : fs::directory_iterator(dir.path())) {
+            if (!entry.path().string().ends_with(".dat")) found.insert(entry.path().filename());
+        }
+        return found;
+    }
+};
+
+TEST_F(Optimize, WhatACrashLeavesIsReadOnceAndSettled) {
+    const std::vector<event_key> both = {{2, 2}, {1, 1}};
+    const auto count = [](const std::string& path) {
+        uint64_t events = 0;
+        EXPECT_EQ(st_tsidx_event_count(open_for_reading(path).get(), nullptr, &events), 0);
+        return events;
+    };
+    for (const bool has_target : {false, true}) {
+        for (const bool sources_gone : {false, true}) {
+            if (sources_gone && !has_target) continue;
+            SCOPED_TRACE(testing::Message() << has_target << sources_gone);
+            const cut_off_merge merge(has_target);
+            merge.write(merge_manifest_text(merge.manifest));
+            if (sources_gone) fs::remove(merge.dir.file(merge.sources[0]));
+            EXPECT_EQ(query_keys(open_for_reading(merge.dir.path()).get(), "[AND a]"), both);
+            EXPECT_EQ(count(merge.dir.path()), 2u);
+            EXPECT_TRUE(fs::exists(merge.dir.file(merge.manifest.temp))) << "a reader changes nothing";
+            open_directory(merge.dir.path());
+            const std::set<std::string> sources(merge.sources.begin(), merge.sources.end());
+            EXPECT_EQ(merge.names(), has_target ? std::set<std::string>{merge.manifest.target} : sources);
+            EXPECT_EQ(count(merge.dir.path()), 2u);
+        }
+    }
+    // Deletes through a handle that was open before the crash: nothing comes back.
+    const cut_off_merge merge(true);
+    const directory_ptr before = open_directory(merge.dir.path());
+    merge.write(merge_manifest_text(merge.manifest));
+    const st_addr_t addresses[] = {1, 2};
+    EXPECT_EQ(st_tsidx_delete_by_addr(before.get(), addresses, 2), 2);
+    EXPECT_EQ(count(merge.dir.path()), 0u);
+    EXPECT_EQ(merge.names(), std::set<std::string>{});
+}
+
+TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
+    const merge_owner_t self = merge_owner_self();
+    struct {
+        const char* what;
+        merge_owner_t owner;
+        bool locked, old, undone;
+    } const table[] = {
+        {"a process that ended", {1, self.boot, self.host}, false, false, true},
+        {"one at work, somewhere on this machine", {1, self.boot, "container"}, true, true, false},
+        {"one in a container that is gone", {1, self.boot, "container"}, false, false, true},
+        {"before the machine was started", {1, "other", self.host}, false, false, true},
+        {"another machine", {1, "other", "elsewhere"}, false, false, false},
+        {"another machine, a day ago", {1, "other", "elsewhere"}, false, true, true},
+    };
+    for (const auto& row : table) {
+        for (const char* name : {MERGE_MANIFEST_NAME, MERGE_MANIFEST_TMP_NAME}) {
+            SCOPED_TRACE(testing::Message() << row.what << " " << name);
+            cut_off_merge merge(false);
+            merge.manifest.owner = row.owner;
+            merge.write(merge_manifest_text(merge.manifest), name);
+            const unique_fd fd(::open(merge.dir.file(name).c_str(), O_RDWR | O_CLOEXEC));
+            if (row.locked) {
+                ASSERT_EQ(::flock(fd.get(), LOCK_EX), 0);
+            }
+            const timespec times[2] = {{.tv_sec = 1000000000, .tv_nsec = 0}, {.tv_sec = 1000000000, .tv_nsec = 0}};
+            if (row.old) {
+                ASSERT_EQ(::futimens(fd.get(), times), 0);
+            }
+            open_directory(merge.dir.path());
+            EXPECT_EQ(fs::exists(merge.dir.file(name)), !row.undone);
+            EXPECT_EQ(fs::exists(merge.dir.file(merge.manifest.temp)), !row.undone);
+            EXPECT_EQ(query_keys(open_for_reading(merge.dir.path()).get(), "[AND a]").size(), 2u);
+        }
+    }
+    const cut_off_merge merge(false);
+    merge.write(merge_manifest_text(merge.manifest) + "x");
+    stSetupLogger(0, 1);
+    testing::internal::CaptureStderr();
+    open_directory(merge.dir.path());
+    const std::string log = testing::internal::GetCapturedStderr();
+    stSetupLogger(0, 0);
+    EXPECT_NE(log.find("WARN  a damaged merge manifest was set aside"), std::string::npos) << log;
+}
+
+}  // namespace
+}  // namespace veldar
