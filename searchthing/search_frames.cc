@@ -72,7 +72,7 @@ int _all_match_result_bitmap(conjunction_context* context, query_result_t* resul
     if (!all.alloc(_calc_bitmap_size(context->range.begin, context->range.end))) {
         return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "malloc failed in _all_match_result_bitmap");
     }
-    range_bitmap_fill(all.data(), context->range);
+    ST_TRY(_set_everything(context, all.data()));
     result->bitmap = std::move(all);
     result->tsval_list_capacity = context->bufcap;
     return 0;

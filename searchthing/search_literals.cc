@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <memory>
 #include <new>
 
 #include "searchthing/bitmap.h"
 #include "searchthing/search_terms.h"
+#include "searchthing/warmslice_runs.h"
 
 namespace veldar {
 
@@ -332,30 +334,31 @@ int guarded(conjunction_context* context, query_result_t* result, Operation oper
     return status;
 }
 
-// Binary search for the first value id whose time is below the bound: values are newest first.
-// With `at_most`, a value equal to the bound counts as below it.
-int first_value_before(conjunction_context* context, const st_timeval_t& bound, bool at_most, uint32_t* out) {
-    WARM* warm = context->handle;
-    uint32_t low = 0;
-    uint32_t high = context->bufcap;
-    while (low < high) {
-        const uint32_t middle = low + (high - low) / 2;
-        st_time_t seconds = 0;
-        uint64_t nanoseconds = 0;
-        ST_TRY(tsval_reader_decode_time(&warm->tsval_reader, middle, &seconds, &nanoseconds, &context->rc));
-        bool below = seconds < bound.time_s;
-        if (seconds == bound.time_s) {
-            below = warm->has_subseconds ? nanoseconds < bound.time_ns || (at_most && nanoseconds == bound.time_ns)
-                                         : at_most;
-        }
-        if (below) {
-            high = middle;
-        } else {
-            low = middle + 1;
-        }
-    }
-    *out = low;
+// Between the numbers of a context over runs and those that callers without one see. Both begin at 0, so that a bitmap
+// over runs is the head of one over all values.
+void narrow_to_runs(const conjunction_context& context, id_range_t* range) {
+    if (warm_slice_has_runs(context.handle)) range->end = std::min(range->end, context.bufcap);
+}
+
+int widen_bitmap(uint32_t values, buffer<uint8_t>* bitmap, warm_rc_t* rc) {
+    if (bitmap->empty()) return 0;
+    buffer<uint8_t> wide;
+    ST_TRY(range_bitmap_alloc(&wide, {.begin = 0, .end = values}, rc));
+    std::memcpy(wide.data(), bitmap->data(), std::min(bitmap->size(), wide.size()));
+    *bitmap = std::move(wide);
     return 0;
+}
+
+int widen_from_runs(conjunction_context* context, id_range_t* range, query_result_t* result) {
+    WARM* const warm = context->handle;
+    if (!warm_slice_has_runs(warm)) return 0;
+    const uint32_t values = st_warm_slice_values(warm);
+    if (range->end == context->bufcap) range->end = values;
+    if (result->tsval_list.empty() && result->tsval_list_capacity == context->bufcap) {
+        result->tsval_list_capacity = values;
+    }
+    ST_TRY(widen_bitmap(values, &result->bitmap, &context->rc));
+    return widen_bitmap(values, &result->not_bitmap, &context->rc);
 }
 
 }  // namespace
@@ -367,7 +370,7 @@ void _reset_result(query_result_t* result) {
 void conjunction_context_open(conjunction_context* context, WARM* warm, const st_timeval_t* earliest,
                               const st_timeval_t* latest, st_query_info_t* info) {
     context->handle = warm;
-    context->bufcap = st_warm_slice_values(warm);
+    context->bufcap = warm_slice_has_runs(warm) ? warm_slice_runs(warm) : st_warm_slice_values(warm);
     context->earliest = *earliest;
     context->latest = *latest;
     context->info = info;
@@ -381,11 +384,16 @@ void conjunction_context_close(conjunction_context* context) {
 int _find_first_if_needed(conjunction_context* context) {
     id_range_t& range = context->range;
     if (range.computed) return 0;
-    // No upper bound is spelled 0x7fffffff with no nanoseconds; it must not cut off the nanoseconds of that second.
-    st_timeval_t latest = context->latest;
-    if (latest.time_s == INT_MAX && latest.time_ns == 0) latest.time_ns = 999999999;
-    ST_TRY(first_value_before(context, latest, true, &range.begin));
-    ST_TRY(first_value_before(context, context->earliest, false, &range.end));
+    WARM* const warm = context->handle;
+    if (st_warm_slice_is_msidx_with_dimsets(warm->body)) {
+        range = {.begin = 0, .end = context->bufcap, .begin_preamble = 0, .computed = true};
+        context->covers_slice = warm_slice_within(warm, context->earliest, context->latest);
+        return 0;
+    }
+    const uint32_t values = context->bufcap;
+    const st_timeval_t latest = warm_upper_bound(context->latest);
+    ST_TRY(warm_slice_first_before(warm, 0, values, latest, true, &range.begin, &context->rc));
+    ST_TRY(warm_slice_first_before(warm, 0, values, context->earliest, false, &range.end, &context->rc));
     range.begin = std::min(range.begin, range.end);  // bounds that are the wrong way round hold nothing
     range.begin_preamble = 0;
     range.computed = true;
@@ -404,6 +412,15 @@ int _or_group(conjunction_context* context, const literal_group& group, query_re
     return guarded(context, result, [&] { return or_group(context, group, result); });
 }
 
+int _set_everything(conjunction_context* context, uint8_t* bitmap) {
+    if (!warm_slice_has_runs(context->handle) || context->handle->lexicon == nullptr) {
+        range_bitmap_fill(bitmap, context->range);
+        return 0;
+    }
+    for (const char* metrics : {" metric_name::*", "metric_name::*"}) ST_TRY(or_literal(context, metrics, bitmap));
+    return 0;
+}
+
 int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
                  const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_timeval_t* earliest_out,
                  st_timeval_t* latest_out, bool is_exact, st_query_info_t* info, warm_rc_t* rc) {
@@ -412,7 +429,8 @@ int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missin
     conjunction_context_open(context.get(), warm, earliest, latest, info);
     context->neq_matches_missing = neq_matches_missing;
     context->range = *range;
-    const int status = _and_group(context.get(), group, is_exact, result, earliest_out, latest_out);
+    narrow_to_runs(*context, &context->range);
+    int status = _and_group(context.get(), group, is_exact, result, earliest_out, latest_out);
     const bool computed_here = !range->computed && context->range.computed;
     if (status == 0 && computed_here) {
         *range = context->range;
@@ -423,6 +441,8 @@ int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missin
             range->end = result->tsval_list[result->tsval_list_capacity - 1] + 1;
         }
     }
+    if (status == 0) status = widen_from_runs(context.get(), range, result);
+    if (status != 0) _reset_result(result);
     conjunction_context_close(context.get());
     return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
 }
@@ -436,8 +456,11 @@ int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing
     conjunction_context_open(context.get(), warm, earliest, latest, info);
     context->neq_matches_missing = neq_matches_missing;
     context->range = *range;
-    const int status = _or_group(context.get(), group, result);
+    narrow_to_runs(*context, &context->range);
+    int status = _or_group(context.get(), group, result);
     if (status == 0) *range = context->range;
+    if (status == 0) status = widen_from_runs(context.get(), range, result);
+    if (status != 0) _reset_result(result);
     conjunction_context_close(context.get());
     return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
 }

@@ -4,6 +4,11 @@
 // 8, least significant first, stands for begin + i), or as "everything in the range". Values are numbered newest first,
 // so a time range is one run of numbers. Bitmaps are allocated with _calc_bitmap_size(begin, end), which covers bit
 // `end`, and every bit from `end` on is 0 at all times.
+//
+// Metric slices with runs (warmslice_runs.h): their lists hold run numbers, so that a query is evaluated over runs, the
+// numbers [0, runs), whatever the time bounds; which values of the selected runs lie inside them is a matter of the
+// answers (search_runs.h). What callers without a context see is the range [0, number of values), in which bits and ids
+// from the number of runs on never occur. Older metric slices with dimension sets have the range of all values too.
 #pragma once
 
 #include <cstdint>
@@ -39,7 +44,7 @@ struct literal_group {
 
 // The result of one group: exactly one of
 //   nothing      capacity 0, no list, no bitmap
-//   a list       capacity = its length, below the slice's value count
+//   a list       capacity = its length, below the slice's value count (here the context's `bufcap`)
 //   a bitmap     capacity = the value count (AND) or 0 (OR)
 //   everything   capacity = the value count, no list, no bitmap
 // and, from AND groups only, a bitmap of the values that negative literals exclude.
@@ -65,7 +70,7 @@ struct term_lookup_t {
 // looked up again, and one posting reader serves every list.
 struct conjunction_context {
     WARM* handle = nullptr;
-    uint32_t bufcap = 0;    // the slice's value count
+    uint32_t bufcap = 0;    // the slice's value count; with runs, their number
     st_timeval_t earliest;  // the query's bounds, inclusive
     st_timeval_t latest;
     bool neq_matches_missing = false;
@@ -86,7 +91,8 @@ void conjunction_context_open(conjunction_context* context, WARM* warm, const st
                               const st_timeval_t* latest, st_query_info_t* info);
 void conjunction_context_close(conjunction_context* context);
 
-// The run of value numbers whose times lie in the context's bounds, found by two binary searches, once. 0 or a status.
+// The run of value numbers whose times lie in the context's bounds, found by two binary searches, once; all of them in
+// metric slices with dimension sets. 0 or a status.
 int _find_first_if_needed(conjunction_context* context);
 
 // The group's positive literals and comparisons ANDed over the context's range; its negative literals become the
@@ -98,6 +104,10 @@ int _and_group(conjunction_context* context, const literal_group& group, bool ex
 
 // The group's literals, comparisons and negated literals ORed into the result's bitmap (made when there is none).
 int _or_group(conjunction_context* context, const literal_group& group, query_result_t* result);
+
+// Sets the bits of everything that the range holds. In a slice with runs those are the runs that measure something, by
+// way of the terms that name metrics.
+int _set_everything(conjunction_context* context, uint8_t* bitmap);
 
 // The same two operations for callers without a context. `range` is read when it is computed and filled when not; a
 // conjunction that ran over a range computed here writes the narrowed range back.

@@ -13,6 +13,7 @@
 
 #include "searchthing/matcher.h"
 #include "searchthing/warmslice_meta.h"
+#include "searchthing/warmslice_runs.h"
 
 namespace veldar {
 
@@ -36,12 +37,21 @@ bool knows_times(const WARM* warm) {
     return warm_header_meta_type(warm->body) != META_COUNT_ONLY;
 }
 
+// An upper bound of the numbers in a term's list, exact for a term that is in all of them. In a slice with runs the
+// record counts values, and a term that is missing from one value is missing from a run.
+uint32_t list_length(const conjunction_context* context, uint32_t count) {
+    const WARM* const warm = context->handle;
+    const uint32_t runs = warm_slice_runs(warm);
+    if (runs == 0) return std::min(count, context->bufcap);
+    return count >= st_warm_slice_values(warm) - runs ? runs : std::min(count, runs - 1);
+}
+
 int read_term(conjunction_context* context, uint32_t id, term_lookup_t* out) {
     st_term_metadata record = {};
     ST_TRY(warm_slice_term_metadata(context->handle, id, context->info, &record, &context->rc));
     out->exists = true;
     out->id = id;
-    out->count = std::min(record.count, context->bufcap);
+    out->count = list_length(context, record.count);
     const bool known = knows_times(context->handle);
     out->earliest = known ? static_cast<st_time_t>(record.earliest) : INT_MIN;
     out->latest = known ? static_cast<st_time_t>(record.latest) : INT_MAX;

@@ -6,6 +6,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/plist.h"
 #include "searchthing/search_frames.h"
+#include "searchthing/search_runs.h"
 #include "searchthing/tsidx_read.h"
 #include "searchthing/tsidx_snapshot_internal.h"
 #include "searchthing/tsval_order.h"
@@ -25,6 +26,11 @@ bool before(const st_tsval& a, const st_tsval& b) {
     return st_tsval_compare(&a, &b) < 0;
 }
 
+// Events of metrics are told apart by their dimension sets, which a value record does not hold.
+bool may_repeat(const WARM* warm) {
+    return !st_warm_slice_is_msidx(warm->body);
+}
+
 // The newest distinct events of several slices, in the caller's array. What slices add waits until it is a quarter of
 // what is held, so that many small overlapping slices do not move a large answer for each of them.
 class newest_events {
@@ -34,6 +40,9 @@ class newest_events {
     bool full() const { return held_ == capacity_; }
     // Of the answers held; a lower bound of what the final answers reach back to once `full`.
     st_time_t oldest() const { return answers_[held_ - 1].time; }
+
+    // Whether an event may lie in several slices from here on.
+    void may_repeat(bool repeats) { repeats_ = repeats; }
 
     // Newest first, from a slice not newer than those before it.
     void add(const st_tsval* events, size_t count) {
@@ -60,7 +69,8 @@ class newest_events {
         while (merged_.size() < capacity_ && (held != held_end || next != waiting_.end())) {
             const bool take_held = held != held_end && (next == waiting_.end() || !before(*next, *held));
             const st_tsval& event = take_held ? *held++ : *next++;
-            if (merged_.empty() || !same_event(merged_.back(), event)) merged_.push_back(event);
+            const bool repeated = repeats_ && !merged_.empty() && same_event(merged_.back(), event);
+            if (!repeated) merged_.push_back(event);
         }
         std::copy(merged_.begin(), merged_.end(), answers_);
         held_ = static_cast<uint32_t>(merged_.size());
@@ -70,6 +80,7 @@ class newest_events {
     st_tsval* answers_;
     uint32_t capacity_;
     uint32_t held_ = 0;
+    bool repeats_ = true;
     std::vector<st_tsval> waiting_, merged_;
 };
 
@@ -99,7 +110,10 @@ int gather(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers
                 const int count = search(warm, from, found.data(), static_cast<uint32_t>(wanted), &rc);
                 if (count < 0) return snapshot.fail(i, rc);
                 const uint32_t held = static_cast<uint32_t>(count);
-                if (held == wanted && wanted < values && count_distinct(found.data(), held) < capacity) continue;
+                const bool repeats = may_repeat(warm);
+                const bool may_hold_more = repeats && held == wanted && wanted < values;
+                if (may_hold_more && count_distinct(found.data(), held) < capacity) continue;
+                newest.may_repeat(repeats);
                 newest.add(found.data(), held);
                 return 0;
             }
@@ -121,10 +135,29 @@ struct list_reader {
     ~list_reader() { close_plist_reader(&reader); }
 };
 
+// The newest events of the positioned list in a metric slice with dimension sets.
+int get_unordered(WARM* warm, plist_reader* list, st_time_t earliest, st_time_t latest, st_tsval* events,
+                  uint32_t wanted, warm_rc_t* rc) {
+    run_merge_t merge;
+    run_merge_open(&merge, warm, {earliest, 0}, {latest, 999999999});
+    uint32_t id = 0, run = 0, count = 0;
+    while (true) {
+        ST_TRY(_next(list, &id, rc));
+        if (id == PLIST_END) break;
+        ST_TRY(run_merge_add(&merge, id, rc));
+    }
+    run_merge_start(&merge);
+    while (count < wanted && run_merge_peek(&merge, &id, &run)) {
+        ST_TRY(tsval_reader_decode(&warm->tsval_reader, id, &events[count], false, 0, rc));
+        count += events[count].s != ST_DELETED_SOURCE ? 1 : 0;
+        ST_TRY(run_merge_pass(&merge, rc));
+    }
+    return static_cast<int>(count);
+}
+
 // The newest events of one exact term.
 int get_in_slice(WARM* warm, const char* term, st_time_t earliest, st_time_t latest, st_tsval* events, uint32_t wanted,
                  warm_rc_t* rc) {
-    if (st_warm_slice_is_msidx(warm->body)) return _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "metric slice");
     if (!st_warm_slice_has_fclex(warm)) return _set_rc_msg(rc, WARM_RC_MINIFIED, "minified slice");
     uint32_t term_id = 0;
     const int found = _fclex_get_with_status(warm->lexicon, term, &term_id, nullptr, rc);
@@ -134,6 +167,9 @@ int get_in_slice(WARM* warm, const char* term, st_time_t earliest, st_time_t lat
     uint32_t id = 0, first = 0;
     ST_TRY(_init_reader(&list.reader, warm, 1, nullptr, rc));
     ST_TRY(_seek_reader(&list.reader, term_id, rc));
+    if (st_warm_slice_is_msidx_with_dimsets(warm->body)) {
+        return get_unordered(warm, &list.reader, earliest, latest, events, wanted, rc);
+    }
     ST_TRY(tsidx_first_not_later(warm, 0, latest, &first, rc));
     uint32_t count = 0;
     for (int status = _seek(&list.reader, first, &id, rc);; status = _next(&list.reader, &id, rc)) {
@@ -146,9 +182,30 @@ int get_in_slice(WARM* warm, const char* term, st_time_t earliest, st_time_t lat
     return static_cast<int>(count);
 }
 
+// Whether a query that matches an event answers with it.
+bool is_answer(const st_query_spec* query, const st_tsval& event) {
+    if (event.s == ST_DELETED_SOURCE) return false;
+    return query->cumspan == 0 || static_cast<uint32_t>(event.time) % query->cumspan == 0;
+}
+
+template <typename Visit>
+int visit_unordered(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t* rc) {
+    run_merge_t merge;
+    ST_TRY(warm_slice_merge_runs(warm, query, &merge, rc));
+    uint32_t id = 0, run = 0;
+    while (run_merge_peek(&merge, &id, &run)) {
+        st_tsval event;
+        ST_TRY(tsval_reader_decode(&warm->tsval_reader, id, &event, false, 0, rc));
+        if (is_answer(query, event) && !visit(event)) return 0;
+        ST_TRY(run_merge_pass(&merge, rc));
+    }
+    return 0;
+}
+
 // Hands the matching events of one slice to `visit`, newest first, until it returns false. 0 or a status.
 template <typename Visit>
 int visit_matches(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t* rc) {
+    if (st_warm_slice_is_msidx_with_dimsets(warm->body)) return visit_unordered(warm, query, visit, rc);
     bitmap_and_bounds_t found;
     uint64_t count = 0;
     ST_TRY(query_to_bitmap_and_bounds(warm, query, &found, &count, rc));
@@ -160,9 +217,7 @@ int visit_matches(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t
         count--;
         st_tsval event;
         ST_TRY(tsval_reader_decode(&warm->tsval_reader, begin + bit, &event, false, 0, rc));
-        if (event.s == ST_DELETED_SOURCE) continue;
-        if (query->cumspan != 0 && static_cast<uint32_t>(event.time) % query->cumspan != 0) continue;
-        if (!visit(event)) return 0;
+        if (is_answer(query, event) && !visit(event)) return 0;
     }
     return 0;
 }

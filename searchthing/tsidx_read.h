@@ -24,9 +24,10 @@ namespace veldar {
 
 // Writes the newest `capacity` events that match, newest first, then by address descending, to `answers` (the
 // caller's). An event that lies in several slices, that is, one time and address, is written once, as the newest of the
-// slices has it. Slices are searched newest first and only as far as they can matter. Returns the number of answers;
-// -20 to -23, -18, -25 or -37 for a text that is no query, -17 for a metric slice, or a slice's status; after a failure
-// the answers mean nothing. With `is_exact` 0 the answers are a superset of the match (warmslice_search.h).
+// slices has it; events of metric slices, which say nothing of their dimensions and measures here (tsidx_metric.h), are
+// written as often as they occur. Slices are searched newest first and only as far as they can matter. Returns the
+// number of answers; -20 to -23, -18, -25 or -37 for a text that is no query, or a slice's status; after a failure the
+// answers mean nothing. With `is_exact` 0 the answers are a superset of the match (warmslice_search.h).
 int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity, int is_exact);
 
 // The newest `capacity` events that contain exactly this term ("*" is a character like any other), as st_tsidx_query

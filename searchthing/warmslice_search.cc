@@ -7,6 +7,7 @@
 
 #include "libzero/endian.h"
 #include "searchthing/search_frames.h"
+#include "searchthing/search_runs.h"
 #include "searchthing/warmslice_meta.h"
 
 namespace veldar {
@@ -27,9 +28,6 @@ struct slice_search {
 };
 
 int open_search(WARM* warm, const st_query_spec* query, std::unique_ptr<slice_search>* out, warm_rc_t* rc) {
-    if (st_warm_slice_is_msidx(warm->body)) {
-        return _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "metric slices cannot be searched yet");
-    }
     if (query->lispy == nullptr) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "a query without text");
     out->reset(new (std::nothrow) slice_search);
     if (*out == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
@@ -40,7 +38,7 @@ int open_search(WARM* warm, const st_query_spec* query, std::unique_ptr<slice_se
     search->query = query;
     if (_find_first_if_needed(&search->context) != 0) return _cpy_rc(rc, &search->context.rc);
     search->report.range_begin = search->context.range.begin;
-    search->report.range_end = search->context.range.end;
+    search->report.range_end = warm_slice_has_runs(warm) ? st_warm_slice_values(warm) : search->context.range.end;
     return 0;
 }
 
@@ -91,13 +89,15 @@ visit_t visit_result(const conjunction_context& context, const query_result_t& r
 // Signed comparison of a value's time with a bound: whole seconds when the slice keeps no more.
 int compare_time(const WARM* warm, const st_tsval& value, const st_timeval_t& bound) {
     if (value.time != bound.time_s) return value.time < bound.time_s ? -1 : 1;
-    if (!warm->has_subseconds || value.subsecond == bound.time_ns) return 0;
+    if (!warm_slice_keeps_subseconds(warm) || value.subsecond == bound.time_ns) return 0;
     return value.subsecond < bound.time_ns ? -1 : 1;
 }
 
-bool later_than_latest(const WARM* warm, const st_tsval& value, const st_timeval_t& latest) {
-    const bool unbounded = latest.time_s == INT32_MAX && latest.time_ns == 0;
-    return !unbounded && compare_time(warm, value, latest) > 0;
+// Whether a value that the search has decoded is an answer: not deleted, and on the cumulative span.
+bool is_answer(const slice_search* search, const st_tsval& value) {
+    const uint32_t cumspan = search->query->cumspan;
+    if (value.s == ST_DELETED_SOURCE) return false;
+    return cumspan == 0 || static_cast<uint32_t>(value.time) % cumspan == 0;
 }
 
 // Decodes the ids of one window's result into answers until `capacity` are held.
@@ -105,18 +105,17 @@ visit_t _bitmap2answers(slice_search* search, const query_result_t& result, st_t
                         uint32_t* held) {
     conjunction_context& context = search->context;
     WARM* warm = context.handle;
-    const uint32_t cumspan = search->query->cumspan;
+    const st_timeval_t latest = warm_upper_bound(context.latest);
     return visit_result(context, result, [&](uint32_t id) {
         st_tsval& value = answers[*held];
         search->report.values_decoded++;
         if (tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &context.rc) != 0) return VISIT_FAILED;
-        if (later_than_latest(warm, value, context.latest)) {
+        if (compare_time(warm, value, latest) > 0) {
             _set_rc_verbose(&context.rc, WARM_RC_CORRUPT, id, "a value is later than the ones before it");
             return VISIT_FAILED;
         }
         if (compare_time(warm, value, context.earliest) < 0) return VISIT_STOP;
-        if (value.s == ST_DELETED_SOURCE) return VISIT_ON;
-        if (cumspan != 0 && static_cast<uint32_t>(value.time) % cumspan != 0) return VISIT_ON;
+        if (!is_answer(search, value)) return VISIT_ON;
         return ++*held == capacity ? VISIT_STOP : VISIT_ON;
     });
 }
@@ -139,6 +138,66 @@ int search_windows(slice_search* search, st_tsval* answers, uint32_t capacity, b
         window = context.lists_read - lists_before > MANY_LISTS ? whole.size() : window * WINDOW_GROWTH;
     } while (context.range.begin < whole.end);
     return 0;
+}
+
+// In a metric slice with dimension sets the numbers that a query yields are not in time order: runs, or the values of a
+// slice without runs.
+bool is_unordered(const WARM* warm) {
+    return st_warm_slice_is_msidx_with_dimsets(warm->body);
+}
+
+// Evaluates the query and gives every number of the result to `visit`, which returns 0 to go on.
+template <typename Visit>
+int visit_unordered(slice_search* search, bool exact, Visit visit) {
+    conjunction_context& context = search->context;
+    query_result_t result;
+    ST_TRY(evaluate_query(&context, search->query, exact, &result));
+    search->report.windows++;
+    if (context.range.empty()) return 0;
+    ST_TRY(_frame2bitmap(&context, &result));
+    int status = 0;
+    visit_bits(result.bitmap.data(), nullptr, context.range, [&](uint32_t id) {
+        status = visit(id);
+        return status == 0 ? VISIT_ON : VISIT_FAILED;
+    });
+    return status;
+}
+
+int merge_unordered(slice_search* search, bool exact, run_merge_t* merge) {
+    conjunction_context& context = search->context;
+    run_merge_open(merge, context.handle, context.earliest, context.latest);
+    ST_TRY(visit_unordered(search, exact, [&](uint32_t id) { return run_merge_add(merge, id, &context.rc); }));
+    run_merge_start(merge);
+    return 0;
+}
+
+int search_unordered(slice_search* search, st_tsval* answers, uint32_t capacity, bool exact, uint32_t* held) {
+    conjunction_context& context = search->context;
+    run_merge_t merge;
+    ST_TRY(merge_unordered(search, exact, &merge));
+    uint32_t id = 0;
+    uint32_t run = 0;
+    while (*held < capacity && run_merge_peek(&merge, &id, &run)) {
+        st_tsval& value = answers[*held];
+        search->report.values_decoded++;
+        ST_TRY(tsval_reader_decode(&context.handle->tsval_reader, id, &value, false, 0, &context.rc));
+        *held += is_answer(search, value) ? 1 : 0;
+        ST_TRY(run_merge_pass(&merge, &context.rc));
+    }
+    return 0;
+}
+
+int count_unordered(slice_search* search, uint64_t* count) {
+    conjunction_context& context = search->context;
+    run_merge_t merge;
+    run_merge_open(&merge, context.handle, context.earliest, context.latest);
+    return visit_unordered(search, true, [&](uint32_t id) {
+        uint32_t first = 0;
+        uint32_t end = 0;
+        ST_TRY(run_merge_bounds(&merge, id, &first, &end, &context.rc));
+        *count += end > first ? end - first : 0;
+        return 0;
+    });
 }
 
 bool is_deleted(const WARM* warm, uint32_t id) {
@@ -170,6 +229,7 @@ bool count_from_metadata(slice_search* search, uint64_t* count, int* status) {
 
 int count_matches(slice_search* search, uint64_t* count) {
     int status = 0;
+    if (is_unordered(search->context.handle)) return count_unordered(search, count);
     if (count_from_metadata(search, count, &status)) return status;
     conjunction_context& context = search->context;
     query_result_t result;
@@ -187,6 +247,16 @@ int count_matches(slice_search* search, uint64_t* count) {
         found = range_bitmap_count(result.bitmap.data(), context.range);
     }
     *count = found;
+    return 0;
+}
+
+// A bitmap over runs is the head of one over all values, whose bits from the number of runs on are 0.
+int widen_to_values(const WARM* warm, bitmap_and_bounds_t* found, warm_rc_t* rc) {
+    buffer<uint8_t> wide;
+    found->end = st_warm_slice_values(warm);
+    if (!wide.alloc(_calc_bitmap_size(0, found->end))) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "failed alloc bitmap");
+    std::memcpy(wide.data(), found->bm.data(), std::min(wide.size(), found->bm.size()));
+    found->bm = std::move(wide);
     return 0;
 }
 
@@ -215,8 +285,10 @@ int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers,
         return _set_rc(rc, status);
     }
     uint32_t held = 0;
-    ST_TRY(guarded(search.get(), report, rc,
-                   [&] { return search_windows(search.get(), answers, capacity, is_exact, &held); }));
+    ST_TRY(guarded(search.get(), report, rc, [&] {
+        return is_unordered(warm) ? search_unordered(search.get(), answers, capacity, is_exact, &held)
+                                  : search_windows(search.get(), answers, capacity, is_exact, &held);
+    }));
     return static_cast<int>(held);
 }
 
@@ -252,8 +324,15 @@ int query_to_bitmap_and_bounds(WARM* warm, const st_query_spec* query, bitmap_an
         bitmap_and_bounds->begin_preamble = context.range.begin_preamble;
         *match_count = range_bitmap_count(result.bitmap.data(), context.range);
         bitmap_and_bounds->bm = std::move(result.bitmap);
-        return 0;
+        return warm_slice_has_runs(warm) ? widen_to_values(warm, bitmap_and_bounds, &context.rc) : 0;
     });
+}
+
+int warm_slice_merge_runs(WARM* warm, const st_query_spec* query, run_merge_t* merge, warm_rc_t* rc) {
+    ST_ASSERT(is_unordered(warm));
+    std::unique_ptr<slice_search> search;
+    ST_TRY(open_search(warm, query, &search, rc));
+    return guarded(search.get(), nullptr, rc, [&] { return merge_unordered(search.get(), true, merge); });
 }
 
 }  // namespace veldar

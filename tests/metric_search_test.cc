@@ -7,7 +7,10 @@
 
 #include "searchthing/warmslice_meta.h"
 #include "searchthing/warmslice_runs.h"
+#include "searchthing/warmslice_search.h"
 #include "tests/support/forge_metric.h"
+#include "tests/support/query_maker.h"
+#include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -80,6 +83,137 @@ TEST(MetricSlice, RunsValuesAndCountsAreThoseOfTheForge) {
                 ASSERT_EQ(computed.count, stored.count);
                 ASSERT_EQ(computed.earliest, stored.earliest);
                 ASSERT_EQ(computed.latest, stored.latest);
+            }
+        }
+    }
+}
+
+// The events as the reference takes them: an event has the terms of its set, and `s` names it.
+std::vector<forge_event> as_plain_events(const std::vector<forge_metric_event>& events, bool milliseconds) {
+    std::vector<forge_event> out;
+    for (const forge_metric_event& event : events) {
+        forge_event plain{.time = event.time, .s = event.s, .terms = {}};
+        if (milliseconds) plain.address = event.milliseconds;
+        plain.terms = event.dimensions;
+        for (const auto& [name, value] : event.measures) plain.terms.push_back(name);
+        out.push_back(std::move(plain));
+    }
+    return out;
+}
+
+struct metric_checker {
+    bool milliseconds;
+    reference_index reference;
+    query_maker maker;
+    metric_slice slice;
+
+    metric_checker(const std::vector<forge_metric_event>& events, const forge_metric_options& options, uint64_t seed)
+        : milliseconds(options.milliseconds),
+          reference(as_plain_events(events, options.milliseconds)),
+          maker(reference, seed),
+          slice(events, options) {}
+
+    // The bounds with fractions of a second: half of them on the time of an event to the nanosecond.
+    st_timeval_t fraction(int32_t seconds) {
+        const uint32_t ms = maker.below(2) == 0 ? reference.values()[maker.below(size())].address : maker.below(1000);
+        return {seconds, seconds == INT32_MIN || seconds == INT32_MAX ? 0 : uint64_t{ms} * 1000000};
+    }
+    uint32_t size() const { return static_cast<uint32_t>(reference.values().size()); }
+
+    bool inside(const forge_event& event, const st_query_spec& query) const {
+        const auto before = [&](int32_t a, uint64_t a_ns, int32_t b, uint64_t b_ns) {
+            return a != b ? a < b : milliseconds && a_ns < b_ns;
+        };
+        const uint64_t ns = uint64_t{event.address} * 1000000;
+        const bool unbounded = query.latest.time_s == INT32_MAX;
+        return !before(event.time, ns, query.earliest.time_s, query.earliest.time_ns) &&
+               (unbounded || !before(query.latest.time_s, query.latest.time_ns, event.time, ns));
+    }
+
+    void check() {
+        const reference_query tree = maker.group(0);
+        const reference_bounds bounds = maker.bounds();
+        const std::string text = tree.notation();
+        st_query_spec query;
+        st_query_init(&query);
+        query.earliest = fraction(bounds.earliest);
+        query.latest = fraction(bounds.latest);
+        query.cumspan = bounds.cumspan;
+        query.lispy = text.c_str();
+        query.opt_a = bounds.neq_matches_missing ? QUERY_NEQ_MATCHES_MISSING : 0;
+        using key = std::pair<uint64_t, uint32_t>;  // time, newest first, and name
+        const auto key_of = [](int32_t time, uint32_t ms, uint32_t name) {
+            return key{~(static_cast<uint64_t>(time) << 10 | ms), name};
+        };
+        std::vector<key> truth;
+        uint64_t matching = 0;
+        for (const uint32_t number : reference.matches(tree, bounds.neq_matches_missing)) {
+            const forge_event& event = reference.values()[number];
+            if (!inside(event, query)) continue;
+            matching++;
+            if (bounds.cumspan != 0 && static_cast<uint32_t>(event.time) % bounds.cumspan != 0) continue;
+            truth.push_back(key_of(event.time, event.address, event.s));
+        }
+        std::sort(truth.begin(), truth.end());
+
+        WARM* const warm = slice.warm.get();
+        std::vector<st_tsval> answers(size() + 1);
+        const auto keys = [&](int found) {
+            std::vector<key> out;
+            for (int i = 0; i < found; i++) {
+                const st_tsval& value = answers[static_cast<size_t>(i)];
+                out.push_back(key_of(value.time, static_cast<uint32_t>(value.subsecond / 1000000), value.s));
+            }
+            return out;
+        };
+        const auto times = [](std::vector<key> of) {
+            for (key& k : of) k.second = 0;
+            return of;
+        };
+        std::vector<key> found = keys(st_warm_slice_search(warm, &query, answers.data(), size() + 1, 1));
+        ASSERT_EQ(times(found), times(truth)) << text;  // in order
+        std::sort(found.begin(), found.end());
+        ASSERT_EQ(found, truth) << text;
+
+        const uint32_t capacity = maker.below(size()) + 1;
+        std::vector<key> newest = times(truth);
+        newest.resize(std::min<size_t>(newest.size(), capacity));
+        ASSERT_EQ(times(keys(st_warm_slice_search(warm, &query, answers.data(), capacity, 1))), newest) << text;
+
+        warm_rc_t rc;
+        uint64_t count = 0, runs = 0, set = 0;
+        ASSERT_EQ(warm_slice_count(warm, &query, &count, nullptr, &rc), 0) << text << rc.message;
+        ASSERT_EQ(count, matching) << text;
+        bitmap_and_bounds_t bits;
+        ASSERT_EQ(query_to_bitmap_and_bounds(warm, &query, &bits, &runs, &rc), 0) << text;
+        ASSERT_EQ(bits.end, st_warm_slice_values(warm));
+        for (uint32_t run = 0; run <= bits.end; run++) {
+            if ((bits.bm[run / 8] >> (run % 8) & 1) == 0) continue;
+            ASSERT_LT(run, slice.picture.runs.size());
+            set++;
+            for (const forge_metric_event& event : slice.picture.runs[run]) {
+                forge_event plain{.time = event.time, .terms = {}};
+                if (milliseconds) plain.address = event.milliseconds;
+                matching -= inside(plain, query) ? 1 : 0;
+            }
+        }
+        ASSERT_EQ(set, runs);
+        ASSERT_EQ(matching, 0u) << text;
+        free_bitmap_and_bounds(&bits);
+    }
+};
+
+TEST(MetricSearch, RandomQueriesEqualBruteForce) {
+    uint64_t seed = 100;
+    for (const forge_metric_options& options : metric_kinds()) {
+        for (const uint32_t size : {1u, 4u, 30u, 120u}) {
+            SCOPED_TRACE(options.name() + " events " + std::to_string(size));
+            seed++;
+            metric_checker checker(forge_random_metrics(seed, size), options, seed);
+            ASSERT_NE(checker.slice.warm, nullptr);
+            for (int i = 0; i < 600; i++) {
+                checker.check();
+                if (HasFatalFailure()) return;
             }
         }
     }

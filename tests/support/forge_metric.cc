@@ -371,7 +371,7 @@ std::vector<forge_metric_event> forge_random_metrics(uint64_t seed, uint32_t cou
         if (below(3) == 0) time += static_cast<int32_t>(below(20));
         event.time = time - static_cast<int32_t>(below(10) == 0 ? below(60) : 0);
         event.milliseconds = below(3) == 0 ? 0 : below(1000);
-        event.s = below(5);
+        event.s = i;  // tells the events of a slice apart
         event.h = below(3);
         const uint32_t host = below(hosts);
         event.dimensions = {" host::web" + std::to_string(host)};

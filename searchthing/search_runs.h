@@ -1,0 +1,51 @@
+// The values of a metric slice that a search selects, newest first.
+//
+// In a metric slice only the values of one run are in time order. A search selects whole runs; what lies inside its
+// time bounds is one stretch of each, found by two binary searches, and a heap of the stretches yields their values
+// newest first, of equal times those of the lower run first. In slices without runs each selected value is a stretch of
+// its own.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "searchthing/warmslice_runs.h"
+
+namespace veldar {
+
+// The values [next, end) of one run.
+struct run_stretch_t {
+    uint32_t next;
+    uint32_t end;
+    uint32_t run;
+    uint64_t newest;  // time of `next`, as a number that grows with it
+};
+
+struct run_merge_t {
+    WARM* warm = nullptr;
+    st_timeval_t earliest;  // inclusive, as is the latest
+    st_timeval_t latest;
+    bool whole = false;               // the bounds hold every value of the slice
+    std::vector<run_stretch_t> heap;  // those with values left
+};
+
+// Begins a merge over an open slice, which must outlive it: nothing is selected yet.
+void run_merge_open(run_merge_t* merge, WARM* warm, const st_timeval_t& earliest, const st_timeval_t& latest);
+// The stretch of a run inside the bounds; of a value, in slices without runs. It may be empty. 0 or a status: -12 for
+// damage, -2.
+[[nodiscard]] int run_merge_bounds(run_merge_t* merge, uint32_t id, uint32_t* first, uint32_t* end, warm_rc_t* rc);
+// Selects a run, or a value. As run_merge_bounds; may throw std::bad_alloc.
+[[nodiscard]] int run_merge_add(run_merge_t* merge, uint32_t id, warm_rc_t* rc);
+// Everything has been selected.
+void run_merge_start(run_merge_t* merge);
+// The newest value that is left, and its run: false when there is none.
+inline bool run_merge_peek(const run_merge_t* merge, uint32_t* value, uint32_t* run) {
+    if (merge->heap.empty()) return false;
+    *value = merge->heap.front().next;
+    *run = merge->heap.front().run;
+    return true;
+}
+// Passes that value. 0 or the failure of reading the time of the one behind it.
+[[nodiscard]] int run_merge_pass(run_merge_t* merge, warm_rc_t* rc);
+
+}  // namespace veldar
