@@ -108,6 +108,11 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
     const bool counted = warm_slice_count(warm, &query, &count, &report, &rc) == 0 && !report.from_metadata;
     const bool selected = query_to_bitmap_and_bounds(warm, &query, &bits, &matches, &rc) == 0;
     free_bitmap_and_bounds(&bits);
+    if (st_warm_slice_is_msidx(warm->body)) {
+        // Bits stand for runs there, and a damaged d bit hides a value from the answers alone.
+        walk_require(!counted || found < 0 || static_cast<uint64_t>(found) <= count);
+        return;
+    }
     // Beyond one window a search may end before it meets the damage.
     if (!selected || st_warm_slice_has_deletes(warm) || st_warm_slice_values(warm) > 4096) return;
     walk_require(!counted || count == matches);
@@ -118,7 +123,8 @@ inline void walk_searches(WARM* warm) {
     if (st_warm_slice_values(warm) > 1 << 16) return;
     for (const char* text :
          {"[AND all]", "[OR h* *e [AND all [NOT *1*]]]", "[AND half [GT bytes 5] [OR x [NOT tenth]]]",
-          "[AND burst tenth [NEQ status 200]]", "[OR [NOT all] [LTE bytes 100]]"}) {
+          "[AND burst tenth [NEQ status 200]]", "[OR [NOT all] [LTE bytes 100]]", "[AND]",
+          "[OR \\ host::web1 [NOT \\ metric_name::cpu]]", "[AND \\ metric_name::* [GT \\ load 3]]"}) {
         walk_query(warm, text, TOKEN_CASE_ASIS);
     }
 }
