@@ -9,7 +9,7 @@
 //   lexicon   front-coded anew, with more terms a block than creation takes
 //   lists     the shortest of the encodings that the target's flags can tell apart
 //
-// Memory: the merged lexicon, at most 28 bytes a merged term, at most 8 bytes a value, and the largest list.
+// Memory: the merged lexicon, about 28 bytes a merged term, 4 to 12 bytes a value, and the largest list.
 //
 // One merge belongs to one thread. Other processes may read the sources and mark events in them as deleted while it
 // runs: it works on the marks it found at the beginning and takes over later ones when it is told to.
@@ -78,8 +78,7 @@ void st_warm_slice_merge_close(warm_merge_t* merge);
 // keep in memory is estimated at no more than 1 GiB, and they are no more than 64. The spans have the same length.
 uint32_t st_warm_slice_merge_fitting(std::span<const st_warm_slice_body> headers, std::span<const uint64_t> file_sizes);
 
-// Slices merge with slices of the same kind, a small number; -1 for slices that are never merged: metric slices without
-// a column store.
+// Slices merge with slices of the same kind, a small number; -1 for slices that are not merged: metric slices.
 int st_warm_slice_merge_kind(const st_warm_slice_body* header);
 
 }  // namespace veldar

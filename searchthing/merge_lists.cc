@@ -1,0 +1,193 @@
+#include "searchthing/merge_lists.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "libzero/assertions.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint64_t PIECE = 4096;  // numbers read at a time
+// Numbers are sorted as they are below this size; above, the stretches that come from one source each are merged.
+constexpr uint64_t SORTED_AT_ONCE = 64;
+
+int grow_ids(merge_lists_t* lists, warm_rc_t* rc) {
+    buffer<uint32_t> larger, merged;
+    const size_t size = std::max<size_t>(2 * lists->ids.size(), 4 * PIECE);
+    if (!larger.alloc(size) || !merged.alloc(size)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "posting list");
+    if (lists->size > 0) std::memcpy(larger.data(), lists->ids.data(), lists->size * sizeof(uint32_t));
+    lists->ids = std::move(larger);
+    lists->merged = std::move(merged);
+    return 0;
+}
+
+void set_bits(uint64_t* bits, const uint32_t* ids, uint64_t count) {
+    for (uint64_t i = 0; i < count; i++) bits[ids[i] / 64] |= uint64_t{1} << (ids[i] % 64);
+}
+
+int turn_dense(merge_lists_t* lists, warm_rc_t* rc) {
+    if (lists->bits.empty() && !lists->bits.alloc(lists->num_values / 64 + 1)) {
+        return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "posting list");
+    }
+    set_bits(lists->bits.data(), lists->ids.data(), lists->size);
+    lists->dense = true;
+    lists->size = 0;
+    return 0;
+}
+
+// Room for another piece behind the numbers read so far.
+int make_room(merge_lists_t* lists, warm_rc_t* rc) {
+    if (!lists->dense && lists->size > lists->dense_size) return turn_dense(lists, rc);
+    return lists->size + PIECE <= lists->ids.size() ? 0 : grow_ids(lists, rc);
+}
+
+void renumber(const merge_source_t& source, uint32_t* ids, uint32_t count) {
+    if (source.map.empty()) {
+        for (uint32_t i = 0; i < count; i++) ids[i] += source.base;
+    } else {
+        for (uint32_t i = 0; i < count; i++) ids[i] = source.map[ids[i]];
+    }
+}
+
+// Takes over `count` numbers that stand behind those taken so far.
+void take_piece(merge_lists_t* lists, uint32_t count) {
+    uint32_t* const piece = lists->ids.data() + lists->size;
+    if (lists->dense) {
+        set_bits(lists->bits.data(), piece, count);
+        return;
+    }
+    const bool goes_on = lists->size == 0 || piece[0] > piece[-1];
+    if (!goes_on) lists->runs.push_back(lists->size);
+    lists->size += count;
+}
+
+int note_times(merge_lists_t* lists, merge_source_t* source, uint32_t first, uint32_t last, bool no_times_yet,
+               warm_rc_t* rc) {
+    st_time_t latest = 0, earliest = 0;
+    uint64_t nanoseconds = 0;
+    tsval_reader_t* const reader = &source->warm->tsval_reader;
+    ST_TRY(tsval_reader_decode_time(reader, first, &latest, &nanoseconds, rc));
+    earliest = latest;
+    if (last != first) ST_TRY(tsval_reader_decode_time(reader, last, &earliest, &nanoseconds, rc));
+    lists->latest = no_times_yet ? latest : std::max(lists->latest, latest);
+    lists->earliest = no_times_yet ? earliest : std::min(lists->earliest, earliest);
+    return 0;
+}
+
+// Adds the source's next list.
+int add_list(merge_lists_t* lists, merge_source_lists_t* from, bool* no_times_yet, warm_rc_t* rc) {
+    const uint32_t term = from->next_term++;
+    if (!from->has_lists) return 0;
+    uint32_t type = PLO_RLE;
+    if (_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc) < 0) return rc->warm_rc;
+    plist_reader* const reader = type == PLO_DEDUP ? &from->shared : &from->own;
+    ST_TRY(_seek_reader(reader, term, rc));
+    uint32_t first = 0, last = 0;
+    bool is_first = true;
+    for (uint32_t count = PIECE; count == PIECE;) {
+        ST_TRY(make_room(lists, rc));
+        uint32_t* const piece = lists->ids.data() + lists->size;
+        ST_TRY(plist_copy(reader, piece, PIECE, PLIST_END, &count, rc));
+        if (count == 0) break;
+        if (is_first) first = piece[0];
+        last = piece[count - 1];
+        is_first = false;
+        renumber(*from->source, piece, count);
+        // Values that the target orders in another way than the source do not ascend any more.
+        if (!from->source->order.empty()) std::sort(piece, piece + count);
+        take_piece(lists, count);
+    }
+    if (is_first) return 0;
+    ST_TRY(note_times(lists, from->source, first, last, *no_times_yet, rc));
+    *no_times_yet = false;
+    return 0;
+}
+
+// Merges the ascending stretches of `ids` two by two.
+void merge_runs(merge_lists_t* lists) {
+    std::vector<uint64_t>& begins = lists->runs;
+    while (begins.size() > 1) {
+        const uint32_t* const in = lists->ids.data();
+        uint32_t* const out = lists->merged.data();
+        size_t kept = 0;
+        for (size_t i = 0; i < begins.size(); i += 2) {
+            const uint64_t begin = begins[i];
+            const uint64_t middle = i + 1 < begins.size() ? begins[i + 1] : lists->size;
+            const uint64_t end = i + 2 < begins.size() ? begins[i + 2] : lists->size;
+            std::merge(in + begin, in + middle, in + middle, in + end, out + begin);
+            begins[kept++] = begin;
+        }
+        begins.resize(kept);
+        std::swap(lists->ids, lists->merged);
+    }
+}
+
+// Makes the numbers ascending and distinct.
+void order_ids(merge_lists_t* lists) {
+    if (lists->runs.size() == 1 && !lists->may_repeat) return;
+    uint32_t* const ids = lists->ids.data();
+    if (lists->size <= SORTED_AT_ONCE) {
+        std::sort(ids, ids + lists->size);
+    } else {
+        merge_runs(lists);
+    }
+    uint32_t* const begin = lists->ids.data();
+    lists->size = static_cast<uint64_t>(std::unique(begin, begin + lists->size) - begin);
+}
+
+uint32_t count_bits(const buffer<uint64_t>& bits) {
+    uint64_t count = 0;
+    for (const uint64_t word : bits) count += static_cast<uint64_t>(__builtin_popcountll(word));
+    return static_cast<uint32_t>(count);
+}
+
+}  // namespace
+
+int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
+    lists->merge = merge;
+    lists->num_values = merge->totals.values;
+    lists->dense_size = lists->num_values / merge->seams.dense_divisor;
+    lists->sources.resize(merge->sources.size());
+    lists->runs.reserve(1024);
+    ST_TRY(grow_ids(lists, rc));
+    for (size_t i = 0; i < merge->sources.size(); i++) {
+        merge_source_lists_t* const from = &lists->sources[i];
+        from->source = &merge->sources[i];
+        WARM* const warm = from->source->warm.get();
+        lists->may_repeat |= from->source->repeats;
+        from->has_lists = st_warm_slice_has_postings(warm);
+        if (!from->has_lists) continue;
+        const uint64_t span = merge->options.write_options.merge_reader_span;
+        ST_TRY(_init_reader(&from->own, warm, span, nullptr, rc));
+        ST_TRY(_init_reader(&from->shared, warm, span, nullptr, rc));
+    }
+    return 0;
+}
+
+int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, warm_rc_t* rc) {
+    if (lists->dense) lists->bits.clear();
+    lists->dense = false;
+    lists->size = 0;
+    lists->runs.clear();
+    lists->runs.push_back(0);
+    bool no_times_yet = true;
+    for (; holders != 0; holders &= holders - 1) {
+        const size_t source = static_cast<size_t>(__builtin_ctzll(holders));
+        ST_ASSERT(source < lists->sources.size());
+        if (const int status = add_list(lists, &lists->sources[source], &no_times_yet, rc)) return status;
+    }
+    *out = {.count = 0, .ids = {}, .bits = {}, .earliest = lists->earliest, .latest = lists->latest};
+    if (lists->dense) {
+        out->bits = lists->bits.span();
+        out->count = count_bits(lists->bits);
+        return 0;
+    }
+    order_ids(lists);
+    out->ids = {lists->ids.data(), static_cast<size_t>(lists->size)};
+    out->count = static_cast<uint32_t>(lists->size);
+    return 0;
+}
+
+}  // namespace veldar
