@@ -166,6 +166,7 @@ ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
 ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
 int __real_fsync(int fd);
+int __real_fdatasync(int fd);
 int __real_link(const char* from, const char* to);
 int __real_unlink(const char* path);
 int __real_rename(const char* from, const char* to);
@@ -204,6 +205,9 @@ ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
 }
 int __wrap_fsync(int fd) {
     return through(fault_call::fsync, -1, [&](bool) { return veldar::flushes_skipped ? 0 : __real_fsync(fd); });
+}
+int __wrap_fdatasync(int fd) {
+    return through(fault_call::fsync, -1, [&](bool) { return veldar::flushes_skipped ? 0 : __real_fdatasync(fd); });
 }
 int __wrap_link(const char* from, const char* to) {
     return through(fault_call::link, -1, [&](bool) { return __real_link(from, to); });

@@ -1,0 +1,477 @@
+// Merges of forged slices against the events that went into them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <random>
+#include <tuple>
+
+#include "searchthing/merge_encode.h"
+#include "searchthing/warmslice_meta.h"
+#include "searchthing/warmslice_values.h"
+#include "tests/support/damage.h"
+#include "tests/support/faults.h"
+#include "tests/support/forge.h"
+#include "tests/support/temp_dir.h"
+#include "tools/veldar/fsck_slice.h"
+
+namespace veldar {
+namespace {
+
+struct merge_closer {
+    void operator()(warm_merge_t* merge) const { st_warm_slice_merge_close(merge); }
+};
+using merge_ptr = std::unique_ptr<warm_merge_t, merge_closer>;
+using warm_ptr = std::unique_ptr<WARM, warm_closer>;
+using event_list = std::vector<forge_event>;
+
+using record_key = std::tuple<int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
+record_key key_of(const forge_event& e) {
+    return {e.time, e.address, e.measure, e.deleted ? ST_DELETED_SOURCE : e.s, e.st, e.h};
+}
+
+// The events of a merge: equal records have become one with the terms of all, in the target's order.
+event_list united(const event_list& events) {
+    std::map<record_key, forge_event, std::greater<>> by_record;
+    for (const forge_event& event : events) {
+        forge_event& one = by_record.try_emplace(key_of(event), event).first->second;
+        one.terms.insert(one.terms.end(), event.terms.begin(), event.terms.end());
+    }
+    event_list out;
+    for (auto& [key, event] : by_record) {
+        std::sort(event.terms.begin(), event.terms.end());
+        event.terms.erase(std::unique(event.terms.begin(), event.terms.end()), event.terms.end());
+        out.push_back(std::move(event));
+    }
+    return out;
+}
+
+int collect_term(int32_t, const char* term, size_t length, void* context) {
+    static_cast<std::vector<std::string>*>(context)->emplace_back(term, length);
+    return 1;
+}
+
+// The slice's events through the engine's readers, whose metadata must say the same as the lists. Adds the kinds of
+// lists that it meets to `kinds`.
+event_list read_slice(const std::string& path, uint32_t* kinds = nullptr) {
+    warm_rc_t rc;
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
+    if (warm == nullptr) {
+        ADD_FAILURE() << path << ": " << rc.warm_rc << " " << rc.message;
+        return {};
+    }
+    event_list out;
+    for (uint32_t id = 0; id < st_warm_slice_values(warm.get()); id++) {
+        st_tsval value;
+        EXPECT_EQ(tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &rc), 0) << rc.message;
+        const bool deleted = value.s == ST_DELETED_SOURCE;
+        out.push_back({value.time,
+                       value.address,
+                       static_cast<uint32_t>(value.measure),
+                       deleted ? 0 : value.s,
+                       value.st,
+                       value.h,
+                       {},
+                       deleted});
+    }
+    std::vector<std::string> terms;
+    st_fclex_apply(warm->lexicon, nullptr, collect_term, &terms, nullptr);
+    EXPECT_EQ(terms.size(), st_warm_slice_terms(warm.get()));
+    plist_reader lists;
+    EXPECT_EQ(_init_reader(&lists, warm.get(), 0, nullptr, &rc), 0);
+    uint64_t postings = 0;
+    for (uint32_t term = 0; term < terms.size(); term++) {
+        uint32_t type = 0, count = 0;
+        _pl_offset_reader(&lists, int64_t{term} - 1, &type, &rc);
+        if (kinds != nullptr) *kinds |= 1u << type;
+        std::vector<uint32_t> ids(out.size() + 1);
+        EXPECT_EQ(_seek_reader(&lists, term, &rc), 0) << rc.message;
+        EXPECT_EQ(plist_copy(&lists, ids.data(), static_cast<uint32_t>(ids.size()), PLIST_END, &count, &rc), 0);
+        for (uint32_t i = 0; i < count; i++) out[ids[i]].terms.push_back(terms[term]);
+        postings += count;
+        st_term_metadata meta = {};
+        EXPECT_EQ(warm_slice_term_metadata(warm.get(), term, nullptr, &meta, &rc), 0) << rc.message;
+        EXPECT_EQ(meta.count, count);
+        if (count == 0 || warm_header_meta_type(warm->body) == META_COUNT_ONLY) continue;
+        EXPECT_EQ(static_cast<int32_t>(meta.latest), out[ids[0]].time);
+        EXPECT_EQ(static_cast<int32_t>(meta.earliest), out[ids[count - 1]].time);
+    }
+    EXPECT_EQ(postings, warm->body->num_postings.get());
+    return out;
+}
+
+void expect_events(const event_list& found, const event_list& expected) {
+    ASSERT_EQ(found.size(), expected.size());
+    for (size_t i = 0; i < found.size(); i++) {
+        ASSERT_EQ(key_of(found[i]), key_of(expected[i])) << "value " << i;
+        ASSERT_EQ(found[i].terms, expected[i].terms) << "value " << i;
+    }
+}
+
+std::string fsck_findings(const std::string& path) {
+    slice_image image;
+    std::string error, out;
+    if (slice_image_open(path, &image, &error) != IMAGE_OPEN) return error;
+    fsck_report report;
+    fsck_slice(image, &report);
+    for (const fsck_finding& finding : report.findings) out += fsck_finding_text(finding) + "\n";
+    return out;
+}
+
+struct test_source {
+    std::string path;
+    event_list events;
+};
+
+warm_merge_options_t options_of(uint32_t level, uint32_t advanced = 1) {
+    warm_merge_options_t options;
+    st_tsidx_write_opts_init(&options.write_options, level, 1500, advanced, 1024);
+    return options;
+}
+
+merge_ptr open_merge(const std::vector<test_source>& sources, const warm_merge_options_t& options, warm_rc_t* rc) {
+    std::vector<const char*> paths;
+    {
+        const fault_truce truce;
+        for (const test_source& source : sources) paths.push_back(source.path.c_str());
+    }
+    return merge_ptr(st_warm_slice_merge_open(paths, &options, rc));
+}
+
+class MergeTest : public testing::Test {
+  protected:
+    // Merges and compares the target with the sources' events; what it made.
+    test_source merge(const std::vector<test_source>& sources, const warm_merge_options_t& options,
+                      const merge_seams_t& seams = {}) {
+        warm_rc_t rc;
+        const merge_ptr merge = open_merge(sources, options, &rc);
+        if (merge == nullptr) {
+            ADD_FAILURE() << rc.warm_rc << " " << rc.message;
+            return {};
+        }
+        merge->seams = seams;
+        event_list events;
+        for (const test_source& source : sources) {
+            for (forge_event event : source.events) {
+                if (options.mapper != nullptr) event.address = options.mapper(event.address, options.mapper_context);
+                events.push_back(event);
+            }
+        }
+        test_source target{"", united(events)};
+        const warm_merge_totals_t* totals = st_warm_slice_merge_totals(merge.get());
+        target.path = dir.file(std::to_string(totals->latest) + "-" + std::to_string(totals->earliest) + "-" +
+                               std::to_string(++next_id) + ".tsidx");
+        EXPECT_EQ(st_warm_slice_merge_write(merge.get(), target.path.c_str(), false, &rc), 0)
+            << rc.warm_rc << " " << rc.message;
+        EXPECT_EQ(totals->values, target.events.size());
+        EXPECT_EQ(totals->target_bytes, std::filesystem::file_size(target.path));
+        expect_events(read_slice(target.path, &kinds), target.events);
+        EXPECT_EQ(fsck_findings(target.path), "");
+        return target;
+    }
+
+    test_source forge(const event_list& events, const forge_options& options) {
+        return {forge_file(dir.path(), events, options, ++next_id), events};
+    }
+
+    const temp_dir dir;
+    const no_flushes flushes;
+    uint64_t next_id = 0;
+    uint32_t kinds = 0;  // of all lists met
+};
+
+// Distributes events over slices: apart in time, or mixed; some into two slices, some with another companion or with
+// other terms there.
+std::vector<event_list> spread(const event_list& events, uint32_t slices, std::mt19937_64* random) {
+    event_list sorted = united(events);
+    std::vector<event_list> out(slices);
+    const uint64_t mixing = (*random)() % 3;  // 0: apart, 1: a little, 2: fully
+    const auto below = [&](uint64_t limit) { return (*random)() % limit; };
+    for (size_t i = 0; i < sorted.size(); i++) {
+        uint64_t slice = i * slices / sorted.size();
+        if (mixing == 2 || (mixing == 1 && below(8) == 0)) slice = below(slices);
+        out[slice].push_back(sorted[i]);
+        if (below(12) != 0) continue;
+        forge_event again = sorted[i];
+        if (below(2) == 0) again.terms = {"again", "all"};
+        if (below(3) == 0) again.h++;
+        out[below(slices)].push_back(again);
+    }
+    for (event_list& events_of_slice : out) {
+        if (events_of_slice.empty()) events_of_slice.push_back(sorted[0]);
+        std::shuffle(events_of_slice.begin(), events_of_slice.end(), *random);
+    }
+    return out;
+}
+
+// Slices of one group may merge with each other.
+std::vector<forge_options> kinds_of_group(uint32_t group) {
+    std::vector<forge_options> out;
+    for (const forge_options& options : forge_event_kinds()) {
+        const uint32_t own = options.magic == "VelLex1" ? 3 : options.legacy() ? 0 : options.rev1() ? 2 : 1;
+        if (own == group) out.push_back(options);
+    }
+    return out;
+}
+
+uint32_t scrambled_address(uint32_t address, void*) {
+    return address * 2654435761u;
+}
+
+// Every event with its companions and terms, every list, count and time is there after one, two and three rounds.
+TEST_F(MergeTest, NothingIsLostOrAdded) {
+    for (uint64_t seed = 1; seed <= 60; seed++) {
+        SCOPED_TRACE(seed);
+        std::mt19937_64 random(seed);
+        const uint32_t group = seed % 8 < 5 ? 2 : static_cast<uint32_t>(seed % 4);
+        const std::vector<forge_options> kinds_here = kinds_of_group(group);
+        const uint32_t slices = seed % 10 == 0 ? 64 : 2 + static_cast<uint32_t>(random() % 9);
+        const event_list events =
+            forge_random_events(seed, seed % 7 == 0 ? 6000 : 40 + static_cast<uint32_t>(random() % 800));
+        std::vector<test_source> sources;
+        for (const event_list& part : spread(events, slices, &random)) {
+            forge_options options = kinds_here[random() % kinds_here.size()];
+            options.seed = seed;
+            options.pad_to_8 = random() % 2 == 0;
+            sources.push_back(forge(part, options));
+        }
+        const size_t at_once = seed % 10 == 0 ? 64 : 2 + random() % 4;
+        while (sources.size() > 1) {
+            warm_merge_options_t options = options_of(1 + static_cast<uint32_t>(random() % 4), random() % 8 != 0);
+            options.lexicon_tpb = random() % 2 == 0 ? 0 : 1 + static_cast<uint32_t>(random() % 20);
+            if (random() % 8 == 0) options.mapper = scrambled_address;
+            if (random() % 4 == 0) options.write_options.merge_buffer_bytes = 0;
+            merge_seams_t seams;
+            if (random() % 3 == 0) seams.hash_mask = random() % 4;  // nearly all lists collide
+            if (random() % 3 == 0) seams.dense_divisor = random() % 2 == 0 ? 1 : 1000;
+            const size_t count = std::min(at_once, sources.size());
+            std::vector<test_source> some(sources.begin(), sources.begin() + static_cast<ptrdiff_t>(count));
+            sources.erase(sources.begin(), sources.begin() + static_cast<ptrdiff_t>(count));
+            sources.push_back(merge(some, options, seams));
+            if (HasFailure()) return;
+        }
+    }
+    EXPECT_EQ(kinds, 15u);
+}
+
+// The encoding follows the size: the four kinds of lists, and the rule that keeps readers from losing a bitmap's tail.
+TEST_F(MergeTest, ListsTakeTheShortestForm) {
+    const auto encode = [](const std::vector<uint32_t>& ids, bool bitmap_allowed) {
+        warm_rc_t rc;
+        merge_encoder_t encoder;
+        encoder.num_values = ids.back() + 1;
+        merge_encoded_t out;
+        merge_list_t list;
+        list.count = static_cast<uint32_t>(ids.size());
+        list.ids = ids;
+        EXPECT_EQ(merge_encode(&encoder, list, bitmap_allowed, &out, &rc), 0);
+        return std::pair(out.type, std::string(reinterpret_cast<const char*>(out.bytes.data()), out.bytes.size()));
+    };
+    EXPECT_EQ(encode({10, 11, 12, 13, 20}, false), std::pair(PLO_RLE, std::string("\x0A\0\x03\x07", 4)));
+    EXPECT_EQ(encode({0, 1}, false), std::pair(PLO_RLE, std::string("\0\0\x01", 3)));
+    EXPECT_EQ(encode({0, 2, 4, 6, 8}, true), std::pair(PLO_BMAP, std::string("\0\x55\x01", 3)));
+    EXPECT_EQ(encode({0, 2, 4, 6, 8}, false).first, PLO_RLE);
+    for (const uint32_t first : {0x1FFFFFu, 0x200000u}) {
+        for (const uint32_t bytes : {8000u, 9000u}) {
+            std::vector<uint32_t> ids;
+            for (uint32_t i = 0; i < bytes * 4; i++) ids.push_back(first + 2 * i);
+            EXPECT_EQ(encode(ids, true).first, first < 0x200000 || bytes < 8192 ? PLO_BMAP : PLO_RLE);
+        }
+    }
+}
+
+// Offsets that turn out too large for 4 bytes cost a second pass, not the merge.
+TEST_F(MergeTest, NarrowOffsetsGiveWay) {
+    std::mt19937_64 random(1);
+    std::vector<test_source> sources;
+    for (const event_list& part : spread(forge_random_events(4, 500), 3, &random)) sources.push_back(forge(part, {}));
+    for (const uint64_t largest : {uint64_t{0xFFFFFFFF}, uint64_t{40}, uint64_t{2000}}) {
+        merge_seams_t seams;
+        seams.narrow_entry_max = largest;
+        const test_source target = merge(sources, options_of(4), seams);
+        warm_rc_t rc;
+        const warm_ptr warm(st_warm_slice_open_rdonly(target.path.c_str(), &rc));
+        EXPECT_EQ(warm_header_is_enabled(warm->body, WARM_FLAG_PLO32), largest > 2000);
+    }
+}
+
+struct progress_record {
+    uint64_t calls = 0, last = 0, planned = 0;
+};
+void note_progress(uint64_t done, uint64_t planned, void* context) {
+    progress_record* record = static_cast<progress_record*>(context);
+    EXPECT_GE(done, record->last);
+    EXPECT_LE(done, planned);
+    *record = {record->calls + 1, done, planned};
+}
+
+// Events deleted while the merge runs, one of them in only one of two slices that hold it.
+TEST_F(MergeTest, LaterDeletesAreCarriedOver) {
+    std::mt19937_64 random(5);
+    std::vector<test_source> sources;
+    for (const event_list& part : spread(forge_random_events(5, 300), 4, &random)) sources.push_back(forge(part, {}));
+    progress_record progress;
+    warm_merge_options_t options = options_of(4);
+    options.progress = note_progress;
+    options.progress_context = &progress;
+    warm_rc_t rc;
+    const merge_ptr merge = open_merge(sources, options, &rc);
+    const std::string target = dir.file("target.pre-tsidx");
+    EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge.get(), target.c_str(), &rc), WARM_RC_INVALID_ARGUMENT);
+
+    // Marks that come after opening are not in what is written.
+    std::map<record_key, bool> deleted_later;
+    const auto mark = [&](size_t every) {
+        for (test_source& source : sources) {
+            const warm_ptr warm(st_warm_slice_open_rdwr(source.path.c_str(), &rc));
+            const event_list values = forge_number(source.events).values;
+            for (size_t i = 0; i < values.size(); i += every) {
+                EXPECT_EQ(warm_slice_set_deleted(warm.get(), static_cast<uint32_t>(i), &rc), 0);
+                deleted_later[key_of(values[i])] = true;
+            }
+        }
+    };
+    event_list expected;
+    for (const test_source& source : sources) {
+        expected.insert(expected.end(), source.events.begin(), source.events.end());
+    }
+    expected = united(expected);
+    mark(17);
+    ASSERT_EQ(st_warm_slice_merge_write(merge.get(), target.c_str(), false, &rc), 0) << rc.message;
+    EXPECT_EQ(progress.last, progress.planned);
+    EXPECT_EQ(progress.planned, st_warm_slice_merge_totals(merge.get())->source_bytes);
+    expect_events(read_slice(target), expected);
+    for (int round = 0; round < 2; round++) {
+        mark(11);
+        EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge.get(), target.c_str(), &rc), 0) << rc.message;
+        for (forge_event& event : expected) event.deleted |= deleted_later.contains(key_of(event));
+        expect_events(read_slice(target), expected);
+    }
+}
+
+TEST_F(MergeTest, RefusalsNameTheirReason) {
+    const event_list events = forge_random_events(3, 30);
+    const auto source = [&](const char* magic, uint64_t wflags = 0) {
+        forge_options options;
+        options.magic = magic;
+        options.wflags = wflags;
+        return forge(events, options);
+    };
+    forge_options doubles, mini;
+    doubles.magic = "Veldar6";
+    doubles.measures_as_doubles = true;
+    mini.mini = true;
+    test_source mini_source = {forge_file(dir.path(), events, mini, ++next_id, nullptr), events};
+    const test_source rev0 = source("_TSIDX7"), rev1 = source("_TSIDX9"), legacy = source("Veldar4");
+    const std::vector<test_source> many(65, rev1);
+    const char* metric = "cannot merge sources that have versions lower than 8.0.0";
+    const struct {
+        std::vector<test_source> sources;
+        int status;
+        const char* message;
+    } cases[] = {
+        {{rev1}, -37, "a merge takes 2 to 64 slices"},
+        {many, -37, "a merge takes 2 to 64 slices"},
+        {{rev1, legacy}, -37, "headers inconsistent across srcs legacy"},
+        {{legacy, rev1}, -37, "headers inconsistent across srcs legacy"},
+        {{rev0, rev1}, -37, "headers inconsistent across srcs rev1"},
+        {{rev1, rev0}, -37, "headers inconsistent across srcs rev1"},
+        {{legacy, source("VelLex1")}, -13, "metadata types inconsistent across srcs"},
+        {{rev1, mini_source}, -37, "cannot merge a minified slice"},
+        {{source("_MSIDX3", 1), source("_MSIDX3", 1)}, -37, metric},
+        {{legacy, forge(events, doubles)}, -37, metric},
+        {{rev1, {dir.file("absent.tsidx"), {}}}, -45, nullptr},
+        {{rev1, {dir.file("1-1-1.tsidx"), {}}}, -4, nullptr},
+    };
+    for (const auto& c : cases) {
+        warm_rc_t rc;
+        EXPECT_EQ(open_merge(c.sources, options_of(4), &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, c.status) << rc.message;
+        EXPECT_STREQ(c.message == nullptr ? nullptr : rc.message, c.message);
+    }
+    // What is in the way stays there.
+    warm_rc_t rc;
+    const merge_ptr merge = open_merge({rev1, source("_TSIDX8")}, options_of(4), &rc);
+    EXPECT_EQ(st_warm_slice_merge_write(merge.get(), rev1.path.c_str(), false, &rc), WARM_RC_OPEN);
+    expect_events(read_slice(rev1.path), united(events));
+}
+
+// Whatever fails at whatever point, and whatever bytes of a source are wrong: a status and no file, or a merge that
+// reads back.
+TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
+    const event_list events = forge_random_events(8, 120);
+    const event_list half(events.begin(), events.begin() + 60), rest(events.begin() + 60, events.end());
+    const std::vector<test_source> sources = {forge(half, forge_event_kinds().back()), forge(rest, {})};
+    const std::string before = read_file(sources[0].path) + read_file(sources[1].path);
+    const std::string target = dir.file("target");
+    const auto attempt = [&](warm_rc_t* rc) {
+        const merge_ptr merge = open_merge(sources, options_of(4), rc);
+        if (merge == nullptr) return rc->warm_rc;
+        return st_warm_slice_merge_write(merge.get(), target.c_str(), true, rc);
+    };
+    for (const fault_action action : {fault_action::fail, fault_action::shorten, fault_action::allocation}) {
+        uint64_t failures = 0, steps = 0;
+        for (uint64_t nth = 1;; nth++) {
+            warm_rc_t rc;
+            uint64_t reached = 0;
+            int status = 0;
+            {
+                const fault_step step(action, nth, ENOSPC);
+                status = attempt(&rc);
+                reached = action == fault_action::allocation ? step.allocations() : step.calls();
+            }
+            EXPECT_EQ(std::filesystem::exists(target), status == 0) << nth << " " << rc.message;
+            failures += status != 0;
+            std::filesystem::remove(target);
+            steps = nth;
+            if (reached < nth) break;
+        }
+        EXPECT_GT(failures, 10u);
+        EXPECT_GT(steps, 20u);
+    }
+    EXPECT_EQ(read_file(sources[0].path) + read_file(sources[1].path), before);
+
+    const std::string good = read_file(sources[0].path);
+    uint64_t refused = 0;
+    damage_options damage;
+    damage.truncation_step = 31;
+    damage.flip_step = 7;
+    damage.word_step = 44;
+    const size_t tried = damage_sweep(good, damage, [&](const std::string& bytes, const std::string& what) {
+        write_file(sources[0].path, bytes);
+        warm_rc_t rc;
+        const int status = attempt(&rc);
+        EXPECT_EQ(std::filesystem::exists(target), status == 0) << what;
+        refused += status != 0;
+        // A damaged byte in a term's text is another text: it goes along, a NUL too.
+        const std::string findings = status == 0 ? fsck_findings(target) : "";
+        EXPECT_TRUE(findings.empty() || findings.find("term with a NUL") != std::string::npos) << what << findings;
+        std::filesystem::remove(target);
+    });
+    EXPECT_GT(refused, tried / 4);
+}
+
+TEST_F(MergeTest, FittingStopsBeforeATotalOverflows) {
+    st_warm_slice_body header;
+    warm_header_init(&header, "_TSIDX9");
+    const auto fitting = [&](uint32_t values, uint32_t terms, uint32_t postings, size_t slices) {
+        header.num_values.set(values);
+        header.num_terms.set(terms);
+        header.num_postings.set(postings);
+        return st_warm_slice_merge_fitting(std::vector<st_warm_slice_body>(slices, header),
+                                           std::vector<uint64_t>(slices, 1 << 20));
+    };
+    EXPECT_EQ(fitting(1000, 1000, 1000, 70), 64u);
+    EXPECT_EQ(fitting(1000, 1000, 1000, 7), 7u);
+    EXPECT_EQ(fitting(1, 1, 0x80000000, 5), 1u);
+    EXPECT_EQ(fitting(1, 1, 0x7FFFFFFF, 5), 2u);
+    EXPECT_EQ(fitting(100 << 20, 1, 1, 5), 2u);  // 5 bytes a value
+    EXPECT_EQ(fitting(1, 8 << 20, 1, 9), 4u);    // 28 bytes a term
+    header.h_nbits.set(31);
+    EXPECT_EQ(fitting(60 << 20, 1, 1, 5), 2u);  // an array of 2^32 bits
+}
+
+}  // namespace
+}  // namespace veldar
