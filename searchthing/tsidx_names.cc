@@ -130,4 +130,10 @@ int tsidx_pre_file_parse(const char* path, st_filename_metadata_t* meta) {
     return 1;
 }
 
+int so_status_filename(ospath_buf* out, const char* directory) {
+    ospath_builder b;
+    if (ospath_builder_concat_two_paths_with_sep(&b, directory, TSIDX_OPTIMIZE_RESULT_NAME) != 0) return -1;
+    return ospath_buf_set(out, b.buf.val);
+}
+
 }  // namespace veldar

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 
+#include "libzero/ospath-builder.h"
 #include "searchthing/st_timeval.h"
 
 namespace veldar {
@@ -68,5 +69,9 @@ inline constexpr char TSIDX_PARAMS_NAME[] = "veldar-autogen-params.dat";
 inline constexpr char TSIDX_NEED_OPTIMIZE_NAME[] = "veldar-need-optimize.dat";
 inline constexpr char TSIDX_MERGED_LEXICON_NAME[] = "merged_lexicon.lex";
 inline constexpr char TSIDX_OPTIMIZE_RESULT_NAME[] = "optimize.result";
+
+// The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 when the name does
+// not fit.
+int so_status_filename(ospath_buf* out, const char* directory);
 
 }  // namespace veldar

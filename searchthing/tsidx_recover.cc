@@ -8,6 +8,7 @@
 //   x.<process>.mini.pre-tsidx                 removed: minify was interrupted
 //   veldar-autogen-params.dat.part.<process>   removed
 //   a merge manifest, whole or not             the merge is finished or undone (tsidx_merge_settle.cc)
+//   merged_lexicon.lex.part.<id>               removed
 //
 // A file whose process number is in use, or that changed within the last ten minutes, is left alone: process numbers
 // tell nothing about other hosts and containers.
@@ -27,6 +28,7 @@
 #include "searchthing/merge_manifest.h"
 #include "searchthing/tsidx_internal.h"
 #include "searchthing/tsidx_lock_internal.h"
+#include "searchthing/tsidx_merge_lex.h"
 #include "searchthing/tsidx_merge_settle_internal.h"
 #include "searchthing/tsidx_minify.h"
 
@@ -38,6 +40,7 @@ constexpr time_t MIN_AGE_SECONDS = 600;
 constexpr uint32_t PROCESS_RESIDUES = 65535;  // of process numbers in slice ids
 constexpr uint32_t MAX_PROCESS = 4194304;     // the largest process number that Linux can be set to
 constexpr std::string_view PARAMS_PART = "veldar-autogen-params.dat.part.";
+constexpr std::string_view LEXICON_PART = TSIDX_MERGED_LEXICON_PART;
 
 enum leftover_kind { NO_LEFTOVER, SENTINEL, PRE_SLICE, TEMPORARY };
 
@@ -59,10 +62,20 @@ bool writer_may_live(uint64_t id) {
     return false;
 }
 
+template <typename Number>
+bool is_number(std::string_view text, Number* number) {
+    const std::from_chars_result result = std::from_chars(text.data(), text.data() + text.size(), *number, 10);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
 bool number_may_live(std::string_view text) {
     uint32_t process = 0;
-    const std::from_chars_result result = std::from_chars(text.data(), text.data() + text.size(), process, 10);
-    return result.ec != std::errc() || result.ptr != text.data() + text.size() || exists(process);
+    return !is_number(text, &process) || exists(process);
+}
+
+bool id_may_live(std::string_view text) {
+    uint64_t id = 0;
+    return !is_number(text, &id) || writer_may_live(id);
 }
 
 // The process number in front of a suffix: of "a.12.suffix" it is "12".
@@ -80,6 +93,9 @@ leftover_kind classify(const std::string& name, st_filename_metadata_t* meta) {
     }
     if (text.starts_with(PARAMS_PART)) {
         return number_may_live(text.substr(PARAMS_PART.size())) ? NO_LEFTOVER : TEMPORARY;
+    }
+    if (text.starts_with(LEXICON_PART)) {
+        return id_may_live(text.substr(LEXICON_PART.size())) ? NO_LEFTOVER : TEMPORARY;
     }
     if (text.ends_with(TSIDX_MINI_PRE_SUFFIX)) {
         return number_may_live(number_before(text, TSIDX_MINI_PRE_SUFFIX)) ? NO_LEFTOVER : TEMPORARY;

@@ -290,6 +290,7 @@ TEST_F(Directory, Leftovers) {
     write_file(pre(::getpid(), 5), "");
     write_file(dir.file("veldar-autogen-params.dat.part." + std::to_string(gone)), "VELDAR");
     write_file(dir.file("veldar-autogen-params.dat.part.1"), "VELDAR");
+    write_file(dir.file("merged_lexicon.lex.part." + std::to_string((uint64_t(gone) % 65535) << 16)), "x");
     write_file(dir.file("3-3-1.mini.tsidx." + std::to_string(gone) + ".mini.pre-tsidx"), "x");
     const std::string hidden = slices[2];
     write_file(hidden + ".deleted", "");

@@ -25,6 +25,7 @@ const std::map<std::string, int>& floor_table() {
         // 7: the generic handle
         {"st", 7},
         {"st_optimize", 7},
+        {"st_optimize_*", 7},
         // 6: an index directory
         {"health", 6},
         {"tsidx", 6},
