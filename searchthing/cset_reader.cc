@@ -291,7 +291,7 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
 }
 
 int cset_reader_next(cset_reader_t* reader, uint32_t* value_no, double* v, warm_rc_t* rc) {
-    _set_rc(rc, WARM_RC_OK);
+    rc->warm_rc = WARM_RC_OK;
     if (reader->ordinal == reader->elements) {
         *value_no = CSET_END;
         return 0;

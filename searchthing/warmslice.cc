@@ -11,6 +11,8 @@
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
+#include "searchthing/cstore.h"
+#include "searchthing/dimset_io.h"
 
 namespace veldar {
 
@@ -361,6 +363,47 @@ int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc) {
     }
     const uint64_t postings_start = _offset_fclex(warm->body) + warm->lexicon_size;
     return static_cast<int64_t>(_offset_dimsets(warm->body, warm->fd.get(), postings_start, rc));
+}
+
+void warm_cstore_closer::operator()(cs_reader_t* cstore) const {
+    delete cstore;
+}
+
+int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc) {
+    if (!st_warm_slice_is_msidx_with_cstore(warm->body)) {
+        _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "not a msidx cstore tsidx");
+        return -1;
+    }
+    const int64_t dimsets = st_warm_slice_dimsets_offset(warm, rc);
+    if (dimsets == 0 || dimsets == -1) {
+        _set_rc_msg(rc, WARM_RC_NO_DIMSETS, "size is 0");
+        return -1;
+    }
+    ds_header_t header;
+    ST_TRY(ds_header_read(&header, warm->fd.get(), static_cast<uint64_t>(dimsets), rc));
+    const uint64_t end = static_cast<uint64_t>(dimsets) + st_dimsets_size(header.dimsets(), header.words());
+    return static_cast<int64_t>((end + 7) / 8 * 8);
+}
+
+cs_reader_t* st_warm_slice_cstore(WARM* warm, warm_rc_t* rc) {
+    if (warm->cstore != nullptr) return warm->cstore.get();
+    const int64_t offset = st_warm_slice_cstore_offset(warm, rc);
+    if (offset < 0) return nullptr;
+    std::unique_ptr<cs_reader_t, warm_cstore_closer> cstore(new (std::nothrow) cs_reader_t);
+    if (cstore == nullptr) {
+        _set_rc(rc, WARM_RC_NO_MEMORY);
+        return nullptr;
+    }
+    const auto cstore_ref = static_cast<int64_t>(warm->body->cstore_ref.get());
+    if (cs_reader_open(cstore.get(), warm->fd.get(), static_cast<uint64_t>(offset), cstore_ref, rc) != 0) {
+        return nullptr;
+    }
+    if (cstore->num_values != warm->body->num_values.get() || cstore->num_preambles != warm->body->num_dimsets.get()) {
+        _set_rc_msg(rc, WARM_RC_CORRUPT, "cstore footer is corrupted");
+        return nullptr;
+    }
+    warm->cstore = std::move(cstore);
+    return warm->cstore.get();
 }
 
 }  // namespace veldar

@@ -28,6 +28,10 @@
 
 namespace veldar {
 
+struct cs_reader_t;  // cstore.h
+struct warm_cstore_closer {
+    void operator()(cs_reader_t* cstore) const;
+};
 struct warm_metric_t;  // warmslice_runs.cc
 struct warm_metric_closer {
     void operator()(warm_metric_t* metric) const;
@@ -52,9 +56,10 @@ struct st_warm_slice {
     uint64_t plo_last = ~uint64_t{0};   // bytes of all posting lists; all-ones when there are none or it is unknown
     st_filename_metadata_t fname_meta;
     xorshift128plus_state rng;
-    uint32_t slice_kind = 0;      // 0 for metric slices without a column store, else 2
-    bool has_subseconds = false;  // WARM_FLAG_MS_PRESENT
-    bool ms_requested = false;    // WARM_FLAG_MS_REQUESTED
+    uint32_t slice_kind = 0;                                  // 0 for metric slices without a column store, else 2
+    std::unique_ptr<cs_reader_t, warm_cstore_closer> cstore;  // opened on first use
+    bool has_subseconds = false;                              // WARM_FLAG_MS_PRESENT
+    bool ms_requested = false;                                // WARM_FLAG_MS_REQUESTED
     // Appended to the fields that the handle has always had:
     bool writable = false;      // read-write handles and slices in memory
     uint64_t file_size = 0;     // when it was opened
@@ -122,5 +127,11 @@ bool st_warm_slice_has_deletes(const WARM* warm);  // any d bit; never for a met
 uint64_t size_without_vardata(const WARM* warm);   // the lexicon's offset
 // File offset of the dimension sets: -1 with -17 "not a msidx v2 tsidx", -14 "size is 0", or the read's status.
 int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc);
+// Where the column store begins. Negative with the reason in `rc`: -17 "not a msidx cstore tsidx", -50 "size is 0" for
+// a slice whose dimension sets cannot be placed, or the status of reading their header (ds_header_read).
+int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc);
+// The slice's column store, opened on first use; the handle owns it. Null with a failure of st_warm_slice_cstore_offset
+// or cs_reader_open, or with -12 "cstore footer is corrupted" for one that was made for other values.
+cs_reader_t* st_warm_slice_cstore(WARM* warm, warm_rc_t* rc);
 
 }  // namespace veldar

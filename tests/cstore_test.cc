@@ -13,6 +13,10 @@
 
 #include "libzero/resource.h"
 #include "searchthing/timed_read.h"
+#include "searchthing/warmslice.h"
+#include "tests/support/damage.h"
+#include "tests/support/forge_metric.h"
+#include "tests/support/temp_dir.h"
 
 namespace veldar {
 namespace {
@@ -188,6 +192,102 @@ TEST(Cstore, WhatGoesInComesOutBitForBit) {
         }
         cs_reader_close(&store);
     }
+}
+
+// Every status that opening the section and reading all of it gives; 0 for a whole section.
+int read_all(int fd, int64_t ref) {
+    cs_reader_t store;
+    warm_rc_t rc;
+    ST_TRY(cs_reader_open(&store, fd, SECTION, ref, &rc));
+    return cs_verify(&store, &rc);
+}
+
+TEST(Cstore, NoDamageGetsPast) {
+    std::mt19937_64 random(5);
+    columns all;
+    for (int kind = 0; kind < 10; kind++) {
+        for (uint32_t i = 0; i < 20; i++)
+            all[static_cast<uint32_t>(kind)][4 + i + i / 7] = element_of(kind, i, &random);
+    }
+    const section s = build(all, 40, 4, [](uint32_t) { return false; });
+    std::string whole(static_cast<size_t>(s.ref) + 200, '\0');
+    const int64_t got = st_pread(s.fd.get(), whole.data(), whole.size(), 0);
+    whole.resize(static_cast<size_t>(got));
+    ASSERT_EQ(read_all(s.fd.get(), s.ref), 0);
+    const damage_fn refuse = [&](const std::string& damaged, const std::string& what) {
+        const unique_fd fd(::memfd_create("damaged", MFD_CLOEXEC));
+        ASSERT_EQ(st_pwrite(fd.get(), damaged.data(), damaged.size(), 0), static_cast<int64_t>(damaged.size()));
+        ASSERT_EQ(read_all(fd.get(), s.ref), WARM_RC_CORRUPT) << what;
+    };
+    EXPECT_GT(damage_sweep(whole, {.from = SECTION}, refuse), whole.size() * 3);
+    for (const int64_t ref : {int64_t{-1}, int64_t{0}, int64_t{16}, s.ref - 8, s.ref + 1, s.ref + 8, INT64_MAX}) {
+        EXPECT_EQ(read_all(s.fd.get(), ref), WARM_RC_CORRUPT) << ref;
+    }
+}
+
+TEST(Cstore, BuilderRefusesWhatReadersWould) {
+    cs_builder_t builder;
+    warm_rc_t rc;
+    int64_t ref = 0;
+    ASSERT_EQ(cs_builder_open(&builder, 1, &rc), 0);
+    ASSERT_EQ(cs_add_columnset(&builder, 7, &rc), 0);
+    ASSERT_EQ(cs_add_columnset(&builder, 7, &rc), 0);
+    EXPECT_EQ(cs_add_element(&builder, 6, 3, false, 1, &rc), WARM_RC_NOT_FOUND);
+    EXPECT_EQ(cs_add_element(&builder, 7, 3, false, 1, &rc), 0);
+    EXPECT_EQ(cs_add_element(&builder, 7, 3, false, 1, &rc), WARM_RC_CORRUPT);
+    EXPECT_EQ(cs_finalize_offsets(&builder, 3, 0, &ref, &rc), WARM_RC_CORRUPT);
+    EXPECT_EQ(cs_finalize_offsets(&builder, 4, 4, &ref, &rc), WARM_RC_CORRUPT);
+    EXPECT_EQ(cs_finalize_offsets(&builder, 4, 3, &ref, &rc), 0);
+    EXPECT_EQ(cs_sync_cstore(&builder, -1, 0, &rc), WARM_RC_WRITE);
+    cs_builder_close(&builder);
+}
+
+TEST(Cstore, ASliceHasTheMeasuresOfItsEvents) {
+    const temp_dir dir;
+    forge_metric_picture picture;
+    const std::string path = forge_metric_file(dir.path(), forge_random_metrics(3, 4000), {}, 1, &picture);
+    warm_rc_t rc;
+    WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
+    ASSERT_NE(warm, nullptr);
+    EXPECT_EQ(st_warm_slice_cstore_offset(warm, &rc), static_cast<int64_t>(picture.cstore));
+    cs_reader_t* store = st_warm_slice_cstore(warm, &rc);
+    ASSERT_NE(store, nullptr) << rc.message;
+    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), store);
+    EXPECT_EQ(cs_verify(store, &rc), 0) << rc.message;
+    columns all;
+    auto value_no = static_cast<uint32_t>(picture.runs.size());
+    for (const auto& run : picture.runs) {
+        for (const forge_metric_event& event : run) {
+            for (const auto& [term, v] : event.measures) {
+                const auto at = std::lower_bound(picture.terms.begin(), picture.terms.end(), term);
+                all[static_cast<uint32_t>(at - picture.terms.begin())][value_no] = v;
+            }
+            value_no++;
+        }
+    }
+    std::mt19937_64 random(1);
+    EXPECT_EQ(store->entries.size(), all.size());
+    for (const auto& [measure, elements] : all) expect_column(*store, measure, elements, &random);
+
+    // The store of another slice, and slices that have none.
+    store = nullptr;
+    warm->cstore.reset();
+    const st_warm_slice_body body = *warm->body;
+    st_warm_slice_body other = body;
+    warm->body = &other;
+    other.cstore_ref.set(body.cstore_ref.get() + 8);
+    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_CORRUPT);
+    std::memcpy(other.magic, "_TSIDX8", 8);
+    EXPECT_EQ(st_warm_slice_cstore_offset(warm, &rc), -1);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_NO_DIMSETS);
+    EXPECT_STREQ(rc.message, "size is 0");
+    other.cstore_ref.set(0);
+    EXPECT_EQ(st_warm_slice_cstore_offset(warm, &rc), -1);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
+    EXPECT_STREQ(rc.message, "not a msidx cstore tsidx");
+    warm->body = reinterpret_cast<st_warm_slice_body*>(warm->map.data());
+    EXPECT_EQ(st_warm_slice_close(warm), 0);
 }
 
 }  // namespace

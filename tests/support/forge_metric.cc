@@ -25,8 +25,8 @@ void put_le(std::string* out, uint64_t v, int bytes) {
     for (int i = 0; i < bytes; i++) out->push_back(static_cast<char>(v >> (8 * i)));
 }
 
-uint32_t xxh32(const std::string& bytes) {
-    return XXH32(bytes.data(), bytes.size(), 0);
+uint32_t xxh32(const std::string& bytes, uint32_t seed = 0) {
+    return XXH32(bytes.data(), bytes.size(), seed);
 }
 
 bool begins(const std::string& term, const char* prefix) {
@@ -206,13 +206,13 @@ std::map<uint32_t, column> columns_of(const forge_metric_picture& picture) {
 void put_block(const double* values, uint32_t first, uint32_t count, std::string* headers, std::string* data) {
     const auto bits = [&](uint32_t i) { return std::bit_cast<uint64_t>(values[i]); };
     bool same = true;
-    double low = std::numeric_limits<double>::quiet_NaN(), high = low, sum = 0;
+    double low = std::numeric_limits<double>::infinity(), high = -low, sum = 0;
     for (uint32_t i = 0; i < count; i++) {
         same = same && bits(i) == bits(0);
-        if (std::isnan(values[i])) continue;
-        low = std::isnan(low) ? values[i] : std::min(low, values[i]);
-        high = std::isnan(high) ? values[i] : std::max(high, values[i]);
         sum += values[i];
+        if (std::isnan(values[i])) continue;
+        low = std::min(low, values[i]);
+        high = std::max(high, values[i]);
     }
     const uint64_t at = data->size() / 8;
     std::string block;
@@ -248,7 +248,7 @@ std::string column_set(const column& c) {
     put_le(&out, 0, 2);
     put_le(&out, data.size() / 8, 4);
     const std::string tables = firsts.whole_words() + ordinals.whole_words() + headers;
-    put_le(&out, xxh32(out + tables), 4);
+    put_le(&out, xxh32(tables, xxh32(out)), 4);
     return out + tables + data;
 }
 
@@ -270,7 +270,7 @@ std::string cstore_section(const forge_metric_picture& picture, uint64_t* footer
     put_le(&out, *footer, 8);
     out += body;
     put_le(&out, columns.size(), 4);
-    put_le(&out, xxh32(entries), 4);
+    put_le(&out, xxh32(entries, xxh32(out.substr(0, 32))), 4);
     put_le(&out, *footer + 16 + entries.size(), 8);
     return out + entries;
 }
