@@ -93,25 +93,6 @@ TEST(Create, WritesTheForgedBytesAtTheEdges) {
     expect_forged_bytes({gone}, true);
 }
 
-TEST(Create, Names) {
-    const temp_dir dir;
-    const hot_ptr hot =
-        hot_with({{.time = -7, .address = 1, .terms = {"a"}}, {.time = 9, .address = 2, .terms = {"a"}}}, false);
-    std::set<std::string> ids;
-    for (const std::string& prefix : {dir.path(), dir.path() + "/"}) {
-        const created made = create(hot, prefix, 4, ".tsidx");
-        ASSERT_NE(made.warm, nullptr);
-        const std::string id = std::to_string(made.warm->fname_meta.id);
-        EXPECT_EQ(made.path, dir.path() + "/9--7-" + id + ".tsidx");
-        EXPECT_TRUE(ids.insert(id).second);
-        EXPECT_EQ(std::filesystem::status(made.path).permissions(), std::filesystem::perms(0600));
-        warm_rc_t rc;
-        const warm_ptr reopened(st_warm_slice_open_rdonly(made.path.c_str(), &rc));
-        ASSERT_NE(reopened, nullptr) << rc.message;
-        EXPECT_EQ(st_warm_slice_terms(reopened.get()), 1u);
-    }
-}
-
 TEST(Create, Failures) {
     const temp_dir dir;
     const hot_ptr hot = hot_with(forge_random_events(1, 50), false);

@@ -1,50 +1,20 @@
 // Runs the built tool and compares its output, its error lines and its exit status to the byte.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
 
-#include "libzero/endian.h"
 #include "tests/support/damage.h"
 #include "tests/support/forge.h"
 #include "tests/support/reference.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
 namespace {
 
-const std::string TOOL = VELDAR_TOOLS_DIR "/dictscan";
-
-struct tool_run {
-    std::string out, err;
-    int status = -1;
-};
-
-// `out_path` is where standard output goes, else it is collected.
-tool_run run(const std::vector<std::string>& arguments, const char* out_path = nullptr) {
-    const temp_dir dir;
-    const std::string out = out_path != nullptr ? out_path : dir.file("out"), err = dir.file("err");
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
-    std::vector<char*> argv = {const_cast<char*>(TOOL.c_str())};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    EXPECT_EQ(::posix_spawn(&pid, TOOL.c_str(), &actions, nullptr, argv.data(), environ), 0) << TOOL;
-    ::posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
-    tool_run result;
-    if (out_path == nullptr) result.out = read_file(out);
-    result.err = read_file(err);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-    return result;
+tool_result run(const std::vector<std::string>& arguments, const tool_options& options = {}) {
+    return run_tool("dictscan", arguments, options);
 }
 
 std::string expected_output(const forge_picture& picture, const std::string& needle) {
@@ -65,7 +35,7 @@ TEST(Dictscan, EveryHeaderKindAndPostingEncoding) {
             const temp_dir dir;
             forge_picture picture;
             const std::string path = forge_file(dir.path(), events, options, 1, &picture);
-            const tool_run all = run({path, ""});
+            const tool_result all = run({path, ""});
             EXPECT_EQ(all.out, expected_output(picture, ""));
             EXPECT_EQ(all.err, "");
             EXPECT_EQ(all.status, 0);
@@ -82,7 +52,7 @@ TEST(Dictscan, Needles) {
     const std::string& some = picture.terms[picture.terms.size() / 2];
     for (const std::string& needle : {std::string("*"), std::string("**"), some, some.substr(0, 3) + "*",
                                       "*" + some.substr(some.size() - 2), std::string("*m*"), std::string("nothing")}) {
-        const tool_run result = run({path, needle, "ignored"});
+        const tool_result result = run({path, needle, "ignored"});
         EXPECT_EQ(result.out, expected_output(picture, needle)) << needle;
         EXPECT_EQ(result.status, 0);
     }
@@ -93,7 +63,7 @@ TEST(Dictscan, Needles) {
 
 TEST(Dictscan, UsageAndOpenErrors) {
     const temp_dir dir;
-    const std::string usage = "usage: " + TOOL + " <index>.tsidx substring\n";
+    const std::string usage = "usage: " VELDAR_TOOLS_DIR "/dictscan <index>.tsidx substring\n";
     write_file(dir.file("empty"), "");
     struct refusal {
         std::vector<std::string> arguments;
@@ -107,12 +77,12 @@ TEST(Dictscan, UsageAndOpenErrors) {
         {{"x.tsidx", "x"}, "ERROR: unable to open x.tsidx wrc=[-45,0]\n"},
     };
     for (const refusal& c : cases) {
-        const tool_run result = run(c.arguments);
+        const tool_result result = run(c.arguments);
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(result.err, c.error);
         EXPECT_EQ(result.status, 1);
     }
-    const tool_run empty = run({dir.file("empty"), "x"});
+    const tool_result empty = run({dir.file("empty"), "x"});
     EXPECT_NE(empty.err.find("ERROR: unable to open " + dir.file("empty") + " wrc=[-49,"), std::string::npos);
     EXPECT_EQ(empty.status, 1);
 }
@@ -120,7 +90,7 @@ TEST(Dictscan, UsageAndOpenErrors) {
 TEST(Dictscan, FailedWritesAreDropped) {
     const temp_dir dir;
     const std::string path = forge_file(dir.path(), forge_random_events(6, 3000), forge_as_created(3));
-    const tool_run result = run({path, ""}, "/dev/full");
+    const tool_result result = run({path, ""}, {"", 0, 0, "/dev/full"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
 }
@@ -133,7 +103,7 @@ TEST(Dictscan, DamageNeverStopsTheToolAbnormally) {
     const damage_options sparse = {.truncation_step = 97, .flip_step = 13, .word_step = 40};
     damage_sweep(bytes, sparse, [&](const std::string& damaged, const std::string& what) {
         write_file(dir.file("slice"), damaged);
-        const tool_run result = run({dir.file("slice"), ""});
+        const tool_result result = run({dir.file("slice"), ""});
         // A sanitizer's report also exits with 1, but does not say this.
         const bool refused = result.status == 1 && result.err.find("ERROR: unable to open") != std::string::npos;
         EXPECT_TRUE(result.status == 0 || refused) << what << " status " << result.status << "\n" << result.err;

@@ -30,50 +30,6 @@ std::string bytes_at(const std::string& file, uint64_t at, uint64_t end) {
     return file.substr(at, end - at);
 }
 
-std::vector<forge_event> run_events() {
-    // Value numbers are 20 - i: "run" lies in the numbers 10, 11, 12, 13 and 20.
-    std::vector<forge_event> events;
-    for (uint32_t i = 0; i <= 20; i++) {
-        forge_event event{.time = 1000 + static_cast<int32_t>(i), .address = 500 + i, .terms = {"a"}};
-        const uint32_t number = 20 - i;
-        if ((number >= 10 && number <= 13) || number == 20) event.terms.push_back("run");
-        if ((number >= 10 && number <= 13) || number == 20) event.terms.push_back("same");
-        if (number == 7) event.terms.push_back("solo");
-        events.push_back(event);
-    }
-    return events;
-}
-
-TEST(Forge, EncodingsAreTheWrittenExamples) {
-    forge_options options;
-    options.wflags = FORGE_TAG2;
-    options.lists = forge_lists::rle;
-    options.forced = {{"solo", forge_encoding::spo}, {"same", forge_encoding::dedup}};
-    forge_picture picture;
-    std::string file = forge_slice(run_events(), options, &picture);
-    EXPECT_EQ(bytes_at(file, picture.at.postings, picture.at.end), unhex("00 00 14  0A 00 03 07"));
-    EXPECT_EQ(bytes_at(file, picture.at.posting_offsets, picture.at.posting_offsets + 32),
-              unhex("000000000000000C 0000000000000007 000000000000001E 000000000000001C"));
-    options.forced["run"] = forge_encoding::bmap;
-    file = forge_slice(run_events(), options, &picture);
-    EXPECT_EQ(bytes_at(file, picture.at.postings, picture.at.end), unhex("00 00 14  0A 0F 04"));
-    options = forge_as_created(4);
-    file = forge_slice(run_events(), options, &picture);
-    EXPECT_EQ(picture.lists[1], unhex("0A 01 01 01 07"));
-}
-
-TEST(Forge, LexiconIsTheWrittenExample) {
-    forge_options options;
-    options.tperb = 3;
-    options.bare_terms = {"app", "apple", "apply", "b", "bad"};
-    forge_picture picture;
-    const std::string file = forge_slice({{.time = 5, .address = 1, .terms = {"app"}}}, options, &picture);
-    EXPECT_EQ(bytes_at(file, picture.at.lexicon, picture.at.postings),
-              unhex("00000005 00000003 00000011  0000000A 00000010"
-                    "03 617070  03 02 6C65  04 79"  // app, app|le, appl|y: the last of a full block has no length
-                    "01 62  01 02 6164"));          // b, b|ad: not the last of a full block, so both numbers
-}
-
 TEST(Forge, ValuesMetadataAndCompanionsAreTheWrittenExamples) {
     const std::vector<forge_event> events = {
         {.time = 100, .address = 10, .measure = 6, .s = 1, .terms = {"x"}},

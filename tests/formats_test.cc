@@ -84,15 +84,10 @@ constexpr line_case LINES[] = {
      "- a=1 b=2 3 c=4 h=[i=1] l=m n=o"},
 };
 
-TEST(Formats, LinesGiveTheirTimeAndFields) {
+TEST(Formats, LinesGiveTheirTimeAndFieldsAndAreRecognisedAmongOddOnes) {
     for (const line_case& one : LINES) {
         EXPECT_EQ(parse_with(one.format, one.line), one.expected) << one.line;
         EXPECT_EQ(parse_with(one.format, std::string(one.line) + "\r"), one.expected) << one.line;
-    }
-}
-
-TEST(Formats, EachLineIsRecognisedAsItsFormatAlsoAmongOddOnes) {
-    for (const line_case& one : LINES) {
         std::vector<std::string_view> lines{"Logging starts", "", "   continued", one.line, "1 2 3", one.line};
         EXPECT_STREQ(detect_format(lines, {})->name, one.format) << one.line;
     }
@@ -115,11 +110,6 @@ TEST(Formats, LinesOfAnotherFormHaveNoTimeButTheirPairs) {
     EXPECT_EQ(parse_with("iso8601", "2038-01-19 03:14:08"), "-");
     EXPECT_EQ(parse_with("iso8601", "1901-12-13 20:45:52 k=v"), "-2147483648.0 k=v");
     EXPECT_EQ(parse_with("epoch", "9999999999 k=v"), "- k=v");
-}
-
-TEST(Formats, ContinuationLinesBeginWithABlankOrAreEmpty) {
-    for (const char* line : {"", "\r", " at x", "\tat x"}) EXPECT_FALSE(begins_record(line)) << line;
-    for (const char* line : {"x", "}", "\x01"}) EXPECT_TRUE(begins_record(line)) << line;
 }
 
 TEST(Formats, YearsFollowTheModificationTimeAndTheLinesBefore) {

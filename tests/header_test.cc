@@ -149,35 +149,4 @@ TEST(Header, AnyBytesGiveAscendingOffsets) {
     }
 }
 
-TEST(Header, TransfersTellWhatIsWrong) {
-    temp_dir dir;
-    const std::string legacy = std::string("Veldar6") + std::string(53, '\0');
-    const std::string contents[] = {"", legacy, legacy + std::string(60, '\0'), std::string(120, 'V')};
-    const int statuses[] = {WARM_RC_END_OF_FILE, WARM_RC_SHORT_READ, WARM_RC_OK, WARM_RC_BAD_MAGIC};
-    st_warm_slice_body h;
-    warm_rc_t rc;
-    for (size_t i = 0; i < std::size(contents); i++) {
-        EXPECT_EQ(warm_header_read(open_file(dir, contents[i]).get(), &h, &rc), statuses[i]);
-    }
-    h = header_of("_TSIDX7");
-    EXPECT_EQ(warm_header_write(open_file(dir, std::string(200, 'x')).get(), &h, &rc), 0);
-    EXPECT_EQ(read_file(dir.file("f")).find('x'), 80u);
-}
-
-TEST(Header, PostingListsSizeRefusesWhatCannotBe) {
-    temp_dir dir;
-    st_warm_slice_body h = header_of("_TSIDX9");
-    h.num_values.set(1);
-    h.num_terms.set(2);
-    const std::string before(_offset_pl_offs(&h) + 8, '\0');
-    const std::string entries[] = {"", "\x01\x02\x03", std::string(8, '\xFF'), std::string("\0\0\0\0\0\0\1\2", 8)};
-    const int statuses[] = {WARM_RC_END_OF_FILE, WARM_RC_SHORT_READ, WARM_RC_CORRUPT, WARM_RC_OK};
-    warm_rc_t rc;
-    for (size_t i = 0; i < std::size(entries); i++) {
-        const unique_fd fd = open_file(dir, before + entries[i]);
-        EXPECT_EQ(warm_header_posting_lists_size(&h, fd.get(), &rc), statuses[i] == 0 ? 258 : ~uint64_t{0});
-        EXPECT_EQ(rc.warm_rc, statuses[i]);
-    }
-}
-
 }  // namespace veldar

@@ -64,25 +64,6 @@ TEST(Fsck, EveryForgedKindIsClean) {
     EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, bare, ++id)), "");
 }
 
-TEST(Fsck, CreatedSlicesAreClean) {
-    for (uint32_t level = 1; level <= 4; level++) {
-        for (const bool streaming : {false, true}) {
-            const temp_dir dir;
-            std::vector<forge_event> events = forge_random_events(level, 500);
-            if (streaming) sort_by_arrival(&events);
-            TSWRITEOPTS opts;
-            st_tsidx_write_opts_init_write_level(&opts, level);
-            TSIDX* const tsidx = st_tsidx_open(dir.path().c_str(), streaming, 0, &opts, TSIDX_ORDINARY_WRITER);
-            for (const forge_event& event : events) ASSERT_EQ(put_event(tsidx, event), 0);
-            ASSERT_EQ(st_tsidx_close(tsidx), 0);
-            ASSERT_FALSE(files_in(dir.path(), ".tsidx").empty());
-            for (const std::string& name : files_in(dir.path(), ".tsidx")) {
-                EXPECT_EQ(fsck_text(name), "") << "level " << level;
-            }
-        }
-    }
-}
-
 // A slice whose bytes are known by heart. Values 0 to 20, newest first:
 //
 //   term      numbers          coded as

@@ -75,23 +75,8 @@ TEST(Matcher, AgreesWithTheRuleOnEveryShortNeedleAndTerm) {
         }
     }
     EXPECT_GT(matches, 10000u);
-}
-
-TEST(Matcher, NamedCases) {
-    const struct {
-        const char* needle;
-        const char* term;
-        int match;
-    } cases[] = {
-        {"", "", 1},           {"", "x", 1},          {"**", "", 1},        {"abc", "abc", 1},   {"abc", "abcd", 0},
-        {"abc", "xabc", 0},    {"abc*", "abc", 1},    {"*abc", "xxabc", 1}, {"*abc", "abcx", 0}, {"ab*cd", "abcd", 1},
-        {"ab*cd", "abXcd", 1}, {"ab*cd", "abd", 0},   {"ab*cd", "acd", 0},  {"*a*b*", "bxa", 0}, {"*a*b*", "xaxbx", 1},
-        {"*aa", "aaa", 0},     {"*aa", "aaaa", 1},    {"*aa", "baa", 1},    {"aa*aa", "aaa", 0}, {"A", "a", 0},
-        {"a?c", "abc", 0},     {"\xFF*", "\xFFz", 1}, {"a\\*", "a\\b", 1},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(isMatch(c.term, compile(c.needle).get()), c.match) << c.needle << " on " << c.term;
-    }
+    const char* const pairs[] = {"A", "a", "a?c", "abc", "\xFF*", "\xFFz", "a\\*", "a\\b"};
+    for (size_t i = 0; i < 8; i += 2) EXPECT_EQ(isMatch(pairs[i + 1], compile(pairs[i]).get()), i < 4 ? 0 : 1) << i;
 }
 
 TEST(Matcher, PartsAndTypes) {

@@ -88,8 +88,7 @@ TEST(Order, NumbersAndTexts) {
     EXPECT_TRUE(pointers[0]->offset == 2 && pointers[1]->offset == 3 && pointers[2]->offset == 1);
     st_revsort records[] = {{"b", 1}, {"\xFF", 2}, {"", 3}, {"ba", 4}};
     st_revsort_qsort(records, 4);
-    EXPECT_TRUE(records[0].payload == 3 && records[1].payload == 1 && records[2].payload == 4 &&
-                records[3].payload == 2);
+    for (size_t i = 0; i < 4; i++) EXPECT_EQ(records[i].payload, "\3\1\4\2"[i]);
 }
 
 TEST(Gather, ValuesMoveTheirKeysAlone) {

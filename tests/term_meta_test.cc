@@ -144,22 +144,6 @@ TEST(TermMeta, WriterRefusesWhatItsFieldsCannotHold) {
     EXPECT_EQ(read_file(dir.file("out")).substr(_offset_metadata(&h)), std::string("\x87\x07\0\0\0\0\0\0", 8));
 }
 
-TEST(TermMeta, ZeroWidthsReadBackTheHeader) {
-    const uint64_t words[] = {0x5};
-    term_meta_reader_t reader;
-    warm_rc_t rc;
-    st_warm_slice_body h = packed_header(7, 1000, 1000, 2);
-    ASSERT_EQ(term_meta_reader_open(&reader, -1, reinterpret_cast<const uint8_t*>(words), &h, false, nullptr, &rc), 0);
-    const st_term_metadata* record = term_meta_reader_next(&reader, &rc);
-    ASSERT_NE(record, nullptr);
-    EXPECT_TRUE(*record == (st_term_metadata{5, 1000, 1000}));
-    h = packed_header(0, 1000, 1000, 2);
-    ASSERT_EQ(term_meta_reader_open(&reader, -1, nullptr, &h, true, nullptr, &rc), 0);
-    record = term_meta_reader_next(&reader, &rc);
-    ASSERT_NE(record, nullptr) << "nothing has to be read for an entry of no bits";
-    EXPECT_TRUE(*record == (st_term_metadata{0, 1000, 1000}));
-}
-
 TEST(TermMeta, AccessorReadsOneEntryAtRandomAndPiecesInOrder) {
     for (const forge_options& options : forge_event_kinds()) {
         SCOPED_TRACE(options.name());

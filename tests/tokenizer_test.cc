@@ -140,10 +140,8 @@ TEST(Query, CopiesOwnTheirTextAndForgetTheTokenCase) {
     string_builder out;
     string_builder_start(&out, text, sizeof text);
     st_query_annotator_write(&out, copy);
-    st_query_annotator_write(&out, nullptr);
     EXPECT_EQ(string_builder_finish(&out), 0);
     EXPECT_STREQ(text, "QUERY et=1 lt=3 cumspan=5\nQUERY lispy=[AND x]\n");
-
     st_query_free_copy(copy);
     st_query_init(&query);
     EXPECT_TRUE(query.lispy == nullptr && query.latest == st_timeval_t{} && query.opt_flag == 0);

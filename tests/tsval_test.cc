@@ -306,27 +306,22 @@ TEST(Tsval, PlainCacheReadsWhatItIsToldTo) {
 }
 
 TEST(Tsval, SubsecondsAndMeasures) {
-    const struct {
-        uint64_t encoded;
-        uint32_t milliseconds;
-    } subseconds[] = {
-        {0, 0},
-        {1, 0},
-        {8, 0},
-        {uint64_t{1} << 63, 0},
-        {11, 500},
-        {22, 50},
-        {44, 5},
-        {88, 0},
-        {3, 100},
-        {19, 900},
-        {1999, 999},
-        {2 * 123456 + 1, 123},
-        {~uint64_t{0}, 922},
-        {~uint64_t{1}, 46},
-    };
-    for (const auto& c : subseconds) {
-        EXPECT_EQ(tsval_decode_subsecond_to_millisecond(c.encoded), c.milliseconds) << c.encoded;
+    const std::pair<uint64_t, uint32_t> subseconds[] = {{0, 0},
+                                                        {1, 0},
+                                                        {8, 0},
+                                                        {uint64_t{1} << 63, 0},
+                                                        {11, 500},
+                                                        {22, 50},
+                                                        {44, 5},
+                                                        {88, 0},
+                                                        {3, 100},
+                                                        {19, 900},
+                                                        {1999, 999},
+                                                        {2 * 123456 + 1, 123},
+                                                        {~uint64_t{0}, 922},
+                                                        {~uint64_t{1}, 46}};
+    for (const auto& [encoded, milliseconds] : subseconds) {
+        EXPECT_EQ(tsval_decode_subsecond_to_millisecond(encoded), milliseconds) << encoded;
     }
     const double huge = std::numeric_limits<double>::infinity();
     const std::pair<double, uint32_t> measures[] = {{0, 0},

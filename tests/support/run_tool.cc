@@ -30,7 +30,8 @@ int wait_or_signal(pid_t pid, const tool_options& options) {
 
 tool_result run_tool(const std::string& name, const std::vector<std::string>& arguments, const tool_options& options) {
     const temp_dir dir;
-    const std::string tool = std::string(VELDAR_TOOLS_DIR) + "/" + name, out = dir.file("out"), err = dir.file("err");
+    const std::string tool = std::string(VELDAR_TOOLS_DIR) + "/" + name, err = dir.file("err");
+    const std::string out = options.output.empty() ? dir.file("out") : options.output;
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     const std::string in = options.input.empty() ? "/dev/null" : options.input;
@@ -44,7 +45,8 @@ tool_result run_tool(const std::string& name, const std::vector<std::string>& ar
     EXPECT_EQ(::posix_spawn(&pid, tool.c_str(), &actions, nullptr, argv.data(), environ), 0) << tool;
     ::posix_spawn_file_actions_destroy(&actions);
     const int status = wait_or_signal(pid, options);
-    return {read_file(out), read_file(err), WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status)};
+    return {options.output.empty() ? read_file(out) : "", read_file(err),
+            WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status)};
 }
 
 }  // namespace veldar

@@ -7,9 +7,10 @@
 namespace veldar {
 
 struct tool_options {
-    std::string input;  // path that standard input comes from; empty: /dev/null
-    int signal = 0;     // sent when the tool still runs after `after_us`
+    std::string input = {};  // path that standard input comes from; empty: /dev/null
+    int signal = 0;          // sent when the tool still runs after `after_us`
     unsigned after_us = 0;
+    std::string output = {};  // path that standard output goes to; empty: it is collected
 };
 
 struct tool_result {
