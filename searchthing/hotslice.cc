@@ -1,7 +1,5 @@
 #include "searchthing/hotslice.h"
 
-#include <xxhash.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -19,33 +17,11 @@ namespace {
 
 constexpr uint64_t MAX_TABLE_ENTRIES = 0xFFFFFFFE;
 
-// The specified probe sequence may cycle, because its step and the table size can share factors; after this many probes
-// the search goes on slot by slot, so that it always ends.
-constexpr uint32_t SCATTERED_PROBES = 64;
-
 // Keywords handled together: enough to overlap their cache misses, few enough to stay in the first-level cache.
 constexpr size_t BATCH = 32;
 
 uint64_t soft_limit(uint64_t capacity) {
     return capacity - (capacity < 65536 ? capacity >> 3 : capacity >> 4);
-}
-
-bool same_term(const st_hot_slice& hot, hot_slot_t slot, const char* text, uint32_t length, uint32_t hash) {
-    if (slot.hash != hash) return false;
-    const hot_term_t& term = hot.terms[slot.term_plus_1 - 1];
-    return term.length == length && std::memcmp(hot.lexicon.data() + term.offset, text, length) == 0;
-}
-
-// The term's slot, or the empty slot where it belongs: the table is at most half full, so one of them is found.
-uint32_t locate_term(const st_hot_slice& hot, const char* text, uint32_t length, uint32_t hash) {
-    const uint32_t mask = hot.list_head_capacity_minus1;
-    uint32_t slot = hash & mask;
-    if (hot.slots[slot].term_plus_1 == 0 || same_term(hot, hot.slots[slot], text, length, hash)) return slot;
-    const uint32_t step = XXH32(text, length, hash) | 1;
-    do {
-        slot = (slot + step) & mask;
-    } while (hot.slots[slot].term_plus_1 != 0 && !same_term(hot, hot.slots[slot], text, length, hash));
-    return slot;
 }
 
 // Hashed mode: the bucket that holds a value with the event's address, or the empty bucket where it belongs. The table
@@ -58,14 +34,14 @@ uint32_t locate_value(const st_hot_slice& hot, const st_txn& txn) {
         const uint32_t found = hot.value_hash[bucket];
         if (found == 0 || hot.values[found - 1].address == txn.address) return bucket;
         position += step;
-        bucket = probe < SCATTERED_PROBES ? position % hot.value_hash_capacity
-                                          : (bucket + 1 == hot.value_hash_capacity ? 0 : bucket + 1);
+        bucket = probe < HOT_SCATTERED_PROBES ? position % hot.value_hash_capacity
+                                              : (bucket + 1 == hot.value_hash_capacity ? 0 : bucket + 1);
     }
 }
 
 // The slot of the value that the event would join, or HOT_NO_VALUE.
 uint32_t find_value(const st_hot_slice& hot, const st_txn& txn) {
-    if (st_hot_slice_values(&hot) == 0) return HOT_NO_VALUE;
+    if (hot.is_msidx || st_hot_slice_values(&hot) == 0) return HOT_NO_VALUE;
     if (hot.streaming) return hot.values[hot.value_index].address == txn.address ? hot.value_index : HOT_NO_VALUE;
     // Addresses mostly ascend, and then there is nothing to find.
     if (txn.address > hot.address_max) return HOT_NO_VALUE;
@@ -114,16 +90,6 @@ uint32_t add_value(st_hot_slice& hot, const st_txn& txn) {
     return slot;
 }
 
-uint32_t add_term(st_hot_slice& hot, uint32_t slot, const char* text, uint32_t length, uint32_t hash) {
-    const uint32_t id = hot.terms_indexed++;
-    hot.terms[id] = {.offset = hot.lexicon_used, .length = length, .newest = HOT_NO_VALUE, .postings = 0};
-    std::memcpy(hot.lexicon.data() + hot.lexicon_used, text, length);
-    hot.lexicon[hot.lexicon_used + length] = '\0';
-    hot.lexicon_used += length + 1;
-    hot.slots[slot] = {.hash = hash, .term_plus_1 = id + 1};
-    return id;
-}
-
 void add_posting(st_hot_slice& hot, uint32_t id, uint32_t value) {
     const uint32_t node = hot.list_node_index++;
     if (node != 0 && !hot.streaming && value < hot.nodes[node - 1].value) hot.nodes_ordered = false;
@@ -132,46 +98,27 @@ void add_posting(st_hot_slice& hot, uint32_t id, uint32_t value) {
     hot.terms[id].postings++;
 }
 
-bool lexicon_holds(const st_hot_slice& hot, uint64_t more) {
-    return hot.lexicon_used + more < hot.lexicon_capacity;
-}
-
-// Distinct keywords among those that are not terms yet, with the arena bytes that they need.
-struct new_terms_t {
-    uint64_t count = 0;
-    uint64_t bytes = 0;
-};
-
-new_terms_t count_new_terms(const st_hot_slice& hot, std::span<const hot_keyword_t> keywords) {
-    std::vector<hot_keyword_t> fresh;
-    for (const hot_keyword_t& keyword : keywords) {
-        const uint32_t slot = locate_term(hot, keyword.text, keyword.length, keyword.hash);
-        if (hot.slots[slot].term_plus_1 == 0) fresh.push_back(keyword);
-    }
-    const auto text = [](const hot_keyword_t& keyword) { return std::string_view(keyword.text, keyword.length); };
-    std::sort(fresh.begin(), fresh.end(), [&](const hot_keyword_t& a, const hot_keyword_t& b) {
-        return a.hash != b.hash ? a.hash < b.hash : text(a) < text(b);
-    });
-    new_terms_t result;
-    for (size_t i = 0; i < fresh.size(); i++) {
-        if (i != 0 && fresh[i].hash == fresh[i - 1].hash && text(fresh[i]) == text(fresh[i - 1])) continue;
-        result.count++;
-        result.bytes += fresh[i].length + 1;
-    }
-    return result;
-}
-
 // Postings that the transaction adds: distinct new terms, and distinct known terms that the event does not have yet.
 uint64_t count_new_postings(const st_hot_slice& hot, uint32_t value, std::span<const hot_keyword_t> keywords,
                             uint64_t new_terms) {
     std::vector<uint32_t> known;
     for (const hot_keyword_t& keyword : keywords) {
-        const hot_slot_t slot = hot.slots[locate_term(hot, keyword.text, keyword.length, keyword.hash)];
+        const hot_slot_t slot = hot.slots[hot_locate_term(hot, keyword.text, keyword.length, keyword.hash)];
         if (slot.term_plus_1 == 0) continue;
         if (value == HOT_NO_VALUE || hot.terms[slot.term_plus_1 - 1].newest != value) known.push_back(slot.term_plus_1);
     }
     std::sort(known.begin(), known.end());
     return new_terms + static_cast<uint64_t>(std::unique(known.begin(), known.end()) - known.begin());
+}
+
+st_hotput_rc_t put_metric_keyword(st_hot_slice& hot, const char* keyword, size_t length, const st_txn& txn) {
+    const hot_metrics_t& metrics = hot.metrics;
+    ST_ASSERT(metrics.txn_is_open && same_event(hot.values[hot.value_index], txn));
+    if (metrics.dimset_measures_array_idx >= metrics.dimset_measures.size()) return HOT_PUT_RC_MEASURES_FULL;
+    if (length == 0) return HOT_PUT_RC_SUCCESS;
+    const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
+    if (std::memchr(keyword, '\0', kept) != nullptr) return HOT_PUT_RC_BAD_KEYWORD;
+    return hot_metrics_put(hot, keyword, kept, txn);
 }
 
 template <typename field_t>
@@ -183,9 +130,8 @@ field_t get_largest(const HOT* hot, field_t st_tsval::*field) {
     return largest;
 }
 
-int check_limits(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values, bool is_msidx,
+int check_limits(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
                  warm_rc_t* rc) {
-    if (is_msidx) return _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "metric hot slices are not supported");
     if (max_terms < 257) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "max_terms is below 257");
     if (max_postings > st_hot_slice_max_postings() || max_values > st_hot_slice_max_values()) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "max_postings or max_values is above its maximum");
@@ -199,43 +145,104 @@ int check_limits(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postin
     return 0;
 }
 
+int check_metric_limits(uint64_t max_txn_keywords, uint64_t dimsets_cap, uint64_t max_dimset_measures, warm_rc_t* rc) {
+    if (max_txn_keywords > MAX_TABLE_ENTRIES || dimsets_cap > MAX_TABLE_ENTRIES ||
+        max_dimset_measures > MAX_TABLE_ENTRIES) {
+        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "hot slice limits do not fit 32 bits");
+    }
+    return 0;
+}
+
 bool allocate(st_hot_slice& hot) {
-    const uint32_t hashed_values = hot.streaming ? 0 : hot.value_capacity;
+    const uint32_t hashed_values = hot.fills_downward() ? 0 : hot.value_capacity;
+    const uint32_t hash_slots = hot.is_msidx ? 0 : hot.value_hash_capacity;
+    const uint32_t mapped_values = hot.streaming ? 0 : hot.value_capacity;
     return hot.lexicon.alloc(hot.lexicon_capacity + sizeof(uint64_t)) && hot.terms.alloc(hot.terms_capacity) &&
            hot.slots.alloc(uint64_t{2} * hot.terms_capacity) && hot.nodes.alloc(hot.list_node_capacity) &&
-           hot.values.alloc(hot.value_capacity) && hot.value_hash.alloc(hot.value_hash_capacity) &&
+           hot.values.alloc(hot.value_capacity) && hot.value_hash.alloc(hash_slots) &&
            hot.sort_keys.alloc(std::max(hot.terms_capacity, hashed_values)) && hot.value_order.alloc(hashed_values) &&
-           hot.values_map.alloc(hashed_values) && hot.cursors.alloc(hot.terms_capacity) &&
+           hot.values_map.alloc(mapped_values) && hot.cursors.alloc(hot.terms_capacity) &&
            hot.sorted_terms.alloc(hot.terms_capacity) && hot.term_postings.alloc(hot.terms_capacity) &&
            hot.postings.alloc(hot.list_node_capacity);
 }
 
+// Empties the term table. A table of millions of slots with few terms in them is not touched as a whole.
+void forget_terms(st_hot_slice& hot) {
+    if (hot.terms_indexed < hot.slots.size() / 64) {
+        hot_remove_newest_terms(hot, 0);
+    } else {
+        hot.slots.clear();
+        hot.terms_indexed = 0;
+        hot.lexicon_used = 0;
+    }
+}
+
 }  // namespace
 
+hot_new_terms_t hot_count_new_terms(const st_hot_slice& hot, std::span<const hot_keyword_t> keywords) {
+    std::vector<hot_keyword_t> fresh;
+    for (const hot_keyword_t& keyword : keywords) {
+        const uint32_t slot = hot_locate_term(hot, keyword.text, keyword.length, keyword.hash);
+        if (hot.slots[slot].term_plus_1 == 0) fresh.push_back(keyword);
+    }
+    const auto text = [](const hot_keyword_t& keyword) { return std::string_view(keyword.text, keyword.length); };
+    std::sort(fresh.begin(), fresh.end(), [&](const hot_keyword_t& a, const hot_keyword_t& b) {
+        return a.hash != b.hash ? a.hash < b.hash : text(a) < text(b);
+    });
+    hot_new_terms_t result;
+    for (size_t i = 0; i < fresh.size(); i++) {
+        if (i != 0 && fresh[i].hash == fresh[i - 1].hash && text(fresh[i]) == text(fresh[i - 1])) continue;
+        result.count++;
+        result.bytes += fresh[i].length + 1;
+    }
+    return result;
+}
+
+st_hotput_rc_t hot_check_new_terms(const st_hot_slice& hot, const hot_new_terms_t& fresh) {
+    if (fresh.count > hot.terms_capacity - hot.terms_indexed) return HOT_PUT_RC_TERMS_FULL;
+    if (fresh.count != 0 && !hot_lexicon_holds(hot, fresh.bytes)) return HOT_PUT_RC_LEXICON_FULL;
+    return HOT_PUT_RC_SUCCESS;
+}
+
+void hot_remove_newest_terms(st_hot_slice& hot, uint32_t count) {
+    while (hot.terms_indexed > count) {
+        const hot_term_t& term = hot.terms[--hot.terms_indexed];
+        const char* const text = hot.lexicon.data() + term.offset;
+        hot.slots[hot_locate_term(hot, text, term.length, hot_slice_hash(text, term.length))] = {};
+        hot.lexicon_used = term.offset;
+    }
+}
+
 HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
-                         uint64_t /*max_txn_keywords*/, uint64_t /*dimsets_cap*/, uint64_t /*max_dimset_measures*/,
-                         bool streaming, bool is_msidx, const TSWRITEOPTS* /*opts*/, warm_rc_t* rc) {
+                         uint64_t max_txn_keywords, uint64_t dimsets_cap, uint64_t max_dimset_measures, bool streaming,
+                         bool is_msidx, const TSWRITEOPTS* opts, warm_rc_t* rc) {
     _set_rc(rc, 0);
-    if (check_limits(lexicon_bytes, max_terms, max_postings, max_values, is_msidx, rc) != 0) return nullptr;
+    if (check_limits(lexicon_bytes, max_terms, max_postings, max_values, rc) != 0) return nullptr;
+    if (is_msidx && check_metric_limits(max_txn_keywords, dimsets_cap, max_dimset_measures, rc) != 0) return nullptr;
     std::unique_ptr<st_hot_slice> hot(new (std::nothrow) st_hot_slice);
     if (hot == nullptr) {
         _set_rc_msg(rc, WARM_RC_NO_MEMORY, "hot slice");
         return nullptr;
     }
-    hot->streaming = streaming;
+    hot->streaming = streaming && !is_msidx;
+    hot->is_msidx = is_msidx;
     hot->lexicon_capacity = static_cast<uint32_t>(lexicon_bytes);
     hot->terms_capacity = static_cast<uint32_t>(round_up_to_power_of_two(max_terms));
     hot->list_head_capacity_minus1 = 2 * hot->terms_capacity - 1;
     hot->list_node_capacity = static_cast<uint32_t>(max_postings);
     hot->value_capacity = static_cast<uint32_t>(max_values);
-    hot->value_hash_capacity = streaming ? 0 : 2 * hot->value_capacity;
-    hot->value_index = streaming ? hot->value_capacity : 0;
+    hot->value_hash_capacity = is_msidx ? hot->value_capacity : streaming ? 0 : 2 * hot->value_capacity;
+    hot->value_index = hot->fills_downward() ? hot->value_capacity : 0;
     hot->soft = {.terms = soft_limit(hot->terms_capacity),
                  .values = soft_limit(max_values),
                  .postings = soft_limit(max_postings),
                  .lexicon = soft_limit(lexicon_bytes),
-                 .measures = 0};
-    if (!allocate(*hot)) {
+                 .measures = is_msidx ? soft_limit(max_dimset_measures) : 0};
+    if (is_msidx && opts != nullptr && st_tswriteopts_support_millisecond(opts)) {
+        hot->metrics.milliseconds = HOT_MS_ENCODED;
+    }
+    if (!allocate(*hot) ||
+        (is_msidx && !hot_metrics_allocate(*hot, max_txn_keywords, dimsets_cap, max_dimset_measures))) {
         _set_rc_msg(rc, WARM_RC_NO_MEMORY, "hot slice tables");
         return nullptr;
     }
@@ -248,24 +255,24 @@ void st_hot_slice_close(HOT* hot) {
 
 void st_hot_slice_reset(HOT* hot) {
     ST_ASSERT(hot != nullptr);
-    hot->slots.clear();
+    forget_terms(*hot);
     hot->value_hash.clear();
-    hot->lexicon_used = 0;
-    hot->terms_indexed = 0;
     hot->list_node_index = 0;
-    hot->value_index = hot->streaming ? hot->value_capacity : 0;
+    hot->value_index = hot->fills_downward() ? hot->value_capacity : 0;
     hot->nodes_ordered = true;
     hot->address_min = 0xFFFFFFFF;
     hot->address_max = 0;
     hot->aborted = HOT_PUT_RC_SUCCESS;
     hot->prepared = false;
     hot->result = {};
+    if (hot->is_msidx) hot_metrics_reset(*hot);
 }
 
 st_hotput_rc_t st_hot_slice_txn_start(HOT* hot, const st_txn* txn) {
     ST_ASSERT(hot != nullptr && txn != nullptr);
     hot->aborted = st_hot_slice_check_space(hot);
     if (hot->aborted != HOT_PUT_RC_SUCCESS) return hot->aborted;
+    if (hot->is_msidx) return hot->aborted = hot_metrics_txn_start(*hot, *txn);
     widen_addresses(*hot, txn->address);
     return HOT_PUT_RC_SUCCESS;
 }
@@ -274,6 +281,7 @@ st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length
     ST_ASSERT(hot != nullptr && keyword != nullptr && txn != nullptr);
     ST_ASSERT(!hot->prepared);
     if (hot->aborted != HOT_PUT_RC_SUCCESS) return hot->aborted;
+    if (hot->is_msidx) return put_metric_keyword(*hot, keyword, length, *txn);
     if (st_hot_slice_values(hot) >= hot->value_capacity) return HOT_PUT_RC_VALUES_FULL;
     if (hot->list_node_index >= hot->list_node_capacity) return HOT_PUT_RC_POSTINGS_FULL;
     if (length == 0) return HOT_PUT_RC_SUCCESS;
@@ -281,24 +289,25 @@ st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length
     if (std::memchr(keyword, '\0', kept) != nullptr) return HOT_PUT_RC_BAD_KEYWORD;
 
     const uint32_t hash = hot_slice_hash(keyword, kept);
-    const uint32_t slot = locate_term(*hot, keyword, kept, hash);
+    const uint32_t slot = hot_locate_term(*hot, keyword, kept, hash);
     const bool is_new = hot->slots[slot].term_plus_1 == 0;
     uint32_t value = find_value(*hot, *txn);
     if (is_new) {
         if (hot->terms_indexed >= hot->terms_capacity) return HOT_PUT_RC_TERMS_FULL;
-        if (!lexicon_holds(*hot, kept + 1)) return HOT_PUT_RC_LEXICON_FULL;
+        if (!hot_lexicon_holds(*hot, kept + 1)) return HOT_PUT_RC_LEXICON_FULL;
     } else if (value != HOT_NO_VALUE && hot->terms[hot->slots[slot].term_plus_1 - 1].newest == value) {
         return HOT_PUT_RC_SUCCESS;
     }
     check_streaming_order(*hot, *txn);
     if (value == HOT_NO_VALUE) value = add_value(*hot, *txn);
-    const uint32_t id = is_new ? add_term(*hot, slot, keyword, kept, hash) : hot->slots[slot].term_plus_1 - 1;
+    const uint32_t id = is_new ? hot_add_term(*hot, slot, keyword, kept, hash) : hot->slots[slot].term_plus_1 - 1;
     add_posting(*hot, id, value);
     return HOT_PUT_RC_SUCCESS;
 }
 
 st_hotput_rc_t st_hot_slice_txn_stop(HOT* hot) {
     ST_ASSERT(hot != nullptr);
+    if (hot->is_msidx && hot->metrics.txn_is_open) hot_metrics_txn_stop(*hot);
     return HOT_PUT_RC_SUCCESS;
 }
 
@@ -318,6 +327,7 @@ st_hotput_rc_t st_hot_slice_check_space(const HOT* hot) {
     if (st_hot_slice_values(hot) > hot->soft.values) return HOT_PUT_RC_VALUES_FULL;
     if (hot->list_node_index > hot->soft.postings) return HOT_PUT_RC_POSTINGS_FULL;
     if (hot->lexicon_used > hot->soft.lexicon) return HOT_PUT_RC_LEXICON_FULL;
+    if (hot->metrics.dimset_measures_array_idx > hot->soft.measures) return HOT_PUT_RC_MEASURES_FULL;
     return HOT_PUT_RC_SUCCESS;
 }
 
@@ -353,17 +363,16 @@ st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<
     const uint64_t free_terms = hot->terms_capacity - hot->terms_indexed;
     const uint64_t free_postings = hot->list_node_capacity - hot->list_node_index;
     const bool value_fits = st_hot_slice_values(hot) < hot->value_capacity;
-    if (value_fits && keywords.size() <= free_terms && keywords.size() <= free_postings && lexicon_holds(*hot, bytes)) {
+    if (value_fits && keywords.size() <= free_terms && keywords.size() <= free_postings &&
+        hot_lexicon_holds(*hot, bytes)) {
         return HOT_PUT_RC_SUCCESS;
     }
 
     const uint32_t value = find_value(*hot, *txn);
     if (!value_fits && value == HOT_NO_VALUE) return HOT_PUT_RC_VALUES_FULL;
-    const new_terms_t fresh = count_new_terms(*hot, keywords);
+    const hot_new_terms_t fresh = hot_count_new_terms(*hot, keywords);
     if (count_new_postings(*hot, value, keywords, fresh.count) > free_postings) return HOT_PUT_RC_POSTINGS_FULL;
-    if (fresh.count > free_terms) return HOT_PUT_RC_TERMS_FULL;
-    if (fresh.count != 0 && !lexicon_holds(*hot, fresh.bytes)) return HOT_PUT_RC_LEXICON_FULL;
-    return HOT_PUT_RC_SUCCESS;
+    return hot_check_new_terms(*hot, fresh);
 }
 
 // A term costs three dependent cache misses: its slot, its record, its bytes. Each pass over a batch starts the next
@@ -394,9 +403,9 @@ void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_
             if (likely[i] != 0) __builtin_prefetch(hot->lexicon.data() + hot->terms[likely[i] - 1].offset);
         }
         for (const hot_keyword_t& keyword : batch) {
-            const uint32_t slot = locate_term(*hot, keyword.text, keyword.length, keyword.hash);
+            const uint32_t slot = hot_locate_term(*hot, keyword.text, keyword.length, keyword.hash);
             uint32_t id = hot->slots[slot].term_plus_1;
-            id = id == 0 ? add_term(*hot, slot, keyword.text, keyword.length, keyword.hash) : id - 1;
+            id = id == 0 ? hot_add_term(*hot, slot, keyword.text, keyword.length, keyword.hash) : id - 1;
             if (hot->terms[id].newest != value) add_posting(*hot, id, value);
         }
     }
@@ -411,7 +420,7 @@ const st_tsval* hot_slice_find_value(const HOT* hot, const st_txn* txn) {
 const st_tsval* hot_slice_last_value(const HOT* hot) {
     ST_ASSERT(hot != nullptr);
     if (st_hot_slice_values(hot) == 0) return nullptr;
-    return &hot->values[hot->streaming ? hot->value_index : hot->value_index - 1];
+    return &hot->values[hot->fills_downward() ? hot->value_index : hot->value_index - 1];
 }
 
 uint32_t hot_slice_terms(const HOT* hot) {
@@ -426,18 +435,21 @@ uint64_t hot_slice_lexicon_bytes(const HOT* hot) {
 bool hot_slice_is_msidx(const HOT* hot) {
     return hot->is_msidx;
 }
+bool ds_should_group_dimsets(const HOT* hot) {
+    return hot->is_msidx;
+}
 
 uint32_t st_hot_slice_values(const HOT* hot) {
     return st_hot_slice_value_end(hot) - st_hot_slice_value_begin(hot);
 }
 uint32_t st_hot_slice_value_begin(const HOT* hot) {
-    return hot->streaming ? hot->value_index : 0;
+    return hot->fills_downward() ? hot->value_index : 0;
 }
 uint32_t st_hot_slice_value_end(const HOT* hot) {
-    return hot->streaming ? hot->value_capacity : hot->value_index;
+    return hot->fills_downward() ? hot->value_capacity : hot->value_index;
 }
 bool st_hot_slice_is_streaming(const HOT* hot) {
-    return hot->value_hash_capacity == 0;
+    return hot->fills_downward();
 }
 
 uint32_t get_largest_source(const HOT* hot) {
@@ -458,8 +470,8 @@ uint64_t st_hot_slice_size(const HOT* hot) {
     ST_ASSERT(hot != nullptr);
     const uint64_t terms = hot->terms_capacity;
     const uint64_t postings = hot->list_node_capacity;
-    return hot->lexicon_capacity + 40 * uint64_t{hot->value_capacity} + 352 + 16 * terms +
-           4 * (hot->values_map.size() + terms + postings) +
+    return hot->lexicon_capacity + 40 * uint64_t{hot->value_capacity} + 352 +
+           16 * (terms + hot->metrics.dimset_measures.size()) + 4 * (hot->values_map.size() + terms + postings) +
            8 * (postings + hot->value_hash_capacity + terms + hot->slots.size());
 }
 

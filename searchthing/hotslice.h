@@ -8,6 +8,17 @@
 //   mode       values                                a put finds its value by
 //   hashed     slots 0, 1, ... upward                a hash table over event addresses
 //   streaming  from the top slot downward            comparing with the most recent value only; events arrive in order
+//   metric     from the top slot downward            nothing: every transaction makes one value
+//
+// In metric mode the keywords of a transaction make up a dimension set (dimset.h), by how they begin; each has its
+// leading blank:
+//
+//   " metric_name::"             a column, with the transaction's measure at the time of the put
+//   " host::"                    the host field; " source::" and " sourcetype::" likewise
+//   " _catalog::", " _dims::"    no dimension, as is a keyword without a leading blank
+//   any other leading blank      an optional dimension
+//
+// What is no dimension is found later at every event of the set that it was put with.
 //
 // A handle is used by one thread at a time.
 #pragma once
@@ -17,6 +28,7 @@
 #include <span>
 #include <string_view>
 
+#include "searchthing/dimset.h"
 #include "searchthing/tsidx_names.h"
 #include "searchthing/tsval.h"
 #include "searchthing/warm_rc.h"
@@ -54,9 +66,9 @@ struct st_txn {
 static_assert(sizeof(st_txn) == 56);
 
 // An empty hot slice, or null with rc: -37 for fewer than 257 terms or more postings or values than the maxima, -36
-// when a table derived from the limits has more than 2^32 - 2 entries, -17 for metric mode, -2 for memory. `max_terms`
-// is rounded up to a power of two. `max_txn_keywords`, `dimsets_cap` and `max_dimset_measures` matter in metric mode
-// only.
+// when a table derived from the limits has more than 2^32 - 2 entries, -2 for memory. `max_terms` is rounded up to a
+// power of two. `max_txn_keywords`, `dimsets_cap` (words of all sets) and `max_dimset_measures` matter in metric mode
+// only, which ignores `streaming`; without options milliseconds are off.
 HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
                          uint64_t max_txn_keywords, uint64_t dimsets_cap, uint64_t max_dimset_measures, bool streaming,
                          bool is_msidx, const TSWRITEOPTS* opts, warm_rc_t* rc);
@@ -66,11 +78,16 @@ void st_hot_slice_close(HOT* hot);
 void st_hot_slice_reset(HOT* hot);
 
 // Clears the aborted code and checks the soft limits; a code other than 0 aborts the transaction and is returned.
+// Metric mode: the transaction before has been stopped; -6 when fewer than `max_txn_keywords` words are left for sets,
+// -2 when no value is left.
 st_hotput_rc_t st_hot_slice_txn_start(HOT* hot, const st_txn* txn);
 // Indexes one keyword for the event: 0 also for an empty keyword and for a pair that is indexed already; a keyword
 // longer than 2047 bytes is cut. A refusal changes nothing. In an aborted transaction: the aborted code, and nothing
-// happens. Streaming mode: the event is the most recent one or newer than it.
+// happens. Streaming mode: the event is the most recent one or newer than it. Metric mode: a transaction is open and
+// the record is the one that it was started with, but for the measure.
 st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length, const st_txn* txn);
+// 0. Metric mode: commits the transaction, also an aborted one; an event without a measure is dropped, with the terms
+// that it brought.
 st_hotput_rc_t st_hot_slice_txn_stop(HOT* hot);
 // Makes the remaining puts of the transaction no-ops that return the code; what was put stays.
 void st_hot_slice_txn_abort(HOT* hot, st_hotput_rc_t code);
@@ -120,16 +137,47 @@ uint32_t hot_slice_hash(const char* text,
 // Whether the whole transaction fits the hard limits, exactly: 0, or the code of the first limit that it would pass.
 // Near a limit it collects the distinct new terms and may throw std::bad_alloc; it never changes the hot slice.
 st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords);
+// Metric mode: the same, where a keyword that is a column stands for one measure.
+st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords);
+// Applies a whole metric transaction that hot_slice_check_metric_txn has accepted, `measures` being parallel to the
+// keywords; cannot fail.
+void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords,
+                          std::span<const st_measure_t> measures);
 // Applies every keyword of a transaction that hot_slice_check_txn has accepted; cannot fail.
 void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords);
-// The value that a put of this event would join, or null: hashed mode goes by the address, streaming mode looks at the
-// most recent value only. How the directory finds two different events under one address.
+// The value that a put of this event would join, or null, as always in metric mode: hashed mode goes by the address,
+// streaming mode looks at the most recent value only. How the directory finds two different events under one address.
 const st_tsval* hot_slice_find_value(const HOT* hot, const st_txn* txn);
 // The most recent value, or null when there is none.
 const st_tsval* hot_slice_last_value(const HOT* hot);
 uint32_t hot_slice_terms(const HOT* hot);
 uint32_t hot_slice_postings(const HOT* hot);       // posting nodes in use
 uint64_t hot_slice_lexicon_bytes(const HOT* hot);  // arena bytes in use
+
+// What a keyword of a metric transaction is for its dimension set.
+enum hot_dimension_t {
+    HOT_DIM_NONE,
+    HOT_DIM_HOST,
+    HOT_DIM_SOURCE,
+    HOT_DIM_SOURCE_TYPE,
+    HOT_DIM_OPTIONAL,
+    HOT_DIM_COLUMN
+};
+hot_dimension_t hot_slice_classify(std::string_view keyword);
+// Whether the hot slice keeps dimension sets: metric mode.
+bool ds_should_group_dimsets(const HOT* hot);
+
+// Metric mode: one measure of an event.
+struct hot_measure_t {
+    uint32_t term;  // of its metric name
+    st_measure_t value;
+};
+// Metric mode: whether values carry milliseconds, and in which form.
+enum hot_milliseconds_t : uint8_t {
+    HOT_MS_OFF = 0,
+    HOT_MS_ENCODED = 1,  // as they were put
+    HOT_MS_DECODED = 2,  // as nanoseconds, once prepared
+};
 
 // What slice creation reads from a prepared hot slice.
 struct hot_prepared_t {
@@ -140,11 +188,24 @@ struct hot_prepared_t {
     std::span<const char* const> terms;       // sorted, NUL-terminated
     std::span<const uint32_t> term_postings;  // postings per sorted term
     std::span<const uint32_t> postings;       // all postings, sorted-term by sorted-term, each strictly ascending
+    // Metric mode. The address of a prepared value is the rank of its dimension set; values come set by set, the
+    // highest rank first, and newest first in a set; a term has one posting a set.
+    std::span<const ds_dimset_t* const> dimsets;  // by rank, their terms being ranks
+    std::span<const hot_measure_t> measures;      // of value v: v.measures of them from v.first_measure on
+    std::span<const uint32_t> term_ranks;         // term id -> rank
+    uint32_t new_measures = 0;                    // measures whose metric name was a new term
+    hot_milliseconds_t milliseconds = HOT_MS_OFF;
 };
 // Valid from a successful st_hot_slice_prepare until reset.
 const hot_prepared_t* hot_slice_prepared(const HOT* hot);
 // Value number `number` (0 is the newest) of a prepared hot slice.
 const st_tsval* hot_slice_prepared_value(const HOT* hot, uint32_t number);
 bool hot_slice_is_msidx(const HOT* hot);
+// Metric mode: events with the term at a sorted position, and the earliest and latest of their times.
+struct hot_term_counts_t {
+    uint32_t count;
+    st_time_t earliest, latest;
+};
+hot_term_counts_t hot_slice_prepared_counts(const HOT* hot, uint32_t rank);
 
 }  // namespace veldar

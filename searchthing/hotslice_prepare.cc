@@ -71,6 +71,7 @@ void order_terms(st_hot_slice& hot) {
     sort_terms(hot.lexicon.data(), hot.sort_keys.begin(), hot.sort_keys.begin() + hot.terms_indexed, 0);
     for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
         hot.sorted_terms[rank] = hot.lexicon.data() + hot.sort_keys[rank].offset;
+        if (hot.is_msidx) hot.metrics.term_ranks[hot.sort_keys[rank].index] = rank;
     }
 }
 
@@ -94,6 +95,13 @@ void deal_postings(st_hot_slice& hot) {
     }
 }
 
+// Drops duplicates from sorted numbers; in metric mode those of one dimension set are duplicates. Returns the new end.
+uint32_t* drop_duplicates(const st_hot_slice& hot, uint32_t* begin, uint32_t* end) {
+    if (!hot.is_msidx) return std::unique(begin, end);
+    const buffer<st_tsval*>& values = hot.metrics.value_order;
+    return std::unique(begin, end, [&](uint32_t a, uint32_t b) { return values[a]->address == values[b]->address; });
+}
+
 // Sorts each term's numbers, drops duplicates and closes the gaps that they leave; returns the new total.
 uint32_t order_postings(st_hot_slice& hot, uint32_t total) {
     uint32_t* in = hot.postings.begin();
@@ -101,7 +109,7 @@ uint32_t order_postings(st_hot_slice& hot, uint32_t total) {
     for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
         uint32_t* const end = in + hot.term_postings[rank];
         if (!std::is_sorted(in, end)) std::sort(in, end);
-        uint32_t* const kept = std::unique(in, end);
+        uint32_t* const kept = drop_duplicates(hot, in, end);
         std::memmove(out, in, static_cast<size_t>(kept - in) * sizeof *in);
         hot.term_postings[rank] = static_cast<uint32_t>(kept - in);
         out += kept - in;
@@ -118,17 +126,18 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
     ST_ASSERT(hot != nullptr);
     _set_rc(rc, 0);
     const uint32_t count = st_hot_slice_values(hot);
-    if (!hot->streaming && count == 0) return _set_rc_msg(rc, WARM_RC_FAILED, "hot slice holds no values");
+    if (!hot->fills_downward() && count == 0) return _set_rc_msg(rc, WARM_RC_FAILED, "hot slice holds no values");
     if (!hot->prepared) {
         // Values that arrived oldest first, and nodes that never went back to an older value, leave every list
         // ascending and free of duplicates.
-        bool lists_ascend = true;
-        if (!hot->streaming) {
+        bool lists_ascend = !hot->is_msidx;
+        if (!hot->fills_downward()) {
             const bool in_order = values_arrived_in_order(*hot);
             lists_ascend = in_order && hot->nodes_ordered;
             order_values(*hot, in_order);
         }
         order_terms(*hot);
+        if (hot->is_msidx) ST_TRY(hot_metrics_order(*hot, rc));
         deal_postings(*hot);
         const uint32_t total = lists_ascend ? hot->list_node_index : order_postings(*hot, hot->list_node_index);
 
@@ -137,7 +146,7 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
         result.num_values = count;
         result.num_terms = hot->terms_indexed;
         result.num_postings = total;
-        if (count != 0) {
+        if (count != 0 && !hot->is_msidx) {
             result.latest = hot_slice_prepared_value(hot, 0)->time;
             result.earliest = hot_slice_prepared_value(hot, count - 1)->time;
         }
@@ -168,6 +177,7 @@ const hot_prepared_t* hot_slice_prepared(const HOT* hot) {
 
 const st_tsval* hot_slice_prepared_value(const HOT* hot, uint32_t number) {
     ST_ASSERT(hot->prepared && number < st_hot_slice_values(hot));
+    if (hot->is_msidx) return hot->metrics.value_order[number];
     return &hot->values[hot->streaming ? hot->value_index + number : hot->value_order[number]];
 }
 

@@ -32,6 +32,10 @@ uint64_t* limit_behind(tsidx_limits_t* limits, int code) {
             return &limits->max_postings;
         case HOT_PUT_RC_LEXICON_FULL:
             return &limits->lexicon_bytes;
+        case HOT_PUT_RC_DIMSETS_FULL:
+            return &limits->dimset_words;
+        case HOT_PUT_RC_MEASURES_FULL:
+            return &limits->max_dimset_measures;
         default:
             return nullptr;
     }
@@ -42,8 +46,10 @@ void tune(TSIDX* tsidx, int code) {
     uint64_t* const limit = limit_behind(&tuned, code);
     if (limit == nullptr || *limit > AUTOTUNE_MAX_BYTES) return;
     *limit *= 2;
-    if (st_hot_slice_size_est(tuned.lexicon_bytes, tuned.max_terms, tuned.max_postings, tuned.max_values, 0, 0) >
-        AUTOTUNE_MAX_BYTES) {
+    const uint64_t words = tsidx->is_msidx ? tuned.dimset_words : 0;
+    const uint64_t measures = tsidx->is_msidx ? tuned.max_dimset_measures : 0;
+    if (st_hot_slice_size_est(tuned.lexicon_bytes, tuned.max_terms, tuned.max_postings, tuned.max_values, words,
+                              measures) > AUTOTUNE_MAX_BYTES) {
         return;
     }
     tsidx->limits = tuned;

@@ -107,12 +107,16 @@ const char* st_tsidx_unmoved_slice(const TSIDX* tsidx);
 int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn);
 // put: 0, also for an empty keyword, which is ignored; HOT_PUT_RC_BAD_KEYWORD for a NUL byte among the first 2047
 // bytes, which refuses this keyword alone; -37 without a transaction; -2, and then close refuses the event. A keyword
-// longer than 2047 bytes is cut.
+// longer than 2047 bytes is cut. In a metric directory the record's measure goes with the keyword, when that names one.
 int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn* txn);
 // close: 0, and then the event is in the hot slice, whole. An event without keywords leaves no trace. A hot-put result:
 // too large for any hot slice. TSIDX_SYNC_FAILED or another engine status: nothing of the event was applied, see
 // st_tsidx_last_failure. What does not fit syncs the hot slice first, as does an event whose address belongs to another
 // event of the hot slice, and in streaming mode an event older than the last.
+//
+// Metric directories: the keywords are the event's dimension set (hotslice.h), the address is not kept, an all-ones
+// source counts as 0. -37 for an event without a measure or with two hosts, sources or source types. A keyword that is
+// no dimension is found at every event of the slice with the same set.
 int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn);
 
 }  // namespace veldar

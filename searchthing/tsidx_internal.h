@@ -23,6 +23,7 @@ struct tsidx_txn_buffer {
     std::vector<char> arena;
     size_t used = 0;
     std::vector<hot_keyword_t> keywords;
+    std::vector<st_measure_t> measures;  // metric directories: parallel to the keywords
 };
 
 struct st_tsidx {

@@ -45,6 +45,24 @@ void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t lengt
     buffered.used += length;
 }
 
+// Metric directories: whether the keywords make one dimension set with something measured under it. A field of a set
+// has one value.
+int check_metric_event(TSIDX* tsidx) {
+    const hot_keyword_t* fields[HOT_DIM_COLUMN + 1] = {};
+    for (const hot_keyword_t& keyword : tsidx->txn.keywords) {
+        const std::string_view text(keyword.text, keyword.length);
+        const hot_dimension_t dimension = hot_slice_classify(text);
+        const hot_keyword_t* const before = std::exchange(fields[dimension], &keyword);
+        const bool is_field =
+            dimension == HOT_DIM_HOST || dimension == HOT_DIM_SOURCE || dimension == HOT_DIM_SOURCE_TYPE;
+        if (is_field && before != nullptr && text != std::string_view(before->text, before->length)) {
+            return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "metric event has two hosts, sources or source types");
+        }
+    }
+    if (fields[HOT_DIM_COLUMN] != nullptr) return 0;
+    return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "metric event without a measure");
+}
+
 bool same_fields(const st_tsval& value, const st_txn& txn) {
     return value.time == txn.time && value.s == txn.source && value.st == txn.source_type && value.h == txn.host;
 }
@@ -77,18 +95,28 @@ bool grow_limits(TSIDX* tsidx) {
     raise(&grown.max_terms, count);
     raise(&grown.max_postings, count);
     raise(&grown.max_values, 1);
+    if (tsidx->is_msidx) {
+        raise(&grown.keywords_per_txn, count);
+        raise(&grown.dimset_words, count + DS_MIN_WORDS);
+        raise(&grown.max_dimset_measures, count);
+    }
     const tsidx_limits_t sane = tsidx_clamp_limits(grown);
     if (sane.lexicon_bytes < grown.lexicon_bytes || sane.max_terms < grown.max_terms ||
-        sane.max_postings < grown.max_postings) {
+        sane.max_postings < grown.max_postings || sane.keywords_per_txn < grown.keywords_per_txn ||
+        sane.dimset_words < grown.dimset_words || sane.max_dimset_measures < grown.max_dimset_measures) {
         return false;
     }
     tsidx->limits = grown;
     return true;
 }
 
+st_hotput_rc_t check_fit(const TSIDX* tsidx, const st_txn* txn) {
+    return tsidx->is_msidx ? hot_slice_check_metric_txn(tsidx->hot, tsidx->txn.keywords)
+                           : hot_slice_check_txn(tsidx->hot, txn, tsidx->txn.keywords);
+}
+
 // Leaves a hot slice with room for the transaction, or refuses it.
 int make_room(TSIDX* tsidx, const st_txn* txn) {
-    const std::span<const hot_keyword_t> keywords = tsidx->txn.keywords;
     ST_TRY(tsidx_ensure_hot(tsidx));
     if (const int code = st_hot_slice_check_space(tsidx->hot); code != 0) {
         ST_TRY(tsidx_sync_full(tsidx, code));
@@ -98,15 +126,15 @@ int make_room(TSIDX* tsidx, const st_txn* txn) {
         ST_TRY(st_tsidx_sync(tsidx));
         ST_TRY(tsidx_ensure_hot(tsidx));
     }
-    int code = hot_slice_check_txn(tsidx->hot, txn, keywords);
+    int code = check_fit(tsidx, txn);
     if (code != 0 && st_hot_slice_values(tsidx->hot) != 0) {
         ST_TRY(tsidx_sync_full(tsidx, code));
         ST_TRY(tsidx_ensure_hot(tsidx));
-        code = hot_slice_check_txn(tsidx->hot, txn, keywords);
+        code = check_fit(tsidx, txn);
     }
     if (code != 0 && grow_limits(tsidx)) {
         ST_TRY(tsidx_ensure_hot(tsidx));
-        code = hot_slice_check_txn(tsidx->hot, txn, keywords);
+        code = check_fit(tsidx, txn);
     }
     return code == 0 ? 0 : refuse(tsidx, code);
 }
@@ -122,6 +150,7 @@ int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn) {
     tsidx->txn.failed = 0;
     tsidx->txn.used = 0;
     tsidx->txn.keywords.clear();
+    tsidx->txn.measures.clear();
     return 0;
 }
 
@@ -133,6 +162,7 @@ int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn
     if (std::memchr(text, '\0', kept) != nullptr) return refuse(tsidx, HOT_PUT_RC_BAD_KEYWORD);
     try {
         append_keyword(tsidx->txn, text, kept);
+        if (tsidx->is_msidx) tsidx->txn.measures.push_back(txn->measure);
     } catch (const std::bad_alloc&) {
         tsidx->txn.failed = WARM_RC_NO_MEMORY;
         return fail(tsidx, WARM_RC_NO_MEMORY, "transaction buffer");
@@ -140,22 +170,32 @@ int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn
     return 0;
 }
 
-int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn) {
-    ST_ASSERT(tsidx != nullptr && txn != nullptr);
+int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* given) {
+    ST_ASSERT(tsidx != nullptr && given != nullptr);
     if (!std::exchange(tsidx->txn.open, false)) {
         return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "no transaction is open");
     }
     // Without a keyword that did not fit into memory, the event would not be whole.
     if (tsidx->txn.failed != 0) return fail(tsidx, tsidx->txn.failed, "transaction buffer");
     tsidx->last_failure.warm_rc = 0;
+    st_txn txn = *given;
+    if (tsidx->is_msidx) {
+        ST_TRY(check_metric_event(tsidx));
+        // Metric slices have no deletes.
+        if (txn.source == ST_DELETED_SOURCE) txn.source = 0;
+    }
     if (tsidx->txn.keywords.empty()) return 0;
-    if (!fits_companions(*txn)) return fail(tsidx, WARM_RC_DOES_NOT_FIT, "source, source type or host beyond 31 bits");
+    if (!fits_companions(txn)) return fail(tsidx, WARM_RC_DOES_NOT_FIT, "source, source type or host beyond 31 bits");
     try {
-        ST_TRY(make_room(tsidx, txn));
+        ST_TRY(make_room(tsidx, &txn));
     } catch (const std::bad_alloc&) {
         return fail(tsidx, WARM_RC_NO_MEMORY, "transaction check");
     }
-    hot_slice_put_all(tsidx->hot, txn, tsidx->txn.keywords);
+    if (tsidx->is_msidx) {
+        hot_slice_put_metric(tsidx->hot, &txn, tsidx->txn.keywords, tsidx->txn.measures);
+    } else {
+        hot_slice_put_all(tsidx->hot, &txn, tsidx->txn.keywords);
+    }
     return 0;
 }
 

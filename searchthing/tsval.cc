@@ -328,6 +328,13 @@ uint32_t tsval_decode_subsecond_to_millisecond(st_encoded_subsecond_t encoded) {
     return static_cast<uint32_t>(digits);
 }
 
+st_encoded_subsecond_t tsval_encode_milliseconds(uint32_t milliseconds) {
+    ST_ASSERT(milliseconds <= 999);
+    if (milliseconds == 0) return 0;
+    const uint32_t zeros = 3 - decimalCharactersU64(milliseconds);
+    return st_encoded_subsecond_t{2 * milliseconds + 1} << zeros;
+}
+
 uint32_t tsval_clamp_measure(double measure) {
     if (!(measure > 0)) return 0;
     return measure >= 2147483647.0 ? 2147483647u : static_cast<uint32_t>(measure);

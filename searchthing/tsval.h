@@ -174,6 +174,8 @@ struct tsval_writer_t {
 // Milliseconds, 0 to 999, of a decimal fraction encoded as ((2d + 1) << z): z leading zeros, then the digits of d. 0
 // and powers of two stand for no fraction. "5" is 11 and gives 500, "05" is 22 and gives 50.
 uint32_t tsval_decode_subsecond_to_millisecond(st_encoded_subsecond_t encoded);
+// The fraction of 0 to 999 milliseconds in that encoding; 0 for 0.
+st_encoded_subsecond_t tsval_encode_milliseconds(uint32_t milliseconds);
 // A measure as the integer that the m array holds: NaN and negatives 0, at most 2^31 - 1.
 uint32_t tsval_clamp_measure(double measure);
 

@@ -153,8 +153,9 @@ TEST(HotSlice, CreationLimits) {
         EXPECT_EQ(make_hot(row.l, false, &rc) == nullptr, row.code != 0);
         EXPECT_EQ(rc.warm_rc, row.code);
     }
-    EXPECT_EQ(st_hot_slice_create(65536, 512, 1024, 1024, 8192, 131072, 1024, false, true, nullptr, &rc), nullptr);
-    EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_hot_slice_create(65536, 512, 1024, 1024, 8192, ~uint64_t{0}, 1024, false, true, nullptr, &rc),
+              nullptr);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(prepare(make_hot()).code, -1) << "no values";
 }
 
