@@ -12,6 +12,7 @@
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "libzero/vbe.h"
+#include "searchthing/warmslice_create_internal.h"
 #include "searchthing/warmslice_values.h"
 
 namespace veldar {
@@ -62,7 +63,7 @@ companion_widths choose_widths(const HOT* hot) {
             if (source != ST_DELETED_SOURCE) largest_source = std::max(largest_source, source);
         }
     }
-    return {.m = width_of(tsval_clamp_measure(get_largest_measure(hot))),
+    return {.m = hot_slice_is_msidx(hot) ? 0 : width_of(tsval_clamp_measure(get_largest_measure(hot))),
             .s = width_of(largest_source),
             .st = width_of(get_largest_source_type(hot)),
             .h = width_of(get_largest_host(hot))};
@@ -83,20 +84,23 @@ int set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint
 // Fills what the header has on disk: in the shorter headers, values begin where the later fields would be.
 int fill_header(st_warm_slice_body* header, const HOT* hot, const TSWRITEOPTS* opts, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
-    warm_header_init(header, magic_of_level(opts->write_level));
-    header->num_values.set(prepared.num_values);
+    const bool is_msidx = hot_slice_is_msidx(hot);
+    warm_header_init(header, is_msidx ? "_MSIDX4" : magic_of_level(opts->write_level));
+    const uint32_t num_values = prepared.num_dimsets + prepared.num_values;
+    header->num_values.set(num_values);
     header->num_postings.set(prepared.num_postings);
     header->num_terms.set(prepared.num_terms);
     const companion_widths widths = choose_widths(hot);
-    ST_TRY(set_companion(&header->m_size, &header->m_nbits, prepared.num_values, widths.m, rc));
-    ST_TRY(set_companion(&header->s_size, &header->s_nbits, prepared.num_values, widths.s, rc));
-    ST_TRY(set_companion(&header->st_size, &header->st_nbits, prepared.num_values, widths.st, rc));
-    ST_TRY(set_companion(&header->h_size, &header->h_nbits, prepared.num_values, widths.h, rc));
-    ST_TRY(set_companion(&header->d_size, &header->d_nbits, prepared.num_values, 1, rc));
+    ST_TRY(set_companion(&header->m_size, &header->m_nbits, num_values, widths.m, rc));
+    ST_TRY(set_companion(&header->s_size, &header->s_nbits, num_values, widths.s, rc));
+    ST_TRY(set_companion(&header->st_size, &header->st_nbits, num_values, widths.st, rc));
+    ST_TRY(set_companion(&header->h_size, &header->h_nbits, num_values, widths.h, rc));
+    ST_TRY(set_companion(&header->d_size, &header->d_nbits, num_values, 1, rc));
     if (warm_header_is_legacy(header)) return 0;
     header->earliest.set(static_cast<uint32_t>(prepared.earliest));
     header->latest.set(static_cast<uint32_t>(prepared.latest));
-    warm_header_set_flag(header, WARM_FLAG_MS_REQUESTED, st_tswriteopts_support_millisecond(opts));
+    const bool milliseconds = !is_msidx || prepared.milliseconds == HOT_MS_DECODED;
+    warm_header_set_flag(header, WARM_FLAG_MS_REQUESTED, milliseconds && st_tswriteopts_support_millisecond(opts));
     if (!warm_header_is_rev1(header)) return 0;
     header->seek_addr_min.set(prepared.address_min);
     header->seek_addr_max.set(prepared.address_max);
@@ -104,10 +108,10 @@ int fill_header(st_warm_slice_body* header, const HOT* hot, const TSWRITEOPTS* o
 }
 
 // The exact bytes of all lists: a list's first number stands for itself, each later one for its gap.
-uint64_t count_posting_bytes(const hot_prepared_t& prepared) {
+uint64_t count_posting_bytes(const create_lists_t& lists) {
     uint64_t total = 0;
-    const uint32_t* list = prepared.postings.data();
-    for (const uint32_t count : prepared.term_postings) {
+    const uint32_t* list = lists.postings.data();
+    for (const uint32_t count : lists.counts) {
         if (count == 0) continue;
         uint64_t bytes = vbe_length(list[0]);
         for (uint32_t i = 1; i < count; i++) {
@@ -121,10 +125,13 @@ uint64_t count_posting_bytes(const hot_prepared_t& prepared) {
 }
 
 // Allocates the whole slice and points the handle at it. The header has been filled in `header`.
-int allocate_slice(WARM* warm, const st_warm_slice_body* header, const hot_prepared_t& prepared, warm_rc_t* rc) {
+int allocate_slice(WARM* warm, const st_warm_slice_body* header, const HOT* hot, const create_lists_t& lists,
+                   warm_rc_t* rc) {
+    const hot_prepared_t& prepared = *hot_slice_prepared(hot);
+    const uint64_t dimsets = hot_slice_is_msidx(hot) ? create_metrics_dimsets_size(hot) + 2 * sizeof(uint64_t) : 0;
     const uint64_t lexicon_bound = fclex_body_bound(prepared.num_terms, prepared.lexicon_bytes, TERMS_PER_BLOCK);
     const uint64_t size =
-        _offset_fclex(header) + lexicon_bound + count_posting_bytes(prepared) + POSTING_ROOM + sizeof(uint64_t);
+        _offset_fclex(header) + lexicon_bound + count_posting_bytes(lists) + POSTING_ROOM + sizeof(uint64_t) + dimsets;
     // The handle's header may be read as a whole record, whatever its size on disk.
     if (!warm->owned.alloc(std::max<uint64_t>(size, WARM_HEADER_MAX_SIZE))) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "slice buffer");
@@ -161,23 +168,32 @@ int posting_overrun(uint32_t number, warm_rc_t* rc) {
     return _set_rc_msg(rc, WARM_RC_CAPACITY, "overrun writing posting");
 }
 
+// A list of preambles does not tell how many values it stands for.
+st_term_metadata metric_record(const HOT* hot, uint32_t rank) {
+    const hot_term_counts_t counts = hot_slice_prepared_counts(hot, rank);
+    return {.count = counts.count,
+            .earliest = static_cast<uint32_t>(counts.earliest),
+            .latest = static_cast<uint32_t>(counts.latest)};
+}
+
 // Writes the lists, their end offsets and the terms' metadata; `used` receives the bytes of the whole slice.
-int store_postings(WARM* warm, const hot_prepared_t& prepared, const buffer<uint32_t>& times, uint64_t* used,
-                   warm_rc_t* rc) {
+int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, const buffer<uint32_t>& times,
+                   uint64_t* used, warm_rc_t* rc) {
     uint8_t* const slice = warm->owned.data();
     uint8_t* const end = slice + warm->owned.size();
-    uint8_t* const lists = slice + warm->postings_base;
+    uint8_t* const base = slice + warm->postings_base;
     uint8_t* offsets = slice + _offset_pl_offs(warm->body);
     term_meta_writer_t metadata;
     // In buffer mode the byte-coded types count 8 bytes for an entry of 12.
     const uint64_t metadata_size = warm_header_meta_type(warm->body) == META_PACKED
                                        ? warm_header_size_metadata(warm->body)
-                                       : uint64_t{prepared.num_terms} * 8;
+                                       : uint64_t{lists.counts.size()} * 8;
     term_meta_writer_open_buffer_mode(&metadata, warm->body, slice + _offset_metadata(warm->body), metadata_size);
 
-    uint8_t* out = lists;
-    const uint32_t* list = prepared.postings.data();
-    for (const uint32_t count : prepared.term_postings) {
+    uint8_t* out = base;
+    const uint32_t* list = lists.postings.data();
+    for (uint32_t rank = 0; rank < lists.counts.size(); rank++) {
+        const uint32_t count = lists.counts[rank];
         ST_ASSERT(count != 0);
         uint32_t previous = 0;
         for (uint32_t i = 0; i < count; i++) {
@@ -192,9 +208,12 @@ int store_postings(WARM* warm, const hot_prepared_t& prepared, const buffer<uint
             }
             previous = number;
         }
-        store_be64(offsets, static_cast<uint64_t>(out - lists));
+        store_be64(offsets, static_cast<uint64_t>(out - base));
         offsets += sizeof(uint64_t);
-        const st_term_metadata record = {.count = count, .earliest = times[previous], .latest = times[list[0]]};
+        const st_term_metadata record =
+            hot_slice_is_msidx(hot)
+                ? metric_record(hot, rank)
+                : st_term_metadata{.count = count, .earliest = times[previous], .latest = times[list[0]]};
         ST_TRY(term_meta_writer_append(&metadata, &record, rc));
         list += count;
     }
@@ -202,26 +221,46 @@ int store_postings(WARM* warm, const hot_prepared_t& prepared, const buffer<uint
     return term_meta_writer_close(&metadata, rc);
 }
 
-int write_file(const WARM* warm, uint64_t size, const char* path, ospath_buf* filename, warm_rc_t* rc) {
+// Writes the buffer, padded to a multiple of 8, and the column store behind it; the handle learns the file's size.
+int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char* path, ospath_buf* filename,
+               warm_rc_t* rc) {
+    const uint64_t size = (used + 7) & ~uint64_t{7};
     unique_fd fd(::open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     ospath_buf_set(filename, path);
     if (st_file_write(fd.get(), warm->owned.data(), static_cast<int64_t>(size)) != 0) {
         return _set_rc_msg(rc, WARM_RC_WRITE, path);
     }
+    warm->file_size = size;
+    if (metrics != nullptr) {
+        ST_TRY(cs_sync_cstore(&metrics->cstore, fd.get(), size, rc));
+        warm->file_size += create_metrics_cstore_size(metrics);
+    }
     return fd.close_checked() == 0 ? 0 : _set_rc_msg(rc, WARM_RC_CLOSE, path);
 }
 
-int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, uint64_t* used, warm_rc_t* rc) {
+// Fills the handle's buffer with the whole slice but its column store, up to `used`.
+int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, create_metrics_t* metrics, uint64_t* used,
+                warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     st_warm_slice_body header;
-    ST_TRY(fill_header(&header, hot, opts, rc));
-    ST_TRY(allocate_slice(warm, &header, prepared, rc));
     buffer<uint32_t> times;
-    if (!times.alloc(prepared.num_values)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
-    store_values(warm, hot, &times);
+    create_lists_t lists = {.counts = prepared.term_postings, .postings = prepared.postings};
+    ST_TRY(fill_header(&header, hot, opts, rc));
+    if (metrics != nullptr) {
+        ST_TRY(create_metrics_open(metrics, hot, &header, rc));
+        lists.postings = metrics->postings.span();
+    }
+    ST_TRY(allocate_slice(warm, &header, hot, lists, rc));
+    if (metrics != nullptr) {
+        ST_TRY(create_metrics_values(warm, hot, rc));
+    } else {
+        if (!times.alloc(prepared.num_values)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
+        store_values(warm, hot, &times);
+    }
     ST_TRY(store_lexicon(warm, prepared, rc));
-    return store_postings(warm, prepared, times, used, rc);
+    ST_TRY(store_postings(warm, hot, lists, times, used, rc));
+    return metrics == nullptr ? 0 : create_metrics_dimsets(warm, hot, used, rc);
 }
 
 WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
@@ -230,8 +269,7 @@ WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* pr
     if (st_hot_slice_prepare(hot, &num_values, &num_terms, &num_postings, &num_dimsets, &max_measure_rank, rc) != 0) {
         return nullptr;
     }
-    // Metric slices will write their dimension sets and column store from here on.
-    ST_ASSERT(num_dimsets == 0 && !hot_slice_is_msidx(hot));
+    ST_ASSERT(num_dimsets == 0 || hot_slice_is_msidx(hot));
     if (num_terms == 0) {
         _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "hot slice holds no terms");
         return nullptr;
@@ -243,8 +281,10 @@ WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* pr
     }
     xorshift128plus_init(&warm->rng);
     warm->writable = true;
+    create_metrics_t metric_parts;
+    create_metrics_t* const metrics = hot_slice_is_msidx(hot) ? &metric_parts : nullptr;
     uint64_t used = 0;
-    if (build_slice(warm.get(), hot, opts, &used, rc) != 0) return nullptr;
+    if (build_slice(warm.get(), hot, opts, metrics, &used, rc) != 0) return nullptr;
 
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     const uint64_t id = st_warm_slice_unique_id(&warm->rng);
@@ -254,8 +294,7 @@ WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* pr
         _set_rc_msg(rc, named, "slice file name");
         return nullptr;
     }
-    warm->file_size = (used + 7) & ~uint64_t{7};
-    if (write_file(warm.get(), warm->file_size, path.val, filename, rc) != 0) return nullptr;
+    if (write_file(warm.get(), used, metrics, path.val, filename, rc) != 0) return nullptr;
     warm->fname_meta = {.earliest = prepared.earliest, .latest = prepared.latest, .id = id, .kind = 1};
     _set_rc(rc, 0);
     return warm.release();

@@ -3,7 +3,8 @@
 // What creation makes: the header that the write level selects (1 "Veldar6", 2 "_TSIDX7", 3 "_TSIDX8", 4 "_TSIDX9"),
 // plain values, companion arrays as wide as the largest value needs, 8 terms a lexicon block, raw 8-byte posting
 // offsets, gap-coded lists without runs, zero bytes up to a multiple of 8. Tags, packed values and the other list
-// encodings are left to merges.
+// encodings are left to merges. A metric hot slice makes, at every level, "_MSIDX4" with preambles, packed values,
+// lists of preambles, dimension sets, and a column store.
 #pragma once
 
 #include "libzero/ospath-builder.h"

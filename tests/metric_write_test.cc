@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+
+#include "searchthing/hotslice.h"
+#include "searchthing/tsidx_params.h"
+#include "tests/support/directory.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/metric_events.h"
+#include "tests/support/temp_dir.h"
+
+namespace veldar {
+namespace {
+
+TSIDX* open_metrics(const std::string& directory, bool milliseconds) {
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_set_defaults(&opts);
+    opts.millisecond_mode = milliseconds;
+    TSIDX* const tsidx = st_tsidx_open(directory.c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER);
+    st_tsidx_set_durable(tsidx, 0);
+    return tsidx;
+}
+
+TEST(MetricWrite, EventsComeBackFromTheSlices) {
+    size_t slices = 0;
+    for (uint64_t seed = 1; seed <= 24; seed++) {
+        SCOPED_TRACE(seed);
+        const temp_dir dir;
+        const bool milliseconds = seed % 2 == 0;
+        TSIDX* const tsidx = open_metrics(dir.path(), milliseconds);
+        st_tsidx_autotune(tsidx, seed % 3 == 0);
+        if (seed % 4 < 2) st_tsidx_set_params(tsidx, 257, 300, 1 + seed % 20, 1 + seed % 12, 1 + seed % 5, seed % 70);
+        std::vector<metric_event> events = random_metric_events(seed, seed % 4 < 2 ? 200 : 3000);
+        for (size_t i = 0; i < events.size(); i++) {
+            ASSERT_EQ(put_metric_event(tsidx, events[i], seed * 10000 + i), 0) << st_tsidx_last_failure(tsidx)->message;
+            if (i % 1000 == 999) {
+                ASSERT_EQ(st_tsidx_sync(tsidx), 0);
+            }
+        }
+        slices += st_tsidx_slices_written(tsidx);
+        ASSERT_EQ(st_tsidx_close(tsidx), 0);
+        for (metric_event& event : events) event.milliseconds = milliseconds ? event.milliseconds : 0;
+        std::sort(events.begin(), events.end());
+        ASSERT_EQ(read_metric_slices(dir.path()) == events, true);
+    }
+    EXPECT_GT(slices, 400u) << "small limits were met";
+}
+
+TEST(MetricWrite, RefusalsLeaveNothing) {
+    const temp_dir dir;
+    TSIDX* const tsidx = open_metrics(dir.path(), true);
+    const auto put = [&](std::vector<std::string> terms) {
+        const st_txn txn{.time = 7, .measure = 1.5, .source = ST_DELETED_SOURCE};
+        EXPECT_EQ(st_tsidx_txn_start(tsidx, &txn), 0);
+        for (const std::string& term : terms) EXPECT_EQ(st_tsidx_txn_put(tsidx, term.data(), term.size(), &txn), 0);
+        return st_tsidx_txn_close(tsidx, &txn);
+    };
+    EXPECT_EQ(put({}), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(put({" host::a", " dim::b"}), WARM_RC_INVALID_ARGUMENT) << "no measure";
+    EXPECT_EQ(put({" host::a", " metric_name::m", " host::b"}), WARM_RC_INVALID_ARGUMENT);
+    std::vector<std::string> many = {" metric_name::m"};
+    for (int i = 0; i < 8186; i++) many.push_back(" d::" + std::to_string(i));
+    EXPECT_EQ(put({many}), 0) << "8192 words";
+    many.push_back(" d::one too many");
+    EXPECT_EQ(put({many}), HOT_PUT_RC_TXN_TOO_LARGE);
+    EXPECT_EQ(st_tsidx_close(tsidx), 0);
+    const std::vector<metric_event> events = read_metric_slices(dir.path());
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].source, 0u) << "metric slices have no deletes";
+    EXPECT_EQ(events[0].dimensions.size(), 8186u);
+}
+
+// The hot slice by itself, where puts can be refused half-way: what remains is whole or gone.
+TEST(MetricHotSlice, Transactions) {
+    warm_rc_t rc;
+    const hot_ptr hot(st_hot_slice_create(4096, 257, 7, 3, 4, 18, 3, true, true, nullptr, &rc));
+    ASSERT_NE(hot, nullptr);
+    EXPECT_TRUE(ds_should_group_dimsets(hot.get()));
+    st_txn txn{.time = 5, .measure = 2.0};
+    const auto put = [&](const std::string& term) {
+        return st_hot_slice_put_txn(hot.get(), term.data(), term.size(), &txn);
+    };
+    ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), 0);
+    EXPECT_EQ(put(" dropped::1"), 0);
+    EXPECT_EQ(put(std::string(" a\0b", 4)), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
+    EXPECT_EQ(st_hot_slice_values(hot.get()) + hot_slice_terms(hot.get()) + hot_slice_lexicon_bytes(hot.get()), 0u);
+
+    ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), 0);
+    for (const char* term : {" dropped::1", " metric_name::m", " metric_name::m", " dropped::1", " x::1", ""}) {
+        EXPECT_EQ(put(term), 0) << term;
+    }
+    EXPECT_EQ(put(" y::1"), 0);
+    EXPECT_EQ(put(" z::1"), HOT_PUT_RC_TXN_TOO_LARGE);
+    EXPECT_EQ(hot_slice_terms(hot.get()), 4u) << "a refused term is not registered";
+    EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
+    EXPECT_EQ(hot_slice_postings(hot.get()), 4u);
+    txn.time = 6;  // the same set again needs no postings; its measure is the second of three
+    ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), HOT_PUT_RC_SUCCESS);
+    for (const char* term : {" y::1", " x::1", " dropped::1", " metric_name::m"}) {
+        EXPECT_EQ(put(term), term == std::string(" metric_name::m") ? HOT_PUT_RC_POSTINGS_FULL : 0) << term;
+    }
+    st_hot_slice_txn_abort(hot.get(), HOT_PUT_RC_POSTINGS_FULL);
+    EXPECT_EQ(put(" w::1"), HOT_PUT_RC_POSTINGS_FULL);
+    EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
+    EXPECT_EQ(st_hot_slice_values(hot.get()), 1u) << "an event without its measure is dropped";
+    EXPECT_EQ(st_hot_slice_txn_start(hot.get(), &txn), HOT_PUT_RC_SUCCESS) << "9 of 18 words";
+    EXPECT_EQ(put(" metric_name::n"), 0);
+    EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
+    EXPECT_EQ(st_hot_slice_txn_start(hot.get(), &txn), HOT_PUT_RC_DIMSETS_FULL);
+
+    uint32_t values, terms, postings, sets, rank;
+    ASSERT_EQ(st_hot_slice_prepare(hot.get(), &values, &terms, &postings, &sets, &rank, &rc), 0);
+    EXPECT_EQ(std::make_tuple(values, terms, postings, sets, rank), std::make_tuple(2u, 5u, 5u, 2u, 2u));
+}
+
+}  // namespace
+}  // namespace veldar
