@@ -43,6 +43,9 @@ struct rle_sink {
     void number(uint32_t value) {
         if (value < 0x80) {
             *at++ = static_cast<uint8_t>(value);
+        } else if (value < 0x4000) {
+            *at++ = static_cast<uint8_t>(value | 0x80);
+            *at++ = static_cast<uint8_t>(value >> 7);
         } else {
             at += st_encode_to_vbe(at, value);
         }
@@ -74,13 +77,6 @@ struct bitmap_sink {
         bits[bit / 8] = static_cast<uint8_t>(bits[bit / 8] | 1u << (bit % 8));
     }
 };
-
-uint32_t first_of(const merge_list_t& list) {
-    if (!list.ids.empty()) return list.ids.front();
-    uint32_t word = 0;
-    while (list.bits[word] == 0) word++;
-    return 64 * word + static_cast<uint32_t>(__builtin_ctzll(list.bits[word]));
-}
 
 // Whether the written list at an offset has these bytes.
 int compare_written(const merge_list_writer_t* writer, uint64_t offset, std::span<const uint8_t> bytes, bool* equal,
@@ -135,15 +131,14 @@ int merge_encode(merge_encoder_t* encoder, const merge_list_t& list, bool bitmap
     const uint64_t rle_size = static_cast<uint64_t>(rle.at - encoder->rle.data());
     out->bytes = {encoder->rle.data(), static_cast<size_t>(rle_size)};
 
-    const uint32_t first = first_of(list);
-    const uint32_t first_length = vbe_length(first);
-    const uint64_t bitmap_size = first_length + 1 + uint64_t{rle.last - first} / 8;
+    const uint32_t first_length = vbe_length(list.first);
+    const uint64_t bitmap_size = first_length + 1 + uint64_t{list.last - list.first} / 8;
     const bool read_whole = first_length < 4 || bitmap_size <= BITMAP_CHUNK;
     if (!bitmap_allowed || !read_whole || bitmap_size >= rle_size) return 0;
     ST_TRY(reserve(&encoder->bitmap, bitmap_size, rc));
     std::memset(encoder->bitmap.data(), 0, static_cast<size_t>(bitmap_size));
-    st_encode_to_vbe(encoder->bitmap.data(), first);
-    bitmap_sink bits{encoder->bitmap.data() + first_length, first};
+    st_encode_to_vbe(encoder->bitmap.data(), list.first);
+    bitmap_sink bits{encoder->bitmap.data() + first_length, list.first};
     merge_list_for_each(list, [&bits](uint32_t id) { bits(id); });
     *out = {PLO_BMAP, {encoder->bitmap.data(), static_cast<size_t>(bitmap_size)}};
     return 0;

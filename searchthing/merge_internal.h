@@ -50,6 +50,7 @@ struct warm_merge_t {
     st_warm_slice_body header;            // the target's, in the making
     warm_merge_totals_t totals;
     bool values_planned = false;
+    buffer<st_time_t> times;  // of the target's values, once they are planned
     bool written = false;
     merge_seams_t seams;
     uint64_t done_bytes = 0;  // told to the progress function

@@ -63,46 +63,40 @@ void take_piece(merge_lists_t* lists, uint32_t count) {
     lists->size += count;
 }
 
-int note_times(merge_lists_t* lists, merge_source_t* source, uint32_t first, uint32_t last, bool no_times_yet,
-               warm_rc_t* rc) {
-    st_time_t latest = 0, earliest = 0;
-    uint64_t nanoseconds = 0;
-    tsval_reader_t* const reader = &source->warm->tsval_reader;
-    ST_TRY(tsval_reader_decode_time(reader, first, &latest, &nanoseconds, rc));
-    earliest = latest;
-    if (last != first) ST_TRY(tsval_reader_decode_time(reader, last, &earliest, &nanoseconds, rc));
-    lists->latest = no_times_yet ? latest : std::max(lists->latest, latest);
-    lists->earliest = no_times_yet ? earliest : std::min(lists->earliest, earliest);
-    return 0;
-}
-
 // Adds the source's next list.
-int add_list(merge_lists_t* lists, merge_source_lists_t* from, bool* no_times_yet, warm_rc_t* rc) {
+int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
     const uint32_t term = from->next_term++;
     if (!from->has_lists) return 0;
     uint32_t type = PLO_RLE;
     if (_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc) < 0) return rc->warm_rc;
     plist_reader* const reader = type == PLO_DEDUP ? &from->shared : &from->own;
     ST_TRY(_seek_reader(reader, term, rc));
-    uint32_t first = 0, last = 0;
-    bool is_first = true;
     for (uint32_t count = PIECE; count == PIECE;) {
         ST_TRY(make_room(lists, rc));
         uint32_t* const piece = lists->ids.data() + lists->size;
         ST_TRY(plist_copy(reader, piece, PIECE, PLIST_END, &count, rc));
         if (count == 0) break;
-        if (is_first) first = piece[0];
-        last = piece[count - 1];
-        is_first = false;
         renumber(*from->source, piece, count);
         // Values that the target orders in another way than the source do not ascend any more.
         if (!from->source->order.empty()) std::sort(piece, piece + count);
         take_piece(lists, count);
     }
-    if (is_first) return 0;
-    ST_TRY(note_times(lists, from->source, first, last, *no_times_yet, rc));
-    *no_times_yet = false;
     return 0;
+}
+
+// Merges two ascending stretches that lie one behind another. Which of them comes next cannot be predicted, so nothing
+// branches on it.
+void merge_two(const uint32_t* a, const uint32_t* middle, const uint32_t* end, uint32_t* out) {
+    const uint32_t* b = middle;
+    while (a != middle && b != end) {
+        const uint32_t x = *a, y = *b;
+        const bool second = y < x;
+        *out++ = second ? y : x;
+        b += second;
+        a += !second;
+    }
+    out = std::copy(a, middle, out);
+    std::copy(b, end, out);
 }
 
 // Merges the ascending stretches of `ids` two by two.
@@ -116,7 +110,7 @@ void merge_runs(merge_lists_t* lists) {
             const uint64_t begin = begins[i];
             const uint64_t middle = i + 1 < begins.size() ? begins[i + 1] : lists->size;
             const uint64_t end = i + 2 < begins.size() ? begins[i + 2] : lists->size;
-            std::merge(in + begin, in + middle, in + middle, in + end, out + begin);
+            merge_two(in + begin, in + middle, in + end, out + begin);
             begins[kept++] = begin;
         }
         begins.resize(kept);
@@ -137,10 +131,17 @@ void order_ids(merge_lists_t* lists) {
     lists->size = static_cast<uint64_t>(std::unique(begin, begin + lists->size) - begin);
 }
 
-uint32_t count_bits(const buffer<uint64_t>& bits) {
+// Counts a list that is a bitmap, which has at least one event.
+void describe_bits(std::span<const uint64_t> bits, merge_list_t* out) {
+    size_t first = 0, last = bits.size() - 1;
+    while (bits[first] == 0) first++;
+    while (bits[last] == 0) last--;
     uint64_t count = 0;
-    for (const uint64_t word : bits) count += static_cast<uint64_t>(__builtin_popcountll(word));
-    return static_cast<uint32_t>(count);
+    for (size_t word = first; word <= last; word++) count += static_cast<uint64_t>(__builtin_popcountll(bits[word]));
+    out->bits = bits;
+    out->count = static_cast<uint32_t>(count);
+    out->first = static_cast<uint32_t>(64 * first + static_cast<size_t>(__builtin_ctzll(bits[first])));
+    out->last = static_cast<uint32_t>(64 * last + 63 - static_cast<size_t>(__builtin_clzll(bits[last])));
 }
 
 }  // namespace
@@ -172,21 +173,22 @@ int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, 
     lists->size = 0;
     lists->runs.clear();
     lists->runs.push_back(0);
-    bool no_times_yet = true;
     for (; holders != 0; holders &= holders - 1) {
         const size_t source = static_cast<size_t>(__builtin_ctzll(holders));
         ST_ASSERT(source < lists->sources.size());
-        if (const int status = add_list(lists, &lists->sources[source], &no_times_yet, rc)) return status;
+        ST_TRY(add_list(lists, &lists->sources[source], rc));
     }
-    *out = {.count = 0, .ids = {}, .bits = {}, .earliest = lists->earliest, .latest = lists->latest};
+    *out = {};
     if (lists->dense) {
-        out->bits = lists->bits.span();
-        out->count = count_bits(lists->bits);
+        describe_bits(lists->bits.span(), out);
         return 0;
     }
     order_ids(lists);
+    if (lists->size == 0) return 0;
     out->ids = {lists->ids.data(), static_cast<size_t>(lists->size)};
     out->count = static_cast<uint32_t>(lists->size);
+    out->first = out->ids.front();
+    out->last = out->ids.back();
     return 0;
 }
 

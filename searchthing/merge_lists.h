@@ -18,8 +18,8 @@ namespace veldar {
 struct merge_list_t {
     uint32_t count = 0;
     std::span<const uint32_t> ids;
-    std::span<const uint64_t> bits;      // bit i % 64 of word i / 64 is value i; empty for a list of numbers
-    st_time_t earliest = 0, latest = 0;  // of the events; nothing when there are none
+    std::span<const uint64_t> bits;  // bit i % 64 of word i / 64 is value i; empty for a list of numbers
+    uint32_t first = 0, last = 0;    // events; nothing when there are none
 };
 
 // Calls fn(first value), then fn(next value) and so on.
@@ -51,7 +51,6 @@ struct merge_lists_t {
     buffer<uint32_t> ids, merged;
     buffer<uint64_t> bits;
     std::vector<uint64_t> runs;  // where ascending stretches of `ids` begin
-    st_time_t earliest = 0, latest = 0;
 };
 
 // Opens readers over all sources, whose values have their new numbers. -2, or what _init_reader reports.

@@ -79,10 +79,8 @@ int put_entry(sweep_t* sweep, const placed_t& placed, warm_rc_t* rc) {
 int place_list(sweep_t* sweep, uint32_t term, const merge_list_t& list, placed_t* placed, warm_rc_t* rc) {
     const bool four_types = sweep->tag_bits == 2 && term > 0;
     if (four_types && list.count == 1) {
-        uint32_t only = 0;
-        merge_list_for_each(list, [&only](uint32_t id) { only = id; });
-        *placed = {PLO_SPO, only};
-        if (entry_fits(*sweep, only)) return 0;
+        *placed = {PLO_SPO, list.first};
+        if (entry_fits(*sweep, list.first)) return 0;
     }
     merge_encoded_t encoded;
     ST_TRY(merge_encode(&sweep->encoder, list, sweep->tag_bits > 0 && term > 0, &encoded, rc));
@@ -96,19 +94,22 @@ int place_list(sweep_t* sweep, uint32_t term, const merge_list_t& list, placed_t
     return merge_list_writer_append(&sweep->writer, encoded.bytes, rc);
 }
 
+// Newest first: a term's first event has its latest time.
 int put_metadata(sweep_t* sweep, uint32_t term, const merge_list_t& list, warm_rc_t* rc) {
     const st_warm_slice_body* const header = &sweep->merge->header;
-    st_term_metadata record = {.count = list.count,
-                               .earliest = static_cast<uint32_t>(list.earliest),
-                               .latest = static_cast<uint32_t>(list.latest)};
-    if (!warm_header_is_legacy(header)) {
-        const bool inside = list.earliest >= static_cast<st_time_t>(header->earliest.get()) &&
-                            list.latest <= static_cast<st_time_t>(header->latest.get());
-        if (list.count == 0) record.earliest = record.latest = header->earliest.get();
-        if (list.count > 0 && !inside) {
-            return _set_rc_verbose(rc, WARM_RC_TIME_MISMATCH, term, "events of a term lie outside the header's times");
-        }
+    const bool packed = !warm_header_is_legacy(header);
+    st_time_t earliest = packed ? static_cast<st_time_t>(header->earliest.get()) : 0, latest = earliest;
+    if (list.count > 0) {
+        earliest = sweep->merge->times[list.last];
+        latest = sweep->merge->times[list.first];
     }
+    const bool inside = earliest >= static_cast<st_time_t>(header->earliest.get()) &&
+                        latest <= static_cast<st_time_t>(header->latest.get());
+    if (packed && list.count > 0 && !inside) {
+        return _set_rc_verbose(rc, WARM_RC_TIME_MISMATCH, term, "events of a term lie outside the header's times");
+    }
+    const st_term_metadata record = {
+        .count = list.count, .earliest = static_cast<uint32_t>(earliest), .latest = static_cast<uint32_t>(latest)};
     return term_meta_writer_append(&sweep->metadata, &record, rc);
 }
 

@@ -152,9 +152,12 @@ void drop_plain_map(merge_source_t* source) {
 }
 
 int number_values(warm_merge_t* merge, warm_rc_t* rc) {
+    uint64_t most = 0;
     for (merge_source_t& source : merge->sources) {
         if (!source.map.alloc(source.num_values)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value map");
+        most += source.num_values;
     }
+    if (!merge->times.alloc(most)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
     uint32_t next = 0;
     st_tsval last = {};
     const merge_source_t* last_source = nullptr;
@@ -164,7 +167,7 @@ int number_values(warm_merge_t* merge, warm_rc_t* rc) {
     };
     const auto visit = [&](const value_cursor& cursor) {
         if (next == 0 || compare_records(last, cursor.value) != 0) {
-            next++;
+            merge->times[next++] = cursor.value.time;
             last = cursor.value;
         } else if (last_source == cursor.source) {
             cursor.source->repeats = true;

@@ -39,8 +39,8 @@ struct merge_sums_t {
     bool fits_format() const {
         return values < TOTAL_LIMIT && terms < TOTAL_LIMIT && postings < TOTAL_LIMIT && values * nbits < TOTAL_LIMIT;
     }
-    // The lexicon; holders, block ends and known lists; maps of values; the largest list in its three forms.
-    uint64_t memory() const { return lexicon_bytes + 28 * terms + 4 * values + values; }
+    // The lexicon; holders, block ends and known lists; maps and times of values; the largest list in its forms.
+    uint64_t memory() const { return lexicon_bytes + 28 * terms + 8 * values + values; }
 };
 
 int set_failed_source(warm_rc_t* rc, size_t index) {

@@ -9,7 +9,7 @@
 //   lexicon   front-coded anew, with more terms a block than creation takes
 //   lists     the shortest of the encodings that the target's flags can tell apart
 //
-// Memory: the merged lexicon, about 28 bytes a merged term, 4 to 12 bytes a value, and the largest list.
+// Memory: the merged lexicon, about 28 bytes a merged term, 8 to 16 bytes a value, and the largest list.
 //
 // One merge belongs to one thread. Other processes may read the sources and mark events in them as deleted while it
 // runs: it works on the marks it found at the beginning and takes over later ones when it is told to.

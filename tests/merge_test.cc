@@ -266,6 +266,8 @@ TEST_F(MergeTest, ListsTakeTheShortestForm) {
         merge_list_t list;
         list.count = static_cast<uint32_t>(ids.size());
         list.ids = ids;
+        list.first = ids.front();
+        list.last = ids.back();
         EXPECT_EQ(merge_encode(&encoder, list, bitmap_allowed, &out, &rc), 0);
         return std::pair(out.type, std::string(reinterpret_cast<const char*>(out.bytes.data()), out.bytes.size()));
     };
@@ -467,10 +469,10 @@ TEST_F(MergeTest, FittingStopsBeforeATotalOverflows) {
     EXPECT_EQ(fitting(1000, 1000, 1000, 7), 7u);
     EXPECT_EQ(fitting(1, 1, 0x80000000, 5), 1u);
     EXPECT_EQ(fitting(1, 1, 0x7FFFFFFF, 5), 2u);
-    EXPECT_EQ(fitting(100 << 20, 1, 1, 5), 2u);  // 5 bytes a value
-    EXPECT_EQ(fitting(1, 8 << 20, 1, 9), 4u);    // 28 bytes a term
+    EXPECT_EQ(fitting(56 << 20, 1, 1, 5), 2u);  // 9 bytes a value
+    EXPECT_EQ(fitting(1, 8 << 20, 1, 9), 4u);   // 28 bytes a term
     header.h_nbits.set(31);
-    EXPECT_EQ(fitting(60 << 20, 1, 1, 5), 2u);  // an array of 2^32 bits
+    EXPECT_EQ(fitting(45 << 20, 1, 1, 5), 2u);  // an array of 2^32 bits
 }
 
 }  // namespace
