@@ -45,6 +45,11 @@ inline bool run_merge_peek(const run_merge_t* merge, uint32_t* value, uint32_t* 
     *run = merge->heap.front().run;
     return true;
 }
+// The time of that value.
+inline st_timeval_t run_merge_time(const run_merge_t* merge) {
+    const uint64_t newest = merge->heap.front().newest;
+    return {static_cast<st_time_t>(static_cast<uint32_t>(newest >> 32) ^ 0x80000000), newest & 0xFFFFFFFF};
+}
 // Passes that value. 0 or the failure of reading the time of the one behind it.
 [[nodiscard]] int run_merge_pass(run_merge_t* merge, warm_rc_t* rc);
 

@@ -172,6 +172,15 @@ int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, voi
     return st_tsidx_apply_events(directory_of(thing), query, fn, context);
 }
 
+int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context) {
+    if (thing == nullptr || thing->tsidx == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    return st_tsidx_apply_metric_events(directory_of(thing), query, fn, context);
+}
+int st_measure_size(THING* thing, uint64_t* bytes) {
+    if (thing == nullptr || bytes == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    return st_tsidx_measure_size(directory_of(thing), bytes);
+}
+
 int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {
     return thing == nullptr ? -1 : st_tsidx_enum(directory_of(thing), prefix, answers, capacity, case_flag);
 }

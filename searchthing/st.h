@@ -32,6 +32,7 @@
 #include "searchthing/st_init.h"
 #include "searchthing/tsidx.h"
 #include "searchthing/tsidx_delete.h"
+#include "searchthing/tsidx_metric.h"
 #include "searchthing/tsidx_minify.h"
 #include "searchthing/tsidx_names.h"
 #include "searchthing/tsidx_read.h"
@@ -97,6 +98,9 @@ int st_all_events(THING* thing, st_time_t earliest, st_time_t latest, st_tsval* 
 // -37 for a null handle or output.
 int st_event_count(THING* thing, const QUERY* query, uint64_t* count);
 int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context);
+// Metric directories: the functions of tsidx_metric.h of the same names. -37 for a null handle, or output.
+int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context);
+int st_measure_size(THING* thing, uint64_t* bytes);
 // -1 for a null handle.
 int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
 int64_t st_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);

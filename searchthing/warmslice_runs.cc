@@ -14,10 +14,13 @@ struct warm_metric_t {
     buffer<bool> cached;  // by piece of `runs`
     plist_reader lists;
     bool lists_open = false;
+    ds_reader_t dimsets;
+    bool dimsets_open = false;
 };
 
 void warm_metric_closer::operator()(warm_metric_t* metric) const {
     if (metric->lists_open) close_plist_reader(&metric->lists);
+    ds_reader_close(&metric->dimsets);
     delete metric;
 }
 
@@ -115,6 +118,21 @@ int warm_slice_run(WARM* warm, uint32_t run, warm_run_t* out, warm_rc_t* rc) {
     }
     *out = metric.runs[run];
     return 0;
+}
+
+ds_reader_t* st_warm_slice_dimset_reader(WARM* warm, warm_rc_t* rc) {
+    if (open_metric(warm, rc) != 0) return nullptr;
+    ds_reader_t* const dimsets = &warm->metric->dimsets;
+    if (warm->metric->dimsets_open) return dimsets;
+    const int64_t offset = st_warm_slice_dimsets_offset(warm, rc);
+    if (offset == -1 || ds_reader_open(dimsets, warm->fd.get(), static_cast<uint64_t>(offset), rc) != 0) return nullptr;
+    if (warm_slice_has_runs(warm) && dimsets->num_dimsets != warm_slice_runs(warm)) {
+        _set_rc_verbose(rc, WARM_RC_CORRUPT, dimsets->num_dimsets, "not as many dimension sets as preambles");
+        ds_reader_close(dimsets);
+        return nullptr;
+    }
+    warm->metric->dimsets_open = true;
+    return dimsets;
 }
 
 bool warm_slice_keeps_subseconds(const WARM* warm) {

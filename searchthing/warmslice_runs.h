@@ -13,6 +13,7 @@
 
 #include <cstdint>
 
+#include "searchthing/dimset_io.h"
 #include "searchthing/plist.h"
 #include "searchthing/st_timeval.h"
 #include "searchthing/term_meta.h"
@@ -43,6 +44,10 @@ inline uint32_t warm_slice_run_dimset(const WARM* warm, uint32_t run) {
 // The same for one run, through the handle's cache, which is filled 512 preambles at a time. -12 also for a run that
 // does not exist, -2.
 [[nodiscard]] int warm_slice_run(WARM* warm, uint32_t run, warm_run_t* out, warm_rc_t* rc);
+
+// The slice's dimension sets, opened on first use; the handle owns the reader. Null with a failure of
+// st_warm_slice_dimsets_offset or ds_reader_open, with -2, or with -12 when there are not as many sets as runs.
+ds_reader_t* st_warm_slice_dimset_reader(WARM* warm, warm_rc_t* rc);
 
 // Whether the slice tells times finer than a second. Where it does not, times are compared by whole seconds, because a
 // stored second may hide a later fraction.
