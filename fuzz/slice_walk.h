@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <vector>
 
+#include "searchthing/cstore.h"
 #include "searchthing/plist.h"
 #include "searchthing/warmslice.h"
 #include "searchthing/warmslice_meta.h"
+#include "searchthing/warmslice_runs.h"
 #include "searchthing/warmslice_search.h"
 #include "searchthing/warmslice_values.h"
 
@@ -129,11 +131,40 @@ inline void walk_searches(WARM* warm) {
     }
 }
 
+inline int walk_set(uint32_t, const ds_dimset_t* set, void* words, warm_rc_t*) {
+    for (const uint32_t word : ds_dimset_allfields(set)) *static_cast<uint32_t*>(words) ^= word;
+    return 0;
+}
+
+// What only metric slices have: runs, dimension sets, a column store.
+inline void walk_metrics(WARM* warm) {
+    warm_rc_t rc;
+    uint32_t end = warm_slice_runs(warm);
+    for (uint32_t i = 0; i < std::min(warm_slice_runs(warm), WALK_LIMIT); i++) {
+        warm_run_t run;
+        if (warm_slice_run(warm, i, &run, &rc) != 0) break;
+        walk_require(run.count != 0 && run.first == end && run.count <= st_warm_slice_values(warm) - end);
+        end += run.count;
+    }
+    for (uint32_t term = 0; term < std::min(st_warm_slice_terms(warm), WALK_LIMIT); term++) {
+        st_term_metadata record;
+        static_cast<void>(warm_slice_recomputed_metadata(warm, term, nullptr, &record, &rc));
+    }
+    uint32_t words = 0;
+    ds_reader_t* const sets = st_warm_slice_dimset_reader(warm, &rc);
+    if (sets != nullptr && sets->num_dimsets < 1 << 16) {
+        static_cast<void>(ds_reader_apply(sets, ds_verify_version(warm->body), walk_set, &words, &rc));
+    }
+    const cs_reader_t* const store = st_warm_slice_cstore(warm, &rc);
+    if (store != nullptr) static_cast<void>(cs_verify(store, &rc));
+}
+
 inline void walk_slice(WARM* warm) {
     warm_rc_t rc;
     walk_values(warm);
     walk_terms(warm);
     walk_searches(warm);
+    walk_metrics(warm);
     static_cast<void>(st_warm_slice_has_deletes(warm));
     static_cast<void>(st_warm_slice_blocksize(warm));
     static_cast<void>(st_warm_slice_dimsets_offset(warm, &rc));

@@ -15,6 +15,7 @@
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/forge.h"
+#include "tests/support/forge_metric.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -281,11 +282,13 @@ TEST(WarmSlice, DeletesChangeOneByteAndAreSeenByReaders) {
 // Whatever happens to a small file, it opens with a listed status or opens and can be used without harm.
 TEST(WarmSlice, DamageNeverReachesPastTheFile) {
     const std::set<int> listed = {-1, -2, -5, -8, -10, -12, -13, -14, -48, -49};
-    for (const char* magic : {"Veldar5", "_TSIDX9"}) {
+    for (const char* magic : {"Veldar5", "_TSIDX9", "_MSIDX4"}) {
         forge_options options;
         options.magic = magic;
         if (!options.legacy()) options.wflags = FORGE_TAG2 | FORGE_PLO32 | FORGE_PACKED;
-        const std::string bytes = forge_slice(forge_random_events(3, 12), options);
+        const std::string bytes =
+            options.metric() ? forge_metric_slice(forge_random_metrics(3, 12), {.milliseconds = true, .terms = {}})
+                             : forge_slice(forge_random_events(3, 12), options);
         const memory_file file;
         testing::internal::CaptureStderr();  // failed reads are reported there
         damage_sweep(
