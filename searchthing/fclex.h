@@ -65,6 +65,8 @@ struct st_fclex_handle {
     uint64_t body_limit = 0;  // memory mode: bytes of the body that may be touched; 0 = unlimited
     buffer<uint8_t> owned_body;
     buffer<uint8_t> owned_cache;
+    // File mode: the first terms that earlier lookups met at the top of the binary search (fclex_lookup.cc).
+    buffer<uint8_t> known_first_terms;
 };
 using FCLEX = st_fclex_handle;
 

@@ -13,6 +13,32 @@ namespace {
 
 constexpr uint64_t PROBE_SIZE = 2050;  // a length number of up to three bytes and 2047 bytes of text
 
+// The first terms that the binary searches of one lexicon in a file have in common. A search that has gone right and
+// left in a certain way always meets the same block: its way is the number of the place, 1 for the first block, 2n or
+// 2n + 1 behind place n. The first seven steps have 127 places, 64 bytes each: the length plus 1, or 0, and the term.
+class top_terms {
+  public:
+    static bool get(const FCLEX* lex, uint64_t place, std::span<const uint8_t>* term) {
+        if (place >= PLACES || lex->known_first_terms.empty()) return false;
+        const uint8_t* const at = lex->known_first_terms.data() + place * PLACE_SIZE;
+        if (at[0] == 0) return false;
+        *term = {at + 1, at[0] - size_t{1}};
+        return true;
+    }
+    // A term that is too long for its place, or for which there is no memory, is read again by every search.
+    static void put(FCLEX* lex, uint64_t place, std::span<const uint8_t> term) {
+        if (place >= PLACES || term.size() >= PLACE_SIZE) return;
+        if (lex->known_first_terms.empty() && !lex->known_first_terms.alloc(PLACES * PLACE_SIZE)) return;
+        uint8_t* const at = lex->known_first_terms.data() + place * PLACE_SIZE;
+        at[0] = static_cast<uint8_t>(term.size() + 1);
+        std::copy(term.begin(), term.end(), at + 1);
+    }
+
+  private:
+    static constexpr uint64_t PLACES = 128;
+    static constexpr uint64_t PLACE_SIZE = 64;
+};
+
 // Reads the first terms of blocks for one binary search. Two things save a file most of the small reads: once few
 // blocks are left, all their offsets come with one read, and a probe often holds the blocks behind the one it was made
 // for.
@@ -118,18 +144,22 @@ int64_t _find_block(FCLEX* lex, const char* text, st_query_info_t* stats, warm_r
     const std::span<const uint8_t> key = fclex_key(text);
     first_term_reader first_terms(lex, stats);
     uint64_t low = 0, high = block_count - 1;
-    for (;;) {
+    for (uint64_t place = 1;;) {
         const bool last_step = low + 1 == high;
         const uint64_t middle = last_step ? high : low + (high - low) / 2;
         std::span<const uint8_t> term;
-        if (const int status = first_terms.read(middle, low, high, &term); status != 0) {
-            _set_rc_msg(rc, status, "cannot read the first term of a block");
-            return WARM_RC_FAILED;
+        if (!top_terms::get(lex, place, &term)) {
+            if (const int status = first_terms.read(middle, low, high, &term); status != 0) {
+                _set_rc_msg(rc, status, "cannot read the first term of a block");
+                return WARM_RC_FAILED;
+            }
+            if (fclex_in_file(lex)) top_terms::put(lex, place, term);
         }
         const int order = fclex_compare(term, key);
         if (last_step) return static_cast<int64_t>(order > 0 ? low : high);
         if (order == 0) return static_cast<int64_t>(middle);
         (order > 0 ? high : low) = middle;
+        place = 2 * place + (order > 0 ? 0 : 1);
     }
 }
 
