@@ -78,7 +78,8 @@ double element_of(int kind, uint32_t i, std::mt19937_64* random) {
         case 1:
             return r / 1000;
         case 2:
-            return r / 1000 + r / 10;  // off by some units in the last place
+            // Off by some units in the last place.
+            return std::bit_cast<double>(std::bit_cast<uint64_t>(1 + r / 1000) + (*random)() % (2 + i / 300) - i / 600);
         case 3:
             return 1e12 + 60.0 * i + std::fmod(r, 7);  // a counter
         case 4:
