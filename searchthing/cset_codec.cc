@@ -26,6 +26,7 @@ constexpr uint32_t MAX_EXPONENT_TRIED = 16;  // a 17th digit is noise
 constexpr double MAX_K = 0x1p53;
 // A field of this width at any bit of a byte lies within the eight bytes from there.
 constexpr uint32_t MAX_WIDTH = 56;
+constexpr uint32_t MAX_SHIFT = 63;
 constexpr uint32_t EXCEPTION_SIZE = 10;
 constexpr uint32_t SAMPLE = 32;
 constexpr uint32_t UNFIT = 4;  // index of no RESIDUAL_BITS
@@ -276,11 +277,13 @@ uint8_t* put_delta(size_t count, uint32_t exponent, const interval& range, const
     return packed.finish();
 }
 
-uint8_t* put_bits(std::span<const double> values, uint64_t base, uint32_t width, cset_block_t* block, uint8_t* data) {
+uint8_t* put_bits(std::span<const double> values, uint64_t base, uint32_t shift, uint32_t width, cset_block_t* block,
+                  uint8_t* data) {
     store_le64(data, base);
     bit_sink packed{data + 8};
-    for (const double value : values) packed.put(std::bit_cast<uint64_t>(value) - base, width);
+    for (const double value : values) packed.put((std::bit_cast<uint64_t>(value) - base) >> shift, width);
     block->codec = CSET_BITS;
+    block->exponent = static_cast<uint8_t>(shift);
     block->width = static_cast<uint8_t>(width);
     return packed.finish();
 }
@@ -292,7 +295,9 @@ uint8_t* put_smallest(std::span<const double> values, cset_block_t* block, uint8
         lowest = std::min(lowest, std::bit_cast<uint64_t>(value));
         highest = std::max(highest, std::bit_cast<uint64_t>(value));
     }
-    if (lowest == highest) {
+    uint64_t offsets = 0;  // all of their bits
+    for (const double value : values) offsets |= std::bit_cast<uint64_t>(value) - lowest;
+    if (offsets == 0) {
         block->codec = CSET_CONST;
         store_le64(data, lowest);
         return data + 8;
@@ -323,7 +328,8 @@ uint8_t* put_smallest(std::span<const double> values, cset_block_t* block, uint8
             codec = CSET_DELTA;
         }
     }
-    const uint32_t width = bit_length(highest - lowest);
+    const auto shift = static_cast<uint32_t>(std::countr_zero(offsets));
+    const uint32_t width = bit_length((highest - lowest) >> shift);
     if (width <= MAX_WIDTH && bits_size(count, width) < smallest) codec = CSET_BITS;
 
     switch (codec) {
@@ -332,7 +338,7 @@ uint8_t* put_smallest(std::span<const double> values, cset_block_t* block, uint8
         case CSET_DELTA:
             return put_delta(count, plan.exponent, range, elements[best], block, data);
         case CSET_BITS:
-            return put_bits(values, lowest, width, block, data);
+            return put_bits(values, lowest, shift, width, block, data);
         default:
             block->codec = CSET_RAW;
             std::memcpy(data, values.data(), count * 8);
@@ -383,7 +389,8 @@ void get_bits(const cset_block_t* block, const uint8_t* data, double* values) {
     const uint64_t base = load_le64(data);
     const uint64_t mask = low_bits(block->width);
     for (uint32_t i = 0; i < block->count; i++) {
-        values[i] = std::bit_cast<double>(base + packed_field(data + 8, i, block->width, mask));
+        const uint64_t offset = packed_field(data + 8, i, block->width, mask) << block->exponent;
+        values[i] = std::bit_cast<double>(base + offset);
     }
 }
 
@@ -422,7 +429,8 @@ uint64_t cset_block_encode(std::span<const double> values, cset_block_t* block, 
 
 uint64_t cset_block_size(const cset_block_t* block) {
     const uint64_t count = block->count;
-    if (count == 0 || count > CSET_BLOCK_ELEMENTS || block->exponent > MAX_EXPONENT || block->width > MAX_WIDTH ||
+    const uint32_t max_exponent = block->codec == CSET_BITS ? MAX_SHIFT : MAX_EXPONENT;
+    if (count == 0 || count > CSET_BLOCK_ELEMENTS || block->exponent > max_exponent || block->width > MAX_WIDTH ||
         block->residual_bits > 4 || block->exceptions > count) {
         return 0;
     }

@@ -6,7 +6,7 @@
 //   0       4     first_ordinal   elements of the column set before this block
 //   4       2     count           1 to 512
 //   6       1     codec           below
-//   7       1     exponent        e: decimals, 0 to 22
+//   7       1     exponent        e: decimals, 0 to 22; for BITS a shift, 0 to 63
 //   8       1     width           w: bits of a packed number, 0 to 56
 //   9       1     residual_bits   r: 0, 2, 3 or 4
 //   10      2     exceptions      x
@@ -23,12 +23,12 @@
 //   1 RAW      n x f64
 //   2 DECIMAL  i64 base; n x w bits k - base; n x r bits residual; x times {u16 index, f64 value}, zeros to 8 bytes
 //   3 DELTA    i64 first k; i64 base; (n - 1) x w bits (k - previous k) - base
-//   4 BITS     u64 base; n x w bits (bits of the double - base)
+//   4 BITS     u64 base; n x w bits (bits of the double - base) / 2^e
 //
 // DECIMAL: an element is k / 10^e, rounded to a double, then moved by `residual` (two's complement) units in the last
 // place; DELTA: the same without residuals. Sums like 51.8 + 0.046 are what most series are made of: a decimal number
 // of few digits, off by one unit. Elements that are no such number (NaN, infinities, -0.0, outliers) are exceptions,
-// ascending by index; their packed fields are 0.
+// ascending by index; their packed fields are 0. BITS suits noise, numbers that were floats once, multiples of a page.
 //
 //   51.846000000000004 and 44.508: e = 3, base = 44508, w = 13, packed 7338 and 0, residuals 1 and 0.
 #pragma once

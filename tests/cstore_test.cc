@@ -83,7 +83,7 @@ double element_of(int kind, uint32_t i, std::mt19937_64* random) {
         case 3:
             return 1e12 + 60.0 * i + std::fmod(r, 7);  // a counter
         case 4:
-            return std::sqrt(r + 1);
+            return i < 600 ? std::sqrt(r + 1) : i < 1500 ? 4096 * (1e6 + r) : static_cast<float>(std::sqrt(r));
         case 5:
             return (*random)() % 50 == 0 ? 0 : 5e9 + r;  // outliers below
         case 6:
