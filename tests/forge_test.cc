@@ -137,27 +137,6 @@ TEST(Reference, WildcardsAndComparisonsFollowTheWrittenTable) {
     }
 }
 
-TEST(Reference, EvaluatesGroupsDeletesAndBounds) {
-    // Value numbers: 0 (t 103), 1 (t 102, deleted), 2 (t 101), 3 (t 100).
-    const reference_index index({{.time = 100, .address = 1, .terms = {"a", "n::1"}},
-                                 {.time = 101, .address = 2, .terms = {"a", "b c"}},
-                                 {.time = 102, .address = 3, .terms = {"a"}, .deleted = true},
-                                 {.time = 103, .address = 4, .terms = {"b c", "n::2"}}});
-    using q = reference_query;
-    using ids = std::vector<uint32_t>;
-    EXPECT_EQ(index.search(q::group_and({}), {}), (ids{0, 2, 3}));
-    EXPECT_EQ(index.search(q::group_or({}), {}), ids{});
-    EXPECT_EQ(index.search(q::group_and({q::term("a"), q::not_term("b c")}), {}), ids{3});
-    EXPECT_EQ(index.search(q::group_or({q::term("b*"), q::compare(reference_op::eq, "n", 1)}), {}), (ids{0, 2, 3}));
-    const q neq = q::group_and({q::compare(reference_op::neq, "n", 1)});
-    EXPECT_EQ(index.search(neq, {}), ids{0});
-    EXPECT_EQ(index.search(neq, {.neq_matches_missing = true}), (ids{0, 2}));
-    EXPECT_EQ(index.search(q::group_and({}), {.earliest = 101, .latest = 102}), ids{2});
-    EXPECT_EQ(index.search(q::group_and({}), {.cumspan = 50}), ids{3});
-    EXPECT_EQ(q::group_and({q::not_term("b c"), q::compare(reference_op::gte, "n", 2.5)}).notation(),
-              "[AND [NOT b\\ c] [GTE n 2.5]]");
-}
-
 TEST(Damage, EveryCaseDiffersFromTheOriginal) {
     const std::string bytes("\0\0\0\1\x7F\x80", 6);
     size_t cuts = 0, others = 0;

@@ -92,42 +92,6 @@ TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
     }
 }
 
-TEST(PackedArray, HintAndCacheOnlyRule) {
-    temp_dir dir;
-    const unique_fd fd = open_file(dir, std::string(4000, 'e'));
-    array_reader_t ar;
-    warm_rc_t rc;
-    struct row {
-        uint64_t index, hint, elements;
-    };
-    // A span of 100 elements of 4 bytes over an array of 1000.
-    const row rows[] = {{0, 0, 100}, {0, 99, 100}, {0, 100, 4}, {50, 49, 4}, {50, 50, 100}, {950, 0, 50}, {998, 1, 2}};
-    for (const row& r : rows) {
-        st_query_info_t stats;
-        ASSERT_EQ(_ar_open(&ar, fd.get(), 0, 4, 1000, 100, &stats, nullptr), 0);
-        EXPECT_EQ(_ar_get_i(&ar, r.index, true, 0, &rc), nullptr);
-        EXPECT_EQ(rc.warm_rc, WARM_RC_NOT_FOUND);
-        EXPECT_STREQ(rc.message, "use_cache_only but not in cache");
-        EXPECT_EQ(ar.cursor, 0u);
-        ASSERT_NE(_ar_get_i(&ar, r.index, false, r.hint, &rc), nullptr);
-        EXPECT_EQ(stats.bytes, r.elements * 4) << r.index << " " << r.hint;
-        EXPECT_NE(_ar_get_i(&ar, r.index + r.elements - 1, true, 0, &rc), nullptr);
-        EXPECT_EQ(stats.reads, 1u);
-    }
-    testing::internal::CaptureStderr();
-    const uint64_t bases[] = {2, 4000};  // the last element is cut, or lies behind the end
-    const int statuses[] = {WARM_RC_SHORT_READ, WARM_RC_END_OF_FILE};
-    for (size_t i = 0; i < 2; i++) {
-        ASSERT_EQ(_ar_open(&ar, fd.get(), 0, 4, 1001, 100, nullptr, nullptr), 0);
-        EXPECT_NE(_ar_get_i(&ar, 0, false, 0, &rc), nullptr);
-        ar.base = bases[i];
-        EXPECT_EQ(_ar_get_i(&ar, 999, false, 0, &rc), nullptr);
-        EXPECT_EQ(rc.warm_rc, statuses[i]);
-        EXPECT_EQ(_ar_get_i(&ar, 0, true, 0, &rc), nullptr) << "the failed read has overwritten what was cached";
-    }
-    testing::internal::GetCapturedStderr();
-}
-
 TEST(PackedArray, FindAtleastIsLowerBound) {
     temp_dir dir;
     std::mt19937_64 random(5);
