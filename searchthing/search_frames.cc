@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "libzero/ospath-builder.h"
+
 namespace veldar {
 
 namespace {
@@ -306,6 +308,8 @@ int evaluate(conjunction_context* context, const st_query_spec* query, bool exac
     parser.context = context;
     parser.exact = exact;
     parser.rc = &context->rc;
+    context->tokenizer = &parser.tokenizer;
+    context->stack = &parser.stack;
     ST_TRY(_find_first_if_needed(context));
     ST_TRY(read_query(&parser, query->lispy, query->token_case));
     _set_rc(&context->rc, WARM_RC_OK);
@@ -323,8 +327,35 @@ int evaluate_query(conjunction_context* context, const st_query_spec* query, boo
     } catch (const std::bad_alloc&) {
         status = _set_rc(&context->rc, WARM_RC_NO_MEMORY);
     }
+    context->tokenizer = nullptr;
+    context->stack = nullptr;
     if (status != 0) _reset_result(result);
     return status;
+}
+
+void search_annotator_write(string_builder* out, const conjunction_context* context) noexcept {
+    if (context->tokenizer == nullptr || context->stack == nullptr) return;
+    string_builder_appendz(out, "tokenizer pos=");
+    string_builder_append_decimal_u64(out, context->tokenizer->_pos);
+    string_builder_appendz(out, " len=");
+    string_builder_append_decimal_u64(out, context->tokenizer->_strlen);
+    string_builder_append1(out, ' ');
+    string_builder_appendz(out, context->tokenizer->text);
+    string_builder_appendz(out, "\nwsas->stack: [ ");
+    for (const frame_t& frame : context->stack->frames) {
+        string_builder_appendz(out, frame._op == T_OP_AND ? "AND terms=" : "OR terms=");
+        string_builder_append_decimal_u64(out, frame._kw_list.size());
+        string_builder_appendz(out, " not=");
+        string_builder_append_decimal_u64(out, frame._not_kw_list.size());
+        string_builder_appendz(out, " comparisons=");
+        string_builder_append_decimal_u64(out, frame._comparisons.size());
+        string_builder_appendz(out, " ids=");
+        string_builder_append_decimal_u64(out, frame._beginval);
+        string_builder_append1(out, '-');
+        string_builder_append_decimal_u64(out, frame._endval);
+        string_builder_appendz(out, "; ");
+    }
+    string_builder_appendz(out, "]\n");
 }
 
 int _frame2bitmap(conjunction_context* context, query_result_t* result) {

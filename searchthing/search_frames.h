@@ -44,6 +44,10 @@ struct fstack_t {
 // null text, or the failure of a read. On failure the result is empty.
 int evaluate_query(conjunction_context* context, const st_query_spec* query, bool exact, query_result_t* result);
 
+// How far the evaluation under way has come, for the crash log: the tokenizer and the stack of frames. Nothing when
+// there is none.
+void search_annotator_write(string_builder* out, const conjunction_context* context) noexcept;
+
 // Turns the root's result into one bitmap over the context's range, the excluded values taken out. 0 or a status.
 int _frame2bitmap(conjunction_context* context, query_result_t* result);
 

@@ -28,6 +28,8 @@
 
 namespace veldar {
 
+struct fstack_t;  // of frames (search_frames.h)
+
 // A comparison of a field with a number.
 struct comp_t {
     token_type_t op = T_OP_EQ;  // T_OP_LT to T_OP_NEQ
@@ -84,6 +86,8 @@ struct conjunction_context {
     std::unordered_map<std::string, term_lookup_t> exact_terms;
     std::unordered_map<std::string, std::vector<uint32_t>> term_sets;  // wildcards, and comparisons under their own key
     uint64_t lists_read = 0;
+    const tokenizer_t* tokenizer = nullptr;  // while a text is evaluated, as is the stack: for the crash log
+    const fstack_t* stack = nullptr;
 };
 
 // Prepares a context for one query over one slice: nothing is read yet.

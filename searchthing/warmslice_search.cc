@@ -5,6 +5,7 @@
 #include <new>
 #include <string>
 
+#include "libzero/create-crash-dump.h"
 #include "libzero/endian.h"
 #include "searchthing/search_frames.h"
 #include "searchthing/search_runs.h"
@@ -274,11 +275,44 @@ int guarded(slice_search* search, search_report_t* report, warm_rc_t* rc, Run ru
     return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &search->context.rc);
 }
 
+// What the crash log says of a search in progress.
+struct search_note_t {
+    const WARM* warm;
+    const st_query_spec* query;
+    const std::unique_ptr<slice_search>* search;
+    const st_tsval* answers;
+    uint32_t capacity;
+    bool is_exact;
+};
+
+void write_search_note(string_builder* out, const void* subject) noexcept {
+    const auto& note = *static_cast<const search_note_t*>(subject);
+    const WARM* warm = note.warm;
+    string_builder_appendz(out, "START ST_WARM_SLICE_SEARCH ANNOTATIONS:\nslice ");
+    string_builder_append_decimal_i64(out, warm->fname_meta.latest);
+    string_builder_append1(out, '-');
+    string_builder_append_decimal_i64(out, warm->fname_meta.earliest);
+    string_builder_append1(out, '-');
+    string_builder_append_decimal_u64(out, warm->fname_meta.id);
+    string_builder_appendz(out, " fd=");
+    string_builder_append_decimal_i64(out, warm->fd.get());
+    string_builder_append1(out, '\n');
+    st_query_annotator_write(out, note.query);
+    string_builder_appendz(out, "answers=");
+    crash_append_pointer(out, note.answers);
+    string_builder_appendz(out, " cap=");
+    string_builder_append_decimal_u64(out, note.capacity);
+    string_builder_appendz(out, note.is_exact ? " is_exact=1\n" : " is_exact=0\n");
+    if (*note.search != nullptr) search_annotator_write(out, &(*note.search)->context);
+}
+
 }  // namespace
 
 int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity, bool is_exact,
                       search_report_t* report, warm_rc_t* rc) {
     std::unique_ptr<slice_search> search;
+    const search_note_t subject = {warm, query, &search, answers, capacity, is_exact};
+    const crash_note note(write_search_note, &subject);
     ST_TRY(open_search(warm, query, &search, rc));
     if (capacity == 0) {
         const int status = validate_query_text(query->lispy, query->token_case, nullptr);

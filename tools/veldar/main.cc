@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "libzero/create-crash-dump.h"
 #include "searchthing/st_init.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/query_input.h"
@@ -52,6 +53,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     try {
         veldar::st_init("veldar");
+        veldar::create_crash_dump_install_from_environment("veldar");
         return run(argc, argv);
     } catch (const veldar::tool_failure& failure) {
         std::fprintf(stderr, "veldar: %s\n", failure.message.c_str());
