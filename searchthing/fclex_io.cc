@@ -19,6 +19,7 @@ constexpr uint64_t MAX_U32 = std::numeric_limits<uint32_t>::max();
 constexpr uint64_t MIN_READER_CACHE = uint64_t{1} << 20;
 constexpr uint64_t MAX_READER_CACHE = uint64_t{1} << 30;
 constexpr uint64_t CACHE_BYTES_PER_TERM = 2052;
+constexpr size_t MAX_CODED_TERM = 2 * VBE_MAX_BYTES + ST_TERM_BUFFER_SIZE + LEX_SLACK;
 
 std::span<const uint8_t> bytes_of(const char* text, size_t length) {
     return {reinterpret_cast<const uint8_t*>(text), length};
@@ -178,15 +179,26 @@ int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t c
         if (writer->_blocks_off != 0) ST_TRY(end_block(writer));
         writer->position = 0;
     }
-    uint8_t coded[2 * VBE_MAX_BYTES + ST_TERM_BUFFER_SIZE];
     const uint32_t position = writer->position++;
     const uint32_t start = position == 0 ? 0 : common;
+    // Nearly every page has room for the longest entry; what may not fit is coded aside and cut into pages.
+    uint8_t aside[MAX_CODED_TERM];
+    uint64_t* const room = free_space(writer->pages->tail->item);
+    const bool fits = *room >= MAX_CODED_TERM;
+    uint8_t* const coded = fits ? writer->page_at : aside;
     uint32_t size = 0;
     if (position != 0) size += st_encode_to_vbe(coded, common);
     if (position == 0 || position != tperb - 1) size += st_encode_to_vbe(coded + size, length - start);
-    if (length != start) std::memcpy(coded + size, term.data() + start, length - start);
-    ST_TRY(append(writer, coded, size + length - start));
-    if (length != common) std::memcpy(writer->previous + common, term.data() + common, length - common);
+    copy_padded(coded + size, term.data() + start, length - start);
+    size += length - start;
+    if (fits) {
+        writer->page_at += size;
+        *room -= size;
+        writer->_blocks_off += size;
+    } else {
+        ST_TRY(append(writer, aside, size));
+    }
+    copy_padded(writer->previous + common, term.data() + common, length - common);
     writer->previous_length = length;
     writer->_cursor++;
     writer->_uncompressed_size += length;
@@ -195,8 +207,11 @@ int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t c
 
 int _lex_writer_put(lex_writer_t* writer, const char* term, size_t length) {
     if (length > ST_MAX_TERM_LENGTH) return WARM_RC_DOES_NOT_FIT;
-    const uint32_t common = _lcp(bytes_of(writer->previous, writer->previous_length), bytes_of(term, length));
-    return lex_writer_put_after(writer, {term, length}, common);
+    char padded[ST_TERM_BUFFER_SIZE + LEX_SLACK];
+    if (length != 0) std::memcpy(padded, term, length);
+    std::memset(padded + length, 0, LEX_SLACK);
+    const uint32_t common = _lcp(bytes_of(writer->previous, writer->previous_length), bytes_of(padded, length));
+    return lex_writer_put_after(writer, {padded, length}, common);
 }
 
 int _lex_writer_close(bool verbose, lex_writer_t* writer, int fd, uint64_t offset, uint64_t* end_offset) {

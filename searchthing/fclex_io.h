@@ -145,7 +145,8 @@ int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, 
                      uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer, uint32_t* merged_count,
                      bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new, warm_rc_t* rc);
 
-// _lex_writer_put of a term of which the caller knows how many leading bytes it shares with the one before.
+// _lex_writer_put of a term of which the caller knows how many leading bytes it shares with the one before, and behind
+// which LEX_SLACK bytes may be read.
 int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t common);
 
 }  // namespace veldar
