@@ -7,7 +7,7 @@
 namespace veldar {
 
 void bp_writer_open(bitpack_writer_t* bp, int fd, uint64_t* words, uint64_t capacity, uint64_t word_offset) {
-    std::memset(words, 0, capacity * sizeof(uint64_t));
+    if (capacity != 0) std::memset(words, 0, capacity * sizeof(uint64_t));  // no words: no pointer either
     *bp = {.fd = fd, .words = words, .capacity = capacity, .bit_cursor = 0, .word_offset = word_offset};
 }
 
