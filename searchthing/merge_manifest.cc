@@ -12,6 +12,7 @@
 
 #include "libzero/resource.h"
 #include "searchthing/tsidx_names.h"
+#include "searchthing/warmslice_merge.h"
 
 namespace veldar {
 

@@ -24,7 +24,6 @@ namespace veldar {
 
 inline constexpr char MERGE_MANIFEST_NAME[] = "veldar-merge-manifest.dat";
 inline constexpr char MERGE_MANIFEST_TMP_NAME[] = "veldar-merge-manifest.dat.tmp";
-inline constexpr size_t MERGE_MAX_SOURCES = 64;
 
 struct merge_owner_t {
     int64_t process = 0;

@@ -96,11 +96,6 @@ int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capaci
     });
 }
 
-int st_tsidx_is_optimized(TSIDX* tsidx) {
-    return static_cast<int>(
-        tsidx_over_snapshot(tsidx, [](tsidx_snapshot& snapshot) -> int64_t { return snapshot.size() < 2 ? 1 : 0; }));
-}
-
 int st_tsidx_cd(TSIDX* tsidx, const char* path) {
     ST_ASSERT(tsidx != nullptr);
     if (path == nullptr || *path == '\0') {

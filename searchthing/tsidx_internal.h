@@ -12,6 +12,7 @@
 #include "searchthing/tsidx.h"
 #include "searchthing/tsidx_cache_internal.h"
 #include "searchthing/tsidx_params.h"
+#include "searchthing/warmslice_merge.h"
 
 namespace veldar {
 
@@ -53,6 +54,11 @@ struct st_tsidx {
 
     tsidx_cache cache;  // of slices open for reading
     int lock_seconds = 10;
+
+    st_merge_mapper_t merge_mapper = nullptr;
+    void* merge_mapper_context = nullptr;
+    warm_merge_progress_fn merge_progress = nullptr;
+    void* merge_progress_context = nullptr;
 };
 
 bool tsidx_is_writable(const TSIDX* tsidx);

@@ -100,7 +100,7 @@ struct tsidx_info_t {
 // Describes the newest `capacity` slices, newest first. Returns how many slices there are, which may be more.
 int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capacity);
 
-// 1 when there is nothing to merge, that is, fewer than two live slices; else 0.
+// 1 when there is nothing to merge in tiers of eight slices (tsidx_optimize.h); else 0, or a failure.
 int st_tsidx_is_optimized(TSIDX* tsidx);
 
 // Goes on with another directory, or with the same one after it has been moved: syncs into the old one and closes its

@@ -154,8 +154,12 @@ int carry_marks(const merge_source_t& source, WARM* target, warm_rc_t* rc) {
     return 0;
 }
 
+struct warm_discarder {
+    void operator()(WARM* warm) const { st_warm_slice_discard(warm); }
+};
+
 int carry_deletes(const warm_merge_t* merge, const char* target_path, warm_rc_t* rc) {
-    std::unique_ptr<WARM, warm_closer> target(st_warm_slice_open_rdwr(target_path, rc));
+    const std::unique_ptr<WARM, warm_discarder> target(st_warm_slice_open_rdwr(target_path, rc));
     if (target == nullptr) return rc->warm_rc;
     if (target->body->num_values.get() != merge->totals.values) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "not the target of this merge");

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "searchthing/tsidx_delete.h"
+#include "searchthing/tsidx_optimize.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
@@ -47,6 +48,8 @@ class model {
                 reopen();
             } else if (kind < 76) {
                 remove_some();
+            } else if (kind < 79) {
+                merge_some();
             } else if (kind < 92) {
                 check_query();
             } else {
@@ -55,6 +58,7 @@ class model {
         }
         check_query();
         check_terms();
+        EXPECT_GT(merged_, 0u);
     }
 
   private:
@@ -120,6 +124,20 @@ class model {
         }
         EXPECT_GE(remove(), expected) << st_tsidx_last_failure(tsidx_.get())->message;
         EXPECT_EQ(remove(), 0);
+    }
+
+    // Slices of all levels and ages, up to three rounds.
+    void merge_some() {
+        const int mode = static_cast<int>(below(4));
+        const uint64_t target_size = below(2) == 0 ? 0 : 500 + below(5000);
+        const bool is_final = below(2) == 0;
+        int status = 0;
+        for (uint32_t rounds = 1 + below(3); rounds > 0 && status == 0; rounds--) {
+            warm_rc_t rc;
+            status = st_tsidx_optimize_n(tsidx_.get(), mode, 2 + below(4), below(20), target_size, &rc, 0, 0, is_final);
+            EXPECT_TRUE(status == 0 || status == WARM_RC_FEW_SLICES || status == WARM_RC_FEW_SOURCES) << rc.message;
+        }
+        merged_ += mode != TSIDX_OPTIMIZE_DRY_RUN && status == 0 ? 1 : 0;
     }
 
     reference_query random_query(const reference_index& reference) {
@@ -256,6 +274,7 @@ class model {
     directory_ptr tsidx_;
     std::vector<forge_event> pool_;
     std::vector<forge_event> events_;
+    uint32_t merged_ = 0;
 };
 
 class DirectoryModel : public directory_test {};

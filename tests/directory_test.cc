@@ -349,7 +349,6 @@ TEST_F(Directory, GoesOnElsewhere) {
     EXPECT_TRUE(query_keys(tsidx.get(), "[AND]").empty());
     put_slices(other.path(), {simple_event(5), simple_event(6)});
     EXPECT_EQ(query_keys(tsidx.get(), "[AND]").size(), 2u);
-    EXPECT_EQ(st_tsidx_is_optimized(tsidx.get()), 0);
     ASSERT_EQ(st_tsidx_cd(tsidx.get(), dir.path().c_str()), 0);
     EXPECT_EQ(query_keys(tsidx.get(), "[AND]"), (std::vector<event_key>{{1, 1}}));
 }

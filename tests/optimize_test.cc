@@ -4,15 +4,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <random>
+#include <set>
 
 #include "libzero/resource.h"
 #include "searchthing/log.h"
 #include "searchthing/merge_manifest.h"
+#include "searchthing/st_init.h"
 #include "searchthing/tsidx_delete.h"
+#include "searchthing/tsidx_merge_plan.h"
+#include "searchthing/tsidx_optimize.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
+#include "tests/support/leak_listener.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -185,6 +192,191 @@ TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
     const std::string log = testing::internal::GetCapturedStderr();
     stSetupLogger(0, 0);
     EXPECT_NE(log.find("WARN  a damaged merge manifest was set aside"), std::string::npos) << log;
+}
+
+// Every stretch of every tier and kind, by brute force.
+TEST_F(Optimize, TakesTheLongestStretchOfTheLowestTier) {
+    std::mt19937 random(2);
+    const char* const magics[] = {"_TSIDX9", "_TSIDX8", "_TSIDX7", "Veldar6"};
+    for (int round = 0; round < 300; round++) {
+        std::vector<tsidx_merge_source_t> slices(random() % 150);
+        for (tsidx_merge_source_t& slice : slices) {
+            slice.bytes = uint64_t{1} << (random() % 31);
+            slice.bytes += random() % slice.bytes;
+            slice.part = random() % 3 == 0;
+            warm_header_init(&slice.header, magics[round % 3 == 0 ? random() % 4 : 0]);
+            slice.header.num_values.set(1);
+        }
+        const tsidx_merge_rules_t rules = {.tiered = random() % 2 == 0,
+                                           .parts_only = random() % 4 == 0,
+                                           .min_sources = static_cast<uint32_t>(random() % 12),
+                                           .target_size = uint64_t{1} << (15 + random() % 17)};
+        std::map<std::pair<uint32_t, int>, std::vector<size_t>> groups;
+        for (size_t i = 0; i < slices.size(); i++) {
+            if (rules.parts_only && !slices[i].part) continue;
+            const uint32_t tier = rules.tiered ? tsidx_merge_tier(slices[i].bytes) : 0;
+            groups[{tier, st_warm_slice_merge_kind(&slices[i].header)}].push_back(i);
+        }
+        size_t best = 0;
+        std::set<std::vector<size_t>> allowed;
+        for (uint32_t tier = 0; tier < 20 && best == 0; tier++) {
+            for (const auto& [key, group] : groups) {
+                if (key.first != tier || (rules.tiered && group.size() < rules.min_sources)) continue;
+                for (auto first = group.begin(); first != group.end(); ++first) {
+                    uint64_t bytes = 0;
+                    for (auto end = first; end != group.end() && end - first < 64; ++end) {
+                        if ((bytes += slices[*end].bytes) > rules.target_size) break;
+                        const std::vector<size_t> taken(first, end + 1);
+                        if (taken.size() < 2 || taken.size() < best) continue;
+                        if (taken.size() > best) allowed.clear();
+                        best = taken.size();
+                        allowed.insert(taken);
+                    }
+                }
+            }
+        }
+        const std::vector<size_t> plan = tsidx_plan_merge(slices, rules);
+        EXPECT_EQ(plan.size(), best);
+        EXPECT_TRUE(best == 0 || allowed.contains(plan));
+    }
+    EXPECT_EQ(tsidx_merge_tier((4 << 20) - 1), 0u);
+    EXPECT_EQ(tsidx_merge_tier(4 << 20), 1u);
+    EXPECT_EQ(tsidx_merge_tier(uint64_t{1500} << 20), 5u);
+}
+
+std::vector<event_key> sorted_events(const std::string& path) {
+    std::vector<event_key> keys;
+    const st_query_spec query = make_query("[AND a]");
+    const auto collect = [](const st_tsval* event, void* context) {
+        static_cast<std::vector<event_key>*>(context)->push_back({event->time, event->address});
+        return 0;
+    };
+    const directory_ptr reader = open_for_reading(path);
+    EXPECT_EQ(st_tsidx_apply_events(reader.get(), &query, collect, &keys), 0)
+        << st_tsidx_last_failure(reader.get())->message;
+    std::sort(keys.begin(), keys.end());
+    return keys;
+}
+
+// A directory that is made anew for every trial: four slices, one of them written in part mode, and deleted events.
+class OptimizeFaults : public Optimize {
+  protected:
+    void SetUp() override {
+        Optimize::SetUp();
+        const directory_ptr tsidx = open_directory(original_.path());
+        for (int32_t time = 1; time <= 12; time++) {
+            ASSERT_EQ(put_event(tsidx.get(), event_at(time)), 0);
+            if (time % 3 == 0) {
+                ASSERT_EQ(time == 6 ? st_tsidx_sync_part(tsidx.get()) : st_tsidx_sync(tsidx.get()), 0);
+            }
+        }
+        const st_addr_t doomed[] = {2, 9};
+        ASSERT_EQ(st_tsidx_delete_by_addr(tsidx.get(), doomed, 2), 2);
+        expected_ = sorted_events(original_.path());
+        ASSERT_EQ(expected_.size(), 10u);
+        reset();
+    }
+
+    void reset() {
+        fs::remove_all(dir_.file("index"));
+        fs::remove(dir_.file("index.lock"));
+        fs::copy(original_.path(), path());
+    }
+    std::string path() const { return dir_.file("index"); }
+    std::set<std::string> names() const {
+        std::set<std::string> found;
+        for (const auto& entry : fs::directory_iterator(path())) {
+            if (entry.path().filename() != TSIDX_NEED_OPTIMIZE_NAME) found.insert(entry.path().filename());
+        }
+        return found;
+    }
+    int optimize() const {
+        const directory_ptr tsidx = open_directory(path());
+        return st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+    }
+    // A reader sees the original events; so does one after the next optimiser, who leaves one slice and nothing else.
+    void check() const {
+        EXPECT_EQ(sorted_events(path()), expected_);
+        const int status = optimize();
+        EXPECT_TRUE(status == 0 || status == WARM_RC_FEW_SLICES) << status;
+        EXPECT_EQ(sorted_events(path()), expected_);
+        std::set<std::string> left = names();
+        left.erase(TSIDX_PARAMS_NAME);
+        EXPECT_EQ(left.size(), 1u);
+        EXPECT_TRUE(left.begin()->ends_with(TSIDX_SUFFIX)) << *left.begin();
+    }
+
+    const no_pauses pauses_;
+    const temp_dir original_, dir_;
+    std::vector<event_key> expected_;
+};
+
+TEST_F(OptimizeFaults, KilledAtEveryFileCall) {
+    for (const fault_action action : {fault_action::kill_before, fault_action::kill_after}) {
+        for (uint64_t n = 1; !HasFailure(); n++) {
+            SCOPED_TRACE(testing::Message() << "action " << static_cast<int>(action) << " at " << n);
+            reset();
+            const pid_t child = ::fork();
+            if (child == 0) {
+                st_init("optimize_test");
+                const fault_step death(action, n);
+                ::_exit(optimize() == 0 ? 0 : 1);
+            }
+            int status = 0;
+            ASSERT_EQ(::waitpid(child, &status, 0), child);
+            check();
+            if (!WIFSIGNALED(status)) {
+                EXPECT_EQ(WEXITSTATUS(status), 0);
+                EXPECT_GT(n, 60u);
+                break;
+            }
+        }
+    }
+}
+
+TEST_F(OptimizeFaults, EveryFileCallAndAllocationFails) {
+    st_init("optimize_test");
+    uint64_t calls = 0, allocations = 0;
+    {
+        const fault_step counting(fault_action::fail, ~uint64_t{0});
+        ASSERT_EQ(optimize(), 0);
+        calls = counting.calls();
+        allocations = counting.allocations();
+    }
+    const std::set<std::string> descriptors = leak_listener::open_descriptors();
+    const auto run = [&](fault_action action, uint64_t n, int error) {
+        SCOPED_TRACE(testing::Message() << "action " << static_cast<int>(action) << " at " << n << " errno " << error);
+        reset();
+        const std::set<std::string> before = names();
+        const std::string index = path();
+        int status = 0;
+        bool wrote = false;
+        {
+            const fault_step trouble(action, n, error);
+            // A handle that cannot be had for want of memory.
+            TSWRITEOPTS opts;
+            st_tsidx_write_opts_set_defaults(&opts);
+            TSIDX* const tsidx = st_tsidx_open(index.c_str(), 0, 0, &opts, TSIDX_ORDINARY_WRITER);
+            if (tsidx != nullptr) {
+                st_tsidx_set_lock_timeout(tsidx, 0);
+                status = st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+                EXPECT_EQ(st_tsidx_close(tsidx), 0);
+            }
+            wrote = trouble.struck(fault_call::pwrite) || trouble.struck(fault_call::write);
+        }
+        if (status != 0 && wrote) {
+            EXPECT_EQ(names(), before) << "the sources stay, the target goes";
+        }
+        check();
+        EXPECT_EQ(leak_listener::open_descriptors(), descriptors);
+    };
+    for (uint64_t n = 1; n <= calls && !HasFailure(); n++) {
+        for (const int error : {ENOSPC, EIO, EINTR}) run(fault_action::fail, n, error);
+        run(fault_action::shorten, n, 0);
+    }
+    for (uint64_t n = 1; n <= allocations && !HasFailure(); n += 1 + allocations / 150) {
+        run(fault_action::allocation, n, 0);
+    }
 }
 
 }  // namespace

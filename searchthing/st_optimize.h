@@ -1,0 +1,27 @@
+// What a separate optimiser process runs.
+#pragma once
+
+#include <cstdint>
+
+#include "searchthing/st.h"
+#include "searchthing/tsidx_optimize.h"
+
+namespace veldar {
+
+// One pass of merges over a directory: at most `max_iterations` calls of st_tsidx_optimize_n, until one of them does
+// not merge. Takes away the marker that asks for a pass, and logs its start and its end. With `is_final` it leaves a
+// status file behind (so_status_filename), whatever happened; one that is there is left alone.
+//
+// 0, also when there was nothing (more) to merge; -1 when the process may not read, write and search the directory or
+// memory is short; or the failure of a merge, in `rc` too, which may be null. `opts` is not null; mode, min_src_count,
+// lexicon_tpb, target_size, file_offset and flags are those of st_tsidx_optimize_n, mapper and context those of
+// st_tsidx_set_merge_mapper.
+int st_optimize(const char* path, const TSWRITEOPTS* opts, int mode, bool is_final, uint32_t max_iterations,
+                uint32_t min_src_count, uint32_t lexicon_tpb, uint64_t target_size, warm_rc_t* rc, uint64_t file_offset,
+                uint32_t flags, st_merge_mapper_t mapper, void* mapper_context);
+
+// One merge through an open handle, with the defaults: eight slices of a tier, blocks of 64 terms, the handle's target
+// size. The result of st_tsidx_optimize_n. The handle is not null.
+int st_optimize_ex(THING* thing, int mode);
+
+}  // namespace veldar
