@@ -144,6 +144,17 @@ void describe_bits(std::span<const uint64_t> bits, merge_list_t* out) {
     out->last = static_cast<uint32_t>(64 * last + 63 - static_cast<size_t>(__builtin_clzll(bits[last])));
 }
 
+// Lists that are few are read all at once.
+int copy_lists(merge_source_lists_t* from, const WARM* warm, warm_rc_t* rc) {
+    const size_t size = static_cast<size_t>(warm->plo_last);
+    if (!from->copy.alloc(size)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "posting lists");
+    const int64_t got = st_pread(warm->fd.get(), from->copy.data(), size, warm->postings_base);
+    if (got != static_cast<int64_t>(size)) return _set_rc_msg(rc, read_status(got), "posting lists");
+    plist_reader_attach_memory(&from->own, from->copy.span());
+    plist_reader_attach_memory(&from->shared, from->copy.span());
+    return 0;
+}
+
 }  // namespace
 
 int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
@@ -163,6 +174,8 @@ int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
         const uint64_t span = merge->options.write_options.merge_reader_span;
         ST_TRY(_init_reader(&from->own, warm, span, nullptr, rc));
         ST_TRY(_init_reader(&from->shared, warm, span, nullptr, rc));
+        const bool few = warm->plo_last > 0 && warm->plo_last <= merge->seams.lists_in_memory;
+        if (few) ST_TRY(copy_lists(from, warm, rc));
     }
     return 0;
 }

@@ -38,6 +38,7 @@ struct merge_source_lists_t {
     bool has_lists = false;  // a slice without postings has no lists to read
     uint32_t next_term = 0;
     plist_reader own, shared;
+    buffer<uint8_t> copy;  // of all lists, when they are few
 };
 
 struct merge_lists_t {

@@ -86,6 +86,7 @@ struct plo_term_context_t {
     int64_t start = -1;  // SPO, DEDUP: the payload
     int64_t end = -1;    // SPO, DEDUP: -1
     uint32_t type = PLO_RLE;
+    uint32_t memory_position = 0;  // in the copy in memory, where there is one
 };
 
 // Reads one list at a time; one reader serves any number of terms of its slice, one after another, without allocating.
@@ -101,12 +102,14 @@ struct plist_reader {
     // RLE and SPO: the events last + 1 to last + run come next, before anything that is not decoded yet.
     uint32_t last = 0;
     uint32_t run = 0;
-    uint64_t buf_start = 0;  // position in the section of buf[0]
+    uint64_t buf_start = 0;  // position in the section of bytes[0]
     uint64_t buf_fill = 0;
     uint64_t position = 0;  // in the section, of the next byte to decode
     uint64_t list_end = 0;
     buffer<uint8_t> buf;
-    bitmap_reader_t bitmap;  // BMAP
+    const uint8_t* bytes = nullptr;   // what is buffered: buf, or the copy in memory
+    std::span<const uint8_t> memory;  // the copy; empty for none
+    bitmap_reader_t bitmap;           // BMAP
     st_query_info_t* stats = nullptr;
 };
 
@@ -115,6 +118,10 @@ struct plist_reader {
 // memory, a slice without postings; -2 without memory.
 [[nodiscard]] int _init_reader(plist_reader* reader, st_warm_slice* warm, uint64_t span, st_query_info_t* stats,
                                warm_rc_t* rc);
+// Reads lists from a copy of the section's beginning from now on; the copy stays the caller's and outlives the reader.
+// Every list must lie in it: -12 "reading beyond PL memory bufpos failed " for one that begins behind it, -53 for one
+// that ends behind it.
+void plist_reader_attach_memory(plist_reader* reader, std::span<const uint8_t> lists);
 // V and type of entry `index` (-1 is term 0's): -1 on failure, -15 in `rc` past the last entry, -12 for a V that cannot
 // be.
 int64_t _pl_offset_reader(plist_reader* reader, int64_t index, uint32_t* type, warm_rc_t* rc);

@@ -50,7 +50,10 @@ int start_bmap(plist_reader* reader, const plo_term_context_t& context, warm_rc_
     if (size == 0) return 0;
     const uint64_t offset = reader->postings_base + static_cast<uint64_t>(context.start);
     reader->bitmap.stats = reader->stats;
-    ST_TRY(bitmap_reader_init(&reader->bitmap, reader->fd, offset, size, nullptr, rc));
+    // In memory a bitmap has to fit one chunk.
+    const bool in_memory = !reader->memory.empty() && size <= BITMAP_CHUNK;
+    const uint8_t* const src = in_memory ? reader->memory.data() + context.memory_position : nullptr;
+    ST_TRY(bitmap_reader_init(&reader->bitmap, in_memory ? -1 : reader->fd, offset, size, src, rc));
     reader->plo_type = PLO_BMAP;
     return 0;
 }
@@ -86,6 +89,19 @@ int find_list(plist_reader* reader, uint32_t term, plo_term_context_t* context, 
     }
     ST_TRY(plist_term_offset_reader(reader, context, static_cast<uint32_t>(term_id), rc));
     return context->type != PLO_DEDUP ? 0 : plist_corrupt(rc, "plo_cxt.type != PLO_DEDUP");
+}
+
+int place_in_memory(const plist_reader* reader, plo_term_context_t* context, warm_rc_t* rc) {
+    const uint64_t fill = reader->memory.size();
+    const uint64_t start = static_cast<uint64_t>(context->start);
+    if (start > fill || (start == fill && context->end > context->start)) {
+        return plist_corrupt(rc, "reading beyond PL memory bufpos failed ");
+    }
+    if (static_cast<uint64_t>(context->end) > fill) {
+        return _set_rc_msg(rc, WARM_RC_SPLIT_LIST, "PL both in memory and disk is not supported");
+    }
+    context->memory_position = static_cast<uint32_t>(start);
+    return 0;
 }
 
 int next_pending(plist_reader* reader, uint32_t* id) {
@@ -124,12 +140,21 @@ int _init_reader(plist_reader* reader, st_warm_slice* warm, uint64_t span, st_qu
     reader->num_values = warm->body->num_values.get();
     reader->stats = stats;
     reader->buf_start = reader->buf_fill = 0;
+    reader->bytes = reader->buf.data();
+    reader->memory = {};
     reader->list_end = 0;
     set_empty(reader);
     // Without values the section is empty, whatever the number of terms.
     const uint32_t entries = reader->num_values == 0 ? 0 : warm->body->num_terms.get();
     return _set_rc(rc, _ar_open(&reader->plo_reader, reader->fd, _offset_pl_offs(warm->body), _get_plo_size(warm->body),
                                 entries, std::max(span, MIN_OFFSET_SPAN), stats, warm->plo));
+}
+
+void plist_reader_attach_memory(plist_reader* reader, std::span<const uint8_t> lists) {
+    reader->memory = lists;
+    reader->bytes = lists.data();
+    reader->buf_start = 0;
+    reader->buf_fill = lists.size();
 }
 
 int64_t _pl_offset_reader(plist_reader* reader, int64_t index, uint32_t* type, warm_rc_t* rc) {
@@ -159,6 +184,7 @@ int plist_term_offset_reader(plist_reader* reader, plo_term_context_t* context, 
         if (context->end < 0) return rc->warm_rc;
     }
     if (context->start > context->end) return plist_corrupt(rc, "plo_cxt->start < plo_cxt->end");
+    if (!reader->memory.empty()) return place_in_memory(reader, context, rc);
     if (static_cast<uint64_t>(context->end) > reader->plo_last)
         return plist_corrupt(rc, "posting list ends past the last");
     return 0;
@@ -197,6 +223,8 @@ void close_plist_reader(plist_reader* reader) {
     _ar_close(&reader->plo_reader);
     bitmap_reader_close(&reader->bitmap);
     reader->buf.reset();
+    reader->bytes = nullptr;
+    reader->memory = {};
     reader->fd = -1;
     reader->list_end = 0;
     set_empty(reader);

@@ -68,6 +68,7 @@ int rle_refill(plist_reader* reader, bool read_ahead, warm_rc_t* rc) {
     const size_t size = static_cast<size_t>(std::min<uint64_t>(PLIST_BUFFER, limit - reader->position));
     reader->buf_start = reader->position;
     reader->buf_fill = 0;
+    reader->bytes = reader->buf.data();
     const uint64_t offset = reader->postings_base + reader->position;
     const int64_t got = st_timed_pread_msg(reader->fd, reader->buf.data(), size, offset, reader->stats, false);
     if (got <= 0) return _set_rc(rc, got < 0 ? WARM_RC_READ : WARM_RC_END_OF_FILE);
@@ -83,14 +84,14 @@ int rle_open_window(plist_reader* reader, rle_window* window, warm_rc_t* rc) {
         const bool file_ends = buffered_end < reader->list_end && buffered_end - reader->position < RLE_MAX_ITEM;
         if (file_ends) return _set_rc(rc, WARM_RC_SHORT_READ);
     }
-    window->at = reader->buf.data() + (reader->position - reader->buf_start);
-    window->end = reader->buf.data() + (buffered_end - reader->buf_start);
+    window->at = reader->bytes + (reader->position - reader->buf_start);
+    window->end = reader->bytes + (buffered_end - reader->buf_start);
     window->safe_end = buffered_end == reader->list_end ? window->end : window->end - (RLE_MAX_ITEM - 1);
     return 0;
 }
 
 void rle_close_window(plist_reader* reader, const uint8_t* at) {
-    reader->position = reader->buf_start + static_cast<uint64_t>(at - reader->buf.data());
+    reader->position = reader->buf_start + static_cast<uint64_t>(at - reader->bytes);
 }
 
 int rle_decode_long_item(const plist_reader* reader, const uint8_t** at, const uint8_t* end, uint32_t* last,

@@ -245,6 +245,7 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
             if (random() % 4 == 0) options.write_options.merge_buffer_bytes = 0;
             merge_seams_t seams;
             if (random() % 3 == 0) seams.hash_mask = random() % 4;  // nearly all lists collide
+            if (random() % 2 == 0) seams.lists_in_memory = 0;
             if (random() % 3 == 0) seams.dense_divisor = random() % 2 == 0 ? 1 : 1000;
             const size_t count = std::min(at_once, sources.size());
             std::vector<test_source> some(sources.begin(), sources.begin() + static_cast<ptrdiff_t>(count));
@@ -453,6 +454,42 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         std::filesystem::remove(target);
     });
     EXPECT_GT(refused, tried / 4);
+}
+
+// Lists copied to memory: all of a section, or less than the reader is asked for.
+TEST_F(MergeTest, ListsAreReadFromACopy) {
+    forge_options options;
+    options.wflags = FORGE_TAG2;
+    options.seed = 3;
+    forge_picture picture;
+    const std::string path = forge_file(dir.path(), forge_random_events(3, 300), options, ++next_id, &picture);
+    warm_rc_t rc;
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
+    const std::string section = read_file(path).substr(picture.at.postings, warm->plo_last);
+    size_t inside_a_list = 0;
+    for (size_t term = 0; inside_a_list < section.size() / 2 || picture.lists[term].size() < 2; term++) {
+        inside_a_list += picture.lists[term].size();
+    }
+    for (const size_t size : {section.size(), inside_a_list + 1}) {
+        plist_reader reader;
+        ASSERT_EQ(_init_reader(&reader, warm.get(), 0, nullptr, &rc), 0);
+        plist_reader_attach_memory(&reader, {reinterpret_cast<const uint8_t*>(section.data()), size});
+        std::map<int, uint32_t> results;
+        for (uint32_t term = 0; term < picture.terms.size(); term++) {
+            std::vector<uint32_t> ids(301);
+            uint32_t count = 0;
+            const int status = _seek_reader(&reader, term, &rc);
+            results[status]++;
+            if (status != 0) continue;
+            EXPECT_EQ(plist_copy(&reader, ids.data(), 301, PLIST_END, &count, &rc), 0);
+            ids.resize(count);
+            EXPECT_EQ(ids, picture.postings[term]) << picture.terms[term];
+        }
+        const bool whole = size == section.size();
+        EXPECT_EQ(results[0] == picture.terms.size(), whole);
+        EXPECT_EQ(results[WARM_RC_CORRUPT] > 0, !whole);
+        EXPECT_EQ(results[WARM_RC_SPLIT_LIST] > 0, !whole);
+    }
 }
 
 TEST_F(MergeTest, FittingStopsBeforeATotalOverflows) {
