@@ -41,6 +41,7 @@ inline constexpr uint32_t MERGE_MIN_TERMS_A_BLOCK = 2;
 struct merge_seams_t {
     uint64_t hash_mask = ~uint64_t{0};       // of the hashes that find equal lists
     uint64_t narrow_entry_max = 0xFFFFFFFF;  // the largest posting-list offset entry of 4 bytes
+    uint64_t packed_bits_max = 0xFFFFFFFF;   // bits of a packed values section that readers find the end of
     uint64_t lists_in_memory = 64 << 10;     // bytes of a source's lists that are read at once
     uint32_t dense_divisor = 16;             // a list of more than 1 / dense_divisor of all values is kept as a bitmap
 };

@@ -214,7 +214,7 @@ int fill_header(warm_merge_t* merge, const value_ranges& ranges, warm_rc_t* rc) 
     // Readers take the size of a packed section modulo 2^32 bits.
     if (warm_header_is_enabled(header, WARM_FLAG_VALUES_PACKED)) {
         const uint64_t width = warm_header_meta_time_nbits(header) + warm_header_seek_addr_nbits(header);
-        if (width * values + 63 > UINT32_MAX) warm_header_set_flag(header, WARM_FLAG_VALUES_PACKED, false);
+        if (width * values + 63 > merge->seams.packed_bits_max) warm_header_set_flag(header, WARM_FLAG_VALUES_PACKED, false);
     }
     return 0;
 }
