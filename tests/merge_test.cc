@@ -224,7 +224,7 @@ uint32_t scrambled_address(uint32_t address, void*) {
 
 // Every event with its companions and terms, every list, count and time is there after one, two and three rounds.
 TEST_F(MergeTest, NothingIsLostOrAdded) {
-    for (uint64_t seed = 1; seed <= 60; seed++) {
+    for (uint64_t seed = 1; seed <= 40; seed++) {
         SCOPED_TRACE(seed);
         std::mt19937_64 random(seed);
         const uint32_t group = seed % 8 < 5 ? 2 : static_cast<uint32_t>(seed % 4);
