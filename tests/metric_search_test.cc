@@ -5,6 +5,7 @@
 #include <memory>
 #include <random>
 
+#include "searchthing/search_literals.h"
 #include "searchthing/warmslice_meta.h"
 #include "searchthing/warmslice_runs.h"
 #include "searchthing/warmslice_search.h"
@@ -216,6 +217,57 @@ TEST(MetricSearch, RandomQueriesEqualBruteForce) {
                 if (HasFatalFailure()) return;
             }
         }
+    }
+}
+
+std::vector<uint32_t> bits_of(const buffer<uint8_t>& bitmap, uint32_t end) {
+    std::vector<uint32_t> out;
+    for (uint32_t id = 0; id < end; id++) {
+        if ((bitmap[id / 8] >> (id % 8) & 1) != 0) out.push_back(id);
+    }
+    return out;
+}
+
+// The literal operations for callers without a context count in values, though lists hold runs.
+TEST(MetricSearch, LiteralsCoverAllValues) {
+    const metric_slice slice(forge_random_metrics(3, 90), metric_kinds()[2]);
+    ASSERT_NE(slice.warm, nullptr);
+    const uint32_t values = slice.picture.num_values;
+    const auto runs = static_cast<uint32_t>(slice.picture.runs.size());
+    const st_timeval_t earliest = {INT32_MIN, 0}, latest = {INT32_MAX, 0};
+    for (uint32_t term = 0; term < slice.picture.terms.size(); term++) {
+        const std::vector<std::string> text = {slice.picture.terms[term]};
+        const std::vector<uint32_t>& expected = slice.picture.postings[term];
+        std::vector<uint32_t> others;
+        for (uint32_t run = 0; run < runs; run++) {
+            if (std::find(expected.begin(), expected.end(), run) == expected.end()) others.push_back(run);
+        }
+        warm_rc_t rc;
+        id_range_t range, whole;
+        query_result_t result;
+        const auto both = [&](const literal_group& group) {
+            return and_literals(slice.warm.get(), group, false, &earliest, &latest, &range, &result, nullptr, nullptr,
+                                true, nullptr, &rc);
+        };
+        ASSERT_EQ(both({text, {}, {}}), 0) << text[0];
+        if (others.empty()) {
+            ASSERT_TRUE(result.tsval_list.empty());
+            ASSERT_EQ(result.tsval_list_capacity, values);
+        } else {
+            const uint32_t* const list = result.tsval_list.data();
+            ASSERT_EQ(std::vector<uint32_t>(list, list + result.tsval_list_capacity), expected);
+            ASSERT_EQ(range.end, expected.back() + 1 == runs ? values : expected.back() + 1);
+        }
+        range = {};
+        ASSERT_EQ(both({{}, text, {}}), 0);
+        ASSERT_EQ(range.end, values);
+        ASSERT_EQ(result.tsval_list_capacity, values);
+        ASSERT_EQ(bits_of(result.not_bitmap, values), expected);
+        _reset_result(&result);
+        ASSERT_EQ(
+            or_literals(slice.warm.get(), {{}, text, {}}, false, &earliest, &latest, &whole, &result, nullptr, &rc), 0);
+        ASSERT_EQ(whole.end, values);
+        ASSERT_EQ(bits_of(result.bitmap, values), others) << text[0];
     }
 }
 
