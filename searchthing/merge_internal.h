@@ -7,6 +7,7 @@
 
 #include "libzero/resource.h"
 #include "searchthing/bitmap.h"
+#include "searchthing/merge_metric.h"
 #include "searchthing/tsval.h"
 #include "searchthing/warmslice.h"
 #include "searchthing/warmslice_merge.h"
@@ -24,7 +25,8 @@ struct merge_source_t {
     uint32_t num_values = 0;
     // Value numbers in the order of the target; empty when they are in that order already.
     buffer<uint32_t> order;
-    // The new number of each value; empty when value i becomes base + i.
+    // The new number of each value, in a metric slice of each run: what posting lists hold. Empty when number i becomes
+    // base + i.
     buffer<uint32_t> map;
     uint32_t base = 0;
     st_time_t latest = 0;  // of its values
@@ -54,6 +56,7 @@ struct warm_merge_t {
     bool values_planned = false;
     buffer<st_time_t> times;  // of the target's values, once they are planned
     bool written = false;
+    std::unique_ptr<merge_metric_t> metric;  // null for event slices
     merge_seams_t seams;
     uint64_t done_bytes = 0;  // told to the progress function
 };

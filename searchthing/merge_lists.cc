@@ -76,6 +76,10 @@ int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
         uint32_t* const piece = lists->ids.data() + lists->size;
         ST_TRY(plist_copy(reader, piece, PIECE, PLIST_END, &count, rc));
         if (count == 0) break;
+        const buffer<uint32_t>& map = from->source->map;
+        if (!map.empty() && piece[count - 1] >= map.size()) {
+            return _set_rc_verbose(rc, WARM_RC_CORRUPT, term, "posting of a run that does not exist");
+        }
         renumber(*from->source, piece, count);
         // Values that the target orders in another way than the source do not ascend any more.
         if (!from->source->order.empty()) std::sort(piece, piece + count);
@@ -159,7 +163,7 @@ int copy_lists(merge_source_lists_t* from, const WARM* warm, warm_rc_t* rc) {
 
 int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
     lists->merge = merge;
-    lists->num_values = merge->totals.values;
+    lists->num_values = merge->metric != nullptr ? merge->header.num_dimsets.get() : merge->totals.values;
     lists->dense_size = lists->num_values / merge->seams.dense_divisor;
     lists->sources.resize(merge->sources.size());
     lists->runs.reserve(1024);

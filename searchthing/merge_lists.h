@@ -44,7 +44,7 @@ struct merge_source_lists_t {
 struct merge_lists_t {
     const warm_merge_t* merge = nullptr;
     std::vector<merge_source_lists_t> sources;
-    uint32_t num_values = 0;  // of the target
+    uint32_t num_values = 0;  // of the target; of a metric one its runs
     uint64_t dense_size = 0;  // a list that grows beyond is kept as a bitmap
     bool dense = false;       // this one is
     bool may_repeat = false;  // a source's own list can name one value twice

@@ -97,6 +97,10 @@ int place_list(sweep_t* sweep, uint32_t term, const merge_list_t& list, placed_t
 // Newest first: a term's first event has its latest time.
 int put_metadata(sweep_t* sweep, uint32_t term, const merge_list_t& list, warm_rc_t* rc) {
     const st_warm_slice_body* const header = &sweep->merge->header;
+    if (sweep->merge->metric != nullptr) {
+        const st_term_metadata counted = merge_metric_count(*sweep->merge->metric, list);
+        return term_meta_writer_append(&sweep->metadata, &counted, rc);
+    }
     const bool packed = !warm_header_is_legacy(header);
     st_time_t earliest = packed ? static_cast<st_time_t>(header->earliest.get()) : 0, latest = earliest;
     if (list.count > 0) {

@@ -35,10 +35,13 @@ int merge_lexicons(warm_merge_t* merge, merged_lexicon_t* out, warm_rc_t* rc) {
     std::vector<uint64_t> ends(fds.size());
     const warm_merge_options_t& options = merge->options;
     const uint32_t asked = options.lexicon_tpb != 0 ? options.lexicon_tpb : options.write_options.merge_terms_per_block;
-    // Maps from a source's term numbers to the merged ones would be asked for here; event slices need none.
+    std::vector<uint32_t*> term_maps;  // the sets of metric slices hold term numbers
+    if (merge->metric != nullptr) {
+        for (const merge_metric_source_t& source : merge->metric->sources) term_maps.push_back(source.terms.data());
+    }
     ST_TRY(st_fclex_merge_n(false, fds.data(), offsets.data(), static_cast<uint32_t>(fds.size()),
                             std::max(asked, MERGE_MIN_TERMS_A_BLOCK), 0, &out->writer, &merge->totals.terms,
-                            &out->holders, ends.data(), nullptr, rc));
+                            &out->holders, ends.data(), term_maps.empty() ? nullptr : term_maps.data(), rc));
     merge->header.num_terms.set(merge->totals.terms);
     merge_progress(merge, bytes);
     return 0;
@@ -46,7 +49,7 @@ int merge_lexicons(warm_merge_t* merge, merged_lexicon_t* out, warm_rc_t* rc) {
 
 int plan_values(warm_merge_t* merge, warm_rc_t* rc) {
     if (merge->values_planned) return 0;
-    ST_TRY(merge_values_plan(merge, rc));
+    ST_TRY(merge->metric != nullptr ? merge_metric_plan(merge, rc) : merge_values_plan(merge, rc));
     merge->values_planned = true;
     return 0;
 }
@@ -58,7 +61,7 @@ int set_size(int fd, uint64_t size, warm_rc_t* rc) {
 // Writes everything into an empty file.
 int fill_file(warm_merge_t* merge, int fd, merged_lexicon_t* lexicon, merge_postings_t* postings, warm_rc_t* rc) {
     st_warm_slice_body* const header = &merge->header;
-    ST_TRY(merge_values_write(merge, fd, rc));
+    ST_TRY(merge->metric != nullptr ? merge_metric_values_write(merge, fd, rc) : merge_values_write(merge, fd, rc));
     uint64_t value_bytes = 0;
     for (const merge_source_t& source : merge->sources) value_bytes += _offset_pl_offs(source.warm->body);
     merge_progress(merge, value_bytes);
@@ -71,8 +74,9 @@ int fill_file(warm_merge_t* merge, int fd, merged_lexicon_t* lexicon, merge_post
     ST_TRY(merge_postings_write(merge, fd, lists_offset, lexicon->holders, postings, rc));
     header->num_postings.set(static_cast<uint32_t>(postings->postings));
     merge->totals.postings = static_cast<uint32_t>(postings->postings);
-    // Dimension sets and a column store would follow here.
-    merge->totals.target_bytes = (lists_offset + postings->bytes + 7) & ~uint64_t{7};
+    uint64_t end = lists_offset + postings->bytes;
+    if (merge->metric != nullptr) ST_TRY(merge_metric_sections_write(merge, fd, &end, rc));
+    merge->totals.target_bytes = (end + 7) & ~uint64_t{7};
     ST_TRY(set_size(fd, merge->totals.target_bytes, rc));
     return warm_header_write(fd, header, rc);
 }
@@ -123,6 +127,7 @@ int verify_list(WARM* target, uint32_t term, const merge_list_digest_t& expected
 
 // The first value has the latest time, the last one the earliest.
 int verify_values(const warm_merge_t* merge, WARM* target, warm_rc_t* rc) {
+    if (merge->metric != nullptr) return merge_metric_verify(merge, target, rc);
     if (merge->totals.values == 0) return 0;
     st_time_t latest = 0, earliest = 0;
     uint64_t nanoseconds = 0;

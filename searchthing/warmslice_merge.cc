@@ -17,11 +17,11 @@ namespace {
 constexpr uint64_t TOTAL_LIMIT = UINT32_MAX;
 constexpr uint64_t MEMORY_PLAN = uint64_t{1} << 30;
 
-enum merge_kind_t : int { KIND_NEVER = -1, KIND_LEGACY, KIND_LEXICON, KIND_REV0, KIND_REV1 };
+enum merge_kind_t : int { KIND_NEVER = -1, KIND_LEGACY, KIND_LEXICON, KIND_REV0, KIND_REV1, KIND_METRIC };
 
 // Sums over sources that the format holds in 32 bits, and what a merge has to remember.
 struct merge_sums_t {
-    uint64_t values = 0, terms = 0, postings = 0, lexicon_bytes = 0;
+    uint64_t values = 0, terms = 0, postings = 0, lexicon_bytes = 0, metric_bytes = 0;
     uint32_t nbits = 0;  // of the widest companion array
 
     void add(const st_warm_slice_body* header, uint64_t file_size) {
@@ -35,12 +35,16 @@ struct merge_sums_t {
         constexpr uint64_t USUAL_TERM_BYTES = 32;
         const uint64_t at = std::min(file_size, _offset_fclex(header));
         lexicon_bytes += std::min(file_size - at, USUAL_TERM_BYTES * header->num_terms.get());
+        // The merged dimension sets and column store, and maps of terms and runs.
+        if (st_warm_slice_is_msidx(header)) {
+            metric_bytes += file_size - at + 4 * header->num_terms.get() + 32 * header->num_dimsets.get();
+        }
     }
     bool fits_format() const {
         return values < TOTAL_LIMIT && terms < TOTAL_LIMIT && postings < TOTAL_LIMIT && values * nbits < TOTAL_LIMIT;
     }
     // The lexicon; holders, block ends and known lists; maps and times of values; the largest list in its forms.
-    uint64_t memory() const { return lexicon_bytes + 28 * terms + 8 * values + values; }
+    uint64_t memory() const { return lexicon_bytes + 28 * terms + 8 * values + values + metric_bytes; }
 };
 
 int set_failed_source(warm_rc_t* rc, size_t index) {
@@ -51,12 +55,15 @@ int set_failed_source(warm_rc_t* rc, size_t index) {
 int check_kinds(const std::vector<merge_source_t>& sources, warm_rc_t* rc) {
     const st_warm_slice_body* const first = sources[0].warm->body;
     const uint32_t meta_type = warm_header_meta_type(first);
+    const bool metric = st_warm_slice_merge_kind(first) == KIND_METRIC;
     for (size_t i = 0; i < sources.size(); i++) {
         const st_warm_slice_body* const header = sources[i].warm->body;
         const char* fault = nullptr;
         int status = WARM_RC_INVALID_ARGUMENT;
         if (st_warm_slice_merge_kind(header) == KIND_NEVER) {
             fault = "cannot merge sources that have versions lower than 8.0.0";
+        } else if ((st_warm_slice_merge_kind(header) == KIND_METRIC) != metric) {
+            fault = "cannot merge metric slices with others";
         } else if (!st_warm_slice_has_fclex(sources[i].warm.get())) {
             fault = "cannot merge a minified slice";
         } else if (warm_header_is_legacy(header) == warm_header_is_legacy(first) &&
@@ -78,7 +85,12 @@ int init_header(warm_merge_t* merge, warm_rc_t* rc) {
         warm_header_copy(&headers[i], merge->sources[i].warm->body);
         fds.push_back(merge->sources[i].warm->fd.get());
     }
-    const TSWRITEOPTS& options = merge->options.write_options;
+    TSWRITEOPTS options = merge->options.write_options;
+    // Whoever merges may have forgotten that the events have milliseconds; the merge must not lose them.
+    for (const merge_source_t& source : merge->sources) {
+        if (source.warm->tsval_reader.milliseconds && source.warm->tsval_reader.addr_nbits != 0)
+            options.millisecond_mode = 1;
+    }
     return warm_header_init_tgt_header_for_merge_srcs(&merge->header, headers.data(), fds.data(),
                                                       static_cast<uint32_t>(count), &options, options.advanced_postings,
                                                       rc);
@@ -109,6 +121,10 @@ int note_times(warm_merge_t* merge, warm_rc_t* rc) {
     bool is_first = true;
     for (merge_source_t& source : merge->sources) {
         if (source.num_values == 0) continue;
+        if (merge->metric != nullptr) {  // the first and the last value are those of sets
+            source.latest = static_cast<st_time_t>(source.warm->body->latest.get());
+            continue;
+        }
         tsval_reader_t* const reader = &source.warm->tsval_reader;
         uint64_t nanoseconds = 0;
         st_time_t latest = 0, earliest = 0;
@@ -118,6 +134,10 @@ int note_times(warm_merge_t* merge, warm_rc_t* rc) {
         merge->totals.earliest = is_first ? earliest : std::min(merge->totals.earliest, earliest);
         source.latest = latest;
         is_first = false;
+    }
+    if (merge->metric != nullptr) {
+        merge->totals.latest = static_cast<st_time_t>(merge->header.latest.get());
+        merge->totals.earliest = static_cast<st_time_t>(merge->header.earliest.get());
     }
     return 0;
 }
@@ -133,10 +153,12 @@ int open_merge(warm_merge_t* merge, std::span<const char* const> paths, warm_rc_
     ST_TRY(check_kinds(merge->sources, rc));
     ST_TRY(init_header(merge, rc));
     ST_TRY(check_totals(merge, rc));
+    if (st_warm_slice_is_msidx(&merge->header)) merge->metric = std::make_unique<merge_metric_t>();
     ST_TRY(note_times(merge, rc));
     // Newest first: lists of slices that do not overlap then only have to be put one behind another.
     std::stable_sort(merge->sources.begin(), merge->sources.end(),
                      [](const merge_source_t& a, const merge_source_t& b) { return a.latest > b.latest; });
+    if (merge->metric != nullptr) ST_TRY(merge_metric_open(merge, rc));
     return _set_rc(rc, 0);
 }
 
@@ -159,6 +181,7 @@ struct warm_discarder {
 };
 
 int carry_deletes(const warm_merge_t* merge, const char* target_path, warm_rc_t* rc) {
+    if (merge->metric != nullptr) return _set_rc(rc, 0);  // metric slices have no deletes
     const std::unique_ptr<WARM, warm_discarder> target(st_warm_slice_open_rdwr(target_path, rc));
     if (target == nullptr) return rc->warm_rc;
     if (target->body->num_values.get() != merge->totals.values) {
@@ -239,8 +262,12 @@ uint32_t st_warm_slice_merge_fitting(std::span<const st_warm_slice_body> headers
 }
 
 int st_warm_slice_merge_kind(const st_warm_slice_body* header) {
-    // Preambles belong to metric slices, whatever the magic says.
-    if (st_warm_slice_is_msidx(header) || warm_header_is_enabled(header, WARM_FLAG_PREAMBLES)) return KIND_NEVER;
+    const bool preambles = warm_header_is_enabled(header, WARM_FLAG_PREAMBLES);
+    if (st_warm_slice_is_msidx(header)) {
+        return preambles && st_warm_slice_is_msidx_with_cstore(header) ? KIND_METRIC : KIND_NEVER;
+    }
+    // Preambles belong to metric slices.
+    if (preambles) return KIND_NEVER;
     if (warm_header_meta_type(header) == META_COUNT_ONLY) return KIND_LEXICON;
     if (warm_header_is_legacy(header)) return KIND_LEGACY;
     return warm_header_is_rev1(header) ? KIND_REV1 : KIND_REV0;

@@ -9,6 +9,9 @@
 //   lexicon   front-coded anew, with more terms a block than creation takes
 //   lists     the shortest of the encodings that the target's flags can tell apart
 //
+// Metric slices keep every value, with milliseconds when any source has them; their dimension sets and column stores
+// become one each.
+//
 // Memory: the merged lexicon, about 28 bytes a merged term, 8 to 16 bytes a value, and the largest list.
 //
 // One merge belongs to one thread. Other processes may read the sources and mark events in them as deleted while it
@@ -78,7 +81,8 @@ void st_warm_slice_merge_close(warm_merge_t* merge);
 // keep in memory is estimated at no more than 1 GiB, and they are no more than 64. The spans have the same length.
 uint32_t st_warm_slice_merge_fitting(std::span<const st_warm_slice_body> headers, std::span<const uint64_t> file_sizes);
 
-// Slices merge with slices of the same kind, a small number; -1 for slices that are not merged: metric slices.
+// Slices merge with slices of the same kind, a small number; -1 for slices that are not merged: metric
+// slices of older generations, without a column store.
 int st_warm_slice_merge_kind(const st_warm_slice_body* header);
 
 }  // namespace veldar

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <random>
 
 #include "searchthing/hotslice.h"
 #include "searchthing/tsidx_params.h"
+#include "searchthing/warmslice_merge.h"
+#include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/metric_events.h"
@@ -46,6 +49,94 @@ TEST(MetricWrite, EventsComeBackFromTheSlices) {
         ASSERT_EQ(read_metric_slices(dir.path()) == events, true);
     }
     EXPECT_GT(slices, 400u) << "small limits were met";
+}
+
+// Merges the slices into one under a proper name in the directory; its path, or the status as a number.
+std::string merge_slices(const std::vector<std::string>& paths, const std::string& directory, warm_rc_t* rc) {
+    static uint64_t id = 0;
+    std::vector<const char*> names;
+    for (const std::string& path : paths) names.push_back(path.c_str());
+    warm_merge_options_t options;  // without milliseconds: a merge keeps what the sources have
+    st_tsidx_write_opts_set_defaults(&options.write_options);
+    warm_merge_t* const merge = st_warm_slice_merge_open(names, &options, rc);
+    if (merge == nullptr) return "";
+    const warm_merge_totals_t* const totals = st_warm_slice_merge_totals(merge);
+    const std::string path = directory + "/" + std::to_string(totals->latest) + "-" + std::to_string(totals->earliest) +
+                             "-" + std::to_string(++id) + ".tsidx";
+    const int status = st_warm_slice_merge_write(merge, path.c_str(), false, rc);
+    if (status == 0) {
+        EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge, path.c_str(), rc), 0);
+        EXPECT_EQ(std::filesystem::file_size(path), totals->target_bytes);
+    }
+    EXPECT_EQ(std::filesystem::exists(path), status == 0);
+    st_warm_slice_merge_close(merge);
+    return status == 0 ? path : "";
+}
+
+// Merges in rounds of up to `most` slices, chosen at random, until one is left.
+TEST(MetricWrite, MergesKeepEveryEvent) {
+    for (uint64_t seed = 1; seed <= 16; seed++) {
+        SCOPED_TRACE(seed);
+        const temp_dir dir;
+        std::mt19937_64 random(seed);
+        std::vector<metric_event> events = random_metric_events(seed, seed % 2 == 0 ? 300 : 4000);
+        // In order of time, as events mostly come, or in none; half of the slices know no milliseconds.
+        if (seed % 4 < 2) std::sort(events.begin(), events.end());
+        const size_t writers = 2;
+        for (size_t writer = 0; writer < writers; writer++) {
+            TSIDX* const tsidx = open_metrics(dir.path(), writer != 0 && seed % 3 != 0);
+            const size_t part = 1 + random() % (seed % 2 == 0 ? 20 : 900);
+            for (size_t i = writer; i < events.size(); i += writers) {
+                if (writer == 0 || seed % 3 == 0) events[i].milliseconds = 0;
+                ASSERT_EQ(put_metric_event(tsidx, events[i], i), 0);
+                if (i % part == 0) {
+                    ASSERT_EQ(st_tsidx_sync(tsidx), 0);
+                }
+            }
+            ASSERT_EQ(st_tsidx_close(tsidx), 0);
+        }
+        std::sort(events.begin(), events.end());
+        const size_t most = 2 + random() % 63;
+        for (std::vector<std::string> paths; (paths = files_in(dir.path(), ".tsidx")).size() > 1;) {
+            std::shuffle(paths.begin(), paths.end(), random);
+            while (paths.size() > 1) {
+                const size_t count = std::min(most, paths.size());
+                const std::vector<std::string> group(paths.end() - static_cast<ptrdiff_t>(count), paths.end());
+                paths.resize(paths.size() - count);
+                warm_rc_t rc;
+                ASSERT_NE(merge_slices(group, dir.path(), &rc), "") << rc.message;
+                for (const std::string& path : group) std::filesystem::remove(path);
+            }
+            ASSERT_EQ(read_metric_slices(dir.path()) == events, true);
+        }
+    }
+}
+
+TEST(MetricWrite, DamageEndsAMergeWithAStatus) {
+    const temp_dir dir;
+    TSIDX* const tsidx = open_metrics(dir.path(), true);
+    const std::vector<metric_event> events = random_metric_events(3, 60);
+    for (size_t i = 0; i < events.size(); i++) {
+        ASSERT_EQ(put_metric_event(tsidx, events[i], i), 0);
+        if (i == 30) {
+            ASSERT_EQ(st_tsidx_sync(tsidx), 0);
+        }
+    }
+    ASSERT_EQ(st_tsidx_close(tsidx), 0);
+    const std::vector<std::string> paths = files_in(dir.path(), ".tsidx");
+    const std::string good = read_file(paths[0]);
+    size_t failed = 0;
+    const damage_options options = {.truncation_step = 61, .flip_step = 7, .word_step = 4};
+    const size_t tried = damage_sweep(good, options, [&](const std::string& bytes, const std::string& what) {
+        SCOPED_TRACE(what);
+        write_file(paths[0], bytes);
+        warm_rc_t rc;
+        const std::string merged = merge_slices(paths, dir.path(), &rc);
+        failed += merged.empty();
+        EXPECT_EQ(merged.empty(), rc.warm_rc < 0);
+        if (!merged.empty()) std::filesystem::remove(merged);
+    });
+    EXPECT_GT(failed, tried / 4);
 }
 
 TEST(MetricWrite, RefusalsLeaveNothing) {

@@ -1,0 +1,119 @@
+#include "searchthing/merge_metric.h"
+
+#include <algorithm>
+
+#include "libzero/assertions.h"
+#include "searchthing/merge_internal.h"
+#include "searchthing/merge_lists.h"
+
+namespace veldar {
+
+namespace {
+
+// An entry of 32 bits decodes as 0: so wide an array holds nothing.
+uint32_t used_nbits(const be32& field) {
+    return field.get() > 31 ? 0 : field.get();
+}
+
+int set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits, warm_rc_t* rc) {
+    // The codec finds an entry's bit in 32-bit arithmetic.
+    if (uint64_t{num_values} * nbits > UINT32_MAX) {
+        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "companion array beyond 2^32 bits");
+    }
+    const uint64_t size = _compressed_size(num_values, nbits, rc);
+    if (rc->warm_rc != 0) return rc->warm_rc;
+    size_field->set(static_cast<uint32_t>(size));
+    nbits_field->set(nbits);
+    return 0;
+}
+
+int merge_dimsets(warm_merge_t* merge, warm_rc_t* rc) {
+    merge_metric_t* const metric = merge->metric.get();
+    std::vector<int> fds;
+    std::vector<const st_warm_slice_body*> bodies;
+    std::vector<uint64_t> offsets;
+    std::vector<std::span<const uint32_t>> maps;
+    for (size_t i = 0; i < merge->sources.size(); i++) {
+        const WARM* const warm = merge->sources[i].warm.get();
+        fds.push_back(warm->fd.get());
+        bodies.push_back(warm->body);
+        offsets.push_back(warm->postings_base);
+        maps.push_back(metric->sources[i].terms.span());
+    }
+    return st_dimset_merge(static_cast<uint32_t>(fds.size()), fds.data(), bodies.data(), offsets.data(), maps.data(),
+                           &metric->info, &metric->dimsets, rc);
+}
+
+// The runs of a source, and where they go.
+int load_runs(merge_source_t* source, merge_metric_source_t* metric, std::span<const uint32_t> new_sets,
+              uint32_t new_runs, warm_rc_t* rc) {
+    WARM* const warm = source->warm.get();
+    const uint32_t runs = warm_slice_runs(warm);
+    ST_ASSERT(new_sets.size() == runs);
+    if (!metric->runs.alloc(runs) || !source->map.alloc(runs) || !metric->values.alloc(source->num_values - runs)) {
+        return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "runs of a metric slice");
+    }
+    ST_TRY(tsval_reader_fetch_preambles_multiple(warm, 0, metric->runs.data(), runs, rc));
+    const uint32_t end = runs == 0 ? 0 : metric->runs[runs - 1].first + metric->runs[runs - 1].count;
+    if (end != source->num_values) return _set_rc_verbose(rc, WARM_RC_CORRUPT, end, "runs do not cover the values");
+    for (uint32_t run = 0; run < runs; run++) source->map[run] = new_runs - 1 - new_sets[runs - 1 - run];
+    return 0;
+}
+
+}  // namespace
+
+int merge_metric_open(warm_merge_t* merge, warm_rc_t* rc) {
+    merge->metric->sources.resize(merge->sources.size());
+    for (size_t i = 0; i < merge->sources.size(); i++) {
+        if (!merge->metric->sources[i].terms.alloc(st_warm_slice_terms(merge->sources[i].warm.get()))) {
+            return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "term map");
+        }
+    }
+    return 0;
+}
+
+int merge_metric_plan(warm_merge_t* merge, warm_rc_t* rc) {
+    merge_metric_t* const metric = merge->metric.get();
+    ST_TRY(merge_dimsets(merge, rc));
+    const uint32_t new_runs = metric->info.num_dimsets;
+    uint64_t total = new_runs;
+    uint32_t s = 0, st = 0, h = 0;
+    for (size_t i = 0; i < merge->sources.size(); i++) {
+        merge_source_t* const source = &merge->sources[i];
+        if (load_runs(source, &metric->sources[i], metric->info.dimset_old2new_id_maps[i].span(), new_runs, rc) != 0) {
+            rc->detail = static_cast<uint32_t>(i);
+            return rc->warm_rc;
+        }
+        metric->info.dimset_old2new_id_maps[i].reset();
+        const st_warm_slice_body* const body = source->warm->body;
+        total += source->num_values - metric->sources[i].runs.size();
+        s = std::max(s, used_nbits(body->s_nbits));
+        st = std::max(st, used_nbits(body->st_nbits));
+        h = std::max(h, used_nbits(body->h_nbits));
+    }
+    if (total >= UINT32_MAX) return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "totals of the sources");
+    const auto values = static_cast<uint32_t>(total);
+    st_warm_slice_body* const header = &merge->header;
+    merge->totals.values = values;
+    header->num_values.set(values);
+    header->num_dimsets.set(new_runs);
+    ST_TRY(set_companion(&header->m_size, &header->m_nbits, values, 0, rc));
+    ST_TRY(set_companion(&header->s_size, &header->s_nbits, values, s, rc));
+    ST_TRY(set_companion(&header->st_size, &header->st_nbits, values, st, rc));
+    ST_TRY(set_companion(&header->h_size, &header->h_nbits, values, h, rc));
+    return set_companion(&header->d_size, &header->d_nbits, values, 1, rc);
+}
+
+st_term_metadata merge_metric_count(const merge_metric_t& metric, const merge_list_t& list) {
+    uint32_t count = 0;
+    st_time_t earliest = INT32_MAX, latest = INT32_MIN;
+    merge_list_for_each(list, [&](uint32_t number) {
+        const merge_metric_run_t& run = metric.runs[number];
+        count += run.count;
+        earliest = std::min(earliest, run.earliest);
+        latest = std::max(latest, run.latest);
+    });
+    return {.count = count, .earliest = static_cast<uint32_t>(earliest), .latest = static_cast<uint32_t>(latest)};
+}
+
+}  // namespace veldar
