@@ -253,7 +253,7 @@ int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, create_metr
     }
     ST_TRY(allocate_slice(warm, &header, hot, lists, rc));
     if (metrics != nullptr) {
-        ST_TRY(create_metrics_values(warm, hot, rc));
+        ST_TRY(ds_store_values_from_prepared_hot(warm, hot, rc));
     } else {
         if (!times.alloc(prepared.num_values)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
         store_values(warm, hot, &times);

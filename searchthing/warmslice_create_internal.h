@@ -32,7 +32,7 @@ struct create_metrics_t {
 // the posting lists, which end at `used`. Each returns 0 or a status.
 [[nodiscard]] int create_metrics_open(create_metrics_t* metrics, const HOT* hot, st_warm_slice_body* header,
                                       warm_rc_t* rc);
-[[nodiscard]] int create_metrics_values(WARM* warm, const HOT* hot, warm_rc_t* rc);
+[[nodiscard]] int ds_store_values_from_prepared_hot(WARM* warm, const HOT* hot, warm_rc_t* rc);
 [[nodiscard]] int create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used, warm_rc_t* rc);
 // Bytes of the two sections.
 uint64_t create_metrics_dimsets_size(const HOT* hot);

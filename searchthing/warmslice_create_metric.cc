@@ -93,7 +93,7 @@ int create_metrics_open(create_metrics_t* metrics, const HOT* hot, st_warm_slice
     return map_postings(&metrics->postings, hot, rc);
 }
 
-int create_metrics_values(WARM* warm, const HOT* hot, warm_rc_t* rc) {
+int ds_store_values_from_prepared_hot(WARM* warm, const HOT* hot, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     const tsval_reader_t& reader = warm->tsval_reader;
     uint8_t* const values = warm->owned.data() + reader.values_offset;
