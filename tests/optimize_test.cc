@@ -1,10 +1,12 @@
 // Merging in directories: the manifest, what readers make of it, and what becomes of merges that were cut off.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -14,12 +16,14 @@
 #include "searchthing/log.h"
 #include "searchthing/merge_manifest.h"
 #include "searchthing/st_init.h"
+#include "searchthing/st_optimize.h"
 #include "searchthing/tsidx_delete.h"
 #include "searchthing/tsidx_merge_plan.h"
 #include "searchthing/tsidx_optimize.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -344,7 +348,8 @@ TEST_F(OptimizeFaults, EveryFileCallAndAllocationFails) {
         allocations = counting.allocations();
     }
     const std::set<std::string> descriptors = leak_listener::open_descriptors();
-    const auto run = [&](fault_action action, uint64_t n, int error) {
+    const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
+    const auto run = [&](fault_action action, uint64_t n, int error, uint64_t times = 1) {
         SCOPED_TRACE(testing::Message() << "action " << static_cast<int>(action) << " at " << n << " errno " << error);
         reset();
         const std::set<std::string> before = names();
@@ -352,7 +357,7 @@ TEST_F(OptimizeFaults, EveryFileCallAndAllocationFails) {
         int status = 0;
         bool wrote = false;
         {
-            const fault_step trouble(action, n, error);
+            const fault_step trouble(action, n, error, times);
             // A handle that cannot be had for want of memory.
             TSWRITEOPTS opts;
             st_tsidx_write_opts_set_defaults(&opts);
@@ -362,7 +367,7 @@ TEST_F(OptimizeFaults, EveryFileCallAndAllocationFails) {
                 status = st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
                 EXPECT_EQ(st_tsidx_close(tsidx), 0);
             }
-            wrote = trouble.struck(fault_call::pwrite) || trouble.struck(fault_call::write);
+            wrote = times == 1 && (trouble.struck(fault_call::pwrite) || trouble.struck(fault_call::write));
         }
         if (status != 0 && wrote) {
             EXPECT_EQ(names(), before) << "the sources stay, the target goes";
@@ -372,11 +377,235 @@ TEST_F(OptimizeFaults, EveryFileCallAndAllocationFails) {
     };
     for (uint64_t n = 1; n <= calls && !HasFailure(); n++) {
         for (const int error : {ENOSPC, EIO, EINTR}) run(fault_action::fail, n, error);
+        if (!brief) run(fault_action::fail, n, EIO, 1000000);
         run(fault_action::shorten, n, 0);
     }
-    for (uint64_t n = 1; n <= allocations && !HasFailure(); n += 1 + allocations / 150) {
+    for (uint64_t n = 1; n <= allocations && !HasFailure(); n += brief ? 1 + allocations / 150 : 1) {
         run(fault_action::allocation, n, 0);
     }
+}
+
+TEST_F(OptimizeFaults, ResultsAndLogLines) {
+    st_init("optimize_test");
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_with_byte_sizes(&opts, 3, 7000000, 64, 8388608, 1, 1024);
+    const auto run = [&](const std::string& directory, bool is_final, uint32_t iterations, uint32_t flags = 0) {
+        stSetupLogger(0, 1);
+        testing::internal::CaptureStderr();
+        const int result = st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0, flags,
+                                       nullptr, nullptr);
+        const std::string log = testing::internal::GetCapturedStderr();
+        stSetupLogger(0, 0);
+        return std::to_string(result) + "\n" + log;
+    };
+    const auto expected = [&](int result, int rc, const std::string& directory, const char* is_final, int iterations,
+                              const std::string& between = "") {
+        return std::to_string(result) + "\nINFO  veldar-optimize start: dir=" + directory +
+               " mode=1 isfinal=" + is_final + " max_iteration=" + std::to_string(iterations) +
+               " min_src_count=5 lex_tpb=32 write_level=3 target_size=7000000\n" + between +
+               "INFO  exiting veldar-optimize process with rc=" + std::to_string(rc) + " (unsigned " +
+               std::to_string(rc & 0xFF) + ")\n";
+    };
+    const std::string missing = dir_.file("missing");
+    EXPECT_EQ(run(missing, true, 9),
+              expected(-1, -1, missing, "true", 9, "ERROR unable to open tsidx: " + missing + "\n"));
+    EXPECT_EQ(run(path(), false, 0), expected(0, 0, path(), "false", 0));
+    EXPECT_EQ(run(path(), false, 9, 1), expected(-17, -17, path(), "false", 9));
+    EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 0u);
+    {
+        const directory_ptr tsidx = open_directory(path());
+        EXPECT_EQ(st_tsidx_is_optimized(tsidx.get()), 1) << "four slices are too few for a tier";
+        EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 3, 4, 0, 0, nullptr, 0, 0, false), 0);
+        EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 0, 5, 0, 0, nullptr, 0, 0, false), WARM_RC_FEW_SOURCES);
+        EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 2, 2, 0, 0, nullptr, 0, 0, false), WARM_RC_FEW_SOURCES)
+            << "one part";
+        EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 4, 2, 0, 0, nullptr, 0, 0, false), WARM_RC_INVALID_ARGUMENT);
+        EXPECT_EQ(st_tsidx_optimize_n(open_for_reading(path()).get(), 1, 2, 0, 0, nullptr, 0, 0, false),
+                  WARM_RC_UNSUPPORTED);
+    }
+    // Another merge is at work; then an owner's lock alone tells that.
+    write_file(path() + "/" + MERGE_MANIFEST_TMP_NAME, merge_manifest_owner_text(merge_owner_self()));
+    {
+        const unique_fd owner(::open((path() + "/" + MERGE_MANIFEST_TMP_NAME).c_str(), O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(::flock(owner.get(), LOCK_EX), 0);
+        EXPECT_EQ(run(path(), false, 9), expected(-28, -28, path(), "false", 9));
+    }
+    EXPECT_EQ(run(path(), true, 9), expected(0, -30, path(), "true", 9));
+    EXPECT_EQ(run(path(), true, 1), expected(0, -30, path(), "true", 1));
+    EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 1u);
+    EXPECT_FALSE(fs::exists(path() + "/" + TSIDX_NEED_OPTIMIZE_NAME));
+    EXPECT_EQ(sorted_events(path()), expected_);
+
+    const directory_ptr tsidx = open_directory(path());
+    st_tsidx_set_merge_mapper(
+        tsidx.get(), [](uint32_t address, void*) { return 100 - address; }, nullptr);
+    ASSERT_EQ(put_event(tsidx.get(), {.time = 12, .address = 90, .terms = {"a"}}), 0);
+    ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 1, 2, 0, 0, nullptr, 0, 0, false), 0);
+    EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.earliest = 12}), (std::vector<event_key>{{12, 88}, {12, 10}}));
+}
+
+TEST_F(Optimize, Tools) {
+    const temp_dir dir;
+    const std::string store = dir.file("store"), log = dir.file("log");
+    std::string lines;
+    const auto load = [&](const std::vector<std::string>& options) {
+        for (int i = 0; i < 3; i++) lines += "2024-01-01T00:00:0" + std::to_string(i) + "Z an event\n";
+        write_file(log, lines);
+        std::vector<std::string> arguments = {"-s", store, "load", log};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const tool_result result = run_tool("veldar/veldar", arguments);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.err;
+    };
+    const auto slices = [&] { return files_in(store + "/bucket-000001", TSIDX_SUFFIX).size(); };
+    const auto count = [&] { return run_tool("veldar/veldar", {"-s", store, "count", "event"}).out; };
+    for (int i = 0; i < 9; i++) load({"--no-optimize"});
+    ASSERT_EQ(slices(), 9u);
+    EXPECT_EQ(count(), "27\n");
+    const tool_result plan = run_tool("veldar/veldar", {"optimize", store, "--dry-run"});
+    EXPECT_EQ(plan.status, 0);
+    EXPECT_NE(plan.out.find("bucket-000001: 9 slices, "), std::string::npos) << plan.out;
+    EXPECT_EQ(slices(), 9u);
+    EXPECT_NE(load({}).find("10 slices merged into 1, "), std::string::npos);
+    load({});
+    EXPECT_EQ(slices(), 2u);
+    EXPECT_NE(run_tool("veldar/veldar", {"optimize", store}).err.find("nothing to merge: 2 slices, "),
+              std::string::npos);
+    const tool_result merged = run_tool("veldar-optimize", {store + "/bucket-000001", "--final"});
+    EXPECT_EQ(merged.status, 0);
+    EXPECT_NE(merged.err.find("INFO  exiting veldar-optimize process with rc=-30 (unsigned 226)\n"), std::string::npos);
+    EXPECT_EQ(slices(), 1u);
+    EXPECT_EQ(count(), "33\n");
+    EXPECT_EQ(run_tool("veldar/veldar", {"fsck", store}).status, 0);
+    EXPECT_EQ(run_tool("veldar/veldar", {"optimize", log}).status, 2);
+    EXPECT_EQ(run_tool("veldar-optimize", {dir.file("missing")}).status, 1);
+}
+
+// What processes tell each other of events whose times and addresses are their numbers.
+struct merging_world {
+    static constexpr uint32_t CAPACITY = 200000;
+    std::atomic<uint32_t> begun, synced;  // events up to here were put, were synced
+    std::atomic<uint8_t> removal_begun[CAPACITY], removed[CAPACITY];
+    std::atomic<uint32_t> merges, reads, removals;
+    std::atomic<bool> stop;
+};
+
+[[noreturn]] void write_events(const std::string& path, merging_world* world) {
+    const directory_ptr tsidx = open_directory(path);
+    for (uint32_t next = 0; !world->stop && next + 5 < merging_world::CAPACITY;) {
+        world->begun = next + 5;
+        for (uint32_t i = 0; i < 5; i++, next++) {
+            if (put_event(tsidx.get(), event_at(static_cast<int32_t>(next))) != 0) ::_exit(10);
+        }
+        if (st_tsidx_sync(tsidx.get()) != 0) ::_exit(11);
+        world->synced = next;
+        ::usleep(2000);
+    }
+    ::_exit(0);
+}
+
+[[noreturn]] void remove_events(const std::string& path, merging_world* world) {
+    const directory_ptr tsidx = open_directory(path);
+    std::mt19937 random(7);
+    while (!world->stop) {
+        const uint32_t synced = world->synced;
+        if (synced == 0) continue;
+        // Mostly young ones, which are being merged.
+        const st_addr_t address = synced - 1 - static_cast<uint32_t>(random() % std::min(synced, 40u));
+        world->removal_begun[address] = 1;
+        const bool again = world->removed[address] != 0;
+        const int64_t newly = st_tsidx_delete_by_addr(tsidx.get(), &address, 1);
+        if (newly != (again ? 0 : 1)) {
+            std::fprintf(stderr, "removed %ld of %u: %s\n", static_cast<long>(newly), address,
+                         st_tsidx_last_failure(tsidx.get())->message);
+            ::_exit(20);
+        }
+        world->removed[address] = 1;
+        world->removals++;
+        ::usleep(1000);
+    }
+    ::_exit(0);
+}
+
+[[noreturn]] void merge_slices(const std::string& path, merging_world* world) {
+    const directory_ptr tsidx = open_directory(path);
+    while (!world->stop) {
+        warm_rc_t rc;
+        const int status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_TIERED, 3, 0, 0, &rc, 0, 0, false);
+        if (status == 0) world->merges++;
+        if (status != 0 && status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES &&
+            status != WARM_RC_MANIFEST_EXISTS) {
+            std::fprintf(stderr, "a merge failed with %d, errno %d: %s\n", status, rc.saved_errno, rc.message);
+            ::_exit(30);
+        }
+        ::usleep(500);
+    }
+    ::_exit(0);
+}
+
+[[noreturn]] void read_events(const std::string& path, merging_world* world) {
+    const directory_ptr tsidx = open_for_reading(path);
+    const st_query_spec query = make_query("[AND a]");
+    std::vector<uint8_t> seen(merging_world::CAPACITY), gone(merging_world::CAPACITY);
+    const auto count = [](const st_tsval* event, void* context) {
+        static_cast<std::vector<uint8_t>*>(context)->at(event->address)++;
+        return 0;
+    };
+    while (!world->stop) {
+        const uint32_t synced = world->synced;
+        for (uint32_t i = 0; i < synced; i++) gone[i] = world->removed[i];
+        std::fill(seen.begin(), seen.end(), uint8_t{0});
+        if (st_tsidx_apply_events(tsidx.get(), &query, count, &seen) != 0) {
+            std::fprintf(stderr, "a read failed: %s\n", st_tsidx_last_failure(tsidx.get())->message);
+            ::_exit(40);
+        }
+        const uint32_t begun = world->begun;
+        for (uint32_t i = 0; i < merging_world::CAPACITY; i++) {
+            if (seen[i] > 1) ::_exit(41);
+            if (i < synced && gone[i] != 0 && seen[i] != 0) ::_exit(42);
+            if (i < synced && world->removal_begun[i] == 0 && seen[i] == 0) ::_exit(43);
+            if (i >= begun && seen[i] != 0) ::_exit(44);
+        }
+        world->reads++;
+    }
+    ::_exit(0);
+}
+
+TEST_F(Optimize, WritersDeletersMergersAndReadersAtOnce) {
+    const temp_dir dir;
+    const std::string path = dir.file("index");
+    fs::create_directory(path);
+    auto* const world = static_cast<merging_world*>(
+        ::mmap(nullptr, sizeof(merging_world), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    using role = void (*)(const std::string&, merging_world*);
+    std::vector<pid_t> children;
+    for (const role act : {role(write_events), role(remove_events), role(merge_slices), role(merge_slices),
+                           role(read_events), role(read_events)}) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
+            st_init("optimize_test");
+            act(path, world);
+        }
+    }
+    const char* const seconds = ::getenv("VELDAR_TORTURE");
+    ::sleep(seconds == nullptr ? 2 : static_cast<unsigned>(std::atoi(seconds)));
+    world->stop = true;
+    for (const pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    std::printf("%u merges, %u reads, %u removals, %u events\n", world->merges.load(), world->reads.load(),
+                world->removals.load(), world->synced.load());
+    EXPECT_GT(world->merges, 3u);
+    EXPECT_GT(world->reads, 3u);
+    EXPECT_GT(world->removals, 10u);
+    uint32_t left = 0;
+    for (uint32_t i = 0; i < world->synced; i++) left += world->removed[i] == 0 ? 1 : 0;
+    EXPECT_EQ(sorted_events(path).size(), left);
+    ::munmap(world, sizeof *world);
 }
 
 }  // namespace

@@ -48,5 +48,6 @@ void add_ls_command(CLI::App* app, tool_context* context);
 void add_dump_command(CLI::App* app, tool_context* context);
 void add_delete_command(CLI::App* app, tool_context* context);
 void add_health_command(CLI::App* app, tool_context* context);
+void add_optimize_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

@@ -1,9 +1,11 @@
 // veldar load: the command line, the order of the files, and the summary.
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/loader.h"
+#include "tools/veldar/merging.h"
 #include "tools/veldar/progress.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/tool_file.h"
@@ -11,6 +13,19 @@
 namespace veldar {
 
 namespace {
+
+// Many loads, or a large one, leave many slices. What is loaded is loaded, whatever becomes of this.
+void merge_slices(const loader& load) {
+    std::vector<std::string> directories;
+    for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
+    const auto begun = std::chrono::steady_clock::now();
+    const merge_totals totals = merge_directories(directories, {});
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
+    if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
+    for (const std::string& failure : totals.failures) {
+        std::fprintf(stderr, "veldar: slices were not merged: %s\n", failure.c_str());
+    }
+}
 
 int load_run(const tool_context& context, const load_options& options) {
     loader load;
@@ -39,6 +54,10 @@ int load_run(const tool_context& context, const load_options& options) {
     std::fprintf(stderr, "%s%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "",
                  totals_text(load.shown, load.totals).c_str(), note.c_str());
     if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    if (!options.no_optimize) {
+        load.st.lock.reset();  // the next loader need not wait
+        merge_slices(load);
+    }
     return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
 }
 
@@ -62,6 +81,7 @@ void add_load_command(CLI::App* app, tool_context* context) {
     load->add_option("--host", options.host, "The events' host, instead of the log's or this machine's");
     load->add_option("--sourcetype", options.sourcetype, "The events' sourcetype, instead of the format's name");
     load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
+    load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
     load->add_option("--bucket-bytes", options.bucket_bytes)
         ->group("")
         ->check(CLI::Range(uint64_t{1}, BUCKET_BYTES_MAX));

@@ -23,6 +23,7 @@ struct load_options {
     std::string format, zone, host, sourcetype;
     int year = 0;
     bool no_fsync = false;
+    bool no_optimize = false;
     uint64_t bucket_bytes = BUCKET_BYTES_MAX;
     index_limits limits;
 };

@@ -36,6 +36,27 @@ std::string grouped(uint64_t number) {
     return out;
 }
 
+// Whether a line is to be shown now, and the seconds since the beginning.
+bool is_due(progress* p, double* seconds) {
+    if (!p->terminal) return false;
+    const int64_t now = now_us();
+    if (now - p->shown_us < 100000) return false;
+    p->shown_us = now;
+    *seconds = static_cast<double>(now - p->begun_us) / 1e6;
+    return true;
+}
+
+void show_line(const progress& p, uint64_t done, std::string line) {
+    if (p.total != 0) {
+        constexpr uint64_t WIDTH = 30;
+        const uint64_t filled = std::min(WIDTH, done * WIDTH / p.total);
+        line = fmt::format("[{}{}] {:3}% {}", std::string(filled, '#'), std::string(WIDTH - filled, ' '),
+                           std::min<uint64_t>(100, done * 100 / p.total), line);
+    }
+    std::fprintf(stderr, "\r%s\033[K", line.c_str());
+    std::fflush(stderr);
+}
+
 }  // namespace
 
 progress progress_begin(uint64_t total) {
@@ -44,21 +65,19 @@ progress progress_begin(uint64_t total) {
 }
 
 void progress_show(progress* p, uint64_t done, uint64_t events) {
-    if (!p->terminal) return;
-    const int64_t now = now_us();
-    if (now - p->shown_us < 100000) return;
-    p->shown_us = now;
-    const double seconds = static_cast<double>(now - p->begun_us) / 1e6;
-    std::string line = fmt::format("{} events, {}, {:.1f} MB/s", grouped(events), bytes_text(done),
-                                   static_cast<double>(done) / 1e6 / seconds);
-    if (p->total != 0) {
-        constexpr uint64_t WIDTH = 30;
-        const uint64_t filled = std::min(WIDTH, done * WIDTH / p->total);
-        line = fmt::format("[{}{}] {:3}% {}", std::string(filled, '#'), std::string(WIDTH - filled, ' '),
-                           std::min<uint64_t>(100, done * 100 / p->total), line);
-    }
-    std::fprintf(stderr, "\r%s\033[K", line.c_str());
-    std::fflush(stderr);
+    double seconds = 0;
+    if (!is_due(p, &seconds)) return;
+    show_line(*p, done,
+              fmt::format("{} events, {}, {:.1f} MB/s", grouped(events), bytes_text(done),
+                          static_cast<double>(done) / 1e6 / seconds));
+}
+
+void progress_show_merge(progress* p, uint64_t done) {
+    double seconds = 0;
+    if (!is_due(p, &seconds)) return;
+    show_line(*p, done,
+              fmt::format("merging, {} of {}, {:.1f} MB/s", bytes_text(done), bytes_text(p->total),
+                          static_cast<double>(done) / 1e6 / seconds));
 }
 
 void progress_clear(progress* p) {

@@ -26,6 +26,8 @@ struct load_totals {
 progress progress_begin(uint64_t total);
 // Shows how far the work is, at most ten times a second. Cheap enough for every few thousand events.
 void progress_show(progress* p, uint64_t done, uint64_t events);
+// The same for a merge of `total` bytes.
+void progress_show_merge(progress* p, uint64_t done);
 // Removes the line, so that a message can be printed.
 void progress_clear(progress* p);
 // "2015-05-17 10:05:03" in UTC.

@@ -1,0 +1,32 @@
+// Merging the slices of index directories, for `veldar optimize` and at the end of a load: one directory a thread, a
+// progress line on a terminal, and what came of it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace veldar {
+
+struct merge_settings {
+    bool everything = false;   // whatever fits the target size, and not only enough slices of one size
+    bool is_final = false;     // two slices of one size are enough
+    uint64_t target_size = 0;  // bytes; 0: the engine's
+    uint32_t jobs = 1;         // directories at a time
+};
+
+struct merge_totals {
+    uint64_t merges = 0, slices_before = 0, slices_after = 0, bytes_before = 0, bytes_after = 0;
+    std::vector<std::string> failures;  // "DIRECTORY: why"
+    bool out_of_space = false;          // of disk or memory, in one of them
+};
+
+// Merges in each directory until nothing is left to merge, or until the command is interrupted: then the merges at work
+// are completed. Throws std::bad_alloc only.
+merge_totals merge_directories(const std::vector<std::string>& directories, const merge_settings& settings);
+// "64 slices merged into 3, 120.3 MB into 80.1 MB, 5.2 s"
+std::string merge_totals_text(const merge_totals& totals, double seconds);
+// What a status of the engine means to someone who merges.
+std::string merge_failure_text(int status, int error, const char* message);
+
+}  // namespace veldar
