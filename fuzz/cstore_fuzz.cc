@@ -39,12 +39,14 @@ void repair_set(uint8_t* at, uint64_t room) {
     if (tables > room - sizeof head) return;
     const uint64_t data_room = room - sizeof head - tables;
     uint8_t* data = at + sizeof head + tables;
-    for (uint32_t i = 0; i < head.blocks; i++) {
+    uint64_t end = std::min(data_room, uint64_t{head.data_units} * 8);
+    for (uint32_t i = head.blocks; i-- > 0;) {
         cset_block_t block;
         std::memcpy(&block, at + sizeof head + runs + i * sizeof block, sizeof block);
-        const uint64_t size = cset_block_size(&block), offset = uint64_t{block.data_offset} * 8;
-        if (size == 0 || offset > data_room || size > data_room - offset) continue;
-        store_le64(data + offset + size - 8, XXH32(data + offset, size - 8, 0));
+        const uint64_t begin = uint64_t{block.data_offset} * 8;
+        if (begin >= end) continue;
+        store_le64(data + end - 8, XXH32(data + begin, end - begin - 8, 0));
+        end = begin;
     }
     store_le32(at + offsetof(cset_head_t, checksum), cset_head_checksum(&head, at + sizeof head, tables));
 }
@@ -115,7 +117,7 @@ void encode(const uint8_t* data, size_t size) {
     cset_block_t block;
     std::vector<uint8_t> bytes(CSET_BLOCK_MAX_SIZE);
     bytes.resize(cset_block_encode(values, &block, bytes.data()));
-    require(bytes.size() == cset_block_size(&block) && bytes.size() <= values.size() * 8 + 8);
+    require(cset_block_is_sound(&block) && bytes.size() <= values.size() * 8 + 8);
     // A copy of its own size, so that a read past the end is seen.
     const std::vector<uint8_t> exact(bytes.begin(), bytes.end());
     std::vector<double> decoded(values.size());

@@ -8,7 +8,7 @@
 //   6       1     codec           below
 //   7       1     exponent        e: decimals, 0 to 22; for BITS a shift, 0 to 63
 //   8       1     width           w: bits of a packed number, 0 to 56
-//   9       1     residual_bits   r: 0, 2, 3 or 4
+//   9       1     residual_bits   r: 0 to 4
 //   10      2     exceptions      x
 //   12      4     data_offset     of the block's bytes within the column set's data, in 8-byte units
 //   16      8     minimum         of the elements that are numbers; +infinity when there are none
@@ -21,16 +21,20 @@
 //   codec      data
 //   0 CONST    f64 value
 //   1 RAW      n x f64
-//   2 DECIMAL  i64 base; n x w bits k - base; n x r bits residual; x times {u16 index, f64 value}, zeros to 8 bytes
-//   3 DELTA    i64 first k; i64 base; (n - 1) x w bits (k - previous k) - base
+//   2 DECIMAL  i64 base; n x w bits k - base; corrections
+//   3 DELTA    i64 first k; i64 base; (n - 1) x w bits (k - previous k) - base; corrections
 //   4 BITS     u64 base; n x w bits (bits of the double - base) / 2^e
 //
-// DECIMAL: an element is k / 10^e, rounded to a double, then moved by `residual` (two's complement) units in the last
-// place; DELTA: the same without residuals. Sums like 51.8 + 0.046 are what most series are made of: a decimal number
-// of few digits, off by one unit. Elements that are no such number (NaN, infinities, -0.0, outliers) are exceptions,
-// ascending by index; their packed fields are 0. BITS suits noise, numbers that were floats once, multiples of a page.
+//   corrections  only if r > 0: n x 1 bit, set for an element with a residual; r bits for each such element
+//                x times {u16 index, f64 value}, ascending; zeros to a multiple of 8
 //
-//   51.846000000000004 and 44.508: e = 3, base = 44508, w = 13, packed 7338 and 0, residuals 1 and 0.
+// DECIMAL and DELTA: an element is k / 10^e, rounded to a double, then moved by its residual in units in the last
+// place. The r bits tell -2^(r-1) to -1, then 1 to 2^(r-1). Sums like 51.8 + 0.046 are what most series are made of:
+// decimal numbers of few digits, some off by a unit. Elements that are no such number (NaN, infinities, -0.0, outliers)
+// are exceptions: of DECIMAL with k = base, of DELTA with the k before. BITS suits noise, numbers that were floats
+// once, multiples of a page.
+//
+//   51.846000000000004 and 44.508: e = 3, base = 44508, w = 13, packed 7338 and 0, r = 1, bitmap 1, residual bit 1.
 #pragma once
 
 #include <cstddef>
@@ -40,9 +44,9 @@
 namespace veldar {
 
 inline constexpr uint32_t CSET_BLOCK_ELEMENTS = 512;
-// No block that passes cset_block_size is longer: every array of DECIMAL at its widest.
+// No block is longer: every array of DELTA at its widest.
 inline constexpr uint64_t CSET_BLOCK_MAX_SIZE =
-    8 + CSET_BLOCK_ELEMENTS * 56 / 8 + CSET_BLOCK_ELEMENTS * 4 / 8 + CSET_BLOCK_ELEMENTS * 10 + 8;
+    16 + CSET_BLOCK_ELEMENTS * (56 + 1 + 4) / 8 + CSET_BLOCK_ELEMENTS * 10 + 8;
 
 enum cset_codec_t : uint8_t { CSET_CONST = 0, CSET_RAW = 1, CSET_DECIMAL = 2, CSET_DELTA = 3, CSET_BITS = 4 };
 
@@ -79,10 +83,10 @@ void cs_stats_add(cs_stats_t* stats, std::span<const double> values);
 // elements give the same bytes.
 uint64_t cset_block_encode(std::span<const double> values, cset_block_t* block, uint8_t* data);
 
-// The bytes of a block's data as its header tells them; 0 for a header that no encoder writes.
-uint64_t cset_block_size(const cset_block_t* block);
+// Whether a header says nothing impossible.
+bool cset_block_is_sound(const cset_block_t* block);
 
-// Decodes a block whose header passes cset_block_size; `data` has that size (asserted) and `values` room for `count`
+// Decodes a block whose header is sound (asserted) from its data, checksum included; `values` has room for `count`
 // elements. False, with any content of `values`, when the data are damaged.
 [[nodiscard]] bool cset_block_decode(const cset_block_t* block, std::span<const uint8_t> data, double* values);
 

@@ -68,16 +68,26 @@ bool runs_are_sound(const cset_reader_t* reader) {
     return next_value <= reader->section->num_values;
 }
 
+// The bytes of a block's data, which reach to those of the next one.
+uint64_t block_size(const cset_reader_t* reader, size_t index) {
+    const uint64_t end =
+        index + 1 < reader->blocks.size() ? uint64_t{reader->blocks[index + 1].data_offset} * 8 : reader->data_size;
+    return end - uint64_t{reader->blocks[index].data_offset} * 8;
+}
+
 // Blocks follow one another without a gap, in ordinals and in bytes.
 bool blocks_are_sound(const cset_reader_t* reader) {
-    uint64_t ordinal = 0, offset = 0;
-    for (const cset_block_t& block : reader->blocks) {
-        const uint64_t size = cset_block_size(&block);
-        if (size == 0 || block.first_ordinal != ordinal || block.data_offset != offset / 8) return false;
+    uint64_t ordinal = 0;
+    for (size_t i = 0; i < reader->blocks.size(); i++) {
+        const cset_block_t& block = reader->blocks[i];
+        // Unsigned: the size of a block that ends before it begins is far too large.
+        if (!cset_block_is_sound(&block) || block.first_ordinal != ordinal || (i == 0 && block.data_offset != 0) ||
+            block_size(reader, i) > CSET_BLOCK_MAX_SIZE) {
+            return false;
+        }
         ordinal += block.count;
-        offset += size;
     }
-    return ordinal == reader->elements && offset == reader->data_size;
+    return ordinal == reader->elements && (!reader->blocks.empty() || reader->data_size == 0);
 }
 
 int open_tables(cset_reader_t* reader, const cset_head_t& head, uint64_t tables_offset, uint32_t term_id,
@@ -149,7 +159,7 @@ int load_block(cset_reader_t* reader, uint32_t index, warm_rc_t* rc) {
     if (reader->block == index && reader->block_count > 0) return 0;
     reader->block_count = 0;
     const cset_block_t& block = reader->blocks[index];
-    const uint64_t size = cset_block_size(&block);
+    const uint64_t size = block_size(reader, index);
     const uint8_t* bytes = nullptr;
     ST_TRY(fetch(reader, uint64_t{block.data_offset} * 8, size, &bytes, rc));
     if (!cset_block_decode(&block, {bytes, size}, reader->values.data())) {

@@ -118,6 +118,7 @@ void expect_column(const cs_reader_t& store, uint32_t measure, const column& ele
     cset_reader_t set;
     st_query_info_t info;
     ASSERT_EQ(cset_reader_open(&set, &store, measure, &info, &rc), 0) << rc.message;
+    EXPECT_LE(set.data_size, (elements.size() + set.blocks.size()) * 8) << "larger than as it was";
     uint32_t value_no = 0;
     double v = 0;
     for (const auto& [want_value, want] : elements) {
