@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
-#include <random>
 #include <vector>
 
 #include "libzero/vbe.h"
@@ -27,17 +25,6 @@ std::string bitmap_list(const std::vector<uint32_t>& ids) {
         byte = static_cast<char>(byte | 1 << (id - ids.front()) % 8);
     }
     return out;
-}
-
-// Ascending events in clusters with gaps of very different sizes.
-std::vector<uint32_t> random_events(std::mt19937_64* random, uint32_t first, uint32_t spread) {
-    std::vector<uint32_t> ids = {first};
-    const size_t count = (*random)() % 400;
-    for (size_t i = 0; i < count; i++) {
-        const uint32_t limit = (*random)() % 8 == 0 ? spread : (*random)() % 2 == 0 ? 3 : 100;
-        ids.push_back(ids.back() + 1 + static_cast<uint32_t>((*random)() % limit));
-    }
-    return ids;
 }
 
 unique_fd file_of(const temp_dir& dir, const std::string& content) {
@@ -86,54 +73,6 @@ TEST(Bitmap, SetsAndFilter) {
     ASSERT_TRUE(bnb.bm.alloc(_calc_bitmap_size(bnb.begin, bnb.end)));
     bnb.bm[0] = 0x81;
     for (uint32_t id = 0; id < 40; id++) EXPECT_EQ(bnb_tsval_passes_filter(&bnb, id), id == 10 || id == 17) << id;
-}
-
-TEST(Bitmap, WriterAndReaderAgreeWithTheList) {
-    std::mt19937_64 random(2);
-    temp_dir dir;
-    for (int round = 0; round < 250; round++) {
-        // One to three bytes of coded first event, lists of up to some ten chunks.
-        const uint32_t first = static_cast<uint32_t>(random() % 0x200000) >> (random() % 22);
-        const std::vector<uint32_t> ids = random_events(&random, first, round % 2 == 0 ? 20 : 60000);
-        const std::string list = bitmap_list(ids);
-        const uint64_t start = random() % 10, offset = random() % 10000;
-        std::vector<uint8_t> buf(start + 6 + random() % 5000, 0xEE);
-        const unique_fd fd = file_of(dir, std::string(offset, '\xFF'));
-        bitmap_writer_t writer;
-        warm_rc_t rc;
-        bitmap_writer_init(&writer, buf.data(), start, buf.size(), fd.get(), offset);
-        for (const uint32_t id : ids) ASSERT_EQ(bitmap_writer_append(&writer, id, &rc), 0) << rc.message;
-        uint64_t size = 0;
-        ASSERT_EQ(bitmap_writer_close(&writer, &size, true), 0);
-        ASSERT_EQ(size, list.size());
-        ASSERT_TRUE(read_file(dir.file("f")) == std::string(offset, '\xFF') + std::string(start, '\xEE') + list);
-
-        const bool in_memory = list.size() <= BITMAP_CHUNK && random() % 2 == 0;
-        const auto* memory = in_memory ? reinterpret_cast<const uint8_t*>(list.data()) : nullptr;
-        auto opened = std::make_unique<bitmap_reader_t>();
-        ASSERT_EQ(bitmap_reader_init(opened.get(), fd.get(), offset + start, size, memory, &rc), 0) << rc.message;
-        bitmap_reader_t reader = *opened;  // a reader may be moved
-        opened.reset();
-        EXPECT_EQ(read_all(&reader), ids);
-
-        ASSERT_EQ(bitmap_reader_init(&reader, fd.get(), offset + start, size, memory, &rc), 0);
-        uint32_t id = 0;
-        for (auto at = ids.begin(); id != END;) {
-            const uint32_t last = at == ids.begin() ? 0 : *(at - 1);
-            if (random() % 3 == 0) {
-                ASSERT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
-            } else {
-                // Now and then a target that lies behind: the reader goes on from where it is.
-                const uint32_t ahead = static_cast<uint32_t>(random() % (random() % 4 == 0 ? 300000 : 200));
-                const uint32_t target = last + ahead - std::min(last, static_cast<uint32_t>(random() % 100));
-                ASSERT_EQ(bitmap_reader_seek(&reader, target, &id, &rc), 0);
-                at = std::lower_bound(at, ids.end(), target);
-            }
-            ASSERT_EQ(id, at == ids.end() ? END : *at++);
-        }
-        ASSERT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
-        EXPECT_EQ(id, END);
-    }
 }
 
 // The list of every event from F on: the chunk sizing leaves out 32 events of each later chunk when F takes 4 bytes or

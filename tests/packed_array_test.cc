@@ -17,24 +17,6 @@ unique_fd open_file(const temp_dir& dir, const std::string& content) {
     return unique_fd(::open(dir.file("f").c_str(), O_RDWR | O_CLOEXEC));
 }
 
-// What was written, as a string of bits.
-struct bit_model {
-    std::string bytes;
-    uint64_t bits = 0;
-    std::vector<uint64_t> positions;
-    std::vector<uint32_t> values, widths;
-
-    void append(uint32_t value, uint32_t width) {
-        positions.push_back(bits);
-        values.push_back(value);
-        widths.push_back(width);
-        for (uint32_t i = 0; i < width; i++, bits++) {
-            if (bits % 64 == 0) bytes.append(8, '\0');
-            if (value >> i & 1) bytes[bits / 8] = static_cast<char>(bytes[bits / 8] | 1 << bits % 8);
-        }
-    }
-};
-
 }  // namespace
 
 TEST(TimedRead, ShortTransfersAndHistogram) {
@@ -119,48 +101,6 @@ TEST(PackedArray, FindAtleastIsLowerBound) {
         ASSERT_EQ(index, number == 0 ? 0 : element == nullptr ? first + number - 1 : found);
         EXPECT_EQ(_ar_find_atleast(&ar, first, count - first + 1, &key, compare, &index, &rc), nullptr);
         EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
-    }
-}
-
-TEST(Bitpack, StreamIsTheModelsBitsAndReadsBack) {
-    temp_dir dir;
-    std::mt19937_64 random(3);
-    for (int round = 0; round < 100; round++) {
-        const unique_fd fd = open_file(dir, std::string(16, '-'));
-        std::vector<uint64_t> words(2 + random() % 6, ~uint64_t{0});
-        bitpack_writer_t bp;
-        bp_writer_open(&bp, fd.get(), words.data(), words.size(), 2);
-        bit_model model;
-        warm_rc_t rc;
-        const size_t count = random() % 300;
-        for (size_t i = 0; i < count; i++) {
-            const uint32_t width = static_cast<uint32_t>(random() % 33);
-            const uint32_t value = static_cast<uint32_t>(random() & ((uint64_t{1} << width) - 1));
-            model.append(value, width);
-            ASSERT_EQ(bp_writer_append(&bp, value, width, &rc), 0);
-            if (random() % 20 == 0) {
-                ASSERT_EQ(bp_writer_flush_buffer(&bp, &rc), 0);
-            }
-        }
-        ASSERT_EQ(bp_writer_close(&bp, &rc), 0);
-        ASSERT_EQ(read_file(dir.file("f")), std::string(16, '-') + model.bytes);
-
-        const std::string unaligned = "x" + model.bytes;
-        array_reader_t files, memory;
-        const uint32_t total = static_cast<uint32_t>(model.bytes.size() / 8);
-        ASSERT_EQ(_ar_open(&files, fd.get(), 16, 8, total, 1 + random() % 8, nullptr, nullptr), 0);
-        ASSERT_EQ(_ar_open(&memory, -1, 0, 8, total, 0, nullptr, unaligned.data() + 1), 0);
-        for (size_t k = 0; k < 2 * count; k++) {
-            const size_t i = k < count ? k : random() % count;
-            uint32_t from_file = 1, from_memory = 2;
-            const uint64_t hint = random() % (model.bits + 1);
-            ASSERT_EQ(bitunpack_word32(&files, model.widths[i], model.positions[i], false, hint, &from_file, &rc), 0);
-            ASSERT_EQ(bitunpack_word32(&memory, model.widths[i], model.positions[i], true, 0, &from_memory, &rc), 0);
-            ASSERT_EQ(from_file, model.values[i]) << model.widths[i] << "@" << model.positions[i];
-            ASSERT_EQ(from_memory, model.values[i]) << model.widths[i] << "@" << model.positions[i];
-        }
-        uint32_t out = 0;
-        EXPECT_EQ(bitunpack_word32(&memory, 1, total * uint64_t{64}, false, 0, &out, &rc), WARM_RC_CAPACITY);
     }
 }
 
