@@ -54,21 +54,21 @@ uint64_t load_key(const char* at) {
 // Radix sort on terms, eight bytes a step (the multikey quicksort of J. Bentley and R. Sedgewick, "Fast algorithms for
 // sorting and searching strings", with a machine word for a character): sort the range by its words, then each run of
 // equal words by the next word. At most 256 levels deep, because a term has at most 2047 bytes.
-void sort_terms(const char* lexicon, hot_sort_key_t* first, hot_sort_key_t* last, uint32_t depth) {
+void ssort2(const char* lexicon, hot_sort_key_t* first, hot_sort_key_t* last, uint32_t depth) {
     for (hot_sort_key_t* key = first; key != last; key++) key->key = load_key(lexicon + key->offset + depth);
     std::sort(first, last, [](const hot_sort_key_t& a, const hot_sort_key_t& b) { return a.key < b.key; });
     for (hot_sort_key_t *run = first, *end; run != last; run = end) {
         for (end = run + 1; end != last && end->key == run->key; end++) {
         }
-        if (end - run > 1) sort_terms(lexicon, run, end, depth + sizeof(uint64_t));
+        if (end - run > 1) ssort2(lexicon, run, end, depth + sizeof(uint64_t));
     }
 }
 
-void order_terms(st_hot_slice& hot) {
+void st_list_head_qsort(st_hot_slice& hot) {
     for (uint32_t id = 0; id < hot.terms_indexed; id++) {
         hot.sort_keys[id] = {.key = 0, .index = id, .offset = hot.terms[id].offset};
     }
-    sort_terms(hot.lexicon.data(), hot.sort_keys.begin(), hot.sort_keys.begin() + hot.terms_indexed, 0);
+    ssort2(hot.lexicon.data(), hot.sort_keys.begin(), hot.sort_keys.begin() + hot.terms_indexed, 0);
     for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
         hot.sorted_terms[rank] = hot.lexicon.data() + hot.sort_keys[rank].offset;
         if (hot.is_msidx) hot.metrics.term_ranks[hot.sort_keys[rank].index] = rank;
@@ -136,7 +136,7 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
             lists_ascend = in_order && hot->nodes_ordered;
             order_values(*hot, in_order);
         }
-        order_terms(*hot);
+        st_list_head_qsort(*hot);
         if (hot->is_msidx) ST_TRY(hot_metrics_order(*hot, rc));
         deal_postings(*hot);
         const uint32_t total = lists_ascend ? hot->list_node_index : order_postings(*hot, hot->list_node_index);

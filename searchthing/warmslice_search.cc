@@ -121,8 +121,9 @@ visit_t _bitmap2answers(slice_search* search, const query_result_t& result, st_t
     });
 }
 
-// Evaluates the query over windows that grow from the newest value on, until the answers are complete.
-int search_windows(slice_search* search, st_tsval* answers, uint32_t capacity, bool exact, uint32_t* held) {
+// Evaluates the query, whose root is an AND, over windows that grow from the newest value on, until the answers are
+// complete.
+int _eval_and(slice_search* search, st_tsval* answers, uint32_t capacity, bool exact, uint32_t* held) {
     conjunction_context& context = search->context;
     const id_range_t whole = context.range;
     uint64_t window = exact ? std::max<uint64_t>(FIRST_WINDOW, uint64_t{capacity} * 8) : whole.size();
@@ -321,7 +322,7 @@ int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers,
     uint32_t held = 0;
     ST_TRY(guarded(search.get(), report, rc, [&] {
         return is_unordered(warm) ? search_unordered(search.get(), answers, capacity, is_exact, &held)
-                                  : search_windows(search.get(), answers, capacity, is_exact, &held);
+                                  : _eval_and(search.get(), answers, capacity, is_exact, &held);
     }));
     return static_cast<int>(held);
 }
