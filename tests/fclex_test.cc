@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "searchthing/fclex_internal.h"
-#include "tests/support/damage.h"
 
 namespace veldar {
 namespace {
@@ -268,40 +267,6 @@ TEST(Fclex, HostileHeadersDoNotOpen) {
     EXPECT_EQ(opened(huge_blocks, true).lex, nullptr);
     many_terms.replace(0, 4, "\xFF\xFF\xFF\xFF");
     EXPECT_EQ(opened(many_terms, false).lex, nullptr) << "the offset table passes the limit";
-}
-
-void use_everything(FCLEX* lex) {
-    const std::set<int64_t> failures = {-1, -8, -12};
-    const auto listed = [&](int64_t result) { return result >= 0 || failures.contains(result); };
-    warm_rc_t rc;
-    uint32_t id;
-    char text[ST_TERM_BUFFER_SIZE];
-    for (const char* key : {"", "host::", "host::a", "zz"}) {
-        EXPECT_TRUE(listed(walk(lex, key, 1000).result));
-        EXPECT_TRUE(listed(st_fclex_get(lex, key, nullptr)));
-        const int status = _fclex_get_with_status(lex, key, &id, nullptr, &rc);
-        EXPECT_TRUE(status == 0 || status == -8 || status == -12 || status == -38) << status;
-    }
-    for (const uint32_t i : {0u, 1u, 3u, 6u}) {
-        const int status = st_fclex_get_term_from_id(lex, i, text, sizeof text, nullptr, &rc);
-        EXPECT_TRUE(status == 0 || status == -8 || status == -15 || status == -38) << status;
-    }
-    st_fclex_size(lex);
-}
-
-TEST(Fclex, SurvivesEverySmallDamage) {
-    const std::string body =
-        forge_body({"a", "host::a", "host::b", "host::bb", std::string(130, 'k'), std::string(131, 'k'), "z"}, 3);
-    testing::internal::CaptureStderr();
-    const size_t calls = damage_sweep(body, {}, [](const std::string& bytes, const std::string& what) {
-        SCOPED_TRACE(what);
-        for (const bool in_file : {false, true}) {
-            const opened o(bytes, in_file);
-            if (o.lex != nullptr) use_everything(o.lex.get());
-        }
-    });
-    testing::internal::GetCapturedStderr();
-    EXPECT_GT(calls, 3 * body.size());
 }
 
 TEST(Fclex, WalkReadsLargePiecesAndMayNest) {
