@@ -259,10 +259,10 @@ TEST(Cstore, ASliceHasTheMeasuresOfItsEvents) {
     columns all;
     auto value_no = static_cast<uint32_t>(picture.runs.size());
     for (const auto& run : picture.runs) {
-        for (const forge_metric_event& event : run) {
-            for (const auto& [term, v] : event.measures) {
-                const auto at = std::lower_bound(picture.terms.begin(), picture.terms.end(), term);
-                all[static_cast<uint32_t>(at - picture.terms.begin())][value_no] = v;
+        for (const metric_event& event : run) {
+            for (const auto& [name, bits] : event.measures) {
+                const auto at = std::lower_bound(picture.terms.begin(), picture.terms.end(), " metric_name::" + name);
+                all[static_cast<uint32_t>(at - picture.terms.begin())][value_no] = std::bit_cast<double>(bits);
             }
             value_no++;
         }

@@ -4,7 +4,6 @@
 #include <bit>
 #include <cmath>
 #include <limits>
-#include <random>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -18,6 +17,7 @@ using namespace forging;
 
 namespace {
 
+const std::string METRIC_NAME = " metric_name::";
 constexpr uint32_t NONE = 0xFFFFFFFF;
 constexpr uint64_t PREAMBLES = 0x4, MS_REQUESTED = 0x20, MS_PRESENT = 0x40;
 
@@ -39,7 +39,7 @@ struct set_key {
     auto operator<=>(const set_key&) const = default;
 };
 
-set_key set_of(const forge_metric_event& event, const std::map<std::string, uint32_t>& ids) {
+set_key set_of(const metric_event& event, const std::map<std::string, uint32_t>& ids) {
     set_key key;
     key.dimensions = {NONE, NONE, NONE};
     for (const std::string& term : event.dimensions) {
@@ -55,33 +55,30 @@ set_key set_of(const forge_metric_event& event, const std::map<std::string, uint
             key.dimensions.push_back(id);
         }
     }
-    for (const auto& [term, value] : event.measures) {
-        check(begins(term, " metric_name::"), "not a metric: " + term);
-        key.columns.push_back(ids.at(term));
-    }
+    for (const auto& [name, bits] : event.measures) key.columns.push_back(ids.at(METRIC_NAME + name));
     check(!key.columns.empty(), "an event without a measure");
     std::sort(key.dimensions.begin() + 3, key.dimensions.end());
     return key;
 }
 
-bool newer(const forge_metric_event& a, const forge_metric_event& b) {
+bool newer(const metric_event& a, const metric_event& b) {
     return a.time != b.time ? a.time > b.time : a.milliseconds > b.milliseconds;
 }
 
 // Numbers terms, sets and values.
-forge_metric_picture number_metrics(const std::vector<forge_metric_event>& events) {
+forge_metric_picture number_metrics(const std::vector<metric_event>& events) {
     forge_metric_picture picture;
     std::map<std::string, uint32_t> ids;
-    for (const forge_metric_event& event : events) {
+    for (const metric_event& event : events) {
         for (const std::string& term : event.dimensions) ids[term];
-        for (const auto& [term, value] : event.measures) ids[term];
+        for (const auto& [name, bits] : event.measures) ids[METRIC_NAME + name];
     }
     for (auto& [term, id] : ids) {
         id = static_cast<uint32_t>(picture.terms.size());
         picture.terms.push_back(term);
     }
-    std::map<set_key, std::vector<forge_metric_event>> sets;
-    for (const forge_metric_event& event : events) sets[set_of(event, ids)].push_back(event);
+    std::map<set_key, std::vector<metric_event>> sets;
+    for (const metric_event& event : events) sets[set_of(event, ids)].push_back(event);
     picture.postings.resize(ids.size());
     picture.num_values = static_cast<uint32_t>(sets.size() + events.size());
     picture.earliest = std::numeric_limits<int32_t>::max();
@@ -118,7 +115,7 @@ std::string values_section(const forge_metric_picture& picture, const forge_metr
         put_le(&out, first, 4);
         put_le(&out, run.size(), 4);
         first += static_cast<uint32_t>(run.size());
-        for (const forge_metric_event& event : run) {
+        for (const metric_event& event : run) {
             packed.put(static_cast<uint32_t>(event.time) - static_cast<uint32_t>(picture.earliest),
                        time_nbits(picture));
             packed.put(event.milliseconds, options.milliseconds ? 10 : 0);
@@ -127,19 +124,19 @@ std::string values_section(const forge_metric_picture& picture, const forge_metr
     return out + packed.whole_words();
 }
 
-std::string companion(const forge_metric_picture& picture, uint32_t forge_metric_event::*field, uint32_t nbits) {
+std::string companion(const forge_metric_picture& picture, uint32_t metric_event::*field, uint32_t nbits) {
     bit_string out;
     for (size_t p = 0; p < picture.runs.size(); p++) out.put(0, nbits);
     for (const auto& run : picture.runs) {
-        for (const forge_metric_event& event : run) out.put(event.*field, nbits);
+        for (const metric_event& event : run) out.put(event.*field, nbits);
     }
     return out.bytes;
 }
 
-uint32_t companion_nbits(const forge_metric_picture& picture, uint32_t forge_metric_event::*field) {
+uint32_t companion_nbits(const forge_metric_picture& picture, uint32_t metric_event::*field) {
     uint32_t largest = 0;
     for (const auto& run : picture.runs) {
-        for (const forge_metric_event& event : run) largest = std::max(largest, event.*field);
+        for (const metric_event& event : run) largest = std::max(largest, event.*field);
     }
     return std::max(1u, bit_length(largest));
 }
@@ -187,13 +184,14 @@ std::map<uint32_t, column> columns_of(const forge_metric_picture& picture) {
     std::map<uint32_t, column> columns;
     auto number = static_cast<uint32_t>(picture.runs.size());
     for (const auto& run : picture.runs) {
-        for (const forge_metric_event& event : run) {
-            for (const auto& [term, value] : event.measures) {
+        for (const metric_event& event : run) {
+            for (const auto& [name, bits] : event.measures) {
+                const std::string term = METRIC_NAME + name;
                 const auto id =
                     std::lower_bound(picture.terms.begin(), picture.terms.end(), term) - picture.terms.begin();
                 column& c = columns[static_cast<uint32_t>(id)];
                 if (c.next != number) c.ranges.emplace_back(number, static_cast<uint32_t>(c.elements.size()));
-                c.elements.push_back(value);
+                c.elements.push_back(std::bit_cast<double>(bits));
                 c.next = number + 1;
             }
             number++;
@@ -281,17 +279,17 @@ std::string forge_metric_options::name() const {
     return terms.name() + (milliseconds ? " milliseconds" : "");
 }
 
-std::string forge_metric_slice(const std::vector<forge_metric_event>& events, const forge_metric_options& options,
+std::string forge_metric_slice(const std::vector<metric_event>& events, const forge_metric_options& options,
                                forge_metric_picture* result) {
     check(!events.empty(), "a metric slice without events");
     check((options.terms.wflags & ~(FORGE_TAG1 | FORGE_TAG2 | FORGE_PLO32)) == 0, "flags not forged");
     forge_metric_picture picture = number_metrics(events);
-    const uint32_t widths[] = {companion_nbits(picture, &forge_metric_event::s),
-                               companion_nbits(picture, &forge_metric_event::st),
-                               companion_nbits(picture, &forge_metric_event::h)};
-    const std::string s = companion(picture, &forge_metric_event::s, widths[0]);
-    const std::string st = companion(picture, &forge_metric_event::st, widths[1]);
-    const std::string h = companion(picture, &forge_metric_event::h, widths[2]);
+    const uint32_t widths[] = {companion_nbits(picture, &metric_event::source),
+                               companion_nbits(picture, &metric_event::source_type),
+                               companion_nbits(picture, &metric_event::host)};
+    const std::string s = companion(picture, &metric_event::source, widths[0]);
+    const std::string st = companion(picture, &metric_event::source_type, widths[1]);
+    const std::string h = companion(picture, &metric_event::host, widths[2]);
     const std::string d((picture.num_values + 7) / 8, '\0');
     uint64_t footer = 0;
     const std::string cstore = cstore_section(picture, &footer);
@@ -341,7 +339,7 @@ std::string forge_metric_slice(const std::vector<forge_metric_event>& events, co
     return out;
 }
 
-std::string forge_metric_file(const std::string& directory, const std::vector<forge_metric_event>& events,
+std::string forge_metric_file(const std::string& directory, const std::vector<metric_event>& events,
                               const forge_metric_options& options, uint64_t id, forge_metric_picture* picture) {
     forge_metric_picture own;
     if (picture == nullptr) picture = &own;
@@ -352,44 +350,16 @@ std::string forge_metric_file(const std::string& directory, const std::vector<fo
     return path;
 }
 
-std::vector<forge_metric_event> forge_random_metrics(uint64_t seed, uint32_t count) {
-    std::mt19937_64 random(seed);
-    const auto below = [&random](uint64_t limit) { return static_cast<uint32_t>(random() % limit); };
-    static constexpr double SPECIAL[] = {0.0,
-                                         -0.0,
-                                         1e308,
-                                         5e-324,
-                                         std::numeric_limits<double>::infinity(),
-                                         -std::numeric_limits<double>::infinity(),
-                                         std::numeric_limits<double>::quiet_NaN(),
-                                         51.846000000000004};
-    const uint32_t hosts = 1 + below(count / 4 + 2);
-    std::vector<forge_metric_event> events;
-    auto time = static_cast<int32_t>(1700000000 + below(1000));
-    for (uint32_t i = 0; i < count; i++) {
-        forge_metric_event event;
-        if (below(3) == 0) time += static_cast<int32_t>(below(20));
-        event.time = time - static_cast<int32_t>(below(10) == 0 ? below(60) : 0);
-        event.milliseconds = below(3) == 0 ? 0 : below(1000);
-        event.s = i;  // tells the events of a slice apart
-        event.h = below(3);
-        const uint32_t host = below(hosts);
-        event.dimensions = {" host::web" + std::to_string(host)};
-        if (host % 3 != 0) event.dimensions.push_back(" source::agent");
-        if (host % 4 != 1) event.dimensions.push_back(" sourcetype::statsd");
-        if (host % 2 == 0) event.dimensions.push_back(" dc::" + std::to_string(host % 3));
-        if (below(4) == 0) event.dimensions.push_back(" disk::sd" + std::string(1, static_cast<char>('a' + below(3))));
-        if (below(9) == 0) event.dimensions.push_back(" load::" + std::to_string(below(12)));
-        for (const char* name : {"cpu", "disk.used", "mem"}) {
-            if (below(2) == 0) continue;
-            const double value = below(8) == 0 ? SPECIAL[below(std::size(SPECIAL))] : below(1000) / 10.0;
-            event.measures[std::string(" metric_name::") + name] = value;
-        }
-        if (event.measures.empty()) event.measures[" metric_name::up"] = 1;
-        events.push_back(std::move(event));
+reference_index metric_reference(const std::vector<metric_event>& events, bool milliseconds) {
+    std::vector<forge_event> plain(events.size());
+    for (uint32_t i = 0; i < events.size(); i++) {
+        plain[i].time = events[i].time;
+        plain[i].address = milliseconds ? events[i].milliseconds : 0;
+        plain[i].s = i;
+        plain[i].terms.assign(events[i].dimensions.begin(), events[i].dimensions.end());
+        for (const auto& [name, bits] : events[i].measures) plain[i].terms.push_back(METRIC_NAME + name);
     }
-    std::shuffle(events.begin(), events.end(), random);
-    return events;
+    return reference_index(plain);
 }
 
 }  // namespace veldar

@@ -189,7 +189,7 @@ std::vector<metric_event> random_metric_events(uint64_t seed, size_t count) {
         if (shape() % 2 != 0) event.dimensions.insert(" source::s" + std::to_string(shape() % 2));
         if (shape() % 2 != 0) event.dimensions.insert(" sourcetype::t" + std::to_string(shape() % 2));
         for (uint64_t n = shape() % 6; n != 0; n--)
-            event.dimensions.insert(" d" + std::to_string(shape() % 4) + "::v" + std::to_string(shape() % 9));
+            event.dimensions.insert(" d" + std::to_string(shape() % 4) + "::" + std::to_string(shape() % 9));
         for (uint64_t n = shape() % 4 + 1; n != 0; n--) {
             event.measures["m" + std::to_string(shape() % 7)] = std::bit_cast<uint64_t>(random_measure(random));
         }
