@@ -7,6 +7,7 @@
 
 #include "searchthing/search_literals.h"
 #include "searchthing/st.h"
+#include "searchthing/tsidx_optimize.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/forge_metric.h"
@@ -33,8 +34,9 @@ struct directory_of_metrics {
     bool milliseconds;
     std::vector<metric_event> events;
 
-    // By the forge, or through transactions.
-    directory_of_metrics(uint64_t seed, uint32_t slices, uint32_t size, bool forged) : milliseconds(seed % 2 == 0) {
+    // By the forge, or through transactions; merged into one slice after every slice but the first.
+    directory_of_metrics(uint64_t seed, uint32_t slices, uint32_t size, bool forged, bool merged)
+        : milliseconds(seed % 2 == 0) {
         TSWRITEOPTS opts;
         st_tsidx_write_opts_init_write_level(&opts, 4);
         opts.millisecond_mode = milliseconds ? 1 : 0;
@@ -52,17 +54,24 @@ struct directory_of_metrics {
             options.terms.wflags = i % 2 == 0 ? FORGE_TAG2 : 0;
             if (forged) forge_metric_file(dir.path(), added, options, i + 1);
             EXPECT_EQ(st_tsidx_sync(writer.get()), 0);
+            if (merged && i > 0) {
+                warm_rc_t rc;
+                EXPECT_EQ(st_tsidx_optimize_n(writer.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false), 0)
+                    << rc.message;
+            }
             for (metric_event& event : added) event.source = event.source_type = event.host = 0;
             events.insert(events.end(), added.begin(), added.end());
         }
     }
 };
 
-TEST(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
+using MetricDirectory = directory_test;
+
+TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
     for (uint64_t seed = 1; seed <= 8; seed++) {
         SCOPED_TRACE(seed);
         const uint32_t size = seed == 8 ? 4000 : 40 * static_cast<uint32_t>(seed % 4) + 1;
-        const directory_of_metrics directory(seed * 5, 3, size, seed % 3 != 0);
+        const directory_of_metrics directory(seed * 5, 3, size, seed % 3 != 0, seed % 4 > 1);
         const reference_index reference = metric_reference(directory.events, directory.milliseconds);
         query_maker maker(reference, seed);
         THING* const thing = st_open_for_read(directory.dir.path().c_str());
@@ -121,7 +130,7 @@ TEST(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
     }
 }
 
-TEST(MetricDirectory, EventsAreNoMetrics) {
+TEST_F(MetricDirectory, EventsAreNoMetrics) {
     const temp_dir dir;
     forge_file(dir.path(), forge_random_events(1, 5), forge_as_created(4));
     THING* const thing = st_open_for_read(dir.path().c_str());
@@ -134,7 +143,7 @@ TEST(MetricDirectory, EventsAreNoMetrics) {
 }
 
 // Damage ends in a status or in events; it never reaches past the file, and a changed measure is noticed.
-TEST(MetricDirectory, DamageIsAStatus) {
+TEST_F(MetricDirectory, DamageIsAStatus) {
     const temp_dir dir;
     forge_metric_picture picture;
     forge_metric_options options;
