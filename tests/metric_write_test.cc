@@ -6,7 +6,7 @@
 #include <random>
 
 #include "searchthing/hotslice.h"
-#include "searchthing/tsidx_params.h"
+#include "searchthing/tsidx_optimize.h"
 #include "searchthing/warmslice_merge.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
@@ -73,6 +73,15 @@ std::string merge_slices(const std::vector<std::string>& paths, const std::strin
     return status == 0 ? path : "";
 }
 
+void optimize(const std::string& directory) {
+    TSIDX* const tsidx = open_metrics(directory, false);
+    const size_t before = files_in(directory, ".tsidx").size();
+    warm_rc_t rc;
+    EXPECT_EQ(st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false), 0) << rc.message;
+    EXPECT_LT(files_in(directory, ".tsidx").size(), before);
+    EXPECT_EQ(st_tsidx_close(tsidx), 0);
+}
+
 // Merges in rounds of up to `most` slices, chosen at random, until one is left.
 TEST(MetricWrite, MergesKeepEveryEvent) {
     for (uint64_t seed = 1; seed <= 16; seed++) {
@@ -96,6 +105,7 @@ TEST(MetricWrite, MergesKeepEveryEvent) {
             ASSERT_EQ(st_tsidx_close(tsidx), 0);
         }
         std::sort(events.begin(), events.end());
+        if (seed % 5 == 0) optimize(dir.path());
         const size_t most = 2 + random() % 63;
         for (std::vector<std::string> paths; (paths = files_in(dir.path(), ".tsidx")).size() > 1;) {
             std::shuffle(paths.begin(), paths.end(), random);
@@ -109,6 +119,9 @@ TEST(MetricWrite, MergesKeepEveryEvent) {
             }
             ASSERT_EQ(read_metric_slices(dir.path()) == events, true);
         }
+        for (metric_event& event : events) event.source = event.source_type = event.host = 0;
+        std::sort(events.begin(), events.end());
+        EXPECT_EQ(read_metric_directory(dir.path()) == events, true);
     }
 }
 

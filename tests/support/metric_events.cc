@@ -10,6 +10,7 @@
 #include "searchthing/cstore.h"
 #include "searchthing/dimset_io.h"
 #include "searchthing/plist.h"
+#include "searchthing/tsidx_metric.h"
 #include "searchthing/warmslice.h"
 #include "tests/support/hot_events.h"
 
@@ -246,6 +247,27 @@ std::vector<metric_event> read_metric_slices(const std::string& directory) {
         const std::vector<metric_event> events = read_metric_slice(path);
         all.insert(all.end(), events.begin(), events.end());
     }
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+std::vector<metric_event> read_metric_directory(const std::string& directory) {
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_write_level(&opts, 0);
+    TSIDX* const tsidx = st_tsidx_open(directory.c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER);
+    std::vector<metric_event> all;
+    const auto collect = [](const st_metric_event_t* event, void* context) {
+        metric_event out{
+            .time = event->time, .milliseconds = event->nanoseconds / 1000000, .dimensions = {}, .measures = {}};
+        for (const std::string_view term : event->dimensions) out.dimensions.insert(" " + std::string(term));
+        for (const auto& [name, value] : event->measures)
+            out.measures[std::string(name)] = std::bit_cast<uint64_t>(value);
+        static_cast<std::vector<metric_event>*>(context)->push_back(std::move(out));
+        return 1;
+    };
+    const int64_t count = st_tsidx_apply_metric_events(tsidx, nullptr, collect, &all);
+    require(count == static_cast<int64_t>(all.size()), directory + ": " + st_tsidx_last_failure(tsidx)->message);
+    st_tsidx_close(tsidx);
     std::sort(all.begin(), all.end());
     return all;
 }

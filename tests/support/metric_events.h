@@ -33,5 +33,7 @@ int put_metric_event(TSIDX* tsidx, const metric_event& event, uint64_t seed);
 std::vector<metric_event> read_metric_slice(const std::string& path);
 // The same for all slices of a directory, sorted.
 std::vector<metric_event> read_metric_slices(const std::string& directory);
+// What the directory's own reading hands out, sorted; it does not tell companions.
+std::vector<metric_event> read_metric_directory(const std::string& directory);
 
 }  // namespace veldar
