@@ -7,9 +7,11 @@
 
 #include "searchthing/hotslice.h"
 #include "searchthing/tsidx_optimize.h"
+#include "searchthing/warmslice.h"
 #include "searchthing/warmslice_merge.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
+#include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/metric_events.h"
 #include "tests/support/temp_dir.h"
@@ -54,23 +56,24 @@ TEST(MetricWrite, EventsComeBackFromTheSlices) {
 // Merges the slices into one under a proper name in the directory; its path, or the status as a number.
 std::string merge_slices(const std::vector<std::string>& paths, const std::string& directory, warm_rc_t* rc) {
     static uint64_t id = 0;
-    std::vector<const char*> names;
-    for (const std::string& path : paths) names.push_back(path.c_str());
+    const char* names[MERGE_MAX_SOURCES];
+    for (size_t i = 0; i < paths.size(); i++) names[i] = paths[i].c_str();
     warm_merge_options_t options;  // without milliseconds: a merge keeps what the sources have
     st_tsidx_write_opts_set_defaults(&options.write_options);
-    warm_merge_t* const merge = st_warm_slice_merge_open(names, &options, rc);
+    warm_merge_t* const merge = st_warm_slice_merge_open({names, paths.size()}, &options, rc);
     if (merge == nullptr) return "";
     const warm_merge_totals_t* const totals = st_warm_slice_merge_totals(merge);
-    const std::string path = directory + "/" + std::to_string(totals->latest) + "-" + std::to_string(totals->earliest) +
-                             "-" + std::to_string(++id) + ".tsidx";
-    const int status = st_warm_slice_merge_write(merge, path.c_str(), false, rc);
+    ospath_buf path;
+    EXPECT_EQ(st_warm_slice_filename(&path, directory.c_str(), ".tsidx", totals->earliest, totals->latest, ++id), 0);
+    const int status = st_warm_slice_merge_write(merge, path.val, false, rc);
+    const fault_truce own;
+    EXPECT_EQ(std::filesystem::exists(path.val), status == 0);
     if (status == 0) {
-        EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge, path.c_str(), rc), 0);
-        EXPECT_EQ(std::filesystem::file_size(path), totals->target_bytes);
+        EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge, path.val, rc), 0);
+        EXPECT_EQ(std::filesystem::file_size(path.val), totals->target_bytes);
     }
-    EXPECT_EQ(std::filesystem::exists(path), status == 0);
     st_warm_slice_merge_close(merge);
-    return status == 0 ? path : "";
+    return status == 0 ? path.val : "";
 }
 
 void optimize(const std::string& directory) {
@@ -150,6 +153,55 @@ TEST(MetricWrite, DamageEndsAMergeWithAStatus) {
         if (!merged.empty()) std::filesystem::remove(merged);
     });
     EXPECT_GT(failed, tried / 4);
+}
+
+// Two syncs and a merge, with every file call and every allocation failing once: what was told to be there is there,
+// and a failure leaves no file under a slice's name that holds less.
+TEST(MetricWrite, FailuresAreToldAndLoseNothingElse) {
+    const no_pauses pauses;
+    const std::vector<metric_event> events = random_metric_events(5, 24);
+    for (const fault_action action : {fault_action::fail, fault_action::shorten, fault_action::allocation}) {
+        uint64_t failures = 0;
+        for (uint64_t nth = 1, reached = 1; reached + 1 >= nth; nth++) {
+            SCOPED_TRACE(testing::Message() << static_cast<int>(action) << " " << nth);
+            const temp_dir dir;
+            TSIDX* const tsidx = open_metrics(dir.path(), true);
+            st_tsidx_set_params(tsidx, 512, 4096, 512, 64, 64, 1024);
+            std::vector<metric_event> kept;
+            std::string merged;
+            {
+                const fault_step step(action, nth, EIO);
+                for (size_t half = 0; half < 2; half++) {
+                    std::vector<metric_event> put;
+                    for (size_t i = half; i < events.size(); i += 2) {
+                        if (put_metric_event(tsidx, events[i], i) != 0) continue;
+                        const fault_truce own;
+                        put.push_back(events[i]);
+                    }
+                    if (st_tsidx_sync(tsidx) != 0) continue;
+                    const fault_truce own;
+                    kept.insert(kept.end(), put.begin(), put.end());
+                }
+                const auto list = [&] {
+                    const fault_truce own;
+                    return files_in(dir.path(), ".tsidx");
+                };
+                const std::vector<std::string> paths = list();
+                warm_rc_t rc;
+                if (paths.size() == 2) merged = merge_slices(paths, dir.path(), &rc);
+                const fault_truce own;
+                for (const std::string& path : paths) {
+                    if (!merged.empty()) std::filesystem::remove(path);
+                }
+                reached = action == fault_action::allocation ? step.allocations() : step.calls();
+            }
+            failures += merged.empty();
+            st_tsidx_close(tsidx);
+            std::sort(kept.begin(), kept.end());
+            EXPECT_EQ(read_metric_slices(dir.path()) == kept, true);
+        }
+        EXPECT_GT(failures, 20u);
+    }
 }
 
 TEST(MetricWrite, RefusalsLeaveNothing) {
