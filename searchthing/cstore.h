@@ -54,6 +54,10 @@ int cs_add_element(cs_builder_t* builder, uint32_t measure_rank, uint32_t value_
 // overflow" for more than 32 GiB.
 int cs_finalize_offsets(cs_builder_t* builder, uint32_t num_values, uint32_t num_preambles, int64_t* cstore_ref,
                         warm_rc_t* rc);
+// Bytes of the finalized section, which its footer ends.
+inline uint64_t cs_builder_size(const cs_builder_t* builder) {
+    return builder->footer_offset + 16 + builder->entries.size() * sizeof(cs_tid_offset_t);
+}
 // Writes the finalized section at an offset of the file, 1 MiB at a time: 0 or -9 "writing cstore".
 int cs_sync_cstore(cs_builder_t* builder, int fd, uint64_t section_offset, warm_rc_t* rc);
 // Frees everything; the builder can be opened again. Nothing on a closed one.

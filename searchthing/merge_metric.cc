@@ -5,6 +5,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/merge_internal.h"
 #include "searchthing/merge_lists.h"
+#include "searchthing/warmslice_values.h"
 
 namespace veldar {
 
@@ -13,18 +14,6 @@ namespace {
 // An entry of 32 bits decodes as 0: so wide an array holds nothing.
 uint32_t used_nbits(const be32& field) {
     return field.get() > 31 ? 0 : field.get();
-}
-
-int set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits, warm_rc_t* rc) {
-    // The codec finds an entry's bit in 32-bit arithmetic.
-    if (uint64_t{num_values} * nbits > UINT32_MAX) {
-        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "companion array beyond 2^32 bits");
-    }
-    const uint64_t size = _compressed_size(num_values, nbits, rc);
-    if (rc->warm_rc != 0) return rc->warm_rc;
-    size_field->set(static_cast<uint32_t>(size));
-    nbits_field->set(nbits);
-    return 0;
 }
 
 int merge_dimsets(warm_merge_t* merge, warm_rc_t* rc) {
@@ -97,11 +86,11 @@ int merge_metric_plan(warm_merge_t* merge, warm_rc_t* rc) {
     merge->totals.values = values;
     header->num_values.set(values);
     header->num_dimsets.set(new_runs);
-    ST_TRY(set_companion(&header->m_size, &header->m_nbits, values, 0, rc));
-    ST_TRY(set_companion(&header->s_size, &header->s_nbits, values, s, rc));
-    ST_TRY(set_companion(&header->st_size, &header->st_nbits, values, st, rc));
-    ST_TRY(set_companion(&header->h_size, &header->h_nbits, values, h, rc));
-    return set_companion(&header->d_size, &header->d_nbits, values, 1, rc);
+    ST_TRY(warm_slice_set_companion(&header->m_size, &header->m_nbits, values, 0, rc));
+    ST_TRY(warm_slice_set_companion(&header->s_size, &header->s_nbits, values, s, rc));
+    ST_TRY(warm_slice_set_companion(&header->st_size, &header->st_nbits, values, st, rc));
+    ST_TRY(warm_slice_set_companion(&header->h_size, &header->h_nbits, values, h, rc));
+    return warm_slice_set_companion(&header->d_size, &header->d_nbits, values, 1, rc);
 }
 
 st_term_metadata merge_metric_count(const merge_metric_t& metric, const merge_list_t& list) {

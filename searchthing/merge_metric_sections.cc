@@ -141,11 +141,6 @@ int _merge_cstore(warm_merge_t* merge, cs_builder_t* builder, warm_rc_t* rc) {
     }
 }
 
-// The footer ends the section.
-uint64_t cstore_size(const cs_builder_t& builder) {
-    return builder.footer_offset + 2 * sizeof(uint64_t) + builder.entries.size() * sizeof(cs_tid_offset_t);
-}
-
 int mismatch(warm_rc_t* rc, const char* what) {
     return _set_rc_msg(rc, WARM_RC_CORRUPT, what);
 }
@@ -163,7 +158,7 @@ int merge_metric_sections_write(warm_merge_t* merge, int fd, uint64_t* offset, w
     ST_TRY(cs_finalize_offsets(&cstore.builder, header->num_values.get(), header->num_dimsets.get(), &cstore_ref, rc));
     header->cstore_ref.set(static_cast<uint64_t>(cstore_ref));
     ST_TRY(cs_sync_cstore(&cstore.builder, fd, cstore_offset, rc));
-    *offset = cstore_offset + cstore_size(cstore.builder);
+    *offset = cstore_offset + cs_builder_size(&cstore.builder);
     return 0;
 }
 

@@ -8,6 +8,7 @@
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "libzero/vbe.h"
+#include "searchthing/warmslice_values.h"
 
 namespace veldar {
 
@@ -182,18 +183,6 @@ int number_values(warm_merge_t* merge, warm_rc_t* rc) {
     return 0;
 }
 
-int set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits, warm_rc_t* rc) {
-    // The codec finds an entry's bit in 32-bit arithmetic.
-    if (uint64_t{num_values} * nbits > UINT32_MAX) {
-        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "companion array beyond 2^32 bits");
-    }
-    const uint64_t size = _compressed_size(num_values, nbits, rc);
-    if (rc->warm_rc != 0) return rc->warm_rc;
-    size_field->set(static_cast<uint32_t>(size));
-    nbits_field->set(nbits);
-    return 0;
-}
-
 uint32_t width_of(uint32_t largest) {
     return std::min(log2n(largest), MAX_COMPANION_NBITS);
 }
@@ -202,11 +191,11 @@ int fill_header(warm_merge_t* merge, const value_ranges& ranges, warm_rc_t* rc) 
     st_warm_slice_body* header = &merge->header;
     const uint32_t values = merge->totals.values;
     header->num_values.set(values);
-    ST_TRY(set_companion(&header->m_size, &header->m_nbits, values, width_of(ranges.measure), rc));
-    ST_TRY(set_companion(&header->s_size, &header->s_nbits, values, width_of(ranges.s), rc));
-    ST_TRY(set_companion(&header->st_size, &header->st_nbits, values, width_of(ranges.st), rc));
-    ST_TRY(set_companion(&header->h_size, &header->h_nbits, values, width_of(ranges.h), rc));
-    ST_TRY(set_companion(&header->d_size, &header->d_nbits, values, 1, rc));
+    ST_TRY(warm_slice_set_companion(&header->m_size, &header->m_nbits, values, width_of(ranges.measure), rc));
+    ST_TRY(warm_slice_set_companion(&header->s_size, &header->s_nbits, values, width_of(ranges.s), rc));
+    ST_TRY(warm_slice_set_companion(&header->st_size, &header->st_nbits, values, width_of(ranges.st), rc));
+    ST_TRY(warm_slice_set_companion(&header->h_size, &header->h_nbits, values, width_of(ranges.h), rc));
+    ST_TRY(warm_slice_set_companion(&header->d_size, &header->d_nbits, values, 1, rc));
     if (merge->options.mapper != nullptr && warm_header_is_rev1(header)) {
         header->seek_addr_min.set(ranges.address_min);
         header->seek_addr_max.set(ranges.address_max);
@@ -214,7 +203,8 @@ int fill_header(warm_merge_t* merge, const value_ranges& ranges, warm_rc_t* rc) 
     // Readers take the size of a packed section modulo 2^32 bits.
     if (warm_header_is_enabled(header, WARM_FLAG_VALUES_PACKED)) {
         const uint64_t width = warm_header_meta_time_nbits(header) + warm_header_seek_addr_nbits(header);
-        if (width * values + 63 > merge->seams.packed_bits_max) warm_header_set_flag(header, WARM_FLAG_VALUES_PACKED, false);
+        if (width * values + 63 > merge->seams.packed_bits_max)
+            warm_header_set_flag(header, WARM_FLAG_VALUES_PACKED, false);
     }
     return 0;
 }

@@ -69,18 +69,6 @@ companion_widths choose_widths(const HOT* hot) {
             .h = width_of(get_largest_host(hot))};
 }
 
-int set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits, warm_rc_t* rc) {
-    // The codec finds an entry's bit in 32-bit arithmetic.
-    if (uint64_t{num_values} * nbits > 0xFFFFFFFF) {
-        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "companion array beyond 2^32 bits");
-    }
-    const uint64_t size = _compressed_size(num_values, nbits, rc);
-    if (rc->warm_rc != 0) return rc->warm_rc;
-    size_field->set(static_cast<uint32_t>(size));
-    nbits_field->set(nbits);
-    return 0;
-}
-
 // Fills what the header has on disk: in the shorter headers, values begin where the later fields would be.
 int fill_header(st_warm_slice_body* header, const HOT* hot, const TSWRITEOPTS* opts, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
@@ -91,11 +79,11 @@ int fill_header(st_warm_slice_body* header, const HOT* hot, const TSWRITEOPTS* o
     header->num_postings.set(prepared.num_postings);
     header->num_terms.set(prepared.num_terms);
     const companion_widths widths = choose_widths(hot);
-    ST_TRY(set_companion(&header->m_size, &header->m_nbits, num_values, widths.m, rc));
-    ST_TRY(set_companion(&header->s_size, &header->s_nbits, num_values, widths.s, rc));
-    ST_TRY(set_companion(&header->st_size, &header->st_nbits, num_values, widths.st, rc));
-    ST_TRY(set_companion(&header->h_size, &header->h_nbits, num_values, widths.h, rc));
-    ST_TRY(set_companion(&header->d_size, &header->d_nbits, num_values, 1, rc));
+    ST_TRY(warm_slice_set_companion(&header->m_size, &header->m_nbits, num_values, widths.m, rc));
+    ST_TRY(warm_slice_set_companion(&header->s_size, &header->s_nbits, num_values, widths.s, rc));
+    ST_TRY(warm_slice_set_companion(&header->st_size, &header->st_nbits, num_values, widths.st, rc));
+    ST_TRY(warm_slice_set_companion(&header->h_size, &header->h_nbits, num_values, widths.h, rc));
+    ST_TRY(warm_slice_set_companion(&header->d_size, &header->d_nbits, num_values, 1, rc));
     if (warm_header_is_legacy(header)) return 0;
     header->earliest.set(static_cast<uint32_t>(prepared.earliest));
     header->latest.set(static_cast<uint32_t>(prepared.latest));
@@ -234,7 +222,7 @@ int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char*
     warm->file_size = size;
     if (metrics != nullptr) {
         ST_TRY(cs_sync_cstore(&metrics->cstore, fd.get(), size, rc));
-        warm->file_size += create_metrics_cstore_size(metrics);
+        warm->file_size += cs_builder_size(&metrics->cstore);
     }
     return fd.close_checked() == 0 ? 0 : _set_rc_msg(rc, WARM_RC_CLOSE, path);
 }

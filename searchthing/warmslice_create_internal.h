@@ -34,8 +34,7 @@ struct create_metrics_t {
                                       warm_rc_t* rc);
 [[nodiscard]] int ds_store_values_from_prepared_hot(WARM* warm, const HOT* hot, warm_rc_t* rc);
 [[nodiscard]] int create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used, warm_rc_t* rc);
-// Bytes of the two sections.
+// Bytes of the dimension sets.
 uint64_t create_metrics_dimsets_size(const HOT* hot);
-uint64_t create_metrics_cstore_size(const create_metrics_t* metrics);
 
 }  // namespace veldar

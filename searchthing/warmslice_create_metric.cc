@@ -119,12 +119,6 @@ uint64_t create_metrics_dimsets_size(const HOT* hot) {
     return st_dimsets_size(hot_slice_prepared(hot)->num_dimsets, static_cast<uint32_t>(words));
 }
 
-// The footer ends the section.
-uint64_t create_metrics_cstore_size(const create_metrics_t* metrics) {
-    const cs_builder_t& cstore = metrics->cstore;
-    return cstore.footer_offset + 2 * sizeof(uint64_t) + cstore.entries.size() * sizeof(cs_tid_offset_t);
-}
-
 int create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     const uint64_t start = warm_next_section(*used);

@@ -41,6 +41,18 @@ void _encode_tsval(WARM* warm, uint32_t id, const st_tsval* record) {
     store_companion(warm->d_array, reader.d, id, record->s == ST_DELETED_SOURCE ? 1 : 0);
 }
 
+int warm_slice_set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits, warm_rc_t* rc) {
+    // The codec finds an entry's bit in 32-bit arithmetic.
+    if (uint64_t{num_values} * nbits > UINT32_MAX) {
+        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "companion array beyond 2^32 bits");
+    }
+    const uint64_t size = _compressed_size(num_values, nbits, rc);
+    if (rc->warm_rc != 0) return rc->warm_rc;
+    size_field->set(static_cast<uint32_t>(size));
+    nbits_field->set(nbits);
+    return 0;
+}
+
 int warm_slice_set_deleted(WARM* warm, uint32_t id, warm_rc_t* rc) {
     ST_ASSERT(warm->writable);
     if (st_warm_slice_is_msidx(warm->body))

@@ -15,6 +15,10 @@ namespace veldar {
 // exactly when s is all-ones.
 void _encode_tsval(WARM* warm, uint32_t id, const st_tsval* record);
 
+// Sets the size and the width of a companion array in a header: 0, or -36 for an array of more than 2^32 bits.
+[[nodiscard]] int warm_slice_set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits,
+                                           warm_rc_t* rc);
+
 // Sets the d bit of value `id` through a read-write handle: one byte, in place, seen by every reader of the file. -17
 // for a metric slice, -12 for an id past the last value or past the d array.
 [[nodiscard]] int warm_slice_set_deleted(WARM* warm, uint32_t id, warm_rc_t* rc);
