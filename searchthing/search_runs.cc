@@ -1,37 +1,26 @@
 #include "searchthing/search_runs.h"
 
-#include <algorithm>
-
 namespace veldar {
 
 namespace {
 
-bool is_newer(const run_stretch_t& a, const run_stretch_t& b) {
-    return a.newest != b.newest ? a.newest > b.newest : a.run < b.run;
+// Without branches: which of two stretches is newer follows no pattern.
+inline bool is_newer(const run_entrant_t& a, const run_entrant_t& b) {
+    const bool later = a.newest > b.newest;
+    const bool before = a.newest == b.newest && a.stretch < b.stretch;
+    return static_cast<bool>(static_cast<unsigned>(later) | static_cast<unsigned>(before));
 }
 
-int read_newest(WARM* warm, run_stretch_t* stretch, warm_rc_t* rc) {
+inline int read_newest(run_merge_t* merge, uint32_t stretch, run_entrant_t* out, warm_rc_t* rc) {
+    const run_stretch_t& left = merge->stretches[stretch];
+    *out = {0, stretch};
+    if (left.next == left.end) return 0;
     st_time_t seconds = 0;
     uint64_t nanoseconds = 0;
-    ST_TRY(tsval_reader_decode_time(&warm->tsval_reader, stretch->next, &seconds, &nanoseconds, rc));
-    // The sign bit flipped, so that times before the epoch come first.
-    stretch->newest = uint64_t{static_cast<uint32_t>(seconds) ^ 0x80000000} << 32 | nanoseconds;
+    ST_TRY(tsval_reader_decode_time(&merge->warm->tsval_reader, left.next, &seconds, &nanoseconds, rc));
+    // The sign bit flipped, so that times before the epoch come first; and above 0.
+    out->newest = (uint64_t{static_cast<uint32_t>(seconds) ^ 0x80000000} << 32 | nanoseconds) + 1;
     return 0;
-}
-
-// Moves the first stretch down to where it belongs.
-void sift_down(std::vector<run_stretch_t>* heap) {
-    const size_t size = heap->size();
-    run_stretch_t* const at = heap->data();
-    const run_stretch_t moved = at[0];
-    size_t hole = 0;
-    for (size_t child = 1; child < size; child = 2 * hole + 1) {
-        if (child + 1 < size && is_newer(at[child + 1], at[child])) child++;
-        if (!is_newer(at[child], moved)) break;
-        at[hole] = at[child];
-        hole = child;
-    }
-    at[hole] = moved;
 }
 
 }  // namespace
@@ -41,7 +30,8 @@ void run_merge_open(run_merge_t* merge, WARM* warm, const st_timeval_t& earliest
     merge->earliest = earliest;
     merge->latest = warm_upper_bound(latest);
     merge->whole = warm_slice_within(warm, earliest, latest);
-    merge->heap.clear();
+    merge->stretches.clear();
+    merge->winner = {};
 }
 
 int run_merge_bounds(run_merge_t* merge, uint32_t id, uint32_t* first, uint32_t* end, warm_rc_t* rc) {
@@ -56,30 +46,40 @@ int run_merge_bounds(run_merge_t* merge, uint32_t id, uint32_t* first, uint32_t*
 }
 
 int run_merge_add(run_merge_t* merge, uint32_t id, warm_rc_t* rc) {
-    run_stretch_t stretch = {};
+    run_stretch_t stretch = {.next = 0, .end = 0, .run = id};
     ST_TRY(run_merge_bounds(merge, id, &stretch.next, &stretch.end, rc));
-    if (stretch.next >= stretch.end) return 0;
-    stretch.run = id;
-    ST_TRY(read_newest(merge->warm, &stretch, rc));
-    merge->heap.push_back(stretch);
+    if (stretch.next < stretch.end) merge->stretches.push_back(stretch);
     return 0;
 }
 
-void run_merge_start(run_merge_t* merge) {
-    std::make_heap(merge->heap.begin(), merge->heap.end(),
-                   [](const run_stretch_t& a, const run_stretch_t& b) { return is_newer(b, a); });
+int run_merge_start(run_merge_t* merge, warm_rc_t* rc) {
+    const size_t n = merge->stretches.size();
+    merge->losers.resize(n);
+    if (n == 0) return 0;
+    std::vector<run_entrant_t> winners(2 * n);
+    for (uint32_t i = 0; i < n; i++) ST_TRY(read_newest(merge, i, &winners[n + i], rc));
+    for (size_t match = n - 1; match > 0; match--) {
+        const run_entrant_t& a = winners[2 * match];
+        const run_entrant_t& b = winners[2 * match + 1];
+        winners[match] = is_newer(a, b) ? a : b;
+        merge->losers[match] = is_newer(a, b) ? b : a;
+    }
+    merge->winner = winners[1];
+    return 0;
 }
 
 int run_merge_pass(run_merge_t* merge, warm_rc_t* rc) {
-    run_stretch_t* const top = &merge->heap.front();
-    if (++top->next < top->end) {
-        ST_TRY(read_newest(merge->warm, top, rc));
-    } else {
-        *top = merge->heap.back();
-        merge->heap.pop_back();
-        if (merge->heap.empty()) return 0;
+    run_entrant_t winner = merge->winner;
+    merge->stretches[winner.stretch].next++;
+    ST_TRY(read_newest(merge, winner.stretch, &winner, rc));
+    run_entrant_t* const losers = merge->losers.data();
+    for (size_t match = (merge->stretches.size() + winner.stretch) / 2; match > 0; match /= 2) {
+        const run_entrant_t other = losers[match];
+        const bool beaten = is_newer(other, winner);
+        losers[match] = beaten ? winner : other;
+        winner = beaten ? other : winner;
     }
-    sift_down(&merge->heap);
+    merge->winner = winner;
     return 0;
 }
 

@@ -137,12 +137,12 @@ class metric_walk {
     int read_sets(std::vector<uint32_t>* dimension_ids, std::vector<uint32_t>* measure_ids, warm_rc_t* rc) {
         ds_reader_t* const dimsets = st_warm_slice_dimset_reader(warm_, rc);
         if (dimsets == nullptr) return rc->warm_rc;
-        std::vector<run_stretch_t> stretches = merge_.heap;
-        std::sort(stretches.begin(), stretches.end(), [](const auto& a, const auto& b) { return a.run > b.run; });
         set_of_run_.resize(warm_slice_runs(warm_));
         std::vector<uint32_t> words(DS_MAX_DIMSET_SIZE_WORDS);
         ds_dimset_t* const set = ds_dimset_at(words.data());
-        for (const run_stretch_t& stretch : stretches) {
+        // Runs come in the order of their numbers, which is not that of their sets.
+        for (auto it = merge_.stretches.rbegin(); it != merge_.stretches.rend(); ++it) {
+            const run_stretch_t& stretch = *it;
             const uint32_t id = warm_slice_run_dimset(warm_, stretch.run);
             ST_TRY(ds_reader_read(dimsets, id, set, DS_MAX_DIMSET_SIZE_WORDS, rc));
             const std::span<const uint32_t> columns = ds_dimset_opt_cols(set);

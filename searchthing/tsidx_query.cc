@@ -146,7 +146,7 @@ int get_unordered(WARM* warm, plist_reader* list, st_time_t earliest, st_time_t 
         if (id == PLIST_END) break;
         ST_TRY(run_merge_add(&merge, id, rc));
     }
-    run_merge_start(&merge);
+    ST_TRY(run_merge_start(&merge, rc));
     while (count < wanted && run_merge_peek(&merge, &id, &run)) {
         ST_TRY(tsval_reader_decode(&warm->tsval_reader, id, &events[count], false, 0, rc));
         count += events[count].s != ST_DELETED_SOURCE ? 1 : 0;

@@ -169,8 +169,7 @@ int merge_unordered(slice_search* search, bool exact, run_merge_t* merge) {
     conjunction_context& context = search->context;
     run_merge_open(merge, context.handle, context.earliest, context.latest);
     ST_TRY(visit_unordered(search, exact, [&](uint32_t id) { return run_merge_add(merge, id, &context.rc); }));
-    run_merge_start(merge);
-    return 0;
+    return run_merge_start(merge, &context.rc);
 }
 
 int search_unordered(slice_search* search, st_tsval* answers, uint32_t capacity, bool exact, uint32_t* held) {
