@@ -46,6 +46,7 @@ struct {
     int errno_value = 0;
     uint64_t calls = 0, allocations = 0;
     uint64_t struck = 0;  // a bit a function
+    std::function<void()> interruption = nullptr;
 
     bool hits(uint64_t number) const { return number >= first && number <= last; }
 } step;
@@ -67,6 +68,10 @@ template <typename Result, typename Real>
 Result through(fault_call call, Result failure, Real real) {
     const bool hit = step_hits_call(call);
     if (hit && step.action == fault_action::kill_before) ::kill(::getpid(), SIGKILL);
+    if (hit && step.action == fault_action::interrupt) {
+        const fault_truce truce;
+        step.interruption();
+    }
     if (fails(call)) return failure;
     if (hit && step.action == fault_action::fail) {
         errno = step.errno_value;
@@ -111,6 +116,13 @@ uint64_t fault_calls(fault_call call) {
 
 fault_step::fault_step(fault_action action, uint64_t nth, int errno_value, uint64_t times) {
     step = {.armed = true, .action = action, .first = nth, .last = nth + times - 1, .errno_value = errno_value};
+}
+fault_step::fault_step(uint64_t nth, const std::function<void()>& interruption, uint64_t times) {
+    step = {.armed = true,
+            .action = fault_action::interrupt,
+            .first = nth,
+            .last = nth + times - 1,
+            .interruption = interruption};
 }
 fault_step::~fault_step() {
     step = {};

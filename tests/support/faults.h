@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace veldar {
@@ -52,10 +53,13 @@ enum class fault_action {
     kill_before,  // SIGKILL to this process
     kill_after,
     allocation,
+    interrupt,  // something else is done first, which is neither counted nor struck
 };
 class fault_step {
   public:
     fault_step(fault_action action, uint64_t nth, int errno_value = 0, uint64_t times = 1);
+    // Interrupts call number `nth` and those behind it.
+    fault_step(uint64_t nth, const std::function<void()>& interruption, uint64_t times = 1);
     ~fault_step();
     fault_step(const fault_step&) = delete;
     fault_step& operator=(const fault_step&) = delete;

@@ -73,8 +73,10 @@ int merge(const std::vector<std::string>& directories, const merge_settings& mer
     const merge_totals totals = merge_directories(directories, merging);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
     for (const std::string& failure : totals.failures) std::fprintf(stderr, "veldar: %s\n", failure.c_str());
-    std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; so far: " : "",
-                 merge_totals_text(totals, seconds.count()).c_str());
+    if (totals.merges != 0 || totals.failures.empty()) {
+        std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; so far: " : "",
+                     merge_totals_text(totals, seconds.count()).c_str());
+    }
     if (tool_interrupted != 0) return EXIT_INTERRUPTED;
     if (totals.failures.empty()) return EXIT_DONE;
     return totals.out_of_space ? EXIT_IO : EXIT_INCOMPLETE;
