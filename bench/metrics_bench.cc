@@ -1,5 +1,5 @@
-// A million samples of a thousand series, one a minute each: putting them, merging what was put into one slice, the
-// bytes they take, and reading them back from that slice. The counter "samples" is what an iteration put or read.
+// Reading a million samples of a thousand series, one a minute each, from the slice that merging leaves. The counter
+// "samples" is what an iteration read or counted.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
