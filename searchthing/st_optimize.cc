@@ -43,6 +43,7 @@ int st_optimize(const char* path, const TSWRITEOPTS* opts, int mode, bool is_fin
     if (tsidx == nullptr) {
         _log(0, "ERROR unable to open tsidx: %s\n", shown);
         result = WARM_RC_FAILED;
+        if (rc != nullptr) _set_rc_msg(rc, result, "the directory cannot be opened");
     } else {
         st_tsidx_set_merge_mapper(tsidx, mapper, mapper_context);
         static_cast<void>(st_tsidx_clear_need_optimize(tsidx));

@@ -173,7 +173,9 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
     ST_TRY(name_target(tsidx, *st_warm_slice_merge_totals(merge.get()), &names, rc));
     ST_TRY(commit.declare(names.target, names.temp, plan.sources, rc));
     ST_TRY(st_warm_slice_merge_write(merge.get(), commit.temp_path().c_str(), tsidx->durable, rc));
-    return commit.commit(merge.get(), rc);
+    ST_TRY(commit.commit(merge.get(), rc));
+    tsidx->cache.close_unused();  // the sources among them still take their disk space
+    return 0;
 }
 
 int settle_leftovers(TSIDX* tsidx, warm_rc_t* rc) {
@@ -209,7 +211,6 @@ int st_tsidx_optimize_n(TSIDX* tsidx, int mode, uint32_t min_src_count, uint32_t
             const int status = mode == TSIDX_OPTIMIZE_DRY_RUN ? make_plan(tsidx, rules, &plan, &result)
                                                               : optimize(tsidx, rules, lexicon_tpb, &result);
             if (status == 0) result = {};  // of slices that were left out
-            tsidx->cache.close_unused();   // the sources among them still take their disk space
         }
     } catch (const std::bad_alloc&) {
         _set_rc(&result, WARM_RC_NO_MEMORY);
