@@ -141,6 +141,7 @@ int sweep_terms(sweep_t* sweep, const bmap_array_t& holders, warm_rc_t* rc) {
         if (term > 0) ST_TRY(put_entry(sweep, placed, rc));
         ST_TRY(put_metadata(sweep, term, list, rc));
         sweep->out->postings += list.count;
+        if (sweep->out->postings >= UINT32_MAX) return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "postings");
         if (term % TERMS_A_REPORT == TERMS_A_REPORT - 1) {
             const uint64_t now = static_cast<uint64_t>(static_cast<double>(bytes) * term / terms);
             merge_progress(merge, now - reported);
@@ -169,8 +170,7 @@ int merge_postings_write(warm_merge_t* merge, int fd, uint64_t lists_offset, con
     sweep.out = out;
     ST_TRY(open_sweep(&sweep, fd, lists_offset, rc));
     ST_TRY(sweep_terms(&sweep, holders, rc));
-    ST_TRY(close_sweep(&sweep, rc));
-    return out->postings < UINT32_MAX ? 0 : _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "postings");
+    return close_sweep(&sweep, rc);
 }
 
 }  // namespace veldar
