@@ -33,6 +33,7 @@ int compare_fields(std::span<const uint32_t> a, std::span<const uint32_t> b) {
 
 // The span of a set's own words, to be changed.
 std::span<uint32_t> writable(ds_dimset_t* ds, std::span<const uint32_t> view) {
+    if (view.empty()) return {};  // a view that is not there has no place
     return {ds_dimset_words(ds) + (view.data() - ds_dimset_words(ds)), view.size()};
 }
 
