@@ -49,5 +49,6 @@ void add_dump_command(CLI::App* app, tool_context* context);
 void add_delete_command(CLI::App* app, tool_context* context);
 void add_health_command(CLI::App* app, tool_context* context);
 void add_optimize_command(CLI::App* app, tool_context* context);
+void add_metrics_command(CLI::App* app, tool_context* context);
 
 }  // namespace veldar

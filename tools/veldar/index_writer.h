@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "searchthing/st.h"
+#include "tools/veldar/formats/metric_record.h"
 
 namespace veldar {
 
@@ -34,6 +35,12 @@ void index_writer_open(index_writer* writer, const std::string& directory, uint3
                        const index_limits& limits, bool durable);
 // Puts one event. False when no index can hold it.
 bool index_writer_put(index_writer* writer, const st_txn& txn, std::span<const std::string_view> terms);
+// The same for a directory of metrics, whose times have milliseconds. It need not exist as one yet.
+void index_writer_open_metrics(index_writer* writer, const std::string& directory, bool durable);
+// Puts one event of at least one measure; the terms of dimensions and metric names have their leading blank. False when
+// no index can hold it.
+bool index_writer_put_metrics(index_writer* writer, const st_txn& txn, std::span<const std::string_view> dimensions,
+                              std::span<const metric_measure> measures);
 // How many slices have been written: when this grows in a put, every event before that one is in a slice.
 uint64_t index_writer_slices(const index_writer* writer);
 // Writes what is in memory as a slice.

@@ -34,6 +34,7 @@ int run(int argc, char** argv) {
     veldar::add_delete_command(&app, &context);
     veldar::add_health_command(&app, &context);
     veldar::add_optimize_command(&app, &context);
+    veldar::add_metrics_command(&app, &context);
     try {
         std::vector<std::string> arguments(argv + 1, argv + argc);
         veldar::query_protect_words(&arguments);

@@ -26,16 +26,6 @@ int64_t now_us() {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
-std::string grouped(uint64_t number) {
-    const std::string digits = std::to_string(number);
-    std::string out;
-    for (size_t i = 0; i < digits.size(); i++) {
-        if (i > 0 && (digits.size() - i) % 3 == 0) out.push_back(',');
-        out.push_back(digits[i]);
-    }
-    return out;
-}
-
 // Whether a line is to be shown now, and the seconds since the beginning.
 bool is_due(progress* p, double* seconds) {
     if (!p->terminal) return false;
@@ -59,6 +49,16 @@ void show_line(const progress& p, uint64_t done, std::string line) {
 
 }  // namespace
 
+std::string number_text(uint64_t number) {
+    const std::string digits = std::to_string(number);
+    std::string out;
+    for (size_t i = 0; i < digits.size(); i++) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) out.push_back(',');
+        out.push_back(digits[i]);
+    }
+    return out;
+}
+
 progress progress_begin(uint64_t total) {
     const int64_t now = now_us();
     return {::isatty(STDERR_FILENO) == 1, total, now, now};
@@ -68,7 +68,7 @@ void progress_show(progress* p, uint64_t done, uint64_t events) {
     double seconds = 0;
     if (!is_due(p, &seconds)) return;
     show_line(*p, done,
-              fmt::format("{} events, {}, {:.1f} MB/s", grouped(events), bytes_text(done),
+              fmt::format("{} events, {}, {:.1f} MB/s", number_text(events), bytes_text(done),
                           static_cast<double>(done) / 1e6 / seconds));
 }
 
@@ -102,15 +102,15 @@ std::string bytes_text(uint64_t bytes) {
 }
 
 std::string totals_text(const progress& p, const load_totals& totals) {
-    std::string text = grouped(totals.events) + (totals.events == 1 ? " event" : " events");
+    std::string text = number_text(totals.events) + (totals.events == 1 ? " event" : " events");
     if (totals.events > 0) {
         text +=
-            fmt::format(", {} {} in {} {}, {} to {} UTC", grouped(totals.terms), totals.terms == 1 ? "term" : "terms",
+            fmt::format(", {} {} in {} {}, {} to {} UTC", number_text(totals.terms), totals.terms == 1 ? "term" : "terms",
                         totals.slices, totals.slices == 1 ? "slice" : "slices", time_text(totals.earliest),
                         time_text(totals.latest));
     }
     text += fmt::format(", {} read, {} of index", bytes_text(totals.bytes_in), bytes_text(totals.index_bytes));
-    text += fmt::format(", {} {} refused, {:.1f} s", grouped(totals.refused), totals.refused == 1 ? "line" : "lines",
+    text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused), totals.refused == 1 ? "line" : "lines",
                         static_cast<double>(now_us() - p.begun_us) / 1e6);
     return text;
 }

@@ -33,6 +33,8 @@ void progress_clear(progress* p);
 // "2015-05-17 10:05:03" in UTC.
 std::string time_text(st_time_t time);
 std::string bytes_text(uint64_t bytes);
+// "1,234,567"
+std::string number_text(uint64_t number);
 // "10,000 events, 65,432 terms in 1 slice, from ... to ... UTC, 2.3 MB read, 1.9 MB of index, 0 lines refused, 0.2 s"
 std::string totals_text(const progress& p, const load_totals& totals);
 

@@ -105,24 +105,6 @@ void lock_store(store* st) {
     }
 }
 
-void make_store(const std::string& path, bool durable) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
-    // Of loads that begin at once, one makes the store while the others wait.
-    const unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory.valid()) fail_io("cannot open " + path, errno);
-    static_cast<void>(::flock(directory.get(), LOCK_EX));
-    if (store_is(path)) return;
-    std::vector<std::string> names;
-    if (!list_directory(path, &names)) fail_io("cannot read " + path, errno);
-    const auto foreign = [](const std::string& name) {
-        return name != "." && name != ".." && name != "lock" && name != "store.part";
-    };
-    if (std::any_of(names.begin(), names.end(), foreign)) {
-        throw tool_failure{EXIT_USAGE, path + " is neither a store nor an empty directory"};
-    }
-    if (!tool_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
-}
-
 bool is_slice(const std::string& name) {
     st_filename_metadata_t meta;
     return st_tsidx_file_parse(name.c_str(), &meta) != 0 && !name.ends_with(TSIDX_MINI_SUFFIX);
@@ -212,10 +194,28 @@ bool store_read_names(const std::string& path, const char* dictionary, std::vect
     return true;
 }
 
+void store_make(const std::string& path, bool durable) {
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+    // Of loads that begin at once, one makes the store while the others wait.
+    const unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.valid()) fail_io("cannot open " + path, errno);
+    static_cast<void>(::flock(directory.get(), LOCK_EX));
+    if (store_is(path)) return;
+    std::vector<std::string> names;
+    if (!list_directory(path, &names)) fail_io("cannot read " + path, errno);
+    const auto foreign = [](const std::string& name) {
+        return name != "." && name != ".." && name != "lock" && name != "store.part";
+    };
+    if (std::any_of(names.begin(), names.end(), foreign)) {
+        throw tool_failure{EXIT_USAGE, path + " is neither a store nor an empty directory"};
+    }
+    if (!tool_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
+}
+
 void store_open_for_load(store* st, const std::string& path, bool durable) {
     st->path = path;
     st->durable = durable;
-    make_store(path, durable);
+    store_make(path, durable);
     lock_store(st);
     open_dictionary(&st->sources, path + "/sources", durable);
     open_dictionary(&st->sourcetypes, path + "/sourcetypes", durable);

@@ -58,6 +58,8 @@ std::vector<std::string> store_bucket_directories(const std::string& path);
 // Reads the names of a dictionary ("sources", "sourcetypes" or "hosts") of a store. False with errno set.
 [[nodiscard]] bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names);
 
+// Makes a store unless it is one; waits for who makes it at the same time. Throws tool_failure.
+void store_make(const std::string& path, bool durable);
 // Opens a store for loading, making it when it does not exist, and waits until no other loader runs. Removes what
 // killed loaders left half written. Throws tool_failure.
 void store_open_for_load(store* st, const std::string& path, bool durable);
