@@ -1,4 +1,5 @@
 // The commands that show what is inside of slices and what overlaps, and the one that deletes.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,11 +10,13 @@
 #include "searchthing/tsidx.h"
 #include "tests/support/damage.h"
 #include "tests/support/forge.h"
+#include "tests/support/forge_metric.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/fsck_slice.h"
 #include "tools/veldar/slice_events.h"
+#include "tools/veldar/tool_file.h"
 
 namespace veldar {
 namespace {
@@ -62,6 +65,32 @@ TEST(Fsck, EveryForgedKindIsClean) {
     bare.bare_terms = {"none", ""};
     EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, mini)), "");
     EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, bare, ++id)), "");
+}
+
+TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
+    const temp_dir dir;
+    for (const bool milliseconds : {false, true}) {
+        forge_metric_options options;
+        options.milliseconds = milliseconds;
+        const std::string path =
+            forge_metric_file(dir.path(), forge_random_metrics(milliseconds, 60), options, milliseconds);
+        EXPECT_EQ(fsck_text(path), "");
+        slice_image image;
+        std::string error, bytes;
+        ASSERT_EQ(slice_image_open(path, &image, &error), IMAGE_OPEN);
+        ASSERT_TRUE(tool_read_file(path, &bytes));
+        const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        for (const slice_section_t section : {IN_OFFSETS, IN_METADATA, IN_LISTS, IN_DIMSETS, IN_CSTORE}) {
+            ASSERT_EQ(image.sections[section].state, SECTION_WHOLE);
+            const section_place at = image.sections[section];
+            for (uint64_t byte = at.offset; byte < at.offset + at.size; byte++) {
+                const char flipped = static_cast<char>(bytes[byte] ^ (1 << (byte % 8)));
+                ASSERT_TRUE(tool_write_at(fd.get(), {&flipped, 1}, byte));
+                EXPECT_NE(fsck_text(path), "") << slice_section_name(section) << " at " << byte - at.offset;
+                ASSERT_TRUE(tool_write_at(fd.get(), {&bytes[byte], 1}, byte));
+            }
+        }
+    }
 }
 
 // A slice whose bytes are known by heart. Values 0 to 20, newest first:

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "searchthing/plist.h"
@@ -29,7 +31,8 @@ uint64_t fsck_value_offset(const fsck_values& values, const slice_image& image, 
 // One list as far as it was decoded.
 struct fsck_list {
     uint32_t count = 0;
-    uint32_t first = 0, last = 0;  // value numbers, when count is not 0; DEDUP: `first` is the term that it names
+    uint32_t first = 0, last = 0;   // value numbers, when count is not 0; DEDUP: `first` is the term that it names
+    uint64_t sum = 0, squares = 0;  // of the numbers, mod 2^64: lists that agree in these and in `count` are the same
     uint8_t type = PLO_RLE;
     bool good = false;  // decoded to its end without a fault
 };
@@ -75,5 +78,21 @@ void fsck_check_values(fsck_run* run);
 void fsck_check_lexicon(fsck_run* run, const lexicon_image& lexicon, slice_section_t section);
 void fsck_check_lists(fsck_run* run);
 void fsck_check_metadata(fsck_run* run);
+
+// The entry of a term in the metadata, and the byte of the section at which it begins.
+struct fsck_term_record {
+    uint32_t count = 0;
+    st_time_t earliest = 0, latest = 0;
+    bool has_times = false;
+};
+fsck_term_record fsck_read_record(const fsck_run& run, uint32_t term, uint64_t* at);
+
+// A slice of metrics whose values begin with preambles: runs, dimension sets, and what lists, metadata and columns must
+// hold because of them.
+void fsck_check_metrics(fsck_run* run);  // after the lists
+// The columns against the runs in which they must have elements: by term, ascending, the numbers of first values and
+// counts.
+using fsck_columns = std::map<uint32_t, std::vector<std::pair<uint32_t, uint32_t>>>;
+void fsck_check_cstore(fsck_run* run, const fsck_columns& columns);
 
 }  // namespace veldar

@@ -21,15 +21,32 @@ struct list_fault {
     const uint8_t* at = nullptr;
 };
 
-// Takes `more` numbers that end `step` behind the last one; false when that is not below num_values.
-bool advance(fsck_list* list, uint64_t step, uint32_t more, uint32_t num_values) {
-    if (list->last + step >= num_values) return false;
+// The sum of the squares from 0 to n.
+unsigned __int128 squares_up_to(uint64_t n) {
+    return static_cast<unsigned __int128>(n) * (n + 1) * (2 * n + 1) / 6;
+}
+
+void sum_up(fsck_list* list, uint64_t first, uint64_t last) {
+    list->sum += (last * (last + 1) - first * (first + 1)) / 2 + first;
+    list->squares += static_cast<uint64_t>(squares_up_to(last) - squares_up_to(first)) + first * first;
+}
+
+// What numbers of a list are below: it tells values, or runs of them in a slice that has some.
+uint32_t list_limit(const st_warm_slice_body& h) {
+    return tsval_encoding(&h) == TSVAL_WITH_PREAMBLES ? h.num_dimsets.get() : h.num_values.get();
+}
+
+// Takes `more` numbers, one behind the other, that end `step` behind the last one; false when that is not below
+// `limit`.
+bool advance(fsck_list* list, uint64_t step, uint32_t more, uint32_t limit) {
+    if (list->last + step >= limit) return false;
     list->last = static_cast<uint32_t>(list->last + step);
     list->count += more;
+    sum_up(list, list->last - (more - 1), list->last);
     return true;
 }
 
-list_fault decode_rle(std::span<const uint8_t> bytes, uint32_t num_values, fsck_list* list) {
+list_fault decode_rle(std::span<const uint8_t> bytes, uint32_t limit, fsck_list* list) {
     const uint8_t* at = bytes.data();
     const uint8_t* const end = at + bytes.size();
     for (bool first = true; at < end; first = false) {
@@ -41,13 +58,13 @@ list_fault decode_rle(std::span<const uint8_t> bytes, uint32_t num_values, fsck_
         if (used == 0) return {"number cannot be read", begin};
         at += used;
         if (!first && number == 0) return {run ? "run of no numbers" : "numbers do not ascend", begin};
-        if (!advance(list, number, run ? number : 1, num_values)) return {"value number out of range", begin};
+        if (!advance(list, number, run ? number : 1, limit)) return {"value number out of range", begin};
         if (first) list->first = list->last;
     }
     return {};
 }
 
-list_fault decode_bitmap(std::span<const uint8_t> bytes, uint32_t num_values, fsck_list* list) {
+list_fault decode_bitmap(std::span<const uint8_t> bytes, uint32_t limit, fsck_list* list) {
     if (bytes.empty()) return {};
     const uint8_t* const end = bytes.data() + bytes.size();
     uint32_t first = 0;
@@ -58,8 +75,14 @@ list_fault decode_bitmap(std::span<const uint8_t> bytes, uint32_t num_values, fs
         return {"bitmap does not begin with its first number", bytes.data()};
     if (bitmap.back() == 0) return {"bitmap ends with an empty byte", end - 1};
     const uint64_t last = first + (bitmap.size() - 1) * 8 + static_cast<uint64_t>(std::bit_width(bitmap.back()) - 1);
-    if (last >= num_values) return {"value number out of range", end - 1};
-    for (const uint8_t byte : bitmap) list->count += static_cast<uint32_t>(std::popcount(byte));
+    if (last >= limit) return {"value number out of range", end - 1};
+    for (size_t i = 0; i < bitmap.size(); i++) {
+        for (uint8_t left = bitmap[i]; left != 0; left &= static_cast<uint8_t>(left - 1)) {
+            const uint64_t number = first + i * 8 + static_cast<uint64_t>(std::countr_zero(left));
+            sum_up(list, number, number);
+            list->count++;
+        }
+    }
     list->first = first;
     list->last = static_cast<uint32_t>(last);
     if (used >= LONG_FIRST_NUMBER && bytes.size() > BITMAP_CHUNK)
@@ -83,9 +106,9 @@ void decode_open_list(list_walk* walk, uint64_t end) {
     list.type = walk->open_type;
     const std::span<const uint8_t> bytes =
         walk->bytes.subspan(static_cast<size_t>(walk->open_start), static_cast<size_t>(end - walk->open_start));
-    const uint32_t num_values = walk->run->image->header.num_values.get();
+    const uint32_t limit = list_limit(walk->run->image->header);
     const list_fault fault =
-        list.type == PLO_RLE ? decode_rle(bytes, num_values, &list) : decode_bitmap(bytes, num_values, &list);
+        list.type == PLO_RLE ? decode_rle(bytes, limit, &list) : decode_bitmap(bytes, limit, &list);
     fsck_encoding_facts& facts = walk->run->report->encodings[list.type];
     facts.lists++;
     facts.bytes += bytes.size();
@@ -103,7 +126,7 @@ void take_payload(list_walk* walk, uint32_t term, uint8_t type, uint64_t payload
     list.type = type;
     run->report->encodings[type].lists++;
     const st_warm_slice_body& h = run->image->header;
-    const uint32_t limit = type == PLO_SPO ? h.num_values.get() : h.num_terms.get();
+    const uint32_t limit = type == PLO_SPO ? list_limit(h) : h.num_terms.get();
     if (payload >= limit) {
         list.type = PLO_RLE;  // it names nothing
         return fsck_add_term(run, IN_OFFSETS, offset, term,
@@ -111,6 +134,7 @@ void take_payload(list_walk* walk, uint32_t term, uint8_t type, uint64_t payload
                              fmt::format("{} of {}", payload, limit));
     }
     list.first = list.last = static_cast<uint32_t>(payload);
+    if (type == PLO_SPO) sum_up(&list, payload, payload);
     list.count = type == PLO_SPO ? 1 : 0;
     list.good = type == PLO_SPO;
 }
@@ -155,6 +179,8 @@ void resolve_dedups(fsck_run* run) {
         const fsck_list& original = run->lists[named];
         list.count = original.count;
         list.last = original.last;
+        list.sum = original.sum;
+        list.squares = original.squares;
         list.good = original.good;
     }
 }
@@ -171,37 +197,9 @@ void check_total(fsck_run* run) {
              fmt::format("{}, lists {}", stored, total));
 }
 
-struct term_record {
-    uint32_t count = 0;
-    st_time_t earliest = 0, latest = 0;
-    bool has_times = false;
-};
-
-// The entry of a term, and the byte at which it begins.
-term_record read_record(const fsck_run& run, uint32_t term, uint64_t* at) {
-    const st_warm_slice_body& h = run.image->header;
-    const std::span<const uint8_t> bytes = slice_section_bytes(*run.image, IN_METADATA);
-    const uint32_t type = warm_header_meta_type(&h);
-    if (type != META_PACKED) {
-        *at = uint64_t{term} * (type == META_FULL ? 12 : 4);
-        const uint8_t* const entry = bytes.data() + *at;
-        if (type == META_COUNT_ONLY) return {.count = load_be32(entry)};
-        return {load_be32(entry), static_cast<st_time_t>(load_be32(entry + 4)),
-                static_cast<st_time_t>(load_be32(entry + 8)), true};
-    }
-    const uint32_t count_nbits = warm_header_meta_count_nbits(&h), time_nbits = warm_header_meta_time_nbits(&h);
-    const uint64_t bit = uint64_t{term} * (count_nbits + 2 * time_nbits);
-    *at = bit / 8;
-    const uint32_t base = h.earliest.get();
-    const uint32_t earliest = packed_bits(bytes, bit + count_nbits, time_nbits);
-    const uint32_t latest = packed_bits(bytes, bit + count_nbits + time_nbits, time_nbits);
-    return {packed_bits(bytes, bit, count_nbits), static_cast<st_time_t>(base + earliest),
-            static_cast<st_time_t>(base + latest), true};
-}
-
 void check_record(fsck_run* run, uint32_t term) {
     uint64_t at = 0;
-    const term_record record = read_record(*run, term, &at);
+    const fsck_term_record record = fsck_read_record(*run, term, &at);
     const auto add = [&](const char* what, int64_t stored, int64_t found) {
         fsck_add_term(run, IN_METADATA, run->image->sections[IN_METADATA].offset + at, term, what,
                       fmt::format("{}, the list has {}", stored, found));
@@ -238,6 +236,27 @@ void fsck_check_lists(fsck_run* run) {
     for (uint32_t index = 0; index < terms; index++) take_entry(&walk, index, index == terms - 1);
     resolve_dedups(run);
     check_total(run);
+}
+
+fsck_term_record fsck_read_record(const fsck_run& run, uint32_t term, uint64_t* at) {
+    const st_warm_slice_body& h = run.image->header;
+    const std::span<const uint8_t> bytes = slice_section_bytes(*run.image, IN_METADATA);
+    const uint32_t type = warm_header_meta_type(&h);
+    if (type != META_PACKED) {
+        *at = uint64_t{term} * (type == META_FULL ? 12 : 4);
+        const uint8_t* const entry = bytes.data() + *at;
+        if (type == META_COUNT_ONLY) return {.count = load_be32(entry)};
+        return {load_be32(entry), static_cast<st_time_t>(load_be32(entry + 4)),
+                static_cast<st_time_t>(load_be32(entry + 8)), true};
+    }
+    const uint32_t count_nbits = warm_header_meta_count_nbits(&h), time_nbits = warm_header_meta_time_nbits(&h);
+    const uint64_t bit = uint64_t{term} * (count_nbits + 2 * time_nbits);
+    *at = bit / 8;
+    const uint32_t base = h.earliest.get();
+    const uint32_t earliest = packed_bits(bytes, bit + count_nbits, time_nbits);
+    const uint32_t latest = packed_bits(bytes, bit + count_nbits + time_nbits, time_nbits);
+    return {packed_bits(bytes, bit, count_nbits), static_cast<st_time_t>(base + earliest),
+            static_cast<st_time_t>(base + latest), true};
 }
 
 void fsck_check_metadata(fsck_run* run) {

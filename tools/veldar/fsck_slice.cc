@@ -73,6 +73,7 @@ void fsck_slice(const slice_image& image, fsck_report* report) {
         }
         fsck_check_lists(&run);
         fsck_check_metadata(&run);
+        fsck_check_metrics(&run);
     }
     fsck_check_name(&run);
     if (report->total == 0) check_open(&run);

@@ -15,8 +15,16 @@
 //   dimension sets  magic, number of sets, ends that ascend to the body's size
 //   everywhere      sections lie inside the file, and the bytes between and behind them are zero
 //
-// Slices of metrics keep only the first and the last event of a run in their lists, so counts and times are not
-// compared there. The contents of a column store are not looked at.
+// and in slices of metrics whose values begin with preambles
+//
+//   values          runs follow each other over all values, each newest first
+//   dimension sets  ascend, as do their dimensions and columns; their terms exist and are of the kind of their place
+//   lists           hold the runs whose sets hold the term
+//   metadata        count, earliest and latest time of those runs
+//   column store    a column for every metric of a set and no other, with an element for every value of its runs;
+//                   every checksum
+//
+// Lists and metadata of older slices of metrics are not compared with anything.
 #pragma once
 
 #include <array>
@@ -55,6 +63,7 @@ struct fsck_report {
     std::array<fsck_encoding_facts, 4> encodings = {};  // by plo_type_t
     uint64_t term_bytes = 0;                            // text of all terms
     uint64_t deleted = 0;
+    uint64_t samples = 0;  // elements of all columns
     bool has_times = false;
     st_time_t earliest = 0, latest = 0;  // of the values
 };

@@ -19,7 +19,8 @@ namespace veldar {
 namespace {
 
 constexpr size_t PIECE = size_t{1} << 20;
-constexpr uint64_t DIMSETS_HEAD = 16;  // magic, number of sets, words of their bodies
+constexpr uint64_t DIMSETS_HEAD = 16;   // magic, number of sets, words of their bodies
+constexpr uint64_t CSTORE_FOOTER = 16;  // number of columns, checksum, size; the entries follow
 
 constexpr const char* NAMES[] = {"header",
                                  "values",
@@ -128,6 +129,22 @@ bool place_dimsets(slice_image* image, uint64_t* end) {
     return false;
 }
 
+// The column store ends with a footer whose place the header tells, and that with the entries that it counts.
+bool place_cstore(slice_image* image, uint64_t* end) {
+    const uint64_t offset = round_up(*end, 8), footer = image->header.cstore_ref.get();
+    const uint64_t file_size = image->bytes.size();
+    if (offset > file_size || footer > file_size - offset || file_size - offset - footer < CSTORE_FOOTER) {
+        unknown_from(image, IN_CSTORE, offset);
+        return false;
+    }
+    const uint64_t sets = load_le32(image->bytes.data() + offset + footer);
+    place(image, IN_CSTORE, offset, footer + CSTORE_FOOTER + sets * 8);
+    *end = offset + image->sections[IN_CSTORE].size;
+    if (slice_section_whole(*image, IN_CSTORE)) return true;
+    unknown_from(image, IN_REST, *end);
+    return false;
+}
+
 // The sections whose sizes stand in the file itself, each behind the one before.
 void place_variable(slice_image* image, uint64_t lexicon_offset) {
     uint64_t end = 0, size = 0;
@@ -145,10 +162,7 @@ void place_variable(slice_image* image, uint64_t lexicon_offset) {
     if (st_warm_slice_is_msidx_with_dimsets(&image->header) && !place_dimsets(image, &end)) return;
     const uint64_t file_size = image->bytes.size();
     if (st_warm_slice_is_msidx_with_cstore(&image->header)) {
-        // A column store tells its own size to its own reader: all that follows counts as it.
-        const uint64_t offset = round_up(end, 8);
-        place(image, IN_CSTORE, offset, file_size - std::min(file_size, offset));
-        end = file_size;
+        if (!place_cstore(image, &end)) return;
     }
     place(image, IN_REST, end, file_size - end);
 }
