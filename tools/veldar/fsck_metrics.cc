@@ -158,6 +158,7 @@ bool read_set(metric_check* check, uint32_t id, std::vector<uint32_t>* words) {
     if (!sound) {
         add("counts of a set",
             fmt::format("{} words, {} columns in {}", (*words)[0], words->size() > 1 ? (*words)[1] : 0, words->size()));
+        words->clear();
         return false;
     }
     return true;

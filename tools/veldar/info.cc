@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "searchthing/plist.h"
+#include "searchthing/tsval.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/event_output.h"
 #include "tools/veldar/fsck_slice.h"
@@ -104,9 +105,20 @@ void put_header_text(const slice_info& info, std::string* out) {
     }
 }
 
+// The events of the slice, and what bytes are counted by: samples where they could be counted.
+uint64_t events_of(const slice_info& info) {
+    const st_warm_slice_body& h = info.image.header;
+    const bool has_runs = tsval_encoding(&h) == TSVAL_WITH_PREAMBLES && tsval_counts_agree(&h);
+    return h.num_values.get() - (has_runs ? h.num_dimsets.get() : 0);
+}
+uint64_t unit_of(const slice_info& info) {
+    return info.report.samples != 0 ? info.report.samples : events_of(info);
+}
+
 void put_sections_text(const slice_info& info, std::string* out) {
-    const uint64_t events = info.image.header.num_values.get();
-    *out += fmt::format("\n{:<18}{:>14}{:>14}{:>14}\n", "Section", "offset", "bytes", "bytes/event");
+    const uint64_t events = unit_of(info);
+    *out += fmt::format("\n{:<18}{:>14}{:>14}{:>14}\n", "Section", "offset", "bytes",
+                        info.report.samples != 0 ? "bytes/sample" : "bytes/event");
     for (const slice_section_t section : sections_of(info.image)) {
         const section_place& at = info.image.sections[section];
         if (at.state == SECTION_UNKNOWN) {
@@ -136,12 +148,18 @@ void put_terms_text(const slice_info& info, std::string* out) {
     }
 }
 
+uint32_t num_sets(const st_warm_slice_body& h) {
+    return warm_header_is_rev1(&h) ? h.num_dimsets.get() : 0;
+}
+
 std::string info_text(const slice_info& info) {
     const slice_image& image = info.image;
     std::string out = fmt::format("{}: {} bytes", image.path, image.bytes.size());
     if (image.has_header) {
-        out += fmt::format(", {}, {} values, {} deleted\n", kind_text(image), image.header.num_values.get(),
-                           info.report.deleted);
+        const bool metrics = st_warm_slice_is_msidx(&image.header);
+        out += fmt::format(", {}, {} {}", kind_text(image), events_of(info), metrics ? "events" : "values");
+        out += metrics ? fmt::format(", {} samples, {} dimension sets\n", info.report.samples, num_sets(image.header))
+                       : fmt::format(", {} deleted\n", info.report.deleted);
         put_header_text(info, &out);
         put_sections_text(info, &out);
         put_terms_text(info, &out);
@@ -192,7 +210,8 @@ void put_sections_json(const slice_info& info, std::string* out) {
         if (at.state != SECTION_UNKNOWN) {
             put_number(out, "offset", at.offset);
             put_number(out, "bytes", at.size);
-            put_number(out, "bytes_per_event", per(at.size, info.image.header.num_values.get()));
+            put_number(out, info.report.samples != 0 ? "bytes_per_sample" : "bytes_per_event",
+                       per(at.size, unit_of(info)));
         }
         *out += '}';
     }
@@ -227,8 +246,13 @@ std::string info_json(const slice_info& info) {
     if (info.image.has_header) {
         put_name(&out, "kind");
         json_put_string(&out, kind_text(info.image));
-        put_number(&out, "values", info.image.header.num_values.get());
-        put_number(&out, "deleted", info.report.deleted);
+        put_number(&out, "values", events_of(info));
+        if (st_warm_slice_is_msidx(&info.image.header)) {
+            put_number(&out, "samples", info.report.samples);
+            put_number(&out, "dimension_sets", num_sets(info.image.header));
+        } else {
+            put_number(&out, "deleted", info.report.deleted);
+        }
         put_header_json(info, &out);
         put_sections_json(info, &out);
         put_terms_json(info, &out);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "searchthing/warmslice_runs.h"
 #include "searchthing/warmslice_values.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/event_output.h"
@@ -72,7 +73,7 @@ bool read_slice(const slice_set& slices, const slice_file& file, troubles* troub
         row->readable = false;
     } else {
         row->format = warm->body->magic;
-        row->events = st_warm_slice_values(warm.get());
+        row->events = st_warm_slice_values(warm.get()) - warm_slice_runs(warm.get());
         row->deleted = count_deleted(*warm);
         row->terms = st_warm_slice_terms(warm.get());
     }
