@@ -19,6 +19,10 @@ void add_metrics_command(CLI::App* app, tool_context* context) {
     metrics->require_subcommand(1);
     metrics->add_option("--dir", directory, "The metric directory, instead of the one in the store");
     add_metrics_load_command(metrics, context, &directory);
+    add_metrics_ls_command(metrics, context, &directory);
+    add_metrics_query_command(metrics, context, &directory);
+    add_metrics_cardinality_command(metrics, context, &directory);
+    add_metrics_dump_command(metrics, context, &directory);
 }
 
 }  // namespace veldar

@@ -113,6 +113,16 @@ void add_query_options(CLI::App* command, query_options* options) {
     command->add_flag("--native", options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
 }
 
+void query_set_bounds(const std::string& since, const std::string& until, const std::string& zone,
+                      st_query_spec* query) {
+    log_zone named;
+    if (!log_zone_from_name(zone, &named)) throw tool_failure{EXIT_USAGE, "unknown time zone " + zone};
+    st_timeval_t earliest = {INT_MIN, 0}, latest = {INT_MAX, 0};
+    if (!since.empty()) earliest = time_of("--since", since, &named);
+    if (!until.empty()) latest = time_of("--until", until, &named);
+    st_query_set_time_bound(query, true, earliest.time_s, earliest.time_ns, latest.time_s, latest.time_ns);
+}
+
 bool prepared_query::needs_raw() const {
     return std::any_of(plans.begin(), plans.end(), [](const query_plan& plan) { return plan.needs_raw(); });
 }
@@ -124,13 +134,8 @@ prepared_query query_prepare(const query_options& options) {
         query.text += word.starts_with(" -") || word.starts_with(" [") ? word.substr(1) : word;
     }
     query.plans = plans_of(query.text, options.native);
-    log_zone zone;
-    if (!log_zone_from_name(options.zone, &zone)) throw tool_failure{EXIT_USAGE, "unknown time zone " + options.zone};
-    st_timeval_t since = {INT_MIN, 0}, until = {INT_MAX, 0};
-    if (!options.since.empty()) since = time_of("--since", options.since, &zone);
-    if (!options.until.empty()) until = time_of("--until", options.until, &zone);
     st_query_init(&query.bounds);
-    st_query_set_time_bound(&query.bounds, true, since.time_s, since.time_ns, until.time_s, until.time_ns);
+    query_set_bounds(options.since, options.until, options.zone, &query.bounds);
     if (!options.native) query.bounds.opt_a |= QUERY_WILDCARDS_SKIP_FIELDS;
     return query;
 }

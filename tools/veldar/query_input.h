@@ -25,6 +25,10 @@ void query_protect_words(std::vector<std::string>* arguments);
 // Adds the positional QUERY, --since, --until, --tz and --native.
 void add_query_options(CLI::App* command, query_options* options);
 
+// Sets the bounds that --since, --until and --tz give; an empty text is no bound. Throws tool_failure with EXIT_USAGE.
+void query_set_bounds(const std::string& since, const std::string& until, const std::string& zone,
+                      st_query_spec* query);
+
 struct prepared_query {
     std::string text;
     std::vector<query_plan> plans;

@@ -181,8 +181,7 @@ void metric_text_put_name(std::string* out, std::string_view name) {
     }
 }
 
-void metric_text_put(std::string* out, std::string_view name, std::span<const metric_label> labels, double value,
-                     st_time_t seconds, uint32_t nanoseconds) {
+void metric_text_put_series(std::string* out, std::string_view name, std::span<const metric_label> labels) {
     const bool plain = is_plain_name(name, true);
     if (plain) *out += name;
     if (!plain || !labels.empty()) *out += '{';
@@ -200,6 +199,11 @@ void metric_text_put(std::string* out, std::string_view name, std::span<const me
         put_quoted(out, label.value);
     }
     if (!plain || !labels.empty()) *out += '}';
+}
+
+void metric_text_put(std::string* out, std::string_view name, std::span<const metric_label> labels, double value,
+                     st_time_t seconds, uint32_t nanoseconds) {
+    metric_text_put_series(out, name, labels);
     *out += ' ';
     metric_value_put(out, value);
     *out += ' ';

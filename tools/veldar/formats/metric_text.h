@@ -22,6 +22,8 @@ const char* metric_text_parse(std::span<char> line, metric_time_unit unit, metri
 // Appends a sample as a line with its newline.
 void metric_text_put(std::string* out, std::string_view name, std::span<const metric_label> labels, double value,
                      st_time_t seconds, uint32_t nanoseconds);
+// Appends the name and the labels: name{label="value"}.
+void metric_text_put_series(std::string* out, std::string_view name, std::span<const metric_label> labels);
 // Appends the name, quoted where it has to be, as "# TYPE" lines have it.
 void metric_text_put_name(std::string* out, std::string_view name);
 
