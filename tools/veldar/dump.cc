@@ -6,10 +6,14 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
+#include <cmath>
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/event_output.h"
+#include "tools/veldar/formats/metric_record.h"
 #include "tools/veldar/slice_events.h"
+#include "tools/veldar/slice_metrics.h"
 #include "tools/veldar/slices.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/text_output.h"
@@ -117,12 +121,81 @@ int dump_values(dump_run* run, slice_events* events, warm_rc_t* rc) {
     return 0;
 }
 
-void dump_slice(dump_run* run, const opened_slice& slice) {
+// The value of a dimension, empty when the set has none of the name.
+std::string_view dimension_of(const slice_metric_set& set, std::string_view prefix) {
+    for (const std::string_view dimension : set.dimensions) {
+        if (dimension.starts_with(prefix)) return dimension.substr(prefix.size());
+    }
+    return {};
+}
+
+constexpr std::array<std::string_view, 3> NAMED = {"host::", "source::", "sourcetype::"};
+
+void put_json_sample(std::string* out, const slice_metric_sample& sample, const std::string& time,
+                     const std::string& name) {
+    *out += "{\"time\":\"" + time + "\"";
+    for (const std::string_view prefix : NAMED) {
+        *out += ",\"" + std::string(prefix.substr(0, prefix.size() - 2)) + "\":";
+        json_put_string(out, dimension_of(*sample.set, prefix));
+    }
+    const char* const quote = std::isfinite(sample.value) ? "" : "\"";
+    *out += std::string(",\"address\":0,\"measure\":") + quote;
+    metric_value_put(out, sample.value);
+    *out += std::string(quote) + ",\"deleted\":false,\"terms\":[";
+    json_put_string(out, name);
+    for (const std::string_view dimension : sample.set->dimensions) {
+        *out += ',';
+        json_put_string(out, dimension);
+    }
+    *out += "]}\n";
+}
+
+// Metrics name their hosts, sources and source types themselves.
+void put_sample(dump_run* run, const slice_metric_sample& sample) {
+    std::string* const out = &run->out.bytes;
+    const std::string time = event_time_text(sample.time, sample.nanoseconds);
+    const std::string name = "metric_name::" + std::string(sample.set->names[sample.name]);
+    if (run->options->format == "jsonl") return put_json_sample(out, sample, time, name);
+    std::string measure, terms;
+    metric_value_put(&measure, sample.value);
+    put_encoded(&terms, name);
+    for (const std::string_view dimension : sample.set->dimensions) put_encoded(&(terms += ' '), dimension);
+    if (run->options->format == "tsv") {
+        metric_time_put(out, sample.time, static_cast<uint32_t>(sample.nanoseconds));
+        *out += "\t0\t0\t0\t0\t" + measure + "\t" + terms + "\n";
+        return;
+    }
+    *out += time;
+    for (const std::string_view prefix : NAMED) csv_put_field(&(*out += ','), dimension_of(*sample.set, prefix));
+    csv_put_field(&(*out += ",0," + measure + ",false,"), terms);
+    *out += "\r\n";
+}
+
+int dump_events(dump_run* run, WARM* warm, warm_rc_t* rc) {
     slice_events events;
-    warm_rc_t rc;
-    int status = slice_events_open(&events, slice.warm.get(), SLICE_EVENTS_BUDGET, &rc);
-    if (status == 0) status = dump_values(run, &events, &rc);
+    int status = slice_events_open(&events, warm, SLICE_EVENTS_BUDGET, rc);
+    if (status == 0) status = dump_values(run, &events, rc);
     slice_events_close(&events);
+    return status;
+}
+
+int dump_samples(dump_run* run, WARM* warm, warm_rc_t* rc) {
+    const auto put = [&](const slice_metric_sample& sample) {
+        put_sample(run, sample);
+        output_end_record(&run->out);
+        return !run->out.closed;
+    };
+    return slice_metric_samples(warm, put, rc);
+}
+
+void dump_slice(dump_run* run, const opened_slice& slice) {
+    warm_rc_t rc;
+    int status = 0;
+    if (warm_slice_has_runs(slice.warm.get())) {
+        status = dump_samples(run, slice.warm.get(), &rc);
+    } else {
+        status = dump_events(run, slice.warm.get(), &rc);
+    }
     if (status == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
     if (status != 0) troubles_add(&run->trouble, slice_error(*slice.file, rc));
 }
@@ -157,7 +230,10 @@ int dump_run_all(const tool_context& context, const dump_options& options) {
 void add_dump_command(CLI::App* app, tool_context* context) {
     static dump_options options;
     CLI::App* dump = app->add_subcommand("dump", "Print the events of slices with their terms");
-    dump->footer("tsv is what 'veldar put' reads. Events of metrics come without terms.");
+    dump->footer(
+        "tsv is what 'veldar put' reads. Of metrics, each sample is a line: its value is the measure, and its name and "
+        "labels\n"
+        "are the terms; those of the oldest kinds come without terms.");
     dump->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
     dump->add_option("--format", options.format, "jsonl, csv or tsv")
         ->check(CLI::IsMember({"jsonl", "csv", "tsv"}))

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/fsck_slice.h"
@@ -49,7 +50,8 @@ void open_store(fsck_command* command) {
     const slice_set& slices = command->slices;
     command->maps.resize(slices.directories.size());
     command->has_map.resize(slices.directories.size());
-    if (slices.store.empty()) return;
+    const auto has_sources = [](const slice_directory& directory) { return directory.has_sources; };
+    if (std::none_of(slices.directories.begin(), slices.directories.end(), has_sources)) return;
     std::string error;
     command->has_names = store_names_read(slices.store, &command->names, &error);
     if (!command->has_names) return troubles_add(&command->trouble, error);
@@ -95,7 +97,7 @@ void check_file(fsck_command* command, const slice_file& file) {
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
     fsck_command command;
     command.options = &options;
-    command.slices = slices_list(options.path.empty() ? store_choose(context.store) : options.path);
+    command.slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
     output_open(&command.out, "never");
     for (const std::string& error : command.slices.errors) troubles_add(&command.trouble, error);
     open_store(&command);

@@ -67,10 +67,10 @@ void index_writer_open(index_writer* writer, const std::string& directory, uint3
     open_directory(writer, directory, streaming ? ST_OPEN_STREAMING : 0, options, limits, durable);
 }
 
-void index_writer_open_metrics(index_writer* writer, const std::string& directory, bool durable) {
+void index_writer_open_metrics(index_writer* writer, const std::string& directory, bool milliseconds, bool durable) {
     TSWRITEOPTS options;
     st_tsidx_write_opts_set_defaults(&options);
-    options.millisecond_mode = 1;
+    options.millisecond_mode = milliseconds ? 1 : 0;
     open_directory(writer, directory, ST_OPEN_METRICS, options, {}, durable);
 }
 

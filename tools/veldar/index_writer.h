@@ -35,8 +35,8 @@ void index_writer_open(index_writer* writer, const std::string& directory, uint3
                        const index_limits& limits, bool durable);
 // Puts one event. False when no index can hold it.
 bool index_writer_put(index_writer* writer, const st_txn& txn, std::span<const std::string_view> terms);
-// The same for a directory of metrics, whose times have milliseconds. It need not exist as one yet.
-void index_writer_open_metrics(index_writer* writer, const std::string& directory, bool durable);
+// The same for a directory of metrics. With `milliseconds` its slices keep those of the times, at 10 bits an event.
+void index_writer_open_metrics(index_writer* writer, const std::string& directory, bool milliseconds, bool durable);
 // Puts one event of at least one measure; the terms of dimensions and metric names have their leading blank. False when
 // no index can hold it.
 bool index_writer_put_metrics(index_writer* writer, const st_txn& txn, std::span<const std::string_view> dimensions,

@@ -160,7 +160,7 @@ void put_jsonl(text_output* out, const std::vector<ls_row>& rows, bool buckets) 
 }
 
 int ls_run(const tool_context& context, const ls_options& options) {
-    const slice_set slices = slices_list(options.path.empty() ? store_choose(context.store) : options.path);
+    const slice_set slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
     troubles trouble;
     for (const std::string& error : slices.errors) troubles_add(&trouble, error);
     const std::vector<ls_row> rows = read_rows(slices, options.buckets, &trouble);

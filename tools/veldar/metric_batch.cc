@@ -68,6 +68,7 @@ const char* metric_batch_add(metric_batch* batch, const metric_record& record) {
     }
     metric_sample sample = {text_number(&batch->sets, batch->scratch), 0, record.time.time_s,
                             static_cast<uint32_t>(record.time.time_ns / 1000000), 0};
+    batch->milliseconds |= sample.milliseconds != 0;
     for (const metric_measure& measure : record.measures) {
         batch->scratch.assign(METRIC_NAME_TERM).append(measure.name);
         sample.name = text_number(&batch->names, batch->scratch);

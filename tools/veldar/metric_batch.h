@@ -36,6 +36,7 @@ struct metric_batch {
     text_table names;  // metric-name terms
     text_table sets;   // dimension terms, each with its size in two bytes before it
     std::vector<metric_sample> samples;
+    bool milliseconds = false;  // a time has some
     std::string scratch;
 };
 

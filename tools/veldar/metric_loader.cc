@@ -96,10 +96,22 @@ std::string place_of(const metric_file& file) {
     return name + ": line " + std::to_string(file.line) + " behind byte " + std::to_string(file.from);
 }
 
+// Most metrics have whole seconds, and slices without milliseconds are smaller.
+void open_writer(metric_loader* load) {
+    const bool milliseconds = load->batch.milliseconds;
+    if (load->writer.thing != nullptr && milliseconds == load->milliseconds) return;
+    index_writer_close(&load->writer);
+    index_writer_open_metrics(&load->writer, load->directory, milliseconds, !load->options->no_fsync);
+    load->milliseconds = milliseconds;
+}
+
 // Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken.
 void write_batch(metric_loader* load, metric_file* file) {
-    metric_batch_write(&load->batch, &load->writer, &load->written);
-    index_writer_sync(&load->writer);
+    if (!load->batch.samples.empty()) {
+        open_writer(load);
+        metric_batch_write(&load->batch, &load->writer, &load->written);
+        index_writer_sync(&load->writer);
+    }
     for (const metric_note& note : load->done) metric_notes_add(&load->notes, note);
     load->done.clear();
     if (file == nullptr || file->timeless || file->input.pipe || file->taken <= file->from) return;
@@ -250,7 +262,6 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
     open_lock(load);
     metric_notes_open(&load->notes, directory, !options.no_fsync);
     load->slices_before = slice_names(directory);
-    index_writer_open_metrics(&load->writer, directory, !options.no_fsync);
     uint64_t total = 0;
     struct stat st;
     for (const std::string& file : options.files) {
@@ -282,7 +293,6 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
 }
 
 void metric_loader_close(metric_loader* load) {
-    if (load->writer.thing == nullptr) return;
     write_batch(load, nullptr);
     index_writer_close(&load->writer);
     load->totals.events = load->written.events;

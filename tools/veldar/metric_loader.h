@@ -36,7 +36,8 @@ struct metric_loader {
     std::string directory;
     unique_fd lock;
     metric_notes notes;
-    index_writer writer;
+    index_writer writer;        // open when there has been something to write
+    bool milliseconds = false;  // of the writer
     metric_batch batch;
     std::vector<metric_note> done;     // of files whose last samples are in the batch
     std::vector<metric_label> labels;  // of the options

@@ -10,7 +10,7 @@ namespace veldar {
 std::string metrics_directory(const tool_context& context, const std::string& directory) {
     if (!directory.empty()) return directory;
     const std::string store = store_choose(context.store);
-    return context.store.empty() || store_is(store) ? store + "/" + METRICS_DIRECTORY : store;
+    return context.store.empty() || store_is(store) ? store + "/" + STORE_METRICS : store;
 }
 
 void add_metrics_command(CLI::App* app, tool_context* context) {

@@ -1,4 +1,4 @@
-// The subcommands of "veldar metrics", and where a store keeps its metrics: in one index directory, STORE/metrics.
+// The subcommands of "veldar metrics".
 #pragma once
 
 #include <string>
@@ -6,8 +6,6 @@
 #include "tools/veldar/command.h"
 
 namespace veldar {
-
-inline constexpr char METRICS_DIRECTORY[] = "metrics";
 
 void add_metrics_load_command(CLI::App* metrics, tool_context* context, const std::string* directory);
 void add_metrics_ls_command(CLI::App* metrics, tool_context* context, const std::string* directory);

@@ -16,7 +16,7 @@ std::string directory_for_load(const tool_context& context, const std::string& d
     if (!directory.empty()) return directory;
     const std::string store = store_choose(context.store);
     store_make(store, durable);
-    return store + "/" + METRICS_DIRECTORY;
+    return store + "/" + STORE_METRICS;
 }
 
 std::string summary(const metric_loader& load) {

@@ -95,6 +95,10 @@ void list_store(slice_set* set) {
         std::string error;
         if (!add_directory(set, bucket, true, &error)) set->errors.push_back(bucket + ": " + error);
     }
+    std::string error;
+    const std::string metrics = set->store + "/" + STORE_METRICS;
+    if (!set->with_metrics || !exists(metrics)) return;
+    if (!add_directory(set, metrics, false, &error)) set->errors.push_back(metrics + ": " + error);
 }
 
 // A directory inside a store is searched with the store's names.
@@ -148,15 +152,28 @@ void raise_descriptor_limit() {
 
 }  // namespace
 
-slice_set slices_list(const std::string& path) {
+namespace {
+
+slice_set list_path(const std::string& path, bool with_metrics) {
     raise_descriptor_limit();
     slice_set set;
     set.path = path;
+    set.with_metrics = with_metrics;
     while (set.path.size() > 1 && set.path.ends_with('/')) set.path.pop_back();
     list(&set);
     const bool is_file = set.directories.size() == 1 && set.directories[0].tsidx == nullptr;
     if (set.files.empty() && !is_file) std::fprintf(stderr, "veldar: %s holds no slices\n", set.path.c_str());
     return set;
+}
+
+}  // namespace
+
+slice_set slices_list(const std::string& path) {
+    return list_path(path, false);
+}
+
+slice_set slices_list_all(const std::string& path) {
+    return list_path(path, true);
 }
 
 void slices_list_again(slice_set* set, int tries) {

@@ -37,6 +37,7 @@ struct slice_directory {
 
 struct slice_set {
     std::string path;                          // what was listed
+    bool with_metrics = false;                 // of a store its metrics too
     std::string store;                         // the store that the directories belong to; empty for others
     std::vector<slice_directory> directories;  // oldest first; one that was listed keeps its index
     std::vector<slice_file> files;             // latest time descending
@@ -46,6 +47,8 @@ struct slice_set {
 // Lists the slices at `path`; says on standard error when a directory has none. Throws tool_failure: EXIT_USAGE when
 // nothing of the kind is there, EXIT_IO when it cannot be read.
 slice_set slices_list(const std::string& path);
+// The same with the metrics of a store, for the commands that look inside of slices.
+slice_set slices_list_all(const std::string& path);
 // Lists them once more, after a pause of 1 ms at the first try in a row, twice as long at every further one, up to 100
 // ms. The files of the set are new ones; slices that are open stay so.
 void slices_list_again(slice_set* set, int tries);

@@ -10,6 +10,7 @@
 //     source.map     which addresses are which stretch of which file
 //     points-N       access points into gzip file N
 //     spool-N        the raw bytes that came through pipe N
+//   metrics/         one index directory of metrics, which "veldar metrics" fills
 #pragma once
 
 #include <cstdint>
@@ -22,6 +23,9 @@
 #include "tools/veldar/source_map.h"
 
 namespace veldar {
+
+// Where a store keeps its metrics: one index directory, with no source map.
+inline constexpr char STORE_METRICS[] = "metrics";
 
 struct store_dictionary {
     std::string path;
