@@ -32,7 +32,7 @@ void event_source_open(event_source* source, const slice_set* slices, troubles* 
 
 void event_source_read_names(event_source* source) {
     const std::string& store = source->slices->store;
-    if (store.empty()) return;
+    if (store.empty() || source->slices->directories.empty()) return;
     const bool read = store_read_names(store, "hosts", &source->hosts) &&
                       store_read_names(store, "sources", &source->sources) &&
                       store_read_names(store, "sourcetypes", &source->sourcetypes);

@@ -66,6 +66,7 @@ bool line_reader_next(line_reader* reader, std::span<char>* line, bool* too_long
     if (newline == nullptr && (reader->begin == reader->end || !reader->error.empty())) return false;
     *line = {begin, newline != nullptr ? static_cast<size_t>(newline - begin) : reader->end - reader->begin};
     pass(reader, line->size() + (newline != nullptr ? 1 : 0));
+    *too_long = line->size() > LINE_MAX_BYTES;
     return true;
 }
 

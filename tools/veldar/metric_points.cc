@@ -120,6 +120,9 @@ void metric_series_split(std::string_view text, metric_series* series) {
         series->labels.push_back({name, value});
         text.remove_prefix(term.size() + 1);
     }
+    // The terms ascend, but encoded names do not as the names.
+    std::sort(series->labels.begin(), series->labels.end(),
+              [](const metric_label& a, const metric_label& b) { return a.name < b.name; });
 }
 
 std::shared_ptr<TSIDX> metric_directory_open(const std::string& directory) {

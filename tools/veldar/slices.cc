@@ -111,7 +111,7 @@ void list_directory(slice_set* set) {
     if (!add_directory(set, set->path, exists(set->path + "/source.map"), &error)) {
         throw tool_failure{EXIT_IO, "cannot read " + set->path + ": " + error};
     }
-    find_store_above(set, set->path);
+    if (set->directories[0].has_sources) find_store_above(set, set->path);  // not for the store's metrics
 }
 
 // No snapshot: the file may be one that is no part of a directory, a mini slice or a copy by any name.

@@ -1,0 +1,159 @@
+// veldar metrics: what is loaded comes out again, whole and once.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include "tests/support/run_tool.h"
+#include "tests/support/temp_dir.h"
+#include "tools/veldar/formats/metric_text.h"
+
+namespace veldar {
+namespace {
+
+const std::string TOOL = "veldar/veldar";
+
+struct sample {
+    std::string name;
+    std::map<std::string, std::string> labels;
+    double value;
+    int64_t time_ms;
+};
+
+std::string line_of(const sample& one) {
+    std::string line;
+    std::vector<metric_label> labels;
+    for (const auto& [label, value] : one.labels) labels.push_back({label, value});
+    const int64_t ms = (one.time_ms % 1000 + 1000) % 1000;
+    metric_text_put(&line, one.name, labels, one.value, static_cast<st_time_t>((one.time_ms - ms) / 1000),
+                    static_cast<uint32_t>(ms) * 1000000);
+    return line;
+}
+
+std::vector<sample> random_samples(uint64_t seed, size_t count) {
+    std::mt19937_64 random(seed);
+    const double special[] = {0.0, -0.0, INFINITY, -INFINITY, NAN, 5e-324, 51.846000000000004};
+    std::vector<sample> samples;
+    const bool milliseconds = seed % 2 == 0;
+    for (size_t i = 0; i < count; i++) {
+        sample one;
+        one.name = std::string(random() % 3 == 0 ? "disk.used" : "cpu") + (random() % 2 == 0 ? "_total" : "");
+        for (const char* const label : {"host", "a:b%", "metric_name", "source"}) {
+            if (random() % 2 == 0) one.labels[label] = std::string(1, "xy\n\\\" "[random() % 6]) + "::";
+        }
+        one.value = random() % 4 == 0 ? special[random() % 7] : static_cast<double>(random() % 100000) / 1000;
+        one.time_ms = 1700000000000 + static_cast<int64_t>(random() % 60) * 1000;
+        if (milliseconds) one.time_ms += static_cast<int64_t>(random() % 2000) - 1000000000000 * (i % 2 == 0 ? 2 : 0);
+        samples.push_back(one);
+    }
+    return samples;
+}
+
+std::vector<std::string> sample_lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (!line.starts_with('#')) lines.push_back(line + "\n");
+    }
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+std::string must(const std::vector<std::string>& arguments) {
+    const tool_result result = run_tool(TOOL, arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out;
+}
+
+TEST(MetricsTool, LoadDumpLoadGivesEqualStores) {
+    for (uint64_t seed = 0; seed < 4; seed++) {
+        const temp_dir dir;
+        const std::string file = dir.path() + "/in.om", first = dir.path() + "/a", second = dir.path() + "/b";
+        const std::vector<sample> samples = random_samples(seed, 3000);
+        std::string text;
+        for (const sample& one : samples) text += line_of(one);
+        const std::string half = text.substr(0, text.find('\n', text.size() / 2) + 1);
+        // Half of a file that grows, then the whole of it, and again.
+        write_file(file, half);
+        must({"metrics", "--dir", first, "load", "--batch", "700", file});
+        write_file(file, text);
+        must({"metrics", "--dir", first, "load", "--batch", "700", file});
+        must({"metrics", "--dir", first, "load", file});
+        const std::string dump = must({"metrics", "--dir", first, "dump"});
+        EXPECT_EQ(sample_lines(dump), sample_lines(text));
+        EXPECT_TRUE(dump.ends_with("# EOF\n"));
+        must({"fsck", first});
+        write_file(file, dump);
+        must({"metrics", "--dir", second, "load", file});
+        EXPECT_EQ(must({"metrics", "--dir", second, "dump"}), dump);
+    }
+}
+
+TEST(MetricsTool, QueriesAgreeWithTheSamples) {
+    const temp_dir dir;
+    const std::string file = dir.path() + "/in.om", index = dir.path() + "/a";
+    const std::vector<sample> samples = random_samples(6, 2000);
+    std::string text;
+    for (const sample& one : samples) text += line_of(one);
+    write_file(file, text);
+    must({"metrics", "--dir", index, "load", "--batch", "500", file});
+    const auto expect = [&](const std::vector<std::string>& asked, const auto& wanted) {
+        std::string expected;
+        for (const sample& one : samples) expected += wanted(one) ? line_of(one) : "";
+        std::vector<std::string> arguments = {"metrics", "--dir", index, "query", "--format", "openmetrics"};
+        arguments.insert(arguments.end(), asked.begin(), asked.end());
+        EXPECT_EQ(sample_lines(must(arguments)), sample_lines(expected)) << asked[0];
+    };
+    const auto label = [](const sample& one, const std::string& name) {
+        return one.labels.contains(name) ? one.labels.at(name) : "";
+    };
+    expect({"cpu"}, [](const sample& one) { return one.name == "cpu"; });
+    expect({"*_total", "--since", "@1700000010.5", "--until", "@1700000030.25"}, [](const sample& one) {
+        return one.name.ends_with("_total") && one.time_ms >= 1700000010500 && one.time_ms < 1700000030250;
+    });
+    expect({"cpu*", "disk.used", "-w", "host=\\::", "-w", "a:b%!= ::"}, [&](const sample& one) {
+        return one.name != "disk.used_total" && label(one, "host") == "\\::" && label(one, "a:b%") != " ::";
+    });
+    expect({"cpu", "-w", "metric_name=*", "-w", "source!=*"}, [&](const sample& one) {
+        return one.name == "cpu" && one.labels.contains("metric_name") && !one.labels.contains("source");
+    });
+    std::vector<int64_t> times;
+    for (const sample& one : samples) times.push_back(one.time_ms);
+    std::sort(times.rbegin(), times.rend());
+    const std::string newest = must({"metrics", "--dir", index, "query", "*", "-n", "7", "--format", "openmetrics"});
+    expect({"*", "--since", "@" + std::to_string(times[6] / 1000)},
+           [&](const sample& one) { return one.time_ms >= times[6] / 1000 * 1000; });
+    EXPECT_EQ(std::count(newest.begin(), newest.end(), '\n'), 7);
+}
+
+// What is wrong is named and counted, and all else is loaded.
+TEST(MetricsTool, MalformedLinesAndLabels) {
+    const temp_dir dir;
+    const std::string file = dir.path() + "/in.csv", index = dir.path() + "/a";
+    write_file(file, "ts,in,out,if\n100,1,2,eth0\n101,x,2,eth0\n102,3,,\"a\nb\"\n" + std::string(2000000, 'z') +
+                         "\n103,4,5,lo\n");
+    const std::vector<std::string> load = {"metrics", "--dir", index,    "load", "--value", "in,out",
+                                           "--dims",  "if",    "--name", "net",  "--label", "host=h1"};
+    std::vector<std::string> arguments = load;
+    arguments.push_back(file);
+    const tool_result loaded = run_tool(TOOL, arguments);
+    EXPECT_EQ(loaded.status, 0);
+    EXPECT_NE(loaded.err.find("line 3: the value is not a number"), std::string::npos) << loaded.err;
+    EXPECT_NE(loaded.err.find("line 6: more than 1 MiB"), std::string::npos) << loaded.err;
+    EXPECT_NE(loaded.err.find("5 samples: 3 events"), std::string::npos) << loaded.err;
+    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})),
+              sample_lines("net_in{host=\"h1\",if=\"a\\nb\"} 3 102\nnet_in{host=\"h1\",if=\"eth0\"} 1 100\n"
+                           "net_in{host=\"h1\",if=\"lo\"} 4 103\nnet_out{host=\"h1\",if=\"eth0\"} 2 100\n"
+                           "net_out{host=\"h1\",if=\"lo\"} 5 103\n"));
+    arguments.insert(arguments.begin() + 4, {"--strict", "--again"});
+    EXPECT_EQ(run_tool(TOOL, arguments).status, 2);
+    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 7u);
+    EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", index, "query", "none"}).status, 1);
+    EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.path() + "/none", "ls"}).status, 2);
+}
+
+}  // namespace
+}  // namespace veldar
