@@ -436,6 +436,43 @@ TEST_F(MergeTest, RefusalsNameTheirReason) {
     expect_events(read_slice(rev1.path), united(events));
 }
 
+TEST_F(MergeTest, FlagsFollowTheWriteLevel) {
+    constexpr uint64_t TAG1 = 0x1, PACKED = 0x2, PREAMBLES = 0x4, TAG2 = 0x8, PLO32 = 0x10, ASKED = 0x20, MS = 0x40;
+    const struct {
+        const char* magic;
+        uint64_t flags[5];  // by write level, with every switch on
+    } cases[] = {{"_TSIDX7", {0, 0, TAG1, TAG1, TAG1}},
+                 {"_TSIDX9", {0, 0, TAG1, TAG1 | PACKED, TAG1 | PACKED | TAG2 | PLO32}},
+                 {"_MSIDX4",
+                  {PREAMBLES, TAG1 | PREAMBLES | ASKED | MS, TAG1 | PREAMBLES | ASKED | MS,
+                   TAG1 | PREAMBLES | ASKED | MS, TAG1 | PREAMBLES | ASKED | MS}}};
+    for (const auto& c : cases) {
+        for (uint32_t level = 0; level <= 4; level++) {
+            st_warm_slice_body source, target;
+            warm_header_init(&source, c.magic);
+            source.num_terms.set(1);
+            source.cstore_ref.set(1);
+            warm_header_set_flag(&source, WARM_FLAG_MS_PRESENT, true);
+            const unique_fd file(::open("/dev/zero", O_RDONLY | O_CLOEXEC));
+            const int fd = file.get();
+            warm_merge_options_t options = options_of(level);
+            options.write_options.millisecond_mode = 1;
+            const TSWRITEOPTS* const opts = &options.write_options;
+            warm_rc_t rc;
+            EXPECT_EQ(warm_header_init_tgt_header_for_merge_srcs(&target, &source, &fd, 1, opts, 1, &rc), 0);
+            EXPECT_EQ(target.wflags.get(), c.flags[level]) << c.magic << " " << level;
+            const bool metric = st_warm_slice_is_msidx(&source);
+            EXPECT_STREQ(rc.message, metric || level == 4 ? "" : "write level unsupported");
+            const int closed = -1;
+            const int status = warm_header_init_tgt_header_for_merge_srcs(&target, &source, &closed, 1, opts, 1, &rc);
+            EXPECT_EQ(status, metric || level < 4 ? 0 : WARM_RC_READ);
+            if (status == 0) continue;
+            EXPECT_EQ(rc.detail, 0u);
+            EXPECT_STREQ(rc.message, "error in warm_header_init_tgt_header_for_adv_postings_comp");
+        }
+    }
+}
+
 // Whatever fails at whatever point, and whatever bytes of a source are wrong: a status and no file, or a merge that
 // reads back.
 TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
