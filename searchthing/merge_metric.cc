@@ -51,6 +51,18 @@ int load_runs(merge_source_t* source, merge_metric_source_t* metric, std::span<c
 
 }  // namespace
 
+int merge_metric_find_milliseconds(WARM* warm, bool* found, warm_rc_t* rc) {
+    *found = false;
+    if (!warm_slice_keeps_subseconds(warm)) return 0;
+    for (uint32_t number = warm_slice_runs(warm); number < st_warm_slice_values(warm) && !*found; number++) {
+        st_time_t seconds = 0;
+        uint64_t nanoseconds = 0;
+        ST_TRY(tsval_reader_decode_time(&warm->tsval_reader, number, &seconds, &nanoseconds, rc));
+        *found = nanoseconds != 0;
+    }
+    return 0;
+}
+
 int merge_metric_open(warm_merge_t* merge, warm_rc_t* rc) {
     merge->metric->sources.resize(merge->sources.size());
     for (size_t i = 0; i < merge->sources.size(); i++) {

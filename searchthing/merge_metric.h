@@ -46,6 +46,8 @@ struct merge_metric_t {
     buffer<merge_metric_run_t> runs;  // once the values are written
 };
 
+// Whether any value of a slice has milliseconds other than 0. 0 or the failure of a decoding.
+[[nodiscard]] int merge_metric_find_milliseconds(WARM* warm, bool* found, warm_rc_t* rc);
 // Makes the sources' term maps, which the merge of the lexicons then fills. -2.
 [[nodiscard]] int merge_metric_open(warm_merge_t* merge, warm_rc_t* rc);
 // Merges the sets, numbers the runs (the sources' maps become maps of runs) and fills in the header's counts, widths

@@ -87,10 +87,13 @@ int init_header(warm_merge_t* merge, warm_rc_t* rc) {
     }
     TSWRITEOPTS options = merge->options.write_options;
     // Whoever merges may have forgotten that the events have milliseconds; the merge must not lose them.
-    for (const merge_source_t& source : merge->sources) {
-        if (source.warm->tsval_reader.milliseconds && source.warm->tsval_reader.addr_nbits != 0)
-            options.millisecond_mode = 1;
+    bool milliseconds = options.millisecond_mode == 1;
+    for (size_t i = 0; i < count && !milliseconds && st_warm_slice_is_msidx(&headers[0]); i++) {
+        if (merge_metric_find_milliseconds(merge->sources[i].warm.get(), &milliseconds, rc) != 0) {
+            return set_failed_source(rc, i);
+        }
     }
+    if (milliseconds) options.millisecond_mode = 1;
     return warm_header_init_tgt_header_for_merge_srcs(&merge->header, headers.data(), fds.data(),
                                                       static_cast<uint32_t>(count), &options, options.advanced_postings,
                                                       rc);
