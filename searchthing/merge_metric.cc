@@ -11,9 +11,11 @@ namespace veldar {
 
 namespace {
 
-// An entry of 32 bits decodes as 0: so wide an array holds nothing.
-uint32_t used_nbits(const be32& field) {
-    return field.get() > 31 ? 0 : field.get();
+// The width that the entries of a companion array need. An entry of 32 bits decodes as 0: so wide an array holds
+// nothing. Creation gives every array at least one bit a value, also where all are 0.
+uint32_t used_nbits(const tsval_companion_t& array) {
+    const bool any = std::any_of(array.bytes.begin(), array.bytes.end(), [](uint8_t byte) { return byte != 0; });
+    return array.nbits > 31 || !any ? 0 : array.nbits;
 }
 
 int merge_dimsets(warm_merge_t* merge, warm_rc_t* rc) {
@@ -86,11 +88,11 @@ int merge_metric_plan(warm_merge_t* merge, warm_rc_t* rc) {
             return rc->warm_rc;
         }
         metric->info.dimset_old2new_id_maps[i].reset();
-        const st_warm_slice_body* const body = source->warm->body;
+        const tsval_reader_t& reader = source->warm->tsval_reader;
         total += source->num_values - metric->sources[i].runs.size();
-        s = std::max(s, used_nbits(body->s_nbits));
-        st = std::max(st, used_nbits(body->st_nbits));
-        h = std::max(h, used_nbits(body->h_nbits));
+        s = std::max(s, used_nbits(reader.s));
+        st = std::max(st, used_nbits(reader.st));
+        h = std::max(h, used_nbits(reader.h));
     }
     if (total >= UINT32_MAX) return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "totals of the sources");
     const auto values = static_cast<uint32_t>(total);
