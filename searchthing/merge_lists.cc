@@ -9,7 +9,8 @@ namespace veldar {
 
 namespace {
 
-constexpr uint64_t PIECE = 4096;  // numbers read at a time
+constexpr uint64_t PIECE = 4096;  // numbers taken at a time
+constexpr size_t READ_BYTES = 64 << 10;
 // Numbers are sorted as they are below this size; above, the stretches that come from one source each are merged.
 constexpr uint64_t SORTED_AT_ONCE = 64;
 
@@ -178,6 +179,7 @@ int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
         const uint64_t span = merge->options.write_options.merge_reader_span;
         ST_TRY(_init_reader(&from->own, warm, span, nullptr, rc));
         ST_TRY(_init_reader(&from->shared, warm, span, nullptr, rc));
+        if (!from->own.buf.alloc(READ_BYTES)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "posting lists");
         const bool few = warm->plo_last > 0 && warm->plo_last <= merge->seams.lists_in_memory;
         if (few) ST_TRY(copy_lists(from, warm, rc));
     }

@@ -106,7 +106,7 @@ struct plist_reader {
     uint64_t buf_fill = 0;
     uint64_t position = 0;  // in the section, of the next byte to decode
     uint64_t list_end = 0;
-    buffer<uint8_t> buf;
+    buffer<uint8_t> buf;              // PLIST_BUFFER bytes, or more for a reader of many lists
     const uint8_t* bytes = nullptr;   // what is buffered: buf, or the copy in memory
     std::span<const uint8_t> memory;  // the copy; empty for none
     bitmap_reader_t bitmap;           // BMAP

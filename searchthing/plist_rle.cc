@@ -65,7 +65,7 @@ bool run_reaches(const plist_reader* reader, uint32_t target) {
 
 int rle_refill(plist_reader* reader, bool read_ahead, warm_rc_t* rc) {
     const uint64_t limit = read_ahead ? reader->plo_last : reader->list_end;
-    const size_t size = static_cast<size_t>(std::min<uint64_t>(PLIST_BUFFER, limit - reader->position));
+    const size_t size = static_cast<size_t>(std::min<uint64_t>(reader->buf.size(), limit - reader->position));
     reader->buf_start = reader->position;
     reader->buf_fill = 0;
     reader->bytes = reader->buf.data();
