@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "libzero/assertions.h"
 
@@ -32,6 +35,16 @@ int osfile_get_size(int fd, uint64_t* size) {
 int ospath_try_stat(const char* path) {
     struct stat found;
     return ::stat(path, &found);
+}
+
+int ospath_link(const char* path, const char* second_name) {
+    if (::link(path, second_name) == 0) return 0;
+    const int error = errno;
+    struct stat first, second;
+    const bool made = error == EEXIST && ::stat(path, &first) == 0 && ::stat(second_name, &second) == 0 &&
+                      first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+    errno = error;
+    return made ? 0 : -1;
 }
 
 void portable_timeval_now(portable_timeval* out) {

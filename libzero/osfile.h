@@ -13,6 +13,9 @@ int ospath_get_size(const char* path, uint64_t* size);
 int osfile_get_size(int fd, uint64_t* size);
 // 0 when the path exists.
 int ospath_try_stat(const char* path);
+// Gives the file a second name: 0, or -1 with errno. A name that exists already but is the same file counts as made: so
+// it looks when a file server made the link, its answer was lost, and the client asked again.
+int ospath_link(const char* path, const char* second_name);
 
 struct portable_timeval {
     int64_t seconds;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_internal.h"
 #include "searchthing/tsidx_lock_internal.h"
@@ -92,7 +93,7 @@ int tsidx_merge_commit::publish(warm_rc_t* rc) {
 int tsidx_merge_commit::put_in_effect(warm_merge_t* merge, warm_rc_t* rc) {
     const std::string target = tsidx_->path + "/" + manifest_.target;
     ST_TRY(st_warm_slice_merge_carry_deletes(merge, temp_path_.c_str(), rc));
-    if (::link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
+    if (ospath_link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
     state_ = COMMITTED;
     const int flushed = tsidx_flush(tsidx_, tsidx_->path.c_str(), O_DIRECTORY, rc);
     // A target of which nobody knows whether it lasts must not be the only one to take deletes.

@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "libzero/resource.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_internal.h"
@@ -81,7 +82,7 @@ int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, ospath_
             st_warm_slice_filename_from_time(final_name, tsidx->path.c_str(), TSIDX_SUFFIX,
                                              st_warm_slice_earliest(warm), st_warm_slice_latest(warm), &tsidx->rng);
         if (named != 0) return _set_rc_msg(&tsidx->last_failure, named, file);
-        if (::link(file, final_name->val) == 0) return 0;
+        if (ospath_link(file, final_name->val) == 0) return 0;
         const int error = errno != 0 ? errno : UNKNOWN_ERRNO;
         _log(0, "WARN  link command failed. rc=%i Retrying the following files \n\t%s\n\t%s\n", error, file,
              final_name->val);

@@ -155,6 +155,17 @@ TEST(OsFile, SizesTimesAndClock) {
     EXPECT_EQ(size, 5u);
 }
 
+TEST(OsFile, ALinkMadeBeforeCountsAsMade) {
+    const temp_dir dir;
+    const std::string path = dir.file("f"), other = dir.file("g"), second = dir.file("h");
+    write_file(path, "1");
+    write_file(other, "2");
+    EXPECT_EQ(ospath_link(path.c_str(), second.c_str()), 0);
+    EXPECT_EQ(ospath_link(path.c_str(), second.c_str()), 0);
+    EXPECT_EQ(ospath_link(other.c_str(), second.c_str()), -1);
+    EXPECT_EQ(errno, EEXIST);
+}
+
 // The reference values come from the published definitions of splitmix64 and xorshift128+, computed apart from this
 // code.
 TEST(Xorshift, SeededSequenceIsFixed) {
