@@ -7,6 +7,7 @@
 #include <random>
 #include <sstream>
 
+#include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/formats/metric_text.h"
@@ -85,6 +86,9 @@ TEST(MetricsTool, LoadDumpLoadGivesEqualStores) {
         const std::string dump = must({"metrics", "--dir", first, "dump"});
         EXPECT_EQ(sample_lines(dump), sample_lines(text));
         EXPECT_TRUE(dump.ends_with("# EOF\n"));
+        must({"optimize", "--all", first});
+        EXPECT_EQ(files_in(first, ".tsidx").size(), 1u);
+        EXPECT_EQ(must({"metrics", "--dir", first, "dump"}), dump);
         must({"fsck", first});
         write_file(file, dump);
         must({"metrics", "--dir", second, "load", file});

@@ -1,6 +1,5 @@
 // veldar load: the command line, the order of the files, and the summary.
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdio>
 
 #include "tools/veldar/command.h"
@@ -13,19 +12,6 @@
 namespace veldar {
 
 namespace {
-
-// Many loads, or a large one, leave many slices. What is loaded is loaded, whatever becomes of this.
-void merge_slices(const loader& load) {
-    std::vector<std::string> directories;
-    for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
-    const auto begun = std::chrono::steady_clock::now();
-    const merge_totals totals = merge_directories(directories, {});
-    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
-    if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
-    for (const std::string& failure : totals.failures) {
-        std::fprintf(stderr, "veldar: slices were not merged: %s\n", failure.c_str());
-    }
-}
 
 int load_run(const tool_context& context, const load_options& options) {
     loader load;
@@ -56,7 +42,9 @@ int load_run(const tool_context& context, const load_options& options) {
     if (tool_interrupted != 0) return EXIT_INTERRUPTED;
     if (!options.no_optimize) {
         load.st.lock.reset();  // the next loader need not wait
-        merge_slices(load);
+        std::vector<std::string> directories;
+        for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
+        merge_after_load(directories);
     }
     return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -147,6 +148,16 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
     watch_progress(&all);
     for (std::thread& thread : threads) thread.join();
     return all.totals;
+}
+
+void merge_after_load(const std::vector<std::string>& directories) {
+    const auto begun = std::chrono::steady_clock::now();
+    const merge_totals totals = merge_directories(directories, {});
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
+    if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
+    for (const std::string& failure : totals.failures) {
+        std::fprintf(stderr, "veldar: slices were not merged: %s\n", failure.c_str());
+    }
 }
 
 std::string merge_totals_text(const merge_totals& totals, double seconds) {

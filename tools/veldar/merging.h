@@ -24,6 +24,9 @@ struct merge_totals {
 // Merges in each directory until nothing is left to merge, or until the command is interrupted: then the merges at work
 // are completed. Throws std::bad_alloc only.
 merge_totals merge_directories(const std::vector<std::string>& directories, const merge_settings& settings);
+// Many loads, or a large one, leave many slices: merges them and says so on standard error. What is loaded is loaded,
+// whatever becomes of this.
+void merge_after_load(const std::vector<std::string>& directories);
 // "64 slices merged into 3, 120.3 MB into 80.1 MB, 5.2 s"
 std::string merge_totals_text(const merge_totals& totals, double seconds);
 // What a status of the engine means to someone who merges.

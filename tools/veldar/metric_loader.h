@@ -29,6 +29,7 @@ struct metric_load_options {
     bool strict = false;  // end at the first malformed line
     bool again = false;   // load what is noted as loaded too
     bool no_fsync = false;
+    bool no_optimize = false;
 };
 
 struct metric_loader {

@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "tools/veldar/merging.h"
 #include "tools/veldar/metric_loader.h"
 #include "tools/veldar/metrics.h"
 #include "tools/veldar/store.h"
@@ -52,6 +53,10 @@ int load_run(const tool_context& context, const std::string& directory, metric_l
     progress_clear(&load.shown);
     std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "", summary(load).c_str());
     if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    if (!options->no_optimize) {
+        load.lock.reset();  // the next load need not wait
+        merge_after_load({load.directory});
+    }
     return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
 }
 
@@ -90,6 +95,7 @@ void add_metrics_load_command(CLI::App* metrics, tool_context* context, const st
     load->add_option("--tz", options.zone_name, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...");
     load->add_flag("--strict", options.strict, "End at the first malformed line instead of counting them");
     load->add_flag("--again", options.again, "Load what was loaded before once more");
+    load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
     load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
     load->add_option("--batch", options.batch_samples)->group("")->check(CLI::Range(uint64_t{1}, uint64_t{1} << 24));
     load->callback([context, directory] {

@@ -31,7 +31,11 @@ std::vector<std::string> directories_of(const std::string& path) {
     if (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
         throw tool_failure{EXIT_USAGE, path + ": neither a store nor an index directory"};
     }
-    return store_is(path) ? store_bucket_directories(path) : std::vector<std::string>{path};
+    if (!store_is(path)) return {path};
+    std::vector<std::string> directories = store_bucket_directories(path);
+    const std::string metrics = path + "/" + STORE_METRICS;
+    if (::stat(metrics.c_str(), &status) == 0) directories.push_back(metrics);
+    return directories;
 }
 
 // The next merge of each directory.
