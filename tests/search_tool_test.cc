@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/forge.h"
+#include "tests/support/forge_metric.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/event_output.h"
@@ -455,6 +455,49 @@ TEST(EventStream, MergesMeanwhileChangeNoAnswer) {
             parts.erase(parts.begin() + static_cast<ptrdiff_t>(at) + 1);
         }
         EXPECT_TRUE(left.empty()) << round << ": " << left.size() << " events are missing";
+        EXPECT_FALSE(trouble.incomplete);
+    }
+}
+
+TEST(EventStream, MetricsThatLookAlikeAreAllGiven) {
+    query_options options;
+    options.words = {"*"};
+    const prepared_query query = query_prepare(options);
+    std::mt19937 random(12);
+    for (uint32_t round = 0; round < 20; round++) {
+        const temp_dir dir;
+        std::vector<metric_event> all = random_metric_events(round, 200);
+        for (metric_event& event : all) {
+            event.time /= 64;
+            event.milliseconds = 0;
+        }
+        std::stable_sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
+        struct part {
+            std::vector<metric_event> events;
+            std::string path;
+        };
+        std::vector<part> parts;
+        for (auto begin = all.begin(); begin != all.end(); begin += 10) {
+            const std::vector<metric_event> events(begin, begin + 10);
+            parts.push_back({events, forge_metric_file(dir.path(), events, {}, parts.size())});
+        }
+        troubles trouble;
+        event_stream stream;
+        event_stream_open(&stream, dir.path(), &query, 1 + random() % 30, &trouble);
+        stream_event event;
+        size_t left = all.size();
+        for (uint64_t id = 1000; event_stream_next(&stream, &event); id++) {
+            ASSERT_GT(left, 0u);
+            ASSERT_EQ(event.value.time, all[--left].time) << round;
+            if (random() % 6 != 0 || parts.size() < 2) continue;
+            const size_t at = random() % (parts.size() - 1);
+            for (const size_t gone : {at, at + 1}) fs::remove(parts[gone].path);
+            part& merged = parts[at];
+            merged.events.insert(merged.events.end(), parts[at + 1].events.begin(), parts[at + 1].events.end());
+            merged.path = forge_metric_file(dir.path(), merged.events, {}, id);
+            parts.erase(parts.begin() + static_cast<ptrdiff_t>(at) + 1);
+        }
+        EXPECT_EQ(left, 0u) << round;
         EXPECT_FALSE(trouble.incomplete);
     }
 }

@@ -51,6 +51,7 @@ void list_again(event_stream* stream) {
     stream->heap.clear();
     stream->cursors.clear();
     stream->relisted = true;
+    stream->again = stream->given;
     slices_list_again(&stream->slices, stream->tries);
     begin_list(stream);
 }
@@ -107,6 +108,7 @@ void add_cursors(event_stream* stream, const slice_file* file, warm_ptr warm) {
         cursor->warm = shared;
         cursor->file = file;
         cursor->plan = plan;
+        cursor->is_metric = st_warm_slice_is_msidx(shared->body);
         cursor->batch = stream->query->plans[plan].needs_raw() ? FIRST_BATCH : stream->first_batch;
         stream->cursors.push_back(std::move(cursor));
         push_cursor(stream, stream->cursors.back().get());
@@ -134,14 +136,23 @@ bool is_behind(const event_stream& stream, const st_tsval& value) {
     return std::make_tuple(value.time, value.subsecond) > std::make_tuple(stream.time.time_s, stream.time.time_ns);
 }
 
-bool is_new(event_stream* stream, const stream_event& event) {
+uint64_t identity(const stream_event& event) {
+    return uint64_t{event.directory} << 32 | event.value.address;
+}
+
+bool is_new(event_stream* stream, const stream_event& event, bool is_metric) {
     const st_timeval_t time = {event.value.time, event.value.subsecond};
     if (!stream->started || time.time_s != stream->time.time_s || time.time_ns != stream->time.time_ns) {
         stream->given.clear();
+        stream->again.clear();
         stream->time = time;
         stream->started = true;
     }
-    return !stream->given.contains(uint64_t{event.directory} << 32 | event.value.address);
+    if (!is_metric) return !stream->given.contains(identity(event));
+    const auto known = stream->again.find(identity(event));
+    if (known == stream->again.end() || known->second == 0) return true;
+    known->second--;
+    return false;
 }
 
 }  // namespace
@@ -164,13 +175,14 @@ bool event_stream_next(event_stream* stream, stream_event* event) {
         }
         slice_cursor* const cursor = entry.cursor;
         *event = {cursor->answers[cursor->at], entry.directory, cursor->plan};
+        const bool is_metric = cursor->is_metric;
         cursor->at++;
         push_cursor(stream, cursor);
-        if (is_behind(*stream, event->value) || !is_new(stream, *event)) continue;
+        if (is_behind(*stream, event->value) || !is_new(stream, *event, is_metric)) continue;
         const bool check = stream->passes && stream->query->plans[event->plan].needs_raw();
         if (check && !stream->passes(*event)) continue;
         stream->tries = 0;
-        stream->given.insert(uint64_t{event->directory} << 32 | event->value.address);
+        stream->given[identity(*event)]++;
         return true;
     }
     return false;

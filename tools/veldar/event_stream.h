@@ -12,7 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "searchthing/tsval.h"
@@ -32,6 +32,7 @@ struct slice_cursor {
     std::shared_ptr<WARM> warm;
     const slice_file* file = nullptr;
     uint32_t plan = 0;
+    bool is_metric = false;
     std::vector<st_tsval> answers;
     size_t at = 0, count = 0;  // the next answer, and how many there are
     uint32_t batch = 0;        // how many new answers to ask for next
@@ -58,7 +59,8 @@ struct event_stream {
     std::function<bool(const stream_event&)> passes;
     std::vector<stream_entry> heap;
     std::vector<std::unique_ptr<slice_cursor>> cursors;
-    std::unordered_set<uint64_t> given;  // directory and address of the events given at `time`
+    // How many events were given at `time`, by directory and address, and how many of those a new list brings again.
+    std::unordered_map<uint64_t, uint32_t> given, again;
     st_timeval_t time;
     bool started = false;
     bool relisted = false;
@@ -69,7 +71,8 @@ struct event_stream {
 // stream. Throws tool_failure.
 void event_stream_open(event_stream* stream, const std::string& path, const prepared_query* query, uint64_t limit,
                        troubles* trouble);
-// The next event, each event once; false at the end. A slice that cannot be read is passed over and told to `trouble`.
+// The next event, each event of a log once, and each of metrics as often as it is there: their addresses do not tell
+// them apart. False at the end. A slice that cannot be read is passed over and told to `trouble`.
 bool event_stream_next(event_stream* stream, stream_event* event);
 
 }  // namespace veldar
