@@ -60,13 +60,7 @@ series read_csv(const std::string& path) {
     return out;
 }
 
-// One measure, a new dimension set every SAMPLES values, in a file in memory.
-struct store {
-    unique_fd fd{::memfd_create("cstore", MFD_CLOEXEC)};
-    cs_reader_t reader;
-    uint64_t size = 0;
-};
-
+// Writes the section of one measure, with a new dimension set every SAMPLES values; returns its bytes.
 uint64_t build(const series& samples, int fd, int64_t* ref) {
     cs_builder_t builder;
     warm_rc_t rc;
