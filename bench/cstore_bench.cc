@@ -180,7 +180,7 @@ int main(int argc, char** argv) {
     using namespace veldar;
     benchmark::Initialize(&argc, argv);
     std::vector<std::pair<std::string, series>> all;
-    all.emplace_back("constant", generate(0, [](double) { return 0.1; }));
+    all.emplace_back("constant", generate(0.5, [](double) { return 0.1; }));
     all.emplace_back("counter", generate_counter());
     all.emplace_back("gauge_2_decimals", generate(0.5, [](double x) { return std::round(x * 100) / 100; }));
     all.emplace_back("gauge_sum", generate(0.5, [](double x) { return std::floor(x) + std::round(x * 1000) / 1000; }));
