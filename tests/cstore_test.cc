@@ -6,15 +6,18 @@
 #include <unistd.h>
 
 #include <bit>
+#include <cerrno>
 #include <cmath>
 #include <limits>
 #include <map>
 #include <random>
+#include <set>
 
 #include "libzero/resource.h"
 #include "searchthing/timed_read.h"
 #include "searchthing/warmslice.h"
 #include "tests/support/damage.h"
+#include "tests/support/faults.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/temp_dir.h"
 
@@ -224,6 +227,48 @@ TEST(Cstore, NoDamageGetsPast) {
     EXPECT_GT(damage_sweep(whole, {.from = SECTION}, refuse), whole.size() * 3);
     for (const int64_t ref : {int64_t{-1}, int64_t{0}, int64_t{16}, s.ref - 8, s.ref + 1, s.ref + 8, INT64_MAX}) {
         EXPECT_EQ(read_all(s.fd.get(), ref), WARM_RC_CORRUPT) << ref;
+    }
+}
+
+// Builds a section of two measures and reads all of it; the first failure, with the record's code checked against it.
+int build_and_read(int fd) {
+    warm_rc_t rc;
+    cs_builder_t builder;
+    int64_t ref = 0;
+    int status = cs_builder_open(&builder, 2, &rc);
+    for (uint32_t measure = 0; measure < 2 && status == 0; measure++) status = cs_add_columnset(&builder, measure, &rc);
+    for (uint32_t i = 0; i < 1200 && status == 0; i++) {
+        status = cs_add_element(&builder, i % 2, i + i / 9, i % 700 == 0, std::sqrt(i), &rc);
+    }
+    if (status == 0) status = cs_finalize_offsets(&builder, 2000, 0, &ref, &rc);
+    if (status == 0) status = cs_sync_cstore(&builder, fd, SECTION, &rc);
+    cs_builder_close(&builder);
+    cs_reader_t store;
+    if (status == 0) status = cs_reader_open(&store, fd, SECTION, ref, &rc);
+    if (status == 0) status = cs_verify(&store, &rc);
+    return status == rc.warm_rc ? status : 1;
+}
+
+TEST(Cstore, EveryFailureIsAStatus) {
+    const unique_fd fd(::memfd_create("cstore", MFD_CLOEXEC));
+    const std::pair<fault_action, std::set<int>> troubles[] = {
+        {fault_action::allocation, {WARM_RC_NO_MEMORY}},
+        {fault_action::fail, {WARM_RC_WRITE, WARM_RC_READ, WARM_RC_FILE_SIZE}},
+        {fault_action::shorten, {0, WARM_RC_WRITE, WARM_RC_SHORT_READ}}};
+    for (const auto& [action, allowed] : troubles) {
+        const auto run = [&, action = action](uint64_t n, int* status) {
+            const fault_step trouble(action, n, EIO);
+            *status = build_and_read(fd.get());
+            return action == fault_action::allocation ? trouble.allocations() : trouble.calls();
+        };
+        int status = 0;
+        const uint64_t calls = run(~uint64_t{0}, &status);
+        EXPECT_EQ(status, 0);
+        EXPECT_GT(calls, 8u);
+        for (uint64_t n = 1; n <= calls; n++) {
+            run(n, &status);
+            EXPECT_TRUE(allowed.contains(status)) << static_cast<int>(action) << " at " << n << ": " << status;
+        }
     }
 }
 
