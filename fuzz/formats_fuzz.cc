@@ -1,5 +1,6 @@
 // Lines of arbitrary bytes: detection, every format's parse, and the terms of what came out.
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -7,6 +8,8 @@
 
 #include "libzero/assertions.h"
 #include "tools/veldar/formats/line_format.h"
+#include "tools/veldar/formats/metric_csv.h"
+#include "tools/veldar/formats/metric_text.h"
 #include "tools/veldar/formats/terms.h"
 
 namespace {
@@ -35,12 +38,35 @@ void check_terms(std::string_view line, const parsed_line& parsed, term_set* set
     }
 }
 
+// A sample that is read can be written, and is read again as the same.
+void check_metric(std::string line) {
+    static metric_record record, again;
+    static metric_csv csv;
+    std::string copy = line, error, written;
+    if (metric_csv_open(&csv, copy, "file", &error)) {
+        copy = line;
+        metric_csv_parse(&csv, copy, &record);
+    }
+    csv = {};
+    if (metric_text_parse(line, metric_time_unit::guess, &record) != nullptr || record.measures.empty()) return;
+    const metric_measure& measure = record.measures[0];
+    const st_timeval_t time = record.has_time ? record.time : st_timeval_t{};
+    metric_text_put(&written, measure.name, record.labels, measure.value, time.time_s,
+                    static_cast<uint32_t>(time.time_ns));
+    written.pop_back();
+    ST_ASSERT(metric_text_parse(written, metric_time_unit::guess, &again) == nullptr);
+    ST_ASSERT(again.measures[0].name == measure.name && again.labels.size() == record.labels.size());
+    ST_ASSERT(std::bit_cast<uint64_t>(again.measures[0].value) == std::bit_cast<uint64_t>(measure.value));
+    ST_ASSERT(again.time.time_s == time.time_s && again.time.time_ns == time.time_ns);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static term_set set;
     static parsed_line parsed;
     std::vector<std::string_view> lines = split_lines({reinterpret_cast<const char*>(data), size});
+    for (std::string_view line : lines) check_metric(std::string(line));
     format_context first;
     first.modified_s = 1772000000;
     ST_ASSERT(log_zone_from_name(size % 2 == 0 ? "UTC" : "+02:00", &first.zone));

@@ -64,7 +64,9 @@ uint64_t hash_options(const metric_load_options& options, const metric_file& fil
     for (const std::string& label : options.labels) text += label + '\0';
     if (file.is_csv) {
         const metric_csv_options& csv = options.csv;
-        text += csv.separator + csv.name + '\0' + name_of_file(file.path) + '\0';
+        text += csv.separator + csv.name + '\0';
+        if (csv.name.empty() && csv.values.size() <= 1) text += name_of_file(file.path);
+        text += '\0';
         for (const std::string& value : csv.values) text += value + '\0';
         text += '\0';
         for (const std::string& dim : csv.dims) text += dim + '\0';
