@@ -64,11 +64,6 @@ struct hot_pending_t {
     bool loose;
 };
 
-struct hot_term_stats_t {
-    uint32_t count;  // events
-    st_time_t earliest, latest;
-};
-
 struct hot_metrics_t {
     buffer<uint32_t> dimsets;  // committed sets back to back, then the pending one
     uint32_t dimsets_cap = 0;
@@ -80,14 +75,13 @@ struct hot_metrics_t {
     uint32_t pending_count = 0;
     bool set_lost_a_field = false;  // host, source or source type was put twice: the first is loose
     bool txn_is_open = false;
-    uint32_t terms_at_start = 0;  // terms and arena bytes before the open transaction
-    uint32_t lexicon_at_start = 0;
+    uint32_t terms_at_start = 0;  // terms before the open transaction
     buffer<hot_measure_t> dimset_measures;
     uint32_t dimset_measures_array_idx = 0;
-    uint32_t new_measures = 0;       // measures whose metric name was a new term
-    buffer<hot_term_stats_t> stats;  // by term id
-    buffer<uint32_t> term_ranks;     // term id -> sorted rank
-    buffer<st_tsval*> value_order;   // once prepared, by value number
+    uint32_t new_measures = 0;        // measures whose metric name was a new term
+    buffer<hot_term_counts_t> stats;  // by term id
+    buffer<uint32_t> term_ranks;      // term id -> sorted rank
+    buffer<st_tsval*> value_order;    // once prepared, by value number
     hot_milliseconds_t milliseconds = HOT_MS_OFF;
 };
 

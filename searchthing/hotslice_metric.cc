@@ -114,7 +114,7 @@ void add_node(st_hot_slice& hot, uint32_t term) {
     hot.terms[term].postings++;
 }
 
-void count_event(hot_term_stats_t& stats, bool is_new, st_time_t time) {
+void count_event(hot_term_counts_t& stats, bool is_new, st_time_t time) {
     if (is_new) stats = {.count = 0, .earliest = time, .latest = time};
     stats.count++;
     stats.earliest = std::min(stats.earliest, time);

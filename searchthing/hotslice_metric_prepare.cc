@@ -104,8 +104,7 @@ int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc) {
 
 hot_term_counts_t hot_slice_prepared_counts(const HOT* hot, uint32_t rank) {
     ST_ASSERT(hot->is_msidx);
-    const hot_term_stats_t& stats = hot->metrics.stats[st_hot_slice_get_term_index(hot, rank)];
-    return {.count = stats.count, .earliest = stats.earliest, .latest = stats.latest};
+    return hot->metrics.stats[st_hot_slice_get_term_index(hot, rank)];
 }
 
 }  // namespace veldar
