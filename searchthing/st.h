@@ -60,9 +60,10 @@ int st_sync(THING* thing);
 int st_close(THING* thing);
 
 // One event: start, any number of puts, close; see st_tsidx_txn_start, _put and _close. `address` is the event's key,
-// where the raw event lies: two events with one address end up in different slices, at a cost. `subsecond` is kept in
-// memory only. Outside metric directories the value's measure, an integer of 31 bits, is `seek_address`; `measure` is
-// for metrics.
+// where the raw event lies: two events with one address end up in different slices, at a cost. Outside metric
+// directories `subsecond` is kept in memory only, and the value's measure, an integer of 31 bits, is `seek_address`.
+// Metric directories keep the milliseconds of `subsecond` (tsval_encode_milliseconds) when the write options ask for
+// them; st_txn_put_measure puts the name of a metric, " metric_name::cpu.load", with what was measured.
 int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
                  st_host_t host);
 int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsecond_t subsecond, st_addr_t address,

@@ -127,6 +127,10 @@ int make_room(TSIDX* tsidx, const st_txn* txn) {
         ST_TRY(tsidx_ensure_hot(tsidx));
     }
     int code = check_fit(tsidx, txn);
+    // A dimension set that is too large by itself is so in any hot slice.
+    const bool set_too_large =
+        code == HOT_PUT_RC_TXN_TOO_LARGE && tsidx->txn.keywords.size() <= tsidx->hot_limits.keywords_per_txn;
+    if (set_too_large) return refuse(tsidx, code);
     if (code != 0 && st_hot_slice_values(tsidx->hot) != 0) {
         ST_TRY(tsidx_sync_full(tsidx, code));
         ST_TRY(tsidx_ensure_hot(tsidx));

@@ -101,6 +101,11 @@ TEST(Dimset, WordsAndViews) {
     ds_dimset_add_optdim(ds, 20);
     EXPECT_EQ(words, (words_t{9, 2, 10, 11, 12, 30, 20, 40, 41, 0, 0, 0}));
     EXPECT_EQ(ds_dimset_all_dims(ds).size(), 5u);
+    char line[128] = {};
+    std::FILE* const out = ::fmemopen(line, sizeof line, "w");
+    ds_dimset_print(out, ds, 7, 3);
+    std::fclose(out);
+    EXPECT_STREQ(line, "\tdsid=7 num_words=9 num_columns=2 h=10 s=11 st=12 dims0=30 dims1=20 cols0=40 cols1=41\n");
     words_t fewer = words;
     fewer[0] = 8;
     fewer[1] = 1;

@@ -221,6 +221,7 @@ TEST(MetricWrite, RefusalsLeaveNothing) {
     EXPECT_EQ(put({many}), 0) << "8192 words";
     many.push_back(" d::one too many");
     EXPECT_EQ(put({many}), HOT_PUT_RC_TXN_TOO_LARGE);
+    EXPECT_EQ(st_tsidx_slices_written(tsidx), 0u) << "what fits nowhere syncs nothing";
     EXPECT_EQ(st_tsidx_close(tsidx), 0);
     const std::vector<metric_event> events = read_metric_slices(dir.path());
     ASSERT_EQ(events.size(), 1u);
