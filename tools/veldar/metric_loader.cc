@@ -12,6 +12,7 @@
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/formats/metric_text.h"
+#include "tools/veldar/store.h"
 #include "tools/veldar/time_input.h"
 #include "tools/veldar/tool_file.h"
 
@@ -107,8 +108,17 @@ void open_writer(metric_loader* load) {
     load->milliseconds = milliseconds;
 }
 
-// Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken.
+// Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken. The
+// notes are made before and follow at once, because what is killed in between is loaded twice.
 void write_batch(metric_loader* load, metric_file* file) {
+    if (file != nullptr && !file->timeless && !file->input.pipe && file->taken > file->from) {
+        metric_note note;
+        std::string error;
+        // When the file has changed meanwhile, nothing is noted.
+        if (metric_note_make(&file->hash, file->input, file->options_hash, file->taken, &note, &error)) {
+            load->done.push_back(note);
+        }
+    }
     if (!load->batch.samples.empty()) {
         open_writer(load);
         metric_batch_write(&load->batch, &load->writer, &load->written);
@@ -116,13 +126,6 @@ void write_batch(metric_loader* load, metric_file* file) {
     }
     for (const metric_note& note : load->done) metric_notes_add(&load->notes, note);
     load->done.clear();
-    if (file == nullptr || file->timeless || file->input.pipe || file->taken <= file->from) return;
-    metric_note note;
-    std::string error;
-    // When the file has changed meanwhile, nothing is noted.
-    if (metric_note_make(&file->hash, file->input, file->options_hash, file->taken, &note, &error)) {
-        metric_notes_add(&load->notes, note);
-    }
 }
 
 void refuse(metric_loader* load, metric_file* file, const char* why) {
@@ -262,6 +265,7 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
     }
     if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + directory, errno);
     open_lock(load);
+    if (options.in_store) store_remove_leftovers(directory);
     metric_notes_open(&load->notes, directory, !options.no_fsync);
     load->slices_before = slice_names(directory);
     uint64_t total = 0;

@@ -26,8 +26,9 @@ struct metric_load_options {
     std::string time;                 // of samples that have none; in CSV the column of the times
     metric_csv_options csv;           // without the time's column
     uint64_t batch_samples = uint64_t{1} << 18;
-    bool strict = false;  // end at the first malformed line
-    bool again = false;   // load what is noted as loaded too
+    bool strict = false;    // end at the first malformed line
+    bool again = false;     // load what is noted as loaded too
+    bool in_store = false;  // the directory is a store's: nothing else writes to it
     bool no_fsync = false;
     bool no_optimize = false;
 };

@@ -32,6 +32,7 @@ int load_run(const tool_context& context, const std::string& directory, metric_l
     if (!log_zone_from_name(options->zone_name, &options->csv.zone)) {
         throw tool_failure{EXIT_USAGE, "unknown time zone " + options->zone_name};
     }
+    options->in_store = directory.empty();
     metric_loader load;
     tool_catch_interrupts();
     metric_loader_open(&load, directory_for_load(context, directory, !options->no_fsync), *options);
@@ -46,8 +47,9 @@ int load_run(const tool_context& context, const std::string& directory, metric_l
             incomplete = true;
         }
         metric_loader_close(&load);
-    } catch (const tool_failure&) {
+    } catch (tool_failure& failure) {
         progress_clear(&load.shown);
+        if (failure.status == EXIT_IO) failure.message += "\nveldar: not all is loaded; load again once this is mended";
         throw;
     }
     progress_clear(&load.shown);

@@ -128,25 +128,18 @@ bool slice_address_max(const std::string& path, uint64_t* address) {
 bool look_over_files(store_bucket* bucket) {
     std::vector<std::string> names;
     if (!list_directory(bucket->directory, &names)) fail_io("cannot read " + bucket->directory, errno);
-    const std::vector<std::string> merging = merge_manifest_temporaries(bucket->directory);
     for (const std::string& name : names) {
-        const std::string path = bucket->directory + "/" + name;
         uint64_t address = 0;
-        if (name.ends_with(TSIDX_PRE_SUFFIX) || name.ends_with(".part")) {
-            if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
-            if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove " + path, errno);
-        } else if (is_slice(name)) {
-            if (!slice_address_max(path, &address)) return false;
-            bucket->address_max = std::max(bucket->address_max, address);
-            bucket->has_slices = true;
-        }
+        if (!is_slice(name)) continue;
+        if (!slice_address_max(bucket->directory + "/" + name, &address)) return false;
+        bucket->address_max = std::max(bucket->address_max, address);
+        bucket->has_slices = true;
     }
     return true;
 }
 
-// A slice that was never moved into place holds events that count as not loaded: they are loaded again. The file of a
-// merge holds what is in slices.
 void open_bucket(store* st, store_bucket* bucket) {
+    store_remove_leftovers(bucket->directory);
     while (!look_over_files(bucket)) {
     }
     std::string error;
@@ -192,6 +185,20 @@ bool store_read_names(const std::string& path, const char* dictionary, std::vect
     uint64_t size;
     *names = decode_names(content, &size);
     return true;
+}
+
+// A slice that was never moved into place holds events that count as not loaded: they are loaded again. The file of a
+// merge holds what is in slices.
+void store_remove_leftovers(const std::string& directory) {
+    std::vector<std::string> names;
+    if (!list_directory(directory, &names)) fail_io("cannot read " + directory, errno);
+    const std::vector<std::string> merging = merge_manifest_temporaries(directory);
+    for (const std::string& name : names) {
+        if (!name.ends_with(TSIDX_PRE_SUFFIX) && !name.ends_with(".part")) continue;
+        if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
+        const std::string path = directory + "/" + name;
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove " + path, errno);
+    }
 }
 
 void store_make(const std::string& path, bool durable) {

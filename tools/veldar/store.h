@@ -64,6 +64,9 @@ std::vector<std::string> store_bucket_directories(const std::string& path);
 
 // Makes a store unless it is one; waits for who makes it at the same time. Throws tool_failure.
 void store_make(const std::string& path, bool durable);
+// Removes what killed loads left half written in an index directory that only loads into the store write to. The caller
+// holds their lock. Throws tool_failure.
+void store_remove_leftovers(const std::string& directory);
 // Opens a store for loading, making it when it does not exist, and waits until no other loader runs. Removes what
 // killed loaders left half written. Throws tool_failure.
 void store_open_for_load(store* st, const std::string& path, bool durable);
