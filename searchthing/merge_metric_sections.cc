@@ -151,7 +151,7 @@ int merge_metric_sections_write(warm_merge_t* merge, int fd, uint64_t* offset, w
     st_warm_slice_body* const header = &merge->header;
     uint64_t end = 0;
     ST_TRY(ds_writer_flush(&merge->metric->dimsets, fd, &end, warm_next_section(*offset), rc));
-    const uint64_t cstore_offset = (end + 7) & ~uint64_t{7};
+    const uint64_t cstore_offset = _offset_cstore(end);
     cstore_builder cstore;
     int64_t cstore_ref = 0;
     ST_TRY(_merge_cstore(merge, &cstore.builder, rc));

@@ -129,6 +129,9 @@ uint64_t st_max_postings(const THING* thing) {
 uint64_t st_max_values(const THING* thing) {
     return st_tsidx_max_values(directory_of(thing));
 }
+uint64_t st_txn_per_sync(const THING* thing) {
+    return st_tsidx_txn_per_sync(directory_of(thing));
+}
 int st_get_warm_rc(const THING* thing) {
     return st_tsidx_get_warm_rc(directory_of(thing));
 }

@@ -82,6 +82,7 @@ uint64_t st_max_terms(const THING* thing);
 uint64_t st_max_term_chars(const THING* thing);
 uint64_t st_max_postings(const THING* thing);
 uint64_t st_max_values(const THING* thing);
+uint64_t st_txn_per_sync(const THING* thing);
 int st_get_warm_rc(const THING* thing);
 int st_get_warm_errno(const THING* thing);
 int st_need_optimize(const THING* thing);

@@ -245,6 +245,9 @@ int st_tsidx_get_warm_errno(const TSIDX* tsidx) {
 uint64_t st_tsidx_slices_written(const TSIDX* tsidx) {
     return tsidx->slices_written;
 }
+uint64_t st_tsidx_txn_per_sync(const TSIDX* tsidx) {
+    return tsidx->slices_written == 0 ? 0 : tsidx->txns_written / tsidx->slices_written;
+}
 const char* st_tsidx_unmoved_slice(const TSIDX* tsidx) {
     return tsidx->unmoved.val;
 }

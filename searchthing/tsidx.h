@@ -95,6 +95,8 @@ const warm_rc_t* st_tsidx_last_failure(const TSIDX* tsidx);
 int st_tsidx_get_warm_rc(const TSIDX* tsidx);
 int st_tsidx_get_warm_errno(const TSIDX* tsidx);
 uint64_t st_tsidx_slices_written(const TSIDX* tsidx);  // by this handle
+// How many transactions a slice that this handle wrote holds on average, rounded down; 0 before the first one.
+uint64_t st_tsidx_txn_per_sync(const TSIDX* tsidx);
 // The complete ".pre-tsidx" file of the last sync whose move failed, or an empty text. Valid until the next sync.
 const char* st_tsidx_unmoved_slice(const TSIDX* tsidx);
 

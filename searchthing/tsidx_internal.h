@@ -48,6 +48,8 @@ struct st_tsidx {
     warm_rc_t last_failure;
     bool last_sync_failed = false;
     uint64_t slices_written = 0;
+    uint64_t txns_written = 0;  // the transactions that are in these slices
+    uint64_t txns_in_hot = 0;
     uint32_t parts_written = 0;
     ospath_buf unmoved;
     bool warned_about_addresses = false;

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
@@ -160,9 +161,11 @@ int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
     tsidx->unmoved.val[0] = '\0';
     const int written = write_slice(tsidx, suffix, part_mode != 0);
     st_hot_slice_reset(tsidx->hot);
+    const uint64_t txns = std::exchange(tsidx->txns_in_hot, 0);
     tsidx->last_sync_failed = written != 0;
     if (written == 0) {
         tsidx->slices_written++;
+        tsidx->txns_written += txns;
         tsidx->last_failure = {};  // of tries before the one that succeeded
     }
     const bool created = written == 0 || tsidx->unmoved.val[0] != '\0';

@@ -200,6 +200,7 @@ int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* given) {
     } else {
         hot_slice_put_all(tsidx->hot, &txn, tsidx->txn.keywords);
     }
+    tsidx->txns_in_hot++;
     return 0;
 }
 

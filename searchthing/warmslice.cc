@@ -382,7 +382,7 @@ int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc) {
     ds_header_t header;
     ST_TRY(ds_header_read(&header, warm->fd.get(), static_cast<uint64_t>(dimsets), rc));
     const uint64_t end = static_cast<uint64_t>(dimsets) + st_dimsets_size(header.dimsets(), header.words());
-    return static_cast<int64_t>((end + 7) / 8 * 8);
+    return static_cast<int64_t>(_offset_cstore(end));
 }
 
 cs_reader_t* st_warm_slice_cstore(WARM* warm, warm_rc_t* rc) {

@@ -212,7 +212,7 @@ int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, cons
 // Writes the buffer, padded to a multiple of 8, and the column store behind it; the handle learns the file's size.
 int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char* path, ospath_buf* filename,
                warm_rc_t* rc) {
-    const uint64_t size = (used + 7) & ~uint64_t{7};
+    const uint64_t size = _offset_cstore(used);
     unique_fd fd(::open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     ospath_buf_set(filename, path);

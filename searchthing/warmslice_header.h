@@ -205,6 +205,11 @@ void warm_header_copy(st_warm_slice_body* dst, const st_warm_slice_body* src);
 uint64_t warm_header_posting_lists_size(const st_warm_slice_body* h, int fd, warm_rc_t* rc);
 // Where the dimension sets begin, given where the posting lists do. All-ones on failure, with the status above.
 uint64_t _offset_dimsets(const st_warm_slice_body* h, int fd, uint64_t posting_lists_start, warm_rc_t* rc);
+// Where the column store begins, given where the dimension sets end: the one section without a gap behind an end that
+// is a multiple of 8.
+constexpr uint64_t _offset_cstore(uint64_t dimsets_end) {
+    return (dimsets_end + 7) & ~uint64_t{7};
+}
 
 // Begins the header of a merge of `count` sources (at least 1, asserted): magic, times, addresses and flags, with
 // everything that the merge counts still zero. `sources` and `fds` are the sources' headers and open files. The flags

@@ -59,10 +59,12 @@ TEST(St, TransactionsAtEveryLevel) {
         EXPECT_EQ(st_txn_put(thing, "alpha", 5), 0);
         EXPECT_EQ(st_txn_put_measure(thing, "beta", 4, 8.0), 0);
         EXPECT_EQ(st_txn_close(thing), 0);
+        EXPECT_EQ(st_txn_per_sync(thing), 0u);
         EXPECT_EQ(st_sync(thing), 0);
         EXPECT_EQ(st_txn_start(thing, 7, 8, 0, 0, 0), 0);
         EXPECT_EQ(st_txn_put(thing, "alpha", 5), 0);
         EXPECT_EQ(st_txn_close(thing), 0);
+        EXPECT_EQ(st_txn_per_sync(thing), 1u);
         EXPECT_EQ(st_need_optimize(thing), 1);
         EXPECT_EQ(st_close(thing), 0);
         const std::vector<forge_event> expected = {
