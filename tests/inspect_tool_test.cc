@@ -11,10 +11,10 @@
 #include "tests/support/damage.h"
 #include "tests/support/forge.h"
 #include "tests/support/forge_metric.h"
+#include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/fsck_slice.h"
 #include "tools/veldar/slice_events.h"
 #include "tools/veldar/tool_file.h"
 
@@ -23,27 +23,11 @@ namespace {
 
 const std::string TOOL = "veldar/veldar";
 
-std::string fsck_image(const slice_image& image) {
-    fsck_report report;
-    fsck_slice(image, &report);
-    std::string out;
-    for (const fsck_finding& finding : report.findings) out += fsck_finding_text(finding) + "\n";
-    EXPECT_EQ(out.empty(), report.total == 0);
-    return out;
-}
-
-std::string fsck_text(const std::string& path) {
-    slice_image image;
-    std::string error;
-    EXPECT_EQ(slice_image_open(path, &image, &error), IMAGE_OPEN) << error;
-    return fsck_image(image);
-}
-
 // Without a file, which the file system would make slow. The name counts.
 std::string fsck_bytes(const std::string& bytes, const std::string& name) {
     slice_image image;
     slice_image_from_bytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, name, &image);
-    return fsck_image(image);
+    return fsck_findings(image);
 }
 
 TEST(Fsck, EveryForgedKindIsClean) {
@@ -54,7 +38,7 @@ TEST(Fsck, EveryForgedKindIsClean) {
         for (forge_options options : forge_all_kinds()) {
             options.pad_to_8 = id % 2 == 0;
             const std::string path = forge_file(dir.path(), events, options, ++id);
-            EXPECT_EQ(fsck_text(path), "") << options.name();
+            EXPECT_EQ(fsck_findings(path), "") << options.name();
         }
     }
     std::vector<forge_event> kept = forge_random_events(9, 20);
@@ -63,8 +47,8 @@ TEST(Fsck, EveryForgedKindIsClean) {
     mini.mini = true;
     bare.companions = false;
     bare.bare_terms = {"none", ""};
-    EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, mini)), "");
-    EXPECT_EQ(fsck_text(forge_file(dir.path(), kept, bare, ++id)), "");
+    EXPECT_EQ(fsck_findings(forge_file(dir.path(), kept, mini)), "");
+    EXPECT_EQ(fsck_findings(forge_file(dir.path(), kept, bare, ++id)), "");
 }
 
 TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
@@ -74,7 +58,7 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
         options.milliseconds = milliseconds;
         const std::string path =
             forge_metric_file(dir.path(), forge_random_metrics(milliseconds, 60), options, milliseconds);
-        EXPECT_EQ(fsck_text(path), "");
+        EXPECT_EQ(fsck_findings(path), "");
         slice_image image;
         std::string error, bytes;
         ASSERT_EQ(slice_image_open(path, &image, &error), IMAGE_OPEN);
@@ -87,7 +71,7 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
                 // Not the top bit, which can turn a number into a longer spelling of itself.
                 const char flipped = static_cast<char>(bytes[byte] ^ (1 << (byte % 7)));
                 ASSERT_TRUE(tool_write_at(fd.get(), {&flipped, 1}, byte));
-                EXPECT_NE(fsck_text(path), "") << slice_section_name(section) << " at " << byte - at.offset;
+                EXPECT_NE(fsck_findings(path), "") << slice_section_name(section) << " at " << byte - at.offset;
                 ASSERT_TRUE(tool_write_at(fd.get(), {&bytes[byte], 1}, byte));
             }
         }
@@ -442,7 +426,7 @@ TEST(Dump, PrintsWhatPutReads) {
     const tool_result dumped = run_tool(TOOL, {"dump", "--format", "tsv", "--deleted", dir.path()});
     ASSERT_EQ(dumped.status, 0) << dumped.err;
     write_file(copy.file("events"), dumped.out);
-    ASSERT_EQ(run_tool(TOOL, {"put", copy.path(), copy.file("events")}).status, 0);
+    ASSERT_EQ(run_tool(TOOL, {"put", copy.path(), copy.file("events"), "--level", "3"}).status, 0);
     EXPECT_EQ(read_created_slices(copy.path()), as_stored(events));
     const tool_result kept = run_tool(TOOL, {"dump", "--format", "tsv", dir.path()});
     EXPECT_LT(kept.out.size(), dumped.out.size());

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <filesystem>
 
 #include "searchthing/search_literals.h"
@@ -16,18 +15,6 @@
 
 namespace veldar {
 namespace {
-
-// What an event says of itself; the companions are not told.
-int tell(const st_metric_event_t* event, void* out) {
-    metric_event told{
-        .time = event->time, .milliseconds = event->nanoseconds / 1000000, .dimensions = {}, .measures = {}};
-    for (const std::string_view term : event->dimensions) told.dimensions.insert(" " + std::string(term));
-    for (const st_metric_measure_t& m : event->measures) {
-        told.measures[std::string(m.name)] = std::bit_cast<uint64_t>(m.value);
-    }
-    static_cast<std::vector<metric_event>*>(out)->push_back(std::move(told));
-    return 1;
-}
 
 struct directory_of_metrics {
     temp_dir dir;
@@ -87,7 +74,7 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
             const std::vector<uint32_t> numbers = reference.search(tree, bounds);
             for (const uint32_t number : numbers) expected.push_back(directory.events[reference.values()[number].s]);
 
-            ASSERT_EQ(st_apply_metric_events(thing, i == 0 ? nullptr : &query, tell, &found),
+            ASSERT_EQ(st_apply_metric_events(thing, i == 0 ? nullptr : &query, tell_metric_event, &found),
                       static_cast<int64_t>(expected.size()))
                 << text;
             const auto newest = [](const metric_event& e) { return std::pair(e.time, e.milliseconds); };
@@ -136,7 +123,7 @@ TEST_F(MetricDirectory, EventsAreNoMetrics) {
     THING* const thing = st_open_for_read(dir.path().c_str());
     std::vector<metric_event> found;
     uint64_t bytes = 1;
-    EXPECT_EQ(st_apply_metric_events(thing, nullptr, tell, &found), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_apply_metric_events(thing, nullptr, tell_metric_event, &found), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(st_measure_size(thing, &bytes), 0);
     EXPECT_EQ(bytes, 0u);
     EXPECT_EQ(st_close(thing), 0);
@@ -152,14 +139,14 @@ TEST_F(MetricDirectory, DamageIsAStatus) {
     const std::string bytes = read_file(path);
     std::vector<metric_event> whole;
     const directory_ptr before = open_for_reading(dir.path());
-    ASSERT_EQ(st_tsidx_apply_metric_events(before.get(), nullptr, tell, &whole), 14);
+    ASSERT_EQ(st_tsidx_apply_metric_events(before.get(), nullptr, tell_metric_event, &whole), 14);
     testing::internal::CaptureStderr();
     damage_sweep(bytes, {.truncation_step = 5}, [&](const std::string& damaged, const std::string& what) {
         std::filesystem::remove(path);  // a file that is cut and written anew waits for the disk
         write_file(path, damaged);
         std::vector<metric_event> found;
         const directory_ptr tsidx = open_for_reading(dir.path());
-        const int64_t status = st_tsidx_apply_metric_events(tsidx.get(), nullptr, tell, &found);
+        const int64_t status = st_tsidx_apply_metric_events(tsidx.get(), nullptr, tell_metric_event, &found);
         const bool store_alone =
             damaged.size() == bytes.size() &&
             std::equal(damaged.begin(), damaged.begin() + static_cast<int64_t>(picture.cstore), bytes.begin());

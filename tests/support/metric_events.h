@@ -1,15 +1,14 @@
-// Random metric events, putting them into a directory, and reading them back from the sections of its slices: without
-// search, by the picture of the file alone.
+// Random metric events, putting them into a directory, and reading them back.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "searchthing/tsidx.h"
+#include "searchthing/tsidx_metric.h"
 #include "searchthing/tsval.h"
 
 namespace veldar {
@@ -27,13 +26,12 @@ struct metric_event {
 std::vector<metric_event> random_metric_events(uint64_t seed, size_t count);
 // One event as one transaction, keywords in an order that `seed` chooses, some of them twice; the close's result.
 int put_metric_event(TSIDX* tsidx, const metric_event& event, uint64_t seed);
-// Every event of one slice, in no order. Throws std::runtime_error for what the picture does not allow: postings other
-// than the runs of the sets that hold the term, metadata that do not count them, columns without an element for each of
-// their values, values out of order.
-std::vector<metric_event> read_metric_slice(const std::string& path);
-// The same for all slices of a directory, sorted.
+// For walks of the directory's own reading: adds the event, without companions, to a vector of metric_event.
+int tell_metric_event(const st_metric_event_t* event, void* out);
+// All slices of a directory, sorted: every event as the directory's own reading tells it, and every value as an event
+// of its own that has the companions alone. Throws std::runtime_error for a slice in which the checker finds a fault.
 std::vector<metric_event> read_metric_slices(const std::string& directory);
-// What the directory's own reading hands out, sorted; it does not tell companions.
-std::vector<metric_event> read_metric_directory(const std::string& directory);
+// Events in that form and order.
+std::vector<metric_event> as_read(std::vector<metric_event> events);
 
 }  // namespace veldar
