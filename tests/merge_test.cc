@@ -10,13 +10,12 @@
 #include <tuple>
 
 #include "searchthing/merge_encode.h"
-#include "searchthing/warmslice_meta.h"
 #include "searchthing/warmslice_values.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/forge.h"
+#include "tests/support/fsck.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/fsck_slice.h"
 
 namespace veldar {
 namespace {
@@ -54,8 +53,7 @@ int collect_term(int32_t, const char* term, size_t length, void* context) {
     return 1;
 }
 
-// The slice's events through the engine's readers, whose metadata must say the same as the lists. Adds the kinds of
-// lists that it meets to `kinds`.
+// The slice's events through the engine's readers. Adds the kinds of lists that it meets to `kinds`.
 event_list read_slice(const std::string& path, uint32_t* kinds = nullptr) {
     warm_rc_t rc;
     const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
@@ -82,7 +80,6 @@ event_list read_slice(const std::string& path, uint32_t* kinds = nullptr) {
     EXPECT_EQ(terms.size(), st_warm_slice_terms(warm.get()));
     plist_reader lists;
     EXPECT_EQ(_init_reader(&lists, warm.get(), 0, nullptr, &rc), 0);
-    uint64_t postings = 0;
     for (uint32_t term = 0; term < terms.size(); term++) {
         uint32_t type = 0, count = 0;
         _pl_offset_reader(&lists, int64_t{term} - 1, &type, &rc);
@@ -91,15 +88,7 @@ event_list read_slice(const std::string& path, uint32_t* kinds = nullptr) {
         EXPECT_EQ(_seek_reader(&lists, term, &rc), 0) << rc.message;
         EXPECT_EQ(plist_copy(&lists, ids.data(), static_cast<uint32_t>(ids.size()), PLIST_END, &count, &rc), 0);
         for (uint32_t i = 0; i < count; i++) out[ids[i]].terms.push_back(terms[term]);
-        postings += count;
-        st_term_metadata meta = {};
-        EXPECT_EQ(warm_slice_term_metadata(warm.get(), term, nullptr, &meta, &rc), 0) << rc.message;
-        EXPECT_EQ(meta.count, count);
-        if (count == 0 || warm_header_meta_type(warm->body) == META_COUNT_ONLY) continue;
-        EXPECT_EQ(static_cast<int32_t>(meta.latest), out[ids[0]].time);
-        EXPECT_EQ(static_cast<int32_t>(meta.earliest), out[ids[count - 1]].time);
     }
-    EXPECT_EQ(postings, warm->body->num_postings.get());
     return out;
 }
 
@@ -109,16 +98,6 @@ void expect_events(const event_list& found, const event_list& expected) {
         ASSERT_EQ(key_of(found[i]), key_of(expected[i])) << "value " << i;
         ASSERT_EQ(found[i].terms, expected[i].terms) << "value " << i;
     }
-}
-
-std::string fsck_findings(const std::string& path) {
-    slice_image image;
-    std::string error, out;
-    if (slice_image_open(path, &image, &error) != IMAGE_OPEN) return error;
-    fsck_report report;
-    fsck_slice(image, &report);
-    for (const fsck_finding& finding : report.findings) out += fsck_finding_text(finding) + "\n";
-    return out;
 }
 
 struct test_source {
@@ -285,38 +264,6 @@ TEST_F(MergeTest, ListsTakeTheShortestForm) {
             for (uint32_t i = 0; i < bytes * 4; i++) ids.push_back(first + 2 * i);
             EXPECT_EQ(encode(ids, true).first, first < 0x200000 || bytes < 8192 ? PLO_BMAP : PLO_RLE);
         }
-    }
-}
-
-// Terms share a list only when type and bytes are equal, whatever their hashes.
-TEST_F(MergeTest, EqualListsAreTheSameInEveryByte) {
-    warm_rc_t rc;
-    merge_list_writer_t writer;
-    merge_known_lists_t known;
-    known.hash_mask = 0;
-    const unique_fd file(::open(dir.file("lists").c_str(), O_RDWR | O_CREAT, 0600));
-    ASSERT_EQ(merge_list_writer_open(&writer, file.get(), 5, 3, &rc), 0);
-    const struct {
-        plo_type_t type;
-        std::string bytes;
-        uint32_t known;
-    } lists[] = {{PLO_RLE, "abc", MERGE_NO_TERM},
-                 {PLO_BMAP, "abc", MERGE_NO_TERM},
-                 {PLO_RLE, "abd", MERGE_NO_TERM},
-                 {PLO_RLE, "ab", MERGE_NO_TERM},
-                 {PLO_RLE, "abc", 0},
-                 {PLO_BMAP, "abc", 1},
-                 {PLO_RLE, "", MERGE_NO_TERM},
-                 {PLO_RLE, "", MERGE_NO_TERM},
-                 {PLO_RLE, "abd", 2}};
-    for (uint32_t term = 0; term < std::size(lists); term++) {
-        const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(lists[term].bytes.data()),
-                                             lists[term].bytes.size());
-        uint32_t found = 0;
-        ASSERT_EQ(merge_known_lists_find(&known, &writer, term, {lists[term].type, bytes}, &found, &rc), 0);
-        EXPECT_EQ(found, lists[term].known) << term;
-        if (found != MERGE_NO_TERM) continue;
-        ASSERT_EQ(merge_list_writer_append(&writer, bytes, &rc), 0);
     }
 }
 
@@ -526,42 +473,6 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         std::filesystem::remove(target);
     });
     EXPECT_GT(refused, tried / 4);
-}
-
-// Lists copied to memory: all of a section, or less than the reader is asked for.
-TEST_F(MergeTest, ListsAreReadFromACopy) {
-    forge_options options;
-    options.wflags = FORGE_TAG2;
-    options.seed = 3;
-    forge_picture picture;
-    const std::string path = forge_file(dir.path(), forge_random_events(3, 300), options, ++next_id, &picture);
-    warm_rc_t rc;
-    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
-    const std::string section = read_file(path).substr(picture.at.postings, warm->plo_last);
-    size_t inside_a_list = 0;
-    for (size_t term = 0; inside_a_list < section.size() / 2 || picture.lists[term].size() < 2; term++) {
-        inside_a_list += picture.lists[term].size();
-    }
-    for (const size_t size : {section.size(), inside_a_list + 1}) {
-        plist_reader reader;
-        ASSERT_EQ(_init_reader(&reader, warm.get(), 0, nullptr, &rc), 0);
-        plist_reader_attach_memory(&reader, {reinterpret_cast<const uint8_t*>(section.data()), size});
-        std::map<int, uint32_t> results;
-        for (uint32_t term = 0; term < picture.terms.size(); term++) {
-            std::vector<uint32_t> ids(301);
-            uint32_t count = 0;
-            const int status = _seek_reader(&reader, term, &rc);
-            results[status]++;
-            if (status != 0) continue;
-            EXPECT_EQ(plist_copy(&reader, ids.data(), 301, PLIST_END, &count, &rc), 0);
-            ids.resize(count);
-            EXPECT_EQ(ids, picture.postings[term]) << picture.terms[term];
-        }
-        const bool whole = size == section.size();
-        EXPECT_EQ(results[0] == picture.terms.size(), whole);
-        EXPECT_EQ(results[WARM_RC_CORRUPT] > 0, !whole);
-        EXPECT_EQ(results[WARM_RC_SPLIT_LIST] > 0, !whole);
-    }
 }
 
 TEST_F(MergeTest, FittingStopsBeforeATotalOverflows) {
