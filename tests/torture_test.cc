@@ -1,17 +1,12 @@
 // One workload, load, sync, delete, query, minify, close, with every file call and every allocation of it failing or
-// killing the process; and one writer beside three readers. VELDAR_TORTURE set to a number of seconds asks for the long
-// form.
+// killing the process. VELDAR_TORTURE set to a number of seconds asks for the long form.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -31,11 +26,6 @@ namespace fs = std::filesystem;
 
 constexpr int BATCHES = 3;
 constexpr uint32_t BATCH_EVENTS = 6;
-
-unsigned torture_seconds() {
-    const char* text = ::getenv("VELDAR_TORTURE");
-    return text == nullptr ? 0 : static_cast<unsigned>(std::atoi(text));
-}
 
 // How far something got: it was begun, or its failure or success was reported.
 enum outcome_t { NOT_BEGUN, BEGUN, FAILED, DONE };
@@ -237,7 +227,7 @@ class Torture : public testing::Test {
         EXPECT_EQ(slices, 1u);
     }
 
-    std::unique_ptr<no_pauses> pauses_ = std::make_unique<no_pauses>();
+    const no_pauses pauses_;
     const no_flushes flushes_;
     std::unique_ptr<temp_dir> dir_;
     std::string index_, mini_;
@@ -273,7 +263,7 @@ TEST_F(Torture, EveryFileCallFails) {
         check(unlink_failed);
         EXPECT_EQ(leak_listener::open_descriptors(), descriptors);
     };
-    const bool brief = torture_seconds() == 0;
+    const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
     for (uint64_t n = 1; n <= calls && !HasFailure(); n++) {
         for (const int error : {ENOSPC, EIO, EMFILE, EINTR}) {
             run(fault_action::fail, n, error, 1);
@@ -288,28 +278,19 @@ TEST_F(Torture, EveryFileCallFails) {
     }
 }
 
-// Runs something in a child process; its wait status.
-int in_child(const std::function<void()>& run) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        st_init("torture");
-        run();
-        ::_exit(0);
-    }
-    int status = 0;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    return status;
-}
-
 TEST_F(Torture, KilledAtEveryFileCall) {
     for (const fault_action action : {fault_action::kill_before, fault_action::kill_after}) {
         for (uint64_t n = 1; !HasFailure(); n++) {
             SCOPED_TRACE(testing::Message() << "action " << static_cast<int>(action) << " at " << n);
             reset();
-            const int status = in_child([&] {
+            const pid_t child = ::fork();
+            if (child == 0) {
                 const fault_step death(action, n);
                 run_workload(index_, mini_, progress_.at);
-            });
+                ::_exit(0);
+            }
+            int status = 0;
+            ASSERT_EQ(::waitpid(child, &status, 0), child);
             check(true);
             if (!WIFSIGNALED(status)) {
                 EXPECT_TRUE(progress_->finished);
@@ -318,101 +299,6 @@ TEST_F(Torture, KilledAtEveryFileCall) {
             }
         }
     }
-}
-
-// Numbers of events, in order of their addresses, as a writer publishes them.
-struct published_t {
-    std::atomic<uint32_t> begun, synced;           // events up to here were put, were synced
-    std::atomic<uint32_t> removal_begun, removed;  // events below were to be deleted, were deleted
-    std::atomic<bool> stop;
-};
-
-void write_for_readers(const std::string& path, published_t* published) {
-    TSWRITEOPTS opts;
-    st_tsidx_write_opts_set_defaults(&opts);
-    THING* const thing = st_open_for_write(path.c_str(), 0, TSIDX_ORDINARY_WRITER, &opts);
-    st_set_params(thing, 512, 4096, 512, 64, 64, 64);
-    for (uint32_t next = 0; !published->stop;) {
-        published->begun = next + 5;
-        for (uint32_t i = 0; i < 5; i++, next++) {
-            if (st_txn_start(thing, static_cast<st_time_t>(next), next, 0, 0, 0) != 0) ::_exit(10);
-            if (st_txn_put(thing, "a", 1) != 0 || st_txn_close(thing) != 0) ::_exit(11);
-        }
-        if (st_sync(thing) != 0) ::_exit(12);
-        published->synced = next;
-        if (next - published->removed < 300) continue;
-        // The older half goes, and with it the slices.
-        const uint32_t end = next - 150;
-        published->removal_begun = end;
-        QUERY query;
-        st_query_init(&query);
-        query.latest = {static_cast<st_time_t>(end - 1), 0};
-        query.lispy = "[AND a]";
-        if (st_tsidx_delete_by_query(st_directory(thing), &query) != end - published->removed) ::_exit(13);
-        published->removed = end;
-    }
-    ::_exit(st_close(thing) == 0 ? 0 : 14);
-}
-
-void read_beside_writer(const std::string& path, published_t* published) {
-    THING* const thing = st_open_for_read(path.c_str());
-    QUERY query;
-    st_query_init(&query);
-    query.latest = {INT32_MAX, 0};
-    query.lispy = "[AND a]";
-    std::vector<st_tsval> answers(1000);
-    for (int rounds = 0; !published->stop || rounds == 0; rounds++) {
-        const uint32_t removed = published->removed, synced = published->synced;
-        const int count = st_query(thing, &query, answers.data(), 1000, 1);
-        const uint32_t removal_begun = published->removal_begun, begun = published->begun;
-        if (count < 0) {
-            std::fprintf(stderr, "a query failed with %d: %s\n", count,
-                         st_tsidx_last_failure(st_directory(thing))->message);
-            ::_exit(20);
-        }
-        // Newest first: without a gap down to where deletes were at work.
-        for (int i = 1; i < count; i++) {
-            const uint32_t newer = answers[static_cast<size_t>(i - 1)].address,
-                           older = answers[static_cast<size_t>(i)].address;
-            if (older >= newer) ::_exit(21);
-            if (older + 1 != newer && newer > removal_begun) ::_exit(22);
-        }
-        if (count == 0 && synced > removal_begun) ::_exit(23);
-        if (count == 0) continue;
-        const uint32_t newest = answers[0].address, oldest = answers[static_cast<size_t>(count - 1)].address;
-        // The newest events may be among those that the writer has begun to delete meanwhile.
-        if (std::max(newest + 1, removal_begun) < synced || newest >= begun) ::_exit(24);
-        if (oldest < removed || (oldest > removal_begun && oldest != 0)) ::_exit(25);
-    }
-    ::_exit(st_close(thing) == 0 ? 0 : 26);
-}
-
-TEST_F(Torture, OneWriterAndThreeReaders) {
-    pauses_.reset();  // which give a crowded machine's processes their turns
-    shared<published_t> published;
-    const std::string path = index_;
-    std::vector<pid_t> children;
-    for (int i = 0; i < 4; i++) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            st_init("torture");
-            i == 0 ? write_for_readers(path, published.at) : read_beside_writer(path, published.at);
-        }
-        children.push_back(child);
-    }
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(std::max(torture_seconds(), 2u));
-    while (std::chrono::steady_clock::now() < end) {
-        const timespec pause = {.tv_sec = 0, .tv_nsec = 50'000'000};
-        ::nanosleep(&pause, nullptr);
-    }
-    published->stop = true;
-    for (const pid_t child : children) {
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), 0) << (child == children[0] ? "writer" : "reader");
-    }
-    EXPECT_GT(published->removed, 150u);
 }
 
 }  // namespace
