@@ -411,94 +411,79 @@ TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
     EXPECT_EQ(run_at(oldest, {"search", "*", "-n1"}).out, (*events)[held - 1].text + "\n");
 }
 
-// While a search is under way, slices that it has not opened yet are merged: it goes on with the merged one.
-TEST(EventStream, MergesMeanwhileChangeNoAnswer) {
+// While a search of everything is under way, slices that it has not opened yet are merged: it goes on with the merged
+// ones. `write` makes a slice of events, its path; `next` takes each event found.
+template <typename Event, typename Write, typename Next>
+void search_while_merging(const temp_dir& dir, std::mt19937* random, const std::vector<std::vector<Event>>& pieces,
+                          const Write& write, const Next& next) {
+    std::vector<std::pair<std::vector<Event>, std::string>> slices;
+    for (const std::vector<Event>& piece : pieces) slices.emplace_back(piece, write(piece, slices.size()));
     query_options options;
-    options.words = {"every"};
+    options.words = {"*"};
     const prepared_query query = query_prepare(options);
+    troubles trouble;
+    event_stream stream;
+    event_stream_open(&stream, dir.path(), &query, 1 + (*random)() % 30, &trouble);
+    stream_event event;
+    for (uint64_t id = 1000; event_stream_next(&stream, &event); id++) {
+        next(event.value);
+        if ((*random)() % 3 != 0 || slices.size() < 2) continue;
+        const auto merged = slices.begin() + static_cast<ptrdiff_t>((*random)() % (slices.size() - 1));
+        for (const auto& gone : {merged[0], merged[1]}) fs::remove(gone.second);
+        merged->first.insert(merged->first.end(), merged[1].first.begin(), merged[1].first.end());
+        merged->second = write(merged->first, id);
+        slices.erase(merged + 1);
+    }
+    EXPECT_FALSE(trouble.incomplete);
+}
+
+TEST(EventStream, MergesMeanwhileChangeNoAnswer) {
     std::mt19937 random(11);
     for (uint32_t round = 0; round < 10; round++) {
         const temp_dir dir;
         std::vector<forge_event> all = forge_random_events(round, 400);
-        std::set<std::pair<int32_t, uint32_t>, std::greater<>> left;
+        std::vector<std::pair<int32_t, uint32_t>> expected, found;
         for (forge_event& event : all) {
             event.time /= 16;  // several events of one second
-            event.terms.emplace_back("every");
-            if (!event.deleted) left.emplace(event.time, event.address);
+            if (!event.deleted) expected.emplace_back(event.time, event.address);
         }
+        std::sort(expected.rbegin(), expected.rend());
         std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
-        struct part {
-            std::vector<forge_event> events;
-            std::string path;
-        };
-        std::vector<part> parts;
+        std::vector<std::vector<forge_event>> pieces;
         for (auto begin = all.begin(); begin != all.end();) {
             const auto end = begin + std::min<ptrdiff_t>(1 + random() % 4, all.end() - begin);
             const auto from = begin - std::min<ptrdiff_t>(random() % 3, begin - all.begin());  // some lie in two slices
-            parts.push_back({{from, end}, forge_file(dir.path(), {from, end}, forge_as_created(4), parts.size())});
+            pieces.emplace_back(from, end);
             begin = end;
         }
-        troubles trouble;
-        event_stream stream;
-        event_stream_open(&stream, dir.path(), &query, 1 + random() % 20, &trouble);
-        stream_event event;
-        for (uint64_t id = 1000; event_stream_next(&stream, &event); id++) {
-            ASSERT_FALSE(left.empty());
-            EXPECT_EQ(std::make_pair(event.value.time, event.value.address), *left.begin()) << round;
-            left.erase(left.begin());
-            if (random() % 2 != 0 || parts.size() < 2) continue;
-            const size_t at = random() % (parts.size() - 1);
-            for (const size_t gone : {at, at + 1}) fs::remove(parts[gone].path);
-            part& merged = parts[at];
-            merged.events.insert(merged.events.end(), parts[at + 1].events.begin(), parts[at + 1].events.end());
-            merged.path = forge_file(dir.path(), merged.events, forge_as_created(4), id);
-            parts.erase(parts.begin() + static_cast<ptrdiff_t>(at) + 1);
-        }
-        EXPECT_TRUE(left.empty()) << round << ": " << left.size() << " events are missing";
-        EXPECT_FALSE(trouble.incomplete);
+        const auto write = [&](const std::vector<forge_event>& events, uint64_t id) {
+            return forge_file(dir.path(), events, forge_as_created(4), id);
+        };
+        search_while_merging(dir, &random, pieces, write,
+                             [&](const st_tsval& value) { found.emplace_back(value.time, value.address); });
+        EXPECT_EQ(found, expected) << round;
     }
 }
 
 TEST(EventStream, MetricsThatLookAlikeAreAllGiven) {
-    query_options options;
-    options.words = {"*"};
-    const prepared_query query = query_prepare(options);
     std::mt19937 random(12);
     for (uint32_t round = 0; round < 20; round++) {
         const temp_dir dir;
         std::vector<metric_event> all = random_metric_events(round, 200);
+        std::vector<int32_t> expected, found;
         for (metric_event& event : all) {
-            event.time /= 64;
             event.milliseconds = 0;
+            expected.push_back(event.time /= 64);
         }
+        std::sort(expected.rbegin(), expected.rend());
         std::stable_sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.time < b.time; });
-        struct part {
-            std::vector<metric_event> events;
-            std::string path;
+        std::vector<std::vector<metric_event>> pieces;
+        for (auto begin = all.begin(); begin != all.end(); begin += 10) pieces.emplace_back(begin, begin + 10);
+        const auto write = [&](const std::vector<metric_event>& events, uint64_t id) {
+            return forge_metric_file(dir.path(), events, {}, id);
         };
-        std::vector<part> parts;
-        for (auto begin = all.begin(); begin != all.end(); begin += 10) {
-            const std::vector<metric_event> events(begin, begin + 10);
-            parts.push_back({events, forge_metric_file(dir.path(), events, {}, parts.size())});
-        }
-        troubles trouble;
-        event_stream stream;
-        event_stream_open(&stream, dir.path(), &query, 1 + random() % 30, &trouble);
-        stream_event event;
-        size_t left = all.size();
-        for (uint64_t id = 1000; event_stream_next(&stream, &event); id++) {
-            ASSERT_GT(left, 0u);
-            ASSERT_EQ(event.value.time, all[--left].time) << round;
-            if (random() % 6 != 0 || parts.size() < 2) continue;
-            const size_t at = random() % (parts.size() - 1);
-            for (const size_t gone : {at, at + 1}) fs::remove(parts[gone].path);
-            part& merged = parts[at];
-            merged.events.insert(merged.events.end(), parts[at + 1].events.begin(), parts[at + 1].events.end());
-            merged.path = forge_metric_file(dir.path(), merged.events, {}, id);
-            parts.erase(parts.begin() + static_cast<ptrdiff_t>(at) + 1);
-        }
-        EXPECT_EQ(left, 0u) << round;
-        EXPECT_FALSE(trouble.incomplete);
+        search_while_merging(dir, &random, pieces, write, [&](const st_tsval& value) { found.push_back(value.time); });
+        EXPECT_EQ(found, expected) << round;
     }
 }
 

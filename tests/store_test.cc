@@ -84,24 +84,6 @@ TEST(SourceMap, ReadsBackWhatWasAppended) {
     EXPECT_EQ(source_map_stretch_end(map, 1), 0u) << "nothing behind the mark counts as indexed";
 }
 
-TEST(SourceMap, AddressesOfALostStretchAreUsedAgain) {
-    const temp_dir dir;
-    source_map map = open_map(dir.file("source.map"), true);
-    for (uint32_t number = 1; number <= 3; number++) {
-        source_map_put_file(&map, example_file(number, std::string(1, static_cast<char>('a' + number - 1))));
-        source_map_put_stretch(&map, {(number - 1) * 1000, number, 0, 5000});
-    }
-    source_map_put_mark(&map, 1600);  // the slices ended inside b
-    source_map_put_stretch(&map, {1600, 2, 600, 5000});
-    EXPECT_EQ(place_text(map, 999), "a:999..1000");
-    EXPECT_EQ(place_text(map, 1599), "b:599..600");
-    EXPECT_EQ(place_text(map, 1600), "b:600..5000");
-    EXPECT_EQ(place_text(map, 2500), "b:1500..5000");
-    const source_map again = open_map(map.path, false);
-    EXPECT_EQ(again.stretches.size(), 3u);
-    EXPECT_EQ(place_text(again, 2500), "b:1500..5000");
-}
-
 TEST(SourceMap, ATornAppendIsCutOffAndDamageIsTold) {
     const temp_dir dir;
     const std::string path = dir.file("source.map");
