@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "searchthing/warmslice_header.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/formats/metric_text.h"
 #include "tools/veldar/store.h"
@@ -242,6 +243,18 @@ void open_lock(metric_loader* load) {
     }
 }
 
+// A directory holds either events or metrics.
+void refuse_events(const std::string& directory) {
+    const std::vector<std::string> names = slice_names(directory);
+    if (names.empty()) return;
+    const std::string path = directory + "/" + names.front();
+    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    st_warm_slice_body header;
+    warm_rc_t rc;
+    if (!fd.valid() || warm_header_read(fd.get(), &header, &rc) != 0 || st_warm_slice_is_msidx(&header)) return;
+    throw tool_failure{EXIT_USAGE, directory + " holds events and not metrics"};
+}
+
 st_timeval_t present() {
     timespec now;
     st_timeval_t time;
@@ -264,6 +277,7 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
         load->labels.push_back({view.substr(0, equals), view.substr(equals + 1)});
     }
     if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + directory, errno);
+    refuse_events(directory);
     open_lock(load);
     if (options.in_store) store_remove_leftovers(directory);
     metric_notes_open(&load->notes, directory, !options.no_fsync);
