@@ -96,6 +96,9 @@ void query_protect_words(std::vector<std::string>* arguments) {
     static constexpr std::array<std::string_view, 4> COMMANDS = {"search", "count", "explain", "delete"};
     const auto command = std::find_first_of(arguments->begin(), arguments->end(), COMMANDS.begin(), COMMANDS.end());
     if (command == arguments->end()) return;
+    // "metrics query count" asks for a metric, but "-s metrics count" names a store.
+    const auto metrics = std::find(arguments->begin(), command, "metrics");
+    if (metrics != command && (metrics == arguments->begin() || !takes_value(*(metrics - 1)))) return;
     for (auto one = command + 1; one != arguments->end() && *one != "--"; ++one) {
         if (takes_value(*one)) {
             if (++one == arguments->end()) return;
