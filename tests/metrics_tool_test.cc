@@ -156,7 +156,10 @@ TEST(MetricsTool, MalformedLinesAndLabels) {
     EXPECT_EQ(run_tool(TOOL, arguments).status, 2);
     EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 7u);
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", index, "query", "none"}).status, 1);
-    EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", index, "query", "count", "-w", "if=lo"}).status, 1);
+    write_file(file, "count{if=\"lo\"} 1 5\ncount{if=\"eth0\"} 2 5\n");
+    must({"metrics", "--dir", index, "load", file});
+    EXPECT_EQ(must({"metrics", "--dir", index, "query", "count", "-w", "if=lo"}),
+              "1970-01-01T00:00:05Z\t1\tcount{if=\"lo\"}\n");
     write_file(file, "1\t1\t1\t1\t1\t1\tword\n");
     must({"put", dir.path() + "/events", file});
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.path() + "/events", "load", file}).status, 2);
