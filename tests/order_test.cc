@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <set>
 #include <string>
@@ -55,15 +54,15 @@ TEST(Order, ValuesDescendAndTiesKeepTheirOrder) {
 TEST(Order, RecordsKeysAndFileOrderAgree) {
     std::vector<st_tsval> values = random_values(200);
     std::vector<st_tsval_encoded> keys;
+    const auto file_order = [](const st_tsval& v) {
+        st_ntsval n;
+        n.time.set(static_cast<uint32_t>(v.time));
+        n.address.set(v.address);
+        return n;
+    };
     for (const st_tsval& a : values) {
         keys.push_back({a.time, a.address});
         for (const st_tsval& b : values) {
-            const auto file_order = [](const st_tsval& v) {
-                st_ntsval n;
-                n.time.set(static_cast<uint32_t>(v.time));
-                n.address.set(v.address);
-                return n;
-            };
             const st_ntsval x = file_order(a), y = file_order(b);
             EXPECT_EQ(st_ntsval_compare(&x, &y), st_tsval_compare(&a, &b));
         }
@@ -73,8 +72,7 @@ TEST(Order, RecordsKeysAndFileOrderAgree) {
     st_tsval_enc_ptr_qsort(pointers.data(), 200);
     st_tsval_qsort(values.data(), 200);
     for (size_t i = 0; i < values.size(); i++) {
-        EXPECT_EQ(pointers[i]->time, values[i].time);
-        EXPECT_EQ(pointers[i]->address, values[i].address);
+        EXPECT_TRUE(pointers[i]->time == values[i].time && pointers[i]->address == values[i].address) << i;
     }
 }
 
@@ -107,25 +105,6 @@ TEST(Gather, ValuesMoveTheirKeysAlone) {
     }
     EXPECT_EQ(st_tsval_gather(values.data(), 1), 1);
     EXPECT_EQ(st_tsval_gather(nullptr, 0), 0);
-}
-
-TEST(Gather, EqualTermsAddTheirCounts) {
-    const std::string longest(2047, 'z');
-    const std::pair<std::string, uint32_t> input[] = {{"b", 1}, {longest, 2}, {"a", 3},
-                                                      {"b", 4}, {longest, 5}, {"", 6}};
-    std::vector<st_enum_answer> answers(6);
-    for (size_t i = 0; i < 6; i++) {
-        std::memset(answers[i].term, '#', sizeof answers[i].term);
-        std::strcpy(answers[i].term, input[i].first.c_str());
-        answers[i].id = input[i].second;
-    }
-    st_enum_answer_qsort(answers.data(), 6);
-    ASSERT_EQ(st_enum_gather(answers.data(), 6), 4);
-    const std::pair<std::string, uint32_t> expected[] = {{"", 6}, {"a", 3}, {"b", 5}, {longest, 7}};
-    for (size_t i = 0; i < 4; i++) {
-        EXPECT_EQ(answers[i].term, expected[i].first);
-        EXPECT_EQ(answers[i].id, expected[i].second);
-    }
 }
 
 }  // namespace

@@ -223,45 +223,33 @@ TEST(Plist, LongListsSurviveWriterAndReader) {
 }
 
 TEST(Plist, RleBytes) {
+    const ids_t sets = {4, 4, 4, 4, 1, 1, 2, 2, 2};
     const struct {
         ids_t ids;
         std::string bytes;
-    } cases[] = {
-        {{10, 11, 12, 13, 20}, std::string("\x0A\x00\x03\x07", 4)},
-        {{7, 7, 7}, "\x07"},
-        {{0}, std::string("\x00", 1)},
-        {{1}, "\x01"},
-        {{0, 1, 2}, std::string("\x00\x00\x02", 3)},
-        {{1, 2, 300}, std::string("\x01\x00\x01\xAA\x02", 5)},
-        {{0, 5, 6}, std::string("\x00\x05\x00\x01", 4)},
-    };
+        ids_t map = {};  // neighbours of one dimension set keep first and last
+    } cases[] = {{{10, 11, 12, 13, 20}, std::string("\x0A\x00\x03\x07", 4)},
+                 {{7, 7, 7}, "\x07"},
+                 {{0}, std::string("\x00", 1)},
+                 {{1}, "\x01"},
+                 {{0, 1, 2}, std::string("\x00\x00\x02", 3)},
+                 {{1, 2, 300}, std::string("\x01\x00\x01\xAA\x02", 5)},
+                 {{0, 5, 6}, std::string("\x00\x05\x00\x01", 4)},
+                 {{0, 1, 3, 5, 6, 7, 8}, std::string("\x00\x03\x02\x00\x01\x02", 6), sets}};
     for (const auto& c : cases) {
         temp_dir dir;
         const unique_fd fd(::open(dir.file("list").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
         plist_writer_t plw;
-        _plist_writer_open(&plw, fd.get(), 0, {});
+        _plist_writer_open(&plw, fd.get(), 0, c.map);
         ASSERT_EQ(_plist_writer_start_term(&plw), 0);
         for (const uint32_t id : c.ids) ASSERT_EQ(_plist_writer_put(&plw, id), 0);
+        EXPECT_TRUE(c.map.empty() || _plist_writer_put(&plw, 9) == WARM_RC_CAPACITY);
         ASSERT_EQ(_plist_writer_end_term(&plw), 0);
+        EXPECT_TRUE(c.map.empty() || plw.count_forterm == 5) << "0 3 5 6 8";
         EXPECT_EQ(plw.total, c.bytes.size());
         ASSERT_EQ(_plist_writer_close(&plw), 0);
         EXPECT_EQ(read_file(dir.file("list")), c.bytes);
     }
-}
-
-TEST(Plist, NeighboursOfOneDimensionSetKeepFirstAndLast) {
-    temp_dir dir;
-    const unique_fd fd(::open(dir.file("list").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    const ids_t map = {4, 4, 4, 4, 1, 1, 2, 2, 2};
-    plist_writer_t plw;
-    _plist_writer_open(&plw, fd.get(), 0, map);
-    ASSERT_EQ(_plist_writer_start_term(&plw), 0);
-    for (const uint32_t id : {0u, 1u, 3u, 5u, 6u, 7u, 8u}) ASSERT_EQ(_plist_writer_put(&plw, id), 0);
-    EXPECT_EQ(_plist_writer_put(&plw, 9), WARM_RC_CAPACITY);
-    ASSERT_EQ(_plist_writer_end_term(&plw), 0);
-    EXPECT_EQ(plw.count_forterm, 5u);
-    ASSERT_EQ(_plist_writer_close(&plw), 0);
-    EXPECT_EQ(read_file(dir.file("list")), std::string("\x00\x03\x02\x00\x01\x02", 6));  // 0 3 5 6 8
 }
 
 TEST(Plist, DamagedListsAndEntriesAreCorruption) {

@@ -5,9 +5,6 @@
 #include <cerrno>
 #include <limits>
 #include <string>
-#include <vector>
-
-#include "searchthing/list.h"
 
 namespace veldar {
 
@@ -38,22 +35,20 @@ TEST(TimeValue, FromFileNameComponents) {
         const char* text;
         int parsed;
         st_timeval_t value;
-    } cases[] = {
-        {"1700000000", 1, {1700000000, 0}},
-        {"-5", 1, {-5, 0}},
-        {"5.5", 1, {5, 500000000}},
-        {"5.05", 1, {5, 500000000}},
-        {"5.0", 1, {5, 0}},
-        {"12.123456789123", 1, {12, 123456789}},
-        {"12.5x", 0, {}},
-        {"12x", 0, {}},
-        {"12.-5", 0, {}},
-        {"12.", 0, {}},
-        {"2147483648", 0, {}},
-        {"99999999999999999999", 0, {}},
-        {"", 0, {}},
-        {"1.99999999999999999999999", 0, {}},
-    };
+    } cases[] = {{"1700000000", 1, {1700000000, 0}},
+                 {"-5", 1, {-5, 0}},
+                 {"5.5", 1, {5, 500000000}},
+                 {"5.05", 1, {5, 500000000}},
+                 {"5.0", 1, {5, 0}},
+                 {"12.123456789123", 1, {12, 123456789}},
+                 {"12.5x", 0, {}},
+                 {"12x", 0, {}},
+                 {"12.-5", 0, {}},
+                 {"12.", 0, {}},
+                 {"2147483648", 0, {}},
+                 {"99999999999999999999", 0, {}},
+                 {"", 0, {}},
+                 {"1.99999999999999999999999", 0, {}}};
     for (const auto& c : cases) {
         errno = 0;
         st_timeval_t out = {};
@@ -73,31 +68,6 @@ TEST(TimeValue, RangeOverSpan) {
     EXPECT_EQ(spans({0, 100000000}), 103u);
     const st_timeval_t first = {FIRST, 0}, last = {LAST, 0}, second = {1, 0};
     EXPECT_EQ(st_timeval_compute_range_over_span(&first, &last, &second), 0x80000000u);
-}
-
-TEST(List, KeepsItsOrderAfterItRanEmpty) {
-    static int released;
-    released = 0;
-    list_t* list = new_list([](void*) { released++; });
-    ASSERT_NE(list, nullptr);
-    EXPECT_EQ(pop_front(list), nullptr);
-    int items[4] = {0, 1, 2, 3};
-    append_list_node(list)->item = &items[0];
-    EXPECT_EQ(pop_front(list), &items[0]);
-    EXPECT_EQ(push_front(list, &items[1]), 0);
-    append_list_node(list)->item = &items[2];
-    EXPECT_EQ(push_front(list, &items[0]), 0);
-    append_list_node(list)->item = &items[3];
-    std::vector<int> seen;
-    list_apply(
-        list, [](void* item, void* out) { static_cast<std::vector<int>*>(out)->push_back(*static_cast<int*>(item)); },
-        &seen);
-    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3}));
-    EXPECT_EQ(get_count(list), 4u);
-    EXPECT_EQ(top_front(list), &items[0]);
-    delete_list(&list, true);
-    EXPECT_TRUE(list == nullptr && released == 4);
-    list_apply(list, nullptr, nullptr);
 }
 
 }  // namespace
