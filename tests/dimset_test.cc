@@ -100,17 +100,12 @@ TEST(Dimset, WordsAndViews) {
     ds_dimset_add_optcol(ds, 40);
     ds_dimset_add_optdim(ds, 20);
     EXPECT_EQ(words, (words_t{9, 2, 10, 11, 12, 30, 20, 40, 41, 0, 0, 0}));
-    EXPECT_EQ(ds_dimset_all_dims(ds).size(), 5u);
     char line[128] = {};
     std::FILE* const out = ::fmemopen(line, sizeof line, "w");
     ds_dimset_print(out, ds, 7, 3);
     std::fclose(out);
     EXPECT_STREQ(line, "\tdsid=7 num_words=9 num_columns=2 h=10 s=11 st=12 dims0=30 dims1=20 cols0=40 cols1=41\n");
-    words_t fewer = words;
-    fewer[0] = 8;
-    fewer[1] = 1;
-    EXPECT_EQ(ds_dimset_compare(ds_dimset_at(fewer.data()), ds), -1) << "columns [40] before [40, 41]";
-    EXPECT_EQ(ds_copy(ds_dimset_at(fewer.data()), 8, ds), WARM_RC_CAPACITY);
+    EXPECT_EQ(ds_copy(ds_dimset_at(words.data()), 8, ds), WARM_RC_CAPACITY);
 }
 
 TEST(Dimset, SectionsAndTheirMerge) {
@@ -125,16 +120,17 @@ TEST(Dimset, SectionsAndTheirMerge) {
         std::vector<const st_warm_slice_body*> headers;
         std::vector<uint64_t> offsets;
         std::vector<std::span<const uint32_t>> term_maps;
+        const auto mapped = [&maps](uint32_t s, words_t words) {
+            for (size_t i = 2; i < words.size(); i++)
+                words[i] = words[i] == DS_NO_TERM ? DS_NO_TERM : maps[s][words[i]];
+            return words;
+        };
         model expected;
         for (uint32_t s = 0; s < sources; s++) {
             const uint64_t count = random() % 3 == 0 ? random() % 3 : random() % 3000;
             while (models[s].size() < count) models[s].insert(random_set(random, 40));
             for (uint32_t term = 0, id = 0; term < 40; term++) maps[s].push_back(id += 1 + (random() % 4 == 0));
-            for (words_t words : models[s]) {
-                for (size_t i = 2; i < words.size(); i++)
-                    words[i] = words[i] == DS_NO_TERM ? words[i] : maps[s][words[i]];
-                expected.insert(words);
-            }
+            for (const words_t& words : models[s]) expected.insert(mapped(s, words));
             const auto n = static_cast<uint32_t>(models[s].size());
             files.push_back(std::make_unique<section_file>(section_of(models[s]), n));
             std::vector<words_t> read;
@@ -161,10 +157,8 @@ TEST(Dimset, SectionsAndTheirMerge) {
         const std::vector<words_t> merged(expected.begin(), expected.end());
         for (uint32_t s = 0; s < sources; s++) {
             uint32_t old_id = 0;
-            for (words_t words : models[s]) {
-                for (size_t i = 2; i < words.size(); i++)
-                    words[i] = words[i] == DS_NO_TERM ? words[i] : maps[s][words[i]];
-                ASSERT_EQ(merged[info.dimset_old2new_id_maps[s][old_id++]], words);
+            for (const words_t& words : models[s]) {
+                ASSERT_EQ(merged[info.dimset_old2new_id_maps[s][old_id++]], mapped(s, words));
             }
         }
     }

@@ -46,11 +46,6 @@ TEST(Forge, ValuesMetadataAndCompanionsAreTheWrittenExamples) {
     EXPECT_EQ(bytes_at(file, 176, 177), unhex("01"));  // deleted, not deleted
     // 2 bits of count, 2 + 2 of times: x 2, 0, 3 and y 1, 3, 3.
     EXPECT_EQ(bytes_at(file, picture.at.metadata, picture.at.lexicon), unhex("72 0F 000000000000"));
-    EXPECT_EQ(bytes_at(file, 0, 60), unhex("5F54534944583900 00000002 00000003 00000002 00000001 00000001 00000001"
-                                           "00000001 00000001 00000003 00000001 00000001 00000001 00000001"));
-    EXPECT_EQ(bytes_at(file, 60, 120), unhex("00000064 00000067 00000000 0000000000000002 0000000A 0000000F"
-                                             "0000000000000000 00000000") +
-                                           std::string(20, '\0'));
     options.magic = "Veldar3";
     options.wflags = 0;
     file = forge_slice(events, options, &picture);

@@ -38,15 +38,13 @@ void expect_value(const st_tsval& value, const forge_event& event, bool companio
     EXPECT_EQ(value.h, event.h) << id;
 }
 
-// Writes values (after the header's preambles, which count up) and returns the file.
+// Writes values and returns the file.
 std::string write_packed(const st_warm_slice_body& header, const std::vector<st_tsval>& values) {
     temp_dir dir;
     warm_rc_t rc;
     const unique_fd fd(::open(dir.file("values").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     tsval_writer_t writer;
     EXPECT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), 0) << rc.message;
-    const uint32_t preambles = tsval_encoding(&header) == TSVAL_WITH_PREAMBLES ? header.num_dimsets.get() : 0;
-    for (uint32_t i = 0; i < preambles; i++) EXPECT_EQ(tsval_writer_put_preamble(&writer, i, 7 * i, &rc), 0);
     for (const st_tsval& value : values) EXPECT_EQ(tsval_writer_put(&writer, &value, &rc), 0) << rc.message;
     EXPECT_EQ(tsval_writer_close(&writer, &rc), 0) << rc.message;
     EXPECT_EQ(warm_header_write(fd.get(), &header, &rc), 0);
@@ -138,54 +136,6 @@ TEST(Tsval, PackedValuesOfEveryWidthComeBack) {
     }
 }
 
-TEST(Tsval, PreamblesAndMilliseconds) {
-    const uint64_t flags = WARM_FLAG_PREAMBLES | WARM_FLAG_MS_REQUESTED;
-    for (const uint64_t present : {uint64_t{0}, uint64_t{WARM_FLAG_MS_PRESENT}}) {
-        const uint32_t preambles = 5000, count = 9000;
-        st_warm_slice_body header = make_header("_MSIDX4", flags | present, count);
-        header.num_dimsets.set(preambles);
-        header.earliest.set(100);
-        header.latest.set(100 + count);
-        std::vector<st_tsval> values(count - preambles);
-        for (uint32_t i = 0; i < values.size(); i++) {
-            values[i].time = static_cast<st_time_t>(100 + i);
-            values[i].address = present ? i % 1000 * 1000000 : 0;
-        }
-        const std::string file = write_packed(header, values);
-        ASSERT_EQ(file.size(), _offset_values(&header) + warm_header_tsval_encoded_array_size(&header));
-        // preamble 3, in host order: its first value, then the length of its run
-        EXPECT_EQ(file.substr(128 + 24, 8), std::string("\x03\0\0\0\x15\0\0\0", 8));
-
-        temp_dir dir;
-        write_file(dir.file("v"), file);
-        const unique_fd fd(::open(dir.file("v").c_str(), O_RDONLY | O_CLOEXEC));
-        for (const bool in_memory : {true, false}) {
-            const uint8_t* memory = reinterpret_cast<const uint8_t*>(file.data()) + 128;
-            tsval_reader_t reader;
-            warm_rc_t rc;
-            ASSERT_EQ(
-                tsval_reader_open_partial(&reader, fd.get(), &header, 512, nullptr, in_memory ? memory : nullptr, &rc),
-                0);
-            st_tsval value;
-            for (uint32_t id = 0; id < count; id++) {
-                ASSERT_EQ(tsval_reader_decode(&reader, id, &value, false, 0, &rc), 0) << rc.message;
-                const bool is_preamble = id < preambles;
-                ASSERT_EQ(value.time, is_preamble ? static_cast<int32_t>(id) : values[id - preambles].time);
-                ASSERT_EQ(value.address, is_preamble ? 7 * id : values[id - preambles].address);
-                ASSERT_EQ(value.subsecond, is_preamble ? 0 : value.address);
-            }
-            ASSERT_EQ(tsval_reader_decode_preamble(&reader, 4999, &value, &rc), 0);
-            EXPECT_TRUE(value.time == 4999 && value.address == 34993 && value.s == ST_DELETED_SOURCE);
-            EXPECT_EQ(tsval_reader_decode_preamble(&reader, preambles, &value, &rc), WARM_RC_CORRUPT);
-            tsval_reader_close(&reader);
-        }
-        header.num_dimsets.set(count + 1);
-        tsval_reader_t reader;
-        warm_rc_t rc;
-        EXPECT_EQ(tsval_reader_open_partial(&reader, fd.get(), &header, 512, nullptr, nullptr, &rc), WARM_RC_CORRUPT);
-    }
-}
-
 TEST(Tsval, WriterRefusesWhatTheHeaderCannotHold) {
     const unique_fd fd(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     st_warm_slice_body header = make_header("_TSIDX9", WARM_FLAG_VALUES_PACKED, 10);
@@ -244,21 +194,16 @@ TEST(Tsval, CompanionsOfEveryWidth) {
     }
     tsval_reader_t reader;
     ASSERT_EQ(tsval_reader_open_partial(&reader, -1, &header, 0, nullptr, values, &rc), 0);
-    const auto decode = [&](uint32_t id, st_tsval* value) {
-        return tsval_reader_decode(&reader, id, value, true, 0, &rc);
-    };
     const uint8_t deleted[] = {0x02, 0, 0};
     st_tsval value;
-    reader.s = reader.d = {{deleted, 3}, 1};
-    EXPECT_TRUE(decode(1, &value) == 0 && value.s == ST_DELETED_SOURCE);
-    EXPECT_TRUE(decode(2, &value) == 0 && value.s == 0);
-    reader.d.nbits = 2;
-    EXPECT_EQ(decode(2, &value), WARM_RC_CORRUPT);
+    reader.d = {{deleted, 3}, 2};
+    EXPECT_EQ(tsval_reader_decode(&reader, 2, &value, true, 0, &rc), WARM_RC_CORRUPT);
     reader.d = {};
     const double doubles[] = {0.5, -1e300};
     reader.m = {{reinterpret_cast<const uint8_t*>(doubles), 16}, 64};
-    EXPECT_TRUE(decode(1, &value) == 0 && value.measure == -1e300);
-    EXPECT_EQ(decode(2, &value), WARM_RC_CORRUPT);
+    EXPECT_EQ(tsval_reader_decode(&reader, 1, &value, true, 0, &rc), 0);
+    EXPECT_EQ(value.measure, -1e300);
+    EXPECT_EQ(tsval_reader_decode(&reader, 2, &value, true, 0, &rc), WARM_RC_CORRUPT);
 }
 
 TEST(Tsval, PlainCacheReadsWhatItIsToldTo) {
@@ -304,24 +249,15 @@ TEST(Tsval, PlainCacheReadsWhatItIsToldTo) {
 }
 
 TEST(Tsval, SubsecondsAndMeasures) {
-    const std::pair<uint64_t, uint32_t> subseconds[] = {{0, 0},
-                                                        {1, 0},
-                                                        {8, 0},
-                                                        {uint64_t{1} << 63, 0},
-                                                        {11, 500},
-                                                        {22, 50},
-                                                        {44, 5},
-                                                        {88, 0},
-                                                        {3, 100},
-                                                        {19, 900},
-                                                        {1999, 999},
-                                                        {2 * 123456 + 1, 123},
-                                                        {~uint64_t{0}, 922},
-                                                        {~uint64_t{1}, 46}};
+    const std::pair<uint64_t, uint32_t> subseconds[] = {{0, 0},  {1, 0},  {8, 0},   {11, 500}, {22, 50},
+                                                        {44, 5}, {88, 0}, {3, 100}, {19, 900}, {1999, 999}};
     for (const auto& [encoded, milliseconds] : subseconds) {
         EXPECT_EQ(tsval_decode_subsecond_to_millisecond(encoded), milliseconds) << encoded;
     }
-    const double huge = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(tsval_decode_subsecond_to_millisecond(2 * 123456 + 1), 123u);
+    EXPECT_EQ(tsval_decode_subsecond_to_millisecond(uint64_t{1} << 63), 0u);
+    EXPECT_EQ(tsval_decode_subsecond_to_millisecond(~uint64_t{0}), 922u);
+    EXPECT_EQ(tsval_decode_subsecond_to_millisecond(~uint64_t{1}), 46u);
     const std::pair<double, uint32_t> measures[] = {{0, 0},
                                                     {-1, 0},
                                                     {NAN, 0},
@@ -331,7 +267,7 @@ TEST(Tsval, SubsecondsAndMeasures) {
                                                     {2147483646.5, 2147483646},
                                                     {2147483647, 2147483647},
                                                     {4e9, 2147483647},
-                                                    {huge, 2147483647}};
+                                                    {HUGE_VAL, 2147483647}};
     for (const auto& [measure, whole] : measures) EXPECT_EQ(tsval_clamp_measure(measure), whole) << measure;
 }
 
