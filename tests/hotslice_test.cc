@@ -159,25 +159,6 @@ TEST(HotSlice, CreationLimits) {
     EXPECT_EQ(prepare(make_hot()).code, -1) << "no values";
 }
 
-TEST(HotSlice, Keywords) {
-    const hot_ptr hot = make_hot();
-    const st_txn txn = event(5, 50);
-    EXPECT_EQ(put(hot, "", txn), 0);
-    EXPECT_EQ(st_hot_slice_values(hot.get()), 0u);
-    EXPECT_EQ(put(hot, std::string("a\0b", 3), txn), HOT_PUT_RC_BAD_KEYWORD);
-    EXPECT_EQ(put(hot, std::string(3000, 'x'), txn), 0);
-    EXPECT_EQ(put(hot, std::string(2047, 'x') + std::string(1, '\0'), txn), 0);
-    EXPECT_EQ(put(hot, "k", txn), 0);
-    EXPECT_EQ(put(hot, "k", txn), 0);
-    EXPECT_EQ(put(hot, "k", event(5, 51)), 0);
-    st_hot_slice_txn_abort(hot.get(), HOT_PUT_RC_TERMS_FULL);
-    EXPECT_EQ(put(hot, "ignored", txn), HOT_PUT_RC_TERMS_FULL);
-    const counts c = prepare(hot);
-    EXPECT_EQ(c.values, 2u);
-    EXPECT_EQ(c.terms, 2u);
-    EXPECT_EQ(c.postings, 3u);
-}
-
 // Each hard limit refuses without a trace, and each soft limit is reported before its hard limit. 257 terms count as
 // 512.
 TEST(HotSlice, FullCodes) {
@@ -215,42 +196,6 @@ TEST(HotSlice, FullCodes) {
     }
     for (const int code : {-1, -2, -3, -4, -6, -9}) EXPECT_TRUE(st_hot_slice_needs_limits_adjusted(code));
     for (const int code : {0, -5, -7, -8, -10}) EXPECT_FALSE(st_hot_slice_needs_limits_adjusted(code));
-}
-
-// The check accepts a transaction that just fits, duplicates and known terms counted once, and names the limit
-// otherwise.
-TEST(HotSlice, TransactionCheckIsExact) {
-    struct {
-        limits l;
-        size_t fits;  // distinct new keywords that fit after three puts of one event
-        int code;
-    } const table[] = {
-        {{.terms = 257}, 509, HOT_PUT_RC_TERMS_FULL},
-        {{.postings = 300}, 297, HOT_PUT_RC_POSTINGS_FULL},
-        {{.lexicon = 1000}, 108, HOT_PUT_RC_LEXICON_FULL},
-    };
-    for (const auto& row : table) {
-        for (const size_t more : {0u, 1u}) {
-            const hot_ptr hot = make_hot(row.l);
-            const st_txn txn = event(1, 1);
-            std::vector<std::string> texts = {"10000000", "10000001", "10000002"};
-            for (const std::string& text : texts) ASSERT_EQ(put(hot, text, txn), 0);
-            for (size_t i = 0; i < row.fits + more; i++) texts.push_back(std::to_string(20000000 + i));
-            for (size_t i = 0; i < row.fits; i++) texts.push_back(texts[3 + i]);
-            const std::vector<hot_keyword_t> keywords = buffered(texts);
-            ASSERT_EQ(hot_slice_check_txn(hot.get(), &txn, keywords), more == 0 ? 0 : row.code);
-            if (more != 0) continue;
-            hot_slice_put_all(hot.get(), &txn, keywords);
-            EXPECT_EQ(prepare(hot).postings, 3 + row.fits);
-        }
-    }
-    const hot_ptr hot = make_hot({.values = 2});
-    const st_txn first = event(1, 1), second = event(2, 2), third = event(3, 3);
-    const std::vector<std::string> texts = {"k"};
-    const std::vector<hot_keyword_t> k = buffered(texts);
-    for (const st_txn* txn : {&first, &second}) hot_slice_put_all(hot.get(), txn, k);
-    EXPECT_EQ(hot_slice_check_txn(hot.get(), &third, k), HOT_PUT_RC_VALUES_FULL);
-    EXPECT_EQ(hot_slice_check_txn(hot.get(), &second, k), 0);
 }
 
 TEST(HotSliceDeathTest, StreamingOrderIsTheCallersDuty) {

@@ -69,7 +69,6 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
             const std::string text = tree.notation();
             st_query_spec query = make_query(text.c_str(), bounds);
             query.latest.time_ns = 999999999;  // the bounds of the reference are whole seconds
-            query.opt_a = bounds.neq_matches_missing ? QUERY_NEQ_MATCHES_MISSING : 0;
             std::vector<metric_event> expected, found;
             const std::vector<uint32_t> numbers = reference.search(tree, bounds);
             for (const uint32_t number : numbers) expected.push_back(directory.events[reference.values()[number].s]);

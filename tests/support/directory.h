@@ -50,6 +50,7 @@ inline st_query_spec make_query(const char* text, const reference_bounds& bounds
     query.latest = {bounds.latest, 0};
     query.cumspan = bounds.cumspan;
     query.lispy = text;
+    query.opt_a = bounds.neq_matches_missing ? QUERY_NEQ_MATCHES_MISSING : 0;
     return query;
 }
 
