@@ -187,20 +187,10 @@ TEST(Formats, HugeAndHostileLinesStayCheap) {
         return text;
     };
     std::string access = R"(1.2.3.4 - - [17/May/2015:10:05:03 +0000] )";
-    std::string lines[] = {repeat("x"),
-                           repeat("a="),
-                           repeat("a=\""),
-                           repeat("a=\"\\"),
-                           repeat("["),
-                           repeat("{\"a\":"),
-                           repeat("[{"),
-                           repeat("a=b "),
-                           repeat(" "),
-                           "{\"a\":" + repeat("["),
-                           "{" + repeat("\"a\":{"),
-                           access + "\"" + repeat("\\\""),
-                           "<1>1 - - - - - [" + repeat("a=\"\\\""),
-                           std::string(SIZE, '\0')};
+    std::vector<std::string> lines = {"{\"a\":" + repeat("["), "{" + repeat("\"a\":{"), access + "\"" + repeat("\\\""),
+                                      "<1>1 - - - - - [" + repeat("a=\"\\\""), std::string(SIZE, '\0')};
+    for (const char* unit : {"x", "a=", "a=\"", "a=\"\\", "[", "{\"a\":", "[{", "a=b ", " "})
+        lines.push_back(repeat(unit));
     for (const std::string& line : lines) {
         for (const line_format& format : line_formats()) {
             format_context context;
