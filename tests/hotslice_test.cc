@@ -198,6 +198,34 @@ TEST(HotSlice, FullCodes) {
     for (const int code : {0, -5, -7, -8, -10}) EXPECT_FALSE(st_hot_slice_needs_limits_adjusted(code));
 }
 
+// The check accepts a transaction that just fits, with what it repeats counted once, and names the limit otherwise.
+TEST(HotSlice, TransactionCheckIsExact) {
+    const struct {
+        limits l;
+        size_t fits;
+        int code;
+    } table[] = {{{.terms = 257}, 512, HOT_PUT_RC_TERMS_FULL},
+                 {{.postings = 300}, 300, HOT_PUT_RC_POSTINGS_FULL},
+                 {{.lexicon = 1000}, 111, HOT_PUT_RC_LEXICON_FULL}};
+    const st_txn txn = event(1, 1), other = event(2, 2);
+    for (const auto& row : table) {
+        for (const size_t more : {0u, 1u}) {
+            std::vector<std::string> texts;
+            for (size_t i = 0; i < row.fits + more; i++) texts.push_back(std::to_string(20000000 + i));
+            const hot_ptr hot = make_hot(row.l);
+            for (size_t i = 0; i < 3; i++) ASSERT_EQ(put(hot, texts[i], txn), 0);
+            texts.insert(texts.end(), texts.begin() + 3, texts.begin() + 9);
+            EXPECT_EQ(hot_slice_check_txn(hot.get(), &txn, buffered(texts)), more == 0 ? 0 : row.code);
+        }
+    }
+    const std::vector<std::string> texts = {"k"};
+    const hot_ptr full = make_hot({.values = 1});
+    ASSERT_EQ(put(full, "k", txn), 0);
+    EXPECT_EQ(hot_slice_check_txn(full.get(), &other, buffered(texts)), HOT_PUT_RC_VALUES_FULL);
+    EXPECT_EQ(hot_slice_check_txn(full.get(), &txn, buffered(texts)), 0);
+    EXPECT_EQ(put(full, std::string("a\0b", 3), txn), HOT_PUT_RC_BAD_KEYWORD);
+}
+
 TEST(HotSliceDeathTest, StreamingOrderIsTheCallersDuty) {
     const hot_ptr hot = make_hot({}, true);
     ASSERT_EQ(put(hot, "a", event(10, 10)), 0);
