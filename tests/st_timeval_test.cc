@@ -6,6 +6,8 @@
 #include <limits>
 #include <string>
 
+#include "searchthing/list.h"
+
 namespace veldar {
 
 namespace {
@@ -68,6 +70,20 @@ TEST(TimeValue, RangeOverSpan) {
     EXPECT_EQ(spans({0, 100000000}), 103u);
     const st_timeval_t first = {FIRST, 0}, last = {LAST, 0}, second = {1, 0};
     EXPECT_EQ(st_timeval_compute_range_over_span(&first, &last, &second), 0x80000000u);
+}
+
+TEST(List, KeepsItsOrderAfterItRanEmpty) {
+    list_t* list = new_list(nullptr);
+    int items[3] = {0, 1, 2};
+    EXPECT_EQ(pop_front(list), nullptr);
+    append_list_node(list)->item = &items[0];
+    EXPECT_EQ(pop_front(list), &items[0]);
+    EXPECT_EQ(push_front(list, &items[1]), 0);
+    append_list_node(list)->item = &items[2];
+    EXPECT_EQ(push_front(list, &items[0]), 0);
+    EXPECT_TRUE(get_count(list) == 3 && top_front(list) == &items[0]);
+    for (int& item : items) EXPECT_EQ(pop_front(list), &item);
+    delete_list(&list, false);
 }
 
 }  // namespace
