@@ -223,7 +223,7 @@ TEST(HotSlice, TransactionCheckIsExact) {
     ASSERT_EQ(put(full, "k", txn), 0);
     EXPECT_EQ(hot_slice_check_txn(full.get(), &other, buffered(texts)), HOT_PUT_RC_VALUES_FULL);
     EXPECT_EQ(hot_slice_check_txn(full.get(), &txn, buffered(texts)), 0);
-    EXPECT_EQ(put(full, std::string("a\0b", 3), txn), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(put(make_hot(), std::string("a\0b", 3), txn), HOT_PUT_RC_BAD_KEYWORD);
 }
 
 TEST(HotSliceDeathTest, StreamingOrderIsTheCallersDuty) {
