@@ -15,6 +15,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/forge.h"
 #include "tests/support/fsck.h"
+#include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -44,50 +45,6 @@ event_list united(const event_list& events) {
         std::sort(event.terms.begin(), event.terms.end());
         event.terms.erase(std::unique(event.terms.begin(), event.terms.end()), event.terms.end());
         out.push_back(std::move(event));
-    }
-    return out;
-}
-
-int collect_term(int32_t, const char* term, size_t length, void* context) {
-    static_cast<std::vector<std::string>*>(context)->emplace_back(term, length);
-    return 1;
-}
-
-// The slice's events through the engine's readers. Adds the kinds of lists that it meets to `kinds`.
-event_list read_slice(const std::string& path, uint32_t* kinds = nullptr) {
-    warm_rc_t rc;
-    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
-    if (warm == nullptr) {
-        ADD_FAILURE() << path << ": " << rc.warm_rc << " " << rc.message;
-        return {};
-    }
-    event_list out;
-    for (uint32_t id = 0; id < st_warm_slice_values(warm.get()); id++) {
-        st_tsval value;
-        EXPECT_EQ(tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &rc), 0) << rc.message;
-        const bool deleted = value.s == ST_DELETED_SOURCE;
-        out.push_back({value.time,
-                       value.address,
-                       static_cast<uint32_t>(value.measure),
-                       deleted ? 0 : value.s,
-                       value.st,
-                       value.h,
-                       {},
-                       deleted});
-    }
-    std::vector<std::string> terms;
-    st_fclex_apply(warm->lexicon, nullptr, collect_term, &terms, nullptr);
-    EXPECT_EQ(terms.size(), st_warm_slice_terms(warm.get()));
-    plist_reader lists;
-    EXPECT_EQ(_init_reader(&lists, warm.get(), 0, nullptr, &rc), 0);
-    for (uint32_t term = 0; term < terms.size(); term++) {
-        uint32_t type = 0, count = 0;
-        _pl_offset_reader(&lists, int64_t{term} - 1, &type, &rc);
-        if (kinds != nullptr) *kinds |= 1u << type;
-        std::vector<uint32_t> ids(out.size() + 1);
-        EXPECT_EQ(_seek_reader(&lists, term, &rc), 0) << rc.message;
-        EXPECT_EQ(plist_copy(&lists, ids.data(), static_cast<uint32_t>(ids.size()), PLIST_END, &count, &rc), 0);
-        for (uint32_t i = 0; i < count; i++) out[ids[i]].terms.push_back(terms[term]);
     }
     return out;
 }

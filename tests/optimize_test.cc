@@ -14,7 +14,6 @@
 #include <set>
 
 #include "libzero/resource.h"
-#include "searchthing/log.h"
 #include "searchthing/merge_manifest.h"
 #include "searchthing/st_init.h"
 #include "searchthing/st_optimize.h"
@@ -86,12 +85,14 @@ TEST_F(Optimize, ManifestIsBelievedOnlyWhole) {
     }
 }
 
-// A process of this host that has ended.
-int64_t process_gone() {
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(0);
-    ::waitpid(child, nullptr, 0);
-    return child;
+// The files of a directory without those that say how it is written.
+std::set<std::string> names_in(const std::string& directory) {
+    std::set<std::string> found;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        const std::string name = entry.path().filename();
+        if (name != TSIDX_PARAMS_NAME && name != TSIDX_NEED_OPTIMIZE_NAME) found.insert(name);
+    }
+    return found;
 }
 
 // The files of a merge of two slices, cut off somewhere.
@@ -105,7 +106,7 @@ struct cut_off_merge {
         const std::string merged = put_slice(elsewhere.path(), {event_at(1), event_at(2)});
         sources = {put_slice(dir.path(), {event_at(2)}), put_slice(dir.path(), {event_at(1)})};
         merge_owner_t owner = merge_owner_self();
-        owner.process = process_gone();
+        owner.process = process_that_is_gone();
         manifest = {owner, merged, merged.substr(0, merged.rfind('.')) + TSIDX_PRE_SUFFIX, sources};
         fs::copy_file(elsewhere.file(merged), dir.file(manifest.temp));
         if (has_target) fs::create_hard_link(dir.file(manifest.temp), dir.file(merged));
@@ -113,13 +114,7 @@ struct cut_off_merge {
     void write(const std::string& text, const char* name = MERGE_MANIFEST_NAME) const {
         write_file(dir.file(name), text);
     }
-    std::set<std::string> names() const {
-        std::set<std::string> found;
-        for (const auto& entry : fs::directory_iterator(dir.path())) {
-            if (!entry.path().string().ends_with(".dat")) found.insert(entry.path().filename());
-        }
-        return found;
-    }
+    std::set<std::string> names() const { return names_in(dir.path()); }
 };
 
 // Through a handle that was open before the crash.
@@ -157,10 +152,7 @@ TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
             if (row.locked) {
                 ASSERT_EQ(::flock(fd.get(), LOCK_EX), 0);
             }
-            const timespec times[2] = {{.tv_sec = 1000000000, .tv_nsec = 0}, {.tv_sec = 1000000000, .tv_nsec = 0}};
-            if (row.old) {
-                ASSERT_EQ(::futimens(fd.get(), times), 0);
-            }
+            if (row.old) make_old(merge.dir.file(name));
             open_directory(merge.dir.path());
             EXPECT_EQ(fs::exists(merge.dir.file(name)), !row.undone);
             EXPECT_EQ(fs::exists(merge.dir.file(merge.manifest.temp)), !row.undone);
@@ -169,11 +161,7 @@ TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
     }
     const cut_off_merge merge(false);
     merge.write(merge_manifest_text(merge.manifest) + "x");
-    stSetupLogger(0, 1);
-    testing::internal::CaptureStderr();
-    open_directory(merge.dir.path());
-    const std::string log = testing::internal::GetCapturedStderr();
-    stSetupLogger(0, 0);
+    const std::string log = logged([&] { open_directory(merge.dir.path()); });
     EXPECT_NE(log.find("WARN  a damaged merge manifest was set aside"), std::string::npos) << log;
 }
 
@@ -260,13 +248,7 @@ class OptimizeFaults : public Optimize {
         fs::copy(original_.path(), path());
     }
     std::string path() const { return dir_.file("index"); }
-    std::set<std::string> names() const {
-        std::set<std::string> found;
-        for (const auto& entry : fs::directory_iterator(path())) {
-            if (entry.path().filename() != TSIDX_NEED_OPTIMIZE_NAME) found.insert(entry.path().filename());
-        }
-        return found;
-    }
+    std::set<std::string> names() const { return names_in(path()); }
     int optimize() const {
         const directory_ptr tsidx = open_directory(path());
         return st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
@@ -279,8 +261,7 @@ class OptimizeFaults : public Optimize {
         const int status = optimize();
         EXPECT_TRUE(status == 0 || status == WARM_RC_FEW_SLICES) << status;
         EXPECT_EQ(sorted_events(path()), expected_);
-        std::set<std::string> left = names();
-        left.erase(TSIDX_PARAMS_NAME);
+        const std::set<std::string> left = names();
         EXPECT_EQ(left.size(), 1u);
         EXPECT_TRUE(left.begin()->ends_with(TSIDX_SUFFIX)) << *left.begin();
     }
@@ -456,12 +437,11 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     TSWRITEOPTS opts;
     st_tsidx_write_opts_init_with_byte_sizes(&opts, 3, 7000000, 64, 8388608, 1, 1024);
     const auto run = [&](const std::string& directory, bool is_final, uint32_t iterations, uint32_t flags = 0) {
-        stSetupLogger(0, 1);
-        testing::internal::CaptureStderr();
-        const int result = st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0, flags,
-                                       nullptr, nullptr);
-        const std::string log = testing::internal::GetCapturedStderr();
-        stSetupLogger(0, 0);
+        int result = 0;
+        const std::string log = logged([&] {
+            result = st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0, flags,
+                                 nullptr, nullptr);
+        });
         return std::to_string(result) + "\n" + log;
     };
     const auto expected = [&](int result, int rc, const std::string& directory, const char* is_final, int iterations,
@@ -529,10 +509,8 @@ TEST_F(Optimize, Tools) {
     for (int i = 0; i < 9; i++) load({"--no-optimize"});
     ASSERT_EQ(slices(), 9u);
     EXPECT_EQ(count(), "27\n");
-    const tool_result plan = run_tool("veldar/veldar", {"optimize", store, "--dry-run"});
-    EXPECT_EQ(plan.status, 0);
-    EXPECT_NE(plan.out.find("bucket-000001: 9 slices, "), std::string::npos) << plan.out;
-    EXPECT_EQ(slices(), 9u);
+    const std::string plan = run_tool("veldar/veldar", {"optimize", store, "--dry-run"}).out;
+    EXPECT_NE(plan.find("bucket-000001: 9 slices, "), std::string::npos) << plan;
     EXPECT_NE(load({}).find("10 slices merged into 1, "), std::string::npos);
     load({});
     EXPECT_EQ(slices(), 2u);

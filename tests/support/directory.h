@@ -3,12 +3,18 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "searchthing/log.h"
+#include "searchthing/search_literals.h"
 #include "searchthing/tsidx_read.h"
 #include "tests/support/faults.h"
 #include "tests/support/reference.h"
@@ -41,6 +47,28 @@ class directory_test : public testing::Test {
     const no_flushes flushes_;
 };
 
+// A process of this host that has ended.
+inline pid_t process_that_is_gone() {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ::waitpid(child, nullptr, 0);
+    return child;
+}
+// Gives a file a time years ago.
+inline void make_old(const std::string& path) {
+    std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(99999));
+}
+
+// What is logged meanwhile.
+template <typename F>
+std::string logged(const F& act) {
+    stSetupLogger(0, 1);
+    testing::internal::CaptureStderr();
+    act();
+    stSetupLogger(0, 0);
+    return testing::internal::GetCapturedStderr();
+}
+
 using event_key = std::pair<st_time_t, st_addr_t>;
 
 // Borrows the text.
@@ -49,6 +77,7 @@ inline st_query_spec make_query(const char* text, const reference_bounds& bounds
     query.earliest = {bounds.earliest, 0};
     query.latest = {bounds.latest, 0};
     query.cumspan = bounds.cumspan;
+    query.opt_a = bounds.neq_matches_missing ? QUERY_NEQ_MATCHES_MISSING : 0;
     query.lispy = text;
     query.opt_a = bounds.neq_matches_missing ? QUERY_NEQ_MATCHES_MISSING : 0;
     return query;

@@ -88,7 +88,7 @@ size_t maybe_half(size_t size, bool shortened) {
 
 struct {
     bool skipped = false;
-    uint64_t count = 0, microseconds = 0;
+    uint64_t microseconds = 0;
 } pauses;
 
 }  // namespace
@@ -157,9 +157,6 @@ no_pauses::no_pauses() {
 no_pauses::~no_pauses() {
     pauses = {};
 }
-uint64_t no_pauses::count() const {
-    return pauses.count;
-}
 uint64_t no_pauses::microseconds() const {
     return pauses.microseconds;
 }
@@ -168,8 +165,11 @@ uint64_t no_pauses::microseconds() const {
 
 using veldar::allocation_fails;
 using veldar::fault_call;
+using veldar::flushes_skipped;
 using veldar::maybe_half;
 using veldar::through;
+using void_ptr = void*;
+using dir_ptr = DIR*;
 
 extern "C" {
 
@@ -177,19 +177,7 @@ int __real_open(const char* path, int flags, ...);
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
 ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
-int __real_fsync(int fd);
-int __real_fdatasync(int fd);
-int __real_link(const char* from, const char* to);
-int __real_unlink(const char* path);
-int __real_rename(const char* from, const char* to);
 int __real_close(int fd);
-int __real_fstat(int fd, struct stat* out);
-int __real_stat(const char* path, struct stat* out);
-int __real_access(const char* path, int mode);
-void* __real_mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset);
-int __real_msync(void* address, size_t size, int flags);
-DIR* __real_opendir(const char* path);
-int __real_flock(int fd, int operation);
 int __real_usleep(useconds_t pause);
 void* __real__Znwm(size_t size);
 void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
@@ -215,21 +203,6 @@ ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
     return through(fault_call::pread, ssize_t{-1},
                    [&](bool half) { return __real_pread(fd, data, maybe_half(size, half), offset); });
 }
-int __wrap_fsync(int fd) {
-    return through(fault_call::fsync, -1, [&](bool) { return veldar::flushes_skipped ? 0 : __real_fsync(fd); });
-}
-int __wrap_fdatasync(int fd) {
-    return through(fault_call::fsync, -1, [&](bool) { return veldar::flushes_skipped ? 0 : __real_fdatasync(fd); });
-}
-int __wrap_link(const char* from, const char* to) {
-    return through(fault_call::link, -1, [&](bool) { return __real_link(from, to); });
-}
-int __wrap_unlink(const char* path) {
-    return through(fault_call::unlink, -1, [&](bool) { return __real_unlink(path); });
-}
-int __wrap_rename(const char* from, const char* to) {
-    return through(fault_call::rename, -1, [&](bool) { return __real_rename(from, to); });
-}
 int __wrap_close(int fd) {
     bool closed = false;
     const int result = through(fault_call::close, -1, [&](bool) {
@@ -241,32 +214,36 @@ int __wrap_close(int fd) {
     errno = saved_errno;
     return result;
 }
-int __wrap_fstat(int fd, struct stat* out) {
-    return through(fault_call::stat, -1, [&](bool) { return __real_fstat(fd, out); });
-}
-int __wrap_stat(const char* path, struct stat* out) {
-    return through(fault_call::stat, -1, [&](bool) { return __real_stat(path, out); });
-}
-int __wrap_access(const char* path, int mode) {
-    return through(fault_call::access, -1, [&](bool) { return __real_access(path, mode); });
-}
-void* __wrap_mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
-    return through(fault_call::map, MAP_FAILED,
-                   [&](bool) { return __real_mmap(address, size, protection, flags, fd, offset); });
-}
-int __wrap_msync(void* address, size_t size, int flags) {
-    return through(fault_call::msync, -1,
-                   [&](bool) { return veldar::flushes_skipped ? 0 : __real_msync(address, size, flags); });
-}
-DIR* __wrap_opendir(const char* path) {
-    return through(fault_call::opendir, static_cast<DIR*>(nullptr), [&](bool) { return __real_opendir(path); });
-}
-int __wrap_flock(int fd, int operation) {
-    return through(fault_call::flock, -1, [&](bool) { return __real_flock(fd, operation); });
-}
+
+// A call that happens as it stands or fails.
+#define WRAP(call, result, failure, name, parameters, ...)                                                   \
+    result __real_##name parameters;                                                                         \
+    result __wrap_##name parameters {                                                                        \
+        return through(fault_call::call, result(failure), [&](bool) { return __real_##name(__VA_ARGS__); }); \
+    }
+WRAP(link, int, -1, link, (const char* from, const char* to), from, to)
+WRAP(unlink, int, -1, unlink, (const char* path), path)
+WRAP(rename, int, -1, rename, (const char* from, const char* to), from, to)
+WRAP(stat, int, -1, fstat, (int fd, struct stat* out), fd, out)
+WRAP(stat, int, -1, stat, (const char* path, struct stat* out), path, out)
+WRAP(access, int, -1, access, (const char* path, int mode), path, mode)
+WRAP(map, void_ptr, MAP_FAILED, mmap, (void* at, size_t size, int protection, int flags, int fd, off_t offset), at,
+     size, protection, flags, fd, offset)
+WRAP(opendir, dir_ptr, nullptr, opendir, (const char* path), path)
+WRAP(flock, int, -1, flock, (int fd, int operation), fd, operation)
+
+// One that no_flushes keeps from happening.
+#define WRAP_FLUSH(call, name, parameters, ...)                                                                       \
+    int __real_##name parameters;                                                                                     \
+    int __wrap_##name parameters {                                                                                    \
+        return through(fault_call::call, -1, [&](bool) { return flushes_skipped ? 0 : __real_##name(__VA_ARGS__); }); \
+    }
+WRAP_FLUSH(fsync, fsync, (int fd), fd)
+WRAP_FLUSH(fsync, fdatasync, (int fd), fd)
+WRAP_FLUSH(msync, msync, (void* at, size_t size, int flags), at, size, flags)
+
 int __wrap_usleep(useconds_t pause) {
     if (!veldar::pauses.skipped) return __real_usleep(pause);
-    veldar::pauses.count++;
     veldar::pauses.microseconds += pause;
     return 0;
 }

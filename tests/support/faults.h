@@ -99,7 +99,6 @@ class no_pauses {
     no_pauses(const no_pauses&) = delete;
     no_pauses& operator=(const no_pauses&) = delete;
 
-    uint64_t count() const;
     uint64_t microseconds() const;
 };
 

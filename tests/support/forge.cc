@@ -21,29 +21,21 @@ uint32_t bit_length(uint32_t v) {
     return static_cast<uint32_t>(std::bit_width(v));
 }
 
-namespace {
-
 // Companion widths are never 0: a value of 0 still takes one bit.
-uint32_t digits(uint32_t v) {
+static uint32_t digits(uint32_t v) {
     return std::max(1u, bit_length(v));
 }
-
-}  // namespace
 
 void put_be(std::string* out, uint64_t v, int bytes) {
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out->push_back(static_cast<char>(v >> shift));
 }
 
-namespace {
-
-std::string vbe(uint32_t v) {
+static std::string vbe(uint32_t v) {
     std::string out;
     for (; v >= 0x80; v >>= 7) out.push_back(static_cast<char>(v | 0x80));
     out.push_back(static_cast<char>(v));
     return out;
 }
-
-}  // namespace
 
 void bit_string::put(uint64_t v, uint32_t nbits) {
     for (uint32_t i = 0; i < nbits; i++, bits++) {

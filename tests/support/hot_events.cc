@@ -5,10 +5,8 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "libzero/endian.h"
-#include "libzero/vbe.h"
+#include "searchthing/plist.h"
 #include "searchthing/warmslice.h"
-#include "tests/support/temp_dir.h"
 
 namespace veldar {
 
@@ -54,48 +52,49 @@ int put_event(TSIDX* tsidx, const forge_event& event) {
     return st_tsidx_txn_close(tsidx, &txn);
 }
 
-namespace {
-
-int collect_term(int32_t, const char* term, size_t length, void* context) {
-    static_cast<std::vector<std::string>*>(context)->emplace_back(term, length);
-    return 1;
-}
-
-void read_created_slice(const std::string& path, std::vector<forge_event>* events) {
+std::vector<forge_event> read_slice(const std::string& path, uint32_t* kinds) {
     warm_rc_t rc;
-    WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
-    if (warm == nullptr) throw std::runtime_error(path + " does not open: " + rc.message);
-    std::vector<std::string> terms;
-    st_fclex_apply(warm->lexicon, nullptr, collect_term, &terms, nullptr);
-    const size_t first = events->size();
+    const auto require = [&](bool condition) {
+        if (!condition) throw std::runtime_error(path + ": " + std::to_string(rc.warm_rc) + " " + rc.message);
+    };
+    WARM* const warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
+    require(warm != nullptr);
+    std::vector<forge_event> events;
     for (uint32_t number = 0; number < st_warm_slice_values(warm); number++) {
         st_tsval value;
-        if (tsval_reader_decode(&warm->tsval_reader, number, &value, false, 0, &rc) != 0)
-            throw std::runtime_error(path);
+        require(tsval_reader_decode(&warm->tsval_reader, number, &value, false, 0, &rc) == 0);
         const bool deleted = value.s == ST_DELETED_SOURCE;
-        events->push_back({.time = value.time,
-                           .address = value.address,
-                           .measure = static_cast<uint32_t>(value.measure),
-                           .s = deleted ? 0 : value.s,
-                           .st = value.st,
-                           .h = value.h,
-                           .terms = {},
-                           .deleted = deleted});
+        events.push_back({.time = value.time,
+                          .address = value.address,
+                          .measure = static_cast<uint32_t>(value.measure),
+                          .s = deleted ? 0 : value.s,
+                          .st = value.st,
+                          .h = value.h,
+                          .terms = {},
+                          .deleted = deleted});
     }
-    const std::string file = read_file(path);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(file.data());
-    uint64_t position = 0;
-    for (size_t term = 0; term < terms.size(); term++) {
-        const uint64_t end = load_be64(bytes + _offset_pl_offs(warm->body) + 8 * term);
-        for (uint32_t number = 0, gap; position < end;
-             number += gap, events->at(first + number).terms.push_back(terms[term])) {
-            position += st_decode_from_vbe(&gap, bytes + warm->postings_base + position);
-        }
+    std::vector<std::string> terms;
+    const auto collect = [](int32_t, const char* term, size_t length, void* context) {
+        static_cast<std::vector<std::string>*>(context)->emplace_back(term, length);
+        return 1;
+    };
+    st_fclex_apply(warm->lexicon, nullptr, collect, &terms, nullptr);
+    require(terms.size() == st_warm_slice_terms(warm));
+    plist_reader lists;
+    require(_init_reader(&lists, warm, 0, nullptr, &rc) == 0);
+    for (uint32_t term = 0; term < terms.size(); term++) {
+        uint32_t type = 0, count = 0;
+        _pl_offset_reader(&lists, int64_t{term} - 1, &type, &rc);
+        if (kinds != nullptr) *kinds |= 1u << type;
+        std::vector<uint32_t> ids(events.size() + 1);
+        require(_seek_reader(&lists, term, &rc) == 0);
+        require(plist_copy(&lists, ids.data(), static_cast<uint32_t>(ids.size()), PLIST_END, &count, &rc) == 0);
+        for (uint32_t i = 0; i < count; i++) events[ids[i]].terms.push_back(terms[term]);
     }
+    close_plist_reader(&lists);
     st_warm_slice_close(warm);
+    return events;
 }
-
-}  // namespace
 
 std::vector<std::string> files_in(const std::string& directory, const std::string& suffix) {
     std::vector<std::string> paths;
@@ -108,7 +107,9 @@ std::vector<std::string> files_in(const std::string& directory, const std::strin
 
 std::vector<forge_event> read_created_slices(const std::string& directory) {
     std::vector<forge_event> events;
-    for (const std::string& path : files_in(directory, ".tsidx")) read_created_slice(path, &events);
+    for (const std::string& path : files_in(directory, ".tsidx")) {
+        for (forge_event& event : read_slice(path)) events.push_back(std::move(event));
+    }
     return as_stored(events);
 }
 

@@ -25,8 +25,10 @@ hot_ptr hot_with(const std::vector<forge_event>& events, bool streaming);
 // One event as one transaction; the result of its close, or of the first call that failed.
 int put_event(TSIDX* tsidx, const forge_event& event);
 
-// Every event of every ".tsidx" file of the directory, with its terms in ascending order, sorted by arrival. Follows
-// the bytes of freshly created slices, without the engine's readers of values and posting lists.
+// The events of one slice through the engine's readers, newest first, with their terms in ascending order. Adds a bit
+// for each kind of list (plo_type_t) to `kinds`. Throws std::runtime_error.
+std::vector<forge_event> read_slice(const std::string& path, uint32_t* kinds = nullptr);
+// Every event of every ".tsidx" file of the directory, sorted by arrival.
 std::vector<forge_event> read_created_slices(const std::string& directory);
 // The same order and form for events in any order: terms sorted and distinct, what creation does not store left out.
 std::vector<forge_event> as_stored(std::vector<forge_event> events);

@@ -43,3 +43,9 @@ void leak_listener::OnTestEnd(const testing::TestInfo&) {
 }
 
 }  // namespace veldar
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    testing::UnitTest::GetInstance()->listeners().Append(new veldar::leak_listener);
+    return RUN_ALL_TESTS();
+}
