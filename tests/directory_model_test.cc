@@ -9,6 +9,7 @@
 #include "searchthing/tsidx_optimize.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
+#include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -140,29 +141,12 @@ class model {
         merged_ += mode != TSIDX_OPTIMIZE_DRY_RUN && status == 0 ? 1 : 0;
     }
 
-    reference_query random_query(const reference_index& reference) {
-        std::vector<std::string> terms = {"absent"};
-        for (const auto& [term, record] : reference.terms()) terms.push_back(term);
-        const auto pick = [&] {
-            std::string term = terms[below(static_cast<uint32_t>(terms.size()))];
-            if (below(6) == 0) term = term.substr(0, 1 + below(3)) + "*";
-            return below(4) == 0 ? reference_query::not_term(term) : reference_query::term(term);
-        };
-        std::vector<reference_query> children;
-        for (uint32_t i = below(4); i > 0; i--) children.push_back(pick());
-        return below(2) == 0 ? reference_query::group_and(std::move(children))
-                             : reference_query::group_or(std::move(children));
-    }
-
     void check_query() {
+        if (events_.empty()) return;
         const reference_index reference(events_);
-        const reference_query tree = random_query(reference);
-        reference_bounds bounds;
-        if (!events_.empty() && below(2) == 0) {
-            bounds.earliest = events_[below(static_cast<uint32_t>(events_.size()))].time - static_cast<int>(below(2));
-            bounds.latest = events_[below(static_cast<uint32_t>(events_.size()))].time;
-        }
-        bounds.cumspan = below(4) == 0 ? 2 : 0;
+        query_maker maker(reference, random_());
+        const reference_query tree = maker.group(0);
+        const reference_bounds bounds = maker.bounds();
         std::vector<event_key> expected;
         for (const uint32_t number : reference.search(tree, bounds)) {
             expected.push_back({reference.values()[number].time, reference.values()[number].address});

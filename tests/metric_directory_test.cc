@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "searchthing/search_literals.h"
 #include "searchthing/st.h"
 #include "searchthing/tsidx_optimize.h"
 #include "tests/support/damage.h"
