@@ -35,30 +35,14 @@ TEST(Dictscan, EveryHeaderKindAndPostingEncoding) {
             const temp_dir dir;
             forge_picture picture;
             const std::string path = forge_file(dir.path(), events, options, 1, &picture);
-            const tool_result all = run({path, ""});
-            EXPECT_EQ(all.out, expected_output(picture, ""));
-            EXPECT_EQ(all.err, "");
-            EXPECT_EQ(all.status, 0);
+            for (const char* const needle : {"", "*1*", "host::*", "*0", "half", "nothing"}) {
+                const tool_result all = run({path, needle, "ignored"});
+                EXPECT_EQ(all.out, expected_output(picture, needle)) << needle;
+                EXPECT_EQ(all.err, "");
+                EXPECT_EQ(all.status, 0);
+            }
         }
     }
-}
-
-TEST(Dictscan, Needles) {
-    std::vector<forge_event> events = forge_random_events(6, 3000);
-    events[0].terms.push_back(std::string(2047, 'm'));
-    const temp_dir dir;
-    forge_picture picture;
-    const std::string path = forge_file(dir.path(), events, forge_as_created(3), 1, &picture);
-    const std::string& some = picture.terms[picture.terms.size() / 2];
-    for (const std::string& needle : {std::string("*"), std::string("**"), some, some.substr(0, 3) + "*",
-                                      "*" + some.substr(some.size() - 2), std::string("*m*"), std::string("nothing")}) {
-        const tool_result result = run({path, needle, "ignored"});
-        EXPECT_EQ(result.out, expected_output(picture, needle)) << needle;
-        EXPECT_EQ(result.status, 0);
-    }
-    // A needle longer than the output buffer is printed whole.
-    const std::string huge(100000, 'x');
-    EXPECT_EQ(run({path, huge}).out, "my needle: " + huge + "\n");
 }
 
 TEST(Dictscan, UsageAndOpenErrors) {
@@ -87,12 +71,18 @@ TEST(Dictscan, UsageAndOpenErrors) {
     EXPECT_EQ(empty.status, 1);
 }
 
-TEST(Dictscan, FailedWritesAreDropped) {
+TEST(Dictscan, LongTextsAndFailedWrites) {
+    std::vector<forge_event> events = forge_random_events(6, 3000);
+    events[0].terms.push_back(std::string(2047, 'm'));
     const temp_dir dir;
-    const std::string path = forge_file(dir.path(), forge_random_events(6, 3000), forge_as_created(3));
-    const tool_result result = run({path, ""}, {"", 0, 0, "/dev/full"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "");
+    forge_picture picture;
+    const std::string path = forge_file(dir.path(), events, forge_as_created(3), 1, &picture);
+    EXPECT_EQ(run({path, "*m*"}).out, expected_output(picture, "*m*"));
+    const std::string huge(100000, 'x');  // longer than the output buffer
+    EXPECT_EQ(run({path, huge}).out, "my needle: " + huge + "\n");
+    const tool_result full = run({path, ""}, {"", 0, 0, "/dev/full"});
+    EXPECT_EQ(full.status, 0);
+    EXPECT_EQ(full.err, "");
 }
 
 }  // namespace

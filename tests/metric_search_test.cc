@@ -161,25 +161,9 @@ struct metric_checker {
         ASSERT_EQ(times(keys(st_warm_slice_search(warm, &query, answers.data(), capacity, 1))), newest) << text;
 
         warm_rc_t rc;
-        uint64_t count = 0, runs = 0, set = 0;
+        uint64_t count = 0;
         ASSERT_EQ(warm_slice_count(warm, &query, &count, nullptr, &rc), 0) << text << rc.message;
         ASSERT_EQ(count, matching) << text;
-        bitmap_and_bounds_t bits;
-        ASSERT_EQ(query_to_bitmap_and_bounds(warm, &query, &bits, &runs, &rc), 0) << text;
-        ASSERT_EQ(bits.end, st_warm_slice_values(warm));
-        for (uint32_t run = 0; run <= bits.end; run++) {
-            if ((bits.bm[run / 8] >> (run % 8) & 1) == 0) continue;
-            ASSERT_LT(run, slice.picture.runs.size());
-            set++;
-            for (const metric_event& event : slice.picture.runs[run]) {
-                forge_event plain{.time = event.time, .terms = {}};
-                if (milliseconds) plain.address = event.milliseconds;
-                matching -= inside(plain, query) ? 1 : 0;
-            }
-        }
-        ASSERT_EQ(set, runs);
-        ASSERT_EQ(matching, 0u) << text;
-        free_bitmap_and_bounds(&bits);
     }
 };
 

@@ -5,12 +5,11 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
 #include <random>
 #include <string>
 
 #include "searchthing/tsidx_params.h"
-#include "tests/support/faults.h"
+#include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
@@ -19,16 +18,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct tsidx_closer {
-    void operator()(TSIDX* tsidx) const { st_tsidx_close(tsidx); }
-};
-using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_closer>;
-
-tsidx_ptr open_directory(const std::string& path, bool streaming = false, uint32_t level = 4,
-                         uint32_t writer = TSIDX_ORDINARY_WRITER) {
+directory_ptr open_writer(const std::string& path, bool streaming = false, uint32_t level = 4,
+                          uint32_t writer = TSIDX_ORDINARY_WRITER) {
     TSWRITEOPTS opts;
     st_tsidx_write_opts_init_write_level(&opts, level);
-    return tsidx_ptr(st_tsidx_open(path.c_str(), streaming, 0, &opts, writer));
+    return directory_ptr(st_tsidx_open(path.c_str(), streaming, 0, &opts, writer));
 }
 
 size_t slices(const temp_dir& dir) {
@@ -57,12 +51,14 @@ TEST(Tsidx, EventsComeBackWholeAtEveryLimit) {
                 const temp_dir dir;
                 std::vector<forge_event> events = forge_random_events(5, 300);
                 if (streaming) sort_by_arrival(&events);
-                tsidx_ptr tsidx = open_directory(dir.path(), streaming);
+                directory_ptr tsidx = open_writer(dir.path(), streaming);
                 st_tsidx_set_durable(tsidx.get(), 0);
                 st_tsidx_autotune(tsidx.get(), autotune);
                 ASSERT_EQ(st_tsidx_options(tsidx.get(), row.lexicon, row.terms, row.postings, row.values), 0);
                 for (const forge_event& event : events) ASSERT_EQ(put_event(tsidx.get(), event), 0);
+                const uint64_t flushes = fault_calls(fault_call::fsync);
                 ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
+                EXPECT_EQ(fault_calls(fault_call::fsync), flushes);
                 expect_all_indexed(dir, events);
             }
         }
@@ -71,7 +67,7 @@ TEST(Tsidx, EventsComeBackWholeAtEveryLimit) {
 
 TEST(Tsidx, Keywords) {
     const temp_dir dir;
-    tsidx_ptr tsidx = open_directory(dir.path());
+    directory_ptr tsidx = open_writer(dir.path());
     const st_txn txn{.time = 1, .address = 1};
     const auto put = [&](const std::string& text) {
         return st_tsidx_txn_put(tsidx.get(), text.data(), text.size(), &txn);
@@ -110,7 +106,7 @@ TEST(Tsidx, AmbiguousEventsBeginANewSlice) {
                                              {.time = 9, .address = 8, .terms = {"f"}}};
     for (const bool streaming : {false, true}) {
         const temp_dir dir;
-        tsidx_ptr tsidx = open_directory(dir.path(), streaming);
+        directory_ptr tsidx = open_writer(dir.path(), streaming);
         ASSERT_EQ(put_event(tsidx.get(), {.time = 10, .address = 5, .terms = {"a"}}), 0);
         ASSERT_EQ(put_event(tsidx.get(), first), 0);
         for (const forge_event& event : others) ASSERT_EQ(put_event(tsidx.get(), event), 0);
@@ -124,7 +120,7 @@ TEST(Tsidx, AmbiguousEventsBeginANewSlice) {
 
 TEST(Tsidx, LimitsAndAutotune) {
     const temp_dir dir;
-    tsidx_ptr tsidx = open_directory(dir.path());
+    directory_ptr tsidx = open_writer(dir.path());
     EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 131072u);
     EXPECT_EQ(st_tsidx_max_term_chars(tsidx.get()), 131072u);
     ASSERT_EQ(st_tsidx_options(tsidx.get(), 0, 300, 4096, 100), 0);
@@ -139,7 +135,7 @@ TEST(Tsidx, LimitsAndAutotune) {
     EXPECT_EQ(st_tsidx_max_values(tsidx.get()), 800u);
     EXPECT_EQ(st_tsidx_max_postings(tsidx.get()), 4096u);
     ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
-    tsidx = open_directory(dir.path());
+    tsidx = open_writer(dir.path());
     EXPECT_EQ(st_tsidx_max_values(tsidx.get()), 1024u) << "tuned limits come back, brought into range";
     EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 512u);
 }
@@ -147,7 +143,7 @@ TEST(Tsidx, LimitsAndAutotune) {
 // A transaction that no hot slice of the directory could hold raises what it needs, or is refused without a trace.
 TEST(Tsidx, TransactionsTooLargeForAnyHotSlice) {
     const temp_dir dir;
-    tsidx_ptr tsidx = open_directory(dir.path());
+    directory_ptr tsidx = open_writer(dir.path());
     ASSERT_EQ(st_tsidx_options(tsidx.get(), 32768, 512, 1024, 1024), 0);
     forge_event large{.time = 1, .address = 1, .terms = {}};
     for (int i = 0; i < 3000; i++) large.terms.push_back("term number " + std::to_string(10000 + i));
@@ -164,7 +160,7 @@ TEST(Tsidx, TransactionsTooLargeForAnyHotSlice) {
 
 TEST(Tsidx, PartMode) {
     const temp_dir dir;
-    tsidx_ptr tsidx = open_directory(dir.path(), false, 4, 7);
+    directory_ptr tsidx = open_writer(dir.path(), false, 4, 7);
     std::vector<forge_event> events;
     for (uint32_t i = 0; i < 65; i++) {
         events.push_back({.time = 1, .address = i, .terms = {"a"}});
@@ -219,7 +215,7 @@ TEST(TsidxParams, Parsing) {
 
         const temp_dir dir;
         write_file(dir.file(TSIDX_PARAMS_NAME), row.text);
-        const tsidx_ptr tsidx = open_directory(dir.path());
+        const directory_ptr tsidx = open_writer(dir.path());
         EXPECT_EQ(st_tsidx_max_values(tsidx.get()), row.good ? 1024u : 131072u) << row.text;
     }
     EXPECT_STREQ(serialize_params(parsed, 8).text, table[0].text.c_str());
@@ -282,7 +278,7 @@ TEST(TsidxSync, Faults) {
         SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.call) << " nth " << row.nth << " errno "
                                         << row.error << " times " << row.times);
         const temp_dir dir;
-        tsidx_ptr tsidx = open_directory(dir.path());
+        directory_ptr tsidx = open_writer(dir.path());
         const std::vector<forge_event> before = {{.time = 3, .address = 4, .terms = {"a"}}};
         ASSERT_EQ(put_event(tsidx.get(), before[0]), 0);
         {
@@ -313,7 +309,7 @@ TEST(TsidxSync, Faults) {
 
 TEST(TsidxSync, FailureReachesCloseAndTheTransactionThatCausedIt) {
     const temp_dir dir;
-    tsidx_ptr tsidx = open_directory(dir.path());
+    directory_ptr tsidx = open_writer(dir.path());
     ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"a"}}), 0);
     {
         const fault broken(fault_call::write, 1, ENOSPC);
@@ -322,22 +318,6 @@ TEST(TsidxSync, FailureReachesCloseAndTheTransactionThatCausedIt) {
     EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), ENOSPC);
     EXPECT_EQ(st_tsidx_close(tsidx.release()), TSIDX_SYNC_FAILED);
     EXPECT_EQ(slices(dir), 0u) << "nothing of the refused event either";
-}
-
-TEST(TsidxSync, DurabilityAndMarker) {
-    const temp_dir dir;
-    const tsidx_ptr tsidx = open_directory(dir.path());
-    for (const int durable : {0, 1}) {
-        st_tsidx_set_durable(tsidx.get(), durable);
-        EXPECT_EQ(st_tsidx_clear_need_optimize(tsidx.get()), 0);
-        ASSERT_EQ(put_event(tsidx.get(), {.terms = {"a"}}), 0);
-        const uint64_t before = fault_calls(fault_call::fsync);
-        EXPECT_EQ(st_tsidx_need_optimize(tsidx.get()), 0);
-        EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
-        EXPECT_EQ(fault_calls(fault_call::fsync) - before, durable ? 2u : 0u);
-        EXPECT_TRUE(fs::exists(dir.file("veldar-need-optimize.dat")));
-        EXPECT_EQ(st_tsidx_need_optimize(tsidx.get()), 1);
-    }
 }
 
 }  // namespace
