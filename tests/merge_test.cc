@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <tuple>
 
 #include "searchthing/merge_encode.h"
@@ -430,6 +431,24 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         std::filesystem::remove(target);
     });
     EXPECT_GT(refused, tried / 4);
+}
+
+// Lists copied to memory, and less than all of them.
+TEST_F(MergeTest, ListsBehindTheCopyAreToldOf) {
+    forge_picture picture;
+    const std::string path = forge_file(dir.path(), forge_random_events(3, 300), {}, ++next_id, &picture);
+    warm_rc_t rc;
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
+    const std::string section = read_file(path).substr(picture.at.postings, warm->plo_last);
+    std::set<int> results;
+    for (size_t size = section.size(); size > 0; size -= std::min<size_t>(size, 97)) {
+        plist_reader reader;
+        ASSERT_EQ(_init_reader(&reader, warm.get(), 0, nullptr, &rc), 0);
+        plist_reader_attach_memory(&reader, {reinterpret_cast<const uint8_t*>(section.data()), size});
+        for (uint32_t term = 0; term < picture.terms.size(); term++) results.insert(_seek_reader(&reader, term, &rc));
+        EXPECT_EQ(results.size() == 1, size == section.size());
+    }
+    EXPECT_EQ(results, (std::set<int>{WARM_RC_SPLIT_LIST, WARM_RC_CORRUPT, 0}));
 }
 
 TEST_F(MergeTest, FittingStopsBeforeATotalOverflows) {
