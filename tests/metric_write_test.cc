@@ -224,12 +224,17 @@ TEST(MetricHotSlice, Transactions) {
         return st_hot_slice_put_txn(hot.get(), term.data(), term.size(), &txn);
     };
     ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), 0);
+    EXPECT_EQ(put(" dropped::1"), 0);
+    EXPECT_EQ(put(std::string(" a\0b", 4)), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
+    EXPECT_EQ(st_hot_slice_values(hot.get()) + hot_slice_terms(hot.get()) + hot_slice_lexicon_bytes(hot.get()), 0u);
+
+    ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), 0);
     for (const char* term : {" dropped::1", " metric_name::m", " metric_name::m", " dropped::1", " x::1", ""}) {
         EXPECT_EQ(put(term), 0) << term;
     }
     EXPECT_EQ(put(" y::1"), 0);
     EXPECT_EQ(put(" z::1"), HOT_PUT_RC_TXN_TOO_LARGE);
-    EXPECT_EQ(put(std::string(" a\0b", 4)), HOT_PUT_RC_BAD_KEYWORD);
     EXPECT_EQ(hot_slice_terms(hot.get()), 4u) << "a refused term is not registered";
     EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
     EXPECT_EQ(hot_slice_postings(hot.get()), 4u);
