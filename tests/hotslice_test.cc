@@ -62,12 +62,8 @@ void expect_equal(const hot_ptr& hot, const forge_picture& expected) {
     for (uint32_t number = 0; number < c.values; number++) {
         const st_tsval* value = hot_slice_prepared_value(hot.get(), number);
         const st_txn txn = txn_of(expected.values[number]);
-        ASSERT_EQ(value->time, txn.time);
-        ASSERT_EQ(value->address, txn.address);
-        ASSERT_EQ(value->s, txn.source);
-        ASSERT_EQ(value->st, txn.source_type);
-        ASSERT_EQ(value->h, txn.host);
-        ASSERT_EQ(value->measure, txn.seek_address);
+        ASSERT_TRUE(value->time == txn.time && value->address == txn.address && value->s == txn.source);
+        ASSERT_TRUE(value->st == txn.source_type && value->h == txn.host && value->measure == txn.seek_address);
     }
     const hot_prepared_t* prepared = hot_slice_prepared(hot.get());
     const uint32_t* list = prepared->postings.data();

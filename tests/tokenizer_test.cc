@@ -6,7 +6,6 @@
 #include <random>
 #include <string>
 
-#include "libzero/ospath-builder.h"
 #include "searchthing/query.h"
 
 namespace veldar {
@@ -76,6 +75,14 @@ TEST(Tokenizer, EscapedLiteralsComeBackAndNoTextTripsIt) {
         ASSERT_EQ(tokens.substr(tokens.find(':')), ":" + literal + " -20");
         tokens_of(literal, token_case_t(i % 3), 2 + static_cast<unsigned int>(i % 6));
     }
+}
+
+TEST(Tokenizer, DiscardNextTakesTheExpectedTokenOnly) {
+    tokenizer_t tokenizer;
+    init_tokenizer(&tokenizer, " [ x\\y", TOKEN_CASE_ASIS);
+    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_UNEXPECTED);
+    EXPECT_EQ(discard_next(&tokenizer, T_OPEN_BRACE), 0);
+    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_BAD_ESCAPE);
 }
 
 TEST(Query, LatestBoundIsGivenExclusiveAndStoredInclusive) {
