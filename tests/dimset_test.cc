@@ -70,8 +70,7 @@ struct section_file {
         header.num_dimsets.set(num_dimsets);
         at = warm_next_section(_offset_fclex(&header));
         std::string file(at, '\0');  // the only list has 0 bytes and begins where the sets do, less one gap
-        write_file(path.file("s"), file + section);
-        fd.reset(::open(path.file("s").c_str(), O_RDONLY | O_CLOEXEC));
+        fd = open_file(path.file("s"), file + section);
     }
     int read(ds_verify_t verify, std::vector<words_t>* out) const {
         warm_rc_t rc;
@@ -150,7 +149,7 @@ TEST(Dimset, SectionsAndTheirMerge) {
             << rc.message;
         ASSERT_EQ(info.num_dimsets, expected.size());
         const temp_dir dir;
-        const unique_fd out(::open(dir.file("m").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        const unique_fd out = open_file(dir.file("m"));
         uint64_t end = 0;
         ASSERT_EQ(ds_writer_flush(&writer, out.get(), &end, 0, &rc), 0);
         EXPECT_EQ(read_file(dir.file("m")), section_of(expected));

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,11 +15,6 @@ st_warm_slice_body header_of(const char* magic) {
     st_warm_slice_body h;
     warm_header_init(&h, magic);
     return h;
-}
-
-unique_fd open_file(const temp_dir& dir, const std::string& content) {
-    write_file(dir.file("f"), content);
-    return unique_fd(::open(dir.file("f").c_str(), O_RDWR | O_CLOEXEC));
 }
 
 }  // namespace
@@ -55,7 +49,8 @@ TEST(Header, OffsetsAreThoseOfForgedFiles) {
         for (const forge_options& options : forge_all_kinds()) {
             SCOPED_TRACE(options.name() + " " + std::to_string(events));
             forge_picture picture;
-            const unique_fd fd = open_file(dir, forge_slice(forge_random_events(events, events), options, &picture));
+            const unique_fd fd =
+                open_file(dir.file("f"), forge_slice(forge_random_events(events, events), options, &picture));
             uint64_t got[9];
             ASSERT_EQ(st_warm_slice_offsets(fd.get(), &got[0], &got[1], &got[2], &got[3], &got[4], &got[5], &got[6],
                                             &got[7], &got[8]),

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,21 +9,12 @@
 
 namespace veldar {
 
-namespace {
-
-unique_fd open_file(const temp_dir& dir, const std::string& content) {
-    write_file(dir.file("f"), content);
-    return unique_fd(::open(dir.file("f").c_str(), O_RDWR | O_CLOEXEC));
-}
-
-}  // namespace
-
 TEST(TimedRead, ShortTransfersAndHistogram) {
     const uint64_t times[] = {0, 7, 8, 63, 64, 4095, 4096, 262143, 262144, 1u << 30};
     const uint32_t buckets[] = {0, 0, 1, 1, 2, 3, 4, 5, 6, 6};
     for (size_t i = 0; i < std::size(times); i++) EXPECT_EQ(read_histogram_bucket(times[i]), buckets[i]) << times[i];
     temp_dir dir;
-    const unique_fd fd = open_file(dir, "0123456789");
+    const unique_fd fd = open_file(dir.file("f"), "0123456789");
     char out[8];
     testing::internal::CaptureStderr();
     EXPECT_EQ(_pread_verify(fd.get(), out, 8, 2, "whole"), 0);
@@ -42,7 +32,7 @@ TEST(PackedArray, WriterThenReaderGiveBackEveryElement) {
         const uint32_t count = static_cast<uint32_t>(random() % 200), capacity = static_cast<uint32_t>(random() % 20);
         std::string model(count * size, '\0');
         for (char& c : model) c = static_cast<char>(random());
-        const unique_fd fd = open_file(dir, std::string(offset, '-'));
+        const unique_fd fd = open_file(dir.file("f"), std::string(offset, '-'));
         array_writer_t aw;
         ASSERT_EQ(_aw_open(&aw, fd.get(), offset, size, capacity), 0);
         for (uint32_t i = 0; i < count; i++) ASSERT_EQ(_aw_write(&aw, model.data() + i * size, size), 0);
@@ -84,7 +74,7 @@ TEST(PackedArray, FindAtleastIsLowerBound) {
         std::string model(1 + random() % 100, '\0');
         for (char& c : model) c = static_cast<char>(random() % 100);
         std::sort(model.begin(), model.end());
-        const unique_fd fd = open_file(dir, model);
+        const unique_fd fd = open_file(dir.file("f"), model);
         const uint32_t count = static_cast<uint32_t>(model.size());
         array_reader_t ar;
         ASSERT_EQ(_ar_open(&ar, fd.get(), 0, 1, count, 1 + random() % 9, nullptr, nullptr), 0);

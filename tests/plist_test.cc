@@ -34,8 +34,7 @@ struct lists_only {
     lists_only(const std::string& section, const std::vector<std::pair<uint64_t, uint32_t>>& values,
                uint32_t num_values) {
         const uint64_t base = 40;  // any place in the file will do
-        write_file(dir.file("lists"), std::string(base, '\xEE') + section);
-        warm.fd.reset(::open(dir.file("lists").c_str(), O_RDONLY | O_CLOEXEC));
+        warm.fd = open_file(dir.file("lists"), std::string(base, '\xEE') + section);
         warm_header_init(&header, "_TSIDX9");
         warm_header_set_flag(&header, WARM_FLAG_PLO_TAG2 | WARM_FLAG_PLO32, true);
         header.num_terms.set(static_cast<uint32_t>(values.size()));
@@ -188,7 +187,7 @@ TEST(Plist, LongListsSurviveWriterAndReader) {
         }
     }
     temp_dir dir;
-    const unique_fd fd(::open(dir.file("section").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const unique_fd fd = open_file(dir.file("section"));
     plist_writer_t plw;
     _plist_writer_open(&plw, fd.get(), 0, {});
     std::vector<std::pair<uint64_t, uint32_t>> entries;
@@ -238,7 +237,7 @@ TEST(Plist, RleBytes) {
                  {{0, 1, 3, 5, 6, 7, 8}, std::string("\x00\x03\x02\x00\x01\x02", 6), sets}};
     for (const auto& c : cases) {
         temp_dir dir;
-        const unique_fd fd(::open(dir.file("list").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        const unique_fd fd = open_file(dir.file("list"));
         plist_writer_t plw;
         _plist_writer_open(&plw, fd.get(), 0, c.map);
         ASSERT_EQ(_plist_writer_start_term(&plw), 0);

@@ -26,8 +26,7 @@ struct forged_slice {
 
     forged_slice(const std::vector<forge_event>& events, const forge_options& options) {
         bytes = forge_slice(events, options, &picture);
-        write_file(dir.file("f"), bytes);
-        fd.reset(::open(dir.file("f").c_str(), O_RDONLY | O_CLOEXEC));
+        fd = open_file(dir.file("f"), bytes);
         std::memcpy(static_cast<void*>(&header), bytes.data(), std::min(bytes.size(), sizeof header));
         const bool times = warm_header_meta_type(&header) != META_COUNT_ONLY;
         for (const std::vector<uint32_t>& list : picture.postings) {
@@ -91,7 +90,7 @@ TEST(TermMeta, EveryKindIsWrittenAsForgedAndReadInSequenceAndInMemory) {
         expect_all(slice, &reader);
 
         temp_dir dir;
-        const unique_fd out(::open(dir.file("out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        const unique_fd out = open_file(dir.file("out"));
         term_meta_writer_t writer;
         ASSERT_EQ(term_meta_writer_open(&writer, out.get(), &slice.header, &rc), 0);
         for (const st_term_metadata& record : slice.records) {
@@ -107,7 +106,7 @@ TEST(TermMeta, EveryKindIsWrittenAsForgedAndReadInSequenceAndInMemory) {
 
 TEST(TermMeta, WriterRefusesWhatItsFieldsCannotHold) {
     temp_dir dir;
-    const unique_fd out(::open(dir.file("out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const unique_fd out = open_file(dir.file("out"));
     const st_warm_slice_body h = packed_header(5, -10, 5, 2);  // 3 bits of count, 4 of time
     struct row {
         uint32_t count;

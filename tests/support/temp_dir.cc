@@ -1,5 +1,6 @@
 #include "tests/support/temp_dir.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -54,6 +55,11 @@ void write_file(const std::string& path, const std::string& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(content.data(), static_cast<std::streamsize>(content.size()));
     if (!out.flush()) throw std::runtime_error("cannot write " + path);
+}
+
+unique_fd open_file(const std::string& path, const std::string& content) {
+    write_file(path, content);
+    return unique_fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
 }
 
 }  // namespace veldar

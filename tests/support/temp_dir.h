@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "libzero/resource.h"
+
 namespace veldar {
 
 class temp_dir {
@@ -23,5 +25,7 @@ class temp_dir {
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
+// The same file, open for reading and writing.
+unique_fd open_file(const std::string& path, const std::string& content = "");
 
 }  // namespace veldar
