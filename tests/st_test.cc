@@ -17,10 +17,6 @@ TSWRITEOPTS options_of_level(uint32_t level) {
     return opts;
 }
 
-size_t files(const temp_dir& dir) {
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir.path()), {}));
-}
-
 TEST(St, RefusedOpens) {
     const temp_dir dir;
     for (const uint32_t level : {0u, 5u}) {
@@ -35,7 +31,7 @@ TEST(St, RefusedOpens) {
     EXPECT_EQ(st_open_for_read(nullptr), nullptr);
     EXPECT_EQ(st_close(nullptr), -1);
     EXPECT_EQ(st_sync(nullptr), -1);
-    EXPECT_EQ(files(dir), 0u);
+    EXPECT_TRUE(files_in(dir.path(), "").empty());
 }
 
 TEST(St, ReadingChangesNothing) {
@@ -46,7 +42,7 @@ TEST(St, ReadingChangesNothing) {
     EXPECT_EQ(st_get_warm_rc(thing), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(st_sync(thing), 0);
     EXPECT_EQ(st_close(thing), 0);
-    EXPECT_EQ(files(dir), 0u);
+    EXPECT_TRUE(files_in(dir.path(), "").empty());
 }
 
 TEST(St, TransactionsAtEveryLevel) {

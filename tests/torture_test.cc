@@ -153,12 +153,6 @@ void run_workload(const std::string& index, const std::string& mini, progress_t*
     progress->finished = true;
 }
 
-std::vector<std::string> names_in(const std::string& directory) {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename().string());
-    return names;
-}
-
 class Torture : public testing::Test {
   protected:
     void SetUp() override {
@@ -182,11 +176,11 @@ class Torture : public testing::Test {
         EXPECT_FALSE(progress_->wrong_answer);
         if (!files_may_stay) {
             for (const std::string& directory : {index_, mini_, dir_->path()}) {
-                for (const std::string& name : names_in(directory)) {
-                    const bool kept = progress_->unmoved && name.ends_with(TSIDX_PRE_SUFFIX);
-                    EXPECT_TRUE(kept || name.ends_with(".tsidx") || name.ends_with(".dat") || name == "index" ||
-                                name == "mini")
-                        << "left behind: " << name;
+                for (const std::string& path : files_in(directory, "")) {
+                    const bool kept = progress_->unmoved && path.ends_with(TSIDX_PRE_SUFFIX);
+                    EXPECT_TRUE(kept || path.ends_with(".tsidx") || path.ends_with(".dat") || path == index_ ||
+                                path == mini_)
+                        << "left behind: " << path;
                 }
             }
         }
@@ -196,11 +190,10 @@ class Torture : public testing::Test {
         EXPECT_EQ(status, 0) << st_tsidx_last_failure(st_directory(reader))->message;
         EXPECT_EQ(st_close(reader), 0);
         check_usable();
-        for (const std::string& name : names_in(mini_)) {
+        for (const std::string& path : files_in(mini_, TSIDX_MINI_SUFFIX)) {
             warm_rc_t rc;
-            if (!name.ends_with(TSIDX_MINI_SUFFIX)) continue;
-            WARM* const mini = st_warm_slice_open_rdonly((mini_ + "/" + name).c_str(), &rc);
-            EXPECT_NE(mini, nullptr) << "half a mini slice: " << name;
+            WARM* const mini = st_warm_slice_open_rdonly(path.c_str(), &rc);
+            EXPECT_NE(mini, nullptr) << "half a mini slice: " << path;
             if (mini != nullptr) st_warm_slice_close(mini);
         }
     }
@@ -222,9 +215,7 @@ class Torture : public testing::Test {
         int64_t status = 0;
         EXPECT_EQ(read_addresses(writer, &status), std::vector<st_addr_t>{5000});
         EXPECT_EQ(st_close(writer), 0);
-        size_t slices = 0;
-        for (const std::string& name : names_in(index_)) slices += name.ends_with(".tsidx") ? 1 : 0;
-        EXPECT_EQ(slices, 1u);
+        EXPECT_EQ(files_in(index_, ".tsidx").size(), 1u);
     }
 
     const no_pauses pauses_;

@@ -27,14 +27,19 @@ enum class fault_call {
     COUNT
 };
 
+class uncopied {
+  public:
+    uncopied() = default;
+    uncopied(const uncopied&) = delete;
+    uncopied& operator=(const uncopied&) = delete;
+};
+
 // While it lives, calls number `nth` to `nth + times - 1` (1 is the next one) of one function fail with an errno and do
 // nothing; closes do close. `hits` tells how many did. One fault a function at a time.
-class fault {
+class fault : uncopied {
   public:
     fault(fault_call call, uint64_t nth, int errno_value, uint64_t times = 1);
     ~fault();
-    fault(const fault&) = delete;
-    fault& operator=(const fault&) = delete;
 
     uint64_t hits() const;
 
@@ -55,14 +60,12 @@ enum class fault_action {
     allocation,
     interrupt,  // something else is done first, which is neither counted nor struck
 };
-class fault_step {
+class fault_step : uncopied {
   public:
     fault_step(fault_action action, uint64_t nth, int errno_value = 0, uint64_t times = 1);
     // Interrupts call number `nth` and those behind it.
     fault_step(uint64_t nth, const std::function<void()>& interruption, uint64_t times = 1);
     ~fault_step();
-    fault_step(const fault_step&) = delete;
-    fault_step& operator=(const fault_step&) = delete;
 
     // Calls, or allocations, since it was made.
     uint64_t calls() const;
@@ -71,33 +74,27 @@ class fault_step {
     bool struck(fault_call call) const;
 };
 // While it lives, fault_step neither counts nor strikes: for a test's own work in between.
-class fault_truce {
+class fault_truce : uncopied {
   public:
     fault_truce();
     ~fault_truce();
-    fault_truce(const fault_truce&) = delete;
-    fault_truce& operator=(const fault_truce&) = delete;
 
   private:
     bool armed_;
 };
 
 // While it lives, fsync and msync do nothing: only the death of a system needs them.
-class no_flushes {
+class no_flushes : uncopied {
   public:
     no_flushes();
     ~no_flushes();
-    no_flushes(const no_flushes&) = delete;
-    no_flushes& operator=(const no_flushes&) = delete;
 };
 
 // While it lives, pauses take no time and are added up.
-class no_pauses {
+class no_pauses : uncopied {
   public:
     no_pauses();
     ~no_pauses();
-    no_pauses(const no_pauses&) = delete;
-    no_pauses& operator=(const no_pauses&) = delete;
 
     uint64_t microseconds() const;
 };

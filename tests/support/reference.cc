@@ -67,19 +67,15 @@ std::string reference_query::notation() const {
     return out + "]";
 }
 
-reference_index::reference_index(const std::vector<forge_event>& events) : values_(events) {
-    std::stable_sort(values_.begin(), values_.end(), [](const forge_event& a, const forge_event& b) {
-        return a.time != b.time ? a.time > b.time : a.address > b.address;
-    });
-    for (uint32_t number = 0; number < values_.size(); number++) {
-        all_.insert(number);
-        for (const std::string& text : values_[number].terms) {
-            reference_term& term = terms_[text];
-            const int32_t time = values_[number].time;
-            term.earliest = term.postings.empty() ? time : std::min(term.earliest, time);
-            term.latest = term.postings.empty() ? time : std::max(term.latest, time);
-            term.postings.insert(number);
-        }
+reference_index::reference_index(const std::vector<forge_event>& events) {
+    const forge_picture picture = forge_number(events);
+    values_ = picture.values;
+    for (uint32_t number = 0; number < values_.size(); number++) all_.insert(number);
+    for (size_t id = 0; id < picture.terms.size(); id++) {
+        const std::vector<uint32_t>& numbers = picture.postings[id];
+        terms_[picture.terms[id]] = {.postings = {numbers.begin(), numbers.end()},
+                                     .earliest = values_[numbers.back()].time,
+                                     .latest = values_[numbers.front()].time};
     }
 }
 
