@@ -61,6 +61,8 @@ TEST(Tsval, EverySliceKindDecodesFromMemoryAndFromTheFile) {
         const std::string path = forge_file(dir.path(), forge_random_events(options.seed, 300), options, 1, &picture);
         WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
         ASSERT_NE(warm, nullptr) << rc.message;
+        EXPECT_EQ(warm->pl_wide, options.magic != "Veldar3" && !(options.wflags & FORGE_PLO32));
+        EXPECT_EQ(warm->slice_kind, options.metric() ? 0u : 2u);
         const uint32_t count = static_cast<uint32_t>(picture.values.size());
         st_tsval value;
         for (uint32_t id = 0; id < count; id++) {
