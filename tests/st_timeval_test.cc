@@ -78,12 +78,15 @@ TEST(List, KeepsItsOrderAfterItRanEmpty) {
     EXPECT_EQ(pop_front(list), nullptr);
     append_list_node(list)->item = &items[0];
     EXPECT_EQ(pop_front(list), &items[0]);
+    list_t* other = new_list(nullptr);
+    append_list_node(other);  // takes the memory of the node before
     EXPECT_EQ(push_front(list, &items[1]), 0);
     append_list_node(list)->item = &items[2];
     EXPECT_EQ(push_front(list, &items[0]), 0);
     EXPECT_TRUE(get_count(list) == 3 && top_front(list) == &items[0]);
     for (int& item : items) EXPECT_EQ(pop_front(list), &item);
     delete_list(&list, false);
+    delete_list(&other, false);
 }
 
 }  // namespace
