@@ -10,8 +10,9 @@ namespace veldar {
 
 namespace {
 
-// Closing a handle would sync what came after a failed sync. Such a handle is kept until the process ends.
-THING* given_up = nullptr;
+// Closing a handle would sync what came after a failed sync. Such a handle is kept until the process ends; volatile,
+// because nobody reads it, and a compiler would leave it out.
+THING* volatile given_up = nullptr;
 
 [[noreturn]] void fail_engine(index_writer* writer, const char* what) {
     const warm_rc_t* const why = st_tsidx_last_failure(st_directory(writer->thing));
