@@ -6,9 +6,9 @@
 //   <name of a live slice>.deleted                    a sentinel, which hides that slice
 //   anything else                                     not part of the index: mini slices, slices being written, ...
 //
-// A merge replaces slices by one slice that holds the same events. Its manifest (merge_manifest.h), when it is whole and
-// the target that it names exists, hides the sources that it names: so a merge takes effect in the moment in which the
-// target gets its name, and sources that are still there, or that a crash left behind, are not read a second time.
+// A merge replaces slices by one slice that holds the same events. Its manifest (merge_manifest.h), when it is whole
+// and the target that it names exists, hides the sources that it names: so a merge takes effect in the moment in which
+// the target gets its name, and sources that are still there, or that a crash left behind, are not read a second time.
 #pragma once
 
 #include <string>

@@ -246,27 +246,10 @@ int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, t
     all.latest = {TSIDX_LAST_TIME, 0};
     all.lispy = "[AND]";
     if (query == nullptr) query = &all;
-    ST_TRY(tsidx_check_query(tsidx, query));
-    if (tsidx_is_empty_range(*query)) return 0;
-    return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        const int64_t opened = tsidx_open_all(snapshot, query->earliest.time_s, query->latest.time_s);
-        if (opened != 0) return opened;
-        int64_t total = 0;
-        bool stopped = false;
-        const auto call = [&](const st_metric_event_t& event) {
-            const int result = fn(&event, context);
-            stopped = result == -1;
-            if (!stopped) total += result;
-            return !stopped;
-        };
-        for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
-            if (snapshot.warm(i) == nullptr) continue;
-            warm_rc_t rc;
-            if (walk_slice(snapshot.warm(i), query, call, &rc) != 0) return snapshot.fail(i, rc);
-            snapshot.close(i);
-        }
-        return stopped ? -1 : total;
-    });
+    return tsidx_apply_matches(tsidx, query, fn, context,
+                               [](WARM* warm, const st_query_spec* spec, const auto& call, warm_rc_t* rc) {
+                                   return walk_slice(warm, spec, call, rc);
+                               });
 }
 
 int st_tsidx_measure_size(TSIDX* tsidx, uint64_t* bytes) {

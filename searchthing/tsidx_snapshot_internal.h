@@ -107,4 +107,33 @@ int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* fi
 // Opens every slice that overlaps the bounds, for walks that cannot begin again once the caller has seen a part.
 int64_t tsidx_open_all(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t latest);
 
+// Hands every event that `walk(warm, query, call, &rc)` finds to the caller's function, slice by slice from the newest
+// on; the walk goes on while `call(event)` is true. The total of the function's results, -1 when that stopped the walk,
+// or a failure, recorded.
+template <typename Event, typename Walk>
+int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(const Event*, void*), void* context,
+                            Walk walk) {
+    ST_TRY(tsidx_check_query(tsidx, query));
+    if (tsidx_is_empty_range(*query)) return 0;
+    return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
+        const int64_t opened = tsidx_open_all(snapshot, query->earliest.time_s, query->latest.time_s);
+        if (opened != 0) return opened;
+        int64_t total = 0;
+        bool stopped = false;
+        const auto call = [&](const Event& event) {
+            const int result = fn(&event, context);
+            stopped = result == -1;
+            if (!stopped) total += result;
+            return !stopped;
+        };
+        for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
+            if (snapshot.warm(i) == nullptr) continue;
+            warm_rc_t rc;
+            if (walk(snapshot.warm(i), query, call, &rc) != 0) return snapshot.fail(i, rc);
+            snapshot.close(i);
+        }
+        return stopped ? -1 : total;
+    });
+}
+
 }  // namespace veldar
