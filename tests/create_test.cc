@@ -9,14 +9,10 @@
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/warm_ptr.h"
 
 namespace veldar {
 namespace {
-
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
-using warm_ptr = std::unique_ptr<WARM, warm_closer>;
 
 struct created {
     warm_ptr warm;

@@ -13,14 +13,10 @@
 #include "tests/support/query_maker.h"
 #include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/warm_ptr.h"
 
 namespace veldar {
 namespace {
-
-struct warm_closer {
-    void operator()(WARM* warm) const { EXPECT_EQ(st_warm_slice_close(warm), 0); }
-};
-using warm_ptr = std::unique_ptr<WARM, warm_closer>;
 
 struct metric_slice {
     temp_dir dir;

@@ -5,13 +5,9 @@
 #include "tests/support/directory.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/warm_ptr.h"
 namespace veldar {
 namespace {
-
-struct warm_closer {
-    void operator()(WARM* warm) const { EXPECT_EQ(st_warm_slice_close(warm), 0); }
-};
-using warm_ptr = std::unique_ptr<WARM, warm_closer>;
 
 // One forged slice, open, beside the reference index over the same events.
 struct searched_slice {

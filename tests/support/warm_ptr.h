@@ -1,0 +1,17 @@
+// An open slice that a test owns.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "searchthing/warmslice.h"
+
+namespace veldar {
+
+struct warm_closer {
+    void operator()(WARM* warm) const { EXPECT_EQ(st_warm_slice_close(warm), 0); }
+};
+using warm_ptr = std::unique_ptr<WARM, warm_closer>;
+
+}  // namespace veldar
