@@ -1,4 +1,4 @@
-// An open slice that a test owns.
+// An open slice that a test owns; it must close without a failure.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,9 +9,9 @@
 
 namespace veldar {
 
-struct warm_closer {
+struct checked_warm_closer {
     void operator()(WARM* warm) const { EXPECT_EQ(st_warm_slice_close(warm), 0); }
 };
-using warm_ptr = std::unique_ptr<WARM, warm_closer>;
+using warm_ptr = std::unique_ptr<WARM, checked_warm_closer>;
 
 }  // namespace veldar
