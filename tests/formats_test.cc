@@ -77,6 +77,9 @@ constexpr line_case LINES[] = {
     {"json",
      R"({"level":"info","time":"2015-05-17T10:05:03.5Z","a":{"b":[1.50,{"c":"x\ny"}]},"n":null,"e":"","msg":"k=v"})",
      "1431857103.500000000 level=info a.b=1.50 a.b.c=x\ny msg=k=v k=v"},
+    {"iso8601", "2015-07-29 17:41:44 -12 units left, k=v", "1438191704.0 k=v"},
+    {"json", R"({"log":"up user=bob\r\n","stream":"out","time":"2015-05-17T10:05:03Z"})",
+     "1431857103.0 log=up user=bob user=bob stream=out"},
     {"json", R"({"ts":1431857103123,"date":"soon","ok":true})", "1431857103.123000000 date=soon ok=true"},
     {"json", "{\"Time\":\"17/May/2015:10:05:03 +0000\",\"a\":\"\xff\x01\",\"b\":2}", "1431857103.0 a=?? b=2"},
     {"json", R"({"a":{"b":1},"c" nil,"d":4})", "- a.b=1"},
@@ -87,7 +90,7 @@ constexpr line_case LINES[] = {
 TEST(Formats, LinesGiveTheirTimeAndFieldsAndAreRecognisedAmongOddOnes) {
     for (const line_case& one : LINES) {
         EXPECT_EQ(parse_with(one.format, one.line), one.expected) << one.line;
-        EXPECT_EQ(parse_with(one.format, std::string(one.line) + "\r"), one.expected) << one.line;
+        EXPECT_EQ(parse_with(one.format, "\xEF\xBB\xBF" + std::string(one.line) + "\r"), one.expected) << one.line;
         std::vector<std::string_view> lines{"Logging starts", "", "   continued", one.line, "1 2 3", one.line};
         EXPECT_STREQ(detect_format(lines, {})->name, one.format) << one.line;
     }

@@ -45,7 +45,7 @@ uint64_t count_by_slices(const std::string& path, const prepared_query& query, t
     return total;
 }
 
-// Plans overlap, and raw text has to be read: the events are gone through one by one.
+// Plans overlap, and raw records have to be read: the events are gone through one by one.
 uint64_t count_by_events(const std::string& path, const prepared_query& query, troubles* trouble) {
     event_stream stream;
     event_stream_open(&stream, path, &query, 0, trouble);
@@ -62,7 +62,7 @@ int count_run(const tool_context& context, const query_options& options) {
     const prepared_query query = query_prepare(options);
     const std::string path = store_choose(context.store);
     troubles trouble;
-    const bool by_slices = query.plans.size() == 1 && !query.needs_raw();
+    const bool by_slices = query.plans.size() == 1 && !query.needs_raw() && !query.cuts_a_second();
     const uint64_t total = (by_slices ? count_by_slices : count_by_events)(path, query, &trouble);
     text_output out;
     output_open(&out, "never");

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 
+#include "tools/veldar/formats/json_text.h"
+#include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/store.h"
 
 namespace veldar {
 
 namespace {
+
+constexpr uint64_t NANOSECONDS = 1000000000;
+constexpr uint32_t NEIGHBOURS = 1000;  // lines around a record without a time in which its time is looked for
 
 raw_reader* reader_of(event_source* source, uint32_t directory) {
     if (source->readers.size() <= directory) {
@@ -21,6 +26,38 @@ raw_reader* reader_of(event_source* source, uint32_t directory) {
         if (reader == nullptr) troubles_add(source->trouble, error);
     }
     return reader.get();
+}
+
+// The fraction of the time that a record begins with; false when it says no time.
+bool has_fraction(const line_format& format, format_context* context, std::string_view record, uint64_t* nanoseconds) {
+    parsed_line parsed;
+    format.parse(record.substr(0, record.find('\n')), context, &parsed);
+    if (parsed.has_time) *nanoseconds = parsed.time.time_ns;
+    return parsed.has_time;
+}
+
+// Whether slices of events lie where no log can be read. Those of metrics keep all that is known of a time.
+bool keep_whole_seconds(const slice_set& slices) {
+    std::vector<bool> asked(slices.directories.size());
+    return std::any_of(slices.files.begin(), slices.files.end(), [&](const slice_file& file) {
+        warm_ptr warm;
+        std::string error;
+        if (asked[file.directory] || slices.directories[file.directory].has_sources) return false;
+        if (slice_open(file, &warm, &error) != SLICE_OPEN) return false;
+        asked[file.directory] = true;
+        return !st_warm_slice_is_msidx(warm->body);
+    });
+}
+
+// The text in which phrases are looked for: of a JSON log also what its strings say.
+std::string_view searched_text(const raw_record& record, std::string* scratch) {
+    const line_format* const format = format_by_name(record.file->format);
+    if (format == nullptr || !format->is_json) return record.text;
+    std::string decoded;
+    const std::string_view text = json_text(record.text, &decoded);
+    if (text.data() == record.text.data()) return record.text;
+    scratch->assign(record.text).append("\n").append(text);
+    return *scratch;
 }
 
 }  // namespace
@@ -72,17 +109,50 @@ bool event_source_context(event_source* source, const stream_event& event, uint3
     return false;
 }
 
+bool event_source_fraction(event_source* source, const stream_event& event, uint64_t* nanoseconds) {
+    const raw_record* const record = event_source_record(source, event);
+    if (record == nullptr) return false;
+    const line_format* const format = format_by_name(record->file->format);
+    format_context context;
+    context.modified_s = static_cast<int64_t>(record->file->modified_ns / NANOSECONDS);
+    *nanoseconds = 0;
+    if (format == nullptr || has_fraction(*format, &context, record->text, nanoseconds)) return true;
+    std::vector<std::string> before, after;
+    if (!event_source_context(source, event, NEIGHBOURS, NEIGHBOURS, &before, &after)) return false;
+    std::reverse(before.begin(), before.end());
+    for (const std::vector<std::string>& lines : {before, after}) {
+        for (const std::string& line : lines) {
+            if (begins_record(line) && has_fraction(*format, &context, line, nanoseconds)) return true;
+        }
+    }
+    return true;
+}
+
 void stream_check_raw(event_stream* stream, event_source* source) {
-    if (!stream->query->needs_raw()) return;
-    if (!event_source_knows_raw(stream->slices)) {
+    const prepared_query& query = *stream->query;
+    if (!query.needs_raw() && !query.cuts_a_second()) return;
+    if (query.needs_raw() && !event_source_knows_raw(stream->slices)) {
         throw tool_failure{
             EXIT_USAGE,
             "a phrase, or a word with other characters than letters, digits, '_', '.' and '-', is looked "
             "for in the events' text, and there is no source map beside these slices"};
     }
-    stream->passes = [stream, source, scratch = std::string()](const stream_event& event) mutable {
+    if (query.cuts_a_second() && keep_whole_seconds(stream->slices)) {
+        throw tool_failure{EXIT_USAGE,
+                           "these slices keep whole seconds, and there is no source map beside them: give "
+                           "--since and --until without fractions"};
+    }
+    stream->passes = [stream, source, scratch = std::string(),
+                      text = std::string()](const stream_event& event) mutable {
+        if (stream->query->cuts(event.value.time)) {
+            st_timeval_t time = {event.value.time, event.value.subsecond};
+            if (!event.is_metric && !event_source_fraction(source, event, &time.time_ns)) return false;
+            if (!stream->query->holds(time)) return false;
+        }
+        const query_plan& plan = stream->query->plans[event.plan];
+        if (!plan.needs_raw()) return true;
         const raw_record* const record = event_source_record(source, event);
-        return record != nullptr && record_passes(stream->query->plans[event.plan], record->text, &scratch);
+        return record != nullptr && record_passes(plan, searched_text(*record, &text), &scratch);
     };
 }
 

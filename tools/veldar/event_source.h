@@ -32,8 +32,12 @@ const raw_record* event_source_record(event_source* source, const stream_event& 
 // Lines around it. False when they cannot be read.
 bool event_source_context(event_source* source, const stream_event& event, uint32_t before, uint32_t after,
                           std::vector<std::string>* lines_before, std::vector<std::string>* lines_after);
-// Lets the stream check the raw records of the plans that ask for it. The source must outlive the stream's use. Throws
-// tool_failure with EXIT_USAGE when there are such plans and no raw records.
+// The fraction of a second, in nanoseconds, of the time at which an event was loaded: that of its record, or of the
+// lines around it when the record says none. False when the record cannot be read, which is told to the troubles.
+bool event_source_fraction(event_source* source, const stream_event& event, uint64_t* nanoseconds);
+// Lets the stream check with the raw records what the index does not know: the text for the plans that ask for it, and
+// fractions of a second at the query's bounds. The source must outlive the stream's use. Throws tool_failure with
+// EXIT_USAGE when that has to be known and there are no raw records.
 void stream_check_raw(event_stream* stream, event_source* source);
 // The name of a number, or the number itself when there is none.
 std::string event_source_name(const std::vector<std::string>& names, uint32_t number);

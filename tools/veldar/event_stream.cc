@@ -140,7 +140,7 @@ uint64_t identity(const stream_event& event) {
     return uint64_t{event.directory} << 32 | event.value.address;
 }
 
-bool is_new(event_stream* stream, const stream_event& event, bool is_metric) {
+bool is_new(event_stream* stream, const stream_event& event) {
     const st_timeval_t time = {event.value.time, event.value.subsecond};
     if (!stream->started || time.time_s != stream->time.time_s || time.time_ns != stream->time.time_ns) {
         stream->given.clear();
@@ -148,7 +148,7 @@ bool is_new(event_stream* stream, const stream_event& event, bool is_metric) {
         stream->time = time;
         stream->started = true;
     }
-    if (!is_metric) return !stream->given.contains(identity(event));
+    if (!event.is_metric) return !stream->given.contains(identity(event));
     const auto known = stream->again.find(identity(event));
     if (known == stream->again.end() || known->second == 0) return true;
     known->second--;
@@ -174,13 +174,11 @@ bool event_stream_next(event_stream* stream, stream_event* event) {
             continue;
         }
         slice_cursor* const cursor = entry.cursor;
-        *event = {cursor->answers[cursor->at], entry.directory, cursor->plan};
-        const bool is_metric = cursor->is_metric;
+        *event = {cursor->answers[cursor->at], entry.directory, cursor->plan, cursor->is_metric};
         cursor->at++;
         push_cursor(stream, cursor);
-        if (is_behind(*stream, event->value) || !is_new(stream, *event, is_metric)) continue;
-        const bool check = stream->passes && stream->query->plans[event->plan].needs_raw();
-        if (check && !stream->passes(*event)) continue;
+        if (is_behind(*stream, event->value) || !is_new(stream, *event)) continue;
+        if (stream->passes && !stream->passes(*event)) continue;
         stream->tries = 0;
         stream->given[identity(*event)]++;
         return true;

@@ -26,6 +26,7 @@ struct stream_event {
     st_tsval value = {};
     uint32_t directory = 0;  // index in slice_set::directories
     uint32_t plan = 0;       // the search that found it
+    bool is_metric = false;  // its fraction of a second is all there is
 };
 
 struct slice_cursor {
@@ -55,7 +56,7 @@ struct event_stream {
     troubles* trouble = nullptr;
     slice_set slices;
     uint32_t first_batch = 0;
-    // Asked for events of plans that need the raw text; without it every event passes.
+    // Decides what the index cannot; without it every event passes.
     std::function<bool(const stream_event&)> passes;
     std::vector<stream_entry> heap;
     std::vector<std::unique_ptr<slice_cursor>> cursors;

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "tools/veldar/formats/json_text.h"
 #include "tools/veldar/record_reader.h"
 
 namespace veldar {
@@ -69,7 +70,7 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     term_set* const terms = &maker->terms;
     term_set_reset(terms);
     parse_first(maker, take_line(&left));
-    term_set_add_text(terms, record);
+    term_set_add_text(terms, maker->format->is_json ? json_text(record, &maker->decoded) : record);
     maker->line_host = host_of(*maker);
     term_set_add_field(terms, HOST, maker->line_host);
     term_set_add_field(terms, SOURCE, maker->source);

@@ -21,6 +21,7 @@ struct log_event_maker {
 
     parsed_line first, continued;
     term_set terms;
+    std::string decoded;         // scratch
     std::string_view line_host;  // of the last record made
 };
 

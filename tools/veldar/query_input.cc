@@ -14,6 +14,8 @@ namespace veldar {
 
 namespace {
 
+constexpr uint64_t LAST_NANOSECOND = 999999999;
+
 [[noreturn]] void refuse(const std::string& text, const query_error& error) {
     std::string shown = explain_query_error(text, error);
     while (shown.ends_with('\n')) shown.pop_back();
@@ -128,6 +130,22 @@ void query_set_bounds(const std::string& since, const std::string& until, const 
 
 bool prepared_query::needs_raw() const {
     return std::any_of(plans.begin(), plans.end(), [](const query_plan& plan) { return plan.needs_raw(); });
+}
+
+bool prepared_query::cuts_a_second() const {
+    return cuts(bounds.earliest.time_s) || cuts(bounds.latest.time_s);
+}
+
+bool prepared_query::cuts(st_time_t second) const {
+    const st_timeval_t &earliest = bounds.earliest, &latest = bounds.latest;
+    return (second == earliest.time_s && earliest.time_ns > 0) ||
+           (second == latest.time_s && latest.time_s != INT_MAX && latest.time_ns < LAST_NANOSECOND);
+}
+
+bool prepared_query::holds(const st_timeval_t& time) const {
+    const auto key = [](const st_timeval_t& one) { return std::make_pair(one.time_s, one.time_ns); };
+    const bool unbounded = bounds.latest.time_s == INT_MAX;
+    return key(time) >= key(bounds.earliest) && (unbounded || key(time) <= key(bounds.latest));
 }
 
 prepared_query query_prepare(const query_options& options) {

@@ -34,6 +34,11 @@ struct prepared_query {
     std::vector<query_plan> plans;
     st_query_spec bounds;  // time bounds and options; its text is a plan's
     bool needs_raw() const;
+    // Whether a bound cuts a second in two; and whether it cuts this one. The index of a log keeps whole seconds, so
+    // that its answers in such a second are to be checked.
+    bool cuts_a_second() const;
+    bool cuts(st_time_t second) const;
+    bool holds(const st_timeval_t& time) const;  // whether the time is within the bounds
 };
 
 // Throws tool_failure with EXIT_USAGE, a malformed query with a caret under the spot.

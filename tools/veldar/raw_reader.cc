@@ -269,6 +269,7 @@ bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std
     out->path = source->input.path;
     out->offset = place->offset;
     out->size = record.size();
+    out->file = place->file;
     return true;
 }
 

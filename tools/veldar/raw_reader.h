@@ -22,10 +22,11 @@ struct raw_reader_close {
 using raw_reader_ptr = std::unique_ptr<raw_reader, raw_reader_close>;
 
 struct raw_record {
-    std::string text;     // the whole record as it stands in the log, without the newline that ends it
-    std::string path;     // where it was read from now
-    uint64_t offset = 0;  // of the record in the (decompressed) file
-    uint64_t size = 0;    // bytes of the record, its newline included
+    std::string text;                   // the whole record as it stands in the log, without the newline that ends it
+    std::string path;                   // where it was read from now
+    uint64_t offset = 0;                // of the record in the (decompressed) file
+    uint64_t size = 0;                  // bytes of the record, its newline included
+    const source_file* file = nullptr;  // of the reader's map
 };
 
 // A reader for one bucket directory. Null with a message when its source map cannot be read. Never throws but

@@ -13,7 +13,7 @@ constexpr size_t PAIRS_MAX = 256;  // a line that has more holds data rather tha
 
 // The more specific before the more general: detect_format relies on it.
 constexpr line_format FORMATS[] = {
-    {"json", "one JSON object a line; its members are fields", parse_json},
+    {"json", "one JSON object a line; its members are fields", parse_json, true},
     {"access", "combined or common access log of a web server", parse_access},
     {"apache-error", "[Sun Dec 04 04:47:44 2005] [error] ...", parse_apache_error},
     {"syslog-5424", "<34>1 2003-10-11T22:14:15.003Z host app ... (RFC 5424)", parse_syslog_5424},
@@ -50,6 +50,8 @@ size_t plain_size(std::string_view text) {
         switch (text[i]) {
             case ' ':
             case '\t':
+            case '\n':  // of a string in JSON; and some end with one
+            case '\r':
             case ',':
             case ';':
             case '&':
@@ -133,6 +135,7 @@ std::string_view begin_parse(std::string_view line, parsed_line* out) {
     out->has_time = false;
     out->fields.clear();
     if (line.ends_with('\r')) line.remove_suffix(1);
+    skip_utf8_mark(&line);
     return line;
 }
 

@@ -53,6 +53,7 @@ struct line_format {
     // Fills `out` from `line` (without its newline; a carriage return at its end is ignored). True when the line has
     // this format's form. When it has not, `out` still holds the `key=value` pairs of the line and no time.
     bool (*parse)(std::string_view line, format_context* context, parsed_line* out);
+    bool is_json = false;  // the words of a record are those of its json_text
 };
 
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.

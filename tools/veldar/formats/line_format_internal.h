@@ -17,7 +17,7 @@ bool parse_yymmdd(std::string_view line, format_context* context, parsed_line* o
 bool parse_epoch(std::string_view line, format_context* context, parsed_line* out);
 bool parse_text(std::string_view line, format_context* context, parsed_line* out);
 
-// Clears `out` and gives the line without its carriage return: the start of every parse.
+// Clears `out` and gives the line without its carriage return and UTF-8 mark: the start of every parse.
 std::string_view begin_parse(std::string_view line, parsed_line* out);
 // The end of a parse of a line that has not the format's form. Returns false.
 bool parse_as_text(std::string_view line, parsed_line* out);

@@ -106,6 +106,13 @@ void walk_elements(json_walk* walk, std::string_view name, array elements, int d
     }
 }
 
+// Container runtimes keep the line end of what a program wrote in the string.
+std::string_view without_line_end(std::string_view text) {
+    if (text.ends_with('\n')) text.remove_suffix(1);
+    if (text.ends_with('\r')) text.remove_suffix(1);
+    return text;
+}
+
 // A number, true or false as written, without the blanks behind it.
 std::string_view raw_text(std::string_view token) {
     size_t size = token.find_last_not_of(" \t\r\n");
@@ -135,7 +142,7 @@ void walk_value(json_walk* walk, std::string_view name, value item, int depth) {
         case json_type::string: {
             std::string_view text;
             walk->complete = item.get_string().get(text) == simdjson::SUCCESS;
-            if (walk->complete) walk_scalar(walk, name, text, depth);
+            if (walk->complete) walk_scalar(walk, name, without_line_end(text), depth);
             return;
         }
         case json_type::number:

@@ -170,6 +170,10 @@ void skip_blanks(std::string_view* rest) {
     while (!rest->empty() && ((*rest)[0] == ' ' || (*rest)[0] == '\t')) rest->remove_prefix(1);
 }
 
+void skip_utf8_mark(std::string_view* rest) {
+    if (rest->starts_with("\xEF\xBB\xBF")) rest->remove_prefix(3);
+}
+
 std::string_view take_word(std::string_view* rest) {
     size_t size = 0;
     while (size < rest->size() && (*rest)[size] != ' ' && (*rest)[size] != '\t') size++;

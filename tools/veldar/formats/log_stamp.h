@@ -26,6 +26,7 @@ struct yearless_stamp {
 bool take_char(std::string_view* rest, char c);
 bool take_digits(std::string_view* rest, size_t count, int64_t* out);  // exactly `count` digits
 void skip_blanks(std::string_view* rest);
+void skip_utf8_mark(std::string_view* rest);         // the byte order mark at the front of some files
 std::string_view take_word(std::string_view* rest);  // up to a blank or the end, and the blanks behind it
 
 // Days since the epoch of a civil date; false when there is no such day.
