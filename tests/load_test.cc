@@ -3,16 +3,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <random>
 
 #include "searchthing/tsval.h"
 #include "searchthing/warmslice.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tools/veldar/foreign_content.h"
 #include "tools/veldar/progress.h"
 #include "tools/veldar/raw_reader.h"
 #include "tools/veldar/store.h"
@@ -293,10 +296,20 @@ TEST_F(Load, WhatCannotBeReadIsNamedAndTheRestIsLoaded) {
     write_gzip(file("whole.gz"), joined(all));
     const std::string packed = read_file(file("whole.gz"));
     write_file(file("cut.gz"), packed.substr(0, packed.size() / 2));
-    const tool_result result = load({file("missing.log"), file("cut.gz"), dir.path(), file("a.log")});
+    ASSERT_EQ(::mkfifo(file("fifo").c_str(), 0600), 0);
+    write_file(file("x.xz"), std::string("\xFD"
+                                         "7zXZ\0",
+                                         6) +
+                                 "\nwords\n");
+    write_gzip(file("tool.gz"), std::string("\x7F"
+                                            "ELF\2\1\1\0\0\0\0\0\0\0\0\0\3\0>\0\1\0\0\0",
+                                            24));
+    const tool_result result = load({file("missing.log"), file("cut.gz"), dir.path(), file("fifo"), "/dev/zero",
+                                     file("x.xz"), file("tool.gz"), file("a.log")});
     EXPECT_EQ(result.status, 3);
-    for (const char* text :
-         {"missing.log: No such file", "cut.gz: the compressed data is cut short", "Is a directory"}) {
+    EXPECT_EQ(load({"-"}, {file("x.xz")}).status, 3);
+    for (const char* text : {"missing.log: No such file", "cut.gz: the compressed data is cut short", "Is a directory",
+                             "fifo: a FIFO", "zero: a device", "x.xz: xz-compressed", "tool.gz: binary"}) {
         EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
     }
     const lines first = records();
@@ -311,6 +324,31 @@ TEST_F(Load, WhatCannotBeReadIsNamedAndTheRestIsLoaded) {
     EXPECT_EQ(run_tool("veldar/veldar", {"-s", file("a.log"), "load", file("a.log")}).status, 5);
     EXPECT_EQ(run_tool("veldar/veldar", {"-s", dir.path(), "load", file("a.log")}).status, 2)
         << "a directory of something else";
+}
+
+TEST(ForeignContent, IsToldByItsBytes) {
+    const auto wide = [](std::string_view text, size_t at) {
+        std::string out;
+        for (const char c : text) out.append(at, '\0').append(1, c).append(1 - at, '\0');
+        return out;
+    };
+    const std::string log = "2024-05-01 10:00:00 start\n";
+    for (const std::string& text :
+         {std::string(), log, std::string(5000, '\0') + log, log + std::string("a\0b\n", 4), "BZhang was here\n" + log,
+          log + "8=FIX.4.2\0019=65\00135=A\00110=1\n", log + "\033[1;31mred\033[m \b\a\n", log + "gr\xFC\xDF \x9B\n"}) {
+        EXPECT_EQ(foreign_content(text), "") << text;
+    }
+    std::mt19937 random(3);
+    std::string noise(300, ' ');
+    for (char& c : noise) c = static_cast<char>(random());
+    const std::pair<std::string, const char*> table[] = {
+        {"BZh91AY&SY..", "bzip2"},         {"\x28\xB5\x2F\xFD", "zstd"},
+        {"\xFF\xFEx", "UTF-16"},           {wide(log, 0), "UTF-16"},
+        {wide(log, 1), "UTF-16"},          {noise, "binary"},
+        {std::string(10, '\0'), "binary"}, {log + std::string(231, 'x') + "ustar", "tar"}};
+    for (const auto& [bytes, name] : table) {
+        EXPECT_NE(foreign_content(bytes).find(name), std::string::npos) << name;
+    }
 }
 
 TEST_F(Load, LongLinesAndOddBytes) {

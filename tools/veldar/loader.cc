@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "tools/veldar/command.h"
+#include "tools/veldar/foreign_content.h"
 #include "tools/veldar/put_line.h"
 #include "tools/veldar/raw_reader.h"
 #include "tools/veldar/tool_file.h"
@@ -390,6 +391,8 @@ void loader_open(loader* load, const std::string& store_path, const load_options
 bool loader_load(loader* load, const std::string& path, std::string* error) {
     file_load one;
     if (!log_input_open(&one.input, path, error)) return false;
+    *error = foreign_content(one.input.head);
+    if (!error->empty()) return false;
     const bool read = one.input.pipe ? load_pipe(load, &one, error) : load_file(load, &one, path, error);
     load->bytes_done += one.input.size;
     return read;

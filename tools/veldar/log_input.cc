@@ -41,6 +41,24 @@ void read_head(log_input* input) {
     input->ahead = input->head;
 }
 
+// Whether the path names what was open before this process began: only such a pipe has someone who writes it.
+bool is_inherited(const std::string& path) {
+    return path == "-" || path == "/dev/stdin" || path.starts_with("/dev/fd/") || path.starts_with("/proc/self/fd/");
+}
+
+// A FIFO is opened without waiting for a writer, and refused.
+int open_path(const std::string& path) {
+    if (path == "-") return ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+    return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | (is_inherited(path) ? 0 : O_NONBLOCK | O_NOCTTY));
+}
+
+// Why what a path names cannot be read as a log; null when it can.
+const char* refused_kind(const std::string& path, mode_t mode) {
+    if (S_ISDIR(mode)) return std::strerror(EISDIR);
+    if (S_ISREG(mode) || is_inherited(path)) return nullptr;
+    return S_ISFIFO(mode) ? "a FIFO; pipes are read from standard input, as \"- < FIFO\"" : "a device, and no file";
+}
+
 bool open_gzip(log_input* input, std::string* error) {
     input->gz = std::make_unique<gz_stream>();
     return gz_open(input->gz.get(), input->fd.get(), !input->pipe, error);
@@ -83,15 +101,14 @@ bool sniff_file(log_input* input, std::string* error) {
 
 bool log_input_open(log_input* input, const std::string& path, std::string* error) {
     input->path = path;
-    input->fd.reset(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                                : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    input->fd.reset(open_path(path));
     struct stat st;
     if (!input->fd.valid() || ::fstat(input->fd.get(), &st) != 0) {
         *error = std::strerror(errno);
         return false;
     }
-    if (S_ISDIR(st.st_mode)) {
-        *error = std::strerror(EISDIR);
+    if (const char* const why = refused_kind(path, st.st_mode); why != nullptr) {
+        *error = why;
         return false;
     }
     input->pipe = path == "-" || !S_ISREG(st.st_mode);

@@ -24,7 +24,8 @@ struct log_input {
 
 inline constexpr size_t LOG_HEAD_MAX = 65536;
 
-// Opens a file, or standard input for "-", and reads its head. False with a message that does not name the path.
+// Opens a file, or standard input for "-", and reads its head. Other pipes than those that this process was given
+// (/dev/fd/N) are refused, as nobody may ever write them. False with a message that does not name the path.
 [[nodiscard]] bool log_input_open(log_input* input, const std::string& path, std::string* error);
 // Up to `size` bytes: how many, 0 at the end, negative with a message.
 [[nodiscard]] int64_t log_input_read(log_input* input, char* out, size_t size, std::string* error);

@@ -12,6 +12,7 @@
 
 #include "searchthing/warmslice_header.h"
 #include "tools/veldar/command.h"
+#include "tools/veldar/foreign_content.h"
 #include "tools/veldar/formats/metric_text.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/time_input.h"
@@ -295,6 +296,8 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
     metric_file file;
     file.path = path;
     if (!log_input_open(&file.input, path, error)) return false;
+    *error = foreign_content(file.input.head);
+    if (!error->empty()) return false;
     choose_format(*load, &file);
     if (!open_reader(load, &file, error)) return false;
     take_records(load, &file);

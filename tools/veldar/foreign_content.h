@@ -1,0 +1,13 @@
+// What a file is that no log is, told by its first bytes.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace veldar {
+
+// Why the content that begins like this is not loaded, for a message: it is compressed, text in UTF-16, or binary.
+// Empty for text; a log with a few odd bytes, or with a hole of NULs that a crash left, is text.
+std::string foreign_content(std::string_view head);
+
+}  // namespace veldar
