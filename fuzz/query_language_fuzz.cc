@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const bool passes = record_passes(plan, text, &scratch);
             if (!plan.needs_raw() && !passes) std::abort();
         }
-        highlight_put(highlight_of(plans), text, &scratch);
+        highlight_put(highlight_of(plans), text, true, &scratch);
     } catch (const query_error& error) {
         if (error.position > size || error.expected.empty()) std::abort();
         explain_query_error(text, error);

@@ -29,7 +29,9 @@ std::string_view first_line(std::string_view text) {
 
 void put_text(event_output* output, std::string_view text) {
     if (output->out->colour) {
-        highlight_put(output->wanted, text, &output->out->bytes);
+        std::string marked;
+        highlight_put(output->wanted, text, output->out->terminal, &marked);
+        output_put_commands(output->out, marked);
     } else {
         output_put(output->out, text);
     }
@@ -131,20 +133,13 @@ void put_separated(event_output* output, const event_columns& columns) {
     out->append(csv ? "\r\n" : "\n");
 }
 
-// The bytes of the UTF-8 character at the beginning of the text; 0 when it is none.
-size_t utf8_length(std::string_view text) {
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned lead = byte(0);
-    const size_t length = lead < 0x80 ? 1 : lead >> 5 == 6 ? 2 : lead >> 4 == 14 ? 3 : lead >> 3 == 30 ? 4 : 0;
-    if (length == 0 || length > text.size()) return 0;
-    uint32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
-    for (size_t i = 1; i < length; i++) {
-        if ((byte(i) & 0xC0) != 0x80) return 0;
-        code = code << 6 | (byte(i) & 0x3F);
-    }
-    constexpr std::array<uint32_t, 5> LEAST = {0, 0, 0x80, 0x800, 0x10000};
-    const bool surrogate = code >= 0xD800 && code < 0xE000;
-    return code < LEAST[length] || surrogate || code > 0x10FFFF ? 0 : length;
+constexpr unsigned NO_CONTROL = 0x100;
+
+// The code of a character that is a control character.
+unsigned control_code(std::string_view character) {
+    const auto first = static_cast<unsigned char>(character[0]), last = static_cast<unsigned char>(character.back());
+    if (character.size() == 1) return first < 0x20 || first == 0x7F ? first : NO_CONTROL;
+    return first == 0xC2 && last < 0xA0 ? last : NO_CONTROL;
 }
 
 }  // namespace
@@ -226,10 +221,10 @@ void json_put_string(std::string* out, std::string_view text) {
             out->append("\\n");
         } else if (c == '\t') {
             out->append("\\t");
-        } else if (static_cast<unsigned char>(c) < 0x20) {
+        } else if (const unsigned code = control_code(text.substr(at, length)); code != NO_CONTROL) {
             out->append("\\u00");
-            out->push_back(HEX[static_cast<unsigned char>(c) >> 4]);
-            out->push_back(HEX[static_cast<unsigned char>(c) & 15]);
+            out->push_back(HEX[code >> 4]);
+            out->push_back(HEX[code & 15]);
         } else {
             out->append(text.substr(at, length));
         }

@@ -5,6 +5,7 @@
 
 #include "searchthing/tokenizer.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/text_output.h"
 
 namespace veldar {
 
@@ -86,7 +87,10 @@ highlighter highlight_of(const std::vector<query_plan>& plans) {
     return wanted;
 }
 
-void highlight_put(const highlighter& wanted, std::string_view text, std::string* out) {
+void highlight_put(const highlighter& wanted, std::string_view text, bool for_terminal, std::string* out) {
+    const auto put = [&](std::string_view part) {
+        for_terminal ? put_visible(out, part) : static_cast<void>(out->append(part));
+    };
     span_list spans;
     const std::string folded = fold_value(text);
     for (const std::string& one : wanted.texts) find_text(folded, one, &spans);
@@ -97,11 +101,13 @@ void highlight_put(const highlighter& wanted, std::string_view text, std::string
         const size_t begin = spans[i].first;
         size_t end = spans[i].second;
         for (i++; i < spans.size() && spans[i].first <= end; i++) end = std::max(end, spans[i].second);
-        out->append(text.substr(at, begin - at)).append(MARK_ON).append(text.substr(begin, end - begin));
+        put(text.substr(at, begin - at));
+        out->append(MARK_ON);
+        put(text.substr(begin, end - begin));
         out->append(MARK_OFF);
         at = end;
     }
-    out->append(text.substr(at));
+    put(text.substr(at));
 }
 
 }  // namespace veldar

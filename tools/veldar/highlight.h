@@ -22,7 +22,7 @@ struct highlighter {
 
 // Takes the words, values and phrases that the plans ask for; nothing that they exclude.
 highlighter highlight_of(const std::vector<query_plan>& plans);
-// Appends the text with what was found in bold red.
-void highlight_put(const highlighter& wanted, std::string_view text, std::string* out);
+// Appends the text with what was found in bold red, and `for_terminal` with the text's own control characters visible.
+void highlight_put(const highlighter& wanted, std::string_view text, bool for_terminal, std::string* out);
 
 }  // namespace veldar
