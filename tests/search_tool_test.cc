@@ -1,4 +1,5 @@
 // Runs the built tool over generated logs and compares what it prints with a naive evaluation over the lines.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -266,6 +267,94 @@ TEST_F(SearchTool, Formats) {
               "2024-03-01T00:00:00Z k=\"\033[1;31ma\033[m,b\" \"q\"\\ \xFF\n\tmore\n\033[1;31mx\033[m\n");
 }
 
+TEST_F(SearchTool, BoundsWithinASecondAreThoseOfTheLog) {
+    const temp_dir other;
+    const std::string path = other.file("store"), second = "2024-03-01T00:00:0";
+    const std::vector<std::string> lines = {"before any time x",   second + "1.000Z x",      second + "1.500Z x",
+                                            "of the same time x",  second + "1.250Z late x", second + "1.500Z x again",
+                                            second + "1.501Z x y", second + "2Z x",          second + "2.75Z x"};
+    write_file(other.file("log"), joined(lines));
+    ASSERT_EQ(run_at(path, {"load", other.file("log"), "--no-fsync", "--max-values", "4"}).status, 0);
+    const struct {
+        std::string since, until;
+        std::vector<size_t> found;  // by line, newest first
+    } table[] = {
+        {second + "1Z", second + "2Z", {6, 5, 4, 3, 2, 1, 0}},
+        {second + "1.5Z", second + "2Z", {6, 5, 3, 2}},
+        {second + "1.25Z", second + "1.501Z", {5, 4, 3, 2}},
+        {second + "1.5005Z", "", {8, 7, 6}},
+        {"", second + "1.25Z", {1, 0}},
+        {second + "1.6Z", second + "2.75Z", {7}},
+        {second + "1.6Z", second + "1.7Z", {}},
+    };
+    for (const auto& row : table) {
+        std::vector<std::string> expected;
+        for (const size_t line : row.found) expected.push_back(lines[line]);
+        const std::vector<std::string> bounds = {"--since", row.since, "--until", row.until};
+        std::vector<std::string> search = {"search", "x"}, count = {"count", "x OR \"late x\""};
+        search.insert(search.end(), bounds.begin(), bounds.end());
+        count.insert(count.end(), bounds.begin(), bounds.end());
+        EXPECT_EQ(run_at(path, search).out, joined(expected)) << row.since << " " << row.until;
+        EXPECT_EQ(run_at(path, count).out, std::to_string(expected.size()) + "\n");
+    }
+}
+
+TEST_F(SearchTool, WordsOfJsonAreThoseOfItsStrings) {
+    const temp_dir other;
+    const std::string path = other.file("store");
+    write_file(other.file("log"),
+               R"({"log":"boom\nCaused by \"C:\\new\" \/api user=bob\n","time":"2024-03-01T00:00:00Z"})"
+               "\n\tat C:\\next\n"
+               R"({"log":"caf\u00e9 \ud83d\ude00x \u0041b\uzz","time":"2024-03-01T00:00:01Z"})"
+               "\n{ plain \\tail\n");
+    ASSERT_EQ(run_at(path, {"load", other.file("log"), "--no-fsync"}).status, 0);
+    for (const char* query : {"caused", "boom", "new", "next", "user=bob", "log=boom*bob", "\"/api\"",
+                              "\"\xC3\xA9 \xF0\x9F\x98\x80x\"", "ab", "uzz", "by time", "-/api caf", "ail"}) {
+        EXPECT_EQ(run_at(path, {"count", query}).out, "1\n") << query;
+    }
+    for (const char* query : {"ncaused", "ew", "ext", "u00e9", "tail", "boom -/api"}) {
+        EXPECT_EQ(run_at(path, {"count", query}).out, "0\n") << query;
+    }
+}
+
+// What a command prints on a terminal, with plain newlines.
+std::string on_terminal(const std::string& store, std::vector<std::string> arguments) {
+    const unique_fd terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    EXPECT_EQ(::grantpt(terminal.get()) == 0 && ::unlockpt(terminal.get()) == 0, true);
+    const unique_fd open(::open(::ptsname(terminal.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));  // keeps what is written
+    arguments.insert(arguments.begin(), {"-s", store});
+    EXPECT_EQ(run_tool("veldar/veldar", arguments, {.output = ::ptsname(terminal.get())}).status, 0);
+    char bytes[4096];
+    std::string text(bytes, static_cast<size_t>(std::max<ssize_t>(::read(terminal.get(), bytes, sizeof bytes), 0)));
+    std::erase(text, '\r');
+    return text;
+}
+
+TEST_F(SearchTool, ATerminalIsShownControlCharactersAndDoesNotObeyThem) {
+    const temp_dir other;
+    const std::string path = other.file("store"), gr = "gr\xC3\xBC\xC3\x9F";
+    const std::string line =
+        "x \033[1;31m \033]0;t\a \x9B"
+        "2J \xC2\x9B"
+        "m \x7F " +
+        gr + "\r\n\ty\rz";
+    const std::string shown =
+        " ^[[1;31m ^[]0;t^G \\x9B"
+        "2J \\x9Bm ^? " +
+        gr + "\n";
+    write_file(other.file("log"), line + "\n");
+    ASSERT_EQ(run_at(path, {"load", other.file("log"), "--no-fsync"}).status, 0);
+    EXPECT_EQ(on_terminal(path, {"search", "x", "--color", "never"}), "x" + shown + "\ty^Mz\n");
+    EXPECT_EQ(on_terminal(path, {"search", "x", "--color", "always"}), "\033[1;31mx\033[m" + shown + "\ty^Mz\n");
+    EXPECT_EQ(on_terminal(path, {"search", "y", "-B1"}).substr(0, 1 + shown.size()), "x" + shown);
+    for (const char* format : {"table", "jsonl", "csv", "tsv"}) {
+        const std::string text = on_terminal(path, {"search", "x", "--format", format, "--color", "never"});
+        EXPECT_EQ(text.find_first_of("\033\a\x9B\x7F"), std::string::npos) << format << ": " << text;
+        EXPECT_NE(text.find(gr), std::string::npos) << text;
+    }
+    EXPECT_EQ(run_at(path, {"search", "x"}).out, line + "\n");
+}
+
 TEST_F(SearchTool, TermsFieldsSeen) {
     std::map<std::string, std::vector<int32_t>> users;  // the times of each
     for (const line_event& event : *events) users[event.user].push_back(event.time);
@@ -307,6 +396,19 @@ TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
         {{"search", "a", "-C", "2", "--format", "csv"}, "context lines go with"},
         {{"search", "a", "--format", "xml"}, "xml"},
         {{"search"}, "QUERY is required"},
+        {{"serch", "a"}, "did you mean 'search'?"},
+        {{"metrics", "lod", "a"}, "did you mean 'load'?"},
+        {{"count", "a", "--unti=now"}, "did you mean '--until'?"},
+        {{"search", "a", "-n", "-1"}, "'-1' is no whole number of 1 or more"},
+        {{"search", "a", "-n", "18446744073709551616"}, "is no whole number"},
+        {{"search", "a", "-C", "0x1"}, "'0x1' is no whole number"},
+        {{"explain", "a", "--limit=-1"}, "is no whole number"},
+        {{"terms", "-n", "-1"}, "is no whole number"},
+        {{"metrics", "query", "a", "-n", "-1"}, "is no whole number"},
+        {{"fsck", "--max", "-1"}, "is no whole number"},
+        {{"load", "a", "--year", "-1"}, "is no whole number"},
+        {{"optimize", "--jobs", "-1"}, "is no whole number"},
+        {{"optimize", "--target-size", "-1"}, "'-1' is no size"},
     };
     for (const auto& row : table) {
         const tool_result refused = run(row.arguments);
@@ -315,6 +417,10 @@ TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
         EXPECT_NE(refused.err.find(row.message), std::string::npos) << refused.err;
     }
     EXPECT_EQ(run_at(dir->file("nothing"), {"search", "a"}).status, 2);
+    EXPECT_EQ(run({"search", "level=info", "-n", "010"}).out, run({"search", "level=info", "-n", "10"}).out);
+    const std::string version = run_tool("veldar/veldar", {"--version"}).out;
+    EXPECT_EQ(version.starts_with("veldar ") && version.ends_with("\n") && std::isdigit(version[7]) != 0, true)
+        << version;
 }
 
 // A copy of the store, whose slices may be damaged.
@@ -400,6 +506,8 @@ TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
         EXPECT_NE(found.err.find("no source map"), std::string::npos);
         EXPECT_EQ(run_at(path, {"count", "alpha", "-beta"}).out, "1\n");
         EXPECT_EQ(run_at(path, {"count", "\"alpha beta\""}).status, 2);
+        EXPECT_EQ(run_at(path, {"count", "alpha", "--until", "@1709251260.5"}).status, 2)
+            << "only whole seconds are known";
     }
     // One slice of a store knows its logs.
     const std::string oldest = slices_list(dir->file("store")).files.back().path;

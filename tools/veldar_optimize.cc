@@ -7,8 +7,11 @@
 #include <vector>
 
 #include "searchthing/st_optimize.h"
+#include "tools/veldar/number_input.h"
 
 namespace {
+
+using veldar::whole_number;
 
 struct options {
     std::vector<std::string> directories;
@@ -26,14 +29,17 @@ void add_options(CLI::App* app, options* o) {
     app->add_option("DIR", o->directories, "Index directories")->required();
     app->add_option("--mode", o->mode,
                     "0 slices of one size (default), 1 all, 2 slices written in part mode, 3 dry run")
-        ->check(CLI::Range(0, 3));
+        ->transform(whole_number(0, 3));
     app->add_flag("--final", o->is_final, "Two slices of one size are enough; leaves the file optimize.result");
-    app->add_option("--max-iterations", o->max_iterations, "Merges in a directory (default 1000)");
-    app->add_option("--min-sources", o->min_sources, "Slices of one size that are enough (default 8)");
+    app->add_option("--max-iterations", o->max_iterations, "Merges in a directory (default 1000)")
+        ->transform(whole_number(1, UINT32_MAX));
+    app->add_option("--min-sources", o->min_sources, "Slices of one size that are enough (default 8)")
+        ->transform(whole_number(2, UINT32_MAX));
     app->add_option("--lex-tpb", o->lexicon_tpb, "Terms in a block of merged lexicons (default 64)")
-        ->check(CLI::Range(1, 65536));
-    app->add_option("--level", o->level, "Write level of the directories (default 4)")->check(CLI::Range(1, 4));
-    app->add_option("--target-mib", o->target_mib, "Size up to which slices are merged (default 1500)");
+        ->transform(whole_number(1, 65536));
+    app->add_option("--level", o->level, "Write level of the directories (default 4)")->transform(whole_number(1, 4));
+    app->add_option("--target-mib", o->target_mib, "Size up to which slices are merged (default 1500)")
+        ->transform(whole_number(1, UINT32_MAX));
 }
 
 int run(const options& o) {
@@ -57,6 +63,7 @@ int run(const options& o) {
 int main(int argc, char** argv) {
     CLI::App app("Merges slices of index directories.", "veldar-optimize");
     options o;
+    app.set_version_flag("--version", "veldar-optimize " VELDAR_VERSION);
     add_options(&app, &o);
     try {
         app.parse(argc, argv);

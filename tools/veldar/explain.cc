@@ -10,6 +10,7 @@
 #include "searchthing/warmslice_search.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/event_output.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/query_input.h"
 #include "tools/veldar/slices.h"
 #include "tools/veldar/store.h"
@@ -207,7 +208,7 @@ void add_explain_command(CLI::App* app, tool_context* context) {
     CLI::App* explain = app->add_subcommand("explain", "Tell how a query is understood and what it costs");
     add_query_options(explain, &options.query);
     explain->add_option("-n,--limit", options.limit, "As for search: the newest events only")
-        ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+        ->transform(whole_number(1, UINT64_MAX));
     explain->callback([context] { context->status = explain_run(*context, options); });
 }
 

@@ -7,6 +7,7 @@
 #include "tools/veldar/command.h"
 #include "tools/veldar/fsck_slice.h"
 #include "tools/veldar/fsck_store.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/slices.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/text_output.h"
@@ -123,7 +124,7 @@ void add_fsck_command(CLI::App* app, tool_context* context) {
     fsck->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
     fsck->add_flag("-q,--quiet", options.quiet, "Print nothing; the exit status tells");
     fsck->add_option("--max", options.per_kind, "Faults of one kind to print for a slice")
-        ->check(CLI::Range(1u, 1u << 30))
+        ->transform(whole_number(1, 1u << 30))
         ->capture_default_str();
     fsck->callback([context] { context->status = fsck_run_all(*context, options); });
 }

@@ -5,6 +5,7 @@
 #include "tools/veldar/command.h"
 #include "tools/veldar/loader.h"
 #include "tools/veldar/merging.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/progress.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/tool_file.h"
@@ -65,15 +66,13 @@ void add_load_command(CLI::App* app, tool_context* context) {
             return log_zone_from_name(name, &zone) ? std::string() : "unknown time zone " + name;
         });
     load->add_option("--year", options.year, "Year of the first line, for times without a year")
-        ->check(CLI::Range(1970, 2037));
+        ->transform(whole_number(1970, 2037));
     load->add_option("--host", options.host, "The events' host, instead of the log's or this machine's");
     load->add_option("--sourcetype", options.sourcetype, "The events' sourcetype, instead of the format's name");
     load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
     load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
-    load->add_option("--bucket-bytes", options.bucket_bytes)
-        ->group("")
-        ->check(CLI::Range(uint64_t{1}, BUCKET_BYTES_MAX));
-    load->add_option("--max-values", options.limits.max_values)->group("");
+    load->add_option("--bucket-bytes", options.bucket_bytes)->group("")->transform(whole_number(1, BUCKET_BYTES_MAX));
+    load->add_option("--max-values", options.limits.max_values)->group("")->transform(whole_number(1, 1u << 28));
     load->callback([context] { context->status = load_run(*context, options); });
 }
 

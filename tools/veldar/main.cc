@@ -9,6 +9,7 @@
 #include "searchthing/st_init.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/query_input.h"
+#include "tools/veldar/suggestion.h"
 
 namespace {
 
@@ -18,6 +19,7 @@ int run(int argc, char** argv) {
     app.add_option(
         "-s,--store", context.store,
         "The store (else $VELDAR_STORE, else .veldar here or above); to ask, also an index directory or a slice");
+    app.set_version_flag("--version", "veldar " VELDAR_VERSION);
     app.fallthrough();  // -s may stand behind the subcommand too
     veldar::add_put_command(&app, &context);
     veldar::add_load_command(&app, &context);
@@ -41,7 +43,9 @@ int run(int argc, char** argv) {
         std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? veldar::EXIT_DONE : veldar::EXIT_USAGE;
+        if (app.exit(error) == 0) return veldar::EXIT_DONE;
+        std::fputs(veldar::suggest_meant(app).c_str(), stderr);
+        return veldar::EXIT_USAGE;
     }
     if (app.get_subcommands().empty()) {
         std::fputs("a subcommand is required\nRun with --help for more information.\n", stderr);

@@ -5,6 +5,7 @@
 #include "tools/veldar/merging.h"
 #include "tools/veldar/metric_loader.h"
 #include "tools/veldar/metrics.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/tool_file.h"
 
@@ -99,7 +100,7 @@ void add_metrics_load_command(CLI::App* metrics, tool_context* context, const st
     load->add_flag("--again", options.again, "Load what was loaded before once more");
     load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
     load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
-    load->add_option("--batch", options.batch_samples)->group("")->check(CLI::Range(uint64_t{1}, uint64_t{1} << 24));
+    load->add_option("--batch", options.batch_samples)->group("")->transform(whole_number(1, 1u << 24));
     load->callback([context, directory] {
         options.csv.separator = separator == "tab" ? '\t' : separator[0];
         context->status = load_run(*context, *directory, &options);

@@ -11,6 +11,7 @@
 #include "tools/veldar/metric_catalog.h"
 #include "tools/veldar/metric_points.h"
 #include "tools/veldar/metrics.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/query_input.h"
 
 namespace veldar {
@@ -249,7 +250,7 @@ void add_metrics_query_command(CLI::App* metrics, tool_context* context, const s
     query->add_option("-w,--where", options.where, "LABEL=VALUE or LABEL!=VALUE; all must hold")->type_size(1);
     add_bounds_options(query, &options);
     query->add_option("-n,--limit", options.limit, "At most this many samples, the newest ones")
-        ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+        ->transform(whole_number(1, UINT64_MAX));
     query->add_flag("-r,--reverse", options.oldest_first, "Print the oldest of them first");
     query->add_option("--format", options.format, "text, csv, jsonl or openmetrics")
         ->check(CLI::IsMember({"text", "csv", "jsonl", "openmetrics"}))

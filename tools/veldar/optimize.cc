@@ -11,6 +11,7 @@
 #include "tools/veldar/command.h"
 #include "tools/veldar/index_handle.h"
 #include "tools/veldar/merging.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/progress.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/text_output.h"
@@ -110,9 +111,15 @@ void add_optimize_command(CLI::App* app, tool_context* context) {
     optimize
         ->add_option("--target-size", options.merging.target_size,
                      "Size up to which slices are merged, as 500MB or 2GB (default 1500 MiB)")
-        ->transform(CLI::AsSizeValue(false));
+        ->transform(CLI::AsSizeValue(false))
+        ->transform(CLI::Validator(
+            [](std::string& size) {  // comes first
+                const bool number = size[0] >= '1' && size[0] <= '9' && size.size() < 20;
+                return number ? std::string() : "'" + size + "' is no size such as 500MB";
+            },
+            ""));
     optimize->add_option("--jobs", options.merging.jobs, "How many directories are merged at a time (default 1)")
-        ->check(CLI::Range(1, 256));
+        ->transform(whole_number(1, 256));
     optimize->callback([context] { context->status = optimize_run(*context, options); });
 }
 

@@ -105,13 +105,13 @@ std::string totals_text(const progress& p, const load_totals& totals) {
     std::string text = number_text(totals.events) + (totals.events == 1 ? " event" : " events");
     if (totals.events > 0) {
         text +=
-            fmt::format(", {} {} in {} {}, {} to {} UTC", number_text(totals.terms), totals.terms == 1 ? "term" : "terms",
-                        totals.slices, totals.slices == 1 ? "slice" : "slices", time_text(totals.earliest),
-                        time_text(totals.latest));
+            fmt::format(", {} {} in {} {}, {} to {} UTC", number_text(totals.terms),
+                        totals.terms == 1 ? "term" : "terms", totals.slices, totals.slices == 1 ? "slice" : "slices",
+                        time_text(totals.earliest), time_text(totals.latest));
     }
     text += fmt::format(", {} read, {} of index", bytes_text(totals.bytes_in), bytes_text(totals.index_bytes));
-    text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused), totals.refused == 1 ? "line" : "lines",
-                        static_cast<double>(now_us() - p.begun_us) / 1e6);
+    text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused),
+                        totals.refused == 1 ? "line" : "lines", static_cast<double>(now_us() - p.begun_us) / 1e6);
     return text;
 }
 

@@ -15,6 +15,7 @@
 #include "searchthing/st.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/index_writer.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/progress.h"
 #include "tools/veldar/put_line.h"
 #include "tools/veldar/tool_file.h"
@@ -151,17 +152,18 @@ void add_put_command(CLI::App* app, tool_context* context) {
     put->add_option("DIR", options.directory, "The index directory; made when it does not exist")->required();
     put->add_option("FILE", options.input, "The events; - for standard input")->capture_default_str();
     put->add_option("--level", options.level, "Write level, which selects the kind of slice")
-        ->check(CLI::Range(1, 4))
+        ->transform(whole_number(1, 4))
         ->capture_default_str();
     put->add_flag("--streaming", options.streaming, "The events come in the order of their times");
     put->add_flag("--skip-bad", options.skip_bad, "Count malformed lines instead of ending at the first");
     put->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away indexes");
     index_limits* const limits = &options.limits;
-    const auto limit = [](uint64_t max) { return CLI::Range(uint64_t{1024}, max); };
-    put->add_option("--max-terms", limits->max_terms, "Distinct terms in memory")->check(limit(1u << 26));
-    put->add_option("--max-postings", limits->max_postings, "Term and event pairs in memory")->check(limit(1u << 28));
-    put->add_option("--max-values", limits->max_values, "Events in memory")->check(limit(1u << 28));
-    put->add_option("--lexicon-bytes", limits->lexicon_bytes, "Bytes of terms in memory")->check(limit(1u << 30));
+    const auto limit = [](uint64_t max) { return whole_number(1024, max); };
+    put->add_option("--max-terms", limits->max_terms, "Distinct terms in memory")->transform(limit(1u << 26));
+    put->add_option("--max-postings", limits->max_postings, "Term and event pairs in memory")
+        ->transform(limit(1u << 28));
+    put->add_option("--max-values", limits->max_values, "Events in memory")->transform(limit(1u << 28));
+    put->add_option("--lexicon-bytes", limits->lexicon_bytes, "Bytes of terms in memory")->transform(limit(1u << 30));
     put->callback([context] { context->status = put_run_all(options); });
 }
 

@@ -7,6 +7,7 @@
 #include "tools/veldar/event_output.h"
 #include "tools/veldar/event_source.h"
 #include "tools/veldar/event_stream.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/query_input.h"
 #include "tools/veldar/store.h"
 
@@ -85,11 +86,13 @@ void add_search_command(CLI::App* app, tool_context* context) {
     CLI::App* search = app->add_subcommand("search", "Print the events that a query finds, newest first");
     add_query_options(search, &options.query);
     search->add_option("-n,--limit", options.limit, "At most this many events, the newest ones")
-        ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+        ->transform(whole_number(1, UINT64_MAX));
     search->add_flag("-r,--reverse", options.oldest_first, "Print the oldest of them first");
-    search->add_option("-A,--after-context", options.after, "Print this many lines of the log behind each event");
-    search->add_option("-B,--before-context", options.before, "Print this many lines before each event");
-    search->add_option("-C,--context", options.around, "Both");
+    search->add_option("-A,--after-context", options.after, "Print this many lines of the log behind each event")
+        ->transform(whole_number(0, UINT32_MAX));
+    search->add_option("-B,--before-context", options.before, "Print this many lines before each event")
+        ->transform(whole_number(0, UINT32_MAX));
+    search->add_option("-C,--context", options.around, "Both")->transform(whole_number(0, UINT32_MAX));
     search->add_option("--format", options.format, "raw, table, jsonl, csv, tsv or addr")
         ->check(CLI::IsMember({"raw", "table", "jsonl", "csv", "tsv", "addr"}));
     add_color_option(search, &options.color);

@@ -7,6 +7,7 @@
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/event_output.h"
+#include "tools/veldar/number_input.h"
 #include "tools/veldar/query_input.h"
 #include "tools/veldar/store.h"
 #include "tools/veldar/term_walk.h"
@@ -163,7 +164,7 @@ void add_terms_command(CLI::App* app, tool_context* context) {
     terms->add_option("--sort", options.sort, "By count (the greatest first) or by term")
         ->check(CLI::IsMember({"count", "term"}))
         ->capture_default_str();
-    terms->add_option("-n,--limit", options.limit, "At most this many")->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+    terms->add_option("-n,--limit", options.limit, "At most this many")->transform(whole_number(1, UINT64_MAX));
     terms->callback([context] { context->status = terms_run(*context, options); });
 }
 
