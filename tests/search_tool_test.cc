@@ -299,7 +299,7 @@ TEST_F(SearchTool, BoundsWithinASecondAreThoseOfTheLog) {
     }
 }
 
-TEST_F(SearchTool, WordsOfJsonAreThoseOfItsStrings) {
+TEST_F(SearchTool, WordsAreThoseThatPeopleSee) {
     const temp_dir other;
     const std::string path = other.file("store");
     write_file(other.file("log"),
@@ -314,6 +314,14 @@ TEST_F(SearchTool, WordsOfJsonAreThoseOfItsStrings) {
     }
     for (const char* query : {"ncaused", "ew", "ext", "u00e9", "tail", "boom -/api"}) {
         EXPECT_EQ(run_at(path, {"count", query}).out, "0\n") << query;
+    }
+    write_file(other.file("coloured"),
+               "\033[90m2024-03-01T00:00:02.5Z\033[0m \033[1;32mINFO\033[m all \033]0;title\awell "
+               "\033[36mkey\033[0m=\033[4mblue\033[m\n");
+    ASSERT_EQ(run_at(path, {"load", other.file("coloured"), "--no-fsync"}).status, 0);
+    for (const char* query : {"level=info", "info", "key=blue", "\"info all well\"", "well"}) {
+        EXPECT_EQ(run_at(path, {"count", query, "--since", "2024-03-01T00:00:02.5Z"}).out, "1\n") << query;
+        EXPECT_EQ(run_at(path, {"count", query, "--since", "2024-03-01T00:00:02.6Z"}).out, "0\n") << query;
     }
 }
 

@@ -32,9 +32,9 @@ void add_options(CLI::App* app, options* o) {
         ->transform(whole_number(0, 3));
     app->add_flag("--final", o->is_final, "Two slices of one size are enough; leaves the file optimize.result");
     app->add_option("--max-iterations", o->max_iterations, "Merges in a directory (default 1000)")
-        ->transform(whole_number(1, UINT32_MAX));
+        ->transform(whole_number(0, UINT32_MAX));
     app->add_option("--min-sources", o->min_sources, "Slices of one size that are enough (default 8)")
-        ->transform(whole_number(2, UINT32_MAX));
+        ->transform(whole_number(0, UINT32_MAX));
     app->add_option("--lex-tpb", o->lexicon_tpb, "Terms in a block of merged lexicons (default 64)")
         ->transform(whole_number(1, 65536));
     app->add_option("--level", o->level, "Write level of the directories (default 4)")->transform(whole_number(1, 4));

@@ -4,6 +4,7 @@
 
 #include "tools/veldar/formats/json_text.h"
 #include "tools/veldar/formats/line_format.h"
+#include "tools/veldar/formats/uncoloured.h"
 #include "tools/veldar/store.h"
 
 namespace veldar {
@@ -31,7 +32,8 @@ raw_reader* reader_of(event_source* source, uint32_t directory) {
 // The fraction of the time that a record begins with; false when it says no time.
 bool has_fraction(const line_format& format, format_context* context, std::string_view record, uint64_t* nanoseconds) {
     parsed_line parsed;
-    format.parse(record.substr(0, record.find('\n')), context, &parsed);
+    std::string plain;
+    format.parse(uncoloured(record.substr(0, record.find('\n')), &plain), context, &parsed);
     if (parsed.has_time) *nanoseconds = parsed.time.time_ns;
     return parsed.has_time;
 }
@@ -49,13 +51,14 @@ bool keep_whole_seconds(const slice_set& slices) {
     });
 }
 
-// The text in which phrases are looked for: of a JSON log also what its strings say.
+// The text in which phrases are looked for: the record's, and what its colours and the escapes of JSON hide.
 std::string_view searched_text(const raw_record& record, std::string* scratch) {
     const line_format* const format = format_by_name(record.file->format);
-    if (format == nullptr || !format->is_json) return record.text;
     std::string decoded;
-    const std::string_view text = json_text(record.text, &decoded);
-    if (text.data() == record.text.data()) return record.text;
+    std::string_view text = record.text;
+    if (format != nullptr && format->is_json) text = json_text(text, &decoded);
+    text = uncoloured(text, &decoded);
+    if (text.data() == record.text.data()) return text;
     scratch->assign(record.text).append("\n").append(text);
     return *scratch;
 }

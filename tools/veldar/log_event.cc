@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "tools/veldar/formats/json_text.h"
+#include "tools/veldar/formats/uncoloured.h"
 #include "tools/veldar/record_reader.h"
 
 namespace veldar {
@@ -21,6 +22,7 @@ std::string_view take_line(std::string_view* text) {
 }
 
 void parse_first(log_event_maker* maker, std::string_view line) {
+    line = uncoloured(line, &maker->plain);
     maker->format->parse(line, &maker->context, &maker->first);
     if (!maker->first.has_time) return;
     maker->time = maker->first.time;
@@ -43,6 +45,8 @@ std::string_view host_of(const log_event_maker& maker) {
 }  // namespace
 
 const line_format* log_event_detect(std::string_view head, const format_context& context) {
+    std::string plain;
+    head = uncoloured(head, &plain);
     std::vector<std::string_view> lines;
     while (!head.empty() && lines.size() < DETECT_LINES) {
         const bool whole = head.find('\n') != std::string_view::npos;
@@ -66,11 +70,13 @@ void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_
 
 void log_event_make(log_event_maker* maker, std::string_view record) {
     static const line_format* const pairs = format_by_name("text");
+    record = uncoloured(record, &maker->plain);
     std::string_view left = record;
     term_set* const terms = &maker->terms;
     term_set_reset(terms);
     parse_first(maker, take_line(&left));
-    term_set_add_text(terms, maker->format->is_json ? json_text(record, &maker->decoded) : record);
+    term_set_add_text(
+        terms, maker->format->is_json ? uncoloured(json_text(record, &maker->decoded), &maker->decoded) : record);
     maker->line_host = host_of(*maker);
     term_set_add_field(terms, HOST, maker->line_host);
     term_set_add_field(terms, SOURCE, maker->source);

@@ -21,7 +21,7 @@ struct log_event_maker {
 
     parsed_line first, continued;
     term_set terms;
-    std::string decoded;         // scratch
+    std::string plain, decoded;  // scratch
     std::string_view line_host;  // of the last record made
 };
 
@@ -31,7 +31,7 @@ const line_format* log_event_detect(std::string_view head, const format_context&
 void log_event_note(log_event_maker* maker, std::string_view record);
 // When no time is known yet: takes the first that stands in these lines, else `otherwise`.
 void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise);
-// Makes the event of a record: maker->time, ->line_host and ->terms, the host's view valid as long as the record.
+// Makes the event of a record: maker->time, ->line_host and ->terms, the views valid until the next record.
 void log_event_make(log_event_maker* maker, std::string_view record);
 
 }  // namespace veldar
