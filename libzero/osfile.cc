@@ -1,5 +1,6 @@
 #include "libzero/osfile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -45,6 +46,14 @@ int ospath_link(const char* path, const char* second_name) {
                       first.st_dev == second.st_dev && first.st_ino == second.st_ino;
     errno = error;
     return made ? 0 : -1;
+}
+
+void osfile_open_standard() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if (::fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+        // The lowest free number is this one, because those below it are open.
+        if (::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) return;
+    }
 }
 
 void portable_timeval_now(portable_timeval* out) {

@@ -17,6 +17,11 @@ int ospath_try_stat(const char* path);
 // it looks when a file server made the link, its answer was lost, and the client asked again.
 int ospath_link(const char* path, const char* second_name);
 
+// Opens the null device on those of the descriptors 0 to 2 that are closed, the wrong way round, so that reading or
+// writing them fails: else the next file that is opened gets such a number, and what is meant for a terminal is written
+// into it. For the start of a program.
+void osfile_open_standard();
+
 struct portable_timeval {
     int64_t seconds;
     int64_t microseconds;

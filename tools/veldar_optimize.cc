@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "libzero/osfile.h"
 #include "searchthing/st_optimize.h"
 #include "tools/veldar/number_input.h"
 
@@ -61,6 +62,7 @@ int run(const options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    veldar::osfile_open_standard();
     CLI::App app("Merges slices of index directories.", "veldar-optimize");
     options o;
     app.set_version_flag("--version", "veldar-optimize " VELDAR_VERSION);

@@ -38,6 +38,7 @@ tool_result run_tool(const std::string& name, const std::vector<std::string>& ar
     ::posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
     ::posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
     ::posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
+    for (int fd = 0; options.closed && fd < 3; fd++) ::posix_spawn_file_actions_addclose(&actions, fd);
     std::vector<char*> argv = {const_cast<char*>(tool.c_str())};
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);

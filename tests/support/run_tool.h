@@ -11,6 +11,7 @@ struct tool_options {
     int signal = 0;          // sent when the tool still runs after `after_us`
     unsigned after_us = 0;
     std::string output = {};  // path that standard output goes to; empty: it is collected
+    bool closed = false;      // none of the three standard descriptors is open
 };
 
 struct tool_result {

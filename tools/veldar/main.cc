@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "libzero/create-crash-dump.h"
+#include "libzero/osfile.h"
 #include "searchthing/st_init.h"
 #include "tools/veldar/command.h"
 #include "tools/veldar/query_input.h"
@@ -57,6 +58,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    veldar::osfile_open_standard();
     try {
         veldar::st_init("veldar");
         veldar::create_crash_dump_install_from_environment("veldar");
