@@ -13,12 +13,14 @@
 
 #include "searchthing/tsval.h"
 #include "searchthing/warmslice.h"
+#include "tests/support/faults.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/foreign_content.h"
-#include "tools/veldar/progress.h"
+#include "tools/veldar/loader.h"
 #include "tools/veldar/raw_reader.h"
-#include "tools/veldar/store.h"
+#include "tools/veldar/slices.h"
+#include "tools/veldar/tool_file.h"
 
 namespace veldar {
 namespace {
@@ -103,14 +105,15 @@ class Load : public testing::Test {
         EXPECT_EQ(result.status, 0) << result.err;
     }
 
-    std::vector<event_seen> events() const {
+    std::vector<event_seen> events(const std::string& path) const {
         std::vector<event_seen> all;
-        for (const std::string& directory : store_bucket_directories(store())) read_bucket(directory, &all);
+        for (const std::string& directory : store_bucket_directories(path)) read_bucket(directory, &all);
         return all;
     }
-    lines records() const {
+    lines records() const { return records(store()); }
+    lines records(const std::string& path) const {
         lines all;
-        for (const event_seen& event : events()) all.push_back(event.record);
+        for (const event_seen& event : events(path)) all.push_back(event.record);
         return sorted(all);
     }
 
@@ -131,7 +134,10 @@ TEST_F(Load, TakesOnlyWhatIsNew) {
     const lines all = log_lines(0, 2000);
     const std::string half = joined(log_lines(0, 1000)), end = "2024-03-01T01:00:00Z the e";
     write_file(file("a.log"), half + end);
-    load_all({file("a.log"), file("a.log")});
+    tool_options closed;
+    closed.closed = true;
+    EXPECT_EQ(load({file("a.log"), file("a.log")}, closed).status, 0);
+    EXPECT_EQ(read_file(store() + "/sourcetypes"), "iso8601\n");
     load_all({file("a.log")});
     const lines first = log_lines(0, 1000) + lines{end};
     EXPECT_EQ(records(), sorted(first)) << "the last line stands as it stood, without its newline";
@@ -170,14 +176,19 @@ TEST_F(Load, KnowsRenamedRotatedAndCompressedFiles) {
     EXPECT_NE(error.find("archive/old.gz"), std::string::npos) << error;
 }
 
-TEST_F(Load, ATruncatedFileIsANewOne) {
+// More than the head that tells files apart is as it was.
+TEST_F(Load, AFileWithOtherContentIsANewOne) {
     const std::string log = file("a.log");
-    write_file(log, joined(log_lines(0, 500)));
-    load_all({log});
-    std::filesystem::copy_file(log, file("a.log.1"));
-    write_file(log, joined(log_lines(500, 100)));
-    load_all({log, file("a.log.1")});
-    EXPECT_EQ(records(), sorted(log_lines(0, 600)));
+    const lines same = log_lines(0, 2000);
+    int copies = 0;
+    for (const int next : {2000, 5000, 7000}) {
+        write_file(log, joined(same + log_lines(next, 1000 + next / 5000 * 500)));
+        load_all({log});
+        std::filesystem::copy_file(log, file("copy" + std::to_string(copies++)));
+    }
+    load_all({log, file("copy0"), file("copy1"), file("copy2")});
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "count", "*"}).out, "10000\n")
+        << "longer, then of the same size";
 }
 
 TEST_F(Load, FilesThatOnlyBeginAlikeAreTwo) {
@@ -188,9 +199,12 @@ TEST_F(Load, FilesThatOnlyBeginAlikeAreTwo) {
     load_all({file("b.log")});
     append(file("a.log"), "of a\n");
     write_file(file("copy.log"), read_file(file("a.log")));
-    load_all({file("copy.log"), file("a.log")});
+    load_all({file("copy.log")});
     std::filesystem::remove(file("copy.log"));
-    EXPECT_EQ(records(), (lines{"of a", "of b", "service started", "service started"}));
+    EXPECT_EQ(records(), (lines{"of a", "of b", "service started", "service started"})) << "read from the original";
+    append(file("a.log"), joined(log_lines(0, 1)));
+    load_all({file("a.log")});
+    EXPECT_EQ(read_file(store() + "/sourcetypes"), "text\niso8601\n") << "more lines tell more";
 }
 
 TEST_F(Load, KilledAtAnyMomentGivesEachLineOnce) {
@@ -223,14 +237,19 @@ TEST_F(Load, KilledBetweenTheSliceAndTheMark) {
     load_all({log});
     EXPECT_EQ(records(), sorted(all + lines{"the last li", "more", "ne"})) << "up to where the killed load had read";
     forget_mark();
-    std::filesystem::rename(log, file("elsewhere"));
+    const temp_dir away;
+    std::filesystem::rename(log, away.file("a.log"));
     write_file(file("b.log"), joined(log_lines(200, 50)));
     load_all({file("b.log")});
-    std::filesystem::rename(file("elsewhere"), log);
+    std::filesystem::rename(away.file("a.log"), log);
     append(log, "still more\n");
     load_all({log});
-    EXPECT_EQ(records(), sorted(all + lines{"the last li", "more", "ne", "still more"} + log_lines(200, 50)))
-        << "also when the file was away at first";
+    const lines whole = sorted(all + lines{"the last li", "more", "ne", "still more"} + log_lines(200, 50));
+    EXPECT_EQ(records(), whole) << "also when the file was away at first";
+    forget_mark();
+    EXPECT_EQ(records(), whole) << "one record behind the last mark";
+    load_all({log});
+    EXPECT_EQ(records(), whole);
 }
 
 TEST_F(Load, KilledBeforeTheSliceWasVisible) {
@@ -251,6 +270,70 @@ TEST_F(Load, KilledBeforeTheSliceWasVisible) {
     EXPECT_EQ(records().size(), 100u) << "what was deleted on purpose does not come back";
 }
 
+TEST_F(Load, KilledBeforeTheMarkDeletedEventsStayDeleted) {
+    write_file(file("a.log"), joined(log_lines(0, 100)));
+    for (int i = 0; i < 2; i++) {
+        load_all({file("a.log")});
+        if (i == 0) forget_mark();
+        EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "delete", "*"}).status, i);
+        EXPECT_TRUE(records().empty());
+    }
+    append(file("a.log"), joined(log_lines(100, 10)));
+    load_all({file("a.log")});
+    EXPECT_EQ(records(), log_lines(100, 10));
+    const lines names = tool_list_directory(store_bucket_directories(store())[0]);
+    EXPECT_TRUE(std::none_of(names.begin(), names.end(), [](const auto& name) { return name.starts_with("deleted"); }));
+}
+
+// A call that fails is never taken for nothing there.
+TEST_F(Load, EveryFailingCallIsTold) {
+    const lines all = log_lines(0, 60);
+    write_file(file("a.log"), joined(log_lines(0, 40)));
+    load_all({file("a.log"), "--bucket-bytes", "600"});
+    write_file(file("up.om"), "up 1 5\n");
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "metrics", "load", file("up.om")}).status, 0);
+    const size_t slices = slices_list_all(store()).files.size();
+    for (uint64_t n = 1, calls = 1; n <= calls; n++) {
+        const fault_step step(fault_action::fail, n, EIO);
+        try {
+            const slice_set found = slices_list_all(store());
+            EXPECT_TRUE(found.files.size() == slices || !found.errors.empty()) << n;
+        } catch (const tool_failure& failure) {
+            EXPECT_EQ(failure.status, EXIT_IO) << n << failure.message;
+        }
+        calls = step.calls();
+    }
+    append(file("a.log"), joined(log_lines(40, 20)));
+    load_options options;
+    options.no_fsync = true;
+    for (uint64_t n = 1, calls = 1; n <= calls; n++) {
+        const temp_dir copy;
+        const std::string path = copy.file("store");
+        std::filesystem::copy(store(), path, std::filesystem::copy_options::recursive);
+        for (const bool failing : {true, false}) {
+            const std::unique_ptr<fault_step> step(failing ? new fault_step(fault_action::fail, n, EIO) : nullptr);
+            loader load;
+            try {
+                std::string error;
+                loader_open(&load, path, options);
+                EXPECT_TRUE(loader_load(&load, file("a.log"), &error) || failing) << n << error;
+                loader_close(&load);
+            } catch (const tool_failure& failure) {
+                EXPECT_TRUE(failing) << n << failure.message;
+                loader_give_up(&load);
+            }
+            if (failing) calls = step->calls();
+        }
+        ASSERT_EQ(records(path), all) << n;
+    }
+    std::string mark = read_file(store() + "/store");
+    mark[3] ^= 1;
+    write_file(store() + "/store", mark);
+    for (const lines& command : {lines{"count", "*"}, {"fsck"}, {"load", file("a.log")}, {"metrics", "ls"}}) {
+        EXPECT_EQ(run_tool("veldar/veldar", lines{"-s", store()} + command).status, 5) << command[0];
+    }
+}
+
 TEST_F(Load, RecordsAndTimes) {
     write_file(file("a.log"),
                "no time yet\n"
@@ -260,7 +343,7 @@ TEST_F(Load, RecordsAndTimes) {
     load_all({file("a.log"), "--host", "Web1", "--sourcetype", "app"});
     append(file("a.log"), "trailing\n");
     load_all({file("a.log"), "--host", "Web1"});
-    const std::vector<event_seen> all = events();
+    const std::vector<event_seen> all = events(store());
     lines seen;
     for (const event_seen& event : all) seen.push_back(time_text(event.time).substr(11) + " " + event.record);
     EXPECT_EQ(sorted(seen),

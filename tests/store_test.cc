@@ -6,6 +6,7 @@
 
 #include <random>
 
+#include "libzero/endian.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/gz_stream.h"
 #include "tools/veldar/put_line.h"
@@ -101,6 +102,11 @@ TEST(SourceMap, ATornAppendIsCutOffAndDamageIsTold) {
         write_file(path, damaged);
         open_map(path, false, false);
     }
+    // Where each fourth byte begins what looks like a record of half a MiB, not all of them are hashed.
+    std::string many(size_t{2} << 20, '\0');
+    for (size_t at = 2; at < many.size(); at += 4) many[at] = 8;
+    write_file(path, many);
+    open_map(path, false, false);
 }
 
 std::string random_text(size_t size) {
@@ -184,14 +190,17 @@ TEST(GzStream, PointsOfAnotherFileAndDamagedPointsAreNotUsed) {
         ASSERT_TRUE(gz_save_points(reader.gz, points));
     }
     const std::string bytes = read_file(points);
-    for (size_t at = 0; at < bytes.size(); at += 997) {
+    // The first point, which is the one to begin at: its head, its window now and then, its checksum.
+    const size_t entry_end = 24 + 24 + load_le32(&bytes[24 + 20]) + 8;
+    for (size_t at = 0; at < entry_end;
+         at += at < 48 || at + 9 > entry_end ? 1 : std::min<size_t>(97, entry_end - 8 - at)) {
         std::string damaged = bytes;
         damaged[at] = static_cast<char>(damaged[at] ^ 1);
         write_file(points, damaged);
         gzip_reader reader(path, 100000);
         gz_load_points(&reader.gz, points);
-        ASSERT_TRUE(gz_seek(&reader.gz, 900000, &reader.error));
-        ASSERT_EQ(read_gzip(&reader.gz, 100, &reader.error), text.substr(900000, 100));
+        ASSERT_TRUE(gz_seek(&reader.gz, 190000, &reader.error)) << at << reader.error;
+        ASSERT_EQ(read_gzip(&reader.gz, 100, &reader.error), text.substr(190000, 100)) << at;
     }
     write_file(points, bytes);
     write_file(path, gzip_member(text + "more\n"));

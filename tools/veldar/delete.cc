@@ -3,6 +3,9 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <vector>
 
 #include "searchthing/tsidx_delete.h"
@@ -41,9 +44,18 @@ delete_keys find_keys(event_stream* stream) {
     return found;
 }
 
-[[noreturn]] void fail_delete(const std::string& path, int64_t status, uint64_t deleted) {
+uint64_t greatest_address(const std::vector<st_tsval_encoded>& keys) {
+    uint64_t greatest = 0;
+    for (const st_tsval_encoded& key : keys) greatest = std::max<uint64_t>(greatest, key.address);
+    return greatest;
+}
+
+[[noreturn]] void fail_delete(const std::string& path, int64_t status, int error, uint64_t deleted) {
     std::string why = fmt::format("status {}", status);
+    const bool refused = error == EACCES || error == EPERM || error == EROFS || error == ENOSPC;
     if (status == WARM_RC_LOCK) why = "another process holds its lock, or locks do not work there";
+    if (status == WARM_RC_LOCK && refused)
+        why = fmt::format("no lock file can be made beside it: {}", std::strerror(error));
     if (status == WARM_RC_UNSUPPORTED) why = "events of metrics cannot be deleted";
     throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", path, why, deleted)};
 }
@@ -51,7 +63,7 @@ delete_keys find_keys(event_stream* stream) {
 uint64_t delete_from(const std::string& path, const std::vector<st_tsval_encoded>& keys, uint64_t deleted_before) {
     const tsidx_ptr tsidx = index_handle_open(path, WRITE_LEVEL);
     const int64_t deleted = st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
-    if (deleted < 0) fail_delete(path, deleted, deleted_before);
+    if (deleted < 0) fail_delete(path, deleted, st_tsidx_last_failure(tsidx.get())->saved_errno, deleted_before);
     return static_cast<uint64_t>(deleted);
 }
 
@@ -86,7 +98,9 @@ int delete_run(const tool_context& context, const delete_options& options) {
     uint64_t deleted = 0;
     for (size_t i = 0; i < found.keys.size(); i++) {
         if (found.keys[i].empty()) continue;
-        deleted += delete_from(stream.slices.directories[i].path, found.keys[i], deleted);
+        const slice_directory& directory = stream.slices.directories[i];
+        if (directory.has_sources) store_note_deleted(directory.path, greatest_address(found.keys[i]));
+        deleted += delete_from(directory.path, found.keys[i], deleted);
     }
     output_put(&out, fmt::format("{} events deleted\n", deleted));
     output_flush(&out);

@@ -222,7 +222,7 @@ int dump_run_all(const tool_context& context, const dump_options& options) {
     slices_visit(options.path.empty() ? store_choose(context.store) : options.path, &run.trouble,
                  [&](const slice_set& set) { return dump_slices(&run, set); });
     output_flush(&run.out);
-    return run.trouble.incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+    return run.trouble.status;
 }
 
 }  // namespace

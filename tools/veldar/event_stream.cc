@@ -42,7 +42,7 @@ void push_unopened(event_stream* stream) {
 }
 
 void begin_list(event_stream* stream) {
-    for (const std::string& error : stream->slices.errors) troubles_add(stream->trouble, error);
+    slices_tell_errors(stream->slices, stream->trouble);
     push_unopened(stream);
 }
 

@@ -100,7 +100,7 @@ int fsck_run_all(const tool_context& context, const fsck_options& options) {
     command.options = &options;
     command.slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
     output_open(&command.out, "never");
-    for (const std::string& error : command.slices.errors) troubles_add(&command.trouble, error);
+    slices_tell_errors(command.slices, &command.trouble);
     open_store(&command);
     for (const slice_file& file : command.slices.files) check_file(&command, file);
     if (!options.quiet) {

@@ -45,7 +45,7 @@ int health_run(const tool_context& context, const std::string& path) {
     text_output out;
     output_open(&out, "never");
     troubles trouble;
-    for (const std::string& error : slices.errors) troubles_add(&trouble, error);
+    slices_tell_errors(slices, &trouble);
     for (const slice_directory& directory : slices.directories) {
         const tsidx_ptr tsidx = index_handle_open(directory.path, 0);
         const auto stat = std::make_unique<health_stat>();
@@ -58,7 +58,7 @@ int health_run(const tool_context& context, const std::string& path) {
         }
     }
     output_flush(&out);
-    return trouble.incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+    return trouble.status;
 }
 
 }  // namespace

@@ -38,10 +38,10 @@ bool record_end(const store_bucket& bucket, const source_place& place, uint64_t*
     return input.gz != nullptr || reader.error.empty();
 }
 
-// Slices become visible in the order of their addresses and each as a whole, so the greatest address in them is the
-// last event that is indexed. False when its record cannot be read.
+// Slices become visible in the order of their addresses and each as a whole, so the greatest address that has been in
+// one is the last event that is indexed. False when its record cannot be read.
 bool settle_bucket(store_bucket* bucket, known_file* last) {
-    if (!bucket->has_slices || bucket->address_max < bucket->map.frontier) return true;
+    if (!bucket->has_events || bucket->address_max < bucket->map.frontier) return true;
     const std::optional<source_place> place = source_map_find(bucket->map, bucket->address_max);
     if (!place) {
         throw tool_failure{EXIT_IO, bucket->map.path + ": has no file for address " +

@@ -162,7 +162,7 @@ void put_jsonl(text_output* out, const std::vector<ls_row>& rows, bool buckets) 
 int ls_run(const tool_context& context, const ls_options& options) {
     const slice_set slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
     troubles trouble;
-    for (const std::string& error : slices.errors) troubles_add(&trouble, error);
+    slices_tell_errors(slices, &trouble);
     const std::vector<ls_row> rows = read_rows(slices, options.buckets, &trouble);
     text_output out;
     output_open(&out, "never");
@@ -172,7 +172,7 @@ int ls_run(const tool_context& context, const ls_options& options) {
         put_table(&out, rows, options.buckets);
     }
     output_flush(&out);
-    return trouble.incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+    return trouble.status;
 }
 
 }  // namespace

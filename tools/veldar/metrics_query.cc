@@ -203,7 +203,7 @@ int dump_run(const tool_context& context, const std::string& given, const points
     const std::string directory = metrics_directory(context, given);
     troubles trouble;
     metric_catalog catalog = metric_catalog_read(directory, &trouble);
-    if (trouble.incomplete) return EXIT_INCOMPLETE;
+    if (trouble.incomplete) return trouble.status;
     if (!options.names.empty()) {
         std::erase_if(catalog.names, [&](const auto& entry) {
             return std::none_of(options.names.begin(), options.names.end(),

@@ -29,13 +29,13 @@ struct optimize_options {
 
 std::vector<std::string> directories_of(const std::string& path) {
     struct stat status;
-    if (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    if (!tool_exists(path) || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
         throw tool_failure{EXIT_USAGE, path + ": neither a store nor an index directory"};
     }
     if (!store_is(path)) return {path};
     std::vector<std::string> directories = store_bucket_directories(path);
     const std::string metrics = path + "/" + STORE_METRICS;
-    if (::stat(metrics.c_str(), &status) == 0) directories.push_back(metrics);
+    if (tool_exists(metrics)) directories.push_back(metrics);
     return directories;
 }
 
@@ -69,7 +69,7 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
                                      bytes_text(most * std::min<uint64_t>(merges, merging.jobs))));
     }
     output_flush(&out);
-    return trouble.incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+    return trouble.status;
 }
 
 int merge(const std::vector<std::string>& directories, const merge_settings& merging) {

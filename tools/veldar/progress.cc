@@ -1,6 +1,5 @@
 #include "tools/veldar/progress.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -9,12 +8,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <memory>
 
 #include "libzero/osfile.h"
 #include "libzero/resource.h"
 #include "searchthing/tsidx_names.h"
 #include "searchthing/warmslice_header.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/tool_file.h"
 
 namespace veldar {
 
@@ -116,18 +116,23 @@ std::string totals_text(const progress& p, const load_totals& totals) {
 }
 
 std::vector<std::string> slice_names(const std::string& directory) {
-    std::vector<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory.c_str()), ::closedir);
-    for (const dirent* entry = nullptr; dir != nullptr && (entry = ::readdir(dir.get())) != nullptr;) {
+    std::vector<std::string> names = tool_list_directory(directory);
+    std::erase_if(names, [](const std::string& name) {
         st_filename_metadata_t meta;
-        if (st_tsidx_file_parse(entry->d_name, &meta) != 0) names.push_back(entry->d_name);
-    }
+        return st_tsidx_file_parse(name.c_str(), &meta) == 0;
+    });
     std::sort(names.begin(), names.end());
     return names;
 }
 
 void totals_add_slices(load_totals* totals, const std::string& directory, const std::vector<std::string>& before) {
-    for (const std::string& name : slice_names(directory)) {
+    std::vector<std::string> names;
+    try {
+        names = slice_names(directory);
+    } catch (const tool_failure& failure) {  // the events are in the index, whatever can be told of its files
+        std::fprintf(stderr, "veldar: %s\n", failure.message.c_str());
+    }
+    for (const std::string& name : names) {
         if (std::binary_search(before.begin(), before.end(), name)) continue;
         const unique_fd fd(::open((directory + "/" + name).c_str(), O_RDONLY | O_CLOEXEC));
         struct stat st;

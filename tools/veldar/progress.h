@@ -38,8 +38,9 @@ std::string number_text(uint64_t number);
 // "10,000 events, 65,432 terms in 1 slice, from ... to ... UTC, 2.3 MB read, 1.9 MB of index, 0 lines refused, 0.2 s"
 std::string totals_text(const progress& p, const load_totals& totals);
 
-// The slices in an index directory that are not in `before` (names, sorted) count towards the totals.
+// The names of the slices in an index directory, sorted. Throws tool_failure.
 std::vector<std::string> slice_names(const std::string& directory);
+// Those that are not in `before` count towards the totals.
 void totals_add_slices(load_totals* totals, const std::string& directory, const std::vector<std::string>& before);
 
 }  // namespace veldar

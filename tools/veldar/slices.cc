@@ -13,6 +13,7 @@
 #include "tools/veldar/command.h"
 #include "tools/veldar/index_handle.h"
 #include "tools/veldar/store.h"
+#include "tools/veldar/tool_file.h"
 
 namespace veldar {
 
@@ -37,11 +38,6 @@ std::string last_component(const std::string& path) {
 std::string parent_of(const std::string& path) {
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
-}
-
-bool exists(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
 }
 
 // A file given by its path; a name that tells no times may hold events of all time.
@@ -97,7 +93,7 @@ void list_store(slice_set* set) {
     }
     std::string error;
     const std::string metrics = set->store + "/" + STORE_METRICS;
-    if (!set->with_metrics || !exists(metrics)) return;
+    if (!set->with_metrics || !tool_exists(metrics)) return;
     if (!add_directory(set, metrics, false, &error)) set->errors.push_back(metrics + ": " + error);
 }
 
@@ -108,7 +104,7 @@ void find_store_above(slice_set* set, const std::string& directory) {
 
 void list_directory(slice_set* set) {
     std::string error;
-    if (!add_directory(set, set->path, exists(set->path + "/source.map"), &error)) {
+    if (!add_directory(set, set->path, tool_exists(set->path + "/source.map"), &error)) {
         throw tool_failure{EXIT_IO, "cannot read " + set->path + ": " + error};
     }
     if (set->directories[0].has_sources) find_store_above(set, set->path);  // not for the store's metrics
@@ -117,14 +113,15 @@ void list_directory(slice_set* set) {
 // No snapshot: the file may be one that is no part of a directory, a mini slice or a copy by any name.
 void list_file(slice_set* set) {
     const std::string parent = parent_of(set->path);
-    set->directories = {{parent, last_component(parent), exists(parent + "/source.map"), nullptr}};
+    set->directories = {{parent, last_component(parent), tool_exists(parent + "/source.map"), nullptr}};
     set->files.push_back(slice_of(set->path));
-    find_store_above(set, parent);
+    if (set->directories[0].has_sources) find_store_above(set, parent);
 }
 
 void list(slice_set* set) {
     struct stat st;
     if (::stat(set->path.c_str(), &st) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read " + set->path, errno);
         throw tool_failure{EXIT_USAGE, set->path + ": " + std::strerror(errno) +
                                            "; -s names a store, an index directory or a slice (a store is made by "
                                            "'veldar load')"};
@@ -162,7 +159,11 @@ slice_set list_path(const std::string& path, bool with_metrics) {
     while (set.path.size() > 1 && set.path.ends_with('/')) set.path.pop_back();
     list(&set);
     const bool is_file = set.directories.size() == 1 && set.directories[0].tsidx == nullptr;
-    if (set.files.empty() && !is_file) std::fprintf(stderr, "veldar: %s holds no slices\n", set.path.c_str());
+    if (set.files.empty() && set.errors.empty() && !is_file) {
+        const bool metrics = !set.store.empty() && tool_exists(set.store + "/" + STORE_METRICS);
+        std::fprintf(stderr, "veldar: %s holds no %s\n", set.path.c_str(),
+                     metrics ? "events; 'veldar metrics' asks for its metrics" : "slices");
+    }
     return set;
 }
 
@@ -176,6 +177,10 @@ slice_set slices_list_all(const std::string& path) {
     return list_path(path, true);
 }
 
+void slices_tell_errors(const slice_set& set, troubles* trouble) {
+    for (const std::string& error : set.errors) troubles_add(trouble, error, EXIT_IO);
+}
+
 void slices_list_again(slice_set* set, int tries) {
     constexpr useconds_t FIRST_PAUSE = 1000, LONGEST_PAUSE = 100000;
     ::usleep(std::min(FIRST_PAUSE << std::min(tries - 1, 16), LONGEST_PAUSE));
@@ -186,7 +191,7 @@ void slices_visit(const std::string& path, troubles* trouble, const std::functio
     slice_set set = slices_list(path);
     for (int i = 0; i < SLICES_MAX_TRIES; i++) {
         if (i > 0) slices_list_again(&set, i);
-        for (const std::string& error : set.errors) troubles_add(trouble, error);
+        slices_tell_errors(set, trouble);
         if (work(set)) return;
     }
     troubles_add(trouble, set.path + ": its slices change too fast to be read");

@@ -49,6 +49,8 @@ struct slice_set {
 slice_set slices_list(const std::string& path);
 // The same with the metrics of a store, for the commands that look inside of slices.
 slice_set slices_list_all(const std::string& path);
+// Tells of the directories that could not be listed: the command ends with EXIT_IO when it has answered what it can.
+void slices_tell_errors(const slice_set& set, troubles* trouble);
 // Lists them once more, after a pause of 1 ms at the first try in a row, twice as long at every further one, up to 100
 // ms. The files of the set are new ones; slices that are open stay so.
 void slices_list_again(slice_set* set, int tries);

@@ -105,10 +105,16 @@ uint64_t record_size(std::string_view bytes, uint64_t at) {
     return checked + RECORD_CHECKSUM;
 }
 
-// Whether a sound record stands anywhere behind the unsound one at `at`: then that one is damage, not a torn append.
+// Whether a sound record stands anywhere behind the unsound one at `at`: then that one is damage, not a torn append. So
+// is what takes longer to search than any append, since each byte may look like the head of a long record.
 bool sound_record_follows(std::string_view bytes, uint64_t at) {
-    for (uint64_t next = at + 1; next < bytes.size(); next++) {
-        if (record_size(bytes, next) != 0) return true;
+    constexpr uint64_t HASHED_PER_BYTE = 64, HASHED_ANYWAY = 1 << 20;
+    uint64_t left = HASHED_ANYWAY + HASHED_PER_BYTE * (bytes.size() - at);
+    for (uint64_t next = at + 1; next + RECORD_HEAD + RECORD_CHECKSUM <= bytes.size(); next++) {
+        const uint64_t hashed = RECORD_HEAD + load_le32(bytes.data() + next);
+        if (hashed > bytes.size() - next - RECORD_CHECKSUM) continue;
+        if (hashed > left || record_size(bytes, next) != 0) return true;
+        left -= hashed;
     }
     return false;
 }
@@ -136,7 +142,8 @@ uint64_t next_base(const source_map& map, size_t index) {
     return index + 1 < map.stretches.size() ? map.stretches[index + 1].base : NO_BASE;
 }
 
-void append_record(source_map* map, uint32_t kind, std::string_view payload, bool sync) {
+// Each record is on the disk before the next is written, so that after a power loss only the last can be unsound.
+void append_record(source_map* map, uint32_t kind, std::string_view payload) {
     std::string record(RECORD_HEAD, '\0');
     put32(&record, 0, static_cast<uint32_t>(payload.size()));
     put32(&record, 4, kind);
@@ -145,7 +152,7 @@ void append_record(source_map* map, uint32_t kind, std::string_view payload, boo
     record.resize(record.size() + RECORD_CHECKSUM);
     put64(&record, record.size() - RECORD_CHECKSUM, checksum);
     if (!tool_write_at(map->fd.get(), record, map->size)) fail_io("cannot write " + map->path, errno);
-    if (sync && map->durable && ::fdatasync(map->fd.get()) != 0) fail_io("cannot sync " + map->path, errno);
+    if (map->durable && ::fdatasync(map->fd.get()) != 0) fail_io("cannot sync " + map->path, errno);
     map->size += record.size();
 }
 
@@ -196,7 +203,7 @@ std::optional<source_place> source_map_find(const source_map& map, uint64_t addr
 }
 
 void source_map_put_file(source_map* map, const source_file& file) {
-    append_record(map, RECORD_FILE, encode_file(file), true);
+    append_record(map, RECORD_FILE, encode_file(file));
     map->files[file.number] = file;
 }
 
@@ -206,14 +213,14 @@ void source_map_put_stretch(source_map* map, const source_stretch& stretch) {
     put32(&p, 8, stretch.number);
     put64(&p, 16, stretch.offset);
     put64(&p, 24, stretch.limit);
-    append_record(map, RECORD_STRETCH, p, true);
+    append_record(map, RECORD_STRETCH, p);
     apply_stretch(map, stretch);
 }
 
 void source_map_put_mark(source_map* map, uint64_t frontier) {
     std::string p(MARK_SIZE, '\0');
     put64(&p, 0, frontier);
-    append_record(map, RECORD_MARK, p, true);
+    append_record(map, RECORD_MARK, p);
     map->frontier = frontier;
 }
 
@@ -223,7 +230,7 @@ void source_map_put_tail(source_map* map, const source_tail& tail) {
     put64(&p, 8, tail.hash);
     put32(&p, 16, tail.size);
     put32(&p, 20, tail.number);
-    append_record(map, RECORD_TAIL, p, false);
+    append_record(map, RECORD_TAIL, p);
     map->tails.push_back(tail);
 }
 

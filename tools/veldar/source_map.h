@@ -95,8 +95,8 @@ std::optional<source_place> source_map_find(const source_map& map, uint64_t addr
 // frontier.
 uint64_t source_map_stretch_end(const source_map& map, size_t index);
 
-// Appending. Each record is written and, when the map is durable, is on the disk when the function returns; a tail may
-// reach it later. Throws tool_failure.
+// Appending. Each record is written and, when the map is durable, is on the disk when the function returns. Throws
+// tool_failure.
 void source_map_put_file(source_map* map, const source_file& file);
 void source_map_put_stretch(source_map* map, const source_stretch& stretch);
 void source_map_put_mark(source_map* map, uint64_t frontier);

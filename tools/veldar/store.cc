@@ -1,6 +1,5 @@
 #include "tools/veldar/store.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
@@ -11,7 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <optional>
 
 #include "searchthing/merge_manifest.h"
 #include "searchthing/tsidx_names.h"
@@ -24,21 +23,18 @@ namespace veldar {
 namespace {
 
 constexpr char STORE_MARK[] = "veldar store 1\n";
-constexpr char BUCKET_PREFIX[] = "bucket-";
+constexpr char BUCKET_PREFIX[] = "bucket-", DELETED_PREFIX[] = "deleted-";
 
-// The names in a directory; false with errno set.
-bool list_directory(const std::string& path, std::vector<std::string>* names) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), ::closedir);
-    if (dir == nullptr) return false;
-    while (const dirent* entry = ::readdir(dir.get())) names->push_back(entry->d_name);
-    return true;
+// The number behind the prefix of a name of at most `digits` digits.
+std::optional<uint64_t> number_behind(const std::string& name, std::string_view prefix, size_t digits) {
+    const size_t size = prefix.size();
+    if (!name.starts_with(prefix) || name.size() == size || name.size() > size + digits) return std::nullopt;
+    if (name.find_first_not_of("0123456789", size) != std::string::npos) return std::nullopt;
+    return std::strtoull(name.c_str() + size, nullptr, 10);
 }
 
 uint32_t bucket_number(const std::string& name) {
-    const size_t prefix = sizeof BUCKET_PREFIX - 1;
-    if (!name.starts_with(BUCKET_PREFIX) || name.size() == prefix || name.size() > prefix + 9) return 0;
-    if (name.find_first_not_of("0123456789", prefix) != std::string::npos) return 0;
-    return static_cast<uint32_t>(std::strtoul(name.c_str() + prefix, nullptr, 10));
+    return static_cast<uint32_t>(number_behind(name, BUCKET_PREFIX, 9).value_or(0));
 }
 
 std::string encode_name(std::string_view name) {
@@ -126,34 +122,51 @@ bool slice_address_max(const std::string& path, uint64_t* address) {
 
 // False when a slice has been merged meanwhile.
 bool look_over_files(store_bucket* bucket) {
-    std::vector<std::string> names;
-    if (!list_directory(bucket->directory, &names)) fail_io("cannot read " + bucket->directory, errno);
-    for (const std::string& name : names) {
+    for (const std::string& name : tool_list_directory(bucket->directory)) {
+        const std::string path = bucket->directory + "/" + name;
         uint64_t address = 0;
-        if (!is_slice(name)) continue;
-        if (!slice_address_max(bucket->directory + "/" + name, &address)) return false;
+        if (const std::optional<uint64_t> deleted = number_behind(name, DELETED_PREFIX, 19)) {
+            address = *deleted;
+            if (address < bucket->map.frontier && ::unlink(path.c_str()) != 0) {
+                fail_io("cannot remove " + path, errno);
+            }
+        } else if (!is_slice(name)) {
+            continue;
+        } else if (!slice_address_max(path, &address)) {
+            return false;
+        }
         bucket->address_max = std::max(bucket->address_max, address);
-        bucket->has_slices = true;
+        bucket->has_events = true;
     }
     return true;
 }
 
 void open_bucket(store* st, store_bucket* bucket) {
     store_remove_leftovers(bucket->directory);
-    while (!look_over_files(bucket)) {
-    }
     std::string error;
     bucket->map.durable = st->durable;
     if (!source_map_open(&bucket->map, bucket->directory + "/source.map", true, &error)) {
         throw tool_failure{EXIT_IO, error};
+    }
+    while (!look_over_files(bucket)) {
     }
 }
 
 }  // namespace
 
 bool store_is(const std::string& path) {
-    std::string mark;
-    return tool_read_file(path + "/store", &mark) && mark == STORE_MARK;
+    const std::string file = path + "/store";
+    struct stat st;
+    if (!tool_exists(file)) return false;
+    // Opened without blocking, because a name like this may be anything elsewhere.
+    const unique_fd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) fail_io("cannot read " + file, errno);
+    if (!S_ISREG(st.st_mode)) return false;
+    char mark[sizeof STORE_MARK];
+    const int64_t size = tool_read_at(fd.get(), mark, sizeof mark, 0);
+    if (size < 0) fail_io("cannot read " + file, errno);
+    if (std::string_view(mark, static_cast<size_t>(size)) == STORE_MARK) return true;
+    throw tool_failure{EXIT_IO, file + ": damaged, or of another version: a store's says \"veldar store 1\""};
 }
 
 std::string store_choose(const std::string& option) {
@@ -163,15 +176,16 @@ std::string store_choose(const std::string& option) {
     char here[4096];
     std::string directory = ::getcwd(here, sizeof here) == nullptr ? "" : here;
     while (!directory.empty()) {
-        if (store_is(directory + "/.veldar")) return directory + "/.veldar";
+        // One above that this user may not enter is no place for his store.
+        const bool is_closed = ::access(directory.c_str(), X_OK) != 0 && errno == EACCES;
+        if (!is_closed && store_is(directory + "/.veldar")) return directory + "/.veldar";
         directory.resize(directory.rfind('/'));
     }
     return ".veldar";
 }
 
 std::vector<std::string> store_bucket_directories(const std::string& path) {
-    std::vector<std::string> names;
-    if (!list_directory(path, &names)) return {};
+    std::vector<std::string> names = tool_list_directory(path);
     std::erase_if(names, [](const std::string& name) { return bucket_number(name) == 0; });
     std::sort(names.begin(), names.end(),
               [](const std::string& a, const std::string& b) { return bucket_number(a) < bucket_number(b); });
@@ -190,8 +204,7 @@ bool store_read_names(const std::string& path, const char* dictionary, std::vect
 // A slice that was never moved into place holds events that count as not loaded: they are loaded again. The file of a
 // merge holds what is in slices.
 void store_remove_leftovers(const std::string& directory) {
-    std::vector<std::string> names;
-    if (!list_directory(directory, &names)) fail_io("cannot read " + directory, errno);
+    const std::vector<std::string> names = tool_list_directory(directory);
     const std::vector<std::string> merging = merge_manifest_temporaries(directory);
     for (const std::string& name : names) {
         if (!name.ends_with(TSIDX_PRE_SUFFIX) && !name.ends_with(".part")) continue;
@@ -201,21 +214,32 @@ void store_remove_leftovers(const std::string& directory) {
     }
 }
 
+void store_note_deleted(const std::string& bucket_directory, uint64_t address) {
+    source_map map;
+    std::string error;
+    if (!source_map_open(&map, bucket_directory + "/source.map", false, &error)) throw tool_failure{EXIT_IO, error};
+    if (address < map.frontier) return;
+    const std::string path = bucket_directory + "/" + DELETED_PREFIX + std::to_string(address);
+    const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!fd.valid()) fail_io("cannot make " + path, errno);
+    if (!tool_sync_directory(bucket_directory)) fail_io("cannot sync " + bucket_directory, errno);
+}
+
 void store_make(const std::string& path, bool durable) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+    tool_make_directory(path);
     // Of loads that begin at once, one makes the store while the others wait.
     const unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.valid()) fail_io("cannot open " + path, errno);
     static_cast<void>(::flock(directory.get(), LOCK_EX));
     if (store_is(path)) return;
-    std::vector<std::string> names;
-    if (!list_directory(path, &names)) fail_io("cannot read " + path, errno);
+    const std::vector<std::string> names = tool_list_directory(path);
     const auto foreign = [](const std::string& name) {
         return name != "." && name != ".." && name != "lock" && name != "store.part";
     };
     if (std::any_of(names.begin(), names.end(), foreign)) {
         throw tool_failure{EXIT_USAGE, path + " is neither a store nor an empty directory"};
     }
+    if (durable) tool_sync_name(path);
     if (!tool_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
 }
 

@@ -10,6 +10,8 @@
 //     source.map     which addresses are which stretch of which file
 //     points-N       access points into gzip file N
 //     spool-N        the raw bytes that came through pipe N
+//     deleted-N      empty: an event at address N was in a slice and no mark told so when it was deleted. It counts as
+//                    indexed though its slice may be gone.
 //   metrics/         one index directory of metrics, which "veldar metrics" fills
 #pragma once
 
@@ -40,8 +42,8 @@ struct store_bucket {
     uint32_t number = 0;
     std::string directory;
     source_map map;
-    uint64_t address_max = 0;  // greatest address in the slices
-    bool has_slices = false;
+    uint64_t address_max = 0;  // greatest address that has been in a slice, as far as the bucket tells
+    bool has_events = false;
 };
 
 struct store {
@@ -52,12 +54,12 @@ struct store {
     std::vector<store_bucket> buckets;  // by number
 };
 
-// Whether the directory is a store.
+// Whether the directory is a store. Throws tool_failure when that cannot be told, also because its mark is damaged.
 bool store_is(const std::string& path);
 // The store of a command: `option` when given, else $VELDAR_STORE, else the nearest ".veldar" that is a store in this
-// directory or one above it, else ".veldar" here.
+// directory or one above it, else ".veldar" here. Throws tool_failure.
 std::string store_choose(const std::string& option);
-// The bucket directories of a store, oldest first; empty when it cannot be listed.
+// The bucket directories of a store, oldest first. Throws tool_failure.
 std::vector<std::string> store_bucket_directories(const std::string& path);
 // Reads the names of a dictionary ("sources", "sourcetypes" or "hosts") of a store. False with errno set.
 [[nodiscard]] bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names);
@@ -67,6 +69,8 @@ void store_make(const std::string& path, bool durable);
 // Removes what killed loads left half written in an index directory that only loads into the store write to. The caller
 // holds their lock. Throws tool_failure.
 void store_remove_leftovers(const std::string& directory);
+// Notes that events of a bucket, `address` the greatest of them, are about to be deleted. Throws tool_failure.
+void store_note_deleted(const std::string& bucket_directory, uint64_t address);
 // Opens a store for loading, making it when it does not exist, and waits until no other loader runs. Removes what
 // killed loaders left half written. Throws tool_failure.
 void store_open_for_load(store* st, const std::string& path, bool durable);

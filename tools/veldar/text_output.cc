@@ -104,15 +104,16 @@ void add_color_option(CLI::App* command, std::string* when) {
     command->add_option("--color", *when, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
 }
 
-void troubles_add(troubles* list, const std::string& message) {
+void troubles_add(troubles* list, const std::string& message, exit_status_t status) {
     list->incomplete = true;
+    list->status = std::max(list->status, status);
     if (list->said.size() > MESSAGES_MAX || !list->said.insert(message).second) return;
     std::fprintf(stderr, "veldar: %s\n",
                  list->said.size() > MESSAGES_MAX ? "further messages are left out" : message.c_str());
 }
 
 exit_status_t answer_status(bool found, const troubles& list) {
-    if (list.incomplete) return EXIT_INCOMPLETE;
+    if (list.incomplete) return list.status;
     return found ? EXIT_DONE : EXIT_NOT_FOUND;
 }
 

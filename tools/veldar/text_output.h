@@ -49,9 +49,10 @@ void add_color_option(CLI::App* command, std::string* when);
 // What kept an answer from being complete. Each message is said once, on standard error.
 struct troubles {
     bool incomplete = false;
+    exit_status_t status = EXIT_DONE;  // of a command that found something all the same
     std::set<std::string> said;
 };
-void troubles_add(troubles* list, const std::string& message);
+void troubles_add(troubles* list, const std::string& message, exit_status_t status = EXIT_INCOMPLETE);
 // The exit status of a command that found something, or nothing, and may have missed some.
 exit_status_t answer_status(bool found, const troubles& list);
 

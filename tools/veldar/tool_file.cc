@@ -1,12 +1,15 @@
 #include "tools/veldar/tool_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
 #include "libzero/resource.h"
+#include "searchthing/tsidx_list.h"
+#include "tools/veldar/command.h"
 
 namespace veldar {
 
@@ -41,6 +44,20 @@ bool tool_read_file(const std::string& path, std::string* content) {
     }
 }
 
+bool tool_exists(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0) return true;
+    if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read " + path, errno);
+    return false;
+}
+
+std::vector<std::string> tool_list_directory(const std::string& path) {
+    std::vector<std::string> names;
+    warm_rc_t rc;
+    if (tsidx_read_names(path.c_str(), &names, &rc) != 0) fail_io("cannot read " + path, rc.saved_errno);
+    return names;
+}
+
 bool tool_write_at(int fd, std::string_view bytes, uint64_t offset) {
     while (!bytes.empty()) {
         const ssize_t wrote = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
@@ -67,6 +84,15 @@ int64_t tool_read_at(int fd, char* out, size_t size, uint64_t offset) {
 bool tool_sync_directory(const std::string& path) {
     const unique_fd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd.valid() && ::fsync(fd.get()) == 0;
+}
+
+void tool_make_directory(const std::string& path) {
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+}
+
+void tool_sync_name(const std::string& directory) {
+    const std::string parent = directory + "/..";
+    if (!tool_sync_directory(parent)) fail_io("cannot sync " + parent, errno);
 }
 
 bool tool_replace_file(const std::string& path, std::string_view content, bool durable) {

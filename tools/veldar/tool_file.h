@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace veldar {
 
@@ -16,6 +17,10 @@ void tool_catch_interrupts();
 
 // Reads a file to its end. False with errno set.
 [[nodiscard]] bool tool_read_file(const std::string& path, std::string* content);
+// Whether anything is at the path. Throws tool_failure when that cannot be told.
+bool tool_exists(const std::string& path);
+// Every name in a directory. Throws tool_failure when it cannot be read to its end.
+std::vector<std::string> tool_list_directory(const std::string& path);
 // Writes all of it at an offset. False with errno set.
 [[nodiscard]] bool tool_write_at(int fd, std::string_view bytes, uint64_t offset);
 // Reads up to `size` bytes at an offset, fewer only at the end of the file. Negative with errno set.
@@ -24,6 +29,11 @@ void tool_catch_interrupts();
 [[nodiscard]] int64_t tool_read_pipe(int fd, char* out, size_t size);
 // Makes what happened to the names in a directory durable. False with errno set.
 [[nodiscard]] bool tool_sync_directory(const std::string& path);
+// Makes a directory unless it exists. Throws tool_failure.
+void tool_make_directory(const std::string& path);
+// Makes a directory's own name durable. One that exists may lack that, when who made it was killed: for directories
+// that hold nothing yet. Throws tool_failure.
+void tool_sync_name(const std::string& directory);
 // Writes a file beside `path` and renames it into place. False with errno set; the old file is then as it was.
 [[nodiscard]] bool tool_replace_file(const std::string& path, std::string_view content, bool durable);
 
