@@ -147,19 +147,27 @@ TEST(MetricsTool, MalformedLinesAndLabels) {
     EXPECT_EQ(loaded.status, 0);
     EXPECT_NE(loaded.err.find("line 3: the value is not a number"), std::string::npos) << loaded.err;
     EXPECT_NE(loaded.err.find("line 6: more than 1 MiB"), std::string::npos) << loaded.err;
-    EXPECT_NE(loaded.err.find("5 samples: 3 events"), std::string::npos) << loaded.err;
+    EXPECT_NE(loaded.err.find("6 samples: 4 events"), std::string::npos) << loaded.err;
     EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})),
               sample_lines("net_in{host=\"h1\",if=\"a\\nb\"} 3 102\nnet_in{host=\"h1\",if=\"eth0\"} 1 100\n"
                            "net_in{host=\"h1\",if=\"lo\"} 4 103\nnet_out{host=\"h1\",if=\"eth0\"} 2 100\n"
-                           "net_out{host=\"h1\",if=\"lo\"} 5 103\n"));
+                           "net_out{host=\"h1\",if=\"eth0\"} 2 101\nnet_out{host=\"h1\",if=\"lo\"} 5 103\n"));
     arguments.insert(arguments.begin() + 4, {"--strict", "--again"});
     EXPECT_EQ(run_tool(TOOL, arguments).status, 2);
-    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 7u);
+    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 8u);
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", index, "query", "none"}).status, 1);
     write_file(file, "count{if=\"lo\"} 1 5\ncount{if=\"eth0\"} 2 5\n");
-    must({"metrics", "--dir", index, "load", file});
+    must({"metrics", "--dir", index, "load", file, "--label", "if=x", "--label", "dc=eu"});
     EXPECT_EQ(must({"metrics", "--dir", index, "query", "count", "-w", "if=lo"}),
-              "1970-01-01T00:00:05Z\t1\tcount{if=\"lo\"}\n");
+              "1970-01-01T00:00:05Z\t1\tcount{dc=\"eu\",if=\"lo\"}\n");
+    for (const char* const text : {"up 1\n", "up x\n"}) {
+        write_file(file, text);
+        for (int i = 0; i < 2; i++) {
+            const int status = run_tool(TOOL, {"metrics", "--dir", index, "load", file, "--time", "@7"}).status;
+            EXPECT_EQ(status, text[3] == 'x' ? 3 : 0) << "every line was refused";
+        }
+    }
+    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "query", "up"})).size(), 2u) << "loaded again each time";
     write_file(file, "1\t1\t1\t1\t1\t1\tword\n");
     must({"put", dir.path() + "/events", file});
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.path() + "/events", "load", file}).status, 2);

@@ -41,6 +41,7 @@ int load_run(const tool_context& context, const load_options& options) {
     std::fprintf(stderr, "%s%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "",
                  totals_text(load.shown, load.totals).c_str(), note.c_str());
     if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    incomplete = incomplete || (load.totals.events == 0 && load.totals.refused != 0);
     if (!options.no_optimize) {
         load.st.lock.reset();  // the next loader need not wait
         std::vector<std::string> directories;

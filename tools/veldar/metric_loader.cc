@@ -35,10 +35,11 @@ struct metric_file {
     metric_csv csv;
     metric_time_unit unit = metric_time_unit::guess;
     uint64_t options_hash = 0;
-    st_timeval_t time;      // of samples without one
-    uint64_t from = 0;      // where reading begins
-    uint64_t line = 0;      // number of the last line, counted from `from`
-    uint64_t taken = 0;     // offset behind the last record that was taken or refused
+    st_timeval_t time;   // of samples without one
+    uint64_t from = 0;   // where reading begins
+    uint64_t line = 0;   // number of the last line, counted from `from`
+    uint64_t taken = 0;  // offset behind the last record that was taken or refused
+    uint64_t samples = 0, refused = 0;
     bool timeless = false;  // a sample had no time of its own: loaded again it is another one
     std::string joined;     // a CSV record of several lines
     metric_record record;
@@ -132,6 +133,7 @@ void write_batch(metric_loader* load, metric_file* file) {
 
 void refuse(metric_loader* load, metric_file* file, const char* why) {
     load->totals.refused++;
+    file->refused++;
     const std::string message = place_of(*file) + ": " + why;
     if (load->options->strict) {
         write_batch(load, file);
@@ -174,13 +176,16 @@ void take_record(metric_loader* load, metric_file* file, std::span<char> bytes) 
     metric_record* const record = &file->record;
     const char* wrong =
         file->is_csv ? metric_csv_parse(&file->csv, bytes, record) : metric_text_parse(bytes, file->unit, record);
-    if (wrong == nullptr && !record->measures.empty()) {
+    // Of a record in which one value is wrong the others are loaded, unless it ends the load.
+    if (!record->measures.empty() && (wrong == nullptr || !load->options->strict)) {
         if (!record->has_time) {
             record->time = file->time;
             file->timeless = true;
         }
         add_labels(*load, record);
-        wrong = metric_batch_add(&load->batch, *record);
+        const char* const too_long = metric_batch_add(&load->batch, *record);
+        if (too_long == nullptr) file->samples += record->measures.size();
+        if (wrong == nullptr) wrong = too_long;
     }
     if (wrong != nullptr) refuse(load, file, wrong);
 }
@@ -244,16 +249,18 @@ void open_lock(metric_loader* load) {
     }
 }
 
-// A directory holds either events or metrics.
-void refuse_events(const std::string& directory) {
-    const std::vector<std::string> names = slice_names(directory);
-    if (names.empty()) return;
-    const std::string path = directory + "/" + names.front();
-    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    st_warm_slice_body header;
-    warm_rc_t rc;
-    if (!fd.valid() || warm_header_read(fd.get(), &header, &rc) != 0 || st_warm_slice_is_msidx(&header)) return;
-    throw tool_failure{EXIT_USAGE, directory + " holds events and not metrics"};
+// A directory holds either events or metrics: the first slice with a sound header tells.
+void refuse_events(const std::string& directory, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        const std::string path = directory + "/" + name;
+        const unique_fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        st_warm_slice_body header;
+        warm_rc_t rc;
+        if (!fd.valid() && errno != ENOENT) fail_io("cannot open " + path, errno);
+        if (!fd.valid() || warm_header_read(fd.get(), &header, &rc) != 0) continue;
+        if (st_warm_slice_is_msidx(&header)) return;
+        throw tool_failure{EXIT_USAGE, directory + " holds events and not metrics"};
+    }
 }
 
 st_timeval_t present() {
@@ -277,8 +284,13 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
         const std::string_view view = label;
         load->labels.push_back({view.substr(0, equals), view.substr(equals + 1)});
     }
-    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + directory, errno);
-    refuse_events(directory);
+    if (const char* const wrong = metric_labels_settle(&load->labels); wrong != nullptr) {
+        throw tool_failure{EXIT_USAGE, std::string("--label: ") + wrong};
+    }
+    tool_make_directory(directory);
+    const std::vector<std::string> names = slice_names(directory);
+    if (names.empty() && !options.no_fsync) tool_sync_name(directory);
+    refuse_events(directory, names);
     open_lock(load);
     if (options.in_store) store_remove_leftovers(directory);
     metric_notes_open(&load->notes, directory, !options.no_fsync);
@@ -305,7 +317,9 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
     load->bytes_done += file.input.size;
     if (file.from > 0 && file.taken == file.from) load->unchanged++;
     *error = file.reader.error;
-    if (tool_interrupted != 0 || !error->empty()) {
+    if (error->empty() && file.from == 0 && file.refused != 0 && file.samples == 0) {
+        *error = "every line was refused: is this a file of metrics?";
+    } else if (tool_interrupted != 0 || !error->empty()) {
         write_batch(load, &file);
     } else if (!file.timeless && !file.input.pipe && file.taken > file.from) {
         metric_note note;

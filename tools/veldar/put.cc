@@ -113,13 +113,12 @@ int put_run_all(const put_options& options) {
     uint64_t size;
     const unique_fd input = open_input(options.input, &size);
     struct stat st;
-    if (::mkdir(options.directory.c_str(), 0700) != 0 && errno != EEXIST) {
-        fail_io("cannot make " + options.directory, errno);
-    }
+    tool_make_directory(options.directory);
     if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
         throw tool_failure{EXIT_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
     }
     const std::vector<std::string> before = slice_names(options.directory);
+    if (before.empty() && !options.no_fsync) tool_sync_name(options.directory);
     tool_catch_interrupts();
     run.shown = progress_begin(size);
     index_writer_open(&run.writer, options.directory, options.level, options.streaming, options.limits,
@@ -138,7 +137,8 @@ int put_run_all(const put_options& options) {
         throw;
     }
     finish(tool_interrupted != 0 ? "interrupted; put so far: " : "");
-    return tool_interrupted != 0 ? EXIT_INTERRUPTED : EXIT_DONE;
+    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    return run.totals.events == 0 && run.totals.refused != 0 ? EXIT_INCOMPLETE : EXIT_DONE;
 }
 
 }  // namespace

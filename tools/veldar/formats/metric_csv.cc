@@ -160,17 +160,21 @@ const char* metric_csv_parse(metric_csv* csv, std::span<char> line, metric_recor
     if (const char* const wrong = parse_time(csv, trimmed(csv->fields[csv->time]), &record->time); wrong != nullptr) {
         return wrong;
     }
+    const char* wrong_value = nullptr;
     for (size_t i = 0; i < csv->values.size(); i++) {
         const std::string_view text = trimmed(csv->fields[csv->values[i]]);
         metric_measure measure = {csv->names[i], 0};
         if (text.empty()) continue;
-        if (const char* const wrong = metric_value_parse(text, &measure.value); wrong != nullptr) return wrong;
-        record->measures.push_back(measure);
+        const char* const wrong = metric_value_parse(text, &measure.value);
+        if (wrong == nullptr) record->measures.push_back(measure);
+        if (wrong_value == nullptr) wrong_value = wrong;
     }
     for (size_t i = 0; i < csv->dims.size(); i++) {
         record->labels.push_back({csv->options.dims[i], csv->fields[csv->dims[i]]});
     }
-    return metric_labels_settle(&record->labels);
+    const char* const wrong = metric_labels_settle(&record->labels);
+    if (wrong != nullptr) record->measures.clear();
+    return wrong != nullptr ? wrong : wrong_value;
 }
 
 }  // namespace veldar

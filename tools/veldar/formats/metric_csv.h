@@ -35,7 +35,7 @@ bool metric_csv_open(metric_csv* csv, std::span<char> header, const std::string&
 // Whether a quote is open at the end of the text, so that the record goes on in the next line.
 bool metric_csv_goes_on(std::string_view record);
 // Reads one record without its last newline, which it changes. An empty field is no measure and no label; an empty line
-// is no record. Returns null or what is wrong.
+// is no record. Returns null or what is wrong; the measures beside a wrong one are in the record all the same.
 const char* metric_csv_parse(metric_csv* csv, std::span<char> line, metric_record* record);
 
 }  // namespace veldar
