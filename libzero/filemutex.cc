@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "libzero/ospath-builder.h"
 #include "libzero/resource.h"
 
@@ -20,25 +21,14 @@ namespace veldar {
 namespace {
 
 constexpr char LOCK_SUFFIX[] = ".lock";
-constexpr char UNINITIALIZED[] = "0\nuninitialized";
-constexpr size_t HOST_NAME_MAX_LENGTH = 64;
+constexpr size_t HOST_NAME_MAX_LENGTH = sizeof os_host_name::text - 1;
 constexpr time_t LINK_PATIENCE_SECONDS = 5;
 constexpr int BREAK_STALE_LOCK_SECONDS = 10;
 
 buffer<char> owned_text;
-const char* lockfile_text = UNINITIALIZED;
+const char* lockfile_text = FILEMUTEX_UNINITIALIZED;
 
 enum fs_class { FS_UNSUPPORTED = 0, FS_LOCAL = 1, FS_NFS = 2 };
-
-struct host_name {
-    char text[HOST_NAME_MAX_LENGTH + 1] = {};
-    // False when the system tells no name. A name that fills the buffer may lack its NUL.
-    bool read() {
-        const bool known = ::gethostname(text, sizeof text) == 0;
-        text[HOST_NAME_MAX_LENGTH] = '\0';
-        return known;
-    }
-};
 
 bool optimistic() {
     const char* value = std::getenv("OPTIMISTIC_ABOUT_FILE_LOCKING");
@@ -83,7 +73,7 @@ int lock_by_exclusive_create(const char* lock) {
 }
 
 // P.host-pid.temp-number, where the number is an address on the caller's stack: unique among the threads of a process.
-bool temporary_name(ospath_builder* name, const char* path, const host_name& host, uintptr_t number) {
+bool temporary_name(ospath_builder* name, const char* path, const os_host_name& host, uintptr_t number) {
     ospath_builder_start(name);
     ospath_builder_appendz(name, path);
     ospath_builder_append1(name, '.');
@@ -183,11 +173,11 @@ int remove_if_still_older(const char* path, const char* lock, time_t before) {
 }  // namespace
 
 void filemutex_init_contents(const char* tag) {
-    host_name host;
+    const os_host_name host;
     buffer<char> text;
     const size_t size = std::strlen(tag) + HOST_NAME_MAX_LENGTH + 23;
-    if (!host.read() || !text.alloc(size)) {
-        lockfile_text = UNINITIALIZED;
+    if (host.text[0] == '\0' || !text.alloc(size)) {
+        lockfile_text = FILEMUTEX_UNINITIALIZED;
         owned_text.reset();
         return;
     }
@@ -217,8 +207,8 @@ int filemutex_lock(const char* path) {
 }
 
 int filemutex_lock_by_link(const char* path) {
-    host_name host;
-    if (!host.read() || host.text[0] == '\0') return FILEMUTEX_ERROR;
+    const os_host_name host;
+    if (host.text[0] == '\0') return FILEMUTEX_ERROR;
     ospath_builder lock, temporary;
     if (!lock_name(&lock, path)) return FILEMUTEX_ERROR;
     if (::access(lock.buf.val, F_OK) == 0) return FILEMUTEX_HELD;

@@ -19,8 +19,10 @@ enum filemutex_result_t : int {
     FILEMUTEX_STUCK = -2,  // forced operations only: the stale lock could not be removed
 };
 
+inline constexpr char FILEMUTEX_UNINITIALIZED[] = "0\nuninitialized";
+
 // Sets this process's lock text: "<process id>\n<host name>\n<tag>". Without a host name or memory it becomes
-// "0\nuninitialized", which it also is before the first call. Called before other threads use the engine.
+// FILEMUTEX_UNINITIALIZED, which it also is before the first call. Called before other threads use the engine.
 void filemutex_init_contents(const char* tag);
 
 // Whether locks work on the file system of the path, which must exist.

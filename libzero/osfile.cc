@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "libzero/assertions.h"
 
@@ -33,6 +34,35 @@ int osfile_get_size(int fd, uint64_t* size) {
     return result;
 }
 
+unique_fd osfile_open_regular(const char* path, int flags) {
+    unique_fd fd(::open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd.valid()) return fd;
+    struct stat found;
+    int error = 0;
+    if (::fstat(fd.get(), &found) != 0) {
+        error = errno;
+    } else if (!S_ISREG(found.st_mode)) {
+        error = S_ISDIR(found.st_mode) ? EISDIR : EINVAL;
+    }
+    if (error == 0) return fd;
+    fd.reset();
+    errno = error;
+    return fd;
+}
+
+unique_fd osfile_create_anew(const char* path) {
+    constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
+    unique_fd fd(::open(path, FLAGS, 0600));
+    if (!fd.valid() && errno == EEXIST && ::unlink(path) == 0) fd.reset(::open(path, FLAGS, 0600));
+    return fd;
+}
+
+int ospath_mark(const char* path) {
+    unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd.valid()) return errno == EEXIST ? 0 : -1;
+    return fd.close_checked();
+}
+
 int ospath_try_stat(const char* path) {
     struct stat found;
     return ::stat(path, &found);
@@ -54,6 +84,12 @@ void osfile_open_standard() {
         // The lowest free number is this one, because those below it are open.
         if (::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) return;
     }
+}
+
+os_host_name::os_host_name() {
+    // A name that fills the buffer may lack its NUL.
+    if (::gethostname(text, sizeof text) != 0) text[0] = '\0';
+    text[sizeof text - 1] = '\0';
 }
 
 void portable_timeval_now(portable_timeval* out) {

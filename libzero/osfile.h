@@ -1,8 +1,10 @@
-// File sizes and times, and the wall clock. The functions that ask for a file return the result of the system call (0,
-// or -1 with errno) and may be called from any thread.
+// Opening files, their sizes and times, the host's name and the wall clock. The functions that ask for a file return
+// the result of the system call (0, or -1 with errno) and may be called from any thread.
 #pragma once
 
 #include <cstdint>
+
+#include "libzero/resource.h"
 
 namespace veldar {
 
@@ -11,6 +13,14 @@ int ospath_get_time(const char* path, int which, int64_t* milliseconds);
 // The file's size in bytes; on failure the output is left alone.
 int ospath_get_size(const char* path, uint64_t* size);
 int osfile_get_size(int fd, uint64_t* size);
+// Opens a file that is there, with O_RDONLY or O_RDWR in `flags`, and never waits, as opening a pipe would for its
+// other end. Empty with errno on failure: EISDIR for a directory, EINVAL for anything else that is no regular file.
+unique_fd osfile_open_regular(const char* path, int flags);
+// Creates an empty file for reading and writing (mode 0600) in the place of whatever had the name; a symbolic link is
+// replaced, not followed. Empty with errno on failure.
+unique_fd osfile_create_anew(const char* path);
+// Makes sure that the name is taken, by an empty file unless something has it: 0, or -1 with errno.
+int ospath_mark(const char* path);
 // 0 when the path exists.
 int ospath_try_stat(const char* path);
 // Gives the file a second name: 0, or -1 with errno. A name that exists already but is the same file counts as made: so
@@ -21,6 +31,12 @@ int ospath_link(const char* path, const char* second_name);
 // writing them fails: else the next file that is opened gets such a number, and what is meant for a terminal is written
 // into it. For the start of a program.
 void osfile_open_standard();
+
+// The host's name, which has at most 64 characters; empty when the system tells none.
+struct os_host_name {
+    char text[65] = {};
+    os_host_name();
+};
 
 struct portable_timeval {
     int64_t seconds;

@@ -7,10 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <climits>
 #include <cstdio>
 
-#include "libzero/resource.h"
+#include "libzero/osfile.h"
 #include "searchthing/tsidx_names.h"
 #include "searchthing/warmslice_merge.h"
 
@@ -83,11 +82,10 @@ std::string as_word(std::string text) {
 }  // namespace
 
 merge_owner_t merge_owner_self() {
-    char host[HOST_NAME_MAX + 1] = {}, boot[64] = {};
-    if (::gethostname(host, HOST_NAME_MAX) != 0) host[0] = '\0';
+    char boot[64] = {};
     const unique_fd fd(::open(BOOT_ID_PATH, O_RDONLY | O_CLOEXEC));
     if (fd.valid() && ::read(fd.get(), boot, sizeof boot - 1) <= 0) boot[0] = '\0';
-    return {::getpid(), as_word(boot), as_word(host)};
+    return {::getpid(), as_word(boot), as_word(os_host_name().text)};
 }
 
 std::string merge_manifest_owner_text(const merge_owner_t& owner) {
@@ -137,24 +135,23 @@ int merge_manifest_read_fd(int fd, std::string* text, warm_rc_t* rc) {
 int merge_manifest_read(const std::string& directory, const char* name, std::string* text, warm_rc_t* rc) {
     text->clear();
     const std::string path = directory + "/" + name;
-    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = osfile_open_regular(path.c_str(), O_RDONLY);
     if (fd.valid()) return merge_manifest_read_fd(fd.get(), text, rc);
     // A directory whose path has no room for the name cannot hold the file.
     if (errno == ENOENT || errno == ENAMETOOLONG) return 0;
     return _set_rc_msg(rc, WARM_RC_OPEN, path.c_str());
 }
 
-std::vector<std::string> merge_manifest_temporaries(const std::string& directory) {
-    std::vector<std::string> found;
+int merge_manifest_temporaries(const std::string& directory, std::vector<std::string>* names, warm_rc_t* rc) {
+    names->clear();
     // In this order a manifest that is renamed meanwhile is not missed.
     for (const char* name : {MERGE_MANIFEST_TMP_NAME, MERGE_MANIFEST_NAME}) {
         std::string text;
-        warm_rc_t ignored;
         merge_manifest_t manifest;
-        if (merge_manifest_read(directory, name, &text, &ignored) != 0) continue;
-        if (merge_manifest_parse(text, &manifest)) found.push_back(manifest.temp);
+        ST_TRY(merge_manifest_read(directory, name, &text, rc));
+        if (merge_manifest_parse(text, &manifest)) names->push_back(manifest.temp);
     }
-    return found;
+    return 0;
 }
 
 }  // namespace veldar

@@ -60,6 +60,8 @@ std::string merge_manifest_text(const merge_manifest_t& manifest);
 [[nodiscard]] int merge_manifest_read_fd(int fd, std::string* text, warm_rc_t* rc);
 
 // The names of the files that merges in the directory are writing, or have left behind for the next writer to remove.
-std::vector<std::string> merge_manifest_temporaries(const std::string& directory);
+// 0, -4 or -8.
+[[nodiscard]] int merge_manifest_temporaries(const std::string& directory, std::vector<std::string>* names,
+                                             warm_rc_t* rc);
 
 }  // namespace veldar

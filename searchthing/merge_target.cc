@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "searchthing/fclex_io.h"
 #include "searchthing/merge_postings.h"
 #include "searchthing/merge_values.h"
@@ -138,7 +139,7 @@ int verify_values(const warm_merge_t* merge, WARM* target, warm_rc_t* rc) {
 }
 
 int verify_slice(warm_merge_t* merge, const char* path, const merge_postings_t& postings, warm_rc_t* rc) {
-    unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    unique_fd fd = osfile_open_regular(path, O_RDONLY);
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     const std::unique_ptr<WARM, warm_closer> target(st_warm_slice_open_rdonly_from_fd(fd.get(), nullptr, rc));
     if (target == nullptr) return rc->warm_rc;

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx.h"
 #include "searchthing/tsidx_merge_lex.h"
@@ -14,13 +15,12 @@ namespace {
 void write_status_file(const char* directory, int result, const warm_rc_t& rc) {
     ospath_buf path;
     if (so_status_filename(&path, directory) != 0) path = {};
-    std::FILE* const file = std::fopen(path.val, "w+");
-    if (file == nullptr) {
+    const unique_fd fd = osfile_create_anew(path.val);
+    if (!fd.valid()) {
         _log(0, "ERROR failed to open file %s\n", path.val);
         return;
     }
-    std::fprintf(file, "veldar-optimize-lex complete with rc=%i wrc=[%i,%i]\n", result, rc.warm_rc, rc.saved_errno);
-    std::fclose(file);
+    ::dprintf(fd.get(), "veldar-optimize-lex complete with rc=%i wrc=[%i,%i]\n", result, rc.warm_rc, rc.saved_errno);
 }
 
 }  // namespace

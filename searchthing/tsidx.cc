@@ -10,7 +10,7 @@
 #include <new>
 
 #include "libzero/assertions.h"
-#include "libzero/resource.h"
+#include "libzero/osfile.h"
 #include "libzero/vbe.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_internal.h"
@@ -79,6 +79,7 @@ uint32_t tsidx_writer_tag(const TSIDX* tsidx) {
 }
 
 int tsidx_ensure_hot(TSIDX* tsidx) {
+    tsidx->is_used = true;
     if (tsidx->hot != nullptr) {
         if (st_hot_slice_values(tsidx->hot) != 0 || tsidx->hot_limits == tsidx->limits) return 0;
         st_hot_slice_close(std::exchange(tsidx->hot, nullptr));
@@ -107,9 +108,12 @@ void tsidx_load_params(TSIDX* tsidx) {
         deserialize_params(tsidx->stored_params.text, &stored)) {
         tsidx->limits = tsidx_clamp_limits(stored);
     }
+    tsidx->loaded_limits = tsidx->limits;
+    tsidx->is_used = false;
 }
 
 void tsidx_save_params(TSIDX* tsidx) {
+    if (!tsidx->is_used && tsidx->limits == tsidx->loaded_limits) return;
     const tsidx_params_line line = serialize_params(tsidx->limits, tsidx->writer_number);
     if (std::strcmp(line.text, tsidx->stored_params.text) == 0) return;
     tsidx->params_written = std::chrono::steady_clock::now();
@@ -222,8 +226,7 @@ int st_tsidx_set_need_optimize(TSIDX* tsidx) {
     if (ospath_builder_concat_two_paths_with_sep(&path, tsidx->path.c_str(), TSIDX_NEED_OPTIMIZE_NAME) != 0) {
         return WARM_RC_OPEN;
     }
-    const unique_fd fd(::open(path.buf.val, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    return fd.valid() ? 0 : WARM_RC_OPEN;
+    return ospath_mark(path.buf.val) == 0 ? 0 : WARM_RC_OPEN;
 }
 
 int st_tsidx_clear_need_optimize(TSIDX* tsidx) {

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "searchthing/tsidx_cache_internal.h"
 
 namespace veldar {
@@ -15,7 +16,7 @@ namespace {
 constexpr size_t MAX_UNUSED_SLICES = 256;
 
 WARM* open_slice(const std::string& path, const st_filename_metadata_t& meta, warm_rc_t* rc) {
-    unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    unique_fd fd = osfile_open_regular(path.c_str(), O_RDONLY);
     if (!fd.valid()) {
         _set_rc(rc, WARM_RC_OPEN);
         return nullptr;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_lock_internal.h"
 #include "searchthing/tsidx_merge_settle_internal.h"
@@ -167,9 +168,7 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
 
 void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path) {
     const std::string sentinel = path + TSIDX_SENTINEL_SUFFIX;
-    unique_fd fd(::open(sentinel.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    const bool hidden = fd.valid() && fd.close_checked() == 0;
-    if (!hidden || (::unlink(path.c_str()) != 0 && errno != ENOENT) || ::unlink(sentinel.c_str()) != 0) {
+    if (ospath_mark(sentinel.c_str()) != 0 || tsidx_unlink_slice(tsidx, path) != 0 || ::unlink(sentinel.c_str()) != 0) {
         _log(0, "WARN  a slice without events was not removed. errno=%i, path=%s\n", errno, path.c_str());
     }
     // Should the removal not last, the slice comes back with every event marked.

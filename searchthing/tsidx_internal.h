@@ -34,6 +34,8 @@ struct st_tsidx {
     uint32_t writer_number = TSIDX_ORDINARY_WRITER;
     TSWRITEOPTS opts;
     tsidx_limits_t limits;
+    tsidx_limits_t loaded_limits;  // as the handle found them
+    bool is_used = false;          // for events, since then
     xorshift128plus_state rng;
 
     HOT* hot = nullptr;  // owned; made by the first transaction that needs it
@@ -72,7 +74,8 @@ int tsidx_ensure_hot(TSIDX* tsidx);
 int tsidx_sync_full(TSIDX* tsidx, int code);
 // Takes the limits that the parameter file remembers; those of a directory without one are the defaults.
 void tsidx_load_params(TSIDX* tsidx);
-// Writes the parameter file when it would change. Failures are logged only: the next run starts with smaller limits.
+// Writes the parameter file when it would change. A handle that only merges or deletes has nothing to tell, and need
+// not even know which kind of directory it has. Failures are logged only: the next run starts with smaller limits.
 void tsidx_save_params(TSIDX* tsidx);
 
 // Brings a file (or, with O_DIRECTORY, a directory) to the disk, unless durability is switched off. 0, -4 or -9.
@@ -80,6 +83,9 @@ int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t*
 // Removes a slice whose events are all deleted, behind its sentinel; the caller holds the lock. A failure is logged:
 // the slice stays, with every event marked.
 void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path);
+// Removes a slice and, before it, a ".pre-tsidx" that is the same file, left by an interrupted sync: alone that would
+// look like the only copy of its events. 0, also when the slice is gone, or -1 with errno. May throw std::bad_alloc.
+int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path);
 // Cleans up after writers that are gone (tsidx_recover.cc).
 void tsidx_recover(TSIDX* tsidx);
 

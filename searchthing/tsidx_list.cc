@@ -54,16 +54,21 @@ tsidx_listing_t live_slices(const std::vector<std::string>& names, const std::st
     return live;
 }
 
-// `steady` tells whether one manifest, or none, was there all the while. Names that were read while a merge began or
-// ended may show sources and target, or none of them, and so may the names of the next reading.
-int list_once(const char* directory, tsidx_listing_t* listing, bool* steady, warm_rc_t* rc) {
-    std::vector<std::string> names;
-    std::string before, after;
+// Names that are read while others come and go may lack a merge's target, which came too late, and its sources, which
+// went too early. So they are read twice. `sound` tells whether one manifest, or none, was there all the while and the
+// second listing still has every slice of the first: then no source went, and slices that came are only the better.
+int list_twice(const char* directory, tsidx_listing_t* listing, bool* sound, warm_rc_t* rc) {
+    std::vector<std::string> first_names, names;
+    std::string before, between, after;
     ST_TRY(merge_manifest_read(directory, MERGE_MANIFEST_NAME, &before, rc));
+    ST_TRY(tsidx_read_names(directory, &first_names, rc));
+    ST_TRY(merge_manifest_read(directory, MERGE_MANIFEST_NAME, &between, rc));
     ST_TRY(tsidx_read_names(directory, &names, rc));
     ST_TRY(merge_manifest_read(directory, MERGE_MANIFEST_NAME, &after, rc));
-    *steady = before == after;
-    *listing = live_slices(names, before);
+    const tsidx_listing_t first = live_slices(first_names, before);
+    *listing = live_slices(names, between);
+    *sound = before == between && between == after &&
+             std::includes(listing->begin(), listing->end(), first.begin(), first.end(), newer);
     return 0;
 }
 
@@ -90,14 +95,12 @@ int tsidx_read_names(const char* directory, std::vector<std::string>* names, war
 }
 
 int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
-    tsidx_listing_t again;
     for (int i = 0; i < MAX_TRIES; i++) {
         // The pause is never between two listings that are compared: a busy directory changes in every pause.
         if (i != 0) ::usleep(std::min(FIRST_PAUSE << i, LONGEST_PAUSE));
-        bool first_steady = false, second_steady = false;
-        ST_TRY(list_once(directory, listing, &first_steady, rc));
-        ST_TRY(list_once(directory, &again, &second_steady, rc));
-        if (first_steady && second_steady && again == *listing) return 0;
+        bool sound = false;
+        ST_TRY(list_twice(directory, listing, &sound, rc));
+        if (sound) return 0;
     }
     return _set_rc_msg(rc, WARM_RC_RETRIES, "the directory changes faster than it can be listed");
 }

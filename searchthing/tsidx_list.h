@@ -22,7 +22,6 @@ namespace veldar {
 struct tsidx_slice_name_t {
     std::string name;             // without the directory
     st_filename_metadata_t meta;  // kind 1 or 3
-    bool operator==(const tsidx_slice_name_t& other) const { return name == other.name; }
 };
 using tsidx_listing_t = std::vector<tsidx_slice_name_t>;
 
@@ -37,8 +36,9 @@ bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 [[nodiscard]] int tsidx_read_names(const char* directory, std::vector<std::string>* names, warm_rc_t* rc);
 
 // The live slices, ordered by latest time descending (then earliest time and id descending). A directory may change
-// while it is read, so it is read twice, until both readings agree and the manifest stayed the same around each: -35
-// when they do not in 16 tries. -4, -8 as above, also for a manifest that cannot be read. May throw std::bad_alloc.
+// while it is read, so it is read twice, until the manifest stayed the same and no slice disappeared in between; slices
+// that are added meanwhile may be listed or not. -35 when that is not so in 16 tries. -4, -8 as above, also for a
+// manifest that cannot be read. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc);
 
 }  // namespace veldar

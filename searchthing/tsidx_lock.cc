@@ -1,21 +1,23 @@
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <ctime>
 #include <string_view>
 #include <utility>
 
 #include "libzero/filemutex.h"
+#include "libzero/osfile.h"
 #include "searchthing/log.h"
 #include "searchthing/tsidx_internal.h"
 #include "searchthing/tsidx_lock_internal.h"
+#include "searchthing/warmslice_util.h"
 
 namespace veldar {
 
@@ -24,6 +26,7 @@ namespace {
 constexpr useconds_t POLL_MICROSECONDS = 10000;
 constexpr int UNLOCK_TRIES = 10;
 constexpr char LOCK_SUFFIX[] = ".lock";
+constexpr time_t UNSIGNED_MAX_SECONDS = 60;
 
 using deadline_t = std::chrono::steady_clock::time_point;
 
@@ -47,24 +50,25 @@ flock_result take_flock(int fd, deadline_t deadline) {
 
 enum holder_state { HOLDER_UNKNOWN, HOLDER_UNNAMED, HOLDER_GONE };
 
-// Tells from the first two lines of a lock file, process id and host name, whether its holder was a process of this
-// host that is gone. Our own process counts as gone: it would hold the flock as well, which the caller has.
-holder_state examine_holder(const std::string& lock_file) {
-    const unique_fd fd(::open(lock_file.c_str(), O_RDONLY | O_CLOEXEC));
-    char text[512];
-    const ssize_t size = fd.valid() ? ::read(fd.get(), text, sizeof text) : -1;
-    if (size <= 0) return size == 0 ? HOLDER_UNNAMED : HOLDER_UNKNOWN;
-    const std::string_view lines(text, static_cast<size_t>(size));
+bool is_number(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+bool is_host(std::string_view text) {
+    return !text.empty() && std::none_of(text.begin(), text.end(), [](char c) { return c == '\0'; });
+}
+
+// Tells from the first two lines of a lock file, process id and host name, what became of its holder. A process of this
+// host is gone, whoever has its number now: it would have the flock as well, which the caller has. Since a holder signs
+// the file right after it has created it, anything else than two whole lines was cut off by a death.
+holder_state examine_holder(const std::string& text) {
+    if (text == FILEMUTEX_UNINITIALIZED) return HOLDER_UNKNOWN;
+    const std::string_view lines = text;
     const size_t first_end = lines.find('\n'), second_end = lines.find('\n', first_end + 1);
-    if (first_end == lines.npos || second_end == lines.npos) return HOLDER_UNKNOWN;
-    pid_t process = 0;
-    const std::from_chars_result number = std::from_chars(text, text + first_end, process, 10);
-    char own_host[HOST_NAME_MAX + 1] = {};
-    if (number.ec != std::errc() || number.ptr != text + first_end || process <= 0) return HOLDER_UNKNOWN;
-    if (::gethostname(own_host, HOST_NAME_MAX) != 0) return HOLDER_UNKNOWN;
-    if (lines.substr(first_end + 1, second_end - first_end - 1) != own_host) return HOLDER_UNKNOWN;
-    const bool gone = process == ::getpid() || (::kill(process, 0) != 0 && errno == ESRCH);
-    return gone ? HOLDER_GONE : HOLDER_UNKNOWN;
+    if (first_end == lines.npos || second_end == lines.npos) return HOLDER_UNNAMED;
+    const std::string_view host = lines.substr(first_end + 1, second_end - first_end - 1);
+    if (!is_number(lines.substr(0, first_end)) || !is_host(host)) return HOLDER_UNNAMED;
+    return host == os_host_name().text ? HOLDER_GONE : HOLDER_UNKNOWN;
 }
 
 // Watches a lock file that the caller, who has the flock, finds in the way.
@@ -72,14 +76,21 @@ class lock_file_watch {
   public:
     explicit lock_file_watch(std::string path) : path_(std::move(path)) {}
 
-    // Whether nobody can hold it any more. A holder signs the file right after it has created it, so that one which
-    // stays unsigned for a second was left by a process that died in between.
+    // Whether nobody can hold it any more: its holder is gone, or it has been unsigned for a second while watched or,
+    // should nobody have the time to watch, for a minute by the clock.
     bool is_abandoned() {
-        const holder_state state = examine_holder(path_);
-        const auto now = std::chrono::steady_clock::now();
+        const unique_fd fd = osfile_open_regular(path_.c_str(), O_RDONLY);
+        struct stat status;
+        char text[512];
+        const int64_t size = fd.valid() ? st_pread(fd.get(), text, sizeof text, 0) : -1;
+        if (size < 0 || ::fstat(fd.get(), &status) != 0) return false;
+        const holder_state state = examine_holder(std::string(text, static_cast<size_t>(size)));
         if (state != HOLDER_UNNAMED) unnamed_since_ = deadline_t::max();
-        if (state == HOLDER_UNNAMED) unnamed_since_ = std::min(unnamed_since_, now);
-        return state == HOLDER_GONE || (state == HOLDER_UNNAMED && now - unnamed_since_ >= std::chrono::seconds(1));
+        if (state != HOLDER_UNNAMED) return state == HOLDER_GONE;
+        const auto now = std::chrono::steady_clock::now();
+        unnamed_since_ = std::min(unnamed_since_, now);
+        return now - unnamed_since_ >= std::chrono::seconds(1) ||
+               std::time(nullptr) - status.st_mtime >= UNSIGNED_MAX_SECONDS;
     }
 
   private:

@@ -107,7 +107,9 @@ int tsidx_merge_commit::commit(warm_merge_t* merge, warm_rc_t* rc) {
     tsidx_lock lock;
     if (lock.acquire(tsidx_, LOCK_PATIENCE * tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
     ST_TRY(put_in_effect(merge, rc));
-    return tsidx_settle_merge(tsidx_, rc);
+    warm_rc_t unremoved;
+    ST_TRY(tsidx_settle_merge(tsidx_, rc, &unremoved));
+    return unremoved.warm_rc == 0 ? 0 : _cpy_rc(rc, &unremoved);
 }
 
 }  // namespace veldar

@@ -44,7 +44,8 @@ class tsidx_merge_commit {
     int declare(const std::string& target, const std::string& temp, std::vector<std::string> sources, warm_rc_t* rc);
     std::string temp_path() const;
     // M2 to M5, once the temporary file is whole and flushed. 0; a failure before the commit point has changed nothing
-    // that readers see; one behind it leaves the target in effect and the rest to the next settling. -29, -4, -9, -35
+    // that readers see; one behind it, such as a source that cannot be removed, leaves the target in effect and the
+    // rest to the next settling. -29, -4, -9, -35
     // or the status of carrying the deletes.
     int commit(warm_merge_t* merge, warm_rc_t* rc);
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "libzero/osfile.h"
 #include "searchthing/log.h"
 #include "searchthing/merge_manifest.h"
 #include "searchthing/tsidx_internal.h"
@@ -30,7 +31,7 @@ struct manifest_file {
 
 int open_manifest(const TSIDX* tsidx, const char* name, manifest_file* file, warm_rc_t* rc) {
     file->path = tsidx->path + "/" + name;
-    file->fd.reset(::open(file->path.c_str(), O_RDWR | O_CLOEXEC));
+    file->fd = osfile_open_regular(file->path.c_str(), O_RDWR);
     if (!file->fd.valid()) {
         if (errno == ENOENT || errno == ENAMETOOLONG) return 0;
         return _set_rc_msg(rc, WARM_RC_OPEN, file->path.c_str());
@@ -66,19 +67,21 @@ int remove_file(const std::string& path, warm_rc_t* rc) {
 }
 
 // A source that cannot be removed is hidden by a sentinel, and the next writer tries again.
-int remove_source(const std::string& path, warm_rc_t* rc) {
-    if (::unlink(path.c_str()) == 0 || errno == ENOENT) return 0;
+int remove_source(const TSIDX* tsidx, const std::string& path, warm_rc_t* unremoved, warm_rc_t* rc) {
+    if (tsidx_unlink_slice(tsidx, path) == 0) return 0;
+    _set_rc_msg(unremoved, WARM_RC_WRITE, ("a merged slice was not removed, " + path).c_str());
     _log(0, "WARN  a merged slice was not removed. errno=%i, path=%s\n", errno, path.c_str());
     const std::string sentinel = path + TSIDX_SENTINEL_SUFFIX;
-    const unique_fd fd(::open(sentinel.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    return fd.valid() ? 0 : _set_rc_msg(rc, WARM_RC_WRITE, sentinel.c_str());
+    return ospath_mark(sentinel.c_str()) == 0 ? 0 : _set_rc_msg(rc, WARM_RC_WRITE, sentinel.c_str());
 }
 
 // Steps M4 and M5. A step is flushed before the next one, so that not even the death of the system brings sources back.
-int finish(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* rc) {
+int finish(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* unremoved, warm_rc_t* rc) {
     const char* const directory = tsidx->path.c_str();
     ST_TRY(tsidx_flush(tsidx, directory, O_DIRECTORY, rc));
-    for (const std::string& source : file.manifest.sources) ST_TRY(remove_source(tsidx->path + "/" + source, rc));
+    for (const std::string& source : file.manifest.sources) {
+        ST_TRY(remove_source(tsidx, tsidx->path + "/" + source, unremoved, rc));
+    }
     ST_TRY(tsidx_flush(tsidx, directory, O_DIRECTORY, rc));
     ST_TRY(remove_file(tsidx->path + "/" + file.manifest.temp, rc));
     return remove_file(file.path, rc);
@@ -107,14 +110,14 @@ int fail_at_work(warm_rc_t* rc) {
     return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "tmp manifest file already exists");
 }
 
-int settle_manifest(const TSIDX* tsidx, warm_rc_t* rc) {
+int settle_manifest(const TSIDX* tsidx, warm_rc_t* unremoved, warm_rc_t* rc) {
     manifest_file file;
     ST_TRY(open_manifest(tsidx, MERGE_MANIFEST_NAME, &file, rc));
     if (!file.fd.valid()) return 0;
     if (file.whole) {
         bool committed = false;
         ST_TRY(exists(tsidx->path + "/" + file.manifest.target, &committed, rc));
-        if (committed) return finish(tsidx, file, rc);
+        if (committed) return finish(tsidx, file, unremoved, rc);
     }
     if (!owner_is_gone(file)) return fail_at_work(rc);
     return file.whole ? undo(tsidx, file, rc) : set_aside(file, rc);
@@ -138,11 +141,12 @@ int tsidx_lock_file(int fd) {
     return 1;
 }
 
-int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc) {
+int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved) {
+    warm_rc_t ignored;
     // In this order a manifest that its owner renames meanwhile is not missed.
     const int of_tmp = settle_tmp(tsidx, rc);
     if (of_tmp != 0 && of_tmp != WARM_RC_MANIFEST_EXISTS) return of_tmp;
-    const int of_manifest = settle_manifest(tsidx, rc);
+    const int of_manifest = settle_manifest(tsidx, unremoved != nullptr ? unremoved : &ignored, rc);
     return of_manifest != 0 ? of_manifest : of_tmp;
 }
 

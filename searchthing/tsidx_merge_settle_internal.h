@@ -14,8 +14,9 @@ inline constexpr int64_t TSIDX_MERGE_MAX_SECONDS = 86400;
 
 // Finishes or undoes what merges have left; the caller has the directory's lock. 0 when no merge is left, -28 when one
 // is at work before its commit point, or -4, -8, -9 when its files cannot be read or removed; readers are right all the
-// same. May throw std::bad_alloc.
-[[nodiscard]] int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc);
+// same. A source that cannot be removed is hidden, and named in `unremoved` (with -9) unless that is null; the next
+// writer tries again. May throw std::bad_alloc.
+[[nodiscard]] int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved = nullptr);
 // Whether a manifest, complete or not, lies in the directory.
 bool tsidx_has_merge(const TSIDX* tsidx);
 // An exclusive flock without waiting: 1 taken, 0 held by another, -1 when the file system has none.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "searchthing/tsidx_snapshot_internal.h"
 
 namespace veldar {
@@ -19,22 +20,13 @@ struct temporary_file {
     ~temporary_file() { ::unlink(path.c_str()); }
 };
 
-int create(const std::string& path, unique_fd* fd) {
-    constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
-    fd->reset(::open(path.c_str(), FLAGS, 0600));
-    if (fd->valid() || errno != EEXIST) return fd->valid() ? 0 : -1;
-    // Left by a process that had this one's number.
-    ::unlink(path.c_str());
-    fd->reset(::open(path.c_str(), FLAGS, 0600));
-    return fd->valid() ? 0 : -1;
-}
-
 // 1 when the mini slice was made, 0 when there is one, TSIDX_VANISHED or a failure in `rc`.
 int64_t minify_slice(const TSIDX* tsidx, const std::string& slice, const std::string& mini, warm_rc_t* rc) {
     if (::access(mini.c_str(), F_OK) == 0) return 0;
     const temporary_file temporary{mini + "." + std::to_string(::getpid()) + TSIDX_MINI_PRE_SUFFIX};
-    unique_fd fd;
-    if (create(temporary.path, &fd) != 0) return _set_rc_msg(rc, WARM_RC_OPEN, temporary.path.c_str());
+    // One of this name was left by a process that had this one's number.
+    unique_fd fd = osfile_create_anew(temporary.path.c_str());
+    if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, temporary.path.c_str());
     errno = 0;
     if (const int status = st_warm_slice_create_mini(slice.c_str(), fd.get()); status != 0) {
         if (status == WARM_RC_OPEN && errno == ENOENT) return TSIDX_VANISHED;

@@ -63,7 +63,7 @@ tsidx_merge_rules_t rules_of(const TSIDX* tsidx, int mode, uint32_t min_src_coun
 
 // A slice whose header cannot be read takes no part, and does not keep the others from merging.
 int read_source(const std::string& path, tsidx_merge_source_t* source, bool* usable, warm_rc_t* rc) {
-    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = osfile_open_regular(path.c_str(), O_RDONLY);
     if (!fd.valid()) return errno == ENOENT ? VANISHED : _set_rc_msg(rc, WARM_RC_OPEN, path.c_str());
     if (osfile_get_size(fd.get(), &source->bytes) != 0) return _set_rc_msg(rc, WARM_RC_FILE_SIZE, path.c_str());
     *usable = warm_header_read(fd.get(), &source->header, rc) == 0;
@@ -173,9 +173,9 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
     ST_TRY(name_target(tsidx, *st_warm_slice_merge_totals(merge.get()), &names, rc));
     ST_TRY(commit.declare(names.target, names.temp, plan.sources, rc));
     ST_TRY(st_warm_slice_merge_write(merge.get(), commit.temp_path().c_str(), tsidx->durable, rc));
-    ST_TRY(commit.commit(merge.get(), rc));
+    const int committed = commit.commit(merge.get(), rc);
     tsidx->cache.close_unused();  // the sources among them still take their disk space
-    return 0;
+    return committed;
 }
 
 int settle_leftovers(TSIDX* tsidx, warm_rc_t* rc) {

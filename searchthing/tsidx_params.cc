@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "libzero/assertions.h"
-#include "libzero/resource.h"
+#include "libzero/osfile.h"
 #include "libzero/vbe.h"
 #include "searchthing/warmslice_util.h"
 
@@ -39,7 +39,7 @@ bool take_number(std::string_view* text, bool last, uint64_t* out) {
 }
 
 int write_line(const char* path, const tsidx_params_line& line) {
-    unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    unique_fd fd = osfile_create_anew(path);
     if (!fd.valid()) return WARM_RC_OPEN;
     ST_TRY(st_file_write(fd.get(), line.text, static_cast<int64_t>(std::strlen(line.text))));
     return fd.close_checked() == 0 ? 0 : WARM_RC_CLOSE;
@@ -96,7 +96,7 @@ bool deserialize_params(std::string_view text, tsidx_limits_t* limits) {
 bool tsidx_read_params(const char* directory, tsidx_params_line* line) {
     ospath_builder path;
     if (ospath_builder_concat_two_paths_with_sep(&path, directory, TSIDX_PARAMS_NAME) != 0) return false;
-    const unique_fd fd(::open(path.buf.val, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const unique_fd fd = osfile_open_regular(path.buf.val, O_RDONLY);
     if (!fd.valid()) return false;
     char text[TSIDX_PARAMS_MAX_BYTES + 1];
     const int64_t size = st_pread(fd.get(), text, sizeof text, 0);

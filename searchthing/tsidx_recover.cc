@@ -108,19 +108,20 @@ bool is_old(const std::string& path, struct stat* status) {
     return ::stat(path.c_str(), status) == 0 && std::time(nullptr) - status->st_mtime >= MIN_AGE_SECONDS;
 }
 
+bool is_same_file(const std::string& path, const struct stat& file) {
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && status.st_ino == file.st_ino && status.st_dev == file.st_dev;
+}
+
 // Whether a slice of the same time range is the same file.
 bool is_linked(const std::string& directory, const leftover& pre, const struct stat& pre_status,
                const std::vector<std::string>& names) {
     if (pre_status.st_nlink < 2) return false;
-    for (const std::string& name : names) {
+    return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
         st_filename_metadata_t meta;
-        if (!tsidx_is_slice_name(name.c_str(), &meta)) continue;
-        if (meta.latest != pre.meta.latest || meta.earliest != pre.meta.earliest) continue;
-        struct stat status;
-        if (::stat((directory + "/" + name).c_str(), &status) != 0) continue;
-        if (status.st_ino == pre_status.st_ino && status.st_dev == pre_status.st_dev) return true;
-    }
-    return false;
+        return tsidx_is_slice_name(name.c_str(), &meta) && meta.latest == pre.meta.latest &&
+               meta.earliest == pre.meta.earliest && is_same_file(directory + "/" + name, pre_status);
+    });
 }
 
 // Whether a slice was cut off while it was written. Damage of any other kind is not the writer's death.
@@ -134,6 +135,11 @@ bool is_cut_off(const std::string& path) {
     const bool whole = st_warm_slice_has_fclex(warm) && warm->file_size >= warm->postings_base + warm->plo_last;
     st_warm_slice_close(warm);
     return !whole;
+}
+
+void warn(const char* what, const TSIDX* tsidx, const warm_rc_t& rc) {
+    _log(0, "WARN  %s. rc=%i, errno=%i, path=%s: %s\n", what, rc.warm_rc, rc.saved_errno, tsidx->path.c_str(),
+         rc.message);
 }
 
 void remove_file(const std::string& path) {
@@ -169,14 +175,40 @@ void recover(const TSIDX* tsidx, const leftover& found, const std::vector<std::s
     }
 }
 
+int remove_second_name(const TSIDX* tsidx, const std::string& path) {
+    struct stat status;
+    if (::stat(path.c_str(), &status) != 0) return errno == ENOENT ? 0 : -1;
+    if (status.st_nlink < 2) return 0;
+    std::vector<std::string> names;
+    warm_rc_t rc;
+    if (tsidx_read_names(tsidx->path.c_str(), &names, &rc) != 0) {
+        errno = rc.saved_errno;
+        return -1;
+    }
+    for (const std::string& name : names) {
+        const std::string second = tsidx->path + "/" + name;
+        if (!name.ends_with(TSIDX_PRE_SUFFIX) || !is_same_file(second, status)) continue;
+        if (::unlink(second.c_str()) != 0 && errno != ENOENT) return -1;
+    }
+    return 0;
+}
+
 }  // namespace
+
+int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path) {
+    if (remove_second_name(tsidx, path) != 0) return -1;
+    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : -1;
+}
 
 void tsidx_recover(TSIDX* tsidx) {
     warm_rc_t rc;
     std::vector<std::string> names;
     std::vector<leftover> found;
     bool merge = false;
-    if (tsidx_read_names(tsidx->path.c_str(), &names, &rc) != 0) return;
+    if (tsidx_read_names(tsidx->path.c_str(), &names, &rc) != 0) {
+        if (rc.saved_errno != ENOENT) warn("leftovers were not looked for", tsidx, rc);
+        return;
+    }
     for (const std::string& name : names) {
         merge = merge || name == MERGE_MANIFEST_NAME || name == MERGE_MANIFEST_TMP_NAME;
         leftover file;
@@ -192,11 +224,14 @@ void tsidx_recover(TSIDX* tsidx) {
     tsidx->last_failure = {};
     if (!locked) return;
     if (merge && tsidx_settle_merge(tsidx, &rc) != 0 && rc.warm_rc != WARM_RC_MANIFEST_EXISTS) {
-        _log(0, "WARN  a merge that was cut off was not settled. rc=%i, errno=%i, path=%s: %s\n", rc.warm_rc,
-             rc.saved_errno, tsidx->path.c_str(), rc.message);
+        warn("a merge that was cut off was not settled", tsidx, rc);
     }
     // What a merge that is at work writes is no sync's.
-    const std::vector<std::string> merging = merge_manifest_temporaries(tsidx->path);
+    std::vector<std::string> merging;
+    if (merge_manifest_temporaries(tsidx->path, &merging, &rc) != 0) {
+        warn("leftovers were not removed", tsidx, rc);
+        return;
+    }
     for (const leftover& file : found) {
         const std::string name = file.path.substr(tsidx->path.size() + 1);
         if (std::find(merging.begin(), merging.end(), name) == merging.end()) recover(tsidx, file, names);

@@ -245,7 +245,7 @@ WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc) {
     }
     st_filename_metadata_t meta;
     if (parse_name(path, &meta, rc) != 0) return nullptr;
-    unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    unique_fd fd = osfile_open_regular(path, O_RDONLY);
     if (!fd.valid()) {
         _set_rc(rc, WARM_RC_OPEN);
         return nullptr;
@@ -266,7 +266,7 @@ WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc) {
     if (parse_name(path, &meta, rc) != 0) return nullptr;
     warm_owner warm = new_handle(meta, rc);
     if (warm == nullptr) return nullptr;
-    unique_fd fd(::open(path, O_RDWR | O_CLOEXEC));
+    unique_fd fd = osfile_open_regular(path, O_RDWR);
     if (!fd.valid()) {
         _set_rc(rc, WARM_RC_OPEN);
         return nullptr;

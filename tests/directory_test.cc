@@ -3,17 +3,24 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <set>
+#include <utility>
 
 #include "searchthing/health.h"
+#include "searchthing/merge_manifest.h"
+#include "searchthing/st_optimize_lex.h"
 #include "searchthing/tsidx_delete.h"
 #include "searchthing/tsidx_list.h"
 #include "searchthing/tsidx_minify.h"
+#include "searchthing/tsidx_optimize.h"
+#include "searchthing/tsidx_params.h"
 #include "searchthing/tsidx_snapshot.h"
+#include "searchthing/warmslice.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
@@ -67,6 +74,21 @@ TEST_F(Directory, Listing) {
               (std::vector<std::string>{"10-2-6.0.7.part-tsidx", "10--3-7.tsidx", "9-1-5.tsidx", "9-1-4.tsidx"}));
     EXPECT_EQ(tsidx_list(dir.file("missing").c_str(), &listing, &rc), WARM_RC_OPEN);
     EXPECT_EQ(rc.saved_errno, ENOENT);
+    for (uint64_t nth = 1; nth <= 2 * (std::size(table) + 3); nth++) {
+        const fault broken(fault_call::readdir, nth, EIO);
+        EXPECT_EQ(tsidx_list(dir.path().c_str(), &listing, &rc), WARM_RC_READ) << "no short list";
+        EXPECT_EQ(rc.saved_errno, EIO);
+    }
+    // Slices that are added faster than the directory is read.
+    uint64_t added = 0, opened = 0;
+    const auto add = [&] {
+        if (fault_calls(fault_call::opendir) != std::exchange(opened, fault_calls(fault_call::opendir))) {
+            write_file(dir.file("50-50-" + std::to_string(++added) + ".tsidx"), "");
+        }
+    };
+    const fault_step step(1, add, ~uint64_t{0} - 1);
+    EXPECT_EQ(tsidx_list(dir.path().c_str(), &listing, &rc), 0);
+    EXPECT_GE(listing.size(), 4u);
 }
 
 TEST_F(Directory, VanishedAndUnreadableSlices) {
@@ -81,13 +103,13 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         int error;
         uint64_t times;
         int code;
-    } const table[] = {{6, ENOENT, 1, 0},  // a listing opens the manifest four times, which is not there
-                       {7, ENOENT, 6, 0},
+    } const table[] = {{5, ENOENT, 1, 0},  // a listing opens the manifest three times, which is not there
+                       {6, ENOENT, 5, 0},
                        {1, ENOENT, 1000, WARM_RC_RETRIES},
-                       {4, EACCES, 1, WARM_RC_OPEN},
-                       {6, EACCES, 1, WARM_RC_OPEN},
-                       {6, EMFILE, 1, 0},  // after a slice that is open and unused, which is closed for it
-                       {5, EMFILE, 1, WARM_RC_OPEN}};
+                       {3, EACCES, 1, WARM_RC_OPEN},
+                       {5, EACCES, 1, WARM_RC_OPEN},
+                       {5, EMFILE, 1, 0},  // after a slice that is open and unused, which is closed for it
+                       {4, EMFILE, 1, WARM_RC_OPEN}};
     for (const auto& row : table) {
         SCOPED_TRACE(testing::Message() << row.nth << " " << row.error << " " << row.times);
         const directory_ptr tsidx = open_for_reading(dir.path());
@@ -116,16 +138,6 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
     const directory_ptr empty = open_for_reading(dir.file("missing"));
     EXPECT_EQ(st_tsidx_query(empty.get(), &malformed, answers, 10, 1), WARM_RC_QUERY_END);
     EXPECT_EQ(st_tsidx_query(empty.get(), &query, answers, 10, 1), WARM_RC_OPEN);
-}
-
-size_t open_slices(const std::string& directory) {
-    size_t count = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        const std::string target = fs::read_symlink(entry.path(), gone).string();
-        count += target.find(directory) == 0 && target.ends_with(".tsidx") ? 1 : 0;
-    }
-    return count;
 }
 
 TEST_F(Directory, OpenSlicesAreKeptUpTo256) {
@@ -206,7 +218,7 @@ TEST_F(Directory, DeletesLock) {
     const std::string lock = fs::canonical(dir.path()).string() + ".lock";
     const directory_ptr tsidx = open_directory(dir.path() + "/../" + fs::path(dir.path()).filename().string());
     st_tsidx_set_lock_timeout(tsidx.get(), 0);
-    const st_addr_t address = 1;
+    const st_addr_t address = 1, unknown = 2;
     const auto refused = [&] {
         const std::string log =
             logged([&] { EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), WARM_RC_LOCK); });
@@ -214,18 +226,51 @@ TEST_F(Directory, DeletesLock) {
         EXPECT_EQ(read_file(slice), before);
         EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_LOCK);
     };
-    write_file(lock, std::to_string(::getppid()) + "\n" + host_name() + "\nanother program");
-    refused();
+    const auto broken = [&](const std::string& text, bool young = false) {
+        write_file(lock, text);
+        if (!young) make_old(lock);
+        EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &unknown, 1), 0) << text;
+        EXPECT_FALSE(fs::exists(lock));
+    };
     write_file(lock, std::to_string(process_that_is_gone()) + "\nanother-host\nanother program");
     refused();
     write_file(lock, "0\nuninitialized");
     refused();
+    write_file(lock, "1");
+    refused();  // somebody is about to sign it
     fs::remove(lock);
+    ASSERT_EQ(::mkfifo(lock.c_str(), 0600), 0);
+    refused();
+    fs::remove(lock);
+    {
+        const fault broken_flock(fault_call::flock, 1, EOPNOTSUPP, 1000);
+        EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &unknown, 1), 0);
+        write_file(lock, std::to_string(process_that_is_gone()) + "\n" + host_name() + "\nanother program");
+        refused();  // its holder might be in another container
+        fs::remove(lock);
+    }
     const unique_fd directory(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(::flock(directory.get(), LOCK_EX), 0);
     refused();
     ASSERT_EQ(::flock(directory.get(), LOCK_UN), 0);
-    // A lock that only a dead process can have left does not stop anyone.
+    // A lock that only a dead process can have left does not stop anyone: whoever has its number now, and if the death
+    // of the system has torn it.
+    const std::string text = std::to_string(::getppid()) + "\n" + host_name() + "\nanother program";
+    {
+        const fault interrupted(fault_call::flock, 1, EINTR);
+        broken(text);
+    }
+    for (size_t size = 0; size < text.size(); size++) {
+        broken(text.substr(0, size));
+        broken(text.substr(0, size) + std::string(text.size() - size, '\0'));
+    }
+    st_tsidx_set_lock_timeout(tsidx.get(), 3);
+    broken("", true);
+    {
+        const fake_host host(std::string(64, 'h'));
+        broken("1\n" + std::string(64, 'h') + "\nanother program");
+        EXPECT_EQ(merge_owner_self().host, std::string(64, 'h'));
+    }
     write_file(lock, std::to_string(process_that_is_gone()) + "\n" + host_name() + "\nanother program");
     EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), 2);
     EXPECT_FALSE(fs::exists(lock));
@@ -295,6 +340,78 @@ TEST_F(Directory, Leftovers) {
     EXPECT_NE(log.find(pre(gone, 1)), std::string::npos) << log;
     EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
     EXPECT_FALSE(fs::exists(dir.path() + ".lock"));
+}
+
+// A file that was cut off holds nothing; one that is damaged may be all there is of its events. A process is known by
+// what is left of its number in the file's name.
+TEST_F(Directory, LeftoversThatWereCutOff) {
+    const temp_dir dir;
+    const std::string whole = read_file(forge_file(dir.path(), {simple_event(7)}, forge_as_created(4), 1000));
+    const uint64_t gone = (static_cast<uint64_t>(process_that_is_gone()) % 65535) << 16;
+    const auto pre = [&](size_t size) { return dir.file("7-7-" + std::to_string(gone | size) + ".pre-tsidx"); };
+    std::vector<std::string> kept = {pre(whole.size()), pre(whole.size() + 1)};
+    for (size_t size = 0; size <= whole.size(); size++) {
+        // The last list alone does not tell where it ends.
+        if (size == whole.size() || size < whole.size() - 8) write_file(pre(size), whole.substr(0, size));
+    }
+    write_file(kept[1], "x" + whole.substr(1));
+    for (const auto& entry : fs::directory_iterator(dir.path())) make_old(entry.path().string());
+    std::vector<std::string> left = files_in(dir.path(), ".pre-tsidx");
+    {
+        const fault other_process(fault_call::kill, 2, EPERM, 1000000);
+        open_directory(dir.path());
+        EXPECT_EQ(files_in(dir.path(), ".pre-tsidx"), left);
+    }
+    open_directory(dir.path());
+    left = files_in(dir.path(), ".pre-tsidx");
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(left, kept);
+}
+
+// Whatever lies at a name that the engine opens: nobody waits for it, and nothing is written to where it leads.
+TEST_F(Directory, PipesAndLinksInTheWay) {
+    const temp_dir dir, elsewhere;
+    put_slices(dir.path(), {simple_event(1), simple_event(2)});
+    ::alarm(60);
+    const st_addr_t unknown = 77;
+    st_tsval answers[4];
+    for (const char* name :
+         {"7-7-7.tsidx", "7-7-7.0.7.part-tsidx", MERGE_MANIFEST_NAME, MERGE_MANIFEST_TMP_NAME, TSIDX_PARAMS_NAME,
+          TSIDX_NEED_OPTIMIZE_NAME, "7-7-458752.pre-tsidx", "7-7-7.tsidx.deleted"}) {
+        SCOPED_TRACE(name);
+        fs::remove(dir.file(name));
+        ASSERT_EQ(::mkfifo(dir.file(name).c_str(), 0600), 0);
+        make_old(dir.file(name));
+        const directory_ptr tsidx = open_directory(dir.path());
+        const bool is_slice = std::string(name).find("7-7-7.") == 0 && !std::string(name).ends_with(".deleted");
+        const bool is_manifest = std::string(name).find("manifest") != std::string::npos;
+        EXPECT_EQ(st_tsidx_all_events(tsidx.get(), 0, 9, answers, 4),
+                  is_slice || name == std::string(MERGE_MANIFEST_NAME) ? WARM_RC_OPEN : 2);
+        EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &unknown, 1), is_slice || is_manifest ? WARM_RC_OPEN : 0);
+        const int merged = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 9, 0, 0, nullptr, 0, 0, false);
+        EXPECT_EQ(merged, is_slice || is_manifest ? WARM_RC_OPEN : 0);
+        EXPECT_EQ(st_tsidx_set_need_optimize(tsidx.get()), 0);
+        fs::remove(dir.file(name));
+        if (merged == 0) put_slices(dir.path(), {simple_event(1), simple_event(2)});
+    }
+    warm_rc_t rc;
+    const std::string pipe = dir.file("7-7-7.tsidx");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_EQ(st_warm_slice_open_rdonly(pipe.c_str(), &rc), nullptr);
+    EXPECT_EQ(st_warm_slice_open_rdwr(pipe.c_str(), &rc), nullptr);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_OPEN);
+    EXPECT_EQ(st_warm_slice_create_mini(pipe.c_str(), 1), WARM_RC_OPEN);
+    ::alarm(0);
+    write_file(elsewhere.file("precious"), "precious");
+    for (const std::string& link :
+         {dir.file(TSIDX_PARAMS_NAME + std::string(".part.7")), dir.file(TSIDX_OPTIMIZE_RESULT_NAME)}) {
+        fs::create_symlink(elsewhere.file("precious"), link);
+    }
+    EXPECT_EQ(tsidx_write_params(dir.path().c_str(), serialize_params(tsidx_default_limits(true), 7), 7), 0);
+    fs::remove(pipe);
+    EXPECT_EQ(st_optimize_lex(dir.path().c_str(), 2, 0, 0, 0, false, &rc), 0);
+    EXPECT_NE(read_file(dir.file(TSIDX_OPTIMIZE_RESULT_NAME)), "precious");
+    EXPECT_EQ(read_file(elsewhere.file("precious")), "precious");
 }
 
 TEST_F(Directory, Minify) {

@@ -462,7 +462,7 @@ TEST(Dump, AndLsOfAKnownSlice) {
 }
 
 TEST(Delete, MarksWhatTheQueryFinds) {
-    ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1);
+    const lock_optimism optimism;
     const temp_dir dir;
     std::vector<forge_event> events = forge_random_events(8, 100), other = forge_random_events(9, 50);
     for (forge_event& event : events) event.deleted = false;

@@ -17,6 +17,7 @@
 #include "libzero/ospath-builder.h"
 #include "libzero/vbe.h"
 #include "libzero/xorshift128plus.h"
+#include "tests/support/faults.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -170,9 +171,6 @@ TEST(Xorshift, FillsMemoryInWholeSteps) {
 
 class FileMutex : public testing::Test {
   protected:
-    FileMutex() { ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1); }
-    ~FileMutex() override { ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING"); }
-
     std::vector<std::string> names() const {
         std::vector<std::string> found;
         for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))
@@ -181,6 +179,7 @@ class FileMutex : public testing::Test {
         return found;
     }
 
+    const lock_optimism optimism_;
     temp_dir dir_;
     std::string path_ = dir_.file("p");
 };
@@ -217,8 +216,72 @@ TEST_F(FileMutex, BothProtocolsExcludeAndLeaveOnlyTheLockWithItsText) {
     }
 }
 
+// The lock is had when the file is ours, whatever the link reported, and only then.
+TEST_F(FileMutex, TheLinkedFileDecides) {
+    filemutex_init_contents("tester");
+    const no_pauses pauses;
+    const std::string lock = path_ + ".lock";
+    for (uint64_t n = 2; n <= 4; n++) {
+        uint64_t call = 0;
+        const auto other = [&] {
+            if (++call == n) write_file(lock, "another's");
+            if (call == 12) std::filesystem::remove(lock);
+        };
+        const fault_step step(1, other, 100);
+        EXPECT_EQ(filemutex_lock_by_link(path_.c_str()), FILEMUTEX_OK);
+        EXPECT_NE(read_file(lock), "another's");
+        EXPECT_EQ(names(), std::vector<std::string>{"p.lock"});
+        std::filesystem::remove(lock);
+    }
+    uint64_t linked = 0;
+    const auto link_before = [&] {
+        for (const std::string& name : names()) {
+            if (name.find(".temp-") != name.npos && linked++ == 0)
+                std::filesystem::create_hard_link(dir_.file(name), lock);
+        }
+    };
+    {
+        const fault_step step(1, link_before, 100);
+        EXPECT_EQ(filemutex_lock_by_link(path_.c_str()), FILEMUTEX_OK) << "the answer to the link got lost";
+    }
+    for (const auto& [error, result] : {std::pair(EPERM, FILEMUTEX_ERROR),
+                                        {EIO, FILEMUTEX_ERROR},
+                                        {EROFS, FILEMUTEX_ERROR},
+                                        {ENOMEM, FILEMUTEX_HELD}}) {
+        const fault broken(fault_call::unlink, 1, error);
+        EXPECT_EQ(filemutex_unlock(path_.c_str()), result);
+    }
+    EXPECT_EQ(filemutex_unlock(path_.c_str()), FILEMUTEX_OK);
+    for (const fault_call call : {fault_call::stat, fault_call::link}) {
+        const fault broken(call, 1, ENOSPC);
+        EXPECT_EQ(filemutex_lock_by_link(path_.c_str()), FILEMUTEX_ERROR);
+        EXPECT_TRUE(names().empty());
+    }
+}
+
 TEST_F(FileMutex, OnlyAStaleLockIsBroken) {
     const time_t future = std::time(nullptr) + 100;
+    // What happens to the lock while it is being broken.
+    for (const bool renewed : {false, true}) {
+        ASSERT_EQ(filemutex_lock(path_.c_str()), FILEMUTEX_OK);
+        const time_t locked = std::time(nullptr);
+        while (std::time(nullptr) == locked) ::usleep(1000);
+        const auto change = [&] {
+            if (renewed) {
+                std::filesystem::permissions(path_ + ".lock", std::filesystem::perms::owner_read);
+            } else {
+                std::filesystem::remove(path_ + ".lock");
+            }
+        };
+        const fault_step step(2, change);
+        EXPECT_EQ(filemutex_unlock_forced(path_.c_str(), std::time(nullptr)), renewed ? FILEMUTEX_OK : FILEMUTEX_ERROR);
+        EXPECT_EQ(names(), (renewed ? std::vector<std::string>{"p.lock"} : std::vector<std::string>{}));
+    }
+    for (const auto& [error, result] : {std::pair(ENOMEM, FILEMUTEX_ERROR), {EPERM, FILEMUTEX_STUCK}}) {
+        const fault broken(fault_call::unlink, 1, error);
+        EXPECT_EQ(filemutex_unlock_forced(path_.c_str(), future), result);
+    }
+    EXPECT_EQ(filemutex_unlock(path_.c_str()), FILEMUTEX_OK);
     EXPECT_EQ(filemutex_unlock_forced(path_.c_str(), future), FILEMUTEX_ERROR) << "no lock";
     ASSERT_EQ(filemutex_lock_forced(path_.c_str(), 0), FILEMUTEX_OK);
     EXPECT_EQ(filemutex_unlock_forced(path_.c_str(), std::time(nullptr) - 100), FILEMUTEX_ERROR) << "too young";

@@ -18,6 +18,7 @@
 #include "searchthing/st_init.h"
 #include "searchthing/st_optimize.h"
 #include "searchthing/tsidx_delete.h"
+#include "searchthing/tsidx_list.h"
 #include "searchthing/tsidx_merge_plan.h"
 #include "searchthing/tsidx_optimize.h"
 #include "tests/support/directory.h"
@@ -130,11 +131,14 @@ TEST_F(Optimize, DeletesAfterACrashLast) {
 
 TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
     const merge_owner_t self = merge_owner_self();
+    const pid_t gone = process_that_is_gone();
     struct {
         const char* what;
         merge_owner_t owner;
-        bool locked, old, undone;
+        bool locked, old, undone, no_flock = false;
     } const table[] = {
+        {"at work where nothing can be locked", {::getpid(), self.boot, self.host}, false, true, false, true},
+        {"ended where nothing can be locked", {gone, self.boot, self.host}, false, false, true, true},
         {"a process that ended", {1, self.boot, self.host}, false, false, true},
         {"one at work, somewhere on this machine", {1, self.boot, "container"}, true, true, false},
         {"one in a container that is gone", {1, self.boot, "container"}, false, false, true},
@@ -147,12 +151,19 @@ TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
             SCOPED_TRACE(testing::Message() << row.what << " " << name);
             cut_off_merge merge(false);
             merge.manifest.owner = row.owner;
+            // Not even when it looks like what an interrupted sync has left.
+            const std::string temp = "2-1-" + std::to_string(static_cast<uint64_t>(gone) % 65535 << 16) + ".pre-tsidx";
+            fs::rename(merge.dir.file(merge.manifest.temp), merge.dir.file(temp));
+            fs::resize_file(merge.dir.file(temp), 100);
+            make_old(merge.dir.file(temp));
+            merge.manifest.temp = temp;
             merge.write(merge_manifest_text(merge.manifest), name);
             const unique_fd fd(::open(merge.dir.file(name).c_str(), O_RDWR | O_CLOEXEC));
             if (row.locked) {
                 ASSERT_EQ(::flock(fd.get(), LOCK_EX), 0);
             }
             if (row.old) make_old(merge.dir.file(name));
+            const fault no_flock(fault_call::flock, 1, EOPNOTSUPP, row.no_flock ? 1000 : 0);
             open_directory(merge.dir.path());
             EXPECT_EQ(fs::exists(merge.dir.file(name)), !row.undone);
             EXPECT_EQ(fs::exists(merge.dir.file(merge.manifest.temp)), !row.undone);
@@ -165,7 +176,7 @@ TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
     EXPECT_NE(log.find("WARN  a damaged merge manifest was set aside"), std::string::npos) << log;
 }
 
-// Every stretch of every tier, by brute force.
+// Every stretch of every tier, by brute force; of equally many slices the smallest.
 TEST_F(Optimize, TakesTheLongestStretchOfTheLowestTier) {
     std::mt19937 random(2);
     const char* const magics[] = {"_TSIDX9", "_TSIDX8", "_TSIDX7", "Veldar6"};
@@ -184,8 +195,8 @@ TEST_F(Optimize, TakesTheLongestStretchOfTheLowestTier) {
             const uint32_t tier = rules.tiered ? tsidx_merge_tier(slices[i].bytes) : 0;
             tiers[tier][st_warm_slice_merge_kind(&slices[i].header)].push_back(i);
         }
-        size_t best = 1;
-        std::set<std::vector<size_t>> allowed = {{}};
+        std::vector<size_t> best;
+        uint64_t best_bytes = 0;
         for (const auto& [tier, kinds] : tiers) {
             for (const auto& [kind, group] : kinds) {
                 if (rules.tiered && group.size() < rules.min_sources) continue;
@@ -194,15 +205,16 @@ TEST_F(Optimize, TakesTheLongestStretchOfTheLowestTier) {
                     for (auto i = first; i != group.end() && i - first < 64; ++i) {
                         if ((bytes += slices[*i].bytes) > rules.target_size) break;
                         const std::vector<size_t> taken(first, i + 1);
-                        if (taken.size() > best) allowed.clear();
-                        best = std::max(best, taken.size());
-                        if (best > 1 && taken.size() == best) allowed.insert(taken);
+                        if (taken.size() < std::max<size_t>(best.size(), 2)) continue;
+                        if (taken.size() == best.size() && bytes >= best_bytes) continue;
+                        best = taken;
+                        best_bytes = bytes;
                     }
                 }
             }
-            if (best > 1) break;
+            if (!best.empty()) break;
         }
-        EXPECT_TRUE(allowed.contains(tsidx_plan_merge(slices, rules)));
+        EXPECT_EQ(tsidx_plan_merge(slices, rules), best);
     }
     EXPECT_EQ(tsidx_merge_tier((4 << 20) - 1), 0u);
     EXPECT_EQ(tsidx_merge_tier(4 << 20), 1u);
@@ -227,7 +239,6 @@ std::vector<event_key> sorted_events(const std::string& path) {
 class OptimizeFaults : public Optimize {
   protected:
     void SetUp() override {
-        Optimize::SetUp();
         const directory_ptr tsidx = open_directory(original_.path());
         for (int32_t time = 1; time <= 12; time++) {
             ASSERT_EQ(put_event(tsidx.get(), event_at(time)), 0);
@@ -364,7 +375,8 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
     } const table[] = {
         {"a merge by a read, a delete and a merge",
          [&] {
-             EXPECT_TRUE((std::set<int>{0, WARM_RC_FEW_SLICES}).contains(merge()));
+             const int merged = merge();
+             EXPECT_TRUE((std::set<int>{0, WARM_RC_FEW_SLICES}).contains(merged)) << merged;
          },
          [&] {
              EXPECT_EQ(sorted_events(index), expected_);
@@ -401,6 +413,36 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
             check();
         }
     }
+    // A merge takes effect while a reader lists the slices, or a slice goes for good.
+    for (uint64_t n = 1, calls = 1; n <= calls && !HasFailure(); n++) {
+        const cut_off_merge merging(false);
+        const std::string directory = merging.dir.path();
+        const fault_step step(n, [&] {
+            merging.write(merge_manifest_text(merging.manifest));
+            fs::create_hard_link(merging.dir.file(merging.manifest.temp), merging.dir.file(merging.manifest.target));
+        });
+        tsidx_listing_t listing;
+        warm_rc_t rc;
+        EXPECT_EQ(tsidx_list(directory.c_str(), &listing, &rc), 0);
+        EXPECT_EQ(listing.size(), listing.at(0).name == merging.manifest.target ? 1u : 2u) << n;
+        calls = step.calls();
+    }
+    std::vector<event_key> left = original;
+    std::erase_if(left, [](const event_key& key) { return key.first >= 4 && key.first <= 6; });
+    for (const bool by_delete : {true, false}) {
+        for (uint64_t n = 1, calls = 1; n <= calls && !HasFailure(); n++) {
+            SCOPED_TRACE(testing::Message() << "a slice goes at " << n << " " << by_delete);
+            reset();
+            const std::string slice = files_in(index, TSIDX_PART_SUFFIX).at(0);
+            {
+                const fault_step step(n, [&] { fs::remove(slice); });
+                EXPECT_LE(by_delete ? remove() : -merge(), by_delete ? 1 : 0);
+                calls = step.calls();
+            }
+            expected_ = sorted_events(index);
+            EXPECT_TRUE(expected_ == left || (!by_delete && expected_ == original));
+        }
+    }
     // Another merge begins while this one lists the slices, and renames its manifest later.
     for (uint64_t n = 1, calls = 1; n <= calls && !HasFailure(); n++) {
         reset();
@@ -430,6 +472,43 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
         owner.reset();
         check();
     }
+}
+
+// What a killed sync leaves, a second name of its slice, goes with the slice; a source that stays is told.
+TEST_F(OptimizeFaults, SourcesThatDoNotGo) {
+    const std::string id = std::to_string(static_cast<uint64_t>(process_that_is_gone()) % 65535 << 16);
+    const auto leave_second_name = [&] {
+        const std::string slice = files_in(path(), TSIDX_SUFFIX)[0], name = fs::path(slice).filename();
+        fs::create_hard_link(slice, path() + "/" + name.substr(0, name.rfind('-') + 1) + id + TSIDX_PRE_SUFFIX);
+    };
+    leave_second_name();
+    ASSERT_EQ(optimize(), 0);
+    EXPECT_TRUE(files_in(path(), TSIDX_PRE_SUFFIX).empty());
+    leave_second_name();
+    {
+        const directory_ptr tsidx = open_directory(path());
+        std::vector<st_addr_t> all;
+        for (const event_key& key : expected_) all.push_back(key.second);
+        EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), all.data(), all.size()), 10);
+    }
+    EXPECT_EQ(names().size(), 0u);
+
+    const uint64_t unlinks = fault_calls(fault_call::unlink);
+    reset();
+    ASSERT_EQ(optimize(), 0);
+    const uint64_t count = fault_calls(fault_call::unlink) - unlinks;
+    int told = 0;
+    for (uint64_t nth = 1; nth <= count; nth++) {
+        reset();
+        const directory_ptr tsidx = open_directory(path());
+        const fault broken(fault_call::unlink, nth, EPERM);
+        const int status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+        const bool stays = !files_in(path(), TSIDX_SENTINEL_SUFFIX).empty();
+        EXPECT_TRUE(!stays || (status == WARM_RC_WRITE && st_tsidx_get_warm_errno(tsidx.get()) == EPERM)) << status;
+        told += stays ? 1 : 0;
+        EXPECT_EQ(sorted_events(path()), expected_);
+    }
+    EXPECT_EQ(told, 4) << "each of the sources";
 }
 
 TEST_F(OptimizeFaults, ResultsAndLogLines) {
@@ -488,7 +567,15 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     ASSERT_EQ(put_event(tsidx.get(), {.time = 12, .address = 90, .terms = {"a"}}), 0);
     ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
     EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 1, 2, 0, 0, nullptr, 0, 0, false), 0);
+    EXPECT_EQ(open_slices(path()), 0u) << "they would hold their disk space";
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.earliest = 12}), (std::vector<event_key>{{12, 88}, {12, 10}}));
+    EXPECT_EQ(open_slices(path()), 1u);
+    ASSERT_EQ(put_event(tsidx.get(), {.time = 12, .address = 91, .terms = {"a"}}), 0);
+    ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
+    // An optimiser does not learn what size the slices of a directory should have.
+    fs::remove(path() + "/" + TSIDX_PARAMS_NAME);
+    EXPECT_EQ(run(path(), true, 1), expected(0, 0, path(), "true", 1));
+    EXPECT_FALSE(fs::exists(path() + "/" + TSIDX_PARAMS_NAME));
 }
 
 TEST_F(Optimize, Tools) {

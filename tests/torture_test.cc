@@ -156,11 +156,9 @@ void run_workload(const std::string& index, const std::string& mini, progress_t*
 class Torture : public testing::Test {
   protected:
     void SetUp() override {
-        ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1);
         st_init("torture");
         reset();
     }
-    void TearDown() override { ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING"); }
 
     void reset() {
         dir_ = std::make_unique<temp_dir>();
@@ -218,6 +216,7 @@ class Torture : public testing::Test {
         EXPECT_EQ(files_in(index_, ".tsidx").size(), 1u);
     }
 
+    const lock_optimism optimism_;
     const no_pauses pauses_;
     const no_flushes flushes_;
     std::unique_ptr<temp_dir> dir_;

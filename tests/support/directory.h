@@ -18,6 +18,7 @@
 #include "searchthing/tsidx_read.h"
 #include "tests/support/faults.h"
 #include "tests/support/reference.h"
+#include "tests/support/temp_dir.h"
 
 namespace veldar {
 
@@ -37,13 +38,9 @@ inline directory_ptr open_for_reading(const std::string& path) {
     return open_directory(path, 0);
 }
 
-// Deletes lock, and the file system of a test machine need not be one that locks are sure on.
+// Deletes lock.
 class directory_test : public testing::Test {
-  protected:
-    void SetUp() override { ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1); }
-    void TearDown() override { ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING"); }
-
-  private:
+    const lock_optimism optimism_;
     const no_flushes flushes_;
 };
 
@@ -57,6 +54,17 @@ inline pid_t process_that_is_gone() {
 // Gives a file a time years ago.
 inline void make_old(const std::string& path) {
     std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(99999));
+}
+
+// Slices of the directory that this process has open, removed ones included.
+inline size_t open_slices(const std::string& directory) {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+        count += target.find(directory) == 0 && target.find("tsidx", directory.size()) != target.npos ? 1 : 0;
+    }
+    return count;
 }
 
 // What is logged meanwhile.

@@ -11,7 +11,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <new>
+#include <utility>
 
 namespace veldar {
 
@@ -52,6 +54,7 @@ struct {
 } step;
 
 bool flushes_skipped = false;
+std::string host_name;
 
 bool step_hits_call(fault_call call) {
     if (!step.armed || !step.hits(++step.calls) || step.action == fault_action::allocation) return false;
@@ -67,10 +70,12 @@ bool allocation_fails() {
 template <typename Result, typename Real>
 Result through(fault_call call, Result failure, Real real) {
     const bool hit = step_hits_call(call);
-    if (hit && step.action == fault_action::kill_before) ::kill(::getpid(), SIGKILL);
+    if (hit && step.action == fault_action::kill_before) ::raise(SIGKILL);
     if (hit && step.action == fault_action::interrupt) {
         const fault_truce truce;
+        const int saved_errno = errno;
         step.interruption();
+        errno = saved_errno;
     }
     if (fails(call)) return failure;
     if (hit && step.action == fault_action::fail) {
@@ -78,7 +83,7 @@ Result through(fault_call call, Result failure, Real real) {
         return failure;
     }
     const Result result = real(hit && step.action == fault_action::shorten);
-    if (hit && step.action == fault_action::kill_after) ::kill(::getpid(), SIGKILL);
+    if (hit && step.action == fault_action::kill_after) ::raise(SIGKILL);
     return result;
 }
 
@@ -151,6 +156,13 @@ no_flushes::~no_flushes() {
     flushes_skipped = false;
 }
 
+fake_host::fake_host(std::string name) {
+    host_name = std::move(name);
+}
+fake_host::~fake_host() {
+    host_name.clear();
+}
+
 no_pauses::no_pauses() {
     pauses = {.skipped = true};
 }
@@ -170,6 +182,7 @@ using veldar::maybe_half;
 using veldar::through;
 using void_ptr = void*;
 using dir_ptr = DIR*;
+using dirent_ptr = dirent*;
 
 extern "C" {
 
@@ -178,6 +191,8 @@ ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
 ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
 int __real_close(int fd);
+int __real_kill(pid_t process, int signal);
+int __real_gethostname(char* name, size_t size);
 int __real_usleep(useconds_t pause);
 void* __real__Znwm(size_t size);
 void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
@@ -230,6 +245,8 @@ WRAP(access, int, -1, access, (const char* path, int mode), path, mode)
 WRAP(map, void_ptr, MAP_FAILED, mmap, (void* at, size_t size, int protection, int flags, int fd, off_t offset), at,
      size, protection, flags, fd, offset)
 WRAP(opendir, dir_ptr, nullptr, opendir, (const char* path), path)
+WRAP(readdir, dirent_ptr, nullptr, readdir, (DIR * directory), directory)
+WRAP(ftruncate, int, -1, ftruncate, (int fd, off_t size), fd, size)
 WRAP(flock, int, -1, flock, (int fd, int operation), fd, operation)
 
 // One that no_flushes keeps from happening.
@@ -242,6 +259,17 @@ WRAP_FLUSH(fsync, fsync, (int fd), fd)
 WRAP_FLUSH(fsync, fdatasync, (int fd), fd)
 WRAP_FLUSH(msync, msync, (void* at, size_t size, int flags), at, size, flags)
 
+// No file call: fault_step leaves it alone.
+int __wrap_kill(pid_t process, int signal) {
+    return veldar::fails(fault_call::kill) ? -1 : __real_kill(process, signal);
+}
+int __wrap_gethostname(char* name, size_t size) {
+    if (veldar::host_name.empty()) return __real_gethostname(name, size);
+    std::strncpy(name, veldar::host_name.c_str(), size);
+    if (veldar::host_name.size() < size) return 0;
+    errno = ENAMETOOLONG;
+    return -1;
+}
 int __wrap_usleep(useconds_t pause) {
     if (!veldar::pauses.skipped) return __real_usleep(pause);
     veldar::pauses.microseconds += pause;

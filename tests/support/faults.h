@@ -22,8 +22,11 @@ enum class fault_call {
     map,
     msync,
     opendir,
+    readdir,
+    ftruncate,
     flock,
     access,
+    kill,
     COUNT
 };
 
@@ -88,6 +91,13 @@ class no_flushes : uncopied {
   public:
     no_flushes();
     ~no_flushes();
+};
+
+// While it lives, the host has another name.
+class fake_host : uncopied {
+  public:
+    explicit fake_host(std::string name);
+    ~fake_host();
 };
 
 // While it lives, pauses take no time and are added up.

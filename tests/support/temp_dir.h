@@ -1,6 +1,9 @@
 // A fresh directory for one test, removed with everything in it when the test ends.
 #pragma once
 
+#include <stdlib.h>
+
+#include <optional>
 #include <string>
 
 #include "libzero/resource.h"
@@ -21,6 +24,27 @@ class temp_dir {
 
   private:
     std::string path_;
+};
+
+// Sets an environment variable, and puts back what it was.
+class variable_set {
+  public:
+    variable_set(const char* name, const char* value) : name_(name) {
+        if (const char* const before = ::getenv(name); before != nullptr) before_ = before;
+        ::setenv(name, value, 1);
+    }
+    ~variable_set() { before_ ? ::setenv(name_, before_->c_str(), 1) : ::unsetenv(name_); }
+    variable_set(const variable_set&) = delete;
+    variable_set& operator=(const variable_set&) = delete;
+
+  private:
+    const char* name_;
+    std::optional<std::string> before_;
+};
+// The file system of a test machine need not be one that locks are sure on.
+class lock_optimism : variable_set {
+  public:
+    lock_optimism() : variable_set("OPTIMISTIC_ABOUT_FILE_LOCKING", "1") {}
 };
 
 std::string read_file(const std::string& path);

@@ -205,7 +205,9 @@ bool store_read_names(const std::string& path, const char* dictionary, std::vect
 // merge holds what is in slices.
 void store_remove_leftovers(const std::string& directory) {
     const std::vector<std::string> names = tool_list_directory(directory);
-    const std::vector<std::string> merging = merge_manifest_temporaries(directory);
+    std::vector<std::string> merging;
+    warm_rc_t rc;
+    if (merge_manifest_temporaries(directory, &merging, &rc) != 0) fail_io("cannot read " + directory, rc.saved_errno);
     for (const std::string& name : names) {
         if (!name.ends_with(TSIDX_PRE_SUFFIX) && !name.ends_with(".part")) continue;
         if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
