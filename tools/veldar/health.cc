@@ -52,7 +52,7 @@ int health_run(const tool_context& context, const std::string& path) {
         health_histogram_t histogram = {};
         const int number = tsidx_health_histogram(tsidx.get(), stat.get(), histogram.data());
         if (number < 0) {
-            troubles_add(&trouble, directory.path + ": its slices cannot be listed");
+            troubles_add(&trouble, directory.path + ": its slices cannot be listed", EXIT_IO);
         } else {
             put_directory(&out, directory, number, *stat, histogram);
         }

@@ -54,7 +54,9 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
         if (status == WARM_RC_FEW_SLICES || status == WARM_RC_FEW_SOURCES) continue;
         if (status != 0) {
             const warm_rc_t& rc = *st_tsidx_last_failure(tsidx.get());
-            troubles_add(&trouble, directory + ": " + merge_failure_text(status, rc.saved_errno, rc.message));
+            const bool unlisted = status == WARM_RC_OPEN || status == WARM_RC_READ;
+            troubles_add(&trouble, directory + ": " + merge_failure_text(status, rc.saved_errno, rc.message),
+                         unlisted ? EXIT_IO : EXIT_INCOMPLETE);
             continue;
         }
         output_put(&out, fmt::format("{}: {} slices, {}\n", directory, plan.sources.size(), bytes_text(plan.bytes)));
