@@ -405,6 +405,7 @@ TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
         {{"search", "a", "--format", "xml"}, "xml"},
         {{"search"}, "QUERY is required"},
         {{"serch", "a"}, "did you mean 'search'?"},
+        {{"version"}, "did you mean '--version'?"},
         {{"metrics", "lod", "a"}, "did you mean 'load'?"},
         {{"count", "a", "--unti=now"}, "did you mean '--until'?"},
         {{"search", "a", "-n", "-1"}, "'-1' is no whole number of 1 or more"},

@@ -8,6 +8,7 @@
 #include "tools/veldar/number_input.h"
 #include "tools/veldar/progress.h"
 #include "tools/veldar/store.h"
+#include "tools/veldar/text_output.h"
 #include "tools/veldar/tool_file.h"
 
 namespace veldar {
@@ -25,7 +26,7 @@ int load_run(const tool_context& context, const load_options& options) {
             if (tool_interrupted != 0) break;
             if (loader_load(&load, file, &error)) continue;
             progress_clear(&load.shown);
-            std::fprintf(stderr, "veldar: %s: %s\n", file == "-" ? "standard input" : file.c_str(), error.c_str());
+            say_trouble((file == "-" ? "standard input" : file) + ": " + error);
             incomplete = true;
         }
         loader_close(&load);

@@ -11,6 +11,7 @@
 #include "tools/veldar/command.h"
 #include "tools/veldar/query_input.h"
 #include "tools/veldar/suggestion.h"
+#include "tools/veldar/text_output.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ int main(int argc, char** argv) {
         veldar::create_crash_dump_install_from_environment("veldar");
         return run(argc, argv);
     } catch (const veldar::tool_failure& failure) {
-        std::fprintf(stderr, "veldar: %s\n", failure.message.c_str());
+        veldar::say_trouble(failure.message);
         return failure.status;
     } catch (const std::bad_alloc&) {
         std::fputs("veldar: out of memory\n", stderr);

@@ -7,6 +7,7 @@
 #include "tools/veldar/metrics.h"
 #include "tools/veldar/number_input.h"
 #include "tools/veldar/store.h"
+#include "tools/veldar/text_output.h"
 #include "tools/veldar/tool_file.h"
 
 namespace veldar {
@@ -44,7 +45,7 @@ int load_run(const tool_context& context, const std::string& directory, metric_l
             if (tool_interrupted != 0) break;
             if (metric_loader_load(&load, file, &error)) continue;
             progress_clear(&load.shown);
-            std::fprintf(stderr, "veldar: %s: %s\n", file == "-" ? "standard input" : file.c_str(), error.c_str());
+            say_trouble((file == "-" ? "standard input" : file) + ": " + error);
             incomplete = true;
         }
         metric_loader_close(&load);

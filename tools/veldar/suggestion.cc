@@ -47,7 +47,7 @@ const CLI::App& reached(const CLI::App& app) {
 }
 
 std::vector<std::string> command_names(const CLI::App& app) {
-    std::vector<std::string> names;
+    std::vector<std::string> names = {"--help", "--version"};  // as commands elsewhere
     for (const CLI::App* one : app.get_subcommands([](const CLI::App*) { return true; })) {
         names.push_back(one->get_name());
     }

@@ -104,12 +104,17 @@ void add_color_option(CLI::App* command, std::string* when) {
     command->add_option("--color", *when, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
 }
 
+void say_trouble(const std::string& message) {
+    std::string text = "veldar: ";
+    ::isatty(STDERR_FILENO) == 1 ? put_visible(&text, message) : static_cast<void>(text.append(message));
+    std::fputs(text.append("\n").c_str(), stderr);
+}
+
 void troubles_add(troubles* list, const std::string& message, exit_status_t status) {
     list->incomplete = true;
     list->status = std::max(list->status, status);
     if (list->said.size() > MESSAGES_MAX || !list->said.insert(message).second) return;
-    std::fprintf(stderr, "veldar: %s\n",
-                 list->said.size() > MESSAGES_MAX ? "further messages are left out" : message.c_str());
+    say_trouble(list->said.size() > MESSAGES_MAX ? "further messages are left out" : message);
 }
 
 exit_status_t answer_status(bool found, const troubles& list) {

@@ -46,6 +46,9 @@ size_t utf8_length(std::string_view text);
 // Adds --color.
 void add_color_option(CLI::App* command, std::string* when);
 
+// Prints "veldar: message" on standard error; on a terminal the control characters of names in it are visible.
+void say_trouble(const std::string& message);
+
 // What kept an answer from being complete. Each message is said once, on standard error.
 struct troubles {
     bool incomplete = false;
