@@ -76,14 +76,15 @@ using ds_apply_fn = int (*)(uint32_t id, const ds_dimset_t* ds, void* ctx, warm_
 struct ds_merge_info_t {
     uint32_t num_dimsets = 0;                              // merged sets
     std::vector<buffer<uint32_t>> dimset_old2new_id_maps;  // by source: old id -> new id
+    std::vector<buffer<uint32_t>> sets_of_terms;           // by source: old term id -> sets that hold it
 };
 inline constexpr uint32_t DS_MERGE_MAX_SOURCES = 64;
 // Merges the sections of `n` slices into an opened writer: every distinct set once, in order. `posting_offsets` are the
 // file offsets of the slices' posting lists; `term_maps` give, by source, old term id -> new term id, and must be
 // ascending; null stands for no maps at all: the terms stay. The writer is the caller's to close, whatever the result.
 // -37 for more than 64 sources, -36 when the sums pass 32 bits, -12 with the number of the source for one that has no
-// readable section ("_offset_dimsets"), sets out of order ("ordering violation"), or a section that its header or its
-// file contradicts, else the status of reading, translating or appending. Never throws.
+// readable section ("_offset_dimsets"), sets or terms out of order ("ordering violation"), or a section that its header
+// or its file contradicts, else the status of reading, translating or appending. Never throws.
 [[nodiscard]] int st_dimset_merge(uint32_t n, const int* fds, const st_warm_slice_body* const* bodies,
                                   const uint64_t* posting_offsets, const std::span<const uint32_t>* term_maps,
                                   ds_merge_info_t* info, ds_writer_t* writer, warm_rc_t* rc);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <functional>
 #include <new>
 
 #include "searchthing/dimset_io.h"
@@ -15,8 +16,9 @@ struct dimset_context_t {
     uint32_t source = 0;
     ds_reader_t reader;
     std::span<const uint32_t> terms;  // null data: the terms stay
-    buffer<uint32_t> words;           // the current set
-    uint32_t next_id = 0;             // of the set after the current one
+    buffer<uint32_t>* sets_of_terms = nullptr;
+    buffer<uint32_t> words;  // the current set
+    uint32_t next_id = 0;    // of the set after the current one
 
     ds_dimset_t* current() { return ds_dimset_at(words.data()); }
     bool more() const { return next_id < reader.num_dimsets; }
@@ -31,7 +33,17 @@ int name_source(warm_rc_t* rc, uint32_t source) {
 int ds_load_next(dimset_context_t* c, warm_rc_t* rc) {
     ST_TRY(ds_reader_read(&c->reader, c->next_id, c->current(), DS_MAX_DIMSET_SIZE_WORDS, rc));
     c->next_id++;
-    return c->terms.data() == nullptr ? 0 : ds_translate_term_ids(c->current(), c->terms, rc, false);
+    const auto ascends = [](std::span<const uint32_t> terms) {
+        return std::adjacent_find(terms.begin(), terms.end(), std::greater_equal<>()) == terms.end();
+    };
+    if (!ascends(ds_dimset_opt_dims(c->current())) || !ascends(ds_dimset_opt_cols(c->current()))) {
+        return _set_rc_msg(rc, WARM_RC_CORRUPT, "ordering violation");
+    }
+    if (c->terms.data() == nullptr) return 0;
+    for (const uint32_t term : ds_dimset_allfields(c->current())) {
+        if (term < c->terms.size()) (*c->sets_of_terms)[term]++;
+    }
+    return ds_translate_term_ids(c->current(), c->terms, rc, false);
 }
 
 // What is about to be allocated for a section must be in its file.
@@ -56,6 +68,8 @@ int open_context(dimset_context_t* c, int fd, const st_warm_slice_body* body, ui
     if (!info->dimset_old2new_id_maps[c->source].alloc(c->reader.num_dimsets)) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "ds_merge_info->dimset_old2new_id_maps alloc");
     }
+    c->sets_of_terms = &info->sets_of_terms[c->source];
+    if (!c->sets_of_terms->alloc(c->terms.size())) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "sets of terms");
     return 0;
 }
 
@@ -108,6 +122,7 @@ int merge(uint32_t n, const int* fds, const st_warm_slice_body* const* bodies, c
           const std::span<const uint32_t>* term_maps, ds_merge_info_t* info, ds_writer_t* writer, warm_rc_t* rc) {
     std::vector<dimset_context_t> contexts(n);
     info->dimset_old2new_id_maps.resize(n);
+    info->sets_of_terms.resize(n);
     uint64_t sets = 0;
     uint64_t words = 0;
     for (uint32_t source = 0; source < n; source++) {

@@ -18,7 +18,8 @@
 //   " _catalog::", " _dims::"    no dimension, as is a keyword without a leading blank
 //   any other leading blank      an optional dimension
 //
-// What is no dimension is found later at every event of the set that it was put with.
+// What is no dimension is found later at every event of the set that it was put with, and counted so; whole
+// transactions (hot_slice_put_metric) leave no such keywords.
 //
 // A handle is used by one thread at a time.
 #pragma once
@@ -140,7 +141,8 @@ st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<
 // Metric mode: the same, where a keyword that is a column stands for one measure.
 st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords);
 // Applies a whole metric transaction that hot_slice_check_metric_txn has accepted, `measures` being parallel to the
-// keywords; cannot fail.
+// keywords; cannot fail. Here what is no dimension joins the set as an optional dimension does, so that it is found at
+// the events that it was put with and at no other, also when slices are merged, in which equal sets become one.
 void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords,
                           std::span<const st_measure_t> measures);
 // Applies every keyword of a transaction that hot_slice_check_txn has accepted; cannot fail.

@@ -74,6 +74,7 @@ struct hot_metrics_t {
     buffer<hot_pending_t> pending;           // terms of the open transaction
     uint32_t pending_count = 0;
     bool set_lost_a_field = false;  // host, source or source type was put twice: the first is loose
+    bool has_loose = false;         // some term is loose
     bool txn_is_open = false;
     uint32_t terms_at_start = 0;  // terms before the open transaction
     buffer<hot_measure_t> dimset_measures;
@@ -189,5 +190,7 @@ st_hotput_rc_t hot_metrics_put(st_hot_slice& hot, const char* text, uint32_t len
 void hot_metrics_txn_stop(st_hot_slice& hot);
 // Metric mode's steps of preparing (hotslice_metric_prepare.cc), after the terms are sorted: orders sets and values.
 int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc);
+// After the postings are ordered: the records of loose terms tell of whole sets, as their postings do.
+void hot_metrics_count_loose(st_hot_slice& hot);
 
 }  // namespace veldar

@@ -141,6 +141,7 @@ void ds_pending_dimset_commit(st_hot_slice& hot) {
     value.address = static_cast<uint32_t>(ds_dimset_words(metrics.dimset_hash[slot]) - metrics.dimsets.data());
     for (uint32_t i = 0; i < metrics.pending_count; i++) {
         const hot_pending_t& pending = metrics.pending[i];
+        metrics.has_loose |= pending.loose || metrics.set_lost_a_field;
         if (is_new || pending.loose || metrics.set_lost_a_field) add_node(hot, pending.term);
         count_event(metrics.stats[pending.term], pending.term >= metrics.terms_at_start, value.time);
     }
@@ -160,7 +161,7 @@ txn_need_t need_of(std::span<const hot_keyword_t> keywords) {
         const hot_dimension_t dimension = hot_slice_classify({keyword.text, keyword.length});
         need.keywords++;
         need.bytes += keyword.length + 1;
-        need.words += dimension == HOT_DIM_OPTIONAL || dimension == HOT_DIM_COLUMN;
+        need.words += dimension != HOT_DIM_HOST && dimension != HOT_DIM_SOURCE && dimension != HOT_DIM_SOURCE_TYPE;
         need.measures += dimension == HOT_DIM_COLUMN;
     }
     return need;
@@ -218,6 +219,7 @@ void hot_metrics_reset(st_hot_slice& hot) {
     metrics.dimsets_committed_idx = 0;
     metrics.num_dimsets = 0;
     metrics.pending_count = 0;
+    metrics.has_loose = false;
     metrics.txn_is_open = false;
     metrics.dimset_measures_array_idx = 0;
     metrics.new_measures = 0;
@@ -285,7 +287,8 @@ void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keywo
         const uint32_t known = hot->slots[slot].term_plus_1;
         const uint32_t term = known != 0 ? known - 1 : hot_add_term(*hot, slot, text, length, hash);
         if (hot->terms[term].newest == hot->value_index) continue;
-        add_pending(*hot, term, hot_slice_classify({text, length}), measures[i]);
+        const hot_dimension_t dimension = hot_slice_classify({text, length});
+        add_pending(*hot, term, dimension == HOT_DIM_NONE ? HOT_DIM_OPTIONAL : dimension, measures[i]);
     }
     hot_metrics_txn_stop(*hot);
 }

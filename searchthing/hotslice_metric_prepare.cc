@@ -102,6 +102,34 @@ int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc) {
     return 0;
 }
 
+void hot_metrics_count_loose(st_hot_slice& hot) {
+    hot_metrics_t& metrics = hot.metrics;
+    if (!metrics.has_loose) return;
+    // Nobody needs the map of sets any more: a set has more words than its counts.
+    static_assert(sizeof(hot_term_counts_t) <= DS_MIN_WORDS * sizeof(uint32_t));
+    static_assert(alignof(hot_term_counts_t) == alignof(uint32_t));
+    auto* const sets = reinterpret_cast<hot_term_counts_t*>(metrics.dimsets_map.data());
+    std::fill_n(sets, metrics.num_dimsets, hot_term_counts_t{});
+    const uint32_t values = st_hot_slice_values(&hot);
+    for (uint32_t number = 0; number < values; number++) {
+        const st_tsval& value = *metrics.value_order[number];
+        hot_term_counts_t& set = sets[value.address];
+        if (set.count++ == 0) set.latest = value.time;
+        set.earliest = value.time;  // newest first
+    }
+    const uint32_t* posting = hot.postings.begin();
+    for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
+        hot_term_counts_t& stats = metrics.stats[hot.sort_keys[rank].index];
+        stats.count = 0;
+        for (uint32_t left = hot.term_postings[rank]; left != 0; left--) {
+            const hot_term_counts_t& set = sets[metrics.value_order[*posting++]->address];
+            stats.count += set.count;
+            stats.earliest = std::min(stats.earliest, set.earliest);
+            stats.latest = std::max(stats.latest, set.latest);
+        }
+    }
+}
+
 hot_term_counts_t hot_slice_prepared_counts(const HOT* hot, uint32_t rank) {
     ST_ASSERT(hot->is_msidx);
     return hot->metrics.stats[st_hot_slice_get_term_index(hot, rank)];

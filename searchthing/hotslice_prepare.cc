@@ -140,6 +140,7 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
         if (hot->is_msidx) ST_TRY(hot_metrics_order(*hot, rc));
         deal_postings(*hot);
         const uint32_t total = lists_ascend ? hot->list_node_index : order_postings(*hot, hot->list_node_index);
+        if (hot->is_msidx) hot_metrics_count_loose(*hot);
 
         hot->prepared = true;
         hot_prepared_t& result = hot->result;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "libzero/resource.h"
@@ -20,6 +21,7 @@ struct warm_closer {
 
 // One source. The merge sees the deleted marks of the moment in which it was opened; the mapping shows later ones.
 struct merge_source_t {
+    std::string path;
     std::unique_ptr<WARM, warm_closer> warm;  // its values reader reads `deleted`
     buffer<uint8_t> deleted;
     uint32_t num_values = 0;

@@ -64,6 +64,57 @@ void take_piece(merge_lists_t* lists, uint32_t count) {
     lists->size += count;
 }
 
+// What the metadata of a source should say of a list.
+struct list_facts_t {
+    uint64_t count = 0;
+    uint64_t runs = 0;
+    uint32_t first = 0, last = 0;  // values, in a metric slice runs
+    st_time_t earliest = INT32_MAX, latest = INT32_MIN;
+};
+
+void note_piece(const merge_lists_t& lists, const merge_source_t& source, std::span<const uint32_t> ids,
+                list_facts_t* facts) {
+    if (lists.merge->metric == nullptr) {
+        if (facts->count == 0) facts->first = ids.front();
+        facts->last = ids.back();
+        facts->count += ids.size();
+        return;
+    }
+    const size_t number = static_cast<size_t>(&source - lists.merge->sources.data());
+    const merge_metric_source_t& metric = lists.merge->metric->sources[number];
+    facts->runs += ids.size();
+    for (const uint32_t run : ids) {
+        facts->count += metric.runs[run].count;
+        facts->earliest = std::min(facts->earliest, metric.spans[run].earliest);
+        facts->latest = std::max(facts->latest, metric.spans[run].latest);
+    }
+}
+
+int check_list(const merge_lists_t& lists, merge_source_lists_t* from, uint32_t term, list_facts_t* facts,
+               warm_rc_t* rc) {
+    if (!from->metadata.opened) return 0;
+    const st_term_metadata* const record = term_meta_reader_next(&from->metadata, rc);
+    if (record == nullptr) return rc->warm_rc;
+    const bool same_count = record->count == facts->count;
+    if (same_count && facts->count == 0) return 0;
+    if (same_count && lists.merge->metric == nullptr) {
+        facts->latest = lists.merge->times[merge_new_number(*from->source, facts->first)];
+        facts->earliest = lists.merge->times[merge_new_number(*from->source, facts->last)];
+    }
+    bool same_runs = true;
+    if (lists.merge->metric != nullptr) {
+        const size_t number = static_cast<size_t>(from->source - lists.merge->sources.data());
+        const uint32_t sets = lists.merge->metric->info.sets_of_terms[number][term];
+        same_runs = sets == 0 || sets == facts->runs;  // no set holds a loose term
+    }
+    if (same_count && same_runs && static_cast<st_time_t>(record->earliest) == facts->earliest &&
+        static_cast<st_time_t>(record->latest) == facts->latest) {
+        return 0;
+    }
+    const std::string text = "a posting list differs from its metadata or dimension sets: " + from->source->path;
+    return _set_rc_verbose(rc, WARM_RC_CORRUPT, term, text.c_str());
+}
+
 // Adds the source's next list.
 int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
     const uint32_t term = from->next_term++;
@@ -72,6 +123,7 @@ int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
     if (_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc) < 0) return rc->warm_rc;
     plist_reader* const reader = type == PLO_DEDUP ? &from->shared : &from->own;
     ST_TRY(_seek_reader(reader, term, rc));
+    list_facts_t facts;
     for (uint32_t count = PIECE; count == PIECE;) {
         ST_TRY(make_room(lists, rc));
         uint32_t* const piece = lists->ids.data() + lists->size;
@@ -81,12 +133,13 @@ int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
         if (!map.empty() && piece[count - 1] >= map.size()) {
             return _set_rc_verbose(rc, WARM_RC_CORRUPT, term, "posting of a run that does not exist");
         }
+        note_piece(*lists, *from->source, {piece, count}, &facts);
         renumber(*from->source, piece, count);
         // Values that the target orders in another way than the source do not ascend any more.
         if (!from->source->order.empty()) std::sort(piece, piece + count);
         take_piece(lists, count);
     }
-    return 0;
+    return check_list(*lists, from, term, &facts, rc);
 }
 
 // Merges two ascending stretches that lie one behind another. Which of them comes next cannot be predicted, so nothing
@@ -180,6 +233,9 @@ int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
         ST_TRY(_init_reader(&from->own, warm, span, nullptr, rc));
         ST_TRY(_init_reader(&from->shared, warm, span, nullptr, rc));
         if (!from->own.buf.alloc(READ_BYTES)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "posting lists");
+        if (warm_header_meta_type(warm->body) != META_COUNT_ONLY) {
+            ST_TRY(term_meta_reader_open(&from->metadata, warm->fd.get(), nullptr, warm->body, true, nullptr, rc));
+        }
         const bool few = warm->plo_last > 0 && warm->plo_last <= merge->seams.lists_in_memory;
         if (few) ST_TRY(copy_lists(from, warm, rc));
     }

@@ -3,6 +3,9 @@
 // The merged terms come in order, and so do the terms of each source, so that a source's next list is always the one
 // behind the last. Lists are read through one reader a source; a second one serves the terms whose list is that of
 // another term, so that the first goes on reading ahead.
+//
+// What a list holds is compared with what its source's metadata and dimension sets say of it: a merge makes them anew
+// from the lists, so that damage that the source still shows would pass for sound.
 #pragma once
 
 #include <span>
@@ -10,6 +13,7 @@
 
 #include "searchthing/merge_internal.h"
 #include "searchthing/plist.h"
+#include "searchthing/term_meta.h"
 
 namespace veldar {
 
@@ -39,6 +43,7 @@ struct merge_source_lists_t {
     uint32_t next_term = 0;
     plist_reader own, shared;
     buffer<uint8_t> copy;  // of all lists, when they are few
+    term_meta_reader_t metadata;
 };
 
 struct merge_lists_t {
@@ -57,8 +62,9 @@ struct merge_lists_t {
 // Opens readers over all sources, whose values have their new numbers. -2, or what _init_reader reports.
 [[nodiscard]] int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc);
 
-// The list of the next merged term, which the sources whose bits are set in `holders` have. -2, -12 for damage or for a
-// source without such a term, or the failure of a read.
+// The list of the next merged term, which the sources whose bits are set in `holders` have. -2, -12 for damage, with
+// the path of the slice in the message when a list is not what is said of it, or for a source without such a term, or
+// the failure of a read.
 [[nodiscard]] int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, warm_rc_t* rc);
 
 }  // namespace veldar

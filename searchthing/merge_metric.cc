@@ -31,8 +31,11 @@ int merge_dimsets(warm_merge_t* merge, warm_rc_t* rc) {
         offsets.push_back(warm->postings_base);
         maps.push_back(metric->sources[i].terms.span());
     }
-    return st_dimset_merge(static_cast<uint32_t>(fds.size()), fds.data(), bodies.data(), offsets.data(), maps.data(),
-                           &metric->info, &metric->dimsets, rc);
+    const int status = st_dimset_merge(static_cast<uint32_t>(fds.size()), fds.data(), bodies.data(), offsets.data(),
+                                       maps.data(), &metric->info, &metric->dimsets, rc);
+    if (status != WARM_RC_CORRUPT || rc->detail >= merge->sources.size()) return status;
+    const std::string text = rc->message + (": " + merge->sources[rc->detail].path);
+    return _set_rc_verbose(rc, status, rc->detail, text.c_str());
 }
 
 // The runs of a source, and where they go.
@@ -41,7 +44,8 @@ int load_runs(merge_source_t* source, merge_metric_source_t* metric, std::span<c
     WARM* const warm = source->warm.get();
     const uint32_t runs = warm_slice_runs(warm);
     ST_ASSERT(new_sets.size() == runs);
-    if (!metric->runs.alloc(runs) || !source->map.alloc(runs) || !metric->values.alloc(source->num_values - runs)) {
+    if (!metric->runs.alloc(runs) || !metric->spans.alloc(runs) || !source->map.alloc(runs) ||
+        !metric->values.alloc(source->num_values - runs)) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "runs of a metric slice");
     }
     ST_TRY(tsval_reader_fetch_preambles_multiple(warm, 0, metric->runs.data(), runs, rc));

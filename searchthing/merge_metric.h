@@ -26,10 +26,16 @@ namespace veldar {
 struct warm_merge_t;
 struct merge_list_t;
 
+// The times of a run's oldest and newest value.
+struct merge_span_t {
+    st_time_t earliest, latest;
+};
+
 struct merge_metric_source_t {
-    buffer<uint32_t> terms;   // old term number -> merged term number
-    buffer<warm_run_t> runs;  // by run, in the numbering of the source
-    buffer<uint32_t> values;  // old value number - old runs -> merged value number
+    buffer<uint32_t> terms;      // old term number -> merged term number
+    buffer<warm_run_t> runs;     // by run, in the numbering of the source
+    buffer<merge_span_t> spans;  // by run, once the values are written
+    buffer<uint32_t> values;     // old value number - old runs -> merged value number
 };
 
 // A run of the target.

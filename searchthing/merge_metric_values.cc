@@ -101,12 +101,14 @@ int run_merger::begin_run(run_cursor_t* cursor) {
     cursor->number = run.first;
     cursor->end = run.first + run.count;
     ST_TRY(load(cursor));
+    metric(*cursor).spans[cursor->next_run - 1].latest = cursor->value.time;
     place(cursor);
     return 0;
 }
 
 int run_merger::put(const run_cursor_t& cursor) {
     const merge_metric_source_t& source = metric(cursor);
+    source.spans[cursor.next_run - 1].earliest = cursor.value.time;
     source.values[cursor.number - source.runs.size()] = next_value_++;
     if (run_.count++ == 0) run_.latest = cursor.value.time;
     run_.earliest = cursor.value.time;

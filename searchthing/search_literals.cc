@@ -51,7 +51,7 @@ int or_literal(conjunction_context* context, const std::string& literal, uint8_t
     const term_lookup_t* term = nullptr;
     ST_TRY(lookup_exact(context, literal, &term));
     if (!term->exists) return 0;
-    if (term->count == context->bufcap) {
+    if (term->everywhere) {
         range_bitmap_fill(bitmap, context->range);
         return 0;
     }
@@ -142,7 +142,7 @@ int intersect_as_bitmaps(conjunction_context* context, const std::vector<term_lo
 // status; *early tells that an inexact caller has few enough candidates.
 int _decompress_list_as_conjunction(conjunction_context* context, std::vector<term_lookup_t> terms, bool exact,
                                     running_match* match, bool* early) {
-    std::erase_if(terms, [&](const term_lookup_t& term) { return term.count == context->bufcap; });
+    std::erase_if(terms, [](const term_lookup_t& term) { return term.everywhere; });
     std::sort(terms.begin(), terms.end(), [](const term_lookup_t& a, const term_lookup_t& b) {
         return a.count != b.count ? a.count < b.count : a.id < b.id;
     });

@@ -63,8 +63,9 @@ void _reset_result(query_result_t* result);
 struct term_lookup_t {
     bool exists = false;
     uint32_t id = 0;
-    uint32_t count = 0;
-    st_time_t earliest = 0;
+    uint32_t count = 0;       // its list is no longer
+    bool everywhere = false;  // its list holds every number
+    st_time_t earliest = 0;   // all time in slices that do not tell, as is the latest
     st_time_t latest = 0;
 };
 

@@ -33,17 +33,10 @@ bool span_overlaps(const conjunction_context* context, st_time_t earliest, st_ti
     return latest >= context->earliest.time_s && earliest <= context->latest.time_s;
 }
 
+// Whether a term's record tells between which times all events of its list lie. In a slice with runs a list stands for
+// whole runs, and a record may tell of some of their events only: those that the term was put with.
 bool knows_times(const WARM* warm) {
-    return warm_header_meta_type(warm->body) != META_COUNT_ONLY;
-}
-
-// An upper bound of the numbers in a term's list, exact for a term that is in all of them. In a slice with runs the
-// record counts values, and a term that is missing from one value is missing from a run.
-uint32_t list_length(const conjunction_context* context, uint32_t count) {
-    const WARM* const warm = context->handle;
-    const uint32_t runs = warm_slice_runs(warm);
-    if (runs == 0) return std::min(count, context->bufcap);
-    return count >= st_warm_slice_values(warm) - runs ? runs : std::min(count, runs - 1);
+    return warm_header_meta_type(warm->body) != META_COUNT_ONLY && !warm_slice_has_runs(warm);
 }
 
 int read_term(conjunction_context* context, uint32_t id, term_lookup_t* out) {
@@ -51,8 +44,11 @@ int read_term(conjunction_context* context, uint32_t id, term_lookup_t* out) {
     ST_TRY(warm_slice_term_metadata(context->handle, id, context->info, &record, &context->rc));
     out->exists = true;
     out->id = id;
-    out->count = list_length(context, record.count);
-    const bool known = knows_times(context->handle);
+    // A run in the list has an event that the record counts.
+    out->count = std::min(record.count, context->bufcap);
+    const WARM* const warm = context->handle;
+    out->everywhere = record.count >= st_warm_slice_values(warm) - warm_slice_runs(warm);
+    const bool known = knows_times(warm);
     out->earliest = known ? static_cast<st_time_t>(record.earliest) : INT_MIN;
     out->latest = known ? static_cast<st_time_t>(record.latest) : INT_MAX;
     return 0;
@@ -102,7 +98,7 @@ int gather_term(int32_t id, const char* term, size_t, void* raw) {
                                                                         context->neq_matches_missing);
     if (!selected || (walk->skip_fields && std::strstr(term, "::") != nullptr)) return 0;
     const auto term_id = static_cast<uint32_t>(id);
-    if (!context->covers_slice) {
+    if (!context->covers_slice && knows_times(context->handle)) {
         term_lookup_t record;
         walk->status = read_term(context, term_id, &record);
         if (walk->status != 0) return -1;

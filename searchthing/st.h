@@ -63,7 +63,9 @@ int st_close(THING* thing);
 // where the raw event lies: two events with one address end up in different slices, at a cost. Outside metric
 // directories `subsecond` is kept in memory only, and the value's measure, an integer of 31 bits, is `seek_address`.
 // Metric directories keep the milliseconds of `subsecond` (tsval_encode_milliseconds) when the write options ask for
-// them; st_txn_put_measure puts the name of a metric, " metric_name::cpu.load", with what was measured.
+// them; st_txn_put_measure puts the name of a metric, " metric_name::cpu.load", with what was measured. Keywords
+// without a leading blank are found there as well, at exactly the events that they were put with; each combination of
+// keywords is a set of its own, so that one that differs from event to event makes a set an event.
 int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
                  st_host_t host);
 int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsecond_t subsecond, st_addr_t address,

@@ -118,7 +118,8 @@ int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn
 //
 // Metric directories: the keywords are the event's dimension set (hotslice.h), the address is not kept, an all-ones
 // source counts as 0. -37 for an event without a measure or with two hosts, sources or source types. A keyword that is
-// no dimension is found at every event of the slice with the same set.
+// no dimension by its beginning is kept in the set as one: it is found at exactly the events that it was put with, and
+// told among their dimensions.
 int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn);
 
 }  // namespace veldar

@@ -24,7 +24,7 @@ struct st_metric_event_t {
     st_time_t time;
     uint32_t nanoseconds;  // whole milliseconds; 0 in directories that keep seconds
     uint64_t set;          // of its dimensions and metrics: equal numbers are equal sets, within one slice of the walk
-    std::span<const std::string_view> dimensions;   // terms without their leading blank, "host::web01", ascending
+    std::span<const std::string_view> dimensions;   // terms, "host::web01" for " host::web01", in their order
     std::span<const st_metric_measure_t> measures;  // ascending by name, at least one
 };
 using tsidx_metric_event_fn = int (*)(const st_metric_event_t* event, void* context);

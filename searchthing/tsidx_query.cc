@@ -286,7 +286,7 @@ int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t l
 int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity) {
     st_query_spec query;
     query.earliest = {earliest, 0};
-    query.latest = {latest, 0};
+    query.latest = {latest, 999999999};
     query.lispy = ALL_EVENTS;
     return st_tsidx_query(tsidx, &query, answers, capacity, 1);
 }

@@ -233,7 +233,7 @@ tsval_encoding_t tsval_encoding(const st_warm_slice_body* header) {
 }
 
 bool tsval_counts_agree(const st_warm_slice_body* header) {
-    return !is_rev1_with_preambles(header) || header->num_dimsets.get() <= header->num_values.get();
+    return tsval_encoding(header) != TSVAL_WITH_PREAMBLES || header->num_dimsets.get() <= header->num_values.get();
 }
 
 int tsval_reader_open_partial(tsval_reader_t* reader, int fd, const st_warm_slice_body* header, uint64_t cache_bytes,

@@ -109,6 +109,7 @@ int check_totals(warm_merge_t* merge, warm_rc_t* rc) {
 }
 
 int open_source(const char* path, merge_source_t* source, warm_rc_t* rc) {
+    source->path = path;
     source->warm.reset(st_warm_slice_open_rdonly(path, rc));
     if (source->warm == nullptr) return rc->warm_rc;
     WARM* const warm = source->warm.get();

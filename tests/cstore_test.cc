@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <xxhash.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cfloat>
@@ -13,7 +15,9 @@
 #include <random>
 #include <set>
 
+#include "libzero/endian.h"
 #include "libzero/resource.h"
+#include "searchthing/cset_internal.h"
 #include "searchthing/timed_read.h"
 #include "searchthing/warmslice.h"
 #include "tests/support/damage.h"
@@ -219,6 +223,85 @@ TEST(Cstore, NoDamageGetsPast) {
     for (const int64_t ref : {int64_t{-1}, int64_t{0}, int64_t{16}, s.ref - 8, s.ref + 1, s.ref + 8, INT64_MAX}) {
         EXPECT_EQ(read_all(s.fd.get(), ref), WARM_RC_CORRUPT) << ref;
     }
+}
+
+// Bits flipped under a checksum that fits them: nothing beside the elements is touched.
+TEST(Cstore, DamagedBlocksWriteNoFurtherThanTheirElements) {
+    std::mt19937_64 random(6);
+    std::set<int> codecs;
+    for (int kind = 0; kind < 10; kind++) {
+        double values[20], decoded[84];
+        for (uint32_t i = 0; i < 20; i++) values[i] = element_of(kind, i, &random);
+        cset_block_t block = {};
+        std::string data(CSET_BLOCK_MAX_SIZE, '\0');
+        auto* const bytes = reinterpret_cast<uint8_t*>(data.data());
+        const uint64_t size = cset_block_encode(values, &block, bytes);
+        for (uint64_t bit = 0; bit < 8 * (size - 8); bit++) {
+            bytes[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+            store_le64(bytes + size - 8, XXH32(bytes, size - 8, 0));
+            std::fill_n(decoded, std::size(decoded), 3.0);
+            static_cast<void>(cset_block_decode(&block, {bytes, size}, decoded));
+            ASSERT_EQ(std::count(decoded + 20, std::end(decoded), 3.0), 64) << kind << " bit " << bit;
+            bytes[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+        }
+        codecs.insert(block.codec * 2 + (block.residual_bits > 0));
+    }
+    EXPECT_GE(codecs.size(), 5u);
+}
+
+// Heads and tables likewise: what still opens has elements in the order of values, each in a block.
+TEST(Cstore, DamagedTablesAreRefusedOrSound) {
+    columns all;
+    for (uint32_t i = 0; i < 600; i++) all[i % 2][4 + i + i / 90] = i;
+    all[2][7] = 1;
+    const section s = build(all, 700, 4, [](uint32_t) { return false; });
+    std::string whole(static_cast<size_t>(s.ref) + 200, '\0');
+    ASSERT_GT(st_pread(s.fd.get(), whole.data(), whole.size(), 0), s.ref);
+    cs_reader_t store;
+    warm_rc_t rc;
+    ASSERT_EQ(cs_reader_open(&store, s.fd.get(), SECTION, s.ref, &rc), 0);
+    uint32_t refused = 0, opened = 0;
+    for (const auto& [measure, elements] : all) {
+        uint64_t offset = 0, extent = 0;
+        ASSERT_EQ(cs_reader_extent(&store, measure, &offset, &extent, &rc), 0);
+        cset_head_t good, head;
+        std::memcpy(&good, whole.data() + offset, sizeof good);
+        const uint64_t tables =
+            sizeof head - 4 +
+            (cset_packed_words(good.runs, good.value_nbits) + cset_packed_words(good.runs, good.ordinal_nbits)) * 8 +
+            good.blocks * sizeof(cset_block_t);
+        for (uint64_t bit = 8 * 8; bit < 8 * (tables + 4); bit++) {
+            std::string bad = whole;
+            bad[offset + bit / 8] = static_cast<char>(bad[offset + bit / 8] ^ 1 << bit % 8);
+            std::memcpy(&head, bad.data() + offset, sizeof head);
+            const uint64_t size =
+                (cset_packed_words(head.runs, head.value_nbits) + cset_packed_words(head.runs, head.ordinal_nbits)) *
+                    8 +
+                uint64_t{head.blocks} * sizeof(cset_block_t);
+            if (size > extent) continue;
+            head.checksum =
+                cset_head_checksum(&head, reinterpret_cast<const uint8_t*>(bad.data()) + offset + sizeof head, size);
+            std::memcpy(bad.data() + offset, &head, sizeof head);
+            const unique_fd fd(::memfd_create("damaged", MFD_CLOEXEC));
+            ASSERT_EQ(st_pwrite(fd.get(), bad.data(), bad.size(), 0), static_cast<int64_t>(bad.size()));
+            store.fd = fd.get();
+            cset_reader_t set;
+            const int status = cset_reader_open(&set, &store, measure, nullptr, &rc);
+            (status == 0 ? opened : refused)++;
+            if (status != 0) continue;
+            uint32_t next = 4, count = 0, in_blocks = 0, value_no = 0;
+            for (const cset_block_t& block : set.blocks) in_blocks += block.count;
+            ASSERT_EQ(in_blocks, set.elements) << bit;
+            for (double v = 0; cset_reader_next(&set, &value_no, &v, &rc) == 0 && value_no != CSET_END; count++) {
+                ASSERT_TRUE(value_no >= next && value_no < 700) << bit;
+                next = value_no + 1;
+            }
+            cset_reader_close(&set);
+        }
+        store.fd = s.fd.get();
+    }
+    cs_reader_close(&store);
+    EXPECT_TRUE(refused > 500 && opened > 500) << refused << " " << opened;
 }
 
 // Builds a section of two measures and reads all of it; the first failure, with the record's code checked against it.

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "searchthing/dimset_io.h"
+#include "tests/support/faults.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -40,7 +41,8 @@ words_t random_set(std::mt19937_64& random, uint32_t terms) {
     return words;
 }
 
-std::string section_of(const model& sets) {
+template <typename Sets>
+std::string section_of(const Sets& sets) {
     uint32_t total = 0;
     std::vector<const ds_dimset_t*> pointers;
     for (const words_t& words : sets) total += static_cast<uint32_t>(words.size());
@@ -163,6 +165,45 @@ TEST(Dimset, SectionsAndTheirMerge) {
     }
 }
 
+// A walk of chosen sets, and one that a failed read interrupts: what it had read ahead may be overwritten.
+TEST(Dimset, WalksOfSomeSets) {
+    std::mt19937_64 random(9);
+    model sets;
+    while (sets.size() < 3000) sets.insert(random_set(random, 40));
+    const section_file file(section_of(sets), 3000);
+    const std::vector<words_t> all(sets.begin(), sets.end());
+    warm_rc_t rc;
+    ds_reader_t reader;
+    ASSERT_EQ(ds_reader_open(&reader, file.fd.get(), file.at, &rc), 0);
+    bitmap_and_bounds_t filter;
+    filter.begin = 100;
+    filter.end = 2900;
+    ASSERT_TRUE(filter.bm.alloc(_calc_bitmap_size(filter.begin, filter.end)));
+    for (size_t i = 0; i < 350; i++) filter.bm[i] = 0x81;
+    std::set<uint32_t> expected, visited;
+    for (uint32_t bit = 0; bit < 2800; bit++) {
+        if (const uint32_t set = 2999 - (100 + bit); set >= 500 && (bit % 8 == 0 || bit % 8 == 7)) expected.insert(set);
+    }
+    const auto visit = [](uint32_t id, const ds_dimset_t*, void* ctx, warm_rc_t*) {
+        return static_cast<std::set<uint32_t>*>(ctx)->insert(id).second ? 0 : 1;
+    };
+    EXPECT_EQ(ds_reader_apply_within_dimset_chunk(&reader, 500, 3000, &filter, DS_VERIFY_V3, visit, &visited, &rc), 0);
+    EXPECT_EQ(visited, expected);
+    ds_reader_close(&reader);
+
+    ASSERT_EQ(ds_reader_open(&reader, file.fd.get(), file.at, &rc), 0);
+    words_t words(64);
+    const auto read = [&](uint32_t id) { return ds_reader_read(&reader, id, ds_dimset_at(words.data()), 64, &rc); };
+    for (const uint32_t id : {2500u, 2501u, 2499u}) EXPECT_EQ(read(id), 0) << "2501 and on are read ahead";
+    {
+        const fault_step half(fault_action::shorten, 1);
+        EXPECT_EQ(read(2500), WARM_RC_SHORT_READ);
+    }
+    EXPECT_EQ(read(2501), 0);
+    EXPECT_TRUE(std::equal(all[2501].begin(), all[2501].end(), words.begin()));
+    ds_reader_close(&reader);
+}
+
 // Every word of a section set to what can be read wrong, and every length cut: a status or the same sets.
 TEST(Dimset, DamageEndsInAStatus) {
     std::mt19937_64 random(7);
@@ -172,14 +213,7 @@ TEST(Dimset, DamageEndsInAStatus) {
     const std::set<int> allowed = {
         0, WARM_RC_CORRUPT, WARM_RC_CAPACITY, WARM_RC_BAD_MAGIC, WARM_RC_SHORT_READ, WARM_RC_END_OF_FILE};
     std::map<int, int> seen;
-    const auto look = [&](const std::string& section) {
-        const section_file file(section, 5);
-        for (const ds_verify_t verify : {DS_VERIFY_NONE, DS_VERIFY_V2, DS_VERIFY_V3}) {
-            std::vector<words_t> read;
-            const int status = file.read(verify, &read);
-            EXPECT_TRUE(allowed.contains(status)) << status;
-            seen[status]++;
-        }
+    const auto merge_alone = [](const section_file& file) {
         ds_merge_info_t info;
         ds_writer_t writer;
         warm_rc_t rc;
@@ -188,9 +222,28 @@ TEST(Dimset, DamageEndsInAStatus) {
         const uint64_t offset = file.at - 8;
         const words_t map = {0, 1, 2, 3, 4, 5, 6, 7, 8};
         const std::span<const uint32_t> maps[] = {map};
-        const int status = st_dimset_merge(1, &fd, &header, &offset, maps, &info, &writer, &rc);
+        return st_dimset_merge(1, &fd, &header, &offset, maps, &info, &writer, &rc);
+    };
+    const auto look = [&](const std::string& section) {
+        const section_file file(section, 5);
+        for (const ds_verify_t verify : {DS_VERIFY_NONE, DS_VERIFY_V2, DS_VERIFY_V3}) {
+            std::vector<words_t> read;
+            const int status = file.read(verify, &read);
+            EXPECT_TRUE(allowed.contains(status)) << status;
+            seen[status]++;
+        }
+        const int status = merge_alone(file);
         EXPECT_TRUE(allowed.contains(status)) << status;
     };
+    // Sets that come twice, or the wrong way round.
+    for (const std::vector<words_t>& wrong :
+         {std::vector<words_t>{*sets.begin(), *sets.begin()}, std::vector<words_t>{*sets.rbegin(), *sets.begin()}}) {
+        const section_file file(section_of(wrong), 2);
+        std::vector<words_t> read;
+        EXPECT_EQ(file.read(DS_VERIFY_V3, &read), WARM_RC_CORRUPT);
+        EXPECT_EQ(read.size(), 1u);
+        EXPECT_EQ(merge_alone(file), wrong[0] == wrong[1] ? 0 : WARM_RC_CORRUPT);
+    }
     for (size_t at = 0; at < good.size(); at += 4) {
         look(good.substr(0, at + at % 3));
         for (const uint32_t value : {0u, 1u, 5u, 6u, 8193u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {

@@ -224,6 +224,13 @@ TEST(FclexIo, DamageEndsInAStatus) {
     });
     testing::internal::GetCapturedStderr();
     EXPECT_GE(seen.size(), 5U);
+    std::string huge = created({"a", "b"}, 8);  // one block of five bytes and a thousand terms
+    store_be32(huge.data(), 1000);
+    store_be32(huge.data() + 4, 1000);
+    sources_t sources;
+    sources.add(huge);
+    EXPECT_EQ(sources.merge(3, 16), WARM_RC_CORRUPT);
+    EXPECT_STREQ(sources.rc.message, "lexicon longer than its file in st_fclex_merge_n");
 }
 
 TEST(FclexIo, EveryFailedCallIsReported) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 
+#include "searchthing/tsval.h"
 #include "searchthing/warmslice_header.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
@@ -101,6 +102,10 @@ TEST(Header, WidthsAndSizesOfDegenerateRanges) {
     h.wflags.set(WARM_FLAG_PREAMBLES);
     h.num_dimsets.set(1);
     EXPECT_EQ(warm_header_tsval_encoded_array_size(&h), (0x04000000ull + 1) * 8);
+    h.num_dimsets.set(0x08000002);
+    EXPECT_FALSE(tsval_counts_agree(&h));
+    warm_header_set_flag(&h, WARM_FLAG_VALUES_PACKED, true);
+    EXPECT_TRUE(tsval_counts_agree(&h)) << "packed values have no preambles";
     warm_rc_t rc;
     EXPECT_EQ(_compressed_size(9, 1, &rc), 2u);
     EXPECT_EQ(_compressed_size(0xFFFFFFFF, 9, &rc), ~uint64_t{0});

@@ -334,8 +334,21 @@ TEST_F(MergeTest, RefusalsNameTheirReason) {
         EXPECT_EQ(rc.warm_rc, c.status) << rc.message;
         EXPECT_STREQ(c.message == nullptr ? nullptr : rc.message, c.message);
     }
-    // What is in the way stays there.
     warm_rc_t rc;
+    for (const uint32_t level : {2u, 4u}) {  // headers that end before the values do
+        std::vector<test_source> early = {source(level == 2 ? "_TSIDX7" : "_TSIDX9"),
+                                          source(level == 2 ? "_TSIDX7" : "_TSIDX9")};
+        for (const test_source& one : early) {
+            std::string bytes = read_file(one.path);
+            store_be32(bytes.data() + 64, load_be32(bytes.data() + 64) - 1);
+            write_file(one.path, bytes);
+        }
+        const merge_ptr merge = open_merge(early, options_of(level, 0), &rc);
+        EXPECT_EQ(st_warm_slice_merge_write(merge.get(), dir.file("early").c_str(), false, &rc),
+                  level == 2 ? WARM_RC_TIME_MISMATCH : WARM_RC_INVALID_ARGUMENT)
+            << rc.message;
+    }
+    // What is in the way stays there.
     const merge_ptr merge = open_merge({rev1, source("_TSIDX8")}, options_of(4), &rc);
     EXPECT_EQ(st_warm_slice_merge_write(merge.get(), rev1.path.c_str(), false, &rc), WARM_RC_OPEN);
     expect_events(read_slice(rev1.path), united(events));
@@ -425,6 +438,8 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         const int status = attempt(&rc);
         EXPECT_EQ(std::filesystem::exists(target), status == 0) << what;
         refused += status != 0;
+        const std::string source = status == 0 ? fsck_findings(sources[0].path) : "";
+        EXPECT_FALSE(fsck_blames_lists(source)) << "made good by the merge: " << what << source;
         // A damaged byte in a term's text is another text: it goes along, a NUL too.
         const std::string findings = status == 0 ? fsck_findings(target) : "";
         EXPECT_TRUE(findings.empty() || findings.find("term with a NUL") != std::string::npos) << what << findings;

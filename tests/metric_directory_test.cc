@@ -70,7 +70,9 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
             query.latest.time_ns = 999999999;  // the bounds of the reference are whole seconds
             std::vector<metric_event> expected, found;
             const std::vector<uint32_t> numbers = reference.search(tree, bounds);
-            for (const uint32_t number : numbers) expected.push_back(directory.events[reference.values()[number].s]);
+            for (const uint32_t number : numbers) {
+                expected.push_back(as_told(directory.events[reference.values()[number].s]));
+            }
 
             ASSERT_EQ(st_apply_metric_events(thing, i == 0 ? nullptr : &query, tell_metric_event, &found),
                       static_cast<int64_t>(expected.size()))
@@ -98,8 +100,12 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
             ASSERT_EQ(st_event_count(thing, bounds.cumspan == 0 ? &query : nullptr, &count), 0);
             ASSERT_EQ(count, bounds.cumspan == 0 ? numbers.size() : total) << text;
         }
+        std::vector<st_tsval> answers(total);
+        reference_bounds until;
+        until.latest = reference.values()[maker.below(total)].time;
+        ASSERT_EQ(st_all_events(thing, INT32_MIN, until.latest, answers.data(), total),
+                  static_cast<int>(reference.search(reference_query::group_and({}), until).size()));
         for (const auto& [term, record] : reference.terms()) {
-            std::vector<st_tsval> answers(total);
             ASSERT_EQ(st_get(thing, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), total),
                       static_cast<int>(record.count()));
             ASSERT_EQ(answers[0].time, record.latest);
@@ -149,6 +155,10 @@ TEST_F(MetricDirectory, DamageIsAStatus) {
             damaged.size() == bytes.size() &&
             std::equal(damaged.begin(), damaged.begin() + static_cast<int64_t>(picture.cstore), bytes.begin());
         ASSERT_TRUE(status < 0 || !store_alone || found == whole) << what;
+        const auto first =
+            static_cast<size_t>(std::mismatch(damaged.begin(), damaged.end(), bytes.begin()).first - damaged.begin());
+        const bool in_a_preamble = first >= picture.at.values && first < picture.at.values + 8 * picture.runs.size();
+        ASSERT_TRUE(status < 0 || !in_a_preamble) << what;
         uint64_t size = 0;
         static_cast<void>(st_tsidx_measure_size(tsidx.get(), &size));
     });

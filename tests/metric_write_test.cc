@@ -7,13 +7,19 @@
 
 #include "searchthing/hotslice.h"
 #include "searchthing/warmslice.h"
+#include "searchthing/warmslice_create.h"
 #include "searchthing/warmslice_merge.h"
+#include "searchthing/warmslice_meta.h"
+#include "searchthing/warmslice_search.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/faults.h"
+#include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/metric_events.h"
+#include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/warm_ptr.h"
 
 namespace veldar {
 namespace {
@@ -113,11 +119,19 @@ TEST(MetricWrite, MergesKeepEveryEvent) {
     }
 }
 
-TEST(MetricWrite, DamageEndsAMergeWithAStatus) {
+class MetricMergeDamage : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(MetricWrite, MetricMergeDamage, testing::Bool());
+
+// Of many events, and of two sets that a changed word makes one.
+TEST_P(MetricMergeDamage, EndsWithAStatus) {
     const temp_dir dir;
     TSIDX* const tsidx = open_metrics(dir.path(), true);
-    const std::vector<metric_event> events = random_metric_events(3, 60);
+    std::vector<metric_event> events = random_metric_events(3, GetParam() ? 60 : 32);
     for (size_t i = 0; i < events.size(); i++) {
+        if (!GetParam()) {
+            events[i].dimensions = {i % 2 == 0 ? " host::a" : " host::b"};
+            events[i].measures = {{"m", 1}};
+        }
         ASSERT_EQ(put_metric_event(tsidx, events[i], i), 0);
         if (i == 30) {
             ASSERT_EQ(st_tsidx_sync(tsidx), 0);
@@ -134,6 +148,8 @@ TEST(MetricWrite, DamageEndsAMergeWithAStatus) {
         warm_rc_t rc;
         const std::string merged = merge_slices(paths, dir.path(), &rc);
         failed += merged.empty();
+        const std::string findings = merged.empty() ? "" : fsck_findings(paths[0]);
+        EXPECT_FALSE(fsck_blames_lists(findings)) << "made good by the merge: " << findings;
         EXPECT_EQ(merged.empty(), rc.warm_rc < 0);
         if (!merged.empty()) std::filesystem::remove(merged);
     });
@@ -251,6 +267,71 @@ TEST(MetricHotSlice, Transactions) {
     EXPECT_EQ(put(" metric_name::n"), 0);
     EXPECT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
     EXPECT_EQ(st_hot_slice_txn_start(hot.get(), &txn), HOT_PUT_RC_DIMSETS_FULL);
+
+    // Whole transactions: three measures and no more; and a set that grows to its largest size and no further.
+    const hot_ptr large(st_hot_slice_create(1 << 20, 16384, 16384, 8, 9000, 20000, 3, true, true, nullptr, &rc));
+    const auto keyword = [](const std::string& text) {
+        return hot_keyword_t{text.data(), static_cast<uint32_t>(text.size()), hot_slice_hash(text.data(), text.size())};
+    };
+    const std::string names[] = {" metric_name::a", " metric_name::b", " metric_name::c", " metric_name::d"};
+    const std::vector<hot_keyword_t> four = {keyword(names[0]), keyword(names[1]), keyword(names[2]),
+                                             keyword(names[3])};
+    const std::span<const hot_keyword_t> three = std::span(four).first(3);
+    EXPECT_EQ(hot_slice_check_metric_txn(large.get(), four), HOT_PUT_RC_MEASURES_FULL);
+    EXPECT_EQ(hot_slice_check_metric_txn(large.get(), three), 0);
+    hot_slice_put_metric(large.get(), &txn, three.first(2), std::vector<st_measure_t>{1, 2});
+    EXPECT_EQ(hot_slice_check_metric_txn(large.get(), three.first(2)), HOT_PUT_RC_MEASURES_FULL);
+    EXPECT_EQ(hot_slice_check_metric_txn(large.get(), three.first(1)), 0);
+    ASSERT_EQ(st_hot_slice_txn_start(large.get(), &txn), 0);
+    uint32_t dimensions = 0;
+    for (int status = 0; status == 0; dimensions += status == 0) {
+        const std::string term = " d::" + std::to_string(dimensions);
+        status = st_hot_slice_put_txn(large.get(), term.data(), term.size(), &txn);
+        EXPECT_TRUE(status == 0 || status == HOT_PUT_RC_TXN_TOO_LARGE) << status;
+    }
+    EXPECT_EQ(dimensions, DS_MAX_DIMSET_SIZE_WORDS - DS_MIN_WORDS);
+    EXPECT_EQ(st_hot_slice_txn_stop(large.get()), 0);
+}
+
+// Keywords of a set's events that are not in the set: lists, records and answers are those of whole sets.
+TEST(MetricHotSlice, LooseTermsStandForWholeSets) {
+    warm_rc_t rc;
+    const hot_ptr hot(st_hot_slice_create(4096, 257, 64, 16, 8, 256, 16, true, true, nullptr, &rc));
+    const std::vector<std::pair<int32_t, std::vector<std::string>>> events = {
+        {100, {" host::a", "foo"}},        {101, {" host::a"}},        {104, {" host::a", "foo"}},
+        {102, {" host::b", "foo", "bar"}}, {300, {" host::a", "bar"}}, {400, {" host::c", "bar"}}};
+    for (const auto& [time, terms] : events) {
+        const st_txn txn{.time = time, .measure = 1};
+        ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), 0);
+        for (const std::string& term : terms)
+            EXPECT_EQ(st_hot_slice_put_txn(hot.get(), &term[0], term.size(), &txn), 0);
+        EXPECT_EQ(st_hot_slice_put_txn(hot.get(), " metric_name::m", 15, &txn), 0);
+        ASSERT_EQ(st_hot_slice_txn_stop(hot.get()), 0);
+    }
+    const temp_dir dir;
+    ospath_buf path;
+    TSWRITEOPTS opts;
+    st_tsidx_write_opts_init_write_level(&opts, 4);
+    warm_ptr warm(st_warm_slice_create(hot.get(), &path, dir.path().c_str(), ".tsidx", &opts, &rc));
+    ASSERT_NE(warm, nullptr) << rc.message;
+    warm.reset(st_warm_slice_open_rdonly(path.val, &rc));
+    EXPECT_EQ(fsck_findings(path.val), "");
+    for (uint32_t term = 0; term < st_warm_slice_terms(warm.get()); term++) {
+        st_term_metadata stored = {}, computed = {};
+        EXPECT_EQ(warm_slice_term_metadata(warm.get(), term, nullptr, &stored, &rc), 0);
+        EXPECT_EQ(warm_slice_recomputed_metadata(warm.get(), term, nullptr, &computed, &rc), 0);
+        EXPECT_EQ(std::memcmp(&stored, &computed, sizeof stored), 0) << term;
+    }
+    const auto count = [&](const char* text, int32_t earliest, int32_t latest) {
+        st_query_spec query = make_query(text, {.earliest = earliest, .latest = latest});
+        uint64_t found = 0;
+        EXPECT_EQ(warm_slice_count(warm.get(), &query, &found, nullptr, &rc), 0) << text << rc.message;
+        return found;
+    };
+    for (const char* text : {"[AND foo]", "[AND fo*]", "[AND foo bar]", "[AND [OR foo] [OR bar]]"}) {
+        EXPECT_EQ(count(text, 0, 999), 5u) << text;
+        EXPECT_EQ(count(text, 250, 350), 1u) << text;
+    }
 }
 
 }  // namespace

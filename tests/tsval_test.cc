@@ -166,7 +166,7 @@ TEST(Tsval, CompanionsOfEveryWidth) {
     warm_rc_t rc;
     for (const uint32_t nbits : {0u, 1u, 3u, 8u, 17u, 31u, 32u, 33u, 63u, 1000u}) {
         SCOPED_TRACE(nbits);
-        std::vector<uint8_t> bytes((20 * nbits + 7) / 8 + 1);
+        std::vector<uint8_t> bytes((20 * nbits + 7) / 8 + 1, nbits == 32 ? 0xFF : 0);
         bytes.pop_back();
         const uint32_t mask = nbits >= 32 ? 0 : (1u << nbits) - 1;
         for (uint32_t id = 0; id < 20 && nbits < 32; id++) {
@@ -193,6 +193,14 @@ TEST(Tsval, CompanionsOfEveryWidth) {
         EXPECT_TRUE(value.s == 0 && value.h == 0 && value.st == UINT32_MAX && value.measure == 0);
     }
     tsval_reader_t reader;
+    // The bits of so many packed values wrap, and the section holds but two of them.
+    st_warm_slice_body wrapped = make_header("_TSIDX9", WARM_FLAG_VALUES_PACKED, 0x08000001);
+    wrapped.latest.set(0xFFFFFFFF);
+    ASSERT_EQ(tsval_reader_open_partial(&reader, -1, &wrapped, 0, nullptr, values, &rc), 0);
+    for (const uint32_t id : {2u, 0x08000000u}) {
+        st_tsval value;
+        EXPECT_EQ(tsval_reader_decode(&reader, id, &value, true, 0, &rc), WARM_RC_CAPACITY);
+    }
     ASSERT_EQ(tsval_reader_open_partial(&reader, -1, &header, 0, nullptr, values, &rc), 0);
     const uint8_t deleted[] = {0x02, 0, 0};
     st_tsval value;

@@ -44,7 +44,7 @@ set_key set_of(const metric_event& event, const std::map<std::string, uint32_t>&
     key.dimensions = {NONE, NONE, NONE};
     for (const std::string& term : event.dimensions) {
         const uint32_t id = ids.at(term);
-        check(begins(term, " ") && !begins(term, " metric_name::"), "not a dimension: " + term);
+        check(!begins(term, " metric_name::"), "not a dimension: " + term);
         if (begins(term, " host::")) {
             key.dimensions[0] = id;
         } else if (begins(term, " source::")) {

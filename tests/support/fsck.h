@@ -1,6 +1,7 @@
 // The checker of slices, as the tests of what writes slices ask it.
 #pragma once
 
+#include <sstream>
 #include <string>
 
 #include "tools/veldar/fsck_slice.h"
@@ -20,6 +21,20 @@ inline std::string fsck_findings(const std::string& path) {
     slice_image image;
     std::string error;
     return slice_image_open(path, &image, &error) == IMAGE_OPEN ? fsck_findings(image) : "does not open: " + error;
+}
+
+// Whether findings are about lists, records or dimension sets: not about texts, which make a term another one, or bytes
+// that hold nothing. That no set has a term any more is what keywords beside the sets look like.
+inline bool fsck_blames_lists(const std::string& findings) {
+    std::istringstream lines(findings);
+    for (std::string line; std::getline(lines, line);) {
+        const bool place = line.starts_with("lists") || line.starts_with("metadata") || line.starts_with("dimension");
+        const bool other = line.find("with a NUL") != line.npos || line.find("does not belong") != line.npos ||
+                           line.find("not zero") != line.npos || line.find("sets 0") != line.npos ||
+                           line.find("its runs have 0") != line.npos;
+        if (place && !other) return true;
+    }
+    return false;
 }
 
 }  // namespace veldar

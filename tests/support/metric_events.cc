@@ -74,6 +74,9 @@ std::vector<metric_event> random_metric_events(uint64_t seed, size_t count) {
         if (shape() % 2 != 0) event.dimensions.insert(" sourcetype::t" + std::to_string(shape() % 2));
         for (uint64_t n = shape() % 6; n != 0; n--)
             event.dimensions.insert(" d" + std::to_string(shape() % 4) + "::" + std::to_string(shape() % 9));
+        for (const char* keyword : {"foo", "food", "host::web1", " _dims::d0"}) {
+            if (random() % 8 == 0) event.dimensions.insert(keyword);
+        }
         for (uint64_t n = shape() % 4 + 1; n != 0; n--) {
             event.measures["m" + std::to_string(shape() % 7)] = std::bit_cast<uint64_t>(random_measure(random));
         }
@@ -108,7 +111,7 @@ int put_metric_event(TSIDX* tsidx, const metric_event& event, uint64_t seed) {
 int tell_metric_event(const st_metric_event_t* event, void* out) {
     metric_event told{
         .time = event->time, .milliseconds = event->nanoseconds / 1000000, .dimensions = {}, .measures = {}};
-    for (const std::string_view term : event->dimensions) told.dimensions.insert(" " + std::string(term));
+    for (const std::string_view term : event->dimensions) told.dimensions.emplace(term);
     for (const auto& [name, value] : event->measures) told.measures[std::string(name)] = std::bit_cast<uint64_t>(value);
     static_cast<std::vector<metric_event>*>(out)->push_back(std::move(told));
     return 1;
@@ -128,10 +131,17 @@ std::vector<metric_event> read_metric_slices(const std::string& directory) {
     return all;
 }
 
+metric_event as_told(metric_event event) {
+    std::set<std::string> told;
+    for (const std::string& term : event.dimensions) told.insert(term.substr(term.starts_with(' ') ? 1 : 0));
+    event.dimensions = std::move(told);
+    return event;
+}
+
 std::vector<metric_event> as_read(std::vector<metric_event> events) {
     for (size_t i = events.size(); i-- > 0;) {
         metric_event& event = events[i];
-        metric_event value = event;
+        metric_event value = event = as_told(std::move(event));
         value.dimensions.clear();
         value.measures.clear();
         event.source = event.source_type = event.host = 0;

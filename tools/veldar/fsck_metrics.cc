@@ -166,19 +166,20 @@ bool read_set(metric_check* check, uint32_t id, std::vector<uint32_t>* words) {
 
 // Each term exists and is of the kind that its place asks for.
 void check_set_terms(metric_check* check, uint32_t id, const ds_dimset_t* set) {
-    const auto require = [&](uint32_t term, term_kind kind) {
+    const auto require = [&](uint32_t term, term_kind kind, term_kind or_kind) {
         const bool exists = term < check->terms.size();
-        if (exists && (!check->run->has_lexicon || check->terms[term].kind == kind)) return;
+        const bool fits = exists && (check->terms[term].kind == kind || check->terms[term].kind == or_kind);
+        if (fits || (exists && !check->run->has_lexicon)) return;
         fsck_add_term(check->run, IN_DIMSETS, check->sets_offset, term, "term that does not belong there",
                       fmt::format("in set {}", id));
     };
     const std::span<const uint32_t> fields = ds_dimset_all_dims(set);
     constexpr std::array<term_kind, 3> FIELDS = {KIND_HOST, KIND_SOURCE, KIND_SOURCE_TYPE};
     for (size_t i = 0; i < FIELDS.size(); i++) {
-        if (fields[i] != DS_NO_TERM) require(fields[i], FIELDS[i]);
+        if (fields[i] != DS_NO_TERM) require(fields[i], FIELDS[i], FIELDS[i]);
     }
-    for (const uint32_t term : ds_dimset_opt_dims(set)) require(term, KIND_DIMENSION);
-    for (const uint32_t term : ds_dimset_opt_cols(set)) require(term, KIND_METRIC);
+    for (const uint32_t term : ds_dimset_opt_dims(set)) require(term, KIND_DIMENSION, KIND_OTHER);
+    for (const uint32_t term : ds_dimset_opt_cols(set)) require(term, KIND_METRIC, KIND_METRIC);
 }
 
 void note_term(metric_check* check, uint32_t term, uint64_t number, const metric_run& run) {
@@ -233,11 +234,11 @@ bool check_sets(metric_check* check) {
     return whole;
 }
 
-// The list of a term has the runs whose sets hold it.
+// The list of a term has the runs whose sets hold it. Terms other than dimensions and metrics need not be in sets.
 void check_term(metric_check* check, uint32_t term) {
     const fsck_run& run = *check->run;
     const term_facts& facts = check->terms[term];
-    if (facts.kind == KIND_OTHER) return;
+    if (facts.kind == KIND_OTHER && facts.runs == 0) return;
     const fsck_list& list = run.lists[term];
     if (list.good && (list.count != facts.runs || list.sum != facts.sum || list.squares != facts.squares)) {
         fsck_add_term(check->run, IN_LISTS, run.image->sections[IN_LISTS].offset, term,

@@ -50,7 +50,8 @@ int take_set(uint32_t id, const ds_dimset_t* words, void* context, warm_rc_t* rc
     set->columns.clear();
     ST_TRY(warm_slice_run(walk->warm, warm_slice_runs(walk->warm) - 1 - id, &set->run, rc));
     for (const uint32_t term : ds_dimset_all_dims(words)) {
-        if (term != DS_NO_TERM) ST_TRY(add_term(*walk, term, " ", &set->dimensions, rc));
+        if (term != DS_NO_TERM) ST_TRY(add_term(*walk, term, "", &set->dimensions, rc));
+        if (term != DS_NO_TERM && set->dimensions.back().starts_with(' ')) set->dimensions.back().remove_prefix(1);
     }
     for (const uint32_t term : ds_dimset_opt_cols(words)) {
         ST_TRY(add_term(*walk, term, METRIC_NAME_TERM, &set->names, rc));
