@@ -76,7 +76,9 @@ using ds_apply_fn = int (*)(uint32_t id, const ds_dimset_t* ds, void* ctx, warm_
 struct ds_merge_info_t {
     uint32_t num_dimsets = 0;                              // merged sets
     std::vector<buffer<uint32_t>> dimset_old2new_id_maps;  // by source: old id -> new id
-    std::vector<buffer<uint32_t>> sets_of_terms;           // by source: old term id -> sets that hold it
+    // By source: old term id -> the sum of (old id + 1) squared over the sets that hold it, 0 for none: what tells two
+    // lists of sets apart.
+    std::vector<buffer<uint64_t>> sets_of_terms;
 };
 inline constexpr uint32_t DS_MERGE_MAX_SOURCES = 64;
 // Merges the sections of `n` slices into an opened writer: every distinct set once, in order. `posting_offsets` are the

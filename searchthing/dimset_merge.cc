@@ -16,7 +16,7 @@ struct dimset_context_t {
     uint32_t source = 0;
     ds_reader_t reader;
     std::span<const uint32_t> terms;  // null data: the terms stay
-    buffer<uint32_t>* sets_of_terms = nullptr;
+    buffer<uint64_t>* sets_of_terms = nullptr;
     buffer<uint32_t> words;  // the current set
     uint32_t next_id = 0;    // of the set after the current one
 
@@ -41,7 +41,7 @@ int ds_load_next(dimset_context_t* c, warm_rc_t* rc) {
     }
     if (c->terms.data() == nullptr) return 0;
     for (const uint32_t term : ds_dimset_allfields(c->current())) {
-        if (term < c->terms.size()) (*c->sets_of_terms)[term]++;
+        if (term < c->terms.size()) (*c->sets_of_terms)[term] += uint64_t{c->next_id} * c->next_id;
     }
     return ds_translate_term_ids(c->current(), c->terms, rc, false);
 }

@@ -67,7 +67,7 @@ void take_piece(merge_lists_t* lists, uint32_t count) {
 // What the metadata of a source should say of a list.
 struct list_facts_t {
     uint64_t count = 0;
-    uint64_t runs = 0;
+    uint64_t sets = 0;             // as ds_merge_info_t sums them up
     uint32_t first = 0, last = 0;  // values, in a metric slice runs
     st_time_t earliest = INT32_MAX, latest = INT32_MIN;
 };
@@ -82,8 +82,9 @@ void note_piece(const merge_lists_t& lists, const merge_source_t& source, std::s
     }
     const size_t number = static_cast<size_t>(&source - lists.merge->sources.data());
     const merge_metric_source_t& metric = lists.merge->metric->sources[number];
-    facts->runs += ids.size();
     for (const uint32_t run : ids) {
+        const uint64_t place = metric.runs.size() - run;  // of the run's set, counted from 1
+        facts->sets += place * place;
         facts->count += metric.runs[run].count;
         facts->earliest = std::min(facts->earliest, metric.spans[run].earliest);
         facts->latest = std::max(facts->latest, metric.spans[run].latest);
@@ -101,13 +102,13 @@ int check_list(const merge_lists_t& lists, merge_source_lists_t* from, uint32_t 
         facts->latest = lists.merge->times[merge_new_number(*from->source, facts->first)];
         facts->earliest = lists.merge->times[merge_new_number(*from->source, facts->last)];
     }
-    bool same_runs = true;
+    bool same_sets = true;
     if (lists.merge->metric != nullptr) {
         const size_t number = static_cast<size_t>(from->source - lists.merge->sources.data());
-        const uint32_t sets = lists.merge->metric->info.sets_of_terms[number][term];
-        same_runs = sets == 0 || sets == facts->runs;  // no set holds a loose term
+        const uint64_t sets = lists.merge->metric->info.sets_of_terms[number][term];
+        same_sets = sets == 0 || sets == facts->sets;  // no set holds a loose term
     }
-    if (same_count && same_runs && static_cast<st_time_t>(record->earliest) == facts->earliest &&
+    if (same_count && same_sets && static_cast<st_time_t>(record->earliest) == facts->earliest &&
         static_cast<st_time_t>(record->latest) == facts->latest) {
         return 0;
     }
