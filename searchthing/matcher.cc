@@ -65,6 +65,29 @@ bool ends_with_occurrence(const char* term, std::string_view piece) {
     return false;
 }
 
+std::string_view last_piece(const OpaqueMatcher_T* matcher) {
+    return matcher->pieces[matcher->count - 1];
+}
+
+// What follows the earliest occurrences of all pieces but one that has to end the term; null when one of them is
+// missing. The pieces are looked for with strstr: on terms of 16 bytes it takes 5 ns, where memmem with a known length
+// takes 18 and a search of 16 positions at a time in vector registers 6.
+const char* skip_to_last_piece(const char* term, const OpaqueMatcher_T* matcher) {
+    const std::string_view* piece = matcher->pieces.data();
+    const std::string_view* const last = piece + matcher->count - matcher->hard_end;
+    if (matcher->hard_start != 0) {
+        if (std::strncmp(term, piece->data(), piece->size()) != 0) return nullptr;
+        term += piece->size();
+        piece++;
+    }
+    for (; piece < last; piece++) {
+        const char* found = std::strstr(term, piece->data());
+        if (found == nullptr) return nullptr;
+        term = found + piece->size();
+    }
+    return term;
+}
+
 }  // namespace
 
 OpaqueMatcher_T* createMatcher(const char* needle) {
@@ -75,23 +98,16 @@ OpaqueMatcher_T* createMatcher(const char* needle) {
     return split_needle(matcher.get(), length) ? matcher.release() : nullptr;
 }
 
-// The pieces are looked for with strstr: on terms of 16 bytes it takes 5 ns, where memmem with a known length takes 18
-// and a search of 16 positions at a time in vector registers 6.
 int isMatch(const char* term, const OpaqueMatcher_T* matcher) {
-    const std::string_view* piece = matcher->pieces.data();
-    const std::string_view* const end = piece + matcher->count;
-    if (matcher->single_word != 0) return std::strcmp(term, piece->data()) == 0;
-    if (matcher->hard_start != 0) {
-        if (std::strncmp(term, piece->data(), piece->size()) != 0) return 0;
-        term += piece->size();
-        piece++;
-    }
-    for (const std::string_view* const last = end - matcher->hard_end; piece < last; piece++) {
-        const char* found = std::strstr(term, piece->data());
-        if (found == nullptr) return 0;
-        term = found + piece->size();
-    }
-    return matcher->hard_end == 0 || ends_with_occurrence(term, end[-1]);
+    if (matcher->single_word != 0) return std::strcmp(term, matcher->pieces[0].data()) == 0;
+    const char* const rest = skip_to_last_piece(term, matcher);
+    return rest != nullptr && (matcher->hard_end == 0 || ends_with_occurrence(rest, last_piece(matcher)));
+}
+
+bool matcher_spans(const char* term, const OpaqueMatcher_T* matcher) {
+    if (matcher->single_word != 0) return std::strcmp(term, matcher->pieces[0].data()) == 0;
+    const char* const rest = skip_to_last_piece(term, matcher);
+    return rest != nullptr && (matcher->hard_end == 0 || std::string_view(rest).ends_with(last_piece(matcher)));
 }
 
 void freeOpaqueMatcher(OpaqueMatcher_T* matcher) {

@@ -16,6 +16,8 @@ struct OpaqueMatcher_T;
 OpaqueMatcher_T* createMatcher(const char* needle);
 // 1 when the NUL-terminated term matches, else 0.
 int isMatch(const char* term, const OpaqueMatcher_T* matcher);
+// The same with '*' for any bytes, without that exception: "*aa" matches "aaa" too.
+bool matcher_spans(const char* term, const OpaqueMatcher_T* matcher);
 void freeOpaqueMatcher(OpaqueMatcher_T* matcher);  // null is allowed
 
 // The fixed start, the fixed end and the whole of the needle; null when it has none. They live as long as the matcher.

@@ -17,6 +17,8 @@ inline constexpr uint8_t QUERY_NEQ_MATCHES_MISSING = 1;
 // opt_a: a wildcard literal without a colon matches no term that holds "::", so that "ho*" finds words and not every
 // event that has a field "host".
 inline constexpr uint8_t QUERY_WILDCARDS_SKIP_FIELDS = 2;
+// opt_a: "*" stands for any characters, so that "*00" finds "1000" too (matcher_spans).
+inline constexpr uint8_t QUERY_WILDCARDS_SPAN = 4;
 
 struct st_query_spec {
     st_timeval_t earliest;            // inclusive

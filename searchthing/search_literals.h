@@ -77,6 +77,7 @@ struct conjunction_context {
     st_timeval_t earliest;  // the query's bounds, inclusive
     st_timeval_t latest;
     bool neq_matches_missing = false;
+    bool wildcards_span = false;         // '*' stands for any characters (matcher_spans)
     bool wildcards_skip_fields = false;  // a wildcard without a colon matches no term that holds "::"
     bool covers_slice = false;           // the bounds hold every value, so no term's time span needs a look
     id_range_t range;

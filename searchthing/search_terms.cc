@@ -89,11 +89,15 @@ bool comparison_selects(const comp_t& comparison, const char* value, bool neq_ma
     }
 }
 
+bool wildcard_selects(const term_walk& walk, const char* term) {
+    return walk.context->wildcards_span ? matcher_spans(term, walk.matcher) : isMatch(term, walk.matcher) != 0;
+}
+
 // Gathers the ids of the terms that a wildcard or a comparison selects and whose time span meets the query's bounds.
 int gather_term(int32_t id, const char* term, size_t, void* raw) {
     auto* walk = static_cast<term_walk*>(raw);
     conjunction_context* context = walk->context;
-    const bool selected = walk->matcher != nullptr ? isMatch(term, walk->matcher) != 0
+    const bool selected = walk->matcher != nullptr ? wildcard_selects(*walk, term)
                                                    : comparison_selects(*walk->comparison, term + walk->prefix_length,
                                                                         context->neq_matches_missing);
     if (!selected || (walk->skip_fields && std::strstr(term, "::") != nullptr)) return 0;

@@ -35,6 +35,7 @@ int open_search(WARM* warm, const st_query_spec* query, std::unique_ptr<slice_se
     slice_search* search = out->get();
     conjunction_context_open(&search->context, warm, &query->earliest, &query->latest, query->info);
     search->context.neq_matches_missing = (query->opt_a & QUERY_NEQ_MATCHES_MISSING) != 0;
+    search->context.wildcards_span = (query->opt_a & QUERY_WILDCARDS_SPAN) != 0;
     search->context.wildcards_skip_fields = (query->opt_a & QUERY_WILDCARDS_SKIP_FIELDS) != 0;
     search->query = query;
     if (_find_first_if_needed(&search->context) != 0) return _cpy_rc(rc, &search->context.rc);

@@ -78,7 +78,7 @@ std::vector<line_event> make_lines(int count) {
         event.text = time_stamp(event.time) + " level=" + event.level + " user=" + event.user;
         if (random() % 3 != 0) {
             event.status = std::stoi(pick({"200", "200", "304", "404", "500"}));
-            event.bytes = static_cast<int>(random() % 3000);
+            event.bytes = i % 8 == 0 ? 1000 : static_cast<int>(random() % 3000);
             event.path = pick({"/", "/cart", "/cart/checkout", "/img/logo.png", "/img/logo.pngx"});
             event.text += " status=" + std::to_string(event.status) + " bytes=" + std::to_string(event.bytes) +
                           " path=" + event.path;
@@ -173,6 +173,8 @@ TEST_F(SearchTool, AgreesWithReadingEveryLine) {
         {{"re*ing"}, [](event e) { return e.has("retrying"); }},
         {{"*fused*"}, [](event e) { return e.has("refused") || e.has("refusedly"); }},
         {{"user=*o*"}, [](event e) { return e.user != "alice"; }},
+        {{"NOT bytes=*00"}, [](event e) { return e.bytes <= 0 || e.bytes % 100 != 0; }},
+        {{"[AND bytes::*00]", "--native"}, [](event e) { return e.bytes > 0 && e.bytes % 100 == 0; }},
         {{"path=/cart*"}, [](event e) { return e.path.starts_with("/cart"); }},
         {{"path=/"}, [](event e) { return e.path == "/"; }},
         {{"/img/logo.png"}, [](event e) { return e.path == "/img/logo.png"; }},
@@ -381,6 +383,7 @@ TEST_F(SearchTool, TermsFieldsSeen) {
               std::to_string(by_count[0].first) + "\tuser=" + by_count[0].second + "\n");
     EXPECT_EQ(run({"terms", "refus*", "--sort", "term", "-n", "1"}).out,
               std::to_string(naive([](const line_event& e) { return e.has("refused"); }).size()) + "\trefused\n");
+    EXPECT_NE(run({"terms", "bytes=*00"}).out.find("\tbytes=1000\n"), std::string::npos);
     EXPECT_EQ(run({"terms", "user*"}).out, "900\tuser\n");  // the word, and not the field
     const std::string fields = run({"fields"}).out;
     EXPECT_NE(fields.find("900\t4\tuser\n"), std::string::npos) << fields;

@@ -66,7 +66,7 @@ void find_words(std::string_view record, const highlighter& wanted, span_list* s
         while (end < record.size() && in_token(record[end])) end++;
         while (end > at && !in_word(record[end - 1])) end--;
         word.assign(record.substr(at, end - at));
-        const auto matches = [&](const auto& matcher) { return isMatch(word.c_str(), matcher.get()) != 0; };
+        const auto matches = [&](const auto& matcher) { return matcher_spans(word.c_str(), matcher.get()); };
         if (!word.empty() && std::any_of(wanted.words.begin(), wanted.words.end(), matches)) {
             spans->emplace_back(at, end);
         }

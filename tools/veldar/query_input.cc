@@ -157,6 +157,7 @@ prepared_query query_prepare(const query_options& options) {
     query.plans = plans_of(query.text, options.native);
     st_query_init(&query.bounds);
     query_set_bounds(options.since, options.until, options.zone, &query.bounds);
+    query.bounds.opt_a |= QUERY_WILDCARDS_SPAN;
     if (!options.native) query.bounds.opt_a |= QUERY_WILDCARDS_SKIP_FIELDS;
     return query;
 }

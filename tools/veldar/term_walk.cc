@@ -152,7 +152,7 @@ term_choice term_choice_of(const term_pattern& pattern) {
     if (matcher == nullptr) throw tool_failure{EXIT_IO, "out of memory"};
     const std::string prefix = pattern.needle.substr(0, pattern.needle.find('*'));
     return {{}, prefix, [matcher, words_only = pattern.words_only](std::string_view term) {
-                return isMatch(term.data(), matcher.get()) != 0 &&
+                return matcher_spans(term.data(), matcher.get()) &&
                        !(words_only && term.find("::") != std::string_view::npos);
             }};
 }
