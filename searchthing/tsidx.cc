@@ -106,7 +106,12 @@ void tsidx_load_params(TSIDX* tsidx) {
     tsidx_limits_t stored;
     if (tsidx_read_params(tsidx->path.c_str(), &tsidx->stored_params) &&
         deserialize_params(tsidx->stored_params.text, &stored)) {
-        tsidx->limits = tsidx_clamp_limits(stored);
+        const tsidx_limits_t sane = tsidx_clamp_limits(stored);
+        if (tsidx_limits_within(stored, sane)) {
+            tsidx->limits = sane;
+        } else {
+            _log(0, "WARN  a parameter file with limits out of range was ignored. path=%s\n", tsidx->path.c_str());
+        }
     }
     tsidx->loaded_limits = tsidx->limits;
     tsidx->is_used = false;

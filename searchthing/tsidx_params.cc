@@ -68,6 +68,13 @@ tsidx_limits_t tsidx_clamp_limits(const tsidx_limits_t& limits) {
             .max_dimset_measures = others(limits.max_dimset_measures)};
 }
 
+bool tsidx_limits_within(const tsidx_limits_t& limits, const tsidx_limits_t& most) {
+    return limits.lexicon_bytes <= most.lexicon_bytes && limits.max_terms <= most.max_terms &&
+           limits.max_postings <= most.max_postings && limits.max_values <= most.max_values &&
+           limits.keywords_per_txn <= most.keywords_per_txn && limits.dimset_words <= most.dimset_words &&
+           limits.max_dimset_measures <= most.max_dimset_measures;
+}
+
 tsidx_params_line serialize_params(const tsidx_limits_t& l, uint32_t writer_number) {
     tsidx_params_line line;
     const int length = std::snprintf(

@@ -27,6 +27,9 @@ tsidx_limits_t tsidx_default_limits(bool is_msidx);
 // to a power of two, lexicon bytes 64 KiB to 1 GiB, all others 1024 to 2^28.
 tsidx_limits_t tsidx_clamp_limits(const tsidx_limits_t& limits);
 
+// Whether no limit is above the other's: a file with one above its range is damaged, and would cost gigabytes.
+bool tsidx_limits_within(const tsidx_limits_t& limits, const tsidx_limits_t& most);
+
 tsidx_params_line serialize_params(const tsidx_limits_t& limits, uint32_t writer_number);
 // False, and the limits as they were, unless the whole text is well formed. The numbers are not clamped.
 bool deserialize_params(std::string_view text, tsidx_limits_t* limits);

@@ -1,20 +1,28 @@
 // The commands that show what is inside of slices and what overlaps, and the one that deletes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 
+#include "searchthing/st_init.h"
 #include "searchthing/tsidx.h"
 #include "tests/support/damage.h"
+#include "tests/support/faults.h"
 #include "tests/support/forge.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tools/veldar/command.h"
+#include "tools/veldar/merging.h"
 #include "tools/veldar/slice_events.h"
 #include "tools/veldar/tool_file.h"
 
@@ -353,6 +361,77 @@ TEST(Fsck, ExitStatusTells) {
     EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 5);
 }
 
+// A command of the tool inside of this process.
+int run_command(void (*add)(CLI::App*, tool_context*), const std::string& line, const std::string& store = "") {
+    CLI::App app;
+    tool_context context;
+    context.store = store;
+    add(&app, &context);
+    app.parse(line);
+    return context.status;
+}
+
+// Between any two file calls the slices are merged: what went is checked in what it went into.
+TEST(Fsck, AMergeMeanwhileHidesNothing) {
+    st_init("inspect_tool_test");
+    for (uint64_t n = 1, calls = 1; n <= calls; n++) {
+        const temp_dir dir;
+        for (const uint32_t seed : {1u, 2u})
+            forge_file(dir.path(), forge_random_events(seed, 9), forge_as_created(4), seed);
+        testing::internal::CaptureStdout();
+        {
+            const fault_step step(n, [&] { merge_directories({dir.path()}, {.everything = true}); });
+            EXPECT_EQ(run_command(add_fsck_command, "fsck " + dir.path()), 0) << n;
+            calls = step.calls();
+        }
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(out.starts_with(std::to_string(out[0] - '0') + " slices checked, no faults") && out[0] != '0')
+            << out;
+    }
+}
+
+// Whatever a header says, the checker and a query take no more memory and time than so small a file needs.
+TEST(Fsck, DamagedHeadersCostNothing) {
+    st_init("inspect_tool_test");
+    const temp_dir dir;
+    std::vector<std::string> slices;
+    const std::vector<forge_event> events = forge_random_events(3, 12);
+    for (const forge_options& options : forge_all_kinds()) slices.push_back(forge_slice(events, options));
+    slices.push_back(read_file(forge_metric_file(dir.path(), forge_random_metrics(true, 60), {}, 1)));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const rlimit limit = {uint64_t{3} << 29, uint64_t{3} << 29};
+#ifndef __SANITIZE_ADDRESS__
+        ::setrlimit(RLIMIT_AS, &limit);
+#endif
+        ::alarm(120);
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const std::string path = dir.file("100-1-1.tsidx");
+        for (size_t kind = 0; kind < slices.size(); kind++) {
+            for (uint64_t at = 8; at < 120; at += 4) {
+                constexpr uint32_t WORDS[] = {0x7FFFFFFF, 0x06000000, 0xFFFFFFFF};
+                std::string damaged = slices[kind];
+                put_be(&damaged, at, WORDS[(kind + at / 4) % 3], 4);
+                write_file(path, damaged);
+                const auto begun = std::chrono::steady_clock::now();
+                try {
+                    fsck_findings(path);
+                    run_command(add_explain_command, "explain all", path);
+                } catch (const std::exception& failure) {
+                    ADD_FAILURE() << "kind " << kind << " at " << at << ": " << failure.what();
+                }
+                EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(5)) << kind << " " << at;
+            }
+        }
+        testing::internal::GetCapturedStdout();
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 TEST(Fsck, StoresHoldWhatTheirSlicesName) {
     const temp_dir dir;
     const std::string store = dir.file("store");
@@ -495,6 +574,16 @@ TEST(Delete, MarksWhatTheQueryFinds) {
     EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "delete", "all"}).status, 3);
     EXPECT_EQ(read_file(first), kept);
     EXPECT_EQ(run_tool(TOOL, {"-s", first, "delete", "all"}).status, 2);
+
+    // Of events with one time and address those that are found.
+    const std::string twins = dir.file("twins");
+    for (const char* const term : {"twin", "twin", "other"}) {
+        write_file(dir.file("event"), "100\t7\t1\t1\t1\t0\t" + std::string(term) + "\n");
+        ASSERT_EQ(run_tool(TOOL, {"put", twins, dir.file("event")}).status, 0);
+    }
+    EXPECT_EQ(run_tool(TOOL, {"-s", twins, "delete", "--dry-run", "twin"}).out, "2 events would be deleted\n");
+    EXPECT_EQ(run_tool(TOOL, {"-s", twins, "delete", "twin"}).out, "2 events deleted\n");
+    EXPECT_EQ(run_tool(TOOL, {"-s", twins, "count", "*"}).out, "1\n");
 }
 
 TEST(Health, DrawsTheOverlap) {

@@ -26,6 +26,7 @@
 #include "tests/support/leak_listener.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tools/veldar/merging.h"
 
 namespace veldar {
 namespace {
@@ -349,6 +350,13 @@ TEST_F(OptimizeFaults, EveryFileCallAndAllocationFails) {
     }
     for (uint64_t n = 1; n <= allocations && !HasFailure(); n += brief ? 1 + allocations / 150 : 1) {
         run(fault_action::allocation, n, 0);
+        reset();
+        try {  // in threads of their own
+            const fault_step trouble(fault_action::allocation, n);
+            merge_directories({path()}, {.everything = true});
+        } catch (const std::bad_alloc&) {
+        }
+        check();
     }
 }
 

@@ -136,6 +136,7 @@ TEST(QueryLanguage, RecordsAreCheckedByWholeWords) {
         {"\"not found\"", "File NOT Found.", true},
         {"\"not found\"", "file not-found", false},
         {"\"not found\"", "knot found", false},
+        {"\"not found\"", "knot found, not found", true},
         {"\"not found\"", "not found.html", false},
         {"\"not found\"", "...not found...", true},
         {"\"not*found\"", "not at all\nfound", false},

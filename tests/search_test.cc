@@ -88,12 +88,31 @@ TEST(Search, RandomQueriesEqualBruteForceOverEveryHeaderAndEncoding) {
 
 // More values than one window holds: the search goes on window by window and loses nothing at their edges.
 TEST(Search, WindowsOfALargeSliceJoinWithoutGaps) {
-    const searched_slice slice(forge_random_events(77, 30000), forge_as_created(4));
+    std::vector<forge_event> events = forge_number(forge_random_events(77, 30000)).values;
+    for (size_t i = 0; i < events.size(); i++) {  // a rare term at every edge, and frequent ones
+        for (const auto& [term, step] : {std::pair("edge", 16), {"half", 2}}) {
+            if (i % static_cast<size_t>(step) == 0) events[i].terms.emplace_back(term);
+        }
+        for (const auto& [term, step] : {std::pair("many", 5), {"most", 3}}) {
+            if (i % static_cast<size_t>(step) != 0) events[i].terms.emplace_back(term);
+        }
+    }
+    const searched_slice slice(events, forge_as_created(4));
     ASSERT_NE(slice.warm, nullptr);
     query_maker maker(slice.reference, 5);
-    for (int i = 0; i < 60; i++) {
+    for (int i = 0; i < 40; i++) {
         check_query(slice, &maker);
         if (HasFatalFailure()) return;
+    }
+    for (const std::vector<const char*>& terms : {std::vector<const char*>{"edge"}, {"half", "many", "most"}}) {
+        std::vector<reference_query> all;
+        for (const char* const term : terms) all.push_back(reference_query::term(term));
+        const reference_query tree = reference_query::group_and(all);
+        std::vector<event_key> expected = keys(slice.reference, slice.reference.search(tree, {}));
+        for (const uint32_t capacity : {30000u, 1000u, 16u}) {
+            expected.resize(std::min<size_t>(expected.size(), capacity));
+            EXPECT_EQ(run(slice, make_query(tree.notation().c_str()), capacity, true), expected) << capacity;
+        }
     }
 }
 

@@ -224,6 +224,9 @@ TEST(TsidxParams, Parsing) {
     EXPECT_EQ(sane.max_terms, uint64_t{1} << 26);
     EXPECT_EQ(sane.lexicon_bytes, uint64_t{1} << 30);
     EXPECT_EQ(sane.max_values, uint64_t{1} << 28);
+    const temp_dir dir;
+    write_file(dir.file(TSIDX_PARAMS_NAME), head + "1|2|3|1152921504606846976|5|6|7|8|");
+    EXPECT_EQ(st_tsidx_max_values(open_writer(dir.path()).get()), 131072u);
 }
 
 TEST(TsidxParams, AnUnwritableFileKeepsTheOldOne) {

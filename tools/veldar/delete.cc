@@ -11,6 +11,7 @@
 #include "searchthing/tsidx_delete.h"
 #include "searchthing/tsval_order.h"
 #include "tools/veldar/command.h"
+#include "tools/veldar/event_count.h"
 #include "tools/veldar/event_source.h"
 #include "tools/veldar/event_stream.h"
 #include "tools/veldar/index_handle.h"
@@ -27,19 +28,13 @@ struct delete_options {
     bool dry_run = false;
 };
 
-// The events to delete, by directory.
-struct delete_keys {
-    std::vector<std::vector<st_tsval_encoded>> keys;
-    uint64_t total = 0;
-};
-
-delete_keys find_keys(event_stream* stream) {
-    delete_keys found;
+// The keys of the events to delete, by directory.
+std::vector<std::vector<st_tsval_encoded>> find_keys(event_stream* stream) {
+    std::vector<std::vector<st_tsval_encoded>> found;
     stream_event event;
     while (event_stream_next(stream, &event)) {
-        if (found.keys.size() <= event.directory) found.keys.resize(event.directory + 1);
-        found.keys[event.directory].push_back({event.value.time, event.value.address});
-        found.total++;
+        if (found.size() <= event.directory) found.resize(event.directory + 1);
+        found[event.directory].push_back({event.value.time, event.value.address});
     }
     return found;
 }
@@ -60,11 +55,36 @@ uint64_t greatest_address(const std::vector<st_tsval_encoded>& keys) {
     throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", path, why, deleted)};
 }
 
-uint64_t delete_from(const std::string& path, const std::vector<st_tsval_encoded>& keys, uint64_t deleted_before) {
-    const tsidx_ptr tsidx = index_handle_open(path, WRITE_LEVEL);
-    const int64_t deleted = st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
-    if (deleted < 0) fail_delete(path, deleted, st_tsidx_last_failure(tsidx.get())->saved_errno, deleted_before);
-    return static_cast<uint64_t>(deleted);
+// Deletes what was found in each directory. Events of one key are told apart only by the query itself; in a store no
+// two events of a bucket have one key.
+uint64_t delete_found(const std::string& path, const prepared_query& query) {
+    troubles trouble;
+    event_stream stream;
+    event_stream_open(&stream, path, &query, 0, &trouble);
+    event_source source;
+    event_source_open(&source, &stream.slices, &trouble);
+    stream_check_raw(&stream, &source);
+    const std::vector<std::vector<st_tsval_encoded>> found = find_keys(&stream);
+    if (trouble.incomplete) {
+        throw tool_failure{EXIT_INCOMPLETE, "not everything could be searched: nothing was deleted"};
+    }
+    const st_query_spec spec = query_of_plan(query, query.plans.front());
+    uint64_t deleted = 0;
+    for (size_t i = 0; i < found.size(); i++) {
+        const std::vector<st_tsval_encoded>& keys = found[i];
+        if (keys.empty()) continue;
+        const slice_directory& directory = stream.slices.directories[i];
+        if (directory.has_sources) store_note_deleted(directory.path, greatest_address(keys));
+        const tsidx_ptr tsidx = index_handle_open(directory.path, WRITE_LEVEL);
+        const bool by_query = !directory.has_sources && query_needs_index_only(query);
+        const int64_t count = by_query ? st_tsidx_delete_by_query(tsidx.get(), &spec)
+                                       : st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
+        if (count < 0) {
+            fail_delete(directory.path, count, st_tsidx_last_failure(tsidx.get())->saved_errno, deleted);
+        }
+        deleted += static_cast<uint64_t>(count);
+    }
+    return deleted;
 }
 
 void require_directory(const std::string& path) {
@@ -78,30 +98,16 @@ int delete_run(const tool_context& context, const delete_options& options) {
     const prepared_query query = query_prepare(options.query);
     const std::string path = store_choose(context.store);
     require_directory(path);
-    troubles trouble;
-    event_stream stream;
-    event_stream_open(&stream, path, &query, 0, &trouble);
-    event_source source;
-    event_source_open(&source, &stream.slices, &trouble);
-    stream_check_raw(&stream, &source);
-    const delete_keys found = find_keys(&stream);
     text_output out;
     output_open(&out, "never");
     if (options.dry_run) {
-        output_put(&out, fmt::format("{} events would be deleted\n", found.total));
+        troubles trouble;
+        const uint64_t found = count_events(path, query, &trouble);
+        output_put(&out, fmt::format("{} events would be deleted\n", found));
         output_flush(&out);
-        return answer_status(found.total > 0, trouble);
+        return answer_status(found > 0, trouble);
     }
-    if (trouble.incomplete) {
-        throw tool_failure{EXIT_INCOMPLETE, "not everything could be searched: nothing was deleted"};
-    }
-    uint64_t deleted = 0;
-    for (size_t i = 0; i < found.keys.size(); i++) {
-        if (found.keys[i].empty()) continue;
-        const slice_directory& directory = stream.slices.directories[i];
-        if (directory.has_sources) store_note_deleted(directory.path, greatest_address(found.keys[i]));
-        deleted += delete_from(directory.path, found.keys[i], deleted);
-    }
+    const uint64_t deleted = delete_found(path, query);
     output_put(&out, fmt::format("{} events deleted\n", deleted));
     output_flush(&out);
     return deleted > 0 ? EXIT_DONE : EXIT_NOT_FOUND;

@@ -20,6 +20,8 @@ namespace veldar {
 
 namespace {
 
+constexpr uint64_t MOST_ANSWERS = uint64_t{1} << 20;  // whose times are kept to tell which slices are not needed
+
 struct explain_options {
     query_options query;
     uint64_t limit = 0;  // 0: all
@@ -113,6 +115,20 @@ void note_answers(explanation* e, int found) {
     }
 }
 
+// The newest answers, or of all of them only the number: what a slice says of its values takes no memory here.
+int ask_slice(explanation* e, WARM* warm, const st_query_spec& query, slice_work* work, warm_rc_t* rc) {
+    if (e->limit == 0 || e->limit > MOST_ANSWERS) {
+        return warm_slice_count(warm, &query, &work->answers, &work->report, rc);
+    }
+    const auto capacity = static_cast<uint32_t>(e->limit);
+    e->answers.resize(capacity);
+    const int found = warm_slice_search(warm, &query, e->answers.data(), capacity, true, &work->report, rc);
+    if (found < 0) return found;
+    work->answers = static_cast<uint64_t>(found);
+    note_answers(e, found);
+    return 0;
+}
+
 // Searches one slice and accounts for it. SLICE_UNREADABLE after a failure, which has been told.
 slice_state_t search_slice(explanation* e, const slice_file& file, const query_plan& plan, slice_work* work) {
     const auto begun = std::chrono::steady_clock::now();
@@ -121,22 +137,15 @@ slice_state_t search_slice(explanation* e, const slice_file& file, const query_p
     const slice_state_t state = slice_open(file, &warm, &error);
     if (state == SLICE_UNREADABLE) troubles_add(&e->trouble, error);
     if (state != SLICE_OPEN) return state;
-    const uint64_t values = st_warm_slice_values(warm.get());
-    const auto capacity = static_cast<uint32_t>(e->limit == 0 ? values : std::min(e->limit, values));
-    if (e->answers.size() < capacity) e->answers.resize(capacity);
     st_query_spec query = query_of_plan(*e->query, plan);
     query.info = &work->info;
     warm_rc_t rc;
-    const int found = warm_slice_search(warm.get(), &query, e->answers.data(), capacity, true, &work->report, &rc);
+    const int status = ask_slice(e, warm.get(), query, work, &rc);
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begun;
     work->milliseconds = took.count();
-    if (found < 0) {
-        troubles_add(&e->trouble, slice_error(file, rc));
-        return SLICE_UNREADABLE;
-    }
-    work->answers = static_cast<uint64_t>(found);
-    note_answers(e, found);
-    return SLICE_OPEN;
+    if (status == 0) return SLICE_OPEN;
+    troubles_add(&e->trouble, slice_error(file, rc));
+    return SLICE_UNREADABLE;
 }
 
 void add_work(slice_work* total, const slice_work& work) {

@@ -3,6 +3,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <new>
+#include <set>
 
 #include "tools/veldar/command.h"
 #include "tools/veldar/fsck_slice.h"
@@ -25,7 +27,8 @@ struct fsck_options {
 struct fsck_command {
     const fsck_options* options = nullptr;
     slice_set slices;
-    store_names names;  // of the store
+    std::set<std::string> seen;  // the files that were looked at
+    store_names names;           // of the store
     bool has_names = false;
     std::vector<source_map> maps;  // by directory
     std::vector<bool> has_map;
@@ -49,6 +52,8 @@ void put_store_fault(fsck_command* command, const std::string& text) {
 
 void open_store(fsck_command* command) {
     const slice_set& slices = command->slices;
+    const size_t known = command->maps.size();  // of an earlier list
+    if (known == slices.directories.size()) return;
     command->maps.resize(slices.directories.size());
     command->has_map.resize(slices.directories.size());
     const auto has_sources = [](const slice_directory& directory) { return directory.has_sources; };
@@ -56,7 +61,7 @@ void open_store(fsck_command* command) {
     std::string error;
     command->has_names = store_names_read(slices.store, &command->names, &error);
     if (!command->has_names) return troubles_add(&command->trouble, error);
-    for (size_t i = 0; i < slices.directories.size(); i++) {
+    for (size_t i = known; i < slices.directories.size(); i++) {
         if (!slices.directories[i].has_sources) continue;
         const std::string path = slices.directories[i].path + "/source.map";
         command->has_map[i] = source_map_open(&command->maps[i], path, false, &error);
@@ -73,12 +78,16 @@ std::vector<std::string> check_events(fsck_command* command, const slice_file& f
     return fsck_store_slice(warm.get(), command->maps[file.directory], command->names);
 }
 
-void check_file(fsck_command* command, const slice_file& file) {
+// False when the file was deleted or merged since it was listed.
+bool check_file(fsck_command* command, const slice_file& file) {
     slice_image image;
     std::string error;
     const image_state_t state = slice_image_open(file.path, &image, &error);
-    if (state == IMAGE_VANISHED) return;  // deleted or merged since it was listed
-    if (state == IMAGE_UNREADABLE) return troubles_add(&command->trouble, error);
+    if (state == IMAGE_VANISHED) return false;
+    if (state == IMAGE_UNREADABLE) {
+        troubles_add(&command->trouble, error);
+        return true;
+    }
     fsck_report report;
     report.per_kind = command->options->per_kind;
     fsck_slice(image, &report);
@@ -93,6 +102,40 @@ void check_file(fsck_command* command, const slice_file& file) {
     command->damaged += report.total != 0 ? 1 : 0;
     command->faults += report.total;
     for (const std::string& line : lines) put_line(command, file.path, line);
+    return true;
+}
+
+// One file more than memory holds must not keep the others from being checked.
+bool check_file_or_tell(fsck_command* command, const slice_file& file) {
+    std::string why = "out of memory";
+    try {
+        return check_file(command, file);
+    } catch (const std::bad_alloc&) {
+    } catch (const tool_failure& failure) {
+        why = failure.message;
+    }
+    troubles_add(&command->trouble, file.path + ": " + why);
+    return true;
+}
+
+// Every file once. Those that have gone meanwhile were merged into others, which a new list has.
+void check_all(fsck_command* command) {
+    for (int tries = 1;; tries++) {
+        bool vanished = false;
+        slices_tell_errors(command->slices, &command->trouble);
+        open_store(command);
+        for (const slice_file& file : command->slices.files) {
+            if (!command->seen.contains(file.path) && !check_file_or_tell(command, file)) {
+                vanished = true;
+            } else {
+                command->seen.insert(file.path);
+            }
+        }
+        if (!vanished) return;
+        if (tries == SLICES_MAX_TRIES) break;
+        slices_list_again(&command->slices, tries);
+    }
+    troubles_add(&command->trouble, command->slices.path + ": its slices change too fast to be checked");
 }
 
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
@@ -100,9 +143,7 @@ int fsck_run_all(const tool_context& context, const fsck_options& options) {
     command.options = &options;
     command.slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
     output_open(&command.out, "never");
-    slices_tell_errors(command.slices, &command.trouble);
-    open_store(&command);
-    for (const slice_file& file : command.slices.files) check_file(&command, file);
+    check_all(&command);
     if (!options.quiet) {
         output_put(&command.out, command.faults == 0 ? fmt::format("{} slices checked, no faults\n", command.checked)
                                                      : fmt::format("{} slices checked, {} damaged, {} faults\n",

@@ -66,6 +66,10 @@ struct lexicon_block {
 };
 // False when the block does not lie inside the lexicon's data.
 bool lexicon_block_begin(const lexicon_image& lexicon, uint32_t block, lexicon_block* out);
+// Blocks that overlap could make a walk over all of them quadratic: it ends when the blocks walked have this many bytes
+// together, several times those of the lexicon.
+uint64_t lexicon_walk_budget(const lexicon_image& lexicon);
+uint64_t lexicon_block_bytes(const lexicon_image& lexicon, uint32_t block);  // 0 for one outside the data
 // Decodes the next term; null, or what is wrong with it.
 const char* lexicon_block_next(lexicon_block* block);
 // The text of a term, empty when it cannot be decoded.

@@ -96,6 +96,15 @@ void check_block(fsck_run* run, const lexicon_image& lexicon, slice_section_t se
 
 }  // namespace
 
+uint64_t lexicon_walk_budget(const lexicon_image& lexicon) {
+    return 4 * (uint64_t{lexicon.data.size()} + 1);
+}
+
+uint64_t lexicon_block_bytes(const lexicon_image& lexicon, uint32_t block) {
+    const uint32_t start = block == 0 ? 0 : block_end(lexicon, block - 1), end = block_end(lexicon, block);
+    return start < end && end <= lexicon.data.size() ? end - start : 0;
+}
+
 bool lexicon_block_begin(const lexicon_image& lexicon, uint32_t block, lexicon_block* out) {
     const uint32_t start = block == 0 ? 0 : block_end(lexicon, block - 1), end = block_end(lexicon, block);
     if (start >= end || end > lexicon.data.size()) return false;
@@ -139,8 +148,10 @@ void fsck_check_lexicon(fsck_run* run, const lexicon_image& lexicon, slice_secti
     check_head(run, lexicon, section);
     std::string before;
     bool has_before = false;
-    for (uint32_t block = 0; block < lexicon.blocks; block++) {
+    uint64_t left = lexicon_walk_budget(lexicon);
+    for (uint32_t block = 0; block < lexicon.blocks && left != 0; block++) {
         check_block(run, lexicon, section, block, &before, &has_before);
+        left -= std::min(left, lexicon_block_bytes(lexicon, block));
     }
 }
 

@@ -38,6 +38,7 @@ struct metric_check {
     fsck_columns columns;
     std::span<const uint8_t> sets;  // the section
     uint64_t sets_offset = 0;       // in the file
+    uint64_t words_read = 0;        // of sets, which may overlap
 };
 
 term_kind kind_of(std::string_view term) {
@@ -55,10 +56,13 @@ term_kind kind_of(std::string_view term) {
 
 void read_kinds(metric_check* check) {
     const fsck_run& run = *check->run;
-    check->terms.resize(run.image->header.num_terms.get());
-    for (uint32_t number = 0; run.has_lexicon && number < run.lexicon.blocks; number++) {
+    // A term takes a byte of the lexicon at least: of a number beyond that nothing can be known.
+    check->terms.resize(std::min<size_t>(run.image->header.num_terms.get(), run.image->bytes.size()));
+    uint64_t left = lexicon_walk_budget(run.lexicon);
+    for (uint32_t number = 0; run.has_lexicon && number < run.lexicon.blocks && left != 0; number++) {
         lexicon_block block;
         if (!lexicon_block_begin(run.lexicon, number, &block)) continue;
+        left -= std::min(left, lexicon_block_bytes(run.lexicon, number));
         for (uint64_t id = uint64_t{number} * run.lexicon.tperb; block.position < block.count; id++) {
             if (lexicon_block_next(&block) != nullptr || id >= check->terms.size()) break;
             check->terms[id].kind = kind_of(block.term);
@@ -99,7 +103,9 @@ void check_run_values(metric_check* check, metric_run* one) {
     const st_warm_slice_body& h = check->run->image->header;
     const auto low = static_cast<st_time_t>(h.earliest.get()), high = static_cast<st_time_t>(h.latest.get());
     std::pair<st_time_t, uint32_t> before = {INT32_MAX, UINT32_MAX};
-    for (uint32_t id = one->first; id < one->first + one->count; id++) {
+    // Values without bytes are all the same one.
+    const uint32_t count = values.time_nbits + values.addr_nbits == 0 ? 1 : one->count;
+    for (uint32_t id = one->first; id < one->first + count; id++) {
         const std::pair<st_time_t, uint32_t> at = {fsck_value_time(values, id), fsck_value_address(values, id)};
         if (at.first < low || at.first > high) {
             add_value(check, id, "time outside the header's",
@@ -141,13 +147,14 @@ void check_times(metric_check* check) {
 }
 
 // A set's words, which lie in the section; false when its place or its own counts are wrong, which the layout and this
-// tell.
+// tell, or when sets that overlap would take quadratic time.
 bool read_set(metric_check* check, uint32_t id, std::vector<uint32_t>* words) {
     const uint32_t sets = load_le32(check->sets.data() + 8), total = load_le32(check->sets.data() + 12);
     const auto end_of = [&](uint32_t set) { return load_le32(check->sets.data() + SETS_HEAD + uint64_t{set} * 4); };
     const uint32_t begin = id == 0 ? 0 : end_of(id - 1), end = end_of(id);
     words->clear();
-    if (begin >= end || end > total) return false;
+    if (begin >= end || end > total || check->words_read > 4 * uint64_t{total}) return false;
+    check->words_read += end - begin;
     const uint64_t at = SETS_HEAD + (uint64_t{sets} + begin) * 4;
     for (uint32_t i = 0; i < end - begin; i++) words->push_back(load_le32(check->sets.data() + at + uint64_t{i} * 4));
     const auto add = [&](const char* what, const std::string& detail) {

@@ -64,14 +64,15 @@ bool read_slice(const slice_set& slices, const slice_file& file, troubles* troub
     const std::string name = file.path.substr(file.path.rfind('/') + 1);
     row->name = slices.directories.size() > 1 ? slices.directories[file.directory].name + "/" + name : name;
     row->slices = 1;
-    std::error_code gone;
-    const uint64_t bytes = std::filesystem::file_size(file.path, gone);
-    row->bytes = gone ? 0 : bytes;
     if (state == SLICE_UNREADABLE) {
         troubles_add(trouble, error);
+        std::error_code unknown;
+        const uint64_t bytes = std::filesystem::file_size(file.path, unknown);
+        row->bytes = unknown ? 0 : bytes;
         row->format = "unreadable";
         row->readable = false;
     } else {
+        row->bytes = warm->file_size;
         row->format = warm->body->magic;
         row->events = st_warm_slice_values(warm.get()) - warm_slice_runs(warm.get());
         row->deleted = count_deleted(*warm);

@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <new>
 #include <string>
 #include <vector>
@@ -69,6 +70,9 @@ int main(int argc, char** argv) {
         return failure.status;
     } catch (const std::bad_alloc&) {
         std::fputs("veldar: out of memory\n", stderr);
+        return veldar::EXIT_IO;
+    } catch (const std::exception& error) {  // the parser's own and the library's, thread or locale
+        std::fprintf(stderr, "veldar: %s\n", error.what());
         return veldar::EXIT_IO;
     }
 }

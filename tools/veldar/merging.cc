@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "searchthing/tsidx_list.h"
@@ -33,6 +34,7 @@ struct crew {
     std::mutex mutex;                             // of what follows
     std::condition_variable ended;
     size_t working = 0;
+    bool out_of_memory = false;  // in a directory whose totals are not among these
     merge_totals totals;
 };
 
@@ -116,12 +118,37 @@ void work_on(crew* all, const std::string& directory) {
 }
 
 void work(crew* all) {
+    bool out_of_memory = false;
     for (size_t i = all->next++; i < all->directories->size() && tool_interrupted == 0; i = all->next++) {
-        work_on(all, (*all->directories)[i]);
+        try {
+            work_on(all, (*all->directories)[i]);
+        } catch (const std::bad_alloc&) {
+            out_of_memory = true;
+        }
     }
     const std::lock_guard guard(all->mutex);
+    all->out_of_memory = all->out_of_memory || out_of_memory;
     all->working--;
     all->ended.notify_all();
+}
+
+// As many threads as the system gives, down to this one alone, which then works before it returns.
+void start_threads(crew* all, size_t jobs, std::vector<std::jthread>* threads) {
+    threads->reserve(jobs);
+    for (size_t i = 0; i < jobs; i++) {
+        {
+            const std::lock_guard guard(all->mutex);
+            all->working++;
+        }
+        try {
+            threads->emplace_back(work, all);
+        } catch (const std::exception&) {  // no memory or no thread to be had
+            if (threads->empty()) return work(all);
+            const std::lock_guard guard(all->mutex);
+            all->working--;
+            return;
+        }
+    }
 }
 
 void watch_progress(crew* all) {
@@ -140,17 +167,19 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
     crew all;
     all.directories = &directories;
     all.settings = settings;
-    std::vector<std::thread> threads;
-    const size_t jobs = std::clamp<size_t>(settings.jobs, 1, std::max<size_t>(directories.size(), 1));
-    threads.reserve(jobs);
-    all.working = jobs;
-    for (size_t i = 0; i < jobs; i++) threads.emplace_back(work, &all);
-    watch_progress(&all);
-    for (std::thread& thread : threads) thread.join();
+    {
+        std::vector<std::jthread> threads;
+        start_threads(&all, std::clamp<size_t>(settings.jobs, 1, std::max<size_t>(directories.size(), 1)), &threads);
+        watch_progress(&all);
+    }
+    if (all.out_of_memory) {
+        all.totals.failures.emplace_back("out of memory");
+        all.totals.out_of_space = true;
+    }
     return all.totals;
 }
 
-void merge_after_load(const std::vector<std::string>& directories) {
+void merge_after_load(const std::vector<std::string>& directories) try {
     const auto begun = std::chrono::steady_clock::now();
     const merge_totals totals = merge_directories(directories, {});
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
@@ -158,6 +187,8 @@ void merge_after_load(const std::vector<std::string>& directories) {
     for (const std::string& failure : totals.failures) {
         std::fprintf(stderr, "veldar: slices were not merged: %s\n", failure.c_str());
     }
+} catch (const std::bad_alloc&) {
+    std::fputs("veldar: slices were not merged: out of memory\n", stderr);
 }
 
 std::string merge_totals_text(const merge_totals& totals, double seconds) {
