@@ -118,7 +118,7 @@ TEST(MetricsTool, QueriesAgreeWithTheSamples) {
     expect({"*_total", "--since", "@1700000010.5", "--until", "@1700000030.25"}, [](const sample& one) {
         return one.name.ends_with("_total") && one.time_ms >= 1700000010500 && one.time_ms < 1700000030250;
     });
-    expect({"cpu*", "d*used", "-w", "host=\\::", "-w", "a:b%!= ::"}, [&](const sample& one) {
+    expect({"cpu*", "disk.used", "-w", "host=\\::", "-w", "a:b%!= ::"}, [&](const sample& one) {
         return one.name != "disk.used_total" && label(one, "host") == "\\::" && label(one, "a:b%") != " ::";
     });
     expect({"cpu", "-w", "metric_name=*", "-w", "source!=*"}, [&](const sample& one) {
@@ -152,6 +152,8 @@ TEST(MetricsTool, MalformedLinesAndLabels) {
               sample_lines("net_in{host=\"h1\",if=\"a\\nb\"} 3 102\nnet_in{host=\"h1\",if=\"eth0\"} 1 100\n"
                            "net_in{host=\"h1\",if=\"lo\"} 4 103\nnet_out{host=\"h1\",if=\"eth0\"} 2 100\n"
                            "net_out{host=\"h1\",if=\"eth0\"} 2 101\nnet_out{host=\"h1\",if=\"lo\"} 5 103\n"));
+    EXPECT_EQ(must({"metrics", "--dir", index, "query", "n*t", "-w", "if=lo"}),  // net_in holds a t too
+              "1970-01-01T00:01:43Z\t5\tnet_out{host=\"h1\",if=\"lo\"}\n");
     arguments.insert(arguments.begin() + 4, {"--strict", "--again"});
     EXPECT_EQ(run_tool(TOOL, arguments).status, 2);
     EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 8u);
