@@ -346,7 +346,9 @@ TEST_F(Directory, Leftovers) {
 // what is left of its number in the file's name.
 TEST_F(Directory, LeftoversThatWereCutOff) {
     const temp_dir dir;
-    const std::string whole = read_file(forge_file(dir.path(), {simple_event(7)}, forge_as_created(4), 1000));
+    std::vector<forge_event> events;
+    for (uint32_t i = 0; i < 30; i++) events.push_back(simple_event(7, i, ("t" + std::to_string(i)).c_str()));
+    const std::string whole = read_file(forge_file(dir.path(), events, forge_as_created(4), 1000));
     const uint64_t gone = (static_cast<uint64_t>(process_that_is_gone()) % 65535) << 16;
     const auto pre = [&](size_t size) { return dir.file("7-7-" + std::to_string(gone | size) + ".pre-tsidx"); };
     std::vector<std::string> kept = {pre(whole.size()), pre(whole.size() + 1)};
