@@ -179,10 +179,10 @@ TEST(Dimset, WalksOfSomeSets) {
     filter.begin = 100;
     filter.end = 2900;
     ASSERT_TRUE(filter.bm.alloc(_calc_bitmap_size(filter.begin, filter.end)));
-    for (size_t i = 0; i < 350; i++) filter.bm[i] = 0x81;
+    for (size_t i = 0; i < 350; i++) filter.bm[i] = 0x03;
     std::set<uint32_t> expected, visited;
     for (uint32_t bit = 0; bit < 2800; bit++) {
-        if (const uint32_t set = 2999 - (100 + bit); set >= 500 && (bit % 8 == 0 || bit % 8 == 7)) expected.insert(set);
+        if (const uint32_t set = 2999 - (100 + bit); set >= 500 && bit % 8 < 2) expected.insert(set);
     }
     const auto visit = [](uint32_t id, const ds_dimset_t*, void* ctx, warm_rc_t*) {
         return static_cast<std::set<uint32_t>*>(ctx)->insert(id).second ? 0 : 1;

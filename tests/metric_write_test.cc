@@ -133,7 +133,7 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
             events[i].measures = {{"m", 1}};
         }
         ASSERT_EQ(put_metric_event(tsidx, events[i], i), 0);
-        if (i == 30) {
+        if (i == 29) {
             ASSERT_EQ(st_tsidx_sync(tsidx), 0);
         }
     }
