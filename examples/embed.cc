@@ -23,7 +23,6 @@ int main(int argc, char** argv) {
 
     veldar::QUERY query;
     veldar::st_query_init(&query);
-    query.latest = {INT32_MAX, 0};  // no upper bound
     query.lispy = "[AND error]";
     veldar::st_tsval newest[5];
     const int count = veldar::st_query(index, &query, newest, 5, 1);

@@ -92,6 +92,14 @@ os_host_name::os_host_name() {
     text[sizeof text - 1] = '\0';
 }
 
+int osfile_flush(int fd) {
+    int result;
+    do {
+        result = ::fsync(fd);
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
+
 void portable_timeval_now(portable_timeval* out) {
     struct timeval now;
     ST_ASSERT(::gettimeofday(&now, nullptr) == 0);

@@ -31,6 +31,8 @@ int ospath_link(const char* path, const char* second_name);
 // writing them fails: else the next file that is opened gets such a number, and what is meant for a terminal is written
 // into it. For the start of a program.
 void osfile_open_standard();
+// Brings a file's bytes, or a directory's names, to the disk: 0, or -1 with errno. An interrupted flush goes on.
+int osfile_flush(int fd);
 
 // The host's name, which has at most 64 characters; empty when the system tells none.
 struct os_host_name {

@@ -179,7 +179,7 @@ int bitmap_writer_append(bitmap_writer_t* bw, uint32_t id, warm_rc_t* rc) {
     const uint64_t append_offset = bw->buf_start_pos + bit / 8;
     ST_ASSERT(append_offset < bw->buf_size);
     bw->buf[append_offset] = static_cast<uint8_t>(bw->buf[append_offset] | 1u << bit % 8);
-    bw->buf_pos = append_offset + 1;
+    bw->buf_pos = std::max(bw->buf_pos, append_offset + 1);
     return _set_rc(rc, WARM_RC_OK);
 }
 

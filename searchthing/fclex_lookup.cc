@@ -47,26 +47,44 @@ class first_term_reader {
     first_term_reader(FCLEX* lex, st_query_info_t* stats) : lex_(lex), stats_(stats) {}
 
     // The first term of a block, cut to 2047 bytes, valid until the next call. All further calls of the search ask for
-    // blocks from `low` to `high`.
+    // blocks from `low` to `high`. Where the block ends does not matter.
     int read(uint64_t block, uint64_t low, uint64_t high, std::span<const uint8_t>* term) {
         std::span<const uint8_t> bytes;
         if (!fclex_in_file(lex_)) {
-            ST_TRY(fclex_fetch_block(lex_, block, stats_, &bytes));
-        } else {
-            ST_TRY(probe(extent_of(block, low, high), &bytes));
+            ST_TRY(from_memory(fclex_block_extent(lex_, block, stats_), &bytes));
+            return decode(bytes, term) ? 0 : WARM_RC_CORRUPT;
         }
-        uint32_t length;
-        const uint32_t used = vbe_decode_bounded(&length, bytes.data(), bytes.data() + bytes.size());
-        if (used == 0) return WARM_RC_CORRUPT;
-        const std::span<const uint8_t> text = bytes.subspan(used);
-        const uint32_t cut = std::min(length, ST_MAX_TERM_LENGTH);
-        if (cut > text.size()) return WARM_RC_CORRUPT;
-        *term = text.first(cut);
-        return 0;
+        const fclex_extent extent = extent_of(block, low, high);
+        if (extent.start == FCLEX_BAD_OFFSET) return WARM_RC_READ;
+        if (extent.start >= probe_start_ && extent.end <= probe_end_ && decode(probed(extent), term)) return 0;
+        ST_TRY(probe(extent));
+        return decode(probed(extent), term) ? 0 : WARM_RC_CORRUPT;
     }
 
   private:
     static constexpr uint64_t WINDOW_ENTRIES = 512;
+
+    static bool decode(std::span<const uint8_t> bytes, std::span<const uint8_t>* term) {
+        uint32_t length;
+        const uint32_t used = vbe_decode_bounded(&length, bytes.data(), bytes.data() + bytes.size());
+        const uint32_t cut = std::min(length, ST_MAX_TERM_LENGTH);
+        if (used == 0 || cut > bytes.size() - used) return false;
+        *term = bytes.subspan(used, cut);
+        return true;
+    }
+
+    // A body without a limit has nothing but the block's end to say where its bytes end.
+    int from_memory(const fclex_extent& extent, std::span<const uint8_t>* bytes) const {
+        if (lex_->body_limit == 0) {
+            ST_TRY(fclex_check_extent(lex_, extent));
+            *bytes = {lex_->blocks + extent.start, extent.size()};
+            return 0;
+        }
+        const uint64_t at = static_cast<uint64_t>(lex_->blocks - lex_->body) + extent.start;
+        if (at > lex_->body_limit) return WARM_RC_CORRUPT;
+        *bytes = {lex_->body + at, lex_->body_limit - at};
+        return 0;
+    }
 
     fclex_extent extent_of(uint64_t block, uint64_t low, uint64_t high) {
         const uint64_t first = low == 0 ? 0 : low - 1;
@@ -85,23 +103,22 @@ class first_term_reader {
         window_count_ = count;
     }
 
-    // The bytes at the start of a block, in the block cache.
-    int probe(const fclex_extent& extent, std::span<const uint8_t>* bytes) {
+    // Reads the bytes at the start of a block into the block cache. Always the whole probe, which may pass the end of
+    // the lexicon; a file's tail gives fewer bytes.
+    int probe(const fclex_extent& extent) {
         if (lex_->block_cache_size < PROBE_SIZE) return WARM_RC_FAILED;
-        if (extent.start == FCLEX_BAD_OFFSET || extent.end == FCLEX_BAD_OFFSET) return WARM_RC_READ;
-        if (extent.end < extent.start) return WARM_RC_CORRUPT;
-        if (extent.start < probe_start_ || extent.end > probe_end_) {
-            // Always the whole probe, which may pass the end of the lexicon; a file's tail gives fewer bytes.
-            const uint64_t blocks = fclex_blocks_offset(fclex_block_count(lex_));
-            const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + blocks + extent.start;
-            const int64_t got = st_timed_pread_msg(lex_->fd, lex_->block_cache, PROBE_SIZE, at, stats_, false);
-            probe_start_ = extent.start;
-            probe_end_ = extent.start + (got < 0 ? 0 : static_cast<uint64_t>(got));
-            if (got < 1) return WARM_RC_READ;
-        }
-        const uint64_t size = std::min(probe_end_ - extent.start, uint64_t{extent.size()});
-        *bytes = {lex_->block_cache + (extent.start - probe_start_), size};
-        return 0;
+        const uint64_t blocks = fclex_blocks_offset(fclex_block_count(lex_));
+        const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + blocks + extent.start;
+        const int64_t got = st_timed_pread_msg(lex_->fd, lex_->block_cache, PROBE_SIZE, at, stats_, false);
+        probe_start_ = extent.start;
+        probe_end_ = extent.start + (got < 0 ? 0 : static_cast<uint64_t>(got));
+        return got < 1 ? WARM_RC_READ : 0;
+    }
+
+    // What the probe holds from the start of a block on.
+    std::span<const uint8_t> probed(const fclex_extent& extent) const {
+        if (extent.start > probe_end_) return {};
+        return {lex_->block_cache + (extent.start - probe_start_), probe_end_ - extent.start};
     }
 
     FCLEX* lex_;

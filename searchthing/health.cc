@@ -19,21 +19,16 @@ uint32_t seconds_between(st_time_t from, st_time_t to) {
     return static_cast<uint32_t>(to) - static_cast<uint32_t>(from);
 }
 
-// Whether the histogram can hold the range beside the others: its number of seconds must fit 32 bits.
-bool can_add(const health_stat& stat, const st_filename_metadata_t& meta) {
-    if (meta.latest < meta.earliest) return false;
-    const st_time_t earliest = std::min(stat.most_earliest, meta.earliest);
-    const st_time_t latest = std::max(stat.most_latest, meta.latest);
-    return seconds_between(earliest, latest) != std::numeric_limits<uint32_t>::max();
-}
-
 int add_slices(TSIDX* tsidx, health_stat* stat) {
     health_stat_init(stat);
     tsidx_listing_t slices;
     ST_TRY(tsidx_list(tsidx->path.c_str(), &slices, &tsidx->last_failure));
     for (const tsidx_slice_name_t& slice : slices) {
-        if (can_add(*stat, slice.meta)) health_add_range(stat, slice.meta.earliest, slice.meta.latest);
+        health_add_range(stat, slice.meta.earliest, slice.meta.latest);
     }
+    // The number of all seconds does not fit the histogram's 32 bits. One less makes the same buckets.
+    const bool all_time = seconds_between(stat->most_earliest, stat->most_latest) == UINT32_MAX;
+    if (all_time && !slices.empty()) stat->most_latest--;
     return 0;
 }
 
@@ -60,6 +55,7 @@ void health_histogram(const health_stat* hs, uint32_t* histogram, uint32_t hist_
     const uint32_t seconds = std::max(seconds_between(hs->most_earliest, hs->most_latest) + 1, 1u);
     const uint32_t width = seconds / hist_size + (seconds % hist_size != 0 ? 1 : 0);
     for (uint32_t i = 0; i < std::min(hs->count, HEALTH_MAX_RANGES); i++) {
+        if (hs->ranges[i].latest < hs->ranges[i].earliest) continue;
         const uint32_t first = seconds_between(hs->most_earliest, hs->ranges[i].earliest) / width;
         const uint32_t last = seconds_between(hs->most_earliest, hs->ranges[i].latest) / width;
         for (uint64_t j = first; j <= last; j++) {
@@ -85,8 +81,8 @@ int tsidx_health_histogram(TSIDX* tsidx, health_stat* stat, uint32_t* histogram)
         _set_rc(&tsidx->last_failure, WARM_RC_NO_MEMORY);
         return -1;
     }
-    if (stat->count == 0) return 0;
-    health_histogram(stat, histogram, HEALTH_BUCKETS);
+    // Names may all be reversed.
+    if (stat->most_latest >= stat->most_earliest) health_histogram(stat, histogram, HEALTH_BUCKETS);
     const uint32_t rating = health_histogram_rating(stat, histogram, HEALTH_BUCKETS);
     const uint32_t share = stat->count < MANY_SLICES ? 0 : (1000 - 10000 / stat->count) >> 1;
     return static_cast<int>(rating + share);

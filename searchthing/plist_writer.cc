@@ -63,6 +63,7 @@ int _plist_writer_rle_put_helper(plist_writer_t* plw, uint32_t cur_value) {
 int _plist_writer_bmap_put_helper(plist_writer_t* plw, uint32_t value) {
     ST_ASSERT(plw->plo_type == PLO_BMAP);
     if (plw->count_forterm > 0 && value == plw->last_value) return 0;
+    ST_ASSERT(plw->count_forterm == 0 || value > plw->last_value);
     ST_TRY(bitmap_writer_append(&plw->bitmap, value, &plw->rc));
     count_value(plw, value);
     return 0;

@@ -44,10 +44,21 @@ void st_query_free_copy(st_query_spec* query) {
     delete query;
 }
 
+st_query_spec query_with_bounds(const st_query_spec& query) {
+    st_query_spec bounded = query;
+    const bool untouched = query.earliest == st_timeval_t{} && query.latest == st_timeval_t{};
+    if (untouched && (query.opt_flag & QUERY_BOUNDED) == 0) {
+        bounded.earliest = {FIRST_SECOND, 0};
+        bounded.latest = {NO_UPPER_BOUND, 0};
+    }
+    return bounded;
+}
+
 void st_query_set_time_bound(st_query_spec* query, bool with_subseconds, int earliest_seconds,
                              unsigned long earliest_subseconds, int latest_seconds, unsigned long latest_subseconds) {
     query->earliest = {earliest_seconds, with_subseconds ? earliest_subseconds : 0};
     query->latest = last_included(with_subseconds, {latest_seconds, latest_subseconds});
+    query->opt_flag |= QUERY_BOUNDED;
     const bool nothing_before = latest_seconds == FIRST_SECOND && (!with_subseconds || latest_subseconds == 0);
     if (nothing_before) query->earliest.time_s = std::max(query->earliest.time_s, FIRST_SECOND + 1);
 }

@@ -32,14 +32,16 @@ int fail(bracket_parser* parser, int status, const char* message) {
     return _set_rc_verbose(parser->rc, status, static_cast<uint32_t>(parser->error_position), message);
 }
 
+int fail_token(bracket_parser* parser, int status) {
+    return fail(parser, status, status == WARM_RC_QUERY_END ? "the query text ends here" : "a token cannot be read");
+}
+
 int read_token(bracket_parser* parser, token* out) {
     char text[TOKEN_BUFFER];
     size_t position = parser->tokenizer._pos;
     parser->error_position = position;
     const int size = next_token(&parser->tokenizer, text, TOKEN_BUFFER, &position, &out->type);
-    if (size < 0) {
-        return fail(parser, size, size == WARM_RC_QUERY_END ? "the query text ends here" : "a token cannot be read");
-    }
+    if (size < 0) return fail_token(parser, size);
     parser->error_position = position;
     out->position = position;
     out->text.assign(text, static_cast<size_t>(size));
@@ -220,10 +222,12 @@ bool inside_group(bracket_parser* parser) {
 }
 
 int close_bracket(bracket_parser* parser) {
-    token closing;
-    ST_TRY(read_token(parser, &closing));
-    if (closing.type != T_CLOSE_BRACE) return fail(parser, WARM_RC_QUERY_TOKEN, "a closing bracket was expected");
-    return 0;
+    parser->error_position = parser->tokenizer._pos;
+    const int status = discard_next(&parser->tokenizer, T_CLOSE_BRACE);
+    if (status == 0) return 0;
+    if (status != TOKEN_UNEXPECTED) return fail_token(parser, status);
+    parser->error_position = parser->tokenizer._pos;
+    return fail(parser, WARM_RC_QUERY_TOKEN, "a closing bracket was expected");
 }
 
 int read_negation(bracket_parser* parser) {

@@ -72,6 +72,7 @@ int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsec
                                  st_multikv_seek_addr_t seek_address, st_measure_t measure, st_source_t source,
                                  st_src_type_t source_type, st_host_t host) {
     TSIDX* const tsidx = directory_of(thing);
+    const st_txn before = thing->txn;
     thing->txn = {.time = time,
                   .subsecond = subsecond,
                   .address = address,
@@ -81,7 +82,9 @@ int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsec
                   .source_type = source_type,
                   .host = host,
                   .reserved = 0};
-    return st_tsidx_txn_start(tsidx, &thing->txn);
+    const int started = st_tsidx_txn_start(tsidx, &thing->txn);
+    if (started != 0) thing->txn = before;  // of a transaction that is still open
+    return started;
 }
 
 int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
@@ -101,6 +104,10 @@ int st_txn_put_measure(THING* thing, const char* text, size_t length, st_measure
 
 int st_txn_close(THING* thing) {
     return st_tsidx_txn_close(directory_of(thing), &thing->txn);
+}
+
+void st_txn_abort(THING* thing) {
+    st_tsidx_txn_abort(directory_of(thing));
 }
 
 int st_autotune(THING* thing, int enable) {
@@ -131,6 +138,9 @@ uint64_t st_max_values(const THING* thing) {
 }
 uint64_t st_txn_per_sync(const THING* thing) {
     return st_tsidx_txn_per_sync(directory_of(thing));
+}
+uint64_t st_keywords_cut(const THING* thing) {
+    return st_tsidx_keywords_cut(directory_of(thing));
 }
 int st_get_warm_rc(const THING* thing) {
     return st_tsidx_get_warm_rc(directory_of(thing));

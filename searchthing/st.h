@@ -11,8 +11,7 @@
 //   if (st_sync(thing) != 0) ...                some events since the last good sync are not in the index
 //
 //   QUERY query;
-//   st_query_init(&query);
-//   query.latest = {2147483647, 0};             no upper bound
+//   st_query_init(&query);                      all time; st_query_set_time_bound asks for less
 //   query.lispy = "[AND error [NOT debug]]";
 //   st_tsval answers[100];
 //   int count = st_query(thing, &query, answers, 100, 1);
@@ -48,7 +47,7 @@ inline constexpr uint32_t ST_OPEN_STREAMING = 1;  // events come in order of tim
 inline constexpr uint32_t ST_OPEN_METRICS = 2;
 
 // A handle for reading an existing or future directory, which it does not change. Null for a null or empty path or
-// without memory.
+// without memory. As long as there is no such directory, everything that reads it fails with -4 and errno ENOENT.
 THING* st_open_for_read(const char* path);
 // A handle for writing. Null for a null or empty path, a write level outside 1 to 4, a directory that the process may
 // not read, write and search, or without memory. `limit` is the number that tells writers of one directory apart;
@@ -59,13 +58,13 @@ int st_sync(THING* thing);
 // Syncs and ends the handle: see st_tsidx_close. -1 for a null handle. The handle is gone whatever the result.
 int st_close(THING* thing);
 
-// One event: start, any number of puts, close; see st_tsidx_txn_start, _put and _close. `address` is the event's key,
-// where the raw event lies: two events with one address end up in different slices, at a cost. Outside metric
-// directories `subsecond` is kept in memory only, and the value's measure, an integer of 31 bits, is `seek_address`.
-// Metric directories keep the milliseconds of `subsecond` (tsval_encode_milliseconds) when the write options ask for
-// them; st_txn_put_measure puts the name of a metric, " metric_name::cpu.load", with what was measured. Keywords
-// without a leading blank are found there as well, at exactly the events that they were put with; each combination of
-// keywords is a set of its own, so that one that differs from event to event makes a set an event.
+// One event: start, any number of puts, close or abort; see st_tsidx_txn_start, _put, _close and _abort. `address` is
+// the event's key, where the raw event lies: two events with one address end up in different slices, at a cost. Outside
+// metric directories `subsecond` is kept in memory only, and the value's measure, an integer of 31 bits, is
+// `seek_address`. Metric directories keep the milliseconds of `subsecond` (tsval_encode_milliseconds) when the write
+// options ask for them; st_txn_put_measure puts the name of a metric, " metric_name::cpu.load", with what was measured.
+// Keywords without a leading blank are found there as well, at exactly the events that they were put with; each
+// combination of keywords is a set of its own, so that one that differs from event to event makes a set an event.
 int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
                  st_host_t host);
 int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsecond_t subsecond, st_addr_t address,
@@ -74,6 +73,7 @@ int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsec
 int st_txn_put(THING* thing, const char* text, size_t length);
 int st_txn_put_measure(THING* thing, const char* text, size_t length, st_measure_t measure);
 int st_txn_close(THING* thing);
+void st_txn_abort(THING* thing);
 
 // The functions of tsidx.h of the same names.
 int st_autotune(THING* thing, int enable);
@@ -85,6 +85,7 @@ uint64_t st_max_term_chars(const THING* thing);
 uint64_t st_max_postings(const THING* thing);
 uint64_t st_max_values(const THING* thing);
 uint64_t st_txn_per_sync(const THING* thing);
+uint64_t st_keywords_cut(const THING* thing);
 int st_get_warm_rc(const THING* thing);
 int st_get_warm_errno(const THING* thing);
 int st_need_optimize(const THING* thing);

@@ -57,7 +57,7 @@ void tune(TSIDX* tsidx, int code) {
 }
 
 HOT* create_hot(TSIDX* tsidx, warm_rc_t* rc) {
-    const tsidx_limits_t& l = tsidx->limits;
+    const tsidx_limits_t l = tsidx_writable_limits(tsidx->limits, tsidx->is_msidx);
     return st_hot_slice_create(l.lexicon_bytes, l.max_terms, l.max_postings, l.max_values, l.keywords_per_txn,
                                l.dimset_words, l.max_dimset_measures, tsidx->streaming, tsidx->is_msidx, &tsidx->opts,
                                rc);
@@ -189,6 +189,7 @@ int st_tsidx_options(TSIDX* tsidx, uint64_t lexicon_bytes, uint64_t max_terms, u
     if (tsidx->hot != nullptr) {
         const int rc = st_tsidx_sync(tsidx);
         if (rc != 0) _log(0, "ERROR sync failed in options(), rc=%i, path=%s\n", rc, tsidx->path.c_str());
+        tsidx->untold_loss = rc != 0;
         st_hot_slice_close(std::exchange(tsidx->hot, nullptr));
     }
     return 0;
@@ -241,6 +242,9 @@ int st_tsidx_clear_need_optimize(TSIDX* tsidx) {
     return ::unlink(path.buf.val) == 0 || errno == ENOENT ? 0 : WARM_RC_WRITE;
 }
 
+uint64_t st_tsidx_keywords_cut(const TSIDX* tsidx) {
+    return tsidx->keywords_cut;
+}
 const warm_rc_t* st_tsidx_last_failure(const TSIDX* tsidx) {
     return &tsidx->last_failure;
 }

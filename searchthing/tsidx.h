@@ -69,9 +69,13 @@ int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode);
 // Limits of the next hot slice; `max_terms` is rounded up to a power of two.
 void st_tsidx_set_params(TSIDX* tsidx, uint64_t max_terms, uint64_t lexicon_bytes, uint64_t max_postings,
                          uint64_t max_values, uint64_t keywords_per_txn, uint64_t dimset_words);
-// The same for four of them, 0 leaving a limit as it is, applied at once: a hot slice in use is synced first, and a
-// failure of that is logged and shows in st_tsidx_close. 0, or -37 for more postings or values than a hot slice can
-// have.
+// The same for four of them, 0 leaving a limit as it is, applied at once: a hot slice in use is synced first. When that
+// fails, the events lost are told by the next transaction close (which refuses its event), sync or read:
+// TSIDX_SYNC_FAILED. 0, or -37 for more postings or values than a hot slice can have.
+//
+// The limits are what memory is reserved for. A slice ends when one of them is passed by seven eighths (from 65536 on,
+// fifteen sixteenths), earlier for what st_tsidx_txn_close says, and at 2 GiB of lexicon and 138547332 values (metric
+// directories: 69273666) in any case; a transaction that does not fit by itself raises them, as does autotune.
 int st_tsidx_options(TSIDX* tsidx, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings,
                      uint64_t max_values);
 uint64_t st_tsidx_max_terms(const TSIDX* tsidx);
@@ -89,6 +93,8 @@ int st_tsidx_need_optimize(const TSIDX* tsidx);
 int st_tsidx_set_need_optimize(TSIDX* tsidx);
 int st_tsidx_clear_need_optimize(TSIDX* tsidx);
 
+// Keywords of more than 2047 bytes that this handle cut. The first one is logged.
+uint64_t st_tsidx_keywords_cut(const TSIDX* tsidx);
 // The failure of the last sync, transaction call, read or delete that failed in the engine; code 0 after one that
 // succeeded or that was refused with a hot-put result.
 const warm_rc_t* st_tsidx_last_failure(const TSIDX* tsidx);
@@ -105,12 +111,16 @@ const char* st_tsidx_unmoved_slice(const TSIDX* tsidx);
 // the event as the record then is.
 //
 // start: 0, -36 for a source other than all-ones, a source type or a host of 2^31 or more, -17 for a directory opened
-// for reading. Begins afresh: a transaction that was not closed is dropped.
+// for reading, -37 while a transaction is open, which then stays open. One with a refused put has been told of and is
+// over: a start begins afresh.
 int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn);
-// put: 0, also for an empty keyword, which is ignored; HOT_PUT_RC_BAD_KEYWORD for a NUL byte among the first 2047
-// bytes, which refuses this keyword alone; -37 without a transaction; -2, and then close refuses the event. A keyword
-// longer than 2047 bytes is cut. In a metric directory the record's measure goes with the keyword, when that names one.
+// put: 0, also for an empty keyword, which is ignored; -37 without a transaction; HOT_PUT_RC_BAD_KEYWORD for a NUL byte
+// among the first 2047 bytes, or -2, and then close refuses the event with the same result. A keyword longer than 2047
+// bytes is cut and counted (st_tsidx_keywords_cut). In a metric directory the record's measure goes with the keyword,
+// when that names one.
 int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn* txn);
+// abort: drops the open transaction, if there is one.
+void st_tsidx_txn_abort(TSIDX* tsidx);
 // close: 0, and then the event is in the hot slice, whole. An event without keywords leaves no trace. A hot-put result:
 // too large for any hot slice. TSIDX_SYNC_FAILED or another engine status: nothing of the event was applied, see
 // st_tsidx_last_failure. What does not fit syncs the hot slice first, as does an event whose address belongs to another

@@ -212,10 +212,11 @@ int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query) {
     if (query->cumspan != 0) {
         return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a delete takes no cumspan");
     }
-    if (tsidx_is_empty_range(*query)) return 0;
+    const st_query_spec bounded = query_with_bounds(*query);
+    if (tsidx_is_empty_range(bounded)) return 0;
     return delete_found(
-        tsidx, query->earliest.time_s, query->latest.time_s,
-        [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, query, doomed, rc); });
+        tsidx, bounded.earliest.time_s, bounded.latest.time_s,
+        [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, &bounded, doomed, rc); });
 }
 
 void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds) {

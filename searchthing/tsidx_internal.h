@@ -20,7 +20,7 @@ namespace veldar {
 // allocates nothing a keyword.
 struct tsidx_txn_buffer {
     bool open = false;
-    int failed = 0;  // status of a put that lost its keyword
+    int failed = 0;  // result of the first put that lost its keyword
     std::vector<char> arena;
     size_t used = 0;
     std::vector<hot_keyword_t> keywords;
@@ -49,12 +49,14 @@ struct st_tsidx {
 
     warm_rc_t last_failure;
     bool last_sync_failed = false;
+    bool untold_loss = false;  // events were lost by a call whose result did not tell; the next one that can does
     uint64_t slices_written = 0;
     uint64_t txns_written = 0;  // the transactions that are in these slices
     uint64_t txns_in_hot = 0;
     uint32_t parts_written = 0;
     ospath_buf unmoved;
     bool warned_about_addresses = false;
+    uint64_t keywords_cut = 0;
 
     tsidx_cache cache;  // of slices open for reading
     int lock_seconds = 10;

@@ -242,8 +242,6 @@ int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, t
                                      void* context) {
     st_query_spec all;
     st_query_init(&all);
-    all.earliest = {TSIDX_FIRST_TIME, 0};
-    all.latest = {TSIDX_LAST_TIME, 0};
     all.lispy = "[AND]";
     if (query == nullptr) query = &all;
     return tsidx_apply_matches(tsidx, query, fn, context,

@@ -75,6 +75,14 @@ bool tsidx_limits_within(const tsidx_limits_t& limits, const tsidx_limits_t& mos
            limits.max_dimset_measures <= most.max_dimset_measures;
 }
 
+tsidx_limits_t tsidx_writable_limits(const tsidx_limits_t& limits, bool is_msidx) {
+    constexpr uint64_t MAX_VALUES = UINT32_MAX / 31;
+    tsidx_limits_t writable = limits;
+    writable.max_values = std::min(limits.max_values, is_msidx ? MAX_VALUES / 2 : MAX_VALUES);
+    writable.lexicon_bytes = std::min(limits.lexicon_bytes, uint64_t{1} << 31);
+    return writable;
+}
+
 tsidx_params_line serialize_params(const tsidx_limits_t& l, uint32_t writer_number) {
     tsidx_params_line line;
     const int length = std::snprintf(

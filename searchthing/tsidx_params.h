@@ -29,6 +29,9 @@ tsidx_limits_t tsidx_clamp_limits(const tsidx_limits_t& limits);
 
 // Whether no limit is above the other's: a file with one above its range is damaged, and would cost gigabytes.
 bool tsidx_limits_within(const tsidx_limits_t& limits, const tsidx_limits_t& most);
+// Limits that a slice can keep up with, so that what a hot slice has taken can be written: values within 2^32 bits of
+// 31 each (in a metric slice half as many, because every set takes one more), 2 GiB of lexicon.
+tsidx_limits_t tsidx_writable_limits(const tsidx_limits_t& limits, bool is_msidx);
 
 tsidx_params_line serialize_params(const tsidx_limits_t& limits, uint32_t writer_number);
 // False, and the limits as they were, unless the whole text is well formed. The numbers are not clamped.

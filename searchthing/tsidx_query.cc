@@ -263,10 +263,11 @@ int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* fi
 int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity, int is_exact) {
     ST_TRY(tsidx_check_query(tsidx, query));
     ST_ASSERT(answers != nullptr || capacity == 0);
-    if (tsidx_is_empty_range(*query) || capacity == 0) return 0;
-    return gather(tsidx, query->earliest.time_s, query->latest.time_s, answers, capacity,
+    const st_query_spec bounded = query_with_bounds(*query);
+    if (tsidx_is_empty_range(bounded) || capacity == 0) return 0;
+    return gather(tsidx, bounded.earliest.time_s, bounded.latest.time_s, answers, capacity,
                   [&](WARM* warm, st_time_t from, st_tsval* events, uint32_t wanted, warm_rc_t* rc) {
-                      st_query_spec narrowed = *query;
+                      st_query_spec narrowed = bounded;
                       if (from > narrowed.earliest.time_s) narrowed.earliest = {from, 0};
                       return warm_slice_search(warm, &narrowed, events, wanted, is_exact != 0, nullptr, rc);
                   });
@@ -301,14 +302,16 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
         return 0;
     }
     ST_TRY(tsidx_check_query(tsidx, query));
-    if (tsidx_is_empty_range(*query)) return 0;
+    const st_query_spec bounded = query_with_bounds(*query);
+    if (tsidx_is_empty_range(bounded)) return 0;
     return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         uint64_t total = 0;
         const int64_t status =
-            tsidx_each_slice(snapshot, query->earliest.time_s, query->latest.time_s, [&](size_t i) -> int64_t {
+            tsidx_each_slice(snapshot, bounded.earliest.time_s, bounded.latest.time_s, [&](size_t i) -> int64_t {
                 uint64_t matches = 0;
                 warm_rc_t rc;
-                if (warm_slice_count(snapshot.warm(i), query, &matches, nullptr, &rc) != 0) return snapshot.fail(i, rc);
+                if (warm_slice_count(snapshot.warm(i), &bounded, &matches, nullptr, &rc) != 0)
+                    return snapshot.fail(i, rc);
                 total += matches;
                 return 0;
             });

@@ -114,9 +114,10 @@ template <typename Event, typename Walk>
 int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(const Event*, void*), void* context,
                             Walk walk) {
     ST_TRY(tsidx_check_query(tsidx, query));
-    if (tsidx_is_empty_range(*query)) return 0;
+    const st_query_spec bounded = query_with_bounds(*query);
+    if (tsidx_is_empty_range(bounded)) return 0;
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        const int64_t opened = tsidx_open_all(snapshot, query->earliest.time_s, query->latest.time_s);
+        const int64_t opened = tsidx_open_all(snapshot, bounded.earliest.time_s, bounded.latest.time_s);
         if (opened != 0) return opened;
         int64_t total = 0;
         bool stopped = false;
@@ -129,7 +130,7 @@ int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(
         for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
             if (snapshot.warm(i) == nullptr) continue;
             warm_rc_t rc;
-            if (walk(snapshot.warm(i), query, call, &rc) != 0) return snapshot.fail(i, rc);
+            if (walk(snapshot.warm(i), &bounded, call, &rc) != 0) return snapshot.fail(i, rc);
             snapshot.close(i);
         }
         return stopped ? -1 : total;

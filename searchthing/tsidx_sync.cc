@@ -1,13 +1,13 @@
-// Writing the hot slice of a directory as a warm slice under its final name.
+// Writing the hot slice of a directory as a warm slice under its final name, in part mode "<...>.part-tsidx".
 //
 //   create "<...>.pre-tsidx"   whole, in one piece; transient errors are retried, the prepared hot slice being kept
 //   fsync the file             never retried on the same file: after a failure nobody knows what reached the disk
-//   link to "<...>.tsidx"      under a fresh id at every try
+//   close, link to "<...>.tsidx"   under a fresh id at every try
 //   fsync the directory
 //   unlink the ".pre-tsidx"
 //
 // A failure before the link removes the file. One at the link or the directory leaves the complete ".pre-tsidx" behind,
-// and no ".tsidx": whoever is told of a failure finds none of the events in the index.
+// and no slice: whoever is told of a failure finds none of the events in the index.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -62,10 +62,10 @@ bool is_transient(const warm_rc_t& rc) {
 }
 
 warm_owner create_slice(TSIDX* tsidx, const char* suffix, ospath_buf* file) {
+    const auto create = tsidx->durable ? warm_slice_create_durable : st_warm_slice_create;
     for (backoff pause;;) {
         errno = 0;
-        warm_owner warm(
-            st_warm_slice_create(tsidx->hot, file, tsidx->path.c_str(), suffix, &tsidx->opts, &tsidx->last_failure));
+        warm_owner warm(create(tsidx->hot, file, tsidx->path.c_str(), suffix, &tsidx->opts, &tsidx->last_failure));
         if (warm != nullptr) return warm;
         // Empty when the file is not ours.
         if (file->val[0] != '\0') ::unlink(file->val);
@@ -77,11 +77,11 @@ int flush_directory(TSIDX* tsidx) {
     return tsidx_flush(tsidx, tsidx->path.c_str(), O_DIRECTORY, &tsidx->last_failure);
 }
 
-int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, ospath_buf* final_name) {
+int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, const char* suffix, ospath_buf* final_name) {
     for (backoff pause;;) {
         const int named =
-            st_warm_slice_filename_from_time(final_name, tsidx->path.c_str(), TSIDX_SUFFIX,
-                                             st_warm_slice_earliest(warm), st_warm_slice_latest(warm), &tsidx->rng);
+            st_warm_slice_filename_from_time(final_name, tsidx->path.c_str(), suffix, st_warm_slice_earliest(warm),
+                                             st_warm_slice_latest(warm), &tsidx->rng);
         if (named != 0) return _set_rc_msg(&tsidx->last_failure, named, file);
         if (ospath_link(file, final_name->val) == 0) return 0;
         const int error = errno != 0 ? errno : UNKNOWN_ERRNO;
@@ -94,9 +94,9 @@ int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, ospath_
     }
 }
 
-int move_slice(TSIDX* tsidx, const WARM* warm, const char* file) {
+int move_slice(TSIDX* tsidx, const WARM* warm, const char* file, const char* suffix) {
     ospath_buf final_name;
-    ST_TRY(link_to_final_name(tsidx, warm, file, &final_name));
+    ST_TRY(link_to_final_name(tsidx, warm, file, suffix, &final_name));
     const int flushed = flush_directory(tsidx);
     if (flushed != 0) {
         ::unlink(final_name.val);
@@ -110,16 +110,11 @@ int move_slice(TSIDX* tsidx, const WARM* warm, const char* file) {
 }
 
 // The steps of a sync of a hot slice that holds something: 0 or the status, recorded.
-int write_slice(TSIDX* tsidx, const char* suffix, bool part_mode) {
+int write_slice(TSIDX* tsidx, const char* suffix, const char* final_suffix) {
     ospath_buf file;
     const warm_owner warm = create_slice(tsidx, suffix, &file);
     if (warm == nullptr) return tsidx->last_failure.warm_rc;
-    if (const int flushed = tsidx_flush(tsidx, file.val, 0, &tsidx->last_failure); flushed != 0) {
-        ::unlink(file.val);
-        return flushed;
-    }
-    if (part_mode) return flush_directory(tsidx);
-    const int moved = move_slice(tsidx, warm.get(), file.val);
+    const int moved = move_slice(tsidx, warm.get(), file.val, final_suffix);
     if (moved != 0) {
         tsidx->unmoved = file;
         _log(0, "ERROR slice is complete but was not moved into place. rc=%i, path=%s\n", moved, file.val);
@@ -135,9 +130,9 @@ int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t*
     for (backoff pause; !fd.valid();) {
         fd.reset(::open(path, open_flags | O_RDONLY | O_CLOEXEC));
         if (fd.valid()) break;
-        if (!is_transient(errno) || !pause.wait()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
+        if ((errno != EINTR && !is_transient(errno)) || !pause.wait()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     }
-    if (::fsync(fd.get()) == 0) return 0;
+    if (osfile_flush(fd.get()) == 0) return 0;
     // A file system that cannot flush a directory has nothing to flush there.
     if (errno == EINVAL && (open_flags & O_DIRECTORY) != 0) return 0;
     return _set_rc_msg(rc, WARM_RC_WRITE, path);
@@ -145,21 +140,25 @@ int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t*
 
 int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
     ST_ASSERT(tsidx != nullptr);
+    // Nothing was put since: transactions were refused.
+    if (std::exchange(tsidx->untold_loss, false)) return TSIDX_SYNC_FAILED;
     if (tsidx->hot == nullptr || st_hot_slice_values(tsidx->hot) == 0) return 0;
     if (hot_slice_terms(tsidx->hot) == 0) {  // a slice without terms could not be opened
         st_hot_slice_reset(tsidx->hot);
         return 0;
     }
     char part_suffix[64];
+    const char* final_suffix = TSIDX_SUFFIX;
     if (part_mode != 0) {
         if (tsidx->parts_written > MAX_PART_NUMBER) return TSIDX_PARTS_EXHAUSTED;
         std::snprintf(part_suffix, sizeof part_suffix, ".%u.%u%s", tsidx->parts_written++, tsidx_writer_tag(tsidx),
                       TSIDX_PART_SUFFIX);
-        suffix = part_suffix;
+        suffix = TSIDX_PRE_SUFFIX;
+        final_suffix = part_suffix;
     }
     ST_ASSERT(suffix != nullptr);
     tsidx->unmoved.val[0] = '\0';
-    const int written = write_slice(tsidx, suffix, part_mode != 0);
+    const int written = write_slice(tsidx, suffix, final_suffix);
     st_hot_slice_reset(tsidx->hot);
     const uint64_t txns = std::exchange(tsidx->txns_in_hot, 0);
     tsidx->last_sync_failed = written != 0;

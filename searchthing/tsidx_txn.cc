@@ -24,10 +24,22 @@ int refuse(TSIDX* tsidx, int code) {
     return code;
 }
 
+// Without one of its keywords the event would not be whole: close answers as the first such put did.
+int lose_keyword(TSIDX* tsidx, int code) {
+    if (tsidx->txn.failed == 0) tsidx->txn.failed = code;
+    return code == WARM_RC_NO_MEMORY ? fail(tsidx, code, "transaction buffer") : refuse(tsidx, code);
+}
+
 // An entry of a companion array is never wider than 31 bits.
 bool fits_companions(const st_txn& txn) {
     const auto fits = [](uint32_t value) { return value < uint32_t{1} << 31; };
     return (fits(txn.source) || txn.source == ST_DELETED_SOURCE) && fits(txn.source_type) && fits(txn.host);
+}
+
+void warn_about_length(TSIDX* tsidx, size_t length) {
+    if (tsidx->keywords_cut++ != 0) return;
+    _log(0, "WARN  keywords of more than %u bytes are cut. length=%zu, path=%s\n", ST_MAX_TERM_LENGTH, length,
+         tsidx->path.c_str());
 }
 
 void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t length) {
@@ -148,6 +160,9 @@ int make_room(TSIDX* tsidx, const st_txn* txn) {
 int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn) {
     ST_ASSERT(tsidx != nullptr && txn != nullptr);
     if (!tsidx_is_writable(tsidx)) return fail(tsidx, WARM_RC_UNSUPPORTED, "directory is open for reading");
+    if (tsidx->txn.open && tsidx->txn.failed == 0) {
+        return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "a transaction is open");
+    }
     tsidx->txn.open = false;
     if (!fits_companions(*txn)) return fail(tsidx, WARM_RC_DOES_NOT_FIT, "source, source type or host beyond 31 bits");
     tsidx->txn.open = true;
@@ -163,15 +178,20 @@ int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn
     if (!tsidx->txn.open) return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "no transaction is open");
     if (length == 0) return 0;
     const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
-    if (std::memchr(text, '\0', kept) != nullptr) return refuse(tsidx, HOT_PUT_RC_BAD_KEYWORD);
+    if (std::memchr(text, '\0', kept) != nullptr) return lose_keyword(tsidx, HOT_PUT_RC_BAD_KEYWORD);
+    if (length > kept) warn_about_length(tsidx, length);
     try {
         append_keyword(tsidx->txn, text, kept);
         if (tsidx->is_msidx) tsidx->txn.measures.push_back(txn->measure);
     } catch (const std::bad_alloc&) {
-        tsidx->txn.failed = WARM_RC_NO_MEMORY;
-        return fail(tsidx, WARM_RC_NO_MEMORY, "transaction buffer");
+        return lose_keyword(tsidx, WARM_RC_NO_MEMORY);
     }
     return 0;
+}
+
+void st_tsidx_txn_abort(TSIDX* tsidx) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx->txn.open = false;
 }
 
 int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* given) {
@@ -179,8 +199,8 @@ int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* given) {
     if (!std::exchange(tsidx->txn.open, false)) {
         return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "no transaction is open");
     }
-    // Without a keyword that did not fit into memory, the event would not be whole.
-    if (tsidx->txn.failed != 0) return fail(tsidx, tsidx->txn.failed, "transaction buffer");
+    if (tsidx->txn.failed != 0) return lose_keyword(tsidx, tsidx->txn.failed);
+    if (std::exchange(tsidx->untold_loss, false)) return TSIDX_SYNC_FAILED;
     tsidx->last_failure.warm_rc = 0;
     st_txn txn = *given;
     if (tsidx->is_msidx) {

@@ -69,6 +69,9 @@ struct warm_rc_t {
 
 static_assert(sizeof(warm_rc_t) == 524 && offsetof(warm_rc_t, message) == 12);
 
+// What a code means, in a few words that end without a full stop; never null. A plain text for numbers that have none.
+const char* warm_status_text(int status);
+
 // The setters return the code that they store, so that a failing site is one line: return _set_rc(rc, ...).
 
 // Stores the code. For a failure also stores the current errno and clears detail and message; success touches nothing

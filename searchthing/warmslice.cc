@@ -42,6 +42,11 @@ uint64_t round_up_4(uint64_t size) {
     return (size + 3) & ~uint64_t{3};
 }
 
+int check_path(const char* path, warm_rc_t* rc) {
+    if (path == nullptr) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "filename != nullptr");
+    return *path != '\0' ? 0 : _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "*filename != '\\0'");
+}
+
 int parse_name(const char* path, st_filename_metadata_t* meta, warm_rc_t* rc) {
     *meta = ALL_TIME;
     if (!std::string_view(path).ends_with(TSIDX_SUFFIX)) return 0;
@@ -239,10 +244,7 @@ WARM* st_warm_slice_open_rdonly_from_fd(int fd, const st_filename_metadata_t* fn
 
 WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc) {
     ST_ASSERT(rc);
-    if (path == nullptr) {
-        _set_rc(rc, WARM_RC_INVALID_ARGUMENT);
-        return nullptr;
-    }
+    if (check_path(path, rc) != 0) return nullptr;
     st_filename_metadata_t meta;
     if (parse_name(path, &meta, rc) != 0) return nullptr;
     unique_fd fd = osfile_open_regular(path, O_RDONLY);
@@ -258,10 +260,7 @@ WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc) {
 WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc) {
     ST_ASSERT(rc);
     _set_rc(rc, 0);
-    if (path == nullptr) {
-        _set_rc(rc, WARM_RC_INVALID_ARGUMENT);
-        return nullptr;
-    }
+    if (check_path(path, rc) != 0) return nullptr;
     st_filename_metadata_t meta;
     if (parse_name(path, &meta, rc) != 0) return nullptr;
     warm_owner warm = new_handle(meta, rc);
@@ -312,7 +311,10 @@ st_time_t st_warm_slice_earliest(const WARM* warm) {
 uint64_t st_warm_slice_size(const WARM* warm, warm_rc_t* rc) {
     ST_ASSERT(warm != nullptr);
     uint64_t size = 0;
-    if (osfile_get_size(warm->fd.get(), &size) == 0) return size;
+    if (osfile_get_size(warm->fd.get(), &size) == 0) {
+        _set_rc(rc, 0);
+        return size;
+    }
     _set_rc_msg(rc, WARM_RC_FILE_SIZE, "failed to get warmslice size");
     return 0;
 }
@@ -386,6 +388,7 @@ int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc) {
 }
 
 cs_reader_t* st_warm_slice_cstore(WARM* warm, warm_rc_t* rc) {
+    _set_rc(rc, 0);
     if (warm->cstore != nullptr) return warm->cstore.get();
     const int64_t offset = st_warm_slice_cstore_offset(warm, rc);
     if (offset < 0) return nullptr;

@@ -11,6 +11,7 @@
 
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
+#include "libzero/osfile.h"
 #include "libzero/vbe.h"
 #include "searchthing/warmslice_create_internal.h"
 #include "searchthing/warmslice_values.h"
@@ -210,8 +211,8 @@ int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, cons
 }
 
 // Writes the buffer, padded to a multiple of 8, and the column store behind it; the handle learns the file's size.
-int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char* path, ospath_buf* filename,
-               warm_rc_t* rc) {
+int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char* path, bool durable,
+               ospath_buf* filename, warm_rc_t* rc) {
     const uint64_t size = _offset_cstore(used);
     unique_fd fd(::open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
@@ -224,6 +225,7 @@ int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char*
         ST_TRY(cs_sync_cstore(&metrics->cstore, fd.get(), size, rc));
         warm->file_size += cs_builder_size(&metrics->cstore);
     }
+    if (durable && osfile_flush(fd.get()) != 0) return _set_rc_msg(rc, WARM_RC_WRITE, path);
     return fd.close_checked() == 0 ? 0 : _set_rc_msg(rc, WARM_RC_CLOSE, path);
 }
 
@@ -252,7 +254,10 @@ int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, create_metr
 }
 
 WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
-                         const TSWRITEOPTS* opts, warm_rc_t* rc) {
+                         const TSWRITEOPTS* opts, bool durable, warm_rc_t* rc) {
+    ST_ASSERT(hot != nullptr && filename != nullptr && prefix != nullptr && suffix != nullptr && opts != nullptr);
+    ST_ASSERT(*prefix != '\0');
+    filename->val[0] = '\0';
     uint32_t num_values, num_terms, num_postings, num_dimsets, max_measure_rank;
     if (st_hot_slice_prepare(hot, &num_values, &num_terms, &num_postings, &num_dimsets, &max_measure_rank, rc) != 0) {
         return nullptr;
@@ -282,7 +287,7 @@ WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* pr
         _set_rc_msg(rc, named, "slice file name");
         return nullptr;
     }
-    if (write_file(warm.get(), used, metrics, path.val, filename, rc) != 0) return nullptr;
+    if (write_file(warm.get(), used, metrics, path.val, durable, filename, rc) != 0) return nullptr;
     warm->fname_meta = {.earliest = prepared.earliest, .latest = prepared.latest, .id = id, .kind = 1};
     _set_rc(rc, 0);
     return warm.release();
@@ -292,10 +297,12 @@ WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* pr
 
 WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
                            const TSWRITEOPTS* opts, warm_rc_t* rc) {
-    ST_ASSERT(hot != nullptr && filename != nullptr && prefix != nullptr && suffix != nullptr && opts != nullptr);
-    ST_ASSERT(*prefix != '\0');
-    filename->val[0] = '\0';
-    return _warm_slice_create(hot, filename, prefix, suffix, opts, rc);
+    return _warm_slice_create(hot, filename, prefix, suffix, opts, false, rc);
+}
+
+WARM* warm_slice_create_durable(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix,
+                                const ospath_char_t* suffix, const TSWRITEOPTS* opts, warm_rc_t* rc) {
+    return _warm_slice_create(hot, filename, prefix, suffix, opts, true, rc);
 }
 
 }  // namespace veldar

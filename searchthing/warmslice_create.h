@@ -26,5 +26,9 @@ namespace veldar {
 // the format, -2 memory, -47 path too long, -4 create, -9 write, -11 close, -15 "overrun writing posting".
 WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
                            const TSWRITEOPTS* opts, warm_rc_t* rc);
+// The same, and what is returned has been flushed to the disk: through the descriptor that wrote it, because one that
+// is opened later need not learn of a failed write. -9 when the flush fails.
+WARM* warm_slice_create_durable(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix,
+                                const ospath_char_t* suffix, const TSWRITEOPTS* opts, warm_rc_t* rc);
 
 }  // namespace veldar

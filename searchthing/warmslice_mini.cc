@@ -29,7 +29,7 @@ int copy_range(int from, int to, uint64_t begin, uint64_t end) {
 
 int st_warm_slice_create_mini(const char* path, int out_fd) {
     ST_ASSERT(path != nullptr);
-    if (out_fd < 0) return WARM_RC_INVALID_ARGUMENT;
+    if (out_fd < 0 || *path == '\0') return WARM_RC_INVALID_ARGUMENT;
     const unique_fd fd = osfile_open_regular(path, O_RDONLY);
     if (!fd.valid()) return WARM_RC_OPEN;
     uint64_t file_size = 0;

@@ -462,7 +462,9 @@ TEST_F(Directory, Health) {
         {{{0, 127}, {0, 127}}, 1000},
         {{{0, 127}, {0, 63}}, 500},
         {{{9, 5}, {INT32_MIN, INT32_MAX}}, 0},
-        {{{INT32_MIN, 5}, {0, INT32_MAX}}, 0},
+        {{{9, 5}, {8, 4}}, 0},
+        {{{450, 460}, {500, 400}, {450, 460}}, 1000 * 11 / (2 * 128)},
+        {{{INT32_MIN, 5}, {0, INT32_MAX}}, 1000 / 128},
         {{{INT32_MIN, 5}, {0, INT32_MAX - 1}}, 1000 / 128},
     };
     for (const auto& row : table) {
@@ -480,6 +482,8 @@ TEST_F(Directory, Health) {
         write_file(dir.file(std::to_string(10 * i + 5) + "-" + std::to_string(10 * i) + "-1.tsidx"), "");
     }
     EXPECT_EQ(st_tsidx_health(open_for_reading(dir.path()).get()), 250);
+    write_file(dir.file("100-150-1.tsidx"), "");
+    EXPECT_EQ(st_tsidx_health(open_for_reading(dir.path()).get()), (1000 - 10000 / 21) / 2) << "a reversed one counts";
     EXPECT_EQ(st_tsidx_health(open_for_reading(dir.file("missing")).get()), -1);
 
     health_stat stat;

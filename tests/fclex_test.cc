@@ -201,6 +201,23 @@ TEST(Fclex, CreationRefusesWhatIsNotALexicon) {
     EXPECT_NE(create_body({"a", std::string(40000, 'b')}, 4), "");
 }
 
+// Looking a term up needs the ends of its own block and the starts of those that the search meets.
+TEST(Fclex, ADamagedEndHarmsNoSearchThatNeedsTheStart) {
+    std::vector<std::string> terms;
+    for (int i = 0; i < 4000; i++) terms.push_back("term " + std::to_string(10000 + i));
+    const std::string good = create_body(terms, 8);
+    for (const bool in_file : {false, true}) {
+        for (const char damage : {'\0', '\x7F', '\xFF'}) {
+            std::string body = good;  // block 249 of 500 is the first that is looked at
+            body.replace(12 + 4 * 249, 4, 4, damage);
+            const opened o(body, in_file);
+            for (const int32_t id : {0, 8 * 124, 8 * 249 - 1, 8 * 252, 3999}) {
+                EXPECT_EQ(st_fclex_get(o.lex.get(), terms[static_cast<size_t>(id)].c_str(), nullptr), id);
+            }
+        }
+    }
+}
+
 // A case names the field or byte of the five-term body that is wrong, and what must come of it.
 TEST(Fclex, NamesTheDamage) {
     const struct {

@@ -29,6 +29,11 @@ TEST(St, RefusedOpens) {
     EXPECT_EQ(st_open_for_write(dir.file("missing").c_str(), 0, TSIDX_ORDINARY_WRITER, &opts), nullptr);
     EXPECT_EQ(st_open_for_read(""), nullptr);
     EXPECT_EQ(st_open_for_read(nullptr), nullptr);
+    THING* const missing = st_open_for_read(dir.file("missing").c_str());
+    uint64_t count = 0;
+    EXPECT_EQ(st_event_count(missing, nullptr, &count), WARM_RC_OPEN);
+    EXPECT_EQ(st_get_warm_errno(missing), ENOENT);
+    EXPECT_EQ(st_close(missing), 0);
     EXPECT_EQ(st_close(nullptr), -1);
     EXPECT_EQ(st_sync(nullptr), -1);
     EXPECT_TRUE(files_in(dir.path(), "").empty());
@@ -57,11 +62,28 @@ TEST(St, TransactionsAtEveryLevel) {
         EXPECT_EQ(st_txn_close(thing), 0);
         EXPECT_EQ(st_txn_per_sync(thing), 0u);
         EXPECT_EQ(st_sync(thing), 0);
+        EXPECT_EQ(st_txn_start(thing, 9, 9, 0, 0, 0), 0);
+        EXPECT_EQ(st_txn_put(thing, "dropped", 7), 0);
+        st_txn_abort(thing);
         EXPECT_EQ(st_txn_start(thing, 7, 8, 0, 0, 0), 0);
         EXPECT_EQ(st_txn_put(thing, "alpha", 5), 0);
+        EXPECT_EQ(st_txn_start(thing, 9, 9, 0, 0, 0), WARM_RC_INVALID_ARGUMENT) << "the open one stays as it is";
         EXPECT_EQ(st_txn_close(thing), 0);
         EXPECT_EQ(st_txn_per_sync(thing), 1u);
         EXPECT_EQ(st_need_optimize(thing), 1);
+        // Without bounds, and from the first second of 1970 up to the second one.
+        QUERY query;
+        st_query_init(&query);
+        query.lispy = "[AND alpha]";
+        st_tsval answers[3];
+        EXPECT_EQ(st_query(thing, &query, answers, 3, 1), 2);
+        uint64_t count = 0;
+        EXPECT_TRUE(st_event_count(thing, &query, &count) == 0 && count == 2);
+        EXPECT_EQ(st_apply_events(
+                      thing, &query, [](const st_tsval*, void*) { return 1; }, nullptr),
+                  2);
+        st_query_set_time_bound(&query, false, 0, 0, 1, 0);
+        EXPECT_EQ(st_query(thing, &query, answers, 3, 1), 0);
         EXPECT_EQ(st_close(thing), 0);
         const std::vector<forge_event> expected = {
             {.time = 5, .address = 6, .measure = 12, .s = 1, .st = 2, .h = 3, .terms = {"alpha", "beta"}},

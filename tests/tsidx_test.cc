@@ -9,6 +9,7 @@
 #include <string>
 
 #include "searchthing/tsidx_params.h"
+#include "searchthing/warmslice_values.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
@@ -76,11 +77,22 @@ TEST(Tsidx, Keywords) {
     EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), WARM_RC_INVALID_ARGUMENT);
     EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_INVALID_ARGUMENT);
     ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
-    EXPECT_EQ(put("dropped with its transaction"), 0);
-    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
-    EXPECT_EQ(put(""), 0);
+    EXPECT_EQ(put("refused with its transaction"), 0);
     EXPECT_EQ(put(std::string("a\0b", 3)), HOT_PUT_RC_BAD_KEYWORD);
     EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
+    EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), WARM_RC_INVALID_ARGUMENT) << "it is over";
+    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
+    {
+        const std::string long_term(2047, 'x');
+        const fault_step starved(fault_action::allocation, 1, 0, 1);
+        for (int i = 0; i < 100 && starved.allocations() == 0; i++) static_cast<void>(put(long_term));
+    }
+    EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), WARM_RC_NO_MEMORY);
+    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
+    EXPECT_EQ(put(std::string("a\0b", 3)), HOT_PUT_RC_BAD_KEYWORD);
+    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0) << "a refused put has told of it";
+    EXPECT_EQ(put(""), 0);
     EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), 0);
     EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
     EXPECT_EQ(slices(dir), 0u) << "an event without keywords leaves no trace";
@@ -91,6 +103,7 @@ TEST(Tsidx, Keywords) {
     EXPECT_EQ(put_event(tsidx.get(), {.h = ~uint32_t{0}, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"kept", std::string(3000, 'x'), "kept"}}), 0);
+    EXPECT_EQ(st_tsidx_keywords_cut(tsidx.get()), 1u);
     ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
     expect_all_indexed(dir, {{.time = 1, .address = 1, .terms = {"kept", std::string(2047, 'x')}}});
 }
@@ -227,6 +240,16 @@ TEST(TsidxParams, Parsing) {
     const temp_dir dir;
     write_file(dir.file(TSIDX_PARAMS_NAME), head + "1|2|3|1152921504606846976|5|6|7|8|");
     EXPECT_EQ(st_tsidx_max_values(open_writer(dir.path()).get()), 131072u);
+
+    // No hot slice takes more than a slice can hold: the widest companion array has as many bits as its format can
+    // count.
+    be32 size, nbits;
+    warm_rc_t rc;
+    const auto values = static_cast<uint32_t>(tsidx_writable_limits(sane, false).max_values);
+    EXPECT_EQ(warm_slice_set_companion(&size, &nbits, values, 31, &rc), 0);
+    EXPECT_EQ(warm_slice_set_companion(&size, &nbits, values + 1, 31, &rc), WARM_RC_DOES_NOT_FIT);
+    EXPECT_EQ(tsidx_writable_limits(sane, true).max_values, values / 2);
+    EXPECT_EQ(tsidx_writable_limits(parsed, true), parsed);
 }
 
 TEST(TsidxParams, AnUnwritableFileKeepsTheOldOne) {
@@ -266,8 +289,11 @@ TEST(TsidxSync, Faults) {
         {fault_call::write, 1, ENOSPC, 1, left::nothing, WARM_RC_WRITE},
         {fault_call::close, 1, EIO, 1, left::nothing, WARM_RC_CLOSE},
         {fault_call::open, 2, EMFILE, 3, left::slice, 0},
-        {fault_call::open, 2, EIO, 1, left::nothing, WARM_RC_OPEN},
+        {fault_call::open, 2, EINTR, 1, left::slice, 0},
+        {fault_call::open, 2, EIO, 1, left::pre_slice, WARM_RC_OPEN},
         {fault_call::fsync, 1, EIO, 1, left::nothing, WARM_RC_WRITE},
+        {fault_call::fsync, 1, EINVAL, 1, left::nothing, WARM_RC_WRITE},
+        {fault_call::fsync, 1, EINTR, 3, left::slice, 0},
         {fault_call::fsync, 2, EIO, 1, left::pre_slice, WARM_RC_WRITE},
         {fault_call::fsync, 2, EINVAL, 1, left::slice, 0},
         {fault_call::link, 1, EEXIST, 59, left::slice, 0},
@@ -275,11 +301,11 @@ TEST(TsidxSync, Faults) {
         {fault_call::link, 1, ENOMEM, 2, left::slice, 0},
         {fault_call::link, 1, EPERM, 1, left::pre_slice, WARM_RC_RETRIES},
         {fault_call::unlink, 1, EPERM, 1, left::both, 0},
-        {fault_call::open, 4, EACCES, 1, left::slice, 0},  // the marker
+        {fault_call::open, 3, EACCES, 1, left::slice, 0},  // the marker
     };
-    for (const auto& row : table) {
+    const auto run = [](const auto& row, bool part) {
         SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(row.call) << " nth " << row.nth << " errno "
-                                        << row.error << " times " << row.times);
+                                        << row.error << " times " << row.times << " part " << part);
         const temp_dir dir;
         directory_ptr tsidx = open_writer(dir.path());
         const std::vector<forge_event> before = {{.time = 3, .address = 4, .terms = {"a"}}};
@@ -287,14 +313,17 @@ TEST(TsidxSync, Faults) {
         {
             const no_pauses pauses;
             const fault broken(row.call, row.nth, row.error, row.times);
-            EXPECT_EQ(st_tsidx_sync(tsidx.get()), row.code == 0 ? 0 : TSIDX_SYNC_FAILED);
+            EXPECT_EQ(part ? st_tsidx_sync_part(tsidx.get()) : st_tsidx_sync(tsidx.get()),
+                      row.code == 0 ? 0 : TSIDX_SYNC_FAILED);
             EXPECT_EQ(broken.hits(), row.times);
             EXPECT_EQ(pauses.microseconds(), row.times < 59 ? pauses.microseconds() : (1023 + 49 * 1000) * 1000u);
         }
         EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), row.code);
         EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), row.code == 0 ? 0 : row.error);
         const bool has_slice = row.outcome == left::slice || row.outcome == left::both;
-        EXPECT_TRUE(read_created_slices(dir.path()) == (has_slice ? before : std::vector<forge_event>{}));
+        const std::vector<std::string> made = files_in(dir.path(), part ? ".part-tsidx" : ".tsidx");
+        EXPECT_EQ(made.size(), has_slice ? 1u : 0u);
+        for (const std::string& path : made) EXPECT_TRUE(read_slice(path) == before);
         const std::vector<std::string> unmoved = files_in(dir.path(), ".pre-tsidx");
         ASSERT_EQ(unmoved.size(), row.outcome == left::pre_slice || row.outcome == left::both ? 1u : 0u);
         EXPECT_EQ(st_tsidx_unmoved_slice(tsidx.get()), row.outcome == left::pre_slice ? unmoved[0] : "");
@@ -306,7 +335,11 @@ TEST(TsidxSync, Faults) {
         // The handle goes on.
         EXPECT_EQ(put_event(tsidx.get(), {.time = 5, .address = 5, .terms = {"b"}}), 0);
         EXPECT_EQ(st_tsidx_close(tsidx.release()), 0);
-        EXPECT_EQ(slices(dir), has_slice ? 2u : 1u);
+        EXPECT_EQ(slices(dir), has_slice && !part ? 2u : 1u);
+    };
+    for (const auto& row : table) {
+        run(row, false);
+        run(row, true);
     }
 }
 
@@ -321,6 +354,29 @@ TEST(TsidxSync, FailureReachesCloseAndTheTransactionThatCausedIt) {
     EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), ENOSPC);
     EXPECT_EQ(st_tsidx_close(tsidx.release()), TSIDX_SYNC_FAILED);
     EXPECT_EQ(slices(dir), 0u) << "nothing of the refused event either";
+
+    // What changing the limits lost is told by whatever can tell it first.
+    for (const char* who : {"close", "sync", "event"}) {
+        SCOPED_TRACE(who);
+        tsidx = open_writer(dir.path());
+        ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"a"}}), 0);
+        {
+            const fault broken(fault_call::write, 1, ENOSPC);
+            EXPECT_EQ(st_tsidx_options(tsidx.get(), 0, 0, 0, 0), 0);
+        }
+        if (*who == 's') {
+            EXPECT_EQ(st_tsidx_sync(tsidx.get()), TSIDX_SYNC_FAILED);
+        }
+        if (*who == 'e') {
+            EXPECT_EQ(put_event(tsidx.get(), {.time = 2, .address = 1, .terms = {"b"}}), TSIDX_SYNC_FAILED);
+            EXPECT_EQ(st_tsidx_get_warm_errno(tsidx.get()), ENOSPC);
+        }
+        const bool told = *who != 'c';
+        if (told) {
+            EXPECT_EQ(put_event(tsidx.get(), {.time = 2, .address = 1, .terms = {"b"}}), 0);
+        }
+        EXPECT_EQ(st_tsidx_close(tsidx.release()), told ? 0 : TSIDX_SYNC_FAILED);
+    }
 }
 
 }  // namespace

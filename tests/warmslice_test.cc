@@ -116,9 +116,11 @@ TEST(WarmSlice, PathsAndNames) {
     const memory_file file;
     for (const open_fn open : OPENS) {
         warm_rc_t rc;
-        EXPECT_EQ(open(nullptr, &rc), nullptr);
-        EXPECT_EQ(rc.warm_rc, WARM_RC_INVALID_ARGUMENT);
-        for (const char* missing : {"", "no/such/file", "no/such/9-5-1.tsidx"}) {
+        for (const char* none : {static_cast<const char*>(nullptr), ""}) {
+            EXPECT_EQ(open(none, &rc), nullptr);
+            EXPECT_TRUE(rc.warm_rc == WARM_RC_INVALID_ARGUMENT && rc.message[0] != '\0');
+        }
+        for (const char* missing : {"no/such/file", "no/such/9-5-1.tsidx"}) {
             EXPECT_EQ(open(missing, &rc), nullptr);
             EXPECT_TRUE(rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT) << missing;
         }
@@ -162,6 +164,8 @@ TEST(WarmSlice, DescriptorsOfFailedOpensStayWithTheCaller) {
     WARM* warm = st_warm_slice_open_rdonly_from_fd(fd.get(), &meta, &rc);
     ASSERT_NE(warm, nullptr) << rc.message;
     EXPECT_EQ(st_warm_slice_earliest(warm), 3);
+    _set_rc(&rc, WARM_RC_FAILED);
+    EXPECT_TRUE(st_warm_slice_size(warm, &rc) == bytes.size() && rc.warm_rc == 0) << "no old status";
     EXPECT_EQ(st_warm_slice_close(warm), 0);
     EXPECT_EQ(::fcntl(fd.get(), F_GETFD), -1) << "closed with the handle";
     static_cast<void>(fd.release());
@@ -196,6 +200,7 @@ TEST(WarmSlice, MiniSlicesHaveValuesAndNothingElse) {
             EXPECT_EQ(st_warm_slice_close(warm), 0);
         }
         EXPECT_EQ(st_warm_slice_create_mini(path.c_str(), -1), WARM_RC_INVALID_ARGUMENT);
+        EXPECT_EQ(st_warm_slice_create_mini("", out.get()), WARM_RC_INVALID_ARGUMENT);
         EXPECT_EQ(st_warm_slice_create_mini("no/such/file", out.get()), WARM_RC_OPEN);
         write_file(dir.file("cut"), read_file(path).substr(0, 200));
         EXPECT_EQ(st_warm_slice_create_mini(dir.file("cut").c_str(), out.get()), WARM_RC_FAILED);

@@ -9,11 +9,15 @@
 #include <unistd.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <new>
 #include <utility>
+#include <vector>
+
+#include "tests/support/call_record.h"
 
 namespace veldar {
 
@@ -84,6 +88,41 @@ Result through(fault_call call, Result failure, Real real) {
     }
     const Result result = real(hit && step.action == fault_action::shorten);
     if (hit && step.action == fault_action::kill_after) ::raise(SIGKILL);
+    return result;
+}
+
+struct {
+    bool on = false;
+    std::vector<std::string> calls = {};
+} record;
+
+std::string shown_name(const std::string& path) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    const size_t dot = name.find('.');
+    return (std::isdigit(name[0]) != 0 || name[0] == '-') && dot != name.npos ? name.substr(dot) : name;
+}
+std::string shown_name(int fd) {
+    char path[4096];
+    const ssize_t size = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return shown_name(std::string(path, size < 0 ? 0 : static_cast<size_t>(size)));
+}
+
+void note(const std::string& call) {
+    for (const char* unrelated : {".lock", "veldar-need", "veldar-autogen"}) {
+        if (call.find(unrelated) != call.npos) return;
+    }
+    if (record.calls.empty() || record.calls.back() != call || !call.starts_with("write")) record.calls.push_back(call);
+}
+
+// Notes a call that has succeeded.
+template <typename Result, typename... Names>
+Result noted(Result result, const char* call, Names... names) {
+    if (!record.on || result < 0) return result;
+    const int saved_errno = errno;
+    std::string text = call;
+    ((text += " " + shown_name(names)), ...);
+    note(text);
+    errno = saved_errno;
     return result;
 }
 
@@ -163,6 +202,16 @@ fake_host::~fake_host() {
     host_name.clear();
 }
 
+call_record::call_record() {
+    record = {.on = true};
+}
+call_record::~call_record() {
+    record = {};
+}
+std::vector<std::string> call_record::take() {
+    return std::exchange(record.calls, {});
+}
+
 no_pauses::no_pauses() {
     pauses = {.skipped = true};
 }
@@ -179,6 +228,7 @@ using veldar::allocation_fails;
 using veldar::fault_call;
 using veldar::flushes_skipped;
 using veldar::maybe_half;
+using veldar::noted;
 using veldar::through;
 using void_ptr = void*;
 using dir_ptr = DIR*;
@@ -204,15 +254,18 @@ int __wrap_open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return through(fault_call::open, -1, [&](bool) { return __real_open(path, flags, mode); });
+    const int fd = through(fault_call::open, -1, [&](bool) { return __real_open(path, flags, mode); });
+    return (flags & O_CREAT) != 0 ? noted(fd, "create", path) : fd;
 }
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    return through(fault_call::write, ssize_t{-1},
-                   [&](bool half) { return __real_write(fd, data, maybe_half(size, half)); });
+    const ssize_t done = through(fault_call::write, ssize_t{-1},
+                                 [&](bool half) { return __real_write(fd, data, maybe_half(size, half)); });
+    return noted(done, "write", fd);
 }
 ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
-    return through(fault_call::pwrite, ssize_t{-1},
-                   [&](bool half) { return __real_pwrite(fd, data, maybe_half(size, half), offset); });
+    const ssize_t done = through(fault_call::pwrite, ssize_t{-1},
+                                 [&](bool half) { return __real_pwrite(fd, data, maybe_half(size, half), offset); });
+    return noted(done, "write", fd);
 }
 ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
     return through(fault_call::pread, ssize_t{-1},
@@ -236,9 +289,16 @@ int __wrap_close(int fd) {
     result __wrap_##name parameters {                                                                        \
         return through(fault_call::call, result(failure), [&](bool) { return __real_##name(__VA_ARGS__); }); \
     }
-WRAP(link, int, -1, link, (const char* from, const char* to), from, to)
-WRAP(unlink, int, -1, unlink, (const char* path), path)
-WRAP(rename, int, -1, rename, (const char* from, const char* to), from, to)
+// One that is noted when it succeeds.
+#define WRAP_NAMES(name, parameters, ...)                                      \
+    int __real_##name parameters;                                              \
+    int __wrap_##name parameters {                                             \
+        const auto real = [&](bool) { return __real_##name(__VA_ARGS__); };    \
+        return noted(through(fault_call::name, -1, real), #name, __VA_ARGS__); \
+    }
+WRAP_NAMES(link, (const char* from, const char* to), from, to)
+WRAP_NAMES(unlink, (const char* path), path)
+WRAP_NAMES(rename, (const char* from, const char* to), from, to)
 WRAP(stat, int, -1, fstat, (int fd, struct stat* out), fd, out)
 WRAP(stat, int, -1, stat, (const char* path, struct stat* out), path, out)
 WRAP(access, int, -1, access, (const char* path, int mode), path, mode)
@@ -250,14 +310,16 @@ WRAP(ftruncate, int, -1, ftruncate, (int fd, off_t size), fd, size)
 WRAP(flock, int, -1, flock, (int fd, int operation), fd, operation)
 
 // One that no_flushes keeps from happening.
-#define WRAP_FLUSH(call, name, parameters, ...)                                                                       \
-    int __real_##name parameters;                                                                                     \
-    int __wrap_##name parameters {                                                                                    \
-        return through(fault_call::call, -1, [&](bool) { return flushes_skipped ? 0 : __real_##name(__VA_ARGS__); }); \
+#define WRAP_FLUSH(call, name, parameters, note, ...)                                             \
+    int __real_##name parameters;                                                                 \
+    int __wrap_##name parameters {                                                                \
+        const auto real = [&](bool) { return flushes_skipped ? 0 : __real_##name(__VA_ARGS__); }; \
+        const int result = through(fault_call::call, -1, real);                                   \
+        return note;                                                                              \
     }
-WRAP_FLUSH(fsync, fsync, (int fd), fd)
-WRAP_FLUSH(fsync, fdatasync, (int fd), fd)
-WRAP_FLUSH(msync, msync, (void* at, size_t size, int flags), at, size, flags)
+WRAP_FLUSH(fsync, fsync, (int fd), noted(result, "sync", fd), fd)
+WRAP_FLUSH(fsync, fdatasync, (int fd), noted(result, "sync", fd), fd)
+WRAP_FLUSH(msync, msync, (void* at, size_t size, int flags), noted(result, "mark"), at, size, flags)
 
 // No file call: fault_step leaves it alone.
 int __wrap_kill(pid_t process, int signal) {
