@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/cstore.h"
+#include "searchthing/columns/cstore.h"
 
 namespace veldar {
 namespace {

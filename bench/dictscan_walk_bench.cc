@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/lexicon_terms.h"
-#include "searchthing/matcher.h"
+#include "searchthing/lexicon/matcher.h"
 
 namespace veldar {
 namespace {

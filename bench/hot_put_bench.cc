@@ -3,7 +3,7 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
-#include "searchthing/tsidx.h"
+#include "searchthing/directory/tsidx.h"
 
 namespace veldar {
 namespace {

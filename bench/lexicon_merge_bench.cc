@@ -6,7 +6,7 @@
 
 #include "bench/lexicon_terms.h"
 #include "bench/scratch_dir.h"
-#include "searchthing/fclex_io.h"
+#include "searchthing/lexicon/fclex_io.h"
 
 namespace veldar {
 namespace {

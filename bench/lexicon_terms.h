@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/fclex.h"
+#include "searchthing/lexicon/fclex.h"
 
 namespace veldar {
 

@@ -8,11 +8,11 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
-#include "tools/veldar/command.h"
-#include "tools/veldar/index_writer.h"
-#include "tools/veldar/loader.h"
-#include "tools/veldar/progress.h"
-#include "tools/veldar/put_line.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/load/loader.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/load/put_line.h"
 
 namespace veldar {
 namespace {

@@ -16,9 +16,9 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
-#include "searchthing/warmslice_create.h"
-#include "searchthing/warmslice_merge.h"
-#include "searchthing/warmslice_search.h"
+#include "searchthing/hot/warmslice_create.h"
+#include "searchthing/merge/warmslice_merge.h"
+#include "searchthing/search/warmslice_search.h"
 
 namespace veldar {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "bench/scratch_dir.h"
 #include "searchthing/st.h"
-#include "searchthing/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {
 namespace {

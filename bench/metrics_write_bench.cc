@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "bench/scratch_dir.h"
-#include "searchthing/cstore.h"
-#include "searchthing/tsidx.h"
-#include "searchthing/tsidx_optimize.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/columns/cstore.h"
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/slice/warmslice.h"
 
 namespace veldar {
 namespace {

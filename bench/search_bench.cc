@@ -11,10 +11,10 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
-#include "searchthing/warmslice_search.h"
-#include "tools/veldar/index_writer.h"
-#include "tools/veldar/progress.h"
-#include "tools/veldar/slices.h"
+#include "searchthing/search/warmslice_search.h"
+#include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/slices.h"
 
 namespace veldar {
 namespace {

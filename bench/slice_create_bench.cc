@@ -6,7 +6,7 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
-#include "searchthing/warmslice_create.h"
+#include "searchthing/hot/warmslice_create.h"
 
 namespace veldar {
 namespace {

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "libzero/endian.h"
-#include "searchthing/cset_internal.h"
-#include "searchthing/cstore.h"
-#include "searchthing/cstore_internal.h"
+#include "searchthing/columns/cset_internal.h"
+#include "searchthing/columns/cstore.h"
+#include "searchthing/columns/cstore_internal.h"
 
 using namespace veldar;
 

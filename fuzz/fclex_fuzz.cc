@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/fclex.h"
+#include "searchthing/lexicon/fclex.h"
 
 using namespace veldar;
 

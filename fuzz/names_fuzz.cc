@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "searchthing/tsidx_list.h"
-#include "searchthing/tsidx_names.h"
+#include "searchthing/directory/tsidx_list.h"
+#include "searchthing/format/tsidx_names.h"
 
 using namespace veldar;
 

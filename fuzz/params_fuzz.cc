@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "searchthing/tsidx_params.h"
+#include "searchthing/directory/tsidx_params.h"
 
 using namespace veldar;
 

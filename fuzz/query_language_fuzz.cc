@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "searchthing/search_frames.h"
-#include "tools/veldar/highlight.h"
-#include "tools/veldar/query_language.h"
+#include "searchthing/search/search_frames.h"
+#include "tools/veldar/output/highlight.h"
+#include "tools/veldar/query/query_language.h"
 
 using namespace veldar;
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "fuzz/slice_walk.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/slice/warmslice.h"
 
 using namespace veldar;
 

@@ -6,13 +6,13 @@
 #include <cstdlib>
 #include <vector>
 
-#include "searchthing/cstore.h"
-#include "searchthing/plist.h"
-#include "searchthing/warmslice.h"
-#include "searchthing/warmslice_meta.h"
-#include "searchthing/warmslice_runs.h"
-#include "searchthing/warmslice_search.h"
-#include "searchthing/warmslice_values.h"
+#include "searchthing/columns/cstore.h"
+#include "searchthing/postings/plist.h"
+#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_meta.h"
+#include "searchthing/slice/warmslice_runs.h"
+#include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice_values.h"
 
 namespace veldar {
 

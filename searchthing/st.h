@@ -23,19 +23,19 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "searchthing/fclex.h"
-#include "searchthing/health.h"
-#include "searchthing/hotslice.h"
-#include "searchthing/log.h"
-#include "searchthing/query.h"
-#include "searchthing/st_init.h"
-#include "searchthing/tsidx.h"
-#include "searchthing/tsidx_delete.h"
-#include "searchthing/tsidx_metric.h"
-#include "searchthing/tsidx_minify.h"
-#include "searchthing/tsidx_names.h"
-#include "searchthing/tsidx_read.h"
-#include "searchthing/warm_rc.h"
+#include "searchthing/lexicon/fclex.h"
+#include "searchthing/directory/health.h"
+#include "searchthing/hot/hotslice.h"
+#include "searchthing/base/log.h"
+#include "searchthing/search/query.h"
+#include "searchthing/base/st_init.h"
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/reading/tsidx_metric.h"
+#include "searchthing/upkeep/tsidx_minify.h"
+#include "searchthing/format/tsidx_names.h"
+#include "searchthing/reading/tsidx_read.h"
+#include "searchthing/base/warm_rc.h"
 
 namespace veldar {
 

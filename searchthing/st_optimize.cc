@@ -5,9 +5,9 @@
 
 #include "libzero/assertions.h"
 #include "libzero/resource.h"
-#include "searchthing/log.h"
-#include "searchthing/tsidx_names.h"
-#include "searchthing/tsidx_optimize.h"
+#include "searchthing/base/log.h"
+#include "searchthing/format/tsidx_names.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {
 

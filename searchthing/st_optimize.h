@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "searchthing/st.h"
-#include "searchthing/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {
 

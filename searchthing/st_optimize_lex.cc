@@ -4,9 +4,9 @@
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
-#include "searchthing/log.h"
-#include "searchthing/tsidx.h"
-#include "searchthing/tsidx_merge_lex.h"
+#include "searchthing/base/log.h"
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/upkeep/tsidx_merge_lex.h"
 
 namespace veldar {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "libzero/ospath-builder.h"
-#include "searchthing/warm_rc.h"
+#include "searchthing/base/warm_rc.h"
 
 namespace veldar {
 

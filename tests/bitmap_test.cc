@@ -1,4 +1,4 @@
-#include "searchthing/bitmap.h"
+#include "searchthing/postings/bitmap.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

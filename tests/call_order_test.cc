@@ -8,14 +8,14 @@
 #include <regex>
 #include <string>
 
-#include "searchthing/st_init.h"
-#include "searchthing/tsidx_delete.h"
-#include "searchthing/tsidx_optimize.h"
+#include "searchthing/base/st_init.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/call_record.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/loader.h"
+#include "tools/veldar/load/loader.h"
 
 namespace veldar {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "libzero/assertions.h"
 #include "libzero/create-crash-dump.h"
-#include "searchthing/warmslice_search.h"
+#include "searchthing/search/warmslice_search.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 

@@ -5,7 +5,7 @@
 #include <set>
 #include <string>
 
-#include "searchthing/warmslice_create.h"
+#include "searchthing/hot/warmslice_create.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"

@@ -1,5 +1,5 @@
 // The column store: what goes in comes out bit for bit, and no damage gets past the checksums.
-#include "searchthing/cstore.h"
+#include "searchthing/columns/cstore.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -17,9 +17,9 @@
 
 #include "libzero/endian.h"
 #include "libzero/resource.h"
-#include "searchthing/cset_internal.h"
-#include "searchthing/timed_read.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/columns/cset_internal.h"
+#include "searchthing/base/timed_read.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/forge_metric.h"

@@ -6,7 +6,7 @@
 #include <random>
 #include <set>
 
-#include "searchthing/dimset_io.h"
+#include "searchthing/columns/dimset_io.h"
 #include "tests/support/faults.h"
 #include "tests/support/temp_dir.h"
 

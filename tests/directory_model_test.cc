@@ -5,8 +5,8 @@
 #include <map>
 #include <random>
 
-#include "searchthing/tsidx_delete.h"
-#include "searchthing/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/query_maker.h"

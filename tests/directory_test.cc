@@ -11,16 +11,16 @@
 #include <set>
 #include <utility>
 
-#include "searchthing/health.h"
-#include "searchthing/merge_manifest.h"
+#include "searchthing/directory/health.h"
+#include "searchthing/directory/merge_manifest.h"
 #include "searchthing/st_optimize_lex.h"
-#include "searchthing/tsidx_delete.h"
-#include "searchthing/tsidx_list.h"
-#include "searchthing/tsidx_minify.h"
-#include "searchthing/tsidx_optimize.h"
-#include "searchthing/tsidx_params.h"
-#include "searchthing/tsidx_snapshot.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/directory/tsidx_list.h"
+#include "searchthing/upkeep/tsidx_minify.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/directory/tsidx_params.h"
+#include "searchthing/reading/tsidx_snapshot.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 

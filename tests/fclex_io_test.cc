@@ -1,4 +1,4 @@
-#include "searchthing/fclex_io.h"
+#include "searchthing/lexicon/fclex_io.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-#include "searchthing/fclex.h"
+#include "searchthing/lexicon/fclex.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/fclex_internal.h"
+#include "searchthing/lexicon/fclex_internal.h"
 
 namespace veldar {
 namespace {

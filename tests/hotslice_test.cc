@@ -1,4 +1,4 @@
-#include "searchthing/hotslice.h"
+#include "searchthing/hot/hotslice.h"
 
 #include <gtest/gtest.h>
 

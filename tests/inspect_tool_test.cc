@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <functional>
 
-#include "searchthing/st_init.h"
-#include "searchthing/tsidx.h"
+#include "searchthing/base/st_init.h"
+#include "searchthing/directory/tsidx.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/forge.h"
@@ -21,10 +21,10 @@
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/command.h"
-#include "tools/veldar/merging.h"
-#include "tools/veldar/slice_events.h"
-#include "tools/veldar/tool_file.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/load/merging.h"
+#include "tools/veldar/query/slice_events.h"
+#include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
 namespace {

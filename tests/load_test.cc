@@ -11,16 +11,16 @@
 #include <filesystem>
 #include <random>
 
-#include "searchthing/tsval.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/values/tsval.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/faults.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/foreign_content.h"
-#include "tools/veldar/loader.h"
-#include "tools/veldar/raw_reader.h"
-#include "tools/veldar/slices.h"
-#include "tools/veldar/tool_file.h"
+#include "tools/veldar/store/foreign_content.h"
+#include "tools/veldar/load/loader.h"
+#include "tools/veldar/store/raw_reader.h"
+#include "tools/veldar/store/slices.h"
+#include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
 namespace {

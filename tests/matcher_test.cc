@@ -1,4 +1,4 @@
-#include "searchthing/matcher.h"
+#include "searchthing/lexicon/matcher.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include <map>
 
 #include "searchthing/st_optimize_lex.h"
-#include "searchthing/tsidx_merge_lex.h"
+#include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"

@@ -10,8 +10,8 @@
 #include <set>
 #include <tuple>
 
-#include "searchthing/merge_encode.h"
-#include "searchthing/warmslice_values.h"
+#include "searchthing/merge/merge_encode.h"
+#include "searchthing/slice/warmslice_values.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/forge.h"

@@ -5,10 +5,10 @@
 #include <memory>
 #include <random>
 
-#include "searchthing/search_literals.h"
-#include "searchthing/warmslice_meta.h"
-#include "searchthing/warmslice_runs.h"
-#include "searchthing/warmslice_search.h"
+#include "searchthing/search/search_literals.h"
+#include "searchthing/slice/warmslice_meta.h"
+#include "searchthing/slice/warmslice_runs.h"
+#include "searchthing/search/warmslice_search.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/reference.h"

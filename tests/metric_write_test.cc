@@ -5,12 +5,12 @@
 #include <memory>
 #include <random>
 
-#include "searchthing/hotslice.h"
-#include "searchthing/warmslice.h"
-#include "searchthing/warmslice_create.h"
-#include "searchthing/warmslice_merge.h"
-#include "searchthing/warmslice_meta.h"
-#include "searchthing/warmslice_search.h"
+#include "searchthing/hot/hotslice.h"
+#include "searchthing/slice/warmslice.h"
+#include "searchthing/hot/warmslice_create.h"
+#include "searchthing/merge/warmslice_merge.h"
+#include "searchthing/slice/warmslice_meta.h"
+#include "searchthing/search/warmslice_search.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/faults.h"

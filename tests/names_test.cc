@@ -3,7 +3,7 @@
 #include <limits>
 #include <utility>
 
-#include "searchthing/tsidx_names.h"
+#include "searchthing/format/tsidx_names.h"
 
 namespace veldar {
 

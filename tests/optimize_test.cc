@@ -14,19 +14,19 @@
 #include <set>
 
 #include "libzero/resource.h"
-#include "searchthing/merge_manifest.h"
-#include "searchthing/st_init.h"
+#include "searchthing/directory/merge_manifest.h"
+#include "searchthing/base/st_init.h"
 #include "searchthing/st_optimize.h"
-#include "searchthing/tsidx_delete.h"
-#include "searchthing/tsidx_list.h"
-#include "searchthing/tsidx_merge_plan.h"
-#include "searchthing/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/directory/tsidx_list.h"
+#include "searchthing/upkeep/tsidx_merge_plan.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/merging.h"
+#include "tools/veldar/load/merging.h"
 
 namespace veldar {
 namespace {

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "searchthing/tsval_order.h"
+#include "searchthing/values/tsval_order.h"
 
 namespace veldar {
 

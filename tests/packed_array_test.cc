@@ -4,7 +4,7 @@
 #include <random>
 #include <vector>
 
-#include "searchthing/warmslice_util.h"
+#include "searchthing/base/warmslice_util.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {

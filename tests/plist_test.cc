@@ -1,4 +1,4 @@
-#include "searchthing/plist.h"
+#include "searchthing/postings/plist.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "libzero/endian.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 

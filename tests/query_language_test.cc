@@ -1,10 +1,10 @@
-#include "tools/veldar/query_language.h"
+#include "tools/veldar/query/query_language.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "searchthing/search_frames.h"
+#include "searchthing/search/search_frames.h"
 
 namespace veldar {
 namespace {

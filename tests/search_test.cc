@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "searchthing/search_literals.h"
-#include "searchthing/warmslice_search.h"
+#include "searchthing/search/search_literals.h"
+#include "searchthing/search/warmslice_search.h"
 #include "tests/support/directory.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"

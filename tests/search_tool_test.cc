@@ -15,10 +15,10 @@
 #include "tests/support/forge_metric.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/event_output.h"
-#include "tools/veldar/event_stream.h"
-#include "tools/veldar/slices.h"
-#include "tools/veldar/time_input.h"
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/query/event_stream.h"
+#include "tools/veldar/store/slices.h"
+#include "tools/veldar/query/time_input.h"
 
 namespace veldar {
 namespace {

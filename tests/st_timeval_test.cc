@@ -1,4 +1,4 @@
-#include "searchthing/st_timeval.h"
+#include "searchthing/base/st_timeval.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "searchthing/list.h"
+#include "searchthing/base/list.h"
 
 namespace veldar {
 

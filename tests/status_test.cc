@@ -5,8 +5,8 @@
 #include <string>
 
 #include "libzero/ospath-builder.h"
-#include "searchthing/log.h"
-#include "searchthing/warm_rc.h"
+#include "searchthing/base/log.h"
+#include "searchthing/base/warm_rc.h"
 
 namespace veldar {
 

@@ -8,10 +8,10 @@
 
 #include "libzero/endian.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/gz_stream.h"
-#include "tools/veldar/put_line.h"
-#include "tools/veldar/record_reader.h"
-#include "tools/veldar/source_map.h"
+#include "tools/veldar/store/gz_stream.h"
+#include "tools/veldar/load/put_line.h"
+#include "tools/veldar/store/record_reader.h"
+#include "tools/veldar/store/source_map.h"
 
 namespace veldar {
 namespace {

@@ -1,4 +1,4 @@
-#include "searchthing/term_meta.h"
+#include "searchthing/values/term_meta.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "searchthing/warmslice_meta.h"
+#include "searchthing/slice/warmslice_meta.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "searchthing/tokenizer.h"
+#include "searchthing/search/tokenizer.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <random>
 #include <string>
 
-#include "searchthing/query.h"
+#include "searchthing/search/query.h"
 
 namespace veldar {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "searchthing/st.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"

@@ -1,4 +1,4 @@
-#include "searchthing/tsidx.h"
+#include "searchthing/directory/tsidx.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 #include <random>
 #include <string>
 
-#include "searchthing/tsidx_params.h"
-#include "searchthing/warmslice_values.h"
+#include "searchthing/directory/tsidx_params.h"
+#include "searchthing/slice/warmslice_values.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"

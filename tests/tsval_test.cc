@@ -1,4 +1,4 @@
-#include "searchthing/tsval.h"
+#include "searchthing/values/tsval.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "libzero/vbe.h"
-#include "searchthing/warmslice.h"
-#include "searchthing/warmslice_values.h"
+#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_values.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "searchthing/warmslice.h"
+#include "searchthing/slice/warmslice.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 
 #include "fuzz/slice_walk.h"
 #include "libzero/endian.h"
-#include "searchthing/warmslice_values.h"
+#include "searchthing/slice/warmslice_values.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/forge.h"

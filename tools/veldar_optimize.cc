@@ -8,7 +8,7 @@
 
 #include "libzero/osfile.h"
 #include "searchthing/st_optimize.h"
-#include "tools/veldar/number_input.h"
+#include "tools/veldar/query/number_input.h"
 
 namespace {
 

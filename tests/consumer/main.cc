@@ -7,8 +7,8 @@
 #include <string>
 
 #include "searchthing/st.h"
-#include "searchthing/warmslice.h"
-#include "searchthing/warmslice_meta.h"
+#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_meta.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "searchthing/log.h"
-#include "searchthing/search_literals.h"
-#include "searchthing/tsidx_read.h"
+#include "searchthing/base/log.h"
+#include "searchthing/search/search_literals.h"
+#include "searchthing/reading/tsidx_read.h"
 #include "tests/support/faults.h"
 #include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"

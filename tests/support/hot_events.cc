@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "searchthing/plist.h"
-#include "searchthing/warmslice.h"
+#include "searchthing/postings/plist.h"
+#include "searchthing/slice/warmslice.h"
 
 namespace veldar {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/hotslice.h"
-#include "searchthing/tsidx.h"
+#include "searchthing/hot/hotslice.h"
+#include "searchthing/directory/tsidx.h"
 #include "tests/support/forge.h"
 
 namespace veldar {

@@ -7,7 +7,7 @@
 #include <random>
 #include <stdexcept>
 
-#include "searchthing/warmslice.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/faults.h"
 #include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"

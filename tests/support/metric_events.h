@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/tsidx.h"
-#include "searchthing/tsidx_metric.h"
-#include "searchthing/tsval.h"
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/reading/tsidx_metric.h"
+#include "searchthing/values/tsval.h"
 
 namespace veldar {
 

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "searchthing/warmslice.h"
+#include "searchthing/slice/warmslice.h"
 
 namespace veldar {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "searchthing/st_timeval.h"
+#include "searchthing/base/st_timeval.h"
 
 namespace veldar {
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <limits>
 
-#include "searchthing/fclex.h"
+#include "searchthing/lexicon/fclex.h"
 #include "tools/veldar/formats/log_time.h"
 
 namespace veldar {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "searchthing/st_timeval.h"
+#include "searchthing/base/st_timeval.h"
 
 namespace veldar {
 

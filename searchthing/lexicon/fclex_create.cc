@@ -1,0 +1,90 @@
+// Writing a lexicon body in memory from sorted terms.
+#include <algorithm>
+#include <cstring>
+
+#include "searchthing/lexicon/fclex.h"
+#include "searchthing/lexicon/fclex_internal.h"
+
+namespace veldar {
+
+namespace {
+
+// The terms of a slice lie in the order in which they came, so each is a cache miss of its own unless asked for early.
+constexpr uint32_t PREFETCH_DISTANCE = 12;
+
+using text_span = std::span<const uint8_t>;
+
+// Whether `a` sorts before `b`, given the number of leading bytes that they share.
+bool ascends(text_span a, text_span b, uint32_t common) {
+    if (common == b.size()) return false;
+    return common == a.size() || a[common] < b[common];
+}
+
+// Appends to the blocks area. Its room is proved before each term is written.
+struct block_writer {
+    uint8_t* blocks;
+    uint64_t capacity;
+    uint64_t used = 0;
+
+    void reserve(uint64_t size) const { ST_ASSERT(size <= capacity - used); }
+    void put_number(uint32_t value) { used += st_encode_to_vbe(blocks + used, value); }
+    void put_text(text_span text) {
+        if (!text.empty()) std::memcpy(blocks + used, text.data(), text.size());
+        used += text.size();
+    }
+};
+
+void put_term(block_writer* out, text_span term, uint32_t common, uint32_t position, uint32_t tperb) {
+    const text_span rest = term.subspan(position == 0 ? 0 : common);
+    const auto rest_length = static_cast<uint32_t>(rest.size());
+    const bool has_prefix = position != 0;
+    const bool has_length = position == 0 || position != tperb - 1;
+    out->reserve((has_prefix ? vbe_length(common) : 0) + (has_length ? vbe_length(rest_length) : 0) + rest.size());
+    if (has_prefix) out->put_number(common);
+    if (has_length) out->put_number(rest_length);
+    out->put_text(rest);
+}
+
+}  // namespace
+
+// A term of up to 16383 bytes needs at most two numbers of two bytes; a longer one at most six bytes more.
+uint64_t fclex_body_bound(uint64_t num_terms, uint64_t total_length, uint32_t tperb) {
+    const uint64_t block_count = tperb == 0 ? 0 : (num_terms + tperb - 1) / tperb;
+    return fclex_blocks_offset(block_count) + total_length + 4 * num_terms + 6 * (total_length / 0x4000) + 1;
+}
+
+FCLEX* st_fclex_create(void* body, uint64_t size, const char* const* sorted_terms, uint32_t num_terms, uint32_t tperb,
+                       uint32_t uncompressed_size) {
+    ST_ASSERT(body != nullptr && sorted_terms != nullptr);
+    if (num_terms == 0 || tperb == 0 || uncompressed_size == 0) return nullptr;
+    const uint64_t blocks_offset = fclex_blocks_offset(fclex_block_count(num_terms, tperb));
+    ST_ASSERT(blocks_offset <= size);
+    auto* bytes = static_cast<uint8_t*>(body);
+    auto* header = reinterpret_cast<st_fclex_body*>(bytes);
+    header->terms.set(num_terms);
+    header->tperb.set(tperb);
+    header->uncompressed_size.set(uncompressed_size);
+
+    uint8_t* block_end = bytes + FCLEX_HEADER_SIZE;
+    block_writer out = {bytes + blocks_offset, size - blocks_offset};
+    text_span previous;
+    uint32_t position = 0;
+    for (uint32_t i = 0; i < num_terms; i++) {
+        if (num_terms - i > PREFETCH_DISTANCE) __builtin_prefetch(sorted_terms[i + PREFETCH_DISTANCE]);
+        const text_span term = {reinterpret_cast<const uint8_t*>(sorted_terms[i]), std::strlen(sorted_terms[i])};
+        const uint32_t common = _lcp(previous, term);
+        if (i != 0 && !ascends(previous, term, common)) return nullptr;
+        if (position == tperb) {
+            store_be32(block_end, static_cast<uint32_t>(out.used));
+            block_end += 4;
+            position = 0;
+        }
+        put_term(&out, term, common, position++, tperb);
+        if (out.used > FCLEX_BAD_OFFSET) return nullptr;
+        previous = term;
+    }
+    store_be32(block_end, static_cast<uint32_t>(out.used));
+    return _fclex_open_bounded({bytes, blocks_offset + out.used});
+}
+
+}  // namespace veldar

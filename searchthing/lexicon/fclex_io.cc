@@ -1,0 +1,383 @@
+#include "searchthing/lexicon/fclex_io.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "searchthing/lexicon/fclex_internal.h"
+#include "searchthing/base/timed_read.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint64_t MAX_U32 = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t MIN_READER_CACHE = uint64_t{1} << 20;
+constexpr uint64_t MAX_READER_CACHE = uint64_t{1} << 30;
+constexpr uint64_t CACHE_BYTES_PER_TERM = 2052;
+constexpr size_t MAX_CODED_TERM = 2 * VBE_MAX_BYTES + ST_TERM_BUFFER_SIZE + LEX_SLACK;
+
+std::span<const uint8_t> bytes_of(const char* text, size_t length) {
+    return {reinterpret_cast<const uint8_t*>(text), length};
+}
+
+// Copies a term or a part of one. Both sides have LEX_SLACK bytes behind the last that counts, so the usual short one
+// takes a move of a fixed size.
+void copy_padded(void* to, const void* from, size_t length) {
+    if (length <= LEX_SLACK) {
+        std::memcpy(to, from, LEX_SLACK);
+    } else {
+        std::memcpy(to, from, length);
+    }
+}
+
+uint64_t* free_space(void* page) {
+    return static_cast<uint64_t*>(page);
+}
+uint8_t* page_data(void* page) {
+    return static_cast<uint8_t*>(page) + sizeof(uint64_t);
+}
+
+bool add_page(lex_writer_t* writer) {
+    void* page = std::calloc(1, writer->_page_sz);
+    if (page == nullptr) return false;
+    list_node_s* node = append_list_node(writer->pages.get());
+    if (node == nullptr) {
+        std::free(page);
+        return false;
+    }
+    node->item = page;
+    *free_space(page) = lex_writer_buf_sz(writer);
+    writer->page_at = page_data(page);
+    return true;
+}
+
+int append(lex_writer_t* writer, const uint8_t* data, size_t length) {
+    writer->_blocks_off += length;
+    for (;;) {
+        uint64_t* room = free_space(writer->pages->tail->item);
+        const size_t part = std::min<size_t>(length, *room);
+        if (part != 0) std::memcpy(writer->page_at, data, part);
+        writer->page_at += part;
+        *room -= part;
+        data += part;
+        length -= part;
+        if (length == 0) return 0;
+        if (!add_page(writer)) return WARM_RC_NO_MEMORY;
+    }
+}
+
+int end_block(lex_writer_t* writer) {
+    if (writer->_blocks_off > MAX_U32) return WARM_RC_DOES_NOT_FIT;
+    if (writer->_bo_idx == writer->_block_end_offsets.size()) {
+        buffer<uint32_t> larger;
+        if (!larger.alloc(2 * writer->_block_end_offsets.size())) return WARM_RC_NO_MEMORY;
+        std::copy(writer->_block_end_offsets.begin(), writer->_block_end_offsets.end(), larger.begin());
+        writer->_block_end_offsets = std::move(larger);
+    }
+    writer->_block_end_offsets[writer->_bo_idx++] = static_cast<uint32_t>(writer->_blocks_off);
+    return 0;
+}
+
+bool write_whole(int fd, const void* data, size_t length, uint64_t offset) {
+    return st_pwrite(fd, data, length, offset) == static_cast<int64_t>(length);
+}
+
+int write_block_ends(const lex_writer_t* writer, int fd, uint64_t offset) {
+    uint8_t words[4 * 1024];
+    for (uint32_t i = 0; i < writer->_bo_idx;) {
+        const uint32_t count = std::min<uint32_t>(writer->_bo_idx - i, sizeof words / 4);
+        for (uint32_t k = 0; k < count; k++) store_be32(words + 4 * k, writer->_block_end_offsets[i + k]);
+        if (!write_whole(fd, words, 4 * count, offset + uint64_t{4} * i)) return WARM_RC_WRITE;
+        i += count;
+    }
+    return 0;
+}
+
+int write_pages(const lex_writer_t* writer, int fd, uint64_t offset) {
+    for (const list_node_s* node = writer->pages->head; node != nullptr; node = node->next) {
+        const uint8_t* at = page_data(node->item);
+        uint64_t left = lex_writer_buf_sz(writer) - *free_space(node->item);
+        while (left != 0) {
+            const int64_t put = st_pwrite(fd, at, left, offset);
+            if (put < 1) return WARM_RC_WRITE;
+            at += put;
+            left -= static_cast<uint64_t>(put);
+            offset += static_cast<uint64_t>(put);
+        }
+    }
+    return 0;
+}
+
+int write_body(bool verbose, lex_writer_t* writer, int fd, uint64_t offset, uint64_t* end_offset) {
+    if (writer->_blocks_off != 0) {
+        ST_TRY(end_block(writer));
+        ST_ASSERT(writer->_blocks_off == writer->_block_end_offsets[writer->_bo_idx - 1]);
+    }
+    if (writer->_uncompressed_size > MAX_U32) return WARM_RC_DOES_NOT_FIT;
+    st_fclex_body header;
+    header.terms.set(writer->_cursor);
+    header.tperb.set(writer->tperb);
+    header.uncompressed_size.set(static_cast<uint32_t>(writer->_uncompressed_size));
+    if (!write_whole(fd, &header, sizeof header, offset)) return WARM_RC_WRITE;
+    ST_TRY(write_block_ends(writer, fd, offset + FCLEX_HEADER_SIZE));
+    const uint64_t blocks_offset = offset + fclex_blocks_offset(writer->_bo_idx);
+    ST_TRY(write_pages(writer, fd, blocks_offset));
+    *end_offset = blocks_offset + writer->_blocks_off;
+    if (verbose) {
+        std::fprintf(stderr, "closing writer, wrote page_num=%u, page_bytes=%llu.\n", get_count(writer->pages.get()),
+                     static_cast<unsigned long long>(writer->_blocks_off));
+    }
+    return 0;
+}
+
+}  // namespace
+
+void lex_page_list_deleter::operator()(list_t* pages) const {
+    delete_list(&pages, true);
+}
+
+int _lex_writer_open(bool verbose, lex_writer_t* writer, uint32_t tperb, uint64_t page_size, uint32_t expected_terms) {
+    *writer = {};
+    writer->_page_sz = page_size == 0 ? LEX_WRITER_PAGE_SIZE : page_size;
+    ST_ASSERT(writer->_page_sz >= sizeof(size_t) + 1);
+    writer->tperb = writer->position = tperb;
+    const uint64_t num_blocks = tperb == 0 ? 0 : fclex_block_count(expected_terms, tperb);
+    // The hint is a bound in merges, where most terms may be common to many sources.
+    const uint64_t first_room = std::clamp<uint64_t>(num_blocks, 16, 0x10000);
+    writer->pages.reset(new_list(std::free));
+    if (writer->pages == nullptr || !writer->_block_end_offsets.alloc(first_room) || !add_page(writer)) {
+        *writer = {};
+        return WARM_RC_NO_MEMORY;
+    }
+    if (verbose) {
+        std::fprintf(stderr, "creating writer, num_blocks=%u, num_terms=%u, page_sz=%llu.\n",
+                     static_cast<uint32_t>(num_blocks), expected_terms,
+                     static_cast<unsigned long long>(writer->_page_sz));
+    }
+    return 0;
+}
+
+int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t common) {
+    const uint32_t tperb = writer->tperb;
+    ST_ASSERT(tperb);
+    if (term.size() > ST_MAX_TERM_LENGTH) return WARM_RC_DOES_NOT_FIT;
+    const auto length = static_cast<uint32_t>(term.size());
+    if (writer->_cursor != 0) {  // the first term may equal the empty one that `previous` holds
+        if (common == length) return length == writer->previous_length ? 0 : WARM_RC_INVALID_ARGUMENT;
+        if (common < writer->previous_length &&
+            static_cast<uint8_t>(term[common]) < static_cast<uint8_t>(writer->previous[common])) {
+            return WARM_RC_INVALID_ARGUMENT;
+        }
+    }
+    if (writer->_cursor == MAX_U32) return WARM_RC_DOES_NOT_FIT;
+    if (writer->position == tperb) {
+        if (writer->_blocks_off != 0) ST_TRY(end_block(writer));
+        writer->position = 0;
+    }
+    const uint32_t position = writer->position++;
+    const uint32_t start = position == 0 ? 0 : common;
+    // Nearly every page has room for the longest entry; what may not fit is coded aside and cut into pages.
+    uint8_t aside[MAX_CODED_TERM];
+    uint64_t* const room = free_space(writer->pages->tail->item);
+    const bool fits = *room >= MAX_CODED_TERM;
+    uint8_t* const coded = fits ? writer->page_at : aside;
+    uint32_t size = 0;
+    if (position != 0) size += st_encode_to_vbe(coded, common);
+    if (position == 0 || position != tperb - 1) size += st_encode_to_vbe(coded + size, length - start);
+    copy_padded(coded + size, term.data() + start, length - start);
+    size += length - start;
+    if (fits) {
+        writer->page_at += size;
+        *room -= size;
+        writer->_blocks_off += size;
+    } else {
+        ST_TRY(append(writer, aside, size));
+    }
+    copy_padded(writer->previous + common, term.data() + common, length - common);
+    writer->previous_length = length;
+    writer->_cursor++;
+    writer->_uncompressed_size += length;
+    return 0;
+}
+
+int _lex_writer_put(lex_writer_t* writer, const char* term, size_t length) {
+    if (length > ST_MAX_TERM_LENGTH) return WARM_RC_DOES_NOT_FIT;
+    char padded[ST_TERM_BUFFER_SIZE + LEX_SLACK];
+    if (length != 0) std::memcpy(padded, term, length);
+    std::memset(padded + length, 0, LEX_SLACK);
+    const uint32_t common = _lcp(bytes_of(writer->previous, writer->previous_length), bytes_of(padded, length));
+    return lex_writer_put_after(writer, {padded, length}, common);
+}
+
+int _lex_writer_close(bool verbose, lex_writer_t* writer, int fd, uint64_t offset, uint64_t* end_offset) {
+    const int status = write_body(verbose, writer, fd, offset, end_offset);
+    *writer = {};
+    return status;
+}
+
+int bo_reader_get(bo_reader_t* reader, uint32_t block, uint32_t* start, uint32_t* end, warm_rc_t* rc) {
+    ST_ASSERT(block < reader->count);
+    const uint32_t first = block == 0 ? 0 : block - 1;
+    if (first < reader->first || block - reader->first >= reader->held) {
+        reader->held = 0;
+        const uint32_t count = std::min(reader->count - first, bo_reader_t::RUN);
+        const uint64_t offset = reader->table_offset + uint64_t{4} * first;
+        if (const int status = _pread_verify(reader->fd, reader->run, 4 * count, offset, "bo_reader_get")) {
+            return _set_rc_msg(rc, status, "bo_reader_get");
+        }
+        reader->first = first;
+        reader->held = count;
+    }
+    *start = block == 0 ? 0 : load_be32(reader->run + 4 * (first - reader->first));
+    *end = load_be32(reader->run + 4 * (block - reader->first));
+    if (*end < *start) return _set_rc_verbose(rc, WARM_RC_CORRUPT, block, "block ends do not ascend");
+    return 0;
+}
+
+int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset) {
+    *reader = {};
+    if (body_offset < 0) return WARM_RC_INVALID_ARGUMENT;
+    st_fclex_body header;
+    const auto offset = static_cast<uint64_t>(body_offset);
+    ST_TRY(_pread_verify(fd, &header, sizeof header, offset, "_lex_reader_open"));
+    if (header.terms.get() == 0 || header.tperb.get() == 0) return WARM_RC_ZERO_TERMS;
+    const uint64_t cache_size = std::max(MIN_READER_CACHE, header.tperb.get() * CACHE_BYTES_PER_TERM);
+    if (cache_size > MAX_READER_CACHE || !reader->cache.alloc(cache_size + LEX_SLACK)) return WARM_RC_NO_MEMORY;
+    reader->cache_size = cache_size;
+    reader->fd = fd;
+    reader->body_offset = body_offset;
+    reader->terms = header.terms.get();
+    reader->tperb = header.tperb.get();
+    reader->num_blocks = static_cast<uint32_t>(fclex_block_count(reader->terms, reader->tperb));
+    reader->blocks_offset = offset + fclex_blocks_offset(reader->num_blocks);
+    reader->offsets.fd = fd;
+    reader->offsets.table_offset = offset + FCLEX_HEADER_SIZE;
+    reader->offsets.count = reader->num_blocks;
+    return 0;
+}
+
+const uint8_t* _lex_reader_get(lex_reader_t* reader, uint32_t bid, warm_rc_t* rc) {
+    ST_ASSERT(bid < reader->num_blocks);
+    uint32_t start, end;
+    if (bo_reader_get(&reader->offsets, bid, &start, &end, rc) != 0) return nullptr;
+    if (bid < reader->cached_block || bid - reader->cached_block >= reader->cached_count) {
+        reader->cached_count = 0;
+        uint32_t num2read = 0;
+        uint32_t run_end = start;
+        for (uint32_t next_end = end; next_end - start <= reader->cache_size;) {
+            num2read++;
+            run_end = next_end;
+            if (num2read == reader->num_blocks - bid) break;
+            uint32_t next_start;
+            if (bo_reader_get(&reader->offsets, bid + num2read, &next_start, &next_end, rc) != 0) return nullptr;
+        }
+        if (num2read == 0) {
+            _set_rc_verbose(rc, WARM_RC_CORRUPT, bid, "surpassed cache size in _lex_reader_get");
+            return nullptr;
+        }
+        const uint64_t size = run_end - start;
+        if (const int status = _pread_verify(reader->fd, reader->cache.data(), size, reader->blocks_offset + start,
+                                             "_lex_reader_get")) {
+            _set_rc_verbose(rc, status, bid, "_lex_reader_get");
+            return nullptr;
+        }
+        reader->cached_block = bid;
+        reader->cached_count = num2read;
+        reader->cached_start = start;
+        reader->cached_bytes = size;
+    }
+    if (start < reader->cached_start || end - reader->cached_start > reader->cached_bytes) {
+        _set_rc_verbose(rc, WARM_RC_CORRUPT, bid, "surpassed cache size in _lex_reader_get");
+        return nullptr;
+    }
+    return reader->cache.data() + (start - reader->cached_start);
+}
+
+int _lex_reader_get_size(lex_reader_t* reader, uint64_t* size) {
+    be32 end;
+    const uint64_t blocks = fclex_blocks_offset(reader->num_blocks);
+    const uint64_t offset = static_cast<uint64_t>(reader->body_offset) + blocks - sizeof end;
+    ST_TRY(_pread_verify(reader->fd, &end, sizeof end, offset, "_lex_reader_get_size"));
+    *size = blocks + end.get();
+    return 0;
+}
+
+void _lex_reader_close(lex_reader_t* reader) {
+    *reader = {};
+}
+
+namespace {
+
+int start_block(lex_reader_t* reader, uint32_t block) {
+    warm_rc_t rc;
+    uint32_t start, end;
+    reader->at = _lex_reader_get(reader, block, &rc);
+    if (reader->at == nullptr) return rc.warm_rc;
+    ST_TRY(bo_reader_get(&reader->offsets, block, &start, &end, &rc));
+    reader->end = reader->at + (end - start);
+    reader->block = block;
+    reader->position = 0;
+    return 0;
+}
+
+// Decodes the next term of the block on top of the one before, which may be the last of another block. A foreign writer
+// may have stored fewer shared bytes than there are: `common` counts them all.
+int decode_term(lex_reader_t* reader, bool has_previous) {
+    const uint8_t* at = reader->at;
+    const uint8_t* const end = reader->end;
+    uint32_t shared = 0, rest;
+    if (reader->position != 0) {
+        const uint32_t used = vbe_decode_bounded(&shared, at, end);
+        if (used == 0 || shared > reader->length) return WARM_RC_CORRUPT;
+        at += used;
+    }
+    if (reader->position != 0 && reader->position == reader->tperb - 1) {
+        rest = static_cast<uint32_t>(end - at);
+    } else {
+        const uint32_t used = vbe_decode_bounded(&rest, at, end);
+        if (used == 0 || rest > end - at - used) return WARM_RC_CORRUPT;
+        at += used;
+    }
+    if (rest > ST_MAX_TERM_LENGTH - shared) return WARM_RC_CORRUPT;
+
+    uint32_t more = 0;
+    if (has_previous) {
+        const char* old = reader->term + shared;
+        const uint32_t old_rest = reader->length - shared;
+        more = _lcp({at, rest}, bytes_of(old, old_rest));
+        const bool ascends = more < rest && (more == old_rest || at[more] > static_cast<uint8_t>(old[more]));
+        if (!ascends) return WARM_RC_CORRUPT;
+    }
+    copy_padded(reader->term + shared, at, rest);
+    reader->common = shared + more;
+    reader->length = shared + rest;
+    reader->at = at + rest;
+    reader->position++;
+    return 0;
+}
+
+}  // namespace
+
+int _reload_term(lex_reader_t* reader) {
+    if (reader->cursor >= reader->terms) return WARM_RC_CORRUPT;
+    reader->length = 0;
+    ST_TRY(start_block(reader, reader->cursor / reader->tperb));
+    const uint32_t position = reader->cursor % reader->tperb;
+    while (reader->position <= position) ST_TRY(decode_term(reader, reader->position != 0));
+    return 0;
+}
+
+int _increment_cursor(lex_reader_t* reader) {
+    if (reader->cursor >= reader->terms) return WARM_RC_FAILED;
+    reader->cursor++;
+    if (reader->cursor == reader->terms) return 0;
+    if (reader->position == reader->tperb) ST_TRY(start_block(reader, reader->block + 1));
+    return decode_term(reader, true);
+}
+
+}  // namespace veldar

@@ -1,0 +1,70 @@
+// The posting lists of a merge, term by term: what the sources' lists of one term are together, in new numbers.
+//
+// The merged terms come in order, and so do the terms of each source, so that a source's next list is always the one
+// behind the last. Lists are read through one reader a source; a second one serves the terms whose list is that of
+// another term, so that the first goes on reading ahead.
+//
+// What a list holds is compared with what its source's metadata and dimension sets say of it: a merge makes them anew
+// from the lists, so that damage that the source still shows would pass for sound.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "searchthing/merge/merge_internal.h"
+#include "searchthing/postings/plist.h"
+#include "searchthing/values/term_meta.h"
+
+namespace veldar {
+
+// One merged list, valid until the next is read. Short ones are numbers, ascending and distinct; one with a good part
+// of all values is a bitmap over all of them.
+struct merge_list_t {
+    uint32_t count = 0;
+    std::span<const uint32_t> ids;
+    std::span<const uint64_t> bits;  // bit i % 64 of word i / 64 is value i; empty for a list of numbers
+    uint32_t first = 0, last = 0;    // events; nothing when there are none
+};
+
+// Calls fn(first value), then fn(next value) and so on.
+template <typename Fn>
+void merge_list_for_each(const merge_list_t& list, Fn fn) {
+    for (const uint32_t id : list.ids) fn(id);
+    for (size_t word = 0; word < list.bits.size(); word++) {
+        for (uint64_t left = list.bits[word]; left != 0; left &= left - 1) {
+            fn(static_cast<uint32_t>(64 * word + static_cast<uint64_t>(__builtin_ctzll(left))));
+        }
+    }
+}
+
+struct merge_source_lists_t {
+    merge_source_t* source = nullptr;
+    bool has_lists = false;  // a slice without postings has no lists to read
+    uint32_t next_term = 0;
+    plist_reader own, shared;
+    buffer<uint8_t> copy;  // of all lists, when they are few
+    term_meta_reader_t metadata;
+};
+
+struct merge_lists_t {
+    const warm_merge_t* merge = nullptr;
+    std::vector<merge_source_lists_t> sources;
+    uint32_t num_values = 0;  // of the target; of a metric one its runs
+    uint64_t dense_size = 0;  // a list that grows beyond is kept as a bitmap
+    bool dense = false;       // this one is
+    bool may_repeat = false;  // a source's own list can name one value twice
+    uint64_t size = 0;
+    buffer<uint32_t> ids, merged;
+    buffer<uint64_t> bits;
+    std::vector<uint64_t> runs;  // where ascending stretches of `ids` begin
+};
+
+// Opens readers over all sources, whose values have their new numbers. -2, or what _init_reader reports.
+[[nodiscard]] int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc);
+
+// The list of the next merged term, which the sources whose bits are set in `holders` have. -2, -12 for damage, with
+// the path of the slice in the message when a list is not what is said of it, or for a source without such a term, or
+// the failure of a read.
+[[nodiscard]] int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, warm_rc_t* rc);
+
+}  // namespace veldar

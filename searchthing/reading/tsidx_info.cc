@@ -1,0 +1,122 @@
+// What a directory holds in numbers, slice by slice and in all; moving a handle to another directory.
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstring>
+
+#include "libzero/assertions.h"
+#include "searchthing/reading/tsidx_read.h"
+#include "searchthing/reading/tsidx_snapshot_walk.h"
+
+namespace veldar {
+
+namespace {
+
+uint64_t deleted_values(const WARM* warm) {
+    if (st_warm_slice_is_msidx(warm->body)) return 0;
+    const uint64_t values = st_warm_slice_values(warm);
+    const std::span<const uint8_t> bits = warm->tsval_reader.d.bytes;
+    uint64_t deleted = 0;
+    for (uint64_t i = 0; i < std::min<uint64_t>(bits.size(), (values + 7) / 8); i++) {
+        const uint32_t valid = values - 8 * i >= 8 ? 0xFF : (1u << (values - 8 * i)) - 1;
+        deleted += static_cast<uint64_t>(std::popcount(bits[i] & valid));
+    }
+    return deleted;
+}
+
+// Value numbers below the number of dimension sets are no events.
+uint64_t event_values(const WARM* warm) {
+    const uint64_t values = st_warm_slice_values(warm);
+    const uint64_t preambles = warm->tsval_reader.num_preambles;
+    return values - std::min(values, preambles);
+}
+
+int describe(const tsidx_snapshot& snapshot, size_t i, tsidx_info_t* info, warm_rc_t* rc) {
+    const WARM* const warm = snapshot.warm(i);
+    const tsidx_slice_name_t& slice = snapshot.slice(i);
+    *info = {};
+    std::snprintf(info->name, sizeof info->name, "%s", slice.name.c_str());
+    std::memcpy(info->format, warm->body->magic, sizeof info->format - 1);
+    info->earliest = slice.meta.earliest;
+    info->latest = slice.meta.latest;
+    info->id = slice.meta.id;
+    info->part = slice.name.ends_with(TSIDX_PART_SUFFIX);
+    info->events = event_values(warm);
+    info->deleted = deleted_values(warm);
+    info->terms = st_warm_slice_terms(warm);
+    info->postings = warm->body->num_postings.get();
+    rc->warm_rc = 0;
+    info->bytes = st_warm_slice_size(warm, rc);
+    return rc->warm_rc;
+}
+
+// Describes every slice of a snapshot to `visit(i, info)`. 0, TSIDX_VANISHED or a failure, recorded.
+template <typename Visit>
+int64_t describe_all(tsidx_snapshot& snapshot, Visit visit) {
+    return tsidx_each_slice(snapshot, TSIDX_FIRST_TIME, TSIDX_LAST_TIME, [&](size_t i) -> int64_t {
+        tsidx_info_t info;
+        warm_rc_t rc;
+        if (describe(snapshot, i, &info, &rc) != 0) return snapshot.fail(i, rc);
+        visit(i, info);
+        return 0;
+    });
+}
+
+}  // namespace
+
+int st_tsidx_meta(TSIDX* tsidx, tsidx_meta_t* meta) {
+    ST_ASSERT(meta != nullptr);
+    return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
+        *meta = {};
+        return describe_all(snapshot, [meta](size_t, const tsidx_info_t& info) {
+            meta->earliest = meta->slices == 0 ? info.earliest : std::min(meta->earliest, info.earliest);
+            meta->latest = meta->slices == 0 ? info.latest : std::max(meta->latest, info.latest);
+            meta->slices++;
+            meta->events += info.events;
+            meta->deleted += info.deleted;
+            meta->terms += info.terms;
+            meta->postings += info.postings;
+            meta->bytes += info.bytes;
+        });
+    }));
+}
+
+int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capacity) {
+    ST_ASSERT(infos != nullptr || capacity == 0);
+    return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
+        for (size_t i = 0; i < std::min(capacity, snapshot.size()); i++) {
+            if (const int64_t opened = snapshot.open(i); opened != 0) return opened;
+            warm_rc_t rc;
+            if (describe(snapshot, i, &infos[i], &rc) != 0) return snapshot.fail(i, rc);
+            snapshot.close(i);
+        }
+        return static_cast<int64_t>(snapshot.size());
+    });
+}
+
+int st_tsidx_cd(TSIDX* tsidx, const char* path) {
+    ST_ASSERT(tsidx != nullptr);
+    if (path == nullptr || *path == '\0') {
+        return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "an empty path");
+    }
+    try {
+        std::string moved = path;
+        const bool writable = tsidx_is_writable(tsidx);
+        if (writable && ::access(path, R_OK | W_OK | X_OK) != 0) {
+            return _set_rc_msg(&tsidx->last_failure, WARM_RC_OPEN, path);
+        }
+        ST_TRY(tsidx_begin_read(tsidx));
+        if (writable) tsidx_save_params(tsidx);
+        tsidx->cache.close_unused();
+        tsidx->path.swap(moved);
+        tsidx->parts_written = 0;
+        if (writable) tsidx_load_params(tsidx);
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+    return 0;
+}
+
+}  // namespace veldar

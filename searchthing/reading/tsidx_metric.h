@@ -1,0 +1,41 @@
+// Reading the events of a metric directory with what they say: dimensions and measures.
+//
+// The rules of tsidx_read.h hold: snapshots, failures, inclusive time bounds, results of callbacks. The same event in
+// two slices is two events.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "searchthing/search/query.h"
+#include "searchthing/directory/tsidx.h"
+
+namespace veldar {
+
+struct st_metric_measure_t {
+    std::string_view name;  // of the metric: the term without " metric_name::"
+    double value;
+};
+
+// One event; what it points to is valid for the call that hands it out. A set's views are the same for all events of
+// the set in one slice.
+struct st_metric_event_t {
+    st_time_t time;
+    uint32_t nanoseconds;  // whole milliseconds; 0 in directories that keep seconds
+    uint64_t set;          // of its dimensions and metrics: equal numbers are equal sets, within one slice of the walk
+    std::span<const std::string_view> dimensions;   // terms, "host::web01" for " host::web01", in their order
+    std::span<const st_metric_measure_t> measures;  // ascending by name, at least one
+};
+using tsidx_metric_event_fn = int (*)(const st_metric_event_t* event, void* context);
+
+// Hands out every event that matches exactly (null query: all), slice by slice from the newest on, newest first in a
+// slice. The total of the results, -1, -17 for a slice without runs and column store (events, and metrics of older
+// generations), -12 for damage, or a status as st_tsidx_query's. Dimensions are looked up once a set, and measures are
+// read in stretches: memory is about 150 bytes a matching set, and 32 MiB.
+int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, tsidx_metric_event_fn fn, void* context);
+
+// Bytes of measures: the sum of the slices' column stores. 0 or a status.
+int st_tsidx_measure_size(TSIDX* tsidx, uint64_t* bytes);
+
+}  // namespace veldar

@@ -1,0 +1,112 @@
+// Reading an index directory: events by query, by term and one by one, terms, numbers.
+//
+// Every read works on one snapshot of the directory (tsidx_snapshot.h) and is whole or fails: a slice that cannot be
+// read fails it with the slice's status, and st_tsidx_last_failure names the slice. Besides the failures named, every
+// function may return -4 or -8 (the directory cannot be read), -35 (it does not hold still), -2, or TSIDX_SYNC_FAILED
+// on a handle with events in memory, which become a slice first.
+//
+// Time bounds are inclusive. Deleted events are never handed out and not counted as events; terms and their counts are
+// those of the slices, in which a deleted event still counts until every event of its slice is deleted.
+//
+// Callbacks: -1 stops the walk, which then returns -1; any other result is added to the walk's total. They may read
+// from the same handle. Walks keep all slices that they need open at once, a descriptor each.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "searchthing/lexicon/fclex.h"
+#include "searchthing/search/query.h"
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/values/tsval.h"
+
+namespace veldar {
+
+// Writes the newest `capacity` events that match, newest first, then by address descending, to `answers` (the
+// caller's). An event that lies in several slices, that is, one time and address, is written once, as the newest of the
+// slices has it; events of metric slices, which say nothing of their dimensions and measures here (tsidx_metric.h), are
+// written as often as they occur. Slices are searched newest first and only as far as they can matter. Returns the
+// number of answers; -20 to -23, -18, -25 or -37 for a text that is no query, or a slice's status; after a failure the
+// answers mean nothing. With `is_exact` 0 the answers are a superset of the match (warmslice_search.h).
+int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity, int is_exact);
+
+// The newest `capacity` events that contain exactly this term ("*" is a character like any other), as st_tsidx_query
+// writes them. The number of answers; -37 for a null term, -44 for a minified slice, or a slice's status.
+int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers,
+                 uint32_t capacity);
+
+// The newest `capacity` events of a time range, whatever their terms, as st_tsidx_query writes them.
+int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity);
+
+// The number of events that match exactly; all events for a null query. Slices are counted one by one: an event that
+// lies in two counts twice. 0 or a status as st_tsidx_query's; the query's cumspan is not applied.
+int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count);
+
+// Receives one event; valid for this call only.
+using tsidx_event_fn = int (*)(const st_tsval* event, void* context);
+
+// Hands out every event that matches exactly, slice by slice from the newest on, newest first in a slice; an event that
+// lies in two slices comes twice. The total of the results, -1, or a status as st_tsidx_query's.
+int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context);
+
+// Stores the first `capacity` terms that begin with the prefix (null: any), ascending, with their event counts, summed
+// over the slices, in place of ids. With the case flag as st_fclex_enum in every slice. Returns their number.
+int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
+
+// Receives a term (NUL-terminated, at most 2047 bytes, valid for this call only), its length and its event count.
+using tsidx_term_fn = int (*)(const char* term, size_t length, uint64_t count, void* context);
+
+// Hands out the terms that begin with the prefix (null: any), slice by slice from the newest on, ascending in a slice,
+// each with its count in that slice. The total of the results, -1, -44 for a minified slice, or a slice's status.
+int64_t st_tsidx_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
+
+// The same with every term once, ascending over all slices, and counts summed. Memory is bounded whatever the number of
+// terms: at most 8 MiB of lexicon pieces, and 12 KiB a slice.
+int64_t st_tsidx_distinct_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
+// How many distinct terms there are.
+int64_t st_tsidx_distinct_term_count(TSIDX* tsidx);
+// As st_tsidx_distinct_apply_terms for the terms that a needle matches (matcher.h); counts are read for those alone.
+// -37 for a null needle.
+int64_t st_tsidx_lex_query(TSIDX* tsidx, const char* needle, tsidx_term_fn fn, void* context);
+
+// What a directory holds, all slices added up.
+struct tsidx_meta_t {
+    st_time_t earliest = 0;  // of the slices' names; with no slice both are 0
+    st_time_t latest = 0;
+    uint64_t slices = 0;
+    uint64_t events = 0;   // deleted ones included
+    uint64_t deleted = 0;  // of these
+    uint64_t terms = 0;    // the same term in two slices counts twice
+    uint64_t postings = 0;
+    uint64_t bytes = 0;  // of the slice files
+};
+// 0 or a status.
+int st_tsidx_meta(TSIDX* tsidx, tsidx_meta_t* meta);
+
+// One slice of a directory.
+struct tsidx_info_t {
+    char name[256] = {};  // of the file
+    char format[8] = {};  // the header's magic, NUL-terminated
+    st_time_t earliest = 0;
+    st_time_t latest = 0;
+    uint64_t id = 0;
+    bool part = false;  // written in part mode
+    uint64_t events = 0;
+    uint64_t deleted = 0;
+    uint64_t terms = 0;
+    uint64_t postings = 0;
+    uint64_t bytes = 0;
+};
+// Describes the newest `capacity` slices, newest first. Returns how many slices there are, which may be more.
+int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capacity);
+
+// 1 when there is nothing to merge in tiers of eight slices (tsidx_optimize.h); else 0, or a failure.
+int st_tsidx_is_optimized(TSIDX* tsidx);
+
+// Goes on with another directory, or with the same one after it has been moved: syncs into the old one and closes its
+// slices first. A writing handle takes the limits that the new one remembers. 0; TSIDX_SYNC_FAILED, -37 for an empty
+// path, -4 for a directory that the handle could not have been opened with, and then nothing has changed (but for the
+// sync), -2.
+int st_tsidx_cd(TSIDX* tsidx, const char* path);
+
+}  // namespace veldar

@@ -1,0 +1,468 @@
+#include "searchthing/search/search_literals.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "searchthing/postings/bitmap.h"
+#include "searchthing/search/search_terms.h"
+#include "searchthing/slice/warmslice_runs.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t CANDIDATES_ENOUGH = 100;
+
+int position_reader(conjunction_context* context, uint32_t term) {
+    if (!context->reader_open) {
+        ST_TRY(_init_reader(&context->reader, context->handle, 1024, context->info, &context->rc));
+        context->reader_open = true;
+    }
+    context->lists_read++;
+    return _seek_reader(&context->reader, term, &context->rc);
+}
+
+// ORs the postings of one term into a bitmap over the context's range.
+int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint32_t term, uint8_t* bitmap) {
+    ST_TRY(position_reader(context, term));
+    return plist_or_into_bitmap(&context->reader, bitmap, context->range.begin, context->range.end, &context->rc);
+}
+
+int _proc_terms(conjunction_context* context, const std::vector<uint32_t>& terms, uint8_t* bitmap) {
+    for (const uint32_t term : terms) {
+        const int status = _decompress_list_as_deferred_disjunction(context, term, bitmap);
+        if (status != 0) {
+            return _set_rc_verbose(&context->rc, status, term, "_proc_term._decompress_list_as_deferred_disjunction");
+        }
+    }
+    return 0;
+}
+
+// ORs everything that one literal matches into a bitmap; an exact term that is not there adds nothing.
+int or_literal(conjunction_context* context, const std::string& literal, uint8_t* bitmap) {
+    if (is_wildcard(literal)) {
+        const std::vector<uint32_t>* terms = nullptr;
+        ST_TRY(lookup_wildcard(context, literal, &terms));
+        return _proc_terms(context, *terms, bitmap);
+    }
+    const term_lookup_t* term = nullptr;
+    ST_TRY(lookup_exact(context, literal, &term));
+    if (!term->exists) return 0;
+    if (term->everywhere) {
+        range_bitmap_fill(bitmap, context->range);
+        return 0;
+    }
+    return _decompress_list_as_deferred_disjunction(context, term->id, bitmap);
+}
+
+// The values that one comparison matches, into a zeroed bitmap.
+int or_comparison(conjunction_context* context, const comp_t& comparison, uint8_t* bitmap) {
+    const std::vector<uint32_t>* terms = nullptr;
+    ST_TRY(lookup_comparison(context, comparison, &terms));
+    ST_TRY(_proc_terms(context, *terms, bitmap));
+    if (comparison.op == T_OP_NEQ && context->neq_matches_missing) range_bitmap_complement(bitmap, context->range);
+    return 0;
+}
+
+// The running result of a conjunction: a list once there is one, else a bitmap, else everything.
+struct running_match {
+    bool none = false;
+    bool has_list = false;
+    uint32_t count = 0;  // ids in list
+    buffer<uint32_t> list;
+    buffer<uint8_t> bitmap;
+};
+
+// Takes the ids of the positioned list that lie in the range as the first list. One that has more of them than the
+// term's metadata counts is damage: cutting it would lose events.
+int start_list(conjunction_context* context, uint32_t capacity, running_match* match) {
+    if (!match->list.alloc(capacity)) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "list of value numbers");
+    match->has_list = true;
+    uint32_t first = PLIST_END;
+    ST_TRY(_seek(&context->reader, context->range.begin, &first, &context->rc));
+    if (first >= context->range.end) return 0;
+    match->list[0] = first;
+    uint32_t more = 0;
+    ST_TRY(plist_copy(&context->reader, match->list.data() + 1, capacity - 1, context->range.end, &more, &context->rc));
+    match->count = 1 + more;
+    if (match->count < capacity) return 0;
+    ST_TRY(_next(&context->reader, &first, &context->rc));
+    if (first >= context->range.end) return 0;
+    return _set_rc_verbose(&context->rc, WARM_RC_CORRUPT, first, "a posting list is longer than its count");
+}
+
+// Keeps the ids of the list that the positioned list holds too: the shorter list leads, the longer one skips.
+int intersect_list(conjunction_context* context, running_match* match) {
+    uint32_t kept = 0;
+    uint32_t other = 0;
+    bool started = false;
+    for (uint32_t i = 0; i < match->count; i++) {
+        const uint32_t id = match->list[i];
+        if (!started || other < id) {
+            ST_TRY(_seek(&context->reader, id, &other, &context->rc));
+            started = true;
+        }
+        if (other == PLIST_END) break;
+        match->list[kept] = id;
+        kept += other == id ? 1 : 0;
+    }
+    match->count = kept;
+    return 0;
+}
+
+// A list that fills a good part of the range is quicker to handle as bits: 32 bits an id against one bit a value.
+bool prefers_bitmap(const conjunction_context* context, const std::vector<term_lookup_t>& terms) {
+    return !terms.empty() && terms.front().count / 8 >= context->bufcap / 128 && context->bufcap > 4096;
+}
+
+int intersect_as_bitmaps(conjunction_context* context, const std::vector<term_lookup_t>& terms, running_match* match) {
+    buffer<uint8_t> other;
+    for (const term_lookup_t& term : terms) {
+        const bool first = match->bitmap.empty();
+        buffer<uint8_t>& target = first ? match->bitmap : other;
+        if (target.empty()) {
+            ST_TRY(range_bitmap_alloc(&target, context->range, &context->rc));
+        } else {
+            target.clear();
+        }
+        ST_TRY(_decompress_list_as_deferred_disjunction(context, term.id, target.data()));
+        if (!first) range_bitmap_and(match->bitmap.data(), other.data(), context->range);
+        if (range_bitmap_empty(match->bitmap.data(), context->range)) {
+            match->none = true;
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// Intersects the terms, rarest first. The range is narrowed to the survivors while the lists are walked. Returns a
+// status; *early tells that an inexact caller has few enough candidates.
+int _decompress_list_as_conjunction(conjunction_context* context, std::vector<term_lookup_t> terms, bool exact,
+                                    running_match* match, bool* early) {
+    std::erase_if(terms, [](const term_lookup_t& term) { return term.everywhere; });
+    std::sort(terms.begin(), terms.end(), [](const term_lookup_t& a, const term_lookup_t& b) {
+        return a.count != b.count ? a.count < b.count : a.id < b.id;
+    });
+    if (exact && prefers_bitmap(context, terms)) return intersect_as_bitmaps(context, terms, match);
+    for (const term_lookup_t& term : terms) {
+        ST_TRY(position_reader(context, term.id));
+        if (!match->has_list) {
+            ST_TRY(start_list(context, std::min(term.count, context->range.size()), match));
+        } else {
+            ST_TRY(intersect_list(context, match));
+        }
+        if (match->count == 0) {
+            match->none = true;
+            return 0;
+        }
+        if (!exact && match->count < CANDIDATES_ENOUGH) {
+            *early = true;
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// Narrows the running match to the bits of `filter`, which it may take over.
+void narrow_match(conjunction_context* context, buffer<uint8_t>* filter, running_match* match) {
+    if (match->has_list) {
+        match->count = _filter_values(match->list.data(), match->count, filter->data(), context->range, true);
+        match->none = match->count == 0;
+    } else if (match->bitmap.empty()) {
+        match->bitmap = std::move(*filter);
+        match->none = range_bitmap_empty(match->bitmap.data(), context->range);
+    } else {
+        range_bitmap_and(match->bitmap.data(), filter->data(), context->range);
+        match->none = range_bitmap_empty(match->bitmap.data(), context->range);
+    }
+}
+
+int fresh_bitmap(conjunction_context* context, buffer<uint8_t>* bitmap) {
+    if (bitmap->empty()) return range_bitmap_alloc(bitmap, context->range, &context->rc);
+    bitmap->clear();
+    return 0;
+}
+
+// The time span that all exact terms share; false when it is empty. A term's latest second counts to its last
+// nanosecond.
+bool shared_span(const std::vector<term_lookup_t>& terms, st_timeval_t* earliest_out, st_timeval_t* latest_out) {
+    st_time_t earliest = INT_MIN;
+    st_time_t latest = INT_MAX;
+    for (const term_lookup_t& term : terms) {
+        earliest = std::max(earliest, term.earliest);
+        latest = std::min(latest, term.latest);
+    }
+    if (earliest_out != nullptr && earliest > earliest_out->time_s) *earliest_out = {earliest, 0};
+    if (latest_out != nullptr && latest < latest_out->time_s) *latest_out = {latest, 999999999};
+    return latest >= earliest;
+}
+
+// Looks up the exact positive literals; *possible is false when one is absent or their time spans are apart.
+int lookup_positives(conjunction_context* context, const literal_group& group, st_timeval_t* earliest_out,
+                     st_timeval_t* latest_out, std::vector<term_lookup_t>* terms, bool* possible) {
+    *possible = true;
+    for (const std::string& literal : group.positive) {
+        if (is_wildcard(literal)) continue;
+        const term_lookup_t* term = nullptr;
+        ST_TRY(lookup_exact(context, literal, &term));
+        if (!term->exists) {
+            *possible = false;
+            return 0;
+        }
+        if (term->count == 0) {
+            return _set_rc_verbose(&context->rc, WARM_RC_CORRUPT, term->id, "a term without postings");
+        }
+        terms->push_back(*term);
+    }
+    *possible = shared_span(*terms, earliest_out, latest_out);
+    return 0;
+}
+
+int apply_filters(conjunction_context* context, const literal_group& group, running_match* match) {
+    buffer<uint8_t> filter;
+    for (const std::string& literal : group.positive) {
+        if (match->none) return 0;
+        if (!is_wildcard(literal)) continue;
+        ST_TRY(fresh_bitmap(context, &filter));
+        ST_TRY(or_literal(context, literal, filter.data()));
+        narrow_match(context, &filter, match);
+    }
+    for (const comp_t& comparison : group.comparisons) {
+        if (match->none) return 0;
+        ST_TRY(fresh_bitmap(context, &filter));
+        ST_TRY(or_comparison(context, comparison, filter.data()));
+        narrow_match(context, &filter, match);
+    }
+    return 0;
+}
+
+void hand_over(conjunction_context* context, running_match* match, query_result_t* result) {
+    result->tsval_list = std::move(match->list);
+    result->bitmap = std::move(match->bitmap);
+    result->tsval_list_capacity = match->has_list ? match->count : context->bufcap;
+}
+
+int and_group(conjunction_context* context, const literal_group& group, bool exact, query_result_t* result,
+              st_timeval_t* earliest_out, st_timeval_t* latest_out) {
+    if (context->handle->lexicon == nullptr) {
+        if (context->info != nullptr) context->info->no_lexicon = 1;
+        result->tsval_list_capacity = context->bufcap;
+        return 0;
+    }
+    ST_TRY(_find_first_if_needed(context));
+    if (context->range.empty()) return 0;
+    std::vector<term_lookup_t> terms;
+    bool possible = false;
+    ST_TRY(lookup_positives(context, group, earliest_out, latest_out, &terms, &possible));
+    if (!possible) return 0;
+
+    running_match match;
+    bool early = false;
+    ST_TRY(_decompress_list_as_conjunction(context, std::move(terms), exact, &match, &early));
+    if (match.none) return 0;
+    if (early) {
+        hand_over(context, &match, result);
+        return 0;
+    }
+    ST_TRY(apply_filters(context, group, &match));
+    if (match.none) return 0;
+    if (!group.negative.empty()) {
+        ST_TRY(range_bitmap_alloc(&result->not_bitmap, context->range, &context->rc));
+        for (const std::string& literal : group.negative) {
+            ST_TRY(or_literal(context, literal, result->not_bitmap.data()));
+        }
+    }
+    hand_over(context, &match, result);
+    return 0;
+}
+
+// NOT a OR NOT b is the complement of a AND b.
+int or_negatives(conjunction_context* context, const literal_group& group, uint8_t* bitmap) {
+    query_result_t both;
+    ST_TRY(_and_group(context, {group.negative, {}, {}}, true, &both, nullptr, nullptr));
+    buffer<uint8_t> inverse;
+    ST_TRY(range_bitmap_alloc(&inverse, context->range, &context->rc));
+    if (!both.bitmap.empty()) {
+        range_bitmap_or(inverse.data(), both.bitmap.data(), context->range);
+    } else if (both.tsval_list_capacity == context->bufcap && both.tsval_list.empty()) {
+        range_bitmap_fill(inverse.data(), context->range);
+    } else {
+        for (uint32_t i = 0; i < both.tsval_list_capacity; i++) {
+            const uint32_t bit = both.tsval_list[i] - context->range.begin;
+            inverse[bit / 8] = static_cast<uint8_t>(inverse[bit / 8] | 1U << (bit % 8));
+        }
+    }
+    range_bitmap_complement(inverse.data(), context->range);
+    range_bitmap_or(bitmap, inverse.data(), context->range);
+    return 0;
+}
+
+int or_group(conjunction_context* context, const literal_group& group, query_result_t* result) {
+    ST_TRY(_find_first_if_needed(context));
+    if (context->range.empty()) return 0;
+    if (result->bitmap.empty()) ST_TRY(range_bitmap_alloc(&result->bitmap, context->range, &context->rc));
+    uint8_t* bitmap = result->bitmap.data();
+    if (context->handle->lexicon == nullptr) {
+        if (context->info != nullptr) context->info->no_lexicon = 1;
+        range_bitmap_fill(bitmap, context->range);
+        return 0;
+    }
+    buffer<uint8_t> one;
+    for (const comp_t& comparison : group.comparisons) {
+        ST_TRY(fresh_bitmap(context, &one));
+        ST_TRY(or_comparison(context, comparison, one.data()));
+        range_bitmap_or(bitmap, one.data(), context->range);
+    }
+    for (const std::string& literal : group.positive) ST_TRY(or_literal(context, literal, bitmap));
+    if (!group.negative.empty()) ST_TRY(or_negatives(context, group, bitmap));
+    return 0;
+}
+
+// Runs a group operation at the engine's edge: no exception passes, and a failure leaves an empty result.
+template <typename Operation>
+int guarded(conjunction_context* context, query_result_t* result, Operation operation) {
+    int status = 0;
+    try {
+        status = operation();
+    } catch (const std::bad_alloc&) {
+        status = _set_rc(&context->rc, WARM_RC_NO_MEMORY);
+    }
+    if (status != 0) _reset_result(result);
+    return status;
+}
+
+// Between the numbers of a context over runs and those that callers without one see. Both begin at 0, so that a bitmap
+// over runs is the head of one over all values.
+void narrow_to_runs(const conjunction_context& context, id_range_t* range) {
+    if (warm_slice_has_runs(context.handle)) range->end = std::min(range->end, context.bufcap);
+}
+
+int widen_bitmap(uint32_t values, buffer<uint8_t>* bitmap, warm_rc_t* rc) {
+    if (bitmap->empty()) return 0;
+    buffer<uint8_t> wide;
+    ST_TRY(range_bitmap_alloc(&wide, {.begin = 0, .end = values}, rc));
+    std::memcpy(wide.data(), bitmap->data(), std::min(bitmap->size(), wide.size()));
+    *bitmap = std::move(wide);
+    return 0;
+}
+
+int widen_from_runs(conjunction_context* context, id_range_t* range, query_result_t* result) {
+    WARM* const warm = context->handle;
+    if (!warm_slice_has_runs(warm)) return 0;
+    const uint32_t values = st_warm_slice_values(warm);
+    if (range->end == context->bufcap) range->end = values;
+    if (result->tsval_list.empty() && result->tsval_list_capacity == context->bufcap) {
+        result->tsval_list_capacity = values;
+    }
+    ST_TRY(widen_bitmap(values, &result->bitmap, &context->rc));
+    return widen_bitmap(values, &result->not_bitmap, &context->rc);
+}
+
+}  // namespace
+
+void _reset_result(query_result_t* result) {
+    *result = query_result_t{};
+}
+
+void conjunction_context_open(conjunction_context* context, WARM* warm, const st_timeval_t* earliest,
+                              const st_timeval_t* latest, st_query_info_t* info) {
+    context->handle = warm;
+    context->bufcap = warm_slice_has_runs(warm) ? warm_slice_runs(warm) : st_warm_slice_values(warm);
+    context->earliest = *earliest;
+    context->latest = *latest;
+    context->info = info;
+}
+
+void conjunction_context_close(conjunction_context* context) {
+    if (context->reader_open) close_plist_reader(&context->reader);
+    context->reader_open = false;
+}
+
+int _find_first_if_needed(conjunction_context* context) {
+    id_range_t& range = context->range;
+    if (range.computed) return 0;
+    WARM* const warm = context->handle;
+    if (st_warm_slice_is_msidx_with_dimsets(warm->body)) {
+        range = {.begin = 0, .end = context->bufcap, .begin_preamble = 0, .computed = true};
+        context->covers_slice = warm_slice_within(warm, context->earliest, context->latest);
+        return 0;
+    }
+    const uint32_t values = context->bufcap;
+    const st_timeval_t latest = warm_upper_bound(context->latest);
+    ST_TRY(warm_slice_first_before(warm, 0, values, latest, true, &range.begin, &context->rc));
+    ST_TRY(warm_slice_first_before(warm, 0, values, context->earliest, false, &range.end, &context->rc));
+    range.begin = std::min(range.begin, range.end);  // bounds that are the wrong way round hold nothing
+    range.begin_preamble = 0;
+    range.computed = true;
+    context->covers_slice = range.begin == 0 && range.end == context->bufcap;
+    return 0;
+}
+
+int _and_group(conjunction_context* context, const literal_group& group, bool exact, query_result_t* result,
+               st_timeval_t* earliest_out, st_timeval_t* latest_out) {
+    _reset_result(result);
+    return guarded(context, result, [&] { return and_group(context, group, exact, result, earliest_out, latest_out); });
+}
+
+int _or_group(conjunction_context* context, const literal_group& group, query_result_t* result) {
+    result->tsval_list_capacity = 0;
+    return guarded(context, result, [&] { return or_group(context, group, result); });
+}
+
+int _set_everything(conjunction_context* context, uint8_t* bitmap) {
+    if (!warm_slice_has_runs(context->handle) || context->handle->lexicon == nullptr) {
+        range_bitmap_fill(bitmap, context->range);
+        return 0;
+    }
+    for (const char* metrics : {" metric_name::*", "metric_name::*"}) ST_TRY(or_literal(context, metrics, bitmap));
+    return 0;
+}
+
+int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
+                 const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_timeval_t* earliest_out,
+                 st_timeval_t* latest_out, bool is_exact, st_query_info_t* info, warm_rc_t* rc) {
+    const std::unique_ptr<conjunction_context> context(new (std::nothrow) conjunction_context);
+    if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    conjunction_context_open(context.get(), warm, earliest, latest, info);
+    context->neq_matches_missing = neq_matches_missing;
+    context->range = *range;
+    narrow_to_runs(*context, &context->range);
+    int status = _and_group(context.get(), group, is_exact, result, earliest_out, latest_out);
+    const bool computed_here = !range->computed && context->range.computed;
+    if (status == 0 && computed_here) {
+        *range = context->range;
+        // Ids outside the survivors need no look any more; a bitmap or a not bitmap keeps its own range.
+        const bool plain_list = !result->tsval_list.empty() && result->not_bitmap.empty();
+        if (is_exact && plain_list && result->tsval_list_capacity > 0) {
+            range->begin = result->tsval_list[0];
+            range->end = result->tsval_list[result->tsval_list_capacity - 1] + 1;
+        }
+    }
+    if (status == 0) status = widen_from_runs(context.get(), range, result);
+    if (status != 0) _reset_result(result);
+    conjunction_context_close(context.get());
+    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
+}
+
+int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
+                const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_query_info_t* info,
+                warm_rc_t* rc) {
+    ST_ASSERT(!group.positive.empty() || !group.negative.empty() || !group.comparisons.empty());
+    const std::unique_ptr<conjunction_context> context(new (std::nothrow) conjunction_context);
+    if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    conjunction_context_open(context.get(), warm, earliest, latest, info);
+    context->neq_matches_missing = neq_matches_missing;
+    context->range = *range;
+    narrow_to_runs(*context, &context->range);
+    int status = _or_group(context.get(), group, result);
+    if (status == 0) *range = context->range;
+    if (status == 0) status = widen_from_runs(context.get(), range, result);
+    if (status != 0) _reset_result(result);
+    conjunction_context_close(context.get());
+    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
+}
+
+}  // namespace veldar

@@ -1,0 +1,227 @@
+#include "searchthing/upkeep/tsidx_delete.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <vector>
+
+#include "libzero/assertions.h"
+#include "libzero/osfile.h"
+#include "searchthing/base/log.h"
+#include "searchthing/directory/tsidx_lock.h"
+#include "searchthing/directory/tsidx_merge_settle.h"
+#include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice_values.h"
+
+namespace veldar {
+
+namespace {
+
+// The values of one slice that are to go, as a bitmap over its value numbers.
+struct doomed_values {
+    std::vector<uint8_t> bits;
+    bool any = false;
+
+    void add(uint32_t id) {
+        bits[id / 8] = static_cast<uint8_t>(bits[id / 8] | 1u << (id % 8));
+        any = true;
+    }
+};
+
+struct key_newest_first {
+    bool operator()(const st_tsval_encoded& a, const st_tsval_encoded& b) const {
+        return tsval_key_compare(&a, &b) < 0;
+    }
+};
+
+// Keys are sorted newest first, as values are: each run of keys of one time meets one run of values.
+int find_keys(WARM* warm, const std::vector<st_tsval_encoded>& keys, doomed_values* doomed, warm_rc_t* rc) {
+    const uint32_t values = st_warm_slice_values(warm);
+    uint32_t id = 0;
+    for (auto begin = keys.begin(); begin != keys.end() && id < values;) {
+        const st_time_t time = begin->time;
+        const auto end = std::find_if(begin, keys.end(), [time](const auto& key) { return key.time != time; });
+        ST_TRY(tsidx_first_not_later(warm, id, time, &id, rc));
+        for (; id < values; id++) {
+            st_tsval value;
+            ST_TRY(tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, rc));
+            if (value.time != time) break;
+            if (std::binary_search(begin, end, st_tsval_encoded{time, value.address}, key_newest_first())) {
+                doomed->add(id);
+            }
+        }
+        begin = end;
+    }
+    return 0;
+}
+
+int find_addresses(WARM* warm, const std::vector<st_addr_t>& addresses, doomed_values* doomed, warm_rc_t* rc) {
+    for (uint32_t id = 0; id < st_warm_slice_values(warm); id++) {
+        st_tsval value;
+        ST_TRY(tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, rc));
+        if (std::binary_search(addresses.begin(), addresses.end(), value.address)) doomed->add(id);
+    }
+    return 0;
+}
+
+int find_matches(WARM* warm, const st_query_spec* query, doomed_values* doomed, warm_rc_t* rc) {
+    bitmap_and_bounds_t matches;
+    uint64_t count = 0;
+    ST_TRY(query_to_bitmap_and_bounds(warm, query, &matches, &count, rc));
+    for (uint32_t bit = 0; count != 0 && bit < matches.end - matches.begin; bit++) {
+        if ((matches.bm[bit / 8] >> (bit % 8) & 1) == 0) continue;
+        doomed->add(matches.begin + bit);
+        count--;
+    }
+    return 0;
+}
+
+bool is_marked(const WARM* warm, uint32_t id) {
+    return id / 8 < warm->tsval_reader.d.bytes.size() && (warm->d_array[id / 8] >> (id % 8) & 1) != 0;
+}
+
+// Flushes and ends a writable handle: 0 when the marks are on the disk.
+int close_flushed(WARM* warm, warm_rc_t* rc) {
+    bool still_open = false;
+    if (st_warm_slice_close(warm, &still_open) == 0 || !still_open) return 0;
+    _set_rc_msg(rc, WARM_RC_WRITE, "flushing delete marks");
+    st_warm_slice_discard(warm);
+    return rc->warm_rc;
+}
+
+// Marks the values in the file and tells how many of them were not marked before and whether any value is left.
+int mark_in_file(const char* path, const doomed_values& doomed, uint64_t* newly, bool* all_deleted, warm_rc_t* rc) {
+    WARM* const warm = st_warm_slice_open_rdwr(path, rc);
+    if (warm == nullptr) return rc->warm_rc;
+    const uint32_t values = st_warm_slice_values(warm);
+    int status = 0;
+    uint32_t left = 0;
+    for (uint32_t id = 0; id < values && status == 0; id++) {
+        if (is_marked(warm, id)) continue;
+        if ((doomed.bits[id / 8] >> (id % 8) & 1) == 0) {
+            left++;
+        } else if ((status = warm_slice_set_deleted(warm, id, rc)) == 0) {
+            ++*newly;
+        }
+    }
+    *all_deleted = left == 0;
+    if (status == 0) return close_flushed(warm, rc);
+    warm_rc_t ignored;
+    static_cast<void>(close_flushed(warm, &ignored));
+    return status;
+}
+
+int check_deletable(TSIDX* tsidx) {
+    ST_ASSERT(tsidx != nullptr);
+    if (tsidx_is_writable(tsidx) && !tsidx->is_msidx) return 0;
+    return _set_rc_msg(&tsidx->last_failure, WARM_RC_UNSUPPORTED,
+                       tsidx->is_msidx ? "metric directories have no deletes" : "directory is open for reading");
+}
+
+// Finds the values of every slice that overlaps the bounds, then marks them. `find(warm, doomed, rc)` is called with
+// slices of events only.
+template <typename Find>
+int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find find) {
+    uint64_t newly = 0;  // over all snapshots: what a discarded one has marked is marked
+    const auto find_and_mark = [&](tsidx_snapshot& snapshot) -> int64_t {
+        std::vector<doomed_values> doomed(snapshot.size());
+        const auto find_in_slice = [&](size_t i) -> int64_t {
+            WARM* const warm = snapshot.warm(i);
+            warm_rc_t rc;
+            doomed[i].bits.resize(st_warm_slice_values(warm) / 8 + 1);
+            const int status = st_warm_slice_is_msidx(warm->body)
+                                   ? _set_rc_msg(&rc, WARM_RC_UNSUPPORTED, "metric slices have no deletes")
+                                   : find(warm, &doomed[i], &rc);
+            if (!doomed[i].any) doomed[i].bits = {};
+            return status == 0 ? 0 : snapshot.fail(i, rc);
+        };
+        if (const int64_t status = tsidx_each_slice(snapshot, earliest, latest, find_in_slice); status != 0)
+            return status;
+        for (size_t i = 0; i < snapshot.size(); i++) {
+            if (!doomed[i].any) continue;
+            warm_rc_t rc;
+            bool all_deleted = false;
+            if (mark_in_file(snapshot.path(i).c_str(), doomed[i], &newly, &all_deleted, &rc) != 0) {
+                const bool gone = rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT;
+                return gone ? TSIDX_VANISHED : snapshot.fail(i, rc);
+            }
+            if (all_deleted) tsidx_remove_slice(tsidx, snapshot.path(i));
+        }
+        return static_cast<int64_t>(newly);
+    };
+    try {
+        tsidx_lock lock;
+        ST_TRY(lock.acquire(tsidx, tsidx->lock_seconds));
+        // Else the sources of a merge that was cut off could come back when the target goes.
+        const int settled = tsidx_settle_merge(tsidx, &tsidx->last_failure);
+        if (settled != 0 && settled != WARM_RC_MANIFEST_EXISTS) return settled;
+        return tsidx_over_snapshot(tsidx, find_and_mark);
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+}  // namespace
+
+void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path) {
+    const std::string sentinel = path + TSIDX_SENTINEL_SUFFIX;
+    if (ospath_mark(sentinel.c_str()) != 0 || tsidx_unlink_slice(tsidx, path) != 0 || ::unlink(sentinel.c_str()) != 0) {
+        _log(0, "WARN  a slice without events was not removed. errno=%i, path=%s\n", errno, path.c_str());
+    }
+    // Should the removal not last, the slice comes back with every event marked.
+    warm_rc_t ignored;
+    static_cast<void>(tsidx_flush(tsidx, tsidx->path.c_str(), O_DIRECTORY, &ignored));
+}
+
+int64_t st_tsidx_delete_by_key(TSIDX* tsidx, const st_tsval_encoded* keys, size_t count) {
+    ST_TRY(check_deletable(tsidx));
+    ST_ASSERT(keys != nullptr || count == 0);
+    try {
+        std::vector<st_tsval_encoded> sorted(keys, keys + count);
+        std::sort(sorted.begin(), sorted.end(), key_newest_first());
+        if (sorted.empty()) return 0;
+        return delete_found(
+            tsidx, sorted.back().time, sorted.front().time,
+            [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_keys(warm, sorted, doomed, rc); });
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+int64_t st_tsidx_delete_by_addr(TSIDX* tsidx, const st_addr_t* addresses, size_t count) {
+    ST_TRY(check_deletable(tsidx));
+    ST_ASSERT(addresses != nullptr || count == 0);
+    try {
+        std::vector<st_addr_t> sorted(addresses, addresses + count);
+        std::sort(sorted.begin(), sorted.end());
+        if (sorted.empty()) return 0;
+        return delete_found(
+            tsidx, TSIDX_FIRST_TIME, TSIDX_LAST_TIME,
+            [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_addresses(warm, sorted, doomed, rc); });
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query) {
+    ST_TRY(check_deletable(tsidx));
+    ST_TRY(tsidx_check_query(tsidx, query));
+    if (query->cumspan != 0) {
+        return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a delete takes no cumspan");
+    }
+    const st_query_spec bounded = query_with_bounds(*query);
+    if (tsidx_is_empty_range(bounded)) return 0;
+    return delete_found(
+        tsidx, bounded.earliest.time_s, bounded.latest.time_s,
+        [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, &bounded, doomed, rc); });
+}
+
+void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx->lock_seconds = std::max(seconds, 0);
+}
+
+}  // namespace veldar

@@ -1,0 +1,115 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "libzero/assertions.h"
+#include "libzero/osfile.h"
+#include "searchthing/base/log.h"
+#include "searchthing/directory/tsidx_handle.h"
+#include "searchthing/directory/tsidx_lock.h"
+#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
+#include "searchthing/directory/tsidx_merge_settle.h"
+
+namespace veldar {
+
+namespace {
+
+// A merge that waits for a delete has much more to lose than a delete that waits for a merge.
+constexpr int LOCK_PATIENCE = 6;
+
+int write_text(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t put = ::write(fd, text.data(), text.size());
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return -1;
+        text.remove_prefix(static_cast<size_t>(put));
+    }
+    return 0;
+}
+
+int fail_write(warm_rc_t* rc) {
+    return _set_rc_msg(rc, WARM_RC_WRITE, "error writing to manifest file");
+}
+
+}  // namespace
+
+tsidx_merge_commit::~tsidx_merge_commit() {
+    if (state_ == NOTHING || state_ == COMMITTED) return;
+    // The manifest goes last: while it is there, the next merge knows what to remove.
+    bool removed = temp_path_.empty() || ::unlink(temp_path_.c_str()) == 0 || errno == ENOENT;
+    const std::string& path = state_ == TMP ? tmp_path_ : manifest_path_;
+    removed = removed && ::unlink(path.c_str()) == 0;
+    if (!removed) _log(0, "WARN  an unfinished merge was not removed. errno=%i, path=%s\n", errno, path.c_str());
+}
+
+std::string tsidx_merge_commit::temp_path() const {
+    return temp_path_;
+}
+
+int tsidx_merge_commit::begin(warm_rc_t* rc) {
+    ST_ASSERT(state_ == NOTHING);
+    manifest_path_ = tsidx_->path + "/" + MERGE_MANIFEST_NAME;
+    tmp_path_ = tsidx_->path + "/" + MERGE_MANIFEST_TMP_NAME;
+    if (tmp_path_.size() >= OSPATH_BUF_SIZE) {
+        return _set_rc_msg(rc, WARM_RC_PATH_TOO_LONG, "merge manifest file path too long");
+    }
+    manifest_.owner = merge_owner_self();
+    const std::string text = merge_manifest_owner_text(manifest_.owner);
+    tsidx_lock lock;
+    if (lock.acquire(tsidx_, tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
+    ST_TRY(tsidx_settle_merge(tsidx_, rc));
+    fd_.reset(::open(tmp_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd_.valid() && errno == EEXIST) {
+        return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "tmp manifest file already exists");
+    }
+    if (!fd_.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, tmp_path_.c_str());
+    state_ = TMP;
+    tsidx_lock_file(fd_.get());
+    return write_text(fd_.get(), text) == 0 ? 0 : fail_write(rc);
+}
+
+int tsidx_merge_commit::declare(const std::string& target, const std::string& temp, std::vector<std::string> sources,
+                                warm_rc_t* rc) {
+    ST_ASSERT(state_ == TMP);
+    manifest_.target = target;
+    manifest_.temp = temp;
+    manifest_.sources = std::move(sources);
+    const std::string text = merge_manifest_text(manifest_);
+    const size_t written = merge_manifest_owner_text(manifest_.owner).size();
+    if (write_text(fd_.get(), std::string_view(text).substr(written)) != 0) return fail_write(rc);
+    if (tsidx_->durable && ::fsync(fd_.get()) != 0) return fail_write(rc);
+    temp_path_ = tsidx_->path + "/" + temp;
+    return 0;
+}
+
+int tsidx_merge_commit::publish(warm_rc_t* rc) {
+    if (::rename(tmp_path_.c_str(), manifest_path_.c_str()) != 0) return fail_write(rc);
+    state_ = RENAMED;
+    return tsidx_flush(tsidx_, tsidx_->path.c_str(), O_DIRECTORY, rc);
+}
+
+int tsidx_merge_commit::put_in_effect(warm_merge_t* merge, warm_rc_t* rc) {
+    const std::string target = tsidx_->path + "/" + manifest_.target;
+    ST_TRY(st_warm_slice_merge_carry_deletes(merge, temp_path_.c_str(), rc));
+    if (ospath_link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
+    state_ = COMMITTED;
+    const int flushed = tsidx_flush(tsidx_, tsidx_->path.c_str(), O_DIRECTORY, rc);
+    // A target of which nobody knows whether it lasts must not be the only one to take deletes.
+    if (flushed != 0 && ::unlink(target.c_str()) == 0) state_ = RENAMED;
+    return flushed;
+}
+
+int tsidx_merge_commit::commit(warm_merge_t* merge, warm_rc_t* rc) {
+    ST_ASSERT(state_ == TMP && !temp_path_.empty());
+    ST_TRY(publish(rc));
+    tsidx_lock lock;
+    if (lock.acquire(tsidx_, LOCK_PATIENCE * tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
+    ST_TRY(put_in_effect(merge, rc));
+    warm_rc_t unremoved;
+    ST_TRY(tsidx_settle_merge(tsidx_, rc, &unremoved));
+    return unremoved.warm_rc == 0 ? 0 : _cpy_rc(rc, &unremoved);
+}
+
+}  // namespace veldar

@@ -1,0 +1,18 @@
+// Mini slices: copies of a directory's slices that end before the terms, for answering what was when without the index.
+#pragma once
+
+#include "searchthing/directory/tsidx.h"
+
+namespace veldar {
+
+// Behind "<name of the mini slice>.<process id>": a mini slice that is being written.
+inline constexpr char TSIDX_MINI_PRE_SUFFIX[] = ".mini.pre-tsidx";
+
+// Writes "<latest>-<earliest>-<id>.mini.tsidx" into the output directory for every live slice. Each is written under a
+// name of its own, flushed, and linked into place; one that exists already is left as it is. Terms, posting lists and
+// metadata of a mini slice answer -44.
+//
+// Returns how many were made. A failure (-4, -9, -11, -35, that of a slice, or of listing) leaves those made before.
+int st_tsidx_minify(TSIDX* tsidx, const char* output_directory);
+
+}  // namespace veldar

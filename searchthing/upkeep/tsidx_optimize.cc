@@ -1,0 +1,253 @@
+#include "searchthing/upkeep/tsidx_optimize.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <new>
+
+#include "libzero/assertions.h"
+#include "libzero/osfile.h"
+#include "searchthing/base/log.h"
+#include "searchthing/directory/tsidx_lock.h"
+#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
+#include "searchthing/upkeep/tsidx_merge_plan.h"
+#include "searchthing/directory/tsidx_merge_settle.h"
+#include "searchthing/reading/tsidx_read.h"
+#include "searchthing/reading/tsidx_snapshot_walk.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr int MAX_TRIES = 16;
+constexpr uint64_t DEFAULT_TARGET_SIZE = uint64_t{1500} << 20;
+
+struct merge_closer {
+    void operator()(warm_merge_t* merge) const { st_warm_slice_merge_close(merge); }
+};
+using merge_owner = std::unique_ptr<warm_merge_t, merge_closer>;
+
+// A listed slice that was gone when it was opened; no status.
+constexpr int VANISHED = 1;
+
+bool has_vanished(const warm_rc_t& rc) {
+    return rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT;
+}
+
+int check_arguments(const TSIDX* tsidx, int mode, uint64_t file_offset, uint32_t flags, warm_rc_t* rc) {
+    if (mode < TSIDX_OPTIMIZE_TIERED || mode > TSIDX_OPTIMIZE_DRY_RUN) {
+        return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "unknown mode of optimisation");
+    }
+    if (file_offset != 0 || flags != 0) {
+        return _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "a file offset and flags are not supported");
+    }
+    if (mode != TSIDX_OPTIMIZE_DRY_RUN && !tsidx_is_writable(tsidx)) {
+        return _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "directory is open for reading");
+    }
+    return 0;
+}
+
+tsidx_merge_rules_t rules_of(const TSIDX* tsidx, int mode, uint32_t min_src_count, uint64_t target_size,
+                             bool is_final) {
+    if (target_size == 0) target_size = tsidx->opts.byte_size;
+    return {.tiered = mode == TSIDX_OPTIMIZE_TIERED || mode == TSIDX_OPTIMIZE_DRY_RUN,
+            .parts_only = mode == TSIDX_OPTIMIZE_PARTS,
+            .min_sources = is_final ? 2 : min_src_count,
+            .target_size = target_size != 0 ? target_size : DEFAULT_TARGET_SIZE};
+}
+
+// A slice whose header cannot be read takes no part, and does not keep the others from merging.
+int read_source(const std::string& path, tsidx_merge_source_t* source, bool* usable, warm_rc_t* rc) {
+    const unique_fd fd = osfile_open_regular(path.c_str(), O_RDONLY);
+    if (!fd.valid()) return errno == ENOENT ? VANISHED : _set_rc_msg(rc, WARM_RC_OPEN, path.c_str());
+    if (osfile_get_size(fd.get(), &source->bytes) != 0) return _set_rc_msg(rc, WARM_RC_FILE_SIZE, path.c_str());
+    *usable = warm_header_read(fd.get(), &source->header, rc) == 0;
+    if (!*usable) {
+        _log(0, "WARN  a slice is not merged. rc=%i, errno=%i, path=%s: %s\n", rc->warm_rc, rc->saved_errno,
+             path.c_str(), rc->message);
+    }
+    return 0;
+}
+
+struct source_listing {
+    size_t live = 0;  // slices, those included that cannot be read
+    std::vector<tsidx_merge_source_t> slices;
+};
+
+int list_sources_once(TSIDX* tsidx, source_listing* found, warm_rc_t* rc) {
+    tsidx_listing_t listing;
+    ST_TRY(tsidx_list(tsidx->path.c_str(), &listing, rc));
+    *found = {.live = listing.size(), .slices = {}};
+    for (const tsidx_slice_name_t& slice : listing) {
+        tsidx_merge_source_t source;
+        bool usable = false;
+        source.name = slice.name;
+        source.part = slice.name.ends_with(TSIDX_PART_SUFFIX);
+        ST_TRY(read_source(tsidx->path + "/" + slice.name, &source, &usable, rc));
+        if (usable) found->slices.push_back(std::move(source));
+    }
+    return 0;
+}
+
+int list_sources(TSIDX* tsidx, source_listing* found, warm_rc_t* rc) {
+    for (int i = 0; i < MAX_TRIES; i++) {
+        const int status = list_sources_once(tsidx, found, rc);
+        if (status != VANISHED) return status;
+        tsidx_pause(i);
+    }
+    return _set_rc_msg(rc, WARM_RC_RETRIES, "slices go faster than they can be opened");
+}
+
+int make_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_plan_t* plan, warm_rc_t* rc) {
+    source_listing found;
+    *plan = {};
+    ST_TRY(list_sources(tsidx, &found, rc));
+    if (found.live < 2) return _set_rc_msg(rc, WARM_RC_FEW_SLICES, "fewer than two slices");
+    for (const size_t i : tsidx_plan_merge(found.slices, rules)) {
+        plan->sources.push_back(found.slices[i].name);
+        plan->bytes += found.slices[i].bytes;
+    }
+    if (plan->sources.empty()) return _set_rc_msg(rc, WARM_RC_FEW_SOURCES, "no two slices are to be merged");
+    return 0;
+}
+
+int check_space(const TSIDX* tsidx, uint64_t needed, warm_rc_t* rc) {
+    struct statvfs system;
+    if (::statvfs(tsidx->path.c_str(), &system) != 0) return 0;  // then the write will tell
+    const uint64_t free = uint64_t{system.f_bavail} * system.f_frsize;
+    if (free >= needed) return 0;
+    char message[128];
+    std::snprintf(message, sizeof message, "a merge needs %llu bytes of disk space, and %llu are free",
+                  static_cast<unsigned long long>(needed), static_cast<unsigned long long>(free));
+    errno = ENOSPC;
+    return _set_rc_msg(rc, WARM_RC_WRITE, message);
+}
+
+// The names that the target has before and after the merge takes effect.
+struct target_names {
+    std::string temp, target;
+};
+
+int name_target(TSIDX* tsidx, const warm_merge_totals_t& totals, target_names* names, warm_rc_t* rc) {
+    const uint64_t id = st_warm_slice_unique_id(&tsidx->rng);
+    const char* const directory = tsidx->path.c_str();
+    ospath_buf path;
+    for (const char* suffix : {TSIDX_PRE_SUFFIX, TSIDX_SUFFIX}) {
+        const int named = st_warm_slice_filename(&path, directory, suffix, totals.earliest, totals.latest, id);
+        if (named != 0) return _set_rc_msg(rc, named, directory);
+        const std::string text = path.val;
+        (suffix == TSIDX_SUFFIX ? names->target : names->temp) = text.substr(text.rfind('/') + 1);
+    }
+    return 0;
+}
+
+merge_owner open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, uint32_t lexicon_tpb, warm_rc_t* rc) {
+    std::vector<std::string> paths;
+    for (const std::string& source : plan.sources) paths.push_back(tsidx->path + "/" + source);
+    std::vector<const char*> texts;
+    for (const std::string& path : paths) texts.push_back(path.c_str());
+    const warm_merge_options_t options = {.write_options = tsidx->opts,
+                                          .lexicon_tpb = lexicon_tpb,
+                                          .mapper = tsidx->merge_mapper,
+                                          .mapper_context = tsidx->merge_mapper_context,
+                                          .progress = tsidx->merge_progress,
+                                          .progress_context = tsidx->merge_progress_context};
+    return merge_owner(st_warm_slice_merge_open(texts, &options, rc));
+}
+
+// One merge, or VANISHED.
+int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_tpb, warm_rc_t* rc) {
+    tsidx_merge_commit commit(tsidx);
+    ST_TRY(commit.begin(rc));
+    tsidx_optimize_plan_t plan;
+    ST_TRY(make_plan(tsidx, rules, &plan, rc));
+    ST_TRY(check_space(tsidx, plan.bytes, rc));
+    const merge_owner merge = open_merge(tsidx, plan, lexicon_tpb, rc);
+    if (merge == nullptr) return has_vanished(*rc) ? VANISHED : rc->warm_rc;
+    target_names names;
+    ST_TRY(name_target(tsidx, *st_warm_slice_merge_totals(merge.get()), &names, rc));
+    ST_TRY(commit.declare(names.target, names.temp, plan.sources, rc));
+    ST_TRY(st_warm_slice_merge_write(merge.get(), commit.temp_path().c_str(), tsidx->durable, rc));
+    const int committed = commit.commit(merge.get(), rc);
+    tsidx->cache.close_unused();  // the sources among them still take their disk space
+    return committed;
+}
+
+int settle_leftovers(TSIDX* tsidx, warm_rc_t* rc) {
+    if (!tsidx_has_merge(tsidx)) return 0;
+    tsidx_lock lock;
+    if (lock.acquire(tsidx, tsidx->lock_seconds) != 0) return _cpy_rc(rc, &tsidx->last_failure);
+    return tsidx_settle_merge(tsidx, rc);
+}
+
+int optimize(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_tpb, warm_rc_t* rc) {
+    tsidx_optimize_plan_t plan;
+    ST_TRY(settle_leftovers(tsidx, rc));
+    for (int i = 0; i < MAX_TRIES; i++) {
+        // First without a lock: most calls find nothing to do.
+        ST_TRY(make_plan(tsidx, rules, &plan, rc));
+        const int status = merge_once(tsidx, rules, lexicon_tpb, rc);
+        if (status != VANISHED) return status;
+        tsidx_pause(i);
+    }
+    return _set_rc_msg(rc, WARM_RC_RETRIES, "slices go faster than they can be opened");
+}
+
+}  // namespace
+
+int st_tsidx_optimize_n(TSIDX* tsidx, int mode, uint32_t min_src_count, uint32_t lexicon_tpb, uint64_t target_size,
+                        warm_rc_t* rc, uint64_t file_offset, uint32_t flags, bool is_final) {
+    ST_ASSERT(tsidx != nullptr);
+    warm_rc_t result;
+    try {
+        if (check_arguments(tsidx, mode, file_offset, flags, &result) == 0) {
+            const tsidx_merge_rules_t rules = rules_of(tsidx, mode, min_src_count, target_size, is_final);
+            tsidx_optimize_plan_t plan;
+            const int status = mode == TSIDX_OPTIMIZE_DRY_RUN ? make_plan(tsidx, rules, &plan, &result)
+                                                              : optimize(tsidx, rules, lexicon_tpb, &result);
+            if (status == 0) result = {};  // of slices that were left out
+        }
+    } catch (const std::bad_alloc&) {
+        _set_rc(&result, WARM_RC_NO_MEMORY);
+    }
+    _cpy_rc(&tsidx->last_failure, &result);
+    if (rc != nullptr) _cpy_rc(rc, &result);
+    return result.warm_rc;
+}
+
+int st_tsidx_optimize_plan(TSIDX* tsidx, int mode, uint32_t min_src_count, uint64_t target_size, bool is_final,
+                           tsidx_optimize_plan_t* plan) {
+    ST_ASSERT(tsidx != nullptr && plan != nullptr);
+    warm_rc_t* const rc = &tsidx->last_failure;
+    try {
+        return make_plan(tsidx, rules_of(tsidx, mode, min_src_count, target_size, is_final), plan, rc);
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+int st_tsidx_is_optimized(TSIDX* tsidx) {
+    ST_TRY(tsidx_begin_read(tsidx));
+    const int status =
+        st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_DRY_RUN, TSIDX_OPTIMIZE_MIN_SOURCES, 0, 0, nullptr, 0, 0, false);
+    return status == WARM_RC_FEW_SLICES || status == WARM_RC_FEW_SOURCES ? 1 : status;
+}
+
+void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* context) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx->merge_mapper = mapper;
+    tsidx->merge_mapper_context = context;
+}
+
+void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, void* context) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx->merge_progress = progress;
+    tsidx->merge_progress_context = context;
+}
+
+}  // namespace veldar

@@ -1,0 +1,60 @@
+// Merging slices of an index directory, one merge a call.
+//
+// Any number of processes may read the directory, write into it and delete from it meanwhile; of those that merge, one
+// at a time does. A merge takes effect at once, and when it is cut off, at whatever moment, the directory is left with
+// the same events; the next one that merges, deletes or opens the directory for writing removes what is left behind.
+// How: tsidx_merge_commit_internal.h; which slices: tsidx_merge_plan.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/merge/warmslice_merge.h"
+
+namespace veldar {
+
+enum tsidx_optimize_mode_t : int {
+    TSIDX_OPTIMIZE_TIERED = 0,   // the lowest tier with enough slices
+    TSIDX_OPTIMIZE_ALL = 1,      // whatever fits the target size
+    TSIDX_OPTIMIZE_PARTS = 2,    // slices written in part mode
+    TSIDX_OPTIMIZE_DRY_RUN = 3,  // as tiered, but nothing is changed
+};
+
+// How many slices of a tier make a merge worth its while.
+inline constexpr uint32_t TSIDX_OPTIMIZE_MIN_SOURCES = 8;
+
+// Makes one merge: 0 when it was made (dry run: would be made), -30 when the directory has fewer than two slices, -31
+// when no two of them are to be merged. Anything else is a failure, described in `rc` (which may be null) and in
+// st_tsidx_last_failure, and leaves the events as they were: -28 when another process merges here, -29 when the
+// directory cannot be locked, -9 with ENOSPC when the file system has not as many bytes free as the sources have, -17
+// for a directory opened for reading, a file offset or flags, -37 for another mode, and the failures of listing and of
+// merging.
+//
+// min_src_count   slices that a tier must have in TIERED; 2 when `is_final`
+// lexicon_tpb     terms in a block of the target's lexicon; 0: the write options'
+// target_size     bytes that the sources may have together; 0: the write options', or 1500 MiB when that is 0 too
+// file_offset, flags   0
+//
+// Uses of the write options: the target size, terms a block, the working memory of a merge, whether lists take the best
+// of all encodings, the span of its readers. The hot slice is left alone.
+int st_tsidx_optimize_n(TSIDX* tsidx, int mode, uint32_t min_src_count, uint32_t lexicon_tpb, uint64_t target_size,
+                        warm_rc_t* rc, uint64_t file_offset, uint32_t flags, bool is_final);
+
+// What the call above would merge: names in the directory, newest first, and their bytes, which are also what a merge
+// needs free. 0, -30, -31, or a failure as above; nothing is changed.
+struct tsidx_optimize_plan_t {
+    std::vector<std::string> sources;
+    uint64_t bytes = 0;
+};
+int st_tsidx_optimize_plan(TSIDX* tsidx, int mode, uint32_t min_src_count, uint64_t target_size, bool is_final,
+                           tsidx_optimize_plan_t* plan);
+
+// Gives every event of later merges of this handle a new address, before the events are ordered: the mapper need not
+// keep their order. Null: addresses stay.
+void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* context);
+// Is told how far a merge is, in bytes. Null: nobody is.
+void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, void* context);
+
+}  // namespace veldar

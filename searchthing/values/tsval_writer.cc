@@ -1,0 +1,127 @@
+// Writing packed values and preambles.
+#include "libzero/assertions.h"
+#include "searchthing/values/tsval.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t NANOSECONDS_PER_MILLISECOND = 1000000;
+
+int check_header(const st_warm_slice_body* header, uint32_t width, warm_rc_t* rc) {
+    const int32_t earliest = static_cast<int32_t>(header->earliest.get());
+    const int32_t latest = static_cast<int32_t>(header->latest.get());
+    if (earliest > latest) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "earliest > latest");
+    // Readers take the size of a packed section modulo 2^32 bits, so a longer one could not be found again.
+    const bool size_wraps = uint64_t{width} * header->num_values.get() + 63 > UINT32_MAX;
+    if (tsval_encoding(header) == TSVAL_PACKED && size_wraps) {
+        return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "packed values do not fit");
+    }
+    return 0;
+}
+
+// The second field of a packed value.
+int address_field(const tsval_writer_t* writer, const st_tsval* value, uint32_t* out, warm_rc_t* rc) {
+    const st_warm_slice_body* header = writer->header;
+    *out = 0;
+    if (warm_header_is_enabled(header, WARM_FLAG_PREAMBLES)) {
+        if (writer->addr_nbits == 0) return 0;
+        *out = value->address / NANOSECONDS_PER_MILLISECOND;
+        return *out <= 999 ? 0 : _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "subsecond out of range");
+    }
+    const uint32_t lowest = warm_header_is_rev1(header) ? header->seek_addr_min.get() : 0;
+    const uint32_t highest = warm_header_is_rev1(header) ? header->seek_addr_max.get() : UINT32_MAX;
+    const bool range_known = lowest <= highest;
+    if (range_known && (value->address < lowest || value->address > highest)) {
+        return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "seek_addr not in lowest/highest addr range");
+    }
+    *out = value->address - lowest;
+    return 0;
+}
+
+}  // namespace
+
+int tsval_preamble_writer_open(tsval_preamble_writer_t* writer, int fd, const st_warm_slice_body* header,
+                               warm_rc_t* rc) {
+    _set_rc(rc, 0);
+    tsval_preamble_writer_clear(writer);
+    if (!writer->buf.alloc(TSVAL_WRITER_BUFFER)) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    writer->fd = fd;
+    writer->word_offset = _offset_values(header) / sizeof(uint64_t);
+    return 0;
+}
+
+int tsval_preamble_writer_put_preamble(tsval_preamble_writer_t* writer, uint32_t time, uint32_t address,
+                                       warm_rc_t* rc) {
+    ST_ASSERT(!writer->buf.empty());
+    if (writer->count == writer->buf.size()) ST_TRY(tsval_preamble_writer_flush_buffer(writer, rc));
+    writer->buf[writer->count++] = uint64_t{address} << 32 | time;
+    return 0;
+}
+
+int tsval_preamble_writer_flush_buffer(tsval_preamble_writer_t* writer, warm_rc_t* rc) {
+    const size_t size = writer->count * sizeof(uint64_t);
+    const uint64_t offset = writer->word_offset * sizeof(uint64_t);
+    if (size > 0 && st_pwrite(writer->fd, writer->buf.data(), size, offset) != static_cast<int64_t>(size)) {
+        return _set_rc_msg(rc, WARM_RC_WRITE, "tsval_preamble_writer_flush_buffer failed");
+    }
+    writer->word_offset += writer->count;
+    writer->count = 0;
+    return 0;
+}
+
+void tsval_preamble_writer_clear(tsval_preamble_writer_t* writer) {
+    *writer = tsval_preamble_writer_t{};
+}
+
+int tsval_preamble_writer_close(tsval_preamble_writer_t* writer, warm_rc_t* rc) {
+    const int status = tsval_preamble_writer_flush_buffer(writer, rc);
+    tsval_preamble_writer_clear(writer);
+    return status;
+}
+
+int tsval_writer_open(int fd, tsval_writer_t* writer, const st_warm_slice_body* header, warm_rc_t* rc) {
+    _set_rc(rc, 0);
+    *writer = tsval_writer_t{};
+    const tsval_encoding_t encoding = tsval_encoding(header);
+    ST_ASSERT(encoding != TSVAL_PLAIN);
+    writer->header = header;
+    writer->time_nbits = warm_header_meta_time_nbits(header);
+    writer->addr_nbits = warm_header_seek_addr_nbits(header);
+    ST_TRY(check_header(header, writer->time_nbits + writer->addr_nbits, rc));
+    const uint64_t offset_bytes = _offset_values(header);
+    ST_ASSERT(offset_bytes % sizeof(writer->words[0]) == 0);
+    if (encoding == TSVAL_WITH_PREAMBLES) ST_TRY(tsval_preamble_writer_open(&writer->preambles, fd, header, rc));
+    if (!writer->words.alloc(TSVAL_WRITER_BUFFER)) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    const uint64_t preambles = encoding == TSVAL_WITH_PREAMBLES ? header->num_dimsets.get() : 0;
+    bp_writer_open(&writer->bp, fd, writer->words.data(), TSVAL_WRITER_BUFFER, offset_bytes / 8 + preambles);
+    return 0;
+}
+
+int tsval_writer_put(tsval_writer_t* writer, const st_tsval* value, warm_rc_t* rc) {
+    const int32_t earliest = static_cast<int32_t>(writer->header->earliest.get());
+    const int32_t latest = static_cast<int32_t>(writer->header->latest.get());
+    if (value->time < earliest || value->time > latest) {
+        return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "timstamp not in earliest/latest range");
+    }
+    uint32_t address = 0;
+    ST_TRY(address_field(writer, value, &address, rc));
+    const uint32_t time = static_cast<uint32_t>(value->time) - static_cast<uint32_t>(earliest);
+    ST_TRY(bp_writer_append(&writer->bp, time, writer->time_nbits, rc));
+    return bp_writer_append(&writer->bp, address, writer->addr_nbits, rc);
+}
+
+int tsval_writer_put_preamble(tsval_writer_t* writer, uint32_t time, uint32_t address, warm_rc_t* rc) {
+    return tsval_preamble_writer_put_preamble(&writer->preambles, time, address, rc);
+}
+
+int tsval_writer_close(tsval_writer_t* writer, warm_rc_t* rc) {
+    const int values_status = bp_writer_close(&writer->bp, rc);
+    warm_rc_t preambles_rc;
+    const int preambles_status = tsval_preamble_writer_close(&writer->preambles, &preambles_rc);
+    writer->words.reset();
+    if (values_status == 0 && preambles_status != 0) return _cpy_rc(rc, &preambles_rc);
+    return values_status;
+}
+
+}  // namespace veldar

@@ -1,0 +1,11 @@
+#include "tools/veldar/commands/command.h"
+
+#include <cstring>
+
+namespace veldar {
+
+void fail_io(const std::string& message, int errno_value) {
+    throw tool_failure{EXIT_IO, message + ": " + std::strerror(errno_value)};
+}
+
+}  // namespace veldar

@@ -1,0 +1,34 @@
+// veldar count: the number of events that a query finds.
+#include <CLI/CLI.hpp>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/query/event_count.h"
+#include "tools/veldar/query/query_input.h"
+#include "tools/veldar/store/store.h"
+
+namespace veldar {
+
+namespace {
+
+int count_run(const tool_context& context, const query_options& options) {
+    const prepared_query query = query_prepare(options);
+    const std::string path = store_choose(context.store);
+    troubles trouble;
+    const uint64_t total = count_events(path, query, &trouble);
+    text_output out;
+    output_open(&out, "never");
+    output_put(&out, std::to_string(total) + "\n");
+    output_flush(&out);
+    return answer_status(total > 0, trouble);
+}
+
+}  // namespace
+
+void add_count_command(CLI::App* app, tool_context* context) {
+    static query_options options;
+    CLI::App* count = app->add_subcommand("count", "Print how many events a query finds");
+    add_query_options(count, &options);
+    count->callback([context] { context->status = count_run(*context, options); });
+}
+
+}  // namespace veldar

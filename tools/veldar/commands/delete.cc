@@ -1,0 +1,129 @@
+// veldar delete: marks the events that a query finds, so that no search shows them again. The logs stay as they are.
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/values/tsval_order.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/query/event_count.h"
+#include "tools/veldar/query/event_source.h"
+#include "tools/veldar/query/event_stream.h"
+#include "tools/veldar/store/index_handle.h"
+#include "tools/veldar/store/store.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t WRITE_LEVEL = 4;  // of the handle; a delete writes no slice
+
+struct delete_options {
+    query_options query;
+    bool dry_run = false;
+};
+
+// The keys of the events to delete, by directory.
+std::vector<std::vector<st_tsval_encoded>> find_keys(event_stream* stream) {
+    std::vector<std::vector<st_tsval_encoded>> found;
+    stream_event event;
+    while (event_stream_next(stream, &event)) {
+        if (found.size() <= event.directory) found.resize(event.directory + 1);
+        found[event.directory].push_back({event.value.time, event.value.address});
+    }
+    return found;
+}
+
+uint64_t greatest_address(const std::vector<st_tsval_encoded>& keys) {
+    uint64_t greatest = 0;
+    for (const st_tsval_encoded& key : keys) greatest = std::max<uint64_t>(greatest, key.address);
+    return greatest;
+}
+
+[[noreturn]] void fail_delete(const std::string& path, int64_t status, int error, uint64_t deleted) {
+    std::string why = fmt::format("status {}", status);
+    const bool refused = error == EACCES || error == EPERM || error == EROFS || error == ENOSPC;
+    if (status == WARM_RC_LOCK) why = "another process holds its lock, or locks do not work there";
+    if (status == WARM_RC_LOCK && refused)
+        why = fmt::format("no lock file can be made beside it: {}", std::strerror(error));
+    if (status == WARM_RC_UNSUPPORTED) why = "events of metrics cannot be deleted";
+    throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", path, why, deleted)};
+}
+
+// Deletes what was found in each directory. Events of one key are told apart only by the query itself; in a store no
+// two events of a bucket have one key.
+uint64_t delete_found(const std::string& path, const prepared_query& query) {
+    troubles trouble;
+    event_stream stream;
+    event_stream_open(&stream, path, &query, 0, &trouble);
+    event_source source;
+    event_source_open(&source, &stream.slices, &trouble);
+    stream_check_raw(&stream, &source);
+    const std::vector<std::vector<st_tsval_encoded>> found = find_keys(&stream);
+    if (trouble.incomplete) {
+        throw tool_failure{EXIT_INCOMPLETE, "not everything could be searched: nothing was deleted"};
+    }
+    const st_query_spec spec = query_of_plan(query, query.plans.front());
+    uint64_t deleted = 0;
+    for (size_t i = 0; i < found.size(); i++) {
+        const std::vector<st_tsval_encoded>& keys = found[i];
+        if (keys.empty()) continue;
+        const slice_directory& directory = stream.slices.directories[i];
+        if (directory.has_sources) store_note_deleted(directory.path, greatest_address(keys));
+        const tsidx_ptr tsidx = index_handle_open(directory.path, WRITE_LEVEL);
+        const bool by_query = !directory.has_sources && query_needs_index_only(query);
+        const int64_t count = by_query ? st_tsidx_delete_by_query(tsidx.get(), &spec)
+                                       : st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
+        if (count < 0) {
+            fail_delete(directory.path, count, st_tsidx_last_failure(tsidx.get())->saved_errno, deleted);
+        }
+        deleted += static_cast<uint64_t>(count);
+    }
+    return deleted;
+}
+
+void require_directory(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        throw tool_failure{EXIT_USAGE, path + ": a single slice; -s names the store or the index directory"};
+    }
+}
+
+int delete_run(const tool_context& context, const delete_options& options) {
+    const prepared_query query = query_prepare(options.query);
+    const std::string path = store_choose(context.store);
+    require_directory(path);
+    text_output out;
+    output_open(&out, "never");
+    if (options.dry_run) {
+        troubles trouble;
+        const uint64_t found = count_events(path, query, &trouble);
+        output_put(&out, fmt::format("{} events would be deleted\n", found));
+        output_flush(&out);
+        return answer_status(found > 0, trouble);
+    }
+    const uint64_t deleted = delete_found(path, query);
+    output_put(&out, fmt::format("{} events deleted\n", deleted));
+    output_flush(&out);
+    return deleted > 0 ? EXIT_DONE : EXIT_NOT_FOUND;
+}
+
+}  // namespace
+
+void add_delete_command(CLI::App* app, tool_context* context) {
+    static delete_options options;
+    CLI::App* command = app->add_subcommand("delete", "Delete the events that a query finds");
+    command->footer(
+        "The events are marked in the index and found no more; the logs stay as they are.\n"
+        "Exit status: 0, 1 when nothing was found, 3 when not everything could be searched (then nothing is deleted).");
+    add_query_options(command, &options.query);
+    command->add_flag("--dry-run", options.dry_run, "Only print how many events would be deleted");
+    command->callback([context] { context->status = delete_run(*context, options); });
+}
+
+}  // namespace veldar

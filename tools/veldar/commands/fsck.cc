@@ -1,0 +1,173 @@
+// veldar fsck: checks slices, and says what is wrong with them and where.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <new>
+#include <set>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/check/fsck_slice.h"
+#include "tools/veldar/check/fsck_store.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/store/slices.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/output/text_output.h"
+
+namespace veldar {
+
+namespace {
+
+struct fsck_options {
+    std::string path;
+    bool quiet = false;
+    uint32_t per_kind = 10;
+};
+
+struct fsck_command {
+    const fsck_options* options = nullptr;
+    slice_set slices;
+    std::set<std::string> seen;  // the files that were looked at
+    store_names names;           // of the store
+    bool has_names = false;
+    std::vector<source_map> maps;  // by directory
+    std::vector<bool> has_map;
+    text_output out;
+    troubles trouble;
+    uint64_t checked = 0, damaged = 0, faults = 0;
+};
+
+void put_line(fsck_command* command, const std::string& path, const std::string& text) {
+    if (command->options->quiet) return;
+    output_put(&command->out, path + ": " + text + "\n");
+    output_end_record(&command->out);
+}
+
+// A damaged file beside the slices.
+void put_store_fault(fsck_command* command, const std::string& text) {
+    command->damaged++;
+    command->faults++;
+    put_line(command, command->slices.store, text);
+}
+
+void open_store(fsck_command* command) {
+    const slice_set& slices = command->slices;
+    const size_t known = command->maps.size();  // of an earlier list
+    if (known == slices.directories.size()) return;
+    command->maps.resize(slices.directories.size());
+    command->has_map.resize(slices.directories.size());
+    const auto has_sources = [](const slice_directory& directory) { return directory.has_sources; };
+    if (std::none_of(slices.directories.begin(), slices.directories.end(), has_sources)) return;
+    std::string error;
+    command->has_names = store_names_read(slices.store, &command->names, &error);
+    if (!command->has_names) return troubles_add(&command->trouble, error);
+    for (size_t i = known; i < slices.directories.size(); i++) {
+        if (!slices.directories[i].has_sources) continue;
+        const std::string path = slices.directories[i].path + "/source.map";
+        command->has_map[i] = source_map_open(&command->maps[i], path, false, &error);
+        if (!command->has_map[i]) put_store_fault(command, error);
+    }
+}
+
+// The events of a slice in which nothing is wrong, against the rest of the store.
+std::vector<std::string> check_events(fsck_command* command, const slice_file& file) {
+    warm_ptr warm;
+    std::string error;
+    if (!command->has_names || !command->has_map[file.directory]) return {};
+    if (slice_open(file, &warm, &error) != SLICE_OPEN) return {};
+    return fsck_store_slice(warm.get(), command->maps[file.directory], command->names);
+}
+
+// False when the file was deleted or merged since it was listed.
+bool check_file(fsck_command* command, const slice_file& file) {
+    slice_image image;
+    std::string error;
+    const image_state_t state = slice_image_open(file.path, &image, &error);
+    if (state == IMAGE_VANISHED) return false;
+    if (state == IMAGE_UNREADABLE) {
+        troubles_add(&command->trouble, error);
+        return true;
+    }
+    fsck_report report;
+    report.per_kind = command->options->per_kind;
+    fsck_slice(image, &report);
+    std::vector<std::string> lines;
+    for (const fsck_finding& finding : report.findings) lines.push_back(fsck_finding_text(finding));
+    for (const std::string& line : fsck_more_lines(report)) lines.push_back(line);
+    if (report.total == 0) {
+        lines = check_events(command, file);
+        report.total = lines.size();
+    }
+    command->checked++;
+    command->damaged += report.total != 0 ? 1 : 0;
+    command->faults += report.total;
+    for (const std::string& line : lines) put_line(command, file.path, line);
+    return true;
+}
+
+// One file more than memory holds must not keep the others from being checked.
+bool check_file_or_tell(fsck_command* command, const slice_file& file) {
+    std::string why = "out of memory";
+    try {
+        return check_file(command, file);
+    } catch (const std::bad_alloc&) {
+    } catch (const tool_failure& failure) {
+        why = failure.message;
+    }
+    troubles_add(&command->trouble, file.path + ": " + why);
+    return true;
+}
+
+// Every file once. Those that have gone meanwhile were merged into others, which a new list has.
+void check_all(fsck_command* command) {
+    for (int tries = 1;; tries++) {
+        bool vanished = false;
+        slices_tell_errors(command->slices, &command->trouble);
+        open_store(command);
+        for (const slice_file& file : command->slices.files) {
+            if (!command->seen.contains(file.path) && !check_file_or_tell(command, file)) {
+                vanished = true;
+            } else {
+                command->seen.insert(file.path);
+            }
+        }
+        if (!vanished) return;
+        if (tries == SLICES_MAX_TRIES) break;
+        slices_list_again(&command->slices, tries);
+    }
+    troubles_add(&command->trouble, command->slices.path + ": its slices change too fast to be checked");
+}
+
+int fsck_run_all(const tool_context& context, const fsck_options& options) {
+    fsck_command command;
+    command.options = &options;
+    command.slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
+    output_open(&command.out, "never");
+    check_all(&command);
+    if (!options.quiet) {
+        output_put(&command.out, command.faults == 0 ? fmt::format("{} slices checked, no faults\n", command.checked)
+                                                     : fmt::format("{} slices checked, {} damaged, {} faults\n",
+                                                                   command.checked, command.damaged, command.faults));
+    }
+    output_flush(&command.out);
+    if (command.trouble.incomplete) return EXIT_IO;
+    return command.faults != 0 ? EXIT_DAMAGED : EXIT_DONE;
+}
+
+}  // namespace
+
+void add_fsck_command(CLI::App* app, tool_context* context) {
+    static fsck_options options;
+    CLI::App* fsck = app->add_subcommand("fsck", "Check slices for damage");
+    fsck->footer(
+        "Prints one line a fault: the file, the section, the byte, the term, and what is wrong.\n"
+        "Exit status: 0 no faults, 4 faults, 5 something could not be read.");
+    fsck->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
+    fsck->add_flag("-q,--quiet", options.quiet, "Print nothing; the exit status tells");
+    fsck->add_option("--max", options.per_kind, "Faults of one kind to print for a slice")
+        ->transform(whole_number(1, 1u << 30))
+        ->capture_default_str();
+    fsck->callback([context] { context->status = fsck_run_all(*context, options); });
+}
+
+}  // namespace veldar

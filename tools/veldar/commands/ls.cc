@@ -1,0 +1,192 @@
+// veldar ls: the slices of a store, an index directory or a single file, or the directories with what is in them.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <filesystem>
+#include <vector>
+
+#include "searchthing/slice/warmslice_runs.h"
+#include "searchthing/slice/warmslice_values.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/store/slices.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/output/text_output.h"
+
+namespace veldar {
+
+namespace {
+
+struct ls_options {
+    std::string path;
+    std::string format = "table";
+    bool buckets = false;
+};
+
+struct ls_row {
+    std::string name;
+    std::string format;  // the magic; of a directory how many slices it has
+    bool has_times = false;
+    st_time_t earliest = INT_MAX, latest = INT_MIN;
+    bool readable = true;  // else nothing but times and bytes is known
+    uint64_t slices = 0, events = 0, deleted = 0, terms = 0, bytes = 0;
+};
+
+// Of a name that does not tell, the times of the first and the last value.
+void take_times(const slice_file& file, WARM* warm, ls_row* row) {
+    row->earliest = file.earliest;
+    row->latest = file.latest;
+    row->has_times = file.earliest != INT_MIN || file.latest != INT_MAX;
+    if (row->has_times || warm == nullptr || row->events == 0 || st_warm_slice_is_msidx(warm->body)) return;
+    uint64_t subseconds = 0;
+    warm_rc_t rc;
+    const uint32_t last = st_warm_slice_values(warm) - 1;
+    row->has_times = get_tsval_timestamp(warm, 0, &row->latest, &subseconds, &rc) == 0 &&
+                     get_tsval_timestamp(warm, last, &row->earliest, &subseconds, &rc) == 0;
+}
+
+uint64_t count_deleted(const WARM& warm) {
+    if (!st_warm_slice_has_deletes(&warm)) return 0;
+    uint64_t count = 0;
+    for (const uint8_t byte : warm.tsval_reader.d.bytes) count += static_cast<uint64_t>(std::popcount(byte));
+    return count;
+}
+
+// False for a slice that is gone.
+bool read_slice(const slice_set& slices, const slice_file& file, troubles* trouble, ls_row* row) {
+    warm_ptr warm;
+    std::string error;
+    const slice_state_t state = slice_open(file, &warm, &error);
+    if (state == SLICE_VANISHED) return false;
+    const std::string name = file.path.substr(file.path.rfind('/') + 1);
+    row->name = slices.directories.size() > 1 ? slices.directories[file.directory].name + "/" + name : name;
+    row->slices = 1;
+    if (state == SLICE_UNREADABLE) {
+        troubles_add(trouble, error);
+        std::error_code unknown;
+        const uint64_t bytes = std::filesystem::file_size(file.path, unknown);
+        row->bytes = unknown ? 0 : bytes;
+        row->format = "unreadable";
+        row->readable = false;
+    } else {
+        row->bytes = warm->file_size;
+        row->format = warm->body->magic;
+        row->events = st_warm_slice_values(warm.get()) - warm_slice_runs(warm.get());
+        row->deleted = count_deleted(*warm);
+        row->terms = st_warm_slice_terms(warm.get());
+    }
+    take_times(file, warm.get(), row);
+    return true;
+}
+
+void add_to_bucket(const ls_row& row, ls_row* bucket) {
+    if (row.has_times) {
+        bucket->has_times = true;
+        bucket->earliest = std::min(bucket->earliest, row.earliest);
+        bucket->latest = std::max(bucket->latest, row.latest);
+    }
+    bucket->slices++;
+    bucket->events += row.events;
+    bucket->deleted += row.deleted;
+    bucket->terms += row.terms;
+    bucket->bytes += row.bytes;
+}
+
+// One row a slice, newest first, or one a directory, oldest first.
+std::vector<ls_row> read_rows(const slice_set& slices, bool buckets, troubles* trouble) {
+    std::vector<ls_row> rows;
+    for (const slice_directory& directory : slices.directories) {
+        if (!buckets) break;
+        rows.emplace_back();
+        rows.back().name = directory.name;
+    }
+    for (const slice_file& file : slices.files) {
+        ls_row row;
+        if (!read_slice(slices, file, trouble, &row)) continue;
+        if (buckets) {
+            add_to_bucket(row, &rows[file.directory]);
+        } else {
+            rows.push_back(row);
+        }
+    }
+    for (ls_row& row : rows) {
+        if (buckets) row.format = fmt::format("{} slice{}", row.slices, row.slices == 1 ? "" : "s");
+    }
+    return rows;
+}
+
+std::string time_cell(const ls_row& row, st_time_t time) {
+    return row.has_times ? event_time_text(time, 0) : "-";
+}
+
+std::string number_cell(const ls_row& row, uint64_t number) {
+    return row.readable ? fmt::to_string(number) : "-";
+}
+
+void put_table(text_output* out, const std::vector<ls_row>& rows, bool buckets) {
+    size_t width = 10;
+    for (const ls_row& row : rows) width = std::max(width, row.format.size());
+    output_put(out, fmt::format("{:<20}  {:<20}  {:>10}  {:>8}  {:>9}  {:>12}  {:<{}}  {}\n", "earliest", "latest",
+                                "events", "deleted", "terms", "bytes", buckets ? "slices" : "format", width,
+                                buckets ? "directory" : "slice"));
+    for (const ls_row& row : rows) {
+        output_put(
+            out, fmt::format("{:<20}  {:<20}  {:>10}  {:>8}  {:>9}  {:>12}  {:<{}}  {}\n", time_cell(row, row.earliest),
+                             time_cell(row, row.latest), number_cell(row, row.events), number_cell(row, row.deleted),
+                             number_cell(row, row.terms), row.bytes, row.format, width, row.name));
+        output_end_record(out);
+    }
+}
+
+void put_jsonl(text_output* out, const std::vector<ls_row>& rows, bool buckets) {
+    for (const ls_row& row : rows) {
+        std::string* const line = &out->bytes;
+        *line += buckets ? "{\"directory\":" : "{\"slice\":";
+        json_put_string(line, row.name);
+        if (row.has_times) {
+            *line += fmt::format(",\"earliest\":\"{}\",\"latest\":\"{}\"", event_time_text(row.earliest, 0),
+                                 event_time_text(row.latest, 0));
+        }
+        if (row.readable) {
+            *line += fmt::format(",\"events\":{},\"deleted\":{},\"terms\":{}", row.events, row.deleted, row.terms);
+        }
+        *line += fmt::format(",\"bytes\":{}", row.bytes);
+        *line += buckets ? fmt::format(",\"slices\":{}", row.slices) : fmt::format(",\"format\":\"{}\"", row.format);
+        *line += "}\n";
+        output_end_record(out);
+    }
+}
+
+int ls_run(const tool_context& context, const ls_options& options) {
+    const slice_set slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
+    troubles trouble;
+    slices_tell_errors(slices, &trouble);
+    const std::vector<ls_row> rows = read_rows(slices, options.buckets, &trouble);
+    text_output out;
+    output_open(&out, "never");
+    if (options.format == "jsonl") {
+        put_jsonl(&out, rows, options.buckets);
+    } else {
+        put_table(&out, rows, options.buckets);
+    }
+    output_flush(&out);
+    return trouble.status;
+}
+
+}  // namespace
+
+void add_ls_command(CLI::App* app, tool_context* context) {
+    static ls_options options;
+    CLI::App* ls = app->add_subcommand("ls", "List slices, or the directories that hold them");
+    ls->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
+    ls->add_flag("-b,--buckets", options.buckets, "One line a directory instead of one a slice");
+    ls->add_option("--format", options.format, "table or jsonl")
+        ->check(CLI::IsMember({"table", "jsonl"}))
+        ->capture_default_str();
+    ls->callback([context] { context->status = ls_run(*context, options); });
+}
+
+}  // namespace veldar

@@ -1,0 +1,111 @@
+// veldar metrics load: the command line, the order of the files, and the summary.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "tools/veldar/load/merging.h"
+#include "tools/veldar/load/metric_loader.h"
+#include "tools/veldar/commands/metrics.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+// The directory that is named, or the one of a store, which is made when it does not exist.
+std::string directory_for_load(const tool_context& context, const std::string& directory, bool durable) {
+    if (!directory.empty()) return directory;
+    const std::string store = store_choose(context.store);
+    store_make(store, durable);
+    return store + "/" + STORE_METRICS;
+}
+
+std::string summary(const metric_loader& load) {
+    std::string text = number_text(load.written.samples) + (load.written.samples == 1 ? " sample: " : " samples: ");
+    text += totals_text(load.shown, load.totals);
+    if (load.unchanged == 1) text += " (1 file with nothing new)";
+    if (load.unchanged > 1) text += " (" + std::to_string(load.unchanged) + " files with nothing new)";
+    return text;
+}
+
+int load_run(const tool_context& context, const std::string& directory, metric_load_options* options) {
+    if (!log_zone_from_name(options->zone_name, &options->csv.zone)) {
+        throw tool_failure{EXIT_USAGE, "unknown time zone " + options->zone_name};
+    }
+    options->in_store = directory.empty();
+    metric_loader load;
+    tool_catch_interrupts();
+    metric_loader_open(&load, directory_for_load(context, directory, !options->no_fsync), *options);
+    bool incomplete = false;
+    try {
+        for (const std::string& file : options->files) {
+            std::string error;
+            if (tool_interrupted != 0) break;
+            if (metric_loader_load(&load, file, &error)) continue;
+            progress_clear(&load.shown);
+            say_trouble((file == "-" ? "standard input" : file) + ": " + error);
+            incomplete = true;
+        }
+        metric_loader_close(&load);
+    } catch (tool_failure& failure) {
+        progress_clear(&load.shown);
+        if (failure.status == EXIT_IO) failure.message += "\nveldar: not all is loaded; load again once this is mended";
+        throw;
+    }
+    progress_clear(&load.shown);
+    std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "", summary(load).c_str());
+    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    if (!options->no_optimize) {
+        load.lock.reset();  // the next load need not wait
+        merge_after_load({load.directory});
+    }
+    return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+}
+
+std::string check_label(const std::string& label) {
+    const size_t equals = label.find('=');
+    const bool formed = equals != std::string::npos && equals > 0 && equals + 1 < label.size();
+    return formed ? std::string() : "expected NAME=VALUE";
+}
+
+}  // namespace
+
+void add_metrics_load_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+    static metric_load_options options;
+    static std::string separator = ",";
+    CLI::App* load = metrics->add_subcommand("load", "Index metrics; what was loaded before is not loaded again");
+    load->footer(
+        "OpenMetrics and the Prometheus text format are read as they are. A time of 1e11 and more is in milliseconds,\n"
+        "unless --format says openmetrics (seconds) or prometheus (milliseconds).\n"
+        "CSV needs a header line; without --time the column named time, timestamp, date ... holds the times, without\n"
+        "--value the column \"value\" holds the values, of a metric named after the file.");
+    load->add_option("FILE", options.files, "Files, plain or gzip; - for standard input")->required();
+    load->add_option("--format", options.format, "openmetrics, prometheus or csv, instead of what the file looks like")
+        ->check(CLI::IsMember({"openmetrics", "prometheus", "csv"}));
+    load->add_option("--time", options.time,
+                     "CSV: the column of the times; else the time of samples without one (now)");
+    load->add_option("--value", options.csv.values, "CSV: the columns of values")->delimiter(',');
+    load->add_option("--dims", options.csv.dims, "CSV: the columns that are labels")->delimiter(',');
+    load->add_option("--name", options.csv.name,
+                     "CSV: the metric; with several values what stands before their columns' names");
+    load->add_option("--separator", separator, "CSV: the character between fields; tab for a tab")
+        ->check([](const std::string& text) {
+            return text.size() == 1 || text == "tab" ? std::string() : "expected one character";
+        });
+    load->add_option("--label", options.labels, "NAME=VALUE for every sample without a label of that name")
+        ->check(check_label);
+    load->add_option("--tz", options.zone_name, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...");
+    load->add_flag("--strict", options.strict, "End at the first malformed line instead of counting them");
+    load->add_flag("--again", options.again, "Load what was loaded before once more");
+    load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
+    load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
+    load->add_option("--batch", options.batch_samples)->group("")->transform(whole_number(1, 1u << 24));
+    load->callback([context, directory] {
+        options.csv.separator = separator == "tab" ? '\t' : separator[0];
+        context->status = load_run(*context, *directory, &options);
+    });
+}
+
+}  // namespace veldar

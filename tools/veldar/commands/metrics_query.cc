@@ -1,0 +1,269 @@
+// veldar metrics query and dump: the samples themselves.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <bit>
+#include <tuple>
+
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/formats/metric_text.h"
+#include "tools/veldar/query/metric_catalog.h"
+#include "tools/veldar/query/metric_points.h"
+#include "tools/veldar/commands/metrics.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/query/query_input.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint64_t DUMP_POINTS = uint64_t{1} << 22;  // of one pass, unless a single metric has more
+
+struct points_options {
+    std::vector<std::string> names;  // patterns
+    std::vector<std::string> where;
+    std::string since, until, zone = "UTC", format = "text";
+    uint64_t limit = 0;
+    bool oldest_first = false;
+};
+
+// A term as the bracket notation has it.
+void put_literal(std::string* out, std::string_view term) {
+    *out += ' ';
+    for (const char c : term) {
+        if (std::string_view(" \t\n[]\\").find(c) != std::string_view::npos) *out += '\\';
+        *out += c;
+    }
+}
+
+void put_condition(std::string* out, const std::string& condition) {
+    const size_t equals = condition.find('=');
+    const bool negated = equals != std::string::npos && equals > 0 && condition[equals - 1] == '!';
+    const std::string label = condition.substr(0, negated ? equals - 1 : equals);
+    if (equals == std::string::npos || label.empty() || condition.find('\0') != std::string::npos) {
+        throw tool_failure{EXIT_USAGE, "--where " + condition + ": expected LABEL=VALUE or LABEL!=VALUE"};
+    }
+    std::string term;
+    metric_term_put(&term, label, condition.substr(equals + 1));
+    if (negated) *out += " [NOT";
+    put_literal(out, term);
+    if (negated) *out += ']';
+}
+
+std::string query_text(const points_options& options) {
+    std::string text = "[AND [OR";
+    for (const std::string& name : options.names) put_literal(&text, std::string(METRIC_NAME_TERM) + name);
+    text += ']';
+    for (const std::string& condition : options.where) put_condition(&text, condition);
+    return text + ']';
+}
+
+// The series in the order of their texts, which is that of their names first.
+std::vector<uint32_t> series_ranks(const metric_points& points) {
+    const auto& texts = points.series.texts;
+    std::vector<uint32_t> order(texts.size()), ranks(texts.size());
+    for (uint32_t i = 0; i < order.size(); i++) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return *texts[a] < *texts[b]; });
+    for (uint32_t i = 0; i < order.size(); i++) ranks[order[i]] = i;
+    return ranks;
+}
+
+struct point_printer {
+    text_output out;
+    std::string format;
+    uint32_t last = UINT32_MAX;  // the series that is split
+    metric_series series;
+    std::string series_text;
+};
+
+void put_json_point(text_output* out, const metric_series& series, const std::string& time, double value) {
+    output_put(out, "{\"time\":\"" + time + "\",\"name\":");
+    json_put_string(&out->bytes, series.name);
+    output_put(out, ",\"labels\":{");
+    for (const metric_label& label : series.labels) {
+        if (out->bytes.back() != '{') output_put(out, ",");
+        json_put_string(&out->bytes, label.name);
+        output_put(out, ":");
+        json_put_string(&out->bytes, label.value);
+    }
+    output_put(out, "},\"value\":");
+    const bool finite = value - value == 0;
+    if (!finite) output_put(out, "\"");
+    metric_value_put(&out->bytes, value);
+    output_put(out, finite ? "}\n" : "\"}\n");
+}
+
+void print_point(point_printer* printer, const metric_points& points, const metric_point& point) {
+    text_output* const out = &printer->out;
+    if (point.series != printer->last) {
+        metric_series_split(*points.series.texts[point.series], &printer->series);
+        printer->series_text.clear();
+        metric_text_put_series(&printer->series_text, printer->series.name, printer->series.labels);
+        printer->last = point.series;
+    }
+    const int64_t floor_ms = point.time_ms % 1000 < 0 ? point.time_ms % 1000 + 1000 : point.time_ms % 1000;
+    const auto seconds = static_cast<st_time_t>((point.time_ms - floor_ms) / 1000);
+    const auto nanoseconds = static_cast<uint32_t>(floor_ms) * 1000000;
+    const std::string time = event_time_text(seconds, nanoseconds);
+    std::string value;
+    metric_value_put(&value, point.value);
+    if (printer->format == "jsonl") {
+        put_json_point(out, printer->series, time, point.value);
+    } else if (printer->format == "csv") {
+        output_put(out, time + ",");
+        csv_put_field(&out->bytes, printer->series_text);
+        output_put(out, "," + value + "\r\n");
+    } else if (printer->format == "openmetrics") {
+        output_put(out, printer->series_text + " " + value + " ");
+        metric_time_put(&out->bytes, seconds, nanoseconds);
+        output_put(out, "\n");
+    } else {
+        output_put(out, out->terminal ? fmt::format("{:<24}  {:>20}  {}\n", time, value, printer->series_text)
+                                      : time + "\t" + value + "\t" + printer->series_text + "\n");
+    }
+    output_end_record(out);
+}
+
+// By series and time ascending; equal values of equal times do not depend on the slices that hold them.
+void sort_by_series(metric_points* points) {
+    const std::vector<uint32_t> ranks = series_ranks(*points);
+    std::sort(points->points.begin(), points->points.end(), [&](const metric_point& a, const metric_point& b) {
+        return std::tuple(ranks[a.series], a.time_ms, std::bit_cast<uint64_t>(a.value)) <
+               std::tuple(ranks[b.series], b.time_ms, std::bit_cast<uint64_t>(b.value));
+    });
+}
+
+void sort_by_time(metric_points* points, bool oldest_first) {
+    const std::vector<uint32_t> ranks = series_ranks(*points);
+    std::sort(points->points.begin(), points->points.end(), [&](const metric_point& a, const metric_point& b) {
+        const int64_t left = oldest_first ? a.time_ms : -a.time_ms, right = oldest_first ? b.time_ms : -b.time_ms;
+        return std::tuple(left, ranks[a.series]) < std::tuple(right, ranks[b.series]);
+    });
+}
+
+int query_run(const tool_context& context, const std::string& given, const points_options& options) {
+    const std::string directory = metrics_directory(context, given);
+    const std::string text = query_text(options);
+    st_query_spec query;
+    st_query_init(&query);
+    query_set_bounds(options.since, options.until, options.zone, &query);
+    query.lispy = text.c_str();
+    metric_points points;
+    points.limit = options.limit;
+    points.wanted = [&](std::string_view name) {
+        const auto matches = [&](const std::string& pattern) { return metric_name_matches(name, pattern); };
+        return std::any_of(options.names.begin(), options.names.end(), matches);
+    };
+    const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
+    troubles trouble;
+    if (metric_points_read(tsidx.get(), query, &points) != 0) {
+        throw tool_failure{EXIT_IO, metric_read_error(directory, tsidx.get())};
+    }
+    sort_by_time(&points, options.oldest_first);
+    point_printer printer;
+    printer.format = options.format;
+    output_open(&printer.out, "never");
+    if (options.format == "csv") output_put(&printer.out, "time,series,value\r\n");
+    for (const metric_point& point : points.points) {
+        if (!printer.out.closed) print_point(&printer, points, point);
+    }
+    output_flush(&printer.out);
+    return answer_status(!points.points.empty(), trouble);
+}
+
+// Prints the metrics of one pass.
+void dump_names(const std::string& directory, TSIDX* tsidx, const st_query_spec& query, const metric_catalog& catalog,
+                const std::string& first, const std::string& last, point_printer* printer) {
+    metric_points points;
+    points.wanted = [&](std::string_view name) {
+        return name >= first && name <= last && catalog.names.contains(std::string(name));
+    };
+    if (metric_points_read(tsidx, query, &points) != 0) {
+        throw tool_failure{EXIT_IO, metric_read_error(directory, tsidx)};
+    }
+    sort_by_series(&points);
+    printer->last = UINT32_MAX;
+    std::string name;
+    for (const metric_point& point : points.points) {
+        const std::string& text = *points.series.texts[point.series];
+        const std::string_view here = std::string_view(text).substr(0, text.find('\0'));
+        if (point.series != printer->last && here != name) {
+            name = here;
+            output_put(&printer->out, "# TYPE ");
+            metric_text_put_name(&printer->out.bytes, name);
+            output_put(&printer->out, " unknown\n");
+        }
+        print_point(printer, points, point);
+        if (printer->out.closed) return;
+    }
+}
+
+int dump_run(const tool_context& context, const std::string& given, const points_options& options) {
+    const std::string directory = metrics_directory(context, given);
+    troubles trouble;
+    metric_catalog catalog = metric_catalog_read(directory, &trouble);
+    if (trouble.incomplete) return trouble.status;
+    if (!options.names.empty()) {
+        std::erase_if(catalog.names, [&](const auto& entry) {
+            return std::none_of(options.names.begin(), options.names.end(),
+                                [&](const std::string& pattern) { return metric_name_matches(entry.first, pattern); });
+        });
+    }
+    const std::string text = "[AND]";
+    st_query_spec query;
+    st_query_init(&query);
+    query_set_bounds(options.since, options.until, options.zone, &query);
+    query.lispy = text.c_str();
+    const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
+    point_printer printer;
+    printer.format = "openmetrics";
+    output_open(&printer.out, "never");
+    for (auto first = catalog.names.begin(); first != catalog.names.end() && !printer.out.closed;) {
+        auto last = first;
+        uint64_t sum = first->second.points;
+        for (auto next = std::next(first); next != catalog.names.end(); last = next++) {
+            sum += next->second.points;
+            if (sum > DUMP_POINTS) break;
+        }
+        dump_names(directory, tsidx.get(), query, catalog, first->first, last->first, &printer);
+        first = std::next(last);
+    }
+    output_put(&printer.out, "# EOF\n");
+    output_flush(&printer.out);
+    return EXIT_DONE;
+}
+
+void add_bounds_options(CLI::App* command, points_options* options) {
+    command->add_option("--since", options->since, "Only from this time on: 2015-05-17T10:05, 10:05, -2h, ...");
+    command->add_option("--until", options->until, "Only before this time");
+    command->add_option("--tz", options->zone, "Zone of the two times: UTC, local, +02:00, Europe/Berlin ...");
+}
+
+}  // namespace
+
+void add_metrics_query_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+    static points_options options;
+    CLI::App* query = metrics->add_subcommand("query", "Print the samples of metrics, newest first");
+    query->footer("In names and values * stands for any characters; host=* asks for samples that have the label.");
+    query->add_option("NAME", options.names, "Metrics")->required();
+    query->add_option("-w,--where", options.where, "LABEL=VALUE or LABEL!=VALUE; all must hold")->type_size(1);
+    add_bounds_options(query, &options);
+    query->add_option("-n,--limit", options.limit, "At most this many samples, the newest ones")
+        ->transform(whole_number(1, UINT64_MAX));
+    query->add_flag("-r,--reverse", options.oldest_first, "Print the oldest of them first");
+    query->add_option("--format", options.format, "text, csv, jsonl or openmetrics")
+        ->check(CLI::IsMember({"text", "csv", "jsonl", "openmetrics"}))
+        ->capture_default_str();
+    query->callback([context, directory] { context->status = query_run(*context, *directory, options); });
+}
+
+void add_metrics_dump_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+    static points_options options;
+    CLI::App* dump = metrics->add_subcommand("dump", "Print all samples as OpenMetrics, which 'metrics load' reads");
+    dump->add_option("NAME", options.names, "Only these metrics; * stands for any characters");
+    add_bounds_options(dump, &options);
+    dump->callback([context, directory] { context->status = dump_run(*context, *directory, options); });
+}
+
+}  // namespace veldar

@@ -1,0 +1,128 @@
+// veldar optimize: merges slices, so that searches read fewer files and the index takes less space.
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+
+#include "searchthing/upkeep/tsidx_optimize.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/index_handle.h"
+#include "tools/veldar/load/merging.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+struct optimize_options {
+    std::string path;
+    bool dry_run = false;
+    merge_settings merging;
+};
+
+std::vector<std::string> directories_of(const std::string& path) {
+    struct stat status;
+    if (!tool_exists(path) || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        throw tool_failure{EXIT_USAGE, path + ": neither a store nor an index directory"};
+    }
+    if (!store_is(path)) return {path};
+    std::vector<std::string> directories = store_bucket_directories(path);
+    const std::string metrics = path + "/" + STORE_METRICS;
+    if (tool_exists(metrics)) directories.push_back(metrics);
+    return directories;
+}
+
+// The next merge of each directory.
+int show_plans(const std::vector<std::string>& directories, const merge_settings& merging) {
+    text_output out;
+    output_open(&out, "never");
+    troubles trouble;
+    uint64_t most = 0, merges = 0;
+    const int mode = merging.everything ? TSIDX_OPTIMIZE_ALL : TSIDX_OPTIMIZE_TIERED;
+    for (const std::string& directory : directories) {
+        const tsidx_ptr tsidx = index_handle_open(directory, 0);
+        tsidx_optimize_plan_t plan;
+        const int status = st_tsidx_optimize_plan(tsidx.get(), mode, TSIDX_OPTIMIZE_MIN_SOURCES, merging.target_size,
+                                                  merging.is_final, &plan);
+        if (status == WARM_RC_FEW_SLICES || status == WARM_RC_FEW_SOURCES) continue;
+        if (status != 0) {
+            const warm_rc_t& rc = *st_tsidx_last_failure(tsidx.get());
+            const bool unlisted = status == WARM_RC_OPEN || status == WARM_RC_READ;
+            troubles_add(&trouble, directory + ": " + merge_failure_text(status, rc.saved_errno, rc.message),
+                         unlisted ? EXIT_IO : EXIT_INCOMPLETE);
+            continue;
+        }
+        output_put(&out, fmt::format("{}: {} slices, {}\n", directory, plan.sources.size(), bytes_text(plan.bytes)));
+        for (const std::string& source : plan.sources) output_put(&out, fmt::format("  {}\n", source));
+        most = std::max(most, plan.bytes);
+        merges++;
+    }
+    if (merges == 0) {
+        output_put(&out, "nothing to merge\n");
+    } else {
+        output_put(&out, fmt::format("up to {} of disk space needed meanwhile; more merges may follow\n",
+                                     bytes_text(most * std::min<uint64_t>(merges, merging.jobs))));
+    }
+    output_flush(&out);
+    return trouble.status;
+}
+
+int merge(const std::vector<std::string>& directories, const merge_settings& merging) {
+    tool_catch_interrupts();
+    const auto begun = std::chrono::steady_clock::now();
+    const merge_totals totals = merge_directories(directories, merging);
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
+    for (const std::string& failure : totals.failures) std::fprintf(stderr, "veldar: %s\n", failure.c_str());
+    if (totals.merges != 0 || totals.failures.empty()) {
+        std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; so far: " : "",
+                     merge_totals_text(totals, seconds.count()).c_str());
+    }
+    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    if (totals.failures.empty()) return EXIT_DONE;
+    return totals.out_of_space ? EXIT_IO : EXIT_INCOMPLETE;
+}
+
+int optimize_run(const tool_context& context, const optimize_options& options) {
+    const std::vector<std::string> directories =
+        directories_of(options.path.empty() ? store_choose(context.store) : options.path);
+    return options.dry_run ? show_plans(directories, options.merging) : merge(directories, options.merging);
+}
+
+}  // namespace
+
+void add_optimize_command(CLI::App* app, tool_context* context) {
+    static optimize_options options;
+    CLI::App* optimize = app->add_subcommand("optimize", "Merge slices, so that there are fewer");
+    optimize->footer(
+        "Eight slices of about the same size become one, as often as that can be done: each event is copied once for\n"
+        "every fourfold growth. --final merges two already, --all whatever fits the target size. Searching, loading "
+        "and\n"
+        "deleting go on meanwhile, and a merge that is cut off loses nothing.\n"
+        "Exit status: 0, 3 when a directory could not be merged, 5 for want of disk space or memory.");
+    optimize->add_option("PATH", options.path, "A store or an index directory (else the store)");
+    optimize->add_flag("--dry-run", options.dry_run, "Only print what would be merged next");
+    optimize->add_flag("--final", options.merging.is_final, "Nothing more will be loaded: merge two slices of a size");
+    optimize->add_flag("--all", options.merging.everything, "Merge slices of any size up to the target size");
+    optimize
+        ->add_option("--target-size", options.merging.target_size,
+                     "Size up to which slices are merged, as 500MB or 2GB (default 1500 MiB)")
+        ->transform(CLI::AsSizeValue(false))
+        ->transform(CLI::Validator(
+            [](std::string& size) {  // comes first
+                const bool number = size[0] >= '1' && size[0] <= '9' && size.size() < 20;
+                return number ? std::string() : "'" + size + "' is no size such as 500MB";
+            },
+            ""));
+    optimize->add_option("--jobs", options.merging.jobs, "How many directories are merged at a time (default 1)")
+        ->transform(whole_number(1, 256));
+    optimize->callback([context] { context->status = optimize_run(*context, options); });
+}
+
+}  // namespace veldar

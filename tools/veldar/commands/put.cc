@@ -1,0 +1,170 @@
+// veldar put: events that are tokenised already, one a line, into a bare index directory.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "libzero/resource.h"
+#include "searchthing/st.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/load/put_line.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr size_t PIECE = size_t{1} << 20;
+
+struct put_options {
+    std::string directory, input = "-";
+    uint32_t level = 4;
+    bool streaming = false, skip_bad = false, no_fsync = false;
+    index_limits limits;
+};
+
+struct put_run {
+    const put_options* options = nullptr;
+    index_writer writer;
+    load_totals totals;
+    progress shown;
+    put_event event;
+    uint64_t line = 0;
+};
+
+std::string input_name(const put_options& options) {
+    return options.input == "-" ? "standard input" : options.input;
+}
+
+unique_fd open_input(const std::string& path, uint64_t* size) {
+    unique_fd fd(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st;
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) {
+        throw tool_failure{EXIT_INCOMPLETE, path + ": " + std::strerror(errno)};
+    }
+    *size = S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
+    return fd;
+}
+
+// Ends the command over a line, unless bad lines are only counted.
+void refuse_line(put_run* run, const char* reason) {
+    run->totals.refused++;
+    if (run->options->skip_bad) return;
+    throw tool_failure{EXIT_USAGE, input_name(*run->options) + ": line " + std::to_string(run->line) + ": " + reason};
+}
+
+void put_line(put_run* run, std::span<char> line) {
+    run->line++;
+    if (const char* const reason = put_line_parse(line, &run->event); reason != nullptr) {
+        return refuse_line(run, reason);
+    }
+    if (!index_writer_put(&run->writer, run->event.txn, run->event.terms)) {
+        return refuse_line(run, "the event is larger than an index can hold");
+    }
+    run->totals.events++;
+    run->totals.earliest = std::min(run->totals.earliest, run->event.txn.time);
+    run->totals.latest = std::max(run->totals.latest, run->event.txn.time);
+}
+
+// Puts the whole lines of `bytes` and returns how many bytes they are; with `last`, also a line without its newline.
+size_t put_lines(put_run* run, std::span<char> bytes, bool last) {
+    size_t at = 0;
+    while (at < bytes.size() && tool_interrupted == 0) {
+        char* const begin = bytes.data() + at;
+        char* const newline = static_cast<char*>(std::memchr(begin, '\n', bytes.size() - at));
+        if (newline == nullptr && !last) break;
+        const size_t size = newline == nullptr ? bytes.size() - at : static_cast<size_t>(newline - begin);
+        put_line(run, {begin, size});
+        at += size + (newline == nullptr ? 0 : 1);
+    }
+    return at;
+}
+
+void put_input(put_run* run, int fd) {
+    std::vector<char> bytes(2 * PIECE);
+    size_t have = 0;
+    for (;;) {
+        if (bytes.size() - have < PIECE) bytes.resize(bytes.size() * 2);
+        const int64_t got = tool_read_pipe(fd, bytes.data() + have, bytes.size() - have);
+        if (got < 0) throw tool_failure{EXIT_INCOMPLETE, input_name(*run->options) + ": " + std::strerror(errno)};
+        have += static_cast<size_t>(got);
+        run->totals.bytes_in += static_cast<uint64_t>(got);
+        const size_t used = put_lines(run, {bytes.data(), have}, got == 0);
+        if (got == 0 || tool_interrupted != 0) return;
+        std::memmove(bytes.data(), bytes.data() + used, have - used);
+        have -= used;
+        progress_show(&run->shown, run->totals.bytes_in, run->totals.events);
+    }
+}
+
+int put_run_all(const put_options& options) {
+    put_run run;
+    run.options = &options;
+    uint64_t size;
+    const unique_fd input = open_input(options.input, &size);
+    struct stat st;
+    tool_make_directory(options.directory);
+    if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
+        throw tool_failure{EXIT_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
+    }
+    const std::vector<std::string> before = slice_names(options.directory);
+    if (before.empty() && !options.no_fsync) tool_sync_name(options.directory);
+    tool_catch_interrupts();
+    run.shown = progress_begin(size);
+    index_writer_open(&run.writer, options.directory, options.level, options.streaming, options.limits,
+                      !options.no_fsync);
+    const auto finish = [&](const char* how) {
+        index_writer_close(&run.writer);
+        progress_clear(&run.shown);
+        totals_add_slices(&run.totals, options.directory, before);
+        std::fprintf(stderr, "%s%s\n", how, totals_text(run.shown, run.totals).c_str());
+    };
+    try {
+        put_input(&run, input.get());
+    } catch (const tool_failure&) {
+        progress_clear(&run.shown);
+        if (run.writer.thing != nullptr) finish("put so far: ");
+        throw;
+    }
+    finish(tool_interrupted != 0 ? "interrupted; put so far: " : "");
+    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    return run.totals.events == 0 && run.totals.refused != 0 ? EXIT_INCOMPLETE : EXIT_DONE;
+}
+
+}  // namespace
+
+void add_put_command(CLI::App* app, tool_context* context) {
+    static put_options options;
+    CLI::App* put = app->add_subcommand("put", "Put tokenised events into an index directory");
+    put->footer(
+        "One event a line, separated by tabs:\n  time[.fraction] address source sourcetype host measure terms\n"
+        "The terms are separated by blanks; %20, %25 and so on stand for a byte.");
+    put->add_option("DIR", options.directory, "The index directory; made when it does not exist")->required();
+    put->add_option("FILE", options.input, "The events; - for standard input")->capture_default_str();
+    put->add_option("--level", options.level, "Write level, which selects the kind of slice")
+        ->transform(whole_number(1, 4))
+        ->capture_default_str();
+    put->add_flag("--streaming", options.streaming, "The events come in the order of their times");
+    put->add_flag("--skip-bad", options.skip_bad, "Count malformed lines instead of ending at the first");
+    put->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away indexes");
+    index_limits* const limits = &options.limits;
+    const auto limit = [](uint64_t max) { return whole_number(1024, max); };
+    put->add_option("--max-terms", limits->max_terms, "Distinct terms in memory")->transform(limit(1u << 26));
+    put->add_option("--max-postings", limits->max_postings, "Term and event pairs in memory")
+        ->transform(limit(1u << 28));
+    put->add_option("--max-values", limits->max_values, "Events in memory")->transform(limit(1u << 28));
+    put->add_option("--lexicon-bytes", limits->lexicon_bytes, "Bytes of terms in memory")->transform(limit(1u << 30));
+    put->callback([context] { context->status = put_run_all(options); });
+}
+
+}  // namespace veldar

@@ -1,0 +1,102 @@
+// veldar search: prints the events that a query finds.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/query/event_source.h"
+#include "tools/veldar/query/event_stream.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/query/query_input.h"
+#include "tools/veldar/store/store.h"
+
+namespace veldar {
+
+namespace {
+
+struct search_options {
+    query_options query;
+    uint64_t limit = 0;  // 0: all
+    bool oldest_first = false;
+    uint32_t before = 0, after = 0, around = 0;
+    std::string format, color = "auto";
+};
+
+// Raw records where they can be read, addresses elsewhere.
+void choose_format(const search_options& options, const slice_set& slices, event_output* output) {
+    output->has_raw = event_source_knows_raw(slices);
+    output->before = std::max(options.before, options.around);
+    output->after = std::max(options.after, options.around);
+    output->format = FORMAT_RAW;
+    if (!options.format.empty()) event_format_from_name(options.format, &output->format);
+    if ((output->before > 0 || output->after > 0) && output->format != FORMAT_RAW) {
+        throw tool_failure{EXIT_USAGE, "context lines go with --format raw only"};
+    }
+    if (output->has_raw || output->format == FORMAT_ADDR) return;
+    std::fprintf(stderr, "veldar: there is no source map beside these slices, so the events' text is not known\n");
+    if (output->format == FORMAT_RAW) output->format = FORMAT_ADDR;
+}
+
+void print_newest_first(event_stream* stream, uint64_t limit, event_output* output, bool* found) {
+    stream_event event;
+    for (uint64_t count = 0; (limit == 0 || count < limit) && event_stream_next(stream, &event); count++) {
+        *found = true;
+        event_output_put(output, event);
+        if (output->out->closed) return;
+    }
+}
+
+void print_oldest_first(event_stream* stream, uint64_t limit, event_output* output, bool* found) {
+    std::vector<stream_event> events;
+    stream_event event;
+    while ((limit == 0 || events.size() < limit) && event_stream_next(stream, &event)) events.push_back(event);
+    *found = !events.empty();
+    for (auto one = events.rbegin(); one != events.rend() && !output->out->closed; ++one) {
+        event_output_put(output, *one);
+    }
+}
+
+int search_run(const tool_context& context, const search_options& options) {
+    const prepared_query query = query_prepare(options.query);
+    troubles trouble;
+    event_stream stream;
+    event_stream_open(&stream, store_choose(context.store), &query, options.limit, &trouble);
+    event_source source;
+    event_source_open(&source, &stream.slices, &trouble);
+    stream_check_raw(&stream, &source);
+    text_output out;
+    output_open(&out, options.color);
+    event_output output;
+    output.out = &out;
+    output.source = &source;
+    choose_format(options, stream.slices, &output);
+    if (out.colour) output.wanted = highlight_of(query.plans);
+    event_output_begin(&output);
+    bool found = false;
+    (options.oldest_first ? print_oldest_first : print_newest_first)(&stream, options.limit, &output, &found);
+    output_flush(&out);
+    return answer_status(found, trouble);
+}
+
+}  // namespace
+
+void add_search_command(CLI::App* app, tool_context* context) {
+    static search_options options;
+    CLI::App* search = app->add_subcommand("search", "Print the events that a query finds, newest first");
+    add_query_options(search, &options.query);
+    search->add_option("-n,--limit", options.limit, "At most this many events, the newest ones")
+        ->transform(whole_number(1, UINT64_MAX));
+    search->add_flag("-r,--reverse", options.oldest_first, "Print the oldest of them first");
+    search->add_option("-A,--after-context", options.after, "Print this many lines of the log behind each event")
+        ->transform(whole_number(0, UINT32_MAX));
+    search->add_option("-B,--before-context", options.before, "Print this many lines before each event")
+        ->transform(whole_number(0, UINT32_MAX));
+    search->add_option("-C,--context", options.around, "Both")->transform(whole_number(0, UINT32_MAX));
+    search->add_option("--format", options.format, "raw, table, jsonl, csv, tsv or addr")
+        ->check(CLI::IsMember({"raw", "table", "jsonl", "csv", "tsv", "addr"}));
+    add_color_option(search, &options.color);
+    search->callback([context] { context->status = search_run(*context, options); });
+}
+
+}  // namespace veldar

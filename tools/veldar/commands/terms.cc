@@ -1,0 +1,184 @@
+// veldar terms, fields and seen: what the lexicons and the metadata of the slices tell without reading an event.
+#include "tools/veldar/formats/terms.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <vector>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/query/query_input.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/query/term_walk.h"
+#include "tools/veldar/output/text_output.h"
+
+namespace veldar {
+
+namespace {
+
+struct terms_options {
+    std::string pattern, sort = "count";
+    uint64_t limit = 0;  // 0: all
+};
+
+struct counted_term {
+    uint64_t count;
+    std::string term;
+    bool operator<(const counted_term& other) const {
+        return count != other.count ? count > other.count : term < other.term;
+    }
+};
+
+// A count before a name: aligned on a terminal, separated by a tab elsewhere.
+void put_count(text_output* out, uint64_t count) {
+    const std::string text = std::to_string(count);
+    if (out->terminal) output_put(out, std::string(text.size() < 10 ? 10 - text.size() : 0, ' '));
+    output_put(out, text);
+    output_put(out, out->terminal ? "  " : "\t");
+}
+
+void put_term(text_output* out, uint64_t count, std::string_view term) {
+    put_count(out, count);
+    std::string text = term_query_text(term);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t' || c == '\r'; }, ' ');
+    output_put(out, text);
+    output_put(out, "\n");
+    output_end_record(out);
+}
+
+// The most frequent terms; with a limit no more than these are kept in memory.
+uint64_t print_by_count(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
+    std::vector<counted_term> held;
+    const auto visit = [&](std::string_view term, const term_totals& totals) {
+        const bool full = options.limit != 0 && held.size() == options.limit;
+        if (full && held.front().count >= totals.count) return true;
+        held.push_back({totals.count, std::string(term)});
+        if (options.limit == 0) return true;
+        std::push_heap(held.begin(), held.end());
+        if (!full) return true;
+        std::pop_heap(held.begin(), held.end());
+        held.pop_back();
+        return true;
+    };
+    walk_terms(path, term_choice_of(term_pattern_from_text(options.pattern)), visit, trouble);
+    std::sort(held.begin(), held.end());
+    for (const counted_term& one : held) {
+        put_term(out, one.count, one.term);
+        if (out->closed) break;
+    }
+    return held.size();
+}
+
+uint64_t print_by_term(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
+    uint64_t printed = 0;
+    const auto visit = [&](std::string_view term, const term_totals& totals) {
+        put_term(out, totals.count, term);
+        return ++printed != options.limit && !out->closed;
+    };
+    walk_terms(path, term_choice_of(term_pattern_from_text(options.pattern)), visit, trouble);
+    return printed;
+}
+
+int terms_run(const tool_context& context, const terms_options& options) {
+    troubles trouble;
+    text_output out;
+    output_open(&out, "never");
+    const std::string path = store_choose(context.store);
+    const uint64_t printed = (options.sort == "count" ? print_by_count : print_by_term)(path, options, &out, &trouble);
+    output_flush(&out);
+    return answer_status(printed > 0, trouble);
+}
+
+struct field_totals {
+    std::string name;
+    uint64_t values = 0, events = 0;
+};
+
+int fields_run(const tool_context& context) {
+    troubles trouble;
+    std::vector<field_totals> fields;
+    term_choice choice;
+    choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
+    const auto visit = [&](std::string_view term, const term_totals& totals) {
+        const std::string_view name = term.substr(0, term.find("::"));
+        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
+        fields.back().values++;
+        fields.back().events += totals.count;
+        return true;
+    };
+    walk_terms(store_choose(context.store), choice, visit, &trouble);
+    text_output out;
+    output_open(&out, "never");
+    output_put(&out, out.terminal ? "    events      values  field\n" : "");
+    for (const field_totals& field : fields) {
+        put_count(&out, field.events);
+        put_count(&out, field.values);
+        output_put(&out, field.name + "\n");
+        output_end_record(&out);
+    }
+    output_flush(&out);
+    return answer_status(!fields.empty(), trouble);
+}
+
+// One word or one field=value, as the index has it.
+term_pattern exact_term(const std::string& text) {
+    const term_pattern pattern = term_pattern_from_text(text);
+    term_set words;
+    term_set_add_text(&words, text);
+    const auto terms = term_set_terms(&words);
+    const bool word = terms.size() == 1 && terms[0] == pattern.needle;
+    const bool field = pattern.needle.find("::") != std::string::npos;
+    if ((!word && !field) || text.find('*') != std::string::npos) {
+        throw tool_failure{EXIT_USAGE, text + ": expected one word or one field=value, without *"};
+    }
+    return pattern;
+}
+
+int seen_run(const tool_context& context, const std::string& text) {
+    term_totals all;
+    troubles trouble;
+    const auto visit = [&](std::string_view, const term_totals& totals) {
+        all = totals;
+        return true;
+    };
+    walk_terms(store_choose(context.store), term_choice_of(exact_term(text)), visit, &trouble);
+    text_output out;
+    output_open(&out, "never");
+    output_put(&out, "events\t" + std::to_string(all.count) + "\n");
+    if (all.count > 0) {
+        output_put(&out, "first\t" + event_time_text(all.earliest, 0) + "\n");
+        output_put(&out, "last\t" + event_time_text(all.latest, 0) + "\n");
+    }
+    output_flush(&out);
+    return answer_status(all.count > 0, trouble);
+}
+
+}  // namespace
+
+void add_terms_command(CLI::App* app, tool_context* context) {
+    static terms_options options;
+    CLI::App* terms = app->add_subcommand("terms", "List terms with the number of events that hold them");
+    terms->add_option("PATTERN", options.pattern, "word, wo*, field=value, field=*; every term without it");
+    terms->add_option("--sort", options.sort, "By count (the greatest first) or by term")
+        ->check(CLI::IsMember({"count", "term"}))
+        ->capture_default_str();
+    terms->add_option("-n,--limit", options.limit, "At most this many")->transform(whole_number(1, UINT64_MAX));
+    terms->callback([context] { context->status = terms_run(*context, options); });
+}
+
+void add_fields_command(CLI::App* app, tool_context* context) {
+    CLI::App* fields = app->add_subcommand("fields", "List the fields with their numbers of events and of values");
+    fields->footer("An event that holds several values of a field counts once for each.");
+    fields->callback([context] { context->status = fields_run(*context); });
+}
+
+void add_seen_command(CLI::App* app, tool_context* context) {
+    static std::string term;
+    CLI::App* seen = app->add_subcommand("seen", "Tell when a term was first and last seen, and how often");
+    seen->add_option("TERM", term, "A word or field=value")->required();
+    seen->callback([context] { context->status = seen_run(*context, term); });
+}
+
+}  // namespace veldar

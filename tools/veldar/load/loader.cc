@@ -1,0 +1,418 @@
+#include "tools/veldar/load/loader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/foreign_content.h"
+#include "tools/veldar/load/put_line.h"
+#include "tools/veldar/store/raw_reader.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint64_t REPLAY = 64 << 10;  // bytes before the progress that are parsed again for the time they end with
+constexpr uint64_t SHOW_EVERY = 1024;  // events
+
+// What is loaded from one file in one run.
+struct file_load {
+    log_input input;
+    record_reader reader;
+    source_file file;
+    uint64_t from = 0;  // where reading begins
+    bool in_stretch = false;
+    uint64_t events = 0;
+};
+
+store_bucket& bucket_of(loader* load) {
+    return load->st.buckets.back();
+}
+
+std::string machine_name() {
+    char name[65] = {};
+    return ::gethostname(name, sizeof name - 1) == 0 ? name : "localhost";
+}
+
+// The path by which a file is known, from whatever directory it was named.
+std::string absolute_path(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    char resolved[PATH_MAX];
+    if (::realpath(directory.c_str(), resolved) == nullptr) return path;
+    const std::string parent = resolved;
+    return parent + (parent == "/" ? "" : "/") + path.substr(slash + 1);
+}
+
+// Where a file really is: behind symbolic links, and behind "/dev/stdin".
+std::string real_path(const std::string& path) {
+    char resolved[PATH_MAX];
+    return ::realpath(path.c_str(), resolved) == nullptr ? absolute_path(path) : resolved;
+}
+
+// Says that everything below the address is indexed, once the raw bytes that only the spool holds are safe too.
+void mark(loader* load, uint64_t address) {
+    source_map* const map = &bucket_of(load).map;
+    if (address == map->frontier) return;
+    if (load->spool.valid() && load->st.durable && ::fdatasync(load->spool.get()) != 0) {
+        fail_io("cannot sync the copy of the input", errno);
+    }
+    source_map_put_mark(map, address);
+}
+
+void close_bucket(loader* load) {
+    if (load->writer.thing == nullptr) return;
+    index_writer_close(&load->writer);
+    mark(load, load->address);
+    totals_add_slices(&load->totals, bucket_of(load).directory, load->slices_before);
+}
+
+bool bucket_takes_more(const loader& load) {
+    if (load.st.buckets.empty()) return false;
+    const store_bucket& last = load.st.buckets.back();
+    return std::find(load.closed_buckets.begin(), load.closed_buckets.end(), last.number) ==
+               load.closed_buckets.end() &&
+           load.address < load.options->bucket_bytes;
+}
+
+// Opens the bucket that the next record goes into: the last one, or a new one.
+void open_bucket(loader* load) {
+    if (load->writer.thing != nullptr && load->address < load->options->bucket_bytes) return;
+    close_bucket(load);
+    if (!load->st.buckets.empty()) load->address = bucket_of(load).map.frontier;
+    if (!bucket_takes_more(*load)) {
+        store_add_bucket(&load->st);
+        load->address = 0;
+    }
+    const std::string& directory = bucket_of(load).directory;
+    load->slices_before = slice_names(directory);
+    index_writer_open(&load->writer, directory, 4, false, load->options->limits, load->st.durable);
+    load->slices_seen = 0;
+}
+
+// Before a record at this offset: the stretch that it belongs to stands in the source map.
+void open_stretch(loader* load, file_load* one, uint64_t offset) {
+    if (one->in_stretch && load->address < load->options->bucket_bytes) return;
+    open_bucket(load);
+    source_map* const map = &bucket_of(load).map;
+    source_map_put_file(map, one->file);
+    source_map_put_stretch(map, {load->address, one->file.number, offset, one->reader.limit});
+    one->in_stretch = true;
+}
+
+st_txn event_txn(loader* load, const file_load& one) {
+    const log_event_maker& event = load->event;
+    st_txn txn;
+    txn.time = event.time.time_s;
+    txn.subsecond = encode_subsecond(static_cast<uint32_t>(event.time.time_ns));
+    txn.address = static_cast<uint32_t>(load->address);
+    txn.source = one.file.source;
+    txn.source_type = one.file.sourcetype;
+    txn.host =
+        event.line_host == event.host ? one.file.host : store_number(&load->st.hosts, std::string(event.line_host));
+    return txn;
+}
+
+void put_record(loader* load, file_load* one, uint64_t offset, std::string_view text) {
+    open_stretch(load, one, offset);
+    log_event_make(&load->event, text);
+    const st_txn txn = event_txn(load, *one);
+    load_totals* const totals = &load->totals;
+    if (index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms))) {
+        totals->events++;
+        one->events++;
+        totals->earliest = std::min(totals->earliest, txn.time);
+        totals->latest = std::max(totals->latest, txn.time);
+    } else {
+        totals->refused++;
+    }
+    const uint64_t slices = index_writer_slices(&load->writer);
+    if (slices != load->slices_seen) mark(load, load->address);
+    load->slices_seen = slices;
+}
+
+uint64_t disk_position(const file_load& one) {
+    return one.input.gz != nullptr ? one.input.gz->in_offset : one.input.offset;
+}
+
+// Puts every record up to the end of the input, or until the command is interrupted.
+void put_records(loader* load, file_load* one) {
+    record_reader* const reader = &one->reader;
+    uint64_t offset, end = reader->offset;
+    std::string_view text;
+    for (uint64_t records = 0; tool_interrupted == 0 && record_reader_next(reader, &offset, &text); records++) {
+        if (one->in_stretch) load->address += offset - end;
+        end = offset;
+        put_record(load, one, offset, text);
+        if (records % SHOW_EVERY == 0) {
+            progress_show(&load->shown, load->bytes_done + disk_position(*one), load->totals.events);
+        }
+    }
+    record_reader_finish_record(reader);
+    if (one->in_stretch) load->address += reader->offset - end;
+}
+
+void save_points(loader* load, const file_load& one) {
+    if (one.input.gz == nullptr || one.input.gz->points.empty() || one.input.pipe) return;
+    for (const store_bucket& bucket : load->st.buckets) {
+        if (!bucket.map.files.contains(one.file.number)) continue;
+        const std::string path = bucket.directory + "/" + source_points_name(one.file.number);
+        if (!gz_save_points(*one.input.gz, path)) fail_io("cannot write " + path, errno);
+    }
+}
+
+void load_points(const loader& load, file_load* one) {
+    if (one->input.gz == nullptr) return;
+    for (const store_bucket& bucket : load.st.buckets) {
+        if (!bucket.map.files.contains(one->file.number) || !one->input.gz->points.empty()) continue;
+        gz_load_points(one->input.gz.get(), bucket.directory + "/" + source_points_name(one->file.number));
+    }
+}
+
+// The format context, names and numbers of a file that is new or goes on.
+void choose_names(loader* load, file_load* one, const std::string& source) {
+    const load_options& options = *load->options;
+    log_event_maker* const event = &load->event;
+    const bool is_new = one->file.number == 0;
+    event->context = format_context();
+    event->context.zone = load->zone;
+    event->context.year = options.year;
+    event->context.modified_s =
+        one->input.pipe ? std::time(nullptr) : static_cast<int64_t>(one->input.modified_ns / 1000000000u);
+    event->has_time = false;
+    event->format = options.format.empty() ? format_by_name(one->file.format) : format_by_name(options.format);
+    // "text" may only say that the log was too short to tell when it was first seen.
+    const bool undecided = options.format.empty() && one->file.format == "text";
+    if (event->format == nullptr || undecided) event->format = log_event_detect(one->input.head, event->context);
+    store* const st = &load->st;
+    const bool has_name = !is_new && one->file.source < st->sources.names.size();
+    event->source = has_name ? st->sources.names[one->file.source] : source;
+    event->sourcetype = !options.sourcetype.empty() ? options.sourcetype : event->format->name;
+    event->host = !options.host.empty() ? options.host : load->machine;
+    event->host_fixed = !options.host.empty();
+    one->file.source = store_number(&st->sources, event->source);
+    one->file.sourcetype = store_number(&st->sourcetypes, event->sourcetype);
+    one->file.host = store_number(&st->hosts, event->host);
+    one->file.format = event->format->name;
+}
+
+// Where the file stands now and how it begins.
+void describe(file_load* one, const std::string& path) {
+    const log_input& input = one->input;
+    const size_t newline = input.head.find('\n');
+    one->file.kind = input.gz != nullptr ? SOURCE_GZIP : SOURCE_PLAIN;
+    one->file.crlf = newline != std::string::npos && newline > 0 && input.head[newline - 1] == '\r';
+    one->file.device = input.device;
+    one->file.inode = input.inode;
+    one->file.size = input.size;
+    one->file.modified_ns = input.modified_ns;
+    one->file.head_size = static_cast<uint32_t>(input.head.size());
+    one->file.head_hash = XXH64(input.head.data(), input.head.size(), 0);
+    one->file.path = path;
+}
+
+// A known file under another name: its raw lines are found there from now on.
+void note_whereabouts(loader* load, const file_load& one, const source_file& before) {
+    const source_file& now = one.file;
+    if (now.path == before.path && now.inode == before.inode && now.device == before.device) return;
+    for (store_bucket& bucket : load->st.buckets) {
+        if (bucket.map.files.contains(now.number)) source_map_put_file(&bucket.map, now);
+    }
+    known_files_put(&load->known, now);
+}
+
+// Parses the last lines before the progress again: a line without a time that follows them takes theirs. When the year
+// of the first line is given, the years of all the lines behind it hang on it.
+bool replay(loader* load, file_load* one, std::string* error) {
+    const uint64_t start = one->from > REPLAY && load->options->year == 0 ? one->from - REPLAY : 0;
+    if (one->from == 0) return true;
+    record_reader reader;
+    if (!log_input_seek(&one->input, start, error)) return false;
+    if (!record_reader_open(&reader, &one->input, one->from)) throw std::bad_alloc();
+    uint64_t offset;
+    std::string_view text;
+    while (record_reader_next(&reader, &offset, &text)) {
+        if (offset > 0 && offset == start) continue;
+        log_event_note(&load->event, text);
+    }
+    return log_input_seek(&one->input, one->from, error);
+}
+
+// Remembers how far the file is loaded, and the bytes before that, so that it is known again by more than its
+// beginning. Of a gzip file the latter says that it was read to its end; one that was not is read again the next time.
+void note_progress(loader* load, const file_load& one) {
+    if (!one.in_stretch) return;
+    known_file* const known = known_files_put(&load->known, one.file);
+    known->progress = one.reader.offset;
+    known->record_indexed = false;
+    const bool whole = one.reader.error.empty() && tool_interrupted == 0;
+    if (one.input.gz != nullptr && !whole) return;
+    const std::string_view tail = record_reader_tail(&one.reader);
+    known->tail = {one.file.number, one.reader.offset, static_cast<uint32_t>(tail.size()),
+                   XXH64(tail.data(), tail.size(), 0)};
+    source_map_put_tail(&bucket_of(load).map, known->tail);
+}
+
+// Reads the input from one->from on.
+bool load_rest(loader* load, file_load* one, std::string* error) {
+    const uint64_t limit = one->input.pipe || one->input.gz != nullptr ? SOURCE_NO_LIMIT : one->input.size;
+    if (!record_reader_open(&one->reader, &one->input, limit)) throw std::bad_alloc();
+    one->reader.spool = load->spool.get();
+    log_event_look_ahead(&load->event, one->input.pipe ? one->input.head : record_reader_peek(&one->reader),
+                         load->event.context.modified_s);
+    put_records(load, one);
+    load->totals.bytes_in += one->reader.offset - one->from;
+    if (one->reader.spool_errno != 0) fail_io("cannot write the copy of the input", one->reader.spool_errno);
+    note_progress(load, *one);
+    save_points(load, *one);
+    *error = one->reader.error;
+    if (error->empty() && limit != SOURCE_NO_LIMIT && one->reader.offset < limit && tool_interrupted == 0) {
+        *error = "ends at byte " + std::to_string(one->reader.offset) + " of " + std::to_string(limit) +
+                 ": it was cut short while it was loaded";
+    }
+    return error->empty();
+}
+
+// A pipe cannot be read again, so the store keeps its bytes.
+bool load_pipe(loader* load, file_load* one, std::string* error) {
+    if (one->input.head.empty()) return true;
+    open_bucket(load);
+    store_bucket* const bucket = &bucket_of(load);
+    choose_names(load, one, one->input.path == "-" ? "stdin" : one->input.path);
+    describe(one, "");
+    one->file.number = load->known.next_number++;
+    one->file.kind = SOURCE_SPOOL;
+    const std::string name = "spool-" + std::to_string(one->file.number);
+    one->file.path = "../" + bucket->directory.substr(bucket->directory.rfind('/') + 1) + "/" + name;
+    const std::string path = bucket->directory + "/" + name;
+    load->spool.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!load->spool.valid()) fail_io("cannot make " + path, errno);
+    source_map_put_file(&bucket->map, one->file);
+    const bool read = load_rest(load, one, error);
+    if (load->st.durable && ::fdatasync(load->spool.get()) != 0) fail_io("cannot sync " + path, errno);
+    load->spool.reset();
+    return read;
+}
+
+// A load that was killed had read more of a pipe than it indexed.
+void finish_spool(loader* load, const known_file& known) {
+    file_load one;
+    std::string error;
+    const std::string path = bucket_of(load).directory + "/" + known.file.path;
+    if (!log_input_open(&one.input, path, &error) || one.input.size <= known.progress) return;
+    one.file = known.file;
+    one.from = known.progress;
+    choose_names(load, &one, path);
+    if (!replay(load, &one, &error) || !load_rest(load, &one, &error)) {
+        throw tool_failure{EXIT_IO, path + ": " + error};
+    }
+}
+
+void finish_spools(loader* load) {
+    std::vector<known_file> spools;
+    for (const auto& [number, known] : load->known.by_number) {
+        if (known.file.kind == SOURCE_SPOOL) spools.push_back(known);
+    }
+    for (const known_file& known : spools) finish_spool(load, known);
+}
+
+// Passes over a record that is indexed, now that the file is there to tell where it ends.
+bool pass_over(file_load* one, uint64_t limit, std::string* error) {
+    record_reader reader;
+    if (!log_input_seek(&one->input, one->from, error)) return false;
+    if (!record_reader_open(&reader, &one->input, limit)) throw std::bad_alloc();
+    uint64_t offset;
+    std::string_view text;
+    record_reader_next(&reader, &offset, &text);
+    record_reader_finish_record(&reader);
+    one->from = reader.offset;
+    return true;
+}
+
+bool load_file(loader* load, file_load* one, const std::string& path, std::string* error) {
+    bool copy;
+    known_file* const known = known_files_identify(&load->known, &one->input, &copy);
+    if (known != nullptr) {
+        const source_file before = known->file;
+        const bool unchanged = known_file_unchanged(*known, one->input);
+        one->file = before;
+        one->from = known->progress;
+        // A copy may go away again, and the file that was loaded holds what it holds.
+        if (!copy) describe(one, real_path(path));
+        note_whereabouts(load, *one, before);
+        if (known->record_indexed && !pass_over(one, known->record_limit, error)) return false;
+        if (unchanged || (one->input.gz == nullptr && one->from == one->input.size)) {
+            load->unchanged++;
+            return true;
+        }
+    }
+    choose_names(load, one, absolute_path(path));
+    load_points(*load, one);
+    if (known == nullptr) {
+        describe(one, real_path(path));
+        one->file.number = load->known.next_number++;
+    }
+    if (!replay(load, one, error) || !log_input_seek(&one->input, one->from, error)) return false;
+    const bool read = load_rest(load, one, error);
+    if (read && one->events == 0 && known != nullptr) load->unchanged++;
+    return read;
+}
+
+}  // namespace
+
+void loader_open(loader* load, const std::string& store_path, const load_options& options) {
+    load->options = &options;
+    load->machine = machine_name();
+    if (!options.zone.empty() && !log_zone_from_name(options.zone, &load->zone)) {
+        throw tool_failure{EXIT_USAGE, "unknown time zone " + options.zone};
+    }
+    store_open_for_load(&load->st, store_path, !options.no_fsync);
+    load->known = known_files_gather(&load->st, &load->closed_buckets);
+    uint64_t total = 0;
+    struct stat st;
+    for (const std::string& file : options.files) {
+        const bool regular = ::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+        total += regular ? static_cast<uint64_t>(st.st_size) : 0;
+    }
+    load->shown = progress_begin(total);
+    finish_spools(load);
+}
+
+bool loader_load(loader* load, const std::string& path, std::string* error) {
+    file_load one;
+    if (!log_input_open(&one.input, path, error)) return false;
+    *error = foreign_content(one.input.head);
+    if (!error->empty()) return false;
+    const bool read = one.input.pipe ? load_pipe(load, &one, error) : load_file(load, &one, path, error);
+    load->bytes_done += one.input.size;
+    return read;
+}
+
+void loader_close(loader* load) {
+    close_bucket(load);
+}
+
+std::string loader_give_up(loader* load) {
+    try {
+        close_bucket(load);
+    } catch (const tool_failure&) {
+    }
+    struct stat st;
+    if (!load->spool.valid() || ::fstat(load->spool.get(), &st) != 0) {
+        return "not all is loaded; load again once this is mended, and nothing is lost";
+    }
+    return "the first " + std::to_string(st.st_size) +
+           " bytes of the pipe are kept and indexed by the next load; send what follows them again";
+}
+
+}  // namespace veldar

@@ -1,0 +1,63 @@
+// Loads logs into a store, each line once however often the load is ended and begun again.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/store/known_files.h"
+#include "tools/veldar/load/log_event.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/record_reader.h"
+#include "tools/veldar/store/store.h"
+
+namespace veldar {
+
+// A bucket takes no record that begins at or past this address; the last record may reach beyond.
+inline constexpr uint64_t BUCKET_BYTES_MAX = (uint64_t{1} << 32) - 4096;
+
+struct load_options {
+    std::vector<std::string> files;
+    std::string format, zone, host, sourcetype;
+    int year = 0;
+    bool no_fsync = false;
+    bool no_optimize = false;
+    uint64_t bucket_bytes = BUCKET_BYTES_MAX;
+    index_limits limits;
+};
+
+struct loader {
+    const load_options* options = nullptr;
+    store st;
+    known_files known;
+    std::vector<uint32_t> closed_buckets;  // numbers of buckets that nothing may be added to
+    log_zone zone;
+    std::string machine;  // this machine's name
+
+    index_writer writer;   // of the last bucket, when thing is not null
+    uint64_t address = 0;  // of the next record in the bucket
+    uint64_t slices_seen = 0;
+    std::vector<std::string> slices_before;
+    unique_fd spool;  // of the pipe being loaded
+
+    log_event_maker event;
+    load_totals totals;
+    progress shown;
+    uint64_t bytes_done = 0;  // of the files as they lie on the disk
+    uint64_t unchanged = 0;   // files with nothing new
+};
+
+// Opens the store and settles what earlier loads left. Throws tool_failure, as all of these do for the store's own
+// failures.
+void loader_open(loader* load, const std::string& store_path, const load_options& options);
+// Loads what is new in a file ("-": standard input). False with a message when not all of it could be read; what could
+// be is loaded.
+bool loader_load(loader* load, const std::string& path, std::string* error);
+// Syncs, saves the progress and closes.
+void loader_close(loader* load);
+// After a failure: keeps what can still be kept, and returns what the user can do about the rest. Does not throw.
+std::string loader_give_up(loader* load);
+
+}  // namespace veldar

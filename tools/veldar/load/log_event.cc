@@ -1,0 +1,91 @@
+#include "tools/veldar/load/log_event.h"
+
+#include <vector>
+
+#include "tools/veldar/formats/json_text.h"
+#include "tools/veldar/formats/uncoloured.h"
+#include "tools/veldar/store/record_reader.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr size_t DETECT_LINES = 100;
+constexpr std::string_view HOST = "host", SOURCE = "source", SOURCETYPE = "sourcetype";
+
+// Takes the first line, without its line end, off the text.
+std::string_view take_line(std::string_view* text) {
+    const size_t newline = text->find('\n');
+    const std::string_view line = text->substr(0, newline);
+    text->remove_prefix(newline == std::string_view::npos ? text->size() : newline + 1);
+    return record_text(line);
+}
+
+void parse_first(log_event_maker* maker, std::string_view line) {
+    line = uncoloured(line, &maker->plain);
+    maker->format->parse(line, &maker->context, &maker->first);
+    if (!maker->first.has_time) return;
+    maker->time = maker->first.time;
+    maker->has_time = true;
+}
+
+// Only the syslog formats know their host from a place in the line; elsewhere a field of that name may be anybody's.
+bool names_host(const line_format& format) {
+    return std::string_view(format.name).starts_with("syslog");
+}
+
+std::string_view host_of(const log_event_maker& maker) {
+    if (maker.host_fixed || !names_host(*maker.format)) return maker.host;
+    for (const field_view& field : maker.first.fields) {
+        if (field.name == HOST) return field.value;
+    }
+    return maker.host;
+}
+
+}  // namespace
+
+const line_format* log_event_detect(std::string_view head, const format_context& context) {
+    std::string plain;
+    head = uncoloured(head, &plain);
+    std::vector<std::string_view> lines;
+    while (!head.empty() && lines.size() < DETECT_LINES) {
+        const bool whole = head.find('\n') != std::string_view::npos;
+        const std::string_view line = take_line(&head);
+        if (whole || lines.empty()) lines.push_back(line);
+    }
+    return detect_format(lines, context);
+}
+
+void log_event_note(log_event_maker* maker, std::string_view record) {
+    parse_first(maker, take_line(&record));
+}
+
+void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise) {
+    const format_context before = maker->context;
+    while (!maker->has_time && !lines.empty()) parse_first(maker, take_line(&lines));
+    maker->context = before;
+    if (!maker->has_time && !log_time_store(otherwise, 0, &maker->time)) maker->time = {};
+    maker->has_time = true;
+}
+
+void log_event_make(log_event_maker* maker, std::string_view record) {
+    static const line_format* const pairs = format_by_name("text");
+    record = uncoloured(record, &maker->plain);
+    std::string_view left = record;
+    term_set* const terms = &maker->terms;
+    term_set_reset(terms);
+    parse_first(maker, take_line(&left));
+    term_set_add_text(
+        terms, maker->format->is_json ? uncoloured(json_text(record, &maker->decoded), &maker->decoded) : record);
+    maker->line_host = host_of(*maker);
+    term_set_add_field(terms, HOST, maker->line_host);
+    term_set_add_field(terms, SOURCE, maker->source);
+    term_set_add_field(terms, SOURCETYPE, maker->sourcetype);
+    for (const field_view& field : maker->first.fields) term_set_add_field(terms, field.name, field.value);
+    while (!left.empty()) {
+        pairs->parse(take_line(&left), &maker->context, &maker->continued);
+        for (const field_view& field : maker->continued.fields) term_set_add_field(terms, field.name, field.value);
+    }
+}
+
+}  // namespace veldar

@@ -1,0 +1,37 @@
+// Turns the records of one log into events: a time, the names of its host, source and sourcetype, and its terms.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "searchthing/base/st_timeval.h"
+#include "tools/veldar/formats/line_format.h"
+#include "tools/veldar/formats/terms.h"
+
+namespace veldar {
+
+struct log_event_maker {
+    const line_format* format = nullptr;
+    format_context context;
+    std::string source, sourcetype, host;  // host: of lines that do not name theirs, or of all when host_fixed
+    bool host_fixed = false;
+    st_timeval_t time;  // of the last record: what a record without a time takes
+    bool has_time = false;
+
+    parsed_line first, continued;
+    term_set terms;
+    std::string plain, decoded;  // scratch
+    std::string_view line_host;  // of the last record made
+};
+
+// Detects the format from the beginning of the log.
+const line_format* log_event_detect(std::string_view head, const format_context& context);
+// Takes over the time of a record, and what its format remembers from line to line, without making an event.
+void log_event_note(log_event_maker* maker, std::string_view record);
+// When no time is known yet: takes the first that stands in these lines, else `otherwise`.
+void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise);
+// Makes the event of a record: maker->time, ->line_host and ->terms, the views valid until the next record.
+void log_event_make(log_event_maker* maker, std::string_view record);
+
+}  // namespace veldar

@@ -1,0 +1,222 @@
+#include "tools/veldar/load/merging.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "searchthing/directory/tsidx_list.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
+#include "tools/veldar/store/index_handle.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t WRITE_LEVEL = 4;
+
+// What the threads share.
+struct crew {
+    const std::vector<std::string>* directories = nullptr;
+    merge_settings settings;
+    std::atomic<size_t> next = 0;
+    std::atomic<uint64_t> done = 0, planned = 0;  // bytes of the merges begun so far
+    std::mutex mutex;                             // of what follows
+    std::condition_variable ended;
+    size_t working = 0;
+    bool out_of_memory = false;  // in a directory whose totals are not among these
+    merge_totals totals;
+};
+
+// How far the merge of one thread is.
+struct merge_watch {
+    crew* all = nullptr;
+    uint64_t seen = 0;
+
+    static void report(uint64_t done, uint64_t, void* context) {
+        auto* const watch = static_cast<merge_watch*>(context);
+        watch->all->done += done - std::min(done, watch->seen);
+        watch->seen = done;
+    }
+};
+
+struct live_slices_t {
+    uint64_t count = 0, bytes = 0;
+};
+
+live_slices_t count_slices(const std::string& directory) {
+    live_slices_t found;
+    tsidx_listing_t listing;
+    warm_rc_t rc;
+    if (tsidx_list(directory.c_str(), &listing, &rc) != 0) return found;
+    for (const tsidx_slice_name_t& slice : listing) {
+        struct stat status;
+        if (::stat((directory + "/" + slice.name).c_str(), &status) != 0) continue;
+        found.count++;
+        found.bytes += static_cast<uint64_t>(status.st_size);
+    }
+    return found;
+}
+
+// Merges until nothing is left to merge: that status, or a failure.
+int merge_directory(crew* all, TSIDX* tsidx, uint64_t* merges) {
+    const merge_settings& settings = all->settings;
+    const int mode = settings.everything ? TSIDX_OPTIMIZE_ALL : TSIDX_OPTIMIZE_TIERED;
+    int status = 0;
+    while (status == 0 && tool_interrupted == 0) {
+        tsidx_optimize_plan_t plan;
+        status = st_tsidx_optimize_plan(tsidx, mode, TSIDX_OPTIMIZE_MIN_SOURCES, settings.target_size,
+                                        settings.is_final, &plan);
+        if (status != 0) break;
+        all->planned += plan.bytes;
+        merge_watch watch{all};
+        st_tsidx_set_merge_progress(tsidx, merge_watch::report, &watch);
+        status = st_tsidx_optimize_n(tsidx, mode, TSIDX_OPTIMIZE_MIN_SOURCES, 0, settings.target_size, nullptr, 0, 0,
+                                     settings.is_final);
+        all->done += plan.bytes - std::min(plan.bytes, watch.seen);
+        *merges += status == 0 ? 1 : 0;
+    }
+    return status;
+}
+
+void work_on(crew* all, const std::string& directory) {
+    const live_slices_t before = count_slices(directory);
+    uint64_t merges = 0;
+    std::string failure;
+    bool out_of_space = false;
+    try {
+        const tsidx_ptr tsidx = index_handle_open(directory, WRITE_LEVEL);
+        static_cast<void>(st_tsidx_clear_need_optimize(tsidx.get()));
+        const int status = merge_directory(all, tsidx.get(), &merges);
+        if (status != 0 && status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES) {
+            const warm_rc_t& rc = *st_tsidx_last_failure(tsidx.get());
+            failure = directory + ": " + merge_failure_text(status, rc.saved_errno, rc.message);
+            out_of_space = status == WARM_RC_WRITE || status == WARM_RC_NO_MEMORY;
+        }
+    } catch (const tool_failure& cannot_open) {
+        failure = cannot_open.message;
+    }
+    const live_slices_t after = merges == 0 ? before : count_slices(directory);
+    const std::lock_guard guard(all->mutex);
+    all->totals.merges += merges;
+    all->totals.slices_before += before.count;
+    all->totals.slices_after += after.count;
+    all->totals.bytes_before += before.bytes;
+    all->totals.bytes_after += after.bytes;
+    if (!failure.empty()) all->totals.failures.push_back(failure);
+    all->totals.out_of_space = all->totals.out_of_space || out_of_space;
+}
+
+void work(crew* all) {
+    bool out_of_memory = false;
+    for (size_t i = all->next++; i < all->directories->size() && tool_interrupted == 0; i = all->next++) {
+        try {
+            work_on(all, (*all->directories)[i]);
+        } catch (const std::bad_alloc&) {
+            out_of_memory = true;
+        }
+    }
+    const std::lock_guard guard(all->mutex);
+    all->out_of_memory = all->out_of_memory || out_of_memory;
+    all->working--;
+    all->ended.notify_all();
+}
+
+// As many threads as the system gives, down to this one alone, which then works before it returns.
+void start_threads(crew* all, size_t jobs, std::vector<std::jthread>* threads) {
+    threads->reserve(jobs);
+    for (size_t i = 0; i < jobs; i++) {
+        {
+            const std::lock_guard guard(all->mutex);
+            all->working++;
+        }
+        try {
+            threads->emplace_back(work, all);
+        } catch (const std::exception&) {  // no memory or no thread to be had
+            if (threads->empty()) return work(all);
+            const std::lock_guard guard(all->mutex);
+            all->working--;
+            return;
+        }
+    }
+}
+
+void watch_progress(crew* all) {
+    progress shown = progress_begin(0);
+    std::unique_lock guard(all->mutex);
+    while (!all->ended.wait_for(guard, std::chrono::milliseconds(100), [all] { return all->working == 0; })) {
+        shown.total = all->planned;
+        if (shown.total != 0) progress_show_merge(&shown, all->done);
+    }
+    progress_clear(&shown);
+}
+
+}  // namespace
+
+merge_totals merge_directories(const std::vector<std::string>& directories, const merge_settings& settings) {
+    crew all;
+    all.directories = &directories;
+    all.settings = settings;
+    {
+        std::vector<std::jthread> threads;
+        start_threads(&all, std::clamp<size_t>(settings.jobs, 1, std::max<size_t>(directories.size(), 1)), &threads);
+        watch_progress(&all);
+    }
+    if (all.out_of_memory) {
+        all.totals.failures.emplace_back("out of memory");
+        all.totals.out_of_space = true;
+    }
+    return all.totals;
+}
+
+void merge_after_load(const std::vector<std::string>& directories) try {
+    const auto begun = std::chrono::steady_clock::now();
+    const merge_totals totals = merge_directories(directories, {});
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
+    if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
+    for (const std::string& failure : totals.failures) {
+        std::fprintf(stderr, "veldar: slices were not merged: %s\n", failure.c_str());
+    }
+} catch (const std::bad_alloc&) {
+    std::fputs("veldar: slices were not merged: out of memory\n", stderr);
+}
+
+std::string merge_totals_text(const merge_totals& totals, double seconds) {
+    if (totals.merges == 0) {
+        return fmt::format("nothing to merge: {} slice{}, {}", totals.slices_after, totals.slices_after == 1 ? "" : "s",
+                           bytes_text(totals.bytes_after));
+    }
+    return fmt::format("{} slices merged into {}, {} into {}, {:.1f} s", totals.slices_before, totals.slices_after,
+                       bytes_text(totals.bytes_before), bytes_text(totals.bytes_after), seconds);
+}
+
+std::string merge_failure_text(int status, int error, const char* message) {
+    switch (status) {
+        case WARM_RC_MANIFEST_EXISTS:
+            return "another process merges there";
+        case WARM_RC_LOCK:
+            return "its lock is held, or its file system is not known for sure locks (if it is local, set "
+                   "OPTIMISTIC_ABOUT_FILE_LOCKING=1)";
+        case WARM_RC_NO_MEMORY:
+            return "out of memory";
+        case WARM_RC_OPEN:
+        case WARM_RC_READ:
+        case WARM_RC_WRITE:
+        case WARM_RC_RETRIES:
+            return fmt::format("{} ({})", message, std::strerror(error));
+        default:
+            return fmt::format("{}, status {}; veldar fsck tells what is damaged", message, status);
+    }
+}
+
+}  // namespace veldar

@@ -1,0 +1,53 @@
+// Samples on their way into a metric directory. The samples of one time and one set of labels become one event with
+// several measures, wherever in the batch they stand; that is what makes an index of wide sets small. A sample of a
+// metric that its event has already becomes an event of its own.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "tools/veldar/formats/metric_record.h"
+#include "tools/veldar/load/index_writer.h"
+
+namespace veldar {
+
+// Texts by number, in order of first appearance.
+struct text_table {
+    struct hash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+    std::unordered_map<std::string, uint32_t, hash, std::equal_to<>> numbers;
+    std::vector<const std::string*> texts;
+};
+uint32_t text_number(text_table* table, std::string_view text);
+
+struct metric_sample {
+    uint32_t set = 0, name = 0;  // numbers of their texts
+    st_time_t time = 0;
+    uint32_t milliseconds = 0;
+    double value = 0;
+};
+
+struct metric_batch {
+    text_table names;  // metric-name terms
+    text_table sets;   // dimension terms, each with its size in two bytes before it
+    std::vector<metric_sample> samples;
+    bool milliseconds = false;  // a time has some
+    std::string scratch;
+};
+
+struct metric_totals {
+    uint64_t samples = 0, events = 0, refused = 0;  // in the index; refused with their event
+    st_time_t earliest = INT32_MAX, latest = INT32_MIN;
+};
+
+// Takes the samples of a record that has a time. Returns null, or why none of them can be indexed.
+const char* metric_batch_add(metric_batch* batch, const metric_record& record);
+// Puts the batch into the index as events and empties it. Throws tool_failure.
+void metric_batch_write(metric_batch* batch, index_writer* writer, metric_totals* totals);
+
+}  // namespace veldar

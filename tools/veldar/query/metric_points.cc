@@ -1,0 +1,158 @@
+#include "tools/veldar/query/metric_points.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "searchthing/reading/tsidx_metric.h"
+#include "tools/veldar/commands/command.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr uint32_t UNWANTED = UINT32_MAX;
+
+// The series of one set of a slice, and what shows that an event of that number still is of this set: the numbers
+// begin again in every slice.
+struct known_set {
+    std::string text;  // dimensions, then names, a NUL behind each
+    std::vector<uint32_t> series;
+};
+
+struct points_reader {
+    metric_points* points = nullptr;
+    std::unordered_map<uint64_t, known_set> sets;
+    std::string scratch;
+    bool out_of_memory = false;
+};
+
+// Takes `piece` and its NUL off the front of `text`.
+bool take_piece(std::string_view* text, std::string_view piece) {
+    if (!text->starts_with(piece) || text->size() == piece.size() || (*text)[piece.size()] != '\0') return false;
+    text->remove_prefix(piece.size() + 1);
+    return true;
+}
+
+bool is_of_set(const known_set& known, const st_metric_event_t& event) {
+    std::string_view text = known.text;
+    for (const std::string_view dimension : event.dimensions) {
+        if (!take_piece(&text, dimension)) return false;
+    }
+    for (const st_metric_measure_t& measure : event.measures) {
+        if (!take_piece(&text, measure.name)) return false;
+    }
+    return text.empty() && known.series.size() == event.measures.size();
+}
+
+void put_piece(std::string* out, std::string_view piece) {
+    out->append(piece).push_back('\0');
+}
+
+void learn_set(points_reader* reader, const st_metric_event_t& event, known_set* known) {
+    metric_points* const points = reader->points;
+    known->text.clear();
+    known->series.clear();
+    for (const std::string_view dimension : event.dimensions) put_piece(&known->text, dimension);
+    const size_t dimensions_size = known->text.size();
+    for (const st_metric_measure_t& measure : event.measures) {
+        uint32_t series = UNWANTED;
+        if (points->wanted == nullptr || points->wanted(measure.name)) {
+            reader->scratch.clear();
+            put_piece(&reader->scratch, measure.name);
+            reader->scratch.append(known->text, 0, dimensions_size);
+            series = text_number(&points->series, reader->scratch);
+        }
+        known->series.push_back(series);
+        put_piece(&known->text, measure.name);
+    }
+}
+
+void keep_newest(metric_points* points) {
+    const auto middle = points->points.begin() + static_cast<ptrdiff_t>(points->limit);
+    std::nth_element(points->points.begin(), middle, points->points.end(),
+                     [](const metric_point& a, const metric_point& b) { return a.time_ms > b.time_ms; });
+    points->points.erase(middle, points->points.end());
+}
+
+void take_event(points_reader* reader, const st_metric_event_t& event) {
+    metric_points* const points = reader->points;
+    known_set& known = reader->sets[event.set];
+    if (!is_of_set(known, event)) learn_set(reader, event, &known);
+    const int64_t time_ms = int64_t{event.time} * 1000 + event.nanoseconds / 1000000;
+    for (size_t i = 0; i < event.measures.size(); i++) {
+        if (known.series[i] == UNWANTED) continue;
+        points->points.push_back({time_ms, event.measures[i].value, known.series[i]});
+    }
+    if (points->limit != 0 && points->points.size() / 2 > points->limit) keep_newest(points);
+}
+
+int visit(const st_metric_event_t* event, void* context) {
+    auto* const reader = static_cast<points_reader*>(context);
+    try {
+        take_event(reader, *event);
+    } catch (const std::bad_alloc&) {
+        reader->out_of_memory = true;
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int metric_points_read(TSIDX* tsidx, const st_query_spec& query, metric_points* points) {
+    points_reader reader;
+    reader.points = points;
+    const int64_t status = st_tsidx_apply_metric_events(tsidx, &query, visit, &reader);
+    if (reader.out_of_memory) throw std::bad_alloc();
+    if (points->limit != 0 && points->points.size() > points->limit) keep_newest(points);
+    return status < 0 ? static_cast<int>(status) : 0;
+}
+
+void metric_series_split(std::string_view text, metric_series* series) {
+    series->labels.clear();
+    series->name = text.substr(0, text.find('\0'));
+    text.remove_prefix(series->name.size() + 1);
+    series->label_names.resize(static_cast<size_t>(std::count(text.begin(), text.end(), '\0')));
+    for (std::string& name : series->label_names) {
+        const std::string_view term = text.substr(0, text.find('\0'));
+        std::string_view value;
+        metric_term_split(term, &name, &value);
+        series->labels.push_back({name, value});
+        text.remove_prefix(term.size() + 1);
+    }
+    // The terms ascend, but encoded names do not as the names.
+    std::sort(series->labels.begin(), series->labels.end(),
+              [](const metric_label& a, const metric_label& b) { return a.name < b.name; });
+}
+
+std::shared_ptr<TSIDX> metric_directory_open(const std::string& directory) {
+    const slice_set slices = slices_list(directory);
+    if (slices.directories.empty() || slices.directories[0].tsidx == nullptr) {
+        throw tool_failure{EXIT_USAGE, directory + " is not a directory of metrics"};
+    }
+    return slices.directories[0].tsidx;
+}
+
+std::string metric_read_error(const std::string& directory, const TSIDX* tsidx) {
+    const warm_rc_t* const why = st_tsidx_last_failure(tsidx);
+    if (why->warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
+    std::string text = directory + ": cannot be read";
+    if (why->message[0] != '\0') text += std::string(" (") + why->message + ")";
+    return text + ", status " + std::to_string(why->warm_rc);
+}
+
+bool metric_name_matches(std::string_view text, std::string_view pattern) {
+    const size_t star = pattern.find('*');
+    if (star == std::string_view::npos) return text == pattern;
+    if (!text.starts_with(pattern.substr(0, star))) return false;
+    text.remove_prefix(star);
+    pattern.remove_prefix(star + 1);
+    for (size_t next; (next = pattern.find('*')) != std::string_view::npos; pattern.remove_prefix(next + 1)) {
+        const size_t at = text.find(pattern.substr(0, next));
+        if (at == std::string_view::npos) return false;
+        text.remove_prefix(at + next);
+    }
+    return text.ends_with(pattern);
+}
+
+}  // namespace veldar

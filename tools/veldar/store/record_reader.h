@@ -1,0 +1,50 @@
+// Cuts a log into records: a line, and the lines behind it that continue it (empty ones and those that begin with a
+// blank, as the lines of a stack trace do), as long as the record stays within 1 MiB. The rule needs nothing but the
+// bytes from a record's beginning on, so whoever knows where a record begins finds the same end.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "libzero/resource.h"
+#include "tools/veldar/store/log_input.h"
+
+namespace veldar {
+
+inline constexpr size_t RECORD_MAX = size_t{1} << 20;  // what is indexed of a record, and what continuations may fill
+
+inline constexpr size_t RECORD_TAIL_MAX = 4096;
+
+// The size of the record at the beginning of `bytes`, its last newline included; 0 when that takes more bytes than
+// these. With `at_end` nothing follows them, and only empty bytes give 0.
+size_t record_length(std::string_view bytes, bool at_end);
+// A record's text without the newline (or CR LF) that ends it.
+std::string_view record_text(std::string_view record);
+
+struct record_reader {
+    log_input* input = nullptr;
+    uint64_t limit = ~uint64_t{0};  // no byte from this offset on is taken
+    int spool = -1;                 // gets a copy of every byte that is read, at the same offset; -1: none
+    buffer<char> bytes;
+    size_t begin = 0, end = 0;  // the unread bytes
+    uint64_t offset = 0;        // of bytes[begin]
+    bool at_end = false;
+    bool skipping = false;  // inside a long line whose first bytes have been given
+    std::string error;      // why the input ended early; empty for its real end
+    int spool_errno = 0;    // why the spool could not be written
+};
+
+// Reads from the input's present offset. False when memory is short.
+[[nodiscard]] bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit);
+// The next record: its offset and at most RECORD_MAX bytes of its text, valid until the next call. False at the end:
+// reader->offset then stands behind the last record.
+bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text);
+// Skips what is left of a long line, so that reader->offset is the end of the last record given.
+void record_reader_finish_record(record_reader* reader);
+// The bytes before reader->offset: at most RECORD_TAIL_MAX, and not before where the reader began.
+std::string_view record_reader_tail(const record_reader* reader);
+// The unread bytes at hand, after a try to have at least RECORD_MAX: for a look ahead.
+std::string_view record_reader_peek(record_reader* reader);
+
+}  // namespace veldar

@@ -1,0 +1,295 @@
+#include "tools/veldar/store/store.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+
+#include "searchthing/directory/merge_manifest.h"
+#include "searchthing/format/tsidx_names.h"
+#include "searchthing/format/warmslice_header.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar {
+
+namespace {
+
+constexpr char STORE_MARK[] = "veldar store 1\n";
+constexpr char BUCKET_PREFIX[] = "bucket-", DELETED_PREFIX[] = "deleted-";
+
+// The number behind the prefix of a name of at most `digits` digits.
+std::optional<uint64_t> number_behind(const std::string& name, std::string_view prefix, size_t digits) {
+    const size_t size = prefix.size();
+    if (!name.starts_with(prefix) || name.size() == size || name.size() > size + digits) return std::nullopt;
+    if (name.find_first_not_of("0123456789", size) != std::string::npos) return std::nullopt;
+    return std::strtoull(name.c_str() + size, nullptr, 10);
+}
+
+uint32_t bucket_number(const std::string& name) {
+    return static_cast<uint32_t>(number_behind(name, BUCKET_PREFIX, 9).value_or(0));
+}
+
+std::string encode_name(std::string_view name) {
+    std::string out;
+    for (const char c : name) {
+        if (c == '%' || c == '\n' || c == '\r') {
+            out += fmt::format("%{:02X}", static_cast<unsigned>(c));
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string decode_name(std::string_view line) {
+    std::string out;
+    for (size_t i = 0; i < line.size(); i++) {
+        if (line[i] == '%' && i + 2 < line.size()) {
+            out += static_cast<char>(std::strtoul(std::string(line.substr(i + 1, 2)).c_str(), nullptr, 16));
+            i += 2;
+        } else {
+            out += line[i];
+        }
+    }
+    return out;
+}
+
+// The whole lines of a dictionary; `size` is where they end.
+std::vector<std::string> decode_names(std::string_view content, uint64_t* size) {
+    std::vector<std::string> names;
+    size_t at = 0;
+    for (size_t end; (end = content.find('\n', at)) != std::string_view::npos; at = end + 1) {
+        names.push_back(decode_name(content.substr(at, end - at)));
+    }
+    *size = at;
+    return names;
+}
+
+void open_dictionary(store_dictionary* dictionary, const std::string& path, bool durable) {
+    dictionary->path = path;
+    dictionary->durable = durable;
+    dictionary->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    std::string content;
+    if (!dictionary->fd.valid() || !tool_read_file(path, &content)) fail_io("cannot open " + path, errno);
+    dictionary->names = decode_names(content, &dictionary->size);
+    if (dictionary->size < content.size() &&
+        ::ftruncate(dictionary->fd.get(), static_cast<off_t>(dictionary->size)) != 0) {
+        fail_io("cannot shorten " + path, errno);
+    }
+    for (size_t i = 0; i < dictionary->names.size(); i++) {
+        dictionary->numbers.emplace(dictionary->names[i], static_cast<uint32_t>(i));
+    }
+}
+
+void lock_store(store* st) {
+    const std::string path = st->path + "/lock";
+    st->lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!st->lock.valid()) fail_io("cannot open " + path, errno);
+    if (::flock(st->lock.get(), LOCK_EX | LOCK_NB) == 0) return;
+    std::fprintf(stderr, "veldar: waiting for another load into %s\n", st->path.c_str());
+    while (::flock(st->lock.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) fail_io("cannot lock " + path, errno);
+        if (tool_interrupted != 0) throw tool_failure{EXIT_INTERRUPTED, "interrupted, nothing was loaded"};
+    }
+}
+
+bool is_slice(const std::string& name) {
+    st_filename_metadata_t meta;
+    return st_tsidx_file_parse(name.c_str(), &meta) != 0 && !name.ends_with(TSIDX_MINI_SUFFIX);
+}
+
+// The greatest address of a slice; false when it has been merged meanwhile.
+bool slice_address_max(const std::string& path, uint64_t* address) {
+    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid() && errno == ENOENT) return false;
+    if (!fd.valid()) fail_io("cannot open " + path, errno);
+    st_warm_slice_body header;
+    warm_rc_t rc;
+    if (warm_header_read(fd.get(), &header, &rc) != 0 || !verify_magic(&header) || !warm_header_is_rev1(&header)) {
+        throw tool_failure{EXIT_IO, path + ": not a slice that veldar load wrote; nothing was loaded"};
+    }
+    *address = header.seek_addr_max.get();
+    return true;
+}
+
+// False when a slice has been merged meanwhile.
+bool look_over_files(store_bucket* bucket) {
+    for (const std::string& name : tool_list_directory(bucket->directory)) {
+        const std::string path = bucket->directory + "/" + name;
+        uint64_t address = 0;
+        if (const std::optional<uint64_t> deleted = number_behind(name, DELETED_PREFIX, 19)) {
+            address = *deleted;
+            if (address < bucket->map.frontier && ::unlink(path.c_str()) != 0) {
+                fail_io("cannot remove " + path, errno);
+            }
+        } else if (!is_slice(name)) {
+            continue;
+        } else if (!slice_address_max(path, &address)) {
+            return false;
+        }
+        bucket->address_max = std::max(bucket->address_max, address);
+        bucket->has_events = true;
+    }
+    return true;
+}
+
+void open_bucket(store* st, store_bucket* bucket) {
+    store_remove_leftovers(bucket->directory);
+    std::string error;
+    bucket->map.durable = st->durable;
+    if (!source_map_open(&bucket->map, bucket->directory + "/source.map", true, &error)) {
+        throw tool_failure{EXIT_IO, error};
+    }
+    while (!look_over_files(bucket)) {
+    }
+}
+
+}  // namespace
+
+bool store_is(const std::string& path) {
+    const std::string file = path + "/store";
+    struct stat st;
+    if (!tool_exists(file)) return false;
+    // Opened without blocking, because a name like this may be anything elsewhere.
+    const unique_fd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) fail_io("cannot read " + file, errno);
+    if (!S_ISREG(st.st_mode)) return false;
+    char mark[sizeof STORE_MARK];
+    const int64_t size = tool_read_at(fd.get(), mark, sizeof mark, 0);
+    if (size < 0) fail_io("cannot read " + file, errno);
+    if (std::string_view(mark, static_cast<size_t>(size)) == STORE_MARK) return true;
+    throw tool_failure{EXIT_IO, file + ": damaged, or of another version: a store's says \"veldar store 1\""};
+}
+
+std::string store_choose(const std::string& option) {
+    if (!option.empty()) return option;
+    const char* const environment = std::getenv("VELDAR_STORE");
+    if (environment != nullptr && *environment != '\0') return environment;
+    char here[4096];
+    std::string directory = ::getcwd(here, sizeof here) == nullptr ? "" : here;
+    while (!directory.empty()) {
+        // One above that this user may not enter is no place for his store.
+        const bool is_closed = ::access(directory.c_str(), X_OK) != 0 && errno == EACCES;
+        if (!is_closed && store_is(directory + "/.veldar")) return directory + "/.veldar";
+        directory.resize(directory.rfind('/'));
+    }
+    return ".veldar";
+}
+
+std::vector<std::string> store_bucket_directories(const std::string& path) {
+    std::vector<std::string> names = tool_list_directory(path);
+    std::erase_if(names, [](const std::string& name) { return bucket_number(name) == 0; });
+    std::sort(names.begin(), names.end(),
+              [](const std::string& a, const std::string& b) { return bucket_number(a) < bucket_number(b); });
+    for (std::string& name : names) name = path + "/" + name;
+    return names;
+}
+
+bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names) {
+    std::string content;
+    if (!tool_read_file(path + "/" + dictionary, &content)) return false;
+    uint64_t size;
+    *names = decode_names(content, &size);
+    return true;
+}
+
+// A slice that was never moved into place holds events that count as not loaded: they are loaded again. The file of a
+// merge holds what is in slices.
+void store_remove_leftovers(const std::string& directory) {
+    const std::vector<std::string> names = tool_list_directory(directory);
+    std::vector<std::string> merging;
+    warm_rc_t rc;
+    if (merge_manifest_temporaries(directory, &merging, &rc) != 0) fail_io("cannot read " + directory, rc.saved_errno);
+    for (const std::string& name : names) {
+        if (!name.ends_with(TSIDX_PRE_SUFFIX) && !name.ends_with(".part")) continue;
+        if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
+        const std::string path = directory + "/" + name;
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove " + path, errno);
+    }
+}
+
+void store_note_deleted(const std::string& bucket_directory, uint64_t address) {
+    source_map map;
+    std::string error;
+    if (!source_map_open(&map, bucket_directory + "/source.map", false, &error)) throw tool_failure{EXIT_IO, error};
+    if (address < map.frontier) return;
+    const std::string path = bucket_directory + "/" + DELETED_PREFIX + std::to_string(address);
+    const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!fd.valid()) fail_io("cannot make " + path, errno);
+    if (!tool_sync_directory(bucket_directory)) fail_io("cannot sync " + bucket_directory, errno);
+}
+
+void store_make(const std::string& path, bool durable) {
+    tool_make_directory(path);
+    // Of loads that begin at once, one makes the store while the others wait.
+    const unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.valid()) fail_io("cannot open " + path, errno);
+    static_cast<void>(::flock(directory.get(), LOCK_EX));
+    if (store_is(path)) return;
+    const std::vector<std::string> names = tool_list_directory(path);
+    const auto foreign = [](const std::string& name) {
+        return name != "." && name != ".." && name != "lock" && name != "store.part";
+    };
+    if (std::any_of(names.begin(), names.end(), foreign)) {
+        throw tool_failure{EXIT_USAGE, path + " is neither a store nor an empty directory"};
+    }
+    if (durable) tool_sync_name(path);
+    if (!tool_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
+}
+
+void store_open_for_load(store* st, const std::string& path, bool durable) {
+    st->path = path;
+    st->durable = durable;
+    store_make(path, durable);
+    lock_store(st);
+    open_dictionary(&st->sources, path + "/sources", durable);
+    open_dictionary(&st->sourcetypes, path + "/sourcetypes", durable);
+    open_dictionary(&st->hosts, path + "/hosts", durable);
+    for (const std::string& directory : store_bucket_directories(path)) {
+        store_bucket bucket;
+        bucket.number = bucket_number(directory.substr(directory.rfind('/') + 1));
+        bucket.directory = directory;
+        open_bucket(st, &bucket);
+        st->buckets.push_back(std::move(bucket));
+    }
+    if (durable && !tool_sync_directory(path)) fail_io("cannot sync " + path, errno);
+}
+
+store_bucket* store_add_bucket(store* st) {
+    store_bucket bucket;
+    bucket.number = st->buckets.empty() ? 1 : st->buckets.back().number + 1;
+    bucket.directory = fmt::format("{}/{}{:06}", st->path, BUCKET_PREFIX, bucket.number);
+    if (::mkdir(bucket.directory.c_str(), 0700) != 0) fail_io("cannot make " + bucket.directory, errno);
+    open_bucket(st, &bucket);
+    if (st->durable && (!tool_sync_directory(bucket.directory) || !tool_sync_directory(st->path))) {
+        fail_io("cannot sync " + bucket.directory, errno);
+    }
+    return &st->buckets.emplace_back(std::move(bucket));
+}
+
+uint32_t store_number(store_dictionary* dictionary, const std::string& name) {
+    const auto known = dictionary->numbers.find(name);
+    if (known != dictionary->numbers.end()) return known->second;
+    const std::string line = encode_name(name) + "\n";
+    if (!tool_write_at(dictionary->fd.get(), line, dictionary->size)) {
+        fail_io("cannot write " + dictionary->path, errno);
+    }
+    if (dictionary->durable && ::fdatasync(dictionary->fd.get()) != 0) {
+        fail_io("cannot sync " + dictionary->path, errno);
+    }
+    dictionary->size += line.size();
+    const uint32_t number = static_cast<uint32_t>(dictionary->names.size());
+    dictionary->names.push_back(name);
+    dictionary->numbers.emplace(name, number);
+    return number;
+}
+
+}  // namespace veldar

@@ -1,0 +1,114 @@
+#include "tools/veldar/store/tool_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "libzero/resource.h"
+#include "searchthing/directory/tsidx_list.h"
+#include "tools/veldar/commands/command.h"
+
+namespace veldar {
+
+volatile std::sig_atomic_t tool_interrupted = 0;
+
+void tool_catch_interrupts() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { tool_interrupted = 1; };
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+int64_t tool_read_pipe(int fd, char* out, size_t size) {
+    for (;;) {
+        if (tool_interrupted != 0) return 0;
+        const ssize_t got = ::read(fd, out, size);
+        if (got >= 0 || errno != EINTR) return got;
+    }
+}
+
+bool tool_read_file(const std::string& path, std::string* content) {
+    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) return false;
+    content->clear();
+    constexpr size_t PIECE = size_t{1} << 18;
+    for (;;) {
+        const size_t had = content->size();
+        content->resize(had + PIECE);
+        const int64_t got = tool_read_at(fd.get(), content->data() + had, PIECE, had);
+        content->resize(had + (got > 0 ? static_cast<size_t>(got) : 0));
+        if (got <= 0) return got == 0;
+    }
+}
+
+bool tool_exists(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0) return true;
+    if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read " + path, errno);
+    return false;
+}
+
+std::vector<std::string> tool_list_directory(const std::string& path) {
+    std::vector<std::string> names;
+    warm_rc_t rc;
+    if (tsidx_read_names(path.c_str(), &names, &rc) != 0) fail_io("cannot read " + path, rc.saved_errno);
+    return names;
+}
+
+bool tool_write_at(int fd, std::string_view bytes, uint64_t offset) {
+    while (!bytes.empty()) {
+        const ssize_t wrote = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) return false;
+        bytes.remove_prefix(static_cast<size_t>(wrote));
+        offset += static_cast<uint64_t>(wrote);
+    }
+    return true;
+}
+
+int64_t tool_read_at(int fd, char* out, size_t size, uint64_t offset) {
+    size_t have = 0;
+    while (have < size) {
+        const ssize_t got = ::pread(fd, out + have, size - have, static_cast<off_t>(offset + have));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return -1;
+        if (got == 0) break;
+        have += static_cast<size_t>(got);
+    }
+    return static_cast<int64_t>(have);
+}
+
+bool tool_sync_directory(const std::string& path) {
+    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.valid() && ::fsync(fd.get()) == 0;
+}
+
+void tool_make_directory(const std::string& path) {
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+}
+
+void tool_sync_name(const std::string& directory) {
+    const std::string parent = directory + "/..";
+    if (!tool_sync_directory(parent)) fail_io("cannot sync " + parent, errno);
+}
+
+bool tool_replace_file(const std::string& path, std::string_view content, bool durable) {
+    const std::string part = path + ".part";
+    unique_fd fd(::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!fd.valid()) return false;
+    const bool written = tool_write_at(fd.get(), content, 0) && (!durable || ::fsync(fd.get()) == 0) &&
+                         fd.close_checked() == 0 && std::rename(part.c_str(), path.c_str()) == 0;
+    if (!written) {
+        const int why = errno;
+        ::unlink(part.c_str());
+        errno = why;
+        return false;
+    }
+    const size_t slash = path.rfind('/');
+    return !durable || tool_sync_directory(slash == std::string::npos ? "." : path.substr(0, slash + 1));
+}
+
+}  // namespace veldar
