@@ -9,7 +9,7 @@
 
 #include "fuzz/slice_walk.h"
 #include "libzero/endian.h"
-#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_lists.h"
 
 using namespace veldar;
 

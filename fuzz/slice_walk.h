@@ -8,10 +8,10 @@
 
 #include "searchthing/columns/cstore.h"
 #include "searchthing/postings/plist.h"
-#include "searchthing/slice/warmslice.h"
+#include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_meta.h"
 #include "searchthing/slice/warmslice_runs.h"
-#include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_values.h"
 
 namespace veldar {

@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "searchthing/merge/merge_encode.h"
+#include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_values.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"

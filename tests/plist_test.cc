@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "libzero/endian.h"
-#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_lists.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,5 +1,3 @@
-#include "searchthing/slice/warmslice.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -11,6 +9,7 @@
 
 #include "fuzz/slice_walk.h"
 #include "libzero/endian.h"
+#include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_values.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"

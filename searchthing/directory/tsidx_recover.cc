@@ -28,9 +28,7 @@
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/directory/tsidx_lock.h"
-#include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
-#include "searchthing/upkeep/tsidx_minify.h"
 
 namespace veldar {
 

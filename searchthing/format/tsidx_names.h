@@ -62,12 +62,13 @@ int tsidx_pre_file_parse(const char* path, st_filename_metadata_t* meta);
 
 inline constexpr char TSIDX_SUFFIX[] = ".tsidx";
 inline constexpr char TSIDX_MINI_SUFFIX[] = ".mini.tsidx";
+inline constexpr char TSIDX_MINI_PRE_SUFFIX[] = ".mini.pre-tsidx";
 inline constexpr char TSIDX_PRE_SUFFIX[] = ".pre-tsidx";
 inline constexpr char TSIDX_PART_SUFFIX[] = ".part-tsidx";
-inline constexpr char TSIDX_DELETED_SUFFIX[] = ".tsidx.deleted";
 inline constexpr char TSIDX_PARAMS_NAME[] = "veldar-autogen-params.dat";
 inline constexpr char TSIDX_NEED_OPTIMIZE_NAME[] = "veldar-need-optimize.dat";
 inline constexpr char TSIDX_MERGED_LEXICON_NAME[] = "merged_lexicon.lex";
+inline constexpr char TSIDX_MERGED_LEXICON_PART[] = "merged_lexicon.lex.part.";
 inline constexpr char TSIDX_OPTIMIZE_RESULT_NAME[] = "optimize.result";
 
 // The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 when the name does

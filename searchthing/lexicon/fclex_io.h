@@ -10,10 +10,10 @@
 #include <string_view>
 
 #include "libzero/resource.h"
-#include "searchthing/postings/bitmap.h"
-#include "searchthing/lexicon/fclex.h"
+#include "searchthing/base/bitset.h"
 #include "searchthing/base/list.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/lexicon/fclex.h"
 
 namespace veldar {
 

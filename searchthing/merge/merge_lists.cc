@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "libzero/assertions.h"
+#include "searchthing/slice/warmslice_lists.h"
 
 namespace veldar {
 

@@ -12,7 +12,7 @@
 #include "searchthing/lexicon/fclex_io.h"
 #include "searchthing/merge/merge_postings.h"
 #include "searchthing/merge/merge_values.h"
-#include "searchthing/postings/plist.h"
+#include "searchthing/slice/warmslice_lists.h"
 
 namespace veldar {
 

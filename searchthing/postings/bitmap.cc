@@ -102,52 +102,6 @@ int start_list(bitmap_writer_t* bw, uint32_t id, warm_rc_t* rc) {
 
 }  // namespace
 
-void bmap32_set(bmap32_t* set, uint32_t bit) {
-    ST_ASSERT(bit < (sizeof(bmap32_t) * 8));
-    *set |= uint32_t{1} << bit;
-}
-
-void bmap64_set(bmap64_t* set, uint32_t bit) {
-    ST_ASSERT(bit < (sizeof(bmap64_t) * 8));
-    *set |= uint64_t{1} << bit;
-}
-
-int bmap32_is_set(bmap32_t set, uint32_t bit) {
-    ST_ASSERT(bit < (sizeof(bmap32_t) * 8));
-    return set >> bit & 1;
-}
-
-int bmap64_is_set(bmap64_t set, uint32_t bit) {
-    ST_ASSERT(bit < (sizeof(bmap64_t) * 8));
-    return set >> bit & 1;
-}
-
-int bmap_array_alloc(bmap_array_t* array, bool narrow, uint64_t count) {
-    *array = {};
-    array->narrow = narrow;
-    return narrow ? array->entries32.alloc(count) : array->entries64.alloc(count);
-}
-
-void bmap_array_set(bmap_array_t* array, uint64_t entry, uint32_t bit) {
-    if (array->narrow) {
-        bmap32_set(&array->entries32[entry], bit);
-    } else {
-        bmap64_set(&array->entries64[entry], bit);
-    }
-}
-
-int bmap_array_is_set(const bmap_array_t* array, uint64_t entry, uint32_t bit) {
-    return array->narrow ? bmap32_is_set(array->entries32[entry], bit) : bmap64_is_set(array->entries64[entry], bit);
-}
-
-void bmap_array_entry_as_bmap64(const bmap_array_t* array, uint64_t entry, bmap64_t* out) {
-    *out = array->narrow ? array->entries32[entry] : array->entries64[entry];
-}
-
-void bmap_array_free(bmap_array_t* array) {
-    *array = {};
-}
-
 void bitmap_writer_init(bitmap_writer_t* bw, uint8_t* buf, uint64_t start, uint64_t size, int fd, uint64_t offset) {
     ST_ASSERT(fd != (-1));
     *bw = {};
@@ -282,15 +236,6 @@ int bitmap_reader_seek(bitmap_reader_t* br, uint32_t target, uint32_t* id, warm_
 void bitmap_reader_close(bitmap_reader_t* br) {
     std::memset(static_cast<void*>(br), 0, sizeof *br);
     br->fd = -1;
-}
-
-uint64_t _calc_bitmap_size(uint32_t begin, uint32_t end) {
-    ST_ASSERT(end >= begin);
-    return (uint64_t{end} - begin + 1 + 7) / 8;
-}
-
-uint32_t st_get_num_bits_set(uint32_t word) {
-    return static_cast<uint32_t>(std::popcount(word));
 }
 
 bool bnb_tsval_passes_filter(const bitmap_and_bounds_t* bnb, uint32_t id) {

@@ -1,4 +1,4 @@
-// Bit sets, bitmap posting lists and the iterator over the bits of a bitmap.
+// Bitmap posting lists and the iterator over the bits of a bitmap.
 //
 // A bitmap posting list, F being its first event:
 //
@@ -19,31 +19,12 @@
 #include <cstdint>
 
 #include "libzero/resource.h"
+#include "searchthing/base/bitset.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/st_timeval.h"
 #include "searchthing/base/warm_rc.h"
 
 namespace veldar {
-
-// Bit sets of one word. A bit beyond the word is a broken caller (asserted).
-using bmap32_t = uint32_t;
-using bmap64_t = uint64_t;
-void bmap32_set(bmap32_t* set, uint32_t bit);
-void bmap64_set(bmap64_t* set, uint32_t bit);
-int bmap32_is_set(bmap32_t set, uint32_t bit);  // 0 or 1
-int bmap64_is_set(bmap64_t set, uint32_t bit);
-
-// An array of bit sets of one width.
-struct bmap_array_t {
-    bool narrow = false;  // 32-bit entries when set, 64-bit otherwise
-    buffer<uint32_t> entries32;
-    buffer<uint64_t> entries64;
-};
-int bmap_array_alloc(bmap_array_t* array, bool narrow, uint64_t count);  // 1, or 0 when memory is short; all bits clear
-void bmap_array_set(bmap_array_t* array, uint64_t entry, uint32_t bit);
-int bmap_array_is_set(const bmap_array_t* array, uint64_t entry, uint32_t bit);
-void bmap_array_entry_as_bmap64(const bmap_array_t* array, uint64_t entry, bmap64_t* out);
-void bmap_array_free(bmap_array_t* array);
 
 // Writes one list through a buffer that it may share with a writer of other lists: the bytes before the start position
 // belong to that one and go out with the first flush.
@@ -107,10 +88,6 @@ int bitmap_reader_next(bitmap_reader_t* br, uint32_t* id, warm_rc_t* rc);
 // skipped without being read.
 int bitmap_reader_seek(bitmap_reader_t* br, uint32_t target, uint32_t* id, warm_rc_t* rc);
 void bitmap_reader_close(bitmap_reader_t* br);
-
-// Bytes for the bits begin to end, both included.
-uint64_t _calc_bitmap_size(uint32_t begin, uint32_t end);
-uint32_t st_get_num_bits_set(uint32_t word);
 
 // A search result over a run of values, for selections. `bm` has _calc_bitmap_size(begin, end) bytes, so that bit `end`
 // exists (and is 0): the filter below includes it.

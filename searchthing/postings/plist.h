@@ -31,15 +31,13 @@
 #include <span>
 
 #include "libzero/resource.h"
-#include "searchthing/postings/bitmap.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/warmslice_header.h"
 #include "searchthing/base/warmslice_util.h"
+#include "searchthing/format/warmslice_header.h"
+#include "searchthing/postings/bitmap.h"
 
 namespace veldar {
-
-struct st_warm_slice;
 
 inline constexpr uint32_t PLIST_END = 0xFFFFFFFF;  // "no further event"
 inline constexpr uint32_t PLIST_BUFFER = 8192;
@@ -113,11 +111,18 @@ struct plist_reader {
     st_query_info_t* stats = nullptr;
 };
 
-// Opens a reader over an open slice, which must outlive it. `span` is the number of offset entries to read at once
-// where they are not mapped (at least 1024 are). -44 when the size of the lists is unknown: a mini slice, a slice in
-// memory, a slice without postings; -2 without memory.
-[[nodiscard]] int _init_reader(plist_reader* reader, st_warm_slice* warm, uint64_t span, st_query_info_t* stats,
-                               warm_rc_t* rc);
+// Where the lists of a slice are, for plist_reader_open.
+struct plist_section_t {
+    int fd = -1;                               // not owned
+    const st_warm_slice_body* whdr = nullptr;  // these two outlive the reader
+    const uint8_t* plo = nullptr;              // the mapped offset entries; null when the size of the lists is unknown
+    uint64_t postings_base = 0;                // file offset of the lists
+    uint64_t plo_last = ~uint64_t{0};          // bytes of all lists; all-ones when that is unknown
+};
+// Opens a reader. `span` is the number of offset entries to read at once where they are not mapped (at least 1024 are).
+// -44 when the size of the lists is unknown; -2 without memory.
+[[nodiscard]] int plist_reader_open(plist_reader* reader, const plist_section_t& section, uint64_t span,
+                                    st_query_info_t* stats, warm_rc_t* rc);
 // Reads lists from a copy of the section's beginning from now on; the copy stays the caller's and outlives the reader.
 // Every list must lie in it: -12 "reading beyond PL memory bufpos failed " for one that begins behind it, -53 for one
 // that ends behind it.

@@ -5,7 +5,6 @@
 #include "libzero/endian.h"
 #include "libzero/vbe.h"
 #include "searchthing/postings/plist_internal.h"
-#include "searchthing/slice/warmslice.h"
 
 namespace veldar {
 
@@ -127,17 +126,19 @@ int plist_bad_event(warm_rc_t* rc, uint64_t id) {
     return _set_rc_verbose(rc, WARM_RC_CORRUPT, static_cast<uint32_t>(id), "invalid tsval_id range");
 }
 
-int _init_reader(plist_reader* reader, st_warm_slice* warm, uint64_t span, st_query_info_t* stats, warm_rc_t* rc) {
-    ST_ASSERT(reader != nullptr && warm != nullptr);
+int plist_reader_open(plist_reader* reader, const plist_section_t& section, uint64_t span, st_query_info_t* stats,
+                      warm_rc_t* rc) {
+    ST_ASSERT(reader != nullptr && section.whdr != nullptr);
     _set_rc(rc, 0);
-    if (warm->plo == nullptr || warm->plo_last == ~uint64_t{0}) return _set_rc(rc, WARM_RC_MINIFIED);
+    if (section.plo == nullptr || section.plo_last == ~uint64_t{0}) return _set_rc(rc, WARM_RC_MINIFIED);
     if (!reader->buf.alloc(PLIST_BUFFER)) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    reader->fd = warm->fd.get();
-    reader->whdr = warm->body;
-    reader->tag_bits = warm_header_plo_tag_bits(warm->body);
-    reader->postings_base = warm->postings_base;
-    reader->plo_last = warm->plo_last;
-    reader->num_values = warm->body->num_values.get();
+    const st_warm_slice_body* const body = section.whdr;
+    reader->fd = section.fd;
+    reader->whdr = body;
+    reader->tag_bits = warm_header_plo_tag_bits(body);
+    reader->postings_base = section.postings_base;
+    reader->plo_last = section.plo_last;
+    reader->num_values = body->num_values.get();
     reader->stats = stats;
     reader->buf_start = reader->buf_fill = 0;
     reader->bytes = reader->buf.data();
@@ -145,9 +146,9 @@ int _init_reader(plist_reader* reader, st_warm_slice* warm, uint64_t span, st_qu
     reader->list_end = 0;
     set_empty(reader);
     // Without values the section is empty, whatever the number of terms.
-    const uint32_t entries = reader->num_values == 0 ? 0 : warm->body->num_terms.get();
-    return _set_rc(rc, _ar_open(&reader->plo_reader, reader->fd, _offset_pl_offs(warm->body), _get_plo_size(warm->body),
-                                entries, std::max(span, MIN_OFFSET_SPAN), stats, warm->plo));
+    const uint32_t entries = reader->num_values == 0 ? 0 : body->num_terms.get();
+    return _set_rc(rc, _ar_open(&reader->plo_reader, reader->fd, _offset_pl_offs(body), _get_plo_size(body), entries,
+                                std::max(span, MIN_OFFSET_SPAN), stats, section.plo));
 }
 
 void plist_reader_attach_memory(plist_reader* reader, std::span<const uint8_t> lists) {

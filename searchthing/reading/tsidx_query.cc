@@ -4,14 +4,14 @@
 #include <vector>
 
 #include "libzero/assertions.h"
-#include "searchthing/postings/plist.h"
-#include "searchthing/search/search_frames.h"
-#include "searchthing/search/search_runs.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
-#include "searchthing/values/tsval_order.h"
+#include "searchthing/search/search_frames.h"
+#include "searchthing/search/search_runs.h"
 #include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_values.h"
+#include "searchthing/values/tsval_order.h"
 
 namespace veldar {
 

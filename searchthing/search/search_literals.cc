@@ -8,6 +8,7 @@
 
 #include "searchthing/postings/bitmap.h"
 #include "searchthing/search/search_terms.h"
+#include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_runs.h"
 
 namespace veldar {

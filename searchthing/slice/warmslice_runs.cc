@@ -5,6 +5,7 @@
 #include <new>
 
 #include "libzero/assertions.h"
+#include "searchthing/slice/warmslice_lists.h"
 
 namespace veldar {
 

@@ -18,8 +18,6 @@
 
 namespace veldar {
 
-inline constexpr char TSIDX_MERGED_LEXICON_PART[] = "merged_lexicon.lex.part.";
-
 // Writes the merged lexicon of all live slices, in one pass over their lexicons. A count above 2^32 - 1 is stored as
 // that. Memory: the size of the merged lexicon, and what st_tsidx_distinct_apply_terms takes.
 //
@@ -28,7 +26,8 @@ inline constexpr char TSIDX_MERGED_LEXICON_PART[] = "merged_lexicon.lex.part.";
 //   page_size         bytes of a page of the lexicon writer, 9 or more; 0: 1 MiB
 //
 // 0; -30 for fewer than two slices, -31 for fewer than `min_src_count`; -37 for numbers that no lexicon can have; -44
-// when a slice is minified; -4, -9, -36 or -2 from writing the file, or the failure of a slice. The record has the same.
+// when a slice is minified; -4, -9, -36 or -2 from writing the file, or the failure of a slice. The record has the
+// same.
 int st_tsidx_merge_lex_n(TSIDX* tsidx, uint32_t min_src_count, uint32_t terms_per_block, uint64_t page_size,
                          warm_rc_t* rc);
 

@@ -5,9 +5,6 @@
 
 namespace veldar {
 
-// Behind "<name of the mini slice>.<process id>": a mini slice that is being written.
-inline constexpr char TSIDX_MINI_PRE_SUFFIX[] = ".mini.pre-tsidx";
-
 // Writes "<latest>-<earliest>-<id>.mini.tsidx" into the output directory for every live slice. Each is written under a
 // name of its own, flushed, and linked into place; one that exists already is left as it is. Terms, posting lists and
 // metadata of a mini slice answer -44.

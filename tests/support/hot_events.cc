@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "searchthing/postings/plist.h"
-#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_lists.h"
 
 namespace veldar {
 

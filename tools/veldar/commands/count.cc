@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_count.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"

@@ -11,6 +11,7 @@
 #include "searchthing/upkeep/tsidx_delete.h"
 #include "searchthing/values/tsval_order.h"
 #include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_count.h"
 #include "tools/veldar/query/event_source.h"
 #include "tools/veldar/query/event_stream.h"

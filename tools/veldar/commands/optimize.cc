@@ -9,13 +9,14 @@
 
 #include "searchthing/upkeep/tsidx_optimize.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/load/merging.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/load/progress.h"
-#include "tools/veldar/store/store.h"
 #include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/store/index_handle.h"
+#include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 

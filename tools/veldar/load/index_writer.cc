@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

@@ -12,10 +12,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "tools/veldar/commands/command.h"
-#include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/load/put_line.h"
+#include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/store/raw_reader.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

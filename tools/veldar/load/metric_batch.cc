@@ -52,14 +52,6 @@ std::span<const metric_sample> take_event(std::span<const metric_sample> samples
 
 }  // namespace
 
-uint32_t text_number(text_table* table, std::string_view text) {
-    const auto known = table->numbers.find(text);
-    if (known != table->numbers.end()) return known->second;
-    const auto number = static_cast<uint32_t>(table->texts.size());
-    table->texts.push_back(&table->numbers.emplace(text, number).first->first);
-    return number;
-}
-
 const char* metric_batch_add(metric_batch* batch, const metric_record& record) {
     batch->scratch.clear();
     if (!put_terms(&batch->scratch, record.labels)) return TOO_LONG;

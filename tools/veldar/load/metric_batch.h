@@ -10,20 +10,10 @@
 #include <vector>
 
 #include "tools/veldar/formats/metric_record.h"
+#include "tools/veldar/formats/text_table.h"
 #include "tools/veldar/load/index_writer.h"
 
 namespace veldar {
-
-// Texts by number, in order of first appearance.
-struct text_table {
-    struct hash {
-        using is_transparent = void;
-        size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-    };
-    std::unordered_map<std::string, uint32_t, hash, std::equal_to<>> numbers;
-    std::vector<const std::string*> texts;
-};
-uint32_t text_number(text_table* table, std::string_view text);
 
 struct metric_sample {
     uint32_t set = 0, name = 0;  // numbers of their texts

@@ -11,11 +11,11 @@
 #include <ctime>
 
 #include "searchthing/format/warmslice_header.h"
-#include "tools/veldar/commands/command.h"
-#include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/formats/metric_text.h"
-#include "tools/veldar/store/store.h"
 #include "tools/veldar/query/time_input.h"
+#include "tools/veldar/store/foreign_content.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

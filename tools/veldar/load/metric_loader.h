@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "tools/veldar/formats/metric_csv.h"
-#include "tools/veldar/store/line_reader.h"
 #include "tools/veldar/load/metric_batch.h"
 #include "tools/veldar/load/metric_notes.h"
 #include "tools/veldar/load/progress.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/line_reader.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <new>
 
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

@@ -13,7 +13,7 @@
 #include "libzero/resource.h"
 #include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
 #include <string>
 #include <string_view>
 
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/troubles.h"
+#include "tools/veldar/store/visible_text.h"
 
 namespace CLI {
 class App;
@@ -37,26 +37,7 @@ void output_put_commands(text_output* out, std::string_view text);
 void output_end_record(text_output* out);
 void output_flush(text_output* out);
 
-// Appends the text with its control characters visible, newlines and tabs aside: "^[", "^M", and "\\x9B" for the bytes
-// that begin a command in an 8-bit set.
-void put_visible(std::string* out, std::string_view text);
-// The bytes of the UTF-8 character at the beginning of a text that is not empty; 0 when it is none.
-size_t utf8_length(std::string_view text);
-
 // Adds --color.
 void add_color_option(CLI::App* command, std::string* when);
-
-// Prints "veldar: message" on standard error; on a terminal the control characters of names in it are visible.
-void say_trouble(const std::string& message);
-
-// What kept an answer from being complete. Each message is said once, on standard error.
-struct troubles {
-    bool incomplete = false;
-    exit_status_t status = EXIT_DONE;  // of a command that found something all the same
-    std::set<std::string> said;
-};
-void troubles_add(troubles* list, const std::string& message, exit_status_t status = EXIT_INCOMPLETE);
-// The exit status of a command that found something, or nothing, and may have missed some.
-exit_status_t answer_status(bool found, const troubles& list);
 
 }  // namespace veldar

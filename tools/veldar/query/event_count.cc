@@ -1,10 +1,10 @@
 #include "tools/veldar/query/event_count.h"
 
 #include "searchthing/search/warmslice_search.h"
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/query/event_source.h"
 #include "tools/veldar/query/event_stream.h"
 #include "tools/veldar/store/slices.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

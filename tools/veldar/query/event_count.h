@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tools/veldar/query/query_input.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 

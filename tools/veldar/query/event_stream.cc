@@ -4,7 +4,7 @@
 #include <tuple>
 
 #include "searchthing/search/warmslice_search.h"
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

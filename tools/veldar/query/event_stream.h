@@ -18,7 +18,7 @@
 #include "searchthing/values/tsval.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/slices.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 

@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "searchthing/slice/warmslice_values.h"
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/formats/metric_record.h"
 #include "tools/veldar/query/slice_metrics.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

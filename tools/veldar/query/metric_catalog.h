@@ -7,7 +7,7 @@
 #include <unordered_set>
 
 #include "tools/veldar/store/slices.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 

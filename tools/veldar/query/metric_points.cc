@@ -4,7 +4,7 @@
 #include <unordered_map>
 
 #include "searchthing/reading/tsidx_metric.h"
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/search/query.h"
 #include "searchthing/directory/tsidx.h"
+#include "searchthing/search/query.h"
 #include "tools/veldar/formats/metric_record.h"
-#include "tools/veldar/load/metric_batch.h"
+#include "tools/veldar/formats/text_table.h"
 #include "tools/veldar/store/slices.h"
 
 namespace veldar {

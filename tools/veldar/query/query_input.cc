@@ -7,8 +7,8 @@
 #include <ctime>
 
 #include "searchthing/search/search_frames.h"
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/query/time_input.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

@@ -4,6 +4,8 @@
 #include <array>
 #include <numeric>
 
+#include "searchthing/slice/warmslice_lists.h"
+
 namespace veldar {
 
 namespace {

@@ -7,8 +7,8 @@
 #include "searchthing/lexicon/fclex_cursor.h"
 #include "searchthing/lexicon/matcher.h"
 #include "searchthing/slice/warmslice_meta.h"
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

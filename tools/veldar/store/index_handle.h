@@ -5,7 +5,7 @@
 #include <string>
 
 #include "searchthing/directory/tsidx.h"
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

@@ -8,9 +8,9 @@
 #include <span>
 
 #include "libzero/endian.h"
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/store/raw_reader.h"
 #include "tools/veldar/store/record_reader.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

@@ -10,9 +10,9 @@
 #include <cstring>
 
 #include "searchthing/directory/tsidx_list.h"
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/store.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/search/query.h"
 #include "searchthing/reading/tsidx_snapshot.h"
+#include "searchthing/search/query.h"
 #include "searchthing/slice/warmslice.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 

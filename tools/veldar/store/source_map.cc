@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "libzero/endian.h"
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {

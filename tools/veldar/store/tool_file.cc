@@ -9,7 +9,7 @@
 
 #include "libzero/resource.h"
 #include "searchthing/directory/tsidx_list.h"
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar {
 

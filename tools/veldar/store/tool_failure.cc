@@ -1,4 +1,4 @@
-#include "tools/veldar/commands/command.h"
+#include "tools/veldar/store/tool_failure.h"
 
 #include <cstring>
 
