@@ -15,6 +15,8 @@
 #include "tools/veldar/load/put_line.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 void report(benchmark::State& state, uint64_t events, uint64_t bytes_in, uint64_t index_bytes) {

@@ -17,6 +17,8 @@
 #include "tools/veldar/store/slices.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 struct searched {

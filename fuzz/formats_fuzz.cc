@@ -15,6 +15,7 @@
 namespace {
 
 using namespace veldar;
+using namespace veldar::tool;
 
 std::vector<std::string_view> split_lines(std::string_view text) {
     std::vector<std::string_view> lines;

@@ -9,6 +9,7 @@
 #include "tools/veldar/query/query_language.h"
 
 using namespace veldar;
+using namespace veldar::tool;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

@@ -18,6 +18,8 @@
 #include "tools/veldar/load/loader.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 class CallOrder : public directory_test {

@@ -10,6 +10,8 @@
 #include "tools/veldar/formats/terms.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 constexpr int64_t DAY = 86400;

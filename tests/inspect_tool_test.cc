@@ -27,6 +27,8 @@
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 const std::string TOOL = "veldar/veldar";

@@ -11,18 +11,20 @@
 #include <filesystem>
 #include <random>
 
-#include "searchthing/values/tsval.h"
 #include "searchthing/slice/warmslice.h"
+#include "searchthing/values/tsval.h"
 #include "tests/support/faults.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/load/loader.h"
+#include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/store/raw_reader.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 using lines = std::vector<std::string>;

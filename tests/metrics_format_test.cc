@@ -10,6 +10,8 @@
 #include "tools/veldar/formats/metric_text.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 // "name{label=value,...} value seconds.nanoseconds", or what is wrong.

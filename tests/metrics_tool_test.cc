@@ -13,6 +13,8 @@
 #include "tools/veldar/formats/metric_text.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 const std::string TOOL = "veldar/veldar";

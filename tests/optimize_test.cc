@@ -14,11 +14,11 @@
 #include <set>
 
 #include "libzero/resource.h"
-#include "searchthing/directory/merge_manifest.h"
 #include "searchthing/base/st_init.h"
+#include "searchthing/directory/merge_manifest.h"
+#include "searchthing/directory/tsidx_list.h"
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_delete.h"
-#include "searchthing/directory/tsidx_list.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/directory.h"
@@ -29,6 +29,8 @@
 #include "tools/veldar/load/merging.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 namespace fs = std::filesystem;

@@ -7,6 +7,8 @@
 #include "searchthing/search/search_frames.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 std::string pieces_text(const raw_pattern& pattern) {

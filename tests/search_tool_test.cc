@@ -17,10 +17,12 @@
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/event_stream.h"
-#include "tools/veldar/store/slices.h"
 #include "tools/veldar/query/time_input.h"
+#include "tools/veldar/store/slices.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 namespace fs = std::filesystem;

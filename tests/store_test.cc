@@ -8,12 +8,14 @@
 
 #include "libzero/endian.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/store/gz_stream.h"
 #include "tools/veldar/load/put_line.h"
+#include "tools/veldar/store/gz_stream.h"
 #include "tools/veldar/store/record_reader.h"
 #include "tools/veldar/store/source_map.h"
 
 namespace veldar {
+
+using namespace tool;
 namespace {
 
 source_file example_file(uint32_t number, const std::string& path) {

@@ -12,7 +12,7 @@
 
 namespace {
 
-using veldar::whole_number;
+using veldar::tool::whole_number;
 
 struct options {
     std::vector<std::string> directories;

@@ -8,6 +8,9 @@
 
 namespace veldar {
 
+namespace tool {}
+using namespace tool;
+
 // What the checker finds, a line each.
 inline std::string fsck_findings(const slice_image& image) {
     fsck_report report;

@@ -9,7 +9,7 @@
 #include "searchthing/columns/cstore.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -89,4 +89,4 @@ void fsck_check_cstore(fsck_run* run, const fsck_columns& columns) {
     cs_reader_close(&store);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "searchthing/format/tsidx_names.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -146,4 +146,4 @@ void fsck_check_name(fsck_run* run) {
              fmt::format("{} to {}, not {} to {}", name.earliest, name.latest, earliest, latest));
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

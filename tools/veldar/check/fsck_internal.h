@@ -13,7 +13,7 @@
 #include "searchthing/values/tsval.h"
 #include "tools/veldar/check/fsck_slice.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // The events of a slice, decoded one by one wherever the section has their bytes.
 struct fsck_values {
@@ -99,4 +99,4 @@ void fsck_check_metrics(fsck_run* run);  // after the lists
 using fsck_columns = std::map<uint32_t, std::vector<std::pair<uint32_t, uint32_t>>>;
 void fsck_check_cstore(fsck_run* run, const fsck_columns& columns);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -8,7 +8,7 @@
 #include "libzero/endian.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -124,4 +124,4 @@ void fsck_check_layout(fsck_run* run) {
     check_dimsets(run);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "searchthing/lexicon/fclex.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -155,4 +155,4 @@ void fsck_check_lexicon(fsck_run* run, const lexicon_image& lexicon, slice_secti
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "libzero/vbe.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -264,4 +264,4 @@ void fsck_check_metadata(fsck_run* run) {
     for (uint32_t term = 0; term < run->lists.size(); term++) check_record(run, term);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

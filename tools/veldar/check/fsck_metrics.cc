@@ -9,7 +9,7 @@
 #include "searchthing/columns/dimset_io.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -286,4 +286,4 @@ void fsck_check_metrics(fsck_run* run) {
     if (slice_section_whole(*run->image, IN_CSTORE)) fsck_check_cstore(run, check.columns);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "searchthing/slice/warmslice.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -111,4 +111,4 @@ std::vector<std::string> fsck_more_lines(const fsck_report& report) {
     return lines;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -38,7 +38,7 @@
 #include "searchthing/base/st_timeval.h"
 #include "tools/veldar/check/slice_image.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct fsck_finding {
     slice_section_t section = IN_HEADER;
@@ -78,4 +78,4 @@ std::vector<std::string> fsck_more_lines(const fsck_report& report);
 // A term for people: control characters, quotes and bytes past 126 as \xNN, cut after 80 bytes.
 std::string fsck_term_text(std::string_view term);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -61,4 +61,4 @@ std::vector<std::string> fsck_store_slice(WARM* warm, const source_map& map, con
     return lines;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/source_map.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct store_names {
     std::vector<std::string> hosts, sources, sourcetypes;
@@ -21,4 +21,4 @@ bool store_names_read(const std::string& store, store_names* names, std::string*
 // line each.
 std::vector<std::string> fsck_store_slice(WARM* warm, const source_map& map, const store_names& names);
 
-}  // namespace veldar
+}  // namespace veldar::tool

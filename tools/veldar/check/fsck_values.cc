@@ -7,7 +7,7 @@
 #include "libzero/endian.h"
 #include "tools/veldar/check/fsck_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -144,4 +144,4 @@ void fsck_check_values(fsck_run* run) {
     if (!warm_header_is_legacy(&run->image->header)) check_header_times(run);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

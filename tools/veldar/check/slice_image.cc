@@ -14,7 +14,7 @@
 #include "searchthing/lexicon/fclex.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -260,4 +260,4 @@ uint32_t packed_bits(std::span<const uint8_t> bytes, uint64_t bit, uint32_t nbit
     return static_cast<uint32_t>((word >> (bit % 8)) & mask);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

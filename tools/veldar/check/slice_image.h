@@ -10,7 +10,7 @@
 #include "libzero/resource.h"
 #include "searchthing/format/warmslice_header.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // In file order. IN_NAME is no section: what is wrong with the file's name is filed under it.
 enum slice_section_t : uint32_t {
@@ -87,4 +87,4 @@ inline bool slice_section_whole(const slice_image& image, slice_section_t sectio
 // `nbits` (at most 32) of a packed stream from bit `bit` on; bits behind the end of the bytes read as 0.
 uint32_t packed_bits(std::span<const uint8_t> bytes, uint64_t bit, uint32_t nbits);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@ namespace CLI {
 class App;
 }
 
-namespace veldar {
+namespace veldar::tool {
 
 struct tool_context {
     std::string store;       // -s, empty when not given
@@ -34,4 +34,4 @@ void add_health_command(CLI::App* app, tool_context* context);
 void add_optimize_command(CLI::App* app, tool_context* context);
 void add_metrics_command(CLI::App* app, tool_context* context);
 
-}  // namespace veldar
+}  // namespace veldar::tool

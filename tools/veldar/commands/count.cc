@@ -7,7 +7,7 @@
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -32,4 +32,4 @@ void add_count_command(CLI::App* app, tool_context* context) {
     count->callback([context] { context->status = count_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

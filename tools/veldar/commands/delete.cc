@@ -18,7 +18,7 @@
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -127,4 +127,4 @@ void add_delete_command(CLI::App* app, tool_context* context) {
     command->callback([context] { context->status = delete_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,15 +10,15 @@
 #include <cmath>
 
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/output/event_output.h"
 #include "tools/veldar/formats/metric_record.h"
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/slice_events.h"
 #include "tools/veldar/query/slice_metrics.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
-#include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -242,4 +242,4 @@ void add_dump_command(CLI::App* app, tool_context* context) {
     dump->callback([context] { context->status = dump_run_all(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,13 +10,13 @@
 #include "searchthing/search/warmslice_search.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
-#include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -221,4 +221,4 @@ void add_explain_command(CLI::App* app, tool_context* context) {
     explain->callback([context] { context->status = explain_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,15 +6,15 @@
 #include <new>
 #include <set>
 
-#include "tools/veldar/commands/command.h"
 #include "tools/veldar/check/fsck_slice.h"
 #include "tools/veldar/check/fsck_store.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
-#include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -170,4 +170,4 @@ void add_fsck_command(CLI::App* app, tool_context* context) {
     fsck->callback([context] { context->status = fsck_run_all(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,12 +10,12 @@
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
-#include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -73,4 +73,4 @@ void add_health_command(CLI::App* app, tool_context* context) {
     health->callback([context] { context->status = health_run(*context, path); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -8,12 +8,12 @@
 
 #include "searchthing/postings/plist.h"
 #include "searchthing/values/tsval.h"
+#include "tools/veldar/check/fsck_slice.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
-#include "tools/veldar/check/fsck_slice.h"
 #include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -297,4 +297,4 @@ void add_info_command(CLI::App* app, tool_context* context) {
     info->callback([context] { context->status = info_run(options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

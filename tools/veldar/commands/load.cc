@@ -5,13 +5,13 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/loader.h"
 #include "tools/veldar/load/merging.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/load/progress.h"
-#include "tools/veldar/store/store.h"
 #include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -78,4 +78,4 @@ void add_load_command(CLI::App* app, tool_context* context) {
     load->callback([context] { context->status = load_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

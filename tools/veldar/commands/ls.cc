@@ -12,11 +12,11 @@
 #include "searchthing/slice/warmslice_values.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
-#include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -189,4 +189,4 @@ void add_ls_command(CLI::App* app, tool_context* context) {
     ls->callback([context] { context->status = ls_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -5,7 +5,7 @@
 
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 std::string metrics_directory(const tool_context& context, const std::string& directory) {
     if (!directory.empty()) return directory;
@@ -25,4 +25,4 @@ void add_metrics_command(CLI::App* app, tool_context* context) {
     add_metrics_dump_command(metrics, context, &directory);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

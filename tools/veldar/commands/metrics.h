@@ -5,7 +5,7 @@
 
 #include "tools/veldar/commands/command.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 void add_metrics_load_command(CLI::App* metrics, tool_context* context, const std::string* directory);
 void add_metrics_ls_command(CLI::App* metrics, tool_context* context, const std::string* directory);
@@ -16,4 +16,4 @@ void add_metrics_dump_command(CLI::App* metrics, tool_context* context, const st
 // `directory` when given, else that of the store that the command chooses.
 std::string metrics_directory(const tool_context& context, const std::string& directory);
 
-}  // namespace veldar
+}  // namespace veldar::tool

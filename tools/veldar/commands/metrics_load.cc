@@ -2,15 +2,15 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/metric_loader.h"
-#include "tools/veldar/commands/metrics.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/store.h"
-#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -108,4 +108,4 @@ void add_metrics_load_command(CLI::App* metrics, tool_context* context, const st
     });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -4,12 +4,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
+#include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/metric_catalog.h"
 #include "tools/veldar/query/metric_points.h"
-#include "tools/veldar/commands/metrics.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -141,4 +141,4 @@ void add_metrics_cardinality_command(CLI::App* metrics, tool_context* context, c
     cardinality->callback([context, directory] { context->status = cardinality_run(*context, *directory, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,15 +6,15 @@
 #include <bit>
 #include <tuple>
 
-#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/formats/metric_text.h"
+#include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/metric_catalog.h"
 #include "tools/veldar/query/metric_points.h"
-#include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -266,4 +266,4 @@ void add_metrics_dump_command(CLI::App* metrics, tool_context* context, const st
     dump->callback([context, directory] { context->status = dump_run(*context, *directory, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

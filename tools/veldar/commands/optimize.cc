@@ -18,7 +18,7 @@
 #include "tools/veldar/store/tool_file.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -126,4 +126,4 @@ void add_optimize_command(CLI::App* app, tool_context* context) {
     optimize->callback([context] { context->status = optimize_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -15,12 +15,12 @@
 #include "searchthing/st.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/index_writer.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/load/put_line.h"
+#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -167,4 +167,4 @@ void add_put_command(CLI::App* app, tool_context* context) {
     put->callback([context] { context->status = put_run_all(options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

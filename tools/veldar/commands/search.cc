@@ -11,7 +11,7 @@
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -99,4 +99,4 @@ void add_search_command(CLI::App* app, tool_context* context) {
     search->callback([context] { context->status = search_run(*context, options); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

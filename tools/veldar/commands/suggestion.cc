@@ -5,7 +5,7 @@
 #include <numeric>
 #include <vector>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -77,4 +77,4 @@ std::string suggest_meant(const CLI::App& app) {
     return "'" + word + "' is no " + (is_option ? "option" : "command") + "; did you mean '" + meant + "'?\n";
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,10 +7,10 @@ namespace CLI {
 class App;
 }
 
-namespace veldar {
+namespace veldar::tool {
 
 // A line such as "'serch' is no command; did you mean 'search'?\n" for the first argument that a failed parse left
 // over, empty when there is none or nothing resembles it.
 std::string suggest_meant(const CLI::App& app);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,13 +7,13 @@
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
+#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
-#include "tools/veldar/store/store.h"
 #include "tools/veldar/query/term_walk.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -181,4 +181,4 @@ void add_seen_command(CLI::App* app, tool_context* context) {
     seen->callback([context] { context->status = seen_run(*context, term); });
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

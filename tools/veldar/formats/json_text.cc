@@ -4,7 +4,7 @@
 
 #include "tools/veldar/formats/log_stamp.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr size_t UNICODE_ESCAPE = 6;  // bytes of "\u00e9"
@@ -78,4 +78,4 @@ std::string_view json_text(std::string_view record, std::string* scratch) {
     return *scratch;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -4,11 +4,11 @@
 #include <string>
 #include <string_view>
 
-namespace veldar {
+namespace veldar::tool {
 
 // The record with the escapes of its first line decoded when that line is a JSON object: "\n" becomes a newline,
 // "\u00e9" its UTF-8 bytes, "\\" one backslash. What is no escape stays, and so do the lines that continue the record.
 // The result is the record itself or in `scratch`, valid until either changes.
 std::string_view json_text(std::string_view record, std::string* scratch);
 
-}  // namespace veldar
+}  // namespace veldar::tool

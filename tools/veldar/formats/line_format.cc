@@ -5,7 +5,7 @@
 
 #include "tools/veldar/formats/line_format_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr size_t KEY_MAX = 64;
@@ -180,4 +180,4 @@ bool begins_record(std::string_view line) {
     return !line.empty() && line != "\r" && line[0] != ' ' && line[0] != '\t';
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -14,7 +14,7 @@
 
 #include "tools/veldar/formats/log_time.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct field_view {
     std::string_view name, value;
@@ -68,4 +68,4 @@ const line_format* detect_format(std::span<const std::string_view> first_lines, 
 // False for lines that continue the record before: empty ones and those that begin with a blank or a tab.
 bool begins_record(std::string_view line);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 // follow.
 #include "tools/veldar/formats/line_format_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 bool is_method(std::string_view word) {
@@ -76,4 +76,4 @@ bool parse_access(std::string_view line, format_context* context, parsed_line* o
     return true;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

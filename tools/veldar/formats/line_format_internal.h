@@ -4,7 +4,7 @@
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/log_stamp.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 bool parse_access(std::string_view line, format_context* context, parsed_line* out);
 bool parse_syslog(std::string_view line, format_context* context, parsed_line* out);
@@ -40,4 +40,4 @@ bool is_level(std::string_view word);
 // and "=>" are no pairs.
 void add_pairs(parsed_line* out, std::string_view text);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "tools/veldar/formats/line_format_internal.h"
 #include "tools/veldar/formats/terms.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct json_scratch {
     simdjson::ondemand::parser parser;
@@ -195,4 +195,4 @@ bool parse_json(std::string_view line, format_context* context, parsed_line* out
     return read || parse_as_text(line, out);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -3,7 +3,7 @@
 
 #include "tools/veldar/formats/line_format_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr std::string_view LEVELS[] = {"INFO",   "WARN",  "ERROR",  "DEBUG",  "TRACE",    "WARNING",     "FATAL",
@@ -172,4 +172,4 @@ bool parse_apache_error(std::string_view line, format_context* context, parsed_l
     return true;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 
 #include "tools/veldar/formats/line_format_internal.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr int64_t DAY_S = 86400;
@@ -180,4 +180,4 @@ bool parse_syslog_iso(std::string_view line, format_context* context, parsed_lin
     return true;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

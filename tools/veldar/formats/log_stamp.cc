@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr int64_t DAY_S = 86400;
@@ -259,4 +259,4 @@ bool stamp_to_time(const log_stamp& stamp, log_zone* zone, st_timeval_t* out) {
     return log_time_store(epoch_s, stamp.nanoseconds, out);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

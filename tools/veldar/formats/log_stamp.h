@@ -7,7 +7,7 @@
 
 #include "tools/veldar/formats/log_time.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct log_stamp {
     int64_t local_s = 0;  // the civil time counted as if it were UTC
@@ -42,4 +42,4 @@ bool take_month_day(std::string_view* rest, yearless_stamp* out);  // Jun  9 04:
 // Turns the stamp into the engine's time; false when its seconds do not fit 32 bits.
 bool stamp_to_time(const log_stamp& stamp, log_zone* zone, st_timeval_t* out);
 
-}  // namespace veldar
+}  // namespace veldar::tool

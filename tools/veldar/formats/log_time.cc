@@ -6,7 +6,7 @@
 #include <exception>
 #include <string>
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr int64_t DAY_S = 86400;
@@ -86,4 +86,4 @@ bool log_time_store(int64_t epoch_s, uint32_t nanoseconds, st_timeval_t* out) {
     return true;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

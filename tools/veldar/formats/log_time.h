@@ -7,7 +7,7 @@
 
 #include "searchthing/base/st_timeval.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // The zone of local times. Default: UTC. A named zone remembers the span of local time in which the last offset holds,
 // so that a run of log lines looks its zone up once; a record is for one thread, copies are independent.
@@ -30,4 +30,4 @@ int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s);
 // Stores the time when its seconds fit the engine's 32 bits; false otherwise.
 [[nodiscard]] bool log_time_store(int64_t epoch_s, uint32_t nanoseconds, st_timeval_t* out);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 
 #include "tools/veldar/formats/log_stamp.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -177,4 +177,4 @@ const char* metric_csv_parse(metric_csv* csv, std::span<char> line, metric_recor
     return wrong != nullptr ? wrong : wrong_value;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -8,7 +8,7 @@
 #include "tools/veldar/formats/log_time.h"
 #include "tools/veldar/formats/metric_record.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct metric_csv_options {
     char separator = ',';
@@ -38,4 +38,4 @@ bool metric_csv_goes_on(std::string_view record);
 // is no record. Returns null or what is wrong; the measures beside a wrong one are in the record all the same.
 const char* metric_csv_parse(metric_csv* csv, std::span<char> line, metric_record* record);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "searchthing/lexicon/fclex.h"
 #include "tools/veldar/formats/log_time.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -158,4 +158,4 @@ void metric_term_split(std::string_view term, std::string* label, std::string_vi
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -13,7 +13,7 @@
 
 #include "searchthing/base/st_timeval.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct metric_label {
     std::string_view name, value;
@@ -55,4 +55,4 @@ void metric_term_put(std::string* out, std::string_view label, std::string_view 
 // Takes a dimension term apart, without its blank. A term without "::" is a label whose value is empty.
 void metric_term_split(std::string_view term, std::string* label, std::string_view* value);
 
-}  // namespace veldar
+}  // namespace veldar::tool

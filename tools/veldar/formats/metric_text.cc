@@ -4,7 +4,7 @@
 #include <array>
 #include <cstring>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -211,4 +211,4 @@ void metric_text_put(std::string* out, std::string_view name, std::span<const me
     *out += '\n';
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -13,7 +13,7 @@
 
 #include "tools/veldar/formats/metric_record.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // Reads one line without its newline, which it changes. The record has one measure, or none for a line without a
 // sample. Returns null or what is wrong with the line.
@@ -27,4 +27,4 @@ void metric_text_put_series(std::string* out, std::string_view name, std::span<c
 // Appends the name, quoted where it has to be, as "# TYPE" lines have it.
 void metric_text_put_name(std::string* out, std::string_view name);
 
-}  // namespace veldar
+}  // namespace veldar::tool

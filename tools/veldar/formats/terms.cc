@@ -6,7 +6,7 @@
 
 #include "libzero/endian.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr size_t FIRST_SLOTS = 256;
@@ -178,4 +178,4 @@ std::string fold_field_term(std::string_view name, std::string_view value) {
     return fold_value(name) + "::" + fold_value(value.substr(0, TERM_MAX - name.size() - 2));
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

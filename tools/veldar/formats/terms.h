@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-namespace veldar {
+namespace veldar::tool {
 
 inline constexpr size_t TERM_MAX = 2047;  // bytes; longer terms are cut
 
@@ -48,4 +48,4 @@ std::string fold_value(std::string_view value);
 // Exactly the term that term_set_add_field adds; empty when it adds none.
 std::string fold_field_term(std::string_view name, std::string_view value);
 
-}  // namespace veldar
+}  // namespace veldar::tool

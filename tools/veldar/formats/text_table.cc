@@ -1,6 +1,6 @@
 #include "tools/veldar/formats/text_table.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 uint32_t text_number(text_table* table, std::string_view text) {
     const auto known = table->numbers.find(text);
@@ -10,4 +10,4 @@ uint32_t text_number(text_table* table, std::string_view text) {
     return number;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace veldar {
+namespace veldar::tool {
 
 // Texts by number, in order of first appearance.
 struct text_table {
@@ -21,4 +21,4 @@ struct text_table {
 };
 uint32_t text_number(text_table* table, std::string_view text);
 
-}  // namespace veldar
+}  // namespace veldar::tool

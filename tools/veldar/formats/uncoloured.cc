@@ -1,6 +1,6 @@
 #include "tools/veldar/formats/uncoloured.h"
 
-namespace veldar {
+namespace veldar::tool {
 namespace {
 
 constexpr char ESC = '\033';
@@ -32,4 +32,4 @@ std::string_view uncoloured(std::string_view text, std::string* scratch) {
     return *scratch;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-namespace veldar {
+namespace veldar::tool {
 
 // The text as a terminal shows it: without colours and other sequences of ECMA-48 (ESC [ ... letter) and without titles
 // (ESC ] ... BEL). The result is the text itself or in `scratch`, valid until either changes.
 std::string_view uncoloured(std::string_view text, std::string* scratch);
 
-}  // namespace veldar
+}  // namespace veldar::tool

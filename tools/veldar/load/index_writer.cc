@@ -6,7 +6,7 @@
 
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -111,4 +111,4 @@ void index_writer_close(index_writer* writer) {
     if (st_close(thing) != 0) throw tool_failure{EXIT_IO, writer->directory + ": cannot close the index"};
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 #include "searchthing/st.h"
 #include "tools/veldar/formats/metric_record.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // About 210 MB of memory when all of it is used.
 struct index_limits {
@@ -48,4 +48,4 @@ void index_writer_sync(index_writer* writer);
 // Syncs and closes. Nothing when it is closed or has failed.
 void index_writer_close(index_writer* writer);
 
-}  // namespace veldar
+}  // namespace veldar::tool

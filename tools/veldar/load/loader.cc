@@ -18,7 +18,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -415,4 +415,4 @@ std::string loader_give_up(loader* load) {
            " bytes of the pipe are kept and indexed by the next load; send what follows them again";
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

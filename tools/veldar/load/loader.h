@@ -7,13 +7,13 @@
 #include <vector>
 
 #include "tools/veldar/load/index_writer.h"
-#include "tools/veldar/store/known_files.h"
 #include "tools/veldar/load/log_event.h"
 #include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/known_files.h"
 #include "tools/veldar/store/record_reader.h"
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // A bucket takes no record that begins at or past this address; the last record may reach beyond.
 inline constexpr uint64_t BUCKET_BYTES_MAX = (uint64_t{1} << 32) - 4096;
@@ -60,4 +60,4 @@ void loader_close(loader* load);
 // After a failure: keeps what can still be kept, and returns what the user can do about the rest. Does not throw.
 std::string loader_give_up(loader* load);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 #include "tools/veldar/formats/uncoloured.h"
 #include "tools/veldar/store/record_reader.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -88,4 +88,4 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct log_event_maker {
     const line_format* format = nullptr;
@@ -34,4 +34,4 @@ void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_
 // Makes the event of a record: maker->time, ->line_host and ->terms, the views valid until the next record.
 void log_event_make(log_event_maker* maker, std::string_view record);
 
-}  // namespace veldar
+}  // namespace veldar::tool

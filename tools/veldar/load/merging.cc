@@ -15,11 +15,11 @@
 
 #include "searchthing/directory/tsidx_list.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
-#include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -219,4 +219,4 @@ std::string merge_failure_text(int status, int error, const char* message) {
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

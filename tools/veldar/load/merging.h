@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace veldar {
+namespace veldar::tool {
 
 struct merge_settings {
     bool everything = false;   // whatever fits the target size, and not only enough slices of one size
@@ -32,4 +32,4 @@ std::string merge_totals_text(const merge_totals& totals, double seconds);
 // What a status of the engine means to someone who merges.
 std::string merge_failure_text(int status, int error, const char* message);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 #include "searchthing/lexicon/fclex.h"
 #include "tools/veldar/load/put_line.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -99,4 +99,4 @@ void metric_batch_write(metric_batch* batch, index_writer* writer, metric_totals
     *batch = {};
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -13,7 +13,7 @@
 #include "tools/veldar/formats/text_table.h"
 #include "tools/veldar/load/index_writer.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct metric_sample {
     uint32_t set = 0, name = 0;  // numbers of their texts
@@ -40,4 +40,4 @@ const char* metric_batch_add(metric_batch* batch, const metric_record& record);
 // Puts the batch into the index as events and empties it. Throws tool_failure.
 void metric_batch_write(metric_batch* batch, index_writer* writer, metric_totals* totals);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -18,7 +18,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -339,4 +339,4 @@ void metric_loader_close(metric_loader* load) {
     totals_add_slices(&load->totals, load->directory, load->slices_before);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

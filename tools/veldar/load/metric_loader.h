@@ -16,7 +16,7 @@
 #include "tools/veldar/store/line_reader.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct metric_load_options {
     std::vector<std::string> files;
@@ -63,4 +63,4 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
 // Writes what is left and closes.
 void metric_loader_close(metric_loader* load);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -13,7 +13,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -118,4 +118,4 @@ void metric_notes_add(metric_notes* notes, const metric_note& note) {
     notes->notes.push_back(note);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -18,7 +18,7 @@
 #include "libzero/resource.h"
 #include "tools/veldar/store/log_input.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct metric_note {
     uint64_t size = 0, hash = 0, head = 0, options = 0, offset = 0;
@@ -54,4 +54,4 @@ bool metric_note_make(file_hash* hash, const log_input& input, uint64_t options,
                       std::string* error);
 void metric_notes_add(metric_notes* notes, const metric_note& note);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -16,7 +16,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -145,4 +145,4 @@ void totals_add_slices(load_totals* totals, const std::string& directory, const 
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 
 #include "searchthing/base/st_timeval.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct progress {
     bool terminal = false;
@@ -43,4 +43,4 @@ std::vector<std::string> slice_names(const std::string& directory);
 // Those that are not in `before` count towards the totals.
 void totals_add_slices(load_totals* totals, const std::string& directory, const std::vector<std::string>& before);
 
-}  // namespace veldar
+}  // namespace veldar::tool

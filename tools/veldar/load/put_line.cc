@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cstring>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -121,4 +121,4 @@ uint64_t encode_subsecond(uint32_t nanoseconds) {
     return (uint64_t{2} * nanoseconds + 1) << zeros;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

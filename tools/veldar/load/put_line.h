@@ -12,7 +12,7 @@
 
 #include "searchthing/hot/hotslice.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct put_event {
     st_txn txn;
@@ -27,4 +27,4 @@ const char* put_line_parse(std::span<char> line, put_event* event);
 // none.
 uint64_t encode_subsecond(uint32_t nanoseconds);
 
-}  // namespace veldar
+}  // namespace veldar::tool

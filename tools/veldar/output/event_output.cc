@@ -5,7 +5,7 @@
 #include <ctime>
 #include <utility>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -258,4 +258,4 @@ void tsv_put_field(std::string* out, std::string_view text) {
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -11,11 +11,11 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/veldar/query/event_source.h"
 #include "tools/veldar/output/highlight.h"
 #include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/event_source.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 enum event_format_t { FORMAT_RAW, FORMAT_TABLE, FORMAT_JSONL, FORMAT_CSV, FORMAT_TSV, FORMAT_ADDR };
 bool event_format_from_name(const std::string& name, event_format_t* format);
@@ -45,4 +45,4 @@ void json_put_string(std::string* out, std::string_view text);
 void csv_put_field(std::string* out, std::string_view text);
 void tsv_put_field(std::string* out, std::string_view text);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "tools/veldar/formats/terms.h"
 #include "tools/veldar/output/text_output.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -110,4 +110,4 @@ void highlight_put(const highlighter& wanted, std::string_view text, bool for_te
     put(text.substr(at));
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "searchthing/lexicon/matcher.h"
 #include "tools/veldar/query/query_language.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct matcher_free {
     void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
@@ -25,4 +25,4 @@ highlighter highlight_of(const std::vector<query_plan>& plans);
 // Appends the text with what was found in bold red, and `for_terminal` with the text's own control characters visible.
 void highlight_put(const highlighter& wanted, std::string_view text, bool for_terminal, std::string* out);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -66,4 +66,4 @@ void add_color_option(CLI::App* command, std::string* when) {
     command->add_option("--color", *when, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -13,7 +13,7 @@ namespace CLI {
 class App;
 }
 
-namespace veldar {
+namespace veldar::tool {
 
 struct text_output {
     std::string bytes;
@@ -40,4 +40,4 @@ void output_flush(text_output* out);
 // Adds --color.
 void add_color_option(CLI::App* command, std::string* when);
 
-}  // namespace veldar
+}  // namespace veldar::tool

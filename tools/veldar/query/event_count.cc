@@ -6,7 +6,7 @@
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -64,4 +64,4 @@ uint64_t count_events(const std::string& path, const prepared_query& query, trou
     return (query_needs_index_only(query) ? count_by_slices : count_by_events)(path, query, trouble);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

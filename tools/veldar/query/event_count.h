@@ -7,7 +7,7 @@
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // Whether the slices alone decide the query, each by itself.
 bool query_needs_index_only(const prepared_query& query);
@@ -15,4 +15,4 @@ bool query_needs_index_only(const prepared_query& query);
 // Throws tool_failure.
 uint64_t count_events(const std::string& path, const prepared_query& query, troubles* trouble);
 
-}  // namespace veldar
+}  // namespace veldar::tool

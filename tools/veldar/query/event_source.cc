@@ -7,7 +7,7 @@
 #include "tools/veldar/formats/uncoloured.h"
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -163,4 +163,4 @@ std::string event_source_name(const std::vector<std::string>& names, uint32_t nu
     return number < names.size() ? names[number] : std::to_string(number);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -8,7 +8,7 @@
 #include "tools/veldar/query/event_stream.h"
 #include "tools/veldar/store/raw_reader.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct event_source {
     const slice_set* slices = nullptr;
@@ -42,4 +42,4 @@ void stream_check_raw(event_stream* stream, event_source* source);
 // The name of a number, or the number itself when there is none.
 std::string event_source_name(const std::vector<std::string>& names, uint32_t number);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 #include "searchthing/search/warmslice_search.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -186,4 +186,4 @@ bool event_stream_next(event_stream* stream, stream_event* event) {
     return false;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

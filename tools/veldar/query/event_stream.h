@@ -20,7 +20,7 @@
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct stream_event {
     st_tsval value = {};
@@ -76,4 +76,4 @@ void event_stream_open(event_stream* stream, const std::string& path, const prep
 // them apart. False at the end. A slice that cannot be read is passed over and told to `trouble`.
 bool event_stream_next(event_stream* stream, stream_event* event);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "tools/veldar/query/slice_metrics.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -79,4 +79,4 @@ metric_catalog metric_catalog_read(const std::string& directory, troubles* troub
     return catalog;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // A set is a combination of labels, whatever is measured under it. Sets are told apart by 64-bit hashes.
 using metric_set_hashes = std::unordered_set<uint64_t>;
@@ -34,4 +34,4 @@ struct metric_catalog {
 // vanish on the way, as merged ones do, it begins again. Throws tool_failure.
 metric_catalog metric_catalog_read(const std::string& directory, troubles* trouble);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 #include "searchthing/reading/tsidx_metric.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -155,4 +155,4 @@ bool metric_name_matches(std::string_view text, std::string_view pattern) {
     return text.ends_with(pattern);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

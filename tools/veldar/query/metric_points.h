@@ -11,7 +11,7 @@
 #include "tools/veldar/formats/text_table.h"
 #include "tools/veldar/store/slices.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct metric_point {
     int64_t time_ms = 0;
@@ -45,4 +45,4 @@ std::string metric_read_error(const std::string& directory, const TSIDX* tsidx);
 // Whether the text is the pattern, in which `*` stands for any characters.
 bool metric_name_matches(std::string_view text, std::string_view pattern);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-namespace veldar {
+namespace veldar::tool {
 
 // For `transform` of an option whose value is a whole number from `least` to `most`, written in digits.
 inline CLI::Validator whole_number(uint64_t least, uint64_t most) {
@@ -26,4 +26,4 @@ inline CLI::Validator whole_number(uint64_t least, uint64_t most) {
     return {check, ""};
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 #include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -174,4 +174,4 @@ st_query_spec query_of_plan_until(const prepared_query& query, const query_plan&
     return spec;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -11,7 +11,7 @@ namespace CLI {
 class App;
 }
 
-namespace veldar {
+namespace veldar::tool {
 
 struct query_options {
     std::vector<std::string> words;  // joined with blanks
@@ -48,4 +48,4 @@ st_query_spec query_of_plan(const prepared_query& query, const query_plan& plan)
 // The plan's text with `latest` (inclusive) as its upper bound.
 st_query_spec query_of_plan_until(const prepared_query& query, const query_plan& plan, const st_timeval_t& latest);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "searchthing/search/search_literals.h"
 #include "tools/veldar/formats/terms.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -497,4 +497,4 @@ std::string explain_query_error(std::string_view text, const query_error& error)
     return "  " + shown + "\n  " + std::string(column, ' ') + "^ expected " + error.expected + "\n";
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

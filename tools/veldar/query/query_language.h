@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace veldar {
+namespace veldar::tool {
 
 // A part of a phrase between two "*". Where it begins or ends with a word, the record's word begins or ends there too,
 // unless a "*" touches it.
@@ -54,4 +54,4 @@ bool record_passes(const query_plan& plan, std::string_view record, std::string*
 // The text with a caret under the position and what was expected, as two or three lines for standard error.
 std::string explain_query_error(std::string_view text, const query_error& error);
 
-}  // namespace veldar
+}  // namespace veldar::tool

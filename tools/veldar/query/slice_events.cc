@@ -6,7 +6,7 @@
 
 #include "searchthing/slice/warmslice_lists.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -104,4 +104,4 @@ std::string_view slice_events_term(const slice_events& events, uint32_t term) {
     return std::string_view(events.text).substr(begin, events.text_end[term] - begin);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -13,7 +13,7 @@
 #include "searchthing/postings/plist.h"
 #include "searchthing/slice/warmslice.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct slice_events {
     WARM* warm = nullptr;  // the caller's, as long as the record is used
@@ -40,4 +40,4 @@ void slice_events_close(slice_events* events);
 std::span<const uint32_t> slice_events_terms(const slice_events& events, uint32_t value);
 std::string_view slice_events_term(const slice_events& events, uint32_t term);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 #include "searchthing/slice/warmslice_values.h"
 #include "tools/veldar/formats/metric_record.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -128,4 +128,4 @@ int slice_metric_samples(WARM* warm, const std::function<bool(const slice_metric
     return walk.ended ? 0 : status;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 
 #include "searchthing/slice/warmslice_runs.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct slice_metric_set {
     warm_run_t run;                            // its values
@@ -34,4 +34,4 @@ struct slice_metric_sample {
 [[nodiscard]] int slice_metric_samples(WARM* warm, const std::function<bool(const slice_metric_sample&)>& visit,
                                        warm_rc_t* rc);
 
-}  // namespace veldar
+}  // namespace veldar::tool

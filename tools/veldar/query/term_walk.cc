@@ -10,7 +10,7 @@
 #include "tools/veldar/formats/terms.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -171,4 +171,4 @@ std::string term_query_text(std::string_view term) {
     return text + '"';
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -9,7 +9,7 @@
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct term_totals {
     uint64_t count = 0;  // events; deleted ones too, as long as their slice holds them
@@ -43,4 +43,4 @@ term_choice term_choice_of(const term_pattern& pattern);
 // A term as the query language takes it: status=404, path="/a b".
 std::string term_query_text(std::string_view term);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -4,7 +4,7 @@
 
 #include "tools/veldar/formats/log_stamp.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -131,4 +131,4 @@ bool time_input_parse(std::string_view text, log_zone* zone, int64_t now_s, st_t
     return parse_civil(text, zone, now_s, out);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

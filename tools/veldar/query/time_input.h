@@ -16,7 +16,7 @@
 #include "searchthing/base/st_timeval.h"
 #include "tools/veldar/formats/log_time.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 inline constexpr char TIME_INPUT_FORMS[] =
     "a time such as 2015-05-17T10:05:03Z, 2015-05-17, 10:05, @1431857103, -2h or yesterday";
@@ -25,4 +25,4 @@ inline constexpr char TIME_INPUT_FORMS[] =
 // epoch.
 [[nodiscard]] bool time_input_parse(std::string_view text, log_zone* zone, int64_t now_s, st_timeval_t* out);
 
-}  // namespace veldar
+}  // namespace veldar::tool

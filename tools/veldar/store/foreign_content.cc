@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -78,4 +78,4 @@ std::string foreign_content(std::string_view head) {
     return is_binary(head) ? "binary and no log; nothing is loaded" : "";
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

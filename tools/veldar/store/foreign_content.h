@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-namespace veldar {
+namespace veldar::tool {
 
 // Why the content that begins like this is not loaded, for a message: it is compressed, text in UTF-16, or binary.
 // Empty for text; a log with a few odd bytes, or with a hole of NULs that a crash left, is text.
 std::string foreign_content(std::string_view head);
 
-}  // namespace veldar
+}  // namespace veldar::tool

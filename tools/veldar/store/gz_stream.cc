@@ -10,7 +10,7 @@
 #include "libzero/endian.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -235,4 +235,4 @@ void gz_load_points(gz_stream* gz, const std::string& path) {
     }
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -25,7 +25,7 @@
 
 #include "libzero/resource.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct gz_point {
     uint64_t out = 0, in = 0;
@@ -68,4 +68,4 @@ uint64_t gz_point_before(const gz_stream& gz, uint64_t offset);
 // Takes the points that belong to this very file; a missing, foreign or damaged file only costs time.
 void gz_load_points(gz_stream* gz, const std::string& path);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -7,7 +7,7 @@
 #include "searchthing/directory/tsidx.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct tsidx_close {
     void operator()(TSIDX* tsidx) const { st_tsidx_close(tsidx); }
@@ -23,4 +23,4 @@ inline tsidx_ptr index_handle_open(const std::string& path, uint32_t level) {
     return tsidx;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

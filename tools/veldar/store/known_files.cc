@@ -13,7 +13,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -224,4 +224,4 @@ bool known_file_unchanged(const known_file& known, const log_input& input) {
            !known.record_indexed && (input.gz != nullptr || known.progress == input.size);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 #include "tools/veldar/store/log_input.h"
 #include "tools/veldar/store/store.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct known_file {
     source_file file;
@@ -43,4 +43,4 @@ known_file* known_files_put(known_files* known, const source_file& file);
 // Whether the input is, byte for byte as far as its inode, size and time tell, what was loaded to its end.
 bool known_file_unchanged(const known_file& known, const log_input& input);
 
-}  // namespace veldar
+}  // namespace veldar::tool

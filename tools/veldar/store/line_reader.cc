@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -70,4 +70,4 @@ bool line_reader_next(line_reader* reader, std::span<char>* line, bool* too_long
     return true;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

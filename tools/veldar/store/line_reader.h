@@ -8,7 +8,7 @@
 #include "libzero/resource.h"
 #include "tools/veldar/store/log_input.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 inline constexpr size_t LINE_MAX_BYTES = size_t{1} << 20;
 
@@ -28,4 +28,4 @@ struct line_reader {
 // line that could not be read to its end is not given.
 bool line_reader_next(line_reader* reader, std::span<char>* line, bool* too_long);
 
-}  // namespace veldar
+}  // namespace veldar::tool

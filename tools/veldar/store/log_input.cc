@@ -10,7 +10,7 @@
 
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -162,4 +162,4 @@ bool log_input_seek(log_input* input, uint64_t offset, std::string* error) {
     return true;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -8,7 +8,7 @@
 #include "libzero/resource.h"
 #include "tools/veldar/store/gz_stream.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct log_input {
     std::string path;  // for messages
@@ -32,4 +32,4 @@ inline constexpr size_t LOG_HEAD_MAX = 65536;
 // Goes to an offset of the decompressed bytes. A pipe only goes forward.
 [[nodiscard]] bool log_input_seek(log_input* input, uint64_t offset, std::string* error);
 
-}  // namespace veldar
+}  // namespace veldar::tool

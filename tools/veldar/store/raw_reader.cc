@@ -11,7 +11,7 @@
 
 #include "tools/veldar/store/record_reader.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -285,4 +285,4 @@ bool raw_reader_context(raw_reader* reader, uint64_t address, uint32_t before, u
            read_lines_after(source, record.offset + record.size, after, lines_after, error);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

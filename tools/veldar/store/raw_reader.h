@@ -13,7 +13,7 @@
 #include "tools/veldar/store/log_input.h"
 #include "tools/veldar/store/source_map.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct raw_reader;
 struct raw_reader_close {
@@ -48,4 +48,4 @@ std::string source_file_locate(const source_file& file, const std::string& direc
 // The name in a bucket of the access points of a gzip file.
 std::string source_points_name(uint32_t number);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -6,7 +6,7 @@
 
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -131,4 +131,4 @@ std::string_view record_reader_peek(record_reader* reader) {
     return unread(reader);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -10,7 +10,7 @@
 #include "libzero/resource.h"
 #include "tools/veldar/store/log_input.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 inline constexpr size_t RECORD_MAX = size_t{1} << 20;  // what is indexed of a record, and what continuations may fill
 
@@ -47,4 +47,4 @@ std::string_view record_reader_tail(const record_reader* reader);
 // The unread bytes at hand, after a try to have at least RECORD_MAX: for a look ahead.
 std::string_view record_reader_peek(record_reader* reader);
 
-}  // namespace veldar
+}  // namespace veldar::tool

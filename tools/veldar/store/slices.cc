@@ -15,7 +15,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct slice_snapshot {
     slice_snapshot() = default;
@@ -255,4 +255,4 @@ std::string slice_error(const slice_file& file, const warm_rc_t& rc) {
     return text + ", status " + std::to_string(rc.warm_rc);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -16,7 +16,7 @@
 #include "searchthing/slice/warmslice.h"
 #include "tools/veldar/store/troubles.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 struct slice_snapshot;  // of one directory, with the directory's handle
 
@@ -87,4 +87,4 @@ bool slices_open_all(const slice_set& set, std::vector<opened_slice>* slices, tr
 // "PATH: what the status says", for messages.
 std::string slice_error(const slice_file& file, const warm_rc_t& rc);
 
-}  // namespace veldar
+}  // namespace veldar::tool

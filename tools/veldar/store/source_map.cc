@@ -12,7 +12,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -234,4 +234,4 @@ void source_map_put_tail(source_map* map, const source_tail& tail) {
     map->tails.push_back(tail);
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

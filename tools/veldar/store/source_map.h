@@ -34,7 +34,7 @@
 
 #include "libzero/resource.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 enum source_kind_t : uint8_t { SOURCE_PLAIN = 0, SOURCE_GZIP = 1, SOURCE_SPOOL = 2 };
 
@@ -102,4 +102,4 @@ void source_map_put_stretch(source_map* map, const source_stretch& stretch);
 void source_map_put_mark(source_map* map, uint64_t frontier);
 void source_map_put_tail(source_map* map, const source_tail& tail);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -18,7 +18,7 @@
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -292,4 +292,4 @@ uint32_t store_number(store_dictionary* dictionary, const std::string& name) {
     return number;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -24,7 +24,7 @@
 #include "libzero/resource.h"
 #include "tools/veldar/store/source_map.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // Where a store keeps its metrics: one index directory, with no source map.
 inline constexpr char STORE_METRICS[] = "metrics";
@@ -79,4 +79,4 @@ store_bucket* store_add_bucket(store* st);
 // The number of a name, which is added when it is new. Throws tool_failure.
 uint32_t store_number(store_dictionary* dictionary, const std::string& name);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace veldar {
+namespace veldar::tool {
 
 enum exit_status_t : int {
     EXIT_DONE = 0,
@@ -24,4 +24,4 @@ struct tool_failure {
 // "message: text of errno_value" with status EXIT_IO.
 [[noreturn]] void fail_io(const std::string& message, int errno_value);
 
-}  // namespace veldar
+}  // namespace veldar::tool

@@ -11,7 +11,7 @@
 #include "searchthing/directory/tsidx_list.h"
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 volatile std::sig_atomic_t tool_interrupted = 0;
 
@@ -111,4 +111,4 @@ bool tool_replace_file(const std::string& path, std::string_view content, bool d
     return !durable || tool_sync_directory(slash == std::string::npos ? "." : path.substr(0, slash + 1));
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

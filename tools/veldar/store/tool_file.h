@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace veldar {
+namespace veldar::tool {
 
 // Set by the handler of SIGINT and SIGTERM: finish what is begun, save the progress and end.
 extern volatile std::sig_atomic_t tool_interrupted;
@@ -37,4 +37,4 @@ void tool_sync_name(const std::string& directory);
 // Writes a file beside `path` and renames it into place. False with errno set; the old file is then as it was.
 [[nodiscard]] bool tool_replace_file(const std::string& path, std::string_view content, bool durable);
 
-}  // namespace veldar
+}  // namespace veldar::tool

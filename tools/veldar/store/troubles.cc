@@ -7,7 +7,7 @@
 
 #include "tools/veldar/store/visible_text.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 namespace {
 
@@ -33,4 +33,4 @@ exit_status_t answer_status(bool found, const troubles& list) {
     return found ? EXIT_DONE : EXIT_NOT_FOUND;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool

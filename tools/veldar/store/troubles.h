@@ -6,7 +6,7 @@
 
 #include "tools/veldar/store/tool_failure.h"
 
-namespace veldar {
+namespace veldar::tool {
 
 // Prints "veldar: message" on standard error; on a terminal the control characters of names in it are visible.
 void say_trouble(const std::string& message);
@@ -21,4 +21,4 @@ void troubles_add(troubles* list, const std::string& message, exit_status_t stat
 // The exit status of a command that found something, or nothing, and may have missed some.
 exit_status_t answer_status(bool found, const troubles& list);
 
-}  // namespace veldar
+}  // namespace veldar::tool

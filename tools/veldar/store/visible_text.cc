@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdint>
 
-namespace veldar {
+namespace veldar::tool {
 
 void put_visible(std::string* out, std::string_view text) {
     constexpr std::string_view HEX = "0123456789ABCDEF";
@@ -40,4 +40,4 @@ size_t utf8_length(std::string_view text) {
     return code < LEAST[length] || surrogate || code > 0x10FFFF ? 0 : length;
 }
 
-}  // namespace veldar
+}  // namespace veldar::tool
