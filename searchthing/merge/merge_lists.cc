@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "libzero/assertions.h"
 #include "searchthing/slice/warmslice_lists.h"
@@ -92,29 +93,53 @@ void note_piece(const merge_lists_t& lists, const merge_source_t& source, std::s
     }
 }
 
-int check_list(const merge_lists_t& lists, merge_source_lists_t* from, uint32_t term, list_facts_t* facts,
+int differs(const merge_source_t& source, uint32_t term, warm_rc_t* rc) {
+    const std::string text = "a posting list differs from its metadata or dimension sets: " + source.path;
+    return _set_rc_verbose(rc, WARM_RC_CORRUPT, term, text.c_str());
+}
+
+int check_times(const merge_lists_t& lists, merge_time_check_t* check, warm_rc_t* rc) {
+    const merge_source_t* const source = std::exchange(check->source, nullptr);
+    if (source == nullptr) return 0;
+    const st_time_t* const times = lists.merge->times.data();
+    const bool same = times[check->newest] == check->latest && times[check->oldest] == check->earliest;
+    return same ? 0 : differs(*source, check->term, rc);
+}
+
+int check_later(merge_lists_t* lists, const merge_time_check_t& check, warm_rc_t* rc) {
+    merge_time_check_t* const slot = &lists->time_checks[lists->next_check++ % lists->time_checks.size()];
+    ST_TRY(check_times(*lists, slot, rc));
+    *slot = check;
+    __builtin_prefetch(&lists->merge->times[check.newest]);
+    __builtin_prefetch(&lists->merge->times[check.oldest]);
+    return 0;
+}
+
+int check_list(merge_lists_t* lists, merge_source_lists_t* from, uint32_t term, const list_facts_t& facts,
                warm_rc_t* rc) {
     if (!from->metadata.opened) return 0;
     const st_term_metadata* const record = term_meta_reader_next(&from->metadata, rc);
     if (record == nullptr) return rc->warm_rc;
-    const bool same_count = record->count == facts->count;
-    if (same_count && facts->count == 0) return 0;
-    if (same_count && lists.merge->metric == nullptr) {
-        facts->latest = lists.merge->times[merge_new_number(*from->source, facts->first)];
-        facts->earliest = lists.merge->times[merge_new_number(*from->source, facts->last)];
+    const merge_source_t& source = *from->source;
+    if (record->count != facts.count) return differs(source, term, rc);
+    if (facts.count == 0) return 0;
+    const auto earliest = static_cast<st_time_t>(record->earliest), latest = static_cast<st_time_t>(record->latest);
+    const merge_metric_t* const metric = lists->merge->metric.get();
+    if (metric == nullptr) {
+        return check_later(lists,
+                           {.source = &source,
+                            .term = term,
+                            .newest = merge_new_number(source, facts.first),
+                            .oldest = merge_new_number(source, facts.last),
+                            .latest = latest,
+                            .earliest = earliest},
+                           rc);
     }
-    bool same_sets = true;
-    if (lists.merge->metric != nullptr) {
-        const size_t number = static_cast<size_t>(from->source - lists.merge->sources.data());
-        const uint64_t sets = lists.merge->metric->info.sets_of_terms[number][term];
-        same_sets = sets == 0 || sets == facts->sets;  // no set holds a loose term
-    }
-    if (same_count && same_sets && static_cast<st_time_t>(record->earliest) == facts->earliest &&
-        static_cast<st_time_t>(record->latest) == facts->latest) {
-        return 0;
-    }
-    const std::string text = "a posting list differs from its metadata or dimension sets: " + from->source->path;
-    return _set_rc_verbose(rc, WARM_RC_CORRUPT, term, text.c_str());
+    const size_t number = static_cast<size_t>(&source - lists->merge->sources.data());
+    const uint64_t sets = metric->info.sets_of_terms[number][term];
+    const bool same_sets = sets == 0 || sets == facts.sets;  // no set holds a loose term
+    const bool same = same_sets && earliest == facts.earliest && latest == facts.latest;
+    return same ? 0 : differs(source, term, rc);
 }
 
 // Adds the source's next list.
@@ -141,7 +166,7 @@ int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
         if (!from->source->order.empty()) std::sort(piece, piece + count);
         take_piece(lists, count);
     }
-    return check_list(*lists, from, term, &facts, rc);
+    return check_list(lists, from, term, facts, rc);
 }
 
 // Merges two ascending stretches that lie one behind another. Which of them comes next cannot be predicted, so nothing
@@ -266,6 +291,11 @@ int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, 
     out->count = static_cast<uint32_t>(lists->size);
     out->first = out->ids.front();
     out->last = out->ids.back();
+    return 0;
+}
+
+int merge_lists_finish(merge_lists_t* lists, warm_rc_t* rc) {
+    for (merge_time_check_t& check : lists->time_checks) ST_TRY(check_times(*lists, &check, rc));
     return 0;
 }
 

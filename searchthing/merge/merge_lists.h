@@ -8,6 +8,7 @@
 // from the lists, so that damage that the source still shows would pass for sound.
 #pragma once
 
+#include <array>
 #include <span>
 #include <vector>
 
@@ -46,6 +47,15 @@ struct merge_source_lists_t {
     term_meta_reader_t metadata;
 };
 
+// The times that a source's metadata gives a list of events, and where those of its values lie. They are compared some
+// lists later: by then the memory that holds them, anywhere in a large array, has been fetched.
+struct merge_time_check_t {
+    const merge_source_t* source = nullptr;  // null when there is nothing to compare
+    uint32_t term = 0;
+    uint32_t newest = 0, oldest = 0;  // values of the target
+    st_time_t latest = 0, earliest = 0;
+};
+
 struct merge_lists_t {
     const warm_merge_t* merge = nullptr;
     std::vector<merge_source_lists_t> sources;
@@ -57,6 +67,8 @@ struct merge_lists_t {
     buffer<uint32_t> ids, merged;
     buffer<uint64_t> bits;
     std::vector<uint64_t> runs;  // where ascending stretches of `ids` begin
+    std::array<merge_time_check_t, 32> time_checks;
+    size_t next_check = 0;
 };
 
 // Opens readers over all sources, whose values have their new numbers. -2, or what _init_reader reports.
@@ -66,5 +78,8 @@ struct merge_lists_t {
 // the path of the slice in the message when a list is not what is said of it, or for a source without such a term, or
 // the failure of a read.
 [[nodiscard]] int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, warm_rc_t* rc);
+
+// Compares what is left to compare, after the last list: 0, or -12 as above.
+[[nodiscard]] int merge_lists_finish(merge_lists_t* lists, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -153,6 +153,7 @@ int sweep_terms(sweep_t* sweep, const bmap_array_t& holders, warm_rc_t* rc) {
 }
 
 int close_sweep(sweep_t* sweep, warm_rc_t* rc) {
+    ST_TRY(merge_lists_finish(&sweep->lists, rc));
     sweep->out->bytes = merge_list_writer_total(&sweep->writer);
     ST_TRY(put_entry(sweep, {PLO_RLE, sweep->out->bytes}, rc));
     ST_TRY(merge_list_writer_flush(&sweep->writer, rc));
