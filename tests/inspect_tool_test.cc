@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -364,13 +363,8 @@ TEST(Fsck, ExitStatusTells) {
 }
 
 // A command of the tool inside of this process.
-int run_command(void (*add)(CLI::App*, tool_context*), const std::string& line, const std::string& store = "") {
-    CLI::App app;
-    tool_context context;
-    context.store = store;
-    add(&app, &context);
-    app.parse(line);
-    return context.status;
+int run_command(void (*add)(const command&), const std::vector<std::string>& arguments) {
+    return command_line_run({{add}}, arguments, "");
 }
 
 // Between any two file calls the slices are merged: what went is checked in what it went into.
@@ -383,7 +377,7 @@ TEST(Fsck, AMergeMeanwhileHidesNothing) {
         testing::internal::CaptureStdout();
         {
             const fault_step step(n, [&] { merge_directories({dir.path()}, {.everything = true}); });
-            EXPECT_EQ(run_command(add_fsck_command, "fsck " + dir.path()), 0) << n;
+            EXPECT_EQ(run_command(add_fsck_command, {"fsck", dir.path()}), 0) << n;
             calls = step.calls();
         }
         const std::string out = testing::internal::GetCapturedStdout();
@@ -419,7 +413,7 @@ TEST(Fsck, DamagedHeadersCostNothing) {
                 const auto begun = std::chrono::steady_clock::now();
                 try {
                     fsck_findings(path);
-                    run_command(add_explain_command, "explain all", path);
+                    run_command(add_explain_command, {"-s", path, "explain", "all"});
                 } catch (const std::exception& failure) {
                     ADD_FAILURE() << "kind " << kind << " at " << at << ": " << failure.what();
                 }

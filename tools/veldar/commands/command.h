@@ -1,37 +1,92 @@
-// The subcommands of the tool and what they share: the options before the subcommand, the exit status.
+// The command line: the subcommands, how they declare their options, and what they share. Only command.cc knows the
+// parser, whose header takes longer to compile than most commands.
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "tools/veldar/store/tool_failure.h"
 
 namespace CLI {
 class App;
-}
+class Option;
+}  // namespace CLI
 
 namespace veldar::tool {
 
+struct query_options;
+
+// The options before the subcommand.
 struct tool_context {
-    std::string store;       // -s, empty when not given
-    int status = EXIT_DONE;  // set by the subcommand that ran
+    std::string store;  // -s, empty when not given
+    // The directory or file to work on: this one when given, else the store.
+    std::string path_or_store(const std::string& path) const;
 };
 
-// Each adds its subcommand, whose callback fills context->status or throws tool_failure.
-void add_put_command(CLI::App* app, tool_context* context);
-void add_load_command(CLI::App* app, tool_context* context);
-void add_search_command(CLI::App* app, tool_context* context);
-void add_count_command(CLI::App* app, tool_context* context);
-void add_terms_command(CLI::App* app, tool_context* context);
-void add_fields_command(CLI::App* app, tool_context* context);
-void add_seen_command(CLI::App* app, tool_context* context);
-void add_explain_command(CLI::App* app, tool_context* context);
-void add_fsck_command(CLI::App* app, tool_context* context);
-void add_info_command(CLI::App* app, tool_context* context);
-void add_ls_command(CLI::App* app, tool_context* context);
-void add_dump_command(CLI::App* app, tool_context* context);
-void add_delete_command(CLI::App* app, tool_context* context);
-void add_health_command(CLI::App* app, tool_context* context);
-void add_optimize_command(CLI::App* app, tool_context* context);
-void add_metrics_command(CLI::App* app, tool_context* context);
+// An option while it is declared; what is said of it can be strung together.
+struct command_option {
+    CLI::Option* option;
+    const command_option& required() const;
+    const command_option& with_default() const;  // which the help shows
+    const command_option& hidden() const;        // the help does not show it
+    const command_option& one_of(const std::vector<std::string>& values) const;
+    // `fault` gives what is wrong with a value, empty for nothing.
+    const command_option& checked(std::function<std::string(const std::string&)> fault) const;
+    const command_option& comma_separated() const;  // several values in one argument
+    const command_option& one_each() const;         // one value each time it is given, and not all words behind it
+};
+
+// A subcommand while it is declared. Names are such as "-n,--limit", or "FILE" for an argument without a name. What the
+// values go into has to outlive the run.
+struct command {
+    CLI::App* app;
+    int* status;
+    const tool_context* context;
+
+    command subcommand(const char* name, const char* help) const;
+    void footer(const char* text) const;
+    void group() const;  // one of its own subcommands is to follow
+    void flag(const char* names, bool* value, const char* help) const;
+    command_option text(const char* names, std::string* value, const std::string& help) const;
+    command_option text(const char* names, std::vector<std::string>* values, const std::string& help) const;
+    // A whole number in digits; T is int, uint32_t or uint64_t.
+    template <typename T>
+    command_option number(const char* names, T* value, uint64_t least, uint64_t most, const char* help) const;
+    command_option size(const char* names, uint64_t* bytes, const char* help) const;  // 500MB
+    // What the subcommand does; its result is the exit status.
+    void run(std::function<int(const tool_context&)> work) const;
+};
+
+// --since, --until and --tz; `events` is what they bound.
+void add_bounds_options(const command& to, const char* events, std::string* since, std::string* until,
+                        std::string* zone);
+// QUERY, the bounds and --native.
+void add_query_options(const command& to, query_options* options);
+
+// Each adds its subcommand.
+void add_put_command(const command& veldar);
+void add_load_command(const command& veldar);
+void add_search_command(const command& veldar);
+void add_count_command(const command& veldar);
+void add_terms_command(const command& veldar);
+void add_fields_command(const command& veldar);
+void add_seen_command(const command& veldar);
+void add_explain_command(const command& veldar);
+void add_fsck_command(const command& veldar);
+void add_info_command(const command& veldar);
+void add_ls_command(const command& veldar);
+void add_dump_command(const command& veldar);
+void add_delete_command(const command& veldar);
+void add_health_command(const command& veldar);
+void add_optimize_command(const command& veldar);
+void add_metrics_command(const command& veldar);
+
+// Runs the subcommand that the arguments (without the program's name) ask for and returns the exit status. Throws what
+// the subcommand throws.
+int command_line_run(std::span<void (*const)(const command&)> commands, std::vector<std::string> arguments,
+                     const char* version);
 
 }  // namespace veldar::tool

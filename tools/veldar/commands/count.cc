@@ -1,5 +1,4 @@
 // veldar count: the number of events that a query finds.
-#include <CLI/CLI.hpp>
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
@@ -25,11 +24,11 @@ int count_run(const tool_context& context, const query_options& options) {
 
 }  // namespace
 
-void add_count_command(CLI::App* app, tool_context* context) {
+void add_count_command(const command& veldar) {
     static query_options options;
-    CLI::App* count = app->add_subcommand("count", "Print how many events a query finds");
+    const command count = veldar.subcommand("count", "Print how many events a query finds");
     add_query_options(count, &options);
-    count->callback([context] { context->status = count_run(*context, options); });
+    count.run([](const tool_context& context) { return count_run(context, options); });
 }
 
 }  // namespace veldar::tool

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -116,15 +115,15 @@ int delete_run(const tool_context& context, const delete_options& options) {
 
 }  // namespace
 
-void add_delete_command(CLI::App* app, tool_context* context) {
+void add_delete_command(const command& veldar) {
     static delete_options options;
-    CLI::App* command = app->add_subcommand("delete", "Delete the events that a query finds");
-    command->footer(
+    const command remove = veldar.subcommand("delete", "Delete the events that a query finds");
+    remove.footer(
         "The events are marked in the index and found no more; the logs stay as they are.\n"
         "Exit status: 0, 1 when nothing was found, 3 when not everything could be searched (then nothing is deleted).");
-    add_query_options(command, &options.query);
-    command->add_flag("--dry-run", options.dry_run, "Only print how many events would be deleted");
-    command->callback([context] { context->status = delete_run(*context, options); });
+    add_query_options(remove, &options.query);
+    remove.flag("--dry-run", &options.dry_run, "Only print how many events would be deleted");
+    remove.run([](const tool_context& context) { return delete_run(context, options); });
 }
 
 }  // namespace veldar::tool

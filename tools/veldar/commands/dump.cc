@@ -5,7 +5,6 @@
 //   tsv     what `veldar put` reads: numbers instead of names, no header line
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <cmath>
 
@@ -219,7 +218,7 @@ int dump_run_all(const tool_context& context, const dump_options& options) {
     dump_run run;
     run.options = &options;
     output_open(&run.out, "never");
-    slices_visit(options.path.empty() ? store_choose(context.store) : options.path, &run.trouble,
+    slices_visit(context.path_or_store(options.path), &run.trouble,
                  [&](const slice_set& set) { return dump_slices(&run, set); });
     output_flush(&run.out);
     return run.trouble.status;
@@ -227,19 +226,17 @@ int dump_run_all(const tool_context& context, const dump_options& options) {
 
 }  // namespace
 
-void add_dump_command(CLI::App* app, tool_context* context) {
+void add_dump_command(const command& veldar) {
     static dump_options options;
-    CLI::App* dump = app->add_subcommand("dump", "Print the events of slices with their terms");
-    dump->footer(
+    const command dump = veldar.subcommand("dump", "Print the events of slices with their terms");
+    dump.footer(
         "tsv is what 'veldar put' reads. Of metrics, each sample is a line: its value is the measure, and its name and "
         "labels\n"
         "are the terms; those of the oldest kinds come without terms.");
-    dump->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
-    dump->add_option("--format", options.format, "jsonl, csv or tsv")
-        ->check(CLI::IsMember({"jsonl", "csv", "tsv"}))
-        ->capture_default_str();
-    dump->add_flag("--deleted", options.deleted, "Deleted events too");
-    dump->callback([context] { context->status = dump_run_all(*context, options); });
+    dump.text("PATH", &options.path, "A store, an index directory or a slice (else the store)");
+    dump.text("--format", &options.format, "jsonl, csv or tsv").one_of({"jsonl", "csv", "tsv"}).with_default();
+    dump.flag("--deleted", &options.deleted, "Deleted events too");
+    dump.run([](const tool_context& context) { return dump_run_all(context, options); });
 }
 
 }  // namespace veldar::tool

@@ -1,5 +1,4 @@
 // veldar explain: how a query is understood, and what each slice does to answer it.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <climits>
@@ -11,7 +10,6 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
@@ -212,13 +210,12 @@ int explain_run(const tool_context& context, const explain_options& options) {
 
 }  // namespace
 
-void add_explain_command(CLI::App* app, tool_context* context) {
+void add_explain_command(const command& veldar) {
     static explain_options options;
-    CLI::App* explain = app->add_subcommand("explain", "Tell how a query is understood and what it costs");
+    const command explain = veldar.subcommand("explain", "Tell how a query is understood and what it costs");
     add_query_options(explain, &options.query);
-    explain->add_option("-n,--limit", options.limit, "As for search: the newest events only")
-        ->transform(whole_number(1, UINT64_MAX));
-    explain->callback([context] { context->status = explain_run(*context, options); });
+    explain.number("-n,--limit", &options.limit, 1, UINT64_MAX, "As for search: the newest events only");
+    explain.run([](const tool_context& context) { return explain_run(context, options); });
 }
 
 }  // namespace veldar::tool

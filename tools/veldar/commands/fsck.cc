@@ -1,7 +1,6 @@
 // veldar fsck: checks slices, and says what is wrong with them and where.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <new>
 #include <set>
@@ -10,7 +9,6 @@
 #include "tools/veldar/check/fsck_store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
 
@@ -141,7 +139,7 @@ void check_all(fsck_command* command) {
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
     fsck_command command;
     command.options = &options;
-    command.slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
+    command.slices = slices_list_all(context.path_or_store(options.path));
     output_open(&command.out, "never");
     check_all(&command);
     if (!options.quiet) {
@@ -156,18 +154,16 @@ int fsck_run_all(const tool_context& context, const fsck_options& options) {
 
 }  // namespace
 
-void add_fsck_command(CLI::App* app, tool_context* context) {
+void add_fsck_command(const command& veldar) {
     static fsck_options options;
-    CLI::App* fsck = app->add_subcommand("fsck", "Check slices for damage");
-    fsck->footer(
+    const command fsck = veldar.subcommand("fsck", "Check slices for damage");
+    fsck.footer(
         "Prints one line a fault: the file, the section, the byte, the term, and what is wrong.\n"
         "Exit status: 0 no faults, 4 faults, 5 something could not be read.");
-    fsck->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
-    fsck->add_flag("-q,--quiet", options.quiet, "Print nothing; the exit status tells");
-    fsck->add_option("--max", options.per_kind, "Faults of one kind to print for a slice")
-        ->transform(whole_number(1, 1u << 30))
-        ->capture_default_str();
-    fsck->callback([context] { context->status = fsck_run_all(*context, options); });
+    fsck.text("PATH", &options.path, "A store, an index directory or a slice (else the store)");
+    fsck.flag("-q,--quiet", &options.quiet, "Print nothing; the exit status tells");
+    fsck.number("--max", &options.per_kind, 1, 1u << 30, "Faults of one kind to print for a slice").with_default();
+    fsck.run([](const tool_context& context) { return fsck_run_all(context, options); });
 }
 
 }  // namespace veldar::tool

@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -41,7 +40,7 @@ void put_directory(text_output* out, const slice_directory& directory, int numbe
 }
 
 int health_run(const tool_context& context, const std::string& path) {
-    const slice_set slices = slices_list(path.empty() ? store_choose(context.store) : path);
+    const slice_set slices = slices_list(context.path_or_store(path));
     text_output out;
     output_open(&out, "never");
     troubles trouble;
@@ -63,14 +62,14 @@ int health_run(const tool_context& context, const std::string& path) {
 
 }  // namespace
 
-void add_health_command(CLI::App* app, tool_context* context) {
+void add_health_command(const command& veldar) {
     static std::string path;
-    CLI::App* health = app->add_subcommand("health", "Show how much the time ranges of slices overlap");
-    health->footer(
+    const command health = veldar.subcommand("health", "Show how much the time ranges of slices overlap");
+    health.footer(
         "0 is best: every time is in one slice. The line below it stands for the time from the earliest to the latest\n"
         "event, each column for one 128th of it: how many slices lie over it, + for more than 9.");
-    health->add_option("PATH", path, "A store or an index directory (else the store)");
-    health->callback([context] { context->status = health_run(*context, path); });
+    health.text("PATH", &path, "A store or an index directory (else the store)");
+    health.run([](const tool_context& context) { return health_run(context, path); });
 }
 
 }  // namespace veldar::tool

@@ -1,7 +1,6 @@
 // veldar info: what one slice is made of. On a damaged one it prints what can be told, and what is wrong.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -285,16 +284,13 @@ int info_run(const info_options& options) {
 
 }  // namespace
 
-void add_info_command(CLI::App* app, tool_context* context) {
+void add_info_command(const command& veldar) {
     static info_options options;
-    CLI::App* info = app->add_subcommand("info", "Show what one slice is made of");
-    info->footer(
-        "Exit status: 0, 4 when the slice is damaged (what can be told is printed), 5 when it cannot be read.");
-    info->add_option("PATH", options.path, "The slice")->required();
-    info->add_option("--format", options.format, "text or json")
-        ->check(CLI::IsMember({"text", "json"}))
-        ->capture_default_str();
-    info->callback([context] { context->status = info_run(options); });
+    const command info = veldar.subcommand("info", "Show what one slice is made of");
+    info.footer("Exit status: 0, 4 when the slice is damaged (what can be told is printed), 5 when it cannot be read.");
+    info.text("PATH", &options.path, "The slice").required();
+    info.text("--format", &options.format, "text or json").one_of({"text", "json"}).with_default();
+    info.run([](const tool_context&) { return info_run(options); });
 }
 
 }  // namespace veldar::tool

@@ -1,5 +1,4 @@
 // veldar load: the command line, the order of the files, and the summary.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "tools/veldar/commands/command.h"
@@ -7,7 +6,6 @@
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
 
@@ -54,28 +52,27 @@ int load_run(const tool_context& context, const load_options& options) {
 
 }  // namespace
 
-void add_load_command(CLI::App* app, tool_context* context) {
+void add_load_command(const command& veldar) {
     static load_options options;
-    CLI::App* load = app->add_subcommand("load", "Index log files; what was loaded before is not loaded again");
-    load->add_option("FILE", options.files, "Logs, plain or gzip; - for standard input")->required();
-    load->add_option("--format", options.format, "Take the lines for this format: " + format_names())
-        ->check([](const std::string& name) {
+    const command load = veldar.subcommand("load", "Index log files; what was loaded before is not loaded again");
+    load.text("FILE", &options.files, "Logs, plain or gzip; - for standard input").required();
+    load.text("--format", &options.format, "Take the lines for this format: " + format_names())
+        .checked([](const std::string& name) {
             return format_by_name(name) != nullptr ? std::string() : "unknown format " + name;
         });
-    load->add_option("--tz", options.zone, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...")
-        ->check([](const std::string& name) {
+    load.text("--tz", &options.zone, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...")
+        .checked([](const std::string& name) {
             log_zone zone;
             return log_zone_from_name(name, &zone) ? std::string() : "unknown time zone " + name;
         });
-    load->add_option("--year", options.year, "Year of the first line, for times without a year")
-        ->transform(whole_number(1970, 2037));
-    load->add_option("--host", options.host, "The events' host, instead of the log's or this machine's");
-    load->add_option("--sourcetype", options.sourcetype, "The events' sourcetype, instead of the format's name");
-    load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
-    load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
-    load->add_option("--bucket-bytes", options.bucket_bytes)->group("")->transform(whole_number(1, BUCKET_BYTES_MAX));
-    load->add_option("--max-values", options.limits.max_values)->group("")->transform(whole_number(1, 1u << 28));
-    load->callback([context] { context->status = load_run(*context, options); });
+    load.number("--year", &options.year, 1970, 2037, "Year of the first line, for times without a year");
+    load.text("--host", &options.host, "The events' host, instead of the log's or this machine's");
+    load.text("--sourcetype", &options.sourcetype, "The events' sourcetype, instead of the format's name");
+    load.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away stores");
+    load.flag("--no-optimize", &options.no_optimize, "Do not merge slices in the end, even if there are many");
+    load.number("--bucket-bytes", &options.bucket_bytes, 1, BUCKET_BYTES_MAX, "").hidden();
+    load.number("--max-values", &options.limits.max_values, 1, 1u << 28, "").hidden();
+    load.run([](const tool_context& context) { return load_run(context, options); });
 }
 
 }  // namespace veldar::tool

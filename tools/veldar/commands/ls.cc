@@ -1,7 +1,6 @@
 // veldar ls: the slices of a store, an index directory or a single file, or the directories with what is in them.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <bit>
 #include <climits>
@@ -161,7 +160,7 @@ void put_jsonl(text_output* out, const std::vector<ls_row>& rows, bool buckets) 
 }
 
 int ls_run(const tool_context& context, const ls_options& options) {
-    const slice_set slices = slices_list_all(options.path.empty() ? store_choose(context.store) : options.path);
+    const slice_set slices = slices_list_all(context.path_or_store(options.path));
     troubles trouble;
     slices_tell_errors(slices, &trouble);
     const std::vector<ls_row> rows = read_rows(slices, options.buckets, &trouble);
@@ -178,15 +177,13 @@ int ls_run(const tool_context& context, const ls_options& options) {
 
 }  // namespace
 
-void add_ls_command(CLI::App* app, tool_context* context) {
+void add_ls_command(const command& veldar) {
     static ls_options options;
-    CLI::App* ls = app->add_subcommand("ls", "List slices, or the directories that hold them");
-    ls->add_option("PATH", options.path, "A store, an index directory or a slice (else the store)");
-    ls->add_flag("-b,--buckets", options.buckets, "One line a directory instead of one a slice");
-    ls->add_option("--format", options.format, "table or jsonl")
-        ->check(CLI::IsMember({"table", "jsonl"}))
-        ->capture_default_str();
-    ls->callback([context] { context->status = ls_run(*context, options); });
+    const command ls = veldar.subcommand("ls", "List slices, or the directories that hold them");
+    ls.text("PATH", &options.path, "A store, an index directory or a slice (else the store)");
+    ls.flag("-b,--buckets", &options.buckets, "One line a directory instead of one a slice");
+    ls.text("--format", &options.format, "table or jsonl").one_of({"table", "jsonl"}).with_default();
+    ls.run([](const tool_context& context) { return ls_run(context, options); });
 }
 
 }  // namespace veldar::tool

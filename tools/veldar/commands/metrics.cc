@@ -1,8 +1,6 @@
 // veldar metrics: the group of commands, and which directory they work on.
 #include "tools/veldar/commands/metrics.h"
 
-#include <CLI/CLI.hpp>
-
 #include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
@@ -13,16 +11,16 @@ std::string metrics_directory(const tool_context& context, const std::string& di
     return context.store.empty() || store_is(store) ? store + "/" + STORE_METRICS : store;
 }
 
-void add_metrics_command(CLI::App* app, tool_context* context) {
+void add_metrics_command(const command& veldar) {
     static std::string directory;
-    CLI::App* metrics = app->add_subcommand("metrics", "Load metrics, and ask for them");
-    metrics->require_subcommand(1);
-    metrics->add_option("--dir", directory, "The metric directory, instead of the one in the store");
-    add_metrics_load_command(metrics, context, &directory);
-    add_metrics_ls_command(metrics, context, &directory);
-    add_metrics_query_command(metrics, context, &directory);
-    add_metrics_cardinality_command(metrics, context, &directory);
-    add_metrics_dump_command(metrics, context, &directory);
+    const command metrics = veldar.subcommand("metrics", "Load metrics, and ask for them");
+    metrics.group();
+    metrics.text("--dir", &directory, "The metric directory, instead of the one in the store");
+    add_metrics_load_command(metrics, &directory);
+    add_metrics_ls_command(metrics, &directory);
+    add_metrics_query_command(metrics, &directory);
+    add_metrics_cardinality_command(metrics, &directory);
+    add_metrics_dump_command(metrics, &directory);
 }
 
 }  // namespace veldar::tool

@@ -1,12 +1,10 @@
 // veldar metrics load: the command line, the order of the files, and the summary.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/metric_loader.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
 
@@ -72,39 +70,38 @@ std::string check_label(const std::string& label) {
 
 }  // namespace
 
-void add_metrics_load_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+void add_metrics_load_command(const command& metrics, const std::string* directory) {
     static metric_load_options options;
     static std::string separator = ",";
-    CLI::App* load = metrics->add_subcommand("load", "Index metrics; what was loaded before is not loaded again");
-    load->footer(
+    const command load = metrics.subcommand("load", "Index metrics; what was loaded before is not loaded again");
+    load.footer(
         "OpenMetrics and the Prometheus text format are read as they are. A time of 1e11 and more is in milliseconds,\n"
         "unless --format says openmetrics (seconds) or prometheus (milliseconds).\n"
         "CSV needs a header line; without --time the column named time, timestamp, date ... holds the times, without\n"
         "--value the column \"value\" holds the values, of a metric named after the file.");
-    load->add_option("FILE", options.files, "Files, plain or gzip; - for standard input")->required();
-    load->add_option("--format", options.format, "openmetrics, prometheus or csv, instead of what the file looks like")
-        ->check(CLI::IsMember({"openmetrics", "prometheus", "csv"}));
-    load->add_option("--time", options.time,
-                     "CSV: the column of the times; else the time of samples without one (now)");
-    load->add_option("--value", options.csv.values, "CSV: the columns of values")->delimiter(',');
-    load->add_option("--dims", options.csv.dims, "CSV: the columns that are labels")->delimiter(',');
-    load->add_option("--name", options.csv.name,
-                     "CSV: the metric; with several values what stands before their columns' names");
-    load->add_option("--separator", separator, "CSV: the character between fields; tab for a tab")
-        ->check([](const std::string& text) {
+    load.text("FILE", &options.files, "Files, plain or gzip; - for standard input").required();
+    load.text("--format", &options.format, "openmetrics, prometheus or csv, instead of what the file looks like")
+        .one_of({"openmetrics", "prometheus", "csv"});
+    load.text("--time", &options.time, "CSV: the column of the times; else the time of samples without one (now)");
+    load.text("--value", &options.csv.values, "CSV: the columns of values").comma_separated();
+    load.text("--dims", &options.csv.dims, "CSV: the columns that are labels").comma_separated();
+    load.text("--name", &options.csv.name,
+              "CSV: the metric; with several values what stands before their columns' names");
+    load.text("--separator", &separator, "CSV: the character between fields; tab for a tab")
+        .checked([](const std::string& text) {
             return text.size() == 1 || text == "tab" ? std::string() : "expected one character";
         });
-    load->add_option("--label", options.labels, "NAME=VALUE for every sample without a label of that name")
-        ->check(check_label);
-    load->add_option("--tz", options.zone_name, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...");
-    load->add_flag("--strict", options.strict, "End at the first malformed line instead of counting them");
-    load->add_flag("--again", options.again, "Load what was loaded before once more");
-    load->add_flag("--no-optimize", options.no_optimize, "Do not merge slices in the end, even if there are many");
-    load->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away stores");
-    load->add_option("--batch", options.batch_samples)->group("")->transform(whole_number(1, 1u << 24));
-    load->callback([context, directory] {
+    load.text("--label", &options.labels, "NAME=VALUE for every sample without a label of that name")
+        .checked(check_label);
+    load.text("--tz", &options.zone_name, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...");
+    load.flag("--strict", &options.strict, "End at the first malformed line instead of counting them");
+    load.flag("--again", &options.again, "Load what was loaded before once more");
+    load.flag("--no-optimize", &options.no_optimize, "Do not merge slices in the end, even if there are many");
+    load.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away stores");
+    load.number("--batch", &options.batch_samples, 1, 1u << 24, "").hidden();
+    load.run([directory](const tool_context& context) {
         options.csv.separator = separator == "tab" ? '\t' : separator[0];
-        context->status = load_run(*context, *directory, &options);
+        return load_run(context, *directory, &options);
     });
 }
 

@@ -1,7 +1,6 @@
 // veldar metrics ls and cardinality: what is there, and how many sets of labels it takes.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include "tools/veldar/commands/metrics.h"
@@ -116,29 +115,27 @@ int cardinality_run(const tool_context& context, const std::string& directory, c
     return answer_status(found, trouble);
 }
 
-void add_format_option(CLI::App* command, list_options* options) {
-    command->add_option("--format", options->format, "table or jsonl")
-        ->check(CLI::IsMember({"table", "jsonl"}))
-        ->capture_default_str();
+void add_format_option(const command& to, list_options* options) {
+    to.text("--format", &options->format, "table or jsonl").one_of({"table", "jsonl"}).with_default();
 }
 
 }  // namespace
 
-void add_metrics_ls_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+void add_metrics_ls_command(const command& metrics, const std::string* directory) {
     static list_options options;
-    CLI::App* ls = metrics->add_subcommand("ls", "List metrics with their points, sets of labels and times");
-    ls->add_option("NAME", options.pattern, "Only these names; * stands for any characters");
+    const command ls = metrics.subcommand("ls", "List metrics with their points, sets of labels and times");
+    ls.text("NAME", &options.pattern, "Only these names; * stands for any characters");
     add_format_option(ls, &options);
-    ls->callback([context, directory] { context->status = ls_run(*context, *directory, options); });
+    ls.run([directory](const tool_context& context) { return ls_run(context, *directory, options); });
 }
 
-void add_metrics_cardinality_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+void add_metrics_cardinality_command(const command& metrics, const std::string* directory) {
     static list_options options;
-    CLI::App* cardinality = metrics->add_subcommand("cardinality", "Count values and sets of labels");
-    cardinality->footer("A set is a combination of labels; a series is one metric of one set.");
-    cardinality->add_option("LABEL", options.pattern, "Its values instead, those of the most sets first");
+    const command cardinality = metrics.subcommand("cardinality", "Count values and sets of labels");
+    cardinality.footer("A set is a combination of labels; a series is one metric of one set.");
+    cardinality.text("LABEL", &options.pattern, "Its values instead, those of the most sets first");
     add_format_option(cardinality, &options);
-    cardinality->callback([context, directory] { context->status = cardinality_run(*context, *directory, options); });
+    cardinality.run([directory](const tool_context& context) { return cardinality_run(context, *directory, options); });
 }
 
 }  // namespace veldar::tool

@@ -1,7 +1,6 @@
 // veldar metrics query and dump: the samples themselves.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <bit>
 #include <tuple>
@@ -11,7 +10,6 @@
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/metric_catalog.h"
 #include "tools/veldar/query/metric_points.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
 
 namespace veldar::tool {
@@ -234,36 +232,29 @@ int dump_run(const tool_context& context, const std::string& given, const points
     return EXIT_DONE;
 }
 
-void add_bounds_options(CLI::App* command, points_options* options) {
-    command->add_option("--since", options->since, "Only from this time on: 2015-05-17T10:05, 10:05, -2h, ...");
-    command->add_option("--until", options->until, "Only before this time");
-    command->add_option("--tz", options->zone, "Zone of the two times: UTC, local, +02:00, Europe/Berlin ...");
-}
-
 }  // namespace
 
-void add_metrics_query_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+void add_metrics_query_command(const command& metrics, const std::string* directory) {
     static points_options options;
-    CLI::App* query = metrics->add_subcommand("query", "Print the samples of metrics, newest first");
-    query->footer("In names and values * stands for any characters; host=* asks for samples that have the label.");
-    query->add_option("NAME", options.names, "Metrics")->required();
-    query->add_option("-w,--where", options.where, "LABEL=VALUE or LABEL!=VALUE; all must hold")->type_size(1);
-    add_bounds_options(query, &options);
-    query->add_option("-n,--limit", options.limit, "At most this many samples, the newest ones")
-        ->transform(whole_number(1, UINT64_MAX));
-    query->add_flag("-r,--reverse", options.oldest_first, "Print the oldest of them first");
-    query->add_option("--format", options.format, "text, csv, jsonl or openmetrics")
-        ->check(CLI::IsMember({"text", "csv", "jsonl", "openmetrics"}))
-        ->capture_default_str();
-    query->callback([context, directory] { context->status = query_run(*context, *directory, options); });
+    const command query = metrics.subcommand("query", "Print the samples of metrics, newest first");
+    query.footer("In names and values * stands for any characters; host=* asks for samples that have the label.");
+    query.text("NAME", &options.names, "Metrics").required();
+    query.text("-w,--where", &options.where, "LABEL=VALUE or LABEL!=VALUE; all must hold").one_each();
+    add_bounds_options(query, "", &options.since, &options.until, &options.zone);
+    query.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many samples, the newest ones");
+    query.flag("-r,--reverse", &options.oldest_first, "Print the oldest of them first");
+    query.text("--format", &options.format, "text, csv, jsonl or openmetrics")
+        .one_of({"text", "csv", "jsonl", "openmetrics"})
+        .with_default();
+    query.run([directory](const tool_context& context) { return query_run(context, *directory, options); });
 }
 
-void add_metrics_dump_command(CLI::App* metrics, tool_context* context, const std::string* directory) {
+void add_metrics_dump_command(const command& metrics, const std::string* directory) {
     static points_options options;
-    CLI::App* dump = metrics->add_subcommand("dump", "Print all samples as OpenMetrics, which 'metrics load' reads");
-    dump->add_option("NAME", options.names, "Only these metrics; * stands for any characters");
-    add_bounds_options(dump, &options);
-    dump->callback([context, directory] { context->status = dump_run(*context, *directory, options); });
+    const command dump = metrics.subcommand("dump", "Print all samples as OpenMetrics, which 'metrics load' reads");
+    dump.text("NAME", &options.names, "Only these metrics; * stands for any characters");
+    add_bounds_options(dump, "", &options.since, &options.until, &options.zone);
+    dump.run([directory](const tool_context& context) { return dump_run(context, *directory, options); });
 }
 
 }  // namespace veldar::tool

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -12,7 +11,6 @@
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
@@ -91,39 +89,29 @@ int merge(const std::vector<std::string>& directories, const merge_settings& mer
 }
 
 int optimize_run(const tool_context& context, const optimize_options& options) {
-    const std::vector<std::string> directories =
-        directories_of(options.path.empty() ? store_choose(context.store) : options.path);
+    const std::vector<std::string> directories = directories_of(context.path_or_store(options.path));
     return options.dry_run ? show_plans(directories, options.merging) : merge(directories, options.merging);
 }
 
 }  // namespace
 
-void add_optimize_command(CLI::App* app, tool_context* context) {
+void add_optimize_command(const command& veldar) {
     static optimize_options options;
-    CLI::App* optimize = app->add_subcommand("optimize", "Merge slices, so that there are fewer");
-    optimize->footer(
+    const command optimize = veldar.subcommand("optimize", "Merge slices, so that there are fewer");
+    optimize.footer(
         "Eight slices of about the same size become one, as often as that can be done: each event is copied once for\n"
         "every fourfold growth. --final merges two already, --all whatever fits the target size. Searching, loading "
         "and\n"
         "deleting go on meanwhile, and a merge that is cut off loses nothing.\n"
         "Exit status: 0, 3 when a directory could not be merged, 5 for want of disk space or memory.");
-    optimize->add_option("PATH", options.path, "A store or an index directory (else the store)");
-    optimize->add_flag("--dry-run", options.dry_run, "Only print what would be merged next");
-    optimize->add_flag("--final", options.merging.is_final, "Nothing more will be loaded: merge two slices of a size");
-    optimize->add_flag("--all", options.merging.everything, "Merge slices of any size up to the target size");
-    optimize
-        ->add_option("--target-size", options.merging.target_size,
-                     "Size up to which slices are merged, as 500MB or 2GB (default 1500 MiB)")
-        ->transform(CLI::AsSizeValue(false))
-        ->transform(CLI::Validator(
-            [](std::string& size) {  // comes first
-                const bool number = size[0] >= '1' && size[0] <= '9' && size.size() < 20;
-                return number ? std::string() : "'" + size + "' is no size such as 500MB";
-            },
-            ""));
-    optimize->add_option("--jobs", options.merging.jobs, "How many directories are merged at a time (default 1)")
-        ->transform(whole_number(1, 256));
-    optimize->callback([context] { context->status = optimize_run(*context, options); });
+    optimize.text("PATH", &options.path, "A store or an index directory (else the store)");
+    optimize.flag("--dry-run", &options.dry_run, "Only print what would be merged next");
+    optimize.flag("--final", &options.merging.is_final, "Nothing more will be loaded: merge two slices of a size");
+    optimize.flag("--all", &options.merging.everything, "Merge slices of any size up to the target size");
+    optimize.size("--target-size", &options.merging.target_size,
+                  "Size up to which slices are merged, as 500MB or 2GB (default 1500 MiB)");
+    optimize.number("--jobs", &options.merging.jobs, 1, 256, "How many directories are merged at a time (default 1)");
+    optimize.run([](const tool_context& context) { return optimize_run(context, options); });
 }
 
 }  // namespace veldar::tool

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -17,7 +16,6 @@
 #include "tools/veldar/load/index_writer.h"
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/load/put_line.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar::tool {
@@ -143,28 +141,24 @@ int put_run_all(const put_options& options) {
 
 }  // namespace
 
-void add_put_command(CLI::App* app, tool_context* context) {
+void add_put_command(const command& veldar) {
     static put_options options;
-    CLI::App* put = app->add_subcommand("put", "Put tokenised events into an index directory");
-    put->footer(
+    const command put = veldar.subcommand("put", "Put tokenised events into an index directory");
+    put.footer(
         "One event a line, separated by tabs:\n  time[.fraction] address source sourcetype host measure terms\n"
         "The terms are separated by blanks; %20, %25 and so on stand for a byte.");
-    put->add_option("DIR", options.directory, "The index directory; made when it does not exist")->required();
-    put->add_option("FILE", options.input, "The events; - for standard input")->capture_default_str();
-    put->add_option("--level", options.level, "Write level, which selects the kind of slice")
-        ->transform(whole_number(1, 4))
-        ->capture_default_str();
-    put->add_flag("--streaming", options.streaming, "The events come in the order of their times");
-    put->add_flag("--skip-bad", options.skip_bad, "Count malformed lines instead of ending at the first");
-    put->add_flag("--no-fsync", options.no_fsync, "Leave out every fsync, for throw-away indexes");
+    put.text("DIR", &options.directory, "The index directory; made when it does not exist").required();
+    put.text("FILE", &options.input, "The events; - for standard input").with_default();
+    put.number("--level", &options.level, 1, 4, "Write level, which selects the kind of slice").with_default();
+    put.flag("--streaming", &options.streaming, "The events come in the order of their times");
+    put.flag("--skip-bad", &options.skip_bad, "Count malformed lines instead of ending at the first");
+    put.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away indexes");
     index_limits* const limits = &options.limits;
-    const auto limit = [](uint64_t max) { return whole_number(1024, max); };
-    put->add_option("--max-terms", limits->max_terms, "Distinct terms in memory")->transform(limit(1u << 26));
-    put->add_option("--max-postings", limits->max_postings, "Term and event pairs in memory")
-        ->transform(limit(1u << 28));
-    put->add_option("--max-values", limits->max_values, "Events in memory")->transform(limit(1u << 28));
-    put->add_option("--lexicon-bytes", limits->lexicon_bytes, "Bytes of terms in memory")->transform(limit(1u << 30));
-    put->callback([context] { context->status = put_run_all(options); });
+    put.number("--max-terms", &limits->max_terms, 1024, 1u << 26, "Distinct terms in memory");
+    put.number("--max-postings", &limits->max_postings, 1024, 1u << 28, "Term and event pairs in memory");
+    put.number("--max-values", &limits->max_values, 1024, 1u << 28, "Events in memory");
+    put.number("--lexicon-bytes", &limits->lexicon_bytes, 1024, 1u << 30, "Bytes of terms in memory");
+    put.run([](const tool_context&) { return put_run_all(options); });
 }
 
 }  // namespace veldar::tool

@@ -1,5 +1,4 @@
 // veldar search: prints the events that a query finds.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 
@@ -7,7 +6,6 @@
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/event_source.h"
 #include "tools/veldar/query/event_stream.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
@@ -81,22 +79,20 @@ int search_run(const tool_context& context, const search_options& options) {
 
 }  // namespace
 
-void add_search_command(CLI::App* app, tool_context* context) {
+void add_search_command(const command& veldar) {
     static search_options options;
-    CLI::App* search = app->add_subcommand("search", "Print the events that a query finds, newest first");
+    const command search = veldar.subcommand("search", "Print the events that a query finds, newest first");
     add_query_options(search, &options.query);
-    search->add_option("-n,--limit", options.limit, "At most this many events, the newest ones")
-        ->transform(whole_number(1, UINT64_MAX));
-    search->add_flag("-r,--reverse", options.oldest_first, "Print the oldest of them first");
-    search->add_option("-A,--after-context", options.after, "Print this many lines of the log behind each event")
-        ->transform(whole_number(0, UINT32_MAX));
-    search->add_option("-B,--before-context", options.before, "Print this many lines before each event")
-        ->transform(whole_number(0, UINT32_MAX));
-    search->add_option("-C,--context", options.around, "Both")->transform(whole_number(0, UINT32_MAX));
-    search->add_option("--format", options.format, "raw, table, jsonl, csv, tsv or addr")
-        ->check(CLI::IsMember({"raw", "table", "jsonl", "csv", "tsv", "addr"}));
-    add_color_option(search, &options.color);
-    search->callback([context] { context->status = search_run(*context, options); });
+    search.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many events, the newest ones");
+    search.flag("-r,--reverse", &options.oldest_first, "Print the oldest of them first");
+    search.number("-A,--after-context", &options.after, 0, UINT32_MAX,
+                  "Print this many lines of the log behind each event");
+    search.number("-B,--before-context", &options.before, 0, UINT32_MAX, "Print this many lines before each event");
+    search.number("-C,--context", &options.around, 0, UINT32_MAX, "Both");
+    search.text("--format", &options.format, "raw, table, jsonl, csv, tsv or addr")
+        .one_of({"raw", "table", "jsonl", "csv", "tsv", "addr"});
+    search.text("--color", &options.color, "auto, always or never").one_of({"auto", "always", "never"});
+    search.run([](const tool_context& context) { return search_run(context, options); });
 }
 
 }  // namespace veldar::tool

@@ -1,6 +1,5 @@
 #include "tools/veldar/commands/suggestion.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <numeric>
 #include <vector>
@@ -26,8 +25,9 @@ size_t distance(const std::string& a, const std::string& b) {
     return above[b.size()];
 }
 
-// The nearest name, when it is near enough; empty otherwise.
-std::string nearest(const std::string& word, const std::vector<std::string>& names) {
+}  // namespace
+
+std::string nearest_name(const std::string& word, const std::vector<std::string>& names) {
     std::string best;
     size_t least = std::min<size_t>(3, word.size() / 3 + 1) + 1;
     for (const std::string& name : names) {
@@ -38,43 +38,6 @@ std::string nearest(const std::string& word, const std::vector<std::string>& nam
         }
     }
     return best;
-}
-
-// The command that the arguments reached, of a group the innermost.
-const CLI::App& reached(const CLI::App& app) {
-    const std::vector<CLI::App*> parsed = app.get_subcommands();
-    return parsed.empty() ? app : reached(*parsed.back());
-}
-
-std::vector<std::string> command_names(const CLI::App& app) {
-    std::vector<std::string> names = {"--help", "--version"};  // as commands elsewhere
-    for (const CLI::App* one : app.get_subcommands([](const CLI::App*) { return true; })) {
-        names.push_back(one->get_name());
-    }
-    return names;
-}
-
-std::vector<std::string> option_names(const CLI::App* app) {
-    std::vector<std::string> names;
-    for (; app != nullptr; app = app->get_parent()) {
-        for (const CLI::Option* option : app->get_options()) {
-            for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
-        }
-    }
-    return names;
-}
-
-}  // namespace
-
-std::string suggest_meant(const CLI::App& app) {
-    const std::vector<std::string> left = app.remaining(true);
-    if (left.empty()) return {};
-    const CLI::App& command = reached(app);
-    const bool is_option = left.front().starts_with("--");
-    const std::string word = left.front().substr(0, left.front().find(is_option ? "=" : "\n"));
-    const std::string meant = nearest(word, is_option ? option_names(&command) : command_names(command));
-    if (meant.empty()) return {};
-    return "'" + word + "' is no " + (is_option ? "option" : "command") + "; did you mean '" + meant + "'?\n";
 }
 
 }  // namespace veldar::tool

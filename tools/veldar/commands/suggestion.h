@@ -2,15 +2,11 @@
 #pragma once
 
 #include <string>
-
-namespace CLI {
-class App;
-}
+#include <vector>
 
 namespace veldar::tool {
 
-// A line such as "'serch' is no command; did you mean 'search'?\n" for the first argument that a failed parse left
-// over, empty when there is none or nothing resembles it.
-std::string suggest_meant(const CLI::App& app);
+// The name that resembles the word most; empty when none is near enough.
+std::string nearest_name(const std::string& word, const std::vector<std::string>& names);
 
 }  // namespace veldar::tool

@@ -1,14 +1,12 @@
 // veldar terms, fields and seen: what the lexicons and the metadata of the slices tell without reading an event.
 #include "tools/veldar/formats/terms.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <vector>
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/query/term_walk.h"
 #include "tools/veldar/store/store.h"
@@ -157,28 +155,28 @@ int seen_run(const tool_context& context, const std::string& text) {
 
 }  // namespace
 
-void add_terms_command(CLI::App* app, tool_context* context) {
+void add_terms_command(const command& veldar) {
     static terms_options options;
-    CLI::App* terms = app->add_subcommand("terms", "List terms with the number of events that hold them");
-    terms->add_option("PATTERN", options.pattern, "word, wo*, field=value, field=*; every term without it");
-    terms->add_option("--sort", options.sort, "By count (the greatest first) or by term")
-        ->check(CLI::IsMember({"count", "term"}))
-        ->capture_default_str();
-    terms->add_option("-n,--limit", options.limit, "At most this many")->transform(whole_number(1, UINT64_MAX));
-    terms->callback([context] { context->status = terms_run(*context, options); });
+    const command terms = veldar.subcommand("terms", "List terms with the number of events that hold them");
+    terms.text("PATTERN", &options.pattern, "word, wo*, field=value, field=*; every term without it");
+    terms.text("--sort", &options.sort, "By count (the greatest first) or by term")
+        .one_of({"count", "term"})
+        .with_default();
+    terms.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many");
+    terms.run([](const tool_context& context) { return terms_run(context, options); });
 }
 
-void add_fields_command(CLI::App* app, tool_context* context) {
-    CLI::App* fields = app->add_subcommand("fields", "List the fields with their numbers of events and of values");
-    fields->footer("An event that holds several values of a field counts once for each.");
-    fields->callback([context] { context->status = fields_run(*context); });
+void add_fields_command(const command& veldar) {
+    const command fields = veldar.subcommand("fields", "List the fields with their numbers of events and of values");
+    fields.footer("An event that holds several values of a field counts once for each.");
+    fields.run([](const tool_context& context) { return fields_run(context); });
 }
 
-void add_seen_command(CLI::App* app, tool_context* context) {
+void add_seen_command(const command& veldar) {
     static std::string term;
-    CLI::App* seen = app->add_subcommand("seen", "Tell when a term was first and last seen, and how often");
-    seen->add_option("TERM", term, "A word or field=value")->required();
-    seen->callback([context] { context->status = seen_run(*context, term); });
+    const command seen = veldar.subcommand("seen", "Tell when a term was first and last seen, and how often");
+    seen.text("TERM", &term, "A word or field=value").required();
+    seen.run([](const tool_context& context) { return seen_run(context, term); });
 }
 
 }  // namespace veldar::tool

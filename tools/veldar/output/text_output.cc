@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -60,10 +59,6 @@ void output_flush(text_output* out) {
         }
     }
     out->bytes.clear();
-}
-
-void add_color_option(CLI::App* command, std::string* when) {
-    command->add_option("--color", *when, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
 }
 
 }  // namespace veldar::tool

@@ -9,10 +9,6 @@
 #include "tools/veldar/store/troubles.h"
 #include "tools/veldar/store/visible_text.h"
 
-namespace CLI {
-class App;
-}
-
 namespace veldar::tool {
 
 struct text_output {
@@ -36,8 +32,5 @@ void output_put_commands(text_output* out, std::string_view text);
 // when standard output cannot be written.
 void output_end_record(text_output* out);
 void output_flush(text_output* out);
-
-// Adds --color.
-void add_color_option(CLI::App* command, std::string* when);
 
 }  // namespace veldar::tool

@@ -1,6 +1,5 @@
 #include "tools/veldar/query/query_input.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <climits>
@@ -108,14 +107,6 @@ void query_protect_words(std::vector<std::string>* arguments) {
             one->insert(0, 1, ' ');
         }
     }
-}
-
-void add_query_options(CLI::App* command, query_options* options) {
-    command->add_option("QUERY", options->words, "Words, field=value, \"phrases\", *, OR, NOT, ( )")->required();
-    command->add_option("--since", options->since, "Only events from this time on: 2015-05-17T10:05, 10:05, -2h, ...");
-    command->add_option("--until", options->until, "Only events before this time");
-    command->add_option("--tz", options->zone, "Zone of the two times: UTC, local, +02:00, Europe/Berlin ...");
-    command->add_flag("--native", options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
 }
 
 void query_set_bounds(const std::string& since, const std::string& until, const std::string& zone,

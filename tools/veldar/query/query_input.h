@@ -7,10 +7,6 @@
 #include "searchthing/search/query.h"
 #include "tools/veldar/query/query_language.h"
 
-namespace CLI {
-class App;
-}
-
 namespace veldar::tool {
 
 struct query_options {
@@ -22,8 +18,6 @@ struct query_options {
 // Makes the arguments behind a subcommand that takes a query safe to parse: one such as "-root" or "-(a OR b)" is a
 // part of the query and no option, and "[AND a]" is no list of values. A blank before it tells.
 void query_protect_words(std::vector<std::string>* arguments);
-// Adds the positional QUERY, --since, --until, --tz and --native.
-void add_query_options(CLI::App* command, query_options* options);
 
 // Sets the bounds that --since, --until and --tz give; an empty text is no bound. Throws tool_failure with EXIT_USAGE.
 void query_set_bounds(const std::string& since, const std::string& until, const std::string& zone,
