@@ -4,7 +4,7 @@
 #include <string>
 
 #include "fuzz/slice_walk.h"
-#include "searchthing/search/search_frames.h"
+#include "searchthing/search/query.h"
 
 using namespace veldar;
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "searchthing/search/search_frames.h"
+#include "searchthing/search/query.h"
 #include "tools/veldar/output/highlight.h"
 #include "tools/veldar/query/query_language.h"
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "searchthing/search/search_frames.h"
+#include "searchthing/search/query.h"
 
 namespace veldar {
 

@@ -6,8 +6,8 @@
 #include "libzero/assertions.h"
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cstore.h"
-#include "searchthing/search/search_runs.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/search/search_runs.h"
 #include "searchthing/search/warmslice_search.h"
 
 namespace veldar {
@@ -96,7 +96,7 @@ class metric_walk {
     explicit metric_walk(WARM* warm) : warm_(warm) {}
 
     // 0 or a status; may throw std::bad_alloc, as may `run`.
-    int open(const st_query_spec* query, warm_rc_t* rc) {
+    int open(const parsed_query_t& query, warm_rc_t* rc) {
         ST_TRY(warm_slice_merge_runs(warm_, query, &merge_, rc));
         std::vector<uint32_t> dimension_ids, measure_ids;
         ST_TRY(read_sets(&dimension_ids, &measure_ids, rc));
@@ -229,11 +229,11 @@ int need_columns(const WARM* warm, warm_rc_t* rc) {
 }
 
 template <typename Visit>
-int walk_slice(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t* rc) {
+int walk_slice(WARM* warm, const parsed_query_t& query, Visit visit, warm_rc_t* rc) {
     ST_TRY(need_columns(warm, rc));
     metric_walk walk(warm);
     ST_TRY(walk.open(query, rc));
-    return walk.run(query->cumspan, visit, rc);
+    return walk.run(query.spec.cumspan, visit, rc);
 }
 
 }  // namespace
@@ -245,8 +245,8 @@ int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, t
     all.lispy = "[AND]";
     if (query == nullptr) query = &all;
     return tsidx_apply_matches(tsidx, query, fn, context,
-                               [](WARM* warm, const st_query_spec* spec, const auto& call, warm_rc_t* rc) {
-                                   return walk_slice(warm, spec, call, rc);
+                               [](WARM* warm, const parsed_query_t& parsed, const auto& call, warm_rc_t* rc) {
+                                   return walk_slice(warm, parsed, call, rc);
                                });
 }
 

@@ -6,8 +6,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
-#include "searchthing/search/search_frames.h"
-#include "searchthing/search/search_runs.h"
+#include "searchthing/search/slice_events.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_values.h"
@@ -182,42 +181,20 @@ int get_in_slice(WARM* warm, const char* term, st_time_t earliest, st_time_t lat
     return static_cast<int>(count);
 }
 
-// Whether a query that matches an event answers with it.
-bool is_answer(const st_query_spec* query, const st_tsval& event) {
-    if (event.s == ST_DELETED_SOURCE) return false;
-    return query->cumspan == 0 || static_cast<uint32_t>(event.time) % query->cumspan == 0;
-}
-
-template <typename Visit>
-int visit_unordered(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t* rc) {
-    run_merge_t merge;
-    ST_TRY(warm_slice_merge_runs(warm, query, &merge, rc));
-    uint32_t id = 0, run = 0;
-    while (run_merge_peek(&merge, &id, &run)) {
-        st_tsval event;
-        ST_TRY(tsval_reader_decode(&warm->tsval_reader, id, &event, false, 0, rc));
-        if (is_answer(query, event) && !visit(event)) return 0;
-        ST_TRY(run_merge_pass(&merge, rc));
-    }
-    return 0;
-}
-
 // Hands the matching events of one slice to `visit`, newest first, until it returns false. 0 or a status.
 template <typename Visit>
-int visit_matches(WARM* warm, const st_query_spec* query, Visit visit, warm_rc_t* rc) {
-    if (st_warm_slice_is_msidx_with_dimsets(warm->body)) return visit_unordered(warm, query, visit, rc);
-    bitmap_and_bounds_t found;
-    uint64_t count = 0;
-    ST_TRY(query_to_bitmap_and_bounds(warm, query, &found, &count, rc));
-    const uint32_t begin = found.begin;
-    for (uint32_t bit = 0; count != 0 && bit < found.end - begin; bit++) {
-        const uint8_t byte = found.bm[bit / 8];
-        if (byte == 0) bit |= 7;
-        if ((byte >> (bit % 8) & 1) == 0) continue;
-        count--;
-        st_tsval event;
-        ST_TRY(tsval_reader_decode(&warm->tsval_reader, begin + bit, &event, false, 0, rc));
-        if (is_answer(query, event) && !visit(event)) return 0;
+int visit_matches(WARM* warm, const parsed_query_t& query, Visit visit, warm_rc_t* rc) {
+    constexpr uint32_t BATCH = 1024;
+    const event_walk_ptr walk = event_walk_open(warm, query, query.spec.latest, UINT64_MAX, true);
+    buffer<st_tsval> events;
+    if (walk == nullptr || !events.alloc(BATCH)) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    for (uint32_t count = BATCH; count == BATCH;) {
+        const int found = event_walk_next(walk.get(), events.data(), BATCH, rc);
+        if (found < 0) return found;
+        count = static_cast<uint32_t>(found);
+        for (uint32_t i = 0; i < count; i++) {
+            if (!visit(events[i])) return 0;
+        }
     }
     return 0;
 }
@@ -230,17 +207,9 @@ bool tsidx_is_empty_range(const st_query_spec& query) {
     return a.time_s != b.time_s ? a.time_s > b.time_s : a.time_ns > b.time_ns;
 }
 
-int tsidx_check_query(TSIDX* tsidx, const st_query_spec* query) {
+int tsidx_parse_query(TSIDX* tsidx, const st_query_spec* query, parsed_query_t* parsed) {
     ST_ASSERT(tsidx != nullptr && query != nullptr);
-    if (query->lispy == nullptr) {
-        return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a query without text");
-    }
-    try {
-        const int status = validate_query_text(query->lispy, query->token_case, nullptr);
-        return status == 0 ? 0 : _set_rc_msg(&tsidx->last_failure, status, "malformed query");
-    } catch (const std::bad_alloc&) {
-        return tsidx_fail_no_memory(tsidx);
-    }
+    return parse_query(query_with_bounds(*query), parsed, &tsidx->last_failure);
 }
 
 int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc) {
@@ -261,15 +230,17 @@ int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* fi
 }
 
 int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity, int is_exact) {
-    ST_TRY(tsidx_check_query(tsidx, query));
+    parsed_query_t parsed;
+    ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
     ST_ASSERT(answers != nullptr || capacity == 0);
-    const st_query_spec bounded = query_with_bounds(*query);
+    const st_query_spec bounded = parsed.spec;
     if (tsidx_is_empty_range(bounded) || capacity == 0) return 0;
     return gather(tsidx, bounded.earliest.time_s, bounded.latest.time_s, answers, capacity,
                   [&](WARM* warm, st_time_t from, st_tsval* events, uint32_t wanted, warm_rc_t* rc) {
-                      st_query_spec narrowed = bounded;
-                      if (from > narrowed.earliest.time_s) narrowed.earliest = {from, 0};
-                      return warm_slice_search(warm, &narrowed, events, wanted, is_exact != 0, nullptr, rc);
+                      parsed.spec.earliest = from > bounded.earliest.time_s ? st_timeval_t{from, 0} : bounded.earliest;
+                      const event_walk_ptr walk = event_walk_open(warm, parsed, bounded.latest, wanted, is_exact != 0);
+                      if (walk == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
+                      return event_walk_next(walk.get(), events, wanted, rc);
                   });
 }
 
@@ -301,8 +272,9 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
         *count = meta.events - meta.deleted;
         return 0;
     }
-    ST_TRY(tsidx_check_query(tsidx, query));
-    const st_query_spec bounded = query_with_bounds(*query);
+    parsed_query_t parsed;
+    ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
+    const st_query_spec& bounded = parsed.spec;
     if (tsidx_is_empty_range(bounded)) return 0;
     return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         uint64_t total = 0;
@@ -310,7 +282,7 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
             tsidx_each_slice(snapshot, bounded.earliest.time_s, bounded.latest.time_s, [&](size_t i) -> int64_t {
                 uint64_t matches = 0;
                 warm_rc_t rc;
-                if (warm_slice_count(snapshot.warm(i), &bounded, &matches, nullptr, &rc) != 0)
+                if (warm_slice_count(snapshot.warm(i), parsed, &matches, nullptr, &rc) != 0)
                     return snapshot.fail(i, rc);
                 total += matches;
                 return 0;
@@ -322,8 +294,8 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
 
 int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context) {
     return tsidx_apply_matches(tsidx, query, fn, context,
-                               [](WARM* warm, const st_query_spec* spec, const auto& call, warm_rc_t* rc) {
-                                   return visit_matches(warm, spec, call, rc);
+                               [](WARM* warm, const parsed_query_t& parsed, const auto& call, warm_rc_t* rc) {
+                                   return visit_matches(warm, parsed, call, rc);
                                });
 }
 

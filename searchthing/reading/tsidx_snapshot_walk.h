@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/search/query.h"
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/reading/tsidx_snapshot.h"
+#include "searchthing/search/parsed_query.h"
 
 namespace veldar {
 
@@ -98,8 +98,9 @@ int64_t tsidx_each_slice(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t
 
 // What the operations that take a query or look for times share (tsidx_query.cc).
 
-// A text that is no query is refused whatever the directory holds: 0 or its status, recorded.
-int tsidx_check_query(TSIDX* tsidx, const st_query_spec* query);
+// Reads the query, with the bounds that it has. A text that is no query is refused whatever the directory holds: 0 or
+// its status, recorded.
+int tsidx_parse_query(TSIDX* tsidx, const st_query_spec* query, parsed_query_t* parsed);
 bool tsidx_is_empty_range(const st_query_spec& query);
 // The first value of a slice, from `low` on, that is not later than `time`; the number of values when all are.
 int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc);
@@ -113,8 +114,9 @@ int64_t tsidx_open_all(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t l
 template <typename Event, typename Walk>
 int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(const Event*, void*), void* context,
                             Walk walk) {
-    ST_TRY(tsidx_check_query(tsidx, query));
-    const st_query_spec bounded = query_with_bounds(*query);
+    parsed_query_t parsed;
+    ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
+    const st_query_spec& bounded = parsed.spec;
     if (tsidx_is_empty_range(bounded)) return 0;
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         const int64_t opened = tsidx_open_all(snapshot, bounded.earliest.time_s, bounded.latest.time_s);
@@ -130,7 +132,7 @@ int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(
         for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
             if (snapshot.warm(i) == nullptr) continue;
             warm_rc_t rc;
-            if (walk(snapshot.warm(i), &bounded, call, &rc) != 0) return snapshot.fail(i, rc);
+            if (walk(snapshot.warm(i), parsed, call, &rc) != 0) return snapshot.fail(i, rc);
             snapshot.close(i);
         }
         return stopped ? -1 : total;

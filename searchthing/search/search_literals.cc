@@ -44,7 +44,7 @@ int _proc_terms(conjunction_context* context, const std::vector<uint32_t>& terms
 
 // ORs everything that one literal matches into a bitmap; an exact term that is not there adds nothing.
 int or_literal(conjunction_context* context, const std::string& literal, uint8_t* bitmap) {
-    if (is_wildcard(literal)) {
+    if (is_wildcard(context, literal)) {
         const std::vector<uint32_t>* terms = nullptr;
         ST_TRY(lookup_wildcard(context, literal, &terms));
         return _proc_terms(context, *terms, bitmap);
@@ -206,7 +206,7 @@ int lookup_positives(conjunction_context* context, const literal_group& group, s
                      st_timeval_t* latest_out, std::vector<term_lookup_t>* terms, bool* possible) {
     *possible = true;
     for (const std::string& literal : group.positive) {
-        if (is_wildcard(literal)) continue;
+        if (is_wildcard(context, literal)) continue;
         const term_lookup_t* term = nullptr;
         ST_TRY(lookup_exact(context, literal, &term));
         if (!term->exists) {
@@ -226,7 +226,7 @@ int apply_filters(conjunction_context* context, const literal_group& group, runn
     buffer<uint8_t> filter;
     for (const std::string& literal : group.positive) {
         if (match->none) return 0;
-        if (!is_wildcard(literal)) continue;
+        if (!is_wildcard(context, literal)) continue;
         ST_TRY(fresh_bitmap(context, &filter));
         ST_TRY(or_literal(context, literal, filter.data()));
         narrow_match(context, &filter, match);
@@ -286,15 +286,15 @@ int or_negatives(conjunction_context* context, const literal_group& group, uint8
     ST_TRY(_and_group(context, {group.negative, {}, {}}, true, &both, nullptr, nullptr));
     buffer<uint8_t> inverse;
     ST_TRY(range_bitmap_alloc(&inverse, context->range, &context->rc));
-    if (!both.bitmap.empty()) {
-        range_bitmap_or(inverse.data(), both.bitmap.data(), context->range);
-    } else if (both.tsval_list_capacity == context->bufcap && both.tsval_list.empty()) {
-        range_bitmap_fill(inverse.data(), context->range);
-    } else {
-        for (uint32_t i = 0; i < both.tsval_list_capacity; i++) {
-            const uint32_t bit = both.tsval_list[i] - context->range.begin;
-            inverse[bit / 8] = static_cast<uint8_t>(inverse[bit / 8] | 1U << (bit % 8));
-        }
+    switch (match_kind(both)) {
+        case MATCH_BITS:
+            range_bitmap_or(inverse.data(), both.bitmap.data(), context->range);
+            break;
+        case MATCH_EVERYTHING:
+            range_bitmap_fill(inverse.data(), context->range);
+            break;
+        default:
+            set_list_bits(both, context->range, inverse.data());
     }
     range_bitmap_complement(inverse.data(), context->range);
     range_bitmap_or(bitmap, inverse.data(), context->range);
@@ -355,9 +355,7 @@ int widen_from_runs(conjunction_context* context, id_range_t* range, query_resul
     if (!warm_slice_has_runs(warm)) return 0;
     const uint32_t values = st_warm_slice_values(warm);
     if (range->end == context->bufcap) range->end = values;
-    if (result->tsval_list.empty() && result->tsval_list_capacity == context->bufcap) {
-        result->tsval_list_capacity = values;
-    }
+    if (match_kind(*result) == MATCH_EVERYTHING) result->tsval_list_capacity = values;
     ST_TRY(widen_bitmap(values, &result->bitmap, &context->rc));
     return widen_bitmap(values, &result->not_bitmap, &context->rc);
 }
@@ -366,6 +364,13 @@ int widen_from_runs(conjunction_context* context, id_range_t* range, query_resul
 
 void _reset_result(query_result_t* result) {
     *result = query_result_t{};
+}
+
+void set_list_bits(const query_result_t& result, const id_range_t& range, uint8_t* bitmap) {
+    for (const uint32_t id : match_list(result)) {
+        const uint32_t bit = id - range.begin;
+        bitmap[bit / 8] = static_cast<uint8_t>(bitmap[bit / 8] | 1U << (bit % 8));
+    }
 }
 
 void conjunction_context_open(conjunction_context* context, WARM* warm, const st_timeval_t* earliest,
@@ -436,10 +441,9 @@ int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missin
     if (status == 0 && computed_here) {
         *range = context->range;
         // Ids outside the survivors need no look any more; a bitmap or a not bitmap keeps its own range.
-        const bool plain_list = !result->tsval_list.empty() && result->not_bitmap.empty();
-        if (is_exact && plain_list && result->tsval_list_capacity > 0) {
-            range->begin = result->tsval_list[0];
-            range->end = result->tsval_list[result->tsval_list_capacity - 1] + 1;
+        if (is_exact && match_kind(*result) == MATCH_LIST && result->not_bitmap.empty()) {
+            range->begin = match_list(*result).front();
+            range->end = match_list(*result).back() + 1;
         }
     }
     if (status == 0) status = widen_from_runs(context.get(), range, result);

@@ -18,24 +18,15 @@
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/postings/plist.h"
 #include "searchthing/base/query_info.h"
-#include "searchthing/postings/range_bitmap.h"
 #include "searchthing/base/st_timeval.h"
-#include "searchthing/search/tokenizer.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/postings/plist.h"
+#include "searchthing/postings/range_bitmap.h"
+#include "searchthing/search/parsed_query.h"
 #include "searchthing/slice/warmslice.h"
 
 namespace veldar {
-
-struct fstack_t;  // of frames (search_frames.h)
-
-// A comparison of a field with a number.
-struct comp_t {
-    token_type_t op = T_OP_EQ;  // T_OP_LT to T_OP_NEQ
-    std::string field;
-    double number = 0;
-};
 
 // The literals of one bracket group, as written in the query. Literals may hold "*".
 struct literal_group {
@@ -44,10 +35,10 @@ struct literal_group {
     std::span<const comp_t> comparisons;
 };
 
-// The result of one group: exactly one of
-//   nothing      capacity 0, no list, no bitmap
-//   a list       capacity = its length, below the slice's value count (here the context's `bufcap`)
-//   a bitmap     capacity = the value count (AND) or 0 (OR)
+// The result of one group, which match_kind tells:
+//   nothing      capacity 0, no bitmap
+//   a list       capacity = its length, above 0
+//   bits         a bitmap; capacity = the slice's value count, here the context's `bufcap` (AND), or 0 (OR)
 //   everything   capacity = the value count, no list, no bitmap
 // and, from AND groups only, a bitmap of the values that negative literals exclude.
 struct query_result_s {
@@ -58,6 +49,18 @@ struct query_result_s {
 };
 using query_result_t = query_result_s;
 void _reset_result(query_result_t* result);
+
+enum match_kind_t { MATCH_NOTHING, MATCH_LIST, MATCH_BITS, MATCH_EVERYTHING };
+inline match_kind_t match_kind(const query_result_t& result) {
+    if (!result.bitmap.empty()) return MATCH_BITS;
+    if (result.tsval_list_capacity == 0) return MATCH_NOTHING;
+    return result.tsval_list.empty() ? MATCH_EVERYTHING : MATCH_LIST;
+}
+inline std::span<const uint32_t> match_list(const query_result_t& result) {
+    return {result.tsval_list.data(), result.tsval_list.empty() ? 0 : result.tsval_list_capacity};
+}
+// Sets the bits of a list; `bitmap` covers the range, which holds the list.
+void set_list_bits(const query_result_t& result, const id_range_t& range, uint8_t* bitmap);
 
 // What the lexicon and the metadata say about one exact term.
 struct term_lookup_t {
@@ -88,8 +91,8 @@ struct conjunction_context {
     std::unordered_map<std::string, term_lookup_t> exact_terms;
     std::unordered_map<std::string, std::vector<uint32_t>> term_sets;  // wildcards, and comparisons under their own key
     uint64_t lists_read = 0;
-    const tokenizer_t* tokenizer = nullptr;  // while a text is evaluated, as is the stack: for the crash log
-    const fstack_t* stack = nullptr;
+    bool stars_are_plain = false;           // no literal is a wildcard
+    const parsed_query_t* query = nullptr;  // while it is evaluated: for the crash log
 };
 
 // Prepares a context for one query over one slice: nothing is read yet.

@@ -126,8 +126,8 @@ int walk_terms(conjunction_context* context, const char* prefix, term_walk* walk
 
 }  // namespace
 
-bool is_wildcard(const std::string& literal) {
-    return literal.find('*') != std::string::npos;
+bool is_wildcard(const conjunction_context* context, const std::string& literal) {
+    return !context->stars_are_plain && literal.find('*') != std::string::npos;
 }
 
 int lookup_exact(conjunction_context* context, const std::string& literal, const term_lookup_t** out) {

@@ -10,7 +10,7 @@
 
 namespace veldar {
 
-bool is_wildcard(const std::string& literal);
+bool is_wildcard(const conjunction_context* context, const std::string& literal);
 
 // Each gives 0, or a status that context->rc holds too. What they point `out` at lives as long as the context. May
 // throw std::bad_alloc.

@@ -9,13 +9,9 @@
 #include <cstdint>
 
 #include "searchthing/postings/bitmap.h"
-#include "searchthing/search/query.h"
-#include "searchthing/values/tsval.h"
-#include "searchthing/slice/warmslice.h"
+#include "searchthing/search/slice_events.h"
 
 namespace veldar {
-
-struct run_merge_t;
 
 // Writes the query's newest answers, at most `capacity`, newest first, into `answers` (the caller's). Returns their
 // number or a negative status; after a failure the answers are undefined beyond what a malformed query leaves
@@ -29,32 +25,25 @@ struct run_merge_t;
 // ends with the window in which the last wanted answer was found. One thread at a time per slice.
 int st_warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity, bool is_exact);
 
-// What a search did, for people who ask why it took its time.
-struct search_report_t {
-    uint32_t range_begin = 0;  // the run of value numbers inside the time bounds
-    uint32_t range_end = 0;
-    uint64_t lists_read = 0;  // posting lists positioned on, a list once per window
-    uint64_t values_decoded = 0;
-    uint32_t windows = 0;
-    bool from_metadata = false;  // a count that needed no posting list
-};
-
 // The same with the whole status record and, when `report` is not null, an account of the work.
 int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity, bool is_exact,
                       search_report_t* report, warm_rc_t* rc);
 
 // The exact match of a metric slice with dimension sets (asserted) as a merge of its values, newest first
 // (search_runs.h). It reads the slice, which outlives it. 0 or a status.
-int warm_slice_merge_runs(WARM* warm, const st_query_spec* query, run_merge_t* merge, warm_rc_t* rc);
+int warm_slice_merge_runs(WARM* warm, const parsed_query_t& query, run_merge_t* merge, warm_rc_t* rc);
 
 // The number of events that match exactly, deleted ones left out; cumspan is not applied. A single exact term over all
 // of a slice's time without deletions is answered from its metadata. 0 or a status.
+int warm_slice_count(WARM* warm, const parsed_query_t& query, uint64_t* count, search_report_t* report, warm_rc_t* rc);
 int warm_slice_count(WARM* warm, const st_query_spec* query, uint64_t* count, search_report_t* report, warm_rc_t* rc);
 
 // The exact match as a bitmap over its id range, for selections; `match_count` receives the number of set bits. Deleted
 // values keep their bits. The bitmap is the caller's (free_bitmap_and_bounds). The query's info callback, when there is
 // one, is called once before the evaluation. In a metric slice with dimension sets the range is that of all values; bit
 // p stands for run p, and bits from the number of runs on are 0. 0 or a status.
+int query_to_bitmap_and_bounds(WARM* warm, const parsed_query_t& query, bitmap_and_bounds_t* bitmap_and_bounds,
+                               uint64_t* match_count, warm_rc_t* rc);
 int query_to_bitmap_and_bounds(WARM* warm, const st_query_spec* query, bitmap_and_bounds_t* bitmap_and_bounds,
                                uint64_t* match_count, warm_rc_t* rc);
 

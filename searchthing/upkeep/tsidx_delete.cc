@@ -67,7 +67,7 @@ int find_addresses(WARM* warm, const std::vector<st_addr_t>& addresses, doomed_v
     return 0;
 }
 
-int find_matches(WARM* warm, const st_query_spec* query, doomed_values* doomed, warm_rc_t* rc) {
+int find_matches(WARM* warm, const parsed_query_t& query, doomed_values* doomed, warm_rc_t* rc) {
     bitmap_and_bounds_t matches;
     uint64_t count = 0;
     ST_TRY(query_to_bitmap_and_bounds(warm, query, &matches, &count, rc));
@@ -208,15 +208,16 @@ int64_t st_tsidx_delete_by_addr(TSIDX* tsidx, const st_addr_t* addresses, size_t
 
 int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query) {
     ST_TRY(check_deletable(tsidx));
-    ST_TRY(tsidx_check_query(tsidx, query));
+    parsed_query_t parsed;
+    ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
     if (query->cumspan != 0) {
         return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a delete takes no cumspan");
     }
-    const st_query_spec bounded = query_with_bounds(*query);
+    const st_query_spec& bounded = parsed.spec;
     if (tsidx_is_empty_range(bounded)) return 0;
     return delete_found(
         tsidx, bounded.earliest.time_s, bounded.latest.time_s,
-        [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, &bounded, doomed, rc); });
+        [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, parsed, doomed, rc); });
 }
 
 void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds) {

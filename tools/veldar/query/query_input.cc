@@ -5,7 +5,7 @@
 #include <climits>
 #include <ctime>
 
-#include "searchthing/search/search_frames.h"
+#include "searchthing/base/warm_rc.h"
 #include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/tool_failure.h"
 
