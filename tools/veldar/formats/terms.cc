@@ -1,7 +1,6 @@
 #include "tools/veldar/formats/terms.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 
 #include "libzero/endian.h"
@@ -11,24 +10,6 @@ namespace {
 
 constexpr size_t FIRST_SLOTS = 256;
 constexpr size_t SLACK = 8;  // bytes behind a term in the arena that may be read as one word
-
-constexpr bool is_token_byte(unsigned c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
-           c == '-';
-}
-
-constexpr std::array<bool, 256> TOKEN_BYTES = [] {
-    std::array<bool, 256> table{};
-    for (unsigned c = 0; c < table.size(); c++) table[c] = is_token_byte(c);
-    return table;
-}();
-
-bool in_token(char c) {
-    return TOKEN_BYTES[static_cast<unsigned char>(c)];
-}
-bool is_edge(char c) {
-    return c == '_' || c == '.' || c == '-';
-}
 
 constexpr uint64_t EACH_BYTE = 0x0101010101010101;
 
@@ -124,6 +105,16 @@ void commit_term(term_set* set, size_t size) {
 
 }  // namespace
 
+bool word_begins_at(std::string_view text, size_t at) {
+    while (at > 0 && is_word_edge(text[at - 1])) at--;
+    return at == 0 || !in_word(text[at - 1]);
+}
+
+bool word_ends_at(std::string_view text, size_t at) {
+    while (at < text.size() && is_word_edge(text[at])) at++;
+    return at == text.size() || !in_word(text[at]);
+}
+
 void term_set_reset(term_set* set) {
     for (const term_set::entry& entry : set->entries) set->slots[entry.slot] = 0;
     set->entries.clear();
@@ -134,16 +125,10 @@ void term_set_reset(term_set* set) {
 void term_set_add_text(term_set* set, std::string_view text) {
     reserve_arena(set, text.size());
     const char* at = text.data();
-    const char* end = at + text.size();
-    while (at < end) {
-        while (at < end && (!in_token(*at) || is_edge(*at))) at++;
-        const char* first = at;
-        while (at < end && in_token(*at)) at++;
-        const char* last = at;
-        while (last > first && is_edge(last[-1])) last--;
-        if (last == first) continue;
-        size_t size = std::min(static_cast<size_t>(last - first), TERM_MAX);
-        fold_into(set->arena.data() + set->arena_used, first, size);
+    const char* const end = at + text.size();
+    for (std::string_view word; !(word = next_word(&at, end)).empty();) {
+        const size_t size = std::min(word.size(), TERM_MAX);
+        fold_into(set->arena.data() + set->arena_used, word.data(), size);
         commit_term(set, size);
     }
 }
@@ -167,9 +152,14 @@ std::span<const std::string_view> term_set_terms(term_set* set) {
     return set->views;
 }
 
+void fold_value(std::string_view value, std::string* out) {
+    out->resize(value.size());
+    if (!value.empty()) fold_field_part(out->data(), value);
+}
+
 std::string fold_value(std::string_view value) {
-    std::string folded(value.size(), '\0');
-    if (!value.empty()) fold_field_part(folded.data(), value);
+    std::string folded;
+    fold_value(value, &folded);
     return folded;
 }
 

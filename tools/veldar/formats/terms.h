@@ -4,6 +4,8 @@
 // bytes (also invalid UTF-8) stay.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -14,6 +16,36 @@
 namespace veldar::tool {
 
 inline constexpr size_t TERM_MAX = 2047;  // bytes; longer terms are cut
+
+// The rule that cuts a text into words: a word is a run of [A-Za-z0-9_.-] without the `_`, `.` and `-` at its ends.
+inline constexpr std::array<bool, 256> WORD_BYTES = [] {
+    std::array<bool, 256> table{};
+    for (const unsigned char c :
+         std::string_view("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_.-")) {
+        table[c] = true;
+    }
+    return table;
+}();
+inline bool in_word(char c) {
+    return WORD_BYTES[static_cast<unsigned char>(c)];
+}
+inline bool is_word_edge(char c) {
+    return c == '_' || c == '.' || c == '-';
+}
+// The next word at or behind *at, which then stands behind its run; empty when there is none.
+inline std::string_view next_word(const char** at, const char* end) {
+    const char* here = *at;
+    while (here < end && (!in_word(*here) || is_word_edge(*here))) here++;
+    const char* const first = here;
+    while (here < end && in_word(*here)) here++;
+    const char* last = here;
+    while (last > first && is_word_edge(last[-1])) last--;
+    *at = here;
+    return {first, static_cast<size_t>(last - first)};
+}
+// Whether no word of the text goes on over this place, which is in front of its words or behind them.
+bool word_begins_at(std::string_view text, size_t at);
+bool word_ends_at(std::string_view text, size_t at);
 
 // Reused from event to event: once warm, nothing is allocated per term. For one thread.
 struct term_set {
@@ -34,8 +66,7 @@ struct term_set {
 
 // Forgets the terms, in time linear in their number.
 void term_set_reset(term_set* set);
-// Adds every token of the text: a run of [A-Za-z0-9_.-] without the `_`, `.` and `-` at its ends, folded, then cut to
-// TERM_MAX.
+// Adds every word of the text, folded, then cut to TERM_MAX.
 void term_set_add_text(term_set* set, std::string_view text);
 // Adds the term `name::value`, both folded, cut to TERM_MAX. Nothing for an empty name or value, or when the name
 // leaves no room for a byte of the value.
@@ -45,6 +76,8 @@ std::span<const std::string_view> term_set_terms(term_set* set);
 
 // `value` folded as above, not cut.
 std::string fold_value(std::string_view value);
+// The same into a text that keeps its allocation.
+void fold_value(std::string_view value, std::string* out);
 // Exactly the term that term_set_add_field adds; empty when it adds none.
 std::string fold_field_term(std::string_view name, std::string_view value);
 

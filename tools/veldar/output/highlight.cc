@@ -15,13 +15,6 @@ constexpr std::string_view MARK_ON = "\033[1;31m", MARK_OFF = "\033[m";
 
 using span_list = std::vector<std::pair<size_t, size_t>>;
 
-bool in_word(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
-}
-bool in_token(char c) {
-    return in_word(c) || c == '.' || c == '-';
-}
-
 void want(highlighter* wanted, std::string text) {
     if (text.find('*') != std::string::npos) {
         wanted->words.emplace_back(createMatcher(text.c_str()));
@@ -51,26 +44,21 @@ void want_literals(highlighter* wanted, const std::string& native) {
 void find_text(std::string_view record, const std::string& text, span_list* spans) {
     for (size_t at = record.find(text); at != std::string_view::npos; at = record.find(text, at + 1)) {
         const size_t end = at + text.size();
-        const bool begins = at == 0 || !in_word(text.front()) || !in_word(record[at - 1]);
-        const bool ends = end == record.size() || !in_word(text.back()) || !in_word(record[end]);
+        const bool begins = !in_word(text.front()) || word_begins_at(record, at);
+        const bool ends = !in_word(text.back()) || word_ends_at(record, end);
         if (begins && ends) spans->emplace_back(at, end);
     }
 }
 
 void find_words(std::string_view record, const highlighter& wanted, span_list* spans) {
-    size_t at = 0;
-    std::string word;
-    while (at < record.size()) {
-        while (at < record.size() && !in_word(record[at])) at++;
-        size_t end = at;
-        while (end < record.size() && in_token(record[end])) end++;
-        while (end > at && !in_word(record[end - 1])) end--;
-        word.assign(record.substr(at, end - at));
-        const auto matches = [&](const auto& matcher) { return matcher_spans(word.c_str(), matcher.get()); };
-        if (!word.empty() && std::any_of(wanted.words.begin(), wanted.words.end(), matches)) {
-            spans->emplace_back(at, end);
-        }
-        at = std::max(end, at + 1);
+    const char* at = record.data();
+    std::string text;
+    for (std::string_view word; !(word = next_word(&at, record.data() + record.size())).empty();) {
+        text.assign(word);
+        const auto matches = [&](const auto& matcher) { return matcher_spans(text.c_str(), matcher.get()); };
+        if (!std::any_of(wanted.words.begin(), wanted.words.end(), matches)) continue;
+        const size_t begin = static_cast<size_t>(word.data() - record.data());
+        spans->emplace_back(begin, begin + word.size());
     }
 }
 

@@ -43,10 +43,6 @@ bool is_name_start(char c) {
 bool is_name(char c) {
     return is_name_start(c) || (c >= '0' && c <= '9') || c == '.' || c == '-';
 }
-bool is_token(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
-           c == '-';
-}
 
 // A condition on the raw text: its whole words as terms, and its pieces between "*" to be found in a record. A word
 // that touches a "*" may be cut, so only its piece counts.
@@ -58,8 +54,8 @@ query_node phrase_node(std::string_view text) {
     while (begin <= folded.size()) {
         const size_t end = std::min(folded.find('*', begin), folded.size());
         if (end > begin) {
-            node.pattern.pieces.push_back({folded.substr(begin, end - begin), begin == 0 && is_token(folded[begin]),
-                                           end == folded.size() && is_token(folded[end - 1])});
+            node.pattern.pieces.push_back({folded.substr(begin, end - begin), begin == 0 && in_word(folded[begin]),
+                                           end == folded.size() && in_word(folded[end - 1])});
         }
         begin = end + 1;
     }
@@ -69,8 +65,8 @@ query_node phrase_node(std::string_view text) {
             whole += folded[i];
             continue;
         }
-        while (!whole.empty() && is_token(whole.back())) whole.pop_back();
-        while (i + 1 < folded.size() && is_token(folded[i + 1])) i++;
+        while (!whole.empty() && in_word(whole.back())) whole.pop_back();
+        while (i + 1 < folded.size() && in_word(folded[i + 1])) i++;
         whole += ' ';
     }
     term_set words;
@@ -269,7 +265,7 @@ class query_parser {
 
     // A bare word that is exactly one token, or one with "*" among token characters, is a term of the index.
     query_node phrase_or_word(const std::string& text, bool quoted) const {
-        const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return is_token(c) || c == '*'; });
+        const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return in_word(c) || c == '*'; });
         const bool star = text.find('*') != std::string::npos;
         const std::string folded = fold_value(text);
         if (!quoted && text.find_first_not_of('*') == std::string::npos) return query_node();
@@ -417,22 +413,9 @@ std::vector<conjunction> conjunctions_of(const query_node& node) {
     return node.kind == node_kind::all ? product(node) : sum(node);
 }
 
-bool is_edge(char c) {
-    return c == '_' || c == '.' || c == '-';
-}
-
-// Whether the occurrence at [begin, end) of the line stands at the ends of words, as the piece asks: of a run of token
-// characters those at its ends that are '_', '.' or '-' do not belong to the word.
+// Whether the occurrence at [begin, end) of the line stands at the ends of words, as the piece asks.
 bool stands_whole(std::string_view line, size_t begin, size_t end, const raw_piece& piece) {
-    if (piece.whole_begin) {
-        while (begin > 0 && is_edge(line[begin - 1])) begin--;
-        if (begin > 0 && is_token(line[begin - 1])) return false;
-    }
-    if (piece.whole_end) {
-        while (end < line.size() && is_edge(line[end])) end++;
-        if (end < line.size() && is_token(line[end])) return false;
-    }
-    return true;
+    return (!piece.whole_begin || word_begins_at(line, begin)) && (!piece.whole_end || word_ends_at(line, end));
 }
 
 bool line_holds(std::string_view line, const raw_pattern& pattern) {
@@ -474,11 +457,7 @@ std::vector<query_plan> translate_query(std::string_view text) {
 }
 
 bool record_passes(const query_plan& plan, std::string_view record, std::string* scratch) {
-    scratch->assign(record);
-    for (char& c : *scratch) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c == '\0') c = ' ';
-    }
+    fold_value(record, scratch);
     const auto in_record = [&](const raw_pattern& pattern) { return record_holds(*scratch, pattern); };
     return std::all_of(plan.holds.begin(), plan.holds.end(), in_record) &&
            std::none_of(plan.lacks.begin(), plan.lacks.end(), in_record);
