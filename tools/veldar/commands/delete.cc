@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "searchthing/upkeep/tsidx_delete.h"
@@ -45,16 +43,6 @@ uint64_t greatest_address(const std::vector<st_tsval_encoded>& keys) {
     return greatest;
 }
 
-[[noreturn]] void fail_delete(const std::string& path, int64_t status, int error, uint64_t deleted) {
-    std::string why = fmt::format("status {}", status);
-    const bool refused = error == EACCES || error == EPERM || error == EROFS || error == ENOSPC;
-    if (status == WARM_RC_LOCK) why = "another process holds its lock, or locks do not work there";
-    if (status == WARM_RC_LOCK && refused)
-        why = fmt::format("no lock file can be made beside it: {}", std::strerror(error));
-    if (status == WARM_RC_UNSUPPORTED) why = "events of metrics cannot be deleted";
-    throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", path, why, deleted)};
-}
-
 // Deletes what was found in each directory. Events of one key are told apart only by the query itself; in a store no
 // two events of a bucket have one key.
 uint64_t delete_found(const std::string& path, const prepared_query& query) {
@@ -80,7 +68,8 @@ uint64_t delete_found(const std::string& path, const prepared_query& query) {
         const int64_t count = by_query ? st_tsidx_delete_by_query(tsidx.get(), &spec)
                                        : st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
         if (count < 0) {
-            fail_delete(directory.path, count, st_tsidx_last_failure(tsidx.get())->saved_errno, deleted);
+            throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", directory.path,
+                                                    index_failure_text(tsidx.get()), deleted)};
         }
         deleted += static_cast<uint64_t>(count);
     }

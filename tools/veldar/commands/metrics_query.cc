@@ -11,6 +11,7 @@
 #include "tools/veldar/query/metric_catalog.h"
 #include "tools/veldar/query/metric_points.h"
 #include "tools/veldar/query/query_input.h"
+#include "tools/veldar/store/index_handle.h"
 
 namespace veldar::tool {
 
@@ -156,7 +157,7 @@ int query_run(const tool_context& context, const std::string& given, const point
     const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
     troubles trouble;
     if (metric_points_read(tsidx.get(), query, &points) != 0) {
-        throw tool_failure{EXIT_IO, metric_read_error(directory, tsidx.get())};
+        throw tool_failure{EXIT_IO, directory + ": " + index_failure_text(tsidx.get())};
     }
     sort_by_time(&points, options.oldest_first);
     point_printer printer;
@@ -178,7 +179,7 @@ void dump_names(const std::string& directory, TSIDX* tsidx, const st_query_spec&
         return name >= first && name <= last && catalog.names.contains(std::string(name));
     };
     if (metric_points_read(tsidx, query, &points) != 0) {
-        throw tool_failure{EXIT_IO, metric_read_error(directory, tsidx)};
+        throw tool_failure{EXIT_IO, directory + ": " + index_failure_text(tsidx)};
     }
     sort_by_series(&points);
     printer->last = UINT32_MAX;

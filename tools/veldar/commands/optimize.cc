@@ -52,9 +52,8 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
                                                   merging.is_final, &plan);
         if (status == WARM_RC_FEW_SLICES || status == WARM_RC_FEW_SOURCES) continue;
         if (status != 0) {
-            const warm_rc_t& rc = *st_tsidx_last_failure(tsidx.get());
             const bool unlisted = status == WARM_RC_OPEN || status == WARM_RC_READ;
-            troubles_add(&trouble, directory + ": " + merge_failure_text(status, rc.saved_errno, rc.message),
+            troubles_add(&trouble, directory + ": " + index_failure_text(tsidx.get()),
                          unlisted ? EXIT_IO : EXIT_INCOMPLETE);
             continue;
         }
@@ -78,7 +77,7 @@ int merge(const std::vector<std::string>& directories, const merge_settings& mer
     const auto begun = std::chrono::steady_clock::now();
     const merge_totals totals = merge_directories(directories, merging);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
-    for (const std::string& failure : totals.failures) std::fprintf(stderr, "veldar: %s\n", failure.c_str());
+    for (const std::string& failure : totals.failures) say_trouble(failure);
     if (totals.merges != 0 || totals.failures.empty()) {
         std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; so far: " : "",
                      merge_totals_text(totals, seconds.count()).c_str());

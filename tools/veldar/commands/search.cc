@@ -32,7 +32,7 @@ void choose_format(const search_options& options, const slice_set& slices, event
         throw tool_failure{EXIT_USAGE, "context lines go with --format raw only"};
     }
     if (output->has_raw || output->format == FORMAT_ADDR) return;
-    std::fprintf(stderr, "veldar: there is no source map beside these slices, so the events' text is not known\n");
+    say_trouble("there is no source map beside these slices, so the events' text is not known");
     if (output->format == FORMAT_RAW) output->format = FORMAT_ADDR;
 }
 

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -18,6 +17,7 @@
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -54,11 +54,12 @@ struct live_slices_t {
     uint64_t count = 0, bytes = 0;
 };
 
+// Throws tool_failure.
 live_slices_t count_slices(const std::string& directory) {
     live_slices_t found;
     tsidx_listing_t listing;
     warm_rc_t rc;
-    if (tsidx_list(directory.c_str(), &listing, &rc) != 0) return found;
+    if (tsidx_list(directory.c_str(), &listing, &rc) != 0) fail_io("cannot list " + directory, rc.saved_errno);
     for (const tsidx_slice_name_t& slice : listing) {
         struct stat status;
         if (::stat((directory + "/" + slice.name).c_str(), &status) != 0) continue;
@@ -90,23 +91,23 @@ int merge_directory(crew* all, TSIDX* tsidx, uint64_t* merges) {
 }
 
 void work_on(crew* all, const std::string& directory) {
-    const live_slices_t before = count_slices(directory);
+    live_slices_t before, after;
     uint64_t merges = 0;
     std::string failure;
     bool out_of_space = false;
     try {
+        before = after = count_slices(directory);
         const tsidx_ptr tsidx = index_handle_open(directory, WRITE_LEVEL);
         static_cast<void>(st_tsidx_clear_need_optimize(tsidx.get()));
         const int status = merge_directory(all, tsidx.get(), &merges);
         if (status != 0 && status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES) {
-            const warm_rc_t& rc = *st_tsidx_last_failure(tsidx.get());
-            failure = directory + ": " + merge_failure_text(status, rc.saved_errno, rc.message);
+            failure = directory + ": " + index_failure_text(tsidx.get());
             out_of_space = status == WARM_RC_WRITE || status == WARM_RC_NO_MEMORY;
         }
-    } catch (const tool_failure& cannot_open) {
-        failure = cannot_open.message;
+        if (merges != 0) after = count_slices(directory);
+    } catch (const tool_failure& cannot_read) {
+        failure += (failure.empty() ? "" : "; ") + cannot_read.message;
     }
-    const live_slices_t after = merges == 0 ? before : count_slices(directory);
     const std::lock_guard guard(all->mutex);
     all->totals.merges += merges;
     all->totals.slices_before += before.count;
@@ -185,10 +186,10 @@ void merge_after_load(const std::vector<std::string>& directories) try {
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
     if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
     for (const std::string& failure : totals.failures) {
-        std::fprintf(stderr, "veldar: slices were not merged: %s\n", failure.c_str());
+        say_trouble("slices were not merged: " + failure);
     }
 } catch (const std::bad_alloc&) {
-    std::fputs("veldar: slices were not merged: out of memory\n", stderr);
+    say_trouble("slices were not merged: out of memory");
 }
 
 std::string merge_totals_text(const merge_totals& totals, double seconds) {
@@ -198,25 +199,6 @@ std::string merge_totals_text(const merge_totals& totals, double seconds) {
     }
     return fmt::format("{} slices merged into {}, {} into {}, {:.1f} s", totals.slices_before, totals.slices_after,
                        bytes_text(totals.bytes_before), bytes_text(totals.bytes_after), seconds);
-}
-
-std::string merge_failure_text(int status, int error, const char* message) {
-    switch (status) {
-        case WARM_RC_MANIFEST_EXISTS:
-            return "another process merges there";
-        case WARM_RC_LOCK:
-            return "its lock is held, or its file system is not known for sure locks (if it is local, set "
-                   "OPTIMISTIC_ABOUT_FILE_LOCKING=1)";
-        case WARM_RC_NO_MEMORY:
-            return "out of memory";
-        case WARM_RC_OPEN:
-        case WARM_RC_READ:
-        case WARM_RC_WRITE:
-        case WARM_RC_RETRIES:
-            return fmt::format("{} ({})", message, std::strerror(error));
-        default:
-            return fmt::format("{}, status {}; veldar fsck tells what is damaged", message, status);
-    }
 }
 
 }  // namespace veldar::tool

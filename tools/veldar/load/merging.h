@@ -29,7 +29,5 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
 void merge_after_load(const std::vector<std::string>& directories);
 // "64 slices merged into 3, 120.3 MB into 80.1 MB, 5.2 s"
 std::string merge_totals_text(const merge_totals& totals, double seconds);
-// What a status of the engine means to someone who merges.
-std::string merge_failure_text(int status, int error, const char* message);
 
 }  // namespace veldar::tool

@@ -133,14 +133,6 @@ std::shared_ptr<TSIDX> metric_directory_open(const std::string& directory) {
     return slices.directories[0].tsidx;
 }
 
-std::string metric_read_error(const std::string& directory, const TSIDX* tsidx) {
-    const warm_rc_t* const why = st_tsidx_last_failure(tsidx);
-    if (why->warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
-    std::string text = directory + ": cannot be read";
-    if (why->message[0] != '\0') text += std::string(" (") + why->message + ")";
-    return text + ", status " + std::to_string(why->warm_rc);
-}
-
 bool metric_name_matches(std::string_view text, std::string_view pattern) {
     const size_t star = pattern.find('*');
     if (star == std::string_view::npos) return text == pattern;

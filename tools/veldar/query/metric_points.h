@@ -40,8 +40,6 @@ void metric_series_split(std::string_view text, metric_series* series);
 
 // Opens a metric directory for reading. Throws tool_failure when there is none.
 std::shared_ptr<TSIDX> metric_directory_open(const std::string& directory);
-// The message about a read that failed.
-std::string metric_read_error(const std::string& directory, const TSIDX* tsidx);
 // Whether the text is the pattern, in which `*` stands for any characters.
 bool metric_name_matches(std::string_view text, std::string_view pattern);
 

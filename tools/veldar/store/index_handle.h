@@ -5,7 +5,6 @@
 #include <string>
 
 #include "searchthing/directory/tsidx.h"
-#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar::tool {
 
@@ -15,12 +14,8 @@ struct tsidx_close {
 using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_close>;
 
 // Level 0 opens for reading. Throws tool_failure.
-inline tsidx_ptr index_handle_open(const std::string& path, uint32_t level) {
-    TSWRITEOPTS opts;
-    st_tsidx_write_opts_init_write_level(&opts, level);
-    tsidx_ptr tsidx(st_tsidx_open(path.c_str(), 0, 0, &opts, TSIDX_ORDINARY_WRITER));
-    if (tsidx == nullptr) throw tool_failure{EXIT_IO, path + ": cannot be opened"};
-    return tsidx;
-}
+tsidx_ptr index_handle_open(const std::string& path, uint32_t level);
+// What went wrong last, for people, without the directory's name.
+std::string index_failure_text(const TSIDX* tsidx);
 
 }  // namespace veldar::tool

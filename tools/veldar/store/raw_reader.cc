@@ -5,8 +5,9 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <map>
-#include <set>
 #include <vector>
 
 #include "tools/veldar/store/record_reader.h"
@@ -49,29 +50,35 @@ std::string rotation_base(std::string name) {
     return name;
 }
 
-// Paths worth opening, the likeliest first.
-std::vector<std::string> candidates(const source_file& file) {
+// Paths worth opening, the likeliest first. When the directory cannot be read to its end, *error says so.
+std::vector<std::string> candidates(const source_file& file, std::string* error) {
     std::vector<std::string> found = {file.path, file.path + ".gz"};
     const size_t slash = file.path.rfind('/');
     const std::string directory = file.path.substr(0, slash + 1), name = file.path.substr(slash + 1);
     const std::string base = rotation_base(name);
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory.c_str()), ::closedir);
     std::vector<std::string> alike;
-    for (const dirent* entry = nullptr; dir != nullptr && (entry = ::readdir(dir.get())) != nullptr;) {
+    errno = dir == nullptr && errno != ENOENT ? errno : 0;
+    for (const dirent* entry = nullptr; dir != nullptr && (entry = ::readdir(dir.get())) != nullptr; errno = 0) {
         const std::string other = entry->d_name;
         if (entry->d_ino == file.inode && other != name) found.push_back(directory + other);
         if (entry->d_ino != file.inode && other != name && other.starts_with(base)) alike.push_back(directory + other);
     }
+    if (errno != 0) *error = "cannot read " + directory + ": " + std::strerror(errno);
     std::sort(alike.begin(), alike.end());
     found.insert(found.end(), alike.begin(), alike.end());
     return found;
 }
 
-bool locate_and_open(const source_file& file, const std::string& directory, log_input* input) {
+// False with a message. `directory` is the bucket's.
+bool locate_and_open(const source_file& file, const std::string& directory, log_input* input, std::string* error) {
+    *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
     if (file.kind == SOURCE_SPOOL) return open_checked(file, directory + "/" + file.path, input);
-    for (const std::string& path : candidates(file)) {
+    std::string unread;
+    for (const std::string& path : candidates(file, &unread)) {
         if (open_checked(file, path, input)) return true;
     }
+    if (!unread.empty()) *error += "; " + unread;
     return false;
 }
 
@@ -112,7 +119,7 @@ struct raw_reader {
     source_map map;
     std::map<uint32_t, std::unique_ptr<open_source>> sources;
     uint64_t fetches = 0;
-    std::set<uint32_t> missing;  // looked for once; many events may ask for them
+    std::map<uint32_t, std::string> missing;  // and why; looked for once; many events may ask for them
 };
 
 void raw_reader_close::operator()(raw_reader* reader) const {
@@ -132,9 +139,13 @@ open_source* source_of(raw_reader* reader, const source_file& file, std::string*
     }
     auto source = std::make_unique<open_source>();
     source->used = reader->fetches;
-    if (reader->missing.contains(file.number) || !locate_and_open(file, reader->directory, &source->input)) {
-        reader->missing.insert(file.number);
-        *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
+    const auto missing = reader->missing.find(file.number);
+    if (missing != reader->missing.end()) {
+        *error = missing->second;
+        return nullptr;
+    }
+    if (!locate_and_open(file, reader->directory, &source->input, error)) {
+        reader->missing.emplace(file.number, *error);
         return nullptr;
     }
     if (reader->sources.size() >= MAX_OPEN) {
@@ -229,11 +240,13 @@ std::string source_points_name(uint32_t number) {
 
 std::string source_file_locate(const source_file& file, const std::string& directory) {
     log_input input;
-    return locate_and_open(file, directory, &input) ? input.path : std::string();
+    std::string error;
+    return locate_and_open(file, directory, &input, &error) ? input.path : std::string();
 }
 
 bool source_file_open_original(const source_file& file, log_input* input) {
-    const std::vector<std::string> paths = candidates(file);
+    std::string error;
+    const std::vector<std::string> paths = candidates(file, &error);
     return std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
         struct stat st;
         return ::stat(path.c_str(), &st) == 0 && st.st_ino == file.inode && st.st_dev == file.device &&

@@ -161,8 +161,7 @@ slice_set list_path(const std::string& path, bool with_metrics) {
     const bool is_file = set.directories.size() == 1 && set.directories[0].tsidx == nullptr;
     if (set.files.empty() && set.errors.empty() && !is_file) {
         const bool metrics = !set.store.empty() && tool_exists(set.store + "/" + STORE_METRICS);
-        std::fprintf(stderr, "veldar: %s holds no %s\n", set.path.c_str(),
-                     metrics ? "events; 'veldar metrics' asks for its metrics" : "slices");
+        say_trouble(set.path + " holds no " + (metrics ? "events; 'veldar metrics' asks for its metrics" : "slices"));
     }
     return set;
 }
