@@ -17,37 +17,20 @@ int load_run(const tool_context& context, const load_options& options) {
     loader load;
     loader_open(&load, store_choose(context.store), options);
     tool_catch_interrupts();
-    bool incomplete = false;
-    try {
-        for (const std::string& file : options.files) {
-            std::string error;
-            if (tool_interrupted != 0) break;
-            if (loader_load(&load, file, &error)) continue;
-            progress_clear(&load.shown);
-            say_trouble((file == "-" ? "standard input" : file) + ": " + error);
-            incomplete = true;
-        }
-        loader_close(&load);
-    } catch (tool_failure& failure) {
-        progress_clear(&load.shown);
-        failure.message += "\nveldar: " + loader_give_up(&load);
-        throw;
-    }
-    progress_clear(&load.shown);
-    std::string note;
-    if (load.unchanged == 1) note = " (1 file with nothing new)";
-    if (load.unchanged > 1) note = " (" + std::to_string(load.unchanged) + " files with nothing new)";
-    std::fprintf(stderr, "%s%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "",
-                 totals_text(load.shown, load.totals).c_str(), note.c_str());
-    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
-    incomplete = incomplete || (load.totals.events == 0 && load.totals.refused != 0);
+    const exit_status_t status = load_files(
+        &load, options.files,
+        {.load = [&](const std::string& file, std::string* error) { return loader_load(&load, file, error); },
+         .close = [&] { loader_close(&load); },
+         .summary = [&] { return totals_text(load.shown, load.totals); },
+         .give_up = [&](const tool_failure&) { return loader_give_up(&load); }});
+    if (status == EXIT_INTERRUPTED) return status;
     if (!options.no_optimize) {
         load.st.lock.reset();  // the next loader need not wait
         std::vector<std::string> directories;
         for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
         merge_after_load(directories);
     }
-    return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+    return load.totals.events == 0 && load.totals.refused != 0 ? EXIT_INCOMPLETE : status;
 }
 
 }  // namespace

@@ -20,12 +20,8 @@ std::string directory_for_load(const tool_context& context, const std::string& d
     return store + "/" + STORE_METRICS;
 }
 
-std::string summary(const metric_loader& load) {
-    std::string text = number_text(load.written.samples) + (load.written.samples == 1 ? " sample: " : " samples: ");
-    text += totals_text(load.shown, load.totals);
-    if (load.unchanged == 1) text += " (1 file with nothing new)";
-    if (load.unchanged > 1) text += " (" + std::to_string(load.unchanged) + " files with nothing new)";
-    return text;
+std::string samples_text(uint64_t samples) {
+    return number_text(samples) + (samples == 1 ? " sample: " : " samples: ");
 }
 
 int load_run(const tool_context& context, const std::string& directory, metric_load_options* options) {
@@ -36,30 +32,21 @@ int load_run(const tool_context& context, const std::string& directory, metric_l
     metric_loader load;
     tool_catch_interrupts();
     metric_loader_open(&load, directory_for_load(context, directory, !options->no_fsync), *options);
-    bool incomplete = false;
-    try {
-        for (const std::string& file : options->files) {
-            std::string error;
-            if (tool_interrupted != 0) break;
-            if (metric_loader_load(&load, file, &error)) continue;
-            progress_clear(&load.shown);
-            say_trouble((file == "-" ? "standard input" : file) + ": " + error);
-            incomplete = true;
-        }
-        metric_loader_close(&load);
-    } catch (tool_failure& failure) {
-        progress_clear(&load.shown);
-        if (failure.status == EXIT_IO) failure.message += "\nveldar: not all is loaded; load again once this is mended";
-        throw;
-    }
-    progress_clear(&load.shown);
-    std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; loaded so far: " : "", summary(load).c_str());
-    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+    const auto advice = [](const tool_failure& failure) {
+        return failure.status == EXIT_IO ? "not all is loaded; load again once this is mended" : "";
+    };
+    const exit_status_t status = load_files(
+        &load, options->files,
+        {.load = [&](const std::string& file, std::string* error) { return metric_loader_load(&load, file, error); },
+         .close = [&] { metric_loader_close(&load); },
+         .summary = [&] { return samples_text(load.totals.samples) + totals_text(load.shown, load.totals); },
+         .give_up = advice});
+    if (status == EXIT_INTERRUPTED) return status;
     if (!options->no_optimize) {
         load.lock.reset();  // the next load need not wait
         merge_after_load({load.directory});
     }
-    return incomplete ? EXIT_INCOMPLETE : EXIT_DONE;
+    return status;
 }
 
 std::string check_label(const std::string& label) {

@@ -69,9 +69,7 @@ void put_line(put_run* run, std::span<char> line) {
     if (!index_writer_put(&run->writer, run->event.txn, run->event.terms)) {
         return refuse_line(run, "the event is larger than an index can hold");
     }
-    run->totals.events++;
-    run->totals.earliest = std::min(run->totals.earliest, run->event.txn.time);
-    run->totals.latest = std::max(run->totals.latest, run->event.txn.time);
+    run->totals.add_event(run->event.txn.time);
 }
 
 // Puts the whole lines of `bytes` and returns how many bytes they are; with `last`, also a line without its newline.

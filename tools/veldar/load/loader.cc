@@ -127,22 +127,15 @@ void put_record(loader* load, file_load* one, uint64_t offset, std::string_view 
     open_stretch(load, one, offset);
     log_event_make(&load->event, text);
     const st_txn txn = event_txn(load, *one);
-    load_totals* const totals = &load->totals;
     if (index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms))) {
-        totals->events++;
+        load->totals.add_event(txn.time);
         one->events++;
-        totals->earliest = std::min(totals->earliest, txn.time);
-        totals->latest = std::max(totals->latest, txn.time);
     } else {
-        totals->refused++;
+        load->totals.refused++;
     }
     const uint64_t slices = index_writer_slices(&load->writer);
     if (slices != load->slices_seen) mark(load, load->address);
     load->slices_seen = slices;
-}
-
-uint64_t disk_position(const file_load& one) {
-    return one.input.gz != nullptr ? one.input.gz->in_offset : one.input.offset;
 }
 
 // Puts every record up to the end of the input, or until the command is interrupted.
@@ -154,9 +147,7 @@ void put_records(loader* load, file_load* one) {
         if (one->in_stretch) load->address += offset - end;
         end = offset;
         put_record(load, one, offset, text);
-        if (records % SHOW_EVERY == 0) {
-            progress_show(&load->shown, load->bytes_done + disk_position(*one), load->totals.events);
-        }
+        if (records % SHOW_EVERY == 0) load_show(load, one->input);
     }
     record_reader_finish_record(reader);
     if (one->in_stretch) load->address += reader->offset - end;
@@ -378,13 +369,7 @@ void loader_open(loader* load, const std::string& store_path, const load_options
     }
     store_open_for_load(&load->st, store_path, !options.no_fsync);
     load->known = known_files_gather(&load->st, &load->closed_buckets);
-    uint64_t total = 0;
-    struct stat st;
-    for (const std::string& file : options.files) {
-        const bool regular = ::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-        total += regular ? static_cast<uint64_t>(st.st_size) : 0;
-    }
-    load->shown = progress_begin(total);
+    load_begin(load, options.files);
     finish_spools(load);
 }
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/load/load_files.h"
 #include "tools/veldar/load/log_event.h"
-#include "tools/veldar/load/progress.h"
 #include "tools/veldar/store/known_files.h"
 #include "tools/veldar/store/record_reader.h"
 #include "tools/veldar/store/store.h"
@@ -28,7 +28,7 @@ struct load_options {
     index_limits limits;
 };
 
-struct loader {
+struct loader : load_report {
     const load_options* options = nullptr;
     store st;
     known_files known;
@@ -39,14 +39,9 @@ struct loader {
     index_writer writer;   // of the last bucket, when thing is not null
     uint64_t address = 0;  // of the next record in the bucket
     uint64_t slices_seen = 0;
-    std::vector<std::string> slices_before;
     unique_fd spool;  // of the pipe being loaded
 
     log_event_maker event;
-    load_totals totals;
-    progress shown;
-    uint64_t bytes_done = 0;  // of the files as they lie on the disk
-    uint64_t unchanged = 0;   // files with nothing new
 };
 
 // Opens the store and settles what earlier loads left. Throws tool_failure, as all of these do for the store's own

@@ -70,7 +70,7 @@ const char* metric_batch_add(metric_batch* batch, const metric_record& record) {
     return nullptr;
 }
 
-void metric_batch_write(metric_batch* batch, index_writer* writer, metric_totals* totals) {
+void metric_batch_write(metric_batch* batch, index_writer* writer, load_totals* totals) {
     std::stable_sort(batch->samples.begin(), batch->samples.end(), [](const metric_sample& a, const metric_sample& b) {
         return std::tie(a.set, a.time, a.milliseconds, a.name) < std::tie(b.set, b.time, b.milliseconds, b.name);
     });
@@ -91,10 +91,8 @@ void metric_batch_write(metric_batch* batch, index_writer* writer, metric_totals
             totals->refused += event.size();
             continue;
         }
-        totals->events++;
+        totals->add_event(txn.time);
         totals->samples += event.size();
-        totals->earliest = std::min(totals->earliest, txn.time);
-        totals->latest = std::max(totals->latest, txn.time);
     }
     *batch = {};
 }

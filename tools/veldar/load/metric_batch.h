@@ -12,6 +12,7 @@
 #include "tools/veldar/formats/metric_record.h"
 #include "tools/veldar/formats/text_table.h"
 #include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/load/progress.h"
 
 namespace veldar::tool {
 
@@ -30,14 +31,9 @@ struct metric_batch {
     std::string scratch;
 };
 
-struct metric_totals {
-    uint64_t samples = 0, events = 0, refused = 0;  // in the index; refused with their event
-    st_time_t earliest = INT32_MAX, latest = INT32_MIN;
-};
-
 // Takes the samples of a record that has a time. Returns null, or why none of them can be indexed.
 const char* metric_batch_add(metric_batch* batch, const metric_record& record);
 // Puts the batch into the index as events and empties it. Throws tool_failure.
-void metric_batch_write(metric_batch* batch, index_writer* writer, metric_totals* totals);
+void metric_batch_write(metric_batch* batch, index_writer* writer, load_totals* totals);
 
 }  // namespace veldar::tool

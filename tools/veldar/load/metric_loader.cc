@@ -1,8 +1,6 @@
 #include "tools/veldar/load/metric_loader.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -124,7 +122,7 @@ void write_batch(metric_loader* load, metric_file* file) {
     }
     if (!load->batch.samples.empty()) {
         open_writer(load);
-        metric_batch_write(&load->batch, &load->writer, &load->written);
+        metric_batch_write(&load->batch, &load->writer, &load->totals);
         index_writer_sync(&load->writer);
     }
     for (const metric_note& note : load->done) metric_notes_add(&load->notes, note);
@@ -190,10 +188,6 @@ void take_record(metric_loader* load, metric_file* file, std::span<char> bytes) 
     if (wrong != nullptr) refuse(load, file, wrong);
 }
 
-uint64_t disk_position(const metric_file& file) {
-    return file.input.gz != nullptr ? file.input.gz->in_offset : file.input.offset;
-}
-
 void take_records(metric_loader* load, metric_file* file) {
     std::span<char> bytes;
     bool too_long = false;
@@ -205,9 +199,7 @@ void take_records(metric_loader* load, metric_file* file) {
         }
         file->taken = file->reader.offset;
         if (load->batch.samples.size() >= load->options->batch_samples) write_batch(load, file);
-        if (file->line % SHOW_EVERY == 0) {
-            progress_show(&load->shown, load->bytes_done + disk_position(*file), load->written.events);
-        }
+        if (file->line % SHOW_EVERY == 0) load_show(load, file->input);
     }
 }
 
@@ -235,18 +227,6 @@ bool open_reader(metric_loader* load, metric_file* file, std::string* error) {
     file->reader = {};
     if (!line_reader_open(&file->reader, &file->input)) throw std::bad_alloc();
     return true;
-}
-
-void open_lock(metric_loader* load) {
-    const std::string path = load->directory + "/metrics.lock";
-    load->lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (!load->lock.valid()) fail_io("cannot open " + path, errno);
-    if (::flock(load->lock.get(), LOCK_EX | LOCK_NB) == 0) return;
-    std::fprintf(stderr, "veldar: waiting for another load into %s\n", load->directory.c_str());
-    while (::flock(load->lock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) fail_io("cannot lock " + path, errno);
-        if (tool_interrupted != 0) throw tool_failure{EXIT_INTERRUPTED, "interrupted, nothing was loaded"};
-    }
 }
 
 // A directory holds either events or metrics: the first slice with a sound header tells.
@@ -291,17 +271,11 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
     const std::vector<std::string> names = slice_names(directory);
     if (names.empty() && !options.no_fsync) tool_sync_name(directory);
     refuse_events(directory, names);
-    open_lock(load);
+    load->lock = tool_lock(directory + "/metrics.lock", directory);
     if (options.in_store) store_remove_leftovers(directory);
     metric_notes_open(&load->notes, directory, !options.no_fsync);
     load->slices_before = slice_names(directory);
-    uint64_t total = 0;
-    struct stat st;
-    for (const std::string& file : options.files) {
-        const bool regular = ::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-        total += regular ? static_cast<uint64_t>(st.st_size) : 0;
-    }
-    load->shown = progress_begin(total);
+    load_begin(load, options.files);
 }
 
 bool metric_loader_load(metric_loader* load, const std::string& path, std::string* error) {
@@ -332,10 +306,6 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
 void metric_loader_close(metric_loader* load) {
     write_batch(load, nullptr);
     index_writer_close(&load->writer);
-    load->totals.events = load->written.events;
-    load->totals.refused += load->written.refused;
-    load->totals.earliest = load->written.earliest;
-    load->totals.latest = load->written.latest;
     totals_add_slices(&load->totals, load->directory, load->slices_before);
 }
 

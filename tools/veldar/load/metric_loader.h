@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "tools/veldar/formats/metric_csv.h"
+#include "tools/veldar/load/load_files.h"
 #include "tools/veldar/load/metric_batch.h"
 #include "tools/veldar/load/metric_notes.h"
-#include "tools/veldar/load/progress.h"
 #include "tools/veldar/store/line_reader.h"
 #include "tools/veldar/store/troubles.h"
 
@@ -33,7 +33,7 @@ struct metric_load_options {
     bool no_optimize = false;
 };
 
-struct metric_loader {
+struct metric_loader : load_report {
     const metric_load_options* options = nullptr;
     std::string directory;
     unique_fd lock;
@@ -44,14 +44,7 @@ struct metric_loader {
     std::vector<metric_note> done;     // of files whose last samples are in the batch
     std::vector<metric_label> labels;  // of the options
     st_timeval_t now;
-    std::vector<std::string> slices_before;
-
-    metric_totals written;
-    load_totals totals;
-    progress shown;
     troubles trouble;
-    uint64_t bytes_done = 0;  // of the files as they lie on the disk
-    uint64_t unchanged = 0;   // files with nothing new
 };
 
 // Opens the directory, making it when it does not exist, and waits until no other load into it runs. Throws

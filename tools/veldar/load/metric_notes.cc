@@ -1,8 +1,6 @@
 #include "tools/veldar/load/metric_notes.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,8 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "tools/veldar/store/tool_failure.h"
-#include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -42,14 +39,24 @@ bool hash_head(int fd, uint64_t size, uint64_t* out, std::string* error) {
     return hash_up_to(&hash, fd, std::min(size, HEAD_SIZE), out, error);
 }
 
+uint64_t hash_text(std::string_view text) {
+    return XXH64(text.data(), text.size(), 0);
+}
+
 bool parse_note(std::string_view line, metric_note* note) {
-    for (uint64_t* const number : {&note->size, &note->hash, &note->head, &note->options, &note->offset}) {
+    const std::string_view whole = line;
+    uint64_t check = 0;
+    for (uint64_t* const number : {&note->size, &note->hash, &note->head, &note->options, &note->offset, &check}) {
+        const uint64_t before = hash_text(whole.substr(0, whole.size() - line.size()));
         const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), *number, 16);
         if (error != std::errc()) return false;
         line.remove_prefix(static_cast<size_t>(end - line.data()));
-        if (!line.empty()) line.remove_prefix(1);
+        if (number == &check) return line.empty() && check == before;
+        if (number == &note->offset && line.empty()) return true;
+        if (!line.starts_with(' ')) return false;
+        line.remove_prefix(1);
     }
-    return line.empty();
+    return false;
 }
 
 }  // namespace
@@ -64,19 +71,16 @@ file_hash::~file_hash() {
 }
 
 void metric_notes_open(metric_notes* notes, const std::string& directory, bool durable) {
-    notes->path = directory + "/metrics.loaded";
-    notes->durable = durable;
-    notes->fd.reset(::open(notes->path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    std::string content;
-    if (!notes->fd.valid() || !tool_read_file(notes->path, &content)) fail_io("cannot open " + notes->path, errno);
-    std::string_view rest = content;
-    for (size_t end; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
+    const std::string content = line_file_open(&notes->file, directory + "/metrics.loaded", durable);
+    uint64_t number = 1;
+    for (size_t at = 0, end; (end = content.find('\n', at)) != std::string::npos; at = end + 1, number++) {
         metric_note note;
-        if (parse_note(rest.substr(0, end), &note)) notes->notes.push_back(note);
-    }
-    notes->size = content.size() - rest.size();
-    if (!rest.empty() && ::ftruncate(notes->fd.get(), static_cast<off_t>(notes->size)) != 0) {
-        fail_io("cannot shorten " + notes->path, errno);
+        if (parse_note(std::string_view(content).substr(at, end - at), &note)) {
+            notes->notes.push_back(note);
+        } else {
+            say_trouble(notes->file.path + ": line " + std::to_string(number) +
+                        " is damaged: the file that it notes counts as not loaded");
+        }
     }
 }
 
@@ -110,11 +114,10 @@ bool metric_note_make(file_hash* hash, const log_input& input, uint64_t options,
 }
 
 void metric_notes_add(metric_notes* notes, const metric_note& note) {
-    const std::string line =
-        fmt::format("{:x} {:x} {:x} {:x} {:x}\n", note.size, note.hash, note.head, note.options, note.offset);
-    if (!tool_write_at(notes->fd.get(), line, notes->size)) fail_io("cannot write " + notes->path, errno);
-    if (notes->durable && ::fdatasync(notes->fd.get()) != 0) fail_io("cannot sync " + notes->path, errno);
-    notes->size += line.size();
+    std::string line =
+        fmt::format("{:x} {:x} {:x} {:x} {:x} ", note.size, note.hash, note.head, note.options, note.offset);
+    line += fmt::format("{:x}\n", hash_text(line));
+    line_file_add(&notes->file, line);
     notes->notes.push_back(note);
 }
 

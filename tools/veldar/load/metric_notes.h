@@ -2,11 +2,11 @@
 //
 // One line a note in "metrics.loaded", appended when the samples are in slices; an incomplete last line does not count:
 //
-//   <size> <hash> <head> <options> <offset>
+//   <size> <hash> <head> <options> <offset> <check>
 //
 // The first `size` bytes of the file as it lies on the disk have the XXH64 `hash` and the first 4096 of them (or all)
 // `head`; loaded with what `options` hashes, its first `offset` bytes (of the text, once decompressed) are in the
-// index. Numbers are hexadecimal.
+// index. Numbers are hexadecimal. `check` is the XXH64 of the line before it; lines of earlier versions have none.
 #pragma once
 
 #include <xxhash.h>
@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "libzero/resource.h"
 #include "tools/veldar/store/log_input.h"
+#include "tools/veldar/store/tool_file.h"
 
 namespace veldar::tool {
 
@@ -36,14 +36,12 @@ struct file_hash {
 };
 
 struct metric_notes {
-    std::string path;
-    unique_fd fd;
-    uint64_t size = 0;  // of the file
-    bool durable = true;
+    line_file file;
     std::vector<metric_note> notes;
 };
 
-// Opens the notes of a directory. Throws tool_failure, as do all of these for the notes' own file.
+// Opens the notes of a directory and says which of them are damaged. Throws tool_failure, as do all of these for the
+// notes' own file.
 void metric_notes_open(metric_notes* notes, const std::string& directory, bool durable);
 // How much of the input's text is in the index. False with a message when the input cannot be read.
 bool metric_notes_find(const metric_notes& notes, const log_input& input, uint64_t options, uint64_t* offset,

@@ -15,6 +15,7 @@
 #include "searchthing/format/warmslice_header.h"
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -57,6 +58,12 @@ std::string number_text(uint64_t number) {
         out.push_back(digits[i]);
     }
     return out;
+}
+
+void load_totals::add_event(st_time_t time) {
+    events++;
+    earliest = std::min(earliest, time);
+    latest = std::max(latest, time);
 }
 
 progress progress_begin(uint64_t total) {
@@ -130,7 +137,7 @@ void totals_add_slices(load_totals* totals, const std::string& directory, const 
     try {
         names = slice_names(directory);
     } catch (const tool_failure& failure) {  // the events are in the index, whatever can be told of its files
-        std::fprintf(stderr, "veldar: %s\n", failure.message.c_str());
+        say_trouble(failure.message);
     }
     for (const std::string& name : names) {
         if (std::binary_search(before.begin(), before.end(), name)) continue;

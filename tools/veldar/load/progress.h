@@ -16,11 +16,13 @@ struct progress {
 };
 
 struct load_totals {
-    uint64_t events = 0;
+    uint64_t events = 0, samples = 0;
     uint64_t bytes_in = 0;                            // of raw text, decompressed
     uint64_t index_bytes = 0, slices = 0, terms = 0;  // of the slices written
     uint64_t refused = 0;
     st_time_t earliest = INT32_MAX, latest = INT32_MIN;
+
+    void add_event(st_time_t time);
 };
 
 progress progress_begin(uint64_t total);

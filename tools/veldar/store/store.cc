@@ -62,42 +62,20 @@ std::string decode_name(std::string_view line) {
     return out;
 }
 
-// The whole lines of a dictionary; `size` is where they end.
-std::vector<std::string> decode_names(std::string_view content, uint64_t* size) {
+// The whole lines of a dictionary.
+std::vector<std::string> decode_names(std::string_view content) {
     std::vector<std::string> names;
     size_t at = 0;
     for (size_t end; (end = content.find('\n', at)) != std::string_view::npos; at = end + 1) {
         names.push_back(decode_name(content.substr(at, end - at)));
     }
-    *size = at;
     return names;
 }
 
 void open_dictionary(store_dictionary* dictionary, const std::string& path, bool durable) {
-    dictionary->path = path;
-    dictionary->durable = durable;
-    dictionary->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    std::string content;
-    if (!dictionary->fd.valid() || !tool_read_file(path, &content)) fail_io("cannot open " + path, errno);
-    dictionary->names = decode_names(content, &dictionary->size);
-    if (dictionary->size < content.size() &&
-        ::ftruncate(dictionary->fd.get(), static_cast<off_t>(dictionary->size)) != 0) {
-        fail_io("cannot shorten " + path, errno);
-    }
+    dictionary->names = decode_names(line_file_open(&dictionary->file, path, durable));
     for (size_t i = 0; i < dictionary->names.size(); i++) {
         dictionary->numbers.emplace(dictionary->names[i], static_cast<uint32_t>(i));
-    }
-}
-
-void lock_store(store* st) {
-    const std::string path = st->path + "/lock";
-    st->lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (!st->lock.valid()) fail_io("cannot open " + path, errno);
-    if (::flock(st->lock.get(), LOCK_EX | LOCK_NB) == 0) return;
-    std::fprintf(stderr, "veldar: waiting for another load into %s\n", st->path.c_str());
-    while (::flock(st->lock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) fail_io("cannot lock " + path, errno);
-        if (tool_interrupted != 0) throw tool_failure{EXIT_INTERRUPTED, "interrupted, nothing was loaded"};
     }
 }
 
@@ -196,8 +174,7 @@ std::vector<std::string> store_bucket_directories(const std::string& path) {
 bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names) {
     std::string content;
     if (!tool_read_file(path + "/" + dictionary, &content)) return false;
-    uint64_t size;
-    *names = decode_names(content, &size);
+    *names = decode_names(content);
     return true;
 }
 
@@ -249,7 +226,7 @@ void store_open_for_load(store* st, const std::string& path, bool durable) {
     st->path = path;
     st->durable = durable;
     store_make(path, durable);
-    lock_store(st);
+    st->lock = tool_lock(st->path + "/lock", st->path);
     open_dictionary(&st->sources, path + "/sources", durable);
     open_dictionary(&st->sourcetypes, path + "/sourcetypes", durable);
     open_dictionary(&st->hosts, path + "/hosts", durable);
@@ -278,14 +255,7 @@ store_bucket* store_add_bucket(store* st) {
 uint32_t store_number(store_dictionary* dictionary, const std::string& name) {
     const auto known = dictionary->numbers.find(name);
     if (known != dictionary->numbers.end()) return known->second;
-    const std::string line = encode_name(name) + "\n";
-    if (!tool_write_at(dictionary->fd.get(), line, dictionary->size)) {
-        fail_io("cannot write " + dictionary->path, errno);
-    }
-    if (dictionary->durable && ::fdatasync(dictionary->fd.get()) != 0) {
-        fail_io("cannot sync " + dictionary->path, errno);
-    }
-    dictionary->size += line.size();
+    line_file_add(&dictionary->file, encode_name(name) + "\n");
     const uint32_t number = static_cast<uint32_t>(dictionary->names.size());
     dictionary->names.push_back(name);
     dictionary->numbers.emplace(name, number);

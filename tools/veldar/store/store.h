@@ -21,8 +21,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "libzero/resource.h"
 #include "tools/veldar/store/source_map.h"
+#include "tools/veldar/store/tool_file.h"
 
 namespace veldar::tool {
 
@@ -30,10 +30,7 @@ namespace veldar::tool {
 inline constexpr char STORE_METRICS[] = "metrics";
 
 struct store_dictionary {
-    std::string path;
-    unique_fd fd;  // writers only
-    uint64_t size = 0;
-    bool durable = true;
+    line_file file;
     std::vector<std::string> names;
     std::unordered_map<std::string, uint32_t> numbers;
 };

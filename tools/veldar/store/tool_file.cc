@@ -1,15 +1,16 @@
 #include "tools/veldar/store/tool_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
-#include "libzero/resource.h"
 #include "searchthing/directory/tsidx_list.h"
 #include "tools/veldar/store/tool_failure.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -109,6 +110,38 @@ bool tool_replace_file(const std::string& path, std::string_view content, bool d
     }
     const size_t slash = path.rfind('/');
     return !durable || tool_sync_directory(slash == std::string::npos ? "." : path.substr(0, slash + 1));
+}
+
+unique_fd tool_lock(const std::string& path, const std::string& directory) {
+    unique_fd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!lock.valid()) fail_io("cannot open " + path, errno);
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
+    say_trouble("waiting for another load into " + directory);
+    while (::flock(lock.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) fail_io("cannot lock " + path, errno);
+        if (tool_interrupted != 0) throw tool_failure{EXIT_INTERRUPTED, "interrupted, nothing was loaded"};
+    }
+    return lock;
+}
+
+std::string line_file_open(line_file* file, const std::string& path, bool durable) {
+    file->path = path;
+    file->durable = durable;
+    file->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    std::string content;
+    if (!file->fd.valid() || !tool_read_file(path, &content)) fail_io("cannot open " + path, errno);
+    file->size = content.rfind('\n') + 1;
+    if (file->size < content.size() && ::ftruncate(file->fd.get(), static_cast<off_t>(file->size)) != 0) {
+        fail_io("cannot shorten " + path, errno);
+    }
+    content.resize(file->size);
+    return content;
+}
+
+void line_file_add(line_file* file, std::string_view line) {
+    if (!tool_write_at(file->fd.get(), line, file->size)) fail_io("cannot write " + file->path, errno);
+    if (file->durable && ::fdatasync(file->fd.get()) != 0) fail_io("cannot sync " + file->path, errno);
+    file->size += line.size();
 }
 
 }  // namespace veldar::tool

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "libzero/resource.h"
+
 namespace veldar::tool {
 
 // Set by the handler of SIGINT and SIGTERM: finish what is begun, save the progress and end.
@@ -36,5 +38,20 @@ void tool_make_directory(const std::string& path);
 void tool_sync_name(const std::string& directory);
 // Writes a file beside `path` and renames it into place. False with errno set; the old file is then as it was.
 [[nodiscard]] bool tool_replace_file(const std::string& path, std::string_view content, bool durable);
+
+// Opens a lock file and waits until this process alone holds it, saying so. Throws tool_failure, also when interrupted.
+unique_fd tool_lock(const std::string& path, const std::string& directory);
+
+// A file of lines that only grows; what a killed writer left of a line is cut off.
+struct line_file {
+    std::string path;
+    unique_fd fd;       // writers only
+    uint64_t size = 0;  // of its whole lines
+    bool durable = true;
+};
+// Opens it, making it when it does not exist, and returns its whole lines. Throws tool_failure, as does the other.
+std::string line_file_open(line_file* file, const std::string& path, bool durable);
+// `line` ends with a newline.
+void line_file_add(line_file* file, std::string_view line);
 
 }  // namespace veldar::tool
