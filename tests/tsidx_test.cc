@@ -9,7 +9,7 @@
 #include <string>
 
 #include "searchthing/directory/tsidx_params.h"
-#include "searchthing/slice/warmslice_values.h"
+#include "searchthing/values/values_writer.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"

@@ -8,6 +8,8 @@ namespace veldar {
 using st_time_t = int32_t;  // seconds since the epoch
 using st_encoded_subsecond_t = uint64_t;
 
+inline constexpr uint32_t NANOSECONDS_PER_MILLISECOND = 1000000;
+
 struct st_timeval_t {
     st_time_t time_s = 0;
     uint64_t time_ns = 0;  // normally below 1000000000

@@ -168,12 +168,6 @@ int st_dimset_create(uint8_t* buffer, uint64_t size, const ds_dimset_t* const* s
     return 0;
 }
 
-void ds_init_values_preamble(st_tsval* preamble, uint32_t first, uint32_t count) {
-    std::memset(static_cast<void*>(preamble), 0, sizeof *preamble);
-    preamble->time = static_cast<st_time_t>(first);
-    preamble->address = count;
-}
-
 void ds_dimset_print(std::FILE* stream, const ds_dimset_t* ds, uint32_t id, int verbosity) {
     std::fprintf(stream, "\tdsid=%" PRIu32, id);
     if (ds->_num_words < DS_MIN_WORDS) {

@@ -31,9 +31,9 @@
 #include <span>
 
 #include "libzero/endian.h"
-#include "searchthing/values/tsval.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/warmslice_header.h"
+#include "searchthing/values/tsval.h"
 
 namespace veldar {
 
@@ -111,9 +111,6 @@ inline uint64_t st_dimsets_size(uint32_t num_dimsets, uint32_t num_words) {
 // Writes a whole section of `n` ordered sets into a buffer of `size` bytes on an 8-byte boundary (asserted): 0, or -15
 // when it does not fit.
 [[nodiscard]] int st_dimset_create(uint8_t* buffer, uint64_t size, const ds_dimset_t* const* sets, uint32_t n);
-
-// Makes a value record of a preamble: the first value of a run, and the length of the run.
-void ds_init_values_preamble(st_tsval* preamble, uint32_t first, uint32_t count);
 
 // One line for people: the id, the words, and at a verbosity above 2 dimensions and columns apart.
 void ds_dimset_print(std::FILE* stream, const ds_dimset_t* ds, uint32_t id, int verbosity);

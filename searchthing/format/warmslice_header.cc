@@ -88,7 +88,6 @@ uint32_t warm_header_meta_nbits(const st_warm_slice_body* h) {
 }
 
 uint32_t warm_header_seek_addr_nbits(const st_warm_slice_body* h) {
-    constexpr uint32_t MILLISECOND_NBITS = 10;  // 0 to 999
     if (warm_header_is_enabled(h, WARM_FLAG_PREAMBLES)) {
         const bool subseconds =
             warm_header_is_enabled(h, WARM_FLAG_MS_REQUESTED) && warm_header_is_enabled(h, WARM_FLAG_MS_PRESENT);

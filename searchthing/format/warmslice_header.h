@@ -77,8 +77,8 @@
 
 #include "libzero/endian.h"
 #include "libzero/resource.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/format/tsidx_names.h"
 
 namespace veldar {
 
@@ -112,6 +112,8 @@ static_assert(offsetof(st_warm_slice_body, earliest) == 60 && offsetof(st_warm_s
 static_assert(offsetof(st_warm_slice_body, cstore_ref) == 88 && offsetof(st_warm_slice_body, num_dimsets) == 96);
 
 inline constexpr size_t WARM_HEADER_MAX_SIZE = 120;
+inline constexpr uint32_t MAX_COMPANION_NBITS = 31;  // an entry of 32 bits decodes as 0, so none is made that wide
+inline constexpr uint32_t MILLISECOND_NBITS = 10;    // of the second packed field where it holds 0 to 999 milliseconds
 
 enum warm_flag_t : uint64_t {
     WARM_FLAG_PLO_TAG1 = 0x1,

@@ -8,8 +8,8 @@
 
 #include "libzero/assertions.h"
 #include "libzero/vbe.h"
-#include "searchthing/lexicon/fclex.h"
 #include "searchthing/hot/hotslice_internal.h"
+#include "searchthing/lexicon/fclex.h"
 
 namespace veldar {
 
@@ -119,15 +119,6 @@ st_hotput_rc_t put_metric_keyword(st_hot_slice& hot, const char* keyword, size_t
     const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
     if (std::memchr(keyword, '\0', kept) != nullptr) return HOT_PUT_RC_BAD_KEYWORD;
     return hot_metrics_put(hot, keyword, kept, txn);
-}
-
-template <typename field_t>
-field_t get_largest(const HOT* hot, field_t st_tsval::*field) {
-    field_t largest = 0;
-    for (uint32_t slot = st_hot_slice_value_begin(hot); slot < st_hot_slice_value_end(hot); slot++) {
-        largest = std::max(largest, hot->values[slot].*field);
-    }
-    return largest;
 }
 
 int check_limits(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
@@ -452,18 +443,12 @@ bool st_hot_slice_is_streaming(const HOT* hot) {
     return hot->fills_downward();
 }
 
-uint32_t get_largest_source(const HOT* hot) {
-    return get_largest(hot, &st_tsval::s);
-}
-uint32_t get_largest_source_type(const HOT* hot) {
-    return get_largest(hot, &st_tsval::st);
-}
-uint32_t get_largest_host(const HOT* hot) {
-    return get_largest(hot, &st_tsval::h);
-}
-double get_largest_measure(const HOT* hot) {
-    ST_ASSERT(!hot->is_msidx);
-    return get_largest(hot, &st_tsval::measure);
+value_ranges_t hot_slice_value_ranges(const HOT* hot) {
+    value_ranges_t ranges;
+    for (uint32_t slot = st_hot_slice_value_begin(hot); slot < st_hot_slice_value_end(hot); slot++) {
+        ranges.add(hot->values[slot]);
+    }
+    return ranges;
 }
 
 uint64_t st_hot_slice_size(const HOT* hot) {

@@ -29,10 +29,10 @@
 #include <span>
 #include <string_view>
 
+#include "searchthing/base/warm_rc.h"
 #include "searchthing/columns/dimset.h"
 #include "searchthing/format/tsidx_names.h"
-#include "searchthing/values/tsval.h"
-#include "searchthing/base/warm_rc.h"
+#include "searchthing/values/values_writer.h"
 
 namespace veldar {
 
@@ -110,11 +110,7 @@ uint32_t st_hot_slice_values(const HOT* hot);
 uint32_t st_hot_slice_value_begin(const HOT* hot);  // first live value slot
 uint32_t st_hot_slice_value_end(const HOT* hot);    // one past the last
 bool st_hot_slice_is_streaming(const HOT* hot);
-// The largest value of a field over all values, 0 when there is none.
-uint32_t get_largest_source(const HOT* hot);
-uint32_t get_largest_source_type(const HOT* hot);
-uint32_t get_largest_host(const HOT* hot);
-double get_largest_measure(const HOT* hot);
+value_ranges_t hot_slice_value_ranges(const HOT* hot);
 // Bytes held, and an estimate of them before creation; `x` and `y` are dimension-set words and measures, 0 outside
 // metrics.
 uint64_t st_hot_slice_size(const HOT* hot);

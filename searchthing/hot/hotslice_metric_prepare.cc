@@ -9,8 +9,6 @@ namespace veldar {
 
 namespace {
 
-constexpr uint64_t NANOSECONDS_PER_MILLISECOND = 1000000;
-
 uint32_t set_id(const hot_metrics_t& metrics, const ds_dimset_t* set) {
     return static_cast<uint32_t>(ds_dimset_words(set) - metrics.dimsets.data());
 }
@@ -44,7 +42,8 @@ void settle_values(st_hot_slice& hot) {
         result.earliest = first ? value.time : std::min(result.earliest, value.time);
         value.address = metrics.dimsets_map[value.address];
         if (metrics.milliseconds == HOT_MS_ENCODED) {
-            value.subsecond = tsval_decode_subsecond_to_millisecond(value.subsecond) * NANOSECONDS_PER_MILLISECOND;
+            value.subsecond =
+                uint64_t{NANOSECONDS_PER_MILLISECOND} * tsval_decode_subsecond_to_millisecond(value.subsecond);
         }
     }
     if (metrics.milliseconds == HOT_MS_ENCODED) metrics.milliseconds = HOT_MS_DECODED;

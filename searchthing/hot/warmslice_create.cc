@@ -14,16 +14,13 @@
 #include "libzero/osfile.h"
 #include "libzero/vbe.h"
 #include "searchthing/hot/warmslice_create_internal.h"
-#include "searchthing/slice/warmslice_values.h"
+#include "searchthing/values/values_writer.h"
 
 namespace veldar {
 
 namespace {
 
 constexpr uint32_t TERMS_PER_BLOCK = 8;
-
-// An entry of 32 bits decodes as 0, so no companion array is made that wide.
-constexpr uint32_t MAX_COMPANION_NBITS = 31;
 
 // A posting's number takes at most 5 bytes; one more is kept free.
 constexpr uint64_t POSTING_ROOM = 6;
@@ -46,45 +43,16 @@ const char* magic_of_level(uint32_t level) {
     }
 }
 
-struct companion_widths {
-    uint32_t m, s, st, h;
-};
-
-uint32_t width_of(uint32_t largest) {
-    return std::min(log2n(largest), MAX_COMPANION_NBITS);
-}
-
-// The s of a deleted event is left out of the s width: readers restore it from the d bit.
-companion_widths choose_widths(const HOT* hot) {
-    uint32_t largest_source = get_largest_source(hot);
-    if (largest_source == ST_DELETED_SOURCE) {
-        largest_source = 0;
-        for (uint32_t number = 0; number < st_hot_slice_values(hot); number++) {
-            const uint32_t source = hot_slice_prepared_value(hot, number)->s;
-            if (source != ST_DELETED_SOURCE) largest_source = std::max(largest_source, source);
-        }
-    }
-    return {.m = hot_slice_is_msidx(hot) ? 0 : width_of(tsval_clamp_measure(get_largest_measure(hot))),
-            .s = width_of(largest_source),
-            .st = width_of(get_largest_source_type(hot)),
-            .h = width_of(get_largest_host(hot))};
-}
-
 // Fills what the header has on disk: in the shorter headers, values begin where the later fields would be.
 int fill_header(st_warm_slice_body* header, const HOT* hot, const TSWRITEOPTS* opts, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     const bool is_msidx = hot_slice_is_msidx(hot);
     warm_header_init(header, is_msidx ? "_MSIDX4" : magic_of_level(opts->write_level));
-    const uint32_t num_values = prepared.num_dimsets + prepared.num_values;
-    header->num_values.set(num_values);
     header->num_postings.set(prepared.num_postings);
     header->num_terms.set(prepared.num_terms);
-    const companion_widths widths = choose_widths(hot);
-    ST_TRY(warm_slice_set_companion(&header->m_size, &header->m_nbits, num_values, widths.m, rc));
-    ST_TRY(warm_slice_set_companion(&header->s_size, &header->s_nbits, num_values, widths.s, rc));
-    ST_TRY(warm_slice_set_companion(&header->st_size, &header->st_nbits, num_values, widths.st, rc));
-    ST_TRY(warm_slice_set_companion(&header->h_size, &header->h_nbits, num_values, widths.h, rc));
-    ST_TRY(warm_slice_set_companion(&header->d_size, &header->d_nbits, num_values, 1, rc));
+    companion_widths_t widths = values_companion_widths(hot_slice_value_ranges(hot));
+    if (is_msidx) widths.m = 0;
+    ST_TRY(values_set_header(header, prepared.num_dimsets + prepared.num_values, widths, rc));
     if (warm_header_is_legacy(header)) return 0;
     header->earliest.set(static_cast<uint32_t>(prepared.earliest));
     header->latest.set(static_cast<uint32_t>(prepared.latest));
@@ -130,14 +98,18 @@ int allocate_slice(WARM* warm, const st_warm_slice_body* header, const HOT* hot,
 }
 
 // Values in their final order, and their times apart, for the terms' metadata.
-void store_values(WARM* warm, const HOT* hot, buffer<uint32_t>* times) {
+int store_values(WARM* warm, const HOT* hot, buffer<uint32_t>* times, warm_rc_t* rc) {
     const uint32_t count = hot_slice_prepared(hot)->num_values;
+    if (!times->alloc(count)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
+    values_writer_t writer;
+    ST_TRY(values_writer_open(&writer, warm->body, -1, warm->owned.data(), rc));
     for (uint32_t number = 0; number < count; number++) {
         const st_tsval* value = hot_slice_prepared_value(hot, number);
         ST_ASSERT(number == 0 || static_cast<st_time_t>((*times)[number - 1]) >= value->time);
         (*times)[number] = static_cast<uint32_t>(value->time);
-        _encode_tsval(warm, number, value);
+        ST_TRY(values_writer_put(&writer, *value, rc));
     }
+    return values_writer_close(&writer, rc);
 }
 
 int store_lexicon(WARM* warm, const hot_prepared_t& prepared, warm_rc_t* rc) {
@@ -242,12 +214,7 @@ int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, create_metr
         lists.postings = metrics->postings.span();
     }
     ST_TRY(allocate_slice(warm, &header, hot, lists, rc));
-    if (metrics != nullptr) {
-        ST_TRY(ds_store_values_from_prepared_hot(warm, hot, rc));
-    } else {
-        if (!times.alloc(prepared.num_values)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
-        store_values(warm, hot, &times);
-    }
+    ST_TRY(metrics != nullptr ? ds_store_values_from_prepared_hot(warm, hot, rc) : store_values(warm, hot, &times, rc));
     ST_TRY(store_lexicon(warm, prepared, rc));
     ST_TRY(store_postings(warm, hot, lists, times, used, rc));
     return metrics == nullptr ? 0 : create_metrics_dimsets(warm, hot, used, rc);

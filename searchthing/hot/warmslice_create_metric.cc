@@ -4,16 +4,13 @@
 #include <algorithm>
 
 #include "libzero/assertions.h"
-#include "libzero/endian.h"
-#include "libzero/vbe.h"
 #include "searchthing/columns/dimset_io.h"
 #include "searchthing/hot/warmslice_create_internal.h"
+#include "searchthing/values/values_writer.h"
 
 namespace veldar {
 
 namespace {
-
-constexpr uint64_t NANOSECONDS_PER_MILLISECOND = 1000000;
 
 uint32_t run_of(const hot_prepared_t& prepared, const st_tsval* value) {
     return prepared.num_dimsets - 1 - value->address;
@@ -50,32 +47,19 @@ int map_postings(buffer<uint32_t>* out, const HOT* hot, warm_rc_t* rc) {
     return 0;
 }
 
-void store_preamble(uint8_t* values, uint32_t run, uint32_t first, uint32_t count) {
-    st_tsval preamble;
-    ds_init_values_preamble(&preamble, first, count);
-    store_le32(values + 8 * uint64_t{run}, static_cast<uint32_t>(preamble.time));
-    store_le32(values + 8 * uint64_t{run} + 4, preamble.address);
-}
-
-void store_preambles(uint8_t* values, const HOT* hot) {
+int put_preambles(values_writer_t* writer, const HOT* hot, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     const uint32_t sets = prepared.num_dimsets;
-    for (uint32_t first = 0, end = 0; first < prepared.num_values; first = end) {
-        const uint32_t run = run_of(prepared, hot_slice_prepared_value(hot, first));
+    uint32_t run = 0;
+    for (uint32_t first = 0, end = 0; first < prepared.num_values; first = end, run++) {
         do {
+            ST_ASSERT(run_of(prepared, hot_slice_prepared_value(hot, end)) == run);
             end++;
         } while (end < prepared.num_values && run_of(prepared, hot_slice_prepared_value(hot, end)) == run);
-        store_preamble(values, run, sets + first, end - first);
+        ST_TRY(values_writer_put_preamble(writer, sets + first, end - first, rc));
     }
-}
-
-void store_companions(WARM* warm, uint32_t id, const st_tsval& value) {
-    const tsval_reader_t& reader = warm->tsval_reader;
-    // Metric slices have no deletes.
-    const uint32_t source = value.s == ST_DELETED_SOURCE ? 0 : value.s;
-    if (reader.s.nbits != 0) encode_to_byte_str(warm->s_array, source, id, reader.s.nbits);
-    if (reader.st.nbits != 0) encode_to_byte_str(warm->st_array, value.st, id, reader.st.nbits);
-    if (reader.h.nbits != 0) encode_to_byte_str(warm->h_array, value.h, id, reader.h.nbits);
+    ST_ASSERT(run == sets);
+    return 0;
 }
 
 }  // namespace
@@ -95,22 +79,15 @@ int create_metrics_open(create_metrics_t* metrics, const HOT* hot, st_warm_slice
 
 int ds_store_values_from_prepared_hot(WARM* warm, const HOT* hot, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
-    const tsval_reader_t& reader = warm->tsval_reader;
-    uint8_t* const values = warm->owned.data() + reader.values_offset;
-    store_preambles(values, hot);
-    const uint64_t packed_words = reader.memory.size() / sizeof(uint64_t) - prepared.num_dimsets;
-    auto* const words = reinterpret_cast<uint64_t*>(values) + prepared.num_dimsets;
-    bitpack_writer_t packed;
-    bp_writer_open(&packed, -1, words, packed_words, 0);
+    values_writer_t writer;
+    ST_TRY(values_writer_open(&writer, warm->body, -1, warm->owned.data(), rc));
+    ST_TRY(put_preambles(&writer, hot, rc));
     for (uint32_t number = 0; number < prepared.num_values; number++) {
-        const st_tsval& value = *hot_slice_prepared_value(hot, number);
-        const uint32_t time = static_cast<uint32_t>(value.time) - reader.time_base;
-        const auto milliseconds = static_cast<uint32_t>(value.subsecond / NANOSECONDS_PER_MILLISECOND);
-        ST_TRY(bp_writer_append(&packed, time, reader.time_nbits, rc));
-        ST_TRY(bp_writer_append(&packed, reader.addr_nbits == 0 ? 0 : milliseconds, reader.addr_nbits, rc));
-        store_companions(warm, prepared.num_dimsets + number, value);
+        st_tsval value = *hot_slice_prepared_value(hot, number);
+        value.address = static_cast<uint32_t>(value.subsecond);
+        ST_TRY(values_writer_put(&writer, value, rc));
     }
-    return bp_writer_close(&packed, rc);
+    return values_writer_close(&writer, rc);
 }
 
 uint64_t create_metrics_dimsets_size(const HOT* hot) {

@@ -5,7 +5,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/merge/merge_internal.h"
 #include "searchthing/merge/merge_lists.h"
-#include "searchthing/slice/warmslice_values.h"
+#include "searchthing/values/values_writer.h"
 
 namespace veldar {
 
@@ -15,7 +15,7 @@ namespace {
 // nothing. Creation gives every array at least one bit a value, also where all are 0.
 uint32_t used_nbits(const tsval_companion_t& array) {
     const bool any = std::any_of(array.bytes.begin(), array.bytes.end(), [](uint8_t byte) { return byte != 0; });
-    return array.nbits > 31 || !any ? 0 : array.nbits;
+    return array.nbits > MAX_COMPANION_NBITS || !any ? 0 : array.nbits;
 }
 
 int merge_dimsets(warm_merge_t* merge, warm_rc_t* rc) {
@@ -102,13 +102,8 @@ int merge_metric_plan(warm_merge_t* merge, warm_rc_t* rc) {
     const auto values = static_cast<uint32_t>(total);
     st_warm_slice_body* const header = &merge->header;
     merge->totals.values = values;
-    header->num_values.set(values);
     header->num_dimsets.set(new_runs);
-    ST_TRY(warm_slice_set_companion(&header->m_size, &header->m_nbits, values, 0, rc));
-    ST_TRY(warm_slice_set_companion(&header->s_size, &header->s_nbits, values, s, rc));
-    ST_TRY(warm_slice_set_companion(&header->st_size, &header->st_nbits, values, st, rc));
-    ST_TRY(warm_slice_set_companion(&header->h_size, &header->h_nbits, values, h, rc));
-    return warm_slice_set_companion(&header->d_size, &header->d_nbits, values, 1, rc);
+    return values_set_header(header, values, {.m = 0, .s = s, .st = st, .h = h}, rc);
 }
 
 st_term_metadata merge_metric_count(const merge_metric_t& metric, const merge_list_t& list) {

@@ -4,6 +4,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/merge/merge_internal.h"
+#include "searchthing/merge/merge_leader.h"
 
 namespace veldar {
 
@@ -77,12 +78,11 @@ struct run_follower {
     }
 };
 
-// One column: the elements of all sources that have it, in the order of merged value numbers. Within a run sources
-// seldom overlap, so the first one goes on until it passes the second.
+// One column: the elements of all sources that have it, in the order of merged value numbers.
 int merge_column(std::span<cstore_context_t* const> sources, uint32_t rank, const buffer<merge_metric_run_t>& runs,
                  cs_builder_t* builder, warm_rc_t* rc) {
     std::vector<cstore_context_t*> live;
-    const auto later = [](const cstore_context_t* a, const cstore_context_t* b) { return a->value_no > b->value_no; };
+    const auto before = [](const cstore_context_t& a, const cstore_context_t& b) { return a.value_no < b.value_no; };
     ST_TRY(cs_add_columnset(builder, rank, rc));
     for (cstore_context_t* context : sources) {
         const uint32_t term = context->reader.entries[context->next_column++].term_id;
@@ -90,26 +90,14 @@ int merge_column(std::span<cstore_context_t* const> sources, uint32_t rank, cons
         ST_TRY(cset_reader_open(&context->column, &context->reader, term, nullptr, rc));
         bool ended = false;
         ST_TRY(next_element(context, &ended, rc));
-        if (!ended) live.push_back(context);
+        if (!ended) merge_place(&live, context, before);
     }
-    std::make_heap(live.begin(), live.end(), later);
     run_follower follower{runs};
-    while (!live.empty()) {
-        std::pop_heap(live.begin(), live.end(), later);
-        cstore_context_t* const context = live.back();
-        bool ended = false;
-        do {
-            const bool changed = follower.changed(context->value_no);
-            ST_TRY(cs_add_element(builder, rank, context->value_no, changed, context->value, rc));
-            ST_TRY(next_element(context, &ended, rc));
-        } while (!ended && (live.size() == 1 || context->value_no < live.front()->value_no));
-        if (ended) {
-            live.pop_back();
-        } else {
-            std::push_heap(live.begin(), live.end(), later);
-        }
-    }
-    return 0;
+    return merge_by_leader(&live, before, [&](cstore_context_t* context, bool* ended) {
+        const bool changed = follower.changed(context->value_no);
+        ST_TRY(cs_add_element(builder, rank, context->value_no, changed, context->value, rc));
+        return next_element(context, ended, rc);
+    });
 }
 
 int _merge_cstore(warm_merge_t* merge, cs_builder_t* builder, warm_rc_t* rc) {

@@ -3,13 +3,12 @@
 
 #include "libzero/assertions.h"
 #include "searchthing/merge/merge_internal.h"
-#include "searchthing/values/tsval.h"
+#include "searchthing/merge/merge_leader.h"
+#include "searchthing/values/values_writer.h"
 
 namespace veldar {
 
 namespace {
-
-constexpr uint32_t COMPANION_WORDS = 4096;
 
 // Where a source stands: at a value of the run that is being made.
 struct run_cursor_t {
@@ -27,45 +26,9 @@ bool is_before(const run_cursor_t& a, const run_cursor_t& b) {
     return a.source < b.source;
 }
 
-struct metric_sections_t {
-    tsval_writer_t values;
-    buffer<uint64_t> words;
-    bitpack_writer_t s, st, h;
-};
-
-int put_companions(metric_sections_t* out, const st_warm_slice_body& header, const st_tsval& value, warm_rc_t* rc) {
-    // Metric slices have no deletes.
-    const uint32_t source = value.s == ST_DELETED_SOURCE ? 0 : value.s;
-    ST_TRY(bp_writer_append(&out->s, source, header.s_nbits.get(), rc));
-    ST_TRY(bp_writer_append(&out->st, value.st, header.st_nbits.get(), rc));
-    return bp_writer_append(&out->h, value.h, header.h_nbits.get(), rc);
-}
-
-int open_sections(metric_sections_t* out, const st_warm_slice_body& header, int fd, warm_rc_t* rc) {
-    const warm_section_offsets_t at = warm_header_section_offsets(&header);
-    ST_TRY(tsval_writer_open(fd, &out->values, &header, rc));
-    if (!out->words.alloc(3 * COMPANION_WORDS)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "companion buffers");
-    uint64_t* words = out->words.data();
-    const std::pair<bitpack_writer_t*, uint64_t> arrays[] = {{&out->s, at.s}, {&out->st, at.st}, {&out->h, at.host}};
-    for (const auto& [array, offset] : arrays) {
-        bp_writer_open(array, fd, words, COMPANION_WORDS, offset / sizeof(uint64_t));
-        words += COMPANION_WORDS;
-    }
-    // Preambles have entries as well; those of the d array, like its others, are the file's own zeros.
-    st_tsval none = {};
-    for (uint32_t run = 0; run < header.num_dimsets.get(); run++) ST_TRY(put_companions(out, header, none, rc));
-    return 0;
-}
-
-int close_sections(metric_sections_t* out, warm_rc_t* rc) {
-    ST_TRY(tsval_writer_close(&out->values, rc));
-    for (bitpack_writer_t* array : {&out->s, &out->st, &out->h}) ST_TRY(bp_writer_close(array, rc));
-    return 0;
-}
-
 class run_merger {
   public:
-    run_merger(warm_merge_t* merge, metric_sections_t* out, warm_rc_t* rc) : merge_(merge), out_(out), rc_(rc) {}
+    run_merger(warm_merge_t* merge, values_writer_t* out, warm_rc_t* rc) : merge_(merge), out_(out), rc_(rc) {}
 
     int run();
 
@@ -82,14 +45,10 @@ class run_merger {
     int begin_run(run_cursor_t* cursor);
     int step(run_cursor_t* cursor);
     int put(const run_cursor_t& cursor);
-    void place(run_cursor_t* cursor) {
-        const auto later = [&](const run_cursor_t* other) { return is_before(*cursor, *other); };
-        live_.insert(std::find_if(live_.begin(), live_.end(), later), cursor);
-    }
     int merge_run();
 
     warm_merge_t* merge_;
-    metric_sections_t* out_;
+    values_writer_t* out_;
     warm_rc_t* rc_;
     std::vector<run_cursor_t*> live_;  // sources inside the run that is being made, the next value first
     uint32_t next_value_ = 0;
@@ -102,7 +61,7 @@ int run_merger::begin_run(run_cursor_t* cursor) {
     cursor->end = run.first + run.count;
     ST_TRY(load(cursor));
     metric(*cursor).spans[cursor->next_run - 1].latest = cursor->value.time;
-    place(cursor);
+    merge_place(&live_, cursor, is_before);
     return 0;
 }
 
@@ -113,8 +72,7 @@ int run_merger::put(const run_cursor_t& cursor) {
     if (run_.count++ == 0) run_.latest = cursor.value.time;
     run_.earliest = cursor.value.time;
     run_.end = next_value_;
-    ST_TRY(tsval_writer_put(&out_->values, &cursor.value, rc_));
-    return put_companions(out_, merge_->header, cursor.value, rc_);
+    return values_writer_put(out_, cursor.value, rc_);
 }
 
 // The next value of the cursor's run, which has one.
@@ -129,24 +87,12 @@ int run_merger::step(run_cursor_t* cursor) {
     return 0;
 }
 
-// Sources seldom overlap, so the first one goes on until it passes the second.
 int run_merger::merge_run() {
-    while (!live_.empty()) {
-        run_cursor_t* const cursor = live_.front();
-        for (;;) {
-            ST_TRY(put(*cursor));
-            if (cursor->number + 1 == cursor->end) {
-                live_.erase(live_.begin());
-                break;
-            }
-            ST_TRY(step(cursor));
-            if (live_.size() == 1 || is_before(*cursor, *live_[1])) continue;
-            live_.erase(live_.begin());
-            place(cursor);
-            break;
-        }
-    }
-    return 0;
+    return merge_by_leader(&live_, is_before, [this](run_cursor_t* cursor, bool* ended) {
+        ST_TRY(put(*cursor));
+        *ended = cursor->number + 1 == cursor->end;
+        return *ended ? 0 : step(cursor);
+    });
 }
 
 int run_merger::run() {
@@ -171,7 +117,7 @@ int run_merger::run() {
         for (run_cursor_t* cursor : taken) ST_TRY(begin_run(cursor));
         run_ = {};
         ST_TRY(merge_run());
-        ST_TRY(tsval_writer_put_preamble(&out_->values, run_.end - run_.count, run_.count, rc_));
+        ST_TRY(values_writer_put_preamble(out_, run_.end - run_.count, run_.count, rc_));
         merge_->metric->runs[number] = run_;
         for (run_cursor_t* cursor : taken) {
             if (!more_runs(*cursor)) continue;
@@ -192,10 +138,10 @@ int merge_metric_values_write(warm_merge_t* merge, int fd, warm_rc_t* rc) {
     if (!merge->metric->runs.alloc(merge->header.num_dimsets.get())) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "runs of a merge");
     }
-    metric_sections_t out;
-    ST_TRY(open_sections(&out, merge->header, fd, rc));
+    values_writer_t out;
+    ST_TRY(values_writer_open(&out, &merge->header, fd, nullptr, rc));
     ST_TRY(run_merger(merge, &out, rc).run());
-    return close_sections(&out, rc);
+    return values_writer_close(&out, rc);
 }
 
 }  // namespace veldar

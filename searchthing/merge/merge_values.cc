@@ -6,19 +6,12 @@
 #include <vector>
 
 #include "libzero/assertions.h"
-#include "libzero/endian.h"
-#include "libzero/vbe.h"
-#include "searchthing/slice/warmslice_values.h"
+#include "searchthing/merge/merge_leader.h"
+#include "searchthing/values/values_writer.h"
 
 namespace veldar {
 
 namespace {
-
-// An entry of 32 bits decodes as 0, so no companion array is made that wide.
-constexpr uint32_t MAX_COMPANION_NBITS = 31;
-constexpr uint32_t COMPANION_WORDS = 4096;
-constexpr uint32_t PLAIN_VALUES_BUFFERED = 8192;
-constexpr uint32_t PLAIN_VALUE_BYTES = 8;
 
 // Compares as descending order asks for: the later time first, then the larger address, then the companions.
 int compare_records(const st_tsval& a, const st_tsval& b) {
@@ -29,23 +22,9 @@ int compare_records(const st_tsval& a, const st_tsval& b) {
     return companions(a) > companions(b) ? -1 : 1;
 }
 
-struct value_ranges {
-    uint32_t measure = 0, s = 0, st = 0, h = 0;  // the largest; s without that of deleted events
-    uint32_t address_min = UINT32_MAX, address_max = 0;
-
-    void add(const st_tsval& value) {
-        measure = std::max(measure, tsval_clamp_measure(value.measure));
-        if (value.s != ST_DELETED_SOURCE) s = std::max(s, value.s);
-        st = std::max(st, value.st);
-        h = std::max(h, value.h);
-        address_min = std::min(address_min, value.address);
-        address_max = std::max(address_max, value.address);
-    }
-};
-
 // Looks at every value once. `sorted` tells whether they are in the target's order, which needs more than the order of
 // times that every slice has.
-int scan_source(warm_merge_t* merge, merge_source_t* source, value_ranges* ranges, bool* sorted, warm_rc_t* rc) {
+int scan_source(warm_merge_t* merge, merge_source_t* source, value_ranges_t* ranges, bool* sorted, warm_rc_t* rc) {
     *sorted = true;
     st_tsval before = {}, value = {};
     for (uint32_t number = 0; number < source->num_values; number++) {
@@ -106,40 +85,24 @@ int load_cursor(const warm_merge_t* merge, value_cursor* cursor, warm_rc_t* rc) 
     return merge_decode_value(merge, cursor->source, cursor->number, &cursor->value, rc);
 }
 
-// Visits the values of all sources in the order that `before` (of two cursors) gives. Sources seldom overlap much, so
-// the cursors stay in an array and the first one goes on until it passes the second.
+// Visits the values of all sources in the order that `before` (of two cursors) gives.
 template <typename Before, typename Visit>
 int walk_values(warm_merge_t* merge, Before before, Visit visit, warm_rc_t* rc) {
     std::vector<value_cursor> cursors;
     std::vector<value_cursor*> live;
     cursors.reserve(merge->sources.size());
     live.reserve(merge->sources.size());
-    const auto place = [&](value_cursor* cursor) {
-        live.insert(std::find_if(live.begin(), live.end(), [&](auto* other) { return before(*cursor, *other); }),
-                    cursor);
-    };
     for (merge_source_t& source : merge->sources) {
         if (source.num_values == 0) continue;
         cursors.push_back({.source = &source, .position = 0, .number = 0, .value = {}});
         ST_TRY(load_cursor(merge, &cursors.back(), rc));
-        place(&cursors.back());
+        merge_place(&live, &cursors.back(), before);
     }
-    while (!live.empty()) {
-        value_cursor* const cursor = live.front();
-        for (;;) {
-            ST_TRY(visit(*cursor));
-            if (++cursor->position == cursor->source->num_values) {
-                live.erase(live.begin());
-                break;
-            }
-            ST_TRY(load_cursor(merge, cursor, rc));
-            if (live.size() == 1 || before(*cursor, *live[1])) continue;
-            live.erase(live.begin());
-            place(cursor);
-            break;
-        }
-    }
-    return 0;
+    return merge_by_leader(&live, before, [&](value_cursor* cursor, bool* ended) {
+        ST_TRY(visit(*cursor));
+        *ended = ++cursor->position == cursor->source->num_values;
+        return *ended ? 0 : load_cursor(merge, cursor, rc);
+    });
 }
 
 // A source whose values stay together needs no map.
@@ -183,19 +146,10 @@ int number_values(warm_merge_t* merge, warm_rc_t* rc) {
     return 0;
 }
 
-uint32_t width_of(uint32_t largest) {
-    return std::min(log2n(largest), MAX_COMPANION_NBITS);
-}
-
-int fill_header(warm_merge_t* merge, const value_ranges& ranges, warm_rc_t* rc) {
+int fill_header(warm_merge_t* merge, const value_ranges_t& ranges, warm_rc_t* rc) {
     st_warm_slice_body* header = &merge->header;
     const uint32_t values = merge->totals.values;
-    header->num_values.set(values);
-    ST_TRY(warm_slice_set_companion(&header->m_size, &header->m_nbits, values, width_of(ranges.measure), rc));
-    ST_TRY(warm_slice_set_companion(&header->s_size, &header->s_nbits, values, width_of(ranges.s), rc));
-    ST_TRY(warm_slice_set_companion(&header->st_size, &header->st_nbits, values, width_of(ranges.st), rc));
-    ST_TRY(warm_slice_set_companion(&header->h_size, &header->h_nbits, values, width_of(ranges.h), rc));
-    ST_TRY(warm_slice_set_companion(&header->d_size, &header->d_nbits, values, 1, rc));
+    ST_TRY(values_set_header(header, values, values_companion_widths(ranges), rc));
     if (merge->options.mapper != nullptr && warm_header_is_rev1(header)) {
         header->seek_addr_min.set(ranges.address_min);
         header->seek_addr_max.set(ranges.address_max);
@@ -209,84 +163,10 @@ int fill_header(warm_merge_t* merge, const value_ranges& ranges, warm_rc_t* rc) 
     return 0;
 }
 
-struct companion_writer {
-    bitpack_writer_t bits;
-    uint32_t nbits = 0;
-};
-
-// The sections of values in the making.
-struct value_sections {
-    bool packed = false;
-    tsval_writer_t packed_values;
-    array_writer_t plain_values;
-    buffer<uint64_t> words;  // of the companions, COMPANION_WORDS each
-    companion_writer m, s, st, h, d;
-};
-
-void open_companion(value_sections* out, companion_writer* writer, uint32_t slot, int fd, uint64_t offset,
-                    uint32_t nbits) {
-    ST_ASSERT(offset % sizeof(uint64_t) == 0);
-    bp_writer_open(&writer->bits, fd, out->words.data() + size_t{slot} * COMPANION_WORDS, COMPANION_WORDS,
-                   offset / sizeof(uint64_t));
-    writer->nbits = nbits;
-}
-
-int open_sections(value_sections* out, const st_warm_slice_body* header, int fd, warm_rc_t* rc) {
-    const warm_section_offsets_t at = warm_header_section_offsets(header);
-    out->packed = tsval_encoding(header) == TSVAL_PACKED;
-    if (out->packed) {
-        ST_TRY(tsval_writer_open(fd, &out->packed_values, header, rc));
-    } else if (const int status =
-                   _aw_open(&out->plain_values, fd, at.values, PLAIN_VALUE_BYTES, PLAIN_VALUES_BUFFERED)) {
-        return _set_rc(rc, status);
-    }
-    if (!out->words.alloc(5 * COMPANION_WORDS)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "companion buffers");
-    open_companion(out, &out->m, 0, fd, at.m, header->m_nbits.get());
-    open_companion(out, &out->s, 1, fd, at.s, header->s_nbits.get());
-    open_companion(out, &out->st, 2, fd, at.st, header->st_nbits.get());
-    open_companion(out, &out->h, 3, fd, at.host, header->h_nbits.get());
-    open_companion(out, &out->d, 4, fd, at.d, header->d_nbits.get());
-    return 0;
-}
-
-// Only the s of a deleted event has more bits than its array is wide; its d bit restores them.
-int put_companion(companion_writer* writer, uint32_t value, warm_rc_t* rc) {
-    const uint32_t mask = (uint32_t{1} << writer->nbits) - 1;
-    return bp_writer_append(&writer->bits, value & mask, writer->nbits, rc);
-}
-
-int put_value(value_sections* out, const st_tsval& value, warm_rc_t* rc) {
-    if (out->packed) {
-        ST_TRY(tsval_writer_put(&out->packed_values, &value, rc));
-    } else {
-        uint8_t plain[PLAIN_VALUE_BYTES];
-        store_be32(plain, static_cast<uint32_t>(value.time));
-        store_be32(plain + 4, value.address);
-        if (_aw_write(&out->plain_values, plain, sizeof plain) != 0) return _set_rc_msg(rc, WARM_RC_WRITE, "values");
-    }
-    ST_TRY(put_companion(&out->m, tsval_clamp_measure(value.measure), rc));
-    ST_TRY(put_companion(&out->s, value.s, rc));
-    ST_TRY(put_companion(&out->st, value.st, rc));
-    ST_TRY(put_companion(&out->h, value.h, rc));
-    return put_companion(&out->d, value.s == ST_DELETED_SOURCE ? 1 : 0, rc);
-}
-
-int close_sections(value_sections* out, warm_rc_t* rc) {
-    if (out->packed) {
-        ST_TRY(tsval_writer_close(&out->packed_values, rc));
-    } else if (_aw_close(&out->plain_values) != 0) {
-        return _set_rc_msg(rc, WARM_RC_WRITE, "values");
-    }
-    for (companion_writer* writer : {&out->m, &out->s, &out->st, &out->h, &out->d}) {
-        ST_TRY(bp_writer_close(&writer->bits, rc));
-    }
-    return 0;
-}
-
 }  // namespace
 
 int merge_values_plan(warm_merge_t* merge, warm_rc_t* rc) {
-    value_ranges ranges;
+    value_ranges_t ranges;
     for (merge_source_t& source : merge->sources) {
         bool sorted = true;
         ST_TRY(scan_source(merge, &source, &ranges, &sorted, rc));
@@ -298,8 +178,8 @@ int merge_values_plan(warm_merge_t* merge, warm_rc_t* rc) {
 
 int merge_values_write(warm_merge_t* merge, int fd, warm_rc_t* rc) {
     if (merge->totals.values == 0) return 0;
-    value_sections out;
-    ST_TRY(open_sections(&out, &merge->header, fd, rc));
+    values_writer_t out;
+    ST_TRY(values_writer_open(&out, &merge->header, fd, nullptr, rc));
     uint32_t next = 0;
     const auto new_number = [](const value_cursor& cursor) { return merge_new_number(*cursor.source, cursor.number); };
     const auto before = [&](const value_cursor& a, const value_cursor& b) { return new_number(a) < new_number(b); };
@@ -307,11 +187,11 @@ int merge_values_write(warm_merge_t* merge, int fd, warm_rc_t* rc) {
         if (new_number(cursor) < next) return 0;  // one of several equal records
         ST_ASSERT(new_number(cursor) == next);
         next++;
-        return put_value(&out, cursor.value, rc);
+        return values_writer_put(&out, cursor.value, rc);
     };
     ST_TRY(walk_values(merge, before, visit, rc));
     ST_ASSERT(next == merge->totals.values);
-    return close_sections(&out, rc);
+    return values_writer_close(&out, rc);
 }
 
 }  // namespace veldar

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "searchthing/base/number.h"
 #include "searchthing/search/search_literals.h"
 
 namespace veldar {

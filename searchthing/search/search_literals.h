@@ -127,7 +127,4 @@ int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing
                 const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_query_info_t* info,
                 warm_rc_t* rc);
 
-// The number that a text stands for, read whole in the "C" locale: false for an empty text, a rest or a range error.
-bool parse_query_number(const char* text, double* number);
-
 }  // namespace veldar

@@ -1,9 +1,5 @@
 #include "searchthing/search/search_terms.h"
 
-#include <errno.h>
-#include <locale.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -11,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "searchthing/base/number.h"
 #include "searchthing/lexicon/matcher.h"
 #include "searchthing/slice/warmslice_meta.h"
 #include "searchthing/slice/warmslice_runs.h"
@@ -20,7 +17,6 @@ namespace veldar {
 namespace {
 
 constexpr size_t MAX_FIELD_NAME = 2045;
-constexpr size_t EXACT_DIGITS = 15;  // a double holds every whole number of so many digits
 
 struct matcher_deleter {
     void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
@@ -181,25 +177,6 @@ int lookup_comparison(conjunction_context* context, const comp_t& comparison, co
     }
     *out = &known->second;
     return 0;
-}
-
-bool parse_query_number(const char* text, double* number) {
-    static const locale_t c_locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
-    if (*text == '\0') return false;
-    // Most values are whole numbers that a double holds as they are; strtod takes four times as long for them.
-    uint64_t whole = 0;
-    size_t digits = 0;
-    for (; digits <= EXACT_DIGITS && text[digits] >= '0' && text[digits] <= '9'; digits++) {
-        whole = whole * 10 + static_cast<uint64_t>(text[digits] - '0');
-    }
-    if (digits <= EXACT_DIGITS && text[digits] == '\0') {
-        *number = static_cast<double>(whole);
-        return true;
-    }
-    char* end = nullptr;
-    errno = 0;
-    *number = ::strtod_l(text, &end, c_locale);
-    return *end == '\0' && errno != ERANGE;
 }
 
 }  // namespace veldar

@@ -27,8 +27,7 @@ void warm_metric_closer::operator()(warm_metric_t* metric) const {
 
 namespace {
 
-constexpr uint32_t PIECE = 512;             // preambles
-constexpr uint32_t MILLISECOND_NBITS = 10;  // of a value's second field where it holds milliseconds
+constexpr uint32_t PIECE = 512;  // preambles
 constexpr uint64_t LAST_NANOSECOND = 999999999;
 
 uint32_t pieces(const WARM* warm) {

@@ -11,8 +11,6 @@ namespace veldar {
 
 namespace {
 
-constexpr uint32_t NANOSECONDS_PER_MILLISECOND = 1000000;
-constexpr uint32_t MILLISECOND_NBITS = 10;
 constexpr uint64_t PREAMBLE_SPAN = 512;
 
 // The field of `nbits` (1 to 32) bits at `bit`; the caller has checked that it ends inside `bytes`. One unaligned load:

@@ -44,8 +44,8 @@
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/st_timeval.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/warmslice_header.h"
 #include "searchthing/base/warmslice_util.h"
+#include "searchthing/format/warmslice_header.h"
 
 namespace veldar {
 
@@ -160,10 +160,15 @@ struct tsval_writer_t {
     buffer<uint64_t> words;
     bitpack_writer_t bp;
     tsval_preamble_writer_t preambles;
+    uint8_t* preamble_at = nullptr;  // in memory: where the next preamble goes
 };
 // Begins the values section of a packed slice whose header is complete. -37 "earliest > latest", -36 when the packed
 // section would pass 2^32 bits, -2 without memory.
 [[nodiscard]] int tsval_writer_open(int fd, tsval_writer_t* writer, const st_warm_slice_body* header, warm_rc_t* rc);
+// The same; with a `section` that is not null the values go there and not into the file: the zeroed values section of a
+// slice in memory, which outlives the writer.
+[[nodiscard]] int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer,
+                                            const st_warm_slice_body* header, warm_rc_t* rc);
 // Appends one value. A slice with preambles stores the value's address, taken as nanoseconds, as milliseconds. -37 for
 // a time or an address outside the header's ranges, -36 for 1000 milliseconds and more.
 [[nodiscard]] int tsval_writer_put(tsval_writer_t* writer, const st_tsval* value, warm_rc_t* rc);

@@ -1,12 +1,11 @@
 // Writing packed values and preambles.
 #include "libzero/assertions.h"
+#include "libzero/endian.h"
 #include "searchthing/values/tsval.h"
 
 namespace veldar {
 
 namespace {
-
-constexpr uint32_t NANOSECONDS_PER_MILLISECOND = 1000000;
 
 int check_header(const st_warm_slice_body* header, uint32_t width, warm_rc_t* rc) {
     const int32_t earliest = static_cast<int32_t>(header->earliest.get());
@@ -81,6 +80,11 @@ int tsval_preamble_writer_close(tsval_preamble_writer_t* writer, warm_rc_t* rc) 
 }
 
 int tsval_writer_open(int fd, tsval_writer_t* writer, const st_warm_slice_body* header, warm_rc_t* rc) {
+    return tsval_writer_open_section(fd, nullptr, writer, header, rc);
+}
+
+int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer, const st_warm_slice_body* header,
+                              warm_rc_t* rc) {
     _set_rc(rc, 0);
     *writer = tsval_writer_t{};
     const tsval_encoding_t encoding = tsval_encoding(header);
@@ -91,9 +95,15 @@ int tsval_writer_open(int fd, tsval_writer_t* writer, const st_warm_slice_body* 
     ST_TRY(check_header(header, writer->time_nbits + writer->addr_nbits, rc));
     const uint64_t offset_bytes = _offset_values(header);
     ST_ASSERT(offset_bytes % sizeof(writer->words[0]) == 0);
+    const uint64_t preambles = encoding == TSVAL_WITH_PREAMBLES ? header->num_dimsets.get() : 0;
+    if (section != nullptr) {
+        writer->preamble_at = section;
+        const uint64_t words = warm_header_tsval_encoded_array_size(header) / sizeof(uint64_t);
+        bp_writer_open(&writer->bp, -1, reinterpret_cast<uint64_t*>(section) + preambles, words - preambles, 0);
+        return 0;
+    }
     if (encoding == TSVAL_WITH_PREAMBLES) ST_TRY(tsval_preamble_writer_open(&writer->preambles, fd, header, rc));
     if (!writer->words.alloc(TSVAL_WRITER_BUFFER)) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    const uint64_t preambles = encoding == TSVAL_WITH_PREAMBLES ? header->num_dimsets.get() : 0;
     bp_writer_open(&writer->bp, fd, writer->words.data(), TSVAL_WRITER_BUFFER, offset_bytes / 8 + preambles);
     return 0;
 }
@@ -112,7 +122,12 @@ int tsval_writer_put(tsval_writer_t* writer, const st_tsval* value, warm_rc_t* r
 }
 
 int tsval_writer_put_preamble(tsval_writer_t* writer, uint32_t time, uint32_t address, warm_rc_t* rc) {
-    return tsval_preamble_writer_put_preamble(&writer->preambles, time, address, rc);
+    if (writer->preamble_at == nullptr) {
+        return tsval_preamble_writer_put_preamble(&writer->preambles, time, address, rc);
+    }
+    store_le64(writer->preamble_at, uint64_t{address} << 32 | time);
+    writer->preamble_at += sizeof(uint64_t);
+    return 0;
 }
 
 int tsval_writer_close(tsval_writer_t* writer, warm_rc_t* rc) {

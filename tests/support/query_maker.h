@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/search/search_literals.h"
+#include "searchthing/base/number.h"
 #include "tests/support/reference.h"
 
 namespace veldar {

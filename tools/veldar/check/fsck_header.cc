@@ -12,7 +12,6 @@ namespace veldar::tool {
 namespace {
 
 constexpr uint64_t KNOWN_FLAGS = 0x7F;
-constexpr uint32_t MAX_COMPANION_NBITS = 31;  // an entry of 32 bits reads as 0
 constexpr uint32_t RAW_DOUBLE_NBITS = 64;
 
 struct companion_fields {

@@ -4,7 +4,7 @@
 #include <array>
 #include <utility>
 
-#include "searchthing/search/search_literals.h"
+#include "searchthing/base/number.h"
 #include "tools/veldar/formats/terms.h"
 
 namespace veldar::tool {
