@@ -41,8 +41,10 @@ uint32_t locate_value(const st_hot_slice& hot, const st_txn& txn) {
 
 // The slot of the value that the event would join, or HOT_NO_VALUE.
 uint32_t find_value(const st_hot_slice& hot, const st_txn& txn) {
-    if (hot.is_msidx || st_hot_slice_values(&hot) == 0) return HOT_NO_VALUE;
-    if (hot.streaming) return hot.values[hot.value_index].address == txn.address ? hot.value_index : HOT_NO_VALUE;
+    if (hot.mode == HOT_METRIC || st_hot_slice_values(&hot) == 0) return HOT_NO_VALUE;
+    if (hot.mode == HOT_STREAMING) {
+        return hot.values[hot.value_index].address == txn.address ? hot.value_index : HOT_NO_VALUE;
+    }
     // Addresses mostly ascend, and then there is nothing to find.
     if (txn.address > hot.address_max) return HOT_NO_VALUE;
     const uint32_t found = hot.value_hash[locate_value(hot, txn)];
@@ -59,7 +61,7 @@ bool is_newer(const st_txn& txn, const st_tsval& value) {
 
 // Streaming mode orders its values by arrival alone: whoever puts has checked that the event comes at its place.
 void check_streaming_order(const st_hot_slice& hot, const st_txn& txn) {
-    if (!hot.streaming || st_hot_slice_values(&hot) == 0) return;
+    if (hot.mode != HOT_STREAMING || st_hot_slice_values(&hot) == 0) return;
     const st_tsval& last = hot.values[hot.value_index];
     ST_ASSERT(last.address == txn.address ? same_event(last, txn) : is_newer(txn, last));
 }
@@ -72,7 +74,7 @@ void widen_addresses(st_hot_slice& hot, st_addr_t address) {
 uint32_t add_value(st_hot_slice& hot, const st_txn& txn) {
     widen_addresses(hot, txn.address);
     uint32_t slot;
-    if (hot.streaming) {
+    if (hot.mode == HOT_STREAMING) {
         slot = --hot.value_index;
     } else {
         slot = hot.value_index++;
@@ -92,10 +94,10 @@ uint32_t add_value(st_hot_slice& hot, const st_txn& txn) {
 
 void add_posting(st_hot_slice& hot, uint32_t id, uint32_t value) {
     const uint32_t node = hot.list_node_index++;
-    if (node != 0 && !hot.streaming && value < hot.nodes[node - 1].value) hot.nodes_ordered = false;
+    if (node != 0 && hot.mode != HOT_STREAMING && value < hot.nodes[node - 1].value) hot.nodes_ordered = false;
     hot.nodes[node] = {.term = id, .value = value};
-    hot.terms[id].newest = value;
-    hot.terms[id].postings++;
+    hot.table.terms[id].newest = value;
+    hot.table.terms[id].postings++;
 }
 
 // Postings that the transaction adds: distinct new terms, and distinct known terms that the event does not have yet.
@@ -103,9 +105,10 @@ uint64_t count_new_postings(const st_hot_slice& hot, uint32_t value, std::span<c
                             uint64_t new_terms) {
     std::vector<uint32_t> known;
     for (const hot_keyword_t& keyword : keywords) {
-        const hot_slot_t slot = hot.slots[hot_locate_term(hot, keyword.text, keyword.length, keyword.hash)];
+        const hot_slot_t slot = hot.table.slots[hot_locate_term(hot.table, keyword.text, keyword.length, keyword.hash)];
         if (slot.term_plus_1 == 0) continue;
-        if (value == HOT_NO_VALUE || hot.terms[slot.term_plus_1 - 1].newest != value) known.push_back(slot.term_plus_1);
+        const bool has_it = value != HOT_NO_VALUE && hot.table.terms[slot.term_plus_1 - 1].newest == value;
+        if (!has_it) known.push_back(slot.term_plus_1);
     }
     std::sort(known.begin(), known.end());
     return new_terms + static_cast<uint64_t>(std::unique(known.begin(), known.end()) - known.begin());
@@ -146,63 +149,16 @@ int check_metric_limits(uint64_t max_txn_keywords, uint64_t dimsets_cap, uint64_
 
 bool allocate(st_hot_slice& hot) {
     const uint32_t hashed_values = hot.fills_downward() ? 0 : hot.value_capacity;
-    const uint32_t hash_slots = hot.is_msidx ? 0 : hot.value_hash_capacity;
-    const uint32_t mapped_values = hot.streaming ? 0 : hot.value_capacity;
-    return hot.lexicon.alloc(hot.lexicon_capacity + sizeof(uint64_t)) && hot.terms.alloc(hot.terms_capacity) &&
-           hot.slots.alloc(uint64_t{2} * hot.terms_capacity) && hot.nodes.alloc(hot.list_node_capacity) &&
-           hot.values.alloc(hot.value_capacity) && hot.value_hash.alloc(hash_slots) &&
-           hot.sort_keys.alloc(std::max(hot.terms_capacity, hashed_values)) && hot.value_order.alloc(hashed_values) &&
-           hot.values_map.alloc(mapped_values) && hot.cursors.alloc(hot.terms_capacity) &&
-           hot.sorted_terms.alloc(hot.terms_capacity) && hot.term_postings.alloc(hot.terms_capacity) &&
-           hot.postings.alloc(hot.list_node_capacity);
-}
-
-// Empties the term table. A table of millions of slots with few terms in them is not touched as a whole.
-void forget_terms(st_hot_slice& hot) {
-    if (hot.terms_indexed < hot.slots.size() / 64) {
-        hot_remove_newest_terms(hot, 0);
-    } else {
-        hot.slots.clear();
-        hot.terms_indexed = 0;
-        hot.lexicon_used = 0;
-    }
+    const uint32_t hash_slots = hot.mode == HOT_METRIC ? 0 : hot.value_hash_capacity;
+    const uint32_t mapped_values = hot.mode == HOT_STREAMING ? 0 : hot.value_capacity;
+    return hot.nodes.alloc(hot.list_node_capacity) && hot.values.alloc(hot.value_capacity) &&
+           hot.value_hash.alloc(hash_slots) && hot.sort_keys.alloc(std::max(hot.table.capacity, hashed_values)) &&
+           hot.value_order.alloc(hashed_values) && hot.values_map.alloc(mapped_values) &&
+           hot.cursors.alloc(hot.table.capacity) && hot.sorted_terms.alloc(hot.table.capacity) &&
+           hot.term_postings.alloc(hot.table.capacity) && hot.postings.alloc(hot.list_node_capacity);
 }
 
 }  // namespace
-
-hot_new_terms_t hot_count_new_terms(const st_hot_slice& hot, std::span<const hot_keyword_t> keywords) {
-    std::vector<hot_keyword_t> fresh;
-    for (const hot_keyword_t& keyword : keywords) {
-        const uint32_t slot = hot_locate_term(hot, keyword.text, keyword.length, keyword.hash);
-        if (hot.slots[slot].term_plus_1 == 0) fresh.push_back(keyword);
-    }
-    const auto text = [](const hot_keyword_t& keyword) { return std::string_view(keyword.text, keyword.length); };
-    std::sort(fresh.begin(), fresh.end(), [&](const hot_keyword_t& a, const hot_keyword_t& b) {
-        return a.hash != b.hash ? a.hash < b.hash : text(a) < text(b);
-    });
-    hot_new_terms_t result;
-    for (size_t i = 0; i < fresh.size(); i++) {
-        if (i != 0 && fresh[i].hash == fresh[i - 1].hash && text(fresh[i]) == text(fresh[i - 1])) continue;
-        result.count++;
-        result.bytes += fresh[i].length + 1;
-    }
-    return result;
-}
-
-st_hotput_rc_t hot_check_new_terms(const st_hot_slice& hot, const hot_new_terms_t& fresh) {
-    if (fresh.count > hot.terms_capacity - hot.terms_indexed) return HOT_PUT_RC_TERMS_FULL;
-    if (fresh.count != 0 && !hot_lexicon_holds(hot, fresh.bytes)) return HOT_PUT_RC_LEXICON_FULL;
-    return HOT_PUT_RC_SUCCESS;
-}
-
-void hot_remove_newest_terms(st_hot_slice& hot, uint32_t count) {
-    while (hot.terms_indexed > count) {
-        const hot_term_t& term = hot.terms[--hot.terms_indexed];
-        const char* const text = hot.lexicon.data() + term.offset;
-        hot.slots[hot_locate_term(hot, text, term.length, hot_slice_hash(text, term.length))] = {};
-        hot.lexicon_used = term.offset;
-    }
-}
 
 HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
                          uint64_t max_txn_keywords, uint64_t dimsets_cap, uint64_t max_dimset_measures, bool streaming,
@@ -215,16 +171,13 @@ HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t ma
         _set_rc_msg(rc, WARM_RC_NO_MEMORY, "hot slice");
         return nullptr;
     }
-    hot->streaming = streaming && !is_msidx;
-    hot->is_msidx = is_msidx;
-    hot->lexicon_capacity = static_cast<uint32_t>(lexicon_bytes);
-    hot->terms_capacity = static_cast<uint32_t>(round_up_to_power_of_two(max_terms));
-    hot->list_head_capacity_minus1 = 2 * hot->terms_capacity - 1;
+    hot->mode = is_msidx ? HOT_METRIC : streaming ? HOT_STREAMING : HOT_HASHED;
+    const auto terms_capacity = static_cast<uint32_t>(round_up_to_power_of_two(max_terms));
     hot->list_node_capacity = static_cast<uint32_t>(max_postings);
     hot->value_capacity = static_cast<uint32_t>(max_values);
     hot->value_hash_capacity = is_msidx ? hot->value_capacity : streaming ? 0 : 2 * hot->value_capacity;
     hot->value_index = hot->fills_downward() ? hot->value_capacity : 0;
-    hot->soft = {.terms = soft_limit(hot->terms_capacity),
+    hot->soft = {.terms = soft_limit(terms_capacity),
                  .values = soft_limit(max_values),
                  .postings = soft_limit(max_postings),
                  .lexicon = soft_limit(lexicon_bytes),
@@ -232,7 +185,7 @@ HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t ma
     if (is_msidx && opts != nullptr && st_tswriteopts_support_millisecond(opts)) {
         hot->metrics.milliseconds = HOT_MS_ENCODED;
     }
-    if (!allocate(*hot) ||
+    if (!hot_terms_allocate(hot->table, terms_capacity, static_cast<uint32_t>(lexicon_bytes)) || !allocate(*hot) ||
         (is_msidx && !hot_metrics_allocate(*hot, max_txn_keywords, dimsets_cap, max_dimset_measures))) {
         _set_rc_msg(rc, WARM_RC_NO_MEMORY, "hot slice tables");
         return nullptr;
@@ -246,7 +199,7 @@ void st_hot_slice_close(HOT* hot) {
 
 void st_hot_slice_reset(HOT* hot) {
     ST_ASSERT(hot != nullptr);
-    forget_terms(*hot);
+    hot_terms_clear(hot->table);
     hot->value_hash.clear();
     hot->list_node_index = 0;
     hot->value_index = hot->fills_downward() ? hot->value_capacity : 0;
@@ -256,14 +209,14 @@ void st_hot_slice_reset(HOT* hot) {
     hot->aborted = HOT_PUT_RC_SUCCESS;
     hot->prepared = false;
     hot->result = {};
-    if (hot->is_msidx) hot_metrics_reset(*hot);
+    if (hot->mode == HOT_METRIC) hot_metrics_reset(*hot);
 }
 
 st_hotput_rc_t st_hot_slice_txn_start(HOT* hot, const st_txn* txn) {
     ST_ASSERT(hot != nullptr && txn != nullptr);
     hot->aborted = st_hot_slice_check_space(hot);
     if (hot->aborted != HOT_PUT_RC_SUCCESS) return hot->aborted;
-    if (hot->is_msidx) return hot->aborted = hot_metrics_txn_start(*hot, *txn);
+    if (hot->mode == HOT_METRIC) return hot->aborted = hot_metrics_txn_start(*hot, *txn);
     widen_addresses(*hot, txn->address);
     return HOT_PUT_RC_SUCCESS;
 }
@@ -272,7 +225,7 @@ st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length
     ST_ASSERT(hot != nullptr && keyword != nullptr && txn != nullptr);
     ST_ASSERT(!hot->prepared);
     if (hot->aborted != HOT_PUT_RC_SUCCESS) return hot->aborted;
-    if (hot->is_msidx) return put_metric_keyword(*hot, keyword, length, *txn);
+    if (hot->mode == HOT_METRIC) return put_metric_keyword(*hot, keyword, length, *txn);
     if (st_hot_slice_values(hot) >= hot->value_capacity) return HOT_PUT_RC_VALUES_FULL;
     if (hot->list_node_index >= hot->list_node_capacity) return HOT_PUT_RC_POSTINGS_FULL;
     if (length == 0) return HOT_PUT_RC_SUCCESS;
@@ -280,25 +233,26 @@ st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length
     if (std::memchr(keyword, '\0', kept) != nullptr) return HOT_PUT_RC_BAD_KEYWORD;
 
     const uint32_t hash = hot_slice_hash(keyword, kept);
-    const uint32_t slot = hot_locate_term(*hot, keyword, kept, hash);
-    const bool is_new = hot->slots[slot].term_plus_1 == 0;
+    const uint32_t slot = hot_locate_term(hot->table, keyword, kept, hash);
+    const bool is_new = hot->table.slots[slot].term_plus_1 == 0;
     uint32_t value = find_value(*hot, *txn);
     if (is_new) {
-        if (hot->terms_indexed >= hot->terms_capacity) return HOT_PUT_RC_TERMS_FULL;
-        if (!hot_lexicon_holds(*hot, kept + 1)) return HOT_PUT_RC_LEXICON_FULL;
-    } else if (value != HOT_NO_VALUE && hot->terms[hot->slots[slot].term_plus_1 - 1].newest == value) {
+        if (hot->table.count >= hot->table.capacity) return HOT_PUT_RC_TERMS_FULL;
+        if (!hot_lexicon_holds(hot->table, kept + 1)) return HOT_PUT_RC_LEXICON_FULL;
+    } else if (value != HOT_NO_VALUE && hot->table.terms[hot->table.slots[slot].term_plus_1 - 1].newest == value) {
         return HOT_PUT_RC_SUCCESS;
     }
     check_streaming_order(*hot, *txn);
     if (value == HOT_NO_VALUE) value = add_value(*hot, *txn);
-    const uint32_t id = is_new ? hot_add_term(*hot, slot, keyword, kept, hash) : hot->slots[slot].term_plus_1 - 1;
+    const uint32_t id =
+        is_new ? hot_add_term(hot->table, slot, keyword, kept, hash) : hot->table.slots[slot].term_plus_1 - 1;
     add_posting(*hot, id, value);
     return HOT_PUT_RC_SUCCESS;
 }
 
 st_hotput_rc_t st_hot_slice_txn_stop(HOT* hot) {
     ST_ASSERT(hot != nullptr);
-    if (hot->is_msidx && hot->metrics.txn_is_open) hot_metrics_txn_stop(*hot);
+    if (hot->mode == HOT_METRIC && hot->metrics.txn_is_open) hot_metrics_txn_stop(*hot);
     return HOT_PUT_RC_SUCCESS;
 }
 
@@ -314,10 +268,10 @@ bool st_hot_slice_txn_aborted(const HOT* hot) {
 
 st_hotput_rc_t st_hot_slice_check_space(const HOT* hot) {
     ST_ASSERT(hot != nullptr);
-    if (hot->terms_indexed > hot->soft.terms) return HOT_PUT_RC_TERMS_FULL;
+    if (hot->table.count > hot->soft.terms) return HOT_PUT_RC_TERMS_FULL;
     if (st_hot_slice_values(hot) > hot->soft.values) return HOT_PUT_RC_VALUES_FULL;
     if (hot->list_node_index > hot->soft.postings) return HOT_PUT_RC_POSTINGS_FULL;
-    if (hot->lexicon_used > hot->soft.lexicon) return HOT_PUT_RC_LEXICON_FULL;
+    if (hot->table.text_used > hot->soft.lexicon) return HOT_PUT_RC_LEXICON_FULL;
     if (hot->metrics.dimset_measures_array_idx > hot->soft.measures) return HOT_PUT_RC_MEASURES_FULL;
     return HOT_PUT_RC_SUCCESS;
 }
@@ -351,19 +305,19 @@ st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<
     ST_ASSERT(hot != nullptr && txn != nullptr);
     uint64_t bytes = 0;
     for (const hot_keyword_t& keyword : keywords) bytes += keyword.length + 1;
-    const uint64_t free_terms = hot->terms_capacity - hot->terms_indexed;
+    const uint64_t free_terms = hot->table.capacity - hot->table.count;
     const uint64_t free_postings = hot->list_node_capacity - hot->list_node_index;
     const bool value_fits = st_hot_slice_values(hot) < hot->value_capacity;
     if (value_fits && keywords.size() <= free_terms && keywords.size() <= free_postings &&
-        hot_lexicon_holds(*hot, bytes)) {
+        hot_lexicon_holds(hot->table, bytes)) {
         return HOT_PUT_RC_SUCCESS;
     }
 
     const uint32_t value = find_value(*hot, *txn);
     if (!value_fits && value == HOT_NO_VALUE) return HOT_PUT_RC_VALUES_FULL;
-    const hot_new_terms_t fresh = hot_count_new_terms(*hot, keywords);
+    const hot_new_terms_t fresh = hot_count_new_terms(hot->table, keywords);
     if (count_new_postings(*hot, value, keywords, fresh.count) > free_postings) return HOT_PUT_RC_POSTINGS_FULL;
-    return hot_check_new_terms(*hot, fresh);
+    return hot_check_new_terms(hot->table, fresh);
 }
 
 // A term costs three dependent cache misses: its slot, its record, its bytes. Each pass over a batch starts the next
@@ -372,9 +326,9 @@ void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_
     ST_ASSERT(hot != nullptr && txn != nullptr && !hot->prepared);
     if (keywords.empty()) return;
     check_streaming_order(*hot, *txn);
-    const uint32_t mask = hot->list_head_capacity_minus1;
+    const uint32_t mask = hot->table.mask;
     for (size_t i = 0; i < std::min(keywords.size(), BATCH); i++) {
-        __builtin_prefetch(&hot->slots[keywords[i].hash & mask]);
+        __builtin_prefetch(&hot->table.slots[keywords[i].hash & mask]);
     }
     uint32_t value = find_value(*hot, *txn);
     if (value == HOT_NO_VALUE) value = add_value(*hot, *txn);
@@ -382,22 +336,22 @@ void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_
     for (size_t start = 0; start < keywords.size(); start += BATCH) {
         const std::span<const hot_keyword_t> batch = keywords.subspan(start, std::min(BATCH, keywords.size() - start));
         if (start != 0) {
-            for (const hot_keyword_t& keyword : batch) __builtin_prefetch(&hot->slots[keyword.hash & mask]);
+            for (const hot_keyword_t& keyword : batch) __builtin_prefetch(&hot->table.slots[keyword.hash & mask]);
         }
         uint32_t likely[BATCH];
         for (size_t i = 0; i < batch.size(); i++) {
-            const hot_slot_t slot = hot->slots[batch[i].hash & mask];
+            const hot_slot_t slot = hot->table.slots[batch[i].hash & mask];
             likely[i] = slot.hash == batch[i].hash ? slot.term_plus_1 : 0;
-            if (likely[i] != 0) __builtin_prefetch(&hot->terms[likely[i] - 1], 1);
+            if (likely[i] != 0) __builtin_prefetch(&hot->table.terms[likely[i] - 1], 1);
         }
         for (size_t i = 0; i < batch.size(); i++) {
-            if (likely[i] != 0) __builtin_prefetch(hot->lexicon.data() + hot->terms[likely[i] - 1].offset);
+            if (likely[i] != 0) __builtin_prefetch(hot->table.text.data() + hot->table.terms[likely[i] - 1].offset);
         }
         for (const hot_keyword_t& keyword : batch) {
-            const uint32_t slot = hot_locate_term(*hot, keyword.text, keyword.length, keyword.hash);
-            uint32_t id = hot->slots[slot].term_plus_1;
-            id = id == 0 ? hot_add_term(*hot, slot, keyword.text, keyword.length, keyword.hash) : id - 1;
-            if (hot->terms[id].newest != value) add_posting(*hot, id, value);
+            const uint32_t slot = hot_locate_term(hot->table, keyword.text, keyword.length, keyword.hash);
+            uint32_t id = hot->table.slots[slot].term_plus_1;
+            id = id == 0 ? hot_add_term(hot->table, slot, keyword.text, keyword.length, keyword.hash) : id - 1;
+            if (hot->table.terms[id].newest != value) add_posting(*hot, id, value);
         }
     }
 }
@@ -415,19 +369,19 @@ const st_tsval* hot_slice_last_value(const HOT* hot) {
 }
 
 uint32_t hot_slice_terms(const HOT* hot) {
-    return hot->terms_indexed;
+    return hot->table.count;
 }
 uint32_t hot_slice_postings(const HOT* hot) {
     return hot->list_node_index;
 }
 uint64_t hot_slice_lexicon_bytes(const HOT* hot) {
-    return hot->lexicon_used;
+    return hot->table.text_used;
 }
 bool hot_slice_is_msidx(const HOT* hot) {
-    return hot->is_msidx;
+    return hot->mode == HOT_METRIC;
 }
 bool ds_should_group_dimsets(const HOT* hot) {
-    return hot->is_msidx;
+    return hot->mode == HOT_METRIC;
 }
 
 uint32_t st_hot_slice_values(const HOT* hot) {
@@ -453,11 +407,11 @@ value_ranges_t hot_slice_value_ranges(const HOT* hot) {
 
 uint64_t st_hot_slice_size(const HOT* hot) {
     ST_ASSERT(hot != nullptr);
-    const uint64_t terms = hot->terms_capacity;
+    const uint64_t terms = hot->table.capacity;
     const uint64_t postings = hot->list_node_capacity;
-    return hot->lexicon_capacity + 40 * uint64_t{hot->value_capacity} + 352 +
+    return hot->table.text_capacity + 40 * uint64_t{hot->value_capacity} + 352 +
            16 * (terms + hot->metrics.dimset_measures.size()) + 4 * (hot->values_map.size() + terms + postings) +
-           8 * (postings + hot->value_hash_capacity + terms + hot->slots.size());
+           8 * (postings + hot->value_hash_capacity + terms + hot->table.slots.size());
 }
 
 uint64_t st_hot_slice_size_est(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,

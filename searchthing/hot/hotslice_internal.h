@@ -2,41 +2,25 @@
 //
 // A put touches one slot of the term hash, one term record, the term's bytes, and appends one posting node:
 //
-//   slots     2 x terms_capacity x {hash, term id + 1}; a zero term is an empty slot, so fresh memory is an empty table
-//   terms     terms_capacity x 16 bytes, in order of first appearance
-//   lexicon   the terms' bytes back to back, each followed by a NUL
-//   nodes     max_postings x {term, value slot}, in order of arrival
+//   slots   2 x capacity x {hash, term id + 1}; a zero term is an empty slot, so fresh memory is an empty table
+//   terms   capacity x 16 bytes, in order of first appearance
+//   text    the terms' bytes back to back, each followed by a NUL
+//   nodes   max_postings x {term, value slot}, in order of arrival
 //
 // A term's list runs from its newest node to its oldest. The nodes carry their term instead of a link to the next node,
 // so that preparing deals them out to their lists in one backward pass instead of chasing a chain for every term: the
 // chain's dependent loads cost 3 to 10 times as much as the scattered stores.
 #pragma once
 
-#include <xxhash.h>
-
 #include <cstdint>
-#include <cstring>
 #include <span>
 
 #include "libzero/resource.h"
 #include "searchthing/columns/dimset.h"
 #include "searchthing/hot/hotslice.h"
+#include "searchthing/hot/hotslice_terms.h"
 
 namespace veldar {
-
-inline constexpr uint32_t HOT_NO_VALUE = 0xFFFFFFFF;
-
-struct hot_slot_t {
-    uint32_t hash;
-    uint32_t term_plus_1;
-};
-
-struct hot_term_t {
-    uint32_t offset;  // of its bytes in the lexicon arena
-    uint32_t length;
-    uint32_t newest;    // value slot of its newest posting; metric mode: of the newest event that it was put for
-    uint32_t postings;  // nodes of this term
-};
 
 struct hot_node_t {
     uint32_t term;
@@ -86,24 +70,19 @@ struct hot_metrics_t {
     hot_milliseconds_t milliseconds = HOT_MS_OFF;
 };
 
+// How values are kept and found; drawn in hotslice.h.
+enum hot_mode_t : uint8_t { HOT_HASHED, HOT_STREAMING, HOT_METRIC };
+
 struct st_hot_slice {
     // Limits.
-    bool streaming = false;
-    bool is_msidx = false;
-    uint32_t lexicon_capacity = 0;
-    uint32_t terms_capacity = 0;  // a power of two
-    uint32_t list_head_capacity_minus1 = 0;
+    hot_mode_t mode = HOT_HASHED;
     uint32_t list_node_capacity = 0;
     uint32_t value_capacity = 0;
     uint32_t value_hash_capacity = 0;  // 0 when streaming; in metric mode what the sorted values take
     hot_soft_limits_t soft = {};
 
     // Content.
-    buffer<char> lexicon;  // and 8 bytes more, so that the last term can be loaded in words
-    uint32_t lexicon_used = 0;
-    buffer<hot_term_t> terms;
-    uint32_t terms_indexed = 0;
-    buffer<hot_slot_t> slots;
+    hot_terms_t table;
     buffer<hot_node_t> nodes;
     uint32_t list_node_index = 0;
     buffer<st_tsval> values;
@@ -129,57 +108,12 @@ struct st_hot_slice {
     buffer<uint32_t> postings;
     hot_prepared_t result;
 
-    bool fills_downward() const { return streaming || is_msidx; }
+    bool fills_downward() const { return mode != HOT_HASHED; }
 };
 
 // After this many probes of a specified sequence, which may cycle, because its step and the table size can share
 // factors, a search goes on slot by slot, so that it always ends.
 inline constexpr uint32_t HOT_SCATTERED_PROBES = 64;
-
-inline bool hot_same_term(const st_hot_slice& hot, hot_slot_t slot, const char* text, uint32_t length, uint32_t hash) {
-    if (slot.hash != hash) return false;
-    const hot_term_t& term = hot.terms[slot.term_plus_1 - 1];
-    return term.length == length && std::memcmp(hot.lexicon.data() + term.offset, text, length) == 0;
-}
-
-// The term's slot, or the empty slot where it belongs: the table is at most half full, so one of them is found.
-inline uint32_t hot_locate_term(const st_hot_slice& hot, const char* text, uint32_t length, uint32_t hash) {
-    const uint32_t mask = hot.list_head_capacity_minus1;
-    uint32_t slot = hash & mask;
-    if (hot.slots[slot].term_plus_1 == 0 || hot_same_term(hot, hot.slots[slot], text, length, hash)) return slot;
-    const uint32_t step = XXH32(text, length, hash) | 1;
-    do {
-        slot = (slot + step) & mask;
-    } while (hot.slots[slot].term_plus_1 != 0 && !hot_same_term(hot, hot.slots[slot], text, length, hash));
-    return slot;
-}
-
-inline uint32_t hot_add_term(st_hot_slice& hot, uint32_t slot, const char* text, uint32_t length, uint32_t hash) {
-    const uint32_t id = hot.terms_indexed++;
-    hot.terms[id] = {.offset = hot.lexicon_used, .length = length, .newest = HOT_NO_VALUE, .postings = 0};
-    std::memcpy(hot.lexicon.data() + hot.lexicon_used, text, length);
-    hot.lexicon[hot.lexicon_used + length] = '\0';
-    hot.lexicon_used += length + 1;
-    hot.slots[slot] = {.hash = hash, .term_plus_1 = id + 1};
-    return id;
-}
-
-// Takes the newest terms away again, down to `count`. The last one in is the first one out, so that no probe sequence
-// of a term that stays is broken.
-void hot_remove_newest_terms(st_hot_slice& hot, uint32_t count);
-
-inline bool hot_lexicon_holds(const st_hot_slice& hot, uint64_t more) {
-    return hot.lexicon_used + more < hot.lexicon_capacity;
-}
-
-// Distinct keywords among those that are not terms yet, with the arena bytes that they need. May throw std::bad_alloc.
-struct hot_new_terms_t {
-    uint64_t count = 0;
-    uint64_t bytes = 0;
-};
-hot_new_terms_t hot_count_new_terms(const st_hot_slice& hot, std::span<const hot_keyword_t> keywords);
-// Whether the new terms fit: 0, -1 or -4.
-st_hotput_rc_t hot_check_new_terms(const st_hot_slice& hot, const hot_new_terms_t& fresh);
 
 // Metric mode (hotslice_metric.cc); the callers have checked the state that the public functions assert.
 bool hot_metrics_allocate(st_hot_slice& hot, uint64_t max_txn_keywords, uint64_t dimsets_cap,

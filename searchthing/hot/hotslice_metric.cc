@@ -40,7 +40,7 @@ void add_measure(st_hot_slice& hot, uint32_t term, st_measure_t measure) {
 void add_pending(st_hot_slice& hot, uint32_t term, hot_dimension_t dimension, st_measure_t measure) {
     hot_metrics_t& metrics = hot.metrics;
     ds_dimset_t* const set = pending_set(hot);
-    hot.terms[term].newest = hot.value_index;
+    hot.table.terms[term].newest = hot.value_index;
     metrics.pending[metrics.pending_count++] = {.term = term, .loose = dimension == HOT_DIM_NONE};
     switch (dimension) {
         case HOT_DIM_NONE:
@@ -82,15 +82,15 @@ void open_txn(st_hot_slice& hot, const st_txn& txn) {
     value.subsecond = txn.subsecond;
     metrics.pending_count = 0;
     metrics.set_lost_a_field = false;
-    metrics.terms_at_start = hot.terms_indexed;
+    metrics.terms_at_start = hot.table.count;
     metrics.txn_is_open = true;
 }
 
 // Without a column a set could not be read back: the value goes, and the terms that came with it.
 void drop_txn(st_hot_slice& hot) {
     hot_metrics_t& metrics = hot.metrics;
-    for (uint32_t i = 0; i < metrics.pending_count; i++) hot.terms[metrics.pending[i].term].newest = HOT_NO_VALUE;
-    hot_remove_newest_terms(hot, metrics.terms_at_start);
+    for (uint32_t i = 0; i < metrics.pending_count; i++) hot.table.terms[metrics.pending[i].term].newest = HOT_NO_VALUE;
+    hot_remove_newest_terms(hot.table, metrics.terms_at_start);
     hot.value_index++;
 }
 
@@ -111,7 +111,7 @@ uint32_t locate_set(const hot_metrics_t& metrics, const ds_dimset_t* set) {
 
 void add_node(st_hot_slice& hot, uint32_t term) {
     hot.nodes[hot.list_node_index++] = {.term = term, .value = hot.value_index};
-    hot.terms[term].postings++;
+    hot.table.terms[term].postings++;
 }
 
 void count_event(hot_term_counts_t& stats, bool is_new, st_time_t time) {
@@ -209,8 +209,8 @@ bool hot_metrics_allocate(st_hot_slice& hot, uint64_t max_txn_keywords, uint64_t
     // A set begins with five words before anything is asked whether it fits.
     return metrics.dimsets.alloc(dimsets_cap + DS_MIN_WORDS) && metrics.dimset_hash.alloc(hash_slots(dimsets_cap)) &&
            metrics.dimsets_map.alloc(dimsets_cap) && metrics.pending.alloc(max_txn_keywords) &&
-           metrics.dimset_measures.alloc(max_dimset_measures) && metrics.stats.alloc(hot.terms_capacity) &&
-           metrics.term_ranks.alloc(hot.terms_capacity) && metrics.value_order.alloc(hot.value_capacity);
+           metrics.dimset_measures.alloc(max_dimset_measures) && metrics.stats.alloc(hot.table.capacity) &&
+           metrics.term_ranks.alloc(hot.table.capacity) && metrics.value_order.alloc(hot.value_capacity);
 }
 
 void hot_metrics_reset(st_hot_slice& hot) {
@@ -238,12 +238,12 @@ st_hotput_rc_t hot_metrics_txn_start(st_hot_slice& hot, const st_txn& txn) {
 st_hotput_rc_t hot_metrics_put(st_hot_slice& hot, const char* text, uint32_t length, const st_txn& txn) {
     const hot_metrics_t& metrics = hot.metrics;
     const uint32_t hash = hot_slice_hash(text, length);
-    const uint32_t slot = hot_locate_term(hot, text, length, hash);
-    const bool is_new = hot.slots[slot].term_plus_1 == 0;
+    const uint32_t slot = hot_locate_term(hot.table, text, length, hash);
+    const bool is_new = hot.table.slots[slot].term_plus_1 == 0;
     if (is_new) {
-        const st_hotput_rc_t code = hot_check_new_terms(hot, {.count = 1, .bytes = length + 1});
+        const st_hotput_rc_t code = hot_check_new_terms(hot.table, {.count = 1, .bytes = length + 1});
         if (code != HOT_PUT_RC_SUCCESS) return code;
-    } else if (hot.terms[hot.slots[slot].term_plus_1 - 1].newest == hot.value_index) {
+    } else if (hot.table.terms[hot.table.slots[slot].term_plus_1 - 1].newest == hot.value_index) {
         return HOT_PUT_RC_SUCCESS;
     }
     const uint32_t words = pending_words(hot);
@@ -254,7 +254,8 @@ st_hotput_rc_t hot_metrics_put(st_hot_slice& hot, const char* text, uint32_t len
     if (hot.list_node_index + uint64_t{metrics.pending_count} >= hot.list_node_capacity) {
         return HOT_PUT_RC_POSTINGS_FULL;
     }
-    const uint32_t term = is_new ? hot_add_term(hot, slot, text, length, hash) : hot.slots[slot].term_plus_1 - 1;
+    const uint32_t term =
+        is_new ? hot_add_term(hot.table, slot, text, length, hash) : hot.table.slots[slot].term_plus_1 - 1;
     add_pending(hot, term, hot_slice_classify({text, length}), txn.measure);
     return HOT_PUT_RC_SUCCESS;
 }
@@ -266,27 +267,29 @@ void hot_metrics_txn_stop(st_hot_slice& hot) {
 }
 
 st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords) {
-    ST_ASSERT(hot != nullptr && hot->is_msidx);
+    ST_ASSERT(hot != nullptr && hot->mode == HOT_METRIC);
     if (hot->value_index == 0) return HOT_PUT_RC_VALUES_FULL;
     const txn_need_t need = need_of(keywords);
     const bool terms_fit =
-        need.keywords <= hot->terms_capacity - hot->terms_indexed && hot_lexicon_holds(*hot, need.bytes);
+        need.keywords <= hot->table.capacity - hot->table.count && hot_lexicon_holds(hot->table, need.bytes);
     if (terms_fit && check_need(*hot, need) == HOT_PUT_RC_SUCCESS) return HOT_PUT_RC_SUCCESS;
     const st_hotput_rc_t code = check_need(*hot, need_of(distinct(keywords)));
-    return code != HOT_PUT_RC_SUCCESS ? code : hot_check_new_terms(*hot, hot_count_new_terms(*hot, keywords));
+    return code != HOT_PUT_RC_SUCCESS ? code
+                                      : hot_check_new_terms(hot->table, hot_count_new_terms(hot->table, keywords));
 }
 
 void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords,
                           std::span<const st_measure_t> measures) {
-    ST_ASSERT(hot != nullptr && txn != nullptr && hot->is_msidx && !hot->prepared && !hot->metrics.txn_is_open);
+    ST_ASSERT(hot != nullptr && txn != nullptr && hot->mode == HOT_METRIC && !hot->prepared &&
+              !hot->metrics.txn_is_open);
     ST_ASSERT(keywords.size() == measures.size());
     open_txn(*hot, *txn);
     for (size_t i = 0; i < keywords.size(); i++) {
         const auto& [text, length, hash] = keywords[i];
-        const uint32_t slot = hot_locate_term(*hot, text, length, hash);
-        const uint32_t known = hot->slots[slot].term_plus_1;
-        const uint32_t term = known != 0 ? known - 1 : hot_add_term(*hot, slot, text, length, hash);
-        if (hot->terms[term].newest == hot->value_index) continue;
+        const uint32_t slot = hot_locate_term(hot->table, text, length, hash);
+        const uint32_t known = hot->table.slots[slot].term_plus_1;
+        const uint32_t term = known != 0 ? known - 1 : hot_add_term(hot->table, slot, text, length, hash);
+        if (hot->table.terms[term].newest == hot->value_index) continue;
         const hot_dimension_t dimension = hot_slice_classify({text, length});
         add_pending(*hot, term, dimension == HOT_DIM_NONE ? HOT_DIM_OPTIONAL : dimension, measures[i]);
     }

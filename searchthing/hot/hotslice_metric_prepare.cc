@@ -20,7 +20,7 @@ int ds_dimsets_prepare(st_hot_slice& hot, warm_rc_t* rc) {
     const ds_dimset_t** const end =
         std::remove(sets, metrics.dimset_hash.end(), static_cast<const ds_dimset_t*>(nullptr));
     ST_ASSERT(static_cast<size_t>(end - sets) == metrics.num_dimsets);
-    const std::span<const uint32_t> ranks = metrics.term_ranks.span().first(hot.terms_indexed);
+    const std::span<const uint32_t> ranks = metrics.term_ranks.span().first(hot.table.count);
     for (uint32_t i = 0; i < metrics.num_dimsets; i++) {
         ds_dimset_t* const set = ds_dimset_at(metrics.dimsets.data() + set_id(metrics, sets[i]));
         ST_TRY(ds_translate_term_ids(set, ranks, rc, true));
@@ -95,7 +95,7 @@ int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc) {
     result.num_dimsets = hot.metrics.num_dimsets;
     result.dimsets = hot.metrics.dimset_hash.span().first(hot.metrics.num_dimsets);
     result.measures = hot.metrics.dimset_measures.span().first(hot.metrics.dimset_measures_array_idx);
-    result.term_ranks = hot.metrics.term_ranks.span().first(hot.terms_indexed);
+    result.term_ranks = hot.metrics.term_ranks.span().first(hot.table.count);
     result.new_measures = hot.metrics.new_measures;
     result.milliseconds = hot.metrics.milliseconds;
     return 0;
@@ -117,7 +117,7 @@ void hot_metrics_count_loose(st_hot_slice& hot) {
         set.earliest = value.time;  // newest first
     }
     const uint32_t* posting = hot.postings.begin();
-    for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
+    for (uint32_t rank = 0; rank < hot.table.count; rank++) {
         hot_term_counts_t& stats = metrics.stats[hot.sort_keys[rank].index];
         stats.count = 0;
         for (uint32_t left = hot.term_postings[rank]; left != 0; left--) {
@@ -130,7 +130,7 @@ void hot_metrics_count_loose(st_hot_slice& hot) {
 }
 
 hot_term_counts_t hot_slice_prepared_counts(const HOT* hot, uint32_t rank) {
-    ST_ASSERT(hot->is_msidx);
+    ST_ASSERT(hot->mode == HOT_METRIC);
     return hot->metrics.stats[st_hot_slice_get_term_index(hot, rank)];
 }
 

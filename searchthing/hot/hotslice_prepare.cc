@@ -65,29 +65,29 @@ void ssort2(const char* lexicon, hot_sort_key_t* first, hot_sort_key_t* last, ui
 }
 
 void st_list_head_qsort(st_hot_slice& hot) {
-    for (uint32_t id = 0; id < hot.terms_indexed; id++) {
-        hot.sort_keys[id] = {.key = 0, .index = id, .offset = hot.terms[id].offset};
+    for (uint32_t id = 0; id < hot.table.count; id++) {
+        hot.sort_keys[id] = {.key = 0, .index = id, .offset = hot.table.terms[id].offset};
     }
-    ssort2(hot.lexicon.data(), hot.sort_keys.begin(), hot.sort_keys.begin() + hot.terms_indexed, 0);
-    for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
-        hot.sorted_terms[rank] = hot.lexicon.data() + hot.sort_keys[rank].offset;
-        if (hot.is_msidx) hot.metrics.term_ranks[hot.sort_keys[rank].index] = rank;
+    ssort2(hot.table.text.data(), hot.sort_keys.begin(), hot.sort_keys.begin() + hot.table.count, 0);
+    for (uint32_t rank = 0; rank < hot.table.count; rank++) {
+        hot.sorted_terms[rank] = hot.table.text.data() + hot.sort_keys[rank].offset;
+        if (hot.mode == HOT_METRIC) hot.metrics.term_ranks[hot.sort_keys[rank].index] = rank;
     }
 }
 
 // Deals the nodes, newest first, to their terms' stretches of the posting array.
 void deal_postings(st_hot_slice& hot) {
     uint32_t total = 0;
-    for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
+    for (uint32_t rank = 0; rank < hot.table.count; rank++) {
         const uint32_t id = hot.sort_keys[rank].index;
         hot.cursors[id] = total;
-        hot.term_postings[rank] = hot.terms[id].postings;
-        total += hot.terms[id].postings;
+        hot.term_postings[rank] = hot.table.terms[id].postings;
+        total += hot.table.terms[id].postings;
     }
     ST_ASSERT(total == hot.list_node_index);
     uint32_t* const cursors = hot.cursors.data();
     uint32_t* const postings = hot.postings.data();
-    const uint32_t* const numbers = hot.streaming ? nullptr : hot.values_map.data();
+    const uint32_t* const numbers = hot.mode == HOT_STREAMING ? nullptr : hot.values_map.data();
     for (uint32_t node = total; node-- != 0;) {
         const hot_node_t posting = hot.nodes[node];
         postings[cursors[posting.term]++] =
@@ -97,7 +97,7 @@ void deal_postings(st_hot_slice& hot) {
 
 // Drops duplicates from sorted numbers; in metric mode those of one dimension set are duplicates. Returns the new end.
 uint32_t* drop_duplicates(const st_hot_slice& hot, uint32_t* begin, uint32_t* end) {
-    if (!hot.is_msidx) return std::unique(begin, end);
+    if (hot.mode != HOT_METRIC) return std::unique(begin, end);
     const buffer<st_tsval*>& values = hot.metrics.value_order;
     return std::unique(begin, end, [&](uint32_t a, uint32_t b) { return values[a]->address == values[b]->address; });
 }
@@ -106,7 +106,7 @@ uint32_t* drop_duplicates(const st_hot_slice& hot, uint32_t* begin, uint32_t* en
 uint32_t order_postings(st_hot_slice& hot, uint32_t total) {
     uint32_t* in = hot.postings.begin();
     uint32_t* out = in;
-    for (uint32_t rank = 0; rank < hot.terms_indexed; rank++) {
+    for (uint32_t rank = 0; rank < hot.table.count; rank++) {
         uint32_t* const end = in + hot.term_postings[rank];
         if (!std::is_sorted(in, end)) std::sort(in, end);
         uint32_t* const kept = drop_duplicates(hot, in, end);
@@ -130,32 +130,32 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
     if (!hot->prepared) {
         // Values that arrived oldest first, and nodes that never went back to an older value, leave every list
         // ascending and free of duplicates.
-        bool lists_ascend = !hot->is_msidx;
+        bool lists_ascend = hot->mode != HOT_METRIC;
         if (!hot->fills_downward()) {
             const bool in_order = values_arrived_in_order(*hot);
             lists_ascend = in_order && hot->nodes_ordered;
             order_values(*hot, in_order);
         }
         st_list_head_qsort(*hot);
-        if (hot->is_msidx) ST_TRY(hot_metrics_order(*hot, rc));
+        if (hot->mode == HOT_METRIC) ST_TRY(hot_metrics_order(*hot, rc));
         deal_postings(*hot);
         const uint32_t total = lists_ascend ? hot->list_node_index : order_postings(*hot, hot->list_node_index);
-        if (hot->is_msidx) hot_metrics_count_loose(*hot);
+        if (hot->mode == HOT_METRIC) hot_metrics_count_loose(*hot);
 
         hot->prepared = true;
         hot_prepared_t& result = hot->result;
         result.num_values = count;
-        result.num_terms = hot->terms_indexed;
+        result.num_terms = hot->table.count;
         result.num_postings = total;
-        if (count != 0 && !hot->is_msidx) {
+        if (count != 0 && hot->mode != HOT_METRIC) {
             result.latest = hot_slice_prepared_value(hot, 0)->time;
             result.earliest = hot_slice_prepared_value(hot, count - 1)->time;
         }
         result.address_min = hot->address_min;
         result.address_max = hot->address_max;
-        result.lexicon_bytes = hot->lexicon_used;
-        result.terms = hot->sorted_terms.span().first(hot->terms_indexed);
-        result.term_postings = hot->term_postings.span().first(hot->terms_indexed);
+        result.lexicon_bytes = hot->table.text_used;
+        result.terms = hot->sorted_terms.span().first(hot->table.count);
+        result.term_postings = hot->term_postings.span().first(hot->table.count);
         result.postings = hot->postings.span().first(total);
     }
     *num_values = hot->result.num_values;
@@ -167,7 +167,7 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
 }
 
 uint32_t st_hot_slice_get_term_index(const HOT* hot, uint32_t rank) {
-    ST_ASSERT(hot->prepared && rank < hot->terms_indexed);
+    ST_ASSERT(hot->prepared && rank < hot->table.count);
     return hot->sort_keys[rank].index;
 }
 
@@ -178,8 +178,8 @@ const hot_prepared_t* hot_slice_prepared(const HOT* hot) {
 
 const st_tsval* hot_slice_prepared_value(const HOT* hot, uint32_t number) {
     ST_ASSERT(hot->prepared && number < st_hot_slice_values(hot));
-    if (hot->is_msidx) return hot->metrics.value_order[number];
-    return &hot->values[hot->streaming ? hot->value_index + number : hot->value_order[number]];
+    if (hot->mode == HOT_METRIC) return hot->metrics.value_order[number];
+    return &hot->values[hot->mode == HOT_STREAMING ? hot->value_index + number : hot->value_order[number]];
 }
 
 }  // namespace veldar
