@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "libzero/vbe.h"
+#include "searchthing/postings/rle_encoder.h"
 
 namespace veldar {
 
@@ -34,40 +35,6 @@ int reserve(buffer<uint8_t>* bytes, uint64_t size, warm_rc_t* rc) {
 uint64_t rle_bound(uint64_t count, uint64_t num_values) {
     return 2 * count + num_values / 64 + 2 * VBE_MAX_BYTES;
 }
-
-struct rle_sink {
-    uint8_t* at;
-    uint32_t last = 0, run = 0;
-    bool is_first = true;
-
-    void number(uint32_t value) {
-        if (value < 0x80) {
-            *at++ = static_cast<uint8_t>(value);
-        } else if (value < 0x4000) {
-            *at++ = static_cast<uint8_t>(value | 0x80);
-            *at++ = static_cast<uint8_t>(value >> 7);
-        } else {
-            at += st_encode_to_vbe(at, value);
-        }
-    }
-    void end_run() {
-        if (run == 0) return;
-        *at++ = 0;
-        number(run);
-        run = 0;
-    }
-    void operator()(uint32_t id) {
-        const uint32_t gap = id - last;
-        last = id;
-        if (gap == 1 && !is_first) {
-            run++;
-            return;
-        }
-        is_first = false;
-        end_run();
-        number(gap);
-    }
-};
 
 struct bitmap_sink {
     uint8_t* bits;
@@ -125,8 +92,8 @@ int merge_encode(merge_encoder_t* encoder, const merge_list_t& list, bool bitmap
     *out = {};
     if (list.count == 0) return 0;
     ST_TRY(reserve(&encoder->rle, rle_bound(list.count, encoder->num_values), rc));
-    rle_sink rle{encoder->rle.data()};
-    merge_list_for_each(list, [&rle](uint32_t id) { rle(id); });
+    rle_encoder_t rle{encoder->rle.data()};
+    merge_list_for_each(list, [&rle](uint32_t id) { rle.put(id); });
     rle.end_run();
     const uint64_t rle_size = static_cast<uint64_t>(rle.at - encoder->rle.data());
     out->bytes = {encoder->rle.data(), static_cast<size_t>(rle_size)};

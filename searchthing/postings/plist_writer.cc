@@ -1,14 +1,11 @@
 // Writing posting lists.
 #include "libzero/assertions.h"
-#include "libzero/vbe.h"
 #include "searchthing/postings/plist.h"
+#include "searchthing/postings/rle_encoder.h"
 
 namespace veldar {
 
 namespace {
-
-// The most that one put can add to the buffer, or a bitmap needs to begin: a run and a gap.
-constexpr uint64_t MAX_EMIT = 1 + 2 * VBE_MAX_BYTES;
 
 int flush(plist_writer_t* plw) {
     if (plw->buffered == 0) return 0;
@@ -21,21 +18,18 @@ int flush(plist_writer_t* plw) {
 }
 
 int flush_if_nearly_full(plist_writer_t* plw) {
-    return plw->buffered + MAX_EMIT >= PLIST_BUFFER ? flush(plw) : 0;
+    return plw->buffered + RLE_MAX_EMIT >= PLIST_BUFFER ? flush(plw) : 0;
 }
 
-void emit_number(plist_writer_t* plw, uint32_t value) {
-    const uint32_t length = st_encode_to_vbe(plw->buf + plw->buffered, value);
-    plw->buffered += length;
-    plw->term_bytes += length;
+rle_encoder_t encoder_of(plist_writer_t* plw) {
+    return {plw->buf + plw->buffered, plw->last_value, plw->run, plw->count_forterm == 0};
 }
 
-void emit_pending_run(plist_writer_t* plw) {
-    if (plw->run == 0) return;
-    plw->buf[plw->buffered++] = 0;
-    plw->term_bytes++;
-    emit_number(plw, plw->run);
-    plw->run = 0;
+void take_encoded(plist_writer_t* plw, const rle_encoder_t& rle) {
+    const auto size = static_cast<uint64_t>(rle.at - (plw->buf + plw->buffered));
+    plw->run = rle.run;
+    plw->buffered += size;
+    plw->term_bytes += size;
 }
 
 void count_value(plist_writer_t* plw, uint32_t value) {
@@ -44,18 +38,12 @@ void count_value(plist_writer_t* plw, uint32_t value) {
     plw->count_forterm++;
 }
 
-// The first event of a term is always stored as itself: 0 and 1 would otherwise look like a repetition or a run.
 int _plist_writer_rle_put_helper(plist_writer_t* plw, uint32_t cur_value) {
-    const bool is_first = plw->count_forterm == 0;
-    if (!is_first && cur_value == plw->last_value) return 0;
-    if (!is_first && cur_value == plw->last_value + 1 && cur_value != 0) {
-        plw->run++;
-        count_value(plw, cur_value);
-        return 0;
-    }
-    emit_pending_run(plw);
+    if (plw->count_forterm > 0 && cur_value == plw->last_value) return 0;
     ST_ASSERT(plw->count_forterm == 0 || cur_value > plw->last_value);
-    emit_number(plw, is_first ? cur_value : cur_value - plw->last_value);
+    rle_encoder_t rle = encoder_of(plw);
+    rle.put(cur_value);
+    take_encoded(plw, rle);
     count_value(plw, cur_value);
     return flush_if_nearly_full(plw);
 }
@@ -159,7 +147,11 @@ int _plist_writer_put(plist_writer_t* plw, uint32_t value) {
 int _plist_writer_end_term(plist_writer_t* plw) {
     ST_TRY(put_skipped_value(plw));
     if (plw->plo_type == PLO_BMAP) ST_TRY(end_bitmap(plw));
-    if (plw->plo_type == PLO_RLE) emit_pending_run(plw);
+    if (plw->plo_type == PLO_RLE) {
+        rle_encoder_t rle = encoder_of(plw);
+        rle.end_run();
+        take_encoded(plw, rle);
+    }
     plw->total += plw->term_bytes;
     return flush_if_nearly_full(plw);
 }
