@@ -7,6 +7,7 @@
 #include <string>
 
 #include "libzero/assertions.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {
 

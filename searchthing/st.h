@@ -23,19 +23,18 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "searchthing/lexicon/fclex.h"
-#include "searchthing/directory/health.h"
-#include "searchthing/hot/hotslice.h"
 #include "searchthing/base/log.h"
-#include "searchthing/search/query.h"
 #include "searchthing/base/st_init.h"
-#include "searchthing/directory/tsidx.h"
-#include "searchthing/upkeep/tsidx_delete.h"
-#include "searchthing/reading/tsidx_metric.h"
-#include "searchthing/upkeep/tsidx_minify.h"
-#include "searchthing/format/tsidx_names.h"
-#include "searchthing/reading/tsidx_read.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/directory/health.h"
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/format/tsidx_names.h"
+#include "searchthing/hot/hotslice.h"
+#include "searchthing/reading/tsidx_metric.h"
+#include "searchthing/reading/tsidx_read.h"
+#include "searchthing/search/query.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/upkeep/tsidx_minify.h"
 
 namespace veldar {
 

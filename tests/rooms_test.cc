@@ -51,13 +51,6 @@ const std::set<std::string> SECTION_RECORDS = {
     "searchthing/values/tsval_order.h",
     "searchthing/lexicon/st_enum_answer.h",
 };
-// Files that read sections all the same.
-const std::set<std::string> SECTION_READERS = {
-    "searchthing/reading/tsidx_metric.cc",
-    "searchthing/reading/tsidx_read.h",
-    "searchthing/reading/tsidx_terms.cc",
-    "searchthing/upkeep/tsidx_merge_lex.cc",
-};
 
 const std::set<std::string>& system_headers() {
     static const std::set<std::string> headers = {
@@ -151,8 +144,7 @@ std::string include_fault(const std::string& file, const std::string& target) {
     if (height_of(other) > height_of(room)) return "which stands higher";
     if (APART.contains(room) && APART.contains(other)) return "and these rooms know nothing of each other";
     if (target.ends_with("_internal.h")) return "which is of its room alone";
-    if (SLICE_USERS.contains(room) && SECTIONS.contains(other) && !SECTION_RECORDS.contains(target) &&
-        !SECTION_READERS.contains(file)) {
+    if (SLICE_USERS.contains(room) && SECTIONS.contains(other) && !SECTION_RECORDS.contains(target)) {
         return "a section, past the slice";
     }
     return "";

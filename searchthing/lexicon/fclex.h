@@ -38,11 +38,9 @@
 #include "libzero/resource.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/lexicon/st_enum_answer.h"
 
 namespace veldar {
-
-inline constexpr uint32_t ST_MAX_TERM_LENGTH = 2047;
-inline constexpr uint32_t ST_TERM_BUFFER_SIZE = 2048;
 
 struct st_fclex_body {
     be32 terms;
@@ -69,12 +67,6 @@ struct st_fclex_handle {
     buffer<uint8_t> known_first_terms;
 };
 using FCLEX = st_fclex_handle;
-
-struct st_enum_answer {
-    char term[ST_TERM_BUFFER_SIZE];
-    uint32_t id;  // a term id, or an event count once a directory has replaced it
-};
-static_assert(sizeof(st_enum_answer) == 2052);
 
 // Receives each term of a walk: its id, its text (NUL-terminated, at most 2047 bytes, valid for this call only), the
 // text's length and the caller's context. -1 stops the walk; any other result is added to the walk's total.

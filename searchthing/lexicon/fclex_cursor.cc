@@ -21,15 +21,18 @@ fclex_stream_sizes sizes_within(uint64_t piece_bytes) {
 }  // namespace
 
 struct fclex_cursor_t {
-    fclex_cursor_t(FCLEX* lexicon, const char* wanted, uint64_t first_block, uint64_t piece_bytes,
+    fclex_cursor_t(FCLEX* lexicon, const char* wanted, const char* behind, uint64_t first_block, uint64_t piece_bytes,
                    st_query_info_t* stats)
         : lex(lexicon),
           prefix(wanted),
+          after(behind == nullptr ? "" : behind),
+          passed(behind == nullptr),
           stream(lexicon, first_block, sizes_within(piece_bytes), stats),
           next_block(first_block) {}
 
     FCLEX* lex;
-    std::string prefix;
+    std::string prefix, after;
+    bool passed;  // `after`
     fclex_block_stream stream;
     uint64_t next_block;
     fclex_block_cursor block;
@@ -59,8 +62,8 @@ void fclex_cursor_closer::operator()(fclex_cursor_t* cursor) const {
     delete cursor;
 }
 
-fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, uint64_t piece_bytes, st_query_info_t* stats,
-                                   warm_rc_t* rc) {
+fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* after, uint64_t piece_bytes,
+                                   st_query_info_t* stats, warm_rc_t* rc) {
     if (lex == nullptr) {
         _set_rc_msg(rc, WARM_RC_NO_LEXICON, "no lexicon");
         return nullptr;
@@ -68,11 +71,12 @@ fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, uint64_t piec
     fclex_check(lex);
     if (prefix == nullptr) prefix = "";
     int64_t first_block = 0;
-    if (*prefix != '\0') first_block = _find_block(lex, prefix, stats, rc);
+    const char* const start = after != nullptr && std::strcmp(after, prefix) > 0 ? after : prefix;
+    if (*start != '\0') first_block = _find_block(lex, start, stats, rc);
     if (first_block < 0) return nullptr;
     try {
         return fclex_cursor_ptr(
-            new fclex_cursor_t(lex, prefix, static_cast<uint64_t>(first_block), piece_bytes, stats));
+            new fclex_cursor_t(lex, prefix, after, static_cast<uint64_t>(first_block), piece_bytes, stats));
     } catch (const std::bad_alloc&) {
         _set_rc(rc, WARM_RC_NO_MEMORY);
         return nullptr;
@@ -99,6 +103,8 @@ int fclex_cursor_next(fclex_cursor_t* cursor, fclex_cursor_term_t* term, warm_rc
             cursor->next_block = fclex_block_count(cursor->lex);
             return 0;
         }
+        if (!cursor->passed && std::strcmp(cursor->text, cursor->after.c_str()) <= 0) continue;
+        cursor->passed = true;
         *term = {.id = id, .length = cursor->block.length, .text = cursor->text};
         return 0;
     }

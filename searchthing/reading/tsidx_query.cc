@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "libzero/assertions.h"
+#include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/reading/tsidx_read.h"
-#include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/search/slice_events.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_lists.h"

@@ -15,9 +15,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "searchthing/lexicon/fclex.h"
-#include "searchthing/search/query.h"
 #include "searchthing/directory/tsidx.h"
+#include "searchthing/lexicon/st_enum_answer.h"
+#include "searchthing/search/query.h"
 #include "searchthing/values/tsval.h"
 
 namespace veldar {
@@ -99,9 +99,6 @@ struct tsidx_info_t {
 };
 // Describes the newest `capacity` slices, newest first. Returns how many slices there are, which may be more.
 int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capacity);
-
-// 1 when there is nothing to merge in tiers of eight slices (tsidx_optimize.h); else 0, or a failure.
-int st_tsidx_is_optimized(TSIDX* tsidx);
 
 // Goes on with another directory, or with the same one after it has been moved: syncs into the old one and closes its
 // slices first. A writing handle takes the limits that the new one remembers. 0; TSIDX_SYNC_FAILED, -37 for an empty

@@ -10,7 +10,6 @@
 
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/reading/tsidx_snapshot.h"
-#include "searchthing/search/parsed_query.h"
 
 namespace veldar {
 
@@ -19,6 +18,9 @@ inline constexpr st_time_t TSIDX_LAST_TIME = std::numeric_limits<st_time_t>::max
 
 // The result of a step that found a listed slice gone; no status and no count.
 inline constexpr int64_t TSIDX_VANISHED = std::numeric_limits<int64_t>::min();
+
+// How often a read begins again when slices go before they are opened.
+inline constexpr int TSIDX_MAX_SNAPSHOTS = 16;
 
 // The live slices of one moment and those of them that are open.
 class tsidx_snapshot {
@@ -67,10 +69,9 @@ int tsidx_fail_vanishing(TSIDX* tsidx);
 // recorded. The work begins afresh every time.
 template <typename Work>
 int64_t tsidx_over_snapshot(TSIDX* tsidx, Work work) {
-    constexpr int MAX_SNAPSHOTS = 16;
     try {
         ST_TRY(tsidx_begin_read(tsidx));
-        for (int i = 0; i < MAX_SNAPSHOTS; i++) {
+        for (int i = 0; i < TSIDX_MAX_SNAPSHOTS; i++) {
             tsidx_snapshot snapshot(tsidx);
             ST_TRY(snapshot.take());
             const int64_t result = work(snapshot);
@@ -96,47 +97,7 @@ int64_t tsidx_each_slice(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t
     return 0;
 }
 
-// What the operations that take a query or look for times share (tsidx_query.cc).
-
-// Reads the query, with the bounds that it has. A text that is no query is refused whatever the directory holds: 0 or
-// its status, recorded.
-int tsidx_parse_query(TSIDX* tsidx, const st_query_spec* query, parsed_query_t* parsed);
-bool tsidx_is_empty_range(const st_query_spec& query);
-// The first value of a slice, from `low` on, that is not later than `time`; the number of values when all are.
-int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc);
-
 // Opens every slice that overlaps the bounds, for walks that cannot begin again once the caller has seen a part.
 int64_t tsidx_open_all(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t latest);
-
-// Hands every event that `walk(warm, query, call, &rc)` finds to the caller's function, slice by slice from the newest
-// on; the walk goes on while `call(event)` is true. The total of the function's results, -1 when that stopped the walk,
-// or a failure, recorded.
-template <typename Event, typename Walk>
-int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(const Event*, void*), void* context,
-                            Walk walk) {
-    parsed_query_t parsed;
-    ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
-    const st_query_spec& bounded = parsed.spec;
-    if (tsidx_is_empty_range(bounded)) return 0;
-    return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        const int64_t opened = tsidx_open_all(snapshot, bounded.earliest.time_s, bounded.latest.time_s);
-        if (opened != 0) return opened;
-        int64_t total = 0;
-        bool stopped = false;
-        const auto call = [&](const Event& event) {
-            const int result = fn(&event, context);
-            stopped = result == -1;
-            if (!stopped) total += result;
-            return !stopped;
-        };
-        for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
-            if (snapshot.warm(i) == nullptr) continue;
-            warm_rc_t rc;
-            if (walk(snapshot.warm(i), parsed, call, &rc) != 0) return snapshot.fail(i, rc);
-            snapshot.close(i);
-        }
-        return stopped ? -1 : total;
-    });
-}
 
 }  // namespace veldar

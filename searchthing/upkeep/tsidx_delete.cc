@@ -12,7 +12,7 @@
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
-#include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_values.h"
 

@@ -2,14 +2,9 @@
 // slices together. Programs that only ask which terms there are read one file for it, as dictscan does. Searches never
 // use it: it is as old as the last call that wrote it.
 //
-//   merged_lexicon.lex, offset   size                              field
-//   0                            60                                header "VelLex1" (warmslice_header.h) without values
-//   120                          4 x terms, down to 8, plus 8      event counts, big-endian
-//   then                                                           lexicon (fclex.h)
-//
-// The file is written as "merged_lexicon.lex.part.<id>" and renamed when it is whole and on the disk, so that a reader
-// finds the old one or the new one. The id is one like those of slices; what a killed writer left goes when the
-// directory is next opened for writing (tsidx_recover.cc).
+// The file (merge/merged_lexicon.h) is written as "merged_lexicon.lex.part.<id>" and renamed when it is whole and on
+// the disk, so that a reader finds the old one or the new one. The id is one like those of slices; what a killed writer
+// left goes when the directory is next opened for writing (tsidx_recover.cc).
 #pragma once
 
 #include <cstdint>
@@ -19,7 +14,7 @@
 namespace veldar {
 
 // Writes the merged lexicon of all live slices, in one pass over their lexicons. A count above 2^32 - 1 is stored as
-// that. Memory: the size of the merged lexicon, and what st_tsidx_distinct_apply_terms takes.
+// that. Memory: the size of the merged lexicon, and what a term cursor takes.
 //
 //   min_src_count     fewer slices than this: nothing is done
 //   terms_per_block   of the merged lexicon; 0: that of the directory's merges

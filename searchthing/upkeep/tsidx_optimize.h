@@ -51,6 +51,9 @@ struct tsidx_optimize_plan_t {
 int st_tsidx_optimize_plan(TSIDX* tsidx, int mode, uint32_t min_src_count, uint64_t target_size, bool is_final,
                            tsidx_optimize_plan_t* plan);
 
+// 1 when there is nothing to merge in tiers of TSIDX_OPTIMIZE_MIN_SOURCES slices; else 0, or a failure.
+int st_tsidx_is_optimized(TSIDX* tsidx);
+
 // Gives every event of later merges of this handle a new address, before the events are ordered: the mapper need not
 // keep their order. Null: addresses stay.
 void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* context);

@@ -7,7 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "searchthing/lexicon/fclex.h"
+#include "libzero/endian.h"
+#include "searchthing/lexicon/st_enum_answer.h"
 #include "searchthing/values/tsval.h"
 
 namespace veldar {

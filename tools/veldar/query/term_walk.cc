@@ -45,7 +45,7 @@ bool advance(slice_terms* slice, const term_choice& choice, troubles* trouble) {
 bool start(slice_terms* slice, const term_choice& choice, uint64_t piece, troubles* trouble) {
     if (slice->warm->lexicon == nullptr) return false;
     warm_rc_t rc;
-    slice->cursor = fclex_cursor_open(slice->warm->lexicon, choice.prefix.c_str(), piece, nullptr, &rc);
+    slice->cursor = fclex_cursor_open(slice->warm->lexicon, choice.prefix.c_str(), nullptr, piece, nullptr, &rc);
     if (slice->cursor == nullptr) {
         check_memory(rc);
         troubles_add(trouble, slice_error(*slice->file, rc));

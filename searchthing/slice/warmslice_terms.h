@@ -1,0 +1,66 @@
+// The terms of an open slice in ascending order, and what its metadata say of them.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "searchthing/lexicon/fclex_cursor.h"
+#include "searchthing/lexicon/matcher.h"
+#include "searchthing/slice/warmslice.h"
+
+namespace veldar {
+
+// Which terms: those that all of this takes.
+struct term_choice_t {
+    std::string prefix;                            // that they begin with
+    std::optional<std::string> needle;             // that matches them (isMatch); one without "*" is looked up
+    std::optional<std::string> after;              // that they come behind: where an earlier walk ended
+    std::function<bool(std::string_view)> wanted;  // given NUL-terminated terms; null: every term
+};
+
+// Added up over slices.
+struct term_totals_t {
+    uint64_t count = 0;  // events; deleted ones too, as long as their slice holds them
+    st_time_t earliest = 0, latest = 0;
+};
+
+// A walk over the terms of one slice, which must outlive it, as must the choice.
+class warm_terms {
+  public:
+    // Stands before the first term. `piece_bytes` is for reading the lexicon (fclex_cursor.h). 0; -44 for a minified
+    // slice, -2, or the failure of a read. May throw std::bad_alloc.
+    [[nodiscard]] int open(WARM* warm, const term_choice_t& choice, uint64_t piece_bytes, warm_rc_t* rc);
+    // Moves to the next term that is wanted, or to the end. 0, or the failure of a read.
+    [[nodiscard]] int next(warm_rc_t* rc);
+    bool at_end() const { return term_.text == nullptr; }
+    // NUL-terminated; valid until the next move.
+    std::string_view text() const { return {term_.text, term_.length}; }
+    // Adds what the slice says of the term. Where it stores counts alone, the times are those of its name. 0, or a
+    // failure of warm_slice_recomputed_metadata.
+    [[nodiscard]] int add_totals(term_totals_t* totals, warm_rc_t* rc);
+
+  private:
+    struct matcher_closer {
+        void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
+    };
+
+    bool is_wanted() const;
+    int look_up(warm_rc_t* rc);
+
+    WARM* warm_ = nullptr;
+    const term_choice_t* choice_ = nullptr;
+    std::unique_ptr<OpaqueMatcher_T, matcher_closer> matcher_;
+    fclex_cursor_ptr cursor_;  // null where a single term is looked up
+    bool looked_up_ = false;
+    fclex_cursor_term_t term_;
+};
+
+// st_fclex_enum with event counts in place of ids: how many answers there are, or a failure as above.
+int warm_slice_enum(WARM* warm, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag,
+                    warm_rc_t* rc);
+
+}  // namespace veldar
