@@ -150,30 +150,6 @@ ids_t random_ids(dice* random, uint32_t limit, uint32_t gap) {
 
 }  // namespace
 
-TEST(Plist, EveryListOfEverySliceKindReadsInEveryWay) {
-    dice random{std::mt19937(7)};
-    for (const forge_options& options : forge_event_kinds()) {
-        SCOPED_TRACE(options.name());
-        temp_dir dir;
-        forge_picture picture;
-        warm_rc_t rc;
-        const std::string path = forge_file(dir.path(), forge_random_events(options.seed, 700), options, 1, &picture);
-        WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
-        ASSERT_NE(warm, nullptr) << rc.message;
-        {
-            reader_owner r(warm);
-            const uint32_t values = static_cast<uint32_t>(picture.values.size());
-            for (uint32_t term = 0; term < picture.terms.size(); term++) {
-                ASSERT_NO_FATAL_FAILURE(check_list(&r, term, picture.postings[term], values, &random));
-            }
-            const uint32_t any = random.below(picture.terms.size());
-            EXPECT_EQ(r.all(any), picture.postings[any]) << "out of order";
-            EXPECT_EQ(r.seek_term(static_cast<uint32_t>(picture.terms.size())), WARM_RC_CAPACITY);
-        }
-        EXPECT_EQ(st_warm_slice_close(warm), 0);
-    }
-}
-
 // Lists of many buffers and bitmap chunks, written and read by us.
 TEST(Plist, LongListsSurviveWriterAndReader) {
     dice random{std::mt19937(3)};

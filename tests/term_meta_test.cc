@@ -46,17 +46,6 @@ bool operator==(const st_term_metadata& a, const st_term_metadata& b) {
     return a.count == b.count && a.earliest == b.earliest && a.latest == b.latest;
 }
 
-void expect_all(const forged_slice& slice, term_meta_reader_t* reader) {
-    warm_rc_t rc;
-    for (const st_term_metadata& wanted : slice.records) {
-        const st_term_metadata* got = term_meta_reader_next(reader, &rc);
-        ASSERT_NE(got, nullptr) << rc.warm_rc << rc.message;
-        ASSERT_TRUE(*got == wanted) << reader->next;
-    }
-    EXPECT_EQ(term_meta_reader_next(reader, &rc), nullptr);
-    EXPECT_EQ(rc.warm_rc, WARM_RC_CAPACITY);
-}
-
 st_warm_slice_body packed_header(uint32_t values, int32_t earliest, int32_t latest, uint32_t terms) {
     st_warm_slice_body h;
     warm_header_init(&h, "_TSIDX9");
@@ -68,41 +57,6 @@ st_warm_slice_body packed_header(uint32_t values, int32_t earliest, int32_t late
 }
 
 }  // namespace
-
-TEST(TermMeta, EveryKindIsWrittenAsForgedAndReadInSequenceAndInMemory) {
-    for (const forge_options& options : forge_event_kinds()) {
-        SCOPED_TRACE(options.name());
-        const forged_slice slice(forge_random_events(23, 600), options);
-        const uint8_t* mapped = reinterpret_cast<const uint8_t*>(slice.bytes.data()) + _offset_metadata(&slice.header);
-        term_meta_reader_t reader;
-        warm_rc_t rc;
-        const bool counts_only = warm_header_meta_type(&slice.header) == META_COUNT_ONLY;
-        const int opened = term_meta_reader_open(&reader, slice.fd.get(), nullptr, &slice.header, true, nullptr, &rc);
-        if (counts_only) {
-            EXPECT_EQ(opened, WARM_RC_CORRUPT);
-            EXPECT_STREQ(rc.message, "sequential access for META_COUNT_ONLY unsupportted");
-        } else {
-            ASSERT_EQ(opened, 0);
-            expect_all(slice, &reader);
-        }
-        EXPECT_EQ(term_meta_reader_close(&reader), 0);
-        ASSERT_EQ(term_meta_reader_open(&reader, -1, mapped, &slice.header, false, nullptr, &rc), 0);
-        expect_all(slice, &reader);
-
-        temp_dir dir;
-        const unique_fd out = open_file(dir.file("out"));
-        term_meta_writer_t writer;
-        ASSERT_EQ(term_meta_writer_open(&writer, out.get(), &slice.header, &rc), 0);
-        for (const st_term_metadata& record : slice.records) {
-            ASSERT_EQ(term_meta_writer_append(&writer, &record, &rc), 0) << rc.message;
-        }
-        ASSERT_EQ(term_meta_writer_close(&writer, &rc), 0);
-        const std::string section = slice.section();
-        const std::string written = read_file(dir.file("out")).substr(_offset_metadata(&slice.header));
-        EXPECT_EQ(written.size(), options.legacy() ? slice.terms() * (counts_only ? 4 : 12) : section.size());
-        EXPECT_TRUE(written == section.substr(0, written.size()));
-    }
-}
 
 TEST(TermMeta, WriterRefusesWhatItsFieldsCannotHold) {
     temp_dir dir;
