@@ -48,7 +48,9 @@ const char* pl_type_as_str(uint32_t type);
 
 // Writes a section, one term after another. For each term the caller sets `plo_type`, starts, puts events in ascending
 // order and ends; `total` before a term is where its list begins. SPO and DEDUP terms have no bytes and are not
-// written.
+// written. It is for sections that are written in one go, without a look at earlier lists: the tests of readers, and
+// programs that make slices of their own. Merging encodes a list in memory first, to find one that it has written
+// before; the encoding itself is one (rle_encoder.h).
 struct plist_writer_t {
     int fd = -1;          // not owned
     uint64_t offset = 0;  // file position of buf[0]
