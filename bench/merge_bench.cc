@@ -23,11 +23,6 @@
 namespace veldar {
 namespace {
 
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
-using warm_ptr = std::unique_ptr<WARM, warm_closer>;
-
 warm_ptr open_slice(const std::string& path) {
     warm_rc_t rc;
     warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "searchthing/hot/warmslice_create.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/warm_ptr.h"
 
 namespace veldar {
 namespace {

@@ -16,10 +16,7 @@
 namespace veldar {
 namespace {
 
-struct closer {
-    void operator()(FCLEX* lex) const { st_fclex_close(lex); }
-};
-using lexicon = std::unique_ptr<FCLEX, closer>;
+using lexicon = fclex_ptr;
 
 // A body opened in either mode, for loops over both. Memory is exactly as long as the body, so that the sanitizer sees
 // any byte too far; in the file something else lies before the body.

@@ -23,11 +23,6 @@
 namespace veldar {
 namespace {
 
-struct merge_closer {
-    void operator()(warm_merge_t* merge) const { st_warm_slice_merge_close(merge); }
-};
-using merge_ptr = std::unique_ptr<warm_merge_t, merge_closer>;
-using warm_ptr = std::unique_ptr<WARM, warm_closer>;
 using event_list = std::vector<forge_event>;
 
 using record_key = std::tuple<int32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>;

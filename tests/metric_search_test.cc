@@ -6,14 +6,14 @@
 #include <random>
 
 #include "searchthing/search/search_literals.h"
+#include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice.h"
 #include "searchthing/slice/warmslice_meta.h"
 #include "searchthing/slice/warmslice_runs.h"
-#include "searchthing/search/warmslice_search.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/warm_ptr.h"
 
 namespace veldar {
 namespace {

@@ -6,11 +6,11 @@
 #include <random>
 
 #include "searchthing/hot/hotslice.h"
-#include "searchthing/slice/warmslice.h"
 #include "searchthing/hot/warmslice_create.h"
 #include "searchthing/merge/warmslice_merge.h"
-#include "searchthing/slice/warmslice_meta.h"
 #include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice.h"
+#include "searchthing/slice/warmslice_meta.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/faults.h"
@@ -19,7 +19,6 @@
 #include "tests/support/metric_events.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/warm_ptr.h"
 
 namespace veldar {
 namespace {

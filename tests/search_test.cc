@@ -2,10 +2,10 @@
 
 #include "searchthing/search/search_literals.h"
 #include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice.h"
 #include "tests/support/directory.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/warm_ptr.h"
 namespace veldar {
 namespace {
 

@@ -17,10 +17,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
-#include "searchthing/hot/hotslice.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/format/tsidx_names.h"
+#include "searchthing/hot/hotslice.h"
 
 namespace veldar {
 
@@ -55,6 +56,10 @@ TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRIT
 // Syncs, writes the parameter file when its content would change, and frees the handle: 0, or TSIDX_SYNC_FAILED when
 // the last sync failed, this one or an earlier one. A transaction that is not closed is dropped.
 int st_tsidx_close(TSIDX* tsidx);
+struct tsidx_closer {
+    void operator()(TSIDX* handle) const { st_tsidx_close(handle); }
+};
+using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_closer>;
 
 // Writes the hot slice as a warm slice: 0 (also when there is nothing to write) or TSIDX_SYNC_FAILED with the reason in
 // st_tsidx_last_failure. Transient errors are retried with pauses, for about a minute. The hot slice is empty

@@ -32,11 +32,6 @@ constexpr uint32_t MAX_TRIES = 60;
 constexpr uint32_t MAX_PART_NUMBER = 63;
 constexpr int UNKNOWN_ERRNO = 69;
 
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
-using warm_owner = std::unique_ptr<WARM, warm_closer>;
-
 // Pauses of 1 ms, doubling up to a second, at most 60 tries.
 struct backoff {
     uint32_t tries = 1;
@@ -61,11 +56,11 @@ bool is_transient(const warm_rc_t& rc) {
     return from_system && (rc.saved_errno == EINTR || is_transient(rc.saved_errno));
 }
 
-warm_owner create_slice(TSIDX* tsidx, const char* suffix, ospath_buf* file) {
+warm_ptr create_slice(TSIDX* tsidx, const char* suffix, ospath_buf* file) {
     const auto create = tsidx->durable ? warm_slice_create_durable : st_warm_slice_create;
     for (backoff pause;;) {
         errno = 0;
-        warm_owner warm(create(tsidx->hot, file, tsidx->path.c_str(), suffix, &tsidx->opts, &tsidx->last_failure));
+        warm_ptr warm(create(tsidx->hot, file, tsidx->path.c_str(), suffix, &tsidx->opts, &tsidx->last_failure));
         if (warm != nullptr) return warm;
         // Empty when the file is not ours.
         if (file->val[0] != '\0') ::unlink(file->val);
@@ -112,7 +107,7 @@ int move_slice(TSIDX* tsidx, const WARM* warm, const char* file, const char* suf
 // The steps of a sync of a hot slice that holds something: 0 or the status, recorded.
 int write_slice(TSIDX* tsidx, const char* suffix, const char* final_suffix) {
     ospath_buf file;
-    const warm_owner warm = create_slice(tsidx, suffix, &file);
+    const warm_ptr warm = create_slice(tsidx, suffix, &file);
     if (warm == nullptr) return tsidx->last_failure.warm_rc;
     const int moved = move_slice(tsidx, warm.get(), file.val, final_suffix);
     if (moved != 0) {

@@ -26,6 +26,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string_view>
 
@@ -75,6 +76,10 @@ HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t ma
                          bool is_msidx, const TSWRITEOPTS* opts, warm_rc_t* rc);
 // Frees the handle; null is accepted.
 void st_hot_slice_close(HOT* hot);
+struct hot_closer {
+    void operator()(HOT* handle) const { st_hot_slice_close(handle); }
+};
+using hot_ptr = std::unique_ptr<HOT, hot_closer>;
 // Empties the hot slice and keeps its memory.
 void st_hot_slice_reset(HOT* hot);
 

@@ -25,11 +25,6 @@ constexpr uint32_t TERMS_PER_BLOCK = 8;
 // A posting's number takes at most 5 bytes; one more is kept free.
 constexpr uint64_t POSTING_ROOM = 6;
 
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
-using warm_owner = std::unique_ptr<WARM, warm_closer>;
-
 const char* magic_of_level(uint32_t level) {
     switch (level) {
         case 1:
@@ -234,7 +229,7 @@ WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* pr
         _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "hot slice holds no terms");
         return nullptr;
     }
-    warm_owner warm(new (std::nothrow) WARM);
+    warm_ptr warm(new (std::nothrow) WARM);
     if (warm == nullptr) {
         _set_rc_msg(rc, WARM_RC_NO_MEMORY, "warm slice handle");
         return nullptr;

@@ -31,6 +31,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string_view>
 
@@ -93,6 +94,10 @@ FCLEX* st_fclex_open_fd(int fd, int64_t offset);
 
 // Frees the handle and what it owns; a null handle is ignored.
 void st_fclex_close(FCLEX* lex);
+struct fclex_closer {
+    void operator()(FCLEX* handle) const { st_fclex_close(handle); }
+};
+using fclex_ptr = std::unique_ptr<FCLEX, fclex_closer>;
 
 // The id of a term. A key longer than 2047 bytes stands for its first 2047. -1 when an argument is null, the term is
 // absent or the search for its block failed; -8 when its block cannot be fetched, -12 when the block is damaged.

@@ -7,22 +7,18 @@
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/postings/bitmap.h"
 #include "searchthing/merge/merge_metric.h"
-#include "searchthing/values/tsval.h"
-#include "searchthing/slice/warmslice.h"
 #include "searchthing/merge/warmslice_merge.h"
+#include "searchthing/postings/bitmap.h"
+#include "searchthing/slice/warmslice.h"
+#include "searchthing/values/tsval.h"
 
 namespace veldar {
-
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
 
 // One source. The merge sees the deleted marks of the moment in which it was opened; the mapping shows later ones.
 struct merge_source_t {
     std::string path;
-    std::unique_ptr<WARM, warm_closer> warm;  // its values reader reads `deleted`
+    warm_ptr warm;  // its values reader reads `deleted`
     buffer<uint8_t> deleted;
     uint32_t num_values = 0;
     // Value numbers in the order of the target; empty when they are in that order already.

@@ -141,7 +141,7 @@ int verify_values(const warm_merge_t* merge, WARM* target, warm_rc_t* rc) {
 int verify_slice(warm_merge_t* merge, const char* path, const merge_postings_t& postings, warm_rc_t* rc) {
     unique_fd fd = osfile_open_regular(path, O_RDONLY);
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
-    const std::unique_ptr<WARM, warm_closer> target(st_warm_slice_open_rdonly_from_fd(fd.get(), nullptr, rc));
+    const warm_ptr target(st_warm_slice_open_rdonly_from_fd(fd.get(), nullptr, rc));
     if (target == nullptr) return rc->warm_rc;
     static_cast<void>(fd.release());
     const st_warm_slice_body* const body = target->body;

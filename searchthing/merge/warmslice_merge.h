@@ -19,11 +19,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "searchthing/base/st_timeval.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"
 
 namespace veldar {
@@ -76,6 +77,10 @@ const warm_merge_totals_t* st_warm_slice_merge_totals(const warm_merge_t* merge)
 
 // Closes the sources and frees everything. Null is allowed.
 void st_warm_slice_merge_close(warm_merge_t* merge);
+struct merge_closer {
+    void operator()(warm_merge_t* handle) const { st_warm_slice_merge_close(handle); }
+};
+using merge_ptr = std::unique_ptr<warm_merge_t, merge_closer>;
 
 // How many of these slices, from the first on, one merge may take: their totals fit the format, what the merge has to
 // keep in memory is estimated at no more than 1 GiB, and they are no more than 64. The spans have the same length.

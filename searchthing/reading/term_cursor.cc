@@ -10,16 +10,12 @@ namespace {
 
 constexpr uint64_t ALL_PIECES_BYTES = uint64_t{8} << 20;
 
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
-
 // A source at the moment of the cursor.
 struct term_origin {
     TSIDX* tsidx = nullptr;
     std::string path;
     std::unique_ptr<tsidx_snapshot> snapshot;  // of a directory
-    std::unique_ptr<WARM, warm_closer> file;
+    warm_ptr file;
 };
 
 // One slice's place in the walk.

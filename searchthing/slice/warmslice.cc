@@ -29,11 +29,6 @@ struct warm_disposer {
 };
 using warm_owner = std::unique_ptr<WARM, warm_disposer>;
 
-struct lexicon_closer {
-    void operator()(FCLEX* lexicon) const { st_fclex_close(lexicon); }
-};
-using lexicon_owner = std::unique_ptr<FCLEX, lexicon_closer>;
-
 // A slice whose name says nothing covers all time.
 constexpr st_filename_metadata_t ALL_TIME = {.earliest = std::numeric_limits<st_time_t>::min(),
                                              .latest = std::numeric_limits<st_time_t>::max()};
@@ -79,7 +74,7 @@ int read_plo_last(WARM* warm, const st_warm_slice_body* header, int fd, warm_rc_
 
 // Checks the reverse lexicon at `offset` in the file and tells its size.
 int check_reverse_lexicon(int fd, uint64_t offset, uint32_t num_terms, uint64_t* size, warm_rc_t* rc) {
-    const lexicon_owner reverse(st_fclex_open_fd(fd, static_cast<int64_t>(offset)));
+    const fclex_ptr reverse(st_fclex_open_fd(fd, static_cast<int64_t>(offset)));
     if (reverse == nullptr) return _set_rc_msg(rc, WARM_RC_NO_LEXICON, "reverse lexicon");
     *size = st_fclex_size(reverse.get());
     if (*size == 0) return _set_rc_msg(rc, WARM_RC_NO_LEXICON, "size is 0");
@@ -150,7 +145,7 @@ int check_mapped_header(std::span<const uint8_t> file, warm_rc_t* rc) {
 }
 
 // Opens a lexicon in the mapping and tells its size, which lies inside the file.
-int open_mapped_lexicon(std::span<const uint8_t> bytes, const char* what, lexicon_owner* lexicon, uint64_t* size,
+int open_mapped_lexicon(std::span<const uint8_t> bytes, const char* what, fclex_ptr* lexicon, uint64_t* size,
                         warm_rc_t* rc) {
     lexicon->reset(_fclex_open_bounded(bytes));
     if (*lexicon == nullptr) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, what);
@@ -168,7 +163,7 @@ int open_lexicon_in_map(WARM* warm, warm_rc_t* rc) {
     const uint64_t offset = _offset_fclex(warm->body);
     const std::span<const uint8_t> body = file.subspan(static_cast<size_t>(offset));
     if (!begins_with_terms(body, warm->body)) return _set_rc_msg(rc, WARM_RC_CORRUPT, "num terms mismatch");
-    lexicon_owner forward;
+    fclex_ptr forward;
     ST_TRY(open_mapped_lexicon(body, "forward idx", &forward, &warm->lexicon_size, rc));
     warm->postings_base = offset + warm->lexicon_size;
     if (_has_reverse_lex(warm->body)) {
@@ -177,7 +172,7 @@ int open_lexicon_in_map(WARM* warm, warm_rc_t* rc) {
         const std::span<const uint8_t> rest =
             inside ? body.subspan(static_cast<size_t>(reverse_start)) : std::span<const uint8_t>();
         if (!begins_with_terms(rest, warm->body)) return _set_rc_msg(rc, WARM_RC_CORRUPT, "reverse num terms");
-        lexicon_owner reverse;
+        fclex_ptr reverse;
         uint64_t reverse_size = 0;
         ST_TRY(open_mapped_lexicon(rest, "reverse idx", &reverse, &reverse_size, rc));
         warm->postings_base = offset + reverse_start + reverse_size;

@@ -19,12 +19,12 @@
 #include "libzero/ospath-builder.h"
 #include "libzero/resource.h"
 #include "libzero/xorshift128plus.h"
+#include "searchthing/base/warm_rc.h"
+#include "searchthing/format/tsidx_names.h"
+#include "searchthing/format/warmslice_header.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/values/term_meta.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/values/tsval.h"
-#include "searchthing/base/warm_rc.h"
-#include "searchthing/format/warmslice_header.h"
 
 namespace veldar {
 
@@ -90,6 +90,10 @@ WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc);
 // what was written is on the disk, and errno tells. `still_open`, if given, learns which of the two; only a handle
 // opened read-write can stay open.
 int st_warm_slice_close(WARM* handle, bool* still_open = nullptr);
+struct warm_closer {
+    void operator()(WARM* handle) const { st_warm_slice_close(handle); }
+};
+using warm_ptr = std::unique_ptr<WARM, warm_closer>;
 // Closes and frees everything without a flush.
 void st_warm_slice_discard(WARM* handle);
 

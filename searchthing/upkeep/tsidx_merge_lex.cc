@@ -17,10 +17,6 @@ namespace {
 
 constexpr uint64_t PIECE_BYTES = 128 << 10;  // of a lexicon, at a time
 
-struct warm_closer {
-    void operator()(WARM* warm) const { st_warm_slice_close(warm); }
-};
-
 // A merged lexicon of a directory under its temporary name.
 struct lexicon_target {
     explicit lexicon_target(TSIDX* directory)
@@ -77,7 +73,7 @@ int merge(TSIDX* tsidx, uint32_t min_src_count, uint32_t terms_per_block, uint64
 
 int filter(TSIDX* tsidx, uint32_t terms_per_block, uint64_t page_size, uint32_t min_events, warm_rc_t* rc) {
     lexicon_target target(tsidx);
-    const std::unique_ptr<WARM, warm_closer> warm(st_warm_slice_open_rdonly(target.final_path.c_str(), rc));
+    const warm_ptr warm(st_warm_slice_open_rdonly(target.final_path.c_str(), rc));
     if (warm == nullptr) return rc->warm_rc;
     const term_choice_t all;
     warm_terms terms;

@@ -14,11 +14,11 @@
 #include "libzero/osfile.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_lock.h"
-#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
-#include "searchthing/upkeep/tsidx_merge_plan.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
+#include "searchthing/upkeep/tsidx_merge_plan.h"
 
 namespace veldar {
 
@@ -26,11 +26,6 @@ namespace {
 
 constexpr int MAX_TRIES = 16;
 constexpr uint64_t DEFAULT_TARGET_SIZE = uint64_t{1500} << 20;
-
-struct merge_closer {
-    void operator()(warm_merge_t* merge) const { st_warm_slice_merge_close(merge); }
-};
-using merge_owner = std::unique_ptr<warm_merge_t, merge_closer>;
 
 // A listed slice that was gone when it was opened; no status.
 constexpr int VANISHED = 1;
@@ -146,7 +141,7 @@ int name_target(TSIDX* tsidx, const warm_merge_totals_t& totals, target_names* n
     return 0;
 }
 
-merge_owner open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, uint32_t lexicon_tpb, warm_rc_t* rc) {
+merge_ptr open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, uint32_t lexicon_tpb, warm_rc_t* rc) {
     std::vector<std::string> paths;
     for (const std::string& source : plan.sources) paths.push_back(tsidx->path + "/" + source);
     std::vector<const char*> texts;
@@ -157,7 +152,7 @@ merge_owner open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, ui
                                           .mapper_context = tsidx->merge_mapper_context,
                                           .progress = tsidx->merge_progress,
                                           .progress_context = tsidx->merge_progress_context};
-    return merge_owner(st_warm_slice_merge_open(texts, &options, rc));
+    return merge_ptr(st_warm_slice_merge_open(texts, &options, rc));
 }
 
 // One merge, or VANISHED.
@@ -167,7 +162,7 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
     tsidx_optimize_plan_t plan;
     ST_TRY(make_plan(tsidx, rules, &plan, rc));
     ST_TRY(check_space(tsidx, plan.bytes, rc));
-    const merge_owner merge = open_merge(tsidx, plan, lexicon_tpb, rc);
+    const merge_ptr merge = open_merge(tsidx, plan, lexicon_tpb, rc);
     if (merge == nullptr) return has_vanished(*rc) ? VANISHED : rc->warm_rc;
     target_names names;
     ST_TRY(name_target(tsidx, *st_warm_slice_merge_totals(merge.get()), &names, rc));

@@ -5,16 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/hot/hotslice.h"
 #include "searchthing/directory/tsidx.h"
+#include "searchthing/hot/hotslice.h"
 #include "tests/support/forge.h"
 
 namespace veldar {
-
-struct hot_closer {
-    void operator()(HOT* hot) const { st_hot_slice_close(hot); }
-};
-using hot_ptr = std::unique_ptr<HOT, hot_closer>;
 
 st_txn txn_of(const forge_event& event);
 // Oldest first, the order that streaming mode needs.
