@@ -107,7 +107,8 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
                   static_cast<int>(reference.search(reference_query::group_and({}), until).size()));
         for (const auto& [term, record] : reference.terms()) {
             ASSERT_EQ(st_get(thing, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), total),
-                      static_cast<int>(record.count()));
+                      static_cast<int>(record.count()))
+                << term;
             ASSERT_EQ(answers[0].time, record.latest);
             ASSERT_EQ(answers[record.count() - 1].time, record.earliest);
             st_enum_answer terms[2];

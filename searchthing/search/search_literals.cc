@@ -423,7 +423,11 @@ int _set_everything(conjunction_context* context, uint8_t* bitmap) {
         range_bitmap_fill(bitmap, context->range);
         return 0;
     }
-    for (const char* metrics : {" metric_name::*", "metric_name::*"}) ST_TRY(or_literal(context, metrics, bitmap));
+    for (const char* metrics : {" metric_name::*", "metric_name::*"}) {
+        const std::vector<uint32_t>* terms = nullptr;
+        ST_TRY(lookup_wildcard(context, metrics, &terms));
+        ST_TRY(_proc_terms(context, *terms, bitmap));
+    }
     return 0;
 }
 

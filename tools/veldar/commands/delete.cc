@@ -11,7 +11,6 @@
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_count.h"
 #include "tools/veldar/query/event_source.h"
-#include "tools/veldar/query/event_stream.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/store.h"
 
@@ -27,12 +26,12 @@ struct delete_options {
 };
 
 // The keys of the events to delete, by directory.
-std::vector<std::vector<st_tsval_encoded>> find_keys(event_stream* stream) {
+std::vector<std::vector<st_tsval_encoded>> find_keys(event_cursor_t* events) {
     std::vector<std::vector<st_tsval_encoded>> found;
-    stream_event event;
-    while (event_stream_next(stream, &event)) {
-        if (found.size() <= event.directory) found.resize(event.directory + 1);
-        found[event.directory].push_back({event.value.time, event.value.address});
+    event_t event;
+    while (events_next(events, &event)) {
+        if (found.size() <= event.source) found.resize(event.source + 1);
+        found[event.source].push_back({event.value.time, event.value.address});
     }
     return found;
 }
@@ -47,12 +46,10 @@ uint64_t greatest_address(const std::vector<st_tsval_encoded>& keys) {
 // two events of a bucket have one key.
 uint64_t delete_found(const std::string& path, const prepared_query& query) {
     troubles trouble;
-    event_stream stream;
-    event_stream_open(&stream, path, &query, 0, &trouble);
+    const slice_set slices = slices_list(path);
     event_source source;
-    event_source_open(&source, &stream.slices, &trouble);
-    stream_check_raw(&stream, &source);
-    const std::vector<std::vector<st_tsval_encoded>> found = find_keys(&stream);
+    event_source_open(&source, &slices, &trouble);
+    const std::vector<std::vector<st_tsval_encoded>> found = find_keys(events_open(query, 0, &source).get());
     if (trouble.incomplete) {
         throw tool_failure{EXIT_INCOMPLETE, "not everything could be searched: nothing was deleted"};
     }
@@ -61,7 +58,7 @@ uint64_t delete_found(const std::string& path, const prepared_query& query) {
     for (size_t i = 0; i < found.size(); i++) {
         const std::vector<st_tsval_encoded>& keys = found[i];
         if (keys.empty()) continue;
-        const slice_directory& directory = stream.slices.directories[i];
+        const slice_directory& directory = slices.directories[i];
         if (directory.has_sources) store_note_deleted(directory.path, greatest_address(keys));
         const tsidx_ptr tsidx = index_handle_open(directory.path, WRITE_LEVEL);
         const bool by_query = !directory.has_sources && query_needs_index_only(query);

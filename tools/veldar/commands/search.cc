@@ -5,7 +5,6 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/event_source.h"
-#include "tools/veldar/query/event_stream.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
@@ -36,21 +35,21 @@ void choose_format(const search_options& options, const slice_set& slices, event
     if (output->format == FORMAT_RAW) output->format = FORMAT_ADDR;
 }
 
-void print_newest_first(event_stream* stream, uint64_t limit, event_output* output, bool* found) {
-    stream_event event;
-    for (uint64_t count = 0; (limit == 0 || count < limit) && event_stream_next(stream, &event); count++) {
+void print_newest_first(event_cursor_t* events, uint64_t limit, event_output* output, bool* found) {
+    event_t event;
+    for (uint64_t count = 0; (limit == 0 || count < limit) && events_next(events, &event); count++) {
         *found = true;
         event_output_put(output, event);
         if (output->out->closed) return;
     }
 }
 
-void print_oldest_first(event_stream* stream, uint64_t limit, event_output* output, bool* found) {
-    std::vector<stream_event> events;
-    stream_event event;
-    while ((limit == 0 || events.size() < limit) && event_stream_next(stream, &event)) events.push_back(event);
-    *found = !events.empty();
-    for (auto one = events.rbegin(); one != events.rend() && !output->out->closed; ++one) {
+void print_oldest_first(event_cursor_t* events, uint64_t limit, event_output* output, bool* found) {
+    std::vector<event_t> found_events;
+    event_t event;
+    while ((limit == 0 || found_events.size() < limit) && events_next(events, &event)) found_events.push_back(event);
+    *found = !found_events.empty();
+    for (auto one = found_events.rbegin(); one != found_events.rend() && !output->out->closed; ++one) {
         event_output_put(output, *one);
     }
 }
@@ -58,21 +57,20 @@ void print_oldest_first(event_stream* stream, uint64_t limit, event_output* outp
 int search_run(const tool_context& context, const search_options& options) {
     const prepared_query query = query_prepare(options.query);
     troubles trouble;
-    event_stream stream;
-    event_stream_open(&stream, store_choose(context.store), &query, options.limit, &trouble);
+    const slice_set slices = slices_list(store_choose(context.store));
     event_source source;
-    event_source_open(&source, &stream.slices, &trouble);
-    stream_check_raw(&stream, &source);
+    event_source_open(&source, &slices, &trouble);
+    const event_cursor_ptr events = events_open(query, options.limit, &source);
     text_output out;
     output_open(&out, options.color);
     event_output output;
     output.out = &out;
     output.source = &source;
-    choose_format(options, stream.slices, &output);
+    choose_format(options, slices, &output);
     if (out.colour) output.wanted = highlight_of(query.plans);
     event_output_begin(&output);
     bool found = false;
-    (options.oldest_first ? print_oldest_first : print_newest_first)(&stream, options.limit, &output, &found);
+    (options.oldest_first ? print_oldest_first : print_newest_first)(events.get(), options.limit, &output, &found);
     output_flush(&out);
     return answer_status(found, trouble);
 }

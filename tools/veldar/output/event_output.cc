@@ -44,7 +44,7 @@ void put_lines(event_output* output, const std::vector<std::string>& lines) {
     }
 }
 
-void put_raw(event_output* output, const stream_event& event) {
+void put_raw(event_output* output, const event_t& event) {
     const raw_record* const record = event_source_record(output->source, event);
     if (record == nullptr) return;
     const bool context = output->before > 0 || output->after > 0;
@@ -60,10 +60,10 @@ void put_raw(event_output* output, const stream_event& event) {
     output->printed++;
 }
 
-void put_addr(event_output* output, const stream_event& event) {
+void put_addr(event_output* output, const event_t& event) {
     output_put(output->out, event_time_text(event.value.time, event.value.subsecond));
     output_put(output->out, "\t" + std::to_string(event.value.address) + "\t");
-    output_put(output->out, output->source->slices->directories[event.directory].name);
+    output_put(output->out, output->source->slices->directories[event.source].name);
     output_put(output->out, "\n");
 }
 
@@ -72,13 +72,13 @@ struct event_columns {
     std::string_view raw;
 };
 
-event_columns columns_of(event_output* output, const stream_event& event) {
+event_columns columns_of(event_output* output, const event_t& event) {
     event_source* const source = output->source;
     event_columns columns = {event_time_text(event.value.time, event.value.subsecond),
                              event_source_name(source->hosts, event.value.h),
                              event_source_name(source->sources, event.value.s),
                              event_source_name(source->sourcetypes, event.value.st),
-                             source->slices->directories[event.directory].name,
+                             source->slices->directories[event.source].name,
                              std::to_string(event.value.address),
                              {}};
     if (output->has_raw) {
@@ -169,7 +169,7 @@ void event_output_begin(event_output* output) {
     if (output->format == FORMAT_TSV) output_put(output->out, TSV_HEADER);
 }
 
-void event_output_put(event_output* output, const stream_event& event) {
+void event_output_put(event_output* output, const event_t& event) {
     switch (output->format) {
         case FORMAT_RAW:
             put_raw(output, event);

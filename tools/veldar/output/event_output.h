@@ -35,7 +35,7 @@ struct event_output {
 void event_output_begin(event_output* output);
 // Prints one event. What cannot be read of it is told to the source's troubles and left out: in raw format the event,
 // elsewhere its text.
-void event_output_put(event_output* output, const stream_event& event);
+void event_output_put(event_output* output, const event_t& event);
 
 // "2015-05-17T10:05:03Z", with the fraction of a second when there is one.
 std::string event_time_text(st_time_t time, uint64_t nanoseconds);

@@ -2,7 +2,6 @@
 
 #include "searchthing/search/warmslice_search.h"
 #include "tools/veldar/query/event_source.h"
-#include "tools/veldar/query/event_stream.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/tool_failure.h"
 
@@ -43,14 +42,13 @@ uint64_t count_by_slices(const std::string& path, const prepared_query& query, t
 
 // Plans overlap, and raw records have to be read: the events are gone through one by one.
 uint64_t count_by_events(const std::string& path, const prepared_query& query, troubles* trouble) {
-    event_stream stream;
-    event_stream_open(&stream, path, &query, 0, trouble);
+    const slice_set slices = slices_list(path);
     event_source source;
-    event_source_open(&source, &stream.slices, trouble);
-    stream_check_raw(&stream, &source);
+    event_source_open(&source, &slices, trouble);
+    const event_cursor_ptr events = events_open(query, 0, &source);
     uint64_t total = 0;
-    stream_event event;
-    while (event_stream_next(&stream, &event)) total++;
+    event_t event;
+    while (events_next(events.get(), &event)) total++;
     return total;
 }
 

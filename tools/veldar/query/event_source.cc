@@ -84,12 +84,11 @@ bool event_source_knows_raw(const slice_set& slices) {
                        [](const slice_directory& directory) { return directory.has_sources; });
 }
 
-const raw_record* event_source_record(event_source* source, const stream_event& event) {
-    const bool same =
-        source->has_record && source->directory == event.directory && source->address == event.value.address;
+const raw_record* event_source_record(event_source* source, const event_t& event) {
+    const bool same = source->has_record && source->directory == event.source && source->address == event.value.address;
     if (same) return &source->record;
     source->has_record = false;
-    raw_reader* const reader = reader_of(source, event.directory);
+    raw_reader* const reader = reader_of(source, event.source);
     if (reader == nullptr) return nullptr;
     std::string error;
     if (!raw_reader_fetch(reader, event.value.address, &source->record, &error)) {
@@ -97,14 +96,14 @@ const raw_record* event_source_record(event_source* source, const stream_event& 
         return nullptr;
     }
     source->has_record = true;
-    source->directory = event.directory;
+    source->directory = event.source;
     source->address = event.value.address;
     return &source->record;
 }
 
-bool event_source_context(event_source* source, const stream_event& event, uint32_t before, uint32_t after,
+bool event_source_context(event_source* source, const event_t& event, uint32_t before, uint32_t after,
                           std::vector<std::string>* lines_before, std::vector<std::string>* lines_after) {
-    raw_reader* const reader = reader_of(source, event.directory);
+    raw_reader* const reader = reader_of(source, event.source);
     std::string error;
     if (reader == nullptr) return false;
     if (raw_reader_context(reader, event.value.address, before, after, lines_before, lines_after, &error)) return true;
@@ -112,7 +111,7 @@ bool event_source_context(event_source* source, const stream_event& event, uint3
     return false;
 }
 
-bool event_source_fraction(event_source* source, const stream_event& event, uint64_t* nanoseconds) {
+bool event_source_fraction(event_source* source, const event_t& event, uint64_t* nanoseconds) {
     const raw_record* const record = event_source_record(source, event);
     if (record == nullptr) return false;
     const line_format* const format = format_by_name(record->file->format);
@@ -131,32 +130,63 @@ bool event_source_fraction(event_source* source, const stream_event& event, uint
     return true;
 }
 
-void stream_check_raw(event_stream* stream, event_source* source) {
-    const prepared_query& query = *stream->query;
-    if (!query.needs_raw() && !query.cuts_a_second()) return;
-    if (query.needs_raw() && !event_source_knows_raw(stream->slices)) {
+namespace {
+
+// Refuses a query that only the raw records can answer where there are none.
+void require_raw(const prepared_query& query, const slice_set& slices) {
+    if (query.needs_raw() && !event_source_knows_raw(slices)) {
         throw tool_failure{
             EXIT_USAGE,
             "a phrase, or a word with other characters than letters, digits, '_', '.' and '-', is looked "
             "for in the events' text, and there is no source map beside these slices"};
     }
-    if (query.cuts_a_second() && keep_whole_seconds(stream->slices)) {
+    if (query.cuts_a_second() && keep_whole_seconds(slices)) {
         throw tool_failure{EXIT_USAGE,
                            "these slices keep whole seconds, and there is no source map beside them: give "
                            "--since and --until without fractions"};
     }
-    stream->passes = [stream, source, scratch = std::string(),
-                      text = std::string()](const stream_event& event) mutable {
-        if (stream->query->cuts(event.value.time)) {
-            st_timeval_t time = {event.value.time, event.value.subsecond};
-            if (!event.is_metric && !event_source_fraction(source, event, &time.time_ns)) return false;
-            if (!stream->query->holds(time)) return false;
-        }
-        const query_plan& plan = stream->query->plans[event.plan];
-        if (!plan.needs_raw()) return true;
-        const raw_record* const record = event_source_record(source, event);
-        return record != nullptr && record_passes(plan, searched_text(*record, &text), &scratch);
+}
+
+bool passes_raw(const prepared_query& query, event_source* source, const event_t& event) {
+    if (query.cuts(event.value.time)) {
+        st_timeval_t time = {event.value.time, event.value.subsecond};
+        if (!event.is_metric && !event_source_fraction(source, event, &time.time_ns)) return false;
+        if (!query.holds(time)) return false;
+    }
+    const query_plan& plan = query.plans[event.query];
+    if (!plan.needs_raw()) return true;
+    const raw_record* const record = event_source_record(source, event);
+    return record != nullptr && record_passes(plan, searched_text(*record, &source->searched), &source->scratch);
+}
+
+}  // namespace
+
+event_cursor_ptr events_open(const prepared_query& query, uint64_t limit, event_source* source) {
+    event_cursor_options_t options;
+    for (const slice_directory& directory : source->slices->directories) {
+        options.sources.push_back({directory.tsidx.get(), source->slices->path});
+    }
+    for (const query_plan& plan : query.plans) options.queries.push_back(query_of_plan(query, plan));
+    options.limit = limit;
+    options.on_failure = [source](const std::string& path, const warm_rc_t& rc) {
+        troubles_add(source->trouble, slice_error(path, rc));
     };
+    slices_tell_errors(*source->slices, source->trouble);
+    require_raw(query, *source->slices);
+    if (query.needs_raw() || query.cuts_a_second()) {
+        options.passes = [&query, source](const event_t& event) { return passes_raw(query, source, event); };
+    }
+    warm_rc_t rc;
+    event_cursor_ptr cursor = event_cursor_open(options, &rc);
+    if (cursor == nullptr) throw tool_failure{EXIT_IO, slice_error(source->slices->path, rc)};
+    return cursor;
+}
+
+bool events_next(event_cursor_t* cursor, event_t* event) {
+    warm_rc_t rc;
+    const int count = event_cursor_next(cursor, {event, 1}, &rc);
+    if (count < 0) throw tool_failure{EXIT_IO, "out of memory"};
+    return count > 0;
 }
 
 std::string event_source_name(const std::vector<std::string>& names, uint32_t number) {

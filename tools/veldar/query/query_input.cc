@@ -159,10 +159,4 @@ st_query_spec query_of_plan(const prepared_query& query, const query_plan& plan)
     return spec;
 }
 
-st_query_spec query_of_plan_until(const prepared_query& query, const query_plan& plan, const st_timeval_t& latest) {
-    st_query_spec spec = query_of_plan(query, plan);
-    spec.latest = latest;
-    return spec;
-}
-
 }  // namespace veldar::tool

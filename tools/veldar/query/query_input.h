@@ -39,7 +39,5 @@ struct prepared_query {
 prepared_query query_prepare(const query_options& options);
 // What the engine is asked for one plan; the text is the plan's and lives as long.
 st_query_spec query_of_plan(const prepared_query& query, const query_plan& plan);
-// The plan's text with `latest` (inclusive) as its upper bound.
-st_query_spec query_of_plan_until(const prepared_query& query, const query_plan& plan, const st_timeval_t& latest);
 
 }  // namespace veldar::tool

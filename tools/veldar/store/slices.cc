@@ -220,7 +220,7 @@ slice_state_t slice_open(const slice_file& file, warm_ptr* warm, std::string* er
     if (opened != nullptr) return SLICE_OPEN;
     if (rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT) return SLICE_VANISHED;
     if (rc.warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
-    *error = slice_error(file, rc);
+    *error = slice_error(file.path, rc);
     return SLICE_UNREADABLE;
 }
 
@@ -240,8 +240,8 @@ bool slices_open_all(const slice_set& set, std::vector<opened_slice>* slices, tr
     return true;
 }
 
-std::string slice_error(const slice_file& file, const warm_rc_t& rc) {
-    std::string text = file.path + ": ";
+std::string slice_error(const std::string& path, const warm_rc_t& rc) {
+    std::string text = path + ": ";
     if (rc.warm_rc == WARM_RC_OPEN) return text + std::strerror(rc.saved_errno);
     if (rc.warm_rc == WARM_RC_BAD_MAGIC) {
         text += "not a slice, or damaged";

@@ -85,6 +85,9 @@ struct opened_slice {
 bool slices_open_all(const slice_set& set, std::vector<opened_slice>* slices, troubles* trouble);
 
 // "PATH: what the status says", for messages.
-std::string slice_error(const slice_file& file, const warm_rc_t& rc);
+std::string slice_error(const std::string& path, const warm_rc_t& rc);
+inline std::string slice_error(const slice_file& file, const warm_rc_t& rc) {
+    return slice_error(file.path, rc);
+}
 
 }  // namespace veldar::tool
