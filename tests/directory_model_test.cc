@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 
+#include "searchthing/reading/term_cursor.h"
 #include "searchthing/upkeep/tsidx_delete.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/directory.h"
@@ -200,14 +201,14 @@ class model {
         const int64_t total = st_tsidx_distinct_apply_terms(tsidx, prefix.c_str(), append_term, &distinct);
         EXPECT_EQ(total, static_cast<int64_t>(distinct.size()));
         EXPECT_EQ(distinct, (std::vector<std::pair<std::string, uint64_t>>(by_slice.begin(), by_slice.end())));
-        std::vector<st_enum_answer> enumerated(1 + below(40));
+        std::vector<st_enum_answer> answered(1 + below(40));
         const int held =
-            st_tsidx_enum(tsidx, prefix.c_str(), enumerated.data(), static_cast<uint32_t>(enumerated.size()), false);
-        ASSERT_EQ(static_cast<size_t>(held), std::min(distinct.size(), enumerated.size()));
+            st_tsidx_enum(tsidx, prefix.c_str(), answered.data(), static_cast<uint32_t>(answered.size()), false);
+        ASSERT_EQ(static_cast<size_t>(held), std::min(distinct.size(), answered.size()));
         for (size_t i = 0; i < static_cast<size_t>(held); i++) {
-            EXPECT_EQ(enumerated[i].term, distinct[i].first);
-            EXPECT_EQ(enumerated[i].id, distinct[i].second);
+            EXPECT_EQ(std::pair(std::string(answered[i].term), uint64_t{answered[i].id}), distinct[i]);
         }
+        check_resumed(prefix, reference, distinct);
 
         const std::string needle = prefix + "*" + term.substr(term.size() - 1);
         std::vector<std::pair<std::string, uint64_t>> matched;
@@ -230,6 +231,32 @@ class model {
         EXPECT_GE(terms, live_terms);
         EXPECT_LE(terms, static_cast<int64_t>(reference.terms().size()));
         check_meta();
+    }
+
+    // A cursor that goes on behind a term, over the directory taken twice.
+    void check_resumed(const std::string& prefix, const reference_index& reference,
+                       const std::vector<std::pair<std::string, uint64_t>>& distinct) {
+        size_t next = below(static_cast<uint32_t>(distinct.size()));
+        term_cursor_options_t options;
+        options.sources = {{tsidx_.get(), {}}, {tsidx_.get(), {}}};
+        options.choice.prefix = prefix;
+        options.choice.after = distinct[next].first;
+        warm_rc_t rc;
+        const term_cursor_ptr cursor = term_cursor_open(options, &rc);
+        ASSERT_NE(cursor, nullptr) << rc.message;
+        std::string_view term;
+        term_totals_t totals;
+        while (term_cursor_next(cursor.get(), &term, &rc) == 0 && term.data() != nullptr) {
+            ASSERT_LT(++next, distinct.size());
+            ASSERT_EQ(term_cursor_totals(cursor.get(), &totals, &rc), 0);
+            EXPECT_EQ(std::pair(std::string(term), totals.count),
+                      std::pair(distinct[next].first, 2 * distinct[next].second));
+            for (const uint32_t number : reference.terms().at(distinct[next].first).postings) {
+                const forge_event& event = reference.values()[number];
+                EXPECT_TRUE(event.deleted || (totals.earliest <= event.time && event.time <= totals.latest));
+            }
+        }
+        EXPECT_EQ(next + 1, distinct.size());
     }
 
     void check_meta() {

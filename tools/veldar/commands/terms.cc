@@ -8,7 +8,7 @@
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/term_walk.h"
+#include "tools/veldar/query/term_input.h"
 #include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
@@ -49,7 +49,7 @@ void put_term(text_output* out, uint64_t count, std::string_view term) {
 // The most frequent terms; with a limit no more than these are kept in memory.
 uint64_t print_by_count(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
     std::vector<counted_term> held;
-    const auto visit = [&](std::string_view term, const term_totals& totals) {
+    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
         const bool full = options.limit != 0 && held.size() == options.limit;
         if (full && held.front().count >= totals.count) return true;
         held.push_back({totals.count, std::string(term)});
@@ -71,7 +71,7 @@ uint64_t print_by_count(const std::string& path, const terms_options& options, t
 
 uint64_t print_by_term(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
     uint64_t printed = 0;
-    const auto visit = [&](std::string_view term, const term_totals& totals) {
+    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
         put_term(out, totals.count, term);
         return ++printed != options.limit && !out->closed;
     };
@@ -97,9 +97,9 @@ struct field_totals {
 int fields_run(const tool_context& context) {
     troubles trouble;
     std::vector<field_totals> fields;
-    term_choice choice;
+    term_choice_t choice;
     choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
-    const auto visit = [&](std::string_view term, const term_totals& totals) {
+    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
         const std::string_view name = term.substr(0, term.find("::"));
         if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
         fields.back().values++;
@@ -135,9 +135,9 @@ term_pattern exact_term(const std::string& text) {
 }
 
 int seen_run(const tool_context& context, const std::string& text) {
-    term_totals all;
+    term_totals_t all;
     troubles trouble;
-    const auto visit = [&](std::string_view, const term_totals& totals) {
+    const auto visit = [&](std::string_view, const term_totals_t& totals) {
         all = totals;
         return true;
     };
