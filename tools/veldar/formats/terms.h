@@ -20,9 +20,8 @@ inline constexpr size_t TERM_MAX = 2047;  // bytes; longer terms are cut
 // The rule that cuts a text into words: a word is a run of [A-Za-z0-9_.-] without the `_`, `.` and `-` at its ends.
 inline constexpr std::array<bool, 256> WORD_BYTES = [] {
     std::array<bool, 256> table{};
-    for (const unsigned char c :
-         std::string_view("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_.-")) {
-        table[c] = true;
+    for (const char c : std::string_view("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_.-")) {
+        table[static_cast<unsigned char>(c)] = true;
     }
     return table;
 }();
