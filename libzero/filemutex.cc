@@ -62,11 +62,11 @@ bool lock_name(ospath_builder* name, const char* path) {
 
 // Whether the text reaches the file is not checked: it tells people who holds a lock, the file's existence is the lock.
 void write_lock_text(int fd) {
-    if (::write(fd, lockfile_text, std::strlen(lockfile_text)) < 0) return;
+    if (os_retry([&] { return ::write(fd, lockfile_text, std::strlen(lockfile_text)); }) < 0) return;
 }
 
 int lock_by_exclusive_create(const char* lock) {
-    const unique_fd fd(::open(lock, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    const unique_fd fd(os_retry([&] { return ::open(lock, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));
     if (!fd.valid()) return errno == EEXIST ? FILEMUTEX_HELD : FILEMUTEX_ERROR;
     write_lock_text(fd.get());
     return FILEMUTEX_OK;
@@ -103,7 +103,7 @@ bool directory_usable(const char* path) {
 // Creates the temporary file with the lock text in it; false leaves nothing behind.
 bool create_temporary(const char* name, struct stat* created) {
     if (::unlink(name) != 0 && errno != ENOENT) return false;
-    unique_fd fd(::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    unique_fd fd(os_retry([&] { return ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));
     if (!fd.valid()) return false;
     write_lock_text(fd.get());
     fd.reset();

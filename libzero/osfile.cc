@@ -15,31 +15,31 @@ namespace veldar {
 int ospath_get_time(const char* path, int which, int64_t* milliseconds) {
     *milliseconds = 0;
     struct stat found;
-    const int result = ::stat(path, &found);
+    const int result = os_retry([&] { return ::stat(path, &found); });
     if (result == 0) *milliseconds = int64_t{which != 0 ? found.st_mtime : found.st_ctime} * 1000;
     return result;
 }
 
 int ospath_get_size(const char* path, uint64_t* size) {
     struct stat found;
-    const int result = ::stat(path, &found);
+    const int result = os_retry([&] { return ::stat(path, &found); });
     if (result == 0) *size = static_cast<uint64_t>(found.st_size);
     return result;
 }
 
 int osfile_get_size(int fd, uint64_t* size) {
     struct stat found;
-    const int result = ::fstat(fd, &found);
+    const int result = os_retry([&] { return ::fstat(fd, &found); });
     if (result == 0) *size = static_cast<uint64_t>(found.st_size);
     return result;
 }
 
 unique_fd osfile_open_regular(const char* path, int flags) {
-    unique_fd fd(::open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    unique_fd fd(os_retry([&] { return ::open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); }));
     if (!fd.valid()) return fd;
     struct stat found;
     int error = 0;
-    if (::fstat(fd.get(), &found) != 0) {
+    if (os_retry([&] { return ::fstat(fd.get(), &found); }) != 0) {
         error = errno;
     } else if (!S_ISREG(found.st_mode)) {
         error = S_ISDIR(found.st_mode) ? EISDIR : EINVAL;
@@ -52,13 +52,14 @@ unique_fd osfile_open_regular(const char* path, int flags) {
 
 unique_fd osfile_create_anew(const char* path) {
     constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
-    unique_fd fd(::open(path, FLAGS, 0600));
-    if (!fd.valid() && errno == EEXIST && ::unlink(path) == 0) fd.reset(::open(path, FLAGS, 0600));
+    const auto create = [&] { return ::open(path, FLAGS, 0600); };
+    unique_fd fd(os_retry(create));
+    if (!fd.valid() && errno == EEXIST && ::unlink(path) == 0) fd.reset(os_retry(create));
     return fd;
 }
 
 int ospath_mark(const char* path) {
-    unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    unique_fd fd(os_retry([&] { return ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600); }));
     if (!fd.valid()) return errno == EEXIST ? 0 : -1;
     return fd.close_checked();
 }
@@ -93,11 +94,7 @@ os_host_name::os_host_name() {
 }
 
 int osfile_flush(int fd) {
-    int result;
-    do {
-        result = ::fsync(fd);
-    } while (result != 0 && errno == EINTR);
-    return result;
+    return os_retry([fd] { return ::fsync(fd); });
 }
 
 void portable_timeval_now(portable_timeval* out) {

@@ -2,11 +2,21 @@
 // the result of the system call (0, or -1 with errno) and may be called from any thread.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include "libzero/resource.h"
 
 namespace veldar {
+
+// Makes a system call again for as long as signals interrupt it.
+template <typename Call>
+auto os_retry(Call call) {
+    for (;;) {
+        const auto result = call();
+        if (result != -1 || errno != EINTR) return result;
+    }
+}
 
 // The modification time (`which` non-zero) or the status-change time (zero) in whole seconds times 1000; 0 on failure.
 int ospath_get_time(const char* path, int which, int64_t* milliseconds);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 #include "libzero/resource.h"
 #include "searchthing/base/log.h"
 #include "searchthing/format/tsidx_names.h"
@@ -23,7 +24,8 @@ TSIDX* open_directory(const char* path, const TSWRITEOPTS* opts) {
 void create_status_file(const char* path) {
     ospath_buf file;
     if (path == nullptr || so_status_filename(&file, path) != 0) return;
-    const unique_fd fd(::open(file.val, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600));
+    const unique_fd fd(
+        os_retry([&] { return ::open(file.val, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600); }));
 }
 
 }  // namespace

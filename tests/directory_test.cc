@@ -13,14 +13,14 @@
 
 #include "searchthing/directory/health.h"
 #include "searchthing/directory/merge_manifest.h"
-#include "searchthing/st_optimize_lex.h"
-#include "searchthing/upkeep/tsidx_delete.h"
 #include "searchthing/directory/tsidx_list.h"
-#include "searchthing/upkeep/tsidx_minify.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
 #include "searchthing/directory/tsidx_params.h"
 #include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/slice/warmslice.h"
+#include "searchthing/st_optimize_lex.h"
+#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/upkeep/tsidx_minify.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
@@ -294,6 +294,11 @@ TEST_F(Directory, DeletesThatAreRefused) {
     EXPECT_EQ(st_tsidx_delete_by_query(tsidx.get(), &query), WARM_RC_INVALID_ARGUMENT);
     query = make_query("[AND");
     EXPECT_EQ(st_tsidx_delete_by_query(tsidx.get(), &query), WARM_RC_QUERY_END);
+    const temp_dir other;
+    put_slices(other.path(), {simple_event(1)});
+    const directory_ptr unflushed = open_directory(other.path());
+    const fault broken(fault_call::msync, 1, EIO);
+    EXPECT_EQ(st_tsidx_delete_by_addr(unflushed.get(), &address, 1), WARM_RC_WRITE);
 }
 
 TEST_F(Directory, Leftovers) {

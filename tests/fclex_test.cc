@@ -137,7 +137,7 @@ void check_against_model(FCLEX* lex, const std::vector<std::string>& terms, std:
 TEST(Fclex, AgreesWithASortedListInBothModes) {
     std::mt19937 rng(7);
     for (uint32_t tperb : {1u, 2u, 3u, 4u, 7u, 8u, 63u, 64u}) {
-        for (size_t count : {1u, 2u, 9u, 64u, 65u, 700u}) {
+        for (size_t count : {1u, 2u, 9u, 64u, 65u, 513u, 700u}) {
             const std::vector<std::string> terms = random_terms(&rng, count);
             const std::string body = create_body(terms, tperb);
             ASSERT_EQ(body, forge_body(terms, tperb)) << tperb << " " << count;
@@ -165,6 +165,12 @@ TEST(Fclex, WalksStopAndBodiesMove) {
     st_fclex_relocate(memory.lex.get(), moved.data());
     EXPECT_EQ(memory.lex->body, moved.data());
     EXPECT_EQ(st_fclex_get(memory.lex.get(), "ba", nullptr), 4);
+    std::string longer = body;
+    longer[19] = 99;  // the end of the last block
+    const opened damaged(longer, false);
+    moved.assign(body.size() + 99, 0xEE);
+    st_fclex_relocate(damaged.lex.get(), moved.data());
+    EXPECT_EQ(std::count(moved.begin() + static_cast<ptrdiff_t>(body.size()), moved.end(), 0xEE), 99);
 }
 
 TEST(Fclex, LongTermsAreCutTo2047) {

@@ -93,13 +93,20 @@ class MergeTest : public testing::Test {
                 events.push_back(event);
             }
         }
+        const auto is_deleted = [](const forge_event& event) { return event.deleted; };
+        if (options.drop_deleted && !std::all_of(events.begin(), events.end(), is_deleted)) {
+            std::erase_if(events, is_deleted);
+        }
         test_source target{"", united(events)};
+        std::set<std::string> terms;
+        for (const forge_event& event : target.events) terms.insert(event.terms.begin(), event.terms.end());
         const warm_merge_totals_t* totals = st_warm_slice_merge_totals(merge.get());
         target.path = dir.file(std::to_string(totals->latest) + "-" + std::to_string(totals->earliest) + "-" +
                                std::to_string(++next_id) + ".tsidx");
         EXPECT_EQ(st_warm_slice_merge_write(merge.get(), target.path.c_str(), false, &rc), 0)
             << rc.warm_rc << " " << rc.message;
         EXPECT_EQ(totals->values, target.events.size());
+        EXPECT_EQ(totals->terms, terms.size());
         EXPECT_EQ(totals->target_bytes, std::filesystem::file_size(target.path));
         expect_events(read_slice(target.path, &kinds), target.events);
         EXPECT_EQ(fsck_findings(target.path), "");
@@ -173,10 +180,12 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
             sources.push_back(forge(part, options));
         }
         const size_t at_once = seed % 10 == 0 ? 64 : 2 + random() % 4;
-        while (sources.size() > 1) {
+        for (bool alone = seed % 2 == 0; sources.size() > 1 || alone;) {
             warm_merge_options_t options = options_of(1 + static_cast<uint32_t>(random() % 4), random() % 8 != 0);
             options.lexicon_tpb = random() % 2 == 0 ? 0 : 1 + static_cast<uint32_t>(random() % 20);
             if (random() % 8 == 0) options.mapper = scrambled_address;
+            options.drop_deleted = sources.size() == 1 || random() % 4 == 0;
+            alone = alone && sources.size() > 1;
             if (random() % 4 == 0) options.write_options.merge_buffer_bytes = 0;
             merge_seams_t seams;
             if (random() % 3 == 0) seams.hash_mask = random() % 4;  // nearly all lists collide

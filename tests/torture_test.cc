@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/st.h"
 #include "searchthing/slice/warmslice.h"
+#include "searchthing/st.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
@@ -249,6 +249,14 @@ TEST_F(Torture, EveryFileCallFails) {
             const fault_step trouble(action, n, error, times);
             run_workload(index_, mini_, progress_.at);
             unlink_failed = action == fault_action::fail && trouble.struck(fault_call::unlink);
+            if (error == EINTR && trouble.struck_where_signals_do()) {
+                const auto done = [](outcome_t outcome) { return outcome == DONE; };
+                const auto* const puts = &progress_->put[0][0];
+                EXPECT_TRUE(progress_->removal == DONE &&
+                            std::all_of(progress_->sync, std::end(progress_->sync), done) &&
+                            std::all_of(puts, puts + BATCHES * BATCH_EVENTS, done))
+                    << "it is called again";
+            }
         }
         check(unlink_failed);
         EXPECT_EQ(leak_listener::open_descriptors(), descriptors);

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <iterator>
 
+#include "libzero/osfile.h"
+
 namespace veldar {
 
 namespace {
@@ -29,24 +31,17 @@ int64_t timed_pread(int fd, void* out, size_t length, uint64_t offset, st_query_
 }  // namespace
 
 int64_t st_pread(int fd, void* out, size_t length, uint64_t offset) {
-    for (;;) {
-        const ssize_t got = ::pread(fd, out, length, static_cast<off_t>(offset));
-        if (got >= 0 || errno != EINTR) return got;
-    }
+    return os_retry([&] { return ::pread(fd, out, length, static_cast<off_t>(offset)); });
 }
 
 int64_t st_pwrite(int fd, const void* data, size_t length, uint64_t offset) {
-    for (;;) {
-        const ssize_t put = ::pwrite(fd, data, length, static_cast<off_t>(offset));
-        if (put >= 0 || errno != EINTR) return put;
-    }
+    return os_retry([&] { return ::pwrite(fd, data, length, static_cast<off_t>(offset)); });
 }
 
 int st_file_write(int fd, const void* data, int64_t length) {
     const char* left = static_cast<const char*>(data);
     while (length > 0) {
-        const ssize_t put = ::write(fd, left, static_cast<size_t>(length));
-        if (put < 0 && errno == EINTR) continue;
+        const ssize_t put = os_retry([&] { return ::write(fd, left, static_cast<size_t>(length)); });
         if (put < 1) return WARM_RC_WRITE;
         left += put;
         length -= put;

@@ -1,11 +1,10 @@
 // Merging dimension-set sections: a heap of sources by their current set, the sources' sets translated to the merged
 // lexicon as they are read. Ascending term maps keep every source in order.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <functional>
 #include <new>
 
+#include "libzero/osfile.h"
 #include "searchthing/columns/dimset_io.h"
 
 namespace veldar {
@@ -48,9 +47,9 @@ int ds_load_next(dimset_context_t* c, warm_rc_t* rc) {
 
 // What is about to be allocated for a section must be in its file.
 int check_totals(const dimset_context_t& c, const st_warm_slice_body* body, warm_rc_t* rc) {
-    struct ::stat status;
-    if (::fstat(c.reader.fd, &status) != 0) return _set_rc(rc, WARM_RC_FILE_SIZE);
-    const uint64_t left = static_cast<uint64_t>(status.st_size) - c.reader.section_offset;
+    uint64_t file_size = 0;
+    if (osfile_get_size(c.reader.fd, &file_size) != 0) return _set_rc(rc, WARM_RC_FILE_SIZE);
+    const uint64_t left = file_size - c.reader.section_offset;
     if (c.reader.num_dimsets != body->num_dimsets.get() ||
         st_dimsets_size(c.reader.num_dimsets, c.reader.num_words) > left) {
         return _set_rc_verbose(rc, WARM_RC_CORRUPT, c.source, "dimset section past the end of the file");

@@ -68,7 +68,7 @@ bool names_are_right(const merge_manifest_t& manifest) {
     st_filename_metadata_t meta;
     const std::vector<std::string>& sources = manifest.sources;
     return is_slice(manifest.target) && manifest.target.ends_with(TSIDX_SUFFIX) && is_plain(manifest.temp) &&
-           tsidx_pre_file_parse(manifest.temp.c_str(), &meta) != 0 && sources.size() >= 2 &&
+           tsidx_pre_file_parse(manifest.temp.c_str(), &meta) != 0 && !sources.empty() &&
            sources.size() <= MERGE_MAX_SOURCES && std::all_of(sources.begin(), sources.end(), is_slice) &&
            std::find(sources.begin(), sources.end(), manifest.target) == sources.end();
 }
@@ -83,7 +83,7 @@ std::string as_word(std::string text) {
 
 merge_owner_t merge_owner_self() {
     char boot[64] = {};
-    const unique_fd fd(::open(BOOT_ID_PATH, O_RDONLY | O_CLOEXEC));
+    const unique_fd fd(os_retry([] { return ::open(BOOT_ID_PATH, O_RDONLY | O_CLOEXEC); }));
     if (fd.valid() && ::read(fd.get(), boot, sizeof boot - 1) <= 0) boot[0] = '\0';
     return {::getpid(), as_word(boot), as_word(os_host_name().text)};
 }
@@ -122,8 +122,8 @@ int merge_manifest_read_fd(int fd, std::string* text, warm_rc_t* rc) {
     text->resize(MAX_TEXT_BYTES + 1);
     size_t size = 0;
     while (size < text->size()) {
-        const ssize_t got = ::pread(fd, text->data() + size, text->size() - size, static_cast<off_t>(size));
-        if (got < 0 && errno == EINTR) continue;
+        const ssize_t got =
+            os_retry([&] { return ::pread(fd, text->data() + size, text->size() - size, static_cast<off_t>(size)); });
         if (got < 0) return _set_rc_msg(rc, WARM_RC_READ, "reading manifest file");
         if (got == 0) break;
         size += static_cast<size_t>(got);

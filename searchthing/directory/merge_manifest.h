@@ -7,7 +7,7 @@
 //   owner <process id> <boot id> <host>   of the process that merges; "-" for what it could not learn
 //   target <name>                         <latest>-<earliest>-<id>.tsidx
 //   temp <name>                           the target's name until then, <latest>-<earliest>-<id>.pre-tsidx
-//   source <name>                         2 to 64 such lines, each a slice
+//   source <name>                         1 to 64 such lines, each a slice
 //   check <16 hex digits>                 XXH64, seed 0, of all bytes before this line
 //
 // What readers make of it: tsidx_list.h. Who writes and removes it: tsidx_merge_commit.cc.

@@ -8,10 +8,10 @@
 
 #include "libzero/ospath-builder.h"
 #include "libzero/xorshift128plus.h"
-#include "searchthing/hot/hotslice.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/directory/tsidx_cache.h"
 #include "searchthing/directory/tsidx_params.h"
+#include "searchthing/hot/hotslice.h"
 #include "searchthing/merge/warmslice_merge.h"
 
 namespace veldar {
@@ -65,6 +65,7 @@ struct st_tsidx {
     void* merge_mapper_context = nullptr;
     warm_merge_progress_fn merge_progress = nullptr;
     void* merge_progress_context = nullptr;
+    bool merge_drops_deleted = false;
 };
 
 bool tsidx_is_writable(const TSIDX* tsidx);

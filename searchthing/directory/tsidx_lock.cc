@@ -1,3 +1,5 @@
+#include "searchthing/directory/tsidx_lock.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -15,9 +17,8 @@
 #include "libzero/filemutex.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/log.h"
-#include "searchthing/directory/tsidx_handle.h"
-#include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/base/warmslice_util.h"
+#include "searchthing/directory/tsidx_handle.h"
 
 namespace veldar {
 
@@ -40,8 +41,7 @@ bool wait_until(deadline_t deadline) {
 enum flock_result { FLOCK_TAKEN, FLOCK_HELD, FLOCK_UNSUPPORTED };
 
 flock_result take_flock(int fd, deadline_t deadline) {
-    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EINTR) continue;
+    while (os_retry([fd] { return ::flock(fd, LOCK_EX | LOCK_NB); }) != 0) {
         if (errno != EWOULDBLOCK) return FLOCK_UNSUPPORTED;
         if (!wait_until(deadline)) return FLOCK_HELD;
     }
@@ -83,7 +83,7 @@ class lock_file_watch {
         struct stat status;
         char text[512];
         const int64_t size = fd.valid() ? st_pread(fd.get(), text, sizeof text, 0) : -1;
-        if (size < 0 || ::fstat(fd.get(), &status) != 0) return false;
+        if (size < 0 || os_retry([&] { return ::fstat(fd.get(), &status); }) != 0) return false;
         const holder_state state = examine_holder(std::string(text, static_cast<size_t>(size)));
         if (state != HOLDER_UNNAMED) unnamed_since_ = deadline_t::max();
         if (state != HOLDER_UNNAMED) return state == HOLDER_GONE;
@@ -102,7 +102,7 @@ class lock_file_watch {
 
 bool tsidx_lock::take(int seconds) {
     const deadline_t deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    directory_.reset(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    directory_.reset(os_retry([&] { return ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (!directory_.valid()) return false;
     const flock_result flocked = take_flock(directory_.get(), deadline);
     if (flocked == FLOCK_HELD) return false;

@@ -1,3 +1,5 @@
+#include "searchthing/directory/tsidx_merge_settle.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -12,7 +14,6 @@
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/directory/tsidx_list.h"
-#include "searchthing/directory/tsidx_merge_settle.h"
 
 namespace veldar {
 
@@ -43,7 +44,8 @@ int open_manifest(const TSIDX* tsidx, const char* name, manifest_file* file, war
 
 bool has_not_changed_for_long(int fd) {
     struct stat status;
-    return ::fstat(fd, &status) == 0 && std::time(nullptr) - status.st_mtime >= TSIDX_MERGE_MAX_SECONDS;
+    return os_retry([&] { return ::fstat(fd, &status); }) == 0 &&
+           std::time(nullptr) - status.st_mtime >= TSIDX_MERGE_MAX_SECONDS;
 }
 
 // Whether the owner cannot be at work any more. The caller has the directory's lock, under which manifests are made,
@@ -94,7 +96,7 @@ int undo(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* rc) {
 
 int exists(const std::string& path, bool* found, warm_rc_t* rc) {
     struct stat status;
-    *found = ::stat(path.c_str(), &status) == 0;
+    *found = os_retry([&] { return ::stat(path.c_str(), &status); }) == 0;
     return *found || errno == ENOENT ? 0 : _set_rc_msg(rc, WARM_RC_FILE_SIZE, path.c_str());
 }
 
@@ -134,11 +136,8 @@ int settle_tmp(const TSIDX* tsidx, warm_rc_t* rc) {
 }  // namespace
 
 int tsidx_lock_file(int fd) {
-    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) return 0;
-        if (errno != EINTR) return -1;
-    }
-    return 1;
+    if (os_retry([fd] { return ::flock(fd, LOCK_EX | LOCK_NB); }) == 0) return 1;
+    return errno == EWOULDBLOCK ? 0 : -1;
 }
 
 int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved) {

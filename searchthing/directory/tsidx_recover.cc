@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "libzero/osfile.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx_handle.h"
@@ -103,12 +104,14 @@ leftover_kind classify(const std::string& name, st_filename_metadata_t* meta) {
 }
 
 bool is_old(const std::string& path, struct stat* status) {
-    return ::stat(path.c_str(), status) == 0 && std::time(nullptr) - status->st_mtime >= MIN_AGE_SECONDS;
+    return os_retry([&] { return ::stat(path.c_str(), status); }) == 0 &&
+           std::time(nullptr) - status->st_mtime >= MIN_AGE_SECONDS;
 }
 
 bool is_same_file(const std::string& path, const struct stat& file) {
     struct stat status;
-    return ::stat(path.c_str(), &status) == 0 && status.st_ino == file.st_ino && status.st_dev == file.st_dev;
+    return os_retry([&] { return ::stat(path.c_str(), &status); }) == 0 && status.st_ino == file.st_ino &&
+           status.st_dev == file.st_dev;
 }
 
 // Whether a slice of the same time range is the same file.
@@ -175,7 +178,7 @@ void recover(const TSIDX* tsidx, const leftover& found, const std::vector<std::s
 
 int remove_second_name(const TSIDX* tsidx, const std::string& path) {
     struct stat status;
-    if (::stat(path.c_str(), &status) != 0) return errno == ENOENT ? 0 : -1;
+    if (os_retry([&] { return ::stat(path.c_str(), &status); }) != 0) return errno == ENOENT ? 0 : -1;
     if (status.st_nlink < 2) return 0;
     std::vector<std::string> names;
     warm_rc_t rc;

@@ -123,9 +123,9 @@ int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t*
     if (!tsidx->durable) return 0;
     unique_fd fd;
     for (backoff pause; !fd.valid();) {
-        fd.reset(::open(path, open_flags | O_RDONLY | O_CLOEXEC));
+        fd.reset(os_retry([&] { return ::open(path, open_flags | O_RDONLY | O_CLOEXEC); }));
         if (fd.valid()) break;
-        if ((errno != EINTR && !is_transient(errno)) || !pause.wait()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
+        if (!is_transient(errno) || !pause.wait()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     }
     if (osfile_flush(fd.get()) == 0) return 0;
     // A file system that cannot flush a directory has nothing to flush there.

@@ -181,7 +181,7 @@ int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, cons
 int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char* path, bool durable,
                ospath_buf* filename, warm_rc_t* rc) {
     const uint64_t size = _offset_cstore(used);
-    unique_fd fd(::open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600));
+    unique_fd fd(os_retry([&] { return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600); }));
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     ospath_buf_set(filename, path);
     if (st_file_write(fd.get(), warm->owned.data(), static_cast<int64_t>(size)) != 0) {

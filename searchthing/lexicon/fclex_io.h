@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "libzero/resource.h"
 #include "searchthing/base/bitset.h"
@@ -138,12 +139,15 @@ int _increment_cursor(lex_reader_t* reader);
 //   old2new             null, or for each source null or an array of as many entries as its body has terms (the first
 //                       word of the body; callers that size it by another count must compare first): the merged id of
 //                       each of its terms
+//   passed_over         null, or for each source none or as many bits as it has terms: those set stay out, as if the
+//                       source had no such term
 //
 // The code is also left in `rc`, with the source as detail: what the readers and the writer report, -12 also for a body
 // that is longer than its file. On failure the writer and the bitmaps hold nothing.
 int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, uint32_t src_sz,
                      uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer, uint32_t* merged_count,
-                     bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new, warm_rc_t* rc);
+                     bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new, warm_rc_t* rc,
+                     const std::vector<bool>* passed_over = nullptr);
 
 // _lex_writer_put of a term of which the caller knows how many leading bytes it shares with the one before, and behind
 // which LEX_SLACK bytes may be read.

@@ -2,8 +2,6 @@
 // last ("Engineering Parallel String Sorting", Bingmann, Eberle and Sanders, 2017). The one that shares more is the
 // smaller, so most games compare two numbers; only on a draw are bytes looked at, and only those behind the shared
 // ones. The winner's number is also the prefix that front coding needs.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -11,6 +9,7 @@
 
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
+#include "libzero/osfile.h"
 #include "searchthing/lexicon/fclex_internal.h"
 #include "searchthing/lexicon/fclex_io.h"
 
@@ -86,10 +85,10 @@ class loser_tree {
 
 // Every term takes a byte of its blocks at least, so a count of terms that passes this is bounded by the file's size.
 int check_size(const lex_reader_t* reader, uint64_t size) {
-    struct stat status;
     const auto offset = static_cast<uint64_t>(reader->body_offset);
     const uint64_t blocks = size - (reader->blocks_offset - offset);
-    const bool fits = ::fstat(reader->fd, &status) == 0 && offset + size <= static_cast<uint64_t>(status.st_size);
+    uint64_t file_size = 0;
+    const bool fits = osfile_get_size(reader->fd, &file_size) == 0 && offset + size <= file_size;
     return fits && reader->terms <= blocks ? 0 : WARM_RC_CORRUPT;
 }
 
@@ -99,6 +98,13 @@ struct merge_t {
     lex_writer_t* writer;
     bmap_array_t* source_bitmaps;
     uint32_t* const* old2new;
+    const std::vector<bool>* passed_over;
+
+    bool passes_over(const player_t& player) const {
+        if (passed_over == nullptr) return false;
+        const std::vector<bool>& terms = passed_over[player.source];
+        return !terms.empty() && terms[readers[player.source].cursor];
+    }
 };
 
 int open_sources(merge_t* merge, const int* fds, const int64_t* body_offsets, uint64_t* body_end_offsets,
@@ -130,17 +136,22 @@ int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
     loser_tree tree(merge->readers.get(), merge->count);
     tree.start();
     lex_writer_t* writer = merge->writer;
+    uint32_t common = UINT32_MAX;  // of the last term put and those passed over since
     while (tree.winner().common != AT_END) {
         const player_t player = tree.winner();
         lex_reader_t* reader = &merge->readers[player.source];
-        const std::string_view term = {reader->term, reader->length};
-        if (const int status = lex_writer_put_after(writer, term, static_cast<uint32_t>(player.common))) {
-            return _set_rc_verbose(rc, status, player.source, "_lex_writer_put in st_fclex_merge_n");
-        }
-        const uint32_t id = writer->_cursor - 1;
-        entries[id] |= Bits{1} << player.source;
-        if (merge->old2new != nullptr && merge->old2new[player.source] != nullptr) {
-            merge->old2new[player.source][reader->cursor] = id;
+        common = std::min(common, static_cast<uint32_t>(player.common));
+        if (!merge->passes_over(player)) {
+            const std::string_view term = {reader->term, reader->length};
+            if (const int status = lex_writer_put_after(writer, term, common)) {
+                return _set_rc_verbose(rc, status, player.source, "_lex_writer_put in st_fclex_merge_n");
+            }
+            common = UINT32_MAX;
+            const uint32_t id = writer->_cursor - 1;
+            entries[id] |= Bits{1} << player.source;
+            if (merge->old2new != nullptr && merge->old2new[player.source] != nullptr) {
+                merge->old2new[player.source][reader->cursor] = id;
+            }
         }
         if (const int status = _increment_cursor(reader)) {
             return _set_rc_verbose(rc, status, player.source, "_increment_cursor in st_fclex_merge_n");
@@ -160,12 +171,12 @@ int merge_sources(merge_t* merge, warm_rc_t* rc) {
 
 int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, uint32_t src_sz,
                      uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer, uint32_t* merged_count,
-                     bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new,
-                     warm_rc_t* rc) {
+                     bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new, warm_rc_t* rc,
+                     const std::vector<bool>* passed_over) {
     ST_ASSERT(src_sz <= ((sizeof(bmap64_t) * 8)));
     *writer = {};
     bmap_array_free(source_bitmaps);
-    merge_t merge = {src_sz, nullptr, writer, source_bitmaps, old2new};
+    merge_t merge = {src_sz, nullptr, writer, source_bitmaps, old2new, passed_over};
     merge.readers.reset(new (std::nothrow) lex_reader_t[src_sz]);
     if (merge.readers == nullptr) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "readers in st_fclex_merge_n");
     ST_TRY(open_sources(&merge, fds, body_offsets, body_end_offsets, rc));

@@ -20,16 +20,19 @@ struct merge_source_t {
     std::string path;
     warm_ptr warm;  // its values reader reads `deleted`
     buffer<uint8_t> deleted;
-    uint32_t num_values = 0;
-    // Value numbers in the order of the target; empty when they are in that order already.
+    uint32_t num_values = 0, num_kept = 0;
+    // Value numbers kept, in the order of the target; empty when they are all kept and in that order already.
     buffer<uint32_t> order;
     // The new number of each value, in a metric slice of each run: what posting lists hold. Empty when number i becomes
-    // base + i.
+    // base + i. MERGE_DROPPED for values that are not kept.
     buffer<uint32_t> map;
     uint32_t base = 0;
-    st_time_t latest = 0;  // of its values
-    bool repeats = false;  // some of its own values have become one
+    st_time_t latest = 0;          // of its values
+    bool repeats = false;          // some of its own values have become one
+    std::vector<bool> dead_terms;  // those of dropped values alone; empty when there are none
 };
+
+inline constexpr uint32_t MERGE_DROPPED = UINT32_MAX;
 
 inline uint32_t merge_new_number(const merge_source_t& source, uint32_t old_number) {
     return source.map.empty() ? source.base + old_number : source.map[old_number];

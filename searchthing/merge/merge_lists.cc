@@ -6,6 +6,7 @@
 
 #include "libzero/assertions.h"
 #include "searchthing/slice/warmslice_lists.h"
+#include "searchthing/slice/warmslice_meta.h"
 
 namespace veldar {
 
@@ -106,6 +107,19 @@ int check_times(const merge_lists_t& lists, merge_time_check_t* check, warm_rc_t
     return same ? 0 : differs(*source, check->term, rc);
 }
 
+// The same for a list whose first or last value is dropped.
+int check_times_in_source(merge_source_t* source, uint32_t term, const list_facts_t& facts,
+                          const st_term_metadata& record, warm_rc_t* rc) {
+    tsval_reader_t* const values = &source->warm->tsval_reader;
+    st_time_t latest = 0, earliest = 0;
+    uint64_t nanoseconds = 0;
+    ST_TRY(tsval_reader_decode_time(values, facts.first, &latest, &nanoseconds, rc));
+    ST_TRY(tsval_reader_decode_time(values, facts.last, &earliest, &nanoseconds, rc));
+    const bool same =
+        static_cast<st_time_t>(record.latest) == latest && static_cast<st_time_t>(record.earliest) == earliest;
+    return same ? 0 : differs(*source, term, rc);
+}
+
 int check_later(merge_lists_t* lists, const merge_time_check_t& check, warm_rc_t* rc) {
     merge_time_check_t* const slot = &lists->time_checks[lists->next_check++ % lists->time_checks.size()];
     ST_TRY(check_times(*lists, slot, rc));
@@ -125,6 +139,9 @@ int check_list(merge_lists_t* lists, merge_source_lists_t* from, uint32_t term, 
     if (facts.count == 0) return 0;
     const auto earliest = static_cast<st_time_t>(record->earliest), latest = static_cast<st_time_t>(record->latest);
     const merge_metric_t* const metric = lists->merge->metric.get();
+    if (source.num_kept < source.num_values && metric == nullptr) {
+        return check_times_in_source(from->source, term, facts, *record, rc);
+    }
     if (metric == nullptr) {
         return check_later(lists,
                            {.source = &source,
@@ -142,8 +159,17 @@ int check_list(merge_lists_t* lists, merge_source_lists_t* from, uint32_t term, 
     return same ? 0 : differs(source, term, rc);
 }
 
+int pass_over_dead_terms(merge_source_lists_t* from, warm_rc_t* rc) {
+    const std::vector<bool>& dead = from->source->dead_terms;
+    for (; !dead.empty() && dead[from->next_term]; from->next_term++) {
+        if (from->metadata.opened && term_meta_reader_next(&from->metadata, rc) == nullptr) return rc->warm_rc;
+    }
+    return 0;
+}
+
 // Adds the source's next list.
 int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
+    ST_TRY(pass_over_dead_terms(from, rc));
     const uint32_t term = from->next_term++;
     if (!from->has_lists) return 0;
     uint32_t type = PLO_RLE;
@@ -162,9 +188,12 @@ int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
         }
         note_piece(*lists, *from->source, {piece, count}, &facts);
         renumber(*from->source, piece, count);
+        const uint32_t* const end = std::remove(piece, piece + count, MERGE_DROPPED);
+        const auto kept = static_cast<uint32_t>(end - piece);
+        if (kept == 0) continue;
         // Values that the target orders in another way than the source do not ascend any more.
-        if (!from->source->order.empty()) std::sort(piece, piece + count);
-        take_piece(lists, count);
+        if (!from->source->order.empty()) std::sort(piece, piece + kept);
+        take_piece(lists, kept);
     }
     return check_list(lists, from, term, facts, rc);
 }
@@ -241,6 +270,29 @@ int copy_lists(merge_source_lists_t* from, const WARM* warm, warm_rc_t* rc) {
 }
 
 }  // namespace
+
+int merge_find_dead_terms(merge_source_t* source, warm_rc_t* rc) {
+    WARM* const warm = source->warm.get();
+    if (source->num_kept == source->num_values || !st_warm_slice_has_postings(warm)) return 0;
+    plist_reader reader;
+    ST_TRY(_init_reader(&reader, warm, 0, nullptr, rc));
+    source->dead_terms.assign(st_warm_slice_terms(warm), false);
+    for (uint32_t term = 0; term < source->dead_terms.size(); term++) {
+        ST_TRY(_seek_reader(&reader, term, rc));
+        uint32_t id = 0, count = 0;
+        for (;; count++) {
+            ST_TRY(_next(&reader, &id, rc));
+            if (id == PLIST_END || source->map[id] != MERGE_DROPPED) break;
+        }
+        if (id != PLIST_END) continue;
+        // Nobody will look at this list again.
+        st_term_metadata record;
+        ST_TRY(warm_slice_term_metadata(warm, term, nullptr, &record, rc));
+        if (record.count != count) return differs(*source, term, rc);
+        source->dead_terms[term] = true;
+    }
+    return 0;
+}
 
 int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
     lists->merge = merge;

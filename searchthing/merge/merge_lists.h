@@ -71,6 +71,10 @@ struct merge_lists_t {
     size_t next_check = 0;
 };
 
+// Finds the terms of a source that no kept value has, once the values have their new numbers. -2, or the failure of a
+// read or of a comparison as below.
+[[nodiscard]] int merge_find_dead_terms(merge_source_t* source, warm_rc_t* rc);
+
 // Opens readers over all sources, whose values have their new numbers. -2, or what _init_reader reports.
 [[nodiscard]] int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc);
 

@@ -10,6 +10,7 @@
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "searchthing/lexicon/fclex_io.h"
+#include "searchthing/merge/merge_lists.h"
 #include "searchthing/merge/merge_postings.h"
 #include "searchthing/merge/merge_values.h"
 #include "searchthing/slice/warmslice_lists.h"
@@ -24,6 +25,23 @@ struct merged_lexicon_t {
     bmap_array_t holders;  // which sources have a merged term
 };
 
+// Which terms of each source the target does without; empty when it needs every term of them all.
+int find_dead_terms(warm_merge_t* merge, std::vector<std::vector<bool>>* dead, warm_rc_t* rc) {
+    bool any_lives = !merge->options.drop_deleted;
+    for (size_t i = 0; i < merge->sources.size() && merge->options.drop_deleted && merge->metric == nullptr; i++) {
+        merge_source_t* const source = &merge->sources[i];
+        if (source->dead_terms.empty()) ST_TRY(merge_find_dead_terms(source, rc));
+        const std::vector<bool>& terms = source->dead_terms;
+        any_lives = any_lives || terms.empty() || std::find(terms.begin(), terms.end(), false) != terms.end();
+        dead->push_back(terms);
+    }
+    if (any_lives) return 0;
+    // A lexicon has at least one term.
+    for (merge_source_t& source : merge->sources) source.dead_terms.clear();
+    dead->clear();
+    return 0;
+}
+
 int merge_lexicons(warm_merge_t* merge, merged_lexicon_t* out, warm_rc_t* rc) {
     std::vector<int> fds;
     std::vector<int64_t> offsets;
@@ -34,6 +52,8 @@ int merge_lexicons(warm_merge_t* merge, merged_lexicon_t* out, warm_rc_t* rc) {
         bytes += source.warm->lexicon_size;
     }
     std::vector<uint64_t> ends(fds.size());
+    std::vector<std::vector<bool>> dead;
+    ST_TRY(find_dead_terms(merge, &dead, rc));
     const warm_merge_options_t& options = merge->options;
     const uint32_t asked = options.lexicon_tpb != 0 ? options.lexicon_tpb : options.write_options.merge_terms_per_block;
     std::vector<uint32_t*> term_maps;  // the sets of metric slices hold term numbers
@@ -42,7 +62,8 @@ int merge_lexicons(warm_merge_t* merge, merged_lexicon_t* out, warm_rc_t* rc) {
     }
     ST_TRY(st_fclex_merge_n(false, fds.data(), offsets.data(), static_cast<uint32_t>(fds.size()),
                             std::max(asked, MERGE_MIN_TERMS_A_BLOCK), 0, &out->writer, &merge->totals.terms,
-                            &out->holders, ends.data(), term_maps.empty() ? nullptr : term_maps.data(), rc));
+                            &out->holders, ends.data(), term_maps.empty() ? nullptr : term_maps.data(), rc,
+                            dead.empty() ? nullptr : dead.data()));
     merge->header.num_terms.set(merge->totals.terms);
     merge_progress(merge, bytes);
     return 0;
@@ -56,7 +77,9 @@ int plan_values(warm_merge_t* merge, warm_rc_t* rc) {
 }
 
 int set_size(int fd, uint64_t size, warm_rc_t* rc) {
-    return ::ftruncate(fd, static_cast<off_t>(size)) == 0 ? 0 : _set_rc_msg(rc, WARM_RC_WRITE, "size of the slice");
+    return os_retry([&] { return ::ftruncate(fd, static_cast<off_t>(size)); }) == 0
+               ? 0
+               : _set_rc_msg(rc, WARM_RC_WRITE, "size of the slice");
 }
 
 // Writes everything into an empty file.
@@ -100,9 +123,14 @@ int verify_terms(warm_merge_t* merge, const WARM* target, warm_rc_t* rc) {
     term_text first, last, text;
     bool has_any = false;
     for (const merge_source_t& source : merge->sources) {
-        ST_TRY(term_of(source.warm.get(), 0, &text, rc));
+        uint32_t from = 0, to = st_warm_slice_terms(source.warm.get());
+        const auto is_dead = [&](uint32_t term) { return !source.dead_terms.empty() && source.dead_terms[term]; };
+        while (from < to && is_dead(from)) from++;
+        if (from == to) continue;
+        while (is_dead(to - 1)) to--;
+        ST_TRY(term_of(source.warm.get(), from, &text, rc));
         if (!has_any || text < first) first = text;
-        ST_TRY(term_of(source.warm.get(), st_warm_slice_terms(source.warm.get()) - 1, &text, rc));
+        ST_TRY(term_of(source.warm.get(), to - 1, &text, rc));
         if (!has_any || text > last) last = text;
         has_any = true;
     }
@@ -176,7 +204,9 @@ int fill_and_verify(warm_merge_t* merge, int fd, const char* path, merged_lexico
 class new_file {
   public:
     explicit new_file(const char* path)
-        : path_(path), fd_(::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600)), made_(fd_.valid()) {}
+        : path_(path),
+          fd_(os_retry([&] { return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600); })),
+          made_(fd_.valid()) {}
     ~new_file() {
         if (made_) ::unlink(path_);
     }
@@ -206,7 +236,8 @@ int merge_target_make(warm_merge_t* merge, const char* path, bool durable, warm_
     new_file file(path);
     if (!file.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     ST_TRY(fill_and_verify(merge, file.fd(), path, &lexicon, rc));
-    if (durable && ::fdatasync(file.fd()) != 0) return _set_rc_msg(rc, WARM_RC_WRITE, "flushing a slice");
+    if (durable && os_retry([&] { return ::fdatasync(file.fd()); }) != 0)
+        return _set_rc_msg(rc, WARM_RC_WRITE, "flushing a slice");
     return file.keep(rc);
 }
 

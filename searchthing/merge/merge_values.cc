@@ -30,6 +30,7 @@ int scan_source(warm_merge_t* merge, merge_source_t* source, value_ranges_t* ran
     for (uint32_t number = 0; number < source->num_values; number++) {
         ST_TRY(merge_decode_value(merge, source, number, &value, rc));
         ranges->add(value);
+        if (value.s != ST_DELETED_SOURCE) source->num_kept++;
         if (number > 0 && value.time > before.time) {
             return _set_rc_verbose(rc, WARM_RC_CORRUPT, number, "values are not newest first");
         }
@@ -72,6 +73,26 @@ int sort_source(warm_merge_t* merge, merge_source_t* source, warm_rc_t* rc) {
     return 0;
 }
 
+// Takes the deleted values out of the order; of all sources none when no value would be left.
+int drop_deleted(warm_merge_t* merge, warm_rc_t* rc) {
+    uint64_t kept = 0;
+    for (const merge_source_t& source : merge->sources) kept += source.num_kept;
+    for (merge_source_t& source : merge->sources) {
+        if (!merge->options.drop_deleted || kept == 0) source.num_kept = source.num_values;
+        if (source.num_kept == source.num_values) continue;
+        buffer<uint32_t> order;
+        if (!order.alloc(source.num_kept)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value order");
+        for (uint32_t i = 0, next = 0; i < source.num_values; i++) {
+            const uint32_t number = source.order.empty() ? i : source.order[i];
+            st_tsval value;
+            ST_TRY(merge_decode_value(merge, &source, number, &value, rc));
+            if (value.s != ST_DELETED_SOURCE) order[next++] = number;
+        }
+        source.order = std::move(order);
+    }
+    return 0;
+}
+
 struct value_cursor {
     merge_source_t* source;
     uint32_t position;  // in the target's order of this source
@@ -93,20 +114,21 @@ int walk_values(warm_merge_t* merge, Before before, Visit visit, warm_rc_t* rc) 
     cursors.reserve(merge->sources.size());
     live.reserve(merge->sources.size());
     for (merge_source_t& source : merge->sources) {
-        if (source.num_values == 0) continue;
+        if (source.num_kept == 0) continue;
         cursors.push_back({.source = &source, .position = 0, .number = 0, .value = {}});
         ST_TRY(load_cursor(merge, &cursors.back(), rc));
         merge_place(&live, &cursors.back(), before);
     }
     return merge_by_leader(&live, before, [&](value_cursor* cursor, bool* ended) {
         ST_TRY(visit(*cursor));
-        *ended = ++cursor->position == cursor->source->num_values;
+        *ended = ++cursor->position == cursor->source->num_kept;
         return *ended ? 0 : load_cursor(merge, cursor, rc);
     });
 }
 
 // A source whose values stay together needs no map.
 void drop_plain_map(merge_source_t* source) {
+    if (source->num_kept < source->num_values) return;
     const uint32_t base = source->num_values == 0 ? 0 : source->map[0];
     for (uint32_t number = 0; number < source->num_values; number++) {
         if (source->map[number] != base + number) return;
@@ -115,11 +137,30 @@ void drop_plain_map(merge_source_t* source) {
     source->map.reset();
 }
 
+// The target's times are those of the values kept, which lie inside the sources' headers' times.
+int narrow_times(warm_merge_t* merge, warm_rc_t* rc) {
+    const auto keeps_all = [](const merge_source_t& source) { return source.num_kept == source.num_values; };
+    if (std::all_of(merge->sources.begin(), merge->sources.end(), keeps_all)) return 0;
+    const st_time_t earliest = merge->times[merge->totals.values - 1], latest = merge->times[0];
+    merge->totals.earliest = earliest;
+    merge->totals.latest = latest;
+    st_warm_slice_body* const header = &merge->header;
+    if (warm_header_is_legacy(header)) return 0;
+    if (earliest < static_cast<st_time_t>(header->earliest.get()) ||
+        latest > static_cast<st_time_t>(header->latest.get())) {
+        return _set_rc_msg(rc, WARM_RC_TIME_MISMATCH, "values lie outside the header's times");
+    }
+    header->earliest.set(static_cast<uint32_t>(earliest));
+    header->latest.set(static_cast<uint32_t>(latest));
+    return 0;
+}
+
 int number_values(warm_merge_t* merge, warm_rc_t* rc) {
     uint64_t most = 0;
     for (merge_source_t& source : merge->sources) {
         if (!source.map.alloc(source.num_values)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value map");
-        most += source.num_values;
+        std::fill(source.map.begin(), source.map.end(), MERGE_DROPPED);
+        most += source.num_kept;
     }
     if (!merge->times.alloc(most)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value times");
     uint32_t next = 0;
@@ -143,7 +184,7 @@ int number_values(warm_merge_t* merge, warm_rc_t* rc) {
     ST_TRY(walk_values(merge, before, visit, rc));
     for (merge_source_t& source : merge->sources) drop_plain_map(&source);
     merge->totals.values = next;
-    return 0;
+    return narrow_times(merge, rc);
 }
 
 int fill_header(warm_merge_t* merge, const value_ranges_t& ranges, warm_rc_t* rc) {
@@ -172,6 +213,7 @@ int merge_values_plan(warm_merge_t* merge, warm_rc_t* rc) {
         ST_TRY(scan_source(merge, &source, &ranges, &sorted, rc));
         if (!sorted) ST_TRY(sort_source(merge, &source, rc));
     }
+    ST_TRY(drop_deleted(merge, rc));
     ST_TRY(number_values(merge, rc));
     return fill_header(merge, ranges, rc);
 }

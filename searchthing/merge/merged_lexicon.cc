@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "libzero/endian.h"
+#include "libzero/osfile.h"
 
 namespace veldar {
 
@@ -32,7 +33,7 @@ int merged_lexicon_file::create(uint32_t terms_per_block, uint64_t page_size, wa
     if (page_size != 0 && page_size < MIN_PAGE_SIZE) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "page size of a merged lexicon");
     }
-    fd_.reset(::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    fd_.reset(os_retry([&] { return ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600); }));
     if (!fd_.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path_.c_str());
     warm_header_init(&header_, "VelLex1");
     header_.d_nbits.set(1);

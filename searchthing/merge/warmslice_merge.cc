@@ -7,6 +7,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/merge/merge_internal.h"
 #include "searchthing/merge/merge_target.h"
+#include "searchthing/merge/merge_values.h"
 #include "searchthing/slice/warmslice_values.h"
 
 namespace veldar {
@@ -147,7 +148,7 @@ int note_times(warm_merge_t* merge, warm_rc_t* rc) {
 }
 
 int open_merge(warm_merge_t* merge, std::span<const char* const> paths, warm_rc_t* rc) {
-    if (paths.size() < 2 || paths.size() > MERGE_MAX_SOURCES) {
+    if (paths.size() < (merge->options.drop_deleted ? 1 : 2) || paths.size() > MERGE_MAX_SOURCES) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "a merge takes 2 to 64 slices");
     }
     merge->sources.resize(paths.size());
@@ -163,6 +164,9 @@ int open_merge(warm_merge_t* merge, std::span<const char* const> paths, warm_rc_
     std::stable_sort(merge->sources.begin(), merge->sources.end(),
                      [](const merge_source_t& a, const merge_source_t& b) { return a.latest > b.latest; });
     if (merge->metric != nullptr) ST_TRY(merge_metric_open(merge, rc));
+    // The times of the target, which name it, are known once the values are numbered.
+    merge->values_planned = merge->options.drop_deleted && merge->metric == nullptr;
+    if (merge->values_planned) ST_TRY(merge_values_plan(merge, rc));
     return _set_rc(rc, 0);
 }
 
@@ -174,7 +178,8 @@ int carry_marks(const merge_source_t& source, WARM* target, warm_rc_t* rc) {
         for (uint32_t left = warm->d_array[byte]; left != 0; left &= left - 1) {
             const uint64_t number = 8 * byte + static_cast<uint64_t>(__builtin_ctz(left));
             if (number >= source.num_values) break;
-            ST_TRY(warm_slice_set_deleted(target, merge_new_number(source, static_cast<uint32_t>(number)), rc));
+            const uint32_t moved = merge_new_number(source, static_cast<uint32_t>(number));
+            if (moved != MERGE_DROPPED) ST_TRY(warm_slice_set_deleted(target, moved, rc));
         }
     }
     return 0;

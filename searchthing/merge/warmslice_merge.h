@@ -1,8 +1,8 @@
 // Merging several slices into one new file.
 //
 // The sources are mapped and read, never written. A merge keeps every event with its companions, every term and every
-// posting; two events whose time, address and companions are all equal become one. Deleted events stay, marked. What
-// comes out:
+// posting; two events whose time, address and companions are all equal become one. Deleted events stay, marked,
+// unless they are to be dropped. What comes out:
 //
 //   magic     that of the first source; "Veldar6" for "Veldar3" to "Veldar5"
 //   values    newest first; packed where the write level asks for it and readers can find the end of the section
@@ -45,6 +45,9 @@ struct warm_merge_options_t {
     void* mapper_context = nullptr;
     warm_merge_progress_fn progress = nullptr;
     void* progress_context = nullptr;
+    // Events that are deleted when the slices are opened go, and so do terms that no other event has; one slice is
+    // enough then. When nothing would be left, everything stays.
+    bool drop_deleted = false;
 };
 
 struct warm_merge_totals_t {
@@ -54,11 +57,11 @@ struct warm_merge_totals_t {
     uint64_t target_bytes = 0;                     // of the target, once it is written
 };
 
-// Opens 2 to 64 slices read-only and prepares the target's header; no file is made. The paths and the options are
-// copied, the mapper's and the progress function's contexts stay the caller's. Null: -37 for another number of slices,
-// for slices that cannot be merged with each other (st_warm_slice_merge_kind) or for a mini slice; -36 when a total
-// would pass 32 bits; -8 for offsets of postings that cannot be read; -2; what st_warm_slice_open_rdonly reports. The
-// detail is the index of the slice where one is to blame.
+// Opens 2 to 64 slices (1 to 64 with drop_deleted) read-only and prepares the target's header; no file is made. The
+// paths and the options are copied, the mapper's and the progress function's contexts stay the caller's. Null: -37 for
+// another number of slices, for slices that cannot be merged with each other (st_warm_slice_merge_kind) or for a mini
+// slice; -36 when a total would pass 32 bits; -8 for offsets of postings that cannot be read; -2; what
+// st_warm_slice_open_rdonly reports. The detail is the index of the slice where one is to blame.
 warm_merge_t* st_warm_slice_merge_open(std::span<const char* const> paths, const warm_merge_options_t* options,
                                        warm_rc_t* rc);
 

@@ -1,5 +1,7 @@
 #include "searchthing/slice/warmslice_values.h"
 
+#include <algorithm>
+
 #include "libzero/assertions.h"
 
 namespace veldar {
@@ -19,6 +21,15 @@ int warm_slice_set_deleted(WARM* warm, uint32_t id, warm_rc_t* rc) {
     }
     warm->d_array[id / 8] = static_cast<uint8_t>(warm->d_array[id / 8] | 1u << (id % 8));
     return _set_rc(rc, 0);
+}
+
+uint32_t warm_slice_count_deleted(const WARM* warm) {
+    if (st_warm_slice_is_msidx(warm->body)) return 0;
+    const std::span<const uint8_t> bits = warm->tsval_reader.d.bytes;
+    const uint64_t values = std::min<uint64_t>(warm->body->num_values.get(), 8 * bits.size());
+    uint32_t count = 0;
+    for (uint64_t id = 0; id < values; id++) count += bits[id / 8] >> (id % 8) & 1;
+    return count;
 }
 
 }  // namespace veldar

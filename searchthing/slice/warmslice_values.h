@@ -13,5 +13,7 @@ namespace veldar {
 // Sets the d bit of value `id` through a read-write handle: one byte, in place, seen by every reader of the file. -17
 // for a metric slice, -12 for an id past the last value or past the d array.
 [[nodiscard]] int warm_slice_set_deleted(WARM* warm, uint32_t id, warm_rc_t* rc);
+// How many values are marked so.
+uint32_t warm_slice_count_deleted(const WARM* warm);
 
 }  // namespace veldar

@@ -9,8 +9,8 @@
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/directory/tsidx_lock.h"
-#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
+#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 
 namespace veldar {
 
@@ -21,8 +21,7 @@ constexpr int LOCK_PATIENCE = 6;
 
 int write_text(int fd, std::string_view text) {
     while (!text.empty()) {
-        const ssize_t put = ::write(fd, text.data(), text.size());
-        if (put < 0 && errno == EINTR) continue;
+        const ssize_t put = os_retry([&] { return ::write(fd, text.data(), text.size()); });
         if (put <= 0) return -1;
         text.remove_prefix(static_cast<size_t>(put));
     }
@@ -60,7 +59,7 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
     tsidx_lock lock;
     if (lock.acquire(tsidx_, tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
     ST_TRY(tsidx_settle_merge(tsidx_, rc));
-    fd_.reset(::open(tmp_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    fd_.reset(os_retry([&] { return ::open(tmp_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600); }));
     if (!fd_.valid() && errno == EEXIST) {
         return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "tmp manifest file already exists");
     }
@@ -79,7 +78,7 @@ int tsidx_merge_commit::declare(const std::string& target, const std::string& te
     const std::string text = merge_manifest_text(manifest_);
     const size_t written = merge_manifest_owner_text(manifest_.owner).size();
     if (write_text(fd_.get(), std::string_view(text).substr(written)) != 0) return fail_write(rc);
-    if (tsidx_->durable && ::fsync(fd_.get()) != 0) return fail_write(rc);
+    if (tsidx_->durable && osfile_flush(fd_.get()) != 0) return fail_write(rc);
     temp_path_ = tsidx_->path + "/" + temp;
     return 0;
 }

@@ -32,6 +32,8 @@ struct tsidx_merge_rules_t {
     bool parts_only = false;
     uint32_t min_sources = 2;  // slices that a tier must have to be merged
     uint64_t target_size = 0;  // bytes of the sources together
+    // A slice of which more than one in so many values is deleted is rewritten when nothing merges; 0: none is.
+    uint32_t rewrite_fraction = 0;
 };
 
 uint32_t tsidx_merge_tier(uint64_t bytes);

@@ -17,6 +17,7 @@
 #include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/slice/warmslice_values.h"
 #include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"
 
@@ -53,7 +54,10 @@ tsidx_merge_rules_t rules_of(const TSIDX* tsidx, int mode, uint32_t min_src_coun
     return {.tiered = mode == TSIDX_OPTIMIZE_TIERED || mode == TSIDX_OPTIMIZE_DRY_RUN,
             .parts_only = mode == TSIDX_OPTIMIZE_PARTS,
             .min_sources = is_final ? 2 : min_src_count,
-            .target_size = target_size != 0 ? target_size : DEFAULT_TARGET_SIZE};
+            .target_size = target_size != 0 ? target_size : DEFAULT_TARGET_SIZE,
+            .rewrite_fraction = !tsidx->merge_drops_deleted || mode == TSIDX_OPTIMIZE_PARTS ? 0
+                                : mode == TSIDX_OPTIMIZE_ALL                                ? UINT32_MAX
+                                                                                            : 3};
 }
 
 // A slice whose header cannot be read takes no part, and does not keep the others from merging.
@@ -98,17 +102,34 @@ int list_sources(TSIDX* tsidx, source_listing* found, warm_rc_t* rc) {
     return _set_rc_msg(rc, WARM_RC_RETRIES, "slices go faster than they can be opened");
 }
 
+// Whether more than one in `fraction` of the slice's events is deleted, and not all.
+int is_worth_rewriting(const std::string& path, uint32_t fraction, bool* worth, warm_rc_t* rc) {
+    *worth = false;
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), rc));
+    if (warm == nullptr) return rc->saved_errno == ENOENT && rc->warm_rc == WARM_RC_OPEN ? VANISHED : 0;
+    const uint64_t deleted = warm_slice_count_deleted(warm.get()), values = st_warm_slice_values(warm.get());
+    *worth = deleted * fraction > values && deleted < values;
+    return 0;
+}
+
 int make_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_plan_t* plan, warm_rc_t* rc) {
     source_listing found;
     *plan = {};
     ST_TRY(list_sources(tsidx, &found, rc));
-    if (found.live < 2) return _set_rc_msg(rc, WARM_RC_FEW_SLICES, "fewer than two slices");
     for (const size_t i : tsidx_plan_merge(found.slices, rules)) {
         plan->sources.push_back(found.slices[i].name);
         plan->bytes += found.slices[i].bytes;
     }
-    if (plan->sources.empty()) return _set_rc_msg(rc, WARM_RC_FEW_SOURCES, "no two slices are to be merged");
-    return 0;
+    for (const tsidx_merge_source_t& slice : found.slices) {
+        if (!plan->sources.empty() || rules.rewrite_fraction == 0) break;
+        bool worth = st_warm_slice_merge_kind(&slice.header) >= 0 && !st_warm_slice_is_msidx(&slice.header) &&
+                     st_warm_slice_merge_fitting({&slice.header, 1}, {&slice.bytes, 1}) == 1;
+        if (worth) ST_TRY(is_worth_rewriting(tsidx->path + "/" + slice.name, rules.rewrite_fraction, &worth, rc));
+        if (worth) *plan = {.sources = {slice.name}, .bytes = slice.bytes};
+    }
+    if (!plan->sources.empty()) return 0;
+    if (found.live < 2) return _set_rc_msg(rc, WARM_RC_FEW_SLICES, "fewer than two slices");
+    return _set_rc_msg(rc, WARM_RC_FEW_SOURCES, "no two slices are to be merged");
 }
 
 int check_space(const TSIDX* tsidx, uint64_t needed, warm_rc_t* rc) {
@@ -151,7 +172,8 @@ merge_ptr open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, uint
                                           .mapper = tsidx->merge_mapper,
                                           .mapper_context = tsidx->merge_mapper_context,
                                           .progress = tsidx->merge_progress,
-                                          .progress_context = tsidx->merge_progress_context};
+                                          .progress_context = tsidx->merge_progress_context,
+                                          .drop_deleted = tsidx->merge_drops_deleted};
     return merge_ptr(st_warm_slice_merge_open(texts, &options, rc));
 }
 
@@ -237,6 +259,11 @@ void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* con
     ST_ASSERT(tsidx != nullptr);
     tsidx->merge_mapper = mapper;
     tsidx->merge_mapper_context = context;
+}
+
+void st_tsidx_set_merge_drops_deleted(TSIDX* tsidx, bool drops) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx->merge_drops_deleted = drops;
 }
 
 void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, void* context) {

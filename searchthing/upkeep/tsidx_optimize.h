@@ -57,6 +57,9 @@ int st_tsidx_is_optimized(TSIDX* tsidx);
 // Gives every event of later merges of this handle a new address, before the events are ordered: the mapper need not
 // keep their order. Null: addresses stay.
 void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* context);
+// Later merges of this handle leave deleted events behind. A slice is then rewritten alone, when nothing is to be
+// merged, if any of its events is deleted (TSIDX_OPTIMIZE_ALL) or more than a third of them (tiered).
+void st_tsidx_set_merge_drops_deleted(TSIDX* tsidx, bool drops);
 // Is told how far a merge is, in bytes. Null: nobody is.
 void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, void* context);
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -179,6 +180,11 @@ uint64_t fault_step::allocations() const {
 }
 bool fault_step::struck(fault_call call) const {
     return (step.struck >> static_cast<int>(call) & 1) != 0;
+}
+bool fault_step::struck_where_signals_do() const {
+    using enum fault_call;
+    const fault_call calls[] = {open, write, pwrite, fsync, pread, stat, ftruncate, flock};
+    return std::any_of(std::begin(calls), std::end(calls), [this](fault_call call) { return struck(call); });
 }
 
 fault_truce::fault_truce() : armed_(step.armed) {

@@ -47,6 +47,7 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
     const int mode = merging.everything ? TSIDX_OPTIMIZE_ALL : TSIDX_OPTIMIZE_TIERED;
     for (const std::string& directory : directories) {
         const tsidx_ptr tsidx = index_handle_open(directory, 0);
+        st_tsidx_set_merge_drops_deleted(tsidx.get(), merging.drops_deleted);
         tsidx_optimize_plan_t plan;
         const int status = st_tsidx_optimize_plan(tsidx.get(), mode, TSIDX_OPTIMIZE_MIN_SOURCES, merging.target_size,
                                                   merging.is_final, &plan);
@@ -57,7 +58,8 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
                          unlisted ? EXIT_IO : EXIT_INCOMPLETE);
             continue;
         }
-        output_put(&out, fmt::format("{}: {} slices, {}\n", directory, plan.sources.size(), bytes_text(plan.bytes)));
+        output_put(&out, fmt::format("{}: {} slice{}, {}\n", directory, plan.sources.size(),
+                                     plan.sources.size() == 1 ? "" : "s", bytes_text(plan.bytes)));
         for (const std::string& source : plan.sources) output_put(&out, fmt::format("  {}\n", source));
         most = std::max(most, plan.bytes);
         merges++;
@@ -96,16 +98,18 @@ int optimize_run(const tool_context& context, const optimize_options& options) {
 
 void add_optimize_command(const command& veldar) {
     static optimize_options options;
+    options.merging.is_final = options.merging.drops_deleted = true;
     const command optimize = veldar.subcommand("optimize", "Merge slices, so that there are fewer");
     optimize.footer(
-        "Eight slices of about the same size become one, as often as that can be done: each event is copied once for\n"
-        "every fourfold growth. --final merges two already, --all whatever fits the target size. Searching, loading "
-        "and\n"
-        "deleting go on meanwhile, and a merge that is cut off loses nothing.\n"
+        "Two or more slices of about the same size become one, as often as that can be done; --all merges whatever "
+        "fits\n"
+        "the target size. A slice of which more than a third is deleted is rewritten without its deleted events, with\n"
+        "--all any that has some. Searching, loading and deleting go on meanwhile, and a merge that is cut off loses\n"
+        "nothing.\n"
         "Exit status: 0, 3 when a directory could not be merged, 5 for want of disk space or memory.");
     optimize.text("PATH", &options.path, "A store or an index directory (else the store)");
     optimize.flag("--dry-run", &options.dry_run, "Only print what would be merged next");
-    optimize.flag("--final", &options.merging.is_final, "Nothing more will be loaded: merge two slices of a size");
+    optimize.flag("--final", &options.merging.is_final, "As without: two slices of a size are enough");
     optimize.flag("--all", &options.merging.everything, "Merge slices of any size up to the target size");
     optimize.size("--target-size", &options.merging.target_size,
                   "Size up to which slices are merged, as 500MB or 2GB (default 1500 MiB)");

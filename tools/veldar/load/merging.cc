@@ -99,6 +99,7 @@ void work_on(crew* all, const std::string& directory) {
         before = after = count_slices(directory);
         const tsidx_ptr tsidx = index_handle_open(directory, WRITE_LEVEL);
         static_cast<void>(st_tsidx_clear_need_optimize(tsidx.get()));
+        st_tsidx_set_merge_drops_deleted(tsidx.get(), all->settings.drops_deleted);
         const int status = merge_directory(all, tsidx.get(), &merges);
         if (status != 0 && status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES) {
             failure = directory + ": " + index_failure_text(tsidx.get());
@@ -197,8 +198,9 @@ std::string merge_totals_text(const merge_totals& totals, double seconds) {
         return fmt::format("nothing to merge: {} slice{}, {}", totals.slices_after, totals.slices_after == 1 ? "" : "s",
                            bytes_text(totals.bytes_after));
     }
-    return fmt::format("{} slices merged into {}, {} into {}, {:.1f} s", totals.slices_before, totals.slices_after,
-                       bytes_text(totals.bytes_before), bytes_text(totals.bytes_after), seconds);
+    return fmt::format("{} slice{} merged into {}, {} into {}, {:.1f} s", totals.slices_before,
+                       totals.slices_before == 1 ? "" : "s", totals.slices_after, bytes_text(totals.bytes_before),
+                       bytes_text(totals.bytes_after), seconds);
 }
 
 }  // namespace veldar::tool

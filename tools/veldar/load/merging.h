@@ -9,10 +9,11 @@
 namespace veldar::tool {
 
 struct merge_settings {
-    bool everything = false;   // whatever fits the target size, and not only enough slices of one size
-    bool is_final = false;     // two slices of one size are enough
-    uint64_t target_size = 0;  // bytes; 0: the engine's
-    uint32_t jobs = 1;         // directories at a time
+    bool everything = false;     // whatever fits the target size, and not only enough slices of one size
+    bool is_final = false;       // two slices of one size are enough
+    bool drops_deleted = false;  // and slices are rewritten for it
+    uint64_t target_size = 0;    // bytes; 0: the engine's
+    uint32_t jobs = 1;           // directories at a time
 };
 
 struct merge_totals {
