@@ -17,8 +17,8 @@
 
 #include "libzero/endian.h"
 #include "libzero/resource.h"
-#include "searchthing/columns/cset_internal.h"
 #include "searchthing/base/timed_read.h"
+#include "searchthing/columns/cset_internal.h"
 #include "searchthing/slice/warmslice.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
@@ -372,6 +372,10 @@ TEST(Cstore, SlicesWithoutAStoreOrWithThatOfAnother) {
     const st_warm_slice_body body = *warm->body;
     st_warm_slice_body other = body;
     warm->body = &other;
+    other.num_values.set(body.num_values.get() - 1);
+    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
+    EXPECT_STREQ(rc.message, "cstore footer is corrupted");
+    other = body;
     other.cstore_ref.set(body.cstore_ref.get() + 8);
     EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
     EXPECT_EQ(rc.warm_rc, WARM_RC_CORRUPT);

@@ -50,6 +50,7 @@ TEST(WarmSlice, RefusalsNameTheirReason) {
     const std::string good = forge_slice(forge_random_events(5, 60), options, &picture);
     const forge_offsets at = picture.at;
     const uint64_t last_entry = at.posting_offsets + 8 * (picture.terms.size() - 1);
+    const uint64_t blocks = (picture.terms.size() - 1) / options.tperb;  // but the last
     const uint64_t whole = good.size(), entries = at.posting_offsets;
     const char* past_the_file = "forward_body offset is beyond file size";
     const struct {
@@ -70,6 +71,8 @@ TEST(WarmSlice, RefusalsNameTheirReason) {
         {"cut before the lexicon", at.lexicon, whole, 0, -14, -12, "num terms mismatch"},
         {"no terms in a block", whole, at.lexicon + 4, 0, -14, -2, "forward idx"},
         {"cut before the reverse lexicon", at.reverse_lexicon, whole, 0, -14, -12, "reverse num terms"},
+        {"blocks past the file", whole, at.lexicon + 12 + 4 * blocks, 0x7FFFFFF0, -14, -12, "forward idx"},
+        {"cut in the reverse blocks", at.reverse_lexicon + 18, whole, 0, -14, -2, "reverse idx"},
         {"another reverse number", whole, at.reverse_lexicon, 3, -1, -12, "reverse num terms"},
         {"lists past the file", whole, last_entry + 4, 0x7FFFFFFF, 0, -12, "plo_last_term is beyond file size"},
         {"values past the file", whole, 8, 0xFFFFFFFF, -10, -12, past_the_file},
