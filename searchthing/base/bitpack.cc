@@ -11,21 +11,17 @@ void bp_writer_open(bitpack_writer_t* bp, int fd, uint64_t* words, uint64_t capa
     *bp = {.fd = fd, .words = words, .capacity = capacity, .bit_cursor = 0, .word_offset = word_offset};
 }
 
-int bp_writer_append(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc) {
+int _bp_writer_append_checked(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc) {
     if (nbits > 32) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "val_nbits invalid");
-    if ((bp->bit_cursor + nbits + 63) / 64 > bp->capacity) ST_TRY(bp_writer_flush_buffer(bp, rc));
+    if (bp->bit_cursor + nbits > 64 * bp->capacity) ST_TRY(bp_writer_flush_buffer(bp, rc));
     if (nbits == 0) return _set_rc(rc, WARM_RC_OK);
-    const uint64_t word = bp->bit_cursor / 64;
-    const uint32_t shift = bp->bit_cursor % 64;
-    const bool straddles = 64 - shift < nbits;
-    if (word >= bp->capacity) return _set_rc_msg(rc, WARM_RC_CAPACITY, "meta writer buffer insufficient");
-    if (straddles && word + 1 >= bp->capacity) {
+    if (bp->bit_cursor / 64 >= bp->capacity) {
+        return _set_rc_msg(rc, WARM_RC_CAPACITY, "meta writer buffer insufficient");
+    }
+    if (bp->bit_cursor + nbits > 64 * bp->capacity) {
         return _set_rc_msg(rc, WARM_RC_CAPACITY, "meta writer buffer insufficient(2)");
     }
-    bp->words[word] |= uint64_t{value} << shift;
-    if (straddles) bp->words[word + 1] |= uint64_t{value} >> (64 - shift);
-    bp->bit_cursor += nbits;
-    return _set_rc(rc, WARM_RC_OK);
+    return bp_writer_append(bp, value, nbits, rc);
 }
 
 int bp_writer_pad64(bitpack_writer_t* bp, warm_rc_t* rc) {

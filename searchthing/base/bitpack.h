@@ -28,9 +28,22 @@ struct bitpack_writer_t {
 };
 // Zeroes the buffer.
 void bp_writer_open(bitpack_writer_t* bp, int fd, uint64_t* words, uint64_t capacity, uint64_t word_offset);
+// bp_writer_append of no bits, of too many, or of more than the buffer has room for.
+int _bp_writer_append_checked(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc);
+
 // Appends a value that the caller has kept below 2^nbits. -37 "val_nbits invalid" above 32 bits, -9 from a flush, -15
 // when the buffer is full and there is no file; the stream is then as before.
-int bp_writer_append(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc);
+inline int bp_writer_append(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc) {
+    const uint64_t end = bp->bit_cursor + nbits;
+    if (nbits == 0 || nbits > 32 || end > 64 * bp->capacity) return _bp_writer_append_checked(bp, value, nbits, rc);
+    uint64_t* const word = bp->words + bp->bit_cursor / 64;
+    const uint32_t shift = bp->bit_cursor % 64;
+    word[0] |= uint64_t{value} << shift;
+    if (shift + nbits > 64) word[1] |= uint64_t{value} >> (64 - shift);
+    bp->bit_cursor = end;
+    rc->warm_rc = WARM_RC_OK;
+    return 0;
+}
 // Zero bits up to the next word. More than 32 of them are refused as bp_writer_append refuses them.
 int bp_writer_pad64(bitpack_writer_t* bp, warm_rc_t* rc);
 // Writes the words begun so far: 0 (also without a file) or -9 "bp_writer_flush failed".

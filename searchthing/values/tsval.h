@@ -155,8 +155,10 @@ void tsval_preamble_writer_clear(tsval_preamble_writer_t* writer);
 [[nodiscard]] int tsval_preamble_writer_close(tsval_preamble_writer_t* writer, warm_rc_t* rc);
 
 struct tsval_writer_t {
-    const st_warm_slice_body* header = nullptr;  // the caller's, as long as the writer is open
     uint32_t time_nbits = 0, addr_nbits = 0;
+    int32_t earliest = 0, latest = 0;
+    bool milliseconds = false;                     // the second field is a subsecond, not an address
+    uint32_t addr_min = 0, addr_max = UINT32_MAX;  // of the addresses, where the header tells them
     buffer<uint64_t> words;
     bitpack_writer_t bp;
     tsval_preamble_writer_t preambles;

@@ -21,20 +21,17 @@ int check_header(const st_warm_slice_body* header, uint32_t width, warm_rc_t* rc
 
 // The second field of a packed value.
 int address_field(const tsval_writer_t* writer, const st_tsval* value, uint32_t* out, warm_rc_t* rc) {
-    const st_warm_slice_body* header = writer->header;
     *out = 0;
-    if (warm_header_is_enabled(header, WARM_FLAG_PREAMBLES)) {
+    if (writer->milliseconds) {
         if (writer->addr_nbits == 0) return 0;
         *out = value->address / NANOSECONDS_PER_MILLISECOND;
         return *out <= 999 ? 0 : _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "subsecond out of range");
     }
-    const uint32_t lowest = warm_header_is_rev1(header) ? header->seek_addr_min.get() : 0;
-    const uint32_t highest = warm_header_is_rev1(header) ? header->seek_addr_max.get() : UINT32_MAX;
-    const bool range_known = lowest <= highest;
-    if (range_known && (value->address < lowest || value->address > highest)) {
+    const bool range_known = writer->addr_min <= writer->addr_max;
+    if (range_known && (value->address < writer->addr_min || value->address > writer->addr_max)) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "seek_addr not in lowest/highest addr range");
     }
-    *out = value->address - lowest;
+    *out = value->address - writer->addr_min;
     return 0;
 }
 
@@ -89,7 +86,13 @@ int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer, 
     *writer = tsval_writer_t{};
     const tsval_encoding_t encoding = tsval_encoding(header);
     ST_ASSERT(encoding != TSVAL_PLAIN);
-    writer->header = header;
+    writer->earliest = static_cast<int32_t>(header->earliest.get());
+    writer->latest = static_cast<int32_t>(header->latest.get());
+    writer->milliseconds = warm_header_is_enabled(header, WARM_FLAG_PREAMBLES);
+    if (warm_header_is_rev1(header)) {
+        writer->addr_min = header->seek_addr_min.get();
+        writer->addr_max = header->seek_addr_max.get();
+    }
     writer->time_nbits = warm_header_meta_time_nbits(header);
     writer->addr_nbits = warm_header_seek_addr_nbits(header);
     ST_TRY(check_header(header, writer->time_nbits + writer->addr_nbits, rc));
@@ -109,14 +112,12 @@ int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer, 
 }
 
 int tsval_writer_put(tsval_writer_t* writer, const st_tsval* value, warm_rc_t* rc) {
-    const int32_t earliest = static_cast<int32_t>(writer->header->earliest.get());
-    const int32_t latest = static_cast<int32_t>(writer->header->latest.get());
-    if (value->time < earliest || value->time > latest) {
+    if (value->time < writer->earliest || value->time > writer->latest) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "timstamp not in earliest/latest range");
     }
     uint32_t address = 0;
     ST_TRY(address_field(writer, value, &address, rc));
-    const uint32_t time = static_cast<uint32_t>(value->time) - static_cast<uint32_t>(earliest);
+    const uint32_t time = static_cast<uint32_t>(value->time) - static_cast<uint32_t>(writer->earliest);
     ST_TRY(bp_writer_append(&writer->bp, time, writer->time_nbits, rc));
     return bp_writer_append(&writer->bp, address, writer->addr_nbits, rc);
 }

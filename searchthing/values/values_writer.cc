@@ -17,10 +17,13 @@ uint32_t width_of(uint32_t largest) {
     return std::min(log2n(largest), MAX_COMPANION_NBITS);
 }
 
-// Only the s of a deleted event has more bits than its array is wide; its d bit restores them.
+// Only the s of a deleted event has more bits than its array is wide; its d bit restores them. The d array of a slice
+// with preambles stays as it is, zeros.
 int put_companions(values_writer_t* writer, const uint32_t (&fields)[5], warm_rc_t* rc) {
-    for (size_t i = 0; i < 5; i++) {
+    const size_t arrays = writer->encoding == TSVAL_WITH_PREAMBLES ? 4 : 5;
+    for (size_t i = 0; i < arrays; i++) {
         auto& array = writer->companions[i];
+        if (array.nbits == 0) continue;
         const uint32_t mask = (uint32_t{1} << array.nbits) - 1;
         ST_TRY(bp_writer_append(&array.bits, fields[i] & mask, array.nbits, rc));
     }
