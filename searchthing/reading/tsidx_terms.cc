@@ -14,14 +14,6 @@ namespace veldar {
 
 namespace {
 
-constexpr uint64_t PIECE_BYTES = 128 << 10;  // of a lexicon, at a time
-
-term_choice_t behind_prefix(const char* prefix) {
-    term_choice_t choice;
-    if (prefix != nullptr) choice.prefix = prefix;
-    return choice;
-}
-
 // Runs `each(cursor, term)` for every distinct term until it returns something else than 0; 0, that, or a failure,
 // recorded.
 template <typename Each>
@@ -31,7 +23,7 @@ int64_t over_distinct_terms(TSIDX* tsidx, const char* prefix, const char* needle
     try {
         term_cursor_options_t options;
         options.sources = {{.tsidx = tsidx, .path = {}}};
-        options.choice = behind_prefix(prefix);
+        if (prefix != nullptr) options.choice.prefix = prefix;
         if (needle != nullptr) options.choice.needle = needle;
         const term_cursor_ptr cursor = term_cursor_open(options, rc);
         if (cursor == nullptr) return rc->warm_rc;
@@ -57,23 +49,6 @@ int64_t apply_distinct(TSIDX* tsidx, const char* prefix, const char* needle, tsi
             return result == -1 ? -1 : 0;
         });
     return status == 0 ? total : status;
-}
-
-// Hands out the terms of one slice. 0, or a failure; `stopped` by the function.
-int apply_slice(WARM* warm, const term_choice_t& choice, tsidx_term_fn fn, void* context, int64_t* total, bool* stopped,
-                warm_rc_t* rc) {
-    warm_terms terms;
-    ST_TRY(terms.open(warm, choice, PIECE_BYTES, rc));
-    while (true) {
-        ST_TRY(terms.next(rc));
-        if (terms.at_end()) return 0;
-        term_totals_t totals;
-        ST_TRY(terms.add_totals(&totals, rc));
-        const int result = fn(terms.text().data(), terms.text().size(), totals.count, context);
-        *stopped = result == -1;
-        if (*stopped) return 0;
-        *total += result;
-    }
 }
 
 }  // namespace
@@ -111,16 +86,16 @@ int64_t st_tsidx_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn,
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         const int64_t opened = tsidx_open_all(snapshot, TSIDX_FIRST_TIME, TSIDX_LAST_TIME);
         if (opened != 0) return opened;
-        const term_choice_t choice = behind_prefix(prefix);
         int64_t total = 0;
-        bool stopped = false;
-        for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
+        for (size_t i = 0; i < snapshot.size(); i++) {
             warm_rc_t rc;
-            if (apply_slice(snapshot.warm(i), choice, fn, context, &total, &stopped, &rc) != 0) {
-                return snapshot.fail(i, rc);
-            }
+            rc.warm_rc = 0;
+            const int64_t of_slice = warm_slice_apply_terms(snapshot.warm(i), prefix, fn, context, &rc);
+            if (rc.warm_rc != 0) return snapshot.fail(i, rc);
+            if (of_slice == -1) return -1;
+            total += of_slice;
         }
-        return stopped ? -1 : total;
+        return total;
     });
 }
 

@@ -72,6 +72,29 @@ int warm_terms::add_totals(term_totals_t* totals, warm_rc_t* rc) {
     return 0;
 }
 
+int64_t warm_slice_apply_terms(WARM* warm, const char* prefix, warm_term_fn fn, void* context, warm_rc_t* rc) {
+    ST_TRY(need_lexicon(warm, rc));
+    struct {
+        WARM* warm;
+        warm_term_fn fn;
+        void* context;
+        warm_rc_t rc;
+        bool stopped;
+    } walk = {warm, fn, context, {}, false};
+    const auto visit = [](int32_t id, const char* term, size_t length, void* opaque) {
+        auto* const at = static_cast<decltype(walk)*>(opaque);
+        uint32_t count = 0;
+        if (get_meta_count(at->warm, static_cast<uint32_t>(id), nullptr, &count, &at->rc) != 0) return -1;
+        const int result = at->fn(term, length, count, at->context);
+        at->stopped = result == -1;
+        return result;
+    };
+    const int64_t total = st_fclex_apply(warm->lexicon, prefix, visit, &walk, nullptr);
+    if (walk.rc.warm_rc != 0) return _cpy_rc(rc, &walk.rc);
+    if (total >= 0 || walk.stopped) return total;
+    return _set_rc_msg(rc, static_cast<int>(total), "walking the lexicon");
+}
+
 int warm_slice_enum(WARM* warm, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag,
                     warm_rc_t* rc) {
     ST_TRY(need_lexicon(warm, rc));
