@@ -2,6 +2,7 @@
 
 #include "libzero/assertions.h"
 #include "searchthing/reading/tsidx_query_walk.h"
+#include "searchthing/search/slice_metric_events.h"
 
 namespace veldar {
 
