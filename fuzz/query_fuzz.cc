@@ -5,6 +5,7 @@
 
 #include "fuzz/slice_walk.h"
 #include "searchthing/search/query.h"
+#include "searchthing/search/tokenizer.h"
 
 using namespace veldar;
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "searchthing/columns/cstore.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/postings/plist.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_lists.h"

@@ -7,6 +7,8 @@
 #include <string>
 
 #include "libzero/assertions.h"
+#include "searchthing/base/log.h"
+#include "searchthing/directory/health.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {

@@ -23,13 +23,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "searchthing/base/log.h"
 #include "searchthing/base/st_init.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/directory/health.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/format/tsidx_names.h"
-#include "searchthing/hot/hotslice.h"
 #include "searchthing/reading/tsidx_metric.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/search/query.h"

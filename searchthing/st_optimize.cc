@@ -5,8 +5,10 @@
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
+#include "libzero/ospath-builder.h"
 #include "libzero/resource.h"
 #include "searchthing/base/log.h"
+#include "searchthing/directory/tsidx_list.h"
 #include "searchthing/format/tsidx_names.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 

@@ -10,7 +10,7 @@ namespace veldar {
 
 // One pass of merges over a directory: at most `max_iterations` calls of st_tsidx_optimize_n, until one of them does
 // not merge. Takes away the marker that asks for a pass, and logs its start and its end. With `is_final` it leaves a
-// status file behind (so_status_filename), whatever happened; one that is there is left alone.
+// status file behind (TSIDX_OPTIMIZE_RESULT_NAME), whatever happened; one that is there is left alone.
 //
 // 0, also when there was nothing (more) to merge; -1 when the process may not read, write and search the directory or
 // memory is short; or the failure of a merge, in `rc` too, which may be null. `opts` is not null; mode, min_src_count,

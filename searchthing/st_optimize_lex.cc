@@ -4,8 +4,10 @@
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
+#include "libzero/ospath-builder.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx.h"
+#include "searchthing/directory/tsidx_list.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 
 namespace veldar {

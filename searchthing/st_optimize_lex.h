@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "libzero/ospath-builder.h"
 #include "searchthing/base/warm_rc.h"
 
 namespace veldar {

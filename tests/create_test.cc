@@ -6,6 +6,7 @@
 #include <string>
 
 #include "searchthing/hot/warmslice_create.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/slice/warmslice.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"

@@ -5,6 +5,7 @@
 #include <memory>
 #include <random>
 
+#include "searchthing/columns/dimset.h"
 #include "searchthing/hot/hotslice.h"
 #include "searchthing/hot/warmslice_create.h"
 #include "searchthing/merge/warmslice_merge.h"

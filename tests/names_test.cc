@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "searchthing/format/tsidx_names.h"
+#include "searchthing/format/write_options.h"
 
 namespace veldar {
 

@@ -17,6 +17,7 @@
 #include "searchthing/base/st_init.h"
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx_list.h"
+#include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_delete.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"

@@ -6,6 +6,7 @@
 
 #include "libzero/ospath-builder.h"
 #include "searchthing/base/log.h"
+#include "searchthing/base/st_init.h"
 #include "searchthing/base/warm_rc.h"
 
 namespace veldar {

@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/slice/warmslice_meta.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"

@@ -9,6 +9,7 @@
 
 #include "fuzz/slice_walk.h"
 #include "libzero/endian.h"
+#include "libzero/ospath-builder.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_values.h"
 #include "tests/support/damage.h"

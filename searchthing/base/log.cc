@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "searchthing/base/st_init.h"
+
 namespace veldar {
 
 namespace {

@@ -1,10 +1,8 @@
-// The engine's diagnostic log: printf-style lines to standard error, silent until stSetupLogger turns it on.
+// The engine's diagnostic log: printf-style lines to standard error, silent until stSetupLogger (st_init.h) turns it
+// on.
 #pragma once
 
 namespace veldar {
-
-// Stores both process-wide flags; with verbose set also prints them. Called once, before other threads use the engine.
-void stSetupLogger(int verbose, int log2veldar);
 
 // Writes a line whose format begins with its level word, padded to six characters ("DEBUG ", "INFO  ", "WARN  " or
 // "ERROR "), and ends with its own newline. A line with debug flag 1 needs verbose; one with debug flag 0 verbose or

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "searchthing/base/language.h"
+
 namespace veldar {
 
 struct st_query_info_s {

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "searchthing/base/language.h"
+
 namespace veldar {
 
 using st_time_t = int32_t;  // seconds since the epoch

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "searchthing/base/language.h"
+
 namespace veldar {
 
 struct string_builder;

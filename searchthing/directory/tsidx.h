@@ -20,8 +20,8 @@
 #include <memory>
 
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/tsidx_names.h"
-#include "searchthing/hot/hotslice.h"
+#include "searchthing/format/write_options.h"
+#include "searchthing/hot/st_txn.h"
 
 namespace veldar {
 

@@ -12,7 +12,6 @@
 #include "searchthing/directory/tsidx_cache.h"
 #include "searchthing/directory/tsidx_params.h"
 #include "searchthing/hot/hotslice.h"
-#include "searchthing/merge/warmslice_merge.h"
 
 namespace veldar {
 

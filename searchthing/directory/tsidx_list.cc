@@ -9,6 +9,7 @@
 #include <string_view>
 #include <tuple>
 
+#include "libzero/ospath-builder.h"
 #include "searchthing/directory/merge_manifest.h"
 
 namespace veldar {
@@ -103,6 +104,12 @@ int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
         if (sound) return 0;
     }
     return _set_rc_msg(rc, WARM_RC_RETRIES, "the directory changes faster than it can be listed");
+}
+
+int so_status_filename(ospath_buf* out, const char* directory) {
+    ospath_builder b;
+    if (ospath_builder_concat_two_paths_with_sep(&b, directory, TSIDX_OPTIMIZE_RESULT_NAME) != 0) return -1;
+    return ospath_buf_set(out, b.buf.val);
 }
 
 }  // namespace veldar

@@ -14,10 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/format/tsidx_names.h"
 
 namespace veldar {
+
+struct ospath_buf;
 
 struct tsidx_slice_name_t {
     std::string name;             // without the directory
@@ -40,5 +42,9 @@ bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 // that are added meanwhile may be listed or not. -35 when that is not so in 16 tries. -4, -8 as above, also for a
 // manifest that cannot be read. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc);
+
+// The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 when the name does
+// not fit.
+int so_status_filename(ospath_buf* out, const char* directory);
 
 }  // namespace veldar

@@ -13,6 +13,7 @@
 #include "libzero/osfile.h"
 #include "libzero/vbe.h"
 #include "searchthing/base/warmslice_util.h"
+#include "searchthing/format/tsidx_names.h"
 
 namespace veldar {
 

@@ -6,9 +6,10 @@
 
 #include "libzero/assertions.h"
 #include "libzero/vbe.h"
-#include "searchthing/lexicon/fclex.h"
 #include "searchthing/base/log.h"
+#include "searchthing/columns/dimset.h"
 #include "searchthing/directory/tsidx_handle.h"
+#include "searchthing/lexicon/fclex.h"
 
 namespace veldar {
 

@@ -77,8 +77,9 @@
 
 #include "libzero/endian.h"
 #include "libzero/resource.h"
+#include "searchthing/base/st_timeval.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/tsidx_names.h"
+#include "searchthing/format/write_options.h"
 
 namespace veldar {
 

@@ -13,7 +13,9 @@
 #include "libzero/endian.h"
 #include "libzero/osfile.h"
 #include "libzero/vbe.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/hot/warmslice_create_internal.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/values/values_writer.h"
 
 namespace veldar {

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "searchthing/base/language.h"
+
 namespace veldar {
 
 inline constexpr uint32_t ST_MAX_TERM_LENGTH = 2047;

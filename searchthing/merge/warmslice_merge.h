@@ -33,11 +33,6 @@ struct warm_merge_t;
 
 inline constexpr uint32_t MERGE_MAX_SOURCES = 64;
 
-// The new address of an event. Asked more than once for the same event, and must then give the same answer.
-using st_merge_mapper_t = uint32_t (*)(uint32_t old_address, void* context);
-// Told now and then how many of the sources' bytes have been merged. `planned` stays the same and `done` reaches it.
-using warm_merge_progress_fn = void (*)(uint64_t done, uint64_t planned, void* context);
-
 struct warm_merge_options_t {
     TSWRITEOPTS write_options;  // the write level, merge_buffer_bytes, advanced_postings
     uint32_t lexicon_tpb = 0;   // terms per lexicon block; 0: merge_terms_per_block of the write options

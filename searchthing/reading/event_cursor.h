@@ -27,7 +27,7 @@
 
 #include "searchthing/reading/cursor_source.h"
 #include "searchthing/search/query.h"
-#include "searchthing/values/tsval.h"
+#include "searchthing/values/st_tsval.h"
 
 namespace veldar {
 

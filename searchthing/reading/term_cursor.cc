@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/slice/warmslice_terms.h"
 
 namespace veldar {
 

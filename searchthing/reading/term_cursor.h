@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "searchthing/reading/cursor_source.h"
-#include "searchthing/slice/warmslice_terms.h"
+#include "searchthing/slice/term_choice.h"
 
 namespace veldar {
 

@@ -7,8 +7,8 @@
 #include <cstdint>
 
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/search/metric_event.h"
 #include "searchthing/search/query.h"
+#include "searchthing/search/st_metric_event.h"
 
 namespace veldar {
 

@@ -18,7 +18,6 @@
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/lexicon/st_enum_answer.h"
 #include "searchthing/search/query.h"
-#include "searchthing/values/tsval.h"
 
 namespace veldar {
 

@@ -10,9 +10,11 @@
 
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/format/tsidx_names.h"
-#include "searchthing/slice/warmslice.h"
 
 namespace veldar {
+
+struct st_warm_slice;
+using WARM = st_warm_slice;
 
 // One slice of a snapshot, for the length of a visit.
 struct tsidx_slice_view_t {

@@ -10,6 +10,7 @@
 
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/reading/tsidx_snapshot.h"
+#include "searchthing/slice/warmslice.h"
 
 namespace veldar {
 

@@ -8,6 +8,7 @@
 #include "searchthing/reading/term_cursor.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/slice/warmslice_terms.h"
 #include "searchthing/values/tsval_order.h"
 
 namespace veldar {

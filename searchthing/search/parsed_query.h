@@ -15,6 +15,7 @@
 
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/search/query.h"
+#include "searchthing/search/tokenizer.h"
 
 namespace veldar {
 

@@ -6,11 +6,17 @@
 
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/st_timeval.h"
-#include "searchthing/search/tokenizer.h"
 
 namespace veldar {
 
 struct string_builder;
+
+// How the literals of the text are read (tokenizer.h).
+enum token_case_t : uint32_t {
+    TOKEN_CASE_ASIS = 0,
+    TOKEN_CASE_BLANK_PREFIX = 1,  // a blank, counted in the size, stands before every token but the brackets
+    TOKEN_CASE_LOWER = 2,         // literals are folded to lower case, A to Z only; operators are still upper case
+};
 
 // opt_a: a NEQ comparison also matches the events that lack the field.
 inline constexpr uint8_t QUERY_NEQ_MATCHES_MISSING = 1;

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "searchthing/base/number.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/lexicon/matcher.h"
 #include "searchthing/slice/warmslice_meta.h"
 #include "searchthing/slice/warmslice_runs.h"

@@ -5,6 +5,7 @@
 
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cstore.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/search/search_runs.h"
 #include "searchthing/search/warmslice_search.h"
 

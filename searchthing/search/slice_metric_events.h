@@ -4,11 +4,14 @@
 #include <cstdint>
 #include <functional>
 
-#include "searchthing/search/metric_event.h"
+#include "searchthing/base/warm_rc.h"
 #include "searchthing/search/parsed_query.h"
-#include "searchthing/slice/warmslice.h"
+#include "searchthing/search/st_metric_event.h"
 
 namespace veldar {
+
+struct st_warm_slice;
+using WARM = st_warm_slice;
 
 // Receives an event; false ends the walk.
 using metric_event_visitor = std::function<bool(const st_metric_event_t&)>;

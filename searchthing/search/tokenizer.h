@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "searchthing/search/query.h"
+
 namespace veldar {
 
 enum token_type_t : int32_t {
@@ -24,12 +26,6 @@ enum token_type_t : int32_t {
     T_OP_GTE = 10,
     T_OP_EQ = 11,
     T_OP_NEQ = 12,
-};
-
-enum token_case_t : uint32_t {
-    TOKEN_CASE_ASIS = 0,
-    TOKEN_CASE_BLANK_PREFIX = 1,  // a blank, counted in the size, stands before every token but the brackets
-    TOKEN_CASE_LOWER = 2,         // literals are folded to lower case, A to Z only; operators are still upper case
 };
 
 // What the tokenizer returns instead of a size. The numbers are its own, whatever they mean in warm_rc_t.

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "libzero/assertions.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/search/search_frames.h"
 #include "searchthing/slice/warmslice_meta.h"
 

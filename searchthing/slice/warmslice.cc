@@ -13,6 +13,7 @@
 #include "libzero/osfile.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/columns/dimset_io.h"
+#include "searchthing/lexicon/fclex.h"
 
 namespace veldar {
 

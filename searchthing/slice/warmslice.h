@@ -16,17 +16,19 @@
 #include <cstdint>
 #include <memory>
 
-#include "libzero/ospath-builder.h"
 #include "libzero/resource.h"
 #include "libzero/xorshift128plus.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"
-#include "searchthing/lexicon/fclex.h"
 #include "searchthing/values/term_meta.h"
 #include "searchthing/values/tsval.h"
 
 namespace veldar {
+
+struct ospath_buf;
+struct st_fclex_handle;
+using FCLEX = st_fclex_handle;
 
 struct cs_reader_t;  // cstore.h
 struct warm_cstore_closer {

@@ -5,6 +5,7 @@
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
+#include "libzero/ospath-builder.h"
 #include "searchthing/slice/warmslice.h"
 
 namespace veldar {

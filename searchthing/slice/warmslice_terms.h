@@ -2,31 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <optional>
-#include <string>
 #include <string_view>
 
 #include "searchthing/lexicon/fclex_cursor.h"
 #include "searchthing/lexicon/matcher.h"
+#include "searchthing/slice/term_choice.h"
 #include "searchthing/slice/warmslice.h"
 
 namespace veldar {
-
-// Which terms: those that all of this takes.
-struct term_choice_t {
-    std::string prefix;                            // that they begin with
-    std::optional<std::string> needle;             // that matches them (isMatch); one without "*" is looked up
-    std::optional<std::string> after;              // that they come behind: where an earlier walk ended
-    std::function<bool(std::string_view)> wanted;  // given NUL-terminated terms; null: every term
-};
-
-// Added up over slices.
-struct term_totals_t {
-    uint64_t count = 0;  // events; deleted ones too, as long as their slice holds them
-    st_time_t earliest = 0, latest = 0;
-};
 
 // A walk over the terms of one slice, which must outlive it, as must the choice.
 class warm_terms {

@@ -15,6 +15,7 @@
 #include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_values.h"
+#include "searchthing/values/tsval_order.h"
 
 namespace veldar {
 

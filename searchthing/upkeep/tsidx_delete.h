@@ -14,9 +14,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "searchthing/search/query.h"
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/values/tsval_order.h"
+#include "searchthing/search/query.h"
 
 namespace veldar {
 

@@ -10,6 +10,7 @@
 #include "searchthing/merge/merged_lexicon.h"
 #include "searchthing/reading/term_cursor.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/slice/warmslice_terms.h"
 
 namespace veldar {
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/merge/warmslice_merge.h"
 
 namespace veldar {
 

@@ -14,10 +14,11 @@
 #include <cstdint>
 
 #include "libzero/resource.h"
+#include "searchthing/base/bitpack.h"
+#include "searchthing/base/packed_array.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/warmslice_header.h"
-#include "searchthing/base/warmslice_util.h"
 
 namespace veldar {
 

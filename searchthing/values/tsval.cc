@@ -6,6 +6,7 @@
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "libzero/ospath-builder.h"
+#include "searchthing/base/timed_read.h"
 
 namespace veldar {
 

@@ -9,14 +9,10 @@
 
 #include "libzero/endian.h"
 #include "searchthing/lexicon/st_enum_answer.h"
-#include "searchthing/values/tsval.h"
+#include "searchthing/values/st_tsval.h"
 
 namespace veldar {
 
-struct st_tsval_encoded {  // the first eight bytes of a value: its key
-    st_time_t time;
-    st_addr_t address;
-};
 struct st_ntsval {  // the same key, both words big-endian
     be32 time;
     be32 address;

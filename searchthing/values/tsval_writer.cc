@@ -1,6 +1,7 @@
 // Writing packed values and preambles.
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/values/tsval.h"
 
 namespace veldar {

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "searchthing/base/log.h"
+#include "searchthing/base/st_init.h"
 #include "searchthing/search/search_literals.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "tests/support/faults.h"

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/postings/plist.h"
 #include "searchthing/slice/warmslice_lists.h"
 

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "searchthing/upkeep/tsidx_delete.h"
-#include "searchthing/values/tsval_order.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_count.h"

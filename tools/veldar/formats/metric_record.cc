@@ -6,7 +6,6 @@
 #include <cmath>
 #include <limits>
 
-#include "searchthing/lexicon/fclex.h"
 #include "tools/veldar/formats/log_time.h"
 
 namespace veldar::tool {

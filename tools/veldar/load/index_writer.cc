@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "searchthing/hot/hotslice.h"
 #include "tools/veldar/store/tool_failure.h"
 
 namespace veldar::tool {

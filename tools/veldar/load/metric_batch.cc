@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "searchthing/lexicon/fclex.h"
+#include "searchthing/lexicon/st_enum_answer.h"
 #include "tools/veldar/load/put_line.h"
 
 namespace veldar::tool {

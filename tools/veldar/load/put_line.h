@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "searchthing/hot/hotslice.h"
+#include "searchthing/hot/st_txn.h"
 
 namespace veldar::tool {
 

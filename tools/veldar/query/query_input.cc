@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/search/tokenizer.h"
 #include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/tool_failure.h"
 

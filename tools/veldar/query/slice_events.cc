@@ -4,6 +4,7 @@
 #include <array>
 #include <numeric>
 
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/slice/warmslice_lists.h"
 
 namespace veldar::tool {

@@ -1,4 +1,4 @@
-// What an event of a metric slice says.
+// The record of an event of metrics with what it says.
 #pragma once
 
 #include <cstdint>
