@@ -3,9 +3,25 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zero searchthing EXPORT veldar-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-foreach(area libzero searchthing)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${area} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/veldar
-          FILES_MATCHING PATTERN "*.h" PATTERN "*_internal.h" EXCLUDE)
+# The face, and the headers that it needs by name; none of them includes one that is not here.
+set(face
+    st.h st_optimize.h st_optimize_lex.h
+    base/language.h base/query_info.h base/st_init.h base/st_timeval.h base/warm_rc.h
+    format/tsidx_names.h format/write_options.h
+    lexicon/st_enum_answer.h
+    values/st_tsval.h
+    hot/st_txn.h
+    slice/term_choice.h
+    search/query.h search/st_metric_event.h
+    directory/tsidx.h
+    reading/cursor_source.h reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_snapshot.h
+    upkeep/tsidx_delete.h upkeep/tsidx_minify.h upkeep/tsidx_optimize.h)
+foreach(header ${face})
+  if(EXISTS ${PROJECT_SOURCE_DIR}/searchthing/${header})
+    cmake_path(GET header PARENT_PATH room)
+    install(FILES ${PROJECT_SOURCE_DIR}/searchthing/${header}
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/veldar/searchthing/${room})
+  endif()
 endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/veldar)
@@ -14,7 +30,7 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/veldar-config.cmake.in
                               ${PROJECT_BINARY_DIR}/veldar-config.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/veldar-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/veldar-config.cmake ${PROJECT_BINARY_DIR}/veldar-config-version.cmake
-        DESTINATION ${package_dir})
+              ${CMAKE_CURRENT_LIST_DIR}/FindxxHash.cmake DESTINATION ${package_dir})
 
 # The prefix is told relative to the .pc file, so that an installed tree can be moved.
 file(RELATIVE_PATH VELDAR_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
