@@ -1,4 +1,4 @@
-#include <fcntl.h>
+#include "searchthing/directory/tsidx_cache.h"
 
 #include <cerrno>
 #include <iterator>
@@ -6,25 +6,12 @@
 #include <unordered_set>
 
 #include "libzero/assertions.h"
-#include "libzero/osfile.h"
-#include "searchthing/directory/tsidx_cache.h"
 
 namespace veldar {
 
 namespace {
 
 constexpr size_t MAX_UNUSED_SLICES = 256;
-
-WARM* open_slice(const std::string& path, const st_filename_metadata_t& meta, warm_rc_t* rc) {
-    unique_fd fd = osfile_open_regular(path.c_str(), O_RDONLY);
-    if (!fd.valid()) {
-        _set_rc(rc, WARM_RC_OPEN);
-        return nullptr;
-    }
-    WARM* warm = st_warm_slice_open_rdonly_from_fd(fd.get(), &meta, rc);
-    if (warm != nullptr) static_cast<void>(fd.release());
-    return warm;
-}
 
 bool out_of_descriptors(const warm_rc_t& rc) {
     return rc.warm_rc == WARM_RC_OPEN && (rc.saved_errno == EMFILE || rc.saved_errno == ENFILE);
@@ -47,10 +34,10 @@ WARM* tsidx_cache::open(const std::string& directory, const tsidx_slice_name_t& 
     entries fresh;
     fresh.push_back({slice.name, nullptr, 1});
     by_name_.emplace(slice.name, fresh.begin());
-    WARM* warm = open_slice(path, slice.meta, rc);
+    WARM* warm = warm_slice_open_named(path.c_str(), slice.meta, rc);
     if (warm == nullptr && out_of_descriptors(*rc) && !unused_.empty()) {
         close_unused();
-        warm = open_slice(path, slice.meta, rc);
+        warm = warm_slice_open_named(path.c_str(), slice.meta, rc);
     }
     if (warm == nullptr) {
         by_name_.erase(slice.name);

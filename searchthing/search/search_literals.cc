@@ -360,6 +360,26 @@ int widen_from_runs(conjunction_context* context, id_range_t* range, query_resul
     return widen_bitmap(values, &result->not_bitmap, &context->rc);
 }
 
+struct context_closer {
+    void operator()(conjunction_context* context) const {
+        conjunction_context_close(context);
+        delete context;
+    }
+};
+using context_ptr = std::unique_ptr<conjunction_context, context_closer>;
+
+// A context for a group by itself; null without memory.
+context_ptr context_over(WARM* warm, const st_timeval_t* earliest, const st_timeval_t* latest, bool neq_matches_missing,
+                         const id_range_t& range, st_query_info_t* info) {
+    context_ptr context(new (std::nothrow) conjunction_context);
+    if (context == nullptr) return context;
+    conjunction_context_open(context.get(), warm, earliest, latest, info);
+    context->neq_matches_missing = neq_matches_missing;
+    context->range = range;
+    narrow_to_runs(*context, &context->range);
+    return context;
+}
+
 }  // namespace
 
 void _reset_result(query_result_t* result) {
@@ -434,12 +454,8 @@ int _set_everything(conjunction_context* context, uint8_t* bitmap) {
 int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
                  const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_timeval_t* earliest_out,
                  st_timeval_t* latest_out, bool is_exact, st_query_info_t* info, warm_rc_t* rc) {
-    const std::unique_ptr<conjunction_context> context(new (std::nothrow) conjunction_context);
+    const context_ptr context = context_over(warm, earliest, latest, neq_matches_missing, *range, info);
     if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    conjunction_context_open(context.get(), warm, earliest, latest, info);
-    context->neq_matches_missing = neq_matches_missing;
-    context->range = *range;
-    narrow_to_runs(*context, &context->range);
     int status = _and_group(context.get(), group, is_exact, result, earliest_out, latest_out);
     const bool computed_here = !range->computed && context->range.computed;
     if (status == 0 && computed_here) {
@@ -452,7 +468,6 @@ int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missin
     }
     if (status == 0) status = widen_from_runs(context.get(), range, result);
     if (status != 0) _reset_result(result);
-    conjunction_context_close(context.get());
     return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
 }
 
@@ -460,17 +475,12 @@ int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing
                 const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_query_info_t* info,
                 warm_rc_t* rc) {
     ST_ASSERT(!group.positive.empty() || !group.negative.empty() || !group.comparisons.empty());
-    const std::unique_ptr<conjunction_context> context(new (std::nothrow) conjunction_context);
+    const context_ptr context = context_over(warm, earliest, latest, neq_matches_missing, *range, info);
     if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    conjunction_context_open(context.get(), warm, earliest, latest, info);
-    context->neq_matches_missing = neq_matches_missing;
-    context->range = *range;
-    narrow_to_runs(*context, &context->range);
     int status = _or_group(context.get(), group, result);
     if (status == 0) *range = context->range;
     if (status == 0) status = widen_from_runs(context.get(), range, result);
     if (status != 0) _reset_result(result);
-    conjunction_context_close(context.get());
     return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
 }
 

@@ -238,19 +238,23 @@ WARM* st_warm_slice_open_rdonly_from_fd(int fd, const st_filename_metadata_t* fn
     return warm.release();
 }
 
-WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc) {
-    ST_ASSERT(rc);
-    if (check_path(path, rc) != 0) return nullptr;
-    st_filename_metadata_t meta;
-    if (parse_name(path, &meta, rc) != 0) return nullptr;
+WARM* warm_slice_open_named(const char* path, const st_filename_metadata_t& fname_meta, warm_rc_t* rc) {
     unique_fd fd = osfile_open_regular(path, O_RDONLY);
     if (!fd.valid()) {
         _set_rc(rc, WARM_RC_OPEN);
         return nullptr;
     }
-    WARM* warm = st_warm_slice_open_rdonly_from_fd(fd.get(), &meta, rc);
+    WARM* warm = st_warm_slice_open_rdonly_from_fd(fd.get(), &fname_meta, rc);
     if (warm != nullptr) static_cast<void>(fd.release());
     return warm;
+}
+
+WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc) {
+    ST_ASSERT(rc);
+    if (check_path(path, rc) != 0) return nullptr;
+    st_filename_metadata_t meta;
+    if (parse_name(path, &meta, rc) != 0) return nullptr;
+    return warm_slice_open_named(path, meta, rc);
 }
 
 WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc) {

@@ -80,6 +80,8 @@ using WARM = st_warm_slice;
 // -10 posting-list offsets past the end, -14 a lexicon that is missing or has another number of terms than the header,
 // -8, -48 or -49 "reading last plo entry", -12 counts that contradict each other, -3 mapping, -2 memory.
 WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc);
+// The same for a name that has been parsed.
+WARM* warm_slice_open_named(const char* path, const st_filename_metadata_t& fname_meta, warm_rc_t* rc);
 // The same over an open descriptor, which the handle owns from success on and the caller keeps on failure. Without
 // `fname_meta` the slice is taken to cover all time.
 WARM* st_warm_slice_open_rdonly_from_fd(int fd, const st_filename_metadata_t* fname_meta, warm_rc_t* rc);
