@@ -248,5 +248,20 @@ TEST(Rooms, PlantedFaultsAreReported) {
     }
 }
 
+// docs/architecture.md tells where each byte is written.
+TEST(Rooms, TheTableOfBytesNamesFilesThatExist) {
+    const std::string text = read_file(std::string(VELDAR_SOURCE_DIR) + "/docs/architecture.md");
+    const size_t begin = text.find("## Where each byte is written"), end = text.find("\n[file-format.md]");
+    ASSERT_LT(begin, end);
+    size_t files = 0;
+    for (size_t at = text.find('`', begin); at < end; at = text.find('`', text.find('`', at + 1) + 1)) {
+        const std::string name = text.substr(at + 1, text.find('`', at + 1) - at - 1);
+        if (!name.ends_with(".h") && !name.ends_with(".cc")) continue;
+        files++;
+        EXPECT_TRUE(fs::exists(std::string(VELDAR_SOURCE_DIR) + "/searchthing/" + name)) << name;
+    }
+    EXPECT_GT(files, 20u);
+}
+
 }  // namespace
 }  // namespace veldar
