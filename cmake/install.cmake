@@ -14,7 +14,7 @@ set(face
     slice/term_choice.h
     search/query.h search/st_metric_event.h
     directory/tsidx.h
-    reading/cursor_source.h reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_snapshot.h
+    reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_snapshot.h
     upkeep/tsidx_delete.h upkeep/tsidx_minify.h upkeep/tsidx_optimize.h)
 foreach(header ${face})
   if(EXISTS ${PROJECT_SOURCE_DIR}/searchthing/${header})

@@ -147,19 +147,17 @@ TEST_F(Directory, OpenSlicesAreKeptUpTo256) {
     const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u) << "one event, in 300 slices";
     EXPECT_EQ(open_slices(dir.path()), 256u);
-    struct visit {
-        const temp_dir& dir;
-        TSIDX* tsidx;
-    } context{dir, tsidx.get()};
-    const auto count_open = [](const tsidx_slice_view_t* slice, void* opaque) {
-        const visit& v = *static_cast<visit*>(opaque);
-        EXPECT_EQ(open_slices(v.dir.path()), 300u);
-        EXPECT_EQ(query_keys(v.tsidx, "[AND a]").size(), 1u) << "a callback may read";
-        return st_warm_slice_values(slice->warm) == 1 && slice->meta->latest == 5 ? 1 : -1;
-    };
-    EXPECT_EQ(st_tsidx_apply_slices(tsidx.get(), 6, 9, count_open, &context), 0);
-    ASSERT_LT(::getdtablesize(), 1 << 30);
-    EXPECT_EQ(st_tsidx_apply_slices(tsidx.get(), 0, 9, count_open, &context), 300);
+    {
+        tsidx_snapshot snapshot({{.tsidx = tsidx.get(), .path = {}}}, nullptr);
+        warm_rc_t rc;
+        ASSERT_EQ(snapshot.begin(&rc), 0);
+        EXPECT_EQ(snapshot.open_all(6, 9, &rc), 0);
+        EXPECT_EQ(snapshot.warm(0), nullptr);
+        EXPECT_EQ(snapshot.open_all(0, 9, &rc), 0);
+        EXPECT_EQ(open_slices(dir.path()), 300u);
+        EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u) << "the handle may be read meanwhile";
+        EXPECT_EQ(st_warm_slice_values(snapshot.warm(299)), 1u);
+    }
     EXPECT_EQ(open_slices(dir.path()), 256u);
     for (int i = 0; i < 299; i++) fs::remove(dir.file("5-5-" + std::to_string(i) + ".tsidx"));
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u);

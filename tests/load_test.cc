@@ -296,12 +296,12 @@ TEST_F(Load, EveryFailingCallIsTold) {
     load_all({file("a.log"), "--bucket-bytes", "600"});
     write_file(file("up.om"), "up 1 5\n");
     EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "metrics", "load", file("up.om")}).status, 0);
-    const size_t slices = slices_list_all(store()).files.size();
+    const size_t slices = slices_list_all(store()).slices->size();
     for (uint64_t n = 1, calls = 1; n <= calls; n++) {
         const fault_step step(fault_action::fail, n, EIO);
         try {
             const slice_set found = slices_list_all(store());
-            EXPECT_TRUE(found.files.size() == slices || !found.errors.empty()) << n;
+            EXPECT_TRUE(found.slices->size() == slices || !found.errors->empty()) << n;
         } catch (const tool_failure& failure) {
             EXPECT_EQ(failure.status, EXIT_IO) << n << failure.message;
         }

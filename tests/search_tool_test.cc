@@ -111,7 +111,7 @@ struct SearchTool : testing::Test {
             ASSERT_EQ(loaded.status, 0) << loaded.err;
         }
         ASSERT_GT(slices_list(dir->file("store")).directories.size(), 1u);
-        ASSERT_GT(slices_list(dir->file("store")).files.size(), 6u);
+        ASSERT_GT(slices_list(dir->file("store")).slices->size(), 6u);
     }
     static void TearDownTestSuite() {
         delete dir;
@@ -447,8 +447,8 @@ struct store_copy {
 
 TEST_F(SearchTool, AnUnreadableSliceIsNamedAndTheRestPrinted) {
     const store_copy copy(*dir);
-    const std::vector<slice_file> files = slices_list(copy.path()).files;
-    const std::string victim = files[files.size() / 2].path;
+    const slice_set set = slices_list(copy.path());
+    const std::string victim = set.slices->path(set.slices->size() / 2);
     const size_t lost = std::stoul(run_at(victim, {"count", "*"}).out);
     ASSERT_GT(lost, 0u);
     const std::string bytes = read_file(victim);
@@ -513,8 +513,8 @@ TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
     write_file(other.file("events"), "1709251200\t7\t1\t2\t3\t0\talpha beta\n1709251260\t9\t1\t2\t3\t0\talpha\n");
     ASSERT_EQ(run_tool("veldar/veldar", {"put", index, other.file("events"), "--no-fsync"}).status, 0);
     const slice_set set = slices_list(index);
-    ASSERT_EQ(set.files.size(), 1u);
-    for (const std::string& path : {index, index + "/", set.files[0].path}) {
+    ASSERT_EQ(set.slices->size(), 1u);
+    for (const std::string& path : {index, index + "/", set.slices->path(0)}) {
         const tool_result found = run_at(path, {"search", "alpha"});
         EXPECT_EQ(found.out, "2024-03-01T00:01:00Z\t9\tindex\n2024-03-01T00:00:00Z\t7\tindex\n");
         EXPECT_EQ(found.status, 0);
@@ -525,7 +525,8 @@ TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
             << "only whole seconds are known";
     }
     // One slice of a store knows its logs.
-    const std::string oldest = slices_list(dir->file("store")).files.back().path;
+    const slice_set store = slices_list(dir->file("store"));
+    const std::string oldest = store.slices->path(store.slices->size() - 1);
     const size_t held = std::stoul(run_at(oldest, {"count", "*"}).out);
     EXPECT_EQ(run_at(oldest, {"search", "*", "-n1"}).out, (*events)[held - 1].text + "\n");
 }

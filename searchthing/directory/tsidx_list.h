@@ -21,10 +21,6 @@ namespace veldar {
 
 struct ospath_buf;
 
-struct tsidx_slice_name_t {
-    std::string name;             // without the directory
-    st_filename_metadata_t meta;  // kind 1 or 3
-};
 using tsidx_listing_t = std::vector<tsidx_slice_name_t>;
 
 // What stands behind the name of a live slice to hide it.

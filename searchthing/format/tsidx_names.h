@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "searchthing/base/st_timeval.h"
 
@@ -21,6 +22,12 @@ struct st_filename_metadata_t {
     st_time_t latest = 0;
     uint64_t id = 0;
     uint64_t kind = 0;  // 1 regular, 2 minified, 3 part, 0 unknown
+};
+
+// A slice by its name.
+struct tsidx_slice_name_t {
+    std::string name;             // without the directory
+    st_filename_metadata_t meta;  // of a live slice: kind 1 or 3
 };
 
 // The parsers take a sign before a time, digits that fit their field, and the suffix: no blanks, nothing else in

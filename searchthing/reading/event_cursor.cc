@@ -13,29 +13,11 @@ namespace veldar {
 namespace {
 
 constexpr uint32_t BATCH = 1024;  // values of a slice held at most
-constexpr int MAX_LISTS = 16;     // without an event between them
-
-// A slice in use, given back to its snapshot or closed at the end.
-struct open_slice {
-    tsidx_snapshot* snapshot = nullptr;  // null for a file
-    size_t number = 0;                   // in the snapshot
-    WARM* warm = nullptr;
-
-    open_slice() = default;
-    open_slice(const open_slice&) = delete;
-    open_slice& operator=(const open_slice&) = delete;
-    ~open_slice() {
-        if (snapshot != nullptr) {
-            snapshot->close(number);
-        } else if (warm != nullptr) {
-            st_warm_slice_close(warm);
-        }
-    }
-};
 
 // The events that one query finds in one slice. The slice goes with the last batch.
 struct slice_reader {
-    std::shared_ptr<open_slice> slice;
+    std::shared_ptr<WARM> slice;
+    size_t number = 0;  // of the slice in the snapshot
     event_walk_ptr walk;
     uint32_t source = 0, query = 0;
     uint64_t rank = 0;
@@ -53,8 +35,7 @@ struct cursor_entry {
     uint32_t place, address;  // the source, and the event's address; all-ones for a slice
     uint64_t rank;            // newest slice first, in a slice the first query
     slice_reader* reader;
-    uint32_t source;
-    size_t number;  // of the slice in the source's snapshot
+    size_t number;  // of the slice in the snapshot
 };
 
 bool comes_after(const cursor_entry& a, const cursor_entry& b) {
@@ -66,7 +47,7 @@ bool comes_after(const cursor_entry& a, const cursor_entry& b) {
 
 cursor_entry entry_of(slice_reader* reader) {
     const st_tsval& value = reader->head();
-    return {value.time, value.subsecond, reader->source, value.address, reader->rank, reader, reader->source, 0};
+    return {value.time, value.subsecond, reader->source, value.address, reader->rank, reader, 0};
 }
 
 bool is_before(const st_timeval_t& a, const st_timeval_t& b) {
@@ -76,11 +57,14 @@ bool is_before(const st_timeval_t& a, const st_timeval_t& b) {
 }  // namespace
 
 struct event_cursor_t {
+    explicit event_cursor_t(const event_cursor_options_t& wanted)
+        : options(wanted), snapshot(wanted.sources, wanted.on_failure) {}
+
     event_cursor_options_t options;
     std::vector<parsed_query_t> queries;
-    st_time_t earliest = INT_MAX, latest = INT_MIN;          // of all queries
-    std::vector<std::unique_ptr<tsidx_snapshot>> snapshots;  // by source; null for files and what cannot be listed
-    std::vector<std::unique_ptr<slice_reader>> readers;      // go before the snapshots of their slices
+    st_time_t earliest = INT_MAX, latest = INT_MIN;  // of all queries
+    tsidx_snapshot snapshot;
+    std::vector<std::unique_ptr<slice_reader>> readers;  // go before the snapshot of their slices
     std::vector<cursor_entry> heap;
     event_position_t position;
     event_position_t resumed;   // where the list in use began
@@ -102,55 +86,16 @@ cursor_entry pop(event_cursor_t* cursor) {
     return entry;
 }
 
-// A failure fails the cursor unless somebody hears of it.
-int fail(event_cursor_t* cursor, const std::string& path, const warm_rc_t& failure, warm_rc_t* rc) {
-    if (!cursor->options.on_failure || failure.warm_rc == WARM_RC_NO_MEMORY) return _cpy_rc(rc, &failure);
-    cursor->options.on_failure(path, failure);
-    return 0;
-}
-
-int fail_slice(event_cursor_t* cursor, uint32_t source, size_t number, const warm_rc_t& failure, warm_rc_t* rc) {
-    TSIDX* const tsidx = cursor->options.sources[source].tsidx;
-    if (tsidx == nullptr) return fail(cursor, cursor->options.sources[source].path, failure, rc);
-    const tsidx_snapshot& snapshot = *cursor->snapshots[source];
-    if (cursor->options.on_failure) return fail(cursor, snapshot.path(number), failure, rc);
-    snapshot.fail(number, failure);
-    return _cpy_rc(rc, &tsidx->last_failure);
-}
-
-void push_slice(event_cursor_t* cursor, uint32_t source, size_t number, st_time_t earliest, st_time_t latest) {
-    const event_position_t& resumed = cursor->resumed;
-    if (latest < cursor->earliest || earliest > cursor->latest) return;
-    if (resumed.is_set && earliest > resumed.time.time_s) return;
-    push(cursor, {latest, UINT64_MAX, UINT32_MAX, UINT32_MAX, number, nullptr, source, number});
-}
-
-// Lists the slices in which there may be events behind the position.
-int list(event_cursor_t* cursor, warm_rc_t* rc) {
-    cursor->heap.clear();
-    cursor->readers.clear();
-    cursor->snapshots.clear();
-    cursor->resumed = cursor->position;
+// The slices in which there may be events behind the position.
+void start_list(event_cursor_t* cursor) {
+    const event_position_t& resumed = cursor->resumed = cursor->position;
     cursor->metrics_left = cursor->position.metrics;
-    for (uint32_t source = 0; source < cursor->options.sources.size(); source++) {
-        TSIDX* const tsidx = cursor->options.sources[source].tsidx;
-        cursor->snapshots.push_back(nullptr);
-        if (tsidx == nullptr) {
-            push_slice(cursor, source, 0, TSIDX_FIRST_TIME, TSIDX_LAST_TIME);
-            continue;
-        }
-        auto snapshot = std::make_unique<tsidx_snapshot>(tsidx);
-        if (snapshot->take() != 0) {
-            ST_TRY(fail(cursor, tsidx->path, tsidx->last_failure, rc));
-            continue;
-        }
-        for (size_t i = 0; i < snapshot->size(); i++) {
-            const st_filename_metadata_t& meta = snapshot->slice(i).meta;
-            push_slice(cursor, source, i, meta.earliest, meta.latest);
-        }
-        cursor->snapshots[source] = std::move(snapshot);
+    for (size_t i = 0; i < cursor->snapshot.size(); i++) {
+        const st_filename_metadata_t& meta = cursor->snapshot.slice(i).meta;
+        if (!cursor->snapshot.overlaps(i, cursor->earliest, cursor->latest)) continue;
+        if (resumed.is_set && meta.earliest > resumed.time.time_s) continue;
+        push(cursor, {meta.latest, UINT64_MAX, UINT32_MAX, UINT32_MAX, i, nullptr, i});
     }
-    return 0;
 }
 
 // Reads the next events of a slice, which is given back behind the last of them.
@@ -160,7 +105,7 @@ int load(event_cursor_t* cursor, slice_reader* reader, warm_rc_t* rc) {
     warm_rc_t failure;
     const auto size = static_cast<uint32_t>(reader->batch.size());
     const int found = event_walk_next(reader->walk.get(), reader->batch.data(), size, &failure);
-    if (found < 0) ST_TRY(fail_slice(cursor, reader->source, reader->slice->number, failure, rc));
+    if (found < 0) ST_TRY(cursor->snapshot.fail(reader->number, failure, rc));
     reader->count = static_cast<uint32_t>(std::max(found, 0));
     if (reader->count == size) return 0;
     reader->walk.reset();
@@ -174,21 +119,22 @@ uint32_t batch_size(const event_cursor_t* cursor, const WARM* warm) {
     return static_cast<uint32_t>(std::min<uint64_t>(wanted, uint64_t{st_warm_slice_values(warm)} + 1));
 }
 
-int add_reader(event_cursor_t* cursor, uint32_t source, uint32_t query, const std::shared_ptr<open_slice>& slice,
+int add_reader(event_cursor_t* cursor, size_t number, uint32_t query, const std::shared_ptr<WARM>& slice,
                warm_rc_t* rc) {
     auto reader = std::make_unique<slice_reader>();
     const parsed_query_t& parsed = cursor->queries[query];
     const event_position_t& resumed = cursor->resumed;
     const bool narrows = resumed.is_set && is_before(resumed.time, parsed.spec.latest);
     reader->walk =
-        event_walk_open(slice->warm, parsed, narrows ? resumed.time : parsed.spec.latest,
+        event_walk_open(slice.get(), parsed, narrows ? resumed.time : parsed.spec.latest,
                         cursor->options.limit == 0 ? UINT64_MAX : cursor->options.limit, cursor->options.is_exact);
-    if (reader->walk == nullptr || !reader->batch.alloc(batch_size(cursor, slice->warm))) throw std::bad_alloc();
+    if (reader->walk == nullptr || !reader->batch.alloc(batch_size(cursor, slice.get()))) throw std::bad_alloc();
     reader->slice = slice;
-    reader->source = source;
+    reader->number = number;
+    reader->source = cursor->snapshot.source(number);
     reader->query = query;
-    reader->rank = slice->number * cursor->queries.size() + query;
-    reader->is_metric = st_warm_slice_is_msidx(slice->warm->body);
+    reader->rank = number * cursor->queries.size() + query;
+    reader->is_metric = st_warm_slice_is_msidx(slice->body);
     ST_TRY(load(cursor, reader.get(), rc));
     if (reader->count == 0) return 0;
     cursor->readers.push_back(std::move(reader));
@@ -196,36 +142,34 @@ int add_reader(event_cursor_t* cursor, uint32_t source, uint32_t query, const st
     return 0;
 }
 
-int list_again(event_cursor_t* cursor, const cursor_entry& entry, warm_rc_t* rc) {
-    if (cursor->lists == MAX_LISTS) {
+// A slice has gone.
+int list_again(event_cursor_t* cursor, size_t number, warm_rc_t* rc) {
+    if (cursor->lists == TSIDX_MAX_SNAPSHOTS) {
         warm_rc_t failure;
         _set_rc_msg(&failure, WARM_RC_RETRIES, "slices go faster than they can be opened");
-        return fail_slice(cursor, entry.source, entry.number, failure, rc);
+        return cursor->snapshot.fail(number, failure, rc);
     }
+    cursor->heap.clear();
+    cursor->readers.clear();
     tsidx_pause(cursor->lists++);
-    return list(cursor, rc);
+    ST_TRY(cursor->snapshot.take(rc));
+    start_list(cursor);
+    return 0;
 }
 
-int open_listed(event_cursor_t* cursor, const cursor_entry& entry, warm_rc_t* rc) {
-    const auto slice = std::make_shared<open_slice>();
-    const cursor_source_t& source = cursor->options.sources[entry.source];
+int open_listed(event_cursor_t* cursor, size_t number, warm_rc_t* rc) {
+    tsidx_snapshot* const snapshot = &cursor->snapshot;
     warm_rc_t failure;
-    if (source.tsidx == nullptr) {
-        slice->warm = st_warm_slice_open_rdonly(source.path.c_str(), &failure);
-    } else {
-        tsidx_snapshot* const snapshot = cursor->snapshots[entry.source].get();
-        if (snapshot->try_open(entry.number, &failure) == TSIDX_VANISHED) return list_again(cursor, entry, rc);
-        slice->warm = snapshot->warm(entry.number);
-        slice->snapshot = snapshot;
-    }
-    slice->number = entry.number;
-    if (slice->warm != nullptr && cursor->options.term != nullptr && !st_warm_slice_has_fclex(slice->warm)) {
+    const int64_t status = snapshot->open(number, &failure);
+    if (status == TSIDX_VANISHED) return list_again(cursor, number, rc);
+    if (status != 0) return snapshot->fail(number, failure, rc);
+    const std::shared_ptr<WARM> slice(snapshot_slice_ptr(snapshot->warm(number), {snapshot, number}));
+    if (cursor->options.term != nullptr && !st_warm_slice_has_fclex(slice.get())) {
         _set_rc_msg(&failure, WARM_RC_MINIFIED, "minified slice");
-        return fail_slice(cursor, entry.source, entry.number, failure, rc);
+        return snapshot->fail(number, failure, rc);
     }
-    if (slice->warm == nullptr) return fail_slice(cursor, entry.source, entry.number, failure, rc);
     for (uint32_t query = 0; query < cursor->queries.size(); query++) {
-        ST_TRY(add_reader(cursor, entry.source, query, slice, rc));
+        ST_TRY(add_reader(cursor, number, query, slice, rc));
     }
     return 0;
 }
@@ -288,7 +232,7 @@ int drain(event_cursor_t* cursor, slice_reader* reader, std::span<event_t> event
 int fill(event_cursor_t* cursor, std::span<event_t> events, size_t* count, warm_rc_t* rc) {
     while (*count < events.size() && !cursor->heap.empty()) {
         const cursor_entry entry = pop(cursor);
-        ST_TRY(entry.reader == nullptr ? open_listed(cursor, entry, rc)
+        ST_TRY(entry.reader == nullptr ? open_listed(cursor, entry.number, rc)
                                        : drain(cursor, entry.reader, events, count, rc));
     }
     return 0;
@@ -306,13 +250,10 @@ int open(event_cursor_t* cursor, warm_rc_t* rc) {
         cursor->latest = std::max(cursor->latest, parsed.spec.latest.time_s);
         cursor->queries.push_back(std::move(parsed));
     }
-    for (const cursor_source_t& source : cursor->options.sources) {
-        if (source.tsidx == nullptr || tsidx_begin_read(source.tsidx) == 0) continue;
-        _cpy_rc(rc, &source.tsidx->last_failure);
-        return rc->warm_rc = TSIDX_SYNC_FAILED;
-    }
+    ST_TRY(cursor->snapshot.begin(rc));
     cursor->position = cursor->options.after;
-    return list(cursor, rc);
+    start_list(cursor);
+    return 0;
 }
 
 }  // namespace
@@ -323,8 +264,7 @@ void event_cursor_closer::operator()(event_cursor_t* cursor) const {
 
 event_cursor_ptr event_cursor_open(const event_cursor_options_t& options, warm_rc_t* rc) {
     try {
-        event_cursor_ptr cursor(new event_cursor_t);
-        cursor->options = options;
+        event_cursor_ptr cursor(new event_cursor_t(options));
         if (open(cursor.get(), rc) == 0) return cursor;
     } catch (const std::bad_alloc&) {
         _set_rc(rc, WARM_RC_NO_MEMORY);

@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/reading/cursor_source.h"
+#include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/search/query.h"
 #include "searchthing/values/st_tsval.h"
 

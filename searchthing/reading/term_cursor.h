@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "searchthing/reading/cursor_source.h"
+#include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/slice/term_choice.h"
 
 namespace veldar {

@@ -52,25 +52,15 @@ int describe(const tsidx_snapshot& snapshot, size_t i, tsidx_info_t* info, warm_
     return rc->warm_rc;
 }
 
-// Describes every slice of a snapshot to `visit(i, info)`. 0, TSIDX_VANISHED or a failure, recorded.
-template <typename Visit>
-int64_t describe_all(tsidx_snapshot& snapshot, Visit visit) {
-    return tsidx_each_slice(snapshot, TSIDX_FIRST_TIME, TSIDX_LAST_TIME, [&](size_t i) -> int64_t {
-        tsidx_info_t info;
-        warm_rc_t rc;
-        if (describe(snapshot, i, &info, &rc) != 0) return snapshot.fail(i, rc);
-        visit(i, info);
-        return 0;
-    });
-}
-
 }  // namespace
 
 int st_tsidx_meta(TSIDX* tsidx, tsidx_meta_t* meta) {
     ST_ASSERT(meta != nullptr);
     return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         *meta = {};
-        return describe_all(snapshot, [meta](size_t, const tsidx_info_t& info) {
+        const auto add_slice = [&](size_t i, warm_rc_t* why) {
+            tsidx_info_t info;
+            ST_TRY(describe(snapshot, i, &info, why));
             meta->earliest = meta->slices == 0 ? info.earliest : std::min(meta->earliest, info.earliest);
             meta->latest = meta->slices == 0 ? info.latest : std::max(meta->latest, info.latest);
             meta->slices++;
@@ -79,7 +69,9 @@ int st_tsidx_meta(TSIDX* tsidx, tsidx_meta_t* meta) {
             meta->terms += info.terms;
             meta->postings += info.postings;
             meta->bytes += info.bytes;
-        });
+            return 0;
+        };
+        return snapshot.each(TSIDX_FIRST_TIME, TSIDX_LAST_TIME, add_slice, &tsidx->last_failure);
     }));
 }
 
@@ -87,9 +79,10 @@ int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capaci
     ST_ASSERT(infos != nullptr || capacity == 0);
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         for (size_t i = 0; i < std::min(capacity, snapshot.size()); i++) {
-            if (const int64_t opened = snapshot.open(i); opened != 0) return opened;
-            warm_rc_t rc;
-            if (describe(snapshot, i, &infos[i], &rc) != 0) return snapshot.fail(i, rc);
+            warm_rc_t why;
+            int64_t status = snapshot.open(i, &why);
+            if (status == 0) status = describe(snapshot, i, &infos[i], &why);
+            if (status != 0) return status == TSIDX_VANISHED ? status : snapshot.fail(i, why, &tsidx->last_failure);
             snapshot.close(i);
         }
         return static_cast<int64_t>(snapshot.size());

@@ -23,13 +23,13 @@ int st_tsidx_measure_size(TSIDX* tsidx, uint64_t* bytes) {
     *bytes = 0;
     return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         *bytes = 0;
-        return tsidx_each_slice(snapshot, TSIDX_FIRST_TIME, TSIDX_LAST_TIME, [&](size_t i) -> int64_t {
+        const auto add_slice = [&](size_t i, warm_rc_t* why) {
             uint64_t of_slice = 0;
-            warm_rc_t rc;
-            if (warm_slice_measure_size(snapshot.warm(i), &of_slice, &rc) != 0) return snapshot.fail(i, rc);
+            ST_TRY(warm_slice_measure_size(snapshot.warm(i), &of_slice, why));
             *bytes += of_slice;
             return 0;
-        });
+        };
+        return snapshot.each(TSIDX_FIRST_TIME, TSIDX_LAST_TIME, add_slice, &tsidx->last_failure);
     }));
 }
 

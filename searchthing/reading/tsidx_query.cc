@@ -126,7 +126,7 @@ int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_t
 }
 
 int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count) {
-    ST_ASSERT(count != nullptr);
+    ST_ASSERT(tsidx != nullptr && count != nullptr);
     *count = 0;
     if (query == nullptr) {
         tsidx_meta_t meta;
@@ -134,24 +134,34 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
         *count = meta.events - meta.deleted;
         return 0;
     }
+    try {
+        tsidx_snapshot snapshot({{.tsidx = tsidx, .path = {}}}, nullptr);
+        return snapshot_event_count(&snapshot, *query, count, &tsidx->last_failure);
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count, warm_rc_t* rc) {
+    *count = 0;
     parsed_query_t parsed;
-    ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
+    ST_TRY(parse_query(query_with_bounds(query), &parsed, rc));
     const st_query_spec& bounded = parsed.spec;
     if (tsidx_is_empty_range(bounded)) return 0;
-    return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        uint64_t total = 0;
-        const int64_t status =
-            tsidx_each_slice(snapshot, bounded.earliest.time_s, bounded.latest.time_s, [&](size_t i) -> int64_t {
-                uint64_t matches = 0;
-                warm_rc_t rc;
-                if (warm_slice_count(snapshot.warm(i), parsed, &matches, nullptr, &rc) != 0)
-                    return snapshot.fail(i, rc);
-                total += matches;
-                return 0;
-            });
-        if (status == 0) *count = total;
-        return status;
-    }));
+    uint64_t total = 0;
+    const auto add_slice = [&](size_t i, warm_rc_t* why) {
+        uint64_t matches = 0;
+        ST_TRY(warm_slice_count(snapshot->warm(i), parsed, &matches, nullptr, why));
+        total += matches;
+        return 0;
+    };
+    const auto add_all = [&]() -> int64_t {
+        total = 0;
+        return snapshot->each(bounded.earliest.time_s, bounded.latest.time_s, add_slice, rc);
+    };
+    ST_TRY(static_cast<int>(snapshot->hold(add_all, rc)));
+    *count = total;
+    return 0;
 }
 
 int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context) {

@@ -26,7 +26,8 @@ int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(
     const st_query_spec& bounded = parsed.spec;
     if (tsidx_is_empty_range(bounded)) return 0;
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        const int64_t opened = tsidx_open_all(snapshot, bounded.earliest.time_s, bounded.latest.time_s);
+        warm_rc_t* const rc = &tsidx->last_failure;
+        const int64_t opened = snapshot.open_all(bounded.earliest.time_s, bounded.latest.time_s, rc);
         if (opened != 0) return opened;
         int64_t total = 0;
         bool stopped = false;
@@ -38,8 +39,8 @@ int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(
         };
         for (size_t i = 0; i < snapshot.size() && !stopped; i++) {
             if (snapshot.warm(i) == nullptr) continue;
-            warm_rc_t rc;
-            if (walk(snapshot.warm(i), parsed, call, &rc) != 0) return snapshot.fail(i, rc);
+            warm_rc_t why;
+            if (walk(snapshot.warm(i), parsed, call, &why) != 0) return snapshot.fail(i, why, rc);
             snapshot.close(i);
         }
         return stopped ? -1 : total;

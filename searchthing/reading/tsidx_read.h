@@ -17,6 +17,7 @@
 
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/lexicon/st_enum_answer.h"
+#include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/search/query.h"
 
 namespace veldar {
@@ -40,6 +41,8 @@ int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_t
 // The number of events that match exactly; all events for a null query. Slices are counted one by one: an event that
 // lies in two counts twice. 0 or a status as st_tsidx_query's; the query's cumspan is not applied.
 int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count);
+// The same over all that a snapshot reads, which is held for it. 0 or a status, in `rc`.
+int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count, warm_rc_t* rc);
 
 // Receives one event; valid for this call only.
 using tsidx_event_fn = int (*)(const st_tsval* event, void* context);

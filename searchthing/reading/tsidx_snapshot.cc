@@ -4,52 +4,161 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
+#include <utility>
 
 #include "libzero/assertions.h"
 #include "searchthing/base/log.h"
+#include "searchthing/directory/tsidx_list.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
 
 namespace veldar {
 
-int tsidx_snapshot::take() {
-    ST_TRY(tsidx_list(tsidx_->path.c_str(), &slices_, &tsidx_->last_failure));
-    warms_.assign(slices_.size(), nullptr);
-    tsidx_->cache.keep_only(slices_);
+tsidx_snapshot::tsidx_snapshot(std::vector<cursor_source_t> sources, cursor_failure_fn on_failure)
+    : sources_(std::move(sources)), on_failure_(std::move(on_failure)) {}
+
+int tsidx_snapshot::begin(warm_rc_t* rc) {
+    for (const cursor_source_t& source : sources_) {
+        if (source.tsidx == nullptr || tsidx_begin_read(source.tsidx) == 0) continue;
+        _cpy_rc(rc, &source.tsidx->last_failure);
+        return rc->warm_rc = TSIDX_SYNC_FAILED;
+    }
+    return take(rc);
+}
+
+// The name of a file need not tell its times.
+void tsidx_snapshot::add_file(uint32_t source) {
+    entry file = {{sources_[source].path, {}}, source, nullptr};
+    const std::string& path = file.name.name;
+    st_filename_metadata_t* const meta = &file.name.meta;
+    if (!tsidx_is_slice_name(path.c_str() + path.rfind('/') + 1, meta) &&
+        st_tsidx_file_parse(path.c_str(), meta) == 0) {
+        meta->earliest = TSIDX_FIRST_TIME;
+        meta->latest = TSIDX_LAST_TIME;
+    }
+    slices_.push_back(std::move(file));
+}
+
+int tsidx_snapshot::add_directory(uint32_t source, warm_rc_t* rc) {
+    TSIDX* const tsidx = sources_[source].tsidx;
+    tsidx_listing_t listing;
+    if (tsidx_list(tsidx->path.c_str(), &listing, &tsidx->last_failure) != 0) {
+        if (!on_failure_) return _cpy_rc(rc, &tsidx->last_failure);
+        on_failure_(tsidx->path, tsidx->last_failure);
+        return 0;
+    }
+    tsidx->cache.keep_only(listing);
+    for (tsidx_slice_name_t& name : listing) slices_.push_back({std::move(name), source, nullptr});
     return 0;
 }
 
-int64_t tsidx_snapshot::try_open(size_t i, warm_rc_t* rc) {
-    ST_ASSERT(warms_[i] == nullptr);
-    warms_[i] = tsidx_->cache.open(tsidx_->path, slices_[i], rc);
-    if (warms_[i] != nullptr) return 0;
-    return rc->warm_rc == WARM_RC_OPEN && rc->saved_errno == ENOENT ? TSIDX_VANISHED : rc->warm_rc;
+int tsidx_snapshot::take(warm_rc_t* rc) {
+    close_all();
+    slices_.clear();
+    for (uint32_t source = 0; source < sources_.size(); source++) {
+        if (sources_[source].tsidx == nullptr) {
+            add_file(source);
+        } else {
+            ST_TRY(add_directory(source, rc));
+        }
+    }
+    // The slices of a directory keep their order.
+    if (sources_.size() == 1) return 0;
+    std::stable_sort(slices_.begin(), slices_.end(), [](const entry& a, const entry& b) {
+        const st_time_t latest_a = a.name.meta.latest, latest_b = b.name.meta.latest;
+        return latest_a != latest_b ? latest_a > latest_b : a.source > b.source;
+    });
+    return 0;
 }
 
-int64_t tsidx_snapshot::open(size_t i) {
-    warm_rc_t rc;
-    const int64_t status = try_open(i, &rc);
-    return status == 0 || status == TSIDX_VANISHED ? status : fail(i, rc);
+std::string tsidx_snapshot::path(size_t i) const {
+    const TSIDX* const tsidx = sources_[source(i)].tsidx;
+    return tsidx == nullptr ? slice(i).name : tsidx->path + "/" + slice(i).name;
+}
+
+int64_t tsidx_snapshot::open(size_t i, warm_rc_t* rc) {
+    ST_ASSERT(warm(i) == nullptr);
+    TSIDX* const tsidx = sources_[source(i)].tsidx;
+    WARM* const warm = tsidx == nullptr ? st_warm_slice_open_rdonly(slice(i).name.c_str(), rc)
+                                        : tsidx->cache.open(tsidx->path, slice(i), rc);
+    slices_[i].warm = warm;
+    if (warm != nullptr) return 0;
+    const bool vanished = tsidx != nullptr && rc->warm_rc == WARM_RC_OPEN && rc->saved_errno == ENOENT;
+    return vanished ? TSIDX_VANISHED : rc->warm_rc;
 }
 
 void tsidx_snapshot::close(size_t i) {
-    if (warms_[i] == nullptr) return;
-    warms_[i] = nullptr;
-    tsidx_->cache.release(slices_[i].name);
+    WARM* const warm = std::exchange(slices_[i].warm, nullptr);
+    if (warm == nullptr) return;
+    TSIDX* const tsidx = sources_[source(i)].tsidx;
+    if (tsidx == nullptr) {
+        st_warm_slice_close(warm);
+    } else {
+        tsidx->cache.release(slice(i).name);
+    }
 }
 
 void tsidx_snapshot::close_all() {
-    for (size_t i = 0; i < warms_.size(); i++) close(i);
+    for (size_t i = 0; i < size(); i++) close(i);
 }
 
-int tsidx_snapshot::fail(size_t i, const warm_rc_t& rc) const {
+int tsidx_snapshot::fail(size_t i, const warm_rc_t& why, warm_rc_t* rc) const {
     const std::string where = path(i);
-    _log(0, "ERROR slice cannot be read. rc=%i, errno=%i, path=%s: %s\n", rc.warm_rc, rc.saved_errno, where.c_str(),
-         rc.message);
-    const std::string message = rc.message[0] == '\0' ? where : where + ": " + rc.message;
-    _set_rc_verbose(&tsidx_->last_failure, rc.warm_rc, rc.detail, message.c_str());
-    tsidx_->last_failure.saved_errno = rc.saved_errno;
-    return rc.warm_rc;
+    if (on_failure_ && why.warm_rc != WARM_RC_NO_MEMORY) {
+        on_failure_(where, why);
+        return 0;
+    }
+    TSIDX* const tsidx = sources_[source(i)].tsidx;
+    if (tsidx == nullptr) return _cpy_rc(rc, &why);
+    _log(0, "ERROR slice cannot be read. rc=%i, errno=%i, path=%s: %s\n", why.warm_rc, why.saved_errno, where.c_str(),
+         why.message);
+    const std::string message = why.message[0] == '\0' ? where : where + ": " + why.message;
+    _set_rc_verbose(&tsidx->last_failure, why.warm_rc, why.detail, message.c_str());
+    tsidx->last_failure.saved_errno = why.saved_errno;
+    return _cpy_rc(rc, &tsidx->last_failure);
+}
+
+int64_t tsidx_snapshot::hold(const std::function<int64_t()>& work, warm_rc_t* rc) {
+    try {
+        ST_TRY(begin(rc));
+        for (int tries = 0; tries < TSIDX_MAX_SNAPSHOTS; tries++) {
+            const int64_t result = work();
+            if (result != TSIDX_VANISHED) return result;
+            close_all();
+            tsidx_pause(tries);
+            ST_TRY(take(rc));
+        }
+    } catch (const std::bad_alloc&) {
+        return _set_rc(rc, WARM_RC_NO_MEMORY);
+    }
+    _set_rc_msg(rc, WARM_RC_RETRIES, "slices go faster than they can be opened");
+    for (const cursor_source_t& source : sources_) {
+        if (source.tsidx != nullptr) _cpy_rc(&source.tsidx->last_failure, rc);
+    }
+    return rc->warm_rc;
+}
+
+int64_t tsidx_snapshot::each(st_time_t earliest, st_time_t latest, const std::function<int(size_t, warm_rc_t*)>& step,
+                             warm_rc_t* rc) {
+    for (size_t i = 0; i < size(); i++) {
+        if (!overlaps(i, earliest, latest)) continue;
+        warm_rc_t why;
+        int64_t status = open(i, &why);
+        if (status == TSIDX_VANISHED) return status;
+        if (status == 0) status = step(i, &why);
+        close(i);
+        if (status != 0) ST_TRY(fail(i, why, rc));
+    }
+    return 0;
+}
+
+int64_t tsidx_snapshot::open_all(st_time_t earliest, st_time_t latest, warm_rc_t* rc) {
+    for (size_t i = 0; i < size(); i++) {
+        warm_rc_t why;
+        const int64_t status = overlaps(i, earliest, latest) ? open(i, &why) : 0;
+        if (status == TSIDX_VANISHED) return status;
+        if (status != 0) ST_TRY(fail(i, why, rc));
+    }
+    return 0;
 }
 
 int tsidx_begin_read(TSIDX* tsidx) {
@@ -65,76 +174,6 @@ void tsidx_pause(int tries) {
 
 int tsidx_fail_no_memory(TSIDX* tsidx) {
     return _set_rc(&tsidx->last_failure, WARM_RC_NO_MEMORY);
-}
-
-int tsidx_fail_vanishing(TSIDX* tsidx) {
-    return _set_rc_msg(&tsidx->last_failure, WARM_RC_RETRIES, "slices go faster than they can be opened");
-}
-
-int64_t tsidx_open_all(tsidx_snapshot& snapshot, st_time_t earliest, st_time_t latest) {
-    for (size_t i = 0; i < snapshot.size(); i++) {
-        if (!snapshot.overlaps(i, earliest, latest)) continue;
-        if (const int64_t opened = snapshot.open(i); opened != 0) return opened;
-    }
-    return 0;
-}
-
-int64_t st_tsidx_apply_slices(TSIDX* tsidx, st_time_t earliest, st_time_t latest, tsidx_slice_fn fn, void* context) {
-    return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        if (const int64_t opened = tsidx_open_all(snapshot, earliest, latest); opened != 0) return opened;
-        int64_t total = 0;
-        for (size_t i = 0; i < snapshot.size(); i++) {
-            if (snapshot.warm(i) == nullptr) continue;
-            const std::string path = snapshot.path(i);
-            const tsidx_slice_view_t view = {path.c_str(), &snapshot.slice(i).meta, snapshot.warm(i)};
-            const int result = fn(&view, context);
-            if (result == -1) return -1;
-            total += result;
-        }
-        return total;
-    });
-}
-
-tsidx_snapshot* st_tsidx_snapshot_take(TSIDX* tsidx) {
-    try {
-        if (tsidx_begin_read(tsidx) != 0) return nullptr;
-        auto snapshot = std::make_unique<tsidx_snapshot>(tsidx);
-        return snapshot->take() == 0 ? snapshot.release() : nullptr;
-    } catch (const std::bad_alloc&) {
-        tsidx_fail_no_memory(tsidx);
-        return nullptr;
-    }
-}
-
-void st_tsidx_snapshot_free(tsidx_snapshot* snapshot) {
-    delete snapshot;
-}
-
-size_t st_tsidx_snapshot_size(const tsidx_snapshot* snapshot) {
-    return snapshot->size();
-}
-
-const char* st_tsidx_snapshot_name(const tsidx_snapshot* snapshot, size_t i) {
-    return snapshot->slice(i).name.c_str();
-}
-
-const st_filename_metadata_t* st_tsidx_snapshot_meta(const tsidx_snapshot* snapshot, size_t i) {
-    return &snapshot->slice(i).meta;
-}
-
-int st_tsidx_snapshot_open(tsidx_snapshot* snapshot, size_t i, WARM** warm, warm_rc_t* rc) {
-    *warm = nullptr;
-    try {
-        const int64_t status = snapshot->try_open(i, rc);
-        *warm = snapshot->warm(i);
-        return status == TSIDX_VANISHED ? TSIDX_SLICE_GONE : static_cast<int>(status);
-    } catch (const std::bad_alloc&) {
-        return _set_rc(rc, WARM_RC_NO_MEMORY);
-    }
-}
-
-void st_tsidx_snapshot_close(tsidx_snapshot* snapshot, size_t i) {
-    snapshot->close(i);
 }
 
 }  // namespace veldar

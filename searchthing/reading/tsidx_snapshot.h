@@ -1,13 +1,28 @@
-// What a read sees of an index directory: its live slices at one moment (tsidx_list.h), newest first.
+// What a read sees: the live slices of directories at one moment (tsidx_list.h), and slice files.
 //
 // A slice that was listed may be gone when it is opened, because it was merged or deleted meanwhile; then what was read
 // so far is dropped and the read begins again with a new listing. A read on a writing handle syncs the handle's own hot
 // slice first, so that it sees what the handle has put.
+//
+//   tsidx_snapshot snapshot({{.tsidx = st_directory(thing)}}, nullptr);
+//   const int64_t status = snapshot.hold([&]() -> int64_t {
+//       count = 0;
+//       return snapshot.each(earliest, latest, [&](size_t i, warm_rc_t*) {
+//           count += st_warm_slice_values(snapshot.warm(i));
+//           return 0;
+//       }, &rc);
+//   }, &rc);
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
 
+#include "searchthing/base/warm_rc.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/format/tsidx_names.h"
 
@@ -16,44 +31,89 @@ namespace veldar {
 struct st_warm_slice;
 using WARM = st_warm_slice;
 
-// One slice of a snapshot, for the length of a visit.
-struct tsidx_slice_view_t {
-    const char* path;                    // with the directory
-    const st_filename_metadata_t* meta;  // of the name; kind 1, or 3 for a slice written in part mode
-    WARM* warm;                          // open for reading, owned by the directory
+inline constexpr st_time_t TSIDX_FIRST_TIME = std::numeric_limits<st_time_t>::min();
+inline constexpr st_time_t TSIDX_LAST_TIME = std::numeric_limits<st_time_t>::max();
+
+// The result of a step that found a listed slice gone; no status and no count.
+inline constexpr int64_t TSIDX_VANISHED = std::numeric_limits<int64_t>::min();
+// How often a read begins again when slices go before they are opened.
+inline constexpr int TSIDX_MAX_SNAPSHOTS = 16;
+
+// Where a read goes: a directory, whose handle must outlive it, or one slice file, which need not belong to one.
+struct cursor_source_t {
+    TSIDX* tsidx = nullptr;  // null: a file
+    std::string path;        // of the file
 };
 
-// Receives a slice and the caller's context; -1 stops the walk, any other result is added to the walk's total.
-using tsidx_slice_fn = int (*)(const tsidx_slice_view_t* slice, void* context);
+// Is told the path of a slice or directory that cannot be read, and why; from there on it is left out. May be told the
+// same more than once. Want of memory always fails the read.
+using cursor_failure_fn = std::function<void(const std::string& path, const warm_rc_t& rc)>;
 
-// Visits the slices whose names overlap [earliest, latest], by latest time descending. The total of the callback's
-// results, or -1 when it stopped the walk. All of the slices are open before the first visit, so that the walk is of
-// one moment: -4 with EMFILE when the process may not have that many descriptors. -4 and -8 when the directory cannot
-// be read, -35 when it does not hold still, TSIDX_SYNC_FAILED, -2, or the failure to open a slice; see
-// st_tsidx_last_failure, whose message names the path. The callback may read from the same directory.
-int64_t st_tsidx_apply_slices(TSIDX* tsidx, st_time_t earliest, st_time_t latest, tsidx_slice_fn fn, void* context);
+// The slices of one moment, by latest time descending, and those of them that are open. The directories may be used for
+// other reads meanwhile, by the same thread, but must not be moved with st_tsidx_cd. Every call but `hold` may throw
+// std::bad_alloc.
+class tsidx_snapshot {
+  public:
+    tsidx_snapshot(std::vector<cursor_source_t> sources,
+                   cursor_failure_fn on_failure);  // null: a failure ends the read
+    ~tsidx_snapshot() { close_all(); }
+    tsidx_snapshot(const tsidx_snapshot&) = delete;
+    tsidx_snapshot& operator=(const tsidx_snapshot&) = delete;
 
-// A snapshot in the caller's hands, for reads that open slices one by one and may end early. Its slices are numbered
-// newest first. It belongs to the directory, which must outlive it, may be used for other reads meanwhile, and must not
-// be moved with st_tsidx_cd.
-class tsidx_snapshot;
+    // Syncs what the handles have put, and lists. 0, TSIDX_SYNC_FAILED, or as `take`.
+    [[nodiscard]] int begin(warm_rc_t* rc);
+    // Lists the sources, anew after the first time; what is open is closed. 0, or the failure of a directory, -4, -8 or
+    // -35, recorded in its handle, unless somebody hears of it.
+    [[nodiscard]] int take(warm_rc_t* rc);
 
-// The result of opening a slice that has gone since the snapshot was taken. What was read of the snapshot so far is of
-// a moment that has passed: the whole read begins again with a new snapshot, or goes on with one where it stopped.
-inline constexpr int TSIDX_SLICE_GONE = 1;
+    size_t size() const { return slices_.size(); }
+    const tsidx_slice_name_t& slice(size_t i) const { return slices_[i].name; }
+    uint32_t source(size_t i) const { return slices_[i].source; }  // its number
+    std::string path(size_t i) const;
+    bool overlaps(size_t i, st_time_t earliest, st_time_t latest) const {
+        return slice(i).meta.latest >= earliest && slice(i).meta.earliest <= latest;
+    }
 
-// Lists the directory. Null with the failure in st_tsidx_last_failure: -4, -8, -35, TSIDX_SYNC_FAILED or -2.
-tsidx_snapshot* st_tsidx_snapshot_take(TSIDX* tsidx);
-// Closes the slices that are still open, too.
-void st_tsidx_snapshot_free(tsidx_snapshot* snapshot);
-size_t st_tsidx_snapshot_size(const tsidx_snapshot* snapshot);
-// The slice's name without the directory, and its metadata; valid as long as the snapshot.
-const char* st_tsidx_snapshot_name(const tsidx_snapshot* snapshot, size_t i);
-const st_filename_metadata_t* st_tsidx_snapshot_meta(const tsidx_snapshot* snapshot, size_t i);
-// Opens a slice that is not open in this snapshot: 0 and `*warm`, owned by the directory and valid until the slice is
-// closed here; TSIDX_SLICE_GONE; or the failure to open it, with the reason in `rc`.
-int st_tsidx_snapshot_open(tsidx_snapshot* snapshot, size_t i, WARM** warm, warm_rc_t* rc);
-// Nothing when it is not open. The directory keeps it for the next reader who asks.
-void st_tsidx_snapshot_close(tsidx_snapshot* snapshot, size_t i);
+    // Opens a slice that is not open in this snapshot; it stays open until `close` or the snapshot's end. 0,
+    // TSIDX_VANISHED, or the failure, in `rc`.
+    int64_t open(size_t i, warm_rc_t* rc);
+    WARM* warm(size_t i) const { return slices_[i].warm; }  // null while it is not open here
+    void close(size_t i);
+    void close_all();
+
+    // The failure of reading a slice: 0 when somebody hears of it, else its code, logged and recorded in the handle.
+    int fail(size_t i, const warm_rc_t& why, warm_rc_t* rc) const;
+
+    // Runs `work` over new listings until one of them holds: its result, which is not TSIDX_VANISHED; or a failure as of
+    // `begin`; -35 when slices go faster than they can be opened; -2. The work begins afresh every time.
+    int64_t hold(const std::function<int64_t()>& work, warm_rc_t* rc);
+    // Runs `step(i, why)` over the slices that overlap the bounds, each open while its step runs, until one fails. 0,
+    // TSIDX_VANISHED, or a failure that nobody hears of.
+    int64_t each(st_time_t earliest, st_time_t latest, const std::function<int(size_t, warm_rc_t*)>& step,
+                 warm_rc_t* rc);
+    // Opens every slice that overlaps the bounds, for walks that cannot begin again once a part has been seen. As `each`.
+    int64_t open_all(st_time_t earliest, st_time_t latest, warm_rc_t* rc);
+
+  private:
+    struct entry {
+        tsidx_slice_name_t name;  // of a file its path
+        uint32_t source = 0;
+        WARM* warm = nullptr;
+    };
+    void add_file(uint32_t source);
+    int add_directory(uint32_t source, warm_rc_t* rc);
+
+    std::vector<cursor_source_t> sources_;
+    cursor_failure_fn on_failure_;
+    std::vector<entry> slices_;
+};
+
+// Gives a slice back to its snapshot.
+struct snapshot_closer {
+    tsidx_snapshot* snapshot = nullptr;
+    size_t number = 0;
+    void operator()(WARM*) const { snapshot->close(number); }
+};
+using snapshot_slice_ptr = std::unique_ptr<WARM, snapshot_closer>;
 
 }  // namespace veldar

@@ -63,20 +63,19 @@ int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uin
         // `capacity` of all.
         std::vector<st_enum_answer> pool;
         uint32_t held = 0;
-        const auto add_slice = [&](size_t i) -> int64_t {
+        const auto add_slice = [&](size_t i, warm_rc_t* why) {
             WARM* const warm = snapshot.warm(i);
-            warm_rc_t rc;
             const uint32_t wanted = std::min(capacity, st_warm_slice_terms(warm));
             if (pool.size() < held + wanted) pool.resize(held + wanted);
             st_enum_answer* const added = pool.data() + held;
-            const int count = warm_slice_enum(warm, prefix, added, wanted, case_flag, &rc);
-            if (count < 0) return snapshot.fail(i, rc);
+            const int count = warm_slice_enum(warm, prefix, added, wanted, case_flag, why);
+            if (count < 0) return count;
             const uint32_t both = held + static_cast<uint32_t>(count);
             st_enum_answer_qsort(pool.data(), both);
             held = std::min(capacity, static_cast<uint32_t>(st_enum_gather(pool.data(), static_cast<int>(both))));
             return 0;
         };
-        const int64_t status = tsidx_each_slice(snapshot, TSIDX_FIRST_TIME, TSIDX_LAST_TIME, add_slice);
+        const int64_t status = snapshot.each(TSIDX_FIRST_TIME, TSIDX_LAST_TIME, add_slice, &tsidx->last_failure);
         if (status != 0) return status;
         std::copy_n(pool.begin(), held, answers);
         return held;
@@ -85,14 +84,14 @@ int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uin
 
 int64_t st_tsidx_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context) {
     return tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        const int64_t opened = tsidx_open_all(snapshot, TSIDX_FIRST_TIME, TSIDX_LAST_TIME);
+        const int64_t opened = snapshot.open_all(TSIDX_FIRST_TIME, TSIDX_LAST_TIME, &tsidx->last_failure);
         if (opened != 0) return opened;
         int64_t total = 0;
         for (size_t i = 0; i < snapshot.size(); i++) {
             warm_rc_t rc;
             rc.warm_rc = 0;
             const int64_t of_slice = warm_slice_apply_terms(snapshot.warm(i), prefix, fn, context, &rc);
-            if (rc.warm_rc != 0) return snapshot.fail(i, rc);
+            if (rc.warm_rc != 0) return snapshot.fail(i, rc, &tsidx->last_failure);
             if (of_slice == -1) return -1;
             total += of_slice;
         }

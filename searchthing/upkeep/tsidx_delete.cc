@@ -129,25 +129,24 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
     uint64_t newly = 0;  // over all snapshots: what a discarded one has marked is marked
     const auto find_and_mark = [&](tsidx_snapshot& snapshot) -> int64_t {
         std::vector<doomed_values> doomed(snapshot.size());
-        const auto find_in_slice = [&](size_t i) -> int64_t {
+        warm_rc_t* const rc = &tsidx->last_failure;
+        const auto find_in_slice = [&](size_t i, warm_rc_t* why) {
             WARM* const warm = snapshot.warm(i);
-            warm_rc_t rc;
             doomed[i].bits.resize(st_warm_slice_values(warm) / 8 + 1);
             const int status = st_warm_slice_is_msidx(warm->body)
-                                   ? _set_rc_msg(&rc, WARM_RC_UNSUPPORTED, "metric slices have no deletes")
-                                   : find(warm, &doomed[i], &rc);
+                                   ? _set_rc_msg(why, WARM_RC_UNSUPPORTED, "metric slices have no deletes")
+                                   : find(warm, &doomed[i], why);
             if (!doomed[i].any) doomed[i].bits = {};
-            return status == 0 ? 0 : snapshot.fail(i, rc);
-        };
-        if (const int64_t status = tsidx_each_slice(snapshot, earliest, latest, find_in_slice); status != 0)
             return status;
+        };
+        if (const int64_t status = snapshot.each(earliest, latest, find_in_slice, rc); status != 0) return status;
         for (size_t i = 0; i < snapshot.size(); i++) {
             if (!doomed[i].any) continue;
-            warm_rc_t rc;
+            warm_rc_t why;
             bool all_deleted = false;
-            if (mark_in_file(snapshot.path(i).c_str(), doomed[i], &newly, &all_deleted, &rc) != 0) {
-                const bool gone = rc.warm_rc == WARM_RC_OPEN && rc.saved_errno == ENOENT;
-                return gone ? TSIDX_VANISHED : snapshot.fail(i, rc);
+            if (mark_in_file(snapshot.path(i).c_str(), doomed[i], &newly, &all_deleted, &why) != 0) {
+                const bool gone = why.warm_rc == WARM_RC_OPEN && why.saved_errno == ENOENT;
+                return gone ? TSIDX_VANISHED : snapshot.fail(i, why, rc);
             }
             if (all_deleted) tsidx_remove_slice(tsidx, snapshot.path(i));
         }

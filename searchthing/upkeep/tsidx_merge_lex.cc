@@ -44,15 +44,14 @@ struct lexicon_target {
 };
 
 int count_slices(TSIDX* tsidx, size_t* slices) {
-    tsidx_snapshot snapshot(tsidx);
-    ST_TRY(snapshot.take());
+    tsidx_snapshot snapshot({{.tsidx = tsidx, .path = {}}}, nullptr);
+    ST_TRY(snapshot.begin(&tsidx->last_failure));
     *slices = snapshot.size();
     return 0;
 }
 
 int merge(TSIDX* tsidx, uint32_t min_src_count, uint32_t terms_per_block, uint64_t page_size, warm_rc_t* rc) {
     size_t slices = 0;
-    ST_TRY(tsidx_begin_read(tsidx));
     if (const int status = count_slices(tsidx, &slices)) return _cpy_rc(rc, &tsidx->last_failure), status;
     if (slices < 2) return _set_rc(rc, WARM_RC_FEW_SLICES);
     if (slices < min_src_count) return _set_rc(rc, WARM_RC_FEW_SOURCES);

@@ -187,39 +187,32 @@ int dump_samples(dump_run* run, WARM* warm, warm_rc_t* rc) {
     return slice_metric_samples(warm, put, rc);
 }
 
-void dump_slice(dump_run* run, const opened_slice& slice) {
-    warm_rc_t rc;
-    int status = 0;
-    if (warm_slice_has_runs(slice.warm.get())) {
-        status = dump_samples(run, slice.warm.get(), &rc);
-    } else {
-        status = dump_events(run, slice.warm.get(), &rc);
-    }
-    if (status == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
-    if (status != 0) troubles_add(&run->trouble, slice_error(*slice.file, rc));
-}
-
 // All slices are open before the first event is printed, so that what is printed is of one moment.
-bool dump_slices(dump_run* run, const slice_set& set) {
-    std::vector<opened_slice> slices;
-    if (!slices_open_all(set, &slices, &run->trouble)) return false;
+void dump_slices(dump_run* run, const slice_set& set) {
+    tsidx_snapshot slices(slices_sources(set), slices_hear(&run->trouble));
+    warm_rc_t rc;
+    const auto open_all = [&]() -> int64_t { return slices.open_all(TSIDX_FIRST_TIME, TSIDX_LAST_TIME, &rc); };
+    if (slices.hold(open_all, &rc) != 0) return slice_tell(set.path, rc, &run->trouble);
     event_source_open(&run->source, &set, &run->trouble);
     event_source_read_names(&run->source);
     if (run->options->format == "csv") {
         output_put(&run->out, "time,host,source,sourcetype,address,measure,deleted,terms\r\n");
     }
-    for (const opened_slice& slice : slices) {
-        if (!run->out.closed) dump_slice(run, slice);
+    for (size_t i = 0; i < slices.size() && !run->out.closed; i++) {
+        WARM* const warm = slices.warm(i);
+        if (warm == nullptr) continue;
+        const int status = (warm_slice_has_runs(warm) ? dump_samples : dump_events)(run, warm, &rc);
+        if (status != 0) slice_tell(slices.path(i), rc, &run->trouble);
     }
-    return true;
 }
 
 int dump_run_all(const tool_context& context, const dump_options& options) {
     dump_run run;
     run.options = &options;
     output_open(&run.out, "never");
-    slices_visit(context.path_or_store(options.path), &run.trouble,
-                 [&](const slice_set& set) { return dump_slices(&run, set); });
+    const slice_set set = slices_list(context.path_or_store(options.path));
+    slices_tell_errors(set, &run.trouble);
+    dump_slices(&run, set);
     output_flush(&run.out);
     return run.trouble.status;
 }

@@ -69,8 +69,9 @@ void print_query(explanation* e) {
     }
 }
 
-std::string slice_name(const slice_set& slices, const slice_file& file) {
-    return slices.directories[file.directory].name + file.path.substr(file.path.rfind('/'));
+std::string slice_name(const slice_set& set, size_t i) {
+    const std::string path = "/" + set.slices->slice(i).name;
+    return set.directories[set.slices->source(i)].name + path.substr(path.rfind('/'));
 }
 
 void print_row(explanation* e, const slice_work& work, const std::string& name) {
@@ -99,8 +100,8 @@ const char* remark(const slice_work& work) {
 }
 
 // Whether the newest answers wanted are all later than anything in the slice.
-bool is_needed(const explanation& e, const slice_file& file) {
-    return e.limit == 0 || e.newest.size() < e.limit || file.latest >= e.newest.front();
+bool is_needed(const explanation& e, const tsidx_slice_name_t& slice) {
+    return e.limit == 0 || e.newest.size() < e.limit || slice.meta.latest >= e.newest.front();
 }
 
 void note_answers(explanation* e, int found) {
@@ -128,11 +129,11 @@ int ask_slice(explanation* e, WARM* warm, const st_query_spec& query, slice_work
 }
 
 // Searches one slice and accounts for it. SLICE_UNREADABLE after a failure, which has been told.
-slice_state_t search_slice(explanation* e, const slice_file& file, const query_plan& plan, slice_work* work) {
+slice_state_t search_slice(explanation* e, const slice_set& set, size_t i, const query_plan& plan, slice_work* work) {
     const auto begun = std::chrono::steady_clock::now();
-    warm_ptr warm;
+    snapshot_slice_ptr warm;
     std::string error;
-    const slice_state_t state = slice_open(file, &warm, &error);
+    const slice_state_t state = slice_open(set, i, &warm, &error);
     if (state == SLICE_UNREADABLE) troubles_add(&e->trouble, error);
     if (state != SLICE_OPEN) return state;
     st_query_spec query = query_of_plan(*e->query, plan);
@@ -142,7 +143,7 @@ slice_state_t search_slice(explanation* e, const slice_file& file, const query_p
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begun;
     work->milliseconds = took.count();
     if (status == 0) return SLICE_OPEN;
-    troubles_add(&e->trouble, slice_error(file, rc));
+    troubles_add(&e->trouble, slice_error(set.slices->path(i), rc));
     return SLICE_UNREADABLE;
 }
 
@@ -157,21 +158,21 @@ void add_work(slice_work* total, const slice_work& work) {
 }
 
 // False when a slice has gone.
-bool explain_plan(explanation* e, const slice_set& slices, const query_plan& plan) {
+bool explain_plan(explanation* e, const slice_set& set, const query_plan& plan) {
     output_put(&e->out, "\n  answers  lists  reads      bytes    values windows        ms  slice\n");
     e->newest.clear();
-    for (const slice_file& file : slices.files) {
-        const std::string name = slice_name(slices, file);
-        if (!slice_meets_bounds(file, e->query->bounds)) {
+    for (size_t i = 0; i < set.slices->size(); i++) {
+        const std::string name = slice_name(set, i);
+        if (!slice_meets_bounds(set, i, e->query->bounds)) {
             print_untouched(e, name, "outside the time bounds by its name");
             continue;
         }
-        if (!is_needed(*e, file)) {
+        if (!is_needed(*e, set.slices->slice(i))) {
             print_untouched(e, name, "older than the answers wanted");
             continue;
         }
         slice_work work;
-        const slice_state_t state = search_slice(e, file, plan, &work);
+        const slice_state_t state = search_slice(e, set, i, plan, &work);
         if (state == SLICE_VANISHED) return false;
         if (state == SLICE_UNREADABLE) {
             print_untouched(e, name, "cannot be read");
@@ -184,16 +185,16 @@ bool explain_plan(explanation* e, const slice_set& slices, const query_plan& pla
 }
 
 // The rows are all printed at the end: they begin again when a slice has gone.
-bool explain_slices(explanation* e, const slice_set& slices) {
+int64_t explain_slices(explanation* e, const slice_set& set) {
     e->out.bytes.clear();
     e->total = {};
     print_query(e);
     for (size_t i = 0; i < e->query->plans.size(); i++) print_plan(e, e->query->plans[i], i);
     for (const query_plan& plan : e->query->plans) {
-        if (!explain_plan(e, slices, plan)) return false;
+        if (!explain_plan(e, set, plan)) return TSIDX_VANISHED;
     }
     print_row(e, e->total, "in all");
-    return true;
+    return 0;
 }
 
 int explain_run(const tool_context& context, const explain_options& options) {
@@ -202,8 +203,8 @@ int explain_run(const tool_context& context, const explain_options& options) {
     e.query = &query;
     e.limit = options.limit;
     output_open(&e.out, "never");
-    slices_visit(store_choose(context.store), &e.trouble,
-                 [&](const slice_set& slices) { return explain_slices(&e, slices); });
+    const slice_set set = slices_list(store_choose(context.store));
+    slices_hold(set, &e.trouble, [&] { return explain_slices(&e, set); });
     output_flush(&e.out);
     return answer_status(e.total.answers > 0, e.trouble);
 }

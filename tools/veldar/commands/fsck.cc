@@ -24,7 +24,7 @@ struct fsck_options {
 
 struct fsck_command {
     const fsck_options* options = nullptr;
-    slice_set slices;
+    slice_set set;
     std::set<std::string> seen;  // the files that were looked at
     store_names names;           // of the store
     bool has_names = false;
@@ -45,13 +45,11 @@ void put_line(fsck_command* command, const std::string& path, const std::string&
 void put_store_fault(fsck_command* command, const std::string& text) {
     command->damaged++;
     command->faults++;
-    put_line(command, command->slices.store, text);
+    put_line(command, command->set.store, text);
 }
 
 void open_store(fsck_command* command) {
-    const slice_set& slices = command->slices;
-    const size_t known = command->maps.size();  // of an earlier list
-    if (known == slices.directories.size()) return;
+    const slice_set& slices = command->set;
     command->maps.resize(slices.directories.size());
     command->has_map.resize(slices.directories.size());
     const auto has_sources = [](const slice_directory& directory) { return directory.has_sources; };
@@ -59,7 +57,7 @@ void open_store(fsck_command* command) {
     std::string error;
     command->has_names = store_names_read(slices.store, &command->names, &error);
     if (!command->has_names) return troubles_add(&command->trouble, error);
-    for (size_t i = known; i < slices.directories.size(); i++) {
+    for (size_t i = 0; i < slices.directories.size(); i++) {
         if (!slices.directories[i].has_sources) continue;
         const std::string path = slices.directories[i].path + "/source.map";
         command->has_map[i] = source_map_open(&command->maps[i], path, false, &error);
@@ -68,19 +66,20 @@ void open_store(fsck_command* command) {
 }
 
 // The events of a slice in which nothing is wrong, against the rest of the store.
-std::vector<std::string> check_events(fsck_command* command, const slice_file& file) {
-    warm_ptr warm;
+std::vector<std::string> check_events(fsck_command* command, size_t i) {
+    snapshot_slice_ptr warm;
     std::string error;
-    if (!command->has_names || !command->has_map[file.directory]) return {};
-    if (slice_open(file, &warm, &error) != SLICE_OPEN) return {};
-    return fsck_store_slice(warm.get(), command->maps[file.directory], command->names);
+    const uint32_t directory = command->set.slices->source(i);
+    if (!command->has_names || !command->has_map[directory]) return {};
+    if (slice_open(command->set, i, &warm, &error) != SLICE_OPEN) return {};
+    return fsck_store_slice(warm.get(), command->maps[directory], command->names);
 }
 
 // False when the file was deleted or merged since it was listed.
-bool check_file(fsck_command* command, const slice_file& file) {
+bool check_file(fsck_command* command, size_t i, const std::string& path) {
     slice_image image;
     std::string error;
-    const image_state_t state = slice_image_open(file.path, &image, &error);
+    const image_state_t state = slice_image_open(path, &image, &error);
     if (state == IMAGE_VANISHED) return false;
     if (state == IMAGE_UNREADABLE) {
         troubles_add(&command->trouble, error);
@@ -93,55 +92,52 @@ bool check_file(fsck_command* command, const slice_file& file) {
     for (const fsck_finding& finding : report.findings) lines.push_back(fsck_finding_text(finding));
     for (const std::string& line : fsck_more_lines(report)) lines.push_back(line);
     if (report.total == 0) {
-        lines = check_events(command, file);
+        lines = check_events(command, i);
         report.total = lines.size();
     }
     command->checked++;
     command->damaged += report.total != 0 ? 1 : 0;
     command->faults += report.total;
-    for (const std::string& line : lines) put_line(command, file.path, line);
+    for (const std::string& line : lines) put_line(command, path, line);
     return true;
 }
 
 // One file more than memory holds must not keep the others from being checked.
-bool check_file_or_tell(fsck_command* command, const slice_file& file) {
+bool check_file_or_tell(fsck_command* command, size_t i, const std::string& path) {
     std::string why = "out of memory";
     try {
-        return check_file(command, file);
+        return check_file(command, i, path);
     } catch (const std::bad_alloc&) {
     } catch (const tool_failure& failure) {
         why = failure.message;
     }
-    troubles_add(&command->trouble, file.path + ": " + why);
+    troubles_add(&command->trouble, path + ": " + why);
     return true;
 }
 
 // Every file once. Those that have gone meanwhile were merged into others, which a new list has.
-void check_all(fsck_command* command) {
-    for (int tries = 1;; tries++) {
-        bool vanished = false;
-        slices_tell_errors(command->slices, &command->trouble);
-        open_store(command);
-        for (const slice_file& file : command->slices.files) {
-            if (!command->seen.contains(file.path) && !check_file_or_tell(command, file)) {
-                vanished = true;
-            } else {
-                command->seen.insert(file.path);
-            }
+int64_t check_all(fsck_command* command) {
+    const tsidx_snapshot& slices = *command->set.slices;
+    bool vanished = false;
+    for (size_t i = 0; i < slices.size(); i++) {
+        const std::string path = slices.path(i);
+        if (command->seen.contains(path)) continue;
+        if (check_file_or_tell(command, i, path)) {
+            command->seen.insert(path);
+        } else {
+            vanished = true;
         }
-        if (!vanished) return;
-        if (tries == SLICES_MAX_TRIES) break;
-        slices_list_again(&command->slices, tries);
     }
-    troubles_add(&command->trouble, command->slices.path + ": its slices change too fast to be checked");
+    return vanished ? TSIDX_VANISHED : 0;
 }
 
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
     fsck_command command;
     command.options = &options;
-    command.slices = slices_list_all(context.path_or_store(options.path));
+    command.set = slices_list_all(context.path_or_store(options.path));
     output_open(&command.out, "never");
-    check_all(&command);
+    open_store(&command);
+    slices_hold(command.set, &command.trouble, [&] { return check_all(&command); });
     if (!options.quiet) {
         output_put(&command.out, command.faults == 0 ? fmt::format("{} slices checked, no faults\n", command.checked)
                                                      : fmt::format("{} slices checked, {} damaged, {} faults\n",

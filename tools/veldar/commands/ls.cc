@@ -35,10 +35,10 @@ struct ls_row {
 };
 
 // Of a name that does not tell, the times of the first and the last value.
-void take_times(const slice_file& file, WARM* warm, ls_row* row) {
-    row->earliest = file.earliest;
-    row->latest = file.latest;
-    row->has_times = file.earliest != INT_MIN || file.latest != INT_MAX;
+void take_times(const st_filename_metadata_t& meta, WARM* warm, ls_row* row) {
+    row->earliest = meta.earliest;
+    row->latest = meta.latest;
+    row->has_times = meta.earliest != TSIDX_FIRST_TIME || meta.latest != TSIDX_LAST_TIME;
     if (row->has_times || warm == nullptr || row->events == 0 || st_warm_slice_is_msidx(warm->body)) return;
     uint64_t subseconds = 0;
     warm_rc_t rc;
@@ -55,18 +55,18 @@ uint64_t count_deleted(const WARM& warm) {
 }
 
 // False for a slice that is gone.
-bool read_slice(const slice_set& slices, const slice_file& file, troubles* trouble, ls_row* row) {
-    warm_ptr warm;
+bool read_slice(const slice_set& set, size_t i, troubles* trouble, ls_row* row) {
+    snapshot_slice_ptr warm;
     std::string error;
-    const slice_state_t state = slice_open(file, &warm, &error);
+    const slice_state_t state = slice_open(set, i, &warm, &error);
     if (state == SLICE_VANISHED) return false;
-    const std::string name = file.path.substr(file.path.rfind('/') + 1);
-    row->name = slices.directories.size() > 1 ? slices.directories[file.directory].name + "/" + name : name;
+    const std::string path = set.slices->path(i), name = path.substr(path.rfind('/') + 1);
+    row->name = set.directories.size() > 1 ? set.directories[set.slices->source(i)].name + "/" + name : name;
     row->slices = 1;
     if (state == SLICE_UNREADABLE) {
         troubles_add(trouble, error);
         std::error_code unknown;
-        const uint64_t bytes = std::filesystem::file_size(file.path, unknown);
+        const uint64_t bytes = std::filesystem::file_size(path, unknown);
         row->bytes = unknown ? 0 : bytes;
         row->format = "unreadable";
         row->readable = false;
@@ -77,7 +77,7 @@ bool read_slice(const slice_set& slices, const slice_file& file, troubles* troub
         row->deleted = count_deleted(*warm);
         row->terms = st_warm_slice_terms(warm.get());
     }
-    take_times(file, warm.get(), row);
+    take_times(set.slices->slice(i).meta, warm.get(), row);
     return true;
 }
 
@@ -95,18 +95,18 @@ void add_to_bucket(const ls_row& row, ls_row* bucket) {
 }
 
 // One row a slice, newest first, or one a directory, oldest first.
-std::vector<ls_row> read_rows(const slice_set& slices, bool buckets, troubles* trouble) {
+std::vector<ls_row> read_rows(const slice_set& set, bool buckets, troubles* trouble) {
     std::vector<ls_row> rows;
-    for (const slice_directory& directory : slices.directories) {
+    for (const slice_directory& directory : set.directories) {
         if (!buckets) break;
         rows.emplace_back();
         rows.back().name = directory.name;
     }
-    for (const slice_file& file : slices.files) {
+    for (size_t i = 0; i < set.slices->size(); i++) {
         ls_row row;
-        if (!read_slice(slices, file, trouble, &row)) continue;
+        if (!read_slice(set, i, trouble, &row)) continue;
         if (buckets) {
-            add_to_bucket(row, &rows[file.directory]);
+            add_to_bucket(row, &rows[set.slices->source(i)]);
         } else {
             rows.push_back(row);
         }

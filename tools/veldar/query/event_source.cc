@@ -41,14 +41,16 @@ bool has_fraction(const line_format& format, format_context* context, std::strin
 // Whether slices of events lie where no log can be read. Those of metrics keep all that is known of a time.
 bool keep_whole_seconds(const slice_set& slices) {
     std::vector<bool> asked(slices.directories.size());
-    return std::any_of(slices.files.begin(), slices.files.end(), [&](const slice_file& file) {
-        warm_ptr warm;
+    for (size_t i = 0; i < slices.slices->size(); i++) {
+        const uint32_t directory = slices.slices->source(i);
+        snapshot_slice_ptr warm;
         std::string error;
-        if (asked[file.directory] || slices.directories[file.directory].has_sources) return false;
-        if (slice_open(file, &warm, &error) != SLICE_OPEN) return false;
-        asked[file.directory] = true;
-        return !st_warm_slice_is_msidx(warm->body);
-    });
+        if (asked[directory] || slices.directories[directory].has_sources) continue;
+        if (slice_open(slices, i, &warm, &error) != SLICE_OPEN) continue;
+        asked[directory] = true;
+        if (!st_warm_slice_is_msidx(warm->body)) return true;
+    }
+    return false;
 }
 
 // The text in which phrases are looked for: the record's, and what its colours and the escapes of JSON hide.
@@ -163,14 +165,10 @@ bool passes_raw(const prepared_query& query, event_source* source, const event_t
 
 event_cursor_ptr events_open(const prepared_query& query, uint64_t limit, event_source* source) {
     event_cursor_options_t options;
-    for (const slice_directory& directory : source->slices->directories) {
-        options.sources.push_back({directory.tsidx.get(), source->slices->path});
-    }
+    options.sources = slices_sources(*source->slices);
     for (const query_plan& plan : query.plans) options.queries.push_back(query_of_plan(query, plan));
     options.limit = limit;
-    options.on_failure = [source](const std::string& path, const warm_rc_t& rc) {
-        troubles_add(source->trouble, slice_error(path, rc));
-    };
+    options.on_failure = slices_hear(source->trouble);
     slices_tell_errors(*source->slices, source->trouble);
     require_raw(query, *source->slices);
     if (query.needs_raw() || query.cuts_a_second()) {

@@ -7,7 +7,6 @@
 #include "searchthing/slice/warmslice_values.h"
 #include "tools/veldar/formats/metric_record.h"
 #include "tools/veldar/query/slice_metrics.h"
-#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar::tool {
 
@@ -52,30 +51,20 @@ int read_slice(metric_catalog* catalog, WARM* warm, warm_rc_t* rc) {
         warm, [&](const slice_metric_set& set) { return add_set(catalog, warm, set, rc); }, rc);
 }
 
-// False when a slice vanished.
-bool read_slices(const slice_set& slices, metric_catalog* catalog, troubles* trouble) {
-    *catalog = {};
-    for (const slice_file& file : slices.files) {
-        warm_ptr warm;
-        std::string error;
-        warm_rc_t rc;
-        const slice_state_t state = slice_open(file, &warm, &error);
-        if (state == SLICE_VANISHED) return false;
-        if (state == SLICE_UNREADABLE) {
-            troubles_add(trouble, error);
-        } else if (read_slice(catalog, warm.get(), &rc) != 0) {
-            if (rc.warm_rc == WARM_RC_NO_MEMORY) throw tool_failure{EXIT_IO, "out of memory"};
-            troubles_add(trouble, slice_error(file, rc));
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 metric_catalog metric_catalog_read(const std::string& directory, troubles* trouble) {
     metric_catalog catalog;
-    slices_visit(directory, trouble, [&](const slice_set& slices) { return read_slices(slices, &catalog, trouble); });
+    const slice_set set = slices_list(directory);
+    slices_tell_errors(set, trouble);
+    tsidx_snapshot slices(slices_sources(set), slices_hear(trouble));
+    warm_rc_t rc;
+    const auto add_slice = [&](size_t i, warm_rc_t* why) { return read_slice(&catalog, slices.warm(i), why); };
+    const auto add_all = [&]() -> int64_t {
+        catalog = {};
+        return slices.each(TSIDX_FIRST_TIME, TSIDX_LAST_TIME, add_slice, &rc);
+    };
+    if (slices.hold(add_all, &rc) != 0) slice_tell(directory, rc, trouble);
     return catalog;
 }
 

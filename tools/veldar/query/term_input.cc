@@ -11,15 +11,6 @@ namespace veldar::tool {
 
 namespace {
 
-// What fails the cursor as a whole: want of memory, and slices that do not hold still.
-void check(int status, const std::string& path, troubles* trouble) {
-    if (status == WARM_RC_RETRIES) {
-        troubles_add(trouble, path + ": its slices change too fast to be read");
-    } else if (status != 0) {
-        throw tool_failure{EXIT_IO, "out of memory"};
-    }
-}
-
 bool is_bare_value(std::string_view value) {
     return value.find_first_of(" \t\n\r()\"\\") == std::string_view::npos;
 }
@@ -31,23 +22,20 @@ void walk_terms(const std::string& path, const term_choice_t& choice, const term
     slices_tell_errors(set, trouble);
     term_cursor_options_t options;
     options.choice = choice;
-    for (const slice_directory& directory : set.directories) {
-        const bool is_file = directory.tsidx == nullptr;
-        options.sources.push_back({directory.tsidx.get(), is_file ? set.path : std::string()});
-    }
+    options.sources = slices_sources(set);
     options.on_failure = [trouble](const std::string& source, const warm_rc_t& rc) {
-        if (rc.warm_rc == WARM_RC_MINIFIED) return;
-        troubles_add(trouble, slice_error({source, 0, 0, 0, nullptr, 0}, rc));
+        if (rc.warm_rc != WARM_RC_MINIFIED) slice_tell(source, rc, trouble);
     };
     warm_rc_t rc;
     const term_cursor_ptr cursor = term_cursor_open(options, &rc);
-    if (cursor == nullptr) return check(rc.warm_rc, path, trouble);
+    if (cursor == nullptr) return slice_tell(path, rc, trouble);
     std::string_view term;
     term_totals_t totals;
     do {
-        check(term_cursor_next(cursor.get(), &term, &rc), path, trouble);
-        if (term.data() == nullptr) return;
-        check(term_cursor_totals(cursor.get(), &totals, &rc), path, trouble);
+        int status = term_cursor_next(cursor.get(), &term, &rc);
+        if (status == 0 && term.data() == nullptr) return;
+        if (status == 0) status = term_cursor_totals(cursor.get(), &totals, &rc);
+        if (status != 0) return slice_tell(path, rc, trouble);
     } while (visit(term, totals));
 }
 

@@ -1,8 +1,8 @@
 // The slices that a command reads: those of a store, of one index directory, or a single file.
 //
-// The slices of a directory are read through its handle: a list is a snapshot of every directory (tsidx_snapshot.h),
-// and what the handles have open is open for the next list too. A slice that has gone when it is to be opened was
-// merged into another or deleted; then the caller lists again, so that no answer mixes two moments unknowingly.
+// The slices of a directory are read through its handle, as one snapshot of all directories (tsidx_snapshot.h). A slice
+// that has gone when it is to be opened was merged into another or deleted; then the command begins again with a new
+// listing, so that no answer mixes two moments unknowingly.
 #pragma once
 
 #include <cstdint>
@@ -18,16 +18,6 @@
 
 namespace veldar::tool {
 
-struct slice_snapshot;  // of one directory, with the directory's handle
-
-struct slice_file {
-    std::string path;
-    uint32_t directory = 0;                    // index in slice_set::directories
-    st_time_t earliest = 0, latest = 0;        // of the name; all time when the name does not tell
-    std::shared_ptr<slice_snapshot> snapshot;  // null for a file given by its path
-    size_t number = 0;                         // in the snapshot
-};
-
 struct slice_directory {
     std::string path;
     std::string name;              // its last component
@@ -36,12 +26,11 @@ struct slice_directory {
 };
 
 struct slice_set {
-    std::string path;                          // what was listed
-    bool with_metrics = false;                 // of a store its metrics too
-    std::string store;                         // the store that the directories belong to; empty for others
-    std::vector<slice_directory> directories;  // oldest first; one that was listed keeps its index
-    std::vector<slice_file> files;             // latest time descending
-    std::vector<std::string> errors;           // directories of a store that could not be listed, and why
+    std::string path;                                  // what was listed
+    std::string store;                                 // that the directories belong to; empty for others
+    std::vector<slice_directory> directories;          // oldest first; the sources of the snapshot
+    std::shared_ptr<std::vector<std::string>> errors;  // directories of a store that could not be listed, and why
+    std::shared_ptr<tsidx_snapshot> slices;            // latest time descending; goes before the handles
 };
 
 // Lists the slices at `path`; says on standard error when a directory has none. Throws tool_failure: EXIT_USAGE when
@@ -49,45 +38,27 @@ struct slice_set {
 slice_set slices_list(const std::string& path);
 // The same with the metrics of a store, for the commands that look inside of slices.
 slice_set slices_list_all(const std::string& path);
+// The directories, or the file, for cursors.
+std::vector<cursor_source_t> slices_sources(const slice_set& set);
 // Tells of the directories that could not be listed: the command ends with EXIT_IO when it has answered what it can.
 void slices_tell_errors(const slice_set& set, troubles* trouble);
-// Lists them once more, after a pause of 1 ms at the first try in a row, twice as long at every further one, up to 100
-// ms. The files of the set are new ones; slices that are open stay so.
-void slices_list_again(slice_set* set, int tries);
+// Runs `work`, which returns TSIDX_VANISHED when a slice has gone, over new listings until one of them holds; what the
+// lists lack is told to `trouble`, and that none of them held. Throws tool_failure when memory is short.
+void slices_hold(const slice_set& set, troubles* trouble, const std::function<int64_t()>& work);
 
-inline constexpr int SLICES_MAX_TRIES = 16;
-// Runs `work(slices)`, which returns false when a slice has gone, over new lists until one of them holds; what the
-// lists lack is told to `trouble`, and that none of them held. Throws tool_failure.
-void slices_visit(const std::string& path, troubles* trouble, const std::function<bool(const slice_set&)>& work);
-
-// Whether the file's name allows events within the query's bounds.
-bool slice_meets_bounds(const slice_file& file, const st_query_spec& query);
-
-// Gives a slice back to the snapshot it came from, or closes it.
-struct warm_close {
-    std::shared_ptr<slice_snapshot> snapshot;
-    size_t number = 0;
-    void operator()(WARM* warm) const;
-};
-using warm_ptr = std::unique_ptr<WARM, warm_close>;
+// Whether a slice's name allows events within the query's bounds.
+bool slice_meets_bounds(const slice_set& set, size_t i, const st_query_spec& query);
 
 enum slice_state_t { SLICE_OPEN, SLICE_VANISHED, SLICE_UNREADABLE };
-// Opens a slice read-only, one of a directory at most once at a time. SLICE_UNREADABLE comes with a message that names
-// it. Throws tool_failure when memory is short.
-slice_state_t slice_open(const slice_file& file, warm_ptr* warm, std::string* error);
-
-struct opened_slice {
-    const slice_file* file;
-    warm_ptr warm;
-};
-// Opens every slice of the list, for reads that cannot begin again once a part of them has been shown; those that
-// cannot be read are told and left out. False when one has gone.
-bool slices_open_all(const slice_set& set, std::vector<opened_slice>* slices, troubles* trouble);
+// Opens a slice. SLICE_UNREADABLE comes with a message that names it. Throws tool_failure when memory is short.
+slice_state_t slice_open(const slice_set& set, size_t i, snapshot_slice_ptr* warm, std::string* error);
 
 // "PATH: what the status says", for messages.
 std::string slice_error(const std::string& path, const warm_rc_t& rc);
-inline std::string slice_error(const slice_file& file, const warm_rc_t& rc) {
-    return slice_error(file.path, rc);
+// Tells that a slice cannot be read. Throws tool_failure when that is for want of memory.
+void slice_tell(const std::string& path, const warm_rc_t& rc, troubles* trouble);
+inline cursor_failure_fn slices_hear(troubles* trouble) {
+    return [trouble](const std::string& path, const warm_rc_t& rc) { slice_tell(path, rc, trouble); };
 }
 
 }  // namespace veldar::tool
