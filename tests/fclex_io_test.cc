@@ -146,10 +146,10 @@ TEST(FclexIo, ReaderGoesOnFromAnyTerm) {
         EXPECT_EQ(sources.merged_count, terms.size());
         lex_reader_t reader;
         ASSERT_EQ(_lex_reader_open(&reader, sources.fd.get(), sources.offsets[0]), 0);
-        uint32_t start = 0, end = 0, start_behind = 0;
-        for (uint32_t block = reader.num_blocks; block-- > 0; start_behind = start) {
-            ASSERT_EQ(bo_reader_get(&reader.offsets, block, &start, &end, &sources.rc), 0);
-            ASSERT_TRUE(block == reader.num_blocks - 1 || end == start_behind);
+        fclex_extent extent, behind;
+        for (uint32_t block = reader.num_blocks; block-- > 0; behind = extent) {
+            ASSERT_EQ(bo_reader_get(&reader.blocks.ends, block, bo_reader_t::RUN, &extent), 0);
+            ASSERT_TRUE(block == reader.num_blocks - 1 || extent.end == behind.start);
         }
         const auto current = [&reader] { return std::string(reader.term, reader.length); };
         for (const uint32_t id : {3999U, 0U, 1337U, 1336U, 65U, 2048U, 3000U}) {
@@ -267,7 +267,8 @@ TEST(FclexIo, WriterRefusals) {
     EXPECT_EQ(_lex_writer_put(&writer, longest.data(), 2047), 0);
     EXPECT_EQ(_lex_writer_put(&writer, longest.data(), 2046), WARM_RC_INVALID_ARGUMENT);
     EXPECT_EQ(_lex_writer_put(&writer, "a", 1), WARM_RC_INVALID_ARGUMENT);
-    EXPECT_DEATH(_lex_writer_open(false, &writer, 2, 8, 3), "writer->_page_sz >= sizeof\\(size_t\\) \\+ 1");
+    EXPECT_DEATH(static_cast<void>(_lex_writer_open(false, &writer, 2, 8, 3)),
+                 "writer->_page_sz >= sizeof\\(size_t\\) \\+ 1");
     sources_t many;
     for (int i = 0; i < 65; i++) many.add(created({"a"}, 8));
     EXPECT_DEATH(many.merge(8, 0), "src_sz <= ");

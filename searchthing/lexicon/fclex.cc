@@ -4,15 +4,14 @@
 #include <cstdio>
 #include <new>
 
-#include "searchthing/lexicon/fclex_internal.h"
 #include "searchthing/base/warmslice_util.h"
+#include "searchthing/lexicon/fclex_internal.h"
 
 namespace veldar {
 
 namespace {
 
 constexpr size_t BODY_COPY_SIZE = 16;  // the header and the first block offset
-constexpr uint64_t BLOCK_CACHE_BYTES_PER_TERM = 2052;
 constexpr uint64_t MAX_BLOCK_CACHE = uint64_t{1} << 30;
 
 uint64_t body_size(uint64_t block_count, uint32_t last_block_end) {
@@ -72,7 +71,7 @@ FCLEX* st_fclex_open_fd(int fd, int64_t offset) {
     }
     const auto* header = reinterpret_cast<const st_fclex_body*>(body.data());
     if (header->terms.get() == 0 || header->tperb.get() == 0) return nullptr;
-    const uint64_t cache_size = header->tperb.get() * BLOCK_CACHE_BYTES_PER_TERM;
+    const uint64_t cache_size = header->tperb.get() * FCLEX_MAX_TERM_BYTES;
     if (cache_size > MAX_BLOCK_CACHE || !cache.alloc(cache_size)) return nullptr;
     FCLEX* lex = new (std::nothrow) FCLEX;
     if (lex == nullptr) return nullptr;
@@ -152,84 +151,48 @@ int st_fclex_dump_block(void*, const FCLEX*, uint32_t) {
     return 0;
 }
 
-fclex_extent fclex_block_extent(FCLEX* lex, uint64_t block, st_query_info_t* stats) {
-    ST_ASSERT(block < fclex_block_count(lex));
-    // The block's start is the end of the block before, so one read of two neighbours gives both ends.
+int bo_reader_load(bo_reader_t* reader, uint64_t block, uint64_t wanted) {
+    ST_ASSERT(block < reader->count && wanted >= 2 && wanted <= bo_reader_t::RUN);
+    // The block's start is the end of the block before.
     const uint64_t first = block == 0 ? 0 : block - 1;
-    const uint64_t bytes = block == 0 ? 4 : 8;
-    uint8_t words[8] = {};
-    const uint8_t* from = words;
-    if (!fclex_in_file(lex)) {
-        from = lex->block_offsets + 4 * first;
-    } else {
-        const uint64_t at = static_cast<uint64_t>(lex->fclex_offset) + FCLEX_HEADER_SIZE + 4 * first;
-        if (st_timed_pread_msg(lex->fd, words, bytes, at, stats, false) != static_cast<int64_t>(bytes)) {
-            std::fputs("read failed in get_block_offset_fd\n", stderr);
-            std::memset(words, 0xFF, sizeof words);
-        }
-    }
-    if (block == 0) return {0, load_be32(from)};
-    return {load_be32(from), load_be32(from + 4)};
-}
-
-int fclex_check_extent(const FCLEX* lex, const fclex_extent& extent) {
-    if (!fclex_in_file(lex)) {
-        const uint64_t end = static_cast<uint64_t>(lex->blocks - lex->body) + extent.end;
-        const bool fits = lex->body_limit == 0 || end <= lex->body_limit;
-        return extent.start <= extent.end && fits ? 0 : WARM_RC_CORRUPT;
-    }
-    if (extent.start == FCLEX_BAD_OFFSET) return WARM_RC_READ;
-    if (extent.end < extent.start) return WARM_RC_CORRUPT;
-    if (extent.size() > lex->block_cache_size) {
-        std::fputs("error trying to read invalid block size in _get_block_from_offsets_fd\n", stderr);
-        return extent.end == FCLEX_BAD_OFFSET ? WARM_RC_READ : WARM_RC_CORRUPT;
-    }
-    return 0;
+    const uint64_t size = 4 * std::min(reader->count - first, wanted);
+    const int64_t got =
+        st_timed_pread_msg(reader->fd, reader->run, size, reader->table_offset + 4 * first, reader->stats, false);
+    reader->first = static_cast<uint32_t>(first);
+    reader->held = got < 0 ? 0 : static_cast<uint32_t>(got / 4);
+    if (bo_reader_holds(*reader, block)) return 0;
+    std::fputs("read failed in get_block_offset_fd\n", stderr);
+    return read_status(got);
 }
 
 int fclex_fetch_block(FCLEX* lex, uint64_t block, st_query_info_t* stats, std::span<const uint8_t>* bytes) {
     fclex_check(lex);
-    const fclex_extent extent = fclex_block_extent(lex, block, stats);
-    ST_TRY(fclex_check_extent(lex, extent));
-    if (!fclex_in_file(lex)) {
-        *bytes = {lex->blocks + extent.start, extent.size()};
-        return 0;
-    }
-    const uint64_t blocks = static_cast<uint64_t>(lex->fclex_offset) + fclex_blocks_offset(fclex_block_count(lex));
-    if (st_timed_pread_msg(lex->fd, lex->block_cache, extent.size(), blocks + extent.start, stats, false) !=
-        static_cast<int64_t>(extent.size())) {
-        std::fputs("error preading block from offsets\n", stderr);
-        return WARM_RC_READ;
-    }
+    const uint64_t block_count = fclex_block_count(lex);
+    ST_ASSERT(block < block_count);
+    if (!fclex_in_file(lex)) return fclex_block_in_memory(lex, block, bytes);
+    const auto body = static_cast<uint64_t>(lex->fclex_offset);
+    bo_reader_t ends(lex->fd, body, block_count, stats);
+    fclex_extent extent;
+    if (bo_reader_get(&ends, block, 2, &extent) != 0) return WARM_RC_READ;
+    ST_TRY(fclex_check_file_extent(extent, lex->block_cache_size));
+    const uint64_t at = body + fclex_blocks_offset(block_count) + extent.start;
     *bytes = {lex->block_cache, extent.size()};
-    return 0;
+    if (st_timed_pread_msg(lex->fd, lex->block_cache, extent.size(), at, stats, false) == int64_t{extent.size()})
+        return 0;
+    std::fputs("error preading block from offsets\n", stderr);
+    return WARM_RC_READ;
 }
 
 int fclex_next_term_checked(fclex_block_cursor* cursor, char* text) {
-    const uint8_t* at = cursor->at;
-    const uint8_t* end = cursor->end;
-    uint32_t shared = 0;
-    if (cursor->position != 0) {
-        const uint32_t used = vbe_decode_bounded(&shared, at, end);
-        if (used == 0) return WARM_RC_CORRUPT;
-        if (shared > FCLEX_MAX_PREFIX) return WARM_RC_FAILED;
-        if (shared > cursor->length) return WARM_RC_CORRUPT;
-        at += used;
-    }
-    uint64_t rest;
-    if (cursor->position != 0 && cursor->position == cursor->last_position) {
-        rest = static_cast<uint64_t>(end - at);
-    } else {
-        uint32_t stored;
-        const uint32_t used = vbe_decode_bounded(&stored, at, end);
-        if (used == 0) return WARM_RC_CORRUPT;
-        at += used;
-        if (stored > static_cast<uint64_t>(end - at)) return WARM_RC_CORRUPT;
-        rest = stored;
-    }
-    const uint64_t kept = std::min<uint64_t>(rest, ST_MAX_TERM_LENGTH - shared);
+    uint32_t shared, rest;
+    const uint8_t* const at =
+        fclex_decode_numbers(cursor->at, cursor->end, cursor->position, cursor->last_position, &shared, &rest);
+    if (at == nullptr) return WARM_RC_CORRUPT;
+    if (shared > FCLEX_MAX_PREFIX) return WARM_RC_FAILED;
+    if (shared > cursor->length) return WARM_RC_CORRUPT;
+    const uint32_t kept = std::min(rest, ST_MAX_TERM_LENGTH - shared);
     std::memcpy(text + shared, at, kept);
-    cursor->length = shared + static_cast<uint32_t>(kept);
+    cursor->length = shared + kept;
     text[cursor->length] = '\0';
     cursor->at = at + rest;
     cursor->position++;

@@ -7,8 +7,9 @@
 //   0            4                          terms               never 0
 //   4            4                          tperb               terms per block, never 0
 //   8            4                          uncompressed_size   reported, never interpreted
-//   12           4 x B                      block_end[B]        B = terms / tperb, rounded up; counted from the first
-//   block 12 + 4 x B   block_end[B - 1]           the blocks, back to back; block i starts where block i - 1 ends
+//   12           4 x B                      block_end[B]        B = terms / tperb, rounded up; counted from where the
+//                                                               first block starts
+//   12 + 4 x B   block_end[B - 1]           the blocks, back to back; block i starts where block i - 1 ends
 //
 // Block i holds terms i x tperb and up, in ascending order. Lengths are VBE numbers (libzero/vbe.h), text is raw bytes.
 // With p the length of the longest prefix shared with the term before, and s the length of the rest:
@@ -60,8 +61,7 @@ struct st_fclex_handle {
     int64_t fclex_offset = -1;               // file mode: where the body begins in the file
     uint8_t* block_cache = nullptr;          // file mode: room for the largest legal block
     uint64_t block_cache_size = 0;           // file mode: tperb * 2052
-    // Appended to the fields that the handle has always had:
-    uint64_t body_limit = 0;  // memory mode: bytes of the body that may be touched; 0 = unlimited
+    uint64_t body_limit = 0;                 // memory mode: bytes of the body that may be touched; 0 = unlimited
     buffer<uint8_t> owned_body;
     buffer<uint8_t> owned_cache;
     // File mode: the first terms that earlier lookups met at the top of the binary search (fclex_lookup.cc).
@@ -100,22 +100,25 @@ struct fclex_closer {
 using fclex_ptr = std::unique_ptr<FCLEX, fclex_closer>;
 
 // The id of a term. A key longer than 2047 bytes stands for its first 2047. -1 when an argument is null, the term is
-// absent or the search for its block failed; -8 when its block cannot be fetched, -12 when the block is damaged.
+// absent or the search for its block failed; WARM_RC_READ when its block cannot be fetched, WARM_RC_CORRUPT when the
+// block is damaged.
 // `stats` is an optional record into which file reads are accounted, here and below.
 int32_t st_fclex_get(FCLEX* lex, const char* text, st_query_info_t* stats);
 
-// st_fclex_get that tells "absent" from "unreadable": 0 and the id, -38 for a term that is not there, or the failure
-// (-8 for a read, -12 for damage, -14 for a null handle, -37 for a null text).
-int _fclex_get_with_status(FCLEX* lex, const char* text, uint32_t* id, st_query_info_t* stats, warm_rc_t* rc);
+// st_fclex_get that tells "absent" from "unreadable": 0 and the id, WARM_RC_NOT_FOUND for a term that is not there,
+// or the failure: WARM_RC_READ, CORRUPT, NO_LEXICON for a null handle, INVALID_ARGUMENT for a null text.
+[[nodiscard]] int _fclex_get_with_status(FCLEX* lex, const char* text, uint32_t* id, st_query_info_t* stats,
+                                         warm_rc_t* rc);
 
-// Copies the text of a term, NUL-terminated, to `out`, which holds 2048 bytes or more (else -37). -15 for an id that is
-// not below the number of terms, -8 when its block cannot be fetched, -38 when the block is damaged.
-int st_fclex_get_term_from_id(FCLEX* lex, uint32_t id, char* out, size_t out_size, st_query_info_t* stats,
-                              warm_rc_t* rc);
+// Copies the text of a term, NUL-terminated, to `out`, which holds 2048 bytes or more (else WARM_RC_INVALID_ARGUMENT).
+// WARM_RC_CAPACITY for an id that is not below the number of terms, WARM_RC_READ when its block cannot be fetched,
+// WARM_RC_NOT_FOUND when the block is damaged.
+[[nodiscard]] int st_fclex_get_term_from_id(FCLEX* lex, uint32_t id, char* out, size_t out_size, st_query_info_t* stats,
+                                            warm_rc_t* rc);
 
 // Walks the terms that begin with `prefix` (all terms when it is null or empty) in ascending order. The total of the
-// callback's results; -1 when the callback stopped the walk. Failures: -14 for a null handle, -8 for a block that
-// cannot be fetched, -12 for damage, -1 for a shared prefix above 2046, -2 when memory is short; the terms before the
+// callback's results; -1 when the callback stopped the walk. Failures: WARM_RC_NO_LEXICON for a null handle, READ for
+// a block that cannot be fetched, CORRUPT for damage, -1 for a shared prefix above 2046, NO_MEMORY; the terms before the
 // failing place have been handed out. Memory is constant: a file is read in pieces of up to 128 KiB, more only for a
 // block that is itself larger. The callback may use the same handle.
 int64_t st_fclex_apply(FCLEX* lex, const char* prefix, st_term_fn fn, void* context, st_query_info_t* stats);

@@ -20,31 +20,6 @@ bool ascends(text_span a, text_span b, uint32_t common) {
     return common == a.size() || a[common] < b[common];
 }
 
-// Appends to the blocks area. Its room is proved before each term is written.
-struct block_writer {
-    uint8_t* blocks;
-    uint64_t capacity;
-    uint64_t used = 0;
-
-    void reserve(uint64_t size) const { ST_ASSERT(size <= capacity - used); }
-    void put_number(uint32_t value) { used += st_encode_to_vbe(blocks + used, value); }
-    void put_text(text_span text) {
-        if (!text.empty()) std::memcpy(blocks + used, text.data(), text.size());
-        used += text.size();
-    }
-};
-
-void put_term(block_writer* out, text_span term, uint32_t common, uint32_t position, uint32_t tperb) {
-    const text_span rest = term.subspan(position == 0 ? 0 : common);
-    const auto rest_length = static_cast<uint32_t>(rest.size());
-    const bool has_prefix = position != 0;
-    const bool has_length = position == 0 || position != tperb - 1;
-    out->reserve((has_prefix ? vbe_length(common) : 0) + (has_length ? vbe_length(rest_length) : 0) + rest.size());
-    if (has_prefix) out->put_number(common);
-    if (has_length) out->put_number(rest_length);
-    out->put_text(rest);
-}
-
 }  // namespace
 
 // A term of up to 16383 bytes needs at most two numbers of two bytes; a longer one at most six bytes more.
@@ -66,7 +41,8 @@ FCLEX* st_fclex_create(void* body, uint64_t size, const char* const* sorted_term
     header->uncompressed_size.set(uncompressed_size);
 
     uint8_t* block_end = bytes + FCLEX_HEADER_SIZE;
-    block_writer out = {bytes + blocks_offset, size - blocks_offset};
+    uint8_t* const blocks = bytes + blocks_offset;
+    uint64_t used = 0;
     text_span previous;
     uint32_t position = 0;
     for (uint32_t i = 0; i < num_terms; i++) {
@@ -75,16 +51,25 @@ FCLEX* st_fclex_create(void* body, uint64_t size, const char* const* sorted_term
         const uint32_t common = _lcp(previous, term);
         if (i != 0 && !ascends(previous, term, common)) return nullptr;
         if (position == tperb) {
-            store_be32(block_end, static_cast<uint32_t>(out.used));
+            store_be32(block_end, static_cast<uint32_t>(used));
             block_end += 4;
             position = 0;
         }
-        put_term(&out, term, common, position++, tperb);
-        if (out.used > FCLEX_BAD_OFFSET) return nullptr;
+        const text_span rest = term.subspan(position == 0 ? 0 : common);
+        const uint64_t room = size - blocks_offset - used;
+        uint8_t aside[FCLEX_MAX_NUMBERS];
+        uint8_t* const numbers = room < sizeof aside ? aside : blocks + used;
+        const uint32_t coded =
+            fclex_encode_numbers(numbers, position++, tperb - 1, common, static_cast<uint32_t>(rest.size()));
+        ST_ASSERT(coded + rest.size() <= room);
+        if (numbers == aside) std::memcpy(blocks + used, aside, coded);
+        if (!rest.empty()) std::memcpy(blocks + used + coded, rest.data(), rest.size());
+        used += coded + rest.size();
+        if (used > UINT32_MAX) return nullptr;
         previous = term;
     }
-    store_be32(block_end, static_cast<uint32_t>(out.used));
-    return _fclex_open_bounded({bytes, blocks_offset + out.used});
+    store_be32(block_end, static_cast<uint32_t>(used));
+    return _fclex_open_bounded({bytes, blocks_offset + used});
 }
 
 }  // namespace veldar

@@ -8,18 +8,17 @@
 #include <new>
 #include <utility>
 
-#include "searchthing/lexicon/fclex_internal.h"
 #include "searchthing/base/timed_read.h"
+#include "searchthing/lexicon/fclex_internal.h"
 
 namespace veldar {
 
 namespace {
 
 constexpr uint64_t MAX_U32 = std::numeric_limits<uint32_t>::max();
-constexpr uint64_t MIN_READER_CACHE = uint64_t{1} << 20;
+constexpr uint64_t READER_PIECE = uint64_t{1} << 20;
 constexpr uint64_t MAX_READER_CACHE = uint64_t{1} << 30;
-constexpr uint64_t CACHE_BYTES_PER_TERM = 2052;
-constexpr size_t MAX_CODED_TERM = 2 * VBE_MAX_BYTES + ST_TERM_BUFFER_SIZE + LEX_SLACK;
+constexpr size_t MAX_CODED_TERM = FCLEX_MAX_NUMBERS + ST_TERM_BUFFER_SIZE + LEX_SLACK;
 
 std::span<const uint8_t> bytes_of(const char* text, size_t length) {
     return {reinterpret_cast<const uint8_t*>(text), length};
@@ -186,9 +185,7 @@ int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t c
     uint64_t* const room = free_space(writer->pages->tail->item);
     const bool fits = *room >= MAX_CODED_TERM;
     uint8_t* const coded = fits ? writer->page_at : aside;
-    uint32_t size = 0;
-    if (position != 0) size += st_encode_to_vbe(coded, common);
-    if (position == 0 || position != tperb - 1) size += st_encode_to_vbe(coded + size, length - start);
+    uint32_t size = fclex_encode_numbers(coded, position, tperb - 1, common, length - start);
     copy_padded(coded + size, term.data() + start, length - start);
     size += length - start;
     if (fits) {
@@ -220,25 +217,6 @@ int _lex_writer_close(bool verbose, lex_writer_t* writer, int fd, uint64_t offse
     return status;
 }
 
-int bo_reader_get(bo_reader_t* reader, uint32_t block, uint32_t* start, uint32_t* end, warm_rc_t* rc) {
-    ST_ASSERT(block < reader->count);
-    const uint32_t first = block == 0 ? 0 : block - 1;
-    if (first < reader->first || block - reader->first >= reader->held) {
-        reader->held = 0;
-        const uint32_t count = std::min(reader->count - first, bo_reader_t::RUN);
-        const uint64_t offset = reader->table_offset + uint64_t{4} * first;
-        if (const int status = _pread_verify(reader->fd, reader->run, 4 * count, offset, "bo_reader_get")) {
-            return _set_rc_msg(rc, status, "bo_reader_get");
-        }
-        reader->first = first;
-        reader->held = count;
-    }
-    *start = block == 0 ? 0 : load_be32(reader->run + 4 * (first - reader->first));
-    *end = load_be32(reader->run + 4 * (block - reader->first));
-    if (*end < *start) return _set_rc_verbose(rc, WARM_RC_CORRUPT, block, "block ends do not ascend");
-    return 0;
-}
-
 int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset) {
     *reader = {};
     if (body_offset < 0) return WARM_RC_INVALID_ARGUMENT;
@@ -246,56 +224,29 @@ int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset) {
     const auto offset = static_cast<uint64_t>(body_offset);
     ST_TRY(_pread_verify(fd, &header, sizeof header, offset, "_lex_reader_open"));
     if (header.terms.get() == 0 || header.tperb.get() == 0) return WARM_RC_ZERO_TERMS;
-    const uint64_t cache_size = std::max(MIN_READER_CACHE, header.tperb.get() * CACHE_BYTES_PER_TERM);
-    if (cache_size > MAX_READER_CACHE || !reader->cache.alloc(cache_size + LEX_SLACK)) return WARM_RC_NO_MEMORY;
-    reader->cache_size = cache_size;
     reader->fd = fd;
     reader->body_offset = body_offset;
     reader->terms = header.terms.get();
     reader->tperb = header.tperb.get();
+    if (reader->tperb * FCLEX_MAX_TERM_BYTES > MAX_READER_CACHE) return WARM_RC_NO_MEMORY;
     reader->num_blocks = static_cast<uint32_t>(fclex_block_count(reader->terms, reader->tperb));
-    reader->blocks_offset = offset + fclex_blocks_offset(reader->num_blocks);
-    reader->offsets.fd = fd;
-    reader->offsets.table_offset = offset + FCLEX_HEADER_SIZE;
-    reader->offsets.count = reader->num_blocks;
+    reader->blocks = {fd, offset, reader->num_blocks, reader->tperb, {READER_PIECE, READER_PIECE}, nullptr};
     return 0;
 }
 
 const uint8_t* _lex_reader_get(lex_reader_t* reader, uint32_t bid, warm_rc_t* rc) {
     ST_ASSERT(bid < reader->num_blocks);
-    uint32_t start, end;
-    if (bo_reader_get(&reader->offsets, bid, &start, &end, rc) != 0) return nullptr;
-    if (bid < reader->cached_block || bid - reader->cached_block >= reader->cached_count) {
-        reader->cached_count = 0;
-        uint32_t num2read = 0;
-        uint32_t run_end = start;
-        for (uint32_t next_end = end; next_end - start <= reader->cache_size;) {
-            num2read++;
-            run_end = next_end;
-            if (num2read == reader->num_blocks - bid) break;
-            uint32_t next_start;
-            if (bo_reader_get(&reader->offsets, bid + num2read, &next_start, &next_end, rc) != 0) return nullptr;
-        }
-        if (num2read == 0) {
-            _set_rc_verbose(rc, WARM_RC_CORRUPT, bid, "surpassed cache size in _lex_reader_get");
-            return nullptr;
-        }
-        const uint64_t size = run_end - start;
-        if (const int status = _pread_verify(reader->fd, reader->cache.data(), size, reader->blocks_offset + start,
-                                             "_lex_reader_get")) {
-            _set_rc_verbose(rc, status, bid, "_lex_reader_get");
-            return nullptr;
-        }
-        reader->cached_block = bid;
-        reader->cached_count = num2read;
-        reader->cached_start = start;
-        reader->cached_bytes = size;
-    }
-    if (start < reader->cached_start || end - reader->cached_start > reader->cached_bytes) {
-        _set_rc_verbose(rc, WARM_RC_CORRUPT, bid, "surpassed cache size in _lex_reader_get");
+    std::span<const uint8_t> bytes;
+    if (const int status = reader->blocks.get(bid, &bytes)) {
+        const bool damaged = status == WARM_RC_CORRUPT;
+        _set_rc_verbose(rc, status, bid, damaged ? "surpassed cache size in _lex_reader_get" : "_lex_reader_get");
         return nullptr;
     }
-    return reader->cache.data() + (start - reader->cached_start);
+    reader->block = bid;
+    reader->position = 0;
+    reader->at = bytes.data();
+    reader->end = bytes.data() + bytes.size();
+    return reader->at;
 }
 
 int _lex_reader_get_size(lex_reader_t* reader, uint64_t* size) {
@@ -315,34 +266,16 @@ namespace {
 
 int start_block(lex_reader_t* reader, uint32_t block) {
     warm_rc_t rc;
-    uint32_t start, end;
-    reader->at = _lex_reader_get(reader, block, &rc);
-    if (reader->at == nullptr) return rc.warm_rc;
-    ST_TRY(bo_reader_get(&reader->offsets, block, &start, &end, &rc));
-    reader->end = reader->at + (end - start);
-    reader->block = block;
-    reader->position = 0;
-    return 0;
+    return _lex_reader_get(reader, block, &rc) == nullptr ? rc.warm_rc : 0;
 }
 
 // Decodes the next term of the block on top of the one before, which may be the last of another block. A foreign writer
 // may have stored fewer shared bytes than there are: `common` counts them all.
 int decode_term(lex_reader_t* reader, bool has_previous) {
-    const uint8_t* at = reader->at;
-    const uint8_t* const end = reader->end;
-    uint32_t shared = 0, rest;
-    if (reader->position != 0) {
-        const uint32_t used = vbe_decode_bounded(&shared, at, end);
-        if (used == 0 || shared > reader->length) return WARM_RC_CORRUPT;
-        at += used;
-    }
-    if (reader->position != 0 && reader->position == reader->tperb - 1) {
-        rest = static_cast<uint32_t>(end - at);
-    } else {
-        const uint32_t used = vbe_decode_bounded(&rest, at, end);
-        if (used == 0 || rest > end - at - used) return WARM_RC_CORRUPT;
-        at += used;
-    }
+    uint32_t shared, rest;
+    const uint8_t* const at =
+        fclex_decode_numbers(reader->at, reader->end, reader->position, reader->tperb - 1, &shared, &rest);
+    if (at == nullptr || shared > reader->length) return WARM_RC_CORRUPT;
     if (rest > ST_MAX_TERM_LENGTH - shared) return WARM_RC_CORRUPT;
 
     uint32_t more = 0;

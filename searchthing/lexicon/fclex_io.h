@@ -15,6 +15,7 @@
 #include "searchthing/base/list.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/lexicon/fclex.h"
+#include "searchthing/lexicon/fclex_stream_internal.h"
 
 namespace veldar {
 
@@ -45,35 +46,22 @@ struct lex_writer_t {
 };
 
 // Starts a body of `tperb` terms a block. A page takes `page_size` bytes, at least 9 (asserted; 0 for 1 MiB).
-// `expected_terms` is a hint. 0, or -2 with nothing allocated.
-int _lex_writer_open(bool verbose, lex_writer_t* writer, uint32_t tperb, uint64_t page_size, uint32_t expected_terms);
+// `expected_terms` is a hint. 0, or WARM_RC_NO_MEMORY with nothing allocated.
+[[nodiscard]] int _lex_writer_open(bool verbose, lex_writer_t* writer, uint32_t tperb, uint64_t page_size,
+                                   uint32_t expected_terms);
 
 // Appends a term of at most 2047 bytes, which need not be terminated. 0, also when it equals the term before and is
-// left out; -2; -36 when a number of the body would pass 32 bits or the term is longer; -37 for a term below the one
-// before. After a failure the writer can only be closed or dropped.
-int _lex_writer_put(lex_writer_t* writer, const char* term, size_t length);
+// left out; WARM_RC_NO_MEMORY; WARM_RC_DOES_NOT_FIT when a number of the body would pass 32 bits or the term is longer;
+// WARM_RC_INVALID_ARGUMENT for a term below the one before. After a failure the writer can only be closed or dropped.
+[[nodiscard]] int _lex_writer_put(lex_writer_t* writer, const char* term, size_t length);
 
-// Writes the body at `offset` of a file, tells where it ends and frees what the writer holds. 0, -9 with errno set, or
-// -36. Without terms it writes a header that no reader accepts.
-int _lex_writer_close(bool verbose, lex_writer_t* writer, int fd, uint64_t offset, uint64_t* end_offset);
+// Writes the body at `offset` of a file, tells where it ends and frees what the writer holds. 0, WARM_RC_WRITE with
+// errno set, or WARM_RC_DOES_NOT_FIT. Without terms it writes a header that no reader accepts.
+[[nodiscard]] int _lex_writer_close(bool verbose, lex_writer_t* writer, int fd, uint64_t offset, uint64_t* end_offset);
 
 inline uint64_t lex_writer_buf_sz(const lex_writer_t* writer) {
     return writer->_page_sz - sizeof(uint64_t);
 }
-
-// The block ends of a body, read in runs of 1024.
-struct bo_reader_t {
-    static constexpr uint32_t RUN = 1024;
-    int fd = -1;
-    uint64_t table_offset = 0;  // of entry 0 in the file
-    uint32_t count = 0;         // entries in the table
-    uint32_t first = 0;         // the entry that the run begins with
-    uint32_t held = 0;          // entries in the run
-    uint8_t run[RUN * 4] = {};
-};
-// Where a block (below `count`) begins and ends in the blocks area. 0, -8, -48, -49, or -12 when the ends do not
-// ascend.
-int bo_reader_get(bo_reader_t* reader, uint32_t block, uint32_t* start, uint32_t* end, warm_rc_t* rc);
 
 // A walk over the terms of a body in a file, each with what it shares with the one before.
 struct lex_reader_t {
@@ -82,14 +70,7 @@ struct lex_reader_t {
     uint32_t terms = 0;
     uint32_t tperb = 0;
     uint32_t num_blocks = 0;
-    uint64_t blocks_offset = 0;  // of the blocks area in the file
-    bo_reader_t offsets;
-    buffer<uint8_t> cache;      // whole blocks and LEX_SLACK
-    uint64_t cache_size = 0;    // bytes of blocks that it takes
-    uint32_t cached_block = 0;  // the first block held
-    uint32_t cached_count = 0;
-    uint32_t cached_start = 0;  // of the first block held, in the blocks area
-    uint64_t cached_bytes = 0;
+    fclex_block_reader blocks;
 
     uint32_t cursor = 0;           // id of the current term; `terms` at the end
     uint32_t block = 0;            // the block behind `at`
@@ -101,29 +82,29 @@ struct lex_reader_t {
     char term[ST_TERM_BUFFER_SIZE + LEX_SLACK] = {};  // the current term; not terminated
 };
 
-// Opens the body at `body_offset`. The cache takes 1 MiB of blocks, or one block of the longest terms when that is
-// more. 0; -39 for a body without terms or terms per block; -2, also for a body whose blocks may pass 1 GiB; -8, -48,
-// -49. The cursor is 0, and its term is not decoded yet.
-int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset);
+// Opens the body at `body_offset`. Blocks are read in pieces of 1 MiB, or one block when that is more. 0;
+// WARM_RC_ZERO_TERMS for a body without terms or terms per block; WARM_RC_NO_MEMORY for one whose blocks may pass 1 GiB;
+// a failed read's READ, SHORT_READ or END_OF_FILE. The cursor is 0, and its term is not decoded yet.
+[[nodiscard]] int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset);
 
-// The bytes of a block (below `num_blocks`, asserted), in the cache until the next call; with those behind it as far as
-// they fit, when it has to be read. Null with -8, -48, -49 or -12.
+// Goes to the start of a block (below `num_blocks`, asserted): its bytes, until the next call. Null with
+// WARM_RC_NO_MEMORY, CORRUPT or a read's failure.
 const uint8_t* _lex_reader_get(lex_reader_t* reader, uint32_t block, warm_rc_t* rc);
 
-// The size of the body in bytes. 0, -8, -48, -49.
-int _lex_reader_get_size(lex_reader_t* reader, uint64_t* size);
+// The size of the body in bytes. 0, or a read's failure.
+[[nodiscard]] int _lex_reader_get_size(lex_reader_t* reader, uint64_t* size);
 
-// Frees the cache; the descriptor stays the caller's.
+// Frees the pieces; the descriptor stays the caller's.
 void _lex_reader_close(lex_reader_t* reader);
 
-// Decodes the term at the cursor, from the start of its block. 0, a failure of _lex_reader_get, or -12 when the cursor
-// is at the end, the block is damaged, or the term is longer than 2047 bytes.
-int _reload_term(lex_reader_t* reader);
+// Decodes the term at the cursor, from the start of its block. 0, a failure of _lex_reader_get, or WARM_RC_CORRUPT when
+// the cursor is at the end, the block is damaged, or the term is longer than 2047 bytes.
+[[nodiscard]] int _reload_term(lex_reader_t* reader);
 
 // Advances and decodes the next term, on top of the current one. 0, also when that was the last and the cursor is now
-// at the end; -1 when it was there already; a failure of _reload_term, and -12 for a term that is not above the one
-// before.
-int _increment_cursor(lex_reader_t* reader);
+// at the end; WARM_RC_FAILED when it was there already; a failure of _reload_term, and WARM_RC_CORRUPT for a term that
+// is not above the one before.
+[[nodiscard]] int _increment_cursor(lex_reader_t* reader);
 
 // Merges up to 64 (asserted) bodies, each in a file of its own or not, into an open writer, in one pass over each.
 //
@@ -133,8 +114,7 @@ int _increment_cursor(lex_reader_t* reader);
 //   writer              is opened here and left open: _lex_writer_close puts the body where it belongs
 //   merged_count        terms of the merged body
 //   source_bitmaps      bit k of entry i tells that source k has the merged term i; allocated here, 32 bits wide up to
-//   32
-//                       sources, with as many entries as the sources have terms
+//                       32 sources, with as many entries as the sources have terms
 //   body_end_offsets    where each source's body ends in its file, `src_sz` of them
 //   old2new             null, or for each source null or an array of as many entries as its body has terms (the first
 //                       word of the body; callers that size it by another count must compare first): the merged id of
@@ -142,15 +122,16 @@ int _increment_cursor(lex_reader_t* reader);
 //   passed_over         null, or for each source none or as many bits as it has terms: those set stay out, as if the
 //                       source had no such term
 //
-// The code is also left in `rc`, with the source as detail: what the readers and the writer report, -12 also for a body
-// that is longer than its file. On failure the writer and the bitmaps hold nothing.
-int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, uint32_t src_sz,
-                     uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer, uint32_t* merged_count,
-                     bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new, warm_rc_t* rc,
-                     const std::vector<bool>* passed_over = nullptr);
+// The code is also left in `rc`, with the source as detail: what the readers and the writer report,
+// WARM_RC_CORRUPT also for a body that is longer than its file. On failure the writer and the bitmaps hold nothing.
+[[nodiscard]] int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, uint32_t src_sz,
+                                   uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer,
+                                   uint32_t* merged_count, bmap_array_t* source_bitmaps, uint64_t* body_end_offsets,
+                                   uint32_t* const* old2new, warm_rc_t* rc,
+                                   const std::vector<bool>* passed_over = nullptr);
 
 // _lex_writer_put of a term of which the caller knows how many leading bytes it shares with the one before, and behind
 // which LEX_SLACK bytes may be read.
-int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t common);
+[[nodiscard]] int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t common);
 
 }  // namespace veldar

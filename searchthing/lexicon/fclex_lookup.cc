@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "searchthing/base/warmslice_util.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/lexicon/fclex_internal.h"
-#include "searchthing/base/warmslice_util.h"
 
 namespace veldar {
 
@@ -44,18 +44,21 @@ class top_terms {
 // for.
 class first_term_reader {
   public:
-    first_term_reader(FCLEX* lex, st_query_info_t* stats) : lex_(lex), stats_(stats) {}
+    first_term_reader(FCLEX* lex, st_query_info_t* stats)
+        : lex_(lex), ends_(lex->fd, static_cast<uint64_t>(lex->fclex_offset), fclex_block_count(lex), stats) {}
 
     // The first term of a block, cut to 2047 bytes, valid until the next call. All further calls of the search ask for
     // blocks from `low` to `high`. Where the block ends does not matter.
     int read(uint64_t block, uint64_t low, uint64_t high, std::span<const uint8_t>* term) {
         std::span<const uint8_t> bytes;
         if (!fclex_in_file(lex_)) {
-            ST_TRY(from_memory(fclex_block_extent(lex_, block, stats_), &bytes));
+            ST_TRY(from_memory(block, &bytes));
             return decode(bytes, term) ? 0 : WARM_RC_CORRUPT;
         }
-        const fclex_extent extent = extent_of(block, low, high);
-        if (extent.start == FCLEX_BAD_OFFSET) return WARM_RC_READ;
+        fclex_extent extent;
+        const bool few = high - low + 2 <= WINDOW_ENTRIES && !bo_reader_holds(ends_, block);
+        if (few && bo_reader_get(&ends_, low, high - low + 2, &extent) != 0) return WARM_RC_READ;
+        if (bo_reader_get(&ends_, block, 2, &extent) != 0) return WARM_RC_READ;
         if (extent.start >= probe_start_ && extent.end <= probe_end_ && decode(probed(extent), term)) return 0;
         ST_TRY(probe(extent));
         return decode(probed(extent), term) ? 0 : WARM_RC_CORRUPT;
@@ -74,33 +77,13 @@ class first_term_reader {
     }
 
     // A body without a limit has nothing but the block's end to say where its bytes end.
-    int from_memory(const fclex_extent& extent, std::span<const uint8_t>* bytes) const {
-        if (lex_->body_limit == 0) {
-            ST_TRY(fclex_check_extent(lex_, extent));
-            *bytes = {lex_->blocks + extent.start, extent.size()};
-            return 0;
-        }
-        const uint64_t at = static_cast<uint64_t>(lex_->blocks - lex_->body) + extent.start;
+    int from_memory(uint64_t block, std::span<const uint8_t>* bytes) const {
+        if (lex_->body_limit == 0) return fclex_block_in_memory(lex_, block, bytes);
+        const uint32_t start = fclex_extent_at(lex_->block_offsets + 4 * block, block).start;
+        const uint64_t at = static_cast<uint64_t>(lex_->blocks - lex_->body) + start;
         if (at > lex_->body_limit) return WARM_RC_CORRUPT;
         *bytes = {lex_->body + at, lex_->body_limit - at};
         return 0;
-    }
-
-    fclex_extent extent_of(uint64_t block, uint64_t low, uint64_t high) {
-        const uint64_t first = low == 0 ? 0 : low - 1;
-        if (window_count_ == 0 && high - first < WINDOW_ENTRIES) load_window(first, high - first + 1);
-        const uint64_t k = block - window_first_;
-        if (block == 0 || k == 0 || k >= window_count_) return fclex_block_extent(lex_, block, stats_);
-        return {load_be32(window_ + 4 * (k - 1)), load_be32(window_ + 4 * k)};
-    }
-
-    // A window that cannot be read stays empty: the single read that follows reports why.
-    void load_window(uint64_t first, uint64_t count) {
-        const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + FCLEX_HEADER_SIZE + 4 * first;
-        if (st_timed_pread_msg(lex_->fd, window_, 4 * count, at, stats_, false) != static_cast<int64_t>(4 * count))
-            return;
-        window_first_ = first;
-        window_count_ = count;
     }
 
     // Reads the bytes at the start of a block into the block cache. Always the whole probe, which may pass the end of
@@ -109,7 +92,7 @@ class first_term_reader {
         if (lex_->block_cache_size < PROBE_SIZE) return WARM_RC_FAILED;
         const uint64_t blocks = fclex_blocks_offset(fclex_block_count(lex_));
         const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + blocks + extent.start;
-        const int64_t got = st_timed_pread_msg(lex_->fd, lex_->block_cache, PROBE_SIZE, at, stats_, false);
+        const int64_t got = st_timed_pread_msg(lex_->fd, lex_->block_cache, PROBE_SIZE, at, ends_.stats, false);
         probe_start_ = extent.start;
         probe_end_ = extent.start + (got < 0 ? 0 : static_cast<uint64_t>(got));
         return got < 1 ? WARM_RC_READ : 0;
@@ -122,10 +105,8 @@ class first_term_reader {
     }
 
     FCLEX* lex_;
-    st_query_info_t* stats_;
+    bo_reader_t ends_;
     uint64_t probe_start_ = 0, probe_end_ = 0;  // in the blocks area
-    uint64_t window_first_ = 0, window_count_ = 0;
-    uint8_t window_[4 * WINDOW_ENTRIES];
 };
 
 // The id of a text. The result is what st_fclex_get reports; `rc` tells an absent term from an unreadable one.

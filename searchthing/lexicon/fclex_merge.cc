@@ -86,7 +86,7 @@ class loser_tree {
 // Every term takes a byte of its blocks at least, so a count of terms that passes this is bounded by the file's size.
 int check_size(const lex_reader_t* reader, uint64_t size) {
     const auto offset = static_cast<uint64_t>(reader->body_offset);
-    const uint64_t blocks = size - (reader->blocks_offset - offset);
+    const uint64_t blocks = size - fclex_blocks_offset(reader->num_blocks);
     uint64_t file_size = 0;
     const bool fits = osfile_get_size(reader->fd, &file_size) == 0 && offset + size <= file_size;
     return fits && reader->terms <= blocks ? 0 : WARM_RC_CORRUPT;

@@ -1,4 +1,4 @@
-// Hands out a lexicon's blocks in order, read in large pieces: what walks and cursors share.
+// A lexicon's blocks in order, read in large pieces, and the terms in them: what walks, cursors and merges share.
 #pragma once
 
 #include <algorithm>
@@ -7,8 +7,8 @@
 #include <span>
 
 #include "libzero/resource.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/lexicon/fclex_internal.h"
-#include "searchthing/base/warmslice_util.h"
 
 namespace veldar {
 
@@ -16,111 +16,102 @@ inline constexpr uint64_t FCLEX_MAX_PIECE = uint64_t{128} << 10;
 
 // Bytes of the first read and of the largest; reads in between double.
 struct fclex_stream_sizes {
-    uint64_t first;
-    uint64_t largest;
+    uint64_t first = 0;
+    uint64_t largest = 0;
 };
 
-// Hands out the blocks from `first_block` on. In memory they are where they are; from a file they come in large pieces,
-// through buffers of the walk's own, so that the callback may look terms up in the same handle.
-class fclex_block_stream {
+// Hands out the blocks of a body in a file, through a buffer of its own: the callback of a walk may look terms up in
+// the same handle.
+class fclex_block_reader {
   public:
-    fclex_block_stream(FCLEX* lex, uint64_t first_block, fclex_stream_sizes sizes, st_query_info_t* stats)
-        : lex_(lex),
-          stats_(stats),
-          block_count_(fclex_block_count(lex)),
-          next_(first_block),
-          max_piece_(sizes.largest),
+    fclex_block_reader() = default;
+    fclex_block_reader(int fd, uint64_t body_offset, uint64_t block_count, uint32_t tperb, fclex_stream_sizes sizes,
+                       st_query_info_t* stats)
+        : ends(fd, body_offset, block_count, stats),
+          blocks_offset_(body_offset + fclex_blocks_offset(block_count)),
+          max_block_(tperb * FCLEX_MAX_TERM_BYTES),
+          largest_(sizes.largest),
           piece_size_(sizes.first) {}
 
-    // Sets the next block's bytes, and the end of the bytes that may be loaded. 0, -8, -12 or -2.
-    int next(std::span<const uint8_t>* bytes, const uint8_t** readable) {
-        if (!fclex_in_file(lex_)) return next_in_memory(bytes, readable);
-        fclex_extent extent;
-        ST_TRY(next_extent(&extent));
-        ST_TRY(fclex_check_extent(lex_, extent));
-        if (extent.start < piece_start_ || extent.end > piece_end_) ST_TRY(load_piece(extent));
-        *bytes = {piece_.data() + (extent.start - piece_start_), extent.size()};
-        *readable = piece_.data() + piece_.size();
-        next_++;
+    // The bytes of a block, valid until the next call. 0, WARM_RC_CORRUPT, WARM_RC_NO_MEMORY, or as bo_reader_get.
+    [[nodiscard]] inline int get(uint64_t block, std::span<const uint8_t>* bytes) {
+        if (!bo_reader_holds(ends, block)) {
+            ST_TRY(bo_reader_load(&ends, block, std::clamp<uint64_t>(piece_size_ / BLOCK_BYTES, 2, bo_reader_t::RUN)));
+        }
+        const fclex_extent extent = bo_reader_extent(ends, block);
+        ST_TRY(fclex_check_file_extent(extent, max_block_));
+        if (extent.start < start_ || extent.end > end_) ST_TRY(load_piece(block, extent));
+        *bytes = {piece_.data() + (extent.start - start_), extent.size()};
         return 0;
     }
+    // The end of the bytes that may be loaded.
+    const uint8_t* readable() const { return piece_.data() + piece_.size(); }
+
+    bo_reader_t ends;
 
   private:
-    static constexpr uint64_t SLACK =
-        64;  // loadable bytes behind a piece, so that its last terms take the fast path too
-    static constexpr uint64_t BLOCK_BYTES_PER_OFFSET = 32;  // how many entries of the offset table go with a piece
+    static constexpr uint64_t SLACK = 64;        // loadable bytes behind a piece, for copies of a fixed size
+    static constexpr uint64_t BLOCK_BYTES = 32;  // a guess: decides how many block ends go with a piece
 
-    int next_in_memory(std::span<const uint8_t>* bytes, const uint8_t** readable) {
-        ST_TRY(fclex_fetch_block(lex_, next_, stats_, bytes));
-        *readable = lex_->body_limit != 0 ? lex_->body + lex_->body_limit : bytes->data() + bytes->size();
-        next_++;
-        return 0;
-    }
-
-    // Entry i of the offset table, which must be one that load_offsets was asked for.
-    uint32_t offset_at(uint64_t i) const {
-        const uint64_t k = i - offsets_start_;
-        return k < offsets_count_ ? load_be32(offsets_.data() + 4 * k) : FCLEX_BAD_OFFSET;
-    }
-
-    int next_extent(fclex_extent* extent) {
-        const uint64_t first = next_ == 0 ? 0 : next_ - 1;
-        if (next_ >= offsets_start_ + offsets_count_) ST_TRY(load_offsets(first));
-        *extent = {next_ == 0 ? 0 : offset_at(first), offset_at(next_)};
-        return 0;
-    }
-
-    // Loads entries from `first` on; those that the file does not give stay absent and read as FCLEX_BAD_OFFSET.
-    int load_offsets(uint64_t first) {
-        const uint64_t count =
-            std::min(block_count_ - first, std::max<uint64_t>(piece_size_ / BLOCK_BYTES_PER_OFFSET, 2));
-        if (offsets_.size() < 4 * count && !offsets_.alloc(4 * count)) return WARM_RC_NO_MEMORY;
-        const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + FCLEX_HEADER_SIZE + 4 * first;
-        const int64_t got = st_timed_pread_msg(lex_->fd, offsets_.data(), 4 * count, at, stats_, false);
-        offsets_start_ = first;
-        offsets_count_ = got < 0 ? 0 : static_cast<uint64_t>(got) / 4;
-        if (offsets_start_ + offsets_count_ <= next_) std::fputs("read failed in get_block_offset_fd\n", stderr);
-        return 0;
-    }
-
-    // The end of the run of blocks behind the next one that fits one piece, as far as the loaded offsets ascend.
-    uint32_t run_end(const fclex_extent& extent) const {
+    // Reads the piece that begins with the block: all that fit, as far as the run of block ends tells and they ascend.
+    // Where the file ends early, the whole blocks before are served.
+    [[gnu::noinline]] int load_piece(uint64_t block, const fclex_extent& extent) {
         uint32_t end = extent.end;
-        for (uint64_t i = next_ + 1; i < offsets_start_ + offsets_count_; i++) {
-            const uint32_t candidate = offset_at(i);
+        while (bo_reader_holds(ends, ++block)) {
+            const uint32_t candidate = bo_reader_extent(ends, block).end;
             if (candidate < end || candidate - extent.start > piece_size_) break;
             end = candidate;
         }
-        return end;
-    }
-
-    // Reads the piece that begins with the next block. Where the file ends early, the whole blocks before are served.
-    int load_piece(const fclex_extent& extent) {
-        const uint32_t end = run_end(extent);
         const uint64_t size = end - extent.start;
         const uint64_t wanted = std::max(size, piece_size_) + SLACK;
         if (piece_.size() < wanted && !piece_.alloc(wanted)) return WARM_RC_NO_MEMORY;
-        const uint64_t at =
-            static_cast<uint64_t>(lex_->fclex_offset) + fclex_blocks_offset(block_count_) + extent.start;
-        const int64_t got = st_timed_pread_msg(lex_->fd, piece_.data(), size, at, stats_, false);
-        piece_start_ = extent.start;
-        piece_end_ = extent.start + (got < 0 ? 0 : static_cast<uint64_t>(got));
-        piece_size_ = std::min(2 * piece_size_, max_piece_);
-        if (extent.end <= piece_end_ && got >= 0) return 0;
+        const int64_t got =
+            st_timed_pread_msg(ends.fd, piece_.data(), size, blocks_offset_ + extent.start, ends.stats, false);
+        start_ = extent.start;
+        end_ = extent.start + (got < 0 ? 0 : static_cast<uint64_t>(got));
+        piece_size_ = std::min(2 * piece_size_, largest_);
+        if (extent.end <= end_ && got >= 0) return 0;
         std::fputs("error preading block from offsets\n", stderr);
-        return WARM_RC_READ;
+        return read_status(got);
     }
 
-    FCLEX* lex_;
-    st_query_info_t* stats_;
-    uint64_t block_count_;
-    uint64_t next_;
-    uint64_t max_piece_;
-    uint64_t piece_size_;  // of the next read, in bytes
-    buffer<uint8_t> offsets_;
-    uint64_t offsets_start_ = 0, offsets_count_ = 0;
+    uint64_t blocks_offset_ = 0;  // in the file
+    uint64_t max_block_ = 0;
+    uint64_t largest_ = 0;
+    uint64_t piece_size_ = 0;  // of the next read, in bytes
     buffer<uint8_t> piece_;
-    uint64_t piece_start_ = 0, piece_end_ = 0;  // in the blocks area
+    uint64_t start_ = 0, end_ = 0;  // of the piece, in the blocks area
+};
+
+// Goes through a lexicon block by block; in memory the blocks are where they are.
+struct fclex_walker {
+    fclex_walker(FCLEX* lexicon, uint64_t first_block, fclex_stream_sizes sizes, st_query_info_t* stats)
+        : lex(lexicon), block_count(fclex_block_count(lexicon)), next_block(first_block) {
+        if (!fclex_in_file(lex)) return;
+        blocks = {lex->fd, static_cast<uint64_t>(lex->fclex_offset), block_count, fclex_tperb(lex), sizes, stats};
+    }
+
+    // Puts the cursor at the start of the next block, of which there is one. 0, WARM_RC_NO_MEMORY, or WARM_RC_READ
+    // whatever is wrong with it.
+    [[nodiscard]] int start_block(fclex_block_cursor* cursor) {
+        std::span<const uint8_t> bytes;
+        const bool in_file = fclex_in_file(lex);
+        const int status = in_file ? blocks.get(next_block, &bytes) : fclex_block_in_memory(lex, next_block, &bytes);
+        if (status != 0) return status == WARM_RC_NO_MEMORY ? status : WARM_RC_READ;
+        const uint8_t* const readable = in_file                ? blocks.readable()
+                                        : lex->body_limit != 0 ? lex->body + lex->body_limit
+                                                               : bytes.data() + bytes.size();
+        *cursor = fclex_start_block(bytes, readable, fclex_tperb(lex));
+        first_id = static_cast<uint32_t>(next_block * fclex_tperb(lex));
+        terms = fclex_terms_in_block(lex, next_block++);
+        return 0;
+    }
+
+    FCLEX* lex;
+    uint64_t block_count, next_block;
+    fclex_block_reader blocks;
+    uint32_t first_id = 0;  // of the block
+    uint32_t terms = 0;     // in the block
 };
 
 }  // namespace veldar

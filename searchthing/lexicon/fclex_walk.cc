@@ -10,28 +10,21 @@ namespace veldar {
 
 namespace {
 
-// A walk over everything reads 128 KiB of blocks and 16 KiB of offsets at a time. A walk behind a prefix usually ends
-// within a few blocks: it begins with pieces of a sixteenth of that and doubles them as it goes on.
+// A walk over everything reads up to 128 KiB of blocks at a time, as many as a run of block ends tells. One behind a
+// prefix usually ends within a few blocks: it begins with pieces of a sixteenth of that and doubles them as it goes on.
 constexpr fclex_stream_sizes WHOLE = {FCLEX_MAX_PIECE, FCLEX_MAX_PIECE};
 constexpr fclex_stream_sizes BEHIND_PREFIX = {FCLEX_MAX_PIECE / 16, FCLEX_MAX_PIECE};
 
 // Calls `visit(id, text, length)` for every term from a block on until it returns false. 0, or why the walk failed.
 template <typename Visit>
 int walk(FCLEX* lex, uint64_t first_block, bool whole, st_query_info_t* stats, Visit visit) {
-    const uint32_t tperb = fclex_tperb(lex);
-    const uint64_t block_count = fclex_block_count(lex);
-    fclex_block_stream stream(lex, first_block, whole ? WHOLE : BEHIND_PREFIX, stats);
+    fclex_walker walker(lex, first_block, whole ? WHOLE : BEHIND_PREFIX, stats);
     char text[ST_TERM_BUFFER_SIZE];
     text[0] = '\0';
-    for (uint64_t block = first_block; block < block_count; block++) {
-        std::span<const uint8_t> bytes;
-        const uint8_t* readable;
-        if (const int status = stream.next(&bytes, &readable); status != 0) {
-            return status == WARM_RC_NO_MEMORY ? status : WARM_RC_READ;
-        }
-        fclex_block_cursor cursor = fclex_start_block(bytes, readable, tperb);
-        const uint32_t first_id = static_cast<uint32_t>(block * tperb);
-        const uint32_t terms = fclex_terms_in_block(lex, block);
+    while (walker.next_block < walker.block_count) {
+        fclex_block_cursor cursor;
+        ST_TRY(walker.start_block(&cursor));
+        const uint32_t first_id = walker.first_id, terms = walker.terms;
         for (uint32_t j = 0; j < terms; j++) {
             ST_TRY(fclex_next_term(&cursor, text));
             if (!visit(first_id + j, text, cursor.length)) return 0;
@@ -43,30 +36,20 @@ int walk(FCLEX* lex, uint64_t first_block, bool whole, st_query_info_t* stats, V
 struct enum_context {
     st_enum_answer* answers;
     uint32_t capacity;
-    uint32_t count;
-    bool upper_case;
+    uint32_t count = 0;
+    bool upper_case = false;
+    uint32_t skip = 0;  // bytes of each term that are left out: 1 behind a blank
 };
-
-void store_answer(enum_context* context, int32_t id, const char* term, size_t length) {
-    st_enum_answer* answer = &context->answers[context->count++];
-    std::memcpy(answer->term, term, length);
-    answer->term[length] = '\0';
-    answer->id = static_cast<uint32_t>(id);
-}
 
 int store_term(int32_t id, const char* term, size_t length, void* opaque) {
     auto* context = static_cast<enum_context*>(opaque);
     if (context->count == context->capacity) return -1;
-    store_answer(context, id, term, length);
-    return 1;
-}
-
-int store_term_behind_blank(int32_t id, const char* term, size_t length, void* opaque) {
-    auto* context = static_cast<enum_context*>(opaque);
-    if (context->count == context->capacity) return -1;
-    store_answer(context, id, term + 1, length - 1);
-    const bool upper = std::any_of(term + 1, term + length, [](char c) { return c >= 'A' && c <= 'Z'; });
-    context->upper_case = context->upper_case || upper;
+    st_enum_answer* answer = &context->answers[context->count++];
+    const char* const end = term + length;
+    term += context->skip;
+    std::memcpy(answer->term, term, static_cast<size_t>(end - term) + 1);
+    answer->id = static_cast<uint32_t>(id);
+    context->upper_case |= std::any_of(term, end, [](char c) { return c >= 'A' && c <= 'Z'; });
     return 1;
 }
 
@@ -104,16 +87,17 @@ int64_t st_fclex_apply(FCLEX* lex, const char* prefix, st_term_fn fn, void* cont
 
 int st_fclex_enum(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {
     if (prefix == nullptr) prefix = "";
-    enum_context context = {answers, capacity, 0, false};
+    enum_context context = {answers, capacity};
     const size_t length = std::strlen(prefix);
     if (case_flag && length < ST_MAX_TERM_LENGTH) {
         char blank_prefix[ST_TERM_BUFFER_SIZE];
         blank_prefix[0] = ' ';
         std::memcpy(blank_prefix + 1, prefix, length + 1);
-        st_fclex_apply(lex, blank_prefix, store_term_behind_blank, &context, nullptr);
+        context.skip = 1;
+        st_fclex_apply(lex, blank_prefix, store_term, &context, nullptr);
         if (context.upper_case) return static_cast<int>(context.count);
     }
-    context.count = 0;
+    context = {answers, capacity};
     st_fclex_apply(lex, prefix, store_term, &context, nullptr);
     return static_cast<int>(context.count);
 }

@@ -9,7 +9,7 @@
 //   while (term_cursor_next(cursor.get(), &term, &rc) == 0 && term.data() != nullptr) ...
 //
 // It reads the slices that were live at one moment, all of which it keeps open, a descriptor each; a handle for writing
-// syncs first. Memory is bounded whatever the number of terms: at most 8 MiB of lexicon pieces, and 12 KiB a slice. A
+// syncs first. Memory is bounded whatever the number of terms: at most 8 MiB of lexicon pieces, and 16 KiB a slice. A
 // cursor is used by one thread at a time, the one that uses its directories.
 #pragma once
 

@@ -63,7 +63,7 @@ using tsidx_term_fn = int (*)(const char* term, size_t length, uint64_t count, v
 int64_t st_tsidx_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
 
 // The same with every term once, ascending over all slices, and counts summed. Memory is bounded whatever the number of
-// terms: at most 8 MiB of lexicon pieces, and 12 KiB a slice.
+// terms: at most 8 MiB of lexicon pieces, and 16 KiB a slice.
 int64_t st_tsidx_distinct_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
 // How many distinct terms there are.
 int64_t st_tsidx_distinct_term_count(TSIDX* tsidx);
