@@ -12,9 +12,11 @@ set(face
     values/st_tsval.h
     hot/st_txn.h
     slice/term_choice.h
-    search/query.h search/st_metric_event.h
+    search/query.h search/st_metric_event.h search/select_spec.h search/select_table.h search/select_cell.h
+    search/distinct_sketch.h search/quantile_sketch.h
     directory/tsidx.h
-    reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_snapshot.h
+    reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_select.h
+    reading/tsidx_snapshot.h
     upkeep/tsidx_delete.h upkeep/tsidx_minify.h upkeep/tsidx_optimize.h)
 foreach(header ${face})
   if(EXISTS ${PROJECT_SOURCE_DIR}/searchthing/${header})

@@ -9,6 +9,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/health.h"
+#include "searchthing/reading/tsidx_select.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {
@@ -39,6 +40,12 @@ struct query_copy_closer {
     void operator()(QUERY* query) const { st_query_free_copy(query); }
 };
 using query_copy = std::unique_ptr<QUERY, query_copy_closer>;
+
+bool is_empty_range(const QUERY& query) {
+    const st_timeval_t &earliest = query.earliest, &latest = query.latest;
+    if (earliest.time_s != latest.time_s) return earliest.time_s > latest.time_s;
+    return earliest.time_ns > latest.time_ns;
+}
 
 TSIDX* directory_of(const THING* thing) {
     ST_ASSERT(thing != nullptr && thing->tsidx != nullptr);
@@ -162,11 +169,20 @@ int st_query(THING* thing, const QUERY* query, st_tsval* answers, uint32_t capac
     ST_ASSERT(query != nullptr);
     const query_copy copy(st_query_copy(query));
     if (copy == nullptr) return WARM_RC_NO_MEMORY;
-    const st_timeval_t& earliest = copy->earliest;
-    const st_timeval_t& latest = copy->latest;
-    if (earliest.time_s > latest.time_s) return 0;
-    if (earliest.time_s == latest.time_s && earliest.time_ns > latest.time_ns) return 0;
+    if (is_empty_range(*copy)) return 0;
     return thing == nullptr ? -1 : st_tsidx_query(directory_of(thing), copy.get(), answers, capacity, is_exact);
+}
+
+st_select_handle* st_select_handle_new(THING* thing, const QUERY* query, const select_spec_t* spec) {
+    ST_ASSERT(query != nullptr && spec != nullptr);
+    if (is_empty_range(*query) || thing == nullptr) return nullptr;
+    return st_tsidx_select_handle_new(directory_of(thing), query, spec);
+}
+int st_select_handle_read(st_select_handle* handle, select_row_t* row) {
+    return st_tsidx_select_handle_read(handle, row);
+}
+void st_select_handle_free(st_select_handle* handle) {
+    st_tsidx_select_handle_free(handle);
 }
 
 int st_get(THING* thing, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity) {

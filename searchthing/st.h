@@ -35,6 +35,10 @@
 
 namespace veldar {
 
+struct st_select_handle;
+struct select_spec_t;
+struct select_row_t;
+
 struct st_handle;
 using THING = st_handle;
 
@@ -99,6 +103,11 @@ int st_all_events(THING* thing, st_time_t earliest, st_time_t latest, st_tsval* 
 // -37 for a null handle or output.
 int st_event_count(THING* thing, const QUERY* query, uint64_t* count);
 int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context);
+// Selections; whoever makes one includes tsidx_select.h. The new handle is null for an earliest time after the latest, for a null handle, and
+// without memory, which is logged. It is freed before the directory is closed.
+st_select_handle* st_select_handle_new(THING* thing, const QUERY* query, const select_spec_t* spec);
+int st_select_handle_read(st_select_handle* handle, select_row_t* row);
+void st_select_handle_free(st_select_handle* handle);
 // Metric directories: the functions of tsidx_metric.h of the same names. -37 for a null handle, or output.
 int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context);
 int st_measure_size(THING* thing, uint64_t* bytes);

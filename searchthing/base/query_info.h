@@ -13,6 +13,7 @@ struct st_query_info_s {
     uint64_t reads = 0;
     uint64_t bytes = 0;
     uint32_t no_lexicon = 0;  // set when a slice without a lexicon was searched
+    uint64_t refused = 0;     // values that a selection wanted as numbers and that are none
     int (*callback)(void* context) = nullptr;
     void* context = nullptr;
 };
