@@ -7,7 +7,6 @@ namespace veldar {
 
 namespace {
 
-constexpr uint32_t SLAB = 1u << 20;
 constexpr uint32_t SEVERAL = 1u << 31;              // in an ordinal: the value has more of them
 constexpr uint64_t MAX_DIRECT = uint64_t{1} << 18;  // combinations of groups that are looked up by place
 
@@ -44,7 +43,7 @@ class columns_pass {
 
     int run(warm_rc_t* rc) {
         for (uint32_t begin = match_.range.begin; begin < match_.range.end;) {
-            const uint32_t end = begin + std::min(SLAB, match_.range.end - begin);
+            const uint32_t end = begin + std::min(select_slab_values, match_.range.end - begin);
             if (select_next_bit(match_.bits.data(), match_.range.begin, begin, end) != end) {
                 for (column_t& column : columns_) ST_TRY(fill(&column, begin, end, rc));
                 ST_TRY(pass(begin, end, rc));

@@ -11,6 +11,9 @@
 
 namespace veldar {
 
+// How many values are taken at a time where each has an ordinal; a multiple of 8. Tests make it small.
+inline uint32_t select_slab_values = uint32_t{1} << 20;
+
 struct selection_t {
     WARM* warm;
     const parsed_query_t* query;

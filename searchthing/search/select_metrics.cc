@@ -148,7 +148,10 @@ class metrics_pass {
         std::vector<std::string_view> texts;
         for (const uint32_t id : ds_dimset_all_dims(set)) {
             const select_term_t* const term = dimension.find(id);
-            if (term != nullptr) texts.push_back(dimension.terms.text(*term));
+            if (term == nullptr) continue;
+            // A dimension and a keyword may say the same.
+            const std::string_view text = dimension.terms.text(*term);
+            if (std::find(texts.begin(), texts.end(), text) == texts.end()) texts.push_back(text);
         }
         if (texts.empty() && keeps_missing) texts.push_back("");
         return texts;

@@ -13,6 +13,16 @@ namespace {
 constexpr uint64_t ROW_BYTES = sizeof(select_table_t::row_t) + 64;
 constexpr uint64_t GROUP_BYTES = 96;
 
+// Finished tables have no numbers of rows.
+void number_rows(select_table_t* table) {
+    if (table->row_numbers.size() == table->rows.size()) return;
+    table->row_numbers.clear();
+    for (uint32_t i = 0; i < table->rows.size(); i++) {
+        table->row_numbers.emplace(std::pair(table->rows[i].bin, table->rows[i].group), i);
+    }
+    ST_ASSERT(table->row_numbers.size() == table->rows.size());
+}
+
 }  // namespace
 
 std::string_view select_group_text(std::string_view groups, size_t field) {
@@ -61,6 +71,7 @@ int select_table_merge(select_table_t* into, const select_table_t& other, warm_r
     if (into->group_fields != other.group_fields || into->aggregates != other.aggregates) {
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "tables of different selections");
     }
+    number_rows(into);
     std::vector<uint32_t> groups(other.group_texts.size());
     for (size_t i = 0; i < groups.size(); i++) ST_TRY(select_group(into, *other.group_texts[i], &groups[i], rc));
     const size_t width = other.aggregates.size();

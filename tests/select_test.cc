@@ -1,0 +1,405 @@
+// Selections beside brute force: random ones over directories of events and of metrics, as rows and as merged tables.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <map>
+#include <random>
+
+#include "searchthing/reading/tsidx_select.h"
+#include "searchthing/search/select_internal.h"
+#include "searchthing/st.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
+#include "tests/support/directory.h"
+#include "tests/support/forge_metric.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/query_maker.h"
+
+namespace veldar {
+namespace {
+
+// An event as a selection sees it: values by field, and whether each is a measure.
+struct seen_event {
+    int64_t time;
+    std::map<std::string, std::vector<std::string>> fields;
+    std::map<std::string, double> measures;  // of metrics
+    bool is_metric = false;
+};
+
+struct expected_row {
+    uint64_t count = 0;
+    std::vector<std::vector<std::string>> values;  // by projection
+};
+using row_key = std::pair<int64_t, std::vector<std::string>>;
+using expected_rows = std::map<row_key, expected_row>;
+
+std::string number_text(double number) {
+    char text[32];
+    return {text, std::to_chars(text, std::end(text), number).ptr};
+}
+
+int64_t bin_of(const select_options_t& options, int64_t time) {
+    const std::vector<int64_t>& starts = options.spec.bin_starts_s;
+    if (!starts.empty()) {
+        size_t i = 0;
+        while (i + 1 < starts.size() && starts[i + 1] * 1000000000 <= time) i++;
+        return starts[i] * 1000000000;
+    }
+    const __int128 span = select_time(options.query.opt_span);
+    if (span == 0) return SELECT_NO_BIN;
+    const __int128 offset = __int128{options.spec.bin_offset_s} * 1000000000;
+    __int128 bins = (time - offset) / span;
+    while (bins * span + offset > time) bins--;
+    return static_cast<int64_t>(bins * span + offset % span) + static_cast<int64_t>(offset / span * span);
+}
+
+bool metric_matches(const std::string& pattern, const std::string& name) {
+    const size_t star = pattern.find('*');
+    if (star == std::string::npos) return pattern == name;
+    return name.starts_with(pattern.substr(0, star)) && name.ends_with(pattern.substr(star + 1)) &&
+           name.size() + 1 >= pattern.size();
+}
+
+std::vector<std::string> projected(const seen_event& event, const std::string& field, const std::string* metric) {
+    std::vector<std::string> values;
+    if (event.fields.contains(field)) values = event.fields.at(field);
+    for (const auto& [name, number] : event.measures) {
+        if ((metric == nullptr || *metric == name) && metric_matches(field, name))
+            values.push_back(number_text(number));
+    }
+    return values;
+}
+
+// The events' rows, one event and one combination of group texts at a time.
+expected_rows brute_force(const std::vector<seen_event>& events, const select_options_t& options) {
+    expected_rows rows;
+    const select_spec_t& spec = options.spec;
+    for (const seen_event& event : events) {
+        std::vector<std::pair<std::vector<std::string>, const std::string*>> combinations = {{{}, nullptr}};
+        for (const std::string& group : spec.groups) {
+            std::vector<std::pair<std::vector<std::string>, const std::string*>> longer;
+            for (const auto& [texts, metric] : combinations) {
+                const auto add = [&, &before = texts](const std::string& text, const std::string* chosen) {
+                    longer.push_back({before, chosen});
+                    longer.back().first.push_back(text);
+                };
+                if (event.is_metric && group == "metric_name") {
+                    for (const auto& [name, number] : event.measures) {
+                        const auto wants = [&](const select_projection_t& p) { return metric_matches(p.field, name); };
+                        const bool wanted = std::any_of(spec.projections.begin(), spec.projections.end(), wants);
+                        const bool same = metric == nullptr || *metric == name;
+                        if (same && (wanted || spec.projections.empty())) add(name, &name);
+                    }
+                } else if (event.fields.contains(group)) {
+                    for (const std::string& text : event.fields.at(group)) add(text, metric);
+                } else if (options.query.opt_b == SELECT_KEEPS_MISSING) {
+                    add("", metric);
+                }
+            }
+            combinations = std::move(longer);
+        }
+        for (const auto& [texts, metric] : combinations) {
+            expected_row& row = rows[{bin_of(options, event.time), texts}];
+            row.count++;
+            row.values.resize(spec.projections.size());
+            for (size_t p = 0; p < spec.projections.size(); p++) {
+                const std::vector<std::string> values = projected(event, spec.projections[p].field, metric);
+                row.values[p].insert(row.values[p].end(), values.begin(), values.end());
+            }
+        }
+    }
+    return rows;
+}
+
+bool near(double a, double b, double weight) {
+    return (std::isnan(a) && std::isnan(b)) || a == b || weight > 1e300 || std::abs(a - b) <= 1e-9 * weight;
+}
+
+void check_cell(const select_cell_t& cell, const std::vector<std::string>& values, uint32_t aggregates, double q) {
+    std::vector<double> numbers;
+    double sum = 0, squares = 0, weight = 0, square_weight = 0;
+    for (const std::string& value : values) {
+        char* end = nullptr;
+        const double number = std::strtod(value.c_str(), &end);
+        if (value.empty() || *end != '\0' || std::isnan(number)) continue;
+        numbers.push_back(number);
+        sum += number;
+        squares += number * number;
+        weight += std::abs(number);
+        square_weight += number * number;
+    }
+    std::sort(numbers.begin(), numbers.end());
+    const double n = static_cast<double>(numbers.size());
+    const double none = std::nan("");
+    EXPECT_EQ(cell.count, values.size());
+    EXPECT_EQ(cell.numbers, numbers.size());
+    EXPECT_TRUE(near(select_cell_sum(cell), sum, weight)) << select_cell_sum(cell) << " " << sum;
+    EXPECT_TRUE(near(select_cell_average(cell), numbers.empty() ? none : sum / n, weight));
+    EXPECT_TRUE(near(select_cell_minimum(cell), numbers.empty() ? none : numbers.front(), 0));
+    EXPECT_TRUE(near(select_cell_maximum(cell), numbers.empty() ? none : numbers.back(), 0));
+    if ((aggregates & SELECT_SUMSQ) != 0) {
+        EXPECT_TRUE(near(select_cell_sum_of_squares(cell), squares, square_weight));
+    }
+    const std::set<std::string> different(values.begin(), values.end());
+    if ((aggregates & SELECT_DC) != 0) {
+        bool is_estimate = true;
+        EXPECT_EQ(select_cell_distinct(cell, &is_estimate), static_cast<double>(different.size()));
+        EXPECT_FALSE(is_estimate);
+    }
+    if ((aggregates & SELECT_VALUES) != 0 && !different.empty()) {
+        ASSERT_NE(cell.values, nullptr);
+        EXPECT_TRUE(
+            std::equal(different.begin(), different.end(), cell.values->texts.begin(), cell.values->texts.end()));
+    }
+    if ((aggregates & SELECT_QUANTILES) != 0) {
+        const auto rank =
+            std::clamp<size_t>(static_cast<size_t>(std::ceil(q * n)), 1, std::max<size_t>(numbers.size(), 1));
+        EXPECT_TRUE(near(select_cell_quantile(cell, q), numbers.empty() ? none : numbers[rank - 1], 0));
+    }
+}
+
+class selection_maker {
+  public:
+    explicit selection_maker(uint64_t seed) : random_(seed) {}
+    uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
+
+    select_options_t make(const std::vector<std::string>& fields, const std::vector<std::string>& projectable,
+                          const std::vector<int64_t>& times) {
+        static constexpr st_timeval_t SPANS[] = {{0, 1},  {0, 250000000}, {0, 999999999}, {1, 0},         {7, 0},
+                                                 {60, 1}, {3600, 0},      {86400, 0},     {31556952, 500}};
+        select_options_t options;
+        const auto one_of = [this](const std::vector<std::string>& of) {
+            return of[below(static_cast<uint32_t>(of.size()))];
+        };
+        for (uint32_t n = below(4); n > 0; n--) options.spec.groups.push_back(one_of(fields));
+        for (uint32_t n = below(4); n > 0; n--) {
+            options.spec.projections.push_back({one_of(projectable), 1 + below(SELECT_ALL_AGGREGATES)});
+        }
+        if (below(3) != 0) options.query.opt_span = SPANS[below(std::size(SPANS))];
+        options.spec.bin_offset_s = below(2) == 0 ? 0 : static_cast<int>(below(86400)) - 43200;
+        if (below(4) == 0) {
+            std::set<int64_t> starts;
+            for (uint32_t n = 1 + below(6); n > 0; n--) {
+                starts.insert(times[below(static_cast<uint32_t>(times.size()))] / 1000000000);
+            }
+            options.spec.bin_starts_s.assign(starts.begin(), starts.end());
+        }
+        options.query.opt_b = static_cast<uint8_t>(below(2));
+        return options;
+    }
+
+    // The sum of tables in any order and grouping.
+    select_table_t merged(std::vector<select_table_t> tables) {
+        while (tables.size() > 1) {
+            const size_t from = below(static_cast<uint32_t>(tables.size()));
+            std::swap(tables[from], tables.back());
+            select_table_t last = std::move(tables.back());
+            tables.pop_back();
+            warm_rc_t rc;
+            EXPECT_EQ(select_table_merge(&tables[below(static_cast<uint32_t>(tables.size()))], last, &rc), 0)
+                << rc.message;
+        }
+        select_table_finish(&tables.front());
+        return std::move(tables.front());
+    }
+
+  private:
+    std::mt19937_64 random_;
+};
+
+void check_row(const select_row_t& row, size_t groups, const expected_rows::value_type& expected,
+               const select_options_t& options, double q) {
+    std::vector<std::string> texts;
+    for (size_t i = 0; i < groups; i++) texts.emplace_back(select_group_text(row.groups, i));
+    ASSERT_EQ(row_key(row.bin, texts), expected.first);
+    ASSERT_EQ(row.count, expected.second.count);
+    ASSERT_EQ(row.cells.size(), options.spec.projections.size());
+    for (size_t p = 0; p < row.cells.size(); p++) {
+        check_cell(row.cells[p], expected.second.values[p], options.spec.projections[p].aggregates, q);
+    }
+}
+
+std::string told(const select_options_t& options) {
+    std::string text = options.query.lispy;
+    for (const std::string& group : options.spec.groups) text += " by " + group;
+    for (const auto& p : options.spec.projections) text += " " + p.field + ":" + std::to_string(p.aggregates);
+    return text + " span " + std::to_string(select_time(options.query.opt_span)) + " starts " +
+           std::to_string(options.spec.bin_starts_s.size()) + " missing " + std::to_string(options.query.opt_b);
+}
+
+// One selection over several directories, whole and in parts.
+void check_selection(const select_options_t& options, const std::vector<seen_event>& events, selection_maker* maker) {
+    SCOPED_TRACE(told(options));
+    const double q = maker->below(101) / 100.0;
+    const expected_rows expected = brute_force(events, options);
+    std::vector<select_table_t> parts(1);
+    warm_rc_t rc;
+    int status = 0;
+    if (maker->below(2) == 0) {
+        status = select_read(options, &parts[0], nullptr, &rc);
+    } else {
+        parts.clear();
+        for (const cursor_source_t& source : options.sources) {
+            select_options_t part = options;
+            part.sources = {source};
+            parts.emplace_back();
+            if (status == 0) status = select_read(part, &parts.back(), nullptr, &rc);
+        }
+    }
+    if (status == WARM_RC_TIME_BINS_LIMIT) {
+        EXPECT_LT(select_time(options.query.opt_span), 1000000000);
+        return;
+    }
+    ASSERT_EQ(status, 0) << rc.message;
+    const select_table_t table = maker->merged(std::move(parts));
+    std::vector<row_key> keys, expected_keys;
+    for (size_t k = 0; k < table.rows.size(); k++) {
+        const select_row_t row = select_table_row(table, k);
+        keys.push_back({row.bin, {}});
+        for (size_t f = 0; f < options.spec.groups.size(); f++)
+            keys.back().second.emplace_back(select_group_text(row.groups, f));
+    }
+    for (const auto& [key, row] : expected) expected_keys.push_back(key);
+    ASSERT_EQ(keys, expected_keys);
+    size_t i = 0;
+    for (const auto& row : expected)
+        check_row(select_table_row(table, i++), options.spec.groups.size(), row, options, q);
+}
+
+using Select = directory_test;
+
+TEST_F(Select, EventsAgreeWithBruteForce) {
+    const std::vector<forge_options> kinds = forge_event_kinds();
+    for (uint64_t seed = 1; seed <= 160 && !HasFailure(); seed++) {
+        SCOPED_TRACE(seed);
+        const bool is_large = seed % 40 == 0;  // lists of all lengths, few matches of many values
+        select_slab_values = is_large || seed % 2 == 0 ? 1u << 20 : 16;
+        selection_maker maker(seed);
+        std::vector<forge_event> all;
+        const temp_dir dirs[2];
+        directory_ptr handles[2];
+        for (int d = 0; d < 2; d++) {
+            for (uint32_t slices = 1 + maker.below(3); slices > 0; slices--) {
+                std::vector<forge_event> events =
+                    forge_random_events(seed * 10 + slices, 1 + maker.below(is_large ? 4000 : 80));
+                for (forge_event& event : events) {
+                    for (uint32_t n = maker.below(4); n > 0; n--)
+                        event.terms.push_back("m::" + std::to_string(maker.below(5)));
+                    if (maker.below(3) == 0) event.terms.push_back(maker.below(2) == 0 ? "n::" : "n::x-1");
+                    if (maker.below(3) == 0) event.terms.push_back("n::-2.5e3");
+                }
+                const forge_options& kind = kinds[maker.below(static_cast<uint32_t>(kinds.size()))];
+                forge_file(dirs[d].path(), events, kind, slices);
+                all.insert(all.end(), events.begin(), events.end());
+            }
+            handles[d] = open_directory(dirs[d].path());
+            warm_rc_t rc;
+            if (seed % 3 == 0)
+                static_cast<void>(st_tsidx_optimize_n(handles[d].get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false));
+            forge_event hot = forge_random_events(seed + 7, 1).front();  // in memory until the first read
+            hot.deleted = false;
+            hot.terms.push_back("m::hot");
+            if (seed % 2 == 0 && put_event(handles[d].get(), hot) == 0) all.push_back(hot);
+        }
+        const reference_index reference(all);
+        query_maker queries(reference, seed);
+        std::set<std::string> names = {"m", "n", "nofield"};
+        std::vector<int64_t> times;
+        for (const auto& [term, record] : reference.terms()) {
+            if (const size_t colons = term.find("::"); colons != term.npos && colons > 0)
+                names.insert(term.substr(0, colons));
+        }
+        for (const forge_event& event : all) times.push_back(int64_t{event.time} * 1000000000);
+        const std::vector<std::string> fields(names.begin(), names.end());
+        for (int i = 0; i < (is_large ? 15 : 77) && !HasFailure(); i++) {
+            const reference_query tree = i % 5 == 0 ? reference_query::group_and({}) : queries.group(0);
+            const std::string text = tree.notation();
+            reference_bounds bounds = queries.bounds();
+            bounds.cumspan = 0;
+            if (is_large && i % 2 == 0)
+                bounds.earliest = bounds.latest = static_cast<int32_t>(times[maker.below(100)] / 1000000000);
+            select_options_t options = maker.make(fields, fields, times);
+            const st_query_spec query = make_query(text.c_str(), bounds);
+            options.query.lispy = query.lispy;
+            options.query.opt_a = query.opt_a;
+            options.query.earliest = query.earliest;
+            options.query.latest = query.latest;
+            options.sources = {{handles[0].get(), {}}, {handles[1].get(), {}}};
+            std::vector<seen_event> events;
+            for (const uint32_t number : reference.search(tree, bounds)) {
+                const forge_event& event = reference.values()[number];
+                seen_event seen = {int64_t{event.time} * 1000000000, {}, {}, false};
+                const std::set<std::string> terms(event.terms.begin(), event.terms.end());
+                for (const std::string& term : terms) {
+                    const size_t colons = term.find("::");
+                    if (colons != term.npos) seen.fields[term.substr(0, colons)].push_back(term.substr(colons + 2));
+                }
+                events.push_back(std::move(seen));
+            }
+            check_selection(options, events, &maker);
+        }
+    }
+}
+
+TEST_F(Select, MetricsAgreeWithBruteForce) {
+    for (uint64_t seed = 1; seed <= 80 && !HasFailure(); seed++) {
+        SCOPED_TRACE(seed);
+        selection_maker maker(seed);
+        const bool milliseconds = seed % 2 == 0;
+        const temp_dir dir;
+        std::vector<metric_event> all;
+        TSWRITEOPTS opts;
+        st_tsidx_write_opts_init_write_level(&opts, 4);
+        opts.millisecond_mode = milliseconds ? 1 : 0;
+        const directory_ptr handle(st_tsidx_open(dir.path().c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER));
+        for (uint32_t slice = 1; slice <= 1 + maker.below(3); slice++) {
+            std::vector<metric_event> events =
+                random_metric_events(seed * 10 + slice, 1 + maker.below(seed == 8 ? 3000 : 90));
+            for (metric_event& event : events) event.milliseconds = milliseconds ? event.milliseconds : 0;
+            forge_metric_options options;
+            options.milliseconds = milliseconds;
+            options.terms.wflags = FORGE_TAG2;
+            forge_metric_file(dir.path(), events, options, slice);
+            all.insert(all.end(), events.begin(), events.end());
+        }
+        warm_rc_t rc;
+        if (seed % 3 == 0)
+            static_cast<void>(st_tsidx_optimize_n(handle.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false));
+        const reference_index reference = metric_reference(all, milliseconds);
+        query_maker queries(reference, seed);
+        std::vector<int64_t> times;
+        for (const metric_event& event : all) times.push_back(int64_t{event.time} * 1000000000);
+        for (int i = 0; i < 100 && !HasFailure(); i++) {
+            const reference_query tree = i % 5 == 0 ? reference_query::group_and({}) : queries.group(0);
+            const std::string text = tree.notation();
+            reference_bounds bounds = queries.bounds();
+            bounds.cumspan = 0;
+            select_options_t options = maker.make({"host", "source", "d0", "d1", "metric_name", "d2", "none"},
+                                                  {"m0", "m1", "m2", "m*", "*", "m6", "host", "d0", "none"}, times);
+            const st_query_spec query = make_query(text.c_str(), bounds);
+            options.query.lispy = query.lispy;
+            options.query.opt_a = query.opt_a;
+            options.query.earliest = query.earliest;
+            options.query.latest = query.latest;
+            options.query.latest.time_ns = 999999999;
+            options.sources = {{handle.get(), {}}};
+            std::vector<seen_event> events;
+            for (const uint32_t number : reference.search(tree, bounds)) {
+                const metric_event& event = all[reference.values()[number].s];
+                seen_event seen = {int64_t{event.time} * 1000000000 + event.milliseconds * 1000000, {}, {}, true};
+                for (const std::string& term : as_told(event).dimensions) {
+                    const size_t colons = term.find("::");
+                    if (colons != term.npos) seen.fields[term.substr(0, colons)].push_back(term.substr(colons + 2));
+                }
+                for (const auto& [name, bits] : event.measures) seen.measures[name] = std::bit_cast<double>(bits);
+                events.push_back(std::move(seen));
+            }
+            check_selection(options, events, &maker);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace veldar
