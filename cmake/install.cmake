@@ -12,7 +12,7 @@ set(face
     values/st_tsval.h
     hot/st_txn.h
     slice/term_choice.h
-    search/query.h search/st_metric_event.h search/select_spec.h search/select_table.h search/select_cell.h
+    search/query.h search/st_metric_event.h search/select_spec.h search/select_table.h search/select_cell.h search/select_bytes.h
     search/distinct_sketch.h search/quantile_sketch.h
     directory/tsidx.h
     reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_select.h

@@ -9,6 +9,7 @@
 #include "searchthing/columns/cstore.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/postings/plist.h"
+#include "searchthing/search/select_slice.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_meta.h"
@@ -93,6 +94,38 @@ inline void walk_terms(WARM* warm) {
     close_plist_reader(&reader);
 }
 
+// Every event by the fields of the first term that names one, alone, as a number, and with another field.
+inline void walk_selections(WARM* warm) {
+    st_enum_answer first[1];
+    if (!st_warm_slice_has_fclex(warm)) return;
+    const int found = st_fclex_enum(warm->lexicon, nullptr, first, 1, false);
+    const std::string term = found == 1 ? first[0].term : "host::";
+    const std::string field = term.substr(term.starts_with(' ') ? 1 : 0, term.find("::"));
+    st_query_spec query;
+    query.lispy = "[AND]";
+    parsed_query_t parsed;
+    warm_rc_t rc;
+    walk_require(parse_query(query_with_bounds(query), &parsed, &rc) == 0);
+    for (uint32_t way = 0; way < 5; way++) {
+        select_spec_t spec;
+        if (way % 2 == 1) spec.groups = {field.empty() ? "host" : field};
+        if (way >= 3) spec.groups.push_back("host");
+        if (way >= 2)
+            spec.projections = {{"*", SELECT_ALL_AGGREGATES}, {field.empty() ? "bytes" : field, 1 + way * 100}};
+        parsed.spec.opt_span = {way == 0 ? 0 : 3600, 0};
+        parsed.spec.opt_b = way % 3 == 0 ? SELECT_KEEPS_MISSING : 0;
+        select_bins_t bins;
+        select_table_t table;
+        select_report_t report;
+        select_table_init(&table, spec);
+        walk_require(select_bins_open(&bins, parsed.spec, spec, &rc) == 0);
+        if (warm_slice_select(warm, parsed, spec, bins, &table, &report, &rc) != 0) continue;
+        uint64_t events = 0;
+        for (const select_table_t::row_t& row : table.rows) events += row.count;
+        walk_require(!spec.groups.empty() || events == report.events);
+    }
+}
+
 // One query in every way: answers, candidates, count and bitmap, which agree as far as each of them can be had.
 inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
     st_query_spec query;
@@ -130,6 +163,7 @@ inline void walk_searches(WARM* warm) {
           "[OR \\ host::web1 [NOT \\ metric_name::cpu]]", "[AND \\ metric_name::* [GT \\ load 3]]"}) {
         walk_query(warm, text, TOKEN_CASE_ASIS);
     }
+    walk_selections(warm);
 }
 
 inline int walk_set(uint32_t, const ds_dimset_t* set, void* words, warm_rc_t*) {

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "searchthing/reading/tsidx_select.h"
+#include "searchthing/search/select_bytes.h"
 #include "searchthing/search/select_internal.h"
 #include "searchthing/st.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
@@ -190,8 +191,18 @@ class selection_maker {
         return options;
     }
 
-    // The sum of tables in any order and grouping.
+    // The sum of tables in any order and grouping, each of which has been bytes meanwhile.
     select_table_t merged(std::vector<select_table_t> tables) {
+        for (select_table_t& table : tables) {
+            std::string bytes, again;
+            warm_rc_t rc;
+            select_table_encode(table, &bytes);
+            const std::span<const uint8_t> read(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+            EXPECT_EQ(select_table_decode(read, &table, &rc), 0) << rc.message << " at " << rc.detail;
+            select_table_encode(table, &again);
+            EXPECT_EQ(bytes, again);
+            EXPECT_NE(select_table_decode(read.first(below(static_cast<uint32_t>(bytes.size()))), &empty_, &rc), 0);
+        }
         while (tables.size() > 1) {
             const size_t from = below(static_cast<uint32_t>(tables.size()));
             std::swap(tables[from], tables.back());
@@ -207,6 +218,7 @@ class selection_maker {
 
   private:
     std::mt19937_64 random_;
+    select_table_t empty_;
 };
 
 void check_row(const select_row_t& row, size_t groups, const expected_rows::value_type& expected,
@@ -230,15 +242,22 @@ std::string told(const select_options_t& options) {
 }
 
 // One selection over several directories, whole and in parts.
-void check_selection(const select_options_t& options, const std::vector<seen_event>& events, selection_maker* maker) {
+void check_selection(const select_options_t& options, const std::vector<seen_event>& events, selection_maker* maker,
+                     select_report_t* work) {
     SCOPED_TRACE(told(options));
     const double q = maker->below(101) / 100.0;
     const expected_rows expected = brute_force(events, options);
     std::vector<select_table_t> parts(1);
     warm_rc_t rc;
     int status = 0;
+    select_report_t report;
     if (maker->below(2) == 0) {
-        status = select_read(options, &parts[0], nullptr, &rc);
+        status = select_read(options, &parts[0], &report, &rc);
+        work->lists_from_metadata += report.lists_from_metadata;
+        work->lists_counted += report.lists_counted;
+        work->lists_decoded += report.lists_decoded;
+        work->lists_probed += report.lists_probed;
+        EXPECT_TRUE(status != 0 || report.events == events.size());
     } else {
         parts.clear();
         for (const cursor_source_t& source : options.sources) {
@@ -272,6 +291,7 @@ using Select = directory_test;
 
 TEST_F(Select, EventsAgreeWithBruteForce) {
     const std::vector<forge_options> kinds = forge_event_kinds();
+    select_report_t work;
     for (uint64_t seed = 1; seed <= 160 && !HasFailure(); seed++) {
         SCOPED_TRACE(seed);
         const bool is_large = seed % 40 == 0;  // lists of all lengths, few matches of many values
@@ -290,6 +310,7 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
                     if (maker.below(3) == 0) event.terms.push_back(maker.below(2) == 0 ? "n::" : "n::x-1");
                     if (maker.below(3) == 0) event.terms.push_back("n::-2.5e3");
                 }
+                if (is_large) events.front().terms.push_back("rare::1");
                 const forge_options& kind = kinds[maker.below(static_cast<uint32_t>(kinds.size()))];
                 forge_file(dirs[d].path(), events, kind, slices);
                 all.insert(all.end(), events.begin(), events.end());
@@ -314,9 +335,11 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
         for (const forge_event& event : all) times.push_back(int64_t{event.time} * 1000000000);
         const std::vector<std::string> fields(names.begin(), names.end());
         for (int i = 0; i < (is_large ? 15 : 77) && !HasFailure(); i++) {
-            const reference_query tree = i % 5 == 0 ? reference_query::group_and({}) : queries.group(0);
+            const reference_query any = i % 5 == 0 ? reference_query::group_and({}) : queries.group(0);
+            const bool is_rare = is_large && i % 4 == 1;
+            const reference_query tree = is_rare ? reference_query::term("rare::1") : any;
             const std::string text = tree.notation();
-            reference_bounds bounds = queries.bounds();
+            reference_bounds bounds = is_rare ? reference_bounds{} : queries.bounds();
             bounds.cumspan = 0;
             if (is_large && i % 2 == 0)
                 bounds.earliest = bounds.latest = static_cast<int32_t>(times[maker.below(100)] / 1000000000);
@@ -338,12 +361,17 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
                 }
                 events.push_back(std::move(seen));
             }
-            check_selection(options, events, &maker);
+            check_selection(options, events, &maker, &work);
         }
     }
+    EXPECT_GT(work.lists_from_metadata, 100u);
+    EXPECT_GT(work.lists_counted, 100u);
+    EXPECT_GT(work.lists_decoded, 100u);
+    EXPECT_GT(work.lists_probed, 10u);
 }
 
 TEST_F(Select, MetricsAgreeWithBruteForce) {
+    select_report_t work;
     for (uint64_t seed = 1; seed <= 80 && !HasFailure(); seed++) {
         SCOPED_TRACE(seed);
         selection_maker maker(seed);
@@ -396,9 +424,167 @@ TEST_F(Select, MetricsAgreeWithBruteForce) {
                 for (const auto& [name, bits] : event.measures) seen.measures[name] = std::bit_cast<double>(bits);
                 events.push_back(std::move(seen));
             }
-            check_selection(options, events, &maker);
+            check_selection(options, events, &maker, &work);
         }
     }
+}
+
+// Beyond what they keep exactly, sketches stay within their error, however their parts were merged.
+TEST_F(Select, SketchesKeepTheirErrors) {
+    std::mt19937_64 random(5);
+    for (const uint32_t count : {4096u, 4097u, 20000u, 50000u, 300000u}) {
+        std::vector<select_cell_t> cells(7);
+        std::vector<double> numbers;
+        constexpr uint32_t ALL = SELECT_ALL_AGGREGATES;
+        select_cell_t whole;
+        for (uint32_t i = 0; i < count; i++) {
+            const double sign = i % 5 == 0 ? -1 : 1;
+            const double number = i % 97 == 0 ? 0 : sign * std::exp(static_cast<double>(random() % 60000) / 2000 - 10);
+            const std::string text = number_text(number) + "/" + std::to_string(i);
+            select_cell_add(&cells[random() % cells.size()], {text, number, true}, 1, ALL);
+            select_cell_add(&whole, {text, number, true}, 1, ALL);
+            numbers.push_back(number);
+        }
+        while (cells.size() > 1) {
+            const size_t into = random() % (cells.size() - 1);
+            select_cell_merge(&cells[into], cells.back());
+            cells.pop_back();
+        }
+        std::sort(numbers.begin(), numbers.end());
+        for (select_cell_t* const cell : {&cells[0], &whole}) {
+            select_cell_settle(cell);
+            bool is_estimate = false;
+            const double distinct = select_cell_distinct(*cell, &is_estimate);
+            EXPECT_EQ(is_estimate, count > 4096);
+            EXPECT_NEAR(distinct, count, is_estimate ? 0.0081 * 4 * count : 0) << count;
+            for (const double q : {0.0, 0.01, 0.1, 0.5, 0.9, 0.99, 1.0}) {
+                const double exact = numbers[static_cast<size_t>(std::max(std::ceil(q * count), 1.0)) - 1];
+                EXPECT_NEAR(select_cell_quantile(*cell, q), exact, 0.0101 * std::abs(exact)) << q;
+            }
+            EXPECT_EQ(cell->values->texts.size(), 4096u);
+            EXPECT_EQ(cell->values->is_cut, count > 4096);
+        }
+        EXPECT_EQ(whole.distinct->registers, cells[0].distinct->registers);
+        EXPECT_EQ(whole.distinct->hashes, cells[0].distinct->hashes);
+        EXPECT_EQ(whole.quantiles->positive.counts, cells[0].quantiles->positive.counts);
+        EXPECT_EQ(whole.values->texts, cells[0].values->texts);
+    }
+}
+
+TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
+    const temp_dir dir;
+    std::vector<forge_event> events = forge_random_events(3, 50);
+    for (forge_event& event : events) event.deleted = false;
+    forge_file(dir.path(), events, forge_as_created(4));
+    const directory_ptr tsidx = open_directory(dir.path(), 0);
+    const std::string too_long(2049, 'x');
+    const std::string literal = "[AND " + too_long + "]";
+    const auto answer = [&](const std::string& text, const st_timeval_t& span, const select_spec_t& spec,
+                            uint32_t word) {
+        select_options_t options;
+        options.query.lispy = text.c_str();
+        options.query.opt_span = span;
+        options.query.opt_word = word;
+        options.spec = spec;
+        options.sources = {{tsidx.get(), {}}};
+        select_table_t table;
+        warm_rc_t rc;
+        const int status = select_read(options, &table, nullptr, &rc);
+        return std::to_string(status) + " " + rc.message;
+    };
+    EXPECT_EQ(answer("[AND]", {-1, 0}, {}, 0), "-25 time bins init");
+    EXPECT_EQ(answer("[AND]", {0, 1000000000}, {}, 0), "-25 time bins init");
+    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {}, .bin_starts_s = {5, 5}}, 0),
+              "-25 time bins init");
+    EXPECT_EQ(answer("[AND]", {0, 1}, {}, 0), "-55 alloc time bins hard limit exceeded");
+    EXPECT_EQ(answer(literal, {0, 0}, {}, 0), "-19 token too big");
+    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {too_long}, .projections = {}, .bin_starts_s = {}}, 0),
+              "-19 token too big");
+    EXPECT_EQ(answer("[AND", {0, 0}, {}, 0).substr(0, 3), "-20");
+    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {"bytes"}, .projections = {}, .bin_starts_s = {}}, 2),
+              "-15 too many values of the group field bytes");
+    const std::vector<std::string> nine(9, "host");
+    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = nine, .projections = {}, .bin_starts_s = {}}, 0),
+              "-37 too many group fields");
+
+    // A table takes no more cells than allowed.
+    select_spec_t wide;
+    wide.projections.resize(16, {"x", SELECT_COUNT});
+    select_table_t table;
+    select_table_init(&table, wide);
+    warm_rc_t rc;
+    uint32_t group = 0, row = 0;
+    ASSERT_EQ(select_group(&table, "", &group, &rc), 0);
+    int64_t rows = 0;
+    while (select_row(&table, rows, group, &row, &rc) == 0) rows++;
+    EXPECT_EQ(rc.warm_rc, WARM_RC_NO_MEMORY);
+    EXPECT_STREQ(rc.message, "select cells");
+    EXPECT_LE(rows, 1 << 18);
+    EXPECT_GT(rows, 1 << 17);
+
+    // Slices that know no fields, metrics without columns, and beside them what can be read.
+    const temp_dir others;
+    forge_options mini = forge_as_created(4);
+    mini.mini = true;
+    const std::string minified = forge_file(others.path(), events, mini, 7);
+    forge_options old;
+    old.magic = "_tsidx2";
+    for (const forge_options& kind : forge_all_kinds()) old = kind.metric() ? kind : old;
+    const std::string legacy = forge_file(others.path(), events, old, 8);
+    const auto failure = [&](const std::string& path, const select_spec_t& spec, bool told) {
+        select_options_t options;
+        options.query.lispy = "[AND]";
+        options.spec = spec;
+        options.sources = {{nullptr, path}, {tsidx.get(), {}}};
+        std::string heard;
+        if (told)
+            options.on_failure = [&](const std::string& where, const warm_rc_t& why) { heard = where + why.message; };
+        const int status = select_read(options, &table, nullptr, &rc);
+        EXPECT_TRUE(status != 0 || table.rows.at(0).count == events.size());
+        return told ? std::to_string(status) + heard : rc.message;
+    };
+    const select_spec_t projects = {.groups = {}, .projections = {{"bytes", SELECT_SUM}}, .bin_starts_s = {}};
+    EXPECT_EQ(failure(minified, {}, false), "warm slice select");
+    EXPECT_EQ(failure(minified, {}, true), "0" + minified + "warm slice select");
+    EXPECT_EQ(failure(legacy, {}, false), "not a msidx cstore tsidx");
+    EXPECT_EQ(failure(legacy, projects, false),
+              "ST projection on legacy MSIDX V1 and V2 buckets has no group-by: metric_name");
+}
+
+// The handle: a copy of everything, nothing done before the first read, rows in order, refusals.
+TEST_F(Select, HandlesReadRows) {
+    const temp_dir dir;
+    THING* const thing = st_open_for_read(dir.path().c_str());
+    std::string text = "[AND]";
+    QUERY query;
+    query.lispy = text.c_str();
+    select_spec_t spec;
+    spec.groups = {"status"};
+    st_select_handle* const handle = st_select_handle_new(thing, &query, &spec);
+    ASSERT_NE(handle, nullptr);
+    text = "[[[[[";
+    spec.groups.clear();
+    forge_file(dir.path(), {{.time = 5, .terms = {"status::b"}}, {.time = 6, .terms = {"status::a"}}},
+               forge_as_created(4));
+    select_row_t row;
+    ASSERT_EQ(st_select_handle_read(handle, &row), 1);
+    EXPECT_EQ(select_group_text(row.groups, 0), "a");
+    ASSERT_EQ(st_select_handle_read(handle, &row), 1);
+    EXPECT_EQ(select_group_text(row.groups, 0), "b");
+    EXPECT_EQ(st_select_handle_read(handle, &row), 0);
+    EXPECT_EQ(st_select_handle_read(handle, &row), 0);
+    st_select_handle_free(handle);
+    EXPECT_EQ(st_select_handle_new(nullptr, &query, &spec), nullptr);
+    query.earliest = {5, 1};
+    query.latest = {5, 0};
+    EXPECT_EQ(st_select_handle_new(thing, &query, &spec), nullptr);
+    query.latest = {5, 2};
+    st_select_handle* const refused = st_select_handle_new(thing, &query, &spec);
+    ASSERT_NE(refused, nullptr);
+    EXPECT_LT(st_select_handle_read(refused, &row), 0);
+    EXPECT_LT(st_select_handle_read(refused, &row), 0);
+    st_select_handle_free(refused);
+    EXPECT_EQ(st_close(thing), 0);
 }
 
 }  // namespace

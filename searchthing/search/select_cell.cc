@@ -128,6 +128,15 @@ size_t select_cell_merge(select_cell_t* into, const select_cell_t& other) {
     return more;
 }
 
+size_t select_cell_size(const select_cell_t& cell) {
+    size_t size = 0;
+    if (cell.distinct != nullptr) size += distinct_sketch_size(*cell.distinct);
+    if (cell.quantiles != nullptr) size += quantile_sketch_size(*cell.quantiles);
+    if (cell.values == nullptr) return size;
+    for (const std::string& text : cell.values->texts) size += TEXT_NODE + text.size();
+    return size;
+}
+
 void select_cell_settle(select_cell_t* cell) {
     if (cell->distinct != nullptr) distinct_sketch_settle(cell->distinct.get());
     if (cell->quantiles != nullptr) quantile_sketch_settle(cell->quantiles.get());

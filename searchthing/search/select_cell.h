@@ -73,6 +73,8 @@ size_t select_cell_add(select_cell_t* cell, const select_value_t& value, uint64_
 // Adds numbers of which only these sums are known; DC, VALUES, QUANTILES and SUMSQ need each of them.
 void select_cell_add_stats(select_cell_t* cell, const cs_stats_t& stats);
 size_t select_cell_merge(select_cell_t* into, const select_cell_t& other);
+// Bytes that it holds beside itself.
+size_t select_cell_size(const select_cell_t& cell);
 // What the functions below stand on; once everything has been added.
 void select_cell_settle(select_cell_t* cell);
 

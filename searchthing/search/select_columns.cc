@@ -101,6 +101,9 @@ class columns_pass {
             ordinal++;
             ST_TRY(lists_.look_up(term.id, &is_possible, &length, rc));
             if (is_possible) ST_TRY(lists_.each(term.id, length, begin, end, set, rc));
+            if (column->more.size() * sizeof column->more[0] > SELECT_MAX_BYTES) {
+                return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "select cells");
+            }
         }
         std::sort(column->more.begin(), column->more.end());
         return 0;

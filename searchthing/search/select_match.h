@@ -74,9 +74,9 @@ class select_lists {
 
     [[nodiscard]] int position(uint32_t term, warm_rc_t* rc);
     bool is_dense(uint32_t list_count) const { return list_count >= match_.range.size() / 32; }
-    // A bitmap's chunk costs as much as some thousands of its values.
-    bool is_probed(uint32_t list_count) const {
-        return !match_.ids.empty() && reader_.plo_type == PLO_BMAP && match_.ids.size() < list_count / 1024;
+    // The chunks of a bitmap that hold a match are read, and only those.
+    bool is_probed() const {
+        return reader_.plo_type == PLO_BMAP && !match_.ids.empty() && match_.ids.size() <= match_.range.size() / 2048;
     }
     // Fills `dense_` with the term's matches of [begin, end); bit 0 is number `begin`, which begins a byte of the match.
     [[nodiscard]] int read_dense(uint32_t begin, uint32_t end, warm_rc_t* rc);
@@ -92,7 +92,7 @@ class select_lists {
 template <typename Fn>
 int select_lists::each(uint32_t term, uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc) {
     ST_TRY(position(term, rc));
-    if (is_probed(list_count)) {
+    if (is_probed()) {
         selection_.report->lists_probed++;
         const auto first = std::lower_bound(match_.ids.begin(), match_.ids.end(), begin);
         uint32_t found = 0;

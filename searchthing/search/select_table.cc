@@ -88,15 +88,22 @@ int select_table_merge(select_table_t* into, const select_table_t& other, warm_r
 }
 
 void select_table_finish(select_table_t* table) {
+    // Texts have no NUL, so the one behind each of them makes the whole compare as the fields do, one after the other.
+    std::sort(table->group_texts.begin(), table->group_texts.end(),
+              [](const std::string* a, const std::string* b) { return *a < *b; });
+    std::vector<uint32_t> renumbered(table->group_texts.size());
+    for (uint32_t i = 0; i < renumbered.size(); i++) {
+        uint32_t& number = table->group_numbers.find(*table->group_texts[i])->second;
+        renumbered[number] = i;
+        number = i;
+    }
+    for (select_table_t::row_t& row : table->rows) row.group = renumbered[row.group];
     std::vector<uint32_t> order(table->rows.size());
     std::iota(order.begin(), order.end(), 0);
-    // Texts have no NUL, so the one behind each of them makes the whole compare as the fields do, one after the other.
     std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
         const select_table_t::row_t &one = table->rows[a], &two = table->rows[b];
-        if (one.bin != two.bin) return one.bin < two.bin;
-        return *table->group_texts[one.group] < *table->group_texts[two.group];
+        return std::pair(one.bin, one.group) < std::pair(two.bin, two.group);
     });
-    const size_t width = table->aggregates.size();
     std::vector<select_table_t::row_t> rows;
     std::vector<select_cell_t> cells;
     rows.reserve(order.size());
@@ -106,7 +113,6 @@ void select_table_finish(select_table_t* table) {
         for (select_cell_t& cell : select_cells(table, from)) cells.push_back(std::move(cell));
     }
     for (select_cell_t& cell : cells) select_cell_settle(&cell);
-    ST_ASSERT(cells.size() == rows.size() * width);
     table->rows = std::move(rows);
     table->cells = std::move(cells);
     table->row_numbers.clear();

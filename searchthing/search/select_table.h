@@ -82,7 +82,7 @@ inline std::span<select_cell_t> select_cells(select_table_t* table, uint32_t row
 [[nodiscard]] int select_grow(select_table_t* table, size_t bytes, warm_rc_t* rc);
 // Adds the rows of a table of the same shape: -37 for one of another.
 [[nodiscard]] int select_table_merge(select_table_t* into, const select_table_t& other, warm_rc_t* rc);
-// Sorts the rows by bin, then group texts, bytewise field by field, and settles the cells. A finished table may still be
+// Numbers the groups by their texts, bytewise field by field, sorts the rows by bin, then group, and settles the cells. A finished table may still be
 // merged into, and has to be finished anew then.
 void select_table_finish(select_table_t* table);
 select_row_t select_table_row(const select_table_t& table, size_t number);
