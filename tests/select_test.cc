@@ -337,7 +337,7 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
         for (int i = 0; i < (is_large ? 15 : 77) && !HasFailure(); i++) {
             const reference_query any = i % 5 == 0 ? reference_query::group_and({}) : queries.group(0);
             const bool is_rare = is_large && i % 4 == 1;
-            const reference_query tree = is_rare ? reference_query::term("rare::1") : any;
+            const reference_query tree = is_rare ? reference_query::group_and({reference_query::term("rare::1")}) : any;
             const std::string text = tree.notation();
             reference_bounds bounds = is_rare ? reference_bounds{} : queries.bounds();
             bounds.cumspan = 0;

@@ -15,7 +15,7 @@ int find_stretches(const selection_t& selection, const select_match_t& match, st
     uint32_t at = select_next_bit(match.bits.data(), match.range.begin, match.range.begin, match.range.end);
     while (at < match.range.end) {
         select_stretch_t stretch;
-        ST_TRY(select_stretch(selection, at, match.range.end, &stretch, rc));
+        ST_TRY(select_stretch(selection, at, match.range.end, 0, &stretch, rc));
         out->push_back(stretch);
         at = select_next_bit(match.bits.data(), match.range.begin, stretch.end, match.range.end);
     }

@@ -31,9 +31,9 @@ struct select_stretch_t {
 };
 
 // The stretch of the bin that value `begin` lies in, at most up to `end`; values from `begin` on are newest first. Its
-// end is found by steps that double, so that many bins cost no more than few.
-[[nodiscard]] int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, select_stretch_t* out,
-                                 warm_rc_t* rc);
+// end is looked for `guess` values on, then by steps that double, so that many bins cost no more than few.
+[[nodiscard]] int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, uint32_t guess,
+                                 select_stretch_t* out, warm_rc_t* rc);
 
 // A term of a field: its number in the lexicon and the text behind "<field>::".
 struct select_term_t {

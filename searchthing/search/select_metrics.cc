@@ -5,6 +5,7 @@
 #include <cmath>
 #include <map>
 #include <memory>
+#include <unordered_map>
 
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cstore.h"
@@ -160,11 +161,7 @@ class metrics_pass {
     int add_set(const set_run_t& run, const ds_dimset_t* set, warm_rc_t* rc) {
         const bool keeps_missing = selection_.query->spec.opt_b == SELECT_KEEPS_MISSING;
         selection_.report->events += run.end - run.first;
-        stretches_.clear();
-        for (uint32_t at = run.first; at < run.end; at = stretches_.back().end) {
-            stretches_.emplace_back();
-            ST_TRY(select_stretch(selection_, at, run.end, &stretches_.back(), rc));
-        }
+        ST_TRY(find_stretches(run, rc));
         std::vector<measure_t*> measures;
         for (const uint32_t term : ds_dimset_opt_cols(set)) {
             measures.emplace_back();
@@ -190,6 +187,18 @@ class metrics_pass {
         return 0;
     }
 
+    // Series that are sampled together have stretches of the same lengths.
+    int find_stretches(const set_run_t& run, warm_rc_t* rc) {
+        size_t count = 0;
+        for (uint32_t at = run.first; at < run.end; at = stretches_[count++].end) {
+            if (count == stretches_.size()) stretches_.push_back({0, 0, 0});
+            select_stretch_t* const stretch = &stretches_[count];
+            ST_TRY(select_stretch(selection_, at, run.end, stretch->end - stretch->begin, stretch, rc));
+        }
+        stretches_.resize(count);
+        return 0;
+    }
+
     // Adds the stretches to the rows of every combination of the texts.
     int add_groups(const std::vector<std::vector<std::string_view>>& texts, const ds_dimset_t* set,
                    std::span<measure_t* const> measures, warm_rc_t* rc) {
@@ -207,13 +216,16 @@ class metrics_pass {
     }
 
     int add_stretches(uint32_t group, const ds_dimset_t* set, std::span<measure_t* const> measures, warm_rc_t* rc) {
-        rows_.clear();
-        for (const select_stretch_t& stretch : stretches_) {
-            uint32_t row = 0;
-            ST_TRY(select_row(selection_.table, stretch.bin, group, &row, rc));
-            selection_.table->rows[row].count += stretch.end - stretch.begin;
-            rows_.push_back(row);
+        std::vector<uint32_t>& rows = rows_of_group_[group];
+        rows.resize(std::max(rows.size(), stretches_.size()), UINT32_MAX);
+        const std::vector<select_table_t::row_t>& all = selection_.table->rows;
+        for (size_t i = 0; i < stretches_.size(); i++) {
+            const select_stretch_t& stretch = stretches_[i];
+            const bool is_known = rows[i] != UINT32_MAX && all[rows[i]].bin == stretch.bin;
+            if (!is_known) ST_TRY(select_row(selection_.table, stretch.bin, group, &rows[i], rc));
+            selection_.table->rows[rows[i]].count += stretch.end - stretch.begin;
         }
+        rows_ = rows;
         for (measure_t* const measure : measures) {
             for (const size_t projection : measure->projections) ST_TRY(add_measure(measure, projection, rc));
         }
@@ -281,8 +293,9 @@ class metrics_pass {
     std::vector<dimension_t> projections_;    // the dimensions that are their values
     std::map<uint32_t, measure_t> measures_;  // by term
     std::vector<uint32_t> words_;
-    std::vector<select_stretch_t> stretches_;  // of the set that is being added
-    std::vector<uint32_t> rows_;               // by stretch
+    std::vector<select_stretch_t> stretches_;                            // of the set that is being added
+    std::span<const uint32_t> rows_;                                     // by stretch
+    std::unordered_map<uint32_t, std::vector<uint32_t>> rows_of_group_;  // by stretch, of the set before
 };
 
 }  // namespace

@@ -37,7 +37,8 @@ int select_kind(const selection_t& selection, warm_rc_t* rc) {
 
 }  // namespace
 
-int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, select_stretch_t* out, warm_rc_t* rc) {
+int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, uint32_t guess, select_stretch_t* out,
+                   warm_rc_t* rc) {
     *out = {begin, end, SELECT_NO_BIN};
     if (selection.bins->span == 0 && selection.bins->starts.empty()) return 0;
     int64_t time = 0;
@@ -46,6 +47,14 @@ int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, s
     const int64_t from = time < out->bin ? SELECT_NO_BIN : out->bin;  // the first of given bins reaches back
     // Values below `low` lie in the bin, those from `high` on do not.
     uint32_t low = begin + 1, high = end;
+    if (guess > 1 && guess <= end - begin) {
+        ST_TRY(read_time(selection, begin + guess - 1, &time, rc));
+        if (time < from) {
+            high = begin + guess - 1;
+        } else {
+            low = begin + guess;
+        }
+    }
     for (uint32_t step = 1; low < high; step *= 2) {
         const uint32_t at = step < high - low ? low + step - 1 : high - 1;
         ST_TRY(read_time(selection, at, &time, rc));
