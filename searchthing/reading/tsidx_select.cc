@@ -12,117 +12,82 @@ namespace veldar {
 
 namespace {
 
-// One selection while it reads its sources.
-struct selection_read {
-    const select_options_t& options;
-    const parsed_query_t& query;
-    const select_bins_t& bins;
-};
-
 // Whether a failure is the selection's, whatever is to happen to slices that cannot be read.
 bool is_of_selection(int status) {
     return status == WARM_RC_NO_MEMORY || status == WARM_RC_TIME_BINS_LIMIT || status == WARM_RC_CAPACITY ||
            status == WARM_RC_LEGACY_PROJECTION;
 }
 
-// A failure of one slice: 0 when it was told and the slice is left out. The table must hold nothing of it.
-int fail(const selection_read& read, const std::string& path, const warm_rc_t& why, warm_rc_t* rc) {
-    if (!read.options.on_failure || is_of_selection(why.warm_rc)) return _cpy_rc(rc, &why);
-    read.options.on_failure(path, why);
-    return 0;
-}
+// One selection over the slices of a snapshot.
+class selection_read {
+  public:
+    selection_read(const select_options_t& options, const parsed_query_t& query, const select_bins_t& bins,
+                   select_table_t* table, select_report_t* report)
+        : options_(options), query_(query), bins_(bins), table_(table), report_(report) {}
 
-int check_times(const selection_read& read, st_time_t first, st_time_t last, warm_rc_t* rc) {
-    const st_query_spec& query = read.query.spec;
-    const int64_t earliest = select_time({std::max(first, query.earliest.time_s), 0});
-    const int64_t latest = select_time({std::min(last, query.latest.time_s), 0});
-    return select_bins_check(read.bins, earliest, latest, rc);
-}
-
-// Adds one open slice to a table, all of it or nothing.
-int add_slice(const selection_read& read, WARM* warm, select_table_t* table, select_report_t* report, warm_rc_t* rc) {
-    const select_spec_t& spec = read.options.spec;
-    if (!read.options.on_failure) return warm_slice_select(warm, read.query, spec, read.bins, table, report, rc);
-    select_table_t own;
-    select_table_init(&own, spec);
-    ST_TRY(warm_slice_select(warm, read.query, spec, read.bins, &own, report, rc));
-    if (!table->rows.empty()) return select_table_merge(table, own, rc);
-    *table = std::move(own);
-    return 0;
-}
-
-int read_file(const selection_read& read, const std::string& path, select_table_t* table, select_report_t* report,
-              warm_rc_t* rc) {
-    warm_rc_t why;
-    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &why));
-    if (warm == nullptr) return fail(read, path, why, rc);
-    st_time_t first = st_warm_slice_earliest(warm.get()), last = st_warm_slice_latest(warm.get());
-    ST_TRY(check_times(read, first, last, rc));
-    return add_slice(read, warm.get(), table, report, &why) == 0 ? 0 : fail(read, path, why, rc);
-}
-
-// The slices of one listing: 0, TSIDX_VANISHED or a failure.
-int64_t read_snapshot(const selection_read& read, tsidx_snapshot* snapshot, select_table_t* table,
-                      select_report_t* report, warm_rc_t* rc) {
-    const st_query_spec& query = read.query.spec;
-    st_time_t first = TSIDX_LAST_TIME, last = TSIDX_FIRST_TIME;
-    for (size_t i = 0; i < snapshot->size(); i++) {
-        if (!snapshot->overlaps(i, query.earliest.time_s, query.latest.time_s)) continue;
-        first = std::min(first, snapshot->slice(i).meta.earliest);
-        last = std::max(last, snapshot->slice(i).meta.latest);
+    int run(warm_rc_t* rc) {
+        tsidx_snapshot snapshot(options_.sources, options_.on_failure);
+        const auto over_list = [&]() -> int64_t {
+            select_table_init(table_, options_.spec);
+            *report_ = {};
+            return read(&snapshot, rc);
+        };
+        ST_TRY(static_cast<int>(snapshot.hold(over_list, rc)));
+        select_table_finish(table_);
+        return 0;
     }
-    ST_TRY(check_times(read, first, last, rc));
-    for (size_t i = 0; i < snapshot->size(); i++) {
-        if (!snapshot->overlaps(i, query.earliest.time_s, query.latest.time_s)) continue;
-        warm_rc_t why;
-        int64_t status = snapshot->try_open(i, &why);
-        if (status == TSIDX_VANISHED) return status;
-        if (status == 0) status = add_slice(read, snapshot->warm(i), table, report, &why);
-        snapshot->close(i);
-        if (status == 0) continue;
-        if (fail(read, snapshot->path(i), why, rc) != 0) return _cpy_rc(rc, (snapshot->fail(i, why), &why));
+
+  private:
+    // 0, TSIDX_VANISHED or a failure.
+    int64_t read(tsidx_snapshot* snapshot, warm_rc_t* rc) {
+        const st_timeval_t &earliest = query_.spec.earliest, &latest = query_.spec.latest;
+        ST_TRY(check_times(*snapshot, rc));
+        bool is_over = false;
+        const auto add = [&](size_t i, warm_rc_t* why) {
+            if (is_over) return 0;
+            const int status = add_slice(snapshot->warm(i), why);
+            if (status == 0 || !is_of_selection(status)) return status;
+            is_over = true;  // and nobody else is to hear of it
+            _cpy_rc(rc, why);
+            return 0;
+        };
+        const int64_t status = snapshot->each(earliest.time_s, latest.time_s, add, rc);
+        return is_over && status != TSIDX_VANISHED ? rc->warm_rc : status;
     }
-    return 0;
-}
 
-int read_directory(const selection_read& read, TSIDX* tsidx, select_table_t* table, select_report_t* report,
-                   warm_rc_t* rc) {
-    bool is_of_slice = false;
-    const select_report_t before = *report;
-    const int64_t status = tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
-        select_table_init(table, read.options.spec);
-        *report = before;
-        const int64_t result = read_snapshot(read, &snapshot, table, report, rc);
-        is_of_slice = result != 0 && result != TSIDX_VANISHED;
-        return result;
-    });
-    if (status == 0) return 0;
-    if (is_of_slice) return static_cast<int>(status);
-    // What is recorded with the directory: it could not be listed, or does not hold still.
-    select_table_init(table, read.options.spec);
-    *report = before;
-    if (tsidx->last_failure.warm_rc == 0) _set_rc(&tsidx->last_failure, static_cast<int>(status));
-    return fail(read, tsidx->path, tsidx->last_failure, rc);
-}
-
-int read_sources(const selection_read& read, select_table_t* table, select_report_t* report, warm_rc_t* rc) {
-    for (const cursor_source_t& source : read.options.sources) {
-        select_table_t part;
-        select_table_init(&part, read.options.spec);
-        if (source.tsidx == nullptr) {
-            ST_TRY(read_file(read, source.path, &part, report, rc));
-        } else {
-            ST_TRY(read_directory(read, source.tsidx, &part, report, rc));
+    int check_times(const tsidx_snapshot& snapshot, warm_rc_t* rc) const {
+        const st_timeval_t &earliest = query_.spec.earliest, &latest = query_.spec.latest;
+        st_time_t first = TSIDX_LAST_TIME, last = TSIDX_FIRST_TIME;
+        for (size_t i = 0; i < snapshot.size(); i++) {
+            const st_filename_metadata_t& meta = snapshot.slice(i).meta;
+            const bool tells_times = meta.earliest != TSIDX_FIRST_TIME || meta.latest != TSIDX_LAST_TIME;
+            if (!tells_times || !snapshot.overlaps(i, earliest.time_s, latest.time_s)) continue;
+            first = std::min(first, meta.earliest);
+            last = std::max(last, meta.latest);
         }
-        if (table->rows.empty()) {
-            *table = std::move(part);
-        } else {
-            ST_TRY(select_table_merge(table, part, rc));
-        }
+        first = std::max(first, earliest.time_s);
+        last = std::min(last, latest.time_s);
+        return select_bins_check(bins_, select_time({first, 0}), select_time({last, 0}), rc);
     }
-    select_table_finish(table);
-    return 0;
-}
+
+    // Adds one open slice to the table; where failures are only told, all of it or nothing.
+    int add_slice(WARM* warm, warm_rc_t* rc) {
+        const select_spec_t& spec = options_.spec;
+        if (!options_.on_failure) return warm_slice_select(warm, query_, spec, bins_, table_, report_, rc);
+        select_table_t own;
+        select_table_init(&own, spec);
+        ST_TRY(warm_slice_select(warm, query_, spec, bins_, &own, report_, rc));
+        if (!table_->rows.empty()) return select_table_merge(table_, own, rc);
+        *table_ = std::move(own);
+        return 0;
+    }
+
+    const select_options_t& options_;
+    const parsed_query_t& query_;
+    const select_bins_t& bins_;
+    select_table_t* table_;
+    select_report_t* report_;
+};
 
 int parse(const st_query_spec& query, parsed_query_t* parsed, warm_rc_t* rc) {
     const int status = parse_query(query_with_bounds(query), parsed, rc);
@@ -143,7 +108,7 @@ int select_read(const select_options_t& options, select_table_t* table, select_r
         ST_TRY(select_bins_open(&bins, query.spec, options.spec, rc));
         select_table_init(table, options.spec);
         if (tsidx_is_empty_range(query.spec)) return 0;
-        ST_TRY(read_sources({options, query, bins}, table, report, rc));
+        ST_TRY(selection_read(options, query, bins, table, report).run(rc));
     } catch (const std::bad_alloc&) {
         return _set_rc(rc, WARM_RC_NO_MEMORY);
     }

@@ -18,7 +18,7 @@
 
 #include <memory>
 
-#include "searchthing/reading/cursor_source.h"
+#include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/search/query.h"
 #include "searchthing/search/select_spec.h"
 #include "searchthing/search/select_table.h"

@@ -149,6 +149,7 @@ int select_from_events(const selection_t& selection, warm_rc_t* rc) {
     ST_TRY(select_match_open(selection, &match, rc));
     selection.report->events += match.count;
     if (match.count == 0) return 0;
+    ST_TRY(select_bins_check(*selection.bins, select_time({match.earliest, 0}), select_time({match.latest, 0}), rc));
     std::vector<select_stretch_t> stretches;
     ST_TRY(find_stretches(selection, match, &stretches, rc));
     if (selection.spec->groups.empty()) return select_ungrouped(selection, match, stretches, rc);

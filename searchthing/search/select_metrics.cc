@@ -61,6 +61,11 @@ class metrics_pass {
         std::vector<set_run_t> runs;
         ST_TRY(find_runs(&runs, rc));
         if (runs.empty()) return 0;
+        const st_warm_slice_body* const header = selection_.warm->body;
+        const st_query_spec& query = selection_.query->spec;
+        const st_time_t first = std::max(static_cast<st_time_t>(header->earliest.get()), query.earliest.time_s);
+        const st_time_t last = std::min(static_cast<st_time_t>(header->latest.get()), query.latest.time_s);
+        ST_TRY(select_bins_check(*selection_.bins, select_time({first, 0}), select_time({last, 0}), rc));
         for (const std::string& field : selection_.spec->groups) {
             groups_.push_back({.is_metric_name = field == METRIC_NAME, .terms = {}});
             if (!groups_.back().is_metric_name) ST_TRY(read_dimension(field, &groups_.back(), rc));
