@@ -55,7 +55,7 @@ inline void store_le64(void* at, uint64_t value) {
     std::memcpy(at, &value, sizeof value);
 }
 
-// Checked loads: an offset outside the span is a broken invariant of the caller, which must have compared sizes before.
+// An offset outside the span is a broken invariant of the caller, which must have compared sizes before.
 inline uint32_t be32_at(std::span<const uint8_t> bytes, size_t offset) {
     ST_ASSERT(offset <= bytes.size() && bytes.size() - offset >= sizeof(uint32_t));
     return load_be32(bytes.data() + offset);

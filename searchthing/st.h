@@ -47,7 +47,8 @@ inline constexpr uint32_t ST_OPEN_STREAMING = 1;  // events come in order of tim
 inline constexpr uint32_t ST_OPEN_METRICS = 2;
 
 // A handle for reading an existing or future directory, which it does not change. Null for a null or empty path or
-// without memory. As long as there is no such directory, everything that reads it fails with -4 and errno ENOENT.
+// without memory. As long as there is no such directory, everything that reads it fails with WARM_RC_OPEN and errno
+// ENOENT.
 THING* st_open_for_read(const char* path);
 // A handle for writing. Null for a null or empty path, a write level outside 1 to 4, a directory that the process may
 // not read, write and search, or without memory. `limit` is the number that tells writers of one directory apart;
@@ -64,7 +65,8 @@ int st_close(THING* thing);
 // `seek_address`. Metric directories keep the milliseconds of `subsecond` (tsval_encode_milliseconds) when the write
 // options ask for them; st_txn_put_measure puts the name of a metric, " metric_name::cpu.load", with what was measured.
 // Keywords without a leading blank are found there as well, at exactly the events that they were put with; each
-// combination of keywords is a set of its own, so that one that differs from event to event makes a set an event.
+// combination of keywords is a set of its own, so that one that differs from event to event makes a set an event. Who
+// does not look at the results of start and put learns from close.
 int st_txn_start(THING* thing, st_time_t time, st_addr_t address, st_source_t source, st_src_type_t source_type,
                  st_host_t host);
 int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsecond_t subsecond, st_addr_t address,

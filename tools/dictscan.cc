@@ -92,6 +92,7 @@ int print_if_matching(int32_t id, const char* term, size_t, void* opaque) {
     return 0;
 }
 
+// The engine refuses an empty path as an argument; to the user it is a file that does not exist.
 WARM* open_slice(const char* path, warm_rc_t* rc) {
     if (*path != '\0') return st_warm_slice_open_rdonly(path, rc);
     _set_rc_and_errno(rc, WARM_RC_OPEN, ENOENT);

@@ -59,8 +59,8 @@ const uint8_t* _ar_refill(array_reader_t* ar, bool cache_only, uint64_t hint, wa
 
 // The element at the cursor, which advances; the bytes are valid until the next call. A miss reads `span` elements from
 // there, or at most 4 when a non-zero `hint`, the index that the caller wants next, lies outside that span; with
-// `cache_only` (and in memory) it fails instead. Null: -1 past the last element, -38 "use_cache_only but not in cache",
-// -8, -48 or -49 for the read.
+// `cache_only` (and in memory) it fails instead. Null: -1 past the last element, WARM_RC_NOT_FOUND "use_cache_only but
+// not in cache", or the status of the read.
 inline const uint8_t* _ar_get(array_reader_t* ar, bool cache_only, uint64_t hint, warm_rc_t* rc) {
     const uint64_t slot = ar->cursor - ar->cache_start;
     if (slot >= ar->cache_count) return _ar_refill(ar, cache_only, hint, rc);
@@ -69,13 +69,13 @@ inline const uint8_t* _ar_get(array_reader_t* ar, bool cache_only, uint64_t hint
     return ar->data + slot * ar->_obj_sz;
 }
 
-// Element `index`, as _ar_get with the cursor there; on failure the cursor stays. -15 when the index is not below the
-// count.
+// Element `index`, as _ar_get with the cursor there; on failure the cursor stays. WARM_RC_CAPACITY when the index is
+// not below the count.
 const uint8_t* _ar_get_i(array_reader_t* ar, uint64_t index, bool cache_only, uint64_t hint, warm_rc_t* rc);
 
 // Binary search for the first of the elements first .. first + number - 1 that is not below the key; they must ascend.
-// Null: -38 when all are below (`index` is then the last one) or number is 0, -17 when the range leaves the array, or
-// the failure of a read.
+// Null: WARM_RC_NOT_FOUND when all are below (`index` is then the last one) or number is 0, WARM_RC_UNSUPPORTED when
+// the range leaves the array, or the failure of a read.
 const uint8_t* _ar_find_atleast(array_reader_t* ar, uint32_t first, uint32_t number, const void* key,
                                 ar_compare_fn compare, uint32_t* index, warm_rc_t* rc);
 

@@ -10,8 +10,11 @@ namespace veldar {
 
 struct string_builder;
 
-// Codes of warm_rc_t. Numbers that no site uses have no name. The query tokenizer and the hot slice's puts return plain
-// negative numbers of their own (tokenizer.h, hotslice.h), whatever the same numbers mean here.
+// Codes of warm_rc_t. The query tokenizer and the hot slice's puts have negative numbers of their own (tokenizer.h,
+// st_txn.h), whatever the same numbers mean here.
+//
+// What takes memory may fail with WARM_RC_NO_MEMORY, and what reads a file with the status of a read (timed_read.h);
+// the comments of such functions name only what there is beside them.
 enum warm_status_t : int32_t {
     WARM_RC_OK = 0,
     WARM_RC_FAILED = -1,
@@ -88,9 +91,10 @@ int _set_rc_msg(warm_rc_t* rc, int status, const char* message);
 // Copies a record (onto itself: nothing happens) and returns its code.
 int _cpy_rc(warm_rc_t* destination, const warm_rc_t* source);
 
-bool warm_status_indicates_corruption(int status);  // -5, -12, -13, -14
-bool warm_status_indicates_oomem(int status);       // -2
-bool st_error_is_eminified(int code);               // -44
+// Of a slice: WARM_RC_EMPTY_FILE, WARM_RC_CORRUPT, WARM_RC_BAD_MAGIC, WARM_RC_NO_LEXICON.
+bool warm_status_indicates_corruption(int status);
+bool warm_status_indicates_oomem(int status);  // WARM_RC_NO_MEMORY
+bool st_error_is_eminified(int code);          // WARM_RC_MINIFIED
 
 // Appends the record as "{code,errno,message}"; safe in a signal handler.
 void annotator_print_warm_rc(string_builder* out, const warm_rc_t* rc) noexcept;

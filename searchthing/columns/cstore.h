@@ -29,8 +29,8 @@
 namespace veldar {
 
 // Collects the measures of one slice and writes the section. Memory is that of the encoded section and of at most 512
-// elements for each measure. Functions report memory that is short as -2 "columnset writer data_buf malloc failure";
-// after a failure the builder can only be closed.
+// elements for each measure. Functions report memory that is short as WARM_RC_NO_MEMORY "columnset writer data_buf
+// malloc failure"; after a failure the builder can only be closed.
 struct cs_builder_t {
     std::vector<cset_writer_t> sets;
     std::vector<uint32_t> set_of_rank;     // by measure rank: index into `sets` + 1; 0 for no column set

@@ -84,9 +84,9 @@ uint32_t ds_dimset_allfields_count(const ds_dimset_t* ds);
 // -1, 0 or 1: by the columns, word by word and then the fewer first, then by all dimensions in the same way.
 int ds_dimset_compare(const ds_dimset_t* a, const ds_dimset_t* b);
 // Replaces every term by map[term], and with `sort` sorts the optional dimensions and the columns ascending, each by
-// themselves. -12 for a set without columns ("ds_translate_term_ids fail") and for a term past the map.
+// themselves. WARM_RC_CORRUPT for a set without columns ("ds_translate_term_ids fail") and for a term past the map.
 [[nodiscard]] int ds_translate_term_ids(ds_dimset_t* ds, std::span<const uint32_t> map, warm_rc_t* rc, bool sort);
-// 0, or -15 when the set has more than `cap_words` words; nothing is copied then.
+// 0, or WARM_RC_CAPACITY when the set has more than `cap_words` words; nothing is copied then.
 [[nodiscard]] int ds_copy(ds_dimset_t* dst, uint32_t cap_words, const ds_dimset_t* ds);
 // How the hot slice finds equal sets: where the probe of a table of `slots` begins, and its step.
 uint32_t ds_dimset_hash(const ds_dimset_t* ds);
@@ -108,8 +108,8 @@ bool ds_verify_magic(const ds_header_t* header);
 inline uint64_t st_dimsets_size(uint32_t num_dimsets, uint32_t num_words) {
     return (uint64_t{num_words} + num_dimsets + DS_HEADER_NUM_WORDS) * sizeof(uint32_t);
 }
-// Writes a whole section of `n` ordered sets into a buffer of `size` bytes on an 8-byte boundary (asserted): 0, or -15
-// when it does not fit.
+// Writes a whole section of `n` ordered sets into a buffer of `size` bytes on an 8-byte boundary (asserted): 0, or
+// WARM_RC_CAPACITY when it does not fit.
 [[nodiscard]] int st_dimset_create(uint8_t* buffer, uint64_t size, const ds_dimset_t* const* sets, uint32_t n);
 
 // One line for people: the id, the words, and at a verbosity above 2 dimensions and columns apart.

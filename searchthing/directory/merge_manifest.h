@@ -54,13 +54,13 @@ std::string merge_manifest_text(const merge_manifest_t& manifest);
 [[nodiscard]] bool merge_manifest_parse(std::string_view text, merge_manifest_t* manifest);
 
 // Reads the file `name` of the directory; an empty text when there is none. Of a file that is too large to be a
-// manifest only the first part is read, which is no manifest either. 0, -4 or -8.
+// manifest only the first part is read, which is no manifest either. 0, WARM_RC_OPEN or WARM_RC_READ.
 [[nodiscard]] int merge_manifest_read(const std::string& directory, const char* name, std::string* text, warm_rc_t* rc);
 // The same from an open file.
 [[nodiscard]] int merge_manifest_read_fd(int fd, std::string* text, warm_rc_t* rc);
 
 // The names of the files that merges in the directory are writing, or have left behind for the next writer to remove.
-// 0, -4 or -8.
+// 0, WARM_RC_OPEN or WARM_RC_READ.
 [[nodiscard]] int merge_manifest_temporaries(const std::string& directory, std::vector<std::string>* names,
                                              warm_rc_t* rc);
 

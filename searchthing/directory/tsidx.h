@@ -48,8 +48,8 @@ struct st_tsidx;
 using TSIDX = st_tsidx;
 
 // A handle on the directory, or null for an empty path or when memory is short. Write level 0 opens for reading:
-// nothing in the directory is read or changed and transactions answer -17. Any other level reads the parameter file and
-// removes what interrupted writers have left behind.
+// nothing in the directory is read or changed and transactions answer WARM_RC_UNSUPPORTED. Any other level reads the
+// parameter file and removes what interrupted writers have left behind.
 // The writer number names the files of a writer that shares the directory with others; TSIDX_ORDINARY_WRITER takes the
 // process id instead.
 TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRITEOPTS* opts, uint32_t writer_number);
@@ -76,7 +76,7 @@ void st_tsidx_set_params(TSIDX* tsidx, uint64_t max_terms, uint64_t lexicon_byte
                          uint64_t max_values, uint64_t keywords_per_txn, uint64_t dimset_words);
 // The same for four of them, 0 leaving a limit as it is, applied at once: a hot slice in use is synced first. When that
 // fails, the events lost are told by the next transaction close (which refuses its event), sync or read:
-// TSIDX_SYNC_FAILED. 0, or -37 for more postings or values than a hot slice can have.
+// TSIDX_SYNC_FAILED. 0, or WARM_RC_INVALID_ARGUMENT for more postings or values than a hot slice can have.
 //
 // The limits are what memory is reserved for. A slice ends when one of them is passed by seven eighths (from 65536 on,
 // fifteen sixteenths), earlier for what st_tsidx_txn_close says, and at 2 GiB of lexicon and 138547332 values (metric
@@ -93,7 +93,8 @@ int st_tsidx_autotune(TSIDX* tsidx, int enable);
 // Durability switch: 0 leaves out every fsync, for throw-away indexes; the default is 1.
 void st_tsidx_set_durable(TSIDX* tsidx, int durable);
 
-// The marker file: 1 when it exists, else 0; creating and removing it: 0, or -4 or -9 with errno set.
+// The marker file: 1 when it exists, else 0; creating and removing it: 0, or WARM_RC_OPEN or WARM_RC_WRITE with errno
+// set.
 int st_tsidx_need_optimize(const TSIDX* tsidx);
 int st_tsidx_set_need_optimize(TSIDX* tsidx);
 int st_tsidx_clear_need_optimize(TSIDX* tsidx);
@@ -115,14 +116,14 @@ const char* st_tsidx_unmoved_slice(const TSIDX* tsidx);
 // exact check of the space, so that no event is split over two slices. The record is passed to each call; close indexes
 // the event as the record then is.
 //
-// start: 0, -36 for a source other than all-ones, a source type or a host of 2^31 or more, -17 for a directory opened
-// for reading, -37 while a transaction is open, which then stays open. One with a refused put has been told of and is
-// over: a start begins afresh.
+// start: 0, WARM_RC_DOES_NOT_FIT for a source other than all-ones, a source type or a host of 2^31 or more,
+// WARM_RC_UNSUPPORTED for a directory opened for reading, WARM_RC_INVALID_ARGUMENT while a transaction is open, which
+// then stays open. One with a refused put has been told of and is over: a start begins afresh.
 int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn);
-// put: 0, also for an empty keyword, which is ignored; -37 without a transaction; HOT_PUT_RC_BAD_KEYWORD for a NUL byte
-// among the first 2047 bytes, or -2, and then close refuses the event with the same result. A keyword longer than 2047
-// bytes is cut and counted (st_tsidx_keywords_cut). In a metric directory the record's measure goes with the keyword,
-// when that names one.
+// put: 0, also for an empty keyword, which is ignored; WARM_RC_INVALID_ARGUMENT without a transaction;
+// HOT_PUT_RC_BAD_KEYWORD for a NUL byte among the first 2047 bytes, or WARM_RC_NO_MEMORY, and then close refuses the
+// event with the same result. A keyword longer than 2047 bytes is cut and counted (st_tsidx_keywords_cut). In a metric
+// directory the record's measure goes with the keyword, when that names one.
 int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn* txn);
 // abort: drops the open transaction, if there is one.
 void st_tsidx_txn_abort(TSIDX* tsidx);

@@ -20,9 +20,9 @@ class tsidx_cache {
     tsidx_cache(const tsidx_cache&) = delete;
     tsidx_cache& operator=(const tsidx_cache&) = delete;
 
-    // The open slice, or null: -4 with ENOENT when the file is gone, or another failure of the open. When the process
-    // has no descriptor left, slices not in use are closed first. May throw std::bad_alloc, and then nothing has
-    // changed.
+    // The open slice, or null: WARM_RC_OPEN with ENOENT when the file is gone, or another failure of the open. When the
+    // process has no descriptor left, slices not in use are closed first. May throw std::bad_alloc, and then nothing
+    // has changed.
     WARM* open(const std::string& directory, const tsidx_slice_name_t& slice, warm_rc_t* rc);
     void release(const std::string& name);
     // Closes what is not in use and not in the listing: files that are gone still take their disk space while open.

@@ -29,14 +29,14 @@ inline constexpr char TSIDX_SENTINEL_SUFFIX[] = ".deleted";
 // Whether the name is that of a live slice, and then its metadata.
 bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 
-// Every name in the directory, in no order. 0, -4 when the directory cannot be opened, -8 when reading it fails. May
-// throw std::bad_alloc.
+// Every name in the directory, in no order. 0, WARM_RC_OPEN when the directory cannot be opened, WARM_RC_READ when
+// reading it fails. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_read_names(const char* directory, std::vector<std::string>* names, warm_rc_t* rc);
 
 // The live slices, ordered by latest time descending (then earliest time and id descending). A directory may change
 // while it is read, so it is read twice, until the manifest stayed the same and no slice disappeared in between; slices
-// that are added meanwhile may be listed or not. -35 when that is not so in 16 tries. -4, -8 as above, also for a
-// manifest that cannot be read. May throw std::bad_alloc.
+// that are added meanwhile may be listed or not. WARM_RC_RETRIES when that is not so in 16 tries. WARM_RC_OPEN,
+// WARM_RC_READ as above, also for a manifest that cannot be read. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc);
 
 // The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 when the name does

@@ -12,10 +12,11 @@ namespace veldar {
 // long.
 inline constexpr int64_t TSIDX_MERGE_MAX_SECONDS = 86400;
 
-// Finishes or undoes what merges have left; the caller has the directory's lock. 0 when no merge is left, -28 when one
-// is at work before its commit point, or -4, -8, -9 when its files cannot be read or removed; readers are right all the
-// same. A source that cannot be removed is hidden, and named in `unremoved` (with -9) unless that is null; the next
-// writer tries again. May throw std::bad_alloc.
+// Finishes or undoes what merges have left; the caller has the directory's lock. 0 when no merge is left,
+// WARM_RC_MANIFEST_EXISTS when one is at work before its commit point, or WARM_RC_OPEN, WARM_RC_READ, WARM_RC_WRITE
+// when its files cannot be read or removed; readers are right all the same. A source that cannot be removed is hidden,
+// and named in `unremoved` (with WARM_RC_WRITE) unless that is null; the next writer tries again. May throw
+// std::bad_alloc.
 [[nodiscard]] int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved = nullptr);
 // Whether a manifest, complete or not, lies in the directory.
 bool tsidx_has_merge(const TSIDX* tsidx);

@@ -191,7 +191,7 @@ uint64_t st_warm_header_get_offsets(const st_warm_slice_body* h, uint64_t* value
 int st_warm_slice_offsets(int fd, uint64_t* values, uint64_t* m, uint64_t* s, uint64_t* st, uint64_t* host, uint64_t* d,
                           uint64_t* pl_offs, uint64_t* metadata, uint64_t* fclex);
 
-// Zeroed headers; empty with -2 "warm header alloc" when memory is short.
+// Zeroed headers; empty with WARM_RC_NO_MEMORY "warm header alloc" when memory is short.
 buffer<st_warm_slice_body> warm_header_alloc(uint32_t count, warm_rc_t* rc);
 // Zeroes all 120 bytes and copies the magic, which has 7 characters (asserted).
 void warm_header_init(st_warm_slice_body* h, const char* magic);
@@ -203,8 +203,9 @@ int warm_header_write(int fd, const st_warm_slice_body* h, warm_rc_t* rc);
 // Copies the source's size on disk and not a byte more: what follows may be a section.
 void warm_header_copy(st_warm_slice_body* dst, const st_warm_slice_body* src);
 
-// Bytes of all posting lists: the last offset entry, read from the file, without its tag. All-ones on failure: -8, -48
-// or -49 "reading last plo entry", -12 "plo last term" for a slice without terms or an entry that is all-ones itself.
+// Bytes of all posting lists: the last offset entry, read from the file, without its tag. All-ones on failure: the
+// status of the read "reading last plo entry", WARM_RC_CORRUPT "plo last term" for a slice without terms or an entry
+// that is all-ones itself.
 uint64_t warm_header_posting_lists_size(const st_warm_slice_body* h, int fd, warm_rc_t* rc);
 // Where the dimension sets begin, given where the posting lists do. All-ones on failure, with the status above.
 uint64_t _offset_dimsets(const st_warm_slice_body* h, int fd, uint64_t posting_lists_start, warm_rc_t* rc);

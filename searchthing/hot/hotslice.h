@@ -41,10 +41,10 @@ struct ds_dimset_t;
 struct st_hot_slice;
 using HOT = st_hot_slice;
 
-// An empty hot slice, or null with rc: -37 for fewer than 257 terms or more postings or values than the maxima, -36
-// when a table derived from the limits has more than 2^32 - 2 entries, -2 for memory. `max_terms` is rounded up to a
-// power of two. `max_txn_keywords`, `dimsets_cap` (words of all sets) and `max_dimset_measures` matter in metric mode
-// only, which ignores `streaming`; without options milliseconds are off.
+// An empty hot slice, or null with rc: WARM_RC_INVALID_ARGUMENT for fewer than 257 terms or more postings or values
+// than the maxima, WARM_RC_DOES_NOT_FIT when a table derived from the limits has more than 2^32 - 2 entries.
+// `max_terms` is rounded up to a power of two. `max_txn_keywords`, `dimsets_cap` (words of all sets) and
+// `max_dimset_measures` matter in metric mode only, which ignores `streaming`; without options milliseconds are off.
 HOT* st_hot_slice_create(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
                          uint64_t max_txn_keywords, uint64_t dimsets_cap, uint64_t max_dimset_measures, bool streaming,
                          bool is_msidx, const TSWRITEOPTS* opts, warm_rc_t* rc);

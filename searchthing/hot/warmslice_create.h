@@ -22,12 +22,13 @@ namespace veldar {
 // for the caller to remove. The file is closed and not yet flushed to the disk.
 //
 // The returned handle has no descriptor and owns the slice's bytes in memory: its values, lexicon and header can be
-// read, posting readers on it answer -44. Null on failure: the status of preparing, -36 for a section that does not fit
-// the format, -2 memory, -47 path too long, -4 create, -9 write, -11 close, -15 "overrun writing posting".
+// read, posting readers on it answer WARM_RC_MINIFIED. Null on failure: the status of preparing, WARM_RC_DOES_NOT_FIT
+// for a section that does not fit the format, WARM_RC_CAPACITY "overrun writing posting", WARM_RC_PATH_TOO_LONG, or
+// WARM_RC_OPEN, WARM_RC_WRITE or WARM_RC_CLOSE of the file.
 WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
                            const TSWRITEOPTS* opts, warm_rc_t* rc);
 // The same, and what is returned has been flushed to the disk: through the descriptor that wrote it, because one that
-// is opened later need not learn of a failed write. -9 when the flush fails.
+// is opened later need not learn of a failed write. WARM_RC_WRITE when the flush fails.
 WARM* warm_slice_create_durable(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix,
                                 const ospath_char_t* suffix, const TSWRITEOPTS* opts, warm_rc_t* rc);
 

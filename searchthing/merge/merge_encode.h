@@ -19,7 +19,7 @@ struct merge_encoder_t {
     uint32_t num_values = 0;  // of the target
     buffer<uint8_t> rle, bitmap;
 };
-// The shorter of the list's encodings, valid until the next call; an empty list has no bytes. -2.
+// The shorter of the list's encodings, valid until the next call; an empty list has no bytes.
 [[nodiscard]] int merge_encode(merge_encoder_t* encoder, const merge_list_t& list, bool bitmap_allowed,
                                merge_encoded_t* out, warm_rc_t* rc);
 
@@ -52,7 +52,7 @@ struct merge_known_lists_t {
 };
 inline constexpr uint32_t MERGE_NO_TERM = 0xFFFFFFFF;
 // Sets `known` to the earlier term with these bytes, which are compared with what was written. Without one it remembers
-// `term` and sets MERGE_NO_TERM. The list of `term` is then written next. -2, -8, -48, -49.
+// `term` and sets MERGE_NO_TERM. The list of `term` is then written next.
 [[nodiscard]] int merge_known_lists_find(merge_known_lists_t* lists, const merge_list_writer_t* writer, uint32_t term,
                                          const merge_encoded_t& list, uint32_t* known, warm_rc_t* rc);
 

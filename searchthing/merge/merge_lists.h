@@ -71,19 +71,18 @@ struct merge_lists_t {
     size_t next_check = 0;
 };
 
-// Finds the terms of a source that no kept value has, once the values have their new numbers. -2, or the failure of a
-// read or of a comparison as below.
+// Finds the terms of a source that no kept value has, once the values have their new numbers. A comparison may fail as
+// below.
 [[nodiscard]] int merge_find_dead_terms(merge_source_t* source, warm_rc_t* rc);
 
-// Opens readers over all sources, whose values have their new numbers. -2, or what _init_reader reports.
+// Opens readers over all sources, whose values have their new numbers.
 [[nodiscard]] int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc);
 
-// The list of the next merged term, which the sources whose bits are set in `holders` have. -2, -12 for damage, with
-// the path of the slice in the message when a list is not what is said of it, or for a source without such a term, or
-// the failure of a read.
+// The list of the next merged term, which the sources whose bits are set in `holders` have. WARM_RC_CORRUPT for damage,
+// with the path of the slice in the message when a list is not what is said of it, or for a source without such a term.
 [[nodiscard]] int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, warm_rc_t* rc);
 
-// Compares what is left to compare, after the last list: 0, or -12 as above.
+// Compares what is left to compare, after the last list: 0, or WARM_RC_CORRUPT as above.
 [[nodiscard]] int merge_lists_finish(merge_lists_t* lists, warm_rc_t* rc);
 
 }  // namespace veldar

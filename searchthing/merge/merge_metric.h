@@ -54,19 +54,20 @@ struct merge_metric_t {
 
 // Whether any value of a slice has milliseconds other than 0. 0 or the failure of a decoding.
 [[nodiscard]] int merge_metric_find_milliseconds(WARM* warm, bool* found, warm_rc_t* rc);
-// Makes the sources' term maps, which the merge of the lexicons then fills. -2.
+// Makes the sources' term maps, which the merge of the lexicons then fills.
 [[nodiscard]] int merge_metric_open(warm_merge_t* merge, warm_rc_t* rc);
 // Merges the sets, numbers the runs (the sources' maps become maps of runs) and fills in the header's counts, widths
-// and sizes of values. The term maps are filled. Once for a merge. -12 for damage, -36 for what the format cannot hold,
-// -2.
+// and sizes of values. The term maps are filled. Once for a merge. WARM_RC_CORRUPT for damage, WARM_RC_DOES_NOT_FIT for
+// what the format cannot hold.
 [[nodiscard]] int merge_metric_plan(warm_merge_t* merge, warm_rc_t* rc);
-// Writes preambles, values and companions, and numbers the values. -12 for a run whose values are not newest first, -37
-// for times outside the slice's, -9, -2.
+// Writes preambles, values and companions, and numbers the values. WARM_RC_CORRUPT for a run whose values are not
+// newest first, WARM_RC_INVALID_ARGUMENT for times outside the slice's, WARM_RC_WRITE.
 [[nodiscard]] int merge_metric_values_write(warm_merge_t* merge, int fd, warm_rc_t* rc);
 // Writes the dimension sets behind the posting lists, which end at `offset`, and the column store behind them; fills in
 // the header's reference and leaves `offset` at the end of the file. The values have been written.
 [[nodiscard]] int merge_metric_sections_write(warm_merge_t* merge, int fd, uint64_t* offset, warm_rc_t* rc);
-// Whether the finished slice has these sets and this column store. -12, or the status of what does not open.
+// Whether the finished slice has these sets and this column store. WARM_RC_CORRUPT, or the status of what does not
+// open.
 [[nodiscard]] int merge_metric_verify(const warm_merge_t* merge, WARM* target, warm_rc_t* rc);
 
 // The record of a merged list of runs. Their values have been written.

@@ -31,8 +31,9 @@ struct merge_postings_t {
 };
 
 // Writes the three sections of the target, whose header is complete but for the number of postings and whose lexicon
-// ends at `lists_offset`. Entry t of `holders` tells which sources have term t. -9, -2, -36 for what the format cannot
-// hold, -33 for events outside the header's times, and what merge_lists_next reports.
+// ends at `lists_offset`. Entry t of `holders` tells which sources have term t. WARM_RC_WRITE, WARM_RC_DOES_NOT_FIT for
+// what the format cannot hold, WARM_RC_TIME_MISMATCH for events outside the header's times, and what merge_lists_next
+// reports.
 [[nodiscard]] int merge_postings_write(warm_merge_t* merge, int fd, uint64_t lists_offset, const bmap_array_t& holders,
                                        merge_postings_t* out, warm_rc_t* rc);
 

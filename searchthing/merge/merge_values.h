@@ -10,12 +10,12 @@
 namespace veldar {
 
 // Gives every value of the sources its new number and fills in the header's counts, widths and sizes of values, for a
-// mapper also its addresses. -12 for values that are not newest first or do not decode, -36 for what the format cannot
-// hold, -2.
+// mapper also its addresses. WARM_RC_CORRUPT for values that are not newest first or do not decode,
+// WARM_RC_DOES_NOT_FIT for what the format cannot hold.
 [[nodiscard]] int merge_values_plan(warm_merge_t* merge, warm_rc_t* rc);
 
-// Writes the values section and the companion arrays that the header describes. -9, -2; -37 for a value outside the
-// times or addresses of its slice's header.
+// Writes the values section and the companion arrays that the header describes. WARM_RC_WRITE; WARM_RC_INVALID_ARGUMENT
+// for a value outside the times or addresses of its slice's header.
 [[nodiscard]] int merge_values_write(warm_merge_t* merge, int fd, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -26,13 +26,14 @@ class merged_lexicon_file {
     merged_lexicon_file& operator=(const merged_lexicon_file&) = delete;
 
     const std::string& path() const { return path_; }
-    // 64 terms a block and pages of 1 MiB when they are 0. 0; -37 for other numbers that cannot be; -4, -2.
+    // 64 terms a block and pages of 1 MiB when they are 0. 0; WARM_RC_INVALID_ARGUMENT for other numbers that cannot
+    // be; WARM_RC_OPEN.
     [[nodiscard]] int create(uint32_t terms_per_block, uint64_t page_size, warm_rc_t* rc);
     // Appends a term above the one before; a count above 2^32 - 1 is stored as that. 0, or the writer's failure.
     [[nodiscard]] int put(std::string_view term, uint64_t events, warm_rc_t* rc);
-    // Completes the file. 0; -39 without a term; -9, -36.
+    // Completes the file. 0; WARM_RC_ZERO_TERMS without a term; WARM_RC_WRITE, WARM_RC_DOES_NOT_FIT.
     [[nodiscard]] int finish(warm_rc_t* rc);
-    // 0 or -9.
+    // 0 or WARM_RC_WRITE.
     [[nodiscard]] int rename_to(const std::string& path, warm_rc_t* rc);
 
   private:

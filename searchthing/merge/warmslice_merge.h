@@ -53,21 +53,23 @@ struct warm_merge_totals_t {
 };
 
 // Opens 2 to 64 slices (1 to 64 with drop_deleted) read-only and prepares the target's header; no file is made. The
-// paths and the options are copied, the mapper's and the progress function's contexts stay the caller's. Null: -37 for
-// another number of slices, for slices that cannot be merged with each other (st_warm_slice_merge_kind) or for a mini
-// slice; -36 when a total would pass 32 bits; -8 for offsets of postings that cannot be read; -2; what
-// st_warm_slice_open_rdonly reports. The detail is the index of the slice where one is to blame.
+// paths and the options are copied, the mapper's and the progress function's contexts stay the caller's. Null:
+// WARM_RC_INVALID_ARGUMENT for another number of slices, for slices that cannot be merged with each other
+// (st_warm_slice_merge_kind) or for a mini slice; WARM_RC_DOES_NOT_FIT when a total would pass 32 bits; WARM_RC_READ
+// for offsets of postings that cannot be read; what st_warm_slice_open_rdonly reports. The detail is the index of the
+// slice where one is to blame.
 warm_merge_t* st_warm_slice_merge_open(std::span<const char* const> paths, const warm_merge_options_t* options,
                                        warm_rc_t* rc);
 
 // Writes the target, which is created exclusively with mode 0600, reads it back to verify it, and with `durable` has it
-// flushed to the disk (its directory is the caller's business). 0; on failure the file that it made is gone again: -4
-// create, -9 write, -11 close, -2 memory, -36 for what the format cannot hold, -33 for a term whose events lie outside
-// its slice's times, -12 and the statuses of reads for damage in a source.
+// flushed to the disk (its directory is the caller's business). 0; on failure the file that it made is gone again:
+// WARM_RC_OPEN, WARM_RC_WRITE or WARM_RC_CLOSE of it, WARM_RC_DOES_NOT_FIT for what the format cannot hold,
+// WARM_RC_TIME_MISMATCH for a term whose events lie outside its slice's times, WARM_RC_CORRUPT for damage in a source.
 [[nodiscard]] int st_warm_slice_merge_write(warm_merge_t* merge, const char* path, bool durable, warm_rc_t* rc);
 
 // Marks in the finished target what has been marked as deleted in the sources by now, and flushes it. May be repeated.
-// 0, -37 before a write has succeeded, -1 when the flush failed, or what st_warm_slice_open_rdwr reports.
+// 0, WARM_RC_INVALID_ARGUMENT before a write has succeeded, -1 when the flush failed, or what st_warm_slice_open_rdwr
+// reports.
 [[nodiscard]] int st_warm_slice_merge_carry_deletes(warm_merge_t* merge, const char* target_path, warm_rc_t* rc);
 
 // Valid until the merge is closed.
@@ -84,8 +86,8 @@ using merge_ptr = std::unique_ptr<warm_merge_t, merge_closer>;
 // keep in memory is estimated at no more than 1 GiB, and they are no more than 64. The spans have the same length.
 uint32_t st_warm_slice_merge_fitting(std::span<const st_warm_slice_body> headers, std::span<const uint64_t> file_sizes);
 
-// Slices merge with slices of the same kind, a small number; -1 for slices that are not merged: metric
-// slices of older generations, without a column store.
+// Slices merge with slices of the same kind, a small number; -1 for slices that are not merged: metric slices
+// of older generations, without a column store.
 int st_warm_slice_merge_kind(const st_warm_slice_body* header);
 
 }  // namespace veldar

@@ -74,11 +74,11 @@ struct plist_writer_t {
 // dimension set are stored.
 void _plist_writer_open(plist_writer_t* plw, int fd, uint64_t offset, std::span<const uint32_t> map);
 [[nodiscard]] int _plist_writer_start_term(plist_writer_t* plw);
-// An event equal to the one before it is stored once; a smaller one is a broken caller (asserted). -9, -15 for an event
-// outside the map, -37 for a type that has no bytes.
+// An event equal to the one before it is stored once; a smaller one is a broken caller (asserted). WARM_RC_WRITE,
+// WARM_RC_CAPACITY for an event outside the map, WARM_RC_INVALID_ARGUMENT for a type that has no bytes.
 [[nodiscard]] int _plist_writer_put(plist_writer_t* plw, uint32_t value);
 [[nodiscard]] int _plist_writer_end_term(plist_writer_t* plw);
-// Writes what is buffered: 0 or -9.
+// Writes what is buffered: 0 or WARM_RC_WRITE.
 [[nodiscard]] int _plist_writer_close(plist_writer_t* plw);
 
 // Where a term's list lies in the section.
@@ -122,12 +122,12 @@ struct plist_section_t {
     uint64_t plo_last = ~uint64_t{0};          // bytes of all lists; all-ones when that is unknown
 };
 // Opens a reader. `span` is the number of offset entries to read at once where they are not mapped (at least 1024 are).
-// -44 when the size of the lists is unknown; -2 without memory.
+// WARM_RC_MINIFIED when the size of the lists is unknown.
 [[nodiscard]] int plist_reader_open(plist_reader* reader, const plist_section_t& section, uint64_t span,
                                     st_query_info_t* stats, warm_rc_t* rc);
 // Reads lists from a copy of the section's beginning from now on; the copy stays the caller's and outlives the reader.
-// Every list must lie in it: -12 "reading beyond PL memory bufpos failed " for one that begins behind it, -53 for one
-// that ends behind it.
+// Every list must lie in it: WARM_RC_CORRUPT "reading beyond PL memory bufpos failed " for one that begins behind it,
+// WARM_RC_SPLIT_LIST for one that ends behind it.
 void plist_reader_attach_memory(plist_reader* reader, std::span<const uint8_t> lists);
 // V and type of entry `index` (-1 is term 0's): -1 on failure, -15 in `rc` past the last entry, -12 for a V that cannot
 // be.
@@ -136,10 +136,10 @@ int64_t _pl_offset_reader(plist_reader* reader, int64_t index, uint32_t* type, w
 [[nodiscard]] int plist_term_offset_reader(plist_reader* reader, plo_term_context_t* context, uint32_t term,
                                            warm_rc_t* rc);
 // Positions the reader before the first event of the term's list and reads the list's beginning. A failed seek leaves
-// an empty list. As plist_term_offset_reader, and -8, -48, -49 from reads, -12 for a damaged list.
+// an empty list. As plist_term_offset_reader, and the status of a read, or WARM_RC_CORRUPT for a damaged list.
 [[nodiscard]] int _seek_reader(plist_reader* reader, uint32_t term, warm_rc_t* rc);
-// The next event, PLIST_END after the last. -12 for a damaged list: a number that does not decode, runs out of the
-// list, or names an event that the slice does not have.
+// The next event, PLIST_END after the last. WARM_RC_CORRUPT for a damaged list: a number that does not decode, runs out
+// of the list, or names an event that the slice does not have.
 [[nodiscard]] int _next(plist_reader* reader, uint32_t* id, warm_rc_t* rc);
 // The next event at or after `target`, or PLIST_END. Never goes back.
 [[nodiscard]] int _seek(plist_reader* reader, uint32_t target, uint32_t* id, warm_rc_t* rc);

@@ -65,12 +65,12 @@ struct event_cursor_closer {
 };
 using event_cursor_ptr = std::unique_ptr<event_cursor_t, event_cursor_closer>;
 
-// A cursor before the first event. Null with the reason in `rc`: -20 to -23, -18, -25 or -37 for a text that is no
-// query, the failure to list a directory, -2. The failure of a directory is in st_tsidx_last_failure, too.
+// A cursor before the first event. Null with the reason in `rc`: a status of parse_query (parsed_query.h), or the
+// failure to list a directory. The failure of a directory is in st_tsidx_last_failure, too.
 event_cursor_ptr event_cursor_open(const event_cursor_options_t& options, warm_rc_t* rc);
 
 // Fills the array with the next events. Their number, less than asked for at the end alone; or the failure of a slice
-// or directory, -35 when slices go faster than they can be opened, -2, and then the cursor is at its end.
+// or directory, or WARM_RC_RETRIES when slices go faster than they can be opened, and then the cursor is at its end.
 [[nodiscard]] int event_cursor_next(event_cursor_t* cursor, std::span<event_t> events, warm_rc_t* rc);
 
 event_position_t event_cursor_position(const event_cursor_t* cursor);

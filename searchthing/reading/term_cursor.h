@@ -25,7 +25,7 @@ namespace veldar {
 struct term_cursor_options_t {
     std::vector<cursor_source_t> sources;
     term_choice_t choice;          // metadata are read for terms that it takes alone; `after` resumes
-    cursor_failure_fn on_failure;  // null: what cannot be read fails the cursor. Minified slices, -44, have no terms
+    cursor_failure_fn on_failure;  // null: what cannot be read, minified slices too, fails the cursor
 };
 
 struct term_cursor_t;
@@ -34,8 +34,9 @@ struct term_cursor_closer {
 };
 using term_cursor_ptr = std::unique_ptr<term_cursor_t, term_cursor_closer>;
 
-// A cursor before the first term. Null with the reason in `rc`: a failure to list a directory or to open a slice, -35
-// when slices go faster than they can be opened, -2. The failure of a directory is in st_tsidx_last_failure, too.
+// A cursor before the first term. Null with the reason in `rc`: a failure to list a directory or to open a slice, or
+// WARM_RC_RETRIES when slices go faster than they can be opened. The failure of a directory is in
+// st_tsidx_last_failure, too.
 term_cursor_ptr term_cursor_open(const term_cursor_options_t& options, warm_rc_t* rc);
 
 // Moves to the next term, NUL-terminated and valid until the cursor moves; a null view after the last one. 0, or the

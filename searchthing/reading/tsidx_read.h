@@ -2,8 +2,8 @@
 //
 // Every read works on one snapshot of the directory (tsidx_snapshot.h) and is whole or fails: a slice that cannot be
 // read fails it with the slice's status, and st_tsidx_last_failure names the slice. Besides the failures named, every
-// function may return -4 or -8 (the directory cannot be read), -35 (it does not hold still), -2, or TSIDX_SYNC_FAILED
-// on a handle with events in memory, which become a slice first.
+// function may return WARM_RC_OPEN or WARM_RC_READ (the directory cannot be read), WARM_RC_RETRIES (it does not hold
+// still), or TSIDX_SYNC_FAILED on a handle with events in memory, which become a slice first.
 //
 // Time bounds are inclusive. Deleted events are never handed out and not counted as events; terms and their counts are
 // those of the slices, in which a deleted event still counts until every event of its slice is deleted.

@@ -42,9 +42,10 @@ struct parsed_query_t {
     bool stars_are_plain = false;  // "*" is a character like any other
 };
 
-// Reads the query's text: 0, or -20 for a blank text or one that ends inside a group, -18 and -25 from the tokenizer,
-// -21 for an unexpected token, -23 for a comparison with a missing field or a number that is not fully numeric, -37 for
-// a null text, -2. `detail` of the record is where in the text.
+// Reads the query's text: 0, or WARM_RC_QUERY_END for a blank text or one that ends inside a group, the tokenizer's
+// TOKEN_TOO_LONG and TOKEN_BAD_ESCAPE, WARM_RC_QUERY_TOKEN for an unexpected token, WARM_RC_QUERY_COMPARISON for a
+// comparison with a missing field or a number that is not fully numeric, WARM_RC_INVALID_ARGUMENT for a null text.
+// `detail` of the record is where in the text.
 [[nodiscard]] int parse_query(const st_query_spec& query, parsed_query_t* out, warm_rc_t* rc);
 // The query for one literal, taken as it is. May throw std::bad_alloc.
 parsed_query_t query_for_term(const st_query_spec& query, const char* term);

@@ -41,8 +41,8 @@ struct run_merge_t {
 
 // Begins a merge over an open slice, which must outlive it: nothing is selected yet.
 void run_merge_open(run_merge_t* merge, WARM* warm, const st_timeval_t& earliest, const st_timeval_t& latest);
-// The stretch of a run inside the bounds; of a value, in slices without runs. It may be empty. 0 or a status: -12 for
-// damage, -2.
+// The stretch of a run inside the bounds; of a value, in slices without runs. It may be empty. 0, or WARM_RC_CORRUPT
+// for damage.
 [[nodiscard]] int run_merge_bounds(run_merge_t* merge, uint32_t id, uint32_t* first, uint32_t* end, warm_rc_t* rc);
 // Selects a run, or a value. As run_merge_bounds; may throw std::bad_alloc.
 [[nodiscard]] int run_merge_add(run_merge_t* merge, uint32_t id, warm_rc_t* rc);

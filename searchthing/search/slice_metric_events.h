@@ -16,8 +16,9 @@ using WARM = st_warm_slice;
 // Receives an event; false ends the walk.
 using metric_event_visitor = std::function<bool(const st_metric_event_t&)>;
 
-// Hands out the events that match exactly, newest first. 0; -17 for a slice without runs and column store, -44 for a
-// minified one, -12 for damage, or a status of the search. Throws std::bad_alloc.
+// Hands out the events that match exactly, newest first. 0; WARM_RC_UNSUPPORTED for a slice without runs and column
+// store, WARM_RC_MINIFIED for a minified one, WARM_RC_CORRUPT for damage, or a status of the search. Throws
+// std::bad_alloc.
 [[nodiscard]] int warm_slice_metric_events(WARM* warm, const parsed_query_t& query, const metric_event_visitor& visit,
                                            warm_rc_t* rc);
 

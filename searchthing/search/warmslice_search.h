@@ -1,9 +1,9 @@
 // Searches one warm slice: the newest answers of a query, their number, or the matching values as a bitmap.
 //
 // In metric slices with runs (warmslice_runs.h) a query selects runs, and every value of a selected run that lies in
-// the time bounds is an answer. Terms of metrics begin with a blank, which a query writes escaped: "[AND
-// \ host::web01]". The lists of metric slices of older generations are taken to hold value numbers. Metric slices have
-// no deletions.
+// the time bounds is an answer. Terms of metrics begin with a blank, which a query writes escaped:
+// "[AND \ host::web01]". The lists of metric slices of older generations are taken to hold value numbers. Metric slices
+// have no deletions.
 #pragma once
 
 #include <cstdint>

@@ -62,11 +62,10 @@ struct st_warm_slice {
     std::unique_ptr<cs_reader_t, warm_cstore_closer> cstore;  // opened on first use
     bool has_subseconds = false;                              // WARM_FLAG_MS_PRESENT
     bool ms_requested = false;                                // WARM_FLAG_MS_REQUESTED
-    // Appended to the fields that the handle has always had:
-    bool writable = false;      // read-write handles and slices in memory
-    uint64_t file_size = 0;     // when it was opened
-    uint64_t lexicon_size = 0;  // bytes of the forward lexicon
-    buffer<uint8_t> owned;      // a slice in memory: the whole slice
+    bool writable = false;                                    // read-write handles and slices in memory
+    uint64_t file_size = 0;                                   // when it was opened
+    uint64_t lexicon_size = 0;                                // bytes of the forward lexicon
+    buffer<uint8_t> owned;                                    // a slice in memory: the whole slice
     // Metric slices with runs only, made on first use: what is remembered between reads.
     std::unique_ptr<warm_metric_t, warm_metric_closer> metric;
 };
@@ -75,19 +74,22 @@ using WARM = st_warm_slice;
 // All opens return null with the reason in `rc` and leave nothing open or allocated. A handle is used by one thread at
 // a time; any number of processes may have the same file open.
 
-// Opens the file read-only. A path that ends in ".tsidx" must have a name that parses (-45 "parsing filename"), any
-// other is taken to cover all time. -37 null path, -4 open, -6 size, -48/-49 a file too short for a header, -13 magic,
-// -10 posting-list offsets past the end, -14 a lexicon that is missing or has another number of terms than the header,
-// -8, -48 or -49 "reading last plo entry", -12 counts that contradict each other, -3 mapping, -2 memory.
+// Opens the file read-only. A path that ends in ".tsidx" must have a name that parses (WARM_RC_FILE_NAME "parsing
+// filename"), any other is taken to cover all time. WARM_RC_INVALID_ARGUMENT for a null path, WARM_RC_SHORT_READ or
+// WARM_RC_END_OF_FILE for a file too short for a header, WARM_RC_NO_SECTION for posting-list offsets past the end,
+// WARM_RC_NO_LEXICON for a lexicon that is missing or has another number of terms than the header, the status of a read
+// "reading last plo entry", WARM_RC_CORRUPT for counts that contradict each other; WARM_RC_OPEN, WARM_RC_FILE_SIZE,
+// WARM_RC_BAD_MAGIC, WARM_RC_MAP.
 WARM* st_warm_slice_open_rdonly(const char* path, warm_rc_t* rc);
 // The same for a name that has been parsed.
 WARM* warm_slice_open_named(const char* path, const st_filename_metadata_t& fname_meta, warm_rc_t* rc);
 // The same over an open descriptor, which the handle owns from success on and the caller keeps on failure. Without
 // `fname_meta` the slice is taken to cover all time.
 WARM* st_warm_slice_open_rdonly_from_fd(int fd, const st_filename_metadata_t* fname_meta, warm_rc_t* rc);
-// Maps the whole file read-write, for setting d bits in place. As read-only, but -5 for an empty file, and -12
-// "forward_body offset is beyond file size", "plo last term", "plo_last_term is beyond file size", "num terms mismatch"
-// or "reverse num terms", -2 "forward idx" or "reverse idx" for the inconsistencies named.
+// Maps the whole file read-write, for setting d bits in place. As read-only, but WARM_RC_EMPTY_FILE for an empty file,
+// and WARM_RC_CORRUPT "forward_body offset is beyond file size", "plo last term", "plo_last_term is beyond file size",
+// "num terms mismatch" or "reverse num terms", WARM_RC_NO_MEMORY "forward idx" or "reverse idx" for the inconsistencies
+// named.
 WARM* st_warm_slice_open_rdwr(const char* path, warm_rc_t* rc);
 // Flushes a writable mapping, closes and frees everything: 0, or -1. After a flush that failed the handle is still
 // open, to be closed once more or to be discarded; when the descriptor alone could not be closed, the handle is gone,
@@ -125,7 +127,7 @@ uint64_t st_warm_slice_unique_id(xorshift128plus_state* rng);
 
 st_time_t st_warm_slice_latest(const WARM* warm);  // of the file name, as is the earliest
 st_time_t st_warm_slice_earliest(const WARM* warm);
-uint64_t st_warm_slice_size(const WARM* warm, warm_rc_t* rc);  // of the file now; 0 with -6 when it cannot be told
+uint64_t st_warm_slice_size(const WARM* warm, warm_rc_t* rc);  // of the file now; 0 when it cannot be told
 uint32_t st_warm_slice_terms(const WARM* warm);
 uint32_t st_warm_slice_values(const WARM* warm);
 uint32_t st_warm_slice_blocksize(const WARM* warm);  // terms per lexicon block; 0 for a mini slice
@@ -139,7 +141,7 @@ int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc);
 // a slice whose dimension sets cannot be placed, or the status of reading their header (ds_header_read).
 int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc);
 // The slice's column store, opened on first use; the handle owns it. Null with a failure of st_warm_slice_cstore_offset
-// or cs_reader_open, or with -12 "cstore footer is corrupted" for one that was made for other values.
+// or cs_reader_open, or with WARM_RC_CORRUPT "cstore footer is corrupted" for one that was made for other values.
 cs_reader_t* st_warm_slice_cstore(WARM* warm, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -9,8 +9,8 @@
 namespace veldar {
 
 // Opens a reader over the lists of an open slice, which must outlive it. `span` is the number of offset entries to read
-// at once where they are not mapped (at least 1024 are). -44 when the size of the lists is unknown: a mini slice, a
-// slice in memory, a slice without postings; -2 without memory.
+// at once where they are not mapped (at least 1024 are). WARM_RC_MINIFIED when the size of the lists is unknown: a mini
+// slice, a slice in memory, a slice without postings.
 [[nodiscard]] int _init_reader(plist_reader* reader, WARM* warm, uint64_t span, st_query_info_t* stats, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -37,16 +37,16 @@ inline uint32_t warm_slice_run_dimset(const WARM* warm, uint32_t run) {
     return warm_slice_runs(warm) - 1 - run;
 }
 
-// Decodes the preambles `first` to `first + count - 1`, which exist. -12 for one that does not continue the run before
-// it or leaves the slice.
+// Decodes the preambles `first` to `first + count - 1`, which exist. WARM_RC_CORRUPT for one that does not continue the
+// run before it or leaves the slice.
 [[nodiscard]] int tsval_reader_fetch_preambles_multiple(WARM* warm, uint32_t first, warm_run_t* out, uint32_t count,
                                                         warm_rc_t* rc);
-// The same for one run, through the handle's cache, which is filled 512 preambles at a time. -12 also for a run that
-// does not exist, -2.
+// The same for one run, through the handle's cache, which is filled 512 preambles at a time. WARM_RC_CORRUPT also for a
+// run that does not exist.
 [[nodiscard]] int warm_slice_run(WARM* warm, uint32_t run, warm_run_t* out, warm_rc_t* rc);
 
 // The slice's dimension sets, opened on first use; the handle owns the reader. Null with a failure of
-// st_warm_slice_dimsets_offset or ds_reader_open, with -2, or with -12 when there are not as many sets as runs.
+// st_warm_slice_dimsets_offset or ds_reader_open, or with WARM_RC_CORRUPT when there are not as many sets as runs.
 ds_reader_t* st_warm_slice_dimset_reader(WARM* warm, warm_rc_t* rc);
 
 // Whether the slice tells times finer than a second. Where it does not, times are compared by whole seconds, because a
@@ -63,8 +63,8 @@ bool warm_slice_within(const WARM* warm, const st_timeval_t& earliest, const st_
 st_timeval_t warm_upper_bound(const st_timeval_t& latest);
 
 // A term's record, computed from its posting list and the runs: the events of the runs that have the term, and the
-// times of the newest and the oldest of them. For slices with runs. 0, -12 for a damaged list or preamble, or a status
-// of the posting reader.
+// times of the newest and the oldest of them. For slices with runs. 0, WARM_RC_CORRUPT for a damaged list or preamble,
+// or a status of the posting reader.
 [[nodiscard]] int warm_slice_count_runs(WARM* warm, uint32_t term, st_query_info_t* stats, st_term_metadata* out,
                                         warm_rc_t* rc);
 

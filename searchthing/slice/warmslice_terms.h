@@ -15,8 +15,8 @@ namespace veldar {
 // A walk over the terms of one slice, which must outlive it, as must the choice.
 class warm_terms {
   public:
-    // Stands before the first term. `piece_bytes` is for reading the lexicon (fclex_cursor.h). 0; -44 for a minified
-    // slice, -2, or the failure of a read. May throw std::bad_alloc.
+    // Stands before the first term. `piece_bytes` is for reading the lexicon (fclex_cursor.h). 0; WARM_RC_MINIFIED for
+    // a minified slice, or the failure of a read. May throw std::bad_alloc.
     [[nodiscard]] int open(WARM* warm, const term_choice_t& choice, uint64_t piece_bytes, warm_rc_t* rc);
     // Moves to the next term that is wanted, or to the end. 0, or the failure of a read.
     [[nodiscard]] int next(warm_rc_t* rc);

@@ -7,11 +7,12 @@
 
 namespace veldar {
 
-// The time of value `id`: seconds, and nanoseconds where the slice has subseconds (else 0). -12 past the last value.
+// The time of value `id`: seconds, and nanoseconds where the slice has subseconds (else 0). WARM_RC_CORRUPT past the
+// last value.
 [[nodiscard]] int get_tsval_timestamp(WARM* warm, uint32_t id, st_time_t* seconds, uint64_t* subseconds, warm_rc_t* rc);
 
-// Sets the d bit of value `id` through a read-write handle: one byte, in place, seen by every reader of the file. -17
-// for a metric slice, -12 for an id past the last value or past the d array.
+// Sets the d bit of value `id` through a read-write handle: one byte, in place, seen by every reader of the file.
+// WARM_RC_UNSUPPORTED for a metric slice, WARM_RC_CORRUPT for an id past the last value or past the d array.
 [[nodiscard]] int warm_slice_set_deleted(WARM* warm, uint32_t id, warm_rc_t* rc);
 // How many values are marked so.
 uint32_t warm_slice_count_deleted(const WARM* warm);

@@ -6,9 +6,9 @@
 // the disk when the call returns. A delete that was interrupted, even by the death of its process, is repaired by
 // repeating it. A slice whose events are all deleted is removed.
 //
-// Each function returns the number of events that were not marked before, or -29 when the lock cannot be had (nothing
-// has changed), -17 for a metric directory or slice or a handle open for reading, -9 when marks may not have reached
-// the disk, or a failure of reading (tsidx_read.h).
+// Each function returns the number of events that were not marked before, or WARM_RC_LOCK when the lock cannot be had
+// (nothing has changed), WARM_RC_UNSUPPORTED for a metric directory or slice or a handle open for reading,
+// WARM_RC_WRITE when marks may not have reached the disk, or a failure of reading (tsidx_read.h).
 #pragma once
 
 #include <cstddef>

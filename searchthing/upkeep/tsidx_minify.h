@@ -7,7 +7,7 @@ namespace veldar {
 
 // Writes "<latest>-<earliest>-<id>.mini.tsidx" into the output directory for every live slice. Each is written under a
 // name of its own, flushed, and linked into place; one that exists already is left as it is. Terms, posting lists and
-// metadata of a mini slice answer -44.
+// metadata of a mini slice answer WARM_RC_MINIFIED.
 //
 // Returns how many were made. A failure (-4, -9, -11, -35, that of a slice, or of listing) leaves those made before.
 int st_tsidx_minify(TSIDX* tsidx, const char* output_directory);

@@ -24,12 +24,12 @@ enum tsidx_optimize_mode_t : int {
 // How many slices of a tier make a merge worth its while.
 inline constexpr uint32_t TSIDX_OPTIMIZE_MIN_SOURCES = 8;
 
-// Makes one merge: 0 when it was made (dry run: would be made), -30 when the directory has fewer than two slices, -31
-// when no two of them are to be merged. Anything else is a failure, described in `rc` (which may be null) and in
-// st_tsidx_last_failure, and leaves the events as they were: -28 when another process merges here, -29 when the
-// directory cannot be locked, -9 with ENOSPC when the file system has not as many bytes free as the sources have, -17
-// for a directory opened for reading, a file offset or flags, -37 for another mode, and the failures of listing and of
-// merging.
+// Makes one merge: 0 when it was made (dry run: would be made), WARM_RC_FEW_SLICES when the directory has fewer than
+// two slices, WARM_RC_FEW_SOURCES when no two of them are to be merged. Anything else is a failure, described in `rc`
+// (which may be null) and in st_tsidx_last_failure, and leaves the events as they were: WARM_RC_MANIFEST_EXISTS when
+// another process merges here, WARM_RC_LOCK when the directory cannot be locked, WARM_RC_WRITE with ENOSPC when the
+// file system has not as many bytes free as the sources have, WARM_RC_UNSUPPORTED for a directory opened for reading, a
+// file offset or flags, WARM_RC_INVALID_ARGUMENT for another mode, and the failures of listing and of merging.
 //
 // min_src_count   slices that a tier must have in TIERED; 2 when `is_final`
 // lexicon_tpb     terms in a block of the target's lexicon; 0: the write options'
@@ -42,7 +42,7 @@ int st_tsidx_optimize_n(TSIDX* tsidx, int mode, uint32_t min_src_count, uint32_t
                         warm_rc_t* rc, uint64_t file_offset, uint32_t flags, bool is_final);
 
 // What the call above would merge: names in the directory, newest first, and their bytes, which are also what a merge
-// needs free. 0, -30, -31, or a failure as above; nothing is changed.
+// needs free. 0, WARM_RC_FEW_SLICES, WARM_RC_FEW_SOURCES, or a failure as above; nothing is changed.
 struct tsidx_optimize_plan_t {
     std::vector<std::string> sources;
     uint64_t bytes = 0;

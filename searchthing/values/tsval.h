@@ -83,10 +83,10 @@ struct tsval_reader_t {
 
 // Opens a reader of the values that `header` describes. `values_in_memory` is the whole values section, or null: then
 // values are read from `fd` in pieces of `cache_bytes`. In memory the cache size is ignored. From a file, the plain
-// encoding refuses a cache of 1 to 7 bytes (-37) and with 0 opens but cannot decode (-17); packed encodings read at
-// least a word at a time. -12 when the header's counts contradict each other, -2 without memory. The companion arrays
-// are absent until tsval_reader_set_companions. The header, the memory and the descriptor stay the caller's and must
-// outlive the reader; a reader serves one thread.
+// encoding refuses a cache of 1 to 7 bytes (WARM_RC_INVALID_ARGUMENT) and with 0 opens but cannot decode
+// (WARM_RC_UNSUPPORTED); packed encodings read at least a word at a time. WARM_RC_CORRUPT when the header's counts
+// contradict each other. The companion arrays are absent until tsval_reader_set_companions. The header, the memory and
+// the descriptor stay the caller's and must outlive the reader; a reader serves one thread.
 [[nodiscard]] int tsval_reader_open_partial(tsval_reader_t* reader, int fd, const st_warm_slice_body* header,
                                             uint64_t cache_bytes, st_query_info_t* stats,
                                             const uint8_t* values_in_memory, warm_rc_t* rc);
@@ -94,16 +94,18 @@ struct tsval_reader_t {
 // known to reach past all five.
 void tsval_reader_set_companions(tsval_reader_t* reader, const uint8_t* slice);
 
-// Decodes value `id` with its companions. With `cache_only` nothing is read from the file: a miss is -38 (-17 when the
-// plain cache is empty). A non-zero `hint` is the value that the caller will want later: when it lies outside the piece
-// that a miss would read, only what `id` needs is read. -12 for an id past the last value and for a companion entry
-// past its array's stored size, else the status of the read (-8, -48, -49) or of the unpacker.
+// Decodes value `id` with its companions. With `cache_only` nothing is read from the file: a miss is WARM_RC_NOT_FOUND
+// (WARM_RC_UNSUPPORTED when the plain cache is empty). A non-zero `hint` is the value that the caller will want later:
+// when it lies outside the piece that a miss would read, only what `id` needs is read. WARM_RC_CORRUPT for an id past
+// the last value and for a companion entry past its array's stored size, else the status of the read or of the
+// unpacker.
 [[nodiscard]] int tsval_reader_decode(tsval_reader_t* reader, uint32_t id, st_tsval* out, bool cache_only,
                                       uint32_t hint, warm_rc_t* rc);
 // The time alone: what binary searches over the values need. Errors as tsval_reader_decode without the companions.
 [[nodiscard]] int tsval_reader_decode_time(tsval_reader_t* reader, uint32_t id, st_time_t* seconds,
                                            uint64_t* nanoseconds, warm_rc_t* rc);
-// Preamble `id`: its time and address fields; the companions as if absent. -12 for an id past the last preamble.
+// Preamble `id`: its time and address fields; the companions as if absent. WARM_RC_CORRUPT for an id past the last
+// preamble.
 [[nodiscard]] int tsval_reader_decode_preamble(tsval_reader_t* reader, uint32_t id, st_tsval* out, warm_rc_t* rc);
 // Frees the caches; a reader that was never opened may be closed.
 void tsval_reader_close(tsval_reader_t* reader);
@@ -122,7 +124,7 @@ struct tsval_preamble_writer_t {
                                              warm_rc_t* rc);
 [[nodiscard]] int tsval_preamble_writer_put_preamble(tsval_preamble_writer_t* writer, uint32_t time, uint32_t address,
                                                      warm_rc_t* rc);
-// -9 "tsval_preamble_writer_flush_buffer failed" when the file does not take all of it.
+// WARM_RC_WRITE "tsval_preamble_writer_flush_buffer failed" when the file does not take all of it.
 [[nodiscard]] int tsval_preamble_writer_flush_buffer(tsval_preamble_writer_t* writer, warm_rc_t* rc);
 // Drops the buffer without writing it.
 void tsval_preamble_writer_clear(tsval_preamble_writer_t* writer);
@@ -138,15 +140,16 @@ struct tsval_writer_t {
     tsval_preamble_writer_t preambles;
     uint8_t* preamble_at = nullptr;  // in memory: where the next preamble goes
 };
-// Begins the values section of a packed slice whose header is complete. -37 "earliest > latest", -36 when the packed
-// section would pass 2^32 bits, -2 without memory.
+// Begins the values section of a packed slice whose header is complete. WARM_RC_INVALID_ARGUMENT "earliest > latest",
+// WARM_RC_DOES_NOT_FIT when the packed section would pass 2^32 bits.
 [[nodiscard]] int tsval_writer_open(int fd, tsval_writer_t* writer, const st_warm_slice_body* header, warm_rc_t* rc);
 // The same; with a `section` that is not null the values go there and not into the file: the zeroed values section of a
 // slice in memory, which outlives the writer.
 [[nodiscard]] int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer,
                                             const st_warm_slice_body* header, warm_rc_t* rc);
-// Appends one value. A slice with preambles stores the value's address, taken as nanoseconds, as milliseconds. -37 for
-// a time or an address outside the header's ranges, -36 for 1000 milliseconds and more.
+// Appends one value. A slice with preambles stores the value's address, taken as nanoseconds, as milliseconds.
+// WARM_RC_INVALID_ARGUMENT for a time or an address outside the header's ranges, WARM_RC_DOES_NOT_FIT for 1000
+// milliseconds and more.
 [[nodiscard]] int tsval_writer_put(tsval_writer_t* writer, const st_tsval* value, warm_rc_t* rc);
 [[nodiscard]] int tsval_writer_put_preamble(tsval_writer_t* writer, uint32_t time, uint32_t address, warm_rc_t* rc);
 // Writes what is buffered and frees the buffers, whatever the result.

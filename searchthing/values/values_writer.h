@@ -24,7 +24,8 @@ struct companion_widths_t {
 };
 companion_widths_t values_companion_widths(const value_ranges_t& ranges);
 
-// Sets the size and the width of a companion array in a header: 0, or -36 for an array of more than 2^32 bits.
+// Sets the size and the width of a companion array in a header: 0, or WARM_RC_DOES_NOT_FIT for an array of more than
+// 2^32 bits.
 [[nodiscard]] int warm_slice_set_companion(be32* size_field, be32* nbits_field, uint32_t num_values, uint32_t nbits,
                                            warm_rc_t* rc);
 // Sets the number of values and all five companion arrays.
@@ -44,11 +45,12 @@ struct values_writer_t {
 };
 
 // Begins the sections that a complete header describes: in the zeroed slice in memory that begins at `slice`, or with a
-// null slice in the file. -2, -37 "earliest > latest", -36 for packed values that do not fit.
+// null slice in the file. WARM_RC_INVALID_ARGUMENT "earliest > latest", WARM_RC_DOES_NOT_FIT for packed values that do
+// not fit.
 [[nodiscard]] int values_writer_open(values_writer_t* writer, const st_warm_slice_body* header, int fd, uint8_t* slice,
                                      warm_rc_t* rc);
 // Appends a value; in a slice with preambles its address is taken as nanoseconds. An s of all-ones sets the value's d
-// bit, but in slices with preambles, which have no deletes, becomes 0. -9, and as tsval_writer_put.
+// bit, but in slices with preambles, which have no deletes, becomes 0. WARM_RC_WRITE, and as tsval_writer_put.
 [[nodiscard]] int values_writer_put(values_writer_t* writer, const st_tsval& value, warm_rc_t* rc);
 // Appends a preamble: its run begins with value `first` and has `count` values.
 [[nodiscard]] int values_writer_put_preamble(values_writer_t* writer, uint32_t first, uint32_t count, warm_rc_t* rc);

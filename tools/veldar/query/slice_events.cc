@@ -11,7 +11,7 @@ namespace veldar::tool {
 
 namespace {
 
-constexpr uint64_t MOST_VALUES = uint64_t{1} << 22;  // of one run
+constexpr uint64_t MOST_VALUES = uint64_t{1} << 22;  // of one batch
 constexpr uint64_t PLO_SPAN = 1024;
 
 int take_term(int32_t, const char* term, size_t length, void* context) {
@@ -40,13 +40,13 @@ int for_each_posting(slice_events* events, uint32_t begin, uint32_t end, const F
     return 0;
 }
 
-// How many values a run begins with: what the budget holds on average.
+// How many values a batch begins with: what the budget holds on average.
 uint64_t usual_run(const slice_events& events) {
     const uint64_t values = st_warm_slice_values(events.warm), postings = events.warm->body->num_postings.get();
     return std::clamp<uint64_t>(postings == 0 ? values : events.budget * values / postings, 1, MOST_VALUES);
 }
 
-// Shortens the run to what the budget holds, but not to nothing, and turns the counts into ends.
+// Shortens the batch to what the budget holds, but not to nothing, and turns the counts into ends.
 void fit_run(slice_events* events) {
     std::vector<uint64_t>& ends = events->terms_end;
     std::partial_sum(ends.begin(), ends.end(), ends.begin());

@@ -26,8 +26,8 @@ struct slice_metric_sample {
     double value;
 };
 
-// Calls back for every set; a result other than 0 ends the walk. 0 or the status of a read; -17 for a slice without
-// runs, -12 for damage. May throw std::bad_alloc; the texts live until the walk ends.
+// Calls back for every set; a result other than 0 ends the walk. 0 or the status of a read; WARM_RC_UNSUPPORTED for a
+// slice without runs, WARM_RC_CORRUPT for damage. May throw std::bad_alloc; the texts live until the walk ends.
 [[nodiscard]] int slice_metric_sets(WARM* warm, const std::function<int(const slice_metric_set&)>& visit,
                                     warm_rc_t* rc);
 // The same for every sample, event by event; false ends the walk.

@@ -24,8 +24,8 @@ struct line_reader {
 // Reads from the input's present offset. False when memory is short.
 [[nodiscard]] bool line_reader_open(line_reader* reader, log_input* input);
 // The next line without its newline; the caller may change it, and it is valid until the next call. One of more than
-// LINE_MAX_BYTES is passed over: then `too_long` is set. False at the end; the beginning of a
-// line that could not be read to its end is not given.
+// LINE_MAX_BYTES is passed over: then `too_long` is set. False at the end; the beginning of a line that could not be
+// read to its end is not given.
 bool line_reader_next(line_reader* reader, std::span<char>* line, bool* too_long);
 
 }  // namespace veldar::tool

@@ -21,12 +21,12 @@ constexpr uint64_t CACHE_BACK = GZ_POINT_SPAN;  // decompressed bytes kept befor
 constexpr uint64_t CONTEXT_ROOM = 2 * FIRST_READ;
 constexpr size_t CACHE_MAX = 2 * GZ_POINT_SPAN;
 
-// An open file and the run of its decompressed bytes that was read last.
+// An open file and the piece of its decompressed bytes that was read last.
 struct open_source {
     log_input input;
     uint64_t start = 0;
     std::string bytes;
-    bool at_end = false;  // the run ends where the file ends
+    bool at_end = false;  // the piece ends where the file ends
     uint64_t used = 0;    // number of the last fetch
 };
 
@@ -90,7 +90,7 @@ uint64_t run_start(const open_source& source, uint64_t offset) {
     return std::max(point, offset > CACHE_BACK ? offset - CACHE_BACK : 0);
 }
 
-// Makes the run hold [offset, offset + size) as far as the file reaches.
+// Makes the piece hold [offset, offset + size) as far as the file reaches.
 bool load_run(open_source* source, uint64_t offset, size_t size, std::string* error) {
     const bool inside = offset >= source->start && offset - source->start <= source->bytes.size() + FIRST_READ;
     if (!inside || source->bytes.size() > CACHE_MAX + size) {
@@ -160,7 +160,7 @@ open_source* source_of(raw_reader* reader, const source_file& file, std::string*
     return (reader->sources[file.number] = std::move(source)).get();
 }
 
-// The bytes of the run from an offset on, `size` of them as far as they are there: none behind the end of a file that
+// The bytes of the piece from an offset on, `size` of them as far as they are there: none behind the end of a file that
 // became shorter.
 std::string_view run_bytes(const open_source& source, uint64_t offset, uint64_t size) {
     const std::string_view bytes = source.bytes;
@@ -168,7 +168,7 @@ std::string_view run_bytes(const open_source& source, uint64_t offset, uint64_t 
                         static_cast<size_t>(size));
 }
 
-// The bytes of the record, from the run; more and more of them until its end is there.
+// The bytes of the record, from the piece; more and more of them until its end is there.
 bool read_record(open_source* source, const source_place& place, std::string_view* record, std::string* error) {
     const uint64_t most = place.end - place.offset;
     for (size_t size = FIRST_READ;; size *= 2) {
