@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/succeed.h"
 #include "searchthing/columns/cstore.h"
 
 namespace veldar {
@@ -64,13 +65,13 @@ series read_csv(const std::string& path) {
 uint64_t build(const series& samples, int fd, int64_t* ref) {
     cs_builder_t builder;
     warm_rc_t rc;
-    cs_builder_open(&builder, 1, &rc);
-    cs_add_columnset(&builder, 0, &rc);
+    succeed(cs_builder_open(&builder, 1, &rc));
+    succeed(cs_add_columnset(&builder, 0, &rc));
     for (uint32_t i = 0; i < samples.size(); i++) {
-        cs_add_element(&builder, 0, i, i % SAMPLES == 0, samples[i], &rc);
+        succeed(cs_add_element(&builder, 0, i, i % SAMPLES == 0, samples[i], &rc));
     }
-    cs_finalize_offsets(&builder, static_cast<uint32_t>(samples.size()), 0, ref, &rc);
-    cs_sync_cstore(&builder, fd, 0, &rc);
+    succeed(cs_finalize_offsets(&builder, static_cast<uint32_t>(samples.size()), 0, ref, &rc));
+    succeed(cs_sync_cstore(&builder, fd, 0, &rc));
     return builder.footer_offset;
 }
 
@@ -127,7 +128,8 @@ void run_range(benchmark::State& state, const series& samples) {
         for (auto _ : state) {
             cset_reader_t* set = open();
             for (uint32_t first = 0; first < count; first += SAMPLES) {
-                cset_reader_range(set, first, std::min(SAMPLES, count - first), out.data(), present.data(), &rc);
+                succeed(
+                    cset_reader_range(set, first, std::min(SAMPLES, count - first), out.data(), present.data(), &rc));
             }
         }
     });
@@ -142,7 +144,7 @@ void run_get(benchmark::State& state, const series& samples) {
         double v = 0;
         bool present = false;
         for (auto _ : state) {
-            cset_reader_get(set, static_cast<uint32_t>(random() % samples.size()), &v, &present, &rc);
+            succeed(cset_reader_get(set, static_cast<uint32_t>(random() % samples.size()), &v, &present, &rc));
             benchmark::DoNotOptimize(v);
         }
     });
@@ -156,7 +158,7 @@ void run_stats(benchmark::State& state, const series& samples) {
         cs_stats_t stats;
         cset_reader_t* set = open();
         for (auto _ : state) {
-            cset_reader_stats(set, count / 20, count / 10 * 9, &stats, &rc);
+            succeed(cset_reader_stats(set, count / 20, count / 10 * 9, &stats, &rc));
             benchmark::DoNotOptimize(stats.sum);
         }
     });

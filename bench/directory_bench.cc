@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "bench/succeed.h"
 #include "searchthing/st.h"
 
 namespace veldar {
@@ -20,7 +21,7 @@ void put_event(THING* thing, int64_t i) {
     const std::string terms[] = {"all", "status::" + std::to_string(i % 7), "host::web" + std::to_string(i % 50),
                                  "user::" + std::to_string(i * 7919 % 20011), "request::" + std::to_string(i)};
     for (const std::string& term : terms) st_txn_put(thing, term.data(), term.size());
-    st_txn_close(thing);
+    succeed(st_txn_close(thing));
 }
 
 // A directory of so many slices, 200,000 events in all, in time order.
@@ -37,7 +38,7 @@ struct directory {
         st_set_params(thing, 1 << 21, 1 << 26, 1 << 22, 1 << 20, 1 << 10, 1 << 10);
         for (int64_t i = 0; i < EVENTS; i++) {
             put_event(thing, i);
-            if ((i + 1) % (EVENTS / slices) == 0) st_sync(thing);
+            if ((i + 1) % (EVENTS / slices) == 0) succeed(st_sync(thing));
         }
         if (st_close(thing) != 0) std::abort();
     }
@@ -66,7 +67,7 @@ void open_and_query(benchmark::State& state, const char* text) {
     for (auto _ : state) {
         THING* thing = st_open_for_read(path.c_str());
         if (query(thing, text) <= 0) std::abort();
-        st_close(thing);
+        succeed(st_close(thing));
     }
 }
 void BM_open_newest_100(benchmark::State& state) {
@@ -82,14 +83,14 @@ void BM_query_rare_term(benchmark::State& state) {
     for (auto _ : state) {
         if (query(thing, "[AND request::77]") != 1) std::abort();
     }
-    st_close(thing);
+    succeed(st_close(thing));
 }
 void BM_distinct_terms(benchmark::State& state) {
     THING* thing = st_open_for_read(directory_of(state.range(0)).path.c_str());
     for (auto _ : state) {
         if (st_distinct_term_count(thing) < 0) std::abort();
     }
-    st_close(thing);
+    succeed(st_close(thing));
 }
 
 BENCHMARK(BM_open_newest_100)->RangeMultiplier(10)->Range(1, 1000)->Unit(benchmark::kMicrosecond);

@@ -3,6 +3,7 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
+#include "bench/succeed.h"
 #include "searchthing/directory/tsidx.h"
 
 namespace veldar {
@@ -32,7 +33,7 @@ void hot_put(benchmark::State& state) {
         }
         if (st_tsidx_sync(tsidx) != 0) state.SkipWithError("sync failed");
         slices = st_tsidx_slices_written(tsidx);
-        st_tsidx_close(tsidx);
+        succeed(st_tsidx_close(tsidx));
     }
     const auto count = static_cast<double>(events.events.size());
     state.counters["slices"] = static_cast<double>(slices);

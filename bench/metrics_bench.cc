@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/scratch_dir.h"
+#include "bench/succeed.h"
 #include "searchthing/st.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 
@@ -58,7 +59,7 @@ void merge_all(const std::string& path) {
     TSIDX* const tsidx = st_tsidx_open(path.c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER);
     warm_rc_t rc;
     if (st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, true) != 0) std::abort();
-    st_tsidx_close(tsidx);
+    succeed(st_tsidx_close(tsidx));
 }
 
 const std::string& shared() {
@@ -104,18 +105,18 @@ void read_samples(benchmark::State& state, const reading& one) {
     } read = {};
     for (auto _ : state) {
         read = {0, one.limit, 0};
-        st_apply_metric_events(
+        succeed(st_apply_metric_events(
             thing, &query,
             [](const st_metric_event_t* event, void* opaque) {
                 auto* const out = static_cast<totals*>(opaque);
                 out->sum += event->measures[0].value;
                 return ++out->samples == out->limit ? -1 : 0;
             },
-            &read);
+            &read));
         benchmark::DoNotOptimize(read.sum);
     }
     state.counters["samples"] = static_cast<double>(read.samples);
-    st_close(thing);
+    succeed(st_close(thing));
 }
 
 void count_samples(benchmark::State& state, const reading& one) {
@@ -126,7 +127,7 @@ void count_samples(benchmark::State& state, const reading& one) {
         if (st_event_count(thing, &query, &count) != 0) state.SkipWithError("count");
     }
     state.counters["samples"] = static_cast<double>(count);
-    st_close(thing);
+    succeed(st_close(thing));
 }
 
 }  // namespace

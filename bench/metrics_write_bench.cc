@@ -15,10 +15,11 @@
 #include <vector>
 
 #include "bench/scratch_dir.h"
+#include "bench/succeed.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
 #include "searchthing/slice/warmslice.h"
+#include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {
 namespace {
@@ -133,7 +134,7 @@ void metrics_put(benchmark::State& state) {
         const scratch_dir dir;
         TSIDX* tsidx = open_directory(dir.path());
         if (!put_all(tsidx, static_cast<uint32_t>(state.range(0)))) state.SkipWithError("put failed");
-        st_tsidx_close(tsidx);
+        succeed(st_tsidx_close(tsidx));
         size = measure(dir.path());
     }
     report(state, size);
@@ -153,7 +154,7 @@ void metrics_optimize(benchmark::State& state) {
             status = st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, true);
         }
         if (status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES) state.SkipWithError(rc.message);
-        st_tsidx_close(tsidx);
+        succeed(st_tsidx_close(tsidx));
         size = measure(dir.path());
     }
     report(state, size);

@@ -23,11 +23,11 @@ namespace veldar {
 // Installs the handlers, on a stack of their own for this thread, so that its overflow is logged too. Other threads
 // that crash are logged from their own stacks. 0, or -1 for a path that is too long or when memory is short, and then
 // nothing has changed. Not while other threads run.
-int create_crash_dump_install(const char* program, const char* directory);
+[[nodiscard]] int create_crash_dump_install(const char* program, const char* directory);
 // The same with the directory in the environment variable VELDAR_HOME; 0 and nothing without it. With
 // VELDAR_WAIT_ON_CRASH set (and not empty) a process that has crashed waits for a debugger, which sets
 // veldar::crash_waiting to 0.
-int create_crash_dump_install_from_environment(const char* program);
+[[nodiscard]] int create_crash_dump_install_from_environment(const char* program);
 // Puts back the handlers that were there before.
 void create_crash_dump_remove();
 

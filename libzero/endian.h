@@ -61,11 +61,6 @@ inline uint32_t be32_at(std::span<const uint8_t> bytes, size_t offset) {
     return load_be32(bytes.data() + offset);
 }
 
-inline uint64_t be64_at(std::span<const uint8_t> bytes, size_t offset) {
-    ST_ASSERT(offset <= bytes.size() && bytes.size() - offset >= sizeof(uint64_t));
-    return load_be64(bytes.data() + offset);
-}
-
 // A big-endian field of a record that lies in a file or a mapping.
 struct be32 {
     uint8_t bytes[4];

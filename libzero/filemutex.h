@@ -29,33 +29,33 @@ void filemutex_init_contents(const char* tag);
 bool filemutex_path_supported(const char* path);
 
 // OK, HELD or ERROR (also for a file system that is not supported).
-int filemutex_lock(const char* path);
+[[nodiscard]] int filemutex_lock(const char* path);
 
 // The create-and-link protocol, which filemutex_lock chooses on NFS; it works on every file system with hard links.
 // Waits up to 5 seconds for a lock that appears while it tries. OK, HELD or ERROR.
-int filemutex_lock_by_link(const char* path);
+[[nodiscard]] int filemutex_lock_by_link(const char* path);
 
 // 1 when the lock file exists, 0 when it does not (or when its name does not fit), ERROR otherwise.
-int filemutex_is_locked(const char* path);
+[[nodiscard]] int filemutex_is_locked(const char* path);
 
 // Removes the lock file of a path that the caller has locked; OK also when it is gone already. The errors that only a
 // path which never was locked can cause are assertions.
-int filemutex_unlock(const char* path);
+[[nodiscard]] int filemutex_unlock(const char* path);
 
 // Tries every 10 ms until `seconds` have passed; the last result of filemutex_lock.
-int filemutex_lock_with_timeout(const char* path, int seconds);
+[[nodiscard]] int filemutex_lock_with_timeout(const char* path, int seconds);
 
 // Removes a lock whose status-change time is earlier than `before`, under a lock on the lock file itself, so that of
 // two processes only one does. OK when the lock was removed or was renewed meanwhile, ERROR when it is absent, too
 // young or could not be examined, STUCK when it could not be removed.
-int filemutex_unlock_forced(const char* path, time_t before);
+[[nodiscard]] int filemutex_unlock_forced(const char* path, time_t before);
 
 // Acquires the lock even when its holder has died: waits `seconds`, then removes a lock that is older than the wait,
 // and begins again. OK, ERROR or STUCK.
-int filemutex_lock_forced(const char* path, int seconds);
+[[nodiscard]] int filemutex_lock_forced(const char* path, int seconds);
 
 // Whether files can be made and locked in a directory: 0, or 2 empty or too long, 3 cannot be examined, 5 not a
 // directory, 7 no file can be made, 9 it cannot be locked. Leaves the process's umask with 066 added.
-int filemutex_test_capability(const char* directory);
+[[nodiscard]] int filemutex_test_capability(const char* directory);
 
 }  // namespace veldar

@@ -19,10 +19,10 @@ auto os_retry(Call call) {
 }
 
 // The modification time (`which` non-zero) or the status-change time (zero) in whole seconds times 1000; 0 on failure.
-int ospath_get_time(const char* path, int which, int64_t* milliseconds);
+[[nodiscard]] int ospath_get_time(const char* path, int which, int64_t* milliseconds);
 // The file's size in bytes; on failure the output is left alone.
-int ospath_get_size(const char* path, uint64_t* size);
-int osfile_get_size(int fd, uint64_t* size);
+[[nodiscard]] int ospath_get_size(const char* path, uint64_t* size);
+[[nodiscard]] int osfile_get_size(int fd, uint64_t* size);
 // Opens a file that is there, with O_RDONLY or O_RDWR in `flags`, and never waits, as opening a pipe would for its
 // other end. Empty with errno on failure: EISDIR for a directory, EINVAL for anything else that is no regular file.
 unique_fd osfile_open_regular(const char* path, int flags);
@@ -30,19 +30,19 @@ unique_fd osfile_open_regular(const char* path, int flags);
 // replaced, not followed. Empty with errno on failure.
 unique_fd osfile_create_anew(const char* path);
 // Makes sure that the name is taken, by an empty file unless something has it: 0, or -1 with errno.
-int ospath_mark(const char* path);
+[[nodiscard]] int ospath_mark(const char* path);
 // 0 when the path exists.
-int ospath_try_stat(const char* path);
+[[nodiscard]] int ospath_try_stat(const char* path);
 // Gives the file a second name: 0, or -1 with errno. A name that exists already but is the same file counts as made: so
 // it looks when a file server made the link, its answer was lost, and the client asked again.
-int ospath_link(const char* path, const char* second_name);
+[[nodiscard]] int ospath_link(const char* path, const char* second_name);
 
 // Opens the null device on those of the descriptors 0 to 2 that are closed, the wrong way round, so that reading or
 // writing them fails: else the next file that is opened gets such a number, and what is meant for a terminal is written
 // into it. For the start of a program.
 void osfile_open_standard();
 // Brings a file's bytes, or a directory's names, to the disk: 0, or -1 with errno. An interrupted flush goes on.
-int osfile_flush(int fd);
+[[nodiscard]] int osfile_flush(int fd);
 
 // The host's name, which has at most 64 characters; empty when the system tells none.
 struct os_host_name {

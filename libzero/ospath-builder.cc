@@ -217,10 +217,6 @@ void convertI64ToAsciiSizeKnown(char* out, int64_t value, uint32_t characters) {
     convertU64ToAsciiSizeKnown(out, magnitude(value), characters);
 }
 
-void convertI32ToAsciiSizeKnown(char* out, int32_t value, uint32_t characters) {
-    convertI64ToAsciiSizeKnown(out, value, characters);
-}
-
 uint32_t convertU64ToAscii(char* out, uint64_t value) {
     const uint32_t characters = decimalCharactersU64(value);
     convertU64ToAsciiSizeKnown(out, value, characters);

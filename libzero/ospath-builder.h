@@ -20,7 +20,7 @@ struct ospath_buf {
     ospath_char_t val[OSPATH_BUF_SIZE] = {};
 };
 // Copies the text with its NUL; 0, or -1 with nothing copied when it is longer than 4095 bytes.
-int ospath_buf_set(ospath_buf* buf, const char* text);
+[[nodiscard]] int ospath_buf_set(ospath_buf* buf, const char* text);
 
 struct ospath_builder {
     ospath_buf buf;
@@ -34,10 +34,10 @@ void ospath_builder_append1(ospath_builder* b, char c);
 void ospath_builder_append_decimal_u64(ospath_builder* b, uint64_t value);
 void ospath_builder_append_sep(ospath_builder* b);  // "/"
 // Appends the terminating NUL: 0 when the path in `buf` is complete, -1 when anything did not fit.
-int ospath_builder_finish(ospath_builder* b);
+[[nodiscard]] int ospath_builder_finish(ospath_builder* b);
 // Start, both texts (the second form: with a "/" between them), finish.
-int ospath_builder_concat_two_paths(ospath_builder* b, const char* first, const char* second);
-int ospath_builder_concat_two_paths_with_sep(ospath_builder* b, const char* first, const char* second);
+[[nodiscard]] int ospath_builder_concat_two_paths(ospath_builder* b, const char* first, const char* second);
+[[nodiscard]] int ospath_builder_concat_two_paths_with_sep(ospath_builder* b, const char* first, const char* second);
 
 // The same over a buffer of the caller, which outlives the builder.
 struct string_builder {
@@ -53,7 +53,7 @@ void string_builder_append_decimal_u64(string_builder* b, uint64_t value);
 void string_builder_append_decimal_i64(string_builder* b, int64_t value);
 // 1 to 4 bytes of UTF-8, all or none; a value above 0x10FFFF appends nothing and leaves the builder valid.
 void string_builder_append_utf8_codepoint(string_builder* b, uint32_t codepoint);
-int string_builder_finish(string_builder* b);
+[[nodiscard]] int string_builder_finish(string_builder* b);
 
 // Writes the decimal digits ("-" and the magnitude's digits for a negative number), no NUL, and returns their number:
 // at most 10 characters for U32, 11 for I32, 20 for U64 and I64.
@@ -69,7 +69,6 @@ uint32_t decimalCharactersI64(int64_t value);
 // As the convert functions, for a caller that has already asked the matching decimalCharacters function.
 void convertU32ToAsciiSizeKnown(char* out, uint32_t value, uint32_t characters);
 void convertU64ToAsciiSizeKnown(char* out, uint64_t value, uint32_t characters);
-void convertI32ToAsciiSizeKnown(char* out, int32_t value, uint32_t characters);
 void convertI64ToAsciiSizeKnown(char* out, int64_t value, uint32_t characters);
 
 }  // namespace veldar

@@ -55,9 +55,9 @@ THING* st_open_for_read(const char* path);
 // TSIDX_ORDINARY_WRITER for a single writer.
 THING* st_open_for_write(const char* path, uint32_t flags, uint32_t limit, const TSWRITEOPTS* opts);
 // Writes what is in memory as a slice: see st_tsidx_sync. -1 for a null handle.
-int st_sync(THING* thing);
+[[nodiscard]] int st_sync(THING* thing);
 // Syncs and ends the handle: see st_tsidx_close. -1 for a null handle. The handle is gone whatever the result.
-int st_close(THING* thing);
+[[nodiscard]] int st_close(THING* thing);
 
 // One event: start, any number of puts, close or abort; see st_tsidx_txn_start, _put, _close and _abort. `address` is
 // the event's key, where the raw event lies: two events with one address end up in different slices, at a cost. Outside
@@ -74,12 +74,13 @@ int st_txn_start_with_subseconds(THING* thing, st_time_t time, st_encoded_subsec
                                  st_src_type_t source_type, st_host_t host);
 int st_txn_put(THING* thing, const char* text, size_t length);
 int st_txn_put_measure(THING* thing, const char* text, size_t length, st_measure_t measure);
-int st_txn_close(THING* thing);
+[[nodiscard]] int st_txn_close(THING* thing);
 void st_txn_abort(THING* thing);
 
 // The functions of tsidx.h of the same names.
 int st_autotune(THING* thing, int enable);
-int st_options(THING* thing, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values);
+[[nodiscard]] int st_options(THING* thing, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings,
+                             uint64_t max_values);
 void st_set_params(THING* thing, uint64_t max_terms, uint64_t lexicon_bytes, uint64_t max_postings, uint64_t max_values,
                    uint64_t keywords_per_txn, uint64_t dimset_words);
 uint64_t st_max_terms(const THING* thing);
@@ -91,53 +92,56 @@ uint64_t st_keywords_cut(const THING* thing);
 int st_get_warm_rc(const THING* thing);
 int st_get_warm_errno(const THING* thing);
 int st_need_optimize(const THING* thing);
-int st_set_need_optimize(THING* thing);
+[[nodiscard]] int st_set_need_optimize(THING* thing);
 
 // Reading: the functions of tsidx_read.h of the same names. Where a comment names results, arguments were found wanting
 // before the directory was asked.
 
-// Works on a copy of the query, whose token case is TOKEN_CASE_ASIS: -2 when it cannot be made, 0 for an earliest time
-// after the latest, then -1 for a null handle.
-int st_query(THING* thing, const QUERY* query, st_tsval* answers, uint32_t capacity, int is_exact);
+// Works on a copy of the query, whose token case is TOKEN_CASE_ASIS: WARM_RC_NO_MEMORY when it cannot be made, 0 for an
+// earliest time after the latest, then -1 for a null handle.
+[[nodiscard]] int st_query(THING* thing, const QUERY* query, st_tsval* answers, uint32_t capacity, int is_exact);
 // -1 for a null handle, 0 for null answers, a capacity of 0 or an earliest time after the latest.
-int st_get(THING* thing, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity);
-int st_all_events(THING* thing, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity);
-// -37 for a null handle or output.
-int st_event_count(THING* thing, const QUERY* query, uint64_t* count);
-int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context);
-// Selections; whoever makes one includes tsidx_select.h. The new handle is null for an earliest time after the latest, for a null handle, and
-// without memory, which is logged. It is freed before the directory is closed.
+[[nodiscard]] int st_get(THING* thing, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers,
+                         uint32_t capacity);
+[[nodiscard]] int st_all_events(THING* thing, st_time_t earliest, st_time_t latest, st_tsval* answers,
+                                uint32_t capacity);
+// WARM_RC_INVALID_ARGUMENT for a null handle or output.
+[[nodiscard]] int st_event_count(THING* thing, const QUERY* query, uint64_t* count);
+[[nodiscard]] int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context);
+// Selections; whoever makes one includes tsidx_select.h. The new handle is null for an earliest time after the latest, for
+// a null handle, and without memory, which is logged. It is freed before the directory is closed.
 st_select_handle* st_select_handle_new(THING* thing, const QUERY* query, const select_spec_t* spec);
-int st_select_handle_read(st_select_handle* handle, select_row_t* row);
+[[nodiscard]] int st_select_handle_read(st_select_handle* handle, select_row_t* row);
 void st_select_handle_free(st_select_handle* handle);
-// Metric directories: the functions of tsidx_metric.h of the same names. -37 for a null handle, or output.
-int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context);
-int st_measure_size(THING* thing, uint64_t* bytes);
+// Metric directories: the functions of tsidx_metric.h of the same names. WARM_RC_INVALID_ARGUMENT for a null handle, or
+// output.
+[[nodiscard]] int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context);
+[[nodiscard]] int st_measure_size(THING* thing, uint64_t* bytes);
 // -1 for a null handle.
-int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
-int64_t st_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);
-int64_t st_distinct_term_count(THING* thing);
-int64_t st_distinct_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);
-int64_t st_lex_query(THING* thing, const char* needle, tsidx_term_fn fn, void* context);
+[[nodiscard]] int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
+[[nodiscard]] int64_t st_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);
+[[nodiscard]] int64_t st_distinct_term_count(THING* thing);
+[[nodiscard]] int64_t st_distinct_apply_terms(THING* thing, const char* prefix, tsidx_term_fn fn, void* context);
+[[nodiscard]] int64_t st_lex_query(THING* thing, const char* needle, tsidx_term_fn fn, void* context);
 // -1 for a null handle or record.
-int st_meta(THING* thing, tsidx_meta_t* meta);
-// -37 for a null handle.
-int64_t st_get_tsidx_info(THING* thing, tsidx_info_t* infos, size_t capacity);
+[[nodiscard]] int st_meta(THING* thing, tsidx_meta_t* meta);
+// WARM_RC_INVALID_ARGUMENT for a null handle.
+[[nodiscard]] int64_t st_get_tsidx_info(THING* thing, tsidx_info_t* infos, size_t capacity);
 // -1 for a null handle, both.
 int st_is_optimized(THING* thing);
-int st_health(THING* thing);
-int st_cd(THING* thing, const char* path);
+[[nodiscard]] int st_health(THING* thing);
+[[nodiscard]] int st_cd(THING* thing, const char* path);
 
 // Changing what is there: tsidx_delete.h and tsidx_minify.h.
 
 // -1 for a null handle or array.
-int64_t st_delete_by_keys(THING* thing, const st_tsval_encoded* keys, size_t count);
-int64_t st_delete_by_addrs(THING* thing, const st_addr_t* addrs, size_t count);
+[[nodiscard]] int64_t st_delete_by_keys(THING* thing, const st_tsval_encoded* keys, size_t count);
+[[nodiscard]] int64_t st_delete_by_addrs(THING* thing, const st_addr_t* addrs, size_t count);
 // The output directory is not null either.
-int st_minify(THING* thing, const char* output_directory);
+[[nodiscard]] int st_minify(THING* thing, const char* output_directory);
 
 // 1 when the name parses as a minified slice (without a directory) or a regular one (tsidx_names.h), else 0.
-int st_parse_tsidx(const char* file_name, st_filename_metadata_t* meta);
+[[nodiscard]] int st_parse_tsidx(const char* file_name, st_filename_metadata_t* meta);
 // The open directory behind the handle, for the operations of tsidx.h; owned by the handle.
 TSIDX* st_directory(THING* thing);
 

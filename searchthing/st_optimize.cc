@@ -9,7 +9,6 @@
 #include "libzero/resource.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_list.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 
 namespace veldar {

@@ -16,12 +16,13 @@ namespace veldar {
 // memory is short; or the failure of a merge, in `rc` too, which may be null. `opts` is not null; mode, min_src_count,
 // lexicon_tpb, target_size, file_offset and flags are those of st_tsidx_optimize_n, mapper and context those of
 // st_tsidx_set_merge_mapper.
-int st_optimize(const char* path, const TSWRITEOPTS* opts, int mode, bool is_final, uint32_t max_iterations,
-                uint32_t min_src_count, uint32_t lexicon_tpb, uint64_t target_size, warm_rc_t* rc, uint64_t file_offset,
-                uint32_t flags, st_merge_mapper_t mapper, void* mapper_context);
+[[nodiscard]] int st_optimize(const char* path, const TSWRITEOPTS* opts, int mode, bool is_final,
+                              uint32_t max_iterations, uint32_t min_src_count, uint32_t lexicon_tpb,
+                              uint64_t target_size, warm_rc_t* rc, uint64_t file_offset, uint32_t flags,
+                              st_merge_mapper_t mapper, void* mapper_context);
 
 // One merge through an open handle, with the defaults: eight slices of a tier, blocks of 64 terms, the handle's target
 // size. The result of st_tsidx_optimize_n. The handle is not null.
-int st_optimize_ex(THING* thing, int mode);
+[[nodiscard]] int st_optimize_ex(THING* thing, int mode);
 
 }  // namespace veldar

@@ -197,7 +197,7 @@ TEST(MetricWrite, FailuresAreToldAndLoseNothingElse) {
                 reached = action == fault_action::allocation ? step.allocations() : step.calls();
             }
             failures += merged.empty();
-            st_tsidx_close(tsidx);
+            static_cast<void>(st_tsidx_close(tsidx));
             EXPECT_EQ(read_metric_slices(dir.path()) == as_read(std::move(kept)), true);
         }
         EXPECT_GT(failures, 20u);

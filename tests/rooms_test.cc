@@ -58,6 +58,7 @@ const std::set<std::string> TOOL_HEADERS = {
     "searchthing/directory/health.h",
     "searchthing/directory/merge_manifest.h",
     "searchthing/directory/tsidx_list.h",
+    "searchthing/format/metric_terms.h",
     "searchthing/format/warmslice_header.h",
     "searchthing/hot/hotslice.h",
     "searchthing/lexicon/matcher.h",

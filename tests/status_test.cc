@@ -38,7 +38,7 @@ TEST(WarmRc, Setters) {
     string_builder out;
     string_builder_start(&out, text, sizeof text);
     annotator_print_warm_rc(&out, &rc);
-    string_builder_finish(&out);
+    EXPECT_EQ(string_builder_finish(&out), 0);
     EXPECT_STREQ(text, "{-8,5,mmm}") << "a message that is part of the record's own";
 }
 

@@ -8,12 +8,12 @@
 #include <string_view>
 
 #include "libzero/ospath-builder.h"
+#include "searchthing/base/st_init.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/lexicon/matcher.h"
-#include "searchthing/base/st_init.h"
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/slice/warmslice_meta.h"
-#include "searchthing/base/warmslice_util.h"
 
 using namespace veldar;
 

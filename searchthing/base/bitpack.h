@@ -7,7 +7,6 @@
 //   5 in 3 bits, then 0x1234 in 13 bits, then 1 in 1 bit, in the first three bytes:   A5 91 01
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "libzero/assertions.h"
@@ -29,11 +28,12 @@ struct bitpack_writer_t {
 // Zeroes the buffer.
 void bp_writer_open(bitpack_writer_t* bp, int fd, uint64_t* words, uint64_t capacity, uint64_t word_offset);
 // bp_writer_append of no bits, of too many, or of more than the buffer has room for.
-int _bp_writer_append_checked(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc);
+[[nodiscard]] int _bp_writer_append_checked(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc);
 
-// Appends a value that the caller has kept below 2^nbits. -37 "val_nbits invalid" above 32 bits, -9 from a flush, -15
-// when the buffer is full and there is no file; the stream is then as before.
-inline int bp_writer_append(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc) {
+// Appends a value that the caller has kept below 2^nbits. WARM_RC_INVALID_ARGUMENT "val_nbits invalid" above 32 bits,
+// WARM_RC_WRITE from a flush, WARM_RC_CAPACITY when the buffer is full and there is no file; the stream is then as
+// before.
+[[nodiscard]] inline int bp_writer_append(bitpack_writer_t* bp, uint32_t value, uint32_t nbits, warm_rc_t* rc) {
     const uint64_t end = bp->bit_cursor + nbits;
     if (nbits == 0 || nbits > 32 || end > 64 * bp->capacity) return _bp_writer_append_checked(bp, value, nbits, rc);
     uint64_t* const word = bp->words + bp->bit_cursor / 64;
@@ -45,21 +45,21 @@ inline int bp_writer_append(bitpack_writer_t* bp, uint32_t value, uint32_t nbits
     return 0;
 }
 // Zero bits up to the next word. More than 32 of them are refused as bp_writer_append refuses them.
-int bp_writer_pad64(bitpack_writer_t* bp, warm_rc_t* rc);
-// Writes the words begun so far: 0 (also without a file) or -9 "bp_writer_flush failed".
-int bp_writer_flush_buffer(bitpack_writer_t* bp, warm_rc_t* rc);
+[[nodiscard]] int bp_writer_pad64(bitpack_writer_t* bp, warm_rc_t* rc);
+// Writes the words begun so far: 0 (also without a file) or WARM_RC_WRITE "bp_writer_flush failed".
+[[nodiscard]] int bp_writer_flush_buffer(bitpack_writer_t* bp, warm_rc_t* rc);
 // Flushes and resets the writer, whatever the flush's result; 0 without a file.
-int bp_writer_close(bitpack_writer_t* bp, warm_rc_t* rc);
+[[nodiscard]] int bp_writer_close(bitpack_writer_t* bp, warm_rc_t* rc);
 
 // bitunpack_word32 through the array reader, for a value that is not wholly cached.
-int _bitunpack_fetch(array_reader_t* words, uint32_t nbits, uint64_t bit, bool cache_only, uint64_t hint_bit,
-                     uint32_t* out, warm_rc_t* rc);
+[[nodiscard]] int _bitunpack_fetch(array_reader_t* words, uint32_t nbits, uint64_t bit, bool cache_only,
+                                   uint64_t hint_bit, uint32_t* out, warm_rc_t* rc);
 
 // The value of `nbits` bits at position `bit` of a stream, `words` being a reader of 8-byte elements. The hint is the
 // bit position that the caller wants next; cache_only and the failures are those of _ar_get_i. A width of 0 reads
 // nothing and gives 0.
-inline int bitunpack_word32(array_reader_t* words, uint32_t nbits, uint64_t bit, bool cache_only, uint64_t hint_bit,
-                            uint32_t* out, warm_rc_t* rc) {
+[[nodiscard]] inline int bitunpack_word32(array_reader_t* words, uint32_t nbits, uint64_t bit, bool cache_only,
+                                          uint64_t hint_bit, uint32_t* out, warm_rc_t* rc) {
     ST_ASSERT(nbits <= 32);
     // Little-endian words are one string of bytes, so that one load at the value's first byte holds all of it (at most
     // 39 bits), straddling or not. A position before the cache wraps to one far behind it.

@@ -21,7 +21,8 @@ struct bmap_array_t {
     buffer<uint32_t> entries32;
     buffer<uint64_t> entries64;
 };
-int bmap_array_alloc(bmap_array_t* array, bool narrow, uint64_t count);  // 1, or 0 when memory is short; all bits clear
+[[nodiscard]] int bmap_array_alloc(bmap_array_t* array, bool narrow,
+                                   uint64_t count);  // 1, or 0 when memory is short; all bits clear
 void bmap_array_set(bmap_array_t* array, uint64_t entry, uint32_t bit);
 int bmap_array_is_set(const bmap_array_t* array, uint64_t entry, uint32_t bit);
 void bmap_array_entry_as_bmap64(const bmap_array_t* array, uint64_t entry, bmap64_t* out);

@@ -21,7 +21,7 @@ using list_t = list_s;
 // An empty list, or null when memory is short. Ended by delete_list.
 list_t* new_list(list_item_fn destructor);
 // Inserts at the head: 0, or -1 with the list unchanged when memory is short.
-int push_front(list_t* list, void* item);
+[[nodiscard]] int push_front(list_t* list, void* item);
 // Appends a node with a null item, which the caller fills; null when memory is short.
 list_node_s* append_list_node(list_t* list);
 // Removes the head and returns its item; null for an empty list.

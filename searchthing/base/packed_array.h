@@ -3,7 +3,6 @@
 // their byte order.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "libzero/resource.h"
@@ -21,13 +20,13 @@ struct array_writer_t {
     uint32_t capacity = 0;  // of the buffer, in elements
     uint64_t _obj_sz = 0;   // bytes of an element
 };
-// Starts appending at a file offset; 0 or -2. A capacity of 0 counts as 1.
-int _aw_open(array_writer_t* aw, int fd, uint64_t offset, uint64_t object_size, uint32_t capacity);
-// Appends one element of the size given at open (asserted). -9 when the full buffer could not be written: it stays as
-// it was, the element is not in it.
-int _aw_write(array_writer_t* aw, const void* element, uint64_t osz);
-// Writes what is buffered, 0 or -9, and resets the writer in either case.
-int _aw_close(array_writer_t* aw);
+// Starts appending at a file offset; 0 or WARM_RC_NO_MEMORY. A capacity of 0 counts as 1.
+[[nodiscard]] int _aw_open(array_writer_t* aw, int fd, uint64_t offset, uint64_t object_size, uint32_t capacity);
+// Appends one element of the size given at open (asserted). WARM_RC_WRITE when the full buffer could not be written: it
+// stays as it was, the element is not in it.
+[[nodiscard]] int _aw_write(array_writer_t* aw, const void* element, uint64_t osz);
+// Writes what is buffered, 0 or WARM_RC_WRITE, and resets the writer in either case.
+[[nodiscard]] int _aw_close(array_writer_t* aw);
 
 struct array_reader_t {
     buffer<uint8_t> owned;          // file mode: the cache
@@ -47,9 +46,9 @@ struct array_reader_t {
 using ar_compare_fn = int (*)(const void* element, const void* key);
 
 // Opens over `count` elements: over `memory` (not owned, outlives the reader) when it is not null, else over the file
-// with a cache of `span` elements (0 counts as 1). 0 or -2.
-int _ar_open(array_reader_t* ar, int fd, uint64_t base, uint64_t object_size, uint32_t count, uint64_t span,
-             st_query_info_t* stats, const void* memory);
+// with a cache of `span` elements (0 counts as 1). 0 or WARM_RC_NO_MEMORY.
+[[nodiscard]] int _ar_open(array_reader_t* ar, int fd, uint64_t base, uint64_t object_size, uint32_t count,
+                           uint64_t span, st_query_info_t* stats, const void* memory);
 bool _ar_idx_out_of_bounds(const array_reader_t* ar, uint64_t index);
 // Frees the cache and resets all fields; fd -1.
 void _ar_close(array_reader_t* ar);

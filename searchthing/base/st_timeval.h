@@ -33,7 +33,7 @@ void st_timeval_subtract_one(bool nanosecond, const st_timeval_t* a, st_timeval_
 // Parses "seconds" or "seconds.fraction" from a component of a file name; 1, or 0 with `out` unchanged. The fraction is
 // scaled from its value to 9 digits, so that its leading zeros are lost: "5.05" is the same time as "5.5". A range
 // error that stands in errno already fails the parse, so callers clear errno first.
-int st_timeval_from_ospath(st_timeval_t* out, const char* text);
+[[nodiscard]] int st_timeval_from_ospath(st_timeval_t* out, const char* text);
 
 // The number of spans in a range: (latest - earliest) / span + 1, where a span of whole seconds divides the seconds
 // alone. The span is not zero.

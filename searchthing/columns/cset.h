@@ -23,14 +23,13 @@
 //   Elements of values 7, 8, 9 and 12 are two runs: first value numbers 7 and 12 in 4 bits, ordinals 0 and 3 in 2 bits.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/columns/cset_codec.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/columns/cset_codec.h"
 
 namespace veldar {
 
@@ -81,29 +80,31 @@ struct cset_reader_t {
     uint32_t next_run = 0;   // of the element that cset_reader_next gives next
     uint32_t ordinal = 0;    // of that element
 };
-// Opens the set of a measure's term number: 0; -38 "metric tid is not found in cstore"; -8, -48 or -49
-// "cset_reader_open: columnset header failed"; -12 "columnset header is corrupted" or "element_type is
-// unsupported/corrupted"; -2 "ar_open: block headers memory alloc failed". Reads the run table and the block headers.
-int cset_reader_open(cset_reader_t* reader, const cs_reader_t* section, uint32_t term_id, st_query_info_t* stats,
-                     warm_rc_t* rc);
-// The functions below report a read of data that failed as -8, -48 or -49, damaged data as -12 "columnset data are
-// corrupted", both with the block's number, and a value number that is none of the slice (a preamble, or past the
-// last) as -12 "invalid tsval_id range" with that number.
+// Opens the set of a measure's term number: 0; WARM_RC_NOT_FOUND "metric tid is not found in cstore"; the status of a
+// read "cset_reader_open: columnset header failed"; WARM_RC_CORRUPT "columnset header is corrupted" or "element_type is
+// unsupported/corrupted"; WARM_RC_NO_MEMORY "ar_open: block headers memory alloc failed". Reads the run table and the
+// block headers.
+[[nodiscard]] int cset_reader_open(cset_reader_t* reader, const cs_reader_t* section, uint32_t term_id,
+                                   st_query_info_t* stats, warm_rc_t* rc);
+// The functions below report a read of data that failed by its status, damaged data as WARM_RC_CORRUPT "columnset data
+// are corrupted", both with the block's number, and a value number that is none of the slice (a preamble, or past the
+// last) as WARM_RC_CORRUPT "invalid tsval_id range" with that number.
 
 // The measure of one value. A value without it is no failure: `present` is false and `v` is 0.
-int cset_reader_get(cset_reader_t* reader, uint32_t value_no, double* v, bool* present, warm_rc_t* rc);
+[[nodiscard]] int cset_reader_get(cset_reader_t* reader, uint32_t value_no, double* v, bool* present, warm_rc_t* rc);
 // The measures of values first to first + n - 1: out[i] and present[i] (0 or 1) of value first + i, 0 where there is
 // none. Both arrays have room for n entries.
-int cset_reader_range(cset_reader_t* reader, uint32_t first, uint32_t n, double* out, uint8_t* present, warm_rc_t* rc);
+[[nodiscard]] int cset_reader_range(cset_reader_t* reader, uint32_t first, uint32_t n, double* out, uint8_t* present,
+                                    warm_rc_t* rc);
 // Numbers of the measures of values first to first + n - 1. Blocks that lie in the range as a whole and hold no NaN are
 // not read; the sum adds the sums of such blocks, so it may differ in the last digits from one made element by element.
-int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stats_t* out, warm_rc_t* rc);
+[[nodiscard]] int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stats_t* out, warm_rc_t* rc);
 // The elements in the order of value numbers, each once since the set was opened; CSET_END after the last.
-int cset_reader_next(cset_reader_t* reader, uint32_t* value_no, double* v, warm_rc_t* rc);
+[[nodiscard]] int cset_reader_next(cset_reader_t* reader, uint32_t* value_no, double* v, warm_rc_t* rc);
 // Frees what the reader holds; nothing on a closed one.
 void cset_reader_close(cset_reader_t* reader);
 
 // Decodes every block and compares the numbers in its header with its elements: 0 or a failure as above.
-int cset_reader_verify(cset_reader_t* reader, warm_rc_t* rc);
+[[nodiscard]] int cset_reader_verify(cset_reader_t* reader, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -5,10 +5,10 @@
 
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cset_internal.h"
 #include "searchthing/columns/cstore.h"
-#include "searchthing/base/timed_read.h"
 
 namespace veldar {
 

@@ -17,14 +17,13 @@
 //   F + 16  8 x N entries: {u32 term number, u32 offset of its column set in 8-byte units}, ascending by term number
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "libzero/resource.h"
+#include "searchthing/base/warm_rc.h"
 #include "searchthing/columns/cset.h"
 #include "searchthing/values/tsval_order.h"
-#include "searchthing/base/warm_rc.h"
 
 namespace veldar {
 
@@ -40,26 +39,27 @@ struct cs_builder_t {
     uint32_t num_preambles = 0;
     uint64_t footer_offset = 0;
 };
-// Starts a section of about this many column sets; 0 or -2.
-int cs_builder_open(cs_builder_t* builder, uint32_t measures_hint, warm_rc_t* rc);
+// Starts a section of about this many column sets; 0 or WARM_RC_NO_MEMORY.
+[[nodiscard]] int cs_builder_open(cs_builder_t* builder, uint32_t measures_hint, warm_rc_t* rc);
 // Makes sure that the measure has a column set. `measure_rank` is its term number in the slice.
-int cs_add_columnset(cs_builder_t* builder, uint32_t measure_rank, warm_rc_t* rc);
+[[nodiscard]] int cs_add_columnset(cs_builder_t* builder, uint32_t measure_rank, warm_rc_t* rc);
 // Adds the measure of one value; `value_no` is the value's number in the slice, counted with the preambles.
-// `set_changed` tells that the value has another dimension set than the value before. 0; -38 "metric tid is not found
-// in cstore"; -12 "ordering violation" when the value's number is not above that of the measure's element before.
-int cs_add_element(cs_builder_t* builder, uint32_t measure_rank, uint32_t value_no, bool set_changed, double v,
-                   warm_rc_t* rc);
-// Encodes what is left and lays the section out; `cstore_ref` is what the slice's header must hold. 0; -12 "invalid
-// tsval_id range" for an element of no value from num_preambles to num_values - 1; -52 "cs_writer_footer_append offset
-// overflow" for more than 32 GiB.
-int cs_finalize_offsets(cs_builder_t* builder, uint32_t num_values, uint32_t num_preambles, int64_t* cstore_ref,
-                        warm_rc_t* rc);
+// `set_changed` tells that the value has another dimension set than the value before. 0; WARM_RC_NOT_FOUND "metric tid
+// is not found in cstore"; WARM_RC_CORRUPT "ordering violation" when the value's number is not above that of the
+// measure's element before.
+[[nodiscard]] int cs_add_element(cs_builder_t* builder, uint32_t measure_rank, uint32_t value_no, bool set_changed,
+                                 double v, warm_rc_t* rc);
+// Encodes what is left and lays the section out; `cstore_ref` is what the slice's header must hold. 0; WARM_RC_CORRUPT
+// "invalid tsval_id range" for an element of no value from num_preambles to num_values - 1; WARM_RC_FOOTER_OFFSET
+// "cs_writer_footer_append offset overflow" for more than 32 GiB.
+[[nodiscard]] int cs_finalize_offsets(cs_builder_t* builder, uint32_t num_values, uint32_t num_preambles,
+                                      int64_t* cstore_ref, warm_rc_t* rc);
 // Bytes of the finalized section, which its footer ends.
 inline uint64_t cs_builder_size(const cs_builder_t* builder) {
     return builder->footer_offset + 16 + builder->entries.size() * sizeof(cs_tid_offset_t);
 }
-// Writes the finalized section at an offset of the file, 1 MiB at a time: 0 or -9 "writing cstore".
-int cs_sync_cstore(cs_builder_t* builder, int fd, uint64_t section_offset, warm_rc_t* rc);
+// Writes the finalized section at an offset of the file, 1 MiB at a time: 0 or WARM_RC_WRITE "writing cstore".
+[[nodiscard]] int cs_sync_cstore(cs_builder_t* builder, int fd, uint64_t section_offset, warm_rc_t* rc);
 // Frees everything; the builder can be opened again. Nothing on a closed one.
 void cs_builder_close(cs_builder_t* builder);
 
@@ -73,17 +73,20 @@ struct cs_reader_t {
     uint32_t num_preambles = 0;
     buffer<cs_tid_offset_t> entries;
 };
-// Opens the section at an offset of the file. 0; -6 "cstore file size"; -8, -48 or -49 "cstore footer read"; -12
-// "cstore footer is corrupted", also for a section that the file cuts short; -17 "cstore version" for a newer section;
-// -2 "cstore entries".
-int cs_reader_open(cs_reader_t* reader, int fd, uint64_t section_offset, int64_t cstore_ref, warm_rc_t* rc);
-// Where the column set of a measure lies, as an offset of the file: 0 or -38 "metric tid is not found in cstore".
-int cs_reader_find(const cs_reader_t* reader, uint32_t term_id, uint64_t* set_offset, warm_rc_t* rc);
+// Opens the section at an offset of the file. 0; WARM_RC_FILE_SIZE "cstore file size"; the status of a read "cstore
+// footer read"; WARM_RC_CORRUPT "cstore footer is corrupted", also for a section that the file cuts short;
+// WARM_RC_UNSUPPORTED "cstore version" for a newer section; WARM_RC_NO_MEMORY "cstore entries".
+[[nodiscard]] int cs_reader_open(cs_reader_t* reader, int fd, uint64_t section_offset, int64_t cstore_ref,
+                                 warm_rc_t* rc);
+// Where the column set of a measure lies, as an offset of the file: 0 or WARM_RC_NOT_FOUND "metric tid is not found in
+// cstore".
+[[nodiscard]] int cs_reader_find(const cs_reader_t* reader, uint32_t term_id, uint64_t* set_offset, warm_rc_t* rc);
 // The same with the set's size, which reaches to the next one.
-int cs_reader_extent(const cs_reader_t* reader, uint32_t term_id, uint64_t* set_offset, uint64_t* size, warm_rc_t* rc);
+[[nodiscard]] int cs_reader_extent(const cs_reader_t* reader, uint32_t term_id, uint64_t* set_offset, uint64_t* size,
+                                   warm_rc_t* rc);
 // Reads the whole section: every checksum, every order, every number in a block's header. 0 or the failure of
 // cset_reader_open or cset_reader_verify.
-int cs_verify(const cs_reader_t* reader, warm_rc_t* rc);
+[[nodiscard]] int cs_verify(const cs_reader_t* reader, warm_rc_t* rc);
 // Frees the directory; nothing on a closed one.
 void cs_reader_close(cs_reader_t* reader);
 

@@ -6,9 +6,9 @@
 #include <new>
 
 #include "libzero/assertions.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/columns/cstore_internal.h"
-#include "searchthing/base/timed_read.h"
 
 namespace veldar {
 

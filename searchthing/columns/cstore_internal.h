@@ -1,7 +1,6 @@
 // What the builder and the reader of the column store share.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace veldar {

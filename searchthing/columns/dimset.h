@@ -25,15 +25,12 @@
 // have the ends 6 and 13 and the body  6 1 7 -1 -1 1  7 1 8 -1 -1 3 1.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <span>
 
 #include "libzero/endian.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/warmslice_header.h"
-#include "searchthing/values/tsval.h"
 
 namespace veldar {
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 
 #include "libzero/assertions.h"
 #include "searchthing/base/timed_read.h"

@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/postings/bitmap.h"
-#include "searchthing/columns/dimset.h"
 #include "searchthing/base/packed_array.h"
+#include "searchthing/columns/dimset.h"
+#include "searchthing/format/warmslice_header.h"
+#include "searchthing/postings/bitmap.h"
 
 namespace veldar {
 

@@ -1,7 +1,6 @@
 // Merging dimension-set sections: a heap of sources by their current set, the sources' sets translated to the merged
 // lexicon as they are read. Ascending term maps keep every source in order.
 #include <algorithm>
-#include <functional>
 #include <new>
 
 #include "libzero/osfile.h"

@@ -36,9 +36,9 @@ uint32_t health_histogram_rating(const health_stat* stat, const uint32_t* histog
 
 // The directory's health number: the rating of its live slices' name ranges over 128 buckets, and from 11 slices on a
 // share for their number as well. 0 without slices; -1 when the directory cannot be listed.
-int st_tsidx_health(TSIDX* tsidx);
+[[nodiscard]] int st_tsidx_health(TSIDX* tsidx);
 // The same with the histogram, for drawing; it has 128 buckets, all 0 when no range is the right way round.
 inline constexpr uint32_t HEALTH_BUCKETS = 128;
-int tsidx_health_histogram(TSIDX* tsidx, health_stat* stat, uint32_t* histogram);
+[[nodiscard]] int tsidx_health_histogram(TSIDX* tsidx, health_stat* stat, uint32_t* histogram);
 
 }  // namespace veldar

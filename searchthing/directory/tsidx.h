@@ -55,9 +55,10 @@ using TSIDX = st_tsidx;
 TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRITEOPTS* opts, uint32_t writer_number);
 // Syncs, writes the parameter file when its content would change, and frees the handle: 0, or TSIDX_SYNC_FAILED when
 // the last sync failed, this one or an earlier one. A transaction that is not closed is dropped.
-int st_tsidx_close(TSIDX* tsidx);
+[[nodiscard]] int st_tsidx_close(TSIDX* tsidx);
+// For handles without events in memory: their close has nothing to tell.
 struct tsidx_closer {
-    void operator()(TSIDX* handle) const { st_tsidx_close(handle); }
+    void operator()(TSIDX* handle) const { static_cast<void>(st_tsidx_close(handle)); }
 };
 using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_closer>;
 
@@ -65,11 +66,11 @@ using tsidx_ptr = std::unique_ptr<TSIDX, tsidx_closer>;
 // st_tsidx_last_failure. Transient errors are retried with pauses, for about a minute. The hot slice is empty
 // afterwards in either case: after a failure its events are lost to the index and must be put again, unless
 // st_tsidx_unmoved_slice names a file that holds them.
-int st_tsidx_sync(TSIDX* tsidx);
+[[nodiscard]] int st_tsidx_sync(TSIDX* tsidx);
 // The same in part mode; falls back to an ordinary sync when the directory has used its 64 part numbers.
-int st_tsidx_sync_part(TSIDX* tsidx);
+[[nodiscard]] int st_tsidx_sync_part(TSIDX* tsidx);
 // Both of them: in part mode the suffix is made here and the argument is ignored.
-int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode);
+[[nodiscard]] int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode);
 
 // Limits of the next hot slice; `max_terms` is rounded up to a power of two.
 void st_tsidx_set_params(TSIDX* tsidx, uint64_t max_terms, uint64_t lexicon_bytes, uint64_t max_postings,
@@ -81,8 +82,8 @@ void st_tsidx_set_params(TSIDX* tsidx, uint64_t max_terms, uint64_t lexicon_byte
 // The limits are what memory is reserved for. A slice ends when one of them is passed by seven eighths (from 65536 on,
 // fifteen sixteenths), earlier for what st_tsidx_txn_close says, and at 2 GiB of lexicon and 138547332 values (metric
 // directories: 69273666) in any case; a transaction that does not fit by itself raises them, as does autotune.
-int st_tsidx_options(TSIDX* tsidx, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings,
-                     uint64_t max_values);
+[[nodiscard]] int st_tsidx_options(TSIDX* tsidx, uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings,
+                                   uint64_t max_values);
 uint64_t st_tsidx_max_terms(const TSIDX* tsidx);
 uint64_t st_tsidx_max_term_chars(const TSIDX* tsidx);  // lexicon bytes
 uint64_t st_tsidx_max_postings(const TSIDX* tsidx);
@@ -96,8 +97,8 @@ void st_tsidx_set_durable(TSIDX* tsidx, int durable);
 // The marker file: 1 when it exists, else 0; creating and removing it: 0, or WARM_RC_OPEN or WARM_RC_WRITE with errno
 // set.
 int st_tsidx_need_optimize(const TSIDX* tsidx);
-int st_tsidx_set_need_optimize(TSIDX* tsidx);
-int st_tsidx_clear_need_optimize(TSIDX* tsidx);
+[[nodiscard]] int st_tsidx_set_need_optimize(TSIDX* tsidx);
+[[nodiscard]] int st_tsidx_clear_need_optimize(TSIDX* tsidx);
 
 // Keywords of more than 2047 bytes that this handle cut. The first one is logged.
 uint64_t st_tsidx_keywords_cut(const TSIDX* tsidx);
@@ -133,9 +134,9 @@ void st_tsidx_txn_abort(TSIDX* tsidx);
 // event of the hot slice, and in streaming mode an event older than the last.
 //
 // Metric directories: the keywords are the event's dimension set (hotslice.h), the address is not kept, an all-ones
-// source counts as 0. -37 for an event without a measure or with two hosts, sources or source types. A keyword that is
-// no dimension by its beginning is kept in the set as one: it is found at exactly the events that it was put with, and
-// told among their dimensions.
-int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn);
+// source counts as 0. WARM_RC_INVALID_ARGUMENT for an event without a measure or with two hosts, sources or source
+// types. A keyword that is no dimension by its beginning is kept in the set as one: it is found at exactly the events
+// that it was put with, and told among their dimensions.
+[[nodiscard]] int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn);
 
 }  // namespace veldar

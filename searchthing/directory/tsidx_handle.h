@@ -71,7 +71,7 @@ bool tsidx_is_writable(const TSIDX* tsidx);
 // The number that tells this writer's file names from those of others.
 uint32_t tsidx_writer_tag(const TSIDX* tsidx);
 // Makes sure that there is a hot slice, of the current limits when it is empty: 0 or an engine status, recorded.
-int tsidx_ensure_hot(TSIDX* tsidx);
+[[nodiscard]] int tsidx_ensure_hot(TSIDX* tsidx);
 // Syncs because of a full code and lets autotune learn from it: 0 or TSIDX_SYNC_FAILED.
 int tsidx_sync_full(TSIDX* tsidx, int code);
 // Takes the limits that the parameter file remembers; those of a directory without one are the defaults.
@@ -80,14 +80,15 @@ void tsidx_load_params(TSIDX* tsidx);
 // not even know which kind of directory it has. Failures are logged only: the next run starts with smaller limits.
 void tsidx_save_params(TSIDX* tsidx);
 
-// Brings a file (or, with O_DIRECTORY, a directory) to the disk, unless durability is switched off. 0, -4 or -9.
-int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t* rc);
+// Brings a file (or, with O_DIRECTORY, a directory) to the disk, unless durability is switched off. 0, WARM_RC_OPEN or
+// WARM_RC_WRITE.
+[[nodiscard]] int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t* rc);
 // Removes a slice whose events are all deleted, behind its sentinel; the caller holds the lock. A failure is logged:
 // the slice stays, with every event marked.
 void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path);
 // Removes a slice and, before it, a ".pre-tsidx" that is the same file, left by an interrupted sync: alone that would
 // look like the only copy of its events. 0, also when the slice is gone, or -1 with errno. May throw std::bad_alloc.
-int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path);
+[[nodiscard]] int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path);
 // Cleans up after writers that are gone (tsidx_recover.cc).
 void tsidx_recover(TSIDX* tsidx);
 

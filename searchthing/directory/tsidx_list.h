@@ -41,6 +41,6 @@ bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 
 // The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 when the name does
 // not fit.
-int so_status_filename(ospath_buf* out, const char* directory);
+[[nodiscard]] int so_status_filename(ospath_buf* out, const char* directory);
 
 }  // namespace veldar

@@ -17,7 +17,7 @@
 #include "libzero/filemutex.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/log.h"
-#include "searchthing/base/warmslice_util.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/directory/tsidx_handle.h"
 
 namespace veldar {

@@ -19,9 +19,9 @@ class tsidx_lock {
     tsidx_lock(const tsidx_lock&) = delete;
     tsidx_lock& operator=(const tsidx_lock&) = delete;
 
-    // Waits up to `seconds` (0: a single try). 0, or -29 with errno, recorded in the handle and logged. May throw
-    // std::bad_alloc, and then nothing is locked.
-    int acquire(TSIDX* tsidx, int seconds);
+    // Waits up to `seconds` (0: a single try). 0, or WARM_RC_LOCK with errno, recorded in the handle and logged. May
+    // throw std::bad_alloc, and then nothing is locked.
+    [[nodiscard]] int acquire(TSIDX* tsidx, int seconds);
     void release();
 
   private:

@@ -21,6 +21,6 @@ inline constexpr int64_t TSIDX_MERGE_MAX_SECONDS = 86400;
 // Whether a manifest, complete or not, lies in the directory.
 bool tsidx_has_merge(const TSIDX* tsidx);
 // An exclusive flock without waiting: 1 taken, 0 held by another, -1 when the file system has none.
-int tsidx_lock_file(int fd);
+[[nodiscard]] int tsidx_lock_file(int fd);
 
 }  // namespace veldar

@@ -12,7 +12,7 @@
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "libzero/vbe.h"
-#include "searchthing/base/warmslice_util.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/format/tsidx_names.h"
 
 namespace veldar {

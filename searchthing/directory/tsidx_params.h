@@ -39,8 +39,8 @@ bool deserialize_params(std::string_view text, tsidx_limits_t* limits);
 
 // Reads the file; false for one that is missing, unreadable or longer than 255 bytes. `line` receives its text.
 bool tsidx_read_params(const char* directory, tsidx_params_line* line);
-// Writes the line under a name of the writer's own and renames it into place once it is complete: 0, or -47, -4, -9 or
-// -11 with errno set and the old file as it was.
-int tsidx_write_params(const char* directory, const tsidx_params_line& line, uint32_t writer_tag);
+// Writes the line under a name of the writer's own and renames it into place once it is complete: 0, or
+// WARM_RC_PATH_TOO_LONG, WARM_RC_OPEN, WARM_RC_WRITE or WARM_RC_CLOSE with errno set and the old file as it was.
+[[nodiscard]] int tsidx_write_params(const char* directory, const tsidx_params_line& line, uint32_t writer_tag);
 
 }  // namespace veldar

@@ -12,7 +12,6 @@
 //
 // A file whose process number is in use, or that changed within the last ten minutes, is left alone: process numbers
 // tell nothing about other hosts and containers.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -34,13 +34,13 @@ struct tsidx_slice_name_t {
 // between. `meta` is written on success only.
 
 // 1 (kind 1) when the name after the last '/' is "<latest>-<earliest>-<id>.tsidx" (or ".mini.tsidx"), else 0.
-int st_tsidx_file_parse(const char* path, st_filename_metadata_t* meta);
+[[nodiscard]] int st_tsidx_file_parse(const char* path, st_filename_metadata_t* meta);
 // 1 (kind 2) when the whole string is "<latest>-<earliest>-<id>.mini.tsidx", else 0.
-int st_mini_tsidx_file_parse(const char* name, st_filename_metadata_t* meta);
+[[nodiscard]] int st_mini_tsidx_file_parse(const char* name, st_filename_metadata_t* meta);
 // 1 (kind 3) when the name after the last '/' is "<latest>-<earliest>-<id>.<n>.<writer>.part-tsidx", else 0.
-int tsidx_part_file_parse(const char* path, st_filename_metadata_t* meta);
+[[nodiscard]] int tsidx_part_file_parse(const char* path, st_filename_metadata_t* meta);
 // 1 (kind 1) when the name after the last '/' is "<latest>-<earliest>-<id>.pre-tsidx", else 0.
-int tsidx_pre_file_parse(const char* path, st_filename_metadata_t* meta);
+[[nodiscard]] int tsidx_pre_file_parse(const char* path, st_filename_metadata_t* meta);
 
 inline constexpr char TSIDX_SUFFIX[] = ".tsidx";
 inline constexpr char TSIDX_MINI_SUFFIX[] = ".mini.tsidx";

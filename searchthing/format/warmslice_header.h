@@ -188,18 +188,20 @@ uint64_t st_warm_header_get_offsets(const st_warm_slice_body* h, uint64_t* value
                                     uint64_t* st, uint64_t* host, uint64_t* d, uint64_t* pl_offs, uint64_t* metadata,
                                     uint64_t* fclex);
 // The same after reading the header of the file; 0, or the failure of warm_header_read with the outputs untouched.
-int st_warm_slice_offsets(int fd, uint64_t* values, uint64_t* m, uint64_t* s, uint64_t* st, uint64_t* host, uint64_t* d,
-                          uint64_t* pl_offs, uint64_t* metadata, uint64_t* fclex);
+[[nodiscard]] int st_warm_slice_offsets(int fd, uint64_t* values, uint64_t* m, uint64_t* s, uint64_t* st,
+                                        uint64_t* host, uint64_t* d, uint64_t* pl_offs, uint64_t* metadata,
+                                        uint64_t* fclex);
 
 // Zeroed headers; empty with WARM_RC_NO_MEMORY "warm header alloc" when memory is short.
 buffer<st_warm_slice_body> warm_header_alloc(uint32_t count, warm_rc_t* rc);
 // Zeroes all 120 bytes and copies the magic, which has 7 characters (asserted).
 void warm_header_init(st_warm_slice_body* h, const char* magic);
-// Reads 120 bytes at offset 0, whatever the header kind, and checks the magic: 0, -8 "reading warm header", -48 (file
-// shorter than 120 bytes), -49 (empty file) or -13 "header magic wrong".
-int warm_header_read(int fd, st_warm_slice_body* h, warm_rc_t* rc);
-// Writes the size on disk at offset 0: 0 or -9 "writing warm header".
-int warm_header_write(int fd, const st_warm_slice_body* h, warm_rc_t* rc);
+// Reads 120 bytes at offset 0, whatever the header kind, and checks the magic: 0, WARM_RC_READ "reading warm header",
+// WARM_RC_SHORT_READ (file shorter than 120 bytes), WARM_RC_END_OF_FILE (empty file) or WARM_RC_BAD_MAGIC "header magic
+// wrong".
+[[nodiscard]] int warm_header_read(int fd, st_warm_slice_body* h, warm_rc_t* rc);
+// Writes the size on disk at offset 0: 0 or WARM_RC_WRITE "writing warm header".
+[[nodiscard]] int warm_header_write(int fd, const st_warm_slice_body* h, warm_rc_t* rc);
 // Copies the source's size on disk and not a byte more: what follows may be a section.
 void warm_header_copy(st_warm_slice_body* dst, const st_warm_slice_body* src);
 
@@ -219,14 +221,15 @@ constexpr uint64_t _offset_cstore(uint64_t dimsets_end) {
 // everything that the merge counts still zero. `sources` and `fds` are the sources' headers and open files. The flags
 // follow the write level of the options, with `advanced_postings` the four list encodings from level 4 on; a metric
 // target has its own. 0, which carries the message "write level unsupported" where a level below 4 leaves flags out;
-// -37 for sources that do not go together; -8 when the size of a source's lists cannot be read, with its index. After a
-// failure the target is filled as far as it got.
-int warm_header_init_tgt_header_for_merge_srcs(st_warm_slice_body* target, const st_warm_slice_body* sources,
-                                               const int* fds, uint32_t count, const TSWRITEOPTS* options,
-                                               uint32_t advanced_postings, warm_rc_t* rc);
+// WARM_RC_INVALID_ARGUMENT for sources that do not go together; WARM_RC_READ when the size of a source's lists cannot
+// be read, with its index. After a failure the target is filled as far as it got.
+[[nodiscard]] int warm_header_init_tgt_header_for_merge_srcs(st_warm_slice_body* target,
+                                                             const st_warm_slice_body* sources, const int* fds,
+                                                             uint32_t count, const TSWRITEOPTS* options,
+                                                             uint32_t advanced_postings, warm_rc_t* rc);
 
-// ceil(num_values * nbits / 8), the byte size of a companion array; -36 in rc and all-ones when it does not fit 32
-// bits.
+// ceil(num_values * nbits / 8), the byte size of a companion array; WARM_RC_DOES_NOT_FIT in rc and all-ones when it
+// does not fit 32 bits.
 uint64_t _compressed_size(uint32_t num_values, uint32_t nbits, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -58,30 +58,30 @@ using hot_ptr = std::unique_ptr<HOT, hot_closer>;
 void st_hot_slice_reset(HOT* hot);
 
 // Clears the aborted code and checks the soft limits; a code other than 0 aborts the transaction and is returned.
-// Metric mode: the transaction before has been stopped; -6 when fewer than `max_txn_keywords` words are left for sets,
-// -2 when no value is left.
-st_hotput_rc_t st_hot_slice_txn_start(HOT* hot, const st_txn* txn);
+// Metric mode: the transaction before has been stopped; HOT_PUT_RC_DIMSETS_FULL when fewer than `max_txn_keywords`
+// words are left for sets, HOT_PUT_RC_VALUES_FULL when no value is left.
+[[nodiscard]] st_hotput_rc_t st_hot_slice_txn_start(HOT* hot, const st_txn* txn);
 // Indexes one keyword for the event: 0 also for an empty keyword and for a pair that is indexed already; a keyword
 // longer than 2047 bytes is cut. A refusal changes nothing. In an aborted transaction: the aborted code, and nothing
 // happens. Streaming mode: the event is the most recent one or newer than it. Metric mode: a transaction is open and
 // the record is the one that it was started with, but for the measure.
-st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length, const st_txn* txn);
+[[nodiscard]] st_hotput_rc_t st_hot_slice_put_txn(HOT* hot, const char* keyword, size_t length, const st_txn* txn);
 // 0. Metric mode: commits the transaction, also an aborted one; an event without a measure is dropped, with the terms
 // that it brought.
-st_hotput_rc_t st_hot_slice_txn_stop(HOT* hot);
+[[nodiscard]] st_hotput_rc_t st_hot_slice_txn_stop(HOT* hot);
 // Makes the remaining puts of the transaction no-ops that return the code; what was put stays.
 void st_hot_slice_txn_abort(HOT* hot, st_hotput_rc_t code);
 bool st_hot_slice_txn_aborted(const HOT* hot);
 
 // The first soft limit that is exceeded, in the order terms, values, postings, lexicon bytes, measures; 0 for none. The
 // soft limit of a capacity C is C - C/8 below 65536 and C - C/16 from there on.
-st_hotput_rc_t st_hot_slice_check_space(const HOT* hot);
+[[nodiscard]] st_hotput_rc_t st_hot_slice_check_space(const HOT* hot);
 // Whether the code means that some limit is too small.
 bool st_hot_slice_needs_limits_adjusted(int code);
 
 // Sorts and renumbers everything; a second call answers from the first. -1 when a hashed hot slice holds no values.
-int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, uint32_t* num_postings,
-                         uint32_t* num_dimsets, uint32_t* max_measure_rank, warm_rc_t* rc);
+[[nodiscard]] int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, uint32_t* num_postings,
+                                       uint32_t* num_dimsets, uint32_t* max_measure_rank, warm_rc_t* rc);
 // The term id (ordinal of first appearance) of the term at a sorted position of a prepared hot slice.
 uint32_t st_hot_slice_get_term_index(const HOT* hot, uint32_t rank);
 
@@ -112,9 +112,10 @@ uint32_t hot_slice_hash(const char* text,
 
 // Whether the whole transaction fits the hard limits, exactly: 0, or the code of the first limit that it would pass.
 // Near a limit it collects the distinct new terms and may throw std::bad_alloc; it never changes the hot slice.
-st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords);
+[[nodiscard]] st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn,
+                                                 std::span<const hot_keyword_t> keywords);
 // Metric mode: the same, where a keyword that is a column stands for one measure.
-st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords);
+[[nodiscard]] st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords);
 // Applies a whole metric transaction that hot_slice_check_metric_txn has accepted, `measures` being parallel to the
 // keywords; cannot fail. Here what is no dimension joins the set as an optional dimension does, so that it is found at
 // the events that it was put with and at no other, also when slices are merged, in which equal sets become one.

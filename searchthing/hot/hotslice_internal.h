@@ -13,7 +13,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include "libzero/resource.h"
 #include "searchthing/columns/dimset.h"
@@ -119,11 +118,11 @@ inline constexpr uint32_t HOT_SCATTERED_PROBES = 64;
 bool hot_metrics_allocate(st_hot_slice& hot, uint64_t max_txn_keywords, uint64_t dimsets_cap,
                           uint64_t max_dimset_measures);
 void hot_metrics_reset(st_hot_slice& hot);
-st_hotput_rc_t hot_metrics_txn_start(st_hot_slice& hot, const st_txn& txn);
-st_hotput_rc_t hot_metrics_put(st_hot_slice& hot, const char* text, uint32_t length, const st_txn& txn);
+[[nodiscard]] st_hotput_rc_t hot_metrics_txn_start(st_hot_slice& hot, const st_txn& txn);
+[[nodiscard]] st_hotput_rc_t hot_metrics_put(st_hot_slice& hot, const char* text, uint32_t length, const st_txn& txn);
 void hot_metrics_txn_stop(st_hot_slice& hot);
 // Metric mode's steps of preparing (hotslice_metric_prepare.cc), after the terms are sorted: orders sets and values.
-int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc);
+[[nodiscard]] int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc);
 // After the postings are ordered: the records of loose terms tell of whole sets, as their postings do.
 void hot_metrics_count_loose(st_hot_slice& hot);
 

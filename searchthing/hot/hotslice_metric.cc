@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "libzero/assertions.h"
+#include "searchthing/format/metric_terms.h"
 #include "searchthing/hot/hotslice_internal.h"
 
 namespace veldar {
@@ -194,7 +195,7 @@ std::vector<hot_keyword_t> distinct(std::span<const hot_keyword_t> keywords) {
 
 hot_dimension_t hot_slice_classify(std::string_view keyword) {
     if (!keyword.starts_with(' ')) return HOT_DIM_NONE;
-    if (keyword.starts_with(" metric_name::")) return HOT_DIM_COLUMN;
+    if (keyword.starts_with(METRIC_NAME_TERM)) return HOT_DIM_COLUMN;
     if (keyword.starts_with(" host::")) return HOT_DIM_HOST;
     if (keyword.starts_with(" source::")) return HOT_DIM_SOURCE;
     if (keyword.starts_with(" sourcetype::")) return HOT_DIM_SOURCE_TYPE;

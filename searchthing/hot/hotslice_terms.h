@@ -83,7 +83,7 @@ struct hot_new_terms_t {
     uint64_t bytes = 0;
 };
 hot_new_terms_t hot_count_new_terms(const hot_terms_t& table, std::span<const hot_keyword_t> keywords);
-// Whether the new terms fit: 0, -1 or -4.
-st_hotput_rc_t hot_check_new_terms(const hot_terms_t& table, const hot_new_terms_t& fresh);
+// Whether the new terms fit: 0, HOT_PUT_RC_TERMS_FULL or HOT_PUT_RC_LEXICON_FULL.
+[[nodiscard]] st_hotput_rc_t hot_check_new_terms(const hot_terms_t& table, const hot_new_terms_t& fresh);
 
 }  // namespace veldar

@@ -6,7 +6,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <ctime>
-#include <memory>
 #include <new>
 
 #include "libzero/assertions.h"
@@ -185,7 +184,7 @@ int write_file(WARM* warm, uint64_t used, create_metrics_t* metrics, const char*
     const uint64_t size = _offset_cstore(used);
     unique_fd fd(os_retry([&] { return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600); }));
     if (!fd.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
-    ospath_buf_set(filename, path);
+    static_cast<void>(ospath_buf_set(filename, path));  // it comes from such a buffer
     if (st_file_write(fd.get(), warm->owned.data(), static_cast<int64_t>(size)) != 0) {
         return _set_rc_msg(rc, WARM_RC_WRITE, path);
     }

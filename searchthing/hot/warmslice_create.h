@@ -9,7 +9,6 @@
 
 #include "libzero/ospath-builder.h"
 #include "searchthing/hot/hotslice.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/slice/warmslice.h"
 
 namespace veldar {

@@ -1,10 +1,9 @@
 // The metric part of slice creation. P dimension sets make P runs of values; run p, counted in the order of the values,
 // is that of set P - 1 - p, because values come highest set first. Its preamble has the number p, its values follow all
 // preambles in the joint numbering: value v of the hot slice is number P + v.
-#include <algorithm>
 
 #include "libzero/assertions.h"
-#include "searchthing/columns/dimset_io.h"
+#include "searchthing/columns/dimset.h"
 #include "searchthing/hot/warmslice_create_internal.h"
 #include "searchthing/values/values_writer.h"
 

@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
+#include "libzero/assertions.h"
 #include "libzero/vbe.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/postings/rle_encoder.h"
 
 namespace veldar {
@@ -18,6 +21,7 @@ constexpr size_t MAX_SLOTS = 1 << 24;
 // The parts of merge_known_list_t::place.
 constexpr uint64_t SIZE_LIMIT = 1 << 23;
 constexpr uint64_t FORM_BITS = 24;  // type and size together
+static_assert(2 * SIZE_LIMIT == uint64_t{1} << FORM_BITS);
 constexpr uint64_t OFFSET_LIMIT = uint64_t{1} << (64 - FORM_BITS);
 
 uint64_t form_of(const merge_encoded_t& list) {
@@ -48,6 +52,7 @@ struct bitmap_sink {
 // Whether the written list at an offset has these bytes.
 int compare_written(const merge_list_writer_t* writer, uint64_t offset, std::span<const uint8_t> bytes, bool* equal,
                     warm_rc_t* rc) {
+    ST_ASSERT(offset + bytes.size() <= merge_list_writer_total(writer));
     *equal = false;
     std::array<uint8_t, 4096> piece;
     while (!bytes.empty() && offset < writer->written) {
@@ -65,6 +70,7 @@ int compare_written(const merge_list_writer_t* writer, uint64_t offset, std::spa
 }
 
 void insert(buffer<merge_known_list_t>* slots, const merge_known_list_t& list) {
+    ST_ASSERT(std::has_single_bit(slots->size()) && list.term != MERGE_NO_TERM);
     const size_t mask = slots->size() - 1;
     size_t slot = list.hash & mask;
     while ((*slots)[slot].term != MERGE_NO_TERM) slot = (slot + 1) & mask;
@@ -91,11 +97,13 @@ int merge_encode(merge_encoder_t* encoder, const merge_list_t& list, bool bitmap
                  warm_rc_t* rc) {
     *out = {};
     if (list.count == 0) return 0;
+    ST_ASSERT(list.first <= list.last && list.last < encoder->num_values);
     ST_TRY(reserve(&encoder->rle, rle_bound(list.count, encoder->num_values), rc));
     rle_encoder_t rle{encoder->rle.data()};
     merge_list_for_each(list, [&rle](uint32_t id) { rle.put(id); });
     rle.end_run();
     const uint64_t rle_size = static_cast<uint64_t>(rle.at - encoder->rle.data());
+    ST_ASSERT(rle_size <= rle_bound(list.count, encoder->num_values));
     out->bytes = {encoder->rle.data(), static_cast<size_t>(rle_size)};
 
     const uint32_t first_length = vbe_length(list.first);
@@ -120,6 +128,7 @@ int merge_list_writer_open(merge_list_writer_t* writer, int fd, uint64_t offset,
 }
 
 int merge_list_writer_flush(merge_list_writer_t* writer, warm_rc_t* rc) {
+    ST_ASSERT(writer->fill <= writer->pending.size());
     const int64_t size = static_cast<int64_t>(writer->fill);
     if (size == 0) return 0;
     if (st_pwrite(writer->fd, writer->pending.data(), writer->fill, writer->offset + writer->written) != size) {

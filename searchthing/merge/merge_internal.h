@@ -9,7 +9,6 @@
 #include "libzero/resource.h"
 #include "searchthing/merge/merge_metric.h"
 #include "searchthing/merge/warmslice_merge.h"
-#include "searchthing/postings/bitmap.h"
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/values/tsval.h"
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "libzero/assertions.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_meta.h"
 
@@ -35,6 +36,7 @@ int turn_dense(merge_lists_t* lists, warm_rc_t* rc) {
     if (lists->bits.empty() && !lists->bits.alloc(lists->num_values / 64 + 1)) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "posting list");
     }
+    ST_ASSERT(!lists->dense);
     set_bits(lists->bits.data(), lists->ids.data(), lists->size);
     lists->dense = true;
     lists->size = 0;
@@ -58,12 +60,13 @@ void renumber(const merge_source_t& source, uint32_t* ids, uint32_t count) {
 // Takes over `count` numbers that stand behind those taken so far.
 void take_piece(merge_lists_t* lists, uint32_t count) {
     uint32_t* const piece = lists->ids.data() + lists->size;
+    ST_ASSERT(count > 0 && lists->size + count <= lists->ids.size() && piece[count - 1] < lists->num_values);
     if (lists->dense) {
         set_bits(lists->bits.data(), piece, count);
         return;
     }
     const bool goes_on = lists->size == 0 || piece[0] > piece[-1];
-    if (!goes_on) lists->runs.push_back(lists->size);
+    if (!goes_on) lists->stretches.push_back(lists->size);
     lists->size += count;
 }
 
@@ -215,7 +218,8 @@ void merge_two(const uint32_t* a, const uint32_t* middle, const uint32_t* end, u
 
 // Merges the ascending stretches of `ids` two by two.
 void merge_runs(merge_lists_t* lists) {
-    std::vector<uint64_t>& begins = lists->runs;
+    std::vector<uint64_t>& begins = lists->stretches;
+    ST_ASSERT(begins.front() == 0 && begins.back() < lists->size && lists->merged.size() == lists->ids.size());
     while (begins.size() > 1) {
         const uint32_t* const in = lists->ids.data();
         uint32_t* const out = lists->merged.data();
@@ -234,7 +238,7 @@ void merge_runs(merge_lists_t* lists) {
 
 // Makes the numbers ascending and distinct.
 void order_ids(merge_lists_t* lists) {
-    if (lists->runs.size() == 1 && !lists->may_repeat) return;
+    if (lists->stretches.size() == 1 && !lists->may_repeat) return;
     uint32_t* const ids = lists->ids.data();
     if (lists->size <= SORTED_AT_ONCE) {
         std::sort(ids, ids + lists->size);
@@ -299,7 +303,7 @@ int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc) {
     lists->num_values = merge->metric != nullptr ? merge->header.num_dimsets.get() : merge->totals.values;
     lists->dense_size = lists->num_values / merge->seams.dense_divisor;
     lists->sources.resize(merge->sources.size());
-    lists->runs.reserve(1024);
+    lists->stretches.reserve(1024);
     ST_TRY(grow_ids(lists, rc));
     for (size_t i = 0; i < merge->sources.size(); i++) {
         merge_source_lists_t* const from = &lists->sources[i];
@@ -325,8 +329,8 @@ int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, 
     if (lists->dense) lists->bits.clear();
     lists->dense = false;
     lists->size = 0;
-    lists->runs.clear();
-    lists->runs.push_back(0);
+    lists->stretches.clear();
+    lists->stretches.push_back(0);
     for (; holders != 0; holders &= holders - 1) {
         const size_t source = static_cast<size_t>(__builtin_ctzll(holders));
         ST_ASSERT(source < lists->sources.size());
@@ -343,6 +347,7 @@ int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, 
     out->count = static_cast<uint32_t>(lists->size);
     out->first = out->ids.front();
     out->last = out->ids.back();
+    ST_ASSERT(out->first <= out->last && out->last < lists->num_values);
     return 0;
 }
 

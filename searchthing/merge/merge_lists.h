@@ -66,7 +66,7 @@ struct merge_lists_t {
     uint64_t size = 0;
     buffer<uint32_t> ids, merged;
     buffer<uint64_t> bits;
-    std::vector<uint64_t> runs;  // where ascending stretches of `ids` begin
+    std::vector<uint64_t> stretches;  // where ascending stretches of `ids` begin
     std::array<merge_time_check_t, 32> time_checks;
     size_t next_check = 0;
 };

@@ -10,16 +10,14 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <span>
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/columns/dimset_io.h"
 #include "searchthing/base/st_timeval.h"
-#include "searchthing/values/term_meta.h"
 #include "searchthing/base/warm_rc.h"
+#include "searchthing/columns/dimset_io.h"
 #include "searchthing/slice/warmslice_runs.h"
+#include "searchthing/values/term_meta.h"
 
 namespace veldar {
 

@@ -8,7 +8,7 @@
 //   DEDUP   when an earlier RLE or BMAP term has the same bytes
 #pragma once
 
-#include "searchthing/postings/bitmap.h"
+#include "searchthing/base/bitset.h"
 #include "searchthing/merge/merge_internal.h"
 
 namespace veldar {

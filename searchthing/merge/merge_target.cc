@@ -85,6 +85,8 @@ int set_size(int fd, uint64_t size, warm_rc_t* rc) {
 // Writes everything into an empty file.
 int fill_file(warm_merge_t* merge, int fd, merged_lexicon_t* lexicon, merge_postings_t* postings, warm_rc_t* rc) {
     st_warm_slice_body* const header = &merge->header;
+    ST_ASSERT(merge->values_planned && header->num_values.get() == merge->totals.values &&
+              header->num_terms.get() == merge->totals.terms);
     ST_TRY(merge->metric != nullptr ? merge_metric_values_write(merge, fd, rc) : merge_values_write(merge, fd, rc));
     uint64_t value_bytes = 0;
     for (const merge_source_t& source : merge->sources) value_bytes += _offset_pl_offs(source.warm->body);
@@ -99,6 +101,7 @@ int fill_file(warm_merge_t* merge, int fd, merged_lexicon_t* lexicon, merge_post
     header->num_postings.set(static_cast<uint32_t>(postings->postings));
     merge->totals.postings = static_cast<uint32_t>(postings->postings);
     uint64_t end = lists_offset + postings->bytes;
+    ST_ASSERT(lists_offset > lexicon_offset);
     if (merge->metric != nullptr) ST_TRY(merge_metric_sections_write(merge, fd, &end, rc));
     merge->totals.target_bytes = (end + 7) & ~uint64_t{7};
     ST_TRY(set_size(fd, merge->totals.target_bytes, rc));

@@ -24,7 +24,6 @@
 
 #include "searchthing/base/st_timeval.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"
 
 namespace veldar {

@@ -15,7 +15,6 @@
 // list above 8192 bytes whose F takes 4 bytes or more.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "libzero/resource.h"
@@ -41,14 +40,16 @@ struct bitmap_writer_t {
 };
 // `fd` must not be -1 and `start` lies below `size` (asserted); zeroes the buffer from `start` on.
 void bitmap_writer_init(bitmap_writer_t* bw, uint8_t* buf, uint64_t start, uint64_t size, int fd, uint64_t offset);
-// Appends an event; events ascend. 0; -4 after close; -9 from a flush; -15 when the coded F leaves no room for a bitmap
-// byte; -37 for an event below what has been written (one that still lies in the buffer is accepted).
-int bitmap_writer_append(bitmap_writer_t* bw, uint32_t id, warm_rc_t* rc);
-// Writes the buffer up to the last byte touched. -4 after close, -9 with buffer and counters as they were.
-int bitmap_writer_flush(bitmap_writer_t* bw, warm_rc_t* rc);
+// Appends an event; events ascend. 0; WARM_RC_OPEN after close; WARM_RC_WRITE from a flush; WARM_RC_CAPACITY when the
+// coded F leaves no room for a bitmap byte; WARM_RC_INVALID_ARGUMENT for an event below what has been written (one that
+// still lies in the buffer is accepted).
+[[nodiscard]] int bitmap_writer_append(bitmap_writer_t* bw, uint32_t id, warm_rc_t* rc);
+// Writes the buffer up to the last byte touched. WARM_RC_OPEN after close, WARM_RC_WRITE with buffer and counters as
+// they were.
+[[nodiscard]] int bitmap_writer_flush(bitmap_writer_t* bw, warm_rc_t* rc);
 // Tells the list's size, coded F included, and resets the writer. With `flush` set what is buffered is written first,
 // and a failure is returned with the writer still open; otherwise the caller takes over the buffered bytes before.
-int bitmap_writer_close(bitmap_writer_t* bw, uint64_t* size, bool flush);
+[[nodiscard]] int bitmap_writer_close(bitmap_writer_t* bw, uint64_t* size, bool flush);
 
 // Walks the set bits of a bitmap in ascending order and consumes it: a bit that has been returned is cleared.
 struct bitmap_iterator_t {
@@ -78,15 +79,16 @@ struct bitmap_reader_t {
     const uint8_t* src = nullptr;      // memory mode: the caller's list of at most 8192 bytes
     st_query_info_t* stats = nullptr;  // set by the caller: what the reads are accounted to, or null
 };
-// Opens a list of `size` bytes in the file or, when `src` is not null, in memory, and loads its first chunk. 0; -37
-// without file and memory; -12 for a list that cannot be (too long for its mode or for 32-bit events, no first event);
-// -8.
-int bitmap_reader_init(bitmap_reader_t* br, int fd, uint64_t offset, uint64_t size, const uint8_t* src, warm_rc_t* rc);
-// The next event, all-ones at the end. -38 for a reader that is not open, -8, -12.
-int bitmap_reader_next(bitmap_reader_t* br, uint32_t* id, warm_rc_t* rc);
+// Opens a list of `size` bytes in the file or, when `src` is not null, in memory, and loads its first chunk. 0;
+// WARM_RC_INVALID_ARGUMENT without file and memory; WARM_RC_CORRUPT for a list that cannot be (too long for its mode or
+// for 32-bit events, no first event); WARM_RC_READ.
+[[nodiscard]] int bitmap_reader_init(bitmap_reader_t* br, int fd, uint64_t offset, uint64_t size, const uint8_t* src,
+                                     warm_rc_t* rc);
+// The next event, all-ones at the end. WARM_RC_NOT_FOUND for a reader that is not open, WARM_RC_READ, WARM_RC_CORRUPT.
+[[nodiscard]] int bitmap_reader_next(bitmap_reader_t* br, uint32_t* id, warm_rc_t* rc);
 // The next event at or after `target`, all-ones at the end; never goes back. Chunks that lie before the target's are
 // skipped without being read.
-int bitmap_reader_seek(bitmap_reader_t* br, uint32_t target, uint32_t* id, warm_rc_t* rc);
+[[nodiscard]] int bitmap_reader_seek(bitmap_reader_t* br, uint32_t target, uint32_t* id, warm_rc_t* rc);
 void bitmap_reader_close(bitmap_reader_t* br);
 
 // A search result over a run of values, for selections. `bm` has _calc_bitmap_size(begin, end) bytes, so that bit `end`

@@ -26,14 +26,13 @@
 // 10 11 12 13 20 is stored as 0A 00 03 07: first event 0A; 00 03, three more in a row; 07, the gap to the next.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
 
 #include "libzero/resource.h"
+#include "searchthing/base/packed_array.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/base/warmslice_util.h"
 #include "searchthing/format/warmslice_header.h"
 #include "searchthing/postings/bitmap.h"
 
@@ -129,10 +128,10 @@ struct plist_section_t {
 // Every list must lie in it: WARM_RC_CORRUPT "reading beyond PL memory bufpos failed " for one that begins behind it,
 // WARM_RC_SPLIT_LIST for one that ends behind it.
 void plist_reader_attach_memory(plist_reader* reader, std::span<const uint8_t> lists);
-// V and type of entry `index` (-1 is term 0's): -1 on failure, -15 in `rc` past the last entry, -12 for a V that cannot
-// be.
-int64_t _pl_offset_reader(plist_reader* reader, int64_t index, uint32_t* type, warm_rc_t* rc);
-// -15 for a term that does not exist; -12 for a list that does not lie inside the section.
+// V and type of entry `index` (-1 is term 0's): -1 on failure, WARM_RC_CAPACITY in `rc` past the last entry,
+// WARM_RC_CORRUPT for a V that cannot be.
+[[nodiscard]] int64_t _pl_offset_reader(plist_reader* reader, int64_t index, uint32_t* type, warm_rc_t* rc);
+// WARM_RC_CAPACITY for a term that does not exist; WARM_RC_CORRUPT for a list that does not lie inside the section.
 [[nodiscard]] int plist_term_offset_reader(plist_reader* reader, plo_term_context_t* context, uint32_t term,
                                            warm_rc_t* rc);
 // Positions the reader before the first event of the term's list and reads the list's beginning. A failed seek leaves

@@ -3,6 +3,7 @@
 
 #include "libzero/endian.h"
 #include "searchthing/postings/plist_internal.h"
+#include "searchthing/base/timed_read.h"
 
 namespace veldar {
 

@@ -1,5 +1,6 @@
 // Writing posting lists.
 #include "libzero/assertions.h"
+#include "searchthing/base/timed_read.h"
 #include "searchthing/postings/plist.h"
 #include "searchthing/postings/rle_encoder.h"
 

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "libzero/endian.h"
-#include "searchthing/postings/bitmap.h"
+#include "searchthing/base/bitset.h"
 
 namespace veldar {
 

@@ -21,8 +21,8 @@ struct id_range_t {
     uint32_t size() const { return empty() ? 0 : end - begin; }
 };
 
-// A zeroed bitmap over the range; 0, or -2 in rc.
-int range_bitmap_alloc(buffer<uint8_t>* bitmap, const id_range_t& range, warm_rc_t* rc);
+// A zeroed bitmap over the range; 0, or WARM_RC_NO_MEMORY in rc.
+[[nodiscard]] int range_bitmap_alloc(buffer<uint8_t>* bitmap, const id_range_t& range, warm_rc_t* rc);
 // Sets every bit of the range.
 void range_bitmap_fill(uint8_t* bitmap, const id_range_t& range);
 // Flips every bit of the range.

@@ -22,7 +22,6 @@
 #include <functional>
 #include <memory>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "searchthing/reading/tsidx_snapshot.h"

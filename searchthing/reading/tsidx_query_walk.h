@@ -10,17 +10,17 @@ namespace veldar {
 
 // Reads the query, with the bounds that it has. A text that is no query is refused whatever the directory holds: 0 or
 // its status, recorded.
-int tsidx_parse_query(TSIDX* tsidx, const st_query_spec* query, parsed_query_t* parsed);
+[[nodiscard]] int tsidx_parse_query(TSIDX* tsidx, const st_query_spec* query, parsed_query_t* parsed);
 bool tsidx_is_empty_range(const st_query_spec& query);
 // The first value of a slice, from `low` on, that is not later than `time`; the number of values when all are.
-int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc);
+[[nodiscard]] int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc);
 
 // Hands every event that `walk(warm, query, call, &rc)` finds to the caller's function, slice by slice from the newest
 // on; the walk goes on while `call(event)` is true. The total of the function's results, -1 when that stopped the walk,
 // or a failure, recorded.
 template <typename Event, typename Walk>
-int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(const Event*, void*), void* context,
-                            Walk walk) {
+[[nodiscard]] int64_t tsidx_apply_matches(TSIDX* tsidx, const st_query_spec* query, int (*fn)(const Event*, void*),
+                                          void* context, Walk walk) {
     parsed_query_t parsed;
     ST_TRY(tsidx_parse_query(tsidx, query, &parsed));
     const st_query_spec& bounded = parsed.spec;

@@ -26,50 +26,55 @@ namespace veldar {
 // caller's). An event that lies in several slices, that is, one time and address, is written once, as the newest of the
 // slices has it; events of metric slices, which say nothing of their dimensions and measures here (tsidx_metric.h), are
 // written as often as they occur. Slices are searched newest first and only as far as they can matter. Returns the
-// number of answers; -20 to -23, -18, -25 or -37 for a text that is no query, or a slice's status; after a failure the
-// answers mean nothing. With `is_exact` 0 the answers are a superset of the match (warmslice_search.h).
-int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity, int is_exact);
+// number of answers; a status of parse_query (parsed_query.h), or a slice's; after a failure the answers mean nothing.
+// With `is_exact` 0 the answers are a superset of the match (warmslice_search.h).
+[[nodiscard]] int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity,
+                                 int is_exact);
 
 // The newest `capacity` events that contain exactly this term ("*" is a character like any other), as st_tsidx_query
-// writes them. The number of answers; -37 for a null term, -44 for a minified slice, or a slice's status.
-int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers,
-                 uint32_t capacity);
+// writes them. The number of answers; WARM_RC_INVALID_ARGUMENT for a null term, WARM_RC_MINIFIED for a minified slice,
+// or a slice's status.
+[[nodiscard]] int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers,
+                               uint32_t capacity);
 
 // The newest `capacity` events of a time range, whatever their terms, as st_tsidx_query writes them.
-int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity);
+[[nodiscard]] int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers,
+                                      uint32_t capacity);
 
 // The number of events that match exactly; all events for a null query. Slices are counted one by one: an event that
 // lies in two counts twice. 0 or a status as st_tsidx_query's; the query's cumspan is not applied.
-int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count);
+[[nodiscard]] int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count);
 // The same over all that a snapshot reads, which is held for it. 0 or a status, in `rc`.
-int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count, warm_rc_t* rc);
+[[nodiscard]] int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count, warm_rc_t* rc);
 
 // Receives one event; valid for this call only.
 using tsidx_event_fn = int (*)(const st_tsval* event, void* context);
 
 // Hands out every event that matches exactly, slice by slice from the newest on, newest first in a slice; an event that
 // lies in two slices comes twice. The total of the results, -1, or a status as st_tsidx_query's.
-int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context);
+[[nodiscard]] int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context);
 
 // Stores the first `capacity` terms that begin with the prefix (null: any), ascending, with their event counts, summed
 // over the slices, in place of ids. With the case flag as st_fclex_enum in every slice. Returns their number.
-int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
+[[nodiscard]] int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uint32_t capacity,
+                                bool case_flag);
 
 // Receives a term (NUL-terminated, at most 2047 bytes, valid for this call only), its length and its event count.
 using tsidx_term_fn = int (*)(const char* term, size_t length, uint64_t count, void* context);
 
 // Hands out the terms that begin with the prefix (null: any), slice by slice from the newest on, ascending in a slice,
-// each with its count in that slice. The total of the results, -1, -44 for a minified slice, or a slice's status.
-int64_t st_tsidx_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
+// each with its count in that slice. The total of the results, -1, WARM_RC_MINIFIED for a minified slice, or a slice's
+// status.
+[[nodiscard]] int64_t st_tsidx_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
 
 // The same with every term once, ascending over all slices, and counts summed. Memory is bounded whatever the number of
 // terms: at most 8 MiB of lexicon pieces, and 16 KiB a slice.
-int64_t st_tsidx_distinct_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
+[[nodiscard]] int64_t st_tsidx_distinct_apply_terms(TSIDX* tsidx, const char* prefix, tsidx_term_fn fn, void* context);
 // How many distinct terms there are.
-int64_t st_tsidx_distinct_term_count(TSIDX* tsidx);
+[[nodiscard]] int64_t st_tsidx_distinct_term_count(TSIDX* tsidx);
 // As st_tsidx_distinct_apply_terms for the terms that a needle matches (matcher.h); counts are read for those alone.
-// -37 for a null needle.
-int64_t st_tsidx_lex_query(TSIDX* tsidx, const char* needle, tsidx_term_fn fn, void* context);
+// WARM_RC_INVALID_ARGUMENT for a null needle.
+[[nodiscard]] int64_t st_tsidx_lex_query(TSIDX* tsidx, const char* needle, tsidx_term_fn fn, void* context);
 
 // What a directory holds, all slices added up.
 struct tsidx_meta_t {
@@ -83,7 +88,7 @@ struct tsidx_meta_t {
     uint64_t bytes = 0;  // of the slice files
 };
 // 0 or a status.
-int st_tsidx_meta(TSIDX* tsidx, tsidx_meta_t* meta);
+[[nodiscard]] int st_tsidx_meta(TSIDX* tsidx, tsidx_meta_t* meta);
 
 // One slice of a directory.
 struct tsidx_info_t {
@@ -100,12 +105,12 @@ struct tsidx_info_t {
     uint64_t bytes = 0;
 };
 // Describes the newest `capacity` slices, newest first. Returns how many slices there are, which may be more.
-int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capacity);
+[[nodiscard]] int64_t st_tsidx_get_tsidx_info(TSIDX* tsidx, tsidx_info_t* infos, size_t capacity);
 
 // Goes on with another directory, or with the same one after it has been moved: syncs into the old one and closes its
-// slices first. A writing handle takes the limits that the new one remembers. 0; TSIDX_SYNC_FAILED, -37 for an empty
-// path, -4 for a directory that the handle could not have been opened with, and then nothing has changed (but for the
-// sync), -2.
-int st_tsidx_cd(TSIDX* tsidx, const char* path);
+// slices first. A writing handle takes the limits that the new one remembers. 0; TSIDX_SYNC_FAILED,
+// WARM_RC_INVALID_ARGUMENT for an empty path, WARM_RC_OPEN for a directory that the handle could not have been opened
+// with, and then nothing has changed (but for the sync).
+[[nodiscard]] int st_tsidx_cd(TSIDX* tsidx, const char* path);
 
 }  // namespace veldar

@@ -33,8 +33,8 @@ struct select_options_t {
                                    // bins and cells always do
 };
 
-// Fills a finished table (select_table_finish). 0; -20 to -23, -25 or -37 for a text that is no query, and -19 "token
-// too big" for a literal over 2,048 bytes; a failure of select_spec_check, select_bins_open, select_bins_check or
+// Fills a finished table (select_table_finish). 0; a status of parse_query for a text that is no query, and WARM_RC_TOKEN_TOO_BIG "token too big" for a literal
+// over 2,048 bytes; a failure of select_spec_check, select_bins_open, select_bins_check or
 // warm_slice_select; the failure to list a directory or to open a slice; -35 when slices go faster than they can be
 // opened. The failure of a directory is in st_tsidx_last_failure, too. `report` may be null.
 [[nodiscard]] int select_read(const select_options_t& options, select_table_t* table, select_report_t* report,
@@ -46,7 +46,7 @@ struct st_select_handle;
 st_select_handle* st_tsidx_select_handle_new(TSIDX* tsidx, const st_query_spec* query, const select_spec_t* spec);
 // The next row, sorted by bin, then group texts: 1; 0 after the last one; or a failure of select_read, which every
 // further call repeats. The first call does the work. The row is valid until the handle is freed.
-int st_tsidx_select_handle_read(st_select_handle* handle, select_row_t* row);
+[[nodiscard]] int st_tsidx_select_handle_read(st_select_handle* handle, select_row_t* row);
 // Why the last read failed, and what the selection did.
 const warm_rc_t* st_tsidx_select_handle_failure(const st_select_handle* handle);
 const select_report_t* st_tsidx_select_handle_report(const st_select_handle* handle);

@@ -68,7 +68,7 @@ void st_query_set_time_bound(st_query_spec* query, bool with_subseconds, int ear
                              unsigned long earliest_subseconds, int latest_seconds, unsigned long latest_subseconds);
 
 // Checks a text without a slice: 0, or what a search answers to it, and where in the text (null allowed) the fault is.
-int validate_query_text(const char* text, token_case_t token_case, size_t* error_position);
+[[nodiscard]] int validate_query_text(const char* text, token_case_t token_case, size_t* error_position);
 
 // Appends two lines that describe the query; safe in a signal handler. A null query appends nothing.
 void st_query_annotator_write(string_builder* out, const st_query_spec* query);

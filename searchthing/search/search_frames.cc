@@ -4,6 +4,7 @@
 
 #include "libzero/assertions.h"
 #include "libzero/ospath-builder.h"
+#include "searchthing/base/bitset.h"
 
 namespace veldar {
 

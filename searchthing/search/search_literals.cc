@@ -6,7 +6,8 @@
 #include <memory>
 #include <new>
 
-#include "searchthing/postings/bitmap.h"
+#include "libzero/assertions.h"
+#include "searchthing/format/metric_terms.h"
 #include "searchthing/search/search_terms.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_runs.h"
@@ -80,6 +81,7 @@ struct running_match {
 // Takes the ids of the positioned list that lie in the range as the first list. One that has more of them than the
 // term's metadata counts is damage: cutting it would lose events.
 int start_list(conjunction_context* context, uint32_t capacity, running_match* match) {
+    ST_ASSERT(capacity > 0);
     if (!match->list.alloc(capacity)) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "list of value numbers");
     match->has_list = true;
     uint32_t first = PLIST_END;
@@ -89,6 +91,7 @@ int start_list(conjunction_context* context, uint32_t capacity, running_match* m
     uint32_t more = 0;
     ST_TRY(plist_copy(&context->reader, match->list.data() + 1, capacity - 1, context->range.end, &more, &context->rc));
     match->count = 1 + more;
+    ST_ASSERT(match->count <= capacity);
     if (match->count < capacity) return 0;
     ST_TRY(_next(&context->reader, &first, &context->rc));
     if (first >= context->range.end) return 0;
@@ -443,9 +446,10 @@ int _set_everything(conjunction_context* context, uint8_t* bitmap) {
         range_bitmap_fill(bitmap, context->range);
         return 0;
     }
-    for (const char* metrics : {" metric_name::*", "metric_name::*"}) {
+    const std::string metrics = std::string(METRIC_NAME_TERM) + "*";
+    for (const std::string& pattern : {metrics, metrics.substr(1)}) {
         const std::vector<uint32_t>* terms = nullptr;
-        ST_TRY(lookup_wildcard(context, metrics, &terms));
+        ST_TRY(lookup_wildcard(context, pattern, &terms));
         ST_TRY(_proc_terms(context, *terms, bitmap));
     }
     return 0;
@@ -464,6 +468,7 @@ int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missin
         if (is_exact && match_kind(*result) == MATCH_LIST && result->not_bitmap.empty()) {
             range->begin = match_list(*result).front();
             range->end = match_list(*result).back() + 1;
+            ST_ASSERT(range->begin < range->end);
         }
     }
     if (status == 0) status = widen_from_runs(context.get(), range, result);

@@ -102,29 +102,30 @@ void conjunction_context_close(conjunction_context* context);
 
 // The run of value numbers whose times lie in the context's bounds, found by two binary searches, once; all of them in
 // metric slices with dimension sets. 0 or a status.
-int _find_first_if_needed(conjunction_context* context);
+[[nodiscard]] int _find_first_if_needed(conjunction_context* context);
 
 // The group's positive literals and comparisons ANDed over the context's range; its negative literals become the
 // result's not_bitmap. With `exact` false the group may stop with a superset once fewer than 100 candidates are left.
 // The two time outputs (null allowed) are narrowed to the time span that all exact terms share. 0 or a status; on
 // failure the result is empty.
-int _and_group(conjunction_context* context, const literal_group& group, bool exact, query_result_t* result,
-               st_timeval_t* earliest_out, st_timeval_t* latest_out);
+[[nodiscard]] int _and_group(conjunction_context* context, const literal_group& group, bool exact,
+                             query_result_t* result, st_timeval_t* earliest_out, st_timeval_t* latest_out);
 
 // The group's literals, comparisons and negated literals ORed into the result's bitmap (made when there is none).
-int _or_group(conjunction_context* context, const literal_group& group, query_result_t* result);
+[[nodiscard]] int _or_group(conjunction_context* context, const literal_group& group, query_result_t* result);
 
 // Sets the bits of everything that the range holds. In a slice with runs those are the runs that measure something, by
 // way of the terms that name metrics.
-int _set_everything(conjunction_context* context, uint8_t* bitmap);
+[[nodiscard]] int _set_everything(conjunction_context* context, uint8_t* bitmap);
 
 // The same two operations for callers without a context. `range` is read when it is computed and filled when not; a
 // conjunction that ran over a range computed here writes the narrowed range back.
-int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
-                 const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_timeval_t* earliest_out,
-                 st_timeval_t* latest_out, bool is_exact, st_query_info_t* info, warm_rc_t* rc);
-int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
-                const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_query_info_t* info,
-                warm_rc_t* rc);
+[[nodiscard]] int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing,
+                               const st_timeval_t* earliest, const st_timeval_t* latest, id_range_t* range,
+                               query_result_t* result, st_timeval_t* earliest_out, st_timeval_t* latest_out,
+                               bool is_exact, st_query_info_t* info, warm_rc_t* rc);
+[[nodiscard]] int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing,
+                              const st_timeval_t* earliest, const st_timeval_t* latest, id_range_t* range,
+                              query_result_t* result, st_query_info_t* info, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -16,10 +16,12 @@ bool is_wildcard(const conjunction_context* context, const std::string& literal)
 // throw std::bad_alloc.
 
 // An exact term with its count and time span; one that the slice does not have is no failure.
-int lookup_exact(conjunction_context* context, const std::string& literal, const term_lookup_t** out);
+[[nodiscard]] int lookup_exact(conjunction_context* context, const std::string& literal, const term_lookup_t** out);
 // The ids of the terms that a wildcard literal matches, ascending, without those whose time span misses the bounds.
-int lookup_wildcard(conjunction_context* context, const std::string& literal, const std::vector<uint32_t>** out);
+[[nodiscard]] int lookup_wildcard(conjunction_context* context, const std::string& literal,
+                                  const std::vector<uint32_t>** out);
 // The same for a comparison. When missing values match a NEQ, they are the terms to take out.
-int lookup_comparison(conjunction_context* context, const comp_t& comparison, const std::vector<uint32_t>** out);
+[[nodiscard]] int lookup_comparison(conjunction_context* context, const comp_t& comparison,
+                                    const std::vector<uint32_t>** out);
 
 }  // namespace veldar

@@ -6,6 +6,7 @@
 
 #include "libzero/create-crash-dump.h"
 #include "searchthing/search/search_frames.h"
+#include "searchthing/base/bitset.h"
 
 namespace veldar {
 

@@ -89,7 +89,7 @@ event_walk_ptr event_walk_open(WARM* warm, const parsed_query_t& query, const st
                                bool is_exact);
 // Writes the next events, at most `capacity`, without deleted ones and those off the cumulative span. Their number,
 // below `capacity` at the end alone, or the failure of a read, after which the walk is over.
-int event_walk_next(event_walk_t* walk, st_tsval* events, uint32_t capacity, warm_rc_t* rc);
+[[nodiscard]] int event_walk_next(event_walk_t* walk, st_tsval* events, uint32_t capacity, warm_rc_t* rc);
 
 // For other questions about the match. Each gives 0 or a status that the context holds too, and may throw
 // std::bad_alloc.

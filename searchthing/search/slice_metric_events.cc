@@ -6,6 +6,7 @@
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/lexicon/fclex.h"
+#include "searchthing/format/metric_terms.h"
 #include "searchthing/search/search_runs.h"
 #include "searchthing/search/warmslice_search.h"
 
@@ -13,7 +14,7 @@ namespace veldar {
 
 namespace {
 
-constexpr std::string_view METRIC_NAME = "metric_name::";
+constexpr std::string_view METRIC_NAME = METRIC_NAME_TERM.substr(1);
 constexpr uint64_t MAX_MEASURES_HELD = uint64_t{4} << 20;
 constexpr uint32_t LONGEST_PIECE = 512;  // a block of a column set
 constexpr uint32_t SHORTEST_PIECE = 4;

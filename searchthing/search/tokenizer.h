@@ -53,14 +53,14 @@ size_t init_tokenizer(tokenizer_t* tokenizer, const char* text, token_case_t tok
 // without the NUL, never 0, and tells its type and where in the text it starts. Fails with TOKEN_END_OF_TEXT (the start
 // is then not written), TOKEN_TOO_LONG when token and NUL do not fit, or TOKEN_BAD_ESCAPE; after the last two the
 // position stays where reading stopped, and the query is to be given up.
-int next_token(tokenizer_t* tokenizer, char* buffer, unsigned int token_capacity, size_t* token_pos,
-               token_type_t* type);
+[[nodiscard]] int next_token(tokenizer_t* tokenizer, char* buffer, unsigned int token_capacity, size_t* token_pos,
+                             token_type_t* type);
 
 // Continues at a position before the end of the text, such as a token's start.
 void seek_tokenizer(tokenizer_t* tokenizer, size_t token_pos);
 
 // Reads past a token of the expected type: 0; TOKEN_UNEXPECTED, standing before the token again, when it is of another
 // type; or the failure of next_token.
-int discard_next(tokenizer_t* tokenizer, token_type_t expected);
+[[nodiscard]] int discard_next(tokenizer_t* tokenizer, token_type_t expected);
 
 }  // namespace veldar

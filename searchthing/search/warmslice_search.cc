@@ -6,6 +6,7 @@
 #include <string>
 
 #include "libzero/assertions.h"
+#include "searchthing/base/bitset.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/search/search_frames.h"
 #include "searchthing/slice/warmslice_meta.h"
@@ -24,7 +25,7 @@ int count_unordered(event_walk_t* walk, uint64_t* count) {
     for (uint32_t id = 0; ids.next(&id);) {
         uint32_t first = 0, end = 0;
         ST_TRY(run_merge_bounds(&merge, id, &first, &end, &context.rc));
-        *count += end > first ? end - first : 0;
+        *count += end - first;
     }
     return 0;
 }

@@ -23,28 +23,33 @@ namespace veldar {
 //
 // Values are numbered newest first, so the search runs over windows of value numbers that grow from the newest on and
 // ends with the window in which the last wanted answer was found. One thread at a time per slice.
-int st_warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity, bool is_exact);
+[[nodiscard]] int st_warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity,
+                                       bool is_exact);
 
 // The same with the whole status record and, when `report` is not null, an account of the work.
-int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity, bool is_exact,
-                      search_report_t* report, warm_rc_t* rc);
+[[nodiscard]] int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity,
+                                    bool is_exact, search_report_t* report, warm_rc_t* rc);
 
 // The exact match of a metric slice with dimension sets (asserted) as a merge of its values, newest first
 // (search_runs.h). It reads the slice, which outlives it. 0 or a status.
-int warm_slice_merge_runs(WARM* warm, const parsed_query_t& query, run_merge_t* merge, warm_rc_t* rc);
+[[nodiscard]] int warm_slice_merge_runs(WARM* warm, const parsed_query_t& query, run_merge_t* merge, warm_rc_t* rc);
 
 // The number of events that match exactly, deleted ones left out; cumspan is not applied. A single exact term over all
 // of a slice's time without deletions is answered from its metadata. 0 or a status.
-int warm_slice_count(WARM* warm, const parsed_query_t& query, uint64_t* count, search_report_t* report, warm_rc_t* rc);
-int warm_slice_count(WARM* warm, const st_query_spec* query, uint64_t* count, search_report_t* report, warm_rc_t* rc);
+[[nodiscard]] int warm_slice_count(WARM* warm, const parsed_query_t& query, uint64_t* count, search_report_t* report,
+                                   warm_rc_t* rc);
+[[nodiscard]] int warm_slice_count(WARM* warm, const st_query_spec* query, uint64_t* count, search_report_t* report,
+                                   warm_rc_t* rc);
 
 // The exact match as a bitmap over its id range, for selections; `match_count` receives the number of set bits. Deleted
 // values keep their bits. The bitmap is the caller's (free_bitmap_and_bounds). The query's info callback, when there is
 // one, is called once before the evaluation. In a metric slice with dimension sets the range is that of all values; bit
 // p stands for run p, and bits from the number of runs on are 0. 0 or a status.
-int query_to_bitmap_and_bounds(WARM* warm, const parsed_query_t& query, bitmap_and_bounds_t* bitmap_and_bounds,
-                               uint64_t* match_count, warm_rc_t* rc);
-int query_to_bitmap_and_bounds(WARM* warm, const st_query_spec* query, bitmap_and_bounds_t* bitmap_and_bounds,
-                               uint64_t* match_count, warm_rc_t* rc);
+[[nodiscard]] int query_to_bitmap_and_bounds(WARM* warm, const parsed_query_t& query,
+                                             bitmap_and_bounds_t* bitmap_and_bounds, uint64_t* match_count,
+                                             warm_rc_t* rc);
+[[nodiscard]] int query_to_bitmap_and_bounds(WARM* warm, const st_query_spec* query,
+                                             bitmap_and_bounds_t* bitmap_and_bounds, uint64_t* match_count,
+                                             warm_rc_t* rc);
 
 }  // namespace veldar

@@ -69,8 +69,7 @@ int check_counts(const st_warm_slice_body* header, warm_rc_t* rc) {
 int read_plo_last(WARM* warm, const st_warm_slice_body* header, int fd, warm_rc_t* rc) {
     if (header->num_postings.get() == 0) return 0;
     warm->plo_last = warm_header_posting_lists_size(header, fd, rc);
-    if (warm->plo_last != ~uint64_t{0}) return 0;
-    return rc->warm_rc != 0 ? rc->warm_rc : _set_rc_msg(rc, WARM_RC_CORRUPT, "plo last term");
+    return rc->warm_rc;
 }
 
 // Checks the reverse lexicon at `offset` in the file and tells its size.
@@ -359,7 +358,7 @@ int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc) {
         _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "not a msidx v2 tsidx");
         return -1;
     }
-    if (warm->lexicon_size == 0 || warm->lexicon_size == ~uint64_t{0}) {
+    if (warm->lexicon_size == 0) {
         _set_rc_msg(rc, WARM_RC_NO_LEXICON, "size is 0");
         return -1;
     }
@@ -377,7 +376,7 @@ int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc) {
         return -1;
     }
     const int64_t dimsets = st_warm_slice_dimsets_offset(warm, rc);
-    if (dimsets == 0 || dimsets == -1) {
+    if (dimsets == -1) {
         _set_rc_msg(rc, WARM_RC_NO_DIMSETS, "size is 0");
         return -1;
     }

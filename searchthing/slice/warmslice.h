@@ -12,7 +12,6 @@
 // A mini slice ends where the posting-list offsets would begin. No mapping reaches past the end of its file.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -109,19 +108,18 @@ void st_warm_slice_discard(WARM* handle);
 [[nodiscard]] int _populate_warm_handle_common(WARM* warm, uint8_t* slice, warm_rc_t* rc);
 
 // Copies the header and the sections before the posting-list offsets of the slice at `path` into `out_fd`, at the same
-// offsets. 0, or -37 negative descriptor, -4 open, -6 size, -5 empty, the header's status, -1 when the sections do not
-// lie inside the file, -2 memory, -8/-48/-49 read, -9 write.
-int st_warm_slice_create_mini(const char* path, int out_fd);
+// offsets. 0, or WARM_RC_INVALID_ARGUMENT for a negative descriptor, -1 when the sections do not lie inside the file,
+// the header's status, WARM_RC_OPEN, WARM_RC_FILE_SIZE, WARM_RC_EMPTY_FILE, WARM_RC_WRITE.
+[[nodiscard]] int st_warm_slice_create_mini(const char* path, int out_fd);
 
 // The name of a slice with the events of `earliest` to `latest`: "<prefix>/<latest>-<earliest>-<unique id><suffix>".
-// One
-// "/" at the end of the prefix is dropped. Every call takes a fresh id. 0, -37 for an empty
-// prefix, or -47 when the name is longer than 4095 bytes.
-int st_warm_slice_filename_from_time(ospath_buf* out, const char* prefix, const char* suffix, st_time_t earliest,
-                                     st_time_t latest, xorshift128plus_state* rng);
+// One "/" at the end of the prefix is dropped. Every call takes a fresh id. 0, WARM_RC_INVALID_ARGUMENT for an empty
+// prefix, or WARM_RC_PATH_TOO_LONG when the name is longer than 4095 bytes.
+[[nodiscard]] int st_warm_slice_filename_from_time(ospath_buf* out, const char* prefix, const char* suffix,
+                                                   st_time_t earliest, st_time_t latest, xorshift128plus_state* rng);
 // The same with a given id.
-int st_warm_slice_filename(ospath_buf* out, const char* prefix, const char* suffix, st_time_t earliest,
-                           st_time_t latest, uint64_t id);
+[[nodiscard]] int st_warm_slice_filename(ospath_buf* out, const char* prefix, const char* suffix, st_time_t earliest,
+                                         st_time_t latest, uint64_t id);
 // Microseconds since the epoch << 32 | (process id mod 65535) << 16 | 16 random bits, kept to 64 bits.
 uint64_t st_warm_slice_unique_id(xorshift128plus_state* rng);
 
@@ -135,11 +133,13 @@ bool st_warm_slice_has_fclex(const WARM* warm);
 bool st_warm_slice_has_postings(const WARM* warm);
 bool st_warm_slice_has_deletes(const WARM* warm);  // any d bit; never for a metric slice
 uint64_t size_without_vardata(const WARM* warm);   // the lexicon's offset
-// File offset of the dimension sets: -1 with -17 "not a msidx v2 tsidx", -14 "size is 0", or the read's status.
-int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc);
-// Where the column store begins. Negative with the reason in `rc`: -17 "not a msidx cstore tsidx", -50 "size is 0" for
-// a slice whose dimension sets cannot be placed, or the status of reading their header (ds_header_read).
-int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc);
+// File offset of the dimension sets: -1 with WARM_RC_UNSUPPORTED "not a msidx v2 tsidx", WARM_RC_NO_LEXICON "size is
+// 0", or the read's status.
+[[nodiscard]] int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc);
+// Where the column store begins. Negative with the reason in `rc`: WARM_RC_UNSUPPORTED "not a msidx cstore tsidx",
+// WARM_RC_NO_DIMSETS "size is 0" for a slice whose dimension sets cannot be placed, or the status of reading their
+// header (ds_header_read).
+[[nodiscard]] int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc);
 // The slice's column store, opened on first use; the handle owns it. Null with a failure of st_warm_slice_cstore_offset
 // or cs_reader_open, or with WARM_RC_CORRUPT "cstore footer is corrupted" for one that was made for other values.
 cs_reader_t* st_warm_slice_cstore(WARM* warm, warm_rc_t* rc);

@@ -13,11 +13,10 @@
 
 #include <cstdint>
 
-#include "searchthing/columns/dimset_io.h"
-#include "searchthing/postings/plist.h"
 #include "searchthing/base/st_timeval.h"
-#include "searchthing/values/term_meta.h"
+#include "searchthing/columns/dimset_io.h"
 #include "searchthing/slice/warmslice.h"
+#include "searchthing/values/term_meta.h"
 
 namespace veldar {
 

@@ -33,7 +33,7 @@ class warm_terms {
     };
 
     bool is_wanted() const;
-    int look_up(warm_rc_t* rc);
+    [[nodiscard]] int look_up(warm_rc_t* rc);
 
     WARM* warm_ = nullptr;
     const term_choice_t* choice_ = nullptr;
@@ -47,9 +47,10 @@ class warm_terms {
 using warm_term_fn = int (*)(const char* term, size_t length, uint64_t count, void* context);
 // st_fclex_apply with event counts: the total of the results; -1 when the function stopped the walk, and then `rc` says
 // nothing; else a failure as above.
-int64_t warm_slice_apply_terms(WARM* warm, const char* prefix, warm_term_fn fn, void* context, warm_rc_t* rc);
+[[nodiscard]] int64_t warm_slice_apply_terms(WARM* warm, const char* prefix, warm_term_fn fn, void* context,
+                                             warm_rc_t* rc);
 // st_fclex_enum with event counts in place of ids: how many answers there are, or a failure as above.
-int warm_slice_enum(WARM* warm, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag,
-                    warm_rc_t* rc);
+[[nodiscard]] int warm_slice_enum(WARM* warm, const char* prefix, st_enum_answer* answers, uint32_t capacity,
+                                  bool case_flag, warm_rc_t* rc);
 
 }  // namespace veldar

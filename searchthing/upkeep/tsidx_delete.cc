@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <vector>
 
 #include "libzero/assertions.h"
@@ -77,6 +76,7 @@ int find_matches(WARM* warm, const parsed_query_t& query, doomed_values* doomed,
         doomed->add(matches.begin + bit);
         count--;
     }
+    ST_ASSERT(count == 0);
     return 0;
 }
 

@@ -21,12 +21,12 @@ namespace veldar {
 
 // Deletes the events with these keys, time and address, in every slice that has them. The keys are in any order; one
 // that no event has is ignored.
-int64_t st_tsidx_delete_by_key(TSIDX* tsidx, const st_tsval_encoded* keys, size_t count);
+[[nodiscard]] int64_t st_tsidx_delete_by_key(TSIDX* tsidx, const st_tsval_encoded* keys, size_t count);
 // Deletes the events with these addresses, whatever their times. Reads the values of every slice.
-int64_t st_tsidx_delete_by_addr(TSIDX* tsidx, const st_addr_t* addresses, size_t count);
-// Deletes the events that match exactly, within the query's bounds. Also -37 for a query with a cumspan, and the
-// statuses of a text that is no query.
-int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query);
+[[nodiscard]] int64_t st_tsidx_delete_by_addr(TSIDX* tsidx, const st_addr_t* addresses, size_t count);
+// Deletes the events that match exactly, within the query's bounds. Also WARM_RC_INVALID_ARGUMENT for a query with a
+// cumspan, and the statuses of a text that is no query.
+[[nodiscard]] int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query);
 
 // How many seconds deletes wait for the directory's lock; 10 unless set.
 void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds);

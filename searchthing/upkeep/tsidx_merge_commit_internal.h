@@ -38,22 +38,24 @@ class tsidx_merge_commit {
 
     // These may throw std::bad_alloc, and are called in this order.
 
-    // M0. 0, -28 when another merge is at work, -29 without the lock, -47, -4, -9.
-    int begin(warm_rc_t* rc);
-    // The first half of M1: `target` and `temp` are names in the directory. 0 or -9.
-    int declare(const std::string& target, const std::string& temp, std::vector<std::string> sources, warm_rc_t* rc);
+    // M0. 0, WARM_RC_MANIFEST_EXISTS when another merge is at work, WARM_RC_LOCK without the lock,
+    // WARM_RC_PATH_TOO_LONG, WARM_RC_OPEN, WARM_RC_WRITE.
+    [[nodiscard]] int begin(warm_rc_t* rc);
+    // The first half of M1: `target` and `temp` are names in the directory. 0 or WARM_RC_WRITE.
+    [[nodiscard]] int declare(const std::string& target, const std::string& temp, std::vector<std::string> sources,
+                              warm_rc_t* rc);
     std::string temp_path() const;
     // M2 to M5, once the temporary file is whole and flushed. 0; a failure before the commit point has changed nothing
     // that readers see; one behind it, such as a source that cannot be removed, leaves the target in effect and the
-    // rest to the next settling. -29, -4, -9, -35
-    // or the status of carrying the deletes.
-    int commit(warm_merge_t* merge, warm_rc_t* rc);
+    // rest to the next settling. WARM_RC_LOCK, WARM_RC_OPEN, WARM_RC_WRITE, WARM_RC_RETRIES or the
+    // status of carrying the deletes.
+    [[nodiscard]] int commit(warm_merge_t* merge, warm_rc_t* rc);
 
   private:
     enum state_t { NOTHING, TMP, RENAMED, COMMITTED };
 
-    int publish(warm_rc_t* rc);
-    int put_in_effect(warm_merge_t* merge, warm_rc_t* rc);
+    [[nodiscard]] int publish(warm_rc_t* rc);
+    [[nodiscard]] int put_in_effect(warm_merge_t* merge, warm_rc_t* rc);
 
     TSIDX* tsidx_;
     state_t state_ = NOTHING;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-#include <memory>
 #include <string>
 #include <string_view>
 

@@ -20,15 +20,17 @@ namespace veldar {
 //   terms_per_block   of the merged lexicon; 0: that of the directory's merges
 //   page_size         bytes of a page of the lexicon writer, 9 or more; 0: 1 MiB
 //
-// 0; -30 for fewer than two slices, -31 for fewer than `min_src_count`; -37 for numbers that no lexicon can have; -44
-// when a slice is minified; -4, -9, -36 or -2 from writing the file, or the failure of a slice. The record has the
-// same.
-int st_tsidx_merge_lex_n(TSIDX* tsidx, uint32_t min_src_count, uint32_t terms_per_block, uint64_t page_size,
-                         warm_rc_t* rc);
+// 0; WARM_RC_FEW_SLICES for fewer than two slices, WARM_RC_FEW_SOURCES for fewer than `min_src_count`;
+// WARM_RC_INVALID_ARGUMENT for numbers that no lexicon can have; WARM_RC_MINIFIED when a slice is minified;
+// WARM_RC_OPEN, WARM_RC_WRITE or WARM_RC_DOES_NOT_FIT from writing the file, or the failure of a slice. The record has
+// the same.
+[[nodiscard]] int st_tsidx_merge_lex_n(TSIDX* tsidx, uint32_t min_src_count, uint32_t terms_per_block,
+                                       uint64_t page_size, warm_rc_t* rc);
 
 // Writes the merged lexicon again without the terms that fewer than `min_events` events have. The slices are not read.
-// 0; -4 when there is none; -39 when no term would be left, and then it stays as it is; otherwise as above.
-int st_tsidx_filter_merged_lex(TSIDX* tsidx, uint32_t terms_per_block, uint64_t page_size, uint32_t min_events,
-                               warm_rc_t* rc);
+// 0; WARM_RC_OPEN when there is none; WARM_RC_ZERO_TERMS when no term would be left, and then it stays as it is;
+// otherwise as above.
+[[nodiscard]] int st_tsidx_filter_merged_lex(TSIDX* tsidx, uint32_t terms_per_block, uint64_t page_size,
+                                             uint32_t min_events, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -5,7 +5,7 @@
 #include <map>
 #include <span>
 
-#include "searchthing/directory/merge_manifest.h"
+#include "libzero/assertions.h"
 #include "searchthing/merge/warmslice_merge.h"
 
 namespace veldar {
@@ -41,6 +41,7 @@ struct stretch {
 stretch stretch_from(const candidates& all, size_t first, uint64_t target_size) {
     stretch found{first};
     for (size_t i = first; i < all.sizes.size() && found.count < MERGE_MAX_SOURCES; i++) {
+        ST_ASSERT(found.bytes <= target_size);
         if (all.sizes[i] > target_size - found.bytes) break;
         found.bytes += all.sizes[i];
         found.count++;
@@ -97,6 +98,7 @@ std::vector<size_t> tsidx_plan_merge(const std::vector<tsidx_merge_source_t>& sl
         best_group = &group;
     }
     if (best_group == nullptr) return {};
+    ST_ASSERT(best.count <= MERGE_MAX_SOURCES && best.first + best.count <= best_group->indexes.size());
     const auto first = best_group->indexes.begin() + static_cast<ptrdiff_t>(best.first);
     return {first, first + static_cast<ptrdiff_t>(best.count)};
 }

@@ -1,13 +1,10 @@
 #include "searchthing/upkeep/tsidx_optimize.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <memory>
 #include <new>
 
 #include "libzero/assertions.h"

@@ -38,8 +38,9 @@ inline constexpr uint32_t TSIDX_OPTIMIZE_MIN_SOURCES = 8;
 //
 // Uses of the write options: the target size, terms a block, the working memory of a merge, whether lists take the best
 // of all encodings, the span of its readers. The hot slice is left alone.
-int st_tsidx_optimize_n(TSIDX* tsidx, int mode, uint32_t min_src_count, uint32_t lexicon_tpb, uint64_t target_size,
-                        warm_rc_t* rc, uint64_t file_offset, uint32_t flags, bool is_final);
+[[nodiscard]] int st_tsidx_optimize_n(TSIDX* tsidx, int mode, uint32_t min_src_count, uint32_t lexicon_tpb,
+                                      uint64_t target_size, warm_rc_t* rc, uint64_t file_offset, uint32_t flags,
+                                      bool is_final);
 
 // What the call above would merge: names in the directory, newest first, and their bytes, which are also what a merge
 // needs free. 0, WARM_RC_FEW_SLICES, WARM_RC_FEW_SOURCES, or a failure as above; nothing is changed.
@@ -47,8 +48,8 @@ struct tsidx_optimize_plan_t {
     std::vector<std::string> sources;
     uint64_t bytes = 0;
 };
-int st_tsidx_optimize_plan(TSIDX* tsidx, int mode, uint32_t min_src_count, uint64_t target_size, bool is_final,
-                           tsidx_optimize_plan_t* plan);
+[[nodiscard]] int st_tsidx_optimize_plan(TSIDX* tsidx, int mode, uint32_t min_src_count, uint64_t target_size,
+                                         bool is_final, tsidx_optimize_plan_t* plan);
 
 // 1 when there is nothing to merge in tiers of TSIDX_OPTIMIZE_MIN_SOURCES slices; else 0, or a failure.
 int st_tsidx_is_optimized(TSIDX* tsidx);

@@ -10,7 +10,6 @@
 // lies and which magic has which type: warmslice_header.h.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "libzero/resource.h"
@@ -41,12 +40,13 @@ struct term_meta_reader_t {
 };
 // Opens the section of the file, or the section in memory at `entries` when that is not null (not owned, outlives the
 // reader, whole). With `sequential` set a read takes about 4 KB, else one entry; the byte-coded counts of type 0 are
-// read at random only (-12 otherwise). -2 or -36 when the section has more words than an array reader can count. A
-// reader that failed to open holds nothing.
-int term_meta_reader_open(term_meta_reader_t* reader, int fd, const uint8_t* entries, const st_warm_slice_body* header,
-                          bool sequential, st_query_info_t* stats, warm_rc_t* rc);
-// The record of term `next`, which advances: the reader's own storage, valid until the next call. Null: -15 past the
-// last term, or the failure of a read. Type 0 leaves the two times as they were.
+// read at random only (WARM_RC_CORRUPT otherwise). WARM_RC_DOES_NOT_FIT when the section has more words than an array
+// reader can count. A reader that failed to open holds nothing.
+[[nodiscard]] int term_meta_reader_open(term_meta_reader_t* reader, int fd, const uint8_t* entries,
+                                        const st_warm_slice_body* header, bool sequential, st_query_info_t* stats,
+                                        warm_rc_t* rc);
+// The record of term `next`, which advances: the reader's own storage, valid until the next call. Null:
+// WARM_RC_CAPACITY past the last term, or the failure of a read. Type 0 leaves the two times as they were.
 const st_term_metadata* term_meta_reader_next(term_meta_reader_t* reader, warm_rc_t* rc);
 // Makes `term` the next one. A reader that is led forward in small steps reads ahead from then on; one that is led
 // anywhere else reads single entries.
@@ -67,17 +67,19 @@ struct term_meta_writer_t {
     uint64_t capacity = 0;   // buffer mode: size / 8
     uint64_t cursor = 0;     // buffer mode, types 0 and 1: entries written
 };
-// Writes the section of the file from its start. -37 for a bad descriptor, -2.
-int term_meta_writer_open(term_meta_writer_t* writer, int fd, const st_warm_slice_body* header, warm_rc_t* rc);
+// Writes the section of the file from its start. WARM_RC_INVALID_ARGUMENT for a bad descriptor.
+[[nodiscard]] int term_meta_writer_open(term_meta_writer_t* writer, int fd, const st_warm_slice_body* header,
+                                        warm_rc_t* rc);
 // Fills a buffer instead, which must be aligned to 8 (asserted for type 2) and is zeroed for type 2. It holds size / 8
 // words of type 2, or size / 8 entries of types 0 and 1, which take 12 bytes each: a caller that appends that many must
 // own 12 bytes for each, whatever `size` says.
 void term_meta_writer_open_buffer_mode(term_meta_writer_t* writer, const st_warm_slice_body* header, void* out,
                                        uint64_t size);
-// Appends the next term's record. Type 2 refuses what its fields cannot hold and writes nothing then: -37 for a time
-// below E, -36 for a count or time too large. -9, or -15 for a full buffer.
-int term_meta_writer_append(term_meta_writer_t* writer, const st_term_metadata* record, warm_rc_t* rc);
-// Writes what is buffered and resets the writer, whatever the result: 0 or -9.
-int term_meta_writer_close(term_meta_writer_t* writer, warm_rc_t* rc);
+// Appends the next term's record. Type 2 refuses what its fields cannot hold and writes nothing then:
+// WARM_RC_INVALID_ARGUMENT for a time below E, WARM_RC_DOES_NOT_FIT for a count or time too large. WARM_RC_WRITE, or
+// WARM_RC_CAPACITY for a full buffer.
+[[nodiscard]] int term_meta_writer_append(term_meta_writer_t* writer, const st_term_metadata* record, warm_rc_t* rc);
+// Writes what is buffered and resets the writer, whatever the result: 0 or WARM_RC_WRITE.
+[[nodiscard]] int term_meta_writer_close(term_meta_writer_t* writer, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -36,7 +36,6 @@
 //   d       0                          1 bit a value: 1 when the event is deleted, which makes s read as all-ones
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
 

@@ -85,7 +85,7 @@ std::vector<forge_event> read_slice(const std::string& path, uint32_t* kinds) {
     require(_init_reader(&lists, warm, 0, nullptr, &rc) == 0);
     for (uint32_t term = 0; term < terms.size(); term++) {
         uint32_t type = 0, count = 0;
-        _pl_offset_reader(&lists, int64_t{term} - 1, &type, &rc);
+        require(_pl_offset_reader(&lists, int64_t{term} - 1, &type, &rc) >= 0);
         if (kinds != nullptr) *kinds |= 1u << type;
         std::vector<uint32_t> ids(events.size() + 1);
         require(_seek_reader(&lists, term, &rc) == 0);

@@ -124,8 +124,8 @@ std::vector<metric_event> read_metric_slices(const std::string& directory) {
     TSIDX* const tsidx = st_tsidx_open(directory.c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER);
     const int64_t count = st_tsidx_apply_metric_events(tsidx, nullptr, tell_metric_event, &all);
     const std::string failure = st_tsidx_last_failure(tsidx)->message;
-    st_tsidx_close(tsidx);
-    if (count != static_cast<int64_t>(all.size())) throw std::runtime_error(directory + ": " + failure);
+    const bool closed = st_tsidx_close(tsidx) == 0;
+    if (!closed || count != static_cast<int64_t>(all.size())) throw std::runtime_error(directory + ": " + failure);
     for (const std::string& path : files_in(directory, ".tsidx")) read_values(path, &all);
     std::sort(all.begin(), all.end());
     return all;

@@ -37,7 +37,7 @@ struct fsck_list {
     bool good = false;  // decoded to its end without a fault
 };
 
-struct fsck_run {
+struct fsck_state {
     const slice_image* image = nullptr;
     fsck_report* report = nullptr;
     lexicon_image lexicon;
@@ -47,11 +47,11 @@ struct fsck_run {
     bool metric = false;
 };
 
-void fsck_add(fsck_run* run, slice_section_t section, uint64_t offset, const char* what, std::string detail);
+void fsck_add(fsck_state* fsck, slice_section_t section, uint64_t offset, const char* what, std::string detail);
 // The same for a term, whose text is looked up only when the finding is kept.
-void fsck_add_term(fsck_run* run, slice_section_t section, uint64_t offset, uint32_t term, const char* what,
+void fsck_add_term(fsck_state* fsck, slice_section_t section, uint64_t offset, uint32_t term, const char* what,
                    std::string detail);
-void fsck_add_text(fsck_run* run, slice_section_t section, uint64_t offset, uint32_t term, std::string_view text,
+void fsck_add_text(fsck_state* fsck, slice_section_t section, uint64_t offset, uint32_t term, std::string_view text,
                    const char* what, std::string detail);
 
 // The terms of one block, one after another.
@@ -75,13 +75,13 @@ const char* lexicon_block_next(lexicon_block* block);
 // The text of a term, empty when it cannot be decoded.
 std::string lexicon_image_term(const lexicon_image& lexicon, uint32_t term);
 
-void fsck_check_header(fsck_run* run);
-void fsck_check_name(fsck_run* run);  // after the values
-void fsck_check_layout(fsck_run* run);
-void fsck_check_values(fsck_run* run);
-void fsck_check_lexicon(fsck_run* run, const lexicon_image& lexicon, slice_section_t section);
-void fsck_check_lists(fsck_run* run);
-void fsck_check_metadata(fsck_run* run);
+void fsck_check_header(fsck_state* fsck);
+void fsck_check_name(fsck_state* fsck);  // after the values
+void fsck_check_layout(fsck_state* fsck);
+void fsck_check_values(fsck_state* fsck);
+void fsck_check_lexicon(fsck_state* fsck, const lexicon_image& lexicon, slice_section_t section);
+void fsck_check_lists(fsck_state* fsck);
+void fsck_check_metadata(fsck_state* fsck);
 
 // The entry of a term in the metadata, and the byte of the section at which it begins.
 struct fsck_term_record {
@@ -89,14 +89,14 @@ struct fsck_term_record {
     st_time_t earliest = 0, latest = 0;
     bool has_times = false;
 };
-fsck_term_record fsck_read_record(const fsck_run& run, uint32_t term, uint64_t* at);
+fsck_term_record fsck_read_record(const fsck_state& fsck, uint32_t term, uint64_t* at);
 
 // A slice of metrics whose values begin with preambles: runs, dimension sets, and what lists, metadata and columns must
 // hold because of them.
-void fsck_check_metrics(fsck_run* run);  // after the lists
+void fsck_check_metrics(fsck_state* fsck);  // after the lists
 // The columns against the runs in which they must have elements: by term, ascending, the numbers of first values and
 // counts.
 using fsck_columns = std::map<uint32_t, std::vector<std::pair<uint32_t, uint32_t>>>;
-void fsck_check_cstore(fsck_run* run, const fsck_columns& columns);
+void fsck_check_cstore(fsck_state* fsck, const fsck_columns& columns);
 
 }  // namespace veldar::tool

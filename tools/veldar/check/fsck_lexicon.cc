@@ -34,26 +34,26 @@ uint64_t file_offset(const lexicon_image& lexicon, const uint8_t* at) {
            static_cast<uint64_t>(at - lexicon.data.data());
 }
 
-void check_head(fsck_run* run, const lexicon_image& lexicon, slice_section_t section) {
-    const uint32_t terms = run->image->header.num_terms.get();
+void check_head(fsck_state* fsck, const lexicon_image& lexicon, slice_section_t section) {
+    const uint32_t terms = fsck->image->header.num_terms.get();
     if (lexicon.terms != terms) {
-        fsck_add(run, section, lexicon.offset, "number of terms differs from the header's",
+        fsck_add(fsck, section, lexicon.offset, "number of terms differs from the header's",
                  std::to_string(lexicon.terms) + ", header " + std::to_string(terms));
     }
     if (lexicon.tperb == 1 && lexicon.terms > 1) {
-        fsck_add(run, section, lexicon.offset + 4, "one term a block", "at least 2 are needed");
+        fsck_add(fsck, section, lexicon.offset + 4, "one term a block", "at least 2 are needed");
     }
     if (lexicon.tperb * LONGEST_CODED_TERM > MAX_BLOCK_CACHE) {
-        fsck_add(run, section, lexicon.offset + 4, "too many terms a block", std::to_string(lexicon.tperb));
+        fsck_add(fsck, section, lexicon.offset + 4, "too many terms a block", std::to_string(lexicon.tperb));
     }
 }
 
 // What one term must be besides decodable.
-void check_term(fsck_run* run, slice_section_t section, uint64_t offset, uint32_t id, const lexicon_block& block,
+void check_term(fsck_state* fsck, slice_section_t section, uint64_t offset, uint32_t id, const lexicon_block& block,
                 const std::string& before, bool has_before) {
     const std::string& term = block.term;
     const auto add = [&](const char* what, std::string detail) {
-        fsck_add_text(run, section, offset, id, term, what, std::move(detail));
+        fsck_add_text(fsck, section, offset, id, term, what, std::move(detail));
     };
     if (term.size() > ST_MAX_TERM_LENGTH) add("term too long", std::to_string(term.size()) + " bytes");
     if (term.find('\0') != std::string::npos) add("term with a NUL", "at byte " + std::to_string(term.find('\0')));
@@ -67,13 +67,13 @@ void check_term(fsck_run* run, slice_section_t section, uint64_t offset, uint32_
 }
 
 // One block; `before` is the last term that was read, and is left at this block's last.
-void check_block(fsck_run* run, const lexicon_image& lexicon, slice_section_t section, uint32_t number,
+void check_block(fsck_state* fsck, const lexicon_image& lexicon, slice_section_t section, uint32_t number,
                  std::string* before, bool* has_before) {
     lexicon_block block;
     const uint64_t entry = lexicon.offset + sizeof(st_fclex_body) + uint64_t{number} * 4;
     if (!lexicon_block_begin(lexicon, number, &block)) {
         const uint32_t start = number == 0 ? 0 : block_end(lexicon, number - 1), end = block_end(lexicon, number);
-        fsck_add(run, section, entry, start >= end ? "block ends do not ascend" : "block outside the lexicon",
+        fsck_add(fsck, section, entry, start >= end ? "block ends do not ascend" : "block outside the lexicon",
                  "block " + std::to_string(number) + " from " + std::to_string(start) + " to " + std::to_string(end));
         return;
     }
@@ -81,15 +81,15 @@ void check_block(fsck_run* run, const lexicon_image& lexicon, slice_section_t se
     for (; block.position < block.count; id++) {
         const uint64_t offset = file_offset(lexicon, block.at);
         if (const char* const what = lexicon_block_next(&block); what != nullptr) {
-            return fsck_add_text(run, section, offset, id, "", what, "in block " + std::to_string(number));
+            return fsck_add_text(fsck, section, offset, id, "", what, "in block " + std::to_string(number));
         }
-        check_term(run, section, offset, id, block, *before, *has_before);
-        if (section == IN_LEXICON) run->report->term_bytes += block.term.size();
+        check_term(fsck, section, offset, id, block, *before, *has_before);
+        if (section == IN_LEXICON) fsck->report->term_bytes += block.term.size();
         *before = block.term;
         *has_before = true;
     }
     if (block.at != block.end) {
-        fsck_add(run, section, file_offset(lexicon, block.at), "bytes behind the last term of a block",
+        fsck_add(fsck, section, file_offset(lexicon, block.at), "bytes behind the last term of a block",
                  std::to_string(block.end - block.at) + " in block " + std::to_string(number));
     }
 }
@@ -144,13 +144,13 @@ std::string lexicon_image_term(const lexicon_image& lexicon, uint32_t term) {
     return block.term;
 }
 
-void fsck_check_lexicon(fsck_run* run, const lexicon_image& lexicon, slice_section_t section) {
-    check_head(run, lexicon, section);
+void fsck_check_lexicon(fsck_state* fsck, const lexicon_image& lexicon, slice_section_t section) {
+    check_head(fsck, lexicon, section);
     std::string before;
     bool has_before = false;
     uint64_t left = lexicon_walk_budget(lexicon);
     for (uint32_t block = 0; block < lexicon.blocks && left != 0; block++) {
-        check_block(run, lexicon, section, block, &before, &has_before);
+        check_block(fsck, lexicon, section, block, &before, &has_before);
         left -= std::min(left, lexicon_block_bytes(lexicon, block));
     }
 }

@@ -51,14 +51,14 @@ list_fault decode_rle(std::span<const uint8_t> bytes, uint32_t limit, fsck_list*
     const uint8_t* const end = at + bytes.size();
     for (bool first = true; at < end; first = false) {
         const uint8_t* const begin = at;
-        const bool run = !first && *at == 0;
+        const bool fsck = !first && *at == 0;
         uint32_t number = 0;
-        if (run) at++;
+        if (fsck) at++;
         const uint32_t used = vbe_decode_bounded(&number, at, end);
         if (used == 0) return {"number cannot be read", begin};
         at += used;
-        if (!first && number == 0) return {run ? "run of no numbers" : "numbers do not ascend", begin};
-        if (!advance(list, number, run ? number : 1, limit)) return {"value number out of range", begin};
+        if (!first && number == 0) return {fsck ? "run of no numbers" : "numbers do not ascend", begin};
+        if (!advance(list, number, fsck ? number : 1, limit)) return {"value number out of range", begin};
         if (first) list->first = list->last;
     }
     return {};
@@ -92,7 +92,7 @@ list_fault decode_bitmap(std::span<const uint8_t> bytes, uint32_t limit, fsck_li
 
 // Walks the offset entries; a list is decoded when the entry that ends it is met.
 struct list_walk {
-    fsck_run* run = nullptr;
+    fsck_state* fsck = nullptr;
     std::span<const uint8_t> entries, bytes;  // of the offsets and of the lists
     uint64_t entries_offset = 0, bytes_offset = 0;
     uint32_t width = 0, tag_bits = 0;
@@ -102,34 +102,34 @@ struct list_walk {
 };
 
 void decode_open_list(list_walk* walk, uint64_t end) {
-    fsck_list& list = walk->run->lists[walk->open_term];
+    fsck_list& list = walk->fsck->lists[walk->open_term];
     list.type = walk->open_type;
     const std::span<const uint8_t> bytes =
         walk->bytes.subspan(static_cast<size_t>(walk->open_start), static_cast<size_t>(end - walk->open_start));
-    const uint32_t limit = list_limit(walk->run->image->header);
+    const uint32_t limit = list_limit(walk->fsck->image->header);
     const list_fault fault =
         list.type == PLO_RLE ? decode_rle(bytes, limit, &list) : decode_bitmap(bytes, limit, &list);
-    fsck_encoding_facts& facts = walk->run->report->encodings[list.type];
+    fsck_encoding_facts& facts = walk->fsck->report->encodings[list.type];
     facts.lists++;
     facts.bytes += bytes.size();
     list.good = fault.what == nullptr;
     if (list.good) return;
     const auto at = static_cast<uint64_t>(fault.at - walk->bytes.data());
-    fsck_add_term(walk->run, IN_LISTS, walk->bytes_offset + at, walk->open_term, fault.what,
+    fsck_add_term(walk->fsck, IN_LISTS, walk->bytes_offset + at, walk->open_term, fault.what,
                   fmt::format("{} list of {} bytes", pl_type_as_str(list.type), bytes.size()));
 }
 
 // An entry with a payload instead of an offset.
 void take_payload(list_walk* walk, uint32_t term, uint8_t type, uint64_t payload, uint64_t offset) {
-    fsck_run* const run = walk->run;
-    fsck_list& list = run->lists[term];
+    fsck_state* const fsck = walk->fsck;
+    fsck_list& list = fsck->lists[term];
     list.type = type;
-    run->report->encodings[type].lists++;
-    const st_warm_slice_body& h = run->image->header;
+    fsck->report->encodings[type].lists++;
+    const st_warm_slice_body& h = fsck->image->header;
     const uint32_t limit = type == PLO_SPO ? list_limit(h) : h.num_terms.get();
     if (payload >= limit) {
         list.type = PLO_RLE;  // it names nothing
-        return fsck_add_term(run, IN_OFFSETS, offset, term,
+        return fsck_add_term(fsck, IN_OFFSETS, offset, term,
                              type == PLO_SPO ? "value number out of range" : "term number out of range",
                              fmt::format("{} of {}", payload, limit));
     }
@@ -146,7 +146,7 @@ void take_entry(list_walk* walk, uint32_t index, bool last) {
     const uint64_t value = entry >> walk->tag_bits;
     const auto type = static_cast<uint8_t>(entry & ((1u << walk->tag_bits) - 1));
     if (last && type != PLO_RLE) {
-        fsck_add(walk->run, IN_OFFSETS, offset, "the last entry has a type", pl_type_as_str(type));
+        fsck_add(walk->fsck, IN_OFFSETS, offset, "the last entry has a type", pl_type_as_str(type));
     } else if (type == PLO_SPO || type == PLO_DEDUP) {
         return take_payload(walk, index + 1, type, value, offset);
     }
@@ -154,7 +154,7 @@ void take_entry(list_walk* walk, uint32_t index, bool last) {
     if (value < walk->open_start || value > walk->bytes.size()) {
         walk->open_term = NO_TERM;
         return fsck_add_term(
-            walk->run, IN_OFFSETS, offset, last ? index : index + 1,
+            walk->fsck, IN_OFFSETS, offset, last ? index : index + 1,
             value < walk->open_start ? "offsets do not ascend" : "offset behind the lists",
             fmt::format("{} behind {}, {} bytes of lists", value, walk->open_start, walk->bytes.size()));
     }
@@ -165,18 +165,18 @@ void take_entry(list_walk* walk, uint32_t index, bool last) {
 }
 
 // A DEDUP term has the list of the term that it names.
-void resolve_dedups(fsck_run* run) {
-    const uint32_t width = _get_plo_size(&run->image->header);
-    for (uint32_t term = 1; term < run->lists.size(); term++) {
-        fsck_list& list = run->lists[term];
+void resolve_dedups(fsck_state* fsck) {
+    const uint32_t width = _get_plo_size(&fsck->image->header);
+    for (uint32_t term = 1; term < fsck->lists.size(); term++) {
+        fsck_list& list = fsck->lists[term];
         if (list.type != PLO_DEDUP) continue;
         const uint32_t named = list.first;
-        if (run->lists[named].type == PLO_DEDUP) {
-            fsck_add_term(run, IN_OFFSETS, run->image->sections[IN_OFFSETS].offset + uint64_t{term - 1} * width, term,
+        if (fsck->lists[named].type == PLO_DEDUP) {
+            fsck_add_term(fsck, IN_OFFSETS, fsck->image->sections[IN_OFFSETS].offset + uint64_t{term - 1} * width, term,
                           "duplicate of a duplicate", fmt::format("term {}", named));
             continue;
         }
-        const fsck_list& original = run->lists[named];
+        const fsck_list& original = fsck->lists[named];
         list.count = original.count;
         list.last = original.last;
         list.sum = original.sum;
@@ -185,48 +185,48 @@ void resolve_dedups(fsck_run* run) {
     }
 }
 
-void check_total(fsck_run* run) {
+void check_total(fsck_state* fsck) {
     uint64_t total = 0;
-    for (fsck_list& list : run->lists) {
+    for (fsck_list& list : fsck->lists) {
         if (!list.good) return;
         total += list.count;
     }
-    const uint32_t stored = run->image->header.num_postings.get();
-    if (total == stored || run->metric) return;
-    fsck_add(run, IN_HEADER, offsetof(st_warm_slice_body, num_postings), "num_postings is not what the lists hold",
+    const uint32_t stored = fsck->image->header.num_postings.get();
+    if (total == stored || fsck->metric) return;
+    fsck_add(fsck, IN_HEADER, offsetof(st_warm_slice_body, num_postings), "num_postings is not what the lists hold",
              fmt::format("{}, lists {}", stored, total));
 }
 
-void check_record(fsck_run* run, uint32_t term) {
+void check_record(fsck_state* fsck, uint32_t term) {
     uint64_t at = 0;
-    const fsck_term_record record = fsck_read_record(*run, term, &at);
+    const fsck_term_record record = fsck_read_record(*fsck, term, &at);
     const auto add = [&](const char* what, int64_t stored, int64_t found) {
-        fsck_add_term(run, IN_METADATA, run->image->sections[IN_METADATA].offset + at, term, what,
+        fsck_add_term(fsck, IN_METADATA, fsck->image->sections[IN_METADATA].offset + at, term, what,
                       fmt::format("{}, the list has {}", stored, found));
     };
-    const fsck_list& list = run->lists[term];
+    const fsck_list& list = fsck->lists[term];
     if (!list.good) return;
     if (record.count != list.count) add("count", record.count, list.count);
-    if (!record.has_times || list.count == 0 || !run->values.readable) return;
+    if (!record.has_times || list.count == 0 || !fsck->values.readable) return;
     // A DEDUP term's own `first` is the term that it names. Numbers run from the newest value to the oldest.
-    const uint32_t first = list.type == PLO_DEDUP ? run->lists[list.first].first : list.first;
-    const st_time_t latest = fsck_value_time(run->values, first), earliest = fsck_value_time(run->values, list.last);
+    const uint32_t first = list.type == PLO_DEDUP ? fsck->lists[list.first].first : list.first;
+    const st_time_t latest = fsck_value_time(fsck->values, first), earliest = fsck_value_time(fsck->values, list.last);
     if (record.earliest != earliest) add("earliest time", record.earliest, earliest);
     if (record.latest != latest) add("latest time", record.latest, latest);
 }
 
 }  // namespace
 
-void fsck_check_lists(fsck_run* run) {
-    const slice_image& image = *run->image;
+void fsck_check_lists(fsck_state* fsck) {
+    const slice_image& image = *fsck->image;
     // A slice without values has no offsets, whatever its terms.
     if (image.header.num_values.get() == 0 || !slice_section_whole(image, IN_OFFSETS)) return;
     const section_place& place = image.sections[IN_LISTS];
     if (place.state != SECTION_WHOLE && place.state != SECTION_CUT) return;
     const uint32_t terms = image.header.num_terms.get();
-    run->lists.resize(terms);
+    fsck->lists.resize(terms);
     list_walk walk;
-    walk.run = run;
+    walk.fsck = fsck;
     walk.entries = slice_section_bytes(image, IN_OFFSETS);
     walk.bytes = slice_section_bytes(image, IN_LISTS);
     walk.entries_offset = image.sections[IN_OFFSETS].offset;
@@ -234,13 +234,13 @@ void fsck_check_lists(fsck_run* run) {
     walk.width = _get_plo_size(&image.header);
     walk.tag_bits = warm_header_plo_tag_bits(&image.header);
     for (uint32_t index = 0; index < terms; index++) take_entry(&walk, index, index == terms - 1);
-    resolve_dedups(run);
-    check_total(run);
+    resolve_dedups(fsck);
+    check_total(fsck);
 }
 
-fsck_term_record fsck_read_record(const fsck_run& run, uint32_t term, uint64_t* at) {
-    const st_warm_slice_body& h = run.image->header;
-    const std::span<const uint8_t> bytes = slice_section_bytes(*run.image, IN_METADATA);
+fsck_term_record fsck_read_record(const fsck_state& fsck, uint32_t term, uint64_t* at) {
+    const st_warm_slice_body& h = fsck.image->header;
+    const std::span<const uint8_t> bytes = slice_section_bytes(*fsck.image, IN_METADATA);
     const uint32_t type = warm_header_meta_type(&h);
     if (type != META_PACKED) {
         *at = uint64_t{term} * (type == META_FULL ? 12 : 4);
@@ -259,9 +259,9 @@ fsck_term_record fsck_read_record(const fsck_run& run, uint32_t term, uint64_t* 
             static_cast<st_time_t>(base + latest), true};
 }
 
-void fsck_check_metadata(fsck_run* run) {
-    if (run->metric || !slice_section_whole(*run->image, IN_METADATA)) return;
-    for (uint32_t term = 0; term < run->lists.size(); term++) check_record(run, term);
+void fsck_check_metadata(fsck_state* fsck) {
+    if (fsck->metric || !slice_section_whole(*fsck->image, IN_METADATA)) return;
+    for (uint32_t term = 0; term < fsck->lists.size(); term++) check_record(fsck, term);
 }
 
 }  // namespace veldar::tool

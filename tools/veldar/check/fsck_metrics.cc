@@ -7,6 +7,7 @@
 
 #include "libzero/endian.h"
 #include "searchthing/columns/dimset_io.h"
+#include "searchthing/format/metric_terms.h"
 #include "tools/veldar/check/fsck_internal.h"
 
 namespace veldar::tool {
@@ -32,7 +33,7 @@ struct metric_run {
 };
 
 struct metric_check {
-    fsck_run* run = nullptr;
+    fsck_state* fsck = nullptr;
     std::vector<metric_run> runs;  // empty when the preambles cannot be followed
     std::vector<term_facts> terms;
     fsck_columns columns;
@@ -42,7 +43,7 @@ struct metric_check {
 };
 
 term_kind kind_of(std::string_view term) {
-    constexpr std::array<std::pair<std::string_view, term_kind>, 6> KINDS = {{{" metric_name::", KIND_METRIC},
+    constexpr std::array<std::pair<std::string_view, term_kind>, 6> KINDS = {{{METRIC_NAME_TERM, KIND_METRIC},
                                                                               {" host::", KIND_HOST},
                                                                               {" source::", KIND_SOURCE},
                                                                               {" sourcetype::", KIND_SOURCE_TYPE},
@@ -55,15 +56,15 @@ term_kind kind_of(std::string_view term) {
 }
 
 void read_kinds(metric_check* check) {
-    const fsck_run& run = *check->run;
+    const fsck_state& fsck = *check->fsck;
     // A term takes a byte of the lexicon at least: of a number beyond that nothing can be known.
-    check->terms.resize(std::min<size_t>(run.image->header.num_terms.get(), run.image->bytes.size()));
-    uint64_t left = lexicon_walk_budget(run.lexicon);
-    for (uint32_t number = 0; run.has_lexicon && number < run.lexicon.blocks && left != 0; number++) {
+    check->terms.resize(std::min<size_t>(fsck.image->header.num_terms.get(), fsck.image->bytes.size()));
+    uint64_t left = lexicon_walk_budget(fsck.lexicon);
+    for (uint32_t number = 0; fsck.has_lexicon && number < fsck.lexicon.blocks && left != 0; number++) {
         lexicon_block block;
-        if (!lexicon_block_begin(run.lexicon, number, &block)) continue;
-        left -= std::min(left, lexicon_block_bytes(run.lexicon, number));
-        for (uint64_t id = uint64_t{number} * run.lexicon.tperb; block.position < block.count; id++) {
+        if (!lexicon_block_begin(fsck.lexicon, number, &block)) continue;
+        left -= std::min(left, lexicon_block_bytes(fsck.lexicon, number));
+        for (uint64_t id = uint64_t{number} * fsck.lexicon.tperb; block.position < block.count; id++) {
             if (lexicon_block_next(&block) != nullptr || id >= check->terms.size()) break;
             check->terms[id].kind = kind_of(block.term);
         }
@@ -71,13 +72,13 @@ void read_kinds(metric_check* check) {
 }
 
 void add_value(metric_check* check, uint32_t id, const char* what, std::string detail) {
-    fsck_add(check->run, IN_VALUES, fsck_value_offset(check->run->values, *check->run->image, id), what,
+    fsck_add(check->fsck, IN_VALUES, fsck_value_offset(check->fsck->values, *check->fsck->image, id), what,
              std::move(detail));
 }
 
 // Runs follow each other from the first value to the last; false when they do not.
 bool read_runs(metric_check* check) {
-    const fsck_values& values = check->run->values;
+    const fsck_values& values = check->fsck->values;
     uint64_t next = values.preambles;
     for (uint32_t p = 0; p < values.preambles; p++) {
         metric_run one;
@@ -99,8 +100,8 @@ bool read_runs(metric_check* check) {
 
 // The values of a run are newest first, within the header's times.
 void check_run_values(metric_check* check, metric_run* one) {
-    const fsck_values& values = check->run->values;
-    const st_warm_slice_body& h = check->run->image->header;
+    const fsck_values& values = check->fsck->values;
+    const st_warm_slice_body& h = check->fsck->image->header;
     const auto low = static_cast<st_time_t>(h.earliest.get()), high = static_cast<st_time_t>(h.latest.get());
     std::pair<st_time_t, uint32_t> before = {INT32_MAX, UINT32_MAX};
     // Values without bytes are all the same one.
@@ -125,8 +126,8 @@ void check_run_values(metric_check* check, metric_run* one) {
 }
 
 void check_times(metric_check* check) {
-    const st_warm_slice_body& h = check->run->image->header;
-    fsck_report* const report = check->run->report;
+    const st_warm_slice_body& h = check->fsck->image->header;
+    fsck_report* const report = check->fsck->report;
     report->has_times = true;
     report->earliest = INT32_MAX;
     report->latest = INT32_MIN;
@@ -137,11 +138,11 @@ void check_times(metric_check* check) {
     }
     const auto earliest = static_cast<st_time_t>(h.earliest.get()), latest = static_cast<st_time_t>(h.latest.get());
     if (earliest != report->earliest) {
-        fsck_add(check->run, IN_HEADER, offsetof(st_warm_slice_body, earliest), "earliest is not that of the values",
+        fsck_add(check->fsck, IN_HEADER, offsetof(st_warm_slice_body, earliest), "earliest is not that of the values",
                  fmt::format("{}, values {}", earliest, report->earliest));
     }
     if (latest != report->latest) {
-        fsck_add(check->run, IN_HEADER, offsetof(st_warm_slice_body, latest), "latest is not that of the values",
+        fsck_add(check->fsck, IN_HEADER, offsetof(st_warm_slice_body, latest), "latest is not that of the values",
                  fmt::format("{}, values {}", latest, report->latest));
     }
 }
@@ -158,7 +159,7 @@ bool read_set(metric_check* check, uint32_t id, std::vector<uint32_t>* words) {
     const uint64_t at = SETS_HEAD + (uint64_t{sets} + begin) * 4;
     for (uint32_t i = 0; i < end - begin; i++) words->push_back(load_le32(check->sets.data() + at + uint64_t{i} * 4));
     const auto add = [&](const char* what, const std::string& detail) {
-        fsck_add(check->run, IN_DIMSETS, check->sets_offset + at, what, fmt::format("set {}: {}", id, detail));
+        fsck_add(check->fsck, IN_DIMSETS, check->sets_offset + at, what, fmt::format("set {}: {}", id, detail));
     };
     const bool sound = words->size() > DS_MIN_WORDS && words->size() <= DS_MAX_DIMSET_SIZE_WORDS &&
                        ds_dimset_is_sound(ds_dimset_at(words->data()), end - begin) && (*words)[1] != 0;
@@ -176,8 +177,8 @@ void check_set_terms(metric_check* check, uint32_t id, const ds_dimset_t* set) {
     const auto require = [&](uint32_t term, term_kind kind, term_kind or_kind) {
         const bool exists = term < check->terms.size();
         const bool fits = exists && (check->terms[term].kind == kind || check->terms[term].kind == or_kind);
-        if (fits || (exists && !check->run->has_lexicon)) return;
-        fsck_add_term(check->run, IN_DIMSETS, check->sets_offset, term, "term that does not belong there",
+        if (fits || (exists && !check->fsck->has_lexicon)) return;
+        fsck_add_term(check->fsck, IN_DIMSETS, check->sets_offset, term, "term that does not belong there",
                       fmt::format("in set {}", id));
     };
     const std::span<const uint32_t> fields = ds_dimset_all_dims(set);
@@ -214,7 +215,7 @@ void note_set(metric_check* check, uint32_t id, const ds_dimset_t* set) {
 // False when a set cannot be read, so that the sets do not tell all.
 bool check_sets(metric_check* check) {
     const uint32_t sets = load_le32(check->sets.data() + 8);
-    const bool sorted = ds_verify_version(&check->run->image->header) == DS_VERIFY_V3;
+    const bool sorted = ds_verify_version(&check->fsck->image->header) == DS_VERIFY_V3;
     const auto ascend = [](std::span<const uint32_t> words) {
         return std::adjacent_find(words.begin(), words.end(), std::greater_equal<>()) == words.end();
     };
@@ -228,7 +229,7 @@ bool check_sets(metric_check* check) {
         }
         const ds_dimset_t* const set = ds_dimset_at(words.data());
         const auto add = [&](const char* what) {
-            fsck_add(check->run, IN_DIMSETS, check->sets_offset, what, fmt::format("set {}", id));
+            fsck_add(check->fsck, IN_DIMSETS, check->sets_offset, what, fmt::format("set {}", id));
         };
         if (!ascend(sorted ? ds_dimset_opt_dims(set) : ds_dimset_opt_fields(set))) add("dimensions do not ascend");
         if (sorted && !ascend(ds_dimset_opt_cols(set))) add("columns do not ascend");
@@ -243,19 +244,19 @@ bool check_sets(metric_check* check) {
 
 // The list of a term has the runs whose sets hold it. Terms other than dimensions and metrics need not be in sets.
 void check_term(metric_check* check, uint32_t term) {
-    const fsck_run& run = *check->run;
+    const fsck_state& fsck = *check->fsck;
     const term_facts& facts = check->terms[term];
     if (facts.kind == KIND_OTHER && facts.runs == 0) return;
-    const fsck_list& list = run.lists[term];
+    const fsck_list& list = fsck.lists[term];
     if (list.good && (list.count != facts.runs || list.sum != facts.sum || list.squares != facts.squares)) {
-        fsck_add_term(check->run, IN_LISTS, run.image->sections[IN_LISTS].offset, term,
+        fsck_add_term(check->fsck, IN_LISTS, fsck.image->sections[IN_LISTS].offset, term,
                       "list differs from the dimension sets", fmt::format("{} runs, sets {}", list.count, facts.runs));
     }
-    if (!slice_section_whole(*run.image, IN_METADATA)) return;
+    if (!slice_section_whole(*fsck.image, IN_METADATA)) return;
     uint64_t at = 0;
-    const fsck_term_record record = fsck_read_record(run, term, &at);
+    const fsck_term_record record = fsck_read_record(fsck, term, &at);
     const auto add = [&](const char* what, int64_t stored, int64_t found) {
-        fsck_add_term(check->run, IN_METADATA, run.image->sections[IN_METADATA].offset + at, term, what,
+        fsck_add_term(check->fsck, IN_METADATA, fsck.image->sections[IN_METADATA].offset + at, term, what,
                       fmt::format("{}, its runs have {}", stored, found));
     };
     if (record.count != facts.events) add("count", record.count, static_cast<int64_t>(facts.events));
@@ -266,24 +267,24 @@ void check_term(metric_check* check, uint32_t term) {
 
 }  // namespace
 
-void fsck_check_metrics(fsck_run* run) {
+void fsck_check_metrics(fsck_state* fsck) {
     metric_check check;
-    check.run = run;
-    if (run->values.encoding != TSVAL_WITH_PREAMBLES || !run->values.readable) return;
+    check.fsck = fsck;
+    if (fsck->values.encoding != TSVAL_WITH_PREAMBLES || !fsck->values.readable) return;
     read_kinds(&check);
     if (read_runs(&check)) {
         check_times(&check);
     } else {
         check.runs.clear();
     }
-    check.sets = slice_section_bytes(*run->image, IN_DIMSETS);
-    check.sets_offset = run->image->sections[IN_DIMSETS].offset;
-    if (!slice_section_whole(*run->image, IN_DIMSETS)) return;
+    check.sets = slice_section_bytes(*fsck->image, IN_DIMSETS);
+    check.sets_offset = fsck->image->sections[IN_DIMSETS].offset;
+    if (!slice_section_whole(*fsck->image, IN_DIMSETS)) return;
     const bool whole = check_sets(&check);
     if (!whole || check.runs.empty() || load_le32(check.sets.data() + 8) != check.runs.size()) return;
-    for (uint32_t term = 0; term < run->lists.size(); term++) check_term(&check, term);
+    for (uint32_t term = 0; term < fsck->lists.size(); term++) check_term(&check, term);
     for (auto& [term, runs] : check.columns) std::reverse(runs.begin(), runs.end());
-    if (slice_section_whole(*run->image, IN_CSTORE)) fsck_check_cstore(run, check.columns);
+    if (slice_section_whole(*fsck->image, IN_CSTORE)) fsck_check_cstore(fsck, check.columns);
 }
 
 }  // namespace veldar::tool

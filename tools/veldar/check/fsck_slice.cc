@@ -14,69 +14,69 @@ namespace {
 constexpr size_t SHOWN_TERM_BYTES = 80;
 
 // Counts a finding; whether it is to be kept.
-bool count_finding(fsck_run* run, slice_section_t section, const char* what) {
-    run->report->total++;
-    return ++run->report->kinds[{section, what}] <= run->report->per_kind;
+bool count_finding(fsck_state* fsck, slice_section_t section, const char* what) {
+    fsck->report->total++;
+    return ++fsck->report->kinds[{section, what}] <= fsck->report->per_kind;
 }
 
 // What the engine itself says to a file in which nothing was found wrong.
-void check_open(fsck_run* run) {
+void check_open(fsck_state* fsck) {
     warm_rc_t rc;
-    WARM* const warm = st_warm_slice_open_rdonly(run->image->path.c_str(), &rc);
+    WARM* const warm = st_warm_slice_open_rdonly(fsck->image->path.c_str(), &rc);
     if (warm != nullptr) {
         st_warm_slice_close(warm);
     } else if (rc.warm_rc == WARM_RC_NO_MEMORY) {
         throw std::bad_alloc();
     } else if (rc.warm_rc != WARM_RC_OPEN) {
-        fsck_add(run, IN_HEADER, 0, "the engine refuses the file",
+        fsck_add(fsck, IN_HEADER, 0, "the engine refuses the file",
                  fmt::format("{}, status {}", rc.message, rc.warm_rc));
     }
 }
 
 }  // namespace
 
-void fsck_add(fsck_run* run, slice_section_t section, uint64_t offset, const char* what, std::string detail) {
-    if (!count_finding(run, section, what)) return;
-    run->report->findings.push_back({section, offset, what, std::move(detail), false, 0, {}});
+void fsck_add(fsck_state* fsck, slice_section_t section, uint64_t offset, const char* what, std::string detail) {
+    if (!count_finding(fsck, section, what)) return;
+    fsck->report->findings.push_back({section, offset, what, std::move(detail), false, 0, {}});
 }
 
-void fsck_add_text(fsck_run* run, slice_section_t section, uint64_t offset, uint32_t term, std::string_view text,
+void fsck_add_text(fsck_state* fsck, slice_section_t section, uint64_t offset, uint32_t term, std::string_view text,
                    const char* what, std::string detail) {
-    if (!count_finding(run, section, what)) return;
-    run->report->findings.push_back({section, offset, what, std::move(detail), true, term, std::string(text)});
+    if (!count_finding(fsck, section, what)) return;
+    fsck->report->findings.push_back({section, offset, what, std::move(detail), true, term, std::string(text)});
 }
 
-void fsck_add_term(fsck_run* run, slice_section_t section, uint64_t offset, uint32_t term, const char* what,
+void fsck_add_term(fsck_state* fsck, slice_section_t section, uint64_t offset, uint32_t term, const char* what,
                    std::string detail) {
-    if (!count_finding(run, section, what)) return;
-    std::string text = run->has_lexicon ? lexicon_image_term(run->lexicon, term) : std::string();
-    run->report->findings.push_back({section, offset, what, std::move(detail), true, term, std::move(text)});
+    if (!count_finding(fsck, section, what)) return;
+    std::string text = fsck->has_lexicon ? lexicon_image_term(fsck->lexicon, term) : std::string();
+    fsck->report->findings.push_back({section, offset, what, std::move(detail), true, term, std::move(text)});
 }
 
 void fsck_slice(const slice_image& image, fsck_report* report) {
-    fsck_run run;
-    run.image = &image;
-    run.report = report;
-    run.metric = st_warm_slice_is_msidx(&image.header);
-    fsck_check_header(&run);
+    fsck_state fsck;
+    fsck.image = &image;
+    fsck.report = report;
+    fsck.metric = st_warm_slice_is_msidx(&image.header);
+    fsck_check_header(&fsck);
     if (!image.has_header) return;
-    fsck_check_layout(&run);
-    fsck_check_values(&run);
+    fsck_check_layout(&fsck);
+    fsck_check_values(&fsck);
     if (!image.mini) {
-        run.has_lexicon = lexicon_image_read(image.bytes, image.sections[IN_LEXICON].offset, &run.lexicon);
-        if (run.has_lexicon) fsck_check_lexicon(&run, run.lexicon, IN_LEXICON);
+        fsck.has_lexicon = lexicon_image_read(image.bytes, image.sections[IN_LEXICON].offset, &fsck.lexicon);
+        if (fsck.has_lexicon) fsck_check_lexicon(&fsck, fsck.lexicon, IN_LEXICON);
         lexicon_image reverse;
         const section_place& at = image.sections[IN_REVERSE_LEXICON];
         const bool placed = at.state == SECTION_WHOLE || at.state == SECTION_CUT;
         if (placed && lexicon_image_read(image.bytes, at.offset, &reverse)) {
-            fsck_check_lexicon(&run, reverse, IN_REVERSE_LEXICON);
+            fsck_check_lexicon(&fsck, reverse, IN_REVERSE_LEXICON);
         }
-        fsck_check_lists(&run);
-        fsck_check_metadata(&run);
-        fsck_check_metrics(&run);
+        fsck_check_lists(&fsck);
+        fsck_check_metadata(&fsck);
+        fsck_check_metrics(&fsck);
     }
-    fsck_check_name(&run);
-    if (report->total == 0) check_open(&run);
+    fsck_check_name(&fsck);
+    if (report->total == 0) check_open(&fsck);
 }
 
 std::string fsck_term_text(std::string_view term) {

@@ -2,7 +2,6 @@
 // the dictionaries its host, source and source type.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <vector>
 

@@ -21,10 +21,10 @@ uint64_t value_bit(const fsck_values& values, uint32_t id) {
     return PLAIN_BITS * values.preambles + width * (id - values.preambles);
 }
 
-void open_values(fsck_run* run) {
-    const st_warm_slice_body& h = run->image->header;
-    fsck_values& values = run->values;
-    values.bytes = slice_section_bytes(*run->image, IN_VALUES);
+void open_values(fsck_state* fsck) {
+    const st_warm_slice_body& h = fsck->image->header;
+    fsck_values& values = fsck->values;
+    values.bytes = slice_section_bytes(*fsck->image, IN_VALUES);
     values.encoding = tsval_encoding(&h);
     values.count = h.num_values.get();
     values.preambles = values.encoding == TSVAL_WITH_PREAMBLES ? h.num_dimsets.get() : 0;
@@ -35,11 +35,11 @@ void open_values(fsck_run* run) {
         const bool milliseconds = warm_header_is_enabled(&h, WARM_FLAG_PREAMBLES);
         values.addr_base = warm_header_is_rev1(&h) && !milliseconds ? h.seek_addr_min.get() : 0;
     }
-    if (!slice_section_whole(*run->image, IN_VALUES) || !tsval_counts_agree(&h)) return;
+    if (!slice_section_whole(*fsck->image, IN_VALUES) || !tsval_counts_agree(&h)) return;
     const uint64_t bits = value_bit(values, values.count);
     values.readable = bits <= uint64_t{values.bytes.size()} * 8;
     if (!values.readable) {
-        fsck_add(run, IN_VALUES, run->image->sections[IN_VALUES].offset, "packed values beyond 2^32 bits",
+        fsck_add(fsck, IN_VALUES, fsck->image->sections[IN_VALUES].offset, "packed values beyond 2^32 bits",
                  fmt::format("{} values of {} bits", values.count, values.time_nbits + values.addr_nbits));
     }
 }
@@ -63,9 +63,9 @@ value_bounds bounds_of(const st_warm_slice_body& h) {
     return bounds;
 }
 
-void check_value(fsck_run* run, uint32_t id, st_time_t time, uint32_t address, const value_bounds& bounds) {
+void check_value(fsck_state* fsck, uint32_t id, st_time_t time, uint32_t address, const value_bounds& bounds) {
     const auto add = [&](const char* what, int64_t got, int64_t low, int64_t high) {
-        fsck_add(run, IN_VALUES, fsck_value_offset(run->values, *run->image, id), what,
+        fsck_add(fsck, IN_VALUES, fsck_value_offset(fsck->values, *fsck->image, id), what,
                  fmt::format("value {}: {}, {} to {}", id, got, low, high));
     };
     if (time < bounds.earliest || time > bounds.latest) {
@@ -76,36 +76,36 @@ void check_value(fsck_run* run, uint32_t id, st_time_t time, uint32_t address, c
     }
 }
 
-void check_each(fsck_run* run) {
-    const fsck_values& values = run->values;
-    const value_bounds bounds = bounds_of(run->image->header);
+void check_each(fsck_state* fsck) {
+    const fsck_values& values = fsck->values;
+    const value_bounds bounds = bounds_of(fsck->image->header);
     // Values without bytes are all the same one.
     const uint32_t count = values.bytes.empty() ? 1 : values.count;
     st_time_t before = INT32_MAX;
     for (uint32_t id = 0; id < count; id++) {
         const st_time_t time = fsck_value_time(values, id);
-        check_value(run, id, time, fsck_value_address(values, id), bounds);
+        check_value(fsck, id, time, fsck_value_address(values, id), bounds);
         if (time > before) {
-            fsck_add(run, IN_VALUES, fsck_value_offset(values, *run->image, id), "values are not newest first",
+            fsck_add(fsck, IN_VALUES, fsck_value_offset(values, *fsck->image, id), "values are not newest first",
                      fmt::format("value {} at {} behind {}", id, time, before));
         }
         before = time;
     }
-    run->report->has_times = true;
-    run->report->latest = fsck_value_time(values, 0);
-    run->report->earliest = before;
+    fsck->report->has_times = true;
+    fsck->report->latest = fsck_value_time(values, 0);
+    fsck->report->earliest = before;
 }
 
 // The header's times are those of the first and the last value.
-void check_header_times(fsck_run* run) {
-    const st_warm_slice_body& h = run->image->header;
+void check_header_times(fsck_state* fsck) {
+    const st_warm_slice_body& h = fsck->image->header;
     const auto check = [&](const char* what, const be32& field, uint64_t offset, st_time_t value) {
         const auto stored = static_cast<st_time_t>(field.get());
-        if (stored != value) fsck_add(run, IN_HEADER, offset, what, fmt::format("{}, value {}", stored, value));
+        if (stored != value) fsck_add(fsck, IN_HEADER, offset, what, fmt::format("{}, value {}", stored, value));
     };
     check("earliest is not the last value's time", h.earliest, offsetof(st_warm_slice_body, earliest),
-          run->report->earliest);
-    check("latest is not the first value's time", h.latest, offsetof(st_warm_slice_body, latest), run->report->latest);
+          fsck->report->earliest);
+    check("latest is not the first value's time", h.latest, offsetof(st_warm_slice_body, latest), fsck->report->latest);
 }
 
 uint64_t count_deleted(const slice_image& image) {
@@ -135,13 +135,13 @@ uint64_t fsck_value_offset(const fsck_values& values, const slice_image& image, 
     return image.sections[IN_VALUES].offset + value_bit(values, id) / 8;
 }
 
-void fsck_check_values(fsck_run* run) {
-    open_values(run);
-    run->report->deleted = run->metric ? 0 : count_deleted(*run->image);
+void fsck_check_values(fsck_state* fsck) {
+    open_values(fsck);
+    fsck->report->deleted = fsck->metric ? 0 : count_deleted(*fsck->image);
     // The values of metrics are ordered by dimension set.
-    if (!run->values.readable || run->values.count == 0 || run->metric) return;
-    check_each(run);
-    if (!warm_header_is_legacy(&run->image->header)) check_header_times(run);
+    if (!fsck->values.readable || fsck->values.count == 0 || fsck->metric) return;
+    check_each(fsck);
+    if (!warm_header_is_legacy(&fsck->image->header)) check_header_times(fsck);
 }
 
 }  // namespace veldar::tool

@@ -15,7 +15,6 @@
 #include "tools/veldar/query/slice_events.h"
 #include "tools/veldar/query/slice_metrics.h"
 #include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 
@@ -153,7 +152,7 @@ void put_json_sample(std::string* out, const slice_metric_sample& sample, const 
 void put_sample(dump_run* run, const slice_metric_sample& sample) {
     std::string* const out = &run->out.bytes;
     const std::string time = event_time_text(sample.time, sample.nanoseconds);
-    const std::string name = "metric_name::" + std::string(sample.set->names[sample.name]);
+    const std::string name = std::string(METRIC_NAME_TERM.substr(1)).append(sample.set->names[sample.name]);
     if (run->options->format == "jsonl") return put_json_sample(out, sample, time, name);
     std::string measure, terms;
     metric_value_put(&measure, sample.value);

@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <array>
 #include <memory>
 
@@ -12,7 +11,6 @@
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

@@ -1,11 +1,9 @@
 // veldar load: the command line, the order of the files, and the summary.
-#include <cstdio>
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/loader.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/progress.h"
-#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
 

@@ -13,7 +13,6 @@
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

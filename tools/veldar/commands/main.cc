@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     veldar::osfile_open_standard();
     try {
         veldar::st_init("veldar");
-        veldar::create_crash_dump_install_from_environment("veldar");
+        static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without
         return veldar::tool::command_line_run(COMMANDS, {argv + 1, argv + argc}, "veldar " VELDAR_VERSION);
     } catch (const veldar::tool::tool_failure& failure) {
         veldar::tool::say_trouble(failure.message);

@@ -1,10 +1,8 @@
 // veldar metrics load: the command line, the order of the files, and the summary.
-#include <cstdio>
 
 #include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/metric_loader.h"
-#include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
 

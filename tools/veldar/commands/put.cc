@@ -3,15 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "libzero/resource.h"
-#include "searchthing/st.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/index_writer.h"
 #include "tools/veldar/load/progress.h"

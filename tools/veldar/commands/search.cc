@@ -1,6 +1,5 @@
 // veldar search: prints the events that a query finds.
 #include <algorithm>
-#include <cstdio>
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"

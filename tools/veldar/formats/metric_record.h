@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "searchthing/base/st_timeval.h"
+#include "searchthing/format/metric_terms.h"
 
 namespace veldar::tool {
 
@@ -49,7 +50,6 @@ void metric_value_put(std::string* out, double value);
 // Appends seconds with up to three decimals: "1398865440.25".
 void metric_time_put(std::string* out, st_time_t seconds, uint32_t nanoseconds);
 
-inline constexpr std::string_view METRIC_NAME_TERM = " metric_name::";
 // Appends the dimension term of a label, blank first.
 void metric_term_put(std::string* out, std::string_view label, std::string_view value);
 // Takes a dimension term apart, without its blank. A term without "::" is a label whose value is empty.

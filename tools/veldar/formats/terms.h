@@ -4,7 +4,6 @@
 // bytes (also invalid UTF-8) stay.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>

@@ -5,8 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "tools/veldar/formats/metric_record.h"

@@ -6,7 +6,7 @@
 //
 // The first `size` bytes of the file as it lies on the disk have the XXH64 `hash` and the first 4096 of them (or all)
 // `head`; loaded with what `options` hashes, its first `offset` bytes (of the text, once decompressed) are in the
-// index. Numbers are hexadecimal. `check` is the XXH64 of the line before it; lines of earlier versions have none.
+// index. Numbers are hexadecimal. `check` is the XXH64 of the line before it; a line without one is taken as it is.
 #pragma once
 
 #include <xxhash.h>

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <ctime>
 
-#include "libzero/osfile.h"
 #include "libzero/resource.h"
 #include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"

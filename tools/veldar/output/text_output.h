@@ -2,7 +2,6 @@
 // terminal. When the reader has gone away (a closed pipe), what follows is dropped and `closed` says so.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 

@@ -261,10 +261,6 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
     return reader;
 }
 
-const source_map& raw_reader_map(const raw_reader* reader) {
-    return reader->map;
-}
-
 bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std::string* error) {
     const std::optional<source_place> place = source_map_find(reader->map, address);
     if (!place || place->offset >= place->end) {

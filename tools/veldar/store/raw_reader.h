@@ -39,7 +39,6 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
 [[nodiscard]] bool raw_reader_context(raw_reader* reader, uint64_t address, uint32_t before, uint32_t after,
                                       std::vector<std::string>* lines_before, std::vector<std::string>* lines_after,
                                       std::string* error);
-const source_map& raw_reader_map(const raw_reader* reader);
 
 // The path at which a file of a source map stands now, empty when it is not found. `directory` is the bucket's.
 std::string source_file_locate(const source_file& file, const std::string& directory);
