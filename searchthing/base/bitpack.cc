@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "libzero/assertions.h"
 #include "searchthing/base/timed_read.h"
 
 namespace veldar {
@@ -33,6 +34,7 @@ int bp_writer_flush_buffer(bitpack_writer_t* bp, warm_rc_t* rc) {
     _set_rc(rc, WARM_RC_OK);
     if (bp->fd < 0 || bp->bit_cursor == 0) return 0;
     const uint64_t used = (bp->bit_cursor + 63) / 64;
+    ST_ASSERT(used <= bp->capacity);
     const size_t size = used * sizeof(uint64_t);
     if (st_pwrite(bp->fd, bp->words, size, bp->word_offset * sizeof(uint64_t)) != static_cast<int64_t>(size)) {
         return _set_rc_msg(rc, WARM_RC_WRITE, "bp_writer_flush failed");

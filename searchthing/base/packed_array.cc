@@ -11,6 +11,7 @@ namespace veldar {
 namespace {
 
 int write_buffered(array_writer_t* aw) {
+    ST_ASSERT(aw->buffered <= aw->capacity);
     const uint64_t size = aw->buffered * aw->_obj_sz;
     if (st_pwrite(aw->fd, aw->data.data(), size, aw->offset) != static_cast<int64_t>(size)) return WARM_RC_WRITE;
     aw->offset += size;
@@ -101,6 +102,7 @@ const uint8_t* _ar_refill(array_reader_t* ar, bool cache_only, uint64_t hint, wa
     // The read overwrites the cache, so that nothing is cached until it has come whole.
     ar->cache_count = 0;
     const uint64_t elements = refill_count(ar, hint);
+    ST_ASSERT(elements > 0 && ar->cursor + elements <= ar->count);
     const size_t size = elements * ar->_obj_sz;
     const int64_t got =
         st_timed_pread_msg(ar->fd, ar->owned.data(), size, ar->base + ar->cursor * ar->_obj_sz, ar->stats, true);

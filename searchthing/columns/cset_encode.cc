@@ -363,6 +363,7 @@ uint64_t cset_block_encode(std::span<const double> values, cset_block_t* block, 
     block->maximum = stats.max;
     block->sum = stats.nans > 0 || std::isnan(stats.sum) ? NOT_A_NUMBER : stats.sum;
     const auto size = static_cast<uint64_t>(put_smallest(values, block, data) - data);
+    ST_ASSERT(size <= 8 * values.size());
     store_le64(data + size, XXH32(data, size, 0));
     return size + 8;
 }

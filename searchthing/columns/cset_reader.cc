@@ -138,6 +138,7 @@ int fetch(cset_reader_t* reader, uint64_t offset, uint64_t size, const uint8_t**
         const bool follows = reader->window_size > 0 && offset > reader->window_offset &&
                              offset <= reader->window_offset + reader->window_size;
         const uint64_t wanted = follows ? std::min(reader->read_size * 2, LARGEST_READ) : FIRST_READ;
+        ST_ASSERT(offset <= reader->data_size && size <= reader->data_size - offset);
         const uint64_t length = std::min(std::max(wanted, size), reader->data_size - offset);
         reader->window_size = 0;
         if (reader->window.size() < length && !reader->window.alloc(length)) {
@@ -156,6 +157,7 @@ int fetch(cset_reader_t* reader, uint64_t offset, uint64_t size, const uint8_t**
 }
 
 int load_block(cset_reader_t* reader, uint32_t index, warm_rc_t* rc) {
+    ST_ASSERT(index < reader->blocks.size());
     if (reader->block == index && reader->block_count > 0) return 0;
     reader->block_count = 0;
     const cset_block_t& block = reader->blocks[index];
@@ -269,6 +271,7 @@ int cset_reader_range(cset_reader_t* reader, uint32_t first, uint32_t n, double*
         if (from >= to) continue;
         const auto ordinal = static_cast<uint32_t>(at.first_ordinal + (from - at.first_value));
         const auto count = static_cast<uint32_t>(to - from);
+        ST_ASSERT(from - first + count <= n);
         ST_TRY(copy_elements(reader, ordinal, count, out + (from - first), rc));
         std::fill_n(present + (from - first), count, uint8_t{1});
         reader->run = run;
@@ -286,6 +289,7 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
         const cset_block_t& block = reader->blocks[index];
         const uint32_t from = ordinal - block.first_ordinal;
         const uint32_t part = std::min(block.count - from, end - ordinal);
+        ST_ASSERT(part > 0);
         if (part == block.count && !std::isnan(block.sum)) {
             out->count += part;
             out->min = std::min(out->min, block.minimum);

@@ -17,6 +17,7 @@ void encode_pending(cset_writer_t* writer) {
     cset_block_t block;
     uint8_t bytes[CSET_BLOCK_MAX_SIZE];
     const uint64_t size = cset_block_encode(writer->pending, &block, bytes);
+    ST_ASSERT(size <= sizeof bytes && size % 8 == 0);
     block.first_ordinal = writer->elements - static_cast<uint32_t>(writer->pending.size());
     block.data_offset = static_cast<uint32_t>(writer->data.size() / 8);
     writer->data.insert(writer->data.end(), bytes, bytes + size);
@@ -71,6 +72,7 @@ uint64_t cset_writer_finish(cset_writer_t* writer) {
     out.insert(out.end(), blocks, blocks + writer->blocks.size() * sizeof(cset_block_t));
     head.checksum = cset_head_checksum(&head, out.data() + sizeof head, out.size() - sizeof head);
     std::memcpy(out.data(), &head, sizeof head);
+    ST_ASSERT((out.size() + writer->data.size()) % 8 == 0);
     return out.size() + writer->data.size();
 }
 

@@ -49,6 +49,7 @@ struct section_writer {
 };
 
 int put_section(const cs_builder_t* builder, section_writer* out) {
+    const uint64_t begin = out->offset;
     cstore_head_t head = {};
     std::memcpy(head.magic, CSTORE_MAGIC, sizeof head.magic);
     head.version = CSTORE_VERSION;
@@ -69,6 +70,7 @@ int put_section(const cs_builder_t* builder, section_writer* out) {
     footer.section_size = builder->footer_offset + sizeof footer + entries_size;
     ST_TRY(out->put(&footer, sizeof footer));
     ST_TRY(out->put(builder->entries.data(), entries_size));
+    ST_ASSERT(out->offset + out->used - begin == footer.section_size);
     return out->flush();
 }
 
@@ -94,6 +96,7 @@ int lay_out(cs_builder_t* builder, warm_rc_t* rc) {
         builder->entries.push_back({set.term_id, static_cast<uint32_t>(offset / 8)});
         offset += cset_writer_finish(&set);
     }
+    ST_ASSERT(offset % 8 == 0 && builder->entries.size() == builder->sets.size());
     builder->footer_offset = offset;
     return 0;
 }

@@ -66,6 +66,7 @@ int read_body(ds_reader_t* r, uint64_t first, uint64_t count, uint32_t* out, war
 
 // The words of a set, through the cache when the sets come in id order.
 int fetch_words(ds_reader_t* r, uint32_t start, uint32_t end, uint32_t* out, warm_rc_t* rc) {
+    ST_ASSERT(start < end && end <= r->num_words);
     const bool walking = start == r->walk_next;
     r->walk_next = end;
     if (!walking || end - start > AHEAD_WORDS) return read_body(r, start, end - start, out, rc);

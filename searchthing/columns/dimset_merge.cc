@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "searchthing/columns/dimset_io.h"
 
@@ -78,6 +79,7 @@ int emit(dimset_context_t* c, ds_merge_info_t* info, ds_writer_t* writer, warm_r
     if (order < 0 && ds_writer_append(writer, c->current(), rc) != 0) {
         return _set_rc_verbose(rc, rc->warm_rc, c->source, "ds_writer_put fail");
     }
+    ST_ASSERT(c->next_id > 0 && writer->num_dimsets > 0);
     info->dimset_old2new_id_maps[c->source][c->next_id - 1] = writer->num_dimsets - 1;
     return 0;
 }
@@ -135,7 +137,9 @@ int merge(uint32_t n, const int* fds, const st_warm_slice_body* const* bodies, c
         return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "merged dimension sets do not fit 32 bits");
     }
     ST_TRY(ds_writer_open(writer, static_cast<uint32_t>(sets), static_cast<uint32_t>(words), rc));
-    return st_dimset_merge_helper(contexts, info, writer, rc);
+    ST_TRY(st_dimset_merge_helper(contexts, info, writer, rc));
+    ST_ASSERT(info->num_dimsets <= sets && writer->num_words <= words);
+    return 0;
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ WARM* tsidx_cache::open(const std::string& directory, const tsidx_slice_name_t& 
     }
     fresh.front().warm = warm;
     in_use_.splice(in_use_.begin(), fresh);
+    ST_ASSERT(by_name_.size() == in_use_.size() + unused_.size());
     return warm;
 }
 
@@ -57,6 +58,7 @@ void tsidx_cache::release(const std::string& name) {
 }
 
 tsidx_cache::entries::iterator tsidx_cache::close(entries::iterator slice) {
+    ST_ASSERT(slice->users == 0);
     st_warm_slice_close(slice->warm);
     by_name_.erase(slice->name);
     return unused_.erase(slice);

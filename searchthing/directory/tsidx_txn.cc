@@ -56,6 +56,7 @@ void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t lengt
     std::memcpy(copy, text, length);
     buffered.keywords.push_back({.text = copy, .length = length, .hash = hot_slice_hash(copy, length)});
     buffered.used += length;
+    ST_ASSERT(buffered.used <= buffered.arena.size());
 }
 
 // Metric directories: whether the keywords make one dimension set with something measured under it. A field of a set
@@ -217,6 +218,7 @@ int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* given) {
         return fail(tsidx, WARM_RC_NO_MEMORY, "transaction check");
     }
     if (tsidx->is_msidx) {
+        ST_ASSERT(tsidx->txn.measures.size() == tsidx->txn.keywords.size());
         hot_slice_put_metric(tsidx->hot, &txn, tsidx->txn.keywords, tsidx->txn.measures);
     } else {
         hot_slice_put_all(tsidx->hot, &txn, tsidx->txn.keywords);

@@ -72,6 +72,7 @@ void widen_addresses(st_hot_slice& hot, st_addr_t address) {
 }
 
 uint32_t add_value(st_hot_slice& hot, const st_txn& txn) {
+    ST_ASSERT(hot.mode == HOT_STREAMING ? hot.value_index > 0 : hot.value_index < hot.value_capacity);
     widen_addresses(hot, txn.address);
     uint32_t slot;
     if (hot.mode == HOT_STREAMING) {
@@ -323,7 +324,7 @@ st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<
 // A term costs three dependent cache misses: its slot, its record, its bytes. Each pass over a batch starts the next
 // miss of every keyword, so that they overlap.
 void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords) {
-    ST_ASSERT(hot != nullptr && txn != nullptr && !hot->prepared);
+    ST_ASSERT(!hot->prepared);
     if (keywords.empty()) return;
     check_streaming_order(*hot, *txn);
     const uint32_t mask = hot->table.mask;

@@ -268,7 +268,7 @@ void hot_metrics_txn_stop(st_hot_slice& hot) {
 }
 
 st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords) {
-    ST_ASSERT(hot != nullptr && hot->mode == HOT_METRIC);
+    ST_ASSERT(hot->mode == HOT_METRIC);
     if (hot->value_index == 0) return HOT_PUT_RC_VALUES_FULL;
     const txn_need_t need = need_of(keywords);
     const bool terms_fit =
@@ -281,8 +281,7 @@ st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_ke
 
 void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords,
                           std::span<const st_measure_t> measures) {
-    ST_ASSERT(hot != nullptr && txn != nullptr && hot->mode == HOT_METRIC && !hot->prepared &&
-              !hot->metrics.txn_is_open);
+    ST_ASSERT(hot->mode == HOT_METRIC && !hot->prepared && !hot->metrics.txn_is_open);
     ST_ASSERT(keywords.size() == measures.size());
     open_txn(*hot, *txn);
     for (size_t i = 0; i < keywords.size(); i++) {
@@ -294,6 +293,7 @@ void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keywo
         const hot_dimension_t dimension = hot_slice_classify({text, length});
         add_pending(*hot, term, dimension == HOT_DIM_NONE ? HOT_DIM_OPTIONAL : dimension, measures[i]);
     }
+    ST_ASSERT(hot->metrics.pending_count <= hot->metrics.pending.size());
     hot_metrics_txn_stop(*hot);
 }
 

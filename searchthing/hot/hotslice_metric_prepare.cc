@@ -40,6 +40,7 @@ void settle_values(st_hot_slice& hot) {
         const bool first = slot == hot.value_index;
         result.latest = first ? value.time : std::max(result.latest, value.time);
         result.earliest = first ? value.time : std::min(result.earliest, value.time);
+        ST_ASSERT(value.address < metrics.dimsets_committed_idx);
         value.address = metrics.dimsets_map[value.address];
         if (metrics.milliseconds == HOT_MS_ENCODED) {
             value.subsecond =
@@ -70,6 +71,7 @@ void order_values(st_hot_slice& hot) {
         st_tsval* const value = &hot.values[slot];
         order[starts[value->address]++] = value;
     }
+    ST_ASSERT(sets == 0 || starts[0] == total);
     const bool with_subsecond = metrics.milliseconds == HOT_MS_DECODED;
     const auto compare = with_subsecond ? st_tsval_compare_dimsets_with_subsecond : st_tsval_compare_dimsets;
     const auto sort = with_subsecond ? st_tsval_ptr_qsort_dimsets_with_subsecond : st_tsval_ptr_qsort_dimsets;

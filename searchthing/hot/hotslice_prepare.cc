@@ -84,7 +84,7 @@ void deal_postings(st_hot_slice& hot) {
         hot.term_postings[rank] = hot.table.terms[id].postings;
         total += hot.table.terms[id].postings;
     }
-    ST_ASSERT(total == hot.list_node_index);
+    ST_ASSERT(total == hot.list_node_index && total <= hot.postings.size());
     uint32_t* const cursors = hot.cursors.data();
     uint32_t* const postings = hot.postings.data();
     const uint32_t* const numbers = hot.mode == HOT_STREAMING ? nullptr : hot.values_map.data();
@@ -115,7 +115,7 @@ uint32_t order_postings(st_hot_slice& hot, uint32_t total) {
         out += kept - in;
         in = end;
     }
-    ST_ASSERT(in == hot.postings.begin() + total);
+    ST_ASSERT(in == hot.postings.begin() + total && out <= in);
     return static_cast<uint32_t>(out - hot.postings.begin());
 }
 

@@ -115,6 +115,7 @@ int store_lexicon(WARM* warm, const hot_prepared_t& prepared, warm_rc_t* rc) {
                                     TERMS_PER_BLOCK, static_cast<uint32_t>(prepared.lexicon_bytes));
     if (warm->lexicon == nullptr) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "st_fclex_create");
     warm->lexicon_size = st_fclex_size(warm->lexicon);
+    ST_ASSERT(warm->lexicon_size <= room);
     warm->postings_base = offset + warm->lexicon_size;
     return 0;
 }
@@ -174,6 +175,7 @@ int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, cons
         ST_TRY(term_meta_writer_append(&metadata, &record, rc));
         list += count;
     }
+    ST_ASSERT(out <= end);
     *used = static_cast<uint64_t>(out - slice);
     return term_meta_writer_close(&metadata, rc);
 }

@@ -66,6 +66,7 @@ int put_preambles(values_writer_t* writer, const HOT* hot, warm_rc_t* rc) {
 int create_metrics_open(create_metrics_t* metrics, const HOT* hot, st_warm_slice_body* header, warm_rc_t* rc) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     ST_ASSERT(prepared.milliseconds != HOT_MS_ENCODED);
+    ST_ASSERT(header->num_values.get() == prepared.num_dimsets + prepared.num_values);
     int64_t cstore_ref = 0;
     ST_TRY(fill_cstore(&metrics->cstore, hot, rc));
     ST_TRY(cs_finalize_offsets(&metrics->cstore, header->num_values.get(), prepared.num_dimsets, &cstore_ref, rc));

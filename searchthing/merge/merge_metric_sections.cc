@@ -1,7 +1,6 @@
 // The sections of a metric merge behind the posting lists: dimension sets and the column store.
 #include <algorithm>
 
-#include "libzero/assertions.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/merge/merge_internal.h"
 #include "searchthing/merge/merge_leader.h"

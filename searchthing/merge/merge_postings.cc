@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "searchthing/merge/merge_encode.h"
 #include "searchthing/merge/merge_lists.h"
@@ -38,6 +39,7 @@ struct placed_t {
 int open_sweep(sweep_t* sweep, int fd, uint64_t lists_offset, warm_rc_t* rc) {
     warm_merge_t* const merge = sweep->merge;
     const st_warm_slice_body* const header = &merge->header;
+    ST_ASSERT(lists_offset > _offset_fclex(header));
     sweep->entry_bytes = _get_plo_size(header);
     sweep->tag_bits = warm_header_plo_tag_bits(header);
     sweep->entry_max = sweep->entry_bytes == 4 ? merge->seams.narrow_entry_max : UINT64_MAX;
@@ -60,6 +62,7 @@ bool entry_fits(const sweep_t& sweep, uint64_t value) {
 
 int put_entry(sweep_t* sweep, const placed_t& placed, warm_rc_t* rc) {
     if (!sweep->has_entries) return 0;
+    ST_ASSERT(placed.type < 1u << sweep->tag_bits);
     const uint64_t entry = placed.value << sweep->tag_bits | placed.type;
     if (!entry_fits(*sweep, placed.value)) {
         sweep->out->entries_too_narrow = sweep->entry_bytes == 4;
@@ -87,6 +90,7 @@ int place_list(sweep_t* sweep, uint32_t term, const merge_list_t& list, placed_t
     if (sweep->tag_bits == 2) {
         uint32_t known = MERGE_NO_TERM;
         ST_TRY(merge_known_lists_find(&sweep->known, &sweep->writer, term, encoded, &known, rc));
+        ST_ASSERT(known < term || known == MERGE_NO_TERM);
         *placed = {PLO_DEDUP, known};
         if (known != MERGE_NO_TERM && four_types && entry_fits(*sweep, known)) return 0;
     }
@@ -156,6 +160,8 @@ int close_sweep(sweep_t* sweep, warm_rc_t* rc) {
     ST_TRY(merge_lists_finish(&sweep->lists, rc));
     sweep->out->bytes = merge_list_writer_total(&sweep->writer);
     ST_TRY(put_entry(sweep, {PLO_RLE, sweep->out->bytes}, rc));
+    const uint64_t entries = uint64_t{sweep->entries.written} + sweep->entries.buffered;
+    ST_ASSERT(entries == (sweep->has_entries ? sweep->merge->header.num_terms.get() : 0));
     ST_TRY(merge_list_writer_flush(&sweep->writer, rc));
     if (_aw_close(&sweep->entries) != 0) return _set_rc_msg(rc, WARM_RC_WRITE, "posting-list offsets");
     return term_meta_writer_close(&sweep->metadata, rc);

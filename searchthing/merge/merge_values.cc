@@ -82,12 +82,14 @@ int drop_deleted(warm_merge_t* merge, warm_rc_t* rc) {
         if (source.num_kept == source.num_values) continue;
         buffer<uint32_t> order;
         if (!order.alloc(source.num_kept)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value order");
-        for (uint32_t i = 0, next = 0; i < source.num_values; i++) {
+        uint32_t next = 0;
+        for (uint32_t i = 0; i < source.num_values; i++) {
             const uint32_t number = source.order.empty() ? i : source.order[i];
             st_tsval value;
             ST_TRY(merge_decode_value(merge, &source, number, &value, rc));
             if (value.s != ST_DELETED_SOURCE) order[next++] = number;
         }
+        ST_ASSERT(next == source.num_kept);
         source.order = std::move(order);
     }
     return 0;
@@ -102,6 +104,7 @@ struct value_cursor {
 
 int load_cursor(const warm_merge_t* merge, value_cursor* cursor, warm_rc_t* rc) {
     const merge_source_t& source = *cursor->source;
+    ST_ASSERT(cursor->position < source.num_kept);
     cursor->number = source.order.empty() ? cursor->position : source.order[cursor->position];
     return merge_decode_value(merge, cursor->source, cursor->number, &cursor->value, rc);
 }
@@ -141,7 +144,9 @@ void drop_plain_map(merge_source_t* source) {
 int narrow_times(warm_merge_t* merge, warm_rc_t* rc) {
     const auto keeps_all = [](const merge_source_t& source) { return source.num_kept == source.num_values; };
     if (std::all_of(merge->sources.begin(), merge->sources.end(), keeps_all)) return 0;
+    ST_ASSERT(merge->totals.values > 0);
     const st_time_t earliest = merge->times[merge->totals.values - 1], latest = merge->times[0];
+    ST_ASSERT(earliest <= latest);
     merge->totals.earliest = earliest;
     merge->totals.latest = latest;
     st_warm_slice_body* const header = &merge->header;
@@ -182,6 +187,7 @@ int number_values(warm_merge_t* merge, warm_rc_t* rc) {
         return 0;
     };
     ST_TRY(walk_values(merge, before, visit, rc));
+    ST_ASSERT(next <= most);
     for (merge_source_t& source : merge->sources) drop_plain_map(&source);
     merge->totals.values = next;
     return narrow_times(merge, rc);

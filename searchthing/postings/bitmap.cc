@@ -62,6 +62,7 @@ int load_chunk(bitmap_reader_t* br, warm_rc_t* rc) {
     }
     br->chunk_base = static_cast<uint32_t>(base);
     br->consumed += static_cast<uint32_t>(size);
+    ST_ASSERT(br->consumed <= br->bsize);
     _bitmap_itr_init(&br->itr, br->chunk + chunk_bitmap_start(br), BITMAP_CHUNK - br->vbe_length + br->vbe_length % 4);
     return 0;
 }
@@ -141,7 +142,7 @@ int bitmap_writer_flush(bitmap_writer_t* bw, warm_rc_t* rc) {
     if (bw->fd < 0) {
         return _set_rc_msg(rc, WARM_RC_OPEN, "Bitmap reader: file is invalid. Can't flush bitmap to disk.");
     }
-    ST_ASSERT(bw->buf_start_pos <= bw->buf_pos);
+    ST_ASSERT(bw->buf_start_pos <= bw->buf_pos && bw->buf_pos <= bw->buf_size);
     if (st_pwrite(bw->fd, bw->buf, bw->buf_pos, bw->offset) != static_cast<int64_t>(bw->buf_pos)) {
         return _set_rc_msg(rc, WARM_RC_WRITE, "Bitmap writer: Failed to flush bitmap");
     }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "searchthing/postings/plist_internal.h"
 
@@ -166,6 +167,7 @@ int plist_copy(plist_reader* reader, uint32_t* out, uint32_t capacity, uint32_t 
     copy_sink sink{out};
     const int status = rle_walk(reader, end, capacity, &sink, rc);
     *count = sink.count;
+    ST_ASSERT(*count <= capacity);
     return status;
 }
 

@@ -44,6 +44,7 @@ int start_rle(plist_reader* reader, const plo_term_context_t& context, warm_rc_t
 }
 
 int start_bmap(plist_reader* reader, const plo_term_context_t& context, warm_rc_t* rc) {
+    ST_ASSERT(context.start <= context.end);
     const uint64_t size = static_cast<uint64_t>(context.end - context.start);
     reader->position = reader->list_end = static_cast<uint64_t>(context.end);
     if (size == 0) return 0;

@@ -1,9 +1,10 @@
 // Decoding RLE posting lists.
 #include <algorithm>
 
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
-#include "searchthing/postings/plist_internal.h"
 #include "searchthing/base/timed_read.h"
+#include "searchthing/postings/plist_internal.h"
 
 namespace veldar {
 
@@ -66,6 +67,7 @@ bool run_reaches(const plist_reader* reader, uint32_t target) {
 
 int rle_refill(plist_reader* reader, bool read_ahead, warm_rc_t* rc) {
     const uint64_t limit = read_ahead ? reader->plo_last : reader->list_end;
+    ST_ASSERT(reader->position < limit && reader->memory.empty());
     const size_t size = static_cast<size_t>(std::min<uint64_t>(reader->buf.size(), limit - reader->position));
     reader->buf_start = reader->position;
     reader->buf_fill = 0;

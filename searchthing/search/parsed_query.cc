@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "libzero/assertions.h"
 #include "searchthing/base/number.h"
 #include "searchthing/search/search_literals.h"
 
@@ -53,6 +54,7 @@ bool is_comparison(token_type_t type) {
 }
 
 frame_t* top(bracket_parser* parser) {
+    ST_ASSERT(!parser->open.empty() && parser->open.back().frame < parser->frames->size());
     return &(*parser->frames)[parser->open.back().frame];
 }
 

@@ -47,6 +47,7 @@ int fold_to_bitmap(conjunction_context* context, query_result_t* result) {
     if (!result->not_bitmap.empty()) range_bitmap_and_not(result->bitmap.data(), result->not_bitmap.data(), range);
     result->not_bitmap.reset();
     result->tsval_list_capacity = context->bufcap;
+    ST_ASSERT(result->bitmap.size() >= _calc_bitmap_size(range.begin, range.end));
     return 0;
 }
 
@@ -56,6 +57,7 @@ int _merge_or2and(conjunction_context* context, buffer<uint8_t>* parent, query_r
     if (parent->empty()) {
         *parent = std::move(child->bitmap);
     } else {
+        ST_ASSERT(parent->size() == child->bitmap.size());
         range_bitmap_and(parent->data(), child->bitmap.data(), context->range);
     }
     return 0;
@@ -67,6 +69,7 @@ int _merge_and2or(conjunction_context* context, buffer<uint8_t>* parent, query_r
     if (parent->empty()) {
         *parent = std::move(child->bitmap);
     } else {
+        ST_ASSERT(parent->size() == child->bitmap.size());
         range_bitmap_or(parent->data(), child->bitmap.data(), context->range);
     }
     return 0;
@@ -74,6 +77,7 @@ int _merge_and2or(conjunction_context* context, buffer<uint8_t>* parent, query_r
 
 // Folds what the children of an AND frame left into the result of its own literals.
 int fold_children(conjunction_context* context, buffer<uint8_t>* children, query_result_t* own) {
+    ST_ASSERT(children->size() >= _calc_bitmap_size(context->range.begin, context->range.end));
     switch (match_kind(*own)) {
         case MATCH_NOTHING:
             break;
@@ -118,6 +122,7 @@ int _eval_partial(conjunction_context* context, const frame_t& frame, bool exact
 int evaluate(conjunction_context* context, const std::vector<frame_t>& frames, bool exact, query_result_t* result) {
     ST_TRY(_find_first_if_needed(context));
     if (context->range.empty()) return 0;
+    ST_ASSERT(!frames.empty());
     std::vector<buffer<uint8_t>> yields(frames.size());  // of each frame's children
     for (size_t i = frames.size() - 1; i > 0; i--) {
         const frame_t& frame = frames[i];

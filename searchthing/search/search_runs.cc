@@ -1,5 +1,7 @@
 #include "searchthing/search/search_runs.h"
 
+#include "libzero/assertions.h"
+
 namespace veldar {
 
 namespace {
@@ -42,7 +44,9 @@ int run_merge_bounds(run_merge_t* merge, uint32_t id, uint32_t* first, uint32_t*
     *end = run.first + run.count;
     if (merge->whole) return 0;
     ST_TRY(warm_slice_first_before(warm, *first, *end, merge->latest, true, first, rc));
-    return warm_slice_first_before(warm, *first, *end, merge->earliest, false, end, rc);
+    ST_TRY(warm_slice_first_before(warm, *first, *end, merge->earliest, false, end, rc));
+    ST_ASSERT(run.first <= *first && *first <= *end && *end <= run.first + run.count);
+    return 0;
 }
 
 int run_merge_add(run_merge_t* merge, uint32_t id, warm_rc_t* rc) {
@@ -54,6 +58,7 @@ int run_merge_add(run_merge_t* merge, uint32_t id, warm_rc_t* rc) {
 
 int run_merge_start(run_merge_t* merge, warm_rc_t* rc) {
     const size_t n = merge->stretches.size();
+    ST_ASSERT(n < UINT32_MAX);
     merge->losers.resize(n);
     if (n == 0) return 0;
     std::vector<run_entrant_t> winners(2 * n);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "libzero/assertions.h"
 #include "searchthing/base/number.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/lexicon/matcher.h"
@@ -117,6 +118,7 @@ int walk_terms(conjunction_context* context, const char* prefix, term_walk* walk
     const int64_t total = st_fclex_apply(context->handle->lexicon, prefix, gather_term, walk, context->info);
     if (walk->status != 0) return walk->status;
     if (total < 0) return _set_rc_msg(&context->rc, static_cast<int>(total), "walking the lexicon of a slice");
+    ST_ASSERT(std::is_sorted(walk->ids->begin(), walk->ids->end()));
     return 0;
 }
 

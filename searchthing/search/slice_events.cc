@@ -4,9 +4,10 @@
 #include <cstring>
 #include <new>
 
+#include "libzero/assertions.h"
 #include "libzero/create-crash-dump.h"
-#include "searchthing/search/search_frames.h"
 #include "searchthing/base/bitset.h"
+#include "searchthing/search/search_frames.h"
 
 namespace veldar {
 
@@ -38,6 +39,7 @@ int next_window(event_walk_t* walk) {
         walk->is_over = true;
         return 0;
     }
+    ST_ASSERT(range.end <= walk->windows_end);
     range.begin = range.end;
     range.end += static_cast<uint32_t>(std::min<uint64_t>(walk->windows_end - range.begin, walk->window));
     const uint64_t lists_before = walk->context.lists_read;
@@ -121,7 +123,10 @@ match_ids::match_ids(const query_result_t* result, const id_range_t& range)
     is_list_ = kind == MATCH_LIST || kind == MATCH_NOTHING;
     if (kind == MATCH_LIST) list_ = match_list(*result).data();
     if (kind == MATCH_BITS) bits_ = result->bitmap.data();
-    count_ = is_list_ ? match_list(*result).size() : _calc_bitmap_size(range.begin, range.end);
+    const uint64_t bytes = _calc_bitmap_size(range.begin, range.end);
+    count_ = is_list_ ? match_list(*result).size() : bytes;
+    ST_ASSERT(bits_ == nullptr || result->bitmap.size() >= bytes);
+    ST_ASSERT(excluded_ == nullptr || result->not_bitmap.size() >= bytes);
 }
 
 void match_ids::load_word() {
@@ -185,6 +190,7 @@ int event_walk_begin(event_walk_t* walk) {
     walk->report.range_end = has_runs ? st_warm_slice_values(context.handle) : context.range.end;
     const bool is_large = !walk->is_exact || walk->wanted > UINT32_MAX;
     walk->window = is_large ? UINT64_MAX : std::max<uint64_t>(FIRST_WINDOW, walk->wanted * 8);
+    ST_ASSERT(context.range.begin <= context.range.end);
     walk->windows_end = context.range.end;
     context.range.end = context.range.begin;
     return 0;

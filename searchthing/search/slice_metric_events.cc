@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <vector>
 
+#include "libzero/assertions.h"
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cstore.h"
-#include "searchthing/lexicon/fclex.h"
 #include "searchthing/format/metric_terms.h"
+#include "searchthing/lexicon/fclex.h"
 #include "searchthing/search/search_runs.h"
 #include "searchthing/search/warmslice_search.h"
 
@@ -44,6 +45,7 @@ class term_texts {
     }
     std::string_view text(uint32_t id) const {
         const size_t at = place(id);
+        ST_ASSERT(at < ids_.size() && ids_[at] == id);
         const size_t begin = at == 0 ? 0 : ends_[at - 1];
         return std::string_view(text_).substr(begin, ends_[at] - begin);
     }
@@ -142,6 +144,7 @@ class metric_walk {
         // Runs come in the order of their numbers, which is not that of their sets.
         for (auto it = merge_.stretches.rbegin(); it != merge_.stretches.rend(); ++it) {
             const run_stretch_t& stretch = *it;
+            ST_ASSERT(stretch.next < stretch.end);
             const uint32_t id = warm_slice_run_dimset(warm_, stretch.run);
             ST_TRY(ds_reader_read(dimsets, id, set, DS_MAX_DIMSET_SIZE_WORDS, rc));
             const std::span<const uint32_t> columns = ds_dimset_opt_cols(set);

@@ -80,6 +80,7 @@ int count_matches(event_walk_t* walk, uint64_t* count) {
 // A bitmap over runs is the head of one over all values, whose bits from the number of runs on are 0.
 int widen_to_values(const WARM* warm, bitmap_and_bounds_t* found, warm_rc_t* rc) {
     buffer<uint8_t> wide;
+    ST_ASSERT(found->begin == 0 && found->end <= st_warm_slice_values(warm));
     found->end = st_warm_slice_values(warm);
     if (!wide.alloc(_calc_bitmap_size(0, found->end))) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "failed alloc bitmap");
     std::memcpy(wide.data(), found->bm.data(), std::min(wide.size(), found->bm.size()));

@@ -61,6 +61,7 @@ struct run_totals {
 int add_run(WARM* warm, uint32_t id, run_totals* totals, warm_rc_t* rc) {
     warm_run_t run;
     ST_TRY(warm_slice_run(warm, id, &run, rc));
+    ST_ASSERT(run.count > 0);
     st_time_t newest = 0;
     st_time_t oldest = 0;
     uint64_t nanoseconds = 0;
@@ -141,6 +142,7 @@ bool warm_slice_keeps_subseconds(const WARM* warm) {
 
 int warm_slice_first_before(WARM* warm, uint32_t low, uint32_t high, const st_timeval_t& bound, bool at_most,
                             uint32_t* out, warm_rc_t* rc) {
+    ST_ASSERT(low <= high && high <= st_warm_slice_values(warm));
     const bool subseconds = warm_slice_keeps_subseconds(warm);
     while (low < high) {
         const uint32_t middle = low + (high - low) / 2;

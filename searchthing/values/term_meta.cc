@@ -166,6 +166,7 @@ const st_term_metadata* term_meta_reader_next(term_meta_reader_t* reader, warm_r
 // A step counts as small when a piece read at the last term would have covered it, or nearly so: a read ahead then pays
 // after two such steps. The first read after opening is never a step.
 void term_meta_reader_seek(term_meta_reader_t* reader, uint32_t term) {
+    ST_ASSERT(reader->opened);
     const read_spans spans = spans_of(reader->_mtype);
     const uint64_t ahead_bits = spans.ahead * element_bytes(reader->_mtype) * 8;
     const uint64_t entry_bits = reader->_mtype == META_PACKED ? entry_nbits(reader) : element_bytes(reader->_mtype) * 8;

@@ -102,6 +102,7 @@ const uint8_t* fetch_plain(tsval_reader_t* reader, uint32_t id, bool cache_only,
 
 const uint8_t* fetch_preamble(tsval_reader_t* reader, uint32_t id, bool cache_only, warm_rc_t* rc) {
     if (reader->memory.data() == nullptr) return _ar_get_i(&reader->preambles, id, cache_only, 0, rc);
+    ST_ASSERT(8 * uint64_t{id} + 8 <= reader->memory.size());
     return reader->memory.data() + 8 * uint64_t{id};
 }
 

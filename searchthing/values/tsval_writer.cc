@@ -57,6 +57,7 @@ int tsval_preamble_writer_put_preamble(tsval_preamble_writer_t* writer, uint32_t
 }
 
 int tsval_preamble_writer_flush_buffer(tsval_preamble_writer_t* writer, warm_rc_t* rc) {
+    ST_ASSERT(writer->count <= writer->buf.size());
     const size_t size = writer->count * sizeof(uint64_t);
     const uint64_t offset = writer->word_offset * sizeof(uint64_t);
     if (size > 0 && st_pwrite(writer->fd, writer->buf.data(), size, offset) != static_cast<int64_t>(size)) {
@@ -103,6 +104,7 @@ int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer, 
     if (section != nullptr) {
         writer->preamble_at = section;
         const uint64_t words = warm_header_tsval_encoded_array_size(header) / sizeof(uint64_t);
+        ST_ASSERT(preambles <= words);
         bp_writer_open(&writer->bp, -1, reinterpret_cast<uint64_t*>(section) + preambles, words - preambles, 0);
         return 0;
     }

@@ -137,6 +137,7 @@ int values_writer_put(values_writer_t* writer, const st_tsval& value, warm_rc_t*
 }
 
 int values_writer_put_preamble(values_writer_t* writer, uint32_t first, uint32_t count, warm_rc_t* rc) {
+    ST_ASSERT(writer->encoding == TSVAL_WITH_PREAMBLES && count > 0);
     return tsval_writer_put_preamble(&writer->packed, first, count, rc);
 }
 
