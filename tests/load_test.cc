@@ -207,6 +207,13 @@ TEST_F(Load, FilesThatOnlyBeginAlikeAreTwo) {
     append(file("a.log"), joined(log_lines(0, 1)));
     load_all({file("a.log")});
     EXPECT_EQ(read_file(store() + "/sourcetypes"), "text\niso8601\n") << "more lines tell more";
+    append(file("b.log"), "more\n");
+    load_all({file("b.log")});
+    write_file(file("c.log"), banner);
+    load_all({file("c.log")});
+    append(file("c.log"), "of b\nmore\n");
+    load_all({file("c.log")});
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "count", "more"}).out, "2\n") << "of two files that grew alike";
 }
 
 TEST_F(Load, KilledAtAnyMomentGivesEachLineOnce) {
