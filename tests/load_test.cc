@@ -429,17 +429,23 @@ TEST(ForeignContent, IsToldByItsBytes) {
     const std::string log = "2024-05-01 10:00:00 start\n";
     for (const std::string& text :
          {std::string(), log, std::string(5000, '\0') + log, log + std::string("a\0b\n", 4), "BZhang was here\n" + log,
-          log + "8=FIX.4.2\0019=65\00135=A\00110=1\n", log + "\033[1;31mred\033[m \b\a\n", log + "gr\xFC\xDF \x9B\n"}) {
+          log + "8=FIX.4.2\0019=65\00135=A\00110=1\n", log + "\033[1;31mred\033[m \b\a\n", log + "gr\xFC\xDF \x9B\n",
+          std::string("\2\3\4\5 odd\n")}) {
         EXPECT_EQ(foreign_content(text), "") << text;
     }
     std::mt19937 random(3);
     std::string noise(300, ' ');
     for (char& c : noise) c = static_cast<char>(random());
-    const std::pair<std::string, const char*> table[] = {
-        {"BZh91AY&SY..", "bzip2"},         {"\x28\xB5\x2F\xFD", "zstd"},
-        {"\xFF\xFEx", "UTF-16"},           {wide(log, 0), "UTF-16"},
-        {wide(log, 1), "UTF-16"},          {noise, "binary"},
-        {std::string(10, '\0'), "binary"}, {log + std::string(231, 'x') + "ustar", "tar"}};
+    const std::pair<std::string, const char*> table[] = {{"BZh91AY&SY..", "bzip2"},
+                                                         {"\x28\xB5\x2F\xFD", "zstd"},
+                                                         {"\xFF\xFEx", "UTF-16"},
+                                                         {wide(log, 0), "UTF-16"},
+                                                         {wide(log, 1), "UTF-16"},
+                                                         {noise, "binary"},
+                                                         {std::string(10, '\0'), "binary"},
+                                                         {"\2\3\4\5\6 odd\n", "binary"},
+                                                         {std::string("\3757zXZ\0", 6), "xz"},
+                                                         {log + std::string(231, 'x') + "ustar", "tar"}};
     for (const auto& [bytes, name] : table) {
         EXPECT_NE(foreign_content(bytes).find(name), std::string::npos) << name;
     }

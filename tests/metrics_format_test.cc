@@ -48,7 +48,7 @@ TEST(MetricText, Dialects) {
     EXPECT_EQ(parse_text("# HELP up 1 2 3"), "");
     EXPECT_EQ(parse_text(" \r"), "");
     EXPECT_EQ(parse_text("up 1"), "up=1 ");
-    EXPECT_EQ(parse_text("a:b.c-d{} +Inf -1.5\r"), "a:b.c-d=+Inf -2.500000000");
+    EXPECT_EQ(parse_text(" a:b.c-d\t{} +Inf -1.5\r"), "a:b.c-d=+Inf -2.500000000");
     EXPECT_EQ(parse_text("up{b=\"x\", a = \"\\\\n\\\"\\n\\q\", e=\"\",}\t-2E-3 1395066363000"),
               "up=-0.002 a=\\n\"\n\\q b=x 1395066363.0");
     EXPECT_EQ(parse_text("up_bucket{le=\"+Inf\"} nan 1398865440.2599 # {t=\"}\"} 0.6 15"),
