@@ -345,7 +345,7 @@ std::string on_terminal(const std::string& store, std::vector<std::string> argum
 
 TEST_F(SearchTool, ATerminalIsShownControlCharactersAndDoesNotObeyThem) {
     const temp_dir other;
-    const std::string path = other.file("store"), gr = "gr\xC3\xBC\xC3\x9F";
+    const std::string path = other.file("store"), gr = "gr\xC3\xBC\xC3\x9F\xEE\x80\x80";
     const std::string line =
         "x \033[1;31m \033]0;t\a \x9B"
         "2J \xC2\x9B"
