@@ -23,7 +23,7 @@ namespace {
 
 struct searched {
     scratch_dir dir;
-    tool::warm_ptr warm;
+    warm_ptr warm;
     std::string log;
     std::unordered_map<std::string, uint32_t> counts;  // events by term
     st_time_t first = 0, last = 0;

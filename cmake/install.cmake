@@ -17,7 +17,7 @@ set(face
     directory/tsidx.h
     reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_select.h
     reading/tsidx_snapshot.h
-    upkeep/tsidx_delete.h upkeep/tsidx_minify.h upkeep/tsidx_optimize.h)
+    upkeep/tsidx_delete.h upkeep/tsidx_optimize.h)
 foreach(header ${face})
   if(EXISTS ${PROJECT_SOURCE_DIR}/searchthing/${header})
     cmake_path(GET header PARENT_PATH room)

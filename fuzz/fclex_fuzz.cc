@@ -33,7 +33,7 @@ std::vector<std::string> use(FCLEX* lex) {
             terms[i] != std::string(text, terms[i].size())) {
             std::abort();
         }
-        _fclex_get_with_status(lex, terms[i].c_str(), &id, nullptr, &rc);
+        static_cast<void>(_fclex_get_with_status(lex, terms[i].c_str(), &id, nullptr, &rc));
         std::vector<std::string> prefixed;
         st_fclex_apply(lex, terms[i].substr(0, 2).c_str(), remember, &prefixed, nullptr);
     }

@@ -31,7 +31,6 @@
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/search/query.h"
 #include "searchthing/upkeep/tsidx_delete.h"
-#include "searchthing/upkeep/tsidx_minify.h"
 
 namespace veldar {
 
@@ -132,7 +131,7 @@ int st_is_optimized(THING* thing);
 [[nodiscard]] int st_health(THING* thing);
 [[nodiscard]] int st_cd(THING* thing, const char* path);
 
-// Changing what is there: tsidx_delete.h and tsidx_minify.h.
+// Changing what is there: tsidx_delete.h.
 
 // -1 for a null handle or array.
 [[nodiscard]] int64_t st_delete_by_keys(THING* thing, const st_tsval_encoded* keys, size_t count);

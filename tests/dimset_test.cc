@@ -7,6 +7,7 @@
 #include <set>
 
 #include "searchthing/columns/dimset_io.h"
+#include "searchthing/postings/bitmap.h"
 #include "tests/support/faults.h"
 #include "tests/support/temp_dir.h"
 

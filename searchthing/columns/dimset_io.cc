@@ -5,6 +5,7 @@
 
 #include "libzero/assertions.h"
 #include "searchthing/base/timed_read.h"
+#include "searchthing/postings/bitmap.h"
 
 namespace veldar {
 

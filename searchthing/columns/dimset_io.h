@@ -8,9 +8,11 @@
 #include "searchthing/base/packed_array.h"
 #include "searchthing/columns/dimset.h"
 #include "searchthing/format/warmslice_header.h"
-#include "searchthing/postings/bitmap.h"
 
 namespace veldar {
+
+struct bitmap_and_bounds_s;
+using bitmap_and_bounds_t = bitmap_and_bounds_s;
 
 // Collects ordered sets in memory and writes them as one section.
 struct ds_writer_t {

@@ -8,6 +8,7 @@
 #include "libzero/assertions.h"
 #include "libzero/vbe.h"
 #include "searchthing/base/timed_read.h"
+#include "searchthing/format/write_options.h"
 
 namespace veldar {
 

@@ -79,9 +79,11 @@
 #include "libzero/resource.h"
 #include "searchthing/base/st_timeval.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/format/write_options.h"
 
 namespace veldar {
+
+struct st_tsidx_write_options;
+using TSWRITEOPTS = st_tsidx_write_options;
 
 struct st_warm_slice_body {
     char magic[8];

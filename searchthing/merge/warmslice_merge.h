@@ -25,6 +25,7 @@
 #include "searchthing/base/st_timeval.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/warmslice_header.h"
+#include "searchthing/format/write_options.h"
 
 namespace veldar {
 
