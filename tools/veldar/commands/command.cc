@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "tools/veldar/commands/suggestion.h"
 #include "tools/veldar/query/number_input.h"
 #include "tools/veldar/query/query_input.h"
+#include "tools/veldar/query/suggestion.h"
 #include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
@@ -144,8 +144,9 @@ void add_bounds_options(const command& to, const char* events, std::string* sinc
     to.text("--tz", zone, "Zone of the two times: UTC, local, +02:00, Europe/Berlin ...");
 }
 
-void add_query_options(const command& to, query_options* options) {
-    to.text("QUERY", &options->words, "Words, field=value, \"phrases\", *, OR, NOT, ( )").required();
+void add_query_options(const command& to, query_options* options, bool is_required) {
+    const command_option query = to.text("QUERY", &options->words, "Words, field=value, \"phrases\", *, OR, NOT, ( )");
+    if (is_required) query.required();
     add_bounds_options(to, "events ", &options->since, &options->until, &options->zone);
     to.flag("--native", &options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
 }

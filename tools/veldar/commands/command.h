@@ -63,14 +63,18 @@ struct command {
 // --since, --until and --tz; `events` is what they bound.
 void add_bounds_options(const command& to, const char* events, std::string* since, std::string* until,
                         std::string* zone);
-// QUERY, the bounds and --native.
-void add_query_options(const command& to, query_options* options);
+// QUERY, the bounds and --native. Without a QUERY that need not be there every event is meant.
+void add_query_options(const command& to, query_options* options, bool is_required = true);
 
 // Each adds its subcommand.
 void add_put_command(const command& veldar);
 void add_load_command(const command& veldar);
 void add_search_command(const command& veldar);
 void add_count_command(const command& veldar);
+void add_stats_command(const command& veldar);
+void add_top_command(const command& veldar);
+void add_new_command(const command& veldar);
+void add_diff_command(const command& veldar);
 void add_terms_command(const command& veldar);
 void add_fields_command(const command& veldar);
 void add_seen_command(const command& veldar);

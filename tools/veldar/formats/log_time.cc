@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <exception>
+#include <limits>
 #include <string>
 
 namespace veldar::tool {
@@ -77,6 +78,15 @@ int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s) {
         zone->holds_until = info.first.end.time_since_epoch().count() - DAY_S;
     }
     return local_s - offset_s;
+}
+
+log_zone_span log_zone_at(const log_zone& zone, int64_t epoch_s) {
+    if (zone.named == nullptr) {
+        return {zone.offset_s, std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max()};
+    }
+    const auto* named = static_cast<const date::time_zone*>(zone.named);
+    const date::sys_info info = named->get_info(date::sys_seconds{std::chrono::seconds{epoch_s}});
+    return {info.offset.count(), info.begin.time_since_epoch().count(), info.end.time_since_epoch().count()};
 }
 
 bool log_time_store(int64_t epoch_s, uint32_t nanoseconds, st_timeval_t* out) {

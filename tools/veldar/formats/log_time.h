@@ -27,6 +27,14 @@ struct log_zone {
 // first of the two; one that a clock skipped counts on with the offset from before the change.
 int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s);
 
+// The offset, in seconds east of UTC, that holds at a moment, and since when (inclusive) and until when (exclusive) it
+// does; without a change the bounds are those of int64_t. Seconds within 2^40 of the epoch.
+struct log_zone_span {
+    int64_t offset_s = 0;
+    int64_t begin_s = 0, end_s = 0;
+};
+log_zone_span log_zone_at(const log_zone& zone, int64_t epoch_s);
+
 // Stores the time when its seconds fit the engine's 32 bits; false otherwise.
 [[nodiscard]] bool log_time_store(int64_t epoch_s, uint32_t nanoseconds, st_timeval_t* out);
 

@@ -65,9 +65,10 @@ st_timeval_t time_of(const char* option, const std::string& text, log_zone* zone
 
 // Options whose value is the next argument.
 bool takes_value(std::string_view argument) {
-    static constexpr std::array<std::string_view, 15> OPTIONS = {
-        "-s", "--store",   "-n",      "--limit", "-A",   "--after-context", "-B",     "--before-context",
-        "-C", "--context", "--since", "--until", "--tz", "--format",        "--color"};
+    static constexpr std::array<std::string_view, 19> OPTIONS = {
+        "-s",      "--store",   "-n",      "--limit", "-A",   "--after-context", "-B",      "--before-context",
+        "-C",      "--context", "--since", "--until", "--tz", "--format",        "--color", "--by",
+        "--every", "--agg",     "--top"};
     return std::find(OPTIONS.begin(), OPTIONS.end(), argument) != OPTIONS.end();
 }
 
@@ -95,7 +96,8 @@ bool is_option(std::string_view argument) {
 }  // namespace
 
 void query_protect_words(std::vector<std::string>* arguments) {
-    static constexpr std::array<std::string_view, 4> COMMANDS = {"search", "count", "explain", "delete"};
+    static constexpr std::array<std::string_view, 6> COMMANDS = {"search", "count", "explain",
+                                                                 "delete", "stats", "top"};
     const auto command = std::find_first_of(arguments->begin(), arguments->end(), COMMANDS.begin(), COMMANDS.end());
     if (command == arguments->end()) return;
     // "metrics query count" asks for a metric, but "-s metrics count" names a store.
@@ -146,6 +148,7 @@ prepared_query query_prepare(const query_options& options) {
         query.text += query.text.empty() ? "" : " ";
         query.text += word.starts_with(" -") || word.starts_with(" [") ? word.substr(1) : word;
     }
+    if (query.text.empty()) query.text = options.native ? "[AND]" : "*";
     query.plans = plans_of(query.text, options.native);
     st_query_init(&query.bounds);
     query_set_bounds(options.since, options.until, options.zone, &query.bounds);

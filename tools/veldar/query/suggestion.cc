@@ -1,4 +1,4 @@
-#include "tools/veldar/commands/suggestion.h"
+#include "tools/veldar/query/suggestion.h"
 
 #include <algorithm>
 #include <numeric>

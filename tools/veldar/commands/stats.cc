@@ -1,0 +1,136 @@
+// veldar stats and top: counts and aggregates by time and by fields.
+#include "tools/veldar/commands/stats.h"
+
+#include <unistd.h>
+
+#include "tools/veldar/load/stats_events.h"
+#include "tools/veldar/output/stats_output.h"
+#include "tools/veldar/output/stats_plot.h"
+#include "tools/veldar/query/event_count.h"
+#include "tools/veldar/query/query_input.h"
+#include "tools/veldar/store/store.h"
+
+namespace veldar::tool {
+
+namespace {
+
+struct stats_options {
+    query_options query;
+    std::string by, aggregates;
+    bool keeps_missing = false;
+    stats_view view;
+};
+
+std::string plural(uint64_t count, const std::string& one) {
+    return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
+}
+
+void say_report(const select_report_t& report) {
+    const std::string text = plural(report.events, "event") + " found in " + plural(report.slices, "slice") +
+                             "\nposting lists: " + std::to_string(report.lists_from_metadata) + " told by metadata, " +
+                             std::to_string(report.lists_counted) + " counted by words of bits, " +
+                             std::to_string(report.lists_decoded) + " decoded, " + std::to_string(report.lists_probed) +
+                             " probed\nmeasures: " + std::to_string(report.columns_summed) +
+                             " stretches summed from block headers, " + std::to_string(report.columns_read) +
+                             " decoded\n" + plural(report.refused, "value") + " refused as no number\n";
+    std::fputs(text.c_str(), stderr);
+}
+
+// Of everything together there is a row even when nothing was found.
+void add_row_of_nothing(const stats_grid& grid, const stats_request& request, select_table_t* table) {
+    if (grid.has_bins || !request.group_names.empty() || !table->rows.empty()) return;
+    uint32_t group = 0, row = 0;
+    warm_rc_t rc;
+    if (select_group(table, "", &group, &rc) != 0 || select_row(table, SELECT_NO_BIN, group, &row, &rc) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+int stats_run(const tool_context& context, const stats_options& options) {
+    const prepared_query query = query_prepare(options.query);
+    stats_request request = stats_request_parse(options.by, options.aggregates);
+    const slice_set slices = slices_list(store_choose(context.store));
+    const bool by_index = query_needs_index_only(query);
+    st_query_spec spec = query_of_plan(query, query.plans.front());
+    spec.opt_b = options.keeps_missing ? SELECT_KEEPS_MISSING : 0;
+    const stats_grid grid =
+        stats_grid_make(stats_view_grid(options.view, options.query.zone), slices, query, &request.spec);
+    troubles trouble;
+    select_table_t table;
+    select_report_t report;
+    if (by_index) {
+        stats_select(slices, spec, grid, request.spec, &table, &report, &trouble);
+    } else {
+        stats_select_events(slices, query, grid, request.spec, options.keeps_missing, &table, &report, &trouble);
+    }
+    stats_view view = options.view;
+    view.shape.fill = request.group_names.empty() ? stats_fill::empty : stats_fill::none;
+    return answer_status(stats_show(view, request, &table, grid, report), trouble);
+}
+
+}  // namespace
+
+void add_stats_view_options(const command& to, stats_view* view) {
+    to.text("--every", &view->every, "A row for each bin of time: 10s, 5m, 1h, 1d, 1w, 1mo, 1y, or auto")
+        .checked(every_fault);
+    to.number("--top", &view->shape.top, 1, UINT64_MAX, "Only the groups with the most of the first aggregate");
+    to.text("--format", &view->format, "table, tsv, csv or jsonl; without it --every draws on a terminal")
+        .one_of(TABLE_FORMATS);
+    to.flag("--plot", &view->plot, "Draw, also into a pipe");
+    to.flag("--explain", &view->explain, "Tell on standard error what was read for the answer");
+}
+
+stats_grid_request stats_view_grid(const stats_view& view, const std::string& zone) {
+    return {view.every, zone, stats_draw_width()};
+}
+
+bool stats_show(const stats_view& view, const stats_request& request, select_table_t* table, const stats_grid& grid,
+                const select_report_t& report) {
+    const bool is_found = !table->rows.empty();
+    add_row_of_nothing(grid, request, table);
+    text_output out;
+    output_open(&out, "auto");
+    const bool shows = view.plot || (out.terminal && view.format.empty());
+    const bool draws = shows && grid.has_bins;
+    stats_shape shape = view.shape;
+    shape.needs_totals |= draws;
+    stats_answer answer;
+    stats_answer_make(request, *table, grid, shape, &answer);
+    if (draws) {
+        stats_draw(answer, &out);
+    } else {
+        const bool bars = shows && !request.group_names.empty() && request.columns.front().kind != stats_kind::values;
+        stats_put_rows(answer, table_format_from_name(view.format), bars, &out);
+    }
+    output_flush(&out);
+    if (answer.groups_left_out > 0) say_trouble(plural(answer.groups_left_out, "further group") + " left out");
+    if (report.refused > 0) say_trouble(plural(report.refused, "value") + " left out of aggregates: no number");
+    if (view.explain) say_report(report);
+    return is_found;
+}
+
+void add_stats_command(const command& veldar) {
+    static stats_options options;
+    const command stats = veldar.subcommand("stats", "Count events and aggregate fields, by time and by other fields");
+    add_query_options(stats, &options.query, false);
+    stats.text("--by", &options.by, "A row for each value of this field, or of several: host,status");
+    stats.text("--agg", &options.aggregates, "What to tell of each row, such as count,avg(bytes),p99(latency)");
+    stats.flag("--missing", &options.keeps_missing, "Keep events that lack a field of --by, under no value");
+    add_stats_view_options(stats, &options.view);
+    static const std::string footer = std::string("Aggregates: ") + STATS_AGGREGATES + ".";
+    stats.footer(footer.c_str());
+    stats.run([](const tool_context& context) { return stats_run(context, options); });
+}
+
+void add_top_command(const command& veldar) {
+    static stats_options options;
+    options.view.shape.top = 10;
+    const command top = veldar.subcommand("top", "The most frequent values of a field");
+    top.text("FIELD", &options.by, "The field, or several: host,status").required();
+    add_query_options(top, &options.query, false);
+    top.number("-n,--limit", &options.view.shape.top, 1, UINT64_MAX, "How many").with_default();
+    top.text("--format", &options.view.format, "table, tsv, csv or jsonl").one_of(TABLE_FORMATS);
+    top.run([](const tool_context& context) { return stats_run(context, options); });
+}
+
+}  // namespace veldar::tool

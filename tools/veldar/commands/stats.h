@@ -1,0 +1,27 @@
+// How the commands that give statistics show them.
+#pragma once
+
+#include <string>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/query/stats_answer.h"
+
+namespace veldar::tool {
+
+struct stats_view {
+    std::string every;   // as given
+    std::string format;  // empty: a drawing on a terminal, else a table
+    stats_shape shape;
+    bool plot = false;
+    bool explain = false;
+};
+
+// --every, --format, --plot, --explain and --top.
+void add_stats_view_options(const command& to, stats_view* view);
+// The bins that are asked for.
+stats_grid_request stats_view_grid(const stats_view& view, const std::string& zone);
+// Prints a finished table, and on standard error what was left out. Whether there is anything in it.
+bool stats_show(const stats_view& view, const stats_request& request, select_table_t* table, const stats_grid& grid,
+                const select_report_t& report);
+
+}  // namespace veldar::tool
