@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "tools/veldar/commands/metrics.h"
+#include "tools/veldar/commands/metrics_stats.h"
 #include "tools/veldar/formats/metric_text.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/metric_catalog.h"
@@ -25,6 +26,7 @@ struct points_options {
     std::string since, until, zone = "UTC", format = "text";
     uint64_t limit = 0;
     bool oldest_first = false;
+    metrics_stats_options stats;
 };
 
 // A term as the bracket notation has it.
@@ -141,8 +143,28 @@ void sort_by_time(metric_points* points, bool oldest_first) {
     });
 }
 
+// "text" is what each of the two ways of asking prints when nothing is said.
+int stats_run(const std::string& directory, const points_options& options) {
+    if (options.limit != 0 || options.oldest_first || options.format == "openmetrics") {
+        throw tool_failure{EXIT_USAGE,
+                           "--limit, --reverse and --format openmetrics are for samples: expected none of them with "
+                           "--every, --agg, --by or --rate"};
+    }
+    prepared_query query;
+    query.plans = {{query_text(options), {}, {}}};
+    st_query_init(&query.bounds);
+    query_set_bounds(options.since, options.until, options.zone, &query.bounds);
+    metrics_stats_options stats = options.stats;
+    stats.view.format = options.format == "text" ? "" : options.format;
+    return metrics_stats_run(directory, query, options.names, options.zone, stats);
+}
+
 int query_run(const tool_context& context, const std::string& given, const points_options& options) {
     const std::string directory = metrics_directory(context, given);
+    if (options.stats.are_wanted()) return stats_run(directory, options);
+    if (options.format == "table" || options.format == "tsv") {
+        throw tool_failure{EXIT_USAGE, "--format " + options.format + " goes with --every, --agg, --by or --rate"};
+    }
     const std::string text = query_text(options);
     st_query_spec query;
     st_query_init(&query);
@@ -237,16 +259,17 @@ int dump_run(const tool_context& context, const std::string& given, const points
 
 void add_metrics_query_command(const command& metrics, const std::string* directory) {
     static points_options options;
-    const command query = metrics.subcommand("query", "Print the samples of metrics, newest first");
+    const command query = metrics.subcommand("query", "Print the samples of metrics, or statistics of them");
     query.footer("In names and values * stands for any characters; host=* asks for samples that have the label.");
     query.text("NAME", &options.names, "Metrics").required();
     query.text("-w,--where", &options.where, "LABEL=VALUE or LABEL!=VALUE; all must hold").one_each();
     add_bounds_options(query, "", &options.since, &options.until, &options.zone);
     query.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many samples, the newest ones");
     query.flag("-r,--reverse", &options.oldest_first, "Print the oldest of them first");
-    query.text("--format", &options.format, "text, csv, jsonl or openmetrics")
-        .one_of({"text", "csv", "jsonl", "openmetrics"})
+    query.text("--format", &options.format, "text, csv, jsonl or openmetrics; of statistics table, tsv, csv or jsonl")
+        .one_of({"text", "csv", "jsonl", "openmetrics", "table", "tsv"})
         .with_default();
+    add_metrics_stats_options(query, &options.stats);
     query.run([directory](const tool_context& context) { return query_run(context, *directory, options); });
 }
 

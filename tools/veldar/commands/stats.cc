@@ -74,8 +74,6 @@ void add_stats_view_options(const command& to, stats_view* view) {
     to.text("--every", &view->every, "A row for each bin of time: 10s, 5m, 1h, 1d, 1w, 1mo, 1y, or auto")
         .checked(every_fault);
     to.number("--top", &view->shape.top, 1, UINT64_MAX, "Only the groups with the most of the first aggregate");
-    to.text("--format", &view->format, "table, tsv, csv or jsonl; without it --every draws on a terminal")
-        .one_of(TABLE_FORMATS);
     to.flag("--plot", &view->plot, "Draw, also into a pipe");
     to.flag("--explain", &view->explain, "Tell on standard error what was read for the answer");
 }
@@ -86,7 +84,7 @@ stats_grid_request stats_view_grid(const stats_view& view, const std::string& zo
 
 bool stats_show(const stats_view& view, const stats_request& request, select_table_t* table, const stats_grid& grid,
                 const select_report_t& report) {
-    const bool is_found = !table->rows.empty();
+    const bool is_empty = table->rows.empty();
     add_row_of_nothing(grid, request, table);
     text_output out;
     output_open(&out, "auto");
@@ -106,7 +104,7 @@ bool stats_show(const stats_view& view, const stats_request& request, select_tab
     if (answer.groups_left_out > 0) say_trouble(plural(answer.groups_left_out, "further group") + " left out");
     if (report.refused > 0) say_trouble(plural(report.refused, "value") + " left out of aggregates: no number");
     if (view.explain) say_report(report);
-    return is_found;
+    return !is_empty && !answer.entries.empty();
 }
 
 void add_stats_command(const command& veldar) {
@@ -117,6 +115,8 @@ void add_stats_command(const command& veldar) {
     stats.text("--agg", &options.aggregates, "What to tell of each row, such as count,avg(bytes),p99(latency)");
     stats.flag("--missing", &options.keeps_missing, "Keep events that lack a field of --by, under no value");
     add_stats_view_options(stats, &options.view);
+    stats.text("--format", &options.view.format, "table, tsv, csv or jsonl; without it --every draws on a terminal")
+        .one_of(TABLE_FORMATS);
     static const std::string footer = std::string("Aggregates: ") + STATS_AGGREGATES + ".";
     stats.footer(footer.c_str());
     stats.run([](const tool_context& context) { return stats_run(context, options); });

@@ -16,7 +16,7 @@ struct stats_view {
     bool explain = false;
 };
 
-// --every, --format, --plot, --explain and --top.
+// --every, --top, --plot and --explain.
 void add_stats_view_options(const command& to, stats_view* view);
 // The bins that are asked for.
 stats_grid_request stats_view_grid(const stats_view& view, const std::string& zone);
