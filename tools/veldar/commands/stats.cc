@@ -25,14 +25,15 @@ std::string plural(uint64_t count, const std::string& one) {
     return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
 }
 
-void say_report(const select_report_t& report) {
-    const std::string text = plural(report.events, "event") + " found in " + plural(report.slices, "slice") +
-                             "\nposting lists: " + std::to_string(report.lists_from_metadata) + " told by metadata, " +
-                             std::to_string(report.lists_counted) + " counted by words of bits, " +
-                             std::to_string(report.lists_decoded) + " decoded, " + std::to_string(report.lists_probed) +
-                             " probed\nmeasures: " + std::to_string(report.columns_summed) +
-                             " stretches summed from block headers, " + std::to_string(report.columns_read) +
-                             " decoded\n" + plural(report.refused, "value") + " refused as no number\n";
+void say_report(const select_report_t& report, bool by_records) {
+    std::string text = plural(report.events, "event") + " found in " + plural(report.slices, "slice");
+    text += by_records ? " and read one by one, as the query asks for more than the index knows\n" : "\n";
+    text += "posting lists: " + std::to_string(report.lists_from_metadata) + " told by metadata, " +
+            std::to_string(report.lists_counted) + " counted by words of bits, " +
+            std::to_string(report.lists_decoded) + " decoded, " + std::to_string(report.lists_probed) + " probed\n";
+    text += "measures: " + std::to_string(report.columns_summed) + " stretches summed from block headers, " +
+            std::to_string(report.columns_read) + " decoded\n";
+    text += plural(report.refused, "value") + " refused as no number\n";
     std::fputs(text.c_str(), stderr);
 }
 
@@ -64,6 +65,7 @@ int stats_run(const tool_context& context, const stats_options& options) {
         stats_select_events(slices, query, grid, request.spec, options.keeps_missing, &table, &report, &trouble);
     }
     stats_view view = options.view;
+    view.by_records = !by_index;
     view.shape.fill = request.group_names.empty() ? stats_fill::empty : stats_fill::none;
     return answer_status(stats_show(view, request, &table, grid, report), trouble);
 }
@@ -75,6 +77,7 @@ void add_stats_view_options(const command& to, stats_view* view) {
         .checked(every_fault);
     to.number("--top", &view->shape.top, 1, UINT64_MAX, "Only the groups with the most of the first aggregate");
     to.flag("--plot", &view->plot, "Draw, also into a pipe");
+    to.text("--color", &view->colour, "Of drawings: auto, always or never").one_of({"auto", "always", "never"});
     to.flag("--explain", &view->explain, "Tell on standard error what was read for the answer");
 }
 
@@ -87,7 +90,7 @@ bool stats_show(const stats_view& view, const stats_request& request, select_tab
     const bool is_empty = table->rows.empty();
     add_row_of_nothing(grid, request, table);
     text_output out;
-    output_open(&out, "auto");
+    output_open(&out, view.colour);
     const bool shows = view.plot || (out.terminal && view.format.empty());
     const bool draws = shows && grid.has_bins;
     stats_shape shape = view.shape;
@@ -103,7 +106,7 @@ bool stats_show(const stats_view& view, const stats_request& request, select_tab
     output_flush(&out);
     if (answer.groups_left_out > 0) say_trouble(plural(answer.groups_left_out, "further group") + " left out");
     if (report.refused > 0) say_trouble(plural(report.refused, "value") + " left out of aggregates: no number");
-    if (view.explain) say_report(report);
+    if (view.explain) say_report(report, view.by_records);
     return !is_empty && !answer.entries.empty();
 }
 

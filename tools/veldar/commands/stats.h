@@ -11,12 +11,14 @@ namespace veldar::tool {
 struct stats_view {
     std::string every;   // as given
     std::string format;  // empty: a drawing on a terminal, else a table
+    std::string colour = "auto";
     stats_shape shape;
     bool plot = false;
     bool explain = false;
+    bool by_records = false;  // for the explanation: the events were gone through one by one
 };
 
-// --every, --top, --plot and --explain.
+// --every, --top, --plot, --color and --explain.
 void add_stats_view_options(const command& to, stats_view* view);
 // The bins that are asked for.
 stats_grid_request stats_view_grid(const stats_view& view, const std::string& zone);

@@ -176,6 +176,7 @@ std::string line_of(const drawing& d, const scale& of, size_t first, size_t end,
         }
         if (width > 2) text += ' ';
     }
+    text.erase(text.find_last_not_of(' ') + 1);
     return colour == DEFAULT_COLOUR ? text : text + "\x1b[0m";
 }
 

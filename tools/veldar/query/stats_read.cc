@@ -144,7 +144,7 @@ void stats_fail(const slice_set& slices, const stats_grid& grid, const warm_rc_t
         case WARM_RC_TIME_BINS_LIMIT:
             fail_too_many(grid.every);
         case WARM_RC_CAPACITY:
-            throw tool_failure{EXIT_USAGE, std::string(rc.message) + ": more than 1,048,576; expected another --by"};
+            throw tool_failure{EXIT_USAGE, std::string(rc.message) + ": expected at most 1,048,576"};
         case WARM_RC_NO_MEMORY:
             if (std::string_view(rc.message).find("cells") == std::string_view::npos) throw std::bad_alloc();
             throw tool_failure{EXIT_IO,

@@ -1,0 +1,457 @@
+// veldar stats, top, new, diff and metrics query --every over generated logs and samples, beside naive counting.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <map>
+#include <numeric>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "tests/support/run_tool.h"
+#include "tests/support/temp_dir.h"
+#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/output/table_output.h"
+#include "tools/veldar/query/time_bins.h"
+#include "tools/veldar/store/slices.h"
+
+namespace veldar {
+
+using namespace tool;
+namespace {
+
+using strings = std::vector<std::string>;
+
+constexpr int64_t BEGIN = 1711584000;   // 2024-03-28T00:00:00Z
+constexpr int64_t CHANGE = 1711846800;  // 2024-03-31T01:00:00Z: 02:00 in Berlin becomes 03:00
+
+struct line_event {
+    int64_t time = 0;
+    std::map<std::string, strings> fields;
+    std::string text;
+    bool holds(const char* part) const { return text.find(part) != std::string::npos; }
+    bool is(const char* field, const char* value) const {
+        const auto found = fields.find(field);
+        return found != fields.end() && std::count(found->second.begin(), found->second.end(), value) > 0;
+    }
+};
+
+// Fields that stand twice, that are missing, and that are numbers or not.
+std::vector<line_event> make_events(int count) {
+    std::mt19937 random(11);
+    std::vector<line_event> events;
+    int64_t time = BEGIN;
+    for (int i = 0; i < count; i++) {
+        line_event event;
+        event.time = time += static_cast<int64_t>(random() % 1400);
+        const auto put = [&](const std::string& field, const std::string& value) {
+            event.text += " " + field + "=" + value;
+            strings& values = event.fields[field];
+            if (std::count(values.begin(), values.end(), value) == 0) values.push_back(value);
+        };
+        put("level", strings{"info", "warn", "error"}[random() % 3]);
+        if (random() % 3 != 0) put("status", strings{"200", "404", "500"}[random() % 3]);
+        for (int k = static_cast<int>(random() % 3); k > 0; k--) put("tag", strings{"a", "b", "c"}[random() % 3]);
+        if (random() % 4 != 0) put("bytes", random() % 9 == 0 ? "many" : std::to_string(random() % 5000));
+        event.text = event_time_text(static_cast<st_time_t>(event.time), 0) + event.text +
+                     strings{" connection refused", " refused connection", " fine"}[random() % 3];
+        events.push_back(event);
+    }
+    return events;
+}
+
+int64_t floor_to(int64_t value, int64_t step) {
+    return value - ((value % step) + step) % step;
+}
+int64_t berlin(int64_t time) {
+    return time < CHANGE ? 3600 : 7200;
+}
+// Where the local day, or the quarter of one, begins.
+std::function<int64_t(int64_t)> berlin_bin(int64_t span, int64_t from = 0) {
+    return [=](int64_t time) {
+        const int64_t local = floor_to(time + berlin(time) - from, span) + from;
+        return local - (local - 3600 < CHANGE ? 3600 : 7200);
+    };
+}
+
+struct width {
+    std::string every, zone;
+    std::function<int64_t(int64_t)> start;
+    std::function<int64_t(int64_t)> offset;
+};
+const std::vector<width> WIDTHS = {
+    {"", "UTC", [](int64_t) { return 0; }, nullptr},
+    {"1h", "UTC", [](int64_t t) { return floor_to(t, 3600); }, [](int64_t) { return 0; }},
+    {"1h", "+05:30", [](int64_t t) { return floor_to(t + 19800, 3600) - 19800; }, [](int64_t) { return 19800; }},
+    {"1d", "Europe/Berlin", berlin_bin(86400), berlin},
+    {"6h", "Europe/Berlin", berlin_bin(21600), berlin},
+    {"1w", "Europe/Berlin", berlin_bin(7 * 86400, 4 * 86400), berlin},
+    {"1mo", "Europe/Berlin", [](int64_t t) { return t < 1711922400 ? 1709247600 : 1711922400; }, berlin},
+};
+
+std::string time_text(const width& w, int64_t start) {
+    const int64_t offset = w.offset(start);
+    std::string text = event_time_text(static_cast<st_time_t>(start + offset), 0);
+    if (offset != 0)
+        text.replace(text.size() - 1, 1, offset == 19800 ? "+05:30" : offset == 3600 ? "+01:00" : "+02:00");
+    return text;
+}
+
+const std::string AGGREGATES =
+    "count,count(bytes),sum(bytes),sumsq(bytes),min(bytes),max(bytes),avg(bytes),p90(bytes),dc(tag),values(tag)";
+
+struct row {
+    uint64_t count = 0, values = 0;
+    std::vector<double> numbers;
+    std::set<std::string> tags;
+    void add(line_event event) {
+        count++;
+        for (const std::string& text : event.fields["bytes"]) {
+            values++;
+            if (text != "many") numbers.push_back(std::stod(text));
+        }
+        tags.insert(event.fields["tag"].begin(), event.fields["tag"].end());
+    }
+    // As tsv has them.
+    std::string text() {
+        std::sort(numbers.begin(), numbers.end());
+        const auto n = static_cast<double>(numbers.size());
+        double sum = 0, squares = 0;
+        for (const double number : numbers) sum += number, squares += number * number;
+        std::string told = std::to_string(count) + "\t" + std::to_string(values);
+        for (const double number : {sum, squares}) told += "\t" + exact_number_text(number);
+        for (const double number : {0.0, n - 1, -1.0, std::ceil(0.9 * n) - 1}) {
+            const double value = number < 0 ? sum / n : n == 0 ? 0 : numbers[static_cast<size_t>(number)];
+            told += "\t" + (n == 0 ? "" : exact_number_text(value));
+        }
+        told += "\t" + std::to_string(tags.size()) + "\t";
+        for (const std::string& tag : tags) told += (tag == *tags.begin() ? "" : ", ") + tag;
+        return told + "\n";
+    }
+};
+
+strings split(const std::string& text, char by) {
+    strings parts;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, by);) parts.push_back(part);
+    return parts;
+}
+
+// The groups of an event: every combination of the values of its fields.
+std::vector<strings> groups_of(const line_event& event, const strings& by, bool keeps_missing) {
+    std::vector<strings> groups = {{}};
+    for (const std::string& field : by) {
+        const auto found = event.fields.find(field);
+        strings values = found == event.fields.end() ? strings() : found->second;
+        if (values.empty() && keeps_missing) values = {""};
+        std::vector<strings> longer;
+        for (const strings& group : groups) {
+            for (const std::string& value : values) {
+                longer.push_back(group);
+                longer.back().push_back(value);
+            }
+        }
+        groups = longer;
+    }
+    return groups;
+}
+
+strings with(strings arguments, const strings& more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+}
+
+struct StatsTool : testing::Test {
+    temp_dir dir;
+    std::string store = dir.file("store");
+
+    tool_result run(const strings& arguments) { return run_tool("veldar/veldar", with({"-s", store}, arguments)); }
+    std::string must(const strings& arguments) {
+        const tool_result result = run(arguments);
+        EXPECT_EQ(result.status, 0) << arguments[0] << " " << result.err;
+        return result.out;
+    }
+    void load(const std::string& text) {
+        write_file(dir.file("a.log"), text);
+        must({"load", dir.file("a.log"), "--host", "web", "--no-fsync", "--max-values", "97"});
+    }
+    void load_metrics(const std::string& text) {
+        write_file(dir.file("m.prom"), text);
+        must({"metrics", "load", dir.file("m.prom"), "--format", "openmetrics"});
+    }
+};
+
+// The lines behind the first; empty when nothing is found.
+std::string naive_rows(const std::vector<line_event>& events, const width& w, const strings& by, bool keeps_missing,
+                       bool* found) {
+    std::map<std::pair<int64_t, strings>, row> rows;
+    for (const line_event& event : events) {
+        for (const strings& group : groups_of(event, by, keeps_missing)) rows[{w.start(event.time), group}].add(event);
+    }
+    *found = !rows.empty();
+    if (by.empty() && w.every.empty()) rows[{0, {}}];
+    if (by.empty() && *found) {
+        const int64_t last = rows.rbegin()->first.first;
+        for (int64_t t = rows.begin()->first.first; t < last; t += 1800) rows[{w.start(t), {}}];
+    }
+    std::string text;
+    for (auto& [key, one] : rows) {
+        if (!w.every.empty()) text += time_text(w, key.first) + "\t";
+        for (const std::string& group : key.second) text += group + "\t";
+        text += one.text();
+    }
+    return text;
+}
+
+TEST_F(StatsTool, RowsEqualNaiveCounting) {
+    const std::vector<line_event> events = make_events(450);
+    std::string log;
+    for (const line_event& event : events) log += event.text + "\n";
+    load(log);
+    struct {
+        std::string query;
+        std::function<bool(const line_event&)> lacks;
+    } const queries[] = {
+        {"*", [](const line_event&) { return false; }},
+        {"status=200 -level=warn", [](const auto& e) { return !e.is("status", "200") || e.is("level", "warn"); }},
+        {"\"connection refused\"", [](const auto& e) { return !e.holds("connection refused"); }},
+        {"\"connection refused\" OR status=500",
+         [](const auto& e) { return !e.holds("connection refused") && !e.is("status", "500"); }},
+        {"nowhere", [](const line_event&) { return true; }},
+    };
+    bool keeps_missing = false;  // an odd number of cases a query: each meets both
+    for (const auto& query : queries) {
+        std::vector<line_event> those = events;
+        std::erase_if(those, query.lacks);
+        for (const width& w : WIDTHS) {
+            for (const std::string by : {"", "level", "status", "tag", "tag,status,level"}) {
+                keeps_missing = !keeps_missing;
+                bool found = false;
+                const std::string expected = naive_rows(those, w, split(by, ','), keeps_missing, &found);
+                strings asked = {"stats", query.query, "--agg", AGGREGATES, "--tz", w.zone, "--format", "tsv"};
+                if (!w.every.empty()) asked.insert(asked.end(), {"--every", w.every});
+                if (!by.empty()) asked.insert(asked.end(), {"--by", by});
+                if (keeps_missing) asked.emplace_back("--missing");
+                const tool_result result = run(asked);
+                ASSERT_EQ(result.status, found ? 0 : 1) << result.err;
+                ASSERT_EQ(result.out.substr(result.out.find('\n') + 1), expected)
+                    << query.query << " by " << by << " every " << w.every << w.zone << keeps_missing;
+            }
+        }
+    }
+}
+
+// Where bins begin around changes of the clocks, in local time.
+TEST(TimeBins, FollowTheClocksOfTheZone) {
+    struct {
+        const char *zone, *every;
+        int64_t earliest, latest;
+        std::vector<int64_t> starts;
+    } const cases[] = {
+        // The clocks of Sao Paulo skip the midnight of 2018-11-04: the day begins at 01:00, 03:00 UTC.
+        {"America/Sao_Paulo", "1d", 1541260800, 1541383200, {1541214000, 1541300400, 1541383200}},
+        // Berlin's two 02:00 lie in one bin of 6 hours, which has 7; the next begins at 06:00 again, now 05:00 UTC.
+        {"Europe/Berlin", "6h", 1729980000, 1730005200, {1729980000, 1730005200}},
+        // 02:00 and 02:40 are skipped together, and one bin begins where they were: at 03:00. Then comes 03:20.
+        {"Europe/Berlin", "40m", 1711845000, 1711848000, {1711844400, 1711846800, 1711848000}},
+        // Half an hour is skipped in Lord Howe, at 02:00 of 2023-10-01: 15:30 UTC.
+        {"Australia/Lord_Howe", "1h", 1696087000, 1696091400, {1696084200, 1696087800, 1696089600}},
+    };
+    for (const auto& one : cases) {
+        log_zone zone;
+        bin_width width;
+        time_bins cuts;
+        ASSERT_TRUE(log_zone_from_name(one.zone, &zone));
+        ASSERT_TRUE(bin_width_parse(one.every, &width));
+        ASSERT_TRUE(time_bins_make(width, zone, one.earliest, one.latest, &cuts));
+        ASSERT_GE(cuts.starts_s.size(), one.starts.size()) << one.zone;
+        cuts.starts_s.resize(one.starts.size());
+        EXPECT_EQ(cuts.starts_s, one.starts) << one.zone << " " << one.every;
+    }
+    bin_width width;
+    for (const char* const text : {"", "1", "h", "0h", "-1h", "1.5h", "1H", "70y", "9999999999999999999h", "1h "}) {
+        EXPECT_FALSE(bin_width_parse(text, &width)) << text;
+    }
+    EXPECT_EQ(bin_width_for(0, 3540, 60).count, int64_t{60} * 1000000000);
+}
+
+TEST_F(StatsTool, FormatsAndDrawings) {
+    load(
+        "2024-03-30T00:10:00Z user=\"a, b\" bytes=3000000.25\n2024-03-30T00:20:00Z user=bob bytes=1\n"
+        "2024-03-30T00:30:00Z user=bob bytes=2\n2024-03-30T02:00:00Z user=bob\n");
+    const strings by = {"stats", "--by", "user", "--agg", "count,avg(bytes),values(bytes)", "--format"};
+    const auto in = [&](const char* format) { return must(with(by, {format})); };
+    EXPECT_EQ(in("table"),
+              "user  count  avg(bytes)  values(bytes)\n"
+              "a, b      1     3000000  3000000.25\n"
+              "bob       3         1.5  1, 2\n");
+    EXPECT_EQ(in("csv"),
+              "user,count,avg(bytes),values(bytes)\r\n\"a, b\",1,3000000.25,3000000.25\r\n"
+              "bob,3,1.5,\"1, 2\"\r\n");
+    EXPECT_EQ(in("jsonl"),
+              "{\"user\":\"a, b\",\"count\":1,\"avg(bytes)\":3000000.25,\"values(bytes)\":[\"3000000.25\"]}\n"
+              "{\"user\":\"bob\",\"count\":3,\"avg(bytes)\":1.5,\"values(bytes)\":[\"1\",\"2\"]}\n");
+    EXPECT_EQ(must({"stats", "--every", "1h", "--top", "1", "--by", "user", "--format", "jsonl"}),
+              "{\"time\":\"2024-03-30T00:00:00Z\",\"user\":\"bob\",\"count\":2}\n"
+              "{\"time\":\"2024-03-30T02:00:00Z\",\"user\":\"bob\",\"count\":1}\n");
+    EXPECT_EQ(must({"top", "user", "-n", "1", "fine", "OR", "user=*"}), "user  count\nbob       3\n");
+    const variable_set columns("COLUMNS", "30");
+    const std::string drawn = must({"stats", "--every", "1h", "--plot", "--tz", "+01:00"});
+    EXPECT_TRUE(drawn.starts_with("count  every 1h\n        3 │█████\n")) << drawn;
+    EXPECT_TRUE(drawn.ends_with("          |03-30 01:00\npeak 3 at 2024-03-30T01:00:00+01:00, total 4\n")) << drawn;
+    EXPECT_NE(drawn.find("│█████       ▅▅▅▅▅\n"), std::string::npos) << drawn;
+    EXPECT_EQ(drawn.find('\x1b'), std::string::npos);
+
+    // In colour the two groups of the first hour stand on one another: bob's two events below.
+    const std::string layers = must({"stats", "--every", "1h", "--plot", "--by", "user", "--color", "always"});
+    EXPECT_NE(layers.find("\x1b[0;34m██\x1b[0m bob 3  \x1b[0;32m██\x1b[0m a, b 1"), std::string::npos) << layers;
+    EXPECT_NE(layers.find("│\x1b[0;34;42m▃▃▃▃▃"), std::string::npos) << layers;
+}
+
+TEST_F(StatsTool, ManyValuesAreAbout) {
+    std::string log;
+    for (int i = 0; i < 5000; i++) log += "2024-03-30T00:00:00Z id=" + std::to_string(i) + "\n";
+    load(log);
+    const std::string out = must({"stats", "--agg", "dc(id),p50(id),max(id)"});
+    double distinct = 0, median = 0, most = 0;
+    ASSERT_EQ(std::sscanf(out.c_str(), "%*s %*s %*s about %lf about %lf %lf", &distinct, &median, &most), 3) << out;
+    EXPECT_NEAR(distinct, 5000, 200);
+    EXPECT_NEAR(median, 2499, 26);
+    EXPECT_EQ(most, 4999);
+}
+
+TEST_F(StatsTool, NewTermsAndChangedShares) {
+    std::string log;
+    for (int i = 0; i < 60; i++) {
+        const bool late = i >= 20;
+        log += event_time_text(static_cast<st_time_t>(BEGIN + i * 60), 0) + " level=" + (i % 4 == 0 ? "warn" : "info") +
+               (late ? " code=" + std::to_string(i) : "") + (i % 10 == 0 && !late ? " old=1" : "") + "\n";
+    }
+    load(log);
+    EXPECT_EQ(run({"new", "--since", "2024-03-28T01:00", "code"}).status, 1);
+    EXPECT_EQ(run({"new", "--since", "2024-03-28T00:58", "code"}).out,
+              "first                 count  term\n2024-03-28T00:59:00Z      1  code=59\n"
+              "2024-03-28T00:58:00Z      1  code=58\n");
+    EXPECT_EQ(must({"new", "--since", "2024-03-28T00:20", "co*=2*", "-n", "1", "--format", "csv"}),
+              "first,count,term\r\n2024-03-28T00:29:00Z,1,code=29\r\n");
+    EXPECT_EQ(run({"new", "--since", "2024-03-28T00:01", "level"}).out.find("warn"), std::string::npos);
+
+    const strings all = {"diff",
+                         "--format",
+                         "tsv",
+                         "--before",
+                         "2024-03-28..2024-03-28T00:20",
+                         "--after",
+                         "2024-03-28T00:20..2024-03-28T00:30"};
+    const strings lines = split(must(all), '\n');
+    // Of 20 events and 10 each value of `code` is in one of the later ten; 2 of 20 had `old`; 5 of 20 and 3 of 10 warn,
+    // the rest is info.
+    EXPECT_EQ(lines.size(), 1u + 10 + 1 + 2);
+    const auto g2 = [](double a, double n, double b, double m) {
+        const auto part = [](double seen, double expected) { return seen == 0 ? 0 : seen * std::log(seen / expected); };
+        const double p = (a + b) / (n + m);
+        return 2 * (part(a, p * n) + part(b, p * m) + part(n - a, (1 - p) * n) + part(m - b, (1 - p) * m));
+    };
+    const strings code = split(lines[1], '\t'), old = split(lines[11], '\t'), warn = split(lines[12], '\t');
+    EXPECT_EQ(code[0] + code[6], "appearedcode=20");
+    EXPECT_NEAR(std::stod(code[1]), g2(0, 20, 1, 10), 1e-6);
+    EXPECT_EQ(old[0] + old[6], "vanishedold=1");
+    EXPECT_NEAR(std::stod(old[1]), -g2(2, 20, 0, 10), 1e-6);
+    EXPECT_EQ(strings(warn.begin() + 2, warn.end()), strings({"15", "7", "0.75", "0.7", "level=info"}));
+    EXPECT_NEAR(std::stod(warn[1]), -g2(15, 20, 7, 10), 1e-6);
+    EXPECT_EQ(split(must(with(all, {"level", "-n", "1"})), '\n').size(), 2u);
+}
+
+TEST_F(StatsTool, MetricsByBinAndLabel) {
+    std::mt19937 random(5);
+    std::map<std::pair<int64_t, std::string>, std::vector<double>> bins;
+    std::string text;
+    for (int i = 0; i < 500; i++) {
+        const int64_t time = BEGIN + static_cast<int64_t>(random() % 20000);
+        const std::string host = strings{"a", "b", ""}[random() % 3];
+        const double value = static_cast<double>(random() % 1000) / 8;
+        const std::string at = " " + std::to_string(time) + "\n";
+        text += "cpu_idle" + (host.empty() ? "" : "{host=\"" + host + "\"}") + " " + std::to_string(value) + at +
+                "cpu_user 7" + at;
+        if (!host.empty()) bins[{floor_to(time, 300), host}].push_back(value);
+    }
+    load_metrics(text);
+    std::string expected = "time,host,avg,max,p95,count\r\n";
+    for (auto& [key, values] : bins) {
+        std::sort(values.begin(), values.end());
+        const auto n = static_cast<double>(values.size());
+        expected += event_time_text(static_cast<st_time_t>(key.first), 0) + "," + key.second;
+        const double sum = std::accumulate(values.begin(), values.end(), 0.0);
+        for (const double told : {sum / n, values.back(), values[static_cast<size_t>(std::ceil(0.95 * n)) - 1], n}) {
+            expected += "," + exact_number_text(told);
+        }
+        expected += "\r\n";
+    }
+    const strings asked = {"metrics", "query", "cpu_i*", "--every", "5m", "--agg", "avg,max,p95,count"};
+    EXPECT_EQ(must(with(asked, {"--by", "host", "--format", "csv"})), expected);
+    EXPECT_EQ(must({"metrics", "query", "cpu_*", "--agg", "count", "--by", "metric_name", "--format", "csv"}),
+              "metric_name,count\r\ncpu_idle,500\r\ncpu_user,500\r\n");
+}
+
+TEST_F(StatsTool, RatesKnowCountersThatBeganAgain) {
+    const auto at = [](int64_t seconds) { return " " + std::to_string(BEGIN + seconds) + "\n"; };
+    // a: 120 in the first minute's bin; then 60, a new beginning to 30, and on to 90: 60 + 30 + 60; then an hour's gap.
+    load_metrics("n{host=\"a\"} 100" + at(0) + "n{host=\"a\"} 220" + at(50) + "n{host=\"a\"} 280" + at(70) +
+                 "n{host=\"a\"} 30" + at(90) + "n{host=\"a\"} NaN" + at(95) + "n{host=\"a\"} 90" + at(110) +
+                 "n{host=\"a\"} 3690" + at(3710) + "n{host=\"b\"} 5" + at(0) + "n{host=\"b\"} 5" + at(119) +
+                 "n{host=\"c\"} 9" + at(3));
+    const strings asked = {"metrics", "query", "n", "--every", "1m", "--rate", "--format", "csv", "--agg"};
+    const auto rates = [&](const strings& more) { return must(with(asked, more)); };
+    EXPECT_EQ(rates({"avg", "--by", "host"}),
+              "time,host,avg\r\n2024-03-28T00:00:00Z,a,2.4\r\n2024-03-28T00:01:00Z,a,2.5\r\n"
+              "2024-03-28T00:01:00Z,b,0\r\n2024-03-28T01:01:00Z,a,1\r\n");
+    EXPECT_EQ(rates({"sum,count", "--until", "2024-03-28T00:30"}),
+              "time,sum,count\r\n2024-03-28T00:00:00Z,2.4,1\r\n2024-03-28T00:01:00Z,2.5,2\r\n");
+    const std::string last = rates({"max", "--fill", "last"}), zero = rates({"max", "--fill", "zero"});
+    EXPECT_EQ(split(last, '\n').size(), 1u + 62);
+    EXPECT_NE(last.find("T01:00:00Z,2.5\r\n"), std::string::npos) << last;
+    EXPECT_NE(zero.find("T01:00:00Z,0\r\n"), std::string::npos) << zero;
+}
+
+TEST_F(StatsTool, WrongArgumentsAndUnreadableSlices) {
+    load("2024-03-30T00:10:00Z a=1\n2010-03-30T00:10:00Z a=2\n");
+    struct {
+        strings arguments;
+        const char* said;
+    } const wrong[] = {
+        {{"stats", "--agg", "agv(a)"}, "did you mean 'avg'?"},
+        {{"stats", "--agg", "avg"}, "expected a field, such as avg(bytes)"},
+        {{"stats", "--agg", "p101(a)"}, "is no aggregate"},
+        {{"stats", "--by", "a,,b"}, "expected fields with commas between them"},
+        {{"stats", "--by", "1,2,3,4,5,6,7,8,9"}, "at most 8 fields"},
+        {{"stats", "--every", "1x"}, "is not a width such as"},
+        {{"stats", "--every", "1s"}, "more than 1,048,576 bins"},
+        {{"stats", "--every", "1h", "--tz", "Mars/Base"}, "unknown time zone"},
+        {{"stats", "--format", "xml"}, "xml"},
+        {{"stats", "\"a"}, "this query cannot be read"},
+        {{"new"}, "--since is required"},
+        {{"diff", "--before", "2010", "--after", "x..y"}, "two times with '..' between them"},
+        {{"diff", "--before", "..2010-01-01", "--after", "2010-01-01..noon"}, "--after: 'noon' is not a time such as"},
+        {{"metrics", "query", "x", "--rate", "-n", "3"}, "are for samples"},
+        {{"metrics", "query", "x", "--agg", "avg(x)"}, "expected a name alone"},
+        {{"metrics", "query", "x", "--every", "1h", "--fill", "up"}, "up"},
+    };
+    for (const auto& one : wrong) {
+        const tool_result result = run(one.arguments);
+        EXPECT_EQ(result.status, 2) << one.said;
+        EXPECT_NE(result.err.find(one.said), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
+    for (const slice_file& file : slices_list(store).files) {
+        std::string bytes = read_file(file.path);
+        write_file(file.path, bytes.substr(0, bytes.size() / 2));
+    }
+    const tool_result result = run({"stats"});
+    EXPECT_EQ(result.status, 3) << result.err;
+    EXPECT_EQ(result.out, "count\n    0\n");
+}
+
+}  // namespace
+}  // namespace veldar
