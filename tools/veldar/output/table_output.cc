@@ -280,11 +280,11 @@ std::string bar_text(double part, size_t width) {
 
 size_t terminal_width() {
     struct winsize size = {};
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return std::max<size_t>(size.ws_col, 20);
     const char* const columns = std::getenv("COLUMNS");
     uint32_t width = 0;
     if (columns != nullptr) std::from_chars(columns, columns + std::char_traits<char>::length(columns), width);
-    return width >= 20 && width <= 10000 ? width : 80;
+    return width > 0 && width <= 10000 ? std::max(width, 20u) : 80;
 }
 
 }  // namespace veldar::tool

@@ -63,7 +63,7 @@ std::string exact_number_text(double number);
 size_t text_width(std::string_view text);
 // A bar of eighths of a block, as long as `part` is of `width` characters.
 std::string bar_text(double part, size_t width);
-// The characters of a line of the terminal, or of $COLUMNS; 80 when nobody says.
+// The characters of a line of the terminal, or of $COLUMNS, but at least 20; 80 when nobody says.
 size_t terminal_width();
 
 }  // namespace veldar::tool

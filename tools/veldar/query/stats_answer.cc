@@ -40,30 +40,31 @@ void make_totals(stats_answer* answer) {
     for (select_cell_t& cell : totals->cells) select_cell_settle(&cell);
 }
 
-// All groups that have rows, by text.
+// All groups that have rows.
 void list_groups(stats_answer* answer) {
     std::vector<bool> is_there(answer->table->group_texts.size());
     for (const select_table_t::row_t& row : answer->table->rows) is_there[row.group] = true;
     for (uint32_t group = 0; group < is_there.size(); group++) {
         if (is_there[group]) answer->ranks.push_back(group);
     }
-    const auto& texts = answer->table->group_texts;
-    const auto before = [&](uint32_t a, uint32_t b) { return *texts[a] < *texts[b]; };
-    std::sort(answer->ranks.begin(), answer->ranks.end(), before);
 }
 
-// Orders them by their totals and leaves the top ones.
+// Orders them by their totals and leaves the top ones; 0: all.
 void rank_groups(stats_answer* answer, uint64_t top) {
-    std::vector<double> keys(answer->table->group_texts.size());
+    const auto& texts = answer->table->group_texts;
+    std::vector<double> keys(texts.size());
     for (const uint32_t group : answer->ranks) {
         const stats_value value = stats_total_value(*answer, group, answer->request->columns.front());
         keys[group] = value.kind == stats_value::NOTHING ? -INFINITY : value.number;
     }
-    std::stable_sort(answer->ranks.begin(), answer->ranks.end(),
-                     [&](uint32_t a, uint32_t b) { return keys[a] > keys[b]; });
-    if (top == 0 || answer->ranks.size() <= top) return;
-    answer->groups_left_out = answer->ranks.size() - top;
-    answer->ranks.resize(top);
+    const auto before = [&](uint32_t a, uint32_t b) {
+        return keys[a] != keys[b] ? keys[a] > keys[b] : *texts[a] < *texts[b];
+    };
+    const size_t wanted = top == 0 ? answer->ranks.size() : std::min<size_t>(top, answer->ranks.size());
+    const auto end = answer->ranks.begin() + static_cast<ptrdiff_t>(wanted);
+    std::partial_sort(answer->ranks.begin(), end, answer->ranks.end(), before);
+    answer->groups_left_out = answer->ranks.size() - wanted;
+    answer->ranks.resize(wanted);
 }
 
 void add_entry(stats_answer* answer, const stats_answer::entry& entry) {
