@@ -280,19 +280,19 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
 
 TEST_F(StatsTool, FormatsAndDrawings) {
     load(
-        "2024-03-30T00:10:00Z user=\"a, b\" bytes=3000000.25\n2024-03-30T00:20:00Z user=bob bytes=1\n"
+        "2024-03-30T00:10:00Z user=\"a, b\" bytes=1234.56789\n2024-03-30T00:20:00Z user=bob bytes=1\n"
         "2024-03-30T00:30:00Z user=bob bytes=2\n2024-03-30T02:00:00Z user=bob\n");
     const strings by = {"stats", "--by", "user", "--agg", "count,avg(bytes),values(bytes)", "--format"};
     const auto in = [&](const char* format) { return must(with(by, {format})); };
     EXPECT_EQ(in("table"),
               "user  count  avg(bytes)  values(bytes)\n"
-              "a, b      1     3000000  3000000.25\n"
+              "a, b      1     1234.57  1234.56789\n"
               "bob       3         1.5  1, 2\n");
     EXPECT_EQ(in("csv"),
-              "user,count,avg(bytes),values(bytes)\r\n\"a, b\",1,3000000.25,3000000.25\r\n"
+              "user,count,avg(bytes),values(bytes)\r\n\"a, b\",1,1234.56789,1234.56789\r\n"
               "bob,3,1.5,\"1, 2\"\r\n");
     EXPECT_EQ(in("jsonl"),
-              "{\"user\":\"a, b\",\"count\":1,\"avg(bytes)\":3000000.25,\"values(bytes)\":[\"3000000.25\"]}\n"
+              "{\"user\":\"a, b\",\"count\":1,\"avg(bytes)\":1234.56789,\"values(bytes)\":[\"1234.56789\"]}\n"
               "{\"user\":\"bob\",\"count\":3,\"avg(bytes)\":1.5,\"values(bytes)\":[\"1\",\"2\"]}\n");
     EXPECT_EQ(must({"stats", "--every", "1h", "--top", "1", "--by", "user", "--format", "jsonl"}),
               "{\"time\":\"2024-03-30T00:00:00Z\",\"user\":\"bob\",\"count\":2}\n"
@@ -376,7 +376,7 @@ TEST_F(StatsTool, MetricsByBinAndLabel) {
         const std::string at = " " + std::to_string(time) + "\n";
         text += "cpu_idle" + (host.empty() ? "" : "{host=\"" + host + "\"}") + " " + std::to_string(value) + at +
                 "cpu_user 7" + at;
-        if (!host.empty()) bins[{floor_to(time, 300), host}].push_back(value);
+        bins[{floor_to(time, 300), host}].push_back(value);
     }
     load_metrics(text);
     std::string expected = "time,host,avg,max,p95,count\r\n";
@@ -391,7 +391,7 @@ TEST_F(StatsTool, MetricsByBinAndLabel) {
         expected += "\r\n";
     }
     const strings asked = {"metrics", "query", "cpu_i*", "--every", "5m", "--agg", "avg,max,p95,count"};
-    EXPECT_EQ(must(with(asked, {"--by", "host", "--format", "csv"})), expected);
+    EXPECT_EQ(must(with(asked, {"--by", "host", "--missing", "--format", "csv"})), expected);
     EXPECT_EQ(must({"metrics", "query", "cpu_*", "--agg", "count", "--by", "metric_name", "--format", "csv"}),
               "metric_name,count\r\ncpu_idle,500\r\ncpu_user,500\r\n");
 }

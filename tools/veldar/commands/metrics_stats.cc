@@ -66,7 +66,6 @@ int metrics_stats_run(const std::string& directory, const prepared_query& query,
     }
     stats_view view = options.view;
     view.shape.fill = fill_of(options.fill);
-    view.shape.needs_values = true;
     return answer_status(stats_show(view, request, &table, grid, report), trouble);
 }
 

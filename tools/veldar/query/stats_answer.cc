@@ -74,11 +74,6 @@ void add_entry(stats_answer* answer, const stats_answer::entry& entry) {
     answer->entries.push_back(entry);
 }
 
-bool has_values(const select_table_t& table, size_t row) {
-    const std::span<const select_cell_t> cells = select_table_row(table, row).cells;
-    return std::any_of(cells.begin(), cells.end(), [](const select_cell_t& cell) { return cell.count > 0; });
-}
-
 // Puts the rows of one bin, and what stands for those that lack, in the order of the groups' texts.
 void fill_bin(stats_answer* answer, int64_t bin, std::vector<uint32_t>* rows_of, const std::vector<uint32_t>& groups,
               std::vector<uint32_t>* last, stats_fill fill) {
@@ -125,8 +120,7 @@ void stats_answer_make(const stats_request& request, const select_table_t& table
     std::vector<stats_answer::entry> rows;
     for (uint32_t i = 0; i < table.rows.size(); i++) {
         const select_table_t::row_t& row = table.rows[i];
-        if (place[row.group] == STATS_NO_ROW || (shape.needs_values && !has_values(table, i))) continue;
-        rows.push_back({row.bin, row.group, i});
+        if (place[row.group] != STATS_NO_ROW) rows.push_back({row.bin, row.group, i});
     }
     if (shape.top != 0 && !grid.has_bins) {
         std::sort(rows.begin(), rows.end(),

@@ -17,7 +17,6 @@ struct stats_shape {
     uint64_t top = 0;  // groups by the first column over all bins, the greatest first; 0: all, by text
     stats_fill fill = stats_fill::none;
     bool needs_totals = false;  // stats_total_value will be asked
-    bool needs_values = false;  // a row without a value in any column is none
 };
 
 inline constexpr uint32_t STATS_NO_ROW = UINT32_MAX;
