@@ -445,9 +445,10 @@ TEST_F(StatsTool, WrongArgumentsAndUnreadableSlices) {
         EXPECT_NE(result.err.find(one.said), std::string::npos) << result.err;
         EXPECT_EQ(result.out, "");
     }
-    for (const slice_file& file : slices_list(store).files) {
-        std::string bytes = read_file(file.path);
-        write_file(file.path, bytes.substr(0, bytes.size() / 2));
+    const slice_set set = slices_list(store);
+    for (size_t i = 0; i < set.slices->size(); i++) {
+        const std::string bytes = read_file(set.slices->path(i));
+        write_file(set.slices->path(i), bytes.substr(0, bytes.size() / 2));
     }
     const tool_result result = run({"stats"});
     EXPECT_EQ(result.status, 3) << result.err;

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "searchthing/base/language.h"
+
 namespace veldar {
 
 inline constexpr size_t DISTINCT_EXACT = 4096;

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "searchthing/base/language.h"
+
 namespace veldar {
 
 inline constexpr size_t QUANTILE_EXACT = 4096;

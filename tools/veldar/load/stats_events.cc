@@ -88,7 +88,7 @@ void stats_select_events(const slice_set& slices, const prepared_query& query, c
     pass.projections.resize(spec.projections.size());
     select_table_init(table, spec);
     *report = {};
-    report->slices = slices.files.size();
+    report->slices = slices.slices->size();
     const event_cursor_ptr events = events_open(query, 0, &source);
     warm_rc_t rc;
     event_t event;

@@ -19,15 +19,16 @@ struct time_range {
 
 // The times of the slices within the bounds. A slice whose name tells nothing is asked itself; one that cannot be
 // opened is left out here, and told when it is read.
-time_range range_of(const slice_set& slices, const st_query_spec& bounds) {
+time_range range_of(const slice_set& set, const st_query_spec& bounds) {
     time_range range;
-    for (const slice_file& file : slices.files) {
-        if (!slice_meets_bounds(file, bounds)) continue;
-        int64_t earliest = file.earliest, latest = file.latest;
+    for (size_t i = 0; i < set.slices->size(); i++) {
+        if (!slice_meets_bounds(set, i, bounds)) continue;
+        const st_filename_metadata_t& meta = set.slices->slice(i).meta;
+        int64_t earliest = meta.earliest, latest = meta.latest;
         if (earliest == INT_MIN || latest == INT_MAX) {
-            warm_ptr warm;
+            snapshot_slice_ptr warm;
             std::string error;
-            if (slice_open(file, &warm, &error) != SLICE_OPEN) continue;
+            if (slice_open(set, i, &warm, &error) != SLICE_OPEN) continue;
             earliest = st_warm_slice_earliest(warm.get());
             latest = st_warm_slice_latest(warm.get());
         }
@@ -40,20 +41,13 @@ time_range range_of(const slice_set& slices, const st_query_spec& bounds) {
     return range;
 }
 
-select_options_t options_of(const slice_set& slices) {
-    select_options_t options;
-    for (const slice_directory& directory : slices.directories) {
-        options.sources.push_back({directory.tsidx.get(), directory.tsidx == nullptr ? slices.path : std::string()});
-    }
-    return options;
-}
-
 // The times of the events that the queries' index parts find, to a small part of the range.
 time_range range_of_events(const slice_set& slices, const prepared_query& query, const time_range& range) {
     const int64_t span_s = std::max<int64_t>((range.latest_s - range.earliest_s) / FINE_BINS, 1);
     time_range found;
     for (const query_plan& plan : query.plans) {
-        select_options_t options = options_of(slices);
+        select_options_t options;
+        options.sources = slices_sources(slices);
         options.query = query_of_plan(query, plan);
         options.query.opt_span = {static_cast<st_time_t>(span_s), 0};
         options.on_failure = [](const std::string&, const warm_rc_t&) {};  // the answer itself tells them
@@ -127,13 +121,12 @@ stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& s
 
 void stats_select(const slice_set& slices, const st_query_spec& query, const stats_grid& grid,
                   const select_spec_t& spec, select_table_t* table, select_report_t* report, troubles* trouble) {
-    select_options_t options = options_of(slices);
+    select_options_t options;
+    options.sources = slices_sources(slices);
     options.query = query;
     options.query.opt_span = grid.span;
     options.spec = spec;
-    options.on_failure = [&](const std::string& path, const warm_rc_t& rc) {
-        troubles_add(trouble, slice_error(path, rc));
-    };
+    options.on_failure = slices_hear(trouble);
     slices_tell_errors(slices, trouble);
     warm_rc_t rc;
     if (select_read(options, table, report, &rc) != 0) stats_fail(slices, grid, rc);
