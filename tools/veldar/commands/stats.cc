@@ -73,7 +73,8 @@ int stats_run(const tool_context& context, const stats_options& options) {
 }  // namespace
 
 void add_stats_view_options(const command& to, stats_view* view) {
-    to.text("--every", &view->every, "A row for each bin of time: 10s, 5m, 1h, 1d, 1w, 1mo, 1y, or auto")
+    to.text("--every", &view->every,
+            "A row for each bin of time, cut in the zone: 10s, 5m, 1h, 1d, 1w, 1mo, 1y, or auto")
         .checked(every_fault);
     to.number("--top", &view->shape.top, 1, UINT64_MAX, "Only the groups with the most of the first aggregate");
     to.flag("--plot", &view->plot, "Draw, also into a pipe");
