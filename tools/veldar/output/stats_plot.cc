@@ -220,11 +220,10 @@ size_t bar_width(const std::vector<int64_t>& bins) {
 void put_panel(const stats_answer& answer, const drawing& d, const scale& of, const std::vector<int64_t>& bins,
                size_t first, text_output* out) {
     const size_t width = bar_width(bins), end = std::min(first + stats_draw_width() / width, bins.size());
-    const double step = (of.high - of.low) / HEIGHT;
     for (size_t line = HEIGHT; line-- > 0;) {
         std::string label;
         if (line == HEIGHT - 1) label = label_text(of.high);
-        if (line == HEIGHT / 2 - 1) label = label_text(of.low + step * (HEIGHT / 2));
+        if (line == HEIGHT / 2 - 1) label = label_text((of.low + of.high) / 2);
         if (line == 0 && of.low < 0) label = label_text(of.low);
         output_put_commands(out, padded(label, MARGIN - 2) + " │" + line_of(d, of, first, end, line, width) + "\n");
     }
