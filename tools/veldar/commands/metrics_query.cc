@@ -172,10 +172,7 @@ int query_run(const tool_context& context, const std::string& given, const point
     query.lispy = text.c_str();
     metric_points points;
     points.limit = options.limit;
-    points.wanted = [&](std::string_view name) {
-        const auto matches = [&](const std::string& pattern) { return metric_name_matches(name, pattern); };
-        return std::any_of(options.names.begin(), options.names.end(), matches);
-    };
+    points.wanted = [&](std::string_view name) { return metric_name_matches(name, options.names); };
     const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
     troubles trouble;
     if (metric_points_read(tsidx.get(), query, &points) != 0) {
@@ -226,10 +223,8 @@ int dump_run(const tool_context& context, const std::string& given, const points
     metric_catalog catalog = metric_catalog_read(directory, &trouble);
     if (trouble.incomplete) return trouble.status;
     if (!options.names.empty()) {
-        std::erase_if(catalog.names, [&](const auto& entry) {
-            return std::none_of(options.names.begin(), options.names.end(),
-                                [&](const std::string& pattern) { return metric_name_matches(entry.first, pattern); });
-        });
+        std::erase_if(catalog.names,
+                      [&](const auto& entry) { return !metric_name_matches(entry.first, options.names); });
     }
     const std::string text = "[AND]";
     st_query_spec query;

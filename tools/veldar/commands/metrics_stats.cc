@@ -1,7 +1,5 @@
 #include "tools/veldar/commands/metrics_stats.h"
 
-#include <algorithm>
-
 #include "tools/veldar/query/metric_rates.h"
 #include "tools/veldar/store/index_handle.h"
 
@@ -15,10 +13,7 @@ void select_rates(const slice_set& slices, const prepared_query& query, const st
     TSIDX* const tsidx = slices.directories.empty() ? nullptr : slices.directories[0].tsidx.get();
     if (tsidx == nullptr) throw tool_failure{EXIT_USAGE, slices.path + " is not a directory of metrics"};
     metric_points points;
-    points.wanted = [&](std::string_view name) {
-        const auto matches = [&](const std::string& pattern) { return metric_name_matches(name, pattern); };
-        return std::any_of(patterns.begin(), patterns.end(), matches);
-    };
+    points.wanted = [&](std::string_view name) { return metric_name_matches(name, patterns); };
     if (metric_points_read(tsidx, query_of_plan(query, query.plans.front()), &points) != 0) {
         throw tool_failure{EXIT_IO, slices.path + ": " + index_failure_text(tsidx)};
     }

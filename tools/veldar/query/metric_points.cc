@@ -147,4 +147,9 @@ bool metric_name_matches(std::string_view text, std::string_view pattern) {
     return text.ends_with(pattern);
 }
 
+bool metric_name_matches(std::string_view text, const std::vector<std::string>& patterns) {
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [&](const std::string& pattern) { return metric_name_matches(text, pattern); });
+}
+
 }  // namespace veldar::tool

@@ -42,5 +42,6 @@ void metric_series_split(std::string_view text, metric_series* series);
 std::shared_ptr<TSIDX> metric_directory_open(const std::string& directory);
 // Whether the text is the pattern, in which `*` stands for any characters.
 bool metric_name_matches(std::string_view text, std::string_view pattern);
+bool metric_name_matches(std::string_view text, const std::vector<std::string>& patterns);  // one of them
 
 }  // namespace veldar::tool

@@ -18,7 +18,7 @@ struct stats_grid {
     log_zone zone;
     std::string every;   // as it was asked for, or what auto chose
     select_bins_t bins;  // where the engine cuts
-    st_timeval_t span;   // for st_query_spec::opt_span, beside the two of the spec
+    st_timeval_t span;   // for st_query_spec::opt_span, beside the offset and the starts
 };
 
 struct stats_grid_request {
@@ -30,7 +30,7 @@ struct stats_grid_request {
 // What is wrong with a text for --every; empty for nothing.
 std::string every_fault(const std::string& every);
 
-// Decides the bins and writes them into the spec; auto takes the times of the events that the index finds. Throws
+// Decides the bins and writes them where the selection finds them; auto takes the times of the events that the index finds. Throws
 // tool_failure.
 stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& slices, const prepared_query& query,
                            select_spec_t* spec);
