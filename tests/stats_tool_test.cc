@@ -422,7 +422,7 @@ TEST_F(StatsTool, WrongArgumentsAndUnreadableSlices) {
         strings arguments;
         const char* said;
     } const wrong[] = {
-        {{"stats", "--agg", "agv(a)"}, "did you mean 'avg'?"},
+        {{"stats", "--agg", "AGV(a)"}, "did you mean 'avg'?"},
         {{"stats", "--agg", "avg"}, "expected a field, such as avg(bytes)"},
         {{"stats", "--agg", "p101(a)"}, "is no aggregate"},
         {{"stats", "--by", "a,,b"}, "expected fields with commas between them"},

@@ -59,7 +59,7 @@ uint32_t find_aggregate(const std::string& name, stats_column* column) {
     }
     std::vector<std::string> names = {"p50", "p90", "p95", "p99"};
     for (const aggregate_name& known : AGGREGATES) names.push_back(known.name);
-    const std::string meant = nearest_name(name, names);
+    const std::string meant = nearest_name(fold_value(name), names);
     throw tool_failure{EXIT_USAGE, "--agg: '" + name + "' is no aggregate; " +
                                        (meant.empty() ? std::string() : "did you mean '" + meant + "'? ") +
                                        "expected " + STATS_AGGREGATES};
