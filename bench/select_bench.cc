@@ -9,6 +9,7 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
+#include "bench/succeed.h"
 #include "searchthing/reading/tsidx_select.h"
 #include "searchthing/st.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
@@ -31,13 +32,13 @@ struct merged_directory {
         THING* const writer = st_open_for_write(dir.path().c_str(), flags, TSIDX_ORDINARY_WRITER, &opts);
         if (writer == nullptr) std::abort();
         put(writer);
-        st_sync(writer);
+        succeed(st_sync(writer));
         warm_rc_t rc;
         const int merged = st_tsidx_optimize_n(st_directory(writer), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, true);
         if (merged != 0 || st_close(writer) != 0) std::abort();
         thing = st_open_for_read(dir.path().c_str());
     }
-    ~merged_directory() { st_close(thing); }
+    ~merged_directory() { succeed(st_close(thing)); }
 };
 
 std::unordered_map<std::string, uint32_t> word_counts;
@@ -54,7 +55,7 @@ THING* events() {
                 if (i >= 7 && i < 9) word_counts[std::string(term)]++;
             }
             if (st_txn_close(writer) != 0) std::abort();
-            if (++put == CORPUS_MILLION / 2) st_sync(writer);
+            if (++put == CORPUS_MILLION / 2) succeed(st_sync(writer));
         }
     });
     return all.thing;
@@ -75,7 +76,7 @@ THING* samples() {
                 st_txn_put(writer, zone.data(), zone.size());
                 if (st_txn_close(writer) != 0) std::abort();
             }
-            if (i == SAMPLES / 2) st_sync(writer);
+            if (i == SAMPLES / 2) succeed(st_sync(writer));
         }
     });
     return all.thing;
