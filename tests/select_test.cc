@@ -87,7 +87,8 @@ expected_rows brute_force(const std::vector<seen_event>& events, const select_op
                     longer.back().first.push_back(text);
                 };
                 if (event.is_metric && group == "metric_name") {
-                    for (const auto& [name, number] : event.measures) {
+                    for (const auto& measure : event.measures) {
+                        const std::string& name = measure.first;
                         const auto wants = [&](const select_projection_t& p) { return metric_matches(p.field, name); };
                         const bool wanted = std::any_of(spec.projections.begin(), spec.projections.end(), wants);
                         const bool same = metric == nullptr || *metric == name;
