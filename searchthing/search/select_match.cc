@@ -144,7 +144,7 @@ int select_lists::count(uint32_t term, uint32_t list_count, std::span<const sele
     };
     if (!is_dense(list_count)) return each(term, list_count, begin, match_.range.end, add, rc);
     ST_TRY(position(term, rc));
-    if (is_probed()) return each(term, list_count, begin, match_.range.end, add, rc);
+    if (is_probed(list_count)) return each(term, list_count, begin, match_.range.end, add, rc);
     selection_.report->lists_counted++;
     ST_TRY(read_dense(begin, match_.range.end, rc));
     for (; stretch < stretches.size(); stretch++) {

@@ -74,9 +74,11 @@ class select_lists {
 
     [[nodiscard]] int position(uint32_t term, warm_rc_t* rc);
     bool is_dense(uint32_t list_count) const { return list_count >= match_.range.size() / 32; }
-    // The chunks of a bitmap that hold a match are read, and only those.
-    bool is_probed() const {
-        return reader_.plo_type == PLO_BMAP && !match_.ids.empty() && match_.ids.size() <= match_.range.size() / 2048;
+    // Of a bitmap the chunks that hold a match are read and only those; gaps are passed eight at a time.
+    bool is_probed(uint32_t list_count) const {
+        if (match_.ids.empty()) return false;
+        const bool is_bitmap = reader_.plo_type == PLO_BMAP;
+        return match_.ids.size() <= (is_bitmap ? match_.range.size() / 2048 : list_count / 8);
     }
     // Fills `dense_` with the term's matches of [begin, end); bit 0 is number `begin`, which begins a byte of the match.
     [[nodiscard]] int read_dense(uint32_t begin, uint32_t end, warm_rc_t* rc);
@@ -92,7 +94,7 @@ class select_lists {
 template <typename Fn>
 int select_lists::each(uint32_t term, uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc) {
     ST_TRY(position(term, rc));
-    if (is_probed()) {
+    if (is_probed(list_count)) {
         selection_.report->lists_probed++;
         const auto first = std::lower_bound(match_.ids.begin(), match_.ids.end(), begin);
         uint32_t found = 0;
