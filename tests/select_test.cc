@@ -552,6 +552,95 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
               "ST projection on legacy MSIDX V1 and V2 buckets has no group-by: metric_name");
 }
 
+// A table as text, but for sums, whose last digits may depend on the slices.
+std::string digest(const select_table_t& table) {
+    std::string text;
+    for (size_t i = 0; i < table.rows.size(); i++) {
+        const select_row_t row = select_table_row(table, i);
+        text += std::to_string(row.bin) + std::string(row.groups) + std::to_string(row.count);
+        for (const select_cell_t& cell : row.cells) {
+            text += " " + std::to_string(cell.count) + " " + std::to_string(cell.numbers) + " ";
+            text += number_text(cell.minimum) + " " + number_text(cell.maximum);
+            for (const std::string& value : cell.values->texts) text += " " + value;
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+// Whatever call or allocation fails, there is the whole answer or a status; a merge in the middle changes no answer.
+TEST_F(Select, FailuresAndMergesMeanwhile) {
+    select_options_t options;
+    options.query.lispy = "[AND [NOT x]]";
+    options.query.opt_span = {60, 0};
+    const auto ask = [&](const std::string& path, bool is_metric, std::string* bytes) {
+        TSWRITEOPTS opts;
+        st_tsidx_write_opts_init_write_level(&opts, 0);
+        TSIDX* const tsidx = st_tsidx_open(path.c_str(), 0, is_metric, &opts, TSIDX_ORDINARY_WRITER);
+        if (tsidx == nullptr) return -1;
+        options.sources = {{tsidx, {}}};
+        select_table_t table;
+        warm_rc_t rc;
+        const int status = select_read(options, &table, nullptr, &rc);
+        const fault_truce own;
+        if (status == 0) *bytes = digest(table);
+        EXPECT_EQ(st_tsidx_close(tsidx), 0);
+        return status;
+    };
+    for (const bool is_metric : {false, true}) {
+        const auto make = [&](const temp_dir& dir) {
+            for (uint32_t slice = 1; slice <= 3; slice++) {
+                std::vector<forge_event> events = forge_random_events(slice, 40);
+                for (forge_event& event : events) event.deleted = false;
+                if (is_metric) {
+                    forge_metric_options kind;
+                    kind.terms.wflags = FORGE_TAG2;
+                    forge_metric_file(dir.path(), random_metric_events(slice, 40), kind, slice);
+                } else {
+                    forge_file(dir.path(), events, forge_as_created(4), slice);
+                }
+            }
+        };
+        options.spec.groups = {"host", is_metric ? "metric_name" : "status"};
+        options.spec.projections = {{is_metric ? "*" : "bytes", SELECT_MIN | SELECT_DC | SELECT_VALUES}};
+        const temp_dir dir;
+        make(dir);
+        std::string expected;
+        ASSERT_EQ(ask(dir.path(), is_metric, &expected), 0);
+        uint32_t failed = 0;
+        for (const fault_action action : {fault_action::fail, fault_action::allocation, fault_action::shorten}) {
+            bool has_struck = true;
+            for (uint64_t nth = 1; has_struck; nth += action == fault_action::allocation ? 3 : 1) {
+                const fault_step step(action, nth, EIO);
+                std::string bytes;
+                const int status = ask(dir.path(), is_metric, &bytes);
+                has_struck = (action == fault_action::allocation ? step.allocations() : step.calls()) >= nth;
+                ASSERT_TRUE(status < 0 || bytes == expected) << nth;
+                failed += status < 0 ? 1 : 0;
+            }
+        }
+        EXPECT_GT(failed, 20u);
+        bool has_struck = true;
+        for (uint64_t nth = 1; has_struck; nth++) {
+            const temp_dir merged;
+            make(merged);
+            const auto merge = [&] {
+                TSWRITEOPTS opts;
+                st_tsidx_write_opts_init_write_level(&opts, 4);
+                TSIDX* const other = st_tsidx_open(merged.path().c_str(), 0, is_metric, &opts, TSIDX_ORDINARY_WRITER);
+                warm_rc_t rc;
+                EXPECT_EQ(st_tsidx_optimize_n(other, TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false), 0) << rc.message;
+                EXPECT_EQ(st_tsidx_close(other), 0);
+            };
+            const fault_step step(nth, merge);
+            std::string bytes;
+            ASSERT_EQ(ask(merged.path(), is_metric, &bytes), 0);
+            has_struck = step.calls() >= nth;
+            ASSERT_EQ(bytes, expected) << nth;
+        }
+    }
+}
+
 // The handle: a copy of everything, nothing done before the first read, rows in order, refusals.
 TEST_F(Select, HandlesReadRows) {
     const temp_dir dir;
