@@ -1,6 +1,7 @@
 // veldar stats and top: counts and aggregates by time and by fields.
 #include "tools/veldar/commands/stats.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include "tools/veldar/load/stats_events.h"
@@ -121,8 +122,7 @@ void add_stats_command(const command& veldar) {
     add_stats_view_options(stats, &options.view);
     stats.text("--format", &options.view.format, "table, tsv, csv or jsonl; without it --every draws on a terminal")
         .one_of(TABLE_FORMATS);
-    static const std::string footer = std::string("Aggregates: ") + STATS_AGGREGATES + ".";
-    stats.footer(footer.c_str());
+    stats.footer(fmt::format("Aggregates: {}.", STATS_AGGREGATES).c_str());
     stats.run([](const tool_context& context) { return stats_run(context, options); });
 }
 
