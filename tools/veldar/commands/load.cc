@@ -12,6 +12,9 @@ namespace veldar::tool {
 namespace {
 
 int load_run(const tool_context& context, const load_options& options) {
+    if (!options.time_format.empty() && !options.format.empty() && options.format != "text") {
+        throw tool_failure{EXIT_USAGE, "--time-format is for lines of the format text, not " + options.format};
+    }
     loader load;
     loader_open(&load, store_choose(context.store), options);
     tool_catch_interrupts();
@@ -46,6 +49,18 @@ void add_load_command(const command& veldar) {
             log_zone zone;
             return log_zone_from_name(name, &zone) ? std::string() : "unknown time zone " + name;
         });
+    load.text(
+            "--time-format", &options.time_format,
+            "How lines say their time, wherever they do, such as \"%d/%m/%Y %T\": "
+            "%Y %y %m %d %b %a %H %M %S %p %f %z %Z as usual, %T and %R with fraction and zone, %s seconds since 1970")
+        .checked([](const std::string& pattern) {
+            time_place place;
+            const char* const fault = time_place_from_pattern(pattern, &place);
+            return fault == nullptr ? std::string() : pattern + " " + fault;
+        });
+    load.text("--date-order", &options.date_order,
+              "Order of dates such as 01/02/2026; the values tell it where they can")
+        .one_of({"dmy", "mdy", "ymd"});
     load.number("--year", &options.year, 1970, 2037, "Year of the first line, for times without a year");
     load.text("--host", &options.host, "The events' host, instead of the log's or this machine's");
     load.text("--sourcetype", &options.sourcetype, "The events' sourcetype, instead of the format's name");

@@ -22,7 +22,7 @@ constexpr line_format FORMATS[] = {
     {"iso8601", "lines that begin with 2015-10-18 18:01:47,978 or the like (ISO 8601, RFC 3339)", parse_iso8601},
     {"yymmdd", "lines that begin with 081109 203615", parse_yymmdd},
     {"epoch", "lines that begin with seconds (or milliseconds) since 1970", parse_epoch},
-    {"text", "anything else: no time", parse_text},
+    {"text", "anything else: lines that say their time anywhere in their first 200 bytes, or not at all", parse_text},
 };
 constexpr size_t TEXT = std::size(FORMATS) - 1;
 
@@ -129,6 +129,7 @@ void add_dash_field(parsed_line* out, std::string_view name, std::string_view va
 
 void set_time(parsed_line* out, const log_stamp& stamp, format_context* context) {
     out->has_time = stamp_to_time(stamp, &context->zone, &out->time);
+    if (!stamp.unclear_zone.empty() && context->unclear_zone.empty()) context->unclear_zone = stamp.unclear_zone;
 }
 
 std::string_view begin_parse(std::string_view line, parsed_line* out) {
@@ -144,8 +145,10 @@ bool parse_as_text(std::string_view line, parsed_line* out) {
     return false;
 }
 
-bool parse_text(std::string_view line, format_context*, parsed_line* out) {
-    add_pairs(out, begin_parse(line, out));
+bool parse_text(std::string_view line, format_context* context, parsed_line* out) {
+    const std::string_view text = begin_parse(line, out);
+    if (context->times.known()) add_placed_time(text, context, out);
+    add_pairs(out, text);
     return true;
 }
 
@@ -157,6 +160,17 @@ const line_format* format_by_name(std::string_view name) {
     auto found =
         std::find_if(std::begin(FORMATS), std::end(FORMATS), [&](const line_format& f) { return name == f.name; });
     return found == std::end(FORMATS) ? nullptr : found;
+}
+
+std::string format_record(const line_format& format, const format_context& context) {
+    const std::string place = &format == &FORMATS[TEXT] ? time_place_text(context.times) : std::string();
+    return place.empty() ? format.name : format.name + (" " + place);
+}
+
+const line_format* format_by_record(std::string_view record, format_context* context) {
+    const size_t blank = record.find(' ');
+    const std::string_view place = blank == std::string_view::npos ? std::string_view() : record.substr(blank + 1);
+    return time_place_from_text(place, &context->times) ? format_by_name(record.substr(0, blank)) : nullptr;
 }
 
 std::string format_names() {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tools/veldar/formats/log_time.h"
+#include "tools/veldar/formats/time_place.h"
 
 namespace veldar::tool {
 
@@ -45,6 +46,9 @@ struct format_context {
     int64_t modified_s = NO_TIME_SEEN;    // the file's modification time, or now for a pipe: no inferred time is later
                                           // than a day after it
     int64_t last_local_s = NO_TIME_SEEN;  // state: the last time with an inferred year, in local seconds
+    time_place times;                     // of the text format: where its lines say their time
+    int64_t boot_s = NO_TIME_SEEN;        // what seconds since the machine started count from; unknown: no time
+    std::string unclear_zone;             // state: the first zone's name that means several offsets
 };
 
 struct line_format {
@@ -59,7 +63,10 @@ struct line_format {
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
 std::span<const line_format> line_formats();
 const line_format* format_by_name(std::string_view name);  // null when unknown
-std::string format_names();                                // "access, syslog, ...", for --help
+// What a store keeps of a file's format, and back: the name, and behind a blank the place of a text's times.
+std::string format_record(const line_format& format, const format_context& context);
+const line_format* format_by_record(std::string_view record, format_context* context);
+std::string format_names();  // "access, syslog, ...", for --help
 
 // The format that most of `first_lines` have (a hundred lines are plenty), the more specific of two that fit about
 // equally well; "text" when no format fits a quarter of the lines that begin a record. Never null.

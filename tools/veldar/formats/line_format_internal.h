@@ -27,6 +27,12 @@ void add_field(parsed_line* out, std::string_view name, std::string_view value);
 // Adds the field unless the value is empty or "-", which stands for "none" in logs of web servers and of syslog.
 void add_dash_field(parsed_line* out, std::string_view name, std::string_view value);
 void set_time(parsed_line* out, const log_stamp& stamp, format_context* context);
+// The same for a time without a year: that of the file or of the line before tells it.
+void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context);
+// Either, for a time that a shape found.
+void set_shape_time(parsed_line* out, const shape_time& time, format_context* context);
+// The time that the text says at the context's place, and a level beside it.
+void add_placed_time(std::string_view text, format_context* context, parsed_line* out);
 
 // The size of a quoted text behind its opening quote, a backslash keeping the next byte; npos when it is not closed.
 size_t quoted_size(std::string_view text, char quote);

@@ -31,7 +31,9 @@ using simdjson::ondemand::value;
 
 constexpr int DEPTH_MAX = 32;        // deeper members are no fields
 constexpr size_t FIELDS_MAX = 1024;  // nor are those past this number
-constexpr std::string_view TIME_NAMES[] = {"@timestamp", "timestamp", "time", "ts", "datetime", "date"};
+constexpr std::string_view TIME_NAMES[] = {"@timestamp",   "timestamp", "time",    "ts",
+                                           "datetime",     "date",      "@t",      "eventTime",
+                                           "timeUnixNano", "asctime",   "t.$date", "__REALTIME_TIMESTAMP"};
 constexpr std::string_view TEXT_NAMES[] = {"message", "msg", "log"};
 
 struct json_walk {
@@ -54,7 +56,10 @@ bool take_any_time(std::string_view text, log_stamp* out) {
         *out = {};
         if (take(&rest, out)) return true;
     }
-    return false;
+    shape_time time;
+    const bool taken = time_place_take_whole(text, &time);
+    *out = time.stamp;
+    return taken;
 }
 
 // The first member with a time member's name that holds a time gives the event's time, and is no field.
@@ -66,7 +71,8 @@ bool take_member_time(json_walk* walk, std::string_view name, std::string_view t
 }
 
 void walk_scalar(json_walk* walk, std::string_view name, std::string_view text, int depth) {
-    if (depth == 1 && take_member_time(walk, name, text)) return;
+    const bool member = depth == 1 || (depth == 2 && name.find('.') != std::string_view::npos);
+    if (member && take_member_time(walk, name, text)) return;
     if (!name.empty() && walk->out->fields.size() < FIELDS_MAX) add_field(walk->out, name, text);
     if (depth == 1 && is_named(name, TEXT_NAMES)) add_pairs(walk->out, text);
 }

@@ -143,6 +143,17 @@ bool is_level(std::string_view word) {
     return std::find(std::begin(LEVELS), std::end(LEVELS), name) != std::end(LEVELS);
 }
 
+void add_placed_time(std::string_view text, format_context* context, parsed_line* out) {
+    shape_time time;
+    std::string_view where;
+    if (!time_place_take(context->times, text, &time, &where)) return;
+    set_shape_time(out, time, context);
+    std::string_view before = text.substr(0, static_cast<size_t>(where.data() - text.data()));
+    std::string_view behind = text.substr(before.size() + where.size());
+    if (!time.level.empty()) return add_field(out, "level", time.level);
+    if (!take_level(&before, out) && take_level(&behind, out)) add_origin(behind, out);
+}
+
 bool parse_iso8601(std::string_view line, format_context* context, parsed_line* out) {
     return parse_stamped(line, take_iso8601, context, out);
 }

@@ -101,15 +101,6 @@ bool next_year(const yearless_stamp& stamp, format_context* context, int64_t* lo
     return found;
 }
 
-void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context) {
-    int64_t local_s = 0;
-    bool first = context->last_local_s == NO_TIME_SEEN;
-    if (!(first ? first_year(stamp, context, &local_s) : next_year(stamp, context, &local_s))) return;
-    int64_t epoch_s = log_zone_to_epoch(&context->zone, local_s);
-    out->has_time = log_time_store(epoch_s, stamp.nanoseconds, &out->time);
-    if (out->has_time) context->last_local_s = local_s;
-}
-
 // The elements of structured data, `[id name="value" ...]` one behind the other or "-"; each value is a field.
 bool take_structured_data(std::string_view* rest, parsed_line* out) {
     if (take_char(rest, '-')) return true;
@@ -131,6 +122,29 @@ bool take_structured_data(std::string_view* rest, parsed_line* out) {
 }
 
 }  // namespace
+
+void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context) {
+    int64_t local_s = 0;
+    bool first = context->last_local_s == NO_TIME_SEEN;
+    if (!(first ? first_year(stamp, context, &local_s) : next_year(stamp, context, &local_s))) return;
+    int64_t epoch_s = log_zone_to_epoch(&context->zone, local_s);
+    out->has_time = log_time_store(epoch_s, stamp.nanoseconds, &out->time);
+    if (out->has_time) context->last_local_s = local_s;
+}
+
+void set_shape_time(parsed_line* out, const shape_time& time, format_context* context) {
+    if (!time.has_year && !time.since_boot) {
+        const log_zone zone = context->zone;
+        if (time.stamp.has_offset) context->zone = {nullptr, time.stamp.offset_s};
+        set_yearless_time(out, time.yearless, context);
+        context->zone = zone;
+        return;
+    }
+    log_stamp stamp = time.stamp;
+    if (time.since_boot && context->boot_s == NO_TIME_SEEN) return;
+    if (time.since_boot) stamp.local_s += context->boot_s;
+    set_time(out, stamp, context);
+}
 
 bool parse_syslog(std::string_view line, format_context* context, parsed_line* out) {
     std::string_view rest = begin_parse(line, out);

@@ -1,5 +1,6 @@
 #include "tools/veldar/formats/log_stamp.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace veldar::tool {
@@ -12,31 +13,6 @@ bool is_digit(char c) {
 }
 bool next_is_digit(std::string_view rest) {
     return !rest.empty() && is_digit(rest[0]);
-}
-
-// A fraction's digits as nanoseconds; those past the ninth are dropped.
-bool take_fraction(std::string_view* rest, uint32_t* nanoseconds) {
-    if (!next_is_digit(*rest)) return false;
-    uint32_t value = 0, unit = 1000000000;
-    for (; next_is_digit(*rest); rest->remove_prefix(1)) {
-        unit /= 10;
-        value += static_cast<uint32_t>((*rest)[0] - '0') * unit;
-    }
-    *nanoseconds = value;
-    return true;
-}
-
-// A fraction behind '.' or ','; nothing is taken when no digit follows the mark.
-void take_optional_fraction(std::string_view* rest, uint32_t* nanoseconds) {
-    if (rest->size() < 2 || ((*rest)[0] != '.' && (*rest)[0] != ',') || !is_digit((*rest)[1])) return;
-    rest->remove_prefix(1);
-    take_fraction(rest, nanoseconds);
-}
-
-bool check_clock(int64_t hour, int64_t minute, int64_t second, int64_t* second_of_day) {
-    if (hour > 23 || minute > 59 || second > 60) return false;  // 60: a leap second, counted as the next minute's first
-    *second_of_day = hour * 3600 + minute * 60 + second;
-    return true;
 }
 
 // "17:41:44"
@@ -52,21 +28,6 @@ bool take_packed_clock(std::string_view* rest, int64_t* second_of_day) {
     int64_t hour = 0, minute = 0, second = 0;
     return take_digits(rest, 2, &hour) && take_digits(rest, 2, &minute) && take_digits(rest, 2, &second) &&
            check_clock(hour, minute, second, second_of_day);
-}
-
-// "Dec" or "dec", 1 to 12.
-bool take_month(std::string_view* rest, unsigned* month) {
-    constexpr std::string_view MONTHS = "janfebmaraprmayjunjulaugsepoctnovdec";
-    if (rest->size() < 3) return false;
-    char name[3];
-    for (size_t i = 0; i < 3; i++) name[i] = static_cast<char>((*rest)[i] | 0x20);
-    for (size_t at = 0; at < MONTHS.size(); at += 3) {
-        if (MONTHS.substr(at, 3) != std::string_view(name, 3)) continue;
-        *month = static_cast<unsigned>(at / 3 + 1);
-        rest->remove_prefix(3);
-        return true;
-    }
-    return false;
 }
 
 // "9", " 9", "09", "19"
@@ -96,9 +57,44 @@ bool take_numeric_offset(std::string_view* rest, log_stamp* out) {
     return true;
 }
 
-bool ends_word(std::string_view rest) {
-    return rest.empty() ||
-           !((rest[0] >= 'a' && rest[0] <= 'z') || (rest[0] >= 'A' && rest[0] <= 'Z') || is_digit(rest[0]));
+struct zone_name {
+    std::string_view name;
+    int minutes;  // east of UTC
+};
+
+// The abbreviations that mean one offset only, as far as the zone database goes today.
+constexpr zone_name ZONE_NAMES[] = {
+    {"WET", 0},    {"WEST", 60},  {"CET", 60},   {"CEST", 120}, {"EET", 120},  {"EEST", 180},  {"MSK", 180},
+    {"EST", -300}, {"EDT", -240}, {"MST", -420}, {"MDT", -360}, {"PDT", -420}, {"AKST", -540}, {"AKDT", -480},
+    {"HST", -600}, {"JST", 540},  {"KST", 540},  {"HKT", 480},  {"SGT", 480},  {"PKT", 300},   {"AWST", 480},
+    {"ACST", 570}, {"ACDT", 630}, {"AEST", 600}, {"AEDT", 660}, {"NZST", 720}, {"NZDT", 780},  {"SAST", 120}};
+constexpr std::string_view UNCLEAR_ZONES[] = {"CST", "CDT", "PST", "IST", "BST", "AST", "ADT", "SST", "GST", "AMT"};
+
+// The capitals at the front of the text.
+std::string_view front_capitals(std::string_view text) {
+    size_t size = 0;
+    while (size < text.size() && text[size] >= 'A' && text[size] <= 'Z') size++;
+    return ends_word(text.substr(size)) ? text.substr(0, size) : std::string_view();
+}
+
+// A zone of the tables above at the front of the text.
+bool take_listed_zone(std::string_view* rest, log_stamp* out) {
+    const std::string_view name = front_capitals(*rest);
+    if (name.size() < 3 || name.size() > 4) return false;
+    for (const zone_name& zone : ZONE_NAMES) {
+        if (zone.name != name) continue;
+        out->has_offset = true;
+        out->offset_s = zone.minutes * 60;
+        rest->remove_prefix(name.size());
+        return true;
+    }
+    for (const std::string_view unclear : UNCLEAR_ZONES) {
+        if (unclear != name) continue;
+        out->unclear_zone = name;
+        rest->remove_prefix(name.size());
+        return true;
+    }
+    return false;
 }
 
 bool take_named_utc(std::string_view* rest, log_stamp* out) {
@@ -109,15 +105,6 @@ bool take_named_utc(std::string_view* rest, log_stamp* out) {
         return true;
     }
     return false;
-}
-
-// The zone behind a time, glued to it or behind one blank. Behind a blank only what cannot be anything else is one.
-void take_optional_zone(std::string_view* rest, log_stamp* out) {
-    if (take_named_utc(rest, out) || take_numeric_offset(rest, out)) return;
-    std::string_view left = *rest;
-    if (!take_char(&left, ' ')) return;
-    bool full_offset = left.size() >= 5 && (is_digit(left[3]) || left[3] == ':');
-    if (take_named_utc(&left, out) || (full_offset && take_numeric_offset(&left, out))) *rest = left;
 }
 
 bool stamp_set(int64_t year, int64_t month, int64_t day, int64_t second_of_day, log_stamp* out) {
@@ -147,6 +134,73 @@ bool take_extended_iso8601(std::string_view* rest, log_stamp* out) {
 }
 
 }  // namespace
+
+// Digits past the ninth are dropped.
+bool take_fraction(std::string_view* rest, uint32_t* nanoseconds) {
+    if (!next_is_digit(*rest)) return false;
+    uint32_t value = 0, unit = 1000000000;
+    for (; next_is_digit(*rest); rest->remove_prefix(1)) {
+        unit /= 10;
+        value += static_cast<uint32_t>((*rest)[0] - '0') * unit;
+    }
+    *nanoseconds = value;
+    return true;
+}
+
+// A fraction behind '.' or ','; nothing is taken when no digit follows the mark.
+void take_optional_fraction(std::string_view* rest, uint32_t* nanoseconds) {
+    if (rest->size() < 2 || ((*rest)[0] != '.' && (*rest)[0] != ',') || !is_digit((*rest)[1])) return;
+    rest->remove_prefix(1);
+    take_fraction(rest, nanoseconds);
+}
+
+bool check_clock(int64_t hour, int64_t minute, int64_t second, int64_t* second_of_day) {
+    if (hour > 23 || minute > 59 || second > 60) return false;  // 60: a leap second, counted as the next minute's first
+    *second_of_day = hour * 3600 + minute * 60 + second;
+    return true;
+}
+
+// The month's number, 1 to 12.
+bool take_month(std::string_view* rest, unsigned* month) {
+    constexpr std::string_view MONTHS[] = {"january", "february", "march",     "april",   "may",      "june",
+                                           "july",    "august",   "september", "october", "november", "december"};
+    const auto has = [rest](std::string_view name) {
+        return rest->size() >= name.size() &&
+               std::equal(name.begin(), name.end(), rest->begin(), [](char a, char b) { return a == (b | 0x20); });
+    };
+    for (unsigned i = 0; i < std::size(MONTHS); i++) {
+        if (!has(MONTHS[i].substr(0, 3))) continue;
+        *month = i + 1;
+        rest->remove_prefix(has(MONTHS[i]) ? MONTHS[i].size() : 3);
+        return true;
+    }
+    return false;
+}
+
+bool ends_word(std::string_view rest) {
+    return rest.empty() ||
+           !((rest[0] >= 'a' && rest[0] <= 'z') || (rest[0] >= 'A' && rest[0] <= 'Z') || is_digit(rest[0]));
+}
+
+// The zone behind a time, glued to it or behind one blank. Behind a blank only what cannot be anything else is one.
+void take_optional_zone(std::string_view* rest, log_stamp* out) {
+    if (take_named_utc(rest, out) || take_numeric_offset(rest, out)) return;
+    std::string_view left = *rest;
+    if (!take_char(&left, ' ')) return;
+    bool full_offset = left.size() >= 5 && (is_digit(left[3]) || left[3] == ':');
+    const bool zone =
+        take_named_utc(&left, out) || (full_offset && take_numeric_offset(&left, out)) || take_listed_zone(&left, out);
+    if (zone) *rest = left;
+}
+
+bool take_zone_name(std::string_view* rest, log_stamp* out) {
+    if (take_named_utc(rest, out) || take_numeric_offset(rest, out) || take_listed_zone(rest, out)) return true;
+    const std::string_view name = front_capitals(*rest);
+    if (name.empty() || name.size() > 5) return false;
+    out->unclear_zone = name;
+    rest->remove_prefix(name.size());
+    return true;
+}
 
 bool take_char(std::string_view* rest, char c) {
     if (rest->empty() || (*rest)[0] != c) return false;

@@ -14,6 +14,7 @@ struct log_stamp {
     uint32_t nanoseconds = 0;
     bool has_offset = false;  // the line itself says the offset; otherwise the context's zone holds
     int64_t offset_s = 0;
+    std::string_view unclear_zone;  // a zone's name that means several offsets, as the line has it
 };
 
 // A time without its year.
@@ -28,6 +29,16 @@ bool take_digits(std::string_view* rest, size_t count, int64_t* out);  // exactl
 void skip_blanks(std::string_view* rest);
 void skip_utf8_mark(std::string_view* rest);         // the byte order mark at the front of some files
 std::string_view take_word(std::string_view* rest);  // up to a blank or the end, and the blanks behind it
+
+bool take_month(std::string_view* rest, unsigned* month);                    // "Nov" or "November" in any case
+bool take_fraction(std::string_view* rest, uint32_t* nanoseconds);           // its digits
+void take_optional_fraction(std::string_view* rest, uint32_t* nanoseconds);  // "." or "," and digits, or nothing
+bool ends_word(std::string_view rest);                                       // no letter or digit follows
+// The zone behind a time, glued to it or behind one blank, where there is one.
+void take_optional_zone(std::string_view* rest, log_stamp* out);
+// A zone's name, known or not.
+bool take_zone_name(std::string_view* rest, log_stamp* out);
+bool check_clock(int64_t hour, int64_t minute, int64_t second, int64_t* second_of_day);
 
 // Days since the epoch of a civil date; false when there is no such day.
 bool days_from_date(int64_t year, int64_t month, int64_t day, int64_t* out);

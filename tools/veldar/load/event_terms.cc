@@ -10,7 +10,7 @@ std::span<const std::string_view> event_terms_of(event_terms* terms, const event
     if (record == nullptr) return {};
     const event_source& source = *terms->source;
     log_event_maker* const maker = &terms->maker;
-    const line_format* const format = format_by_name(record->file->format);
+    const line_format* const format = format_by_record(record->file->format, &maker->context);
     maker->format = format != nullptr ? format : format_by_name("text");
     // The index has the numbers of the names that the event got, whichever options the load had.
     maker->host = event_source_name(source.hosts, event.value.h);

@@ -12,11 +12,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "tools/veldar/load/log_form.h"
 #include "tools/veldar/load/put_line.h"
 #include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/store/raw_reader.h"
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -33,6 +35,7 @@ struct file_load {
     uint64_t from = 0;  // where reading begins
     bool in_stretch = false;
     uint64_t events = 0;
+    uint64_t dated_by_file = 0;  // of these, the first ones
 };
 
 store_bucket& bucket_of(loader* load) {
@@ -126,6 +129,7 @@ st_txn event_txn(loader* load, const file_load& one) {
 void put_record(loader* load, file_load* one, uint64_t offset, std::string_view text) {
     open_stretch(load, one, offset);
     log_event_make(&load->event, text);
+    if (!load->event.first.has_time) (load->event.from_file ? one->dated_by_file : load->totals.dated_by_line)++;
     const st_txn txn = event_txn(load, *one);
     if (index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms))) {
         load->totals.add_event(txn.time);
@@ -170,6 +174,16 @@ void load_points(const loader& load, file_load* one) {
     }
 }
 
+// Tells what a reader of the times has to know.
+void note_times(loader* load, const file_load& one) {
+    load->totals.dated_by_file += one.dated_by_file;
+    const log_form_counts counts = {one.events, one.dated_by_file, one.input.pipe};
+    for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
+        progress_clear(&load->shown);
+        say_trouble((one.input.pipe ? "standard input" : one.input.path) + ": " + note);
+    }
+}
+
 // The format context, names and numbers of a file that is new or goes on.
 void choose_names(loader* load, file_load* one, const std::string& source) {
     const load_options& options = *load->options;
@@ -181,10 +195,7 @@ void choose_names(loader* load, file_load* one, const std::string& source) {
     event->context.modified_s =
         one->input.pipe ? std::time(nullptr) : static_cast<int64_t>(one->input.modified_ns / 1000000000u);
     event->has_time = false;
-    event->format = options.format.empty() ? format_by_name(one->file.format) : format_by_name(options.format);
-    // "text" may only say that the log was too short to tell when it was first seen.
-    const bool undecided = options.format.empty() && one->file.format == "text";
-    if (event->format == nullptr || undecided) event->format = log_event_detect(one->input.head, event->context);
+    event->format = log_form_choose(options, one->input.head, one->file.format, &event->context);
     store* const st = &load->st;
     const bool has_name = !is_new && one->file.source < st->sources.names.size();
     event->source = has_name ? st->sources.names[one->file.source] : source;
@@ -194,7 +205,7 @@ void choose_names(loader* load, file_load* one, const std::string& source) {
     one->file.source = store_number(&st->sources, event->source);
     one->file.sourcetype = store_number(&st->sourcetypes, event->sourcetype);
     one->file.host = store_number(&st->hosts, event->host);
-    one->file.format = event->format->name;
+    one->file.format = format_record(*event->format, event->context);
 }
 
 // Where the file stands now and how it begins.
@@ -265,6 +276,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     load->totals.bytes_in += one->reader.offset - one->from;
     if (one->reader.spool_errno != 0) fail_io("cannot write the copy of the input", one->reader.spool_errno);
     note_progress(load, *one);
+    note_times(load, *one);
     save_points(load, *one);
     *error = one->reader.error;
     if (error->empty() && limit != SOURCE_NO_LIMIT && one->reader.offset < limit && tool_interrupted == 0) {
@@ -378,6 +390,7 @@ bool loader_load(loader* load, const std::string& path, std::string* error) {
     if (!log_input_open(&one.input, path, error)) return false;
     *error = foreign_content(one.input.head);
     if (!error->empty()) return false;
+    if (!log_form_check(*load->options, load->zone, one.input.head, error)) return false;
     const bool read = one.input.pipe ? load_pipe(load, &one, error) : load_file(load, &one, path, error);
     load->bytes_done += one.input.size;
     return read;

@@ -20,6 +20,7 @@ inline constexpr uint64_t BUCKET_BYTES_MAX = (uint64_t{1} << 32) - 4096;
 struct load_options {
     std::vector<std::string> files;
     std::string format, zone, host, sourcetype;
+    std::string time_format, date_order;
     int year = 0;
     bool no_fsync = false;
     bool no_optimize = false;

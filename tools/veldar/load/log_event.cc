@@ -10,7 +10,6 @@ namespace veldar::tool {
 
 namespace {
 
-constexpr size_t DETECT_LINES = 100;
 constexpr std::string_view HOST = "host", SOURCE = "source", SOURCETYPE = "sourcetype";
 
 // Takes the first line, without its line end, off the text.
@@ -27,6 +26,7 @@ void parse_first(log_event_maker* maker, std::string_view line) {
     if (!maker->first.has_time) return;
     maker->time = maker->first.time;
     maker->has_time = true;
+    maker->from_file = false;
 }
 
 // Only the syslog formats know their host from a place in the line; elsewhere a field of that name may be anybody's.
@@ -44,18 +44,6 @@ std::string_view host_of(const log_event_maker& maker) {
 
 }  // namespace
 
-const line_format* log_event_detect(std::string_view head, const format_context& context) {
-    std::string plain;
-    head = uncoloured(head, &plain);
-    std::vector<std::string_view> lines;
-    while (!head.empty() && lines.size() < DETECT_LINES) {
-        const bool whole = head.find('\n') != std::string_view::npos;
-        const std::string_view line = take_line(&head);
-        if (whole || lines.empty()) lines.push_back(line);
-    }
-    return detect_format(lines, context);
-}
-
 void log_event_note(log_event_maker* maker, std::string_view record) {
     parse_first(maker, take_line(&record));
 }
@@ -64,6 +52,7 @@ void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_
     const format_context before = maker->context;
     while (!maker->has_time && !lines.empty()) parse_first(maker, take_line(&lines));
     maker->context = before;
+    maker->from_file = !maker->has_time;
     if (!maker->has_time && !log_time_store(otherwise, 0, &maker->time)) maker->time = {};
     maker->has_time = true;
 }

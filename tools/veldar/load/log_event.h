@@ -18,6 +18,7 @@ struct log_event_maker {
     bool host_fixed = false;
     st_timeval_t time;  // of the last record: what a record without a time takes
     bool has_time = false;
+    bool from_file = false;  // it is not from a record, but from the file
 
     parsed_line first, continued;
     term_set terms;
@@ -25,8 +26,6 @@ struct log_event_maker {
     std::string_view line_host;  // of the last record made
 };
 
-// Detects the format from the beginning of the log.
-const line_format* log_event_detect(std::string_view head, const format_context& context);
 // Takes over the time of a record, and what its format remembers from line to line, without making an event.
 void log_event_note(log_event_maker* maker, std::string_view record);
 // When no time is known yet: takes the first that stands in these lines, else `otherwise`.

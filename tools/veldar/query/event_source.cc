@@ -55,7 +55,8 @@ bool keep_whole_seconds(const slice_set& slices) {
 
 // The text in which phrases are looked for: the record's, and what its colours and the escapes of JSON hide.
 std::string_view searched_text(const raw_record& record, std::string* scratch) {
-    const line_format* const format = format_by_name(record.file->format);
+    format_context context;
+    const line_format* const format = format_by_record(record.file->format, &context);
     std::string decoded;
     std::string_view text = record.text;
     if (format != nullptr && format->is_json) text = json_text(text, &decoded);
@@ -116,8 +117,9 @@ bool event_source_context(event_source* source, const event_t& event, uint32_t b
 bool event_source_fraction(event_source* source, const event_t& event, uint64_t* nanoseconds) {
     const raw_record* const record = event_source_record(source, event);
     if (record == nullptr) return false;
-    const line_format* const format = format_by_name(record->file->format);
     format_context context;
+    const line_format* const format = format_by_record(record->file->format, &context);
+    context.boot_s = 0;  // whole seconds change no fraction
     context.modified_s = static_cast<int64_t>(record->file->modified_ns / NANOSECONDS);
     *nanoseconds = 0;
     if (format == nullptr || has_fraction(*format, &context, record->text, nanoseconds)) return true;

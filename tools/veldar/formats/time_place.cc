@@ -1,0 +1,273 @@
+#include "tools/veldar/formats/time_place.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <vector>
+
+#include "tools/veldar/formats/line_format.h"
+
+namespace veldar::tool {
+namespace {
+
+constexpr int64_t DAY_S = 86400;
+constexpr size_t WORDS_MAX = TIME_HEAD;
+
+// The shapes that are looked for. Of two that fit a log equally well at one place the earlier is taken.
+constexpr const char* PATTERNS[] = {
+    "%Y-%m-%d%t%T",          // ISO 8601 and its relatives
+    "%Y-%m-%d%t%R",          //
+    "%Y/%m/%d%t%T",          //
+    "%Y/%m/%d%t%R",          //
+    "%Y.%m.%d%t%T",          //
+    "%Y:%m:%d%t%T",          // cameras
+    "%Y-%m-%d%t%H.%M.%S%q",  // 2005-06-03-15.42.50.363779
+    "%Y-%m-%d%t%H-%M-%S",    //
+    "%Y%m%d%t%T",            //
+    "%Y%m%d%t%H:%M:%S:%L",   // 20171223-22:15:29:606
+    "%Y%m%d%t%H%M%S%q%z",    // basic ISO 8601
+    "%Y%m%d%H%M%S%q%z",      //
+    "%d/%b/%Y%t%T",          // web servers
+    "%d-%b-%Y%t%T",          // Tomcat, Oracle
+    "%d %b %Y%t%T",          // RFC 1123
+    "%d %b %H:%M:%S %Z %Y",  // date
+    "%b %d %T %Y",           // ctime
+    "%b %d %H:%M:%S %Z %Y",  // date
+    "%b %d %Y%t%T",          // routers
+    "%b %d, %Y%t%T",         // java.util.logging
+    "%b %d%t%T",             // syslog
+    "%d %b%t%T",             //
+    "%d.%m.%Y%t%T",          //
+    "%d.%m.%Y%t%R",          //
+    "%d/%m/%Y%t%T",          //
+    "%m/%d/%Y%t%T",          //
+    "%d/%m/%Y%t%R",          //
+    "%m/%d/%Y%t%R",          //
+    "%d-%m-%Y%t%T",          //
+    "%m-%d-%Y%t%T",          //
+    "%y/%m/%d%t%T",          //
+    "%d/%m/%y%t%T",          //
+    "%m/%d/%y%t%T",          //
+    "%d.%m.%y%t%T",          //
+    "%y%m%d%t%T",            //
+    "%y%m%d%t%H%M%S%q",      //
+    "%l%m%d %T",             // klog, glog: I1120 10:00:00.123
+    "%m-%d%t%T",             // telephones
+    "%m/%d%t%T",             //
+    "%d/%m%t%T",             //
+    "[%m.%d %T]",            //
+    "[%d.%m %T]",            //
+    "audit(%s:",             //
+    "@%n",                   // TAI64N
+    "[%u]",                  // the kernel's ring
+    "%s",                    // seconds since 1970 in a column
+};
+constexpr size_t COUNT = std::size(PATTERNS);
+constexpr size_t NUMBER_SHAPE = COUNT - 1;
+
+const std::array<time_shape, COUNT>& shapes() {
+    static const std::array<time_shape, COUNT> all = [] {
+        std::array<time_shape, COUNT> made;
+        for (size_t i = 0; i < COUNT; i++) time_shape_compile(PATTERNS[i], &made[i]);
+        return made;
+    }();
+    return all;
+}
+
+// Whether a time may begin behind this byte: no word, number or path goes on there.
+bool may_follow(char c) {
+    return std::string_view(" \t[(<{\"'=|,;:>*").find(c) != std::string_view::npos;
+}
+
+// Calls `at(word, rest)` at every place of the line where a time may begin, until it returns true.
+template <typename Function>
+bool any_place(std::string_view line, size_t words, const Function& at) {
+    size_t word = 0;
+    for (size_t i = 0; i < line.size() && i < TIME_HEAD; i++) {
+        const bool blank = line[i] == ' ' || line[i] == '\t';
+        if (blank && i > 0 && line[i - 1] != ' ' && line[i - 1] != '\t' && ++word > words) return false;
+        if (!blank && (i == 0 || may_follow(line[i - 1])) && at(word, line.substr(i))) return true;
+    }
+    return false;
+}
+
+// What the sample says of one shape.
+struct candidate {
+    size_t shape = 0, lines = 0, late = 0;
+    size_t words = 0;  // holds nine of ten of its times
+    std::array<uint16_t, WORDS_MAX> at{};
+    shape_time first;
+    size_t first_line = 0;
+    std::string_view example;
+};
+
+bool is_late(const shape_time& time, const time_hints& hints) {
+    return time.has_year && time.stamp.local_s - time.stamp.offset_s > hints.now_s + DAY_S;
+}
+
+bool fits_order(const time_shape& shape, std::string_view order) {
+    if (order.empty() || shape.order.empty() || shape.order == order) return true;
+    return shape.order.size() == 2 && order.find(shape.order) != std::string_view::npos;
+}
+
+void count_line(std::vector<candidate>* all, std::string_view line, size_t number, const time_hints& hints) {
+    std::array<bool, COUNT> seen{};
+    any_place(line, WORDS_MAX, [&](size_t word, std::string_view rest) {
+        for (candidate& one : *all) {
+            const time_shape& shape = shapes()[one.shape];
+            std::string_view left = rest;
+            shape_time time;
+            const bool found = !seen[one.shape] && time_shape_begins_with(shape, rest[0]) &&
+                               time_shape_take(shape, &left, &time) && word < WORDS_MAX;
+            if (!found) continue;
+            seen[one.shape] = true;
+            if (one.lines++ == 0) {
+                one.first = time;
+                one.first_line = number;
+                one.example = rest.substr(0, rest.size() - left.size());
+            }
+            one.at[word]++;
+            one.late += is_late(time, hints);
+        }
+        return false;
+    });
+}
+
+size_t words_of(const candidate& one) {
+    size_t words = 0, left = (one.lines * 9 + 9) / 10;
+    for (; words < WORDS_MAX && one.at[words] < left; words++) left -= one.at[words];
+    return words;
+}
+
+int64_t distance_s(const candidate& one, const time_hints& hints) {
+    return std::abs(one.first.stamp.local_s - hints.modified_s);
+}
+
+// Whether a number is the time that the line also writes in words: zones differ by quarters of an hour.
+bool agree(const candidate& number, const candidate& date) {
+    constexpr int64_t QUARTER_S = 900;
+    const int64_t apart = number.first.stamp.local_s - date.first.yearless.second_of_day;
+    return number.first_line == date.first_line && (apart % QUARTER_S + 1 + QUARTER_S) % QUARTER_S <= 2;
+}
+
+time_place place_of(const candidate& one) {
+    time_place place;
+    place.pattern = PATTERNS[one.shape];
+    place.shape = shapes()[one.shape];
+    place.words = static_cast<uint8_t>(one.words);
+    place.example = one.example;
+    return place;
+}
+
+// The best of some candidates; of several that differ by the order of day and month only, the nearest in time.
+time_place choose(const std::vector<const candidate*>& dates, const time_hints& hints) {
+    const auto key = [](const candidate* one) {
+        return std::tuple(one->words, -static_cast<int64_t>(one->lines), one->late, one->shape);
+    };
+    const candidate* best =
+        *std::min_element(dates.begin(), dates.end(), [&](auto* a, auto* b) { return key(a) < key(b); });
+    const candidate* const first = best;
+    const candidate* also = nullptr;
+    for (const candidate* other : dates) {
+        const bool rival = !shapes()[first->shape].order.empty() && !shapes()[other->shape].order.empty() &&
+                           other->example == first->example && other->words == first->words &&
+                           other->lines == first->lines && other->late == first->late && other != first;
+        if (!rival) continue;
+        also = other;
+        if (first->first.has_year && distance_s(*other, hints) < distance_s(*best, hints)) best = other;
+    }
+    time_place place = place_of(*best);
+    if (also != nullptr) place.also = PATTERNS[(best == first ? also : first)->shape];
+    return place;
+}
+
+// Whether so many lines of the sample are enough. A time with its year is hardly there by chance; a bare number may be.
+bool suffices(const candidate& one, size_t records) {
+    if (one.shape == NUMBER_SHAPE) return one.lines * 2 >= records && one.late * 10 <= one.lines;
+    return one.lines * (one.first.has_year ? 10 : 4) >= records;
+}
+
+}  // namespace
+
+std::span<const char* const> time_patterns() {
+    return PATTERNS;
+}
+
+time_place time_place_find(std::span<const std::string_view> lines, const time_hints& hints) {
+    std::vector<candidate> all;
+    for (size_t i = 0; i < COUNT; i++) {
+        if (!fits_order(shapes()[i], hints.order)) continue;
+        all.emplace_back().shape = i;
+    }
+    size_t records = 0;
+    for (size_t i = 0; i < lines.size(); i++) {
+        std::string_view line = lines[i];
+        skip_utf8_mark(&line);
+        if (!begins_record(line)) continue;
+        count_line(&all, line, i, hints);
+        records++;
+    }
+    const candidate* number = nullptr;
+    size_t most = 0;
+    std::erase_if(all, [&](const candidate& one) { return one.lines == 0 || !suffices(one, records); });
+    for (candidate& one : all) {
+        one.words = words_of(one);
+        if (one.shape == NUMBER_SHAPE)
+            number = &one;
+        else
+            most = std::max(most, one.lines);
+    }
+    std::vector<const candidate*> dates;
+    for (const candidate& one : all) {
+        if (one.shape != NUMBER_SHAPE && one.lines * 4 >= most * 3) dates.push_back(&one);
+    }
+    if (dates.empty()) return number == nullptr ? time_place() : place_of(*number);
+    const bool numbered = number != nullptr && std::all_of(dates.begin(), dates.end(), [&](const candidate* date) {
+                              return number->words <= date->words && number->lines >= date->lines;
+                          });
+    const bool agrees = numbered && std::any_of(dates.begin(), dates.end(),
+                                                [&](const candidate* date) { return agree(*number, *date); });
+    return agrees ? place_of(*number) : choose(dates, hints);
+}
+
+bool time_place_take(const time_place& place, std::string_view line, shape_time* out, std::string_view* where) {
+    return any_place(line, place.words, [&](size_t, std::string_view rest) {
+        std::string_view left = rest;
+        const bool taken = time_shape_begins_with(place.shape, rest[0]) && time_shape_take(place.shape, &left, out);
+        if (taken) *where = rest.substr(0, rest.size() - left.size());
+        return taken;
+    });
+}
+
+bool time_place_take_whole(std::string_view text, shape_time* out) {
+    return std::any_of(shapes().begin(), shapes().end(), [&](const time_shape& shape) {
+        std::string_view rest = text;
+        return shape.has_year && shape.order.empty() && time_shape_take(shape, &rest, out) && rest.empty();
+    });
+}
+
+std::string time_place_text(const time_place& place) {
+    return place.known() ? std::to_string(place.words) + " " + place.pattern : std::string();
+}
+
+bool time_place_from_text(std::string_view text, time_place* out) {
+    *out = {};
+    const size_t blank = text.find(' ');
+    if (blank == std::string_view::npos) return text.empty();
+    time_place place;
+    const auto [end, fault] = std::from_chars(text.data(), text.data() + blank, place.words);
+    place.pattern = text.substr(blank + 1);
+    if (fault != std::errc() || end != text.data() + blank) return false;
+    if (time_shape_compile(place.pattern, &place.shape) != nullptr) return false;
+    *out = place;
+    return true;
+}
+
+const char* time_place_from_pattern(std::string_view pattern, time_place* out) {
+    *out = {};
+    out->pattern = pattern;
+    out->words = static_cast<uint8_t>(TIME_HEAD);
+    return time_shape_compile(pattern, &out->shape);
+}
+
+}  // namespace veldar::tool

@@ -1,0 +1,123 @@
+#include "tools/veldar/load/log_form.h"
+
+#include <algorithm>
+#include <ctime>
+
+#include "tools/veldar/formats/uncoloured.h"
+#include "tools/veldar/store/record_reader.h"
+
+namespace veldar::tool {
+
+namespace {
+
+constexpr size_t FORMAT_LINES = 100, TIME_LINES = 500;  // day and month may take many lines to show
+constexpr size_t EXAMPLE_BYTES = 120;
+
+const line_format* text_format() {
+    static const line_format* const text = format_by_name("text");
+    return text;
+}
+
+// The first whole lines of a log without colours; its only line even when it is not whole.
+std::vector<std::string_view> first_lines(std::string_view head, size_t count, std::string* plain) {
+    head = uncoloured(head, plain);
+    std::vector<std::string_view> lines;
+    while (!head.empty() && lines.size() < count) {
+        const size_t newline = head.find('\n');
+        const bool whole = newline != std::string_view::npos;
+        if (whole || lines.empty()) lines.push_back(record_text(head.substr(0, newline)));
+        head.remove_prefix(whole ? newline + 1 : head.size());
+    }
+    return lines;
+}
+
+// What the options say; null when they say nothing.
+const line_format* forced_format(const load_options& options, format_context* context) {
+    if (options.time_format.empty()) return format_by_name(options.format);
+    time_place_from_pattern(options.time_format, &context->times);
+    return text_format();
+}
+
+void find_times(std::string_view head, const std::string& order, format_context* context) {
+    std::string plain;
+    time_hints hints;
+    hints.now_s = static_cast<int64_t>(std::time(nullptr));
+    hints.modified_s = context->modified_s == NO_TIME_SEEN ? hints.now_s : context->modified_s;
+    hints.now_s = std::max(hints.now_s, hints.modified_s);
+    hints.order = order;
+    context->times = time_place_find(first_lines(head, TIME_LINES, &plain), hints);
+}
+
+// When this machine was started, for a file that was written since.
+int64_t boot_time_s(int64_t modified_s) {
+    timespec up;
+    if (::clock_gettime(CLOCK_BOOTTIME, &up) != 0) return NO_TIME_SEEN;
+    const int64_t boot_s = std::time(nullptr) - up.tv_sec;
+    return modified_s >= boot_s ? boot_s : NO_TIME_SEEN;
+}
+
+std::string no_time_note(const log_form_counts& counts) {
+    const bool all = counts.dated_by_file == counts.events;
+    const std::string which = all ? "no line says"
+                              : counts.dated_by_file == 1
+                                  ? "the first line does not say"
+                                  : "the first " + std::to_string(counts.dated_by_file) + " lines do not say";
+    return which + " a time that is understood; times are " +
+           (counts.is_pipe ? "that of the load" : "the file's modification time") + " (see --time-format)";
+}
+
+}  // namespace
+
+const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
+                                   format_context* context) {
+    const line_format* format = forced_format(options, context);
+    // "text" alone may only say that the log was too short to tell when it was first seen.
+    if (format == nullptr && recorded != text_format()->name) format = format_by_record(recorded, context);
+    std::string plain;
+    if (format == nullptr) format = detect_format(first_lines(head, FORMAT_LINES, &plain), *context);
+    if (format != text_format()) return format;
+    if (!context->times.known()) find_times(head, options.date_order, context);
+    context->boot_s = boot_time_s(context->modified_s);
+    return format;
+}
+
+bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error) {
+    format_context context;
+    context.zone = zone;
+    context.year = options.year;
+    context.boot_s = 0;
+    const line_format* const format = forced_format(options, &context);
+    if (format == nullptr || (format == text_format() && !context.times.known())) return true;
+    std::string plain, example;
+    parsed_line parsed;
+    for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
+        if (!begins_record(line)) continue;
+        if (example.empty()) example = line.substr(0, EXAMPLE_BYTES);
+        const bool formed = format->parse(line, &context, &parsed);
+        if (formed && (format != text_format() || parsed.has_time)) return true;
+    }
+    *error = "no line has the form of " + (options.time_format.empty() ? options.format : options.time_format) +
+             "; the first is: " + example;
+    return example.empty();
+}
+
+std::vector<std::string> log_form_notes(const load_options& options, const format_context& context,
+                                        const log_form_counts& counts) {
+    std::vector<std::string> notes;
+    const time_place& times = context.times;
+    if (counts.dated_by_file > 0) notes.push_back(no_time_note(counts));
+    if (counts.events == counts.dated_by_file) return notes;
+    if (!times.also.empty()) {
+        notes.push_back("times such as " + times.example + " are taken as " + times.pattern + ", but " + times.also +
+                        " fits as well (see --date-order)");
+    }
+    if (!context.unclear_zone.empty() && options.zone.empty()) {
+        notes.push_back("the zone " + context.unclear_zone + " has several meanings; taken for UTC (see --tz)");
+    }
+    if (times.pattern.find("%u") != std::string::npos) {
+        notes.push_back("times since the start are counted from the last start of this machine");
+    }
+    return notes;
+}
+
+}  // namespace veldar::tool

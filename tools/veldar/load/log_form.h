@@ -1,0 +1,32 @@
+// The form of a log's lines, as the options say it or the log's beginning shows it: its format, and of a text where the
+// times stand.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/veldar/load/loader.h"
+
+namespace veldar::tool {
+
+// The format of a log that begins with `head` and was `recorded` (empty: it is new). Sets what the context holds of
+// times. Never null.
+const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
+                                   format_context* context);
+
+// False with a message when the options force a form that no line of the log's beginning has: all of it would be dated
+// wrongly, and what is loaded once is not loaded again.
+bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error);
+
+// What is to be said of the times of a log that was loaded.
+struct log_form_counts {
+    uint64_t events = 0;
+    uint64_t dated_by_file = 0;  // the first of these
+    bool is_pipe = false;
+};
+std::vector<std::string> log_form_notes(const load_options& options, const format_context& context,
+                                        const log_form_counts& counts);
+
+}  // namespace veldar::tool
