@@ -364,6 +364,42 @@ TEST_F(Load, RecordsAndTimes) {
                      "10:00:05 trailing"}));
 }
 
+TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
+    const auto says = [](const tool_result& result, const std::string& text, int status = 0) {
+        EXPECT_EQ(result.status, status) << result.err;
+        EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
+    };
+    const auto times = [this] {
+        lines all;
+        for (const event_seen& event : events(store())) all.push_back(time_text(event.time));
+        return sorted(all);
+    };
+    write_file(file("a.log"), "WARN 03/02/2024 10:00:00.5 up\nand on\nINFO 02/03/2024 10:00:01.25 x=1\n");
+    says(load({file("a.log"), "--format", "syslog"}), "no line has the form of syslog; the first is: WARN 03/", 3);
+    says(load({file("a.log"), "--time-format", "%Y %b %d %T"}), "the first is: WARN", 3);
+    says(load({file("a.log"), "--time-format", "%Y %b"}), "%Y %b says no month and day", 2);
+    says(load({file("a.log"), "--time-format", "%s", "--format", "json"}), "not json", 2);
+    EXPECT_TRUE(events(store()).empty());
+    const tool_result first = load({file("a.log"), "--date-order", "mdy"});
+    says(first, ", 1 dated by the line before, 0 lines refused");
+    EXPECT_EQ(first.err.find("date-order"), std::string::npos) << first.err;
+    append(file("a.log"), "WARN 02/13/2024 10:00:02 year 13/02/2024 10:00:03\n");
+    load_all({file("a.log")});
+    EXPECT_EQ(times(),
+              (lines{"2024-02-03 10:00:01", "2024-02-13 10:00:02", "2024-03-02 10:00:00", "2024-03-02 10:00:00"}))
+        << "as the file began";
+    const std::vector<std::string> asked = {
+        "-s", store(), "count", "--since", "2024-02-03T10:00:01.2", "--until", "2024-02-03T10:00:01.3", "level=info"};
+    EXPECT_EQ(run_tool("veldar/veldar", asked).out, "1\n") << "fractions";
+    write_file(file("b.log"), "one\ntwo\n");
+    says(load({file("b.log")}),
+         "b.log: no line says a time that is understood; times are the file's modification time");
+    write_file(file("c.log"), "1 at 03/04/2024 10:00:00 CST\n\n" + std::string("more\nwords\n"));
+    const tool_result third = load({file("c.log")});
+    for (const char* text : {"03/04/2024 10:00:00 CST are taken as %", "CST has several", "only 1 of 3 lines"})
+        says(third, text);
+}
+
 TEST_F(Load, APipeIsKept) {
     const lines all = log_lines(0, 4000);
     write_file(file("in"), joined(all));

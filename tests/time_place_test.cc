@@ -216,5 +216,59 @@ TEST(TimePlace, EveryShapeIsFoundAndReadWhereverItStands) {
     }
 }
 
+// The pattern that is found, the last word that it may begin with, and behind "or" another that fits.
+std::string found(const std::vector<std::string_view>& lines, std::string_view order = "") {
+    time_hints hints = HINTS;
+    hints.order = order;
+    const time_place place = time_place_find(lines, hints);
+    return time_place_text(place) + (place.also.empty() ? "" : " or " + place.also);
+}
+
+TEST(TimePlace, ValuesTellTheOrderOfDayAndMonthWhereTheyCan) {
+    EXPECT_EQ(found({"03/04/2025 10:00:00 a", "13/04/2025 10:00:00 a"}), "0 %d/%m/%Y%t%T");
+    EXPECT_EQ(found({"03/04/2025 10:00:00 a", "03/14/2025 10:00:00 a", "no time"}), "0 %m/%d/%Y%t%T");
+    EXPECT_EQ(found({"a 11/02/2026 10:00:00"}), "1 %d/%m/%Y%t%T") << "or it would lie in the future";
+    EXPECT_EQ(found({"02/01/2026 10:00"}), "0 %m/%d/%Y%t%R or %d/%m/%Y%t%R") << "the nearer one";
+    EXPECT_EQ(found({"02/01/2026 10:00"}, "dmy"), "0 %d/%m/%Y%t%R");
+    EXPECT_EQ(found({"26/02/25 10:00:00"}), "0 %y/%m/%d%t%T or %d/%m/%y%t%T");
+    EXPECT_EQ(found({"[02.11 10:00:00] a", "[02.13 10:00:00] a"}, "ymd"), "0 [%m.%d %T]");
+    EXPECT_EQ(found({"2026-03-04 10:00:00"}, "dmy"), "0 %Y-%m-%d%t%T");
+}
+
+TEST(TimePlace, ANumberIsATimeWhenItAgreesWithTheDateBesideItOrNoDateIsThere) {
+    EXPECT_EQ(found({"- 1117838570 2005.06.03 R02 2005-06-03-15.42.50.363779 R02 RAS",
+                     "APP 1117869872 2005.06.04 R04 2005-06-04-00.24.32.432192 R04 RAS"}),
+              "1 %s");
+    EXPECT_EQ(found({"- 1131566461 2005.11.09 dn228 Nov 9 12:01:01 dn228/dn228 crond[2915]: x"}), "1 %s");
+    EXPECT_EQ(found({"1117838570 at 2005-06-03 15:40:50 done"}), "2 %Y-%m-%d%t%T") << "a number of something else";
+    EXPECT_EQ(found({"134681 node-246 unix.hw down 1077804742 1 Component"}), "4 %s");
+    EXPECT_EQ(found({"x 1077804742", "words", "words"}), "") << "too few";
+    EXPECT_EQ(found({"x 1999999999", "y 1999999998"}), "") << "of the future";
+    EXPECT_EQ(found({"words", "", " 2005-06-03 15:40:50"}), "");
+    std::vector<std::string_view> lines(60, "Setting up a package");
+    lines[0] = lines[40] = "Log started: 2026-01-02  10:00:00";
+    EXPECT_EQ(found(lines), "2 %Y-%m-%d%t%T") << "heads of lines without a time";
+    lines[40] = "until 2026-01-02  10:00:00";
+    EXPECT_EQ(found(lines), "");
+}
+
+TEST(TimePlace, PatternsAreChecked) {
+    time_place place;
+    for (const char* bad : {"", "%Q%m%d %T", "%Y-%m-%d", "%T", "%m %T", "%Y-%m-%d %T %",
+                            "%Y%m%d%T0123456789012345678901234567890123456789"}) {
+        EXPECT_NE(time_place_from_pattern(bad, &place), nullptr) << bad;
+        EXPECT_FALSE(time_place_from_text(std::string("0 ") + bad, &place)) << bad;
+    }
+    for (const char* bad : {"1", "x %s", "256 %s", "-1 %s"}) EXPECT_FALSE(time_place_from_text(bad, &place)) << bad;
+    format_context context;
+    const char* const fault =
+        time_place_from_pattern("%A day %d of %B", &context.times);  // no such letters: those of a locale
+    EXPECT_NE(fault, nullptr);
+    ASSERT_EQ(time_place_from_pattern("<%d of %b%%%y, %I:%M %p>", &context.times), nullptr);
+    EXPECT_EQ(time_in("x <3 of May%24,  2:05 pm>", &context), "1714745100.0");
+    EXPECT_EQ(time_in("x <3 of May%24, 13:05 pm>", &context), "-");
+    EXPECT_EQ(time_in("x <30 of Feb%24, 1:05 pm> <3 of May%24, 2:05 PM>", &context), "1714745100.0");
+}
+
 }  // namespace
 }  // namespace veldar

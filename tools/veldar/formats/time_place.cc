@@ -181,10 +181,13 @@ time_place choose(const std::vector<const candidate*>& dates, const time_hints& 
     return place;
 }
 
-// Whether so many lines of the sample are enough. A time with its year is hardly there by chance; a bare number may be.
+// Whether so many lines of the sample are enough. A bare number is easily there by chance, a time with its year hardly;
+// and one that stands always in one place and never in the future may head many lines without a time.
 bool suffices(const candidate& one, size_t records) {
     if (one.shape == NUMBER_SHAPE) return one.lines * 2 >= records && one.late * 10 <= one.lines;
-    return one.lines * (one.first.has_year ? 10 : 4) >= records;
+    if (!one.first.has_year) return one.lines * 4 >= records;
+    const bool heads = one.lines >= 2 && one.late == 0 && one.at[one.words] == one.lines;
+    return one.lines * (heads ? 100 : 10) >= records;
 }
 
 }  // namespace
@@ -209,9 +212,9 @@ time_place time_place_find(std::span<const std::string_view> lines, const time_h
     }
     const candidate* number = nullptr;
     size_t most = 0;
+    for (candidate& one : all) one.words = words_of(one);
     std::erase_if(all, [&](const candidate& one) { return one.lines == 0 || !suffices(one, records); });
-    for (candidate& one : all) {
-        one.words = words_of(one);
+    for (const candidate& one : all) {
         if (one.shape == NUMBER_SHAPE)
             number = &one;
         else

@@ -6,7 +6,7 @@ namespace veldar::tool {
 namespace {
 
 constexpr int64_t DAY_S = 86400;
-constexpr std::string_view KINDS = "YymdbaHMSpfqLzZTRtsunl%", TWO_DIGITS = "mdHMS", NUMBERS = "YymdHMSLsfTR";
+constexpr std::string_view KINDS = "YymdbaHIMSpfqLzZTRtsunl%", TWO_DIGITS = "mdHIMS", NUMBERS = "YymdHIMSLsfTR";
 constexpr size_t TAI_DIGITS = 16;
 constexpr int64_t TAI_EPOCH = (int64_t{1} << 62) + 10;  // as programs that write these labels have it
 
@@ -168,6 +168,7 @@ bool take_part(const time_part& part, scan* in) {
         case 'a':
             return take_day_name(rest);
         case 'H':
+        case 'I':
             return take_number(rest, part.fixed, &in->hour);
         case 'M':
             return take_number(rest, part.fixed, &in->minute);
@@ -236,7 +237,7 @@ bool has(const time_shape& shape, std::string_view kinds) {
 const char* check_parts(const time_shape& shape) {
     if (has(shape, "sun")) return nullptr;
     if (!has(shape, "mb") || !has(shape, "d")) return "says no month and day";
-    return has(shape, "HTR") ? nullptr : "says no hour";
+    return has(shape, "HITR") ? nullptr : "says no hour";
 }
 
 // The order of a date in numbers. A year of four digits tells itself; day and month behind it never change places.

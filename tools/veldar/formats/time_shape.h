@@ -3,7 +3,7 @@
 //   %Y %y    year of four or two digits (70 to 99: 1970 to 1999)   %s  seconds since 1970, also with a fraction, or in
 //   %m %d    month, day                                                milliseconds, micro- or nanoseconds, by its size
 //   %b %a    their names: Nov or November, Sun or Sunday           %u  seconds since the machine started
-//   %H %M %S hour, minute, second                                  %n  TAI64N without its "@"
+//   %H %M %S hour (also %I), minute, second                      %n  TAI64N without its "@"
 //   %p       AM or PM                                              %l  level as one letter: I W E F D V
 //   %f       digits of a fraction     %q  "." or "," and a fraction, or nothing
 //   %L       milliseconds as a number: 7 is 0.007

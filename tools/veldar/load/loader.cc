@@ -35,7 +35,7 @@ struct file_load {
     uint64_t from = 0;  // where reading begins
     bool in_stretch = false;
     uint64_t events = 0;
-    uint64_t dated_by_file = 0;  // of these, the first ones
+    uint64_t dated_by_file = 0, dated_by_line = 0;  // of these
 };
 
 store_bucket& bucket_of(loader* load) {
@@ -129,11 +129,11 @@ st_txn event_txn(loader* load, const file_load& one) {
 void put_record(loader* load, file_load* one, uint64_t offset, std::string_view text) {
     open_stretch(load, one, offset);
     log_event_make(&load->event, text);
-    if (!load->event.first.has_time) (load->event.from_file ? one->dated_by_file : load->totals.dated_by_line)++;
     const st_txn txn = event_txn(load, *one);
     if (index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms))) {
         load->totals.add_event(txn.time);
         one->events++;
+        if (!load->event.first.has_time) (load->event.from_file ? one->dated_by_file : one->dated_by_line)++;
     } else {
         load->totals.refused++;
     }
@@ -177,7 +177,8 @@ void load_points(const loader& load, file_load* one) {
 // Tells what a reader of the times has to know.
 void note_times(loader* load, const file_load& one) {
     load->totals.dated_by_file += one.dated_by_file;
-    const log_form_counts counts = {one.events, one.dated_by_file, one.input.pipe};
+    load->totals.dated_by_line += one.dated_by_line;
+    const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe};
     for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
         progress_clear(&load->shown);
         say_trouble((one.input.pipe ? "standard input" : one.input.path) + ": " + note);

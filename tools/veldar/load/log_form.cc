@@ -107,6 +107,10 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
     const time_place& times = context.times;
     if (counts.dated_by_file > 0) notes.push_back(no_time_note(counts));
     if (counts.events == counts.dated_by_file) return notes;
+    if (const uint64_t own = counts.events - counts.dated_by_file - counts.dated_by_line; own * 2 < counts.events) {
+        notes.push_back("only " + std::to_string(own) + " of " + std::to_string(counts.events) +
+                        " lines say a time that is understood; the others have that of the line before");
+    }
     if (!times.also.empty()) {
         notes.push_back("times such as " + times.example + " are taken as " + times.pattern + ", but " + times.also +
                         " fits as well (see --date-order)");

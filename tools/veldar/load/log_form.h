@@ -24,6 +24,7 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
 struct log_form_counts {
     uint64_t events = 0;
     uint64_t dated_by_file = 0;  // the first of these
+    uint64_t dated_by_line = 0;
     bool is_pipe = false;
 };
 std::vector<std::string> log_form_notes(const load_options& options, const format_context& context,
