@@ -72,6 +72,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     first.modified_s = 1772000000;
     ST_ASSERT(log_zone_from_name(size % 2 == 0 ? "UTC" : "+02:00", &first.zone));
     ST_ASSERT(detect_format(lines, first) != nullptr);
+    first.boot_s = 1771000000;
+    first.times = time_place_find(lines, {first.modified_s, first.modified_s, ""});
+    time_place again;
+    ST_ASSERT(time_place_from_text(time_place_text(first.times), &again) && again.words == first.times.words);
+    // The first line as a pattern: what compiles reads any line.
+    if (size % 4 == 0 && !lines.empty() && time_place_from_pattern(lines[0], &again) == nullptr) first.times = again;
     for (const line_format& format : line_formats()) {
         format_context context = first;
         for (std::string_view line : lines) {

@@ -3,10 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <cstring>
 #include <ctime>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tools/veldar/formats/line_format.h"
@@ -20,14 +21,15 @@ constexpr int64_t MODIFIED = 1772000000;  // 2026-02-25 06:13:20
 constexpr int64_t BOOTED = MODIFIED - 30 * 86400;
 constexpr time_hints HINTS = {MODIFIED, MODIFIED, ""};
 
+// Writes times as a pattern says, with whatever freedom it leaves.
 struct printer {
     std::mt19937 random{11};
-    int64_t time_s = 0;
-    int64_t ns = 0;  // only as much as is written
+    int64_t time_s = 0, ns = 0;  // what was written, to the digit
+    std::string zone;
     int64_t offset_s = 0;
-    int64_t day_s = 86400;  // what is not written is cut from the time: 86400 nothing, 60 the seconds
 
     size_t any(size_t n) { return random() % n; }
+    int64_t any_ns(int64_t unit) { return ns = static_cast<int64_t>(any(1000000000)) / unit * unit; }
     const char* one_of(const std::vector<const char*>& all) { return all[any(all.size())]; }
     std::string print(const std::string& format, auto... values) {
         char text[64];
@@ -37,131 +39,78 @@ struct printer {
     std::string fraction() {
         const size_t digits = any(4) * 3;
         if (digits == 0) return "";
-        ns = static_cast<int64_t>(any(1000000000));
-        std::string text = print(",%09lld", static_cast<long long>(ns)).substr(0, digits + 1);
-        for (size_t i = digits; i < 9; i++) ns -= ns % static_cast<int64_t>(std::pow(10, 9 - digits));
-        if (any(2) == 0) text[0] = '.';
-        return text;
+        any_ns(digits == 3 ? 1000000 : digits == 6 ? 1000 : 1);
+        return one_of({".", ","}) + print("%09ld", ns).substr(0, digits);
     }
     std::string clock(const std::tm& tm, bool seconds) {
-        const bool half = any(4) == 0 && (zone_text.empty() || zone_text[0] == ' ');
+        const bool half = any(4) == 0 && (zone.empty() || zone[0] == ' ');
         std::string text = print(any(3) == 0 ? "%d" : "%02d", half ? (tm.tm_hour + 11) % 12 + 1 : tm.tm_hour);
         text += print(":%02d", tm.tm_min);
         if (seconds) text += print(":%02d", tm.tm_sec) + fraction();
-        if (half) text += print(any(2) == 0 ? " %cM" : "%cm", any(1) + (tm.tm_hour < 12 ? 'A' : 'P'));
-        return text + zone();
-    }
-    std::string zone_text;
-    std::string zone() const { return zone_text; }
-    void choose_zone() {
-        const struct {
-            const char* text;
-            int64_t offset_s;
-        } zones[] = {{"", 0},  {"", 0},         {" CEST", 7200}, {" +0530", 19800}, {"-03:30", -12600},
-                     {"Z", 0}, {" EST", -18000}};
-        const auto& chosen = zones[any(std::size(zones))];
-        zone_text = chosen.text;
-        offset_s = chosen.offset_s;
+        if (half) text += print(any(2) == 0 ? " %cM" : "%cm", tm.tm_hour < 12 ? 'A' : 'P');
+        return text + zone;
     }
     std::string epoch() {
-        const auto s = static_cast<long long>(time_s);
         const size_t digits = any(5) * 3;
-        if (digits == 12) return print("%lld", s);
-        ns = static_cast<int64_t>(any(1000)) * 1000000;
-        if (digits == 0) return print("%lld.%03lld", s, static_cast<long long>(ns / 1000000));
-        return print("%lld%09lld", s, static_cast<long long>(ns)).substr(0, 10 + digits);
+        if (digits == 12) return std::to_string(time_s);
+        any_ns(1000000);
+        if (digits == 0) return print("%ld.%03ld", time_s, ns / 1000000);
+        return print("%ld%09ld", time_s, ns).substr(0, 10 + digits);
+    }
+    void choose_zone(const std::string& pattern) {
+        const std::pair<const char*, int64_t> zones[] = {
+            {"", 0}, {" UTC", 0}, {" CEST", 7200}, {" +0530", 19800}, {"-03:30", -12600}, {"Z", 0}, {" EST", -18000}};
+        std::tie(zone, offset_s) = zones[pattern.find('Z') != std::string::npos ? 1 + any(3) : any(std::size(zones))];
+        if (pattern.find_first_of("TRzZ") == std::string::npos) offset_s = 0;
+    }
+    std::string part(char kind, const std::tm& tm, bool thin, bool joined) {
+        const std::string number = thin && !joined ? "%d" : "%02d";
+        const std::string letters = "YymdHMS";
+        const int values[] = {tm.tm_year + 1900, tm.tm_year % 100, tm.tm_mon + 1, tm.tm_mday,
+                              tm.tm_hour,        tm.tm_min,        tm.tm_sec};
+        if (const size_t which = letters.find(kind); which != std::string::npos) return print(number, values[which]);
+        char name[16];
+        std::strftime(name, sizeof name, thin ? "%B" : "%b", &tm);
+        switch (kind) {
+            case 'b':
+                return name;
+            case 'q':
+                return fraction();
+            case 'L':
+                return std::to_string(any_ns(1000000) / 1000000);
+            case 'z':
+                return zone;
+            case 'Z':
+                return zone.substr(1);
+            case 't':
+                return one_of({" ", "  ", "\t", "T", "_", "-", ", "});
+            case 's':
+                return epoch();
+            case 'n':
+                return print("%016lx%08lx", 0x400000000000000a + time_s, any_ns(1));
+            case 'u':
+                return print("%5ld.%06ld", time_s - BOOTED, any_ns(1000) / 1000);
+            case 'l':
+                return one_of({"I", "W", "E", "F"});
+            default:
+                return clock(tm, kind == 'T');
+        }
     }
     std::string operator()(const std::string& pattern) {
-        choose_zone();
-        const bool zoned = pattern.find_first_of("TRzZ") != std::string::npos;
-        if (!zoned) offset_s = 0;
-        if (pattern.find('Z') != std::string::npos && zone_text.empty()) zone_text = " UTC";
+        choose_zone(pattern);
         ns = 0;
-        const bool minutes = pattern.find("%R") != std::string::npos;
-        if (minutes) time_s -= time_s % 60;
+        if (pattern.find("%R") != std::string::npos) time_s -= time_s % 60;
         const time_t local_s = time_s + offset_s;
         std::tm tm;
         ::gmtime_r(&local_s, &tm);
         const bool thin = any(2) == 0;  // numbers without leading zeros, where that can be read
+        const auto is_number = [&](size_t at) {
+            return at + 1 < pattern.size() && pattern[at] == '%' && strchr("YymdHMS", pattern[at + 1]) != nullptr;
+        };
         std::string text;
         for (size_t i = 0; i < pattern.size(); i++) {
-            if (pattern[i] != '%') {
-                text += pattern[i];
-                continue;
-            }
-            const char kind = pattern[++i];
-            const auto is_number = [&](size_t at) {
-                return at < pattern.size() && pattern[at] == '%' &&
-                       std::string("YymdHMS").find(pattern[at + 1]) != std::string::npos;
-            };
-            const bool joined = is_number(i + 1) || (i >= 3 && is_number(i - 3));
-            const std::string two = thin && !joined ? "%d" : "%02d";
-            char names[32];
-            switch (kind) {
-                case 'Y':
-                    text += print("%d", tm.tm_year + 1900);
-                    break;
-                case 'y':
-                    text += print("%02d", tm.tm_year % 100);
-                    break;
-                case 'm':
-                    text += print(two, tm.tm_mon + 1);
-                    break;
-                case 'd':
-                    text += print(two, tm.tm_mday);
-                    break;
-                case 'H':
-                    text += print(two, tm.tm_hour);
-                    break;
-                case 'M':
-                    text += print(two, tm.tm_min);
-                    break;
-                case 'S':
-                    text += print(two, tm.tm_sec);
-                    break;
-                case 'b':
-                    std::strftime(names, sizeof names, thin ? "%B" : "%b", &tm);
-                    text += names;
-                    break;
-                case 'q':
-                    text += fraction();
-                    break;
-                case 'L':
-                    ns = static_cast<int64_t>(any(1000)) * 1000000;
-                    text += print("%lld", static_cast<long long>(ns / 1000000));
-                    break;
-                case 'z':
-                    text += zone();
-                    break;
-                case 'Z':
-                    text += zone_text.substr(zone_text[0] == ' ' ? 1 : 0);
-                    break;
-                case 'T':
-                case 'R':
-                    text += clock(tm, kind == 'T');
-                    break;
-                case 't':
-                    text += one_of({" ", "  ", "\t", "T", "_", "-", ", "});
-                    break;
-                case 's':
-                    text += epoch();
-                    break;
-                case 'n':
-                    ns = static_cast<int64_t>(any(1000000000));
-                    text += print("%016llx%08llx", 0x400000000000000aull + static_cast<unsigned long long>(time_s),
-                                  static_cast<unsigned long long>(ns));
-                    break;
-                case 'u':
-                    ns = static_cast<int64_t>(any(1000000)) * 1000;
-                    text += print("%5lld.%06lld", static_cast<long long>(time_s - BOOTED),
-                                  static_cast<long long>(ns / 1000));
-                    break;
-                case 'l':
-                    text += one_of({"I", "W", "E", "F"});
-                    break;
-                default:
-                    ADD_FAILURE() << pattern;
-            }
+            const bool joined = is_number(i + 2) || (i >= 2 && is_number(i - 2));
+            text += pattern[i] == '%' ? part(pattern[++i], tm, thin, joined) : std::string(1, pattern[i]);
         }
         return text;
     }
