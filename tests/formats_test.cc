@@ -55,6 +55,10 @@ constexpr line_case LINES[] = {
      "user=root"},
     {"syslog", "Dec 31 23:59:59 kernel: up", "1767225599.0 program=kernel"},
     {"syslog", "Feb 29 12:00:00 web1 -- MARK --", "1709208000.0 host=web1"},
+    {"syslog", "Jun  9 04:47:44 2021 web1 cron[1]: go", "1623214064.0 host=web1 program=cron pid=1"},
+    {"iso8601", "2015-07-01 12:00:00.5 CEST [9] LOG:  a=b", "1435744800.500000000 a=b"},
+    {"json", R"({"t":{"$date":"2015-07-01T12:00:00Z"},"at":{"time":"x"}})", "1435752000.0 at.time=x"},
+    {"json", R"({"time":"Wed, 01 Jul 2015 12:00:00 GMT","a":1})", "1435752000.0 a=1"},
     {"syslog-5424", R"(<165>1 2003-10-11T22:14:15.003Z h app - ID47 [e@3 iut="3" q="a\"] b"][o@3 p="x"] go k=v)",
      "1065910455.3000000 priority=165 facility=local4 severity=notice host=h app=app msgid=ID47 iut=3 q=a\\\"] b p=x "
      "k=v"},

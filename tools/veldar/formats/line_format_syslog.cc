@@ -101,6 +101,18 @@ bool next_year(const yearless_stamp& stamp, format_context* context, int64_t* lo
     return found;
 }
 
+// The year that some write behind the time: "Jun 14 15:16:01 2025 host ...".
+bool take_year_behind(std::string_view* rest, const yearless_stamp& stamp, log_stamp* out) {
+    std::string_view left = *rest;
+    int64_t year = 0, days = 0;
+    const bool taken = take_char(&left, ' ') && take_digits(&left, 4, &year) && left.starts_with(' ');
+    if (!taken || year < 1970 || !days_from_date(year, stamp.month, stamp.day, &days)) return false;
+    out->local_s = days * DAY_S + stamp.second_of_day;
+    out->nanoseconds = stamp.nanoseconds;
+    *rest = left;
+    return true;
+}
+
 // The elements of structured data, `[id name="value" ...]` one behind the other or "-"; each value is a field.
 bool take_structured_data(std::string_view* rest, parsed_line* out) {
     if (take_char(rest, '-')) return true;
@@ -153,7 +165,11 @@ bool parse_syslog(std::string_view line, format_context* context, parsed_line* o
     if (prioritised && !take_priority(&rest, out)) return parse_as_text(line, out);
     if (!take_month_day(&rest, &stamp) || !(rest.empty() || rest[0] == ' ')) return parse_as_text(line, out);
 
-    set_yearless_time(out, stamp, context);
+    log_stamp whole;
+    if (take_year_behind(&rest, stamp, &whole))
+        set_time(out, whole, context);
+    else
+        set_yearless_time(out, stamp, context);
     skip_blanks(&rest);
     if (!take_program(&rest, out)) {
         add_field(out, "host", take_word(&rest));

@@ -243,9 +243,15 @@ bool time_place_take(const time_place& place, std::string_view line, shape_time*
 }
 
 bool time_place_take_whole(std::string_view text, shape_time* out) {
+    std::string_view date = text;
+    const std::string_view day = take_word(&date);  // "Sun," perhaps
+    if (day.empty() || (day[0] >= '0' && day[0] <= '9')) date = text;
     return std::any_of(shapes().begin(), shapes().end(), [&](const time_shape& shape) {
-        std::string_view rest = text;
-        return shape.has_year && shape.order.empty() && time_shape_take(shape, &rest, out) && rest.empty();
+        for (std::string_view rest : {text, date}) {
+            const bool one_meaning = shape.has_year && shape.order.empty();
+            if (one_meaning && time_shape_take(shape, &rest, out) && rest.empty()) return true;
+        }
+        return false;
     });
 }
 

@@ -35,7 +35,7 @@ std::span<const char* const> time_patterns();
 time_place time_place_find(std::span<const std::string_view> lines, const time_hints& hints);
 // Takes the first time of the line that is of this shape at this place, and where it stands in the line.
 bool time_place_take(const time_place& place, std::string_view line, shape_time* out, std::string_view* where);
-// A text that is a time and nothing else, in one of the shapes that mean one time only.
+// A text that is a time and nothing else but a word before it, in one of the shapes that mean one time only.
 bool time_place_take_whole(std::string_view text, shape_time* out);
 
 // A place as one line of text, and back; the text of none is empty. False when the text is no place's.
