@@ -381,7 +381,7 @@ TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
     says(load({file("a.log"), "--time-format", "%s", "--format", "json"}), "not json", 2);
     EXPECT_TRUE(events(store()).empty());
     const tool_result first = load({file("a.log"), "--date-order", "mdy"});
-    says(first, ", 1 dated by the line before, 0 lines refused");
+    says(first, ", 1 dated by other lines, 0 lines refused");
     EXPECT_EQ(first.err.find("date-order"), std::string::npos) << first.err;
     append(file("a.log"), "WARN 02/13/2024 10:00:02 year 13/02/2024 10:00:03\n");
     load_all({file("a.log")});

@@ -109,7 +109,7 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
     if (counts.events == counts.dated_by_file) return notes;
     if (const uint64_t own = counts.events - counts.dated_by_file - counts.dated_by_line; own * 2 < counts.events) {
         notes.push_back("only " + std::to_string(own) + " of " + std::to_string(counts.events) +
-                        " lines say a time that is understood; the others have that of the line before");
+                        " lines say a time that is understood; the others have that of a line beside them");
     }
     if (!times.also.empty()) {
         notes.push_back("times such as " + times.example + " are taken as " + times.pattern + ", but " + times.also +

@@ -116,8 +116,8 @@ std::string totals_text(const progress& p, const load_totals& totals) {
                         time_text(totals.earliest), time_text(totals.latest));
     }
     text += fmt::format(", {} read, {} of index", bytes_text(totals.bytes_in), bytes_text(totals.index_bytes));
-    if (totals.dated_by_line > 0) text += ", " + number_text(totals.dated_by_line) + " dated by the line before";
-    if (totals.dated_by_file > 0) text += ", " + number_text(totals.dated_by_file) + " by their file";
+    if (totals.dated_by_line > 0) text += ", " + number_text(totals.dated_by_line) + " dated by other lines";
+    if (totals.dated_by_file > 0) text += ", " + number_text(totals.dated_by_file) + " dated by their file";
     text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused),
                         totals.refused == 1 ? "line" : "lines", static_cast<double>(now_us() - p.begun_us) / 1e6);
     return text;
