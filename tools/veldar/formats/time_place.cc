@@ -94,7 +94,7 @@ bool any_place(std::string_view line, size_t words, const Function& at) {
 // What the sample says of one shape.
 struct candidate {
     size_t shape = 0, lines = 0, late = 0;
-    size_t words = 0;  // holds nine of ten of its times
+    size_t words = 0;  // nine of ten of its times stand there or before
     std::array<uint16_t, WORDS_MAX> at{};
     shape_time first;
     size_t first_line = 0;
@@ -113,11 +113,12 @@ bool fits_order(const time_shape& shape, std::string_view order) {
 void count_line(std::vector<candidate>* all, std::string_view line, size_t number, const time_hints& hints) {
     std::array<bool, COUNT> seen{};
     any_place(line, WORDS_MAX, [&](size_t word, std::string_view rest) {
+        const time_front front = time_front_of(rest);
         for (candidate& one : *all) {
             const time_shape& shape = shapes()[one.shape];
             std::string_view left = rest;
             shape_time time;
-            const bool found = !seen[one.shape] && time_shape_begins_with(shape, rest[0]) &&
+            const bool found = !seen[one.shape] && time_shape_begins(shape, front) &&
                                time_shape_take(shape, &left, &time) && word < WORDS_MAX;
             if (!found) continue;
             seen[one.shape] = true;
@@ -136,6 +137,7 @@ void count_line(std::vector<candidate>* all, std::string_view line, size_t numbe
 size_t words_of(const candidate& one) {
     size_t words = 0, left = (one.lines * 9 + 9) / 10;
     for (; words < WORDS_MAX && one.at[words] < left; words++) left -= one.at[words];
+    while (words + 1 < WORDS_MAX && one.at[words + 1] > 0) words++;  // the same place behind a word more
     return words;
 }
 
@@ -236,7 +238,8 @@ time_place time_place_find(std::span<const std::string_view> lines, const time_h
 bool time_place_take(const time_place& place, std::string_view line, shape_time* out, std::string_view* where) {
     return any_place(line, place.words, [&](size_t, std::string_view rest) {
         std::string_view left = rest;
-        const bool taken = time_shape_begins_with(place.shape, rest[0]) && time_shape_take(place.shape, &left, out);
+        const bool taken =
+            time_shape_begins(place.shape, time_front_of(rest)) && time_shape_take(place.shape, &left, out);
         if (taken) *where = rest.substr(0, rest.size() - left.size());
         return taken;
     });

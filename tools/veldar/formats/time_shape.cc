@@ -7,7 +7,7 @@ namespace {
 
 constexpr int64_t DAY_S = 86400;
 constexpr std::string_view KINDS = "YymdbaHIMSpfqLzZTRtsunl%", TWO_DIGITS = "mdHIMS", NUMBERS = "YymdHIMSLsfTR";
-constexpr size_t TAI_DIGITS = 16;
+constexpr size_t TAI_DIGITS = 16, DIGITS_MAX = 31;
 constexpr int64_t TAI_EPOCH = (int64_t{1} << 62) + 10;  // as programs that write these labels have it
 
 bool is_digit(char c) {
@@ -15,6 +15,10 @@ bool is_digit(char c) {
 }
 bool is_letter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+// Whether it is the kind of a part, and one of these.
+bool is_in(std::string_view kinds, char kind) {
+    return kind != 0 && kinds.find(kind) != std::string_view::npos;
 }
 bool is_blank(char c) {
     return c == ' ' || c == '\t';
@@ -229,9 +233,8 @@ bool ends_time(std::string_view rest) {
 }
 
 bool has(const time_shape& shape, std::string_view kinds) {
-    return std::any_of(shape.parts.begin(), shape.parts.begin() + shape.count, [kinds](const time_part& part) {
-        return part.kind != 0 && kinds.find(part.kind) != std::string_view::npos;
-    });
+    return std::any_of(shape.parts.begin(), shape.parts.begin() + shape.count,
+                       [kinds](const time_part& part) { return is_in(kinds, part.kind); });
 }
 
 const char* check_parts(const time_shape& shape) {
@@ -255,6 +258,26 @@ std::string_view order_of(const time_shape& shape) {
     return found == std::end(ORDERS) ? std::string_view() : *found;
 }
 
+// Sets how many digits its times begin with, as far as that is plain, and what is behind them.
+void set_front(time_shape* shape) {
+    uint32_t least = 0, spare = 0;
+    size_t i = 0;
+    if (shape->parts[0].kind == 's') {
+        shape->digits = 1u << 10 | 1u << 13 | 1u << 16 | 1u << 19;
+        return;
+    }
+    if (is_in("zZpqtuTR", shape->parts[0].kind)) return;
+    for (; i < shape->count && is_in("YymdHIMS", shape->parts[i].kind); i++) {
+        const time_part& part = shape->parts[i];
+        const bool loose = part.kind != 'Y' && part.kind != 'y' && !part.fixed;
+        least += part.kind == 'Y' ? 4 : loose ? 1 : 2;
+        spare += loose;
+    }
+    if (least + spare > DIGITS_MAX || (i < shape->count && is_in("fLsunTR", shape->parts[i].kind))) return;
+    shape->digits = 1u << least | 1u << (least + spare);
+    if (i > 0 && i < shape->count && shape->parts[i].kind == 0) shape->after = shape->parts[i].literal;
+}
+
 }  // namespace
 
 const char* time_shape_compile(std::string_view pattern, time_shape* out) {
@@ -268,43 +291,28 @@ const char* time_shape_compile(std::string_view pattern, time_shape* out) {
             if (KINDS.find(kind) == std::string_view::npos) return "has an unknown letter behind '%'";
             if (kind != '%') part = {kind, 0, false};
         }
-        const bool joined = part.kind != 0 && NUMBERS.find(part.kind) != std::string_view::npos;
+        const bool joined = is_in(NUMBERS, part.kind);
         time_part* const before = out->count == 0 ? nullptr : &out->parts[out->count - 1u];
-        const auto is_two = [](const time_part& p) {
-            return p.kind != 0 && TWO_DIGITS.find(p.kind) != std::string_view::npos;
-        };
-        if (before != nullptr && joined && NUMBERS.find(before->kind) != std::string_view::npos) {
-            before->fixed = is_two(*before);
-            part.fixed = is_two(part);
+        if (before != nullptr && joined && is_in(NUMBERS, before->kind)) {
+            before->fixed = is_in(TWO_DIGITS, before->kind);
+            part.fixed = is_in(TWO_DIGITS, part.kind);
         }
         out->parts[out->count++] = part;
     }
     out->has_year = has(*out, "Yysun");
     out->order = order_of(*out);
+    set_front(out);
     return check_parts(*out);
 }
 
-bool time_shape_begins_with(const time_shape& shape, char c) {
-    switch (const time_part& first = shape.parts[0]; first.kind) {
-        case 0:
-            return first.literal == ' ' ? is_blank(c) : c == first.literal;
-        case 'b':
-        case 'a':
-        case 'l':
-            return is_letter(c);
-        case 'u':
-            return is_digit(c) || is_blank(c);
-        case 'n':
-            return is_digit(c);
-        case 'z':
-        case 'Z':
-        case 'p':
-        case 'q':
-        case 't':
-            return true;
-        default:
-            return is_digit(c);
-    }
+time_front time_front_of(std::string_view text) {
+    time_front front;
+    while (front.digits < text.size() && front.digits < DIGITS_MAX && is_digit(text[front.digits])) front.digits++;
+    if (!text.empty()) front.first = text[0];
+    if (front.digits < text.size()) front.after = text[front.digits] == '\t' ? ' ' : text[front.digits];
+    unsigned month = 0;
+    front.month = is_letter(front.first) && take_month(&text, &month);
+    return front;
 }
 
 bool time_shape_take(const time_shape& shape, std::string_view* rest, shape_time* out) {

@@ -37,6 +37,15 @@ struct time_shape {
     uint8_t count = 0;  // 0: no shape
     bool has_year = false;
     std::string_view order;  // "dmy", "md" ...: what a date that is written in numbers begins with; else empty
+    uint32_t digits = ~0u;   // bit n: its times may begin with just n digits
+    char after = 0;          // what follows those digits; 0: several things
+};
+
+// What a text begins with, to pass over what no time begins with.
+struct time_front {
+    uint8_t digits = 0;  // at most 31
+    char first = 0, after = 0;
+    bool month = false;  // the name of one
 };
 
 // A time as a shape finds it.
@@ -50,8 +59,13 @@ struct shape_time {
 
 // Compiles a pattern. Returns null, or what is wrong with it as a literal.
 const char* time_shape_compile(std::string_view pattern, time_shape* out);
-// Whether a time of this shape can begin with this byte.
-bool time_shape_begins_with(const time_shape& shape, char c);
+time_front time_front_of(std::string_view text);
+// Whether a time of this shape can begin so.
+inline bool time_shape_begins(const time_shape& shape, const time_front& front) {
+    if ((shape.digits >> front.digits & 1) == 0 || (shape.after != 0 && shape.after != front.after)) return false;
+    const time_part& part = shape.parts[0];
+    return part.kind == 0 ? part.literal == front.first : part.kind != 'b' || front.month;
+}
 // Takes a time from the front of `rest` and moves `rest` behind it; false leaves `rest` as it is.
 bool time_shape_take(const time_shape& shape, std::string_view* rest, shape_time* out);
 

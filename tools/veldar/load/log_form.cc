@@ -45,7 +45,10 @@ void find_times(std::string_view head, const std::string& order, format_context*
     hints.modified_s = context->modified_s == NO_TIME_SEEN ? hints.now_s : context->modified_s;
     hints.now_s = std::max(hints.now_s, hints.modified_s);
     hints.order = order;
-    context->times = time_place_find(first_lines(head, TIME_LINES, &plain), hints);
+    const std::vector<std::string_view> lines = first_lines(head, TIME_LINES, &plain);
+    context->times = time_place_find(std::span(lines).first(std::min(lines.size(), FORMAT_LINES)), hints);
+    const bool settled = context->times.known() && context->times.also.empty();
+    if (!settled && lines.size() > FORMAT_LINES) context->times = time_place_find(lines, hints);
 }
 
 // When this machine was started, for a file that was written since.
