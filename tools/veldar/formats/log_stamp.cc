@@ -57,8 +57,16 @@ bool take_numeric_offset(std::string_view* rest, log_stamp* out) {
     return true;
 }
 
+// Up to four letters as one number, to be compared at once.
+constexpr uint32_t packed(std::string_view letters) {
+    uint32_t number = 0;
+    for (const char c : letters) number = number << 8 | static_cast<unsigned char>(c);
+    return number;
+}
+
 struct zone_name {
-    std::string_view name;
+    constexpr zone_name(std::string_view letters, int east) : name(packed(letters)), minutes(east) {}
+    uint32_t name;
     int minutes;  // east of UTC
 };
 
@@ -68,7 +76,8 @@ constexpr zone_name ZONE_NAMES[] = {
     {"EST", -300}, {"EDT", -240}, {"MST", -420}, {"MDT", -360}, {"PDT", -420}, {"AKST", -540}, {"AKDT", -480},
     {"HST", -600}, {"JST", 540},  {"KST", 540},  {"HKT", 480},  {"SGT", 480},  {"PKT", 300},   {"AWST", 480},
     {"ACST", 570}, {"ACDT", 630}, {"AEST", 600}, {"AEDT", 660}, {"NZST", 720}, {"NZDT", 780},  {"SAST", 120}};
-constexpr std::string_view UNCLEAR_ZONES[] = {"CST", "CDT", "PST", "IST", "BST", "AST", "ADT", "SST", "GST", "AMT"};
+constexpr uint32_t UNCLEAR_ZONES[] = {packed("CST"), packed("CDT"), packed("PST"), packed("IST"), packed("BST"),
+                                      packed("AST"), packed("ADT"), packed("SST"), packed("GST"), packed("AMT")};
 
 // The capitals at the front of the text.
 std::string_view front_capitals(std::string_view text) {
@@ -81,20 +90,20 @@ std::string_view front_capitals(std::string_view text) {
 bool take_listed_zone(std::string_view* rest, log_stamp* out) {
     const std::string_view name = front_capitals(*rest);
     if (name.size() < 3 || name.size() > 4) return false;
-    for (const zone_name& zone : ZONE_NAMES) {
-        if (zone.name != name) continue;
+    const uint32_t number = packed(name);
+    const auto* zone = std::find_if(std::begin(ZONE_NAMES), std::end(ZONE_NAMES),
+                                    [number](const zone_name& listed) { return listed.name == number; });
+    const bool clear = zone != std::end(ZONE_NAMES);
+    if (clear) {
         out->has_offset = true;
-        out->offset_s = zone.minutes * 60;
-        rest->remove_prefix(name.size());
-        return true;
-    }
-    for (const std::string_view unclear : UNCLEAR_ZONES) {
-        if (unclear != name) continue;
+        out->offset_s = zone->minutes * 60;
+    } else if (std::find(std::begin(UNCLEAR_ZONES), std::end(UNCLEAR_ZONES), number) != std::end(UNCLEAR_ZONES)) {
         out->unclear_zone = name;
-        rest->remove_prefix(name.size());
-        return true;
+    } else {
+        return false;
     }
-    return false;
+    rest->remove_prefix(name.size());
+    return true;
 }
 
 bool take_named_utc(std::string_view* rest, log_stamp* out) {
@@ -162,19 +171,22 @@ bool check_clock(int64_t hour, int64_t minute, int64_t second, int64_t* second_o
 
 // The month's number, 1 to 12.
 bool take_month(std::string_view* rest, unsigned* month) {
-    constexpr std::string_view MONTHS[] = {"january", "february", "march",     "april",   "may",      "june",
-                                           "july",    "august",   "september", "october", "november", "december"};
-    const auto has = [rest](std::string_view name) {
-        return rest->size() >= name.size() &&
-               std::equal(name.begin(), name.end(), rest->begin(), [](char a, char b) { return a == (b | 0x20); });
-    };
-    for (unsigned i = 0; i < std::size(MONTHS); i++) {
-        if (!has(MONTHS[i].substr(0, 3))) continue;
-        *month = i + 1;
-        rest->remove_prefix(has(MONTHS[i]) ? MONTHS[i].size() : 3);
-        return true;
-    }
-    return false;
+    constexpr uint32_t MONTHS[] = {packed("jan"), packed("feb"), packed("mar"), packed("apr"),
+                                   packed("may"), packed("jun"), packed("jul"), packed("aug"),
+                                   packed("sep"), packed("oct"), packed("nov"), packed("dec")};
+    constexpr std::string_view ENDS[] = {"uary", "ruary", "ch",     "il",   "",      "e",
+                                         "y",    "ust",   "tember", "ober", "ember", "ember"};
+    if (rest->size() < 3) return false;
+    const uint32_t name = packed(rest->substr(0, 3)) | 0x202020;
+    const auto* found = std::find(std::begin(MONTHS), std::end(MONTHS), name);
+    if (found == std::end(MONTHS)) return false;
+    const std::string_view end = ENDS[found - std::begin(MONTHS)];
+    *month = static_cast<unsigned>(found - std::begin(MONTHS)) + 1;
+    rest->remove_prefix(3);
+    const bool whole = rest->size() >= end.size() && std::equal(end.begin(), end.end(), rest->begin(),
+                                                                [](char a, char b) { return a == (b | 0x20); });
+    if (whole) rest->remove_prefix(end.size());
+    return true;
 }
 
 bool ends_word(std::string_view rest) {
