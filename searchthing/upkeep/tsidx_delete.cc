@@ -98,6 +98,10 @@ int mark_in_file(const char* path, const doomed_values& doomed, uint64_t* newly,
     WARM* const warm = st_warm_slice_open_rdwr(path, rc);
     if (warm == nullptr) return rc->warm_rc;
     const uint32_t values = st_warm_slice_values(warm);
+    if (values > 8 * doomed.bits.size()) {
+        st_warm_slice_discard(warm);
+        return _set_rc_msg(rc, WARM_RC_CORRUPT, "another slice has taken the place of the one that was searched");
+    }
     int status = 0;
     uint32_t left = 0;
     for (uint32_t id = 0; id < values && status == 0; id++) {
