@@ -9,6 +9,7 @@
 #include "searchthing/upkeep/tsidx_delete.h"
 #include "searchthing/upkeep/tsidx_optimize.h"
 #include "tests/support/directory.h"
+#include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
@@ -257,6 +258,20 @@ class model {
             }
         }
         EXPECT_EQ(next + 1, distinct.size());
+        // A failure ends the cursor.
+        options.choice = {};
+        for (uint64_t nth = 1, hits = 1; hits != 0; nth++) {
+            const fault broken(fault_call::pread, nth, EIO);
+            const term_cursor_ptr failing = term_cursor_open(options, &rc);
+            int status = failing == nullptr ? -1 : 0;
+            while (status == 0 && (status = term_cursor_next(failing.get(), &term, &rc)) == 0 &&
+                   term.data() != nullptr) {
+            }
+            hits = broken.hits();
+            EXPECT_EQ(status != 0, hits != 0);
+            EXPECT_TRUE(failing == nullptr || term_cursor_next(failing.get(), &term, &rc) == 0) << rc.message;
+            EXPECT_EQ(term.data(), nullptr);
+        }
     }
 
     void check_meta() {

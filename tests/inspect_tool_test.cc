@@ -50,6 +50,8 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
         std::string error, bytes;
         ASSERT_EQ(slice_image_open(path, &image, &error), IMAGE_OPEN);
         ASSERT_TRUE(tool_read_file(path, &bytes));
+        const uint64_t in_footer = image.sections[IN_CSTORE].offset + image.header.cstore_ref.get() + 15;
+        EXPECT_NE(fsck_bytes(bytes.substr(0, in_footer), path).find("cannot be placed"), std::string::npos);
         const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
         for (const slice_section_t section : {IN_OFFSETS, IN_METADATA, IN_LISTS, IN_DIMSETS, IN_CSTORE}) {
             ASSERT_EQ(image.sections[section].state, SECTION_WHOLE);

@@ -85,6 +85,7 @@ void read_bucket(const std::string& directory, std::vector<event_seen>* events) 
             st_tsval value;
             raw_record record;
             ASSERT_EQ(tsval_reader_decode(&slice->tsval_reader, id, &value, false, id, &rc), 0) << rc.message;
+            EXPECT_EQ(value.measure, 0u);
             EXPECT_TRUE(raw_reader_fetch(raw.get(), value.address, &record, &error)) << error;
             events->push_back({value.time, record.text});
         }

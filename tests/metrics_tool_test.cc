@@ -1,8 +1,10 @@
 // veldar metrics: what is loaded comes out again, whole and once.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <sstream>
@@ -176,6 +178,20 @@ TEST(MetricsTool, MalformedLinesAndLabels) {
     must({"put", dir.path() + "/events", file});
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.path() + "/events", "load", file}).status, 2);
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.path() + "/none", "ls"}).status, 2);
+}
+
+TEST(MetricsTool, LinesComeInPiecesOfAPipe) {
+    const temp_dir dir;
+    std::string text = "# " + std::string(200000, 'x') + "\n";
+    for (int i = 0; i < 4000; i++) text += "up 1 " + std::to_string(1000 + i) + "\n";
+    text += "# " + std::string(300000, 'x') + "\nup 1 999\n";
+    ASSERT_EQ(::mkfifo(dir.file("pipe").c_str(), 0600), 0);
+    write_file(dir.file("text"), text);
+    ASSERT_EQ(std::system(("cat " + dir.file("text") + " >" + dir.file("pipe") + " &").c_str()), 0);
+    const tool_result load =
+        run_tool(TOOL, {"metrics", "--dir", dir.file("a"), "load", "-", "--no-fsync"}, {dir.file("pipe")});
+    EXPECT_EQ(load.status, 0) << load.err;
+    EXPECT_NE(load.err.find("4,001 samples"), std::string::npos) << load.err;
 }
 
 }  // namespace

@@ -490,6 +490,9 @@ TEST_F(SearchTool, AMissingLogIsNamedAndTheRestPrinted) {
     const tool_result table = run_at(path, {"search", "alpha", "--format", "tsv"});
     EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 3);
     EXPECT_EQ(table.status, 3);
+    fs::remove(path + "/sources");
+    const tool_result nameless = run_at(path, {"search", "alpha", "--format", "tsv"});
+    EXPECT_NE(nameless.err.find("the names of hosts and sources cannot be read"), std::string::npos) << nameless.err;
 }
 
 TEST_F(SearchTool, ALogThatBecameShorterGivesWhatItStillHolds) {

@@ -297,7 +297,7 @@ TEST_F(StatsTool, FormatsAndDrawings) {
     EXPECT_EQ(must({"stats", "--every", "1h", "--top", "1", "--by", "user", "--format", "jsonl"}),
               "{\"time\":\"2024-03-30T00:00:00Z\",\"user\":\"bob\",\"count\":2}\n"
               "{\"time\":\"2024-03-30T02:00:00Z\",\"user\":\"bob\",\"count\":1}\n");
-    EXPECT_EQ(must({"top", "user", "-n", "1", "fine", "OR", "user=*"}), "user  count\nbob       3\n");
+    EXPECT_EQ(must({"top", "user", "-n", "1", "fine", "OR", "user=*", "--format", "tsv"}), "user\tcount\nbob\t3\n");
     const variable_set columns("COLUMNS", "30");
     const std::string drawn = must({"stats", "--every", "1h", "--plot", "--tz", "+01:00"});
     EXPECT_TRUE(drawn.starts_with("count  every 1h\n        3 │█████\n")) << drawn;
@@ -394,6 +394,10 @@ TEST_F(StatsTool, MetricsByBinAndLabel) {
     EXPECT_EQ(must(with(asked, {"--by", "host", "--missing", "--format", "csv"})), expected);
     EXPECT_EQ(must({"metrics", "query", "cpu_*", "--agg", "count", "--by", "metric_name", "--format", "csv"}),
               "metric_name,count\r\ncpu_idle,500\r\ncpu_user,500\r\n");
+    load_metrics("old 1 -1.25\nold 2 -0.75\n");
+    EXPECT_EQ(must({"metrics", "query", "old", "--until", "1970-01-01", "--every", "500ms", "--agg", "sum", "--format",
+                    "csv"}),
+              "time,sum\r\n1969-12-31T23:59:58.5Z,1\r\n1969-12-31T23:59:59Z,2\r\n");
 }
 
 TEST_F(StatsTool, RatesKnowCountersThatBeganAgain) {
