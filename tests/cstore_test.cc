@@ -236,6 +236,7 @@ TEST(Cstore, DamagedBlocksWriteNoFurtherThanTheirElements) {
         std::string data(CSET_BLOCK_MAX_SIZE, '\0');
         auto* const bytes = reinterpret_cast<uint8_t*>(data.data());
         const uint64_t size = cset_block_encode(values, &block, bytes);
+        EXPECT_LT(size, kind == 2 ? 100u : CSET_BLOCK_MAX_SIZE) << "moved by units in the last place";
         for (uint64_t bit = 0; bit < 8 * (size - 8); bit++) {
             bytes[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
             store_le64(bytes + size - 8, XXH32(bytes, size - 8, 0));

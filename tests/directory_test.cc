@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <set>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx_list.h"
 #include "searchthing/directory/tsidx_params.h"
+#include "searchthing/reading/event_cursor.h"
 #include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/st_optimize_lex.h"
@@ -172,6 +174,14 @@ TEST_F(Directory, OpenSlicesAreKeptUpTo256) {
         EXPECT_EQ(st_warm_slice_values(snapshot.warm(299)), 1u);
     }
     EXPECT_EQ(open_slices(dir.path()), 256u);
+    event_cursor_options_t options;
+    options.sources = {{.tsidx = tsidx.get(), .path = {}}};
+    options.queries = {make_query("[AND a]")};
+    warm_rc_t rc;
+    const event_cursor_ptr cursor = event_cursor_open(options, &rc);
+    std::array<event_t, 1> events;
+    EXPECT_EQ(event_cursor_next(cursor.get(), events, &rc), 1);
+    EXPECT_EQ(open_slices(dir.path()), 256u) << "what has been read is given back";
     for (int i = 0; i < 299; i++) fs::remove(dir.file("5-5-" + std::to_string(i) + ".tsidx"));
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]").size(), 1u);
     EXPECT_EQ(open_slices(dir.path()), 1u);

@@ -470,6 +470,8 @@ TEST_F(SearchTool, AnUnreadableSliceIsNamedAndTheRestPrinted) {
     write_file(victim.substr(0, victim.size() - 6) + ".pre-tsidx", "");
     EXPECT_EQ(run_at(copy.path(), {"count", "*"}).out, std::to_string(left) + "\n");
     EXPECT_EQ(run_at(copy.path(), {"count", "*"}).status, 0);
+    write_file(copy.path() + "/bucket-000099", "");
+    EXPECT_EQ(run_at(copy.path(), {"count", "*"}).status, 5) << "no directory that can be listed";
 }
 
 TEST_F(SearchTool, AMissingLogIsNamedAndTheRestPrinted) {
@@ -490,9 +492,6 @@ TEST_F(SearchTool, AMissingLogIsNamedAndTheRestPrinted) {
     const tool_result table = run_at(path, {"search", "alpha", "--format", "tsv"});
     EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 3);
     EXPECT_EQ(table.status, 3);
-    fs::remove(path + "/sources");
-    const tool_result nameless = run_at(path, {"search", "alpha", "--format", "tsv"});
-    EXPECT_NE(nameless.err.find("the names of hosts and sources cannot be read"), std::string::npos) << nameless.err;
 }
 
 TEST_F(SearchTool, ALogThatBecameShorterGivesWhatItStillHolds) {

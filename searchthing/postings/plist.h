@@ -59,10 +59,8 @@ struct plist_writer_t {
     uint32_t count_forterm = 0;  // events of the current term that were stored
     uint32_t first_value = 0;
     uint32_t last_value = 0;
-    uint32_t run = 0;                  // events stored after the last number written, each one above the previous
-    uint64_t term_bytes = 0;           // of the current term so far
-    uint64_t term_start = 0;           // position in buf where the current term began
-    bool flushed_during_term = false;  // then term_start no longer says anything
+    uint32_t run = 0;         // events stored after the last number written, each one above the previous
+    uint64_t term_bytes = 0;  // of the current term so far
     std::span<const uint32_t> tsval_id_to_dimset_map;  // event to dimension set; empty for none
     uint32_t last_skipped_value = PLIST_END;
     uint32_t plo_type = PLO_RLE;

@@ -14,7 +14,6 @@ int flush(plist_writer_t* plw) {
     if (written != static_cast<int64_t>(plw->buffered)) return _set_rc(&plw->rc, WARM_RC_WRITE);
     plw->offset += plw->buffered;
     plw->buffered = 0;
-    plw->flushed_during_term = true;
     return 0;
 }
 
@@ -83,7 +82,6 @@ int put_skipped_value(plist_writer_t* plw) {
 int end_bitmap(plist_writer_t* plw) {
     const bool is_empty = plw->count_forterm == 0;
     if (!is_empty) {
-        plw->flushed_during_term |= plw->bitmap.offset != plw->offset;
         plw->offset = plw->bitmap.offset;
         plw->buffered = plw->bitmap.buf_pos;
     }
@@ -124,8 +122,6 @@ int _plist_writer_start_term(plist_writer_t* plw) {
     plw->last_skipped_value = PLIST_END;
     plw->term_bytes = 0;
     if (plw->plo_type == PLO_BMAP) ST_TRY(flush_if_nearly_full(plw));
-    plw->term_start = plw->buffered;
-    plw->flushed_during_term = false;
     if (plw->plo_type == PLO_BMAP) {
         bitmap_writer_init(&plw->bitmap, plw->buf, plw->buffered, PLIST_BUFFER, plw->fd, plw->offset);
     }
