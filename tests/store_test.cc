@@ -1,6 +1,7 @@
 // Source maps, access points into gzip files, and the cutting of logs into records.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -179,6 +180,9 @@ TEST(GzStream, ReadsTheSameFromEveryPlace) {
     }
     EXPECT_FALSE(gz_seek(&reader.gz, text.size() + 1, &reader.error));
     EXPECT_TRUE(reader.gz.ended);
+    const size_t held = ::mallinfo2().uordblks;
+    for (int i = 0; i < 100; i++) gzip_reader again(path, 200000);
+    EXPECT_LT(::mallinfo2().uordblks, held + 100000);
 }
 
 TEST(GzStream, PointsOfAnotherFileAndDamagedPointsAreNotUsed) {
