@@ -12,8 +12,9 @@
 //
 // Each source is read at one moment; a handle for writing syncs first. When a slice has gone before it was opened, its
 // directory is read anew. An event that lies in several slices is counted in each of them until they are merged.
-// Deleted events are not counted. Slices are read one at a time, newest first; memory is that of the table, and for
-// several fields at once 4 bytes an event and field, 2^20 events at a time.
+// Deleted events are not counted. Slices are read one at a time, newest first; memory is that of the table, of a bit an
+// event of the slice, and of the terms of the fields asked for; for several fields at once also 4 bytes an event and
+// field, 2^20 events at a time.
 #pragma once
 
 #include <memory>
@@ -33,14 +34,16 @@ struct select_options_t {
                                    // bins and cells always do
 };
 
-// Fills a finished table (select_table_finish). 0; a status of parse_query for a text that is no query, and WARM_RC_TOKEN_TOO_BIG "token too big" for a literal
-// over 2,048 bytes; a failure of select_spec_check, select_bins_open, select_bins_check or
-// warm_slice_select; the failure to list a directory or to open a slice; -35 when slices go faster than they can be
-// opened. The failure of a directory is in st_tsidx_last_failure, too. `report` may be null.
+// Fills a finished table (select_table_finish). 0; a status of parse_query for a text that is no query, and
+// WARM_RC_TOKEN_TOO_BIG "token too big" for a literal over 2,048 bytes; a failure of select_spec_check,
+// select_bins_open, select_bins_check or warm_slice_select; the failure to list a directory or to open a slice;
+// WARM_RC_RETRIES when slices go faster than they can be opened. The failure of a directory is in
+// st_tsidx_last_failure, too. `report` may be null.
 [[nodiscard]] int select_read(const select_options_t& options, select_table_t* table, select_report_t* report,
                               warm_rc_t* rc);
 
-// A selection over one directory whose rows are read one after the other. The record copies the query and the spec.
+// A selection over one directory whose rows are read one after the other. The handle keeps copies of the query
+// and the fields.
 struct st_select_handle;
 // Nothing is read yet. Null without memory, which is logged. The directory must outlive the handle.
 st_select_handle* st_tsidx_select_handle_new(TSIDX* tsidx, const st_query_spec* query, const select_spec_t* spec);

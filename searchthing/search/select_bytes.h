@@ -40,9 +40,9 @@ namespace veldar {
 
 // Appends a finished table's bytes. May throw std::bad_alloc.
 void select_table_encode(const select_table_t& table, std::string* out);
-// The table of these bytes, finished. 0; -13 for other bytes, -12 "select table" for damage, with the position; -2 "select
-// cells" for a table beyond the limits of select_table.h, -2. A table that is read is one that could have been written:
-// merging and telling it is as safe as with one's own.
+// The table of these bytes, finished. 0; WARM_RC_BAD_MAGIC for other bytes, WARM_RC_CORRUPT "select table" for damage,
+// with the position; WARM_RC_NO_MEMORY, with "select cells" for a table beyond the limits of select_table.h. A table
+// that is read is one that could have been written: merging and telling it is as safe as with one's own.
 [[nodiscard]] int select_table_decode(std::span<const uint8_t> bytes, select_table_t* table, warm_rc_t* rc);
 
 }  // namespace veldar

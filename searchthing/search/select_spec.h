@@ -46,22 +46,23 @@ struct select_bins_t {
     int64_t offset = 0;
     std::vector<int64_t> starts;
 };
-// 0; -25 "time bins init" for a span that is negative or holds a whole second of nanoseconds, and for starts that do
-// not ascend; -55 "alloc time bins hard limit exceeded" for too many starts. May throw std::bad_alloc.
+// 0; WARM_RC_TIME_BINS "time bins init" for a span that is negative or holds a whole second of nanoseconds, and for
+// starts that do not ascend; WARM_RC_TIME_BINS_LIMIT "alloc time bins hard limit exceeded" for too many starts. May
+// throw std::bad_alloc.
 [[nodiscard]] int select_bins_open(select_bins_t* bins, const st_query_spec& query, const select_spec_t& spec,
                                    warm_rc_t* rc);
 // Where the bin of a time begins, and where the one behind it does (INT64_MAX for the last).
 int64_t select_bin_of(const select_bins_t& bins, int64_t time);
 int64_t select_bin_end(const select_bins_t& bins, int64_t start);
-// 0, or -55 when the times inclusive need more bins than allowed.
+// 0, or WARM_RC_TIME_BINS_LIMIT when the times inclusive need more bins than allowed.
 [[nodiscard]] int select_bins_check(const select_bins_t& bins, int64_t earliest, int64_t latest, warm_rc_t* rc);
 
 inline int64_t select_time(const st_timeval_t& time) {
     return int64_t{time.time_s} * 1000000000 + static_cast<int64_t>(time.time_ns);
 }
 
-// Whether the fields make sense: 0; -37 for too many groups or projections, an empty group field, or unknown
-// aggregates; -19 "token too big" for a field longer than a term can be.
+// Whether the fields make sense: 0; WARM_RC_INVALID_ARGUMENT for too many groups or projections, an empty group field,
+// or unknown aggregates; WARM_RC_TOKEN_TOO_BIG "token too big" for a field longer than a term can be.
 [[nodiscard]] int select_spec_check(const select_spec_t& spec, warm_rc_t* rc);
 
 }  // namespace veldar

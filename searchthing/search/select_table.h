@@ -28,7 +28,8 @@ struct select_row_t {
 // The text of one group field.
 std::string_view select_group_text(std::string_view groups, size_t field);
 
-// The functions below may throw std::bad_alloc. Limits are kept by select_row and select_grow: -2 "select cells".
+// The functions below may throw std::bad_alloc. Limits are kept by select_row and select_grow: WARM_RC_NO_MEMORY
+// "select cells".
 struct select_table_t {
     struct row_t {
         int64_t bin;
@@ -80,10 +81,10 @@ inline std::span<select_cell_t> select_cells(select_table_t* table, uint32_t row
 }
 // Accounts memory that cells have taken.
 [[nodiscard]] int select_grow(select_table_t* table, size_t bytes, warm_rc_t* rc);
-// Adds the rows of a table of the same shape: -37 for one of another.
+// Adds the rows of a table of the same shape: WARM_RC_INVALID_ARGUMENT for one of another.
 [[nodiscard]] int select_table_merge(select_table_t* into, const select_table_t& other, warm_rc_t* rc);
-// Numbers the groups by their texts, bytewise field by field, sorts the rows by bin, then group, and settles the cells. A finished table may still be
-// merged into, and has to be finished anew then.
+// Numbers the groups by their texts, bytewise field by field, sorts the rows by bin, then group, and settles the cells.
+// A finished table may still be merged into, and has to be finished anew then.
 void select_table_finish(select_table_t* table);
 select_row_t select_table_row(const select_table_t& table, size_t number);
 
