@@ -163,7 +163,7 @@ const line_format* format_by_name(std::string_view name) {
 }
 
 std::string format_record(const line_format& format, const format_context& context) {
-    const std::string place = &format == &FORMATS[TEXT] ? time_place_text(context.times) : std::string();
+    const std::string place = time_place_text(context.times);
     return place.empty() ? format.name : format.name + (" " + place);
 }
 

@@ -46,7 +46,8 @@ struct format_context {
     int64_t modified_s = NO_TIME_SEEN;    // the file's modification time, or now for a pipe: no inferred time is later
                                           // than a day after it
     int64_t last_local_s = NO_TIME_SEEN;  // state: the last time with an inferred year, in local seconds
-    time_place times;                     // of the text format: where its lines say their time
+    time_place times;                     // where lines say their time: what tells records from the lines that continue
+                                          // them, and to the text format their times
     int64_t boot_s = NO_TIME_SEEN;        // what seconds since the machine started count from; unknown: no time
     std::string unclear_zone;             // state: the first zone's name that means several offsets
 };
@@ -63,7 +64,7 @@ struct line_format {
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
 std::span<const line_format> line_formats();
 const line_format* format_by_name(std::string_view name);  // null when unknown
-// What a store keeps of a file's format, and back: the name, and behind a blank the place of a text's times.
+// What a store keeps of a file's format, and back: the name, and behind a blank the place of the times.
 std::string format_record(const line_format& format, const format_context& context);
 const line_format* format_by_record(std::string_view record, format_context* context);
 std::string format_names();  // "access, syslog, ...", for --help

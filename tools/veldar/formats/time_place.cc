@@ -12,6 +12,7 @@ namespace {
 
 constexpr int64_t DAY_S = 86400;
 constexpr size_t WORDS_MAX = TIME_HEAD;
+constexpr size_t PLAIN_WORDS = 3;  // blanks before a time that is not at the file's place: access logs have these
 
 // The shapes that are looked for. Of two that fit a log equally well at one place the earlier is taken.
 constexpr const char* PATTERNS[] = {
@@ -72,6 +73,25 @@ const std::array<time_shape, COUNT>& shapes() {
         return made;
     }();
     return all;
+}
+
+bool means_one_time(const time_shape& shape) {
+    return shape.has_year && shape.order.empty();
+}
+
+// Those that cannot be anything else wherever they stand.
+const std::vector<time_shape>& plain_shapes() {
+    static const std::vector<time_shape> plain = [] {
+        std::vector<time_shape> made;
+        for (size_t i = 0; i < COUNT; i++) {
+            const std::string_view pattern = PATTERNS[i];
+            const bool number =
+                pattern.find_first_of("sun") != std::string_view::npos || pattern.starts_with("%Y%m%d%H");
+            if (means_one_time(shapes()[i]) && !number) made.push_back(shapes()[i]);
+        }
+        return made;
+    }();
+    return plain;
 }
 
 // Whether a time may begin behind this byte: no word, number or path goes on there.
@@ -245,14 +265,28 @@ bool time_place_take(const time_place& place, std::string_view line, shape_time*
     });
 }
 
+bool time_place_take_any(const time_place& place, std::string_view line, shape_time* out, std::string_view* where) {
+    if (place.known() && time_place_take(place, line, out, where)) return true;
+    if (line.empty() || line[0] == ' ' || line[0] == '\t') return false;
+    return any_place(line, PLAIN_WORDS, [&](size_t, std::string_view rest) {
+        const time_front front = time_front_of(rest);
+        if (front.digits == 0 && !front.month) return false;
+        return std::any_of(plain_shapes().begin(), plain_shapes().end(), [&](const time_shape& shape) {
+            std::string_view left = rest;
+            if (!time_shape_begins(shape, front) || !time_shape_take(shape, &left, out)) return false;
+            *where = rest.substr(0, rest.size() - left.size());
+            return true;
+        });
+    });
+}
+
 bool time_place_take_whole(std::string_view text, shape_time* out) {
     std::string_view date = text;
     const std::string_view day = take_word(&date);  // "Sun," perhaps
     if (day.empty() || (day[0] >= '0' && day[0] <= '9')) date = text;
     return std::any_of(shapes().begin(), shapes().end(), [&](const time_shape& shape) {
         for (std::string_view rest : {text, date}) {
-            const bool one_meaning = shape.has_year && shape.order.empty();
-            if (one_meaning && time_shape_take(shape, &rest, out) && rest.empty()) return true;
+            if (means_one_time(shape) && time_shape_take(shape, &rest, out) && rest.empty()) return true;
         }
         return false;
     });

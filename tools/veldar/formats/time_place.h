@@ -35,6 +35,10 @@ std::span<const char* const> time_patterns();
 time_place time_place_find(std::span<const std::string_view> lines, const time_hints& hints);
 // Takes the first time of the line that is of this shape at this place, and where it stands in the line.
 bool time_place_take(const time_place& place, std::string_view line, shape_time* out, std::string_view* where);
+// The line's time at the place, or else a full date and clock of one meaning only (a year, no question of day and month,
+// no bare number) that begins in its first four words: files of mixed formats. A line that begins with a blank has only
+// the former. What it says of a line depends on nothing but the place and the line.
+bool time_place_take_any(const time_place& place, std::string_view line, shape_time* out, std::string_view* where);
 // A text that is a time and nothing else but a word before it, in one of the shapes that mean one time only.
 bool time_place_take_whole(std::string_view text, shape_time* out);
 

@@ -78,8 +78,16 @@ const line_format* log_form_choose(const load_options& options, std::string_view
     if (format == nullptr && recorded != text_format()->name) format = format_by_record(recorded, context);
     std::string plain;
     if (format == nullptr) format = detect_format(first_lines(head, FORMAT_LINES, &plain), *context);
-    if (format != text_format()) return format;
-    if (!context->times.known()) find_times(head, options.date_order, context);
+    if (format->is_json) return format;
+    const bool is_text = format == text_format();
+    // What a format reads by itself has one order of day and month.
+    if (!context->times.known() && (is_text || recorded.empty())) {
+        find_times(head, is_text ? options.date_order : "", context);
+    }
+    if (!is_text) {
+        context->times.also.clear();
+        return format;
+    }
     context->boot_s = boot_time_s(context->modified_s);
     return format;
 }
