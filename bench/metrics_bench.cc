@@ -11,7 +11,7 @@
 #include "bench/scratch_dir.h"
 #include "bench/succeed.h"
 #include "searchthing/st.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 namespace {

@@ -19,7 +19,7 @@
 #include "searchthing/columns/cstore.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/slice/warmslice.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 namespace {

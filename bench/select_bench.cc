@@ -12,7 +12,7 @@
 #include "bench/succeed.h"
 #include "searchthing/reading/tsidx_select.h"
 #include "searchthing/st.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 namespace {

@@ -3,22 +3,14 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zero searchthing EXPORT veldar-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-# The face, and the headers that it needs by name; none of them includes one that is not here.
+# What programs include, and the records that it needs by name; none of these includes one that is not here.
 set(face
-    st.h st_optimize.h st_optimize_lex.h
-    base/language.h base/query_info.h base/st_init.h base/st_timeval.h base/warm_rc.h
-    format/tsidx_names.h format/write_options.h
-    lexicon/st_enum_answer.h
-    values/st_tsval.h
-    hot/st_txn.h
-    slice/term_choice.h
-    search/query.h search/st_metric_event.h search/select_spec.h search/select_table.h search/select_cell.h search/select_bytes.h
-    search/distinct_sketch.h search/quantile_sketch.h
-    directory/tsidx.h
-    reading/event_cursor.h reading/term_cursor.h reading/tsidx_metric.h reading/tsidx_read.h reading/tsidx_select.h
-    reading/tsidx_snapshot.h
-    upkeep/tsidx_delete.h upkeep/tsidx_optimize.h)
-foreach(header ${face})
+    st.h st_optimize.h base/warm_rc.h format/tsidx_names.h format/write_options.h values/st_tsval.h search/query.h
+    reading/cursors.h reading/tsidx_read.h reading/tsidx_select.h)
+set(records
+    base/language.h base/query_info.h base/st_init.h base/st_timeval.h lexicon/term_choice.h search/select_cell.h
+    search/select_spec.h search/select_table.h directory/tsidx.h reading/tsidx_snapshot.h upkeep/tsidx_upkeep.h)
+foreach(header ${face} ${records})
   if(EXISTS ${PROJECT_SOURCE_DIR}/searchthing/${header})
     cmake_path(GET header PARENT_PATH room)
     install(FILES ${PROJECT_SOURCE_DIR}/searchthing/${header}

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "libzero/endian.h"
-#include "searchthing/search/select_bytes.h"
+#include "searchthing/search/select_table.h"
 
 using namespace veldar;
 
@@ -23,7 +23,7 @@ void tell(const select_table_t& table) {
             bool is_estimate = false;
             if (select_cell_distinct(cell, &is_estimate) < 0) std::abort();
             for (const double q : {0.0, 0.5, 0.99, 1.0}) {
-                const double at = select_cell_quantile(cell, q);
+                const double at = select_cell_quantile(cell, q, &is_estimate);
                 if (at < cell.minimum || at > cell.maximum) std::abort();
             }
         }

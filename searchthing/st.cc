@@ -10,8 +10,7 @@
 #include "searchthing/base/log.h"
 #include "searchthing/directory/health.h"
 #include "searchthing/reading/tsidx_select.h"
-#include "searchthing/upkeep/tsidx_minify.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 

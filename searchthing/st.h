@@ -27,10 +27,9 @@
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/format/tsidx_names.h"
-#include "searchthing/reading/tsidx_metric.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/search/query.h"
-#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 
@@ -112,7 +111,7 @@ int st_need_optimize(const THING* thing);
 st_select_handle* st_select_handle_new(THING* thing, const QUERY* query, const select_spec_t* spec);
 [[nodiscard]] int st_select_handle_read(st_select_handle* handle, select_row_t* row);
 void st_select_handle_free(st_select_handle* handle);
-// Metric directories: the functions of tsidx_metric.h of the same names. WARM_RC_INVALID_ARGUMENT for a null handle, or
+// Metric directories: the functions of tsidx_read.h of the same names. WARM_RC_INVALID_ARGUMENT for a null handle, or
 // output.
 [[nodiscard]] int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context);
 [[nodiscard]] int st_measure_size(THING* thing, uint64_t* bytes);
@@ -131,7 +130,7 @@ int st_is_optimized(THING* thing);
 [[nodiscard]] int st_health(THING* thing);
 [[nodiscard]] int st_cd(THING* thing, const char* path);
 
-// Changing what is there: tsidx_delete.h.
+// Changing what is there: tsidx_upkeep.h.
 
 // -1 for a null handle or array.
 [[nodiscard]] int64_t st_delete_by_keys(THING* thing, const st_tsval_encoded* keys, size_t count);

@@ -9,7 +9,7 @@
 #include "libzero/resource.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_list.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 

@@ -1,10 +1,10 @@
-// What a separate optimiser process runs.
+// What a separate optimiser process runs: passes of merges, and the merged lexicon of a directory.
 #pragma once
 
 #include <cstdint>
 
 #include "searchthing/st.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 
@@ -24,5 +24,12 @@ namespace veldar {
 // One merge through an open handle, with the defaults: eight slices of a tier, blocks of 64 terms, the handle's target
 // size. The result of st_tsidx_optimize_n. The handle is not null.
 [[nodiscard]] int st_optimize_ex(THING* thing, int mode);
+
+// Writes the merged lexicon of a directory or, with `filter` set, takes the terms of fewer than `min_events` events out
+// of it: the arguments are those of st_tsidx_merge_lex_n and st_tsidx_filter_merged_lex. Then leaves one line with the
+// result in the directory's status file. 0, also when there are too few slices to merge, or the failure, with more in
+// `rc`; -1 for a directory that cannot be opened (in the record WARM_RC_TIME_MISMATCH).
+[[nodiscard]] int st_optimize_lex(const char* path, uint32_t min_src_count, uint32_t terms_per_block,
+                                  uint64_t page_size, uint32_t min_events, bool filter, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -1,5 +1,3 @@
-#include "searchthing/st_optimize_lex.h"
-
 #include <cstdio>
 
 #include "libzero/assertions.h"
@@ -8,6 +6,7 @@
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/directory/tsidx_list.h"
+#include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 
 namespace veldar {

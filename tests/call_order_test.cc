@@ -9,8 +9,7 @@
 #include <string>
 
 #include "searchthing/base/st_init.h"
-#include "searchthing/upkeep/tsidx_delete.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/call_record.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <map>
 
-#include "searchthing/st_optimize_lex.h"
+#include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "searchthing/st.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/forge_metric.h"

@@ -19,9 +19,8 @@
 #include "searchthing/directory/tsidx_list.h"
 #include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/st_optimize.h"
-#include "searchthing/upkeep/tsidx_delete.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
@@ -525,6 +524,7 @@ TEST_F(OptimizeFaults, SourcesThatDoNotGo) {
     for (uint64_t nth = 1; nth <= count; nth++) {
         reset();
         const directory_ptr tsidx = open_directory(path());
+        st_tsidx_set_lock_timeout(tsidx.get(), 0);
         const fault broken(fault_call::unlink, nth, EPERM);
         const int status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
         const bool stays = !files_in(path(), TSIDX_SENTINEL_SUFFIX).empty();

@@ -49,7 +49,7 @@ const std::set<std::string> SECTIONS = {"searchthing/lexicon", "searchthing/valu
 const std::set<std::string> SECTION_RECORDS = {
     "searchthing/values/st_tsval.h",
     "searchthing/values/tsval_order.h",
-    "searchthing/lexicon/st_enum_answer.h",
+    "searchthing/lexicon/term_choice.h",
 };
 
 // What the tools know of the engine but for its installed headers; those that look inside slices know INSIDE as well.
@@ -76,10 +76,12 @@ const std::set<std::string> LOOK_INSIDE = {"info", "ls", "slice_events", "slice_
 const std::set<std::string>& face() {
     static const std::set<std::string> headers = [] {
         const std::string text = read_file(VELDAR_SOURCE_DIR "/cmake/install.cmake");
-        const size_t begin = text.find("set(face") + 8;
-        std::istringstream words(text.substr(begin, text.find(')', begin) - begin));
         std::set<std::string> found;
-        for (std::string word; words >> word;) found.insert("searchthing/" + word);
+        for (const std::string list : {"set(face", "set(records"}) {
+            const size_t begin = text.find(list) + list.size();
+            std::istringstream words(text.substr(begin, text.find(')', begin) - begin));
+            for (std::string word; words >> word;) found.insert("searchthing/" + word);
+        }
         return found;
     }();
     return headers;

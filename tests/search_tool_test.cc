@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/reading/event_cursor.h"
+#include "searchthing/reading/cursors.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"

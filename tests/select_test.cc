@@ -9,14 +9,17 @@
 #include <random>
 
 #include "searchthing/reading/tsidx_select.h"
-#include "searchthing/search/select_bytes.h"
+#include "searchthing/search/distinct_sketch.h"
+#include "searchthing/search/quantile_sketch.h"
 #include "searchthing/search/select_internal.h"
+#include "searchthing/search/select_table.h"
 #include "searchthing/st.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/query_maker.h"
+#include "tests/support/sampled.h"
 
 namespace veldar {
 namespace {
@@ -158,7 +161,9 @@ void check_cell(const select_cell_t& cell, const std::vector<std::string>& value
     if ((aggregates & SELECT_QUANTILES) != 0) {
         const auto rank =
             std::clamp<size_t>(static_cast<size_t>(std::ceil(q * n)), 1, std::max<size_t>(numbers.size(), 1));
-        EXPECT_TRUE(near(select_cell_quantile(cell, q), numbers.empty() ? none : numbers[rank - 1], 0));
+        bool is_estimate = true;
+        EXPECT_TRUE(near(select_cell_quantile(cell, q, &is_estimate), numbers.empty() ? none : numbers[rank - 1], 0));
+        EXPECT_FALSE(is_estimate);
     }
 }
 
@@ -290,16 +295,10 @@ void check_selection(const select_options_t& options, const std::vector<seen_eve
 
 using Select = directory_test;
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr uint64_t PART = 4;  // of the cases, for time
-#else
-constexpr uint64_t PART = 1;
-#endif
-
 TEST_F(Select, EventsAgreeWithBruteForce) {
     const std::vector<forge_options> kinds = forge_event_kinds();
     select_report_t work;
-    for (uint64_t seed = 1; seed <= 160 / PART && !HasFailure(); seed++) {
+    for (uint64_t seed = 1; seed <= 160 / SANITIZED_PART && !HasFailure(); seed++) {
         SCOPED_TRACE(seed);
         const bool is_large = seed % 40 == 0;  // lists of all lengths, few matches of many values
         select_slab_values = is_large || seed % 2 == 0 ? 1u << 20 : 16;
@@ -371,15 +370,15 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
             check_selection(options, events, &maker, &work);
         }
     }
-    EXPECT_GT(work.lists_from_metadata, 100 / PART);
-    EXPECT_GT(work.lists_counted, 100 / PART);
-    EXPECT_GT(work.lists_decoded, 100 / PART);
-    EXPECT_GT(work.lists_probed, 10 / PART);
+    EXPECT_GT(work.lists_from_metadata, 100 / SANITIZED_PART);
+    EXPECT_GT(work.lists_counted, 100 / SANITIZED_PART);
+    EXPECT_GT(work.lists_decoded, 100 / SANITIZED_PART);
+    EXPECT_GT(work.lists_probed, 10 / SANITIZED_PART);
 }
 
 TEST_F(Select, MetricsAgreeWithBruteForce) {
     select_report_t work;
-    for (uint64_t seed = 1; seed <= 80 / PART && !HasFailure(); seed++) {
+    for (uint64_t seed = 1; seed <= 80 / SANITIZED_PART && !HasFailure(); seed++) {
         SCOPED_TRACE(seed);
         selection_maker maker(seed);
         const bool milliseconds = seed % 2 == 0;
@@ -466,7 +465,7 @@ TEST_F(Select, SketchesKeepTheirErrors) {
             EXPECT_NEAR(distinct, count, is_estimate ? 0.0081 * 4 * count : 0) << count;
             for (const double q : {0.0, 0.01, 0.1, 0.5, 0.9, 0.99, 1.0}) {
                 const double exact = numbers[static_cast<size_t>(std::max(std::ceil(q * count), 1.0)) - 1];
-                EXPECT_NEAR(select_cell_quantile(*cell, q), exact, 0.0101 * std::abs(exact)) << q;
+                EXPECT_NEAR(select_cell_quantile(*cell, q, &is_estimate), exact, 0.0101 * std::abs(exact)) << q;
             }
             EXPECT_EQ(cell->values->texts.size(), 4096u);
             EXPECT_EQ(cell->values->is_cut, count > 4096);

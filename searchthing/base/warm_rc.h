@@ -11,7 +11,7 @@ namespace veldar {
 struct string_builder;
 
 // Codes of warm_rc_t. The query tokenizer and the hot slice's puts have negative numbers of their own (tokenizer.h,
-// st_txn.h), whatever the same numbers mean here.
+// st_tsval.h), whatever the same numbers mean here.
 //
 // What takes memory may fail with WARM_RC_NO_MEMORY, and what reads a file with the status of a read (timed_read.h);
 // the comments of such functions name only what there is beside them.

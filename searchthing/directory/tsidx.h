@@ -1,5 +1,5 @@
 // An index directory: its handle, limits, options, parameter file and marker, transactions, and the sync of its hot
-// slice into a new warm slice. How it is read: tsidx_read.h, tsidx_snapshot.h; deletes: tsidx_delete.h.
+// slice into a new warm slice. How it is read: tsidx_read.h, tsidx_snapshot.h; deletes: tsidx_upkeep.h.
 //
 // A directory is used through one handle by one thread at a time. Several handles may write into one directory at once:
 // every file that a sync makes has a name of its own. A slice appears under its final name only by a link to a complete
@@ -10,7 +10,7 @@
 //   <latest>-<earliest>-<id>.tsidx     a slice
 //   ...-<id>.pre-tsidx                 a slice being written, or complete but not moved (st_tsidx_unmoved_slice)
 //   ...-<id>.<n>.<writer>.part-tsidx   a slice written in part mode
-//   <name of a slice>.deleted          hides that slice, whose events are all deleted (tsidx_delete.h)
+//   <name of a slice>.deleted          hides that slice, whose events are all deleted (tsidx_upkeep.h)
 //   veldar-autogen-params.dat          tuned limits (tsidx_params.h)
 //   veldar-need-optimize.dat           marker: there is something to merge
 #pragma once
@@ -21,7 +21,7 @@
 
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/write_options.h"
-#include "searchthing/hot/st_txn.h"
+#include "searchthing/values/st_tsval.h"
 
 namespace veldar {
 

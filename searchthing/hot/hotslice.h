@@ -32,7 +32,7 @@
 
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/write_options.h"
-#include "searchthing/hot/st_txn.h"
+#include "searchthing/values/st_tsval.h"
 #include "searchthing/values/values_writer.h"
 
 namespace veldar {

@@ -40,7 +40,7 @@
 #include "libzero/resource.h"
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/warm_rc.h"
-#include "searchthing/lexicon/st_enum_answer.h"
+#include "searchthing/lexicon/term_choice.h"
 
 namespace veldar {
 

@@ -1,10 +1,9 @@
-#include "searchthing/reading/event_cursor.h"
-
 #include <algorithm>
 #include <climits>
 #include <new>
 #include <tuple>
 
+#include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/search/slice_events.h"
 

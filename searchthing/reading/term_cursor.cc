@@ -1,7 +1,6 @@
-#include "searchthing/reading/term_cursor.h"
-
 #include <algorithm>
 
+#include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/slice/warmslice_terms.h"
 

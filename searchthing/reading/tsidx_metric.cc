@@ -1,7 +1,6 @@
-#include "searchthing/reading/tsidx_metric.h"
-
 #include "libzero/assertions.h"
 #include "searchthing/reading/tsidx_query_walk.h"
+#include "searchthing/reading/tsidx_read.h"
 #include "searchthing/search/slice_metric_events.h"
 
 namespace veldar {

@@ -4,7 +4,7 @@
 #include <climits>
 
 #include "libzero/assertions.h"
-#include "searchthing/reading/event_cursor.h"
+#include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/search/slice_events.h"

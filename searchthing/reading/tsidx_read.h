@@ -1,4 +1,4 @@
-// Reading an index directory: events by query, by term and one by one, terms, numbers.
+// Reading an index directory: events by query, by term and one by one, terms, numbers, measures.
 //
 // Every read works on one snapshot of the directory (tsidx_snapshot.h) and is whole or fails: a slice that cannot be
 // read fails it with the slice's status, and st_tsidx_last_failure names the slice. Besides the failures named, every
@@ -16,18 +16,19 @@
 #include <cstdint>
 
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/lexicon/st_enum_answer.h"
+#include "searchthing/lexicon/term_choice.h"
 #include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/search/query.h"
+#include "searchthing/values/st_tsval.h"
 
 namespace veldar {
 
 // Writes the newest `capacity` events that match, newest first, then by address descending, to `answers` (the
 // caller's). An event that lies in several slices, that is, one time and address, is written once, as the newest of the
-// slices has it; events of metric slices, which say nothing of their dimensions and measures here (tsidx_metric.h), are
-// written as often as they occur. Slices are searched newest first and only as far as they can matter. Returns the
-// number of answers; a status of parse_query (parsed_query.h), or a slice's; after a failure the answers mean nothing.
-// With `is_exact` 0 the answers are a superset of the match (warmslice_search.h).
+// slices has it; events of metric slices, which say nothing of their dimensions and measures here, are written as often
+// as they occur. Slices are searched newest first and only as far as they can matter. Returns the number of answers; a
+// status of parse_query (parsed_query.h), or a slice's; after a failure the answers mean nothing. With `is_exact` 0 the
+// answers are a superset of the match (warmslice_search.h).
 [[nodiscard]] int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, uint32_t capacity,
                                  int is_exact);
 
@@ -45,7 +46,8 @@ namespace veldar {
 // lies in two counts twice. 0 or a status as st_tsidx_query's; the query's cumspan is not applied.
 [[nodiscard]] int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count);
 // The same over all that a snapshot reads, which is held for it. 0 or a status, in `rc`.
-[[nodiscard]] int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count, warm_rc_t* rc);
+[[nodiscard]] int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count,
+                                       warm_rc_t* rc);
 
 // Receives one event; valid for this call only.
 using tsidx_event_fn = int (*)(const st_tsval* event, void* context);
@@ -112,5 +114,19 @@ struct tsidx_info_t {
 // WARM_RC_INVALID_ARGUMENT for an empty path, WARM_RC_OPEN for a directory that the handle could not have been opened
 // with, and then nothing has changed (but for the sync).
 [[nodiscard]] int st_tsidx_cd(TSIDX* tsidx, const char* path);
+
+// Metric directories: the events with what they say, dimensions and measures. One that lies in two slices is two events.
+
+using tsidx_metric_event_fn = int (*)(const st_metric_event_t* event, void* context);
+
+// Hands out every event that matches exactly (null query: all), slice by slice from the newest on, newest first in a
+// slice. The total of the results, -1, WARM_RC_UNSUPPORTED for a slice without runs and column store (events, and
+// metrics of older generations), WARM_RC_CORRUPT for damage, or a status as st_tsidx_query's. Dimensions are looked up
+// once a set, and measures are read in stretches: memory is about 150 bytes a matching set, and 32 MiB.
+[[nodiscard]] int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, tsidx_metric_event_fn fn,
+                                                   void* context);
+
+// Bytes of measures: the sum of the slices' column stores. 0 or a status.
+[[nodiscard]] int st_tsidx_measure_size(TSIDX* tsidx, uint64_t* bytes);
 
 }  // namespace veldar

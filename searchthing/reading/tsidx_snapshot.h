@@ -25,6 +25,7 @@
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/format/tsidx_names.h"
+#include "searchthing/reading/cursors.h"
 
 namespace veldar {
 
@@ -38,16 +39,6 @@ inline constexpr st_time_t TSIDX_LAST_TIME = std::numeric_limits<st_time_t>::max
 inline constexpr int64_t TSIDX_VANISHED = std::numeric_limits<int64_t>::min();
 // How often a read begins again when slices go before they are opened.
 inline constexpr int TSIDX_MAX_SNAPSHOTS = 16;
-
-// Where a read goes: a directory, whose handle must outlive it, or one slice file, which need not belong to one.
-struct cursor_source_t {
-    TSIDX* tsidx = nullptr;  // null: a file
-    std::string path;        // of the file
-};
-
-// Is told the path of a slice or directory that cannot be read, and why; from there on it is left out. May be told the
-// same more than once. Want of memory always fails the read.
-using cursor_failure_fn = std::function<void(const std::string& path, const warm_rc_t& rc)>;
 
 // The slices of one moment, by latest time descending, and those of them that are open. The directories may be used for
 // other reads meanwhile, by the same thread, but must not be moved with st_tsidx_cd. Every call but `hold` may throw

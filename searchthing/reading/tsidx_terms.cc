@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "libzero/assertions.h"
-#include "searchthing/reading/term_cursor.h"
+#include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/slice/warmslice_terms.h"

@@ -1,4 +1,4 @@
-#include "searchthing/search/select_bytes.h"
+#include "searchthing/search/select_table.h"
 
 #include <xxhash.h>
 
@@ -9,6 +9,8 @@
 #include <new>
 
 #include "libzero/endian.h"
+#include "searchthing/search/distinct_sketch.h"
+#include "searchthing/search/quantile_sketch.h"
 
 namespace veldar {
 
@@ -229,12 +231,12 @@ void take_cell(byte_source* in, uint32_t aggregates, select_cell_t* cell) {
     in->need((aggregates & SELECT_QUANTILES) != 0 || !(has(QUANTILE_LIST) || has(QUANTILE_SKETCH)));
     if (in->failed()) return;
     if (has(DISTINCT_SET) || has(DISTINCT_SKETCH)) {
-        cell->distinct = std::make_unique<distinct_sketch_t>();
+        cell->distinct.reset(new distinct_sketch_t());
         (has(DISTINCT_SET) ? take_distinct_set : take_distinct_sketch)(in, cell->distinct.get());
     }
     if (has(KEPT)) take_kept(in, (cell->values = std::make_unique<kept_values_t>()).get());
     if (has(QUANTILE_LIST) || has(QUANTILE_SKETCH)) {
-        cell->quantiles = std::make_unique<quantile_sketch_t>();
+        cell->quantiles.reset(new quantile_sketch_t());
         take_quantiles(in, has(QUANTILE_LIST), cell->numbers, cell->quantiles.get());
     }
 }

@@ -7,6 +7,8 @@
 
 #include "searchthing/base/number.h"
 #include "searchthing/columns/cset_codec.h"
+#include "searchthing/search/distinct_sketch.h"
+#include "searchthing/search/quantile_sketch.h"
 
 namespace veldar {
 
@@ -35,15 +37,15 @@ size_t keep_text(kept_values_t* values, std::string_view text) {
     return TEXT_NODE + text.size();
 }
 
-template <typename T>
-T* made(std::unique_ptr<T>* part) {
-    if (*part == nullptr) *part = std::make_unique<T>();
+template <typename Owner>
+typename Owner::pointer made(Owner* part) {
+    if (*part == nullptr) part->reset(new typename Owner::element_type());
     return part->get();
 }
 
 // Runs `change(part)` and tells by how much the part's memory grew.
-template <typename T, typename Size, typename Change>
-size_t grown(std::unique_ptr<T>* part, Size size, Change change) {
+template <typename Owner, typename Size, typename Change>
+size_t grown(Owner* part, Size size, Change change) {
     const size_t before = *part == nullptr ? 0 : size(**part);
     change(made(part));
     const size_t after = size(**part);
@@ -51,6 +53,13 @@ size_t grown(std::unique_ptr<T>* part, Size size, Change change) {
 }
 
 }  // namespace
+
+void select_sketch_free::operator()(distinct_sketch_t* sketch) const {
+    delete sketch;
+}
+void select_sketch_free::operator()(quantile_sketch_t* sketch) const {
+    delete sketch;
+}
 
 void compensated_sum_add(compensated_sum_t* into, double number) {
     const double sum = into->sum + number;
@@ -163,7 +172,8 @@ double select_cell_distinct(const select_cell_t& cell, bool* is_estimate) {
     return cell.distinct == nullptr ? 0 : distinct_sketch_count(*cell.distinct, is_estimate);
 }
 
-double select_cell_quantile(const select_cell_t& cell, double q) {
+double select_cell_quantile(const select_cell_t& cell, double q, bool* is_estimate) {
+    *is_estimate = cell.quantiles != nullptr && !cell.quantiles->is_exact;
     if (cell.quantiles == nullptr || cell.numbers == 0) return NOTHING;
     return std::clamp(quantile_sketch_at(*cell.quantiles, q), cell.minimum, cell.maximum);
 }

@@ -11,12 +11,19 @@
 #include <string>
 #include <string_view>
 
-#include "searchthing/search/distinct_sketch.h"
-#include "searchthing/search/quantile_sketch.h"
+#include "searchthing/base/language.h"
 
 namespace veldar {
 
-struct cs_stats_t;  // cset_codec.h
+struct cs_stats_t;         // cset_codec.h
+struct distinct_sketch_t;  // distinct_sketch.h
+struct quantile_sketch_t;  // quantile_sketch.h
+struct select_sketch_free {
+    void operator()(distinct_sketch_t* sketch) const;
+    void operator()(quantile_sketch_t* sketch) const;
+};
+template <typename Sketch>
+using select_sketch_ptr = std::unique_ptr<Sketch, select_sketch_free>;
 
 // What is wanted of a field: bits of select_projection_t::aggregates.
 enum select_aggregate_t : uint32_t {
@@ -53,9 +60,10 @@ struct select_cell_t {
     compensated_sum_t sum, sum_of_squares;
     double minimum = std::numeric_limits<double>::infinity();
     double maximum = -std::numeric_limits<double>::infinity();
-    std::unique_ptr<distinct_sketch_t> distinct;  // null until a value comes that is to be counted so, as the next two
+    select_sketch_ptr<distinct_sketch_t>
+        distinct;  // null until a value comes that is to be counted so, as the next two
     std::unique_ptr<kept_values_t> values;
-    std::unique_ptr<quantile_sketch_t> quantiles;
+    select_sketch_ptr<quantile_sketch_t> quantiles;
 };
 
 // A value as it stands in a term or a column. What is no number (NaN included) takes no part in numbers.
@@ -86,6 +94,6 @@ double select_cell_maximum(const select_cell_t& cell);
 double select_cell_average(const select_cell_t& cell);
 double select_cell_distinct(const select_cell_t& cell, bool* is_estimate);
 // The value of rank ceil(q n) of the n numbers, q from 0 to 1; beyond 4,096 different ones within 1 % of it.
-double select_cell_quantile(const select_cell_t& cell, double q);
+double select_cell_quantile(const select_cell_t& cell, double q, bool* is_estimate);
 
 }  // namespace veldar

@@ -6,7 +6,7 @@
 
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/search/parsed_query.h"
-#include "searchthing/search/st_metric_event.h"
+#include "searchthing/values/st_tsval.h"
 
 namespace veldar {
 

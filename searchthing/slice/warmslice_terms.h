@@ -7,7 +7,7 @@
 
 #include "searchthing/lexicon/fclex_cursor.h"
 #include "searchthing/lexicon/matcher.h"
-#include "searchthing/slice/term_choice.h"
+#include "searchthing/lexicon/term_choice.h"
 #include "searchthing/slice/warmslice.h"
 
 namespace veldar {

@@ -1,5 +1,3 @@
-#include "searchthing/upkeep/tsidx_delete.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -14,6 +12,7 @@
 #include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_values.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "searchthing/values/tsval_order.h"
 
 namespace veldar {

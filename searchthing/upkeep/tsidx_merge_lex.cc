@@ -7,7 +7,7 @@
 
 #include "libzero/assertions.h"
 #include "searchthing/merge/merged_lexicon.h"
-#include "searchthing/reading/term_cursor.h"
+#include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/slice/warmslice_terms.h"
 

@@ -1,5 +1,3 @@
-#include "searchthing/upkeep/tsidx_minify.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -9,6 +7,7 @@
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 

@@ -1,5 +1,3 @@
-#include "searchthing/upkeep/tsidx_optimize.h"
-
 #include <fcntl.h>
 #include <sys/statvfs.h>
 
@@ -17,6 +15,7 @@
 #include "searchthing/slice/warmslice_values.h"
 #include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
 

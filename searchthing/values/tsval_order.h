@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "libzero/endian.h"
-#include "searchthing/lexicon/st_enum_answer.h"
+#include "searchthing/lexicon/term_choice.h"
 #include "searchthing/values/st_tsval.h"
 
 namespace veldar {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/reading/tsidx_metric.h"
+#include "searchthing/reading/tsidx_read.h"
 #include "searchthing/values/tsval.h"
 
 namespace veldar {

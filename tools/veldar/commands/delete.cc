@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "searchthing/upkeep/tsidx_delete.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_count.h"

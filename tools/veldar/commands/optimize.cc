@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstdio>
 
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/progress.h"

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "searchthing/directory/tsidx_list.h"
-#include "searchthing/upkeep/tsidx_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/tool_file.h"

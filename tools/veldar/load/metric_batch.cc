@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "searchthing/lexicon/st_enum_answer.h"
+#include "searchthing/lexicon/term_choice.h"
 #include "tools/veldar/load/put_line.h"
 
 namespace veldar::tool {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "searchthing/hot/st_txn.h"
+#include "searchthing/values/st_tsval.h"
 
 namespace veldar::tool {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "searchthing/reading/event_cursor.h"
+#include "searchthing/reading/cursors.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/raw_reader.h"
 #include "tools/veldar/store/slices.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
-#include "searchthing/reading/tsidx_metric.h"
+#include "searchthing/reading/tsidx_read.h"
 #include "tools/veldar/store/tool_failure.h"
 
 namespace veldar::tool {

@@ -1,5 +1,5 @@
 // The sets and samples of one metric slice, in file order: set by set, and of a set newest first. Single files are read
-// here; directories are asked through their handle (searchthing/reading/tsidx_metric.h).
+// here; directories are asked through their handle (searchthing/reading/tsidx_read.h).
 #pragma once
 
 #include <cstdint>

@@ -221,8 +221,9 @@ stats_value stats_value_of(const stats_column& column, const select_row_t& row) 
             return value;
         }
         case stats_kind::quantile: {
-            stats_value value = number_value(select_cell_quantile(cell, column.quantile));
-            value.is_estimate = cell.quantiles != nullptr && !cell.quantiles->is_exact;
+            bool is_estimate = false;
+            stats_value value = number_value(select_cell_quantile(cell, column.quantile, &is_estimate));
+            value.is_estimate = is_estimate;
             return value;
         }
     }

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "searchthing/reading/term_cursor.h"
+#include "searchthing/reading/cursors.h"
 #include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
@@ -13,7 +13,7 @@ namespace veldar::tool {
 // Receives a term; false ends the walk.
 using term_visitor = std::function<bool(std::string_view, const term_totals_t&)>;
 
-// Lists the slices at `path` and walks their terms (term_cursor.h). A slice that cannot be read is told to `trouble`
+// Lists the slices at `path` and walks their terms (cursors.h). A slice that cannot be read is told to `trouble`
 // and left out from there on. Throws tool_failure.
 void walk_terms(const std::string& path, const term_choice_t& choice, const term_visitor& visit, troubles* trouble);
 

@@ -1,3 +1,30 @@
+// Cursors over many slices: one over events, one over terms. Each hands out what was live at one moment, in pieces.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "searchthing/directory/tsidx.h"
+#include "searchthing/lexicon/term_choice.h"
+#include "searchthing/search/query.h"
+#include "searchthing/values/st_tsval.h"
+
+namespace veldar {
+
+// Where a read goes: a directory, whose handle must outlive it, or one slice file, which need not belong to one.
+struct cursor_source_t {
+    TSIDX* tsidx = nullptr;  // null: a file
+    std::string path;        // of the file
+};
+
+// Is told the path of a slice or directory that cannot be read, and why; from there on it is left out. May be told the
+// same more than once. Want of memory always fails the read.
+using cursor_failure_fn = std::function<void(const std::string& path, const warm_rc_t& rc)>;
+
 // A cursor over the events of any number of directories and slices, newest first.
 //
 //   event_cursor_options_t options;
@@ -17,18 +44,6 @@
 //
 // A cursor is used by one thread at a time, the one that uses its directories, which may be used for other reads
 // meanwhile.
-#pragma once
-
-#include <functional>
-#include <memory>
-#include <span>
-#include <vector>
-
-#include "searchthing/reading/tsidx_snapshot.h"
-#include "searchthing/search/query.h"
-#include "searchthing/values/st_tsval.h"
-
-namespace veldar {
 
 struct event_t {
     st_tsval value;
@@ -73,5 +88,43 @@ event_cursor_ptr event_cursor_open(const event_cursor_options_t& options, warm_r
 [[nodiscard]] int event_cursor_next(event_cursor_t* cursor, std::span<event_t> events, warm_rc_t* rc);
 
 event_position_t event_cursor_position(const event_cursor_t* cursor);
+
+// A cursor over the terms of any number of directories and slices: each term once, ascending, with what the metadata of
+// all slices say of it added up.
+//
+//   term_cursor_options_t options;
+//   options.sources = {{.tsidx = st_directory(thing)}};
+//   options.choice.prefix = "host::";
+//   const term_cursor_ptr cursor = term_cursor_open(options, &rc);
+//   std::string_view term;
+//   while (term_cursor_next(cursor.get(), &term, &rc) == 0 && term.data() != nullptr) ...
+//
+// It reads the slices that were live at one moment, all of which it keeps open, a descriptor each; a handle for writing
+// syncs first. Memory is bounded whatever the number of terms: at most 8 MiB of lexicon pieces, and 16 KiB a slice. A
+// cursor is used by one thread at a time, the one that uses its directories.
+
+struct term_cursor_options_t {
+    std::vector<cursor_source_t> sources;
+    term_choice_t choice;          // metadata are read for terms that it takes alone; `after` resumes
+    cursor_failure_fn on_failure;  // null: what cannot be read, minified slices too, fails the cursor
+};
+
+struct term_cursor_t;
+struct term_cursor_closer {
+    void operator()(term_cursor_t* cursor) const;
+};
+using term_cursor_ptr = std::unique_ptr<term_cursor_t, term_cursor_closer>;
+
+// A cursor before the first term. Null with the reason in `rc`: a failure to list a directory or to open a slice, or
+// WARM_RC_RETRIES when slices go faster than they can be opened. The failure of a directory is in
+// st_tsidx_last_failure, too.
+term_cursor_ptr term_cursor_open(const term_cursor_options_t& options, warm_rc_t* rc);
+
+// Moves to the next term, NUL-terminated and valid until the cursor moves; a null view after the last one. 0, or the
+// failure of a slice, and then the cursor is at its end.
+[[nodiscard]] int term_cursor_next(term_cursor_t* cursor, std::string_view* term, warm_rc_t* rc);
+
+// What the slices say of the term. 0, or the failure of a slice; one that `on_failure` hears of does not count.
+[[nodiscard]] int term_cursor_totals(term_cursor_t* cursor, term_totals_t* totals, warm_rc_t* rc);
 
 }  // namespace veldar
