@@ -51,7 +51,8 @@ TEST(QueryLanguage, Translation) {
         {"fo* *OO f*o", "[AND fo* *oo f*o]"},
         {"status=500", "[AND status::500]"},
         {"User.Name=Bob", "[AND user.name::bob]"},
-        {"agent=\"New \\\"York\\\" [x]\"", "[AND agent::new\\ \"york\"\\ \\[x\\]]"},
+        {"agent=\"New \\\"York\\\" [x]\"",
+         "[OR agent::new\\ \"york\"\\ \\[x\\] agent::new\\ \\\\\"york\\\\\"\\ \\[x\\]]"},
         {"q=a\\b", "[AND q::a\\\\b]"},
         {"k=a=b", "[AND k::a=b]"},
         {"status!=200", "[AND status::* [NOT status::200]]"},
@@ -59,24 +60,30 @@ TEST(QueryLanguage, Translation) {
         {"bytes>1e3 bytes<=5", "[AND [GT bytes 1e3] [LTE bytes 5]]"},
         {"bytes>=\"-1\" t<0x10", "[AND [GTE bytes -1] [LT t 0x10]]"},
         {"-bytes>5", "[AND [OR [LTE bytes 5] [NOT bytes::*]]]"},
-        {"\"Out of Memory\"", "[AND out of memory] +<out of memory>"},
+        {"\"Out of Memory\"", "[AND *out of memory*] +out of memory"},
         {"\"one\"", "[AND one]"},
-        {"\"one.\" two", "[AND one two] +<one.>"},
+        {"\"one.\" two", "[AND *one* two] +one."},
         {"/index.html", "[AND index.html] +/index.html>"},
         {"\xC3\xBC"
          "ber",
          "[AND ber] +\xC3\xBC"
          "ber>"},
-        {"\"con* refused by*\"", "[AND refused] +<con* refused by"},
-        {"/a/b*", "[AND a] +/a/b"},
+        {"\"con* refused by*\"", "[AND *con* refused by*] +con* refused by"},
+        {"/a/b*", "[AND a b*] +/a/b"},
         {"\"***\"", "[AND] +"},
-        {"-\"a b\"", "[AND] -<a b>"},
-        {"\"a b\" OR c OR d", "[AND a b] +<a b> | [AND [OR c d]]"},
+        {"-\"a b\"", "[AND] -a b"},
+        {"\"a b\" OR c OR d", "[AND *a b*] +a b | [AND [OR c d]]"},
         {"(\"a b\" OR c) (\"d e\" OR f)",
-         "[AND a b d e] +<a b> +<d e> | [AND a b f] +<a b> | [AND c d e] +<d e> | [AND c f]"},
-        {"-(\"a b\" c)", "[AND] -<a b> | [AND [NOT c]]"},
-        {"say \"a b\"c", "[AND say a b c] +<a b>"},
+         "[AND *a b* *d e*] +a b +d e | [AND *a b* f] +a b | [AND c *d e*] +d e | [AND c f]"},
+        {"-(\"a b\" c)", "[AND] -a b | [AND [NOT c]]"},
+        {"say \"a b\"c", "[AND say *a b* c] +a b"},
         {"[NOT", "[AND not] +[not>"},
+        {"Exception~ -f*o~", "[AND *exception* [NOT *f*o*]]"},
+        {"\"re_\"~ /a_b.c~", "[AND *re_* a_b.c*] +/a_b.c"},
+        {"path=/Img~ a!=\"b c\"~", "[AND path::*/img* [AND a::* [NOT a::*b\\ c*]]]"},
+        {"\"new key\"=5 \"k>\">=5 \"a\"!=b", "[AND new\\ key::5 [GTE k> 5] [AND a::* [NOT a::b]]]"},
+        {"q=\"C:\\\\d\\e\" q=500,", "[AND [OR q::c:\\\\d\\\\e q::c:\\\\\\\\d\\\\e] [OR q::500, q::500]]"},
+        {"q!=\"a\\\"b\"", "[AND q::* [AND [NOT q::a\"b] [NOT q::a\\\\\"b]]]"},
     };
     for (const auto& row : table) {
         try {
@@ -129,7 +136,20 @@ TEST(QueryLanguage, MalformedQueriesPointAtTheSpot) {
     EXPECT_EQ(explain_query_error("\xC3\xBC x (\n", {5, "a term"}), "  \xC3\xBC x ( \n      ^ expected a term\n");
 }
 
-TEST(QueryLanguage, RecordsAreCheckedByWholeWords) {
+TEST(QueryLanguage, WordsInsideOfWordsAreOfferedWhereTheyCanBe) {
+    const struct {
+        const char *query, *inside;
+    } table[] = {
+        {"error timeout -debug", "error~ timeout~ -debug"},
+        {"-(a1b OR -web) up 500 in", "-(a1b OR -web~) up 500 in"},
+        {"level=warn \"x y\"=\"one two\" k!=value f*o any~", "level=warn~ \"x y\"=\"one two\"~ k!=value f*o any~"},
+        {"/img/logo \"a phrase\" \"AND\" 500", ""}};
+    for (const auto& row : table) {
+        EXPECT_EQ(query_inside_words(row.query), row.inside);
+    }
+}
+
+TEST(QueryLanguage, RecordsAreCheckedLetterByLetter) {
     const struct {
         const char* query;
         std::string record;
@@ -137,10 +157,12 @@ TEST(QueryLanguage, RecordsAreCheckedByWholeWords) {
     } table[] = {
         {"\"not found\"", "File NOT Found.", true},
         {"\"not found\"", "file not-found", false},
-        {"\"not found\"", "knot found", false},
-        {"\"not found\"", "knot found, not found", true},
-        {"\"not found\"", "not found.html", false},
-        {"\"not found\"", "...not found...", true},
+        {"\"not found\"", "knot foundling", true},
+        {"not/found", "knot/found", false},
+        {"not/found", "knot/found, not/found", true},
+        {"not/found", "not/found.html", false},
+        {"not/found", "...not/found...", true},
+        {"not/found~", "knot/foundling", true},
         {"\"not*found\"", "not at all\nfound", false},
         {"\"not*found\"", "nothing\n is not yet found", true},
         {"\"not found*\"", "not foundling", true},

@@ -3,6 +3,7 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_count.h"
+#include "tools/veldar/query/query_hints.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
@@ -19,6 +20,10 @@ int count_run(const tool_context& context, const query_options& options) {
     output_open(&out, "never");
     output_put(&out, std::to_string(total) + "\n");
     output_flush(&out);
+    if (!trouble.incomplete) {
+        hint_comparisons(path, query);
+        hint_more(path, query, total);
+    }
     return answer_status(total > 0, trouble);
 }
 

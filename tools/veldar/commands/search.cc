@@ -4,6 +4,7 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/event_source.h"
+#include "tools/veldar/query/query_hints.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
@@ -34,23 +35,24 @@ void choose_format(const search_options& options, const slice_set& slices, event
     if (output->format == FORMAT_RAW) output->format = FORMAT_ADDR;
 }
 
-void print_newest_first(event_cursor_t* events, uint64_t limit, event_output* output, bool* found) {
+// Each returns how many events it found.
+uint64_t print_newest_first(event_cursor_t* events, uint64_t limit, event_output* output) {
     event_t event;
-    for (uint64_t count = 0; (limit == 0 || count < limit) && events_next(events, &event); count++) {
-        *found = true;
+    uint64_t count = 0;
+    for (; (limit == 0 || count < limit) && !output->out->closed && events_next(events, &event); count++) {
         event_output_put(output, event);
-        if (output->out->closed) return;
     }
+    return count;
 }
 
-void print_oldest_first(event_cursor_t* events, uint64_t limit, event_output* output, bool* found) {
+uint64_t print_oldest_first(event_cursor_t* events, uint64_t limit, event_output* output) {
     std::vector<event_t> found_events;
     event_t event;
     while ((limit == 0 || found_events.size() < limit) && events_next(events, &event)) found_events.push_back(event);
-    *found = !found_events.empty();
     for (auto one = found_events.rbegin(); one != found_events.rend() && !output->out->closed; ++one) {
         event_output_put(output, *one);
     }
+    return found_events.size();
 }
 
 int search_run(const tool_context& context, const search_options& options) {
@@ -68,10 +70,15 @@ int search_run(const tool_context& context, const search_options& options) {
     choose_format(options, slices, &output);
     if (out.colour) output.wanted = highlight_of(query.plans);
     event_output_begin(&output);
-    bool found = false;
-    (options.oldest_first ? print_oldest_first : print_newest_first)(events.get(), options.limit, &output, &found);
+    const auto print = options.oldest_first ? print_oldest_first : print_newest_first;
+    const uint64_t found = print(events.get(), options.limit, &output);
     output_flush(&out);
-    return answer_status(found, trouble);
+    const bool is_all = options.limit == 0 || found < options.limit;
+    if (!trouble.incomplete && !out.closed) {
+        hint_comparisons(slices.path, query);
+        if (is_all) hint_more(slices.path, query, found);
+    }
+    return answer_status(found > 0, trouble);
 }
 
 }  // namespace

@@ -149,6 +149,7 @@ prepared_query query_prepare(const query_options& options) {
         query.text += word.starts_with(" -") || word.starts_with(" [") ? word.substr(1) : word;
     }
     if (query.text.empty()) query.text = options.native ? "[AND]" : "*";
+    query.is_native = options.native;
     query.plans = plans_of(query.text, options.native);
     st_query_init(&query.bounds);
     query_set_bounds(options.since, options.until, options.zone, &query.bounds);

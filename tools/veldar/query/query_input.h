@@ -25,6 +25,7 @@ void query_set_bounds(const std::string& since, const std::string& until, const 
 
 struct prepared_query {
     std::string text;
+    bool is_native = false;  // the text is in bracket notation
     std::vector<query_plan> plans;
     st_query_spec bounds;  // time bounds and options; its text is a plan's
     bool needs_raw() const;

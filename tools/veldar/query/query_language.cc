@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "searchthing/base/number.h"
+#include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
 
 namespace veldar::tool {
@@ -44,40 +45,32 @@ bool is_name(char c) {
     return is_name_start(c) || (c >= '0' && c <= '9') || c == '.' || c == '-';
 }
 
-// A condition on the raw text: its whole words as terms, and its pieces between "*" to be found in a record. A word
-// that touches a "*" may be cut, so only its piece counts.
-query_node phrase_node(std::string_view text) {
+query_node phrase_node(std::string_view text, bool may_cut) {
     query_node node;
     node.kind = node_kind::phrase;
-    const std::string folded = fold_value(text);
-    size_t begin = 0;
-    while (begin <= folded.size()) {
-        const size_t end = std::min(folded.find('*', begin), folded.size());
-        if (end > begin) {
-            node.pattern.pieces.push_back({folded.substr(begin, end - begin), begin == 0 && in_word(folded[begin]),
-                                           end == folded.size() && in_word(folded[end - 1])});
-        }
-        begin = end + 1;
-    }
-    std::string whole;  // the text without the words that touch a "*"
-    for (size_t i = 0; i < folded.size(); i++) {
-        if (folded[i] != '*') {
-            whole += folded[i];
-            continue;
-        }
-        while (!whole.empty() && in_word(whole.back())) whole.pop_back();
-        while (i + 1 < folded.size() && in_word(folded[i + 1])) i++;
-        whole += ' ';
-    }
-    term_set words;
-    term_set_add_text(&words, whole);
-    for (const std::string_view word : term_set_terms(&words)) node.children.push_back(literal_node(std::string(word)));
+    std::vector<std::string> terms;
+    node.pattern = phrase_pattern(text, may_cut, &terms);
+    for (std::string& term : terms) node.children.push_back(literal_node(std::move(term)));
     return node;
 }
+
+// What stands behind a field's operator or as a word.
+struct written_text {
+    std::string text;
+    bool quoted = false;
+    bool inside = false;       // "~" follows: words that hold it count too
+    std::string_view as_read;  // with its quotes, escapes and "~"
+};
 
 class query_parser {
   public:
     explicit query_parser(std::string_view text) : text_(text) {}
+
+    // As found by parse(): where the words end that a "~" would change, and the names of fields, of comparisons and
+    // of others.
+    const std::vector<size_t>& word_ends() const { return word_ends_; }
+    const std::vector<std::string>& fields() const { return fields_; }
+    const std::vector<std::string>& compared() const { return compared_; }
 
     query_node parse() {
         skip_blanks();
@@ -149,17 +142,22 @@ class query_parser {
             }
             negated = !negated;
         }
+        if (negated) negations_++;
         query_node node = parse_primary();
         skip_blanks();
-        if (negated) negate(&node);
+        if (!negated) return node;
+        negations_--;
+        negate(&node);
         return node;
     }
 
     query_node parse_primary() {
         if (here() == '(') return parse_parentheses();
         if (here() == ')') fail("a term");
-        if (here() == '"') return phrase_or_word(parse_quoted(), true);
-        return parse_word();
+        if (here() != '"') return parse_word();
+        const written_text quoted = take_written();
+        if (!quoted.inside && at_operator()) return parse_field(quoted.text);
+        return phrase_or_word(quoted);
     }
 
     query_node parse_parentheses() {
@@ -181,7 +179,9 @@ class query_parser {
         const size_t opened = position_++;
         std::string out;
         while (!at_end() && here() != '"') {
-            if (here() == '\\' && position_ + 1 < text_.size()) position_++;
+            const bool escape =
+                text_.substr(position_).starts_with("\\\"") || text_.substr(position_).starts_with("\\\\");
+            if (escape && position_ + 1 < text_.size()) position_++;
             out += here();
             position_++;
         }
@@ -201,13 +201,39 @@ class query_parser {
         const size_t begin = position_;
         if (is_name_start(here())) {
             while (!at_end() && is_name(here())) position_++;
-            const std::string_view name = text_.substr(begin, position_ - begin);
-            if (!at_end() && std::string_view("=!<>").find(here()) != std::string_view::npos) {
-                if (here() != '!' || text_.substr(position_).starts_with("!=")) return parse_field(name);
-            }
+            if (at_operator()) return parse_field(text_.substr(begin, position_ - begin));
             position_ = begin;
         }
-        return phrase_or_word(take_bare(), false);
+        return phrase_or_word(take_written());
+    }
+
+    bool at_operator() const {
+        if (at_end() || std::string_view("=!<>").find(here()) == std::string_view::npos) return false;
+        return here() != '!' || text_.substr(position_).starts_with("!=");
+    }
+
+    // The quoted or bare text that stands here.
+    written_text take_written() {
+        const size_t begin = position_;
+        written_text out;
+        out.quoted = here() == '"';
+        out.text = out.quoted ? parse_quoted() : take_bare();
+        if (out.quoted && !at_end() && here() == '~') {
+            out.inside = true;
+            position_++;
+        } else if (!out.quoted && out.text.size() > 1 && out.text.back() == '~') {
+            out.inside = true;
+            out.text.pop_back();
+        }
+        out.as_read = text_.substr(begin, position_ - begin);
+        return out;
+    }
+
+    // Notes a word that "~" would find more of: not for numbers and short words, whose parts are everywhere.
+    void note_word(const written_text& word) {
+        const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+        const bool tells = word.text.size() > 2 && std::any_of(word.text.begin(), word.text.end(), is_letter);
+        if (tells && !word.inside && negations_ % 2 == 0) word_ends_.push_back(position_);
     }
 
     std::string take_bare() {
@@ -216,6 +242,7 @@ class query_parser {
         return std::string(text_.substr(begin, position_ - begin));
     }
 
+    // A condition on the field; its operator comes next.
     query_node parse_field(std::string_view name) {
         struct spelling {
             const char* text;
@@ -233,25 +260,45 @@ class query_parser {
             fail(equality ? "a value right after the operator" : "a number right after the operator");
         }
         const size_t value_at = position_;
-        const std::string value = here() == '"' ? parse_quoted() : take_bare();
-        if (equality) return equality_node(name, value, *found->op == '!');
-        return comparison_node(name, found->op, value, value_at);
+        const written_text value = take_written();
+        (equality ? fields_ : compared_).push_back(fold_value(name));
+        if (!equality) return comparison_node(name, found->op, value, value_at);
+        if (*found->op == '=' && value.text.find('*') == std::string::npos) note_word(value);
+        return equality_node(name, value, *found->op == '!');
+    }
+
+    // The value's terms: as it is meant here, and as a load would read the same characters in a line.
+    static query_node value_node(std::string_view name, const written_text& value) {
+        if (value.inside) return literal_node(fold_field_term(name, "*" + value.text + "*"));
+        query_node node = literal_node(fold_field_term(name, value.text));
+        if (value.text.find('*') != std::string::npos) return node;
+        const std::string line = std::string(name).append("=").append(value.as_read);
+        format_context context;
+        parsed_line parsed;
+        format_by_name("text")->parse(line, &context, &parsed);
+        if (parsed.fields.size() != 1 || parsed.fields[0].name != name) return node;
+        query_node other = literal_node(fold_field_term(name, parsed.fields[0].value));
+        if (other.text == node.text || other.text.find('*') != std::string::npos) return node;
+        query_node either;
+        either.kind = node_kind::any;
+        either.children = {std::move(node), std::move(other)};
+        return either;
     }
 
     // `field!=value` holds for events that have the field, with other values only.
-    static query_node equality_node(std::string_view name, const std::string& value, bool unequal) {
-        query_node equal = literal_node(fold_field_term(name, value));
+    static query_node equality_node(std::string_view name, const written_text& value, bool unequal) {
+        query_node equal = value_node(name, value);
         if (!unequal) return equal;
-        equal.negated = true;
+        negate(&equal);
         query_node both;
         both.children.push_back(literal_node(fold_field_term(name, "*")));
         both.children.push_back(std::move(equal));
         return both;
     }
 
-    query_node comparison_node(std::string_view name, const char* op, const std::string& value, size_t value_at) {
+    query_node comparison_node(std::string_view name, const char* op, const written_text& value, size_t value_at) {
         double number = 0;
-        if (!parse_query_number(value.c_str(), &number)) {
+        if (value.inside || !parse_query_number(value.text.c_str(), &number)) {
             position_ = value_at;
             fail("a number");
         }
@@ -259,25 +306,29 @@ class query_parser {
         node.kind = node_kind::comparison;
         node.text = fold_value(name);
         node.op = op;
-        node.number = value;
+        node.number = value.text;
         return node;
     }
 
     // A bare word that is exactly one token, or one with "*" among token characters, is a term of the index.
-    query_node phrase_or_word(const std::string& text, bool quoted) const {
+    query_node phrase_or_word(const written_text& written) {
+        const std::string& text = written.text;
         const bool plain = std::all_of(text.begin(), text.end(), [](char c) { return in_word(c) || c == '*'; });
         const bool star = text.find('*') != std::string::npos;
         const std::string folded = fold_value(text);
-        if (!quoted && text.find_first_not_of('*') == std::string::npos) return query_node();
-        if (!quoted && plain && star) {
-            if (text.size() > TERM_MAX) fail("a shorter word before this");
-            return literal_node(folded);
+        if (!written.quoted && text.find_first_not_of('*') == std::string::npos) return query_node();
+        if (plain && (written.inside || (star && !written.quoted))) {
+            if (text.size() + 2 > TERM_MAX) fail("a shorter word before this");
+            return literal_node(written.inside ? "*" + folded + "*" : folded);
         }
         term_set words;
         term_set_add_text(&words, text);
         const auto terms = term_set_terms(&words);
-        if (!star && terms.size() == 1 && terms.front() == folded) return literal_node(folded);
-        return phrase_node(text);
+        if (star || written.inside || terms.size() != 1 || terms.front() != folded) {
+            return phrase_node(text, written.quoted || written.inside);
+        }
+        if (!written.quoted) note_word(written);
+        return literal_node(folded);
     }
 
     // Pushes a negation down to the leaves.
@@ -293,6 +344,9 @@ class query_parser {
     std::string_view text_;
     size_t position_ = 0;
     size_t nesting_ = 0;
+    size_t negations_ = 0;  // that the condition stands in
+    std::vector<size_t> word_ends_;
+    std::vector<std::string> fields_, compared_;  // folded names
 };
 
 std::string escape(const std::string& literal) {
@@ -413,36 +467,6 @@ std::vector<conjunction> conjunctions_of(const query_node& node) {
     return node.kind == node_kind::all ? product(node) : sum(node);
 }
 
-// Whether the occurrence at [begin, end) of the line stands at the ends of words, as the piece asks.
-bool stands_whole(std::string_view line, size_t begin, size_t end, const raw_piece& piece) {
-    return (!piece.whole_begin || word_begins_at(line, begin)) && (!piece.whole_end || word_ends_at(line, end));
-}
-
-bool line_holds(std::string_view line, const raw_pattern& pattern) {
-    size_t from = 0;
-    for (const raw_piece& piece : pattern.pieces) {
-        size_t at = line.find(piece.text, from);
-        while (at != std::string_view::npos && !stands_whole(line, at, at + piece.text.size(), piece)) {
-            at = line.find(piece.text, at + 1);
-        }
-        if (at == std::string_view::npos) return false;
-        from = at + piece.text.size();
-    }
-    return true;
-}
-
-// Pieces are looked for line by line, a single piece in the whole record at once.
-bool record_holds(std::string_view record, const raw_pattern& pattern) {
-    if (pattern.pieces.size() < 2) return line_holds(record, pattern);
-    size_t begin = 0;
-    while (begin <= record.size()) {
-        const size_t end = std::min(record.find('\n', begin), record.size());
-        if (line_holds(record.substr(begin, end - begin), pattern)) return true;
-        begin = end + 1;
-    }
-    return false;
-}
-
 }  // namespace
 
 std::vector<query_plan> translate_query(std::string_view text) {
@@ -461,6 +485,24 @@ bool record_passes(const query_plan& plan, std::string_view record, std::string*
     const auto in_record = [&](const raw_pattern& pattern) { return record_holds(*scratch, pattern); };
     return std::all_of(plan.holds.begin(), plan.holds.end(), in_record) &&
            std::none_of(plan.lacks.begin(), plan.lacks.end(), in_record);
+}
+
+std::string query_inside_words(std::string_view text) {
+    query_parser parser(text);
+    static_cast<void>(parser.parse());
+    std::string out;
+    size_t begin = 0;
+    for (const size_t end : parser.word_ends()) {
+        out.append(text.substr(begin, end - begin)).push_back('~');
+        begin = end;
+    }
+    return begin == 0 ? out : out.append(text.substr(begin));
+}
+
+std::vector<std::string> query_fields(std::string_view text, bool compared) {
+    query_parser parser(text);
+    static_cast<void>(parser.parse());
+    return compared ? parser.compared() : parser.fields();
 }
 
 std::string explain_query_error(std::string_view text, const query_error& error) {

@@ -3,8 +3,9 @@
 //   query       = alternative { "OR" alternative }
 //   alternative = condition { ["AND"] condition }
 //   condition   = ( "NOT" | "-" ) condition | "(" query ")" | phrase | field | word
-//   field       = name ( "=" | "!=" ) value | name ( ">" | ">=" | "<" | "<=" ) number
-//   phrase      = '"' text '"'
+//   field       = name ( "=" | "!=" ) value [ "~" ] | name ( ">" | ">=" | "<" | "<=" ) number
+//   phrase      = '"' text '"' [ "~" ], also as a name or a value
+//   word        = text [ "~" ]: also inside of words
 //
 // Words and values are folded as at load. What the index cannot decide alone (a phrase, a word with characters that no
 // term has) becomes its words in the index and a check of the raw record. The word "*" alone is every event.
@@ -15,20 +16,9 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/veldar/query/query_phrase.h"
+
 namespace veldar::tool {
-
-// A part of a phrase between two "*". Where it begins or ends with a word, the record's word begins or ends there too,
-// unless a "*" touches it.
-struct raw_piece {
-    std::string text;  // folded
-    bool whole_begin = false;
-    bool whole_end = false;
-};
-
-// A check of the raw record: it holds the piece, or one of its lines holds the pieces in this order, letters folded.
-struct raw_pattern {
-    std::vector<raw_piece> pieces;
-};
 
 // One search to run: events that the bracket text selects, and whose raw record passes the checks.
 struct query_plan {
@@ -50,6 +40,13 @@ std::vector<query_plan> translate_query(std::string_view text);
 
 // Whether the record passes the plan's checks. `scratch` keeps its allocation from call to call.
 bool record_passes(const query_plan& plan, std::string_view record, std::string* scratch);
+
+// The query with "~" behind each of its words and values that is a word; empty when it has none. Throws query_error.
+std::string query_inside_words(std::string_view text);
+
+// The folded names of the fields that the query compares with numbers, or of those that it has otherwise. Throws
+// query_error.
+std::vector<std::string> query_fields(std::string_view text, bool compared = false);
 
 // The text with a caret under the position and what was expected, as two or three lines for standard error.
 std::string explain_query_error(std::string_view text, const query_error& error);

@@ -104,14 +104,14 @@ void raise_descriptor_limit() {
     static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
 }
 
-slice_set list_path(const std::string& path, bool with_metrics) {
+slice_set list_path(const std::string& path, bool with_metrics, bool tells_empty) {
     raise_descriptor_limit();
     slice_set set;
     set.path = path;
     set.errors = std::make_shared<std::vector<std::string>>();
     while (set.path.size() > 1 && set.path.ends_with('/')) set.path.pop_back();
     list(&set, with_metrics);
-    if (set.slices->size() == 0 && set.errors->empty()) {
+    if (tells_empty && set.slices->size() == 0 && set.errors->empty()) {
         const bool metrics = !set.store.empty() && tool_exists(set.store + "/" + STORE_METRICS);
         say_trouble(set.path + " holds no " + (metrics ? "events; 'veldar metrics' asks for its metrics" : "slices"));
     }
@@ -120,12 +120,12 @@ slice_set list_path(const std::string& path, bool with_metrics) {
 
 }  // namespace
 
-slice_set slices_list(const std::string& path) {
-    return list_path(path, false);
+slice_set slices_list(const std::string& path, bool tells_empty) {
+    return list_path(path, false, tells_empty);
 }
 
 slice_set slices_list_all(const std::string& path) {
-    return list_path(path, true);
+    return list_path(path, true, true);
 }
 
 std::vector<cursor_source_t> slices_sources(const slice_set& set) {

@@ -33,9 +33,9 @@ struct slice_set {
     std::shared_ptr<tsidx_snapshot> slices;            // latest time descending; goes before the handles
 };
 
-// Lists the slices at `path`; says on standard error when a directory has none. Throws tool_failure: EXIT_USAGE when
+// Lists the slices at `path`; says on standard error when a directory has none, if it `tells_empty`. Throws tool_failure: EXIT_USAGE when
 // nothing of the kind is there, EXIT_IO when it cannot be read.
-slice_set slices_list(const std::string& path);
+slice_set slices_list(const std::string& path, bool tells_empty = true);
 // The same with the metrics of a store, for the commands that look inside of slices.
 slice_set slices_list_all(const std::string& path);
 // The directories, or the file, for cursors.

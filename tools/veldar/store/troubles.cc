@@ -24,6 +24,7 @@ void say_trouble(const std::string& message) {
 void troubles_add(troubles* list, const std::string& message, exit_status_t status) {
     list->incomplete = true;
     list->status = std::max(list->status, status);
+    if (list->is_silent) return;
     if (list->said.size() > MESSAGES_MAX || !list->said.insert(message).second) return;
     say_trouble(list->said.size() > MESSAGES_MAX ? "further messages are left out" : message);
 }

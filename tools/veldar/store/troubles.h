@@ -16,6 +16,7 @@ struct troubles {
     bool incomplete = false;
     exit_status_t status = EXIT_DONE;  // of a command that found something all the same
     std::set<std::string> said;
+    bool is_silent = false;  // nothing is said
 };
 void troubles_add(troubles* list, const std::string& message, exit_status_t status = EXIT_INCOMPLETE);
 // The exit status of a command that found something, or nothing, and may have missed some.

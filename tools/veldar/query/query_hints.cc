@@ -1,0 +1,114 @@
+#include "tools/veldar/query/query_hints.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "searchthing/base/number.h"
+#include "tools/veldar/formats/terms.h"
+#include "tools/veldar/query/event_count.h"
+#include "tools/veldar/query/suggestion.h"
+#include "tools/veldar/query/term_input.h"
+#include "tools/veldar/store/slices.h"
+
+namespace veldar::tool {
+
+namespace {
+
+constexpr uint64_t MOST_TERMS = 4'000'000;  // of the slices whose lexicons are walked for a hint: a tenth of a second
+constexpr int PROBES = 100;                 // values of a field that are looked at
+
+// Whether the terms of all slices are few enough to walk over.
+bool is_cheap(const slice_set& set) {
+    uint64_t terms = 0;
+    for (size_t i = 0; i < set.slices->size() && terms <= MOST_TERMS; i++) {
+        snapshot_slice_ptr warm;
+        std::string error;
+        if (slice_open(set, i, &warm, &error) == SLICE_OPEN) terms += st_warm_slice_terms(warm.get());
+    }
+    return set.slices->size() > 0 && terms <= MOST_TERMS;
+}
+
+// Up to PROBES terms of a field, from the value `from` on.
+std::vector<std::string> some_values(const std::string& path, const std::string& field, const std::string& from) {
+    std::vector<std::string> values;
+    term_choice_t choice;
+    choice.prefix = field + "::";
+    if (!from.empty()) choice.after = choice.prefix + from;
+    const auto visit = [&](std::string_view term, const term_totals_t&) {
+        values.emplace_back(term.substr(choice.prefix.size()));
+        return values.size() < PROBES;
+    };
+    troubles untold;
+    untold.is_silent = true;  // the answer has told them
+    walk_terms(path, choice, visit, &untold);
+    return values;
+}
+
+bool is_number(const std::string& text) {
+    double value = 0;
+    return parse_query_number(text.c_str(), &value);
+}
+
+// The names of all fields: of each only the first term is read.
+std::vector<std::string> field_names(const std::string& path) {
+    std::vector<std::string> names;
+    term_choice_t choice;
+    choice.wanted = [&names](std::string_view term) {
+        const size_t colons = term.find("::");
+        return colons != std::string_view::npos && (names.empty() || term.substr(0, colons) != names.back());
+    };
+    troubles untold;
+    untold.is_silent = true;
+    const auto visit = [&](std::string_view term, const term_totals_t&) {
+        names.emplace_back(term.substr(0, term.find("::")));
+        return true;
+    };
+    walk_terms(path, choice, visit, &untold);
+    return names;
+}
+
+// False when a name that nothing has was told.
+bool has_fields(const std::string& path, const prepared_query& query) {
+    std::vector<std::string> fields = query_fields(query.text);
+    for (std::string& field : query_fields(query.text, true)) fields.push_back(std::move(field));
+    for (const std::string& field : fields) {
+        if (field.find('*') != std::string::npos || !some_values(path, field, "").empty()) continue;
+        const std::string meant = nearest_name(field, field_names(path));
+        say_trouble("no event has a field '" + field + "'" +
+                    (meant.empty() ? std::string() : "; did you mean '" + meant + "'?"));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+void hint_more(const std::string& path, const prepared_query& query, uint64_t found) {
+    if (query.is_native || !is_cheap(slices_list(path, false))) return;
+    if (found == 0 && !has_fields(path, query)) return;
+    prepared_query inside = query;
+    inside.text = query_inside_words(query.text);
+    if (inside.text.empty()) return;
+    inside.plans = translate_query(inside.text);
+    if (!query_needs_index_only(inside)) return;
+    troubles untold;
+    untold.is_silent = true;
+    const uint64_t more = count_events(path, inside, &untold);
+    if (more == 0 || more / 10 < found) return;
+    say_trouble(std::to_string(found) + "; `" + inside.text + "` would find " + std::to_string(more));
+}
+
+void hint_comparisons(const std::string& path, const prepared_query& query) {
+    if (query.is_native) return;
+    for (const std::string& field : query_fields(query.text, true)) {
+        const std::vector<std::string> first = some_values(path, field, ""), last = some_values(path, field, ":");
+        const bool has_numbers = std::any_of(first.begin(), first.end(), is_number);
+        const auto& values = last.empty() ? first : last;
+        const auto odd = std::find_if_not(values.begin(), values.end(), is_number);
+        if (odd == values.end()) continue;
+        say_trouble((has_numbers ? "some values of '" : "the values of '") + field + "' are no numbers, such as '" +
+                    *odd + "'; these count as greater than any");
+    }
+}
+
+}  // namespace veldar::tool

@@ -1,0 +1,18 @@
+// What is said on standard error of a query's answer that is probably not what was meant. Neither the answer nor the
+// exit status depends on it, and it is left out where finding it would take long.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tools/veldar/query/query_input.h"
+
+namespace veldar::tool {
+
+// After a whole answer of `found` events: says that the same words inside of longer ones would find more, when it is
+// nothing or a tenth of that; and that there is no field of a name that was asked for.
+void hint_more(const std::string& path, const prepared_query& query, uint64_t found);
+// Says which fields that the query compares have values that are no numbers.
+void hint_comparisons(const std::string& path, const prepared_query& query);
+
+}  // namespace veldar::tool
