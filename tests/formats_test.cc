@@ -24,6 +24,9 @@ std::string describe(const parsed_line& parsed) {
     for (const field_view& field : parsed.fields) {
         text.append(" ").append(field.name).append("=").append(field.value);
     }
+    const bool told = !parsed.host.empty() && text.find("=" + std::string(parsed.host)) == std::string::npos;
+    if (told) text.append(" @").append(parsed.host);
+    if (!parsed.more_text.empty()) text.append(" +").append(parsed.more_text);
     return text;
 }
 
@@ -44,9 +47,14 @@ struct line_case {
 constexpr line_case LINES[] = {
     {"access",
      R"(83.149.9.216 - frank [17/May/2015:10:05:03 +0200] "GET /a/b.png?x=1&y=2 HTTP/1.1" 200 2030 "http://s.com/" "Moz\"a" rt=0.1)",
-     "1431849903.0 clientip=83.149.9.216 user=frank method=GET path=/a/b.png query=x=1&y=2 protocol=HTTP/1.1 "
-     "status=200 "
-     "bytes=2030 referer=http://s.com/ useragent=Moz\\\"a rt=0.1"},
+     "1431849903.0 clientip=83.149.9.216 user=frank method=GET path=/a/b.png query=x=1&y=2 query.x=1 query.y=2 "
+     "uri=/a/b.png?x=1&y=2 protocol=HTTP/1.1 status=200 bytes=2030 referer=http://s.com/ referer.host=s.com "
+     "useragent=Moz\\\"a rt=0.1"},
+    {"access",
+     R"(::1 - - [29/Feb/2016:23:59:60 -0030] "GET /s?q=a%20B+c%zz&x%5B%5d=%2f&=2&n&e= HTTP/2" 200 1 "https://g.org:8/?q=7#f" "-")",
+     "1456792200.0 clientip=::1 method=GET path=/s query=q=a%20B+c%zz&x%5B%5d=%2f&=2&n&e= query.q=a B c%zz "
+     "query.x[]=/ uri=/s?q=a%20B+c%zz&x%5B%5d=%2f&=2&n&e= protocol=HTTP/2 status=200 bytes=1 "
+     "referer=https://g.org:8/?q=7#f referer.host=g.org referer.query.q=7"},
     {"access", R"(::1 - - [29/Feb/2016:23:59:60 -0030] "-" 408 -)", "1456792200.0 clientip=::1 status=408"},
     {"access", R"(h.org:80 1.2.3.4 - - [17/May/2015:10:05:03 +0000] "\x16\x03" 400 0 "-" "cut off)",
      "1431857103.0 vhost=h.org:80 clientip=1.2.3.4 request=\\x16\\x03 status=400 bytes=0 useragent=cut off"},
@@ -74,7 +82,14 @@ constexpr line_case LINES[] = {
      "class=org.ha.MRApp$1"},
     {"iso8601", "2015-07-29 17:41:44,747 - WARN  [Peer[myid=1]/0:0:2181:Fast@774] - out: 3",
      "1438191704.747000000 level=WARN thread=Peer[myid=1]/0:0:2181 class=Fast myid=1"},
-    {"iso8601", "2016/01/02 03:04:05 [error] 12#0: *5 open() failed", "1451703845.0 level=error"},
+    {"nginx-error",
+     R"(2016/01/02 03:04:05 [error] 12#3: *5 open() failed (2: no), client: ::1, server: a.b, request: "GET /x, y?z=1 HTTP/1.1", upstream: "http://[::1]:80/", host: "h")",
+     "1451703845.0 level=error pid=12 tid=3 connection=5 client=::1 server=a.b request=GET /x, y?z=1 HTTP/1.1 "
+     "method=GET path=/x, y query=z=1 query.z=1 uri=/x, y?z=1 protocol=HTTP/1.1 upstream=http://[::1]:80/ vhost=h"},
+    {"cri", "2016-10-06T00:17:09.669794202Z stdout P {\"level\":\"info\",\"host\":\"h\"}",
+     "1475713029.669794202 stream=stdout partial=true level=info host=h"},
+    {"logfmt", R"(level=info ts=2015-07-01T12:00:00Z msg="a \"b\" took=3s" ready dur=3ms url=/a?b=1&c)",
+     "1435752000.0 level=info msg=a \"b\" took=3s dur=3ms url=/a?b=1&c took=3s"},
     {"iso8601", "[2016-01-02T03:04:05.5-01:30] app.ERROR: no error", "1451709245.500000000 level=ERROR"},
     {"iso8601", "20160102T030405Z all errors info", "1451703845.0"},
     {"yymmdd", "081109 203615 148 INFO dfs.Data$Packet: ok", "1226262975.0 level=INFO class=dfs.Data$Packet"},
@@ -85,12 +100,33 @@ constexpr line_case LINES[] = {
      "1431857103.500000000 level=info a.b=1.50 a.b.c=x\ny msg=k=v k=v"},
     {"iso8601", "2015-07-29 17:41:44 -12 units left, k=v", "1438191704.0 k=v"},
     {"json", R"({"log":"up user=bob\r\n","stream":"out","time":"2015-05-17T10:05:03Z"})",
-     "1431857103.0 log=up user=bob user=bob stream=out"},
+     "1431857103.0 log=up user=bob stream=out user=bob"},
+    {"json",
+     R"({"log":"{\"ts\":1,\"a\":{\"b\":2},\"msg\":\"2015-07-01 12:00:00 WARN x c=3\"}\n","time":"2015-05-17T10:05:03Z"})",
+     "1431857103.0 log={\"ts\":1,\"a\":{\"b\":2},\"msg\":\"2015-07-01 12:00:00 WARN x c=3\"} ts=1 a.b=2 "
+     "msg=2015-07-01 12:00:00 WARN x c=3 level=WARN c=3"},
+    {"json", R"({"short_message":"Jun 14 15:16:01 web1 cron[1]: go u=v","level":6,"_k":"w"})",
+     "1749914161.0 short_message=Jun 14 15:16:01 web1 cron[1]: go u=v level=6 _k=w host=web1 program=cron pid=1 u=v"},
+    {"json", R"({"__REALTIME_TIMESTAMP":"1423944916375353","_HOSTNAME":"j","MESSAGE":[97,61,98,255]})",
+     "1423944916.375353000 _HOSTNAME=j MESSAGE=a=b\xFF a=b\xFF +a=b\xFF"},
+    {"json",
+     R"({"Records":[{"eventTime":"2015-07-01T12:00:00Z","u":{"n":"x"}},{"eventTime":"2015","e":[{"k":1},{"k":2}]}]})",
+     "1435752000.0 u.n=x eventTime=2015 e.k=1 e.k=2"},
+    {"json",
+     R"({"resourceLogs":[{"resource":{"attributes":[{"key":"service.name","value":{"stringValue":"s"}}]},"scopeLogs":[{"logRecords":[{"timeUnixNano":"1435752000000000001","body":{"stringValue":"a=1"}}]}]}]})",
+     "1435752000.1 resource.attributes.service.name=s body.stringValue=a=1 a=1"},
+    {"json", R"({"n":[{"event":{"timestamp":"2015-07-01T12:00:00Z"}}]})",
+     "1435752000.0 n.event.timestamp=2015-07-01T12:00:00Z"},
     {"json", R"({"ts":1431857103123,"date":"soon","ok":true})", "1431857103.123000000 date=soon ok=true"},
     {"json", "{\"Time\":\"17/May/2015:10:05:03 +0000\",\"a\":\"\xff\x01\",\"b\":2}", "1431857103.0 a=?? b=2"},
     {"json", R"({"a":{"b":1},"c" nil,"d":4})", "- a.b=1"},
     {"text", "just words, and a=1;b=\"2 3\" (c=4) d==5 e=>6 7f=8 -g=9 h=[i=1] =j k= ?l=m&n=o",
-     "- a=1 b=2 3 c=4 h=[i=1] l=m n=o"},
+     "- a=1 b=2 3 c=4 h=i=1 l=m n=o"},
+    {"text",
+     "u=http://a/b?x=1&y=2, p=/a?b=1&c=2 q=/a&r=2 n=1,234,567 m=-1,234.5 o=1,23 s=1,2345,t=5. v=[a b] w=f(x) z=<a@b>.",
+     "- u=http://a/b?x=1&y=2 p=/a?b=1&c=2 q=/a r=2 n=1,234,567 m=-1,234.5 o=1 s=1 t=5 v=a w=f(x) z=a@b"},
+    {"text", "x=[[a]] y=1\x01z=2 f=((((((((g k=b;l=http://h;m=2 o=\"a;b\"",
+     "- x=a y=1 z=2 f=((((g k=b l=http://h;m=2 o=a;b"},
 };
 
 TEST(Formats, LinesGiveTheirTimeAndFieldsAndAreRecognisedAmongOddOnes) {

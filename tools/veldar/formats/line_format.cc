@@ -8,13 +8,14 @@
 namespace veldar::tool {
 namespace {
 
-constexpr size_t KEY_MAX = 64;
-constexpr size_t PAIRS_MAX = 256;  // a line that has more holds data rather than fields
-
 // The more specific before the more general: detect_format relies on it.
 constexpr line_format FORMATS[] = {
     {"json", "one JSON object a line; its members are fields", parse_json, true},
+    {"journal-export", "journalctl -o export: lines NAME=value, an empty line between records", parse_journal_export,
+     false, true},
+    {"cri", "2026-01-02T03:04:05.6Z stdout F ... (containers of Kubernetes)", parse_cri},
     {"access", "combined or common access log of a web server", parse_access},
+    {"nginx-error", "2026/01/02 03:04:05 [error] 12#0: *5 ..., client: ...", parse_nginx_error},
     {"apache-error", "[Sun Dec 04 04:47:44 2005] [error] ...", parse_apache_error},
     {"syslog-5424", "<34>1 2003-10-11T22:14:15.003Z host app ... (RFC 5424)", parse_syslog_5424},
     {"syslog", "Jun 14 15:16:01 host program[pid]: ... (RFC 3164)", parse_syslog},
@@ -22,64 +23,15 @@ constexpr line_format FORMATS[] = {
     {"iso8601", "lines that begin with 2015-10-18 18:01:47,978 or the like (ISO 8601, RFC 3339)", parse_iso8601},
     {"yymmdd", "lines that begin with 081109 203615", parse_yymmdd},
     {"epoch", "lines that begin with seconds (or milliseconds) since 1970", parse_epoch},
+    {"logfmt", "level=info msg=\"all is well\" ...", parse_logfmt},
     {"text", "anything else: lines that say their time anywhere in their first 200 bytes, or not at all", parse_text},
 };
 constexpr size_t TEXT = std::size(FORMATS) - 1;
 
-bool is_key_start(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-bool is_key_byte(char c) {
-    return is_key_start(c) || (c >= '0' && c <= '9') || c == '.' || c == '-';
-}
-
-// The key that ends before `equals`; empty when there is none.
-std::string_view key_before(std::string_view text, size_t equals) {
-    size_t start = equals;
-    size_t lowest = equals > KEY_MAX ? equals - KEY_MAX : 0;
-    while (start > lowest && is_key_byte(text[start - 1])) start--;
-    bool whole_run = start == 0 || !is_key_byte(text[start - 1]);
-    if (start == equals || !whole_run || !is_key_start(text[start])) return {};
-    return text.substr(start, equals - start);
-}
-
-// The size of a value without quotes.
-size_t plain_size(std::string_view text) {
-    int open = 0;
-    for (size_t i = 0; i < text.size(); i++) {
-        switch (text[i]) {
-            case ' ':
-            case '\t':
-            case '\n':  // of a string in JSON; and some end with one
-            case '\r':
-            case ',':
-            case ';':
-            case '&':
-            case '"':
-            case '\'':
-                return i;
-            case '(':
-            case '[':
-            case '{':
-            case '<':
-                open++;
-                break;
-            case ')':
-            case ']':
-            case '}':
-            case '>':
-                if (open-- == 0) return i;
-                break;
-            default:
-                break;
-        }
-    }
-    return text.size();
-}
-
 // Whether a format has a line: its parse says so. The text format has every line, so it is never asked.
 size_t count_lines_of(const line_format& format, std::span<const std::string_view> lines, format_context context) {
     parsed_line scratch;
+    scratch.form_only = true;
     size_t count = 0;
     for (std::string_view line : lines) {
         if (begins_record(line) && format.parse(line, &context, &scratch)) count++;
@@ -88,26 +40,6 @@ size_t count_lines_of(const line_format& format, std::span<const std::string_vie
 }
 
 }  // namespace
-
-void add_pairs(parsed_line* out, std::string_view text) {
-    size_t pairs = 0;
-    for (size_t at = text.find('='); at != std::string_view::npos && pairs < PAIRS_MAX; at = text.find('=', at)) {
-        std::string_view key = key_before(text, at);
-        std::string_view value = text.substr(++at);
-        if (key.empty() || value.empty()) continue;
-        if (value[0] == '=' || value[0] == '>') {
-            at++;
-            continue;
-        }
-        bool quoted = value[0] == '"' || value[0] == '\'';
-        size_t size = quoted ? quoted_size(value.substr(1), value[0]) : plain_size(value);
-        if (size == std::string_view::npos) continue;
-        value = value.substr(quoted ? 1 : 0, size);
-        add_field(out, key, value);
-        pairs++;
-        at += size;
-    }
-}
 
 size_t quoted_size(std::string_view text, char quote) {
     size_t end = text.find(quote);
@@ -135,14 +67,30 @@ void set_time(parsed_line* out, const log_stamp& stamp, format_context* context)
 std::string_view begin_parse(std::string_view line, parsed_line* out) {
     out->has_time = false;
     out->fields.clear();
+    out->host = out->more_text = {};
+    out->made_used = 0;
+    out->inner_used = false;
     if (line.ends_with('\r')) line.remove_suffix(1);
     skip_utf8_mark(&line);
     return line;
 }
 
 bool parse_as_text(std::string_view line, parsed_line* out) {
-    add_pairs(out, begin_parse(line, out));
+    const std::string_view text = begin_parse(line, out);
+    if (!out->form_only) add_pairs(out, text);
     return false;
+}
+
+std::string* made_text(parsed_line* out) {
+    if (out->made_used == out->made.size()) out->made.emplace_back();
+    std::string* const text = &out->made[out->made_used++];
+    text->clear();
+    return text;
+}
+
+void set_host(parsed_line* out, std::string_view host) {
+    constexpr size_t HOST_MAX = 255;  // no name of a machine is longer
+    if (out->host.empty() && host.size() <= HOST_MAX) out->host = host;
 }
 
 bool parse_text(std::string_view line, format_context* context, parsed_line* out) {
@@ -184,10 +132,15 @@ const line_format* detect_format(std::span<const std::string_view> first_lines, 
     for (size_t i = 0; i < TEXT; i++) counts[i] = count_lines_of(FORMATS[i], first_lines, context);
     size_t best = *std::max_element(counts.begin(), counts.end());
     auto records = static_cast<size_t>(std::count_if(first_lines.begin(), first_lines.end(), begins_record));
+    if (!first_lines.empty() && first_lines[0].starts_with("__CURSOR=")) return format_by_name("journal-export");
     if (best == 0 || best * 4 < records) return &FORMATS[TEXT];
     // A general format also has the lines of a special one, and now and then one more.
     auto special = std::find_if(counts.begin(), counts.end(), [&](size_t count) { return count * 4 >= best * 3; });
     return &FORMATS[special - counts.begin()];
+}
+
+std::string_view parsed_part(const line_format& format, std::string_view record) {
+    return format.whole_record ? record : record.substr(0, record.find('\n'));
 }
 
 bool begins_record(std::string_view line) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <limits>
 #include <memory>
 #include <span>
@@ -28,12 +29,23 @@ struct json_scratch_delete {
 
 // What one line holds. One record serves a whole load: each parse clears it first. The views point into the line, into
 // constant text or into this record; they are valid until the next parse and as long as the line is. Values are as they
-// stand in the log (not folded, never empty; "-" of an access log is left out); a name may occur more than once.
+// stand in the log, without the escapes of JSON, of logfmt and of URLs (not folded, never empty; "-" of an access log is
+// left out); a name may occur more than once.
 struct parsed_line {
     bool has_time = false;
     st_timeval_t time;
     std::vector<field_view> fields;
+    std::string_view host;       // the machine that the line names as its own; empty: none
+    std::string_view more_text;  // words that the line holds in another spelling; mostly empty
+    bool form_only = false;      // set by who only asks whether the line has a form: then it gets no pairs without it
+
+    // Room for texts that do not stand in the line.
+    std::deque<std::string> made;  // a deque keeps them in place
+    size_t made_used = 0;
     std::unique_ptr<json_scratch, json_scratch_delete> json;  // made by the first line that needs it
+    std::unique_ptr<parsed_line> inner;                       // of a line inside the line; the same
+    bool inner_used = false;                                  // the line has one
+    int depth = 0;                                            // inside how many others this one is
 };
 
 inline constexpr int64_t NO_TIME_SEEN = std::numeric_limits<int64_t>::min();
@@ -58,7 +70,8 @@ struct line_format {
     // Fills `out` from `line` (without its newline; a carriage return at its end is ignored). True when the line has
     // this format's form. When it has not, `out` still holds the `key=value` pairs of the line and no time.
     bool (*parse)(std::string_view line, format_context* context, parsed_line* out);
-    bool is_json = false;  // the words of a record are those of its json_text
+    bool is_json = false;       // the words of a record are those of its json_text
+    bool whole_record = false;  // `parse` takes all lines of a record; else the first
 };
 
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
@@ -72,6 +85,9 @@ std::string format_names();  // "access, syslog, ...", for --help
 // The format that most of `first_lines` have (a hundred lines are plenty), the more specific of two that fit about
 // equally well; "text" when no format fits a quarter of the lines that begin a record. Never null.
 const line_format* detect_format(std::span<const std::string_view> first_lines, const format_context& context);
+
+// What of a record its format's parse takes; a prefix of the record.
+std::string_view parsed_part(const line_format& format, std::string_view record);
 
 // False for lines that continue the record before: empty ones and those that begin with a blank or a tab.
 bool begins_record(std::string_view line);

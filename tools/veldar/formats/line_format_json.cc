@@ -1,10 +1,10 @@
 // JSON lines: one object a line. Members are fields, those of inner objects as `outer.inner`, each element of an array
-// as a field of the array's name. Numbers stay as they are written; null and empty strings are no fields.
+// as a field of the array's name. Numbers stay as they are written; null and empty strings are no fields. A message in
+// it may be a line of another format: what container runtimes, log shippers and the journal write are envelopes.
 #include <simdjson.h>
 
 #include <algorithm>
 #include <cstring>
-#include <deque>
 
 #include "tools/veldar/formats/line_format_internal.h"
 #include "tools/veldar/formats/terms.h"
@@ -13,9 +13,7 @@ namespace veldar::tool {
 
 struct json_scratch {
     simdjson::ondemand::parser parser;
-    std::vector<char> padded;       // the line and the bytes that the parser may read behind it
-    std::deque<std::string> paths;  // names of inner members; a deque keeps them in place
-    size_t paths_used = 0;
+    std::vector<char> padded;  // the line and the bytes that the parser may read behind it
 };
 
 void json_scratch_delete::operator()(json_scratch* scratch) const {
@@ -31,63 +29,73 @@ using simdjson::ondemand::value;
 
 constexpr int DEPTH_MAX = 32;        // deeper members are no fields
 constexpr size_t FIELDS_MAX = 1024;  // nor are those past this number
-constexpr std::string_view TIME_NAMES[] = {"@timestamp",   "timestamp", "time",    "ts",
-                                           "datetime",     "date",      "@t",      "eventTime",
-                                           "timeUnixNano", "asctime",   "t.$date", "__REALTIME_TIMESTAMP"};
-constexpr std::string_view TEXT_NAMES[] = {"message", "msg", "log"};
+constexpr size_t NAMES_MAX = 4096;   // names of inner members that are made
+constexpr int WRAPPERS_MAX = 4;
+
+// Arrays that stand around the events of a service; their names are no part of a field's.
+constexpr std::string_view WRAPPERS[] = {"Records", "resourceLogs", "scopeLogs", "logRecords"};
 
 struct json_walk {
-    json_scratch* scratch;
-    parsed_line* out;
-    format_context* context;
+    parsed_line* out = nullptr;
+    format_context* context = nullptr;
     bool complete = true;  // no fault so far
+    int wrappers = 0;
+    std::string_view texts[4];  // the messages
+    size_t text_count = 0;
+    log_stamp inner_time;  // of an inner member, in case that the line has no other
+    bool has_inner_time = false;
 };
 
-bool is_named(std::string_view name, std::span<const std::string_view> names) {
-    return std::any_of(names.begin(), names.end(), [&](std::string_view other) {
-        return name.size() == other.size() && strncasecmp(name.data(), other.data(), name.size()) == 0;
-    });
+// The name without the objects that it stands in.
+std::string_view last_name(std::string_view name) {
+    return name.substr(name.rfind('.') + 1);
 }
 
-// A time in any of the ways of the other formats.
-bool take_any_time(std::string_view text, log_stamp* out) {
-    for (auto* take : {take_iso8601, take_epoch, take_clf_time}) {
-        std::string_view rest = text;
-        *out = {};
-        if (take(&rest, out)) return true;
-    }
-    shape_time time;
-    const bool taken = time_place_take_whole(text, &time);
-    *out = time.stamp;
-    return taken;
-}
-
-// The first member with a time member's name that holds a time gives the event's time, and is no field.
-bool take_member_time(json_walk* walk, std::string_view name, std::string_view text) {
+void note_inner_time(json_walk* walk, std::string_view name, std::string_view text) {
+    if (walk->has_inner_time || !is_time_name(last_name(name))) return;
     log_stamp stamp;
-    if (walk->out->has_time || !is_named(name, TIME_NAMES) || !take_any_time(text, &stamp)) return false;
-    set_time(walk->out, stamp, walk->context);
-    return walk->out->has_time;
+    walk->has_inner_time = take_any_time(text, &stamp);
+    walk->inner_time = stamp;
 }
 
 void walk_scalar(json_walk* walk, std::string_view name, std::string_view text, int depth) {
     const bool member = depth == 1 || (depth == 2 && name.find('.') != std::string_view::npos);
-    if (member && take_member_time(walk, name, text)) return;
+    if (member && take_named_time(walk->out, name, text, walk->context)) return;
+    if (!walk->out->has_time) note_inner_time(walk, name, text);
+    if (member && is_host_name(name)) set_host(walk->out, text);
     if (!name.empty() && walk->out->fields.size() < FIELDS_MAX) add_field(walk->out, name, text);
-    if (depth == 1 && is_named(name, TEXT_NAMES)) add_pairs(walk->out, text);
+    const bool message = member && is_text_name(name) && walk->text_count < std::size(walk->texts);
+    if (message) walk->texts[walk->text_count++] = text;
 }
 
-std::string_view join_path(json_scratch* scratch, std::string_view outer, std::string_view inner) {
-    if (outer.empty() || outer.size() + inner.size() >= TERM_MAX) return inner;
-    if (scratch->paths_used == scratch->paths.size()) scratch->paths.emplace_back();
-    std::string& path = scratch->paths[scratch->paths_used++];
-    path.assign(outer).append(1, '.').append(inner);
-    return path;
+std::string_view join_path(parsed_line* out, std::string_view outer, std::string_view inner) {
+    const bool full = out->made_used >= NAMES_MAX || out->fields.size() >= FIELDS_MAX;
+    if (outer.empty() || full || outer.size() + inner.size() >= TERM_MAX) return inner;
+    return made_text(out)->append(outer).append(1, '.').append(inner);
 }
 
 void walk_value(json_walk* walk, std::string_view name, value item, int depth);
 
+// The value of an attribute as OpenTelemetry writes it: {"stringValue": "GET"}.
+void walk_attribute(json_walk* walk, std::string_view name, value item, int depth) {
+    object members;
+    json_type type{};
+    if (item.type().get(type) != simdjson::SUCCESS || type != json_type::object) {
+        return walk_value(walk, name, item, depth);
+    }
+    walk->complete = item.get_object().get(members) == simdjson::SUCCESS;
+    if (!walk->complete) return;
+    for (auto field : members) {
+        value inner;
+        walk->complete = field.value().get(inner) == simdjson::SUCCESS;
+        if (walk->complete) walk_value(walk, name, inner, depth + 1);
+        if (!walk->complete) return;
+    }
+}
+
 void walk_members(json_walk* walk, std::string_view name, object members, int depth) {
+    const bool attributes = last_name(name) == "attributes";
+    std::string_view attribute;  // {"key": "http.method", "value": ...}
     for (auto field : members) {
         std::string_view key;
         value item;
@@ -95,7 +103,12 @@ void walk_members(json_walk* walk, std::string_view name, object members, int de
             walk->complete = false;
             return;
         }
-        walk_value(walk, join_path(walk->scratch, name, key), item, depth + 1);
+        if (attributes && key == "key" && item.get_string().get(attribute) == simdjson::SUCCESS) continue;
+        if (!attribute.empty() && key == "value") {
+            walk_attribute(walk, join_path(walk->out, name, attribute), item, depth + 1);
+        } else {
+            walk_value(walk, join_path(walk->out, name, key), item, depth + 1);
+        }
         if (!walk->complete) return;
     }
 }
@@ -110,6 +123,26 @@ void walk_elements(json_walk* walk, std::string_view name, array elements, int d
         walk_value(walk, name, item, depth + 1);
         if (!walk->complete) return;
     }
+}
+
+// A text as the journal writes it when it has odd bytes: an array of their numbers. Anything else is walked.
+void walk_bytes(json_walk* walk, std::string_view name, array elements, int depth) {
+    std::string* const text = made_text(walk->out);
+    for (auto element : elements) {
+        uint64_t byte = 0;
+        if (element.get_uint64().get(byte) != simdjson::SUCCESS || byte > 0xFF) {
+            text->clear();
+            break;
+        }
+        text->push_back(static_cast<char>(byte));
+    }
+    if (text->empty()) {
+        walk->complete = elements.reset().error() == simdjson::SUCCESS;
+        if (walk->complete) walk_elements(walk, name, elements, depth);
+        return;
+    }
+    walk->out->more_text = *text;
+    walk_scalar(walk, name, *text, depth);
 }
 
 // Container runtimes keep the line end of what a program wrote in the string.
@@ -142,7 +175,13 @@ void walk_value(json_walk* walk, std::string_view name, value item, int depth) {
         case json_type::array: {
             array elements;
             walk->complete = item.get_array().get(elements) == simdjson::SUCCESS;
-            if (walk->complete) walk_elements(walk, name, elements, depth);
+            if (!walk->complete) return;
+            if (depth == 1 && name == "MESSAGE") return walk_bytes(walk, name, elements, depth);
+            const bool wrapper = std::find(std::begin(WRAPPERS), std::end(WRAPPERS), name) != std::end(WRAPPERS);
+            if (!wrapper || walk->wrappers == WRAPPERS_MAX) return walk_elements(walk, name, elements, depth);
+            walk->wrappers++;
+            walk_elements(walk, {}, elements, -1);
+            walk->wrappers--;
             return;
         }
         case json_type::string: {
@@ -162,14 +201,20 @@ void walk_value(json_walk* walk, std::string_view name, value item, int depth) {
 
 // Walks the padded copy of the line; false when it is no object at all.
 bool walk_line(json_walk* walk, size_t size) {
-    json_scratch* scratch = walk->scratch;
+    json_scratch* scratch = walk->out->json.get();
     simdjson::ondemand::document document;
     object members;
-    walk->complete = true;
-    scratch->paths_used = 0;
     auto fault = scratch->parser.iterate(scratch->padded.data(), size, scratch->padded.size()).get(document);
     if (fault != simdjson::SUCCESS || document.get_object().get(members) != simdjson::SUCCESS) return false;
     walk_members(walk, {}, members, 0);
+    return true;
+}
+
+// What has to wait until all members are seen.
+bool finish(json_walk* walk) {
+    parsed_line* const out = walk->out;
+    if (!out->has_time && walk->has_inner_time) set_time(out, walk->inner_time, walk->context);
+    for (size_t i = 0; i < walk->text_count; i++) add_message(out, walk->texts[i], walk->context);
     return true;
 }
 
@@ -186,19 +231,24 @@ bool parse_json(std::string_view line, format_context* context, parsed_line* out
     skip_blanks(&text);
     if (!text.starts_with('{')) return parse_as_text(line, out);
     if (!out->json) out->json.reset(new json_scratch);
-    json_walk walk{out->json.get(), out, context};
+    json_walk walk;
+    walk.out = out;
+    walk.context = context;
     std::vector<char>& padded = out->json->padded;
     if (padded.size() < text.size() + simdjson::SIMDJSON_PADDING)
         padded.resize(text.size() * 2 + simdjson::SIMDJSON_PADDING);
     memcpy(padded.data(), text.data(), text.size());
     memset(padded.data() + text.size(), ' ', simdjson::SIMDJSON_PADDING);
-    if (walk_line(&walk, text.size()) && walk.complete) return true;
+    if (walk_line(&walk, text.size()) && walk.complete) return finish(&walk);
 
     // A line with odd bytes is read once more without them; one with a fault inside keeps the members before it.
     static_cast<void>(begin_parse(line, out));
     replace_odd_bytes({padded.data(), text.size()});
+    walk = json_walk();
+    walk.out = out;
+    walk.context = context;
     bool read = walk_line(&walk, text.size()) && (walk.complete || out->has_time || !out->fields.empty());
-    return read || parse_as_text(line, out);
+    return read ? finish(&walk) : parse_as_text(line, out);
 }
 
 }  // namespace veldar::tool

@@ -172,10 +172,12 @@ bool parse_syslog(std::string_view line, format_context* context, parsed_line* o
         set_yearless_time(out, stamp, context);
     skip_blanks(&rest);
     if (!take_program(&rest, out)) {
-        add_field(out, "host", take_word(&rest));
+        set_host(out, take_word(&rest));
+        add_field(out, "host", out->host);
         static_cast<void>(take_program(&rest, out));
     }
-    add_pairs(out, rest);
+    skip_blanks(&rest);
+    add_message(out, rest, context);
     return true;
 }
 
@@ -189,10 +191,12 @@ bool parse_syslog_5424(std::string_view line, format_context* context, parsed_li
     if (!take_char(&rest, ' ')) return parse_as_text(line, out);
 
     if (timed) set_time(out, stamp, context);
-    for (std::string_view name : {"host", "app", "procid", "msgid"}) add_dash_field(out, name, take_word(&rest));
+    if (const std::string_view host = take_word(&rest); host != "-") set_host(out, host);
+    add_field(out, "host", out->host);
+    for (std::string_view name : {"app", "procid", "msgid"}) add_dash_field(out, name, take_word(&rest));
     std::string_view text = rest;
     if (take_structured_data(&rest, out)) text = rest;
-    add_pairs(out, text);
+    add_message(out, text, context);
     return true;
 }
 
@@ -202,11 +206,13 @@ bool parse_syslog_iso(std::string_view line, format_context* context, parsed_lin
     bool timed = rest.size() > 10 && rest[10] == 'T' && take_iso8601(&rest, &stamp) && stamp.has_offset;
     if (!timed || !take_char(&rest, ' ')) return parse_as_text(line, out);
     std::string_view host = take_word(&rest);
+    set_host(out, host);
     add_field(out, "host", host);
     if (is_level(host) || !take_program(&rest, out)) return parse_as_text(line, out);
 
     set_time(out, stamp, context);
-    add_pairs(out, rest);
+    skip_blanks(&rest);
+    add_message(out, rest, context);
     return true;
 }
 

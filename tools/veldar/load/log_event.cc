@@ -1,5 +1,6 @@
 #include "tools/veldar/load/log_event.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "tools/veldar/formats/json_text.h"
@@ -29,23 +30,14 @@ void parse_first(log_event_maker* maker, std::string_view line) {
     maker->from_file = false;
 }
 
-// Only the syslog formats know their host from a place in the line; elsewhere a field of that name may be anybody's.
-bool names_host(const line_format& format) {
-    return std::string_view(format.name).starts_with("syslog");
-}
-
 std::string_view host_of(const log_event_maker& maker) {
-    if (maker.host_fixed || !names_host(*maker.format)) return maker.host;
-    for (const field_view& field : maker.first.fields) {
-        if (field.name == HOST) return field.value;
-    }
-    return maker.host;
+    return maker.host_fixed || maker.first.host.empty() ? std::string_view(maker.host) : maker.first.host;
 }
 
 }  // namespace
 
 void log_event_note(log_event_maker* maker, std::string_view record) {
-    parse_first(maker, take_line(&record));
+    parse_first(maker, record_text(parsed_part(*maker->format, record)));
 }
 
 void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise) {
@@ -63,9 +55,12 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     std::string_view left = record;
     term_set* const terms = &maker->terms;
     term_set_reset(terms);
-    parse_first(maker, take_line(&left));
+    const std::string_view part = parsed_part(*maker->format, record);
+    left.remove_prefix(std::min(part.size() + 1, left.size()));
+    parse_first(maker, record_text(part));
     term_set_add_text(
         terms, maker->format->is_json ? uncoloured(json_text(record, &maker->decoded), &maker->decoded) : record);
+    if (!maker->first.more_text.empty()) term_set_add_text(terms, maker->first.more_text);
     maker->line_host = host_of(*maker);
     term_set_add_field(terms, HOST, maker->line_host);
     term_set_add_field(terms, SOURCE, maker->source);
