@@ -413,6 +413,9 @@ TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
         {{"search", "--native", "[AND a"}, "  [AND a\n        ^ expected "},
         {{"search", "--native", "[AND a] b"}, "  [AND a] b\n          ^ expected "},
         {{"search", "a", "--since", "noonish"}, "--since noonish: expected a time"},
+        {{"search", "a", "--since", "3 huors ago"}, "did you mean 'hours'?"},
+        {{"count", "a", "--since", "05/17/2024"}, "; a date is written 2015-05-17"},
+        {{"stats", "--since", "-1h", "--until", "-2h"}, "--since -1h is later than --until -2h"},
         {{"search", "a", "--tz", "Mars/Base"}, "unknown time zone Mars/Base"},
         {{"search", "a", "-C", "2", "--format", "csv"}, "context lines go with"},
         {{"search", "a", "--format", "xml"}, "xml"},
@@ -662,6 +665,22 @@ TEST(TimeInput, Forms) {
         {"@1709251200", 0, 0, 0},
         {"@1709251200.25", 0, 0, 250000000},
         {"@-0.25", -1709251201, -1709251201, 750000000},
+        {"1709251200250", 0, 0, 250000000},
+        {"1h30m", 77490, 77490, 0},
+        {"3 hours ago", 72090, 72090, 0},
+        {"a day 2 Minutes ago", -3630, -3630, 0},
+        {"in 2 days", 255690, 255690, 0},
+        {"1 month ago", 82890 - 29 * 86400, 82890 - 29 * 86400, 0},
+        {"2y", 82890 - 731 * 86400, 82890 - 731 * 86400, 0},
+        {"2024", -60 * 86400, -60 * 86400 - 3600, 0},
+        {"2024-02", -29 * 86400, -29 * 86400 - 3600, 0},
+        {"monday", -4 * 86400, -4 * 86400 - 3600, 0},
+        {"last fri 10:05", -7 * 86400 + 36300, 36300 - 3600, 0},
+        {"Yesterday 10:05", 36300 - 86400, 36300 - 3600, 0},
+        {"Fri, 01 Mar 2024 10:05:03 GMT", 36303, 36303, 0},
+        {"01/Mar/2024:10:05:03 +0200", 29103, 29103, 0},
+        {"Mar  1 10:05:03.5", 36303, 32703, 500000000},
+        {"Dec 31", -61 * 86400, -61 * 86400 - 3600, 0},
     };
     for (const auto& row : table) {
         st_timeval_t time;
@@ -672,7 +691,7 @@ TEST(TimeInput, Forms) {
         EXPECT_EQ(time.time_s - BEGIN, row.berlin) << row.text;
     }
     for (const char* text :
-         {"", "-", "-h", "-5", "-5y", "@", "@x", "2024-02-30", "2024-3-1", "2024-03-01T", "25:00", "10", "10:5",
+         {"", "-", "-h", "-5", "5z", "1 hour 5", "-2h ago", "an", "last now", "1/3/2024", "Mar 1 10:05:03 IST", "@", "@x", "2024-02-30", "2024-03-01T", "25:00", "10", "10:5",
           "10:05x", "2024-03-01T10:05+25:00", "2040-01-01", "-99999999999d", "@99999999999"}) {
         st_timeval_t time;
         EXPECT_FALSE(time_input_parse(text, &utc, now, &time)) << text;

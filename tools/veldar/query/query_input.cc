@@ -58,7 +58,9 @@ std::vector<query_plan> plans_of(const std::string& text, bool native) {
 st_timeval_t time_of(const char* option, const std::string& text, log_zone* zone) {
     st_timeval_t time;
     if (!time_input_parse(text, zone, std::time(nullptr), &time)) {
-        throw tool_failure{EXIT_USAGE, std::string(option) + " " + text + ": expected " + TIME_INPUT_FORMS};
+        const std::string advice = time_input_advice(text);
+        throw tool_failure{EXIT_USAGE, std::string(option) + " " + text + ": expected " + TIME_INPUT_FORMS +
+                                           (advice.empty() ? "" : "; " + advice)};
     }
     return time;
 }
@@ -119,6 +121,9 @@ void query_set_bounds(const std::string& since, const std::string& until, const 
     st_timeval_t earliest = {INT_MIN, 0}, latest = {INT_MAX, 0};
     if (!since.empty()) earliest = time_of("--since", since, &named);
     if (!until.empty()) latest = time_of("--until", until, &named);
+    if (std::make_pair(earliest.time_s, earliest.time_ns) > std::make_pair(latest.time_s, latest.time_ns)) {
+        throw tool_failure{EXIT_USAGE, "--since " + since + " is later than --until " + until};
+    }
     st_query_set_time_bound(query, true, earliest.time_s, earliest.time_ns, latest.time_s, latest.time_ns);
 }
 
