@@ -210,6 +210,27 @@ TEST(Formats, TimesWithoutAZoneAreInTheContextsZone) {
         EXPECT_EQ(parse_with("iso8601", one.time, context), std::to_string(one.expected) + ".0")
             << one.zone << one.time;
     }
+    format_context berlin;
+    ASSERT_TRUE(log_zone_from_name("Europe/Berlin", &berlin.zone));
+    berlin.times = time_place_find(std::vector<std::string_view>{"2015-10-25 02:30:00 x"}, {});
+    const auto seconds = [&](std::vector<std::string> lines) {
+        format_context context = berlin;
+        parsed_line parsed;
+        std::string text;
+        for (const std::string& line : lines) {
+            parsed.time.time_s = 0;
+            parse_log_line(*format_by_name("text"), line, &context, &parsed);
+            text += " " + std::to_string(parsed.time.time_s - 1445731200);  // from 2 o'clock of that night on
+        }
+        return text;
+    };
+    EXPECT_EQ(seconds({"2015-10-25 02:00:30", "2015-10-25 02:59:58", "2015-10-25 02:59:57", "2015-10-25 02:00:01",
+                       "2015-10-25 02:59:59", "2015-10-25 03:00:00"}),
+              " 30 3598 3597 3601 7199 7200")
+        << "an hour that occurs twice follows the order of lines";
+    EXPECT_EQ(seconds({"2015-10-25 10:00:00 Asia/Tokyo", "2015-10-25 02:00:00 GMT+1", "2015-10-25 02:00:00 UTC+0130",
+                       "2015-10-25 02:00:00 MESZ", "2015-10-25 02:00:00 Europe/Nowhere"}),
+              " 3600 3600 1800 0 0");
     log_zone zone;
     for (const char* name : {"", "Nowhere/None", "../etc/passwd", "+1", "+25:00", "+01:0x"}) {
         EXPECT_FALSE(log_zone_from_name(name, &zone)) << name;

@@ -59,11 +59,6 @@ void add_dash_field(parsed_line* out, std::string_view name, std::string_view va
     if (value != "-") add_field(out, name, value);
 }
 
-void set_time(parsed_line* out, const log_stamp& stamp, format_context* context) {
-    out->has_time = stamp_to_time(stamp, &context->zone, &out->time);
-    if (!stamp.unclear_zone.empty() && context->unclear_zone.empty()) context->unclear_zone = stamp.unclear_zone;
-}
-
 std::string_view begin_parse(std::string_view line, parsed_line* out) {
     out->has_time = false;
     out->fields.clear();
@@ -95,9 +90,20 @@ void set_host(parsed_line* out, std::string_view host) {
 
 bool parse_text(std::string_view line, format_context* context, parsed_line* out) {
     const std::string_view text = begin_parse(line, out);
-    if (context->times.known()) add_placed_time(text, context, out);
+    add_placed_time(text, context, out);
     add_pairs(out, text);
     return true;
+}
+
+bool parse_log_line(const line_format& format, std::string_view line, format_context* context, parsed_line* out) {
+    const bool formed = format.parse(line, context, out);
+    const bool asked = formed && (format.is_json || format.parse == parse_text);
+    if (!out->has_time && !asked) add_placed_time(line, context, out);
+    return formed;
+}
+
+void parse_continued_line(std::string_view line, parsed_line* out) {
+    parse_as_text(line, out);
 }
 
 std::span<const line_format> line_formats() {

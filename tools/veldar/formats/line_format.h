@@ -57,11 +57,16 @@ struct format_context {
     int year = 0;                         // for times without a year: that of the first line; 0 infers it
     int64_t modified_s = NO_TIME_SEEN;    // the file's modification time, or now for a pipe: no inferred time is later
                                           // than a day after it
-    int64_t last_local_s = NO_TIME_SEEN;  // state: the last time with an inferred year, in local seconds
+    int64_t last_local_s = NO_TIME_SEEN;  // state: the last time with an inferred year or day, in local seconds
     time_place times;                     // where lines say their time: what tells records from the lines that continue
                                           // them, and to the text format their times
     int64_t boot_s = NO_TIME_SEEN;        // what seconds since the machine started count from; unknown: no time
+    int64_t last_s = NO_TIME_SEEN;        // state: the last time; of an hour that occurs twice it tells which one
     std::string unclear_zone;             // state: the first zone's name that means several offsets
+    uint64_t unclear_zones = 0;           // state: how many times had one
+    std::string named_zone;               // state: the last zone that a line named, such as Europe/Berlin
+    log_zone named;                       // state: that one
+    bool zone_taken = false;              // state: `zone` was taken for a time without one
 };
 
 struct line_format {
@@ -73,6 +78,11 @@ struct line_format {
     bool is_json = false;       // the words of a record are those of its json_text
     bool whole_record = false;  // `parse` takes all lines of a record; else the first
 };
+
+// Parses a line and finds the time of one that the format finds none in, as in a file of mixed formats.
+bool parse_log_line(const line_format& format, std::string_view line, format_context* context, parsed_line* out);
+// The `key=value` pairs of a line that continues a record.
+void parse_continued_line(std::string_view line, parsed_line* out);
 
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
 std::span<const line_format> line_formats();

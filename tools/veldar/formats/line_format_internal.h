@@ -35,7 +35,7 @@ void set_time(parsed_line* out, const log_stamp& stamp, format_context* context)
 void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context);
 // Either, for a time that a shape found.
 void set_shape_time(parsed_line* out, const shape_time& time, format_context* context);
-// The time that the text says at the context's place, and a level beside it.
+// The time that the text says (time_place_take_any), and a level beside it.
 void add_placed_time(std::string_view text, format_context* context, parsed_line* out);
 
 // The size of a quoted text behind its opening quote, a backslash keeping the next byte; npos when it is not closed.

@@ -4,9 +4,6 @@
 //   lack <34>1 2003-10-11T22:14:15.003Z host app procid msgid [id a="b"] text     RFC 5424
 //   2025-06-14T15:16:01.123456+02:00 host program[pid]: text                 what rsyslog writes into files by now
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <ctime>
 
 #include "tools/veldar/formats/line_format_internal.h"
 
@@ -14,7 +11,6 @@ namespace veldar::tool {
 namespace {
 
 constexpr int64_t DAY_S = 86400;
-constexpr int64_t HALF_YEAR_S = 182 * DAY_S;
 
 constexpr std::string_view FACILITIES[] = {"kern",   "user",   "mail",   "daemon", "auth",     "syslog",
                                            "lpr",    "news",   "uucp",   "cron",   "authpriv", "ftp",
@@ -55,52 +51,6 @@ bool take_program(std::string_view* rest, parsed_line* out) {
     return true;
 }
 
-int64_t year_of(int64_t local_s) {
-    std::chrono::sys_days day(std::chrono::floor<std::chrono::days>(std::chrono::seconds(local_s)));
-    return static_cast<int>(std::chrono::year_month_day(day).year());
-}
-
-int64_t latest_s(const format_context& context) {
-    if (context.year != 0) return std::numeric_limits<int64_t>::max();
-    int64_t modified_s = context.modified_s;
-    if (modified_s == NO_TIME_SEEN) modified_s = static_cast<int64_t>(time(nullptr));
-    return modified_s + DAY_S;
-}
-
-// The stamp in a given year; false when the year lacks the day or the time would be too late for the file.
-bool stamp_in_year(const yearless_stamp& stamp, int64_t year, format_context* context, int64_t* local_s) {
-    int64_t days = 0;
-    if (!days_from_date(year, stamp.month, stamp.day, &days)) return false;
-    *local_s = days * DAY_S + stamp.second_of_day;
-    return log_zone_to_epoch(&context->zone, *local_s) <= latest_s(*context);
-}
-
-// The first line's year: the given one, else the latest that the file's modification time allows.
-bool first_year(const yearless_stamp& stamp, format_context* context, int64_t* local_s) {
-    if (context->year != 0) return stamp_in_year(stamp, context->year, context, local_s);
-    int64_t newest = year_of(latest_s(*context)) + 1;  // + 1: the zone may be ahead
-    for (int64_t year = newest; year > newest - 10; year--) {
-        if (stamp_in_year(stamp, year, context, local_s)) return true;
-    }
-    return false;
-}
-
-// A later line's year: the one that brings it nearest to the line before. So a log runs over New Year in either
-// direction, and one odd line (a clock that was not set yet) does not carry the rest away.
-bool next_year(const yearless_stamp& stamp, format_context* context, int64_t* local_s) {
-    int64_t year = year_of(context->last_local_s);
-    bool found = stamp_in_year(stamp, year, context, local_s);
-    auto distance = [&](int64_t at_s) { return std::abs(at_s - context->last_local_s); };
-    if (found && distance(*local_s) < HALF_YEAR_S) return true;
-    for (int64_t other : {year - 1, year + 1}) {
-        int64_t other_s = 0;
-        if (!stamp_in_year(stamp, other, context, &other_s)) continue;
-        if (!found || distance(other_s) < distance(*local_s)) *local_s = other_s;
-        found = true;
-    }
-    return found;
-}
-
 // The year that some write behind the time: "Jun 14 15:16:01 2025 host ...".
 bool take_year_behind(std::string_view* rest, const yearless_stamp& stamp, log_stamp* out) {
     std::string_view left = *rest;
@@ -134,29 +84,6 @@ bool take_structured_data(std::string_view* rest, parsed_line* out) {
 }
 
 }  // namespace
-
-void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context) {
-    int64_t local_s = 0;
-    bool first = context->last_local_s == NO_TIME_SEEN;
-    if (!(first ? first_year(stamp, context, &local_s) : next_year(stamp, context, &local_s))) return;
-    int64_t epoch_s = log_zone_to_epoch(&context->zone, local_s);
-    out->has_time = log_time_store(epoch_s, stamp.nanoseconds, &out->time);
-    if (out->has_time) context->last_local_s = local_s;
-}
-
-void set_shape_time(parsed_line* out, const shape_time& time, format_context* context) {
-    if (!time.has_year && !time.since_boot) {
-        const log_zone zone = context->zone;
-        if (time.stamp.has_offset) context->zone = {nullptr, time.stamp.offset_s};
-        set_yearless_time(out, time.yearless, context);
-        context->zone = zone;
-        return;
-    }
-    log_stamp stamp = time.stamp;
-    if (time.since_boot && context->boot_s == NO_TIME_SEEN) return;
-    if (time.since_boot) stamp.local_s += context->boot_s;
-    set_time(out, stamp, context);
-}
 
 bool parse_syslog(std::string_view line, format_context* context, parsed_line* out) {
     std::string_view rest = begin_parse(line, out);

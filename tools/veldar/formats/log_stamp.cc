@@ -70,12 +70,15 @@ struct zone_name {
     int minutes;  // east of UTC
 };
 
-// The abbreviations that mean one offset only, as far as the zone database goes today.
+// The abbreviations that mean one offset only, as far as the zone database goes today and programs write them.
 constexpr zone_name ZONE_NAMES[] = {
-    {"WET", 0},    {"WEST", 60},  {"CET", 60},   {"CEST", 120}, {"EET", 120},  {"EEST", 180},  {"MSK", 180},
-    {"EST", -300}, {"EDT", -240}, {"MST", -420}, {"MDT", -360}, {"PDT", -420}, {"AKST", -540}, {"AKDT", -480},
-    {"HST", -600}, {"JST", 540},  {"KST", 540},  {"HKT", 480},  {"SGT", 480},  {"PKT", 300},   {"AWST", 480},
-    {"ACST", 570}, {"ACDT", 630}, {"AEST", 600}, {"AEDT", 660}, {"NZST", 720}, {"NZDT", 780},  {"SAST", 120}};
+    {"WET", 0},     {"WEST", 60},  {"CET", 60},   {"CEST", 120}, {"MEZ", 60},   {"MESZ", 120}, {"EET", 120},
+    {"EEST", 180},  {"MSK", 180},  {"YEKT", 300}, {"IDT", 180},  {"SAST", 120}, {"CAT", 120},  {"EAT", 180},
+    {"WAT", 60},    {"EST", -300}, {"EDT", -240}, {"MST", -420}, {"MDT", -360}, {"PDT", -420}, {"AKST", -540},
+    {"AKDT", -480}, {"HST", -600}, {"NST", -210}, {"NDT", -150}, {"BRT", -180}, {"ART", -180}, {"JST", 540},
+    {"KST", 540},   {"HKT", 480},  {"SGT", 480},  {"MYT", 480},  {"WIB", 420},  {"WITA", 480}, {"WIT", 540},
+    {"ICT", 420},   {"PKT", 300},  {"AWST", 480}, {"ACST", 570}, {"ACDT", 630}, {"AEST", 600}, {"AEDT", 660},
+    {"NZST", 720},  {"NZDT", 780}};
 constexpr uint32_t UNCLEAR_ZONES[] = {packed("CST"), packed("CDT"), packed("PST"), packed("IST"), packed("BST"),
                                       packed("AST"), packed("ADT"), packed("SST"), packed("GST"), packed("AMT")};
 
@@ -106,14 +109,37 @@ bool take_listed_zone(std::string_view* rest, log_stamp* out) {
     return true;
 }
 
+// "Z", "UTC", "GMT", also with an offset from it: "GMT+0100", "UTC+2".
 bool take_named_utc(std::string_view* rest, log_stamp* out) {
     for (std::string_view name : {"Z", "z", "UTC", "GMT"}) {
         if (!rest->starts_with(name) || !ends_word(rest->substr(name.size()))) continue;
         rest->remove_prefix(name.size());
         out->has_offset = true;
+        if (name.size() < 3 || take_numeric_offset(rest, out) || rest->size() < 2 || !is_digit((*rest)[1])) return true;
+        const bool west = (*rest)[0] == '-';
+        if ((!west && (*rest)[0] != '+') || !ends_word(rest->substr(2))) return true;
+        out->offset_s = ((*rest)[1] - '0') * (west ? -3600 : 3600);
+        rest->remove_prefix(2);
         return true;
     }
     return false;
+}
+
+// "Europe/Berlin": no other words look like that behind a time.
+bool take_zone_of_place(std::string_view* rest, log_stamp* out) {
+    constexpr std::string_view REGIONS[] = {"Africa/",    "America/", "Antarctica/", "Asia/",   "Atlantic/",
+                                            "Australia/", "Europe/",  "Indian/",     "Pacific/"};
+    const auto starts = [rest](std::string_view region) { return rest->starts_with(region); };
+    if (std::none_of(std::begin(REGIONS), std::end(REGIONS), starts)) return false;
+    size_t size = 0;
+    for (; size < rest->size(); size++) {
+        const char c = (*rest)[size];
+        const bool letter = (c | 0x20) >= 'a' && (c | 0x20) <= 'z';
+        if (!letter && !is_digit(c) && c != '/' && c != '_' && c != '-') break;
+    }
+    out->named_zone = rest->substr(0, size);
+    rest->remove_prefix(size);
+    return true;
 }
 
 bool stamp_set(int64_t year, int64_t month, int64_t day, int64_t second_of_day, log_stamp* out) {
@@ -200,8 +226,8 @@ void take_optional_zone(std::string_view* rest, log_stamp* out) {
     std::string_view left = *rest;
     if (!take_char(&left, ' ')) return;
     bool full_offset = left.size() >= 5 && (is_digit(left[3]) || left[3] == ':');
-    const bool zone =
-        take_named_utc(&left, out) || (full_offset && take_numeric_offset(&left, out)) || take_listed_zone(&left, out);
+    const bool zone = take_named_utc(&left, out) || (full_offset && take_numeric_offset(&left, out)) ||
+                      take_listed_zone(&left, out) || take_zone_of_place(&left, out);
     if (zone) *rest = left;
 }
 

@@ -15,6 +15,7 @@ struct log_stamp {
     bool has_offset = false;  // the line itself says the offset; otherwise the context's zone holds
     int64_t offset_s = 0;
     std::string_view unclear_zone;  // a zone's name that means several offsets, as the line has it
+    std::string_view named_zone;    // a zone such as "Europe/Berlin", as the line has it
 };
 
 // A time without its year.

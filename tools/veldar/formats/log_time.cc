@@ -64,7 +64,15 @@ bool log_zone_from_name(std::string_view name, log_zone* out) {
     return true;
 }
 
-int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s) {
+std::string log_zone_local_name() {
+    try {
+        return local_zone()->name();
+    } catch (const std::exception&) {
+        return "UTC";
+    }
+}
+
+int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s, int64_t last_s) {
     bool known = zone->named == nullptr || (local_s >= zone->holds_from && local_s < zone->holds_until);
     if (known) return local_s - zone->offset_s;
 
@@ -77,7 +85,9 @@ int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s) {
         zone->holds_from = info.first.begin.time_since_epoch().count() + DAY_S;
         zone->holds_until = info.first.end.time_since_epoch().count() - DAY_S;
     }
-    return local_s - offset_s;
+    const bool twice = info.result == date::local_info::ambiguous;
+    const bool again = last_s >= info.first.end.time_since_epoch().count() || local_s - offset_s + 60 < last_s;
+    return local_s - (twice && again ? info.second.offset.count() : offset_s);
 }
 
 log_zone_span log_zone_at(const log_zone& zone, int64_t epoch_s) {

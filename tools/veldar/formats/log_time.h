@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <string>
 #include <string_view>
 
 #include "searchthing/base/st_timeval.h"
@@ -23,9 +25,13 @@ struct log_zone {
 // name is unknown or the machine has no zone data; `out` is then unchanged. Never throws.
 [[nodiscard]] bool log_zone_from_name(std::string_view name, log_zone* out);
 
+// The name under which the machine's zone is known, such as "Europe/Berlin".
+std::string log_zone_local_name();
+
 // Local seconds (a civil time counted as if it were UTC) to seconds since the epoch. A time that occurs twice is the
-// first of the two; one that a clock skipped counts on with the offset from before the change.
-int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s);
+// first of the two, unless `last_s`, the moment of the line before, lies behind the change or a minute behind the first;
+// one that a clock skipped counts on with the offset from before the change.
+int64_t log_zone_to_epoch(log_zone* zone, int64_t local_s, int64_t last_s = std::numeric_limits<int64_t>::min());
 
 // The offset, in seconds east of UTC, that holds at a moment, and since when (inclusive) and until when (exclusive) it
 // does; without a change the bounds are those of int64_t. Seconds within 2^40 of the epoch.

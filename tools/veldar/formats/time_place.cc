@@ -16,55 +16,85 @@ constexpr size_t PLAIN_WORDS = 3;  // blanks before a time that is not at the fi
 
 // The shapes that are looked for. Of two that fit a log equally well at one place the earlier is taken.
 constexpr const char* PATTERNS[] = {
-    "%Y-%m-%d%t%T",          // ISO 8601 and its relatives
-    "%Y-%m-%d%t%R",          //
-    "%Y/%m/%d%t%T",          //
-    "%Y/%m/%d%t%R",          //
-    "%Y.%m.%d%t%T",          //
-    "%Y:%m:%d%t%T",          // cameras
-    "%Y-%m-%d%t%H.%M.%S%q",  // 2005-06-03-15.42.50.363779
-    "%Y-%m-%d%t%H-%M-%S",    //
-    "%Y%m%d%t%T",            //
-    "%Y%m%d%t%H:%M:%S:%L",   // 20171223-22:15:29:606
-    "%Y%m%d%t%H%M%S%q%z",    // basic ISO 8601
-    "%Y%m%d%H%M%S%q%z",      //
-    "%d/%b/%Y%t%T",          // web servers
-    "%d-%b-%Y%t%T",          // Tomcat, Oracle
-    "%d %b %Y%t%T",          // RFC 1123
-    "%d %b %H:%M:%S %Z %Y",  // date
-    "%b %d %T %Y",           // ctime
-    "%b %d %H:%M:%S %Z %Y",  // date
-    "%b %d %Y%t%T",          // routers
-    "%b %d, %Y%t%T",         // java.util.logging
-    "%b %d%t%T",             // syslog
-    "%d %b%t%T",             //
-    "%d.%m.%Y%t%T",          //
-    "%d.%m.%Y%t%R",          //
-    "%d/%m/%Y%t%T",          //
-    "%m/%d/%Y%t%T",          //
-    "%d/%m/%Y%t%R",          //
-    "%m/%d/%Y%t%R",          //
-    "%d-%m-%Y%t%T",          //
-    "%m-%d-%Y%t%T",          //
-    "%y/%m/%d%t%T",          //
-    "%d/%m/%y%t%T",          //
-    "%m/%d/%y%t%T",          //
-    "%d.%m.%y%t%T",          //
-    "%y%m%d%t%T",            //
-    "%y%m%d%t%H%M%S%q",      //
-    "%l%m%d %T",             // klog, glog: I1120 10:00:00.123
-    "%m-%d%t%T",             // telephones
-    "%m/%d%t%T",             //
-    "%d/%m%t%T",             //
-    "[%m.%d %T]",            //
-    "[%d.%m %T]",            //
-    "audit(%s:",             //
-    "@%n",                   // TAI64N
-    "[%u]",                  // the kernel's ring
-    "%s",                    // seconds since 1970 in a column
+    "%Y-%m-%d%t%T",           // ISO 8601 and its relatives
+    "%Y-%m-%d%t%R",           //
+    "%Y/%m/%d%t%T",           //
+    "%Y/%m/%d%t%R",           //
+    "%Y.%m.%d%t%T",           //
+    "%Y:%m:%d%t%T",           // cameras
+    "%Y-%m-%d%t%H.%M.%S%q",   // 2005-06-03-15.42.50.363779
+    "%Y-%m-%d%t%H-%M-%S",     //
+    "%Y%m%d%t%T",             //
+    "%Y%m%d%t%H:%M:%S:%L",    // 20171223-22:15:29:606
+    "%Y%m%d%t%H%M%S%q%z",     // basic ISO 8601
+    "%Y%m%d%H%M%S%q%z",       //
+    "%Y-%m-%d%t%H%M%S%q%z",   //
+    "%Y %b %d%t%T",           //
+    "%Y-%b-%d%t%T",           //
+    "%d/%b/%Y%t%T",           // web servers
+    "%d-%b-%Y%t%T",           // Tomcat, Oracle
+    "%d-%b-%Y::%T",           // Erlang
+    "%d%b%Y%t%T",             //
+    "%d %b %Y%t%T",           // RFC 1123
+    "%d %b %H:%M:%S %Z %Y",   // date
+    "%b %d %T %Y",            // ctime
+    "%b %d %H:%M:%S %Z %Y",   // date
+    "%b %d %Y%t%T",           // routers
+    "%b %d, %Y%t%T",          // java.util.logging
+    "%b %d%t%T",              // syslog
+    ".%b %d%t%T",             // routers whose clock is not set
+    "%d %b%t%T",              //
+    "%d.%m.%Y%t%T",           //
+    "%d.%m.%Y%t%R",           //
+    "%d/%m/%Y%t%T",           //
+    "%m/%d/%Y%t%T",           //
+    "%d/%m/%Y%t%R",           //
+    "%m/%d/%Y%t%R",           //
+    "date=%Y-%m-%d time=%T",  // firewalls
+    "%T %Y-%m-%d",            // the clock first
+    "%T %d.%m.%Y",            //
+    "%T %d/%m/%Y",            //
+    "%T %m/%d/%Y",            //
+    "%T %d %b %Y",            //
+    "%d-%m-%Y%t%T",           //
+    "%m-%d-%Y%t%T",           //
+    "%y/%m/%d%t%T",           //
+    "%d/%m/%y%t%T",           //
+    "%m/%d/%y%t%T",           //
+    "%d.%m.%y%t%T",           //
+    "%y-%m-%d%t%T",           //
+    "%d-%m-%y%t%T",           //
+    "%m-%d-%y%t%T",           //
+    "%d-%b-%y%t%T",           //
+    "%y%m%d%t%T",             //
+    "%y%m%d%t%H%M%S%q",       //
+    "%l%m%d %T",              // klog, glog: I1120 10:00:00.123
+    "%m-%d%t%T",              // telephones
+    "%m/%d%t%T",              //
+    "%d/%m%t%T",              //
+    "[%m.%d %T]",             //
+    "[%d.%m %T]",             //
+    "audit(%s:",              //
+    "@%n",                    // TAI64N
+    "[%u]",                   // the kernel's ring
+    "%s",                     // seconds since 1970 in a column
+    "%T",                     // a time of day alone
+    "%R",                     //
+    "%Y-%m-%d",               // a day alone
+    "%Y/%m/%d",               //
+    "%d/%b/%Y",               //
+    "%d-%b-%Y",               //
+    "%d %b %Y",               //
+    "%b %d, %Y",              //
+    "%d.%m.%Y",               //
+    "%d/%m/%Y",               //
+    "%m/%d/%Y",               //
+    "%Y%m%d",                 //
 };
 constexpr size_t COUNT = std::size(PATTERNS);
-constexpr size_t NUMBER_SHAPE = COUNT - 1;
+
+// A shape of a lower kind is taken only where there is none of the kinds before it.
+enum kind_t : uint8_t { KIND_WHOLE, KIND_NUMBER, KIND_CLOCK, KIND_DAY, KINDS };
 
 const std::array<time_shape, COUNT>& shapes() {
     static const std::array<time_shape, COUNT> all = [] {
@@ -75,8 +105,13 @@ const std::array<time_shape, COUNT>& shapes() {
     return all;
 }
 
+kind_t kind_of(size_t shape) {
+    if (std::string_view(PATTERNS[shape]) == "%s") return KIND_NUMBER;
+    return !shapes()[shape].has_date ? KIND_CLOCK : shapes()[shape].has_clock ? KIND_WHOLE : KIND_DAY;
+}
+
 bool means_one_time(const time_shape& shape) {
-    return shape.has_year && shape.order.empty();
+    return shape.has_year && shape.has_clock && shape.order.empty();
 }
 
 // Those that cannot be anything else wherever they stand.
@@ -114,6 +149,7 @@ bool any_place(std::string_view line, size_t words, const Function& at) {
 // What the sample says of one shape.
 struct candidate {
     size_t shape = 0, lines = 0, late = 0;
+    kind_t kind = KIND_WHOLE;
     size_t words = 0;  // nine of ten of its times stand there or before
     std::array<uint16_t, WORDS_MAX> at{};
     shape_time first;
@@ -132,16 +168,19 @@ bool fits_order(const time_shape& shape, std::string_view order) {
 
 void count_line(std::vector<candidate>* all, std::string_view line, size_t number, const time_hints& hints) {
     std::array<bool, COUNT> seen{};
+    bool whole = false;  // what follows in the line may be a part of that time
     any_place(line, WORDS_MAX, [&](size_t word, std::string_view rest) {
         const time_front front = time_front_of(rest);
         for (candidate& one : *all) {
             const time_shape& shape = shapes()[one.shape];
             std::string_view left = rest;
             shape_time time;
+            if (whole && one.kind >= KIND_CLOCK) continue;
             const bool found = !seen[one.shape] && time_shape_begins(shape, front) &&
                                time_shape_take(shape, &left, &time) && word < WORDS_MAX;
             if (!found) continue;
             seen[one.shape] = true;
+            whole |= one.kind == KIND_WHOLE;
             if (one.lines++ == 0) {
                 one.first = time;
                 one.first_line = number;
@@ -206,7 +245,10 @@ time_place choose(const std::vector<const candidate*>& dates, const time_hints& 
 // Whether so many lines of the sample are enough. A bare number is easily there by chance, a time with its year hardly;
 // and one that stands always in one place and never in the future may head many lines without a time.
 bool suffices(const candidate& one, size_t records) {
-    if (one.shape == NUMBER_SHAPE) return one.lines * 2 >= records && one.late * 10 <= one.lines;
+    if (one.kind == KIND_NUMBER) return one.lines * 2 >= records && one.late * 10 <= one.lines;
+    const bool bare =
+        std::string_view(PATTERNS[one.shape]) == "%R" || std::string_view(PATTERNS[one.shape]) == "%Y%m%d";
+    if (one.kind >= KIND_CLOCK) return one.lines * 2 >= records && one.words <= (bare ? 0 : PLAIN_WORDS);
     if (!one.first.has_year) return one.lines * 4 >= records;
     const bool heads = one.lines >= 2 && one.late == 0 && one.at[one.words] == one.lines;
     return one.lines * (heads ? 100 : 10) >= records;
@@ -222,31 +264,43 @@ time_place time_place_find(std::span<const std::string_view> lines, const time_h
     std::vector<candidate> all;
     for (size_t i = 0; i < COUNT; i++) {
         if (!fits_order(shapes()[i], hints.order)) continue;
-        all.emplace_back().shape = i;
+        candidate* const one = &all.emplace_back();
+        one->shape = i;
+        one->kind = kind_of(i);
     }
     size_t records = 0;
+    const auto written = [](std::string_view line) {
+        return line.find_first_not_of(" \t\r") != std::string_view::npos;
+    };
+    // A log may pad a number at the front of its lines.
+    const bool padded = std::count_if(lines.begin(), lines.end(), begins_record) * 2 <
+                        std::count_if(lines.begin(), lines.end(), written);
     for (size_t i = 0; i < lines.size(); i++) {
         std::string_view line = lines[i];
         skip_utf8_mark(&line);
-        if (!begins_record(line)) continue;
+        if (padded ? !written(line) : !begins_record(line)) continue;
         count_line(&all, line, i, hints);
         records++;
     }
-    const candidate* number = nullptr;
-    size_t most = 0;
+    size_t most[KINDS] = {};
     for (candidate& one : all) one.words = words_of(one);
     std::erase_if(all, [&](const candidate& one) { return one.lines == 0 || !suffices(one, records); });
+    for (const candidate& one : all) most[one.kind] = std::max(most[one.kind], one.lines);
+    std::vector<const candidate*> best[KINDS];
     for (const candidate& one : all) {
-        if (one.shape == NUMBER_SHAPE)
-            number = &one;
-        else
-            most = std::max(most, one.lines);
+        if (one.lines * 4 >= most[one.kind] * 3) best[one.kind].push_back(&one);
     }
-    std::vector<const candidate*> dates;
-    for (const candidate& one : all) {
-        if (one.shape != NUMBER_SHAPE && one.lines * 4 >= most * 3) dates.push_back(&one);
+    // Lines that say the day now and then are among those that say the time of day.
+    if (most[KIND_CLOCK] > 3 * most[KIND_WHOLE]) best[KIND_WHOLE].clear();
+    const std::vector<const candidate*>& dates = best[KIND_WHOLE];
+    const candidate* const number = best[KIND_NUMBER].empty() ? nullptr : best[KIND_NUMBER][0];
+    if (dates.empty()) {
+        if (number != nullptr) return place_of(*number);
+        for (const kind_t kind : {KIND_CLOCK, KIND_DAY}) {
+            if (!best[kind].empty()) return choose(best[kind], hints);
+        }
+        return {};
     }
-    if (dates.empty()) return number == nullptr ? time_place() : place_of(*number);
     const bool numbered = number != nullptr && std::all_of(dates.begin(), dates.end(), [&](const candidate* date) {
                               return number->words <= date->words && number->lines >= date->lines;
                           });

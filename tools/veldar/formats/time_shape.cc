@@ -67,8 +67,19 @@ bool take_day_name(std::string_view* rest) {
     });
 }
 
+// ":606", milliseconds behind a clock.
+void take_colon_milliseconds(scan* in) {
+    std::string_view left = in->rest;
+    int64_t value = 0;
+    if (!take_char(&left, ':') || !take_digits(&left, 3, &value) || !ends_word(left)) return;
+    in->out->stamp.nanoseconds = static_cast<uint32_t>(value) * 1000000;
+    in->rest = left;
+}
+
 void take_clock_end(scan* in) {
+    constexpr std::string_view NARROW_BLANK = "\u202F";  // Java's locales put it before AM
     const std::string_view before = in->rest;
+    if (in->rest.starts_with(NARROW_BLANK)) in->rest.remove_prefix(NARROW_BLANK.size());
     skip_blanks(&in->rest);
     if (!take_half_of_day(in)) in->rest = before;
     take_optional_zone(&in->rest, &in->out->stamp);
@@ -80,12 +91,20 @@ bool take_clock(scan* in, bool seconds) {
     if (!minutes) return false;
     if (seconds && (!take_char(&in->rest, ':') || !take_number(&in->rest, false, &in->second))) return false;
     if (seconds) take_optional_fraction(&in->rest, &in->out->stamp.nanoseconds);
+    if (seconds) take_colon_milliseconds(in);
     take_clock_end(in);
     return true;
 }
 
 bool take_separator(std::string_view* rest) {
-    if (take_blanks(rest)) return true;
+    if (take_blanks(rest)) {
+        if (rest->starts_with("at ")) rest->remove_prefix(3);
+        return true;
+    }
+    if (rest->starts_with(R"(",")")) {
+        rest->remove_prefix(3);
+        return true;
+    }
     if (rest->empty() || std::string_view("Tt-_:,").find((*rest)[0]) == std::string_view::npos) return false;
     if (take_char(rest, ','))
         skip_blanks(rest);
@@ -103,18 +122,19 @@ bool take_milliseconds(scan* in) {
     return true;
 }
 
-// "400000004a32392b2aa21dac"
+// "400000004a32392b2aa21dac", or its first 16 digits: TAI64.
 bool take_tai64n(scan* in) {
     uint64_t values[2] = {};  // seconds, nanoseconds
-    if (in->rest.size() < TAI_DIGITS + 8) return false;
-    for (size_t i = 0; i < TAI_DIGITS + 8; i++) {
-        const char c = in->rest[i];
-        if (!is_digit(c) && !(c >= 'a' && c <= 'f')) return false;
-        values[i / TAI_DIGITS] =
-            values[i / TAI_DIGITS] << 4 | static_cast<uint64_t>(is_digit(c) ? c - '0' : c - 'a' + 10);
+    size_t size = 0;
+    for (; size < in->rest.size() && size < TAI_DIGITS + 8; size++) {
+        const char c = in->rest[size];
+        if (!is_digit(c) && !(c >= 'a' && c <= 'f')) break;
+        values[size / TAI_DIGITS] =
+            values[size / TAI_DIGITS] << 4 | static_cast<uint64_t>(is_digit(c) ? c - '0' : c - 'a' + 10);
     }
-    if (values[0] >> 63 != 0 || values[1] >= 1000000000) return false;
-    in->rest.remove_prefix(TAI_DIGITS + 8);
+    if (size != TAI_DIGITS && size != TAI_DIGITS + 8) return false;
+    if (values[0] >> 62 != 1 || values[1] >= 1000000000) return false;
+    in->rest.remove_prefix(size);
     in->out->stamp.local_s = static_cast<int64_t>(values[0]) - TAI_EPOCH;
     in->out->stamp.nanoseconds = static_cast<uint32_t>(values[1]);
     in->out->stamp.has_offset = in->whole = true;
@@ -143,6 +163,7 @@ bool take_level_letter(scan* in) {
 bool take_month_name(scan* in) {
     unsigned month = 0;
     if (!take_month(&in->rest, &month)) return false;
+    if (in->rest.starts_with(". ")) in->rest.remove_prefix(1);  // "Nov. 22"
     in->month = month;
     return true;
 }
@@ -209,7 +230,7 @@ bool take_part(const time_part& part, scan* in) {
 }
 
 // Puts the numbers together; false when there is no such day or time of day.
-bool finish(scan* in) {
+bool finish(const time_shape& shape, scan* in) {
     shape_time* const out = in->out;
     if (in->half_of_day >= 0) {
         if (in->hour < 1 || in->hour > 12) return false;
@@ -217,6 +238,11 @@ bool finish(scan* in) {
     }
     int64_t second_of_day = 0, days = 0;
     if (!check_clock(in->hour, in->minute, in->second, &second_of_day)) return false;
+    if (!shape.has_date) {
+        out->of_day = true;
+        out->yearless = {0, 0, second_of_day, out->stamp.nanoseconds};
+        return true;
+    }
     out->has_year = in->year >= 0;
     // Of a day whose year is not known all that can be said is that a leap year has it.
     if (!days_from_date(out->has_year ? in->year : 2000, in->month, in->day, &days)) return false;
@@ -239,8 +265,9 @@ bool has(const time_shape& shape, std::string_view kinds) {
 
 const char* check_parts(const time_shape& shape) {
     if (has(shape, "sun")) return nullptr;
-    if (!has(shape, "mb") || !has(shape, "d")) return "says no month and day";
-    return has(shape, "HITR") ? nullptr : "says no hour";
+    if (shape.has_date != has(shape, "mbdYy")) return "says no month and day";
+    return shape.has_date || has(shape, "TR") || (has(shape, "HI") && has(shape, "M")) ? nullptr
+                                                                                       : "says no hour and minute";
 }
 
 // The order of a date in numbers. A year of four digits tells itself; day and month behind it never change places.
@@ -300,6 +327,8 @@ const char* time_shape_compile(std::string_view pattern, time_shape* out) {
         out->parts[out->count++] = part;
     }
     out->has_year = has(*out, "Yysun");
+    out->has_date = has(*out, "sun") || (has(*out, "mb") && has(*out, "d"));
+    out->has_clock = has(*out, "sunHITR");
     out->order = order_of(*out);
     set_front(out);
     return check_parts(*out);
@@ -326,7 +355,7 @@ bool time_shape_take(const time_shape& shape, std::string_view* rest, shape_time
     const time_part& last = shape.parts[shape.count - 1u];
     if (last.kind != 0 && !ends_time(in.rest)) return false;
     if (in.whole) out->has_year = !out->since_boot;
-    if (!in.whole && !finish(&in)) return false;
+    if (!in.whole && !finish(shape, &in)) return false;
     *rest = in.rest;
     return true;
 }

@@ -9,11 +9,13 @@
 //   %L       milliseconds as a number: 7 is 0.007
 //   %z       an offset or a zone that means one offset, or nothing; also behind a blank
 //   %Z       a zone, whatever it means
-//   %T %R    "%H:%M:%S%q" and "%H:%M", with what may follow: AM or PM, %z
-//   %t       what stands between a date and a clock: blanks, a comma and blanks, or one of T t - _ : ,
+//   %T %R    "%H:%M:%S%q" and "%H:%M", with what may follow: AM or PM, %z; milliseconds also behind a colon
+//   %t       what stands between a date and a clock: blanks, a comma and blanks, " at ", "," in quotes, or one of
+//            T t - _ : ,
 //   %%       a percent sign
 //
-// A blank stands for one or more; anything else for itself. Numbers may lack their leading zero unless digits follow.
+// A blank stands for one or more; anything else for itself. Numbers may lack their leading zero unless digits follow. A
+// pattern without a date tells the time of day only, one without a clock the day.
 #pragma once
 
 #include <array>
@@ -35,7 +37,7 @@ struct time_part {
 struct time_shape {
     std::array<time_part, TIME_SHAPE_PARTS> parts;
     uint8_t count = 0;  // 0: no shape
-    bool has_year = false;
+    bool has_year = false, has_date = false, has_clock = false;
     std::string_view order;  // "dmy", "md" ...: what a date that is written in numbers begins with; else empty
     uint32_t digits = ~0u;   // bit n: its times may begin with just n digits
     char after = 0;          // what follows those digits; 0: several things
@@ -51,7 +53,8 @@ struct time_front {
 // A time as a shape finds it.
 struct shape_time {
     bool has_year = false,
-         since_boot = false;  // neither: `yearless` holds; since_boot: stamp.local_s counts from there
+         since_boot = false,  // neither: `yearless` holds; since_boot: stamp.local_s counts from there
+        of_day = false;       // yearless.second_of_day alone holds
     log_stamp stamp;
     yearless_stamp yearless;
     std::string_view level;  // constant text, or empty

@@ -377,7 +377,8 @@ bool load_file(loader* load, file_load* one, const std::string& path, std::strin
 void loader_open(loader* load, const std::string& store_path, const load_options& options) {
     load->options = &options;
     load->machine = machine_name();
-    if (!options.zone.empty() && !log_zone_from_name(options.zone, &load->zone)) {
+    const std::string zone = options.zone.empty() ? "local" : options.zone;
+    if (!log_zone_from_name(zone, &load->zone) && !options.zone.empty()) {
         throw tool_failure{EXIT_USAGE, "unknown time zone " + options.zone};
     }
     store_open_for_load(&load->st, store_path, !options.no_fsync);

@@ -23,7 +23,7 @@ std::string_view take_line(std::string_view* text) {
 
 void parse_first(log_event_maker* maker, std::string_view line) {
     line = uncoloured(line, &maker->plain);
-    maker->format->parse(line, &maker->context, &maker->first);
+    parse_log_line(*maker->format, line, &maker->context, &maker->first);
     if (!maker->first.has_time) return;
     maker->time = maker->first.time;
     maker->has_time = true;
@@ -50,7 +50,6 @@ void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_
 }
 
 void log_event_make(log_event_maker* maker, std::string_view record) {
-    static const line_format* const pairs = format_by_name("text");
     record = uncoloured(record, &maker->plain);
     std::string_view left = record;
     term_set* const terms = &maker->terms;
@@ -67,7 +66,7 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     term_set_add_field(terms, SOURCETYPE, maker->sourcetype);
     for (const field_view& field : maker->first.fields) term_set_add_field(terms, field.name, field.value);
     while (!left.empty()) {
-        pairs->parse(take_line(&left), &maker->context, &maker->continued);
+        parse_continued_line(take_line(&left), &maker->continued);
         for (const field_view& field : maker->continued.fields) term_set_add_field(terms, field.name, field.value);
     }
 }

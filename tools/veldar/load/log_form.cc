@@ -104,12 +104,16 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
     for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
         if (!begins_record(line)) continue;
         if (example.empty()) example = line.substr(0, EXAMPLE_BYTES);
-        const bool formed = format->parse(line, &context, &parsed);
+        const bool formed = parse_log_line(*format, line, &context, &parsed);
         if (formed && (format != text_format() || parsed.has_time)) return true;
     }
     *error = "no line has the form of " + (options.time_format.empty() ? options.format : options.time_format) +
              "; the first is: " + example;
     return example.empty();
+}
+
+std::string log_form_zone(const load_options& options) {
+    return options.zone.empty() || options.zone == "local" ? log_zone_local_name() : options.zone;
 }
 
 std::vector<std::string> log_form_notes(const load_options& options, const format_context& context,
@@ -127,7 +131,9 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
                         " fits as well (see --date-order)");
     }
     if (!context.unclear_zone.empty() && options.zone.empty()) {
-        notes.push_back("the zone " + context.unclear_zone + " has several meanings; taken for UTC (see --tz)");
+        notes.push_back("the zone " + context.unclear_zone + " has several meanings; " +
+                        std::to_string(context.unclear_zones) + " times with it are taken as " +
+                        log_form_zone(options) + " (see --tz)");
     }
     if (times.pattern.find("%u") != std::string::npos) {
         notes.push_back("times since the start are counted from the last start of this machine");

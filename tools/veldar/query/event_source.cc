@@ -33,7 +33,7 @@ raw_reader* reader_of(event_source* source, uint32_t directory) {
 bool has_fraction(const line_format& format, format_context* context, std::string_view record, uint64_t* nanoseconds) {
     parsed_line parsed;
     std::string plain;
-    format.parse(uncoloured(parsed_part(format, record), &plain), context, &parsed);
+    parse_log_line(format, uncoloured(parsed_part(format, record), &plain), context, &parsed);
     if (parsed.has_time) *nanoseconds = parsed.time.time_ns;
     return parsed.has_time;
 }
