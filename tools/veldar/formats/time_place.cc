@@ -150,7 +150,8 @@ bool any_place(std::string_view line, size_t words, const Function& at) {
 struct candidate {
     size_t shape = 0, lines = 0, late = 0;
     kind_t kind = KIND_WHOLE;
-    size_t words = 0;  // nine of ten of its times stand there or before
+    bool leads = false;  // at the front of a line only: so little may stand there by chance
+    size_t words = 0;    // nine of ten of its times stand there or before
     std::array<uint16_t, WORDS_MAX> at{};
     shape_time first;
     size_t first_line = 0;
@@ -175,7 +176,7 @@ void count_line(std::vector<candidate>* all, std::string_view line, size_t numbe
             const time_shape& shape = shapes()[one.shape];
             std::string_view left = rest;
             shape_time time;
-            if (whole && one.kind >= KIND_CLOCK) continue;
+            if ((whole && one.kind >= KIND_CLOCK) || (word > 0 && one.leads)) continue;
             const bool found = !seen[one.shape] && time_shape_begins(shape, front) &&
                                time_shape_take(shape, &left, &time) && word < WORDS_MAX;
             if (!found) continue;
@@ -246,9 +247,7 @@ time_place choose(const std::vector<const candidate*>& dates, const time_hints& 
 // and one that stands always in one place and never in the future may head many lines without a time.
 bool suffices(const candidate& one, size_t records) {
     if (one.kind == KIND_NUMBER) return one.lines * 2 >= records && one.late * 10 <= one.lines;
-    const bool bare =
-        std::string_view(PATTERNS[one.shape]) == "%R" || std::string_view(PATTERNS[one.shape]) == "%Y%m%d";
-    if (one.kind >= KIND_CLOCK) return one.lines * 2 >= records && one.words <= (bare ? 0 : PLAIN_WORDS);
+    if (one.kind >= KIND_CLOCK) return one.lines * 2 >= records && one.words <= PLAIN_WORDS;
     if (!one.first.has_year) return one.lines * 4 >= records;
     const bool heads = one.lines >= 2 && one.late == 0 && one.at[one.words] == one.lines;
     return one.lines * (heads ? 100 : 10) >= records;
@@ -267,6 +266,7 @@ time_place time_place_find(std::span<const std::string_view> lines, const time_h
         candidate* const one = &all.emplace_back();
         one->shape = i;
         one->kind = kind_of(i);
+        one->leads = std::string_view(PATTERNS[i]) == "%R" || std::string_view(PATTERNS[i]) == "%Y%m%d";
     }
     size_t records = 0;
     const auto written = [](std::string_view line) {
