@@ -12,7 +12,12 @@ namespace {
 constexpr line_format FORMATS[] = {
     {"json", "one JSON object a line; its members are fields", parse_json, true},
     {"journal-export", "journalctl -o export: lines NAME=value, an empty line between records", parse_journal_export,
-     false, true},
+     false, true, record_rule::journal},
+    {"csv", "a table with a line of names at its head; separated by commas, semicolons, tabs or bars", parse_csv, false,
+     true, record_rule::quotes, true},
+    {"w3c", "a table with a line \"#Fields: ...\" (IIS, CloudFront)", parse_w3c, false, false, record_rule::lines,
+     true},
+    {"zeek", "a table with a line \"#fields ...\" (Zeek)", parse_zeek, false, false, record_rule::lines, true},
     {"cri", "2026-01-02T03:04:05.6Z stdout F ... (containers of Kubernetes)", parse_cri},
     {"access", "combined or common access log of a web server", parse_access},
     {"nginx-error", "2026/01/02 03:04:05 [error] 12#0: *5 ..., client: ...", parse_nginx_error},
@@ -23,8 +28,9 @@ constexpr line_format FORMATS[] = {
     {"iso8601", "lines that begin with 2015-10-18 18:01:47,978 or the like (ISO 8601, RFC 3339)", parse_iso8601},
     {"yymmdd", "lines that begin with 081109 203615", parse_yymmdd},
     {"epoch", "lines that begin with seconds (or milliseconds) since 1970", parse_epoch},
-    {"logfmt", "level=info msg=\"all is well\" ...", parse_logfmt},
-    {"text", "anything else: lines that say their time anywhere in their first 200 bytes, or not at all", parse_text},
+    {"logfmt", "level=info msg=\"all is well\" ...", parse_logfmt, false, false, record_rule::times, true},
+    {"text", "anything else: lines that say their time anywhere in their first 200 bytes, or not at all", parse_text,
+     false, false, record_rule::times, true},
 };
 constexpr size_t TEXT = std::size(FORMATS) - 1;
 
@@ -63,6 +69,7 @@ std::string_view begin_parse(std::string_view line, parsed_line* out) {
     out->has_time = false;
     out->fields.clear();
     out->host = out->more_text = {};
+    out->no_event = false;
     out->made_used = 0;
     out->inner_used = false;
     if (line.ends_with('\r')) line.remove_suffix(1);
@@ -117,11 +124,16 @@ const line_format* format_by_name(std::string_view name) {
 }
 
 std::string format_record(const line_format& format, const format_context& context) {
-    const std::string place = time_place_text(context.times);
-    return place.empty() ? format.name : format.name + (" " + place);
+    const std::string place = time_place_text(context.times), columns = log_columns_text(context.columns);
+    return format.name + (place.empty() ? "" : " " + place) + (columns.empty() ? "" : "\n" + columns);
 }
 
 const line_format* format_by_record(std::string_view record, format_context* context) {
+    const size_t line_end = record.find('\n');
+    if (line_end != std::string_view::npos) {
+        if (!log_columns_from_text(record.substr(line_end + 1), &context->columns)) return nullptr;
+        record = record.substr(0, line_end);
+    }
     const size_t blank = record.find(' ');
     const std::string_view place = blank == std::string_view::npos ? std::string_view() : record.substr(blank + 1);
     return time_place_from_text(place, &context->times) ? format_by_name(record.substr(0, blank)) : nullptr;
@@ -143,6 +155,16 @@ const line_format* detect_format(std::span<const std::string_view> first_lines, 
     // A general format also has the lines of a special one, and now and then one more.
     auto special = std::find_if(counts.begin(), counts.end(), [&](size_t count) { return count * 4 >= best * 3; });
     return &FORMATS[special - counts.begin()];
+}
+
+const line_format* detect_columns(std::span<const std::string_view> first_lines, const line_format* wanted,
+                                  format_context* context) {
+    const bool can_be =
+        wanted == nullptr || wanted->records == record_rule::lines || wanted->records == record_rule::quotes;
+    if (!can_be) return nullptr;
+    const char* const name = log_columns_find(first_lines, wanted == nullptr ? "" : wanted->name, &context->columns);
+    if (name == nullptr) context->columns = {};
+    return name == nullptr ? nullptr : format_by_name(name);
 }
 
 std::string_view parsed_part(const line_format& format, std::string_view record) {

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/veldar/formats/log_columns.h"
 #include "tools/veldar/formats/log_time.h"
 #include "tools/veldar/formats/time_place.h"
 
@@ -37,6 +38,7 @@ struct parsed_line {
     std::vector<field_view> fields;
     std::string_view host;       // the machine that the line names as its own; empty: none
     std::string_view more_text;  // words that the line holds in another spelling; mostly empty
+    bool no_event = false;       // the line is the head of a table
     bool form_only = false;      // set by who only asks whether the line has a form: then it gets no pairs without it
 
     // Room for texts that do not stand in the line.
@@ -60,13 +62,22 @@ struct format_context {
     int64_t last_local_s = NO_TIME_SEEN;  // state: the last time with an inferred year or day, in local seconds
     time_place times;                     // where lines say their time: what tells records from the lines that continue
                                           // them, and to the text format their times
-    int64_t boot_s = NO_TIME_SEEN;        // what seconds since the machine started count from; unknown: no time
-    int64_t last_s = NO_TIME_SEEN;        // state: the last time; of an hour that occurs twice it tells which one
-    std::string unclear_zone;             // state: the first zone's name that means several offsets
-    uint64_t unclear_zones = 0;           // state: how many times had one
-    std::string named_zone;               // state: the last zone that a line named, such as Europe/Berlin
-    log_zone named;                       // state: that one
-    bool zone_taken = false;              // state: `zone` was taken for a time without one
+    log_columns columns;            // of the formats whose head names them; a new head inside the log changes them
+    int64_t boot_s = NO_TIME_SEEN;  // what seconds since the machine started count from; unknown: no time
+    int64_t last_s = NO_TIME_SEEN;  // state: the last time; of an hour that occurs twice it tells which one
+    std::string unclear_zone;       // state: the first zone's name that means several offsets
+    uint64_t unclear_zones = 0;     // state: how many times had one
+    std::string named_zone;         // state: the last zone that a line named, such as Europe/Berlin
+    log_zone named;                 // state: that one
+    bool zone_taken = false;        // state: `zone` was taken for a time without one
+};
+
+// What begins a record of a format.
+enum class record_rule : uint8_t {
+    times,    // a line that says a time; the others continue it
+    lines,    // every line
+    quotes,   // a line before which no quote is open
+    journal,  // a line "__CURSOR=..."
 };
 
 struct line_format {
@@ -77,6 +88,8 @@ struct line_format {
     bool (*parse)(std::string_view line, format_context* context, parsed_line* out);
     bool is_json = false;       // the words of a record are those of its json_text
     bool whole_record = false;  // `parse` takes all lines of a record; else the first
+    record_rule records = record_rule::times;
+    bool is_placed = false;  // its times are, or may be, where format_context::times says
 };
 
 // Parses a line and finds the time of one that the format finds none in, as in a file of mixed formats.
@@ -87,7 +100,8 @@ void parse_continued_line(std::string_view line, parsed_line* out);
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
 std::span<const line_format> line_formats();
 const line_format* format_by_name(std::string_view name);  // null when unknown
-// What a store keeps of a file's format, and back: the name, and behind a blank the place of the times.
+// What a store keeps of a file's format, and back: the name, behind a blank the place of the times, and in a second line
+// the columns.
 std::string format_record(const line_format& format, const format_context& context);
 const line_format* format_by_record(std::string_view record, format_context* context);
 std::string format_names();  // "access, syslog, ...", for --help
@@ -95,6 +109,11 @@ std::string format_names();  // "access, syslog, ...", for --help
 // The format that most of `first_lines` have (a hundred lines are plenty), the more specific of two that fit about
 // equally well; "text" when no format fits a quarter of the lines that begin a record. Never null.
 const line_format* detect_format(std::span<const std::string_view> first_lines, const format_context& context);
+
+// The format of a log whose head names its columns, which are set in the context; null when it names none. With `wanted`
+// only that format counts.
+const line_format* detect_columns(std::span<const std::string_view> first_lines, const line_format* wanted,
+                                  format_context* context);
 
 // What of a record its format's parse takes; a prefix of the record.
 std::string_view parsed_part(const line_format& format, std::string_view record);

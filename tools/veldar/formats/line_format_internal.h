@@ -17,6 +17,9 @@ bool parse_yymmdd(std::string_view line, format_context* context, parsed_line* o
 bool parse_epoch(std::string_view line, format_context* context, parsed_line* out);
 bool parse_text(std::string_view line, format_context* context, parsed_line* out);
 bool parse_nginx_error(std::string_view line, format_context* context, parsed_line* out);
+bool parse_csv(std::string_view record, format_context* context, parsed_line* out);
+bool parse_w3c(std::string_view line, format_context* context, parsed_line* out);
+bool parse_zeek(std::string_view line, format_context* context, parsed_line* out);
 bool parse_cri(std::string_view line, format_context* context, parsed_line* out);
 bool parse_logfmt(std::string_view line, format_context* context, parsed_line* out);
 bool parse_journal_export(std::string_view record, format_context* context, parsed_line* out);

@@ -56,8 +56,8 @@ std::string_view unescaped(std::string_view text, parsed_line* out) {
 }
 
 bool parse_logfmt(std::string_view line, format_context* context, parsed_line* out) {
-    std::string_view rest = begin_parse(line, out);
-    std::string_view message;
+    const std::string_view text = begin_parse(line, out);
+    std::string_view rest = text, message;
     size_t pairs = 0, alone = 0;
     bool has_level = false;
     for (skip_blanks(&rest); !rest.empty(); skip_blanks(&rest)) {
@@ -72,6 +72,7 @@ bool parse_logfmt(std::string_view line, format_context* context, parsed_line* o
     }
     // Kernels and routers write pairs too; what a program logs so has its time or its level by name.
     if (pairs < 2 || !(out->has_time || has_level)) return parse_as_text(line, out);
+    if (!out->has_time && context->times.known()) add_placed_time(text, context, out);
     if (!message.empty()) add_message(out, message, context);
     return true;
 }

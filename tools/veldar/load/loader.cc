@@ -129,6 +129,7 @@ st_txn event_txn(loader* load, const file_load& one) {
 void put_record(loader* load, file_load* one, uint64_t offset, std::string_view text) {
     open_stretch(load, one, offset);
     log_event_make(&load->event, text);
+    if (load->event.first.no_event) return;
     const st_txn txn = event_txn(load, *one);
     if (index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms))) {
         load->totals.add_event(txn.time);
@@ -266,6 +267,16 @@ void note_progress(loader* load, const file_load& one) {
     source_map_put_tail(&bucket_of(load).map, known->tail);
 }
 
+// A head inside the log that names other columns than the one before: the next load goes on with them.
+void note_new_head(loader* load, file_load* one) {
+    if (!one->in_stretch || !load->event.context.columns.known()) return;
+    const std::string format = format_record(*load->event.format, load->event.context);
+    if (format == one->file.format) return;
+    one->file.format = format;
+    source_map_put_file(&bucket_of(load).map, one->file);
+    known_files_put(&load->known, one->file);
+}
+
 // Reads the input from one->from on.
 bool load_rest(loader* load, file_load* one, std::string* error) {
     const uint64_t limit = one->input.pipe || one->input.gz != nullptr ? SOURCE_NO_LIMIT : one->input.size;
@@ -274,6 +285,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     log_event_look_ahead(&load->event, one->input.pipe ? one->input.head : record_reader_peek(&one->reader),
                          load->event.context.modified_s);
     put_records(load, one);
+    note_new_head(load, one);
     load->totals.bytes_in += one->reader.offset - one->from;
     if (one->reader.spool_errno != 0) fail_io("cannot write the copy of the input", one->reader.spool_errno);
     note_progress(load, *one);

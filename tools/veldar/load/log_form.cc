@@ -77,14 +77,19 @@ const line_format* log_form_choose(const load_options& options, std::string_view
     // "text" alone may only say that the log was too short to tell when it was first seen.
     if (format == nullptr && recorded != text_format()->name) format = format_by_record(recorded, context);
     std::string plain;
-    if (format == nullptr) format = detect_format(first_lines(head, FORMAT_LINES, &plain), *context);
+    const std::vector<std::string_view> lines = first_lines(head, FORMAT_LINES, &plain);
+    if (!context->columns.known()) {
+        const line_format* const table = detect_columns(lines, format, context);
+        if (format == nullptr) format = table;
+    }
+    if (format == nullptr) format = detect_format(lines, *context);
     if (format->is_json) return format;
     const bool is_text = format == text_format();
     // What a format reads by itself has one order of day and month.
     if (!context->times.known() && (is_text || recorded.empty())) {
-        find_times(head, is_text ? options.date_order : "", context);
+        find_times(head, format->is_placed ? options.date_order : "", context);
     }
-    if (!is_text) {
+    if (!format->is_placed) {
         context->times.also.clear();
         return format;
     }
@@ -101,6 +106,7 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
     if (format == nullptr || (format == text_format() && !context.times.known())) return true;
     std::string plain, example;
     parsed_line parsed;
+    detect_columns(first_lines(head, FORMAT_LINES, &plain), format, &context);
     for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
         if (!begins_record(line)) continue;
         if (example.empty()) example = line.substr(0, EXAMPLE_BYTES);
