@@ -105,7 +105,8 @@ class Load : public testing::Test {
     }
     void load_all(const lines& arguments) const {
         const tool_result result = load(arguments);
-        EXPECT_EQ(result.status, 0) << result.err;
+        const bool undated = result.err.find(" a time that is understood") != std::string::npos;
+        EXPECT_EQ(result.status, undated ? 3 : 0) << result.err;
     }
 
     std::vector<event_seen> events(const std::string& path) const {
@@ -393,12 +394,25 @@ TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
         "-s", store(), "count", "--since", "2024-02-03T10:00:01.2", "--until", "2024-02-03T10:00:01.3", "level=info"};
     EXPECT_EQ(run_tool("veldar/veldar", asked).out, "1\n") << "fractions";
     write_file(file("b.log"), "one\ntwo\n");
-    says(load({file("b.log")}),
-         "b.log: no line says a time that is understood; times are the file's modification time");
+    says(load({file("b.log")}), "b.log: no line says a time that is understood; times are the file's modification time",
+         3);
+    says(load({file("b.log"), "--strict"}),
+         "only 0 of its first 2 records say a time that is understood, not this one: one", 3);
     write_file(file("c.log"), "1 at 03/04/2024 10:00:00 CST\n\n" + std::string("more\nwords\n"));
     const tool_result third = load({file("c.log")});
-    for (const char* text : {"03/04/2024 10:00:00 CST are taken as %", "CST has several", "only 1 of 3 lines"})
-        says(third, text);
+    for (const char* text : {"03/04/2024 10:00:00 CST are taken as %", "CST has several", "only 1 of 3 lines",
+                             "the first line joined to the line before: ", "c.log:2: \n", "c.log:3: more"})
+        says(third, text, 3);
+    write_file(file("d.log"), "[23:30:00] a\n[00:10:00] b\n[09:00:00] c\n[08:59:59] d\n[22:00:00] e\n");
+    const time_t modified = 1714640400;  // 2024-05-02 09:00:00
+    const timespec stamps[2] = {{modified, 0}, {modified, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file("d.log").c_str(), stamps, 0), 0);
+    says(load({file("d.log"), "--tz", "+01:00"}), "without a zone are taken as +01:00");
+    for (const char* time :
+         {"04-30 22:30:00", "04-30 23:10:00", "05-01 08:00:00", "05-01 07:59:59", "05-01 21:00:00"}) {
+        const lines all = times();
+        EXPECT_EQ(std::count(all.begin(), all.end(), std::string("2024-") + time), 1) << time;
+    }
 }
 
 TEST_F(Load, APipeIsKept) {

@@ -2,10 +2,12 @@
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/loader.h"
+#include "tools/veldar/load/log_form.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/progress.h"
 #include "tools/veldar/store/store.h"
 #include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -22,8 +24,10 @@ int load_run(const tool_context& context, const load_options& options) {
         &load, options.files,
         {.load = [&](const std::string& file, std::string* error) { return loader_load(&load, file, error); },
          .close = [&] { loader_close(&load); },
-         .summary = [&] { return totals_text(load.shown, load.totals); },
+         .summary = [&] { return totals_text(load.shown, load.totals, &load.dating); },
          .give_up = [&](const tool_failure&) { return loader_give_up(&load); }});
+    for (const std::string& line : dating_examples(load.dating)) say_trouble(line);
+    if (load.zone_taken) say_trouble("times without a zone are taken as " + log_form_zone(options));
     if (status == EXIT_INTERRUPTED) return status;
     if (!options.no_optimize) {
         load.st.lock.reset();  // the next loader need not wait
@@ -31,7 +35,8 @@ int load_run(const tool_context& context, const load_options& options) {
         for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
         merge_after_load(directories);
     }
-    return load.totals.events == 0 && load.totals.refused != 0 ? EXIT_INCOMPLETE : status;
+    const bool nothing = load.totals.events == 0 && load.totals.refused != 0;
+    return nothing || load.hardly_dated != 0 ? EXIT_INCOMPLETE : status;
 }
 
 }  // namespace
@@ -44,7 +49,8 @@ void add_load_command(const command& veldar) {
         .checked([](const std::string& name) {
             return format_by_name(name) != nullptr ? std::string() : "unknown format " + name;
         });
-    load.text("--tz", &options.zone, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...")
+    load.text("--tz", &options.zone,
+              "Zone of times without one, instead of this machine's: UTC, +02:00, Europe/Berlin ...")
         .checked([](const std::string& name) {
             log_zone zone;
             return log_zone_from_name(name, &zone) ? std::string() : "unknown time zone " + name;
@@ -62,6 +68,8 @@ void add_load_command(const command& veldar) {
               "Order of dates such as 01/02/2026; the values tell it where they can")
         .one_of({"dmy", "mdy", "ymd"});
     load.number("--year", &options.year, 1970, 2037, "Year of the first line, for times without a year");
+    load.flag("--strict", &options.strict,
+              "Leave files out of whose first records under half say a time that is understood");
     load.text("--host", &options.host, "The events' host, instead of the log's or this machine's");
     load.text("--sourcetype", &options.sourcetype, "The events' sourcetype, instead of the format's name");
     load.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away stores");

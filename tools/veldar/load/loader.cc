@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "tools/veldar/load/clock_days.h"
 #include "tools/veldar/load/log_form.h"
 #include "tools/veldar/load/put_line.h"
 #include "tools/veldar/store/foreign_content.h"
@@ -26,6 +27,7 @@ namespace {
 
 constexpr uint64_t REPLAY = 64 << 10;  // bytes before the progress that are parsed again for the time they end with
 constexpr uint64_t SHOW_EVERY = 1024;  // events
+constexpr uint64_t RECORDS_TELL = 10;
 
 // What is loaded from one file in one run.
 struct file_load {
@@ -36,6 +38,7 @@ struct file_load {
     bool in_stretch = false;
     uint64_t events = 0;
     uint64_t dated_by_file = 0, dated_by_line = 0;  // of these
+    uint64_t line = 0;                              // number of the line that the next record begins with; 0: not known
 };
 
 store_bucket& bucket_of(loader* load) {
@@ -126,18 +129,33 @@ st_txn event_txn(loader* load, const file_load& one) {
     return txn;
 }
 
+void note_dating(loader* load, file_load* one, std::string_view text, bool put) {
+    const log_event_maker& event = load->event;
+    const dating_t kind = !put                   ? LINE_REFUSED
+                          : event.first.has_time ? DATED_ITSELF
+                          : event.from_file      ? DATED_BY_FILE
+                                                 : DATED_BY_LINE;
+    const std::string_view path = one->input.path;
+    dating_add(&load->dating, kind, {path, one->line, text});
+    one->events += put;
+    one->dated_by_file += kind == DATED_BY_FILE;
+    one->dated_by_line += kind == DATED_BY_LINE;
+    const auto joined = static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
+    if (joined > 0) {
+        const uint64_t second = one->line == 0 ? 0 : one->line + 1;
+        dating_add(&load->dating, LINE_JOINED, {path, second, text.substr(text.find('\n') + 1)}, joined);
+    }
+    if (one->line != 0) one->line += joined + 1;
+}
+
 void put_record(loader* load, file_load* one, uint64_t offset, std::string_view text) {
     open_stretch(load, one, offset);
     log_event_make(&load->event, text);
     if (load->event.first.no_event) return;
     const st_txn txn = event_txn(load, *one);
-    if (index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms))) {
-        load->totals.add_event(txn.time);
-        one->events++;
-        if (!load->event.first.has_time) (load->event.from_file ? one->dated_by_file : one->dated_by_line)++;
-    } else {
-        load->totals.refused++;
-    }
+    const bool put = index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms));
+    put ? load->totals.add_event(txn.time) : static_cast<void>(load->totals.refused++);
+    note_dating(load, one, text, put);
     const uint64_t slices = index_writer_slices(&load->writer);
     if (slices != load->slices_seen) mark(load, load->address);
     load->slices_seen = slices;
@@ -177,8 +195,11 @@ void load_points(const loader& load, file_load* one) {
 
 // Tells what a reader of the times has to know.
 void note_times(loader* load, const file_load& one) {
-    load->totals.dated_by_file += one.dated_by_file;
-    load->totals.dated_by_line += one.dated_by_line;
+    const uint64_t own = one.events - one.dated_by_file - one.dated_by_line;
+    // A few lines behind those of another load say little of their file.
+    const bool told = one.from == 0 || one.events >= RECORDS_TELL;
+    load->hardly_dated += told && own * 2 < one.events;
+    load->zone_taken |= load->event.context.zone_taken;
     const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe};
     for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
         progress_clear(&load->shown);
@@ -239,6 +260,7 @@ void note_whereabouts(loader* load, const file_load& one, const source_file& bef
 // of the first line is given, the years of all the lines behind it hang on it.
 bool replay(loader* load, file_load* one, std::string* error) {
     const uint64_t start = one->from > REPLAY && load->options->year == 0 ? one->from - REPLAY : 0;
+    if (!one->input.pipe && !clock_days_find(&load->event, &one->input, start, error)) return false;
     if (one->from == 0) return true;
     record_reader reader;
     if (!log_input_seek(&one->input, start, error)) return false;
@@ -282,6 +304,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     const uint64_t limit = one->input.pipe || one->input.gz != nullptr ? SOURCE_NO_LIMIT : one->input.size;
     if (!record_reader_open(&one->reader, &one->input, limit)) throw std::bad_alloc();
     one->reader.spool = load->spool.get();
+    one->line = one->from == 0;
     log_event_look_ahead(&load->event, one->input.pipe ? one->input.head : record_reader_peek(&one->reader),
                          load->event.context.modified_s);
     put_records(load, one);
@@ -405,6 +428,7 @@ bool loader_load(loader* load, const std::string& path, std::string* error) {
     *error = foreign_content(one.input.head);
     if (!error->empty()) return false;
     if (!log_form_check(*load->options, load->zone, one.input.head, error)) return false;
+    if (load->options->strict && !log_form_is_dated(*load->options, load->zone, one.input.head, error)) return false;
     const bool read = one.input.pipe ? load_pipe(load, &one, error) : load_file(load, &one, path, error);
     load->bytes_done += one.input.size;
     return read;

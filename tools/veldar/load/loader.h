@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/veldar/load/dating.h"
 #include "tools/veldar/load/index_writer.h"
 #include "tools/veldar/load/load_files.h"
 #include "tools/veldar/load/log_event.h"
@@ -22,6 +23,8 @@ struct load_options {
     std::string format, zone, host, sourcetype;
     std::string time_format, date_order;
     int year = 0;
+    std::string time_field;
+    bool strict = false;
     bool no_fsync = false;
     bool no_optimize = false;
     uint64_t bucket_bytes = BUCKET_BYTES_MAX;
@@ -42,6 +45,9 @@ struct loader : load_report {
     unique_fd spool;  // of the pipe being loaded
 
     log_event_maker event;
+    dating_report dating;
+    bool zone_taken = false;    // for a time that says no zone
+    uint64_t hardly_dated = 0;  // files of which under half the records say a time
 };
 
 // Opens the store and settles what earlier loads left. Throws tool_failure, as all of these do for the store's own

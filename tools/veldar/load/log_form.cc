@@ -59,7 +59,10 @@ int64_t boot_time_s(int64_t modified_s) {
     return modified_s >= boot_s ? boot_s : NO_TIME_SEEN;
 }
 
-std::string no_time_note(const log_form_counts& counts) {
+std::string no_time_note(const log_form_counts& counts, const format_context& context) {
+    if (context.times.pattern.find("%u") != std::string::npos && context.boot_s == NO_TIME_SEEN) {
+        return "times count from a start of a machine that is not known; they are the file's modification time";
+    }
     const bool all = counts.dated_by_file == counts.events;
     const std::string which = all ? "no line says"
                               : counts.dated_by_file == 1
@@ -118,6 +121,28 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
     return example.empty();
 }
 
+bool log_form_is_dated(const load_options& options, const log_zone& zone, std::string_view head, std::string* error) {
+    format_context context;
+    context.zone = zone;
+    context.year = options.year;
+    const line_format* const format = log_form_choose(options, head, {}, &context);
+    std::string plain, example;
+    parsed_line parsed;
+    size_t records = 0, dated = 0;
+    for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
+        if (!begins_record(line)) continue;
+        parse_log_line(*format, line, &context, &parsed);
+        // In a log with times a line without one continues the record before.
+        if (!parsed.has_time && context.times.known() && dated > 0) continue;
+        if (!parsed.has_time && example.empty()) example = line.substr(0, EXAMPLE_BYTES);
+        records++;
+        dated += parsed.has_time;
+    }
+    *error = "left out: only " + std::to_string(dated) + " of its first " + std::to_string(records) +
+             " records say a time that is understood, not this one: " + example;
+    return dated * 2 >= records;
+}
+
 std::string log_form_zone(const load_options& options) {
     return options.zone.empty() || options.zone == "local" ? log_zone_local_name() : options.zone;
 }
@@ -126,7 +151,7 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
                                         const log_form_counts& counts) {
     std::vector<std::string> notes;
     const time_place& times = context.times;
-    if (counts.dated_by_file > 0) notes.push_back(no_time_note(counts));
+    if (counts.dated_by_file > 0) notes.push_back(no_time_note(counts, context));
     if (counts.events == counts.dated_by_file) return notes;
     if (const uint64_t own = counts.events - counts.dated_by_file - counts.dated_by_line; own * 2 < counts.events) {
         notes.push_back("only " + std::to_string(own) + " of " + std::to_string(counts.events) +
@@ -141,9 +166,16 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
                         std::to_string(context.unclear_zones) + " times with it are taken as " +
                         log_form_zone(options) + " (see --tz)");
     }
-    if (times.pattern.find("%u") != std::string::npos) {
+    if (!times.known()) return notes;
+    if (times.pattern.find("%u") != std::string::npos && context.boot_s != NO_TIME_SEEN) {
         notes.push_back("times since the start are counted from the last start of this machine");
     }
+    if (!times.shape.has_date) {
+        notes.push_back(
+            "lines say the time of day only; their days are counted back over midnights from " +
+            std::string(counts.is_pipe ? "today" : "the file's modification, or tell from lines with a date"));
+    }
+    if (!times.shape.has_clock) notes.push_back("lines say the day only; it is taken from its beginning");
     return notes;
 }
 

@@ -20,6 +20,9 @@ const line_format* log_form_choose(const load_options& options, std::string_view
 // wrongly, and what is loaded once is not loaded again.
 bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error);
 
+// False with a message when under half of the records at the log's beginning say a time that is understood.
+bool log_form_is_dated(const load_options& options, const log_zone& zone, std::string_view head, std::string* error);
+
 // The zone of times that are written without one.
 std::string log_form_zone(const load_options& options);
 

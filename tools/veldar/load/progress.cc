@@ -107,7 +107,7 @@ std::string bytes_text(uint64_t bytes) {
     return fmt::format("{:.2f} GB", size / 1e9);
 }
 
-std::string totals_text(const progress& p, const load_totals& totals) {
+std::string totals_text(const progress& p, const load_totals& totals, const dating_report* dating) {
     std::string text = number_text(totals.events) + (totals.events == 1 ? " event" : " events");
     if (totals.events > 0) {
         text +=
@@ -116,8 +116,11 @@ std::string totals_text(const progress& p, const load_totals& totals) {
                         time_text(totals.earliest), time_text(totals.latest));
     }
     text += fmt::format(", {} read, {} of index", bytes_text(totals.bytes_in), bytes_text(totals.index_bytes));
-    if (totals.dated_by_line > 0) text += ", " + number_text(totals.dated_by_line) + " dated by other lines";
-    if (totals.dated_by_file > 0) text += ", " + number_text(totals.dated_by_file) + " dated by their file";
+    constexpr const char* NAMES[LINE_REFUSED] = {" with a time of their own", " dated by other lines",
+                                                 " dated by their file", " joined to the line before"};
+    for (size_t kind = 0; dating != nullptr && kind < LINE_REFUSED; kind++) {
+        if (dating->counts[kind] > 0) text += ", " + number_text(dating->counts[kind]) + NAMES[kind];
+    }
     text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused),
                         totals.refused == 1 ? "line" : "lines", static_cast<double>(now_us() - p.begun_us) / 1e6);
     return text;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "searchthing/base/st_timeval.h"
+#include "tools/veldar/load/dating.h"
 
 namespace veldar::tool {
 
@@ -20,7 +21,6 @@ struct load_totals {
     uint64_t bytes_in = 0;                            // of raw text, decompressed
     uint64_t index_bytes = 0, slices = 0, terms = 0;  // of the slices written
     uint64_t refused = 0;
-    uint64_t dated_by_line = 0, dated_by_file = 0;  // events that say no time themselves
     st_time_t earliest = INT32_MAX, latest = INT32_MIN;
 
     void add_event(st_time_t time);
@@ -38,9 +38,9 @@ std::string time_text(st_time_t time);
 std::string bytes_text(uint64_t bytes);
 // "1,234,567"
 std::string number_text(uint64_t number);
-// "10,000 events, 65,432 terms in 1 slice, ... to ... UTC, 2.3 MB read, 1.9 MB of index, 0 lines refused, 0.2 s";
-// before the last two how many lines are dated by others or by their file, if any are
-std::string totals_text(const progress& p, const load_totals& totals);
+// "10,000 events, 65,432 terms in 1 slice, ... to ... UTC, 2.3 MB read, 1.9 MB of index, 0 lines refused, 0.2 s"; before
+// the last two how the lines of logs came to their times, when `dating` is given
+std::string totals_text(const progress& p, const load_totals& totals, const dating_report* dating = nullptr);
 
 // The names of the slices in an index directory, sorted. Throws tool_failure.
 std::vector<std::string> slice_names(const std::string& directory);
