@@ -197,10 +197,10 @@ void load_points(const loader& load, file_load* one) {
 void note_times(loader* load, const file_load& one) {
     const uint64_t own = one.events - one.dated_by_file - one.dated_by_line;
     // A few lines behind those of another load say little of their file.
-    const bool told = one.from == 0 || one.events >= RECORDS_TELL;
+    const bool told = one.from == 0 || one.events >= RECORDS_TELL || one.dated_by_file > 0;
     load->hardly_dated += told && own * 2 < one.events;
     load->zone_taken |= load->event.context.zone_taken;
-    const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe};
+    const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe, told};
     for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
         progress_clear(&load->shown);
         say_trouble((one.input.pipe ? "standard input" : one.input.path) + ": " + note);

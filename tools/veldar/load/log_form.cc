@@ -153,7 +153,8 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
     const time_place& times = context.times;
     if (counts.dated_by_file > 0) notes.push_back(no_time_note(counts, context));
     if (counts.events == counts.dated_by_file) return notes;
-    if (const uint64_t own = counts.events - counts.dated_by_file - counts.dated_by_line; own * 2 < counts.events) {
+    if (const uint64_t own = counts.events - counts.dated_by_file - counts.dated_by_line;
+        counts.is_told && own * 2 < counts.events) {
         notes.push_back("only " + std::to_string(own) + " of " + std::to_string(counts.events) +
                         " lines say a time that is understood; the others have that of a line beside them");
     }

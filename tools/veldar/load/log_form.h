@@ -32,6 +32,7 @@ struct log_form_counts {
     uint64_t dated_by_file = 0;  // the first of these
     uint64_t dated_by_line = 0;
     bool is_pipe = false;
+    bool is_told = false;  // there are enough of them to say that few are dated
 };
 std::vector<std::string> log_form_notes(const load_options& options, const format_context& context,
                                         const log_form_counts& counts);
