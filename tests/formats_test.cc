@@ -8,6 +8,7 @@
 
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/formats/unit_number.h"
 
 namespace veldar {
 
@@ -360,6 +361,49 @@ TEST(Terms, EqualANaiveImplementationOnRandomBytes) {
         std::vector<std::string> expected = naive_terms(text, fields);
         std::span<const std::string_view> terms = term_set_terms(&set);
         ASSERT_TRUE(std::equal(terms.begin(), terms.end(), expected.begin(), expected.end())) << "round " << round;
+    }
+}
+
+TEST(Terms, ValuesWithAUnitAreNumbersOfTheirBaseUnit) {
+    struct unit_case {
+        const char* text;
+        const char* number;  // null: none with a unit
+    };
+    constexpr unit_case CASES[] = {{"35ms", "0.035"},
+                                   {"1.2GB", "1200000000"},
+                                   {"3h", "10800"},
+                                   {"12KiB", "12288"},
+                                   {"45%", "45"},
+                                   {"1,234", "1234"},
+                                   {"-1,234,567.5", "-1234567.5"},
+                                   {"1h2m3.5s", "3723.5"},
+                                   {"-90s", "-90"},
+                                   {"1m0s", "60"},
+                                   {"2 days", "172800"},
+                                   {"7\xC2\xB5s", "0.000007"},
+                                   {"512M", "536870912"},
+                                   {"5m", "300"},
+                                   {"1,024 kB", "1024000"},
+                                   {"12", nullptr},
+                                   {"1,23", nullptr},
+                                   {"1234,567", nullptr},
+                                   {"1,234,56", nullptr},
+                                   {"5x", nullptr},
+                                   {"1s2h", nullptr},
+                                   {"1GB2s", nullptr},
+                                   {"2026-01-02", nullptr},
+                                   {"10.0.0.1s", nullptr},
+                                   {"5s ago", nullptr},
+                                   {"ms", nullptr},
+                                   {"1ms,", nullptr},
+                                   {"1s2", nullptr},
+                                   {"", nullptr},
+                                   {"1,000,", nullptr}};
+    for (const unit_case& one : CASES) {
+        double number = 0;
+        const bool taken = unit_number(one.text, &number);
+        EXPECT_EQ(taken ? unit_text(number) : "none", one.number == nullptr ? "none" : one.number) << one.text;
+        EXPECT_TRUE(!taken || may_have_unit(one.text)) << one.text;
     }
 }
 

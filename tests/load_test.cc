@@ -134,6 +134,19 @@ class Load : public testing::Test {
     temp_dir dir;
 };
 
+TEST_F(Load, ATableGoesOnInTheMiddleWithTheColumnsThatItHadThere) {
+    const std::string head = "#Fields: date time a b\n", log = file("w3c.log");
+    write_file(log, head + "2024-03-01 00:00:00 1 2\n");
+    load_all({log});
+    append(log, "2024-03-01 00:00:01 1 3\n#Fields: b date time\n4 2024-03-01 00:00:02\n");
+    load_all({log});
+    append(log, "4 2024-03-01 00:00:03\n" + head + "2024-03-01 00:00:04 1 4\n");
+    load_all({log});
+    for (const auto& [query, count] : {std::pair("a=1", "3\n"), {"b=4", "3\n"}, {"*", "5\n"}}) {
+        EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "count", query}).out, count) << query;
+    }
+}
+
 TEST_F(Load, TakesOnlyWhatIsNew) {
     const lines all = log_lines(0, 2000);
     const std::string half = joined(log_lines(0, 1000)), end = "2024-03-01T01:00:00Z the e";

@@ -311,6 +311,24 @@ TEST_F(StatsTool, FormatsAndDrawings) {
     EXPECT_NE(layers.find("│\x1b[0;34;42m▃▃▃▃▃"), std::string::npos) << layers;
 }
 
+TEST_F(StatsTool, ValuesWithAUnitAreComparedAndAggregatedInTheirBaseUnit) {
+    load(
+        "2024-03-30T00:00:00Z t=35ms n=1,234\n2024-03-30T00:00:01Z t=2s n=7\n2024-03-30T00:00:02Z t=1m0.5s\n"
+        "2024-03-30T00:00:03Z t=4 n=none\n");
+    for (const auto& [query, count] : std::vector<std::pair<const char*, const char*>>{{"t>1s", "3"},
+                                                                                       {"t>1", "3"},
+                                                                                       {"t<=2000ms", "2"},
+                                                                                       {"t>60s", "1"},
+                                                                                       {"-t>1s", "1"},
+                                                                                       {"n>1,233", "2"},
+                                                                                       {"n<=7", "1"}}) {
+        EXPECT_EQ(run({"count", query}).out, std::string(count) + "\n") << query;
+    }
+    const tool_result stats = run({"stats", "--agg", "avg(t),max(t),p50(n),count(n)", "--format", "tsv"});
+    EXPECT_EQ(stats.out, "avg(t)\tmax(t)\tp50(n)\tcount(n)\n16.63375\t60.5\t7\t3\n");
+    EXPECT_EQ(stats.err, "veldar: 1 value left out of aggregates: no number, such as 'none' of 'n'\n");
+}
+
 TEST_F(StatsTool, ManyValuesAreAbout) {
     std::string log;
     for (int i = 0; i < 5000; i++) log += "2024-03-30T00:00:00Z id=" + std::to_string(i) + "\n";

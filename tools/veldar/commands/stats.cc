@@ -4,10 +4,14 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <set>
+
 #include "tools/veldar/load/stats_events.h"
 #include "tools/veldar/output/stats_output.h"
 #include "tools/veldar/output/stats_plot.h"
 #include "tools/veldar/query/event_count.h"
+#include "tools/veldar/query/query_hints.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/store/store.h"
 
@@ -48,6 +52,28 @@ void add_row_of_nothing(const stats_grid& grid, const stats_request& request, se
     }
 }
 
+// Values with a unit are no numbers, but those of the field beside theirs are, and count.
+void count_refused(const stats_request& request, const select_table_t& table, select_report_t* report) {
+    std::set<size_t> projections;
+    for (const stats_column& column : request.columns) projections.insert(column.unit_projection);
+    projections.erase(NO_PROJECTION);
+    const size_t width = request.spec.projections.size();
+    for (size_t row = 0; row < table.rows.size(); row++) {
+        for (const size_t projection : projections) {
+            report->refused -= std::min(report->refused, table.cells[row * width + projection].numbers);
+        }
+    }
+}
+
+std::vector<std::string> numeric_fields(const stats_request& request) {
+    std::vector<std::string> fields;
+    for (const stats_column& column : request.columns) {
+        if (column.unit_projection != NO_PROJECTION)
+            fields.push_back(request.spec.projections[column.projection].field);
+    }
+    return fields;
+}
+
 int stats_run(const tool_context& context, const stats_options& options) {
     const prepared_query query = query_prepare(options.query);
     stats_request request = stats_request_parse(options.by, options.aggregates);
@@ -65,7 +91,9 @@ int stats_run(const tool_context& context, const stats_options& options) {
     } else {
         stats_select_events(slices, query, grid, request.spec, options.keeps_missing, &table, &report, &trouble);
     }
+    count_refused(request, table, &report);
     stats_view view = options.view;
+    if (report.refused > 0) view.no_number = no_number_example(slices.path, numeric_fields(request));
     view.by_records = !by_index;
     view.shape.fill = request.group_names.empty() ? stats_fill::empty : stats_fill::none;
     return answer_status(stats_show(view, request, &table, grid, report), trouble);
@@ -107,7 +135,9 @@ bool stats_show(const stats_view& view, const stats_request& request, select_tab
     }
     output_flush(&out);
     if (answer.groups_left_out > 0) say_trouble(plural(answer.groups_left_out, "further group") + " left out");
-    if (report.refused > 0) say_trouble(plural(report.refused, "value") + " left out of aggregates: no number");
+    if (report.refused > 0)
+        say_trouble(plural(report.refused, "value") + " left out of aggregates: no number" +
+                    (view.no_number.empty() ? "" : ", such as " + view.no_number));
     if (view.explain) say_report(report, view.by_records);
     return !is_empty && !answer.entries.empty();
 }

@@ -16,6 +16,7 @@ struct stats_view {
     bool plot = false;
     bool explain = false;
     bool by_records = false;  // for the explanation: the events were gone through one by one
+    std::string no_number;    // an example of what was left out of aggregates
 };
 
 // --every, --top, --plot, --color and --explain.

@@ -5,6 +5,7 @@
 
 #include "tools/veldar/formats/json_text.h"
 #include "tools/veldar/formats/uncoloured.h"
+#include "tools/veldar/formats/unit_number.h"
 #include "tools/veldar/store/record_reader.h"
 
 namespace veldar::tool {
@@ -32,6 +33,18 @@ void parse_first(log_event_maker* maker, std::string_view line) {
 
 std::string_view host_of(const log_event_maker& maker) {
     return maker.host_fixed || maker.first.host.empty() ? std::string_view(maker.host) : maker.first.host;
+}
+
+// The fields as terms, and the numbers of values with a unit; `name` is scratch.
+void add_fields(term_set* terms, const parsed_line& parsed, std::string* name) {
+    for (const field_view& field : parsed.fields) {
+        term_set_add_field(terms, field.name, field.value);
+        double number = 0;
+        if (may_have_unit(field.value) && unit_number(field.value, &number)) {
+            name->assign(field.name).append(NUMBER_SUFFIX);
+            term_set_add_field(terms, *name, unit_text(number));
+        }
+    }
 }
 
 }  // namespace
@@ -64,10 +77,10 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     term_set_add_field(terms, HOST, maker->line_host);
     term_set_add_field(terms, SOURCE, maker->source);
     term_set_add_field(terms, SOURCETYPE, maker->sourcetype);
-    for (const field_view& field : maker->first.fields) term_set_add_field(terms, field.name, field.value);
+    add_fields(terms, maker->first, &maker->decoded);
     while (!left.empty()) {
         parse_continued_line(take_line(&left), &maker->continued);
-        for (const field_view& field : maker->continued.fields) term_set_add_field(terms, field.name, field.value);
+        add_fields(terms, maker->continued, &maker->decoded);
     }
 }
 

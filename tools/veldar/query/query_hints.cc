@@ -5,6 +5,7 @@
 
 #include "searchthing/base/number.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/formats/unit_number.h"
 #include "tools/veldar/query/event_count.h"
 #include "tools/veldar/query/suggestion.h"
 #include "tools/veldar/query/term_input.h"
@@ -46,7 +47,16 @@ std::vector<std::string> some_values(const std::string& path, const std::string&
 
 bool is_number(const std::string& text) {
     double value = 0;
-    return parse_query_number(text.c_str(), &value);
+    return parse_query_number(text.c_str(), &value) || unit_number(text, &value);
+}
+
+// The first value that is no number among some of the field's; empty: none.
+std::string odd_value(const std::string& path, const std::string& field, bool* has_numbers) {
+    const std::vector<std::string> first = some_values(path, field, ""), last = some_values(path, field, ":");
+    *has_numbers = std::any_of(first.begin(), first.end(), is_number);
+    const auto& values = last.empty() ? first : last;
+    const auto odd = std::find_if_not(values.begin(), values.end(), is_number);
+    return odd == values.end() ? std::string() : *odd;
 }
 
 // The names of all fields: of each only the first term is read.
@@ -101,14 +111,21 @@ void hint_more(const std::string& path, const prepared_query& query, uint64_t fo
 void hint_comparisons(const std::string& path, const prepared_query& query) {
     if (query.is_native) return;
     for (const std::string& field : query_fields(query.text, true)) {
-        const std::vector<std::string> first = some_values(path, field, ""), last = some_values(path, field, ":");
-        const bool has_numbers = std::any_of(first.begin(), first.end(), is_number);
-        const auto& values = last.empty() ? first : last;
-        const auto odd = std::find_if_not(values.begin(), values.end(), is_number);
-        if (odd == values.end()) continue;
+        bool has_numbers;
+        const std::string odd = odd_value(path, field, &has_numbers);
+        if (odd.empty()) continue;
         say_trouble((has_numbers ? "some values of '" : "the values of '") + field + "' are no numbers, such as '" +
-                    *odd + "'; these count as greater than any");
+                    odd + "'; these count as greater than any");
     }
+}
+
+std::string no_number_example(const std::string& path, const std::vector<std::string>& fields) {
+    for (const std::string& field : fields) {
+        bool has_numbers;
+        const std::string odd = odd_value(path, field, &has_numbers);
+        if (!odd.empty()) return "'" + odd + "' of '" + field + "'";
+    }
+    return {};
 }
 
 }  // namespace veldar::tool

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/veldar/query/query_input.h"
 
@@ -14,5 +15,7 @@ namespace veldar::tool {
 void hint_more(const std::string& path, const prepared_query& query, uint64_t found);
 // Says which fields that the query compares have values that are no numbers.
 void hint_comparisons(const std::string& path, const prepared_query& query);
+// A value of one of the fields that is no number, as "'abc' of 'level'"; empty when all that are looked at are numbers.
+std::string no_number_example(const std::string& path, const std::vector<std::string>& fields);
 
 }  // namespace veldar::tool

@@ -7,6 +7,7 @@
 #include "searchthing/base/number.h"
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/formats/unit_number.h"
 
 namespace veldar::tool {
 
@@ -298,15 +299,16 @@ class query_parser {
 
     query_node comparison_node(std::string_view name, const char* op, const written_text& value, size_t value_at) {
         double number = 0;
-        if (value.inside || !parse_query_number(value.text.c_str(), &number)) {
+        const bool has_unit = unit_number(value.text, &number);
+        if (value.inside || (!has_unit && !parse_query_number(value.text.c_str(), &number))) {
             position_ = value_at;
-            fail("a number");
+            fail("a number, perhaps with a unit such as ms, h, kB, MiB or %");
         }
         query_node node;
         node.kind = node_kind::comparison;
         node.text = fold_value(name);
         node.op = op;
-        node.number = value.text;
+        node.number = has_unit ? unit_text(number) : value.text;
         return node;
     }
 
@@ -362,15 +364,19 @@ std::string bracket(std::string_view op, const std::string& inside) {
     return "[" + std::string(op) + (inside.empty() ? "" : " ") + inside + "]";
 }
 
-// The opposite of a comparison also holds for events without the field.
+// The numbers of values with a unit stand in a field of their own. As a value that is no number is greater than any, the
+// field itself is asked only in events without that one. The opposite of a comparison also holds for events without the
+// field.
 std::string comparison_text(const query_node& node) {
     static constexpr std::array<std::pair<std::string_view, std::string_view>, 4> OPPOSITES = {
         {{"GT", "LTE"}, {"GTE", "LT"}, {"LT", "GTE"}, {"LTE", "GT"}}};
-    const std::string operands = escape(node.text) + " " + node.number;
-    if (!node.negated) return bracket(node.op, operands);
     const auto* opposite =
         std::find_if(OPPOSITES.begin(), OPPOSITES.end(), [&](const auto& pair) { return pair.first == node.op; });
-    return "[OR " + bracket(opposite->second, operands) + " " + bracket("NOT", escape(node.text) + "::*") + "]";
+    const std::string_view op = node.negated ? opposite->second : std::string_view(node.op);
+    const std::string field = escape(node.text), numbers = field + std::string(NUMBER_SUFFIX), none = "::*";
+    const std::string plain = bracket(op, field + " " + node.number) + " " + bracket("NOT", numbers + none);
+    const std::string lacks = node.negated ? " " + bracket("NOT", field + none) : "";
+    return bracket("OR", bracket(op, numbers + " " + node.number) + " " + bracket("AND", plain) + lacks);
 }
 
 bool holds_phrase(const query_node& node) {

@@ -7,6 +7,7 @@
 
 #include "tools/veldar/formats/metric_record.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/formats/unit_number.h"
 #include "tools/veldar/query/suggestion.h"
 #include "tools/veldar/store/tool_failure.h"
 
@@ -76,6 +77,11 @@ size_t projection_of(const std::string& field, uint32_t bit, select_spec_t* spec
     return spec->projections.size() - 1;
 }
 
+bool is_of_numbers(stats_kind kind) {
+    return kind != stats_kind::events && kind != stats_kind::count && kind != stats_kind::distinct &&
+           kind != stats_kind::values;
+}
+
 stats_column column_of(const std::string& text, select_spec_t* spec) {
     stats_column column;
     column.name = text;
@@ -90,7 +96,11 @@ stats_column column_of(const std::string& text, select_spec_t* spec) {
     if (!has_field) {
         throw tool_failure{EXIT_USAGE, "--agg " + text + ": expected a field, such as " + name + "(bytes)"};
     }
-    column.projection = projection_of(fold_value(text.substr(open + 1, text.size() - open - 2)), bit, spec);
+    const std::string field = fold_value(text.substr(open + 1, text.size() - open - 2));
+    column.projection = projection_of(field, bit, spec);
+    if (is_of_numbers(column.kind)) {
+        column.unit_projection = projection_of(field + std::string(NUMBER_SUFFIX), bit, spec);
+    }
     return column;
 }
 
@@ -101,7 +111,7 @@ void check(const stats_request& request) {
     }
     if (request.spec.projections.size() > SELECT_MAX_PROJECTIONS) {
         throw tool_failure{EXIT_USAGE, "--agg: expected aggregates of at most " +
-                                           std::to_string(SELECT_MAX_PROJECTIONS) + " different fields"};
+                                           std::to_string(SELECT_MAX_PROJECTIONS / 2) + " different fields"};
     }
     warm_rc_t rc;
     if (select_spec_check(request.spec, &rc) != 0) {
@@ -193,7 +203,14 @@ stats_request stats_request_parse_metrics(const std::string& by, const std::stri
 
 stats_value stats_value_of(const stats_column& column, const select_row_t& row) {
     if (column.kind == stats_kind::events) return count_value(row.count);
-    const select_cell_t& cell = row.cells[column.projection];
+    const bool has_units = column.unit_projection != NO_PROJECTION && row.cells[column.unit_projection].numbers > 0;
+    select_cell_t both;
+    if (has_units) {
+        select_cell_merge(&both, row.cells[column.projection]);
+        select_cell_merge(&both, row.cells[column.unit_projection]);
+        select_cell_settle(&both);
+    }
+    const select_cell_t& cell = has_units ? both : row.cells[column.projection];
     switch (column.kind) {
         case stats_kind::events:
         case stats_kind::count:

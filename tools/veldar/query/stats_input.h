@@ -15,11 +15,14 @@ std::vector<std::string> comma_parts(std::string_view text);
 
 enum class stats_kind { events, count, sum, sumsq, min, max, avg, distinct, values, quantile };
 
+inline constexpr size_t NO_PROJECTION = ~size_t{0};
+
 // One column of aggregates.
 struct stats_column {
     std::string name;  // as it was asked for
     stats_kind kind = stats_kind::events;
     size_t projection = 0;
+    size_t unit_projection = NO_PROJECTION;  // of the numbers that the field's values with a unit are
     double quantile = 0;
     bool adds_up = false;  // over groups and bins
 };
