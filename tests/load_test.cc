@@ -416,6 +416,26 @@ TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
     for (const char* text : {"03/04/2024 10:00:00 CST are taken as %", "CST has several", "only 1 of 3 lines",
                              "the first line joined to the line before: ", "c.log:2: \n", "c.log:3: more"})
         says(third, text, 3);
+    std::string wild, table;
+    for (int i = 0; i < 5; i++) {
+        wild += R"({"n":1)" + std::to_string(i) + R"(,"at":{"when":"0)" + std::to_string(i + 1) +
+                R"(/05/2024 10:00:00"},"closed":"1999-01-01","time":)" + std::to_string(1714557600 + i) + "}\n";
+        table += "id;closing;opening\n" + std::to_string(i) + ";2024-05-2" + std::to_string(i) +
+                 " 10:00:00;2024-05-01T12:00:0" + std::to_string(i) + "Z\n";
+    }
+    write_file(file("w.json"), wild);
+    write_file(file("t.csv"), table);
+    for (const char* name : {"none", "at", "n"}) {
+        says(load({file("w.json"), "--time-field", name}), "no line says a time in the field " + std::string(name), 3);
+    }
+    load_all({file("w.json"), "--time-field", "at.when", "--date-order", "mdy"});
+    load_all({file("t.csv"), "--time-field", "opening"});
+    append(file("w.json"), R"({"at":{"when":"06/05/2024 10:00:00"},"time":1})");
+    load_all({file("w.json")});
+    for (const char* time : {"02-05 10:00:00", "05-05 10:00:00", "06-05 10:00:00", "05-01 12:00:04"}) {
+        const lines all = times();
+        EXPECT_EQ(std::count(all.begin(), all.end(), std::string("2024-") + time), 1) << time;
+    }
     write_file(file("d.log"), "[23:30:00] a\n[00:10:00] b\n[09:00:00] c\n[08:59:59] d\n[22:00:00] e\n");
     const time_t modified = 1714640400;  // 2024-05-02 09:00:00
     const timespec stamps[2] = {{modified, 0}, {modified, 0}};

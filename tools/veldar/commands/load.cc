@@ -14,7 +14,8 @@ namespace veldar::tool {
 namespace {
 
 int load_run(const tool_context& context, const load_options& options) {
-    if (!options.time_format.empty() && !options.format.empty() && options.format != "text") {
+    const bool placed = !options.time_format.empty() && options.time_field.empty();
+    if (placed && !options.format.empty() && options.format != "text") {
         throw tool_failure{EXIT_USAGE, "--time-format is for lines of the format text, not " + options.format};
     }
     loader load;
@@ -63,6 +64,12 @@ void add_load_command(const command& veldar) {
             time_place place;
             const char* const fault = time_place_from_pattern(pattern, &place);
             return fault == nullptr ? std::string() : pattern + " " + fault;
+        });
+    load.text("--time-field", &options.time_field,
+              "The field that says the time, of JSON, logfmt, CSV or any name=value; --time-format may say its shape")
+        .checked([](const std::string& name) {
+            const bool line = name.find_first_of("\t\n") != std::string::npos;
+            return line ? "a field's name has no tabs or line ends" : std::string();
         });
     load.text("--date-order", &options.date_order,
               "Order of dates such as 01/02/2026; the values tell it where they can")

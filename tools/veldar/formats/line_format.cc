@@ -104,6 +104,10 @@ bool parse_text(std::string_view line, format_context* context, parsed_line* out
 
 bool parse_log_line(const line_format& format, std::string_view line, format_context* context, parsed_line* out) {
     const bool formed = format.parse(line, context, out);
+    if (!context->time_field.empty()) {
+        set_field_time(out, context);
+        return formed;
+    }
     const bool asked = formed && (format.is_json || format.parse == parse_text);
     if (!out->has_time && !asked) add_placed_time(line, context, out);
     return formed;
@@ -123,8 +127,15 @@ const line_format* format_by_name(std::string_view name) {
     return found == std::end(FORMATS) ? nullptr : found;
 }
 
+record_rule record_rule_of(const line_format& format, const format_context& context) {
+    // Where a field stands in a line only its format knows.
+    const bool by_field = format.records == record_rule::times && !context.time_field.empty();
+    return by_field ? record_rule::lines : format.records;
+}
+
 std::string format_record(const line_format& format, const format_context& context) {
-    const std::string place = time_place_text(context.times), columns = log_columns_text(context.columns);
+    const std::string field = context.time_field.empty() ? "" : "=" + context.time_field + "\t";
+    const std::string place = field + time_place_text(context.times), columns = log_columns_text(context.columns);
     return format.name + (place.empty() ? "" : " " + place) + (columns.empty() ? "" : "\n" + columns);
 }
 
@@ -135,7 +146,11 @@ const line_format* format_by_record(std::string_view record, format_context* con
         record = record.substr(0, line_end);
     }
     const size_t blank = record.find(' ');
-    const std::string_view place = blank == std::string_view::npos ? std::string_view() : record.substr(blank + 1);
+    std::string_view place = blank == std::string_view::npos ? std::string_view() : record.substr(blank + 1);
+    if (const size_t tab = place.find('\t'); place.starts_with('=') && tab != std::string_view::npos) {
+        context->time_field = place.substr(1, tab - 1);
+        place.remove_prefix(tab + 1);
+    }
     return time_place_from_text(place, &context->times) ? format_by_name(record.substr(0, blank)) : nullptr;
 }
 

@@ -63,6 +63,8 @@ struct format_context {
     time_place times;                     // where lines say their time: what tells records from the lines that continue
                                           // them, and to the text format their times
     log_columns columns;            // of the formats whose head names them; a new head inside the log changes them
+    std::string time_field;         // the field that says the time, at `times` in its value; empty: the format
+                                    // knows, or lines say it at `times`
     int64_t boot_s = NO_TIME_SEEN;  // what seconds since the machine started count from; unknown: no time
     int64_t last_s = NO_TIME_SEEN;  // state: the last time; of an hour that occurs twice it tells which one
     std::string unclear_zone;       // state: the first zone's name that means several offsets
@@ -97,11 +99,14 @@ bool parse_log_line(const line_format& format, std::string_view line, format_con
 // The `key=value` pairs of a line that continues a record.
 void parse_continued_line(std::string_view line, parsed_line* out);
 
+// What begins a record of a log of this format.
+record_rule record_rule_of(const line_format& format, const format_context& context);
+
 // Every format, the most specific first; the last is "text": no time, only `key=value` pairs.
 std::span<const line_format> line_formats();
 const line_format* format_by_name(std::string_view name);  // null when unknown
-// What a store keeps of a file's format, and back: the name, behind a blank the place of the times, and in a second line
-// the columns.
+// What a store keeps of a file's format, and back: the name, behind a blank the place of the times (behind "=NAME" and a
+// tab when a field says them), and in a second line the columns.
 std::string format_record(const line_format& format, const format_context& context);
 const line_format* format_by_record(std::string_view record, format_context* context);
 std::string format_names();  // "access, syslog, ...", for --help

@@ -54,6 +54,7 @@ void add_web_fields(parsed_line* out, std::string_view name, std::string_view ce
 bool parse_columns(std::string_view record, bool is_utc, format_context* context, parsed_line* out) {
     std::string_view rest = begin_parse(record, out), cell, date, time, message;
     const log_columns& columns = context->columns;
+    const bool own = context->time_field.empty();
     int index = 0;
     for (bool quoted;
          static_cast<size_t>(index) < columns.names.size() && take_cell(&rest, columns.separator, &cell, &quoted);
@@ -62,9 +63,9 @@ bool parse_columns(std::string_view record, bool is_utc, format_context* context
         if (is_empty(cell)) continue;
         const std::string& name = columns.names[static_cast<size_t>(index)];
         cell = cell_text(cell, quoted, out);
-        if (index == columns.date) {
+        if (index == columns.date && own) {
             date = cell;
-        } else if (index == columns.time) {
+        } else if (index == columns.time && own) {
             time = cell;
         } else {
             add_field(out, name, cell);

@@ -38,6 +38,8 @@ void set_time(parsed_line* out, const log_stamp& stamp, format_context* context)
 void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_context* context);
 // Either, for a time that a shape found.
 void set_shape_time(parsed_line* out, const shape_time& time, format_context* context);
+// The time of the field that the context names; none when the line has no such field.
+void set_field_time(parsed_line* out, format_context* context);
 // The time that the text says (time_place_take_any), and a level beside it.
 void add_placed_time(std::string_view text, format_context* context, parsed_line* out);
 

@@ -67,7 +67,8 @@ bool take_any_time(std::string_view text, log_stamp* out) {
 
 bool take_named_time(parsed_line* out, std::string_view name, std::string_view text, format_context* context) {
     log_stamp stamp;
-    if (out->has_time || !is_time_name(name) || !take_any_time(text, &stamp)) return false;
+    if (out->has_time || !context->time_field.empty() || !is_time_name(name) || !take_any_time(text, &stamp))
+        return false;
     set_time(out, stamp, context);
     return out->has_time;
 }

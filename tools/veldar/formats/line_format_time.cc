@@ -123,6 +123,17 @@ void set_yearless_time(parsed_line* out, const yearless_stamp& stamp, format_con
     if (out->has_time) context->last_local_s = local_s;
 }
 
+void set_field_time(parsed_line* out, format_context* context) {
+    shape_time time;
+    std::string_view where;
+    out->has_time = false;
+    for (const field_view& field : out->fields) {
+        if (field.name != context->time_field) continue;
+        if (time_place_take_any(context->times, field.value, &time, &where)) set_shape_time(out, time, context);
+        return;
+    }
+}
+
 void set_shape_time(parsed_line* out, const shape_time& time, format_context* context) {
     if (time.of_day) return set_clock_time(out, time, context);
     if (!time.has_year && !time.since_boot) {

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "tools/veldar/formats/uncoloured.h"
+#include "tools/veldar/load/time_field.h"
 #include "tools/veldar/store/record_reader.h"
 
 namespace veldar::tool {
@@ -33,18 +34,24 @@ std::vector<std::string_view> first_lines(std::string_view head, size_t count, s
 
 // What the options say; null when they say nothing.
 const line_format* forced_format(const load_options& options, format_context* context) {
-    if (options.time_format.empty()) return format_by_name(options.format);
-    time_place_from_pattern(options.time_format, &context->times);
-    return text_format();
+    context->time_field = options.time_field;
+    if (!options.time_format.empty()) time_place_from_pattern(options.time_format, &context->times);
+    const bool placed = !options.time_format.empty() && options.time_field.empty();
+    return placed ? text_format() : format_by_name(options.format);
 }
 
-void find_times(std::string_view head, const std::string& order, format_context* context) {
-    std::string plain;
+time_hints hints_of(const std::string& order, const format_context* context) {
     time_hints hints;
     hints.now_s = static_cast<int64_t>(std::time(nullptr));
     hints.modified_s = context->modified_s == NO_TIME_SEEN ? hints.now_s : context->modified_s;
     hints.now_s = std::max(hints.now_s, hints.modified_s);
     hints.order = order;
+    return hints;
+}
+
+void find_times(std::string_view head, const std::string& order, format_context* context) {
+    std::string plain;
+    const time_hints hints = hints_of(order, context);
     const std::vector<std::string_view> lines = first_lines(head, TIME_LINES, &plain);
     context->times = time_place_find(std::span(lines).first(std::min(lines.size(), FORMAT_LINES)), hints);
     const bool settled = context->times.known() && context->times.also.empty();
@@ -86,7 +93,12 @@ const line_format* log_form_choose(const load_options& options, std::string_view
         if (format == nullptr) format = table;
     }
     if (format == nullptr) format = detect_format(lines, *context);
-    if (format->is_json) return format;
+    // Those that name their fields say their time in one of them.
+    const bool names_fields = format->is_json || format->records != record_rule::times;
+    if ((names_fields && recorded.empty()) || !options.time_field.empty()) {
+        time_field_find(*format, first_lines(head, TIME_LINES, &plain), hints_of(options.date_order, context), context);
+    }
+    if (format->is_json || !context->time_field.empty()) return format;
     const bool is_text = format == text_format();
     // What a format reads by itself has one order of day and month.
     if (!context->times.known() && (is_text || recorded.empty())) {
@@ -100,12 +112,33 @@ const line_format* log_form_choose(const load_options& options, std::string_view
     return format;
 }
 
+namespace {
+
+// Whether a line at the log's beginning has a time in the field that is asked for.
+bool has_time_field(const load_options& options, std::string_view head, format_context* context, std::string* error) {
+    *context = format_context();
+    const line_format* const format = log_form_choose(options, head, {}, context);
+    std::string plain, example;
+    parsed_line parsed;
+    context->boot_s = 0;
+    for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
+        parse_log_line(*format, line, context, &parsed);
+        if (parsed.has_time) return true;
+        if (example.empty() && !parsed.no_event) example = line.substr(0, EXAMPLE_BYTES);
+    }
+    *error = "no line says a time in the field " + options.time_field + "; the first is: " + example;
+    return example.empty();
+}
+
+}  // namespace
+
 bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error) {
     format_context context;
     context.zone = zone;
     context.year = options.year;
     context.boot_s = 0;
     const line_format* const format = forced_format(options, &context);
+    if (!options.time_field.empty()) return has_time_field(options, head, &context, error);
     if (format == nullptr || (format == text_format() && !context.times.known())) return true;
     std::string plain, example;
     parsed_line parsed;
@@ -132,6 +165,7 @@ bool log_form_is_dated(const load_options& options, const log_zone& zone, std::s
     for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
         if (!begins_record(line)) continue;
         parse_log_line(*format, line, &context, &parsed);
+        if (parsed.no_event) continue;
         // In a log with times a line without one continues the record before.
         if (!parsed.has_time && context.times.known() && dated > 0) continue;
         if (!parsed.has_time && example.empty()) example = line.substr(0, EXAMPLE_BYTES);
@@ -157,6 +191,9 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
         counts.is_told && own * 2 < counts.events) {
         notes.push_back("only " + std::to_string(own) + " of " + std::to_string(counts.events) +
                         " lines say a time that is understood; the others have that of a line beside them");
+    }
+    if (!context.time_field.empty() && options.time_field.empty()) {
+        notes.push_back("the time is taken from the field " + context.time_field + " (see --time-field)");
     }
     if (!times.also.empty()) {
         notes.push_back("times such as " + times.example + " are taken as " + times.pattern + ", but " + times.also +
