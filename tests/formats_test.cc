@@ -407,6 +407,23 @@ TEST(Terms, ValuesWithAUnitAreNumbersOfTheirBaseUnit) {
     }
 }
 
+TEST(Terms, PartsOfWords) {
+    const struct {
+        const char *text, *parts;
+    } table[] = {{"com.android.systemui nova-api_v2.LOG", "com android systemui nova api log"},
+                 {"NullPointerException: NIOServerCnxn blk_-16a9f", "null pointer exception nio server cnxn blk"},
+                 {"userIDs java.io.IOException ABC2DEF", "user ds java io exception abc def"},
+                 {"plain Capital 10.0.0.1 0xA", ""}};
+    for (const auto& row : table) {
+        term_set set;
+        term_set_add_parts(&set, row.text);
+        std::string parts;
+        for (const std::string_view part : term_set_terms(&set))
+            parts += (parts.empty() ? "" : " ") + std::string(part);
+        EXPECT_EQ(parts, row.parts);
+    }
+}
+
 TEST(Terms, QueriesFoldAsEventsDo) {
     std::string value("A\0\xc4Z[{", 6);
     EXPECT_EQ(fold_value(value), std::string("a \xc4z[{"));

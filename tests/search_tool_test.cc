@@ -274,9 +274,48 @@ TEST_F(SearchTool, Formats) {
         return run_at(other.file("store"), more).out;
     };
     EXPECT_EQ(with({"more", "-B", "3"}), "x\n" + raw + "\xFF\n\tmore\n");
-    EXPECT_EQ(with({"*", "-A1"}), raw + "\xFF\n\tmore\n--\nx\n" + raw + "\xFF\n");
+    EXPECT_EQ(with({"*", "-A1"}), "x\n" + raw + "\xFF\n\tmore\n");
+    EXPECT_EQ(with({"more", "--fields", "host,K", "--tz", "+02:00"}),
+              "time\thost\tk\n2024-03-01T02:00:00+02:00\th\ta,b\n");
     EXPECT_EQ(with({"k=a* OR x", "--color", "always"}),
               "2024-03-01T00:00:00Z k=\"\033[1;31ma\033[m,b\" \"q\"\\ \xFF\n\tmore\n\033[1;31mx\033[m\n");
+}
+
+TEST_F(SearchTool, FieldsAndLinesAroundEvents) {
+    const temp_dir other;
+    std::string log;
+    for (int i = 0; i < 9; i++) {
+        const std::string at = "2024-03-01T00:00:0" + std::to_string(i);
+        log += at + (i == 4 ? ".250" : "") + "Z Level=Info n=" + std::to_string(i) + (i == 8 ? " n=x level=info" : "") +
+               "\n";
+    }
+    write_file(other.file("log"), log);
+    ASSERT_EQ(run_at(other.file("store"), {"load", other.file("log"), "--no-fsync"}).status, 0);
+    const auto numbers = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "search");
+        std::string out;
+        const std::string text = run_at(other.file("store"), arguments).out + "\n";
+        for (size_t begin = 0; begin + 1 < text.size(); begin = text.find('\n', begin) + 1) {
+            const std::string line = text.substr(begin, text.find('\n', begin) - begin), group = "\"group\":";
+            const size_t number = line.find("n=");
+            if (const size_t at = line.find(group); at != std::string::npos) out += line[at + group.size()];
+            out += line.find("context\":true") != std::string::npos ? "c" : "";
+            out += number == std::string::npos ? line : line.substr(number + 2, 1);
+            out += ' ';
+        }
+        return out;
+    };
+    EXPECT_EQ(numbers({"n=1 OR n=3 OR n=7", "-C1"}), "6 7 8 -- 0 1 2 3 4 ");
+    EXPECT_EQ(numbers({"n=1 OR n=2 OR n=4", "-C1", "-r"}), "0 1 2 3 4 5 ");
+    EXPECT_EQ(numbers({"n=1 OR n=8", "-B1", "--format", "jsonl"}), "1c7 18 2c0 21 ");
+    EXPECT_EQ(numbers({"n=8", "--fields", "n,level,nosuch", "--format", "csv"}),
+              "time,n,level,nosuch\r 2024-03-01T00:00:08Z,8;x,Info;info,\r ");
+    EXPECT_EQ(
+        numbers({"n=4", "--fields", "all"}).find("time\thost\tsource\tsourcetype\tdirectory\taddress\traw\tlevel\tn "),
+        0u);
+    EXPECT_EQ(run_at(other.file("store"), {"search", "n=8 OR n=4", "--fields", "n", "--format", "jsonl"}).out,
+              "{\"time\":\"2024-03-01T00:00:08Z\",\"n\":[\"8\",\"x\"]}\n"
+              "{\"time\":\"2024-03-01T00:00:04.25Z\",\"n\":\"4\"}\n");
 }
 
 TEST_F(SearchTool, BoundsWithinASecondAreThoseOfTheLog) {
@@ -690,9 +729,29 @@ TEST(TimeInput, Forms) {
         EXPECT_TRUE(time_input_parse(row.text, &berlin, now, &time)) << row.text;
         EXPECT_EQ(time.time_s - BEGIN, row.berlin) << row.text;
     }
-    for (const char* text :
-         {"", "-", "-h", "-5", "5z", "1 hour 5", "-2h ago", "an", "last now", "1/3/2024", "Mar 1 10:05:03 IST", "@", "@x", "2024-02-30", "2024-03-01T", "25:00", "10", "10:5",
-          "10:05x", "2024-03-01T10:05+25:00", "2040-01-01", "-99999999999d", "@99999999999"}) {
+    for (const char* text : {"",
+                             "-",
+                             "-h",
+                             "-5",
+                             "5z",
+                             "1 hour 5",
+                             "-2h ago",
+                             "an",
+                             "last now",
+                             "1/3/2024",
+                             "Mar 1 10:05:03 IST",
+                             "@",
+                             "@x",
+                             "2024-02-30",
+                             "2024-03-01T",
+                             "25:00",
+                             "10",
+                             "10:5",
+                             "10:05x",
+                             "2024-03-01T10:05+25:00",
+                             "2040-01-01",
+                             "-99999999999d",
+                             "@99999999999"}) {
         st_timeval_t time;
         EXPECT_FALSE(time_input_parse(text, &utc, now, &time)) << text;
     }

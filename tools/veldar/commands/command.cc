@@ -139,9 +139,15 @@ void command::run(std::function<int(const tool_context&)> work) const {
 void add_bounds_options(const command& to, const char* events, std::string* since, std::string* until,
                         std::string* zone) {
     const std::string only = std::string("Only ") + events;
-    to.text("--since", since, only + "from this time on: 2015-05-17T10:05, 10:05, -2h, ...");
+    to.text("--since", since, only + "from this time on: 2015-05-17T10:05, 10:05, 2h, yesterday, \"3 days ago\" ...");
     to.text("--until", until, only + "before this time");
-    to.text("--tz", zone, "Zone of the two times: UTC, local, +02:00, Europe/Berlin ...");
+    add_zone_option(to, zone);
+}
+
+void add_zone_option(const command& to, std::string* zone) {
+    to.text("--tz", zone,
+            "Zone in which times are read and printed: UTC, local, +02:00, Europe/Berlin ... (else the machine's on a "
+            "terminal, and UTC)");
 }
 
 void add_query_options(const command& to, query_options* options, bool is_required) {

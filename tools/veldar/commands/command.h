@@ -63,6 +63,8 @@ struct command {
 // --since, --until and --tz; `events` is what they bound.
 void add_bounds_options(const command& to, const char* events, std::string* since, std::string* until,
                         std::string* zone);
+// --tz, for a command that prints times (time_zone_of).
+void add_zone_option(const command& to, std::string* zone);
 // QUERY, the bounds and --native. Without a QUERY that need not be there every event is meant.
 void add_query_options(const command& to, query_options* options, bool is_required = true);
 

@@ -23,7 +23,7 @@ namespace veldar::tool {
 namespace {
 
 struct diff_options {
-    std::string before, after, field, zone = "UTC", format;
+    std::string before, after, field, zone, format;
     uint64_t limit = 20;
 };
 
@@ -48,8 +48,7 @@ st_timeval_t time_of(const std::string& option, const std::string& text, int64_t
 
 // The index of a log keeps whole seconds, and nothing else is asked here.
 st_query_spec range_of(const std::string& option, const std::string& text, const std::string& zone_name) {
-    log_zone zone;
-    if (!log_zone_from_name(zone_name, &zone)) throw tool_failure{EXIT_USAGE, "unknown time zone " + zone_name};
+    log_zone zone = time_zone_of(zone_name);
     const size_t dots = text.find("..");
     if (dots == std::string::npos) {
         throw tool_failure{EXIT_USAGE, option + " " + text +
@@ -209,7 +208,7 @@ void add_diff_command(const command& veldar) {
     diff.text("FIELD", &options.field, "Only values of this field; else of all fields");
     diff.text("--before", &options.before, "FROM..TO, the times of the one").required();
     diff.text("--after", &options.after, "FROM..TO, those of the other").required();
-    diff.text("--tz", &options.zone, "Zone of the times: UTC, local, +02:00, Europe/Berlin ...");
+    add_zone_option(diff, &options.zone);
     diff.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many").with_default();
     diff.text("--format", &options.format, "table, tsv, csv or jsonl").one_of(TABLE_FORMATS);
     diff.run([](const tool_context& context) { return diff_run(context, options); });

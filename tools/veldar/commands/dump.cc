@@ -14,6 +14,7 @@
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/slice_events.h"
 #include "tools/veldar/query/slice_metrics.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/slices.h"
 
 namespace veldar::tool {
@@ -22,7 +23,7 @@ namespace {
 
 struct dump_options {
     std::string path;
-    std::string format = "jsonl";
+    std::string zone, format = "jsonl";
     bool deleted = false;
 };
 
@@ -56,7 +57,7 @@ std::string encoded_terms(const slice_events& events, uint32_t id) {
 
 void put_json(dump_run* run, const slice_events& events, uint32_t id, const st_tsval& value, bool deleted) {
     std::string* const out = &run->out.bytes;
-    *out += "{\"time\":\"" + event_time_text(value.time, value.subsecond) + "\",\"host\":";
+    *out += "{\"time\":\"" + event_time_text(value.time, value.subsecond, run->out.zone) + "\",\"host\":";
     json_put_string(out, event_source_name(run->source.hosts, value.h));
     *out += ",\"source\":";
     json_put_string(out, event_source_name(run->source.sources, value.s));
@@ -72,7 +73,7 @@ void put_json(dump_run* run, const slice_events& events, uint32_t id, const st_t
 }
 
 void put_csv(dump_run* run, const slice_events& events, uint32_t id, const st_tsval& value, bool deleted) {
-    const std::string fields[] = {event_time_text(value.time, value.subsecond),
+    const std::string fields[] = {event_time_text(value.time, value.subsecond, run->out.zone),
                                   event_source_name(run->source.hosts, value.h),
                                   event_source_name(run->source.sources, value.s),
                                   event_source_name(run->source.sourcetypes, value.st),
@@ -151,7 +152,7 @@ void put_json_sample(std::string* out, const slice_metric_sample& sample, const 
 // Metrics name their hosts, sources and source types themselves.
 void put_sample(dump_run* run, const slice_metric_sample& sample) {
     std::string* const out = &run->out.bytes;
-    const std::string time = event_time_text(sample.time, sample.nanoseconds);
+    const std::string time = event_time_text(sample.time, sample.nanoseconds, run->out.zone);
     const std::string name = std::string(METRIC_NAME_TERM.substr(1)).append(sample.set->names[sample.name]);
     if (run->options->format == "jsonl") return put_json_sample(out, sample, time, name);
     std::string measure, terms;
@@ -209,6 +210,7 @@ int dump_run_all(const tool_context& context, const dump_options& options) {
     dump_run run;
     run.options = &options;
     output_open(&run.out, "never");
+    run.out.zone = time_zone_of(options.zone);
     const slice_set set = slices_list(context.path_or_store(options.path));
     slices_tell_errors(set, &run.trouble);
     dump_slices(&run, set);
@@ -228,6 +230,7 @@ void add_dump_command(const command& veldar) {
     dump.text("PATH", &options.path, "A store, an index directory or a slice (else the store)");
     dump.text("--format", &options.format, "jsonl, csv or tsv").one_of({"jsonl", "csv", "tsv"}).with_default();
     dump.flag("--deleted", &options.deleted, "Deleted events too");
+    add_zone_option(dump, &options.zone);
     dump.run([](const tool_context& context) { return dump_run_all(context, options); });
 }
 

@@ -11,6 +11,7 @@
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/query_input.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
 
@@ -62,10 +63,12 @@ void print_query(explanation* e) {
     const st_query_spec& bounds = e->query->bounds;
     output_put(&e->out, "query   " + e->query->text + "\n");
     if (bounds.earliest.time_s != INT_MIN) {
-        output_put(&e->out, "since   " + event_time_text(bounds.earliest.time_s, bounds.earliest.time_ns) + "\n");
+        output_put(&e->out,
+                   "since   " + event_time_text(bounds.earliest.time_s, bounds.earliest.time_ns, e->out.zone) + "\n");
     }
     if (bounds.latest.time_s != INT_MAX) {
-        output_put(&e->out, "up to   " + event_time_text(bounds.latest.time_s, bounds.latest.time_ns) + "\n");
+        output_put(&e->out,
+                   "up to   " + event_time_text(bounds.latest.time_s, bounds.latest.time_ns, e->out.zone) + "\n");
     }
 }
 
@@ -203,6 +206,7 @@ int explain_run(const tool_context& context, const explain_options& options) {
     e.query = &query;
     e.limit = options.limit;
     output_open(&e.out, "never");
+    e.out.zone = time_zone_of(options.query.zone);
     const slice_set set = slices_list(store_choose(context.store));
     slices_hold(set, &e.trouble, [&] { return explain_slices(&e, set); });
     output_flush(&e.out);

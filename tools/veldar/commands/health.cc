@@ -9,6 +9,7 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/index_handle.h"
 #include "tools/veldar/store/slices.h"
 
@@ -32,15 +33,17 @@ void put_directory(text_output* out, const slice_directory& directory, int numbe
     output_put(out, fmt::format("{}: health {}, {} slice{}\n", directory.name, number, stat.count,
                                 stat.count == 1 ? "" : "s"));
     if (stat.count == 0) return;
-    const std::string earliest = event_time_text(stat.most_earliest, 0), latest = event_time_text(stat.most_latest, 0);
+    const std::string earliest = event_time_text(stat.most_earliest, 0, out->zone),
+                      latest = event_time_text(stat.most_latest, 0, out->zone);
     output_put(
         out, fmt::format("|{}|\n {}{:>{}}\n", drawing(histogram), earliest, latest, HEALTH_BUCKETS - earliest.size()));
 }
 
-int health_run(const tool_context& context, const std::string& path) {
+int health_run(const tool_context& context, const std::string& path, const std::string& zone) {
     const slice_set slices = slices_list(context.path_or_store(path));
     text_output out;
     output_open(&out, "never");
+    out.zone = time_zone_of(zone);
     troubles trouble;
     slices_tell_errors(slices, &trouble);
     for (const slice_directory& directory : slices.directories) {
@@ -61,13 +64,14 @@ int health_run(const tool_context& context, const std::string& path) {
 }  // namespace
 
 void add_health_command(const command& veldar) {
-    static std::string path;
+    static std::string path, zone;
     const command health = veldar.subcommand("health", "Show how much the time ranges of slices overlap");
     health.footer(
         "0 is best: every time is in one slice. The line below it stands for the time from the earliest to the latest\n"
         "event, each column for one 128th of it: how many slices lie over it, + for more than 9.");
     health.text("PATH", &path, "A store or an index directory (else the store)");
-    health.run([](const tool_context& context) { return health_run(context, path); });
+    add_zone_option(health, &zone);
+    health.run([](const tool_context& context) { return health_run(context, path, zone); });
 }
 
 }  // namespace veldar::tool

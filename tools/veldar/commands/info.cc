@@ -11,6 +11,7 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/time_input.h"
 
 namespace veldar::tool {
 
@@ -22,7 +23,7 @@ constexpr const char* FLAGS[FLAG_BITS] = {"PLO_TAG1", "VALUES_PACKED", "PREAMBLE
 
 struct info_options {
     std::string path;
-    std::string format = "text";
+    std::string zone, format = "text";
 };
 
 struct slice_info {
@@ -88,14 +89,14 @@ const char* kind_text(const slice_image& image) {
     return st_warm_slice_is_msidx(&image.header) ? "metrics" : "events";
 }
 
-void put_header_text(const slice_info& info, std::string* out) {
+void put_header_text(const slice_info& info, const log_zone& zone, std::string* out) {
     const st_warm_slice_body& h = info.image.header;
     *out += fmt::format("\nHeader\n  {:<16}{}\n", "magic", magic_text(info));
     for (const auto& [name, value] : header_fields(h)) {
         *out += fmt::format("  {:<16}{}", name, value);
         const std::string_view field = name;
         if (field == "earliest" || field == "latest") {
-            *out += "  " + event_time_text(static_cast<st_time_t>(value), 0);
+            *out += "  " + event_time_text(static_cast<st_time_t>(value), 0, zone);
         }
         if (field == "wflags") {
             for (const char* const flag : flag_names(h)) *out += fmt::format(" {}", flag);
@@ -151,7 +152,7 @@ uint32_t num_sets(const st_warm_slice_body& h) {
     return warm_header_is_rev1(&h) ? h.num_dimsets.get() : 0;
 }
 
-std::string info_text(const slice_info& info) {
+std::string info_text(const slice_info& info, const log_zone& zone) {
     const slice_image& image = info.image;
     std::string out = fmt::format("{}: {} bytes", image.path, image.bytes.size());
     if (image.has_header) {
@@ -159,7 +160,7 @@ std::string info_text(const slice_info& info) {
         out += fmt::format(", {}, {} {}", kind_text(image), events_of(info), metrics ? "events" : "values");
         out += metrics ? fmt::format(", {} samples, {} dimension sets\n", info.report.samples, num_sets(image.header))
                        : fmt::format(", {} deleted\n", info.report.deleted);
-        put_header_text(info, &out);
+        put_header_text(info, zone, &out);
         put_sections_text(info, &out);
         put_terms_text(info, &out);
     } else {
@@ -277,7 +278,7 @@ int info_run(const info_options& options) {
                        lexicon_image_read(info.image.bytes, lexicon.offset, &info.lexicon);
     text_output out;
     output_open(&out, "never");
-    output_put(&out, options.format == "json" ? info_json(info) : info_text(info));
+    output_put(&out, options.format == "json" ? info_json(info) : info_text(info, time_zone_of(options.zone)));
     output_flush(&out);
     return info.report.total == 0 ? EXIT_DONE : EXIT_DAMAGED;
 }
@@ -290,6 +291,7 @@ void add_info_command(const command& veldar) {
     info.footer("Exit status: 0, 4 when the slice is damaged (what can be told is printed), 5 when it cannot be read.");
     info.text("PATH", &options.path, "The slice").required();
     info.text("--format", &options.format, "text or json").one_of({"text", "json"}).with_default();
+    add_zone_option(info, &options.zone);
     info.run([](const tool_context&) { return info_run(options); });
 }
 

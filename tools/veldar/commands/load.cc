@@ -79,6 +79,7 @@ void add_load_command(const command& veldar) {
               "Leave files out of whose first records under half say a time that is understood");
     load.text("--host", &options.host, "The events' host, instead of the log's or this machine's");
     load.text("--sourcetype", &options.sourcetype, "The events' sourcetype, instead of the format's name");
+    load.flag("--parts", &options.parts, "Index the parts of words too: exception of NullPointerException");
     load.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away stores");
     load.flag("--no-optimize", &options.no_optimize, "Do not merge slices in the end, even if there are many");
     load.number("--bucket-bytes", &options.bucket_bytes, 1, BUCKET_BYTES_MAX, "").hidden();

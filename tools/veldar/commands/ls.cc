@@ -12,6 +12,7 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/slices.h"
 
 namespace veldar::tool {
@@ -20,7 +21,7 @@ namespace {
 
 struct ls_options {
     std::string path;
-    std::string format = "table";
+    std::string zone, format = "table";
     bool buckets = false;
 };
 
@@ -116,8 +117,8 @@ std::vector<ls_row> read_rows(const slice_set& set, bool buckets, troubles* trou
     return rows;
 }
 
-std::string time_cell(const ls_row& row, st_time_t time) {
-    return row.has_times ? event_time_text(time, 0) : "-";
+std::string time_cell(const ls_row& row, st_time_t time, const log_zone& zone) {
+    return row.has_times ? event_time_text(time, 0, zone) : "-";
 }
 
 std::string number_cell(const ls_row& row, uint64_t number) {
@@ -126,15 +127,17 @@ std::string number_cell(const ls_row& row, uint64_t number) {
 
 void put_table(text_output* out, const std::vector<ls_row>& rows, bool buckets) {
     size_t width = 10;
+    const int times = time_width(out->zone);
     for (const ls_row& row : rows) width = std::max(width, row.format.size());
-    output_put(out, fmt::format("{:<20}  {:<20}  {:>10}  {:>8}  {:>9}  {:>12}  {:<{}}  {}\n", "earliest", "latest",
-                                "events", "deleted", "terms", "bytes", buckets ? "slices" : "format", width,
-                                buckets ? "directory" : "slice"));
+    output_put(out, fmt::format("{:<{}}  {:<{}}  {:>10}  {:>8}  {:>9}  {:>12}  {:<{}}  {}\n", "earliest", times,
+                                "latest", times, "events", "deleted", "terms", "bytes", buckets ? "slices" : "format",
+                                width, buckets ? "directory" : "slice"));
     for (const ls_row& row : rows) {
-        output_put(
-            out, fmt::format("{:<20}  {:<20}  {:>10}  {:>8}  {:>9}  {:>12}  {:<{}}  {}\n", time_cell(row, row.earliest),
-                             time_cell(row, row.latest), number_cell(row, row.events), number_cell(row, row.deleted),
-                             number_cell(row, row.terms), row.bytes, row.format, width, row.name));
+        output_put(out,
+                   fmt::format("{:<{}}  {:<{}}  {:>10}  {:>8}  {:>9}  {:>12}  {:<{}}  {}\n",
+                               time_cell(row, row.earliest, out->zone), times, time_cell(row, row.latest, out->zone),
+                               times, number_cell(row, row.events), number_cell(row, row.deleted),
+                               number_cell(row, row.terms), row.bytes, row.format, width, row.name));
         output_end_record(out);
     }
 }
@@ -145,8 +148,8 @@ void put_jsonl(text_output* out, const std::vector<ls_row>& rows, bool buckets) 
         *line += buckets ? "{\"directory\":" : "{\"slice\":";
         json_put_string(line, row.name);
         if (row.has_times) {
-            *line += fmt::format(",\"earliest\":\"{}\",\"latest\":\"{}\"", event_time_text(row.earliest, 0),
-                                 event_time_text(row.latest, 0));
+            *line += fmt::format(",\"earliest\":\"{}\",\"latest\":\"{}\"", event_time_text(row.earliest, 0, out->zone),
+                                 event_time_text(row.latest, 0, out->zone));
         }
         if (row.readable) {
             *line += fmt::format(",\"events\":{},\"deleted\":{},\"terms\":{}", row.events, row.deleted, row.terms);
@@ -165,6 +168,7 @@ int ls_run(const tool_context& context, const ls_options& options) {
     const std::vector<ls_row> rows = read_rows(slices, options.buckets, &trouble);
     text_output out;
     output_open(&out, "never");
+    out.zone = time_zone_of(options.zone);
     if (options.format == "jsonl") {
         put_jsonl(&out, rows, options.buckets);
     } else {
@@ -182,6 +186,7 @@ void add_ls_command(const command& veldar) {
     ls.text("PATH", &options.path, "A store, an index directory or a slice (else the store)");
     ls.flag("-b,--buckets", &options.buckets, "One line a directory instead of one a slice");
     ls.text("--format", &options.format, "table or jsonl").one_of({"table", "jsonl"}).with_default();
+    add_zone_option(ls, &options.zone);
     ls.run([](const tool_context& context) { return ls_run(context, options); });
 }
 

@@ -7,6 +7,7 @@
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/query/metric_catalog.h"
 #include "tools/veldar/query/metric_points.h"
+#include "tools/veldar/query/time_input.h"
 
 namespace veldar::tool {
 
@@ -14,20 +15,21 @@ namespace {
 
 struct list_options {
     std::string pattern;  // ls: of names; cardinality: a label
-    std::string format = "table";
+    std::string zone, format = "table";
     bool jsonl() const { return format == "jsonl"; }
 };
 
 void put_name(text_output* out, const std::string& name, const metric_name_totals& totals, bool jsonl) {
-    const std::string earliest = event_time_text(totals.earliest, 0), latest = event_time_text(totals.latest, 0);
+    const std::string earliest = event_time_text(totals.earliest, 0, out->zone),
+                      latest = event_time_text(totals.latest, 0, out->zone);
     if (jsonl) {
         output_put(out, "{\"name\":");
         json_put_string(&out->bytes, name);
         output_put(out, fmt::format(",\"points\":{},\"sets\":{},\"earliest\":\"{}\",\"latest\":\"{}\"}}\n",
                                     totals.points, totals.sets.size(), earliest, latest));
     } else {
-        output_put(
-            out, fmt::format("{:>12}  {:>9}  {}  {}  {}\n", totals.points, totals.sets.size(), earliest, latest, name));
+        output_put(out, fmt::format("{:>12}  {:>9}  {:<{}}  {:<{}}  {}\n", totals.points, totals.sets.size(), earliest,
+                                    time_width(out->zone), latest, time_width(out->zone), name));
     }
     output_end_record(out);
 }
@@ -37,9 +39,10 @@ int ls_run(const tool_context& context, const std::string& directory, const list
     const metric_catalog catalog = metric_catalog_read(metrics_directory(context, directory), &trouble);
     text_output out;
     output_open(&out, "never");
+    out.zone = time_zone_of(options.zone);
     if (!options.jsonl()) {
-        output_put(&out,
-                   fmt::format("{:>12}  {:>9}  {:<20}  {:<20}  {}\n", "points", "sets", "earliest", "latest", "name"));
+        output_put(&out, fmt::format("{:>12}  {:>9}  {:<{}}  {:<{}}  {}\n", "points", "sets", "earliest",
+                                     time_width(out.zone), "latest", time_width(out.zone), "name"));
     }
     bool found = false;
     for (const auto& [name, totals] : catalog.names) {
@@ -126,6 +129,7 @@ void add_metrics_ls_command(const command& metrics, const std::string* directory
     const command ls = metrics.subcommand("ls", "List metrics with their points, sets of labels and times");
     ls.text("NAME", &options.pattern, "Only these names; * stands for any characters");
     add_format_option(ls, &options);
+    add_zone_option(ls, &options.zone);
     ls.run([directory](const tool_context& context) { return ls_run(context, *directory, options); });
 }
 

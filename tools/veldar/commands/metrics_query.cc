@@ -12,6 +12,7 @@
 #include "tools/veldar/query/metric_catalog.h"
 #include "tools/veldar/query/metric_points.h"
 #include "tools/veldar/query/query_input.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/index_handle.h"
 
 namespace veldar::tool {
@@ -23,7 +24,7 @@ constexpr uint64_t DUMP_POINTS = uint64_t{1} << 22;  // of one pass, unless a si
 struct points_options {
     std::vector<std::string> names;  // patterns
     std::vector<std::string> where;
-    std::string since, until, zone = "UTC", format = "text";
+    std::string since, until, zone, format = "text";
     uint64_t limit = 0;
     bool oldest_first = false;
     metrics_stats_options stats;
@@ -106,7 +107,7 @@ void print_point(point_printer* printer, const metric_points& points, const metr
     const int64_t floor_ms = point.time_ms % 1000 < 0 ? point.time_ms % 1000 + 1000 : point.time_ms % 1000;
     const auto seconds = static_cast<st_time_t>((point.time_ms - floor_ms) / 1000);
     const auto nanoseconds = static_cast<uint32_t>(floor_ms) * 1000000;
-    const std::string time = event_time_text(seconds, nanoseconds);
+    const std::string time = event_time_text(seconds, nanoseconds, out->zone);
     std::string value;
     metric_value_put(&value, point.value);
     if (printer->format == "jsonl") {
@@ -182,6 +183,7 @@ int query_run(const tool_context& context, const std::string& given, const point
     point_printer printer;
     printer.format = options.format;
     output_open(&printer.out, "never");
+    printer.out.zone = time_zone_of(options.zone);
     if (options.format == "csv") output_put(&printer.out, "time,series,value\r\n");
     for (const metric_point& point : points.points) {
         if (!printer.out.closed) print_point(&printer, points, point);
@@ -235,6 +237,7 @@ int dump_run(const tool_context& context, const std::string& given, const points
     point_printer printer;
     printer.format = "openmetrics";
     output_open(&printer.out, "never");
+    printer.out.zone = time_zone_of(options.zone);
     for (auto first = catalog.names.begin(); first != catalog.names.end() && !printer.out.closed;) {
         auto last = first;
         uint64_t sum = first->second.points;

@@ -8,6 +8,7 @@
 #include "tools/veldar/output/table_output.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/query/term_input.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
@@ -15,7 +16,7 @@ namespace veldar::tool {
 namespace {
 
 struct new_options {
-    std::string since, zone = "UTC", pattern, format;
+    std::string since, zone, pattern, format;
     uint64_t limit = 0;  // 0: all
 };
 
@@ -60,6 +61,7 @@ int new_run(const tool_context& context, const new_options& options) {
     std::sort(found.begin(), found.end());
     text_output out;
     output_open(&out, "never");
+    out.zone = time_zone_of(options.zone);
     table_output table;
     table.out = &out;
     table.format = table_format_from_name(options.format);
@@ -67,8 +69,8 @@ int new_run(const tool_context& context, const new_options& options) {
     table_begin(&table);
     for (const new_term& one : found) {
         if (out.closed) break;
-        table_put_row(&table, {text_cell(event_time_text(one.totals.earliest, 0)), count_cell(one.totals.count),
-                               text_cell(term_query_text(one.term))});
+        table_put_row(&table, {text_cell(event_time_text(one.totals.earliest, 0, out.zone)),
+                               count_cell(one.totals.count), text_cell(term_query_text(one.term))});
     }
     table_end(&table);
     output_flush(&out);
@@ -83,7 +85,7 @@ void add_new_command(const command& veldar) {
     fresh.footer("Ends with 0 when there are any, with 1 when there are none.");
     fresh.text("PATTERN", &options.pattern, "A field, such as host; or field=value, word* as for 'terms'; else all");
     fresh.text("--since", &options.since, "The time: 2015-05-17T10:05, 10:05, -2h, ...").required();
-    fresh.text("--tz", &options.zone, "Zone of the time: UTC, local, +02:00, Europe/Berlin ...");
+    add_zone_option(fresh, &options.zone);
     fresh.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many, the newest ones");
     fresh.text("--format", &options.format, "table, tsv, csv or jsonl").one_of(TABLE_FORMATS);
     fresh.run([](const tool_context& context) { return new_run(context, options); });

@@ -9,6 +9,7 @@
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/query_input.h"
 #include "tools/veldar/query/term_input.h"
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
@@ -134,7 +135,7 @@ term_pattern exact_term(const std::string& text) {
     return pattern;
 }
 
-int seen_run(const tool_context& context, const std::string& text) {
+int seen_run(const tool_context& context, const std::string& text, const std::string& zone) {
     term_totals_t all;
     troubles trouble;
     const auto visit = [&](std::string_view, const term_totals_t& totals) {
@@ -144,10 +145,11 @@ int seen_run(const tool_context& context, const std::string& text) {
     walk_terms(store_choose(context.store), term_choice_of(exact_term(text)), visit, &trouble);
     text_output out;
     output_open(&out, "never");
+    out.zone = time_zone_of(zone);
     output_put(&out, "events\t" + std::to_string(all.count) + "\n");
     if (all.count > 0) {
-        output_put(&out, "first\t" + event_time_text(all.earliest, 0) + "\n");
-        output_put(&out, "last\t" + event_time_text(all.latest, 0) + "\n");
+        output_put(&out, "first\t" + event_time_text(all.earliest, 0, out.zone) + "\n");
+        output_put(&out, "last\t" + event_time_text(all.latest, 0, out.zone) + "\n");
     }
     output_flush(&out);
     return answer_status(all.count > 0, trouble);
@@ -173,10 +175,11 @@ void add_fields_command(const command& veldar) {
 }
 
 void add_seen_command(const command& veldar) {
-    static std::string term;
+    static std::string term, zone;
     const command seen = veldar.subcommand("seen", "Tell when a term was first and last seen, and how often");
     seen.text("TERM", &term, "A word or field=value").required();
-    seen.run([](const tool_context& context) { return seen_run(context, term); });
+    add_zone_option(seen, &zone);
+    seen.run([](const tool_context& context) { return seen_run(context, term, zone); });
 }
 
 }  // namespace veldar::tool

@@ -103,6 +103,23 @@ void commit_term(term_set* set, size_t size) {
     set->arena_used += size;
 }
 
+bool is_capital(char c) {
+    return c >= 'A' && c <= 'Z';
+}
+bool is_letter(char c) {
+    return is_capital(c) || (c >= 'a' && c <= 'z');
+}
+
+// Where the part ends that begins with a letter of the word at `begin`: a run of small letters behind at most one
+// capital, or one of capitals, whose last one belongs to the small letters behind it.
+size_t part_end(std::string_view word, size_t begin) {
+    size_t end = begin;
+    while (end < word.size() && is_capital(word[end])) end++;
+    if (end - begin > 1) return end < word.size() && is_letter(word[end]) ? end - 1 : end;
+    while (end < word.size() && is_letter(word[end]) && !is_capital(word[end])) end++;
+    return end;
+}
+
 }  // namespace
 
 bool word_begins_at(std::string_view text, size_t at) {
@@ -130,6 +147,26 @@ void term_set_add_text(term_set* set, std::string_view text) {
         const size_t size = std::min(word.size(), TERM_MAX);
         fold_into(set->arena.data() + set->arena_used, word.data(), size);
         commit_term(set, size);
+    }
+}
+
+void term_set_add_parts(term_set* set, std::string_view text) {
+    reserve_arena(set, text.size());
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    for (std::string_view word; !(word = next_word(&at, end)).empty();) {
+        for (size_t begin = 0; begin < word.size();) {
+            if (!is_letter(word[begin])) {
+                begin++;
+                continue;
+            }
+            const size_t size = std::min(part_end(word, begin) - begin, TERM_MAX);
+            if (size > 1 && size < word.size()) {
+                fold_into(set->arena.data() + set->arena_used, word.data() + begin, size);
+                commit_term(set, size);
+            }
+            begin += size;
+        }
     }
 }
 

@@ -25,6 +25,7 @@ struct load_options {
     int year = 0;
     std::string time_field;
     bool strict = false;
+    bool parts = false;
     bool no_fsync = false;
     bool no_optimize = false;
     uint64_t bucket_bytes = BUCKET_BYTES_MAX;

@@ -62,6 +62,18 @@ void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_
     maker->has_time = true;
 }
 
+void log_event_fields(log_event_maker* maker, std::string_view record, std::vector<field_view>* fields) {
+    std::string_view left = record = uncoloured(record, &maker->plain);
+    const std::string_view part = parsed_part(*maker->format, record);
+    left.remove_prefix(std::min(part.size() + 1, left.size()));
+    parse_first(maker, record_text(part));
+    *fields = maker->first.fields;
+    while (!left.empty()) {
+        parse_continued_line(take_line(&left), &maker->continued);
+        fields->insert(fields->end(), maker->continued.fields.begin(), maker->continued.fields.end());
+    }
+}
+
 void log_event_make(log_event_maker* maker, std::string_view record) {
     record = uncoloured(record, &maker->plain);
     std::string_view left = record;
@@ -70,9 +82,12 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     const std::string_view part = parsed_part(*maker->format, record);
     left.remove_prefix(std::min(part.size() + 1, left.size()));
     parse_first(maker, record_text(part));
-    term_set_add_text(
-        terms, maker->format->is_json ? uncoloured(json_text(record, &maker->decoded), &maker->decoded) : record);
-    if (!maker->first.more_text.empty()) term_set_add_text(terms, maker->first.more_text);
+    const std::string_view text =
+        maker->format->is_json ? uncoloured(json_text(record, &maker->decoded), &maker->decoded) : record;
+    for (const std::string_view one : {text, std::string_view(maker->first.more_text)}) {
+        term_set_add_text(terms, one);
+        if (maker->with_parts) term_set_add_parts(terms, one);
+    }
     maker->line_host = host_of(*maker);
     term_set_add_field(terms, HOST, maker->line_host);
     term_set_add_field(terms, SOURCE, maker->source);

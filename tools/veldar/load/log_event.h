@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "searchthing/base/st_timeval.h"
 #include "tools/veldar/formats/line_format.h"
@@ -16,7 +17,8 @@ struct log_event_maker {
     format_context context;
     std::string source, sourcetype, host;  // host: of lines that do not name theirs, or of all when host_fixed
     bool host_fixed = false;
-    st_timeval_t time;  // of the last record: what a record without a time takes
+    bool with_parts = false;  // parts of words are terms too
+    st_timeval_t time;        // of the last record: what a record without a time takes
     bool has_time = false;
     bool from_file = false;  // it is not from a record, but from the file
 
@@ -30,6 +32,8 @@ struct log_event_maker {
 void log_event_note(log_event_maker* maker, std::string_view record);
 // When no time is known yet: takes the first that stands in these lines, else `otherwise`.
 void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise);
+// The fields of a record as it writes them, those of its continued lines too; the views are valid until the next record.
+void log_event_fields(log_event_maker* maker, std::string_view record, std::vector<field_view>* fields);
 // Makes the event of a record: maker->time, ->line_host and ->terms, the views valid until the next record.
 void log_event_make(log_event_maker* maker, std::string_view record);
 

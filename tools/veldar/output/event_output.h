@@ -1,16 +1,21 @@
 // Prints found events.
 //
-//   raw     the records as they stand in the logs; with context lines, groups separated by "--"
+//   raw     the records as they stand in the logs; with lines around them, groups separated by "--"
 //   table   time, host, source and the record's first line; aligned on a terminal, separated by tabs elsewhere
-//   jsonl   one object a line: time, host, source, sourcetype, directory, address, raw
-//   csv     the same columns, RFC 4180, with a header line
+//   jsonl   one object a line: time, host, source, sourcetype, directory, address, raw, or the fields that are asked for;
+//           with lines around them these too, told by "context", and the number of the "group"
+//   csv     the same columns, RFC 4180, with a header line; a field's values have ";" between them
 //   tsv     the same, with \t, \n, \r and \\ for those characters
 //   addr    time, address and directory, separated by tabs: all that is known where there are no logs
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "tools/veldar/formats/log_time.h"
+#include "tools/veldar/load/event_terms.h"
+#include "tools/veldar/output/event_context.h"
 #include "tools/veldar/output/highlight.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/query/event_source.h"
@@ -25,20 +30,32 @@ struct event_output {
     event_source* source = nullptr;
     event_format_t format = FORMAT_RAW;
     bool has_raw = true;                      // the raw records can be read
-    uint32_t before = 0, after = 0;           // context lines
+    std::vector<std::string> columns;         // jsonl, csv, tsv: "time", "host" ... or names of fields, folded
+    bool all_fields = false;                  // and every field: of jsonl those of the event, else those learned
+    context_groups context;                   // raw, jsonl: with lines around the records
     highlighter wanted;                       // used in colour only
     size_t host_width = 0, source_width = 0;  // of a table's columns
-    uint64_t printed = 0;
+    event_terms reader;
 };
 
+// Chooses the columns: "status,path" for these fields behind the time, "all" for all beside the usual columns, and ""
+// for the usual ones.
+void event_output_choose(event_output* output, const std::string& fields);
+// Whether the columns are those of the events to come, which have to be learned before the beginning.
+bool event_output_learns(const event_output& output);
+void event_output_learn(event_output* output, const event_t& event);
 // Prepares the columns and prints the header line of a format that has one.
 void event_output_begin(event_output* output);
 // Prints one event. What cannot be read of it is told to the source's troubles and left out: in raw format the event,
 // elsewhere its text.
 void event_output_put(event_output* output, const event_t& event);
+// Prints what was held back; after the last event.
+void event_output_end(event_output* output);
 
-// "2015-05-17T10:05:03Z", with the fraction of a second when there is one.
-std::string event_time_text(st_time_t time, uint64_t nanoseconds);
+// "2015-05-17T10:05:03Z" or "2015-05-17T12:05:03+02:00", with the fraction of a second when there is one.
+std::string event_time_text(st_time_t time, uint64_t nanoseconds, const log_zone& zone = {});
+// How many characters the times of a zone take, without fractions.
+int time_width(const log_zone& zone);
 // Appends the text as a JSON string; bytes that are no UTF-8 become U+FFFD.
 void json_put_string(std::string* out, std::string_view text);
 // Appends a field of a CSV line, quoted when it has to be; and one of a TSV line, with its separators escaped.

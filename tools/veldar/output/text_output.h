@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/veldar/formats/log_time.h"
 #include "tools/veldar/store/troubles.h"
 #include "tools/veldar/store/visible_text.h"
 
@@ -13,6 +14,7 @@ namespace veldar::tool {
 struct text_output {
     std::string bytes;
     size_t made_visible = 0;  // on a terminal: how many of the bytes can be shown as they are
+    log_zone zone;            // in which times are printed; UTC unless a command sets it
     bool terminal = false;
     bool colour = false;
     bool closed = false;

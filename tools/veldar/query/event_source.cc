@@ -114,7 +114,7 @@ bool event_source_context(event_source* source, const event_t& event, uint32_t b
     return false;
 }
 
-bool event_source_fraction(event_source* source, const event_t& event, uint64_t* nanoseconds) {
+bool event_source_fraction(event_source* source, const event_t& event, uint64_t* nanoseconds, bool asked_too) {
     const raw_record* const record = event_source_record(source, event);
     if (record == nullptr) return false;
     format_context context;
@@ -122,7 +122,7 @@ bool event_source_fraction(event_source* source, const event_t& event, uint64_t*
     context.boot_s = 0;  // whole seconds change no fraction
     context.modified_s = static_cast<int64_t>(record->file->modified_ns / NANOSECONDS);
     *nanoseconds = 0;
-    if (format == nullptr || has_fraction(*format, &context, record->text, nanoseconds)) return true;
+    if (format == nullptr || has_fraction(*format, &context, record->text, nanoseconds) || !asked_too) return true;
     std::vector<std::string> before, after;
     if (!event_source_context(source, event, NEIGHBOURS, NEIGHBOURS, &before, &after)) return false;
     std::reverse(before.begin(), before.end());

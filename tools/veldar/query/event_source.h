@@ -36,8 +36,9 @@ const raw_record* event_source_record(event_source* source, const event_t& event
 bool event_source_context(event_source* source, const event_t& event, uint32_t before, uint32_t after,
                           std::vector<std::string>* lines_before, std::vector<std::string>* lines_after);
 // The fraction of a second, in nanoseconds, of the time at which an event was loaded: that of its record, or of the
-// lines around it when the record says none. False when the record cannot be read, which is told to the troubles.
-bool event_source_fraction(event_source* source, const event_t& event, uint64_t* nanoseconds);
+// lines around it when the record says none and they are to be `asked_too`. False when the record cannot be read, which
+// is told to the troubles.
+bool event_source_fraction(event_source* source, const event_t& event, uint64_t* nanoseconds, bool asked_too = true);
 // The events of the listed slices that the query finds, `limit` of them or, with 0, all. What cannot be read is passed
 // over and told to the source's troubles. What the index does not know is checked with the raw records: the text for
 // the plans that ask for it, and fractions of a second at the query's bounds; EXIT_USAGE when that has to be known and

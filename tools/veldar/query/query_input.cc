@@ -116,8 +116,7 @@ void query_protect_words(std::vector<std::string>* arguments) {
 
 void query_set_bounds(const std::string& since, const std::string& until, const std::string& zone,
                       st_query_spec* query) {
-    log_zone named;
-    if (!log_zone_from_name(zone, &named)) throw tool_failure{EXIT_USAGE, "unknown time zone " + zone};
+    log_zone named = time_zone_of(zone);
     st_timeval_t earliest = {INT_MIN, 0}, latest = {INT_MAX, 0};
     if (!since.empty()) earliest = time_of("--since", since, &named);
     if (!until.empty()) latest = time_of("--until", until, &named);

@@ -11,7 +11,7 @@ namespace veldar::tool {
 
 struct query_options {
     std::vector<std::string> words;  // joined with blanks
-    std::string since, until, zone = "UTC";
+    std::string since, until, zone;  // zone: see time_zone_of
     bool native = false;
 };
 

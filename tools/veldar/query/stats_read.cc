@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "tools/veldar/query/time_input.h"
 #include "tools/veldar/store/tool_failure.h"
 
 namespace veldar::tool {
@@ -90,9 +91,7 @@ std::string every_fault(const std::string& every) {
 stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& slices, const prepared_query& query,
                            select_spec_t* spec) {
     stats_grid grid;
-    if (!log_zone_from_name(request.zone, &grid.zone)) {
-        throw tool_failure{EXIT_USAGE, "unknown time zone " + request.zone};
-    }
+    grid.zone = time_zone_of(request.zone);
     grid.has_bins = !request.every.empty();
     if (!grid.has_bins) return grid;
     time_range range = range_of(slices, query.bounds);

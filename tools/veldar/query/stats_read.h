@@ -22,8 +22,8 @@ struct stats_grid {
 };
 
 struct stats_grid_request {
-    std::string every;  // empty: no bins
-    std::string zone = "UTC";
+    std::string every;     // empty: no bins
+    std::string zone;      // see time_zone_of
     uint64_t wanted = 80;  // bins, of auto
 };
 

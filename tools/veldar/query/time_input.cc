@@ -1,5 +1,7 @@
 #include "tools/veldar/query/time_input.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -8,6 +10,7 @@
 #include "tools/veldar/formats/log_stamp.h"
 #include "tools/veldar/formats/time_place.h"
 #include "tools/veldar/query/suggestion.h"
+#include "tools/veldar/store/tool_failure.h"
 
 namespace veldar::tool {
 
@@ -258,6 +261,16 @@ bool time_input_parse(std::string_view text, log_zone* zone, int64_t now_s, st_t
     if (small == "now") return log_time_store(now_s, 0, out);
     return parse_relative(small, zone, now_s, out) || parse_day(small, zone, now_s, out) ||
            parse_civil(text, zone, now_s, out) || parse_written(std::string(text), zone, now_s, out);
+}
+
+log_zone time_zone_of(const std::string& option) {
+    log_zone zone;
+    if (option.empty()) {
+        static_cast<void>(::isatty(STDOUT_FILENO) == 1 && log_zone_from_name("local", &zone));
+    } else if (!log_zone_from_name(option, &zone)) {
+        throw tool_failure{EXIT_USAGE, "unknown time zone " + option};
+    }
+    return zone;
 }
 
 std::string time_input_advice(std::string_view text) {

@@ -29,6 +29,10 @@ inline constexpr char TIME_INPUT_FORMS[] =
 // epoch.
 [[nodiscard]] bool time_input_parse(std::string_view text, log_zone* zone, int64_t now_s, st_timeval_t* out);
 
+// The zone in which a command reads and prints times: of --tz, or without it that of the machine when standard output is
+// a terminal, and UTC else. Throws tool_failure with EXIT_USAGE for an unknown one.
+log_zone time_zone_of(const std::string& option);
+
 // What may have been meant by a text that is no time; empty when nobody knows.
 std::string time_input_advice(std::string_view text);
 
