@@ -187,6 +187,15 @@ TEST(Formats, HeadsNameTheColumnsOfTables) {
     }
 }
 
+TEST(Formats, TheJournalsExportHasFieldsOfAnyBytes) {
+    const std::string bytes = std::string("MESSAGE\n\x0d\0\0\0\0\0\0\0", 16) + "k=v\n__CURSOR=\n_PID=7\n";
+    const std::string record = "__CURSOR=s=1\n__REALTIME_TIMESTAMP=1435752000000001\n_HOSTNAME=h\n" + bytes;
+    EXPECT_EQ(parse_with("journal-export", record), "1435752000.1000 _HOSTNAME=h MESSAGE=k=v\n__CURSOR= _PID=7 k=v");
+    for (size_t size = 0; size < record.size(); size++) parse_with("journal-export", record.substr(0, size));
+    const std::vector<std::string_view> lines = {"__CURSOR=s=1", "_PID=7"};
+    EXPECT_STREQ(detect_format(lines, {})->name, "journal-export");
+}
+
 TEST(Formats, LinesOfAnotherFormHaveNoTimeButTheirPairs) {
     for (const char* line : {"", "k=v", "{\"a\" k=v\r", "{", "<192>Jun 14 15:16:01 h k=v", "Jun 31x", "<1>1 2003",
                              "[Sun Dec 04 04:47:44 2005", "2015-13-01 00:00:00 k=v", "2015-01-01 24:00:00",

@@ -41,6 +41,19 @@ constexpr decltype(&parse_json) INNER[] = {parse_json,         parse_cri,       
                                            parse_apache_error, parse_syslog_5424, parse_syslog,      parse_syslog_iso,
                                            parse_iso8601,      parse_yymmdd,      parse_epoch,       parse_logfmt};
 
+// Whether one of them may have the text: most messages are words.
+bool may_be_line(std::string_view text) {
+    if (text.empty()) return false;
+    const bool letter = ((text[0] | 0x20) >= 'a' && (text[0] | 0x20) <= 'z') || text[0] == '_';
+    if (!letter) return std::string_view("{[<0123456789:").find(text[0]) != std::string_view::npos;
+    std::string_view rest = text;
+    unsigned month = 0;
+    const size_t key = key_size(text);
+    if ((key > 0 && key < text.size() && text[key] == '=') || take_month(&rest, &month)) return true;
+    constexpr size_t CLIENT_AND_TIME = 200;  // what stands before the request of an access log that begins with a name
+    return text.substr(0, CLIENT_AND_TIME).find("] \"") != std::string_view::npos;
+}
+
 }  // namespace
 
 bool is_time_name(std::string_view name) {
@@ -74,7 +87,7 @@ bool take_named_time(parsed_line* out, std::string_view name, std::string_view t
 }
 
 void add_message(parsed_line* out, std::string_view text, format_context* context) {
-    if (out->depth == DEPTH_MAX || out->inner_used) return add_pairs(out, text);
+    if (out->depth == DEPTH_MAX || out->inner_used || !may_be_line(text)) return add_pairs(out, text);
     if (out->inner == nullptr) {
         out->inner = std::make_unique<parsed_line>();
         out->inner->form_only = true;

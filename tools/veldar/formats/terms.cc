@@ -13,13 +13,15 @@ constexpr size_t SLACK = 8;  // bytes behind a term in the arena that may be rea
 
 constexpr uint64_t EACH_BYTE = 0x0101010101010101;
 
-// Eight bytes at once: A to Z get the bit that makes them small, bytes above 127 stay.
+// Eight bytes at once: A to Z get the bit that makes them small, a NUL the one that makes it a blank; bytes above 127
+// stay.
 uint64_t fold_word(uint64_t word) {
     uint64_t low = word & (EACH_BYTE * 0x7f);
+    uint64_t nul = ~(word | (low + EACH_BYTE * 0x7f)) & (EACH_BYTE * 0x80);
     uint64_t from_a = low + EACH_BYTE * (0x80 - 'A');
     uint64_t past_z = low + EACH_BYTE * (0x7f - 'Z');
     uint64_t upper = ~word & (from_a ^ past_z) & (EACH_BYTE * 0x80);
-    return word | upper >> 2;
+    return word | (upper | nul) >> 2;
 }
 
 template <typename Word>
@@ -41,11 +43,6 @@ void fold_into(char* to, const char* from, size_t size) {
     } else {
         for (size_t i = 0; i < size; i++) fold_word_at<uint8_t>(to + i, from + i);
     }
-}
-
-void fold_field_part(char* to, std::string_view text) {
-    fold_into(to, text.data(), text.size());
-    if (memchr(to, '\0', text.size()) != nullptr) std::replace(to, to + text.size(), '\0', ' ');
 }
 
 uint64_t mix(uint64_t a, uint64_t b) {
@@ -176,9 +173,9 @@ void term_set_add_field(term_set* set, std::string_view name, std::string_view v
     size_t size = name.size() + 2 + value.size();
     reserve_arena(set, size);
     char* to = set->arena.data() + set->arena_used;
-    fold_field_part(to, name);
+    fold_into(to, name.data(), name.size());
     memcpy(to + name.size(), "::", 2);
-    fold_field_part(to + name.size() + 2, value);
+    fold_into(to + name.size() + 2, value.data(), value.size());
     commit_term(set, size);
 }
 
@@ -191,7 +188,7 @@ std::span<const std::string_view> term_set_terms(term_set* set) {
 
 void fold_value(std::string_view value, std::string* out) {
     out->resize(value.size());
-    if (!value.empty()) fold_field_part(out->data(), value);
+    if (!value.empty()) fold_into(out->data(), value.data(), value.size());
 }
 
 std::string fold_value(std::string_view value) {
