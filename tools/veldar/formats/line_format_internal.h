@@ -43,6 +43,13 @@ void set_field_time(parsed_line* out, format_context* context);
 // The time that the text says (time_place_take_any), and a level beside it.
 void add_placed_time(std::string_view text, format_context* context, parsed_line* out);
 
+// The first of two bytes; the text's size when neither is there.
+inline size_t find_either(std::string_view text, char a, char b) {
+    size_t at = 0;
+    while (at < text.size() && text[at] != a && text[at] != b) at++;
+    return at;
+}
+
 // The size of a quoted text behind its opening quote, a backslash keeping the next byte; npos when it is not closed.
 size_t quoted_size(std::string_view text, char quote);
 

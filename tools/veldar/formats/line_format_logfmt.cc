@@ -19,7 +19,7 @@ bool take_quoted_value(std::string_view* rest, parsed_line* out, std::string_vie
 
 // A value without quotes goes on to the next blank.
 std::string_view take_plain_value(std::string_view* rest) {
-    const size_t size = std::min(rest->find_first_of(" \t"), rest->size());
+    const size_t size = find_either(*rest, ' ', '\t');
     const std::string_view value = rest->substr(0, size);
     rest->remove_prefix(size);
     return value;

@@ -40,7 +40,7 @@ bool take_program(std::string_view* rest, parsed_line* out) {
     std::string_view pid;
     if (left.starts_with('(')) left.remove_prefix(std::min(left.find(')'), left.size() - 1) + 1);
     if (take_char(&left, '[')) {
-        pid = left.substr(0, left.find_first_of("] "));
+        pid = left.substr(0, find_either(left, ']', ' '));
         left.remove_prefix(pid.size());
         if (!take_char(&left, ']')) return false;
     }
@@ -68,7 +68,7 @@ bool take_structured_data(std::string_view* rest, parsed_line* out) {
     if (take_char(rest, '-')) return true;
     if (!rest->starts_with('[')) return false;
     while (take_char(rest, '[')) {
-        rest->remove_prefix(std::min(rest->find_first_of(" ]"), rest->size()));
+        rest->remove_prefix(find_either(*rest, ' ', ']'));
         while (take_char(rest, ' ')) {
             std::string_view name = rest->substr(0, rest->find_first_of("= ]\""));
             rest->remove_prefix(name.size());

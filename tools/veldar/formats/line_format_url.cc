@@ -46,7 +46,7 @@ std::string_view parameter_name(parsed_line* out, std::string_view prefix, std::
 }
 
 std::string_view decoded(parsed_line* out, std::string_view text) {
-    if (text.find_first_of("%+") == std::string_view::npos) return text;
+    if (find_either(text, '%', '+') == text.size()) return text;
     std::string* const made = made_text(out);
     append_decoded(text, made);
     return *made;
@@ -56,7 +56,7 @@ std::string_view decoded(parsed_line* out, std::string_view text) {
 
 void add_query(parsed_line* out, std::string_view prefix, std::string_view query) {
     for (size_t count = 0; !query.empty() && count < PARAMETERS_MAX; count++) {
-        const size_t end = std::min(query.find_first_of("&;"), query.size());
+        const size_t end = find_either(query, '&', ';');
         const std::string_view pair = query.substr(0, end);
         query.remove_prefix(std::min(end + 1, query.size()));
         const size_t equals = pair.find('=');
@@ -71,7 +71,7 @@ void add_url(parsed_line* out, std::string_view prefix, std::string_view url) {
     if (scheme == std::string_view::npos) return;
     url.remove_prefix(scheme + 3);
     url = url.substr(0, url.find('#'));
-    const std::string_view host = url.substr(0, url.find_first_of("/?"));
+    const std::string_view host = url.substr(0, find_either(url, '/', '?'));
     add_field(out, made_text(out)->append(prefix).append(".host"), host.substr(0, host.find(':')));
     const size_t query = url.find('?');
     if (query == std::string_view::npos) return;

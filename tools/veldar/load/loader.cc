@@ -151,7 +151,10 @@ void note_dating(loader* load, file_load* one, std::string_view text, bool put) 
 void put_record(loader* load, file_load* one, uint64_t offset, std::string_view text) {
     open_stretch(load, one, offset);
     log_event_make(&load->event, text);
-    if (load->event.first.no_event) return;
+    if (load->event.first.no_event) {
+        if (one->line != 0) one->line++;
+        return;
+    }
     const st_txn txn = event_txn(load, *one);
     const bool put = index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms));
     put ? load->totals.add_event(txn.time) : static_cast<void>(load->totals.refused++);

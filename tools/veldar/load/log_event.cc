@@ -22,8 +22,8 @@ std::string_view take_line(std::string_view* text) {
     return record_text(line);
 }
 
+// The line is without colours.
 void parse_first(log_event_maker* maker, std::string_view line) {
-    line = uncoloured(line, &maker->plain);
     parse_log_line(*maker->format, line, &maker->context, &maker->first);
     if (!maker->first.has_time) return;
     maker->time = maker->first.time;
@@ -50,12 +50,14 @@ void add_fields(term_set* terms, const parsed_line& parsed, std::string* name) {
 }  // namespace
 
 void log_event_note(log_event_maker* maker, std::string_view record) {
-    parse_first(maker, record_text(parsed_part(*maker->format, record)));
+    parse_first(maker, uncoloured(record_text(parsed_part(*maker->format, record)), &maker->plain));
 }
 
 void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise) {
     const format_context before = maker->context;
-    while (!maker->has_time && !lines.empty()) parse_first(maker, take_line(&lines));
+    while (!maker->has_time && !lines.empty()) {
+        parse_first(maker, uncoloured(take_line(&lines), &maker->plain));
+    }
     maker->context = before;
     maker->from_file = !maker->has_time;
     if (!maker->has_time && !log_time_store(otherwise, 0, &maker->time)) maker->time = {};
