@@ -448,6 +448,44 @@ TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
     }
 }
 
+TEST_F(Load, FormatsOfTheUsersOwn) {
+    const std::string formats = file("formats");
+    write_file(file("pay.log"),
+               "<info> 22.11.2024 10:00 ann paid 12.50\n<warn> 23.11.2024 10:00 bob paid 7\n\tlate a=1\nodd line\n");
+    const std::pair<const char*, const char*> wrong[] = {
+        {"pay\n", "formats:1: expected"},
+        {"# a\n\npay = (\n", "formats:3: in the expression"},
+        {"pay = x\n", "formats:1: the expression names no groups"},
+        {"json = (?P<a>x)\n", "there is another format json"},
+        {"a b = (?P<a>x)\n", "a format's name is"},
+        {"time = %s\n", "formats:1: \"time"},
+        {"p = (?P<a>x)\ntime = %s\n", "formats:2: the format p has no"},
+        {"p = (?P<time>x)\ntime = %Q\n", "formats:2: %Q has an"}};
+    for (const auto& [text, message] : wrong) {
+        write_file(formats, text);
+        const tool_result result = load({file("pay.log"), "--formats", formats});
+        EXPECT_EQ(result.status, 2) << text;
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+    }
+    EXPECT_EQ(load({file("pay.log"), "--formats", file("none")}).status, 2);
+    write_file(formats,
+               "# shop\npay = ^<(?P<level>\\w+)> (?P<time>.{16}) (?P<user>\\w+) paid (?P<sum>[0-9.]+)\n"
+               "  time = %d.%m.%Y %H:%M\nother=(?P<x>never)\n");
+    load_all({file("pay.log"), "--formats", formats});
+    std::filesystem::remove(formats);
+    append(file("pay.log"), "<info> 24.11.2024 10:00 eve paid 1\n");
+    load_all({file("pay.log")});
+    const auto count = [this](const lines& asked) {
+        return run_tool("veldar/veldar", lines{"-s", store(), "count"} + asked).out;
+    };
+    EXPECT_EQ(count({"user=bob sum>5 level=warn", "--since", "2024-11-23T10:00", "--until", "2024-11-23T10:01"}),
+              "1\n");
+    EXPECT_EQ(count({"time=*"}), "0\n") << "the time is no field";
+    EXPECT_EQ(count({"\"ann paid\" sourcetype=pay"}), "1\n");
+    EXPECT_EQ(count({"eve", "--since", "2024-11-24T10:00", "--until", "2024-11-24T10:00:00.5"}), "1\n")
+        << "its shape is kept when the file is gone";
+}
+
 TEST_F(Load, APipeIsKept) {
     const lines all = log_lines(0, 4000);
     write_file(file("in"), joined(all));

@@ -198,7 +198,7 @@ TEST(TimePlace, ANumberIsATimeWhenItAgreesWithTheDateBesideItOrNoDateIsThere) {
     EXPECT_EQ(found({"1117838570 at 2005-06-03 15:40:50 done"}), "2 %Y-%m-%d%t%T") << "a number of something else";
     EXPECT_EQ(found({"134681 node-246 unix.hw down 1077804742 1 Component"}), "4 %s");
     EXPECT_EQ(found({"x 1077804742", "words", "words"}), "") << "too few";
-    EXPECT_EQ(found({"10:00:00,5 a", "10:00:01 b", "-- day is 2025-11-22 10:00:00", "[10:00:02] c", "10:00:03 d"}),
+    EXPECT_EQ(found({"10:00:00,500 a", "10:00:01 b", "-- day is 2025-11-22 10:00:00", "[10:00:02] c", "10:00:03 d"}),
               "0 %T");
     EXPECT_EQ(found({"2025-11-22 started", "2025-11-23 10:00 o'clock"}), "0 %Y-%m-%d%t%R");
     EXPECT_EQ(found({"2025-11-22 started", "2025-11-23 stopped"}), "0 %Y-%m-%d");

@@ -1,6 +1,7 @@
 // veldar load: the command line, the order of the files, and the summary.
 
 #include "tools/veldar/commands/command.h"
+#include "tools/veldar/formats/user_formats.h"
 #include "tools/veldar/load/loader.h"
 #include "tools/veldar/load/log_form.h"
 #include "tools/veldar/load/merging.h"
@@ -13,11 +14,22 @@ namespace veldar::tool {
 
 namespace {
 
+// The formats of the user's own, and whether there is the one that is asked for.
+void read_user_formats(const load_options& options) {
+    const std::string formats = options.formats_file.empty() ? user_formats_path() : options.formats_file;
+    std::string error;
+    if (!formats.empty() && !user_formats_read(formats, &error)) throw tool_failure{EXIT_USAGE, error};
+    if (!options.format.empty() && format_by_name(options.format) == nullptr) {
+        throw tool_failure{EXIT_USAGE, "unknown format " + options.format};
+    }
+}
+
 int load_run(const tool_context& context, const load_options& options) {
     const bool placed = !options.time_format.empty() && options.time_field.empty();
     if (placed && !options.format.empty() && options.format != "text") {
         throw tool_failure{EXIT_USAGE, "--time-format is for lines of the format text, not " + options.format};
     }
+    read_user_formats(options);
     loader load;
     loader_open(&load, store_choose(context.store), options);
     tool_catch_interrupts();
@@ -46,10 +58,10 @@ void add_load_command(const command& veldar) {
     static load_options options;
     const command load = veldar.subcommand("load", "Index log files; what was loaded before is not loaded again");
     load.text("FILE", &options.files, "Logs, plain or gzip; - for standard input").required();
-    load.text("--format", &options.format, "Take the lines for this format: " + format_names())
-        .checked([](const std::string& name) {
-            return format_by_name(name) != nullptr ? std::string() : "unknown format " + name;
-        });
+    load.text("--format", &options.format,
+              "Take the lines for this format: " + format_names() + ", or one of --formats");
+    load.text("--formats", &options.formats_file,
+              "A file of formats of your own, instead of ~/.config/veldar/formats; see docs/loading.md");
     load.text("--tz", &options.zone,
               "Zone of times without one, instead of this machine's: UTC, +02:00, Europe/Berlin ...")
         .checked([](const std::string& name) {

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "tools/veldar/formats/line_format_internal.h"
+#include "tools/veldar/formats/user_formats.h"
 
 namespace veldar::tool {
 namespace {
@@ -103,9 +104,13 @@ bool parse_text(std::string_view line, format_context* context, parsed_line* out
 }
 
 bool parse_log_line(const line_format& format, std::string_view line, format_context* context, parsed_line* out) {
-    const bool formed = format.parse(line, context, out);
+    const bool formed =
+        format.user != nullptr ? user_format_parse(*format.user, line, out) : format.parse(line, context, out);
     if (!context->time_field.empty()) {
         set_field_time(out, context);
+        if (format.user != nullptr) {
+            std::erase_if(out->fields, [&](const field_view& field) { return field.name == context->time_field; });
+        }
         return formed;
     }
     const bool asked = formed && (format.is_json || format.parse == parse_text);
@@ -124,7 +129,10 @@ std::span<const line_format> line_formats() {
 const line_format* format_by_name(std::string_view name) {
     auto found =
         std::find_if(std::begin(FORMATS), std::end(FORMATS), [&](const line_format& f) { return name == f.name; });
-    return found == std::end(FORMATS) ? nullptr : found;
+    if (found != std::end(FORMATS)) return found;
+    const std::span<const line_format> own = user_formats();
+    const auto user = std::find_if(own.begin(), own.end(), [&](const line_format& f) { return name == f.name; });
+    return user == own.end() ? nullptr : &*user;
 }
 
 record_rule record_rule_of(const line_format& format, const format_context& context) {
@@ -151,7 +159,12 @@ const line_format* format_by_record(std::string_view record, format_context* con
         context->time_field = place.substr(1, tab - 1);
         place.remove_prefix(tab + 1);
     }
-    return time_place_from_text(place, &context->times) ? format_by_name(record.substr(0, blank)) : nullptr;
+    if (!time_place_from_text(place, &context->times)) return nullptr;
+    const line_format* const format = format_by_name(record.substr(0, blank));
+    if (format != nullptr || record.empty()) return format;
+    if (!context->time_field.empty()) context->times.words = TIME_HEAD;
+    context->time_field.clear();
+    return &FORMATS[TEXT];
 }
 
 std::string format_names() {
@@ -160,11 +173,30 @@ std::string format_names() {
     return names;
 }
 
+// The format of the user's that most of the lines have, at least a quarter of those that begin a record; else null.
+static const line_format* detect_user_format(std::span<const std::string_view> first_lines, size_t records) {
+    const line_format* best = nullptr;
+    size_t most = 0;
+    parsed_line scratch;
+    scratch.form_only = true;
+    for (const line_format& format : user_formats()) {
+        const auto count =
+            static_cast<size_t>(std::count_if(first_lines.begin(), first_lines.end(), [&](std::string_view line) {
+                return begins_record(line) && user_format_parse(*format.user, line, &scratch);
+            }));
+        if (count <= most || count * 4 < records) continue;
+        most = count;
+        best = &format;
+    }
+    return best;
+}
+
 const line_format* detect_format(std::span<const std::string_view> first_lines, const format_context& context) {
     std::array<size_t, TEXT> counts{};
     for (size_t i = 0; i < TEXT; i++) counts[i] = count_lines_of(FORMATS[i], first_lines, context);
     size_t best = *std::max_element(counts.begin(), counts.end());
     auto records = static_cast<size_t>(std::count_if(first_lines.begin(), first_lines.end(), begins_record));
+    if (const line_format* const user = detect_user_format(first_lines, records)) return user;
     if (!first_lines.empty() && first_lines[0].starts_with("__CURSOR=")) return format_by_name("journal-export");
     if (best == 0 || best * 4 < records) return &FORMATS[TEXT];
     // A general format also has the lines of a special one, and now and then one more.

@@ -82,6 +82,8 @@ enum class record_rule : uint8_t {
     journal,  // a line "__CURSOR=..."
 };
 
+struct user_format;
+
 struct line_format {
     const char* name;         // for --format and the checkpoint
     const char* description;  // for --help
@@ -91,7 +93,8 @@ struct line_format {
     bool is_json = false;       // the words of a record are those of its json_text
     bool whole_record = false;  // `parse` takes all lines of a record; else the first
     record_rule records = record_rule::times;
-    bool is_placed = false;  // its times are, or may be, where format_context::times says
+    bool is_placed = false;             // its times are, or may be, where format_context::times says
+    const user_format* user = nullptr;  // it is from a file of formats, and `parse` that of text
 };
 
 // Parses a line and finds the time of one that the format finds none in, as in a file of mixed formats.
@@ -108,6 +111,7 @@ const line_format* format_by_name(std::string_view name);  // null when unknown
 // What a store keeps of a file's format, and back: the name, behind a blank the place of the times (behind "=NAME" and a
 // tab when a field says them), and in a second line the columns.
 std::string format_record(const line_format& format, const format_context& context);
+// A format that is not known any more, from a file of formats, is text.
 const line_format* format_by_record(std::string_view record, format_context* context);
 std::string format_names();  // "access, syslog, ...", for --help
 

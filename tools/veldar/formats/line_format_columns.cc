@@ -87,7 +87,7 @@ bool parse_commented(std::string_view line, bool is_utc, format_context* context
     const std::string_view text = begin_parse(line, out);
     if (!text.empty() && text[0] != '#') return parse_columns(line, is_utc, context, out);
     log_columns_from_head(text, &context->columns);
-    out->no_event = context->columns.known() || !text.empty();
+    out->no_event = context->columns.known();
     return out->no_event;
 }
 

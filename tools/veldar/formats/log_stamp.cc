@@ -182,9 +182,15 @@ bool take_fraction(std::string_view* rest, uint32_t* nanoseconds) {
     return true;
 }
 
-// A fraction behind '.' or ','; nothing is taken when no digit follows the mark.
+// A fraction behind '.' or ','; nothing is taken when no digit follows the mark, or when a comma may part columns.
 void take_optional_fraction(std::string_view* rest, uint32_t* nanoseconds) {
     if (rest->size() < 2 || ((*rest)[0] != '.' && (*rest)[0] != ',') || !is_digit((*rest)[1])) return;
+    if ((*rest)[0] == ',') {
+        size_t end = 1;
+        while (end < rest->size() && is_digit((*rest)[end])) end++;
+        const bool column = end + 1 < rest->size() && (*rest)[end] == ',' && (*rest)[end + 1] != ' ';
+        if (end < 4 || column) return;
+    }
     rest->remove_prefix(1);
     take_fraction(rest, nanoseconds);
 }

@@ -23,7 +23,7 @@ struct load_options {
     std::string format, zone, host, sourcetype;
     std::string time_format, date_order;
     int year = 0;
-    std::string time_field;
+    std::string time_field, formats_file;
     bool strict = false;
     bool parts = false;
     bool no_fsync = false;

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "tools/veldar/formats/uncoloured.h"
+#include "tools/veldar/formats/user_formats.h"
 #include "tools/veldar/load/time_field.h"
 #include "tools/veldar/store/record_reader.h"
 
@@ -93,9 +94,10 @@ const line_format* log_form_choose(const load_options& options, std::string_view
         if (format == nullptr) format = table;
     }
     if (format == nullptr) format = detect_format(lines, *context);
+    if (format->user != nullptr) user_format_prepare(*format->user, context);
     // Those that name their fields say their time in one of them.
     const bool names_fields = format->is_json || format->records != record_rule::times;
-    if ((names_fields && recorded.empty()) || !options.time_field.empty()) {
+    if ((names_fields && recorded.empty()) || !context->time_field.empty()) {
         time_field_find(*format, first_lines(head, TIME_LINES, &plain), hints_of(options.date_order, context), context);
     }
     if (format->is_json || !context->time_field.empty()) return format;

@@ -5,6 +5,7 @@
 #include "tools/veldar/formats/json_text.h"
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/uncoloured.h"
+#include "tools/veldar/formats/user_formats.h"
 #include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
@@ -71,6 +72,9 @@ std::string_view searched_text(const raw_record& record, std::string* scratch) {
 void event_source_open(event_source* source, const slice_set* slices, troubles* trouble) {
     source->slices = slices;
     source->trouble = trouble;
+    // Events of formats that are not known any more are told as text.
+    std::string fault;
+    if (const std::string path = user_formats_path(); !path.empty()) static_cast<void>(user_formats_read(path, &fault));
 }
 
 void event_source_read_names(event_source* source) {
