@@ -419,9 +419,9 @@ TEST(Terms, ValuesWithAUnitAreNumbersOfTheirBaseUnit) {
 TEST(Terms, PartsOfWords) {
     const struct {
         const char *text, *parts;
-    } table[] = {{"com.android.systemui nova-api_v2.LOG", "com android systemui nova api log"},
-                 {"NullPointerException: NIOServerCnxn blk_-16a9f", "null pointer exception nio server cnxn blk"},
-                 {"userIDs java.io.IOException ABC2DEF", "user ds java io exception abc def"},
+    } table[] = {{"com.android.systemui nova-api_v2.LOG", "com android systemui nova api v2 log"},
+                 {"NullPointerException: NIOServerCnxn blk_-16a9f", "null pointer exception nio server cnxn blk 16a9f"},
+                 {"userIDs java.io.IOException ABC2DEF", "user ds java io ioexception exception abc def"},
                  {"plain Capital 10.0.0.1 0xA", ""}};
     for (const auto& row : table) {
         term_set set;

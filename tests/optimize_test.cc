@@ -652,6 +652,14 @@ TEST_F(Optimize, Tools) {
     EXPECT_EQ(count(), "12\n");
     EXPECT_EQ(run_tool("veldar/veldar", {"fsck", store}).status, 0);
     EXPECT_EQ(run_tool("veldar/veldar", {"optimize", log}).status, 2);
+    // One slice that no merge has written is packed, once.
+    fs::remove_all(store);
+    load({});
+    const auto bytes = [&] { return fs::file_size(*files_in(store + "/bucket-000001", TSIDX_SUFFIX).begin()); };
+    const uint64_t before = bytes();
+    optimize({}, "1 slice merged into 1, ");
+    EXPECT_LT(bytes(), before);
+    optimize({"--all"}, "nothing to merge: 1 slice, ");
     EXPECT_EQ(run_tool("veldar-optimize", {dir.file("missing")}).status, 1);
 }
 

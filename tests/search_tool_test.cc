@@ -438,6 +438,20 @@ TEST_F(SearchTool, TermsFieldsSeen) {
     EXPECT_NE(fields.find("900\t4\tuser\n"), std::string::npos) << fields;
     EXPECT_NE(fields.find("900\t2\tsource\n"), std::string::npos) << fields;
     EXPECT_EQ(run({"seen", "nobody"}).status, 1);
+    EXPECT_EQ(run({"seen", "\"user\"=\"bob\"", "--tz", "+01:00"}).out.find("+01:00\n") == std::string::npos, false);
+    // Every byte of the store is told once.
+    const std::string costs = run({"fields", "--bytes"}).out;
+    uint64_t told = 0, all = 0, stored = 0;
+    for (size_t at = costs.find('\n') + 1; at < costs.size(); at = costs.find('\n', at) + 1) {
+        const bool is_all = costs.substr(at, costs.find('\n', at) - at).ends_with("\t(all)");
+        (is_all ? all : told) += std::stoull(costs.substr(at));
+    }
+    for (const auto& entry : fs::recursive_directory_iterator(dir->file("store"))) {
+        if (entry.is_regular_file()) stored += entry.file_size();
+    }
+    EXPECT_EQ(told, stored) << costs;
+    EXPECT_EQ(all, stored);
+    EXPECT_NE(costs.find("\tuser\n"), std::string::npos);
     EXPECT_EQ(run({"seen", "two words"}).status, 2);
     EXPECT_EQ(run({"terms", "nobody*"}).status, 1);
 }

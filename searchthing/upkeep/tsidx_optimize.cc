@@ -98,14 +98,22 @@ int list_sources(TSIDX* tsidx, source_listing* found, warm_rc_t* rc) {
     return _set_rc_msg(rc, WARM_RC_RETRIES, "slices go faster than they can be opened");
 }
 
-// Whether more than one in `fraction` of the slice's events is deleted, and not all.
-int is_worth_rewriting(const std::string& path, uint32_t fraction, bool* worth, warm_rc_t* rc) {
+// Whether the slice would be packed or more than one in `fraction` of its events is deleted, and not all.
+int is_worth_rewriting(const std::string& path, bool packs, uint32_t fraction, bool* worth, warm_rc_t* rc) {
     *worth = false;
     const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), rc));
     if (warm == nullptr) return rc->saved_errno == ENOENT && rc->warm_rc == WARM_RC_OPEN ? VANISHED : 0;
     const uint64_t deleted = warm_slice_count_deleted(warm.get()), values = st_warm_slice_values(warm.get());
-    *worth = deleted * fraction > values && deleted < values;
+    *worth = (packs || deleted * fraction > values) && deleted < values;
     return 0;
+}
+
+// Whether no merge has written this slice, and a merge of it alone, as this handle writes, about halves it. What that
+// writes would not: else there were no end.
+bool would_pack(const TSIDX* tsidx, const st_warm_slice_body& header) {
+    constexpr uint32_t PACKS_ALWAYS = uint32_t{1} << 25;  // so many values are within 2^32 bits however wide they are
+    return !warm_header_is_enabled(&header, WARM_FLAG_VALUES_PACKED) && warm_header_is_rev1(&header) &&
+           tsidx->opts.write_level >= 4 && header.num_values.get() <= PACKS_ALWAYS;
 }
 
 int make_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_plan_t* plan, warm_rc_t* rc) {
@@ -120,7 +128,9 @@ int make_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_pla
         if (!plan->sources.empty() || rules.rewrite_fraction == 0) break;
         bool worth = st_warm_slice_merge_kind(&slice.header) >= 0 && !st_warm_slice_is_msidx(&slice.header) &&
                      st_warm_slice_merge_fitting({&slice.header, 1}, {&slice.bytes, 1}) == 1;
-        if (worth) ST_TRY(is_worth_rewriting(tsidx->path + "/" + slice.name, rules.rewrite_fraction, &worth, rc));
+        const bool packs = would_pack(tsidx, slice.header);
+        if (worth)
+            ST_TRY(is_worth_rewriting(tsidx->path + "/" + slice.name, packs, rules.rewrite_fraction, &worth, rc));
         if (worth) *plan = {.sources = {slice.name}, .bytes = slice.bytes};
     }
     if (!plan->sources.empty()) return 0;

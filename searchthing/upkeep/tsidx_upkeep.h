@@ -97,7 +97,8 @@ int st_tsidx_is_optimized(TSIDX* tsidx);
 // keep their order. Null: addresses stay.
 void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* context);
 // Later merges of this handle leave deleted events behind. A slice is then rewritten alone, when nothing is to be
-// merged, if any of its events is deleted (TSIDX_OPTIMIZE_ALL) or more than a third of them (tiered).
+// merged, if any of its events is deleted (TSIDX_OPTIMIZE_ALL) or more than a third of them (tiered), or if no merge has
+// written it, which halves it.
 void st_tsidx_set_merge_drops_deleted(TSIDX* tsidx, bool drops);
 // Is told how far a merge is, in bytes. Null: nobody is.
 void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, void* context);

@@ -1,4 +1,4 @@
-// veldar terms, fields and seen: what the lexicons and the metadata of the slices tell without reading an event.
+// veldar terms and seen: what the lexicons and the metadata of the slices tell without reading an event.
 #include "tools/veldar/formats/terms.h"
 
 #include <algorithm>
@@ -90,37 +90,6 @@ int terms_run(const tool_context& context, const terms_options& options) {
     return answer_status(printed > 0, trouble);
 }
 
-struct field_totals {
-    std::string name;
-    uint64_t values = 0, events = 0;
-};
-
-int fields_run(const tool_context& context) {
-    troubles trouble;
-    std::vector<field_totals> fields;
-    term_choice_t choice;
-    choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
-    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
-        const std::string_view name = term.substr(0, term.find("::"));
-        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
-        fields.back().values++;
-        fields.back().events += totals.count;
-        return true;
-    };
-    walk_terms(store_choose(context.store), choice, visit, &trouble);
-    text_output out;
-    output_open(&out, "never");
-    output_put(&out, out.terminal ? "    events      values  field\n" : "");
-    for (const field_totals& field : fields) {
-        put_count(&out, field.events);
-        put_count(&out, field.values);
-        output_put(&out, field.name + "\n");
-        output_end_record(&out);
-    }
-    output_flush(&out);
-    return answer_status(!fields.empty(), trouble);
-}
-
 // One word or one field=value, as the index has it.
 term_pattern exact_term(const std::string& text) {
     const term_pattern pattern = term_pattern_from_text(text);
@@ -166,12 +135,6 @@ void add_terms_command(const command& veldar) {
         .with_default();
     terms.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many");
     terms.run([](const tool_context& context) { return terms_run(context, options); });
-}
-
-void add_fields_command(const command& veldar) {
-    const command fields = veldar.subcommand("fields", "List the fields with their numbers of events and of values");
-    fields.footer("An event that holds several values of a field counts once for each.");
-    fields.run([](const tool_context& context) { return fields_run(context); });
 }
 
 void add_seen_command(const command& veldar) {

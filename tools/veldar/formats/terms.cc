@@ -117,6 +117,27 @@ size_t part_end(std::string_view word, size_t begin) {
     return end;
 }
 
+void add_part(term_set* set, std::string_view part) {
+    const size_t size = std::min(part.size(), TERM_MAX);
+    if (size < 2) return;
+    reserve_arena(set, size);
+    fold_into(set->arena.data() + set->arena_used, part.data(), size);
+    commit_term(set, size);
+}
+
+// The runs of letters of a part, cut between capitals.
+void add_smaller_parts(term_set* set, std::string_view part) {
+    for (size_t begin = 0; begin < part.size();) {
+        if (!is_letter(part[begin])) {
+            begin++;
+            continue;
+        }
+        const size_t size = part_end(part, begin) - begin;
+        if (size < part.size()) add_part(set, part.substr(begin, size));
+        begin += size;
+    }
+}
+
 }  // namespace
 
 bool word_begins_at(std::string_view text, size_t at) {
@@ -148,21 +169,16 @@ void term_set_add_text(term_set* set, std::string_view text) {
 }
 
 void term_set_add_parts(term_set* set, std::string_view text) {
-    reserve_arena(set, text.size());
     const char* at = text.data();
     const char* const end = at + text.size();
     for (std::string_view word; !(word = next_word(&at, end)).empty();) {
         for (size_t begin = 0; begin < word.size();) {
-            if (!is_letter(word[begin])) {
-                begin++;
-                continue;
-            }
-            const size_t size = std::min(part_end(word, begin) - begin, TERM_MAX);
-            if (size > 1 && size < word.size()) {
-                fold_into(set->arena.data() + set->arena_used, word.data() + begin, size);
-                commit_term(set, size);
-            }
-            begin += size;
+            const size_t edge = std::min(word.find_first_of("_.-", begin), word.size());
+            const std::string_view part = word.substr(begin, edge - begin);
+            const bool has_letter = std::any_of(part.begin(), part.end(), is_letter);
+            if (has_letter && part.size() < word.size()) add_part(set, part);
+            if (has_letter) add_smaller_parts(set, part);
+            begin = edge + 1;
         }
     }
 }

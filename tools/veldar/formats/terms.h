@@ -66,8 +66,8 @@ struct term_set {
 void term_set_reset(term_set* set);
 // Adds every word of the text, folded, then cut to TERM_MAX.
 void term_set_add_text(term_set* set, std::string_view text);
-// Adds the parts of the words that have several: what stands between `_`, `.` and `-`, between letters and digits, and
-// between capitals ("NIOServerFactory": nio, server, factory). Parts of one byte, or without a letter, are left out.
+// Adds the parts of the words that have several: what stands between `_`, `.` and `-`, and of that the runs of letters,
+// cut between capitals ("dfs.DataNode2": dfs, datanode2, data, node). Those of one byte or without a letter are left out.
 void term_set_add_parts(term_set* set, std::string_view text);
 // Adds the term `name::value`, both folded, cut to TERM_MAX. Nothing for an empty name or value, or when the name
 // leaves no room for a byte of the value.

@@ -1,5 +1,6 @@
 #include "tools/veldar/query/term_input.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "searchthing/lexicon/matcher.h"
@@ -12,7 +13,32 @@ namespace veldar::tool {
 namespace {
 
 bool is_bare_value(std::string_view value) {
-    return value.find_first_of(" \t\n\r()\"\\") == std::string_view::npos;
+    return !value.ends_with('~') && value.find_first_of(" \t\n\r()\"\\") == std::string_view::npos;
+}
+
+std::string quoted_text(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + '"';
+}
+
+// Takes a text in quotes off the front; false when there is none.
+bool take_quoted(std::string_view* rest, std::string* out) {
+    if (!rest->starts_with('"')) return false;
+    for (size_t i = 1; i < rest->size(); i++) {
+        const char c = (*rest)[i];
+        if (c == '"') {
+            rest->remove_prefix(i + 1);
+            return true;
+        }
+        const bool escape = c == '\\' && i + 1 < rest->size() && ((*rest)[i + 1] == '"' || (*rest)[i + 1] == '\\');
+        out->push_back(escape ? (*rest)[++i] : c);
+    }
+    out->clear();
+    return false;
 }
 
 }  // namespace
@@ -40,10 +66,19 @@ void walk_terms(const std::string& path, const term_choice_t& choice, const term
 }
 
 term_pattern term_pattern_from_text(const std::string& text) {
-    const size_t equals = text.find('='), colons = text.find("::");
-    const bool field = equals != std::string::npos && colons > equals;
-    if (field) return {fold_value(text.substr(0, equals)) + "::" + fold_value(text.substr(equals + 1)), false};
-    return {fold_value(text), text.find('*') != std::string::npos && colons == std::string::npos};
+    std::string_view rest = text;
+    std::string name, value;
+    const bool quoted = take_quoted(&rest, &name);
+    const size_t equals = rest.find('='), colons = rest.find("::");
+    const bool field = quoted ? equals == 0 : equals != std::string::npos && colons > equals;
+    if (field) {
+        if (!quoted) name = rest.substr(0, equals);
+        rest.remove_prefix(equals + 1);
+        if (!take_quoted(&rest, &value) || !rest.empty()) value = rest;
+        return {fold_value(name) + "::" + fold_value(value), false};
+    }
+    if (quoted && rest.empty()) return {fold_value(name), name.find('*') != std::string::npos};
+    return {fold_value(text), text.find('*') != std::string::npos && text.find("::") == std::string::npos};
 }
 
 term_choice_t term_choice_of(const term_pattern& pattern) {
@@ -66,15 +101,17 @@ term_choice_t term_choice_of(const term_pattern& pattern) {
 std::string term_query_text(std::string_view term) {
     const size_t colons = term.find("::");
     if (colons == std::string_view::npos || colons == 0) return std::string(term);
-    std::string text = std::string(term.substr(0, colons)) + "=";
     const std::string_view value = term.substr(colons + 2);
-    if (is_bare_value(value)) return text.append(value);
-    text += '"';
-    for (const char c : value) {
-        if (c == '"' || c == '\\') text += '\\';
-        text += c;
-    }
-    return text + '"';
+    return field_query_text(term.substr(0, colons)) + "=" +
+           (is_bare_value(value) ? std::string(value) : quoted_text(value));
+}
+
+std::string field_query_text(std::string_view name) {
+    const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || c == '_' || c == '@'; };
+    const bool bare = !name.empty() && is_letter(name[0]) && std::all_of(name.begin(), name.end(), [&](char c) {
+        return is_letter(c) || (c >= '0' && c <= '9') || c == '.' || c == '-';
+    });
+    return bare ? std::string(name) : quoted_text(name);
 }
 
 }  // namespace veldar::tool

@@ -17,7 +17,7 @@ using term_visitor = std::function<bool(std::string_view, const term_totals_t&)>
 // and left out from there on. Throws tool_failure.
 void walk_terms(const std::string& path, const term_choice_t& choice, const term_visitor& visit, troubles* trouble);
 
-// A pattern as people write it, "404*" or "status=4*", as one over terms, folded: "status::4*". One with a "*" and
+// A pattern as people write it, "404*", "status=4*" or "\"user name\"=\"a b\"", as one over terms, folded: "status::4*". One with a "*" and
 // without a field is about words and not about fields. Empty for every term.
 struct term_pattern {
     std::string needle;
@@ -27,7 +27,8 @@ term_pattern term_pattern_from_text(const std::string& text);
 // The terms that the pattern takes.
 term_choice_t term_choice_of(const term_pattern& pattern);
 
-// A term as the query language takes it: status=404, path="/a b".
+// A term as the query language takes it: status=404, path="/a b"; and the name of a field: status, "user name".
 std::string term_query_text(std::string_view term);
+std::string field_query_text(std::string_view name);
 
 }  // namespace veldar::tool

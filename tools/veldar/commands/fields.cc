@@ -1,0 +1,142 @@
+// veldar fields: the fields of the index, and what they cost.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <vector>
+
+#include "tools/veldar/check/fsck_bytes.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/table_output.h"
+#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/query/term_input.h"
+#include "tools/veldar/store/slices.h"
+#include "tools/veldar/store/store.h"
+
+namespace veldar::tool {
+
+namespace {
+
+struct field_totals {
+    std::string name;
+    uint64_t values = 0, events = 0;
+};
+
+int names_run(const tool_context& context) {
+    troubles trouble;
+    std::vector<field_totals> fields;
+    term_choice_t choice;
+    choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
+    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
+        const std::string_view name = term.substr(0, term.find("::"));
+        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
+        fields.back().values++;
+        fields.back().events += totals.count;
+        return true;
+    };
+    walk_terms(store_choose(context.store), choice, visit, &trouble);
+    text_output out;
+    output_open(&out, "never");
+    output_put(&out, out.terminal ? "    events      values  field\n" : "");
+    for (const field_totals& field : fields) {
+        const std::string name = field_query_text(field.name);
+        output_put(&out, out.terminal ? fmt::format("{:>10}  {:>10}  {}\n", field.events, field.values, name)
+                                      : fmt::format("{}\t{}\t{}\n", field.events, field.values, name));
+        output_end_record(&out);
+    }
+    output_flush(&out);
+    return answer_status(!fields.empty(), trouble);
+}
+
+// A part of what lies on the disk.
+struct cost_row {
+    std::string name;
+    part_bytes bytes;
+};
+
+// The files of a store or an index directory that are no slices, by what they are for.
+void add_files(const std::string& directory, std::vector<cost_row>* rows) {
+    constexpr std::array<std::array<const char*, 2>, 4> KINDS = {{{"source.map", "(source map)"},
+                                                                  {"points-", "(access points into compressed files)"},
+                                                                  {"spool-", "(bytes of pipes)"},
+                                                                  {"", "(other files)"}}};
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+        const std::string name = entry.path().filename();
+        if (!entry.is_regular_file(error) || name.ends_with(".tsidx")) continue;
+        const auto* const kind =
+            std::find_if(KINDS.begin(), KINDS.end(), [&](const auto& one) { return name.starts_with(one[0]); });
+        auto row =
+            std::find_if(rows->begin(), rows->end(), [&](const cost_row& one) { return one.name == (*kind)[1]; });
+        if (row == rows->end()) row = rows->insert(row, {(*kind)[1], {}});
+        row->bytes.records += entry.file_size(error);
+    }
+}
+
+std::vector<cost_row> cost_rows(const byte_account& account, const slice_set& slices) {
+    std::vector<cost_row> rows;
+    for (const auto& [name, bytes] : account.fields) rows.push_back({name, bytes});
+    rows.push_back({"(words)", account.words});
+    rows.push_back({"(words that are a value of a field too)", account.value_words});
+    rows.push_back({"(words of one event)", account.single_words});
+    rows.push_back({"(times and addresses of the events)", {0, 0, 0, account.values}});
+    rows.push_back({"(headers and tables of slices)", {0, 0, 0, account.rest}});
+    if (!slices.store.empty()) add_files(slices.store, &rows);
+    for (const slice_directory& directory : slices.directories) {
+        if (directory.tsidx != nullptr) add_files(directory.path, &rows);
+    }
+    std::erase_if(rows, [](const cost_row& row) { return row.bytes.all() == 0; });
+    std::sort(rows.begin(), rows.end(), [](const cost_row& a, const cost_row& b) {
+        return a.bytes.all() != b.bytes.all() ? a.bytes.all() > b.bytes.all() : a.name < b.name;
+    });
+    return rows;
+}
+
+int field_bytes_run(const tool_context& context) {
+    const slice_set slices = slices_list(store_choose(context.store));
+    troubles trouble;
+    slices_tell_errors(slices, &trouble);
+    byte_account account;
+    for (size_t i = 0; i < slices.slices->size(); i++) {
+        slice_image image;
+        std::string error;
+        const image_state_t state = slice_image_open(slices.slices->path(i), &image, &error);
+        if (state == IMAGE_UNREADABLE) troubles_add(&trouble, error);
+        if (state == IMAGE_OPEN) account_slice(image, &account);
+    }
+    const std::vector<cost_row> rows = cost_rows(account, slices);
+    uint64_t all = 0;
+    for (const cost_row& row : rows) all += row.bytes.all();
+    text_output out;
+    output_open(&out, "never");
+    table_output table;
+    table.out = &out;
+    table.format = out.terminal ? table_format::table : table_format::tsv;
+    table.columns = {{"bytes", true}, {"percent", true}, {"terms", true},
+                     {"text", true},  {"lists", true},   {"field", false}};
+    table_begin(&table);
+    for (const cost_row& row : rows) {
+        const double percent =
+            std::round(1000.0 * static_cast<double>(row.bytes.all()) / static_cast<double>(all)) / 10;
+        table_put_row(&table, {count_cell(row.bytes.all()), number_cell(percent), count_cell(row.bytes.terms),
+                               count_cell(row.bytes.lexicon), count_cell(row.bytes.lists), text_cell(row.name)});
+    }
+    table_put_row(&table, {count_cell(all), number_cell(all == 0 ? 0 : 100), {}, {}, {}, text_cell("(all)")});
+    table_end(&table);
+    output_flush(&out);
+    return answer_status(all > 0, trouble);
+}
+
+}  // namespace
+
+void add_fields_command(const command& veldar) {
+    const command fields = veldar.subcommand("fields", "List the fields with their numbers of events and of values");
+    fields.footer("An event that holds several values of a field counts once for each.");
+    static bool bytes = false;
+    fields.flag("--bytes", &bytes, "What each of them costs in the index, and what is no field, the largest first");
+    fields.run([](const tool_context& context) { return bytes ? field_bytes_run(context) : names_run(context); });
+}
+
+}  // namespace veldar::tool
