@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/veldar/formats/json_text.h"
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
 #include "tools/veldar/formats/unit_number.h"
@@ -27,7 +28,6 @@ std::string describe(const parsed_line& parsed) {
     }
     const bool told = !parsed.host.empty() && text.find("=" + std::string(parsed.host)) == std::string::npos;
     if (told) text.append(" @").append(parsed.host);
-    if (!parsed.more_text.empty()) text.append(" +").append(parsed.more_text);
     return text;
 }
 
@@ -109,10 +109,11 @@ constexpr line_case LINES[] = {
     {"json", R"({"short_message":"Jun 14 15:16:01 web1 cron[1]: go u=v","level":6,"_k":"w"})",
      "1749914161.0 short_message=Jun 14 15:16:01 web1 cron[1]: go u=v level=6 _k=w host=web1 program=cron pid=1 u=v"},
     {"json", R"({"__REALTIME_TIMESTAMP":"1423944916375353","_HOSTNAME":"j","MESSAGE":[97,61,98,255]})",
-     "1423944916.375353000 _HOSTNAME=j MESSAGE=a=b\xFF a=b\xFF +a=b\xFF"},
+     "1423944916.375353000 _HOSTNAME=j MESSAGE=a=b\xFF a=b\xFF"},
     {"json",
      R"({"Records":[{"eventTime":"2015-07-01T12:00:00Z","u":{"n":"x"}},{"eventTime":"2015","e":[{"k":1},{"k":2}]}]})",
      "1435752000.0 u.n=x eventTime=2015 e.k=1 e.k=2"},
+    {"iso8601", R"(2015-07-01 12:00:00 WARN a=1 {"b":{"c":2},"host":"h"})", "1435752000.0 level=WARN b.c=2 host=h a=1"},
     {"json",
      R"({"resourceLogs":[{"resource":{"attributes":[{"key":"service.name","value":{"stringValue":"s"}}]},"scopeLogs":[{"logRecords":[{"timeUnixNano":"1435752000000000001","body":{"stringValue":"a=1"}}]}]}]})",
      "1435752000.1 resource.attributes.service.name=s body.stringValue=a=1 a=1"},
@@ -370,6 +371,15 @@ TEST(Terms, EqualANaiveImplementationOnRandomBytes) {
         std::vector<std::string> expected = naive_terms(text, fields);
         std::span<const std::string_view> terms = term_set_terms(&set);
         ASSERT_TRUE(std::equal(terms.begin(), terms.end(), expected.begin(), expected.end())) << "round " << round;
+    }
+}
+
+TEST(Formats, BytesOfTheJournalAreText) {
+    std::string scratch;
+    EXPECT_EQ(json_text(R"({"MESSAGE" : [104, 105,255],"a":"\t"})", &scratch),
+              "{\"MESSAGE\" : [104, 105,255],\"a\":\"\t\"}\nhi\xFF");
+    for (const char* line : {R"({"MESSAGE":"x"})", R"({"MESSAGE"})", "{\"MESSAGE\":"}) {
+        EXPECT_EQ(json_text(line, &scratch), line);
     }
 }
 

@@ -58,14 +58,39 @@ size_t decode_escape(std::string_view text, std::string* out) {
     return 2;
 }
 
+// The text that the array of numbers behind `"MESSAGE":` is, as the journal writes one with odd bytes; a line of its own.
+void append_message_bytes(std::string_view line, size_t at, std::string* out) {
+    std::string_view rest = line.substr(at);
+    skip_blanks(&rest);
+    if (!take_char(&rest, ':')) return;
+    skip_blanks(&rest);
+    if (!take_char(&rest, '[')) return;
+    out->push_back('\n');
+    for (unsigned byte = 0; !rest.empty(); rest.remove_prefix(1)) {
+        const char c = rest[0];
+        if (c >= '0' && c <= '9') {
+            byte = byte * 10 + static_cast<unsigned>(c - '0');
+        } else if (c == ',' || c == ']') {
+            out->push_back(static_cast<char>(byte));
+            byte = 0;
+            if (c == ']') return;
+        } else if (c != ' ') {
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 std::string_view json_text(std::string_view record, std::string* scratch) {
     std::string_view line = record.substr(0, record.find('\n')), content = line;
     skip_utf8_mark(&content);
     skip_blanks(&content);
+    constexpr std::string_view MESSAGE = "\"MESSAGE\"";
     size_t escape = line.find('\\');
-    if (escape == std::string_view::npos || !content.starts_with('{')) return record;
+    const size_t message = line.find(MESSAGE);
+    const bool plain = escape == std::string_view::npos && message == std::string_view::npos;
+    if (plain || !content.starts_with('{')) return record;
     scratch->clear();
     size_t at = 0;
     for (; escape != std::string_view::npos; escape = line.find('\\', at)) {
@@ -75,6 +100,7 @@ std::string_view json_text(std::string_view record, std::string* scratch) {
         at = escape + (taken == 0 ? 1 : taken);
     }
     scratch->append(record, at);
+    if (message != std::string_view::npos) append_message_bytes(line, message + MESSAGE.size(), scratch);
     return *scratch;
 }
 

@@ -69,7 +69,7 @@ void add_dash_field(parsed_line* out, std::string_view name, std::string_view va
 std::string_view begin_parse(std::string_view line, parsed_line* out) {
     out->has_time = false;
     out->fields.clear();
-    out->host = out->more_text = {};
+    out->host = {};
     out->no_event = false;
     out->made_used = 0;
     out->inner_used = false;
@@ -99,7 +99,7 @@ void set_host(parsed_line* out, std::string_view host) {
 bool parse_text(std::string_view line, format_context* context, parsed_line* out) {
     const std::string_view text = begin_parse(line, out);
     add_placed_time(text, context, out);
-    add_pairs(out, text);
+    add_text(out, text, context);
     return true;
 }
 

@@ -36,10 +36,9 @@ struct parsed_line {
     bool has_time = false;
     st_timeval_t time;
     std::vector<field_view> fields;
-    std::string_view host;       // the machine that the line names as its own; empty: none
-    std::string_view more_text;  // words that the line holds in another spelling; mostly empty
-    bool no_event = false;       // the line is the head of a table
-    bool form_only = false;      // set by who only asks whether the line has a form: then it gets no pairs without it
+    std::string_view host;   // the machine that the line names as its own; empty: none
+    bool no_event = false;   // the line is the head of a table
+    bool form_only = false;  // set by who only asks whether the line has a form: then it gets no pairs without it
 
     // Room for texts that do not stand in the line.
     std::deque<std::string> made;  // a deque keeps them in place

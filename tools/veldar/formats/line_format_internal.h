@@ -79,6 +79,9 @@ void set_host(parsed_line* out, std::string_view host);
 // line around it has none; else its pairs. Only one line inside a line is read so; for further ones it adds the pairs.
 void add_message(parsed_line* out, std::string_view text, format_context* context);
 
+// Adds the pairs of a text, and the members of a JSON object that it ends with.
+void add_text(parsed_line* out, std::string_view text, format_context* context);
+
 // Adds the `key=value` pairs of a text, in order, as many as one line may have. A key is a whole run of [A-Za-z0-9_.-]
 // that begins with a letter or `_` and is at most 64 bytes long. A value is quoted by " or ' (a backslash keeps the
 // next byte), or ends before a blank, a control character, `,`, `;`, `&`, a quote, or a closing bracket that the value

@@ -62,7 +62,7 @@ void walk_scalar(json_walk* walk, std::string_view name, std::string_view text, 
     const bool member = depth == 1 || (depth == 2 && name.find('.') != std::string_view::npos);
     if (member && take_named_time(walk->out, name, text, walk->context)) return;
     if (!walk->out->has_time) note_inner_time(walk, name, text);
-    if (member && is_host_name(name)) set_host(walk->out, text);
+    if ((member || name.starts_with("resource.")) && is_host_name(name)) set_host(walk->out, text);
     if (!name.empty() && walk->out->fields.size() < FIELDS_MAX) add_field(walk->out, name, text);
     const bool message = member && is_text_name(name) && walk->text_count < std::size(walk->texts);
     if (message) walk->texts[walk->text_count++] = text;
@@ -76,20 +76,35 @@ std::string_view join_path(parsed_line* out, std::string_view outer, std::string
 
 void walk_value(json_walk* walk, std::string_view name, value item, int depth);
 
-// The value of an attribute as OpenTelemetry writes it: {"stringValue": "GET"}.
+// The value of an attribute as OpenTelemetry writes it, {"stringValue": "GET"} or {"arrayValue": {"values": [...]}}: all
+// that is in it has the attribute's name.
 void walk_attribute(json_walk* walk, std::string_view name, value item, int depth) {
-    object members;
     json_type type{};
-    if (item.type().get(type) != simdjson::SUCCESS || type != json_type::object) {
-        return walk_value(walk, name, item, depth);
-    }
-    walk->complete = item.get_object().get(members) == simdjson::SUCCESS;
+    if (depth > DEPTH_MAX) return;
+    walk->complete = item.type().get(type) == simdjson::SUCCESS;
     if (!walk->complete) return;
-    for (auto field : members) {
-        value inner;
-        walk->complete = field.value().get(inner) == simdjson::SUCCESS;
-        if (walk->complete) walk_value(walk, name, inner, depth + 1);
+    const auto walk_each = [&](auto inner) {
+        value one;
+        walk->complete = inner.get(one) == simdjson::SUCCESS;
+        if (walk->complete) walk_attribute(walk, name, one, depth + 1);
+        return walk->complete;
+    };
+    object members;
+    array elements;
+    if (type == json_type::object) {
+        walk->complete = item.get_object().get(members) == simdjson::SUCCESS;
         if (!walk->complete) return;
+        for (auto field : members) {
+            if (!walk_each(field.value())) return;
+        }
+    } else if (type == json_type::array) {
+        walk->complete = item.get_array().get(elements) == simdjson::SUCCESS;
+        if (!walk->complete) return;
+        for (auto element : elements) {
+            if (!walk_each(element)) return;
+        }
+    } else {
+        walk_value(walk, name, item, depth);
     }
 }
 
@@ -141,7 +156,6 @@ void walk_bytes(json_walk* walk, std::string_view name, array elements, int dept
         if (walk->complete) walk_elements(walk, name, elements, depth);
         return;
     }
-    walk->out->more_text = *text;
     walk_scalar(walk, name, *text, depth);
 }
 

@@ -27,7 +27,8 @@ constexpr std::string_view TIME_NAMES[] = {"@timestamp",
                                            "observedTimeUnixNano"};
 constexpr std::string_view TEXT_NAMES[] = {
     "message", "msg", "log", "short_message", "full_message", "event.original", "body.stringValue"};
-constexpr std::string_view HOST_NAMES[] = {"hostname", "host", "_HOSTNAME", "host.name", "host.hostname"};
+constexpr std::string_view HOST_NAMES[] = {"hostname",  "host",          "_HOSTNAME",
+                                           "host.name", "host.hostname", "resource.attributes.host.name"};
 constexpr int DEPTH_MAX = 3;  // lines inside lines inside lines
 
 bool is_named(std::string_view name, std::span<const std::string_view> names) {
@@ -52,6 +53,27 @@ bool may_be_line(std::string_view text) {
     if ((key > 0 && key < text.size() && text[key] == '=') || take_month(&rest, &month)) return true;
     constexpr size_t CLIENT_AND_TIME = 200;  // what stands before the request of an access log that begins with a name
     return text.substr(0, CLIENT_AND_TIME).find("] \"") != std::string_view::npos;
+}
+
+// Adds the fields of the line inside; false when no format has it.
+bool add_inner(parsed_line* out, std::string_view text, format_context* context) {
+    if (out->depth == DEPTH_MAX || out->inner_used || !may_be_line(text)) return false;
+    if (out->inner == nullptr) {
+        out->inner = std::make_unique<parsed_line>();
+        out->inner->form_only = true;
+        out->inner->depth = out->depth + 1;
+    }
+    parsed_line* const inner = out->inner.get();
+    out->inner_used =
+        std::any_of(std::begin(INNER), std::end(INNER), [&](auto* parse) { return parse(text, context, inner); });
+    if (!out->inner_used) return false;
+    if (!out->has_time && inner->has_time) {
+        out->has_time = true;
+        out->time = inner->time;
+    }
+    set_host(out, inner->host);
+    out->fields.insert(out->fields.end(), inner->fields.begin(), inner->fields.end());
+    return true;
 }
 
 }  // namespace
@@ -87,23 +109,13 @@ bool take_named_time(parsed_line* out, std::string_view name, std::string_view t
 }
 
 void add_message(parsed_line* out, std::string_view text, format_context* context) {
-    if (out->depth == DEPTH_MAX || out->inner_used || !may_be_line(text)) return add_pairs(out, text);
-    if (out->inner == nullptr) {
-        out->inner = std::make_unique<parsed_line>();
-        out->inner->form_only = true;
-        out->inner->depth = out->depth + 1;
-    }
-    parsed_line* const inner = out->inner.get();
-    out->inner_used =
-        std::any_of(std::begin(INNER), std::end(INNER), [&](auto* parse) { return parse(text, context, inner); });
-    if (!out->inner_used) return add_pairs(out, text);
-    if (!out->has_time && inner->has_time) {
-        out->has_time = true;
-        out->time = inner->time;
-    }
-    set_host(out, inner->host);
-    if (out->more_text.empty()) out->more_text = inner->more_text;
-    out->fields.insert(out->fields.end(), inner->fields.begin(), inner->fields.end());
+    if (!add_inner(out, text, context)) add_pairs(out, text);
+}
+
+void add_text(parsed_line* out, std::string_view text, format_context* context) {
+    const size_t object = text.ends_with('}') ? text.find("{\"") : std::string_view::npos;
+    const bool taken = object != std::string_view::npos && add_inner(out, text.substr(object), context);
+    add_pairs(out, taken ? text.substr(0, object) : text);
 }
 
 }  // namespace veldar::tool

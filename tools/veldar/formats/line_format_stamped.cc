@@ -101,7 +101,7 @@ bool parse_stamped(std::string_view line, bool (*take_stamp)(std::string_view*, 
     set_time(out, stamp, context);
     std::string_view text = rest;
     if (take_level(&rest, out)) add_origin(rest, out);
-    add_pairs(out, text);
+    add_text(out, text, context);
     return true;
 }
 

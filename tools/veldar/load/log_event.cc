@@ -86,10 +86,8 @@ void log_event_make(log_event_maker* maker, std::string_view record) {
     parse_first(maker, record_text(part));
     const std::string_view text =
         maker->format->is_json ? uncoloured(json_text(record, &maker->decoded), &maker->decoded) : record;
-    for (const std::string_view one : {text, std::string_view(maker->first.more_text)}) {
-        term_set_add_text(terms, one);
-        if (maker->with_parts) term_set_add_parts(terms, one);
-    }
+    term_set_add_text(terms, text);
+    if (maker->with_parts) term_set_add_parts(terms, text);
     maker->line_host = host_of(*maker);
     term_set_add_field(terms, HOST, maker->line_host);
     term_set_add_field(terms, SOURCE, maker->source);
