@@ -4,6 +4,7 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 
 #include "tools/veldar/formats/line_format_internal.h"
@@ -140,25 +141,6 @@ void walk_elements(json_walk* walk, std::string_view name, array elements, int d
     }
 }
 
-// A text as the journal writes it when it has odd bytes: an array of their numbers. Anything else is walked.
-void walk_bytes(json_walk* walk, std::string_view name, array elements, int depth) {
-    std::string* const text = made_text(walk->out);
-    for (auto element : elements) {
-        uint64_t byte = 0;
-        if (element.get_uint64().get(byte) != simdjson::SUCCESS || byte > 0xFF) {
-            text->clear();
-            break;
-        }
-        text->push_back(static_cast<char>(byte));
-    }
-    if (text->empty()) {
-        walk->complete = elements.reset().error() == simdjson::SUCCESS;
-        if (walk->complete) walk_elements(walk, name, elements, depth);
-        return;
-    }
-    walk_scalar(walk, name, *text, depth);
-}
-
 // Container runtimes keep the line end of what a program wrote in the string.
 std::string_view without_line_end(std::string_view text) {
     if (text.ends_with('\n')) text.remove_suffix(1);
@@ -170,6 +152,27 @@ std::string_view without_line_end(std::string_view text) {
 std::string_view raw_text(std::string_view token) {
     size_t size = token.find_last_not_of(" \t\r\n");
     return token.substr(0, size + 1);
+}
+
+// A text as the journal writes it when it has odd bytes: an array of their numbers. Anything else in it is walked.
+void walk_bytes(json_walk* walk, std::string_view name, array elements, int depth) {
+    std::string* const text = made_text(walk->out);
+    for (auto element : elements) {
+        value item;
+        json_type type{};
+        walk->complete = element.get(item) == simdjson::SUCCESS && item.type().get(type) == simdjson::SUCCESS;
+        if (!walk->complete) return;
+        unsigned byte = 0;
+        const std::string_view token = type == json_type::number ? raw_text(item.raw_json_token()) : "";
+        const auto [end, fault] = std::from_chars(token.data(), token.data() + token.size(), byte);
+        if (fault == std::errc() && end == token.data() + token.size() && byte <= 0xFF) {
+            text->push_back(static_cast<char>(byte));
+            continue;
+        }
+        walk_value(walk, name, item, depth + 1);
+        if (!walk->complete) return;
+    }
+    walk_scalar(walk, name, *text, depth);
 }
 
 void walk_value(json_walk* walk, std::string_view name, value item, int depth) {
