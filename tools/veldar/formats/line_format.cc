@@ -114,7 +114,7 @@ bool parse_log_line(const line_format& format, std::string_view line, format_con
         return formed;
     }
     const bool asked = formed && (format.is_json || format.parse == parse_text);
-    if (!out->has_time && !asked) add_placed_time(line, context, out);
+    if (!out->has_time && !asked && !out->no_event) add_placed_time(line, context, out);
     return formed;
 }
 

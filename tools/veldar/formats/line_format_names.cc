@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <span>
+#include <tuple>
 
 #include "tools/veldar/formats/line_format_internal.h"
 
@@ -64,12 +65,15 @@ bool add_inner(parsed_line* out, std::string_view text, format_context* context)
         out->inner->depth = out->depth + 1;
     }
     parsed_line* const inner = out->inner.get();
+    const auto before = std::tuple(context->last_local_s, context->last_s, context->unclear_zones, context->zone_taken);
     out->inner_used =
         std::any_of(std::begin(INNER), std::end(INNER), [&](auto* parse) { return parse(text, context, inner); });
     if (!out->inner_used) return false;
     if (!out->has_time && inner->has_time) {
         out->has_time = true;
         out->time = inner->time;
+    } else {  // a time that is not taken says nothing of those behind it
+        std::tie(context->last_local_s, context->last_s, context->unclear_zones, context->zone_taken) = before;
     }
     set_host(out, inner->host);
     out->fields.insert(out->fields.end(), inner->fields.begin(), inner->fields.end());
