@@ -278,6 +278,22 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
     EXPECT_EQ(bin_width_for(0, 3540, 60).count, int64_t{60} * 1000000000);
 }
 
+TEST_F(StatsTool, NamesInQuotesAndHints) {
+    const temp_dir other;
+    write_file(other.file("log"), "{\"time\":\"2024-03-01T00:00:00Z\",\"a, b\":\"X\",\"level\":\"low\"}\n");
+    const auto run_in = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"-s", other.file("store")});
+        return run_tool("veldar/veldar", arguments);
+    };
+    ASSERT_EQ(run_in({"load", other.file("log"), "--no-fsync"}).status, 0);
+    EXPECT_NE(run_in({"fields"}).out.find("1\t1\t\"a, b\"\n"), std::string::npos);
+    EXPECT_NE(run_in({"stats", "--by", "\"a, b\",level", "--format", "csv"}).out.find("x,low,1"), std::string::npos);
+    EXPECT_NE(run_in({"top", "levle"}).err.find("no event has a field 'levle'; did you mean 'level'?"),
+              std::string::npos);
+    EXPECT_NE(run_in({"count", "low", "--since", "2025"}).err.find("0 in these times; without --since and --until 1"),
+              std::string::npos);
+}
+
 TEST_F(StatsTool, FormatsAndDrawings) {
     load(
         "2024-03-30T00:10:00Z user=\"a, b\" bytes=1234.56789\n2024-03-30T00:20:00Z user=bob bytes=1\n"

@@ -96,7 +96,11 @@ int stats_run(const tool_context& context, const stats_options& options) {
     if (report.refused > 0) view.no_number = no_number_example(slices.path, numeric_fields(request));
     view.by_records = !by_index;
     view.shape.fill = request.group_names.empty() ? stats_fill::empty : stats_fill::none;
-    return answer_status(stats_show(view, request, &table, grid, report), trouble);
+    const bool found = stats_show(view, request, &table, grid, report);
+    if (!found && !trouble.incomplete && hint_fields(slices.path, request.spec.groups)) {
+        hint_more(slices.path, query, count_events(slices.path, query, &trouble));
+    }
+    return answer_status(found, trouble);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "tools/veldar/query/query_hints.h"
 
 #include <algorithm>
+#include <climits>
 #include <vector>
 
 #include "searchthing/base/number.h"
@@ -77,10 +78,38 @@ std::vector<std::string> field_names(const std::string& path) {
     return names;
 }
 
-// False when a name that nothing has was told.
+// Of a query that finds nothing: tells a name that has to be put in quotes, and one that no field has. False when it did.
 bool has_fields(const std::string& path, const prepared_query& query) {
-    std::vector<std::string> fields = query_fields(query.text);
-    for (std::string& field : query_fields(query.text, true)) fields.push_back(std::move(field));
+    query_names names = query_names_of(query.text);
+    for (const std::string& name : names.before_equals) {
+        if (some_values(path, name, "").empty()) continue;
+        say_trouble("the name of this field has to be put in quotes: " + field_query_text(name) + "=...");
+        return false;
+    }
+    names.fields.insert(names.fields.end(), names.compared.begin(), names.compared.end());
+    return hint_fields(path, names.fields);
+}
+
+uint64_t count_silently(const std::string& path, const prepared_query& query) {
+    troubles untold;
+    untold.is_silent = true;
+    return count_events(path, query, &untold);
+}
+
+// Of a query that finds nothing: tells what there is at other times. False when it did.
+bool is_nowhere(const std::string& path, const prepared_query& query) {
+    prepared_query always = query;
+    always.bounds.earliest = {INT_MIN, 0};
+    always.bounds.latest = {INT_MAX, 0};
+    const bool is_bounded = query.bounds.earliest.time_s != INT_MIN || query.bounds.latest.time_s != INT_MAX;
+    const uint64_t count = is_bounded && query_needs_index_only(always) ? count_silently(path, always) : 0;
+    if (count > 0) say_trouble("0 in these times; without --since and --until " + std::to_string(count));
+    return count == 0;
+}
+
+}  // namespace
+
+bool hint_fields(const std::string& path, const std::vector<std::string>& fields) {
     for (const std::string& field : fields) {
         if (field.find('*') != std::string::npos || !some_values(path, field, "").empty()) continue;
         const std::string meant = nearest_name(field, field_names(path));
@@ -91,26 +120,22 @@ bool has_fields(const std::string& path, const prepared_query& query) {
     return true;
 }
 
-}  // namespace
-
 void hint_more(const std::string& path, const prepared_query& query, uint64_t found) {
     if (query.is_native || !is_cheap(slices_list(path, false))) return;
-    if (found == 0 && !has_fields(path, query)) return;
+    if (found == 0 && (!has_fields(path, query) || !is_nowhere(path, query))) return;
     prepared_query inside = query;
     inside.text = query_inside_words(query.text);
     if (inside.text.empty()) return;
     inside.plans = translate_query(inside.text);
     if (!query_needs_index_only(inside)) return;
-    troubles untold;
-    untold.is_silent = true;
-    const uint64_t more = count_events(path, inside, &untold);
+    const uint64_t more = count_silently(path, inside);
     if (more == 0 || more / 10 < found) return;
     say_trouble(std::to_string(found) + "; `" + inside.text + "` would find " + std::to_string(more));
 }
 
 void hint_comparisons(const std::string& path, const prepared_query& query) {
     if (query.is_native) return;
-    for (const std::string& field : query_fields(query.text, true)) {
+    for (const std::string& field : query_names_of(query.text).compared) {
         bool has_numbers;
         const std::string odd = odd_value(path, field, &has_numbers);
         if (odd.empty()) continue;

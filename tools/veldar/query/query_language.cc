@@ -67,11 +67,11 @@ class query_parser {
   public:
     explicit query_parser(std::string_view text) : text_(text) {}
 
-    // As found by parse(): where the words end that a "~" would change, and the names of fields, of comparisons and
-    // of others.
+    // As found by parse(): where the words end that a "~" would change, and query_names.
     const std::vector<size_t>& word_ends() const { return word_ends_; }
     const std::vector<std::string>& fields() const { return fields_; }
     const std::vector<std::string>& compared() const { return compared_; }
+    const std::vector<std::string>& odd_names() const { return odd_names_; }
 
     query_node parse() {
         skip_blanks();
@@ -230,6 +230,18 @@ class query_parser {
         return out;
     }
 
+    // The same behind a field's operator, where a value may stand in single quotes as well, as logs write them.
+    written_text take_value() {
+        const size_t close = here() == '\'' ? text_.find('\'', position_ + 1) : std::string_view::npos;
+        if (close == std::string_view::npos || close == position_ + 1) return take_written();
+        written_text out;
+        out.text = text_.substr(position_ + 1, close - position_ - 1);
+        out.as_read = text_.substr(position_, close + 1 - position_);
+        out.quoted = true;
+        position_ = close + 1;
+        return out;
+    }
+
     // Notes a word that "~" would find more of: not for numbers and short words, whose parts are everywhere.
     void note_word(const written_text& word) {
         const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
@@ -261,10 +273,12 @@ class query_parser {
             fail(equality ? "a value right after the operator" : "a number right after the operator");
         }
         const size_t value_at = position_;
-        const written_text value = take_written();
+        const written_text value = take_value();
         (equality ? fields_ : compared_).push_back(fold_value(name));
         if (!equality) return comparison_node(name, found->op, value, value_at);
         if (*found->op == '=' && value.text.find('*') == std::string::npos) note_word(value);
+        // What follows a copied value, where another one came next.
+        while (value.quoted && !at_end() && (here() == ',' || here() == ';')) position_++;
         return equality_node(name, value, *found->op == '!');
     }
 
@@ -319,6 +333,9 @@ class query_parser {
         const bool star = text.find('*') != std::string::npos;
         const std::string folded = fold_value(text);
         if (!written.quoted && text.find_first_not_of('*') == std::string::npos) return query_node();
+        if (const size_t equals = text.find('='); !written.quoted && equals != 0 && equals != std::string::npos) {
+            odd_names_.push_back(fold_value(text.substr(0, equals)));
+        }
         if (plain && (written.inside || (star && !written.quoted))) {
             if (text.size() + 2 > TERM_MAX) fail("a shorter word before this");
             return literal_node(written.inside ? "*" + folded + "*" : folded);
@@ -348,7 +365,7 @@ class query_parser {
     size_t nesting_ = 0;
     size_t negations_ = 0;  // that the condition stands in
     std::vector<size_t> word_ends_;
-    std::vector<std::string> fields_, compared_;  // folded names
+    std::vector<std::string> fields_, compared_, odd_names_;  // folded
 };
 
 std::string escape(const std::string& literal) {
@@ -505,10 +522,10 @@ std::string query_inside_words(std::string_view text) {
     return begin == 0 ? out : out.append(text.substr(begin));
 }
 
-std::vector<std::string> query_fields(std::string_view text, bool compared) {
+query_names query_names_of(std::string_view text) {
     query_parser parser(text);
     static_cast<void>(parser.parse());
-    return compared ? parser.compared() : parser.fields();
+    return {parser.fields(), parser.compared(), parser.odd_names()};
 }
 
 std::string explain_query_error(std::string_view text, const query_error& error) {

@@ -44,9 +44,12 @@ bool record_passes(const query_plan& plan, std::string_view record, std::string*
 // The query with "~" behind each of its words and values that is a word; empty when it has none. Throws query_error.
 std::string query_inside_words(std::string_view text);
 
-// The folded names of the fields that the query compares with numbers, or of those that it has otherwise. Throws
-// query_error.
-std::vector<std::string> query_fields(std::string_view text, bool compared = false);
+// The folded names of the fields that a query has, and what stands before "=" in texts that are taken as phrases.
+struct query_names {
+    std::vector<std::string> fields, compared, before_equals;  // compared: with a number
+};
+// Throws query_error.
+query_names query_names_of(std::string_view text);
 
 // The text with a caret under the position and what was expected, as two or three lines for standard error.
 std::string explain_query_error(std::string_view text, const query_error& error);

@@ -150,7 +150,14 @@ std::vector<std::string> comma_parts(std::string_view text) {
         parts.push_back(first == std::string::npos ? "" : part.substr(first, last - first + 1));
         part.clear();
     };
+    bool quoted = false;
     for (const char c : text) {
+        if (c == '"') quoted = !quoted;
+        if (c == '"') continue;
+        if (quoted) {
+            part += c;
+            continue;
+        }
         depth += c == '(' ? 1 : 0;
         depth -= c == ')' && depth > 0 ? 1 : 0;
         if (c == ',' && depth == 0) {

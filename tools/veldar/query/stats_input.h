@@ -10,7 +10,8 @@
 
 namespace veldar::tool {
 
-// The parts between commas that stand in no parentheses, blanks around them taken off. An empty text has none.
+// The parts between commas that stand in no parentheses and no quotes, which are left out, and blanks around them taken
+// off. An empty text has none.
 std::vector<std::string> comma_parts(std::string_view text);
 
 enum class stats_kind { events, count, sum, sumsq, min, max, avg, distinct, values, quantile };

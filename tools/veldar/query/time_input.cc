@@ -142,7 +142,7 @@ bool add_months(int64_t months, int64_t* local_s) {
     return true;
 }
 
-// "-2h", "+1h30m", "2h", "3 hours ago", "an hour 5 minutes ago", "in 2 days": without a sign it is in the past.
+// "-2h", "+1h30m", "2h", "3 hours ago", "an hour 5 minutes ago", "last week", "in 2 days": without a sign it is in the past.
 bool parse_relative(std::string_view rest, log_zone* zone, int64_t now_s, st_timeval_t* out) {
     bool later = take_char(&rest, '+');
     const bool is_signed = later || take_char(&rest, '-');
@@ -153,7 +153,7 @@ bool parse_relative(std::string_view rest, log_zone* zone, int64_t now_s, st_tim
     int64_t seconds = 0, months = 0;
     do {
         int64_t count = 1;
-        const bool article = rest.starts_with("a ") || rest.starts_with("an ");
+        const bool article = rest.starts_with("a ") || rest.starts_with("an ") || rest.starts_with("last ");
         if (article ? take_letters(&rest).empty() : !take_number(&rest, &count)) return false;
         skip_blanks(&rest);
         if (!take_unit(&rest, count, &seconds, &months)) return false;

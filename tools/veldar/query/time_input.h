@@ -4,7 +4,7 @@
 //   2015-05-17, 2015-05, 2015     the beginning of that day, month or year; also 20150517, 17 May 2015, May 17
 //   10:05, 10:05:03               today
 //   @1431857103.5, 1431857103500  since the epoch, in seconds or by its size in milli-, micro- or nanoseconds
-//   -2h, 2h, "2 hours ago"        before now: s, m, h, d (24 hours), w, mo, y or their names; also several, 1h30m
+//   -2h, 2h, "2 hours ago"        before now, as "last hour" is: s, m, h, d (24 hours), w, mo, y or their names; also several, 1h30m
 //   +2h, "in 2 hours"             after now
 //   now, today, yesterday, tomorrow, monday, "last monday", "yesterday 10:05"
 //   Sun, 17 May 2015 10:05:03 +0200, 17/May/2015:10:05:03 +0200, May 17 10:05:03 ...   as logs write them
