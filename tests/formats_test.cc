@@ -170,6 +170,7 @@ TEST(Formats, HeadsNameTheColumnsOfTables) {
         {"zeek",
          {"#separator \\x09", "#fields\tts\tuid\tn", "#types\ttime\tstring\tcount", "1435752000.5\tC1\t(empty)"},
          "1435752000.500000000 uid=C1"},
+        {"w3c", {"#Fields: a date time", "cut", "x 2015-07-01 12:00:00"}, "1435752000.0 a=x"},
         {"none", {"Starting up, loading, done", "one, two", "a, b, c, d"}, nullptr},
         {"none", {"2015-07-01,12:00:00,x", "2015-07-01,12:00:01,y", "2015-07-01,12:00:01,y"}, nullptr},
 

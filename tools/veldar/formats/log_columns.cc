@@ -70,6 +70,8 @@ bool sounds_like_time(std::string_view name) {
 // The columns of the time, as a record has them: by their usual names first, then by names that sound like it.
 void find_time(const std::vector<std::string_view>& cells, log_columns* out) {
     const size_t count = std::min(cells.size(), out->names.size());
+    const int head_time = out->time, head_date = out->date;
+    out->date = out->time = NO_COLUMN;
     log_stamp stamp;
     for (size_t i = 0; i < count; i++) {
         const std::string name = lower(out->names[i]);
@@ -87,6 +89,9 @@ void find_time(const std::vector<std::string_view>& cells, log_columns* out) {
             if (fits && take_any_time(cells[i], &stamp)) out->time = static_cast<int>(i);
         }
     }
+    if (out->time != NO_COLUMN) return;
+    out->time = head_time;
+    out->date = head_date;
 }
 
 // Whether the first line names the cells of the others.
