@@ -151,7 +151,8 @@ void add_zone_option(const command& to, std::string* zone) {
 }
 
 void add_query_options(const command& to, query_options* options, bool is_required) {
-    const command_option query = to.text("QUERY", &options->words, "Words, field=value, \"phrases\", *, OR, NOT, ( )");
+    const command_option query =
+        to.text("QUERY", &options->words, "Words, word~ (inside of words), field=value, \"phrases\", *, OR, NOT, ( )");
     if (is_required) query.required();
     add_bounds_options(to, "events ", &options->since, &options->until, &options->zone);
     to.flag("--native", &options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
