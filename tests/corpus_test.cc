@@ -63,11 +63,13 @@ std::vector<std::string> records_of(const std::string& path, const std::string& 
     maker.format = log_form_choose(options, input.head, {}, &maker.context);
     maker.context.boot_s = NO_TIME_SEEN;
     EXPECT_TRUE(clock_days_find(&maker, &input, 0, &error) && log_input_seek(&input, 0, &error)) << error;
+    reader.cut = log_form_cut(*maker.format, input.head, maker.context);
     EXPECT_TRUE(record_reader_open(&reader, &input, input.size));
-    log_event_look_ahead(&maker, record_reader_peek(&reader), modified_s);
+    log_event_look_ahead(&maker, reader.cut, record_reader_peek(&reader), modified_s);
     uint64_t offset;
     std::string_view text;
     while (record_reader_next(&reader, &offset, &text)) {
+        if (text.empty() && reader.cut.rule == record_rule::objects) continue;
         log_event_make(&maker, text);
         if (maker.first.no_event) continue;
         const size_t record = all.size();

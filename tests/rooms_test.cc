@@ -37,8 +37,8 @@ const std::vector<std::string> ENGINE_ROOMS = {
     "searchthing",
 };
 const std::vector<std::string> TOOL_ROOMS = {
-    "tools/veldar/store", "tools/veldar/formats", "tools/veldar/query",    "tools/veldar/load",
-    "tools/veldar/check", "tools/veldar/output",  "tools/veldar/commands",
+    "tools/veldar/formats", "tools/veldar/store",  "tools/veldar/query",    "tools/veldar/load",
+    "tools/veldar/check",   "tools/veldar/output", "tools/veldar/commands",
 };
 // Neighbours that know nothing of each other, though they stand in a row.
 const std::set<std::string> APART = {"searchthing/hot", "searchthing/search", "searchthing/merge"};

@@ -71,6 +71,7 @@ void add_query_options(const command& to, query_options* options, bool is_requir
 // Each adds its subcommand.
 void add_put_command(const command& veldar);
 void add_load_command(const command& veldar);
+void add_forget_command(const command& veldar);
 void add_search_command(const command& veldar);
 void add_count_command(const command& veldar);
 void add_stats_command(const command& veldar);

@@ -2,6 +2,7 @@
 
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/formats/user_formats.h"
+#include "tools/veldar/load/load_paths.h"
 #include "tools/veldar/load/loader.h"
 #include "tools/veldar/load/log_form.h"
 #include "tools/veldar/load/merging.h"
@@ -24,7 +25,7 @@ void read_user_formats(const load_options& options) {
     }
 }
 
-int load_run(const tool_context& context, const load_options& options) {
+int load_run(const tool_context& context, const load_options& options, bool again) {
     const bool placed = !options.time_format.empty() && options.time_field.empty();
     if (placed && !options.format.empty() && options.format != "text") {
         throw tool_failure{EXIT_USAGE, "--time-format is for lines of the format text, not " + options.format};
@@ -32,6 +33,7 @@ int load_run(const tool_context& context, const load_options& options) {
     read_user_formats(options);
     loader load;
     loader_open(&load, store_choose(context.store), options);
+    for (size_t i = 0; again && i < options.files.size(); i++) loader_forget(&load, options.files[i], true);
     tool_catch_interrupts();
     const exit_status_t status = load_files(
         &load, options.files,
@@ -46,7 +48,7 @@ int load_run(const tool_context& context, const load_options& options) {
         load.st.lock.reset();  // the next loader need not wait
         std::vector<std::string> directories;
         for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
-        merge_after_load(directories);
+        merge_after_load(directories, load.merges);
     }
     const bool nothing = load.totals.events == 0 && load.totals.refused != 0;
     return nothing || load.hardly_dated != 0 ? EXIT_INCOMPLETE : status;
@@ -57,7 +59,12 @@ int load_run(const tool_context& context, const load_options& options) {
 void add_load_command(const command& veldar) {
     static load_options options;
     const command load = veldar.subcommand("load", "Index log files; what was loaded before is not loaded again");
-    load.text("FILE", &options.files, "Logs, plain or gzip; - for standard input").required();
+    static bool recursive = false, again = false;
+    load.text("FILE", &options.files, "Logs, plain or compressed (gzip, xz, zstd, bzip2); - for standard input")
+        .required();
+    load.flag("-r,--recursive", &recursive, "Load the files in directories, and below them");
+    load.flag("--again", &again, "Forget what was loaded from these files before, and load them anew");
+    load.flag("--flush", &options.flush, "Take the last line of a file that changed just now, though it has no end");
     load.text("--format", &options.format,
               "Take the lines for this format: " + format_names() + ", or one of --formats");
     load.text("--formats", &options.formats_file,
@@ -96,7 +103,12 @@ void add_load_command(const command& veldar) {
     load.flag("--no-optimize", &options.no_optimize, "Do not merge slices in the end, even if there are many");
     load.number("--bucket-bytes", &options.bucket_bytes, 1, BUCKET_BYTES_MAX, "").hidden();
     load.number("--max-values", &options.limits.max_values, 1, 1u << 28, "").hidden();
-    load.run([](const tool_context& context) { return load_run(context, options); });
+    load.run([](const tool_context& context) {
+        const load_paths paths = load_paths_find(options.files, recursive);
+        options.files = paths.files;
+        const int status = load_run(context, options, again);
+        return status == EXIT_DONE && paths.incomplete ? EXIT_INCOMPLETE : status;
+    });
 }
 
 }  // namespace veldar::tool

@@ -11,7 +11,8 @@ namespace {
 
 // The more specific before the more general: detect_format relies on it.
 constexpr line_format FORMATS[] = {
-    {"json", "one JSON object a line; its members are fields", parse_json, true},
+    {"json", "JSON objects, one a line or over several; their members are fields", parse_json, true, true,
+     record_rule::objects},
     {"journal-export", "journalctl -o export: lines NAME=value, an empty line between records", parse_journal_export,
      false, true, record_rule::journal},
     {"csv", "a table with a line of names at its head; separated by commas, semicolons, tabs or bars", parse_csv, false,
@@ -19,8 +20,9 @@ constexpr line_format FORMATS[] = {
     {"w3c", "a table with a line \"#Fields: ...\" (IIS, CloudFront)", parse_w3c, false, false, record_rule::lines,
      true},
     {"zeek", "a table with a line \"#fields ...\" (Zeek)", parse_zeek, false, false, record_rule::lines, true},
-    {"cri", "2026-01-02T03:04:05.6Z stdout F ... (containers of Kubernetes)", parse_cri},
-    {"access", "combined or common access log of a web server", parse_access},
+    {"cri", "2026-01-02T03:04:05.6Z stdout F ... (containers of Kubernetes)", parse_cri, false, false,
+     record_rule::lines},
+    {"access", "combined or common access log of a web server", parse_access, false, false, record_rule::lines},
     {"nginx-error", "2026/01/02 03:04:05 [error] 12#0: *5 ..., client: ...", parse_nginx_error},
     {"apache-error", "[Sun Dec 04 04:47:44 2005] [error] ...", parse_apache_error},
     {"syslog-5424", "<34>1 2003-10-11T22:14:15.003Z host app ... (RFC 5424)", parse_syslog_5424},

@@ -75,10 +75,12 @@ struct format_context {
 
 // What begins a record of a format.
 enum class record_rule : uint8_t {
+    indents,  // a line that is not empty and does not begin with a blank: where no times are known
     times,    // a line that says a time; the others continue it
     lines,    // every line
     quotes,   // a line before which no quote is open
     journal,  // a line "__CURSOR=..."
+    objects,  // a JSON object
 };
 
 struct user_format;

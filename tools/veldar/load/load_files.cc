@@ -20,8 +20,7 @@ void load_begin(load_report* report, const std::vector<std::string>& files) {
 }
 
 void load_show(load_report* report, const log_input& input) {
-    const uint64_t here = input.gz != nullptr ? input.gz->in_offset : input.offset;
-    progress_show(&report->shown, report->bytes_done + here, report->totals.events);
+    progress_show(&report->shown, report->bytes_done + log_input_stored_offset(input), report->totals.events);
 }
 
 exit_status_t load_files(load_report* report, const std::vector<std::string>& files, const load_steps& steps) {

@@ -13,7 +13,9 @@
 #include <ctime>
 
 #include "tools/veldar/load/clock_days.h"
+#include "tools/veldar/load/forget_events.h"
 #include "tools/veldar/load/log_form.h"
+#include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/put_line.h"
 #include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/store/raw_reader.h"
@@ -27,13 +29,16 @@ namespace {
 
 constexpr uint64_t REPLAY = 64 << 10;  // bytes before the progress that are parsed again for the time they end with
 constexpr uint64_t SHOW_EVERY = 1024;  // events
+constexpr uint64_t MERGE_EVERY = 4;    // slices
 constexpr uint64_t RECORDS_TELL = 10;
+constexpr uint64_t SETTLED_NS = 5'000'000'000;  // a file that has not changed for so long is not being written to
 
 // What is loaded from one file in one run.
 struct file_load {
     log_input input;
     record_reader reader;
     source_file file;
+    uint32_t cut = 0;   // line of the file's rules
     uint64_t from = 0;  // where reading begins
     bool in_stretch = false;
     uint64_t events = 0;
@@ -112,7 +117,7 @@ void open_stretch(loader* load, file_load* one, uint64_t offset) {
     open_bucket(load);
     source_map* const map = &bucket_of(load).map;
     source_map_put_file(map, one->file);
-    source_map_put_stretch(map, {load->address, one->file.number, offset, one->reader.limit});
+    source_map_put_stretch(map, {load->address, one->file.number, offset, one->reader.limit, one->cut});
     one->in_stretch = true;
 }
 
@@ -163,8 +168,11 @@ void put_record(loader* load, file_load* one, uint64_t offset, std::string_view 
     put ? load->totals.add_event(txn.time) : static_cast<void>(load->totals.refused++);
     note_dating(load, one, text, put);
     const uint64_t slices = index_writer_slices(&load->writer);
-    if (slices != load->slices_seen) mark(load, load->address);
+    if (slices == load->slices_seen) return;
+    mark(load, load->address);
     load->slices_seen = slices;
+    const bool pays = slices % MERGE_EVERY == 0 && !load->options->no_optimize;
+    if (pays) load->merges += merge_while_loading(bucket_of(load).directory);
 }
 
 // Puts every record up to the end of the input, or until the command is interrupted.
@@ -175,6 +183,7 @@ void put_records(loader* load, file_load* one) {
     for (uint64_t records = 0; tool_interrupted == 0 && record_reader_next(reader, &offset, &text); records++) {
         if (one->in_stretch) load->address += offset - end;
         end = offset;
+        if (text.empty() && reader->cut.rule == record_rule::objects) continue;
         put_record(load, one, offset, text);
         if (records % SHOW_EVERY == 0) load_show(load, one->input);
     }
@@ -183,19 +192,19 @@ void put_records(loader* load, file_load* one) {
 }
 
 void save_points(loader* load, const file_load& one) {
-    if (one.input.gz == nullptr || one.input.gz->points.empty() || one.input.pipe) return;
+    if (one.input.packed == nullptr || one.input.packed->points.empty() || one.input.pipe) return;
     for (const store_bucket& bucket : load->st.buckets) {
         if (!bucket.map.files.contains(one.file.number)) continue;
         const std::string path = bucket.directory + "/" + source_points_name(one.file.number);
-        if (!gz_save_points(*one.input.gz, path)) fail_io("cannot write " + path, errno);
+        if (!packed_save_points(*one.input.packed, path)) fail_io("cannot write " + path, errno);
     }
 }
 
 void load_points(const loader& load, file_load* one) {
-    if (one->input.gz == nullptr) return;
+    if (one->input.packed == nullptr) return;
     for (const store_bucket& bucket : load.st.buckets) {
-        if (!bucket.map.files.contains(one->file.number) || !one->input.gz->points.empty()) continue;
-        gz_load_points(one->input.gz.get(), bucket.directory + "/" + source_points_name(one->file.number));
+        if (!bucket.map.files.contains(one->file.number) || !one->input.packed->points.empty()) continue;
+        packed_load_points(one->input.packed.get(), bucket.directory + "/" + source_points_name(one->file.number));
     }
 }
 
@@ -236,13 +245,18 @@ void choose_names(loader* load, file_load* one, const std::string& source) {
     one->file.sourcetype = store_number(&st->sourcetypes, event->sourcetype);
     one->file.host = store_number(&st->hosts, event->host);
     one->file.format = format_record(*event->format, event->context);
+    one->cut = record_cut_add(&one->file.records, log_form_cut(*event->format, one->input.head, event->context));
+}
+
+record_cut cut_of(const file_load& one) {
+    return record_cut_of(one.file.records, one.cut);
 }
 
 // Where the file stands now and how it begins.
 void describe(file_load* one, const std::string& path) {
     const log_input& input = one->input;
     const size_t newline = input.head.find('\n');
-    one->file.kind = input.gz != nullptr ? SOURCE_GZIP : SOURCE_PLAIN;
+    one->file.kind = input.packed != nullptr ? SOURCE_PACKED : SOURCE_PLAIN;
     one->file.crlf = newline != std::string::npos && newline > 0 && input.head[newline - 1] == '\r';
     one->file.device = input.device;
     one->file.inode = input.inode;
@@ -270,6 +284,7 @@ bool replay(loader* load, file_load* one, std::string* error) {
     if (!one->input.pipe && !clock_days_find(&load->event, &one->input, start, error)) return false;
     if (one->from == 0) return true;
     record_reader reader;
+    reader.cut = cut_of(*one);
     if (!log_input_seek(&one->input, start, error)) return false;
     if (!record_reader_open(&reader, &one->input, one->from)) throw std::bad_alloc();
     uint64_t offset;
@@ -282,14 +297,14 @@ bool replay(loader* load, file_load* one, std::string* error) {
 }
 
 // Remembers how far the file is loaded, and the bytes before that, so that it is known again by more than its
-// beginning. Of a gzip file the latter says that it was read to its end; one that was not is read again the next time.
+// beginning. Of a compressed file the latter says that it was read to its end; one that was not is read again the next time.
 void note_progress(loader* load, const file_load& one) {
     if (!one.in_stretch) return;
     known_file* const known = known_files_put(&load->known, one.file);
     known->progress = one.reader.offset;
     known->record_indexed = false;
     const bool whole = one.reader.error.empty() && tool_interrupted == 0;
-    if (one.input.gz != nullptr && !whole) return;
+    if (one.input.packed != nullptr && !whole) return;
     const std::string_view tail = record_reader_tail(&one.reader);
     known->tail = {one.file.number, one.reader.offset, static_cast<uint32_t>(tail.size()),
                    XXH64(tail.data(), tail.size(), 0)};
@@ -306,15 +321,32 @@ void note_new_head(loader* load, file_load* one) {
     known_files_put(&load->known, one->file);
 }
 
+// Whether someone may be writing the file now.
+bool is_young(const log_input& input) {
+    timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t now_ns = static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+    return !input.pipe && input.packed == nullptr && now_ns < input.modified_ns + SETTLED_NS;
+}
+
 // Reads the input from one->from on.
 bool load_rest(loader* load, file_load* one, std::string* error) {
-    const uint64_t limit = one->input.pipe || one->input.gz != nullptr ? SOURCE_NO_LIMIT : one->input.size;
+    one->reader.cut = cut_of(*one);
+    one->reader.waits = !load->options->flush && one->file.kind != SOURCE_SPOOL && is_young(one->input);
+    one->input.stored_end = one->input.size;
+    const bool held = one->reader.waits && log_input_leave_last_line(&one->input, error);
+    if (!error->empty()) return false;
+    const bool plain = log_input_is_plain(one->input);
+    const uint64_t limit = plain ? std::max(one->input.stored_end, one->from) : SOURCE_NO_LIMIT;
+    one->input.stored_end = std::max(one->input.stored_end, plain ? one->from : 0);
     if (!record_reader_open(&one->reader, &one->input, limit)) throw std::bad_alloc();
     one->reader.spool = load->spool.get();
     one->line = one->from == 0;
-    log_event_look_ahead(&load->event, one->input.pipe ? one->input.head : record_reader_peek(&one->reader),
+    log_event_look_ahead(&load->event, one->reader.cut,
+                         one->input.pipe ? one->input.head : record_reader_peek(&one->reader),
                          load->event.context.modified_s);
     put_records(load, one);
+    load->totals.waiting += held || one->reader.held ? 1 : 0;
     note_new_head(load, one);
     load->totals.bytes_in += one->reader.offset - one->from;
     if (one->reader.spool_errno != 0) fail_io("cannot write the copy of the input", one->reader.spool_errno);
@@ -322,7 +354,8 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     note_times(load, *one);
     save_points(load, *one);
     *error = one->reader.error;
-    if (error->empty() && limit != SOURCE_NO_LIMIT && one->reader.offset < limit && tool_interrupted == 0) {
+    const bool is_short = limit != SOURCE_NO_LIMIT && one->reader.offset < limit && !one->reader.held;
+    if (error->empty() && is_short && tool_interrupted == 0) {
         *error = "ends at byte " + std::to_string(one->reader.offset) + " of " + std::to_string(limit) +
                  ": it was cut short while it was loaded";
     }
@@ -372,11 +405,20 @@ void finish_spools(loader* load) {
     for (const known_file& known : spools) finish_spool(load, known);
 }
 
+// A file with nothing new may be another than the one that was loaded.
+void note_nothing_new(loader* load, const file_load& one, const source_file& before, const std::string& path) {
+    load->unchanged++;
+    if (one.reader.held || before.path == real_path(path)) return;
+    progress_clear(&load->shown);
+    say_trouble(path + ": nothing new, its content was loaded from " + before.path);
+}
+
 // Passes over a record that is indexed, now that the file is there to tell where it ends.
-bool pass_over(file_load* one, uint64_t limit, std::string* error) {
+bool pass_over(file_load* one, const known_file& known, std::string* error) {
     record_reader reader;
+    reader.cut = record_cut_of(known.file.records, known.record_cut);
     if (!log_input_seek(&one->input, one->from, error)) return false;
-    if (!record_reader_open(&reader, &one->input, limit)) throw std::bad_alloc();
+    if (!record_reader_open(&reader, &one->input, known.record_limit)) throw std::bad_alloc();
     uint64_t offset;
     std::string_view text;
     record_reader_next(&reader, &offset, &text);
@@ -388,17 +430,17 @@ bool pass_over(file_load* one, uint64_t limit, std::string* error) {
 bool load_file(loader* load, file_load* one, const std::string& path, std::string* error) {
     bool copy;
     known_file* const known = known_files_identify(&load->known, &one->input, &copy);
+    const source_file before = known != nullptr ? known->file : source_file();
     if (known != nullptr) {
-        const source_file before = known->file;
         const bool unchanged = known_file_unchanged(*known, one->input);
         one->file = before;
         one->from = known->progress;
         // A copy may go away again, and the file that was loaded holds what it holds.
         if (!copy) describe(one, real_path(path));
         note_whereabouts(load, *one, before);
-        if (known->record_indexed && !pass_over(one, known->record_limit, error)) return false;
-        if (unchanged || (one->input.gz == nullptr && one->from == one->input.size)) {
-            load->unchanged++;
+        if (known->record_indexed && !pass_over(one, *known, error)) return false;
+        if (unchanged || (log_input_is_plain(one->input) && one->from == one->input.size)) {
+            note_nothing_new(load, *one, before, path);
             return true;
         }
     }
@@ -410,8 +452,40 @@ bool load_file(loader* load, file_load* one, const std::string& path, std::strin
     }
     if (!replay(load, one, error) || !log_input_seek(&one->input, one->from, error)) return false;
     const bool read = load_rest(load, one, error);
-    if (read && one->events == 0 && known != nullptr) load->unchanged++;
+    if (read && one->events == 0 && known != nullptr) note_nothing_new(load, *one, before, path);
     return read;
+}
+
+// The numbers of the files that a path means: of the one with its content, or else of those last seen there.
+std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool again) {
+    log_input input;
+    std::string error;
+    bool copy;
+    const bool opened = path != "-" && log_input_open(&input, path, &error) && !input.pipe;
+    if (again && (!opened || !foreign_content(input.head).empty() ||
+                  !log_form_check(*load->options, load->zone, input.head, &error))) {
+        return {};
+    }
+    const known_file* const same = opened ? known_files_identify(&load->known, &input, &copy) : nullptr;
+    if (same != nullptr) return {same->file.number};
+    std::vector<uint32_t> numbers;
+    for (const auto& [number, known] : load->known.by_number) {
+        const bool there = known.file.path == real_path(path) || known.file.path == absolute_path(path);
+        if (there && known.file.kind != SOURCE_SPOOL) numbers.push_back(number);
+    }
+    return numbers;
+}
+
+// Deletes what is left of the events of forgotten files.
+uint64_t finish_forgetting(loader* load) {
+    uint64_t deleted = 0;
+    for (const uint32_t number : known_files_to_delete(load->st)) {
+        for (const store_bucket& bucket : load->st.buckets) deleted += forget_events(bucket, number);
+        for (store_bucket& bucket : load->st.buckets) {
+            if (bucket.map.forgotten.contains(number)) source_map_put_forgotten(&bucket.map, number, true);
+        }
+    }
+    return deleted;
 }
 
 }  // namespace
@@ -425,8 +499,20 @@ void loader_open(loader* load, const std::string& store_path, const load_options
     }
     store_open_for_load(&load->st, store_path, !options.no_fsync);
     load->known = known_files_gather(&load->st, &load->closed_buckets);
+    try {
+        finish_forgetting(load);
+    } catch (const tool_failure& failure) {
+        say_trouble("events of forgotten files were not deleted: " + failure.message);
+    }
     load_begin(load, options.files);
     finish_spools(load);
+}
+
+std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again) {
+    const std::vector<uint32_t> numbers = files_meant(load, path, again);
+    if (numbers.empty()) return std::nullopt;
+    for (const uint32_t number : numbers) known_files_forget(&load->known, &load->st, number);
+    return finish_forgetting(load);
 }
 
 bool loader_load(loader* load, const std::string& path, std::string* error) {

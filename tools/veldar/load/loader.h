@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ struct load_options {
     std::string time_field, formats_file;
     bool strict = false;
     bool parts = false;
+    bool flush = false;  // takes unfinished last lines
     bool no_fsync = false;
     bool no_optimize = false;
     uint64_t bucket_bytes = BUCKET_BYTES_MAX;
@@ -43,7 +45,8 @@ struct loader : load_report {
     index_writer writer;   // of the last bucket, when thing is not null
     uint64_t address = 0;  // of the next record in the bucket
     uint64_t slices_seen = 0;
-    unique_fd spool;  // of the pipe being loaded
+    uint64_t merges = 0;  // made while loading
+    unique_fd spool;      // of the pipe being loaded
 
     log_event_maker event;
     dating_report dating;
@@ -57,6 +60,10 @@ void loader_open(loader* load, const std::string& store_path, const load_options
 // Loads what is new in a file ("-": standard input). False with a message when not all of it could be read; what could
 // be is loaded.
 bool loader_load(loader* load, const std::string& path, std::string* error);
+// Forgets a file, so that it counts as never loaded, and deletes its events: the one with this content, or those that
+// were last seen at the path. How many events; nothing when none is known. With `again` only what can be loaded anew is
+// forgotten. For a loader that has not loaded yet.
+std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again);
 // Syncs, saves the progress and closes.
 void loader_close(loader* load);
 // After a failure: keeps what can still be kept, and returns what the user can do about the rest. Does not throw.

@@ -53,10 +53,12 @@ void log_event_note(log_event_maker* maker, std::string_view record) {
     parse_first(maker, uncoloured(record_text(parsed_part(*maker->format, record)), &maker->plain));
 }
 
-void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise) {
+void log_event_look_ahead(log_event_maker* maker, const record_cut& cut, std::string_view records, int64_t otherwise) {
     const format_context before = maker->context;
-    while (!maker->has_time && !lines.empty()) {
-        parse_first(maker, uncoloured(take_line(&lines), &maker->plain));
+    while (!maker->has_time && !records.empty()) {
+        const size_t size = record_length(cut, records, true);
+        log_event_note(maker, record_content(cut, records.substr(0, size), 1));
+        records.remove_prefix(size);
     }
     maker->context = before;
     maker->from_file = !maker->has_time;

@@ -9,6 +9,7 @@
 #include "searchthing/base/st_timeval.h"
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
+#include "tools/veldar/store/record_cut.h"
 
 namespace veldar::tool {
 
@@ -30,10 +31,10 @@ struct log_event_maker {
 
 // Takes over the time of a record, and what its format remembers from line to line, without making an event.
 void log_event_note(log_event_maker* maker, std::string_view record);
-// When no time is known yet: takes the first that stands in these lines, else `otherwise`.
-void log_event_look_ahead(log_event_maker* maker, std::string_view lines, int64_t otherwise);
 // The fields of a record as it writes them, those of its continued lines too; the views are valid until the next record.
 void log_event_fields(log_event_maker* maker, std::string_view record, std::vector<field_view>* fields);
+// When no time is known yet: takes the first that stands in these records, else `otherwise`.
+void log_event_look_ahead(log_event_maker* maker, const record_cut& cut, std::string_view records, int64_t otherwise);
 // Makes the event of a record: maker->time, ->line_host and ->terms, the views valid until the next record.
 void log_event_make(log_event_maker* maker, std::string_view record);
 

@@ -33,6 +33,29 @@ std::vector<std::string_view> first_lines(std::string_view head, size_t count, s
     return lines;
 }
 
+// The first records by a rule that needs no times.
+std::vector<std::string_view> cut_records(std::string_view head, record_rule rule) {
+    record_cut cut;
+    cut.rule = rule;
+    std::vector<std::string_view> records;
+    while (!head.empty() && records.size() < FORMAT_LINES) {
+        const size_t size = record_length(cut, head, true);
+        const std::string_view content = record_content(cut, head.substr(0, size), 1);
+        head.remove_prefix(size);
+        if (!content.empty() && (!head.empty() || records.empty())) records.push_back(content);
+    }
+    return records;
+}
+
+// The records of a log that begins with objects over several lines, or with an array of objects; else its lines.
+std::vector<std::string_view> first_records(std::string_view head, const std::vector<std::string_view>& lines) {
+    const size_t first = std::min(head.find_first_not_of(" \t\r\n"), head.size());
+    if (first == head.size() || (head[first] != '{' && head[first] != '[')) return lines;
+    const std::vector<std::string_view> records = cut_records(head, record_rule::objects);
+    const bool objects = !records.empty() && records[0].starts_with('{');
+    return objects ? records : lines;
+}
+
 // What the options say; null when they say nothing.
 const line_format* forced_format(const load_options& options, format_context* context) {
     context->time_field = options.time_field;
@@ -84,21 +107,25 @@ std::string no_time_note(const log_form_counts& counts, const format_context& co
 
 const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
                                    format_context* context) {
+    skip_utf8_mark(&head);
     const line_format* format = forced_format(options, context);
     // "text" alone may only say that the log was too short to tell when it was first seen.
     if (format == nullptr && recorded != text_format()->name) format = format_by_record(recorded, context);
     std::string plain;
     const std::vector<std::string_view> lines = first_lines(head, FORMAT_LINES, &plain);
     if (!context->columns.known()) {
-        const line_format* const table = detect_columns(lines, format, context);
+        const line_format* table = detect_columns(lines, format, context);
+        const bool quotes = table == nullptr && head.find('"') != std::string_view::npos;
+        if (quotes) table = detect_columns(cut_records(head, record_rule::quotes), format, context);
         if (format == nullptr) format = table;
     }
-    if (format == nullptr) format = detect_format(lines, *context);
+    if (format == nullptr) format = detect_format(first_records(head, lines), *context);
     if (format->user != nullptr) user_format_prepare(*format->user, context);
     // Those that name their fields say their time in one of them.
-    const bool names_fields = format->is_json || format->records != record_rule::times;
+    const bool names_fields = format->is_json || context->columns.known() || format->records == record_rule::journal;
     if ((names_fields && recorded.empty()) || !context->time_field.empty()) {
-        time_field_find(*format, first_lines(head, TIME_LINES, &plain), hints_of(options.date_order, context), context);
+        time_field_find(*format, first_records(head, first_lines(head, TIME_LINES, &plain)),
+                        hints_of(options.date_order, context), context);
     }
     if (format->is_json || !context->time_field.empty()) return format;
     const bool is_text = format == text_format();
@@ -114,6 +141,30 @@ const line_format* log_form_choose(const load_options& options, std::string_view
     return format;
 }
 
+record_cut log_form_cut(const line_format& format, std::string_view head, const format_context& context) {
+    record_cut cut;
+    if (format.records != record_rule::times) {
+        cut.rule = format.records;
+        return cut;
+    }
+    if (!context.times.known()) return cut;
+    skip_utf8_mark(&head);
+    // Should the format see times where the place shows none, their lines would be lost in others.
+    format_context scratch = context;
+    std::string plain;
+    parsed_line parsed;
+    shape_time time;
+    std::string_view where;
+    for (const std::string_view line : first_lines(head, FORMAT_LINES, &plain)) {
+        parse_log_line(format, line, &scratch, &parsed);
+        if (begins_record(line) && parsed.has_time && !time_place_take_any(context.times, line, &time, &where))
+            return cut;
+    }
+    cut.rule = record_rule::times;
+    cut.times = context.times;
+    return cut;
+}
+
 namespace {
 
 // Whether a line at the log's beginning has a time in the field that is asked for.
@@ -123,7 +174,7 @@ bool has_time_field(const load_options& options, std::string_view head, format_c
     std::string plain, example;
     parsed_line parsed;
     context->boot_s = 0;
-    for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
+    for (const std::string_view line : first_records(head, first_lines(head, TIME_LINES, &plain))) {
         parse_log_line(*format, line, context, &parsed);
         if (parsed.has_time) return true;
         if (example.empty() && !parsed.no_event) example = line.substr(0, EXAMPLE_BYTES);
@@ -135,6 +186,7 @@ bool has_time_field(const load_options& options, std::string_view head, format_c
 }  // namespace
 
 bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error) {
+    skip_utf8_mark(&head);
     format_context context;
     context.zone = zone;
     context.year = options.year;
@@ -145,7 +197,7 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
     std::string plain, example;
     parsed_line parsed;
     detect_columns(first_lines(head, FORMAT_LINES, &plain), format, &context);
-    for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
+    for (const std::string_view line : first_records(head, first_lines(head, TIME_LINES, &plain))) {
         if (!begins_record(line)) continue;
         if (example.empty()) example = line.substr(0, EXAMPLE_BYTES);
         const bool formed = parse_log_line(*format, line, &context, &parsed);
@@ -164,7 +216,7 @@ bool log_form_is_dated(const load_options& options, const log_zone& zone, std::s
     std::string plain, example;
     parsed_line parsed;
     size_t records = 0, dated = 0;
-    for (const std::string_view line : first_lines(head, TIME_LINES, &plain)) {
+    for (const std::string_view line : first_records(head, first_lines(head, TIME_LINES, &plain))) {
         if (!begins_record(line)) continue;
         parse_log_line(*format, line, &context, &parsed);
         if (parsed.no_event) continue;

@@ -16,6 +16,9 @@ namespace veldar::tool {
 const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
                                    format_context* context);
 
+// Where a log of this form that begins with `head` is cut into records.
+record_cut log_form_cut(const line_format& format, std::string_view head, const format_context& context);
+
 // False with a message when the options force a form that no line of the log's beginning has: all of it would be dated
 // wrongly, and what is loaded once is not loaded again.
 bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error);

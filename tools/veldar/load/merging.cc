@@ -24,6 +24,8 @@ namespace veldar::tool {
 namespace {
 
 constexpr uint32_t WRITE_LEVEL = 4;
+constexpr uint64_t LARGE = uint64_t{32} << 20;  // bytes of slices whose space is worth sparing
+constexpr uint32_t SOURCES_WHILE_LOADING = 4;
 
 // What the threads share.
 struct crew {
@@ -69,21 +71,36 @@ live_slices_t count_slices(const std::string& directory) {
     return found;
 }
 
+// How much one merge may take of a directory when space is to be spared, as what is merged lies there twice; 0 for any.
+uint64_t spared_target(const std::string& directory, uint64_t planned) {
+    const uint64_t most = count_slices(directory).bytes / 8 * 5;
+    return planned > std::max(most, LARGE) ? most : 0;
+}
+
 // Merges until nothing is left to merge: that status, or a failure.
-int merge_directory(crew* all, TSIDX* tsidx, uint64_t* merges) {
+int merge_directory(crew* all, TSIDX* tsidx, const std::string& directory, uint64_t* merges) {
     const merge_settings& settings = all->settings;
     const int mode = settings.everything ? TSIDX_OPTIMIZE_ALL : TSIDX_OPTIMIZE_TIERED;
+    uint64_t target = settings.target_size;
+    uint32_t min_sources = settings.min_sources != 0 ? settings.min_sources : TSIDX_OPTIMIZE_MIN_SOURCES;
     int status = 0;
     while (status == 0 && tool_interrupted == 0) {
         tsidx_optimize_plan_t plan;
-        status = st_tsidx_optimize_plan(tsidx, mode, TSIDX_OPTIMIZE_MIN_SOURCES, settings.target_size,
-                                        settings.is_final, &plan);
-        if (status != 0) break;
+        const auto make_plan = [&] {
+            return st_tsidx_optimize_plan(tsidx, mode, min_sources, target, settings.is_final, &plan);
+        };
+        status = make_plan();
+        const uint64_t spared = status == 0 && settings.spares_space ? spared_target(directory, plan.bytes) : 0;
+        if (spared != 0) {
+            target = spared;
+            if (settings.min_sources == 0) min_sources = 2;  // what one merge leaves over, too
+            status = make_plan();
+        }
+        if (status != 0 || plan.bytes < settings.least_bytes) break;
         all->planned += plan.bytes;
         merge_watch watch{all};
         st_tsidx_set_merge_progress(tsidx, merge_watch::report, &watch);
-        status = st_tsidx_optimize_n(tsidx, mode, TSIDX_OPTIMIZE_MIN_SOURCES, 0, settings.target_size, nullptr, 0, 0,
-                                     settings.is_final);
+        status = st_tsidx_optimize_n(tsidx, mode, min_sources, 0, target, nullptr, 0, 0, settings.is_final);
         all->done += plan.bytes - std::min(plan.bytes, watch.seen);
         *merges += status == 0 ? 1 : 0;
     }
@@ -100,7 +117,7 @@ void work_on(crew* all, const std::string& directory) {
         const tsidx_ptr tsidx = index_handle_open(directory, WRITE_LEVEL);
         static_cast<void>(st_tsidx_clear_need_optimize(tsidx.get()));
         st_tsidx_set_merge_drops_deleted(tsidx.get(), all->settings.drops_deleted);
-        const int status = merge_directory(all, tsidx.get(), &merges);
+        const int status = merge_directory(all, tsidx.get(), directory, &merges);
         if (status != 0 && status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES) {
             failure = directory + ": " + index_failure_text(tsidx.get());
             out_of_space = status == WARM_RC_WRITE || status == WARM_RC_NO_MEMORY;
@@ -181,9 +198,26 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
     return all.totals;
 }
 
-void merge_after_load(const std::vector<std::string>& directories) try {
+uint64_t merge_while_loading(const std::string& directory) try {
+    return merge_directories({directory},
+                             {.spares_space = true, .min_sources = SOURCES_WHILE_LOADING, .least_bytes = LARGE})
+        .merges;
+} catch (const std::bad_alloc&) {
+    return 0;  // the load ends better without
+}
+
+void merge_after_load(const std::vector<std::string>& directories, uint64_t merges_before) try {
     const auto begun = std::chrono::steady_clock::now();
-    const merge_totals totals = merge_directories(directories, {});
+    merge_totals totals = merge_directories(directories, {.spares_space = true});
+    if (merges_before != 0) {
+        // Those that a large load has left over.
+        const merge_totals rest =
+            merge_directories(directories, {.is_final = true, .spares_space = true, .least_bytes = LARGE});
+        totals.merges += rest.merges;
+        totals.slices_after = rest.slices_after;
+        totals.bytes_after = rest.bytes_after;
+        totals.failures.insert(totals.failures.end(), rest.failures.begin(), rest.failures.end());
+    }
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
     if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
     for (const std::string& failure : totals.failures) {

@@ -12,6 +12,9 @@ struct merge_settings {
     bool everything = false;     // whatever fits the target size, and not only enough slices of one size
     bool is_final = false;       // two slices of one size are enough
     bool drops_deleted = false;  // and slices are rewritten for it
+    bool spares_space = false;   // no merge takes most of a large directory: not all lies on the disk twice
+    uint32_t min_sources = 0;    // of one size that are enough; 0: the engine's
+    uint64_t least_bytes = 0;    // nothing smaller is merged
     uint64_t target_size = 0;    // bytes; 0: the engine's
     uint32_t jobs = 1;           // directories at a time
 };
@@ -25,9 +28,12 @@ struct merge_totals {
 // Merges in each directory until nothing is left to merge, or until the command is interrupted: then the merges at work
 // are completed. Throws std::bad_alloc only.
 merge_totals merge_directories(const std::vector<std::string>& directories, const merge_settings& settings);
-// Many loads, or a large one, leave many slices: merges them and says so on standard error. What is loaded is loaded,
-// whatever becomes of this.
-void merge_after_load(const std::vector<std::string>& directories);
+// What a load writes first takes up to twice the bytes that it is merged into, so a large load merges as it goes: the
+// last slices of its directory, when there are enough of them. How many merges; a failure is told after the load.
+uint64_t merge_while_loading(const std::string& directory);
+// Many loads, or a large one, leave many slices: merges them and says so on standard error. With merges made while
+// loading, those that they left over as well. What is loaded is loaded, whatever becomes of this.
+void merge_after_load(const std::vector<std::string>& directories, uint64_t merges_before = 0);
 // "64 slices merged into 3, 120.3 MB into 80.1 MB, 5.2 s"
 std::string merge_totals_text(const merge_totals& totals, double seconds);
 

@@ -47,7 +47,7 @@ struct metric_file {
 std::string name_of_file(const std::string& path) {
     if (path == "-") return "stdin";
     std::string name = path.substr(path.rfind('/') + 1);
-    if (name.ends_with(".gz")) name.resize(name.size() - 3);
+    name.resize(packed_name_stem(name).size());
     const size_t point = name.rfind('.');
     return point == std::string::npos || point == 0 ? name : name.substr(0, point);
 }

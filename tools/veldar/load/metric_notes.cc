@@ -91,8 +91,8 @@ bool metric_notes_find(const metric_notes& notes, const log_input& input, uint64
     if (!hash_head(input.fd.get(), input.size, &head, error)) return false;
     std::vector<metric_note> candidates;
     for (const metric_note& note : notes.notes) {
-        // Of a gzip file a beginning is no file, and its text may begin like that of another.
-        const bool fits = input.gz != nullptr ? note.size == input.size : note.size <= input.size;
+        // Of a compressed file a beginning is no file, and its text may begin like that of another.
+        const bool fits = log_input_is_plain(input) ? note.size <= input.size : note.size == input.size;
         if (note.options == options && fits && (note.size < HEAD_SIZE || note.head == head)) candidates.push_back(note);
     }
     std::sort(candidates.begin(), candidates.end(),
@@ -107,7 +107,7 @@ bool metric_notes_find(const metric_notes& notes, const log_input& input, uint64
 
 bool metric_note_make(file_hash* hash, const log_input& input, uint64_t options, uint64_t offset, metric_note* note,
                       std::string* error) {
-    const uint64_t size = input.gz != nullptr ? input.size : offset;
+    const uint64_t size = log_input_is_plain(input) ? offset : input.size;
     *note = {size, 0, 0, options, offset};
     return hash_head(input.fd.get(), size, &note->head, error) &&
            hash_up_to(hash, input.fd.get(), size, &note->hash, error);

@@ -121,6 +121,8 @@ std::string totals_text(const progress& p, const load_totals& totals, const dati
     for (size_t kind = 0; dating != nullptr && kind < LINE_REFUSED; kind++) {
         if (dating->counts[kind] > 0) text += ", " + number_text(dating->counts[kind]) + NAMES[kind];
     }
+    if (totals.waiting == 1) text += ", 1 unfinished last line waits (see --flush)";
+    if (totals.waiting > 1) text += ", " + number_text(totals.waiting) + " unfinished last lines wait (see --flush)";
     text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused),
                         totals.refused == 1 ? "line" : "lines", static_cast<double>(now_us() - p.begun_us) / 1e6);
     return text;

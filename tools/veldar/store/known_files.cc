@@ -25,17 +25,19 @@ bool record_end(const store_bucket& bucket, const source_place& place, uint64_t*
     std::string error;
     log_input input;
     record_reader reader;
+    reader.cut = record_cut_of(place.file->records, place.cut);
     std::string path = source_file_locate(*place.file, bucket.directory);
     if (path.empty() || !log_input_open(&input, path, &error)) return false;
-    if (input.gz != nullptr)
-        gz_load_points(input.gz.get(), bucket.directory + "/" + source_points_name(place.file->number));
+    if (input.packed != nullptr) {
+        packed_load_points(input.packed.get(), bucket.directory + "/" + source_points_name(place.file->number));
+    }
     if (!log_input_seek(&input, place.offset, &error) || !record_reader_open(&reader, &input, place.end)) return false;
     uint64_t offset;
     std::string_view text;
     if (!record_reader_next(&reader, &offset, &text)) return false;
     record_reader_finish_record(&reader);
     *end = reader.offset;
-    return input.gz != nullptr || reader.error.empty();
+    return input.packed != nullptr || reader.error.empty();
 }
 
 // Slices become visible in the order of their addresses and each as a whole, so the greatest address that has been in
@@ -57,6 +59,7 @@ bool settle_bucket(store_bucket* bucket, known_file* last) {
     last->progress = place->offset;
     last->record_indexed = true;
     last->record_limit = place->end;
+    last->record_cut = place->cut;
     return false;
 }
 
@@ -106,20 +109,22 @@ std::vector<uint32_t> same_heads(const known_files& known, const std::string& he
 // The length that a gzip file of one member says it has (modulo 2^32).
 bool gzip_length_is(const log_input& input, uint64_t length) {
     char ending[4];
-    return input.size > 18 && tool_read_at(input.fd.get(), ending, sizeof ending, input.size - 4) == 4 &&
+    return input.packed->format == PACKED_GZIP && input.size > 18 &&
+           tool_read_at(input.fd.get(), ending, sizeof ending, input.size - 4) == 4 &&
            load_le32(ending) == static_cast<uint32_t>(length);
 }
 
 // Whether the bytes before the progress are those that were loaded, as far as a hash of the last of them is known. An
-// input that cannot be read that far (a cut gzip file) is taken for the same: its trouble is reported when it is
+// input that cannot be read that far (a cut compressed file) is taken for the same: its trouble is reported when it is
 // loaded.
 bool same_tail(const known_file& known, log_input* input) {
-    if (input->gz == nullptr && input->size < known.progress) return false;
-    if (input->gz != nullptr && gzip_length_is(*input, known.progress)) return true;
+    if (log_input_is_plain(*input) && input->size < known.progress) return false;
+    if (input->packed != nullptr && input->wide == nullptr && gzip_length_is(*input, known.progress)) return true;
     const source_tail& tail = known.tail;
     std::string error, bytes(tail.size, '\0');
     const bool reached = log_input_seek(input, known.progress, &error);
-    if (!reached && input->gz != nullptr && input->gz->ended) return false;
+    const bool is_shorter = !reached && (input->packed == nullptr || input->packed->ended);
+    if (is_shorter) return false;
     if (!reached || tail.size == 0) return true;
     if (!log_input_seek(input, tail.end - tail.size, &error)) return true;
     for (size_t have = 0; have < bytes.size();) {
@@ -150,6 +155,13 @@ bool goes_on_alike(const known_file& known, log_input* input, log_input* origina
     return read_from(original, known.progress, {others, size}) == size && std::memcmp(bytes, others, size) == 0;
 }
 
+void remove_head(known_files* known, const source_file& file) {
+    auto& hashes = known->heads[file.head_size];
+    const auto [first, last] = hashes.equal_range(file.head_hash);
+    const auto found = std::find_if(first, last, [&](const auto& head) { return head.second == file.number; });
+    if (found != last) hashes.erase(found);
+}
+
 }  // namespace
 
 known_files known_files_gather(store* st, std::vector<uint32_t>* open_end) {
@@ -169,8 +181,12 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end) {
         file.progress = last.progress;
         file.record_indexed = true;
         file.record_limit = last.record_limit;
+        file.record_cut = last.record_cut;
     }
     for (const store_bucket& bucket : st->buckets) gather_tails(&known, bucket);
+    for (const store_bucket& bucket : st->buckets) {
+        for (const auto& [number, deleted] : bucket.map.forgotten) known.by_number.erase(number);
+    }
     for (const auto& [number, file] : known.by_number) {
         if (file.file.kind != SOURCE_SPOOL) known.heads[file.file.head_size].emplace(file.file.head_hash, number);
     }
@@ -203,25 +219,35 @@ known_file* known_files_identify(known_files* known, log_input* input, bool* cop
 
 known_file* known_files_put(known_files* known, const source_file& file) {
     known_file* const entry = &known->by_number[file.number];
-    if (entry->file.head_size != 0) {
-        auto& hashes = known->heads[entry->file.head_size];
-        const auto [first, last] = hashes.equal_range(entry->file.head_hash);
-        for (auto i = first; i != last; ++i) {
-            if (i->second != file.number) continue;
-            hashes.erase(i);
-            break;
-        }
-    }
+    if (entry->file.head_size != 0) remove_head(known, entry->file);
     entry->file = file;
     known->next_number = std::max(known->next_number, file.number + 1);
     if (file.kind != SOURCE_SPOOL) known->heads[file.head_size].emplace(file.head_hash, file.number);
     return entry;
 }
 
+std::vector<uint32_t> known_files_to_delete(const store& st) {
+    std::vector<uint32_t> numbers;
+    for (const store_bucket& bucket : st.buckets) {
+        for (const auto& [number, deleted] : bucket.map.forgotten) {
+            if (!deleted) numbers.push_back(number);
+        }
+    }
+    return numbers;
+}
+
+void known_files_forget(known_files* known, store* st, uint32_t number) {
+    const auto holds = [&](const store_bucket& bucket) { return bucket.map.files.contains(number); };
+    const auto bucket = std::find_if(st->buckets.begin(), st->buckets.end(), holds);
+    if (bucket != st->buckets.end()) source_map_put_forgotten(&bucket->map, number, false);
+    remove_head(known, known->by_number[number].file);
+    known->by_number.erase(number);
+}
+
 bool known_file_unchanged(const known_file& known, const log_input& input) {
     return known.file.inode == input.inode && known.file.device == input.device && known.file.size == input.size &&
            known.file.modified_ns == input.modified_ns && known.tail.end == known.progress && known.progress > 0 &&
-           !known.record_indexed && (input.gz != nullptr || known.progress == input.size);
+           !known.record_indexed && (!log_input_is_plain(input) || known.progress == input.size);
 }
 
 }  // namespace veldar::tool

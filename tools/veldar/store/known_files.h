@@ -18,6 +18,7 @@ struct known_file {
     // when the file is read again. It ends before `record_limit`.
     bool record_indexed = false;
     uint64_t record_limit = SOURCE_NO_LIMIT;
+    uint32_t record_cut = 0;
     source_tail tail;  // the last one within the progress; size 0 when there is none
 };
 
@@ -39,6 +40,10 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end);
 known_file* known_files_identify(known_files* known, log_input* input, bool* copy);
 // Takes a new file, or the new whereabouts of a known one.
 known_file* known_files_put(known_files* known, const source_file& file);
+// The files that were forgotten and whose events may not all be deleted.
+std::vector<uint32_t> known_files_to_delete(const store& st);
+// Forgets a file: it counts as never loaded from now on. Throws tool_failure.
+void known_files_forget(known_files* known, store* st, uint32_t number);
 // Whether the input is, byte for byte as far as its inode, size and time tell, what was loaded to its end.
 bool known_file_unchanged(const known_file& known, const log_input& input);
 

@@ -17,9 +17,9 @@ namespace veldar::tool {
 namespace {
 
 constexpr size_t FIRST_READ = 64 << 10;
-constexpr uint64_t CACHE_BACK = GZ_POINT_SPAN;  // decompressed bytes kept before the wanted one
+constexpr uint64_t CACHE_BACK = PACKED_POINT_SPAN;  // decoded bytes kept before the wanted one
 constexpr uint64_t CONTEXT_ROOM = 2 * FIRST_READ;
-constexpr size_t CACHE_MAX = 2 * GZ_POINT_SPAN;
+constexpr size_t CACHE_MAX = 2 * PACKED_POINT_SPAN;
 
 // An open file and the piece of its decompressed bytes that was read last.
 struct open_source {
@@ -42,7 +42,7 @@ bool open_checked(const source_file& file, const std::string& path, log_input* i
 
 // What the names of all rotations of a log begin with: "a.log" for "a.log.2.gz" and for "a.log-20240501".
 std::string rotation_base(std::string name) {
-    if (name.ends_with(".gz")) name.resize(name.size() - 3);
+    name.resize(packed_name_stem(name).size());
     const size_t number = name.find_last_not_of("0123456789");
     const bool numbered = number != std::string::npos && number > 0 && number + 1 < name.size() &&
                           (name[number] == '.' || name[number] == '-');
@@ -52,7 +52,7 @@ std::string rotation_base(std::string name) {
 
 // Paths worth opening, the likeliest first. When the directory cannot be read to its end, *error says so.
 std::vector<std::string> candidates(const source_file& file, std::string* error) {
-    std::vector<std::string> found = {file.path, file.path + ".gz"};
+    std::vector<std::string> found = {file.path};
     const size_t slash = file.path.rfind('/');
     const std::string directory = file.path.substr(0, slash + 1), name = file.path.substr(slash + 1);
     const std::string base = rotation_base(name);
@@ -82,11 +82,11 @@ bool locate_and_open(const source_file& file, const std::string& directory, log_
     return false;
 }
 
-// Where reading begins so that `offset` is reached: before it, as records are mostly asked for newest first; in a gzip
-// file at an access point that leaves room for context lines, so that these do not ask for the point before.
+// Where reading begins so that `offset` is reached: before it, as records are mostly asked for newest first; in a
+// compressed file at an access point that leaves room for context lines, so that these do not ask for the point before.
 uint64_t run_start(const open_source& source, uint64_t offset) {
-    if (source.input.gz == nullptr) return offset / FIRST_READ * FIRST_READ;
-    const uint64_t point = gz_point_before(*source.input.gz, offset > CONTEXT_ROOM ? offset - CONTEXT_ROOM : 0);
+    if (source.input.packed == nullptr) return offset / FIRST_READ * FIRST_READ;
+    const uint64_t point = packed_point_before(*source.input.packed, offset > CONTEXT_ROOM ? offset - CONTEXT_ROOM : 0);
     return std::max(point, offset > CACHE_BACK ? offset - CACHE_BACK : 0);
 }
 
@@ -153,9 +153,9 @@ open_source* source_of(raw_reader* reader, const source_file& file, std::string*
             std::min_element(reader->sources.begin(), reader->sources.end(),
                              [](const auto& a, const auto& b) { return a.second->used < b.second->used; }));
     }
-    if (source->input.gz != nullptr) {
-        source->input.gz->points.clear();
-        gz_load_points(source->input.gz.get(), reader->directory + "/" + source_points_name(file.number));
+    if (source->input.packed != nullptr) {
+        source->input.packed->points.clear();
+        packed_load_points(source->input.packed.get(), reader->directory + "/" + source_points_name(file.number));
     }
     return (reader->sources[file.number] = std::move(source)).get();
 }
@@ -171,12 +171,13 @@ std::string_view run_bytes(const open_source& source, uint64_t offset, uint64_t 
 // The bytes of the record, from the piece; more and more of them until its end is there.
 bool read_record(open_source* source, const source_place& place, std::string_view* record, std::string* error) {
     const uint64_t most = place.end - place.offset;
+    const record_cut cut = record_cut_of(place.file->records, place.cut);
     for (size_t size = FIRST_READ;; size *= 2) {
         const size_t wanted = static_cast<size_t>(std::min<uint64_t>(size, most));
         if (!load_run(source, place.offset, wanted, error)) return false;
         const std::string_view have = run_bytes(*source, place.offset, most);
         const bool all = have.size() == most || source->at_end;
-        const size_t length = record_length(have, all);
+        const size_t length = record_length(cut, have, all);
         *record = have.substr(0, length);
         if (length != 0) return true;
         if (all) {
@@ -274,7 +275,7 @@ bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std
         *error = source->input.path + ": " + *error;
         return false;
     }
-    out->text = record_text(record);
+    out->text = record_content(record_cut_of(place->file->records, place->cut), record, place->offset);
     out->path = source->input.path;
     out->offset = place->offset;
     out->size = record.size();

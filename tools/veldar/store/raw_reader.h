@@ -1,7 +1,7 @@
 // Reads the raw records of events back: from the address through the source map to the bytes of the log.
 //
 // A log that was renamed, rotated or compressed since is looked for in its directory: the same inode under another
-// name, the name with ".gz", and names that begin with it; what is found counts only when its first bytes hash as they
+// name, and names that begin with its name (".gz", the numbers of rotations); what is found counts only when its first bytes hash as they
 // did.
 #pragma once
 
@@ -44,7 +44,7 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
 std::string source_file_locate(const source_file& file, const std::string& directory);
 // Opens the very file that was loaded (its inode), when it stands in its directory under any name and begins as it did.
 [[nodiscard]] bool source_file_open_original(const source_file& file, log_input* input);
-// The name in a bucket of the access points of a gzip file.
+// The name in a bucket of the access points of a compressed file.
 std::string source_points_name(uint32_t number);
 
 }  // namespace veldar::tool

@@ -17,13 +17,6 @@ size_t line_end(std::string_view bytes, size_t from) {
     return newline == std::string_view::npos ? std::string_view::npos : newline + 1;
 }
 
-// Whether the line at `at` continues the record before it. Needs its first two bytes, or the end of the input.
-bool continues(std::string_view bytes, size_t at) {
-    const char c = bytes[at];
-    if (c == ' ' || c == '\t' || c == '\n') return true;
-    return c == '\r' && at + 1 < bytes.size() && bytes[at + 1] == '\n';
-}
-
 // Moves the unread bytes to the front, behind the tail that is kept, and reads more behind them. False when nothing
 // came.
 bool fill(record_reader* reader) {
@@ -63,30 +56,6 @@ void consume(record_reader* reader, size_t size) {
 
 }  // namespace
 
-size_t record_length(std::string_view bytes, bool at_end) {
-    size_t end = line_end(bytes, 0);
-    if (end == std::string_view::npos) return at_end ? bytes.size() : 0;
-    while (end < RECORD_MAX) {
-        const bool undecided = end == bytes.size() || (end + 1 == bytes.size() && bytes[end] == '\r');
-        if (undecided && !at_end) return 0;
-        if (end == bytes.size() || !continues(bytes, end)) return end;
-        size_t next = line_end(bytes, end);
-        if (next == std::string_view::npos) {
-            if (!at_end && bytes.size() <= RECORD_MAX) return 0;
-            next = bytes.size();
-        }
-        if (next > RECORD_MAX) return end;
-        end = next;
-    }
-    return end;
-}
-
-std::string_view record_text(std::string_view record) {
-    if (record.ends_with('\n')) record.remove_suffix(1);
-    if (record.ends_with('\r')) record.remove_suffix(1);
-    return record;
-}
-
 bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit) {
     reader->input = input;
     reader->limit = limit;
@@ -97,7 +66,7 @@ bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit)
 bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text) {
     record_reader_finish_record(reader);
     size_t size;
-    while ((size = record_length(unread(reader), reader->at_end)) == 0) {
+    while ((size = record_length(reader->cut, unread(reader), reader->at_end)) == 0) {
         if (reader->end - reader->begin > RECORD_MAX) {
             reader->skipping = true;
             size = RECORD_MAX;
@@ -105,9 +74,10 @@ bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_vie
         }
         if (!fill(reader) && reader->begin == reader->end) return false;
     }
+    reader->held = reader->at_end && reader->waits && record_is_open(reader->cut, unread(reader));
+    if (reader->held) return false;
     *offset = reader->offset;
-    *text = reader->skipping ? unread(reader).substr(0, size) : record_text(unread(reader).substr(0, size));
-    *text = text->substr(0, RECORD_MAX);
+    *text = record_content(reader->cut, unread(reader).substr(0, size), reader->offset).substr(0, RECORD_MAX);
     consume(reader, size);
     return true;
 }

@@ -1,6 +1,4 @@
-// Cuts a log into records: a line, and the lines behind it that continue it (empty ones and those that begin with a
-// blank, as the lines of a stack trace do), as long as the record stays within 1 MiB. The rule needs nothing but the
-// bytes from a record's beginning on, so whoever knows where a record begins finds the same end.
+// Reads a log record by record, as a rule cuts it.
 #pragma once
 
 #include <cstdint>
@@ -9,35 +7,31 @@
 
 #include "libzero/resource.h"
 #include "tools/veldar/store/log_input.h"
+#include "tools/veldar/store/record_cut.h"
 
 namespace veldar::tool {
 
-inline constexpr size_t RECORD_MAX = size_t{1} << 20;  // what is indexed of a record, and what continuations may fill
-
 inline constexpr size_t RECORD_TAIL_MAX = 4096;
-
-// The size of the record at the beginning of `bytes`, its last newline included; 0 when that takes more bytes than
-// these. With `at_end` nothing follows them, and only empty bytes give 0.
-size_t record_length(std::string_view bytes, bool at_end);
-// A record's text without the newline (or CR LF) that ends it.
-std::string_view record_text(std::string_view record);
 
 struct record_reader {
     log_input* input = nullptr;
+    record_cut cut;
+    bool waits = false;             // the last record is not given while it is open: it waits for its rest
     uint64_t limit = ~uint64_t{0};  // no byte from this offset on is taken
     int spool = -1;                 // gets a copy of every byte that is read, at the same offset; -1: none
     buffer<char> bytes;
     size_t begin = 0, end = 0;  // the unread bytes
     uint64_t offset = 0;        // of bytes[begin]
     bool at_end = false;
+    bool held = false;      // the last record waits
     bool skipping = false;  // inside a long line whose first bytes have been given
     std::string error;      // why the input ended early; empty for its real end
     int spool_errno = 0;    // why the spool could not be written
 };
 
-// Reads from the input's present offset. False when memory is short.
+// Reads from the input's present offset, by the cut as it is set. False when memory is short.
 [[nodiscard]] bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit);
-// The next record: its offset and at most RECORD_MAX bytes of its text, valid until the next call. False at the end:
+// The next record: its offset and at most RECORD_MAX bytes of its content, valid until the next call. False at the end:
 // reader->offset then stands behind the last record.
 bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text);
 // Skips what is left of a long line, so that reader->offset is the end of the last record given.

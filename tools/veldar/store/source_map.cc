@@ -16,10 +16,16 @@ namespace veldar::tool {
 
 namespace {
 
-enum record_kind_t : uint32_t { RECORD_FILE = 1, RECORD_STRETCH = 2, RECORD_MARK = 3, RECORD_TAIL = 4 };
+enum record_kind_t : uint32_t {
+    RECORD_FILE = 1,
+    RECORD_STRETCH = 2,
+    RECORD_MARK = 3,
+    RECORD_TAIL = 4,
+    RECORD_FORGOTTEN = 5
+};
 
 constexpr size_t RECORD_HEAD = 8, RECORD_CHECKSUM = 8;
-constexpr size_t FILE_FIXED = 66, STRETCH_SIZE = 32, MARK_SIZE = 8, TAIL_SIZE = 24;
+constexpr size_t FILE_FIXED = 66, STRETCH_SIZE = 32, MARK_SIZE = 8, TAIL_SIZE = 24, FORGOTTEN_SIZE = 8;
 
 void put32(std::string* out, size_t at, uint32_t value) {
     store_le32(out->data() + at, value);
@@ -49,13 +55,13 @@ std::string encode_file(const source_file& file) {
     p[63] = static_cast<char>(file.path.size() >> 8);
     p[64] = static_cast<char>(file.format.size() & 0xFF);
     p[65] = static_cast<char>(file.format.size() >> 8);
-    return p + file.path + file.format;
+    return p + file.path + file.format + file.records;
 }
 
 bool decode_file(std::string_view p, source_file* file) {
     if (p.size() < FILE_FIXED) return false;
     const size_t path_size = get16(&p[62]), format_size = get16(&p[64]);
-    if (p.size() != FILE_FIXED + path_size + format_size || static_cast<uint8_t>(p[60]) > SOURCE_SPOOL) return false;
+    if (p.size() < FILE_FIXED + path_size + format_size || static_cast<uint8_t>(p[60]) > SOURCE_SPOOL) return false;
     file->device = load_le64(&p[0]);
     file->inode = load_le64(&p[8]);
     file->size = load_le64(&p[16]);
@@ -69,7 +75,8 @@ bool decode_file(std::string_view p, source_file* file) {
     file->kind = static_cast<source_kind_t>(p[60]);
     file->crlf = p[61] != 0;
     file->path = p.substr(FILE_FIXED, path_size);
-    file->format = p.substr(FILE_FIXED + path_size);
+    file->format = p.substr(FILE_FIXED + path_size, format_size);
+    file->records = p.substr(FILE_FIXED + path_size + format_size);
     return true;
 }
 
@@ -84,11 +91,14 @@ bool apply_record(source_map* map, uint32_t kind, std::string_view p) {
         if (!decode_file(p, &file)) return false;
         map->files[file.number] = std::move(file);
     } else if (kind == RECORD_STRETCH && p.size() == STRETCH_SIZE) {
-        apply_stretch(map, {load_le64(&p[0]), load_le32(&p[8]), load_le64(&p[16]), load_le64(&p[24])});
+        apply_stretch(map,
+                      {load_le64(&p[0]), load_le32(&p[8]), load_le64(&p[16]), load_le64(&p[24]), load_le32(&p[12])});
     } else if (kind == RECORD_MARK && p.size() == MARK_SIZE) {
         map->frontier = load_le64(&p[0]);
     } else if (kind == RECORD_TAIL && p.size() == TAIL_SIZE) {
         map->tails.push_back({load_le32(&p[20]), load_le64(&p[0]), load_le32(&p[16]), load_le64(&p[8])});
+    } else if (kind == RECORD_FORGOTTEN && p.size() == FORGOTTEN_SIZE) {
+        map->forgotten[load_le32(&p[0])] = load_le32(&p[4]) != 0;
     } else {
         return false;
     }
@@ -195,7 +205,7 @@ std::optional<source_place> source_map_find(const source_map& map, uint64_t addr
     const source_stretch& stretch = map.stretches[index];
     const auto file = map.files.find(stretch.number);
     if (file == map.files.end()) return std::nullopt;
-    source_place place{&file->second, stretch.offset + (address - stretch.base), stretch.limit};
+    source_place place{&file->second, stretch.offset + (address - stretch.base), stretch.limit, stretch.cut};
     // Behind the last mark a load is under way or was killed: only the next stretch and the limit tell where this ends.
     const uint64_t end = address < map.frontier ? std::min(next_base(map, index), map.frontier) : next_base(map, index);
     if (end != NO_BASE) place.end = std::min(place.end, stretch.offset + (end - stretch.base));
@@ -211,6 +221,7 @@ void source_map_put_stretch(source_map* map, const source_stretch& stretch) {
     std::string p(STRETCH_SIZE, '\0');
     put64(&p, 0, stretch.base);
     put32(&p, 8, stretch.number);
+    put32(&p, 12, stretch.cut);
     put64(&p, 16, stretch.offset);
     put64(&p, 24, stretch.limit);
     append_record(map, RECORD_STRETCH, p);
@@ -232,6 +243,14 @@ void source_map_put_tail(source_map* map, const source_tail& tail) {
     put32(&p, 20, tail.number);
     append_record(map, RECORD_TAIL, p);
     map->tails.push_back(tail);
+}
+
+void source_map_put_forgotten(source_map* map, uint32_t number, bool deleted) {
+    std::string p(FORGOTTEN_SIZE, '\0');
+    put32(&p, 0, number);
+    put32(&p, 4, deleted ? 1 : 0);
+    append_record(map, RECORD_FORGOTTEN, p);
+    map->forgotten[number] = deleted;
 }
 
 }  // namespace veldar::tool

@@ -4,22 +4,25 @@
 //
 //   offset  size  field
 //   0       4     payload_size  n
-//   4       4     kind          1 file, 2 stretch, 3 mark, 4 tail
+//   4       4     kind          1 file, 2 stretch, 3 mark, 4 tail, 5 forgotten
 //   8       n     payload
 //   8 + n   8     checksum      XXH64 of the 8 + n bytes before it, seeded with the record's offset in the file
 //
-//   file, 66 + a + b: what is known of a file; a later record of the same number replaces it
-//     0   8  device              40  4  head_size      48  4  source      60  1  kind: 0 plain, 1 gzip, 2 spool
+//   file, 66 + a + b + c: what is known of a file; a later record of the same number replaces it
+//     0   8  device              40  4  head_size      48  4  source      60  1  kind: 0 plain, 1 compressed, 2 spool
 //     8   8  inode               44  4  number         52  4  sourcetype  61  1  crlf: 1 when lines end in CR LF
 //     16  8  size                                      56  4  host        62  2  path_size a
 //     24  8  modified_ns                                                  64  2  format_size b
-//     32  8  head_hash                                                    66  a  path, then b format
+//     32  8  head_hash                                                    66  a  path, then b format,
+//                                                                             then c records
 //   stretch, 32: addresses from base on are bytes of the file from offset on
-//     0   8  base      8  4  number     12  4  zero     16  8  offset    24  8  limit
+//     0   8  base      8  4  number     12  4  cut      16  8  offset    24  8  limit
 //   mark, 8: every event below this address is in a durable slice
 //     0   8  frontier
 //   tail, 24: the `size` bytes before offset `end` of the file hash to `hash`
 //     0   8  end       8  8  hash       16  4  size     20  4  number
+//   forgotten, 8: the file counts as never loaded, and its events are to be deleted
+//     0   4  number    4  4  deleted: 1 when they are
 //
 // A stretch ends where the next begins: writers choose base = previous base + bytes taken from the previous stretch. A
 // stretch with base b also voids every earlier one from b on: those addresses were never in a visible slice (a load was
@@ -36,7 +39,7 @@
 
 namespace veldar::tool {
 
-enum source_kind_t : uint8_t { SOURCE_PLAIN = 0, SOURCE_GZIP = 1, SOURCE_SPOOL = 2 };
+enum source_kind_t : uint8_t { SOURCE_PLAIN = 0, SOURCE_PACKED = 1, SOURCE_SPOOL = 2 };
 
 inline constexpr uint64_t SOURCE_NO_LIMIT = ~uint64_t{0};
 
@@ -52,6 +55,7 @@ struct source_file {
     uint32_t source = 0, sourcetype = 0, host = 0;  // numbers in the store's dictionaries
     std::string path;                               // absolute; of a spool the name in the bucket's directory
     std::string format;                             // name of the line format
+    std::string records;  // how it is cut into records, a rule a line; stores of before have none: by indents
 };
 
 struct source_stretch {
@@ -59,6 +63,7 @@ struct source_stretch {
     uint32_t number = 0;               // of the file
     uint64_t offset = 0;               // in the decompressed file
     uint64_t limit = SOURCE_NO_LIMIT;  // offset that the load did not go beyond: the file's size when it was opened
+    uint32_t cut = 0;                  // line of the file's `records`
 };
 
 struct source_tail {
@@ -76,7 +81,8 @@ struct source_map {
     std::map<uint32_t, source_file> files;
     std::vector<source_stretch> stretches;  // by base; voided ones left out
     std::vector<source_tail> tails;
-    uint64_t frontier = 0;  // of the last mark
+    uint64_t frontier = 0;               // of the last mark
+    std::map<uint32_t, bool> forgotten;  // by number; whether the events are deleted
 };
 
 // Where an address lies: the file, the offset of its record and the end of its stretch (no record goes beyond it).
@@ -84,6 +90,7 @@ struct source_place {
     const source_file* file = nullptr;
     uint64_t offset = 0;
     uint64_t end = SOURCE_NO_LIMIT;
+    uint32_t cut = 0;
 };
 
 // Reads a source map. With `writable` the file is made when missing and a torn last record is cut off. A missing file
@@ -101,5 +108,6 @@ void source_map_put_file(source_map* map, const source_file& file);
 void source_map_put_stretch(source_map* map, const source_stretch& stretch);
 void source_map_put_mark(source_map* map, uint64_t frontier);
 void source_map_put_tail(source_map* map, const source_tail& tail);
+void source_map_put_forgotten(source_map* map, uint32_t number, bool deleted);
 
 }  // namespace veldar::tool

@@ -1,0 +1,26 @@
+// Texts as members of compressed files.
+#pragma once
+
+#include <string>
+
+#include "tools/veldar/store/packed_decoder.h"
+
+namespace veldar {
+
+std::string gzip_member(const std::string& text);
+std::string bzip2_member(const std::string& text);  // blocks of 100,000 bytes
+std::string xz_member(const std::string& text);     // the same
+std::string zstd_member(const std::string& text);   // frames of 100,000 bytes
+
+struct packing {
+    tool::packed_format_t format;
+    const char* suffix;
+    std::string (*pack)(const std::string& text);
+    size_t check_at;  // a byte of a checksum, from the end of a member
+};
+inline constexpr packing PACKINGS[] = {{tool::PACKED_GZIP, ".gz", gzip_member, 6},
+                                       {tool::PACKED_BZIP2, ".bz2", bzip2_member, 3},
+                                       {tool::PACKED_XZ, ".xz", xz_member, 5},
+                                       {tool::PACKED_ZSTD, ".zst", zstd_member, 2}};
+
+}  // namespace veldar

@@ -1,0 +1,44 @@
+// veldar forget: deletes what was loaded from files, which then count as never loaded.
+#include <cstdio>
+
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/load/loader.h"
+#include "tools/veldar/load/progress.h"
+#include "tools/veldar/store/store.h"
+#include "tools/veldar/store/tool_file.h"
+#include "tools/veldar/store/troubles.h"
+
+namespace veldar::tool {
+
+namespace {
+
+int forget_run(const tool_context& context, const std::vector<std::string>& files) {
+    const std::string path = store_choose(context.store);
+    if (!tool_exists(path) || !store_is(path)) throw tool_failure{EXIT_USAGE, path + ": no store is there"};
+    const load_options options;
+    loader load;
+    loader_open(&load, path, options);
+    bool all = true;
+    for (const std::string& file : files) {
+        const std::optional<uint64_t> deleted = loader_forget(&load, file, false);
+        if (!deleted) say_trouble(file + ": nothing that is known was loaded from it");
+        if (deleted) std::printf("%s: %s events deleted\n", file.c_str(), number_text(*deleted).c_str());
+        all = all && deleted.has_value();
+    }
+    loader_close(&load);
+    return all ? EXIT_DONE : EXIT_NOT_FOUND;
+}
+
+}  // namespace
+
+void add_forget_command(const command& veldar) {
+    static std::vector<std::string> files;
+    const command forget = veldar.subcommand("forget", "Delete what was loaded from files; they can be loaded anew");
+    forget.footer(
+        "A file is known by its content, whatever its name is now, or else by the path at which it was loaded last.\n"
+        "Exit status: 0, 1 when nothing was loaded from one of them.");
+    forget.text("FILE", &files, "Logs that were loaded").required();
+    forget.run([](const tool_context& context) { return forget_run(context, files); });
+}
+
+}  // namespace veldar::tool
