@@ -15,6 +15,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace veldar {
 
@@ -246,9 +247,10 @@ int create_crash_dump_install(const char* program, const char* directory) {
     ospath_builder_start(&prefix);
     for (const char* text : {directory, "/", program, "-crash-"}) ospath_builder_appendz(&prefix, text);
     if (ospath_builder_finish(&prefix) != 0) return -1;
+    std::unique_ptr<char[]> stack_memory(new (std::nothrow) char[STACK_SIZE]);
+    if (stack_memory == nullptr) return -1;
     create_crash_dump_remove();
-    state.stack.reset(new (std::nothrow) char[STACK_SIZE]);
-    if (state.stack == nullptr) return -1;
+    state.stack = std::move(stack_memory);
     state.path_prefix = prefix.buf;
     state.program = program;
     ::uname(&state.system);
