@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <map>
 
+#include "searchthing/merge/merged_lexicon.h"
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "tests/support/directory.h"
@@ -85,6 +86,14 @@ TEST_F(MergedLexicon, TooFewSlicesAndNoDirectory) {
     EXPECT_EQ(st_optimize_lex("", 0, 0, 0, 0, false, &rc), -1);
     EXPECT_EQ(rc.warm_rc, -33);
     EXPECT_EQ(st_optimize_lex(dir.file("missing").c_str(), 0, 0, 0, 0, false, &rc), WARM_RC_OPEN);
+}
+
+// As a damaged lexicon may have it.
+TEST_F(MergedLexicon, ATermThatComesTwiceIsRefused) {
+    merged_lexicon_file file(dir.file("part"));
+    ASSERT_EQ(file.create(0, 0, &rc), 0);
+    EXPECT_EQ(file.put("a", 1, &rc), 0);
+    EXPECT_EQ(file.put("a", 2, &rc), WARM_RC_INVALID_ARGUMENT);
 }
 
 // Whichever call fails, the old file stays or the new one is complete, and nothing else is left.

@@ -47,7 +47,10 @@ int merged_lexicon_file::create(uint32_t terms_per_block, uint64_t page_size, wa
 int merged_lexicon_file::put(std::string_view term, uint64_t events, warm_rc_t* rc) {
     be32 count;
     count.set(static_cast<uint32_t>(std::min<uint64_t>(events, std::numeric_limits<uint32_t>::max())));
+    const uint32_t terms = terms_._cursor;
     int status = _lex_writer_put(&terms_, term.data(), term.size());
+    // The writer leaves out a term that a damaged lexicon has twice; its count would be taken for the next one's.
+    if (status == 0 && terms_._cursor == terms) status = WARM_RC_INVALID_ARGUMENT;
     if (status == 0) status = _aw_write(&counts_, &count, sizeof count);
     return status == 0 ? 0 : _set_rc_msg(rc, status, path_.c_str());
 }
