@@ -19,6 +19,7 @@
 #include "searchthing/directory/tsidx_list.h"
 #include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/st_optimize.h"
+#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
@@ -55,6 +56,16 @@ std::string put_slice(const std::string& path, const std::vector<forge_event>& e
 
 merge_manifest_t manifest_of(merge_owner_t owner, std::vector<std::string> sources) {
     return {std::move(owner), "9-1-5.tsidx", "9-1-5.pre-tsidx", std::move(sources)};
+}
+
+TEST_F(Optimize, ManifestTooLongToBeReadIsNotWritten) {
+    const temp_dir dir;
+    const directory_ptr tsidx = open_directory(dir.path());
+    warm_rc_t rc;
+    tsidx_merge_commit commit(tsidx.get());
+    ASSERT_EQ(commit.begin(&rc), 0) << rc.message;
+    const std::vector<std::string> sources(MERGE_MAX_SOURCES, std::string(240, '0') + "1-1-1.tsidx");
+    EXPECT_EQ(commit.declare("9-1-5.tsidx", "9-1-5.pre-tsidx", sources, &rc), WARM_RC_DOES_NOT_FIT);
 }
 
 TEST_F(Optimize, ManifestIsBelievedOnlyWhole) {

@@ -17,7 +17,6 @@ namespace veldar {
 
 namespace {
 
-constexpr size_t MAX_TEXT_BYTES = 16384;
 constexpr char FIRST_LINE[] = "veldar merge manifest 1\n";
 constexpr char BOOT_ID_PATH[] = "/proc/sys/kernel/random/boot_id";
 
@@ -119,7 +118,7 @@ bool merge_manifest_parse(std::string_view text, merge_manifest_t* manifest) {
 }
 
 int merge_manifest_read_fd(int fd, std::string* text, warm_rc_t* rc) {
-    text->resize(MAX_TEXT_BYTES + 1);
+    text->resize(MERGE_MANIFEST_MAX_BYTES + 1);
     size_t size = 0;
     while (size < text->size()) {
         const ssize_t got =

@@ -22,6 +22,7 @@
 
 namespace veldar {
 
+inline constexpr size_t MERGE_MANIFEST_MAX_BYTES = 16384;
 inline constexpr char MERGE_MANIFEST_NAME[] = "veldar-merge-manifest.dat";
 inline constexpr char MERGE_MANIFEST_TMP_NAME[] = "veldar-merge-manifest.dat.tmp";
 

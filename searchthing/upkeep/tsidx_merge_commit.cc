@@ -76,6 +76,8 @@ int tsidx_merge_commit::declare(const std::string& target, const std::string& te
     manifest_.temp = temp;
     manifest_.sources = std::move(sources);
     const std::string text = merge_manifest_text(manifest_);
+    // Names may have any number of leading zeros.
+    if (text.size() > MERGE_MANIFEST_MAX_BYTES) return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "merge manifest");
     const size_t written = merge_manifest_owner_text(manifest_.owner).size();
     if (write_text(fd_.get(), std::string_view(text).substr(written)) != 0) return fail_write(rc);
     if (tsidx_->durable && osfile_flush(fd_.get()) != 0) return fail_write(rc);
