@@ -99,13 +99,12 @@ int list_sources(TSIDX* tsidx, source_listing* found, warm_rc_t* rc) {
 }
 
 // Whether the slice would be packed or more than one in `fraction` of its events is deleted, and not all.
-int is_worth_rewriting(const std::string& path, bool packs, uint32_t fraction, bool* worth, warm_rc_t* rc) {
-    *worth = false;
-    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), rc));
-    if (warm == nullptr) return rc->saved_errno == ENOENT && rc->warm_rc == WARM_RC_OPEN ? VANISHED : 0;
+bool is_worth_rewriting(const std::string& path, bool packs, uint32_t fraction) {
+    warm_rc_t ignored;  // a slice that has gone, or does not open, is left alone
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &ignored));
+    if (warm == nullptr) return false;
     const uint64_t deleted = warm_slice_count_deleted(warm.get()), values = st_warm_slice_values(warm.get());
-    *worth = (packs || deleted * fraction > values) && deleted < values;
-    return 0;
+    return (packs || deleted * fraction > values) && deleted < values;
 }
 
 // Whether no merge has written this slice, and a merge of it alone, as this handle writes, about halves it. What that
@@ -126,11 +125,10 @@ int make_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_pla
     }
     for (const tsidx_merge_source_t& slice : found.slices) {
         if (!plan->sources.empty() || rules.rewrite_fraction == 0) break;
-        bool worth = st_warm_slice_merge_kind(&slice.header) >= 0 && !st_warm_slice_is_msidx(&slice.header) &&
-                     st_warm_slice_merge_fitting({&slice.header, 1}, {&slice.bytes, 1}) == 1;
-        const bool packs = would_pack(tsidx, slice.header);
-        if (worth)
-            ST_TRY(is_worth_rewriting(tsidx->path + "/" + slice.name, packs, rules.rewrite_fraction, &worth, rc));
+        const bool worth =
+            st_warm_slice_merge_kind(&slice.header) >= 0 && !st_warm_slice_is_msidx(&slice.header) &&
+            st_warm_slice_merge_fitting({&slice.header, 1}, {&slice.bytes, 1}) == 1 &&
+            is_worth_rewriting(tsidx->path + "/" + slice.name, would_pack(tsidx, slice.header), rules.rewrite_fraction);
         if (worth) *plan = {.sources = {slice.name}, .bytes = slice.bytes};
     }
     if (!plan->sources.empty()) return 0;
