@@ -197,6 +197,7 @@ int fill_and_verify(warm_merge_t* merge, int fd, const char* path, merged_lexico
         *lexicon = {};
         ST_TRY(merge_lexicons(merge, lexicon, rc));
         ST_TRY(set_size(fd, 0, rc));
+        postings = {};
         status = fill_file(merge, fd, lexicon, &postings, rc);
     }
     if (status != 0) return status;

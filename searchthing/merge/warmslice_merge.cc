@@ -273,7 +273,9 @@ uint32_t st_warm_slice_merge_fitting(std::span<const st_warm_slice_body> headers
 int st_warm_slice_merge_kind(const st_warm_slice_body* header) {
     const bool preambles = warm_header_is_enabled(header, WARM_FLAG_PREAMBLES);
     if (st_warm_slice_is_msidx(header)) {
-        return preambles && st_warm_slice_is_msidx_with_cstore(header) ? KIND_METRIC : KIND_NEVER;
+        const bool with_columns =
+            st_warm_slice_is_msidx_with_dimsets(header) && st_warm_slice_is_msidx_with_cstore(header);
+        return preambles && with_columns ? KIND_METRIC : KIND_NEVER;
     }
     // Preambles belong to metric slices.
     if (preambles) return KIND_NEVER;

@@ -131,7 +131,7 @@ int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* cou
     if (query == nullptr) {
         tsidx_meta_t meta;
         ST_TRY(st_tsidx_meta(tsidx, &meta));
-        *count = meta.events - meta.deleted;
+        *count = meta.events - std::min(meta.deleted, meta.events);
         return 0;
     }
     try {

@@ -22,7 +22,7 @@ struct read_spans {
     uint64_t ahead;
 };
 
-// An entry of at most 96 bits straddles two words; the third costs nothing and often holds the next entry's end.
+// An entry of at most 96 bits touches three words at most.
 read_spans spans_of(uint32_t type) {
     if (type == META_PACKED) return {3, 512};
     return type == META_FULL ? read_spans{1, 341} : read_spans{1, 1024};
