@@ -9,6 +9,7 @@
 #include "libzero/assertions.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/health.h"
+#include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/reading/tsidx_select.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 
@@ -34,17 +35,6 @@ THING* _st_open_common(const char* path, uint32_t flags, uint32_t limit, const T
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-}
-
-struct query_copy_closer {
-    void operator()(QUERY* query) const { st_query_free_copy(query); }
-};
-using query_copy = std::unique_ptr<QUERY, query_copy_closer>;
-
-bool is_empty_range(const QUERY& query) {
-    const st_timeval_t &earliest = query.earliest, &latest = query.latest;
-    if (earliest.time_s != latest.time_s) return earliest.time_s > latest.time_s;
-    return earliest.time_ns > latest.time_ns;
 }
 
 TSIDX* directory_of(const THING* thing) {
@@ -167,15 +157,15 @@ int st_set_need_optimize(THING* thing) {
 
 int st_query(THING* thing, const QUERY* query, st_tsval* answers, uint32_t capacity, int is_exact) {
     ST_ASSERT(query != nullptr);
-    const query_copy copy(st_query_copy(query));
+    const query_copy_ptr copy(st_query_copy(query));
     if (copy == nullptr) return WARM_RC_NO_MEMORY;
-    if (is_empty_range(*copy)) return 0;
+    if (tsidx_is_empty_range(*copy)) return 0;
     return thing == nullptr ? -1 : st_tsidx_query(directory_of(thing), copy.get(), answers, capacity, is_exact);
 }
 
 st_select_handle* st_select_handle_new(THING* thing, const QUERY* query, const select_spec_t* spec) {
     ST_ASSERT(query != nullptr && spec != nullptr);
-    if (is_empty_range(*query) || thing == nullptr) return nullptr;
+    if (tsidx_is_empty_range(*query) || thing == nullptr) return nullptr;
     return st_tsidx_select_handle_new(directory_of(thing), query, spec);
 }
 int st_select_handle_read(st_select_handle* handle, select_row_t* row) {

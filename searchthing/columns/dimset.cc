@@ -4,6 +4,7 @@
 #include <bit>
 #include <cinttypes>
 #include <cstring>
+#include <functional>
 
 #include "libzero/assertions.h"
 
@@ -98,6 +99,10 @@ std::span<const uint32_t> ds_dimset_opt_cols(const ds_dimset_t* ds) {
 int ds_dimset_compare(const ds_dimset_t* a, const ds_dimset_t* b) {
     const int by_columns = compare_fields(ds_dimset_opt_cols(a), ds_dimset_opt_cols(b));
     return by_columns != 0 ? by_columns : compare_fields(ds_dimset_all_dims(a), ds_dimset_all_dims(b));
+}
+
+bool ds_fields_ascend(std::span<const uint32_t> fields) {
+    return std::adjacent_find(fields.begin(), fields.end(), std::greater_equal<>()) == fields.end();
 }
 
 int ds_translate_term_ids(ds_dimset_t* ds, std::span<const uint32_t> map, warm_rc_t* rc, bool sort) {

@@ -80,6 +80,8 @@ uint32_t ds_dimset_allfields_count(const ds_dimset_t* ds);
 
 // -1, 0 or 1: by the columns, word by word and then the fewer first, then by all dimensions in the same way.
 int ds_dimset_compare(const ds_dimset_t* a, const ds_dimset_t* b);
+// Whether fields ascend, none of them twice.
+bool ds_fields_ascend(std::span<const uint32_t> fields);
 // Replaces every term by map[term], and with `sort` sorts the optional dimensions and the columns ascending, each by
 // themselves. WARM_RC_CORRUPT for a set without columns ("ds_translate_term_ids fail") and for a term past the map.
 [[nodiscard]] int ds_translate_term_ids(ds_dimset_t* ds, std::span<const uint32_t> map, warm_rc_t* rc, bool sort);

@@ -83,17 +83,13 @@ int fetch_words(ds_reader_t* r, uint32_t start, uint32_t end, uint32_t* out, war
     return 0;
 }
 
-bool ascends(std::span<const uint32_t> fields) {
-    return std::adjacent_find(fields.begin(), fields.end(), std::greater_equal<>()) == fields.end();
-}
-
 int verify_set(const ds_dimset_t* ds, const ds_dimset_t* previous, uint32_t id, ds_verify_t verify, warm_rc_t* rc) {
     const auto corrupt = [&](const char* message) { return _set_rc_verbose(rc, WARM_RC_CORRUPT, id, message); };
     if (verify < DS_VERIFY_V3) {
-        return ascends(ds_dimset_opt_fields(ds)) ? 0 : corrupt("dimset opt fields ordering invalid");
+        return ds_fields_ascend(ds_dimset_opt_fields(ds)) ? 0 : corrupt("dimset opt fields ordering invalid");
     }
-    if (!ascends(ds_dimset_opt_dims(ds))) return corrupt("dimset opt dims ordering invalid");
-    if (!ascends(ds_dimset_opt_cols(ds))) return corrupt("dimset opt cols ordering invalid");
+    if (!ds_fields_ascend(ds_dimset_opt_dims(ds))) return corrupt("dimset opt dims ordering invalid");
+    if (!ds_fields_ascend(ds_dimset_opt_cols(ds))) return corrupt("dimset opt cols ordering invalid");
     if (previous != nullptr && ds_dimset_compare(previous, ds) >= 0) {
         return corrupt("dimset order invalid, current less than previous");
     }

@@ -32,10 +32,7 @@ int name_source(warm_rc_t* rc, uint32_t source) {
 int ds_load_next(dimset_context_t* c, warm_rc_t* rc) {
     ST_TRY(ds_reader_read(&c->reader, c->next_id, c->current(), DS_MAX_DIMSET_SIZE_WORDS, rc));
     c->next_id++;
-    const auto ascends = [](std::span<const uint32_t> terms) {
-        return std::adjacent_find(terms.begin(), terms.end(), std::greater_equal<>()) == terms.end();
-    };
-    if (!ascends(ds_dimset_opt_dims(c->current())) || !ascends(ds_dimset_opt_cols(c->current()))) {
+    if (!ds_fields_ascend(ds_dimset_opt_dims(c->current())) || !ds_fields_ascend(ds_dimset_opt_cols(c->current()))) {
         return _set_rc_msg(rc, WARM_RC_CORRUPT, "ordering violation");
     }
     if (c->terms.data() == nullptr) return 0;

@@ -7,6 +7,8 @@
 // "*aa" matches "baa" and "aaaa" but not "aaa", whose first "aa" leaves a single byte. This is meant.
 #pragma once
 
+#include <memory>
+
 namespace veldar {
 
 struct OpaqueMatcher_T;
@@ -19,6 +21,10 @@ int isMatch(const char* term, const OpaqueMatcher_T* matcher);
 // The same with '*' for any bytes, without that exception: "*aa" matches "aaa" too.
 bool matcher_spans(const char* term, const OpaqueMatcher_T* matcher);
 void freeOpaqueMatcher(OpaqueMatcher_T* matcher);  // null is allowed
+struct matcher_closer {
+    void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
+};
+using matcher_ptr = std::unique_ptr<OpaqueMatcher_T, matcher_closer>;
 
 // The fixed start, the fixed end and the whole of the needle; null when it has none. They live as long as the matcher.
 const char* getHardStart(const OpaqueMatcher_T* matcher);

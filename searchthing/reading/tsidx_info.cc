@@ -2,29 +2,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cstdio>
 #include <cstring>
 
 #include "libzero/assertions.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/slice/warmslice_values.h"
 
 namespace veldar {
 
 namespace {
-
-uint64_t deleted_values(const WARM* warm) {
-    if (st_warm_slice_is_msidx(warm->body)) return 0;
-    const uint64_t values = st_warm_slice_values(warm);
-    const std::span<const uint8_t> bits = warm->tsval_reader.d.bytes;
-    uint64_t deleted = 0;
-    for (uint64_t i = 0; i < std::min<uint64_t>(bits.size(), (values + 7) / 8); i++) {
-        const uint32_t valid = values - 8 * i >= 8 ? 0xFF : (1u << (values - 8 * i)) - 1;
-        deleted += static_cast<uint64_t>(std::popcount(bits[i] & valid));
-    }
-    return deleted;
-}
 
 // Value numbers below the number of dimension sets are no events.
 uint64_t event_values(const WARM* warm) {
@@ -44,7 +32,7 @@ int describe(const tsidx_snapshot& snapshot, size_t i, tsidx_info_t* info, warm_
     info->id = slice.meta.id;
     info->part = slice.name.ends_with(TSIDX_PART_SUFFIX);
     info->events = event_values(warm);
-    info->deleted = deleted_values(warm);
+    info->deleted = warm_slice_count_deleted(warm);
     info->terms = st_warm_slice_terms(warm);
     info->postings = warm->body->num_postings.get();
     rc->warm_rc = 0;

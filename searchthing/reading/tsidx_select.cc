@@ -115,13 +115,9 @@ int select_read(const select_options_t& options, select_table_t* table, select_r
     return 0;
 }
 
-struct query_copy_closer {
-    void operator()(st_query_spec* query) const { st_query_free_copy(query); }
-};
-
 struct st_select_handle {
     TSIDX* tsidx = nullptr;
-    std::unique_ptr<st_query_spec, query_copy_closer> query;
+    query_copy_ptr query;
     select_spec_t spec;
     bool is_read = false;
     select_table_t table;

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/st_timeval.h"
@@ -56,6 +57,10 @@ void st_query_init(st_query_spec* query);
 st_query_spec* st_query_copy(const st_query_spec* query);
 // Frees a record that st_query_copy made, and its text; null is allowed.
 void st_query_free_copy(st_query_spec* query);
+struct query_copy_closer {
+    void operator()(st_query_spec* query) const { st_query_free_copy(query); }
+};
+using query_copy_ptr = std::unique_ptr<st_query_spec, query_copy_closer>;
 
 // The query with the bounds that it has, in times: all time for a record without bounds. Borrows the text.
 st_query_spec query_with_bounds(const st_query_spec& query);

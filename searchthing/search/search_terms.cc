@@ -19,11 +19,6 @@ namespace {
 
 constexpr size_t MAX_FIELD_NAME = 2045;
 
-struct matcher_deleter {
-    void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
-};
-using matcher_ptr = std::unique_ptr<OpaqueMatcher_T, matcher_deleter>;
-
 // Whether a term whose events lie in [earliest, latest] can have one inside the query's bounds; whole seconds decide,
 // because a term's span is kept in seconds.
 bool span_overlaps(const conjunction_context* context, st_time_t earliest, st_time_t latest) {

@@ -118,8 +118,7 @@ class metrics_pass {
 
     static bool names(const std::string& pattern, const std::string& name) {
         if (pattern.find('*') == std::string::npos) return pattern == name;
-        const std::unique_ptr<OpaqueMatcher_T, void (*)(OpaqueMatcher_T*)> matcher(createMatcher(pattern.c_str()),
-                                                                                   freeOpaqueMatcher);
+        const matcher_ptr matcher(createMatcher(pattern.c_str()));
         if (matcher == nullptr) throw std::bad_alloc();
         return matcher_spans(name.c_str(), matcher.get());
     }

@@ -28,16 +28,12 @@ class warm_terms {
     [[nodiscard]] int add_totals(term_totals_t* totals, warm_rc_t* rc);
 
   private:
-    struct matcher_closer {
-        void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
-    };
-
     bool is_wanted() const;
     [[nodiscard]] int look_up(warm_rc_t* rc);
 
     WARM* warm_ = nullptr;
     const term_choice_t* choice_ = nullptr;
-    std::unique_ptr<OpaqueMatcher_T, matcher_closer> matcher_;
+    matcher_ptr matcher_;
     fclex_cursor_ptr cursor_;  // null where a single term is looked up
     bool looked_up_ = false;
     fclex_cursor_term_t term_;

@@ -1,6 +1,7 @@
 #include "searchthing/slice/warmslice_values.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "libzero/assertions.h"
 
@@ -26,9 +27,12 @@ int warm_slice_set_deleted(WARM* warm, uint32_t id, warm_rc_t* rc) {
 uint32_t warm_slice_count_deleted(const WARM* warm) {
     if (st_warm_slice_is_msidx(warm->body)) return 0;
     const std::span<const uint8_t> bits = warm->tsval_reader.d.bytes;
-    const uint64_t values = std::min<uint64_t>(warm->body->num_values.get(), 8 * bits.size());
+    const uint64_t values = warm->body->num_values.get();
     uint32_t count = 0;
-    for (uint64_t id = 0; id < values; id++) count += bits[id / 8] >> (id % 8) & 1;
+    for (uint64_t i = 0; i < std::min<uint64_t>(bits.size(), (values + 7) / 8); i++) {
+        const uint32_t valid = values - 8 * i >= 8 ? 0xFF : (1u << (values - 8 * i)) - 1;
+        count += static_cast<uint32_t>(std::popcount(bits[i] & valid));
+    }
     return count;
 }
 

@@ -29,10 +29,6 @@ inline uint32_t load_bits(std::span<const uint8_t> bytes, uint64_t bit, uint32_t
     return static_cast<uint32_t>((word >> (bit % 8)) & mask);
 }
 
-int set_read_status(int64_t got, warm_rc_t* rc) {
-    return _set_rc(rc, got < 0 ? WARM_RC_READ : got == 0 ? WARM_RC_END_OF_FILE : WARM_RC_SHORT_READ);
-}
-
 struct packed_fields {
     uint32_t time;
     uint32_t address;
@@ -92,7 +88,7 @@ const uint8_t* fetch_plain(tsval_reader_t* reader, uint32_t id, bool cache_only,
     const size_t wanted = static_cast<size_t>(8 * count);
     const int64_t got = st_timed_pread_msg(reader->fd, reader->cache.data(), wanted, offset, reader->stats, true);
     if (got != static_cast<int64_t>(wanted)) {
-        set_read_status(got, rc);
+        _set_rc(rc, read_status(got));
         return nullptr;
     }
     reader->cache_first = id;
