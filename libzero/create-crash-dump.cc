@@ -17,6 +17,8 @@
 #include <new>
 #include <utility>
 
+#include "libzero/assertions.h"
+
 namespace veldar {
 
 volatile sig_atomic_t crash_waiting = 0;
@@ -25,6 +27,7 @@ namespace {
 
 constexpr int SIGNALS[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 constexpr const char* SIGNAL_NAMES[] = {"SIGSEGV", "SIGBUS", "SIGILL", "SIGFPE", "SIGABRT"};
+static_assert(std::size(SIGNALS) == std::size(SIGNAL_NAMES));
 constexpr size_t STACK_SIZE = 128 << 10;
 constexpr unsigned LONGEST_SECONDS = 30;  // for the whole log
 constexpr int MAX_FRAMES = 128;
@@ -69,6 +72,8 @@ struct crash_state {
     char text[16 << 10];
 };
 crash_state state;
+static_assert(std::atomic<pid_t>::is_always_lock_free && std::atomic<size_t>::is_always_lock_free,
+              "a handler may wait for no lock");
 
 void write_all(const char* bytes, size_t size) {
     while (size > 0) {
@@ -290,6 +295,7 @@ crash_note::crash_note(crash_note_fn writer, const void* subject)
 }
 
 crash_note::~crash_note() {
+    ST_ASSERT(innermost_note == this);  // notes end in the thread and in the reverse of the order in which they began
     innermost_note = outer_;
     std::atomic_signal_fence(std::memory_order_release);
 }

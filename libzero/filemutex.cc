@@ -188,7 +188,8 @@ void filemutex_init_contents(const char* tag) {
     string_builder_appendz(&b, host.text);
     string_builder_append1(&b, '\n');
     string_builder_appendz(&b, tag);
-    if (string_builder_finish(&b) != 0) return;
+    // The room holds 20 digits, the longest host name, the tag, two newlines and the NUL.
+    ST_ASSERT(string_builder_finish(&b) == 0);
     owned_text = std::move(text);
     lockfile_text = owned_text.data();
 }
@@ -256,6 +257,7 @@ int filemutex_lock_with_timeout(const char* path, int seconds) {
     while (true) {
         const int result = filemutex_lock(path);
         if (result == FILEMUTEX_OK || result == FILEMUTEX_ERROR) return result;
+        ST_ASSERT(result == FILEMUTEX_HELD);  // only a lock that somebody holds is worth waiting for
         if (std::time(nullptr) >= deadline) return result;
         ::usleep(10 * 1000);
     }
@@ -277,6 +279,7 @@ int filemutex_lock_forced(const char* path, int seconds) {
         const int locked = filemutex_lock_with_timeout(path, seconds);
         if (locked == FILEMUTEX_OK || locked == FILEMUTEX_ERROR) return locked;
         const int removed = filemutex_unlock_forced(path, now);
+        static_assert(FILEMUTEX_STUCK < FILEMUTEX_ERROR && FILEMUTEX_ERROR < FILEMUTEX_OK);
         if (removed < FILEMUTEX_ERROR) return removed;
     }
 }

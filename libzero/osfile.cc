@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 
 #include "libzero/assertions.h"
 
@@ -34,6 +35,7 @@ int osfile_get_size(int fd, uint64_t* size) {
 }
 
 unique_fd osfile_open_regular(const char* path, int flags) {
+    ST_ASSERT((flags & (O_CREAT | O_TRUNC)) == 0);  // there is no mode for a file that this call would make
     unique_fd fd(os_retry([&] { return ::open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); }));
     if (!fd.valid()) return fd;
     struct stat found;
@@ -87,6 +89,7 @@ void osfile_open_standard() {
 }
 
 os_host_name::os_host_name() {
+    static_assert(sizeof text == HOST_NAME_MAX + 1);
     // A name that fills the buffer may lack its NUL.
     if (::gethostname(text, sizeof text) != 0) text[0] = '\0';
     text[sizeof text - 1] = '\0';

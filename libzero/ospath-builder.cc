@@ -1,6 +1,7 @@
 #include "libzero/ospath-builder.h"
 
 #include <cstring>
+#include <limits>
 
 #include "libzero/assertions.h"
 
@@ -9,6 +10,7 @@ namespace veldar {
 namespace {
 
 constexpr uint32_t MAX_DECIMAL_CHARACTERS = 20;
+static_assert(std::numeric_limits<uint64_t>::digits10 + 1 == MAX_DECIMAL_CHARACTERS);
 
 struct digit_pairs {
     char text[200];
@@ -20,6 +22,7 @@ struct digit_pairs {
     }
 };
 constexpr digit_pairs PAIRS;
+static_assert(sizeof PAIRS.text == size_t{2} * 100 && PAIRS.text[199] == '9', "two digits for each rest of 100");
 
 // NINES[k] is 10^k - 1, the largest number of k digits.
 struct largest_numbers {
@@ -29,6 +32,7 @@ struct largest_numbers {
     }
 };
 constexpr largest_numbers NINES;
+static_assert(NINES.of[19] == 9999999999999999999u && (64 * 1233 >> 12) == 19, "the longest estimate has its entry");
 
 // The magnitude of a negative number without overflow at the smallest one.
 constexpr uint64_t magnitude(int64_t value) {
@@ -123,6 +127,7 @@ int ospath_builder_concat_two_paths_with_sep(ospath_builder* b, const char* firs
 }
 
 void string_builder_start(string_builder* b, char* out, size_t size) {
+    ST_ASSERT(size != BUILDER_INVALID);
     b->out = out;
     b->space_left = size;
 }
@@ -201,6 +206,7 @@ void convertU64ToAsciiSizeKnown(char* out, uint64_t value, uint32_t characters) 
         std::memcpy(at, PAIRS.text + 2 * (value % 100), 2);
         value /= 100;
     }
+    ST_ASSERT(at - out == (value >= 10 ? 2 : 1));  // another length writes before the text or leaves a gap
     if (value >= 10) {
         std::memcpy(at - 2, PAIRS.text + 2 * value, 2);
     } else {
@@ -213,8 +219,9 @@ void convertU32ToAsciiSizeKnown(char* out, uint32_t value, uint32_t characters) 
 }
 
 void convertI64ToAsciiSizeKnown(char* out, int64_t value, uint32_t characters) {
+    const uint32_t sign = value < 0 ? 1 : 0;
     if (value < 0) *out = '-';
-    convertU64ToAsciiSizeKnown(out, magnitude(value), characters);
+    convertU64ToAsciiSizeKnown(out + sign, magnitude(value), characters - sign);
 }
 
 uint32_t convertU64ToAscii(char* out, uint64_t value) {

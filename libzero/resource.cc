@@ -3,9 +3,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "libzero/assertions.h"
+
 namespace veldar {
 
 void unique_fd::reset(int fd) {
+    ST_ASSERT(fd < 0 || fd != fd_);  // the owner would go on with a descriptor that it has closed
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
 }
@@ -32,6 +35,7 @@ int file_map::sync() {
 
 int file_map::unmap() {
     if (data_ == nullptr) return 0;
+    ST_ASSERT(size_ > 0);  // no mapping is empty: one without its size would stay mapped
     return ::munmap(std::exchange(data_, nullptr), std::exchange(size_, 0));
 }
 

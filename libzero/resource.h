@@ -83,6 +83,7 @@ class file_map {
 template <typename T>
 class buffer {
     static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
+    static_assert(alignof(T) <= alignof(std::max_align_t), "calloc aligns no further");
 
   public:
     buffer() = default;

@@ -15,6 +15,7 @@
 namespace veldar {
 
 inline constexpr size_t VBE_MAX_BYTES = 5;
+static_assert(7 * VBE_MAX_BYTES >= 32 && 7 * (VBE_MAX_BYTES - 1) < 32, "the groups that 32 bits take, and no more");
 
 // Writes `value` at `out` (room for 5 bytes); returns the length, 1 to 5.
 uint32_t st_encode_to_vbe(uint8_t* out, uint32_t value);

@@ -12,6 +12,7 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include "libzero/endian.h"
 
@@ -108,6 +109,7 @@ uint64_t xorshift128plus_next(xorshift128plus_state* state) {
 }
 
 double xorshift128plus_get_ratio(xorshift128plus_state* state) {
+    static_assert(std::numeric_limits<double>::is_iec559 && std::numeric_limits<double>::digits == 52 + 1);
     const uint64_t fraction = xorshift128plus_next(state) & ((uint64_t{1} << 52) - 1);
     return std::bit_cast<double>(uint64_t{0x3ff0000000000000} | fraction) - 1.0;
 }

@@ -27,7 +27,9 @@ int _bp_writer_append_checked(bitpack_writer_t* bp, uint32_t value, uint32_t nbi
 
 int bp_writer_pad64(bitpack_writer_t* bp, warm_rc_t* rc) {
     const uint32_t padding = static_cast<uint32_t>(-bp->bit_cursor % 64);
-    return bp_writer_append(bp, 0, padding, rc);
+    ST_TRY(bp_writer_append(bp, 0, padding, rc));
+    ST_ASSERT(bp->bit_cursor % 64 == 0);
+    return 0;
 }
 
 int bp_writer_flush_buffer(bitpack_writer_t* bp, warm_rc_t* rc) {
@@ -41,6 +43,7 @@ int bp_writer_flush_buffer(bitpack_writer_t* bp, warm_rc_t* rc) {
     }
     const uint64_t partial_bits = bp->bit_cursor % 64;
     const uint64_t partial = partial_bits == 0 ? 0 : bp->words[used - 1];
+    ST_ASSERT(partial >> partial_bits == 0);  // no value was wider than its field
     std::memset(bp->words, 0, size);
     bp->words[0] = partial;
     bp->bit_cursor = partial_bits;

@@ -33,6 +33,7 @@ list_node_s* append_list_node(list_t* list) {
 void* pop_front(list_t* list) {
     list_node_s* node = list->head;
     if (node == nullptr) return nullptr;
+    ST_ASSERT(list->count > 0 && (node->next == nullptr) == (list->count == 1));
     void* item = node->item;
     list->head = node->next;
     list->count--;

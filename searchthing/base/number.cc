@@ -6,12 +6,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 namespace veldar {
 
 namespace {
 
 constexpr size_t EXACT_DIGITS = 15;  // a double holds every whole number of so many digits
+static_assert(EXACT_DIGITS <= std::numeric_limits<double>::digits10);
 
 }  // namespace
 

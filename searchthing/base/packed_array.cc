@@ -153,7 +153,7 @@ const uint8_t* _ar_find_atleast(array_reader_t* ar, uint32_t first, uint32_t num
             bound = middle;
         }
     }
-    ST_ASSERT(base == bound);
+    ST_ASSERT(base == bound && first <= base && base <= last);
     const uint8_t* element = _ar_get_i(ar, base, false, 0, rc);
     if (element == nullptr) return nullptr;
     *index = static_cast<uint32_t>(base);

@@ -13,6 +13,7 @@ namespace {
 
 constexpr uint64_t NS_PER_SECOND = 1000000000;
 constexpr uint32_t FRACTION_DIGITS = 9;
+static_assert(NS_PER_SECOND == uint64_t{1000} * NANOSECONDS_PER_MILLISECOND);
 constexpr int64_t MIN_SECONDS = std::numeric_limits<st_time_t>::min();
 constexpr int64_t MAX_SECONDS = std::numeric_limits<st_time_t>::max();
 
@@ -30,6 +31,7 @@ uint64_t scale_to_nanoseconds(uint64_t fraction) {
     uint32_t digits = decimalCharactersU64(fraction);
     for (; digits > FRACTION_DIGITS; digits--) fraction /= 10;
     for (; digits < FRACTION_DIGITS; digits++) fraction *= 10;
+    ST_ASSERT(fraction < NS_PER_SECOND);
     return fraction;
 }
 

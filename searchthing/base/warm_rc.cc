@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "libzero/assertions.h"
 #include "libzero/ospath-builder.h"
 
 namespace veldar {
@@ -117,6 +118,7 @@ const char* warm_status_text(int status) {
 int _set_rc(warm_rc_t* rc, int status) {
     rc->warm_rc = status;
     if (status == WARM_RC_OK) return status;
+    ST_ASSERT(status < WARM_RC_OK);  // whoever tells failures by their sign must not miss one
     rc->saved_errno = errno;
     rc->detail = WARM_RC_NO_DETAIL;
     rc->message[0] = '\0';

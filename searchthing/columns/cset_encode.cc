@@ -17,6 +17,7 @@ namespace {
 
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr uint32_t MAX_EXPONENT_TRIED = 16;  // a 17th digit is noise
+static_assert(MAX_EXPONENT_TRIED <= CSET_MAX_EXPONENT);
 constexpr double MAX_K = 0x1p53;
 constexpr uint32_t SAMPLE = 32;
 constexpr uint32_t UNFIT = CSET_MAX_RESIDUAL_BITS + 1;  // residual bits of an element that is no decimal
@@ -240,6 +241,7 @@ uint8_t* put_corrections(std::span<const double> values, const decimal_plan& pla
 
 uint8_t* put_decimal(std::span<const double> values, const decimal_plan& plan, decimal_elements* elements,
                      cset_block_t* block, uint8_t* data) {
+    ST_ASSERT(plan.width <= CSET_MAX_WIDTH);  // no k is farther from 0 than MAX_K
     store_le64(data, static_cast<uint64_t>(plan.base));
     bit_sink packed{data + 8};
     for (size_t i = 0; i < values.size(); i++) {
@@ -270,6 +272,7 @@ interval differences(const decimal_plan& plan, size_t count, decimal_elements* e
 uint8_t* put_delta(std::span<const double> values, const decimal_plan& plan, const interval& range,
                    const decimal_elements& elements, cset_block_t* block, uint8_t* data) {
     const uint32_t width = bit_length(range.length());
+    ST_ASSERT(width <= CSET_MAX_WIDTH);  // of differences of two k, which are at most 2 MAX_K apart from 0
     store_le64(data, static_cast<uint64_t>(elements.k[0]));
     store_le64(data + 8, static_cast<uint64_t>(range.low));
     bit_sink packed{data + 16};
@@ -335,20 +338,30 @@ uint8_t* put_smallest(std::span<const double> values, cset_block_t* block, uint8
     }
     const auto shift = static_cast<uint32_t>(std::countr_zero(offsets));
     const uint32_t width = bit_length((highest - lowest) >> shift);
-    if (width <= CSET_MAX_WIDTH && 8 + cset_words_size(count * width) + 8 < smallest) codec = CSET_BITS;
+    const uint64_t bits_size = 8 + cset_words_size(count * width) + 8;
+    if (width <= CSET_MAX_WIDTH && bits_size < smallest) {
+        smallest = bits_size;
+        codec = CSET_BITS;
+    }
 
+    uint8_t* end = data + count * 8;
     switch (codec) {
         case CSET_DECIMAL:
-            return put_decimal(values, plan, &elements[best], block, data);
+            end = put_decimal(values, plan, &elements[best], block, data);
+            break;
         case CSET_DELTA:
-            return put_delta(values, plan, range, elements[best], block, data);
+            end = put_delta(values, plan, range, elements[best], block, data);
+            break;
         case CSET_BITS:
-            return put_bits(values, lowest, shift, width, block, data);
+            end = put_bits(values, lowest, shift, width, block, data);
+            break;
         default:
             block->codec = CSET_RAW;
             std::memcpy(data, values.data(), count * 8);
-            return data + count * 8;
     }
+    // A plan counts the residuals of outliers too, which are not written.
+    ST_ASSERT(static_cast<uint64_t>(end - data) + 8 <= smallest);
+    return end;
 }
 
 }  // namespace
@@ -363,7 +376,7 @@ uint64_t cset_block_encode(std::span<const double> values, cset_block_t* block, 
     block->maximum = stats.max;
     block->sum = stats.nans > 0 || std::isnan(stats.sum) ? NOT_A_NUMBER : stats.sum;
     const auto size = static_cast<uint64_t>(put_smallest(values, block, data) - data);
-    ST_ASSERT(size <= 8 * values.size());
+    ST_ASSERT(size <= 8 * values.size() && cset_block_is_sound(block));
     store_le64(data + size, XXH32(data, size, 0));
     return size + 8;
 }

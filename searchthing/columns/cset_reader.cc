@@ -181,6 +181,7 @@ uint32_t find_block(const cset_reader_t* reader, uint32_t ordinal) {
     const cset_block_t* after =
         std::upper_bound(reader->blocks.begin(), reader->blocks.end(), ordinal,
                          [](uint32_t o, const cset_block_t& block) { return o < block.first_ordinal; });
+    ST_ASSERT(after != reader->blocks.begin());  // the first block begins at ordinal 0
     return static_cast<uint32_t>(after - reader->blocks.begin()) - 1;
 }
 
@@ -282,8 +283,10 @@ int cset_reader_range(cset_reader_t* reader, uint32_t first, uint32_t n, double*
 int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stats_t* out, warm_rc_t* rc) {
     *out = cs_stats_none();
     ST_TRY(check_range(reader, first, n, rc));
-    uint32_t ordinal = ordinal_before(reader, first);
+    const uint32_t begin = ordinal_before(reader, first);
     const uint32_t end = ordinal_before(reader, uint64_t{first} + n);
+    ST_ASSERT(begin <= end && end - begin <= n);
+    uint32_t ordinal = begin;
     while (ordinal < end) {
         const uint32_t index = find_block(reader, ordinal);
         const cset_block_t& block = reader->blocks[index];
@@ -301,12 +304,14 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
         }
         ordinal += part;
     }
+    ST_ASSERT(out->count + out->nans == end - begin);
     return 0;
 }
 
 int cset_reader_next(cset_reader_t* reader, uint32_t* value_no, double* v, warm_rc_t* rc) {
     rc->warm_rc = WARM_RC_OK;
     if (reader->ordinal == reader->elements) {
+        ST_ASSERT(reader->elements == 0 || size_t{reader->next_run} + 1 == reader->runs.size());
         *value_no = CSET_END;
         return 0;
     }

@@ -19,6 +19,8 @@ void encode_pending(cset_writer_t* writer) {
     const uint64_t size = cset_block_encode(writer->pending, &block, bytes);
     ST_ASSERT(size <= sizeof bytes && size % 8 == 0);
     block.first_ordinal = writer->elements - static_cast<uint32_t>(writer->pending.size());
+    ST_ASSERT(block.first_ordinal ==
+              (writer->blocks.empty() ? 0 : writer->blocks.back().first_ordinal + writer->blocks.back().count));
     block.data_offset = static_cast<uint32_t>(writer->data.size() / 8);
     writer->data.insert(writer->data.end(), bytes, bytes + size);
     writer->blocks.push_back(block);
@@ -35,6 +37,7 @@ void put_packed(std::vector<uint8_t>* out, const std::vector<cset_run_t>& runs, 
         const int status = bp_writer_append(&bits, run.*field, nbits, &rc);
         ST_ASSERT(status == 0);
     }
+    ST_ASSERT(bits.bit_cursor == uint64_t{nbits} * runs.size());
     const auto* bytes = reinterpret_cast<const uint8_t*>(words.data());
     out->insert(out->end(), bytes, bytes + words.size() * sizeof(uint64_t));
 }
@@ -60,6 +63,7 @@ uint64_t cset_writer_finish(cset_writer_t* writer) {
     head.blocks = static_cast<uint32_t>(writer->blocks.size());
     head.runs = static_cast<uint32_t>(writer->runs.size());
     if (head.runs > 0) {
+        ST_ASSERT(writer->runs.back().first_ordinal < head.elements && head.blocks > 0);
         head.value_nbits = static_cast<uint8_t>(std::bit_width(writer->runs.back().first_value));
         head.ordinal_nbits = static_cast<uint8_t>(std::bit_width(writer->runs.back().first_ordinal));
     }

@@ -6,9 +6,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "libzero/assertions.h"
 #include "libzero/osfile.h"
-#include "searchthing/columns/cstore_internal.h"
 #include "searchthing/base/timed_read.h"
+#include "searchthing/columns/cstore_internal.h"
 
 namespace veldar {
 
@@ -97,6 +98,7 @@ int cs_reader_extent(const cs_reader_t* reader, uint32_t term_id, uint64_t* set_
     }
     const uint64_t begin = uint64_t{entry->offset} * 8;
     const uint64_t end = entry + 1 == reader->entries.end() ? reader->footer_offset : uint64_t{entry[1].offset} * 8;
+    ST_ASSERT(begin < end && end <= reader->footer_offset);
     *set_offset = reader->section_offset + begin;
     *size = end - begin;
     return _set_rc(rc, WARM_RC_OK);

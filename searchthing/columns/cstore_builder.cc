@@ -63,6 +63,7 @@ int put_section(const cs_builder_t* builder, section_writer* out) {
         ST_TRY(out->put(set.head.data(), set.head.size()));
         ST_TRY(out->put(set.data.data(), set.data.size()));
     }
+    ST_ASSERT(out->offset + out->used - begin == builder->footer_offset);
     const size_t entries_size = builder->entries.size() * sizeof(cs_tid_offset_t);
     cstore_footer_t footer = {};
     footer.sets = head.sets;
@@ -70,7 +71,8 @@ int put_section(const cs_builder_t* builder, section_writer* out) {
     footer.section_size = builder->footer_offset + sizeof footer + entries_size;
     ST_TRY(out->put(&footer, sizeof footer));
     ST_TRY(out->put(builder->entries.data(), entries_size));
-    ST_ASSERT(out->offset + out->used - begin == footer.section_size);
+    ST_ASSERT(out->offset + out->used - begin == footer.section_size &&
+              footer.section_size == cs_builder_size(builder));
     return out->flush();
 }
 

@@ -16,6 +16,7 @@ static_assert(std::endian::native == std::endian::little);
 namespace {
 
 constexpr char MAGIC[] = "DSMAGIC0";
+static_assert(sizeof MAGIC - 1 == sizeof ds_header_t::magic);
 constexpr uint32_t HASH_MODULUS = 104729;
 constexpr uint32_t HASH_FACTOR = 491;
 constexpr uint32_t STEP_FACTOR = 125539;

@@ -25,6 +25,7 @@
 // have the ends 6 and 13 and the body  6 1 7 -1 -1 1  7 1 8 -1 -1 3 1.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <span>
@@ -46,6 +47,7 @@ inline constexpr uint32_t DS_MIN_WORDS = 5;
 inline constexpr uint32_t DS_MAX_DIMSET_SIZE_WORDS = 8192;
 inline constexpr uint32_t DS_NO_TERM = 0xFFFFFFFF;
 static_assert(sizeof(ds_dimset_t) == DS_MIN_WORDS * sizeof(uint32_t));
+static_assert(offsetof(ds_dimset_t, host) == 2 * sizeof(uint32_t), "the fields of a set begin with its host");
 
 // The set that begins at a word, and the words of a set. The array outlives the result.
 inline ds_dimset_t* ds_dimset_at(uint32_t* words) {

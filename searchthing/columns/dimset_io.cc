@@ -132,7 +132,9 @@ int ds_writer_flush(const ds_writer_t* w, int fd, uint64_t* offset, uint64_t sta
     }
     *offset += sizeof header;
     ST_TRY(write_words(fd, offset, w->ends.data(), w->num_dimsets, "ds_writer_flush offsets", rc));
-    return write_words(fd, offset, w->body.data(), w->num_words, "ds_writer_flush body", rc);
+    ST_TRY(write_words(fd, offset, w->body.data(), w->num_words, "ds_writer_flush body", rc));
+    ST_ASSERT(*offset - start == st_dimsets_size(w->num_dimsets, w->num_words));
+    return 0;
 }
 
 void ds_writer_close(ds_writer_t* w) {

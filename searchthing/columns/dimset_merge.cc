@@ -111,6 +111,7 @@ int st_dimset_merge_helper(std::span<dimset_context_t> contexts, ds_merge_info_t
             std::push_heap(heap.begin(), heap.end(), later);
         }
     }
+    ST_ASSERT(std::none_of(contexts.begin(), contexts.end(), [](const dimset_context_t& c) { return c.more(); }));
     info->num_dimsets = writer->num_dimsets;
     return 0;
 }

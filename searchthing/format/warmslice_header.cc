@@ -159,6 +159,9 @@ warm_section_offsets_t warm_header_section_offsets(const st_warm_slice_body* h) 
     at.pl_offs = warm_next_section(at.d + h->d_size.get());
     at.metadata = warm_next_section(at.pl_offs + plo_bytes);
     at.fclex = at.metadata + warm_header_size_metadata(h) + reverse_terms_bytes;
+    // A field has 32 bits and the widest entry 96, so no header makes a sum wrap.
+    ST_ASSERT(at.values < at.m && at.m < at.d && at.d < at.pl_offs && at.pl_offs < at.metadata);
+    ST_ASSERT(at.metadata % 8 == 0 && at.metadata <= at.fclex && at.fclex % 4 == 0);
     return at;
 }
 
@@ -288,6 +291,7 @@ namespace {
 
 // Bytes of all lists below which every offset of a merge is taken to fit 4 bytes with its tag; the merge checks.
 constexpr uint64_t PLO32_LISTS_LIMIT = 0x20000000;
+static_assert(PLO32_LISTS_LIMIT << 2 <= std::numeric_limits<uint32_t>::max(), "the widest tag has two bits");
 
 int check_merge_source(const st_warm_slice_body* target, const st_warm_slice_body* source, warm_rc_t* rc) {
     if (st_warm_slice_is_msidx(target) && !st_warm_slice_is_msidx_with_cstore(source)) {

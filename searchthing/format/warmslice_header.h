@@ -114,9 +114,12 @@ static_assert(sizeof(st_warm_slice_body) == 120 && alignof(st_warm_slice_body) =
 static_assert(offsetof(st_warm_slice_body, earliest) == 60 && offsetof(st_warm_slice_body, wflags) == 72);
 static_assert(offsetof(st_warm_slice_body, cstore_ref) == 88 && offsetof(st_warm_slice_body, num_dimsets) == 96);
 
+static_assert(offsetof(st_warm_slice_body, m_nbits) == 40 && offsetof(st_warm_slice_body, seek_addr_min) == 80);
 inline constexpr size_t WARM_HEADER_MAX_SIZE = 120;
+static_assert(sizeof(st_warm_slice_body) == WARM_HEADER_MAX_SIZE);
 inline constexpr uint32_t MAX_COMPANION_NBITS = 31;  // an entry of 32 bits decodes as 0, so none is made that wide
 inline constexpr uint32_t MILLISECOND_NBITS = 10;    // of the second packed field where it holds 0 to 999 milliseconds
+static_assert(999 >> MILLISECOND_NBITS == 0);
 
 enum warm_flag_t : uint64_t {
     WARM_FLAG_PLO_TAG1 = 0x1,
@@ -160,9 +163,10 @@ bool _has_reverse_lex(const st_warm_slice_body* h);
 
 // Where the section after one that ends at `end` begins: end - end % 8 + 8, so that an aligned end is followed by a gap
 // of 8 bytes. This is not rounding up.
-inline uint64_t warm_next_section(uint64_t end) {
+constexpr uint64_t warm_next_section(uint64_t end) {
     return end - end % 8 + 8;
 }
+static_assert(warm_next_section(80) == 88 && warm_next_section(81) == 88);
 // Bytes of the values section, a multiple of 8. The size of VALUES_PACKED is computed modulo 2^32 bits, as files that
 // exist were written; every other size in 64 bits.
 uint64_t warm_header_tsval_encoded_array_size(const st_warm_slice_body* h);
@@ -218,6 +222,7 @@ uint64_t _offset_dimsets(const st_warm_slice_body* h, int fd, uint64_t posting_l
 constexpr uint64_t _offset_cstore(uint64_t dimsets_end) {
     return (dimsets_end + 7) & ~uint64_t{7};
 }
+static_assert(_offset_cstore(80) == 80 && _offset_cstore(81) == 88);
 
 // Begins the header of a merge of `count` sources (at least 1, asserted): magic, times, addresses and flags, with
 // everything that the merge counts still zero. `sources` and `fds` are the sources' headers and open files. The flags

@@ -8,6 +8,7 @@ namespace {
 
 constexpr uint64_t MIB = 1048576;
 constexpr uint64_t MAX_SIZE_MIB = 4096;
+static_assert(MAX_SIZE_MIB * MIB - 1 == UINT32_MAX);
 constexpr uint32_t MAX_MERGE_BUFFER_BYTES = 1073741824;
 constexpr uint32_t MIN_MERGE_READER_SPAN = 128;
 

@@ -60,6 +60,7 @@ int load_chunk(bitmap_reader_t* br, warm_rc_t* rc) {
     if (base > std::numeric_limits<uint32_t>::max()) {
         return _set_rc_msg(rc, WARM_RC_CORRUPT, "Bitmap reader: tsval_id out of range");
     }
+    ST_ASSERT(base >= br->chunk_base);
     br->chunk_base = static_cast<uint32_t>(base);
     br->consumed += static_cast<uint32_t>(size);
     ST_ASSERT(br->consumed <= br->bsize);
@@ -158,6 +159,7 @@ int bitmap_writer_close(bitmap_writer_t* bw, uint64_t* size, bool flush) {
     warm_rc_t rc;
     if (flush && bw->buf_pos > 0) ST_TRY(bitmap_writer_flush(bw, &rc));
     const uint64_t buffered = bw->buf_pos == 0 ? 0 : bw->buf_pos - bw->buf_start_pos;
+    ST_ASSERT((bw->vbe_length == 0) == (bw->flushed + buffered == 0));  // a first event and its bit, or neither
     *size = bw->vbe_length + bw->flushed + buffered;
     *bw = {};
     return 0;
@@ -230,6 +232,7 @@ int bitmap_reader_seek(bitmap_reader_t* br, uint32_t target, uint32_t* id, warm_
     br->consumed += static_cast<uint32_t>(skipped);
     br->offset += skipped;
     ST_TRY(load_chunk(br, rc));
+    ST_ASSERT(br->chunk_base <= target);  // only whole chunks before the target's were left out
     return event_of_bit(br, _bitmap_itr_seek(&br->itr, target - br->chunk_base), id, rc);
 }
 

@@ -79,6 +79,8 @@ struct bitmap_reader_t {
     const uint8_t* src = nullptr;      // memory mode: the caller's list of at most 8192 bytes
     st_query_info_t* stats = nullptr;  // set by the caller: what the reads are accounted to, or null
 };
+static_assert(BITMAP_CHUNK % 4 == 0 && sizeof(bitmap_reader_t::chunk) >= BITMAP_CHUNK + 3,
+              "read in words from any byte");
 // Opens a list of `size` bytes in the file or, when `src` is not null, in memory, and loads its first chunk. 0;
 // WARM_RC_INVALID_ARGUMENT without file and memory; WARM_RC_CORRUPT for a list that cannot be (too long for its mode or
 // for 32-bit events, no first event); WARM_RC_READ.

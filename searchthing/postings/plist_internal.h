@@ -14,6 +14,7 @@ namespace veldar {
 // The longest item of an RLE list: the run mark and a number. Where that many bytes are buffered, or the list's end is,
 // an item that does not decode is damage.
 inline constexpr uint64_t RLE_MAX_ITEM = 1 + VBE_MAX_BYTES;
+static_assert(RLE_MAX_ITEM < PLIST_BUFFER, "a refill always gives an item");
 
 // The undecoded bytes of the list that are buffered.
 struct rle_window {

@@ -54,6 +54,7 @@ int skip_to(plist_reader* reader, uint32_t target, warm_rc_t* rc) {
         }
         rle_close_window(reader, at);
     }
+    ST_ASSERT(reader->position == reader->list_end);
     return 0;
 }
 

@@ -18,6 +18,7 @@ int flush(plist_writer_t* plw) {
 }
 
 int flush_if_nearly_full(plist_writer_t* plw) {
+    static_assert(2 * RLE_MAX_EMIT < PLIST_BUFFER);
     return plw->buffered + RLE_MAX_EMIT >= PLIST_BUFFER ? flush(plw) : 0;
 }
 
@@ -149,6 +150,7 @@ int _plist_writer_end_term(plist_writer_t* plw) {
         rle.end_run();
         take_encoded(plw, rle);
     }
+    ST_ASSERT((plw->term_bytes == 0) == (plw->count_forterm == 0) && plw->buffered <= PLIST_BUFFER);
     plw->total += plw->term_bytes;
     return flush_if_nearly_full(plw);
 }

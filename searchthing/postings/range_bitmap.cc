@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "searchthing/base/bitset.h"
 
@@ -18,7 +19,8 @@ void clear_tail(uint8_t* bitmap, const id_range_t& range) {
     const size_t whole = range.size() / 8;
     const uint32_t rest = range.size() % 8;
     const size_t bytes = bitmap_bytes(range);
-    if (whole < bytes) bitmap[whole] = static_cast<uint8_t>(bitmap[whole] & ((1U << rest) - 1));
+    ST_ASSERT(whole < bytes);  // the bitmap covers bit `end`
+    bitmap[whole] = static_cast<uint8_t>(bitmap[whole] & ((1U << rest) - 1));
     for (size_t i = whole + 1; i < bytes; i++) bitmap[i] = 0;
 }
 
@@ -72,6 +74,7 @@ uint64_t range_bitmap_count(const uint8_t* bitmap, const id_range_t& range) {
     size_t i = 0;
     for (; i + 8 <= bytes; i += 8) count += static_cast<uint64_t>(__builtin_popcountll(load_le64(bitmap + i)));
     for (; i < bytes; i++) count += static_cast<uint64_t>(__builtin_popcount(bitmap[i]));
+    ST_ASSERT(count <= range.size());
     return count;
 }
 

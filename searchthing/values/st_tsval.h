@@ -41,6 +41,7 @@ struct st_tsval_encoded {  // the first eight bytes of a value: its key
     st_time_t time;
     st_addr_t address;
 };
+static_assert(sizeof(st_tsval_encoded) == 8 && offsetof(st_tsval_encoded, address) == offsetof(st_tsval, address));
 
 // Milliseconds, 0 to 999, of a decimal fraction encoded as ((2d + 1) << z): z leading zeros, then the digits of d. 0
 // and powers of two stand for no fraction. "5" is 11 and gives 500, "05" is 22 and gives 50.

@@ -23,6 +23,7 @@ struct read_spans {
 };
 
 // An entry of at most 96 bits touches three words at most.
+static_assert(3 * 64 >= 63 + 96);
 read_spans spans_of(uint32_t type) {
     if (type == META_PACKED) return {3, 512};
     return type == META_FULL ? read_spans{1, 341} : read_spans{1, 1024};
@@ -186,6 +187,7 @@ int term_meta_writer_open(term_meta_writer_t* writer, int fd, const st_warm_slic
     if (fd < 0) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "fd invalid in meta writer open");
     set_widths(writer, header);
     const uint64_t offset = _offset_metadata(header);
+    ST_ASSERT(offset % WORD_BYTES == 0);
     if (writer->mtype == META_PACKED) {
         if (!writer->words.alloc(PACKED_WRITER_WORDS)) {
             return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "write buffer alloc failed");

@@ -209,6 +209,7 @@ int open_file_caches(tsval_reader_t* reader, uint64_t section_size, uint64_t cac
         if (reader->cache_entries == 0) return 0;
         return reader->cache.alloc(static_cast<size_t>(8 * reader->cache_entries)) ? 0 : _set_rc(rc, WARM_RC_NO_MEMORY);
     }
+    ST_ASSERT(section_size / 8 <= UINT32_MAX);  // at most 2^32 - 1 values, of at most 64 bits
     const uint32_t words = static_cast<uint32_t>(section_size / 8);
     const uint64_t span = std::clamp<uint64_t>(cache_bytes / 8, 1, std::max<uint64_t>(words, 1));
     if (const int status =
@@ -252,6 +253,8 @@ int tsval_reader_open_partial(tsval_reader_t* reader, int fd, const st_warm_slic
         reader->addr_base = warm_header_is_rev1(header) ? header->seek_addr_min.get() : 0;
     }
     const uint64_t section_size = warm_header_tsval_encoded_array_size(header);
+    ST_ASSERT(reader->encoding == TSVAL_PLAIN ? section_size == 8 * uint64_t{reader->num_values}
+                                              : section_size >= 8 * uint64_t{reader->num_preambles});
     if (values_in_memory != nullptr) {
         reader->memory = {values_in_memory, static_cast<size_t>(section_size)};
         return 0;

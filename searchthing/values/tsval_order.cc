@@ -35,6 +35,7 @@ int compare_enum_terms(const void* a, const void* b) {
 }
 
 void move_enum_answer(st_enum_answer* to, const st_enum_answer* from) {
+    static_assert(sizeof to->term > ST_MAX_TERM_LENGTH);
     const size_t length = ::strnlen(from->term, ST_MAX_TERM_LENGTH);
     std::memcpy(to->term, from->term, length);
     to->term[length] = '\0';

@@ -17,6 +17,7 @@ struct st_ntsval {  // the same key, both words big-endian
     be32 time;
     be32 address;
 };
+static_assert(sizeof(st_ntsval) == 8);
 struct cs_tid_offset_t {
     uint32_t term_id;
     uint32_t offset;

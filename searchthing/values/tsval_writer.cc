@@ -104,7 +104,9 @@ int tsval_writer_open_section(int fd, uint8_t* section, tsval_writer_t* writer, 
     if (section != nullptr) {
         writer->preamble_at = section;
         const uint64_t words = warm_header_tsval_encoded_array_size(header) / sizeof(uint64_t);
-        ST_ASSERT(preambles <= words);
+        ST_ASSERT(preambles <= words && preambles <= header->num_values.get());
+        const uint64_t packed_values = header->num_values.get() - preambles;
+        ST_ASSERT(packed_values * (writer->time_nbits + writer->addr_nbits) <= 64 * (words - preambles));
         bp_writer_open(&writer->bp, -1, reinterpret_cast<uint64_t*>(section) + preambles, words - preambles, 0);
         return 0;
     }
@@ -129,6 +131,7 @@ int tsval_writer_put_preamble(tsval_writer_t* writer, uint32_t time, uint32_t ad
     if (writer->preamble_at == nullptr) {
         return tsval_preamble_writer_put_preamble(&writer->preambles, time, address, rc);
     }
+    ST_ASSERT(writer->preamble_at < reinterpret_cast<uint8_t*>(writer->bp.words));  // where the packed values begin
     store_le64(writer->preamble_at, uint64_t{address} << 32 | time);
     writer->preamble_at += sizeof(uint64_t);
     return 0;

@@ -79,7 +79,7 @@ int warm_slice_set_companion(be32* size_field, be32* nbits_field, uint32_t num_v
         return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "companion array beyond 2^32 bits");
     }
     const uint64_t size = _compressed_size(num_values, nbits, rc);
-    if (rc->warm_rc != 0) return rc->warm_rc;
+    ST_ASSERT(rc->warm_rc == WARM_RC_OK && size <= UINT32_MAX / 8 + 1);  // as many bytes as so few bits take
     size_field->set(static_cast<uint32_t>(size));
     nbits_field->set(nbits);
     return 0;
