@@ -12,6 +12,7 @@ namespace veldar {
 namespace {
 
 constexpr size_t BODY_COPY_SIZE = 16;  // the header and the first block offset
+static_assert(BODY_COPY_SIZE == FCLEX_HEADER_SIZE + sizeof(be32));
 constexpr uint64_t MAX_BLOCK_CACHE = uint64_t{1} << 30;
 
 uint64_t body_size(uint64_t block_count, uint32_t last_block_end) {

@@ -69,6 +69,7 @@ FCLEX* st_fclex_create(void* body, uint64_t size, const char* const* sorted_term
         previous = term;
     }
     store_be32(block_end, static_cast<uint32_t>(used));
+    ST_ASSERT(block_end + 4 == blocks);
     return _fclex_open_bounded({bytes, blocks_offset + used});
 }
 

@@ -17,6 +17,8 @@ namespace veldar {
 inline constexpr uint64_t FCLEX_HEADER_SIZE = sizeof(st_fclex_body);
 inline constexpr uint32_t FCLEX_MAX_PREFIX = 2046;
 inline constexpr uint64_t FCLEX_MAX_TERM_BYTES = 2052;  // in a block, with its numbers
+static_assert(FCLEX_MAX_PREFIX < ST_MAX_TERM_LENGTH && ST_MAX_TERM_LENGTH < ST_TERM_BUFFER_SIZE);
+static_assert(ST_MAX_TERM_LENGTH >> 14 == 0 && FCLEX_MAX_TERM_BYTES >= 2 * 2 + ST_MAX_TERM_LENGTH);
 
 inline bool fclex_in_file(const FCLEX* lex) {
     return lex->fd >= 0;
@@ -202,6 +204,7 @@ inline fclex_block_cursor fclex_start_block(std::span<const uint8_t> bytes, cons
 // rest are copied with two fixed-size moves: fewer instructions than asking how many there are.
 [[nodiscard]] inline int fclex_next_term(fclex_block_cursor* cursor, char* text) {
     constexpr ptrdiff_t CHUNK = 32;
+    static_assert(0x7F + CHUNK < ST_TERM_BUFFER_SIZE);
     const uint8_t* at = cursor->at;
     if (cursor->position == 0 || cursor->readable - at < CHUNK + 2) return fclex_next_term_checked(cursor, text);
     const uint32_t shared = at[0];

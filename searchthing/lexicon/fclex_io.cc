@@ -56,13 +56,13 @@ bool add_page(lex_writer_t* writer) {
 }
 
 int append(lex_writer_t* writer, const uint8_t* data, size_t length) {
-    writer->_blocks_off += length;
     for (;;) {
         uint64_t* room = free_space(writer->pages->tail->item);
         const size_t part = std::min<size_t>(length, *room);
         if (part != 0) std::memcpy(writer->page_at, data, part);
         writer->page_at += part;
         *room -= part;
+        writer->_blocks_off += part;
         data += part;
         length -= part;
         if (length == 0) return 0;
@@ -98,6 +98,7 @@ int write_block_ends(const lex_writer_t* writer, int fd, uint64_t offset) {
 }
 
 int write_pages(const lex_writer_t* writer, int fd, uint64_t offset) {
+    const uint64_t end = offset + writer->_blocks_off;
     for (const list_node_s* node = writer->pages->head; node != nullptr; node = node->next) {
         const uint8_t* at = page_data(node->item);
         uint64_t left = lex_writer_buf_sz(writer) - *free_space(node->item);
@@ -109,6 +110,7 @@ int write_pages(const lex_writer_t* writer, int fd, uint64_t offset) {
             offset += static_cast<uint64_t>(put);
         }
     }
+    ST_ASSERT(offset == end);
     return 0;
 }
 
@@ -309,7 +311,10 @@ int _increment_cursor(lex_reader_t* reader) {
     if (reader->cursor >= reader->terms) return WARM_RC_FAILED;
     reader->cursor++;
     if (reader->cursor == reader->terms) return 0;
-    if (reader->position == reader->tperb) ST_TRY(start_block(reader, reader->block + 1));
+    if (reader->position == reader->tperb) {
+        ST_ASSERT(reader->cursor == (uint64_t{reader->block} + 1) * reader->tperb);
+        ST_TRY(start_block(reader, reader->block + 1));
+    }
     return decode_term(reader, true);
 }
 

@@ -21,8 +21,10 @@ namespace veldar {
 
 inline constexpr uint64_t LEX_WRITER_PAGE_SIZE = 0x100000;
 inline constexpr uint32_t LEX_MERGE_MAX_SOURCES = 64;
+static_assert(LEX_MERGE_MAX_SOURCES <= 8 * sizeof(bmap64_t), "a bit for each source");
 // Terms are copied in pieces of this size: buffers have as much room behind their last byte.
 inline constexpr uint32_t LEX_SLACK = 32;
+static_assert(LEX_SLACK <= fclex_block_reader::SLACK);
 
 struct lex_page_list_deleter {
     void operator()(list_t* pages) const;

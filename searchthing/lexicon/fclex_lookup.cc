@@ -12,6 +12,8 @@ namespace veldar {
 namespace {
 
 constexpr uint64_t PROBE_SIZE = 2050;  // a length number of up to three bytes and 2047 bytes of text
+static_assert(PROBE_SIZE >= 3 + ST_MAX_TERM_LENGTH && PROBE_SIZE <= FCLEX_MAX_TERM_BYTES,
+              "every block cache holds one");
 
 // The first terms that the binary searches of one lexicon in a file have in common. A search that has gone right and
 // left in a certain way always meets the same block: its way is the number of the place, 1 for the first block, 2n or
@@ -37,6 +39,7 @@ class top_terms {
   private:
     static constexpr uint64_t PLACES = 128;
     static constexpr uint64_t PLACE_SIZE = 64;
+    static_assert(PLACE_SIZE <= UINT8_MAX, "a length plus 1 fits the place's first byte");
 };
 
 // Reads the first terms of blocks for one binary search. Two things save a file most of the small reads: once few
@@ -89,7 +92,7 @@ class first_term_reader {
     // Reads the bytes at the start of a block into the block cache. Always the whole probe, which may pass the end of
     // the lexicon; a file's tail gives fewer bytes.
     int probe(const fclex_extent& extent) {
-        if (lex_->block_cache_size < PROBE_SIZE) return WARM_RC_FAILED;
+        ST_ASSERT(lex_->block_cache_size >= PROBE_SIZE);
         const uint64_t blocks = fclex_blocks_offset(fclex_block_count(lex_));
         const uint64_t at = static_cast<uint64_t>(lex_->fclex_offset) + blocks + extent.start;
         const int64_t got = st_timed_pread_msg(lex_->fd, lex_->block_cache, PROBE_SIZE, at, ends_.stats, false);

@@ -41,6 +41,8 @@ class loser_tree {
             waiting[node] = true;
             nodes_[node] = player;
         }
+        // As many nodes as players, one of which is the winner.
+        ST_ASSERT(std::all_of(waiting, waiting + count_, [](bool taken) { return taken; }));
     }
 
     const player_t& winner() const { return nodes_[0]; }
@@ -159,6 +161,10 @@ int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
         const bool at_end = reader->cursor == reader->terms;
         tree.replay({player.source, at_end ? AT_END : static_cast<int32_t>(reader->common)});
     }
+    const lex_reader_t* const readers = merge->readers.get();
+    ST_ASSERT(std::all_of(readers, readers + merge->count, [](const auto& r) { return r.cursor == r.terms; }));
+    // The last block is still open.
+    ST_ASSERT(writer->_cursor == 0 || writer->_bo_idx + 1 == fclex_block_count(writer->_cursor, writer->tperb));
     return 0;
 }
 
@@ -195,6 +201,7 @@ int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, 
         bmap_array_free(source_bitmaps);
         return status;
     }
+    ST_ASSERT(writer->_cursor <= possible_terms);
     *merged_count = writer->_cursor;
     return _set_rc(rc, 0);
 }

@@ -44,13 +44,14 @@ class fclex_block_reader {
         *bytes = {piece_.data() + (extent.start - start_), extent.size()};
         return 0;
     }
+    static constexpr uint64_t SLACK = 64;  // loadable bytes behind a piece, for copies of a fixed size
+
     // The end of the bytes that may be loaded.
     const uint8_t* readable() const { return piece_.data() + piece_.size(); }
 
     bo_reader_t ends;
 
   private:
-    static constexpr uint64_t SLACK = 64;        // loadable bytes behind a piece, for copies of a fixed size
     static constexpr uint64_t BLOCK_BYTES = 32;  // a guess: decides how many block ends go with a piece
 
     // Reads the piece that begins with the block: all that fit, as far as the run of block ends tells and they ascend.
@@ -94,6 +95,7 @@ struct fclex_walker {
     // Puts the cursor at the start of the next block, of which there is one. 0, WARM_RC_NO_MEMORY, or WARM_RC_READ
     // whatever is wrong with it.
     [[nodiscard]] int start_block(fclex_block_cursor* cursor) {
+        ST_ASSERT(next_block < block_count);
         std::span<const uint8_t> bytes;
         const bool in_file = fclex_in_file(lex);
         const int status = in_file ? blocks.get(next_block, &bytes) : fclex_block_in_memory(lex, next_block, &bytes);

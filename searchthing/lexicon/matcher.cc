@@ -6,6 +6,7 @@
 #include <new>
 #include <string_view>
 
+#include "libzero/assertions.h"
 #include "libzero/resource.h"
 
 namespace veldar {
@@ -51,6 +52,8 @@ bool split_needle(OpaqueMatcher_T* matcher, size_t length) {
         at = stop;
     }
     matcher->single_word = matcher->count == 1 && matcher->pieces[0].size() == length;
+    // A piece that both begins and ends the needle is all of it.
+    ST_ASSERT(matcher->single_word != 0 || matcher->count >= matcher->hard_start + matcher->hard_end);
     return true;
 }
 

@@ -18,6 +18,8 @@ namespace {
 
 constexpr size_t FIRST_SLOTS = 1 << 16;
 constexpr size_t MAX_SLOTS = 1 << 24;
+static_assert(std::has_single_bit(FIRST_SLOTS) && std::has_single_bit(MAX_SLOTS) && FIRST_SLOTS <= MAX_SLOTS);
+static_assert(MAX_SLOTS * sizeof(merge_known_list_t) == size_t{256} << 20);
 // The parts of merge_known_list_t::place.
 constexpr uint64_t SIZE_LIMIT = 1 << 23;
 constexpr uint64_t FORM_BITS = 24;  // type and size together
@@ -87,6 +89,7 @@ int grow(merge_known_lists_t* lists, warm_rc_t* rc) {
     for (const merge_known_list_t& list : lists->slots) {
         if (list.term != MERGE_NO_TERM) insert(&larger, list);
     }
+    ST_ASSERT(lists->used <= larger.size() / 2);
     lists->slots = std::move(larger);
     return 0;
 }

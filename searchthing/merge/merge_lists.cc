@@ -339,6 +339,7 @@ int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, 
     *out = {};
     if (lists->dense) {
         describe_bits(lists->bits.span(), out);
+        ST_ASSERT(out->last < lists->num_values && out->count - 1 <= out->last - out->first);
         return 0;
     }
     order_ids(lists);
@@ -347,7 +348,7 @@ int merge_lists_next(merge_lists_t* lists, uint64_t holders, merge_list_t* out, 
     out->count = static_cast<uint32_t>(lists->size);
     out->first = out->ids.front();
     out->last = out->ids.back();
-    ST_ASSERT(out->first <= out->last && out->last < lists->num_values);
+    ST_ASSERT(out->first <= out->last && out->last < lists->num_values && out->count - 1 <= out->last - out->first);
     return 0;
 }
 

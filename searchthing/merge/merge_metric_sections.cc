@@ -1,6 +1,7 @@
 // The sections of a metric merge behind the posting lists: dimension sets and the column store.
 #include <algorithm>
 
+#include "libzero/assertions.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/merge/merge_internal.h"
 #include "searchthing/merge/merge_leader.h"
@@ -143,6 +144,7 @@ int merge_metric_sections_write(warm_merge_t* merge, int fd, uint64_t* offset, w
     int64_t cstore_ref = 0;
     ST_TRY(_merge_cstore(merge, &cstore.builder, rc));
     ST_TRY(cs_finalize_offsets(&cstore.builder, header->num_values.get(), header->num_dimsets.get(), &cstore_ref, rc));
+    ST_ASSERT(cstore_ref > 0);  // 0 would say that the slice has no column store
     header->cstore_ref.set(static_cast<uint64_t>(cstore_ref));
     ST_TRY(cs_sync_cstore(&cstore.builder, fd, cstore_offset, rc));
     *offset = cstore_offset + cs_builder_size(&cstore.builder);

@@ -117,6 +117,7 @@ int run_merger::run() {
         for (run_cursor_t* cursor : taken) ST_TRY(begin_run(cursor));
         run_ = {};
         ST_TRY(merge_run());
+        ST_ASSERT(live_.empty() && run_.count > 0 && run_.earliest <= run_.latest);
         ST_TRY(values_writer_put_preamble(out_, run_.end - run_.count, run_.count, rc_));
         merge_->metric->runs[number] = run_;
         for (run_cursor_t* cursor : taken) {

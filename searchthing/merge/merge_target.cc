@@ -199,6 +199,7 @@ int fill_and_verify(warm_merge_t* merge, int fd, const char* path, merged_lexico
         ST_TRY(set_size(fd, 0, rc));
         postings = {};
         status = fill_file(merge, fd, lexicon, &postings, rc);
+        ST_ASSERT(!postings.entries_too_narrow);
     }
     if (status != 0) return status;
     return verify_slice(merge, path, postings, rc);

@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <limits>
 
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "libzero/osfile.h"
+#include "libzero/vbe.h"
+#include "searchthing/lexicon/term_choice.h"
 
 namespace veldar {
 
@@ -16,7 +19,9 @@ namespace {
 
 constexpr uint32_t DEFAULT_TERMS_PER_BLOCK = 64;
 constexpr uint32_t MAX_TERMS_PER_BLOCK = 0x40000;  // a block of the longest terms still fits a reader
+static_assert(MAX_TERMS_PER_BLOCK * uint64_t{ST_MAX_TERM_LENGTH + VBE_MAX_BYTES} <= uint64_t{1} << 30);
 constexpr uint64_t MIN_PAGE_SIZE = 9;
+static_assert(MIN_PAGE_SIZE == sizeof(uint64_t) + 1, "the free bytes of a page, and one");
 constexpr uint32_t COUNTS_BUFFERED = 16384;
 
 }  // namespace
@@ -58,6 +63,7 @@ int merged_lexicon_file::put(std::string_view term, uint64_t events, warm_rc_t* 
 int merged_lexicon_file::finish(warm_rc_t* rc) {
     const uint32_t terms = terms_._cursor;
     if (terms == 0) return _set_rc_msg(rc, WARM_RC_ZERO_TERMS, "no term for the merged lexicon");
+    ST_ASSERT(uint64_t{counts_.written} + counts_.buffered == terms);
     header_.num_terms.set(terms);
     if (const int status = _aw_close(&counts_)) return _set_rc_msg(rc, status, path_.c_str());
     ST_TRY(warm_header_write(fd_.get(), &header_, rc));

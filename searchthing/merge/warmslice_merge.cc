@@ -5,6 +5,7 @@
 #include <new>
 
 #include "libzero/assertions.h"
+#include "searchthing/lexicon/fclex_io.h"
 #include "searchthing/merge/merge_internal.h"
 #include "searchthing/merge/merge_target.h"
 #include "searchthing/merge/merge_values.h"
@@ -17,6 +18,7 @@ namespace {
 // Totals of 32 bits stay below all-ones, which stands for "none" in many places.
 constexpr uint64_t TOTAL_LIMIT = UINT32_MAX;
 constexpr uint64_t MEMORY_PLAN = uint64_t{1} << 30;
+static_assert(MERGE_MAX_SOURCES <= LEX_MERGE_MAX_SOURCES && MERGE_MAX_SOURCES <= DS_MERGE_MAX_SOURCES);
 
 enum merge_kind_t : int { KIND_NEVER = -1, KIND_LEGACY, KIND_LEXICON, KIND_REV0, KIND_REV1, KIND_METRIC };
 
@@ -159,6 +161,8 @@ int open_merge(warm_merge_t* merge, std::span<const char* const> paths, warm_rc_
     ST_TRY(init_header(merge, rc));
     ST_TRY(check_totals(merge, rc));
     if (st_warm_slice_is_msidx(&merge->header)) merge->metric = std::make_unique<merge_metric_t>();
+    const bool metric_sources = st_warm_slice_merge_kind(merge->sources[0].warm->body) == KIND_METRIC;
+    ST_ASSERT((merge->metric != nullptr) == metric_sources);
     ST_TRY(note_times(merge, rc));
     // Newest first: lists of slices that do not overlap then only have to be put one behind another.
     std::stable_sort(merge->sources.begin(), merge->sources.end(),

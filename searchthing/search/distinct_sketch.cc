@@ -46,6 +46,7 @@ double tau(double x) {
 }
 
 double estimate(const std::vector<uint8_t>& registers) {
+    ST_ASSERT(registers.size() == DISTINCT_REGISTERS);
     std::array<uint32_t, DISTINCT_MAX_RANK + 1> holding = {};
     for (const uint8_t rank : registers) holding[rank]++;
     const double m = DISTINCT_REGISTERS;
@@ -60,6 +61,7 @@ double estimate(const std::vector<uint8_t>& registers) {
 void distinct_sketch_settle(distinct_sketch_t* sketch) {
     std::vector<uint64_t>& hashes = sketch->hashes;
     if (sketch->ordered == hashes.size()) return;
+    ST_ASSERT(sketch->ordered < hashes.size() && sketch->registers.empty());
     const auto middle = hashes.begin() + static_cast<ptrdiff_t>(sketch->ordered);
     std::sort(middle, hashes.end());
     std::inplace_merge(hashes.begin(), middle, hashes.end());
@@ -93,7 +95,8 @@ void distinct_sketch_merge(distinct_sketch_t* into, const distinct_sketch_t& oth
 }
 
 double distinct_sketch_count(const distinct_sketch_t& sketch, bool* is_estimate) {
-    ST_ASSERT(sketch.ordered == sketch.hashes.size());
+    ST_ASSERT(sketch.ordered == sketch.hashes.size() && sketch.ordered <= DISTINCT_EXACT);
+    ST_ASSERT(sketch.hashes.empty() || sketch.registers.empty());
     *is_estimate = !sketch.registers.empty();
     return *is_estimate ? estimate(sketch.registers) : static_cast<double>(sketch.hashes.size());
 }

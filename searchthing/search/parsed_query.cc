@@ -35,6 +35,7 @@ int fail(bracket_parser* parser, int status, const char* message) {
 }
 
 int fail_token(bracket_parser* parser, int status) {
+    static_assert(int{TOKEN_END_OF_TEXT} == int{WARM_RC_QUERY_END});
     return fail(parser, status, status == WARM_RC_QUERY_END ? "the query text ends here" : "a token cannot be read");
 }
 
@@ -50,6 +51,7 @@ int read_token(bracket_parser* parser, token* out) {
 }
 
 bool is_comparison(token_type_t type) {
+    static_assert(T_LITERAL < T_OP_LT && T_OP_NEQ - T_OP_LT == 5);
     return type >= T_OP_LT && type <= T_OP_NEQ;
 }
 
@@ -203,6 +205,7 @@ int validate_query_text(const char* text, token_case_t token_case, size_t* error
 }
 
 bool query_is_single_term(const parsed_query_t& query, const std::string** term) {
+    ST_ASSERT(!query.frames.empty());
     const frame_t& root = query.frames.front();
     if (query.frames.size() != 1 || root._kw_list.size() != 1 || !root._not_kw_list.empty() ||
         !root._comparisons.empty()) {

@@ -52,6 +52,7 @@ void merge_buckets(quantile_buckets_t* into, const quantile_buckets_t& other) {
 }
 
 void turn_to_buckets(quantile_sketch_t* sketch) {
+    ST_ASSERT(sketch->is_exact && sketch->zeros == 0 && sketch->positive.counts.empty());
     sketch->is_exact = false;
     for (const quantile_number_t& held : sketch->numbers) count_number(sketch, held.number, held.times);
     sketch->numbers = {};
@@ -69,6 +70,7 @@ uint64_t total(const quantile_buckets_t& buckets) {
 void quantile_sketch_settle(quantile_sketch_t* sketch) {
     std::vector<quantile_number_t>& numbers = sketch->numbers;
     if (sketch->ordered == numbers.size()) return;
+    ST_ASSERT(sketch->ordered < numbers.size() && sketch->is_exact);
     const auto less = [](const quantile_number_t& a, const quantile_number_t& b) { return a.number < b.number; };
     const auto middle = numbers.begin() + static_cast<ptrdiff_t>(sketch->ordered);
     std::sort(middle, numbers.end(), less);
@@ -113,6 +115,7 @@ double quantile_sketch_at(const quantile_sketch_t& sketch, double q) {
         if (left <= held.times) return held.number;
         left -= held.times;
     }
+    ST_ASSERT(!sketch.is_exact);  // no rank is above the sum of all counts
     const quantile_buckets_t& negative = sketch.negative;
     for (size_t i = negative.counts.size(); i-- > 0; left -= negative.counts[i]) {
         if (left <= negative.counts[i]) return -number_of(negative.first + static_cast<int32_t>(i));
@@ -122,6 +125,7 @@ double quantile_sketch_at(const quantile_sketch_t& sketch, double q) {
     const quantile_buckets_t& positive = sketch.positive;
     size_t i = 0;
     for (; i + 1 < positive.counts.size() && left > positive.counts[i]; i++) left -= positive.counts[i];
+    ST_ASSERT(i < positive.counts.size() && left <= positive.counts[i]);
     return number_of(positive.first + static_cast<int32_t>(i));
 }
 

@@ -26,6 +26,7 @@ inline constexpr uint8_t QUERY_NEQ_MATCHES_MISSING = 1;
 inline constexpr uint8_t QUERY_WILDCARDS_SKIP_FIELDS = 2;
 // opt_a: "*" stands for any characters, so that "*00" finds "1000" too (matcher_spans).
 inline constexpr uint8_t QUERY_WILDCARDS_SPAN = 4;
+static_assert((QUERY_NEQ_MATCHES_MISSING ^ QUERY_WILDCARDS_SKIP_FIELDS ^ QUERY_WILDCARDS_SPAN) == 7);
 
 // opt_flag: the times are bounds even when all of them are 0. Without it, a record whose times nobody has touched asks
 // an index directory for events of any time.

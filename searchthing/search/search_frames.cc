@@ -122,7 +122,7 @@ int _eval_partial(conjunction_context* context, const frame_t& frame, bool exact
 int evaluate(conjunction_context* context, const std::vector<frame_t>& frames, bool exact, query_result_t* result) {
     ST_TRY(_find_first_if_needed(context));
     if (context->range.empty()) return 0;
-    ST_ASSERT(!frames.empty());
+    ST_ASSERT(!frames.empty() && frames.front()._op == T_OP_AND);
     std::vector<buffer<uint8_t>> yields(frames.size());  // of each frame's children
     for (size_t i = frames.size() - 1; i > 0; i--) {
         const frame_t& frame = frames[i];

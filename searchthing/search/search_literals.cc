@@ -244,6 +244,7 @@ int apply_filters(conjunction_context* context, const literal_group& group, runn
 }
 
 void hand_over(conjunction_context* context, running_match* match, query_result_t* result) {
+    ST_ASSERT(!match->none && (!match->has_list || (match->count > 0 && match->bitmap.empty())));
     result->tsval_list = std::move(match->list);
     result->bitmap = std::move(match->bitmap);
     result->tsval_list_capacity = match->has_list ? match->count : context->bufcap;
@@ -288,6 +289,7 @@ int or_negatives(conjunction_context* context, const literal_group& group, uint8
     query_result_t both;
     ST_TRY(_and_group(context, {group.negative, {}, {}}, true, &both, nullptr, nullptr));
     buffer<uint8_t> inverse;
+    ST_ASSERT(both.not_bitmap.empty());
     ST_TRY(range_bitmap_alloc(&inverse, context->range, &context->rc));
     switch (match_kind(both)) {
         case MATCH_BITS:
@@ -348,7 +350,8 @@ int widen_bitmap(uint32_t values, buffer<uint8_t>* bitmap, warm_rc_t* rc) {
     if (bitmap->empty()) return 0;
     buffer<uint8_t> wide;
     ST_TRY(range_bitmap_alloc(&wide, {.begin = 0, .end = values}, rc));
-    std::memcpy(wide.data(), bitmap->data(), std::min(bitmap->size(), wide.size()));
+    ST_ASSERT(bitmap->size() <= wide.size());
+    std::memcpy(wide.data(), bitmap->data(), bitmap->size());
     *bitmap = std::move(wide);
     return 0;
 }
@@ -424,6 +427,7 @@ int _find_first_if_needed(conjunction_context* context) {
     ST_TRY(warm_slice_first_before(warm, 0, values, latest, true, &range.begin, &context->rc));
     ST_TRY(warm_slice_first_before(warm, 0, values, context->earliest, false, &range.end, &context->rc));
     range.begin = std::min(range.begin, range.end);  // bounds that are the wrong way round hold nothing
+    ST_ASSERT(range.end <= context->bufcap);
     range.begin_preamble = 0;
     range.computed = true;
     context->covers_slice = range.begin == 0 && range.end == context->bufcap;

@@ -70,6 +70,7 @@ int run_merge_start(run_merge_t* merge, warm_rc_t* rc) {
         merge->losers[match] = is_newer(a, b) ? b : a;
     }
     merge->winner = winners[1];
+    ST_ASSERT(merge->winner.newest > 0);  // no stretch is empty yet
     return 0;
 }
 

@@ -18,6 +18,7 @@ namespace veldar {
 namespace {
 
 constexpr size_t MAX_FIELD_NAME = 2045;
+static_assert(MAX_FIELD_NAME + 2 == ST_MAX_TERM_LENGTH);
 
 // Whether a term whose events lie in [earliest, latest] can have one inside the query's bounds; whole seconds decide,
 // because a term's span is kept in seconds.

@@ -1,5 +1,3 @@
-#include "searchthing/search/select_table.h"
-
 #include <xxhash.h>
 
 #include <algorithm>
@@ -8,9 +6,11 @@
 #include <cstring>
 #include <new>
 
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "searchthing/search/distinct_sketch.h"
 #include "searchthing/search/quantile_sketch.h"
+#include "searchthing/search/select_table.h"
 
 namespace veldar {
 
@@ -43,6 +43,7 @@ void put_distinct(std::string* out, const distinct_sketch_t& sketch) {
         out->append(reinterpret_cast<const char*>(sketch.registers.data()), sketch.registers.size());
         return;
     }
+    ST_ASSERT(sketch.ordered == sketch.hashes.size());
     put32(out, static_cast<uint32_t>(sketch.hashes.size()));
     for (const uint64_t hash : sketch.hashes) put64(out, hash);
 }
@@ -66,6 +67,7 @@ void put_quantiles(std::string* out, const quantile_sketch_t& sketch) {
         put_buckets(out, sketch.negative);
         return;
     }
+    ST_ASSERT(sketch.ordered == sketch.numbers.size());
     put32(out, static_cast<uint32_t>(sketch.numbers.size()));
     for (const quantile_number_t& held : sketch.numbers) {
         put_double(out, held.number);
@@ -308,6 +310,12 @@ int decode(std::span<const uint8_t> bytes, select_table_t* table, warm_rc_t* rc)
 }  // namespace
 
 void select_table_encode(const select_table_t& table, std::string* out) {
+    using row_t = select_table_t::row_t;
+    const auto before = [](const row_t& a, const row_t& b) {
+        return std::pair(a.bin, a.group) < std::pair(b.bin, b.group);
+    };
+    ST_ASSERT(std::is_sorted(table.rows.begin(), table.rows.end(), before));
+    ST_ASSERT(table.cells.size() == table.rows.size() * table.aggregates.size());
     const size_t begin = out->size();
     out->append(MAGIC, sizeof MAGIC);
     put32(out, static_cast<uint32_t>(table.group_fields));

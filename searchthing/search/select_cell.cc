@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "libzero/assertions.h"
 #include "searchthing/base/number.h"
 #include "searchthing/columns/cset_codec.h"
 #include "searchthing/search/distinct_sketch.h"
@@ -175,6 +176,7 @@ double select_cell_distinct(const select_cell_t& cell, bool* is_estimate) {
 double select_cell_quantile(const select_cell_t& cell, double q, bool* is_estimate) {
     *is_estimate = cell.quantiles != nullptr && !cell.quantiles->is_exact;
     if (cell.quantiles == nullptr || cell.numbers == 0) return NOTHING;
+    ST_ASSERT(cell.minimum <= cell.maximum);
     return std::clamp(quantile_sketch_at(*cell.quantiles, q), cell.minimum, cell.maximum);
 }
 

@@ -38,6 +38,7 @@ enum select_aggregate_t : uint32_t {
     SELECT_QUANTILES = 256,
 };
 inline constexpr uint32_t SELECT_ALL_AGGREGATES = 511;
+static_assert(SELECT_ALL_AGGREGATES == 2 * SELECT_QUANTILES - 1);
 
 // So many of the values of a cell are kept, the bytewise smallest.
 inline constexpr size_t SELECT_MAX_VALUES = 4096;

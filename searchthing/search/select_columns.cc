@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "libzero/assertions.h"
+
 namespace veldar {
 
 namespace {
@@ -42,6 +44,7 @@ class columns_pass {
     }
 
     int run(warm_rc_t* rc) {
+        ST_ASSERT(select_slab_values > 0 && select_slab_values % 8 == 0);  // a slab begins a byte of the match
         for (uint32_t begin = match_.range.begin; begin < match_.range.end;) {
             const uint32_t end = begin + std::min(select_slab_values, match_.range.end - begin);
             if (select_next_bit(match_.bits.data(), match_.range.begin, begin, end) != end) {
@@ -119,6 +122,7 @@ class columns_pass {
         for (size_t i = next; i < column->more.size() && column->more[i].first == id; i++) {
             out->push_back(column->more[i].second);
         }
+        ST_ASSERT(out->size() > 1);
     }
 
     int pass(uint32_t begin, uint32_t end, warm_rc_t* rc) {

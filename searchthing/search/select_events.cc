@@ -1,6 +1,8 @@
 // Selections over slices of events: term by term where one field is asked for at a time, else through ordinals.
 #include <array>
+#include <numeric>
 
+#include "libzero/assertions.h"
 #include "searchthing/search/select_columns.h"
 #include "searchthing/search/select_internal.h"
 #include "searchthing/search/select_match.h"
@@ -25,6 +27,7 @@ int find_stretches(const selection_t& selection, const select_match_t& match, st
 // Adds a group's events, by stretch, to its rows.
 int add_counts(const selection_t& selection, std::span<const select_stretch_t> stretches, uint32_t group,
                const std::vector<uint64_t>& counts, warm_rc_t* rc) {
+    ST_ASSERT(counts.size() == stretches.size());
     for (size_t i = 0; i < counts.size(); i++) {
         uint32_t row = 0;
         if (counts[i] == 0) continue;
@@ -101,6 +104,7 @@ int select_ungrouped(const selection_t& selection, const select_match_t& match,
     uint32_t group = 0;
     ST_TRY(select_group(table, "", &group, rc));
     const std::vector<uint64_t> all = count_stretches(match.bits.data(), match.range.begin, stretches);
+    ST_ASSERT(std::accumulate(all.begin(), all.end(), uint64_t{0}) == match.count);
     ST_TRY(add_counts(selection, stretches, group, all, rc));
     field_counts fields(selection, match, stretches);
     for (size_t p = 0; p < selection.spec->projections.size(); p++) {

@@ -94,6 +94,7 @@ int select_match_open(const selection_t& selection, select_match_t* match, warm_
         match->ids.reserve(match->count);
         select_each_bit(match->bits.data(), match->range.begin, match->range.begin, match->range.end,
                         [&](uint32_t id) { match->ids.push_back(id); });
+        ST_ASSERT(match->ids.size() == match->count);
     }
     return read_times(selection, match, rc);
 }

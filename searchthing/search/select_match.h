@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "libzero/assertions.h"
 #include "libzero/resource.h"
 #include "searchthing/postings/plist.h"
 #include "searchthing/postings/range_bitmap.h"
@@ -93,6 +94,7 @@ class select_lists {
 
 template <typename Fn>
 int select_lists::each(uint32_t term, uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc) {
+    ST_ASSERT(match_.range.begin <= begin && end <= match_.range.end);
     ST_TRY(position(term, rc));
     if (is_probed(list_count)) {
         selection_.report->lists_probed++;

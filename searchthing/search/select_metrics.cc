@@ -7,6 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "libzero/assertions.h"
 #include "searchthing/columns/cset.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/lexicon/fclex.h"
@@ -18,7 +19,7 @@ namespace veldar {
 
 namespace {
 
-constexpr uint32_t DECODED = 512;  // a block of a column set
+constexpr uint32_t DECODED = CSET_BLOCK_ELEMENTS;
 constexpr uint32_t NEEDS_ELEMENTS = SELECT_SUMSQ | SELECT_DC | SELECT_VALUES | SELECT_QUANTILES;
 constexpr std::string_view METRIC_NAME = "metric_name";
 
@@ -104,6 +105,8 @@ class metrics_pass {
             if (run.first < run.end) runs->push_back(run);
         }
         std::reverse(runs->begin(), runs->end());
+        ST_ASSERT(std::is_sorted(runs->begin(), runs->end(),
+                                 [](const set_run_t& a, const set_run_t& b) { return a.set < b.set; }));
         return 0;
     }
 
@@ -200,6 +203,7 @@ class metrics_pass {
             ST_TRY(select_stretch(selection_, at, run.end, stretch->end - stretch->begin, stretch, rc));
         }
         stretches_.resize(count);
+        ST_ASSERT(stretches_.front().begin == run.first && stretches_.back().end == run.end);
         return 0;
     }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "libzero/assertions.h"
 #include "searchthing/lexicon/fclex_cursor.h"
 #include "searchthing/search/select_internal.h"
 #include "searchthing/slice/warmslice_runs.h"
@@ -73,6 +74,7 @@ int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, u
             low = middle + 1;
         }
     }
+    ST_ASSERT(begin < low && low == high && low <= end);
     out->end = low;
     return 0;
 }

@@ -2,12 +2,16 @@
 
 #include <algorithm>
 
+#include "libzero/assertions.h"
+#include "searchthing/lexicon/term_choice.h"
+
 namespace veldar {
 
 namespace {
 
 constexpr int64_t SECOND = 1000000000;
 constexpr size_t MAX_FIELD = 2045;  // what a term has room for beside "::"
+static_assert(MAX_FIELD + 2 == ST_MAX_TERM_LENGTH);
 
 int64_t floor_divided(int64_t a, int64_t b) {
     return a / b - (a % b < 0 ? 1 : 0);
@@ -39,7 +43,11 @@ int select_bins_open(select_bins_t* bins, const st_query_spec& query, const sele
 }
 
 int64_t select_bin_of(const select_bins_t& bins, int64_t time) {
-    if (bins.span != 0) return floor_divided(time - bins.offset, bins.span) * bins.span + bins.offset;
+    if (bins.span != 0) {
+        const int64_t start = floor_divided(time - bins.offset, bins.span) * bins.span + bins.offset;
+        ST_ASSERT(start <= time && time - start < bins.span);
+        return start;
+    }
     if (bins.starts.empty()) return SELECT_NO_BIN;
     const auto behind = std::upper_bound(bins.starts.begin(), bins.starts.end(), time);
     return behind == bins.starts.begin() ? *behind : *std::prev(behind);
@@ -55,6 +63,7 @@ int select_bins_check(const select_bins_t& bins, int64_t earliest, int64_t lates
     if (bins.span == 0 || earliest > latest) return 0;
     const int64_t behind =
         floor_divided(latest - bins.offset, bins.span) - floor_divided(earliest - bins.offset, bins.span);
+    ST_ASSERT(behind >= 0);
     if (static_cast<uint64_t>(behind) < SELECT_MAX_BINS) return 0;
     return _set_rc_msg(rc, WARM_RC_TIME_BINS_LIMIT, "alloc time bins hard limit exceeded");
 }

@@ -58,6 +58,7 @@ int select_row(select_table_t* table, int64_t bin, uint32_t group, uint32_t* row
         table->row_numbers.try_emplace({bin, group}, static_cast<uint32_t>(table->rows.size()));
     *row = place->second;
     if (!is_new) return 0;
+    ST_ASSERT(group < table->group_texts.size());
     const size_t width = table->aggregates.size();
     if ((table->rows.size() + 1) * std::max<size_t>(width, 1) > SELECT_MAX_CELLS) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "select cells");
@@ -88,6 +89,7 @@ int select_table_merge(select_table_t* into, const select_table_t& other, warm_r
 }
 
 void select_table_finish(select_table_t* table) {
+    ST_ASSERT(table->group_numbers.size() == table->group_texts.size());
     // Texts have no NUL, so the one behind each of them makes the whole compare as the fields do, one after the other.
     std::sort(table->group_texts.begin(), table->group_texts.end(),
               [](const std::string* a, const std::string* b) { return *a < *b; });
@@ -112,6 +114,7 @@ void select_table_finish(select_table_t* table) {
         rows.push_back(table->rows[from]);
         for (select_cell_t& cell : select_cells(table, from)) cells.push_back(std::move(cell));
     }
+    ST_ASSERT(cells.size() == table->cells.size() && cells.size() == rows.size() * table->aggregates.size());
     for (select_cell_t& cell : cells) select_cell_settle(&cell);
     table->rows = std::move(rows);
     table->cells = std::move(cells);

@@ -42,6 +42,7 @@ int next_window(event_walk_t* walk) {
     ST_ASSERT(range.end <= walk->windows_end);
     range.begin = range.end;
     range.end += static_cast<uint32_t>(std::min<uint64_t>(walk->windows_end - range.begin, walk->window));
+    ST_ASSERT(range.begin < range.end || walk->report.windows == 0);
     const uint64_t lists_before = walk->context.lists_read;
     ST_TRY(evaluate_query(&walk->context, *walk->query, walk->is_exact, &walk->result));
     walk->report.windows++;
@@ -160,6 +161,7 @@ int event_walk_next(event_walk_t* walk, st_tsval* events, uint32_t capacity, war
         status = event_walk_begin(walk);
         const bool unordered = is_unordered(walk->context.handle);
         if (status == 0) status = (unordered ? next_unordered : next_ordered)(walk, events, capacity, &held);
+        ST_ASSERT(held <= capacity && (status != 0 || held == capacity || walk->is_over || unordered));
     } catch (const std::bad_alloc&) {
         status = _set_rc(&walk->context.rc, WARM_RC_NO_MEMORY);
     }

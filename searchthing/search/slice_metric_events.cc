@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::string_view METRIC_NAME = METRIC_NAME_TERM.substr(1);
 constexpr uint64_t MAX_MEASURES_HELD = uint64_t{4} << 20;
-constexpr uint32_t LONGEST_PIECE = 512;  // a block of a column set
+constexpr uint32_t LONGEST_PIECE = CSET_BLOCK_ELEMENTS;
 constexpr uint32_t SHORTEST_PIECE = 4;
 
 // The texts of the terms that the sets of a walk name, by id, without their leading blank.
@@ -146,6 +146,7 @@ class metric_walk {
             const run_stretch_t& stretch = *it;
             ST_ASSERT(stretch.next < stretch.end);
             const uint32_t id = warm_slice_run_dimset(warm_, stretch.run);
+            ST_ASSERT(sets_.empty() || sets_.back().id < id);
             ST_TRY(ds_reader_read(dimsets, id, set, DS_MAX_DIMSET_SIZE_WORDS, rc));
             const std::span<const uint32_t> columns = ds_dimset_opt_cols(set);
             if (columns.empty()) return _set_rc_verbose(rc, WARM_RC_CORRUPT, id, "a dimension set without a measure");
@@ -185,6 +186,7 @@ class metric_walk {
             set.first_value = at;
             at += set.piece * set.measures;
         }
+        ST_ASSERT(at == values_.size());
         return 0;
     }
 
@@ -192,6 +194,7 @@ class metric_walk {
     int read_piece(walked_set* set, uint32_t value, warm_rc_t* rc) {
         uint8_t present[LONGEST_PIECE];
         const uint32_t count = std::min(set->piece, set->end - value);
+        ST_ASSERT(value < set->end && count <= LONGEST_PIECE);
         for (size_t i = 0; i < set->measures; i++) {
             cset_reader_t* const column = columns_.at(column_places_[set->first_measure + i]);
             double* const row = values_.data() + set->first_value + i * set->piece;

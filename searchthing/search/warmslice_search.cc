@@ -83,7 +83,8 @@ int widen_to_values(const WARM* warm, bitmap_and_bounds_t* found, warm_rc_t* rc)
     ST_ASSERT(found->begin == 0 && found->end <= st_warm_slice_values(warm));
     found->end = st_warm_slice_values(warm);
     if (!wide.alloc(_calc_bitmap_size(0, found->end))) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "failed alloc bitmap");
-    std::memcpy(wide.data(), found->bm.data(), std::min(wide.size(), found->bm.size()));
+    ST_ASSERT(found->bm.size() <= wide.size());
+    std::memcpy(wide.data(), found->bm.data(), found->bm.size());
     found->bm = std::move(wide);
     return 0;
 }
