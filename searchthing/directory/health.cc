@@ -51,7 +51,7 @@ int health_add_range(health_stat* stat, st_time_t earliest, st_time_t latest) {
 
 void health_histogram(const health_stat* hs, uint32_t* histogram, uint32_t hist_size) {
     std::fill_n(histogram, hist_size, 0u);
-    ST_ASSERT(hs->most_latest >= hs->most_earliest);
+    ST_ASSERT(hist_size > 0 && hs->most_latest >= hs->most_earliest);
     const uint32_t seconds = std::max(seconds_between(hs->most_earliest, hs->most_latest) + 1, 1u);
     const uint32_t width = seconds / hist_size + (seconds % hist_size != 0 ? 1 : 0);
     for (uint32_t i = 0; i < std::min(hs->count, HEALTH_MAX_RANGES); i++) {
@@ -85,6 +85,7 @@ int tsidx_health_histogram(TSIDX* tsidx, health_stat* stat, uint32_t* histogram)
     if (stat->most_latest >= stat->most_earliest) health_histogram(stat, histogram, HEALTH_BUCKETS);
     const uint32_t rating = health_histogram_rating(stat, histogram, HEALTH_BUCKETS);
     const uint32_t share = stat->count < MANY_SLICES ? 0 : (1000 - 10000 / stat->count) >> 1;
+    ST_ASSERT(rating <= 1000 && share <= 500);
     return static_cast<int>(rating + share);
 }
 

@@ -39,6 +39,7 @@ uint32_t health_histogram_rating(const health_stat* stat, const uint32_t* histog
 [[nodiscard]] int st_tsidx_health(TSIDX* tsidx);
 // The same with the histogram, for drawing; it has 128 buckets, all 0 when no range is the right way round.
 inline constexpr uint32_t HEALTH_BUCKETS = 128;
+static_assert(uint64_t{HEALTH_MAX_RANGES} * HEALTH_BUCKETS * 1000 <= UINT32_MAX, "the rating's numbers have 32 bits");
 [[nodiscard]] int tsidx_health_histogram(TSIDX* tsidx, health_stat* stat, uint32_t* histogram);
 
 }  // namespace veldar

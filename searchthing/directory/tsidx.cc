@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -113,6 +114,7 @@ void tsidx_load_params(TSIDX* tsidx) {
             _log(0, "WARN  a parameter file with limits out of range was ignored. path=%s\n", tsidx->path.c_str());
         }
     }
+    ST_ASSERT(std::has_single_bit(tsidx->limits.max_terms));
     tsidx->loaded_limits = tsidx->limits;
     tsidx->is_used = false;
 }

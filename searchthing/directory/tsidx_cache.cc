@@ -69,6 +69,7 @@ void tsidx_cache::keep_only(const tsidx_listing_t& listing) {
     std::unordered_set<std::string_view> listed;
     for (const tsidx_slice_name_t& slice : listing) listed.insert(slice.name);
     for (auto it = unused_.begin(); it != unused_.end();) it = listed.contains(it->name) ? std::next(it) : close(it);
+    ST_ASSERT(by_name_.size() == in_use_.size() + unused_.size());
 }
 
 void tsidx_cache::close_unused() {

@@ -59,6 +59,7 @@ struct st_tsidx {
 
     tsidx_cache cache;  // of slices open for reading
     int lock_seconds = 10;
+    bool is_locked = false;  // a tsidx_lock of this handle holds the directory
 
     st_merge_mapper_t merge_mapper = nullptr;
     void* merge_mapper_context = nullptr;

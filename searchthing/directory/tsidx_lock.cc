@@ -14,6 +14,7 @@
 #include <string_view>
 #include <utility>
 
+#include "libzero/assertions.h"
 #include "libzero/filemutex.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/log.h"
@@ -120,14 +121,19 @@ bool tsidx_lock::take(int seconds) {
 }
 
 int tsidx_lock::acquire(TSIDX* tsidx, int seconds) {
+    ST_ASSERT(!locked_);
     char canonical[PATH_MAX];
+    tsidx_ = tsidx;
     shown_ = tsidx->path;
     errno = 0;
     if (::realpath(tsidx->path.c_str(), canonical) != nullptr) {
         path_ = canonical;
         locked_ = take(seconds);
     }
-    if (locked_) return 0;
+    if (locked_) {
+        tsidx->is_locked = true;
+        return 0;
+    }
     const int error = errno;
     directory_.reset();
     _log(0, "WARN  Locking tsidx path=\"%s\" failed.\n", tsidx->path.c_str());
@@ -138,7 +144,8 @@ int tsidx_lock::acquire(TSIDX* tsidx, int seconds) {
 
 void tsidx_lock::release() {
     if (!locked_) return;
-    locked_ = false;
+    ST_ASSERT(tsidx_->is_locked && directory_.valid());
+    tsidx_->is_locked = locked_ = false;
     int result = FILEMUTEX_HELD;
     for (int i = 0; i < UNLOCK_TRIES && result == FILEMUTEX_HELD; i++) result = filemutex_unlock(path_.c_str());
     if (result != FILEMUTEX_OK) _log(0, "WARN  Unlocking tsidx path=\"%s\" failed.\n", shown_.c_str());

@@ -27,6 +27,7 @@ class tsidx_lock {
   private:
     bool take(int seconds);
 
+    TSIDX* tsidx_ = nullptr;
     std::string shown_;  // the path as the directory was opened, for the log
     std::string path_;   // canonical
     bool locked_ = false;

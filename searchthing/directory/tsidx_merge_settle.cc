@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/merge_manifest.h"
@@ -79,6 +80,7 @@ int remove_source(const TSIDX* tsidx, const std::string& path, warm_rc_t* unremo
 
 // Steps M4 and M5. A step is flushed before the next one, so that not even the death of the system brings sources back.
 int finish(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* unremoved, warm_rc_t* rc) {
+    ST_ASSERT(file.whole && tsidx->is_locked);
     const char* const directory = tsidx->path.c_str();
     ST_TRY(tsidx_flush(tsidx, directory, O_DIRECTORY, rc));
     for (const std::string& source : file.manifest.sources) {
@@ -90,6 +92,7 @@ int finish(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* unremoved, 
 }
 
 int undo(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* rc) {
+    ST_ASSERT(file.whole && tsidx->is_locked);
     ST_TRY(remove_file(tsidx->path + "/" + file.manifest.temp, rc));
     return remove_file(file.path, rc);
 }
@@ -141,6 +144,7 @@ int tsidx_lock_file(int fd) {
 }
 
 int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved) {
+    ST_ASSERT(tsidx->is_locked);
     warm_rc_t ignored;
     // In this order a manifest that its owner renames meanwhile is not missed.
     const int of_tmp = settle_tmp(tsidx, rc);

@@ -20,6 +20,8 @@ namespace veldar {
 namespace {
 
 constexpr std::string_view PREFIX = "VELDAR AUTO-GENERATED FILE. DO NOT MODIFY.|";
+static_assert(PREFIX.size() + 8 * sizeof "18446744073709551615" <= TSIDX_PARAMS_MAX_BYTES,
+              "eight numbers and their bars");
 
 // Digits up to a "|" or, for the last number, the end of the text. Takes what it reads off the text.
 bool take_number(std::string_view* text, bool last, uint64_t* out) {

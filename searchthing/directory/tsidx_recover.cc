@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/log.h"
 #include "searchthing/directory/merge_manifest.h"
@@ -78,6 +79,7 @@ bool id_may_live(std::string_view text) {
 
 // The process number in front of a suffix: of "a.12.suffix" it is "12".
 std::string_view number_before(std::string_view name, std::string_view suffix) {
+    ST_ASSERT(name.ends_with(suffix));
     name.remove_suffix(suffix.size());
     return name.substr(name.rfind('.') + 1);
 }

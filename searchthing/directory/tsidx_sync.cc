@@ -145,6 +145,7 @@ int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
     const char* final_suffix = TSIDX_SUFFIX;
     if (part_mode != 0) {
         if (tsidx->parts_written > MAX_PART_NUMBER) return TSIDX_PARTS_EXHAUSTED;
+        static_assert(sizeof part_suffix > sizeof ".63.4294967295" + sizeof TSIDX_PART_SUFFIX && MAX_PART_NUMBER < 100);
         std::snprintf(part_suffix, sizeof part_suffix, ".%u.%u%s", tsidx->parts_written++, tsidx_writer_tag(tsidx),
                       TSIDX_PART_SUFFIX);
         suffix = TSIDX_PRE_SUFFIX;
@@ -154,6 +155,7 @@ int _st_tsidx_sync(TSIDX* tsidx, const char* suffix, int part_mode) {
     tsidx->unmoved.val[0] = '\0';
     const int written = write_slice(tsidx, suffix, final_suffix);
     st_hot_slice_reset(tsidx->hot);
+    ST_ASSERT(st_hot_slice_values(tsidx->hot) == 0 && (written != 0 || tsidx->unmoved.val[0] == '\0'));
     const uint64_t txns = std::exchange(tsidx->txns_in_hot, 0);
     tsidx->last_sync_failed = written != 0;
     if (written == 0) {

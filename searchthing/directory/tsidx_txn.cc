@@ -33,6 +33,7 @@ int lose_keyword(TSIDX* tsidx, int code) {
 
 // An entry of a companion array is never wider than 31 bits.
 bool fits_companions(const st_txn& txn) {
+    static_assert(MAX_COMPANION_NBITS == 31 && ST_DELETED_SOURCE >> MAX_COMPANION_NBITS != 0);
     const auto fits = [](uint32_t value) { return value < uint32_t{1} << 31; };
     return (fits(txn.source) || txn.source == ST_DELETED_SOURCE) && fits(txn.source_type) && fits(txn.host);
 }
@@ -63,6 +64,7 @@ void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t lengt
 // has one value.
 int check_metric_event(TSIDX* tsidx) {
     const hot_keyword_t* fields[HOT_DIM_COLUMN + 1] = {};
+    static_assert(std::max({HOT_DIM_HOST, HOT_DIM_SOURCE, HOT_DIM_SOURCE_TYPE, HOT_DIM_OPTIONAL}) < HOT_DIM_COLUMN);
     for (const hot_keyword_t& keyword : tsidx->txn.keywords) {
         const std::string_view text(keyword.text, keyword.length);
         const hot_dimension_t dimension = hot_slice_classify(text);
@@ -223,6 +225,7 @@ int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* given) {
     } else {
         hot_slice_put_all(tsidx->hot, &txn, tsidx->txn.keywords);
     }
+    ST_ASSERT(st_hot_slice_values(tsidx->hot) > 0 && !tsidx->txn.open);
     tsidx->txns_in_hot++;
     return 0;
 }

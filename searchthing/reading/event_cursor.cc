@@ -3,6 +3,7 @@
 #include <new>
 #include <tuple>
 
+#include "libzero/assertions.h"
 #include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/search/slice_events.h"
@@ -87,6 +88,7 @@ cursor_entry pop(event_cursor_t* cursor) {
 
 // The slices in which there may be events behind the position.
 void start_list(event_cursor_t* cursor) {
+    ST_ASSERT(cursor->heap.empty() && cursor->readers.empty());
     const event_position_t& resumed = cursor->resumed = cursor->position;
     cursor->metrics_left = cursor->position.metrics;
     for (size_t i = 0; i < cursor->snapshot.size(); i++) {
@@ -104,6 +106,7 @@ int load(event_cursor_t* cursor, slice_reader* reader, warm_rc_t* rc) {
     warm_rc_t failure;
     const auto size = static_cast<uint32_t>(reader->batch.size());
     const int found = event_walk_next(reader->walk.get(), reader->batch.data(), size, &failure);
+    ST_ASSERT(found <= static_cast<int>(size));
     if (found < 0) ST_TRY(cursor->snapshot.fail(reader->number, failure, rc));
     reader->count = static_cast<uint32_t>(std::max(found, 0));
     if (reader->count == size) return 0;
@@ -211,6 +214,7 @@ bool is_given(event_cursor_t* cursor, const event_t& event) {
 
 // Gives the reader's events as long as they come before those of all others.
 int drain(event_cursor_t* cursor, slice_reader* reader, std::span<event_t> events, size_t* count, warm_rc_t* rc) {
+    ST_ASSERT(reader->at < reader->count && *count < events.size());
     do {
         event_t& event = events[*count];
         event = {reader->head(), reader->source, reader->query, reader->is_metric};
@@ -279,7 +283,11 @@ int event_cursor_next(event_cursor_t* cursor, std::span<event_t> events, warm_rc
     } catch (const std::bad_alloc&) {
         status = _set_rc(rc, WARM_RC_NO_MEMORY);
     }
-    if (status == 0) return static_cast<int>(count);
+    if (status == 0) {
+        ST_ASSERT(count <= events.size() &&
+                  (count >= std::min<size_t>(events.size(), INT_MAX) || cursor->heap.empty()));
+        return static_cast<int>(count);
+    }
     cursor->heap.clear();
     return status;
 }

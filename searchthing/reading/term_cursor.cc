@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "libzero/assertions.h"
 #include "searchthing/reading/cursors.h"
 #include "searchthing/reading/tsidx_snapshot.h"
 #include "searchthing/slice/warmslice_terms.h"
@@ -103,6 +104,7 @@ int term_cursor_next(term_cursor_t* cursor, std::string_view* term, warm_rc_t* r
             cursor->current.push_back(heap.back());
             heap.pop_back();
         } while (!heap.empty() && heap.front()->terms.text() == *term);
+        ST_ASSERT(cursor->current.size() + heap.size() <= cursor->slices.size());
         return 0;
     } catch (const std::bad_alloc&) {
         return _set_rc(rc, WARM_RC_NO_MEMORY);

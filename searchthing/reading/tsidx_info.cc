@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -25,6 +26,7 @@ int describe(const tsidx_snapshot& snapshot, size_t i, tsidx_info_t* info, warm_
     const WARM* const warm = snapshot.warm(i);
     const tsidx_slice_name_t& slice = snapshot.slice(i);
     *info = {};
+    static_assert(sizeof info->name > NAME_MAX && sizeof info->format == sizeof warm->body->magic);
     std::snprintf(info->name, sizeof info->name, "%s", slice.name.c_str());
     std::memcpy(info->format, warm->body->magic, sizeof info->format - 1);
     info->earliest = slice.meta.earliest;

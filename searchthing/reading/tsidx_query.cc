@@ -42,6 +42,7 @@ int newest_events(TSIDX* tsidx, event_cursor_options_t options, const st_query_s
     } catch (const std::bad_alloc&) {
         return tsidx_fail_no_memory(tsidx);
     }
+    ST_ASSERT(held <= capacity);
     if (found >= 0) return static_cast<int>(held);
     return found == TSIDX_SYNC_FAILED ? found : _cpy_rc(&tsidx->last_failure, &rc);
 }
@@ -79,6 +80,7 @@ int tsidx_parse_query(TSIDX* tsidx, const st_query_spec* query, parsed_query_t* 
 
 int tsidx_first_not_later(WARM* warm, uint32_t low, st_time_t time, uint32_t* first, warm_rc_t* rc) {
     uint32_t high = st_warm_slice_values(warm);
+    ST_ASSERT(low <= high);
     while (low < high) {
         const uint32_t middle = low + (high - low) / 2;
         st_time_t seconds = 0;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <new>
 
+#include "libzero/assertions.h"
 #include "searchthing/base/log.h"
 #include "searchthing/reading/tsidx_query_walk.h"
 #include "searchthing/search/select_slice.h"
@@ -154,6 +155,7 @@ int st_tsidx_select_handle_read(st_select_handle* handle, select_row_t* row) {
         }
     }
     if (handle->rc.warm_rc != 0) return handle->rc.warm_rc;
+    ST_ASSERT(handle->is_read && handle->next <= handle->table.rows.size());
     if (handle->next == handle->table.rows.size()) return 0;
     *row = select_table_row(handle->table, handle->next++);
     return 1;

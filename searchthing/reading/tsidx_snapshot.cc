@@ -61,12 +61,13 @@ int tsidx_snapshot::take(warm_rc_t* rc) {
             ST_TRY(add_directory(source, rc));
         }
     }
-    // The slices of a directory keep their order.
-    if (sources_.size() == 1) return 0;
-    std::stable_sort(slices_.begin(), slices_.end(), [](const entry& a, const entry& b) {
+    const auto before = [](const entry& a, const entry& b) {
         const st_time_t latest_a = a.name.meta.latest, latest_b = b.name.meta.latest;
         return latest_a != latest_b ? latest_a > latest_b : a.source > b.source;
-    });
+    };
+    // The slices of a directory keep their order.
+    if (sources_.size() > 1) std::stable_sort(slices_.begin(), slices_.end(), before);
+    ST_ASSERT(std::is_sorted(slices_.begin(), slices_.end(), before));
     return 0;
 }
 
@@ -169,6 +170,7 @@ int tsidx_begin_read(TSIDX* tsidx) {
 
 void tsidx_pause(int tries) {
     constexpr useconds_t FIRST = 1000, LONGEST = 100000;
+    ST_ASSERT(tries >= 0 && tries < TSIDX_MAX_SNAPSHOTS);
     ::usleep(std::min(FIRST << tries, LONGEST));
 }
 

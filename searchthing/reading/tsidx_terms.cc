@@ -71,6 +71,7 @@ int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uin
             const int count = warm_slice_enum(warm, prefix, added, wanted, case_flag, why);
             if (count < 0) return count;
             const uint32_t both = held + static_cast<uint32_t>(count);
+            ST_ASSERT(both <= pool.size() && both <= INT_MAX);
             st_enum_answer_qsort(pool.data(), both);
             held = std::min(capacity, static_cast<uint32_t>(st_enum_gather(pool.data(), static_cast<int>(both))));
             return 0;

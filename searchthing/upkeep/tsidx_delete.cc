@@ -170,6 +170,7 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
 }  // namespace
 
 void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path) {
+    ST_ASSERT(tsidx->is_locked);
     const std::string sentinel = path + TSIDX_SENTINEL_SUFFIX;
     if (ospath_mark(sentinel.c_str()) != 0 || tsidx_unlink_slice(tsidx, path) != 0 || ::unlink(sentinel.c_str()) != 0) {
         _log(0, "WARN  a slice without events was not removed. errno=%i, path=%s\n", errno, path.c_str());

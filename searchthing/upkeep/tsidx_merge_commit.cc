@@ -59,6 +59,7 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
     tsidx_lock lock;
     if (lock.acquire(tsidx_, tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
     ST_TRY(tsidx_settle_merge(tsidx_, rc));
+    ST_ASSERT(tsidx_->is_locked);
     fd_.reset(os_retry([&] { return ::open(tmp_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600); }));
     if (!fd_.valid() && errno == EEXIST) {
         return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "tmp manifest file already exists");
@@ -71,7 +72,7 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
 
 int tsidx_merge_commit::declare(const std::string& target, const std::string& temp, std::vector<std::string> sources,
                                 warm_rc_t* rc) {
-    ST_ASSERT(state_ == TMP);
+    ST_ASSERT(state_ == TMP && temp_path_.empty() && !sources.empty() && sources.size() <= MERGE_MAX_SOURCES);
     manifest_.target = target;
     manifest_.temp = temp;
     manifest_.sources = std::move(sources);
@@ -92,6 +93,7 @@ int tsidx_merge_commit::publish(warm_rc_t* rc) {
 }
 
 int tsidx_merge_commit::put_in_effect(warm_merge_t* merge, warm_rc_t* rc) {
+    ST_ASSERT(state_ == RENAMED && tsidx_->is_locked);
     const std::string target = tsidx_->path + "/" + manifest_.target;
     ST_TRY(st_warm_slice_merge_carry_deletes(merge, temp_path_.c_str(), rc));
     if (ospath_link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
