@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,11 +10,6 @@
 namespace veldar {
 
 namespace {
-
-struct matcher_deleter {
-    void operator()(OpaqueMatcher_T* matcher) const { freeOpaqueMatcher(matcher); }
-};
-using matcher_ptr = std::unique_ptr<OpaqueMatcher_T, matcher_deleter>;
 
 matcher_ptr compile(const std::string& needle) {
     return matcher_ptr(createMatcher(needle.c_str()));
