@@ -562,6 +562,42 @@ TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
     }
 }
 
+TEST_F(Load, ALogMayTakeAnotherFormInItsMiddle) {
+    const auto put = [](std::string* text, int count, const char* format) {
+        for (int i = 0; i < count; i++) {
+            char line[100];
+            std::snprintf(line, sizeof line, format, i % 60, i);
+            *text += line;
+        }
+    };
+    // By lines without a time of the file's, by other lines with times, and back again.
+    std::string text;
+    put(&text, 40, "05/13/2024 10:00:%02d a=%d\n");
+    put(&text, 60, "[2.05.2024-11:00:%02d] b=%d\n  more\n");
+    put(&text, 50, "2024-05-14T12:00:%02dZ web1 cron[1]: c=%d\n");
+    put(&text, 30, "192.0.2.1 - - [15/May/2024:13:00:%02d +0000] \"GET /%d HTTP/1.1\" 200 5\n");
+    write_file(file("a.log"), text.substr(0, text.rfind("c=30") + 5));
+    load_all({file("a.log"), "--flush"});
+    write_file(file("a.log"), text);
+    load_all({file("a.log"), "--flush"});
+    load_all({file("a.log"), "--flush"});
+    const auto count = [this](const lines& asked) {
+        return run_tool("veldar/veldar", lines{"-s", store(), "count"} + asked).out;
+    };
+    EXPECT_EQ(count({"*"}), "180\n");
+    EXPECT_EQ(count({"a=*", "--since", "2024-05-13T10:00", "--until", "2024-05-13T10:01"}), "40\n");
+    EXPECT_EQ(count({"b=*", "--since", "2024-05-02T11:00", "--until", "2024-05-02T11:01"}), "60\n");
+    EXPECT_EQ(count({"c=* program=cron host=web1", "--since", "2024-05-14T12:00", "--until", "2024-05-14T12:01"}),
+              "42\n")
+        << "the first eight tell that lines are odd";
+    EXPECT_EQ(count({"c=*"}), "50\n");
+    EXPECT_EQ(count({"status=200", "--since", "2024-05-15T13:00"}), "22\n");
+    EXPECT_EQ(count({"\"] b=7\n  more\""}), "1\n");
+    std::string all;
+    for (const std::string& record : records()) all += record + "\n";
+    EXPECT_EQ(all.size(), text.size()) << "each byte in one record";
+}
+
 TEST_F(Load, FormatsOfTheUsersOwn) {
     const std::string formats = file("formats");
     write_file(file("pay.log"),

@@ -69,7 +69,7 @@ void add_dash_field(parsed_line* out, std::string_view name, std::string_view va
 }
 
 std::string_view begin_parse(std::string_view line, parsed_line* out) {
-    out->has_time = false;
+    out->has_time = out->elsewhere = false;
     out->fields.clear();
     out->host = {};
     out->no_event = false;
@@ -117,7 +117,7 @@ bool parse_log_line(const line_format& format, std::string_view line, format_con
     }
     const bool asked = formed && (format.is_json || format.parse == parse_text);
     if (!out->has_time && !asked && !out->no_event) add_placed_time(line, context, out);
-    return formed;
+    return formed && !out->elsewhere;
 }
 
 void parse_continued_line(std::string_view line, parsed_line* out) {

@@ -34,6 +34,7 @@ struct json_scratch_delete {
 // left out); a name may occur more than once.
 struct parsed_line {
     bool has_time = false;
+    bool elsewhere = false;  // the time is not at the place of the file's, but can mean one only
     st_timeval_t time;
     std::vector<field_view> fields;
     std::string_view host;   // the machine that the line names as its own; empty: none
@@ -98,7 +99,8 @@ struct line_format {
     const user_format* user = nullptr;  // it is from a file of formats, and `parse` that of text
 };
 
-// Parses a line and finds the time of one that the format finds none in, as in a file of mixed formats.
+// Parses a line and finds the time of one that the format finds none in, as in a file of mixed formats. True when the
+// line has the format's form, and its time, if any, where that of the file is.
 bool parse_log_line(const line_format& format, std::string_view line, format_context* context, parsed_line* out);
 // The `key=value` pairs of a line that continues a record.
 void parse_continued_line(std::string_view line, parsed_line* out);

@@ -146,7 +146,9 @@ bool is_level(std::string_view word) {
 void add_placed_time(std::string_view text, format_context* context, parsed_line* out) {
     shape_time time;
     std::string_view where;
-    if (!time_place_take_any(context->times, text, &time, &where)) return;
+    const bool placed = context->times.known() && time_place_take(context->times, text, &time, &where);
+    if (!placed && !time_place_take_any({}, text, &time, &where)) return;
+    out->elsewhere = !placed;
     set_shape_time(out, time, context);
     std::string_view before = text.substr(0, static_cast<size_t>(where.data() - text.data()));
     std::string_view behind = text.substr(before.size() + where.size());

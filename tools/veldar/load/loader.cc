@@ -31,6 +31,7 @@ constexpr uint64_t REPLAY = 64 << 10;  // bytes before the progress that are par
 constexpr uint64_t SHOW_EVERY = 1024;  // events
 constexpr uint64_t MERGE_EVERY = 4;    // slices
 constexpr uint64_t RECORDS_TELL = 10;
+constexpr int64_t ODD_RECORDS = 8, ODD_REST = 1000;
 constexpr uint64_t SETTLED_NS = 5'000'000'000;  // a file that has not changed for so long is not being written to
 
 // What is loaded from one file in one run.
@@ -38,7 +39,11 @@ struct file_load {
     log_input input;
     record_reader reader;
     source_file file;
-    uint32_t cut = 0;   // line of the file's rules
+    uint32_t cut = 0;  // line of the file's rules
+    int64_t odd = 0;   // records in a row that have not the format's form; below zero: so many are passed over
+    log_form form;     // what the log goes on with, once it takes another form
+    source_file next_file;
+    uint32_t next_cut = 0;
     uint64_t from = 0;  // where reading begins
     bool in_stretch = false;
     uint64_t events = 0;
@@ -175,16 +180,101 @@ void put_record(loader* load, file_load* one, uint64_t offset, std::string_view 
     if (pays) load->merges += merge_while_loading(bucket_of(load).directory);
 }
 
+// Tells what a reader of the times has to know.
+void note_times(loader* load, const file_load& one) {
+    const uint64_t own = one.events - one.dated_by_file - one.dated_by_line;
+    // A few lines behind those of another load say little of their file.
+    const bool told = one.from == 0 || one.events >= RECORDS_TELL || one.dated_by_file > 0;
+    load->hardly_dated += told && own * 2 < one.events;
+    load->zone_taken |= load->event.context.zone_taken;
+    const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe, told};
+    for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
+        progress_clear(&load->shown);
+        say_trouble((one.input.pipe ? "standard input" : one.input.path) + ": " + note);
+    }
+}
+
+// A log whose lines take another form is, from there on, another file of the source map, so that each record is read
+// back in the form that it has. Notes that the bytes from `offset` on, which get this address, are of the new one.
+void note_form(loader* load, file_load* one, uint64_t address, uint64_t offset, const log_form& form) {
+    source_map* const map = &bucket_of(load).map;
+    store* const st = &load->st;
+    note_times(load, *one);
+    one->dated_by_file = one->dated_by_line = one->events = 0;
+    one->form = form;
+    one->next_file = one->file;
+    one->next_file.number = load->known.next_number++;
+    one->next_file.format = format_record(*form.format, form.context);
+    one->next_file.records.clear();
+    one->next_cut = record_cut_add(&one->next_file.records, form.cut);
+    const std::string& given = load->options->sourcetype;
+    one->next_file.sourcetype = store_number(&st->sourcetypes, given.empty() ? form.format->name : given);
+    source_map_put_file(map, one->next_file);
+    source_map_put_stretch(map, {address, one->next_file.number, offset, one->reader.limit, one->next_cut});
+}
+
+void take_form(loader* load, file_load* one) {
+    log_event_maker* const event = &load->event;
+    known_file* const known = known_files_put(&load->known, one->file);
+    known->progress = one->reader.offset;
+    known->record_indexed = false;
+    one->file = one->next_file;
+    one->cut = one->next_cut;
+    one->reader.cut = one->form.cut;
+    event->format = one->form.format;
+    event->context = one->form.context;
+    event->sourcetype = load->st.sourcetypes.names[one->file.sourcetype];
+    one->odd = 0;
+}
+
+// Whether the log goes on in another form behind `end`, where the last record began: after some lines that were none of
+// the format's.
+bool turns_here(loader* load, file_load* one, uint64_t end) {
+    record_reader* const reader = &one->reader;
+    if (one->input.pipe || !one->in_stretch || one->odd < ODD_RECORDS) return false;
+    one->odd = -ODD_REST;
+    record_reader_finish_record(reader);
+    log_form form;
+    if (!log_form_changed(*load->options, load->event, record_reader_peek(reader), &form)) return false;
+    note_form(load, one, load->address + (reader->offset - end), reader->offset, form);
+    return true;
+}
+
+// Whether it does inside this record, whose lines without a time are many: then the record ends before them.
+bool turns_inside(loader* load, file_load* one, uint64_t offset, std::string_view* text) {
+    record_reader* const reader = &one->reader;
+    if (one->input.pipe || reader->skipping || reader->cut.rule != record_rule::times) return false;
+    size_t at = text->find('\n');
+    while (at != std::string_view::npos && !begins_record(text->substr(at + 1, 2))) at = text->find('\n', at + 1);
+    log_form form;
+    if (at == std::string_view::npos) return false;
+    const std::string_view rest = text->substr(at + 1);
+    if (!log_form_changed(*load->options, load->event, rest, &form)) return false;
+    const char* const begin = reader->bytes.data() + reader->begin - (reader->offset - offset);
+    const uint64_t border = offset + static_cast<uint64_t>(rest.data() - begin);
+    open_stretch(load, one, offset);
+    note_form(load, one, load->address + (border - offset), border, form);
+    record_reader_back(reader, border);
+    *text = record_text(text->substr(0, at + 1));
+    return true;
+}
+
 // Puts every record up to the end of the input, or until the command is interrupted.
 void put_records(loader* load, file_load* one) {
     record_reader* const reader = &one->reader;
     uint64_t offset, end = reader->offset;
     std::string_view text;
-    for (uint64_t records = 0; tool_interrupted == 0 && record_reader_next(reader, &offset, &text); records++) {
+    for (uint64_t records = 0; tool_interrupted == 0; records++) {
+        if (turns_here(load, one, end)) take_form(load, one);
+        if (!record_reader_next(reader, &offset, &text)) break;
         if (one->in_stretch) load->address += offset - end;
         end = offset;
         if (text.empty() && reader->cut.rule == record_rule::objects) continue;
+        const bool turns = turns_inside(load, one, offset, &text);
         put_record(load, one, offset, text);
+        const bool odd = !load->event.formed || !load->event.first.has_time;
+        one->odd = odd || one->odd < 0 ? one->odd + 1 : 0;
+        if (turns) take_form(load, one);
         if (records % SHOW_EVERY == 0) load_show(load, one->input);
     }
     record_reader_finish_record(reader);
@@ -205,20 +295,6 @@ void load_points(const loader& load, file_load* one) {
     for (const store_bucket& bucket : load.st.buckets) {
         if (!bucket.map.files.contains(one->file.number) || !one->input.packed->points.empty()) continue;
         packed_load_points(one->input.packed.get(), bucket.directory + "/" + source_points_name(one->file.number));
-    }
-}
-
-// Tells what a reader of the times has to know.
-void note_times(loader* load, const file_load& one) {
-    const uint64_t own = one.events - one.dated_by_file - one.dated_by_line;
-    // A few lines behind those of another load say little of their file.
-    const bool told = one.from == 0 || one.events >= RECORDS_TELL || one.dated_by_file > 0;
-    load->hardly_dated += told && own * 2 < one.events;
-    load->zone_taken |= load->event.context.zone_taken;
-    const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe, told};
-    for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
-        progress_clear(&load->shown);
-        say_trouble((one.input.pipe ? "standard input" : one.input.path) + ": " + note);
     }
 }
 

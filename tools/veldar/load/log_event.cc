@@ -24,7 +24,7 @@ std::string_view take_line(std::string_view* text) {
 
 // The line is without colours.
 void parse_first(log_event_maker* maker, std::string_view line) {
-    parse_log_line(*maker->format, line, &maker->context, &maker->first);
+    maker->formed = parse_log_line(*maker->format, line, &maker->context, &maker->first);
     if (!maker->first.has_time) return;
     maker->time = maker->first.time;
     maker->has_time = true;

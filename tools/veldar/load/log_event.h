@@ -23,6 +23,7 @@ struct log_event_maker {
     bool has_time = false;
     bool from_file = false;  // it is not from a record, but from the file
 
+    bool formed = false;  // the last record's line has the format's form
     parsed_line first, continued;
     term_set terms;
     std::string plain, decoded;  // scratch

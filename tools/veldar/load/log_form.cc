@@ -14,6 +14,8 @@ namespace {
 
 constexpr size_t FORMAT_LINES = 100, TIME_LINES = 500;  // day and month may take many lines to show
 constexpr size_t EXAMPLE_BYTES = 120;
+constexpr size_t CHANGED_LINES = 64, CHANGED_LINES_LEAST = 16;  // what shows that a log goes on in another form
+constexpr size_t CHANGED_BYTES = 64 << 10;
 
 const line_format* text_format() {
     static const line_format* const text = format_by_name("text");
@@ -206,6 +208,34 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
     *error = "no line has the form of " + (options.time_format.empty() ? options.format : options.time_format) +
              "; the first is: " + example;
     return example.empty();
+}
+
+bool log_form_changed(const load_options& options, const log_event_maker& maker, std::string_view text, log_form* out) {
+    if (!options.format.empty() || !options.time_format.empty() || !options.time_field.empty()) return false;
+    std::string plain;
+    std::vector<std::string_view> lines = first_lines(text, CHANGED_LINES, &plain);
+    std::erase_if(lines, [](std::string_view line) { return !begins_record(line); });
+    if (lines.size() < CHANGED_LINES_LEAST) return false;
+    parsed_line parsed;
+    const auto count = [&](const line_format& format, format_context context) {
+        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](std::string_view line) {
+            return parse_log_line(format, line, &context, &parsed) && parsed.has_time;
+        }));
+    };
+    if (count(*maker.format, maker.context) * 10 > lines.size()) return false;
+    const format_context& before = maker.context;
+    format_context* const now = &out->context;
+    *now = format_context();
+    now->zone = before.zone;
+    now->modified_s = before.modified_s;
+    now->last_s = before.last_s;
+    if (before.last_s != NO_TIME_SEEN)
+        now->last_local_s = before.last_s + log_zone_at(now->zone, before.last_s).offset_s;
+    out->format = log_form_choose(options, text.substr(0, CHANGED_BYTES), {}, now);
+    const bool other = format_record(*out->format, *now) != format_record(*maker.format, before);
+    if (!other || count(*out->format, *now) * 10 < lines.size() * 9) return false;
+    out->cut = log_form_cut(*out->format, text.substr(0, CHANGED_BYTES), *now);
+    return true;
 }
 
 bool log_form_is_dated(const load_options& options, const log_zone& zone, std::string_view head, std::string* error) {

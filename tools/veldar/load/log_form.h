@@ -19,6 +19,16 @@ const line_format* log_form_choose(const load_options& options, std::string_view
 // Where a log of this form that begins with `head` is cut into records.
 record_cut log_form_cut(const line_format& format, std::string_view head, const format_context& context);
 
+// The form of lines further on in a log.
+struct log_form {
+    const line_format* format = nullptr;
+    format_context context;
+    record_cut cut;
+};
+// Whether a log goes on in another form: hardly one of the first lines of this text is as the maker's format and place
+// have it, nearly all are as those that are found in them. Never when options say the form.
+bool log_form_changed(const load_options& options, const log_event_maker& maker, std::string_view text, log_form* out);
+
 // False with a message when the options force a form that no line of the log's beginning has: all of it would be dated
 // wrongly, and what is loaded once is not loaded again.
 bool log_form_check(const load_options& options, const log_zone& zone, std::string_view head, std::string* error);

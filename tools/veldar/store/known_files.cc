@@ -202,7 +202,10 @@ known_file* known_files_identify(known_files* known, log_input* input, bool* cop
     };
     std::sort(numbers.begin(), numbers.end(), [&](uint32_t a, uint32_t b) {
         const bool a_same = same_inode(a), b_same = same_inode(b);
-        return a_same != b_same ? a_same : known->by_number[a].file.head_size > known->by_number[b].file.head_size;
+        if (a_same != b_same) return a_same;
+        const known_file &one = known->by_number[a], &other = known->by_number[b];
+        // A log that took another form is two files, and goes on where the later one ends.
+        return std::pair(one.file.head_size, one.progress) > std::pair(other.file.head_size, other.progress);
     });
     for (const uint32_t number : numbers) {
         known_file* const file = &known->by_number[number];

@@ -82,6 +82,11 @@ bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_vie
     return true;
 }
 
+void record_reader_back(record_reader* reader, uint64_t offset) {
+    reader->begin -= static_cast<size_t>(reader->offset - offset);
+    reader->offset = offset;
+}
+
 void record_reader_finish_record(record_reader* reader) {
     while (reader->skipping) {
         const size_t end = line_end(unread(reader), 0);

@@ -34,6 +34,8 @@ struct record_reader {
 // The next record: its offset and at most RECORD_MAX bytes of its content, valid until the next call. False at the end:
 // reader->offset then stands behind the last record.
 bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text);
+// Gives the bytes from this offset on back, which is inside the record given last; that one was not a long line.
+void record_reader_back(record_reader* reader, uint64_t offset);
 // Skips what is left of a long line, so that reader->offset is the end of the last record given.
 void record_reader_finish_record(record_reader* reader);
 // The bytes before reader->offset: at most RECORD_TAIL_MAX, and not before where the reader began.
