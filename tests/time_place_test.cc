@@ -74,6 +74,9 @@ struct printer {
         switch (kind) {
             case 'b':
                 return name;
+            case 'a':
+                std::strftime(name, sizeof name, thin ? "%A" : "%a", &tm);
+                return name;
             case 'q':
                 return fraction();
             case 'L':
@@ -200,6 +203,8 @@ TEST(TimePlace, ANumberIsATimeWhenItAgreesWithTheDateBesideItOrNoDateIsThere) {
     EXPECT_EQ(found({"x 1077804742", "words", "words"}), "") << "too few";
     EXPECT_EQ(found({"10:00:00,500 a", "10:00:01 b", "-- day is 2025-11-22 10:00:00", "[10:00:02] c", "10:00:03 d"}),
               "0 %T");
+    EXPECT_EQ(found({"20 novembre 2026 10:00:00 a", "2026-324 10:00:00 a", "20.11. 10:00:00"}), "");
+    EXPECT_EQ(found({"4711 10:00:00 open(x)", "12 10:00:01 close(x)"}), "1 %T");
     EXPECT_EQ(found({"2025-11-22 started", "2025-11-23 10:00 o'clock"}), "0 %Y-%m-%d%t%R");
     EXPECT_EQ(found({"2025-11-22 started", "2025-11-23 stopped"}), "0 %Y-%m-%d");
     EXPECT_EQ(found({"  71:20251122:100000.5 a", " 912:20251122:100001.5 b", "    c"}), "0 %Y%m%d%t%H%M%S%q%z");

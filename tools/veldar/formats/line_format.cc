@@ -195,7 +195,13 @@ static const line_format* detect_user_format(std::span<const std::string_view> f
 
 const line_format* detect_format(std::span<const std::string_view> first_lines, const format_context& context) {
     std::array<size_t, TEXT> counts{};
-    for (size_t i = 0; i < TEXT; i++) counts[i] = count_lines_of(FORMATS[i], first_lines, context);
+    // Lines NAME=value alone are anybody's.
+    const bool journal = std::any_of(first_lines.begin(), first_lines.end(),
+                                     [](std::string_view line) { return line.starts_with("__REALTIME_TIMESTAMP="); });
+    for (size_t i = 0; i < TEXT; i++) {
+        if (FORMATS[i].records == record_rule::journal && !journal) continue;
+        counts[i] = count_lines_of(FORMATS[i], first_lines, context);
+    }
     size_t best = *std::max_element(counts.begin(), counts.end());
     auto records = static_cast<size_t>(std::count_if(first_lines.begin(), first_lines.end(), begins_record));
     if (const line_format* const user = detect_user_format(first_lines, records)) return user;

@@ -56,6 +56,7 @@ constexpr const char* PATTERNS[] = {
     "%T %d/%m/%Y",            //
     "%T %m/%d/%Y",            //
     "%T %d %b %Y",            //
+    "%T %a %d %b %Y",         //
     "%d-%m-%Y%t%T",           //
     "%m-%d-%Y%t%T",           //
     "%y/%m/%d%t%T",           //
@@ -65,31 +66,31 @@ constexpr const char* PATTERNS[] = {
     "%y-%m-%d%t%T",           //
     "%d-%m-%y%t%T",           //
     "%m-%d-%y%t%T",           //
-    "%d-%b-%y%t%T",           //
-    "%y%m%d%t%T",             //
-    "%y%m%d%t%H%M%S%q",       //
-    "%l%m%d %T",              // klog, glog: I1120 10:00:00.123
-    "%m-%d%t%T",              // telephones
-    "%m/%d%t%T",              //
-    "%d/%m%t%T",              //
-    "[%m.%d %T]",             //
-    "[%d.%m %T]",             //
-    "audit(%s:",              //
-    "@%n",                    // TAI64N
-    "[%u]",                   // the kernel's ring
-    "%s",                     // seconds since 1970 in a column
-    "%T",                     // a time of day alone
-    "%R",                     //
-    "%Y-%m-%d",               // a day alone
-    "%Y/%m/%d",               //
-    "%d/%b/%Y",               //
-    "%d-%b-%Y",               //
-    "%d %b %Y",               //
-    "%b %d, %Y",              //
-    "%d.%m.%Y",               //
-    "%d/%m/%Y",               //
-    "%m/%d/%Y",               //
-    "%Y%m%d",                 //
+    "%d-%b-%y%t%T",
+    "%y%m%d%t%T",        //
+    "%y%m%d%t%H%M%S%q",  //
+    "%l%m%d %T",         // klog, glog: I1120 10:00:00.123
+    "%m-%d%t%T",         // telephones
+    "%m/%d%t%T",         //
+    "%d/%m%t%T",         //
+    "[%m.%d %T]",        //
+    "[%d.%m %T]",        //
+    "audit(%s:",         //
+    "@%n",               // TAI64N
+    "[%u]",              // the kernel's ring
+    "%s",                // seconds since 1970 in a column
+    "%T",                // a time of day alone
+    "%R",                //
+    "%Y-%m-%d",          // a day alone
+    "%Y/%m/%d",          //
+    "%d/%b/%Y",          //
+    "%d-%b-%Y",          //
+    "%d %b %Y",          //
+    "%b %d, %Y",         //
+    "%d.%m.%Y",          //
+    "%d/%m/%Y",          //
+    "%m/%d/%Y",          //
+    "%Y%m%d",            //
 };
 constexpr size_t COUNT = std::size(PATTERNS);
 
@@ -167,16 +168,32 @@ bool fits_order(const time_shape& shape, std::string_view order) {
     return shape.order.size() == 2 && order.find(shape.order) != std::string_view::npos;
 }
 
+// Whether the text before a clock may be a date in a form that is not known: words in it begin with digits, and it is
+// more than one number.
+bool may_be_dated(std::string_view before) {
+    size_t words = 0, numbers = 0;
+    while (!before.empty()) {
+        const std::string_view word = take_word(&before);
+        words += !word.empty();
+        if (word.empty() || word[0] < '0' || word[0] > '9') continue;
+        if (word.find_first_not_of("0123456789") != std::string_view::npos) return true;
+        numbers++;
+    }
+    return numbers > 0 && words > 1;
+}
+
 void count_line(std::vector<candidate>* all, std::string_view line, size_t number, const time_hints& hints) {
     std::array<bool, COUNT> seen{};
     bool whole = false;  // what follows in the line may be a part of that time
     any_place(line, WORDS_MAX, [&](size_t word, std::string_view rest) {
         const time_front front = time_front_of(rest);
+        const bool dated_before = may_be_dated(line.substr(0, line.size() - rest.size()));
         for (candidate& one : *all) {
             const time_shape& shape = shapes()[one.shape];
             std::string_view left = rest;
             shape_time time;
             if ((whole && one.kind >= KIND_CLOCK) || (word > 0 && one.leads)) continue;
+            if (one.kind == KIND_CLOCK && dated_before) continue;
             const bool found = !seen[one.shape] && time_shape_begins(shape, front) &&
                                time_shape_take(shape, &left, &time) && word < WORDS_MAX;
             if (!found) continue;
