@@ -151,6 +151,9 @@ TEST(Fclex, AgreesWithASortedListInBothModes) {
                 EXPECT_EQ(st_fclex_uncompressed_size(o.lex.get()), 99u);
                 EXPECT_TRUE(!in_file || st_fclex_size_fd(o.fd.get(), opened::OFFSET) == body.size());
                 check_against_model(o.lex.get(), terms, &rng);
+                const lexicon whole(st_fclex_open(body.data()));  // of a length that nobody tells
+                ASSERT_NE(whole, nullptr);
+                EXPECT_EQ(st_fclex_get(whole.get(), terms.back().c_str(), nullptr), static_cast<int>(count) - 1);
             }
         }
     }
@@ -268,6 +271,7 @@ TEST(Fclex, HostileHeadersDoNotOpen) {
     std::string huge_blocks = body, many_terms = body;
     huge_blocks.replace(4, 4, std::string("\x00\x08\x00\x00", 4));  // 524288 * 2052 is above 1 GiB
     EXPECT_EQ(opened(huge_blocks, true).lex, nullptr);
+    EXPECT_EQ(opened(body.substr(0, 15), true).lex, nullptr) << "cut in the offset table";
     many_terms.replace(0, 4, "\xFF\xFF\xFF\xFF");
     EXPECT_EQ(opened(many_terms, false).lex, nullptr) << "the offset table passes the limit";
 }

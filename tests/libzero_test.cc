@@ -128,7 +128,7 @@ TEST(OsFile, SizesTimesAndClock) {
     EXPECT_EQ(modified, 1234000);
     EXPECT_EQ(ospath_get_time(path.c_str(), 0, &changed), 0);
     EXPECT_GT(changed, modified);
-    EXPECT_EQ(ospath_get_time(dir.file("g").c_str(), 1, &missing), -1);
+    EXPECT_TRUE(ospath_get_time(dir.file("g").c_str(), 1, &missing) == -1 && missing == 0);
     EXPECT_EQ(ospath_get_size(path.c_str(), &size), 0);
     EXPECT_EQ(size, 5u);
 }

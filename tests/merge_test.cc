@@ -221,6 +221,16 @@ TEST_F(MergeTest, ListsTakeTheShortestForm) {
     EXPECT_EQ(encode({0, 1}, false), std::pair(PLO_RLE, std::string("\0\0\x01", 3)));
     EXPECT_EQ(encode({0, 2, 4, 6, 8}, true), std::pair(PLO_BMAP, std::string("\0\x55\x01", 3)));
     EXPECT_EQ(encode({0, 2, 4, 6, 8}, false).first, PLO_RLE);
+    // The table of the lists that were written grows before it is full.
+    merge_known_lists_t lists;
+    merge_list_writer_t writer{};
+    warm_rc_t rc;
+    uint32_t known = 0;
+    for (uint32_t term = 0; term < 50000; term++) {
+        const uint8_t bytes[] = {static_cast<uint8_t>(term), static_cast<uint8_t>(term >> 8), 1};
+        ASSERT_EQ(merge_known_lists_find(&lists, &writer, term, {PLO_RLE, bytes}, &known, &rc), 0);
+    }
+    EXPECT_EQ(lists.slots.size(), size_t{1} << 17);
     for (const uint32_t first : {0x1FFFFFu, 0x200000u}) {
         for (const uint32_t bytes : {8000u, 9000u}) {
             std::vector<uint32_t> ids;

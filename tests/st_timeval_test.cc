@@ -85,6 +85,7 @@ TEST(List, KeepsItsOrderAfterItRanEmpty) {
     EXPECT_EQ(push_front(list, &items[0]), 0);
     EXPECT_TRUE(get_count(list) == 3 && top_front(list) == &items[0]);
     for (int& item : items) EXPECT_EQ(pop_front(list), &item);
+    list_apply(nullptr, nullptr, nullptr);
     delete_list(&list, false);
     delete_list(&other, false);
 }
