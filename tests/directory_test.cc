@@ -138,6 +138,13 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);
         EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), 0);
     }
+    {
+        const uint64_t before = pauses.microseconds();
+        const fault broken(fault_call::open, 1, ENOENT, 1000);
+        tsidx_meta_t meta;
+        EXPECT_EQ(st_tsidx_meta(open_for_reading(dir.path()).get(), &meta), WARM_RC_RETRIES);
+        EXPECT_EQ(pauses.microseconds() - before, 1027000u) << "between listings";
+    }
     // A file that is open in the cache when it goes is not asked again.
     const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);

@@ -456,6 +456,17 @@ TEST_F(Select, SketchesKeepTheirErrors) {
             select_cell_merge(&cells[into], cells.back());
             cells.pop_back();
         }
+        // This one has been bytes meanwhile.
+        std::vector<select_table_t> tables(1);
+        uint32_t group = 0, row = 0;
+        warm_rc_t rc;
+        select_table_init(&tables[0], {.groups = {}, .projections = {{"n", ALL}}, .bin_starts_s = {}});
+        ASSERT_EQ(select_group(&tables[0], "", &group, &rc), 0);
+        ASSERT_EQ(select_row(&tables[0], 0, group, &row, &rc), 0);
+        tables[0].rows[row].count = count;
+        tables[0].cells[row] = std::move(cells[0]);
+        select_table_finish(&tables[0]);
+        cells[0] = std::move(selection_maker(count).merged(std::move(tables)).cells[row]);
         std::sort(numbers.begin(), numbers.end());
         for (select_cell_t* const cell : {&cells[0], &whole}) {
             select_cell_settle(cell);

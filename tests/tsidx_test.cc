@@ -151,6 +151,10 @@ TEST(Tsidx, LimitsAndAutotune) {
     tsidx = open_writer(dir.path());
     EXPECT_EQ(st_tsidx_max_values(tsidx.get()), 1024u) << "tuned limits come back, brought into range";
     EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 512u);
+    // Nothing grows beyond 256 MiB of memory for all.
+    ASSERT_EQ(st_tsidx_options(tsidx.get(), 1 << 28, 512, 4096, 256), 0);
+    for (uint32_t i = 0; i < 300; i++) ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = i, .terms = {"a"}}), 0);
+    EXPECT_TRUE(st_tsidx_slices_written(tsidx.get()) == 1 && st_tsidx_max_values(tsidx.get()) == 256);
 }
 
 // A transaction that no hot slice of the directory could hold raises what it needs, or is refused without a trace.
@@ -209,8 +213,8 @@ TEST(TsidxParams, Parsing) {
         {head, false},
         {"", false},
         {"veldar AUTO-GENERATED FILE. DO NOT MODIFY.|1|2|3|4|5|6|7|8|", false},
-        {head + "1|2|3|4|5|6|7|8" + std::string(300, '|'), false},
-        {head + std::string(300, '0') + "1|2|3|4|5|6|7|8|", false},
+        {head + std::string(TSIDX_PARAMS_MAX_BYTES - head.size() - 16, '0') + "1|2|3|4|5|6|7|8|", true},
+        {head + std::string(TSIDX_PARAMS_MAX_BYTES - head.size() - 15, '0') + "1|2|3|4|5|6|7|8|", false},
         {head + "1|2|3|4|5|6|7|8|" + std::string(1, '\0'), false},
     };
     const tsidx_limits_t untouched{.lexicon_bytes = 42};
@@ -323,6 +327,8 @@ TEST(TsidxSync, Faults) {
         const bool has_slice = row.outcome == left::slice || row.outcome == left::both;
         const std::vector<std::string> made = files_in(dir.path(), part ? ".part-tsidx" : ".tsidx");
         EXPECT_EQ(made.size(), has_slice ? 1u : 0u);
+        const bool marked = row.outcome != left::nothing && row.error != EACCES;
+        EXPECT_EQ(fs::exists(dir.file(TSIDX_NEED_OPTIMIZE_NAME)), marked);
         for (const std::string& path : made) EXPECT_TRUE(read_slice(path) == before);
         const std::vector<std::string> unmoved = files_in(dir.path(), ".pre-tsidx");
         ASSERT_EQ(unmoved.size(), row.outcome == left::pre_slice || row.outcome == left::both ? 1u : 0u);
