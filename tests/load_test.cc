@@ -285,8 +285,11 @@ TEST_F(Load, KilledBetweenTheSliceAndTheMark) {
     EXPECT_EQ(records(), whole) << "also when the file was away at first";
     forget_mark();
     EXPECT_EQ(records(), whole) << "one record behind the last mark";
-    load_all({log});
-    EXPECT_EQ(records(), whole);
+    std::filesystem::rename(log, log + ".1");
+    append(log + ".1", "the end\n");
+    write_file(log, joined(log_lines(300, 200)));
+    load_all({log, log + ".1"});
+    EXPECT_EQ(records(), sorted(whole + lines{"the end"} + log_lines(300, 200))) << "another has its name";
 }
 
 TEST_F(Load, KilledBeforeTheSliceWasVisible) {

@@ -7,6 +7,7 @@
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "tests/support/directory.h"
+#include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
@@ -60,6 +61,7 @@ TEST_F(MergedLexicon, HoldsEveryTermWithItsCountAndIsFiltered) {
     const size_t slices = 5;
     ASSERT_EQ(st_optimize_lex(dir.path().c_str(), 2, 3, 0, 0, false, &rc), 0);
     EXPECT_EQ(listed(), expected(0));
+    EXPECT_EQ(fsck_findings(dir.file("merged_lexicon.lex")), "");
     EXPECT_EQ(status(), "veldar-optimize-lex complete with rc=0 wrc=[0,0]\n");
     EXPECT_EQ(st_optimize_lex(dir.path().c_str(), 0, 0, 64, 3, true, &rc), 0);
     EXPECT_EQ(listed(), expected(3));

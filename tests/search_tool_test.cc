@@ -350,6 +350,11 @@ TEST_F(SearchTool, BoundsWithinASecondAreThoseOfTheLog) {
         EXPECT_EQ(run_at(path, search).out, joined(expected)) << row.since << " " << row.until;
         EXPECT_EQ(run_at(path, count).out, std::to_string(expected.size()) + "\n");
     }
+    write_file(other.file("syslog"), "Mar  1 00:00:01.250 host app: w\n");  // of the file's year
+    const timespec stamps[2] = {{BEGIN + 9, 0}, {BEGIN + 9, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, other.file("syslog").c_str(), stamps, 0), 0);
+    ASSERT_EQ(run_at(path, {"load", other.file("syslog"), "--no-fsync"}).status, 0);
+    EXPECT_EQ(run_at(path, {"count", "w", "--since", second + "1.25Z", "--until", second + "1.26Z"}).out, "1\n");
 }
 
 TEST_F(SearchTool, WordsAreThoseThatPeopleSee) {
@@ -557,6 +562,9 @@ TEST_F(SearchTool, AMissingLogIsNamedAndTheRestPrinted) {
     const tool_result table = run_at(path, {"search", "alpha", "--format", "tsv"});
     EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 3);
     EXPECT_EQ(table.status, 3);
+    write_file(other.file("none"), "");
+    EXPECT_TRUE(run_at(other.file("empty"), {"load", other.file("none")}).err.starts_with("0 events, 0 bytes read"));
+    EXPECT_EQ(run_at(other.file("empty"), {"count", "\"alpha beta\""}).status, 1) << "no log is missing";
 }
 
 TEST_F(SearchTool, ALogThatBecameShorterGivesWhatItStillHolds) {
@@ -680,6 +688,22 @@ TEST(EventCursor, MetricsThatLookAlikeAreAllGiven) {
         search_while_merging(dir, &random, pieces, write, [&](const st_tsval& value) { found.push_back(value.time); });
         EXPECT_EQ(found, expected) << round;
     }
+    // Fractions of a second count before the directory.
+    const temp_dir directories[2];
+    event_cursor_options_t options;
+    options.queries.emplace_back().lispy = "[AND]";
+    std::vector<tsidx_ptr> handles;
+    std::vector<metric_event> one = random_metric_events(1, 1);
+    for (one[0].milliseconds = 2; one[0].milliseconds > 0; one[0].milliseconds--) {
+        const std::string path = directories[handles.size()].path();
+        forge_metric_file(path, one, {.milliseconds = true, .terms = {}});
+        handles.push_back(index_handle_open(path, 0));
+        options.sources.push_back({.tsidx = handles.back().get(), .path = {}});
+    }
+    std::array<event_t, 2> events;
+    warm_rc_t rc;
+    ASSERT_EQ(event_cursor_next(event_cursor_open(options, &rc).get(), events, &rc), 2) << rc.message;
+    EXPECT_GT(events[0].value.subsecond, events[1].value.subsecond);
 }
 
 TEST_F(SearchTool, AClosedPipeEndsQuietly) {
@@ -719,7 +743,7 @@ TEST(TimeInput, Forms) {
         {"-1w", -521910, -521910, 0},
         {"@1709251200", 0, 0, 0},
         {"@1709251200.25", 0, 0, 250000000},
-        {"@-0.25", -1709251201, -1709251201, 750000000},
+        {"@-0.2500000009", -1709251201, -1709251201, 750000000},
         {"1709251200250", 0, 0, 250000000},
         {"1h30m", 77490, 77490, 0},
         {"3 hours ago", 72090, 72090, 0},

@@ -320,6 +320,8 @@ TEST_F(StatsTool, FormatsAndDrawings) {
     EXPECT_TRUE(drawn.ends_with("          |03-30 01:00\npeak 3 at 2024-03-30T01:00:00+01:00, total 4\n")) << drawn;
     EXPECT_NE(drawn.find("│█████       ▅▅▅▅▅\n"), std::string::npos) << drawn;
     EXPECT_EQ(drawn.find('\x1b'), std::string::npos);
+    // Bins after the times of the events found, not of all.
+    EXPECT_TRUE(must({"stats", "bytes<3", "--every", "auto", "--plot"}).starts_with("count  every 1m\n"));
 
     // In colour the two groups of the first hour stand on one another: bob's two events below.
     const std::string layers = must({"stats", "--every", "1h", "--plot", "--by", "user", "--color", "always"});

@@ -7,12 +7,14 @@
 #include <random>
 
 #include "libzero/endian.h"
+#include "tests/support/faults.h"
 #include "tests/support/packing.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/load/put_line.h"
 #include "tools/veldar/store/packed_stream.h"
 #include "tools/veldar/store/record_reader.h"
 #include "tools/veldar/store/source_map.h"
+#include "tools/veldar/store/troubles.h"
 
 namespace veldar {
 
@@ -236,6 +238,10 @@ TEST(PackedStream, DamageIsTold) {
             EXPECT_TRUE(got == text || !reader.error.empty()) << way.format << " " << at;
         }
     }
+    packed_stream stream;
+    std::string error;
+    const fault_step no_memory(fault_action::allocation, 2);  // behind the decoder
+    EXPECT_FALSE(packed_open(&stream, PACKINGS[0].format, -1, false, {}, &error));
 }
 
 // The records of `text` by the rule alone.
@@ -270,6 +276,15 @@ TEST(Records, LinesAndTheirContinuations) {
         EXPECT_EQ(record_cut_text(record_cut_of(rules, line)), text);
     }
     EXPECT_EQ(record_cut_text(record_cut_of(rules, 99)), "");
+}
+
+TEST(Troubles, TheFirstTwentyAreSaidOnceEach) {
+    troubles list;
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 60; i++) troubles_add(&list, std::to_string(i / 2));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(said.ends_with("veldar: 19\nveldar: further messages are left out\n")) << said;
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 21);
 }
 
 // Whatever pieces the input comes in, the reader cuts as the rule does, which finds each record's end as soon as the
