@@ -58,7 +58,6 @@ int select_row(select_table_t* table, int64_t bin, uint32_t group, uint32_t* row
         table->row_numbers.try_emplace({bin, group}, static_cast<uint32_t>(table->rows.size()));
     *row = place->second;
     if (!is_new) return 0;
-    ST_ASSERT(group < table->group_texts.size());
     const size_t width = table->aggregates.size();
     if ((table->rows.size() + 1) * std::max<size_t>(width, 1) > SELECT_MAX_CELLS) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "select cells");
@@ -99,7 +98,10 @@ void select_table_finish(select_table_t* table) {
         renumbered[number] = i;
         number = i;
     }
-    for (select_table_t::row_t& row : table->rows) row.group = renumbered[row.group];
+    for (select_table_t::row_t& row : table->rows) {
+        ST_ASSERT(row.group < renumbered.size());
+        row.group = renumbered[row.group];
+    }
     std::vector<uint32_t> order(table->rows.size());
     std::iota(order.begin(), order.end(), 0);
     std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
