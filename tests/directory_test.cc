@@ -237,6 +237,56 @@ std::string host_name() {
     return name;
 }
 
+// What is remembered of a directory and of its slices' marks holds until somebody changes them, through whatever handle.
+TEST_F(Directory, WhatOthersChangeIsSeenByTheNextRead) {
+    const temp_dir dir;
+    const clock_ahead old_stamps;
+    std::vector<event_key> expected;
+    const auto put = [&](st_time_t time) {  // a slice of two events
+        const directory_ptr writer = open_directory(dir.path());
+        for (const st_addr_t address : {1u, 2u}) {
+            ASSERT_EQ(put_event(writer.get(), simple_event(time, 100 * static_cast<uint32_t>(time) + address)), 0);
+            expected.insert(expected.begin(), {time, 100 * static_cast<uint32_t>(time) + address});
+        }
+        ASSERT_EQ(st_tsidx_sync(writer.get()), 0);
+    };
+    const auto tick = [] { ::usleep(20000); };  // stamps move in ticks
+    for (st_time_t time = 1; time <= 5; time++) put(time);
+    const directory_ptr other = open_directory(dir.path()), reader = open_for_reading(dir.path());
+    enum { PUT, DELETE, MERGE, REPLACE, NOTHING };
+    for (const int change : {PUT, DELETE, DELETE, MERGE, DELETE, DELETE, REPLACE, DELETE, PUT, NOTHING}) {
+        for (const bool again : {false, true}) {
+            const uint64_t listings = fault_calls(fault_call::opendir);
+            EXPECT_EQ(query_keys(reader.get(), "[AND]"), expected);
+            for (const char* text : {"[AND]", "[AND a]"}) {
+                const st_query_spec query = make_query(text);
+                uint64_t count = 0;
+                EXPECT_EQ(st_tsidx_event_count(reader.get(), &query, &count), 0);
+                EXPECT_EQ(count, expected.size()) << text;
+            }
+            EXPECT_TRUE(!again || fault_calls(fault_call::opendir) == listings) << "listed again";
+            tick();
+        }
+        ASSERT_FALSE(HasFailure()) << change;
+        if (change == REPLACE) {
+            fs::remove_all(dir.path());
+            fs::create_directory(dir.path());
+            expected.clear();
+            put(3);
+        }
+        if (change == PUT || change == REPLACE) put(expected.front().first + 1);
+        if (change == MERGE) {
+            EXPECT_EQ(st_tsidx_optimize_n(other.get(), 1, 2, 0, 0, nullptr, 0, 0, false), 0);
+        }
+        if (change == DELETE) {
+            const st_addr_t address = expected.back().second;
+            EXPECT_EQ(st_tsidx_delete_by_addr(other.get(), &address, 1), 1);
+            expected.pop_back();
+        }
+        tick();
+    }
+}
+
 TEST_F(Directory, DeletesLock) {
     const temp_dir dir;
     put_slices(dir.path(), {simple_event(1), simple_event(2)});

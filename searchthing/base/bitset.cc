@@ -3,8 +3,27 @@
 #include <bit>
 
 #include "libzero/assertions.h"
+#include "libzero/endian.h"
 
 namespace veldar {
+
+namespace {
+
+inline __attribute__((always_inline)) uint64_t count_words(const uint8_t* bytes, size_t size) {
+    uint64_t count = 0;
+    size_t i = 0;
+    for (; i + 8 <= size; i += 8) count += static_cast<uint64_t>(__builtin_popcountll(load_le64(bytes + i)));
+    for (; i < size; i++) count += static_cast<uint64_t>(__builtin_popcount(bytes[i]));
+    return count;
+}
+
+#ifdef __x86_64__
+__attribute__((target("popcnt"))) uint64_t count_by_instruction(const uint8_t* bytes, size_t size) {
+    return count_words(bytes, size);
+}
+#endif
+
+}  // namespace
 
 void bmap32_set(bmap32_t* set, uint32_t bit) {
     ST_ASSERT(bit < (sizeof(bmap32_t) * 8));
@@ -59,6 +78,14 @@ uint64_t _calc_bitmap_size(uint32_t begin, uint32_t end) {
 
 uint32_t st_get_num_bits_set(uint32_t word) {
     return static_cast<uint32_t>(std::popcount(word));
+}
+
+uint64_t bits_count(std::span<const uint8_t> bytes) {
+#ifdef __x86_64__
+    static const bool has_instruction = __builtin_cpu_supports("popcnt");
+    if (has_instruction) return count_by_instruction(bytes.data(), bytes.size());
+#endif
+    return count_words(bytes.data(), bytes.size());
 }
 
 }  // namespace veldar

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "libzero/resource.h"
 
@@ -31,5 +32,7 @@ void bmap_array_free(bmap_array_t* array);
 // Bytes for the bits begin to end, both included.
 uint64_t _calc_bitmap_size(uint32_t begin, uint32_t end);
 uint32_t st_get_num_bits_set(uint32_t word);
+// How many bits of the bytes are set, with the processor's own instruction where it has one.
+uint64_t bits_count(std::span<const uint8_t> bytes);
 
 }  // namespace veldar

@@ -3,13 +3,16 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "libzero/change_stamp.h"
 #include "libzero/ospath-builder.h"
 #include "libzero/xorshift128plus.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/directory/tsidx_cache.h"
+#include "searchthing/directory/tsidx_list.h"
 #include "searchthing/directory/tsidx_params.h"
 #include "searchthing/hot/hotslice.h"
 
@@ -24,6 +27,12 @@ struct tsidx_txn_buffer {
     size_t used = 0;
     std::vector<hot_keyword_t> keywords;
     std::vector<st_measure_t> measures;  // metric directories: parallel to the keywords
+};
+
+// What the directory held when it had this stamp.
+struct tsidx_known_listing {
+    std::shared_ptr<const tsidx_listing_t> slices;  // null: not known
+    change_stamp stamp;
 };
 
 struct st_tsidx {
@@ -58,6 +67,7 @@ struct st_tsidx {
     uint64_t keywords_cut = 0;
 
     tsidx_cache cache;  // of slices open for reading
+    tsidx_known_listing listing;
     int lock_seconds = 10;
     bool is_locked = false;  // a tsidx_lock of this handle holds the directory
 
@@ -81,6 +91,10 @@ void tsidx_load_params(TSIDX* tsidx);
 // not even know which kind of directory it has. Failures are logged only: the next run starts with smaller limits.
 void tsidx_save_params(TSIDX* tsidx);
 
+// The live slices of the handle's directory (tsidx_list), remembered for as long as the directory's stamp tells that no
+// name came or went: every change of what is live makes, renames or removes one. Slices that are no longer live leave
+// the cache. 0, or a failure, recorded. May throw std::bad_alloc.
+[[nodiscard]] int tsidx_live_slices(TSIDX* tsidx, std::shared_ptr<const tsidx_listing_t>* slices);
 // Brings a file (or, with O_DIRECTORY, a directory) to the disk, unless durability is switched off. 0, WARM_RC_OPEN or
 // WARM_RC_WRITE.
 [[nodiscard]] int tsidx_flush(const TSIDX* tsidx, const char* path, int open_flags, warm_rc_t* rc);

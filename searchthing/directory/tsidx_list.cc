@@ -11,6 +11,7 @@
 
 #include "libzero/ospath-builder.h"
 #include "searchthing/directory/merge_manifest.h"
+#include "searchthing/directory/tsidx_handle.h"
 
 namespace veldar {
 
@@ -104,6 +105,25 @@ int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc) {
         if (sound) return 0;
     }
     return _set_rc_msg(rc, WARM_RC_RETRIES, "the directory changes faster than it can be listed");
+}
+
+int tsidx_live_slices(TSIDX* tsidx, std::shared_ptr<const tsidx_listing_t>* slices) {
+    const char* const path = tsidx->path.c_str();
+    tsidx_known_listing& known = tsidx->listing;
+    change_stamp stamp;
+    const bool is_stamped = change_stamp_of(path, &stamp);
+    if (is_stamped && known.slices != nullptr && stamp == known.stamp) {
+        *slices = known.slices;
+        return 0;
+    }
+    known.slices = nullptr;
+    const bool lasts = is_stamped && change_stamp_lasts(path, stamp);
+    const auto listing = std::make_shared<tsidx_listing_t>();
+    ST_TRY(tsidx_list(path, listing.get(), &tsidx->last_failure));
+    tsidx->cache.keep_only(*listing);
+    *slices = listing;
+    if (lasts) known = {listing, stamp};
+    return 0;
 }
 
 int so_status_filename(ospath_buf* out, const char* directory) {

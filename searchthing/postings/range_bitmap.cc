@@ -59,6 +59,22 @@ void range_bitmap_and_not(uint8_t* into, const uint8_t* other, const id_range_t&
     combine(into, other, range, [](uint64_t a, uint64_t b) { return a & ~b; });
 }
 
+void range_bitmap_clear(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range) {
+    const size_t bytes = bitmap_bytes(range), first = range.begin / 8;
+    const uint32_t shift = range.begin % 8;
+    size_t i = 0;
+    // A word and the byte behind it hold the 64 bits from any bit of its first byte on.
+    for (; i + 8 <= bytes && first + i + 9 <= all.size(); i += 8) {
+        const uint8_t* const from = all.data() + first + i;
+        const uint64_t gone = load_le64(from) >> shift | uint64_t{from[8]} << 1 << (63 - shift);
+        store_le64(into + i, load_le64(into + i) & ~gone);
+    }
+    const auto byte = [&](size_t at) -> uint32_t { return at < all.size() ? all[at] : 0; };
+    for (; i < bytes; i++) {
+        into[i] = static_cast<uint8_t>(into[i] & ~((byte(first + i) | byte(first + i + 1) << 8) >> shift));
+    }
+}
+
 void range_bitmap_or(uint8_t* into, const uint8_t* other, const id_range_t& range) {
     combine(into, other, range, [](uint64_t a, uint64_t b) { return a | b; });
 }
@@ -69,11 +85,7 @@ bool range_bitmap_empty(const uint8_t* bitmap, const id_range_t& range) {
 }
 
 uint64_t range_bitmap_count(const uint8_t* bitmap, const id_range_t& range) {
-    const size_t bytes = bitmap_bytes(range);
-    uint64_t count = 0;
-    size_t i = 0;
-    for (; i + 8 <= bytes; i += 8) count += static_cast<uint64_t>(__builtin_popcountll(load_le64(bitmap + i)));
-    for (; i < bytes; i++) count += static_cast<uint64_t>(__builtin_popcount(bitmap[i]));
+    const uint64_t count = bits_count({bitmap, bitmap_bytes(range)});
     ST_ASSERT(count <= range.size());
     return count;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "libzero/resource.h"
 #include "searchthing/base/warm_rc.h"
@@ -30,6 +31,8 @@ void range_bitmap_complement(uint8_t* bitmap, const id_range_t& range);
 // The set operations, into the first bitmap; both cover the same range.
 void range_bitmap_and(uint8_t* into, const uint8_t* other, const id_range_t& range);
 void range_bitmap_and_not(uint8_t* into, const uint8_t* other, const id_range_t& range);
+// Clears the bits that are set in a bitmap over all ids, from 0 on; what it is too short for is not set there.
+void range_bitmap_clear(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range);
 void range_bitmap_or(uint8_t* into, const uint8_t* other, const id_range_t& range);
 // Whether no bit is set, and how many are.
 bool range_bitmap_empty(const uint8_t* bitmap, const id_range_t& range);

@@ -23,7 +23,7 @@ uint64_t event_values(const WARM* warm) {
 }
 
 int describe(const tsidx_snapshot& snapshot, size_t i, tsidx_info_t* info, warm_rc_t* rc) {
-    const WARM* const warm = snapshot.warm(i);
+    WARM* const warm = snapshot.warm(i);
     const tsidx_slice_name_t& slice = snapshot.slice(i);
     *info = {};
     static_assert(sizeof info->name > NAME_MAX && sizeof info->format == sizeof warm->body->magic);

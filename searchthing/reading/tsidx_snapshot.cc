@@ -25,35 +25,41 @@ int tsidx_snapshot::begin(warm_rc_t* rc) {
     return take(rc);
 }
 
+void tsidx_snapshot::add_listing(std::shared_ptr<const tsidx_listing_t> listing, uint32_t source) {
+    slices_.reserve(slices_.size() + listing->size());
+    for (const tsidx_slice_name_t& name : *listing) slices_.push_back({&name, source, nullptr});
+    listings_.push_back(std::move(listing));
+}
+
 // The name of a file need not tell its times.
 void tsidx_snapshot::add_file(uint32_t source) {
-    entry file = {{sources_[source].path, {}}, source, nullptr};
-    const std::string& path = file.name.name;
-    st_filename_metadata_t* const meta = &file.name.meta;
+    const auto listing = std::make_shared<tsidx_listing_t>(1, tsidx_slice_name_t{sources_[source].path, {}});
+    const std::string& path = listing->front().name;
+    st_filename_metadata_t* const meta = &listing->front().meta;
     if (!tsidx_is_slice_name(path.c_str() + path.rfind('/') + 1, meta) &&
         st_tsidx_file_parse(path.c_str(), meta) == 0) {
         meta->earliest = TSIDX_FIRST_TIME;
         meta->latest = TSIDX_LAST_TIME;
     }
-    slices_.push_back(std::move(file));
+    add_listing(listing, source);
 }
 
 int tsidx_snapshot::add_directory(uint32_t source, warm_rc_t* rc) {
     TSIDX* const tsidx = sources_[source].tsidx;
-    tsidx_listing_t listing;
-    if (tsidx_list(tsidx->path.c_str(), &listing, &tsidx->last_failure) != 0) {
+    std::shared_ptr<const tsidx_listing_t> listing;
+    if (tsidx_live_slices(tsidx, &listing) != 0) {
         if (!on_failure_) return _cpy_rc(rc, &tsidx->last_failure);
         on_failure_(tsidx->path, tsidx->last_failure);
         return 0;
     }
-    tsidx->cache.keep_only(listing);
-    for (tsidx_slice_name_t& name : listing) slices_.push_back({std::move(name), source, nullptr});
+    add_listing(std::move(listing), source);
     return 0;
 }
 
 int tsidx_snapshot::take(warm_rc_t* rc) {
     close_all();
     slices_.clear();
+    listings_.clear();
     for (uint32_t source = 0; source < sources_.size(); source++) {
         if (sources_[source].tsidx == nullptr) {
             add_file(source);
@@ -62,7 +68,7 @@ int tsidx_snapshot::take(warm_rc_t* rc) {
         }
     }
     const auto before = [](const entry& a, const entry& b) {
-        const st_time_t latest_a = a.name.meta.latest, latest_b = b.name.meta.latest;
+        const st_time_t latest_a = a.name->meta.latest, latest_b = b.name->meta.latest;
         return latest_a != latest_b ? latest_a > latest_b : a.source > b.source;
     };
     // The slices of a directory keep their order.

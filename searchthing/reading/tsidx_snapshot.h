@@ -58,7 +58,7 @@ class tsidx_snapshot {
     [[nodiscard]] int take(warm_rc_t* rc);
 
     size_t size() const { return slices_.size(); }
-    const tsidx_slice_name_t& slice(size_t i) const { return slices_[i].name; }
+    const tsidx_slice_name_t& slice(size_t i) const { return *slices_[i].name; }
     uint32_t source(size_t i) const { return slices_[i].source; }  // its number
     std::string path(size_t i) const;
     bool overlaps(size_t i, st_time_t earliest, st_time_t latest) const {
@@ -87,15 +87,17 @@ class tsidx_snapshot {
 
   private:
     struct entry {
-        tsidx_slice_name_t name;  // of a file its path
+        const tsidx_slice_name_t* name;  // in a listing; of a file its path
         uint32_t source = 0;
         WARM* warm = nullptr;
     };
+    void add_listing(std::shared_ptr<const std::vector<tsidx_slice_name_t>> listing, uint32_t source);
     void add_file(uint32_t source);
     int add_directory(uint32_t source, warm_rc_t* rc);
 
     std::vector<cursor_source_t> sources_;
     cursor_failure_fn on_failure_;
+    std::vector<std::shared_ptr<const std::vector<tsidx_slice_name_t>>> listings_;  // which may be the handles' too
     std::vector<entry> slices_;
 };
 

@@ -17,18 +17,6 @@ namespace {
 // Matches are kept one by one too when they are at most this part of the range.
 constexpr uint32_t FEW = 64;
 
-void clear_deleted(const WARM* warm, select_match_t* match) {
-    if (!st_warm_slice_has_deletes(warm)) return;
-    const std::span<const uint8_t> deleted = warm->tsval_reader.d.bytes;
-    const uint32_t shift = match->range.begin % 8;
-    const size_t first = match->range.begin / 8;
-    const auto byte = [&](size_t i) -> unsigned { return i < deleted.size() ? deleted[i] : 0u; };
-    for (size_t i = 0; i < match->bits.size(); i++) {
-        const unsigned gone = (byte(first + i) >> shift | byte(first + i + 1) << 8 >> shift) & 0xFF;
-        match->bits.data()[i] = static_cast<uint8_t>(match->bits.data()[i] & ~gone);
-    }
-}
-
 int read_times(const selection_t& selection, select_match_t* match, warm_rc_t* rc) {
     uint32_t first = match->range.end, last = match->range.begin;
     const uint8_t* const bits = match->bits.data();
@@ -86,7 +74,9 @@ int select_match_open(const selection_t& selection, select_match_t* match, warm_
     if (status != 0) return _cpy_rc(rc, &context.rc);
     if (match->range.empty()) return 0;
     match->bits = std::move(result.bitmap);
-    clear_deleted(selection.warm, match);
+    if (st_warm_slice_has_deletes(selection.warm)) {
+        range_bitmap_clear(match->bits.data(), selection.warm->tsval_reader.d.bytes, match->range);
+    }
     match->count = range_bitmap_count(match->bits.data(), match->range);
     match->is_slice = is_everything && match->count == st_warm_slice_values(selection.warm);
     if (match->count == 0) return 0;

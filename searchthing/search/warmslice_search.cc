@@ -30,11 +30,6 @@ int count_unordered(event_walk_t* walk, uint64_t* count) {
     return 0;
 }
 
-bool is_deleted(const WARM* warm, uint32_t id) {
-    return warm->d_array != nullptr && id / 8 < warm->body->d_size.get() &&
-           (warm->d_array[id / 8] >> (id % 8) & 1) != 0;
-}
-
 // The count of one exact term from its metadata, when nothing can make it differ from the number of its events.
 bool count_from_metadata(event_walk_t* walk, uint64_t* count, int* status) {
     conjunction_context& context = walk->context;
@@ -65,13 +60,18 @@ int count_matches(event_walk_t* walk, uint64_t* count) {
     if (count_from_metadata(walk, count, &status)) return status;
     query_result_t result;
     ST_TRY(event_walk_evaluate(walk, &result));
-    if (st_warm_slice_has_deletes(context.handle)) {
-        match_ids ids(&result, context.range);
-        for (uint32_t id = 0; ids.next(&id);) *count += is_deleted(context.handle, id) ? 0 : 1;
-    } else if (match_kind(result) == MATCH_LIST && result.not_bitmap.empty()) {
-        *count = match_list(result).size();
+    const std::span<const uint8_t> deleted = context.handle->tsval_reader.d.bytes;
+    const bool has_deletes = st_warm_slice_has_deletes(context.handle);
+    if (match_kind(result) == MATCH_LIST && result.not_bitmap.empty()) {
+        const std::span<const uint32_t> ids = match_list(result);
+        *count = ids.size();
+        if (has_deletes)
+            *count -= static_cast<uint64_t>(std::count_if(ids.begin(), ids.end(), [&](uint32_t id) {
+                return id / 8 < deleted.size() && (deleted[id / 8] >> (id % 8) & 1) != 0;
+            }));
     } else if (!context.range.empty()) {
         ST_TRY(_frame2bitmap(&context, &result));
+        if (has_deletes) range_bitmap_clear(result.bitmap.data(), deleted, context.range);
         *count = range_bitmap_count(result.bitmap.data(), context.range);
     }
     return 0;

@@ -14,6 +14,7 @@
 #include "searchthing/columns/cstore.h"
 #include "searchthing/columns/dimset_io.h"
 #include "searchthing/lexicon/fclex.h"
+#include "searchthing/slice/warmslice_values.h"
 
 namespace veldar {
 
@@ -343,10 +344,8 @@ bool st_warm_slice_has_postings(const WARM* warm) {
     return warm->body->num_postings.get() != 0;
 }
 
-bool st_warm_slice_has_deletes(const WARM* warm) {
-    if (st_warm_slice_is_msidx(warm->body)) return false;
-    const std::span<const uint8_t> bits = warm->tsval_reader.d.bytes;
-    return std::any_of(bits.begin(), bits.end(), [](uint8_t byte) { return byte != 0; });
+bool st_warm_slice_has_deletes(WARM* warm) {
+    return warm_slice_count_deleted(warm) != 0;
 }
 
 uint64_t size_without_vardata(const WARM* warm) {

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "libzero/change_stamp.h"
 #include "libzero/resource.h"
 #include "libzero/xorshift128plus.h"
 #include "searchthing/base/warm_rc.h"
@@ -36,6 +37,13 @@ struct warm_cstore_closer {
 struct warm_metric_t;  // warmslice_runs.cc
 struct warm_metric_closer {
     void operator()(warm_metric_t* metric) const;
+};
+
+// How many values were marked as deleted when the file had this stamp, as far as the stamp will tell of further marks.
+struct warm_deletes_t {
+    bool is_known = false;
+    uint32_t count = 0;
+    change_stamp stamp;
 };
 
 struct st_warm_slice {
@@ -62,6 +70,7 @@ struct st_warm_slice {
     bool has_subseconds = false;                              // WARM_FLAG_MS_PRESENT
     bool ms_requested = false;                                // WARM_FLAG_MS_REQUESTED
     bool writable = false;                                    // read-write handles and slices in memory
+    warm_deletes_t deletes;                                   // of a read-only handle
     uint64_t file_size = 0;                                   // when it was opened
     uint64_t lexicon_size = 0;                                // bytes of the forward lexicon
     buffer<uint8_t> owned;                                    // a slice in memory: the whole slice
@@ -131,8 +140,8 @@ uint32_t st_warm_slice_values(const WARM* warm);
 uint32_t st_warm_slice_blocksize(const WARM* warm);  // terms per lexicon block; 0 for a mini slice
 bool st_warm_slice_has_fclex(const WARM* warm);
 bool st_warm_slice_has_postings(const WARM* warm);
-bool st_warm_slice_has_deletes(const WARM* warm);  // any d bit; never for a metric slice
-uint64_t size_without_vardata(const WARM* warm);   // the lexicon's offset
+bool st_warm_slice_has_deletes(WARM* warm);       // warm_slice_count_deleted
+uint64_t size_without_vardata(const WARM* warm);  // the lexicon's offset
 // File offset of the dimension sets: -1 with WARM_RC_UNSUPPORTED "not a msidx v2 tsidx", WARM_RC_NO_LEXICON "size is
 // 0", or the read's status.
 [[nodiscard]] int64_t st_warm_slice_dimsets_offset(const WARM* warm, warm_rc_t* rc);

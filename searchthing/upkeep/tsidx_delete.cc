@@ -112,6 +112,9 @@ int mark_in_file(const char* path, const doomed_values& doomed, uint64_t* newly,
         }
     }
     *all_deleted = left == 0;
+    if (change_stamp_renew(warm->fd.get()) != 0 && status == 0) {
+        status = _set_rc_msg(rc, WARM_RC_WRITE, "telling readers of delete marks");
+    }
     if (status == 0) return close_flushed(warm, rc);
     warm_rc_t ignored;
     static_cast<void>(close_flushed(warm, &ignored));

@@ -16,8 +16,8 @@ namespace veldar {
 //
 // All deletes take the directory's lock for up to 10 seconds (st_tsidx_set_lock_timeout), sync the handle's own hot
 // slice and look at one snapshot. First everything is found, then marked, so that a slice that cannot be read leaves
-// all of them as they were. Marks are single bytes in the slice files, seen at once by whoever has them open, and on
-// the disk when the call returns. A delete that was interrupted, even by the death of its process, is repaired by
+// all of them as they were. Marks are single bytes in the slice files, on the disk and seen by every read
+// that begins when the call has returned. A delete that was interrupted, even by the death of its process, is repaired by
 // repeating it. A slice whose events are all deleted is removed.
 //
 // Each function returns the number of events that were not marked before, or WARM_RC_LOCK when the lock cannot be had

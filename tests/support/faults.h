@@ -111,4 +111,11 @@ class no_pauses : uncopied {
     uint64_t microseconds() const;
 };
 
+// While it lives, the wall clock is an hour ahead, so that every stamp of a file is an old one.
+class clock_ahead : uncopied {
+  public:
+    clock_ahead();
+    ~clock_ahead();
+};
+
 }  // namespace veldar

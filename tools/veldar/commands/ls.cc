@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <bit>
 #include <climits>
 #include <filesystem>
 #include <vector>
@@ -47,13 +46,6 @@ void take_times(const st_filename_metadata_t& meta, WARM* warm, ls_row* row) {
                      get_tsval_timestamp(warm, last, &row->earliest, &subseconds, &rc) == 0;
 }
 
-uint64_t count_deleted(const WARM& warm) {
-    if (!st_warm_slice_has_deletes(&warm)) return 0;
-    uint64_t count = 0;
-    for (const uint8_t byte : warm.tsval_reader.d.bytes) count += static_cast<uint64_t>(std::popcount(byte));
-    return count;
-}
-
 // False for a slice that is gone.
 bool read_slice(const slice_set& set, size_t i, troubles* trouble, ls_row* row) {
     snapshot_slice_ptr warm;
@@ -74,7 +66,7 @@ bool read_slice(const slice_set& set, size_t i, troubles* trouble, ls_row* row) 
         row->bytes = warm->file_size;
         row->format = warm->body->magic;
         row->events = st_warm_slice_values(warm.get()) - warm_slice_runs(warm.get());
-        row->deleted = count_deleted(*warm);
+        row->deleted = warm_slice_count_deleted(warm.get());
         row->terms = st_warm_slice_terms(warm.get());
     }
     take_times(set.slices->slice(i).meta, warm.get(), row);
