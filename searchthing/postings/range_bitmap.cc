@@ -33,6 +33,24 @@ void combine(uint8_t* into, const uint8_t* other, const id_range_t& range, Op op
     for (; i < bytes; i++) into[i] = static_cast<uint8_t>(op(into[i], other[i]));
 }
 
+// Runs `op` over a bitmap of the range and the range's bits of a bitmap over all numbers.
+template <typename Op>
+void combine_part(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range, Op op) {
+    const size_t bytes = bitmap_bytes(range), first = range.begin / 8;
+    const uint32_t shift = range.begin % 8;
+    size_t i = 0;
+    // A word and the byte behind it hold the 64 bits from any bit of its first byte on.
+    for (; i + 8 <= bytes && first + i + 9 <= all.size(); i += 8) {
+        const uint8_t* const from = all.data() + first + i;
+        const uint64_t part = load_le64(from) >> shift | uint64_t{from[8]} << 1 << (63 - shift);
+        store_le64(into + i, op(load_le64(into + i), part));
+    }
+    const auto byte = [&](size_t at) -> uint32_t { return at < all.size() ? all[at] : 0; };
+    for (; i < bytes; i++) {
+        into[i] = static_cast<uint8_t>(op(into[i], (byte(first + i) | byte(first + i + 1) << 8) >> shift));
+    }
+}
+
 }  // namespace
 
 int range_bitmap_alloc(buffer<uint8_t>* bitmap, const id_range_t& range, warm_rc_t* rc) {
@@ -60,19 +78,12 @@ void range_bitmap_and_not(uint8_t* into, const uint8_t* other, const id_range_t&
 }
 
 void range_bitmap_clear(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range) {
-    const size_t bytes = bitmap_bytes(range), first = range.begin / 8;
-    const uint32_t shift = range.begin % 8;
-    size_t i = 0;
-    // A word and the byte behind it hold the 64 bits from any bit of its first byte on.
-    for (; i + 8 <= bytes && first + i + 9 <= all.size(); i += 8) {
-        const uint8_t* const from = all.data() + first + i;
-        const uint64_t gone = load_le64(from) >> shift | uint64_t{from[8]} << 1 << (63 - shift);
-        store_le64(into + i, load_le64(into + i) & ~gone);
-    }
-    const auto byte = [&](size_t at) -> uint32_t { return at < all.size() ? all[at] : 0; };
-    for (; i < bytes; i++) {
-        into[i] = static_cast<uint8_t>(into[i] & ~((byte(first + i) | byte(first + i + 1) << 8) >> shift));
-    }
+    combine_part(into, all, range, [](uint64_t a, uint64_t b) { return a & ~b; });
+}
+
+void range_bitmap_or_part(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range) {
+    combine_part(into, all, range, [](uint64_t a, uint64_t b) { return a | b; });
+    clear_tail(into, range);
 }
 
 void range_bitmap_or(uint8_t* into, const uint8_t* other, const id_range_t& range) {

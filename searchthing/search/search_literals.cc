@@ -27,9 +27,23 @@ int position_reader(conjunction_context* context, uint32_t term) {
     return _seek_reader(&context->reader, term, &context->rc);
 }
 
+// Positions the reader on a list, unless all of its bits are at hand.
+int open_list(conjunction_context* context, uint32_t term, std::span<const uint8_t>* bits) {
+    kept_lists& lists = context->handle->lists;
+    *bits = lists.find(term);
+    if (!bits->empty()) return 0;
+    ST_TRY(position_reader(context, term));
+    return lists.decode(term, &context->reader, bits, &context->rc);
+}
+
 // ORs the postings of one term into a bitmap over the context's range.
 int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint32_t term, uint8_t* bitmap) {
-    ST_TRY(position_reader(context, term));
+    std::span<const uint8_t> bits;
+    ST_TRY(open_list(context, term, &bits));
+    if (!bits.empty()) {
+        range_bitmap_or_part(bitmap, bits, context->range);
+        return 0;
+    }
     return plist_or_into_bitmap(&context->reader, bitmap, context->range.begin, context->range.end, &context->rc);
 }
 
@@ -98,9 +112,17 @@ int start_list(conjunction_context* context, uint32_t capacity, running_match* m
     return _set_rc_verbose(&context->rc, WARM_RC_CORRUPT, first, "a posting list is longer than its count");
 }
 
-// Keeps the ids of the list that the positioned list holds too: the shorter list leads, the longer one skips.
-int intersect_list(conjunction_context* context, running_match* match) {
+// Keeps the ids of the list that the term's list holds too, or with `keep` false the others: the shorter list leads, the
+// longer one skips.
+int filter_by_list(conjunction_context* context, uint32_t term, bool keep, running_match* match) {
     uint32_t kept = 0;
+    std::span<const uint8_t> bits;
+    ST_TRY(open_list(context, term, &bits));
+    if (!bits.empty()) {
+        const id_range_t all = {.begin = 0, .end = context->bufcap, .begin_preamble = 0, .computed = true};
+        match->count = _filter_values(match->list.data(), match->count, bits.data(), all, keep);
+        return 0;
+    }
     uint32_t other = 0;
     bool started = false;
     for (uint32_t i = 0; i < match->count; i++) {
@@ -109,9 +131,8 @@ int intersect_list(conjunction_context* context, running_match* match) {
             ST_TRY(_seek(&context->reader, id, &other, &context->rc));
             started = true;
         }
-        if (other == PLIST_END) break;
         match->list[kept] = id;
-        kept += other == id ? 1 : 0;
+        kept += (other == id) == keep ? 1 : 0;
     }
     match->count = kept;
     return 0;
@@ -152,11 +173,11 @@ int _decompress_list_as_conjunction(conjunction_context* context, std::vector<te
     });
     if (exact && prefers_bitmap(context, terms)) return intersect_as_bitmaps(context, terms, match);
     for (const term_lookup_t& term : terms) {
-        ST_TRY(position_reader(context, term.id));
         if (!match->has_list) {
+            ST_TRY(position_reader(context, term.id));
             ST_TRY(start_list(context, std::min(term.count, context->range.size()), match));
         } else {
-            ST_TRY(intersect_list(context, match));
+            ST_TRY(filter_by_list(context, term.id, true, match));
         }
         if (match->count == 0) {
             match->none = true;
@@ -243,6 +264,27 @@ int apply_filters(conjunction_context* context, const literal_group& group, runn
     return 0;
 }
 
+// Takes what the negative literals match out of a list, without a look at the rest of the range.
+int exclude_from_list(conjunction_context* context, const literal_group& group, running_match* match) {
+    buffer<uint8_t> filter;
+    for (const std::string& literal : group.negative) {
+        if (match->count == 0) break;
+        const term_lookup_t* term = nullptr;
+        if (!is_wildcard(context, literal)) ST_TRY(lookup_exact(context, literal, &term));
+        if (term == nullptr) {
+            ST_TRY(fresh_bitmap(context, &filter));
+            ST_TRY(or_literal(context, literal, filter.data()));
+            match->count = _filter_values(match->list.data(), match->count, filter.data(), context->range, false);
+        } else if (term->everywhere) {
+            match->count = 0;
+        } else if (term->exists) {
+            ST_TRY(filter_by_list(context, term->id, false, match));
+        }
+    }
+    match->none = match->count == 0;
+    return 0;
+}
+
 void hand_over(conjunction_context* context, running_match* match, query_result_t* result) {
     ST_ASSERT(!match->none && (!match->has_list || (match->count > 0 && match->bitmap.empty())));
     result->tsval_list = std::move(match->list);
@@ -274,7 +316,10 @@ int and_group(conjunction_context* context, const literal_group& group, bool exa
     }
     ST_TRY(apply_filters(context, group, &match));
     if (match.none) return 0;
-    if (!group.negative.empty()) {
+    if (match.has_list) {
+        ST_TRY(exclude_from_list(context, group, &match));
+        if (match.none) return 0;
+    } else if (!group.negative.empty()) {
         ST_TRY(range_bitmap_alloc(&result->not_bitmap, context->range, &context->rc));
         for (const std::string& literal : group.negative) {
             ST_TRY(or_literal(context, literal, result->not_bitmap.data()));

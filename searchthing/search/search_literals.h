@@ -40,7 +40,7 @@ struct literal_group {
 //   a list       capacity = its length, above 0
 //   bits         a bitmap; capacity = the slice's value count, here the context's `bufcap` (AND), or 0 (OR)
 //   everything   capacity = the value count, no list, no bitmap
-// and, from AND groups only, a bitmap of the values that negative literals exclude.
+// and, from AND groups that are bits or everything only, a bitmap of the values that negative literals exclude.
 struct query_result_s {
     uint32_t tsval_list_capacity = 0;
     buffer<uint32_t> tsval_list;

@@ -90,11 +90,14 @@ int select_match_open(const selection_t& selection, select_match_t* match, warm_
 }
 
 int select_lists::position(uint32_t term, warm_rc_t* rc) {
+    kept_ = selection_.warm->lists.find(term);
+    if (!kept_.empty()) return 0;
     if (!is_open_) {
         ST_TRY(_init_reader(&reader_, selection_.warm, 1024, selection_.query->spec.info, rc));
         is_open_ = true;
     }
-    return _seek_reader(&reader_, term, rc);
+    ST_TRY(_seek_reader(&reader_, term, rc));
+    return selection_.warm->lists.decode(term, &reader_, &kept_, rc);
 }
 
 int select_lists::look_up(uint32_t term, bool* is_possible, uint32_t* count, warm_rc_t* rc) {
@@ -113,7 +116,11 @@ int select_lists::read_dense(uint32_t begin, uint32_t end, warm_rc_t* rc) {
     const size_t bytes = _calc_bitmap_size(begin, end);
     const uint8_t* const match = match_.bits.data() + (begin - match_.range.begin) / 8;
     std::memset(dense_.data(), 0, bytes);
-    ST_TRY(plist_or_into_bitmap(&reader_, dense_.data(), begin, end, rc));
+    if (kept_.empty()) {
+        ST_TRY(plist_or_into_bitmap(&reader_, dense_.data(), begin, end, rc));
+    } else {
+        range_bitmap_or_part(dense_.data(), kept_, {.begin = begin, .end = end, .begin_preamble = 0, .computed = true});
+    }
     size_t i = 0;
     for (; i + 8 <= bytes; i += 8) store_le64(dense_.data() + i, load_le64(dense_.data() + i) & load_le64(match + i));
     for (; i < bytes; i++) dense_.data()[i] = static_cast<uint8_t>(dense_.data()[i] & match[i]);
@@ -133,9 +140,10 @@ int select_lists::count(uint32_t term, uint32_t list_count, std::span<const sele
         while (id >= stretches[stretch].end) stretch++;
         counts[stretch]++;
     };
-    if (!is_dense(list_count)) return each(term, list_count, begin, match_.range.end, add, rc);
     ST_TRY(position(term, rc));
-    if (is_probed(list_count)) return each(term, list_count, begin, match_.range.end, add, rc);
+    if (!is_dense(list_count) || is_probed(list_count)) {
+        return each_here(list_count, begin, match_.range.end, add, rc);
+    }
     selection_.report->lists_counted++;
     ST_TRY(read_dense(begin, match_.range.end, rc));
     for (; stretch < stretches.size(); stretch++) {

@@ -73,11 +73,15 @@ class select_lists {
   private:
     static constexpr uint32_t COPIED = 1024;
 
+    // Positions the reader on a list, or has its bits at hand in `kept_`.
     [[nodiscard]] int position(uint32_t term, warm_rc_t* rc);
-    bool is_dense(uint32_t list_count) const { return list_count >= match_.range.size() / 32; }
+    // `each` for the list that was positioned on.
+    template <typename Fn>
+    [[nodiscard]] int each_here(uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc);
+    bool is_dense(uint32_t list_count) const { return !kept_.empty() || list_count >= match_.range.size() / 32; }
     // Of a bitmap the chunks that hold a match are read and only those; gaps are passed eight at a time.
     bool is_probed(uint32_t list_count) const {
-        if (match_.ids.empty()) return false;
+        if (match_.ids.empty() || !kept_.empty()) return !match_.ids.empty();
         const bool is_bitmap = reader_.plo_type == PLO_BMAP;
         return match_.ids.size() <= (is_bitmap ? match_.range.size() / 2048 : list_count / 8);
     }
@@ -88,7 +92,8 @@ class select_lists {
     const select_match_t& match_;
     plist_reader reader_;
     bool is_open_ = false;
-    buffer<uint8_t> dense_;  // has room for the match's range
+    std::span<const uint8_t> kept_;  // the list's bits over all values; empty: the reader has the list
+    buffer<uint8_t> dense_;          // has room for the match's range
     uint32_t copied_[COPIED];
 };
 
@@ -96,9 +101,20 @@ template <typename Fn>
 int select_lists::each(uint32_t term, uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc) {
     ST_ASSERT(match_.range.begin <= begin && end <= match_.range.end);
     ST_TRY(position(term, rc));
+    return each_here(list_count, begin, end, fn, rc);
+}
+
+template <typename Fn>
+int select_lists::each_here(uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc) {
     if (is_probed(list_count)) {
         selection_.report->lists_probed++;
         const auto first = std::lower_bound(match_.ids.begin(), match_.ids.end(), begin);
+        if (!kept_.empty()) {
+            for (auto at = first; at != match_.ids.end() && *at < end; ++at) {
+                if ((kept_[*at / 8] >> (*at % 8) & 1) != 0) fn(*at);
+            }
+            return 0;
+        }
         uint32_t found = 0;
         for (auto at = first; at != match_.ids.end() && *at < end; ++at) {
             if (found < *at || at == first) ST_TRY(_seek(&reader_, *at, &found, rc));

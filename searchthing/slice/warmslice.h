@@ -21,6 +21,7 @@
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"
+#include "searchthing/slice/kept_lists.h"
 #include "searchthing/values/term_meta.h"
 #include "searchthing/values/tsval.h"
 
@@ -74,6 +75,7 @@ struct st_warm_slice {
     uint64_t file_size = 0;                                   // when it was opened
     uint64_t lexicon_size = 0;                                // bytes of the forward lexicon
     buffer<uint8_t> owned;                                    // a slice in memory: the whole slice
+    kept_lists lists;
     // Metric slices with runs only, made on first use: what is remembered between reads.
     std::unique_ptr<warm_metric_t, warm_metric_closer> metric;
 };
