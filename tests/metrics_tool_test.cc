@@ -94,6 +94,8 @@ TEST(MetricsTool, LoadDumpLoadGivesEqualStores) {
         EXPECT_EQ(files_in(first, ".tsidx").size(), 1u);
         EXPECT_EQ(must({"metrics", "--dir", first, "dump"}), dump);
         must({"fsck", first});
+        const std::string events = must({"dump", first});
+        EXPECT_EQ(std::count(events.begin(), events.end(), '\n'), static_cast<ptrdiff_t>(sample_lines(dump).size()));
         write_file(file, dump);
         must({"metrics", "--dir", second, "load", file});
         EXPECT_EQ(must({"metrics", "--dir", second, "dump"}), dump);

@@ -259,6 +259,7 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
         {"Europe/Berlin", "40m", 1711845000, 1711848000, {1711844400, 1711846800, 1711848000}},
         // Half an hour is skipped in Lord Howe, at 02:00 of 2023-10-01: 15:30 UTC.
         {"Australia/Lord_Howe", "1h", 1696087000, 1696091400, {1696084200, 1696087800, 1696089600}},
+        {"UTC", "1mo", -5, 5, {-2678400, 0}},
     };
     for (const auto& one : cases) {
         log_zone zone;
