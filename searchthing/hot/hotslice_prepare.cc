@@ -75,8 +75,8 @@ void st_list_head_qsort(st_hot_slice& hot) {
     }
 }
 
-// Deals the nodes, newest first, to their terms' stretches of the posting array.
-void deal_postings(st_hot_slice& hot) {
+// Divides the posting array into a stretch for each term, in order; returns how many postings there are.
+uint32_t start_cursors(st_hot_slice& hot) {
     uint32_t total = 0;
     for (uint32_t rank = 0; rank < hot.table.count; rank++) {
         const uint32_t id = hot.sort_keys[rank].index;
@@ -85,6 +85,12 @@ void deal_postings(st_hot_slice& hot) {
         total += hot.table.terms[id].postings;
     }
     ST_ASSERT(total == hot.list_node_index && total <= hot.postings.size());
+    return total;
+}
+
+// Deals the nodes, newest first, to their terms' stretches.
+void deal_postings(st_hot_slice& hot) {
+    const uint32_t total = start_cursors(hot);
     uint32_t* const cursors = hot.cursors.data();
     uint32_t* const postings = hot.postings.data();
     const uint32_t* const numbers = hot.mode == HOT_STREAMING ? nullptr : hot.values_map.data();
@@ -93,6 +99,26 @@ void deal_postings(st_hot_slice& hot) {
         postings[cursors[posting.term]++] =
             numbers == nullptr ? posting.value - hot.value_index : numbers[posting.value];
     }
+}
+
+// The same for values that did not arrive in order while the nodes of each stand together: value by value in the order of
+// their numbers, so that every list ascends. False when memory is short, and nothing is dealt.
+bool deal_postings_by_number(st_hot_slice& hot) {
+    const uint32_t count = hot.value_index;
+    buffer<uint32_t> ends;  // of the nodes of each value
+    if (!ends.alloc(count)) return false;
+    const uint32_t total = start_cursors(hot);
+    for (uint32_t node = 0; node < total; node++) ends[hot.nodes[node].value] = node + 1;
+    // Values without a node end where the one before does.
+    for (uint32_t slot = 1; slot < count; slot++) ends[slot] = std::max(ends[slot], ends[slot - 1]);
+    for (uint32_t number = 0; number < count; number++) {
+        const uint32_t slot = hot.value_order[number];
+        for (uint32_t node = slot == 0 ? 0 : ends[slot - 1]; node < ends[slot]; node++) {
+            ST_ASSERT(hot.nodes[node].value == slot);
+            hot.postings[hot.cursors[hot.nodes[node].term]++] = number;
+        }
+    }
+    return true;
 }
 
 // Drops duplicates from sorted numbers; in metric mode those of one dimension set are duplicates. Returns the new end.
@@ -128,17 +154,20 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
     const uint32_t count = st_hot_slice_values(hot);
     if (!hot->fills_downward() && count == 0) return _set_rc_msg(rc, WARM_RC_FAILED, "hot slice holds no values");
     if (!hot->prepared) {
-        // Values that arrived oldest first, and nodes that never went back to an older value, leave every list
-        // ascending and free of duplicates.
-        bool lists_ascend = hot->mode != HOT_METRIC;
+        // Nodes that never went back to an older value leave every list free of duplicates, and ascending too when the
+        // values arrived oldest first or are dealt by number.
+        bool lists_ascend = hot->mode != HOT_METRIC, in_order = true;
         if (!hot->fills_downward()) {
-            const bool in_order = values_arrived_in_order(*hot);
-            lists_ascend = in_order && hot->nodes_ordered;
+            in_order = values_arrived_in_order(*hot);
+            lists_ascend = hot->nodes_ordered;
             order_values(*hot, in_order);
         }
         st_list_head_qsort(*hot);
         if (hot->mode == HOT_METRIC) ST_TRY(hot_metrics_order(*hot, rc));
-        deal_postings(*hot);
+        if (in_order || !lists_ascend || !deal_postings_by_number(*hot)) {
+            deal_postings(*hot);
+            lists_ascend = lists_ascend && in_order;
+        }
         const uint32_t total = lists_ascend ? hot->list_node_index : order_postings(*hot, hot->list_node_index);
         if (hot->mode == HOT_METRIC) hot_metrics_count_loose(*hot);
 
