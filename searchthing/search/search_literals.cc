@@ -17,6 +17,8 @@ namespace veldar {
 namespace {
 
 constexpr uint32_t CANDIDATES_ENOUGH = 100;
+// The lists of more terms than these, which a wildcard or a comparison stands for, would drive all others out.
+constexpr size_t FEW_TERMS = 8;
 
 int position_reader(conjunction_context* context, uint32_t term) {
     if (!context->reader_open) {
@@ -27,19 +29,20 @@ int position_reader(conjunction_context* context, uint32_t term) {
     return _seek_reader(&context->reader, term, &context->rc);
 }
 
-// Positions the reader on a list, unless all of its bits are at hand.
-int open_list(conjunction_context* context, uint32_t term, std::span<const uint8_t>* bits) {
+// Positions the reader on a list, unless all of its bits are at hand. With `keep` they may be kept from now on.
+int open_list(conjunction_context* context, uint32_t term, bool keep, std::span<const uint8_t>* bits) {
     kept_lists& lists = context->handle->lists;
     *bits = lists.find(term);
     if (!bits->empty()) return 0;
     ST_TRY(position_reader(context, term));
+    if (!keep) return 0;
     return lists.decode(term, &context->reader, bits, &context->rc);
 }
 
 // ORs the postings of one term into a bitmap over the context's range.
-int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint32_t term, uint8_t* bitmap) {
+int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint32_t term, bool keep, uint8_t* bitmap) {
     std::span<const uint8_t> bits;
-    ST_TRY(open_list(context, term, &bits));
+    ST_TRY(open_list(context, term, keep, &bits));
     if (!bits.empty()) {
         range_bitmap_or_part(bitmap, bits, context->range);
         return 0;
@@ -48,8 +51,9 @@ int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint3
 }
 
 int _proc_terms(conjunction_context* context, const std::vector<uint32_t>& terms, uint8_t* bitmap) {
+    const bool keep = terms.size() <= FEW_TERMS;
     for (const uint32_t term : terms) {
-        const int status = _decompress_list_as_deferred_disjunction(context, term, bitmap);
+        const int status = _decompress_list_as_deferred_disjunction(context, term, keep, bitmap);
         if (status != 0) {
             return _set_rc_verbose(&context->rc, status, term, "_proc_term._decompress_list_as_deferred_disjunction");
         }
@@ -71,7 +75,7 @@ int or_literal(conjunction_context* context, const std::string& literal, uint8_t
         range_bitmap_fill(bitmap, context->range);
         return 0;
     }
-    return _decompress_list_as_deferred_disjunction(context, term->id, bitmap);
+    return _decompress_list_as_deferred_disjunction(context, term->id, true, bitmap);
 }
 
 // The values that one comparison matches, into a zeroed bitmap.
@@ -117,7 +121,7 @@ int start_list(conjunction_context* context, uint32_t capacity, running_match* m
 int filter_by_list(conjunction_context* context, uint32_t term, bool keep, running_match* match) {
     uint32_t kept = 0;
     std::span<const uint8_t> bits;
-    ST_TRY(open_list(context, term, &bits));
+    ST_TRY(open_list(context, term, true, &bits));
     if (!bits.empty()) {
         const id_range_t all = {.begin = 0, .end = context->bufcap, .begin_preamble = 0, .computed = true};
         match->count = _filter_values(match->list.data(), match->count, bits.data(), all, keep);
@@ -153,7 +157,7 @@ int intersect_as_bitmaps(conjunction_context* context, const std::vector<term_lo
         } else {
             target.clear();
         }
-        ST_TRY(_decompress_list_as_deferred_disjunction(context, term.id, target.data()));
+        ST_TRY(_decompress_list_as_deferred_disjunction(context, term.id, true, target.data()));
         if (!first) range_bitmap_and(match->bitmap.data(), other.data(), context->range);
         if (range_bitmap_empty(match->bitmap.data(), context->range)) {
             match->none = true;

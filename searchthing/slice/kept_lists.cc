@@ -17,7 +17,7 @@ constexpr uint64_t MAX_SLICE_BYTES = uint64_t{8} << 20, MAX_PROCESS_BYTES = uint
 // Below so many numbers lists are decoded faster than they are looked up here.
 constexpr uint32_t MIN_NUMBERS = 64;
 // A list of fewer bytes than this part of the numbers is decoded quickly.
-constexpr uint32_t SHORT_PART = 64;
+constexpr uint32_t SHORT_PART = 256;
 
 std::atomic<uint64_t> process_bytes = 0;
 
