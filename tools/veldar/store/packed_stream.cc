@@ -165,7 +165,7 @@ bool packed_open(packed_stream* packed, packed_format_t format, int fd, bool see
     in->fd = fd;
     in->seekable = seekable;
     if (!in->bytes.alloc(IN_SIZE)) return out_of_memory(error);
-    std::memcpy(in->bytes.data(), taken.data(), taken.size());
+    std::copy(taken.begin(), taken.end(), in->bytes.data());
     in->next = in->bytes.data();
     in->left = in->offset = taken.size();
     return packed->decoder->begin(error);
