@@ -89,15 +89,18 @@ int select_match_open(const selection_t& selection, select_match_t* match, warm_
     return read_times(selection, match, rc);
 }
 
-int select_lists::position(uint32_t term, warm_rc_t* rc) {
-    kept_ = selection_.warm->lists.find(term);
+int select_lists::position(uint32_t term, uint32_t list_count, warm_rc_t* rc) {
+    // The bits of a short list take longer to go through than the list, unless they are looked at here and there.
+    const bool is_long = list_count >= match_.range.size() / 64;
+    const bool pays = is_long || (!match_.ids.empty() && match_.ids.size() <= list_count / 8);
+    kept_ = pays ? selection_.warm->lists.find(term) : std::span<const uint8_t>();
     if (!kept_.empty()) return 0;
     if (!is_open_) {
         ST_TRY(_init_reader(&reader_, selection_.warm, 1024, selection_.query->spec.info, rc));
         is_open_ = true;
     }
     ST_TRY(_seek_reader(&reader_, term, rc));
-    return selection_.warm->lists.decode(term, &reader_, &kept_, rc);
+    return pays ? selection_.warm->lists.decode(term, &reader_, &kept_, rc) : 0;
 }
 
 int select_lists::look_up(uint32_t term, bool* is_possible, uint32_t* count, warm_rc_t* rc) {
@@ -140,7 +143,7 @@ int select_lists::count(uint32_t term, uint32_t list_count, std::span<const sele
         while (id >= stretches[stretch].end) stretch++;
         counts[stretch]++;
     };
-    ST_TRY(position(term, rc));
+    ST_TRY(position(term, list_count, rc));
     if (!is_dense(list_count) || is_probed(list_count)) {
         return each_here(list_count, begin, match_.range.end, add, rc);
     }

@@ -74,7 +74,7 @@ class select_lists {
     static constexpr uint32_t COPIED = 1024;
 
     // Positions the reader on a list, or has its bits at hand in `kept_`.
-    [[nodiscard]] int position(uint32_t term, warm_rc_t* rc);
+    [[nodiscard]] int position(uint32_t term, uint32_t list_count, warm_rc_t* rc);
     // `each` for the list that was positioned on.
     template <typename Fn>
     [[nodiscard]] int each_here(uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc);
@@ -100,7 +100,7 @@ class select_lists {
 template <typename Fn>
 int select_lists::each(uint32_t term, uint32_t list_count, uint32_t begin, uint32_t end, Fn fn, warm_rc_t* rc) {
     ST_ASSERT(match_.range.begin <= begin && end <= match_.range.end);
-    ST_TRY(position(term, rc));
+    ST_TRY(position(term, list_count, rc));
     return each_here(list_count, begin, end, fn, rc);
 }
 

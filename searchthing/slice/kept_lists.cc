@@ -38,6 +38,7 @@ void kept_lists::drop(size_t number) {
     ST_ASSERT(bytes_ >= bytes);
     bytes_ -= bytes;
     process_bytes -= bytes;
+    kept_[entries_[number].term % REMAINDERS]--;
     if (number + 1 != entries_.size()) std::swap(entries_[number], entries_.back());
     entries_.pop_back();
 }
@@ -58,6 +59,7 @@ bool kept_lists::make_room(uint64_t bytes) {
 }
 
 std::span<const uint8_t> kept_lists::find(uint32_t term) {
+    if (kept_[term % REMAINDERS] == 0) return {};
     for (entry& kept : entries_) {
         if (kept.term != term) continue;
         kept.used = ++clock_;
@@ -68,7 +70,7 @@ std::span<const uint8_t> kept_lists::find(uint32_t term) {
 
 int kept_lists::decode(uint32_t term, plist_reader* reader, std::span<const uint8_t>* bits, warm_rc_t* rc) {
     *bits = {};
-    uint32_t& asked = asked_[term % asked_.size()];
+    uint32_t& asked = asked_[term % REMAINDERS];
     if (!is_long(*reader) || std::exchange(asked, term) != term) return 0;
     const uint64_t size = _calc_bitmap_size(0, reader->num_values);
     entry made = {term, ++clock_, {}};
@@ -85,6 +87,7 @@ int kept_lists::decode(uint32_t term, plist_reader* reader, std::span<const uint
     }
     bytes_ += size;
     process_bytes += size;
+    kept_[term % REMAINDERS]++;
     *bits = {entries_.back().bits.data(), entries_.back().bits.size()};
     return 0;
 }

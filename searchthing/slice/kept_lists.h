@@ -44,7 +44,10 @@ class kept_lists {
 
     std::vector<entry> entries_;
     uint64_t bytes_ = 0, clock_ = 0;
-    std::array<uint32_t, 256> asked_;  // the term that was asked for last of those with the same remainder
+    // By the remainder of a term: the one asked for last, and how many are kept, so that most are missed at once.
+    static constexpr uint32_t REMAINDERS = 256;
+    std::array<uint32_t, REMAINDERS> asked_;
+    std::array<uint8_t, REMAINDERS> kept_ = {};
 };
 
 }  // namespace veldar
