@@ -94,7 +94,7 @@ double select_cell_minimum(const select_cell_t& cell);
 double select_cell_maximum(const select_cell_t& cell);
 double select_cell_average(const select_cell_t& cell);
 double select_cell_distinct(const select_cell_t& cell, bool* is_estimate);
-// The value of rank ceil(q n) of the n numbers, q from 0 to 1; beyond 4,096 different ones within 1 % of it.
+// The value of rank ceil(q n) of the n numbers, q from 0 to 1; beyond 4,096 different ones an estimate within 1 %.
 double select_cell_quantile(const select_cell_t& cell, double q, bool* is_estimate);
 
 }  // namespace veldar

@@ -20,8 +20,8 @@ namespace veldar {
 // that begins when the call has returned. A delete that was interrupted, even by the death of its process, is repaired by
 // repeating it. A slice whose events are all deleted is removed.
 //
-// Each function returns the number of events that were not marked before, or WARM_RC_LOCK when the lock cannot be had
-// (nothing has changed), WARM_RC_UNSUPPORTED for a metric directory or slice or a handle open for reading,
+// Each of the deletes returns the number of events that were not marked before, or WARM_RC_LOCK when the lock cannot be
+// had (nothing has changed), WARM_RC_UNSUPPORTED for a metric directory or slice or a handle open for reading,
 // WARM_RC_WRITE when marks may not have reached the disk, or a failure of reading (tsidx_read.h).
 
 // Deletes the events with these keys, time and address, in every slice that has them. The keys are in any order; one
