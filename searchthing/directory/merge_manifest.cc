@@ -81,10 +81,10 @@ std::string as_word(std::string text) {
 }  // namespace
 
 merge_owner_t merge_owner_self() {
-    char boot[64] = {};
+    char boot[64];
     const unique_fd fd(os_retry([] { return ::open(BOOT_ID_PATH, O_RDONLY | O_CLOEXEC); }));
-    if (fd.valid() && ::read(fd.get(), boot, sizeof boot - 1) <= 0) boot[0] = '\0';
-    return {::getpid(), as_word(boot), as_word(os_host_name().text)};
+    const ssize_t size = fd.valid() ? ::read(fd.get(), boot, sizeof boot) : 0;
+    return {::getpid(), as_word({boot, boot + std::max<ssize_t>(size, 0)}), as_word(os_host_name().text)};
 }
 
 std::string merge_manifest_owner_text(const merge_owner_t& owner) {
