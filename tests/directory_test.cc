@@ -145,6 +145,13 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         EXPECT_EQ(st_tsidx_meta(open_for_reading(dir.path()).get(), &meta), WARM_RC_RETRIES);
         EXPECT_EQ(pauses.microseconds() - before, 1027000u) << "between listings";
     }
+    for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
+        const directory_ptr starved = open_for_reading(dir.path());
+        const fault_step step(fault_action::allocation, nth);
+        const int count = st_tsidx_query(starved.get(), &query, answers, 10, 1);
+        last = step.allocations();
+        EXPECT_TRUE(count == 3 || (count == WARM_RC_NO_MEMORY && st_tsidx_get_warm_rc(starved.get()) == count)) << nth;
+    }
     // A file that is open in the cache when it goes is not asked again.
     const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);

@@ -152,7 +152,9 @@ TEST(HotSlice, CreationLimits) {
     EXPECT_EQ(st_hot_slice_create(65536, 512, 1024, 1024, 8192, ~uint64_t{0}, 1024, false, true, nullptr, &rc),
               nullptr);
     EXPECT_EQ(rc.warm_rc, WARM_RC_DOES_NOT_FIT);
-    EXPECT_EQ(prepare(make_hot()).code, -1) << "no values";
+    const hot_ptr sized = make_hot({.lexicon = 70000, .terms = 257, .postings = 9000, .values = 1000});
+    EXPECT_EQ(st_hot_slice_size(sized.get()), 260880u);
+    EXPECT_EQ(prepare(sized).code, -1) << "no values";
 }
 
 // Each hard limit refuses without a trace, and each soft limit is reported before its hard limit. 257 terms count as

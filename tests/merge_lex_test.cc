@@ -102,6 +102,9 @@ TEST_F(MergedLexicon, ATermThatComesTwiceIsRefused) {
 TEST_F(MergedLexicon, FailuresKeepTheOldOne) {
     put_slices(3);
     const directory_ptr tsidx = open_directory(dir.path());
+    forge_event large{.time = 5, .terms = {}};  // its terms are more than one piece of a lexicon
+    for (char c = '0'; c <= 'z'; c++) large.terms.emplace_back(2000, c);
+    ASSERT_TRUE(put_event(tsidx.get(), large) == 0 && st_tsidx_sync(tsidx.get()) == 0);
     ASSERT_EQ(st_tsidx_merge_lex_n(tsidx.get(), 2, 64, 0, &rc), 0);
     const std::string old = read_file(dir.file("merged_lexicon.lex"));
     int failures = 0;

@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
+#include <list>
 #include <random>
 #include <vector>
 
 #include "libzero/endian.h"
+#include "searchthing/slice/kept_lists.h"
 #include "searchthing/slice/warmslice_lists.h"
+#include "tests/support/faults.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 
@@ -197,6 +201,72 @@ TEST(Plist, LongListsSurviveWriterAndReader) {
     }
 }
 
+// Asks for a list; whether its bits are kept. They, or else the reader, begin with the number `first`.
+bool ask(kept_lists* lists, reader_owner* r, uint32_t term, uint32_t first) {
+    std::span<const uint8_t> bits = lists->find(term);
+    if (bits.empty()) {
+        EXPECT_EQ(r->seek_term(term), 0);
+        EXPECT_EQ(lists->decode(term, &r->reader, &bits, &r->rc), 0) << r->rc.message;
+    }
+    EXPECT_EQ(bits.empty() ? r->next() : static_cast<uint32_t>(std::countr_zero(load_le64(bits.data()))), first);
+    return !bits.empty();
+}
+
+// Of a slice 8 MiB, which four lists fill here, and 64 lists; of the process 64 MiB.
+TEST(KeptLists, AreBounded) {
+    std::string section(1, '\0');
+    std::vector<std::pair<uint64_t, uint32_t>> entries;
+    for (char term = 1; term < 67; term++) {
+        entries.emplace_back(section.size(), PLO_BMAP);
+        section += {static_cast<char>(term % 60), 1};
+    }
+    entries.emplace_back(section.size(), PLO_RLE);
+    lists_only large(section, entries, (16 << 20) - 8), small(section, entries, 1000);
+    reader_owner r(&large.warm), of_small(&small.warm);
+    std::list<kept_lists> slices(8);
+    for (kept_lists& lists : slices) {
+        for (uint32_t term = 1; term <= 4; term++) {
+            EXPECT_FALSE(ask(&lists, &r, term, term));
+            EXPECT_TRUE(ask(&lists, &r, term, term)) << "asked again";
+        }
+    }
+    kept_lists last;
+    for (int i = 0; i < 3; i++) EXPECT_FALSE(ask(&last, &r, 1, 1)) << "the others have it all";
+    kept_lists& first = slices.front();
+    EXPECT_FALSE(first.find(1).empty());
+    for (const bool again : {false, true}) EXPECT_EQ(ask(&first, &r, 5, 5), again);
+    for (uint32_t term = 1; term <= 5; term++) EXPECT_EQ(first.find(term).empty(), term == 2) << term;
+    slices.pop_back();
+    for (const uint64_t nth : {1, 2}) {
+        const fault_step no_memory(fault_action::allocation, nth);
+        EXPECT_FALSE(ask(&last, &r, 1, 1));
+    }
+    EXPECT_TRUE(ask(&last, &r, 1, 1));
+    kept_lists many;
+    for (uint32_t term = 1; term <= 65; term++) {
+        for (const bool again : {false, true}) EXPECT_EQ(ask(&many, &of_small, term, term % 60), again) << term;
+    }
+    EXPECT_TRUE(many.find(1).empty() && !many.find(2).empty());
+}
+
+TEST(KeptLists, AreLongAndSound) {
+    const struct {
+        std::string section;
+        uint32_t values;
+        bool kept;
+    } cases[] = {{"\x05\x06", 63, false},
+                 {"\x05\x06", 64, true},
+                 {"\x05\x06\x07\x01", 1024, false},
+                 {"\x05\x06\x07\x01\x01", 1024, true},
+                 {"\x05\x60", 100, false}};  // a gap past the values
+    for (const auto& c : cases) {
+        lists_only slice(c.section, {{c.section.size(), PLO_RLE}}, c.values);
+        reader_owner r(&slice.warm);
+        kept_lists lists;
+        for (int i = 0; i < 4; i++) EXPECT_EQ(ask(&lists, &r, 0, 5), c.kept && i > 0) << c.section.size();
+    }
+}
+
 TEST(Plist, RleBytes) {
     const ids_t sets = {4, 4, 4, 4, 1, 1, 2, 2, 2};
     const struct {
@@ -211,10 +281,10 @@ TEST(Plist, RleBytes) {
                  {{1, 2, 300}, std::string("\x01\x00\x01\xAA\x02", 5)},
                  {{0, 5, 6}, std::string("\x00\x05\x00\x01", 4)},
                  {{0, 1, 3, 5, 6, 7, 8}, std::string("\x00\x03\x02\x00\x01\x02", 6), sets}};
+    plist_writer_t plw;  // opened again and again
     for (const auto& c : cases) {
         temp_dir dir;
         const unique_fd fd = open_file(dir.file("list"));
-        plist_writer_t plw;
         _plist_writer_open(&plw, fd.get(), 0, c.map);
         ASSERT_EQ(_plist_writer_start_term(&plw), 0);
         for (const uint32_t id : c.ids) ASSERT_EQ(_plist_writer_put(&plw, id), 0);

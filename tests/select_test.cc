@@ -440,6 +440,7 @@ TEST_F(Select, SketchesKeepTheirErrors) {
     std::mt19937_64 random(5);
     for (const uint32_t count : {4096u, 4097u, 20000u, 50000u, 300000u}) {
         std::vector<select_cell_t> cells(7);
+        std::vector<size_t> bytes(cells.size());
         std::vector<double> numbers;
         constexpr uint32_t ALL = SELECT_ALL_AGGREGATES;
         select_cell_t whole;
@@ -447,13 +448,15 @@ TEST_F(Select, SketchesKeepTheirErrors) {
             const double sign = i % 5 == 0 ? -1 : 1;
             const double number = i % 97 == 0 ? 0 : sign * std::exp(static_cast<double>(random() % 60000) / 2000 - 10);
             const std::string text = number_text(number) + "/" + std::to_string(i);
-            select_cell_add(&cells[random() % cells.size()], {text, number, true}, 1, ALL);
+            const size_t cell = random() % cells.size();
+            bytes[cell] += select_cell_add(&cells[cell], {text, number, true}, 1, ALL);
             select_cell_add(&whole, {text, number, true}, 1, ALL);
             numbers.push_back(number);
         }
         while (cells.size() > 1) {
             const size_t into = random() % (cells.size() - 1);
-            select_cell_merge(&cells[into], cells.back());
+            bytes[into] += select_cell_merge(&cells[into], cells.back());
+            EXPECT_GE(bytes[into], select_cell_size(cells[into]));
             cells.pop_back();
         }
         // This one has been bytes meanwhile.
@@ -538,6 +541,16 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
     EXPECT_STREQ(rc.message, "select cells");
     EXPECT_LE(rows, 1 << 18);
     EXPECT_GT(rows, 1 << 17);
+    // Nor more bytes.
+    select_table_t one;
+    select_table_init(&one, {});
+    ASSERT_TRUE(select_group(&one, "a group", &group, &rc) == 0 && select_row(&one, 0, group, &row, &rc) == 0);
+    EXPECT_GT(one.bytes, sizeof one.rows[0] + sizeof "a group");
+    for (const bool fits : {true, false}) {
+        select_table_init(&table, {});
+        table.bytes = SELECT_MAX_BYTES - one.bytes + !fits;
+        EXPECT_EQ(select_table_merge(&table, one, &rc), fits ? 0 : WARM_RC_NO_MEMORY);
+    }
 
     // Slices that know no fields, metrics without columns, and beside them what can be read.
     const temp_dir others;
