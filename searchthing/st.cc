@@ -106,6 +106,10 @@ int st_txn_close(THING* thing) {
     return st_tsidx_txn_close(directory_of(thing), &thing->txn);
 }
 
+int st_put_event(THING* thing, const st_txn* txn, std::span<const std::string_view> keywords) {
+    return st_tsidx_put_event(directory_of(thing), txn, keywords);
+}
+
 void st_txn_abort(THING* thing) {
     st_tsidx_txn_abort(directory_of(thing));
 }

@@ -93,10 +93,15 @@ TEST(Tsidx, Keywords) {
     EXPECT_EQ(put(std::string("a\0b", 3)), HOT_PUT_RC_BAD_KEYWORD);
     ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0) << "a refused put has told of it";
     EXPECT_EQ(put(""), 0);
+    EXPECT_EQ(st_tsidx_put_event(tsidx.get(), &txn, {}), WARM_RC_INVALID_ARGUMENT) << "one is open";
     EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &txn), 0);
     EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
     EXPECT_EQ(slices(dir), 0u) << "an event without keywords leaves no trace";
     EXPECT_EQ(st_tsidx_need_optimize(tsidx.get()), 0);
+    const std::vector<std::string_view> bad = {"good", {"ab\0defghij", 10}, {"abcdefghi\0k", 11}};
+    EXPECT_EQ(st_tsidx_put_event(tsidx.get(), &txn, std::span(bad).first(2)), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(st_tsidx_put_event(tsidx.get(), &txn, std::span(bad).last(1)), HOT_PUT_RC_BAD_KEYWORD);
+    EXPECT_EQ(st_tsidx_put_event(tsidx.get(), &txn, {}), 0);
     const uint32_t wide = uint32_t{1} << 31;
     EXPECT_EQ(put_event(tsidx.get(), {.s = wide, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(put_event(tsidx.get(), {.st = wide, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);

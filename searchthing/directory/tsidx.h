@@ -18,6 +18,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
+#include <string_view>
 
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/write_options.h"
@@ -138,5 +140,8 @@ void st_tsidx_txn_abort(TSIDX* tsidx);
 // types. A keyword that is no dimension by its beginning is kept in the set as one: it is found at exactly the events
 // that it was put with, and told among their dimensions.
 [[nodiscard]] int st_tsidx_txn_close(TSIDX* tsidx, const st_txn* txn);
+// A whole event: start, a put of every keyword, close, with the first of their results that is not 0. The keywords are
+// not copied before they are indexed.
+[[nodiscard]] int st_tsidx_put_event(TSIDX* tsidx, const st_txn* txn, std::span<const std::string_view> keywords);
 
 }  // namespace veldar

@@ -44,7 +44,7 @@ void warn_about_length(TSIDX* tsidx, size_t length) {
          tsidx->path.c_str());
 }
 
-void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t length) {
+const char* keep_text(tsidx_txn_buffer& buffered, const char* text, uint32_t length) {
     if (buffered.arena.size() - buffered.used < length) {
         const char* const before = buffered.arena.data();
         const size_t grown = std::max<size_t>(2 * (buffered.used + length), 16384);
@@ -55,9 +55,26 @@ void append_keyword(tsidx_txn_buffer& buffered, const char* text, uint32_t lengt
     }
     char* const copy = buffered.arena.data() + buffered.used;
     std::memcpy(copy, text, length);
-    buffered.keywords.push_back({.text = copy, .length = length, .hash = hot_slice_hash(copy, length)});
     buffered.used += length;
     ST_ASSERT(buffered.used <= buffered.arena.size());
+    return copy;
+}
+
+// Appends a keyword of the open transaction, whose text stays where it is unless it is to be kept.
+int put_keyword(TSIDX* tsidx, const char* text, size_t length, const st_txn& txn, bool keep) {
+    if (length == 0) return 0;
+    const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
+    const hot_hash_t hash = hot_slice_hash_checked(text, kept);
+    if (hash.has_nul) return lose_keyword(tsidx, HOT_PUT_RC_BAD_KEYWORD);
+    if (length > kept) warn_about_length(tsidx, length);
+    try {
+        if (keep) text = keep_text(tsidx->txn, text, kept);
+        tsidx->txn.keywords.push_back({.text = text, .length = kept, .hash = hash.hash});
+        if (tsidx->is_msidx) tsidx->txn.measures.push_back(txn.measure);
+    } catch (const std::bad_alloc&) {
+        return lose_keyword(tsidx, WARM_RC_NO_MEMORY);
+    }
+    return 0;
 }
 
 // Metric directories: whether the keywords make one dimension set with something measured under it. A field of a set
@@ -180,17 +197,15 @@ int st_tsidx_txn_start(TSIDX* tsidx, const st_txn* txn) {
 int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn* txn) {
     ST_ASSERT(tsidx != nullptr && txn != nullptr && (text != nullptr || length == 0));
     if (!tsidx->txn.open) return fail(tsidx, WARM_RC_INVALID_ARGUMENT, "no transaction is open");
-    if (length == 0) return 0;
-    const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
-    if (std::memchr(text, '\0', kept) != nullptr) return lose_keyword(tsidx, HOT_PUT_RC_BAD_KEYWORD);
-    if (length > kept) warn_about_length(tsidx, length);
-    try {
-        append_keyword(tsidx->txn, text, kept);
-        if (tsidx->is_msidx) tsidx->txn.measures.push_back(txn->measure);
-    } catch (const std::bad_alloc&) {
-        return lose_keyword(tsidx, WARM_RC_NO_MEMORY);
+    return put_keyword(tsidx, text, length, *txn, true);
+}
+
+int st_tsidx_put_event(TSIDX* tsidx, const st_txn* txn, std::span<const std::string_view> keywords) {
+    ST_TRY(st_tsidx_txn_start(tsidx, txn));
+    for (const std::string_view& keyword : keywords) {
+        if (put_keyword(tsidx, keyword.data(), keyword.size(), *txn, false) != 0) break;
     }
-    return 0;
+    return st_tsidx_txn_close(tsidx, txn);
 }
 
 void st_tsidx_txn_abort(TSIDX* tsidx) {

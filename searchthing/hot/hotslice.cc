@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "libzero/assertions.h"
+#include "libzero/endian.h"
 #include "libzero/vbe.h"
 #include "searchthing/hot/hotslice_internal.h"
 #include "searchthing/lexicon/fclex.h"
@@ -39,14 +40,21 @@ uint32_t locate_value(const st_hot_slice& hot, const st_txn& txn) {
     }
 }
 
+void hash_value(st_hot_slice& hot, uint32_t slot) {
+    const st_tsval& value = hot.values[slot];
+    const st_txn txn = {.time = value.time, .address = value.address};
+    hot.value_hash[locate_value(hot, txn)] = slot + 1;
+}
+
 // The slot of the value that the event would join, or HOT_NO_VALUE.
-uint32_t find_value(const st_hot_slice& hot, const st_txn& txn) {
+uint32_t find_value(st_hot_slice& hot, const st_txn& txn) {
     if (hot.mode == HOT_METRIC || st_hot_slice_values(&hot) == 0) return HOT_NO_VALUE;
     if (hot.mode == HOT_STREAMING) {
         return hot.values[hot.value_index].address == txn.address ? hot.value_index : HOT_NO_VALUE;
     }
-    // Addresses mostly ascend, and then there is nothing to find.
+    // Addresses mostly ascend: then there is nothing to find, and the table stays empty.
     if (txn.address > hot.address_max) return HOT_NO_VALUE;
+    while (hot.values_hashed < hot.value_index) hash_value(hot, hot.values_hashed++);
     const uint32_t found = hot.value_hash[locate_value(hot, txn)];
     return found == 0 ? HOT_NO_VALUE : found - 1;
 }
@@ -79,7 +87,6 @@ uint32_t add_value(st_hot_slice& hot, const st_txn& txn) {
         slot = --hot.value_index;
     } else {
         slot = hot.value_index++;
-        hot.value_hash[locate_value(hot, txn)] = slot + 1;
     }
     st_tsval& value = hot.values[slot];
     value.time = txn.time;
@@ -123,6 +130,27 @@ st_hotput_rc_t put_metric_keyword(st_hot_slice& hot, const char* keyword, size_t
     const uint32_t kept = static_cast<uint32_t>(std::min<size_t>(length, ST_MAX_TERM_LENGTH));
     if (std::memchr(keyword, '\0', kept) != nullptr) return HOT_PUT_RC_BAD_KEYWORD;
     return hot_metrics_put(hot, keyword, kept, txn);
+}
+
+// h * 33 + byte over eight bytes from zero, the lowest byte of the word first: pairs, then fours, then all of them, each
+// step in lanes that its sums do not fill.
+uint32_t hash_eight(uint64_t bytes) {
+    const uint64_t pairs = (bytes & 0x00FF00FF00FF00FF) * 33 + (bytes >> 8 & 0x00FF00FF00FF00FF);
+    const uint64_t fours = (pairs & 0x0000FFFF0000FFFF) * (33 * 33) + (pairs >> 16 & 0x0000FFFF0000FFFF);
+    return static_cast<uint32_t>(fours) * (33 * 33 * 33 * 33) + static_cast<uint32_t>(fours >> 32);
+}
+
+// Not zero when a byte of the word is.
+uint64_t zero_bytes(uint64_t bytes) {
+    return (bytes - 0x0101010101010101) & ~bytes & 0x8080808080808080;
+}
+
+// The last `left` bytes, 1 to 7, of a text of `length` that ends `left` bytes behind `text`. No byte outside is read.
+uint64_t last_bytes(const char* text, size_t left, size_t length) {
+    if (length >= 8) return load_le64(text + left - 8) >> 8 * (8 - left);
+    if (left >= 4) return load_le32(text) | uint64_t{load_le32(text + left - 4)} << 8 * (left - 4);
+    const auto at = [text](size_t i) { return uint64_t{static_cast<uint8_t>(text[i])} << 8 * i; };
+    return at(0) | at(left / 2) | at(left - 1);
 }
 
 int check_limits(uint64_t lexicon_bytes, uint64_t max_terms, uint64_t max_postings, uint64_t max_values,
@@ -201,7 +229,8 @@ void st_hot_slice_close(HOT* hot) {
 void st_hot_slice_reset(HOT* hot) {
     ST_ASSERT(hot != nullptr);
     hot_terms_clear(hot->table);
-    hot->value_hash.clear();
+    if (hot->mode == HOT_METRIC || hot->values_hashed != 0) hot->value_hash.clear();
+    hot->values_hashed = 0;
     hot->list_node_index = 0;
     hot->value_index = hot->fills_downward() ? hot->value_capacity : 0;
     hot->nodes_ordered = true;
@@ -291,18 +320,31 @@ bool st_hot_slice_needs_limits_adjusted(int code) {
     }
 }
 
-// Four bytes a step: the multiplications of a step do not wait for each other, only for the step before.
-uint32_t hot_slice_hash(const char* text, size_t length) {
-    const auto* in = reinterpret_cast<const uint8_t*>(text);
+hot_hash_t hot_slice_hash_checked(const char* text, size_t length) {
+    constexpr uint32_t P2 = 33 * 33, P4 = P2 * P2, P8 = P4 * P4;
+    constexpr uint32_t POWERS[8] = {1, 33, P2, P2 * 33, P4, P4 * 33, P4 * P2, P4 * P2 * 33};
     uint32_t hash = 5381;
-    for (; length >= 4; length -= 4, in += 4) {
-        hash = hash * (33u * 33 * 33 * 33) + (in[0] * (33u * 33 * 33) + in[1] * (33u * 33) + in[2] * 33u + in[3]);
+    uint64_t nuls = 0;
+    size_t left = length;
+    for (; left >= 8; left -= 8, text += 8) {
+        const uint64_t bytes = load_le64(text);
+        nuls |= zero_bytes(bytes);
+        hash = hash * P8 + hash_eight(bytes);
     }
-    for (; length != 0; length--, in++) hash = hash * 33 + *in;
-    return hash;
+    if (left != 0) {
+        // Zeros in front of the last bytes add nothing to their hash.
+        const uint64_t bytes = last_bytes(text, left, length) << 8 * (8 - left);
+        nuls |= zero_bytes(bytes | ((uint64_t{1} << 8 * (8 - left)) - 1));
+        hash = hash * POWERS[left] + hash_eight(bytes);
+    }
+    return {hash, nuls != 0};
 }
 
-st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords) {
+uint32_t hot_slice_hash(const char* text, size_t length) {
+    return hot_slice_hash_checked(text, length).hash;
+}
+
+st_hotput_rc_t hot_slice_check_txn(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords) {
     ST_ASSERT(hot != nullptr && txn != nullptr);
     uint64_t bytes = 0;
     for (const hot_keyword_t& keyword : keywords) bytes += keyword.length + 1;
@@ -357,7 +399,7 @@ void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_
     }
 }
 
-const st_tsval* hot_slice_find_value(const HOT* hot, const st_txn* txn) {
+const st_tsval* hot_slice_find_value(HOT* hot, const st_txn* txn) {
     ST_ASSERT(hot != nullptr && txn != nullptr);
     const uint32_t value = find_value(*hot, *txn);
     return value == HOT_NO_VALUE ? nullptr : &hot->values[value];

@@ -107,13 +107,17 @@ struct hot_keyword_t {  // one keyword of a buffered transaction; the text is no
     uint32_t length;  // 1 to 2047
     uint32_t hash;    // hot_slice_hash of the text
 };
-uint32_t hot_slice_hash(const char* text,
-                        size_t length);  // djb2 (D. J. Bernstein, h * 33 + byte from 5381) over 32 bits
+// djb2 (D. J. Bernstein, h * 33 + byte from 5381) over 32 bits; and whether a byte is NUL, found on the way.
+struct hot_hash_t {
+    uint32_t hash;
+    bool has_nul;
+};
+hot_hash_t hot_slice_hash_checked(const char* text, size_t length);
+uint32_t hot_slice_hash(const char* text, size_t length);
 
 // Whether the whole transaction fits the hard limits, exactly: 0, or the code of the first limit that it would pass.
 // Near a limit it collects the distinct new terms and may throw std::bad_alloc; it never changes the hot slice.
-[[nodiscard]] st_hotput_rc_t hot_slice_check_txn(const HOT* hot, const st_txn* txn,
-                                                 std::span<const hot_keyword_t> keywords);
+[[nodiscard]] st_hotput_rc_t hot_slice_check_txn(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords);
 // Metric mode: the same, where a keyword that is a column stands for one measure.
 [[nodiscard]] st_hotput_rc_t hot_slice_check_metric_txn(const HOT* hot, std::span<const hot_keyword_t> keywords);
 // Applies a whole metric transaction that hot_slice_check_metric_txn has accepted, `measures` being parallel to the
@@ -125,7 +129,7 @@ void hot_slice_put_metric(HOT* hot, const st_txn* txn, std::span<const hot_keywo
 void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords);
 // The value that a put of this event would join, or null, as always in metric mode: hashed mode goes by the address,
 // streaming mode looks at the most recent value only. How the directory finds two different events under one address.
-const st_tsval* hot_slice_find_value(const HOT* hot, const st_txn* txn);
+const st_tsval* hot_slice_find_value(HOT* hot, const st_txn* txn);
 // The most recent value, or null when there is none.
 const st_tsval* hot_slice_last_value(const HOT* hot);
 uint32_t hot_slice_terms(const HOT* hot);

@@ -87,6 +87,7 @@ struct st_hot_slice {
     buffer<st_tsval> values;
     uint32_t value_index = 0;     // hashed: one past the last value; other modes: the most recent value
     buffer<uint32_t> value_hash;  // value slot + 1, by event address; 0 = empty
+    uint32_t values_hashed = 0;   // hashed: the first values, which stand in the table; none while addresses ascend
     bool nodes_ordered = true;    // hashed: no node lies on an older value slot than the node before it
     st_addr_t address_min = 0xFFFFFFFF;
     st_addr_t address_max = 0;
