@@ -20,6 +20,7 @@
 #include "tools/veldar/store/foreign_content.h"
 #include "tools/veldar/store/raw_reader.h"
 #include "tools/veldar/store/slices.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
@@ -771,6 +772,53 @@ TEST_F(Load, LongLinesAndOddBytes) {
     write_file(file("a.log"), joined(all));
     load_all({file("a.log")});
     EXPECT_EQ(records() == sorted(all), true);
+}
+
+uint64_t events_in(const std::string& directory) {
+    THING* const thing = st_open_for_read(directory.c_str());
+    uint64_t count = 0;
+    EXPECT_EQ(st_event_count(thing, nullptr, &count), 0);
+    EXPECT_EQ(st_close(thing), 0);
+    return count;
+}
+
+// Many batches: what is said to be in slices is there, and a failing write is told while a prefix of the events stays.
+TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
+    constexpr uint32_t EVENTS = 12000;
+    for (const uint64_t failing_write : {0, 1, 3}) {
+        const temp_dir dir;
+        event_queue queue;
+        event_queue_open(&queue, dir.path(), {.max_values = 1024}, false);
+        term_set terms;
+        uint64_t slices = 0;
+        uint32_t put = 0;
+        const fault full(fault_call::write, failing_write == 0 ? UINT64_MAX : failing_write, ENOSPC);
+        try {
+            for (; put < EVENTS; put++) {
+                term_set_reset(&terms);
+                for (int i = 0; i < 8; i++)
+                    term_set_add_field(&terms, "field" + std::to_string(i), std::to_string(put));
+                term_set_add_text(&terms, put % 4000 == 1 ? std::string(1 << 20, 'x') + " every" : "every");
+                EXPECT_TRUE(event_queue_put(&queue, {.time = static_cast<st_time_t>(put), .address = put}, &terms));
+                if (std::exchange(slices, queue.slices) == queue.slices) continue;
+                EXPECT_TRUE(queue.next_address <= put && events_in(dir.path()) >= queue.next_address) << put;
+            }
+            event_queue_close(&queue);
+            EXPECT_EQ(failing_write, 0u);
+            EXPECT_GT(slices, 2u);
+        } catch (const tool_failure& failure) {
+            EXPECT_NE(failing_write, 0u) << failure.message;
+            EXPECT_NE(failure.message.find("space"), std::string::npos) << failure.message;
+            EXPECT_FALSE(event_queue_is_open(queue));
+        }
+        const uint64_t stored = events_in(dir.path());
+        EXPECT_TRUE(failing_write == 0 ? stored == EVENTS : stored < put) << stored;
+        THING* const thing = st_open_for_read(dir.path().c_str());
+        std::vector<st_tsval> first(EVENTS);
+        const st_time_t latest = static_cast<st_time_t>(stored) - 1;
+        EXPECT_EQ(st_get(thing, "every", 0, latest, first.data(), EVENTS), static_cast<int>(stored)) << "a prefix";
+        EXPECT_EQ(st_close(thing), 0);
+    }
 }
 
 TEST(Put, BadLines) {

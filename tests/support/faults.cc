@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdarg>
@@ -25,11 +26,21 @@ namespace veldar {
 
 namespace {
 
+// Raised by any thread; copied while there is one.
+struct tally : std::atomic<uint64_t> {
+    tally(uint64_t value = 0) : atomic(value) {}
+    tally(const tally& other) : atomic(other.load()) {}
+    tally& operator=(const tally& other) {
+        store(other.load());
+        return *this;
+    }
+};
+
 struct plan {
-    uint64_t calls = 0;
+    tally calls = 0;
     uint64_t first = 0, last = 0;  // numbers of the calls that fail; none while last is 0
     int errno_value = 0;
-    uint64_t hits = 0;
+    tally hits = 0;
 };
 std::array<plan, static_cast<size_t>(fault_call::COUNT)> plans;
 
@@ -39,8 +50,8 @@ plan& plan_of(fault_call call) {
 
 bool fails(fault_call call) {
     plan& p = plan_of(call);
-    p.calls++;
-    if (p.last == 0 || p.calls < p.first || p.calls > p.last) return false;
+    const uint64_t number = ++p.calls;
+    if (p.last == 0 || number < p.first || number > p.last) return false;
     p.hits++;
     errno = p.errno_value;
     return true;
@@ -52,8 +63,8 @@ struct {
     fault_action action = fault_action::fail;
     uint64_t first = 0, last = 0;
     int errno_value = 0;
-    uint64_t calls = 0, allocations = 0;
-    uint64_t struck = 0;  // a bit a function
+    tally calls = 0, allocations = 0;
+    tally struck = 0;  // a bit a function
     std::function<void()> interruption = nullptr;
 
     bool hits(uint64_t number) const { return number >= first && number <= last; }

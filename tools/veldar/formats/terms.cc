@@ -84,8 +84,8 @@ void double_slots(term_set* set) {
     }
 }
 
-// Keeps the `size` bytes at the arena's end as a term unless the set has it.
-void commit_term(term_set* set, size_t size) {
+// Whether the set has not looked for the `size` bytes at the arena's end before.
+bool is_new_term(term_set* set, size_t size) {
     if ((set->entries.size() + 1) * 2 > set->slot_mask) double_slots(set);
     const char* text = set->arena.data() + set->arena_used;
     uint32_t hash = hash_term(text, size);
@@ -93,10 +93,17 @@ void commit_term(term_set* set, size_t size) {
     for (; set->slots[slot] != 0; slot = (slot + 1) & set->slot_mask) {
         const term_set::entry& other = set->entries[set->slots[slot] - 1];
         if (other.hash == hash && other.length == size && memcmp(set->arena.data() + other.offset, text, size) == 0)
-            return;
+            return false;
     }
     set->entries.push_back({set->arena_used, static_cast<uint32_t>(size), hash, static_cast<uint32_t>(slot)});
     set->slots[slot] = static_cast<uint32_t>(set->entries.size());
+    return true;
+}
+
+// Keeps the `size` bytes at the arena's end as a term unless the set is known to have it.
+void commit_term(term_set* set, size_t size) {
+    if (set->lengths.size() >= set->may_repeat && !is_new_term(set, size)) return;
+    set->lengths.push_back(static_cast<uint32_t>(size));
     set->arena_used += size;
 }
 
@@ -153,6 +160,7 @@ bool word_ends_at(std::string_view text, size_t at) {
 void term_set_reset(term_set* set) {
     for (const term_set::entry& entry : set->entries) set->slots[entry.slot] = 0;
     set->entries.clear();
+    set->lengths.clear();
     set->arena_used = 0;
     set->slot_mask = set->slots.empty() ? 0 : FIRST_SLOTS - 1;
 }
@@ -197,9 +205,17 @@ void term_set_add_field(term_set* set, std::string_view name, std::string_view v
 
 std::span<const std::string_view> term_set_terms(term_set* set) {
     set->views.clear();
-    for (const term_set::entry& entry : set->entries)
-        set->views.push_back({set->arena.data() + entry.offset, entry.length});
+    const char* text = set->arena.data();
+    for (const uint32_t length : set->lengths) {
+        set->views.emplace_back(text, length);
+        text += length;
+    }
     return set->views;
+}
+
+void term_set_append(const term_set& set, std::vector<char>* texts, std::vector<uint32_t>* lengths) {
+    texts->insert(texts->end(), set.arena.data(), set.arena.data() + set.arena_used);
+    lengths->insert(lengths->end(), set.lengths.begin(), set.lengths.end());
 }
 
 void fold_value(std::string_view value, std::string* out) {

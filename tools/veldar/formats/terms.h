@@ -47,14 +47,17 @@ bool word_ends_at(std::string_view text, size_t at);
 
 // Reused from event to event: once warm, nothing is allocated per term. For one thread.
 struct term_set {
+    std::vector<char> arena;  // the terms, one behind another
+    size_t arena_used = 0;
+    std::vector<uint32_t> lengths;  // of the terms
+    size_t may_repeat = 0;          // so many first terms may be there twice, which saves looking for each of them
+
     struct entry {
-        size_t offset;  // the term in `arena`
+        size_t offset;  // of a term that is looked for
         uint32_t length;
         uint32_t hash;
         uint32_t slot;  // its place in `slots`, for the reset
     };
-    std::vector<char> arena;
-    size_t arena_used = 0;
     std::vector<entry> entries;
     std::vector<uint32_t> slots;  // entry index + 1, 0 = free
     size_t slot_mask =
@@ -74,6 +77,9 @@ void term_set_add_parts(term_set* set, std::string_view text);
 void term_set_add_field(term_set* set, std::string_view name, std::string_view value);
 // The terms in order of their first appearance. The views are valid until the set changes.
 std::span<const std::string_view> term_set_terms(term_set* set);
+
+// Appends them: their bytes one behind another, and their lengths.
+void term_set_append(const term_set& set, std::vector<char>* texts, std::vector<uint32_t>* lengths);
 
 // `value` folded as above, not cut.
 std::string fold_value(std::string_view value);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "tools/veldar/load/merging.h"
 #include "tools/veldar/load/put_line.h"
 #include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
@@ -16,7 +15,6 @@ namespace veldar::tool {
 namespace {
 
 constexpr uint64_t SHOW_EVERY = 1024;  // events
-constexpr uint64_t MERGE_EVERY = 4;    // slices
 constexpr uint64_t RECORDS_TELL = 10;
 constexpr int64_t ODD_RECORDS = 8, ODD_REST = 1000;
 
@@ -41,8 +39,9 @@ void mark(loader* load, uint64_t address) {
 }  // namespace
 
 void load_close_bucket(loader* load) {
-    if (load->writer.thing == nullptr) return;
-    index_writer_close(&load->writer);
+    if (!event_queue_is_open(load->events)) return;
+    event_queue_close(&load->events);
+    load->merges += merge_aside_wait(&load->merging);
     mark(load, load->address);
     totals_add_slices(&load->totals, load_bucket(load).directory, load->slices_before);
 }
@@ -60,7 +59,7 @@ bool bucket_takes_more(const loader& load) {
 }  // namespace
 
 void load_open_bucket(loader* load) {
-    if (load->writer.thing != nullptr && load->address < load->options->bucket_bytes) return;
+    if (event_queue_is_open(load->events) && load->address < load->options->bucket_bytes) return;
     load_close_bucket(load);
     if (!load->st.buckets.empty()) load->address = load_bucket(load).map.frontier;
     if (!bucket_takes_more(*load)) {
@@ -69,7 +68,7 @@ void load_open_bucket(loader* load) {
     }
     const std::string& directory = load_bucket(load).directory;
     load->slices_before = slice_names(directory);
-    index_writer_open(&load->writer, directory, 4, false, load->options->limits, load->st.durable);
+    event_queue_open(&load->events, directory, load->options->limits, load->st.durable);
     load->slices_seen = 0;
 }
 
@@ -128,15 +127,14 @@ void put_record(loader* load, file_load* one, uint64_t offset, std::string_view 
         return;
     }
     const st_txn txn = event_txn(load, *one);
-    const bool put = index_writer_put(&load->writer, txn, term_set_terms(&load->event.terms));
+    const bool put = event_queue_put(&load->events, txn, &load->event.terms);
     put ? load->totals.add_event(txn.time) : static_cast<void>(load->totals.refused++);
     note_dating(load, one, text, put);
-    const uint64_t slices = index_writer_slices(&load->writer);
+    const uint64_t slices = load->events.slices;
     if (slices == load->slices_seen) return;
-    mark(load, load->address);
+    mark(load, load->events.next_address);
     load->slices_seen = slices;
-    const bool pays = slices % MERGE_EVERY == 0 && !load->options->no_optimize;
-    if (pays) load->merges += merge_while_loading(load_bucket(load).directory);
+    if (!load->options->no_optimize) merge_aside_begin(&load->merging, load_bucket(load).directory);
 }
 
 }  // namespace

@@ -48,9 +48,8 @@ int start_event(index_writer* writer, const st_txn& txn) {
                                         txn.measure, txn.source, txn.source_type, txn.host);
 }
 
-// Closes the transaction unless a call of it has failed; false for a refused event.
-bool end_event(index_writer* writer, int rc) {
-    if (rc == 0) rc = st_txn_close(writer->thing);
+// Whether the event was put, which is not when it is refused.
+bool put_or_fail(index_writer* writer, int rc) {
     if (rc == 0) return true;
     if (st_get_warm_rc(writer->thing) != 0) fail_engine(writer, "cannot write a slice");
     return false;
@@ -77,10 +76,7 @@ void index_writer_open_metrics(index_writer* writer, const std::string& director
 }
 
 bool index_writer_put(index_writer* writer, const st_txn& txn, std::span<const std::string_view> terms) {
-    THING* const thing = writer->thing;
-    int rc = start_event(writer, txn);
-    for (size_t i = 0; rc == 0 && i < terms.size(); i++) rc = st_txn_put(thing, terms[i].data(), terms[i].size());
-    return end_event(writer, rc);
+    return put_or_fail(writer, st_put_event(writer->thing, &txn, terms));
 }
 
 bool index_writer_put_metrics(index_writer* writer, const st_txn& txn, std::span<const std::string_view> dimensions,
@@ -93,7 +89,7 @@ bool index_writer_put_metrics(index_writer* writer, const st_txn& txn, std::span
     for (size_t i = 0; rc == 0 && i < measures.size(); i++) {
         rc = st_txn_put_measure(thing, measures[i].name.data(), measures[i].name.size(), measures[i].value);
     }
-    return end_event(writer, rc);
+    return put_or_fail(writer, rc == 0 ? st_txn_close(thing) : rc);
 }
 
 uint64_t index_writer_slices(const index_writer* writer) {

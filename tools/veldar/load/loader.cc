@@ -85,6 +85,7 @@ void choose_names(loader* load, file_load* one, const std::string& source) {
     event->host = !options.host.empty() ? options.host : load->machine;
     event->host_fixed = !options.host.empty();
     event->with_parts = options.parts;
+    event->terms.may_repeat = 256;
     one->file.source = store_number(&st->sources, event->source);
     one->file.sourcetype = store_number(&st->sourcetypes, event->sourcetype);
     one->file.host = store_number(&st->hosts, event->host);

@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "tools/veldar/load/dating.h"
-#include "tools/veldar/load/index_writer.h"
+#include "tools/veldar/load/event_queue.h"
 #include "tools/veldar/load/load_files.h"
 #include "tools/veldar/load/log_event.h"
+#include "tools/veldar/load/merging.h"
 #include "tools/veldar/store/known_files.h"
 #include "tools/veldar/store/record_reader.h"
 #include "tools/veldar/store/store.h"
@@ -42,11 +43,12 @@ struct loader : load_report {
     log_zone zone;
     std::string machine;  // this machine's name
 
-    index_writer writer;   // of the last bucket, when thing is not null
+    event_queue events;    // of the last bucket, when its writer is open
     uint64_t address = 0;  // of the next record in the bucket
     uint64_t slices_seen = 0;
     uint64_t merges = 0;  // made while loading
-    unique_fd spool;      // of the pipe being loaded
+    merge_aside merging;
+    unique_fd spool;  // of the pipe being loaded
 
     log_event_maker event;
     dating_report dating;

@@ -4,13 +4,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
 #include <new>
-#include <thread>
+#include <utility>
 
 #include "searchthing/directory/tsidx_list.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
@@ -25,7 +24,9 @@ namespace {
 
 constexpr uint32_t WRITE_LEVEL = 4;
 constexpr uint64_t LARGE = uint64_t{32} << 20;  // bytes of slices whose space is worth sparing
-constexpr uint32_t SOURCES_WHILE_LOADING = 4;
+// Slices as they are first written take two to three times the bytes that they are merged into, so few of them wait.
+constexpr uint32_t SOURCES_WHILE_LOADING = 3;
+constexpr uint64_t LEAST_WHILE_LOADING = uint64_t{16} << 20;
 
 // What the threads share.
 struct crew {
@@ -172,6 +173,7 @@ void start_threads(crew* all, size_t jobs, std::vector<std::jthread>* threads) {
 
 void watch_progress(crew* all) {
     progress shown = progress_begin(0);
+    shown.terminal = shown.terminal && all->settings.shows_progress;
     std::unique_lock guard(all->mutex);
     while (!all->ended.wait_for(guard, std::chrono::milliseconds(100), [all] { return all->working == 0; })) {
         shown.total = all->planned;
@@ -198,12 +200,28 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
     return all.totals;
 }
 
-uint64_t merge_while_loading(const std::string& directory) try {
-    return merge_directories({directory},
-                             {.spares_space = true, .min_sources = SOURCES_WHILE_LOADING, .least_bytes = LARGE})
-        .merges;
-} catch (const std::bad_alloc&) {
-    return 0;  // the load ends better without
+void merge_aside_begin(merge_aside* aside, const std::string& directory) try {
+    if (aside->at_work) return;
+    aside->at_work = true;
+    // One that has ended gives its place up at once.
+    aside->thread = std::jthread([aside, directory] {
+        try {
+            const merge_settings settings = {.min_sources = SOURCES_WHILE_LOADING,
+                                             .least_bytes = LEAST_WHILE_LOADING,
+                                             .target_size = 2 * LARGE,
+                                             .shows_progress = false};
+            aside->merges += merge_directories({directory}, settings).merges;
+        } catch (const std::bad_alloc&) {  // the load ends better without
+        }
+        aside->at_work = false;
+    });
+} catch (const std::exception&) {  // no memory or no thread to be had
+    aside->at_work = false;
+}
+
+uint64_t merge_aside_wait(merge_aside* aside) {
+    if (aside->thread.joinable()) aside->thread.join();
+    return std::exchange(aside->merges, 0);
 }
 
 void merge_after_load(const std::vector<std::string>& directories, uint64_t merges_before) try {

@@ -2,8 +2,10 @@
 // progress line on a terminal, and what came of it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace veldar::tool {
@@ -17,6 +19,7 @@ struct merge_settings {
     uint64_t least_bytes = 0;    // nothing smaller is merged
     uint64_t target_size = 0;    // bytes; 0: the engine's
     uint32_t jobs = 1;           // directories at a time
+    bool shows_progress = true;
 };
 
 struct merge_totals {
@@ -29,8 +32,16 @@ struct merge_totals {
 // are completed. Throws std::bad_alloc only.
 merge_totals merge_directories(const std::vector<std::string>& directories, const merge_settings& settings);
 // What a load writes first takes up to twice the bytes that it is merged into, so a large load merges as it goes: the
-// last slices of its directory, when there are enough of them. How many merges; a failure is told after the load.
-uint64_t merge_while_loading(const std::string& directory);
+// last slices of its directory, when there are enough of them, in a thread of its own. For one thread.
+struct merge_aside {
+    std::atomic<bool> at_work = false;
+    uint64_t merges = 0;
+    std::jthread thread;
+};
+// Begins unless it is at work still. A failure is told by the merges after the load.
+void merge_aside_begin(merge_aside* aside, const std::string& directory);
+// Waits for its end. How many merges it made since the last call.
+uint64_t merge_aside_wait(merge_aside* aside);
 // Many loads, or a large one, leave many slices: merges them and says so on standard error. With merges made while
 // loading, those that they left over as well. What is loaded is loaded, whatever becomes of this.
 void merge_after_load(const std::vector<std::string>& directories, uint64_t merges_before = 0);
