@@ -73,7 +73,7 @@ TEST(Crash, LogsTellWhatHappened) {
              crash_note_of_process(write_number, &seven);
              ::raise(SIGBUS);
          },
-         {"\n\nnote of the process:\n7 is noted\n\nframes by name:\n"}},
+         {"\n\nnote of the process:\n7 is noted\n\nframes by name:\n", "frames by name:\n"}},
         {"stack overflow", SIGSEGV, [] { overflow(0); }, {"SIGSEGV code ", "frames, the innermost first:\n0x"}},
         {"search",
          SIGBUS,
@@ -101,7 +101,10 @@ TEST(Crash, LogsTellWhatHappened) {
             log += read_file(entry.path().string());
         }
         EXPECT_EQ(log.find("crash log of test\nprocess " + std::to_string(child) + " thread "), 0u) << log;
-        for (const std::string& text : c.told) EXPECT_NE(log.find(text), std::string::npos) << text << "\n" << log;
+        for (const std::string& text : c.told) {
+            EXPECT_NE(log.find(text), std::string::npos) << text << "\n" << log;
+            EXPECT_EQ(log.find(text), log.rfind(text)) << text << " comes again\n" << log;
+        }
     }
 }
 

@@ -102,6 +102,8 @@ TEST(Dimset, WordsAndViews) {
     ds_dimset_add_optcol(ds, 40);
     ds_dimset_add_optdim(ds, 20);
     EXPECT_EQ(words, (words_t{9, 2, 10, 11, 12, 30, 20, 40, 41, 0, 0, 0}));
+    EXPECT_EQ(ds_dimset_hash(ds), 26836u);
+    EXPECT_EQ(ds_dimset_hash_step(ds), 2953000137u);
     char line[128] = {};
     std::FILE* const out = ::fmemopen(line, sizeof line, "w");
     ds_dimset_print(out, ds, 7, 3);
@@ -200,6 +202,7 @@ TEST(Dimset, WalksOfSomeSets) {
         const fault_step half(fault_action::shorten, 1);
         EXPECT_EQ(read(2500), WARM_RC_SHORT_READ);
     }
+    EXPECT_EQ(ds_reader_read(&reader, 2501, ds_dimset_at(words.data()), 4, &rc), WARM_RC_CORRUPT) << "no room";
     EXPECT_EQ(read(2501), 0);
     EXPECT_TRUE(std::equal(all[2501].begin(), all[2501].end(), words.begin()));
     ds_reader_close(&reader);

@@ -145,12 +145,15 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         EXPECT_EQ(st_tsidx_meta(open_for_reading(dir.path()).get(), &meta), WARM_RC_RETRIES);
         EXPECT_EQ(pauses.microseconds() - before, 1027000u) << "between listings";
     }
-    for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
-        const directory_ptr starved = open_for_reading(dir.path());
-        const fault_step step(fault_action::allocation, nth);
-        const int count = st_tsidx_query(starved.get(), &query, answers, 10, 1);
-        last = step.allocations();
-        EXPECT_TRUE(count == 3 || (count == WARM_RC_NO_MEMORY && st_tsidx_get_warm_rc(starved.get()) == count)) << nth;
+    for (const fault_action action : {fault_action::allocation, fault_action::fail, fault_action::shorten}) {
+        for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
+            const directory_ptr tsidx = open_for_reading(dir.path());
+            const fault_step step(action, nth, EIO);
+            const int count = st_tsidx_query(tsidx.get(), &query, answers, 10, 1);
+            last = action == fault_action::allocation ? step.allocations() : step.calls();
+            EXPECT_TRUE(count == 3 || (count < 0 && st_tsidx_get_warm_rc(tsidx.get()) == count)) << nth << count;
+            EXPECT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT) << nth;
+        }
     }
     // A file that is open in the cache when it goes is not asked again.
     const directory_ptr tsidx = open_for_reading(dir.path());

@@ -93,6 +93,10 @@ constexpr line_case LINES[] = {
      "1435752000.0 level=info msg=a \"b\" took=3s dur=3ms url=/a?b=1&c took=3s"},
     {"iso8601", "[2016-01-02T03:04:05.5-01:30] app.ERROR: no error", "1451709245.500000000 level=ERROR"},
     {"iso8601", "20160102T030405Z all errors info", "1451703845.0"},
+    {"iso8601",
+     "20160102T030405Z xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"
+     "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx ERROR: behind the head",
+     "1451703845.0"},
     {"yymmdd", "081109 203615 148 INFO dfs.Data$Packet: ok", "1226262975.0 level=INFO class=dfs.Data$Packet"},
     {"epoch", "1286536308.779    180 192.168.0.1 TCP_MISS/200", "1286536308.779000000"},
     {"epoch", "[1286536308779] key='a b'", "1286536308.779000000 key=a b"},
@@ -404,6 +408,7 @@ TEST(Terms, ValuesWithAUnitAreNumbersOfTheirBaseUnit) {
                                    {"512M", "536870912"},
                                    {"5m", "300"},
                                    {"1,024 kB", "1024000"},
+                                   {"-5PB", "-5e+15"},
                                    {"12", nullptr},
                                    {"1,23", nullptr},
                                    {"1234,567", nullptr},

@@ -257,6 +257,9 @@ TEST_F(Load, FilesThatOnlyBeginAlikeAreTwo) {
     append(file("a.log"), joined(log_lines(0, 1)));
     load_all({file("a.log")});
     EXPECT_EQ(read_file(store() + "/sourcetypes"), "text\niso8601\n") << "more lines tell more";
+    write_file(file("c.log"), "c begins\n2024-03-01T00:00:00Z without its e");
+    load_all({file("c.log")});
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "count", "begins", "sourcetype=text"}).out, "1\n");
     append(file("b.log"), "more\n");
     load_all({file("b.log")});
     write_file(file("c.log"), banner);
@@ -480,7 +483,7 @@ TEST_F(Load, ForgottenFilesAreLoadedAnew) {
     EXPECT_EQ(forget(file("a.log")).out, file("a.log") + ": 35 events deleted\n") << "by its path";
     EXPECT_EQ(records(), b);
     load_all({file("copy")});
-    load_all({"--again", file("b.log"), "--tz", "+01:00"});
+    EXPECT_TRUE(load({"--again", file("copy"), file("b.log"), "--tz", "+01:00"}).err.starts_with("65 events"));
     EXPECT_EQ(load({"--again", file("b.log"), "--format", "syslog"}).status, 3);
     EXPECT_EQ(records(), sorted(a + b + log_lines(50, 5)));
 }
@@ -649,6 +652,9 @@ TEST_F(Load, APipeIsKept) {
     load_all({file("again")});
     EXPECT_EQ(records(), sorted(log_lines(0, 8000) + log_lines(4000, 4000)))
         << "the next load completes what a killed one had taken from a pipe, and knows no file by it";
+    for (int i = 0; i < 20; i++) ::symlink("/dev/full", (bucket + "/spool-" + std::to_string(i)).c_str());
+    const tool_result full = load({"-"}, {file("again")});
+    EXPECT_TRUE(full.status == 5 && full.err.find("cannot write the copy of the input") != full.err.npos) << full.err;
 }
 
 TEST_F(Load, WhatCannotBeReadIsNamedAndTheRestIsLoaded) {
@@ -821,7 +827,7 @@ TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
     }
 }
 
-TEST(Put, BadLines) {
+TEST(Put, BadLinesAndSignals) {
     const temp_dir dir;
     write_file(dir.file("bad.tsv"), "1\t1\t1\t1\t1\t0\ta\n2\t2\t1\t1\t1\tx\tb\n3\t3\t1\t1\t1\t0\tc");
     const tool_result strict = run_tool("veldar/veldar", {"put", dir.file("bad1"), dir.file("bad.tsv")});
@@ -834,6 +840,15 @@ TEST(Put, BadLines) {
     EXPECT_EQ(skipping.status, 0);
     EXPECT_NE(skipping.err.find("2 events"), std::string::npos) << skipping.err;
     EXPECT_NE(skipping.err.find("1 line refused"), std::string::npos) << skipping.err;
+    // A signal ends it; what came before is kept.
+    ASSERT_EQ(::mkfifo(dir.file("pipe").c_str(), 0600), 0);
+    const unique_fd pipe(::open(dir.file("pipe").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(::write(pipe.get(), "4\t4\t1\t1\t1\t0\td\n", 14), 14);
+    tool_result ended;
+    for (unsigned after = 100000; ended.status != 130 && after < 10000000; after *= 2) {
+        ended = run_tool("veldar/veldar", {"put", dir.file("bad3"), "-"}, {dir.file("pipe"), SIGTERM, after});
+    }
+    EXPECT_TRUE(ended.status == 130 && ended.err.starts_with("interrupted; put so far: 1 event,")) << ended.err;
 }
 
 }  // namespace

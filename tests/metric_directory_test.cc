@@ -122,6 +122,22 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
     }
 }
 
+TEST_F(MetricDirectory, ASliceThatVanishesIsMeasuredOnce) {
+    const temp_dir dir;
+    const no_pauses pauses;
+    for (int i = 1; i <= 3; i++) forge_metric_file(dir.path(), random_metric_events(5, 14), {}, i);
+    uint64_t whole = 0, calls = 1;
+    ASSERT_EQ(st_tsidx_measure_size(open_for_reading(dir.path()).get(), &whole), 0);
+    for (uint64_t nth = 1; nth <= calls; nth++) {
+        uint64_t bytes = 0;
+        const directory_ptr tsidx = open_for_reading(dir.path());
+        const fault gone(fault_call::open, nth, ENOENT);
+        EXPECT_TRUE(st_tsidx_measure_size(tsidx.get(), &bytes) != 0 || bytes == whole) << nth;
+        calls = std::max<uint64_t>(calls, gone.hits() != 0 ? nth + 1 : 0);
+    }
+    EXPECT_GT(calls, 3u);
+}
+
 TEST_F(MetricDirectory, EventsAreNoMetrics) {
     const temp_dir dir;
     forge_file(dir.path(), forge_random_events(1, 5), forge_as_created(4));
@@ -158,6 +174,8 @@ TEST_F(MetricDirectory, DamageIsAStatus) {
             damaged.size() == bytes.size() &&
             std::equal(damaged.begin(), damaged.begin() + static_cast<int64_t>(picture.cstore), bytes.begin());
         ASSERT_TRUE(status < 0 || !store_alone || found == whole) << what;
+        const auto measures_nothing = [](const metric_event& event) { return event.measures.empty(); };
+        ASSERT_TRUE(status < 0 || std::none_of(found.begin(), found.end(), measures_nothing)) << what;
         const auto first =
             static_cast<size_t>(std::mismatch(damaged.begin(), damaged.end(), bytes.begin()).first - damaged.begin());
         const bool in_a_preamble = first >= picture.at.values && first < picture.at.values + 8 * picture.runs.size();

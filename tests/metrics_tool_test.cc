@@ -127,7 +127,7 @@ TEST(MetricsTool, QueriesAgreeWithTheSamples) {
     expect({"cpu*", "disk.used", "-w", "host=\\::", "-w", "a:b%!= ::"}, [&](const sample& one) {
         return one.name != "disk.used_total" && label(one, "host") == "\\::" && label(one, "a:b%") != " ::";
     });
-    expect({"cpu", "-w", "metric_name=*", "-w", "source!=*"}, [&](const sample& one) {
+    expect({"cpu", "-w", "metric_name=*", "-w", "source!=*", "-w", "host!=[x ]"}, [&](const sample& one) {
         return one.name == "cpu" && one.labels.contains("metric_name") && !one.labels.contains("source");
     });
     std::vector<int64_t> times;

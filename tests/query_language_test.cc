@@ -125,7 +125,7 @@ TEST(QueryLanguage, MalformedQueriesPointAtTheSpot) {
         {std::string("a\0b", 3), 1, "without NUL"},
         {std::string(300, '(') + "a", 200, "fewer parentheses"},
         {std::string(1001, 'n') + "=5", 1001, "shorter field name"},
-        {std::string(2047, 'n') + "*", 2048, "shorter word"},
+        {std::string(2045, 'n') + "*", 2046, "shorter word"},
         {"(\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c) (\"a b\" OR c)", 0,
          "fewer alternatives"},
     };

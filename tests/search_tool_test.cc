@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <random>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -247,6 +248,35 @@ TEST_F(SearchTool, ManyEventsOfOneSecondAreGivenOnceInEveryBatch) {
     EXPECT_EQ(run_at(other.file("store"), {"count", "second", "OR", "\"same second\""}).out, "6000\n");
 }
 
+// What each slice does for each plan, with an X for sizes, and for times that differ from run to run.
+TEST_F(SearchTool, ExplainTellsPlansAndSlices) {
+    const temp_dir other;
+    for (const std::string day : {"01", "02", "03"}) {
+        const std::string at = "2024-03-" + day, log = other.file(day);
+        write_file(log, at + "T00:00:00Z level=info a\n" + at + "T00:00:01Z level=warn \"c d\" no. " + day + "\n");
+        ASSERT_EQ(run_at(other.file("store"), {"load", log, "--no-fsync"}).status, 0);
+    }
+    const auto explain = [&](std::vector<std::string> query) {
+        query.insert(query.begin(), "explain");
+        std::string text = std::regex_replace(run_at(other.file("store"), query).out, std::regex(" +"), " ");
+        text = std::regex_replace(text, std::regex("\n (\\d+ \\d+) \\d+ \\d+ (\\d+ \\d+) [\\d.]+ "), "\n$1 X X $2 X ");
+        return std::regex_replace(text, std::regex("bucket-000001/(\\d+-\\d+)-\\d+.tsidx"), "$1");
+    };
+    const std::string head = "\n answers lists reads bytes values windows ms slice\n", none = " - - - - - - - ";
+    EXPECT_EQ(explain({"level=warn", "\"c d\"", "-x", "--since", "2024-03-02T00:00:00.25Z", "--until",
+                       "2024-03-03T00:00:01Z"}),
+              "query level=warn \"c d\" -x\nsince 2024-03-02T00:00:00.25Z\nup to 2024-03-03T00:00:00.999999999Z\n"
+              "plan 1 [AND level::warn *c d* [NOT x]]\n and the raw text holds \"c d\"\n" +
+                  head + "0 1 X X 0 1 X 1709424001-1709424000\n1 3 X X 0 1 X 1709337601-1709337600\n" + none +
+                  "1709251201-1709251200: outside the time bounds by its name\n1 4 X X 0 2 X in all\n");
+    const std::string older = none + "1709337601-1709337600: older than the answers wanted\n" + none +
+                              "1709251201-1709251200: older than the answers wanted\n";
+    EXPECT_EQ(explain({"a", "OR", "-\"c d\"", "--limit", "1"}),
+              "query a OR -\"c d\"\nplan 1 [AND]\n and the raw text does not hold \"c d\"\nplan 2 [AND a]\n" + head +
+                  "1 0 X X 1 1 X 1709424001-1709424000\n" + older + head + "1 1 X X 1 1 X 1709424001-1709424000\n" +
+                  older + "2 1 X X 2 2 X in all\n");
+}
+
 TEST_F(SearchTool, Formats) {
     const temp_dir other;
     write_file(other.file("log"), "x\n2024-03-01T00:00:00Z k=\"a,b\" \"q\"\\ \xFF\n\tmore\n");
@@ -449,9 +479,11 @@ TEST_F(SearchTool, TermsFieldsSeen) {
     // Every byte of the store is told once.
     const std::string costs = run({"fields", "--bytes"}).out;
     uint64_t told = 0, all = 0, stored = 0;
+    std::set<std::string> names;
     for (size_t at = costs.find('\n') + 1; at < costs.size(); at = costs.find('\n', at) + 1) {
-        const bool is_all = costs.substr(at, costs.find('\n', at) - at).ends_with("\t(all)");
-        (is_all ? all : told) += std::stoull(costs.substr(at));
+        const std::string line = costs.substr(at, costs.find('\n', at) - at);
+        EXPECT_TRUE(names.insert(line.substr(line.rfind('\t'))).second) << line;
+        (line.ends_with("\t(all)") ? all : told) += std::stoull(line);
     }
     for (const auto& entry : fs::recursive_directory_iterator(dir->file("store"))) {
         if (entry.is_regular_file()) stored += entry.file_size();

@@ -14,6 +14,7 @@
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/table_output.h"
+#include "tools/veldar/query/stats_input.h"
 #include "tools/veldar/query/time_bins.h"
 #include "tools/veldar/store/slices.h"
 
@@ -280,6 +281,7 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
 }
 
 TEST_F(StatsTool, NamesInQuotesAndHints) {
+    EXPECT_EQ(comma_parts("a(b,c) , d),e,\"f,g\" ,"), (strings{"a(b,c)", "d)", "e", "f,g", ""}));
     const temp_dir other;
     write_file(other.file("log"), "{\"time\":\"2024-03-01T00:00:00Z\",\"a, b\":\"X\",\"level\":\"low\"}\n");
     const auto run_in = [&](std::vector<std::string> arguments) {
@@ -315,6 +317,10 @@ TEST_F(StatsTool, FormatsAndDrawings) {
               "{\"time\":\"2024-03-30T00:00:00Z\",\"user\":\"bob\",\"count\":2}\n"
               "{\"time\":\"2024-03-30T02:00:00Z\",\"user\":\"bob\",\"count\":1}\n");
     EXPECT_EQ(must({"top", "user", "-n", "1", "fine", "OR", "user=*", "--format", "tsv"}), "user\tcount\nbob\t3\n");
+    for (const char* query : {"bob", "\"user=bob\""}) {
+        EXPECT_EQ(run({"stats", query, "--agg", "dc(user)"}).err, "") << "none of these is to be a number";
+        EXPECT_TRUE(run({"stats", query, "--agg", "avg(user)"}).err.starts_with("veldar: 3 values left out")) << query;
+    }
     const variable_set columns("COLUMNS", "30");
     const std::string drawn = must({"stats", "--every", "1h", "--plot", "--tz", "+01:00"});
     EXPECT_TRUE(drawn.starts_with("count  every 1h\n        3 │█████\n")) << drawn;
@@ -474,6 +480,7 @@ TEST_F(StatsTool, WrongArgumentsAndUnreadableSlices) {
         {{"stats", "--format", "xml"}, "xml"},
         {{"stats", "\"a"}, "this query cannot be read"},
         {{"new"}, "--since is required"},
+        {{"diff", "--before", "2010..2011"}, "--after is required"},
         {{"diff", "--before", "2010", "--after", "x..y"}, "two times with '..' between them"},
         {{"diff", "--before", "..2010-01-01", "--after", "2010-01-01..noon"}, "--after: 'noon' is not a time such as"},
         {{"metrics", "query", "x", "--rate", "-n", "3"}, "are for samples"},
