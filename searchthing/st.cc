@@ -106,6 +106,12 @@ int st_txn_close(THING* thing) {
     return st_tsidx_txn_close(directory_of(thing), &thing->txn);
 }
 
+void st_abandon(THING* thing) {
+    if (thing == nullptr) return;
+    const std::unique_ptr<st_handle> owner(thing);
+    st_tsidx_abandon(directory_of(thing));
+}
+
 int st_put_event(THING* thing, const st_txn* txn, std::span<const std::string_view> keywords) {
     return st_tsidx_put_event(directory_of(thing), txn, keywords);
 }

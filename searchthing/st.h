@@ -59,6 +59,9 @@ THING* st_open_for_write(const char* path, uint32_t flags, uint32_t limit, const
 // Syncs and ends the handle: see st_tsidx_close. -1 for a null handle. The handle is gone whatever the result.
 [[nodiscard]] int st_close(THING* thing);
 
+// Ends the handle without a sync: see st_tsidx_abandon. Nothing for a null handle.
+void st_abandon(THING* thing);
+
 // One event: start, any number of puts, close or abort; see st_tsidx_txn_start, _put, _close and _abort. `address` is
 // the event's key, where the raw event lies: two events with one address end up in different slices, at a cost. Outside
 // metric directories `subsecond` is kept in memory only, and the value's measure, an integer of 31 bits, is

@@ -120,10 +120,10 @@ class Load : public testing::Test {
         return sorted(all);
     }
 
-    // The source map as a load leaves it that is killed right after its slices became visible: the marks behind the
-    // last stretch are missing.
     // Changes copies of the store, each while another call fails and then again: these records are left.
     void fail_each_call(const lines& left, const std::function<void(loader*, bool failing)>& change) const {
+        load_options options;
+        options.no_fsync = true;
         for (uint64_t n = 1, calls = 1; n <= calls; n++) {
             const temp_dir copy;
             const std::string path = copy.file("store");
@@ -132,7 +132,7 @@ class Load : public testing::Test {
                 const std::unique_ptr<fault_step> step(failing ? new fault_step(fault_action::fail, n, EIO) : nullptr);
                 loader load;
                 try {
-                    loader_open(&load, path, load_options());
+                    loader_open(&load, path, options);
                     change(&load, failing);
                     loader_close(&load);
                 } catch (const tool_failure& failure) {
@@ -145,6 +145,8 @@ class Load : public testing::Test {
         }
     }
 
+    // The source map as a load leaves it that is killed right after its slices became visible: the marks behind the
+    // last stretch are missing.
     void forget_mark() const {
         const std::string path = store_bucket_directories(store()).back() + "/source.map";
         std::string bytes = read_file(path);

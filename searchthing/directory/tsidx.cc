@@ -167,6 +167,12 @@ int st_tsidx_close(TSIDX* tsidx) {
     return tsidx->last_sync_failed ? TSIDX_SYNC_FAILED : 0;
 }
 
+void st_tsidx_abandon(TSIDX* tsidx) {
+    ST_ASSERT(tsidx != nullptr);
+    const std::unique_ptr<st_tsidx> owner(tsidx);
+    st_hot_slice_close(tsidx->hot);
+}
+
 void st_tsidx_set_params(TSIDX* tsidx, uint64_t max_terms, uint64_t lexicon_bytes, uint64_t max_postings,
                          uint64_t max_values, uint64_t keywords_per_txn, uint64_t dimset_words) {
     ST_ASSERT(tsidx != nullptr);

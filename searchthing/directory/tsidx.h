@@ -58,6 +58,9 @@ TSIDX* st_tsidx_open(const char* path, int streaming, int is_msidx, const TSWRIT
 // Syncs, writes the parameter file when its content would change, and frees the handle: 0, or TSIDX_SYNC_FAILED when
 // the last sync failed, this one or an earlier one. A transaction that is not closed is dropped.
 [[nodiscard]] int st_tsidx_close(TSIDX* tsidx);
+// Frees the handle and writes nothing: what is in memory is lost. For a writer whose sync has failed and who must not
+// make later events visible while earlier ones are lost.
+void st_tsidx_abandon(TSIDX* tsidx);
 // For handles without events in memory: their close has nothing to tell.
 struct tsidx_closer {
     void operator()(TSIDX* handle) const { static_cast<void>(st_tsidx_close(handle)); }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "searchthing/hot/hotslice.h"
 #include "tools/veldar/store/tool_failure.h"
@@ -10,10 +11,6 @@
 namespace veldar::tool {
 
 namespace {
-
-// Closing a handle would sync what came after a failed sync. Such a handle is kept until the process ends; volatile,
-// because nobody reads it, and a compiler would leave it out.
-THING* volatile given_up = nullptr;
 
 [[noreturn]] void fail_engine(index_writer* writer, const char* what) {
     const warm_rc_t* const why = st_tsidx_last_failure(st_directory(writer->thing));
@@ -24,8 +21,7 @@ THING* volatile given_up = nullptr;
                         why->warm_rc == WARM_RC_LOCK || why->warm_rc == WARM_RC_SHORT_READ;
     if (system && why->saved_errno != 0) message += std::string(": ") + std::strerror(why->saved_errno);
     message += " (status " + std::to_string(why->warm_rc) + ")";
-    given_up = writer->thing;
-    writer->thing = nullptr;
+    st_abandon(std::exchange(writer->thing, nullptr));
     throw tool_failure{EXIT_IO, message};
 }
 
@@ -58,7 +54,7 @@ bool put_or_fail(index_writer* writer, int rc) {
 }  // namespace
 
 index_writer::~index_writer() {
-    if (thing != nullptr) given_up = thing;
+    st_abandon(thing);
 }
 
 void index_writer_open(index_writer* writer, const std::string& directory, uint32_t level, bool streaming,
