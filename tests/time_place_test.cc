@@ -93,6 +93,8 @@ struct printer {
                 return print("%016lx%08lx", 0x400000000000000a + time_s, any_ns(1));
             case 'u':
                 return print("%5ld.%06ld", time_s - BOOTED, any_ns(1000) / 1000);
+            case 'j':
+                return print("%03d", tm.tm_yday + 1);
             case 'l':
                 return one_of({"I", "W", "E", "F"});
             default:
@@ -164,7 +166,7 @@ TEST(TimePlace, EveryShapeIsFoundAndReadWhereverItStands) {
             for (size_t i = 0; i < lines.size(); i++) {
                 if (lines[i][0] == ' ') continue;                // goes on with the line before
                 const auto day = [&](const std::string& time) {  // a time of day has any day
-                    const bool any = strpbrk(pattern, "dsnu") == nullptr && time != "-";
+                    const bool any = strpbrk(pattern, "djsnu") == nullptr && time != "-";
                     return any ? std::to_string(std::stol(time) % 86400) + time.substr(time.find('.')) : time;
                 };
                 ASSERT_EQ(day(time_in(lines[i], &again)), day(times[i]))
@@ -203,7 +205,7 @@ TEST(TimePlace, ANumberIsATimeWhenItAgreesWithTheDateBesideItOrNoDateIsThere) {
     EXPECT_EQ(found({"x 1077804742", "words", "words"}), "") << "too few";
     EXPECT_EQ(found({"10:00:00,500 a", "10:00:01 b", "-- day is 2025-11-22 10:00:00", "[10:00:02] c", "10:00:03 d"}),
               "0 %T");
-    EXPECT_EQ(found({"20 novembre 2026 10:00:00 a", "2026-324 10:00:00 a", "20.11. 10:00:00"}), "");
+    EXPECT_EQ(found({"20 listopada 2026 10:00:00 a", "2026-W47 10:00:00 a", "20.11. 10:00:00"}), "");
     EXPECT_EQ(found({"4711 10:00:00 open(x)", "12 10:00:01 close(x)"}), "1 %T");
     EXPECT_EQ(found({"2025-11-22 started", "2025-11-23 10:00 o'clock"}), "0 %Y-%m-%d%t%R");
     EXPECT_EQ(found({"2025-11-22 started", "2025-11-23 stopped"}), "0 %Y-%m-%d");

@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "tools/veldar/formats/line_format_internal.h"
+#include "tools/veldar/formats/month_name.h"
 
 namespace veldar::tool {
 namespace {

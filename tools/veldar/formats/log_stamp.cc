@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "tools/veldar/formats/month_name.h"
+
 namespace veldar::tool {
 namespace {
 
@@ -198,26 +200,6 @@ void take_optional_fraction(std::string_view* rest, uint32_t* nanoseconds) {
 bool check_clock(int64_t hour, int64_t minute, int64_t second, int64_t* second_of_day) {
     if (hour > 23 || minute > 59 || second > 60) return false;  // 60: a leap second, counted as the next minute's first
     *second_of_day = hour * 3600 + minute * 60 + second;
-    return true;
-}
-
-// The month's number, 1 to 12.
-bool take_month(std::string_view* rest, unsigned* month) {
-    constexpr uint32_t MONTHS[] = {packed("jan"), packed("feb"), packed("mar"), packed("apr"),
-                                   packed("may"), packed("jun"), packed("jul"), packed("aug"),
-                                   packed("sep"), packed("oct"), packed("nov"), packed("dec")};
-    constexpr std::string_view ENDS[] = {"uary", "ruary", "ch",     "il",   "",      "e",
-                                         "y",    "ust",   "tember", "ober", "ember", "ember"};
-    if (rest->size() < 3) return false;
-    const uint32_t name = packed(rest->substr(0, 3)) | 0x202020;
-    const auto* found = std::find(std::begin(MONTHS), std::end(MONTHS), name);
-    if (found == std::end(MONTHS)) return false;
-    const std::string_view end = ENDS[found - std::begin(MONTHS)];
-    *month = static_cast<unsigned>(found - std::begin(MONTHS)) + 1;
-    rest->remove_prefix(3);
-    const bool whole = rest->size() >= end.size() && std::equal(end.begin(), end.end(), rest->begin(),
-                                                                [](char a, char b) { return a == (b | 0x20); });
-    if (whole) rest->remove_prefix(end.size());
     return true;
 }
 

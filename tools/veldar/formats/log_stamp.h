@@ -31,7 +31,6 @@ void skip_blanks(std::string_view* rest);
 void skip_utf8_mark(std::string_view* rest);         // the byte order mark at the front of some files
 std::string_view take_word(std::string_view* rest);  // up to a blank or the end, and the blanks behind it
 
-bool take_month(std::string_view* rest, unsigned* month);                    // "Nov" or "November" in any case
 bool take_fraction(std::string_view* rest, uint32_t* nanoseconds);           // its digits
 void take_optional_fraction(std::string_view* rest, uint32_t* nanoseconds);  // "." or "," and digits, or nothing
 bool ends_word(std::string_view rest);                                       // no letter or digit follows

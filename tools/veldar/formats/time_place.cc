@@ -29,6 +29,8 @@ constexpr const char* PATTERNS[] = {
     "%Y%m%d%t%H%M%S%q%z",     // basic ISO 8601
     "%Y%m%d%H%M%S%q%z",       //
     "%Y-%m-%d%t%H%M%S%q%z",   //
+    "%Y-%j%t%T",              // the day of the year
+    "%Y.%j%t%T",              //
     "%Y %b %d%t%T",           //
     "%Y-%b-%d%t%T",           //
     "%d/%b/%Y%t%T",           // web servers
@@ -36,6 +38,7 @@ constexpr const char* PATTERNS[] = {
     "%d-%b-%Y::%T",           // Erlang
     "%d%b%Y%t%T",             //
     "%d %b %Y%t%T",           // RFC 1123
+    "%d. %b %Y%t%T",          // German
     "%d %b %H:%M:%S %Z %Y",   // date
     "%b %d %T %Y",            // ctime
     "%b %d %H:%M:%S %Z %Y",   // date

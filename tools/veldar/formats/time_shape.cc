@@ -2,12 +2,14 @@
 
 #include <algorithm>
 
+#include "tools/veldar/formats/month_name.h"
+
 namespace veldar::tool {
 namespace {
 
 constexpr int64_t DAY_S = 86400;
-constexpr std::string_view KINDS = "YymdbaHIMSpfqLzZTRtsunl%", TWO_DIGITS = "mdHIMS", NUMBERS = "YymdHIMSLsfTR";
-constexpr size_t TAI_DIGITS = 16, DIGITS_MAX = 31;
+constexpr std::string_view KINDS = "YymdjbaHIMSpfqLzZTRtsunl%", TWO_DIGITS = "mdHIMS", NUMBERS = "YymdjHIMSLsfTR";
+constexpr size_t TAI_DIGITS = 16, DIGITS_MAX = 31, NAME_MAX_BYTES = 16;
 constexpr int64_t TAI_EPOCH = (int64_t{1} << 62) + 10;  // as programs that write these labels have it
 
 bool is_digit(char c) {
@@ -29,8 +31,9 @@ struct scan {
     std::string_view rest;
     shape_time* out;
     int64_t year = -1, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-    int half_of_day = -1;  // 0 AM, 1 PM
-    bool whole = false;    // the stamp is complete as it is: seconds since some moment
+    int64_t day_of_year = 0;  // instead of month and day
+    int half_of_day = -1;     // 0 AM, 1 PM
+    bool whole = false;       // the stamp is complete as it is: seconds since some moment
 };
 
 bool take_number(std::string_view* rest, bool fixed, int64_t* out) {
@@ -97,20 +100,27 @@ bool take_clock(scan* in, bool seconds) {
 }
 
 bool take_separator(std::string_view* rest) {
-    if (take_blanks(rest)) {
-        if (rest->starts_with("at ")) rest->remove_prefix(3);
-        return true;
-    }
-    if (rest->starts_with(R"(",")")) {
-        rest->remove_prefix(3);
-        return true;
-    }
-    if (rest->empty() || std::string_view("Tt-_:,").find((*rest)[0]) == std::string_view::npos) return false;
-    if (take_char(rest, ','))
-        skip_blanks(rest);
-    else
+    if (!rest->empty() && is_in("Tt-_:", (*rest)[0])) {
         rest->remove_prefix(1);
+        return true;
+    }
+    const size_t before = rest->size();
+    const bool quoted = take_char(rest, '"');
+    skip_blanks(rest);
+    if (!rest->empty() && is_in(",;|", (*rest)[0])) rest->remove_prefix(1);
+    skip_blanks(rest);
+    if (rest->size() + (quoted ? 1 : 0) == before) return false;
+    if (rest->starts_with("at ")) rest->remove_prefix(3);
+    size_t name = 0;
+    while (name < rest->size() && name <= NAME_MAX_BYTES && is_letter((*rest)[name])) name++;
+    if (name > 0 && name < rest->size() && (*rest)[name] == '=') rest->remove_prefix(name + 1);
+    take_char(rest, '"');
     return true;
+}
+
+bool take_day_of_year(scan* in) {
+    in->month = 1;
+    return take_digits(&in->rest, 3, &in->day_of_year) && in->day_of_year > 0;
 }
 
 bool take_milliseconds(scan* in) {
@@ -188,6 +198,8 @@ bool take_part(const time_part& part, scan* in) {
             return take_number(rest, part.fixed, &in->month);
         case 'd':
             return take_number(rest, part.fixed, &in->day);
+        case 'j':
+            return take_day_of_year(in);
         case 'b':
             return take_month_name(in);
         case 'a':
@@ -229,6 +241,28 @@ bool take_part(const time_part& part, scan* in) {
     }
 }
 
+bool has(const time_shape& shape, std::string_view kinds) {
+    return std::any_of(shape.parts.begin(), shape.parts.begin() + shape.count,
+                       [kinds](const time_part& part) { return is_in(kinds, part.kind); });
+}
+
+// Month and day from the day of the year; false when the year has no such day.
+bool set_day_of_year(scan* in) {
+    int64_t first = 0, next = 0;
+    if (!days_from_date(in->year, 1, 1, &first) || !days_from_date(in->year + 1, 1, 1, &next)) return false;
+    int64_t left = in->day_of_year;
+    if (left > next - first) return false;
+    for (in->month = 1; in->month < 12; in->month++) {
+        int64_t begin = 0, end = 0;
+        if (!days_from_date(in->year, in->month, 1, &begin) || !days_from_date(in->year, in->month + 1, 1, &end))
+            return false;
+        if (left <= end - begin) break;
+        left -= end - begin;
+    }
+    in->day = left;
+    return true;
+}
+
 // Puts the numbers together; false when there is no such day or time of day.
 bool finish(const time_shape& shape, scan* in) {
     shape_time* const out = in->out;
@@ -244,6 +278,7 @@ bool finish(const time_shape& shape, scan* in) {
         return true;
     }
     out->has_year = in->year >= 0;
+    if (in->day_of_year != 0 && !set_day_of_year(in)) return false;
     // Of a day whose year is not known all that can be said is that a leap year has it.
     if (!days_from_date(out->has_year ? in->year : 2000, in->month, in->day, &days)) return false;
     out->stamp.local_s = days * DAY_S + second_of_day;
@@ -258,14 +293,10 @@ bool ends_time(std::string_view rest) {
     return ends_word(rest) && !goes_on;
 }
 
-bool has(const time_shape& shape, std::string_view kinds) {
-    return std::any_of(shape.parts.begin(), shape.parts.begin() + shape.count,
-                       [kinds](const time_part& part) { return is_in(kinds, part.kind); });
-}
-
 const char* check_parts(const time_shape& shape) {
     if (has(shape, "sun")) return nullptr;
-    if (shape.has_date != has(shape, "mbdYy")) return "says no month and day";
+    if (has(shape, "j") && !shape.has_year) return "says no year";
+    if (shape.has_date != has(shape, "mbdYyj")) return "says no month and day";
     return shape.has_date || has(shape, "TR") || (has(shape, "HI") && has(shape, "M")) ? nullptr
                                                                                        : "says no hour and minute";
 }
@@ -327,7 +358,7 @@ const char* time_shape_compile(std::string_view pattern, time_shape* out) {
         out->parts[out->count++] = part;
     }
     out->has_year = has(*out, "Yysun");
-    out->has_date = has(*out, "sun") || (has(*out, "mb") && has(*out, "d"));
+    out->has_date = has(*out, "sunj") || (has(*out, "mb") && has(*out, "d"));
     out->has_clock = has(*out, "sunHITR");
     out->order = order_of(*out);
     set_front(out);

@@ -1,8 +1,8 @@
 // Shapes of times: a pattern such as "%d/%m/%Y %T" says how a log writes its times.
 //
 //   %Y %y    year of four or two digits (70 to 99: 1970 to 1999)   %s  seconds since 1970, also with a fraction, or in
-//   %m %d    month, day                                                milliseconds, micro- or nanoseconds, by its size
-//   %b %a    their names: Nov or November, Sun or Sunday           %u  seconds since the machine started
+//   %m %d %j month, day, day of the year                               milliseconds, micro- or nanoseconds, by its size
+//   %b %a    names: Nov, November or Okt, Sun or Sunday            %u  seconds since the machine started
 //   %H %M %S hour (also %I), minute, second                      %n  TAI64N without its "@"
 //   %p       AM or PM                                              %l  level as one letter: I W E F D V
 //   %f       digits of a fraction     %q  "." or "," and a fraction, or nothing
@@ -10,8 +10,8 @@
 //   %z       an offset or a zone that means one offset, or nothing; also behind a blank
 //   %Z       a zone, whatever it means
 //   %T %R    "%H:%M:%S%q" and "%H:%M", with what may follow: AM or PM, %z; milliseconds also behind a colon
-//   %t       what stands between a date and a clock: blanks, a comma and blanks, " at ", "," in quotes, or one of
-//            T t - _ : ,
+//   %t       what stands between a date and a clock: blanks, " at ", one of T t - _ : , or , ; | with blanks or quotes
+//            around it; and then a name, as in "time="
 //   %%       a percent sign
 //
 // A blank stands for one or more; anything else for itself. Numbers may lack their leading zero unless digits follow. A

@@ -58,6 +58,7 @@ void time_field_find(const line_format& format, std::span<const std::string_view
         return;
     }
     if (dated * 2 >= records) return;
+    const time_place whole = time_place_find(lines, hints);
     std::pair<bool, size_t> best = {false, 0};  // named as a time, and how far to the front
     for (const auto& [name, field] : fields) {
         const std::pair<bool, size_t> key = {names_time(name), SIZE_MAX - field.order};
@@ -66,6 +67,9 @@ void time_field_find(const line_format& format, std::span<const std::string_view
         const bool number =
             place.pattern.find('m') == std::string::npos && place.pattern.find('b') == std::string::npos;
         if (!place.known() || place.words > 1 || (number && !key.first)) continue;
+        // The day in one field and the clock in the next are found together in the lines.
+        const bool half = !place.shape.has_clock || !place.shape.has_date;
+        if (half && whole.shape.has_clock && whole.shape.has_date) continue;
         best = key;
         context->time_field = name;
         context->times = place;
