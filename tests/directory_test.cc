@@ -107,10 +107,12 @@ TEST_F(Directory, Listing) {
 TEST_F(Directory, VanishedAndUnreadableSlices) {
     const temp_dir dir;
     const no_pauses pauses;
-    put_slices(dir.path(), {simple_event(1), simple_event(2), simple_event(3)});
+    std::vector<forge_event> events = {simple_event(1), simple_event(2), simple_event(3)};
+    for (forge_event& event : events) event.terms.emplace_back("n::5");
+    put_slices(dir.path(), events);
     const std::vector<event_key> all = {{3, 1}, {2, 1}, {1, 1}};
     st_tsval answers[10];
-    const st_query_spec query = make_query("[AND a]");
+    const st_query_spec query = make_query("[AND a]"), compared = make_query("[AND [GT n 4]]");
     struct {
         uint64_t nth;
         int error;
@@ -149,7 +151,7 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
             const directory_ptr tsidx = open_for_reading(dir.path());
             const fault_step step(action, nth, EIO);
-            const int count = st_tsidx_query(tsidx.get(), &query, answers, 10, 1);
+            const int count = st_tsidx_query(tsidx.get(), nth % 2 == 0 ? &query : &compared, answers, 10, 1);
             last = action == fault_action::allocation ? step.allocations() : step.calls();
             EXPECT_TRUE(count == 3 || (count < 0 && st_tsidx_get_warm_rc(tsidx.get()) == count)) << nth << count;
             EXPECT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT) << nth;
@@ -164,6 +166,7 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
     write_file(damaged, std::string(200, 'x'));
     const directory_ptr fresh = open_for_reading(dir.path());
     EXPECT_EQ(st_tsidx_query(fresh.get(), &query, answers, 10, 1), WARM_RC_BAD_MAGIC) << "no partial answer";
+    EXPECT_TRUE(std::string_view(st_tsidx_last_failure(fresh.get())->message).starts_with(damaged));
     const st_query_spec malformed = make_query("[AND a");
     const directory_ptr empty = open_for_reading(dir.file("missing"));
     EXPECT_EQ(st_tsidx_query(empty.get(), &malformed, answers, 10, 1), WARM_RC_QUERY_END);

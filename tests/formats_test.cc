@@ -131,7 +131,7 @@ constexpr line_case LINES[] = {
     {"text",
      "u=http://a/b?x=1&y=2, p=/a?b=1&c=2 q=/a&r=2 n=1,234,567 m=-1,234.5 o=1,23 s=1,2345,t=5. v=[a b] w=f(x) z=<a@b>.",
      "- u=http://a/b?x=1&y=2 p=/a?b=1&c=2 q=/a r=2 n=1,234,567 m=-1,234.5 o=1 s=1 t=5 v=a w=f(x) z=a@b"},
-    {"text", "x=[[a]] y=1\x01z=2 f=((((((((g k=b;l=http://h;m=2 o=\"a;b\"",
+    {"text", "x=[[a]] y=1\x1Fz=2 f=((((((((g k=b;l=http://h;m=2 o=\"a;b\"",
      "- x=a y=1 z=2 f=((((g k=b l=http://h;m=2 o=a;b"},
 };
 
@@ -162,6 +162,7 @@ TEST(Formats, HeadsNameTheColumnsOfTables) {
          {"\xEF\xBB\xBF\"id\";\"Event Time\";\"x\"\r", "1;2015-07-01 12:00:00;\"\"\r", "7;2015-07-01 12:00:01;-\r"},
          "1435752001.0 id=7"},
         {"csv", {"date\ttime\tn", "2015-07-01\t12:00:00\t\"a\nb\""}, "1435752000.0 n=a\nb"},
+        {"csv", {"date,time,ts,n", "soon,now,2015-07-01T12:00:00Z,1"}, "1435752000.0 date=soon time=now n=1"},
         {"csv", {"# a|b|c", "1|2|3", "x|y|z", "a|b|c"}, "head"},
         {"w3c",
          {"#Software: x", "#Date: 2015-07-01 12:00:00", "#Fields: date time cs-uri-query cs(Referer) sc-status",
@@ -179,6 +180,7 @@ TEST(Formats, HeadsNameTheColumnsOfTables) {
         {"none", {"2015-07-01,12:00:00,x", "2015-07-01,12:00:01,y", "2015-07-01,12:00:01,y"}, nullptr},
 
         {"none", {"a,b,c", "", ""}, nullptr},
+        {"none", {"a,b,c", "1,2,3", "1,2,3", "1,2,3", "1,2,3", "1,2,3", "1", "2", "3", "4"}, nullptr},
     };
     for (const table_case& one : CASES) {
         format_context context;

@@ -52,6 +52,13 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
         ASSERT_TRUE(tool_read_file(path, &bytes));
         const uint64_t in_footer = image.sections[IN_CSTORE].offset + image.header.cstore_ref.get() + 15;
         EXPECT_NE(fsck_bytes(bytes.substr(0, in_footer), path).find("cannot be placed"), std::string::npos);
+        for (const auto& [field, later] : {std::pair(offsetof(st_warm_slice_body, earliest), 1u),
+                                           {offsetof(st_warm_slice_body, latest), ~uint32_t{0}}}) {
+            std::string bad = bytes;
+            auto* const at = reinterpret_cast<uint8_t*>(bad.data() + field);
+            store_be32(at, load_be32(at) + later);
+            EXPECT_NE(fsck_bytes(bad, path).find("time outside the header's"), bad.npos) << field;
+        }
         const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
         for (const slice_section_t section : {IN_OFFSETS, IN_METADATA, IN_LISTS, IN_DIMSETS, IN_CSTORE}) {
             ASSERT_EQ(image.sections[section].state, SECTION_WHOLE);
@@ -62,7 +69,10 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
                 ASSERT_TRUE(tool_write_at(fd.get(), {&flipped, 1}, byte));
                 const std::string findings = fsck_findings(path);
                 EXPECT_NE(findings, "") << slice_section_name(section) << " at " << byte - at.offset;
-                EXPECT_TRUE(section != IN_LISTS || findings.rfind("\nlists") == findings.npos) << findings;
+                if (section == IN_LISTS) {
+                    EXPECT_EQ(findings.rfind("\nlists"), findings.npos) << findings;
+                    EXPECT_GE(std::stoull(findings.substr(findings.find(" at byte ") + 9)), at.offset) << findings;
+                }
                 ASSERT_TRUE(tool_write_at(fd.get(), {&bytes[byte], 1}, byte));
             }
         }
@@ -323,6 +333,16 @@ TEST(Info, TellsSectionsAndFaults) {
     EXPECT_NE(cut.out.find("  lists                  unknown\n"), std::string::npos) << cut.out;
     EXPECT_NE(cut.out.find("lexicon at byte 408: cut off"), std::string::npos) << cut.out;
     EXPECT_EQ(run_tool(TOOL, {"info", dir.file("none")}).status, 5);
+    const std::string findings = run_tool(TOOL, {"info", "--format", "json", path}).out;
+    EXPECT_EQ(findings.substr(findings.find("\"findings\"")),
+              "\"findings\":[\"lexicon at byte 408: cut off: 41 bytes from byte 408 on, but the file has 430\","
+              "\"lexicon at byte 420: block outside the lexicon: block 0 from 0 to 11\","
+              "\"lexicon at byte 424: block outside the lexicon: block 1 from 11 to 21\"]}\n");
+    slice_image image;
+    std::string error;
+    const fault broken(fault_call::pread, 1, EIO);
+    EXPECT_EQ(slice_image_open(path, &image, &error), IMAGE_UNREADABLE);
+    EXPECT_NE(error.find(": cannot be read from byte 0 on: Input/output error"), error.npos) << error;
 }
 
 TEST(Fsck, ExitStatusTells) {

@@ -403,6 +403,9 @@ TEST_F(Load, RecordsAndTimes) {
               (lines{"10:00:00 2024-05-01 10:00:00 ERROR failed code=7\n\tat Main.run(Main.java:5) depth=2\n"
                      " at x\n\nthen this",
                      "10:00:00 no time yet", "10:00:05 2024-05-01 10:00:05 done", "10:00:05 trailing"}));
+    write_file(file("sys.log"), "<38>Jun  9 04:47:44 combo sshd[19939]: told\n");
+    load_all({file("sys.log"), "--host", "Web3"});
+    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "count", "told", "host=web3"}).out, "1\n") << "not combo";
 }
 
 // What is cut out of a file is what is read back of it, also by a load that goes on in its middle.
@@ -484,7 +487,7 @@ TEST_F(Load, ForgottenFilesAreLoadedAnew) {
     write_file(file("a.log"), "gone\n");
     EXPECT_EQ(forget(file("a.log")).out, file("a.log") + ": 35 events deleted\n") << "by its path";
     EXPECT_EQ(records(), b);
-    load_all({file("copy")});
+    EXPECT_TRUE(load({file("copy")}).err.starts_with("35 events"));
     EXPECT_TRUE(load({"--again", file("copy"), file("b.log"), "--tz", "+01:00"}).err.starts_with("65 events"));
     EXPECT_EQ(load({"--again", file("b.log"), "--format", "syslog"}).status, 3);
     EXPECT_EQ(records(), sorted(a + b + log_lines(50, 5)));

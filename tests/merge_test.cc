@@ -200,6 +200,19 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
         }
     }
     EXPECT_EQ(kinds, 15u);
+    // The terms of a source without live events go, be it the first or the last.
+    event_list live = forge_random_events(3, 50), dead = live;
+    for (size_t i = 0; i < live.size(); i++) {
+        live[i].deleted = false;
+        dead[i].deleted = true;
+        dead[i].terms = {"dead"};
+        dead[i].h = 77;
+    }
+    warm_merge_options_t options = options_of(4, true);
+    options.drop_deleted = true;
+    const std::vector<test_source> both = {forge(live, forge_as_created(4)), forge(dead, forge_as_created(4))};
+    merge(both, options, {});
+    merge({both[1], both[0]}, options, {});
 }
 
 // The encoding follows the size: the four kinds of lists, and the rule that keeps readers from losing a bitmap's tail.

@@ -296,11 +296,13 @@ TEST(MetricHotSlice, Transactions) {
 // Keywords of a set's events that are not in the set: lists, records and answers are those of whole sets.
 TEST(MetricHotSlice, LooseTermsStandForWholeSets) {
     warm_rc_t rc;
-    const hot_ptr hot(st_hot_slice_create(4096, 257, 64, 16, 8, 256, 16, true, true, nullptr, &rc));
+    const hot_ptr hot(st_hot_slice_create(4096, 257, 64, 16, 8, 256, 6, true, true, nullptr, &rc));
     const std::vector<std::pair<int32_t, std::vector<std::string>>> events = {
         {100, {" host::a", "foo"}},        {101, {" host::a"}},        {104, {" host::a", "foo"}},
         {102, {" host::b", "foo", "bar"}}, {300, {" host::a", "bar"}}, {400, {" host::c", "bar"}}};
-    for (const auto& [time, terms] : events) {
+    for (size_t i = 0; i < 2 * events.size(); i++) {  // a slice that is reset takes them all again
+        if (i == events.size()) st_hot_slice_reset(hot.get());
+        const auto& [time, terms] = events[i % events.size()];
         const st_txn txn{.time = time, .measure = 1};
         ASSERT_EQ(st_hot_slice_txn_start(hot.get(), &txn), 0);
         for (const std::string& term : terms)

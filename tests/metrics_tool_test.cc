@@ -160,9 +160,12 @@ TEST(MetricsTool, MalformedLinesAndLabels) {
                            "net_out{host=\"h1\",if=\"eth0\"} 2 101\nnet_out{host=\"h1\",if=\"lo\"} 5 103\n"));
     EXPECT_EQ(must({"metrics", "--dir", index, "query", "n*t", "-w", "if=lo"}),  // net_in holds a t too
               "1970-01-01T00:01:43Z\t5\tnet_out{host=\"h1\",if=\"lo\"}\n");
+    write_file(dir.path() + "/odd.csv", "#,time,v\n1,7,8\n");
+    must({"metrics", "--dir", index, "load", "--value", "v", dir.path() + "/odd.csv"});
+    EXPECT_EQ(must({"metrics", "--dir", index, "query", "v"}), "1970-01-01T00:00:07Z\t8\tv\n");
     arguments.insert(arguments.begin() + 4, {"--strict", "--again"});
     EXPECT_EQ(run_tool(TOOL, arguments).status, 2);
-    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 8u);
+    EXPECT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})).size(), 9u);
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", index, "query", "none"}).status, 1);
     write_file(file, "count{if=\"lo\"} 1 5\ncount{if=\"eth0\"} 2 5\n");
     must({"metrics", "--dir", index, "load", file, "--label", "if=x", "--label", "dc=eu"});

@@ -550,11 +550,16 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     st_init("optimize_test");
     TSWRITEOPTS opts;
     st_tsidx_write_opts_init_with_byte_sizes(&opts, 3, 7000000, 64, 8388608, 1, 1024);
+    int mapped = 0;
+    const auto same_address = [](uint32_t address, void* calls) {
+        ++*static_cast<int*>(calls);
+        return address;
+    };
     const auto run = [&](const std::string& directory, bool is_final, uint32_t iterations, uint32_t flags = 0) {
         int result = 0;
         const std::string log = logged([&] {
             result = st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0, flags,
-                                 nullptr, nullptr);
+                                 same_address, &mapped);
         });
         return std::to_string(result) + "\n" + log;
     };
@@ -571,6 +576,8 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
               expected(-1, -1, missing, "true", 9, "ERROR unable to open tsidx: " + missing + "\n"));
     EXPECT_EQ(run(path(), false, 0), expected(0, 0, path(), "false", 0));
     EXPECT_EQ(run(path(), false, 9, 1), expected(-17, -17, path(), "false", 9));
+    EXPECT_EQ(st_optimize(path().c_str(), &opts, 0, false, 1, 5, 32, 0, nullptr, 0, 0, nullptr, nullptr), 0)
+        << "few sources";
     EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 0u);
     {
         const directory_ptr tsidx = open_directory(path());
@@ -595,6 +602,7 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 1u);
     EXPECT_FALSE(fs::exists(path() + "/" + TSIDX_NEED_OPTIMIZE_NAME));
     EXPECT_EQ(sorted_events(path()), expected_);
+    EXPECT_GT(mapped, 0);
 
     const directory_ptr tsidx = open_directory(path());
     st_tsidx_set_merge_mapper(

@@ -555,6 +555,9 @@ TEST_F(SearchTool, AnUnreadableSliceIsNamedAndTheRestPrinted) {
     ASSERT_GT(lost, 0u);
     const std::string bytes = read_file(victim);
     write_file(victim, bytes.substr(0, bytes.size() / 2));
+    const tool_result dumped = run_tool("veldar/veldar", {"dump", fs::path(victim).parent_path()});
+    const size_t stored = std::stoul(run_at(fs::path(victim).parent_path(), {"count", "*"}).out);
+    EXPECT_EQ(static_cast<size_t>(std::count(dumped.out.begin(), dumped.out.end(), '\n')), stored);
     for (const char* command : {"search", "count", "explain"}) {
         const tool_result found = run_at(copy.path(), {command, "refused"});
         EXPECT_EQ(found.status, 3) << command;

@@ -437,6 +437,11 @@ TEST_F(Select, MetricsAgreeWithBruteForce) {
 
 // Beyond what they keep exactly, sketches stay within their error, however their parts were merged.
 TEST_F(Select, SketchesKeepTheirErrors) {
+    for (const std::vector<double>& numbers : {std::vector<double>{1, 1e17, 2, -1e17}, {1e17, 1, 2, -1e17}}) {
+        select_cell_t cell;
+        for (const double n : numbers) select_cell_add(&cell, {number_text(n), n, true}, 1, SELECT_SUM);
+        EXPECT_EQ(select_cell_sum(cell), 3) << "what is lost of small numbers is kept beside";
+    }
     std::mt19937_64 random(5);
     for (const uint32_t count : {4096u, 4097u, 20000u, 50000u, 300000u}) {
         std::vector<select_cell_t> cells(7);
@@ -579,6 +584,27 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
     EXPECT_EQ(failure(legacy, {}, false), "not a msidx cstore tsidx");
     EXPECT_EQ(failure(legacy, projects, false),
               "ST projection on legacy MSIDX V1 and V2 buckets has no group-by: metric_name");
+}
+
+// Eight fields of 300 values each: their combinations are more than 64 bits number.
+TEST_F(Select, GroupsOfEveryCombinationAreKeptApart) {
+    const temp_dir dir;
+    select_options_t options;
+    std::vector<forge_event> events;
+    for (uint32_t i = 0; i < 300; i++) {
+        events.push_back({.time = 5, .address = i, .terms = {}});
+        for (char field = 'a'; field <= 'h'; field++)
+            events.back().terms.push_back(std::string(1, field) + "::" + std::to_string(i));
+    }
+    for (char field = 'a'; field <= 'h'; field++) options.spec.groups.emplace_back(1, field);
+    forge_file(dir.path(), events, forge_as_created(4));
+    const directory_ptr tsidx = open_directory(dir.path(), 0);
+    options.query.lispy = "[AND]";
+    options.sources = {{tsidx.get(), {}}};
+    select_table_t table;
+    warm_rc_t rc;
+    ASSERT_EQ(select_read(options, &table, nullptr, &rc), 0) << rc.message;
+    EXPECT_EQ(table.rows.size(), events.size());
 }
 
 // A table as text, but for sums, whose last digits may depend on the slices.
