@@ -586,27 +586,6 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
               "ST projection on legacy MSIDX V1 and V2 buckets has no group-by: metric_name");
 }
 
-// Eight fields of 300 values each: their combinations are more than 64 bits number.
-TEST_F(Select, GroupsOfEveryCombinationAreKeptApart) {
-    const temp_dir dir;
-    select_options_t options;
-    std::vector<forge_event> events;
-    for (uint32_t i = 0; i < 300; i++) {
-        events.push_back({.time = 5, .address = i, .terms = {}});
-        for (char field = 'a'; field <= 'h'; field++)
-            events.back().terms.push_back(std::string(1, field) + "::" + std::to_string(i));
-    }
-    for (char field = 'a'; field <= 'h'; field++) options.spec.groups.emplace_back(1, field);
-    forge_file(dir.path(), events, forge_as_created(4));
-    const directory_ptr tsidx = open_directory(dir.path(), 0);
-    options.query.lispy = "[AND]";
-    options.sources = {{tsidx.get(), {}}};
-    select_table_t table;
-    warm_rc_t rc;
-    ASSERT_EQ(select_read(options, &table, nullptr, &rc), 0) << rc.message;
-    EXPECT_EQ(table.rows.size(), events.size());
-}
-
 // A table as text, but for sums, whose last digits may depend on the slices.
 std::string digest(const select_table_t& table) {
     std::string text;
