@@ -112,7 +112,7 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
     put_slices(dir.path(), events);
     const std::vector<event_key> all = {{3, 1}, {2, 1}, {1, 1}};
     st_tsval answers[10];
-    const st_query_spec query = make_query("[AND a]"), compared = make_query("[AND [GT n 4]]");
+    const st_query_spec query = make_query("[AND a]");
     struct {
         uint64_t nth;
         int error;
@@ -147,16 +147,22 @@ TEST_F(Directory, VanishedAndUnreadableSlices) {
         EXPECT_EQ(st_tsidx_meta(open_for_reading(dir.path()).get(), &meta), WARM_RC_RETRIES);
         EXPECT_EQ(pauses.microseconds() - before, 1027000u) << "between listings";
     }
-    for (const fault_action action : {fault_action::allocation, fault_action::fail, fault_action::shorten}) {
-        for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
-            const directory_ptr tsidx = open_for_reading(dir.path());
-            const fault_step step(action, nth, EIO);
-            const int count = st_tsidx_query(tsidx.get(), nth % 2 == 0 ? &query : &compared, answers, 10, 1);
-            last = action == fault_action::allocation ? step.allocations() : step.calls();
-            EXPECT_TRUE(count == 3 || (count < 0 && st_tsidx_get_warm_rc(tsidx.get()) == count)) << nth << count;
-            EXPECT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT) << nth;
+    for (const char* text : {"[AND a]", "[AND [GT n 4]]", "[AND a n*]"}) {
+        const st_query_spec asked = make_query(text);
+        for (const fault_action action : {fault_action::allocation, fault_action::fail, fault_action::shorten}) {
+            for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
+                const directory_ptr tsidx = open_for_reading(dir.path());
+                const fault_step step(action, nth, EIO);
+                const int count = st_tsidx_query(tsidx.get(), &asked, answers, 10, 1);
+                last = action == fault_action::allocation ? step.allocations() : step.calls();
+                EXPECT_TRUE(count == 3 || (count < 0 && st_tsidx_get_warm_rc(tsidx.get()) == count)) << text << nth;
+                EXPECT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT) << text << nth;
+            }
         }
     }
+    const temp_dir early;  // all before 1970
+    forge_file(early.path(), {simple_event(-9), simple_event(-8), simple_event(-7, 1, "b")}, {}, 1000);
+    EXPECT_EQ(query_keys(open_for_reading(early.path()).get(), "[AND a a*]").size(), 2u);
     // A file that is open in the cache when it goes is not asked again.
     const directory_ptr tsidx = open_for_reading(dir.path());
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]"), all);

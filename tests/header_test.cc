@@ -68,6 +68,8 @@ TEST(Header, OffsetsAreThoseOfForgedFiles) {
             EXPECT_EQ(warm_header_posting_lists_size(&h, fd.get(), &rc), list_bytes);
             if (!st_warm_slice_is_msidx_with_dimsets(&h)) continue;
             EXPECT_EQ(_offset_dimsets(&h, fd.get(), at.postings, &rc), at.dimsets);
+            EXPECT_EQ(_offset_dimsets(&h, fd.get(), ~uint64_t{0} - list_bytes - 7, &rc), ~uint64_t{0});
+            EXPECT_EQ(rc.warm_rc, WARM_RC_CORRUPT);
         }
     }
 }

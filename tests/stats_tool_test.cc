@@ -283,7 +283,12 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
 TEST_F(StatsTool, NamesInQuotesAndHints) {
     EXPECT_EQ(comma_parts("a(b,c) , d),e,\"f,g\" ,"), (strings{"a(b,c)", "d)", "e", "f,g", ""}));
     const temp_dir other;
-    write_file(other.file("log"), "{\"time\":\"2024-03-01T00:00:00Z\",\"a, b\":\"X\",\"level\":\"low\"}\n");
+    std::string longest;
+    for (int i = 0; i < 12; i++) longest += "\xC3\xA4-";
+    write_file(other.file("log"),
+               "{\"time\":\"2024-03-01T00:00:00Z\",\"a, b\":\"X\",\"level\":\"low\"}\n"
+               "{\"time\":\"2024-03-01T00:00:01Z\",\"name\":\"" +
+                   longest + "\"}\n");
     const auto run_in = [&](std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {"-s", other.file("store")});
         return run_tool("veldar/veldar", arguments);
@@ -291,6 +296,9 @@ TEST_F(StatsTool, NamesInQuotesAndHints) {
     ASSERT_EQ(run_in({"load", other.file("log"), "--no-fsync"}).status, 0);
     EXPECT_NE(run_in({"fields"}).out.find("1\t1\t\"a, b\"\n"), std::string::npos);
     EXPECT_NE(run_in({"stats", "--by", "\"a, b\",level", "--format", "csv"}).out.find("x,low,1"), std::string::npos);
+    const variable_set columns("COLUMNS", "24");
+    EXPECT_EQ(run_in({"stats", "--by", "name", "--plot"}).out,
+              "name                  count\n" + longest.substr(0, 9 * 3 + 2) + "~      1  ████████\n");
     EXPECT_NE(run_in({"top", "levle"}).err.find("no event has a field 'levle'; did you mean 'level'?"),
               std::string::npos);
     EXPECT_NE(run_in({"count", "low", "--since", "2025"}).err.find("0 in these times; without --since and --until 1"),
