@@ -66,10 +66,13 @@ enum warm_status_t : int32_t {
 inline constexpr uint32_t WARM_RC_NO_DETAIL = 0xFFFFFFFF;
 
 struct warm_rc_t {
+    // Of the message only the first byte is set: readers make a record for every term.
+    warm_rc_t() { message[0] = '\0'; }
+
     int32_t warm_rc = 0;                  // 0 or a negative warm_status_t
     int32_t saved_errno = 0;              // errno when the failure was recorded, or one given explicitly
     uint32_t detail = WARM_RC_NO_DETAIL;  // position, index or line of the reporting site; all-ones for none
-    char message[512] = {};               // NUL-terminated, at most 511 characters
+    char message[512];                    // NUL-terminated, at most 511 characters
 };
 
 static_assert(sizeof(warm_rc_t) == 524 && offsetof(warm_rc_t, message) == 12);
