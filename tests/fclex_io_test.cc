@@ -147,11 +147,11 @@ TEST(FclexIo, ReaderGoesOnFromAnyTerm) {
         lex_reader_t reader;
         ASSERT_EQ(_lex_reader_open(&reader, sources.fd.get(), sources.offsets[0]), 0);
         fclex_extent extent, behind;
-        for (uint32_t block = reader.num_blocks; block-- > 0; behind = extent) {
+        for (uint64_t block = reader.shape.blocks(); block-- > 0; behind = extent) {
             ASSERT_EQ(bo_reader_get(&reader.blocks.ends, block, bo_reader_t::RUN, &extent), 0);
-            ASSERT_TRUE(block == reader.num_blocks - 1 || extent.end == behind.start);
+            ASSERT_TRUE(block == reader.shape.blocks() - 1 || extent.end == behind.start);
         }
-        const auto current = [&reader] { return std::string(reader.term, reader.length); };
+        const auto current = [&reader] { return std::string(reader.term, reader.at.length); };
         for (const uint32_t id : {3999U, 0U, 1337U, 1336U, 65U, 2048U, 3000U}) {
             reader.cursor = id;
             ASSERT_EQ(_reload_term(&reader), 0);

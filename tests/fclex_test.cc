@@ -132,6 +132,21 @@ void check_against_model(FCLEX* lex, const std::vector<std::string>& terms, std:
         EXPECT_EQ(w.result, static_cast<int64_t>(2 * w.terms.size()));
     }
     EXPECT_EQ(walk(lex, nullptr).terms.size(), terms.size());
+    for (int i = 0; i < 20; i++) {  // a part of a term, behind a prefix or not
+        const std::string& from = terms[(*rng)() % terms.size()];
+        const size_t start = (*rng)() % (from.size() + 1);
+        const std::string infix = from.substr(start, (*rng)() % 6), prefix = from.substr(0, i % 3);
+        std::vector<std::string> expected, found;
+        for (const std::string& term : terms) {
+            if (term.starts_with(prefix) && term.find(infix) != std::string::npos) expected.push_back(term);
+        }
+        const st_term_fn fn = [](int32_t, const char* term, size_t length, void* context) {
+            static_cast<std::vector<std::string>*>(context)->emplace_back(term, length);
+            return 0;
+        };
+        ASSERT_EQ(fclex_apply_holding(lex, prefix.c_str(), infix, fn, &found, nullptr), 0);
+        ASSERT_EQ(found, expected) << prefix << " " << infix;
+    }
 }
 
 TEST(Fclex, AgreesWithASortedListInBothModes) {

@@ -127,7 +127,7 @@ int main(int argc, char** argv) {
     }
     static scan_context context;  // reachable until the end, when the process gives both back
     context = {matcher, warm, &out};
-    st_fclex_apply(warm->lexicon, nullptr, print_if_matching, &context, nullptr);
+    fclex_apply_holding(warm->lexicon, nullptr, getLongestPiece(matcher), print_if_matching, &context, nullptr);
     out.flush();
     return 0;
 }

@@ -64,20 +64,17 @@ struct st_fclex_handle {
     uint64_t body_limit = 0;                 // memory mode: bytes of the body that may be touched; 0 = unlimited
     buffer<uint8_t> owned_body;
     buffer<uint8_t> owned_cache;
-    // File mode: the first terms that earlier lookups met at the top of the binary search (fclex_lookup.cc).
+    // File mode, what lookups keep for those after them (fclex_lookup.cc).
+    uint64_t cached_start = 0, cached_end = 0;  // of what the block cache holds, in the blocks area
     buffer<uint8_t> known_first_terms;
+    uint32_t lookups = 0;
+    buffer<uint8_t> known_block_ends;  // all of them, or none
 };
 using FCLEX = st_fclex_handle;
 
 // Receives each term of a walk: its id, its text (NUL-terminated, at most 2047 bytes, valid for this call only), the
 // text's length and the caller's context. -1 stops the walk; any other result is added to the walk's total.
 using st_term_fn = int (*)(int32_t id, const char* term, size_t length, void* context);
-
-enum lookup_type_t : uint32_t { LOOKUP_BY_TEXT = 0, LOOKUP_BY_POSITION = 1 };
-union criteria_u {
-    const char* text;
-    uint32_t position;  // within the block
-};
 
 // Opens a body in memory, which stays the caller's and must outlive the handle. Null when the body has no terms or no
 // terms per block, or when memory is short. The body is trusted as far as its offset table reaches.
@@ -122,6 +119,10 @@ int32_t st_fclex_get(FCLEX* lex, const char* text, st_query_info_t* stats);
 // failing place have been handed out. Memory is constant: a file is read in pieces of up to 128 KiB, more only for a
 // block that is itself larger. The callback may use the same handle.
 int64_t st_fclex_apply(FCLEX* lex, const char* prefix, st_term_fn fn, void* context, st_query_info_t* stats);
+// The same for those of the terms that hold `infix`, which may be empty: what a term shares with the one before is not
+// searched again.
+int64_t fclex_apply_holding(FCLEX* lex, const char* prefix, std::string_view infix, st_term_fn fn, void* context,
+                            st_query_info_t* stats);
 
 // Stores the first `capacity` terms that begin with the prefix; returns how many. With the case flag the terms that
 // begin with a blank and the prefix are tried first (stored without the blank): they are the answer if one of them

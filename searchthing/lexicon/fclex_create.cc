@@ -12,27 +12,19 @@ namespace {
 // The terms of a slice lie in the order in which they came, so each is a cache miss of its own unless asked for early.
 constexpr uint32_t PREFETCH_DISTANCE = 12;
 
-using text_span = std::span<const uint8_t>;
-
-// Whether `a` sorts before `b`, given the number of leading bytes that they share.
-bool ascends(text_span a, text_span b, uint32_t common) {
-    if (common == b.size()) return false;
-    return common == a.size() || a[common] < b[common];
-}
-
 }  // namespace
 
 // A term of up to 16383 bytes needs at most two numbers of two bytes; a longer one at most six bytes more.
 uint64_t fclex_body_bound(uint64_t num_terms, uint64_t total_length, uint32_t tperb) {
     const uint64_t block_count = tperb == 0 ? 0 : (num_terms + tperb - 1) / tperb;
-    return fclex_blocks_offset(block_count) + total_length + 4 * num_terms + 6 * (total_length / 0x4000) + 1;
+    return FCLEX_HEADER_SIZE + 4 * block_count + total_length + 4 * num_terms + 6 * (total_length / 0x4000) + 1;
 }
 
 FCLEX* st_fclex_create(void* body, uint64_t size, const char* const* sorted_terms, uint32_t num_terms, uint32_t tperb,
                        uint32_t uncompressed_size) {
     ST_ASSERT(body != nullptr && sorted_terms != nullptr);
     if (num_terms == 0 || tperb == 0 || uncompressed_size == 0) return nullptr;
-    const uint64_t blocks_offset = fclex_blocks_offset(fclex_block_count(num_terms, tperb));
+    const uint64_t blocks_offset = fclex_shape(num_terms, tperb).blocks_offset();
     ST_ASSERT(blocks_offset <= size);
     auto* bytes = static_cast<uint8_t*>(body);
     auto* header = reinterpret_cast<st_fclex_body*>(bytes);
@@ -43,19 +35,19 @@ FCLEX* st_fclex_create(void* body, uint64_t size, const char* const* sorted_term
     uint8_t* block_end = bytes + FCLEX_HEADER_SIZE;
     uint8_t* const blocks = bytes + blocks_offset;
     uint64_t used = 0;
-    text_span previous;
+    std::span<const uint8_t> previous;
     uint32_t position = 0;
     for (uint32_t i = 0; i < num_terms; i++) {
         if (num_terms - i > PREFETCH_DISTANCE) __builtin_prefetch(sorted_terms[i + PREFETCH_DISTANCE]);
-        const text_span term = {reinterpret_cast<const uint8_t*>(sorted_terms[i]), std::strlen(sorted_terms[i])};
+        const std::span<const uint8_t> term = fclex_bytes(sorted_terms[i], std::strlen(sorted_terms[i]));
         const uint32_t common = _lcp(previous, term);
-        if (i != 0 && !ascends(previous, term, common)) return nullptr;
+        if (i != 0 && !fclex_ascends(previous, term, common)) return nullptr;
         if (position == tperb) {
             store_be32(block_end, static_cast<uint32_t>(used));
             block_end += 4;
             position = 0;
         }
-        const text_span rest = term.subspan(position == 0 ? 0 : common);
+        const std::span<const uint8_t> rest = term.subspan(position == 0 ? 0 : common);
         const uint64_t room = size - blocks_offset - used;
         uint8_t aside[FCLEX_MAX_NUMBERS];
         uint8_t* const numbers = room < sizeof aside ? aside : blocks + used;

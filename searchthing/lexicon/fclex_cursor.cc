@@ -5,7 +5,7 @@
 #include <new>
 #include <string>
 
-#include "searchthing/lexicon/fclex_stream_internal.h"
+#include "searchthing/lexicon/fclex_walker_internal.h"
 
 namespace veldar {
 
@@ -21,27 +21,17 @@ fclex_stream_sizes sizes_within(uint64_t piece_bytes) {
 }  // namespace
 
 struct fclex_cursor_t {
-    fclex_cursor_t(FCLEX* lexicon, const char* wanted, const char* behind, uint64_t first_block, uint64_t piece_bytes,
-                   st_query_info_t* stats)
-        : prefix(wanted),
-          after(behind == nullptr ? "" : behind),
-          passed(behind == nullptr),
-          walker(lexicon, first_block, sizes_within(piece_bytes), stats) {}
-
     std::string prefix, after;
     bool passed;  // `after`
     fclex_walker walker;
-    fclex_block_cursor block;
-    uint32_t position = 0;  // of the next term in its block
-    char text[ST_TERM_BUFFER_SIZE] = {};
 };
 
 void fclex_cursor_closer::operator()(fclex_cursor_t* cursor) const {
     delete cursor;
 }
 
-fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* after, uint64_t piece_bytes,
-                                   st_query_info_t* stats, warm_rc_t* rc) {
+fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* after, std::string_view infix,
+                                   uint64_t piece_bytes, st_query_info_t* stats, warm_rc_t* rc) {
     if (lex == nullptr) {
         _set_rc_msg(rc, WARM_RC_NO_LEXICON, "no lexicon");
         return nullptr;
@@ -53,8 +43,11 @@ fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* a
     if (*start != '\0') first_block = _find_block(lex, start, stats, rc);
     if (first_block < 0) return nullptr;
     try {
-        return fclex_cursor_ptr(
-            new fclex_cursor_t(lex, prefix, after, static_cast<uint64_t>(first_block), piece_bytes, stats));
+        return fclex_cursor_ptr(new fclex_cursor_t{
+            .prefix = prefix,
+            .after = after == nullptr ? "" : after,
+            .passed = after == nullptr,
+            .walker = {lex, static_cast<uint64_t>(first_block), infix, sizes_within(piece_bytes), stats}});
     } catch (const std::bad_alloc&) {
         _set_rc(rc, WARM_RC_NO_MEMORY);
         return nullptr;
@@ -62,30 +55,18 @@ fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* a
 }
 
 int fclex_cursor_next(fclex_cursor_t* cursor, fclex_cursor_term_t* term, warm_rc_t* rc) {
-    const size_t prefix_length = cursor->prefix.size();
     fclex_walker& walker = cursor->walker;
+    *term = {};
     for (;;) {
-        *term = {};
-        if (cursor->position == walker.terms) {
-            if (walker.next_block == walker.block_count) return 0;
-            if (const int status = walker.start_block(&cursor->block))
-                return _set_rc_msg(rc, status, "reading a lexicon block");
-            cursor->position = 0;
+        const int status = walker.next(cursor->prefix);
+        if (status == WARM_RC_READ || status == WARM_RC_NO_MEMORY) {
+            return _set_rc_msg(rc, status, "reading a lexicon block");
         }
-        const uint32_t id = walker.first_id + cursor->position++;
-        if (fclex_next_term(&cursor->block, cursor->text) != 0) {
-            return _set_rc_verbose(rc, WARM_RC_CORRUPT, id, "lexicon block is damaged");
-        }
-        const int order = prefix_length == 0 ? 0 : std::strncmp(cursor->text, cursor->prefix.c_str(), prefix_length);
-        if (order < 0) continue;
-        if (order > 0) {  // nothing behind it begins with the prefix
-            cursor->position = walker.terms;
-            walker.next_block = walker.block_count;
-            return 0;
-        }
-        if (!cursor->passed && std::strcmp(cursor->text, cursor->after.c_str()) <= 0) continue;
+        if (status != 0) return _set_rc_verbose(rc, WARM_RC_CORRUPT, walker.id(), "lexicon block is damaged");
+        if (walker.at_end()) return 0;
+        if (!cursor->passed && std::strcmp(walker.text(), cursor->after.c_str()) <= 0) continue;
         cursor->passed = true;
-        *term = {.id = id, .length = cursor->block.length, .text = cursor->text};
+        *term = {.id = walker.id(), .length = walker.length(), .text = walker.text()};
         return 0;
     }
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "searchthing/lexicon/fclex.h"
 
@@ -21,12 +22,12 @@ struct fclex_cursor_term_t {
     const char* text = nullptr;  // NUL-terminated; null at the end
 };
 
-// A cursor before the first term that begins with `prefix` (any term when it is null or empty) and, unless it is null,
-// comes behind `after`; or null with WARM_RC_NO_LEXICON for a null one, WARM_RC_NO_MEMORY, or the failure of the look-up.
-// The lexicon must outlive it and may be used meanwhile; any number of cursors may share one. A file is read in pieces of at most
+// A cursor before the first term that begins with `prefix` (any term when it is null or empty), unless it is null comes
+// behind `after`, and holds `infix`; or null with WARM_RC_NO_LEXICON for a null one, WARM_RC_NO_MEMORY, or the failure of the look-up.
+// The lexicon and the infix must outlive it, and the lexicon may be used meanwhile; any number of cursors may share one. A file is read in pieces of at most
 // `piece_bytes` (more only for a larger block).
-fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* after, uint64_t piece_bytes,
-                                   st_query_info_t* stats, warm_rc_t* rc);
+fclex_cursor_ptr fclex_cursor_open(FCLEX* lex, const char* prefix, const char* after, std::string_view infix,
+                                   uint64_t piece_bytes, st_query_info_t* stats, warm_rc_t* rc);
 // Moves to the next term; after the last one the text is null. 0, WARM_RC_READ for a block that cannot be read, CORRUPT for
 // damage, NO_MEMORY.
 [[nodiscard]] int fclex_cursor_next(fclex_cursor_t* cursor, fclex_cursor_term_t* term, warm_rc_t* rc);

@@ -1,9 +1,10 @@
-// What the sources of the lexicon share: the shape of a body, fetching one block, and decoding a block's terms.
+// What the sources of the lexicon share: the shape of a body, the table of block ends, the search key, and the entries
+// of one block.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <span>
 
@@ -20,35 +21,31 @@ inline constexpr uint64_t FCLEX_MAX_TERM_BYTES = 2052;  // in a block, with its 
 static_assert(FCLEX_MAX_PREFIX < ST_MAX_TERM_LENGTH && ST_MAX_TERM_LENGTH < ST_TERM_BUFFER_SIZE);
 static_assert(ST_MAX_TERM_LENGTH >> 14 == 0 && FCLEX_MAX_TERM_BYTES >= 2 * 2 + ST_MAX_TERM_LENGTH);
 
+// How many terms and blocks a body has.
+struct fclex_shape {
+    uint32_t terms = 0;
+    uint32_t tperb = 0;
+
+    fclex_shape() = default;
+    fclex_shape(uint32_t terms_, uint32_t tperb_) : terms(terms_), tperb(tperb_) {}
+    explicit fclex_shape(const st_fclex_body& header) : terms(header.terms.get()), tperb(header.tperb.get()) {}
+    explicit fclex_shape(const FCLEX* lex) : fclex_shape(*reinterpret_cast<const st_fclex_body*>(lex->body)) {}
+
+    bool is_valid() const { return terms != 0 && tperb != 0; }
+    // 64 bits, for terms + tperb - 1 may pass 32.
+    uint64_t blocks() const { return (uint64_t{terms} + tperb - 1) / tperb; }
+    // Where they begin in the body.
+    uint64_t blocks_offset() const { return FCLEX_HEADER_SIZE + 4 * blocks(); }
+    uint64_t max_block() const { return tperb * FCLEX_MAX_TERM_BYTES; }
+    // The terms in one block: tperb, or what is left for the last.
+    uint32_t terms_in(uint64_t block) const {
+        return static_cast<uint32_t>(std::min<uint64_t>(tperb, terms - block * tperb));
+    }
+};
+
 inline bool fclex_in_file(const FCLEX* lex) {
     return lex->fd >= 0;
 }
-
-inline const st_fclex_body* fclex_header(const FCLEX* lex) {
-    return reinterpret_cast<const st_fclex_body*>(lex->body);
-}
-inline uint32_t fclex_tperb(const FCLEX* lex) {
-    return fclex_header(lex)->tperb.get();
-}
-
-// 64 bits, for terms + tperb - 1 may pass 32.
-inline uint64_t fclex_block_count(uint32_t terms, uint32_t tperb) {
-    return (uint64_t{terms} + tperb - 1) / tperb;
-}
-inline uint64_t fclex_block_count(const FCLEX* lex) {
-    return fclex_block_count(fclex_header(lex)->terms.get(), fclex_tperb(lex));
-}
-inline uint64_t fclex_blocks_offset(uint64_t block_count) {
-    return FCLEX_HEADER_SIZE + 4 * block_count;
-}
-
-// The terms in one block: tperb, or what is left for the last.
-inline uint32_t fclex_terms_in_block(const FCLEX* lex, uint64_t block) {
-    const uint64_t first = block * fclex_tperb(lex);
-    const uint64_t left = fclex_header(lex)->terms.get() - first;
-    return left < fclex_tperb(lex) ? static_cast<uint32_t>(left) : fclex_tperb(lex);
-}
-
 // Asserts what the two modes promise about the handle's fields.
 void fclex_check(const FCLEX* lex);
 
@@ -58,45 +55,37 @@ struct fclex_extent {
     uint32_t end = 0;
     uint32_t size() const { return end - start; }
 };
-// Of the block whose entry in the table of block ends this is.
-inline fclex_extent fclex_extent_at(const uint8_t* entry, uint64_t block) {
-    return {block == 0 ? 0 : load_be32(entry - 4), load_be32(entry)};
-}
 
-// 0, or WARM_RC_CORRUPT for ends that do not ascend, or a block of a file that is larger than one can be (with a line on
-// standard error).
-[[nodiscard]] inline int fclex_check_file_extent(const fclex_extent& extent, uint64_t max_block) {
-    if (extent.end < extent.start) return WARM_RC_CORRUPT;
-    if (extent.size() <= max_block) return 0;
-    std::fputs("error trying to read invalid block size in _get_block_from_offsets_fd\n", stderr);
-    return WARM_RC_CORRUPT;
-}
-
-// The block ends of a body in a file, read in runs.
+// The table of block ends: in memory, or in a file, read in runs.
 struct bo_reader_t {
     static constexpr uint32_t RUN = 1024;
     bo_reader_t() = default;
-    bo_reader_t(int fd_, uint64_t body_offset, uint64_t block_count, st_query_info_t* stats_)
+    // `table` has all entries, or is null.
+    bo_reader_t(int fd_, uint64_t body_offset, uint64_t block_count, const uint8_t* table, st_query_info_t* stats_)
         : fd(fd_),
           table_offset(body_offset + FCLEX_HEADER_SIZE),
           count(static_cast<uint32_t>(block_count)),
-          stats(stats_) {}
+          stats(stats_),
+          whole(table),
+          held(table == nullptr ? 0 : count) {}
 
     int fd = -1;
     uint64_t table_offset = 0;  // of entry 0 in the file
     uint32_t count = 0;         // entries in the table
     st_query_info_t* stats = nullptr;
+    const uint8_t* whole = nullptr;
     uint32_t first = 0;  // the entry that the run begins with
     uint32_t held = 0;   // entries in the run
     uint8_t run[RUN * 4];
 };
 // Whether the run has both ends of a block.
 inline bool bo_reader_holds(const bo_reader_t& reader, uint64_t block) {
-    const uint64_t first = block == 0 ? 0 : block - 1;
-    return first >= reader.first && block - reader.first < reader.held;
+    const uint64_t before = block == 0 ? 0 : block - 1;
+    return before >= reader.first && block - reader.first < reader.held;
 }
 inline fclex_extent bo_reader_extent(const bo_reader_t& reader, uint64_t block) {
-    return fclex_extent_at(reader.run + 4 * (block - reader.first), block);
+    const uint8_t* const entry = (reader.whole != nullptr ? reader.whole : reader.run) + 4 * (block - reader.first);
+    return {block == 0 ? 0 : load_be32(entry - 4), load_be32(entry)};
 }
 // Reads the run that begins with a block: `wanted` entries, 2 to RUN of them, as far as there are. 0; WARM_RC_READ,
 // SHORT_READ or END_OF_FILE, with a line on standard error, when it does not have the block.
@@ -108,34 +97,32 @@ inline fclex_extent bo_reader_extent(const bo_reader_t& reader, uint64_t block) 
     return 0;
 }
 
-// The bytes of a block inside a body in memory. 0, or WARM_RC_CORRUPT for ends that do not ascend or leave the body.
-[[nodiscard]] inline int fclex_block_in_memory(const FCLEX* lex, uint64_t block, std::span<const uint8_t>* bytes) {
-    const fclex_extent extent = fclex_extent_at(lex->block_offsets + 4 * block, block);
-    const uint64_t end = static_cast<uint64_t>(lex->blocks - lex->body) + extent.end;
-    if (extent.end < extent.start || (lex->body_limit != 0 && end > lex->body_limit)) return WARM_RC_CORRUPT;
-    *bytes = {lex->blocks + extent.start, extent.size()};
-    return 0;
-}
-// The bytes of a block, in file mode in the block cache until the next fetch. 0, WARM_RC_CORRUPT, or WARM_RC_READ (with
-// a line on standard error).
-[[nodiscard]] int fclex_fetch_block(FCLEX* lex, uint64_t block, st_query_info_t* stats,
-                                    std::span<const uint8_t>* bytes);
+// 0, or WARM_RC_CORRUPT for ends that do not ascend, or for a block that is larger than one of a file can be (with a
+// line on standard error).
+[[nodiscard]] int fclex_check_extent(const fclex_extent& extent, uint64_t max_block);
 
-// The search key of a text. Stored terms are compared on their first 2047 bytes, so no more of a key ever counts.
-std::span<const uint8_t> fclex_key(const char* text);
+// A part of the blocks area in memory.
+struct fclex_piece {
+    static constexpr uint64_t NO_END = ~uint64_t{0};  // of a body in memory whose length nobody tells
+    const uint8_t* data = nullptr;
+    uint64_t start = 0, end = 0;  // in the blocks area
 
-// Orders a stored term against a key as strcmp would: a NUL byte inside a (foreign) term ends it.
-int fclex_compare(std::span<const uint8_t> term, std::span<const uint8_t> key);
+    bool has(const fclex_extent& extent) const { return extent.start >= start && extent.end <= end; }
+    // The bytes of a block of which it has the start; those behind the block too when the piece has an end.
+    std::span<const uint8_t> from(const fclex_extent& extent) const {
+        return {data + (extent.start - start), (end == NO_END ? extent.end : end) - extent.start};
+    }
+};
+// All blocks of a body in memory.
+fclex_piece fclex_whole(const FCLEX* lex);
+// Reads `size` bytes of the blocks area, which begins at `blocks_offset` of the file, into `out`. The piece has what
+// there is. What st_timed_pread_msg returns.
+int64_t fclex_read_piece(fclex_piece* piece, int fd, uint64_t blocks_offset, uint64_t start, uint64_t size,
+                         uint8_t* out, st_query_info_t* stats);
 
 // The last block whose first term is not above the text; block 0 when all are. WARM_RC_FAILED with
 // the failure in `rc`.
 int64_t _find_block(FCLEX* lex, const char* text, st_query_info_t* stats, warm_rc_t* rc);
-
-// The position in the block of the first term that meets the criterion; `out` keeps the last term decoded.
-// WARM_RC_FAILED when there is none or a shared prefix is too long, READ, CORRUPT or INVALID_ARGUMENT; `rc` carries the
-// exact failure, WARM_RC_NOT_FOUND for "none".
-int64_t _find_word(FCLEX* lex, uint64_t block, lookup_type_t type, criteria_u criterion, char* out, size_t out_size,
-                   st_query_info_t* stats, warm_rc_t* rc);
 
 // The number of leading bytes that are equal.
 inline uint32_t _lcp(std::span<const uint8_t> a, std::span<const uint8_t> b) {
@@ -148,26 +135,86 @@ inline uint32_t _lcp(std::span<const uint8_t> a, std::span<const uint8_t> b) {
     while (i < limit && a[i] == b[i]) i++;
     return static_cast<uint32_t>(i);
 }
-
-// The numbers before the text of the term at a position of its block: how many bytes it shares with the one before, and
-// how many follow, up to the end of the block at the last position (tperb - 1). Where the text begins, or null for
-// damage.
-inline const uint8_t* fclex_decode_numbers(const uint8_t* at, const uint8_t* end, uint32_t position,
-                                           uint32_t last_position, uint32_t* shared, uint32_t* rest) {
-    *shared = 0;
-    if (position != 0) {
-        const uint32_t used = vbe_decode_bounded(shared, at, end);
-        if (used == 0) return nullptr;
-        at += used;
-        if (position == last_position) {
-            *rest = static_cast<uint32_t>(end - at);
-            return at;
-        }
-    }
-    const uint32_t used = vbe_decode_bounded(rest, at, end);
-    return used == 0 || *rest > end - at - used ? nullptr : at + used;
+// Whether `a` sorts before `b`, given the number of leading bytes that they share.
+inline bool fclex_ascends(std::span<const uint8_t> a, std::span<const uint8_t> b, uint32_t common) {
+    return common < b.size() && (common == a.size() || a[common] < b[common]);
 }
-// Writes them, at most FCLEX_MAX_NUMBERS bytes, and returns their size; `shared` means nothing at position 0.
+
+inline std::span<const uint8_t> fclex_bytes(const char* text, size_t length) {
+    return {reinterpret_cast<const uint8_t*>(text), length};
+}
+
+// A term as its block has it: how many bytes it shares with the one before, and the rest.
+struct fclex_entry {
+    uint32_t shared = 0;
+    uint32_t rest = 0;
+    const uint8_t* text = nullptr;  // the rest's
+};
+
+// Stands between two entries of a block.
+struct fclex_block_cursor {
+    fclex_block_cursor() = default;
+    fclex_block_cursor(std::span<const uint8_t> bytes, const uint8_t* readable_, uint32_t tperb)
+        : at(bytes.data()), end(at + bytes.size()), readable(readable_), last_position(tperb - 1) {}
+
+    const uint8_t* at = nullptr;        // the next undecoded byte
+    const uint8_t* end = nullptr;       // of the block
+    const uint8_t* readable = nullptr;  // at or past `end`: bytes up to here may be loaded, and mean nothing past `end`
+    uint32_t position = 0;              // of the next term
+    uint32_t last_position = 0;         // tperb - 1: the position whose text runs to the end
+    uint32_t length = 0;                // of the term before, at most 2047; whoever takes entries sets it
+};
+
+// Takes the next entry; the caller asks for no more than the block has. 0, WARM_RC_CORRUPT, or WARM_RC_FAILED for a
+// shared prefix above 2046.
+[[nodiscard]] inline int fclex_next_entry(fclex_block_cursor* cursor, fclex_entry* entry) {
+    const uint8_t* at = cursor->at;
+    const uint8_t* const end = cursor->end;
+    const uint32_t position = cursor->position++;
+    uint32_t shared = 0, rest = 0;
+    if (position != 0) {
+        const uint32_t used = vbe_decode_bounded(&shared, at, end);
+        if (used == 0) return WARM_RC_CORRUPT;
+        at += used;
+    }
+    if (position != 0 && position == cursor->last_position) {
+        rest = static_cast<uint32_t>(end - at);
+    } else {
+        const uint32_t used = vbe_decode_bounded(&rest, at, end);
+        at += used;
+        if (used == 0 || rest > end - at) return WARM_RC_CORRUPT;
+    }
+    if (shared > FCLEX_MAX_PREFIX) return WARM_RC_FAILED;
+    if (shared > cursor->length) return WARM_RC_CORRUPT;
+    cursor->at = at + rest;
+    *entry = {shared, rest, at};
+    return 0;
+}
+
+// Where terms are decoded: up to 32 bytes of a rest are copied with moves of a fixed size, which takes fewer
+// instructions than asking how many there are.
+inline constexpr uint32_t FCLEX_TEXT_SLACK = 32;
+using fclex_text = char[ST_TERM_BUFFER_SIZE + FCLEX_TEXT_SLACK];
+
+// Decodes the next term into `text`, which holds the one before, terminates it and sets the cursor's length. As
+// fclex_next_entry.
+[[nodiscard]] [[gnu::always_inline]] inline int fclex_next_term(fclex_block_cursor* cursor, fclex_entry* entry,
+                                                                char* text) {
+    ST_TRY(fclex_next_entry(cursor, entry));
+    uint32_t kept = entry->rest;
+    if (kept <= FCLEX_TEXT_SLACK && cursor->readable - entry->text >= FCLEX_TEXT_SLACK) {
+        std::memcpy(text + entry->shared, entry->text, FCLEX_TEXT_SLACK);
+    } else {
+        kept = std::min(kept, ST_MAX_TERM_LENGTH - entry->shared);
+        std::memcpy(text + entry->shared, entry->text, kept);
+    }
+    cursor->length = std::min(entry->shared + kept, ST_MAX_TERM_LENGTH);
+    text[cursor->length] = '\0';
+    return 0;
+}
+
+// Writes the numbers before the text of the term at a position of its block, at most FCLEX_MAX_NUMBERS bytes, and
+// returns their size; `shared` means nothing at position 0.
 inline constexpr uint32_t FCLEX_MAX_NUMBERS = 2 * VBE_MAX_BYTES;
 inline uint32_t fclex_encode_numbers(uint8_t* out, uint32_t position, uint32_t last_position, uint32_t shared,
                                      uint32_t rest) {
@@ -178,55 +225,6 @@ inline uint32_t fclex_encode_numbers(uint8_t* out, uint32_t position, uint32_t l
     if (position != 0) put(shared);
     if (position == 0 || position != last_position) put(rest);
     return size;
-}
-
-// Decodes the terms of one block in order, each on top of the one before.
-struct fclex_block_cursor {
-    const uint8_t* at = nullptr;        // the next undecoded byte
-    const uint8_t* end = nullptr;       // of the block
-    const uint8_t* readable = nullptr;  // at or past `end`: bytes up to here may be loaded, and mean nothing past `end`
-    uint32_t position = 0;              // of the next term
-    uint32_t last_position = 0;         // tperb - 1: the position whose text runs to the end
-    uint32_t length = 0;                // of the term decoded last, at most 2047
-};
-
-inline fclex_block_cursor fclex_start_block(std::span<const uint8_t> bytes, const uint8_t* readable, uint32_t tperb) {
-    return {bytes.data(), bytes.data() + bytes.size(), readable, 0, tperb - 1, 0};
-}
-
-// fclex_next_term for any term: 0, WARM_RC_CORRUPT, or WARM_RC_FAILED for a shared prefix above 2046.
-[[nodiscard]] int fclex_next_term_checked(fclex_block_cursor* cursor, char* text);
-
-// Decodes the next term into `text` (2048 bytes, holding the term before), terminates it and sets `length`. The caller
-// asks for no more terms than the block has.
-//
-// Nearly every term shares and adds fewer than 128 bytes, so both lengths are single bytes. Then up to 32 bytes of the
-// rest are copied with two fixed-size moves: fewer instructions than asking how many there are.
-[[nodiscard]] inline int fclex_next_term(fclex_block_cursor* cursor, char* text) {
-    constexpr ptrdiff_t CHUNK = 32;
-    static_assert(0x7F + CHUNK < ST_TERM_BUFFER_SIZE);
-    const uint8_t* at = cursor->at;
-    if (cursor->position == 0 || cursor->readable - at < CHUNK + 2) return fclex_next_term_checked(cursor, text);
-    const uint32_t shared = at[0];
-    ptrdiff_t rest;
-    if (cursor->position == cursor->last_position) {
-        at += 1;
-        rest = cursor->end - at;
-    } else {
-        rest = at[1];
-        at += 2;
-    }
-    // Below 0x80 by the first test or by CHUNK; a rest that begins past the end is negative on the right-hand side.
-    if (shared >= 0x80 || shared > cursor->length || rest < 0 || rest > CHUNK || rest > cursor->end - at) {
-        return fclex_next_term_checked(cursor, text);
-    }
-    std::memcpy(text + shared, at, CHUNK);
-    const uint32_t length = shared + static_cast<uint32_t>(rest);
-    text[length] = '\0';
-    cursor->at = at + rest;
-    cursor->position++;
-    cursor->length = length;
-    return 0;
 }
 
 }  // namespace veldar

@@ -20,10 +20,6 @@ constexpr uint64_t READER_PIECE = uint64_t{1} << 20;
 constexpr uint64_t MAX_READER_CACHE = uint64_t{1} << 30;
 constexpr size_t MAX_CODED_TERM = FCLEX_MAX_NUMBERS + ST_TERM_BUFFER_SIZE + LEX_SLACK;
 
-std::span<const uint8_t> bytes_of(const char* text, size_t length) {
-    return {reinterpret_cast<const uint8_t*>(text), length};
-}
-
 // Copies a term or a part of one. Both sides have LEX_SLACK bytes behind the last that counts, so the usual short one
 // takes a move of a fixed size.
 void copy_padded(void* to, const void* from, size_t length) {
@@ -126,7 +122,7 @@ int write_body(bool verbose, lex_writer_t* writer, int fd, uint64_t offset, uint
     header.uncompressed_size.set(static_cast<uint32_t>(writer->_uncompressed_size));
     if (!write_whole(fd, &header, sizeof header, offset)) return WARM_RC_WRITE;
     ST_TRY(write_block_ends(writer, fd, offset + FCLEX_HEADER_SIZE));
-    const uint64_t blocks_offset = offset + fclex_blocks_offset(writer->_bo_idx);
+    const uint64_t blocks_offset = offset + FCLEX_HEADER_SIZE + 4 * writer->_bo_idx;
     ST_TRY(write_pages(writer, fd, blocks_offset));
     *end_offset = blocks_offset + writer->_blocks_off;
     if (verbose) {
@@ -147,7 +143,7 @@ int _lex_writer_open(bool verbose, lex_writer_t* writer, uint32_t tperb, uint64_
     writer->_page_sz = page_size == 0 ? LEX_WRITER_PAGE_SIZE : page_size;
     ST_ASSERT(writer->_page_sz >= sizeof(size_t) + 1);
     writer->tperb = writer->position = tperb;
-    const uint64_t num_blocks = tperb == 0 ? 0 : fclex_block_count(expected_terms, tperb);
+    const uint64_t num_blocks = tperb == 0 ? 0 : fclex_shape(expected_terms, tperb).blocks();
     // The hint is a bound in merges, where most terms may be common to many sources.
     const uint64_t first_room = std::clamp<uint64_t>(num_blocks, 16, 0x10000);
     writer->pages.reset(new_list(std::free));
@@ -170,10 +166,8 @@ int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t c
     const auto length = static_cast<uint32_t>(term.size());
     if (writer->_cursor != 0) {  // the first term may equal the empty one that `previous` holds
         if (common == length) return length == writer->previous_length ? 0 : WARM_RC_INVALID_ARGUMENT;
-        if (common < writer->previous_length &&
-            static_cast<uint8_t>(term[common]) < static_cast<uint8_t>(writer->previous[common])) {
-            return WARM_RC_INVALID_ARGUMENT;
-        }
+        const std::span<const uint8_t> previous = fclex_bytes(writer->previous, writer->previous_length);
+        if (!fclex_ascends(previous, fclex_bytes(term.data(), length), common)) return WARM_RC_INVALID_ARGUMENT;
     }
     if (writer->_cursor == MAX_U32) return WARM_RC_DOES_NOT_FIT;
     if (writer->position == tperb) {
@@ -206,10 +200,10 @@ int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t c
 
 int _lex_writer_put(lex_writer_t* writer, const char* term, size_t length) {
     if (length > ST_MAX_TERM_LENGTH) return WARM_RC_DOES_NOT_FIT;
-    char padded[ST_TERM_BUFFER_SIZE + LEX_SLACK];
+    fclex_text padded;
     if (length != 0) std::memcpy(padded, term, length);
     std::memset(padded + length, 0, LEX_SLACK);
-    const uint32_t common = _lcp(bytes_of(writer->previous, writer->previous_length), bytes_of(padded, length));
+    const uint32_t common = _lcp(fclex_bytes(writer->previous, writer->previous_length), fclex_bytes(padded, length));
     return lex_writer_put_after(writer, {padded, length}, common);
 }
 
@@ -225,35 +219,34 @@ int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset) {
     st_fclex_body header;
     const auto offset = static_cast<uint64_t>(body_offset);
     ST_TRY(_pread_verify(fd, &header, sizeof header, offset, "_lex_reader_open"));
-    if (header.terms.get() == 0 || header.tperb.get() == 0) return WARM_RC_ZERO_TERMS;
+    const fclex_shape shape(header);
+    if (!shape.is_valid()) return WARM_RC_ZERO_TERMS;
+    if (shape.max_block() > MAX_READER_CACHE) return WARM_RC_NO_MEMORY;
     reader->fd = fd;
     reader->body_offset = body_offset;
-    reader->terms = header.terms.get();
-    reader->tperb = header.tperb.get();
-    if (reader->tperb * FCLEX_MAX_TERM_BYTES > MAX_READER_CACHE) return WARM_RC_NO_MEMORY;
-    reader->num_blocks = static_cast<uint32_t>(fclex_block_count(reader->terms, reader->tperb));
-    reader->blocks = {fd, offset, reader->num_blocks, reader->tperb, {READER_PIECE, READER_PIECE}, nullptr};
+    reader->shape = shape;
+    reader->blocks = {fd, offset, shape, nullptr, {READER_PIECE, READER_PIECE}, nullptr};
     return 0;
 }
 
 const uint8_t* _lex_reader_get(lex_reader_t* reader, uint32_t bid, warm_rc_t* rc) {
-    ST_ASSERT(bid < reader->num_blocks);
+    ST_ASSERT(bid < reader->shape.blocks());
     std::span<const uint8_t> bytes;
     if (const int status = reader->blocks.get(bid, &bytes)) {
         const bool damaged = status == WARM_RC_CORRUPT;
         _set_rc_verbose(rc, status, bid, damaged ? "surpassed cache size in _lex_reader_get" : "_lex_reader_get");
         return nullptr;
     }
+    const uint32_t length = reader->at.length;
     reader->block = bid;
-    reader->position = 0;
-    reader->at = bytes.data();
-    reader->end = bytes.data() + bytes.size();
-    return reader->at;
+    reader->at = {bytes, reader->blocks.readable(bytes), reader->shape.tperb};
+    reader->at.length = length;
+    return reader->at.at;
 }
 
 int _lex_reader_get_size(lex_reader_t* reader, uint64_t* size) {
     be32 end;
-    const uint64_t blocks = fclex_blocks_offset(reader->num_blocks);
+    const uint64_t blocks = reader->shape.blocks_offset();
     const uint64_t offset = static_cast<uint64_t>(reader->body_offset) + blocks - sizeof end;
     ST_TRY(_pread_verify(reader->fd, &end, sizeof end, offset, "_lex_reader_get_size"));
     *size = blocks + end.get();
@@ -274,45 +267,40 @@ int start_block(lex_reader_t* reader, uint32_t block) {
 // Decodes the next term of the block on top of the one before, which may be the last of another block. A foreign writer
 // may have stored fewer shared bytes than there are: `common` counts them all.
 int decode_term(lex_reader_t* reader, bool has_previous) {
-    uint32_t shared, rest;
-    const uint8_t* const at =
-        fclex_decode_numbers(reader->at, reader->end, reader->position, reader->tperb - 1, &shared, &rest);
-    if (at == nullptr || shared > reader->length) return WARM_RC_CORRUPT;
-    if (rest > ST_MAX_TERM_LENGTH - shared) return WARM_RC_CORRUPT;
-
-    uint32_t more = 0;
+    fclex_entry entry;
+    if (fclex_next_entry(&reader->at, &entry) != 0) return WARM_RC_CORRUPT;
+    if (entry.rest > ST_MAX_TERM_LENGTH - entry.shared) return WARM_RC_CORRUPT;
+    char* const end = reader->term + entry.shared;
+    reader->common = entry.shared;
     if (has_previous) {
-        const char* old = reader->term + shared;
-        const uint32_t old_rest = reader->length - shared;
-        more = _lcp({at, rest}, bytes_of(old, old_rest));
-        const bool ascends = more < rest && (more == old_rest || at[more] > static_cast<uint8_t>(old[more]));
-        if (!ascends) return WARM_RC_CORRUPT;
+        const std::span<const uint8_t> old_rest = fclex_bytes(end, reader->at.length - entry.shared);
+        const std::span<const uint8_t> rest = {entry.text, entry.rest};
+        const uint32_t more = _lcp(rest, old_rest);
+        if (!fclex_ascends(old_rest, rest, more)) return WARM_RC_CORRUPT;
+        reader->common += more;
     }
-    copy_padded(reader->term + shared, at, rest);
-    reader->common = shared + more;
-    reader->length = shared + rest;
-    reader->at = at + rest;
-    reader->position++;
+    copy_padded(end, entry.text, entry.rest);
+    reader->at.length = entry.shared + entry.rest;
     return 0;
 }
 
 }  // namespace
 
 int _reload_term(lex_reader_t* reader) {
-    if (reader->cursor >= reader->terms) return WARM_RC_CORRUPT;
-    reader->length = 0;
-    ST_TRY(start_block(reader, reader->cursor / reader->tperb));
-    const uint32_t position = reader->cursor % reader->tperb;
-    while (reader->position <= position) ST_TRY(decode_term(reader, reader->position != 0));
+    if (reader->cursor >= reader->shape.terms) return WARM_RC_CORRUPT;
+    reader->at.length = 0;
+    ST_TRY(start_block(reader, reader->cursor / reader->shape.tperb));
+    const uint32_t position = reader->cursor % reader->shape.tperb;
+    while (reader->at.position <= position) ST_TRY(decode_term(reader, reader->at.position != 0));
     return 0;
 }
 
 int _increment_cursor(lex_reader_t* reader) {
-    if (reader->cursor >= reader->terms) return WARM_RC_FAILED;
+    if (reader->cursor >= reader->shape.terms) return WARM_RC_FAILED;
     reader->cursor++;
-    if (reader->cursor == reader->terms) return 0;
-    if (reader->position == reader->tperb) {
-        ST_ASSERT(reader->cursor == (uint64_t{reader->block} + 1) * reader->tperb);
+    if (reader->cursor == reader->shape.terms) return 0;
+    if (reader->at.position == reader->shape.tperb) {
+        ST_ASSERT(reader->cursor == (uint64_t{reader->block} + 1) * reader->shape.tperb);
         ST_TRY(start_block(reader, reader->block + 1));
     }
     return decode_term(reader, true);

@@ -15,7 +15,7 @@
 #include "searchthing/base/list.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/lexicon/fclex.h"
-#include "searchthing/lexicon/fclex_stream_internal.h"
+#include "searchthing/lexicon/fclex_walker_internal.h"
 
 namespace veldar {
 
@@ -23,7 +23,7 @@ inline constexpr uint64_t LEX_WRITER_PAGE_SIZE = 0x100000;
 inline constexpr uint32_t LEX_MERGE_MAX_SOURCES = 64;
 static_assert(LEX_MERGE_MAX_SOURCES <= 8 * sizeof(bmap64_t), "a bit for each source");
 // Terms are copied in pieces of this size: buffers have as much room behind their last byte.
-inline constexpr uint32_t LEX_SLACK = 32;
+inline constexpr uint32_t LEX_SLACK = FCLEX_TEXT_SLACK;
 static_assert(LEX_SLACK <= fclex_block_reader::SLACK);
 
 struct lex_page_list_deleter {
@@ -42,7 +42,7 @@ struct lex_writer_t {
     uint32_t tperb = 0;
     uint32_t position = 0;  // of the next term in its block, tperb when that begins a new one
     uint32_t previous_length = 0;
-    char previous[ST_TERM_BUFFER_SIZE + LEX_SLACK] = {};
+    fclex_text previous = {};
     std::unique_ptr<list_t, lex_page_list_deleter> pages;
     uint8_t* page_at = nullptr;  // where the next byte of the last page goes
 };
@@ -69,19 +69,14 @@ inline uint64_t lex_writer_buf_sz(const lex_writer_t* writer) {
 struct lex_reader_t {
     int fd = -1;  // the caller's, for as long as the reader is open
     int64_t body_offset = 0;
-    uint32_t terms = 0;
-    uint32_t tperb = 0;
-    uint32_t num_blocks = 0;
+    fclex_shape shape;
     fclex_block_reader blocks;
 
-    uint32_t cursor = 0;           // id of the current term; `terms` at the end
-    uint32_t block = 0;            // the block behind `at`
-    uint32_t position = 0;         // of the next term in it
-    const uint8_t* at = nullptr;   // the next undecoded byte
-    const uint8_t* end = nullptr;  // of the block
-    uint32_t common = 0;  // leading bytes that the current term shares with the one before, as many as there are
-    uint32_t length = 0;  // of the current term
-    char term[ST_TERM_BUFFER_SIZE + LEX_SLACK] = {};  // the current term; not terminated
+    uint32_t cursor = 0;    // id of the current term; the number of terms at the end
+    uint32_t block = 0;     // where the current term is
+    fclex_block_cursor at;  // behind it, with its length
+    uint32_t common = 0;    // leading bytes that it shares with the one before, as many as there are
+    fclex_text term = {};   // not terminated
 };
 
 // Opens the body at `body_offset`. Blocks are read in pieces of 1 MiB, or one block when that is more. 0;
@@ -89,7 +84,7 @@ struct lex_reader_t {
 // a failed read's READ, SHORT_READ or END_OF_FILE. The cursor is 0, and its term is not decoded yet.
 [[nodiscard]] int _lex_reader_open(lex_reader_t* reader, int fd, int64_t body_offset);
 
-// Goes to the start of a block (below `num_blocks`, asserted): its bytes, until the next call. Null with
+// Goes to the start of a block (below their number, asserted): its bytes, until the next call. Null with
 // WARM_RC_NO_MEMORY, CORRUPT or a read's failure.
 const uint8_t* _lex_reader_get(lex_reader_t* reader, uint32_t block, warm_rc_t* rc);
 

@@ -61,9 +61,10 @@ class loser_tree {
             const lex_reader_t& a = readers_[player.source];
             const lex_reader_t& b = readers_[other.source];
             const auto known = static_cast<uint32_t>(player.common);
-            const uint32_t common = known + _lcp(rest_of(a, known), rest_of(b, known));
-            const bool wins = common == a.length || (common < b.length && byte_at(a, common) < byte_at(b, common));
-            if (wins) {
+            const std::span<const uint8_t> a_rest = rest_of(a, known), b_rest = rest_of(b, known);
+            const uint32_t more = _lcp(a_rest, b_rest);
+            const uint32_t common = known + more;
+            if (more == a_rest.size() || fclex_ascends(a_rest, b_rest, more)) {
                 other.common = static_cast<int32_t>(common);
                 return player;
             }
@@ -76,9 +77,8 @@ class loser_tree {
     }
 
     static std::span<const uint8_t> rest_of(const lex_reader_t& reader, uint32_t from) {
-        return {reinterpret_cast<const uint8_t*>(reader.term) + from, reader.length - from};
+        return fclex_bytes(reader.term + from, reader.at.length - from);
     }
-    static uint8_t byte_at(const lex_reader_t& reader, uint32_t at) { return static_cast<uint8_t>(reader.term[at]); }
 
     const lex_reader_t* readers_;
     uint32_t count_;
@@ -88,10 +88,10 @@ class loser_tree {
 // Every term takes a byte of its blocks at least, so a count of terms that passes this is bounded by the file's size.
 int check_size(const lex_reader_t* reader, uint64_t size) {
     const auto offset = static_cast<uint64_t>(reader->body_offset);
-    const uint64_t blocks = size - fclex_blocks_offset(reader->num_blocks);
+    const uint64_t blocks = size - reader->shape.blocks_offset();
     uint64_t file_size = 0;
     const bool fits = osfile_get_size(reader->fd, &file_size) == 0 && offset + size <= file_size;
-    return fits && reader->terms <= blocks ? 0 : WARM_RC_CORRUPT;
+    return fits && reader->shape.terms <= blocks ? 0 : WARM_RC_CORRUPT;
 }
 
 struct merge_t {
@@ -144,7 +144,7 @@ int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
         lex_reader_t* reader = &merge->readers[player.source];
         common = std::min(common, static_cast<uint32_t>(player.common));
         if (!merge->passes_over(player)) {
-            const std::string_view term = {reader->term, reader->length};
+            const std::string_view term = {reader->term, reader->at.length};
             if (const int status = lex_writer_put_after(writer, term, common)) {
                 return _set_rc_verbose(rc, status, player.source, "_lex_writer_put in st_fclex_merge_n");
             }
@@ -158,13 +158,13 @@ int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
         if (const int status = _increment_cursor(reader)) {
             return _set_rc_verbose(rc, status, player.source, "_increment_cursor in st_fclex_merge_n");
         }
-        const bool at_end = reader->cursor == reader->terms;
+        const bool at_end = reader->cursor == reader->shape.terms;
         tree.replay({player.source, at_end ? AT_END : static_cast<int32_t>(reader->common)});
     }
     const lex_reader_t* const readers = merge->readers.get();
-    ST_ASSERT(std::all_of(readers, readers + merge->count, [](const auto& r) { return r.cursor == r.terms; }));
+    ST_ASSERT(std::all_of(readers, readers + merge->count, [](const auto& r) { return r.cursor == r.shape.terms; }));
     // The last block is still open.
-    ST_ASSERT(writer->_cursor == 0 || writer->_bo_idx + 1 == fclex_block_count(writer->_cursor, writer->tperb));
+    ST_ASSERT(writer->_cursor == 0 || writer->_bo_idx + 1 == fclex_shape(writer->_cursor, writer->tperb).blocks());
     return 0;
 }
 
@@ -188,7 +188,7 @@ int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, 
     ST_TRY(open_sources(&merge, fds, body_offsets, body_end_offsets, rc));
 
     uint64_t possible_terms = 0;
-    for (uint32_t i = 0; i < src_sz; i++) possible_terms += merge.readers[i].terms;
+    for (uint32_t i = 0; i < src_sz; i++) possible_terms += merge.readers[i].shape.terms;
     if (bmap_array_alloc(source_bitmaps, src_sz <= 32, possible_terms) == 0) {
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "bitmap array alloc failed");
     }

@@ -4,7 +4,7 @@
 
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/lexicon/fclex_internal.h"
-#include "searchthing/lexicon/fclex_stream_internal.h"
+#include "searchthing/lexicon/fclex_walker_internal.h"
 
 namespace veldar {
 
@@ -14,24 +14,6 @@ namespace {
 // prefix usually ends within a few blocks: it begins with pieces of a sixteenth of that and doubles them as it goes on.
 constexpr fclex_stream_sizes WHOLE = {FCLEX_MAX_PIECE, FCLEX_MAX_PIECE};
 constexpr fclex_stream_sizes BEHIND_PREFIX = {FCLEX_MAX_PIECE / 16, FCLEX_MAX_PIECE};
-
-// Calls `visit(id, text, length)` for every term from a block on until it returns false. 0, or why the walk failed.
-template <typename Visit>
-int walk(FCLEX* lex, uint64_t first_block, bool whole, st_query_info_t* stats, Visit visit) {
-    fclex_walker walker(lex, first_block, whole ? WHOLE : BEHIND_PREFIX, stats);
-    char text[ST_TERM_BUFFER_SIZE];
-    text[0] = '\0';
-    while (walker.next_block < walker.block_count) {
-        fclex_block_cursor cursor;
-        ST_TRY(walker.start_block(&cursor));
-        const uint32_t first_id = walker.first_id, terms = walker.terms;
-        for (uint32_t j = 0; j < terms; j++) {
-            ST_TRY(fclex_next_term(&cursor, text));
-            if (!visit(first_id + j, text, cursor.length)) return 0;
-        }
-    }
-    return 0;
-}
 
 struct enum_context {
     st_enum_answer* answers;
@@ -56,33 +38,29 @@ int store_term(int32_t id, const char* term, size_t length, void* opaque) {
 }  // namespace
 
 int64_t st_fclex_apply(FCLEX* lex, const char* prefix, st_term_fn fn, void* context, st_query_info_t* stats) {
+    return fclex_apply_holding(lex, prefix, {}, fn, context, stats);
+}
+
+int64_t fclex_apply_holding(FCLEX* lex, const char* prefix, std::string_view infix, st_term_fn fn, void* context,
+                            st_query_info_t* stats) {
     if (lex == nullptr) return WARM_RC_NO_LEXICON;
     fclex_check(lex);
-    int64_t total = 0;
-    bool stopped = false;
-    const auto call = [&](uint32_t id, const char* text, size_t length) {
-        const int result = fn(static_cast<int32_t>(id), text, length, context);
-        stopped = result == -1;
-        if (!stopped) total += result;
-        return !stopped;
-    };
-
-    int status = 0;
-    if (prefix == nullptr || *prefix == '\0') {
-        status = walk(lex, 0, true, stats, call);
-    } else {
+    const std::string_view start = prefix == nullptr ? "" : prefix;
+    int64_t first_block = 0;
+    if (!start.empty()) {
         warm_rc_t rc;
-        const int64_t block = _find_block(lex, prefix, stats, &rc);
-        if (block < 0) return rc.warm_rc;
-        const size_t prefix_length = std::strlen(prefix);
-        const auto call_if_prefixed = [&](uint32_t id, const char* text, size_t length) {
-            const int order = std::strncmp(text, prefix, prefix_length);
-            return order < 0 || (order == 0 && call(id, text, length));
-        };
-        status = walk(lex, static_cast<uint64_t>(block), false, stats, call_if_prefixed);
+        first_block = _find_block(lex, prefix, stats, &rc);
+        if (first_block < 0) return rc.warm_rc;
     }
-    if (status != 0) return status;
-    return stopped ? -1 : total;
+    fclex_walker walker(lex, static_cast<uint64_t>(first_block), infix, start.empty() ? WHOLE : BEHIND_PREFIX, stats);
+    int64_t total = 0;
+    for (;;) {
+        ST_TRY(walker.next(start));
+        if (walker.at_end()) return total;
+        const int result = fn(static_cast<int32_t>(walker.id()), walker.text(), walker.length(), context);
+        if (result == -1) return -1;
+        total += result;
+    }
 }
 
 int st_fclex_enum(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {

@@ -117,6 +117,14 @@ void freeOpaqueMatcher(OpaqueMatcher_T* matcher) {
     delete matcher;
 }
 
+std::string_view getLongestPiece(const OpaqueMatcher_T* matcher) {
+    std::string_view longest;
+    for (uint32_t i = 0; i < matcher->count; i++) {
+        if (matcher->pieces[i].size() > longest.size()) longest = matcher->pieces[i];
+    }
+    return longest;
+}
+
 const char* getHardStart(const OpaqueMatcher_T* matcher) {
     return matcher->hard_start != 0 ? matcher->pieces[0].data() : nullptr;
 }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <memory>
+#include <string_view>
 
 namespace veldar {
 
@@ -30,6 +31,8 @@ using matcher_ptr = std::unique_ptr<OpaqueMatcher_T, matcher_closer>;
 const char* getHardStart(const OpaqueMatcher_T* matcher);
 const char* getHardEnd(const OpaqueMatcher_T* matcher);
 const char* getWord(const OpaqueMatcher_T* matcher);
+// The longest piece of the needle, which every term holds that matches in either way; empty when it has none.
+std::string_view getLongestPiece(const OpaqueMatcher_T* matcher);
 // 4 for a needle without '*', 3 for one with '*' and text, -1 for the empty needle and for stars alone.
 int getMatcherType(const OpaqueMatcher_T* matcher);
 // Prints the pieces to standard output.

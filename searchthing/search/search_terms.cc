@@ -111,7 +111,10 @@ int gather_term(int32_t id, const char* term, size_t, void* raw) {
 }
 
 int walk_terms(conjunction_context* context, const char* prefix, term_walk* walk) {
-    const int64_t total = st_fclex_apply(context->handle->lexicon, prefix, gather_term, walk, context->info);
+    std::string_view infix;
+    if (walk->matcher != nullptr) infix = getLongestPiece(walk->matcher);
+    const int64_t total =
+        fclex_apply_holding(context->handle->lexicon, prefix, infix, gather_term, walk, context->info);
     if (walk->status != 0) return walk->status;
     if (total < 0) return _set_rc_msg(&context->rc, static_cast<int>(total), "walking the lexicon of a slice");
     ST_ASSERT(std::is_sorted(walk->ids->begin(), walk->ids->end()));

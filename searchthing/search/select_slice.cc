@@ -80,8 +80,8 @@ int select_stretch(const selection_t& selection, uint32_t begin, uint32_t end, u
 }
 
 int select_terms_add(const selection_t& selection, const std::string& prefix, select_terms_t* out, warm_rc_t* rc) {
-    const fclex_cursor_ptr cursor = fclex_cursor_open(selection.warm->lexicon, prefix.c_str(), nullptr, LEXICON_PIECE,
-                                                      selection.query->spec.info, rc);
+    const fclex_cursor_ptr cursor = fclex_cursor_open(selection.warm->lexicon, prefix.c_str(), nullptr, {},
+                                                      LEXICON_PIECE, selection.query->spec.info, rc);
     if (cursor == nullptr) return rc->warm_rc;
     fclex_cursor_term_t term;
     ST_TRY(fclex_cursor_next(cursor.get(), &term, rc));

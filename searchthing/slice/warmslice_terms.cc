@@ -26,8 +26,10 @@ int warm_terms::open(WARM* warm, const term_choice_t& choice, uint64_t piece_byt
         const char* const start = getHardStart(matcher_.get());
         if (start != nullptr && choice.prefix.size() < std::string_view(start).size()) prefix = start;
     }
+    std::string_view infix;
+    if (matcher_ != nullptr) infix = getLongestPiece(matcher_.get());
     const char* const after = choice.after ? choice.after->c_str() : nullptr;
-    cursor_ = fclex_cursor_open(warm->lexicon, prefix, after, piece_bytes, nullptr, rc);
+    cursor_ = fclex_cursor_open(warm->lexicon, prefix, after, infix, piece_bytes, nullptr, rc);
     return cursor_ == nullptr ? rc->warm_rc : 0;
 }
 
