@@ -200,6 +200,11 @@ int st_event_count(THING* thing, const QUERY* query, uint64_t* count) {
     return st_tsidx_event_count(directory_of(thing), query, count);
 }
 
+int st_term_count(THING* thing, const char* term, st_time_t earliest, st_time_t latest, uint64_t* count) {
+    if (thing == nullptr || count == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    return st_tsidx_term_count(directory_of(thing), term, earliest, latest, count);
+}
+
 int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context) {
     return st_tsidx_apply_events(directory_of(thing), query, fn, context);
 }

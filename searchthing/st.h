@@ -112,6 +112,7 @@ int st_need_optimize(const THING* thing);
                                 uint32_t capacity);
 // WARM_RC_INVALID_ARGUMENT for a null handle or output.
 [[nodiscard]] int st_event_count(THING* thing, const QUERY* query, uint64_t* count);
+[[nodiscard]] int st_term_count(THING* thing, const char* term, st_time_t earliest, st_time_t latest, uint64_t* count);
 [[nodiscard]] int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, void* context);
 // Selections; whoever makes one includes tsidx_select.h. The new handle is null for an earliest time after the latest, for
 // a null handle, and without memory, which is logged. It is freed before the directory is closed.

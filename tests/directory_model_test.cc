@@ -192,6 +192,9 @@ class model {
         }
         std::vector<st_tsval> answers(500);
         const int count = st_tsidx_get(tsidx, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), 500);
+        uint64_t counted = 0;
+        ASSERT_EQ(st_tsidx_term_count(tsidx, term.c_str(), INT32_MIN, INT32_MAX, &counted), 0);
+        ASSERT_GE(counted, static_cast<uint64_t>(count));
         ASSERT_GE(count, 0);
         EXPECT_EQ(keys_of(answers.data(), count), expected) << term;
 

@@ -243,6 +243,16 @@ TEST_F(Directory, TermsAreTakenAsTheyAre) {
     EXPECT_EQ(answers[0].time, 1);
     EXPECT_EQ(st_tsidx_get(tsidx.get(), "AND", 0, 9, answers, 4), 1);
     EXPECT_EQ(st_tsidx_get(tsidx.get(), nullptr, 0, 9, answers, 4), WARM_RC_INVALID_ARGUMENT);
+    uint64_t count = 9;
+    EXPECT_EQ(st_tsidx_term_count(tsidx.get(), nullptr, 0, 9, &count), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_TRUE(st_tsidx_term_count(tsidx.get(), "a*", 0, 9, &count) == 0 && count == 1);
+    EXPECT_TRUE(st_tsidx_term_count(tsidx.get(), "AND", 0, 9, &count) == 0 && count == 1);
+    EXPECT_TRUE(st_tsidx_term_count(tsidx.get(), "AND", 9, 0, &count) == 0 && count == 0);
+    QUERY plain;
+    st_query_init(&plain);
+    plain.lispy = "[AND a*]";
+    plain.opt_a = QUERY_STARS_ARE_PLAIN;
+    EXPECT_TRUE(st_tsidx_event_count(tsidx.get(), &plain, &count) == 0 && count == 1);
     EXPECT_EQ(st_tsidx_all_events(tsidx.get(), 2, 3, answers, 4), 2);
     const auto stop = [](const char*, size_t, uint64_t, void*) { return -1; };
     EXPECT_EQ(st_tsidx_distinct_apply_terms(tsidx.get(), nullptr, stop, nullptr), -1);
@@ -532,6 +542,8 @@ TEST_F(Directory, Minify) {
     st_tsval answers[4];
     EXPECT_EQ(st_tsidx_all_events(mini.get(), 0, 9, answers, 4), 3);
     EXPECT_EQ(st_tsidx_get(mini.get(), "a", 0, 9, answers, 4), WARM_RC_MINIFIED);
+    uint64_t count;
+    EXPECT_EQ(st_tsidx_term_count(mini.get(), "a", 0, 9, &count), WARM_RC_MINIFIED);
     EXPECT_EQ(st_tsidx_distinct_term_count(mini.get()), WARM_RC_MINIFIED);
 }
 

@@ -64,17 +64,20 @@ TEST(Tokenizer, EscapedLiteralsComeBackAndNoTextTripsIt) {
     std::mt19937 random(3);
     const std::string alphabet = "aZ9 \t\n[]\\AND\r";
     for (int i = 0; i < 20000; i++) {
-        std::string literal, escaped;
-        for (size_t n = 1 + random() % 8; n > 0; n--) {
-            const char c = alphabet[random() % alphabet.size()];
-            literal += c;
-            if (std::string(" \t\n[]\\").find(c) != std::string::npos) escaped += '\\';
-            escaped += c;
-        }
-        const std::string tokens = tokens_of(escaped);
+        std::string literal;
+        for (size_t n = 1 + random() % 8; n > 0; n--) literal += alphabet[random() % alphabet.size()];
+        const std::string tokens = tokens_of(query_escape(literal));
         ASSERT_EQ(tokens.substr(tokens.find(':')), ":" + literal + " -20");
+        ASSERT_EQ(query_can_hold(literal), tokens[0] == '6');
         tokens_of(literal, token_case_t(i % 3), 2 + static_cast<unsigned int>(i % 6));
     }
+}
+
+TEST(Tokenizer, SomeTermsNoTextHolds) {
+    for (const std::string& term : {std::string(), std::string("NEQ"), std::string(2049, 'x'), std::string("a\0b", 3)}) {
+        EXPECT_FALSE(query_can_hold(term));
+    }
+    EXPECT_TRUE(query_can_hold(std::string(2048, 'x')));
 }
 
 TEST(Tokenizer, DiscardNextTakesTheExpectedTokenOnly) {

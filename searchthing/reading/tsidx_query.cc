@@ -47,6 +47,37 @@ int newest_events(TSIDX* tsidx, event_cursor_options_t options, const st_query_s
     return found == TSIDX_SYNC_FAILED ? found : _cpy_rc(&tsidx->last_failure, &rc);
 }
 
+int count_parsed(tsidx_snapshot* snapshot, const parsed_query_t& parsed, bool needs_terms, uint64_t* count,
+                 warm_rc_t* rc) {
+    const st_query_spec& bounded = parsed.spec;
+    if (tsidx_is_empty_range(bounded)) return 0;
+    uint64_t total = 0;
+    const auto add_slice = [&](size_t i, warm_rc_t* why) {
+        uint64_t matches = 0;
+        if (needs_terms && !st_warm_slice_has_fclex(snapshot->warm(i))) {
+            return _set_rc_msg(why, WARM_RC_MINIFIED, "minified slice");
+        }
+        ST_TRY(warm_slice_count(snapshot->warm(i), parsed, &matches, nullptr, why));
+        total += matches;
+        return 0;
+    };
+    const auto add_all = [&]() -> int64_t {
+        total = 0;
+        return snapshot->each(bounded.earliest.time_s, bounded.latest.time_s, add_slice, rc);
+    };
+    ST_TRY(static_cast<int>(snapshot->hold(add_all, rc)));
+    *count = total;
+    return 0;
+}
+
+st_query_spec query_of_times(st_time_t earliest, st_time_t latest) {
+    st_query_spec query;
+    query.earliest = {earliest, 0};
+    query.latest = {latest, LAST_NANOSECOND};
+    query.opt_flag = QUERY_BOUNDED;
+    return query;
+}
+
 // Hands the matching events of one slice to `visit`, newest first, until it returns false. 0 or a status.
 template <typename Visit>
 int visit_matches(WARM* warm, const parsed_query_t& query, Visit visit, warm_rc_t* rc) {
@@ -110,13 +141,9 @@ int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t l
                  uint32_t capacity) {
     ST_ASSERT(tsidx != nullptr);
     if (term == nullptr) return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "no term");
-    st_query_spec query;
-    query.earliest = {earliest, 0};
-    query.latest = {latest, LAST_NANOSECOND};
-    query.opt_flag = QUERY_BOUNDED;
     event_cursor_options_t options;
     options.term = term;
-    return newest_events(tsidx, std::move(options), query, answers, capacity);
+    return newest_events(tsidx, std::move(options), query_of_times(earliest, latest), answers, capacity);
 }
 
 int st_tsidx_all_events(TSIDX* tsidx, st_time_t earliest, st_time_t latest, st_tsval* answers, uint32_t capacity) {
@@ -148,22 +175,20 @@ int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, u
     *count = 0;
     parsed_query_t parsed;
     ST_TRY(parse_query(query_with_bounds(query), &parsed, rc));
-    const st_query_spec& bounded = parsed.spec;
-    if (tsidx_is_empty_range(bounded)) return 0;
-    uint64_t total = 0;
-    const auto add_slice = [&](size_t i, warm_rc_t* why) {
-        uint64_t matches = 0;
-        ST_TRY(warm_slice_count(snapshot->warm(i), parsed, &matches, nullptr, why));
-        total += matches;
-        return 0;
-    };
-    const auto add_all = [&]() -> int64_t {
-        total = 0;
-        return snapshot->each(bounded.earliest.time_s, bounded.latest.time_s, add_slice, rc);
-    };
-    ST_TRY(static_cast<int>(snapshot->hold(add_all, rc)));
-    *count = total;
-    return 0;
+    return count_parsed(snapshot, parsed, false, count, rc);
+}
+
+int st_tsidx_term_count(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest, uint64_t* count) {
+    ST_ASSERT(tsidx != nullptr && count != nullptr);
+    *count = 0;
+    if (term == nullptr) return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "no term");
+    try {
+        tsidx_snapshot snapshot({{.tsidx = tsidx, .path = {}}}, nullptr);
+        const parsed_query_t parsed = query_for_term(query_of_times(earliest, latest), term);
+        return count_parsed(&snapshot, parsed, true, count, &tsidx->last_failure);
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
 }
 
 int64_t st_tsidx_apply_events(TSIDX* tsidx, const st_query_spec* query, tsidx_event_fn fn, void* context) {

@@ -45,7 +45,12 @@ namespace veldar {
 // The number of events that match exactly; all events for a null query. Slices are counted one by one: an event that
 // lies in two counts twice. 0 or a status as st_tsidx_query's; the query's cumspan is not applied.
 [[nodiscard]] int st_tsidx_event_count(TSIDX* tsidx, const st_query_spec* query, uint64_t* count);
-// The same over all that a snapshot reads, which is held for it. 0 or a status, in `rc`.
+// The number of events in a time range that contain exactly this term ("*" is a character like any other), as above,
+// without a text to read. 0; WARM_RC_INVALID_ARGUMENT for a null term, WARM_RC_MINIFIED for a minified slice, or a
+// slice's status.
+[[nodiscard]] int st_tsidx_term_count(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest,
+                                      uint64_t* count);
+// st_tsidx_event_count over all that a snapshot reads, which is held for it. 0 or a status, in `rc`.
 [[nodiscard]] int snapshot_event_count(tsidx_snapshot* snapshot, const st_query_spec& query, uint64_t* count,
                                        warm_rc_t* rc);
 

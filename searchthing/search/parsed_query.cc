@@ -174,7 +174,7 @@ int read_query(bracket_parser* parser, const char* text, token_case_t token_case
 }  // namespace
 
 int parse_query(const st_query_spec& query, parsed_query_t* out, warm_rc_t* rc) {
-    *out = {.spec = query, .frames = {}};
+    *out = {.spec = query, .frames = {}, .stars_are_plain = (query.opt_a & QUERY_STARS_ARE_PLAIN) != 0};
     if (query.lispy == nullptr) return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "a query without text");
     try {
         bracket_parser parser;

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include "searchthing/base/query_info.h"
 #include "searchthing/base/st_timeval.h"
@@ -26,7 +28,10 @@ inline constexpr uint8_t QUERY_NEQ_MATCHES_MISSING = 1;
 inline constexpr uint8_t QUERY_WILDCARDS_SKIP_FIELDS = 2;
 // opt_a: "*" stands for any characters, so that "*00" finds "1000" too (matcher_spans).
 inline constexpr uint8_t QUERY_WILDCARDS_SPAN = 4;
-static_assert((QUERY_NEQ_MATCHES_MISSING ^ QUERY_WILDCARDS_SKIP_FIELDS ^ QUERY_WILDCARDS_SPAN) == 7);
+// opt_a: "*" is a character like any other.
+inline constexpr uint8_t QUERY_STARS_ARE_PLAIN = 8;
+static_assert((QUERY_NEQ_MATCHES_MISSING ^ QUERY_WILDCARDS_SKIP_FIELDS ^ QUERY_WILDCARDS_SPAN ^
+               QUERY_STARS_ARE_PLAIN) == 15);
 
 // opt_flag: the times are bounds even when all of them are 0. Without it, a record whose times nobody has touched asks
 // an index directory for events of any time.
@@ -72,6 +77,14 @@ st_query_spec query_with_bounds(const st_query_spec& query);
 // later.
 void st_query_set_time_bound(st_query_spec* query, bool with_subseconds, int earliest_seconds,
                              unsigned long earliest_subseconds, int latest_seconds, unsigned long latest_subseconds);
+
+// A term, or a part of one, as a query's text has it: blanks, tabs, line feeds, brackets and backslashes get a backslash.
+// A "*" stays what it is to the query (QUERY_STARS_ARE_PLAIN). May throw std::bad_alloc.
+std::string query_escape(std::string_view term);
+// Whether an escaped term is read back as this literal. Not so are an empty one, an operator such as "AND", one with a
+// NUL, and one of more than 2048 bytes (2047 behind TOKEN_CASE_BLANK_PREFIX); st_get and st_term_count take a term as
+// it is.
+bool query_can_hold(std::string_view term);
 
 // Checks a text without a slice: 0, or what a search answers to it, and where in the text (null allowed) the fault is.
 [[nodiscard]] int validate_query_text(const char* text, token_case_t token_case, size_t* error_position);

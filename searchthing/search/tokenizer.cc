@@ -60,6 +60,21 @@ int read_literal(tokenizer_t* tokenizer, char* buffer, uint32_t size, uint32_t c
 
 }  // namespace
 
+std::string query_escape(std::string_view term) {
+    std::string escaped;
+    escaped.reserve(term.size());
+    for (const char c : term) {
+        if (is_escapable(c)) escaped += '\\';
+        escaped += c;
+    }
+    return escaped;
+}
+
+bool query_can_hold(std::string_view term) {
+    return !term.empty() && term.size() < TOKEN_CAPACITY && term.find('\0') == std::string_view::npos &&
+           type_of(term) == T_LITERAL;
+}
+
 size_t init_tokenizer(tokenizer_t* tokenizer, const char* text, token_case_t token_case) {
     *tokenizer = {0, text, std::strlen(text), token_case};
     return tokenizer->_strlen;

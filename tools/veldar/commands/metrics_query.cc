@@ -5,6 +5,7 @@
 #include <bit>
 #include <tuple>
 
+#include "searchthing/search/query.h"
 #include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/commands/metrics_stats.h"
 #include "tools/veldar/formats/metric_text.h"
@@ -30,15 +31,6 @@ struct points_options {
     metrics_stats_options stats;
 };
 
-// A term as the bracket notation has it.
-void put_literal(std::string* out, std::string_view term) {
-    *out += ' ';
-    for (const char c : term) {
-        if (std::string_view(" \t\n[]\\").find(c) != std::string_view::npos) *out += '\\';
-        *out += c;
-    }
-}
-
 void put_condition(std::string* out, const std::string& condition) {
     const size_t equals = condition.find('=');
     const bool negated = equals != std::string::npos && equals > 0 && condition[equals - 1] == '!';
@@ -49,13 +41,13 @@ void put_condition(std::string* out, const std::string& condition) {
     std::string term;
     metric_term_put(&term, label, condition.substr(equals + 1));
     if (negated) *out += " [NOT";
-    put_literal(out, term);
+    *out += ' ' + query_escape(term);
     if (negated) *out += ']';
 }
 
 std::string query_text(const points_options& options) {
     std::string text = "[AND [OR";
-    for (const std::string& name : options.names) put_literal(&text, std::string(METRIC_NAME_TERM) + name);
+    for (const std::string& name : options.names) text += ' ' + query_escape(std::string(METRIC_NAME_TERM) + name);
     text += ']';
     for (const std::string& condition : options.where) put_condition(&text, condition);
     return text + ']';

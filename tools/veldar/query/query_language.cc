@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "searchthing/base/number.h"
+#include "searchthing/search/query.h"
 #include "tools/veldar/formats/line_format.h"
 #include "tools/veldar/formats/terms.h"
 #include "tools/veldar/formats/unit_number.h"
@@ -368,15 +369,6 @@ class query_parser {
     std::vector<std::string> fields_, compared_, odd_names_;  // folded
 };
 
-std::string escape(const std::string& literal) {
-    std::string out;
-    for (const char c : literal) {
-        if (std::string_view(" \t\n[]\\").find(c) != std::string_view::npos) out += '\\';
-        out += c;
-    }
-    return out;
-}
-
 std::string bracket(std::string_view op, const std::string& inside) {
     return "[" + std::string(op) + (inside.empty() ? "" : " ") + inside + "]";
 }
@@ -390,7 +382,7 @@ std::string comparison_text(const query_node& node) {
     const auto* opposite =
         std::find_if(OPPOSITES.begin(), OPPOSITES.end(), [&](const auto& pair) { return pair.first == node.op; });
     const std::string_view op = node.negated ? opposite->second : std::string_view(node.op);
-    const std::string field = escape(node.text), numbers = field + std::string(NUMBER_SUFFIX), none = "::*";
+    const std::string field = query_escape(node.text), numbers = field + std::string(NUMBER_SUFFIX), none = "::*";
     const std::string plain = bracket(op, field + " " + node.number) + " " + bracket("NOT", numbers + none);
     const std::string lacks = node.negated ? " " + bracket("NOT", field + none) : "";
     return bracket("OR", bracket(op, numbers + " " + node.number) + " " + bracket("AND", plain) + lacks);
@@ -411,7 +403,8 @@ std::string children_text(const query_node& node) {
 }
 
 std::string native_text(const query_node& node) {
-    if (node.kind == node_kind::literal) return node.negated ? bracket("NOT", escape(node.text)) : escape(node.text);
+    if (node.kind == node_kind::literal)
+        return node.negated ? bracket("NOT", query_escape(node.text)) : query_escape(node.text);
     if (node.kind == node_kind::comparison) return comparison_text(node);
     return bracket(node.kind == node_kind::any ? "OR" : "AND", children_text(node));
 }
