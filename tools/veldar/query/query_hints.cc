@@ -17,15 +17,19 @@ namespace veldar::tool {
 namespace {
 
 constexpr uint64_t MOST_TERMS = 4'000'000;  // of the slices whose lexicons are walked for a hint: a tenth of a second
+constexpr uint64_t TIMES_MORE = 10;         // that other words have to find to be worth a hint
 constexpr int PROBES = 100;                 // values of a field that are looked at
 
-// Whether the terms of all slices are few enough to walk over.
-bool is_cheap(const slice_set& set) {
+// Whether the terms of all slices are few enough to walk over; and how many events there are.
+bool is_cheap(const slice_set& set, uint64_t* events) {
     uint64_t terms = 0;
+    *events = 0;
     for (size_t i = 0; i < set.slices->size() && terms <= MOST_TERMS; i++) {
         snapshot_slice_ptr warm;
         std::string error;
-        if (slice_open(set, i, &warm, &error) == SLICE_OPEN) terms += st_warm_slice_terms(warm.get());
+        if (slice_open(set, i, &warm, &error) != SLICE_OPEN) continue;
+        terms += st_warm_slice_terms(warm.get());
+        *events += st_warm_slice_values(warm.get());
     }
     return set.slices->size() > 0 && terms <= MOST_TERMS;
 }
@@ -121,7 +125,9 @@ bool hint_fields(const std::string& path, const std::vector<std::string>& fields
 }
 
 void hint_more(const std::string& path, const prepared_query& query, uint64_t found) {
-    if (query.is_native || !is_cheap(slices_list(path, false))) return;
+    uint64_t events = 0;
+    if (query.is_native || !is_cheap(slices_list(path, false), &events)) return;
+    if (events / TIMES_MORE < found) return;  // as often as told below it is not there
     if (found == 0 && (!has_fields(path, query) || !is_nowhere(path, query))) return;
     prepared_query inside = query;
     inside.text = query_inside_words(query.text);
@@ -129,7 +135,7 @@ void hint_more(const std::string& path, const prepared_query& query, uint64_t fo
     inside.plans = translate_query(inside.text);
     if (!query_needs_index_only(inside)) return;
     const uint64_t more = count_silently(path, inside);
-    if (more == 0 || more / 10 < found) return;
+    if (more == 0 || more / TIMES_MORE < found) return;
     say_trouble(std::to_string(found) + "; `" + inside.text + "` would find " + std::to_string(more));
 }
 
