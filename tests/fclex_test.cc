@@ -135,7 +135,7 @@ void check_against_model(FCLEX* lex, const std::vector<std::string>& terms, std:
     for (int i = 0; i < 20; i++) {  // a part of a term, behind a prefix or not
         const std::string& from = terms[(*rng)() % terms.size()];
         const size_t start = (*rng)() % (from.size() + 1);
-        const std::string infix = from.substr(start, (*rng)() % 6), prefix = from.substr(0, i % 3);
+        const std::string infix = from.substr(start, (*rng)() % 6), prefix = from.substr(0, static_cast<size_t>(i % 3));
         std::vector<std::string> expected, found;
         for (const std::string& term : terms) {
             if (term.starts_with(prefix) && term.find(infix) != std::string::npos) expected.push_back(term);
