@@ -1,10 +1,12 @@
-// Queries over one slice of a million events: counts, the newest hundred, and `grep -c` over the same events as text
-// for comparison. The counter "events" is what the query matches.
+// Queries over one slice of a million events: counts and the newest hundred, of all time and of a tenth of it, and
+// `grep -c` over the same events as text for comparison. "first" is without anything that the handle remembers of
+// posting lists. The counter "events" is what the query matches.
 #include <benchmark/benchmark.h>
 #include <sys/wait.h>
 
 #include <climits>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -110,27 +112,45 @@ st_query_spec make_query(const std::string& text, st_time_t earliest, st_time_t 
     return query;
 }
 
-void count(benchmark::State& state, const std::string& text, bool bounded) {
-    // A bound just inside the slice's time keeps a single term from being counted from its metadata.
-    const st_query_spec query = make_query(text, bounded ? shared().first + 1 : INT_MIN, INT_MAX);
+struct asking {
+    std::string text;
+    bool is_tenth, is_first;
+};
+
+st_query_spec query_of(const asking& one) {
+    const searched& all = shared();
+    const st_time_t tenth = (all.last - all.first) / 10;
+    return one.is_tenth ? make_query(one.text, all.first + tenth, all.first + 2 * tenth)
+                        : make_query(one.text, INT_MIN, INT_MAX);
+}
+
+// Ends what the slice's handle remembers of lists.
+void forget_lists(benchmark::State& state) {
+    state.PauseTiming();
+    kept_lists* const lists = &shared().warm->lists;
+    std::destroy_at(lists);
+    std::construct_at(lists);
+    state.ResumeTiming();
+}
+
+void count(benchmark::State& state, const asking& one) {
+    const st_query_spec query = query_of(one);
     uint64_t events = 0;
     for (auto _ : state) {
         warm_rc_t rc;
+        if (one.is_first) forget_lists(state);
         if (warm_slice_count(shared().warm.get(), &query, &events, nullptr, &rc) != 0) state.SkipWithError(rc.message);
     }
     state.counters["events"] = static_cast<double>(events);
 }
 
-void newest(benchmark::State& state, const std::string& text, bool bounded) {
-    // Bounded: from a tenth to two tenths of the time.
-    const searched& all = shared();
-    const st_time_t tenth = (all.last - all.first) / 10;
-    const st_query_spec query =
-        bounded ? make_query(text, all.first + tenth, all.first + 2 * tenth) : make_query(text, INT_MIN, INT_MAX);
+void newest(benchmark::State& state, const asking& one) {
+    const st_query_spec query = query_of(one);
     std::vector<st_tsval> answers(100);
     int found = 0;
     for (auto _ : state) {
-        found = st_warm_slice_search(all.warm.get(), &query, answers.data(), 100, true);
+        if (one.is_first) forget_lists(state);
+        found = st_warm_slice_search(shared().warm.get(), &query, answers.data(), 100, true);
         if (found < 0) state.SkipWithError("search failed");
     }
     state.counters["events"] = found;
@@ -142,18 +162,17 @@ void grep(benchmark::State& state, const std::string& pattern) {
 }
 
 void register_all() {
-    for (const auto& [name, text] : queries()) {
-        benchmark::RegisterBenchmark(("count/" + name).c_str(), count, text, false)->Unit(benchmark::kMicrosecond);
-    }
-    for (const auto& [name, text] : queries()) {
-        if (name == "frequent" || name == "medium" || name == "rare") {
-            benchmark::RegisterBenchmark(("count_bounded/" + name).c_str(), count, text, true)
-                ->Unit(benchmark::kMicrosecond);
-            benchmark::RegisterBenchmark(("newest_100_bounded/" + name).c_str(), newest, text, true)
-                ->Unit(benchmark::kMicrosecond);
+    for (const char* time : {"", "tenth_"}) {
+        for (const char* first : {"", "first_"}) {
+            for (const auto& [name, text] : queries()) {
+                const asking one = {text, *time != 0, *first != 0};
+                const std::string kind = std::string(time) + first;
+                benchmark::RegisterBenchmark((kind + "count/" + name).c_str(), count, one)
+                    ->Unit(benchmark::kMicrosecond);
+                benchmark::RegisterBenchmark((kind + "newest_100/" + name).c_str(), newest, one)
+                    ->Unit(benchmark::kMicrosecond);
+            }
         }
-        benchmark::RegisterBenchmark(("newest_100/" + name).c_str(), newest, text, false)
-            ->Unit(benchmark::kMicrosecond);
     }
     benchmark::RegisterBenchmark("grep/frequent", grep, "get")->Unit(benchmark::kMicrosecond)->UseRealTime();
     benchmark::RegisterBenchmark("grep/rare", grep, shared().word(RARE))->Unit(benchmark::kMicrosecond)->UseRealTime();
