@@ -86,6 +86,25 @@ struct plo_term_context_t {
     uint32_t memory_position = 0;  // in the copy in memory, where there is one
 };
 
+// Marks in an RLE list, to go on reading from: one for about each PLIST_MARK_BYTES of it. They are made while the list is
+// read: an event that a reader comes to behind a mark has had every byte before it decoded once without a complaint, and
+// marks end where that was not so. A list with damage is therefore found damaged at the same place with marks and
+// without, as long as the bytes stay what they were.
+inline constexpr uint32_t PLIST_MARK_BYTES = 1024;
+struct plist_mark_t {
+    uint32_t last;    // the last event before
+    uint32_t offset;  // of the next item in the list
+};
+struct plist_marks_t {
+    buffer<plist_mark_t> marks;  // room for all; ascending
+    uint32_t count = 0;
+    uint64_t passed = 0;  // bytes that readers decoded of the list, but for those that marks were made of
+};
+// How many marks a list of so many bytes can have: none for one that is too long for them.
+inline uint64_t plist_marks_room(uint64_t list_bytes) {
+    return list_bytes > UINT32_MAX ? 0 : list_bytes / PLIST_MARK_BYTES;
+}
+
 // Reads one list at a time; one reader serves any number of terms of its slice, one after another, without allocating.
 struct plist_reader {
     int fd = -1;                               // the slice's
@@ -102,7 +121,9 @@ struct plist_reader {
     uint64_t buf_start = 0;  // position in the section of bytes[0]
     uint64_t buf_fill = 0;
     uint64_t position = 0;  // in the section, of the next byte to decode
+    uint64_t list_begin = 0;
     uint64_t list_end = 0;
+    plist_marks_t* marks = nullptr;   // of the current list, not owned; null for none
     buffer<uint8_t> buf;              // PLIST_BUFFER bytes, or more for a reader of many lists
     const uint8_t* bytes = nullptr;   // what is buffered: buf, or the copy in memory
     std::span<const uint8_t> memory;  // the copy; empty for none
@@ -135,6 +156,9 @@ void plist_reader_attach_memory(plist_reader* reader, std::span<const uint8_t> l
 // Positions the reader before the first event of the term's list and reads the list's beginning. A failed seek leaves
 // an empty list. As plist_term_offset_reader, and the status of a read, or WARM_RC_CORRUPT for a damaged list.
 [[nodiscard]] int _seek_reader(plist_reader* reader, uint32_t term, warm_rc_t* rc);
+// From now on, and until the reader is positioned anew, reads by the list's marks and adds to them. For an RLE list that
+// the reader has just been positioned on; the marks, which belong to no other list, outlive this use.
+void plist_reader_attach_marks(plist_reader* reader, plist_marks_t* marks);
 // The next event, PLIST_END after the last. WARM_RC_CORRUPT for a damaged list: a number that does not decode, runs out
 // of the list, or names an event that the slice does not have.
 [[nodiscard]] int _next(plist_reader* reader, uint32_t* id, warm_rc_t* rc);

@@ -4,6 +4,7 @@
 
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
+#include "searchthing/postings/gap_groups.h"
 #include "searchthing/postings/plist_internal.h"
 
 namespace veldar {
@@ -16,6 +17,11 @@ struct copy_sink {
     void one(uint32_t id) { out[count++] = id; }
     void many(uint32_t first, uint32_t number) {
         for (uint32_t i = 0; i < number; i++) out[count++] = first + i;
+    }
+    uint64_t groups(gap_span* span, uint64_t bound, uint64_t room) {
+        const uint64_t copied = gap_groups_copy(span, bound, out + count, room);
+        count += static_cast<uint32_t>(copied);
+        return copied;
     }
 };
 
@@ -34,13 +40,19 @@ struct bitmap_sink {
         std::memset(bitmap + bit / 8, 0xFF, static_cast<size_t>(whole_bytes));
         for (bit += 8 * whole_bytes; bit < stop; bit++) one(static_cast<uint32_t>(begin + bit));
     }
+    // A bitmap has room for all, so that nobody counts.
+    uint64_t groups(gap_span* span, uint64_t bound, uint64_t) {
+        gap_groups_set_bits(span, bound, bitmap, begin);
+        return 0;
+    }
 };
 
-// Hands the rest of the list to the sink, in order: one(id) for single events and many(first, count) for runs, `room`
-// events at most and only those below `end`.
+// Hands the rest of the list to the sink, in order: one(id) for single events, many(first, count) for runs, and what is
+// decoded in groups is told by groups(span, bound, room). `room` events at most and only those below `end`.
 template <typename Sink>
 int rle_walk(plist_reader* reader, uint32_t end, uint64_t room, Sink* sink, warm_rc_t* rc) {
     const uint32_t bound = std::min(end, reader->num_values);
+    const bool has_groups = gap_groups_usable();
     for (;;) {
         if (reader->run > 0) {
             const uint32_t first = reader->last + 1;
@@ -56,8 +68,17 @@ int rle_walk(plist_reader* reader, uint32_t end, uint64_t room, Sink* sink, warm
         rle_window window;
         ST_TRY(rle_open_window(reader, &window, rc));
         const uint8_t* at = window.at;
+        const uint8_t* no_group_before = has_groups ? at : window.safe_end;
         uint64_t last = reader->last;
         while (at < window.safe_end && room > 0 && *at != 0) {
+            if (at >= no_group_before) {
+                gap_span span = {at, window.safe_end, window.end, static_cast<uint32_t>(last)};
+                room -= sink->groups(&span, bound, room);
+                no_group_before = span.at + (span.at == at ? GROUP_PATIENCE : 0);
+                at = span.at;
+                last = span.last;
+                if (at >= window.safe_end || room == 0 || *at == 0) break;
+            }
             if (is_one_byte_gap(*at)) {
                 last += *at++;
             } else {

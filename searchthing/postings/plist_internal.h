@@ -16,6 +16,9 @@ namespace veldar {
 inline constexpr uint64_t RLE_MAX_ITEM = 1 + VBE_MAX_BYTES;
 static_assert(RLE_MAX_ITEM < PLIST_BUFFER, "a refill always gives an item");
 
+// So many bytes are decoded one by one where no group of gaps was found (gap_groups.h), before the next is looked for.
+inline constexpr uint64_t GROUP_PATIENCE = 16;
+
 // The undecoded bytes of the list that are buffered.
 struct rle_window {
     const uint8_t* at;
@@ -23,12 +26,13 @@ struct rle_window {
     const uint8_t* safe_end;  // an item that begins before lies in the window whole, or the list is damaged
 };
 
-// Opens a window at the reader's position, reading if needed; it is empty only at the list's end. After decoding, the
-// position is set to the end of what was used.
+// Opens a window at the reader's position, reading if needed; it is empty only at the list's end. Where a mark is to be
+// set, its safe end is there.
 [[nodiscard]] int rle_open_window(plist_reader* reader, rle_window* window, warm_rc_t* rc);
+// Goes on behind what was used; the reader's `last` and `run` are those of the last item. Sets a mark where one is due.
 void rle_close_window(plist_reader* reader, const uint8_t* at);
-// Fills the buffer from the reader's position on; with `read_ahead` past the list's end into the lists behind it.
-[[nodiscard]] int rle_refill(plist_reader* reader, bool read_ahead, warm_rc_t* rc);
+// Fills the buffer from the reader's position on, to the limit at most.
+[[nodiscard]] int rle_refill(plist_reader* reader, uint64_t limit, warm_rc_t* rc);
 
 // A gap of 1 to 127; other bytes begin a longer gap or a run.
 inline bool is_one_byte_gap(uint8_t byte) {

@@ -26,14 +26,16 @@ int start_at(plist_reader* reader, uint64_t first, warm_rc_t* rc) {
 
 int start_rle(plist_reader* reader, const plo_term_context_t& context, warm_rc_t* rc) {
     const uint64_t start = static_cast<uint64_t>(context.start);
-    // A list that follows the one before is probably one of many that are walked: those behind it are read with it.
     const bool follows = start == reader->list_end;
-    reader->position = start;
+    reader->position = reader->list_begin = start;
     reader->list_end = static_cast<uint64_t>(context.end);
     if (start == reader->list_end) return 0;
     const uint64_t buf_end = reader->buf_start + reader->buf_fill;
     const uint64_t needed = std::min(start + RLE_MAX_ITEM, reader->list_end);
-    if (start < reader->buf_start || needed > buf_end) ST_TRY(rle_refill(reader, follows, rc));
+    if (start < reader->buf_start || needed > buf_end) {
+        // A list that follows the one before is probably one of many that are walked: those behind it are read with it.
+        ST_TRY(rle_refill(reader, follows ? reader->plo_last : reader->list_end, rc));
+    }
     rle_window window;
     ST_TRY(rle_open_window(reader, &window, rc));
     uint32_t first = 0;
@@ -46,7 +48,7 @@ int start_rle(plist_reader* reader, const plo_term_context_t& context, warm_rc_t
 int start_bmap(plist_reader* reader, const plo_term_context_t& context, warm_rc_t* rc) {
     ST_ASSERT(context.start <= context.end);
     const uint64_t size = static_cast<uint64_t>(context.end - context.start);
-    reader->position = reader->list_end = static_cast<uint64_t>(context.end);
+    reader->position = reader->list_begin = reader->list_end = static_cast<uint64_t>(context.end);
     if (size == 0) return 0;
     const uint64_t offset = reader->postings_base + static_cast<uint64_t>(context.start);
     reader->bitmap.stats = reader->stats;
@@ -61,9 +63,10 @@ int start_bmap(plist_reader* reader, const plo_term_context_t& context, warm_rc_
 // An empty list of any type reads as an RLE list whose bytes are used up.
 void set_empty(plist_reader* reader) {
     reader->plo_type = PLO_RLE;
+    reader->marks = nullptr;
     reader->run = 0;
     reader->last = 0;
-    reader->position = reader->list_end;
+    reader->position = reader->list_begin = reader->list_end;
 }
 
 int start_list(plist_reader* reader, const plo_term_context_t& context, warm_rc_t* rc) {
@@ -201,6 +204,11 @@ int _seek_reader(plist_reader* reader, uint32_t term, warm_rc_t* rc) {
         return status;
     }
     return 0;
+}
+
+void plist_reader_attach_marks(plist_reader* reader, plist_marks_t* marks) {
+    ST_ASSERT(reader->plo_type == PLO_RLE && reader->position - reader->list_begin <= VBE_MAX_BYTES);
+    reader->marks = marks;
 }
 
 int _next(plist_reader* reader, uint32_t* id, warm_rc_t* rc) {

@@ -39,6 +39,9 @@ void combine_part(uint8_t* into, std::span<const uint8_t> all, const id_range_t&
     const size_t bytes = bitmap_bytes(range), first = range.begin / 8;
     const uint32_t shift = range.begin % 8;
     size_t i = 0;
+    for (; shift == 0 && i + 8 <= bytes && first + i + 8 <= all.size(); i += 8) {
+        store_le64(into + i, op(load_le64(into + i), load_le64(all.data() + first + i)));
+    }
     // A word and the byte behind it hold the 64 bits from any bit of its first byte on.
     for (; i + 8 <= bytes && first + i + 9 <= all.size(); i += 8) {
         const uint8_t* const from = all.data() + first + i;
@@ -75,6 +78,10 @@ void range_bitmap_and(uint8_t* into, const uint8_t* other, const id_range_t& ran
 
 void range_bitmap_and_not(uint8_t* into, const uint8_t* other, const id_range_t& range) {
     combine(into, other, range, [](uint64_t a, uint64_t b) { return a & ~b; });
+}
+
+void range_bitmap_and_part(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range) {
+    combine_part(into, all, range, [](uint64_t a, uint64_t b) { return a & b; });
 }
 
 void range_bitmap_clear(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range) {

@@ -33,8 +33,9 @@ void range_bitmap_and(uint8_t* into, const uint8_t* other, const id_range_t& ran
 void range_bitmap_and_not(uint8_t* into, const uint8_t* other, const id_range_t& range);
 // Clears the bits that are set in a bitmap over all ids, from 0 on; what it is too short for is not set there.
 void range_bitmap_clear(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range);
-// Sets them instead.
+// Sets them instead, or keeps those alone.
 void range_bitmap_or_part(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range);
+void range_bitmap_and_part(uint8_t* into, std::span<const uint8_t> all, const id_range_t& range);
 void range_bitmap_or(uint8_t* into, const uint8_t* other, const id_range_t& range);
 // Whether no bit is set, and how many are.
 bool range_bitmap_empty(const uint8_t* bitmap, const id_range_t& range);
