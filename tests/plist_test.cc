@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <bit>
 #include <list>
+#include <map>
 #include <random>
 #include <vector>
 
 #include "libzero/endian.h"
+#include "searchthing/postings/gap_groups.h"
 #include "searchthing/slice/kept_lists.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "tests/support/faults.h"
@@ -61,7 +63,19 @@ struct reader_owner {
     explicit reader_owner(WARM* warm) { EXPECT_EQ(_init_reader(&reader, warm, 1024, nullptr, &rc), 0) << rc.message; }
     ~reader_owner() { close_plist_reader(&reader); }
 
-    int seek_term(uint32_t term) { return _seek_reader(&reader, term, &rc); }
+    bool has_marks = false;
+    std::map<uint32_t, plist_marks_t> marks;  // by term
+
+    int seek_term(uint32_t term) {
+        const int status = _seek_reader(&reader, term, &rc);
+        if (status != 0 || !has_marks || reader.plo_type != PLO_RLE || reader.run == 0) return status;
+        plist_marks_t& of_term = marks[term];
+        const uint64_t room = plist_marks_room(reader.list_end - reader.list_begin);
+        const bool has_room = !of_term.marks.empty() || room == 0 || of_term.marks.alloc(room);
+        EXPECT_TRUE(has_room);
+        plist_reader_attach_marks(&reader, &of_term);
+        return status;
+    }
     uint32_t next() {
         uint32_t id = 0;
         EXPECT_EQ(_next(&reader, &id, &rc), 0) << rc.message;
@@ -194,19 +208,61 @@ TEST(Plist, LongListsSurviveWriterAndReader) {
 
     lists_only slice(read_file(dir.file("section")), entries, limit);
     reader_owner r(&slice.warm);
-    for (int round = 0; round < 2; round++) {
+    for (int round = 0; round < 4; round++) {
+        gap_groups_are_off = round == 1;
+        r.has_marks = round >= 2;
         for (uint32_t term = 0; term < lists.size(); term++) {
-            ASSERT_NO_FATAL_FAILURE(check_list(&r, term, lists[term], limit, &random));
+            ASSERT_NO_FATAL_FAILURE(check_list(&r, term, lists[term], limit, &random)) << "round " << round;
         }
+    }
+    // To a place far into a marked list less is decoded than two stretches between marks.
+    plist_marks_t& marks = r.marks[4];
+    ASSERT_GT(marks.count, 5u);
+    for (const uint32_t at : {1u, marks.count / 2, marks.count - 1}) {
+        marks.passed = 0;
+        ASSERT_EQ(r.seek_term(4), 0);
+        EXPECT_GT(r.seek(marks.marks[at].last), 0u);
+        EXPECT_LT(marks.passed, 2 * PLIST_MARK_BYTES) << at;
     }
 }
 
-// Asks for a list; whether its bits are kept. They, or else the reader, begin with the number `first`.
-bool ask(kept_lists* lists, reader_owner* r, uint32_t term, uint32_t first) {
+// With groups of gaps and without, with marks and without: damage is found where it is, whatever was read before.
+TEST(Plist, DamageFarIntoAListIsFoundByEveryReader) {
+    const uint32_t values = 200000;
+    for (const std::string& item : {std::string("\x80\x00", 2), std::string("\x00\x00", 2), std::string(5, '\xFF'),
+                                    std::string("\xFF\xFF\x7F", 3)}) {
+        const std::string list = std::string(5000, '\x07') + item + std::string(3000, '\x07');
+        lists_only slice(list, {{list.size(), PLO_RLE}}, values);
+        reader_owner r(&slice.warm);
+        buffer<uint8_t> bits;
+        ASSERT_TRUE(bits.alloc(values));
+        for (int round = 0; round < 6; round++) {
+            gap_groups_are_off = round % 2 == 1;
+            r.has_marks = round >= 2;
+            uint32_t id = 0, count = 0;
+            std::vector<uint32_t> ids(values);
+            ASSERT_EQ(r.seek_term(0), 0);
+            EXPECT_EQ(r.seek(34993), 34993u + (34993 % 7 != 0 ? 7 - 34993 % 7 : 0));
+            EXPECT_EQ(_seek(&r.reader, 35001, &id, &r.rc), WARM_RC_CORRUPT) << round;
+            ASSERT_EQ(r.seek_term(0), 0);
+            EXPECT_EQ(plist_copy(&r.reader, ids.data(), values, PLIST_END, &count, &r.rc), WARM_RC_CORRUPT) << round;
+            EXPECT_EQ(count, 5000u);
+            ASSERT_EQ(r.seek_term(0), 0);
+            EXPECT_EQ(plist_or_into_bitmap(&r.reader, bits.data(), 30000, values, &r.rc), WARM_RC_CORRUPT) << round;
+            EXPECT_LE(r.marks[0].count, 4u);
+        }
+    }
+    gap_groups_are_off = false;
+}
+
+// Asks for all of a list, or for the n-th part; whether its bits are kept. They, or else the reader, begin with the number
+// `first`.
+bool ask(kept_lists* lists, reader_owner* r, uint32_t term, uint32_t first, uint32_t part = 1) {
     std::span<const uint8_t> bits = lists->find(term);
     if (bits.empty()) {
         EXPECT_EQ(r->seek_term(term), 0);
-        EXPECT_EQ(lists->decode(term, &r->reader, &bits, &r->rc), 0) << r->rc.message;
+        const uint32_t wanted = r->reader.num_values / part;
+        EXPECT_EQ(lists->open(term, &r->reader, wanted, &bits, &r->rc), 0) << r->rc.message;
     }
     EXPECT_EQ(bits.empty() ? r->next() : static_cast<uint32_t>(std::countr_zero(load_le64(bits.data()))), first);
     return !bits.empty();
@@ -225,10 +281,7 @@ TEST(KeptLists, AreBounded) {
     reader_owner r(&large.warm), of_small(&small.warm);
     std::list<kept_lists> slices(8);
     for (kept_lists& lists : slices) {
-        for (uint32_t term = 1; term <= 4; term++) {
-            EXPECT_FALSE(ask(&lists, &r, term, term));
-            EXPECT_TRUE(ask(&lists, &r, term, term)) << "asked again";
-        }
+        for (uint32_t term = 1; term <= 4; term++) EXPECT_TRUE(ask(&lists, &r, term, term)) << "there is room";
         EXPECT_FALSE(lists.find(1).empty());
         for (const bool again : {false, true}) EXPECT_EQ(ask(&lists, &r, 5, 5), again);
         for (uint32_t term = 1; term <= 5; term++) EXPECT_EQ(lists.find(term).empty(), term == 2) << term;
@@ -236,16 +289,17 @@ TEST(KeptLists, AreBounded) {
     kept_lists last;
     for (int i = 0; i < 3; i++) EXPECT_FALSE(ask(&last, &r, 1, 1)) << "the others have it all";
     slices.pop_back();
-    for (const uint64_t nth : {1, 2}) {
+    for (const uint64_t nth : {1u, 2u, 3u}) {
+        kept_lists none;
         const fault_step no_memory(fault_action::allocation, nth);
-        EXPECT_FALSE(ask(&last, &r, 1, 1));
+        EXPECT_FALSE(ask(&none, &r, 1, 1)) << nth;
     }
     EXPECT_TRUE(ask(&last, &r, 1, 1));
     kept_lists many;
     for (uint32_t term = 1; term <= 65; term++) {
-        for (const bool again : {false, true}) EXPECT_EQ(ask(&many, &of_small, term, term % 60), again) << term;
+        EXPECT_EQ(ask(&many, &of_small, term, term % 60), term <= 64) << term;
     }
-    EXPECT_TRUE(many.find(1).empty() && !many.find(2).empty());
+    EXPECT_TRUE(ask(&many, &of_small, 65, 5) && many.find(1).empty() && !many.find(2).empty());
 }
 
 TEST(KeptLists, AreLongAndSound) {
@@ -255,14 +309,20 @@ TEST(KeptLists, AreLongAndSound) {
         bool kept;
     } cases[] = {{"\x05\x06", 63, false},
                  {"\x05\x06", 64, true},
-                 {"\x05\x06\x07\x01", 1024, false},
-                 {"\x05\x06\x07\x01\x01", 1024, true},
+                 {"\x05\x06\x07", 1024, false},
+                 {"\x05\x06\x07\x01", 1024, true},
                  {"\x05\x60", 100, false}};  // a gap past the values
     for (const auto& c : cases) {
         lists_only slice(c.section, {{c.section.size(), PLO_RLE}}, c.values);
         reader_owner r(&slice.warm);
-        kept_lists lists;
-        for (int i = 0; i < 4; i++) EXPECT_EQ(ask(&lists, &r, 0, 5), c.kept && i > 0) << c.section.size();
+        kept_lists whole, in_parts;
+        for (int i = 0; i < 3; i++) EXPECT_EQ(ask(&whole, &r, 0, 5), c.kept) << c.section.size();
+        if (c.section.size() < 4 || !c.kept) continue;
+        // Once as many bytes were decoded as the list has, with those that are about to be.
+        EXPECT_FALSE(ask(&in_parts, &r, 0, 5, 4));
+        EXPECT_FALSE(ask(&in_parts, &r, 0, 5, 4)) << "nothing was decoded";
+        EXPECT_EQ(r.seek(c.values - 1), PLIST_END);
+        EXPECT_TRUE(ask(&in_parts, &r, 0, 5, 4));
     }
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "searchthing/postings/gap_groups.h"
 #include "searchthing/search/search_literals.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice.h"
@@ -99,12 +100,25 @@ TEST(Search, WindowsOfALargeSliceJoinWithoutGaps) {
             if (i % static_cast<size_t>(step) != 0) events[i].terms.emplace_back(term);
         }
     }
-    const searched_slice slice(events, forge_as_created(4));
-    ASSERT_NE(slice.warm, nullptr);
-    query_maker maker(slice.reference, 5);
-    for (int i = 0; i < 40; i++) {
-        check_query(slice, &maker);
-        if (HasFatalFailure()) return;
+    // Lists of several stretches between marks: each handle is asked all of it, so that it remembers them.
+    const searched_slice mixed(events, forge_event_kinds().back()), slice(events, forge_as_created(4));
+    for (const searched_slice* const one : {&mixed, &slice}) {
+        ASSERT_NE(one->warm, nullptr);
+        const reference_query both =
+            reference_query::group_and({reference_query::term("half"), reference_query::term("many")});
+        const std::vector<forge_event>& values = one->reference.values();
+        for (size_t i = 25000; i > 1000; i = i % 3 == 0 ? i + 700 : i - 1700) {
+            const reference_bounds narrow = {.earliest = values[i].time, .latest = values[i - 300].time};
+            const std::vector<event_key> expected = keys(one->reference, one->reference.search(both, narrow));
+            ASSERT_EQ(run(*one, make_query(both.notation().c_str(), narrow), 30000, true), expected) << i;
+        }
+        query_maker maker(one->reference, 5);
+        for (int i = 0; i < 20; i++) {
+            gap_groups_are_off = i % 4 == 3;
+            check_query(*one, &maker);
+            gap_groups_are_off = false;
+            if (HasFatalFailure()) return;
+        }
     }
     for (const std::vector<const char*>& terms : {std::vector<const char*>{"edge"}, {"half", "many", "most"}}) {
         std::vector<reference_query> all;

@@ -59,7 +59,7 @@ int go_to_mark(plist_reader* reader, uint32_t target, warm_rc_t* rc) {
     if (mark.last >= target || mark.offset <= at) return 0;
     reader->position = reader->list_begin + mark.offset;
     reader->last = mark.last;
-    ST_ASSERT(reader->position <= reader->list_end);
+    if (reader->position > reader->list_end) return plist_corrupt(rc, "a posting list became shorter");
     const uint64_t buffered_end = reader->buf_start + reader->buf_fill;
     if (reader->position < buffered_end || reader->position == reader->list_end) return 0;
     return rle_refill(reader, std::min(reader->list_end, reader->position + 2 * PLIST_MARK_BYTES), rc);

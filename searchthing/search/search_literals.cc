@@ -8,8 +8,8 @@
 
 #include "libzero/assertions.h"
 #include "searchthing/format/metric_terms.h"
+#include "searchthing/search/search_lists.h"
 #include "searchthing/search/search_terms.h"
-#include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_runs.h"
 
 namespace veldar {
@@ -20,40 +20,10 @@ constexpr uint32_t CANDIDATES_ENOUGH = 100;
 // The lists of more terms than these, which a wildcard or a comparison stands for, would drive all others out.
 constexpr size_t FEW_TERMS = 8;
 
-int position_reader(conjunction_context* context, uint32_t term) {
-    if (!context->reader_open) {
-        ST_TRY(_init_reader(&context->reader, context->handle, 1024, context->info, &context->rc));
-        context->reader_open = true;
-    }
-    context->lists_read++;
-    return _seek_reader(&context->reader, term, &context->rc);
-}
-
-// Positions the reader on a list, unless all of its bits are at hand. With `keep` they may be kept from now on.
-int open_list(conjunction_context* context, uint32_t term, bool keep, std::span<const uint8_t>* bits) {
-    kept_lists& lists = context->handle->lists;
-    *bits = lists.find(term);
-    if (!bits->empty()) return 0;
-    ST_TRY(position_reader(context, term));
-    if (!keep) return 0;
-    return lists.decode(term, &context->reader, bits, &context->rc);
-}
-
-// ORs the postings of one term into a bitmap over the context's range.
-int _decompress_list_as_deferred_disjunction(conjunction_context* context, uint32_t term, bool keep, uint8_t* bitmap) {
-    std::span<const uint8_t> bits;
-    ST_TRY(open_list(context, term, keep, &bits));
-    if (!bits.empty()) {
-        range_bitmap_or_part(bitmap, bits, context->range);
-        return 0;
-    }
-    return plist_or_into_bitmap(&context->reader, bitmap, context->range.begin, context->range.end, &context->rc);
-}
-
 int _proc_terms(conjunction_context* context, const std::vector<uint32_t>& terms, uint8_t* bitmap) {
     const bool keep = terms.size() <= FEW_TERMS;
     for (const uint32_t term : terms) {
-        const int status = _decompress_list_as_deferred_disjunction(context, term, keep, bitmap);
+        const int status = list_or_into(context, term, keep, bitmap);
         if (status != 0) {
             return _set_rc_verbose(&context->rc, status, term, "_proc_term._decompress_list_as_deferred_disjunction");
         }
@@ -75,7 +45,7 @@ int or_literal(conjunction_context* context, const std::string& literal, uint8_t
         range_bitmap_fill(bitmap, context->range);
         return 0;
     }
-    return _decompress_list_as_deferred_disjunction(context, term->id, true, bitmap);
+    return list_or_into(context, term->id, true, bitmap);
 }
 
 // The values that one comparison matches, into a zeroed bitmap.
@@ -96,69 +66,20 @@ struct running_match {
     buffer<uint8_t> bitmap;
 };
 
-// Takes the ids of the positioned list that lie in the range as the first list. One that has more of them than the
-// term's metadata counts is damage: cutting it would lose events.
-int start_list(conjunction_context* context, uint32_t capacity, running_match* match) {
-    ST_ASSERT(capacity > 0);
-    if (!match->list.alloc(capacity)) return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "list of value numbers");
-    match->has_list = true;
-    uint32_t first = PLIST_END;
-    ST_TRY(_seek(&context->reader, context->range.begin, &first, &context->rc));
-    if (first >= context->range.end) return 0;
-    match->list[0] = first;
-    uint32_t more = 0;
-    ST_TRY(plist_copy(&context->reader, match->list.data() + 1, capacity - 1, context->range.end, &more, &context->rc));
-    match->count = 1 + more;
-    ST_ASSERT(match->count <= capacity);
-    if (match->count < capacity) return 0;
-    ST_TRY(_next(&context->reader, &first, &context->rc));
-    if (first >= context->range.end) return 0;
-    return _set_rc_verbose(&context->rc, WARM_RC_CORRUPT, first, "a posting list is longer than its count");
-}
-
-// Keeps the ids of the list that the term's list holds too, or with `keep` false the others: the shorter list leads, the
-// longer one skips.
-int filter_by_list(conjunction_context* context, uint32_t term, bool keep, running_match* match) {
-    uint32_t kept = 0;
-    std::span<const uint8_t> bits;
-    ST_TRY(open_list(context, term, true, &bits));
-    if (!bits.empty()) {
-        const id_range_t all = {.begin = 0, .end = context->bufcap, .begin_preamble = 0, .computed = true};
-        match->count = _filter_values(match->list.data(), match->count, bits.data(), all, keep);
-        return 0;
-    }
-    uint32_t other = 0;
-    bool started = false;
-    for (uint32_t i = 0; i < match->count; i++) {
-        const uint32_t id = match->list[i];
-        if (!started || other < id) {
-            ST_TRY(_seek(&context->reader, id, &other, &context->rc));
-            started = true;
-        }
-        match->list[kept] = id;
-        kept += (other == id) == keep ? 1 : 0;
-    }
-    match->count = kept;
-    return 0;
-}
-
 // A list that fills a good part of the range is quicker to handle as bits: 32 bits an id against one bit a value.
 bool prefers_bitmap(const conjunction_context* context, const std::vector<term_lookup_t>& terms) {
     return !terms.empty() && terms.front().count / 8 >= context->bufcap / 128 && context->bufcap > 4096;
 }
 
 int intersect_as_bitmaps(conjunction_context* context, const std::vector<term_lookup_t>& terms, running_match* match) {
-    buffer<uint8_t> other;
+    buffer<uint8_t> scratch;
     for (const term_lookup_t& term : terms) {
-        const bool first = match->bitmap.empty();
-        buffer<uint8_t>& target = first ? match->bitmap : other;
-        if (target.empty()) {
-            ST_TRY(range_bitmap_alloc(&target, context->range, &context->rc));
+        if (match->bitmap.empty()) {
+            ST_TRY(range_bitmap_alloc(&match->bitmap, context->range, &context->rc));
+            ST_TRY(list_or_into(context, term.id, true, match->bitmap.data()));
         } else {
-            target.clear();
+            ST_TRY(list_filter_bits(context, term.id, true, &scratch, match->bitmap.data()));
         }
-        ST_TRY(_decompress_list_as_deferred_disjunction(context, term.id, true, target.data()));
-        if (!first) range_bitmap_and(match->bitmap.data(), other.data(), context->range);
         if (range_bitmap_empty(match->bitmap.data(), context->range)) {
             match->none = true;
             return 0;
@@ -178,10 +99,10 @@ int _decompress_list_as_conjunction(conjunction_context* context, std::vector<te
     if (exact && prefers_bitmap(context, terms)) return intersect_as_bitmaps(context, terms, match);
     for (const term_lookup_t& term : terms) {
         if (!match->has_list) {
-            ST_TRY(position_reader(context, term.id));
-            ST_TRY(start_list(context, std::min(term.count, context->range.size()), match));
+            match->has_list = true;
+            ST_TRY(list_start(context, term, &match->list, &match->count));
         } else {
-            ST_TRY(filter_by_list(context, term.id, true, match));
+            ST_TRY(list_filter_ids(context, term, true, match->list.data(), &match->count));
         }
         if (match->count == 0) {
             match->none = true;
@@ -207,12 +128,6 @@ void narrow_match(conjunction_context* context, buffer<uint8_t>* filter, running
         range_bitmap_and(match->bitmap.data(), filter->data(), context->range);
         match->none = range_bitmap_empty(match->bitmap.data(), context->range);
     }
-}
-
-int fresh_bitmap(conjunction_context* context, buffer<uint8_t>* bitmap) {
-    if (bitmap->empty()) return range_bitmap_alloc(bitmap, context->range, &context->rc);
-    bitmap->clear();
-    return 0;
 }
 
 // The time span that all exact terms share; false when it is empty. A term's latest second counts to its last
@@ -255,13 +170,13 @@ int apply_filters(conjunction_context* context, const literal_group& group, runn
     for (const std::string& literal : group.positive) {
         if (match->none) return 0;
         if (!is_wildcard(context, literal)) continue;
-        ST_TRY(fresh_bitmap(context, &filter));
+        ST_TRY(list_scratch(context, &filter));
         ST_TRY(or_literal(context, literal, filter.data()));
         narrow_match(context, &filter, match);
     }
     for (const comp_t& comparison : group.comparisons) {
         if (match->none) return 0;
-        ST_TRY(fresh_bitmap(context, &filter));
+        ST_TRY(list_scratch(context, &filter));
         ST_TRY(or_comparison(context, comparison, filter.data()));
         narrow_match(context, &filter, match);
     }
@@ -276,16 +191,33 @@ int exclude_from_list(conjunction_context* context, const literal_group& group, 
         const term_lookup_t* term = nullptr;
         if (!is_wildcard(context, literal)) ST_TRY(lookup_exact(context, literal, &term));
         if (term == nullptr) {
-            ST_TRY(fresh_bitmap(context, &filter));
+            ST_TRY(list_scratch(context, &filter));
             ST_TRY(or_literal(context, literal, filter.data()));
             match->count = _filter_values(match->list.data(), match->count, filter.data(), context->range, false);
         } else if (term->everywhere) {
             match->count = 0;
         } else if (term->exists) {
-            ST_TRY(filter_by_list(context, term->id, false, match));
+            ST_TRY(list_filter_ids(context, *term, false, match->list.data(), &match->count));
         }
     }
     match->none = match->count == 0;
+    return 0;
+}
+
+// The same for bits.
+int exclude_from_bits(conjunction_context* context, const literal_group& group, running_match* match) {
+    buffer<uint8_t> scratch;
+    for (const std::string& literal : group.negative) {
+        const term_lookup_t* term = nullptr;
+        if (!is_wildcard(context, literal)) ST_TRY(lookup_exact(context, literal, &term));
+        if (term != nullptr && term->exists && !term->everywhere) {
+            ST_TRY(list_filter_bits(context, term->id, false, &scratch, match->bitmap.data()));
+        } else if (term == nullptr || term->exists) {
+            ST_TRY(list_scratch(context, &scratch));
+            ST_TRY(or_literal(context, literal, scratch.data()));
+            range_bitmap_and_not(match->bitmap.data(), scratch.data(), context->range);
+        }
+    }
     return 0;
 }
 
@@ -323,6 +255,8 @@ int and_group(conjunction_context* context, const literal_group& group, bool exa
     if (match.has_list) {
         ST_TRY(exclude_from_list(context, group, &match));
         if (match.none) return 0;
+    } else if (!match.bitmap.empty()) {
+        ST_TRY(exclude_from_bits(context, group, &match));
     } else if (!group.negative.empty()) {
         ST_TRY(range_bitmap_alloc(&result->not_bitmap, context->range, &context->rc));
         for (const std::string& literal : group.negative) {
@@ -367,7 +301,7 @@ int or_group(conjunction_context* context, const literal_group& group, query_res
     }
     buffer<uint8_t> one;
     for (const comp_t& comparison : group.comparisons) {
-        ST_TRY(fresh_bitmap(context, &one));
+        ST_TRY(list_scratch(context, &one));
         ST_TRY(or_comparison(context, comparison, one.data()));
         range_bitmap_or(bitmap, one.data(), context->range);
     }

@@ -100,7 +100,9 @@ int select_lists::position(uint32_t term, uint32_t list_count, warm_rc_t* rc) {
         is_open_ = true;
     }
     ST_TRY(_seek_reader(&reader_, term, rc));
-    return pays ? selection_.warm->lists.decode(term, &reader_, &kept_, rc) : 0;
+    const bool is_looked_for = !match_.ids.empty() && match_.ids.size() <= list_count / 8;
+    const uint32_t wanted = is_looked_for ? 0 : match_.range.size();
+    return pays ? selection_.warm->lists.open(term, &reader_, wanted, &kept_, rc) : 0;
 }
 
 int select_lists::look_up(uint32_t term, bool* is_possible, uint32_t* count, warm_rc_t* rc) {

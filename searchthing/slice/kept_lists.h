@@ -1,12 +1,16 @@
-// Long posting lists as bitmaps: those that are asked for again are decoded once and kept.
+// What is remembered of the posting lists of an open slice: marks in them (plist.h), and long ones as bitmaps.
 //
-// Decoding costs about a nanosecond an event, a bitmap as much for a hundred of them. What is kept of a slice is at
-// most 8 MiB and 64 lists, of a process 64 MiB; the list that was not asked for the longest goes first. Lists never
-// change while their slice is open: deletes are marks beside them.
+// Decoding costs up to two nanoseconds an event, a bitmap one for a hundred of them. A list is decoded as a whole and
+// kept as soon as readers have decoded as many of its bytes as it has, what they are about to decode included and not
+// what they left marks in, so that this never costs more than twice what was needed. Others are driven out for it only if
+// it was decoded that often before. What is remembered of a slice is at most 8 MiB, 64 bitmaps and the marks of 256 other
+// lists, of a process 64 MiB; what was not asked for the longest goes first. Lists never change while their slice is
+// open: deletes are marks beside them.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -16,38 +20,48 @@
 namespace veldar {
 
 struct plist_reader;
+struct plist_marks_t;
 
-// For one thread, as the handle of the slice that has it.
+// For one thread, as the handle of the slice that has it. What its functions give is valid until the next call of either:
+// the bits, and the marks that a reader has got.
 class kept_lists {
   public:
-    kept_lists() { asked_.fill(~uint32_t{0}); }
+    kept_lists();
     ~kept_lists();
     kept_lists(const kept_lists&) = delete;
     kept_lists& operator=(const kept_lists&) = delete;
 
-    // The numbers that the term's list holds as bits, from 0 on; empty when they are not kept. Valid until the next
-    // call of either function.
+    // The numbers that the term's list holds as bits, from 0 on; empty when they are not kept.
     std::span<const uint8_t> find(uint32_t term);
-    // For a list that is not kept, `reader` being positioned on it: decodes and keeps it when it was asked for lately
-    // and is long, as `find` then. Empty otherwise, also when memory is short, and the reader stands where it stood; so
-    // too for a damaged list, which readers complain of where they come to the damage. 0 or a failure to position.
-    [[nodiscard]] int decode(uint32_t term, plist_reader* reader, std::span<const uint8_t>* bits, warm_rc_t* rc);
+    // `reader` was just positioned on the term's list, whose numbers out of a range of `wanted` are to be decoded (0:
+    // some of them will be looked for, or bits are not wanted). Gives all of them as `find` does, if it is time to keep
+    // them; else the bits are empty, also when memory is short, and the reader stands where it stood and has got the
+    // marks of the list; so too for a damaged list, which readers complain of where they come to the damage. 0 or a
+    // failure to position.
+    [[nodiscard]] int open(uint32_t term, plist_reader* reader, uint32_t wanted, std::span<const uint8_t>* bits,
+                           warm_rc_t* rc);
 
   private:
     struct entry {
         uint32_t term;
         uint64_t used;
-        buffer<uint8_t> bits;
+        std::unique_ptr<plist_marks_t> marks;
+        buffer<uint8_t> bits;  // empty until they are kept
+        uint64_t bytes() const;
     };
-    bool make_room(uint64_t bytes);
+    entry* find_entry(uint32_t term);
+    entry* add_entry(uint32_t term, uint64_t list_bytes);
+    bool has_room(uint64_t bytes) const;
+    bool drop_oldest(bool with_bits);
     void drop(size_t number);
+    bool keep(entry* of, plist_reader* reader, bool may_drop);
 
     std::vector<entry> entries_;
+    size_t bitmaps_ = 0;  // of the entries
     uint64_t bytes_ = 0, clock_ = 0;
-    // By the remainder of a term: the one asked for last, and how many are kept, so that most are missed at once.
+    // By the remainder of a term: how many entries there are, so that most are missed at once.
     static constexpr uint32_t REMAINDERS = 256;
-    std::array<uint32_t, REMAINDERS> asked_;
-    std::array<uint8_t, REMAINDERS> kept_ = {};
+    std::array<uint16_t, REMAINDERS> remembered_ = {};
 };
 
 }  // namespace veldar
