@@ -62,6 +62,14 @@ int st_optimize(const char* path, const TSWRITEOPTS* opts, int mode, bool is_fin
     return result == WARM_RC_FEW_SLICES || result == WARM_RC_FEW_SOURCES ? 0 : result;
 }
 
+int st_optimize_directory(const char* path, const st_optimize_options_t& options, warm_rc_t* rc) {
+    TSWRITEOPTS defaults;
+    st_tsidx_write_opts_set_defaults(&defaults);
+    return st_optimize(path, options.write == nullptr ? &defaults : options.write, options.mode, options.is_final,
+                       options.max_iterations, options.min_sources, options.terms_per_block, options.target_size, rc, 0,
+                       0, options.mapper, options.mapper_context);
+}
+
 int st_optimize_ex(THING* thing, int mode) {
     ST_ASSERT(thing != nullptr && st_directory(thing) != nullptr);
     return st_tsidx_optimize_n(st_directory(thing), mode, TSIDX_OPTIMIZE_MIN_SOURCES, DEFAULT_LEXICON_TPB, 0, nullptr,

@@ -21,6 +21,21 @@ namespace veldar {
                               uint64_t target_size, warm_rc_t* rc, uint64_t file_offset, uint32_t flags,
                               st_merge_mapper_t mapper, void* mapper_context);
 
+// The same with its arguments in a record, whose defaults merge what is due in a directory, as a pass at the end of a
+// program or now and then beside it does.
+struct st_optimize_options_t {
+    const TSWRITEOPTS* write = nullptr;  // null: st_tsidx_write_opts_set_defaults
+    int mode = TSIDX_OPTIMIZE_TIERED;
+    bool is_final = false;           // two slices of a tier are enough, and a status file is left
+    uint32_t max_iterations = 1000;  // merges
+    uint32_t min_sources = TSIDX_OPTIMIZE_MIN_SOURCES;
+    uint32_t terms_per_block = 0;  // 0: the write options'
+    uint64_t target_size = 0;      // bytes; 0: the write options'
+    st_merge_mapper_t mapper = nullptr;
+    void* mapper_context = nullptr;
+};
+[[nodiscard]] int st_optimize_directory(const char* path, const st_optimize_options_t& options, warm_rc_t* rc);
+
 // One merge through an open handle, with the defaults: eight slices of a tier, blocks of 64 terms, the handle's target
 // size. The result of st_tsidx_optimize_n. The handle is not null.
 [[nodiscard]] int st_optimize_ex(THING* thing, int mode);

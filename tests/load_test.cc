@@ -796,7 +796,7 @@ uint64_t events_in(const std::string& directory) {
 // Many batches: what is said to be in slices is there, and a failing write is told while a prefix of the events stays.
 TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
     constexpr uint32_t EVENTS = 12000;
-    for (const uint64_t failing_write : {0, 1, 3}) {
+    for (const uint64_t failing_write : {0u, 1u, 3u}) {
         const temp_dir dir;
         event_queue queue;
         event_queue_open(&queue, dir.path(), {.max_values = 1024}, false);

@@ -125,7 +125,7 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
 TEST_F(MetricDirectory, ASliceThatVanishesIsMeasuredOnce) {
     const temp_dir dir;
     const no_pauses pauses;
-    for (int i = 1; i <= 3; i++) forge_metric_file(dir.path(), random_metric_events(5, 14), {}, i);
+    for (uint64_t i = 1; i <= 3; i++) forge_metric_file(dir.path(), random_metric_events(5, 14), {}, i);
     uint64_t whole = 0, calls = 1;
     ASSERT_EQ(st_tsidx_measure_size(open_for_reading(dir.path()).get(), &whole), 0);
     for (uint64_t nth = 1; nth <= calls; nth++) {

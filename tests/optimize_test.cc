@@ -558,8 +558,17 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     const auto run = [&](const std::string& directory, bool is_final, uint32_t iterations, uint32_t flags = 0) {
         int result = 0;
         const std::string log = logged([&] {
-            result = st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0, flags,
-                                 same_address, &mapped);
+            const st_optimize_options_t options = {.write = &opts,
+                                                   .mode = 1,
+                                                   .is_final = is_final,
+                                                   .max_iterations = iterations,
+                                                   .min_sources = 5,
+                                                   .terms_per_block = 32,
+                                                   .mapper = same_address,
+                                                   .mapper_context = &mapped};
+            result = flags == 0 ? st_optimize_directory(directory.c_str(), options, nullptr)
+                                : st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0,
+                                              flags, same_address, &mapped);
         });
         return std::to_string(result) + "\n" + log;
     };

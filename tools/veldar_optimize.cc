@@ -49,9 +49,13 @@ int run(const options& o) {
     bool failed = false;
     for (const std::string& directory : o.directories) {
         veldar::warm_rc_t rc;
-        const int result =
-            veldar::st_optimize(directory.c_str(), &opts, o.mode, o.is_final, o.mode == 3 ? 1 : o.max_iterations,
-                                o.min_sources, o.lexicon_tpb, 0, &rc, 0, 0, nullptr, nullptr);
+        const veldar::st_optimize_options_t options = {.write = &opts,
+                                                       .mode = o.mode,
+                                                       .is_final = o.is_final,
+                                                       .max_iterations = o.mode == 3 ? 1 : o.max_iterations,
+                                                       .min_sources = o.min_sources,
+                                                       .terms_per_block = o.lexicon_tpb};
+        const int result = veldar::st_optimize_directory(directory.c_str(), options, &rc);
         if (result == 0) continue;
         failed = true;
         std::fprintf(stderr, "veldar-optimize: %s: status %i: %s\n", directory.c_str(), result, rc.message);

@@ -32,12 +32,8 @@ class veldar_peer final : public peer {
 
     void finish() override {
         require(st_close(thing_) == 0, "close");
-        TSWRITEOPTS options;
-        st_tsidx_write_opts_set_defaults(&options);
         warm_rc_t rc;
-        const int merged = st_optimize(directory_.c_str(), &options, TSIDX_OPTIMIZE_ALL, true, UINT32_MAX, 2, 0, 0, &rc,
-                                       0, 0, nullptr, nullptr);
-        require(merged == 0, "optimise");
+        require(st_optimize_directory(directory_.c_str(), {.mode = TSIDX_OPTIMIZE_ALL}, &rc) == 0, "optimise");
         thing_ = st_open_for_read(directory_.c_str());
         require(thing_ != nullptr, "open for reading");
     }

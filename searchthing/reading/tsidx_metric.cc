@@ -11,9 +11,14 @@ int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, t
     st_query_init(&all);
     all.lispy = "[AND]";
     if (query == nullptr) query = &all;
+    uint32_t slices = 0;
     return tsidx_apply_matches(tsidx, query, fn, context,
-                               [](WARM* warm, const parsed_query_t& parsed, const auto& call, warm_rc_t* rc) {
-                                   return warm_slice_metric_events(warm, parsed, call, rc);
+                               [&slices](WARM* warm, const parsed_query_t& parsed, const auto& call, warm_rc_t* rc) {
+                                   const auto numbered = [&call, slice = slices++](st_metric_event_t event) {
+                                       event.slice = slice;
+                                       return call(event);
+                                   };
+                                   return warm_slice_metric_events(warm, parsed, numbered, rc);
                                });
 }
 

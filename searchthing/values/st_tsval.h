@@ -88,9 +88,10 @@ struct st_metric_measure_t {
 struct st_metric_event_t {
     st_time_t time;
     uint32_t nanoseconds;  // whole milliseconds; 0 in directories that keep seconds
-    uint64_t set;          // of its dimensions and metrics: equal numbers are equal sets, within one slice of the walk
+    uint64_t set;          // of its dimensions and metrics: equal numbers are equal sets, within one slice
     std::span<const std::string_view> dimensions;   // terms, "host::web01" for " host::web01", in their order
     std::span<const st_metric_measure_t> measures;  // ascending by name, at least one
+    uint32_t slice = 0;                             // rises when the walk goes on to another slice
 };
 
 }  // namespace veldar

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <unordered_map>
+#include <utility>
 
 #include "searchthing/reading/tsidx_read.h"
 #include "tools/veldar/store/tool_failure.h"
@@ -12,58 +13,33 @@ namespace {
 
 constexpr uint32_t UNWANTED = UINT32_MAX;
 
-// The series of one set of a slice, and what shows that an event of that number still is of this set: the numbers
-// begin again in every slice.
-struct known_set {
-    std::string text;  // dimensions, then names, a NUL behind each
-    std::vector<uint32_t> series;
-};
+using series_of_set = std::vector<uint32_t>;
 
 struct points_reader {
     metric_points* points = nullptr;
-    std::unordered_map<uint64_t, known_set> sets;
+    uint32_t slice = 0;
+    std::unordered_map<uint64_t, series_of_set> sets;  // of this slice
     std::string scratch;
     bool out_of_memory = false;
 };
-
-// Takes `piece` and its NUL off the front of `text`.
-bool take_piece(std::string_view* text, std::string_view piece) {
-    if (!text->starts_with(piece) || text->size() == piece.size() || (*text)[piece.size()] != '\0') return false;
-    text->remove_prefix(piece.size() + 1);
-    return true;
-}
-
-bool is_of_set(const known_set& known, const st_metric_event_t& event) {
-    std::string_view text = known.text;
-    for (const std::string_view dimension : event.dimensions) {
-        if (!take_piece(&text, dimension)) return false;
-    }
-    for (const st_metric_measure_t& measure : event.measures) {
-        if (!take_piece(&text, measure.name)) return false;
-    }
-    return text.empty() && known.series.size() == event.measures.size();
-}
 
 void put_piece(std::string* out, std::string_view piece) {
     out->append(piece).push_back('\0');
 }
 
-void learn_set(points_reader* reader, const st_metric_event_t& event, known_set* known) {
+void learn_set(points_reader* reader, const st_metric_event_t& event, series_of_set* known) {
     metric_points* const points = reader->points;
-    known->text.clear();
-    known->series.clear();
-    for (const std::string_view dimension : event.dimensions) put_piece(&known->text, dimension);
-    const size_t dimensions_size = known->text.size();
+    std::string dimensions;
+    for (const std::string_view dimension : event.dimensions) put_piece(&dimensions, dimension);
     for (const st_metric_measure_t& measure : event.measures) {
         uint32_t series = UNWANTED;
         if (points->wanted == nullptr || points->wanted(measure.name)) {
             reader->scratch.clear();
             put_piece(&reader->scratch, measure.name);
-            reader->scratch.append(known->text, 0, dimensions_size);
+            reader->scratch.append(dimensions);
             series = text_number(&points->series, reader->scratch);
         }
-        known->series.push_back(series);
-        put_piece(&known->text, measure.name);
+        known->push_back(series);
     }
 }
 
@@ -76,12 +52,13 @@ void keep_newest(metric_points* points) {
 
 void take_event(points_reader* reader, const st_metric_event_t& event) {
     metric_points* const points = reader->points;
-    known_set& known = reader->sets[event.set];
-    if (!is_of_set(known, event)) learn_set(reader, event, &known);
+    if (std::exchange(reader->slice, event.slice) != event.slice) reader->sets.clear();
+    series_of_set& known = reader->sets[event.set];
+    if (known.empty()) learn_set(reader, event, &known);
     const int64_t time_ms = int64_t{event.time} * 1000 + event.nanoseconds / 1000000;
     for (size_t i = 0; i < event.measures.size(); i++) {
-        if (known.series[i] == UNWANTED) continue;
-        points->points.push_back({time_ms, event.measures[i].value, known.series[i]});
+        if (known[i] == UNWANTED) continue;
+        points->points.push_back({time_ms, event.measures[i].value, known[i]});
     }
     if (points->limit != 0 && points->points.size() / 2 > points->limit) keep_newest(points);
 }
