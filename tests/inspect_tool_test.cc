@@ -399,7 +399,7 @@ TEST(Fsck, DamagedHeadersCostNothing) {
     slices.push_back(read_file(forge_metric_file(dir.path(), forge_random_metrics(true, 60), {}, 1)));
     const pid_t child = ::fork();
     if (child == 0) {
-#ifndef __SANITIZE_ADDRESS__
+#ifndef VELDAR_SANITIZED
         const rlimit limit = {uint64_t{3} << 29, uint64_t{3} << 29};
         ::setrlimit(RLIMIT_AS, &limit);
 #endif

@@ -6,7 +6,7 @@
 
 namespace veldar {
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VELDAR_SANITIZED
 inline constexpr uint64_t SANITIZED_PART = 4;
 #else
 inline constexpr uint64_t SANITIZED_PART = 1;
