@@ -36,6 +36,17 @@ constexpr std::array<std::string_view, 12> NAMES = {
     " december dezember dez décembre déc diciembre dic dicembre dezembro ",
 };
 
+// A bit for the second byte of every name, by its first one: most words that are looked at begin no month.
+constexpr std::array<uint32_t, 32> SECOND_BYTES = [] {
+    std::array<uint32_t, 32> bits{};
+    for (const std::string_view names : NAMES) {
+        for (size_t i = 0; i + 2 < names.size(); i++) {
+            if (names[i] == ' ') bits[names[i + 1] & 31] |= 1u << (names[i + 2] & 31);
+        }
+    }
+    return bits;
+}();
+
 bool in_name(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (static_cast<unsigned char>(c) & 0x80) != 0;
 }
@@ -49,6 +60,7 @@ bool set_month(ptrdiff_t place, unsigned* month) {
 }  // namespace
 
 bool take_month(std::string_view* rest, unsigned* month) {
+    if (rest->size() < 3 || (SECOND_BYTES[(*rest)[0] & 31] >> ((*rest)[1] & 31) & 1) == 0) return false;
     char word[NAME_MAX_BYTES + 3] = {' '};
     size_t size = 0;
     for (; size < rest->size() && size <= NAME_MAX_BYTES + 1 && in_name((*rest)[size]); size++) {
