@@ -228,9 +228,9 @@ void merge_after_load(const std::vector<std::string>& directories, uint64_t merg
     const auto begun = std::chrono::steady_clock::now();
     merge_totals totals = merge_directories(directories, {.spares_space = true});
     if (merges_before != 0) {
-        // Those that a large load has left over.
+        // Those that a large load has left over; larger ones are for `veldar optimize`.
         const merge_totals rest =
-            merge_directories(directories, {.is_final = true, .spares_space = true, .least_bytes = LARGE});
+            merge_directories(directories, {.is_final = true, .least_bytes = LARGE, .target_size = 2 * LARGE});
         totals.merges += rest.merges;
         totals.slices_after = rest.slices_after;
         totals.bytes_after = rest.bytes_after;
