@@ -269,6 +269,30 @@ bool ask(kept_lists* lists, reader_owner* r, uint32_t term, uint32_t first, uint
 }
 
 // Of a slice 8 MiB, which four lists fill here, and 64 lists; of the process 64 MiB.
+// Groups stop before the last word of a bitmap that is not whole, before `stop`, and before bytes that are not theirs.
+TEST(GapGroups, KeepTheirBounds) {
+    if (!gap_groups_usable()) GTEST_SKIP() << "no vectors";
+    const std::vector<uint8_t> gaps(96, 1);
+    for (const uint64_t bound : {1u, 63u, 64u, 70u, 127u, 128u, 1000u}) {
+        for (const size_t stop : {0u, 1u, 40u, 96u}) {
+            gap_span span = {gaps.data(), gaps.data() + stop, gaps.data() + gaps.size(), 0};
+            std::vector<uint8_t> bits(32);
+            gap_groups_set_bits(&span, bound, bits.data(), 0);
+            EXPECT_LE(span.last, std::min<uint64_t>(bound / 64 * 64, stop + 7)) << bound << " " << stop;
+            for (uint32_t bit = 0; bit < 256; bit++) {
+                ASSERT_EQ(bits[bit / 8] >> bit % 8 & 1, bit > 0 && bit <= span.last)
+                    << bound << " " << stop << " " << bit;
+            }
+            EXPECT_EQ(span.at - gaps.data(), span.last) << "an event a byte";
+            EXPECT_TRUE(stop < 96 || bound <= 64 || span.last >= 56) << "and it takes what it may";
+            std::vector<uint32_t> numbers(20);
+            span = {gaps.data(), gaps.data() + stop, gaps.data() + gaps.size(), 0};
+            const uint64_t copied = gap_groups_copy(&span, bound, numbers.data(), 20);
+            EXPECT_TRUE(copied <= 16 && span.last == copied && copied < bound) << copied;
+        }
+    }
+}
+
 TEST(KeptLists, AreBounded) {
     std::string section(1, '\0');
     std::vector<std::pair<uint64_t, uint32_t>> entries;
