@@ -820,7 +820,7 @@ TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
         } catch (const tool_failure& failure) {
             EXPECT_NE(failing_write, 0u) << failure.message;
             EXPECT_NE(failure.message.find("space"), std::string::npos) << failure.message;
-            EXPECT_FALSE(event_queue_is_open(queue));
+            EXPECT_FALSE(queue.is_open);
         }
         const uint64_t stored = events_in(dir.path());
         EXPECT_TRUE(failing_write == 0 ? stored == EVENTS : stored < put) << stored;
@@ -829,6 +829,43 @@ TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
         const st_time_t latest = static_cast<st_time_t>(stored) - 1;
         EXPECT_EQ(st_get(thing, "every", 0, latest, first.data(), EVENTS), static_cast<int>(stored)) << "a prefix";
         EXPECT_EQ(st_close(thing), 0);
+    }
+}
+
+// A slice cannot be written while the last lines are read, or between two files: that all is loaded is not said, and
+// nothing behind what is lost becomes visible.
+TEST_F(Load, AFailureBesideTheReaderIsToldAndLeavesAPrefix) {
+    const lines first = log_lines(0, 5000), second = log_lines(5000, 100);
+    write_file(file("a.log"), joined(first));
+    write_file(file("b.log"), joined(second));
+    load_options options;
+    options.no_fsync = options.no_optimize = true;
+    options.limits.max_values = 1024;
+    for (const bool two_files : {false, true}) {
+        const std::string path = file(two_files ? "two" : "one");
+        {
+            loader load;
+            std::string error;
+            loader_open(&load, path, options);
+            const fault unlinked(fault_call::link, 2, EIO);
+            try {
+                EXPECT_TRUE(loader_load(&load, file("a.log"), &error)) << error;
+                {
+                    std::unique_lock guard(load.events.mutex);
+                    load.events.changed.wait(guard, [&load] { return !load.events.busy; });
+                }
+                EXPECT_EQ(unlinked.hits(), 1u) << "in the batch that was handed over";
+                EXPECT_TRUE(!two_files || loader_load(&load, file("b.log"), &error)) << error;
+                loader_close(&load);
+                ADD_FAILURE() << "all is said to be loaded";
+            } catch (const tool_failure&) {
+                loader_give_up(&load);
+            }
+        }
+        const lines kept = records(path);
+        EXPECT_TRUE(kept.size() < first.size() && std::equal(kept.begin(), kept.end(), first.begin())) << kept.size();
+        EXPECT_EQ(run_tool("veldar/veldar", {"-s", path, "load", file("a.log"), file("b.log")}).status, 0);
+        EXPECT_EQ(records(path), sorted(first + second));
     }
 }
 

@@ -1,5 +1,7 @@
 #include "tools/veldar/load/event_queue.h"
 
+#include <new>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -70,7 +72,10 @@ void take_outcome(event_queue* queue) {
     queue->next_address = batch->next_address;
     const std::exception_ptr failure = std::exchange(batch->failure, nullptr);
     clear(batch);
-    if (failure != nullptr) std::rethrow_exception(failure);
+    if (failure == nullptr) return;
+    queue->is_open = false;
+    clear(&queue->filling);
+    std::rethrow_exception(failure);
 }
 
 void wait_for_thread(event_queue* queue) {
@@ -109,6 +114,31 @@ void hand_over(event_queue* queue) {
     queue->changed.notify_all();
 }
 
+// All of the event or nothing.
+void append(event_batch* batch, const st_txn& txn, const term_set& terms) {
+    const size_t texts = batch->texts.size(), lengths = batch->lengths.size();
+    try {
+        term_set_append(terms, &batch->texts, &batch->lengths);
+        batch->events.push_back({txn, static_cast<uint32_t>(terms.lengths.size())});
+    } catch (const std::bad_alloc&) {
+        batch->texts.resize(texts);
+        batch->lengths.resize(lengths);
+        throw;
+    }
+}
+
+bool put_now(event_queue* queue, const st_txn& txn, std::span<const std::string_view> terms) {
+    bool put = false;
+    try {
+        put = index_writer_put(&queue->writer, txn, terms);
+        note_slices(&queue->handed, queue->writer, txn.address);
+    } catch (...) {
+        queue->handed.failure = std::current_exception();
+    }
+    take_outcome(queue);
+    return put;
+}
+
 void finish(event_queue* queue) {
     wait_for_thread(queue);
     swap_batches(queue);
@@ -121,31 +151,23 @@ void finish(event_queue* queue) {
 void event_queue_open(event_queue* queue, const std::string& directory, const index_limits& limits, bool durable) {
     index_writer_open(&queue->writer, directory, 4, false, limits, durable);
     queue->slices = queue->handed.slices = 0;
-}
-
-bool event_queue_is_open(const event_queue& queue) {
-    return queue.writer.thing != nullptr;
+    queue->is_open = true;
 }
 
 bool event_queue_put(event_queue* queue, const st_txn& txn, term_set* terms) {
-    event_batch* const batch = &queue->filling;
     if (terms->lengths.size() > SMALL_TERMS || terms->arena_used > SMALL_BYTES) {
         finish(queue);
-        const bool put = index_writer_put(&queue->writer, txn, term_set_terms(terms));
-        note_slices(&queue->handed, queue->writer, txn.address);
-        take_outcome(queue);
-        return put;
+        return put_now(queue, txn, term_set_terms(terms));
     }
-    batch->events.push_back({txn, static_cast<uint32_t>(terms->lengths.size())});
-    term_set_append(*terms, &batch->texts, &batch->lengths);
-    if (batch->texts.size() >= BATCH_BYTES) hand_over(queue);
+    append(&queue->filling, txn, *terms);
+    if (queue->filling.texts.size() >= BATCH_BYTES) hand_over(queue);
     return true;
 }
 
 void event_queue_close(event_queue* queue) {
-    wait_for_thread(queue);
-    if (queue->writer.thing == nullptr) return;
+    if (!queue->is_open) return;
     finish(queue);
+    queue->is_open = false;
     index_writer_close(&queue->writer);
 }
 

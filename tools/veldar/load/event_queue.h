@@ -29,9 +29,11 @@ struct event_batch {
     std::exception_ptr failure{};  // then the events from there on are lost
 };
 
-// For one thread.
+// For one thread. It is open until it is closed or has told a failure, whatever became of the writer meanwhile: who
+// asks must not take a failure that nobody was told of for an end.
 struct event_queue {
-    index_writer writer;        // only these functions use it
+    index_writer writer;  // only these functions use it
+    bool is_open = false;
     uint64_t slices = 0;        // that are known to be written
     uint32_t next_address = 0;  // every event put before the one with this address is in one of them
 
@@ -44,11 +46,11 @@ struct event_queue {
 
 // As index_writer_open, at write level 4. The queue is closed.
 void event_queue_open(event_queue* queue, const std::string& directory, const index_limits& limits, bool durable);
-bool event_queue_is_open(const event_queue& queue);
 // Puts the event, now or later. False when no index can hold it. Throws tool_failure for a failure of the engine, also
-// of an event put before; the queue is of no use then.
+// of an event put before: then the queue is closed, and what it had not put is dropped. std::bad_alloc leaves it as it
+// was, or is told like a failure when it comes from the other thread.
 bool event_queue_put(event_queue* queue, const st_txn& txn, term_set* terms);
-// Puts what is left, syncs and closes. Nothing when it is closed or has failed. Throws tool_failure.
+// Puts what is left, syncs and closes, also when that fails. Nothing when it is closed. Throws as event_queue_put.
 void event_queue_close(event_queue* queue);
 
 }  // namespace veldar::tool

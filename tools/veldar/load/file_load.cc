@@ -39,7 +39,7 @@ void mark(loader* load, uint64_t address) {
 }  // namespace
 
 void load_close_bucket(loader* load) {
-    if (!event_queue_is_open(load->events)) return;
+    if (!load->events.is_open) return;
     event_queue_close(&load->events);
     load->merges += merge_aside_wait(&load->merging);
     mark(load, load->address);
@@ -59,7 +59,7 @@ bool bucket_takes_more(const loader& load) {
 }  // namespace
 
 void load_open_bucket(loader* load) {
-    if (event_queue_is_open(load->events) && load->address < load->options->bucket_bytes) return;
+    if (load->events.is_open && load->address < load->options->bucket_bytes) return;
     load_close_bucket(load);
     if (!load->st.buckets.empty()) load->address = load_bucket(load).map.frontier;
     if (!bucket_takes_more(*load)) {
