@@ -382,6 +382,8 @@ TEST(Plist, RleBytes) {
 
 TEST(Plist, DamagedListsAndEntriesAreCorruption) {
     const std::string five_tops = "\xFF\xFF\xFF\xFF\xFF";
+    std::string two_sizes;
+    for (int i = 0; i < 60; i++) two_sizes += i % 9 == 8 ? "\x81\x01" : "\x01";
     const struct {
         const char* what;
         std::string section;
@@ -391,6 +393,8 @@ TEST(Plist, DamagedListsAndEntriesAreCorruption) {
     } cases[] = {
         {"first event past the values", "\x64", {{1, PLO_RLE}}, -12, 0},
         {"gap past the values", "\x05\x60", {{2, PLO_RLE}}, 0, -12},
+        {"short gaps past the values", std::string(200, '\x01'), {{200, PLO_RLE}}, 0, -12},
+        {"gaps of two sizes past the values", two_sizes, {{two_sizes.size(), PLO_RLE}}, 0, -12},
         {"run past the values", std::string("\x05\x00\x7F", 3), {{3, PLO_RLE}}, 0, -12},
         {"run of none", std::string("\x05\x00\x00", 3), {{3, PLO_RLE}}, 0, -12},
         {"gap of 0 in two bytes", std::string("\x05\x80\x00", 3), {{3, PLO_RLE}}, 0, -12},
@@ -407,12 +411,12 @@ TEST(Plist, DamagedListsAndEntriesAreCorruption) {
         SCOPED_TRACE(c.what);
         lists_only slice(c.section, c.entries, 100);
         reader_owner r(&slice.warm);
-        for (const bool by_seek : {false, true}) {
+        for (const uint32_t target : {0u, 90u, 100u, 5000u, PLIST_END - 1}) {  // 0: event by event
             ASSERT_EQ(r.seek_term(0), c.seek_status);
             uint32_t id = 0;
             int status = 0;
             while (status == 0 && id != PLIST_END) {
-                status = by_seek ? _seek(&r.reader, 90, &id, &r.rc) : _next(&r.reader, &id, &r.rc);
+                status = target != 0 ? _seek(&r.reader, target, &id, &r.rc) : _next(&r.reader, &id, &r.rc);
             }
             EXPECT_EQ(status, c.next_status);
         }

@@ -4,8 +4,7 @@
 
 #include <immintrin.h>
 
-#include <algorithm>
-
+#include "libzero/assertions.h"
 #include "libzero/endian.h"
 
 #define GAP_VECTORS __attribute__((target("avx2")))
@@ -142,12 +141,12 @@ GAP_VECTORS inline bool land(gap_span* span, uint32_t target, uint32_t num_value
 }
 
 GAP_VECTORS bool seek(gap_span* span, uint32_t target, uint32_t num_values) {
-    const uint64_t bound = std::min(target, num_values);
+    ST_ASSERT(target < num_values);
     for (bool is_near = false; span->at < span->stop && span->end - span->at >= 8;) {
         if (!is_near && span->end - span->at >= 32) {
             // Where the bytes that are taken do not depend on what they are, the next ones need not wait for them.
             const uint64_t sum = sum_of_one_byte_gaps(span->at);
-            is_near = sum != 0 && span->last + sum >= bound;
+            is_near = sum != 0 && span->last + sum >= target;
             if (sum != 0 && !is_near) {
                 span->last += static_cast<uint32_t>(sum);
                 span->at += 32;
@@ -157,7 +156,7 @@ GAP_VECTORS bool seek(gap_span* span, uint32_t target, uint32_t num_values) {
         if (!is_near && span->end - span->at >= 16) {
             uint32_t used = 0;
             const uint64_t sum = sum_of_group(span->at, &used);
-            is_near = sum != 0 && span->last + sum >= bound;
+            is_near = sum != 0 && span->last + sum >= target;
             if (sum != 0 && !is_near) {
                 span->last += static_cast<uint32_t>(sum);
                 span->at += used;
@@ -166,7 +165,7 @@ GAP_VECTORS bool seek(gap_span* span, uint32_t target, uint32_t num_values) {
         }
         group_t group;
         if (!read_group(span->at, &group)) return false;
-        if (uint64_t{span->last} + last_sum(group) >= bound) return land(span, target, num_values, group);
+        if (uint64_t{span->last} + last_sum(group) >= target) return land(span, target, num_values, group);
         span->last += last_sum(group);
         span->at += group.used;
     }

@@ -30,7 +30,7 @@ inline uint64_t sum_of_eight_gaps(const uint8_t* at) {
 
 // Passes groups of gaps; true when the last event is the first at or after `target`.
 bool seek_in_groups(gap_span* span, uint32_t target, uint32_t num_values) {
-    if (gap_groups_usable()) return gap_groups_seek(span, target, num_values);
+    if (gap_groups_usable() && target < num_values) return gap_groups_seek(span, target, num_values);
     const uint64_t limit = std::min(target, num_values);
     while (span->at < span->stop && span->end - span->at >= 8) {
         const uint64_t sum = sum_of_eight_gaps(span->at);
