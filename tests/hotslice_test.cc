@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/hot_events.h"
@@ -96,6 +98,25 @@ std::string random_keyword(std::mt19937& random) {
     std::string text(1 + (random() % 4 == 0 ? random() % 40 : random() % 12), '\0');
     for (char& c : text) c = random() % 3 == 0 ? static_cast<char>(1 + random() % 255) : 'a';
     return text;
+}
+
+// Eight bytes a step give what one a step gives, and no byte outside is read.
+TEST(HotSlice, HashesEveryLength) {
+    for (size_t length = 0; length < 40; length++) {
+        const std::unique_ptr<char[]> text(new char[length]);
+        uint32_t expected = 5381;
+        for (size_t i = 0; i < length; i++) {
+            text[i] = static_cast<char>(200 + 7 * i * length % 55);
+            expected = expected * 33 + static_cast<uint8_t>(text[i]);
+        }
+        const hot_hash_t hash = hot_slice_hash_checked(text.get(), length);
+        EXPECT_TRUE(hash.hash == expected && !hash.has_nul) << length;
+        for (size_t i = 0; i < length; i++) {
+            const char before = std::exchange(text[i], '\0');
+            EXPECT_TRUE(hot_slice_hash_checked(text.get(), length).has_nul) << i << " of " << length;
+            text[i] = before;
+        }
+    }
 }
 
 TEST(HotSlice, EqualsModel) {
