@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 install(TARGETS zero searchthing EXPORT veldar-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 # What programs include, and the records that it needs by name; none of these includes one that is not here.
 set(face
-    st.h st_optimize.h base/warm_rc.h format/tsidx_names.h format/write_options.h values/st_tsval.h search/query.h
+    st.h st_optimize.h base/stop_check.h base/warm_rc.h format/tsidx_names.h format/write_options.h values/st_tsval.h search/query.h
     reading/cursors.h reading/tsidx_read.h reading/tsidx_select.h)
 set(records
     base/language.h base/query_info.h base/st_init.h base/st_timeval.h lexicon/term_choice.h search/select_cell.h

@@ -29,45 +29,59 @@ void create_status_file(const char* path) {
         os_retry([&] { return ::open(file.val, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600); }));
 }
 
+int run_pass(const char* path, const st_optimize_options_t& o, uint64_t file_offset, uint32_t flags, warm_rc_t* rc) {
+    const char* const shown = path == nullptr ? "" : path;
+    _log(0,
+         "INFO  veldar-optimize start: dir=%s mode=%i isfinal=%s max_iteration=%u min_src_count=%u lex_tpb=%u "
+         "write_level=%u target_size=%lu\n",
+         shown, o.mode, o.is_final ? "true" : "false", o.max_iterations, o.min_sources, o.terms_per_block,
+         o.write->write_level, static_cast<unsigned long>(o.write->byte_size));
+    int result = 0;
+    TSIDX* const tsidx = open_directory(path, o.write);
+    if (tsidx == nullptr) {
+        _log(0, "ERROR unable to open tsidx: %s\n", shown);
+        result = WARM_RC_FAILED;
+        if (rc != nullptr) _set_rc_msg(rc, result, "the directory cannot be opened");
+    } else {
+        st_tsidx_set_merge_mapper(tsidx, o.mapper, o.mapper_context);
+        st_tsidx_set_merge_stop(tsidx, o.stop, o.stop_context);
+        static_cast<void>(st_tsidx_clear_need_optimize(tsidx));
+        for (uint32_t i = 0; i < o.max_iterations && result == 0; i++) {
+            result = st_tsidx_optimize_n(tsidx, o.mode, o.min_sources, o.terms_per_block, o.target_size, rc,
+                                         file_offset, flags, o.is_final);
+        }
+        static_cast<void>(st_tsidx_close(tsidx));  // nothing was put
+    }
+    if (o.is_final) create_status_file(path);
+    _log(0, "INFO  exiting veldar-optimize process with rc=%i (unsigned %u)\n", result,
+         static_cast<unsigned>(result) & 0xFF);
+    return result == WARM_RC_FEW_SLICES || result == WARM_RC_FEW_SOURCES ? 0 : result;
+}
+
 }  // namespace
 
 int st_optimize(const char* path, const TSWRITEOPTS* opts, int mode, bool is_final, uint32_t max_iterations,
                 uint32_t min_src_count, uint32_t lexicon_tpb, uint64_t target_size, warm_rc_t* rc, uint64_t file_offset,
                 uint32_t flags, st_merge_mapper_t mapper, void* mapper_context) {
     ST_ASSERT(opts != nullptr);
-    const char* const shown = path == nullptr ? "" : path;
-    _log(0,
-         "INFO  veldar-optimize start: dir=%s mode=%i isfinal=%s max_iteration=%u min_src_count=%u lex_tpb=%u "
-         "write_level=%u target_size=%lu\n",
-         shown, mode, is_final ? "true" : "false", max_iterations, min_src_count, lexicon_tpb, opts->write_level,
-         static_cast<unsigned long>(opts->byte_size));
-    int result = 0;
-    TSIDX* const tsidx = open_directory(path, opts);
-    if (tsidx == nullptr) {
-        _log(0, "ERROR unable to open tsidx: %s\n", shown);
-        result = WARM_RC_FAILED;
-        if (rc != nullptr) _set_rc_msg(rc, result, "the directory cannot be opened");
-    } else {
-        st_tsidx_set_merge_mapper(tsidx, mapper, mapper_context);
-        static_cast<void>(st_tsidx_clear_need_optimize(tsidx));
-        for (uint32_t i = 0; i < max_iterations && result == 0; i++) {
-            result = st_tsidx_optimize_n(tsidx, mode, min_src_count, lexicon_tpb, target_size, rc, file_offset, flags,
-                                         is_final);
-        }
-        static_cast<void>(st_tsidx_close(tsidx));  // nothing was put
-    }
-    if (is_final) create_status_file(path);
-    _log(0, "INFO  exiting veldar-optimize process with rc=%i (unsigned %u)\n", result,
-         static_cast<unsigned>(result) & 0xFF);
-    return result == WARM_RC_FEW_SLICES || result == WARM_RC_FEW_SOURCES ? 0 : result;
+    const st_optimize_options_t options = {.write = opts,
+                                           .mode = mode,
+                                           .is_final = is_final,
+                                           .max_iterations = max_iterations,
+                                           .min_sources = min_src_count,
+                                           .terms_per_block = lexicon_tpb,
+                                           .target_size = target_size,
+                                           .mapper = mapper,
+                                           .mapper_context = mapper_context};
+    return run_pass(path, options, file_offset, flags, rc);
 }
 
 int st_optimize_directory(const char* path, const st_optimize_options_t& options, warm_rc_t* rc) {
+    st_optimize_options_t filled = options;
     TSWRITEOPTS defaults;
     st_tsidx_write_opts_set_defaults(&defaults);
-    return st_optimize(path, options.write == nullptr ? &defaults : options.write, options.mode, options.is_final,
-                       options.max_iterations, options.min_sources, options.terms_per_block, options.target_size, rc, 0,
-                       0, options.mapper, options.mapper_context);
+    if (filled.write == nullptr) filled.write = &defaults;
+    return run_pass(path, filled, 0, 0, rc);
 }
 
 int st_optimize_ex(THING* thing, int mode) {

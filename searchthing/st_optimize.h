@@ -33,6 +33,8 @@ struct st_optimize_options_t {
     uint64_t target_size = 0;      // bytes; 0: the write options'
     st_merge_mapper_t mapper = nullptr;
     void* mapper_context = nullptr;
+    warm_stop_fn stop = nullptr;  // ends the pass and the merge at work: WARM_RC_CANCELLED (st_tsidx_set_merge_stop)
+    void* stop_context = nullptr;
 };
 [[nodiscard]] int st_optimize_directory(const char* path, const st_optimize_options_t& options, warm_rc_t* rc);
 

@@ -25,6 +25,7 @@
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
+#include "tests/support/metric_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/veldar/load/merging.h"
@@ -505,6 +506,63 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
         }
         owner.reset();
         check();
+    }
+}
+
+// A stop is obeyed at every question, and leaves what was there before.
+TEST_F(OptimizeFaults, StoppedAtEveryQuestion) {
+    const std::string metrics = dir_.file("metrics");
+    {
+        const directory_ptr events = open_directory(path());
+        TSWRITEOPTS opts;
+        st_tsidx_write_opts_init_write_level(&opts, 4);
+        const directory_ptr samples(st_tsidx_open(metrics.c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER));
+        fs::create_directory(metrics);
+        for (int32_t slice = 0; slice < 2; slice++) {
+            for (int32_t i = 0; i < 5000; i++) {
+                const forge_event event = {.time = 9000 - i / 2,
+                                           .address = static_cast<uint32_t>(100 + (i ^ 1) + 5000 * slice),
+                                           .terms = {"a", "n" + std::to_string(2 * i + slice)}};
+                ASSERT_EQ(put_event(events.get(), event), 0);
+            }
+            for (const metric_event& event : random_metric_events(static_cast<uint64_t>(slice), 5000)) {
+                ASSERT_EQ(put_metric_event(samples.get(), event, 1), 0);
+            }
+            ASSERT_EQ(st_tsidx_sync(events.get()) + st_tsidx_sync(samples.get()), 0);
+        }
+    }
+    struct questions {
+        int asked, end;
+    };
+    for (const std::string& directory : {path(), metrics}) {
+        const std::set<std::string> before = names_in(directory);
+        const directory_ptr tsidx = open_directory(directory);
+        st_tsidx_set_merge_drops_deleted(tsidx.get(), true);
+        int status = WARM_RC_CANCELLED;
+        const auto stopped_at = [&](int nth) {
+            questions count = {0, nth};
+            const auto ask = [](void* context) {
+                questions* const q = static_cast<questions*>(context);
+                return ++q->asked >= q->end;
+            };
+            st_tsidx_set_merge_stop(tsidx.get(), ask, &count);
+            status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+            EXPECT_EQ(status == WARM_RC_CANCELLED, count.asked >= nth) << status;
+        };
+        {
+            const unique_fd locked(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
+            ASSERT_EQ(::flock(locked.get(), LOCK_EX), 0);
+            stopped_at(4);
+            EXPECT_EQ(status, WARM_RC_CANCELLED) << "waits for the lock";
+        }
+        int nth = 1;
+        for (; status == WARM_RC_CANCELLED; nth++) {
+            EXPECT_EQ(names_in(directory), before) << nth;
+            stopped_at(nth);
+        }
+        EXPECT_EQ(status, 0);
+        EXPECT_GT(nth, 10);
+        EXPECT_EQ(names_in(directory).size(), 1u);
     }
 }
 

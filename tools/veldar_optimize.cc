@@ -1,6 +1,7 @@
 // veldar-optimize: one pass of merges over index directories, as a process of its own that a service starts. It tells
 // what it does in the engine's log lines, on standard error.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <new>
 #include <string>
@@ -14,6 +15,16 @@ namespace {
 
 using veldar::tool::whole_number;
 
+volatile std::sig_atomic_t interrupted = 0;
+constexpr int EXIT_INTERRUPTED = 130;
+
+void catch_interrupts() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { interrupted = 1; };
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
 struct options {
     std::vector<std::string> directories;
     int mode = veldar::TSIDX_OPTIMIZE_TIERED;
@@ -26,7 +37,9 @@ struct options {
 };
 
 void add_options(CLI::App* app, options* o) {
-    app->footer("Exit status: 0, also when there was nothing to merge; 1 when a directory could not be merged; 2.");
+    app->footer(
+        "Exit status: 0, also when there was nothing to merge; 1 when a directory could not be merged; 2;\n"
+        "130 when SIGINT or SIGTERM ended it: the merge at work is then undone.");
     app->add_option("DIR", o->directories, "Index directories")->required();
     app->add_option("--mode", o->mode,
                     "0 slices of one size (default), 1 all, 2 slices written in part mode, 3 dry run")
@@ -54,8 +67,10 @@ int run(const options& o) {
                                                        .is_final = o.is_final,
                                                        .max_iterations = o.mode == 3 ? 1 : o.max_iterations,
                                                        .min_sources = o.min_sources,
-                                                       .terms_per_block = o.lexicon_tpb};
+                                                       .terms_per_block = o.lexicon_tpb,
+                                                       .stop = [](void*) { return interrupted != 0; }};
         const int result = veldar::st_optimize_directory(directory.c_str(), options, &rc);
+        if (interrupted != 0) return EXIT_INTERRUPTED;
         if (result == 0) continue;
         failed = true;
         std::fprintf(stderr, "veldar-optimize: %s: status %i: %s\n", directory.c_str(), result, rc.message);
@@ -75,6 +90,7 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         veldar::st_init("veldar-optimize");
         veldar::stSetupLogger(0, 1);
+        catch_interrupts();
         return run(o);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;

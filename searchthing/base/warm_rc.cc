@@ -111,6 +111,8 @@ const char* warm_status_text(int status) {
             return "a posting list lies both in memory and on the disk";
         case WARM_RC_TIME_BINS_LIMIT:
             return "too many time bins";
+        case WARM_RC_CANCELLED:
+            return "ended early, as was asked";
     }
     return "unknown status";
 }

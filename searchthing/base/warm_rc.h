@@ -61,6 +61,7 @@ enum warm_status_t : int32_t {
     WARM_RC_FOOTER_OFFSET = -52,
     WARM_RC_SPLIT_LIST = -53,
     WARM_RC_TIME_BINS_LIMIT = -55,
+    WARM_RC_CANCELLED = -56,
 };
 
 inline constexpr uint32_t WARM_RC_NO_DETAIL = 0xFFFFFFFF;

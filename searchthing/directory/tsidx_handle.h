@@ -10,6 +10,7 @@
 #include "libzero/change_stamp.h"
 #include "libzero/ospath-builder.h"
 #include "libzero/xorshift128plus.h"
+#include "searchthing/base/stop_check.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/directory/tsidx_cache.h"
 #include "searchthing/directory/tsidx_list.h"
@@ -75,6 +76,7 @@ struct st_tsidx {
     void* merge_mapper_context = nullptr;
     warm_merge_progress_fn merge_progress = nullptr;
     void* merge_progress_context = nullptr;
+    stop_check merge_stop;
     bool merge_drops_deleted = false;
 };
 

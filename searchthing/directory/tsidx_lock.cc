@@ -32,19 +32,24 @@ constexpr time_t UNSIGNED_MAX_SECONDS = 60;
 
 using deadline_t = std::chrono::steady_clock::time_point;
 
+bool is_stopped(stop_check* stop) {
+    warm_rc_t ignored;
+    return stop != nullptr && stop->ask(&ignored) != 0;
+}
+
 // Sleeps a little; false when the time is up.
-bool wait_until(deadline_t deadline) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+bool wait_until(deadline_t deadline, stop_check* stop) {
+    if (std::chrono::steady_clock::now() >= deadline || is_stopped(stop)) return false;
     ::usleep(POLL_MICROSECONDS);
     return true;
 }
 
 enum flock_result { FLOCK_TAKEN, FLOCK_HELD, FLOCK_UNSUPPORTED };
 
-flock_result take_flock(int fd, deadline_t deadline) {
+flock_result take_flock(int fd, deadline_t deadline, stop_check* stop) {
     while (os_retry([fd] { return ::flock(fd, LOCK_EX | LOCK_NB); }) != 0) {
         if (errno != EWOULDBLOCK) return FLOCK_UNSUPPORTED;
-        if (!wait_until(deadline)) return FLOCK_HELD;
+        if (!wait_until(deadline, stop)) return FLOCK_HELD;
     }
     return FLOCK_TAKEN;
 }
@@ -101,11 +106,11 @@ class lock_file_watch {
 
 }  // namespace
 
-bool tsidx_lock::take(int seconds) {
+bool tsidx_lock::take(int seconds, stop_check* stop) {
     const deadline_t deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     directory_.reset(os_retry([&] { return ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (!directory_.valid()) return false;
-    const flock_result flocked = take_flock(directory_.get(), deadline);
+    const flock_result flocked = take_flock(directory_.get(), deadline, stop);
     if (flocked == FLOCK_HELD) return false;
     lock_file_watch watch(path_ + LOCK_SUFFIX);
     for (bool broken = false;;) {
@@ -116,11 +121,11 @@ bool tsidx_lock::take(int seconds) {
             broken = true;
             if (filemutex_unlock(path_.c_str()) == FILEMUTEX_OK) continue;
         }
-        if (!wait_until(deadline)) return false;
+        if (!wait_until(deadline, stop)) return false;
     }
 }
 
-int tsidx_lock::acquire(TSIDX* tsidx, int seconds) {
+int tsidx_lock::acquire(TSIDX* tsidx, int seconds, stop_check* stop) {
     ST_ASSERT(!locked_);
     char canonical[PATH_MAX];
     tsidx_ = tsidx;
@@ -128,7 +133,7 @@ int tsidx_lock::acquire(TSIDX* tsidx, int seconds) {
     errno = 0;
     if (::realpath(tsidx->path.c_str(), canonical) != nullptr) {
         path_ = canonical;
-        locked_ = take(seconds);
+        locked_ = take(seconds, stop);
     }
     if (locked_) {
         tsidx->is_locked = true;
@@ -136,6 +141,7 @@ int tsidx_lock::acquire(TSIDX* tsidx, int seconds) {
     }
     const int error = errno;
     directory_.reset();
+    if (stop != nullptr) ST_TRY(stop->ask(&tsidx->last_failure));
     _log(0, "WARN  Locking tsidx path=\"%s\" failed.\n", tsidx->path.c_str());
     _set_rc_msg(&tsidx->last_failure, WARM_RC_LOCK, tsidx->path.c_str());
     tsidx->last_failure.saved_errno = error;

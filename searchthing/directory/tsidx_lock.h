@@ -8,6 +8,7 @@
 #include <string>
 
 #include "libzero/resource.h"
+#include "searchthing/base/stop_check.h"
 #include "searchthing/directory/tsidx.h"
 
 namespace veldar {
@@ -19,13 +20,14 @@ class tsidx_lock {
     tsidx_lock(const tsidx_lock&) = delete;
     tsidx_lock& operator=(const tsidx_lock&) = delete;
 
-    // Waits up to `seconds` (0: a single try). 0, or WARM_RC_LOCK with errno, recorded in the handle and logged. May
-    // throw std::bad_alloc, and then nothing is locked.
-    [[nodiscard]] int acquire(TSIDX* tsidx, int seconds);
+    // Waits up to `seconds` (0: a single try), or until it is stopped, where `stop` is not null. 0; WARM_RC_LOCK with
+    // errno, recorded in the handle and logged; WARM_RC_CANCELLED, recorded. May throw std::bad_alloc, and then nothing
+    // is locked.
+    [[nodiscard]] int acquire(TSIDX* tsidx, int seconds, stop_check* stop = nullptr);
     void release();
 
   private:
-    bool take(int seconds);
+    bool take(int seconds, stop_check* stop);
 
     TSIDX* tsidx_ = nullptr;
     std::string shown_;  // the path as the directory was opened, for the log

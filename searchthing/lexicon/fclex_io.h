@@ -13,6 +13,7 @@
 #include "libzero/resource.h"
 #include "searchthing/base/bitset.h"
 #include "searchthing/base/list.h"
+#include "searchthing/base/stop_check.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/lexicon/fclex_walker_internal.h"
@@ -118,14 +119,15 @@ void _lex_reader_close(lex_reader_t* reader);
 //                       each of its terms
 //   passed_over         null, or for each source none or as many bits as it has terms: those set stay out, as if the
 //                       source had no such term
+//   stop                null, or asked every few thousand terms
 //
 // The code is also left in `rc`, with the source as detail: what the readers and the writer report,
-// WARM_RC_CORRUPT also for a body that is longer than its file. On failure the writer and the bitmaps hold nothing.
+// WARM_RC_CORRUPT also for a body that is longer than its file, WARM_RC_CANCELLED when it was stopped. On failure the writer and the bitmaps hold nothing.
 [[nodiscard]] int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, uint32_t src_sz,
                                    uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer,
                                    uint32_t* merged_count, bmap_array_t* source_bitmaps, uint64_t* body_end_offsets,
                                    uint32_t* const* old2new, warm_rc_t* rc,
-                                   const std::vector<bool>* passed_over = nullptr);
+                                   const std::vector<bool>* passed_over = nullptr, stop_check* stop = nullptr);
 
 // _lex_writer_put of a term of which the caller knows how many leading bytes it shares with the one before, and behind
 // which LEX_SLACK bytes may be read.

@@ -101,6 +101,7 @@ struct merge_t {
     bmap_array_t* source_bitmaps;
     uint32_t* const* old2new;
     const std::vector<bool>* passed_over;
+    stop_check* stop;
 
     bool passes_over(const player_t& player) const {
         if (passed_over == nullptr) return false;
@@ -141,6 +142,7 @@ int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
     uint32_t common = UINT32_MAX;  // of the last term put and those passed over since
     while (tree.winner().common != AT_END) {
         const player_t player = tree.winner();
+        if (merge->stop != nullptr) ST_TRY(merge->stop->after(1, rc));
         lex_reader_t* reader = &merge->readers[player.source];
         common = std::min(common, static_cast<uint32_t>(player.common));
         if (!merge->passes_over(player)) {
@@ -178,11 +180,11 @@ int merge_sources(merge_t* merge, warm_rc_t* rc) {
 int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, uint32_t src_sz,
                      uint32_t terms_per_block, uint64_t page_size, lex_writer_t* writer, uint32_t* merged_count,
                      bmap_array_t* source_bitmaps, uint64_t* body_end_offsets, uint32_t* const* old2new, warm_rc_t* rc,
-                     const std::vector<bool>* passed_over) {
+                     const std::vector<bool>* passed_over, stop_check* stop) {
     ST_ASSERT(src_sz <= ((sizeof(bmap64_t) * 8)));
     *writer = {};
     bmap_array_free(source_bitmaps);
-    merge_t merge = {src_sz, nullptr, writer, source_bitmaps, old2new, passed_over};
+    merge_t merge = {src_sz, nullptr, writer, source_bitmaps, old2new, passed_over, stop};
     merge.readers.reset(new (std::nothrow) lex_reader_t[src_sz]);
     if (merge.readers == nullptr) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "readers in st_fclex_merge_n");
     ST_TRY(open_sources(&merge, fds, body_offsets, body_end_offsets, rc));

@@ -59,6 +59,7 @@ struct warm_merge_t {
     std::unique_ptr<merge_metric_t> metric;  // null for event slices
     merge_seams_t seams;
     uint64_t done_bytes = 0;  // told to the progress function
+    stop_check stop;
 };
 
 // Tells the progress function that `bytes` more of the sources have been merged.

@@ -275,7 +275,7 @@ int copy_lists(merge_source_lists_t* from, const WARM* warm, warm_rc_t* rc) {
 
 }  // namespace
 
-int merge_find_dead_terms(merge_source_t* source, warm_rc_t* rc) {
+int merge_find_dead_terms(merge_source_t* source, stop_check* stop, warm_rc_t* rc) {
     WARM* const warm = source->warm.get();
     if (source->num_kept == source->num_values || !st_warm_slice_has_postings(warm)) return 0;
     plist_reader reader;
@@ -283,11 +283,13 @@ int merge_find_dead_terms(merge_source_t* source, warm_rc_t* rc) {
     source->dead_terms.assign(st_warm_slice_terms(warm), false);
     for (uint32_t term = 0; term < source->dead_terms.size(); term++) {
         ST_TRY(_seek_reader(&reader, term, rc));
+        ST_TRY(stop->after(1, rc));
         uint32_t id = 0, count = 0;
         for (;; count++) {
             ST_TRY(_next(&reader, &id, rc));
             if (id == PLIST_END || source->map[id] != MERGE_DROPPED) break;
         }
+        ST_TRY(stop->after(count / 8, rc));
         if (id != PLIST_END) continue;
         // Nobody will look at this list again.
         st_term_metadata record;

@@ -73,7 +73,7 @@ struct merge_lists_t {
 
 // Finds the terms of a source that no kept value has, once the values have their new numbers. A comparison may fail as
 // below.
-[[nodiscard]] int merge_find_dead_terms(merge_source_t* source, warm_rc_t* rc);
+[[nodiscard]] int merge_find_dead_terms(merge_source_t* source, stop_check* stop, warm_rc_t* rc);
 
 // Opens readers over all sources, whose values have their new numbers.
 [[nodiscard]] int merge_lists_open(merge_lists_t* lists, warm_merge_t* merge, warm_rc_t* rc);

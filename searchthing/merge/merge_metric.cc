@@ -60,12 +60,13 @@ int load_runs(merge_source_t* source, merge_metric_source_t* metric, std::span<c
 
 }  // namespace
 
-int merge_metric_find_milliseconds(WARM* warm, bool* found, warm_rc_t* rc) {
+int merge_metric_find_milliseconds(WARM* warm, stop_check* stop, bool* found, warm_rc_t* rc) {
     *found = false;
     if (!warm_slice_keeps_subseconds(warm)) return 0;
     for (uint32_t number = warm_slice_runs(warm); number < st_warm_slice_values(warm) && !*found; number++) {
         st_time_t seconds = 0;
         uint64_t nanoseconds = 0;
+        ST_TRY(stop->after(1, rc));
         ST_TRY(tsval_reader_decode_time(&warm->tsval_reader, number, &seconds, &nanoseconds, rc));
         *found = nanoseconds != 0;
     }

@@ -14,6 +14,7 @@
 
 #include "libzero/resource.h"
 #include "searchthing/base/st_timeval.h"
+#include "searchthing/base/stop_check.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/columns/dimset_io.h"
 #include "searchthing/slice/warmslice_runs.h"
@@ -50,8 +51,8 @@ struct merge_metric_t {
     buffer<merge_metric_run_t> runs;  // once the values are written
 };
 
-// Whether any value of a slice has milliseconds other than 0. 0 or the failure of a decoding.
-[[nodiscard]] int merge_metric_find_milliseconds(WARM* warm, bool* found, warm_rc_t* rc);
+// Whether any value of a slice has milliseconds other than 0. 0, WARM_RC_CANCELLED or the failure of a decoding.
+[[nodiscard]] int merge_metric_find_milliseconds(WARM* warm, stop_check* stop, bool* found, warm_rc_t* rc);
 // Makes the sources' term maps, which the merge of the lexicons then fills.
 [[nodiscard]] int merge_metric_open(warm_merge_t* merge, warm_rc_t* rc);
 // Merges the sets, numbers the runs (the sources' maps become maps of runs) and fills in the header's counts, widths

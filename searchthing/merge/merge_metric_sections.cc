@@ -80,7 +80,7 @@ struct run_follower {
 
 // One column: the elements of all sources that have it, in the order of merged value numbers.
 int merge_column(std::span<cstore_context_t* const> sources, uint32_t rank, const buffer<merge_metric_run_t>& runs,
-                 cs_builder_t* builder, warm_rc_t* rc) {
+                 cs_builder_t* builder, stop_check* stop, warm_rc_t* rc) {
     std::vector<cstore_context_t*> live;
     const auto before = [](const cstore_context_t& a, const cstore_context_t& b) { return a.value_no < b.value_no; };
     ST_TRY(cs_add_columnset(builder, rank, rc));
@@ -94,6 +94,7 @@ int merge_column(std::span<cstore_context_t* const> sources, uint32_t rank, cons
     }
     run_follower follower{runs};
     return merge_by_leader(&live, before, [&](cstore_context_t* context, bool* ended) {
+        ST_TRY(stop->after(1, rc));
         const bool changed = follower.changed(context->value_no);
         ST_TRY(cs_add_element(builder, rank, context->value_no, changed, context->value, rc));
         return next_element(context, ended, rc);
@@ -125,7 +126,7 @@ int _merge_cstore(warm_merge_t* merge, cs_builder_t* builder, warm_rc_t* rc) {
             if (context.has_column() && context.column_rank() == rank) holders.push_back(&context);
         }
         if (holders.empty()) return 0;
-        ST_TRY(merge_column(holders, rank, metric.runs, builder, rc));
+        ST_TRY(merge_column(holders, rank, metric.runs, builder, &merge->stop, rc));
     }
 }
 
@@ -146,6 +147,7 @@ int merge_metric_sections_write(warm_merge_t* merge, int fd, uint64_t* offset, w
     ST_TRY(cs_finalize_offsets(&cstore.builder, header->num_values.get(), header->num_dimsets.get(), &cstore_ref, rc));
     ST_ASSERT(cstore_ref > 0);  // 0 would say that the slice has no column store
     header->cstore_ref.set(static_cast<uint64_t>(cstore_ref));
+    ST_TRY(merge->stop.ask(rc));
     ST_TRY(cs_sync_cstore(&cstore.builder, fd, cstore_offset, rc));
     *offset = cstore_offset + cs_builder_size(&cstore.builder);
     return 0;

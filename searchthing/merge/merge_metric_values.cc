@@ -39,6 +39,7 @@ class run_merger {
     bool more_runs(const run_cursor_t& cursor) const { return cursor.next_run < metric(cursor).runs.size(); }
     uint32_t new_run(const run_cursor_t& cursor) const { return merge_->sources[cursor.source].map[cursor.next_run]; }
     int load(run_cursor_t* cursor) {
+        ST_TRY(merge_->stop.after(1, rc_));
         tsval_reader_t* const reader = &merge_->sources[cursor->source].warm->tsval_reader;
         return tsval_reader_decode(reader, cursor->number, &cursor->value, false, 0, rc_);
     }

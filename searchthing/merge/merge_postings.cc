@@ -138,6 +138,7 @@ int sweep_terms(sweep_t* sweep, const bmap_array_t& holders, warm_rc_t* rc) {
         bmap_array_entry_as_bmap64(&holders, term, &sources);
         merge_list_t list;
         ST_TRY(merge_lists_next(&sweep->lists, sources, &list, rc));
+        ST_TRY(merge->stop.after(1 + list.count / 8, rc));
         if (term == 0) digest(list, &sweep->out->first);
         if (term == terms - 1) digest(list, &sweep->out->last);
         placed_t placed;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,7 @@ int find_dead_terms(warm_merge_t* merge, std::vector<std::vector<bool>>* dead, w
     bool any_lives = !merge->options.drop_deleted;
     for (size_t i = 0; i < merge->sources.size() && merge->options.drop_deleted && merge->metric == nullptr; i++) {
         merge_source_t* const source = &merge->sources[i];
-        if (source->dead_terms.empty()) ST_TRY(merge_find_dead_terms(source, rc));
+        if (source->dead_terms.empty()) ST_TRY(merge_find_dead_terms(source, &merge->stop, rc));
         const std::vector<bool>& terms = source->dead_terms;
         any_lives = any_lives || terms.empty() || std::find(terms.begin(), terms.end(), false) != terms.end();
         dead->push_back(terms);
@@ -63,7 +64,7 @@ int merge_lexicons(warm_merge_t* merge, merged_lexicon_t* out, warm_rc_t* rc) {
     ST_TRY(st_fclex_merge_n(false, fds.data(), offsets.data(), static_cast<uint32_t>(fds.size()),
                             std::max(asked, MERGE_MIN_TERMS_A_BLOCK), 0, &out->writer, &merge->totals.terms,
                             &out->holders, ends.data(), term_maps.empty() ? nullptr : term_maps.data(), rc,
-                            dead.empty() ? nullptr : dead.data()));
+                            dead.empty() ? nullptr : dead.data(), &merge->stop));
     merge->header.num_terms.set(merge->totals.terms);
     merge_progress(merge, bytes);
     return 0;
@@ -97,6 +98,7 @@ int fill_file(warm_merge_t* merge, int fd, merged_lexicon_t* lexicon, merge_post
     if (const int status = _lex_writer_close(false, &lexicon->writer, fd, lexicon_offset, &lists_offset)) {
         return _set_rc_msg(rc, status, "lexicon");
     }
+    ST_TRY(merge->stop.ask(rc));
     ST_TRY(merge_postings_write(merge, fd, lists_offset, lexicon->holders, postings, rc));
     header->num_postings.set(static_cast<uint32_t>(postings->postings));
     merge->totals.postings = static_cast<uint32_t>(postings->postings);
@@ -143,13 +145,14 @@ int verify_terms(warm_merge_t* merge, const WARM* target, warm_rc_t* rc) {
     return text == last ? 0 : mismatch(rc, "last term of a merge");
 }
 
-int verify_list(WARM* target, uint32_t term, const merge_list_digest_t& expected, warm_rc_t* rc) {
+int verify_list(WARM* target, uint32_t term, const merge_list_digest_t& expected, stop_check* stop, warm_rc_t* rc) {
     plist_reader reader;
     ST_TRY(_init_reader(&reader, target, 0, nullptr, rc));
     ST_TRY(_seek_reader(&reader, term, rc));
     merge_list_digest_t found;
-    for (uint32_t id = 0;;) {
+    for (uint32_t id = 0, steps = 0;; steps++) {
         ST_TRY(_next(&reader, &id, rc));
+        if (steps % 8 == 0) ST_TRY(stop->after(1, rc));
         if (id == PLIST_END) break;
         found.add(id);
     }
@@ -184,8 +187,8 @@ int verify_slice(warm_merge_t* merge, const char* path, const merge_postings_t& 
     ST_TRY(verify_terms(merge, target.get(), rc));
     if (merge->totals.postings == 0) return 0;
     if (target->plo_last != postings.bytes) return mismatch(rc, "size of the posting lists of a merge");
-    ST_TRY(verify_list(target.get(), 0, postings.first, rc));
-    return verify_list(target.get(), merge->totals.terms - 1, postings.last, rc);
+    ST_TRY(verify_list(target.get(), 0, postings.first, &merge->stop, rc));
+    return verify_list(target.get(), merge->totals.terms - 1, postings.last, &merge->stop, rc);
 }
 
 int fill_and_verify(warm_merge_t* merge, int fd, const char* path, merged_lexicon_t* lexicon, warm_rc_t* rc) {
@@ -232,6 +235,25 @@ class new_file {
     bool made_;
 };
 
+// A flush cannot be ended early, so that most bytes go to the disk before it, in pieces. What cannot be flushed so is
+// left to the flush of the whole.
+int flush_in_pieces(warm_merge_t* merge, int fd, warm_rc_t* rc) {
+#ifdef SYNC_FILE_RANGE_WRITE
+    constexpr uint64_t PIECE = 4 << 20;
+    constexpr unsigned AND_WAIT = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    const uint64_t end = merge->stop.asked == nullptr ? 0 : merge->totals.target_bytes;
+    for (uint64_t at = 0; at < end; at += PIECE) {
+        ST_TRY(merge->stop.ask(rc));
+        const int status = os_retry([&] { return ::sync_file_range(fd, static_cast<off_t>(at), PIECE, AND_WAIT); });
+        if (status == 0) continue;
+        // An error of the disk may be told only once.
+        if (errno == ENOSYS || errno == EINVAL || errno == ESPIPE) return 0;
+        return _set_rc_msg(rc, WARM_RC_WRITE, "flushing a slice");
+    }
+#endif
+    return merge->stop.ask(rc);
+}
+
 }  // namespace
 
 int merge_target_make(warm_merge_t* merge, const char* path, bool durable, warm_rc_t* rc) {
@@ -241,6 +263,7 @@ int merge_target_make(warm_merge_t* merge, const char* path, bool durable, warm_
     new_file file(path);
     if (!file.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, path);
     ST_TRY(fill_and_verify(merge, file.fd(), path, &lexicon, rc));
+    if (durable) ST_TRY(flush_in_pieces(merge, file.fd(), rc));
     if (durable && os_retry([&] { return ::fdatasync(file.fd()); }) != 0)
         return _set_rc_msg(rc, WARM_RC_WRITE, "flushing a slice");
     return file.keep(rc);

@@ -28,6 +28,7 @@ int scan_source(warm_merge_t* merge, merge_source_t* source, value_ranges_t* ran
     *sorted = true;
     st_tsval before = {}, value = {};
     for (uint32_t number = 0; number < source->num_values; number++) {
+        ST_TRY(merge->stop.after(1, rc));
         ST_TRY(merge_decode_value(merge, source, number, &value, rc));
         ranges->add(value);
         if (value.s != ST_DELETED_SOURCE) source->num_kept++;
@@ -61,6 +62,7 @@ int sort_source(warm_merge_t* merge, merge_source_t* source, warm_rc_t* rc) {
     st_time_t second = 0;
     for (uint32_t number = 0; number < count; number++) {
         st_tsval value;
+        ST_TRY(merge->stop.after(1, rc));
         ST_TRY(merge_decode_value(merge, source, number, &value, rc));
         addresses[number] = value.address;
         if (number > 0 && value.time != second) {
@@ -86,6 +88,7 @@ int drop_deleted(warm_merge_t* merge, warm_rc_t* rc) {
         for (uint32_t i = 0; i < source.num_values; i++) {
             const uint32_t number = source.order.empty() ? i : source.order[i];
             st_tsval value;
+            ST_TRY(merge->stop.after(1, rc));
             ST_TRY(merge_decode_value(merge, &source, number, &value, rc));
             if (value.s != ST_DELETED_SOURCE) order[next++] = number;
         }
@@ -102,9 +105,10 @@ struct value_cursor {
     st_tsval value;
 };
 
-int load_cursor(const warm_merge_t* merge, value_cursor* cursor, warm_rc_t* rc) {
+int load_cursor(warm_merge_t* merge, value_cursor* cursor, warm_rc_t* rc) {
     const merge_source_t& source = *cursor->source;
     ST_ASSERT(cursor->position < source.num_kept);
+    ST_TRY(merge->stop.after(1, rc));
     cursor->number = source.order.empty() ? cursor->position : source.order[cursor->position];
     return merge_decode_value(merge, cursor->source, cursor->number, &cursor->value, rc);
 }

@@ -92,7 +92,7 @@ int init_header(warm_merge_t* merge, warm_rc_t* rc) {
     // Whoever merges may have forgotten that the events have milliseconds; the merge must not lose them.
     bool milliseconds = options.millisecond_mode == 1;
     for (size_t i = 0; i < count && !milliseconds && st_warm_slice_is_msidx(&headers[0]); i++) {
-        if (merge_metric_find_milliseconds(merge->sources[i].warm.get(), &milliseconds, rc) != 0) {
+        if (merge_metric_find_milliseconds(merge->sources[i].warm.get(), &merge->stop, &milliseconds, rc) != 0) {
             return set_failed_source(rc, i);
         }
     }
@@ -229,6 +229,7 @@ warm_merge_t* st_warm_slice_merge_open(std::span<const char* const> paths, const
     try {
         auto merge = std::make_unique<warm_merge_t>();
         merge->options = *options;
+        merge->stop = {options->stop, options->stop_context};
         return open_merge(merge.get(), paths, rc) == 0 ? merge.release() : nullptr;
     } catch (const std::bad_alloc&) {
         _set_rc_msg(rc, WARM_RC_NO_MEMORY, "merge");

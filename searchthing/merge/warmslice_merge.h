@@ -23,6 +23,7 @@
 #include <span>
 
 #include "searchthing/base/st_timeval.h"
+#include "searchthing/base/stop_check.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/warmslice_header.h"
 #include "searchthing/format/write_options.h"
@@ -40,6 +41,10 @@ struct warm_merge_options_t {
     void* mapper_context = nullptr;
     warm_merge_progress_fn progress = nullptr;
     void* progress_context = nullptr;
+    // Asked about every ten thousand terms or values, and whenever some MiB have been flushed: true ends the merge, that
+    // is its opening or writing, with WARM_RC_CANCELLED.
+    warm_stop_fn stop = nullptr;
+    void* stop_context = nullptr;
     // Events that are deleted when the slices are opened go, and so do terms that no other event has; one slice is
     // enough then. When nothing would be left, everything stays.
     bool drop_deleted = false;
@@ -53,10 +58,10 @@ struct warm_merge_totals_t {
 };
 
 // Opens 2 to 64 slices (1 to 64 with drop_deleted) read-only and prepares the target's header; no file is made. The
-// paths and the options are copied, the mapper's and the progress function's contexts stay the caller's. Null:
+// paths and the options are copied, the mapper's and the other functions' contexts stay the caller's. Null:
 // WARM_RC_INVALID_ARGUMENT for another number of slices, for slices that cannot be merged with each other
 // (st_warm_slice_merge_kind) or for a mini slice; WARM_RC_DOES_NOT_FIT when a total would pass 32 bits; WARM_RC_READ
-// for offsets of postings that cannot be read; what st_warm_slice_open_rdonly reports. The detail is the index of the
+// for offsets of postings that cannot be read; WARM_RC_CANCELLED; what st_warm_slice_open_rdonly reports. The detail is the index of the
 // slice where one is to blame.
 warm_merge_t* st_warm_slice_merge_open(std::span<const char* const> paths, const warm_merge_options_t* options,
                                        warm_rc_t* rc);
@@ -64,7 +69,8 @@ warm_merge_t* st_warm_slice_merge_open(std::span<const char* const> paths, const
 // Writes the target, which is created exclusively with mode 0600, reads it back to verify it, and with `durable` has it
 // flushed to the disk (its directory is the caller's business). 0; on failure the file that it made is gone again:
 // WARM_RC_OPEN, WARM_RC_WRITE or WARM_RC_CLOSE of it, WARM_RC_DOES_NOT_FIT for what the format cannot hold,
-// WARM_RC_TIME_MISMATCH for a term whose events lie outside its slice's times, WARM_RC_CORRUPT for damage in a source.
+// WARM_RC_TIME_MISMATCH for a term whose events lie outside its slice's times, WARM_RC_CORRUPT for damage in a source,
+// WARM_RC_CANCELLED when it was stopped.
 [[nodiscard]] int st_warm_slice_merge_write(warm_merge_t* merge, const char* path, bool durable, warm_rc_t* rc);
 
 // Marks in the finished target what has been marked as deleted in the sources by now, and flushes it. May be repeated.

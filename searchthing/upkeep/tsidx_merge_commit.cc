@@ -57,7 +57,7 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
     manifest_.owner = merge_owner_self();
     const std::string text = merge_manifest_owner_text(manifest_.owner);
     tsidx_lock lock;
-    if (lock.acquire(tsidx_, tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
+    if (lock.acquire(tsidx_, tsidx_->lock_seconds, &tsidx_->merge_stop) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
     ST_TRY(tsidx_settle_merge(tsidx_, rc));
     ST_ASSERT(tsidx_->is_locked);
     fd_.reset(os_retry([&] { return ::open(tmp_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600); }));
@@ -108,7 +108,9 @@ int tsidx_merge_commit::commit(warm_merge_t* merge, warm_rc_t* rc) {
     ST_ASSERT(state_ == TMP && !temp_path_.empty());
     ST_TRY(publish(rc));
     tsidx_lock lock;
-    if (lock.acquire(tsidx_, LOCK_PATIENCE * tsidx_->lock_seconds) != 0) return _cpy_rc(rc, &tsidx_->last_failure);
+    if (lock.acquire(tsidx_, LOCK_PATIENCE * tsidx_->lock_seconds, &tsidx_->merge_stop) != 0) {
+        return _cpy_rc(rc, &tsidx_->last_failure);
+    }
     ST_TRY(put_in_effect(merge, rc));
     warm_rc_t unremoved;
     ST_TRY(tsidx_settle_merge(tsidx_, rc, &unremoved));

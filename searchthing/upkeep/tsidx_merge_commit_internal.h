@@ -38,7 +38,7 @@ class tsidx_merge_commit {
 
     // These may throw std::bad_alloc, and are called in this order.
 
-    // M0. 0, WARM_RC_MANIFEST_EXISTS when another merge is at work, WARM_RC_LOCK without the lock,
+    // M0. 0, WARM_RC_CANCELLED, WARM_RC_MANIFEST_EXISTS when another merge is at work, WARM_RC_LOCK without the lock,
     // WARM_RC_PATH_TOO_LONG, WARM_RC_OPEN, WARM_RC_WRITE.
     [[nodiscard]] int begin(warm_rc_t* rc);
     // The first half of M1: `target` and `temp` are names in the directory. 0 or WARM_RC_WRITE.
@@ -47,7 +47,7 @@ class tsidx_merge_commit {
     std::string temp_path() const;
     // M2 to M5, once the temporary file is whole and flushed. 0; a failure before the commit point has changed nothing
     // that readers see; one behind it, such as a source that cannot be removed, leaves the target in effect and the
-    // rest to the next settling. WARM_RC_LOCK, WARM_RC_OPEN, WARM_RC_WRITE, WARM_RC_RETRIES or the
+    // rest to the next settling. WARM_RC_CANCELLED, when stopped while waiting for the lock, WARM_RC_LOCK, WARM_RC_OPEN, WARM_RC_WRITE, WARM_RC_RETRIES or the
     // status of carrying the deletes.
     [[nodiscard]] int commit(warm_merge_t* merge, warm_rc_t* rc);
 

@@ -177,6 +177,8 @@ merge_ptr open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, uint
                                           .mapper_context = tsidx->merge_mapper_context,
                                           .progress = tsidx->merge_progress,
                                           .progress_context = tsidx->merge_progress_context,
+                                          .stop = tsidx->merge_stop.asked,
+                                          .stop_context = tsidx->merge_stop.context,
                                           .drop_deleted = tsidx->merge_drops_deleted};
     return merge_ptr(st_warm_slice_merge_open(texts, &options, rc));
 }
@@ -202,7 +204,7 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
 int settle_leftovers(TSIDX* tsidx, warm_rc_t* rc) {
     if (!tsidx_has_merge(tsidx)) return 0;
     tsidx_lock lock;
-    if (lock.acquire(tsidx, tsidx->lock_seconds) != 0) return _cpy_rc(rc, &tsidx->last_failure);
+    if (lock.acquire(tsidx, tsidx->lock_seconds, &tsidx->merge_stop) != 0) return _cpy_rc(rc, &tsidx->last_failure);
     return tsidx_settle_merge(tsidx, rc);
 }
 
@@ -210,6 +212,7 @@ int optimize(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_tp
     tsidx_optimize_plan_t plan;
     ST_TRY(settle_leftovers(tsidx, rc));
     for (int i = 0; i < MAX_TRIES; i++) {
+        ST_TRY(tsidx->merge_stop.ask(rc));
         // First without a lock: most calls find nothing to do.
         ST_TRY(make_plan(tsidx, rules, &plan, rc));
         const int status = merge_once(tsidx, rules, lexicon_tpb, rc);
@@ -274,6 +277,11 @@ void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, 
     ST_ASSERT(tsidx != nullptr);
     tsidx->merge_progress = progress;
     tsidx->merge_progress_context = context;
+}
+
+void st_tsidx_set_merge_stop(TSIDX* tsidx, warm_stop_fn stop, void* context) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx->merge_stop = {stop, context};
 }
 
 }  // namespace veldar

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/base/stop_check.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/search/query.h"
 #include "searchthing/values/st_tsval.h"
@@ -66,7 +67,7 @@ inline constexpr uint32_t TSIDX_OPTIMIZE_MIN_SOURCES = 8;
 // Makes one merge: 0 when it was made (dry run: would be made), WARM_RC_FEW_SLICES when the directory has fewer than
 // two slices, WARM_RC_FEW_SOURCES when no two of them are to be merged. Anything else is a failure, described in `rc`
 // (which may be null) and in st_tsidx_last_failure, and leaves the events as they were: WARM_RC_MANIFEST_EXISTS when
-// another process merges here, WARM_RC_LOCK when the directory cannot be locked, WARM_RC_WRITE with ENOSPC when the
+// another process merges here, WARM_RC_CANCELLED when it was stopped, WARM_RC_LOCK when the directory cannot be locked, WARM_RC_WRITE with ENOSPC when the
 // file system has not as many bytes free as the sources have, WARM_RC_UNSUPPORTED for a directory opened for reading, a
 // file offset or flags, WARM_RC_INVALID_ARGUMENT for another mode, and the failures of listing and of merging.
 //
@@ -102,5 +103,10 @@ void st_tsidx_set_merge_mapper(TSIDX* tsidx, st_merge_mapper_t mapper, void* con
 void st_tsidx_set_merge_drops_deleted(TSIDX* tsidx, bool drops);
 // Is told how far a merge is, in bytes. Null: nobody is.
 void st_tsidx_set_merge_progress(TSIDX* tsidx, warm_merge_progress_fn progress, void* context);
+// Is asked all the time while one of this handle's merges is made: every few thousand terms or values, between pieces of
+// some MiB that go to the disk, while it waits for the lock. When it says true, the merge ends with WARM_RC_CANCELLED,
+// within some milliseconds, and leaves nothing: no file, no manifest, the events as they were. Once the merge has begun
+// to take effect it is completed. Null: nobody is asked.
+void st_tsidx_set_merge_stop(TSIDX* tsidx, warm_stop_fn stop, void* context);
 
 }  // namespace veldar

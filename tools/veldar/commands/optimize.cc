@@ -80,7 +80,9 @@ int merge(const std::vector<std::string>& directories, const merge_settings& mer
     const merge_totals totals = merge_directories(directories, merging);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
     for (const std::string& failure : totals.failures) say_trouble(failure);
-    if (totals.merges != 0 || totals.failures.empty()) {
+    if (totals.merges == 0 && tool_interrupted != 0) {
+        std::fprintf(stderr, "interrupted: nothing was merged\n");
+    } else if (totals.merges != 0 || totals.failures.empty()) {
         std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; so far: " : "",
                      merge_totals_text(totals, seconds.count()).c_str());
     }

@@ -78,7 +78,7 @@ uint64_t spared_target(const std::string& directory, uint64_t planned) {
     return planned > std::max(most, LARGE) ? most : 0;
 }
 
-// Merges until nothing is left to merge: that status, or a failure.
+// Merges until nothing is left to merge or the command is interrupted: the status of the former, or a failure.
 int merge_directory(crew* all, TSIDX* tsidx, const std::string& directory, uint64_t* merges) {
     const merge_settings& settings = all->settings;
     const int mode = settings.everything ? TSIDX_OPTIMIZE_ALL : TSIDX_OPTIMIZE_TIERED;
@@ -101,11 +101,13 @@ int merge_directory(crew* all, TSIDX* tsidx, const std::string& directory, uint6
         all->planned += plan.bytes;
         merge_watch watch{all};
         st_tsidx_set_merge_progress(tsidx, merge_watch::report, &watch);
+        st_tsidx_set_merge_stop(
+            tsidx, [](void*) { return tool_interrupted != 0; }, nullptr);
         status = st_tsidx_optimize_n(tsidx, mode, min_sources, 0, target, nullptr, 0, 0, settings.is_final);
         all->done += plan.bytes - std::min(plan.bytes, watch.seen);
         *merges += status == 0 ? 1 : 0;
     }
-    return status;
+    return status == WARM_RC_CANCELLED ? WARM_RC_FEW_SOURCES : status;
 }
 
 void work_on(crew* all, const std::string& directory) {

@@ -29,7 +29,7 @@ struct merge_totals {
 };
 
 // Merges in each directory until nothing is left to merge, or until the command is interrupted: then the merges at work
-// are completed. Throws std::bad_alloc only.
+// end without a trace. Throws std::bad_alloc only.
 merge_totals merge_directories(const std::vector<std::string>& directories, const merge_settings& settings);
 // What a load writes first takes up to twice the bytes that it is merged into, so a large load merges as it goes: the
 // last slices of its directory, when there are enough of them, in a thread of its own. For one thread.
