@@ -6,6 +6,7 @@
 #include <random>
 
 #include "searchthing/reading/cursors.h"
+#include "searchthing/st.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
 #include "tests/support/faults.h"
@@ -23,6 +24,10 @@ int collect_event(const st_tsval* event, void* context) {
     static_cast<std::vector<event_key>*>(context)->push_back({event->time, event->address});
     return 1;
 }
+struct thing_closer {
+    void operator()(THING* thing) const { EXPECT_EQ(st_close(thing), 0); }
+};
+using thing_ptr = std::unique_ptr<THING, thing_closer>;
 using term_counts = std::map<std::string, uint64_t>;
 int add_term(const char* term, size_t length, uint64_t count, void* context) {
     (*static_cast<term_counts*>(context))[std::string(term, length)] += count;
@@ -44,9 +49,9 @@ class model {
             if (kind < 60) {
                 put();
             } else if (kind < 66) {
-                EXPECT_EQ(st_tsidx_sync(tsidx_.get()), 0);
+                EXPECT_EQ(st_sync(thing_.get()), 0);
             } else if (kind < 69) {
-                EXPECT_EQ(st_tsidx_sync_part(tsidx_.get()), 0);
+                EXPECT_EQ(st_tsidx_sync_part(directory()), 0);
             } else if (kind < 72) {
                 reopen();
             } else if (kind < 76) {
@@ -65,22 +70,26 @@ class model {
     }
 
   private:
+    TSIDX* directory() const { return st_directory(thing_.get()); }
     uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
 
     void reopen() {
-        tsidx_.reset();
-        tsidx_ = open_directory(dir_.path(), 1 + below(4), false);
+        thing_.reset();
+        TSWRITEOPTS opts;
+        st_tsidx_write_opts_init_write_level(&opts, 1 + below(4));
+        thing_.reset(st_open_for_write(dir_.path().c_str(), 0, TSIDX_ORDINARY_WRITER, &opts));
+        st_tsidx_set_durable(directory(), 0);
         // Each limit is among the smallest there are, or out of the way: slices of one event to dozens.
         const auto limit = [this] { return below(2) == 0 ? 1 + below(20) : 65536; };
-        ASSERT_EQ(st_tsidx_options(tsidx_.get(), limit(), 257, limit(), limit()), 0);
-        st_tsidx_autotune(tsidx_.get(), below(2) == 0);
+        ASSERT_EQ(st_options(thing_.get(), limit(), 257, limit(), limit()), 0);
+        st_autotune(thing_.get(), below(2) == 0);
     }
 
     void put() {
         if (!events_.empty() && below(10) == 0) {  // again, perhaps into another slice
             const forge_event& event = events_[below(static_cast<uint32_t>(events_.size()))];
             if (!event.deleted) {
-                ASSERT_EQ(put_event(tsidx_.get(), event), 0);
+                ASSERT_EQ(put_event(directory(), event), 0);
             }
             return;
         }
@@ -88,7 +97,7 @@ class model {
         forge_event event = pool_.back();
         pool_.pop_back();
         event.deleted = false;
-        ASSERT_EQ(put_event(tsidx_.get(), event), 0) << st_tsidx_last_failure(tsidx_.get())->message;
+        ASSERT_EQ(put_event(directory(), event), 0) << st_tsidx_last_failure(directory())->message;
         events_.push_back(event);
     }
 
@@ -110,14 +119,15 @@ class model {
             }
         }
         keys.push_back({pivot, 0xFFFFFFF0});  // of no event
+        addresses.push_back(0xFFFFFFF0);
         for (size_t i = 0; way == 1 && i < events_.size(); i++) {
             doomed[i] = std::count(addresses.begin(), addresses.end(), events_[i].address) != 0;
         }
         const st_query_spec query = make_query("[AND]", {.earliest = pivot, .latest = pivot});
         const auto remove = [&] {
-            if (way == 0) return st_tsidx_delete_by_key(tsidx_.get(), keys.data(), keys.size());
-            if (way == 1) return st_tsidx_delete_by_addr(tsidx_.get(), addresses.data(), addresses.size());
-            return st_tsidx_delete_by_query(tsidx_.get(), &query);
+            if (way == 0) return st_delete_by_keys(thing_.get(), keys.data(), keys.size());
+            if (way == 1) return st_delete_by_addrs(thing_.get(), addresses.data(), addresses.size());
+            return st_tsidx_delete_by_query(directory(), &query);
         };
         int64_t expected = 0;
         for (size_t i = 0; i < events_.size(); i++) {
@@ -125,7 +135,7 @@ class model {
             expected += events_[i].deleted ? 0 : 1;
             events_[i].deleted = true;
         }
-        EXPECT_GE(remove(), expected) << st_tsidx_last_failure(tsidx_.get())->message;
+        EXPECT_GE(remove(), expected) << st_tsidx_last_failure(directory())->message;
         EXPECT_EQ(remove(), 0);
     }
 
@@ -137,7 +147,7 @@ class model {
         int status = 0;
         for (uint32_t rounds = 1 + below(3); rounds > 0 && status == 0; rounds--) {
             warm_rc_t rc;
-            status = st_tsidx_optimize_n(tsidx_.get(), mode, 2 + below(4), below(20), target_size, &rc, 0, 0, is_final);
+            status = st_tsidx_optimize_n(directory(), mode, 2 + below(4), below(20), target_size, &rc, 0, 0, is_final);
             EXPECT_TRUE(status == 0 || status == WARM_RC_FEW_SLICES || status == WARM_RC_FEW_SOURCES) << rc.message;
         }
         merged_ += mode != TSIDX_OPTIMIZE_DRY_RUN && status == 0 ? 1 : 0;
@@ -155,17 +165,17 @@ class model {
         }
         const std::string text = tree.notation();
         SCOPED_TRACE(text);
-        const directory_ptr reader = below(3) == 0 ? open_for_reading(dir_.path()) : nullptr;
+        const thing_ptr reader(below(3) == 0 ? st_open_for_read(dir_.path().c_str()) : nullptr);
         if (reader != nullptr) {
-            EXPECT_EQ(st_tsidx_sync(tsidx_.get()), 0);
+            EXPECT_EQ(st_sync(thing_.get()), 0);
         }
-        TSIDX* const tsidx = reader != nullptr ? reader.get() : tsidx_.get();
+        THING* const thing = reader != nullptr ? reader.get() : thing_.get();
         std::vector<event_key> walked;
         const st_query_spec query = make_query(text.c_str(), bounds);
-        EXPECT_GE(st_tsidx_apply_events(tsidx, &query, collect_event, &walked), 0);
+        EXPECT_GE(st_apply_events(thing, &query, collect_event, &walked), 0);
         std::sort(walked.begin(), walked.end(), std::greater<>());
         uint64_t count = 0;
-        EXPECT_EQ(st_tsidx_event_count(tsidx, &query, &count), 0);
+        EXPECT_EQ(st_event_count(thing, &query, &count), 0);
         if (bounds.cumspan == 0) {
             EXPECT_EQ(count, walked.size());
         }
@@ -174,13 +184,13 @@ class model {
 
         const uint32_t capacity = below(2) == 0 ? 500 : 1 + below(20);
         if (expected.size() > capacity) expected.resize(capacity);
-        EXPECT_EQ(query_keys(tsidx, text, bounds, capacity), expected);
+        EXPECT_EQ(query_keys(st_directory(thing), text, bounds, capacity), expected);
     }
 
     void check_terms() {
         const reference_index reference(events_);
         if (reference.terms().empty()) return;
-        TSIDX* const tsidx = tsidx_.get();
+        THING* const thing = thing_.get();
         auto some = reference.terms().begin();
         std::advance(some, below(static_cast<uint32_t>(reference.terms().size())));
         const std::string term = some->first;
@@ -191,9 +201,9 @@ class model {
             if (!event.deleted) expected.push_back({event.time, event.address});
         }
         std::vector<st_tsval> answers(500);
-        const int count = st_tsidx_get(tsidx, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), 500);
+        const int count = st_get(thing, term.c_str(), INT32_MIN, INT32_MAX, answers.data(), 500);
         uint64_t counted = 0;
-        ASSERT_EQ(st_tsidx_term_count(tsidx, term.c_str(), INT32_MIN, INT32_MAX, &counted), 0);
+        ASSERT_EQ(st_term_count(thing, term.c_str(), INT32_MIN, INT32_MAX, &counted), 0);
         ASSERT_GE(counted, static_cast<uint64_t>(count));
         ASSERT_GE(count, 0);
         EXPECT_EQ(keys_of(answers.data(), count), expected) << term;
@@ -201,13 +211,12 @@ class model {
         term_counts by_slice;
         std::vector<std::pair<std::string, uint64_t>> distinct;
         const std::string prefix = term.substr(0, below(3));
-        EXPECT_GE(st_tsidx_apply_terms(tsidx, prefix.c_str(), add_term, &by_slice), 0);
-        const int64_t total = st_tsidx_distinct_apply_terms(tsidx, prefix.c_str(), append_term, &distinct);
+        EXPECT_GE(st_apply_terms(thing, prefix.c_str(), add_term, &by_slice), 0);
+        const int64_t total = st_distinct_apply_terms(thing, prefix.c_str(), append_term, &distinct);
         EXPECT_EQ(total, static_cast<int64_t>(distinct.size()));
         EXPECT_EQ(distinct, (std::vector<std::pair<std::string, uint64_t>>(by_slice.begin(), by_slice.end())));
         std::vector<st_enum_answer> answered(1 + below(40));
-        const int held =
-            st_tsidx_enum(tsidx, prefix.c_str(), answered.data(), static_cast<uint32_t>(answered.size()), false);
+        const int held = st_enum(thing, prefix.c_str(), answered.data(), static_cast<uint32_t>(answered.size()), false);
         ASSERT_EQ(static_cast<size_t>(held), std::min(distinct.size(), answered.size()));
         for (size_t i = 0; i < static_cast<size_t>(held); i++) {
             EXPECT_EQ(std::pair(std::string(answered[i].term), uint64_t{answered[i].id}), distinct[i]);
@@ -216,7 +225,7 @@ class model {
 
         const std::string needle = prefix + "*" + term.substr(term.size() - 1);
         std::vector<std::pair<std::string, uint64_t>> matched;
-        EXPECT_GE(st_tsidx_lex_query(tsidx, needle.c_str(), append_term, &matched), 0);
+        EXPECT_GE(st_lex_query(thing, needle.c_str(), append_term, &matched), 0);
         std::erase_if(distinct,
                       [&](const auto& entry) { return !reference_index::wildcard_matches(needle, entry.first); });
         EXPECT_EQ(matched, distinct) << needle;
@@ -231,7 +240,7 @@ class model {
             }
         }
         // Terms go when all events of their slices have gone.
-        const int64_t terms = st_tsidx_distinct_term_count(tsidx);
+        const int64_t terms = st_distinct_term_count(thing);
         EXPECT_GE(terms, live_terms);
         EXPECT_LE(terms, static_cast<int64_t>(reference.terms().size()));
         check_meta();
@@ -242,7 +251,7 @@ class model {
                        const std::vector<std::pair<std::string, uint64_t>>& distinct) {
         size_t next = below(static_cast<uint32_t>(distinct.size()));
         term_cursor_options_t options;
-        options.sources = {{tsidx_.get(), {}}, {tsidx_.get(), {}}};
+        options.sources = {{directory(), {}}, {directory(), {}}};
         options.choice.prefix = prefix;
         options.choice.after = distinct[next].first;
         warm_rc_t rc;
@@ -279,28 +288,37 @@ class model {
 
     void check_meta() {
         tsidx_meta_t meta;
-        ASSERT_EQ(st_tsidx_meta(tsidx_.get(), &meta), 0);
+        ASSERT_EQ(st_meta(thing_.get(), &meta), 0);
         uint64_t live = 0;
-        EXPECT_EQ(st_tsidx_event_count(tsidx_.get(), nullptr, &live), 0);
+        EXPECT_EQ(st_event_count(thing_.get(), nullptr, &live), 0);
         EXPECT_EQ(live, meta.events - meta.deleted);
         std::vector<tsidx_info_t> infos(meta.slices + 1);
-        ASSERT_EQ(st_tsidx_get_tsidx_info(tsidx_.get(), infos.data(), infos.size()), static_cast<int64_t>(meta.slices));
+        ASSERT_EQ(st_get_tsidx_info(thing_.get(), infos.data(), infos.size()), static_cast<int64_t>(meta.slices));
         tsidx_meta_t sum;
         for (size_t i = 0; i < meta.slices; i++) {
             EXPECT_TRUE(i == 0 || infos[i - 1].latest >= infos[i].latest);
+            st_filename_metadata_t name;
+            EXPECT_NE(
+                infos[i].part ? tsidx_part_file_parse(infos[i].name, &name) : st_parse_tsidx(infos[i].name, &name), 0);
+            EXPECT_TRUE(std::tuple(name.earliest, name.latest, name.id) ==
+                            std::tuple(infos[i].earliest, infos[i].latest, infos[i].id) &&
+                        read_file(dir_.file(infos[i].name)).starts_with(infos[i].format));
             sum.events += infos[i].events;
             sum.deleted += infos[i].deleted;
+            sum.terms += infos[i].terms;
+            sum.earliest = i == 0 ? infos[i].earliest : std::min(sum.earliest, infos[i].earliest);
+            sum.postings += infos[i].postings;
             sum.bytes += fs::file_size(dir_.file(infos[i].name));
             EXPECT_LT(infos[i].deleted, infos[i].events) << "a slice without events is still there";
         }
-        EXPECT_EQ(sum.events, meta.events);
-        EXPECT_EQ(sum.deleted, meta.deleted);
-        EXPECT_EQ(sum.bytes, meta.bytes);
+        EXPECT_TRUE(sum.events == meta.events && sum.deleted == meta.deleted && sum.bytes == meta.bytes);
+        EXPECT_TRUE(sum.terms == meta.terms && sum.postings == meta.postings && meta.postings >= meta.terms);
+        EXPECT_TRUE(sum.earliest == meta.earliest && (meta.slices == 0 || infos[0].latest == meta.latest));
     }
 
     std::mt19937_64 random_;
     temp_dir dir_;
-    directory_ptr tsidx_;
+    thing_ptr thing_;
     std::vector<forge_event> pool_;
     std::vector<forge_event> events_;
     uint32_t merged_ = 0;

@@ -185,6 +185,73 @@ TEST(MetricsTool, MalformedLinesAndLabels) {
     EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.path() + "/none", "ls"}).status, 2);
 }
 
+// Every form of what can be asked about a small index, whole.
+TEST(MetricsTool, OutputsOfAKnownIndex) {
+    const temp_dir dir;
+    write_file(dir.file("m"),
+               "cpu{host=\"a\",mode=\"idle\"} 1.5 100\ncpu{host=\"a\",mode=\"user\"} NaN 101.25\n"
+               "cpu{host=\"b\"} 3 102\ndisk{host=\"x,\\\"y\"} -Inf 99\n");
+    must({"metrics", "--dir", dir.file("i"), "load", dir.file("m"), "--no-fsync"});
+    const std::pair<std::vector<std::string>, const char*> told[] = {
+        {{"ls"}, R"(      points       sets  earliest              latest                name
+           3          3  1970-01-01T00:01:40Z  1970-01-01T00:01:42Z  cpu
+           1          1  1970-01-01T00:01:39Z  1970-01-01T00:01:39Z  disk
+)"},
+        {{"ls", "*sk", "--format", "jsonl", "--tz", "+01:00"},
+         R"({"name":"disk","points":1,"sets":1,"earliest":"1970-01-01T01:01:39+01:00","latest":"1970-01-01T01:01:39+01:00"}
+)"},
+        {{"cardinality"}, R"(   values       sets  label
+        3          4  host
+        2          2  mode
+2 names, 4 sets of labels, 4 series
+)"},
+        {{"cardinality", "--format", "jsonl"}, R"({"label":"host","values":3,"sets":4}
+{"label":"mode","values":2,"sets":2}
+{"names":2,"sets":4,"series":4}
+)"},
+        {{"cardinality", "host"}, R"(     sets  host
+        2  a
+        1  b
+        1  x,"y
+)"},
+        {{"cardinality", "mode", "--format", "jsonl"}, R"({"value":"idle","sets":1}
+{"value":"user","sets":1}
+)"},
+        {{"query", "c*u", "*", "-w", "host!=b", "--format", "jsonl"},
+         R"({"time":"1970-01-01T00:01:41.25Z","name":"cpu","labels":{"host":"a","mode":"user"},"value":"NaN"}
+{"time":"1970-01-01T00:01:40Z","name":"cpu","labels":{"host":"a","mode":"idle"},"value":1.5}
+{"time":"1970-01-01T00:01:39Z","name":"disk","labels":{"host":"x,\"y"},"value":"-Inf"}
+)"},
+        {{"query", "cpu", "-n", "2", "--format", "csv"},
+         "time,series,value\r\n"
+         "1970-01-01T00:01:42Z,\"cpu{host=\"\"b\"\"}\",3\r\n"
+         "1970-01-01T00:01:41.25Z,\"cpu{host=\"\"a\"\",mode=\"\"user\"\"}\",NaN\r\n"},
+    };
+    for (const auto& [asked, out] : told) {
+        std::vector<std::string> arguments = {"metrics", "--dir", dir.file("i")};
+        arguments.insert(arguments.end(), asked.begin(), asked.end());
+        EXPECT_EQ(must(arguments), out);
+    }
+    for (const char* const none : {"ls", "cardinality"}) {
+        EXPECT_EQ(run_tool(TOOL, {"metrics", "--dir", dir.file("i"), none, "none"}).status, 1);
+    }
+    EXPECT_EQ(
+        must({"dump", "--format", "tsv", dir.file("i")}),
+        "100\t0\t0\t0\t0\t1.5\tmetric_name::cpu host::a mode::idle\n"
+        "101.25\t0\t0\t0\t0\tNaN\tmetric_name::cpu host::a mode::user\n102\t0\t0\t0\t0\t3\tmetric_name::cpu host::b\n"
+        "99\t0\t0\t0\t0\t-Inf\tmetric_name::disk host::x,\"y\n");
+    EXPECT_EQ(must({"dump", "--format", "csv", dir.file("i")}),
+              "time,host,source,sourcetype,address,measure,deleted,terms\r\n"
+              "1970-01-01T00:01:40Z,a,,,0,1.5,false,metric_name::cpu host::a mode::idle\r\n"
+              "1970-01-01T00:01:41.25Z,a,,,0,NaN,false,metric_name::cpu host::a mode::user\r\n"
+              "1970-01-01T00:01:42Z,b,,,0,3,false,metric_name::cpu host::b\r\n"
+              "1970-01-01T00:01:39Z,\"x,\"\"y\",,,0,-Inf,false,\"metric_name::disk host::x,\"\"y\"\r\n");
+    const std::string slice = files_in(dir.file("i"), ".tsidx").at(0);
+    const std::string info = must({"info", slice}), json = must({"info", slice, "--format", "json"});
+    EXPECT_NE(info.find(": 776 bytes, metrics, 4 events, 4 samples, 4 dimension sets\n"), info.npos) << info;
+    EXPECT_NE(json.find("\"values\":4,\"samples\":4,\"dimension_sets\":4,\"header\""), info.npos) << json;
+}
+
 TEST(MetricsTool, LinesComeInPiecesOfAPipe) {
     const temp_dir dir;
     std::string text = "# " + std::string(200000, 'x') + "\n";

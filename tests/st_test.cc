@@ -1,15 +1,17 @@
-#include "searchthing/st.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 
+#include "searchthing/directory/health.h"
+#include "searchthing/st_optimize.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
 namespace {
+
+namespace fs = std::filesystem;
 
 TSWRITEOPTS options_of_level(uint32_t level) {
     TSWRITEOPTS opts;
@@ -52,7 +54,7 @@ TEST(St, ReadingChangesNothing) {
 
 TEST(St, TransactionsAtEveryLevel) {
     for (uint32_t level = 1; level <= 4; level++) {
-        const temp_dir dir;
+        const temp_dir dir, other;
         const TSWRITEOPTS opts = options_of_level(level);
         THING* thing = st_open_for_write(dir.path().c_str(), ST_OPEN_STREAMING, TSIDX_ORDINARY_WRITER, &opts);
         ASSERT_NE(thing, nullptr);
@@ -71,6 +73,17 @@ TEST(St, TransactionsAtEveryLevel) {
         EXPECT_EQ(st_txn_close(thing), 0);
         EXPECT_TRUE(st_txn_per_sync(thing) == 1 && st_keywords_cut(thing) == 0);
         EXPECT_EQ(st_need_optimize(thing), 1);
+        EXPECT_TRUE(fs::remove(dir.file(TSIDX_NEED_OPTIMIZE_NAME)) && st_set_need_optimize(thing) == 0);
+        EXPECT_TRUE(fs::exists(dir.file(TSIDX_NEED_OPTIMIZE_NAME)));
+        EXPECT_EQ(st_options(thing, 1 << 17, 2048, 4096, 8192), 0);
+        EXPECT_TRUE(st_max_term_chars(thing) == 1 << 17 && st_max_terms(thing) == 2048);
+        EXPECT_TRUE(st_max_postings(thing) == 4096 && st_max_values(thing) == 8192);
+        EXPECT_EQ(st_is_optimized(thing), 1);
+        EXPECT_EQ(st_optimize_ex(thing, TSIDX_OPTIMIZE_TIERED), WARM_RC_FEW_SOURCES);
+        for (const char* name : {"99-90-1.tsidx", "99-90-2.tsidx"}) write_file(dir.file(name), "");
+        EXPECT_EQ(st_health(thing), st_tsidx_health(st_directory(thing)));
+        EXPECT_GT(st_health(thing), 0);
+        EXPECT_TRUE(fs::remove(dir.file("99-90-1.tsidx")) && fs::remove(dir.file("99-90-2.tsidx")));
         // Without bounds, and from the first second of 1970 up to the second one.
         QUERY query;
         st_query_init(&query);
@@ -84,12 +97,14 @@ TEST(St, TransactionsAtEveryLevel) {
                   2);
         st_query_set_time_bound(&query, false, 0, 0, 1, 0);
         EXPECT_EQ(st_query(thing, &query, answers, 3, 1), 0);
+        EXPECT_EQ(st_cd(thing, other.path().c_str()), 0);
+        EXPECT_TRUE(st_event_count(thing, nullptr, &count) == 0 && count == 0);
         EXPECT_EQ(st_close(thing), 0);
         const std::vector<forge_event> expected = {
             {.time = 5, .address = 6, .measure = 12, .s = 1, .st = 2, .h = 3, .terms = {"alpha", "beta"}},
             {.time = 7, .address = 8, .terms = {"alpha"}}};
         EXPECT_TRUE(read_created_slices(dir.path()) == expected);
-        EXPECT_TRUE(std::filesystem::exists(dir.file(TSIDX_PARAMS_NAME)));
+        EXPECT_TRUE(fs::exists(dir.file(TSIDX_PARAMS_NAME)));
     }
 }
 

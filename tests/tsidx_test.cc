@@ -9,6 +9,7 @@
 #include <string>
 
 #include "searchthing/directory/tsidx_params.h"
+#include "searchthing/reading/tsidx_read.h"
 #include "searchthing/values/values_writer.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
@@ -193,6 +194,11 @@ TEST(Tsidx, PartMode) {
     EXPECT_EQ(files_in(dir.path(), ".63.7.part-tsidx").size(), 1u);
     ASSERT_EQ(put_event(tsidx.get(), events[0]), 0);
     EXPECT_EQ(_st_tsidx_sync(tsidx.get(), nullptr, 1), TSIDX_PARTS_EXHAUSTED);
+    const temp_dir other;
+    ASSERT_EQ(st_tsidx_cd(tsidx.get(), other.path().c_str()), 0);
+    ASSERT_EQ(put_event(tsidx.get(), events[0]), 0);
+    ASSERT_EQ(st_tsidx_sync_part(tsidx.get()), 0);
+    EXPECT_EQ(files_in(other.path(), ".0.7.part-tsidx").size(), 1u) << "numbers begin anew";
     ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
     expect_all_indexed(dir, {events[0], events[64]});
 }

@@ -136,6 +136,12 @@ TEST(WarmSlice, PathsAndNames) {
         EXPECT_EQ(st_warm_slice_earliest(warm), std::numeric_limits<st_time_t>::min());
         EXPECT_EQ(st_warm_slice_latest(warm), std::numeric_limits<st_time_t>::max());
         EXPECT_EQ(st_warm_slice_close(warm), 0);
+        for (const bool fine : {false, true}) {
+            warm = file.open(open, forge_metric_slice(forge_random_metrics(1, 9), {.milliseconds = fine, .terms = {}}),
+                             &rc);
+            EXPECT_TRUE(warm->slice_kind == 2 && warm->has_subseconds && warm->ms_requested == fine);
+            EXPECT_EQ(st_warm_slice_close(warm), 0);
+        }
     }
     xorshift128plus_state rng;
     xorshift128plus_init_with_seed(&rng, 1);
@@ -229,6 +235,8 @@ TEST(WarmSlice, DeletesChangeOneByteAndAreSeenByReaders) {
         WARM* writer = st_warm_slice_open_rdwr(path.c_str(), &rc);
         ASSERT_TRUE(reader != nullptr && writer != nullptr) << rc.message;
         EXPECT_FALSE(st_warm_slice_has_deletes(reader));
+        EXPECT_EQ(reader->pl_wide, options.magic != "Veldar3" && (options.wflags & FORGE_PLO32) == 0);
+        EXPECT_TRUE(reader->slice_kind == 2 && !reader->has_subseconds && !reader->ms_requested);
         EXPECT_EQ(warm_slice_set_deleted(writer, 90, &rc), WARM_RC_CORRUPT);
         EXPECT_EQ(warm_slice_set_deleted(writer, 43, &rc), 0);
         EXPECT_EQ(warm_slice_set_deleted(writer, 43, &rc), 0);
