@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 
 #include "searchthing/base/st_init.h"
@@ -535,6 +536,10 @@ TEST(Dump, AndLsOfAKnownSlice) {
         "2000-1500-2.tsidx\n"
         "1970-01-01T00:16:40Z  1970-01-01T00:17:00Z          21         1          5           459  _TSIDX9     "
         "1020-1000-1.tsidx\n");
+    std::filesystem::copy_file(dir.file(name), dir.file("odd"));
+    EXPECT_EQ(
+        run_tool(TOOL, {"ls", dir.file("odd")}).out.substr(109),
+        "1970-01-01T00:16:40Z  1970-01-01T00:17:00Z          21         1          5           459  _TSIDX9     odd\n");
     const std::string bucket = run_tool(TOOL, {"ls", "--buckets", "--format", "jsonl", dir.path()}).out;
     EXPECT_EQ(bucket.substr(bucket.find(",\"earliest")),
               ",\"earliest\":\"1970-01-01T00:16:40Z\",\"latest\":\"1970-01-01T00:33:20Z\",\"events\":21,\"deleted\":1,"

@@ -131,6 +131,10 @@ TEST(OsFile, SizesTimesAndClock) {
     EXPECT_TRUE(ospath_get_time(dir.file("g").c_str(), 1, &missing) == -1 && missing == 0);
     EXPECT_EQ(ospath_get_size(path.c_str(), &size), 0);
     EXPECT_EQ(size, 5u);
+    EXPECT_TRUE(ospath_try_stat(path.c_str()) == 0 && ospath_try_stat(dir.file("g").c_str()) == -1);
+    const portable_timeval earlier = {1, 900000}, later = {3, 100000};
+    EXPECT_EQ(portable_timeval_usec_diff(&earlier, &later), 1200000);
+    EXPECT_EQ(portable_timeval_usec_diff(&later, &earlier), -1200000);
 }
 
 TEST(OsFile, ALinkMadeBeforeCountsAsMade) {
@@ -153,6 +157,14 @@ TEST(Xorshift, SeededSequenceIsFixed) {
     EXPECT_EQ(state.s1, UINT64_C(0x4942410a1f55400a));
     EXPECT_EQ(xorshift128plus_next(&state), UINT64_C(0x47340967828e5620));
     EXPECT_EQ(xorshift128plus_next(&state), UINT64_C(0x2fae0e4c54046284));
+    xorshift128plus_state same = state;
+    EXPECT_EQ(xorshift128plus_get_ratio(&same),
+              static_cast<double>(xorshift128plus_next(&state) & 0xFFFFFFFFFFFFF) / 0x10000000000000);
+    xorshift128plus_mix_in_initial_seed(&same);
+    EXPECT_NE(same.s0, state.s0);
+    xorshift128plus_init_with_mixers(&same, 1, 2);
+    xorshift128plus_init_with_mixers(&state, 1, 2);
+    EXPECT_NE(same.s0, state.s0);
     xorshift128plus_init_with_seed(&state, 0);
     EXPECT_EQ(xorshift128plus_next(&state) | state.s0 | state.s1, 0u);
 }

@@ -303,7 +303,7 @@ TEST_F(Load, KilledBetweenTheSliceAndTheMark) {
     const lines settled = all + lines{"2024-03-02T00:00:00Z the last li", more, "ne"};
     EXPECT_EQ(records(), sorted(settled)) << "up to where the killed load had read";
     forget_mark();
-    const temp_dir away;
+    const temp_dir away, far;
     std::filesystem::rename(log, away.file("a.log"));
     write_file(file("b.log"), joined(log_lines(200, 50)));
     load_all({file("b.log")});
@@ -319,6 +319,12 @@ TEST_F(Load, KilledBetweenTheSliceAndTheMark) {
     write_file(log, joined(log_lines(300, 200)));
     load_all({log, log + ".1"});
     EXPECT_EQ(records(), sorted(whole + lines{"the end"} + log_lines(300, 200))) << "another has its name";
+    forget_mark();
+    std::filesystem::rename(log, far.file("moved"));
+    append(far.file("moved"), "later\n");
+    load_all({far.file("moved")});
+    EXPECT_EQ(records(), sorted(whole + lines{"the end", "later"} + log_lines(300, 200)))
+        << "found again by its content";
 }
 
 TEST_F(Load, KilledBeforeTheSliceWasVisible) {
@@ -554,6 +560,11 @@ TEST_F(Load, TimesAreFoundInAnyPlaceAndTheirLackIsTold) {
     const time_t modified = 1714640400;  // 2024-05-02 09:00:00
     const timespec stamps[2] = {{modified, 0}, {modified, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, file("d.log").c_str(), stamps, 0), 0);
+    write_file(file("e.log"), "[    1.5] a\n[    2.5] b\n");
+    says(load({file("e.log"), "--time-format", "%u"}), "times since the start are counted from the last start of this");
+    ASSERT_EQ(::utimensat(AT_FDCWD, file("e.log").c_str(), stamps, 0), 0);
+    says(load({file("e.log"), "--time-format", "%u", "--again"}), "times count from a start of a machine that is not",
+         3);
     says(load({file("d.log"), "--tz", "+01:00"}), "without a zone are taken as +01:00");
     for (const char* time :
          {"04-30 22:30:00", "04-30 23:10:00", "05-01 08:00:00", "05-01 07:59:59", "05-01 21:00:00"}) {
@@ -801,6 +812,8 @@ TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
         event_queue queue;
         event_queue_open(&queue, dir.path(), {.max_values = 1024}, false);
         term_set terms;
+        std::string words;  // more than go with others
+        for (int i = 0; i < 17000; i++) words += "w" + std::to_string(i) + " ";
         uint64_t slices = 0;
         uint32_t put = 0;
         const fault full(fault_call::write, failing_write == 0 ? UINT64_MAX : failing_write, ENOSPC);
@@ -809,7 +822,9 @@ TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
                 term_set_reset(&terms);
                 for (int i = 0; i < 8; i++)
                     term_set_add_field(&terms, "field" + std::to_string(i), std::to_string(put));
-                term_set_add_text(&terms, put % 4000 == 1 ? std::string(1 << 20, 'x') + " every" : "every");
+                term_set_add_text(&terms, put % 4000 == 1 ? std::string(1 << 20, 'x') + " every"
+                                          : put == 5000   ? words + "every"
+                                                          : "every");
                 EXPECT_TRUE(event_queue_put(&queue, {.time = static_cast<st_time_t>(put), .address = put}, &terms));
                 if (std::exchange(slices, queue.slices) == queue.slices) continue;
                 EXPECT_TRUE(queue.next_address <= put && events_in(dir.path()) >= queue.next_address) << put;
@@ -867,6 +882,21 @@ TEST_F(Load, AFailureBesideTheReaderIsToldAndLeavesAPrefix) {
         EXPECT_EQ(run_tool("veldar/veldar", {"-s", path, "load", file("a.log"), file("b.log")}).status, 0);
         EXPECT_EQ(records(path), sorted(first + second));
     }
+}
+
+TEST(Progress, IsALineOfATerminalAtMostTenTimesASecond) {
+    progress shown = {.terminal = true, .total = 2000000};
+    testing::internal::CaptureStderr();
+    progress_show(&shown, 1000000, 1234);
+    progress_show(&shown, 1500000, 5);
+    shown.shown_us = 0;
+    progress_show_merge(&shown, 3000000);
+    progress_clear(&shown);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "\r[###############               ]  50% 1,234 events, 1.0 MB, 0.0 MB/s\x1b[K"
+              "\r[##############################] 100% merging, 3.0 MB of 2.0 MB, 0.0 MB/s\x1b[K\r\x1b[K");
+    EXPECT_EQ(bytes_text(999) + bytes_text(1000) + bytes_text(1000000000) + number_text(999) + number_text(1000),
+              "999 bytes1.0 kB1.00 GB9991,000");
 }
 
 TEST(Put, BadLinesAndSignals) {

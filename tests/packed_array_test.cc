@@ -4,6 +4,7 @@
 #include <random>
 #include <vector>
 
+#include "searchthing/base/bitset.h"
 #include "searchthing/base/warmslice_util.h"
 #include "tests/support/temp_dir.h"
 
@@ -91,6 +92,23 @@ TEST(PackedArray, FindAtleastIsLowerBound) {
         ASSERT_EQ(index, number == 0 ? 0 : element == nullptr ? first + number - 1 : found);
         EXPECT_EQ(_ar_find_atleast(&ar, first, count - first + 1, &key, compare, &index, &rc), nullptr);
         EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
+    }
+}
+
+TEST(Bitset, WordsAndArraysOfThem) {
+    for (const bool narrow : {false, true}) {
+        bmap_array_t array;
+        ASSERT_EQ(bmap_array_alloc(&array, narrow, 3), 1);
+        const uint32_t top = narrow ? 31 : 63;
+        for (const uint32_t bit : {0u, 7u, top}) bmap_array_set(&array, 1, bit);
+        for (uint32_t bit = 0; bit <= top; bit++) {
+            EXPECT_EQ(bmap_array_is_set(&array, 1, bit), bit == 0 || bit == 7 || bit == top ? 1 : 0);
+        }
+        bmap64_t whole = 0;
+        bmap_array_entry_as_bmap64(&array, 1, &whole);
+        EXPECT_EQ(whole, 0x81 | uint64_t{1} << top);
+        EXPECT_EQ(bmap_array_is_set(&array, 0, 7) + bmap_array_is_set(&array, 2, 7), 0);
+        bmap_array_free(&array);
     }
 }
 

@@ -526,6 +526,17 @@ TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
         {{"load", "a", "--year", "-1"}, "is no whole number"},
         {{"optimize", "--jobs", "-1"}, "is no whole number"},
         {{"optimize", "--target-size", "-1"}, "'-1' is no size"},
+        {{}, "a subcommand is required"},
+        {{"search", "--native", "[AND [GT a b]]"}, "^ expected a field and a number"},
+        {{"search", "--native", "[AND \\a]"}, "^ expected a blank, a bracket or a backslash after this backslash"},
+        {{"search", "--native", "[AND " + std::string(2049, 'x') + "]"}, "^ expected a token of at most 2048 bytes"},
+        {{"search", "a", "--fields", "b", "--format", "table"}, "--fields goes with --format jsonl, csv and tsv only"},
+        {{"load", "a", "--tz", "Mars/Base"}, "unknown time zone Mars/Base"},
+        {{"metrics", "load", "a", "--tz", "Mars/Base"}, "unknown time zone Mars/Base"},
+        {{"metrics", "load", "a", "--label", "x"}, "--label: "},
+        {{"metrics", "query", "a", "--where", "b"}, "--where b: expected LABEL=VALUE or LABEL!=VALUE"},
+        {{"metrics", "query", "a", "--format", "table"}, "--format table goes with --every, --agg, --by or --rate"},
+        {{"stats", "--by", std::string(2046, 'a')}, "--by and --agg: expected names of fields of 1 to 2045 bytes"},
     };
     for (const auto& row : table) {
         const tool_result refused = run(row.arguments);
@@ -639,6 +650,15 @@ TEST_F(SearchTool, BareDirectoriesAndSlicesHaveAddressesOnly) {
     const std::string oldest = store.slices->path(store.slices->size() - 1);
     const size_t held = std::stoul(run_at(oldest, {"count", "*"}).out);
     EXPECT_EQ(run_at(oldest, {"search", "*", "-n1"}).out, (*events)[held - 1].text + "\n");
+    // Without -s the store is that of the environment, else that of this directory or one above.
+    fs::create_directories(other.file("here/deep"));
+    fs::copy(dir->file("store"), other.file("here/.veldar"), fs::copy_options::recursive);
+    const fs::path before = fs::current_path();
+    fs::current_path(other.file("here/deep"));
+    EXPECT_EQ(run_tool("veldar/veldar", {"count", "*"}).out, "900\n");
+    const variable_set named("VELDAR_STORE", index.c_str());
+    EXPECT_EQ(run_tool("veldar/veldar", {"count", "*"}).out, "2\n");
+    fs::current_path(before);
 }
 
 // While a search of everything is under way, slices that it has not opened yet are merged: it goes on with the merged
