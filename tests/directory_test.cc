@@ -22,6 +22,7 @@
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/hot_events.h"
+#include "tests/support/seals.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -428,6 +429,10 @@ TEST_F(Directory, Leftovers) {
     write_file(dir.file("veldar-autogen-params.dat.part.1"), "VELDAR");
     write_file(dir.file("merged_lexicon.lex.part." + std::to_string((uint64_t(gone) % 65535) << 16)), "x");
     write_file(dir.file("3-3-1.mini.tsidx." + std::to_string(gone) + ".mini.pre-tsidx"), "x");
+    // Of a merge that was undone, of a slice that was removed, and while they were written.
+    write_file(dir.file("8-8-" + std::to_string((uint64_t(gone) % 65535) << 16) + ".tsidx.seal"), "x");
+    write_file(dir.file("8-8-8.tsidx.seal.part." + std::to_string(gone)), "x");
+    write_file(dir.file("8-8-" + std::to_string((uint64_t(::getpid()) % 65535) << 16) + ".tsidx.seal"), "x");
     const std::string hidden = slices[2];
     write_file(hidden + ".deleted", "");
     for (const auto& entry : fs::directory_iterator(dir.path())) make_old(entry.path().string());
@@ -437,14 +442,18 @@ TEST_F(Directory, Leftovers) {
     const std::string log = logged([&] { tsidx = open_directory(dir.path()); });
     std::set<std::string> left;
     for (const auto& entry : fs::directory_iterator(dir.path())) left.insert(entry.path().string());
-    const std::set<std::string> expected = {slices[0],
-                                            slices[1],
-                                            pre(gone, 1),
-                                            pre(gone, 4),
-                                            pre(::getpid(), 5),
-                                            dir.file(TSIDX_PARAMS_NAME),
-                                            dir.file(TSIDX_NEED_OPTIMIZE_NAME),
-                                            dir.file("veldar-autogen-params.dat.part.1")};
+    const std::set<std::string> expected = {
+        slices[0],
+        slices[1],
+        slices[0] + ".seal",
+        slices[1] + ".seal",
+        dir.file("8-8-" + std::to_string((uint64_t(::getpid()) % 65535) << 16) + ".tsidx.seal"),
+        pre(gone, 1),
+        pre(gone, 4),
+        pre(::getpid(), 5),
+        dir.file(TSIDX_PARAMS_NAME),
+        dir.file(TSIDX_NEED_OPTIMIZE_NAME),
+        dir.file("veldar-autogen-params.dat.part.1")};
     EXPECT_EQ(left, expected);
     EXPECT_NE(log.find("WARN  this file holds events"), std::string::npos) << log;
     EXPECT_NE(log.find(pre(gone, 1)), std::string::npos) << log;
@@ -534,7 +543,9 @@ TEST_F(Directory, Minify) {
     EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.path().c_str()), 3) << "the handle's own events too";
     EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.path().c_str()), 0);
     EXPECT_EQ(st_tsidx_minify(tsidx.get(), out.file("missing").c_str()), WARM_RC_OPEN);
-    EXPECT_EQ(files_in(out.path(), "").size(), 3u);
+    EXPECT_EQ(files_in(out.path(), "").size(), 6u);
+    EXPECT_EQ(sealed_slices(out.path()), 3u);
+    EXPECT_EQ(seal_troubles(out.path()), "");
     for (const std::string& path : files_in(out.path(), ".mini.tsidx")) {
         fs::rename(path, path.substr(0, path.size() - 11) + ".tsidx");
     }

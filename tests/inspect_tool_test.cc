@@ -354,7 +354,7 @@ TEST(Fsck, ExitStatusTells) {
     const temp_dir dir;
     const std::string path = forge_file(dir.path(), forge_random_events(5, 30), forge_as_created(4));
     const std::string bytes = read_file(path);
-    EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).out, "1 slices checked, no faults\n");
+    EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).out, "1 slices checked, no faults; 1 without a seal\n");
     const damage_options sparse = {.truncation_step = 211, .flip_step = 301, .word_step = 404};
     damage_sweep(bytes, sparse, [&](const std::string& damaged, const std::string& what) {
         write_file(path, damaged);

@@ -12,11 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/seal/slice_seal.h"
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/st.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
+#include "tests/support/seals.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -176,8 +178,8 @@ class Torture : public testing::Test {
             for (const std::string& directory : {index_, mini_, dir_->path()}) {
                 for (const std::string& path : files_in(directory, "")) {
                     const bool kept = progress_->unmoved && path.ends_with(TSIDX_PRE_SUFFIX);
-                    EXPECT_TRUE(kept || path.ends_with(".tsidx") || path.ends_with(".dat") || path == index_ ||
-                                path == mini_)
+                    EXPECT_TRUE(kept || path.ends_with(".tsidx") || path.ends_with(SEAL_SUFFIX) ||
+                                path.ends_with(".dat") || path == index_ || path == mini_)
                         << "left behind: " << path;
                 }
             }
@@ -187,6 +189,7 @@ class Torture : public testing::Test {
         EXPECT_TRUE(agrees(*progress_.at, read_addresses(reader, &status)));
         EXPECT_EQ(status, 0) << st_tsidx_last_failure(st_directory(reader))->message;
         EXPECT_EQ(st_close(reader), 0);
+        EXPECT_EQ(seal_troubles(index_) + seal_troubles(mini_), "");
         check_usable();
         for (const std::string& path : files_in(mini_, TSIDX_MINI_SUFFIX)) {
             warm_rc_t rc;

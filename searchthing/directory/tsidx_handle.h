@@ -78,6 +78,7 @@ struct st_tsidx {
     void* merge_progress_context = nullptr;
     stop_check merge_stop;
     bool merge_drops_deleted = false;
+    std::vector<std::string> unmergeable;  // slices that differ from their seals
 };
 
 bool tsidx_is_writable(const TSIDX* tsidx);
@@ -103,7 +104,11 @@ void tsidx_save_params(TSIDX* tsidx);
 // Removes a slice whose events are all deleted, behind its sentinel; the caller holds the lock. A failure is logged:
 // the slice stays, with every event marked.
 void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path);
-// Removes a slice and, before it, a ".pre-tsidx" that is the same file, left by an interrupted sync: alone that would
+// Logs that a slice goes without a seal.
+void tsidx_warn_unsealed(const char* slice, const warm_rc_t& rc);
+// Removes the seal of a slice that is gone, or was not made; a failure leaves it to recovery. Never throws.
+void tsidx_remove_seal(const char* slice);
+// Removes a slice, then its seal, and, before it, a ".pre-tsidx" that is the same file, left by an interrupted sync: alone that would
 // look like the only copy of its events. 0, also when the slice is gone, or -1 with errno. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path);
 // Cleans up after writers that are gone (tsidx_recover.cc).

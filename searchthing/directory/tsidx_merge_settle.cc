@@ -94,6 +94,7 @@ int finish(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* unremoved, 
 int undo(const TSIDX* tsidx, const manifest_file& file, warm_rc_t* rc) {
     ST_ASSERT(file.whole && tsidx->is_locked);
     ST_TRY(remove_file(tsidx->path + "/" + file.manifest.temp, rc));
+    tsidx_remove_seal((tsidx->path + "/" + file.manifest.target).c_str());
     return remove_file(file.path, rc);
 }
 

@@ -7,6 +7,8 @@
 //   x.pre-tsidx, whole                         kept and named in a WARN line: it holds the only copy of its events
 //   x.<process>.mini.pre-tsidx                 removed: minify was interrupted
 //   veldar-autogen-params.dat.part.<process>   removed
+//   x.seal, and no slice x                     removed: a sync or a merge was interrupted, or a slice's removal
+//   x.seal.part.<process>                      removed
 //   a merge manifest, whole or not             the merge is finished or undone (tsidx_merge_settle.cc)
 //   merged_lexicon.lex.part.<id>               removed
 //
@@ -19,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <ctime>
 #include <string_view>
 #include <vector>
@@ -30,6 +33,7 @@
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
+#include "searchthing/seal/slice_seal.h"
 
 namespace veldar {
 
@@ -41,7 +45,7 @@ constexpr uint32_t MAX_PROCESS = 4194304;     // the largest process number that
 constexpr std::string_view PARAMS_PART = "veldar-autogen-params.dat.part.";
 constexpr std::string_view LEXICON_PART = TSIDX_MERGED_LEXICON_PART;
 
-enum leftover_kind { NO_LEFTOVER, SENTINEL, PRE_SLICE, TEMPORARY };
+enum leftover_kind { NO_LEFTOVER, SENTINEL, PRE_SLICE, SEAL, TEMPORARY };
 
 struct leftover {
     leftover_kind kind = NO_LEFTOVER;
@@ -84,8 +88,8 @@ std::string_view number_before(std::string_view name, std::string_view suffix) {
     return name.substr(name.rfind('.') + 1);
 }
 
-// What kind of leftover a name is, if its writer is gone.
-leftover_kind classify(const std::string& name, st_filename_metadata_t* meta) {
+// What kind of leftover a name is, if its writer is gone. `names` are all of the directory, sorted.
+leftover_kind classify(const std::string& name, const std::vector<std::string>& names, st_filename_metadata_t* meta) {
     const std::string_view text = name;
     if (text.ends_with(TSIDX_SENTINEL_SUFFIX)) {
         const std::string slice = name.substr(0, name.size() + 1 - sizeof TSIDX_SENTINEL_SUFFIX);
@@ -99,6 +103,15 @@ leftover_kind classify(const std::string& name, st_filename_metadata_t* meta) {
     }
     if (text.ends_with(TSIDX_MINI_PRE_SUFFIX)) {
         return number_may_live(number_before(text, TSIDX_MINI_PRE_SUFFIX)) ? NO_LEFTOVER : TEMPORARY;
+    }
+    if (text.ends_with(SEAL_SUFFIX)) {
+        const std::string slice = name.substr(0, name.size() + 1 - sizeof SEAL_SUFFIX);
+        const bool is_orphan = tsidx_is_slice_name(slice.c_str(), meta) &&
+                               !std::binary_search(names.begin(), names.end(), slice) && !writer_may_live(meta->id);
+        return is_orphan ? SEAL : NO_LEFTOVER;
+    }
+    if (const size_t part = text.rfind(SEAL_PART); part != std::string_view::npos) {
+        return number_may_live(text.substr(part + sizeof SEAL_PART - 1)) ? NO_LEFTOVER : TEMPORARY;
     }
     if (!text.ends_with(TSIDX_PRE_SUFFIX) || tsidx_pre_file_parse(name.c_str(), meta) == 0) return NO_LEFTOVER;
     return writer_may_live(meta->id) ? NO_LEFTOVER : PRE_SLICE;
@@ -169,6 +182,12 @@ void recover(const TSIDX* tsidx, const leftover& found, const std::vector<std::s
         case PRE_SLICE:
             recover_pre_slice(tsidx, found, names);
             break;
+        case SEAL: {
+            const std::string slice = found.path.substr(0, found.path.size() + 1 - sizeof SEAL_SUFFIX);
+            const bool is_orphan = ospath_try_stat(slice.c_str()) != 0 && errno == ENOENT;
+            if (is_orphan && is_old(found.path, &status)) remove_file(found.path);
+            break;
+        }
         case TEMPORARY:
             if (is_old(found.path, &status)) remove_file(found.path);
             break;
@@ -199,7 +218,19 @@ int remove_second_name(const TSIDX* tsidx, const std::string& path) {
 
 int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path) {
     if (remove_second_name(tsidx, path) != 0) return -1;
-    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : -1;
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return -1;
+    tsidx_remove_seal(path.c_str());
+    return 0;
+}
+
+void tsidx_warn_unsealed(const char* slice, const warm_rc_t& rc) {
+    _log(0, "WARN  a slice has no seal. rc=%i, errno=%i, path=%s: %s\n", rc.warm_rc, rc.saved_errno, slice, rc.message);
+}
+
+void tsidx_remove_seal(const char* slice) {
+    ospath_buf path;
+    const int length = std::snprintf(path.val, sizeof path.val, "%s%s", slice, SEAL_SUFFIX);
+    if (length > 0 && static_cast<size_t>(length) < sizeof path.val) ::unlink(path.val);
 }
 
 void tsidx_recover(TSIDX* tsidx) {
@@ -211,10 +242,11 @@ void tsidx_recover(TSIDX* tsidx) {
         if (rc.saved_errno != ENOENT) warn("leftovers were not looked for", tsidx, rc);
         return;
     }
+    std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
         merge = merge || name == MERGE_MANIFEST_NAME || name == MERGE_MANIFEST_TMP_NAME;
         leftover file;
-        file.kind = classify(name, &file.meta);
+        file.kind = classify(name, names, &file.meta);
         if (file.kind == NO_LEFTOVER) continue;
         file.path = tsidx->path + "/" + name;
         found.push_back(file);

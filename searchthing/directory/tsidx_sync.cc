@@ -2,18 +2,23 @@
 //
 //   create "<...>.pre-tsidx"   whole, in one piece; transient errors are retried, the prepared hot slice being kept
 //   fsync the file             never retried on the same file: after a failure nobody knows what reached the disk
-//   close, link to "<...>.tsidx"   under a fresh id at every try
+//   read it back for its seal
+//   write and fsync "<...>.tsidx.seal"   under a fresh id at every try, as the next
+//   link to "<...>.tsidx"
 //   fsync the directory
 //   unlink the ".pre-tsidx"
 //
 // A failure before the link removes the file. One at the link or the directory leaves the complete ".pre-tsidx" behind,
-// and no slice: whoever is told of a failure finds none of the events in the index.
+// and no slice: whoever is told of a failure finds none of the events in the index. A seal that cannot be written keeps
+// nothing from being: the slice goes without.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "libzero/assertions.h"
@@ -22,6 +27,7 @@
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/hot/warmslice_create.h"
+#include "searchthing/seal/slice_seal.h"
 
 namespace veldar {
 
@@ -71,14 +77,46 @@ int flush_directory(TSIDX* tsidx) {
     return tsidx_flush(tsidx, tsidx->path.c_str(), O_DIRECTORY, &tsidx->last_failure);
 }
 
-int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, const char* suffix, ospath_buf* final_name) {
+// The seal of the file; null for options without, or when it cannot be told.
+std::unique_ptr<slice_seal_t> make_seal(const TSIDX* tsidx, const char* file) {
+    if (tsidx->opts.seal == 0) return nullptr;
+    warm_rc_t rc;
+    try {
+        auto seal = std::make_unique<slice_seal_t>();
+        if (seal_make(file, seal.get(), &rc) == 0) return seal;
+    } catch (const std::bad_alloc&) {
+        _set_rc(&rc, WARM_RC_NO_MEMORY);
+    }
+    tsidx_warn_unsealed(file, rc);
+    return nullptr;
+}
+
+void write_seal(const TSIDX* tsidx, const char* final_name, slice_seal_t* seal) {
+    if (seal == nullptr) return;
+    warm_rc_t rc;
+    try {
+        if (seal_write(final_name, seal, tsidx->durable, &rc) == 0) return;
+    } catch (const std::bad_alloc&) {
+        _set_rc(&rc, WARM_RC_NO_MEMORY);
+    }
+    tsidx_warn_unsealed(final_name, rc);
+}
+
+void remove_seal(const char* final_name, const slice_seal_t* seal) {
+    if (seal != nullptr) tsidx_remove_seal(final_name);
+}
+
+int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, const char* suffix, slice_seal_t* seal,
+                       ospath_buf* final_name) {
     for (backoff pause;;) {
         const int named =
             st_warm_slice_filename_from_time(final_name, tsidx->path.c_str(), suffix, st_warm_slice_earliest(warm),
                                              st_warm_slice_latest(warm), &tsidx->rng);
         if (named != 0) return _set_rc_msg(&tsidx->last_failure, named, file);
+        write_seal(tsidx, final_name->val, seal);
         if (ospath_link(file, final_name->val) == 0) return 0;
         const int error = errno != 0 ? errno : UNKNOWN_ERRNO;
+        remove_seal(final_name->val, seal);
         _log(0, "WARN  link command failed. rc=%i Retrying the following files \n\t%s\n\t%s\n", error, file,
              final_name->val);
         if (is_transient(error) && pause.wait()) continue;
@@ -90,10 +128,12 @@ int link_to_final_name(TSIDX* tsidx, const WARM* warm, const char* file, const c
 
 int move_slice(TSIDX* tsidx, const WARM* warm, const char* file, const char* suffix) {
     ospath_buf final_name;
-    ST_TRY(link_to_final_name(tsidx, warm, file, suffix, &final_name));
+    const std::unique_ptr<slice_seal_t> seal = make_seal(tsidx, file);
+    ST_TRY(link_to_final_name(tsidx, warm, file, suffix, seal.get(), &final_name));
     const int flushed = flush_directory(tsidx);
     if (flushed != 0) {
         ::unlink(final_name.val);
+        remove_seal(final_name.val, seal.get());
         return flushed;
     }
     if (::unlink(file) != 0) {

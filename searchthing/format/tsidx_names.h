@@ -6,6 +6,7 @@
 //   *.pre-tsidx                                       a slice that a sync is writing
 //   <name of a slice>.deleted                         marks that slice for removal
 //   veldar-autogen-params.dat                         tuned limits; with .part.<n> while it is being written
+//   <name of a slice>.seal                            what the slice's bytes were (seal/slice_seal.h)
 //   veldar-need-optimize.dat                          marker: the directory is due for optimization
 //   merged_lexicon.lex, optimize.result               merged lexicon, result of the last optimization
 #pragma once

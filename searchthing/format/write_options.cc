@@ -23,6 +23,7 @@ void st_tsidx_write_opts_init_with_byte_sizes(TSWRITEOPTS* opts, uint32_t level,
     opts->advanced_postings = fifth;
     opts->merge_reader_span = std::max(sixth, MIN_MERGE_READER_SPAN);
     opts->millisecond_mode = 0;
+    opts->seal = 1;
 }
 
 void st_tsidx_write_opts_init(TSWRITEOPTS* opts, uint32_t level, uint64_t size_mib, uint32_t fifth, uint32_t sixth) {

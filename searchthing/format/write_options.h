@@ -15,10 +15,12 @@ struct st_tsidx_write_options {
     uint32_t advanced_postings = 0;
     uint32_t merge_reader_span = 0;  // at least 128
     uint32_t millisecond_mode = 0;
+    uint32_t seal = 0;  // slices are written with their seals
 };
 using TSWRITEOPTS = st_tsidx_write_options;
 
-// Fills every field; the fourth is cut to 1 GiB, the sixth raised to 128, and millisecond mode is off.
+// Fills every field; the fourth is cut to 1 GiB, the sixth raised to 128, millisecond mode is off, and
+// slices are sealed.
 void st_tsidx_write_opts_init_with_byte_sizes(TSWRITEOPTS* opts, uint32_t level, uint64_t byte_size, uint32_t third,
                                               uint32_t fourth, uint32_t fifth, uint32_t sixth);
 // The target size in MiB (from 4096 on: 4294967295 bytes), with 64 terms a block and 8 MiB of merge buffer.

@@ -2,6 +2,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
+#include <new>
+#include <span>
 #include <vector>
 
 #include "libzero/assertions.h"
@@ -10,6 +13,7 @@
 #include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/reading/tsidx_query_walk.h"
+#include "searchthing/seal/slice_seal.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_values.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
@@ -92,18 +96,33 @@ int close_flushed(WARM* warm, warm_rc_t* rc) {
     return rc->warm_rc;
 }
 
-// Marks the values in the file and tells how many of them were not marked before and whether any value is left.
-int mark_in_file(const char* path, const doomed_values& doomed, uint64_t* newly, bool* all_deleted, warm_rc_t* rc) {
-    WARM* const warm = st_warm_slice_open_rdwr(path, rc);
-    if (warm == nullptr) return rc->warm_rc;
-    const uint32_t values = st_warm_slice_values(warm);
-    if (values > 8 * doomed.bits.size()) {
-        st_warm_slice_discard(warm);
-        return _set_rc_msg(rc, WARM_RC_CORRUPT, "another slice has taken the place of the one that was searched");
+std::vector<uint8_t> marks_of(const WARM* warm) {
+    return {warm->d_array, warm->d_array + warm->tsval_reader.d.bytes.size()};
+}
+
+// The slice's marks with those of the doomed values.
+std::vector<uint8_t> marks_with(const WARM* warm, const doomed_values& doomed) {
+    std::vector<uint8_t> marks = marks_of(warm);
+    const size_t values = st_warm_slice_values(warm);
+    for (size_t i = 0; i < std::min(marks.size(), values / 8 + 1); i++) {
+        const unsigned in_slice = 8 * i + 8 <= values ? 0xFF : (1u << (values % 8)) - 1;
+        marks[i] = static_cast<uint8_t>(marks[i] | (doomed.bits[i] & in_slice));
     }
-    int status = 0;
+    return marks;
+}
+
+int end_marks(const std::string& path, std::span<const uint8_t> marks, bool durable, warm_rc_t* rc) {
+    try {
+        return seal_end_marks(path, marks, durable, rc);
+    } catch (const std::bad_alloc&) {
+        return _set_rc(rc, WARM_RC_NO_MEMORY);
+    }
+}
+
+int mark_values(WARM* warm, const doomed_values& doomed, uint64_t* newly, bool* all_deleted, warm_rc_t* rc) {
     uint32_t left = 0;
-    for (uint32_t id = 0; id < values && status == 0; id++) {
+    int status = 0;
+    for (uint32_t id = 0; id < st_warm_slice_values(warm) && status == 0; id++) {
         if (is_marked(warm, id)) continue;
         if ((doomed.bits[id / 8] >> (id % 8) & 1) == 0) {
             left++;
@@ -115,9 +134,33 @@ int mark_in_file(const char* path, const doomed_values& doomed, uint64_t* newly,
     if (change_stamp_renew(warm->fd.get()) != 0 && status == 0) {
         status = _set_rc_msg(rc, WARM_RC_WRITE, "telling readers of delete marks");
     }
-    if (status == 0) return close_flushed(warm, rc);
-    warm_rc_t ignored;
-    static_cast<void>(close_flushed(warm, &ignored));
+    return status;
+}
+
+struct warm_discarder {
+    void operator()(WARM* warm) const { st_warm_slice_discard(warm); }
+};
+
+// Marks the values in the file and tells how many of them were not marked before and whether any value is left.
+int mark_in_file(const std::string& path, const doomed_values& doomed, bool durable, uint64_t* newly, bool* all_deleted,
+                 warm_rc_t* rc) {
+    std::unique_ptr<WARM, warm_discarder> warm(st_warm_slice_open_rdwr(path.c_str(), rc));
+    if (warm == nullptr) return rc->warm_rc;
+    if (st_warm_slice_values(warm.get()) > 8 * doomed.bits.size()) {
+        return _set_rc_msg(rc, WARM_RC_CORRUPT, "another slice has taken the place of the one that was searched");
+    }
+    // Room for what they are in the end: from here on nothing may throw.
+    std::vector<uint8_t> marks = marks_of(warm.get());
+    ST_TRY(seal_begin_marks(path, marks, marks_with(warm.get(), doomed), durable, rc));
+    const int status = mark_values(warm.get(), doomed, newly, all_deleted, rc);
+    std::copy_n(warm->d_array, marks.size(), marks.begin());
+    warm_rc_t why;
+    if (close_flushed(warm.release(), &why) != 0) return status != 0 ? status : _cpy_rc(rc, &why);
+    // The marks are made: a seal that does not tell so says that a delete is on its way, which is no fault.
+    if (end_marks(path, marks, durable, &why) != 0) {
+        _log(0, "WARN  the end of a delete was not sealed. rc=%i, errno=%i, path=%s\n", why.warm_rc, why.saved_errno,
+             path.c_str());
+    }
     return status;
 }
 
@@ -150,7 +193,7 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
             if (!doomed[i].any) continue;
             warm_rc_t why;
             bool all_deleted = false;
-            if (mark_in_file(snapshot.path(i).c_str(), doomed[i], &newly, &all_deleted, &why) != 0) {
+            if (mark_in_file(snapshot.path(i), doomed[i], tsidx->durable, &newly, &all_deleted, &why) != 0) {
                 const bool gone = why.warm_rc == WARM_RC_OPEN && why.saved_errno == ENOENT;
                 return gone ? TSIDX_VANISHED : snapshot.fail(i, why, rc);
             }

@@ -38,6 +38,9 @@ tsidx_merge_commit::~tsidx_merge_commit() {
     if (state_ == NOTHING || state_ == COMMITTED) return;
     // The manifest goes last: while it is there, the next merge knows what to remove.
     bool removed = temp_path_.empty() || ::unlink(temp_path_.c_str()) == 0 || errno == ENOENT;
+    if (seal_ != nullptr && !manifest_.target.empty()) {
+        tsidx_remove_seal((tsidx_->path + "/" + manifest_.target).c_str());
+    }
     const std::string& path = state_ == TMP ? tmp_path_ : manifest_path_;
     removed = removed && ::unlink(path.c_str()) == 0;
     if (!removed) _log(0, "WARN  an unfinished merge was not removed. errno=%i, path=%s\n", errno, path.c_str());
@@ -92,10 +95,33 @@ int tsidx_merge_commit::publish(warm_rc_t* rc) {
     return tsidx_flush(tsidx_, tsidx_->path.c_str(), O_DIRECTORY, rc);
 }
 
+void tsidx_merge_commit::seal() {
+    ST_ASSERT(state_ == TMP && !temp_path_.empty());
+    if (tsidx_->opts.seal == 0) return;
+    warm_rc_t rc;
+    seal_ = std::make_unique<slice_seal_t>();
+    if (seal_make(temp_path_, seal_.get(), &rc) == 0) return;
+    seal_.reset();
+    tsidx_warn_unsealed(manifest_.target.c_str(), rc);
+}
+
+// With the marks that were carried over.
+void tsidx_merge_commit::write_seal() {
+    if (seal_ == nullptr) return;
+    warm_rc_t rc;
+    const std::string target = tsidx_->path + "/" + manifest_.target;
+    if (seal_make_marks(temp_path_, seal_.get(), &rc) == 0 &&
+        seal_write(target, seal_.get(), tsidx_->durable, &rc) == 0) {
+        return;
+    }
+    tsidx_warn_unsealed(target.c_str(), rc);
+}
+
 int tsidx_merge_commit::put_in_effect(warm_merge_t* merge, warm_rc_t* rc) {
     ST_ASSERT(state_ == RENAMED && tsidx_->is_locked);
     const std::string target = tsidx_->path + "/" + manifest_.target;
     ST_TRY(st_warm_slice_merge_carry_deletes(merge, temp_path_.c_str(), rc));
+    write_seal();
     if (ospath_link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
     state_ = COMMITTED;
     const int flushed = tsidx_flush(tsidx_, tsidx_->path.c_str(), O_DIRECTORY, rc);

@@ -3,8 +3,10 @@
 //   step  action                                                          a crash after it leaves     readers see
 //   M0    create the .tmp manifest with the owner's lines                 .tmp                        sources
 //   M1    complete its text; write and flush the target as ".pre-tsidx"   .tmp, .pre                  sources
+//         and read it back for its seal
 //   M2    rename .tmp to the manifest, flush the directory                manifest, .pre              sources
-//   M3    carry over what was deleted meanwhile, link .pre to the         manifest, .pre, target,     target
+//   M3    carry over what was deleted meanwhile, write the seal,          manifest, .pre, seal        sources
+//         link .pre to the                                                manifest, .pre, target,     target
 //         target's name, flush the directory: the commit point            sources
 //   M4    unlink the sources, flush the directory                         manifest, .pre, target      target
 //   M5    unlink .pre and the manifest                                    target                      target
@@ -18,6 +20,7 @@
 // manifest, and where there is no flock by the owner's process, host and run of the system.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,6 +28,7 @@
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/merge/warmslice_merge.h"
+#include "searchthing/seal/slice_seal.h"
 
 namespace veldar {
 
@@ -45,6 +49,8 @@ class tsidx_merge_commit {
     [[nodiscard]] int declare(const std::string& target, const std::string& temp, std::vector<std::string> sources,
                               warm_rc_t* rc);
     std::string temp_path() const;
+    // The end of M1: has the target sealed. A seal that cannot be told keeps nothing from being.
+    void seal();
     // M2 to M5, once the temporary file is whole and flushed. 0; a failure before the commit point has changed nothing
     // that readers see; one behind it, such as a source that cannot be removed, leaves the target in effect and the
     // rest to the next settling. WARM_RC_CANCELLED, when stopped while waiting for the lock, WARM_RC_LOCK, WARM_RC_OPEN, WARM_RC_WRITE, WARM_RC_RETRIES or the
@@ -56,12 +62,14 @@ class tsidx_merge_commit {
 
     [[nodiscard]] int publish(warm_rc_t* rc);
     [[nodiscard]] int put_in_effect(warm_merge_t* merge, warm_rc_t* rc);
+    void write_seal();
 
     TSIDX* tsidx_;
     state_t state_ = NOTHING;
     unique_fd fd_;  // the manifest, locked
     merge_manifest_t manifest_;
     std::string tmp_path_, manifest_path_, temp_path_;
+    std::unique_ptr<slice_seal_t> seal_;  // null: the target gets none
 };
 
 }  // namespace veldar

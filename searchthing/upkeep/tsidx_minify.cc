@@ -6,7 +6,9 @@
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
+#include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/seal/slice_seal.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 
 namespace veldar {
@@ -18,6 +20,15 @@ struct temporary_file {
     std::string path;
     ~temporary_file() { ::unlink(path.c_str()); }
 };
+
+// Before the mini slice has its name; anew when another process made one meanwhile.
+bool seal_mini(const TSIDX* tsidx, const std::string& temporary, const std::string& mini) {
+    warm_rc_t rc;
+    slice_seal_t seal;
+    if (seal_make(temporary, &seal, &rc) == 0 && seal_write(mini, &seal, tsidx->durable, &rc) == 0) return true;
+    tsidx_warn_unsealed(mini.c_str(), rc);
+    return false;
+}
 
 // 1 when the mini slice was made, 0 when there is one, TSIDX_VANISHED or a failure in `rc`.
 int64_t minify_slice(const TSIDX* tsidx, const std::string& slice, const std::string& mini, warm_rc_t* rc) {
@@ -33,8 +44,16 @@ int64_t minify_slice(const TSIDX* tsidx, const std::string& slice, const std::st
     }
     if (fd.close_checked() != 0) return _set_rc_msg(rc, WARM_RC_CLOSE, temporary.path.c_str());
     ST_TRY(tsidx_flush(tsidx, temporary.path.c_str(), 0, rc));
+    const bool is_sealed = tsidx->opts.seal != 0 && seal_mini(tsidx, temporary.path, mini);
     if (::link(temporary.path.c_str(), mini.c_str()) == 0) return 1;
-    return errno == EEXIST ? 0 : _set_rc_msg(rc, WARM_RC_RETRIES, mini.c_str());
+    const int error = errno;
+    if (is_sealed && error == EEXIST) {
+        seal_mini(tsidx, mini, mini);
+    } else if (is_sealed) {
+        tsidx_remove_seal(mini.c_str());
+    }
+    errno = error;
+    return error == EEXIST ? 0 : _set_rc_msg(rc, WARM_RC_RETRIES, mini.c_str());
 }
 
 std::string mini_name(const st_filename_metadata_t& meta) {

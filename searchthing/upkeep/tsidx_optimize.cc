@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <new>
@@ -12,6 +13,7 @@
 #include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/seal/slice_seal.h"
 #include "searchthing/slice/warmslice_values.h"
 #include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 #include "searchthing/upkeep/tsidx_merge_plan.h"
@@ -79,6 +81,8 @@ int list_sources_once(TSIDX* tsidx, source_listing* found, warm_rc_t* rc) {
     ST_TRY(tsidx_list(tsidx->path.c_str(), &listing, rc));
     *found = {.live = listing.size(), .slices = {}};
     for (const tsidx_slice_name_t& slice : listing) {
+        const std::vector<std::string>& damaged = tsidx->unmergeable;
+        if (std::find(damaged.begin(), damaged.end(), slice.name) != damaged.end()) continue;
         tsidx_merge_source_t source;
         bool usable = false;
         source.name = slice.name;
@@ -132,8 +136,31 @@ int make_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_pla
         if (worth) *plan = {.sources = {slice.name}, .bytes = slice.bytes};
     }
     if (!plan->sources.empty()) return 0;
+    if (!tsidx->unmergeable.empty()) {
+        return _set_rc_msg(
+            rc, WARM_RC_CORRUPT,
+            ("a slice differs from its seal and was not merged: " + tsidx->path + "/" + tsidx->unmergeable.front())
+                .c_str());
+    }
     if (found.live < 2) return _set_rc_msg(rc, WARM_RC_FEW_SLICES, "fewer than two slices");
     return _set_rc_msg(rc, WARM_RC_FEW_SOURCES, "no two slices are to be merged");
+}
+
+// A plan of slices that are as they were sealed, before their damage would become part of another slice.
+int make_sound_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimize_plan_t* plan, warm_rc_t* rc) {
+    for (bool sound = false; !sound;) {
+        ST_TRY(make_plan(tsidx, rules, plan, rc));
+        sound = true;
+        for (const std::string& source : plan->sources) {
+            const int status = seal_verify(tsidx->path + "/" + source, rc);
+            if (status == 0) continue;
+            if (status != WARM_RC_CORRUPT) return status;
+            _log(0, "WARN  a slice is not merged. rc=%i: %s\n", status, rc->message);
+            tsidx->unmergeable.push_back(source);
+            sound = false;
+        }
+    }
+    return 0;
 }
 
 int check_space(const TSIDX* tsidx, uint64_t needed, warm_rc_t* rc) {
@@ -188,7 +215,7 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
     tsidx_merge_commit commit(tsidx);
     ST_TRY(commit.begin(rc));
     tsidx_optimize_plan_t plan;
-    ST_TRY(make_plan(tsidx, rules, &plan, rc));
+    ST_TRY(make_sound_plan(tsidx, rules, &plan, rc));
     ST_TRY(check_space(tsidx, plan.bytes, rc));
     const merge_ptr merge = open_merge(tsidx, plan, lexicon_tpb, rc);
     if (merge == nullptr) return has_vanished(*rc) ? VANISHED : rc->warm_rc;
@@ -196,6 +223,7 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
     ST_TRY(name_target(tsidx, *st_warm_slice_merge_totals(merge.get()), &names, rc));
     ST_TRY(commit.declare(names.target, names.temp, plan.sources, rc));
     ST_TRY(st_warm_slice_merge_write(merge.get(), commit.temp_path().c_str(), tsidx->durable, rc));
+    commit.seal();
     const int committed = commit.commit(merge.get(), rc);
     tsidx->cache.close_unused();  // the sources among them still take their disk space
     return committed;

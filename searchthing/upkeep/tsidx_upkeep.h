@@ -47,6 +47,14 @@ void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds);
 // or of listing) leaves those made before.
 [[nodiscard]] int st_tsidx_minify(TSIDX* tsidx, const char* output_directory);
 
+// Seals: NAME.tsidx.seal beside a slice says what its bytes were (seal/slice_seal.h). Slices are written with one unless
+// the write options say otherwise, and whatever changes or removes a slice takes its seal along.
+
+// Seals the slice of this name as it is, in the place of a seal that it has; whether it is whole is for the caller to
+// look at first. 1; 0 when the slice has gone; WARM_RC_UNSUPPORTED for a handle open for reading, WARM_RC_LOCK, what
+// opening or reading the slice reports, WARM_RC_OPEN or WARM_RC_WRITE of the seal.
+[[nodiscard]] int st_tsidx_seal(TSIDX* tsidx, const char* name);
+
 // Merging slices, one merge a call.
 //
 // Any number of processes may read the directory, write into it and delete from it meanwhile; of those that merge, one

@@ -83,6 +83,7 @@ void add_fields_command(const command& veldar);
 void add_seen_command(const command& veldar);
 void add_explain_command(const command& veldar);
 void add_fsck_command(const command& veldar);
+void add_seal_command(const command& veldar);
 void add_info_command(const command& veldar);
 void add_ls_command(const command& veldar);
 void add_dump_command(const command& veldar);

@@ -1,13 +1,15 @@
-// veldar fsck: checks slices, and says what is wrong with them and where.
+// veldar fsck: checks slices against their seals and for what a slice must hold, and says what is wrong and where.
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <new>
 #include <set>
 
+#include "tools/veldar/check/fsck_seal.h"
 #include "tools/veldar/check/fsck_slice.h"
 #include "tools/veldar/check/fsck_store.h"
 #include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
 #include "tools/veldar/store/slices.h"
 #include "tools/veldar/store/store.h"
@@ -18,7 +20,7 @@ namespace {
 
 struct fsck_options {
     std::string path;
-    bool quiet = false;
+    bool quiet = false, quick = false, json = false;
     uint32_t per_kind = 10;
 };
 
@@ -32,13 +34,94 @@ struct fsck_command {
     std::vector<bool> has_map;
     text_output out;
     troubles trouble;
-    uint64_t checked = 0, damaged = 0, faults = 0;
+    uint64_t checked = 0, damaged = 0, faults = 0, unsealed = 0;
+};
+
+// What was found in one file.
+struct file_verdict {
+    seal_report seal;
+    fsck_report structure;
+    std::vector<std::string> store;  // what the rest of the store does not know of its events
+    uint64_t faults = 0;
 };
 
 void put_line(fsck_command* command, const std::string& path, const std::string& text) {
     if (command->options->quiet) return;
-    output_put(&command->out, path + ": " + text + "\n");
+    if (command->options->json) {
+        std::string line = "{\"path\":";
+        json_put_string(&line, path);
+        line += ",\"fault\":";
+        json_put_string(&line, text);
+        output_put(&command->out, line + "}\n");
+    } else {
+        output_put(&command->out, path + ": " + text + "\n");
+    }
     output_end_record(&command->out);
+}
+
+const char* seal_text(const file_verdict& verdict) {
+    switch (verdict.seal.state) {
+        case SEAL_HOLDS:
+            return "holds";
+        case SEAL_DIFFERS:
+            return "differs";
+        case SEAL_DAMAGED:
+            return "damaged";
+        default:
+            return "none";
+    }
+}
+
+// Begins the next object of a list of findings.
+void put_finding_json(std::string* out, std::string_view check, std::string_view section, uint64_t offset) {
+    if (out->back() != '[') *out += ',';
+    *out += fmt::format("{{\"check\":\"{}\",\"section\":", check);
+    json_put_string(out, section);
+    *out += fmt::format(",\"offset\":{}", offset);
+}
+
+void put_text_json(std::string* out, std::string_view name, std::string_view text) {
+    if (text.empty()) return;
+    *out += fmt::format(",\"{}\":", name);
+    json_put_string(out, text);
+}
+
+// One object a slice, sound ones too.
+void put_json(fsck_command* command, const std::string& path, const file_verdict& verdict) {
+    std::string out = "{\"path\":";
+    json_put_string(&out, path);
+    out += fmt::format(",\"seal\":\"{}\",\"faults\":{},\"findings\":[", seal_text(verdict), verdict.faults);
+    for (const seal_finding& finding : verdict.seal.findings) {
+        put_finding_json(&out, "seal", finding.section, finding.offset);
+        out += fmt::format(",\"bytes\":{}", finding.size);
+        put_text_json(&out, "place", finding.place);
+        out += '}';
+    }
+    for (const fsck_finding& finding : verdict.structure.findings) {
+        put_finding_json(&out, "structure", slice_section_name(finding.section), finding.offset);
+        if (finding.has_term) out += fmt::format(",\"term_number\":{}", finding.term);
+        put_text_json(&out, "term", finding.term_text);
+        put_text_json(&out, "what", finding.what);
+        put_text_json(&out, "detail", finding.detail);
+        out += '}';
+    }
+    out += "]";
+    put_text_json(&out, "seal_error", verdict.seal.error);
+    for (const std::string& line : verdict.store) put_text_json(&out, "store", line);
+    output_put(&command->out, out + "}\n");
+    output_end_record(&command->out);
+}
+
+void put_text(fsck_command* command, const std::string& path, const file_verdict& verdict) {
+    if (verdict.seal.state == SEAL_DAMAGED) put_line(command, path, verdict.seal.error);
+    const size_t most = command->options->per_kind, found = verdict.seal.findings.size();
+    for (size_t i = 0; i < std::min(most, found); i++) {
+        put_line(command, path, seal_finding_text(verdict.seal.findings[i]));
+    }
+    if (found > most) put_line(command, path, fmt::format("{} more pieces are not what was sealed", found - most));
+    for (const fsck_finding& finding : verdict.structure.findings) put_line(command, path, fsck_finding_text(finding));
+    for (const std::string& line : fsck_more_lines(verdict.structure)) put_line(command, path, line);
+    for (const std::string& line : verdict.store) put_line(command, path, line);
 }
 
 // A damaged file beside the slices.
@@ -75,8 +158,8 @@ std::vector<std::string> check_events(fsck_command* command, size_t i) {
     return fsck_store_slice(warm.get(), command->maps[directory], command->names);
 }
 
-// False when the file was deleted or merged since it was listed.
-bool check_file(fsck_command* command, size_t i, const std::string& path) {
+// What a slice must hold, and the rest of the store of it. False when the file has gone.
+bool check_structure(fsck_command* command, size_t i, const std::string& path, file_verdict* verdict) {
     slice_image image;
     std::string error;
     const image_state_t state = slice_image_open(path, &image, &error);
@@ -85,20 +168,31 @@ bool check_file(fsck_command* command, size_t i, const std::string& path) {
         troubles_add(&command->trouble, error);
         return true;
     }
-    fsck_report report;
-    report.per_kind = command->options->per_kind;
-    fsck_slice(image, &report);
-    std::vector<std::string> lines;
-    for (const fsck_finding& finding : report.findings) lines.push_back(fsck_finding_text(finding));
-    for (const std::string& line : fsck_more_lines(report)) lines.push_back(line);
-    if (report.total == 0) {
-        lines = check_events(command, i);
-        report.total = lines.size();
-    }
+    verdict->structure.per_kind = command->options->per_kind;
+    fsck_slice(image, &verdict->structure);
+    if (verdict->structure.total == 0) verdict->store = check_events(command, i);
+    verdict->faults += verdict->structure.total + verdict->store.size();
+    return true;
+}
+
+// False when the file was deleted or merged since it was listed.
+bool check_file(fsck_command* command, size_t i, const std::string& path) {
+    file_verdict verdict;
+    verdict.seal = fsck_seal(path);
+    if (verdict.seal.state == SEAL_VANISHED) return false;
+    if (verdict.seal.state == SEAL_UNREADABLE) troubles_add(&command->trouble, verdict.seal.error);
+    verdict.faults = verdict.seal.findings.size() + (verdict.seal.state == SEAL_DAMAGED ? 1 : 0);
+    if (!command->options->quick && !check_structure(command, i, path, &verdict)) return false;
     command->checked++;
-    command->damaged += report.total != 0 ? 1 : 0;
-    command->faults += report.total;
-    for (const std::string& line : lines) put_line(command, path, line);
+    command->unsealed += verdict.seal.state == SEAL_NONE ? 1 : 0;
+    command->damaged += verdict.faults != 0 ? 1 : 0;
+    command->faults += verdict.faults;
+    if (command->options->quiet) return true;
+    if (command->options->json) {
+        put_json(command, path, verdict);
+    } else {
+        put_text(command, path, verdict);
+    }
     return true;
 }
 
@@ -131,18 +225,22 @@ int64_t check_all(fsck_command* command) {
     return vanished ? TSIDX_VANISHED : 0;
 }
 
+std::string summary(const fsck_command& command) {
+    std::string text = fmt::format("{} slices checked, ", command.checked);
+    text += command.faults == 0 ? std::string("no faults")
+                                : fmt::format("{} damaged, {} faults", command.damaged, command.faults);
+    if (command.unsealed != 0) text += fmt::format("; {} without a seal", command.unsealed);
+    return text + "\n";
+}
+
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
     fsck_command command;
     command.options = &options;
     command.set = slices_list_all(context.path_or_store(options.path));
     output_open(&command.out, "never");
-    open_store(&command);
+    if (!options.quick) open_store(&command);
     slices_hold(command.set, &command.trouble, [&] { return check_all(&command); });
-    if (!options.quiet) {
-        output_put(&command.out, command.faults == 0 ? fmt::format("{} slices checked, no faults\n", command.checked)
-                                                     : fmt::format("{} slices checked, {} damaged, {} faults\n",
-                                                                   command.checked, command.damaged, command.faults));
-    }
+    if (!options.quiet && !options.json) output_put(&command.out, summary(command));
     output_flush(&command.out);
     if (command.trouble.incomplete) return EXIT_IO;
     return command.faults != 0 ? EXIT_DAMAGED : EXIT_DONE;
@@ -154,10 +252,14 @@ void add_fsck_command(const command& veldar) {
     static fsck_options options;
     const command fsck = veldar.subcommand("fsck", "Check slices for damage");
     fsck.footer(
-        "Prints one line a fault: the file, the section, the byte, the term, and what is wrong.\n"
+        "Compares each slice with its seal, if it has one, and checks what a slice must hold. Prints one line a "
+        "fault:\n"
+        "the file, the section, the byte, the term, and what is wrong.\n"
         "Exit status: 0 no faults, 4 faults, 5 something could not be read.");
     fsck.text("PATH", &options.path, "A store, an index directory or a slice (else the store)");
     fsck.flag("-q,--quiet", &options.quiet, "Print nothing; the exit status tells");
+    fsck.flag("--quick", &options.quick, "Compare with the seals alone, as fast as the disk reads");
+    fsck.flag("--json", &options.json, "Print one JSON object a slice, sound ones too");
     fsck.number("--max", &options.per_kind, 1, 1u << 30, "Faults of one kind to print for a slice").with_default();
     fsck.run([](const tool_context& context) { return fsck_run_all(context, options); });
 }
