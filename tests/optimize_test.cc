@@ -68,7 +68,7 @@ TEST_F(Optimize, ManifestTooLongToBeReadIsNotWritten) {
     tsidx_merge_commit commit(tsidx.get());
     ASSERT_EQ(commit.begin(&rc), 0) << rc.message;
     const std::vector<std::string> sources(MERGE_MAX_SOURCES, std::string(240, '0') + "1-1-1.tsidx");
-    EXPECT_EQ(commit.declare("9-1-5.tsidx", "9-1-5.pre-tsidx", sources, &rc), WARM_RC_DOES_NOT_FIT);
+    EXPECT_EQ(commit.declare(1, 9, sources, &rc), WARM_RC_DOES_NOT_FIT);
 }
 
 TEST_F(Optimize, ManifestIsBelievedOnlyWhole) {

@@ -106,7 +106,7 @@ int check_marks(int fd, const std::string& slice, slice_seal_t* seal, std::vecto
         ST_TRY(seal_read(slice, seal, rc));
     }
     for (const sealed_section_t& section : seal->sections) {
-        if (section.section == SEALED_D) faults->push_back({SEALED_D, section.offset, section.size});
+        if (section.section == SEALED_D) faults->push_back({SEALED_D, section.offset, section.size, seal->marks});
     }
     return 0;
 }
@@ -122,9 +122,10 @@ int check_sections(int fd, const slice_seal_t& seal, std::vector<seal_fault_t>* 
         hashes.clear();
         ST_TRY(hash_blocks(fd, section.offset, section.size, &piece, &hashes, &hashed, rc));
         for (uint64_t at = 0, i = 0; at < section.size; at += SEAL_BLOCK, i++, block++) {
-            const bool same = i < hashes.size() && hashes[i] == seal.blocks[block];
-            if (!same)
-                faults->push_back({section.section, section.offset + at, std::min(SEAL_BLOCK, section.size - at)});
+            const uint64_t hash = seal.blocks[block];
+            const bool same = i < hashes.size() && hashes[i] == hash;
+            if (same) continue;
+            faults->push_back({section.section, section.offset + at, std::min(SEAL_BLOCK, section.size - at), hash});
         }
     }
     ST_ASSERT(block == seal.blocks.size());
@@ -171,7 +172,7 @@ int seal_check(const std::string& slice, std::vector<seal_fault_t>* faults, warm
     uint64_t size = 0;
     if (osfile_get_size(fd.get(), &size) != 0) return _set_rc_msg(rc, WARM_RC_FILE_SIZE, slice.c_str());
     ST_TRY(check_sections(fd.get(), seal, faults, rc));
-    if (size > seal.size) faults->push_back({seal.sections.back().section, seal.size, size - seal.size});
+    if (size > seal.size) faults->push_back({seal.sections.back().section, seal.size, size - seal.size, 0});
     return check_marks(fd.get(), slice, &seal, faults, rc);
 }
 

@@ -75,6 +75,7 @@ struct slice_seal_t {
 struct seal_fault_t {
     seal_section_t section = SEALED_HEADER;
     uint64_t offset = 0, size = 0;
+    uint64_t hash = 0;  // of what it was; 0 for a piece behind the end of what was sealed
 };
 
 // All of these may throw std::bad_alloc, before they changed anything. `slice` is the path of a slice.
@@ -100,6 +101,10 @@ std::string seal_path(const std::string& slice);
 // The same as one status, for whoever is about to copy the slice: WARM_RC_CORRUPT with the first fault and the path for
 // one that differs; 0 also for a slice without a seal.
 [[nodiscard]] int seal_verify(const std::string& slice, warm_rc_t* rc);
+
+// Looks for the one bit of the bytes that, flipped back, gives them the hash, and flips it: false when there is none. As
+// slow as hashing the bytes half as often as they have bits: about 2 seconds for a block.
+bool seal_repair(std::span<uint8_t> bytes, uint64_t hash);
 
 // A delete, under the directory's lock: `now` are d's bytes before it, `then` as they will be. 0, also for a slice
 // without a seal, or with a damaged one; WARM_RC_CORRUPT when `now` is not what was sealed; WARM_RC_OPEN,

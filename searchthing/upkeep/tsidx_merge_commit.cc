@@ -10,6 +10,7 @@
 #include "searchthing/directory/tsidx_handle.h"
 #include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
+#include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/upkeep/tsidx_merge_commit_internal.h"
 
 namespace veldar {
@@ -73,11 +74,23 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
     return write_text(fd_.get(), text) == 0 ? 0 : fail_write(rc);
 }
 
-int tsidx_merge_commit::declare(const std::string& target, const std::string& temp, std::vector<std::string> sources,
-                                warm_rc_t* rc) {
+// The names that the target has before and after the merge takes effect.
+int tsidx_merge_commit::name_target(st_time_t earliest, st_time_t latest, warm_rc_t* rc) {
+    const uint64_t id = st_warm_slice_unique_id(&tsidx_->rng);
+    const char* const directory = tsidx_->path.c_str();
+    ospath_buf path;
+    for (const char* suffix : {TSIDX_PRE_SUFFIX, TSIDX_SUFFIX}) {
+        const int named = st_warm_slice_filename(&path, directory, suffix, earliest, latest, id);
+        if (named != 0) return _set_rc_msg(rc, named, directory);
+        const std::string text = path.val;
+        (suffix == TSIDX_SUFFIX ? manifest_.target : manifest_.temp) = text.substr(text.rfind('/') + 1);
+    }
+    return 0;
+}
+
+int tsidx_merge_commit::declare(st_time_t earliest, st_time_t latest, std::vector<std::string> sources, warm_rc_t* rc) {
     ST_ASSERT(state_ == TMP && temp_path_.empty() && !sources.empty() && sources.size() <= MERGE_MAX_SOURCES);
-    manifest_.target = target;
-    manifest_.temp = temp;
+    ST_TRY(name_target(earliest, latest, rc));
     manifest_.sources = std::move(sources);
     const std::string text = merge_manifest_text(manifest_);
     // Names may have any number of leading zeros.
@@ -85,7 +98,7 @@ int tsidx_merge_commit::declare(const std::string& target, const std::string& te
     const size_t written = merge_manifest_owner_text(manifest_.owner).size();
     if (write_text(fd_.get(), std::string_view(text).substr(written)) != 0) return fail_write(rc);
     if (tsidx_->durable && osfile_flush(fd_.get()) != 0) return fail_write(rc);
-    temp_path_ = tsidx_->path + "/" + temp;
+    temp_path_ = tsidx_->path + "/" + manifest_.temp;
     return 0;
 }
 
@@ -117,10 +130,10 @@ void tsidx_merge_commit::write_seal() {
     tsidx_warn_unsealed(target.c_str(), rc);
 }
 
-int tsidx_merge_commit::put_in_effect(warm_merge_t* merge, warm_rc_t* rc) {
+int tsidx_merge_commit::put_in_effect(const carry_fn& carry, warm_rc_t* rc) {
     ST_ASSERT(state_ == RENAMED && tsidx_->is_locked);
     const std::string target = tsidx_->path + "/" + manifest_.target;
-    ST_TRY(st_warm_slice_merge_carry_deletes(merge, temp_path_.c_str(), rc));
+    ST_TRY(carry(temp_path_, rc));
     write_seal();
     if (ospath_link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
     state_ = COMMITTED;
@@ -130,14 +143,14 @@ int tsidx_merge_commit::put_in_effect(warm_merge_t* merge, warm_rc_t* rc) {
     return flushed;
 }
 
-int tsidx_merge_commit::commit(warm_merge_t* merge, warm_rc_t* rc) {
+int tsidx_merge_commit::commit(const carry_fn& carry, warm_rc_t* rc) {
     ST_ASSERT(state_ == TMP && !temp_path_.empty());
     ST_TRY(publish(rc));
     tsidx_lock lock;
     if (lock.acquire(tsidx_, LOCK_PATIENCE * tsidx_->lock_seconds, &tsidx_->merge_stop) != 0) {
         return _cpy_rc(rc, &tsidx_->last_failure);
     }
-    ST_TRY(put_in_effect(merge, rc));
+    ST_TRY(put_in_effect(carry, rc));
     warm_rc_t unremoved;
     ST_TRY(tsidx_settle_merge(tsidx_, rc, &unremoved));
     return unremoved.warm_rc == 0 ? 0 : _cpy_rc(rc, &unremoved);

@@ -20,6 +20,7 @@
 // manifest, and where there is no flock by the owner's process, host and run of the system.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,7 +28,6 @@
 #include "libzero/resource.h"
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/seal/slice_seal.h"
 
 namespace veldar {
@@ -45,9 +45,9 @@ class tsidx_merge_commit {
     // M0. 0, WARM_RC_CANCELLED, WARM_RC_MANIFEST_EXISTS when another merge is at work, WARM_RC_LOCK without the lock,
     // WARM_RC_PATH_TOO_LONG, WARM_RC_OPEN, WARM_RC_WRITE.
     [[nodiscard]] int begin(warm_rc_t* rc);
-    // The first half of M1: `target` and `temp` are names in the directory. 0 or WARM_RC_WRITE.
-    [[nodiscard]] int declare(const std::string& target, const std::string& temp, std::vector<std::string> sources,
-                              warm_rc_t* rc);
+    // The first half of M1: the target will have events of these times. 0, WARM_RC_PATH_TOO_LONG, WARM_RC_DOES_NOT_FIT
+    // or WARM_RC_WRITE.
+    [[nodiscard]] int declare(st_time_t earliest, st_time_t latest, std::vector<std::string> sources, warm_rc_t* rc);
     std::string temp_path() const;
     // The end of M1: has the target sealed. A seal that cannot be told keeps nothing from being.
     void seal();
@@ -55,14 +55,17 @@ class tsidx_merge_commit {
     // that readers see; one behind it, such as a source that cannot be removed, leaves the target in effect and the
     // rest to the next settling. WARM_RC_CANCELLED, when stopped while waiting for the lock, WARM_RC_LOCK, WARM_RC_OPEN, WARM_RC_WRITE, WARM_RC_RETRIES or the
     // status of carrying the deletes.
-    [[nodiscard]] int commit(warm_merge_t* merge, warm_rc_t* rc);
+    // `carry` brings the target, at that path, up to date with what was deleted from the sources meanwhile.
+    using carry_fn = std::function<int(const std::string& target, warm_rc_t* rc)>;
+    [[nodiscard]] int commit(const carry_fn& carry, warm_rc_t* rc);
 
   private:
     enum state_t { NOTHING, TMP, RENAMED, COMMITTED };
 
     [[nodiscard]] int publish(warm_rc_t* rc);
-    [[nodiscard]] int put_in_effect(warm_merge_t* merge, warm_rc_t* rc);
+    [[nodiscard]] int put_in_effect(const carry_fn& carry, warm_rc_t* rc);
     void write_seal();
+    [[nodiscard]] int name_target(st_time_t earliest, st_time_t latest, warm_rc_t* rc);
 
     TSIDX* tsidx_;
     state_t state_ = NOTHING;

@@ -11,6 +11,7 @@
 #include "searchthing/base/log.h"
 #include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
+#include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/seal/slice_seal.h"
@@ -175,24 +176,6 @@ int check_space(const TSIDX* tsidx, uint64_t needed, warm_rc_t* rc) {
     return _set_rc_msg(rc, WARM_RC_WRITE, message);
 }
 
-// The names that the target has before and after the merge takes effect.
-struct target_names {
-    std::string temp, target;
-};
-
-int name_target(TSIDX* tsidx, const warm_merge_totals_t& totals, target_names* names, warm_rc_t* rc) {
-    const uint64_t id = st_warm_slice_unique_id(&tsidx->rng);
-    const char* const directory = tsidx->path.c_str();
-    ospath_buf path;
-    for (const char* suffix : {TSIDX_PRE_SUFFIX, TSIDX_SUFFIX}) {
-        const int named = st_warm_slice_filename(&path, directory, suffix, totals.earliest, totals.latest, id);
-        if (named != 0) return _set_rc_msg(rc, named, directory);
-        const std::string text = path.val;
-        (suffix == TSIDX_SUFFIX ? names->target : names->temp) = text.substr(text.rfind('/') + 1);
-    }
-    return 0;
-}
-
 merge_ptr open_merge(const TSIDX* tsidx, const tsidx_optimize_plan_t& plan, uint32_t lexicon_tpb, warm_rc_t* rc) {
     std::vector<std::string> paths;
     for (const std::string& source : plan.sources) paths.push_back(tsidx->path + "/" + source);
@@ -219,12 +202,15 @@ int merge_once(TSIDX* tsidx, const tsidx_merge_rules_t& rules, uint32_t lexicon_
     ST_TRY(check_space(tsidx, plan.bytes, rc));
     const merge_ptr merge = open_merge(tsidx, plan, lexicon_tpb, rc);
     if (merge == nullptr) return has_vanished(*rc) ? VANISHED : rc->warm_rc;
-    target_names names;
-    ST_TRY(name_target(tsidx, *st_warm_slice_merge_totals(merge.get()), &names, rc));
-    ST_TRY(commit.declare(names.target, names.temp, plan.sources, rc));
+    const warm_merge_totals_t& totals = *st_warm_slice_merge_totals(merge.get());
+    ST_TRY(commit.declare(totals.earliest, totals.latest, plan.sources, rc));
     ST_TRY(st_warm_slice_merge_write(merge.get(), commit.temp_path().c_str(), tsidx->durable, rc));
     commit.seal();
-    const int committed = commit.commit(merge.get(), rc);
+    const int committed = commit.commit(
+        [&merge](const std::string& target, warm_rc_t* why) {
+            return st_warm_slice_merge_carry_deletes(merge.get(), target.c_str(), why);
+        },
+        rc);
     tsidx->cache.close_unused();  // the sources among them still take their disk space
     return committed;
 }

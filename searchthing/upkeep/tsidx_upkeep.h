@@ -55,6 +55,15 @@ void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds);
 // opening or reading the slice reports, WARM_RC_OPEN or WARM_RC_WRITE of the seal.
 [[nodiscard]] int st_tsidx_seal(TSIDX* tsidx, const char* name);
 
+// Puts a slice in the place of another one, as a merge does: readers see one of the two, and so they do after a crash.
+// `name` is the old slice, `by` the path of the new one in the same file system, null for none at all, and `modified_ns`
+// when the old file was last modified before it was read for the new one, in nanoseconds since the epoch. The old slice,
+// with its seal, is first given a name in the directory `aside`. 0; WARM_RC_RETRIES when the old slice has been deleted
+// from since; WARM_RC_UNSUPPORTED for a handle open for reading; WARM_RC_OPEN when a name cannot be made; else what a
+// merge reports.
+[[nodiscard]] int st_tsidx_replace(TSIDX* tsidx, const char* name, const char* by, const char* aside,
+                                   int64_t modified_ns);
+
 // Merging slices, one merge a call.
 //
 // Any number of processes may read the directory, write into it and delete from it meanwhile; of those that merge, one

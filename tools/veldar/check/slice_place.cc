@@ -11,17 +11,6 @@ namespace veldar::tool {
 
 namespace {
 
-constexpr uint32_t NONE = UINT32_MAX;
-
-// Numbers from the first to the last, `first` NONE for none.
-struct number_range {
-    uint32_t first = NONE, last = 0;
-    void add(uint32_t number) {
-        if (first == NONE) first = number;
-        last = number;
-    }
-};
-
 // Which entries of `nbits` each, `count` of them from `begin` on, lie in the bytes.
 number_range entries_in(const seal_fault_t& fault, uint64_t begin, uint64_t nbits, uint32_t count) {
     number_range out;
@@ -35,13 +24,13 @@ number_range entries_in(const seal_fault_t& fault, uint64_t begin, uint64_t nbit
 }
 
 std::string numbers_text(const char* what, const number_range& range) {
-    if (range.first == NONE) return {};
+    if (range.first == NO_NUMBER) return {};
     return range.first == range.last ? fmt::format("{} {}", what, range.first)
                                      : fmt::format("{}s {} to {}", what, range.first, range.last);
 }
 
 std::string terms_text(const slice_image& image, const number_range& terms) {
-    if (terms.first == NONE) return {};
+    if (terms.first == NO_NUMBER) return {};
     lexicon_image lexicon;
     std::string names[2];
     if (lexicon_image_read(image.bytes, image.sections[IN_LEXICON].offset, &lexicon)) {
@@ -56,12 +45,13 @@ std::string terms_text(const slice_image& image, const number_range& terms) {
 }
 
 // The blocks of the lexicon that the bytes touch.
-std::string lexicon_place(const slice_image& image, const seal_fault_t& fault) {
-    lexicon_image lexicon;
-    if (!lexicon_image_read(image.bytes, image.sections[IN_LEXICON].offset, &lexicon)) return "its head";
-    const auto data = static_cast<uint64_t>(lexicon.data.data() - image.bytes.data());
-    if (fault.offset + fault.size <= data) return "its block table";
+number_range lexicon_place(const slice_image& image, const seal_fault_t& fault) {
     number_range terms;
+    lexicon_image lexicon;
+    if (!lexicon_image_read(image.bytes, image.sections[IN_LEXICON].offset, &lexicon)) return terms;
+    const auto data = static_cast<uint64_t>(lexicon.data.data() - image.bytes.data());
+    // Head and table say where every term is.
+    if (fault.offset < data) return {0, lexicon.terms == 0 ? 0 : lexicon.terms - 1};
     uint64_t begin = data;
     for (uint32_t block = 0; block < lexicon.blocks; block++) {
         const uint64_t end = begin + lexicon_block_bytes(lexicon, block);
@@ -71,11 +61,11 @@ std::string lexicon_place(const slice_image& image, const seal_fault_t& fault) {
         }
         begin = end;
     }
-    return terms_text(image, terms);
+    return terms;
 }
 
 // The terms whose lists lie in the bytes.
-std::string lists_place(const slice_image& image, const seal_fault_t& fault) {
+number_range lists_place(const slice_image& image, const seal_fault_t& fault) {
     if (!slice_section_whole(image, IN_OFFSETS)) return {};
     const std::span<const uint8_t> entries = slice_section_bytes(image, IN_OFFSETS);
     const uint32_t width = _get_plo_size(&image.header), tag_bits = warm_header_plo_tag_bits(&image.header);
@@ -93,10 +83,10 @@ std::string lists_place(const slice_image& image, const seal_fault_t& fault) {
         begin = next;
         open = term;
     }
-    return terms_text(image, terms);
+    return terms;
 }
 
-std::string column_place(const slice_image& image, const seal_fault_t& fault) {
+number_range column_place(const slice_image& image, const seal_fault_t& fault) {
     const section_place& at = image.sections[IN_CSTORE];
     const uint64_t footer = at.offset + image.header.cstore_ref.get(), file = image.bytes.size();
     if (at.state != SECTION_WHOLE || footer + 16 > file) return {};
@@ -108,24 +98,39 @@ std::string column_place(const slice_image& image, const seal_fault_t& fault) {
         const uint64_t end = i + 1 < columns ? at.offset + uint64_t{load_le32(entry + 12)} * 8 : footer;
         if (begin < fault.offset + fault.size && end > fault.offset) terms.add(load_le32(entry));
     }
-    return terms_text(image, terms);
+    return terms;
 }
 
-std::string values_place(const slice_image& image, const seal_fault_t& fault) {
-    const section_place& at = image.sections[IN_VALUES];
-    const uint32_t values = image.header.num_values.get();
-    // Preambles lie before the values; then the section's size tells no width.
-    if (values == 0 || tsval_encoding(&image.header) == TSVAL_WITH_PREAMBLES) return {};
-    return numbers_text("value", entries_in(fault, at.offset, std::max<uint64_t>(1, at.size * 8 / values), values));
+number_range values_place(const slice_image& image, const seal_fault_t& fault) {
+    const st_warm_slice_body& h = image.header;
+    const uint64_t begin = image.sections[IN_VALUES].offset;
+    const uint32_t values = h.num_values.get();
+    if (tsval_encoding(&h) == TSVAL_PLAIN) return entries_in(fault, begin, 64, values);
+    const uint64_t preambles = tsval_encoding(&h) == TSVAL_WITH_PREAMBLES ? h.num_dimsets.get() : 0;
+    const uint32_t nbits = warm_header_meta_time_nbits(&h) + warm_header_seek_addr_nbits(&h);
+    // A preamble says how many values a set has, and so which all that follow are.
+    if (fault.offset < begin + 8 * preambles) return {0, values == 0 ? 0 : values - 1};
+    return entries_in(fault, begin + 8 * preambles, nbits, values);
+}
+
+number_range metadata_place(const slice_image& image, const seal_fault_t& fault) {
+    const st_warm_slice_body& h = image.header;
+    const uint32_t type = warm_header_meta_type(&h);
+    const uint64_t nbits = type == META_PACKED ? warm_header_meta_nbits(&h) : type == META_FULL ? 96 : 32;
+    return entries_in(fault, image.sections[IN_METADATA].offset, nbits, h.num_terms.get());
+}
+
+bool holds_values(seal_section_t section) {
+    return section >= SEALED_VALUES && section <= SEALED_D;
 }
 
 }  // namespace
 
-std::string slice_place_text(const slice_image& image, const seal_fault_t& fault) {
+number_range slice_place_numbers(const slice_image& image, const seal_fault_t& fault) {
     const st_warm_slice_body& h = image.header;
     const uint32_t values = h.num_values.get(), terms = h.num_terms.get();
     const auto companion = [&](slice_section_t section, uint32_t nbits) {
-        return numbers_text("value", entries_in(fault, image.sections[section].offset, nbits, values));
+        return entries_in(fault, image.sections[section].offset, nbits, values);
     };
     if (!image.has_header) return {};
     switch (fault.section) {
@@ -142,12 +147,9 @@ std::string slice_place_text(const slice_image& image, const seal_fault_t& fault
         case SEALED_D:
             return companion(IN_D, 1);
         case SEALED_OFFSETS:
-            return terms_text(image,
-                              entries_in(fault, image.sections[IN_OFFSETS].offset, 8 * _get_plo_size(&h), terms));
-        case SEALED_METADATA: {
-            const section_place& at = image.sections[IN_METADATA];
-            return terms_text(image, entries_in(fault, at.offset, terms == 0 ? 0 : at.size * 8 / terms, terms));
-        }
+            return entries_in(fault, image.sections[IN_OFFSETS].offset, 8 * _get_plo_size(&h), terms);
+        case SEALED_METADATA:
+            return metadata_place(image, fault);
         case SEALED_LEXICON:
             return lexicon_place(image, fault);
         case SEALED_LISTS:
@@ -157,6 +159,11 @@ std::string slice_place_text(const slice_image& image, const seal_fault_t& fault
         default:
             return {};
     }
+}
+
+std::string slice_place_text(const slice_image& image, const seal_fault_t& fault) {
+    const number_range range = slice_place_numbers(image, fault);
+    return holds_values(fault.section) ? numbers_text("value", range) : terms_text(image, range);
 }
 
 }  // namespace veldar::tool

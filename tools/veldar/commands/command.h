@@ -84,6 +84,8 @@ void add_seen_command(const command& veldar);
 void add_explain_command(const command& veldar);
 void add_fsck_command(const command& veldar);
 void add_seal_command(const command& veldar);
+void add_salvage_command(const command& veldar);
+void add_rebuild_command(const command& veldar);
 void add_info_command(const command& veldar);
 void add_ls_command(const command& veldar);
 void add_dump_command(const command& veldar);

@@ -7,6 +7,7 @@
 
 #include "tools/veldar/check/fsck_seal.h"
 #include "tools/veldar/check/fsck_slice.h"
+#include "tools/veldar/check/fsck_source.h"
 #include "tools/veldar/check/fsck_store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
@@ -20,7 +21,8 @@ namespace {
 
 struct fsck_options {
     std::string path;
-    bool quiet = false, quick = false, json = false;
+    bool quiet = false, quick = false, json = false, against_source = false;
+    uint64_t sample = 1;
     uint32_t per_kind = 10;
 };
 
@@ -233,6 +235,31 @@ std::string summary(const fsck_command& command) {
     return text + "\n";
 }
 
+// The events of every slice that can be read against their logs.
+void compare_with_source(fsck_command* command) {
+    source_check check;
+    check.every = command->options->sample;
+    check.most_lines = command->options->per_kind;
+    source_check_open(&check, &command->set, &command->trouble);
+    for (size_t i = 0; i < command->set.slices->size(); i++) {
+        const uint32_t directory = command->set.slices->source(i);
+        snapshot_slice_ptr warm;
+        std::string error;
+        warm_rc_t rc;
+        if (!command->set.directories[directory].has_sources) continue;
+        const slice_state_t state = slice_open(command->set, i, &warm, &error);
+        if (state == SLICE_UNREADABLE) troubles_add(&command->trouble, error);
+        if (state != SLICE_OPEN || source_check_slice(&check, warm.get(), directory, &rc) == 0) continue;
+        slice_tell(command->set.slices->path(i), rc, &command->trouble);
+    }
+    command->faults += check.differing;
+    if (command->options->quiet) return;
+    for (const std::string& line : check.lines) put_line(command, "source", line);
+    if (command->options->json) return;
+    output_put(&command->out, fmt::format("{} events compared with their logs, {} differ, {} cannot be read there\n",
+                                          check.compared, check.differing, check.unreadable));
+}
+
 int fsck_run_all(const tool_context& context, const fsck_options& options) {
     fsck_command command;
     command.options = &options;
@@ -240,6 +267,7 @@ int fsck_run_all(const tool_context& context, const fsck_options& options) {
     output_open(&command.out, "never");
     if (!options.quick) open_store(&command);
     slices_hold(command.set, &command.trouble, [&] { return check_all(&command); });
+    if (options.against_source) compare_with_source(&command);
     if (!options.quiet && !options.json) output_put(&command.out, summary(command));
     output_flush(&command.out);
     if (command.trouble.incomplete) return EXIT_IO;
@@ -260,6 +288,10 @@ void add_fsck_command(const command& veldar) {
     fsck.flag("-q,--quiet", &options.quiet, "Print nothing; the exit status tells");
     fsck.flag("--quick", &options.quick, "Compare with the seals alone, as fast as the disk reads");
     fsck.flag("--json", &options.json, "Print one JSON object a slice, sound ones too");
+    fsck.flag("--against-source", &options.against_source,
+              "Read the logs again and compare times and terms with the index");
+    fsck.number("--sample", &options.sample, 1, 1u << 30, "With --against-source: one in so many events")
+        .with_default();
     fsck.number("--max", &options.per_kind, 1, 1u << 30, "Faults of one kind to print for a slice").with_default();
     fsck.run([](const tool_context& context) { return fsck_run_all(context, options); });
 }

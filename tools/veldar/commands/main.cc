@@ -11,14 +11,14 @@
 namespace {
 
 constexpr void (*COMMANDS[])(const veldar::tool::command&) = {
-    veldar::tool::add_put_command,    veldar::tool::add_load_command,     veldar::tool::add_search_command,
-    veldar::tool::add_count_command,  veldar::tool::add_stats_command,    veldar::tool::add_top_command,
-    veldar::tool::add_new_command,    veldar::tool::add_diff_command,     veldar::tool::add_terms_command,
-    veldar::tool::add_fields_command, veldar::tool::add_seen_command,     veldar::tool::add_explain_command,
-    veldar::tool::add_fsck_command,   veldar::tool::add_seal_command,     veldar::tool::add_info_command,
-    veldar::tool::add_ls_command,     veldar::tool::add_dump_command,     veldar::tool::add_delete_command,
-    veldar::tool::add_health_command, veldar::tool::add_optimize_command, veldar::tool::add_metrics_command,
-    veldar::tool::add_forget_command,
+    veldar::tool::add_put_command,      veldar::tool::add_load_command,    veldar::tool::add_search_command,
+    veldar::tool::add_count_command,    veldar::tool::add_stats_command,   veldar::tool::add_top_command,
+    veldar::tool::add_new_command,      veldar::tool::add_diff_command,    veldar::tool::add_terms_command,
+    veldar::tool::add_fields_command,   veldar::tool::add_seen_command,    veldar::tool::add_explain_command,
+    veldar::tool::add_fsck_command,     veldar::tool::add_seal_command,    veldar::tool::add_salvage_command,
+    veldar::tool::add_rebuild_command,  veldar::tool::add_info_command,    veldar::tool::add_ls_command,
+    veldar::tool::add_dump_command,     veldar::tool::add_delete_command,  veldar::tool::add_health_command,
+    veldar::tool::add_optimize_command, veldar::tool::add_metrics_command, veldar::tool::add_forget_command,
 };
 
 }  // namespace

@@ -1,0 +1,81 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+#include "libzero/assertions.h"
+#include "libzero/change_stamp.h"
+#include "libzero/osfile.h"
+#include "searchthing/directory/tsidx_handle.h"
+#include "searchthing/directory/tsidx_lock.h"
+#include "searchthing/reading/tsidx_snapshot_walk.h"
+#include "searchthing/upkeep/tsidx_merge_commit_internal.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
+
+namespace veldar {
+
+namespace {
+
+// Gives the slice, and its seal if it has one, second names in another directory.
+int keep_aside(const TSIDX* tsidx, const std::string& slice, const std::string& aside, warm_rc_t* rc) {
+    const std::string kept = aside + slice.substr(slice.rfind('/'));
+    if (ospath_link(slice.c_str(), kept.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_OPEN, kept.c_str());
+    const bool sealed = ospath_link(seal_path(slice).c_str(), seal_path(kept).c_str()) == 0;
+    if (!sealed && errno != ENOENT) return _set_rc_msg(rc, WARM_RC_OPEN, seal_path(kept).c_str());
+    return tsidx_flush(tsidx, aside.c_str(), O_DIRECTORY, rc);
+}
+
+int check_unchanged(const std::string& slice, int64_t modified_ns, warm_rc_t* rc) {
+    change_stamp now;
+    if (change_stamp_of(slice.c_str(), &now) && now.modified_ns == modified_ns) return 0;
+    return _set_rc_msg(rc, WARM_RC_RETRIES, ("a slice has been deleted from meanwhile: " + slice).c_str());
+}
+
+int remove_old(TSIDX* tsidx, const std::string& slice, const std::string& aside, int64_t modified_ns, warm_rc_t* rc) {
+    tsidx_lock lock;
+    if (lock.acquire(tsidx, tsidx->lock_seconds) != 0) return _cpy_rc(rc, &tsidx->last_failure);
+    ST_TRY(check_unchanged(slice, modified_ns, rc));
+    ST_TRY(keep_aside(tsidx, slice, aside, rc));
+    tsidx_remove_slice(tsidx, slice);
+    return 0;
+}
+
+int put_in_place(TSIDX* tsidx, const std::string& slice, const std::string& by, const std::string& aside,
+                 int64_t modified_ns, warm_rc_t* rc) {
+    const warm_ptr warm(st_warm_slice_open_rdonly(by.c_str(), rc));
+    if (warm == nullptr) return rc->warm_rc;
+    tsidx_merge_commit commit(tsidx);
+    ST_TRY(commit.begin(rc));
+    ST_TRY(commit.declare(st_warm_slice_earliest(warm.get()), st_warm_slice_latest(warm.get()),
+                          {slice.substr(slice.rfind('/') + 1)}, rc));
+    if (ospath_link(by.c_str(), commit.temp_path().c_str()) != 0) return _set_rc_msg(rc, WARM_RC_OPEN, by.c_str());
+    ST_TRY(tsidx_flush(tsidx, by.c_str(), 0, rc));
+    commit.seal();
+    const auto carry = [&](const std::string&, warm_rc_t* why) {
+        ST_TRY(check_unchanged(slice, modified_ns, why));
+        return keep_aside(tsidx, slice, aside, why);
+    };
+    const int committed = commit.commit(carry, rc);
+    tsidx->cache.close_unused();
+    return committed;
+}
+
+}  // namespace
+
+int st_tsidx_replace(TSIDX* tsidx, const char* name, const char* by, const char* aside, int64_t modified_ns) {
+    ST_ASSERT(tsidx != nullptr && name != nullptr && aside != nullptr);
+    warm_rc_t* const rc = &tsidx->last_failure;
+    if (!tsidx_is_writable(tsidx)) return _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "directory is open for reading");
+    try {
+        const std::string slice = tsidx->path + "/" + name;
+        warm_rc_t result;
+        const int status = by == nullptr ? remove_old(tsidx, slice, aside, modified_ns, &result)
+                                         : put_in_place(tsidx, slice, by, aside, modified_ns, &result);
+        return status == 0 ? 0 : _cpy_rc(rc, &result);
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
+}
+
+}  // namespace veldar
