@@ -377,6 +377,10 @@ TEST(Cstore, SlicesWithoutAStoreOrWithThatOfAnother) {
     EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
     EXPECT_STREQ(rc.message, "cstore footer is corrupted");
     other = body;
+    other.num_dimsets.set(body.num_dimsets.get() - 1);
+    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
+    EXPECT_STREQ(rc.message, "cstore footer is corrupted");
+    other = body;
     other.cstore_ref.set(body.cstore_ref.get() + 8);
     EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
     EXPECT_EQ(rc.warm_rc, WARM_RC_CORRUPT);

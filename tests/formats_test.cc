@@ -217,6 +217,7 @@ TEST(Formats, LinesOfAnotherFormHaveNoTimeButTheirPairs) {
     EXPECT_EQ(parse_with("iso8601", "2038-01-19 03:14:08"), "-");
     EXPECT_EQ(parse_with("iso8601", "1901-12-13 20:45:52 k=v"), "-2147483648.0 k=v");
     EXPECT_EQ(parse_with("epoch", "9999999999 k=v"), "- k=v");
+    EXPECT_EQ(parse_with("epoch", "9999999999 k=v\x7Fw"), "- k=v");
 }
 
 TEST(Formats, YearsFollowTheModificationTimeAndTheLinesBefore) {
@@ -385,6 +386,9 @@ TEST(Formats, BytesOfTheJournalAreText) {
     std::string scratch;
     EXPECT_EQ(json_text(R"({"MESSAGE" : [104, 105,255],"a":"\t"})", &scratch),
               "{\"MESSAGE\" : [104, 105,255],\"a\":\"\t\"}\nhi\xFF");
+    EXPECT_EQ(json_text(R"({"a":"\u00e9\u20AC\ud83d\ude00\ud83d\u0041\ud83dx\u12\q\/"})", &scratch),
+              "{\"a\":\"\u00E9\u20AC\U0001F600\xED\xA0\xBD"
+              "A\xED\xA0\xBDx\\u12\\q/\"}");
     for (const char* line : {R"({"MESSAGE":"x"})", R"({"MESSAGE"})", "{\"MESSAGE\":"}) {
         EXPECT_EQ(json_text(line, &scratch), line);
     }

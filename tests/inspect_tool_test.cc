@@ -23,6 +23,7 @@
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/load/merging.h"
 #include "tools/veldar/query/slice_events.h"
+#include "tools/veldar/store/tool_failure.h"
 #include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
@@ -62,6 +63,12 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
             store_be32(at, load_be32(at) + later);
             EXPECT_NE(fsck_bytes(bad, path).find(said), bad.npos) << field;
         }
+        std::string odd = bytes;  // the second run has the values of the first, which has none
+        auto* const runs = reinterpret_cast<uint8_t*>(odd.data() + image.sections[IN_VALUES].offset);
+        store_le32(runs + 12, load_le32(runs + 12) + load_le32(runs + 4));
+        store_le32(runs + 8, load_le32(runs));
+        store_le32(runs + 4, 0);
+        EXPECT_NE(fsck_bytes(odd, path).find("runs do not follow each other"), odd.npos);
         const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
         for (const slice_section_t section : {IN_VALUES, IN_OFFSETS, IN_METADATA, IN_LISTS, IN_DIMSETS, IN_CSTORE}) {
             ASSERT_EQ(image.sections[section].state, SECTION_WHOLE);
@@ -278,6 +285,13 @@ TEST(Fsck, NamesFaultsOfLargeTermsAndLists) {
     bytes[picture.at.lexicon + 16 + 2049] = 1;  // shares one byte now
     EXPECT_NE(fsck_bytes(bytes, "slice").find(": term too long: 2048 bytes\n"), std::string::npos);
 
+    bytes = forge_slice({{.time = 1, .s = 5, .st = 1, .h = 40, .terms = {"a"}}}, {}, &picture);
+    for (const auto& [at, bit] : {std::pair(picture.at.s, 3), {picture.at.st, 1}, {picture.at.h, 6}}) {
+        std::string padded = bytes;
+        padded[at] = static_cast<char>(padded[at] | 1 << bit);
+        EXPECT_NE(fsck_bytes(padded, "slice").find("padding is not zero"), std::string::npos) << bit;
+    }
+
     // Events at one time and address take no bytes, so there can be any number of them.
     options.wflags = FORGE_TAG2 | FORGE_PACKED;
     options.companions = false;
@@ -373,6 +387,68 @@ TEST(Fsck, ExitStatusTells) {
 // A command of the tool inside of this process.
 int run_command(void (*add)(const command&), const std::vector<std::string>& arguments) {
     return command_line_run({{add}}, arguments, "");
+}
+
+// Whatever fails beneath a command that reads: it says all that there is, or that something failed.
+TEST(Inspect, EveryFailureIsTold) {
+    const lock_optimism optimism;
+    const temp_dir dir;
+    std::string log, store = dir.file("store"), metrics = store + "/metrics";
+    for (int i = 10; i < 60; i++)
+        log += "2024-01-01T00:00:" + std::to_string(i) + "Z n=" + std::to_string(i % 3) + "\n";
+    write_file(dir.file("log"), log);
+    write_file(dir.file("m"), "up{host=\"a\"} 1 100\nup{host=\"b\"} 2 101\n");
+    ASSERT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
+    ASSERT_EQ(run_tool(TOOL, {"-s", store, "metrics", "load", dir.file("m")}).status, 0);
+    const struct {
+        void (*add)(const command&);
+        std::vector<std::string> arguments;
+    } asked[] = {
+        {add_search_command, {"search", "n=1", "--format", "jsonl"}},
+        {add_count_command, {"count", "\"n=1\"", "--until", "2024-01-01T00:00:40.5"}},
+        {add_stats_command, {"stats", "--by", "n", "--every", "20s", "--agg", "avg(n)"}},
+        {add_top_command, {"top", "n"}},
+        {add_terms_command, {"terms", "n=*"}},
+        {add_fields_command, {"fields"}},
+        {add_seen_command, {"seen", "n=1"}},
+        {add_new_command, {"new", "--since", "2024-01-01T00:00:20"}},
+        {add_dump_command, {"dump", "--format", "tsv"}},
+        {add_ls_command, {"ls"}},
+        {add_health_command, {"health"}},
+        {add_fsck_command, {"fsck", store}},
+        {add_metrics_command, {"metrics", "ls"}},
+        {add_metrics_command, {"metrics", "query", "up"}},
+        {add_metrics_command, {"metrics", "query", "up", "--every", "1m"}},
+        {add_metrics_command, {"metrics", "dump"}},
+    };
+    for (const auto& [add, given] : asked) {
+        std::vector<std::string> arguments = given;
+        arguments.insert(arguments.end(), {"-s", store});
+        std::string whole;
+        for (const fault_action action : {fault_action::fail, fault_action::allocation}) {
+            for (uint64_t nth = 0, last = 1, step = 1; nth <= last; nth += nth == 0 ? 1 : step) {
+                int status = -1;
+                testing::internal::CaptureStdout();
+                testing::internal::CaptureStderr();
+                {
+                    const fault_step trouble(action, nth == 0 ? ~uint64_t{0} : nth, EIO);
+                    try {
+                        status = run_command(add, arguments);
+                    } catch (const std::exception&) {
+                    } catch (const tool_failure&) {
+                    }
+                    const bool calls = action == fault_action::fail;
+                    if (nth == 0) last = calls ? trouble.calls() : trouble.allocations();
+                    if (nth == 0) step = calls ? 1 : 1 + last / 40;
+                }
+                const std::string out = testing::internal::GetCapturedStdout();
+                const std::string err = testing::internal::GetCapturedStderr();
+                if (nth == 0) whole = out;
+                EXPECT_TRUE(nth == 0 ? status == 0 && !out.empty() : status != 0 || out == whole)
+                    << testing::PrintToString(arguments) << " " << nth << " " << static_cast<int>(action) << err << out;
+            }
+        }
+    }
 }
 
 // Between any two file calls the slices are merged: what went is checked in what it went into.
@@ -570,6 +646,7 @@ TEST(Delete, MarksWhatTheQueryFinds) {
     EXPECT_EQ(read_file(first) + read_file(second), before);
     EXPECT_EQ(run_tool(TOOL, arguments).out, number + "deleted\n");
     EXPECT_EQ(run_tool(TOOL, arguments).status, 1);
+    EXPECT_EQ(run_tool(TOOL, dry).status, 1);
     EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "count", "tenth"}).out, "0\n");
     EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "count", "*"}).out, std::to_string(150 - tenths) + "\n");
     EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 0);

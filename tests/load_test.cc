@@ -619,6 +619,7 @@ TEST_F(Load, FormatsOfTheUsersOwn) {
         {"pay = x\n", "formats:1: the expression names no groups"},
         {"json = (?P<a>x)\n", "there is another format json"},
         {"a b = (?P<a>x)\n", "a format's name is"},
+        {" = (?P<a>x)\n", "a format's name is"},
         {"time = %s\n", "formats:1: \"time"},
         {"p = (?P<a>x)\ntime = %s\n", "formats:2: the format p has no"},
         {"p = (?P<time>x)\ntime = %Q\n", "formats:2: %Q has an"}};

@@ -222,6 +222,7 @@ TEST(MetricsTool, OutputsOfAKnownIndex) {
 {"time":"1970-01-01T00:01:40Z","name":"cpu","labels":{"host":"a","mode":"idle"},"value":1.5}
 {"time":"1970-01-01T00:01:39Z","name":"disk","labels":{"host":"x,\"y"},"value":"-Inf"}
 )"},
+        {{"query", "cpu", "--agg", "min,max,count,sum", "--format", "csv"}, "min,max,count,sum\r\n1.5,3,3,4.5\r\n"},
         {{"query", "cpu", "-n", "2", "--format", "csv"},
          "time,series,value\r\n"
          "1970-01-01T00:01:42Z,\"cpu{host=\"\"b\"\"}\",3\r\n"

@@ -339,7 +339,7 @@ TEST_F(SearchTool, FieldsAndLinesAroundEvents) {
     };
     EXPECT_EQ(numbers({"n=1 OR n=3 OR n=7", "-C1"}), "6 7 8 -- 0 1 2 3 4 ");
     EXPECT_EQ(numbers({"n=1 OR n=2 OR n=4", "-C1", "-r"}), "0 1 2 3 4 5 ");
-    EXPECT_EQ(numbers({"n=1 OR n=8", "-B1", "--format", "jsonl"}), "1c7 18 2c0 21 ");
+    EXPECT_EQ(numbers({"n=1 OR n=8", "-B2", "--format", "jsonl"}), "1c6 1c7 18 2c0 21 ");
     EXPECT_EQ(numbers({"n=8", "--fields", "n,level,nosuch", "--format", "csv"}),
               "time,n,level,nosuch\r 2024-03-01T00:00:08Z,8;x,Info;info,\r ");
     EXPECT_EQ(
@@ -545,6 +545,8 @@ TEST_F(SearchTool, WrongUseIsRefusedWithTheSpot) {
         EXPECT_NE(refused.err.find(row.message), std::string::npos) << refused.err;
     }
     EXPECT_EQ(run_at(dir->file("nothing"), {"search", "a"}).status, 2);
+    EXPECT_EQ(run_at(dir->file("a.log/x"), {"search", "a"}).status, 2);
+    EXPECT_EQ(run({"qqqqqqqq"}).err.find("did you mean"), std::string::npos);
     EXPECT_EQ(run({"search", "level=info", "-n", "010"}).out, run({"search", "level=info", "-n", "10"}).out);
     const std::string version = run_tool("veldar/veldar", {"--version"}).out;
     EXPECT_EQ(version.starts_with("veldar ") && version.ends_with("\n") && std::isdigit(version[7]) != 0, true)

@@ -75,6 +75,8 @@ TEST(St, TransactionsAtEveryLevel) {
         EXPECT_EQ(st_need_optimize(thing), 1);
         EXPECT_TRUE(fs::remove(dir.file(TSIDX_NEED_OPTIMIZE_NAME)) && st_set_need_optimize(thing) == 0);
         EXPECT_TRUE(fs::exists(dir.file(TSIDX_NEED_OPTIMIZE_NAME)));
+        st_set_params(thing, 512, 1 << 16, 1024, 2048, 64, 64);
+        EXPECT_TRUE(st_max_term_chars(thing) == 1 << 16 && st_max_terms(thing) == 512 && st_max_values(thing) == 2048);
         EXPECT_EQ(st_options(thing, 1 << 17, 2048, 4096, 8192), 0);
         EXPECT_TRUE(st_max_term_chars(thing) == 1 << 17 && st_max_terms(thing) == 2048);
         EXPECT_TRUE(st_max_postings(thing) == 4096 && st_max_values(thing) == 8192);

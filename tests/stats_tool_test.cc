@@ -333,6 +333,15 @@ TEST_F(StatsTool, FormatsAndDrawings) {
     EXPECT_EQ(
         number_text(NAN) + number_text(-INFINITY) + number_text(INFINITY) + number_text(2e15) + number_text(-5e-5),
         "NaN-Inf+Inf2.00000e+15-5.00000e-05");
+    const strings halves = {"diff", "--before", "2024-03-30..2024-03-30T00:25", "--after",
+                            "2024-03-30T00:25..2024-03-31"};
+    EXPECT_EQ(must(with(halves, {"user"})), R"(change          g2  before  after  before_share  after_share  term
+vanished  -1.72609       1      0           0.5            0  user="a, b"
+more       1.72609       1      2           0.5            1  user=bob
+)");
+    const variable_set wider("COLUMNS", "60");
+    EXPECT_NE(must({"stats", "--every", "15m", "--plot"}).find("\n          |03-30 00:00        |03-30 01:00\n"),
+              std::string::npos);
     const variable_set columns("COLUMNS", "30");
     EXPECT_EQ(must({"stats", "--every", "1h", "--plot", "--tz", "+01:00"}), R"(count  every 1h
         3 │█████
@@ -498,6 +507,7 @@ TEST_F(StatsTool, WrongArgumentsAndUnreadableSlices) {
     } const wrong[] = {
         {{"stats", "--agg", "AGV(a)"}, "did you mean 'avg'?"},
         {{"stats", "--agg", "avg"}, "expected a field, such as avg(bytes)"},
+        {{"stats", "--agg", "max()"}, "expected a field, such as max(bytes)"},
         {{"stats", "--agg", "p101(a)"}, "is no aggregate"},
         {{"stats", "--by", "a,,b"}, "expected fields with commas between them"},
         {{"stats", "--by", "1,2,3,4,5,6,7,8,9"}, "at most 8 fields"},
