@@ -99,7 +99,10 @@ std::string merge_manifest_text(const merge_manifest_t& manifest) {
 }
 
 bool merge_manifest_parse_owner(std::string_view text, merge_owner_t* owner) {
-    return take_owner(&text, owner);
+    std::string_view rest = text;
+    if (!take_owner(&rest, owner)) return false;
+    // Zeros are what a loss of power leaves of bytes that did not reach the disk.
+    return text.substr(0, text.size() - rest.size()).find('\0') == text.npos;
 }
 
 bool merge_manifest_parse(std::string_view text, merge_manifest_t* manifest) {

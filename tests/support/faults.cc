@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "tests/support/call_record.h"
+#include "tests/support/file_log_hooks.h"
 
 namespace veldar {
 
@@ -139,6 +140,52 @@ Result noted(Result result, const char* call, Names... names) {
     return result;
 }
 
+std::string path_of(int fd) {
+    char path[4096];
+    const ssize_t size = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return {path, size < 0 ? 0 : static_cast<size_t>(size)};
+}
+
+// A writable mapping of a file, which a flush writes.
+struct mapping {
+    const char* at = nullptr;
+    size_t size = 0;
+    uint64_t inode = 0;
+};
+std::vector<mapping> mappings;
+
+// Logs what has been done, when that is asked for: with `fd`, its inode too.
+void log_call(file_op op, int fd = -1) {
+    if (!file_log_is_on()) return;
+    const int saved_errno = errno;
+    struct stat status = {};
+    if (fd >= 0 && ::fstat(fd, &status) == 0) op.inode = status.st_ino;
+    if (op.kind == file_op::SYNC && S_ISDIR(status.st_mode)) {
+        op.kind = file_op::SYNC_NAMES;
+        op.path = path_of(fd);
+    }
+    file_log_add(std::move(op));
+    errno = saved_errno;
+}
+void log_write(int fd, const void* data, ssize_t done, off_t offset) {
+    if (done <= 0 || !file_log_is_on()) return;
+    log_call({.kind = file_op::DATA,
+              .offset = static_cast<uint64_t>(offset),
+              .bytes = std::string(static_cast<const char*>(data), static_cast<size_t>(done))},
+             fd);
+}
+void log_sync(int result, int fd) {
+    if (result == 0) log_call({.kind = file_op::SYNC}, fd);
+}
+void log_flush(const void* at) {
+    for (const mapping& one : mappings) {
+        if (one.at != at || !file_log_is_on()) continue;
+        file_log_add({.kind = file_op::DATA, .inode = one.inode, .bytes = std::string(one.at, one.size)});
+        file_log_add({.kind = file_op::SYNC, .inode = one.inode});
+        return;
+    }
+}
+
 size_t maybe_half(size_t size, bool shortened) {
     return shortened && size > 1 ? size / 2 : size;
 }
@@ -251,7 +298,12 @@ uint64_t no_pauses::microseconds() const {
 
 using veldar::allocation_fails;
 using veldar::fault_call;
+using veldar::file_op;
 using veldar::flushes_skipped;
+using veldar::log_call;
+using veldar::log_flush;
+using veldar::log_sync;
+using veldar::log_write;
 using veldar::maybe_half;
 using veldar::noted;
 using veldar::through;
@@ -280,16 +332,20 @@ int __wrap_open(const char* path, int flags, ...) {
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const int fd = through(fault_call::open, -1, [&](bool) { return __real_open(path, flags, mode); });
+    if (fd >= 0 && (flags & O_CREAT) != 0) log_call({.kind = file_op::CREATE, .path = path}, fd);
+    if (fd >= 0 && (flags & O_TRUNC) != 0) log_call({.kind = file_op::SIZE}, fd);
     return (flags & O_CREAT) != 0 ? noted(fd, "create", path) : fd;
 }
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
     const ssize_t done = through(fault_call::write, ssize_t{-1},
                                  [&](bool half) { return __real_write(fd, data, maybe_half(size, half)); });
+    if (veldar::file_log_is_on()) log_write(fd, data, done, ::lseek(fd, 0, SEEK_CUR) - done);
     return noted(done, "write", fd);
 }
 ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
     const ssize_t done = through(fault_call::pwrite, ssize_t{-1},
                                  [&](bool half) { return __real_pwrite(fd, data, maybe_half(size, half), offset); });
+    log_write(fd, data, done, offset);
     return noted(done, "write", fd);
 }
 ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
@@ -315,23 +371,40 @@ int __wrap_close(int fd) {
         return through(fault_call::call, result(failure), [&](bool) { return __real_##name(__VA_ARGS__); }); \
     }
 // One that is noted when it succeeds.
-#define WRAP_NAMES(name, parameters, ...)                                      \
-    int __real_##name parameters;                                              \
-    int __wrap_##name parameters {                                             \
-        const auto real = [&](bool) { return __real_##name(__VA_ARGS__); };    \
-        return noted(through(fault_call::name, -1, real), #name, __VA_ARGS__); \
+#define WRAP_NAMES(name, logged_as, first, second, parameters, ...)                         \
+    int __real_##name parameters;                                                           \
+    int __wrap_##name parameters {                                                          \
+        const auto real = [&](bool) { return __real_##name(__VA_ARGS__); };                 \
+        const int result = through(fault_call::name, -1, real);                             \
+        if (result == 0) log_call(file_op{.kind = logged_as, .path = first, .to = second}); \
+        return noted(result, #name, __VA_ARGS__);                                           \
     }
-WRAP_NAMES(link, (const char* from, const char* to), from, to)
-WRAP_NAMES(unlink, (const char* path), path)
-WRAP_NAMES(rename, (const char* from, const char* to), from, to)
+WRAP_NAMES(link, file_op::LINK, from, to, (const char* from, const char* to), from, to)
+WRAP_NAMES(unlink, file_op::UNLINK, path, "", (const char* path), path)
+WRAP_NAMES(rename, file_op::RENAME, from, to, (const char* from, const char* to), from, to)
 WRAP(stat, int, -1, fstat, (int fd, struct stat* out), fd, out)
 WRAP(stat, int, -1, stat, (const char* path, struct stat* out), path, out)
 WRAP(access, int, -1, access, (const char* path, int mode), path, mode)
-WRAP(map, void_ptr, MAP_FAILED, mmap, (void* at, size_t size, int protection, int flags, int fd, off_t offset), at,
-     size, protection, flags, fd, offset)
+void* __real_mmap(void* at, size_t size, int protection, int flags, int fd, off_t offset);
+void* __wrap_mmap(void* at, size_t size, int protection, int flags, int fd, off_t offset) {
+    void* const mapped = through(fault_call::map, void_ptr(MAP_FAILED),
+                                 [&](bool) { return __real_mmap(at, size, protection, flags, fd, offset); });
+    if (mapped != MAP_FAILED && veldar::file_log_is_on() && fd >= 0) {
+        struct stat status = {};
+        ::fstat(fd, &status);
+        std::erase_if(veldar::mappings, [mapped](const auto& one) { return one.at == mapped; });
+        veldar::mappings.push_back({static_cast<const char*>(mapped), size, status.st_ino});
+    }
+    return mapped;
+}
 WRAP(opendir, dir_ptr, nullptr, opendir, (const char* path), path)
 WRAP(readdir, dirent_ptr, nullptr, readdir, (DIR * directory), directory)
-WRAP(ftruncate, int, -1, ftruncate, (int fd, off_t size), fd, size)
+int __real_ftruncate(int fd, off_t size);
+int __wrap_ftruncate(int fd, off_t size) {
+    const int result = through(fault_call::ftruncate, -1, [&](bool) { return __real_ftruncate(fd, size); });
+    if (result == 0) log_call({.kind = file_op::SIZE, .offset = static_cast<uint64_t>(size)}, fd);
+    return result;
+}
 WRAP(flock, int, -1, flock, (int fd, int operation), fd, operation)
 
 // One that no_flushes keeps from happening.
@@ -342,9 +415,10 @@ WRAP(flock, int, -1, flock, (int fd, int operation), fd, operation)
         const int result = through(fault_call::call, -1, real);                                   \
         return note;                                                                              \
     }
-WRAP_FLUSH(fsync, fsync, (int fd), noted(result, "sync", fd), fd)
-WRAP_FLUSH(fsync, fdatasync, (int fd), noted(result, "sync", fd), fd)
-WRAP_FLUSH(msync, msync, (void* at, size_t size, int flags), noted(result, "mark"), at, size, flags)
+WRAP_FLUSH(fsync, fsync, (int fd), (log_sync(result, fd), noted(result, "sync", fd)), fd)
+WRAP_FLUSH(fsync, fdatasync, (int fd), (log_sync(result, fd), noted(result, "sync", fd)), fd)
+WRAP_FLUSH(msync, msync, (void* at, size_t size, int flags),
+           (result == 0 ? log_flush(at) : void(), noted(result, "mark")), at, size, flags)
 
 // No file call: fault_step leaves it alone.
 int __wrap_kill(pid_t process, int signal) {
