@@ -39,9 +39,7 @@ tsidx_merge_commit::~tsidx_merge_commit() {
     if (state_ == NOTHING || state_ == COMMITTED) return;
     // The manifest goes last: while it is there, the next merge knows what to remove.
     bool removed = temp_path_.empty() || ::unlink(temp_path_.c_str()) == 0 || errno == ENOENT;
-    if (seal_ != nullptr && !manifest_.target.empty()) {
-        tsidx_remove_seal((tsidx_->path + "/" + manifest_.target).c_str());
-    }
+    if (seal_ != nullptr) tsidx_remove_seal(target_path_.c_str());
     const std::string& path = state_ == TMP ? tmp_path_ : manifest_path_;
     removed = removed && ::unlink(path.c_str()) == 0;
     if (!removed) _log(0, "WARN  an unfinished merge was not removed. errno=%i, path=%s\n", errno, path.c_str());
@@ -98,6 +96,7 @@ int tsidx_merge_commit::declare(st_time_t earliest, st_time_t latest, std::vecto
     const size_t written = merge_manifest_owner_text(manifest_.owner).size();
     if (write_text(fd_.get(), std::string_view(text).substr(written)) != 0) return fail_write(rc);
     if (tsidx_->durable && osfile_flush(fd_.get()) != 0) return fail_write(rc);
+    target_path_ = tsidx_->path + "/" + manifest_.target;
     temp_path_ = tsidx_->path + "/" + manifest_.temp;
     return 0;
 }
@@ -122,24 +121,24 @@ void tsidx_merge_commit::seal() {
 void tsidx_merge_commit::write_seal() {
     if (seal_ == nullptr) return;
     warm_rc_t rc;
-    const std::string target = tsidx_->path + "/" + manifest_.target;
     if (seal_make_marks(temp_path_, seal_.get(), &rc) == 0 &&
-        seal_write(target, seal_.get(), tsidx_->durable, &rc) == 0) {
+        seal_write(target_path_, seal_.get(), tsidx_->durable, &rc) == 0) {
         return;
     }
-    tsidx_warn_unsealed(target.c_str(), rc);
+    tsidx_warn_unsealed(target_path_.c_str(), rc);
 }
 
 int tsidx_merge_commit::put_in_effect(const carry_fn& carry, warm_rc_t* rc) {
     ST_ASSERT(state_ == RENAMED && tsidx_->is_locked);
-    const std::string target = tsidx_->path + "/" + manifest_.target;
     ST_TRY(carry(temp_path_, rc));
     write_seal();
-    if (ospath_link(temp_path_.c_str(), target.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_RETRIES, target.c_str());
+    if (ospath_link(temp_path_.c_str(), target_path_.c_str()) != 0) {
+        return _set_rc_msg(rc, WARM_RC_RETRIES, target_path_.c_str());
+    }
     state_ = COMMITTED;
     const int flushed = tsidx_flush(tsidx_, tsidx_->path.c_str(), O_DIRECTORY, rc);
     // A target of which nobody knows whether it lasts must not be the only one to take deletes.
-    if (flushed != 0 && ::unlink(target.c_str()) == 0) state_ = RENAMED;
+    if (flushed != 0 && ::unlink(target_path_.c_str()) == 0) state_ = RENAMED;
     return flushed;
 }
 

@@ -71,7 +71,7 @@ class tsidx_merge_commit {
     state_t state_ = NOTHING;
     unique_fd fd_;  // the manifest, locked
     merge_manifest_t manifest_;
-    std::string tmp_path_, manifest_path_, temp_path_;
+    std::string tmp_path_, manifest_path_, temp_path_, target_path_;
     std::unique_ptr<slice_seal_t> seal_;  // null: the target gets none
 };
 

@@ -332,7 +332,8 @@ int __wrap_open(const char* path, int flags, ...) {
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const int fd = through(fault_call::open, -1, [&](bool) { return __real_open(path, flags, mode); });
-    if (fd >= 0 && (flags & O_CREAT) != 0) log_call({.kind = file_op::CREATE, .path = path}, fd);
+    if (fd >= 0 && (flags & O_CREAT) != 0 && veldar::file_log_is_on())
+        log_call({.kind = file_op::CREATE, .path = path}, fd);
     if (fd >= 0 && (flags & O_TRUNC) != 0) log_call({.kind = file_op::SIZE}, fd);
     return (flags & O_CREAT) != 0 ? noted(fd, "create", path) : fd;
 }
@@ -371,13 +372,14 @@ int __wrap_close(int fd) {
         return through(fault_call::call, result(failure), [&](bool) { return __real_##name(__VA_ARGS__); }); \
     }
 // One that is noted when it succeeds.
-#define WRAP_NAMES(name, logged_as, first, second, parameters, ...)                         \
-    int __real_##name parameters;                                                           \
-    int __wrap_##name parameters {                                                          \
-        const auto real = [&](bool) { return __real_##name(__VA_ARGS__); };                 \
-        const int result = through(fault_call::name, -1, real);                             \
-        if (result == 0) log_call(file_op{.kind = logged_as, .path = first, .to = second}); \
-        return noted(result, #name, __VA_ARGS__);                                           \
+#define WRAP_NAMES(name, logged_as, first, second, parameters, ...)            \
+    int __real_##name parameters;                                              \
+    int __wrap_##name parameters {                                             \
+        const auto real = [&](bool) { return __real_##name(__VA_ARGS__); };    \
+        const int result = through(fault_call::name, -1, real);                \
+        if (result == 0 && veldar::file_log_is_on())                           \
+            log_call(file_op{.kind = logged_as, .path = first, .to = second}); \
+        return noted(result, #name, __VA_ARGS__);                              \
     }
 WRAP_NAMES(link, file_op::LINK, from, to, (const char* from, const char* to), from, to)
 WRAP_NAMES(unlink, file_op::UNLINK, path, "", (const char* path), path)
