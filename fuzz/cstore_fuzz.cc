@@ -8,9 +8,11 @@
 #include <bit>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "libzero/endian.h"
+#include "searchthing/columns/cset_block1.h"
 #include "searchthing/columns/cset_internal.h"
 #include "searchthing/columns/cstore.h"
 #include "searchthing/columns/cstore_internal.h"
@@ -29,26 +31,52 @@ bool same_bits(double a, double b) {
     return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
 }
 
-void repair_set(uint8_t* at, uint64_t room) {
-    cset_head_t head;
-    if (room < sizeof head) return;
-    std::memcpy(&head, at, sizeof head);
-    const uint64_t runs =
-        (cset_packed_words(head.runs, head.value_nbits) + cset_packed_words(head.runs, head.ordinal_nbits)) * 8;
-    const uint64_t tables = runs + uint64_t{head.blocks} * sizeof(cset_block_t);
-    if (tables > room - sizeof head) return;
-    const uint64_t data_room = room - sizeof head - tables;
-    uint8_t* data = at + sizeof head + tables;
-    uint64_t end = std::min(data_room, uint64_t{head.data_units} * 8);
-    for (uint32_t i = head.blocks; i-- > 0;) {
-        cset_block_t block;
-        std::memcpy(&block, at + sizeof head + runs + i * sizeof block, sizeof block);
+// Data checksums of a set of version 1, whose blocks each reach to the next.
+void repair_data1(const uint8_t* heads, uint32_t blocks, uint8_t* data, uint64_t room) {
+    for (uint64_t i = blocks, end = room; i-- > 0;) {
+        cset_block1_t block;
+        std::memcpy(&block, heads + i * sizeof block, sizeof block);
         const uint64_t begin = uint64_t{block.data_offset} * 8;
         if (begin >= end) continue;
         store_le64(data + end - 8, XXH32(data + begin, end - begin - 8, 0));
         end = begin;
     }
-    store_le32(at + offsetof(cset_head_t, checksum), cset_head_checksum(&head, at + sizeof head, tables));
+}
+
+void repair_data(std::span<const uint8_t> heads, uint32_t blocks, uint8_t* data, uint64_t room) {
+    cset_block_t block;
+    size_t size = 0;
+    for (uint32_t i = 0; i < blocks && cset_head_get(heads, &block, &size) && block.data_size <= room; i++) {
+        if (block.codec != CSET_CONST) {
+            const uint32_t sum_at = block.data_size - static_cast<uint32_t>(CSET_CHECKSUM_SIZE);
+            store_le32(data + sum_at, XXH32(data, sum_at, 0));
+        }
+        heads = heads.subspan(size);
+        data += block.data_size;
+        room -= block.data_size;
+    }
+}
+
+void repair_set(uint8_t* at, uint64_t room, uint32_t version) {
+    cset_head_t head;
+    cset_head1_t old;
+    if (room < sizeof head) return;
+    std::memcpy(&head, at, sizeof head);
+    std::memcpy(&old, at, sizeof old);
+    const bool is_old = version == 1;
+    const uint32_t value_nbits = is_old ? old.value_nbits : head.value_nbits;
+    const uint32_t ordinal_nbits = is_old ? old.ordinal_nbits : head.ordinal_nbits;
+    const uint64_t runs = (cset_packed_words(head.runs, value_nbits) + cset_packed_words(head.runs, ordinal_nbits)) * 8;
+    const uint64_t heads = is_old ? uint64_t{old.blocks} * sizeof(cset_block1_t) : head.heads_size;
+    if (runs + heads > room - sizeof head) return;
+    uint8_t* const data = at + sizeof head + runs + heads;
+    const uint64_t data_room = room - sizeof head - runs - heads;
+    if (is_old) {
+        repair_data1(data - heads, old.blocks, data, std::min(data_room, uint64_t{old.data_units} * 8));
+    } else {
+        repair_data({data - heads, heads}, head.blocks, data, data_room);
+    }
+    store_le32(at + offsetof(cset_head_t, checksum), cset_head_checksum(&head, at + sizeof head, runs + heads));
 }
 
 void repair(std::vector<uint8_t>* bytes) {
@@ -62,7 +90,7 @@ void repair(std::vector<uint8_t>* bytes) {
     for (uint32_t i = 0; i < head.sets; i++) {
         const uint64_t begin = uint64_t{load_le32(entries + i * 8 + 4)} * 8;
         const uint64_t end = i + 1 == head.sets ? footer : uint64_t{load_le32(entries + i * 8 + 12)} * 8;
-        if (begin < end && end <= footer) repair_set(bytes->data() + begin, end - begin);
+        if (begin < end && end <= footer) repair_set(bytes->data() + begin, end - begin, head.version);
     }
     store_le32(bytes->data() + footer + offsetof(cstore_footer_t, checksum),
                XXH32(entries, entries_size, XXH32(bytes->data(), sizeof head, 0)));
@@ -117,11 +145,19 @@ void encode(const uint8_t* data, size_t size) {
     cset_block_t block;
     std::vector<uint8_t> bytes(CSET_BLOCK_MAX_SIZE);
     bytes.resize(cset_block_encode(values, &block, bytes.data()));
-    require(cset_block_is_sound(&block) && bytes.size() <= values.size() * 8 + 8);
+    require(bytes.size() == block.data_size && bytes.size() <= values.size() * 8 + CSET_CHECKSUM_SIZE);
+    uint8_t head[CSET_HEAD_MAX_SIZE];
+    size_t read = 0;
+    const size_t size_of_head = cset_head_put(&block, head);
+    cset_block_t again;
+    require(cset_head_get({head, size_of_head}, &again, &read) && read == size_of_head);
+    require(again.count == values.size() && same_bits(again.minimum, block.minimum) &&
+            same_bits(again.maximum, block.maximum));
     // A copy of its own size, so that a read past the end is seen.
-    const std::vector<uint8_t> exact(bytes.begin(), bytes.end());
+    std::vector<uint8_t> exact(bytes.begin(), bytes.end());
+    exact.resize(bytes.size() + CSET_SLACK);
     std::vector<double> decoded(values.size());
-    require(cset_block_decode(&block, exact, decoded.data()));
+    require(cset_block_decode(&again, {exact.data(), bytes.size()}, decoded.data()));
     for (size_t i = 0; i < values.size(); i++) require(same_bits(values[i], decoded[i]));
 }
 

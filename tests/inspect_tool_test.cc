@@ -45,6 +45,7 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
     for (const bool milliseconds : {false, true}) {
         forge_metric_options options;
         options.milliseconds = milliseconds;
+        options.store = milliseconds ? 2 : 1;
         const std::string path =
             forge_metric_file(dir.path(), forge_random_metrics(milliseconds, 60), options, milliseconds);
         EXPECT_EQ(fsck_findings(path), "");

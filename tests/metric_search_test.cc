@@ -38,6 +38,7 @@ std::vector<forge_metric_options> metric_kinds() {
         for (const bool milliseconds : {false, true}) {
             forge_metric_options options;
             options.milliseconds = milliseconds;
+            options.store = milliseconds ? 2 : 1;
             options.terms.wflags = wflags;
             options.terms.seed = kinds.size() + 1;
             options.terms.tperb = kinds.size() % 2 == 0 ? 8 : 3;

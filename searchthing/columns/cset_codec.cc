@@ -11,6 +11,8 @@
 #include "libzero/assertions.h"
 #include "libzero/endian.h"
 #include "searchthing/columns/cset_codec_internal.h"
+#include "searchthing/columns/cset_doubles.h"
+#include "searchthing/columns/cset_groups.h"
 
 namespace veldar {
 
@@ -18,130 +20,104 @@ namespace {
 
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
 
-// The bytes of a block's data. The checksum follows them, so that eight bytes can be loaded from each of them.
-struct byte_source {
-    const uint8_t* at;
-    uint64_t left;
-
-    // The next bytes, or null when there are fewer.
-    const uint8_t* take(uint64_t size) {
-        if (size > left) return nullptr;
-        const uint8_t* taken = at;
-        at += size;
-        left -= size;
-        return taken;
-    }
+// Where a block's corrections lie in its stream of bits.
+struct corrections {
+    uint64_t exceptions = 0;
+    bool dense = false;      // residuals by a bitmap, else by indices
+    uint64_t residuals = 0;  // how many
+    uint64_t places_at = 0;  // the bitmap or the indices
+    uint64_t codes_at = 0;
 };
 
-// Field `index` of a packed array that at least eight bytes follow.
-uint64_t packed_field(const uint8_t* packed, uint64_t index, uint32_t width, uint64_t mask) {
-    const uint64_t bit = index * width;
-    return (load_le64(packed + bit / 8) >> (bit % 8)) & mask;
+uint64_t set_bits(const cset_bit_source& source, uint64_t begin, uint64_t count) {
+    uint64_t sum = 0;
+    for (uint64_t at = 0; at < count; at += CSET_MAX_WIDTH) {
+        const auto nbits = static_cast<uint32_t>(std::min<uint64_t>(CSET_MAX_WIDTH, count - at));
+        sum += static_cast<uint64_t>(std::popcount(source.field(begin + at, nbits)));
+    }
+    return sum;
 }
 
-double decimal(uint64_t k, double divisor) {
-    return static_cast<double>(static_cast<int64_t>(k)) / divisor;
+bool get_corrections(const cset_block_t* block, cset_bit_source* source, corrections* out) {
+    if (block->has_exceptions && !source->get(CSET_COUNT_BITS, &out->exceptions)) return false;
+    if (block->residual_bits == 0) return true;
+    uint64_t dense = 0;
+    if (!source->get(1, &dense)) return false;
+    out->dense = dense != 0;
+    if (out->dense) {
+        if (!source->skip(block->count, &out->places_at)) return false;
+        out->residuals = set_bits(*source, out->places_at, block->count);
+    } else {
+        if (!source->get(CSET_COUNT_BITS, &out->residuals)) return false;
+        if (!source->skip(out->residuals * CSET_INDEX_BITS, &out->places_at)) return false;
+    }
+    return source->skip(out->residuals * block->residual_bits, &out->codes_at);
 }
 
-// Moves the elements whose bits are set; false when the bitmap and what follows do not fit.
-bool apply_residuals(const cset_block_t* block, byte_source* source, double* values) {
-    const uint64_t size = cset_words_size(block->count);
-    const uint8_t* bitmap = source->take(size);
-    if (bitmap == nullptr) return false;
-    if (block->count % 64 != 0 && load_le64(bitmap + size - 8) >> (block->count % 64) != 0) return false;
-    uint64_t moved = 0;
-    for (uint64_t at = 0; at < size; at += 8) moved += static_cast<uint64_t>(std::popcount(load_le64(bitmap + at)));
+bool apply_residuals(const cset_block_t* block, const cset_bit_source& source, const corrections& at, double* values) {
     const uint32_t nbits = block->residual_bits;
-    const uint8_t* residuals = source->take(cset_words_size(moved * nbits));
-    if (residuals == nullptr) return false;
-    const uint64_t half = uint64_t{1} << (nbits - 1);
-    uint64_t index = 0;
-    for (uint64_t at = 0; at < size; at += 8) {
-        for (uint64_t word = load_le64(bitmap + at); word != 0; word &= word - 1) {
-            double* value = values + at * 8 + static_cast<uint32_t>(std::countr_zero(word));
-            const uint64_t code = packed_field(residuals, index++, nbits, cset_low_bits(nbits));
-            const uint64_t residual = code - half + (code >= half ? 1 : 0);
-            *value = std::bit_cast<double>(std::bit_cast<uint64_t>(*value) + residual);
+    const uint64_t half = nbits == 0 ? 0 : uint64_t{1} << (nbits - 1);
+    uint64_t next = at.codes_at;
+    const auto move = [&](double* value) {
+        const uint64_t code = source.field(next, nbits);
+        const uint64_t residual = code - half + (code >= half ? 1 : 0);
+        *value = std::bit_cast<double>(std::bit_cast<uint64_t>(*value) + residual);
+        next += nbits;
+    };
+    if (!at.dense) {
+        for (uint64_t i = 0; i < at.residuals; i++) {
+            const uint64_t index = source.field(at.places_at + i * CSET_INDEX_BITS, CSET_INDEX_BITS);
+            if (index >= block->count) return false;
+            move(values + index);
+        }
+        return true;
+    }
+    for (uint32_t first = 0; first < block->count; first += CSET_MAX_WIDTH) {
+        const uint32_t part = std::min(CSET_MAX_WIDTH, block->count - first);
+        for (uint64_t word = source.field(at.places_at + first, part); word != 0; word &= word - 1) {
+            move(values + first + static_cast<uint32_t>(std::countr_zero(word)));
         }
     }
     return true;
 }
 
-bool apply_corrections(const cset_block_t* block, byte_source* source, double* values) {
-    if (block->residual_bits > 0 && !apply_residuals(block, source, values)) return false;
-    const uint8_t* exception = source->take(cset_words_size(uint64_t{block->exceptions} * CSET_EXCEPTION_SIZE * 8));
-    if (exception == nullptr) return false;
-    for (uint32_t i = 0; i < block->exceptions; i++, exception += CSET_EXCEPTION_SIZE) {
+bool apply_exceptions(const cset_block_t* block, uint64_t exceptions, const uint8_t* at, double* values) {
+    for (uint64_t i = 0; i < exceptions; i++, at += CSET_EXCEPTION_SIZE) {
         uint16_t index;
-        std::memcpy(&index, exception, sizeof index);
+        std::memcpy(&index, at, sizeof index);
         if (index >= block->count) return false;
-        std::memcpy(&values[index], exception + sizeof index, sizeof(double));
+        std::memcpy(&values[index], at + sizeof index, sizeof(double));
     }
     return true;
 }
 
-bool get_decimal(const cset_block_t* block, byte_source* source, double* values) {
-    const uint8_t* head = source->take(8);
-    const uint8_t* packed = source->take(cset_words_size(uint64_t{block->count} * block->width));
-    if (head == nullptr || packed == nullptr) return false;
-    const uint64_t base = load_le64(head);
-    const double divisor = CSET_POWERS[block->exponent];
-    const uint64_t mask = cset_low_bits(block->width);
-    for (uint32_t i = 0; i < block->count; i++) {
-        values[i] = decimal(base + packed_field(packed, i, block->width, mask), divisor);
-    }
-    return apply_corrections(block, source, values);
-}
-
-bool get_delta(const cset_block_t* block, byte_source* source, double* values) {
-    const uint8_t* head = source->take(16);
-    const uint8_t* packed = source->take(cset_words_size(uint64_t{block->count - 1u} * block->width));
-    if (head == nullptr || packed == nullptr) return false;
-    uint64_t k = load_le64(head);
-    const uint64_t base = load_le64(head + 8);
-    const double divisor = CSET_POWERS[block->exponent];
-    const uint64_t mask = cset_low_bits(block->width);
-    values[0] = decimal(k, divisor);
-    for (uint32_t i = 1; i < block->count; i++) {
-        k += base + packed_field(packed, i - 1, block->width, mask);
-        values[i] = decimal(k, divisor);
-    }
-    return apply_corrections(block, source, values);
-}
-
-bool get_bits(const cset_block_t* block, byte_source* source, double* values) {
-    const uint8_t* head = source->take(8);
-    const uint8_t* packed = source->take(cset_words_size(uint64_t{block->count} * block->width));
-    if (head == nullptr || packed == nullptr) return false;
-    const uint64_t base = load_le64(head);
-    const uint64_t mask = cset_low_bits(block->width);
-    for (uint32_t i = 0; i < block->count; i++) {
-        const uint64_t offset = packed_field(packed, i, block->width, mask) << block->exponent;
-        values[i] = std::bit_cast<double>(base + offset);
-    }
-    return true;
-}
-
-bool get_elements(const cset_block_t* block, byte_source* source, double* values) {
-    switch (block->codec) {
-        case CSET_CONST: {
-            const uint8_t* value = source->take(8);
-            if (value != nullptr) std::fill_n(values, block->count, std::bit_cast<double>(load_le64(value)));
-            return value != nullptr;
+void elements_of(const cset_block_t* block, uint64_t* numbers, double* values) {
+    if (block->codec == CSET_BITS) {
+        for (uint32_t i = 0; i < block->count; i++) {
+            values[i] = std::bit_cast<double>(block->base + (numbers[i] << block->exponent));
         }
-        case CSET_RAW: {
-            const uint64_t size = uint64_t{block->count} * sizeof(double);
-            const uint8_t* raw = source->take(size);
-            if (raw != nullptr) std::memcpy(values, raw, size);
-            return raw != nullptr;
-        }
-        case CSET_DECIMAL:
-            return get_decimal(block, source, values);
-        case CSET_DELTA:
-            return get_delta(block, source, values);
-        default:
-            return get_bits(block, source, values);
+        return;
     }
+    const bool is_delta = block->codec == CSET_DELTA;
+    if (is_delta) numbers[0] = block->base;
+    cset_to_doubles(numbers, block->count, block->exponent, is_delta, values);
+}
+
+bool get_packed(const cset_block_t* block, const uint8_t* bytes, uint64_t size, double* values) {
+    const bool is_delta = block->codec == CSET_DELTA, is_bits = block->codec == CSET_BITS;
+    cset_bit_source source{.bytes = bytes, .size = size * 8};
+    corrections fixes;
+    cset_groups_t groups;
+    if (!is_bits && !get_corrections(block, &source, &fixes)) return false;
+    if (!cset_groups_get(&source, block->count - (is_delta ? 1u : 0u), &groups)) return false;
+    const uint64_t packed_at = (source.at + 7) / 8;
+    if (packed_at + groups.packed_size + fixes.exceptions * CSET_EXCEPTION_SIZE != size) return false;
+    uint64_t numbers[CSET_BLOCK_ELEMENTS];
+    const uint64_t low = is_bits ? 0 : is_delta ? block->low : block->base;
+    if (!cset_groups_unpack(groups, source, bytes + packed_at, low, numbers + (is_delta ? 1 : 0))) return false;
+    elements_of(block, numbers, values);
+    return apply_residuals(block, source, fixes, values) &&
+           apply_exceptions(block, fixes.exceptions, bytes + packed_at + groups.packed_size, values);
 }
 
 }  // namespace
@@ -163,19 +139,43 @@ void cs_stats_add(cs_stats_t* stats, std::span<const double> values) {
     }
 }
 
-bool cset_block_is_sound(const cset_block_t* block) {
-    const uint32_t max_exponent = block->codec == CSET_BITS ? CSET_MAX_SHIFT : CSET_MAX_EXPONENT;
-    return block->count > 0 && block->count <= CSET_BLOCK_ELEMENTS && block->codec <= CSET_BITS &&
-           block->exponent <= max_exponent && block->width <= CSET_MAX_WIDTH &&
-           block->residual_bits <= CSET_MAX_RESIDUAL_BITS && block->exceptions <= block->count;
+void cs_stats_add_fast(cs_stats_t* stats, std::span<const double> values) {
+    constexpr size_t LANES = 4;  // chains of additions and comparisons that do not wait for one another
+    double sum[LANES] = {}, low[LANES], high[LANES];
+    std::fill_n(low, LANES, INFINITE);
+    std::fill_n(high, LANES, -INFINITE);
+    const size_t whole = values.size() / LANES * LANES;
+    for (size_t i = 0; i < whole; i += LANES) {
+        for (size_t lane = 0; lane < LANES; lane++) {
+            const double value = values[i + lane];
+            sum[lane] += value;
+            low[lane] = value < low[lane] ? value : low[lane];
+            high[lane] = value > high[lane] ? value : high[lane];
+        }
+    }
+    const double total = (sum[0] + sum[1]) + (sum[2] + sum[3]);
+    if (std::isnan(total)) return cs_stats_add(stats, values);
+    stats->count += whole;
+    stats->min = std::min(stats->min, std::min(std::min(low[0], low[1]), std::min(low[2], low[3])));
+    stats->max = std::max(stats->max, std::max(std::max(high[0], high[1]), std::max(high[2], high[3])));
+    stats->sum += total;
+    cs_stats_add(stats, values.subspan(whole));
 }
 
 bool cset_block_decode(const cset_block_t* block, std::span<const uint8_t> data, double* values) {
-    ST_ASSERT(cset_block_is_sound(block));
-    if (data.size() < 8) return false;
-    byte_source source{.at = data.data(), .left = data.size() - 8};
-    if (load_le64(data.data() + source.left) != XXH32(data.data(), source.left, 0)) return false;
-    return get_elements(block, &source, values) && source.left == 0;
+    ST_ASSERT(data.size() == block->data_size && data.size() <= CSET_BLOCK_MAX_SIZE);
+    if (block->codec == CSET_CONST) {
+        std::fill_n(values, block->count, std::bit_cast<double>(block->base));
+        return true;
+    }
+    const size_t size = data.size() - CSET_CHECKSUM_SIZE;
+    if (load_le32(data.data() + size) != XXH32(data.data(), size, 0)) return false;
+    if (block->codec == CSET_RAW) {
+        if (size != block->count * sizeof(double)) return false;
+        std::memcpy(values, data.data(), size);
+        return true;
+    }
+    return get_packed(block, data.data(), size, values);
 }
 
 }  // namespace veldar

@@ -1,12 +1,12 @@
-// Reading a column set.
+// Reading the elements of a column set.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 
 #include "libzero/assertions.h"
-#include "libzero/endian.h"
-#include "searchthing/base/timed_read.h"
 #include "searchthing/columns/cset.h"
+#include "searchthing/columns/cset_block1.h"
+#include "searchthing/columns/cset_codec_internal.h"
 #include "searchthing/columns/cset_internal.h"
 #include "searchthing/columns/cstore.h"
 
@@ -17,118 +17,21 @@ namespace {
 constexpr uint64_t FIRST_READ = 4096;
 constexpr uint64_t LARGEST_READ = 256 * 1024;
 
-int corrupted_head(warm_rc_t* rc, uint32_t term_id) {
-    return _set_rc_verbose(rc, WARM_RC_CORRUPT, term_id, "columnset header is corrupted");
-}
-
-int read_at(const cset_reader_t* reader, void* out, uint64_t size, uint64_t offset) {
-    const int64_t got = st_timed_pread_msg(reader->section->fd, out, size, offset, reader->stats, false);
-    return got == static_cast<int64_t>(size) ? 0 : read_status(got);
-}
-
-// Whether a set with this head has exactly `extent` bytes. Several runs without bits would take no bytes, only memory.
-bool head_fills(const cset_head_t& head, uint64_t extent) {
-    const uint64_t words =
-        cset_packed_words(head.runs, head.value_nbits) + cset_packed_words(head.runs, head.ordinal_nbits);
-    const uint64_t size =
-        sizeof head + words * 8 + uint64_t{head.blocks} * sizeof(cset_block_t) + uint64_t{head.data_units} * 8;
-    const bool runs_have_bits = head.runs <= 1 || (head.value_nbits > 0 && head.ordinal_nbits > 0);
-    return head.value_nbits <= 32 && head.ordinal_nbits <= 32 && runs_have_bits && size == extent;
-}
-
-void unpack(const uint8_t* table, uint32_t nbits, buffer<cset_run_t>* runs, uint32_t cset_run_t::*field) {
-    array_reader_t words;
-    warm_rc_t rc;
-    const auto count = static_cast<uint32_t>(runs->size());
-    const auto word_count = static_cast<uint32_t>(cset_packed_words(count, nbits));
-    int status = _ar_open(&words, -1, 0, sizeof(uint64_t), word_count, 0, nullptr, table);
-    for (uint32_t i = 0; i < count && status == 0; i++) {
-        status = bitunpack_word32(&words, nbits, uint64_t{i} * nbits, true, 0, &((*runs)[i].*field), &rc);
-    }
-    ST_ASSERT(status == 0);
+int open_set(cset_reader_t* reader, uint32_t term_id, warm_rc_t* rc) {
+    ST_TRY(cset_open_tables(reader, term_id, &reader->tables, rc));
+    if (!reader->values.alloc(CSET_BLOCK_ELEMENTS)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "columnset block");
+    const cset_tables_t& tables = *reader->tables;
+    reader->elements = tables.elements;
+    reader->data_offset = tables.data_offset;
+    reader->data_size = tables.data_size;
+    reader->runs = {tables.runs.data(), tables.runs.size()};
+    reader->blocks = {tables.blocks.data(), tables.blocks.size()};
+    return 0;
 }
 
 // The ordinal of the first element of run `index`, the number of elements for the one past the last.
 uint32_t run_ordinal(const cset_reader_t* reader, size_t index) {
     return index < reader->runs.size() ? reader->runs[index].first_ordinal : reader->elements;
-}
-
-// Runs hold at least one element, ascend without overlap and lie among the values of the slice.
-bool runs_are_sound(const cset_reader_t* reader) {
-    if (reader->runs.empty()) return reader->elements == 0;
-    uint64_t next_value = reader->section->num_preambles;
-    uint32_t next_ordinal = 0;
-    for (size_t i = 0; i < reader->runs.size(); i++) {
-        const cset_run_t run = reader->runs[i];
-        const uint32_t end = run_ordinal(reader, i + 1);
-        if (run.first_value < next_value || run.first_ordinal != next_ordinal || end <= run.first_ordinal) return false;
-        next_value = uint64_t{run.first_value} + (end - run.first_ordinal);
-        next_ordinal = end;
-    }
-    return next_value <= reader->section->num_values;
-}
-
-// The bytes of a block's data, which reach to those of the next one.
-uint64_t block_size(const cset_reader_t* reader, size_t index) {
-    const uint64_t end =
-        index + 1 < reader->blocks.size() ? uint64_t{reader->blocks[index + 1].data_offset} * 8 : reader->data_size;
-    return end - uint64_t{reader->blocks[index].data_offset} * 8;
-}
-
-// Blocks follow one another without a gap, in ordinals and in bytes.
-bool blocks_are_sound(const cset_reader_t* reader) {
-    uint64_t ordinal = 0;
-    for (size_t i = 0; i < reader->blocks.size(); i++) {
-        const cset_block_t& block = reader->blocks[i];
-        // Unsigned: the size of a block that ends before it begins is far too large.
-        if (!cset_block_is_sound(&block) || block.first_ordinal != ordinal || (i == 0 && block.data_offset != 0) ||
-            block_size(reader, i) > CSET_BLOCK_MAX_SIZE) {
-            return false;
-        }
-        ordinal += block.count;
-    }
-    return ordinal == reader->elements && (!reader->blocks.empty() || reader->data_size == 0);
-}
-
-int open_tables(cset_reader_t* reader, const cset_head_t& head, uint64_t tables_offset, uint32_t term_id,
-                warm_rc_t* rc) {
-    const uint64_t value_size = cset_packed_words(head.runs, head.value_nbits) * 8;
-    const uint64_t ordinal_size = cset_packed_words(head.runs, head.ordinal_nbits) * 8;
-    const uint64_t blocks_size = uint64_t{head.blocks} * sizeof(cset_block_t);
-    const uint64_t size = value_size + ordinal_size + blocks_size;
-    buffer<uint8_t> tables;
-    if (!tables.alloc(size) || !reader->runs.alloc(head.runs) || !reader->blocks.alloc(head.blocks) ||
-        !reader->values.alloc(CSET_BLOCK_ELEMENTS)) {
-        return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "ar_open: block headers memory alloc failed");
-    }
-    if (const int status = read_at(reader, tables.data(), size, tables_offset); status != 0) {
-        return _set_rc_msg(rc, status, "cset_reader_open: columnset header failed");
-    }
-    if (head.checksum != cset_head_checksum(&head, tables.data(), size)) return corrupted_head(rc, term_id);
-    if (head.element_type != CSET_ELEMENT_DOUBLE) {
-        return _set_rc_verbose(rc, WARM_RC_CORRUPT, term_id, "element_type is unsupported/corrupted");
-    }
-    unpack(tables.data(), head.value_nbits, &reader->runs, &cset_run_t::first_value);
-    unpack(tables.data() + value_size, head.ordinal_nbits, &reader->runs, &cset_run_t::first_ordinal);
-    if (blocks_size > 0) std::memcpy(reader->blocks.data(), tables.data() + value_size + ordinal_size, blocks_size);
-    reader->elements = head.elements;
-    reader->data_offset = tables_offset + size;
-    reader->data_size = uint64_t{head.data_units} * 8;
-    return runs_are_sound(reader) && blocks_are_sound(reader) ? 0 : corrupted_head(rc, term_id);
-}
-
-int open_set(cset_reader_t* reader, uint32_t term_id, warm_rc_t* rc) {
-    uint64_t offset = 0, extent = 0;
-    ST_TRY(cs_reader_extent(reader->section, term_id, &offset, &extent, rc));
-    cset_head_t head;
-    if (extent < sizeof head) return corrupted_head(rc, term_id);
-    if (const int status = read_at(reader, &head, sizeof head, offset); status != 0) {
-        return _set_rc_msg(rc, status, "cset_reader_open: columnset header failed");
-    }
-    if (std::memcmp(head.magic, CSET_MAGIC, sizeof head.magic) != 0 || !head_fills(head, extent)) {
-        return corrupted_head(rc, term_id);
-    }
-    return open_tables(reader, head, offset + sizeof head, term_id, rc);
 }
 
 // Brings `size` bytes of the data at `offset` into the window. Reads that follow one another grow, so that a walk over
@@ -141,10 +44,10 @@ int fetch(cset_reader_t* reader, uint64_t offset, uint64_t size, const uint8_t**
         ST_ASSERT(offset <= reader->data_size && size <= reader->data_size - offset);
         const uint64_t length = std::min(std::max(wanted, size), reader->data_size - offset);
         reader->window_size = 0;
-        if (reader->window.size() < length && !reader->window.alloc(length)) {
+        if (reader->window.size() < length + CSET_SLACK && !reader->window.alloc(length + CSET_SLACK)) {
             return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "columnset window");
         }
-        if (const int status = read_at(reader, reader->window.data(), length, reader->data_offset + offset);
+        if (const int status = cset_read_at(reader, reader->window.data(), length, reader->data_offset + offset);
             status != 0) {
             return _set_rc_msg(rc, status, "columnset data");
         }
@@ -156,45 +59,61 @@ int fetch(cset_reader_t* reader, uint64_t offset, uint64_t size, const uint8_t**
     return 0;
 }
 
+bool decode(const cset_place_t& place, std::span<const uint8_t> data, double* values) {
+    if (place.version != 1) return cset_block_decode(&place.block, data, values);
+    cset_block1_t block = {};
+    block.count = place.block.count;
+    block.codec = place.block.codec;
+    block.exponent = place.block.exponent;
+    block.width = place.width;
+    block.residual_bits = place.block.residual_bits;
+    block.exceptions = place.exceptions;
+    return cset_block1_decode(&block, data, values);
+}
+
 int load_block(cset_reader_t* reader, uint32_t index, warm_rc_t* rc) {
     ST_ASSERT(index < reader->blocks.size());
     if (reader->block == index && reader->block_count > 0) return 0;
     reader->block_count = 0;
-    const cset_block_t& block = reader->blocks[index];
-    const uint64_t size = block_size(reader, index);
+    const cset_place_t& place = reader->blocks[index];
+    const uint64_t size = place.block.data_size;
     const uint8_t* bytes = nullptr;
-    ST_TRY(fetch(reader, uint64_t{block.data_offset} * 8, size, &bytes, rc));
-    if (!cset_block_decode(&block, {bytes, size}, reader->values.data())) {
+    ST_TRY(fetch(reader, place.data_offset, size, &bytes, rc));
+    if (!decode(place, {bytes, size}, reader->values.data())) {
         return _set_rc_verbose(rc, WARM_RC_CORRUPT, index, "columnset data are corrupted");
     }
     reader->block = index;
-    reader->block_count = block.count;
+    reader->block_first = place.first_ordinal;
+    reader->block_count = place.block.count;
     return 0;
 }
 
 // The block of an ordinal below the number of elements.
 uint32_t find_block(const cset_reader_t* reader, uint32_t ordinal) {
     // Unsigned: an ordinal before the block is far behind it.
-    if (reader->block_count > 0 && ordinal - reader->blocks[reader->block].first_ordinal < reader->block_count) {
-        return reader->block;
-    }
-    const cset_block_t* after =
-        std::upper_bound(reader->blocks.begin(), reader->blocks.end(), ordinal,
-                         [](uint32_t o, const cset_block_t& block) { return o < block.first_ordinal; });
+    if (reader->block_count > 0 && ordinal - reader->block_first < reader->block_count) return reader->block;
+    const uint32_t next = reader->block + 1;
+    const auto holds = [&](size_t block) {
+        return block < reader->blocks.size() &&
+               ordinal - reader->blocks[block].first_ordinal < reader->blocks[block].block.count;
+    };
+    if (holds(next)) return next;
+    const auto after = std::upper_bound(reader->blocks.begin(), reader->blocks.end(), ordinal,
+                                        [](uint32_t o, const cset_place_t& place) { return o < place.first_ordinal; });
     ST_ASSERT(after != reader->blocks.begin());  // the first block begins at ordinal 0
     return static_cast<uint32_t>(after - reader->blocks.begin()) - 1;
 }
 
 // The last run that begins at or before a value; runs.size() when there is none.
 uint32_t find_run(const cset_reader_t* reader, uint64_t value_no) {
-    const buffer<cset_run_t>& runs = reader->runs;
+    const std::span<const cset_run_t> runs = reader->runs;
     const auto holds = [&](size_t run) {
         return run < runs.size() && runs[run].first_value <= value_no &&
                (run + 1 == runs.size() || runs[run + 1].first_value > value_no);
     };
     if (holds(reader->run)) return reader->run;
-    const cset_run_t* after = std::upper_bound(runs.begin(), runs.end(), value_no,
-                                               [](uint64_t v, const cset_run_t& run) { return v < run.first_value; });
+    const auto after = std::upper_bound(runs.begin(), runs.end(), value_no,
+                                        [](uint64_t v, const cset_run_t& run) { return v < run.first_value; });
     if (after == runs.begin()) return static_cast<uint32_t>(runs.size());
     return static_cast<uint32_t>(after - runs.begin()) - 1;
 }
@@ -289,8 +208,8 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
     uint32_t ordinal = begin;
     while (ordinal < end) {
         const uint32_t index = find_block(reader, ordinal);
-        const cset_block_t& block = reader->blocks[index];
-        const uint32_t from = ordinal - block.first_ordinal;
+        const cset_block_t& block = reader->blocks[index].block;
+        const uint32_t from = ordinal - reader->blocks[index].first_ordinal;
         const uint32_t part = std::min(block.count - from, end - ordinal);
         ST_ASSERT(part > 0);
         if (part == block.count && !std::isnan(block.sum)) {
@@ -300,7 +219,7 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
             out->sum += block.sum;
         } else {
             ST_TRY(load_block(reader, index, rc));
-            cs_stats_add(out, {reader->values.data() + from, part});
+            cs_stats_add_fast(out, {reader->values.data() + from, part});
         }
         ordinal += part;
     }
@@ -310,18 +229,22 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
 
 int cset_reader_next(cset_reader_t* reader, uint32_t* value_no, double* v, warm_rc_t* rc) {
     rc->warm_rc = WARM_RC_OK;
-    if (reader->ordinal == reader->elements) {
-        ST_ASSERT(reader->elements == 0 || size_t{reader->next_run} + 1 == reader->runs.size());
-        *value_no = CSET_END;
-        return 0;
+    uint32_t in_block = reader->ordinal - reader->block_first;  // unsigned: before the block is far behind it
+    if (reader->ordinal >= reader->run_end || in_block >= reader->block_count) {
+        if (reader->ordinal == reader->elements) {
+            ST_ASSERT(reader->elements == 0 || size_t{reader->next_run} + 1 == reader->runs.size());
+            *value_no = CSET_END;
+            return 0;
+        }
+        ST_TRY(load_block(reader, find_block(reader, reader->ordinal), rc));
+        while (run_ordinal(reader, size_t{reader->next_run} + 1) <= reader->ordinal) reader->next_run++;
+        const cset_run_t run = reader->runs[reader->next_run];
+        reader->run_end = run_ordinal(reader, size_t{reader->next_run} + 1);
+        reader->to_value = run.first_value - run.first_ordinal;
+        in_block = reader->ordinal - reader->block_first;
     }
-    const uint32_t index = find_block(reader, reader->ordinal);
-    ST_TRY(load_block(reader, index, rc));
-    while (run_ordinal(reader, size_t{reader->next_run} + 1) <= reader->ordinal) reader->next_run++;
-    const cset_run_t run = reader->runs[reader->next_run];
-    *value_no = run.first_value + (reader->ordinal - run.first_ordinal);
-    *v = reader->values[reader->ordinal - reader->blocks[index].first_ordinal];
-    reader->ordinal++;
+    *value_no = reader->ordinal++ + reader->to_value;
+    *v = reader->values[in_block];
     return 0;
 }
 
@@ -333,11 +256,13 @@ int cset_reader_verify(cset_reader_t* reader, warm_rc_t* rc) {
     ST_ASSERT(reader->section != nullptr);
     for (uint32_t index = 0; index < reader->blocks.size(); index++) {
         ST_TRY(load_block(reader, index, rc));
-        const cset_block_t& block = reader->blocks[index];
+        const cset_block_t& block = reader->blocks[index].block;
         cs_stats_t stats = cs_stats_none();
         cs_stats_add(&stats, {reader->values.data(), block.count});
         const bool no_sum = stats.nans > 0 || std::isnan(stats.sum);
-        const bool sums_agree = no_sum ? std::isnan(block.sum) : block.sum == stats.sum;
+        const double tolerance = reader->section->version == 1 ? 0 : cset_sum_tolerance(block);
+        const bool sums_agree =
+            no_sum ? std::isnan(block.sum) : block.sum == stats.sum || std::fabs(block.sum - stats.sum) <= tolerance;
         if (block.minimum != stats.min || block.maximum != stats.max || !sums_agree) {
             return _set_rc_verbose(rc, WARM_RC_CORRUPT, index, "columnset block numbers are wrong");
         }

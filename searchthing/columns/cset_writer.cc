@@ -15,15 +15,12 @@ constexpr size_t EARLY_CUT = CSET_BLOCK_ELEMENTS / 2;
 
 void encode_pending(cset_writer_t* writer) {
     cset_block_t block;
-    uint8_t bytes[CSET_BLOCK_MAX_SIZE];
+    uint8_t bytes[CSET_BLOCK_MAX_SIZE], head[CSET_HEAD_MAX_SIZE];
     const uint64_t size = cset_block_encode(writer->pending, &block, bytes);
-    ST_ASSERT(size <= sizeof bytes && size % 8 == 0);
-    block.first_ordinal = writer->elements - static_cast<uint32_t>(writer->pending.size());
-    ST_ASSERT(block.first_ordinal ==
-              (writer->blocks.empty() ? 0 : writer->blocks.back().first_ordinal + writer->blocks.back().count));
-    block.data_offset = static_cast<uint32_t>(writer->data.size() / 8);
+    ST_ASSERT(size <= sizeof bytes && size == block.data_size);
+    writer->heads.insert(writer->heads.end(), head, head + cset_head_put(&block, head));
     writer->data.insert(writer->data.end(), bytes, bytes + size);
-    writer->blocks.push_back(block);
+    writer->blocks++;
     writer->pending.clear();
 }
 
@@ -60,20 +57,21 @@ uint64_t cset_writer_finish(cset_writer_t* writer) {
     std::memcpy(head.magic, CSET_MAGIC, sizeof head.magic);
     head.element_type = CSET_ELEMENT_DOUBLE;
     head.elements = writer->elements;
-    head.blocks = static_cast<uint32_t>(writer->blocks.size());
+    head.blocks = writer->blocks;
     head.runs = static_cast<uint32_t>(writer->runs.size());
     if (head.runs > 0) {
         ST_ASSERT(writer->runs.back().first_ordinal < head.elements && head.blocks > 0);
         head.value_nbits = static_cast<uint8_t>(std::bit_width(writer->runs.back().first_value));
         head.ordinal_nbits = static_cast<uint8_t>(std::bit_width(writer->runs.back().first_ordinal));
     }
-    head.data_units = static_cast<uint32_t>(writer->data.size() / 8);
+    const size_t end = writer->heads.size() + writer->data.size();  // what precedes the heads is of whole words
+    writer->heads.resize(writer->heads.size() + (8 - end % 8) % 8);
+    head.heads_size = static_cast<uint32_t>(writer->heads.size());
     std::vector<uint8_t>& out = writer->head;
     out.assign(sizeof head, 0);
     put_packed(&out, writer->runs, &cset_run_t::first_value, head.value_nbits);
     put_packed(&out, writer->runs, &cset_run_t::first_ordinal, head.ordinal_nbits);
-    const auto* blocks = reinterpret_cast<const uint8_t*>(writer->blocks.data());
-    out.insert(out.end(), blocks, blocks + writer->blocks.size() * sizeof(cset_block_t));
+    out.insert(out.end(), writer->heads.begin(), writer->heads.end());
     head.checksum = cset_head_checksum(&head, out.data() + sizeof head, out.size() - sizeof head);
     std::memcpy(out.data(), &head, sizeof head);
     ST_ASSERT((out.size() + writer->data.size()) % 8 == 0);

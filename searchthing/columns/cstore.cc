@@ -62,9 +62,10 @@ int open_section(cs_reader_t* reader, uint64_t footer_offset, warm_rc_t* rc) {
     if (footer.checksum != XXH32(reader->entries.data(), entries_size, XXH32(&head, sizeof head, 0))) {
         return corrupted_footer(rc);
     }
-    if (head.version != CSTORE_VERSION) {
+    if (head.version < CSTORE_OLDEST_VERSION || head.version > CSTORE_VERSION) {
         return _set_rc_verbose(rc, WARM_RC_UNSUPPORTED, head.version, "cstore version");
     }
+    reader->version = head.version;
     reader->section_size = footer.section_size;
     reader->footer_offset = footer_offset;
     reader->num_values = head.num_values;

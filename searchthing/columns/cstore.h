@@ -5,7 +5,7 @@
 //
 //   offset  size  field
 //   0       8     magic "CSTORE01"
-//   8       4     version = 1
+//   8       4     version: 2, or 1 (column sets as in cset_block1.h)
 //   12      4     N: column sets
 //   16      4     value numbers of the slice, preambles included (num_values of the slice's header)
 //   20      4     preambles (num_dimsets): the measures are those of values `preambles` to `value numbers` - 1
@@ -18,6 +18,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <vector>
 
 #include "libzero/resource.h"
@@ -66,13 +68,18 @@ void cs_builder_close(cs_builder_t* builder);
 // An open section: its directory. Any number of column sets may be read through it at a time, by one thread.
 struct cs_reader_t {
     int fd = -1;  // not owned; -1 when closed
+    uint32_t version = 0;
     uint64_t section_offset = 0;
     uint64_t section_size = 0;
     uint64_t footer_offset = 0;  // in the section
     uint32_t num_values = 0;
     uint32_t num_preambles = 0;
     buffer<cs_tid_offset_t> entries;
+    // By term what opened sets have read, up to CS_REMEMBERED bytes in all.
+    mutable std::map<uint32_t, std::shared_ptr<const cset_tables_t>> remembered;
+    mutable uint64_t remembered_size = 0;
 };
+inline constexpr uint64_t CS_REMEMBERED = uint64_t{1} << 20;
 // Opens the section at an offset of the file. 0; WARM_RC_FILE_SIZE "cstore file size"; the status of a read "cstore
 // footer read"; WARM_RC_CORRUPT "cstore footer is corrupted", also for a section that the file cuts short;
 // WARM_RC_UNSUPPORTED "cstore version" for a newer section; WARM_RC_NO_MEMORY "cstore entries".

@@ -6,7 +6,8 @@
 namespace veldar {
 
 inline constexpr char CSTORE_MAGIC[] = {'C', 'S', 'T', 'O', 'R', 'E', '0', '1'};
-inline constexpr uint32_t CSTORE_VERSION = 1;
+inline constexpr uint32_t CSTORE_VERSION = 2;         // written
+inline constexpr uint32_t CSTORE_OLDEST_VERSION = 1;  // read
 
 struct cstore_head_t {  // the first bytes of the section (cstore.h), as they lie in the file
     char magic[8];

@@ -200,8 +200,14 @@ std::map<uint32_t, column> columns_of(const forge_metric_picture& picture) {
     return columns;
 }
 
+void put_varint(std::string* out, uint64_t v) {
+    for (; v >= 128; v /= 128) put_le(out, v % 128 + 128, 1);
+    put_le(out, v, 1);
+}
+
 // Blocks of at most 512 elements, CONST where all bits agree, else RAW.
-void put_block(const double* values, uint32_t first, uint32_t count, std::string* headers, std::string* data) {
+void put_block(const double* values, uint32_t first, uint32_t count, uint32_t version, std::string* headers,
+               std::string* data) {
     const auto bits = [&](uint32_t i) { return std::bit_cast<uint64_t>(values[i]); };
     bool same = true;
     double low = std::numeric_limits<double>::infinity(), high = -low, sum = 0;
@@ -215,22 +221,33 @@ void put_block(const double* values, uint32_t first, uint32_t count, std::string
     const uint64_t at = data->size() / 8;
     std::string block;
     for (uint32_t i = 0; i < (same ? 1 : count); i++) put_le(&block, bits(i), 8);
-    *data += block;
-    put_le(data, xxh32(block), 8);
-    put_le(headers, first, 4);
-    put_le(headers, count, 2);
-    put_le(headers, same ? 0 : 1, 1);  // codec
-    put_le(headers, 0, 3);             // decimal exponent, width, residual bits
-    put_le(headers, 0, 2);             // exceptions
-    put_le(headers, at, 4);
+    if (version == 1) {
+        *data += block;
+        put_le(data, xxh32(block), 8);
+        put_le(headers, first, 4);
+        put_le(headers, count, 2);
+        put_le(headers, same ? 0 : 1, 1);  // codec
+        put_le(headers, 0, 3);             // decimal exponent, width, residual bits
+        put_le(headers, 0, 2);             // exceptions
+        put_le(headers, at, 4);
+    } else {
+        put_le(headers, same ? 0 : 1, 1);   // codec, no exponent
+        put_le(headers, same ? 0 : 56, 1);  // minimum, maximum and sum are doubles
+        put_varint(headers, count);
+        put_varint(headers, same ? 0 : block.size() + 4);
+        if (same) *headers += block;
+        if (same) return;
+        *data += block;
+        put_le(data, xxh32(block), 4);
+    }
     for (const double v : {low, high, sum}) put_le(headers, std::bit_cast<uint64_t>(v), 8);
 }
 
-std::string column_set(const column& c) {
+std::string column_set(const column& c, uint32_t version) {
     const auto n = static_cast<uint32_t>(c.elements.size());
     std::string headers, data;
     for (uint32_t first = 0; first < n; first += 512) {
-        put_block(c.elements.data() + first, first, std::min(512u, n - first), &headers, &data);
+        put_block(c.elements.data() + first, first, std::min(512u, n - first), version, &headers, &data);
     }
     const uint32_t b1 = bit_length(c.ranges.back().first), b2 = bit_length(c.ranges.back().second);
     bit_string firsts, ordinals;
@@ -238,31 +255,31 @@ std::string column_set(const column& c) {
         firsts.put(first, b1);
         ordinals.put(ordinal, b2);
     }
-    std::string out = "CST1";
-    put_le(&out, 1, 4);  // f64
+    if (version > 1) headers.resize(headers.size() + (8 - (headers.size() + data.size()) % 8) % 8);
+    const uint64_t widths = b1 | b2 << 8;
+    std::string out = version == 1 ? "CST1" : "CST2";
+    put_le(&out, 1 | (version == 1 ? 0 : widths << 8), 4);  // f64
     for (const uint64_t v : {uint64_t{n}, uint64_t{(n + 511) / 512}, uint64_t{c.ranges.size()}}) put_le(&out, v, 4);
-    put_le(&out, b1, 1);
-    put_le(&out, b2, 1);
-    put_le(&out, 0, 2);
-    put_le(&out, data.size() / 8, 4);
+    put_le(&out, version == 1 ? widths : headers.size(), 4);
+    put_le(&out, version == 1 ? data.size() / 8 : 0, 4);
     const std::string tables = firsts.whole_words() + ordinals.whole_words() + headers;
     put_le(&out, xxh32(tables, xxh32(out)), 4);
     return out + tables + data;
 }
 
 // The section and, in *footer, what the file's header says about it.
-std::string cstore_section(const forge_metric_picture& picture, uint64_t* footer) {
+std::string cstore_section(const forge_metric_picture& picture, uint32_t version, uint64_t* footer) {
     std::string entries, body;
     const std::map<uint32_t, column> columns = columns_of(picture);
     for (const auto& [term, c] : columns) {
         put_le(&entries, term, 4);
         put_le(&entries, (32 + body.size()) / 8, 4);
-        body += column_set(c);
+        body += column_set(c, version);
     }
     *footer = 32 + body.size();
     std::string out = "CSTORE01";
     for (const uint64_t v :
-         {uint64_t{1}, uint64_t{columns.size()}, uint64_t{picture.num_values}, uint64_t{picture.runs.size()}}) {
+         {uint64_t{version}, uint64_t{columns.size()}, uint64_t{picture.num_values}, uint64_t{picture.runs.size()}}) {
         put_le(&out, v, 4);
     }
     put_le(&out, *footer, 8);
@@ -292,7 +309,7 @@ std::string forge_metric_slice(const std::vector<metric_event>& events, const fo
     const std::string h = companion(picture, &metric_event::host, widths[2]);
     const std::string d((picture.num_values + 7) / 8, '\0');
     uint64_t footer = 0;
-    const std::string cstore = cstore_section(picture, &footer);
+    const std::string cstore = cstore_section(picture, options.store, &footer);
 
     std::string out = std::string("_MSIDX4") + '\0';
     for (const uint64_t v : std::initializer_list<uint64_t>{

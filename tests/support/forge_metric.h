@@ -13,6 +13,7 @@ namespace veldar {
 
 struct forge_metric_options {
     bool milliseconds = false;
+    uint32_t store = 2;   // version of the column store
     forge_options terms;  // flags of the posting lists, terms per block, encodings, seed
     std::string name() const;
 };
