@@ -213,6 +213,11 @@ int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_ev
     if (thing == nullptr || thing->tsidx == nullptr) return WARM_RC_INVALID_ARGUMENT;
     return st_tsidx_apply_metric_events(directory_of(thing), query, fn, context);
 }
+int64_t st_apply_metric_events_of(THING* thing, const QUERY* query, const st_metric_options_t& options,
+                                  tsidx_metric_event_fn fn, void* context) {
+    if (thing == nullptr || thing->tsidx == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    return st_tsidx_apply_metric_events_of(directory_of(thing), query, options, fn, context);
+}
 int st_measure_size(THING* thing, uint64_t* bytes) {
     if (thing == nullptr || bytes == nullptr) return WARM_RC_INVALID_ARGUMENT;
     return st_tsidx_measure_size(directory_of(thing), bytes);

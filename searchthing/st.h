@@ -122,6 +122,8 @@ void st_select_handle_free(st_select_handle* handle);
 // Metric directories: the functions of tsidx_read.h of the same names. WARM_RC_INVALID_ARGUMENT for a null handle, or
 // output.
 [[nodiscard]] int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context);
+[[nodiscard]] int64_t st_apply_metric_events_of(THING* thing, const QUERY* query, const st_metric_options_t& options,
+                                                tsidx_metric_event_fn fn, void* context);
 [[nodiscard]] int st_measure_size(THING* thing, uint64_t* bytes);
 // -1 for a null handle.
 [[nodiscard]] int st_enum(THING* thing, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);

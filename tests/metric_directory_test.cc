@@ -4,11 +4,14 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "searchthing/columns/cstore.h"
+#include "searchthing/slice/warmslice.h"
 #include "searchthing/st.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/forge_metric.h"
+#include "tests/support/hot_events.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/temp_dir.h"
 
@@ -37,6 +40,7 @@ struct directory_of_metrics {
             }
             forge_metric_options options;
             options.milliseconds = milliseconds;
+            options.store = 1 + i % 2;
             options.terms.wflags = i % 2 == 0 ? FORGE_TAG2 : 0;
             if (forged) forge_metric_file(dir.path(), added, options, i + 1);
             EXPECT_EQ(st_tsidx_sync(writer.get()), 0);
@@ -58,6 +62,13 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
         SCOPED_TRACE(seed);
         const uint32_t size = seed == 8 ? 4000 : 40 * static_cast<uint32_t>(seed % 4) + 1;
         const directory_of_metrics directory(seed * 5, 3, size, seed % 3 != 0, seed % 4 > 1);
+        for (const std::string& path : files_in(directory.dir.path(), ".tsidx")) {
+            warm_rc_t rc;
+            WARM* const warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
+            const bool is_merged = seed % 4 > 1;  // of stores of both versions
+            EXPECT_TRUE(!is_merged || st_warm_slice_cstore(warm, &rc)->version == 2);
+            EXPECT_EQ(st_warm_slice_close(warm), 0);
+        }
         const reference_index reference = metric_reference(directory.events, directory.milliseconds);
         query_maker maker(reference, seed);
         THING* const thing = st_open_for_read(directory.dir.path().c_str());
@@ -84,6 +95,21 @@ TEST_F(MetricDirectory, EveryReadAnswersAsBruteForceDoes) {
             std::sort(found.begin(), found.end());
             std::sort(expected.begin(), expected.end());
             ASSERT_TRUE(found == expected) << text;
+
+            // Of the metrics whose names end with some letters alone.
+            const auto ends_early = [](std::string_view name, void*) { return name.back() % 2 == 0; };
+            std::erase_if(expected, [&](metric_event& event) {
+                std::erase_if(event.measures, [&](const auto& one) { return !ends_early(one.first, nullptr); });
+                return event.measures.empty();
+            });
+            found.clear();
+            ASSERT_EQ(st_apply_metric_events_of(thing, &query, {.wants = ends_early}, tell_metric_event, &found),
+                      static_cast<int64_t>(expected.size()))
+                << text;
+            std::sort(found.begin(), found.end());
+            std::sort(expected.begin(), expected.end());
+            ASSERT_TRUE(found == expected) << text;
+            ASSERT_LT(expected.size(), directory.events.size());
 
             const uint32_t capacity = maker.below(total) + 1;
             std::vector<st_tsval> answers(capacity);

@@ -7,18 +7,27 @@ namespace veldar {
 
 int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, tsidx_metric_event_fn fn,
                                      void* context) {
+    return st_tsidx_apply_metric_events_of(tsidx, query, {}, fn, context);
+}
+
+int64_t st_tsidx_apply_metric_events_of(TSIDX* tsidx, const st_query_spec* query, const st_metric_options_t& options,
+                                        tsidx_metric_event_fn fn, void* context) {
     st_query_spec all;
     st_query_init(&all);
     all.lispy = "[AND]";
     if (query == nullptr) query = &all;
+    metric_choice wanted;
+    if (options.wants != nullptr) {
+        wanted = [&options](std::string_view name) { return options.wants(name, options.wants_context); };
+    }
     uint32_t slices = 0;
     return tsidx_apply_matches(tsidx, query, fn, context,
-                               [&slices](WARM* warm, const parsed_query_t& parsed, const auto& call, warm_rc_t* rc) {
+                               [&](WARM* warm, const parsed_query_t& parsed, const auto& call, warm_rc_t* rc) {
                                    const auto numbered = [&call, slice = slices++](st_metric_event_t event) {
                                        event.slice = slice;
                                        return call(event);
                                    };
-                                   return warm_slice_metric_events(warm, parsed, numbered, rc);
+                                   return warm_slice_metric_events(warm, parsed, wanted, numbered, rc);
                                });
 }
 

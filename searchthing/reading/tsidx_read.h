@@ -127,9 +127,20 @@ using tsidx_metric_event_fn = int (*)(const st_metric_event_t* event, void* cont
 // Hands out every event that matches exactly (null query: all), slice by slice from the newest on, newest first in a
 // slice. The total of the results, -1, WARM_RC_UNSUPPORTED for a slice without runs and column store (events, and
 // metrics of older generations), WARM_RC_CORRUPT for damage, or a status as st_tsidx_query's. Dimensions are looked up
-// once a set, and measures are read in stretches: memory is about 150 bytes a matching set, and 32 MiB.
+// once a set, and measures are read in stretches: memory is about 200 bytes a matching set, and 32 MiB.
 [[nodiscard]] int64_t st_tsidx_apply_metric_events(TSIDX* tsidx, const st_query_spec* query, tsidx_metric_event_fn fn,
                                                    void* context);
+
+struct st_metric_options_t {
+    // Whether the measures of a metric are wanted, by its name; asked once a metric and slice. Events then come with
+    // those measures alone, and events without any do not come. Null: all are wanted.
+    bool (*wants)(std::string_view name, void* context) = nullptr;
+    void* wants_context = nullptr;
+};
+// The same with options: columns of metrics that are not wanted are not read.
+[[nodiscard]] int64_t st_tsidx_apply_metric_events_of(TSIDX* tsidx, const st_query_spec* query,
+                                                      const st_metric_options_t& options, tsidx_metric_event_fn fn,
+                                                      void* context);
 
 // Bytes of measures: the sum of the slices' column stores. 0 or a status.
 [[nodiscard]] int st_tsidx_measure_size(TSIDX* tsidx, uint64_t* bytes);

@@ -11,8 +11,6 @@ namespace veldar::tool {
 
 namespace {
 
-constexpr uint32_t UNWANTED = UINT32_MAX;
-
 using series_of_set = std::vector<uint32_t>;
 
 struct points_reader {
@@ -32,14 +30,10 @@ void learn_set(points_reader* reader, const st_metric_event_t& event, series_of_
     std::string dimensions;
     for (const std::string_view dimension : event.dimensions) put_piece(&dimensions, dimension);
     for (const st_metric_measure_t& measure : event.measures) {
-        uint32_t series = UNWANTED;
-        if (points->wanted == nullptr || points->wanted(measure.name)) {
-            reader->scratch.clear();
-            put_piece(&reader->scratch, measure.name);
-            reader->scratch.append(dimensions);
-            series = text_number(&points->series, reader->scratch);
-        }
-        known->push_back(series);
+        reader->scratch.clear();
+        put_piece(&reader->scratch, measure.name);
+        reader->scratch.append(dimensions);
+        known->push_back(text_number(&points->series, reader->scratch));
     }
 }
 
@@ -57,7 +51,6 @@ void take_event(points_reader* reader, const st_metric_event_t& event) {
     if (known.empty()) learn_set(reader, event, &known);
     const int64_t time_ms = int64_t{event.time} * 1000 + event.nanoseconds / 1000000;
     for (size_t i = 0; i < event.measures.size(); i++) {
-        if (known[i] == UNWANTED) continue;
         points->points.push_back({time_ms, event.measures[i].value, known[i]});
     }
     if (points->limit != 0 && points->points.size() / 2 > points->limit) keep_newest(points);
@@ -79,7 +72,12 @@ int visit(const st_metric_event_t* event, void* context) {
 int metric_points_read(TSIDX* tsidx, const st_query_spec& query, metric_points* points) {
     points_reader reader;
     reader.points = points;
-    const int64_t status = st_tsidx_apply_metric_events(tsidx, &query, visit, &reader);
+    st_metric_options_t options;
+    if (points->wanted != nullptr) {
+        options.wants = [](std::string_view name, void* of) { return static_cast<metric_points*>(of)->wanted(name); };
+        options.wants_context = points;
+    }
+    const int64_t status = st_tsidx_apply_metric_events_of(tsidx, &query, options, visit, &reader);
     if (reader.out_of_memory) throw std::bad_alloc();
     if (points->limit != 0 && points->points.size() > points->limit) keep_newest(points);
     return status < 0 ? static_cast<int>(status) : 0;
