@@ -244,7 +244,10 @@ bool fault_step::struck(fault_call call) const {
 bool fault_step::struck_where_signals_do() const {
     using enum fault_call;
     const fault_call calls[] = {open, write, pwrite, fsync, pread, stat, ftruncate, flock};
-    return std::any_of(std::begin(calls), std::end(calls), [this](fault_call call) { return struck(call); });
+    const fault_call others[] = {link, unlink, rename, close};
+    const auto is_struck = [this](fault_call call) { return struck(call); };
+    return std::any_of(std::begin(calls), std::end(calls), is_struck) &&
+           std::none_of(std::begin(others), std::end(others), is_struck);
 }
 
 fault_truce::fault_truce() : armed_(step.armed) {

@@ -75,7 +75,7 @@ class fault_step : uncopied {
     uint64_t allocations() const;
     // Whether it has struck a call of this function.
     bool struck(fault_call call) const;
-    // Or one of those that a signal can interrupt.
+    // Or one of those that a signal can interrupt, and none that it cannot.
     bool struck_where_signals_do() const;
 };
 // While it lives, fault_step neither counts nor strikes: for a test's own work in between.
