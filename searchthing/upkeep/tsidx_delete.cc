@@ -1,7 +1,9 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <new>
 #include <span>
@@ -13,8 +15,10 @@
 #include "searchthing/directory/tsidx_lock.h"
 #include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/reading/tsidx_query_walk.h"
+#include "searchthing/reading/tsidx_snapshot_walk.h"
 #include "searchthing/seal/slice_seal.h"
 #include "searchthing/search/warmslice_search.h"
+#include "searchthing/slice/warmslice_runs.h"
 #include "searchthing/slice/warmslice_values.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "searchthing/values/tsval_order.h"
@@ -213,6 +217,60 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
     }
 }
 
+struct slice_facts {
+    uint64_t bytes = 0, events = 0;
+    uint32_t values = 0;
+    bool has_marks = false;
+};
+
+slice_facts look_at(const std::string& path) {
+    slice_facts facts;
+    struct stat status;
+    if (::stat(path.c_str(), &status) == 0) facts.bytes = static_cast<uint64_t>(status.st_size);
+    warm_rc_t ignored;  // what cannot be read goes all the same
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &ignored));
+    if (warm == nullptr) return facts;
+    const bool metric = st_warm_slice_is_msidx(warm->body);
+    facts.values = st_warm_slice_values(warm.get());
+    facts.events = facts.values - (metric ? warm_slice_runs(warm.get()) : warm_slice_count_deleted(warm.get()));
+    facts.has_marks = !metric && warm->d_array != nullptr;
+    return facts;
+}
+
+// WARM_RC_MANIFEST_EXISTS for a slice whose events a merge that is at work would bring back.
+int drop_slice(TSIDX* tsidx, const std::string& path, bool merging, tsidx_dropped_t* dropped) {
+    warm_rc_t* const rc = &tsidx->last_failure;
+    const slice_facts facts = look_at(path);
+    if (merging && !facts.has_marks) return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "a merge is at work");
+    if (merging) {
+        const doomed_values all = {.bits = std::vector<uint8_t>(facts.values / 8 + 1, 0xFF), .any = true};
+        uint64_t newly = 0;
+        bool all_deleted = false;
+        ST_TRY(mark_in_file(path.c_str(), all, &newly, &all_deleted, rc));
+    }
+    tsidx_remove_slice(tsidx, path);
+    if (::access(path.c_str(), F_OK) == 0) return _set_rc_msg(rc, WARM_RC_WRITE, path.c_str());
+    dropped->slices++;
+    dropped->bytes += facts.bytes;
+    dropped->events += facts.events;
+    return 0;
+}
+
+int drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropped_t* dropped) {
+    tsidx_lock lock;
+    tsidx_listing_t live;
+    warm_rc_t* const rc = &tsidx->last_failure;
+    ST_TRY(lock.acquire(tsidx, tsidx->lock_seconds));
+    const int settled = tsidx_settle_merge(tsidx, rc);
+    if (settled != 0 && settled != WARM_RC_MANIFEST_EXISTS) return settled;
+    ST_TRY(tsidx_list(tsidx->path.c_str(), &live, rc));
+    for (const tsidx_slice_name_t& slice : live) {
+        if (std::find(names.begin(), names.end(), slice.name) == names.end()) continue;
+        ST_TRY(drop_slice(tsidx, tsidx->path + "/" + slice.name, settled != 0, dropped));
+    }
+    return _set_rc(rc, 0);
+}
+
 }  // namespace
 
 void tsidx_remove_slice(const TSIDX* tsidx, const std::string& path) {
@@ -268,6 +326,35 @@ int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query) {
     return delete_found(
         tsidx, bounded.earliest.time_s, bounded.latest.time_s,
         [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, parsed, doomed, rc); });
+}
+
+int64_t st_tsidx_delete_before(TSIDX* tsidx, st_time_t time) {
+    ST_TRY(check_deletable(tsidx));
+    if (time == TSIDX_FIRST_TIME) return 0;
+    return delete_found(tsidx, TSIDX_FIRST_TIME, time - 1, [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) {
+        uint32_t id = 0;
+        ST_TRY(tsidx_first_not_later(warm, 0, time - 1, &id, rc));
+        for (; id < st_warm_slice_values(warm); id++) doomed->add(id);
+        return 0;
+    });
+}
+
+int st_tsidx_drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropped_t* dropped) {
+    ST_ASSERT(tsidx != nullptr && dropped != nullptr);
+    *dropped = {};
+    if (!tsidx_is_writable(tsidx)) {
+        return _set_rc_msg(&tsidx->last_failure, WARM_RC_UNSUPPORTED, "directory is open for reading");
+    }
+    try {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(tsidx->lock_seconds);
+        for (int i = 0;; i++) {
+            const int status = drop_slices(tsidx, names, dropped);
+            if (status != WARM_RC_MANIFEST_EXISTS || std::chrono::steady_clock::now() >= deadline) return status;
+            tsidx_pause(std::min(i, 8));
+        }
+    } catch (const std::bad_alloc&) {
+        return tsidx_fail_no_memory(tsidx);
+    }
 }
 
 void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds) {

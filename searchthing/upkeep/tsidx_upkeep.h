@@ -21,7 +21,7 @@ namespace veldar {
 // that begins when the call has returned. A delete that was interrupted, even by the death of its process, is repaired by
 // repeating it. A slice whose events are all deleted is removed.
 //
-// Each of the deletes returns the number of events that were not marked before, or WARM_RC_LOCK when the lock cannot be
+// Each of the four deletes returns the number of events that were not marked before, or WARM_RC_LOCK when the lock cannot be
 // had (nothing has changed), WARM_RC_UNSUPPORTED for a metric directory or slice or a handle open for reading,
 // WARM_RC_WRITE when marks may not have reached the disk, or a failure of reading (tsidx_read.h).
 
@@ -33,6 +33,23 @@ namespace veldar {
 // Deletes the events that match exactly, within the query's bounds. Also WARM_RC_INVALID_ARGUMENT for a query with a
 // cumspan, and the statuses of a text that is no query.
 [[nodiscard]] int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query);
+
+// Deletes every event of a time before this one.
+[[nodiscard]] int64_t st_tsidx_delete_before(TSIDX* tsidx, st_time_t time);
+
+// Removes whole slices, named as in the directory, with the events that they hold, whatever these are: slices of metrics
+// and those that cannot be read go too. Names of no live slice are passed over. `dropped`, which is not null, tells what
+// went, also beside a failure. Under the directory's lock as deletes; while a merge is at work the events are marked
+// first, so that its target does not bring them back, and a slice that has no marks waits as long as the lock for the
+// merge's end.
+//
+// 0; WARM_RC_LOCK or WARM_RC_MANIFEST_EXISTS when that takes too long; WARM_RC_UNSUPPORTED for a handle open for
+// reading; WARM_RC_WRITE for a slice that cannot be removed; a failure of marking or listing.
+struct tsidx_dropped_t {
+    uint64_t slices = 0, bytes = 0;
+    uint64_t events = 0;  // that were not deleted before
+};
+[[nodiscard]] int st_tsidx_drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropped_t* dropped);
 
 // How many seconds deletes wait for the directory's lock; 10 unless set.
 void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds);

@@ -92,6 +92,9 @@ void add_dump_command(const command& veldar);
 void add_delete_command(const command& veldar);
 void add_health_command(const command& veldar);
 void add_optimize_command(const command& veldar);
+void add_retain_command(const command& veldar);
+void add_gc_command(const command& veldar);
+void add_watch_command(const command& veldar);
 void add_metrics_command(const command& veldar);
 
 // Runs the subcommand that the arguments (without the program's name) ask for and returns the exit status. Throws what

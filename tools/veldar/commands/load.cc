@@ -1,7 +1,7 @@
 // veldar load: the command line, the order of the files, and the summary.
 
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/formats/user_formats.h"
+#include "tools/veldar/commands/log_options.h"
 #include "tools/veldar/load/load_paths.h"
 #include "tools/veldar/load/loader.h"
 #include "tools/veldar/load/log_form.h"
@@ -15,22 +15,8 @@ namespace veldar::tool {
 
 namespace {
 
-// The formats of the user's own, and whether there is the one that is asked for.
-void read_user_formats(const load_options& options) {
-    const std::string formats = options.formats_file.empty() ? user_formats_path() : options.formats_file;
-    std::string error;
-    if (!formats.empty() && !user_formats_read(formats, &error)) throw tool_failure{EXIT_USAGE, error};
-    if (!options.format.empty() && format_by_name(options.format) == nullptr) {
-        throw tool_failure{EXIT_USAGE, "unknown format " + options.format};
-    }
-}
-
 int load_run(const tool_context& context, const load_options& options, bool again) {
-    const bool placed = !options.time_format.empty() && options.time_field.empty();
-    if (placed && !options.format.empty() && options.format != "text") {
-        throw tool_failure{EXIT_USAGE, "--time-format is for lines of the format text, not " + options.format};
-    }
-    read_user_formats(options);
+    take_log_options(options);
     loader load;
     loader_open(&load, store_choose(context.store), options);
     for (size_t i = 0; again && i < options.files.size(); i++) loader_forget(&load, options.files[i], true);
@@ -65,40 +51,9 @@ void add_load_command(const command& veldar) {
     load.flag("-r,--recursive", &recursive, "Load the files in directories, and below them");
     load.flag("--again", &again, "Forget what was loaded from these files before, and load them anew");
     load.flag("--flush", &options.flush, "Take the last line of a file that changed just now, though it has no end");
-    load.text("--format", &options.format,
-              "Take the lines for this format: " + format_names() + ", or one of --formats");
-    load.text("--formats", &options.formats_file,
-              "A file of formats of your own, instead of ~/.config/veldar/formats; see docs/loading.md");
-    load.text("--tz", &options.zone,
-              "Zone of times without one, instead of this machine's: UTC, +02:00, Europe/Berlin ...")
-        .checked([](const std::string& name) {
-            log_zone zone;
-            return log_zone_from_name(name, &zone) ? std::string() : "unknown time zone " + name;
-        });
-    load.text(
-            "--time-format", &options.time_format,
-            "How lines say their time, wherever they do, such as \"%d/%m/%Y %T\": "
-            "%Y %y %m %d %b %a %H %M %S %p %f %z %Z as usual, %T and %R with fraction and zone, %s seconds since 1970")
-        .checked([](const std::string& pattern) {
-            time_place place;
-            const char* const fault = time_place_from_pattern(pattern, &place);
-            return fault == nullptr ? std::string() : pattern + " " + fault;
-        });
-    load.text("--time-field", &options.time_field,
-              "The field that says the time, of JSON, logfmt, CSV or any name=value; --time-format may say its shape")
-        .checked([](const std::string& name) {
-            const bool line = name.find_first_of("\t\n") != std::string::npos;
-            return line ? "a field's name has no tabs or line ends" : std::string();
-        });
-    load.text("--date-order", &options.date_order,
-              "Order of dates such as 01/02/2026; the values tell it where they can")
-        .one_of({"dmy", "mdy", "ymd"});
-    load.number("--year", &options.year, 1970, 2037, "Year of the first line, for times without a year");
+    add_log_options(load, &options);
     load.flag("--strict", &options.strict,
               "Leave files out of whose first records under half say a time that is understood");
-    load.text("--host", &options.host, "The events' host, instead of the log's or this machine's");
-    load.text("--sourcetype", &options.sourcetype, "The events' sourcetype, instead of the format's name");
-    load.flag("--parts", &options.parts, "Index the parts of words too: exception of NullPointerException");
     load.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away stores");
     load.flag("--no-optimize", &options.no_optimize, "Do not merge slices in the end, even if there are many");
     load.number("--bucket-bytes", &options.bucket_bytes, 1, BUCKET_BYTES_MAX, "").hidden();

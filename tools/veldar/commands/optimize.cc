@@ -1,6 +1,5 @@
 // veldar optimize: merges slices, so that searches read fewer files and the index takes less space.
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -25,18 +24,6 @@ struct optimize_options {
     bool dry_run = false;
     merge_settings merging;
 };
-
-std::vector<std::string> directories_of(const std::string& path) {
-    struct stat status;
-    if (!tool_exists(path) || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        throw tool_failure{EXIT_USAGE, path + ": neither a store nor an index directory"};
-    }
-    if (!store_is(path)) return {path};
-    std::vector<std::string> directories = store_bucket_directories(path);
-    const std::string metrics = path + "/" + STORE_METRICS;
-    if (tool_exists(metrics)) directories.push_back(metrics);
-    return directories;
-}
 
 // The next merge of each directory.
 int show_plans(const std::vector<std::string>& directories, const merge_settings& merging) {
@@ -92,7 +79,7 @@ int merge(const std::vector<std::string>& directories, const merge_settings& mer
 }
 
 int optimize_run(const tool_context& context, const optimize_options& options) {
-    const std::vector<std::string> directories = directories_of(context.path_or_store(options.path));
+    const std::vector<std::string> directories = store_index_directories(context.path_or_store(options.path));
     return options.dry_run ? show_plans(directories, options.merging) : merge(directories, options.merging);
 }
 

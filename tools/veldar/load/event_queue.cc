@@ -164,6 +164,15 @@ bool event_queue_put(event_queue* queue, const st_txn& txn, term_set* terms) {
     return true;
 }
 
+void event_queue_sync(event_queue* queue, uint32_t next_address) {
+    finish(queue);
+    queue->is_open = false;  // unless it succeeds
+    index_writer_sync(&queue->writer);
+    queue->is_open = true;
+    queue->slices = queue->handed.slices = index_writer_slices(&queue->writer);
+    queue->next_address = queue->handed.next_address = next_address;
+}
+
 void event_queue_close(event_queue* queue) {
     if (!queue->is_open) return;
     finish(queue);

@@ -38,6 +38,13 @@ void mark(loader* load, uint64_t address) {
 
 }  // namespace
 
+void load_sync_bucket(loader* load) {
+    if (!load->events.is_open) return;
+    event_queue_sync(&load->events, static_cast<uint32_t>(load->address));
+    load->slices_seen = load->events.slices;
+    mark(load, load->address);
+}
+
 void load_close_bucket(loader* load) {
     if (!load->events.is_open) return;
     event_queue_close(&load->events);
@@ -103,7 +110,7 @@ void note_dating(loader* load, file_load* one, std::string_view text, bool put) 
                           : event.first.has_time ? DATED_ITSELF
                           : event.from_file      ? DATED_BY_FILE
                                                  : DATED_BY_LINE;
-    const std::string_view path = one->input.path;
+    const std::string_view path = one->shown;
     dating_add(&load->dating, kind, {path, one->line, text});
     one->events += put;
     one->dated_by_file += kind == DATED_BY_FILE;
@@ -147,8 +154,7 @@ void file_load_tell(loader* load, const file_load& one) {
     load->zone_taken |= load->event.context.zone_taken;
     const log_form_counts counts = {one.events, one.dated_by_file, one.dated_by_line, one.input.pipe, told};
     for (const std::string& note : log_form_notes(*load->options, load->event.context, counts)) {
-        progress_clear(&load->shown);
-        say_trouble((one.input.pipe ? "standard input" : one.input.path) + ": " + note);
+        loader_tell(load, (one.input.pipe ? "standard input" : one.shown) + ": " + note);
     }
 }
 

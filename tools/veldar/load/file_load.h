@@ -8,10 +8,16 @@
 
 namespace veldar::tool {
 
+// What becomes of a last line, or record, without an end.
+enum last_line_t : uint8_t { LINE_WAITS_WHILE_YOUNG, LINE_WAITS, LINE_IS_TAKEN };
+
 // What is loaded from one file in one run.
 struct file_load {
     log_input input;
     record_reader reader;
+    std::string name, place;  // the log's, and where the file really is; both absolute
+    std::string shown;        // the name as it was given
+    last_line_t last_line = LINE_WAITS_WHILE_YOUNG;
     source_file file;
     uint32_t cut = 0;  // line of the file's rules
     int64_t odd = 0;   // records in a row that have not the format's form; below zero: so many are passed over
@@ -29,6 +35,8 @@ struct file_load {
 store_bucket& load_bucket(loader* load);
 // Opens the bucket that the next record goes into: the last one, or a new one.
 void load_open_bucket(loader* load);
+// Syncs it and says that what it has is indexed.
+void load_sync_bucket(loader* load);
 // Syncs and closes it, and says that what it has is indexed.
 void load_close_bucket(loader* load);
 

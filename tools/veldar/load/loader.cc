@@ -26,6 +26,8 @@ namespace veldar::tool {
 namespace {
 
 constexpr uint64_t REPLAY = 64 << 10;  // bytes before the progress that are parsed again for the time they end with
+constexpr size_t TOLD_MAX = 1000;
+constexpr uint64_t REWRITE_MAP_AT = 1 << 20;
 constexpr uint64_t SETTLED_NS = 5'000'000'000;  // a file that has not changed for so long is not being written to
 
 std::string machine_name() {
@@ -171,13 +173,16 @@ bool is_young(const log_input& input) {
     timespec now;
     ::clock_gettime(CLOCK_REALTIME, &now);
     const uint64_t now_ns = static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-    return !input.pipe && input.packed == nullptr && now_ns < input.modified_ns + SETTLED_NS;
+    return now_ns < input.modified_ns + SETTLED_NS;
 }
 
 // Reads the input from one->from on.
 bool load_rest(loader* load, file_load* one, std::string* error) {
     one->reader.cut = cut_of(*one);
-    one->reader.waits = !load->options->flush && one->file.kind != SOURCE_SPOOL && is_young(one->input);
+    const bool waits =
+        one->last_line == LINE_WAITS || (one->last_line == LINE_WAITS_WHILE_YOUNG && is_young(one->input));
+    one->reader.waits = waits && !load->options->flush && one->file.kind != SOURCE_SPOOL && !one->input.pipe &&
+                        one->input.packed == nullptr;
     one->input.stored_end = one->input.size;
     const bool held = one->reader.waits && log_input_leave_last_line(&one->input, error);
     if (!error->empty()) return false;
@@ -200,7 +205,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     save_points(load, *one);
     *error = one->reader.error;
     const bool is_short = limit != SOURCE_NO_LIMIT && one->reader.offset < limit && !one->reader.held;
-    if (error->empty() && is_short && tool_interrupted == 0) {
+    if (error->empty() && is_short && tool_interrupted == 0 && !load->options->follows) {
         *error = "ends at byte " + std::to_string(one->reader.offset) + " of " + std::to_string(limit) +
                  ": it was cut short while it was loaded";
     }
@@ -234,6 +239,7 @@ void finish_spool(loader* load, const known_file& known) {
     std::string error;
     const std::string path = load_bucket(load).directory + "/" + known.file.path;
     if (!log_input_open(&one.input, path, &error) || one.input.size <= known.progress) return;
+    one.shown = path;
     one.file = known.file;
     one.from = known.progress;
     choose_names(load, &one, path);
@@ -251,11 +257,10 @@ void finish_spools(loader* load) {
 }
 
 // A file with nothing new may be another than the one that was loaded.
-void note_nothing_new(loader* load, const file_load& one, const source_file& before, const std::string& path) {
+void note_nothing_new(loader* load, const file_load& one, const source_file& before) {
     load->unchanged++;
-    if (one.reader.held || before.path == real_path(path)) return;
-    progress_clear(&load->shown);
-    say_trouble(path + ": nothing new, its content was loaded from " + before.path);
+    if (one.reader.held || before.path == one.place || load->options->follows) return;
+    loader_tell(load, one.shown + ": nothing new, its content was loaded from " + before.path);
 }
 
 // Passes over a record that is indexed, now that the file is there to tell where it ends.
@@ -272,7 +277,7 @@ bool pass_over(file_load* one, const known_file& known, std::string* error) {
     return true;
 }
 
-bool load_file(loader* load, file_load* one, const std::string& path, std::string* error) {
+bool load_file(loader* load, file_load* one, std::string* error) {
     bool copy;
     known_file* const known = known_files_identify(&load->known, &one->input, &copy);
     const source_file before = known != nullptr ? known->file : source_file();
@@ -281,23 +286,23 @@ bool load_file(loader* load, file_load* one, const std::string& path, std::strin
         one->file = before;
         one->from = known->progress;
         // A copy may go away again, and the file that was loaded holds what it holds.
-        if (!copy) describe(one, real_path(path));
+        if (!copy) describe(one, one->place);
         note_whereabouts(load, *one, before);
         if (known->record_indexed && !pass_over(one, *known, error)) return false;
         if (unchanged || (log_input_is_plain(one->input) && one->from == one->input.size)) {
-            note_nothing_new(load, *one, before, path);
+            note_nothing_new(load, *one, before);
             return true;
         }
     }
-    choose_names(load, one, absolute_path(path));
+    choose_names(load, one, one->name);
     load_points(*load, one);
     if (known == nullptr) {
-        describe(one, real_path(path));
+        describe(one, one->place);
         one->file.number = load->known.next_number++;
     }
     if (!replay(load, one, error) || !log_input_seek(&one->input, one->from, error)) return false;
     const bool read = load_rest(load, one, error);
-    if (read && one->events == 0 && known != nullptr) note_nothing_new(load, *one, before, path);
+    if (read && one->events == 0 && known != nullptr) note_nothing_new(load, *one, before);
     return read;
 }
 
@@ -333,10 +338,22 @@ uint64_t finish_forgetting(loader* load) {
     return deleted;
 }
 
+// What has been opened, with its names.
+bool load_opened(loader* load, file_load* one, std::string* error) {
+    *error = foreign_content(one->input.head);
+    if (!error->empty()) return false;
+    if (!log_form_check(*load->options, load->zone, one->input.head, error)) return false;
+    if (load->options->strict && !log_form_is_dated(*load->options, load->zone, one->input.head, error)) return false;
+    const bool read = one->input.pipe ? load_pipe(load, one, error) : load_file(load, one, error);
+    load->bytes_done += one->input.size;
+    return read;
+}
+
 }  // namespace
 
 void loader_open(loader* load, const std::string& store_path, const load_options& options) {
     load->options = &options;
+    load->merging.follows = options.follows;
     load->machine = machine_name();
     const std::string zone = options.zone.empty() ? "local" : options.zone;
     if (!log_zone_from_name(zone, &load->zone) && !options.zone.empty()) {
@@ -362,14 +379,47 @@ std::optional<uint64_t> loader_forget(loader* load, const std::string& path, boo
 
 bool loader_load(loader* load, const std::string& path, std::string* error) {
     file_load one;
+    one.shown = path;
     if (!log_input_open(&one.input, path, error)) return false;
-    *error = foreign_content(one.input.head);
-    if (!error->empty()) return false;
-    if (!log_form_check(*load->options, load->zone, one.input.head, error)) return false;
-    if (load->options->strict && !log_form_is_dated(*load->options, load->zone, one.input.head, error)) return false;
-    const bool read = one.input.pipe ? load_pipe(load, &one, error) : load_file(load, &one, path, error);
-    load->bytes_done += one.input.size;
+    one.name = absolute_path(path);
+    one.place = real_path(path);
+    return load_opened(load, &one, error);
+}
+
+bool loader_follow(loader* load, const followed_log& log, uint32_t* number, std::string* error) {
+    file_load one;
+    one.shown = log.name;
+    one.last_line = log.is_over ? LINE_IS_TAKEN : LINE_WAITS;
+    if (!log_input_open(&one.input, log.path, error)) return false;
+    if (one.input.size == 0) return true;
+    one.name = absolute_path(log.name);
+    char resolved[PATH_MAX];  // of a file without a name nobody knows where it is
+    one.place = ::realpath(log.path.c_str(), resolved) == nullptr ? real_path(log.name) : resolved;
+    const bool read = load_opened(load, &one, error);
+    *number = one.file.number;
     return read;
+}
+
+std::string loader_source_name(const std::string& name) {
+    return absolute_path(name);
+}
+
+void loader_sync(loader* load) {
+    load_sync_bucket(load);
+    if (!load->events.is_open) return;
+    store_bucket* const bucket = &load_bucket(load);
+    if (bucket->map.size >= std::max(load->rewrite_map_at, REWRITE_MAP_AT)) {
+        source_map_rewrite(&bucket->map, {});
+        load->rewrite_map_at = 2 * bucket->map.size;
+    }
+    if (!load->options->no_optimize) merge_aside_begin(&load->merging, bucket->directory);
+}
+
+void loader_tell(loader* load, const std::string& message) {
+    if (load->options->follows && load->told.size() >= TOLD_MAX) load->told.clear();
+    if (load->options->follows && !load->told.insert(message).second) return;
+    progress_clear(&load->shown);
+    say_trouble(message);
 }
 
 void loader_close(loader* load) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,7 @@ struct load_options {
     bool flush = false;  // takes unfinished last lines
     bool no_fsync = false;
     bool no_optimize = false;
+    bool follows = false;  // the files are loaded again and again: see loader_follow
     uint64_t bucket_bytes = BUCKET_BYTES_MAX;
     index_limits limits;
 };
@@ -54,6 +56,9 @@ struct loader : load_report {
     dating_report dating;
     bool zone_taken = false;    // for a time that says no zone
     uint64_t hardly_dated = 0;  // files of which under half the records say a time
+
+    std::set<std::string> told;   // messages, of a loader that follows
+    uint64_t rewrite_map_at = 0;  // size of the source map
 };
 
 // Opens the store and settles what earlier loads left. Throws tool_failure, as all of these do for the store's own
@@ -62,6 +67,20 @@ void loader_open(loader* load, const std::string& store_path, const load_options
 // Loads what is new in a file ("-": standard input). False with a message when not all of it could be read; what could
 // be is loaded.
 bool loader_load(loader* load, const std::string& path, std::string* error);
+// For logs that are followed, as `options.follows` says. Loads what is new at `path`, which stands for the log `name` and
+// may be a descriptor's (/proc/self/fd/N). Its last line waits for its end for ever, unless the file `is_over`. What has
+// been told once is not told again. `number` is that of the file. False with a message as above.
+struct followed_log {
+    std::string path, name;
+    bool is_over = false;
+};
+bool loader_follow(loader* load, const followed_log& log, uint32_t* number, std::string* error);
+// The name that events of the log have as their source.
+std::string loader_source_name(const std::string& name);
+// Makes everything that has been loaded searchable and safe, and begins to merge beside.
+void loader_sync(loader* load);
+// Says a message, unless it was said before to somebody who follows.
+void loader_tell(loader* load, const std::string& message);
 // Forgets a file, so that it counts as never loaded, and deletes its events: the one with this content, or those that
 // were last seen at the path. How many events; nothing when none is known. With `again` only what can be loaded anew is
 // forgotten. For a loader that has not loaded yet.

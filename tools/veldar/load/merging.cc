@@ -1,6 +1,8 @@
 #include "tools/veldar/load/merging.h"
 
 #include <fmt/format.h>
+#include <sched.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -27,6 +29,8 @@ constexpr uint64_t LARGE = uint64_t{32} << 20;  // bytes of slices whose space i
 // Slices as they are first written take two to three times the bytes that they are merged into, so few of them wait.
 constexpr uint32_t SOURCES_WHILE_LOADING = 3;
 constexpr uint64_t LEAST_WHILE_LOADING = uint64_t{16} << 20;
+// Of those of a few seconds each, as each merge writes again what the ones before it have written.
+constexpr uint32_t SOURCES_WHILE_FOLLOWING = 16;
 
 // What the threads share.
 struct crew {
@@ -202,16 +206,32 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
     return all.totals;
 }
 
+namespace {
+
+// Of the calling thread and of those that it begins.
+void lower_priority() {
+    constexpr int LOWEST = 19;
+    constexpr sched_param NONE = {};
+    static_cast<void>(::sched_setscheduler(0, SCHED_BATCH, &NONE));
+    static_cast<void>(::setpriority(PRIO_PROCESS, 0, LOWEST));
+}
+
+}  // namespace
+
 void merge_aside_begin(merge_aside* aside, const std::string& directory) try {
     if (aside->at_work) return;
     aside->at_work = true;
     // One that has ended gives its place up at once.
     aside->thread = std::jthread([aside, directory] {
         try {
-            const merge_settings settings = {.min_sources = SOURCES_WHILE_LOADING,
-                                             .least_bytes = LEAST_WHILE_LOADING,
-                                             .target_size = 2 * LARGE,
-                                             .shows_progress = false};
+            merge_settings settings = {.min_sources = SOURCES_WHILE_LOADING,
+                                       .least_bytes = LEAST_WHILE_LOADING,
+                                       .target_size = 2 * LARGE,
+                                       .shows_progress = false};
+            if (aside->follows) {
+                settings = {.min_sources = SOURCES_WHILE_FOLLOWING, .shows_progress = false};
+                lower_priority();
+            }
             aside->merges += merge_directories({directory}, settings).merges;
         } catch (const std::bad_alloc&) {  // the load ends better without
         }

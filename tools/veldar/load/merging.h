@@ -34,6 +34,7 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
 // What a load writes first takes up to twice the bytes that it is merged into, so a large load merges as it goes: the
 // last slices of its directory, when there are enough of them, in a thread of its own. For one thread.
 struct merge_aside {
+    bool follows = false;  // many small slices come one after another: only many of them merge, at low priority
     std::atomic<bool> at_work = false;
     uint64_t merges = 0;
     std::jthread thread;

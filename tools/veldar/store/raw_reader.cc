@@ -262,6 +262,16 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
     return reader;
 }
 
+bool is_rotation_of(const std::string& name, std::string other) {
+    if (other == name + ".old") return true;
+    while (other.size() > name.size()) {
+        const std::string base = rotation_base(other);
+        if (base.size() == other.size()) return false;
+        other = base;
+    }
+    return other == name;
+}
+
 bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std::string* error) {
     const std::optional<source_place> place = source_map_find(reader->map, address);
     if (!place || place->offset >= place->end) {

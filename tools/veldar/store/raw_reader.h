@@ -46,5 +46,8 @@ std::string source_file_locate(const source_file& file, const std::string& direc
 [[nodiscard]] bool source_file_open_original(const source_file& file, log_input* input);
 // The name in a bucket of the access points of a compressed file.
 std::string source_points_name(uint32_t number);
+// Whether a name is that of an older piece of the log `name`, as log rotation gives them: "app.log.1", "app.log.2.gz",
+// "app.log-20261122", "app.log.old".
+bool is_rotation_of(const std::string& name, std::string other);
 
 }  // namespace veldar::tool

@@ -24,6 +24,7 @@ enum record_kind_t : uint32_t {
     RECORD_FORGOTTEN = 5
 };
 
+constexpr uint32_t NO_FILE = 0;  // files have numbers from 1 on
 constexpr size_t RECORD_HEAD = 8, RECORD_CHECKSUM = 8;
 constexpr size_t FILE_FIXED = 66, STRETCH_SIZE = 32, MARK_SIZE = 8, TAIL_SIZE = 24, FORGOTTEN_SIZE = 8;
 
@@ -56,6 +57,38 @@ std::string encode_file(const source_file& file) {
     p[64] = static_cast<char>(file.format.size() & 0xFF);
     p[65] = static_cast<char>(file.format.size() >> 8);
     return p + file.path + file.format + file.records;
+}
+
+std::string encode_stretch(const source_stretch& stretch) {
+    std::string p(STRETCH_SIZE, '\0');
+    put64(&p, 0, stretch.base);
+    put32(&p, 8, stretch.number);
+    put32(&p, 12, stretch.cut);
+    put64(&p, 16, stretch.offset);
+    put64(&p, 24, stretch.limit);
+    return p;
+}
+
+std::string encode_mark(uint64_t frontier) {
+    std::string p(MARK_SIZE, '\0');
+    put64(&p, 0, frontier);
+    return p;
+}
+
+std::string encode_tail(const source_tail& tail) {
+    std::string p(TAIL_SIZE, '\0');
+    put64(&p, 0, tail.end);
+    put64(&p, 8, tail.hash);
+    put32(&p, 16, tail.size);
+    put32(&p, 20, tail.number);
+    return p;
+}
+
+std::string encode_forgotten(uint32_t number, bool deleted) {
+    std::string p(FORGOTTEN_SIZE, '\0');
+    put32(&p, 0, number);
+    put32(&p, 4, deleted ? 1 : 0);
+    return p;
 }
 
 bool decode_file(std::string_view p, source_file* file) {
@@ -152,15 +185,42 @@ uint64_t next_base(const source_map& map, size_t index) {
     return index + 1 < map.stretches.size() ? map.stretches[index + 1].base : NO_BASE;
 }
 
-// Each record is on the disk before the next is written, so that after a power loss only the last can be unsound.
-void append_record(source_map* map, uint32_t kind, std::string_view payload) {
+// A record that begins at this offset.
+std::string encode_record(uint64_t at, uint32_t kind, std::string_view payload) {
     std::string record(RECORD_HEAD, '\0');
     put32(&record, 0, static_cast<uint32_t>(payload.size()));
     put32(&record, 4, kind);
     record += payload;
-    const uint64_t checksum = XXH64(record.data(), record.size(), map->size);
+    const uint64_t checksum = XXH64(record.data(), record.size(), at);
     record.resize(record.size() + RECORD_CHECKSUM);
     put64(&record, record.size() - RECORD_CHECKSUM, checksum);
+    return record;
+}
+
+// Of each file the tail that its progress in this bucket reaches and that is the last such, and those beyond.
+std::vector<source_tail> last_tails(const source_map& map, const std::set<uint32_t>& without) {
+    std::map<uint32_t, uint64_t> progress;
+    for (size_t i = 0; i < map.stretches.size(); i++) {
+        uint64_t* const end = &progress[map.stretches[i].number];
+        *end = std::max(*end, source_map_stretch_end(map, i));
+    }
+    std::map<uint32_t, source_tail> last;
+    std::vector<source_tail> tails;
+    for (const source_tail& tail : map.tails) {
+        if (without.contains(tail.number)) continue;
+        if (tail.end > progress[tail.number]) {
+            tails.push_back(tail);
+        } else if (tail.end >= last[tail.number].end) {
+            last[tail.number] = tail;
+        }
+    }
+    for (const auto& [number, tail] : last) tails.push_back(tail);
+    return tails;
+}
+
+// Each record is on the disk before the next is written, so that after a power loss only the last can be unsound.
+void append_record(source_map* map, uint32_t kind, std::string_view payload) {
+    const std::string record = encode_record(map->size, kind, payload);
     if (!tool_write_at(map->fd.get(), record, map->size)) fail_io("cannot write " + map->path, errno);
     if (map->durable && ::fdatasync(map->fd.get()) != 0) fail_io("cannot sync " + map->path, errno);
     map->size += record.size();
@@ -218,39 +278,51 @@ void source_map_put_file(source_map* map, const source_file& file) {
 }
 
 void source_map_put_stretch(source_map* map, const source_stretch& stretch) {
-    std::string p(STRETCH_SIZE, '\0');
-    put64(&p, 0, stretch.base);
-    put32(&p, 8, stretch.number);
-    put32(&p, 12, stretch.cut);
-    put64(&p, 16, stretch.offset);
-    put64(&p, 24, stretch.limit);
-    append_record(map, RECORD_STRETCH, p);
+    append_record(map, RECORD_STRETCH, encode_stretch(stretch));
     apply_stretch(map, stretch);
 }
 
 void source_map_put_mark(source_map* map, uint64_t frontier) {
-    std::string p(MARK_SIZE, '\0');
-    put64(&p, 0, frontier);
-    append_record(map, RECORD_MARK, p);
+    append_record(map, RECORD_MARK, encode_mark(frontier));
     map->frontier = frontier;
 }
 
 void source_map_put_tail(source_map* map, const source_tail& tail) {
-    std::string p(TAIL_SIZE, '\0');
-    put64(&p, 0, tail.end);
-    put64(&p, 8, tail.hash);
-    put32(&p, 16, tail.size);
-    put32(&p, 20, tail.number);
-    append_record(map, RECORD_TAIL, p);
+    append_record(map, RECORD_TAIL, encode_tail(tail));
     map->tails.push_back(tail);
 }
 
 void source_map_put_forgotten(source_map* map, uint32_t number, bool deleted) {
-    std::string p(FORGOTTEN_SIZE, '\0');
-    put32(&p, 0, number);
-    put32(&p, 4, deleted ? 1 : 0);
-    append_record(map, RECORD_FORGOTTEN, p);
+    append_record(map, RECORD_FORGOTTEN, encode_forgotten(number, deleted));
     map->forgotten[number] = deleted;
+}
+
+void source_map_rewrite(source_map* map, const std::set<uint32_t>& without) {
+    std::string bytes;
+    const auto add = [&](uint32_t kind, const std::string& payload) {
+        bytes += encode_record(bytes.size(), kind, payload);
+    };
+    source_map left;
+    for (const auto& [number, file] : map->files) {
+        if (!without.contains(number)) add(RECORD_FILE, encode_file(file));
+    }
+    bool in_hole = false;
+    for (const source_stretch& stretch : map->stretches) {
+        const bool is_hole = stretch.number == NO_FILE || without.contains(stretch.number);
+        if (!is_hole) add(RECORD_STRETCH, encode_stretch(stretch));
+        if (is_hole && !in_hole) add(RECORD_STRETCH, encode_stretch({stretch.base, NO_FILE, 0, 0, 0}));
+        in_hole = is_hole;
+    }
+    if (map->frontier != 0) add(RECORD_MARK, encode_mark(map->frontier));
+    for (const source_tail& tail : last_tails(*map, without)) add(RECORD_TAIL, encode_tail(tail));
+    for (const auto& [number, deleted] : map->forgotten) {
+        if (!without.contains(number)) add(RECORD_FORGOTTEN, encode_forgotten(number, deleted));
+    }
+    if (!tool_replace_file(map->path, bytes, map->durable)) fail_io("cannot write " + map->path, errno);
+    std::string error;
+    left.durable = map->durable;
+    if (!source_map_open(&left, map->path, true, &error)) throw tool_failure{EXIT_IO, error};
+    *map = std::move(left);
 }
 
 }  // namespace veldar::tool

@@ -15,7 +15,7 @@
 //     24  8  modified_ns                                                  64  2  format_size b
 //     32  8  head_hash                                                    66  a  path, then b format,
 //                                                                             then c records
-//   stretch, 32: addresses from base on are bytes of the file from offset on
+//   stretch, 32: addresses from base on are bytes of the file from offset on; of no file when its number is 0
 //     0   8  base      8  4  number     12  4  cut      16  8  offset    24  8  limit
 //   mark, 8: every event below this address is in a durable slice
 //     0   8  frontier
@@ -32,6 +32,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -109,5 +110,10 @@ void source_map_put_stretch(source_map* map, const source_stretch& stretch);
 void source_map_put_mark(source_map* map, uint64_t frontier);
 void source_map_put_tail(source_map* map, const source_tail& tail);
 void source_map_put_forgotten(source_map* map, uint32_t number, bool deleted);
+
+// Writes the file anew without records that later ones have replaced and without these files, none of whose events is in
+// a slice; their addresses become those of no file. The map is open for writing. Throws tool_failure, and then the old
+// file stands.
+void source_map_rewrite(source_map* map, const std::set<uint32_t>& without);
 
 }  // namespace veldar::tool

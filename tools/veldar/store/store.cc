@@ -170,6 +170,18 @@ std::vector<std::string> store_bucket_directories(const std::string& path) {
     return names;
 }
 
+std::vector<std::string> store_index_directories(const std::string& path) {
+    struct stat status;
+    if (!tool_exists(path) || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        throw tool_failure{EXIT_USAGE, path + ": neither a store nor an index directory"};
+    }
+    if (!store_is(path)) return {path};
+    std::vector<std::string> directories = store_bucket_directories(path);
+    const std::string metrics = path + "/" + STORE_METRICS;
+    if (tool_exists(metrics)) directories.push_back(metrics);
+    return directories;
+}
+
 bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names) {
     std::string content;
     if (!tool_read_file(path + "/" + dictionary, &content)) return false;

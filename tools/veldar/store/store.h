@@ -57,6 +57,8 @@ bool store_is(const std::string& path);
 std::string store_choose(const std::string& option);
 // The bucket directories of a store, oldest first. Throws tool_failure.
 std::vector<std::string> store_bucket_directories(const std::string& path);
+// What a PATH names that is a store, its buckets and then its metrics, or one index directory. Throws tool_failure.
+std::vector<std::string> store_index_directories(const std::string& path);
 // Reads the names of a dictionary ("sources", "sourcetypes" or "hosts") of a store. False with errno set.
 [[nodiscard]] bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names);
 

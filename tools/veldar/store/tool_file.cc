@@ -1,6 +1,7 @@
 #include "tools/veldar/store/tool_file.h"
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,11 +17,30 @@ namespace veldar::tool {
 
 volatile std::sig_atomic_t tool_interrupted = 0;
 
+namespace {
+
+volatile std::sig_atomic_t interrupt_fd = -1;
+
+void interrupt(int) {
+    const int error = errno;
+    constexpr uint64_t ONE = 1;
+    tool_interrupted = 1;
+    if (interrupt_fd >= 0) static_cast<void>(!::write(interrupt_fd, &ONE, sizeof ONE));
+    errno = error;
+}
+
+}  // namespace
+
 void tool_catch_interrupts() {
     struct sigaction action = {};
-    action.sa_handler = [](int) { tool_interrupted = 1; };
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = interrupt;
+    for (const int signal : {SIGINT, SIGTERM, SIGALRM}) ::sigaction(signal, &action, nullptr);
+}
+
+int tool_interrupt_descriptor() {
+    if (interrupt_fd < 0) interrupt_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (interrupt_fd < 0) fail_io("cannot wait for signals", errno);
+    return interrupt_fd;
 }
 
 int64_t tool_read_pipe(int fd, char* out, size_t size) {

@@ -14,8 +14,10 @@ namespace veldar::tool {
 
 // Set by the handler of SIGINT and SIGTERM: finish what is begun, save the progress and end.
 extern volatile std::sig_atomic_t tool_interrupted;
-// Installs that handler.
+// Installs that handler, for SIGALRM too.
 void tool_catch_interrupts();
+// A descriptor that can be read once the handler has run, for a wait that it is to end. Throws tool_failure.
+int tool_interrupt_descriptor();
 
 // Reads a file to its end. False with errno set.
 [[nodiscard]] bool tool_read_file(const std::string& path, std::string* content);

@@ -1,0 +1,344 @@
+#include "tools/veldar/load/watch.h"
+
+#include <fcntl.h>
+#include <glob.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "tools/veldar/load/change_notice.h"
+#include "tools/veldar/store/packed_stream.h"
+#include "tools/veldar/store/raw_reader.h"
+#include "tools/veldar/store/tool_failure.h"
+#include "tools/veldar/store/tool_file.h"
+
+namespace veldar::tool {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds LOOK_ANYWAY{10000};   // inotify may miss what is in new directories
+constexpr milliseconds LOOK_OFTEN{1000};     // without it
+constexpr milliseconds OVER_AFTER{10000};    // a file that lost its name and does not change any more is let go
+constexpr milliseconds ROTATES_FOR{600000};  // so long its older pieces may be compressed yet
+constexpr uint64_t BEING_WRITTEN_NS = 2'000'000'000;  // one that is compressed right now
+constexpr size_t OVER_MAX = 64;
+constexpr unsigned LAST_SECONDS = 3;
+
+// What tells that a file has changed.
+struct file_stamp {
+    uint64_t device = 0, inode = 0, size = 0, modified_ns = 0;
+    bool operator==(const file_stamp&) const = default;
+};
+
+struct followed_file {
+    std::string name;
+    unique_fd fd;
+    file_stamp loaded;      // as it was when it was loaded last
+    uint32_t number = 0;    // of the store
+    uint64_t since_ns = 0;  // what was written under the name before has been loaded
+    clock::time_point changed{};
+};
+
+// The older pieces of a log.
+struct rotation {
+    uint64_t since_ns = 0;      // what was written before has been loaded
+    clock::time_point until{};  // looked for so long
+    std::map<std::string, file_stamp> loaded;
+};
+
+struct watcher {
+    loader* load = nullptr;
+    const watch_options* options = nullptr;
+    change_notice notice;
+    std::map<std::string, followed_file> files;  // by name
+    std::vector<followed_file> over;             // that have lost their names
+    std::map<std::string, rotation> rotations;   // by name
+};
+
+bool is_pattern(const std::string& name) {
+    struct stat status;
+    return name.find_first_of("*?[") != std::string::npos && ::stat(name.c_str(), &status) != 0;
+}
+
+std::string parent_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+}
+
+std::vector<std::string> expand(const std::string& pattern) {
+    glob_t found = {};
+    std::vector<std::string> paths;
+    if (::glob(pattern.c_str(), 0, nullptr, &found) == 0) {
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    }
+    ::globfree(&found);
+    return paths;
+}
+
+uint64_t nanoseconds(const timespec& time) {
+    return static_cast<uint64_t>(time.tv_sec) * 1000000000u + static_cast<uint64_t>(time.tv_nsec);
+}
+
+file_stamp stamp_of(const struct stat& status) {
+    return {status.st_dev, status.st_ino, static_cast<uint64_t>(status.st_size), nanoseconds(status.st_mtim)};
+}
+
+bool is_same_file(const file_stamp& a, const file_stamp& b) {
+    return a.device == b.device && a.inode == b.inode;
+}
+
+std::string descriptor_path(const unique_fd& fd) {
+    return "/proc/self/fd/" + std::to_string(fd.get());
+}
+
+void tell(watcher* w, const std::string& name, const std::string& error) {
+    loader_tell(w->load, name + ": " + error);
+}
+
+// Older pieces of the log are to be looked through.
+void begin_rotation(watcher* w, const std::string& name, uint64_t since_ns) {
+    const auto [known, is_new] = w->rotations.try_emplace(name);
+    known->second.since_ns = is_new ? since_ns : std::min(known->second.since_ns, since_ns);
+    known->second.until = clock::now() + ROTATES_FOR;
+}
+
+// A log that earlier loads know may have been rotated meanwhile.
+void begin_known(watcher* w, const std::string& name) {
+    const std::string source = loader_source_name(name);
+    uint64_t since_ns = 0;
+    for (const auto& [number, known] : w->load->known.by_number) {
+        const std::vector<std::string>& names = w->load->st.sources.names;
+        const bool is_of = known.file.source < names.size() && names[known.file.source] == source;
+        if (is_of) since_ns = std::max(since_ns, known.file.modified_ns);
+    }
+    if (since_ns != 0) begin_rotation(w, name, since_ns);
+}
+
+void let_go(watcher* w, followed_file* file) {
+    if (!file->fd.valid()) return;
+    begin_rotation(w, file->name, file->since_ns);
+    file->changed = clock::now();
+    followed_file next;
+    next.name = file->name;
+    next.since_ns = file->since_ns;
+    w->over.push_back(std::move(*file));
+    *file = std::move(next);
+}
+
+// Looks which file has the name now.
+void look(watcher* w, const std::string& name) {
+    const auto [place, is_new] = w->files.try_emplace(name);
+    followed_file* const file = &place->second;
+    file->name = name;
+    if (is_new) begin_known(w, name);
+    struct stat status, held;
+    if (::stat(name.c_str(), &status) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR) return tell(w, name, std::strerror(errno));
+        return let_go(w, file);
+    }
+    const bool holds = file->fd.valid() && ::fstat(file->fd.get(), &held) == 0;
+    if (holds && is_same_file(stamp_of(held), stamp_of(status))) return;
+    let_go(w, file);
+    if (!S_ISREG(status.st_mode)) return tell(w, name, "no regular file; it is left out");
+    file->fd.reset(::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file->fd.valid()) tell(w, name, std::strerror(errno));
+    file->loaded = {};
+    if (file->since_ns == 0) file->since_ns = nanoseconds(status.st_mtim);
+}
+
+// Brings what is followed up to date with the names in the directories.
+void look_round(watcher* w) {
+    std::set<std::string> names, directories;
+    for (const std::string& name : w->options->names) {
+        directories.insert(parent_of(name));
+        if (!is_pattern(name)) {
+            names.insert(name);
+            continue;
+        }
+        for (const std::string& directory : expand(parent_of(name))) directories.insert(directory);
+        for (const std::string& path : expand(name)) names.insert(path);
+        std::erase_if(directories, is_pattern);
+    }
+    for (const std::string& name : names) look(w, name);
+    for (auto i = w->files.begin(); i != w->files.end();) {
+        if (!names.contains(i->first)) let_go(w, &i->second);
+        i = names.contains(i->first) ? std::next(i) : w->files.erase(i);
+    }
+    for (const auto& [name, file] : w->files) {
+        char real[4096];  // behind a symbolic link
+        const bool found = file.fd.valid() && ::realpath(name.c_str(), real) != nullptr;
+        if (found && parent_of(real) != parent_of(name)) directories.insert(parent_of(real));
+    }
+    change_notice_set(&w->notice, directories);
+}
+
+bool has_changed(const followed_file& file, file_stamp* now) {
+    struct stat status;
+    if (!file.fd.valid() || ::fstat(file.fd.get(), &status) != 0) return false;
+    *now = stamp_of(status);
+    return *now != file.loaded;
+}
+
+// Loads what is new in a file.
+void load_file(watcher* w, followed_file* file, bool is_over) {
+    file_stamp now;
+    const bool changed = has_changed(*file, &now);
+    if (!changed && !is_over) return;
+    const bool is_cut = is_same_file(now, file->loaded) && now.size < file->loaded.size;
+    const uint32_t number = file->number;
+    std::string error;
+    if (!loader_follow(w->load, {descriptor_path(file->fd), file->name, is_over}, &file->number, &error)) {
+        tell(w, file->name, error);
+    }
+    // What it had before it was written anew may be in a copy.
+    const bool is_other = number != 0 && file->number != number && is_same_file(now, file->loaded);
+    if (is_cut || is_other) begin_rotation(w, file->name, file->since_ns);
+    if (changed) file->changed = clock::now();
+    if (tool_interrupted != 0) return;
+    file->loaded = now;
+    file->since_ns = now.modified_ns;
+}
+
+void load_over(watcher* w) {
+    for (followed_file& file : w->over) {
+        const bool is_over = clock::now() - file.changed >= OVER_AFTER || w->over.size() > OVER_MAX;
+        load_file(w, &file, is_over);
+        if (is_over && tool_interrupted == 0) file.fd.reset();
+    }
+    std::erase_if(w->over, [](const followed_file& file) { return !file.fd.valid(); });
+}
+
+bool is_followed(const watcher& w, const file_stamp& stamp) {
+    const auto same = [&](const followed_file& file) { return file.fd.valid() && is_same_file(file.loaded, stamp); };
+    return std::any_of(w.over.begin(), w.over.end(), same) ||
+           std::any_of(w.files.begin(), w.files.end(), [&](const auto& file) { return same(file.second); });
+}
+
+// The pieces of a log in its directory, the oldest first.
+std::vector<std::pair<std::string, struct stat>> pieces_of(watcher* w, const std::string& name) {
+    const std::string front = name.substr(0, name.rfind('/') + 1), last = name.substr(front.size());
+    std::vector<std::pair<std::string, struct stat>> pieces;
+    std::vector<std::string> others;
+    try {
+        others = tool_list_directory(parent_of(name));
+    } catch (const tool_failure& failure) {
+        tell(w, name, failure.message);
+    }
+    for (const std::string& other : others) {
+        struct stat status;
+        if (other == last || !is_rotation_of(last, other)) continue;
+        if (::stat((front + other).c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+            pieces.emplace_back(front + other, status);
+        }
+    }
+    std::sort(pieces.begin(), pieces.end(), [](const auto& a, const auto& b) {
+        return nanoseconds(a.second.st_mtim) < nanoseconds(b.second.st_mtim);
+    });
+    return pieces;
+}
+
+// One that is being compressed is not whole yet; what it comes from stands beside it.
+bool is_being_written(const std::string& path, const struct stat& status) {
+    const std::string stem(packed_name_stem(path));
+    struct stat original;
+    if (stem.size() == path.size()) return false;
+    timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return nanoseconds(now) < nanoseconds(status.st_ctim) + BEING_WRITTEN_NS || ::stat(stem.c_str(), &original) == 0;
+}
+
+void load_pieces(watcher* w, const std::string& name, rotation* rotated) {
+    std::map<std::string, file_stamp> loaded;
+    for (const auto& [path, status] : pieces_of(w, name)) {
+        const file_stamp stamp = stamp_of(status);
+        if (stamp.modified_ns < rotated->since_ns || is_followed(*w, stamp) || tool_interrupted != 0) continue;
+        if (is_being_written(path, status)) continue;
+        const auto known = rotated->loaded.find(path);
+        uint32_t number = 0;
+        std::string error;
+        if (known == rotated->loaded.end() || known->second != stamp) {
+            if (!loader_follow(w->load, {path, name, true}, &number, &error)) tell(w, path, error);
+        }
+        if (tool_interrupted == 0) loaded[path] = stamp;
+    }
+    rotated->loaded = std::move(loaded);
+}
+
+void load_rotations(watcher* w) {
+    for (auto i = w->rotations.begin(); i != w->rotations.end();) {
+        load_pieces(w, i->first, &i->second);
+        const bool is_over = clock::now() >= i->second.until;
+        i = is_over ? w->rotations.erase(i) : std::next(i);
+    }
+}
+
+// Everything that is new. Older lines first.
+void load_all(watcher* w) {
+    w->load->totals.waiting = 0;
+    load_over(w);
+    load_rotations(w);
+    for (auto& [name, file] : w->files) {
+        if (tool_interrupted == 0) load_file(w, &file, false);
+    }
+    loader_sync(w->load);
+}
+
+bool anything_new(const watcher& w) {
+    file_stamp now;
+    const auto is_new = [&](const followed_file& file) { return has_changed(file, &now); };
+    return std::any_of(w.over.begin(), w.over.end(), is_new) ||
+           std::any_of(w.files.begin(), w.files.end(), [&](const auto& file) { return is_new(file.second); });
+}
+
+// What is there when the signal comes is loaded, as far as some seconds allow.
+void load_last(watcher* w) {
+    w->load->merges += merge_aside_wait(&w->load->merging);
+    tool_interrupted = 0;
+    ::alarm(LAST_SECONDS);
+    look_round(w);
+    load_all(w);
+    ::alarm(0);
+    tool_interrupted = 1;
+}
+
+}  // namespace
+
+void watch_logs(loader* load, const watch_options& options) {
+    watcher w;
+    w.load = load;
+    w.options = &options;
+    const milliseconds patience = options.sync_every * 3 / 4, often = std::min(LOOK_OFTEN, options.sync_every / 5);
+    look_round(&w);
+    load_all(&w);
+    clock::time_point loaded = clock::now(), changed{};
+    bool has_change = false;
+    while (tool_interrupted == 0) {
+        const auto now = clock::now();
+        const auto due = has_change ? changed + patience
+                                    : loaded + (w.rotations.empty() ? LOOK_ANYWAY : std::max(LOOK_OFTEN, patience));
+        const auto wait = std::chrono::ceil<milliseconds>(due - now);
+        if (wait.count() > 0)
+            change_notice_wait(&w.notice, !has_change, w.notice.is_complete ? wait : std::min(wait, often));
+        if (tool_interrupted != 0) break;
+        look_round(&w);
+        if (!has_change && anything_new(w)) {
+            has_change = true;
+            changed = clock::now();
+        }
+        if (clock::now() < due) continue;
+        load_all(&w);
+        has_change = false;
+        loaded = clock::now();
+    }
+    load_last(&w);
+}
+
+}  // namespace veldar::tool
