@@ -651,7 +651,10 @@ TEST_F(Load, FormatsOfTheUsersOwn) {
 TEST_F(Load, APipeIsKept) {
     const lines all = log_lines(0, 4000);
     write_file(file("in"), joined(all));
-    const tool_result plain = load({"-", file("in")}, {file("in")});
+    ASSERT_EQ(::mkfifo(file("pipe").c_str(), 0600), 0);
+    std::jthread writer([&] { write_file(file("pipe"), joined(all)); });
+    const tool_result plain = load({"-", file("in")}, {file("pipe")});
+    writer.join();
     EXPECT_EQ(plain.status, 0) << plain.err;
     ASSERT_EQ(run_tool("veldar/veldar", {"-s", store(), "forget", file("in")}).out,
               file("in") + ": 4,000 events deleted\n")

@@ -19,7 +19,9 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/write_options.h"
@@ -98,6 +100,16 @@ uint64_t st_tsidx_max_values(const TSIDX* tsidx);
 int st_tsidx_autotune(TSIDX* tsidx, int enable);
 // Durability switch: 0 leaves out every fsync, for throw-away indexes; the default is 1.
 void st_tsidx_set_durable(TSIDX* tsidx, int durable);
+
+// What writers that are gone have left in the directory, whichever way the handle was opened; what may still be written
+// is not among it. 0, or a failure of listing or of reading a manifest, recorded.
+struct tsidx_leftover_t {
+    std::string name;
+    uint64_t bytes = 0;  // that its removal frees
+    bool is_kept =
+        false;  // it holds events that are nowhere else; anything else goes when the directory is opened for writing
+};
+[[nodiscard]] int st_tsidx_find_leftovers(TSIDX* tsidx, std::vector<tsidx_leftover_t>* found);
 
 // The marker file: 1 when it exists, else 0; creating and removing it: 0, or WARM_RC_OPEN or WARM_RC_WRITE with errno
 // set.

@@ -154,6 +154,20 @@ int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved) 
     return of_manifest != 0 ? of_manifest : of_tmp;
 }
 
+int tsidx_find_merge_leftovers(const TSIDX* tsidx, std::vector<std::string>* names, warm_rc_t* rc) {
+    for (const char* name : {MERGE_MANIFEST_TMP_NAME, MERGE_MANIFEST_NAME}) {
+        manifest_file file;
+        bool committed = false;
+        ST_TRY(open_manifest(tsidx, name, &file, rc));
+        if (!file.fd.valid() || !owner_is_gone(file)) continue;
+        if (file.whole) ST_TRY(exists(tsidx->path + "/" + file.manifest.target, &committed, rc));
+        names->emplace_back(name);
+        if (file.whole) names->push_back(file.manifest.temp);
+        if (committed) names->insert(names->end(), file.manifest.sources.begin(), file.manifest.sources.end());
+    }
+    return 0;
+}
+
 bool tsidx_has_merge(const TSIDX* tsidx) {
     for (const char* name : {MERGE_MANIFEST_TMP_NAME, MERGE_MANIFEST_NAME}) {
         const std::string path = tsidx->path + "/" + name;

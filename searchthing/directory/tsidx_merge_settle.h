@@ -18,6 +18,9 @@ inline constexpr int64_t TSIDX_MERGE_MAX_SECONDS = 86400;
 // and named in `unremoved` (with WARM_RC_WRITE) unless that is null; the next writer tries again. May throw
 // std::bad_alloc.
 [[nodiscard]] int tsidx_settle_merge(const TSIDX* tsidx, warm_rc_t* rc, warm_rc_t* unremoved = nullptr);
+// The names of the files that settling would remove now, of a merge whose owner is gone or that took effect: the lock need
+// not be held, and some may not exist. 0, WARM_RC_OPEN or WARM_RC_READ. May throw std::bad_alloc.
+[[nodiscard]] int tsidx_find_merge_leftovers(const TSIDX* tsidx, std::vector<std::string>* names, warm_rc_t* rc);
 // Whether a manifest, complete or not, lies in the directory.
 bool tsidx_has_merge(const TSIDX* tsidx);
 // An exclusive flock without waiting: 1 taken, 0 held by another, -1 when the file system has none.

@@ -162,37 +162,29 @@ void remove_file(const std::string& path) {
     _log(0, "WARN  a leftover file was not removed. errno=%i, path=%s\n", errno, path.c_str());
 }
 
-void recover_pre_slice(const TSIDX* tsidx, const leftover& pre, const std::vector<std::string>& names) {
+enum leftover_fate { WAITS, GOES, IS_KEPT };
+
+leftover_fate fate_of(const TSIDX* tsidx, const leftover& found, const std::vector<std::string>& names) {
     struct stat status;
-    if (!is_old(pre.path, &status)) return;
-    if (is_linked(tsidx->path, pre, status, names) || is_cut_off(pre.path)) {
-        remove_file(pre.path);
-    } else {
-        _log(0, "WARN  this file holds events of an interrupted sync that are nowhere else, path=%s\n",
-             pre.path.c_str());
+    if (found.kind == SENTINEL) return GOES;
+    if (!is_old(found.path, &status)) return WAITS;
+    if (found.kind == TEMPORARY) return GOES;
+    if (found.kind == SEAL) {
+        const std::string slice = found.path.substr(0, found.path.size() + 1 - sizeof SEAL_SUFFIX);
+        return ospath_try_stat(slice.c_str()) != 0 && errno == ENOENT ? GOES : WAITS;
     }
+    return is_linked(tsidx->path, found, status, names) || is_cut_off(found.path) ? GOES : IS_KEPT;
 }
 
 void recover(const TSIDX* tsidx, const leftover& found, const std::vector<std::string>& names) {
-    struct stat status;
-    switch (found.kind) {
-        case SENTINEL:
-            tsidx_remove_slice(tsidx, found.path.substr(0, found.path.size() + 1 - sizeof TSIDX_SENTINEL_SUFFIX));
-            break;
-        case PRE_SLICE:
-            recover_pre_slice(tsidx, found, names);
-            break;
-        case SEAL: {
-            const std::string slice = found.path.substr(0, found.path.size() + 1 - sizeof SEAL_SUFFIX);
-            const bool is_orphan = ospath_try_stat(slice.c_str()) != 0 && errno == ENOENT;
-            if (is_orphan && is_old(found.path, &status)) remove_file(found.path);
-            break;
-        }
-        case TEMPORARY:
-            if (is_old(found.path, &status)) remove_file(found.path);
-            break;
-        case NO_LEFTOVER:
-            break;
+    const leftover_fate fate = fate_of(tsidx, found, names);
+    if (fate == GOES && found.kind == SENTINEL) {
+        tsidx_remove_slice(tsidx, found.path.substr(0, found.path.size() + 1 - sizeof TSIDX_SENTINEL_SUFFIX));
+    } else if (fate == GOES) {
+        remove_file(found.path);
+    } else if (fate == IS_KEPT) {
+        _log(0, "WARN  this file holds events of an interrupted sync that are nowhere else, path=%s\n",
+             found.path.c_str());
     }
 }
 
@@ -214,6 +206,27 @@ int remove_second_name(const TSIDX* tsidx, const std::string& path) {
     return 0;
 }
 
+std::vector<leftover> classify_all(const TSIDX* tsidx, std::vector<std::string> names) {
+    std::vector<leftover> found;
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+        leftover file;
+        file.kind = classify(name, names, &file.meta);
+        if (file.kind == NO_LEFTOVER) continue;
+        file.path = tsidx->path + "/" + name;
+        found.push_back(file);
+    }
+    return found;
+}
+
+// Not what is gone already. One of several names frees nothing.
+void add_leftover(const TSIDX* tsidx, const std::string& name, bool is_kept, std::vector<tsidx_leftover_t>* found) {
+    struct stat status;
+    if (os_retry([&] { return ::stat((tsidx->path + "/" + name).c_str(), &status); }) != 0) return;
+    const uint64_t bytes = status.st_nlink > 1 ? 0 : static_cast<uint64_t>(status.st_size);
+    found->push_back({name, bytes, is_kept});
+}
+
 }  // namespace
 
 int tsidx_unlink_slice(const TSIDX* tsidx, const std::string& path) {
@@ -233,24 +246,44 @@ void tsidx_remove_seal(const char* slice) {
     if (length > 0 && static_cast<size_t>(length) < sizeof path.val) ::unlink(path.val);
 }
 
+int st_tsidx_find_leftovers(TSIDX* tsidx, std::vector<tsidx_leftover_t>* found) {
+    ST_ASSERT(tsidx != nullptr && found != nullptr);
+    warm_rc_t* const rc = &tsidx->last_failure;
+    std::vector<std::string> names, merging;
+    found->clear();
+    try {
+        ST_TRY(tsidx_read_names(tsidx->path.c_str(), &names, rc));
+        ST_TRY(merge_manifest_temporaries(tsidx->path, &merging, rc));
+        std::vector<std::string> going;
+        ST_TRY(tsidx_find_merge_leftovers(tsidx, &going, rc));
+        for (const std::string& name : going) add_leftover(tsidx, name, false, found);
+        for (const leftover& file : classify_all(tsidx, names)) {
+            const std::string name = file.path.substr(tsidx->path.size() + 1);
+            if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
+            const leftover_fate fate = fate_of(tsidx, file, names);
+            if (fate == WAITS) continue;
+            add_leftover(tsidx, name, fate == IS_KEPT, found);
+            if (file.kind == SENTINEL) {
+                add_leftover(tsidx, name.substr(0, name.size() + 1 - sizeof TSIDX_SENTINEL_SUFFIX), false, found);
+            }
+        }
+        return _set_rc(rc, 0);
+    } catch (const std::bad_alloc&) {
+        return _set_rc(rc, WARM_RC_NO_MEMORY);
+    }
+}
+
 void tsidx_recover(TSIDX* tsidx) {
     warm_rc_t rc;
     std::vector<std::string> names;
-    std::vector<leftover> found;
-    bool merge = false;
     if (tsidx_read_names(tsidx->path.c_str(), &names, &rc) != 0) {
         if (rc.saved_errno != ENOENT) warn("leftovers were not looked for", tsidx, rc);
         return;
     }
-    std::sort(names.begin(), names.end());
-    for (const std::string& name : names) {
-        merge = merge || name == MERGE_MANIFEST_NAME || name == MERGE_MANIFEST_TMP_NAME;
-        leftover file;
-        file.kind = classify(name, names, &file.meta);
-        if (file.kind == NO_LEFTOVER) continue;
-        file.path = tsidx->path + "/" + name;
-        found.push_back(file);
-    }
+    const std::vector<leftover> found = classify_all(tsidx, names);
+    const bool merge = std::any_of(names.begin(), names.end(), [](const std::string& name) {
+        return name == MERGE_MANIFEST_NAME || name == MERGE_MANIFEST_TMP_NAME;
+    });
     if (found.empty() && !merge) return;
     // Whoever holds the lock is at work on just these files.
     tsidx_lock lock;

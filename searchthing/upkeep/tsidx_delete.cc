@@ -217,36 +217,17 @@ int64_t delete_found(TSIDX* tsidx, st_time_t earliest, st_time_t latest, Find fi
     }
 }
 
-struct slice_facts {
-    uint64_t bytes = 0, events = 0;
-    uint32_t values = 0;
-    bool has_marks = false;
-};
-
-slice_facts look_at(const std::string& path) {
-    slice_facts facts;
-    struct stat status;
-    if (::stat(path.c_str(), &status) == 0) facts.bytes = static_cast<uint64_t>(status.st_size);
-    warm_rc_t ignored;  // what cannot be read goes all the same
-    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &ignored));
-    if (warm == nullptr) return facts;
-    const bool metric = st_warm_slice_is_msidx(warm->body);
-    facts.values = st_warm_slice_values(warm.get());
-    facts.events = facts.values - (metric ? warm_slice_runs(warm.get()) : warm_slice_count_deleted(warm.get()));
-    facts.has_marks = !metric && warm->d_array != nullptr;
-    return facts;
-}
-
 // WARM_RC_MANIFEST_EXISTS for a slice whose events a merge that is at work would bring back.
-int drop_slice(TSIDX* tsidx, const std::string& path, bool merging, tsidx_dropped_t* dropped) {
+int drop_slice(TSIDX* tsidx, const std::string& name, bool merging, tsidx_dropped_t* dropped) {
     warm_rc_t* const rc = &tsidx->last_failure;
-    const slice_facts facts = look_at(path);
+    const std::string path = tsidx->path + "/" + name;
+    const tsidx_slice_facts_t facts = st_tsidx_slice_facts(tsidx, name, TSIDX_FIRST_TIME);
     if (merging && !facts.has_marks) return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "a merge is at work");
     if (merging) {
         const doomed_values all = {.bits = std::vector<uint8_t>(facts.values / 8 + 1, 0xFF), .any = true};
         uint64_t newly = 0;
         bool all_deleted = false;
-        ST_TRY(mark_in_file(path.c_str(), all, &newly, &all_deleted, rc));
+        ST_TRY(mark_in_file(path, all, tsidx->durable, &newly, &all_deleted, rc));
     }
     tsidx_remove_slice(tsidx, path);
     if (::access(path.c_str(), F_OK) == 0) return _set_rc_msg(rc, WARM_RC_WRITE, path.c_str());
@@ -266,7 +247,7 @@ int drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropp
     ST_TRY(tsidx_list(tsidx->path.c_str(), &live, rc));
     for (const tsidx_slice_name_t& slice : live) {
         if (std::find(names.begin(), names.end(), slice.name) == names.end()) continue;
-        ST_TRY(drop_slice(tsidx, tsidx->path + "/" + slice.name, settled != 0, dropped));
+        ST_TRY(drop_slice(tsidx, slice.name, settled != 0, dropped));
     }
     return _set_rc(rc, 0);
 }
@@ -337,6 +318,29 @@ int64_t st_tsidx_delete_before(TSIDX* tsidx, st_time_t time) {
         for (; id < st_warm_slice_values(warm); id++) doomed->add(id);
         return 0;
     });
+}
+
+tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& name, st_time_t time) {
+    ST_ASSERT(tsidx != nullptr);
+    tsidx_slice_facts_t facts;
+    const std::string path = tsidx->path + "/" + name;
+    struct stat status;
+    facts.exists = ::stat(path.c_str(), &status) == 0;
+    if (facts.exists) facts.bytes = static_cast<uint64_t>(status.st_size);
+    warm_rc_t ignored;
+    const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &ignored));
+    if (warm == nullptr) return facts;
+    facts.is_metric = st_warm_slice_is_msidx(warm->body);
+    facts.values = st_warm_slice_values(warm.get());
+    facts.events =
+        facts.values - (facts.is_metric ? warm_slice_runs(warm.get()) : warm_slice_count_deleted(warm.get()));
+    facts.address_max = warm_header_is_rev1(warm->body) ? warm->body->seek_addr_max.get() : UINT32_MAX;
+    facts.has_marks = !facts.is_metric && warm->d_array != nullptr;
+    uint32_t id = facts.values;
+    if (facts.is_metric || time == TSIDX_FIRST_TIME) return facts;
+    if (tsidx_first_not_later(warm.get(), 0, time - 1, &id, &ignored) != 0) return facts;
+    for (; id < facts.values; id++) facts.older += is_marked(warm.get(), id) ? 0 : 1;
+    return facts;
 }
 
 int st_tsidx_drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropped_t* dropped) {

@@ -37,6 +37,16 @@ namespace veldar {
 // Deletes every event of a time before this one.
 [[nodiscard]] int64_t st_tsidx_delete_before(TSIDX* tsidx, st_time_t time);
 
+// What is to be known of a slice before it is removed, as far as it can be read.
+struct tsidx_slice_facts_t {
+    uint64_t bytes = 0;
+    uint64_t events = 0, older = 0;  // that are not deleted; of these those of times before `time`, of metrics none
+    uint64_t address_max = 0;        // the greatest that it may have
+    uint32_t values = 0;
+    bool exists = false, is_metric = false, has_marks = false;
+};
+tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& name, st_time_t time);
+
 // Removes whole slices, named as in the directory, with the events that they hold, whatever these are: slices of metrics
 // and those that cannot be read go too. Names of no live slice are passed over. `dropped`, which is not null, tells what
 // went, also beside a failure. Under the directory's lock as deletes; while a merge is at work the events are marked

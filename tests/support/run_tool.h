@@ -23,4 +23,7 @@ struct tool_result {
 tool_result run_tool(const std::string& name, const std::vector<std::string>& arguments,
                      const tool_options& options = {});
 
+// Begins one that runs beside; what it says is appended to the file `err`.
+int start_tool(const std::string& name, const std::vector<std::string>& arguments, const std::string& err);
+
 }  // namespace veldar

@@ -19,7 +19,7 @@ constexpr void (*COMMANDS[])(const veldar::tool::command&) = {
     veldar::tool::add_rebuild_command,  veldar::tool::add_info_command,    veldar::tool::add_ls_command,
     veldar::tool::add_dump_command,     veldar::tool::add_delete_command,  veldar::tool::add_health_command,
     veldar::tool::add_optimize_command, veldar::tool::add_metrics_command, veldar::tool::add_forget_command,
-    veldar::tool::add_retain_command,   veldar::tool::add_watch_command,
+    veldar::tool::add_retain_command,   veldar::tool::add_watch_command,   veldar::tool::add_gc_command,
 };
 
 }  // namespace

@@ -183,12 +183,12 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
         one->last_line == LINE_WAITS || (one->last_line == LINE_WAITS_WHILE_YOUNG && is_young(one->input));
     one->reader.waits = waits && !load->options->flush && one->file.kind != SOURCE_SPOOL && !one->input.pipe &&
                         one->input.packed == nullptr;
-    one->input.stored_end = one->input.size;
+    if (!one->input.pipe) one->input.stored_end = one->input.size;
     const bool held = one->reader.waits && log_input_leave_last_line(&one->input, error);
     if (!error->empty()) return false;
     const bool plain = log_input_is_plain(one->input);
     const uint64_t limit = plain ? std::max(one->input.stored_end, one->from) : SOURCE_NO_LIMIT;
-    one->input.stored_end = std::max(one->input.stored_end, plain ? one->from : 0);
+    if (plain) one->input.stored_end = limit;
     if (!record_reader_open(&one->reader, &one->input, limit)) throw std::bad_alloc();
     one->reader.spool = load->spool.get();
     one->line = one->from == 0;

@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <set>
 
@@ -24,11 +27,13 @@ namespace {
 using clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds LOOK_ANYWAY{10000};   // inotify may miss what is in new directories
-constexpr milliseconds LOOK_OFTEN{1000};     // without it
-constexpr milliseconds OVER_AFTER{10000};    // a file that lost its name and does not change any more is let go
-constexpr milliseconds ROTATES_FOR{600000};  // so long its older pieces may be compressed yet
-constexpr uint64_t BEING_WRITTEN_NS = 2'000'000'000;  // one that is compressed right now
+constexpr milliseconds LOOK_ANYWAY{10000};        // inotify may miss what is in new directories
+constexpr milliseconds LOOK_OFTEN{1000};          // without it
+constexpr milliseconds OVER_AFTER{10000};         // a file that lost its name and does not change any more is let go
+constexpr milliseconds ROTATES_FOR{600000};       // so long its older pieces may be compressed yet
+constexpr milliseconds PIECES_SETTLE_FOR{30000};  // those of a rotation of before
+constexpr uint64_t SURELY_LOADED_NS = 600'000'000'000;  // before the last load
+constexpr uint64_t BEING_WRITTEN_NS = 2'000'000'000;    // one that is compressed right now
 constexpr size_t OVER_MAX = 64;
 constexpr unsigned LAST_SECONDS = 3;
 
@@ -61,6 +66,8 @@ struct watcher {
     std::map<std::string, followed_file> files;  // by name
     std::vector<followed_file> over;             // that have lost their names
     std::map<std::string, rotation> rotations;   // by name
+    line_file notes;
+    std::map<std::string, uint64_t> noted;  // logs of the store's notes, and when they began to be followed
 };
 
 bool is_pattern(const std::string& name) {
@@ -103,28 +110,57 @@ void tell(watcher* w, const std::string& name, const std::string& error) {
     loader_tell(w->load, name + ": " + error);
 }
 
-// Older pieces of the log are to be looked through.
-void begin_rotation(watcher* w, const std::string& name, uint64_t since_ns) {
+// Older pieces of the log are to be looked through for some time.
+void begin_rotation(watcher* w, const std::string& name, uint64_t since_ns, milliseconds time) {
     const auto [known, is_new] = w->rotations.try_emplace(name);
     known->second.since_ns = is_new ? since_ns : std::min(known->second.since_ns, since_ns);
-    known->second.until = clock::now() + ROTATES_FOR;
+    known->second.until = std::max(known->second.until, clock::now() + time);
 }
 
-// A log that earlier loads know may have been rotated meanwhile.
-void begin_known(watcher* w, const std::string& name) {
-    const std::string source = loader_source_name(name);
-    uint64_t since_ns = 0;
-    for (const auto& [number, known] : w->load->known.by_number) {
-        const std::vector<std::string>& names = w->load->st.sources.names;
-        const bool is_of = known.file.source < names.size() && names[known.file.source] == source;
-        if (is_of) since_ns = std::max(since_ns, known.file.modified_ns);
+uint64_t now_ns() {
+    timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return nanoseconds(now);
+}
+
+// From when on pieces of the log may hold what is not loaded: 0 when nothing was loaded from it. What is told of times
+// is that of the last loads, which a kill may have undone in part.
+uint64_t loaded_until(const watcher& w, const std::string& source) {
+    uint64_t latest = 0, incomplete = UINT64_MAX;
+    for (const auto& [number, known] : w.load->known.by_number) {
+        const std::vector<std::string>& names = w.load->st.sources.names;
+        if (known.file.source >= names.size() || names[known.file.source] != source) continue;
+        latest = std::max(latest, known.file.modified_ns);
+        if (known.progress < known.file.size) incomplete = std::min(incomplete, known.file.modified_ns);
     }
-    if (since_ns != 0) begin_rotation(w, name, since_ns);
+    return std::min(latest - std::min(latest, SURELY_LOADED_NS), incomplete);
+}
+
+// A log that was followed or loaded before may have been rotated meanwhile. One that was not is noted, before anything
+// of it is loaded.
+void begin_name(watcher* w, const std::string& name, uint64_t since_ns) {
+    const std::string source = loader_source_name(name);
+    const auto noted = w->noted.find(source);
+    const uint64_t until_ns = loaded_until(*w, source);
+    if (noted != w->noted.end()) return begin_rotation(w, name, std::max(noted->second, until_ns), PIECES_SETTLE_FOR);
+    if (until_ns != 0) begin_rotation(w, name, until_ns, PIECES_SETTLE_FOR);
+    if (source.find('\n') != std::string::npos) return;
+    line_file_add(&w->notes, std::to_string(until_ns != 0 ? until_ns : since_ns) + " " + source + "\n");
+    w->noted[source] = until_ns != 0 ? until_ns : since_ns;
+}
+
+void open_notes(watcher* w) {
+    const std::string lines = line_file_open(&w->notes, w->load->st.path + "/" + STORE_WATCHED, w->load->st.durable);
+    for (size_t at = 0; at < lines.size();) {
+        const size_t blank = lines.find(' ', at), end = lines.find('\n', at);
+        if (blank < end) w->noted[lines.substr(blank + 1, end - blank - 1)] = std::strtoull(&lines[at], nullptr, 10);
+        at = end + 1;
+    }
 }
 
 void let_go(watcher* w, followed_file* file) {
     if (!file->fd.valid()) return;
-    begin_rotation(w, file->name, file->since_ns);
+    begin_rotation(w, file->name, file->since_ns, ROTATES_FOR);
     file->changed = clock::now();
     followed_file next;
     next.name = file->name;
@@ -138,10 +174,12 @@ void look(watcher* w, const std::string& name) {
     const auto [place, is_new] = w->files.try_emplace(name);
     followed_file* const file = &place->second;
     file->name = name;
-    if (is_new) begin_known(w, name);
     struct stat status, held;
-    if (::stat(name.c_str(), &status) != 0) {
-        if (errno != ENOENT && errno != ENOTDIR) return tell(w, name, std::strerror(errno));
+    const bool exists = ::stat(name.c_str(), &status) == 0;
+    const int why = errno;
+    if (is_new) begin_name(w, name, exists ? nanoseconds(status.st_mtim) : now_ns());
+    if (!exists) {
+        if (why != ENOENT && why != ENOTDIR) return tell(w, name, std::strerror(why));
         return let_go(w, file);
     }
     const bool holds = file->fd.valid() && ::fstat(file->fd.get(), &held) == 0;
@@ -173,9 +211,10 @@ void look_round(watcher* w) {
         i = names.contains(i->first) ? std::next(i) : w->files.erase(i);
     }
     for (const auto& [name, file] : w->files) {
-        char real[4096];  // behind a symbolic link
-        const bool found = file.fd.valid() && ::realpath(name.c_str(), real) != nullptr;
-        if (found && parent_of(real) != parent_of(name)) directories.insert(parent_of(real));
+        char real[PATH_MAX];
+        struct stat status;
+        const bool is_link = ::lstat(name.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+        if (is_link && ::realpath(name.c_str(), real) != nullptr) directories.insert(parent_of(real));
     }
     change_notice_set(&w->notice, directories);
 }
@@ -200,7 +239,7 @@ void load_file(watcher* w, followed_file* file, bool is_over) {
     }
     // What it had before it was written anew may be in a copy.
     const bool is_other = number != 0 && file->number != number && is_same_file(now, file->loaded);
-    if (is_cut || is_other) begin_rotation(w, file->name, file->since_ns);
+    if (is_cut || is_other) begin_rotation(w, file->name, file->since_ns, ROTATES_FOR);
     if (changed) file->changed = clock::now();
     if (tool_interrupted != 0) return;
     file->loaded = now;
@@ -223,15 +262,10 @@ bool is_followed(const watcher& w, const file_stamp& stamp) {
 }
 
 // The pieces of a log in its directory, the oldest first.
-std::vector<std::pair<std::string, struct stat>> pieces_of(watcher* w, const std::string& name) {
+std::vector<std::pair<std::string, struct stat>> pieces_of(const std::string& name,
+                                                           const std::vector<std::string>& others) {
     const std::string front = name.substr(0, name.rfind('/') + 1), last = name.substr(front.size());
     std::vector<std::pair<std::string, struct stat>> pieces;
-    std::vector<std::string> others;
-    try {
-        others = tool_list_directory(parent_of(name));
-    } catch (const tool_failure& failure) {
-        tell(w, name, failure.message);
-    }
     for (const std::string& other : others) {
         struct stat status;
         if (other == last || !is_rotation_of(last, other)) continue;
@@ -245,36 +279,45 @@ std::vector<std::pair<std::string, struct stat>> pieces_of(watcher* w, const std
     return pieces;
 }
 
-// One that is being compressed is not whole yet; what it comes from stands beside it.
-bool is_being_written(const std::string& path, const struct stat& status) {
-    const std::string stem(packed_name_stem(path));
-    struct stat original;
-    if (stem.size() == path.size()) return false;
-    timespec now;
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    return nanoseconds(now) < nanoseconds(status.st_ctim) + BEING_WRITTEN_NS || ::stat(stem.c_str(), &original) == 0;
+// One that is being compressed is not whole yet; when it is, it has the time of what it was made of.
+bool is_being_written(const std::string& path, const file_stamp& stamp) {
+    return packed_name_stem(path).size() != path.size() && now_ns() < stamp.modified_ns + BEING_WRITTEN_NS;
 }
 
-void load_pieces(watcher* w, const std::string& name, rotation* rotated) {
+void load_pieces(watcher* w, const std::string& name, const std::vector<std::string>& others, rotation* rotated) {
     std::map<std::string, file_stamp> loaded;
-    for (const auto& [path, status] : pieces_of(w, name)) {
+    for (const auto& [path, status] : pieces_of(name, others)) {
         const file_stamp stamp = stamp_of(status);
         if (stamp.modified_ns < rotated->since_ns || is_followed(*w, stamp) || tool_interrupted != 0) continue;
-        if (is_being_written(path, status)) continue;
+        if (is_being_written(path, stamp)) continue;
         const auto known = rotated->loaded.find(path);
         uint32_t number = 0;
         std::string error;
         if (known == rotated->loaded.end() || known->second != stamp) {
-            if (!loader_follow(w->load, {path, name, true}, &number, &error)) tell(w, path, error);
+            const bool read = loader_follow(w->load, {path, name, true}, &number, &error);
+            if (!read && ::access(path.c_str(), F_OK) != 0) continue;  // it has another name by now
+            if (!read) tell(w, path, error);
         }
         if (tool_interrupted == 0) loaded[path] = stamp;
     }
     rotated->loaded = std::move(loaded);
 }
 
+std::vector<std::string> list_or_tell(watcher* w, const std::string& directory) {
+    try {
+        return tool_list_directory(directory);
+    } catch (const tool_failure& failure) {
+        tell(w, directory, failure.message);
+        return {};
+    }
+}
+
 void load_rotations(watcher* w) {
+    std::map<std::string, std::vector<std::string>> listings;
     for (auto i = w->rotations.begin(); i != w->rotations.end();) {
-        load_pieces(w, i->first, &i->second);
+        const std::string directory = parent_of(i->first);
+        if (!listings.contains(directory)) listings[directory] = list_or_tell(w, directory);
+        load_pieces(w, i->first, listings[directory], &i->second);
         const bool is_over = clock::now() >= i->second.until;
         i = is_over ? w->rotations.erase(i) : std::next(i);
     }
@@ -315,6 +358,7 @@ void watch_logs(loader* load, const watch_options& options) {
     watcher w;
     w.load = load;
     w.options = &options;
+    open_notes(&w);
     const milliseconds patience = options.sync_every * 3 / 4, often = std::min(LOOK_OFTEN, options.sync_every / 5);
     look_round(&w);
     load_all(&w);

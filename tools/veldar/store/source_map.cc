@@ -226,6 +226,29 @@ void append_record(source_map* map, uint32_t kind, std::string_view payload) {
     map->size += record.size();
 }
 
+std::string rewritten(const source_map& map, const std::set<uint32_t>& without) {
+    std::string bytes;
+    const auto add = [&](uint32_t kind, const std::string& payload) {
+        bytes += encode_record(bytes.size(), kind, payload);
+    };
+    for (const auto& [number, file] : map.files) {
+        if (!without.contains(number)) add(RECORD_FILE, encode_file(file));
+    }
+    bool in_hole = false;
+    for (const source_stretch& stretch : map.stretches) {
+        const bool is_hole = stretch.number == NO_FILE || without.contains(stretch.number);
+        if (!is_hole) add(RECORD_STRETCH, encode_stretch(stretch));
+        if (is_hole && !in_hole) add(RECORD_STRETCH, encode_stretch({stretch.base, NO_FILE, 0, 0, 0}));
+        in_hole = is_hole;
+    }
+    if (map.frontier != 0) add(RECORD_MARK, encode_mark(map.frontier));
+    for (const source_tail& tail : last_tails(map, without)) add(RECORD_TAIL, encode_tail(tail));
+    for (const auto& [number, deleted] : map.forgotten) {
+        if (!without.contains(number)) add(RECORD_FORGOTTEN, encode_forgotten(number, deleted));
+    }
+    return bytes;
+}
+
 }  // namespace
 
 bool source_map_open(source_map* map, const std::string& path, bool writable, std::string* error) {
@@ -297,27 +320,13 @@ void source_map_put_forgotten(source_map* map, uint32_t number, bool deleted) {
     map->forgotten[number] = deleted;
 }
 
+uint64_t source_map_rewritten_size(const source_map& map, const std::set<uint32_t>& without) {
+    return rewritten(map, without).size();
+}
+
 void source_map_rewrite(source_map* map, const std::set<uint32_t>& without) {
-    std::string bytes;
-    const auto add = [&](uint32_t kind, const std::string& payload) {
-        bytes += encode_record(bytes.size(), kind, payload);
-    };
+    const std::string bytes = rewritten(*map, without);
     source_map left;
-    for (const auto& [number, file] : map->files) {
-        if (!without.contains(number)) add(RECORD_FILE, encode_file(file));
-    }
-    bool in_hole = false;
-    for (const source_stretch& stretch : map->stretches) {
-        const bool is_hole = stretch.number == NO_FILE || without.contains(stretch.number);
-        if (!is_hole) add(RECORD_STRETCH, encode_stretch(stretch));
-        if (is_hole && !in_hole) add(RECORD_STRETCH, encode_stretch({stretch.base, NO_FILE, 0, 0, 0}));
-        in_hole = is_hole;
-    }
-    if (map->frontier != 0) add(RECORD_MARK, encode_mark(map->frontier));
-    for (const source_tail& tail : last_tails(*map, without)) add(RECORD_TAIL, encode_tail(tail));
-    for (const auto& [number, deleted] : map->forgotten) {
-        if (!without.contains(number)) add(RECORD_FORGOTTEN, encode_forgotten(number, deleted));
-    }
     if (!tool_replace_file(map->path, bytes, map->durable)) fail_io("cannot write " + map->path, errno);
     std::string error;
     left.durable = map->durable;

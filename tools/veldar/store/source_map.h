@@ -115,5 +115,7 @@ void source_map_put_forgotten(source_map* map, uint32_t number, bool deleted);
 // a slice; their addresses become those of no file. The map is open for writing. Throws tool_failure, and then the old
 // file stands.
 void source_map_rewrite(source_map* map, const std::set<uint32_t>& without);
+// The bytes that the file would then have.
+uint64_t source_map_rewritten_size(const source_map& map, const std::set<uint32_t>& without);
 
 }  // namespace veldar::tool

@@ -12,6 +12,8 @@
 //     spool-N        the raw bytes that came through pipe N
 //     deleted-N      empty: an event at address N was in a slice and no mark told so when it was deleted. It counts as
 //                    indexed though its slice may be gone.
+//   watched          logs that are or were followed ("veldar watch"): a line each, the time in nanoseconds from which on
+//                    their pieces belong to them, a blank, the path
 //   metrics/         one index directory of metrics, which "veldar metrics" fills
 #pragma once
 
@@ -27,6 +29,7 @@ namespace veldar::tool {
 
 // Where a store keeps its metrics: one index directory, with no source map.
 inline constexpr char STORE_METRICS[] = "metrics";
+inline constexpr char STORE_WATCHED[] = "watched";
 
 struct store_dictionary {
     line_file file;
