@@ -50,15 +50,17 @@ void change_notice_set(change_notice* notice, const std::set<std::string>& direc
     }
 }
 
-void change_notice_wait(change_notice* notice, bool writes_count, std::chrono::milliseconds time) {
+bool change_notice_wait(change_notice* notice, bool writes_count, std::chrono::milliseconds time) {
     pollfd waits[] = {{tool_interrupt_descriptor(), POLLIN, 0},
                       {notice->names.get(), POLLIN, 0},
                       {writes_count ? notice->writes.get() : -1, POLLIN, 0}};
     const auto ms = static_cast<int>(std::clamp<int64_t>(time.count(), 0, 3'600'000));
     if (::poll(waits, std::size(waits), ms) < 0 && errno != EINTR) fail_io("cannot wait for changes", errno);
-    if ((waits[1].revents & POLLIN) != 0) drain(notice->names.get());
+    const bool names = (waits[1].revents & POLLIN) != 0;
+    if (names) drain(notice->names.get());
     // One that is not waited for is emptied by the wait behind the next look at the files.
     if ((waits[2].revents & POLLIN) != 0) drain(notice->writes.get());
+    return names || !notice->is_complete;
 }
 
 }  // namespace veldar::tool

@@ -17,7 +17,7 @@ struct change_notice {
 // Sets the directories, whose changes from now on count. Throws std::bad_alloc.
 void change_notice_set(change_notice* notice, const std::set<std::string>& directories);
 // Waits until a name comes or goes, something is written (if `writes_count`), the time is up, or the command is
-// interrupted. Throws tool_failure.
-void change_notice_wait(change_notice* notice, bool writes_count, std::chrono::milliseconds time);
+// interrupted. Whether a name may have come or gone since the last call. Throws tool_failure.
+bool change_notice_wait(change_notice* notice, bool writes_count, std::chrono::milliseconds time);
 
 }  // namespace veldar::tool

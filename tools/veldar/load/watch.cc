@@ -323,9 +323,13 @@ void load_rotations(watcher* w) {
     }
 }
 
-// Everything that is new. Older lines first.
-void load_all(watcher* w) {
+// Everything that is new. Older lines first. With `names` a log may have a new piece beside it: all of what was in it
+// since it was looked at last, when it was copied and truncated meanwhile.
+void load_all(watcher* w, bool names) {
     w->load->totals.waiting = 0;
+    for (const auto& [name, file] : w->files) {
+        if (names && file.since_ns != 0) begin_rotation(w, name, file.since_ns, milliseconds(0));
+    }
     load_over(w);
     load_rotations(w);
     for (auto& [name, file] : w->files) {
@@ -347,7 +351,7 @@ void load_last(watcher* w) {
     tool_interrupted = 0;
     ::alarm(LAST_SECONDS);
     look_round(w);
-    load_all(w);
+    load_all(w, true);
     ::alarm(0);
     tool_interrupted = 1;
 }
@@ -361,25 +365,27 @@ void watch_logs(loader* load, const watch_options& options) {
     open_notes(&w);
     const milliseconds patience = options.sync_every * 3 / 4, often = std::min(LOOK_OFTEN, options.sync_every / 5);
     look_round(&w);
-    load_all(&w);
+    load_all(&w, false);
     clock::time_point loaded = clock::now(), changed{};
-    bool has_change = false;
+    bool has_change = false, names = false;
     while (tool_interrupted == 0) {
         const auto now = clock::now();
         const auto due = has_change ? changed + patience
                                     : loaded + (w.rotations.empty() ? LOOK_ANYWAY : std::max(LOOK_OFTEN, patience));
         const auto wait = std::chrono::ceil<milliseconds>(due - now);
-        if (wait.count() > 0)
-            change_notice_wait(&w.notice, !has_change, w.notice.is_complete ? wait : std::min(wait, often));
+        if (wait.count() > 0) {
+            const milliseconds time = w.notice.is_complete ? wait : std::min(wait, often);
+            names = change_notice_wait(&w.notice, !has_change, time) || names;
+        }
         if (tool_interrupted != 0) break;
         look_round(&w);
-        if (!has_change && anything_new(w)) {
+        if (!has_change && (names || anything_new(w))) {
             has_change = true;
             changed = clock::now();
         }
         if (clock::now() < due) continue;
-        load_all(&w);
-        has_change = false;
+        load_all(&w, names);
+        has_change = names = false;
         loaded = clock::now();
     }
     load_last(&w);

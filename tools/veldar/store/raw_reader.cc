@@ -264,6 +264,7 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
 
 bool is_rotation_of(const std::string& name, std::string other) {
     if (other == name + ".old") return true;
+    if (!other.starts_with(name)) return false;
     while (other.size() > name.size()) {
         const std::string base = rotation_base(other);
         if (base.size() == other.size()) return false;
