@@ -387,7 +387,8 @@ TEST(Fsck, ExitStatusTells) {
 
 // A command of the tool inside of this process.
 int run_command(void (*add)(const command&), const std::vector<std::string>& arguments) {
-    return command_line_run({{add}}, arguments, "");
+    const command_group group = {nullptr, {&add, 1}};
+    return command_line_run({&group, 1}, arguments, "");
 }
 
 // Whatever fails beneath a command that reads: it says all that there is, or that something failed.

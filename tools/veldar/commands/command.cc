@@ -90,7 +90,9 @@ const command_option& command_option::one_each() const {
 }
 
 command command::subcommand(const char* name, const char* help) const {
-    return {app->add_subcommand(name, help), status, context};
+    CLI::App* const added = app->add_subcommand(name, help);
+    if (heading != nullptr) added->group(heading);
+    return {added, status, context};
 }
 
 void command::footer(const char* text) const {
@@ -158,8 +160,7 @@ void add_query_options(const command& to, query_options* options, bool is_requir
     to.flag("--native", &options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
 }
 
-int command_line_run(std::span<void (*const)(const command&)> commands, std::vector<std::string> arguments,
-                     const char* version) {
+int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version) {
     CLI::App app("Veldar: an index for logs and other events with a time.", "veldar");
     tool_context context;
     int status = EXIT_DONE;
@@ -168,7 +169,9 @@ int command_line_run(std::span<void (*const)(const command&)> commands, std::vec
         "The store (else $VELDAR_STORE, else .veldar here or above); to ask, also an index directory or a slice");
     app.set_version_flag("--version", version);
     app.fallthrough();  // -s may stand behind the subcommand too
-    for (const auto add : commands) add({&app, &status, &context});
+    for (const command_group& group : groups) {
+        for (const auto add : group.commands) add({&app, &status, &context, group.heading});
+    }
     try {
         query_protect_words(&arguments);
         std::reverse(arguments.begin(), arguments.end());  // as the parser takes them

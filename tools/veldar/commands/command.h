@@ -45,6 +45,7 @@ struct command {
     CLI::App* app;
     int* status;
     const tool_context* context;
+    const char* heading = nullptr;  // under which the help lists its subcommands
 
     command subcommand(const char* name, const char* help) const;
     void footer(const char* text) const;
@@ -97,9 +98,14 @@ void add_gc_command(const command& veldar);
 void add_watch_command(const command& veldar);
 void add_metrics_command(const command& veldar);
 
+// Commands that the help lists together.
+struct command_group {
+    const char* heading;
+    std::span<void (*const)(const command&)> commands;
+};
+
 // Runs the subcommand that the arguments (without the program's name) ask for and returns the exit status. Throws what
 // the subcommand throws.
-int command_line_run(std::span<void (*const)(const command&)> commands, std::vector<std::string> arguments,
-                     const char* version);
+int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version);
 
 }  // namespace veldar::tool

@@ -10,16 +10,34 @@
 
 namespace {
 
-constexpr void (*COMMANDS[])(const veldar::tool::command&) = {
-    veldar::tool::add_put_command,      veldar::tool::add_load_command,    veldar::tool::add_search_command,
-    veldar::tool::add_count_command,    veldar::tool::add_stats_command,   veldar::tool::add_top_command,
-    veldar::tool::add_new_command,      veldar::tool::add_diff_command,    veldar::tool::add_terms_command,
-    veldar::tool::add_fields_command,   veldar::tool::add_seen_command,    veldar::tool::add_explain_command,
-    veldar::tool::add_fsck_command,     veldar::tool::add_seal_command,    veldar::tool::add_salvage_command,
-    veldar::tool::add_rebuild_command,  veldar::tool::add_info_command,    veldar::tool::add_ls_command,
-    veldar::tool::add_dump_command,     veldar::tool::add_delete_command,  veldar::tool::add_health_command,
-    veldar::tool::add_optimize_command, veldar::tool::add_metrics_command, veldar::tool::add_forget_command,
-    veldar::tool::add_retain_command,   veldar::tool::add_watch_command,   veldar::tool::add_gc_command,
+using veldar::tool::command;
+
+constexpr void (*IN[])(const command&) = {
+    veldar::tool::add_load_command,
+    veldar::tool::add_watch_command,
+    veldar::tool::add_put_command,
+    veldar::tool::add_forget_command,
+};
+constexpr void (*ASKING[])(const command&) = {
+    veldar::tool::add_search_command,  veldar::tool::add_count_command,   veldar::tool::add_stats_command,
+    veldar::tool::add_top_command,     veldar::tool::add_new_command,     veldar::tool::add_diff_command,
+    veldar::tool::add_terms_command,   veldar::tool::add_fields_command,  veldar::tool::add_seen_command,
+    veldar::tool::add_metrics_command, veldar::tool::add_explain_command,
+};
+constexpr void (*LOOKING[])(const command&) = {
+    veldar::tool::add_ls_command,     veldar::tool::add_info_command, veldar::tool::add_dump_command,
+    veldar::tool::add_health_command, veldar::tool::add_fsck_command,
+};
+constexpr void (*KEEPING[])(const command&) = {
+    veldar::tool::add_optimize_command, veldar::tool::add_delete_command, veldar::tool::add_retain_command,
+    veldar::tool::add_gc_command,       veldar::tool::add_seal_command,   veldar::tool::add_salvage_command,
+    veldar::tool::add_rebuild_command,
+};
+constexpr veldar::tool::command_group GROUPS[] = {
+    {"Getting in", IN},
+    {"Asking", ASKING},
+    {"Looking inside", LOOKING},
+    {"Keeping in order", KEEPING},
 };
 
 }  // namespace
@@ -29,7 +47,7 @@ int main(int argc, char** argv) {
     try {
         veldar::st_init("veldar");
         static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without
-        return veldar::tool::command_line_run(COMMANDS, {argv + 1, argv + argc}, "veldar " VELDAR_VERSION);
+        return veldar::tool::command_line_run(GROUPS, {argv + 1, argv + argc}, "veldar " VELDAR_VERSION);
     } catch (const veldar::tool::tool_failure& failure) {
         veldar::tool::say_trouble(failure.message);
         return failure.status;
