@@ -172,6 +172,21 @@ TEST_F(Seal, MarksAreSealedApart) {
     EXPECT_EQ(seal_troubles(dir_.path()), "");
 }
 
+// Sizes that a seal tells take no memory that the slice does not have.
+TEST_F(Seal, SealsOfOtherFilesAreNoMoreThanWrong) {
+    const std::string slice = put_slices(1)[0];
+    warm_rc_t rc;
+    std::vector<seal_fault_t> faults;
+    slice_seal_t other;
+    ASSERT_EQ(seal_write(slice, &other, false, &rc), 0);
+    EXPECT_EQ(seal_check(slice, &faults, &rc), WARM_RC_CORRUPT);
+    other.size = uint64_t{1} << 62;
+    other.sections = {{SEALED_D, 0, other.size}};
+    ASSERT_EQ(seal_write(slice, &other, false, &rc), 0);
+    EXPECT_EQ(seal_check(slice, &faults, &rc), 0);
+    EXPECT_EQ(faults.size(), 1u);
+}
+
 TEST_F(Seal, MergesLeaveDamagedSourcesAlone) {
     const std::vector<std::string> paths = put_slices(3);
     const std::string whole = read_file(paths[1]);

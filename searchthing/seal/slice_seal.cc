@@ -144,7 +144,8 @@ bool read_text(head_reader* head, slice_seal_t* seal, uint64_t* blocks) {
     }
     uint64_t block_bytes = 0;
     return head->word("blocks ") && head->number(&block_bytes) && head->word(" ") && head->number(blocks) &&
-           head->word("\n") && block_bytes == SEAL_BLOCK && *blocks == expected && end == seal->size;
+           head->word("\n") && block_bytes == SEAL_BLOCK && *blocks == expected && end == seal->size &&
+           !seal->sections.empty();
 }
 
 int read_file(int fd, const std::string& slice, seal_file* file, warm_rc_t* rc) {
