@@ -109,7 +109,12 @@ void put_json(fsck_command* command, const std::string& path, const file_verdict
     }
     out += "]";
     put_text_json(&out, "seal_error", verdict.seal.error);
-    for (const std::string& line : verdict.store) put_text_json(&out, "store", line);
+    if (!verdict.store.empty()) out += ",\"store\":[";
+    for (const std::string& line : verdict.store) {
+        if (out.back() != '[') out += ',';
+        json_put_string(&out, line);
+    }
+    if (!verdict.store.empty()) out += ']';
     output_put(&command->out, out + "}\n");
     output_end_record(&command->out);
 }
@@ -138,6 +143,7 @@ void open_store(fsck_command* command) {
     command->maps.resize(slices.directories.size());
     command->has_map.resize(slices.directories.size());
     const auto has_sources = [](const slice_directory& directory) { return directory.has_sources; };
+    if (slices.store.empty()) return;  // a bucket that was taken out of its store
     if (std::none_of(slices.directories.begin(), slices.directories.end(), has_sources)) return;
     std::string error;
     command->has_names = store_names_read(slices.store, &command->names, &error);
