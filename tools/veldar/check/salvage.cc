@@ -455,6 +455,11 @@ void save_parts(const patient& patient, const std::string& directory, salvage_re
         report->error = "a slice of metrics, of which parts cannot be saved";
         return;
     }
+    if (!st_warm_slice_has_fclex(saved.warm.get())) {
+        report->is_hopeless = true;
+        report->error = "it is cut off behind its values";
+        return;
+    }
     saved.lost_values.resize(st_warm_slice_values(saved.warm.get()));
     saved.lost_terms.resize(st_warm_slice_terms(saved.warm.get()));
     saved.lost_lists.resize(saved.lost_terms.size());

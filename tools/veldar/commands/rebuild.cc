@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <set>
+#include <sstream>
 
 #include "tools/veldar/check/slice_image.h"
 #include "tools/veldar/commands/command.h"
@@ -25,6 +26,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char REBUILT[] = ".rebuilt";
+constexpr char QUARANTINE[] = "quarantine";
+// In the store's quarantine, while a rebuild is not over: the numbers of the logs that it forgets and loads, a line each.
+// A rebuild that was cut off has forgotten some of them, as a user may have others for good.
+constexpr char PLAN[] = "/quarantine/rebuild.plan";
 
 struct rebuild_options {
     std::vector<std::string> slices;
@@ -37,15 +42,30 @@ struct lost_log {
     bool operator<(const lost_log& other) const { return path < other.path; }
 };
 
-// The slices that salvage put aside, DIRECTORY/NAME, in the store's quarantine.
-std::vector<std::string> find_slices(const std::string& store) {
+// The bucket that a slice put aside comes from: STORE/quarantine/BUCKET/NAME or STORE/BUCKET/quarantine/NAME.
+const store_bucket& bucket_of(const store& st, const std::string& slice) {
+    std::error_code ignored;
+    const fs::path directory = fs::absolute(slice, ignored).lexically_normal().parent_path();
+    const bool of_store = directory.filename() != QUARANTINE;
+    const fs::path bucket =
+        of_store ? directory.parent_path().parent_path() / directory.filename() : directory.parent_path();
+    for (const store_bucket& one : st.buckets) {
+        const bool is_aside = !of_store || directory.parent_path().filename() == QUARANTINE;
+        if (is_aside && fs::equivalent(bucket, one.directory, ignored)) return one;
+    }
+    throw tool_failure{EXIT_USAGE, slice + ": no slice that salvage put aside in this store"};
+}
+
+// The slices that salvage put aside.
+std::vector<std::string> find_slices(const store& st) {
     std::vector<std::string> found;
-    const std::string quarantine = store + "/quarantine";
-    if (!tool_exists(quarantine)) return found;
-    for (const std::string& bucket : tool_list_directory(quarantine)) {
-        if (!fs::is_directory(quarantine + "/" + bucket)) continue;
-        for (const std::string& name : tool_list_directory(quarantine + "/" + bucket)) {
-            if (name.ends_with("tsidx")) found.push_back(quarantine + "/" + bucket + "/" + name);
+    for (const store_bucket& bucket : st.buckets) {
+        const std::string name = bucket.directory.substr(bucket.directory.rfind('/'));
+        for (const std::string& aside : {st.path + "/" + QUARANTINE + name, bucket.directory + "/" + QUARANTINE}) {
+            if (!tool_exists(aside)) continue;
+            for (const std::string& slice : tool_list_directory(aside)) {
+                if (slice.ends_with("tsidx")) found.push_back(aside + "/" + slice);
+            }
         }
     }
     std::sort(found.begin(), found.end());
@@ -73,23 +93,47 @@ lost_log log_of(const loader& load, const source_file& file, std::string path) {
     return {std::move(path), host == load.machine ? "" : host, usual_type ? "" : type};
 }
 
-// Adds the logs of the slice's bucket that have such addresses. False when one of them is nowhere any more.
-bool add_logs(const loader& load, const std::string& slice, std::set<lost_log>* logs) {
-    const std::string bucket = fs::path(slice).parent_path().filename();
+// Adds the numbers of the logs that have such addresses and were not forgotten.
+void plan_slice(const store& st, const std::string& slice, std::set<uint32_t>* plan) {
+    const source_map& map = bucket_of(st, slice).map;
     const auto [first, last] = addresses_of(slice);
+    for (size_t i = 0; i < map.stretches.size(); i++) {
+        const source_stretch& stretch = map.stretches[i];
+        const uint64_t end = stretch.base + (source_map_stretch_end(map, i) - stretch.offset);
+        if (stretch.base > last || end <= first || !map.files.contains(stretch.number)) continue;
+        if (!map.forgotten.contains(stretch.number)) plan->insert(stretch.number);
+    }
+}
+
+std::set<uint32_t> read_plan(const std::string& path) {
+    std::set<uint32_t> plan;
+    std::string text;
+    if (!tool_exists(path)) return plan;
+    if (!tool_read_file(path, &text)) throw tool_failure{EXIT_IO, path + ": " + std::strerror(errno)};
+    std::istringstream numbers(text);
+    for (uint32_t number = 0; numbers >> number;) plan.insert(number);
+    return plan;
+}
+
+void write_plan(const std::string& path, const std::set<uint32_t>& plan) {
+    std::string text;
+    for (const uint32_t number : plan) text += std::to_string(number) + "\n";
+    tool_make_directory(path.substr(0, path.rfind('/')));
+    if (!tool_replace_file(path, text, true)) throw tool_failure{EXIT_IO, path + ": " + std::strerror(errno)};
+}
+
+// The logs with these numbers. False when one of them is nowhere any more.
+bool find_logs(const loader& load, const std::set<uint32_t>& plan, std::set<lost_log>* logs) {
     bool all = true;
-    for (const store_bucket& one : load.st.buckets) {
-        if (fs::path(one.directory).filename() != bucket) continue;
-        for (size_t i = 0; i < one.map.stretches.size(); i++) {
-            const source_stretch& stretch = one.map.stretches[i];
-            const uint64_t end = stretch.base + (source_map_stretch_end(one.map, i) - stretch.offset);
-            if (stretch.base > last || end <= first || one.map.forgotten.contains(stretch.number)) continue;
-            const source_file& file = one.map.files.at(stretch.number);
-            std::string path = file.kind == SOURCE_SPOOL ? "" : source_file_locate(file, one.directory);
-            if (path.empty()) say_trouble(file.path + ": the log is not there any more; its lost events stay lost");
-            all = all && !path.empty();
-            if (!path.empty()) logs->insert(log_of(load, file, std::move(path)));
-        }
+    for (const uint32_t number : plan) {
+        const auto has_file = [number](const store_bucket& bucket) { return bucket.map.files.contains(number); };
+        const auto bucket = std::find_if(load.st.buckets.begin(), load.st.buckets.end(), has_file);
+        if (bucket == load.st.buckets.end()) continue;
+        const source_file& file = bucket->map.files.at(number);
+        std::string path = file.kind == SOURCE_SPOOL ? "" : source_file_locate(file, bucket->directory);
+        if (path.empty()) say_trouble(file.path + ": the log is not there any more; its lost events stay lost");
+        all = all && !path.empty();
+        if (!path.empty()) logs->insert(log_of(load, file, std::move(path)));
     }
     return all;
 }
@@ -113,21 +157,26 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
 int rebuild_run(const tool_context& context, const rebuild_options& options) {
     const std::string store = store_choose(context.store);
     if (!tool_exists(store) || !store_is(store)) throw tool_failure{EXIT_USAGE, store + ": no store is there"};
-    const std::vector<std::string> slices = options.slices.empty() ? find_slices(store) : options.slices;
+    const std::string plan_path = store + PLAN;
+    std::vector<std::string> slices = options.slices;
+    std::set<uint32_t> plan = read_plan(plan_path);
     std::set<lost_log> logs;
     bool all = true;
     {
         loader load;
         const load_options plain;
         loader_open(&load, store, plain);
-        for (const std::string& slice : slices) all = add_logs(load, slice, &logs) && all;
+        if (slices.empty()) slices = find_slices(load.st);
+        for (const std::string& slice : slices) plan_slice(load.st, slice, &plan);
+        all = find_logs(load, plan, &logs);
         loader_close(&load);
     }
+    if (!logs.empty()) write_plan(plan_path, plan);
     tool_catch_interrupts();
     load_totals totals;
     for (const lost_log& log : logs) {
-        if (tool_interrupted != 0) return EXIT_INTERRUPTED;
         all = load_anew(store, log, options.load, &totals) && all;
+        if (tool_interrupted != 0) return EXIT_INTERRUPTED;
     }
     std::printf("%zu slices put aside, %zu logs loaded anew, %s events\n", slices.size(), logs.size(),
                 number_text(totals.events).c_str());
@@ -136,6 +185,9 @@ int rebuild_run(const tool_context& context, const rebuild_options& options) {
         if (std::rename(slice.c_str(), (slice + REBUILT).c_str()) != 0) {
             throw tool_failure{EXIT_IO, slice + ": " + std::strerror(errno)};
         }
+    }
+    if (tool_exists(plan_path) && std::remove(plan_path.c_str()) != 0) {
+        throw tool_failure{EXIT_IO, plan_path + ": " + std::strerror(errno)};
     }
     merge_after_load(store_bucket_directories(store));
     return EXIT_DONE;

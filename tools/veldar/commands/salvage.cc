@@ -2,12 +2,16 @@
 #include "tools/veldar/check/salvage.h"
 
 #include <fmt/format.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <new>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tools/veldar/commands/command.h"
@@ -24,6 +28,8 @@ namespace {
 constexpr uint32_t WRITE_LEVEL = 4;
 constexpr size_t TERMS_NAMED = 5;
 constexpr char QUARANTINE[] = "/quarantine";
+constexpr char SCRATCH[] = "salvage.";  // and the number of the process
+constexpr char REPAIRED[] = ".repaired";
 
 struct salvage_options {
     std::string path;
@@ -38,20 +44,46 @@ struct salvage_command {
     uint64_t sound = 0, whole_again = 0, in_part = 0, given_up = 0, left_alone = 0;
 };
 
-// A directory that goes with everything in it.
-struct scratch_directory {
-    explicit scratch_directory(const std::string& in) : path(in + "/salvage." + std::to_string(::getpid())) {
-        remove();
-        tool_make_directory(path);
+// Removes what salvages that were killed left behind.
+void remove_scratch(const std::string& quarantine) {
+    for (const std::string& name : tool_list_directory(quarantine)) {
+        pid_t process = 0;
+        if (!name.starts_with(SCRATCH)) continue;
+        const char* const end = name.data() + name.size();
+        const auto number = std::from_chars(name.data() + sizeof SCRATCH - 1, end, process);
+        if (number.ec != std::errc() || number.ptr != end || process <= 0) continue;
+        const bool lives = process != ::getpid() && (::kill(process, 0) == 0 || errno != ESRCH);
+        std::error_code ignored;
+        if (!lives) std::filesystem::remove_all(quarantine + "/" + name, ignored);
     }
-    ~scratch_directory() { remove(); }
-    scratch_directory(const scratch_directory&) = delete;
-    scratch_directory& operator=(const scratch_directory&) = delete;
+}
+
+// Where slices are put aside, with a directory in it that goes with everything in it. Those that hold nothing go too.
+struct quarantine_place {
+    quarantine_place(const std::string& path, std::string aside_path) : quarantine(path), aside(std::move(aside_path)) {
+        is_new = !tool_exists(quarantine);
+        tool_make_directory(quarantine);
+        remove_scratch(quarantine);
+        scratch = quarantine + "/" + SCRATCH + std::to_string(::getpid());
+        try {
+            tool_make_directory(aside);
+            tool_make_directory(scratch);
+        } catch (...) {
+            remove();
+            throw;
+        }
+    }
+    ~quarantine_place() { remove(); }
+    quarantine_place(const quarantine_place&) = delete;
+    quarantine_place& operator=(const quarantine_place&) = delete;
     void remove() const {
         std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
+        std::filesystem::remove_all(scratch, ignored);
+        ::rmdir(aside.c_str());  // unless something lies in it
+        if (is_new) ::rmdir(quarantine.c_str());
     }
-    std::string path;
+    std::string quarantine, aside, scratch;
+    bool is_new = false;
 };
 
 std::string directory_of(const std::string& slice) {
@@ -92,25 +124,35 @@ std::string verdict_text(const salvage_command& command, const salvage_report& r
     return text;
 }
 
+bool is_nothing_lost(const salvage_report& report) {
+    return report.is_repaired || (!report.is_hopeless && report.events_lost == 0 && report.terms_lost == 0);
+}
+
 void count(salvage_command* command, const salvage_report& report) {
     if (report.is_hopeless && report.is_metric) {
         command->left_alone++;
     } else if (report.is_hopeless) {
         command->given_up++;
-    } else if (report.is_repaired || (report.events_lost == 0 && report.terms_lost == 0)) {
+    } else if (is_nothing_lost(report)) {
         command->whole_again++;
     } else {
         command->in_part++;
     }
 }
 
-void replace(const std::string& slice, const std::string& quarantine, const salvage_report& report, int64_t modified) {
+void replace(const std::string& slice, const std::string& aside, const salvage_report& report, int64_t modified) {
     if (report.is_hopeless && report.is_metric) return;
     const tsidx_ptr tsidx = index_handle_open(directory_of(slice), WRITE_LEVEL);
     const std::string name = slice.substr(slice.rfind('/') + 1);
     const char* const by = report.file.empty() ? nullptr : report.file.c_str();
-    if (st_tsidx_replace(tsidx.get(), name.c_str(), by, quarantine.c_str(), modified) != 0) {
+    if (st_tsidx_replace(tsidx.get(), name.c_str(), by, aside.c_str(), modified) != 0) {
         throw tool_failure{EXIT_IO, slice + ": " + index_failure_text(tsidx.get())};
+    }
+    if (!is_nothing_lost(report)) return;
+    // There is nothing to rebuild. Where that is not told, it is rebuilt all the same.
+    const std::string kept = aside + "/" + name;
+    if (std::rename(kept.c_str(), (kept + REPAIRED).c_str()) != 0) {
+        throw tool_failure{EXIT_IO, kept + ": " + std::strerror(errno)};
     }
 }
 
@@ -118,18 +160,13 @@ void salvage_file(salvage_command* command, const std::string& slice) {
     const int64_t modified = modified_ns(slice);
     const std::string directory = directory_of(slice), &store = command->set.store;
     const std::string quarantine = (store.empty() ? directory : store) + QUARANTINE;
-    const std::string aside = store.empty() ? quarantine : quarantine + directory.substr(directory.rfind('/'));
-    const bool is_new = !tool_exists(quarantine);
-    tool_make_directory(quarantine);
-    tool_make_directory(aside);
     salvage_report report;
     {
-        const scratch_directory scratch(quarantine);
-        report = salvage_slice(slice, scratch.path, command->options->proved_only);
-        if (!report.is_sound && !command->options->dry_run) replace(slice, aside, report, modified);
+        const std::string bucket = std::filesystem::canonical(directory).filename();  // it may be "."
+        const quarantine_place place(quarantine, store.empty() ? quarantine : quarantine + "/" + bucket);
+        report = salvage_slice(slice, place.scratch, command->options->proved_only);
+        if (!report.is_sound && !command->options->dry_run) replace(slice, place.aside, report, modified);
     }
-    ::rmdir(aside.c_str());  // unless something lies in it
-    if (is_new) ::rmdir(quarantine.c_str());
     if (report.is_sound) {
         command->sound++;
         return;
@@ -146,10 +183,13 @@ int salvage_run(const tool_context& context, const salvage_options& options) {
     output_open(&command.out, "never");
     slices_tell_errors(command.set, &command.trouble);
     for (size_t i = 0; i < command.set.slices->size(); i++) {
+        const std::string path = command.set.slices->path(i);
         try {
-            salvage_file(&command, command.set.slices->path(i));
+            salvage_file(&command, path);
         } catch (const tool_failure& failure) {
             troubles_add(&command.trouble, failure.message);
+        } catch (const std::bad_alloc&) {
+            troubles_add(&command.trouble, path + ": out of memory");
         }
     }
     const uint64_t damaged = command.whole_again + command.in_part + command.given_up + command.left_alone;
