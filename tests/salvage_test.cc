@@ -198,6 +198,7 @@ TEST_F(Salvage, AStoreIsRebuiltFromItsLogs) {
     EXPECT_NE(salvaged.out.find("0 slices sound, 1 damaged: 0 whole again, "), std::string::npos) << salvaged.out;
     const std::string aside = store + "/quarantine/bucket-000001/" + std::string(fs::path(slice).filename());
     EXPECT_TRUE(read_file(aside) == damaged);
+    EXPECT_TRUE(fs::exists(seal_path(aside)));
     EXPECT_EQ(run({"fsck"}).status, 0);
     EXPECT_EQ(seal_troubles(bucket), "");
     tool_result rebuilt;

@@ -288,8 +288,8 @@ int seal_begin_marks(const std::string& slice, std::span<const uint8_t> now, std
     if (!file.seal.is_deleting && XXH64(now.data(), now.size(), 0) != file.seal.marks) {
         return _set_rc_msg(rc, WARM_RC_CORRUPT, ("the deleted marks are not those that were sealed: " + slice).c_str());
     }
-    const uint64_t number = (file.slots.number | 1) + (file.slots.number & 1 ? 2 : 0);
-    return write_slot(file.fd.get(), file.file, slice, number, XXH64(then.data(), then.size(), 0), durable, rc);
+    return write_slot(file.fd.get(), file.file, slice, file.slots.number | 1, XXH64(then.data(), then.size(), 0),
+                      durable, rc);
 }
 
 int seal_end_marks(const std::string& slice, std::span<const uint8_t> marks, bool durable, warm_rc_t* rc) {
