@@ -38,7 +38,8 @@ struct rebuild_options {
 
 // A log to load anew.
 struct lost_log {
-    std::string path, host, sourcetype;  // empty: as a load without options has it
+    std::string path, source;
+    std::string host, sourcetype;  // empty: as a load without options has it
     bool operator<(const lost_log& other) const { return path < other.path; }
 };
 
@@ -90,7 +91,8 @@ std::string name_of(const store_dictionary& dictionary, uint32_t number) {
 lost_log log_of(const loader& load, const source_file& file, std::string path) {
     const std::string host = name_of(load.st.hosts, file.host), type = name_of(load.st.sourcetypes, file.sourcetype);
     const bool usual_type = file.format.substr(0, file.format.find_first_of(" \t\n")) == type;
-    return {std::move(path), host == load.machine ? "" : host, usual_type ? "" : type};
+    return {std::move(path), name_of(load.st.sources, file.source), host == load.machine ? "" : host,
+            usual_type ? "" : type};
 }
 
 // Adds the numbers of the logs that have such addresses and were not forgotten.
@@ -147,7 +149,7 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
     loader_open(&load, store, options);
     loader_forget(&load, log.path, true);
     std::string error;
-    const bool read = loader_load(&load, log.path, &error);
+    const bool read = loader_load(&load, log.path, &error, log.source);
     loader_close(&load);
     if (!read) say_trouble(log.path + ": " + error);
     totals->events += load.totals.events;

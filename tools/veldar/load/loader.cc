@@ -377,11 +377,11 @@ std::optional<uint64_t> loader_forget(loader* load, const std::string& path, boo
     return finish_forgetting(load);
 }
 
-bool loader_load(loader* load, const std::string& path, std::string* error) {
+bool loader_load(loader* load, const std::string& path, std::string* error, const std::string& source) {
     file_load one;
     one.shown = path;
     if (!log_input_open(&one.input, path, error)) return false;
-    one.name = absolute_path(path);
+    one.name = source.empty() ? absolute_path(path) : source;
     one.place = real_path(path);
     return load_opened(load, &one, error);
 }

@@ -65,8 +65,8 @@ struct loader : load_report {
 // failures.
 void loader_open(loader* load, const std::string& store_path, const load_options& options);
 // Loads what is new in a file ("-": standard input). False with a message when not all of it could be read; what could
-// be is loaded.
-bool loader_load(loader* load, const std::string& path, std::string* error);
+// be is loaded. `source`: what its events have as their source, else the path.
+bool loader_load(loader* load, const std::string& path, std::string* error, const std::string& source = {});
 // For logs that are followed, as `options.follows` says. Loads what is new at `path`, which stands for the log `name` and
 // may be a descriptor's (/proc/self/fd/N). Its last line waits for its end for ever, unless the file `is_over`. What has
 // been told once is not told again. `number` is that of the file. False with a message as above.
