@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -289,6 +290,41 @@ TEST_F(Load, KilledAtAnyMomentGivesEachLineOnce) {
     EXPECT_GT(killed, 2);
     EXPECT_GT(store_bucket_directories(store()).size(), 3u);
     EXPECT_EQ(records(), sorted(a + b + c));
+}
+
+// A log that was loaded in part, grew and was compressed: what a killed load of it has noted says nothing of its lines.
+TEST_F(Load, KilledOverACompressedLogThatHadGrown) {
+    const lines part = log_lines(0, 40), all = log_lines(0, 90);
+    const std::string log = file("a.log"), packed = file("a.log.gz");
+    write_file(log, joined(part));
+    load_all({log});
+    std::filesystem::remove(log);
+    write_gzip(packed, joined(all));
+    const temp_dir before;
+    std::filesystem::copy(store(), before.path(), std::filesystem::copy_options::recursive);
+    bool is_over = false;
+    for (uint64_t call = 1; !is_over && !HasFailure(); call++) {
+        SCOPED_TRACE(call);
+        std::filesystem::remove_all(store());
+        std::filesystem::copy(before.path(), store(), std::filesystem::copy_options::recursive);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            load_options options;
+            loader one;
+            std::string error;
+            const fault_step death(fault_action::kill_before, call);
+            loader_open(&one, store(), options);
+            static_cast<void>(loader_load(&one, packed, &error));
+            loader_close(&one);
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        is_over = WIFEXITED(status);
+        load_all({packed});
+        EXPECT_EQ(records(), sorted(all));
+    }
+    EXPECT_NE(load({packed}).err.find("1 file with nothing new"), std::string::npos);
 }
 
 TEST_F(Load, KilledBetweenTheSliceAndTheMark) {

@@ -57,7 +57,7 @@ TEST(SourceMap, ReadsBackWhatWasAppended) {
         source_map_put_file(&map, example_file(1, "/a"));
         source_map_put_stretch(&map, {0, 1, 500, 900});
         source_map_put_mark(&map, 300);
-        source_map_put_tail(&map, {1, 800, 300, 42});
+        source_map_put_tail(&map, {1, 800, 300, 42, 7});
     }
     {
         source_map map = open_map(path, true);
@@ -79,6 +79,7 @@ TEST(SourceMap, ReadsBackWhatWasAppended) {
     EXPECT_TRUE(map.forgotten.at(2));
     ASSERT_EQ(map.tails.size(), 1u);
     EXPECT_EQ(map.tails[0].hash, 42u);
+    EXPECT_EQ(map.tails[0].whole, 7u);
     EXPECT_EQ(source_map_stretch_end(map, 0), 800u);
     EXPECT_EQ(source_map_stretch_end(map, 1), 0u) << "nothing behind the mark counts as indexed";
 }

@@ -143,18 +143,30 @@ bool replay(loader* load, file_load* one, std::string* error) {
     return log_input_seek(&one->input, one->from, error);
 }
 
+// Nothing new was in a file that was read to its end: that need not be done again while it stays as it is.
+void note_whole(loader* load, const file_load& one, uint64_t state) {
+    const auto found = load->known.by_number.find(one.file.number);
+    if (state == 0 || found == load->known.by_number.end() || load->st.buckets.empty()) return;
+    known_file* const known = &found->second;
+    if (known->tail.end != known->progress || known->tail.size == 0 || known->tail.whole == state) return;
+    known->tail.whole = state;
+    source_map_put_tail(&load_bucket(load).map, known->tail);
+}
+
 // Remembers how far the file is loaded, and the bytes before that, so that it is known again by more than its
 // beginning. Of a compressed file the latter says that it was read to its end; one that was not is read again the next time.
 void note_progress(loader* load, const file_load& one) {
-    if (!one.in_stretch) return;
+    const bool whole = one.reader.error.empty() && tool_interrupted == 0;
+    const bool knows_end = whole && !one.reader.held && !one.input.pipe && !log_input_is_plain(one.input);
+    const uint64_t state = knows_end ? log_input_state(one.input) : 0;
+    if (!one.in_stretch) return note_whole(load, one, state);
     known_file* const known = known_files_put(&load->known, one.file);
     known->progress = one.reader.offset;
     known->record_indexed = false;
-    const bool whole = one.reader.error.empty() && tool_interrupted == 0;
     if (one.input.packed != nullptr && !whole) return;
     const std::string_view tail = record_reader_tail(&one.reader);
     known->tail = {one.file.number, one.reader.offset, static_cast<uint32_t>(tail.size()),
-                   XXH64(tail.data(), tail.size(), 0)};
+                   XXH64(tail.data(), tail.size(), 0), state};
     source_map_put_tail(&load_bucket(load).map, known->tail);
 }
 

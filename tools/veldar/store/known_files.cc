@@ -250,7 +250,13 @@ void known_files_forget(known_files* known, store* st, uint32_t number) {
 bool known_file_unchanged(const known_file& known, const log_input& input) {
     return known.file.inode == input.inode && known.file.device == input.device && known.file.size == input.size &&
            known.file.modified_ns == input.modified_ns && known.tail.end == known.progress && known.progress > 0 &&
-           !known.record_indexed && (!log_input_is_plain(input) || known.progress == input.size);
+           !known.record_indexed &&
+           (log_input_is_plain(input) ? known.progress == input.size : known.tail.whole == log_input_state(input));
+}
+
+uint64_t log_input_state(const log_input& input) {
+    const uint64_t state[] = {input.device, input.inode, input.size, input.modified_ns};
+    return XXH64(state, sizeof state, 0) | 1;
 }
 
 }  // namespace veldar::tool

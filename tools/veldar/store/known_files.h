@@ -46,5 +46,8 @@ std::vector<uint32_t> known_files_to_delete(const store& st);
 void known_files_forget(known_files* known, store* st, uint32_t number);
 // Whether the input is, byte for byte as far as its inode, size and time tell, what was loaded to its end.
 bool known_file_unchanged(const known_file& known, const log_input& input);
+// A hash of these, not 0: what the tail of a file that is not plain holds when the file was read to its end. Its length
+// tells nothing, and a load that was cut off may have noted the file and not its new lines.
+uint64_t log_input_state(const log_input& input);
 
 }  // namespace veldar::tool

@@ -26,7 +26,8 @@ enum record_kind_t : uint32_t {
 
 constexpr uint32_t NO_FILE = 0;  // files have numbers from 1 on
 constexpr size_t RECORD_HEAD = 8, RECORD_CHECKSUM = 8;
-constexpr size_t FILE_FIXED = 66, STRETCH_SIZE = 32, MARK_SIZE = 8, TAIL_SIZE = 24, FORGOTTEN_SIZE = 8;
+constexpr size_t FILE_FIXED = 66, STRETCH_SIZE = 32, MARK_SIZE = 8, TAIL_SIZE = 32, OLD_TAIL_SIZE = 24,
+                 FORGOTTEN_SIZE = 8;
 
 void put32(std::string* out, size_t at, uint32_t value) {
     store_le32(out->data() + at, value);
@@ -81,6 +82,7 @@ std::string encode_tail(const source_tail& tail) {
     put64(&p, 8, tail.hash);
     put32(&p, 16, tail.size);
     put32(&p, 20, tail.number);
+    put64(&p, 24, tail.whole);
     return p;
 }
 
@@ -128,8 +130,9 @@ bool apply_record(source_map* map, uint32_t kind, std::string_view p) {
                       {load_le64(&p[0]), load_le32(&p[8]), load_le64(&p[16]), load_le64(&p[24]), load_le32(&p[12])});
     } else if (kind == RECORD_MARK && p.size() == MARK_SIZE) {
         map->frontier = load_le64(&p[0]);
-    } else if (kind == RECORD_TAIL && p.size() == TAIL_SIZE) {
-        map->tails.push_back({load_le32(&p[20]), load_le64(&p[0]), load_le32(&p[16]), load_le64(&p[8])});
+    } else if (kind == RECORD_TAIL && (p.size() == TAIL_SIZE || p.size() == OLD_TAIL_SIZE)) {
+        const uint64_t whole = p.size() == TAIL_SIZE ? load_le64(&p[24]) : 0;
+        map->tails.push_back({load_le32(&p[20]), load_le64(&p[0]), load_le32(&p[16]), load_le64(&p[8]), whole});
     } else if (kind == RECORD_FORGOTTEN && p.size() == FORGOTTEN_SIZE) {
         map->forgotten[load_le32(&p[0])] = load_le32(&p[4]) != 0;
     } else {

@@ -19,8 +19,10 @@
 //     0   8  base      8  4  number     12  4  cut      16  8  offset    24  8  limit
 //   mark, 8: every event below this address is in a durable slice
 //     0   8  frontier
-//   tail, 24: the `size` bytes before offset `end` of the file hash to `hash`
-//     0   8  end       8  8  hash       16  4  size     20  4  number
+//   tail, 32 (24 in stores of before: without the last): the `size` bytes before offset `end` of the file hash to `hash`
+//     0   8  end       8  8  hash       16  4  size     20  4  number     24  8  whole: of a file that is compressed or
+//                                                                                 decoded, what it was when it ended
+//                                                                                 there (known_files.h); else 0
 //   forgotten, 8: the file counts as never loaded, and its events are to be deleted
 //     0   4  number    4  4  deleted: 1 when they are
 //
@@ -72,6 +74,7 @@ struct source_tail {
     uint64_t end = 0;
     uint32_t size = 0;
     uint64_t hash = 0;
+    uint64_t whole = 0;
 };
 
 struct source_map {
