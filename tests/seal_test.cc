@@ -187,6 +187,23 @@ TEST_F(Seal, SealsOfOtherFilesAreNoMoreThanWrong) {
     EXPECT_EQ(faults.size(), 1u);
 }
 
+TEST_F(Seal, ADeleteBesideACheckIsNoFault) {
+    const std::string slice = put_slices(1).at(0), whole = read_file(slice), seal = read_file(seal_path(slice));
+    bool is_struck = true;
+    for (uint64_t call = 1; is_struck && !HasFailure(); call++) {
+        bool covered = false;
+        write_file(slice, whole);
+        write_file(seal_path(slice), seal);
+        is_struck = false;
+        const auto beside = [&] {
+            is_struck = true;
+            EXPECT_EQ(remove(5), 1);
+        };
+        const fault_step step(call, beside);
+        EXPECT_EQ(check(slice, 0, &covered), "") << "at call " << call;
+    }
+}
+
 TEST_F(Seal, MergesLeaveDamagedSourcesAlone) {
     const std::vector<std::string> paths = put_slices(3);
     const std::string whole = read_file(paths[1]);

@@ -323,8 +323,7 @@ void read_lists(saved_t* saved) {
 // When the lost events were: those that can be read say so, the others lie between their neighbours.
 class lost_times {
   public:
-    explicit lost_times(const WARM* warm)
-        : newest_(st_warm_slice_latest(warm)), oldest_(st_warm_slice_earliest(warm)), later_(newest_) {}
+    explicit lost_times(const WARM* warm) : oldest_(st_warm_slice_earliest(warm)), later_(st_warm_slice_latest(warm)) {}
     void pass(st_time_t time, bool is_lost) {
         if (is_lost || is_unknown_) note(time);
         is_unknown_ = false;
@@ -345,7 +344,7 @@ class lost_times {
         earliest_ = std::min(earliest_, time);
         latest_ = std::max(latest_, time);
     }
-    st_time_t newest_, oldest_, later_;
+    st_time_t oldest_, later_;
     st_time_t earliest_ = INT32_MAX, latest_ = INT32_MIN;
     bool is_unknown_ = false;
 };
