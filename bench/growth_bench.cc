@@ -11,6 +11,7 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
+#include "bench/stopwatch.h"
 #include "bench/succeed.h"
 #include "searchthing/st.h"
 #include "searchthing/st_optimize.h"
@@ -22,27 +23,14 @@ constexpr uint32_t SLAB = 250000;  // events
 constexpr int32_t SLAB_SECONDS = 65000;
 constexpr double LEAST_SECONDS = 0.05;  // of a measured stretch
 
-rusage usage() {
-    rusage now;
-    ::getrusage(RUSAGE_SELF, &now);
-    return now;
-}
-
-double processor_seconds() {
-    const rusage now = usage();
-    const auto seconds = [](timeval time) {
-        return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
-    };
-    return seconds(now.ru_utime) + seconds(now.ru_stime);
+double megabytes_at_most() {
+    rusage usage;
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_maxrss) / 1024;
 }
 
 double seconds_of(const std::function<void()>& work) {
-    for (int times = 1;; times *= 4) {
-        const double begin = processor_seconds();
-        for (int i = 0; i < times; i++) work();
-        const double taken = processor_seconds() - begin;
-        if (taken >= LEAST_SECONDS) return taken / times;
-    }
+    return processor_seconds_of(work, LEAST_SECONDS);
 }
 
 // Tells the processor time of the puts alone.
@@ -111,7 +99,7 @@ void measure(uint32_t millions) {
     }
     print("index, an event", static_cast<double>(bytes) / events, "bytes");
     print("slices", static_cast<double>(slices), "");
-    print("memory at most so far", static_cast<double>(usage().ru_maxrss) / 1024, "MiB");
+    print("memory at most so far", megabytes_at_most(), "MiB");
     THING* const thing = st_open_for_read(dir.path().c_str());
     if (thing == nullptr) std::abort();
     ::sleep(3);  // until a new slice's time stamps say that nothing can have changed

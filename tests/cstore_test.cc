@@ -416,14 +416,7 @@ TEST(Cstore, Version1IsReadForEver) {
         ASSERT_EQ(cset_reader_open(&set, &store, measure, nullptr, &rc), 0);
         ASSERT_EQ(set.blocks.size(), 1u);
         codecs.insert(set.blocks[0].block.codec);
-        const cset_place_t& place = set.blocks[0];
-        cset_block1_t block = {};
-        block.count = place.block.count;
-        block.codec = place.block.codec;
-        block.exponent = place.block.exponent;
-        block.width = place.width;
-        block.residual_bits = place.block.residual_bits;
-        block.exceptions = place.exceptions;
+        const cset_block1_t block = cset_block1_of(set.blocks[0]);
         flip_bits(whole.substr(set.data_offset, set.data_size), 8, block.count,
                   [&](std::span<const uint8_t> bytes, double* decoded) {
                       static_cast<void>(cset_block1_decode(&block, bytes, decoded));

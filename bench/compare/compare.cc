@@ -1,7 +1,5 @@
 // The same events and the same questions for several indexes in turn, their answers compared with each other: processor
 // time a question, the best of several rounds, and how many times the best peer's this one takes.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +10,7 @@
 #include "bench/compare/peer.h"
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
+#include "bench/stopwatch.h"
 
 namespace veldar {
 namespace {
@@ -19,22 +18,8 @@ namespace {
 constexpr int ROUNDS = 7;
 constexpr double LEAST_SECONDS = 0.02;  // of a measured stretch, which repeats short questions
 
-double processor_seconds() {
-    rusage usage;
-    ::getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](timeval time) {
-        return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
 double seconds_of(const std::function<void()>& work) {
-    for (int times = 1;; times *= 4) {
-        const double begin = processor_seconds();
-        for (int i = 0; i < times; i++) work();
-        const double taken = processor_seconds() - begin;
-        if (taken >= LEAST_SECONDS) return taken / times;
-    }
+    return processor_seconds_of(work, LEAST_SECONDS);
 }
 
 struct compared {

@@ -8,6 +8,7 @@
 
 #include "searchthing/base/bitpack.h"
 #include "searchthing/columns/cset.h"
+#include "searchthing/columns/cset_block1.h"
 
 namespace veldar {
 
@@ -59,5 +60,17 @@ int cset_read_at(const cset_reader_t* reader, void* out, uint64_t size, uint64_t
 // The tables of a set, for a reader that knows its section and what accounts its reads: a failure of cset_reader_open.
 [[nodiscard]] int cset_open_tables(const cset_reader_t* reader, uint32_t term_id,
                                    std::shared_ptr<const cset_tables_t>* out, warm_rc_t* rc);
+
+// What the head of a version 1 block said.
+inline cset_block1_t cset_block1_of(const cset_place_t& place) {
+    cset_block1_t block = {};
+    block.count = place.block.count;
+    block.codec = place.block.codec;
+    block.exponent = place.block.exponent;
+    block.width = place.width;
+    block.residual_bits = place.block.residual_bits;
+    block.exceptions = place.exceptions;
+    return block;
+}
 
 }  // namespace veldar

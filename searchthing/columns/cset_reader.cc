@@ -61,13 +61,7 @@ int fetch(cset_reader_t* reader, uint64_t offset, uint64_t size, const uint8_t**
 
 bool decode(const cset_place_t& place, std::span<const uint8_t> data, double* values) {
     if (place.version != 1) return cset_block_decode(&place.block, data, values);
-    cset_block1_t block = {};
-    block.count = place.block.count;
-    block.codec = place.block.codec;
-    block.exponent = place.block.exponent;
-    block.width = place.width;
-    block.residual_bits = place.block.residual_bits;
-    block.exceptions = place.exceptions;
+    const cset_block1_t block = cset_block1_of(place);
     return cset_block1_decode(&block, data, values);
 }
 
