@@ -176,7 +176,7 @@ struct saved_t {
     std::vector<bool> lost_values;   // by number
     std::vector<bool> lost_lists;    // by term
     std::vector<bool> lost_terms;    // by number: the list or the text is lost
-    std::vector<std::string> texts;  // by term; empty for a lost one
+    std::vector<std::string> texts;  // by term; empty where it is not known
     std::vector<uint64_t> ends;      // by value, in `terms`
     std::vector<uint32_t> terms;
 };
@@ -270,7 +270,8 @@ void read_texts(const slice_image& image, saved_t* saved) {
         for (uint64_t term = first; term < std::min<uint64_t>(first + lexicon.tperb, saved->texts.size()); term++) {
             good = good && lexicon_block_next(&block) == nullptr;
             const bool is_term = good && !block.term.empty() && block.term.find('\0') == std::string::npos;
-            if (is_term && !saved->lost_terms[term]) saved->texts[term] = block.term;
+            // Of a list that is lost the name can be told.
+            if (is_term && (!saved->lost_terms[term] || saved->lost_lists[term])) saved->texts[term] = block.term;
             if (!is_term) saved->lost_terms[term] = true;
         }
     }

@@ -26,7 +26,7 @@ namespace veldar::tool {
 namespace {
 
 constexpr uint32_t WRITE_LEVEL = 4;
-constexpr size_t TERMS_NAMED = 5;
+constexpr size_t TERMS_NAMED = 2;
 constexpr char QUARANTINE[] = "/quarantine";
 constexpr char SCRATCH[] = "salvage.";  // and the number of the process
 constexpr char REPAIRED[] = ".repaired";
