@@ -8,11 +8,11 @@
 
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
+#include "tools/libveldar/load/index_writer.h"
+#include "tools/libveldar/load/loader.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/load/put_line.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/index_writer.h"
-#include "tools/veldar/load/loader.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/load/put_line.h"
 
 namespace veldar {
 

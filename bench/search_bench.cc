@@ -14,9 +14,9 @@
 #include "bench/corpus.h"
 #include "bench/scratch_dir.h"
 #include "searchthing/search/warmslice_search.h"
-#include "tools/veldar/load/index_writer.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/store/slices.h"
+#include "tools/libveldar/load/index_writer.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/store/slices.h"
 
 namespace veldar {
 

@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "libzero/assertions.h"
-#include "tools/veldar/formats/line_format.h"
-#include "tools/veldar/load/log_form.h"
+#include "tools/libveldar/formats/line_format.h"
+#include "tools/libveldar/load/log_form.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "libzero/assertions.h"
-#include "tools/veldar/formats/line_format.h"
-#include "tools/veldar/formats/metric_csv.h"
-#include "tools/veldar/formats/metric_text.h"
-#include "tools/veldar/formats/terms.h"
+#include "tools/libveldar/formats/line_format.h"
+#include "tools/libveldar/formats/metric_csv.h"
+#include "tools/libveldar/formats/metric_text.h"
+#include "tools/libveldar/formats/terms.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include "libzero/endian.h"
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/seal/slice_seal.h"
-#include "tools/veldar/load/metric_notes.h"
-#include "tools/veldar/store/source_map.h"
-#include "tools/veldar/store/tool_failure.h"
+#include "tools/libveldar/load/metric_notes.h"
+#include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/source_map.h"
 
 using namespace veldar;
 using namespace veldar::tool;
@@ -114,7 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             default:
                 notes_of(bytes);
         }
-    } catch (const tool_failure&) {
+    } catch (const failure_t&) {
     }
     return 0;
 }

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "searchthing/search/query.h"
+#include "tools/libveldar/query/query_language.h"
 #include "tools/veldar/output/highlight.h"
-#include "tools/veldar/query/query_language.h"
 
 using namespace veldar;
 using namespace veldar::tool;

@@ -14,7 +14,7 @@
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/load/loader.h"
+#include "tools/libveldar/load/loader.h"
 
 namespace veldar {
 

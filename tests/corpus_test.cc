@@ -10,10 +10,10 @@
 #include <sstream>
 
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/load/clock_days.h"
-#include "tools/veldar/load/log_event.h"
-#include "tools/veldar/load/log_form.h"
-#include "tools/veldar/store/record_reader.h"
+#include "tools/libveldar/load/clock_days.h"
+#include "tools/libveldar/load/log_event.h"
+#include "tools/libveldar/load/log_form.h"
+#include "tools/libveldar/store/record_reader.h"
 
 namespace veldar {
 

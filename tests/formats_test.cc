@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/veldar/formats/json_text.h"
-#include "tools/veldar/formats/line_format.h"
-#include "tools/veldar/formats/terms.h"
-#include "tools/veldar/formats/unit_number.h"
+#include "tools/libveldar/formats/json_text.h"
+#include "tools/libveldar/formats/line_format.h"
+#include "tools/libveldar/formats/terms.h"
+#include "tools/libveldar/formats/unit_number.h"
 
 namespace veldar {
 

@@ -20,11 +20,11 @@
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tools/libveldar/load/merging.h"
+#include "tools/libveldar/query/slice_events.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/failure.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/merging.h"
-#include "tools/veldar/query/slice_events.h"
-#include "tools/veldar/store/tool_failure.h"
-#include "tools/veldar/store/tool_file.h"
 
 namespace veldar {
 
@@ -52,7 +52,7 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
         slice_image image;
         std::string error, bytes;
         ASSERT_EQ(slice_image_open(path, &image, &error), IMAGE_OPEN);
-        ASSERT_TRUE(tool_read_file(path, &bytes));
+        ASSERT_TRUE(disk_read_file(path, &bytes));
         const uint64_t in_footer = image.sections[IN_CSTORE].offset + image.header.cstore_ref.get() + 15;
         EXPECT_NE(fsck_bytes(bytes.substr(0, in_footer), path).find("cannot be placed"), std::string::npos);
         for (const auto& [field, later, said] :
@@ -79,14 +79,14 @@ TEST(Fsck, EveryFlippedBitOfMetricSectionsIsFound) {
             for (uint64_t byte = at.offset; byte < at.offset + size; byte++) {
                 // Not the top bit, which can turn a number into a longer spelling of itself.
                 const char flipped = static_cast<char>(bytes[byte] ^ (1 << (byte % 7)));
-                ASSERT_TRUE(tool_write_at(fd.get(), {&flipped, 1}, byte));
+                ASSERT_TRUE(disk_write_at(fd.get(), {&flipped, 1}, byte));
                 const std::string findings = fsck_findings(path);
                 EXPECT_NE(findings, "") << slice_section_name(section) << " at " << byte - at.offset;
                 if (section == IN_LISTS) {
                     EXPECT_EQ(findings.rfind("\nlists"), findings.npos) << findings;
                     EXPECT_GE(std::stoull(findings.substr(findings.find(" at byte ") + 9)), at.offset) << findings;
                 }
-                ASSERT_TRUE(tool_write_at(fd.get(), {&bytes[byte], 1}, byte));
+                ASSERT_TRUE(disk_write_at(fd.get(), {&bytes[byte], 1}, byte));
             }
         }
     }
@@ -437,7 +437,7 @@ TEST(Inspect, EveryFailureIsTold) {
                     try {
                         status = run_command(add, arguments);
                     } catch (const std::exception&) {
-                    } catch (const tool_failure&) {
+                    } catch (const failure_t&) {
                     }
                     const bool calls = action == fault_action::fail;
                     if (nth == 0) last = calls ? trouble.calls() : trouble.allocations();

@@ -19,7 +19,7 @@
 #include "tests/support/metric_events.h"
 #include "tests/support/packing.h"
 #include "tests/support/run_tool.h"
-#include "tools/veldar/store/known_files.h"
+#include "tools/libveldar/store/known_files.h"
 
 namespace veldar {
 namespace {
@@ -242,7 +242,7 @@ TEST_F(Collect, WhatNobodyNeeds) {
     EXPECT_EQ(count(), "50\n");
     EXPECT_EQ(run({"fsck"}).status, 0);
     // A load has the store.
-    const unique_fd lock = tool::tool_lock(store + "/lock", store);
+    const unique_fd lock = tool::disk_lock(store + "/lock", store);
     const tool_result busy = run({"gc", "--yes"});
     EXPECT_EQ(busy.status, 3);
     EXPECT_NE(busy.err.find("holds the store"), std::string::npos) << busy.err;

@@ -17,12 +17,12 @@
 #include "tests/support/packing.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/load/loader.h"
-#include "tools/veldar/store/foreign_content.h"
-#include "tools/veldar/store/raw_reader.h"
-#include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/tool_failure.h"
-#include "tools/veldar/store/tool_file.h"
+#include "tools/libveldar/load/loader.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/foreign_content.h"
+#include "tools/libveldar/store/raw_reader.h"
+#include "tools/libveldar/store/slices.h"
 
 namespace veldar {
 
@@ -136,7 +136,7 @@ class Load : public testing::Test {
                     loader_open(&load, path, options);
                     change(&load, failing);
                     loader_close(&load);
-                } catch (const tool_failure& failure) {
+                } catch (const failure_t& failure) {
                     EXPECT_TRUE(failing) << n << failure.message;
                     loader_give_up(&load);
                 }
@@ -376,7 +376,7 @@ TEST_F(Load, KilledBeforeTheSliceWasVisible) {
     load_all({file("b.log")});
     load_all({file("a.log")});
     EXPECT_EQ(records(), sorted(a + b));
-    const lines names = tool_list_directory(bucket);
+    const lines names = disk_list_directory(bucket);
     EXPECT_TRUE(std::none_of(names.begin(), names.end(), [](const auto& name) { return name.ends_with("pre-tsidx"); }));
     std::filesystem::remove(bucket + "/" + slice_names(bucket)[0]);
     load_all({file("a.log"), file("b.log")});
@@ -394,7 +394,7 @@ TEST_F(Load, KilledBeforeTheMarkDeletedEventsStayDeleted) {
     append(file("a.log"), joined(log_lines(100, 10)));
     load_all({file("a.log")});
     EXPECT_EQ(records(), log_lines(100, 10));
-    const lines names = tool_list_directory(store_bucket_directories(store())[0]);
+    const lines names = disk_list_directory(store_bucket_directories(store())[0]);
     EXPECT_TRUE(std::none_of(names.begin(), names.end(), [](const auto& name) { return name.starts_with("deleted"); }));
 }
 
@@ -411,8 +411,8 @@ TEST_F(Load, EveryFailingCallIsTold) {
         try {
             const slice_set found = slices_list_all(store());
             EXPECT_TRUE(found.slices->size() == slices || !found.errors->empty()) << n;
-        } catch (const tool_failure& failure) {
-            EXPECT_EQ(failure.status, EXIT_IO) << n << failure.message;
+        } catch (const failure_t& failure) {
+            EXPECT_EQ(failure.status, OUTCOME_IO) << n << failure.message;
         }
         calls = step.calls();
     }
@@ -872,7 +872,7 @@ TEST(EventQueue, PutsInOrderAndTellsOfFailures) {
             event_queue_close(&queue);
             EXPECT_EQ(failing_write, 0u);
             EXPECT_GT(slices, 2u);
-        } catch (const tool_failure& failure) {
+        } catch (const failure_t& failure) {
             EXPECT_NE(failing_write, 0u) << failure.message;
             EXPECT_NE(failure.message.find("space"), std::string::npos) << failure.message;
             EXPECT_FALSE(queue.is_open);
@@ -913,7 +913,7 @@ TEST_F(Load, AFailureBesideTheReaderIsToldAndLeavesAPrefix) {
                 EXPECT_TRUE(!two_files || loader_load(&load, file("b.log"), &error)) << error;
                 loader_close(&load);
                 ADD_FAILURE() << "all is said to be loaded";
-            } catch (const tool_failure&) {
+            } catch (const failure_t&) {
                 loader_give_up(&load);
             }
         }

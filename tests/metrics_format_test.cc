@@ -6,8 +6,8 @@
 #include <map>
 #include <random>
 
-#include "tools/veldar/formats/metric_csv.h"
-#include "tools/veldar/formats/metric_text.h"
+#include "tools/libveldar/formats/metric_csv.h"
+#include "tools/libveldar/formats/metric_text.h"
 
 namespace veldar {
 

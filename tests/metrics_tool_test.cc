@@ -12,7 +12,7 @@
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/formats/metric_text.h"
+#include "tools/libveldar/formats/metric_text.h"
 
 namespace veldar {
 

@@ -30,7 +30,7 @@
 #include "tests/support/run_tool.h"
 #include "tests/support/seals.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/load/merging.h"
+#include "tools/libveldar/load/merging.h"
 
 namespace veldar {
 

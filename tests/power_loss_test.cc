@@ -16,7 +16,7 @@
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/seals.h"
-#include "tools/veldar/load/loader.h"
+#include "tools/libveldar/load/loader.h"
 
 namespace veldar {
 namespace {

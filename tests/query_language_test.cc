@@ -1,4 +1,4 @@
-#include "tools/veldar/query/query_language.h"
+#include "tools/libveldar/query/query_language.h"
 
 #include <gtest/gtest.h>
 

@@ -38,8 +38,8 @@ const std::vector<std::string> ENGINE_ROOMS = {
     "searchthing",
 };
 const std::vector<std::string> TOOL_ROOMS = {
-    "tools/veldar/formats", "tools/veldar/store",  "tools/veldar/query",    "tools/veldar/load",
-    "tools/veldar/check",   "tools/veldar/output", "tools/veldar/commands",
+    "tools/libveldar/formats", "tools/libveldar/store", "tools/libveldar/query", "tools/libveldar/load",
+    "tools/libveldar/check",   "tools/veldar/output",   "tools/veldar/commands",
 };
 // Neighbours that know nothing of each other, though they stand in a row.
 const std::set<std::string> APART = {"searchthing/hot", "searchthing/search", "searchthing/merge"};
@@ -141,7 +141,7 @@ using source_tree = std::map<std::string, std::string>;  // path from the root t
 
 source_tree read_rooms(const std::string& root) {
     source_tree tree;
-    for (const char* area : {"libzero", "searchthing", "tools/veldar"}) {
+    for (const char* area : {"libzero", "searchthing", "tools/libveldar", "tools/veldar"}) {
         for (const auto& entry : fs::recursive_directory_iterator(root + "/" + area)) {
             const std::string extension = entry.path().extension().string();
             if (extension != ".h" && extension != ".cc") continue;
@@ -184,7 +184,7 @@ std::string include_fault(const std::string& file, const std::string& target) {
     if (target.ends_with("_internal.h")) return "which is of its room alone";
     if (!is_engine(file) && target.starts_with("searchthing/") && !face().contains(target) &&
         !TOOL_HEADERS.contains(target)) {
-        const bool inside = room == "tools/veldar/check" || LOOK_INSIDE.contains(fs::path(file).stem().string());
+        const bool inside = room == "tools/libveldar/check" || LOOK_INSIDE.contains(fs::path(file).stem().string());
         if (!inside || !INSIDE.contains(target)) return "past the face";
     }
     if (SLICE_USERS.contains(room) && SECTIONS.contains(other) && !SECTION_RECORDS.contains(target)) {
@@ -230,21 +230,21 @@ TEST(Rooms, PlantedFaultsAreReported) {
         {"searchthing/postings/plist_internal.h", "#include \"searchthing/postings/plist.h\"\n"},
         {"searchthing/slice/warmslice.h", "#include \"searchthing/postings/plist.h\"\n"},
         {"searchthing/hot/hotslice.h", "#include \"libzero/vbe.h\"\n#include <xxhash.h>\n"},
-        {"tools/veldar/query/ask.cc", "#include <zlib.h>\n#include \"searchthing/slice/warmslice.h\"\n"},
+        {"tools/libveldar/query/ask.cc", "#include <zlib.h>\n#include \"searchthing/slice/warmslice.h\"\n"},
     };
     EXPECT_TRUE(room_faults(sound).empty());
     const std::pair<const char*, const char*> planted[] = {
         {"searchthing/base/list.cc", "#include \"searchthing/slice/warmslice.h\"\n"},  // upwards
         {"searchthing/novelty/list.cc", ""},                                           // in no room
         {"searchthing/base/list.cc", "  #  include <zlib.h>\n"},                       // foreign
-        {"libzero/hash.cc", "#include <xxhash.h>\n"},                       // only the engine proper has xxHash
-        {"searchthing/st.cc", "#include \"tools/veldar/query/ask.cc\"\n"},  // the tools
-        {"libzero/vbe.h", "#include \"libzero/vbe.h\"\n"},                  // a circle
+        {"libzero/hash.cc", "#include <xxhash.h>\n"},                          // only the engine proper has xxHash
+        {"searchthing/st.cc", "#include \"tools/libveldar/query/ask.cc\"\n"},  // the tools
+        {"libzero/vbe.h", "#include \"libzero/vbe.h\"\n"},                     // a circle
         {"searchthing/merge/merge.cc", "#include \"searchthing/hot/hotslice.h\"\n"},                // a neighbour
         {"searchthing/slice/warmslice.h", "#include \"searchthing/postings/plist_internal.h\"\n"},  // an internal
         {"searchthing/reading/tsidx_query.cc", "#include \"searchthing/postings/plist.h\"\n"},      // a section
-        {"tools/veldar/query/ask.cc", "#include \"searchthing/postings/plist.h\"\n"},               // past the face
-        {"tools/veldar/store/store.cc", "#include \"tools/veldar/query/ask.cc\"\n"},                // upwards
+        {"tools/libveldar/query/ask.cc", "#include \"searchthing/postings/plist.h\"\n"},            // past the face
+        {"tools/libveldar/store/store.cc", "#include \"tools/libveldar/query/ask.cc\"\n"},          // upwards
     };
     for (const auto& [file, text] : planted) {
         source_tree tree = sound;

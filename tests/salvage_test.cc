@@ -1,4 +1,4 @@
-#include "tools/veldar/check/salvage.h"
+#include "tools/libveldar/check/salvage.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

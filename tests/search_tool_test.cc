@@ -17,10 +17,10 @@
 #include "tests/support/forge_metric.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/output/event_output.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/index_handle.h"
-#include "tools/veldar/store/slices.h"
 
 namespace veldar {
 

@@ -12,11 +12,11 @@
 
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tools/libveldar/query/stats_input.h"
+#include "tools/libveldar/query/time_bins.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/table_output.h"
-#include "tools/veldar/query/stats_input.h"
-#include "tools/veldar/query/time_bins.h"
-#include "tools/veldar/store/slices.h"
 
 namespace veldar {
 

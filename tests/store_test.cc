@@ -10,11 +10,11 @@
 #include "tests/support/faults.h"
 #include "tests/support/packing.h"
 #include "tests/support/temp_dir.h"
-#include "tools/veldar/load/put_line.h"
-#include "tools/veldar/store/packed_stream.h"
-#include "tools/veldar/store/record_reader.h"
-#include "tools/veldar/store/source_map.h"
-#include "tools/veldar/store/troubles.h"
+#include "tools/libveldar/load/put_line.h"
+#include "tools/libveldar/store/packed_stream.h"
+#include "tools/libveldar/store/record_reader.h"
+#include "tools/libveldar/store/source_map.h"
+#include "tools/libveldar/store/troubles.h"
 
 namespace veldar {
 

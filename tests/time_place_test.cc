@@ -1,5 +1,5 @@
 // Times written by a printer of its own are found and read again, wherever they stand.
-#include "tools/veldar/formats/time_place.h"
+#include "tools/libveldar/formats/time_place.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "tools/veldar/formats/line_format.h"
+#include "tools/libveldar/formats/line_format.h"
 
 namespace veldar {
 

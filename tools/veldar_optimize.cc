@@ -9,14 +9,14 @@
 
 #include "libzero/osfile.h"
 #include "searchthing/st_optimize.h"
-#include "tools/veldar/query/number_input.h"
+#include "tools/veldar/commands/number_input.h"
 
 namespace {
 
 using veldar::tool::whole_number;
 
 volatile std::sig_atomic_t interrupted = 0;
-constexpr int EXIT_INTERRUPTED = 130;
+constexpr int OUTCOME_INTERRUPTED = 130;
 
 void catch_interrupts() {
     struct sigaction action = {};
@@ -70,7 +70,7 @@ int run(const options& o) {
                                                        .terms_per_block = o.lexicon_tpb,
                                                        .stop = [](void*) { return interrupted != 0; }};
         const int result = veldar::st_optimize_directory(directory.c_str(), options, &rc);
-        if (interrupted != 0) return EXIT_INTERRUPTED;
+        if (interrupted != 0) return OUTCOME_INTERRUPTED;
         if (result == 0) continue;
         failed = true;
         std::fprintf(stderr, "veldar-optimize: %s: status %i: %s\n", directory.c_str(), result, rc.message);

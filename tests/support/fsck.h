@@ -4,7 +4,7 @@
 #include <sstream>
 #include <string>
 
-#include "tools/veldar/check/fsck_slice.h"
+#include "tools/libveldar/check/fsck_slice.h"
 
 namespace veldar {
 

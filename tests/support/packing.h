@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/veldar/store/packed_decoder.h"
+#include "tools/libveldar/store/packed_decoder.h"
 
 namespace veldar {
 

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "tools/veldar/query/number_input.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/suggestion.h"
-#include "tools/veldar/store/store.h"
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/suggestion.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/veldar/commands/number_input.h"
 
 namespace veldar::tool {
 
@@ -163,7 +163,7 @@ void add_query_options(const command& to, query_options* options, bool is_requir
 int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version) {
     CLI::App app("Veldar: an index for logs and other events with a time.", "veldar");
     tool_context context;
-    int status = EXIT_DONE;
+    int status = OUTCOME_DONE;
     app.add_option(
         "-s,--store", context.store,
         "The store (else $VELDAR_STORE, else .veldar here or above); to ask, also an index directory or a slice");
@@ -177,13 +177,13 @@ int command_line_run(std::span<const command_group> groups, std::vector<std::str
         std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
-        if (app.exit(error) == 0) return EXIT_DONE;
+        if (app.exit(error) == 0) return OUTCOME_DONE;
         std::fputs(suggest_meant(app).c_str(), stderr);
-        return EXIT_USAGE;
+        return OUTCOME_USAGE;
     }
     if (!app.get_subcommands().empty()) return status;
     std::fputs("a subcommand is required\nRun with --help for more information.\n", stderr);
-    return EXIT_USAGE;
+    return OUTCOME_USAGE;
 }
 
 }  // namespace veldar::tool

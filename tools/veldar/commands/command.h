@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/veldar/store/tool_failure.h"
+#include "tools/libveldar/store/failure.h"
 
 namespace CLI {
 class App;

@@ -1,11 +1,11 @@
 // veldar count: the number of events that a query finds.
 
+#include "tools/libveldar/query/event_count.h"
+#include "tools/libveldar/query/query_hints.h"
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/event_count.h"
-#include "tools/veldar/query/query_hints.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tools/libveldar/query/event_count.h"
+#include "tools/libveldar/query/event_source.h"
+#include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/event_count.h"
-#include "tools/veldar/query/event_source.h"
-#include "tools/veldar/store/index_handle.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 
@@ -50,7 +50,7 @@ uint64_t delete_found(const std::string& path, const prepared_query& query) {
     event_source_open(&source, &slices, &trouble);
     const std::vector<std::vector<st_tsval_encoded>> found = find_keys(events_open(query, 0, &source).get());
     if (trouble.incomplete) {
-        throw tool_failure{EXIT_INCOMPLETE, "not everything could be searched: nothing was deleted"};
+        throw failure_t{OUTCOME_INCOMPLETE, "not everything could be searched: nothing was deleted"};
     }
     const st_query_spec spec = query_of_plan(query, query.plans.front());
     uint64_t deleted = 0;
@@ -64,7 +64,7 @@ uint64_t delete_found(const std::string& path, const prepared_query& query) {
         const int64_t count = by_query ? st_tsidx_delete_by_query(tsidx.get(), &spec)
                                        : st_tsidx_delete_by_key(tsidx.get(), keys.data(), keys.size());
         if (count < 0) {
-            throw tool_failure{EXIT_IO, fmt::format("{}: {}; {} events were deleted before", directory.path,
+            throw failure_t{OUTCOME_IO, fmt::format("{}: {}; {} events were deleted before", directory.path,
                                                     index_failure_text(tsidx.get()), deleted)};
         }
         deleted += static_cast<uint64_t>(count);
@@ -75,7 +75,7 @@ uint64_t delete_found(const std::string& path, const prepared_query& query) {
 void require_directory(const std::string& path) {
     struct stat st;
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-        throw tool_failure{EXIT_USAGE, path + ": a single slice; -s names the store or the index directory"};
+        throw failure_t{OUTCOME_USAGE, path + ": a single slice; -s names the store or the index directory"};
     }
 }
 
@@ -95,7 +95,7 @@ int delete_run(const tool_context& context, const delete_options& options) {
     const uint64_t deleted = delete_found(path, query);
     output_put(&out, fmt::format("{} events deleted\n", deleted));
     output_flush(&out);
-    return deleted > 0 ? EXIT_DONE : EXIT_NOT_FOUND;
+    return deleted > 0 ? OUTCOME_DONE : OUTCOME_NOT_FOUND;
 }
 
 }  // namespace

@@ -11,12 +11,12 @@
 #include <utility>
 #include <vector>
 
+#include "tools/libveldar/query/stats_read.h"
+#include "tools/libveldar/query/term_input.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/table_output.h"
-#include "tools/veldar/query/stats_read.h"
-#include "tools/veldar/query/term_input.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 
@@ -41,7 +41,7 @@ st_timeval_t time_of(const std::string& option, const std::string& text, int64_t
     st_timeval_t time = {static_cast<st_time_t>(otherwise), 0};
     if (text.empty()) return time;
     if (!time_input_parse(text, zone, std::time(nullptr), &time) || time.time_ns != 0) {
-        throw tool_failure{EXIT_USAGE, option + ": '" + text + "' is not " + TIME_INPUT_FORMS + ", in whole seconds"};
+        throw failure_t{OUTCOME_USAGE, option + ": '" + text + "' is not " + TIME_INPUT_FORMS + ", in whole seconds"};
     }
     return time;
 }
@@ -51,7 +51,7 @@ st_query_spec range_of(const std::string& option, const std::string& text, const
     log_zone zone = time_zone_of(zone_name);
     const size_t dots = text.find("..");
     if (dots == std::string::npos) {
-        throw tool_failure{EXIT_USAGE, option + " " + text +
+        throw failure_t{OUTCOME_USAGE, option + " " + text +
                                            ": expected two times with '..' between them, such as "
                                            "2015-05-17..2015-05-18"};
     }
@@ -185,8 +185,8 @@ int diff_run(const tool_context& context, const diff_options& options) {
     for (const std::string& field : fields) {
         try {
             compare_field(&pass, field);
-        } catch (const tool_failure& failure) {
-            if (failure.status != EXIT_USAGE || !options.field.empty()) throw;
+        } catch (const failure_t& failure) {
+            if (failure.status != OUTCOME_USAGE || !options.field.empty()) throw;
             troubles_add(&trouble, failure.message);  // one field with more values than can be told apart
         }
     }

@@ -8,14 +8,14 @@
 #include <array>
 #include <cmath>
 
+#include "tools/libveldar/formats/metric_record.h"
+#include "tools/libveldar/query/slice_events.h"
+#include "tools/libveldar/query/slice_metrics.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/formats/metric_record.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/slice_events.h"
-#include "tools/veldar/query/slice_metrics.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/slices.h"
 
 namespace veldar::tool {
 

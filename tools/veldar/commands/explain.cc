@@ -7,13 +7,13 @@
 #include <vector>
 
 #include "searchthing/search/warmslice_search.h"
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/slices.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

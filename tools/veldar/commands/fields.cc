@@ -7,13 +7,13 @@
 #include <filesystem>
 #include <vector>
 
-#include "tools/veldar/check/fsck_bytes.h"
+#include "tools/libveldar/check/fsck_bytes.h"
+#include "tools/libveldar/query/term_input.h"
+#include "tools/libveldar/store/slices.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/table_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/term_input.h"
-#include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

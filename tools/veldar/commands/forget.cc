@@ -1,12 +1,12 @@
 // veldar forget: deletes what was loaded from files, which then count as never loaded.
 #include <cstdio>
 
+#include "tools/libveldar/load/loader.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/loader.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/tool_file.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -14,7 +14,7 @@ namespace {
 
 int forget_run(const tool_context& context, const std::vector<std::string>& files) {
     const std::string path = store_choose(context.store);
-    if (!tool_exists(path) || !store_is(path)) throw tool_failure{EXIT_USAGE, path + ": no store is there"};
+    if (!disk_exists(path) || !store_is(path)) throw failure_t{OUTCOME_USAGE, path + ": no store is there"};
     const load_options options;
     loader load;
     loader_open(&load, path, options);
@@ -26,7 +26,7 @@ int forget_run(const tool_context& context, const std::vector<std::string>& file
         all = all && deleted.has_value();
     }
     loader_close(&load);
-    return all ? EXIT_DONE : EXIT_NOT_FOUND;
+    return all ? OUTCOME_DONE : OUTCOME_NOT_FOUND;
 }
 
 }  // namespace

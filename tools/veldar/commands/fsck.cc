@@ -5,15 +5,15 @@
 #include <new>
 #include <set>
 
-#include "tools/veldar/check/fsck_seal.h"
-#include "tools/veldar/check/fsck_slice.h"
-#include "tools/veldar/check/fsck_source.h"
-#include "tools/veldar/check/fsck_store.h"
+#include "tools/libveldar/check/fsck_seal.h"
+#include "tools/libveldar/check/fsck_slice.h"
+#include "tools/libveldar/check/fsck_source.h"
+#include "tools/libveldar/check/fsck_store.h"
+#include "tools/libveldar/store/slices.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 
@@ -210,7 +210,7 @@ bool check_file_or_tell(fsck_command* command, size_t i, const std::string& path
     try {
         return check_file(command, i, path);
     } catch (const std::bad_alloc&) {
-    } catch (const tool_failure& failure) {
+    } catch (const failure_t& failure) {
         why = failure.message;
     }
     troubles_add(&command->trouble, path + ": " + why);
@@ -276,8 +276,8 @@ int fsck_run_all(const tool_context& context, const fsck_options& options) {
     if (options.against_source) compare_with_source(&command);
     if (!options.quiet && !options.json) output_put(&command.out, summary(command));
     output_flush(&command.out);
-    if (command.trouble.incomplete) return EXIT_IO;
-    return command.faults != 0 ? EXIT_DAMAGED : EXIT_DONE;
+    if (command.trouble.incomplete) return OUTCOME_IO;
+    return command.faults != 0 ? OUTCOME_DAMAGED : OUTCOME_DONE;
 }
 
 }  // namespace

@@ -2,11 +2,11 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "tools/libveldar/load/collect.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/collect.h"
-#include "tools/veldar/load/progress.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -33,9 +33,9 @@ int gc_run(const tool_context& context, const gc_options& options) {
                                  removes || options.dry_run ? "" : "; --yes does it"));
     output_flush(&out);
     if (kept != 0) say_trouble("what is kept is for a person: docs/operating.md tells of *.pre-tsidx files");
-    if (!found.is_loading) return EXIT_DONE;
+    if (!found.is_loading) return OUTCOME_DONE;
     say_trouble("a load or a watch holds the store: its own notes and leftovers were not looked at");
-    return EXIT_INCOMPLETE;
+    return OUTCOME_INCOMPLETE;
 }
 
 }  // namespace

@@ -6,12 +6,12 @@
 #include <array>
 #include <memory>
 
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/index_handle.h"
-#include "tools/veldar/store/slices.h"
 
 namespace veldar::tool {
 
@@ -52,7 +52,7 @@ int health_run(const tool_context& context, const std::string& path, const std::
         health_histogram_t histogram = {};
         const int number = tsidx_health_histogram(tsidx.get(), stat.get(), histogram.data());
         if (number < 0) {
-            troubles_add(&trouble, directory.path + ": its slices cannot be listed", EXIT_IO);
+            troubles_add(&trouble, directory.path + ": its slices cannot be listed", OUTCOME_IO);
         } else {
             put_directory(&out, directory, number, *stat, histogram);
         }

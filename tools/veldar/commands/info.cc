@@ -7,11 +7,11 @@
 
 #include "searchthing/postings/plist.h"
 #include "searchthing/values/tsval.h"
-#include "tools/veldar/check/fsck_slice.h"
+#include "tools/libveldar/check/fsck_slice.h"
+#include "tools/libveldar/query/time_input.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/time_input.h"
 
 namespace veldar::tool {
 
@@ -270,8 +270,8 @@ int info_run(const info_options& options) {
     slice_info info;
     std::string error;
     const image_state_t state = slice_image_open(options.path, &info.image, &error);
-    if (state == IMAGE_VANISHED) throw tool_failure{EXIT_IO, options.path + ": no such file"};
-    if (state == IMAGE_UNREADABLE) throw tool_failure{EXIT_IO, error};
+    if (state == IMAGE_VANISHED) throw failure_t{OUTCOME_IO, options.path + ": no such file"};
+    if (state == IMAGE_UNREADABLE) throw failure_t{OUTCOME_IO, error};
     fsck_slice(info.image, &info.report);
     const section_place& lexicon = info.image.sections[IN_LEXICON];
     info.has_lexicon = (lexicon.state == SECTION_WHOLE || lexicon.state == SECTION_CUT) &&
@@ -280,7 +280,7 @@ int info_run(const info_options& options) {
     output_open(&out, "never");
     output_put(&out, options.format == "json" ? info_json(info) : info_text(info, time_zone_of(options.zone)));
     output_flush(&out);
-    return info.report.total == 0 ? EXIT_DONE : EXIT_DAMAGED;
+    return info.report.total == 0 ? OUTCOME_DONE : OUTCOME_DAMAGED;
 }
 
 }  // namespace

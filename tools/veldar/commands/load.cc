@@ -1,15 +1,15 @@
 // veldar load: the command line, the order of the files, and the summary.
 
+#include "tools/libveldar/load/load_paths.h"
+#include "tools/libveldar/load/loader.h"
+#include "tools/libveldar/load/log_form.h"
+#include "tools/libveldar/load/merging.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/commands/log_options.h"
-#include "tools/veldar/load/load_paths.h"
-#include "tools/veldar/load/loader.h"
-#include "tools/veldar/load/log_form.h"
-#include "tools/veldar/load/merging.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/tool_file.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -20,16 +20,16 @@ int load_run(const tool_context& context, const load_options& options, bool agai
     loader load;
     loader_open(&load, store_choose(context.store), options);
     for (size_t i = 0; again && i < options.files.size(); i++) loader_forget(&load, options.files[i], true);
-    tool_catch_interrupts();
-    const exit_status_t status = load_files(
+    work_catch_interrupts();
+    const outcome_t status = load_files(
         &load, options.files,
         {.load = [&](const std::string& file, std::string* error) { return loader_load(&load, file, error); },
          .close = [&] { loader_close(&load); },
          .summary = [&] { return totals_text(load.shown, load.totals, &load.dating); },
-         .give_up = [&](const tool_failure&) { return loader_give_up(&load); }});
+         .give_up = [&](const failure_t&) { return loader_give_up(&load); }});
     for (const std::string& line : dating_examples(load.dating)) say_trouble(line);
     if (load.zone_taken) say_trouble("times without a zone are taken as " + log_form_zone(options));
-    if (status == EXIT_INTERRUPTED) return status;
+    if (status == OUTCOME_INTERRUPTED) return status;
     if (!options.no_optimize) {
         load.st.lock.reset();  // the next loader need not wait
         std::vector<std::string> directories;
@@ -37,7 +37,7 @@ int load_run(const tool_context& context, const load_options& options, bool agai
         merge_after_load(directories, load.merges);
     }
     const bool nothing = load.totals.events == 0 && load.totals.refused != 0;
-    return nothing || load.hardly_dated != 0 ? EXIT_INCOMPLETE : status;
+    return nothing || load.hardly_dated != 0 ? OUTCOME_INCOMPLETE : status;
 }
 
 }  // namespace
@@ -62,7 +62,7 @@ void add_load_command(const command& veldar) {
         const load_paths paths = load_paths_find(options.files, recursive);
         options.files = paths.files;
         const int status = load_run(context, options, again);
-        return status == EXIT_DONE && paths.incomplete ? EXIT_INCOMPLETE : status;
+        return status == OUTCOME_DONE && paths.incomplete ? OUTCOME_INCOMPLETE : status;
     });
 }
 

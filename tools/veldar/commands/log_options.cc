@@ -1,6 +1,6 @@
 #include "tools/veldar/commands/log_options.h"
 
-#include "tools/veldar/formats/user_formats.h"
+#include "tools/libveldar/formats/user_formats.h"
 
 namespace veldar::tool {
 
@@ -10,9 +10,9 @@ namespace {
 void read_user_formats(const load_options& options) {
     const std::string formats = options.formats_file.empty() ? user_formats_path() : options.formats_file;
     std::string error;
-    if (!formats.empty() && !user_formats_read(formats, &error)) throw tool_failure{EXIT_USAGE, error};
+    if (!formats.empty() && !user_formats_read(formats, &error)) throw failure_t{OUTCOME_USAGE, error};
     if (!options.format.empty() && format_by_name(options.format) == nullptr) {
-        throw tool_failure{EXIT_USAGE, "unknown format " + options.format};
+        throw failure_t{OUTCOME_USAGE, "unknown format " + options.format};
     }
 }
 
@@ -55,7 +55,7 @@ void add_log_options(const command& to, load_options* options) {
 void take_log_options(const load_options& options) {
     const bool placed = !options.time_format.empty() && options.time_field.empty();
     if (placed && !options.format.empty() && options.format != "text") {
-        throw tool_failure{EXIT_USAGE, "--time-format is for lines of the format text, not " + options.format};
+        throw failure_t{OUTCOME_USAGE, "--time-format is for lines of the format text, not " + options.format};
     }
     read_user_formats(options);
 }

@@ -8,11 +8,11 @@
 
 #include "searchthing/slice/warmslice_runs.h"
 #include "searchthing/slice/warmslice_values.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/slices.h"
 
 namespace veldar::tool {
 

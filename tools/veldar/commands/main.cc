@@ -5,8 +5,8 @@
 #include "libzero/create-crash-dump.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/st_init.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace {
 
@@ -48,14 +48,14 @@ int main(int argc, char** argv) {
         veldar::st_init("veldar");
         static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without
         return veldar::tool::command_line_run(GROUPS, {argv + 1, argv + argc}, "veldar " VELDAR_VERSION);
-    } catch (const veldar::tool::tool_failure& failure) {
+    } catch (const veldar::tool::failure_t& failure) {
         veldar::tool::say_trouble(failure.message);
         return failure.status;
     } catch (const std::bad_alloc&) {
         std::fputs("veldar: out of memory\n", stderr);
-        return veldar::tool::EXIT_IO;
+        return veldar::tool::OUTCOME_IO;
     } catch (const std::exception& error) {  // the parser's own and the library's, thread or locale
         std::fprintf(stderr, "veldar: %s\n", error.what());
-        return veldar::tool::EXIT_IO;
+        return veldar::tool::OUTCOME_IO;
     }
 }

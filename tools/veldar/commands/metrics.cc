@@ -1,7 +1,7 @@
 // veldar metrics: the group of commands, and which directory they work on.
 #include "tools/veldar/commands/metrics.h"
 
-#include "tools/veldar/store/store.h"
+#include "tools/libveldar/store/store.h"
 
 namespace veldar::tool {
 

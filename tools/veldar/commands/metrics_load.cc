@@ -1,10 +1,10 @@
 // veldar metrics load: the command line, the order of the files, and the summary.
 
+#include "tools/libveldar/load/merging.h"
+#include "tools/libveldar/load/metric_loader.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/metrics.h"
-#include "tools/veldar/load/merging.h"
-#include "tools/veldar/load/metric_loader.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/tool_file.h"
 
 namespace veldar::tool {
 
@@ -24,22 +24,22 @@ std::string samples_text(uint64_t samples) {
 
 int load_run(const tool_context& context, const std::string& directory, metric_load_options* options) {
     if (!log_zone_from_name(options->zone_name, &options->csv.zone)) {
-        throw tool_failure{EXIT_USAGE, "unknown time zone " + options->zone_name};
+        throw failure_t{OUTCOME_USAGE, "unknown time zone " + options->zone_name};
     }
     options->in_store = directory.empty();
     metric_loader load;
-    tool_catch_interrupts();
+    work_catch_interrupts();
     metric_loader_open(&load, directory_for_load(context, directory, !options->no_fsync), *options);
-    const auto advice = [](const tool_failure& failure) {
-        return failure.status == EXIT_IO ? "not all is loaded; load again once this is mended" : "";
+    const auto advice = [](const failure_t& failure) {
+        return failure.status == OUTCOME_IO ? "not all is loaded; load again once this is mended" : "";
     };
-    const exit_status_t status = load_files(
+    const outcome_t status = load_files(
         &load, options->files,
         {.load = [&](const std::string& file, std::string* error) { return metric_loader_load(&load, file, error); },
          .close = [&] { metric_loader_close(&load); },
          .summary = [&] { return samples_text(load.totals.samples) + totals_text(load.shown, load.totals); },
          .give_up = advice});
-    if (status == EXIT_INTERRUPTED) return status;
+    if (status == OUTCOME_INTERRUPTED) return status;
     if (!options->no_optimize) {
         load.lock.reset();  // the next load need not wait
         merge_after_load({load.directory});

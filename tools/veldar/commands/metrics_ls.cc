@@ -3,11 +3,11 @@
 
 #include <algorithm>
 
+#include "tools/libveldar/query/metric_catalog.h"
+#include "tools/libveldar/query/metric_points.h"
+#include "tools/libveldar/query/time_input.h"
 #include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/output/event_output.h"
-#include "tools/veldar/query/metric_catalog.h"
-#include "tools/veldar/query/metric_points.h"
-#include "tools/veldar/query/time_input.h"
 
 namespace veldar::tool {
 

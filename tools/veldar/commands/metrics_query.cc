@@ -6,15 +6,15 @@
 #include <tuple>
 
 #include "searchthing/search/query.h"
+#include "tools/libveldar/formats/metric_text.h"
+#include "tools/libveldar/query/metric_catalog.h"
+#include "tools/libveldar/query/metric_points.h"
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/index_handle.h"
 #include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/commands/metrics_stats.h"
-#include "tools/veldar/formats/metric_text.h"
 #include "tools/veldar/output/event_output.h"
-#include "tools/veldar/query/metric_catalog.h"
-#include "tools/veldar/query/metric_points.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/index_handle.h"
 
 namespace veldar::tool {
 
@@ -36,7 +36,7 @@ void put_condition(std::string* out, const std::string& condition) {
     const bool negated = equals != std::string::npos && equals > 0 && condition[equals - 1] == '!';
     const std::string label = condition.substr(0, negated ? equals - 1 : equals);
     if (equals == std::string::npos || label.empty() || condition.find('\0') != std::string::npos) {
-        throw tool_failure{EXIT_USAGE, "--where " + condition + ": expected LABEL=VALUE or LABEL!=VALUE"};
+        throw failure_t{OUTCOME_USAGE, "--where " + condition + ": expected LABEL=VALUE or LABEL!=VALUE"};
     }
     std::string term;
     metric_term_put(&term, label, condition.substr(equals + 1));
@@ -139,9 +139,9 @@ void sort_by_time(metric_points* points, bool oldest_first) {
 // "text" is what each of the two ways of asking prints when nothing is said.
 int stats_run(const std::string& directory, const points_options& options) {
     if (options.limit != 0 || options.oldest_first || options.format == "openmetrics") {
-        throw tool_failure{EXIT_USAGE,
-                           "--limit, --reverse and --format openmetrics are for samples: expected none of them with "
-                           "--every, --agg, --by or --rate"};
+        throw failure_t{OUTCOME_USAGE,
+                        "--limit, --reverse and --format openmetrics are for samples: expected none of them with "
+                        "--every, --agg, --by or --rate"};
     }
     prepared_query query;
     query.plans = {{query_text(options), {}, {}}};
@@ -156,7 +156,7 @@ int query_run(const tool_context& context, const std::string& given, const point
     const std::string directory = metrics_directory(context, given);
     if (options.stats.are_wanted()) return stats_run(directory, options);
     if (options.format == "table" || options.format == "tsv") {
-        throw tool_failure{EXIT_USAGE, "--format " + options.format + " goes with --every, --agg, --by or --rate"};
+        throw failure_t{OUTCOME_USAGE, "--format " + options.format + " goes with --every, --agg, --by or --rate"};
     }
     const std::string text = query_text(options);
     st_query_spec query;
@@ -169,7 +169,7 @@ int query_run(const tool_context& context, const std::string& given, const point
     const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
     troubles trouble;
     if (metric_points_read(tsidx.get(), query, &points) != 0) {
-        throw tool_failure{EXIT_IO, directory + ": " + index_failure_text(tsidx.get())};
+        throw failure_t{OUTCOME_IO, directory + ": " + index_failure_text(tsidx.get())};
     }
     sort_by_time(&points, options.oldest_first);
     point_printer printer;
@@ -192,7 +192,7 @@ void dump_names(const std::string& directory, TSIDX* tsidx, const st_query_spec&
         return name >= first && name <= last && catalog.names.contains(std::string(name));
     };
     if (metric_points_read(tsidx, query, &points) != 0) {
-        throw tool_failure{EXIT_IO, directory + ": " + index_failure_text(tsidx)};
+        throw failure_t{OUTCOME_IO, directory + ": " + index_failure_text(tsidx)};
     }
     sort_by_series(&points);
     printer->last = UINT32_MAX;
@@ -242,7 +242,7 @@ int dump_run(const tool_context& context, const std::string& given, const points
     }
     output_put(&printer.out, "# EOF\n");
     output_flush(&printer.out);
-    return EXIT_DONE;
+    return OUTCOME_DONE;
 }
 
 }  // namespace

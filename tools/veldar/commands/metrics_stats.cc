@@ -1,7 +1,7 @@
 #include "tools/veldar/commands/metrics_stats.h"
 
-#include "tools/veldar/query/metric_rates.h"
-#include "tools/veldar/store/index_handle.h"
+#include "tools/libveldar/query/metric_rates.h"
+#include "tools/libveldar/store/index_handle.h"
 
 namespace veldar::tool {
 
@@ -11,11 +11,11 @@ namespace {
 void select_rates(const slice_set& slices, const prepared_query& query, const std::vector<std::string>& patterns,
                   const stats_request& request, const stats_grid& grid, bool keeps_missing, select_table_t* table) {
     TSIDX* const tsidx = slices.directories.empty() ? nullptr : slices.directories[0].tsidx.get();
-    if (tsidx == nullptr) throw tool_failure{EXIT_USAGE, slices.path + " is not a directory of metrics"};
+    if (tsidx == nullptr) throw failure_t{OUTCOME_USAGE, slices.path + " is not a directory of metrics"};
     metric_points points;
     points.wanted = [&](std::string_view name) { return metric_name_matches(name, patterns); };
     if (metric_points_read(tsidx, query_of_plan(query, query.plans.front()), &points) != 0) {
-        throw tool_failure{EXIT_IO, slices.path + ": " + index_failure_text(tsidx)};
+        throw failure_t{OUTCOME_IO, slices.path + ": " + index_failure_text(tsidx)};
     }
     warm_rc_t rc;
     if (metric_rates_select(&points, request, grid.bins, keeps_missing, table, &rc) != 0) stats_fail(slices, grid, rc);

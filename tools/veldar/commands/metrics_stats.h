@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/libveldar/query/query_input.h"
 #include "tools/veldar/commands/stats.h"
-#include "tools/veldar/query/query_input.h"
 
 namespace veldar::tool {
 

@@ -3,13 +3,13 @@
 #include <ctime>
 #include <vector>
 
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/term_input.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/table_output.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/term_input.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

@@ -6,14 +6,14 @@
 #include <cstdio>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tools/libveldar/load/merging.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/merging.h"
-#include "tools/veldar/load/progress.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/store/index_handle.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/tool_file.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -42,7 +42,7 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
         if (status != 0) {
             const bool unlisted = status == WARM_RC_OPEN || status == WARM_RC_READ;
             troubles_add(&trouble, directory + ": " + index_failure_text(tsidx.get()),
-                         unlisted ? EXIT_IO : EXIT_INCOMPLETE);
+                         unlisted ? OUTCOME_IO : OUTCOME_INCOMPLETE);
             continue;
         }
         output_put(&out, fmt::format("{}: {} slice{}, {}\n", directory, plan.sources.size(),
@@ -62,20 +62,20 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
 }
 
 int merge(const std::vector<std::string>& directories, const merge_settings& merging) {
-    tool_catch_interrupts();
+    work_catch_interrupts();
     const auto begun = std::chrono::steady_clock::now();
     const merge_totals totals = merge_directories(directories, merging);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
     for (const std::string& failure : totals.failures) say_trouble(failure);
-    if (totals.merges == 0 && tool_interrupted != 0) {
+    if (totals.merges == 0 && work_interrupted != 0) {
         std::fprintf(stderr, "interrupted: nothing was merged\n");
     } else if (totals.merges != 0 || totals.failures.empty()) {
-        std::fprintf(stderr, "%s%s\n", tool_interrupted != 0 ? "interrupted; so far: " : "",
+        std::fprintf(stderr, "%s%s\n", work_interrupted != 0 ? "interrupted; so far: " : "",
                      merge_totals_text(totals, seconds.count()).c_str());
     }
-    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
-    if (totals.failures.empty()) return EXIT_DONE;
-    return totals.out_of_space ? EXIT_IO : EXIT_INCOMPLETE;
+    if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
+    if (totals.failures.empty()) return OUTCOME_DONE;
+    return totals.out_of_space ? OUTCOME_IO : OUTCOME_INCOMPLETE;
 }
 
 int optimize_run(const tool_context& context, const optimize_options& options) {

@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "libzero/resource.h"
+#include "tools/libveldar/load/index_writer.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/load/put_line.h"
+#include "tools/libveldar/store/disk_file.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/index_writer.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/load/put_line.h"
-#include "tools/veldar/store/tool_file.h"
 
 namespace veldar::tool {
 
@@ -45,7 +45,7 @@ unique_fd open_input(const std::string& path, uint64_t* size) {
     unique_fd fd(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st;
     if (!fd.valid() || ::fstat(fd.get(), &st) != 0) {
-        throw tool_failure{EXIT_INCOMPLETE, path + ": " + std::strerror(errno)};
+        throw failure_t{OUTCOME_INCOMPLETE, path + ": " + std::strerror(errno)};
     }
     *size = S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
     return fd;
@@ -55,7 +55,7 @@ unique_fd open_input(const std::string& path, uint64_t* size) {
 void refuse_line(put_run* run, const char* reason) {
     run->totals.refused++;
     if (run->options->skip_bad) return;
-    throw tool_failure{EXIT_USAGE, input_name(*run->options) + ": line " + std::to_string(run->line) + ": " + reason};
+    throw failure_t{OUTCOME_USAGE, input_name(*run->options) + ": line " + std::to_string(run->line) + ": " + reason};
 }
 
 void put_line(put_run* run, std::span<char> line) {
@@ -72,7 +72,7 @@ void put_line(put_run* run, std::span<char> line) {
 // Puts the whole lines of `bytes` and returns how many bytes they are; with `last`, also a line without its newline.
 size_t put_lines(put_run* run, std::span<char> bytes, bool last) {
     size_t at = 0;
-    while (at < bytes.size() && tool_interrupted == 0) {
+    while (at < bytes.size() && work_interrupted == 0) {
         char* const begin = bytes.data() + at;
         char* const newline = static_cast<char*>(std::memchr(begin, '\n', bytes.size() - at));
         if (newline == nullptr && !last) break;
@@ -88,12 +88,12 @@ void put_input(put_run* run, int fd) {
     size_t have = 0;
     for (;;) {
         if (bytes.size() - have < PIECE) bytes.resize(bytes.size() * 2);
-        const int64_t got = tool_read_pipe(fd, bytes.data() + have, bytes.size() - have);
-        if (got < 0) throw tool_failure{EXIT_INCOMPLETE, input_name(*run->options) + ": " + std::strerror(errno)};
+        const int64_t got = disk_read_pipe(fd, bytes.data() + have, bytes.size() - have);
+        if (got < 0) throw failure_t{OUTCOME_INCOMPLETE, input_name(*run->options) + ": " + std::strerror(errno)};
         have += static_cast<size_t>(got);
         run->totals.bytes_in += static_cast<uint64_t>(got);
         const size_t used = put_lines(run, {bytes.data(), have}, got == 0);
-        if (got == 0 || tool_interrupted != 0) return;
+        if (got == 0 || work_interrupted != 0) return;
         std::memmove(bytes.data(), bytes.data() + used, have - used);
         have -= used;
         progress_show(&run->shown, run->totals.bytes_in, run->totals.events);
@@ -106,13 +106,13 @@ int put_run_all(const put_options& options) {
     uint64_t size;
     const unique_fd input = open_input(options.input, &size);
     struct stat st;
-    tool_make_directory(options.directory);
+    disk_make_directory(options.directory);
     if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
-        throw tool_failure{EXIT_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
+        throw failure_t{OUTCOME_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
     }
     const std::vector<std::string> before = slice_names(options.directory);
-    if (before.empty() && !options.no_fsync) tool_sync_name(options.directory);
-    tool_catch_interrupts();
+    if (before.empty() && !options.no_fsync) disk_sync_name(options.directory);
+    work_catch_interrupts();
     run.shown = progress_begin(size);
     index_writer_open(&run.writer, options.directory, options.level, options.streaming, options.limits,
                       !options.no_fsync);
@@ -124,14 +124,14 @@ int put_run_all(const put_options& options) {
     };
     try {
         put_input(&run, input.get());
-    } catch (const tool_failure&) {
+    } catch (const failure_t&) {
         progress_clear(&run.shown);
         if (run.writer.thing != nullptr) finish("put so far: ");
         throw;
     }
-    finish(tool_interrupted != 0 ? "interrupted; put so far: " : "");
-    if (tool_interrupted != 0) return EXIT_INTERRUPTED;
-    return run.totals.events == 0 && run.totals.refused != 0 ? EXIT_INCOMPLETE : EXIT_DONE;
+    finish(work_interrupted != 0 ? "interrupted; put so far: " : "");
+    if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
+    return run.totals.events == 0 && run.totals.refused != 0 ? OUTCOME_INCOMPLETE : OUTCOME_DONE;
 }
 
 }  // namespace

@@ -9,15 +9,15 @@
 #include <set>
 #include <sstream>
 
-#include "tools/veldar/check/slice_image.h"
+#include "tools/libveldar/check/slice_image.h"
+#include "tools/libveldar/load/loader.h"
+#include "tools/libveldar/load/merging.h"
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/raw_reader.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/loader.h"
-#include "tools/veldar/load/merging.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/store/raw_reader.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/tool_file.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -54,7 +54,7 @@ const store_bucket& bucket_of(const store& st, const std::string& slice) {
         const bool is_aside = !of_store || directory.parent_path().filename() == QUARANTINE;
         if (is_aside && fs::equivalent(bucket, one.directory, ignored)) return one;
     }
-    throw tool_failure{EXIT_USAGE, slice + ": no slice that salvage put aside in this store"};
+    throw failure_t{OUTCOME_USAGE, slice + ": no slice that salvage put aside in this store"};
 }
 
 // The slices that salvage put aside.
@@ -63,8 +63,8 @@ std::vector<std::string> find_slices(const store& st) {
     for (const store_bucket& bucket : st.buckets) {
         const std::string name = bucket.directory.substr(bucket.directory.rfind('/'));
         for (const std::string& aside : {st.path + "/" + QUARANTINE + name, bucket.directory + "/" + QUARANTINE}) {
-            if (!tool_exists(aside)) continue;
-            for (const std::string& slice : tool_list_directory(aside)) {
+            if (!disk_exists(aside)) continue;
+            for (const std::string& slice : disk_list_directory(aside)) {
                 if (slice.ends_with("tsidx")) found.push_back(aside + "/" + slice);
             }
         }
@@ -77,7 +77,7 @@ std::vector<std::string> find_slices(const store& st) {
 std::pair<uint64_t, uint64_t> addresses_of(const std::string& slice) {
     slice_image image;
     std::string error;
-    if (slice_image_open(slice, &image, &error) != IMAGE_OPEN) throw tool_failure{EXIT_IO, error};
+    if (slice_image_open(slice, &image, &error) != IMAGE_OPEN) throw failure_t{OUTCOME_IO, error};
     const st_warm_slice_body& h = image.header;
     const bool says = image.has_header && warm_header_is_rev1(&h) && h.seek_addr_min.get() <= h.seek_addr_max.get();
     return says ? std::pair<uint64_t, uint64_t>(h.seek_addr_min.get(), h.seek_addr_max.get())
@@ -110,8 +110,8 @@ void plan_slice(const store& st, const std::string& slice, std::set<uint32_t>* p
 std::set<uint32_t> read_plan(const std::string& path) {
     std::set<uint32_t> plan;
     std::string text;
-    if (!tool_exists(path)) return plan;
-    if (!tool_read_file(path, &text)) throw tool_failure{EXIT_IO, path + ": " + std::strerror(errno)};
+    if (!disk_exists(path)) return plan;
+    if (!disk_read_file(path, &text)) throw failure_t{OUTCOME_IO, path + ": " + std::strerror(errno)};
     std::istringstream numbers(text);
     for (uint32_t number = 0; numbers >> number;) plan.insert(number);
     return plan;
@@ -120,8 +120,8 @@ std::set<uint32_t> read_plan(const std::string& path) {
 void write_plan(const std::string& path, const std::set<uint32_t>& plan) {
     std::string text;
     for (const uint32_t number : plan) text += std::to_string(number) + "\n";
-    tool_make_directory(path.substr(0, path.rfind('/')));
-    if (!tool_replace_file(path, text, true)) throw tool_failure{EXIT_IO, path + ": " + std::strerror(errno)};
+    disk_make_directory(path.substr(0, path.rfind('/')));
+    if (!disk_replace_file(path, text, true)) throw failure_t{OUTCOME_IO, path + ": " + std::strerror(errno)};
 }
 
 // The logs with these numbers. False when one of them is nowhere any more.
@@ -158,7 +158,7 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
 
 int rebuild_run(const tool_context& context, const rebuild_options& options) {
     const std::string store = store_choose(context.store);
-    if (!tool_exists(store) || !store_is(store)) throw tool_failure{EXIT_USAGE, store + ": no store is there"};
+    if (!disk_exists(store) || !store_is(store)) throw failure_t{OUTCOME_USAGE, store + ": no store is there"};
     const std::string plan_path = store + PLAN;
     std::vector<std::string> slices = options.slices;
     std::set<uint32_t> plan = read_plan(plan_path);
@@ -174,25 +174,25 @@ int rebuild_run(const tool_context& context, const rebuild_options& options) {
         loader_close(&load);
     }
     if (!logs.empty()) write_plan(plan_path, plan);
-    tool_catch_interrupts();
+    work_catch_interrupts();
     load_totals totals;
     for (const lost_log& log : logs) {
         all = load_anew(store, log, options.load, &totals) && all;
-        if (tool_interrupted != 0) return EXIT_INTERRUPTED;
+        if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
     }
     std::printf("%zu slices put aside, %zu logs loaded anew, %s events\n", slices.size(), logs.size(),
                 number_text(totals.events).c_str());
-    if (!all) return EXIT_INCOMPLETE;
+    if (!all) return OUTCOME_INCOMPLETE;
     for (const std::string& slice : slices) {
         if (std::rename(slice.c_str(), (slice + REBUILT).c_str()) != 0) {
-            throw tool_failure{EXIT_IO, slice + ": " + std::strerror(errno)};
+            throw failure_t{OUTCOME_IO, slice + ": " + std::strerror(errno)};
         }
     }
-    if (tool_exists(plan_path) && std::remove(plan_path.c_str()) != 0) {
-        throw tool_failure{EXIT_IO, plan_path + ": " + std::strerror(errno)};
+    if (disk_exists(plan_path) && std::remove(plan_path.c_str()) != 0) {
+        throw failure_t{OUTCOME_IO, plan_path + ": " + std::strerror(errno)};
     }
     merge_after_load(store_bucket_directories(store));
-    return EXIT_DONE;
+    return OUTCOME_DONE;
 }
 
 }  // namespace

@@ -3,13 +3,13 @@
 
 #include <ctime>
 
+#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/load/retention.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/load/progress.h"
-#include "tools/veldar/load/retention.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -26,16 +26,16 @@ st_time_t time_of(const retain_options& options) {
     const int64_t now = std::time(nullptr);
     st_timeval_t time;
     if (!time_input_parse(options.older_than, &zone, now, &time)) {
-        throw tool_failure{EXIT_USAGE, "--older-than takes an age such as 30d, or " + std::string(TIME_INPUT_FORMS) +
+        throw failure_t{OUTCOME_USAGE, "--older-than takes an age such as 30d, or " + std::string(TIME_INPUT_FORMS) +
                                            "; not " + options.older_than};
     }
-    if (time.time_s > now) throw tool_failure{EXIT_USAGE, "--older-than " + options.older_than + " is yet to come"};
+    if (time.time_s > now) throw failure_t{OUTCOME_USAGE, "--older-than " + options.older_than + " is yet to come"};
     return time.time_s;
 }
 
 int retain_run(const tool_context& context, const retain_options& options) {
     if (options.older_than.empty() && options.max_size == 0) {
-        throw tool_failure{EXIT_USAGE, "retain takes --older-than or --max-size, or both"};
+        throw failure_t{OUTCOME_USAGE, "retain takes --older-than or --max-size, or both"};
     }
     const std::string path = context.path_or_store(options.path);
     const std::vector<std::string> directories = store_index_directories(path);
@@ -59,7 +59,7 @@ int retain_run(const tool_context& context, const retain_options& options) {
                                done.metric_slices == 1 ? "" : "s", done.metric_slices == 1 ? "s" : ""));
     }
     output_flush(&out);
-    return EXIT_DONE;
+    return OUTCOME_DONE;
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // veldar salvage: puts what can be saved of damaged slices in their place, and the damaged ones aside.
-#include "tools/veldar/check/salvage.h"
+#include "tools/libveldar/check/salvage.h"
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -14,12 +14,12 @@
 #include <new>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/store/index_handle.h"
-#include "tools/veldar/store/slices.h"
-#include "tools/veldar/store/tool_file.h"
 
 namespace veldar::tool {
 
@@ -46,7 +46,7 @@ struct salvage_command {
 
 // Removes what salvages that were killed left behind.
 void remove_scratch(const std::string& quarantine) {
-    for (const std::string& name : tool_list_directory(quarantine)) {
+    for (const std::string& name : disk_list_directory(quarantine)) {
         pid_t process = 0;
         if (!name.starts_with(SCRATCH)) continue;
         const char* const end = name.data() + name.size();
@@ -61,13 +61,13 @@ void remove_scratch(const std::string& quarantine) {
 // Where slices are put aside, with a directory in it that goes with everything in it. Those that hold nothing go too.
 struct quarantine_place {
     quarantine_place(const std::string& path, std::string aside_path) : quarantine(path), aside(std::move(aside_path)) {
-        is_new = !tool_exists(quarantine);
-        tool_make_directory(quarantine);
+        is_new = !disk_exists(quarantine);
+        disk_make_directory(quarantine);
         remove_scratch(quarantine);
         scratch = quarantine + "/" + SCRATCH + std::to_string(::getpid());
         try {
-            tool_make_directory(aside);
-            tool_make_directory(scratch);
+            disk_make_directory(aside);
+            disk_make_directory(scratch);
         } catch (...) {
             remove();
             throw;
@@ -93,7 +93,7 @@ std::string directory_of(const std::string& slice) {
 
 int64_t modified_ns(const std::string& path) {
     struct stat status;
-    if (::stat(path.c_str(), &status) != 0) throw tool_failure{EXIT_IO, path + ": " + std::strerror(errno)};
+    if (::stat(path.c_str(), &status) != 0) throw failure_t{OUTCOME_IO, path + ": " + std::strerror(errno)};
     return int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec;
 }
 
@@ -146,13 +146,13 @@ void replace(const std::string& slice, const std::string& aside, const salvage_r
     const std::string name = slice.substr(slice.rfind('/') + 1);
     const char* const by = report.file.empty() ? nullptr : report.file.c_str();
     if (st_tsidx_replace(tsidx.get(), name.c_str(), by, aside.c_str(), modified) != 0) {
-        throw tool_failure{EXIT_IO, slice + ": " + index_failure_text(tsidx.get())};
+        throw failure_t{OUTCOME_IO, slice + ": " + index_failure_text(tsidx.get())};
     }
     if (!is_nothing_lost(report)) return;
     // There is nothing to rebuild. Where that is not told, it is rebuilt all the same.
     const std::string kept = aside + "/" + name;
     if (std::rename(kept.c_str(), (kept + REPAIRED).c_str()) != 0) {
-        throw tool_failure{EXIT_IO, kept + ": " + std::strerror(errno)};
+        throw failure_t{OUTCOME_IO, kept + ": " + std::strerror(errno)};
     }
 }
 
@@ -186,7 +186,7 @@ int salvage_run(const tool_context& context, const salvage_options& options) {
         const std::string path = command.set.slices->path(i);
         try {
             salvage_file(&command, path);
-        } catch (const tool_failure& failure) {
+        } catch (const failure_t& failure) {
             troubles_add(&command.trouble, failure.message);
         } catch (const std::bad_alloc&) {
             troubles_add(&command.trouble, path + ": out of memory");
@@ -201,8 +201,8 @@ int salvage_run(const tool_context& context, const salvage_options& options) {
     }
     output_put(&command.out, "\n");
     output_flush(&command.out);
-    if (command.trouble.incomplete) return EXIT_IO;
-    return damaged == command.whole_again ? EXIT_DONE : EXIT_DAMAGED;
+    if (command.trouble.incomplete) return OUTCOME_IO;
+    return damaged == command.whole_again ? OUTCOME_DONE : OUTCOME_DAMAGED;
 }
 
 }  // namespace

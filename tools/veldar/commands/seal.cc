@@ -2,12 +2,12 @@
 #include <fmt/format.h>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
-#include "tools/veldar/check/fsck_seal.h"
-#include "tools/veldar/check/fsck_slice.h"
+#include "tools/libveldar/check/fsck_seal.h"
+#include "tools/libveldar/check/fsck_slice.h"
+#include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/store/index_handle.h"
-#include "tools/veldar/store/slices.h"
 
 namespace veldar::tool {
 
@@ -90,8 +90,8 @@ int seal_run(const tool_context& context, const seal_options& options) {
     output_open(&out, "never");
     output_put(&out, fmt::format("{} slices sealed, {} had a seal that holds\n", command.sealed, command.had_one));
     output_flush(&out);
-    if (command.damaged != 0) return EXIT_DAMAGED;
-    return command.trouble.incomplete ? EXIT_IO : EXIT_DONE;
+    if (command.damaged != 0) return OUTCOME_DAMAGED;
+    return command.trouble.incomplete ? OUTCOME_IO : OUTCOME_DONE;
 }
 
 }  // namespace

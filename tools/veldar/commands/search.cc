@@ -1,13 +1,13 @@
 // veldar search: prints the events that a query finds.
 #include <algorithm>
 
+#include "tools/libveldar/query/event_source.h"
+#include "tools/libveldar/query/query_hints.h"
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
-#include "tools/veldar/query/event_source.h"
-#include "tools/veldar/query/query_hints.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 
@@ -31,10 +31,10 @@ void choose_format(const search_options& options, const slice_set& slices, event
     const event_format_t format = output->format;
     if (std::max({options.before, options.after, options.around}) > 0 && format != FORMAT_RAW &&
         format != FORMAT_JSONL) {
-        throw tool_failure{EXIT_USAGE, "context lines go with --format raw and jsonl only"};
+        throw failure_t{OUTCOME_USAGE, "context lines go with --format raw and jsonl only"};
     }
     if (!options.fields.empty() && (format == FORMAT_RAW || format == FORMAT_TABLE || format == FORMAT_ADDR)) {
-        throw tool_failure{EXIT_USAGE, "--fields goes with --format jsonl, csv and tsv only"};
+        throw failure_t{OUTCOME_USAGE, "--fields goes with --format jsonl, csv and tsv only"};
     }
     event_output_choose(output, options.fields);
     if (output->has_raw || output->format == FORMAT_ADDR) return;

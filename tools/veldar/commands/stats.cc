@@ -7,13 +7,13 @@
 #include <algorithm>
 #include <set>
 
-#include "tools/veldar/load/stats_events.h"
+#include "tools/libveldar/load/stats_events.h"
+#include "tools/libveldar/query/event_count.h"
+#include "tools/libveldar/query/query_hints.h"
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/output/stats_output.h"
 #include "tools/veldar/output/stats_plot.h"
-#include "tools/veldar/query/event_count.h"
-#include "tools/veldar/query/query_hints.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 

@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "tools/libveldar/query/stats_answer.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/query/stats_answer.h"
 
 namespace veldar::tool {
 

@@ -1,16 +1,16 @@
 // veldar terms and seen: what the lexicons and the metadata of the slices tell without reading an event.
-#include "tools/veldar/formats/terms.h"
+#include "tools/libveldar/formats/terms.h"
 
 #include <algorithm>
 #include <vector>
 
+#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/term_input.h"
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/query_input.h"
-#include "tools/veldar/query/term_input.h"
-#include "tools/veldar/query/time_input.h"
-#include "tools/veldar/store/store.h"
 
 namespace veldar::tool {
 
@@ -99,7 +99,7 @@ term_pattern exact_term(const std::string& text) {
     const bool word = terms.size() == 1 && terms[0] == pattern.needle;
     const bool field = pattern.needle.find("::") != std::string::npos;
     if ((!word && !field) || text.find('*') != std::string::npos) {
-        throw tool_failure{EXIT_USAGE, text + ": expected one word or one field=value, without *"};
+        throw failure_t{OUTCOME_USAGE, text + ": expected one word or one field=value, without *"};
     }
     return pattern;
 }

@@ -1,15 +1,15 @@
 // veldar watch: loads logs and follows them.
-#include "tools/veldar/load/watch.h"
+#include "tools/libveldar/load/watch.h"
 
 #include <fmt/format.h>
 
 #include <cstdio>
 
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/store.h"
+#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/commands/log_options.h"
-#include "tools/veldar/store/store.h"
-#include "tools/veldar/store/tool_file.h"
-#include "tools/veldar/store/troubles.h"
 
 namespace veldar::tool {
 
@@ -32,19 +32,19 @@ int watch_run(const tool_context& context, load_options options, const std::stri
     take_log_options(options);
     options.follows = true;
     const watch_options watch = {.names = std::exchange(options.files, {}), .sync_every = *span_of(sync_every)};
-    tool_catch_interrupts();
+    work_catch_interrupts();
     loader load;
     loader_open(&load, store_choose(context.store), options);
     load.shown.terminal = false;
     try {
         watch_logs(&load, watch);
         loader_close(&load);
-    } catch (tool_failure& failure) {
+    } catch (failure_t& failure) {
         failure.message += "\nveldar: " + loader_give_up(&load);
         throw;
     }
     std::fprintf(stderr, "%s\n", totals_text(load.shown, load.totals, &load.dating).c_str());
-    return EXIT_DONE;
+    return OUTCOME_DONE;
 }
 
 }  // namespace

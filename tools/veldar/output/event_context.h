@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/veldar/query/event_source.h"
+#include "tools/libveldar/query/event_source.h"
 
 namespace veldar::tool {
 

@@ -4,9 +4,9 @@
 #include <array>
 #include <utility>
 
-#include "tools/veldar/formats/terms.h"
+#include "tools/libveldar/formats/terms.h"
+#include "tools/libveldar/query/stats_input.h"
 #include "tools/veldar/output/zone_time.h"
-#include "tools/veldar/query/stats_input.h"
 
 namespace veldar::tool {
 

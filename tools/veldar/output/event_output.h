@@ -13,12 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/veldar/formats/log_time.h"
-#include "tools/veldar/load/event_terms.h"
+#include "tools/libveldar/formats/log_time.h"
+#include "tools/libveldar/load/event_terms.h"
+#include "tools/libveldar/query/event_source.h"
 #include "tools/veldar/output/event_context.h"
 #include "tools/veldar/output/highlight.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/event_source.h"
 
 namespace veldar::tool {
 

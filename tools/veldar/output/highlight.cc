@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "searchthing/search/tokenizer.h"
-#include "tools/veldar/formats/terms.h"
+#include "tools/libveldar/formats/terms.h"
 #include "tools/veldar/output/text_output.h"
 
 namespace veldar::tool {

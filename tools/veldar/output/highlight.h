@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "searchthing/lexicon/matcher.h"
-#include "tools/veldar/query/query_language.h"
+#include "tools/libveldar/query/query_language.h"
 
 namespace veldar::tool {
 

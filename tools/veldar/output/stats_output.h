@@ -1,8 +1,8 @@
 // Prints the rows of statistics: `time`, where bins begin, then the groups, then the aggregates by their names.
 #pragma once
 
+#include "tools/libveldar/query/stats_answer.h"
 #include "tools/veldar/output/table_output.h"
-#include "tools/veldar/query/stats_answer.h"
 
 namespace veldar::tool {
 

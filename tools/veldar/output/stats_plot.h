@@ -5,8 +5,8 @@
 // the rest as "other"; without colour only their sum is drawn. Any other aggregate has a drawing for each group.
 #pragma once
 
+#include "tools/libveldar/query/stats_answer.h"
 #include "tools/veldar/output/text_output.h"
-#include "tools/veldar/query/stats_answer.h"
 
 namespace veldar::tool {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "tools/veldar/formats/log_time.h"
-#include "tools/veldar/store/troubles.h"
-#include "tools/veldar/store/visible_text.h"
+#include "tools/libveldar/formats/log_time.h"
+#include "tools/libveldar/store/troubles.h"
+#include "tools/libveldar/store/visible_text.h"
 
 namespace veldar::tool {
 
@@ -29,7 +29,7 @@ inline void output_put(text_output* out, std::string_view text) {
 }
 // Puts text that has commands to the terminal in it, with what came from elsewhere made visible already.
 void output_put_commands(text_output* out, std::string_view text);
-// Ends a record: whole records reach a terminal at once, and anything else in pieces of 64 KiB. Throws tool_failure
+// Ends a record: whole records reach a terminal at once, and anything else in pieces of 64 KiB. Throws failure_t
 // when standard output cannot be written.
 void output_end_record(text_output* out);
 void output_flush(text_output* out);

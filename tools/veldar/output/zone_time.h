@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/veldar/formats/log_time.h"
+#include "tools/libveldar/formats/log_time.h"
 
 namespace veldar::tool {
 

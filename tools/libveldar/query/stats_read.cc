@@ -1,0 +1,152 @@
+#include "tools/libveldar/query/stats_read.h"
+
+#include <algorithm>
+#include <climits>
+
+#include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/failure.h"
+
+namespace veldar::tool {
+
+namespace {
+
+constexpr int64_t SECOND_NS = 1000000000;
+constexpr int64_t FINE_BINS = 2000;  // of the look at when there are events
+
+struct time_range {
+    int64_t earliest_s = INT_MAX, latest_s = INT_MIN;
+    bool is_empty() const { return earliest_s > latest_s; }
+};
+
+// The times of the slices within the bounds. A slice whose name tells nothing is asked itself; one that cannot be
+// opened is left out here, and told when it is read.
+time_range range_of(const slice_set& set, const st_query_spec& bounds) {
+    time_range range;
+    for (size_t i = 0; i < set.slices->size(); i++) {
+        if (!slice_meets_bounds(set, i, bounds)) continue;
+        const st_filename_metadata_t& meta = set.slices->slice(i).meta;
+        int64_t earliest = meta.earliest, latest = meta.latest;
+        if (earliest == INT_MIN || latest == INT_MAX) {
+            snapshot_slice_ptr warm;
+            std::string error;
+            if (slice_open(set, i, &warm, &error) != SLICE_OPEN) continue;
+            earliest = st_warm_slice_earliest(warm.get());
+            latest = st_warm_slice_latest(warm.get());
+        }
+        range.earliest_s = std::min(range.earliest_s, earliest);
+        range.latest_s = std::max(range.latest_s, latest);
+    }
+    if (range.is_empty()) return range;
+    range.earliest_s = std::max<int64_t>(range.earliest_s, bounds.earliest.time_s);
+    range.latest_s = std::min<int64_t>(range.latest_s, bounds.latest.time_s);
+    return range;
+}
+
+// The times of the events that the queries' index parts find, to a small part of the range.
+time_range range_of_events(const slice_set& slices, const prepared_query& query, const time_range& range) {
+    const int64_t span_s = std::max<int64_t>((range.latest_s - range.earliest_s) / FINE_BINS, 1);
+    time_range found;
+    for (const query_plan& plan : query.plans) {
+        select_options_t options;
+        options.sources = slices_sources(slices);
+        options.query = query_of_plan(query, plan);
+        options.query.opt_span = {static_cast<st_time_t>(span_s), 0};
+        options.on_failure = [](const std::string&, const warm_rc_t&) {};  // the answer itself tells them
+        select_table_t table;
+        warm_rc_t rc;
+        if (select_read(options, &table, nullptr, &rc) != 0) return range;
+        if (table.rows.empty()) continue;
+        found.earliest_s = std::min(found.earliest_s, table.rows.front().bin / SECOND_NS);
+        found.latest_s = std::max(found.latest_s, table.rows.back().bin / SECOND_NS + span_s - 1);
+    }
+    if (found.is_empty()) return range;
+    return {std::max(found.earliest_s, range.earliest_s), std::min(found.latest_s, range.latest_s)};
+}
+
+std::string round_text(const bin_width& width) {
+    const auto put = [](int64_t count, const char* unit) { return std::to_string(count) + unit; };
+    if (width.unit == bin_width::MONTHS) {
+        return width.count % 12 == 0 ? put(width.count / 12, "y") : put(width.count, "mo");
+    }
+    if (width.unit == bin_width::DAYS) return put(width.count, "d");
+    const int64_t seconds = width.count / SECOND_NS;
+    if (seconds % 3600 == 0) return put(seconds / 3600, "h");
+    return seconds % 60 == 0 ? put(seconds / 60, "m") : put(seconds, "s");
+}
+
+[[noreturn]] void fail_too_many(const std::string& every) {
+    throw failure_t{OUTCOME_USAGE, "--every " + every +
+                                       " makes more than 1,048,576 bins of these times: expected a greater width, or "
+                                       "--since and --until"};
+}
+
+}  // namespace
+
+std::string every_fault(const std::string& every) {
+    bin_width width;
+    if (every == "auto" || bin_width_parse(every, &width)) return {};
+    return "'" + every + "' is not " + BIN_WIDTH_FORMS;
+}
+
+stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& slices, const prepared_query& query,
+                           select_spec_t* spec) {
+    stats_grid grid;
+    grid.zone = time_zone_of(request.zone);
+    grid.has_bins = !request.every.empty();
+    if (!grid.has_bins) return grid;
+    time_range range = range_of(slices, query.bounds);
+    if (range.is_empty()) range = {0, 0};
+    bin_width width;
+    if (request.every == "auto") {
+        range = range_of_events(slices, query, range);
+        width = bin_width_for(range.earliest_s, range.latest_s, request.wanted);
+        grid.every = round_text(width);
+    } else if (bin_width_parse(request.every, &width)) {
+        grid.every = request.every;
+    } else {
+        throw failure_t{OUTCOME_USAGE, "--every: " + every_fault(request.every)};
+    }
+    time_bins cuts;
+    if (!time_bins_make(width, grid.zone, range.earliest_s, range.latest_s, &cuts)) fail_too_many(grid.every);
+    grid.span = cuts.span;
+    spec->bin_offset_s = cuts.offset_s;
+    spec->bin_starts_s = std::move(cuts.starts_s);
+    st_query_spec spans;
+    spans.opt_span = grid.span;
+    warm_rc_t rc;
+    if (select_bins_open(&grid.bins, spans, *spec, &rc) != 0) fail_too_many(grid.every);
+    return grid;
+}
+
+void stats_select(const slice_set& slices, const st_query_spec& query, const stats_grid& grid,
+                  const select_spec_t& spec, select_table_t* table, select_report_t* report, troubles* trouble) {
+    select_options_t options;
+    options.sources = slices_sources(slices);
+    options.query = query;
+    options.query.opt_span = grid.span;
+    options.spec = spec;
+    options.on_failure = slices_hear(trouble);
+    slices_tell_errors(slices, trouble);
+    warm_rc_t rc;
+    if (select_read(options, table, report, &rc) != 0) stats_fail(slices, grid, rc);
+}
+
+void stats_fail(const slice_set& slices, const stats_grid& grid, const warm_rc_t& rc) {
+    switch (rc.warm_rc) {
+        case WARM_RC_TIME_BINS_LIMIT:
+            fail_too_many(grid.every);
+        case WARM_RC_CAPACITY:
+            throw failure_t{OUTCOME_USAGE, std::string(rc.message) + ": expected at most 1,048,576"};
+        case WARM_RC_NO_MEMORY:
+            if (std::string_view(rc.message).find("cells") == std::string_view::npos) throw std::bad_alloc();
+            throw failure_t{OUTCOME_IO,
+                            "the answer has more than 4,194,304 cells or 512 MB: fewer fields in --by, a greater "
+                            "--every, or --since and --until make it smaller"};
+        case WARM_RC_TOKEN_TOO_BIG:
+            throw failure_t{OUTCOME_USAGE, "a word or value of the query is longer than 2,048 bytes"};
+        default:
+            throw failure_t{OUTCOME_IO, slice_error(slices.path, rc)};
+    }
+}
+
+}  // namespace veldar::tool

@@ -1,0 +1,117 @@
+#include "tools/libveldar/query/term_input.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "searchthing/lexicon/matcher.h"
+#include "tools/libveldar/formats/terms.h"
+#include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/slices.h"
+
+namespace veldar::tool {
+
+namespace {
+
+bool is_bare_value(std::string_view value) {
+    return !value.ends_with('~') && value.find_first_of(" \t\n\r()\"\\") == std::string_view::npos;
+}
+
+std::string quoted_text(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + '"';
+}
+
+// Takes a text in quotes off the front; false when there is none.
+bool take_quoted(std::string_view* rest, std::string* out) {
+    if (!rest->starts_with('"')) return false;
+    for (size_t i = 1; i < rest->size(); i++) {
+        const char c = (*rest)[i];
+        if (c == '"') {
+            rest->remove_prefix(i + 1);
+            return true;
+        }
+        const bool escape = c == '\\' && i + 1 < rest->size() && ((*rest)[i + 1] == '"' || (*rest)[i + 1] == '\\');
+        out->push_back(escape ? (*rest)[++i] : c);
+    }
+    out->clear();
+    return false;
+}
+
+}  // namespace
+
+void walk_terms(const std::string& path, const term_choice_t& choice, const term_visitor& visit, troubles* trouble) {
+    const slice_set set = slices_list(path);
+    slices_tell_errors(set, trouble);
+    term_cursor_options_t options;
+    options.choice = choice;
+    options.sources = slices_sources(set);
+    options.on_failure = [trouble](const std::string& source, const warm_rc_t& rc) {
+        if (rc.warm_rc != WARM_RC_MINIFIED) slice_tell(source, rc, trouble);
+    };
+    warm_rc_t rc;
+    const term_cursor_ptr cursor = term_cursor_open(options, &rc);
+    if (cursor == nullptr) return slice_tell(path, rc, trouble);
+    std::string_view term;
+    term_totals_t totals;
+    do {
+        int status = term_cursor_next(cursor.get(), &term, &rc);
+        if (status == 0 && term.data() == nullptr) return;
+        if (status == 0) status = term_cursor_totals(cursor.get(), &totals, &rc);
+        if (status != 0) return slice_tell(path, rc, trouble);
+    } while (visit(term, totals));
+}
+
+term_pattern term_pattern_from_text(const std::string& text) {
+    std::string_view rest = text;
+    std::string name, value;
+    const bool quoted = take_quoted(&rest, &name);
+    const size_t equals = rest.find('='), colons = rest.find("::");
+    const bool field = quoted ? equals == 0 : equals != std::string::npos && colons > equals;
+    if (field) {
+        if (!quoted) name = rest.substr(0, equals);
+        rest.remove_prefix(equals + 1);
+        if (!take_quoted(&rest, &value) || !rest.empty()) value = rest;
+        return {fold_value(name) + "::" + fold_value(value), false};
+    }
+    if (quoted && rest.empty()) return {fold_value(name), name.find('*') != std::string::npos};
+    return {fold_value(text), text.find('*') != std::string::npos && text.find("::") == std::string::npos};
+}
+
+term_choice_t term_choice_of(const term_pattern& pattern) {
+    term_choice_t choice;
+    if (pattern.needle.empty()) return choice;
+    const size_t star = pattern.needle.find('*');
+    if (star == std::string::npos) {
+        choice.needle = pattern.needle;
+        return choice;
+    }
+    const std::shared_ptr<OpaqueMatcher_T> matcher(createMatcher(pattern.needle.c_str()), freeOpaqueMatcher);
+    if (matcher == nullptr) throw failure_t{OUTCOME_IO, "out of memory"};
+    choice.prefix = pattern.needle.substr(0, star);
+    choice.wanted = [matcher, words_only = pattern.words_only](std::string_view term) {
+        return matcher_spans(term.data(), matcher.get()) && !(words_only && term.find("::") != std::string_view::npos);
+    };
+    return choice;
+}
+
+std::string term_query_text(std::string_view term) {
+    const size_t colons = term.find("::");
+    if (colons == std::string_view::npos || colons == 0) return std::string(term);
+    const std::string_view value = term.substr(colons + 2);
+    return field_query_text(term.substr(0, colons)) + "=" +
+           (is_bare_value(value) ? std::string(value) : quoted_text(value));
+}
+
+std::string field_query_text(std::string_view name) {
+    const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || c == '_' || c == '@'; };
+    const bool bare = !name.empty() && is_letter(name[0]) && std::all_of(name.begin(), name.end(), [&](char c) {
+        return is_letter(c) || (c >= '0' && c <= '9') || c == '.' || c == '-';
+    });
+    return bare ? std::string(name) : quoted_text(name);
+}
+
+}  // namespace veldar::tool

@@ -1,0 +1,37 @@
+#include "tools/libveldar/store/troubles.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "tools/libveldar/store/visible_text.h"
+
+namespace veldar::tool {
+
+namespace {
+
+constexpr size_t MESSAGES_MAX = 20;  // one message a missing file is useful, one an event is not
+
+}  // namespace
+
+void say_trouble(const std::string& message) {
+    std::string text = "veldar: ";
+    ::isatty(STDERR_FILENO) == 1 ? put_visible(&text, message) : static_cast<void>(text.append(message));
+    std::fputs(text.append("\n").c_str(), stderr);
+}
+
+void troubles_add(troubles* list, const std::string& message, outcome_t status) {
+    list->incomplete = true;
+    list->status = std::max(list->status, status);
+    if (list->is_silent) return;
+    if (list->said.size() > MESSAGES_MAX || !list->said.insert(message).second) return;
+    say_trouble(list->said.size() > MESSAGES_MAX ? "further messages are left out" : message);
+}
+
+outcome_t answer_status(bool found, const troubles& list) {
+    if (list.incomplete) return list.status;
+    return found ? OUTCOME_DONE : OUTCOME_NOT_FOUND;
+}
+
+}  // namespace veldar::tool

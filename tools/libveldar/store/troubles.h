@@ -1,0 +1,25 @@
+// What kept an answer from being complete.
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "tools/libveldar/store/failure.h"
+
+namespace veldar::tool {
+
+// Prints "veldar: message" on standard error; on a terminal the control characters of names in it are visible.
+void say_trouble(const std::string& message);
+
+// What kept an answer from being complete. Each message is said once, on standard error.
+struct troubles {
+    bool incomplete = false;
+    outcome_t status = OUTCOME_DONE;  // of a command that found something all the same
+    std::set<std::string> said;
+    bool is_silent = false;  // nothing is said
+};
+void troubles_add(troubles* list, const std::string& message, outcome_t status = OUTCOME_INCOMPLETE);
+// The exit status of a command that found something, or nothing, and may have missed some.
+outcome_t answer_status(bool found, const troubles& list);
+
+}  // namespace veldar::tool
