@@ -23,6 +23,7 @@
 #include "tools/libveldar/store/foreign_content.h"
 #include "tools/libveldar/store/raw_reader.h"
 #include "tools/libveldar/store/slices.h"
+#include "tools/veldar/output/terminal_observer.h"
 
 namespace veldar {
 
@@ -925,16 +926,21 @@ TEST_F(Load, AFailureBesideTheReaderIsToldAndLeavesAPrefix) {
 }
 
 TEST(Progress, IsALineOfATerminalAtMostTenTimesASecond) {
-    progress shown = {.terminal = true, .total = 2000000};
+    terminal_observer terminal;
+    const observer prints = terminal_observer_open(&terminal);
+    const observer_scope observed(&prints);
+    terminal.is_terminal = true;
+    progress shown = {.total = 2000000};
     testing::internal::CaptureStderr();
     progress_show(&shown, 1000000, 1234);
     progress_show(&shown, 1500000, 5);
     shown.shown_us = 0;
     progress_show_merge(&shown, 3000000);
-    progress_clear(&shown);
+    say_trouble("\x1b");
+    progress_end();
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "\r[###############               ]  50% 1,234 events, 1.0 MB, 0.0 MB/s\x1b[K"
-              "\r[##############################] 100% merging, 3.0 MB of 2.0 MB, 0.0 MB/s\x1b[K\r\x1b[K");
+              "\r[##############################] 100% merging, 3.0 MB of 2.0 MB, 0.0 MB/s\x1b[K\r\x1b[Kveldar: ^[\n");
     EXPECT_EQ(bytes_text(999) + bytes_text(1000) + bytes_text(1000000000) + number_text(999) + number_text(1000),
               "999 bytes1.0 kB1.00 GB9991,000");
 }

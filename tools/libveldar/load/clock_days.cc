@@ -4,6 +4,7 @@
 
 #include "tools/libveldar/formats/uncoloured.h"
 #include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/record_reader.h"
 #include "tools/libveldar/store/source_map.h"
 
@@ -33,7 +34,7 @@ bool clock_days_find(log_event_maker* maker, log_input* input, uint64_t start, s
     uint64_t offset;
     std::string_view text;
     std::string plain;
-    while (date_s == NO_TIME_SEEN && work_interrupted == 0 && record_reader_next(&reader, &offset, &text)) {
+    while (date_s == NO_TIME_SEEN && !work_stops() && record_reader_next(&reader, &offset, &text)) {
         parse_log_line(*maker->format, uncoloured(text.substr(0, text.find('\n')), &plain), &walk, &maker->first);
         if (!maker->first.has_time) continue;
         if (walk.last_local_s >= FIRST_DATE_S) {

@@ -231,7 +231,7 @@ void file_load_records(loader* load, file_load* one) {
     record_reader* const reader = &one->reader;
     uint64_t offset, end = reader->offset;
     std::string_view text;
-    for (uint64_t records = 0; work_interrupted == 0; records++) {
+    for (uint64_t records = 0; !work_stops(); records++) {
         if (turns_here(load, one, end)) take_form(load, one);
         if (!record_reader_next(reader, &offset, &text)) break;
         if (one->in_stretch) load->address += offset - end;

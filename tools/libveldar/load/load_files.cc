@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
-
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/troubles.h"
 
@@ -28,26 +26,25 @@ outcome_t load_files(load_report* report, const std::vector<std::string>& files,
     try {
         for (const std::string& file : files) {
             std::string error;
-            if (work_interrupted != 0) break;
+            if (work_stops()) break;
             if (steps.load(file, &error)) continue;
-            progress_clear(&report->shown);
             say_trouble((file == "-" ? "standard input" : file) + ": " + error);
             incomplete = true;
         }
         steps.close();
     } catch (failure_t& failure) {
-        progress_clear(&report->shown);
+        progress_end();
         const std::string advice = steps.give_up(failure);
         if (!advice.empty()) failure.message += "\nveldar: " + advice;
         throw;
     }
-    progress_clear(&report->shown);
-    std::string text = work_interrupted != 0 ? "interrupted; loaded so far: " : "";
+    progress_end();
+    std::string text = work_stops() ? "interrupted; loaded so far: " : "";
     text += steps.summary();
     if (report->unchanged == 1) text += " (1 file with nothing new)";
     if (report->unchanged > 1) text += " (" + std::to_string(report->unchanged) + " files with nothing new)";
-    std::fprintf(stderr, "%s\n", text.c_str());
-    if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
+    say_summary(text);
+    if (work_stops()) return OUTCOME_INTERRUPTED;
     return incomplete ? OUTCOME_INCOMPLETE : OUTCOME_DONE;
 }
 

@@ -34,7 +34,7 @@ struct load_steps {
     std::function<std::string(const failure_t& failure)> give_up;
 };
 
-// Loads file after file, until the command is interrupted, and tells of it on standard error. Returns OUTCOME_DONE,
+// Loads file after file, until the command is interrupted, and tells of it. Returns OUTCOME_DONE,
 // OUTCOME_INCOMPLETE or OUTCOME_INTERRUPTED, and throws what the steps throw.
 outcome_t load_files(load_report* report, const std::vector<std::string>& files, const load_steps& steps);
 

@@ -56,7 +56,7 @@ load_paths load_paths_find(const std::vector<std::string>& names, bool recursive
     }
     for (const std::string& name : names) {
         std::vector<std::string> stack = {name};
-        while (!stack.empty() && work_interrupted == 0) {
+        while (!stack.empty() && !work_stops()) {
             const std::string path = stack.back();
             stack.pop_back();
             if (path == "-" || !is_directory(path, path == name)) {

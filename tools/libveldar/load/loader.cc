@@ -156,7 +156,7 @@ void note_whole(loader* load, const file_load& one, uint64_t state) {
 // Remembers how far the file is loaded, and the bytes before that, so that it is known again by more than its
 // beginning. Of a compressed file the latter says that it was read to its end; one that was not is read again the next time.
 void note_progress(loader* load, const file_load& one) {
-    const bool whole = one.reader.error.empty() && work_interrupted == 0;
+    const bool whole = one.reader.error.empty() && !work_stops();
     const bool knows_end = whole && !one.reader.held && !one.input.pipe && !log_input_is_plain(one.input);
     const uint64_t state = knows_end ? log_input_state(one.input) : 0;
     if (!one.in_stretch) return note_whole(load, one, state);
@@ -217,7 +217,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     save_points(load, *one);
     *error = one->reader.error;
     const bool is_short = limit != SOURCE_NO_LIMIT && one->reader.offset < limit && !one->reader.held;
-    if (error->empty() && is_short && work_interrupted == 0 && !load->options->follows) {
+    if (error->empty() && is_short && !work_stops() && !load->options->follows) {
         *error = "ends at byte " + std::to_string(one->reader.offset) + " of " + std::to_string(limit) +
                  ": it was cut short while it was loaded";
     }
@@ -430,7 +430,6 @@ void loader_sync(loader* load) {
 void loader_tell(loader* load, const std::string& message) {
     if (load->options->follows && load->told.size() >= TOLD_MAX) load->told.clear();
     if (load->options->follows && !load->told.insert(message).second) return;
-    progress_clear(&load->shown);
     say_trouble(message);
 }
 

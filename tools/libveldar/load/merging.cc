@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -36,6 +35,7 @@ constexpr uint32_t SOURCES_WHILE_FOLLOWING = 16;
 struct crew {
     const std::vector<std::string>* directories = nullptr;
     merge_settings settings;
+    observer stops;  // which each thread serves
     std::atomic<size_t> next = 0;
     std::atomic<uint64_t> done = 0, planned = 0;  // bytes of the merges begun so far
     std::mutex mutex;                             // of what follows
@@ -89,7 +89,7 @@ int merge_directory(crew* all, TSIDX* tsidx, const std::string& directory, uint6
     uint64_t target = settings.target_size;
     uint32_t min_sources = settings.min_sources != 0 ? settings.min_sources : TSIDX_OPTIMIZE_MIN_SOURCES;
     int status = 0;
-    while (status == 0 && work_interrupted == 0) {
+    while (status == 0 && !work_stops()) {
         tsidx_optimize_plan_t plan;
         const auto make_plan = [&] {
             return st_tsidx_optimize_plan(tsidx, mode, min_sources, target, settings.is_final, &plan);
@@ -106,7 +106,7 @@ int merge_directory(crew* all, TSIDX* tsidx, const std::string& directory, uint6
         merge_watch watch{all};
         st_tsidx_set_merge_progress(tsidx, merge_watch::report, &watch);
         st_tsidx_set_merge_stop(
-            tsidx, [](void*) { return work_interrupted != 0; }, nullptr);
+            tsidx, [](void*) { return work_stops(); }, nullptr);
         status = st_tsidx_optimize_n(tsidx, mode, min_sources, 0, target, nullptr, 0, 0, settings.is_final);
         all->done += plan.bytes - std::min(plan.bytes, watch.seen);
         *merges += status == 0 ? 1 : 0;
@@ -144,8 +144,9 @@ void work_on(crew* all, const std::string& directory) {
 }
 
 void work(crew* all) {
+    const observer_scope observed(&all->stops);
     bool out_of_memory = false;
-    for (size_t i = all->next++; i < all->directories->size() && work_interrupted == 0; i = all->next++) {
+    for (size_t i = all->next++; i < all->directories->size() && !work_stops(); i = all->next++) {
         try {
             work_on(all, (*all->directories)[i]);
         } catch (const std::bad_alloc&) {
@@ -179,13 +180,12 @@ void start_threads(crew* all, size_t jobs, std::vector<std::jthread>* threads) {
 
 void watch_progress(crew* all) {
     progress shown = progress_begin(0);
-    shown.terminal = shown.terminal && all->settings.shows_progress;
     std::unique_lock guard(all->mutex);
     while (!all->ended.wait_for(guard, std::chrono::milliseconds(100), [all] { return all->working == 0; })) {
         shown.total = all->planned;
-        if (shown.total != 0) progress_show_merge(&shown, all->done);
+        if (shown.total != 0 && all->settings.shows_progress) progress_show_merge(&shown, all->done);
     }
-    progress_clear(&shown);
+    if (all->settings.shows_progress) progress_end();
 }
 
 }  // namespace
@@ -194,6 +194,7 @@ merge_totals merge_directories(const std::vector<std::string>& directories, cons
     crew all;
     all.directories = &directories;
     all.settings = settings;
+    all.stops = observer_of_threads();
     {
         std::vector<std::jthread> threads;
         start_threads(&all, std::clamp<size_t>(settings.jobs, 1, std::max<size_t>(directories.size(), 1)), &threads);
@@ -222,7 +223,8 @@ void merge_aside_begin(merge_aside* aside, const std::string& directory) try {
     if (aside->at_work) return;
     aside->at_work = true;
     // One that has ended gives its place up at once.
-    aside->thread = std::jthread([aside, directory] {
+    aside->thread = std::jthread([aside, directory, stops = observer_of_threads()] {
+        const observer_scope observed(&stops);
         try {
             merge_settings settings = {.min_sources = SOURCES_WHILE_LOADING,
                                        .least_bytes = LEAST_WHILE_LOADING,
@@ -259,7 +261,7 @@ void merge_after_load(const std::vector<std::string>& directories, uint64_t merg
         totals.failures.insert(totals.failures.end(), rest.failures.begin(), rest.failures.end());
     }
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
-    if (totals.merges != 0) std::fprintf(stderr, "%s\n", merge_totals_text(totals, seconds.count()).c_str());
+    if (totals.merges != 0) say_summary(merge_totals_text(totals, seconds.count()));
     for (const std::string& failure : totals.failures) {
         say_trouble("slices were not merged: " + failure);
     }

@@ -43,7 +43,7 @@ struct merge_aside {
 void merge_aside_begin(merge_aside* aside, const std::string& directory);
 // Waits for its end. How many merges it made since the last call.
 uint64_t merge_aside_wait(merge_aside* aside);
-// Many loads, or a large one, leave many slices: merges them and says so on standard error. With merges made while
+// Many loads, or a large one, leave many slices: merges them and says so. With merges made while
 // loading, those that they left over as well. What is loaded is loaded, whatever becomes of this.
 void merge_after_load(const std::vector<std::string>& directories, uint64_t merges_before = 0);
 // "64 slices merged into 3, 120.3 MB into 80.1 MB, 5.2 s"

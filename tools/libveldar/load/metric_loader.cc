@@ -14,6 +14,7 @@
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/foreign_content.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 
 namespace veldar::tool {
@@ -137,7 +138,6 @@ void refuse(metric_loader* load, metric_file* file, const char* why) {
         write_batch(load, file);
         throw failure_t{OUTCOME_USAGE, message};
     }
-    progress_clear(&load->shown);
     troubles_add(&load->trouble, message);
 }
 
@@ -191,7 +191,7 @@ void take_record(metric_loader* load, metric_file* file, std::span<char> bytes) 
 void take_records(metric_loader* load, metric_file* file) {
     std::span<char> bytes;
     bool too_long = false;
-    while (work_interrupted == 0 && next_record(file, &bytes, &too_long)) {
+    while (!work_stops() && next_record(file, &bytes, &too_long)) {
         if (too_long) {
             refuse(load, file, "more than 1 MiB");
         } else {
@@ -293,7 +293,7 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
     *error = file.reader.error;
     if (error->empty() && file.from == 0 && file.refused != 0 && file.samples == 0) {
         *error = "every line was refused: is this a file of metrics?";
-    } else if (work_interrupted != 0 || !error->empty()) {
+    } else if (work_stops() || !error->empty()) {
         write_batch(load, &file);
     } else if (!file.timeless && !file.input.pipe && file.taken > file.from) {
         metric_note note;

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 
 #include "libzero/resource.h"
@@ -26,25 +25,13 @@ int64_t now_us() {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
-// Whether a line is to be shown now, and the seconds since the beginning.
-bool is_due(progress* p, double* seconds) {
-    if (!p->terminal) return false;
+void show(progress* p, work_progress::kind_t kind, uint64_t done, uint64_t events) {
+    const observer* const to = observer_current();
+    if (p->is_hidden || to == nullptr || to->show == nullptr) return;
     const int64_t now = now_us();
-    if (now - p->shown_us < 100000) return false;
+    if (now - p->shown_us < 100000) return;
     p->shown_us = now;
-    *seconds = static_cast<double>(now - p->begun_us) / 1e6;
-    return true;
-}
-
-void show_line(const progress& p, uint64_t done, std::string line) {
-    if (p.total != 0) {
-        constexpr uint64_t WIDTH = 30;
-        const uint64_t filled = std::min(WIDTH, done * WIDTH / p.total);
-        line = fmt::format("[{}{}] {:3}% {}", std::string(filled, '#'), std::string(WIDTH - filled, ' '),
-                           std::min<uint64_t>(100, done * 100 / p.total), line);
-    }
-    std::fprintf(stderr, "\r%s\033[K", line.c_str());
-    std::fflush(stderr);
+    to->show(to->context, {kind, done, p->total, events, static_cast<double>(now - p->begun_us) / 1e6});
 }
 
 }  // namespace
@@ -67,27 +54,20 @@ void load_totals::add_event(st_time_t time) {
 
 progress progress_begin(uint64_t total) {
     const int64_t now = now_us();
-    return {::isatty(STDERR_FILENO) == 1, total, now, now};
+    return {total, now, now, false};
 }
 
 void progress_show(progress* p, uint64_t done, uint64_t events) {
-    double seconds = 0;
-    if (!is_due(p, &seconds)) return;
-    show_line(*p, done,
-              fmt::format("{} events, {}, {:.1f} MB/s", number_text(events), bytes_text(done),
-                          static_cast<double>(done) / 1e6 / seconds));
+    show(p, work_progress::LOADING, done, events);
 }
 
 void progress_show_merge(progress* p, uint64_t done) {
-    double seconds = 0;
-    if (!is_due(p, &seconds)) return;
-    show_line(*p, done,
-              fmt::format("merging, {} of {}, {:.1f} MB/s", bytes_text(done), bytes_text(p->total),
-                          static_cast<double>(done) / 1e6 / seconds));
+    show(p, work_progress::MERGING, done, 0);
 }
 
-void progress_clear(progress* p) {
-    if (p->terminal) std::fputs("\r\033[K", stderr);
+void progress_end() {
+    const observer* const to = observer_current();
+    if (to != nullptr && to->shown_all != nullptr) to->shown_all(to->context);
 }
 
 std::string time_text(st_time_t time) {

@@ -1,4 +1,4 @@
-// What a command tells while it works and when it is done, on standard error: a progress line on a terminal only.
+// What a load tells while it works and when it is done.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@
 namespace veldar::tool {
 
 struct progress {
-    bool terminal = false;
     uint64_t total = 0;  // bytes to read; 0 when unknown
     int64_t begun_us = 0, shown_us = 0;
+    bool is_hidden = false;  // nothing is shown
 };
 
 struct load_totals {
@@ -28,12 +28,12 @@ struct load_totals {
 };
 
 progress progress_begin(uint64_t total);
-// Shows how far the work is, at most ten times a second. Cheap enough for every few thousand events.
+// Shows the observer how far the work is, at most ten times a second. Cheap enough for every few thousand events.
 void progress_show(progress* p, uint64_t done, uint64_t events);
 // The same for a merge of `total` bytes.
 void progress_show_merge(progress* p, uint64_t done);
-// Removes the line, so that a message can be printed.
-void progress_clear(progress* p);
+// What was shown is over.
+void progress_end();
 // "2015-05-17 10:05:03" in UTC.
 std::string time_text(st_time_t time);
 std::string bytes_text(uint64_t bytes);

@@ -16,6 +16,7 @@
 
 #include "tools/libveldar/load/change_notice.h"
 #include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/packed_stream.h"
 #include "tools/libveldar/store/raw_reader.h"
@@ -241,7 +242,7 @@ void load_file(watcher* w, followed_file* file, bool is_over) {
     const bool is_other = number != 0 && file->number != number && is_same_file(now, file->loaded);
     if (is_cut || is_other) begin_rotation(w, file->name, file->since_ns, ROTATES_FOR);
     if (changed) file->changed = clock::now();
-    if (work_interrupted != 0) return;
+    if (work_stops()) return;
     file->loaded = now;
     file->since_ns = now.modified_ns;
 }
@@ -250,7 +251,7 @@ void load_over(watcher* w) {
     for (followed_file& file : w->over) {
         const bool is_over = clock::now() - file.changed >= OVER_AFTER || w->over.size() > OVER_MAX;
         load_file(w, &file, is_over);
-        if (is_over && work_interrupted == 0) file.fd.reset();
+        if (is_over && !work_stops()) file.fd.reset();
     }
     std::erase_if(w->over, [](const followed_file& file) { return !file.fd.valid(); });
 }
@@ -288,7 +289,7 @@ void load_pieces(watcher* w, const std::string& name, const std::vector<std::str
     std::map<std::string, file_stamp> loaded;
     for (const auto& [path, status] : pieces_of(name, others)) {
         const file_stamp stamp = stamp_of(status);
-        if (stamp.modified_ns < rotated->since_ns || is_followed(*w, stamp) || work_interrupted != 0) continue;
+        if (stamp.modified_ns < rotated->since_ns || is_followed(*w, stamp) || work_stops()) continue;
         if (is_being_written(path, stamp)) continue;
         const auto known = rotated->loaded.find(path);
         uint32_t number = 0;
@@ -298,7 +299,7 @@ void load_pieces(watcher* w, const std::string& name, const std::vector<std::str
             if (!read && ::access(path.c_str(), F_OK) != 0) continue;  // it has another name by now
             if (!read) tell(w, path, error);
         }
-        if (work_interrupted == 0) loaded[path] = stamp;
+        if (!work_stops()) loaded[path] = stamp;
     }
     rotated->loaded = std::move(loaded);
 }
@@ -333,7 +334,7 @@ void load_all(watcher* w, bool names) {
     load_over(w);
     load_rotations(w);
     for (auto& [name, file] : w->files) {
-        if (work_interrupted == 0) load_file(w, &file, false);
+        if (!work_stops()) load_file(w, &file, false);
     }
     loader_sync(w->load);
 }
@@ -368,7 +369,7 @@ void watch_logs(loader* load, const watch_options& options) {
     load_all(&w, false);
     clock::time_point loaded = clock::now(), changed{};
     bool has_change = false, names = false;
-    while (work_interrupted == 0) {
+    while (!work_stops()) {
         const auto now = clock::now();
         const auto due = has_change ? changed + patience
                                     : loaded + (w.rotations.empty() ? LOOK_ANYWAY : std::max(LOOK_OFTEN, patience));
@@ -377,7 +378,7 @@ void watch_logs(loader* load, const watch_options& options) {
             const milliseconds time = w.notice.is_complete ? wait : std::min(wait, often);
             names = change_notice_wait(&w.notice, !has_change, time) || names;
         }
-        if (work_interrupted != 0) break;
+        if (work_stops()) break;
         look_round(&w);
         if (!has_change && (names || anything_new(w))) {
             has_change = true;

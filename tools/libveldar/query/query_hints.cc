@@ -10,6 +10,7 @@
 #include "tools/libveldar/query/event_count.h"
 #include "tools/libveldar/query/suggestion.h"
 #include "tools/libveldar/query/term_input.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/slices.h"
 
 namespace veldar::tool {

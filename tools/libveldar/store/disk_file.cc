@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 
 #include "searchthing/directory/tsidx_list.h"
 #include "tools/libveldar/store/failure.h"
@@ -45,7 +44,7 @@ int work_interrupt_descriptor() {
 
 int64_t disk_read_pipe(int fd, char* out, size_t size) {
     for (;;) {
-        if (work_interrupted != 0) return 0;
+        if (work_stops()) return 0;
         const ssize_t got = ::read(fd, out, size);
         if (got >= 0 || errno != EINTR) return got;
     }
@@ -139,7 +138,7 @@ unique_fd disk_lock(const std::string& path, const std::string& directory) {
     say_trouble("waiting for another load into " + directory);
     while (::flock(lock.get(), LOCK_EX) != 0) {
         if (errno != EINTR) fail_io("cannot lock " + path, errno);
-        if (work_interrupted != 0) throw failure_t{OUTCOME_INTERRUPTED, "interrupted, nothing was loaded"};
+        if (work_stops()) throw failure_t{OUTCOME_INTERRUPTED, "interrupted, nothing was loaded"};
     }
     return lock;
 }

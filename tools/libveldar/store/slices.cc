@@ -11,6 +11,7 @@
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 
 namespace veldar::tool {

@@ -1,11 +1,6 @@
 #include "tools/libveldar/store/troubles.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-
-#include "tools/libveldar/store/visible_text.h"
 
 namespace veldar::tool {
 
@@ -14,12 +9,6 @@ namespace {
 constexpr size_t MESSAGES_MAX = 20;  // one message a missing file is useful, one an event is not
 
 }  // namespace
-
-void say_trouble(const std::string& message) {
-    std::string text = "veldar: ";
-    ::isatty(STDERR_FILENO) == 1 ? put_visible(&text, message) : static_cast<void>(text.append(message));
-    std::fputs(text.append("\n").c_str(), stderr);
-}
 
 void troubles_add(troubles* list, const std::string& message, outcome_t status) {
     list->incomplete = true;

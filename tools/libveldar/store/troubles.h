@@ -5,13 +5,11 @@
 #include <string>
 
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 
 namespace veldar::tool {
 
-// Prints "veldar: message" on standard error; on a terminal the control characters of names in it are visible.
-void say_trouble(const std::string& message);
-
-// What kept an answer from being complete. Each message is said once, on standard error.
+// What kept an answer from being complete. Each message is said once.
 struct troubles {
     bool incomplete = false;
     outcome_t status = OUTCOME_DONE;  // of a command that found something all the same

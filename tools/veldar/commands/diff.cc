@@ -14,6 +14,7 @@
 #include "tools/libveldar/query/stats_read.h"
 #include "tools/libveldar/query/term_input.h"
 #include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/table_output.h"

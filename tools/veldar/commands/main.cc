@@ -5,8 +5,10 @@
 #include "libzero/create-crash-dump.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/st_init.h"
-#include "tools/libveldar/store/troubles.h"
+#include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/terminal_observer.h"
 
 namespace {
 
@@ -44,6 +46,9 @@ constexpr veldar::tool::command_group GROUPS[] = {
 
 int main(int argc, char** argv) {
     veldar::osfile_open_standard();
+    veldar::tool::terminal_observer terminal;
+    const veldar::tool::observer prints = veldar::tool::terminal_observer_open(&terminal);
+    const veldar::tool::observer_scope observed(&prints);
     try {
         veldar::st_init("veldar");
         static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tools/libveldar/load/merging.h"
@@ -67,13 +66,12 @@ int merge(const std::vector<std::string>& directories, const merge_settings& mer
     const merge_totals totals = merge_directories(directories, merging);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begun;
     for (const std::string& failure : totals.failures) say_trouble(failure);
-    if (totals.merges == 0 && work_interrupted != 0) {
-        std::fprintf(stderr, "interrupted: nothing was merged\n");
+    if (totals.merges == 0 && work_stops()) {
+        say_summary("interrupted: nothing was merged");
     } else if (totals.merges != 0 || totals.failures.empty()) {
-        std::fprintf(stderr, "%s%s\n", work_interrupted != 0 ? "interrupted; so far: " : "",
-                     merge_totals_text(totals, seconds.count()).c_str());
+        say_summary((work_stops() ? "interrupted; so far: " : "") + merge_totals_text(totals, seconds.count()));
     }
-    if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
+    if (work_stops()) return OUTCOME_INTERRUPTED;
     if (totals.failures.empty()) return OUTCOME_DONE;
     return totals.out_of_space ? OUTCOME_IO : OUTCOME_INCOMPLETE;
 }

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "tools/libveldar/load/progress.h"
 #include "tools/libveldar/load/put_line.h"
 #include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/veldar/commands/command.h"
 
 namespace veldar::tool {
@@ -72,7 +72,7 @@ void put_line(put_run* run, std::span<char> line) {
 // Puts the whole lines of `bytes` and returns how many bytes they are; with `last`, also a line without its newline.
 size_t put_lines(put_run* run, std::span<char> bytes, bool last) {
     size_t at = 0;
-    while (at < bytes.size() && work_interrupted == 0) {
+    while (at < bytes.size() && !work_stops()) {
         char* const begin = bytes.data() + at;
         char* const newline = static_cast<char*>(std::memchr(begin, '\n', bytes.size() - at));
         if (newline == nullptr && !last) break;
@@ -93,7 +93,7 @@ void put_input(put_run* run, int fd) {
         have += static_cast<size_t>(got);
         run->totals.bytes_in += static_cast<uint64_t>(got);
         const size_t used = put_lines(run, {bytes.data(), have}, got == 0);
-        if (got == 0 || work_interrupted != 0) return;
+        if (got == 0 || work_stops()) return;
         std::memmove(bytes.data(), bytes.data() + used, have - used);
         have -= used;
         progress_show(&run->shown, run->totals.bytes_in, run->totals.events);
@@ -118,19 +118,19 @@ int put_run_all(const put_options& options) {
                       !options.no_fsync);
     const auto finish = [&](const char* how) {
         index_writer_close(&run.writer);
-        progress_clear(&run.shown);
+        progress_end();
         totals_add_slices(&run.totals, options.directory, before);
-        std::fprintf(stderr, "%s%s\n", how, totals_text(run.shown, run.totals).c_str());
+        say_summary(how + totals_text(run.shown, run.totals));
     };
     try {
         put_input(&run, input.get());
     } catch (const failure_t&) {
-        progress_clear(&run.shown);
+        progress_end();
         if (run.writer.thing != nullptr) finish("put so far: ");
         throw;
     }
-    finish(work_interrupted != 0 ? "interrupted; put so far: " : "");
-    if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
+    finish(work_stops() ? "interrupted; put so far: " : "");
+    if (work_stops()) return OUTCOME_INTERRUPTED;
     return run.totals.events == 0 && run.totals.refused != 0 ? OUTCOME_INCOMPLETE : OUTCOME_DONE;
 }
 

@@ -178,7 +178,7 @@ int rebuild_run(const tool_context& context, const rebuild_options& options) {
     load_totals totals;
     for (const lost_log& log : logs) {
         all = load_anew(store, log, options.load, &totals) && all;
-        if (work_interrupted != 0) return OUTCOME_INTERRUPTED;
+        if (work_stops()) return OUTCOME_INTERRUPTED;
     }
     std::printf("%zu slices put aside, %zu logs loaded anew, %s events\n", slices.size(), logs.size(),
                 number_text(totals.events).c_str());

@@ -5,6 +5,7 @@
 #include "tools/libveldar/check/fsck_seal.h"
 #include "tools/libveldar/check/fsck_slice.h"
 #include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/text_output.h"

@@ -5,6 +5,7 @@
 #include "tools/libveldar/query/query_hints.h"
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/query/time_input.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"

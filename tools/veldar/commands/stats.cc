@@ -11,6 +11,7 @@
 #include "tools/libveldar/query/event_count.h"
 #include "tools/libveldar/query/query_hints.h"
 #include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/output/stats_output.h"
 #include "tools/veldar/output/stats_plot.h"

@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
-
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/libveldar/store/troubles.h"
@@ -35,7 +33,7 @@ int watch_run(const tool_context& context, load_options options, const std::stri
     work_catch_interrupts();
     loader load;
     loader_open(&load, store_choose(context.store), options);
-    load.shown.terminal = false;
+    load.shown.is_hidden = true;
     try {
         watch_logs(&load, watch);
         loader_close(&load);
@@ -43,7 +41,7 @@ int watch_run(const tool_context& context, load_options options, const std::stri
         failure.message += "\nveldar: " + loader_give_up(&load);
         throw;
     }
-    std::fprintf(stderr, "%s\n", totals_text(load.shown, load.totals, &load.dating).c_str());
+    say_summary(totals_text(load.shown, load.totals, &load.dating));
     return OUTCOME_DONE;
 }
 

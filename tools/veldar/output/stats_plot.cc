@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 
+#include "tools/libveldar/store/observer.h"
 #include "tools/veldar/output/stats_output.h"
 #include "tools/veldar/output/zone_time.h"
 
