@@ -253,6 +253,10 @@ int st_tsidx_clear_need_optimize(TSIDX* tsidx) {
 uint64_t st_tsidx_keywords_cut(const TSIDX* tsidx) {
     return tsidx->keywords_cut;
 }
+void st_tsidx_set_read_stop(TSIDX* tsidx, warm_stop_fn stop, void* context) {
+    tsidx->read_stop = {stop, context};
+}
+
 const warm_rc_t* st_tsidx_last_failure(const TSIDX* tsidx) {
     return &tsidx->last_failure;
 }

@@ -68,6 +68,7 @@ struct st_tsidx {
     uint64_t keywords_cut = 0;
 
     tsidx_cache cache;  // of slices open for reading
+    stop_check read_stop;
     tsidx_known_listing listing;
     int lock_seconds = 10;
     bool is_locked = false;  // a tsidx_lock of this handle holds the directory

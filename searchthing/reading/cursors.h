@@ -22,7 +22,8 @@ struct cursor_source_t {
 };
 
 // Is told the path of a slice or directory that cannot be read, and why; from there on it is left out. May be told the
-// same more than once. Want of memory always fails the read.
+// same more than once. Want of memory, and the end
+// that st_tsidx_set_read_stop calls for, always fail the read.
 using cursor_failure_fn = std::function<void(const std::string& path, const warm_rc_t& rc)>;
 
 // A cursor over the events of any number of directories and slices, newest first.

@@ -104,6 +104,7 @@ int load(event_cursor_t* cursor, slice_reader* reader, warm_rc_t* rc) {
     reader->at = reader->count = 0;
     if (reader->walk == nullptr) return 0;
     warm_rc_t failure;
+    ST_TRY(cursor->snapshot.go_on(reader->number, reader->batch.size(), rc));
     const auto size = static_cast<uint32_t>(reader->batch.size());
     const int found = event_walk_next(reader->walk.get(), reader->batch.data(), size, &failure);
     ST_ASSERT(found <= static_cast<int>(size));

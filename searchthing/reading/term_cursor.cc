@@ -57,6 +57,7 @@ int start(term_cursor_t* cursor, warm_rc_t* rc) {
 int advance(term_cursor_t* cursor, warm_rc_t* rc) {
     for (term_slice* const slice : cursor->current) {
         warm_rc_t why;
+        ST_TRY(cursor->snapshot.go_on(slice->number, 1, rc));
         if (slice->terms.next(&why) != 0) {
             ST_TRY(cursor->snapshot.fail(slice->number, why, rc));
         } else if (!slice->terms.at_end()) {

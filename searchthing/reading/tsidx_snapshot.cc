@@ -85,6 +85,7 @@ std::string tsidx_snapshot::path(size_t i) const {
 int64_t tsidx_snapshot::open(size_t i, warm_rc_t* rc) {
     ST_ASSERT(warm(i) == nullptr);
     TSIDX* const tsidx = sources_[source(i)].tsidx;
+    if (tsidx != nullptr) ST_TRY(tsidx->read_stop.ask(rc));
     WARM* const warm = tsidx == nullptr ? st_warm_slice_open_rdonly(slice(i).name.c_str(), rc)
                                         : tsidx->cache.open(tsidx->path, slice(i), rc);
     slices_[i].warm = warm;
@@ -108,14 +109,19 @@ void tsidx_snapshot::close_all() {
     for (size_t i = 0; i < size(); i++) close(i);
 }
 
+int tsidx_snapshot::go_on(size_t i, uint64_t steps, warm_rc_t* rc) {
+    TSIDX* const tsidx = sources_[source(i)].tsidx;
+    return tsidx == nullptr ? 0 : tsidx->read_stop.after(steps, rc);
+}
+
 int tsidx_snapshot::fail(size_t i, const warm_rc_t& why, warm_rc_t* rc) const {
     const std::string where = path(i);
-    if (on_failure_ && why.warm_rc != WARM_RC_NO_MEMORY) {
+    if (on_failure_ && why.warm_rc != WARM_RC_NO_MEMORY && why.warm_rc != WARM_RC_CANCELLED) {
         on_failure_(where, why);
         return 0;
     }
     TSIDX* const tsidx = sources_[source(i)].tsidx;
-    if (tsidx == nullptr) return _cpy_rc(rc, &why);
+    if (tsidx == nullptr || why.warm_rc == WARM_RC_CANCELLED) return _cpy_rc(rc, &why);
     _log(0, "ERROR slice cannot be read. rc=%i, errno=%i, path=%s: %s\n", why.warm_rc, why.saved_errno, where.c_str(),
          why.message);
     const std::string message = why.message[0] == '\0' ? where : where + ": " + why.message;

@@ -72,6 +72,8 @@ class tsidx_snapshot {
     void close(size_t i);
     void close_all();
 
+    // After so many more events or terms of a slice: 0, or WARM_RC_CANCELLED when its handle's read is to end.
+    [[nodiscard]] int go_on(size_t i, uint64_t steps, warm_rc_t* rc);
     // The failure of reading a slice: 0 when somebody hears of it, else its code, logged and recorded in the handle.
     int fail(size_t i, const warm_rc_t& why, warm_rc_t* rc) const;
 

@@ -181,6 +181,7 @@ event_cursor_ptr events_open(const prepared_query& query, uint64_t limit, event_
     }
     warm_rc_t rc;
     event_cursor_ptr cursor = event_cursor_open(options, &rc);
+    if (cursor == nullptr) slice_fail_unless_told(rc);
     if (cursor == nullptr) throw failure_t{OUTCOME_IO, slice_error(source->slices->path, rc)};
     return cursor;
 }
@@ -188,7 +189,8 @@ event_cursor_ptr events_open(const prepared_query& query, uint64_t limit, event_
 bool events_next(event_cursor_t* cursor, event_t* event) {
     warm_rc_t rc;
     const int count = event_cursor_next(cursor, {event, 1}, &rc);
-    if (count < 0) throw failure_t{OUTCOME_IO, "out of memory"};
+    if (count < 0) slice_fail_unless_told(rc);
+    if (count < 0) throw failure_t{OUTCOME_IO, rc.message};
     return count > 0;
 }
 

@@ -103,6 +103,15 @@ void add_filled(stats_answer* answer, std::vector<stats_answer::entry> rows, sta
 
 }  // namespace
 
+void stats_add_row_of_nothing(const stats_request& request, const stats_grid& grid, select_table_t* table) {
+    if (grid.has_bins || !request.group_names.empty() || !table->rows.empty()) return;
+    uint32_t group = 0, row = 0;
+    warm_rc_t rc;
+    if (select_group(table, "", &group, &rc) != 0 || select_row(table, SELECT_NO_BIN, group, &row, &rc) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
 void stats_answer_make(const stats_request& request, const select_table_t& table, const stats_grid& grid,
                        const stats_shape& shape, stats_answer* answer) {
     answer->request = &request;

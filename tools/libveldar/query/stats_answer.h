@@ -39,6 +39,8 @@ struct stats_answer {
     std::vector<select_cell_t> no_cells;
 };
 
+// Of everything together there is a row even when nothing was found: adds it where it lacks. May throw std::bad_alloc.
+void stats_add_row_of_nothing(const stats_request& request, const stats_grid& grid, select_table_t* table);
 // What is given must outlive the answer. May throw failure_t and std::bad_alloc.
 void stats_answer_make(const stats_request& request, const select_table_t& table, const stats_grid& grid,
                        const stats_shape& shape, stats_answer* answer);

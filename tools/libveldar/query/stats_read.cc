@@ -132,6 +132,7 @@ void stats_select(const slice_set& slices, const st_query_spec& query, const sta
 }
 
 void stats_fail(const slice_set& slices, const stats_grid& grid, const warm_rc_t& rc) {
+    if (rc.warm_rc == WARM_RC_CANCELLED) slice_fail_unless_told(rc);
     switch (rc.warm_rc) {
         case WARM_RC_TIME_BINS_LIMIT:
             fail_too_many(grid.every);

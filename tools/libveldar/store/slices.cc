@@ -34,6 +34,8 @@ std::string list_failure(const warm_rc_t& failure) {
 
 void add_directory(slice_set* set, const std::string& path, bool has_sources) {
     set->directories.push_back({path, last_component(path), has_sources, index_handle_open(path, 0)});
+    st_tsidx_set_read_stop(
+        set->directories.back().tsidx.get(), [](void*) { return work_stops(); }, nullptr);
 }
 
 void take(slice_set* set, const cursor_failure_fn& on_failure) {
@@ -153,19 +155,24 @@ bool slice_meets_bounds(const slice_set& set, size_t i, const st_query_spec& que
     return set.slices->overlaps(i, query.earliest.time_s, query.latest.time_s);
 }
 
+void slice_fail_unless_told(const warm_rc_t& rc) {
+    if (rc.warm_rc == WARM_RC_NO_MEMORY) throw failure_t{OUTCOME_IO, "out of memory"};
+    if (rc.warm_rc == WARM_RC_CANCELLED) throw failure_t{OUTCOME_INTERRUPTED, "interrupted"};
+}
+
 slice_state_t slice_open(const slice_set& set, size_t i, snapshot_slice_ptr* warm, std::string* error) {
     warm_rc_t rc;
     const int64_t status = set.slices->open(i, &rc);
     if (status == TSIDX_VANISHED) return SLICE_VANISHED;
     *warm = snapshot_slice_ptr(set.slices->warm(i), {set.slices.get(), i});
     if (status == 0) return SLICE_OPEN;
-    if (rc.warm_rc == WARM_RC_NO_MEMORY) throw failure_t{OUTCOME_IO, "out of memory"};
+    slice_fail_unless_told(rc);
     *error = slice_error(set.slices->path(i), rc);
     return SLICE_UNREADABLE;
 }
 
 void slice_tell(const std::string& path, const warm_rc_t& rc, troubles* trouble) {
-    if (rc.warm_rc == WARM_RC_NO_MEMORY) throw failure_t{OUTCOME_IO, "out of memory"};
+    slice_fail_unless_told(rc);
     const bool restless = rc.warm_rc == WARM_RC_RETRIES;
     troubles_add(trouble, restless ? path + ": its slices change too fast to be read" : slice_error(path, rc));
 }

@@ -55,7 +55,9 @@ slice_state_t slice_open(const slice_set& set, size_t i, snapshot_slice_ptr* war
 
 // "PATH: what the status says", for messages.
 std::string slice_error(const std::string& path, const warm_rc_t& rc);
-// Tells that a slice cannot be read. Throws failure_t when that is for want of memory.
+// Throws failure_t for what no answer can do without: memory, and that it is wanted still (work_stops).
+void slice_fail_unless_told(const warm_rc_t& rc);
+// Tells that a slice cannot be read. Throws as above.
 void slice_tell(const std::string& path, const warm_rc_t& rc, troubles* trouble);
 inline cursor_failure_fn slices_hear(troubles* trouble) {
     return [trouble](const std::string& path, const warm_rc_t& rc) { slice_tell(path, rc, trouble); };

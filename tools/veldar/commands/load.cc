@@ -1,13 +1,8 @@
-// veldar load: the command line, the order of the files, and the summary.
-
+// veldar load: the command line.
 #include "tools/libveldar/load/load_paths.h"
-#include "tools/libveldar/load/loader.h"
-#include "tools/libveldar/load/log_form.h"
-#include "tools/libveldar/load/merging.h"
-#include "tools/libveldar/load/progress.h"
+#include "tools/libveldar/load/load_run.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/store.h"
-#include "tools/libveldar/store/troubles.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/commands/log_options.h"
 
@@ -16,28 +11,9 @@ namespace veldar::tool {
 namespace {
 
 int load_run(const tool_context& context, const load_options& options, bool again) {
-    take_log_options(options);
-    loader load;
-    loader_open(&load, store_choose(context.store), options);
-    for (size_t i = 0; again && i < options.files.size(); i++) loader_forget(&load, options.files[i], true);
+    load_totals totals;
     work_catch_interrupts();
-    const outcome_t status = load_files(
-        &load, options.files,
-        {.load = [&](const std::string& file, std::string* error) { return loader_load(&load, file, error); },
-         .close = [&] { loader_close(&load); },
-         .summary = [&] { return totals_text(load.shown, load.totals, &load.dating); },
-         .give_up = [&](const failure_t&) { return loader_give_up(&load); }});
-    for (const std::string& line : dating_examples(load.dating)) say_trouble(line);
-    if (load.zone_taken) say_trouble("times without a zone are taken as " + log_form_zone(options));
-    if (status == OUTCOME_INTERRUPTED) return status;
-    if (!options.no_optimize) {
-        load.st.lock.reset();  // the next loader need not wait
-        std::vector<std::string> directories;
-        for (const store_bucket& bucket : load.st.buckets) directories.push_back(bucket.directory);
-        merge_after_load(directories, load.merges);
-    }
-    const bool nothing = load.totals.events == 0 && load.totals.refused != 0;
-    return nothing || load.hardly_dated != 0 ? OUTCOME_INCOMPLETE : status;
+    return load_logs(store_choose(context.store), options, again, &totals);
 }
 
 }  // namespace

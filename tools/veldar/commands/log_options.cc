@@ -1,22 +1,6 @@
 #include "tools/veldar/commands/log_options.h"
 
-#include "tools/libveldar/formats/user_formats.h"
-
 namespace veldar::tool {
-
-namespace {
-
-// The formats of the user's own, and whether there is the one that is asked for.
-void read_user_formats(const load_options& options) {
-    const std::string formats = options.formats_file.empty() ? user_formats_path() : options.formats_file;
-    std::string error;
-    if (!formats.empty() && !user_formats_read(formats, &error)) throw failure_t{OUTCOME_USAGE, error};
-    if (!options.format.empty() && format_by_name(options.format) == nullptr) {
-        throw failure_t{OUTCOME_USAGE, "unknown format " + options.format};
-    }
-}
-
-}  // namespace
 
 void add_log_options(const command& to, load_options* options) {
     to.text("--format", &options->format,
@@ -50,14 +34,6 @@ void add_log_options(const command& to, load_options* options) {
     to.text("--host", &options->host, "The events' host, instead of the log's or this machine's");
     to.text("--sourcetype", &options->sourcetype, "The events' sourcetype, instead of the format's name");
     to.flag("--parts", &options->parts, "Index the parts of words too: exception of NullPointerException");
-}
-
-void take_log_options(const load_options& options) {
-    const bool placed = !options.time_format.empty() && options.time_field.empty();
-    if (placed && !options.format.empty() && options.format != "text") {
-        throw failure_t{OUTCOME_USAGE, "--time-format is for lines of the format text, not " + options.format};
-    }
-    read_user_formats(options);
 }
 
 }  // namespace veldar::tool

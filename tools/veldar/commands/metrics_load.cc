@@ -1,7 +1,5 @@
-// veldar metrics load: the command line, the order of the files, and the summary.
-
-#include "tools/libveldar/load/merging.h"
-#include "tools/libveldar/load/metric_loader.h"
+// veldar metrics load: the command line.
+#include "tools/libveldar/load/load_run.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/metrics.h"
@@ -10,41 +8,10 @@ namespace veldar::tool {
 
 namespace {
 
-// The directory that is named, or the one of a store, which is made when it does not exist.
-std::string directory_for_load(const tool_context& context, const std::string& directory, bool durable) {
-    if (!directory.empty()) return directory;
-    const std::string store = store_choose(context.store);
-    store_make(store, durable);
-    return store + "/" + STORE_METRICS;
-}
-
-std::string samples_text(uint64_t samples) {
-    return number_text(samples) + (samples == 1 ? " sample: " : " samples: ");
-}
-
 int load_run(const tool_context& context, const std::string& directory, metric_load_options* options) {
-    if (!log_zone_from_name(options->zone_name, &options->csv.zone)) {
-        throw failure_t{OUTCOME_USAGE, "unknown time zone " + options->zone_name};
-    }
-    options->in_store = directory.empty();
-    metric_loader load;
+    load_totals totals;
     work_catch_interrupts();
-    metric_loader_open(&load, directory_for_load(context, directory, !options->no_fsync), *options);
-    const auto advice = [](const failure_t& failure) {
-        return failure.status == OUTCOME_IO ? "not all is loaded; load again once this is mended" : "";
-    };
-    const outcome_t status = load_files(
-        &load, options->files,
-        {.load = [&](const std::string& file, std::string* error) { return metric_loader_load(&load, file, error); },
-         .close = [&] { metric_loader_close(&load); },
-         .summary = [&] { return samples_text(load.totals.samples) + totals_text(load.shown, load.totals); },
-         .give_up = advice});
-    if (status == OUTCOME_INTERRUPTED) return status;
-    if (!options->no_optimize) {
-        load.lock.reset();  // the next load need not wait
-        merge_after_load({load.directory});
-    }
-    return status;
+    return load_metrics(directory.empty() ? store_choose(context.store) : std::string(), directory, options, &totals);
 }
 
 std::string check_label(const std::string& label) {

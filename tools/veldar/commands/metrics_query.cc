@@ -7,8 +7,8 @@
 
 #include "searchthing/search/query.h"
 #include "tools/libveldar/formats/metric_text.h"
+#include "tools/libveldar/query/metric_ask.h"
 #include "tools/libveldar/query/metric_catalog.h"
-#include "tools/libveldar/query/metric_points.h"
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/index_handle.h"
@@ -23,45 +23,12 @@ namespace {
 constexpr uint64_t DUMP_POINTS = uint64_t{1} << 22;  // of one pass, unless a single metric has more
 
 struct points_options {
-    std::vector<std::string> names;  // patterns
-    std::vector<std::string> where;
-    std::string since, until, zone, format = "text";
+    metric_question question;
+    std::string format = "text";
     uint64_t limit = 0;
     bool oldest_first = false;
     metrics_stats_options stats;
 };
-
-void put_condition(std::string* out, const std::string& condition) {
-    const size_t equals = condition.find('=');
-    const bool negated = equals != std::string::npos && equals > 0 && condition[equals - 1] == '!';
-    const std::string label = condition.substr(0, negated ? equals - 1 : equals);
-    if (equals == std::string::npos || label.empty() || condition.find('\0') != std::string::npos) {
-        throw failure_t{OUTCOME_USAGE, "--where " + condition + ": expected LABEL=VALUE or LABEL!=VALUE"};
-    }
-    std::string term;
-    metric_term_put(&term, label, condition.substr(equals + 1));
-    if (negated) *out += " [NOT";
-    *out += ' ' + query_escape(term);
-    if (negated) *out += ']';
-}
-
-std::string query_text(const points_options& options) {
-    std::string text = "[AND [OR";
-    for (const std::string& name : options.names) text += ' ' + query_escape(std::string(METRIC_NAME_TERM) + name);
-    text += ']';
-    for (const std::string& condition : options.where) put_condition(&text, condition);
-    return text + ']';
-}
-
-// The series in the order of their texts, which is that of their names first.
-std::vector<uint32_t> series_ranks(const metric_points& points) {
-    const auto& texts = points.series.texts;
-    std::vector<uint32_t> order(texts.size()), ranks(texts.size());
-    for (uint32_t i = 0; i < order.size(); i++) order[i] = i;
-    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return *texts[a] < *texts[b]; });
-    for (uint32_t i = 0; i < order.size(); i++) ranks[order[i]] = i;
-    return ranks;
-}
 
 struct point_printer {
     text_output out;
@@ -121,18 +88,10 @@ void print_point(point_printer* printer, const metric_points& points, const metr
 
 // By series and time ascending; equal values of equal times do not depend on the slices that hold them.
 void sort_by_series(metric_points* points) {
-    const std::vector<uint32_t> ranks = series_ranks(*points);
+    const std::vector<uint32_t> ranks = metric_series_ranks(*points);
     std::sort(points->points.begin(), points->points.end(), [&](const metric_point& a, const metric_point& b) {
         return std::tuple(ranks[a.series], a.time_ms, std::bit_cast<uint64_t>(a.value)) <
                std::tuple(ranks[b.series], b.time_ms, std::bit_cast<uint64_t>(b.value));
-    });
-}
-
-void sort_by_time(metric_points* points, bool oldest_first) {
-    const std::vector<uint32_t> ranks = series_ranks(*points);
-    std::sort(points->points.begin(), points->points.end(), [&](const metric_point& a, const metric_point& b) {
-        const int64_t left = oldest_first ? a.time_ms : -a.time_ms, right = oldest_first ? b.time_ms : -b.time_ms;
-        return std::tuple(left, ranks[a.series]) < std::tuple(right, ranks[b.series]);
     });
 }
 
@@ -143,13 +102,9 @@ int stats_run(const std::string& directory, const points_options& options) {
                         "--limit, --reverse and --format openmetrics are for samples: expected none of them with "
                         "--every, --agg, --by or --rate"};
     }
-    prepared_query query;
-    query.plans = {{query_text(options), {}, {}}};
-    st_query_init(&query.bounds);
-    query_set_bounds(options.since, options.until, options.zone, &query.bounds);
     metrics_stats_options stats = options.stats;
     stats.view.format = options.format == "text" ? "" : options.format;
-    return metrics_stats_run(directory, query, options.names, options.zone, stats);
+    return metrics_stats_run(directory, options.question, stats);
 }
 
 int query_run(const tool_context& context, const std::string& given, const points_options& options) {
@@ -158,30 +113,18 @@ int query_run(const tool_context& context, const std::string& given, const point
     if (options.format == "table" || options.format == "tsv") {
         throw failure_t{OUTCOME_USAGE, "--format " + options.format + " goes with --every, --agg, --by or --rate"};
     }
-    const std::string text = query_text(options);
-    st_query_spec query;
-    st_query_init(&query);
-    query_set_bounds(options.since, options.until, options.zone, &query);
-    query.lispy = text.c_str();
     metric_points points;
-    points.limit = options.limit;
-    points.wanted = [&](std::string_view name) { return metric_name_matches(name, options.names); };
-    const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
-    troubles trouble;
-    if (metric_points_read(tsidx.get(), query, &points) != 0) {
-        throw failure_t{OUTCOME_IO, directory + ": " + index_failure_text(tsidx.get())};
-    }
-    sort_by_time(&points, options.oldest_first);
+    metric_samples_read(directory, options.question, options.limit, options.oldest_first, &points);
     point_printer printer;
     printer.format = options.format;
     output_open(&printer.out, "never");
-    printer.out.zone = time_zone_of(options.zone);
+    printer.out.zone = time_zone_of(options.question.zone);
     if (options.format == "csv") output_put(&printer.out, "time,series,value\r\n");
     for (const metric_point& point : points.points) {
         if (!printer.out.closed) print_point(&printer, points, point);
     }
     output_flush(&printer.out);
-    return answer_status(!points.points.empty(), trouble);
+    return points.points.empty() ? OUTCOME_NOT_FOUND : OUTCOME_DONE;
 }
 
 // Prints the metrics of one pass.
@@ -216,20 +159,20 @@ int dump_run(const tool_context& context, const std::string& given, const points
     troubles trouble;
     metric_catalog catalog = metric_catalog_read(directory, &trouble);
     if (trouble.incomplete) return trouble.status;
-    if (!options.names.empty()) {
+    if (!options.question.names.empty()) {
         std::erase_if(catalog.names,
-                      [&](const auto& entry) { return !metric_name_matches(entry.first, options.names); });
+                      [&](const auto& entry) { return !metric_name_matches(entry.first, options.question.names); });
     }
     const std::string text = "[AND]";
     st_query_spec query;
     st_query_init(&query);
-    query_set_bounds(options.since, options.until, options.zone, &query);
+    query_set_bounds(options.question.since, options.question.until, options.question.zone, &query);
     query.lispy = text.c_str();
     const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
     point_printer printer;
     printer.format = "openmetrics";
     output_open(&printer.out, "never");
-    printer.out.zone = time_zone_of(options.zone);
+    printer.out.zone = time_zone_of(options.question.zone);
     for (auto first = catalog.names.begin(); first != catalog.names.end() && !printer.out.closed;) {
         auto last = first;
         uint64_t sum = first->second.points;
@@ -251,9 +194,9 @@ void add_metrics_query_command(const command& metrics, const std::string* direct
     static points_options options;
     const command query = metrics.subcommand("query", "Print the samples of metrics, or statistics of them");
     query.footer("In names and values * stands for any characters; host=* asks for samples that have the label.");
-    query.text("NAME", &options.names, "Metrics").required();
-    query.text("-w,--where", &options.where, "LABEL=VALUE or LABEL!=VALUE; all must hold").one_each();
-    add_bounds_options(query, "", &options.since, &options.until, &options.zone);
+    query.text("NAME", &options.question.names, "Metrics").required();
+    query.text("-w,--where", &options.question.where, "LABEL=VALUE or LABEL!=VALUE; all must hold").one_each();
+    add_bounds_options(query, "", &options.question.since, &options.question.until, &options.question.zone);
     query.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many samples, the newest ones");
     query.flag("-r,--reverse", &options.oldest_first, "Print the oldest of them first");
     query.text("--format", &options.format, "text, csv, jsonl or openmetrics; of statistics table, tsv, csv or jsonl")
@@ -266,8 +209,8 @@ void add_metrics_query_command(const command& metrics, const std::string* direct
 void add_metrics_dump_command(const command& metrics, const std::string* directory) {
     static points_options options;
     const command dump = metrics.subcommand("dump", "Print all samples as OpenMetrics, which 'metrics load' reads");
-    dump.text("NAME", &options.names, "Only these metrics; * stands for any characters");
-    add_bounds_options(dump, "", &options.since, &options.until, &options.zone);
+    dump.text("NAME", &options.question.names, "Only these metrics; * stands for any characters");
+    add_bounds_options(dump, "", &options.question.since, &options.question.until, &options.question.zone);
     dump.run([directory](const tool_context& context) { return dump_run(context, *directory, options); });
 }
 

@@ -2,9 +2,8 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
-#include "tools/libveldar/query/query_input.h"
+#include "tools/libveldar/query/metric_ask.h"
 #include "tools/veldar/commands/stats.h"
 
 namespace veldar::tool {
@@ -17,9 +16,7 @@ struct metrics_stats_options {
 };
 void add_metrics_stats_options(const command& to, metrics_stats_options* options);
 
-// Statistics of the metrics that the patterns name, in the samples that the query, of one plan, finds.
-int metrics_stats_run(const std::string& directory, const prepared_query& query,
-                      const std::vector<std::string>& patterns, const std::string& zone,
+int metrics_stats_run(const std::string& directory, const metric_question& question,
                       const metrics_stats_options& options);
 
 }  // namespace veldar::tool

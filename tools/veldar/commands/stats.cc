@@ -4,10 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <set>
-
-#include "tools/libveldar/load/stats_events.h"
+#include "tools/libveldar/load/stats_ask.h"
 #include "tools/libveldar/query/event_count.h"
 #include "tools/libveldar/query/query_hints.h"
 #include "tools/libveldar/query/query_input.h"
@@ -43,62 +40,21 @@ void say_report(const select_report_t& report, bool by_records) {
     std::fputs(text.c_str(), stderr);
 }
 
-// Of everything together there is a row even when nothing was found.
-void add_row_of_nothing(const stats_grid& grid, const stats_request& request, select_table_t* table) {
-    if (grid.has_bins || !request.group_names.empty() || !table->rows.empty()) return;
-    uint32_t group = 0, row = 0;
-    warm_rc_t rc;
-    if (select_group(table, "", &group, &rc) != 0 || select_row(table, SELECT_NO_BIN, group, &row, &rc) != 0) {
-        throw std::bad_alloc();
-    }
-}
-
-// Values with a unit are no numbers, but those of the field beside theirs are, and count.
-void count_refused(const stats_request& request, const select_table_t& table, select_report_t* report) {
-    std::set<size_t> projections;
-    for (const stats_column& column : request.columns) projections.insert(column.unit_projection);
-    projections.erase(NO_PROJECTION);
-    const size_t width = request.spec.projections.size();
-    for (size_t row = 0; row < table.rows.size(); row++) {
-        for (const size_t projection : projections) {
-            report->refused -= std::min(report->refused, table.cells[row * width + projection].numbers);
-        }
-    }
-}
-
-std::vector<std::string> numeric_fields(const stats_request& request) {
-    std::vector<std::string> fields;
-    for (const stats_column& column : request.columns) {
-        if (column.unit_projection != NO_PROJECTION)
-            fields.push_back(request.spec.projections[column.projection].field);
-    }
-    return fields;
-}
-
 int stats_run(const tool_context& context, const stats_options& options) {
     const prepared_query query = query_prepare(options.query);
-    stats_request request = stats_request_parse(options.by, options.aggregates);
     const slice_set slices = slices_list(store_choose(context.store));
-    const bool by_index = query_needs_index_only(query);
-    st_query_spec spec = query_of_plan(query, query.plans.front());
-    spec.opt_b = options.keeps_missing ? SELECT_KEEPS_MISSING : 0;
-    const stats_grid grid =
-        stats_grid_make(stats_view_grid(options.view, options.query.zone), slices, query, &request.spec);
     troubles trouble;
-    select_table_t table;
-    select_report_t report;
-    if (by_index) {
-        stats_select(slices, spec, grid, request.spec, &table, &report, &trouble);
-    } else {
-        stats_select_events(slices, query, grid, request.spec, options.keeps_missing, &table, &report, &trouble);
-    }
-    count_refused(request, table, &report);
+    stats_result result;
+    stats_ask(
+        slices, query,
+        {options.by, options.aggregates, options.keeps_missing, stats_view_grid(options.view, options.query.zone)},
+        &result, &trouble);
     stats_view view = options.view;
-    if (report.refused > 0) view.no_number = no_number_example(slices.path, numeric_fields(request));
-    view.by_records = !by_index;
-    view.shape.fill = request.group_names.empty() ? stats_fill::empty : stats_fill::none;
-    const bool found = stats_show(view, request, &table, grid, report);
-    if (!found && !trouble.incomplete && hint_fields(slices.path, request.spec.groups)) {
+    view.no_number = result.no_number;
+    view.by_records = result.by_records;
+    view.shape.fill = result.request.group_names.empty() ? stats_fill::empty : stats_fill::none;
+    const bool found = stats_show(view, result.request, &result.table, result.grid, result.report);
+    if (!found && !trouble.incomplete && hint_fields(slices.path, result.request.spec.groups)) {
         hint_more(slices.path, query, count_events(slices.path, query, &trouble));
     }
     return answer_status(found, trouble);
@@ -123,7 +79,7 @@ stats_grid_request stats_view_grid(const stats_view& view, const std::string& zo
 bool stats_show(const stats_view& view, const stats_request& request, select_table_t* table, const stats_grid& grid,
                 const select_report_t& report) {
     const bool is_empty = table->rows.empty();
-    add_row_of_nothing(grid, request, table);
+    stats_add_row_of_nothing(request, grid, table);
     text_output out;
     output_open(&out, view.colour);
     const bool shows = view.plot || (out.terminal && view.format.empty());

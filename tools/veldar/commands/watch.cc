@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/libveldar/load/load_run.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/libveldar/store/troubles.h"
@@ -27,7 +28,7 @@ std::optional<std::chrono::milliseconds> span_of(const std::string& text) {
 }
 
 int watch_run(const tool_context& context, load_options options, const std::string& sync_every) {
-    take_log_options(options);
+    load_options_check(options);
     options.follows = true;
     const watch_options watch = {.names = std::exchange(options.files, {}), .sync_every = *span_of(sync_every)};
     work_catch_interrupts();
