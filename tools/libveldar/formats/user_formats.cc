@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <vector>
 
 #include "tools/libveldar/formats/line_format_internal.h"
@@ -31,11 +33,29 @@ constexpr int GROUPS_MAX = 64;
 struct registry {
     std::vector<std::unique_ptr<user_format>> formats;
     std::vector<line_format> rows;
+    std::string text;  // of the file
 };
 
-registry& known() {
-    static registry all;
+// Those that were read before stay: somebody may be parsing by them.
+struct registries {
+    std::mutex mutex;  // of `read`
+    std::vector<std::unique_ptr<registry>> read;
+    std::atomic<const registry*> known = nullptr;
+};
+
+registries& all_registries() {
+    static registries all;
     return all;
+}
+
+// Makes it the one that is known, unless nothing in it is new.
+void publish(std::unique_ptr<registry> now) {
+    registries& all = all_registries();
+    const std::lock_guard guard(all.mutex);
+    const registry* const before = all.known;
+    if (before != nullptr && before->text == now->text) return;
+    all.known = now.get();
+    all.read.push_back(std::move(now));
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -96,24 +116,25 @@ std::string add_line(registry* all, std::string_view line) {
 
 bool user_formats_read(const std::string& path, std::string* error) {
     std::ifstream file(path);
-    registry all;
+    auto all = std::make_unique<registry>();
     std::string line;
     if (!file) {
         *error = path + ": " + std::strerror(errno);
         return false;
     }
     for (size_t number = 1; std::getline(file, line); number++) {
-        const std::string fault = add_line(&all, line);
+        all->text.append(line).push_back('\n');
+        const std::string fault = add_line(all.get(), line);
         if (fault.empty()) continue;
         *error = path + ":" + std::to_string(number) + ": " + fault;
         return false;
     }
-    for (const auto& format : all.formats) {
+    for (const auto& format : all->formats) {
         line_format row = {format->name.c_str(), "of the user", parse_text};
         row.user = format.get();
-        all.rows.push_back(row);
+        all->rows.push_back(row);
     }
-    known() = std::move(all);
+    publish(std::move(all));
     return true;
 }
 
@@ -128,7 +149,8 @@ std::string user_formats_path() {
 }
 
 std::span<const line_format> user_formats() {
-    return known().rows;
+    const registry* const known = all_registries().known;
+    return known == nullptr ? std::span<const line_format>() : std::span(known->rows);
 }
 
 void user_format_prepare(const user_format& format, format_context* context) {

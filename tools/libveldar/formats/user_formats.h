@@ -19,7 +19,8 @@
 namespace veldar::tool {
 
 // Reads a file of formats; format_by_name and detect_format know them from then on, the latter before all others. False
-// with "FILE:LINE: what is wrong", and then none of them is known. Not while another thread parses.
+// with "FILE:LINE: what is wrong", and then none of them is known. What other threads parse by meanwhile
+// stays.
 [[nodiscard]] bool user_formats_read(const std::string& path, std::string* error);
 // The file that is read when none is named: veldar/formats in the directory of the user's settings. Empty: there is
 // none.

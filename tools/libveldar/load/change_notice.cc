@@ -55,7 +55,7 @@ bool change_notice_wait(change_notice* notice, bool writes_count, std::chrono::m
                       {notice->names.get(), POLLIN, 0},
                       {writes_count ? notice->writes.get() : -1, POLLIN, 0}};
     const auto ms = static_cast<int>(std::clamp<int64_t>(time.count(), 0, 3'600'000));
-    if (::poll(waits, std::size(waits), ms) < 0 && errno != EINTR) fail_io("cannot wait for changes", errno);
+    if (::poll(waits, std::size(waits), ms) < 0 && errno != EINTR) fail_io("cannot wait for changes", {}, errno);
     const bool names = (waits[1].revents & POLLIN) != 0;
     if (names) drain(notice->names.get());
     // One that is not waited for is emptied by the wait behind the next look at the files.

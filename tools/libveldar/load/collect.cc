@@ -34,7 +34,7 @@ uint64_t size_of(const std::string& path) {
 }
 
 void remove(const std::string& path) {
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove " + path, errno);
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove", path, errno);
 }
 
 void add_leftovers(const std::string& directory, TSIDX* tsidx, collected* out) {
@@ -55,7 +55,7 @@ void add_leftovers(const std::string& directory, TSIDX* tsidx, collected* out) {
 void add_bucket_leftovers(const std::string& directory, collected* out) {
     std::vector<std::string> merging;
     warm_rc_t rc;
-    if (merge_manifest_temporaries(directory, &merging, &rc) != 0) fail_io("cannot read " + directory, rc.saved_errno);
+    if (merge_manifest_temporaries(directory, &merging, &rc) != 0) fail_io("cannot read", directory, rc.saved_errno);
     for (const std::string& name : disk_list_directory(directory)) {
         if (!name.ends_with(TSIDX_PRE_SUFFIX) && !name.ends_with(".part")) continue;
         if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
@@ -80,7 +80,7 @@ void keep_those_with_events(const store_bucket& bucket, std::set<uint32_t>* numb
     tsidx_listing_t listing;
     warm_rc_t rc;
     if (tsidx_list(bucket.directory.c_str(), &listing, &rc) != 0) {
-        fail_io("cannot list " + bucket.directory, rc.saved_errno);
+        fail_io("cannot list", bucket.directory, rc.saved_errno);
     }
     for (const tsidx_slice_name_t& slice : listing) {
         const std::string path = bucket.directory + "/" + slice.name;

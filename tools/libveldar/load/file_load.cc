@@ -31,7 +31,7 @@ void mark(loader* load, uint64_t address) {
     source_map* const map = &load_bucket(load).map;
     if (address == map->frontier) return;
     if (load->spool.valid() && load->st.durable && ::fdatasync(load->spool.get()) != 0) {
-        fail_io("cannot sync the copy of the input", errno);
+        fail_io("cannot sync the copy of the input", {}, errno);
     }
     source_map_put_mark(map, address);
 }

@@ -30,7 +30,7 @@ void open_directory(index_writer* writer, const std::string& directory, uint32_t
     writer->directory = directory;
     errno = 0;
     writer->thing = st_open_for_write(directory.c_str(), flags, TSIDX_ORDINARY_WRITER, &options);
-    if (writer->thing == nullptr) fail_io("cannot open the index " + directory, errno);
+    if (writer->thing == nullptr) fail_io("cannot open the index", directory, errno);
     st_tsidx_set_durable(st_directory(writer->thing), durable ? 1 : 0);
     if (st_options(writer->thing, limits.lexicon_bytes, limits.max_terms,
                    std::min<uint64_t>(limits.max_postings, st_hot_slice_max_postings()),

@@ -56,7 +56,7 @@ void save_points(loader* load, const file_load& one) {
     for (const store_bucket& bucket : load->st.buckets) {
         if (!bucket.map.files.contains(one.file.number)) continue;
         const std::string path = bucket.directory + "/" + source_points_name(one.file.number);
-        if (!packed_save_points(*one.input.packed, path)) fail_io("cannot write " + path, errno);
+        if (!packed_save_points(*one.input.packed, path)) fail_io("cannot write", path, errno);
     }
 }
 
@@ -211,7 +211,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     load->totals.waiting += held || one->reader.held ? 1 : 0;
     note_new_head(load, one);
     load->totals.bytes_in += one->reader.offset - one->from;
-    if (one->reader.spool_errno != 0) fail_io("cannot write the copy of the input", one->reader.spool_errno);
+    if (one->reader.spool_errno != 0) fail_io("cannot write the copy of the input", {}, one->reader.spool_errno);
     note_progress(load, *one);
     file_load_tell(load, *one);
     save_points(load, *one);
@@ -237,10 +237,10 @@ bool load_pipe(loader* load, file_load* one, std::string* error) {
     one->file.path = "../" + bucket->directory.substr(bucket->directory.rfind('/') + 1) + "/" + name;
     const std::string path = bucket->directory + "/" + name;
     load->spool.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!load->spool.valid()) fail_io("cannot make " + path, errno);
+    if (!load->spool.valid()) fail_io("cannot make", path, errno);
     source_map_put_file(&bucket->map, one->file);
     const bool read = load_rest(load, one, error);
-    if (load->st.durable && ::fdatasync(load->spool.get()) != 0) fail_io("cannot sync " + path, errno);
+    if (load->st.durable && ::fdatasync(load->spool.get()) != 0) fail_io("cannot sync", path, errno);
     load->spool.reset();
     return read;
 }

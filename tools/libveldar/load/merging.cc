@@ -66,7 +66,7 @@ live_slices_t count_slices(const std::string& directory) {
     live_slices_t found;
     tsidx_listing_t listing;
     warm_rc_t rc;
-    if (tsidx_list(directory.c_str(), &listing, &rc) != 0) fail_io("cannot list " + directory, rc.saved_errno);
+    if (tsidx_list(directory.c_str(), &listing, &rc) != 0) fail_io("cannot list", directory, rc.saved_errno);
     for (const tsidx_slice_name_t& slice : listing) {
         struct stat status;
         if (::stat((directory + "/" + slice.name).c_str(), &status) != 0) continue;
@@ -182,6 +182,7 @@ void watch_progress(crew* all) {
     progress shown = progress_begin(0);
     std::unique_lock guard(all->mutex);
     while (!all->ended.wait_for(guard, std::chrono::milliseconds(100), [all] { return all->working == 0; })) {
+        static_cast<void>(work_stops());  // the threads learn what this one is told
         shown.total = all->planned;
         if (shown.total != 0 && all->settings.shows_progress) progress_show_merge(&shown, all->done);
     }

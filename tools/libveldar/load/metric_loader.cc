@@ -236,7 +236,7 @@ void refuse_events(const std::string& directory, const std::vector<std::string>&
         const unique_fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         st_warm_slice_body header;
         warm_rc_t rc;
-        if (!fd.valid() && errno != ENOENT) fail_io("cannot open " + path, errno);
+        if (!fd.valid() && errno != ENOENT) fail_io("cannot open", path, errno);
         if (!fd.valid() || warm_header_read(fd.get(), &header, &rc) != 0) continue;
         if (st_warm_slice_is_msidx(&header)) return;
         throw failure_t{OUTCOME_USAGE, directory + " holds events and not metrics"};

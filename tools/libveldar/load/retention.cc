@@ -32,7 +32,7 @@ std::vector<live_slice> list_slices(const std::vector<std::string>& directories,
         tsidx_listing_t listing;
         warm_rc_t rc;
         if (tsidx_list(directories[i].c_str(), &listing, &rc) != 0) {
-            fail_io("cannot list " + directories[i], rc.saved_errno);
+            fail_io("cannot list", directories[i], rc.saved_errno);
         }
         for (const tsidx_slice_name_t& live : listing) {
             const tsidx_slice_facts_t facts =

@@ -19,7 +19,10 @@ constexpr uint64_t LAST_NANOSECOND = 999999999;
 [[noreturn]] void refuse(const std::string& text, const query_error& error) {
     std::string shown = explain_query_error(text, error);
     while (shown.ends_with('\n')) shown.pop_back();
-    throw failure_t{OUTCOME_USAGE, "this query cannot be read:\n" + shown};
+    throw failure_t{.status = OUTCOME_USAGE,
+                    .message = "this query cannot be read:\n" + shown,
+                    .offset = error.position,
+                    .next_step = "expected " + error.expected};
 }
 
 const char* native_expectation(int status) {

@@ -98,6 +98,72 @@ term_choice_t term_choice_of(const term_pattern& pattern) {
     return choice;
 }
 
+namespace {
+
+bool comes_before(const counted_term& a, const counted_term& b) {
+    return a.totals.count != b.totals.count ? a.totals.count > b.totals.count : a.term < b.term;
+}
+
+// One word or one field=value, as the index has it.
+term_pattern exact_term(const std::string& text) {
+    const term_pattern pattern = term_pattern_from_text(text);
+    term_set words;
+    term_set_add_text(&words, text);
+    const auto terms = term_set_terms(&words);
+    const bool word = terms.size() == 1 && terms[0] == pattern.needle;
+    const bool field = pattern.needle.find("::") != std::string::npos;
+    if ((!word && !field) || text.find('*') != std::string::npos) {
+        throw failure_t{OUTCOME_USAGE, text + ": expected one word or one field=value, without *"};
+    }
+    return pattern;
+}
+
+}  // namespace
+
+std::vector<counted_term> terms_by_count(const std::string& path, const std::string& pattern, uint64_t limit,
+                                         troubles* trouble) {
+    std::vector<counted_term> held;
+    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
+        const bool full = limit != 0 && held.size() == limit;
+        if (full && held.front().totals.count >= totals.count) return true;
+        held.push_back({std::string(term), totals});
+        if (limit == 0) return true;
+        std::push_heap(held.begin(), held.end(), comes_before);
+        if (!full) return true;
+        std::pop_heap(held.begin(), held.end(), comes_before);
+        held.pop_back();
+        return true;
+    };
+    walk_terms(path, term_choice_of(term_pattern_from_text(pattern)), visit, trouble);
+    std::sort(held.begin(), held.end(), comes_before);
+    return held;
+}
+
+term_totals_t term_seen(const std::string& path, const std::string& text, troubles* trouble) {
+    term_totals_t all;
+    const auto visit = [&](std::string_view, const term_totals_t& totals) {
+        all = totals;
+        return true;
+    };
+    walk_terms(path, term_choice_of(exact_term(text)), visit, trouble);
+    return all;
+}
+
+std::vector<field_totals> fields_list(const std::string& path, troubles* trouble) {
+    std::vector<field_totals> fields;
+    term_choice_t choice;
+    choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
+    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
+        const std::string_view name = term.substr(0, term.find("::"));
+        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
+        fields.back().values++;
+        fields.back().events += totals.count;
+        return true;
+    };
+    walk_terms(path, choice, visit, trouble);
+    return fields;
+}
+
 std::string term_query_text(std::string_view term) {
     const size_t colons = term.find("::");
     if (colons == std::string_view::npos || colons == 0) return std::string(term);

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "searchthing/reading/cursors.h"
 #include "tools/libveldar/store/troubles.h"
@@ -26,6 +27,24 @@ struct term_pattern {
 term_pattern term_pattern_from_text(const std::string& text);
 // The terms that the pattern takes.
 term_choice_t term_choice_of(const term_pattern& pattern);
+
+struct counted_term {
+    std::string term;
+    term_totals_t totals;
+};
+// The terms that a pattern as people write it takes, the most frequent ones first; with a limit other than 0 no more
+// than these are kept in memory.
+std::vector<counted_term> terms_by_count(const std::string& path, const std::string& pattern, uint64_t limit,
+                                         troubles* trouble);
+// Of one word or one field=value; a count of 0 when there is none. Throws failure_t with OUTCOME_USAGE for anything else.
+term_totals_t term_seen(const std::string& path, const std::string& text, troubles* trouble);
+
+struct field_totals {
+    std::string name;
+    uint64_t values = 0, events = 0;
+};
+// The fields, by name.
+std::vector<field_totals> fields_list(const std::string& path, troubles* trouble);
 
 // A term as the query language takes it: status=404, path="/a b"; and the name of a field: status, "user name".
 std::string term_query_text(std::string_view term);

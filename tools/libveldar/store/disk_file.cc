@@ -38,7 +38,7 @@ void work_catch_interrupts() {
 
 int work_interrupt_descriptor() {
     if (interrupt_fd < 0) interrupt_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (interrupt_fd < 0) fail_io("cannot wait for signals", errno);
+    if (interrupt_fd < 0) fail_io("cannot wait for signals", {}, errno);
     return interrupt_fd;
 }
 
@@ -67,14 +67,14 @@ bool disk_read_file(const std::string& path, std::string* content) {
 bool disk_exists(const std::string& path) {
     struct stat st;
     if (::stat(path.c_str(), &st) == 0) return true;
-    if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read " + path, errno);
+    if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read", path, errno);
     return false;
 }
 
 std::vector<std::string> disk_list_directory(const std::string& path) {
     std::vector<std::string> names;
     warm_rc_t rc;
-    if (tsidx_read_names(path.c_str(), &names, &rc) != 0) fail_io("cannot read " + path, rc.saved_errno);
+    if (tsidx_read_names(path.c_str(), &names, &rc) != 0) fail_io("cannot read", path, rc.saved_errno);
     return names;
 }
 
@@ -107,12 +107,12 @@ bool disk_sync_directory(const std::string& path) {
 }
 
 void disk_make_directory(const std::string& path) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make " + path, errno);
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make", path, errno);
 }
 
 void disk_sync_name(const std::string& directory) {
     const std::string parent = directory + "/..";
-    if (!disk_sync_directory(parent)) fail_io("cannot sync " + parent, errno);
+    if (!disk_sync_directory(parent)) fail_io("cannot sync", parent, errno);
 }
 
 bool disk_replace_file(const std::string& path, std::string_view content, bool durable) {
@@ -133,11 +133,11 @@ bool disk_replace_file(const std::string& path, std::string_view content, bool d
 
 unique_fd disk_lock(const std::string& path, const std::string& directory) {
     unique_fd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (!lock.valid()) fail_io("cannot open " + path, errno);
+    if (!lock.valid()) fail_io("cannot open", path, errno);
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
     say_trouble("waiting for another load into " + directory);
     while (::flock(lock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) fail_io("cannot lock " + path, errno);
+        if (errno != EINTR) fail_io("cannot lock", path, errno);
         if (work_stops()) throw failure_t{OUTCOME_INTERRUPTED, "interrupted, nothing was loaded"};
     }
     return lock;
@@ -148,18 +148,18 @@ std::string line_file_open(line_file* file, const std::string& path, bool durabl
     file->durable = durable;
     file->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     std::string content;
-    if (!file->fd.valid() || !disk_read_file(path, &content)) fail_io("cannot open " + path, errno);
+    if (!file->fd.valid() || !disk_read_file(path, &content)) fail_io("cannot open", path, errno);
     file->size = content.rfind('\n') + 1;
     if (file->size < content.size() && ::ftruncate(file->fd.get(), static_cast<off_t>(file->size)) != 0) {
-        fail_io("cannot shorten " + path, errno);
+        fail_io("cannot shorten", path, errno);
     }
     content.resize(file->size);
     return content;
 }
 
 void line_file_add(line_file* file, std::string_view line) {
-    if (!disk_write_at(file->fd.get(), line, file->size)) fail_io("cannot write " + file->path, errno);
-    if (file->durable && ::fdatasync(file->fd.get()) != 0) fail_io("cannot sync " + file->path, errno);
+    if (!disk_write_at(file->fd.get(), line, file->size)) fail_io("cannot write", file->path, errno);
+    if (file->durable && ::fdatasync(file->fd.get()) != 0) fail_io("cannot sync", file->path, errno);
     file->size += line.size();
 }
 

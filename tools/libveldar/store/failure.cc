@@ -4,8 +4,8 @@
 
 namespace veldar::tool {
 
-void fail_io(const std::string& message, int errno_value) {
-    throw failure_t{OUTCOME_IO, message + ": " + std::strerror(errno_value)};
+void fail_io(const std::string& message, const std::string& file, int errno_value) {
+    throw failure_t{OUTCOME_IO, message + (file.empty() ? "" : " ") + file + ": " + std::strerror(errno_value), file};
 }
 
 }  // namespace veldar::tool

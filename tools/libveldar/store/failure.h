@@ -1,6 +1,7 @@
 // How a piece of work ends, and the failure that ends it early.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace veldar::tool {
@@ -20,9 +21,13 @@ enum outcome_t : int {
 // function of the engine is on the stack when it is thrown.
 struct failure_t {
     outcome_t status;
-    std::string message;
+    std::string message;           // all of it, for people
+    std::string file = {};         // which one it is about; empty for none
+    uint64_t line = 0;             // of the file, from 1
+    uint64_t offset = UINT64_MAX;  // byte of the file, or of a query's text
+    std::string next_step = {};    // that may help
 };
-// "message: text of errno_value" with status OUTCOME_IO.
-[[noreturn]] void fail_io(const std::string& message, int errno_value);
+// "message file: text of errno_value" with status OUTCOME_IO; the file may be empty.
+[[noreturn]] void fail_io(const std::string& message, const std::string& file, int errno_value);
 
 }  // namespace veldar::tool

@@ -85,10 +85,13 @@ void list_file(slice_set* set) {
 void list(slice_set* set, bool with_metrics) {
     struct stat st;
     if (::stat(set->path.c_str(), &st) != 0) {
-        if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read " + set->path, errno);
-        throw failure_t{OUTCOME_USAGE, set->path + ": " + std::strerror(errno) +
-                                           "; -s names a store, an index directory or a slice (a store is made by "
-                                           "'veldar load')"};
+        if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read", set->path, errno);
+        const std::string next_step =
+            "-s names a store, an index directory or a slice (a store is made by 'veldar load')";
+        throw failure_t{.status = OUTCOME_USAGE,
+                        .message = set->path + ": " + std::strerror(errno) + "; " + next_step,
+                        .file = set->path,
+                        .next_step = next_step};
     }
     if (!S_ISDIR(st.st_mode)) {
         list_file(set);

@@ -224,8 +224,8 @@ std::vector<source_tail> last_tails(const source_map& map, const std::set<uint32
 // Each record is on the disk before the next is written, so that after a power loss only the last can be unsound.
 void append_record(source_map* map, uint32_t kind, std::string_view payload) {
     const std::string record = encode_record(map->size, kind, payload);
-    if (!disk_write_at(map->fd.get(), record, map->size)) fail_io("cannot write " + map->path, errno);
-    if (map->durable && ::fdatasync(map->fd.get()) != 0) fail_io("cannot sync " + map->path, errno);
+    if (!disk_write_at(map->fd.get(), record, map->size)) fail_io("cannot write", map->path, errno);
+    if (map->durable && ::fdatasync(map->fd.get()) != 0) fail_io("cannot sync", map->path, errno);
     map->size += record.size();
 }
 
@@ -330,7 +330,7 @@ uint64_t source_map_rewritten_size(const source_map& map, const std::set<uint32_
 void source_map_rewrite(source_map* map, const std::set<uint32_t>& without) {
     const std::string bytes = rewritten(*map, without);
     source_map left;
-    if (!disk_replace_file(map->path, bytes, map->durable)) fail_io("cannot write " + map->path, errno);
+    if (!disk_replace_file(map->path, bytes, map->durable)) fail_io("cannot write", map->path, errno);
     std::string error;
     left.durable = map->durable;
     if (!source_map_open(&left, map->path, true, &error)) throw failure_t{OUTCOME_IO, error};

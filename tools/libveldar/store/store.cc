@@ -87,7 +87,7 @@ bool is_slice(const std::string& name) {
 bool slice_address_max(const std::string& path, uint64_t* address) {
     const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.valid() && errno == ENOENT) return false;
-    if (!fd.valid()) fail_io("cannot open " + path, errno);
+    if (!fd.valid()) fail_io("cannot open", path, errno);
     st_warm_slice_body header;
     warm_rc_t rc;
     if (warm_header_read(fd.get(), &header, &rc) != 0 || !verify_magic(&header) || !warm_header_is_rev1(&header)) {
@@ -105,7 +105,7 @@ bool look_over_files(store_bucket* bucket) {
         if (const std::optional<uint64_t> deleted = number_behind(name, DELETED_PREFIX, 19)) {
             address = *deleted;
             if (address < bucket->map.frontier && ::unlink(path.c_str()) != 0) {
-                fail_io("cannot remove " + path, errno);
+                fail_io("cannot remove", path, errno);
             }
         } else if (!is_slice(name)) {
             continue;
@@ -137,11 +137,11 @@ bool store_is(const std::string& path) {
     if (!disk_exists(file)) return false;
     // Opened without blocking, because a name like this may be anything elsewhere.
     const unique_fd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) fail_io("cannot read " + file, errno);
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) fail_io("cannot read", file, errno);
     if (!S_ISREG(st.st_mode)) return false;
     char mark[sizeof STORE_MARK];
     const int64_t size = disk_read_at(fd.get(), mark, sizeof mark, 0);
-    if (size < 0) fail_io("cannot read " + file, errno);
+    if (size < 0) fail_io("cannot read", file, errno);
     if (std::string_view(mark, static_cast<size_t>(size)) == STORE_MARK) return true;
     throw failure_t{OUTCOME_IO, file + ": damaged, or of another version: a store's says \"veldar store 1\""};
 }
@@ -195,12 +195,12 @@ void store_remove_leftovers(const std::string& directory) {
     const std::vector<std::string> names = disk_list_directory(directory);
     std::vector<std::string> merging;
     warm_rc_t rc;
-    if (merge_manifest_temporaries(directory, &merging, &rc) != 0) fail_io("cannot read " + directory, rc.saved_errno);
+    if (merge_manifest_temporaries(directory, &merging, &rc) != 0) fail_io("cannot read", directory, rc.saved_errno);
     for (const std::string& name : names) {
         if (!name.ends_with(TSIDX_PRE_SUFFIX) && !name.ends_with(".part")) continue;
         if (std::find(merging.begin(), merging.end(), name) != merging.end()) continue;
         const std::string path = directory + "/" + name;
-        if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove " + path, errno);
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove", path, errno);
     }
 }
 
@@ -211,15 +211,15 @@ void store_note_deleted(const std::string& bucket_directory, uint64_t address) {
     if (address < map.frontier) return;
     const std::string path = bucket_directory + "/" + DELETED_PREFIX + std::to_string(address);
     const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    if (!fd.valid()) fail_io("cannot make " + path, errno);
-    if (!disk_sync_directory(bucket_directory)) fail_io("cannot sync " + bucket_directory, errno);
+    if (!fd.valid()) fail_io("cannot make", path, errno);
+    if (!disk_sync_directory(bucket_directory)) fail_io("cannot sync", bucket_directory, errno);
 }
 
 void store_make(const std::string& path, bool durable) {
     disk_make_directory(path);
     // Of loads that begin at once, one makes the store while the others wait.
     const unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory.valid()) fail_io("cannot open " + path, errno);
+    if (!directory.valid()) fail_io("cannot open", path, errno);
     static_cast<void>(::flock(directory.get(), LOCK_EX));
     if (store_is(path)) return;
     const std::vector<std::string> names = disk_list_directory(path);
@@ -230,7 +230,7 @@ void store_make(const std::string& path, bool durable) {
         throw failure_t{OUTCOME_USAGE, path + " is neither a store nor an empty directory"};
     }
     if (durable) disk_sync_name(path);
-    if (!disk_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write " + path + "/store", errno);
+    if (!disk_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write", path + "/store", errno);
 }
 
 void store_open_for_load(store* st, const std::string& path, bool durable) {
@@ -248,17 +248,17 @@ void store_open_for_load(store* st, const std::string& path, bool durable) {
         open_bucket(st, &bucket);
         st->buckets.push_back(std::move(bucket));
     }
-    if (durable && !disk_sync_directory(path)) fail_io("cannot sync " + path, errno);
+    if (durable && !disk_sync_directory(path)) fail_io("cannot sync", path, errno);
 }
 
 store_bucket* store_add_bucket(store* st) {
     store_bucket bucket;
     bucket.number = st->buckets.empty() ? 1 : st->buckets.back().number + 1;
     bucket.directory = fmt::format("{}/{}{:06}", st->path, BUCKET_PREFIX, bucket.number);
-    if (::mkdir(bucket.directory.c_str(), 0700) != 0) fail_io("cannot make " + bucket.directory, errno);
+    if (::mkdir(bucket.directory.c_str(), 0700) != 0) fail_io("cannot make", bucket.directory, errno);
     open_bucket(st, &bucket);
     if (st->durable && (!disk_sync_directory(bucket.directory) || !disk_sync_directory(st->path))) {
-        fail_io("cannot sync " + bucket.directory, errno);
+        fail_io("cannot sync", bucket.directory, errno);
     }
     return &st->buckets.emplace_back(std::move(bucket));
 }

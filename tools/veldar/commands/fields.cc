@@ -19,24 +19,9 @@ namespace veldar::tool {
 
 namespace {
 
-struct field_totals {
-    std::string name;
-    uint64_t values = 0, events = 0;
-};
-
 int names_run(const tool_context& context) {
     troubles trouble;
-    std::vector<field_totals> fields;
-    term_choice_t choice;
-    choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
-    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
-        const std::string_view name = term.substr(0, term.find("::"));
-        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
-        fields.back().values++;
-        fields.back().events += totals.count;
-        return true;
-    };
-    walk_terms(store_choose(context.store), choice, visit, &trouble);
+    const std::vector<field_totals> fields = fields_list(store_choose(context.store), &trouble);
     text_output out;
     output_open(&out, "never");
     output_put(&out, out.terminal ? "    events      values  field\n" : "");

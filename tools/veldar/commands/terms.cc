@@ -1,6 +1,4 @@
 // veldar terms and seen: what the lexicons and the metadata of the slices tell without reading an event.
-#include "tools/libveldar/formats/terms.h"
-
 #include <algorithm>
 #include <vector>
 
@@ -21,14 +19,6 @@ struct terms_options {
     uint64_t limit = 0;  // 0: all
 };
 
-struct counted_term {
-    uint64_t count;
-    std::string term;
-    bool operator<(const counted_term& other) const {
-        return count != other.count ? count > other.count : term < other.term;
-    }
-};
-
 // A count before a name: aligned on a terminal, separated by a tab elsewhere.
 void put_count(text_output* out, uint64_t count) {
     const std::string text = std::to_string(count);
@@ -47,27 +37,13 @@ void put_term(text_output* out, uint64_t count, std::string_view term) {
     output_end_record(out);
 }
 
-// The most frequent terms; with a limit no more than these are kept in memory.
 uint64_t print_by_count(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
-    std::vector<counted_term> held;
-    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
-        const bool full = options.limit != 0 && held.size() == options.limit;
-        if (full && held.front().count >= totals.count) return true;
-        held.push_back({totals.count, std::string(term)});
-        if (options.limit == 0) return true;
-        std::push_heap(held.begin(), held.end());
-        if (!full) return true;
-        std::pop_heap(held.begin(), held.end());
-        held.pop_back();
-        return true;
-    };
-    walk_terms(path, term_choice_of(term_pattern_from_text(options.pattern)), visit, trouble);
-    std::sort(held.begin(), held.end());
-    for (const counted_term& one : held) {
-        put_term(out, one.count, one.term);
+    const std::vector<counted_term> found = terms_by_count(path, options.pattern, options.limit, trouble);
+    for (const counted_term& one : found) {
+        put_term(out, one.totals.count, one.term);
         if (out->closed) break;
     }
-    return held.size();
+    return found.size();
 }
 
 uint64_t print_by_term(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
@@ -90,28 +66,9 @@ int terms_run(const tool_context& context, const terms_options& options) {
     return answer_status(printed > 0, trouble);
 }
 
-// One word or one field=value, as the index has it.
-term_pattern exact_term(const std::string& text) {
-    const term_pattern pattern = term_pattern_from_text(text);
-    term_set words;
-    term_set_add_text(&words, text);
-    const auto terms = term_set_terms(&words);
-    const bool word = terms.size() == 1 && terms[0] == pattern.needle;
-    const bool field = pattern.needle.find("::") != std::string::npos;
-    if ((!word && !field) || text.find('*') != std::string::npos) {
-        throw failure_t{OUTCOME_USAGE, text + ": expected one word or one field=value, without *"};
-    }
-    return pattern;
-}
-
 int seen_run(const tool_context& context, const std::string& text, const std::string& zone) {
-    term_totals_t all;
     troubles trouble;
-    const auto visit = [&](std::string_view, const term_totals_t& totals) {
-        all = totals;
-        return true;
-    };
-    walk_terms(store_choose(context.store), term_choice_of(exact_term(text)), visit, &trouble);
+    const term_totals_t all = term_seen(store_choose(context.store), text, &trouble);
     text_output out;
     output_open(&out, "never");
     out.zone = time_zone_of(zone);

@@ -55,7 +55,7 @@ void output_flush(text_output* out) {
         } else if (errno != EINTR) {
             const int failure = errno;
             out->bytes.clear();
-            fail_io("cannot write to standard output", failure);
+            fail_io("cannot write to standard output", {}, failure);
         }
     }
     out->bytes.clear();

@@ -1,0 +1,123 @@
+// veldar.h: metrics.
+#include "tools/libveldar/face/face_stats.h"
+#include "tools/libveldar/query/metric_ask.h"
+#include "tools/libveldar/query/metric_catalog.h"
+
+using namespace veldar::tool;
+
+namespace {
+
+metric_question question_from(const veldar_metric_query* query) {
+    const veldar_metric_query given = record_from(query);
+    metric_question question;
+    question.names = comma_parts(text_from(given.names));
+    for (size_t i = 0; i < given.where_count; i++) question.where.push_back(text_from(given.where[i]));
+    question.since = text_from(given.since);
+    question.until = text_from(given.until);
+    question.zone = given.zone == nullptr ? "UTC" : given.zone;
+    if (question.names.empty()) question.names = {"*"};
+    return question;
+}
+
+void put_escaped(std::string* out, std::string_view text) {
+    for (const char c : text) {
+        if (c == ',' || c == '=' || c == '\\') out->push_back('\\');
+        out->push_back(c);
+    }
+}
+
+std::string labels_text(const metric_series& series) {
+    std::string text;
+    for (const metric_label& label : series.labels) {
+        if (!text.empty()) text += ',';
+        put_escaped(&text, label.name);
+        text += '=';
+        put_escaped(&text, label.value);
+    }
+    return text;
+}
+
+veldar_status end_table(std::unique_ptr<veldar_table> table, const troubles& trouble, const face_call& call,
+                        veldar_table** out) {
+    table->rows = table->columns[0].valid.size();
+    const bool found = table->rows > 0;
+    *out = table.release();
+    if (trouble.incomplete) return call.end(OUTCOME_INCOMPLETE);
+    return found ? VELDAR_OK : VELDAR_END;
+}
+
+}  // namespace
+
+extern "C" {
+
+veldar_status veldar_metrics(veldar_store* store, veldar_table** table) {
+    *table = nullptr;
+    return face_run(&store->hearing, [&](const face_call& call) {
+        troubles trouble;
+        const metric_catalog catalog = metric_catalog_read(metric_directory_of(store->path), &trouble);
+        auto to = std::make_unique<veldar_table>();
+        table_column(to.get(), "metric", VELDAR_TEXT);
+        for (const char* const name : {"samples", "series"}) table_column(to.get(), name, VELDAR_UINT64);
+        for (const char* const name : {"first", "last"}) table_column(to.get(), name, VELDAR_TIME);
+        for (const auto& [name, totals] : catalog.names) {
+            column_put(&to->columns[0], std::string_view(name));
+            column_put(&to->columns[1], totals.points);
+            column_put(&to->columns[2], uint64_t{totals.sets.size()});
+            column_put(&to->columns[3], time_ns_of(totals.earliest));
+            column_put(&to->columns[4], time_ns_of(totals.latest));
+        }
+        return end_table(std::move(to), trouble, call, table);
+    });
+}
+
+veldar_status veldar_metric_samples(veldar_store* store, const veldar_metric_query* query, uint64_t limit,
+                                    veldar_table** table) {
+    *table = nullptr;
+    return face_run(&store->hearing, [&](const face_call& call) {
+        metric_points points;
+        metric_samples_read(metric_directory_of(store->path), question_from(query), limit, false, &points);
+        struct series_texts {
+            std::string name, labels;
+        };
+        std::vector<series_texts> texts(points.series.texts.size());
+        metric_series series;
+        for (size_t i = 0; i < texts.size(); i++) {
+            metric_series_split(*points.series.texts[i], &series);
+            texts[i] = {std::string(series.name), labels_text(series)};
+        }
+        auto to = std::make_unique<veldar_table>();
+        table_column(to.get(), "time", VELDAR_TIME);
+        for (const char* const name : {"metric", "labels"}) table_column(to.get(), name, VELDAR_TEXT);
+        table_column(to.get(), "value", VELDAR_DOUBLE);
+        for (const metric_point& point : points.points) {
+            column_put(&to->columns[0], point.time_ms * 1'000'000);
+            column_put(&to->columns[1], std::string_view(texts[point.series].name));
+            column_put(&to->columns[2], std::string_view(texts[point.series].labels));
+            column_put(&to->columns[3], point.value);
+        }
+        return end_table(std::move(to), {}, call, table);
+    });
+}
+
+veldar_status veldar_metric_stats(veldar_store* store, const veldar_metric_query* query,
+                                  const veldar_metric_stats_options* options, veldar_table** table) {
+    *table = nullptr;
+    return face_run(&store->hearing, [&](const face_call& call) {
+        const veldar_metric_stats_options given = record_from(options);
+        const metric_question question = question_from(query);
+        metric_stats_result result;
+        troubles trouble;
+        metric_stats_ask(metric_directory_of(store->path), question,
+                         {text_from(given.by),
+                          text_from(given.aggregates),
+                          given.keeps_missing != 0,
+                          given.rate != 0,
+                          {text_from(given.every), question.zone}},
+                         &result, &trouble);
+        auto to = std::make_unique<veldar_table>();
+        face_put_stats(result.request, &result.table, result.grid, {.top = given.top}, to.get());
+        return end_table(std::move(to), trouble, call, table);
+    });
+}
+
+}  // extern "C"
