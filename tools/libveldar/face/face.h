@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "searchthing/reading/cursors.h"
 #include "tools/libveldar/face/veldar.h"
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/store/failure.h"
@@ -45,6 +46,8 @@ struct veldar_table {
     };
     size_t rows = 0;
     std::vector<column> columns;
+    uint64_t events_id = 0;               // of the events that its rows are; 0: they are none
+    std::vector<veldar::event_t> events;  // one a row
 };
 
 namespace veldar::tool {

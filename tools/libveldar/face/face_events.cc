@@ -13,6 +13,7 @@ using namespace veldar::tool;
 
 struct veldar_events {
     veldar_store* store = nullptr;
+    uint64_t id = 0;  // of these alone in the process
     prepared_query query;
     slice_set slices;
     troubles trouble;
@@ -104,7 +105,9 @@ veldar_status veldar_search(veldar_store* store, const veldar_query* query, uint
     *events = nullptr;
     return face_run(&store->hearing, [&](const face_call&) {
         auto made = std::make_unique<veldar_events>();
+        static std::atomic<uint64_t> begun = 0;
         made->store = store;
+        made->id = ++begun;
         made->query = query_prepare(query_from(query));
         made->slices = slices_list(store->path, false);
         event_source_open(&made->source, &made->slices, &made->trouble);
@@ -176,6 +179,7 @@ veldar_status veldar_events_table(veldar_events* events, size_t rows, veldar_tab
     *table = nullptr;
     return face_run(&events->store->hearing, [&](const face_call& call) {
         auto made = std::make_unique<veldar_table>();
+        made->events_id = events->id;
         table_column(made.get(), "time", VELDAR_TIME);
         for (const char* const name : {"raw", "host", "source", "sourcetype", "directory"}) {
             table_column(made.get(), name, VELDAR_TEXT);
@@ -183,11 +187,24 @@ veldar_status veldar_events_table(veldar_events* events, size_t rows, veldar_tab
         table_column(made.get(), "address", VELDAR_UINT64);
         while (made->rows < rows && next(events)) {
             put_row(events, made.get());
+            made->events.push_back(events->event);
             made->rows++;
         }
         events->has_event = false;
         if (made->rows == 0) return at_end(events, call);
         *table = made.release();
+        return VELDAR_OK;
+    });
+}
+
+veldar_status veldar_events_row(veldar_events* events, const veldar_table* table, size_t row) {
+    return face_run(&events->store->hearing, [&](const face_call&) {
+        if (table->events_id != events->id || row >= table->events.size()) {
+            throw failure_t{OUTCOME_USAGE, "the table has no such row of these events"};
+        }
+        events->event = table->events[row];
+        events->has_event = true;
+        events->has_fields = false;
         return VELDAR_OK;
     });
 }

@@ -17,8 +17,8 @@
  * Texts that are given are NUL-terminated; null is as good as an empty one. Texts that are returned may hold any byte,
  * NUL too, and need not be UTF-8: logs are what they are.
  *
- * Threads. A handle, and all that was made of it, is used by one thread at a time; different handles by any number of
- * threads at once. Nothing here installs a signal handler, prints, or ends the process.
+ * Threads. A handle, and the events that were begun with it, are used by one thread at a time; different handles by any
+ * number of threads at once, and a table likewise: nothing changes it. Nothing here installs a signal handler, prints, or ends the process.
  *
  * Stability. Functions and fields are added, never changed or removed, as long as the number in the name of the library
  * (libveldar.so.0) stays the same. */
@@ -94,7 +94,7 @@ typedef struct veldar_store veldar_store;
  * command line would take ($VELDAR_STORE, or the nearest .veldar). The observer is copied; null: nobody is told.
  * VELDAR_USAGE when nothing of the kind is there. `*store` is null after a failure. */
 veldar_status veldar_open(const char *path, unsigned flags, const veldar_observer *observer, veldar_store **store);
-/* Its events and tables must be closed before. Null is allowed. */
+/* Its events must be closed before; its tables stay. Null is allowed. */
 void veldar_close(veldar_store *store);
 /* Where it is; the handle's. */
 const char *veldar_path(const veldar_store *store);
@@ -182,6 +182,8 @@ veldar_status veldar_event_field(veldar_events *events, size_t number, veldar_te
 /* The next events, at most `rows` of them, as a table: time, raw, host, source, sourcetype, directory, address. The
  * table is there with VELDAR_OK alone. Afterwards no event counts as read last. */
 veldar_status veldar_events_table(veldar_events *events, size_t rows, veldar_table **table);
+/* Makes the event of a row of such a table, of these events, the one that was read last. */
+veldar_status veldar_events_row(veldar_events *events, const veldar_table *table, size_t row);
 /* Null is allowed. */
 void veldar_events_close(veldar_events *events);
 
