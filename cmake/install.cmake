@@ -29,4 +29,10 @@ install(FILES ${PROJECT_BINARY_DIR}/veldar-config.cmake ${PROJECT_BINARY_DIR}/ve
 # The prefix is told relative to the .pc file, so that an installed tree can be moved.
 file(RELATIVE_PATH VELDAR_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/veldar.pc.in ${PROJECT_BINARY_DIR}/veldar.pc @ONLY)
+if(TARGET veldar_shared)
+  install(TARGETS veldar_shared EXPORT veldar-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/libveldar/face/veldar.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/libveldar.pc.in ${PROJECT_BINARY_DIR}/libveldar.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/libveldar.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
 install(FILES ${PROJECT_BINARY_DIR}/veldar.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

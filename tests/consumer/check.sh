@@ -44,6 +44,16 @@ flags=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --cflags --libs veldar)
 "$compiler" "$here/main.cc" $flags -o "$work/consumer"
 "$work/consumer" "$work/index2"
 
+if [ -e "$work/prefix/include/veldar.h" ]; then
+    echo "pkg-config libveldar, in C"
+    export PKG_CONFIG_PATH
+    PKG_CONFIG_PATH=$(dirname "$pc")
+    # shellcheck disable=SC2046 # the flags are words
+    cc -std=c11 -pedantic -Wall -Wextra -Werror "$root/examples/put_events.c" $(pkg-config --cflags --libs libveldar) \
+        -Wl,-rpath,"$(pkg-config --variable=libdir libveldar)" -o "$work/put_events"
+    "$work/put_events" "$work/index3" | grep -qx '50 errors'
+fi
+
 echo "add_subdirectory(veldar)" # without compiling the engine once more
 configure "$work/part" -DVELDAR_SOURCE="$root" -DCMAKE_OPTIMIZE_DEPENDENCIES=ON
 "$cmake" --build "$work/part" --target zero consumer_object >/dev/null

@@ -123,12 +123,13 @@ face_call::face_call(veldar_hearing* hearing)
     hearing->stopped = false;
 }
 
-veldar_status face_call::end(outcome_t outcome) const {
+veldar_status face_call::end(outcome_t outcome, const troubles* trouble) const {
     if (outcome == OUTCOME_DONE) return VELDAR_OK;
     if (outcome == OUTCOME_NOT_FOUND) return VELDAR_END;
     if (outcome == OUTCOME_INTERRUPTED) return face_failed({outcome, "interrupted"});
-    const bool unknown = hearing_->first_trouble.empty();
-    return face_failed({outcome, unknown ? "something could not be read" : hearing_->first_trouble});
+    if (!hearing_->first_trouble.empty()) return face_failed({outcome, hearing_->first_trouble});
+    const bool known = trouble != nullptr && !trouble->said.empty();
+    return face_failed({outcome, known ? *trouble->said.begin() : "something could not be read"});
 }
 
 veldar_table::column& table_column(veldar_table* table, const std::string& name, veldar_type type) {

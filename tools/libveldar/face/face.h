@@ -83,8 +83,9 @@ veldar_status face_failed_otherwise() noexcept;  // for the exception being hand
 class face_call {
   public:
     explicit face_call(veldar_hearing* hearing);
-    // The status of an outcome; what an incomplete one lacks becomes the thread's last error.
-    veldar_status end(outcome_t outcome) const;
+    // The status of an outcome; what an incomplete one lacks becomes the thread's last error: the first trouble of the
+    // call, or one of `trouble`, of calls before.
+    veldar_status end(outcome_t outcome, const troubles* trouble = nullptr) const;
 
   private:
     veldar_hearing* hearing_;

@@ -39,7 +39,7 @@ bool next(veldar_events* events) {
 }
 
 veldar_status at_end(const veldar_events* events, const face_call& call) {
-    return events->trouble.incomplete ? call.end(OUTCOME_INCOMPLETE) : VELDAR_END;
+    return events->trouble.incomplete ? call.end(OUTCOME_INCOMPLETE, &events->trouble) : VELDAR_END;
 }
 
 void require_event(const veldar_events* events) {
@@ -141,7 +141,7 @@ veldar_status veldar_event_text(veldar_events* events, veldar_part part, veldar_
         if (part == VELDAR_RAW) {
             if (!events->knows_raw) return VELDAR_END;
             const raw_record* const record = record_of(events);
-            if (record == nullptr) return call.end(OUTCOME_INCOMPLETE);
+            if (record == nullptr) return call.end(OUTCOME_INCOMPLETE, &events->trouble);
             *text = text_to(record->text);
             return VELDAR_OK;
         }
@@ -166,7 +166,7 @@ veldar_status veldar_event_field(veldar_events* events, size_t number, veldar_te
     return face_run(&events->store->hearing, [&](const face_call& call) {
         require_event(events);
         if (!events->knows_raw) return VELDAR_END;
-        if (!events->has_fields && record_of(events) == nullptr) return call.end(OUTCOME_INCOMPLETE);
+        if (!events->has_fields && record_of(events) == nullptr) return call.end(OUTCOME_INCOMPLETE, &events->trouble);
         if (!events->has_fields) read_fields(events);
         if (number >= events->fields.size()) return VELDAR_END;
         *name = text_to(events->fields[number].first);
