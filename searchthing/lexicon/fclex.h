@@ -126,8 +126,10 @@ int64_t fclex_apply_holding(FCLEX* lex, const char* prefix, std::string_view inf
 
 // Stores the first `capacity` terms that begin with the prefix; returns how many. With the case flag the terms that
 // begin with a blank and the prefix are tried first (stored without the blank): they are the answer if one of them
-// holds a capital letter A to Z.
+// holds a capital letter A to Z. Those before a failing place count; fclex_enum_told tells the failure as well, or 0.
 int st_fclex_enum(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag);
+[[nodiscard]] int fclex_enum_told(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity,
+                                  bool case_flag, uint32_t* count);
 
 uint32_t st_fclex_terms(const FCLEX* lex);
 uint32_t st_fclex_blocksize(const FCLEX* lex);  // terms per block

@@ -63,21 +63,36 @@ int64_t fclex_apply_holding(FCLEX* lex, const char* prefix, std::string_view inf
     }
 }
 
-int st_fclex_enum(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {
+int fclex_enum_told(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag,
+                    uint32_t* count) {
     if (prefix == nullptr) prefix = "";
     enum_context context = {answers, capacity};
+    // The walk ends with -1 where there is no more room, and at one kind of damage.
+    const auto walk = [&](const char* start) {
+        const int64_t total = st_fclex_apply(lex, start, store_term, &context, nullptr);
+        *count = context.count;
+        if (total >= 0 || (total == -1 && context.count == capacity)) return 0;
+        return total == -1 ? static_cast<int>(WARM_RC_CORRUPT) : static_cast<int>(total);
+    };
     const size_t length = std::strlen(prefix);
+    int failure = 0;
     if (case_flag && length < ST_MAX_TERM_LENGTH) {
         char blank_prefix[ST_TERM_BUFFER_SIZE];
         blank_prefix[0] = ' ';
         std::memcpy(blank_prefix + 1, prefix, length + 1);
         context.skip = 1;
-        st_fclex_apply(lex, blank_prefix, store_term, &context, nullptr);
-        if (context.upper_case) return static_cast<int>(context.count);
+        failure = walk(blank_prefix);
+        if (context.upper_case) return failure;
     }
     context = {answers, capacity};
-    st_fclex_apply(lex, prefix, store_term, &context, nullptr);
-    return static_cast<int>(context.count);
+    const int status = walk(prefix);
+    return failure != 0 ? failure : status;
+}
+
+int st_fclex_enum(FCLEX* lex, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {
+    uint32_t count = 0;
+    static_cast<void>(fclex_enum_told(lex, prefix, answers, capacity, case_flag, &count));
+    return static_cast<int>(count);
 }
 
 }  // namespace veldar

@@ -100,9 +100,11 @@ int64_t warm_slice_apply_terms(WARM* warm, const char* prefix, warm_term_fn fn, 
 int warm_slice_enum(WARM* warm, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag,
                     warm_rc_t* rc) {
     ST_TRY(need_lexicon(warm, rc));
-    const int count = st_fclex_enum(warm->lexicon, prefix, answers, capacity, case_flag);
-    for (int i = 0; i < count; i++) ST_TRY(get_meta_count(warm, answers[i].id, nullptr, &answers[i].id, rc));
-    return count;
+    uint32_t count = 0;
+    const int status = fclex_enum_told(warm->lexicon, prefix, answers, capacity, case_flag, &count);
+    if (status != 0) return _set_rc_msg(rc, status, "walking the lexicon");
+    for (uint32_t i = 0; i < count; i++) ST_TRY(get_meta_count(warm, answers[i].id, nullptr, &answers[i].id, rc));
+    return static_cast<int>(count);
 }
 
 }  // namespace veldar
