@@ -235,6 +235,14 @@ TEST(Dimset, DamageEndsInAStatus) {
             const int status = file.read(verify, &read);
             EXPECT_TRUE(allowed.contains(status)) << status;
             seen[status]++;
+            for (const words_t& set : read) {
+                const auto columns = set.end() - set[1];  // of a set without columns there is no more to see
+                const auto ascend = [](auto begin, auto end) {
+                    return std::adjacent_find(begin, end, std::greater_equal<>()) == end;
+                };
+                EXPECT_TRUE(verify != DS_VERIFY_V3 || set[1] == 0 ||
+                            (ascend(set.begin() + 5, columns) && ascend(columns, set.end())));
+            }
         }
         const int status = merge_alone(file);
         EXPECT_TRUE(allowed.contains(status)) << status;

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <set>
+#include <sstream>
 
 #include "searchthing/base/st_init.h"
 #include "searchthing/directory/tsidx.h"
@@ -449,6 +451,97 @@ TEST(Inspect, EveryFailureIsTold) {
                 EXPECT_TRUE(nth == 0 ? status == 0 && !out.empty() : status != 0 || out == whole)
                     << testing::PrintToString(arguments) << " " << nth << " " << static_cast<int>(action) << err << out;
             }
+        }
+    }
+}
+
+// Whatever fails beneath a command that changes a store, it says so; what is to stay stays, and the command given again
+// does the rest.
+TEST(Inspect, EveryFailureOfAChangeIsToldAndMadeGood) {
+    const lock_optimism optimism;
+    const no_flushes flushes;
+    const no_pauses pauses;
+    const temp_dir dir;
+    st_init("inspect_tool_test");  // locks are signed
+    const std::string store = dir.file("store"), bucket = store + "/bucket-000001";
+    std::string log;
+    for (int i = 10; i < 60; i++)
+        log += "2024-01-01T00:00:" + std::to_string(i) + "Z n=" + std::to_string(i % 3) + "\n";
+    write_file(dir.file("log"), log);
+    ASSERT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
+    const auto run = [&](void (*add)(const command&), std::vector<std::string> arguments, std::string* out) {
+        arguments.insert(arguments.end(), {"-s", store});
+        int status = -1;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        try {
+            status = run_command(add, arguments);
+        } catch (const std::exception& error) {
+            std::fputs(error.what(), stdout);
+        } catch (const failure_t& failure) {
+            std::fputs(failure.message.c_str(), stdout);
+        }
+        const fault_truce own;
+        *out = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+        return status;
+    };
+    const auto lines = [&] {
+        std::string out;
+        EXPECT_EQ(run(add_search_command, {"search", "*", "--format", "raw"}, &out), 0);
+        std::set<std::string> found;
+        std::istringstream in(out);
+        size_t count = 0;
+        for (std::string line; std::getline(in, line); count++) found.insert(line);
+        EXPECT_EQ(found.size(), count) << "none twice";
+        return found;
+    };
+    const auto damage = [&](size_t bytes) {
+        const std::string path = files_in(bucket, ".tsidx").at(1);
+        std::string damaged = read_file(path);
+        for (size_t i = 0; i < bytes; i++) damaged[damaged.size() / 2 + i] ^= 0x10;
+        write_file(path, damaged);
+    };
+    const struct {
+        void (*add)(const command&);
+        std::vector<std::string> arguments;
+        size_t damaged, left;
+    } changes[] = {
+        {add_delete_command, {"delete", "n=1"}, 0, 33},
+        {add_retain_command, {"retain", "--older-than", "2024-01-01T00:00:35Z"}, 0, 25},
+        {add_optimize_command, {"optimize", "--all"}, 0, 50},
+        {add_seal_command, {"seal", "--anew", store}, 0, 50},
+        {add_gc_command, {"gc"}, 0, 50},
+        {add_salvage_command, {"salvage"}, 1, 50},
+        {add_rebuild_command, {"rebuild"}, 30, 50},
+    };
+    const std::string kept = dir.file("kept");
+    std::filesystem::rename(store, kept);
+    for (const auto& [add, arguments, damaged, left] : changes) {
+        std::string first, out;
+        for (uint64_t nth = 0, last = 1; nth <= last && !HasFailure(); nth += 1 + (nth == 0 ? 0 : last / 100)) {
+            SCOPED_TRACE(testing::Message() << arguments[0] << " " << nth);
+            std::filesystem::remove_all(store);
+            std::filesystem::copy(kept, store, std::filesystem::copy_options::recursive);
+            if (add == add_gc_command) write_file(bucket + "/9-1-77.tsidx.seal", "");
+            if (damaged != 0) damage(damaged);
+            if (add == add_rebuild_command) run(add_salvage_command, {"salvage"}, &out);
+            const std::set<std::string> before = damaged == 0 ? lines() : std::set<std::string>();
+            int status = 0;
+            {
+                const fault_step trouble(fault_action::fail, nth == 0 ? ~uint64_t{0} : nth, EIO);
+                status = run(add, arguments, &first);
+                last = nth == 0 ? trouble.calls() : last;
+            }
+            EXPECT_TRUE(nth != 0 || status == 0) << first;
+            if (nth != 0 && status == 0) continue;
+            const std::set<std::string> halfway = damaged == 0 ? lines() : before;
+            const int again = nth == 0 ? 0 : run(add, arguments, &out);
+            EXPECT_TRUE(again == 0 || (again == 1 && halfway.size() == left)) << again << first << out;
+            const std::set<std::string> after = lines();
+            EXPECT_EQ(after.size(), left);
+            EXPECT_TRUE(damaged != 0 || std::includes(before.begin(), before.end(), halfway.begin(), halfway.end()));
+            EXPECT_TRUE(damaged != 0 || std::includes(halfway.begin(), halfway.end(), after.begin(), after.end()));
+            EXPECT_EQ(run(add_fsck_command, {"fsck", store}, &out), 0) << out;
         }
     }
 }

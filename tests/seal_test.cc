@@ -178,6 +178,11 @@ TEST_F(Seal, SealsOfOtherFilesAreNoMoreThanWrong) {
     warm_rc_t rc;
     std::vector<seal_fault_t> faults;
     slice_seal_t other;
+    ASSERT_EQ(seal_read(slice, &other, &rc), 0);
+    other.sections[1].section = other.sections[0].section;
+    ASSERT_EQ(seal_write(slice, &other, false, &rc), 0);
+    EXPECT_EQ(seal_check(slice, &faults, &rc), WARM_RC_CORRUPT) << "one section twice";
+    other = {};
     ASSERT_EQ(seal_write(slice, &other, false, &rc), 0);
     EXPECT_EQ(seal_check(slice, &faults, &rc), WARM_RC_CORRUPT);
     other.size = uint64_t{1} << 62;

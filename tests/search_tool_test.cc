@@ -340,6 +340,17 @@ TEST_F(SearchTool, FieldsAndLinesAroundEvents) {
     EXPECT_EQ(numbers({"n=1 OR n=3 OR n=7", "-C1"}), "6 7 8 -- 0 1 2 3 4 ");
     EXPECT_EQ(numbers({"n=1 OR n=2 OR n=4", "-C1", "-r"}), "0 1 2 3 4 5 ");
     EXPECT_EQ(numbers({"n=1 OR n=8", "-B2", "--format", "jsonl"}), "1c6 1c7 18 2c0 21 ");
+    // Lines that are longer than what is read at first.
+    std::vector<std::string> lines;
+    std::string around;
+    for (size_t i = 0; i < 40; i++) {
+        lines.push_back("2024-03-01T00:00:" + std::to_string(10 + i) + "Z " + (i % 9 == 4 ? "hit " : "") +
+                        std::string(i * 7919 % 45000 * (i % 5), 'x'));
+        if (i % 9 == 7) around += (i > 9 ? "--\n" : "") + joined({lines.end() - 6, lines.end()});
+    }
+    write_file(other.file("long"), joined(lines));
+    ASSERT_EQ(run_at(other.file("other"), {"load", other.file("long"), "--no-fsync"}).status, 0);
+    EXPECT_TRUE(run_at(other.file("other"), {"search", "hit", "-B2", "-A3", "-r"}).out == around);
     EXPECT_EQ(numbers({"n=8", "--fields", "n,level,nosuch", "--format", "csv"}),
               "time,n,level,nosuch\r 2024-03-01T00:00:08Z,8;x,Info;info,\r ");
     EXPECT_EQ(

@@ -521,6 +521,7 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
     EXPECT_EQ(answer("[AND]", {0, 1000000000}, {}, 0), "-25 time bins init");
     EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {}, .bin_starts_s = {5, 5}}, 0),
               "-25 time bins init");
+    EXPECT_EQ(answer("[AND]", {60, 0}, {{}, {}, -5000000000, {}}, 0), "-25 time bins init");
     EXPECT_EQ(answer("[AND]", {0, 1}, {}, 0), "-55 alloc time bins hard limit exceeded");
     EXPECT_EQ(answer(literal, {0, 0}, {}, 0), "-19 token too big");
     EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {too_long}, .projections = {}, .bin_starts_s = {}}, 0),
@@ -578,6 +579,15 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
         EXPECT_TRUE(status != 0 || table.rows.at(0).count == events.size());
         return told ? std::to_string(status) + heard : rc.message;
     };
+    // Too many bins are no fault of the slice in which they come up.
+    const std::string untimed = others.file("2147483647--2147483648-9.tsidx");
+    std::filesystem::copy(files_in(dir.path(), ".tsidx").at(0), untimed);
+    select_options_t options;
+    options.query.lispy = "[AND]";
+    options.query.opt_span = {0, 1};
+    options.sources = {{nullptr, untimed}};
+    options.on_failure = [](const std::string&, const warm_rc_t&) {};
+    EXPECT_EQ(select_read(options, &table, nullptr, &rc), WARM_RC_TIME_BINS_LIMIT);
     const select_spec_t projects = {.groups = {}, .projections = {{"bytes", SELECT_SUM}}, .bin_starts_s = {}};
     EXPECT_EQ(failure(minified, {}, false), "warm slice select");
     EXPECT_EQ(failure(minified, {}, true), "0" + minified + "warm slice select");

@@ -155,7 +155,7 @@ TEST(PackedStream, ReadsTheSameFromEveryPlace) {
     for (const packing& way : PACKINGS) {
         const std::string path = dir.file("log"), points = dir.file("points");
         write_file(path, way.pack(text.substr(0, 1100000)) + way.pack("") + way.pack(text.substr(1100000)) +
-                             std::string(512, '\0'));
+                             std::string(512, '\0') + (way.format == PACKED_BZIP2 ? "\1" : "\xFE") + "left over");
         {
             packed_reader first(path, 200000, way.format);
             ASSERT_EQ(read_packed(&first.packed, text.size() + 1, &first.error) == text, true) << first.error;
@@ -210,6 +210,11 @@ TEST(PackedStream, PointsOfAnotherFileAndDamagedPointsAreNotUsed) {
     packed_reader other(path, 100000);
     packed_load_points(&other.packed, points);
     EXPECT_TRUE(other.packed.points.empty());
+    // The same content, and so the same end, in another number of bytes.
+    write_file(path, gzip_member(text, 1));
+    packed_reader looser(path, 100000);
+    packed_load_points(&looser.packed, points);
+    EXPECT_TRUE(looser.packed.points.empty());
 }
 
 TEST(PackedStream, DamageIsTold) {
@@ -219,8 +224,10 @@ TEST(PackedStream, DamageIsTold) {
         const std::string packed = way.pack(text);
         std::string flipped = packed;
         flipped[packed.size() - way.check_at] = static_cast<char>(flipped[packed.size() - way.check_at] ^ 1);
+        std::string second = packed + packed;
+        second[packed.size() + 3] = ':';
         for (const std::string& bytes :
-             {packed.substr(0, packed.size() / 2), packed.substr(0, packed.size() - 1), flipped}) {
+             {packed.substr(0, packed.size() / 2), packed.substr(0, packed.size() - 1), flipped, second}) {
             write_file(path, bytes);
             packed_reader reader(path, PACKED_POINT_SPAN, way.format);
             const std::string got = read_packed(&reader.packed, text.size() + 1, &reader.error);

@@ -11,10 +11,10 @@
 
 namespace veldar {
 
-std::string gzip_member(const std::string& text) {
+std::string gzip_member(const std::string& text, int level) {
     z_stream z = {};
     std::string out(compressBound(static_cast<uLong>(text.size())) + 64, '\0');
-    EXPECT_EQ(deflateInit2(&z, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    EXPECT_EQ(deflateInit2(&z, level, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
     z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
     z.avail_in = static_cast<uInt>(text.size());
     z.next_out = reinterpret_cast<Bytef*>(out.data());

@@ -7,7 +7,10 @@
 
 namespace veldar {
 
-std::string gzip_member(const std::string& text);
+std::string gzip_member(const std::string& text, int level);
+inline std::string gzip_member(const std::string& text) {
+    return gzip_member(text, 6);
+}
 std::string bzip2_member(const std::string& text);  // blocks of 100,000 bytes
 std::string xz_member(const std::string& text);     // the same
 std::string zstd_member(const std::string& text);   // frames of 100,000 bytes
