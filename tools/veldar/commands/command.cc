@@ -7,6 +7,10 @@
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/query/suggestion.h"
 #include "tools/libveldar/store/store.h"
+#include "tools/veldar/commands/command_tree.h"
+#include "tools/veldar/commands/completion.h"
+#include "tools/veldar/commands/examples.h"
+#include "tools/veldar/commands/manual.h"
 #include "tools/veldar/commands/number_input.h"
 
 namespace veldar::tool {
@@ -46,6 +50,33 @@ std::string suggest_meant(const CLI::App& app) {
     const std::string meant = nearest_name(word, is_option ? option_names(&reached(app)) : command_names(reached(app)));
     if (meant.empty()) return {};
     return "'" + word + "' is no " + (is_option ? "option" : "command") + "; did you mean '" + meant + "'?\n";
+}
+
+// Examples in the help, behind what else is said there.
+void add_examples(CLI::App* app, const std::string& name) {
+    std::string text;
+    for (const command_example& example : command_examples()) {
+        if (name == example.command) text += std::string("  veldar ") + example.line + "\n      " + example.does + "\n";
+    }
+    const std::string before = app->get_footer();
+    if (!text.empty()) app->footer(before + (before.empty() ? "" : "\n\n") + "Examples:\n" + text);
+    for (CLI::App* const one : app->get_subcommands([](const CLI::App*) { return true; })) {
+        add_examples(one, name + (name.empty() ? "" : " ") + one->get_name());
+    }
+}
+
+// What the shells and the build ask for, as words that no command has; false for anything else.
+bool answer_unlisted(const CLI::App& app, const std::vector<std::string>& arguments, const std::string& version) {
+    if (arguments.size() == 3 && arguments[0] == "__manual") {
+        manual_write(command_tree(app), version.substr(0, version.find('\n')), arguments[1], arguments[2]);
+    } else if (!arguments.empty() && arguments[0] == "__complete") {
+        for (const std::string& one : completion_of(command_tree(app), {arguments.begin() + 1, arguments.end()})) {
+            std::puts(one.c_str());
+        }
+    } else {
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -172,6 +203,8 @@ int command_line_run(std::span<const command_group> groups, std::vector<std::str
     for (const command_group& group : groups) {
         for (const auto add : group.commands) add({&app, &status, &context, group.heading});
     }
+    if (answer_unlisted(app, arguments, version)) return OUTCOME_DONE;
+    add_examples(&app, "");
     try {
         query_protect_words(&arguments);
         std::reverse(arguments.begin(), arguments.end());  // as the parser takes them

@@ -97,6 +97,7 @@ void add_retain_command(const command& veldar);
 void add_gc_command(const command& veldar);
 void add_watch_command(const command& veldar);
 void add_metrics_command(const command& veldar);
+void add_completion_command(const command& veldar);
 
 // Commands that the help lists together.
 struct command_group {

@@ -1,11 +1,13 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <string>
 
 #include "libzero/create-crash-dump.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/st_init.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/library_versions.h"
 #include "tools/libveldar/store/observer.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/terminal_observer.h"
@@ -35,11 +37,10 @@ constexpr void (*KEEPING[])(const command&) = {
     veldar::tool::add_gc_command,       veldar::tool::add_seal_command,   veldar::tool::add_salvage_command,
     veldar::tool::add_rebuild_command,
 };
+constexpr void (*TOOL[])(const command&) = {veldar::tool::add_completion_command};
 constexpr veldar::tool::command_group GROUPS[] = {
-    {"Getting in", IN},
-    {"Asking", ASKING},
-    {"Looking inside", LOOKING},
-    {"Keeping in order", KEEPING},
+    {"Getting in", IN},  {"Asking", ASKING}, {"Looking inside", LOOKING}, {"Keeping in order", KEEPING},
+    {"This tool", TOOL},
 };
 
 }  // namespace
@@ -52,7 +53,9 @@ int main(int argc, char** argv) {
     try {
         veldar::st_init("veldar");
         static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without
-        return veldar::tool::command_line_run(GROUPS, {argv + 1, argv + argc}, "veldar " VELDAR_VERSION);
+        const std::string version =
+            "veldar " VELDAR_VERSION "\ncommit " VELDAR_COMMIT "\n" + veldar::tool::library_versions();
+        return veldar::tool::command_line_run(GROUPS, {argv + 1, argv + argc}, version.c_str());
     } catch (const veldar::tool::failure_t& failure) {
         veldar::tool::say_trouble(failure.message);
         return failure.status;

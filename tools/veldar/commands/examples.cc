@@ -1,0 +1,86 @@
+#include "tools/veldar/commands/examples.h"
+
+namespace veldar::tool {
+
+namespace {
+
+constexpr command_example EXAMPLES[] = {
+    {"load", "load access.log app.log", "Index two logs; what was loaded before is left out"},
+    {"load", "load -r logs --host web1", "All logs in a directory and below it, as of the host web1"},
+    {"load", "load - --format logfmt < app.log", "Lines from a pipe, of a known format"},
+    {"watch", "watch app.log", "Follow a log as it grows and is rotated, until Ctrl-C"},
+    {"watch", "watch 'logs/*.log' --sync-every 1s", "All logs of such names, now or later, found within a second"},
+    {"put", "put index events.tsv", "Put events that are tokenised already into a bare index"},
+    {"put", "dump --format tsv | veldar put copy", "Copy a store's events with their terms into a bare index"},
+    {"forget", "forget access.log", "Take out what was loaded from a log"},
+    {"forget", "-s .veldar forget app.log", "From a store that is named"},
+    {"search", "search status=404 -n 10", "The ten newest lines with that status"},
+    {"search", "search '\"connection refused\"' -C 2", "Text as it stands in the lines, with two lines around each"},
+    {"search", "search 'status>=500 NOT bot' --since 2024-05-01 --fields path,bytes --format csv",
+     "Some fields of newer lines, for a spreadsheet"},
+    {"count", "count 'status>=500'", "How many requests failed"},
+    {"count", "count 'refused~' --since '3650 days ago'", "Inside of words, too"},
+    {"stats", "stats 'status>=400' --every 1h", "Errors an hour, drawn on a terminal"},
+    {"stats", "stats --by path --agg 'count,avg(bytes),p99(bytes)' --top 5", "The busiest paths with what they send"},
+    {"top", "top clientip status=404", "The ten clients with the most"},
+    {"top", "top path,status -n 5", "Of two fields together"},
+    {"new", "new level --since 2024-05-01", "Levels that were never seen before that day"},
+    {"new", "new 'status=5*' --since 2024-05-01T00:10", "Failures of a new kind"},
+    {"diff", "diff --before 2024-05-01T00:00..2024-05-01T00:10 --after 2024-05-01T00:10..2024-05-01T00:20",
+     "What changed between two stretches of time"},
+    {"diff", "diff status --before 2024-05-01T00:00..2024-05-01T00:10 --after 2024-05-01T00:10..2024-05-01T00:20 -n 3",
+     "Of one field alone"},
+    {"terms", "terms 'status=*'", "All values of a field, the most frequent ones first"},
+    {"terms", "terms 'err*' --sort term", "Words that begin so, by the alphabet"},
+    {"fields", "fields", "The fields there are"},
+    {"fields", "fields --bytes", "What each costs on the disk"},
+    {"seen", "seen status=404", "When it was first and last seen, and how often"},
+    {"seen", "seen refused --tz Europe/Berlin", "A word, with times of a zone"},
+    {"metrics load", "metrics load scrape.om", "Index metrics in OpenMetrics or Prometheus text"},
+    {"metrics load", "metrics load cpu.csv --dims host", "A table, one of whose columns is a label"},
+    {"metrics ls", "metrics ls", "The metrics there are"},
+    {"metrics ls", "metrics ls 'http_*' --format jsonl", "Some of them, for a program"},
+    {"metrics query", "metrics query 'http_*' --where code=500 -n 5", "The newest samples of some series"},
+    {"metrics query", "metrics query http_requests_total --every 5m --rate --by code", "Requests a second, by code"},
+    {"metrics cardinality", "metrics cardinality", "Which labels make how many series"},
+    {"metrics cardinality", "metrics cardinality code", "The values of one label"},
+    {"metrics dump", "metrics dump", "All samples, as text that can be loaded again"},
+    {"metrics dump", "metrics dump 'http_*' --since 2024-05-01", "Some of them"},
+    {"explain", "explain 'level=error refused~'", "How a query is understood, and what it reads"},
+    {"explain", "explain --native '[AND error [NOT cron]]'", "Of one in bracket notation"},
+    {"ls", "ls", "The slices of the store, the newest first"},
+    {"ls", "ls --buckets", "Its buckets"},
+    {"info", "info .veldar/bucket-000001/*.tsidx", "What a slice is made of"},
+    {"info", "info --format json .veldar/bucket-000001/*.tsidx", "For a program"},
+    {"dump", "dump", "All events with their terms, as JSON"},
+    {"dump", "dump --format tsv .veldar/bucket-000001", "Of one bucket, as 'veldar put' reads it"},
+    {"health", "health", "How much the times of slices overlap"},
+    {"health", "health .veldar/bucket-000001", "In one bucket"},
+    {"fsck", "fsck", "Check every slice, to the bit"},
+    {"fsck", "fsck --quick", "Against the seals alone, as fast as the disk reads"},
+    {"fsck", "fsck --against-source --sample 100", "And one event in a hundred against its log"},
+    {"optimize", "optimize", "Merge slices of a like size"},
+    {"optimize", "optimize --all --dry-run", "Say what would become of all of them"},
+    {"delete", "delete 'clientip=10.0.0.7' --dry-run", "How many events would go"},
+    {"delete", "delete path=/private --until 2030-01-01", "Take events out of the index; the logs stay"},
+    {"retain", "retain --older-than 3650d", "Let old events go"},
+    {"retain", "retain --max-size 20G --dry-run", "Say what would go for the sake of space"},
+    {"gc", "gc --dry-run", "What is left over"},
+    {"gc", "gc --yes", "Take it away"},
+    {"seal", "seal", "Seal the slices that are not"},
+    {"seal", "seal .veldar/bucket-000001", "Of one bucket"},
+    {"salvage", "salvage --dry-run", "Say what could be saved of damaged slices"},
+    {"salvage", "salvage .veldar/bucket-000001", "Save it"},
+    {"rebuild", "rebuild", "Load the logs of lost events anew"},
+    {"rebuild", "rebuild --host web1", "With the options of the load"},
+    {"completion", "completion bash > veldar.bash", "For this shell; 'source' it, or install it for all"},
+    {"completion", "completion fish > veldar.fish", "For another"},
+};
+
+}  // namespace
+
+std::span<const command_example> command_examples() {
+    return EXAMPLES;
+}
+
+}  // namespace veldar::tool
