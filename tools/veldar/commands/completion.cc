@@ -62,7 +62,8 @@ function __veldar_complete
     set -l words (commandline -opc)
     $words[1] __complete $words[2..-1] (commandline -ct) 2>/dev/null
 end
-complete -c veldar -a '(__veldar_complete)'
+complete -c veldar -f -n 'test (count (__veldar_complete)) -gt 0' -a '(__veldar_complete)'
+complete -c veldar -F -n 'test (count (__veldar_complete)) -eq 0'
 )";
 
 // Ends what is asked of a large store.
