@@ -2,6 +2,8 @@
 #include "tools/libveldar/face/face_stats.h"
 #include "tools/libveldar/query/metric_ask.h"
 #include "tools/libveldar/query/metric_catalog.h"
+#include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/store.h"
 
 using namespace veldar::tool;
 
@@ -17,6 +19,11 @@ metric_question question_from(const veldar_metric_query* query) {
     question.zone = given.zone == nullptr ? "UTC" : given.zone;
     if (question.names.empty()) question.names = {"*"};
     return question;
+}
+
+// A store into which no metrics were loaded answers with nothing. What else is at the path is for the engine to judge.
+bool has_metrics(const veldar_store* store) {
+    return !store_is(store->path) || disk_exists(metric_directory_of(store->path));
 }
 
 void put_escaped(std::string* out, std::string_view text) {
@@ -54,7 +61,8 @@ veldar_status veldar_metrics(veldar_store* store, veldar_table** table) {
     *table = nullptr;
     return face_run(&store->hearing, [&](const face_call& call) {
         troubles trouble;
-        const metric_catalog catalog = metric_catalog_read(metric_directory_of(store->path), &trouble);
+        metric_catalog catalog;
+        if (has_metrics(store)) catalog = metric_catalog_read(metric_directory_of(store->path), &trouble);
         auto to = std::make_unique<veldar_table>();
         table_column(to.get(), "metric", VELDAR_TEXT);
         for (const char* const name : {"samples", "series"}) table_column(to.get(), name, VELDAR_UINT64);
@@ -75,7 +83,9 @@ veldar_status veldar_metric_samples(veldar_store* store, const veldar_metric_que
     *table = nullptr;
     return face_run(&store->hearing, [&](const face_call& call) {
         metric_points points;
-        metric_samples_read(metric_directory_of(store->path), question_from(query), limit, false, &points);
+        if (has_metrics(store)) {
+            metric_samples_read(metric_directory_of(store->path), question_from(query), limit, false, &points);
+        }
         struct series_texts {
             std::string name, labels;
         };
@@ -107,13 +117,13 @@ veldar_status veldar_metric_stats(veldar_store* store, const veldar_metric_query
         const metric_question question = question_from(query);
         metric_stats_result result;
         troubles trouble;
-        metric_stats_ask(metric_directory_of(store->path), question,
-                         {text_from(given.by),
-                          text_from(given.aggregates),
-                          given.keeps_missing != 0,
-                          given.rate != 0,
-                          {text_from(given.every), question.zone}},
-                         &result, &trouble);
+        const metric_stats_question wanted = {text_from(given.by),
+                                              text_from(given.aggregates),
+                                              given.keeps_missing != 0,
+                                              given.rate != 0,
+                                              {text_from(given.every), question.zone}};
+        metric_stats_ask(has_metrics(store) ? metric_directory_of(store->path) : "", question, wanted, &result,
+                         &trouble);
         auto to = std::make_unique<veldar_table>();
         face_put_stats(result.request, &result.table, result.grid, {.top = given.top}, to.get());
         return end_table(std::move(to), trouble, call, table);

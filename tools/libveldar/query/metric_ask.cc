@@ -101,7 +101,7 @@ void metric_stats_ask(const std::string& directory, const metric_question& quest
     const std::string aggregates = wanted.aggregates.empty() ? "avg" : wanted.aggregates;
     result->request = stats_request_parse_metrics(wanted.by, aggregates, question.names);
     const prepared_query query = metric_query_of(question);
-    const slice_set slices = slices_list(directory);
+    const slice_set slices = directory.empty() ? slices_none() : slices_list(directory);
     result->grid = stats_grid_make(wanted.bins, slices, query, &result->request.spec);
     if (wanted.rate) {
         return select_rates(slices, query, question.names, result->request, result->grid, wanted.keeps_missing,

@@ -40,7 +40,7 @@ struct metric_stats_result {
     select_table_t table;  // finished
     select_report_t report;
 };
-// What cannot be read is told to `trouble`. Throws failure_t.
+// An empty `directory` has no metrics. What cannot be read is told to `trouble`. Throws failure_t.
 void metric_stats_ask(const std::string& directory, const metric_question& question,
                       const metric_stats_question& wanted, metric_stats_result* result, troubles* trouble);
 

@@ -134,6 +134,13 @@ slice_set slices_list_all(const std::string& path) {
     return list_path(path, true, true);
 }
 
+slice_set slices_none() {
+    slice_set set;
+    set.errors = std::make_shared<std::vector<std::string>>();
+    take(&set, nullptr);
+    return set;
+}
+
 std::vector<cursor_source_t> slices_sources(const slice_set& set) {
     std::vector<cursor_source_t> sources;
     for (const slice_directory& directory : set.directories) {

@@ -38,6 +38,8 @@ struct slice_set {
 slice_set slices_list(const std::string& path, bool tells_empty = true);
 // The same with the metrics of a store, for the commands that look inside of slices.
 slice_set slices_list_all(const std::string& path);
+// None of them.
+slice_set slices_none();
 // The directories, or the file, for cursors.
 std::vector<cursor_source_t> slices_sources(const slice_set& set);
 // Tells of the directories that could not be listed: the command ends with OUTCOME_IO when it has answered what it can.
