@@ -54,6 +54,15 @@ if [ -e "$work/prefix/include/veldar.h" ]; then
     "$work/put_events" "$work/index3" | grep -qx '50 errors'
 fi
 
+package=$(find "$work/prefix" -type d -path '*/dist-packages/veldar')
+if [ -n "$package" ]; then
+    echo "import veldar"
+    PYTHONPATH=${package%/veldar} PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -c '
+import sys, veldar
+assert veldar.__file__.startswith(sys.argv[1]) and veldar.open(sys.argv[2]).count("level=error") == 100' \
+        "$package" "$work/index3"
+fi
+
 echo "add_subdirectory(veldar)" # without compiling the engine once more
 configure "$work/part" -DVELDAR_SOURCE="$root" -DCMAKE_OPTIMIZE_DEPENDENCIES=ON
 "$cmake" --build "$work/part" --target zero consumer_object >/dev/null
