@@ -74,6 +74,9 @@ TEST(Manual, EveryCommandHasAPageWithExamplesThatWork) {
     for (const tool::command_example& example : tool::command_examples()) {
         const std::string copy = dir.file("copy");
         examples[example.command]++;
+#ifndef VELDAR_HAS_SQLITE
+        if (std::string(example.command) == "sql") continue;
+#endif
         fs::remove_all(copy);
         fs::create_directories(copy);
         for (const char* const name :

@@ -46,6 +46,8 @@ constexpr command_example EXAMPLES[] = {
     {"metrics cardinality", "metrics cardinality code", "The values of one label"},
     {"metrics dump", "metrics dump", "All samples, as text that can be loaded again"},
     {"metrics dump", "metrics dump 'http_*' --since 2024-05-01", "Some of them"},
+    {"sql", "sql \"SELECT time, raw FROM events('status=404') ORDER BY time DESC LIMIT 5\"", "The five newest"},
+    {"sql", "sql --format csv 'SELECT host, count(*) FROM events GROUP BY host'", "For a spreadsheet"},
     {"explain", "explain 'level=error refused~'", "How a query is understood, and what it reads"},
     {"explain", "explain --native '[AND error [NOT cron]]'", "Of one in bracket notation"},
     {"ls", "ls", "The slices of the store, the newest first"},
