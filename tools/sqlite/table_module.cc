@@ -188,16 +188,22 @@ bool can_count(const face_cursor& cursor, const table_kind& kind) {
            cursor.plan.window.is_whole();
 }
 
+int pass_counted(face_cursor* cursor) {
+    cursor->row++;
+    cursor->at_end = static_cast<uint64_t>(cursor->row) > cursor->total;
+    return SQLITE_OK;
+}
+
 int next(sqlite3_vtab_cursor* given) {
     auto* const cursor = static_cast<face_cursor*>(given);
+    if (cursor->counts) return pass_counted(cursor);
     return guarded(given->pVtab, [&] {
-        if (!cursor->counts && can_count(*cursor, *table_of(given)->kind)) {
-            if (const int status = count_rows(cursor); status != SQLITE_OK) return status;
+        if (!can_count(*cursor, *table_of(given)->kind)) {
+            cursor->row++;
+            return advance(cursor);
         }
-        cursor->row++;
-        if (!cursor->counts) return advance(cursor);
-        cursor->at_end = static_cast<uint64_t>(cursor->row) > cursor->total;
-        return SQLITE_OK;
+        const int status = count_rows(cursor);
+        return status == SQLITE_OK ? pass_counted(cursor) : status;
     });
 }
 

@@ -1,5 +1,5 @@
 // What of a statement's conditions goes to the library, as SQLite's planner and cursor hand it on: a text such as
-// "veldar: query time>= limit order", which EXPLAIN QUERY PLAN shows. Each word but `order` and `count` has a value.
+// "veldar: time>= query order limit", which EXPLAIN QUERY PLAN shows. Each word but `order` and `count` has a value.
 #pragma once
 
 #include <sqlite3ext.h>
