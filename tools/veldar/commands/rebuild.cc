@@ -38,6 +38,7 @@ struct rebuild_options {
 
 // A log to load anew.
 struct lost_log {
+    uint32_t number;
     std::string path, source;
     std::string host, sourcetype;  // empty: as a load without options has it
     bool operator<(const lost_log& other) const { return path < other.path; }
@@ -91,7 +92,7 @@ std::string name_of(const store_dictionary& dictionary, uint32_t number) {
 lost_log log_of(const loader& load, const source_file& file, std::string path) {
     const std::string host = name_of(load.st.hosts, file.host), type = name_of(load.st.sourcetypes, file.sourcetype);
     const bool usual_type = file.format.substr(0, file.format.find_first_of(" \t\n")) == type;
-    return {std::move(path), name_of(load.st.sources, file.source), host == load.machine ? "" : host,
+    return {file.number, std::move(path), name_of(load.st.sources, file.source), host == load.machine ? "" : host,
             usual_type ? "" : type};
 }
 
@@ -149,7 +150,10 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
     loader_open(&load, store, options);
     loader_forget(&load, log.path, true);
     std::string error;
-    const bool read = loader_load(&load, log.path, &error, log.source);
+    // A log that is still known, as it could not be read a moment ago, would count as loaded.
+    const bool forgot = !load.known.by_number.contains(log.number);
+    if (!forgot) error = "it cannot be told from other logs, or not be read";
+    const bool read = forgot && loader_load(&load, log.path, &error, log.source);
     loader_close(&load);
     if (!read) say_trouble(log.path + ": " + error);
     totals->events += load.totals.events;
