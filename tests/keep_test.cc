@@ -370,6 +370,27 @@ TEST_F(Watch, EachLineOnceThroughRotationsAndKills) {
     }
 }
 
+// What is seen of a copy before it is whole is no other log.
+TEST_F(Watch, ACopyTakesItsTime) {
+    watching watch(store, {app});
+    write_lines(300);
+    EXPECT_TRUE(all_found());
+    const std::string whole = read_file(app), first = app + ".1";
+    for (const size_t part : {size_t{4096}, size_t{5000}, size_t{12345}}) {
+        write_file(first + ".new", whole.substr(0, part));
+        fs::rename(first + ".new", first);
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    }
+    write_lines(1);
+    EXPECT_TRUE(all_found()) << count();
+    write_file(first, read_file(app));
+    fs::resize_file(app, 0);
+    write_lines(1);
+    EXPECT_TRUE(all_found()) << count();
+    EXPECT_EQ(watch.end(SIGTERM), 0);
+    expect_each_once();
+}
+
 TEST_F(Watch, WhatIsWrittenWhenTheSignalComesIsThere) {
     fs::remove(app);
     watching watch(store, {app, dir.file("later/*.log")});

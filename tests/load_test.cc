@@ -328,6 +328,51 @@ TEST_F(Load, KilledOverACompressedLogThatHadGrown) {
     EXPECT_NE(load({packed}).err.find("1 file with nothing new"), std::string::npos);
 }
 
+// At any call of one who follows it: what was read then may be of the old content, of the new one, or of both.
+TEST_F(Load, ALogThatIsCopiedAndTruncatedWhileItIsRead) {
+    load_options options;
+    options.no_fsync = options.no_optimize = options.follows = true;
+    for (const bool copied : {false, true}) {
+        for (const int anew : {5, 20, 60}) {
+            for (uint64_t n = 1, calls = 1; n <= calls && !HasFailure(); n++) {
+                SCOPED_TRACE(testing::Message() << (copied ? "copied before, " : "") << anew << " at call " << n);
+                const temp_dir place;
+                const std::string log = place.file("a.log"), piece = log + ".1", path = place.file("store");
+                loader one;
+                loader_open(&one, path, options);
+                std::set<std::string> errors;
+                const auto follow = [&](const std::string& name, bool is_over) {
+                    uint32_t number = 0;
+                    std::string error;
+                    if (!std::filesystem::exists(name)) return;
+                    if (!loader_follow(&one, {name, log, is_over}, &number, &error)) errors.insert(error);
+                };
+                write_file(log, joined(log_lines(0, 10)));
+                follow(log, false);
+                loader_sync(&one);
+                append(log, joined(log_lines(10, 15)));
+                if (copied) std::filesystem::copy_file(log, piece);
+                {
+                    const fault_step step(n, [&] {
+                        if (!copied) std::filesystem::copy_file(log, piece);
+                        write_file(log, joined(log_lines(25, anew)));
+                    });
+                    if (copied) follow(piece, true);
+                    follow(log, false);
+                    calls = step.calls();
+                }
+                for (int i = 0; i < 2; i++) {
+                    follow(piece, true);
+                    follow(log, false);
+                }
+                loader_close(&one);
+                EXPECT_EQ(records(path), sorted(log_lines(0, 25 + anew)));
+                EXPECT_TRUE(errors.empty() || errors == std::set<std::string>{"its end cannot be read"});
+            }
+        }
+    }
+}
+
 TEST_F(Load, KilledBetweenTheSliceAndTheMark) {
     const std::string log = file("a.log");
     const lines all = log_lines(0, 100);

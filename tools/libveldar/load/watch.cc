@@ -35,6 +35,8 @@ constexpr milliseconds ROTATES_FOR{600000};       // so long its older pieces ma
 constexpr milliseconds PIECES_SETTLE_FOR{30000};  // those of a rotation of before
 constexpr uint64_t SURELY_LOADED_NS = 600'000'000'000;  // before the last load
 constexpr uint64_t BEING_WRITTEN_NS = 2'000'000'000;    // one that is compressed right now
+constexpr milliseconds FINISHED_AFTER{4000};            // one that was being written and does not change any more
+constexpr size_t ALIKE_MAX = 65536;                     // bytes that tell a copy
 constexpr size_t OVER_MAX = 64;
 constexpr unsigned LAST_SECONDS = 3;
 
@@ -57,7 +59,7 @@ struct followed_file {
 struct rotation {
     uint64_t since_ns = 0;      // what was written before has been loaded
     clock::time_point until{};  // looked for so long
-    std::map<std::string, file_stamp> loaded;
+    std::map<std::string, file_stamp> loaded, unfinished;
 };
 
 struct watcher {
@@ -280,9 +282,39 @@ std::vector<std::pair<std::string, struct stat>> pieces_of(const std::string& na
     return pieces;
 }
 
+bool have_same_bytes(int a, int b, uint64_t offset, size_t size) {
+    std::string one(size, '\0'), other(size, '\0');
+    return disk_read_at(a, one.data(), size, offset) == static_cast<int64_t>(size) &&
+           disk_read_at(b, other.data(), size, offset) == static_cast<int64_t>(size) && one == other;
+}
+
+// Whether the piece is nothing but a beginning of the log as it stands: a copy that is being made before the log is
+// truncated. The log has all of it, and what is known of the log does not tell a half copy from another log.
+bool is_half_copy(const watcher& w, const std::string& name, const std::string& path) {
+    struct stat log, piece;
+    const auto file = w.files.find(name);
+    if (file == w.files.end() || !file->second.fd.valid()) return false;
+    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const int held = file->second.fd.get();
+    if (!fd.valid() || ::fstat(fd.get(), &piece) != 0 || ::fstat(held, &log) != 0) return false;
+    if (is_same_file(stamp_of(piece), stamp_of(log)) || piece.st_size >= log.st_size) return false;
+    const auto size = static_cast<uint64_t>(piece.st_size);
+    const size_t part = static_cast<size_t>(std::min<uint64_t>(size, ALIKE_MAX));
+    return have_same_bytes(fd.get(), held, 0, part) && have_same_bytes(fd.get(), held, size - part, part);
+}
+
 // One that is being compressed is not whole yet; when it is, it has the time of what it was made of.
-bool is_being_written(const std::string& path, const file_stamp& stamp) {
-    return packed_name_stem(path).size() != path.size() && now_ns() < stamp.modified_ns + BEING_WRITTEN_NS;
+bool is_being_written(const watcher& w, const std::string& name, const std::string& path, const file_stamp& stamp) {
+    const bool packed = packed_name_stem(path).size() != path.size();
+    return packed ? now_ns() < stamp.modified_ns + BEING_WRITTEN_NS : is_half_copy(w, name, path);
+}
+
+// The rotation is not over while a piece grows.
+void wait_for_piece(rotation* rotated, const std::string& path, const file_stamp& stamp) {
+    const auto [known, is_new] = rotated->unfinished.try_emplace(path, stamp);
+    if (!is_new && known->second == stamp) return;
+    known->second = stamp;
+    rotated->until = std::max(rotated->until, clock::now() + FINISHED_AFTER);
 }
 
 void load_pieces(watcher* w, const std::string& name, const std::vector<std::string>& others, rotation* rotated) {
@@ -290,7 +322,10 @@ void load_pieces(watcher* w, const std::string& name, const std::vector<std::str
     for (const auto& [path, status] : pieces_of(name, others)) {
         const file_stamp stamp = stamp_of(status);
         if (stamp.modified_ns < rotated->since_ns || is_followed(*w, stamp) || work_stops()) continue;
-        if (is_being_written(path, stamp)) continue;
+        if (is_being_written(*w, name, path, stamp)) {
+            wait_for_piece(rotated, path, stamp);
+            continue;
+        }
         const auto known = rotated->loaded.find(path);
         uint32_t number = 0;
         std::string error;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -68,6 +69,10 @@ void fill_head(log_input* input) {
 // The head as it is stored tells the encoding.
 void read_head(log_input* input) {
     fill_head(input);
+    if (!input->pipe && input->packed == nullptr) {
+        input->first_size = input->head.size();
+        input->first_hash = XXH64(input->head.data(), input->head.size(), 0);
+    }
     const text_encoding_t encoding = text_encoding_of(input->head);
     if (encoding != TEXT_UTF16_LITTLE && encoding != TEXT_UTF16_BIG) return;
     input->wide = std::make_unique<wide_text>();
@@ -164,6 +169,13 @@ bool log_input_open(log_input* input, const std::string& path, std::string* erro
         return false;
     }
     return true;
+}
+
+bool log_input_is_uncut(const log_input& input) {
+    if (input.first_size == 0) return true;
+    std::string first(input.first_size, '\0');
+    return disk_read_at(input.fd.get(), first.data(), first.size(), 0) == static_cast<int64_t>(first.size()) &&
+           XXH64(first.data(), first.size(), 0) == input.first_hash;
 }
 
 bool log_input_leave_last_line(log_input* input, std::string* error) {

@@ -18,6 +18,8 @@ struct log_input {
     bool pipe = false;  // cannot be read again
     uint64_t device = 0, inode = 0, size = 0, modified_ns = 0;
     std::string head;                       // the first bytes, decoded: at most LOG_HEAD_MAX
+    size_t first_size = 0;                  // of a file that is not compressed: the first bytes as they are stored, and
+    uint64_t first_hash = 0;                // their XXH64
     std::unique_ptr<packed_stream> packed;  // null for what is not compressed
     std::unique_ptr<wide_text> wide;        // null for what is not UTF-16
     uint64_t stored_end = ~uint64_t{0};     // of a file that is not compressed: nothing is read from here on
@@ -35,6 +37,9 @@ inline constexpr size_t LOG_HEAD_MAX = 65536;
 inline bool log_input_is_plain(const log_input& input) {
     return !input.pipe && input.packed == nullptr && input.wide == nullptr;
 }
+// Whether a file that is not compressed begins as when it was opened. Else it was cut meanwhile and may be written anew,
+// and what was read last may be of either content. True for what cannot be told of.
+bool log_input_is_uncut(const log_input& input);
 // How far the file itself has been read.
 uint64_t log_input_stored_offset(const log_input& input);
 // Sets stored_end behind the last line end of a file that is not compressed. Whether that leaves bytes out; a message
