@@ -1,18 +1,23 @@
 // veldar metrics: what is loaded comes out again, whole and once.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
 
+#include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/formats/metric_text.h"
+#include "tools/libveldar/load/metric_loader.h"
 
 namespace veldar {
 
@@ -99,6 +104,50 @@ TEST(MetricsTool, LoadDumpLoadGivesEqualStores) {
         write_file(file, dump);
         must({"metrics", "--dir", second, "load", file});
         EXPECT_EQ(must({"metrics", "--dir", second, "dump"}), dump);
+    }
+}
+
+// At every call of a load, which the next one goes on with, after a merge of what is there.
+TEST(MetricsTool, KilledAtAnyCallEachSampleComesOnce) {
+    const lock_optimism optimism;
+    const temp_dir files;
+    metric_load_options options;
+    options.batch_samples = 250;
+    options.no_fsync = true;
+    std::string all;
+    for (const uint64_t seed : {uint64_t{1}, uint64_t{3}}) {
+        std::string text;
+        for (const sample& one : random_samples(seed, 300)) text += line_of(one);
+        options.files.push_back(files.file(std::to_string(seed) + ".om"));
+        write_file(options.files.back(), text);
+        all += text;
+    }
+    const auto load = [&](const std::string& directory) {
+        metric_loader loader;
+        std::string error;
+        metric_loader_open(&loader, directory, options);
+        for (const std::string& file : options.files) EXPECT_TRUE(metric_loader_load(&loader, file, &error)) << error;
+        metric_loader_close(&loader);
+    };
+    bool is_over = false;
+    for (uint64_t call = 1; !is_over && !testing::Test::HasFailure(); call++) {
+        SCOPED_TRACE(call);
+        const temp_dir dir;
+        const std::string index = dir.file("index");
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const fault_step death(fault_action::kill_before, call);
+            load(index);
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        is_over = WIFEXITED(status);
+        if (call % 3 == 0 && !files_in(index, ".tsidx").empty()) must({"optimize", "--all", index});
+        load(index);
+        ASSERT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})), sample_lines(all));
+        EXPECT_FALSE(std::filesystem::exists(index + "/metrics.batch"));
+        EXPECT_TRUE(!is_over || call > 100) << call;
     }
 }
 

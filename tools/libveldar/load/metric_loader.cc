@@ -106,12 +106,12 @@ void open_writer(metric_loader* load) {
     const bool milliseconds = load->batch.milliseconds;
     if (load->writer.thing != nullptr && milliseconds == load->milliseconds) return;
     index_writer_close(&load->writer);
-    index_writer_open_metrics(&load->writer, load->directory, milliseconds, !load->options->no_fsync);
+    metric_staging_make(load->staging);
+    index_writer_open_metrics(&load->writer, load->staging.path, milliseconds, !load->options->no_fsync);
     load->milliseconds = milliseconds;
 }
 
-// Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken. The
-// notes are made before and follow at once, because what is killed in between is loaded twice.
+// Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken.
 void write_batch(metric_loader* load, metric_file* file) {
     if (file != nullptr && !file->timeless && !file->input.pipe && file->taken > file->from) {
         metric_note note;
@@ -125,8 +125,9 @@ void write_batch(metric_loader* load, metric_file* file) {
         open_writer(load);
         metric_batch_write(&load->batch, &load->writer, &load->totals);
         index_writer_sync(&load->writer);
+        metric_staging_commit(load->staging, load->done, &load->notes);
     }
-    for (const metric_note& note : load->done) metric_notes_add(&load->notes, note);
+    for (const metric_note& note : load->done) metric_notes_add_line(&load->notes, metric_note_line(note));
     load->done.clear();
 }
 
@@ -274,6 +275,7 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
     load->lock = disk_lock(directory + "/metrics.lock", directory);
     if (options.in_store) store_remove_leftovers(directory);
     metric_notes_open(&load->notes, directory, !options.no_fsync);
+    load->staging = metric_staging_settle(directory, &load->notes, !options.no_fsync);
     load->slices_before = slice_names(directory);
     load_begin(load, options.files);
 }
@@ -306,6 +308,7 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
 void metric_loader_close(metric_loader* load) {
     write_batch(load, nullptr);
     index_writer_close(&load->writer);
+    metric_staging_remove(load->staging);
     totals_add_slices(&load->totals, load->directory, load->slices_before);
 }
 

@@ -1,8 +1,8 @@
 // Loads samples of metrics into a metric directory.
 //
-// Samples are written in batches, each of which becomes whole slices; only then is it noted how far the file is loaded
-// (metric_notes.h). What a load had not noted when it was killed is loaded again by the next one, so between the slices
-// and the note a sample can come twice, and never not at all.
+// Samples are written in batches. Each becomes whole slices, and these and the notes of how far the files are loaded
+// (metric_notes.h) count from one moment on (metric_staging.h): each sample comes once, however often the load is killed
+// and begun again.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@
 #include "tools/libveldar/load/load_files.h"
 #include "tools/libveldar/load/metric_batch.h"
 #include "tools/libveldar/load/metric_notes.h"
+#include "tools/libveldar/load/metric_staging.h"
 #include "tools/libveldar/store/line_reader.h"
 #include "tools/libveldar/store/troubles.h"
 
@@ -38,6 +39,7 @@ struct metric_loader : load_report {
     std::string directory;
     unique_fd lock;
     metric_notes notes;
+    metric_staging staging;
     index_writer writer;        // open when there has been something to write
     bool milliseconds = false;  // of the writer
     metric_batch batch;

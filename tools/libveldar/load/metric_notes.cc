@@ -113,11 +113,19 @@ bool metric_note_make(file_hash* hash, const log_input& input, uint64_t options,
            hash_up_to(hash, input.fd.get(), size, &note->hash, error);
 }
 
-void metric_notes_add(metric_notes* notes, const metric_note& note) {
-    std::string line =
+std::string metric_note_line(const metric_note& note) {
+    const std::string line =
         fmt::format("{:x} {:x} {:x} {:x} {:x} ", note.size, note.hash, note.head, note.options, note.offset);
-    line += fmt::format("{:x}\n", hash_text(line));
-    line_file_add(&notes->file, line);
+    return line + fmt::format("{:x}", hash_text(line));
+}
+
+void metric_notes_add_line(metric_notes* notes, std::string_view line) {
+    metric_note note;
+    if (!parse_note(line, &note)) {
+        return say_trouble(notes->file.path + ": a note is damaged: the file that it notes counts as not loaded");
+    }
+    if (std::find(notes->notes.begin(), notes->notes.end(), note) != notes->notes.end()) return;
+    line_file_add(&notes->file, metric_note_line(note) + "\n");
     notes->notes.push_back(note);
 }
 

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/libveldar/store/disk_file.h"
@@ -22,6 +23,7 @@ namespace veldar::tool {
 
 struct metric_note {
     uint64_t size = 0, hash = 0, head = 0, options = 0, offset = 0;
+    bool operator==(const metric_note&) const = default;
 };
 
 // The hash of ever longer beginnings of one file.
@@ -50,6 +52,9 @@ bool metric_notes_find(const metric_notes& notes, const log_input& input, uint64
 // one hash. False as above.
 bool metric_note_make(file_hash* hash, const log_input& input, uint64_t options, uint64_t offset, metric_note* note,
                       std::string* error);
-void metric_notes_add(metric_notes* notes, const metric_note& note);
+// Its line, without an end.
+std::string metric_note_line(const metric_note& note);
+// Adds the note that a line holds, unless it is there. One that is damaged is named and left out.
+void metric_notes_add_line(metric_notes* notes, std::string_view line);
 
 }  // namespace veldar::tool
