@@ -8,6 +8,7 @@
 #include "libzero/resource.h"
 #include "searchthing/columns/cstore.h"
 #include "tools/libveldar/check/fsck_internal.h"
+#include "tools/libveldar/store/disk_file.h"
 
 namespace veldar::tool {
 
@@ -64,7 +65,7 @@ void check_column(fsck_state* fsck, const cs_reader_t& store, uint32_t term, con
 }  // namespace
 
 void fsck_check_cstore(fsck_state* fsck, const fsck_columns& columns) {
-    const unique_fd fd(::open(fsck->image->path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = disk_open(fsck->image->path, O_RDONLY);
     const section_place& at = fsck->image->sections[IN_CSTORE];
     if (!fd.valid()) return;  // bytes without a file
     cs_reader_t store;

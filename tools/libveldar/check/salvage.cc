@@ -490,7 +490,7 @@ salvage_report salvage_slice(const std::string& slice, const std::string& direct
     disk_make_directory(directory + "/copy");
     patient.path = directory + "/copy" + slice.substr(slice.rfind('/'));
     copy_slice(slice, patient.path);
-    const unique_fd fd(::open(patient.path.c_str(), O_RDWR | O_CLOEXEC));
+    const unique_fd fd = disk_open(patient.path, O_RDWR);
     if (!fd.valid()) fail(patient.path);
     report.repaired_bits = repair(patient.image, fd.get(), &patient.faults);
     report.is_repaired = patient.faults.empty() && patient.bad_terms.empty();

@@ -148,7 +148,7 @@ void collect_notes(store_bucket* bucket, const std::set<uint32_t>& gone, bool re
 
 // Whether no load is at work, as far as this moment tells.
 bool is_free(const std::string& store) {
-    const unique_fd lock(::open((store + "/lock").c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd lock = disk_open(store + "/lock", O_RDONLY);
     return !lock.valid() || ::flock(lock.get(), LOCK_SH | LOCK_NB) == 0;
 }
 

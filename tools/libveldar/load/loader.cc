@@ -236,7 +236,7 @@ bool load_pipe(loader* load, file_load* one, std::string* error) {
     const std::string name = "spool-" + std::to_string(one->file.number);
     one->file.path = "../" + bucket->directory.substr(bucket->directory.rfind('/') + 1) + "/" + name;
     const std::string path = bucket->directory + "/" + name;
-    load->spool.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    load->spool = disk_open(path, O_WRONLY | O_CREAT | O_TRUNC);
     if (!load->spool.valid()) fail_io("cannot make", path, errno);
     source_map_put_file(&bucket->map, one->file);
     const bool read = load_rest(load, one, error);

@@ -127,7 +127,7 @@ void totals_add_slices(load_totals* totals, const std::string& directory, const 
     }
     for (const std::string& name : names) {
         if (std::binary_search(before.begin(), before.end(), name)) continue;
-        const unique_fd fd(::open((directory + "/" + name).c_str(), O_RDONLY | O_CLOEXEC));
+        const unique_fd fd = disk_open(directory + "/" + name, O_RDONLY);
         struct stat st;
         st_warm_slice_body header;
         warm_rc_t rc;

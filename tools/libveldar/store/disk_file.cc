@@ -50,8 +50,20 @@ int64_t disk_read_pipe(int fd, char* out, size_t size) {
     }
 }
 
+unique_fd disk_open(const std::string& path, int flags) {
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    unique_fd fd(::open(path.c_str(), flags | (writes ? O_NOFOLLOW : 0) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+    struct stat status;
+    if (!fd.valid()) return fd;
+    if (::fstat(fd.get(), &status) != 0) return unique_fd();
+    if (S_ISREG(status.st_mode)) return fd;
+    fd.reset();
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return fd;
+}
+
 bool disk_read_file(const std::string& path, std::string* content) {
-    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = disk_open(path, O_RDONLY);
     if (!fd.valid()) return false;
     content->clear();
     constexpr size_t PIECE = size_t{1} << 18;
@@ -117,7 +129,7 @@ void disk_sync_name(const std::string& directory) {
 
 bool disk_replace_file(const std::string& path, std::string_view content, bool durable) {
     const std::string part = path + ".part";
-    unique_fd fd(::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    unique_fd fd = disk_open(part, O_WRONLY | O_CREAT | O_TRUNC);
     if (!fd.valid()) return false;
     const bool written = disk_write_at(fd.get(), content, 0) && (!durable || ::fsync(fd.get()) == 0) &&
                          fd.close_checked() == 0 && std::rename(part.c_str(), path.c_str()) == 0;
@@ -132,7 +144,7 @@ bool disk_replace_file(const std::string& path, std::string_view content, bool d
 }
 
 unique_fd disk_lock(const std::string& path, const std::string& directory) {
-    unique_fd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    unique_fd lock = disk_open(path, O_RDWR | O_CREAT);
     if (!lock.valid()) fail_io("cannot open", path, errno);
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
     say_trouble("waiting for another load into " + directory);
@@ -146,7 +158,7 @@ unique_fd disk_lock(const std::string& path, const std::string& directory) {
 std::string line_file_open(line_file* file, const std::string& path, bool durable) {
     file->path = path;
     file->durable = durable;
-    file->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    file->fd = disk_open(path, O_RDWR | O_CREAT);
     std::string content;
     if (!file->fd.valid() || !disk_read_file(path, &content)) fail_io("cannot open", path, errno);
     file->size = content.rfind('\n') + 1;

@@ -19,7 +19,11 @@ void work_catch_interrupts();
 // A descriptor that can be read once the handler has run, for a wait that it is to end. Throws failure_t.
 int work_interrupt_descriptor();
 
-// Reads a file to its end. False with errno set.
+// Opens a file of a store's own: a regular file, and nothing else that may stand there under its name (EINVAL, EISDIR);
+// never waits. One that is written is not behind a symbolic link (ELOOP), so that nothing outside of the store is. Invalid
+// with errno set.
+unique_fd disk_open(const std::string& path, int flags);
+// Reads such a file to its end. False with errno set.
 [[nodiscard]] bool disk_read_file(const std::string& path, std::string* content);
 // Whether anything is at the path. Throws failure_t when that cannot be told.
 bool disk_exists(const std::string& path);

@@ -257,7 +257,7 @@ std::string rewritten(const source_map& map, const std::set<uint32_t>& without) 
 bool source_map_open(source_map* map, const std::string& path, bool writable, std::string* error) {
     map->path = path;
     if (writable) {
-        map->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        map->fd = disk_open(path, O_RDWR | O_CREAT);
         if (!map->fd.valid()) {
             *error = "cannot open " + path + ": " + std::strerror(errno);
             return false;

@@ -85,7 +85,7 @@ bool is_slice(const std::string& name) {
 
 // The greatest address of a slice; false when it has been merged meanwhile.
 bool slice_address_max(const std::string& path, uint64_t* address) {
-    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = disk_open(path, O_RDONLY);
     if (!fd.valid() && errno == ENOENT) return false;
     if (!fd.valid()) fail_io("cannot open", path, errno);
     st_warm_slice_body header;
@@ -210,7 +210,7 @@ void store_note_deleted(const std::string& bucket_directory, uint64_t address) {
     if (!source_map_open(&map, bucket_directory + "/source.map", false, &error)) throw failure_t{OUTCOME_IO, error};
     if (address < map.frontier) return;
     const std::string path = bucket_directory + "/" + DELETED_PREFIX + std::to_string(address);
-    const unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const unique_fd fd = disk_open(path, O_WRONLY | O_CREAT);
     if (!fd.valid()) fail_io("cannot make", path, errno);
     if (!disk_sync_directory(bucket_directory)) fail_io("cannot sync", bucket_directory, errno);
 }
