@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <new>
 
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/failure.h"
@@ -51,10 +52,16 @@ time_range range_of_events(const slice_set& slices, const prepared_query& query,
         options.sources = slices_sources(slices);
         options.query = query_of_plan(query, plan);
         options.query.opt_span = {static_cast<st_time_t>(span_s), 0};
-        options.on_failure = [](const std::string&, const warm_rc_t&) {};  // the answer itself tells them
+        // The answer itself tells failures; but memory may be there again by then, and the answer another.
+        bool is_short = false;
+        options.on_failure = [&](const std::string&, const warm_rc_t& why) {
+            is_short = is_short || why.warm_rc == WARM_RC_NO_MEMORY;
+        };
         select_table_t table;
         warm_rc_t rc;
-        if (select_read(options, &table, nullptr, &rc) != 0) return range;
+        const int status = select_read(options, &table, nullptr, &rc);
+        if (is_short || status == WARM_RC_NO_MEMORY) throw std::bad_alloc();
+        if (status != 0) return range;
         if (table.rows.empty()) continue;
         found.earliest_s = std::min(found.earliest_s, table.rows.front().bin / SECOND_NS);
         found.latest_s = std::max(found.latest_s, table.rows.back().bin / SECOND_NS + span_s - 1);

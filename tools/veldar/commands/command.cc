@@ -3,9 +3,14 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <exception>
+#include <new>
+#include <utility>
 
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/query/suggestion.h"
+#include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command_tree.h"
 #include "tools/veldar/commands/completion.h"
@@ -217,6 +222,31 @@ int command_line_run(std::span<const command_group> groups, std::vector<std::str
     if (!app.get_subcommands().empty()) return status;
     std::fputs("a subcommand is required\nRun with --help for more information.\n", stderr);
     return OUTCOME_USAGE;
+}
+
+namespace {
+
+int run_and_tell(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version) {
+    try {
+        return command_line_run(groups, std::move(arguments), version);
+    } catch (const failure_t& failure) {
+        say_trouble(failure.message);
+        return failure.status;
+    }
+}
+
+}  // namespace
+
+int command_line_main(std::span<const command_group> groups, const char* const* arguments, size_t count,
+                      std::string (*version)()) noexcept {
+    try {
+        return run_and_tell(groups, {arguments, arguments + count}, version().c_str());
+    } catch (const std::bad_alloc&) {
+        std::fputs("veldar: out of memory\n", stderr);
+    } catch (const std::exception& error) {  // the parser's own and the library's, thread or locale
+        std::fprintf(stderr, "veldar: %s\n", error.what());
+    }
+    return OUTCOME_IO;
 }
 
 }  // namespace veldar::tool

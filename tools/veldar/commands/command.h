@@ -109,5 +109,8 @@ struct command_group {
 // Runs the subcommand that the arguments (without the program's name) ask for and returns the exit status. Throws what
 // the subcommand throws.
 int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version);
+// The same for main: failures are told and become the exit status.
+int command_line_main(std::span<const command_group> groups, const char* const* arguments, size_t count,
+                      std::string (*version)()) noexcept;
 
 }  // namespace veldar::tool

@@ -1,14 +1,15 @@
 // veldar fields: the fields of the index, and what they cost.
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <filesystem>
 #include <vector>
 
 #include "tools/libveldar/check/fsck_bytes.h"
 #include "tools/libveldar/query/term_input.h"
+#include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/slices.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
@@ -47,16 +48,16 @@ void add_files(const std::string& directory, std::vector<cost_row>* rows) {
                                                                   {"points-", "(access points into compressed files)"},
                                                                   {"spool-", "(bytes of pipes)"},
                                                                   {"", "(other files)"}}};
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
-        const std::string name = entry.path().filename();
-        if (!entry.is_regular_file(error) || name.ends_with(".tsidx")) continue;
+    for (const std::string& name : disk_list_directory(directory)) {
+        struct stat status;
+        const bool is_file = ::lstat((directory + "/" + name).c_str(), &status) == 0 && S_ISREG(status.st_mode);
+        if (!is_file || name.ends_with(".tsidx")) continue;
         const auto* const kind =
             std::find_if(KINDS.begin(), KINDS.end(), [&](const auto& one) { return name.starts_with(one[0]); });
         auto row =
             std::find_if(rows->begin(), rows->end(), [&](const cost_row& one) { return one.name == (*kind)[1]; });
         if (row == rows->end()) row = rows->insert(row, {(*kind)[1], {}});
-        row->bytes.records += entry.file_size(error);
+        row->bytes.records += static_cast<uint64_t>(status.st_size);
     }
 }
 

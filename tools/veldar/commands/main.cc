@@ -1,12 +1,9 @@
-#include <cstdio>
-#include <exception>
-#include <new>
+#include <cstddef>
 #include <string>
 
 #include "libzero/create-crash-dump.h"
 #include "libzero/osfile.h"
 #include "searchthing/base/st_init.h"
-#include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/library_versions.h"
 #include "tools/libveldar/store/observer.h"
 #include "tools/veldar/commands/command.h"
@@ -43,6 +40,10 @@ constexpr veldar::tool::command_group GROUPS[] = {
     {"This tool", TOOL},
 };
 
+std::string version() {
+    return "veldar " VELDAR_VERSION "\ncommit " VELDAR_COMMIT "\n" + veldar::tool::library_versions();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -50,20 +51,8 @@ int main(int argc, char** argv) {
     veldar::tool::terminal_observer terminal;
     const veldar::tool::observer prints = veldar::tool::terminal_observer_open(&terminal);
     const veldar::tool::observer_scope observed(&prints);
-    try {
-        veldar::st_init("veldar");
-        static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without
-        const std::string version =
-            "veldar " VELDAR_VERSION "\ncommit " VELDAR_COMMIT "\n" + veldar::tool::library_versions();
-        return veldar::tool::command_line_run(GROUPS, {argv + 1, argv + argc}, version.c_str());
-    } catch (const veldar::tool::failure_t& failure) {
-        veldar::tool::say_trouble(failure.message);
-        return failure.status;
-    } catch (const std::bad_alloc&) {
-        std::fputs("veldar: out of memory\n", stderr);
-        return veldar::tool::OUTCOME_IO;
-    } catch (const std::exception& error) {  // the parser's own and the library's, thread or locale
-        std::fprintf(stderr, "veldar: %s\n", error.what());
-        return veldar::tool::OUTCOME_IO;
-    }
+    veldar::st_init("veldar");
+    static_cast<void>(veldar::create_crash_dump_install_from_environment("veldar"));  // it works without
+    const size_t count = argc > 0 ? static_cast<size_t>(argc) - 1 : 0;
+    return veldar::tool::command_line_main(GROUPS, argv + 1, count, version);
 }

@@ -1,0 +1,202 @@
+// Every form of question while an allocation of it fails: a status that is not 0, or the whole answer; and nothing leaks.
+// VELDAR_TORTURE asks for every allocation, else for some of each form.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tests/support/faults.h"
+#include "tests/support/hot_events.h"
+#include "tests/support/run_tool.h"
+#include "tests/support/temp_dir.h"
+#include "tools/libveldar/store/observer.h"
+#include "tools/veldar/commands/command.h"
+#include "tools/veldar/output/terminal_observer.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VELDAR_LEAKS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VELDAR_LEAKS 1
+#endif
+#endif
+#ifdef VELDAR_LEAKS
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace veldar {
+
+using namespace tool;
+namespace {
+
+using words = std::vector<std::string>;
+using adder = void (*)(const command&);
+
+struct form {
+    adder add;
+    words arguments;
+};
+
+// What a child leaves.
+struct report {
+    uint64_t allocations, by_parser;
+    bool leaks;
+};
+
+// As the tool's main does it, with `faults` on.
+template <typename Faults>
+int run_command(const form& one, const std::string& store, const Faults& faults) {
+    terminal_observer terminal;
+    const observer prints = terminal_observer_open(&terminal);
+    const observer_scope observed(&prints);
+    std::vector<const char*> line = {"-s", store.c_str()};
+    for (const std::string& word : one.arguments) line.push_back(word.c_str());
+    const adder adders[] = {one.add};
+    const command_group groups[] = {{"Asking", adders}};
+    return faults([&] { return command_line_main(groups, line.data(), line.size(), [] { return std::string("veldar"); }); });
+}
+
+class QueryFaults : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string text, samples;
+        for (int i = 0; i < 200; i++) {
+            char line[160];
+            std::snprintf(line, sizeof line, "2024-01-01T00:%02d:%02dZ host=h%d status=%d took=%d.5 GET item a%d\n",
+                          i / 60, i % 60, i % 3, i % 9 == 0 ? 404 : 200, i * 7 % 50, i % 20);
+            text += line;
+            std::snprintf(line, sizeof line, "m{host=\"h%d\"} %d %d\nn_total %d %d\n", i % 3, i, 1704067200 + i, i,
+                          1704067200 + i);
+            samples += line;
+        }
+        write_file(dir.file("a.log"), text.substr(0, text.size() / 2));
+        const words load = {"-s", store, "load", "--no-optimize", dir.file("a.log")};
+        ASSERT_EQ(run_tool("veldar/veldar", load).status, 0);
+        write_file(dir.file("a.log"), text);
+        ASSERT_EQ(run_tool("veldar/veldar", load).status, 0);
+        write_file(dir.file("m.om"), samples);
+        ASSERT_EQ(run_tool("veldar/veldar", {"-s", store, "metrics", "load", dir.file("m.om")}).status, 0);
+    }
+
+    // How many allocations come before the first file call: those of the command line's parser, which is a library and
+    // ends the process at some, and of the query's.
+    void count_parser(const form& one) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            run_command(one, store, [&](const auto& work) {
+                const fault_step* counted = nullptr;
+                const fault_step step(1, [&] { told->by_parser = counted->allocations(); });
+                counted = &step;
+                return work();
+            });
+            ::_exit(0);
+        }
+        EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+    }
+
+    // In a child, so that what a command keeps for the rest of its process is not kept here.
+    int run(const form& one, uint64_t allocation, uint64_t times, std::string* out) {
+        const std::string path = dir.file("out");
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(60);
+            const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int errors = ::open(dir.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            ::dup2(fd, STDOUT_FILENO);
+            ::dup2(errors, STDERR_FILENO);
+            const int status = run_command(one, store, [&](const auto& work) {
+                const fault_step step(fault_action::allocation, allocation, 0, times);
+                const int ended = work();
+                told->allocations = step.allocations();
+                return ended;
+            });
+            std::fflush(nullptr);
+#ifdef VELDAR_LEAKS
+            told->leaks = __lsan_do_recoverable_leak_check() != 0;
+#endif
+            ::_exit(status);
+        }
+        int status = 0;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        *out = read_file(path);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+    }
+
+    const temp_dir dir;
+    const std::string store = dir.file("store");
+    const lock_optimism optimism;
+    report* const told = static_cast<report*>(
+        ::mmap(nullptr, sizeof(report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+};
+
+TEST_F(QueryFaults, EveryAllocationFails) {
+    const std::string since = "2024-01-01T00:01:00Z", until = "2024-01-01T00:02:00Z";
+    const std::string before = "2024-01-01.." + since, after = since + ".." + until;
+    const std::string aggregates =
+        "count,count(took),sum(took),sumsq(took),min(took),max(took),avg(took),dc(took),values(took),median(took),p99."
+        "9(took)";
+    const form forms[] = {
+        {add_search_command, {"search", "item", "a7"}},
+        {add_search_command, {"search", "\"GET item\"", "NOT", "a7"}},
+        {add_search_command, {"search", "a1*", "OR", "tem~", "--format", "jsonl", "--since", since, "--until", until}},
+        {add_search_command, {"search", "status>=300", "-C", "2", "-n", "5", "-r"}},
+        {add_search_command, {"search", "--native", "[AND item [NOT a7]]", "--format", "table"}},
+        {add_count_command, {"count", "status=404", "host!=h1"}},
+        {add_count_command, {"count", "\"GET item a7\"", "--since", since}},
+        {add_terms_command, {"terms", "a*"}},
+        {add_terms_command, {"terms", "--sort", "term"}},
+        {add_fields_command, {"fields", "--bytes"}},
+        {add_seen_command, {"seen", "a7"}},
+        {add_stats_command, {"stats", "item", "--by", "host,status", "--agg", aggregates, "--missing"}},
+        {add_stats_command, {"stats", "--every", "1m", "--agg", aggregates, "--format", "jsonl", "--top", "2"}},
+        {add_stats_command, {"stats", "status=200", "--every", "auto", "--by", "host", "--plot"}},
+        {add_top_command, {"top", "status", "item"}},
+        {add_new_command, {"new", "--since", since}},
+        {add_diff_command, {"diff", "--before", before, "--after", after}},
+        {add_metrics_command, {"metrics", "query", "m", "--where", "host=h1"}},
+        {add_metrics_command,
+         {"metrics", "query", "*", "--agg", "avg,max,min,sum,count,p95,median,dc,values", "--by", "host", "--every",
+          "1m", "--fill", "last", "--missing"}},
+        {add_metrics_command, {"metrics", "query", "n_total", "--rate", "--every", "1m"}},
+        {add_metrics_command, {"metrics", "ls"}},
+        {add_metrics_command, {"metrics", "cardinality", "host"}},
+        {add_metrics_command, {"metrics", "dump"}},
+        {add_fsck_command, {"fsck"}},
+        {add_fsck_command, {"fsck", "--against-source", "--json"}},
+        {add_ls_command, {"ls"}},
+        {add_info_command, {"info", files_in(store + "/bucket-000001", ".tsidx")[0]}},
+        {add_dump_command, {"dump"}},
+    };
+    const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
+    for (const form& one : forms) {
+        std::string name, whole, out;
+        for (const std::string& word : one.arguments) name += word + " ";
+        SCOPED_TRACE(name);
+        ASSERT_EQ(run(one, ~uint64_t{0}, 1, &whole), 0) << read_file(dir.file("err"));
+        ASSERT_FALSE(whole.empty());
+        count_parser(one);
+        const uint64_t allocations = told->allocations, stride = brief ? 1 + allocations / 12 : 1;
+        EXPECT_GT(allocations, 20u);
+        for (uint64_t n = 1; n <= allocations; n += stride) {
+            for (const uint64_t times : {uint64_t{1}, uint64_t{1} << 40}) {
+                const int status = run(one, n, times, &out);
+                if (status == 1000 + SIGABRT && n <= told->by_parser) continue;
+                EXPECT_LT(status, 1000) << n << " of " << allocations << " times " << times
+                                        << read_file(dir.file("err"));
+                EXPECT_TRUE(status != 0 || out == whole) << n << " times " << times << ": " << out;
+                EXPECT_FALSE(told->leaks) << n << " times " << times << read_file(dir.file("err"));
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace veldar
