@@ -29,7 +29,7 @@ std::string commit_path(const metric_staging& staging) {
 bool is_there(const metric_staging& staging) {
     struct stat status;
     if (::lstat(staging.path.c_str(), &status) != 0) {
-        if (errno != ENOENT) fail_io("cannot read " + staging.path, errno);
+        if (errno != ENOENT) fail_io("cannot read", staging.path, errno);
         return false;
     }
     if (!S_ISDIR(status.st_mode)) throw failure_t{OUTCOME_IO, staging.path + ": no directory, but in the way of one"};
@@ -37,7 +37,7 @@ bool is_there(const metric_staging& staging) {
 }
 
 void rename_or_fail(const std::string& from, const std::string& to) {
-    if (std::rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) fail_io("cannot move " + from, errno);
+    if (std::rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) fail_io("cannot move", from, errno);
 }
 
 // A slice that is not there has been moved. Its seal goes first, as no slice is to be without.
@@ -50,7 +50,7 @@ void move_slice(const metric_staging& staging, const std::string& name) {
         if (here.st_ino != there.st_ino || here.st_dev != there.st_dev) {
             throw failure_t{OUTCOME_IO, to + ": in the way of a slice of that name in " + staging.path};
         }
-        if (::unlink(from.c_str()) != 0) fail_io("cannot remove " + from, errno);
+        if (::unlink(from.c_str()) != 0) fail_io("cannot remove", from, errno);
         return;
     }
     rename_or_fail(from + SEAL_SUFFIX, to + SEAL_SUFFIX);
@@ -69,13 +69,13 @@ void finish(const metric_staging& staging, const std::string& commit, metric_not
         if (is_name) move_slice(staging, std::string(line.substr(SLICE.size())));
     }
     if (staging.durable && (!disk_sync_directory(staging.target) || !disk_sync_directory(staging.path))) {
-        fail_io("cannot sync " + staging.target, errno);
+        fail_io("cannot sync", staging.target, errno);
     }
     for (const std::string_view line : lines) {
         if (line.starts_with(NOTE)) metric_notes_add_line(notes, line.substr(NOTE.size()));
     }
     const std::string path = commit_path(staging);
-    if (::unlink(path.c_str()) != 0) fail_io("cannot remove " + path, errno);
+    if (::unlink(path.c_str()) != 0) fail_io("cannot remove", path, errno);
 }
 
 }  // namespace
@@ -85,7 +85,7 @@ metric_staging metric_staging_settle(const std::string& directory, metric_notes*
     if (!is_there(staging)) return staging;
     if (disk_exists(commit_path(staging))) {
         std::string commit;
-        if (!disk_read_file(commit_path(staging), &commit)) fail_io("cannot read " + commit_path(staging), errno);
+        if (!disk_read_file(commit_path(staging), &commit)) fail_io("cannot read", commit_path(staging), errno);
         finish(staging, commit, notes);
     }
     metric_staging_remove(staging);
@@ -94,7 +94,7 @@ metric_staging metric_staging_settle(const std::string& directory, metric_notes*
 
 void metric_staging_make(const metric_staging& staging) {
     disk_make_directory(staging.path);
-    if (!is_there(staging)) fail_io("cannot make " + staging.path, ENOENT);
+    if (!is_there(staging)) fail_io("cannot make", staging.path, ENOENT);
 }
 
 void metric_staging_commit(const metric_staging& staging, const std::vector<metric_note>& added, metric_notes* notes) {
@@ -105,7 +105,7 @@ void metric_staging_commit(const metric_staging& staging, const std::vector<metr
     }
     for (const metric_note& note : added) commit.append(NOTE).append(metric_note_line(note)) += '\n';
     if (!disk_replace_file(commit_path(staging), commit, staging.durable)) {
-        fail_io("cannot write " + commit_path(staging), errno);
+        fail_io("cannot write", commit_path(staging), errno);
     }
     finish(staging, commit, notes);
     static_cast<void>(st_tsidx_set_need_optimize(index_handle_open(staging.target, WRITE_LEVEL).get()));
@@ -117,7 +117,7 @@ void metric_staging_remove(const metric_staging& staging) {
         if (name == "." || name == "..") continue;
         const std::string path = staging.path + "/" + name;
         if (::unlink(path.c_str()) != 0 && errno != ENOENT && errno != EISDIR && errno != EPERM) {
-            fail_io("cannot remove " + path, errno);
+            fail_io("cannot remove", path, errno);
         }
     }
     ::rmdir(staging.path.c_str());
