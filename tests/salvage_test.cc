@@ -4,13 +4,16 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <random>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "searchthing/base/st_init.h"
+#include "searchthing/directory/merge_manifest.h"
 #include "searchthing/seal/slice_seal.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
@@ -191,8 +194,21 @@ TEST_F(Salvage, AStoreIsRebuiltFromItsLogs) {
     EXPECT_EQ(run({"salvage", "--dry-run"}).status, 4);
     EXPECT_TRUE(read_file(slice) == damaged) << "nothing is changed";
     EXPECT_FALSE(fs::exists(store + "/quarantine"));
-    fs::create_directories(store + "/quarantine/salvage.4194304/copy");  // of one that was killed
+    // Of one that was killed, before the seal was made anew.
+    fs::create_directories(store + "/quarantine/salvage.4194304/copy");
+    fs::create_directories(store + "/quarantine/bucket-000001");
+    fs::create_hard_link(slice, store + "/quarantine/bucket-000001/" + fs::path(slice).filename().string());
+    write_file(store + "/quarantine/bucket-000001/" + fs::path(seal_path(slice)).filename().string(), "old");
+    // A merge that holds the directory is waited for.
+    const std::string manifest = bucket + "/" + MERGE_MANIFEST_TMP_NAME, owner = merge_manifest_owner_text(merge_owner_self());
+    write_file(manifest, owner);
+    std::jthread merger([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        fs::remove(manifest);
+    });
     const tool_result salvaged = run({"salvage", bucket + "/."});
+    EXPECT_NE(salvaged.err.find("waiting for a merge in "), std::string::npos) << salvaged.err;
+    EXPECT_NE(read_file(seal_path(store + "/quarantine/bucket-000001/" + fs::path(slice).filename().string())), "old");
     EXPECT_FALSE(fs::exists(store + "/quarantine/salvage.4194304"));
     EXPECT_EQ(salvaged.status, 4) << salvaged.out << salvaged.err;
     EXPECT_NE(salvaged.out.find("0 slices sound, 1 damaged: 0 whole again, "), std::string::npos) << salvaged.out;

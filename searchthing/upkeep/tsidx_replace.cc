@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,12 +18,26 @@ namespace veldar {
 
 namespace {
 
-// Gives the slice, and its seal if it has one, second names in another directory.
+bool is_same_file(const std::string& one, const std::string& other) {
+    struct stat a, b;
+    return ::stat(one.c_str(), &a) == 0 && ::stat(other.c_str(), &b) == 0 && a.st_ino == b.st_ino &&
+           a.st_dev == b.st_dev;
+}
+
+// Gives the slice, and its seal if it has one, second names in another directory. They may be there, of one that was
+// killed; then the seal may have been made anew since.
 int keep_aside(const TSIDX* tsidx, const std::string& slice, const std::string& aside, warm_rc_t* rc) {
     const std::string kept = aside + slice.substr(slice.rfind('/'));
-    if (ospath_link(slice.c_str(), kept.c_str()) != 0) return _set_rc_msg(rc, WARM_RC_OPEN, kept.c_str());
-    const bool sealed = ospath_link(seal_path(slice).c_str(), seal_path(kept).c_str()) == 0;
-    if (!sealed && errno != ENOENT) return _set_rc_msg(rc, WARM_RC_OPEN, seal_path(kept).c_str());
+    const std::string seal = seal_path(slice), kept_seal = seal_path(kept);
+    const bool had_kept = ospath_link(slice.c_str(), kept.c_str()) != 0;
+    const int why = errno;
+    if (had_kept && (why != EEXIST || !is_same_file(slice, kept))) {
+        errno = why;
+        return _set_rc_msg(rc, WARM_RC_OPEN, kept.c_str());
+    }
+    if (had_kept) ::unlink(kept_seal.c_str());
+    const bool sealed = ospath_link(seal.c_str(), kept_seal.c_str()) == 0;
+    if (!sealed && errno != ENOENT) return _set_rc_msg(rc, WARM_RC_OPEN, kept_seal.c_str());
     return tsidx_flush(tsidx, aside.c_str(), O_DIRECTORY, rc);
 }
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -16,6 +17,7 @@
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/slices.h"
 #include "tools/veldar/commands/command.h"
 #include "tools/veldar/output/event_output.h"
@@ -30,6 +32,7 @@ constexpr size_t TERMS_NAMED = 2;
 constexpr char QUARANTINE[] = "/quarantine";
 constexpr char SCRATCH[] = "salvage.";  // and the number of the process
 constexpr char REPAIRED[] = ".repaired";
+constexpr unsigned MERGE_PAUSE_US = 100000;
 
 struct salvage_options {
     std::string path;
@@ -84,6 +87,22 @@ struct quarantine_place {
     }
     std::string quarantine, aside, scratch;
     bool is_new = false;
+};
+
+// The same where nothing is to be changed: it lies where other programs' passing files do.
+struct passing_place {
+    passing_place() {
+        std::string pattern = std::filesystem::temp_directory_path().string() + "/veldar-salvage-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) fail_io("cannot make", pattern, errno);
+        scratch = pattern;
+    }
+    ~passing_place() {
+        std::error_code ignored;
+        std::filesystem::remove_all(scratch, ignored);
+    }
+    passing_place(const passing_place&) = delete;
+    passing_place& operator=(const passing_place&) = delete;
+    std::string scratch;
 };
 
 std::string directory_of(const std::string& slice) {
@@ -145,9 +164,14 @@ void replace(const std::string& slice, const std::string& aside, const salvage_r
     const tsidx_ptr tsidx = index_handle_open(directory_of(slice), WRITE_LEVEL);
     const std::string name = slice.substr(slice.rfind('/') + 1);
     const char* const by = report.file.empty() ? nullptr : report.file.c_str();
-    if (st_tsidx_replace(tsidx.get(), name.c_str(), by, aside.c_str(), modified) != 0) {
-        throw failure_t{OUTCOME_IO, slice + ": " + index_failure_text(tsidx.get())};
+    const auto put = [&] { return st_tsidx_replace(tsidx.get(), name.c_str(), by, aside.c_str(), modified); };
+    int status = put();
+    if (status == WARM_RC_MANIFEST_EXISTS) say_trouble("waiting for a merge in " + directory_of(slice));
+    while (status == WARM_RC_MANIFEST_EXISTS && !work_stops()) {
+        ::usleep(MERGE_PAUSE_US);
+        status = put();
     }
+    if (status != 0) throw failure_t{OUTCOME_IO, slice + ": " + index_failure_text(tsidx.get())};
     if (!is_nothing_lost(report)) return;
     // There is nothing to rebuild. Where that is not told, it is rebuilt all the same.
     const std::string kept = aside + "/" + name;
@@ -161,11 +185,13 @@ void salvage_file(salvage_command* command, const std::string& slice) {
     const std::string directory = directory_of(slice), &store = command->set.store;
     const std::string quarantine = (store.empty() ? directory : store) + QUARANTINE;
     salvage_report report;
-    {
+    if (command->options->dry_run) {
+        report = salvage_slice(slice, passing_place().scratch, command->options->proved_only);
+    } else {
         const std::string bucket = std::filesystem::canonical(directory).filename();  // it may be "."
         const quarantine_place place(quarantine, store.empty() ? quarantine : quarantine + "/" + bucket);
         report = salvage_slice(slice, place.scratch, command->options->proved_only);
-        if (!report.is_sound && !command->options->dry_run) replace(slice, place.aside, report, modified);
+        if (!report.is_sound) replace(slice, place.aside, report, modified);
     }
     if (report.is_sound) {
         command->sound++;

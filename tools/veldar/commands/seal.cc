@@ -44,7 +44,7 @@ bool wants_seal(seal_command* command, const std::string& path) {
             return false;
         case SEAL_DAMAGED:
             command->damaged++;
-            say_trouble(report.error);
+            say_trouble(report.error + "; 'veldar seal --anew' makes one for a slice that is sound");
             return false;
         case SEAL_UNREADABLE:
             troubles_add(&command->trouble, report.error);
