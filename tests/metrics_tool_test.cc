@@ -130,7 +130,8 @@ TEST(MetricsTool, KilledAtAnyCallEachSampleComesOnce) {
         metric_loader_close(&loader);
     };
     bool is_over = false;
-    for (uint64_t call = 1; !is_over && !testing::Test::HasFailure(); call++) {
+    const uint64_t stride = ::getenv("VELDAR_TORTURE") == nullptr ? 5 : 1;
+    for (uint64_t call = 1; !is_over && !testing::Test::HasFailure(); call += stride) {
         SCOPED_TRACE(call);
         const temp_dir dir;
         const std::string index = dir.file("index");
