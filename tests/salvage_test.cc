@@ -200,11 +200,13 @@ TEST_F(Salvage, AStoreIsRebuiltFromItsLogs) {
     fs::create_hard_link(slice, store + "/quarantine/bucket-000001/" + fs::path(slice).filename().string());
     write_file(store + "/quarantine/bucket-000001/" + fs::path(seal_path(slice)).filename().string(), "old");
     // A merge that holds the directory is waited for.
-    const std::string manifest = bucket + "/" + MERGE_MANIFEST_TMP_NAME, owner = merge_manifest_owner_text(merge_owner_self());
-    write_file(manifest, owner);
+    const std::string manifest = bucket + "/" + MERGE_MANIFEST_TMP_NAME;
+    unique_fd merging = open_file(manifest, merge_manifest_owner_text(merge_owner_self()));
+    ASSERT_EQ(tsidx_lock_file(merging.get()), 0);
     std::jthread merger([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
         fs::remove(manifest);
+        merging.reset();
     });
     const tool_result salvaged = run({"salvage", bucket + "/."});
     EXPECT_NE(salvaged.err.find("waiting for a merge in "), std::string::npos) << salvaged.err;

@@ -29,14 +29,17 @@ bool is_same_file(const std::string& one, const std::string& other) {
 int keep_aside(const TSIDX* tsidx, const std::string& slice, const std::string& aside, warm_rc_t* rc) {
     const std::string kept = aside + slice.substr(slice.rfind('/'));
     const std::string seal = seal_path(slice), kept_seal = seal_path(kept);
-    const bool had_kept = ospath_link(slice.c_str(), kept.c_str()) != 0;
-    const int why = errno;
-    if (had_kept && (why != EEXIST || !is_same_file(slice, kept))) {
+    if (ospath_link(slice.c_str(), kept.c_str()) != 0) {
+        const int why = errno;
+        const bool is_there = why == EEXIST && is_same_file(slice, kept);
         errno = why;
-        return _set_rc_msg(rc, WARM_RC_OPEN, kept.c_str());
+        if (!is_there) return _set_rc_msg(rc, WARM_RC_OPEN, kept.c_str());
     }
-    if (had_kept) ::unlink(kept_seal.c_str());
-    const bool sealed = ospath_link(seal.c_str(), kept_seal.c_str()) == 0;
+    bool sealed = ospath_link(seal.c_str(), kept_seal.c_str()) == 0;
+    if (!sealed && errno == EEXIST) {
+        ::unlink(kept_seal.c_str());
+        sealed = ospath_link(seal.c_str(), kept_seal.c_str()) == 0;
+    }
     if (!sealed && errno != ENOENT) return _set_rc_msg(rc, WARM_RC_OPEN, kept_seal.c_str());
     return tsidx_flush(tsidx, aside.c_str(), O_DIRECTORY, rc);
 }
