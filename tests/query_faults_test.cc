@@ -60,7 +60,8 @@ int run_command(const form& one, const std::string& store, const Faults& faults)
     for (const std::string& word : one.arguments) line.push_back(word.c_str());
     const adder adders[] = {one.add};
     const command_group groups[] = {{"Asking", adders}};
-    return faults([&] { return command_line_main(groups, line.data(), line.size(), [] { return std::string("veldar"); }); });
+    return faults(
+        [&] { return command_line_main(groups, line.data(), line.size(), [] { return std::string("veldar"); }); });
 }
 
 class QueryFaults : public testing::Test {

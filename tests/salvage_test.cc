@@ -14,6 +14,7 @@
 
 #include "searchthing/base/st_init.h"
 #include "searchthing/directory/merge_manifest.h"
+#include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/seal/slice_seal.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
@@ -202,7 +203,7 @@ TEST_F(Salvage, AStoreIsRebuiltFromItsLogs) {
     // A merge that holds the directory is waited for.
     const std::string manifest = bucket + "/" + MERGE_MANIFEST_TMP_NAME;
     unique_fd merging = open_file(manifest, merge_manifest_owner_text(merge_owner_self()));
-    ASSERT_EQ(tsidx_lock_file(merging.get()), 0);
+    ASSERT_EQ(tsidx_lock_file(merging.get()), 1);
     std::jthread merger([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
         fs::remove(manifest);

@@ -16,8 +16,8 @@
 
 #include "tools/libveldar/load/change_notice.h"
 #include "tools/libveldar/store/disk_file.h"
-#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/packed_stream.h"
 #include "tools/libveldar/store/raw_reader.h"
 

@@ -120,7 +120,8 @@ void put_json(fsck_command* command, const std::string& path, const file_verdict
 }
 
 void put_text(fsck_command* command, const std::string& path, const file_verdict& verdict) {
-    if (verdict.seal.state == SEAL_DAMAGED) put_line(command, path, verdict.seal.error + "; for a sound slice 'veldar seal --anew' makes one");
+    if (verdict.seal.state == SEAL_DAMAGED)
+        put_line(command, path, verdict.seal.error + "; for a sound slice 'veldar seal --anew' makes one");
     const size_t most = command->options->per_kind, found = verdict.seal.findings.size();
     for (size_t i = 0; i < std::min(most, found); i++) {
         put_line(command, path, seal_finding_text(verdict.seal.findings[i]));
