@@ -1,6 +1,7 @@
 # What `cmake --install` leaves behind: the two libraries, their headers under include/veldar, and the two ways in which
 # another project finds them (find_package(veldar) and pkg-config veldar).
 include(CMakePackageConfigHelpers)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME dev)
 
 install(TARGETS zero searchthing EXPORT veldar-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 # What programs include, and the records that it needs by name; none of these includes one that is not here.
@@ -30,7 +31,9 @@ install(FILES ${PROJECT_BINARY_DIR}/veldar-config.cmake ${PROJECT_BINARY_DIR}/ve
 file(RELATIVE_PATH VELDAR_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/veldar.pc.in ${PROJECT_BINARY_DIR}/veldar.pc @ONLY)
 if(TARGET veldar_shared)
-  install(TARGETS veldar_shared EXPORT veldar-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(TARGETS veldar_shared EXPORT veldar-targets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libveldar NAMELINK_COMPONENT dev)
+  install(TARGETS searchthing_shared LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libsearchthing NAMELINK_COMPONENT dev)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/libveldar/face/veldar.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   configure_file(${CMAKE_CURRENT_LIST_DIR}/libveldar.pc.in ${PROJECT_BINARY_DIR}/libveldar.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/libveldar.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -271,7 +271,7 @@ std::string manual_of_tool(const command_text& tree, const std::string& version)
         out += ".TP\n.B " + plain(command.name) + "\n" + line_of(command.help);
     }
     out += ".SH OPTIONS\n" + options_of(tree);
-    out += std::string(".SH EXIT STATUS\n") + STATUSES + examples_of("") + ENVIRONMENT;
+    out.append(".SH EXIT STATUS\n").append(STATUSES).append(examples_of("")).append(ENVIRONMENT);
     return out + ".SH SEE ALSO\nveldar\\-query(7), veldar\\-format(5), dictscan(1)\n";
 }
 
@@ -297,7 +297,7 @@ std::string manual_of_command(const command_text& command, const std::string& ve
     } else {
         out += ".SH EXAMPLES\nSee the pages of its commands.\n";
     }
-    return out + ENVIRONMENT + ".SH SEE ALSO\nveldar(1), veldar\\-query(7)\n";
+    return out.append(ENVIRONMENT).append(".SH SEE ALSO\nveldar(1), veldar\\-query(7)\n");
 }
 
 std::string manual_of_dictscan(const std::string& version) {
