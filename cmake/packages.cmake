@@ -23,12 +23,12 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/tools/libveldar)
 
 set(version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
-# A package of a component: its name, section, a line and a paragraph about it.
-macro(veldar_package component name section line text)
+# A package of a component: its name, section and what the description says behind the line that all share.
+macro(veldar_package component name section text)
   string(TOUPPER ${component} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
-  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${line}\n${text}")
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${text}")
   set(notes ${PROJECT_BINARY_DIR}/packages/${name})
   configure_file(${CMAKE_CURRENT_LIST_DIR}/packages/changelog.in ${notes}/changelog.Debian @ONLY)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/packages/copyright ${notes}/copyright COPYONLY)
@@ -37,19 +37,22 @@ macro(veldar_package component name section line text)
           COMPONENT ${component})
 endmacro()
 
-veldar_package(veldar veldar utils "index for logs and other events with a time"
+veldar_package(veldar veldar utils
   "Indexes log files and metrics, each line once, and answers searches, counts\nand statistics from the index. The logs stay where they are.")
-veldar_package(libveldar libveldar0 libs "stores of indexed logs and metrics, the library"
+veldar_package(libveldar libveldar0 libs
   "What the veldar command knows, as a library with a stable interface in C.")
-veldar_package(libsearchthing libsearchthing0 libs "storage engine for time-series event indexes"
+veldar_package(libsearchthing libsearchthing0 libs
   "Writes, merges and searches index files: which terms occur in which events,\nand when.")
-veldar_package(dev libveldar-dev libdevel "stores of indexed logs and metrics, for development"
+veldar_package(dev libveldar-dev libdevel
   "Headers and archives of libveldar and of the engine below it, libsearchthing.")
-veldar_package(python python3-veldar python "stores of indexed logs and metrics, for Python"
+veldar_package(python python3-veldar python
   "Loads and searches logs and metrics from Python, with columns that NumPy\nand pandas read in place.")
-veldar_package(sqlite veldar-sqlite database "stores of indexed logs and metrics, for SQLite"
+veldar_package(sqlite veldar-sqlite database
   "A loadable extension: events, terms, statistics and metrics of a store as\ntables.")
 
+foreach(library LIBVELDAR LIBSEARCHTHING)
+  set(CPACK_DEBIAN_${library}_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/packages/triggers)
+endforeach()
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "libveldar0 (= ${version}), libsearchthing0 (= ${version}), libxxhash-dev")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libveldar0 (= ${version}), python3 (>= 3.11), python3 (<< 3.12)")

@@ -18,7 +18,8 @@
  * NUL too, and need not be UTF-8: logs are what they are.
  *
  * Threads. A handle, and the events that were begun with it, are used by one thread at a time; different handles by any
- * number of threads at once, and a table likewise: nothing changes it. Nothing here installs a signal handler, prints, or ends the process.
+ * number of threads at once, and a table likewise: nothing changes it. Nothing here installs a signal handler or ends the
+ * process, nor does it print, but for the engine's line on standard error when a slice is shorter than it says.
  *
  * Stability. Functions and fields are added, never changed or removed, as long as the number in the name of the library
  * (libveldar.so.0) stays the same. */
