@@ -8,10 +8,12 @@ set -euo pipefail
 
 [ $# -gt 0 ] || { echo "usage: $0 PACKAGE.deb..." >&2; exit 2; }
 root=$(mktemp -d)
-trap 'rm -rf "$root"' EXIT
+trap 'umount "$root/proc" 2>/dev/null; rm -rf --one-file-system "$root"' EXIT
 debootstrap --variant=minbase bookworm "$root" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" >"$root.log" 2>&1 ||
     { tail -n 20 "$root.log" >&2; exit 1; }
 rm -f "$root.log"
+mount -t proc proc "$root/proc"
+printf 'APT::Sandbox::User "root";\nDpkg::Use-Pty "0";\n' >"$root/etc/apt/apt.conf.d/90try"
 mkdir "$root/debs"
 cp "$@" "$root/debs"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
