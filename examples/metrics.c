@@ -6,9 +6,11 @@
 
 #include "veldar.h"
 
-static int fail(void) {
+static int fail(veldar_store *store) {
+    const int status = (int)veldar_last_error()->status;
     fprintf(stderr, "%s\n", veldar_last_error()->message);
-    return (int)veldar_last_error()->status;
+    veldar_close(store);
+    return status;
 }
 
 int main(int argc, char **argv) {
@@ -19,13 +21,13 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s STORE PATTERN FILE...\n", argv[0]);
         return 2;
     }
-    if (veldar_open(argv[1], VELDAR_CREATE, NULL, &store) != VELDAR_OK) return fail();
+    if (veldar_open(argv[1], VELDAR_CREATE, NULL, &store) != VELDAR_OK) return fail(store);
     if (argc > 3 &&
         veldar_load_metrics(store, (const char *const *)argv + 3, (size_t)argc - 3, NULL, NULL) > VELDAR_INCOMPLETE) {
-        return fail();
+        return fail(store);
     }
     const veldar_metric_query query = {.size = sizeof query, .names = argv[2]};
-    if (veldar_metric_samples(store, &query, 5, &samples) > VELDAR_INCOMPLETE) return fail();
+    if (veldar_metric_samples(store, &query, 5, &samples) > VELDAR_INCOMPLETE) return fail(store);
     veldar_table_column(samples, 0, &time);
     veldar_table_column(samples, 1, &name);
     veldar_table_column(samples, 2, &labels);
@@ -37,7 +39,7 @@ int main(int argc, char **argv) {
                ((const double *)value.values)[i]);
     }
     const veldar_metric_stats_options options = {.size = sizeof options, .every = "1h"};
-    if (veldar_metric_stats(store, &query, &options, &hours) > VELDAR_INCOMPLETE) return fail();
+    if (veldar_metric_stats(store, &query, &options, &hours) > VELDAR_INCOMPLETE) return fail(store);
     veldar_table_column(hours, 0, &time);
     veldar_table_column(hours, 1, &value);
     for (size_t i = 0; i < veldar_table_rows(hours); i++) {

@@ -6,11 +6,13 @@
 
 #include "veldar.h"
 
-static int fail(void) {
+static int fail(veldar_store *store) {
     const veldar_error *error = veldar_last_error();
+    const int status = (int)error->status;
     fprintf(stderr, "%s\n", error->message);
     if (error->next_step[0] != '\0') fprintf(stderr, "hint: %s\n", error->next_step);
-    return (int)error->status;
+    veldar_close(store);
+    return status;
 }
 
 static void tell(void *context, veldar_message_kind kind, const char *text) {
@@ -44,15 +46,16 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s STORE QUERY LOG...\n", argv[0]);
         return 2;
     }
-    if (veldar_open(argv[1], VELDAR_CREATE, &observer, &store) != VELDAR_OK) return fail();
+    if (veldar_open(argv[1], VELDAR_CREATE, &observer, &store) != VELDAR_OK) return fail(store);
     if (argc > 3) {
         status = veldar_load(store, (const char *const *)argv + 3, (size_t)argc - 3, NULL, NULL);
-        if (status > VELDAR_INCOMPLETE) return fail();
+        if (status > VELDAR_INCOMPLETE) return fail(store);
     }
     const veldar_query query = {.size = sizeof query, .text = argv[2]};
-    if (veldar_search(store, &query, 10, &events) != VELDAR_OK) return fail();
+    if (veldar_search(store, &query, 10, &events) != VELDAR_OK) return fail(store);
     while ((status = veldar_events_next(events, &event)) == VELDAR_OK) print_event(events);
     veldar_events_close(events);
+    if (status != VELDAR_END) return fail(store);
     veldar_close(store);
-    return status == VELDAR_END ? 0 : fail();
+    return 0;
 }

@@ -243,6 +243,9 @@ TEST_F(Face, ErrorsSayWhatWhereAndWhatNext) {
     query.since = "yesterfoo";
     fails(veldar_count(store, &query, &count), VELDAR_USAGE, "yesterfoo");
     fails(veldar_seen(store, "two words", &table), VELDAR_USAGE, "one word");
+    const veldar_query unsized = {
+        .size = 0, .text = "status=404", .since = nullptr, .until = nullptr, .zone = nullptr, .is_native = 0};
+    fails(veldar_count(store, &unsized, &count), VELDAR_USAGE, "size");
     veldar_stats_options options = {};
     options.size = sizeof options;
     options.every = "7 apples";
@@ -352,7 +355,8 @@ TEST_F(Face, HandlesOfManyThreads) {
                 const std::string mine = raw_by_event(own.get(), name.c_str(), 0, &end);
                 EXPECT_EQ(std::count(mine.begin(), mine.end(), '\n'), LINES);
                 EXPECT_NE(stats_text(other.get(), "level", "count", "1h").find("info\t360"), std::string::npos);
-                const veldar_query bad = query_of(("(" + name).c_str());
+                const std::string torn = "(" + name;
+                const veldar_query bad = query_of(torn.c_str());
                 uint64_t count;
                 EXPECT_EQ(veldar_count(other.get(), &bad, &count), VELDAR_USAGE);
                 EXPECT_NE(std::string(veldar_last_error()->message).find(name), std::string::npos) << "another's error";

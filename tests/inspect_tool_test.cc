@@ -435,9 +435,11 @@ TEST(Inspect, EveryFailureIsTold) {
                 testing::internal::CaptureStdout();
                 testing::internal::CaptureStderr();
                 {
+                    const command_group group = {nullptr, {&add, 1}};
+                    const command_call call = command_line_parse({&group, 1}, arguments, "");  // which may not fail
                     const fault_step trouble(action, nth == 0 ? ~uint64_t{0} : nth, EIO);
                     try {
-                        status = run_command(add, arguments);
+                        status = call.run();
                     } catch (const std::exception&) {
                     } catch (const failure_t&) {
                     }

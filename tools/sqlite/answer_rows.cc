@@ -54,6 +54,24 @@ class answer_rows final : public row_source {
         return true;
     }
 
+    // Of tables that are asked for parts of: a hash of what the row says (FNV-1a, 64 bits).
+    int64_t rowid(int64_t row) const override {
+        if (answer_[0].type != VELDAR_TIME) return row;
+        uint64_t hash = 0xcbf29ce484222325;
+        const auto add = [&](const void* bytes, size_t size) {
+            for (size_t i = 0; i < size; i++) hash = (hash ^ static_cast<const uint8_t*>(bytes)[i]) * 0x100000001b3;
+        };
+        for (const veldar_column& column : answer_) {
+            if (column.type == VELDAR_TEXT) {
+                add(column.bytes + column.offsets[row_], column.offsets[row_ + 1] - column.offsets[row_]);
+                add("", 1);
+            } else {
+                add(static_cast<const char*>(column.values) + 8 * row_, 8);
+            }
+        }
+        return static_cast<int64_t>(hash);
+    }
+
     int64_t time_ns() const override { return static_cast<const int64_t*>(answer_[0].values)[row_]; }
 
     veldar_status put(sqlite3_context* to, int number) override {

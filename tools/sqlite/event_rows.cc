@@ -38,6 +38,10 @@ class event_rows final : public row_source {
 
     int64_t time_ns() const override { return event_.time_ns; }
 
+    int64_t rowid(int64_t) const override {
+        return static_cast<int64_t>(uint64_t{event_.directory} << 32 | event_.address);
+    }
+
     veldar_status put(sqlite3_context* to, int column) override {
         switch (column) {
             case TIME:
@@ -121,13 +125,32 @@ const char* or_null(const std::string& text) {
     return text.empty() ? nullptr : text.c_str();
 }
 
+bool are_brackets_even(const std::string& text) {
+    int depth = 0;
+    bool quoted = false;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '\\') {
+            i++;
+        } else if (text[i] == '"') {
+            quoted = !quoted;
+        } else if (!quoted && (text[i] == '(' || text[i] == ')')) {
+            depth += text[i] == '(' ? 1 : -1;
+            if (depth < 0) return false;
+        }
+    }
+    return depth == 0 && !quoted;
+}
+
 // `text` keeps what the query points to.
 veldar_query query_of(const table_question& question, std::string* text) {
     const char* const given = question.argument(QUERY);
     *text = given == nullptr ? "" : given;
     const bool is_every = text->find_first_not_of(" \t\r\n") == std::string::npos;
-    if (!is_every && !question.conditions.empty()) text->insert(0, 1, '(').push_back(')');
-    *text += question.conditions;
+    // What is no query by itself must not become one; SQLite checks the conditions in any case.
+    if (are_brackets_even(*text)) {
+        if (!is_every && !question.conditions.empty()) text->insert(0, 1, '(').push_back(')');
+        *text += question.conditions;
+    }
     const char *const since = question.argument(SINCE), *const until = question.argument(UNTIL);
     return {.size = sizeof(veldar_query),
             .text = text->c_str(),

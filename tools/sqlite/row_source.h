@@ -46,7 +46,9 @@ class row_source {
     // VELDAR_OK when there is a next row; anything but VELDAR_END otherwise has its message in veldar_last_error().
     virtual veldar_status next() = 0;
     virtual int64_t time_ns() const { return 0; }  // of the row, for tables with times
-    virtual bool rewind() { return false; }        // to before the first row; false where that means asking anew
+    // The same for a row however it was asked for: SQLite unites the scans of an OR by it. `row` counts from 1.
+    virtual int64_t rowid(int64_t row) const { return row; }
+    virtual bool rewind() { return false; }  // to before the first row; false where that means asking anew
     virtual veldar_status put(sqlite3_context* to, int column) = 0;
 };
 

@@ -238,9 +238,16 @@ int column(sqlite3_vtab_cursor* given, sqlite3_context* to, int number) {
     });
 }
 
-int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* out) {
-    *out = static_cast<face_cursor*>(cursor)->row;
-    return SQLITE_OK;
+int rowid(sqlite3_vtab_cursor* given, sqlite3_int64* out) {
+    auto* const cursor = static_cast<face_cursor*>(given);
+    return guarded(given->pVtab, [&] {
+        if (cursor->counts) {
+            if (const int status = begin_again(cursor); status != SQLITE_OK || cursor->at_end) return status;
+        }
+        cursor->has_read = true;
+        *out = cursor->rows->rowid(cursor->row);
+        return SQLITE_OK;
+    });
 }
 
 const sqlite3_module MODULE = [] {

@@ -56,6 +56,9 @@ namespace veldar::tool {
 template <typename R>
 R record_from(const R* given) {
     R full = {};
+    if (given != nullptr && given->size < sizeof given->size) {
+        throw failure_t{OUTCOME_USAGE, "the size of a record is not set"};
+    }
     if (given != nullptr) std::memcpy(static_cast<void*>(&full), given, std::min(given->size, sizeof full));
     full.size = sizeof full;
     return full;

@@ -182,7 +182,7 @@ veldar_status veldar_writer_put(veldar_writer* writer, int64_t time_s, uint32_t 
         txn.address = address;
         try {
             if (index_writer_put(&writer->writer, txn, texts)) return VELDAR_OK;
-        } catch (const failure_t&) {
+        } catch (...) {
             writer->has_failed = true;
             throw;
         }

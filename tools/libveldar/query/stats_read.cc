@@ -52,15 +52,15 @@ time_range range_of_events(const slice_set& slices, const prepared_query& query,
         options.sources = slices_sources(slices);
         options.query = query_of_plan(query, plan);
         options.query.opt_span = {static_cast<st_time_t>(span_s), 0};
-        // The answer itself tells failures; but memory may be there again by then, and the answer another.
-        bool is_short = false;
-        options.on_failure = [&](const std::string&, const warm_rc_t& why) {
-            is_short = is_short || why.warm_rc == WARM_RC_NO_MEMORY;
-        };
+        // The answer itself tells failures; but what failed for a moment may be there again by then, and the answer
+        // another. So what fails here counts when it fails twice.
+        bool has_failed = false;
+        options.on_failure = [&](const std::string&, const warm_rc_t&) { has_failed = true; };
         select_table_t table;
         warm_rc_t rc;
-        const int status = select_read(options, &table, nullptr, &rc);
-        if (is_short || status == WARM_RC_NO_MEMORY) throw std::bad_alloc();
+        int status = select_read(options, &table, nullptr, &rc);
+        if (has_failed && status == 0) status = select_read(options, &table, nullptr, &rc);
+        if (status == WARM_RC_NO_MEMORY || status == WARM_RC_CANCELLED) slice_fail_unless_told(rc);
         if (status != 0) return range;
         if (table.rows.empty()) continue;
         found.earliest_s = std::min(found.earliest_s, table.rows.front().bin / SECOND_NS);

@@ -32,8 +32,10 @@ bool fill(record_reader* reader) {
         std::min<uint64_t>(reader->bytes.size() - reader->end, reader->limit > position ? reader->limit - position : 0);
     char* const into = reader->bytes.data() + reader->end;
     const int64_t got = room == 0 ? 0 : log_input_read(reader->input, into, static_cast<size_t>(room), &reader->error);
-    if (got <= 0 || !log_input_is_uncut(*reader->input)) {
+    const bool is_cut = !log_input_is_uncut(*reader->input);
+    if (got <= 0 || is_cut) {
         reader->at_end = true;
+        reader->is_broken = (got < 0 || is_cut) && !reader->input->pipe && reader->input->packed == nullptr;
         return false;
     }
     if (reader->spool >= 0 && !disk_write_at(reader->spool, {into, static_cast<size_t>(got)}, position)) {
@@ -66,13 +68,13 @@ bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit)
 bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text) {
     record_reader_finish_record(reader);
     size_t size;
-    while ((size = record_length(reader->cut, unread(reader), reader->at_end)) == 0) {
+    while ((size = record_length(reader->cut, unread(reader), reader->at_end && !reader->is_broken)) == 0) {
         if (reader->end - reader->begin > RECORD_MAX) {
             reader->skipping = true;
             size = RECORD_MAX;
             break;
         }
-        if (!fill(reader) && reader->begin == reader->end) return false;
+        if (!fill(reader) && (reader->is_broken || reader->begin == reader->end)) return false;
     }
     reader->held = reader->at_end && reader->waits && record_is_open(reader->cut, unread(reader));
     if (reader->held) return false;

@@ -23,6 +23,8 @@ struct record_reader {
     size_t begin = 0, end = 0;  // the unread bytes
     uint64_t offset = 0;        // of bytes[begin]
     bool at_end = false;
+    bool is_broken =
+        false;              // the end is none: a file was cut, or could not be read further; its last part is no record
     bool held = false;      // the last record waits
     bool skipping = false;  // inside a long line whose first bytes have been given
     std::string error;      // why the input ended early; empty for its real end

@@ -128,7 +128,7 @@ const command_option& command_option::one_each() const {
 command command::subcommand(const char* name, const char* help) const {
     CLI::App* const added = app->add_subcommand(name, help);
     if (heading != nullptr) added->group(heading);
-    return {added, status, context};
+    return {added, chosen};
 }
 
 void command::footer(const char* text) const {
@@ -171,7 +171,7 @@ command_option command::size(const char* names, uint64_t* bytes, const char* hel
 }
 
 void command::run(std::function<int(const tool_context&)> work) const {
-    app->callback([work = std::move(work), out = status, before = context] { *out = work(*before); });
+    app->callback([work = std::move(work), out = chosen] { *out = work; });
 }
 
 void add_bounds_options(const command& to, const char* events, std::string* since, std::string* until,
@@ -196,32 +196,38 @@ void add_query_options(const command& to, query_options* options, bool is_requir
     to.flag("--native", &options->native, "QUERY is in bracket notation: [AND a [NOT b]]");
 }
 
-int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version) {
+command_call command_line_parse(std::span<const command_group> groups, std::vector<std::string> arguments,
+                                const char* version) {
     CLI::App app("Veldar: an index for logs and other events with a time.", "veldar");
     tool_context context;
-    int status = OUTCOME_DONE;
+    std::function<int(const tool_context&)> chosen;
     app.add_option(
         "-s,--store", context.store,
         "The store (else $VELDAR_STORE, else .veldar here or above); to ask, also an index directory or a slice");
     app.set_version_flag("--version", version);
     app.fallthrough();  // -s may stand behind the subcommand too
     for (const command_group& group : groups) {
-        for (const auto add : group.commands) add({&app, &status, &context, group.heading});
+        for (const auto add : group.commands) add({&app, &chosen, group.heading});
     }
-    if (answer_unlisted(app, arguments, version)) return OUTCOME_DONE;
+    if (answer_unlisted(app, arguments, version)) return {};
     add_examples(&app, "");
     try {
         query_protect_words(&arguments);
         std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
-        if (app.exit(error) == 0) return OUTCOME_DONE;
+        if (app.exit(error) == 0) return {};
         std::fputs(suggest_meant(app).c_str(), stderr);
-        return OUTCOME_USAGE;
+        return {OUTCOME_USAGE, nullptr};
     }
-    if (!app.get_subcommands().empty()) return status;
+    if (chosen != nullptr) return {OUTCOME_DONE, [work = std::move(chosen), context] { return work(context); }};
     std::fputs("a subcommand is required\nRun with --help for more information.\n", stderr);
-    return OUTCOME_USAGE;
+    return {OUTCOME_USAGE, nullptr};
+}
+
+int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version) {
+    const command_call call = command_line_parse(groups, std::move(arguments), version);
+    return call.run == nullptr ? call.status : call.run();
 }
 
 namespace {

@@ -43,9 +43,8 @@ struct command_option {
 // values go into has to outlive the run.
 struct command {
     CLI::App* app;
-    int* status;
-    const tool_context* context;
-    const char* heading = nullptr;  // under which the help lists its subcommands
+    std::function<int(const tool_context&)>* chosen;  // what the arguments ask for
+    const char* heading = nullptr;                    // under which the help lists its subcommands
 
     command subcommand(const char* name, const char* help) const;
     void footer(const char* text) const;
@@ -106,6 +105,13 @@ struct command_group {
     std::span<void (*const)(const command&)> commands;
 };
 
+// What the arguments (without the program's name) ask for; nothing when all is said, with the exit status.
+struct command_call {
+    int status = 0;
+    std::function<int()> run;
+};
+command_call command_line_parse(std::span<const command_group> groups, std::vector<std::string> arguments,
+                                const char* version);
 // Runs the subcommand that the arguments (without the program's name) ask for and returns the exit status. Throws what
 // the subcommand throws.
 int command_line_run(std::span<const command_group> groups, std::vector<std::string> arguments, const char* version);

@@ -37,7 +37,12 @@ _veldar() {
     cur=${words[-1]-}
     head=${cur%"${cur##*[=:]}"}
     mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" __complete "${words[@]}" 2>/dev/null)
-    COMPREPLY=("${COMPREPLY[@]#"$head"}")
+    # What logs hold is inserted as it stands: nothing that a shell would obey.
+    local safe=()
+    for word in "${COMPREPLY[@]}"; do
+        [[ $word =~ ^[A-Za-z0-9_./:=@%+,-]*$ ]] && safe+=("${word#"$head"}")
+    done
+    COMPREPLY=("${safe[@]}")
     if [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == *= ]]; then compopt -o nospace 2>/dev/null; fi
 }
 complete -o default -F _veldar veldar
@@ -217,7 +222,8 @@ strings completion_of(const command_text& tree, const strings& words) {
     } catch (const std::exception&) {
     }
     std::erase_if(out, [&](const std::string& one) {
-        return !one.starts_with(at.word) || one.find_first_of("\r\n") != std::string::npos;
+        return !one.starts_with(at.word) ||
+               std::any_of(one.begin(), one.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
     });
     std::sort(out.begin(), out.end());
     out.erase(std::unique(out.begin(), out.end()), out.end());
