@@ -328,6 +328,33 @@ TEST_F(Load, KilledOverACompressedLogThatHadGrown) {
     EXPECT_NE(load({packed}).err.find("1 file with nothing new"), std::string::npos);
 }
 
+// The piece that was read last ends within a line.
+TEST_F(Load, ALogThatCannotBeReadFurtherGivesNoHalfLine) {
+    load_options options;
+    options.no_fsync = options.no_optimize = true;
+    const std::string log = file("a.log");
+    const lines all = log_lines(0, 4000);
+    write_file(log, joined(all));
+    uint64_t hits = 1;
+    for (uint64_t nth = 1; hits != 0 && !HasFailure(); nth++) {
+        const std::string path = file("store" + std::to_string(nth));
+        for (const bool fails : {true, false}) {
+            loader one;
+            std::string error;
+            loader_open(&one, path, options);
+            const fault broken(fault_call::pread, fails ? nth : ~uint64_t{0}, EIO);
+            try {
+                static_cast<void>(loader_load(&one, log, &error));
+                loader_close(&one);
+            } catch (const failure_t&) {
+                loader_give_up(&one);
+            }
+            if (fails) hits = broken.hits();
+        }
+        EXPECT_EQ(records(path), sorted(all)) << nth;
+    }
+}
+
 // At any call of one who follows it: what was read then may be of the old content, of the new one, or of both.
 TEST_F(Load, ALogThatIsCopiedAndTruncatedWhileItIsRead) {
     load_options options;

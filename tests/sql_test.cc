@@ -92,6 +92,23 @@ class Sql : public ::testing::Test {
     database db;
 };
 
+// SQLite asks for each side of an OR by itself and unites the rows by their numbers.
+TEST_F(Sql, AnOrLosesNoRows) {
+    for (const std::string either :
+         {"time<'2024-05-01 01' OR #time>'2024-05-01 03'", "host='Web1' OR #time>'2024-05-01 02'",
+          "host='db 2' OR #host='Web1' OR #time_ns=1714525200000000000"}) {
+        std::string pushed, kept;
+        for (const char c : either) {
+            if (c != '#') pushed += c;
+            kept += c == '#' ? std::string("+") : std::string(1, c);
+        }
+        const std::string count = "SELECT count(*), sum(address) FROM events WHERE ";
+        EXPECT_EQ(db.one(count + pushed), db.one(count + "+" + kept)) << either;
+    }
+    const rows told = db.ask("SELECT raw FROM events('level=info) OR (level=error') WHERE host='Web1'");
+    EXPECT_TRUE(!told.empty() && told.back().starts_with("error")) << "what is no query stays none";
+}
+
 // A unary plus keeps a condition with SQLite.
 TEST_F(Sql, PushedConditionsAnswerAsUnpushedOnes) {
     std::mt19937 random(20240501);
