@@ -9,8 +9,8 @@
 #include <string>
 
 #include "fuzz/slice_walk.h"
-#include "searchthing/slice/warmslice.h"
 #include "searchthing/merge/warmslice_merge.h"
+#include "searchthing/slice/warmslice.h"
 
 using namespace veldar;
 

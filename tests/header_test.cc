@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <random>
 
-#include "searchthing/values/tsval.h"
 #include "searchthing/format/warmslice_header.h"
+#include "searchthing/values/tsval.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 

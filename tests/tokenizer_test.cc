@@ -74,7 +74,8 @@ TEST(Tokenizer, EscapedLiteralsComeBackAndNoTextTripsIt) {
 }
 
 TEST(Tokenizer, SomeTermsNoTextHolds) {
-    for (const std::string& term : {std::string(), std::string("NEQ"), std::string(2049, 'x'), std::string("a\0b", 3)}) {
+    for (const std::string& term :
+         {std::string(), std::string("NEQ"), std::string(2049, 'x'), std::string("a\0b", 3)}) {
         EXPECT_FALSE(query_can_hold(term));
     }
     EXPECT_TRUE(query_can_hold(std::string(2048, 'x')));

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "searchthing/base/st_init.h"
-#include "searchthing/search/search_literals.h"
 #include "searchthing/reading/tsidx_read.h"
+#include "searchthing/search/search_literals.h"
 #include "tests/support/faults.h"
 #include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"

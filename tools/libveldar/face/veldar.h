@@ -34,7 +34,7 @@ extern "C" {
 #endif
 
 /* "0.1.0"; it belongs to the library. */
-const char *veldar_version(void);
+const char* veldar_version(void);
 
 typedef enum veldar_status {
     VELDAR_OK = 0,
@@ -51,15 +51,15 @@ typedef enum veldar_status {
 typedef struct veldar_error {
     size_t size; /* of the record, as the library has it */
     veldar_status status;
-    const char *message;   /* all of it, for people; several lines for a query, with a caret under the spot */
-    const char *file;      /* which file or directory; "" when it is about none */
+    const char* message;   /* all of it, for people; several lines for a query, with a caret under the spot */
+    const char* file;      /* which file or directory; "" when it is about none */
     uint64_t line;         /* of the file, from 1; 0: none */
     uint64_t offset;       /* byte of the file, or of the query's text; UINT64_MAX: none */
-    const char *next_step; /* what can be done about it; "" when nobody knows */
+    const char* next_step; /* what can be done about it; "" when nobody knows */
 } veldar_error;
 
 /* Of the calling thread's last call that did not return VELDAR_OK or VELDAR_END; valid until its next call. */
-const veldar_error *veldar_last_error(void);
+const veldar_error* veldar_last_error(void);
 
 typedef enum veldar_message_kind {
     VELDAR_TROUBLE = 0, /* what kept the work from being complete, or is worth knowing */
@@ -79,10 +79,10 @@ typedef struct veldar_progress {
  * must not call it back with the same handle. */
 typedef struct veldar_observer {
     size_t size;
-    void *context;
-    void (*message)(void *context, veldar_message_kind kind, const char *text);
-    void (*progress)(void *context, const veldar_progress *progress); /* at most ten times a second */
-    int (*stop)(void *context); /* not 0: the work ends soon, with VELDAR_INTERRUPTED; asked some 20 times a second */
+    void* context;
+    void (*message)(void* context, veldar_message_kind kind, const char* text);
+    void (*progress)(void* context, const veldar_progress* progress); /* at most ten times a second */
+    int (*stop)(void* context); /* not 0: the work ends soon, with VELDAR_INTERRUPTED; asked some 20 times a second */
 } veldar_observer;
 
 /* ---- Stores ---- */
@@ -94,16 +94,16 @@ typedef struct veldar_store veldar_store;
 /* Opens a store, an index directory or one slice for questions; a store also for loading. `path` null: the one that the
  * command line would take ($VELDAR_STORE, or the nearest .veldar). The observer is copied; null: nobody is told.
  * VELDAR_USAGE when nothing of the kind is there. `*store` is null after a failure. */
-veldar_status veldar_open(const char *path, unsigned flags, const veldar_observer *observer, veldar_store **store);
+veldar_status veldar_open(const char* path, unsigned flags, const veldar_observer* observer, veldar_store** store);
 /* Its events must be closed before; its tables stay. Null is allowed. */
-void veldar_close(veldar_store *store);
+void veldar_close(veldar_store* store);
 /* Where it is; the handle's. */
-const char *veldar_path(const veldar_store *store);
+const char* veldar_path(const veldar_store* store);
 
 /* ---- Tables: what most questions are answered with ---- */
 
 typedef struct veldar_text {
-    const char *data;
+    const char* data;
     size_t size; /* bytes */
 } veldar_text;
 
@@ -120,34 +120,34 @@ typedef struct veldar_table veldar_table;
 /* A column; what it points to belongs to the table. */
 typedef struct veldar_column {
     size_t size;
-    const char *name;
+    const char* name;
     veldar_type type;
-    const void *values;      /* a number of 8 bytes a row; null for texts */
-    const uint64_t *offsets; /* of texts: rows + 1 places in `bytes`, where each begins and the last one ends */
-    const char *bytes;       /* of texts; no NUL between them */
-    const uint8_t *valid;    /* a byte a row, 0 where there is no value; null: all have one */
+    const void* values;      /* a number of 8 bytes a row; null for texts */
+    const uint64_t* offsets; /* of texts: rows + 1 places in `bytes`, where each begins and the last one ends */
+    const char* bytes;       /* of texts; no NUL between them */
+    const uint8_t* valid;    /* a byte a row, 0 where there is no value; null: all have one */
 } veldar_column;
 
-size_t veldar_table_rows(const veldar_table *table);
-size_t veldar_table_columns(const veldar_table *table);
+size_t veldar_table_rows(const veldar_table* table);
+size_t veldar_table_columns(const veldar_table* table);
 /* VELDAR_END behind the last column. */
-veldar_status veldar_table_column(const veldar_table *table, size_t number, veldar_column *column);
+veldar_status veldar_table_column(const veldar_table* table, size_t number, veldar_column* column);
 /* Null is allowed. */
-void veldar_table_free(veldar_table *table);
+void veldar_table_free(veldar_table* table);
 
 /* ---- Questions ---- */
 
 /* What is asked for, as on the command line (docs/query-language.md). Zeros: every event. */
 typedef struct veldar_query {
     size_t size;
-    const char *text;
+    const char* text;
     const char *since, *until; /* "2026-01-02T03:04:05Z", "-1d", "yesterday" ...; null: no bound */
-    const char *zone;          /* of times without one, and of bins; null: UTC */
+    const char* zone;          /* of times without one, and of bins; null: UTC */
     int is_native;             /* the text is in bracket notation */
 } veldar_query;
 
 /* How many events the query finds. */
-veldar_status veldar_count(veldar_store *store, const veldar_query *query, uint64_t *count);
+veldar_status veldar_count(veldar_store* store, const veldar_query* query, uint64_t* count);
 
 typedef struct veldar_events veldar_events;
 
@@ -160,9 +160,9 @@ typedef struct veldar_event {
 
 /* Begins to read the events that the query finds, newest first; `limit` of them, 0 for all. VELDAR_OK even when there
  * are none: veldar_events_next tells. */
-veldar_status veldar_search(veldar_store *store, const veldar_query *query, uint64_t limit, veldar_events **events);
+veldar_status veldar_search(veldar_store* store, const veldar_query* query, uint64_t limit, veldar_events** events);
 /* The next event. VELDAR_END, or VELDAR_INCOMPLETE when something could not be read, behind the last one. */
-veldar_status veldar_events_next(veldar_events *events, veldar_event *event);
+veldar_status veldar_events_next(veldar_events* events, veldar_event* event);
 
 typedef enum veldar_part {
     VELDAR_RAW = 0, /* the record as it stands in the log, without the line end behind it */
@@ -174,75 +174,74 @@ typedef enum veldar_part {
 
 /* A part of the event that was read last; valid until the next call. VELDAR_INCOMPLETE, and no text, when it cannot be
  * read (the log is gone); VELDAR_END when there is nothing of the kind (no log is known). */
-veldar_status veldar_event_text(veldar_events *events, veldar_part part, veldar_text *text);
+veldar_status veldar_event_text(veldar_events* events, veldar_part part, veldar_text* text);
 /* Its time with the fraction that its log says. */
-veldar_status veldar_event_time(veldar_events *events, int64_t *time_ns);
+veldar_status veldar_event_time(veldar_events* events, int64_t* time_ns);
 /* Its fields, as its record writes them, by number: VELDAR_END behind the last one. Valid until the next call for
  * another event. */
-veldar_status veldar_event_field(veldar_events *events, size_t number, veldar_text *name, veldar_text *value);
+veldar_status veldar_event_field(veldar_events* events, size_t number, veldar_text* name, veldar_text* value);
 /* The next events, at most `rows` of them, as a table: time, raw, host, source, sourcetype, directory, address. The
  * table is there with VELDAR_OK alone. Afterwards no event counts as read last. */
-veldar_status veldar_events_table(veldar_events *events, size_t rows, veldar_table **table);
+veldar_status veldar_events_table(veldar_events* events, size_t rows, veldar_table** table);
 /* Makes the event of a row of such a table, of these events, the one that was read last. */
-veldar_status veldar_events_row(veldar_events *events, const veldar_table *table, size_t row);
+veldar_status veldar_events_row(veldar_events* events, const veldar_table* table, size_t row);
 /* Null is allowed. */
-void veldar_events_close(veldar_events *events);
+void veldar_events_close(veldar_events* events);
 
 /* Tables as follow are there with VELDAR_OK, VELDAR_END (no rows) and VELDAR_INCOMPLETE, and null after anything else. */
 
 /* Terms with their counts: term, count, first, last. The pattern is "word", "wo*", "status=4*"; null: all. By count, the
  * greatest first, unless `by_term`; `limit` of them, 0 for all. */
-veldar_status veldar_terms(veldar_store *store, const char *pattern, uint64_t limit, int by_term,
-                           veldar_table **table);
+veldar_status veldar_terms(veldar_store* store, const char* pattern, uint64_t limit, int by_term, veldar_table** table);
 /* The fields of the store: field, events, values. */
-veldar_status veldar_fields(veldar_store *store, veldar_table **table);
+veldar_status veldar_fields(veldar_store* store, veldar_table** table);
 /* When one word or field=value was first and last seen, and in how many events: count, first, last; one row or none. */
-veldar_status veldar_seen(veldar_store *store, const char *term, veldar_table **table);
+veldar_status veldar_seen(veldar_store* store, const char* term, veldar_table** table);
 /* The slices: path, directory, first, last, events, deleted, terms, bytes. */
-veldar_status veldar_slices(veldar_store *store, veldar_table **table);
+veldar_status veldar_slices(veldar_store* store, veldar_table** table);
 
 typedef struct veldar_stats_options {
     size_t size;
-    const char *by;         /* fields with commas between them; null: one group */
-    const char *aggregates; /* "count,avg(bytes),p99(latency)"; null: count */
-    const char *every;      /* bins: "10s", "5m", "1h", "1d", "1w", "1mo", "auto"; null: none */
+    const char* by;         /* fields with commas between them; null: one group */
+    const char* aggregates; /* "count,avg(bytes),p99(latency)"; null: count */
+    const char* every;      /* bins: "10s", "5m", "1h", "1d", "1w", "1mo", "auto"; null: none */
     uint64_t top;           /* only so many groups, those with the most of the first aggregate; 0: all */
     int keeps_missing;      /* events that lack a field of `by`, too */
 } veldar_stats_options;
 
 /* Counts and aggregates: time (with `every`), the fields of `by`, and a column an aggregate. */
-veldar_status veldar_stats(veldar_store *store, const veldar_query *query, const veldar_stats_options *options,
-                           veldar_table **table);
+veldar_status veldar_stats(veldar_store* store, const veldar_query* query, const veldar_stats_options* options,
+                           veldar_table** table);
 
 /* ---- Metrics ---- */
 
 typedef struct veldar_metric_query {
     size_t size;
-    const char *names;           /* patterns with commas between them, such as "cpu.*" */
-    const char *const *where;    /* LABEL=VALUE or LABEL!=VALUE; all must hold */
+    const char* names;        /* patterns with commas between them, such as "cpu.*" */
+    const char* const* where; /* LABEL=VALUE or LABEL!=VALUE; all must hold */
     size_t where_count;
     const char *since, *until, *zone; /* as in veldar_query */
 } veldar_metric_query;
 
 /* The metrics there are: metric, samples, series, first, last. */
-veldar_status veldar_metrics(veldar_store *store, veldar_table **table);
+veldar_status veldar_metrics(veldar_store* store, veldar_table** table);
 /* Samples, newest first: time, metric, labels ("a=b,c=d" by name; commas, '=' and '\' in them are escaped by '\'),
  * value. `limit`: only the newest; 0: all. */
-veldar_status veldar_metric_samples(veldar_store *store, const veldar_metric_query *query, uint64_t limit,
-                                    veldar_table **table);
+veldar_status veldar_metric_samples(veldar_store* store, const veldar_metric_query* query, uint64_t limit,
+                                    veldar_table** table);
 
 typedef struct veldar_metric_stats_options {
     size_t size;
-    const char *by;         /* labels with commas between them; metric_name is the metric's name */
-    const char *aggregates; /* "avg,max,p95"; null: avg */
-    const char *every;
+    const char* by;         /* labels with commas between them; metric_name is the metric's name */
+    const char* aggregates; /* "avg,max,p95"; null: avg */
+    const char* every;
     uint64_t top;
     int keeps_missing;
     int rate; /* of counters: the growth in a second */
 } veldar_metric_stats_options;
 
-veldar_status veldar_metric_stats(veldar_store *store, const veldar_metric_query *query,
-                                  const veldar_metric_stats_options *options, veldar_table **table);
+veldar_status veldar_metric_stats(veldar_store* store, const veldar_metric_query* query,
+                                  const veldar_metric_stats_options* options, veldar_table** table);
 
 /* ---- Getting in ---- */
 
@@ -257,13 +256,13 @@ typedef struct veldar_load_result {
 
 typedef struct veldar_load_options {
     size_t size;
-    const char *format;     /* of the lines; null: as they look */
-    const char *zone;       /* of times without one; null: this machine's */
-    const char *host;       /* null: the log's own, or this machine's name */
-    const char *sourcetype; /* null: the format's name */
-    const char *time_field; /* null: none */
-    const char *time_format;
-    const char *date_order; /* "dmy", "mdy", "ymd" */
+    const char* format;     /* of the lines; null: as they look */
+    const char* zone;       /* of times without one; null: this machine's */
+    const char* host;       /* null: the log's own, or this machine's name */
+    const char* sourcetype; /* null: the format's name */
+    const char* time_field; /* null: none */
+    const char* time_format;
+    const char* date_order; /* "dmy", "mdy", "ymd" */
     int year;
     int again;       /* forget what was loaded from these files before */
     int recursive;   /* the files in directories, and below them */
@@ -275,39 +274,39 @@ typedef struct veldar_load_options {
 /* Loads logs into the store, each line once, however often it is asked. VELDAR_INCOMPLETE when some file could not be
  * read whole, or hardly a line says a time that is understood; VELDAR_INTERRUPTED when the observer ended it: what was
  * loaded stays, and the next load goes on. `options` and `result` may be null. */
-veldar_status veldar_load(veldar_store *store, const char *const *files, size_t count,
-                          const veldar_load_options *options, veldar_load_result *result);
+veldar_status veldar_load(veldar_store* store, const char* const* files, size_t count,
+                          const veldar_load_options* options, veldar_load_result* result);
 
 typedef struct veldar_metric_load_options {
     size_t size;
-    const char *format; /* "openmetrics", "prometheus", "csv"; null: as the file looks */
-    const char *time;   /* CSV: the column of times; else the time of samples without one */
-    const char *values; /* CSV: the columns of values, with commas between them */
-    const char *dims;   /* CSV: the columns that are labels, with commas between them */
-    const char *name;   /* CSV: the metric */
-    const char *zone;   /* null: UTC */
+    const char* format; /* "openmetrics", "prometheus", "csv"; null: as the file looks */
+    const char* time;   /* CSV: the column of times; else the time of samples without one */
+    const char* values; /* CSV: the columns of values, with commas between them */
+    const char* dims;   /* CSV: the columns that are labels, with commas between them */
+    const char* name;   /* CSV: the metric */
+    const char* zone;   /* null: UTC */
     int again;
     int no_fsync;
     int no_optimize;
 } veldar_metric_load_options;
 
-veldar_status veldar_load_metrics(veldar_store *store, const char *const *files, size_t count,
-                                  const veldar_metric_load_options *options, veldar_load_result *result);
+veldar_status veldar_load_metrics(veldar_store* store, const char* const* files, size_t count,
+                                  const veldar_metric_load_options* options, veldar_load_result* result);
 
 /* Events of your own, tokenised already, into a bare index directory (no store): the index keeps time, address and
  * terms, and where the event itself lies is yours to know. */
 typedef struct veldar_writer veldar_writer;
 
 /* Makes the directory when it is not there. */
-veldar_status veldar_writer_open(const char *directory, veldar_writer **writer);
+veldar_status veldar_writer_open(const char* directory, veldar_writer** writer);
 /* One event: seconds since 1970, an address, and terms of 1 to 2047 bytes without NUL, such as "error" and
  * "status::500" in lower case. All of it is taken or nothing. */
-veldar_status veldar_writer_put(veldar_writer *writer, int64_t time_s, uint32_t address, const veldar_text *terms,
+veldar_status veldar_writer_put(veldar_writer* writer, int64_t time_s, uint32_t address, const veldar_text* terms,
                                 size_t count);
 /* Makes all events so far searchable and safe. After a failure they are not in the index. */
-veldar_status veldar_writer_sync(veldar_writer *writer);
+veldar_status veldar_writer_sync(veldar_writer* writer);
 /* Syncs and closes; the writer is gone in either case. Null is allowed. */
-veldar_status veldar_writer_close(veldar_writer *writer);
+veldar_status veldar_writer_close(veldar_writer* writer);
 
 /* ---- Keeping in order ---- */
 
@@ -317,11 +316,11 @@ typedef struct veldar_optimize_result {
 } veldar_optimize_result;
 
 /* Merges slices: those of a like size, or with `everything` whatever fits a slice. `result` may be null. */
-veldar_status veldar_optimize(veldar_store *store, int everything, veldar_optimize_result *result);
+veldar_status veldar_optimize(veldar_store* store, int everything, veldar_optimize_result* result);
 
 /* Checks every slice against its seal and, unless `quick`, for what a slice must hold. Findings: path, section, offset,
  * what. VELDAR_END: no faults; VELDAR_DAMAGED: the table lists them (it is there). */
-veldar_status veldar_fsck(veldar_store *store, int quick, veldar_table **table);
+veldar_status veldar_fsck(veldar_store* store, int quick, veldar_table** table);
 
 #ifdef __cplusplus
 }
