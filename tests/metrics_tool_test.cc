@@ -152,6 +152,51 @@ TEST(MetricsTool, KilledAtAnyCallEachSampleComesOnce) {
     }
 }
 
+// Whatever was taken of a file that fails, or is cut and begun anew, comes again and not twice.
+TEST(MetricsTool, AFileThatFailsOrIsCutComesOnce) {
+    const lock_optimism optimism;
+    metric_load_options options;
+    options.batch_samples = 100;
+    options.no_fsync = options.no_optimize = true;
+    std::string whole, anew = "# another file\n";
+    for (const sample& one : random_samples(1, 300)) whole += line_of(one);
+    for (const sample& one : random_samples(2, 400)) anew += line_of(one);
+    uint64_t hits = 1;
+    for (uint64_t nth = 1; hits != 0 && !testing::Test::HasFailure(); nth++) {
+        for (const bool is_cut : {false, true}) {
+            SCOPED_TRACE(testing::Message() << nth << (is_cut ? " cut" : " fails"));
+            const temp_dir dir;
+            const std::string index = dir.file("index"), file = dir.file("a.om"), copy = dir.file("a.om.1");
+            write_file(file, whole);
+            const auto load = [&](const std::vector<std::string>& files) {
+                metric_loader loader;
+                std::string error;
+                try {
+                    metric_loader_open(&loader, index, options);
+                    for (const std::string& one : files) static_cast<void>(metric_loader_load(&loader, one, &error));
+                    metric_loader_close(&loader);
+                } catch (const failure_t&) {
+                }
+            };
+            if (is_cut) {
+                const fault_step step(nth, [&] {
+                    std::filesystem::copy_file(file, copy);
+                    write_file(file, anew);
+                });
+                load({file});
+            } else {
+                const fault broken(fault_call::pread, nth, EIO);
+                load({file});
+                hits = broken.hits();
+            }
+            load(std::filesystem::exists(copy) ? std::vector<std::string>{copy, file} : std::vector<std::string>{file});
+            const bool both = std::filesystem::exists(copy);
+            ASSERT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})),
+                      sample_lines(both ? whole + anew : whole));
+        }
+    }
+}
+
 TEST(MetricsTool, QueriesAgreeWithTheSamples) {
     const temp_dir dir;
     const std::string file = dir.path() + "/in.om", index = dir.path() + "/a";

@@ -157,6 +157,35 @@ TEST_F(Salvage, FlipsBitsBackAndLivesWithoutSeals) {
 }
 
 // From flipped bits to the same answers again, by the commands.
+// A log that took another form is two files to the store, and one to rebuild.
+TEST_F(Salvage, ALogOfTwoFormsIsRebuiltWhole) {
+    const std::string store = dir_.file("store"), log = dir_.file("log"), aside = store + "/quarantine/bucket-000001";
+    std::string text;
+    for (int i = 0; i < 2900; i++) {
+        char line[160];
+        std::snprintf(
+            line, sizeof line,
+            i < 400 ? "2024-03-01T%02d:%02d:%02dZ n=%d\n" : "{\"time\":\"2024-03-01T%02d:%02d:%02dZ\",\"n\":%d}\n",
+            i / 3600, i / 60 % 60, i % 60, i);
+        text += line;
+    }
+    write_file(log, text);
+    const auto run = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"-s", store});
+        return run_tool(TOOL, arguments);
+    };
+    ASSERT_EQ(run({"load", log, "--max-values", "1000", "--no-optimize"}).status, 0);
+    const std::string bucket = store + "/bucket-000001";
+    fs::create_directories(aside);
+    const std::string slice = files_in(bucket, ".tsidx").at(0);
+    fs::rename(slice, aside + "/" + fs::path(slice).filename().string());
+    const tool_result rebuilt = run({"rebuild"});
+    EXPECT_EQ(rebuilt.status, 0) << rebuilt.err;
+    EXPECT_EQ(run({"count", "*"}).out, "2900\n");
+    EXPECT_EQ(run({"load", "--again", log}).status, 0);
+    EXPECT_EQ(run({"count", "*"}).out, "2900\n");
+}
+
 TEST_F(Salvage, AStoreIsRebuiltFromItsLogs) {
     const std::string store = dir_.file("store"), log = dir_.file("log");
     std::string text;

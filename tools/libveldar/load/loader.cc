@@ -329,6 +329,19 @@ std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool ag
         return {};
     }
     const known_file* const same = opened ? known_files_identify(&load->known, &input, &copy) : nullptr;
+    if (same != nullptr && again) {
+        // What is loaded anew takes the place of all of it, in whatever forms that was.
+        const source_file& meant = same->file;
+        std::vector<uint32_t> numbers = known_files_alike(load->known, &input);
+        std::erase_if(numbers, [&](uint32_t number) {
+            const source_file& other = load->known.by_number.at(number).file;
+            const bool is_same =
+                other.path == meant.path || (other.inode == meant.inode && other.device == meant.device);
+            return !is_same || number == meant.number;
+        });
+        numbers.push_back(meant.number);
+        return numbers;
+    }
     if (same != nullptr) return {same->file.number};
     std::vector<uint32_t> numbers;
     for (const auto& [number, known] : load->known.by_number) {
@@ -380,6 +393,11 @@ void loader_open(loader* load, const std::string& store_path, const load_options
     }
     load_begin(load, options.files);
     finish_spools(load);
+}
+
+bool loader_means(loader* load, const std::string& path, uint32_t number) {
+    const std::vector<uint32_t> numbers = files_meant(load, path, true);
+    return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
 }
 
 std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again) {

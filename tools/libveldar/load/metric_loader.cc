@@ -38,7 +38,9 @@ struct metric_file {
     uint64_t from = 0;   // where reading begins
     uint64_t line = 0;   // number of the last line, counted from `from`
     uint64_t taken = 0;  // offset behind the last record that was taken or refused
+    uint64_t noted = 0;  // what `taken` was at the last note; before one `from`
     uint64_t samples = 0, refused = 0;
+    size_t batch_from = 0;  // the samples of the batch from here on are of this file
     bool timeless = false;  // a sample had no time of its own: loaded again it is another one
     std::string joined;     // a CSV record of several lines
     metric_record record;
@@ -111,15 +113,30 @@ void open_writer(metric_loader* load) {
     load->milliseconds = milliseconds;
 }
 
-// Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken.
+// Notes how far the file is taken. When that cannot be told, as it was cut or cannot be read any more, its samples since
+// the last note leave the batch: they would come again with the next load. False then, with a message.
+bool note_file(metric_loader* load, metric_file* file, std::string* error) {
+    if (file->timeless || file->input.pipe || file->taken <= file->noted) return true;
+    metric_note note;
+    const bool is_made = metric_note_make(&file->hash, file->input, file->options_hash, file->taken, &note, error);
+    if (is_made && log_input_is_uncut(file->input)) {
+        load->done.push_back(note);
+        file->noted = file->taken;
+        return true;
+    }
+    if (is_made) *error = "was cut while it was read; load it again";
+    load->batch.samples.resize(file->batch_from);
+    file->taken = file->noted;
+    return false;
+}
+
+// Puts the batch into slices and notes what they hold: the files before, and this one up to where it was taken, or not
+// at all.
 void write_batch(metric_loader* load, metric_file* file) {
-    if (file != nullptr && !file->timeless && !file->input.pipe && file->taken > file->from) {
-        metric_note note;
-        std::string error;
-        // When the file has changed meanwhile, nothing is noted.
-        if (metric_note_make(&file->hash, file->input, file->options_hash, file->taken, &note, &error)) {
-            load->done.push_back(note);
-        }
+    std::string error;
+    if (file != nullptr && !note_file(load, file, &error) && file->reader.error.empty()) {
+        file->reader.error = error;
+        file->reader.at_end = true;
     }
     if (!load->batch.samples.empty()) {
         open_writer(load);
@@ -129,6 +146,7 @@ void write_batch(metric_loader* load, metric_file* file) {
     }
     for (const metric_note& note : load->done) metric_notes_add_line(&load->notes, metric_note_line(note));
     load->done.clear();
+    if (file != nullptr) file->batch_from = load->batch.samples.size();
 }
 
 void refuse(metric_loader* load, metric_file* file, const char* why) {
@@ -192,7 +210,7 @@ void take_record(metric_loader* load, metric_file* file, std::span<char> bytes) 
 void take_records(metric_loader* load, metric_file* file) {
     std::span<char> bytes;
     bool too_long = false;
-    while (!work_stops() && next_record(file, &bytes, &too_long)) {
+    while (!work_stops() && file->reader.error.empty() && next_record(file, &bytes, &too_long)) {
         if (too_long) {
             refuse(load, file, "more than 1 MiB");
         } else {
@@ -283,11 +301,13 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
 bool metric_loader_load(metric_loader* load, const std::string& path, std::string* error) {
     metric_file file;
     file.path = path;
+    file.batch_from = load->batch.samples.size();
     if (!log_input_open(&file.input, path, error)) return false;
     *error = foreign_content(file.input.head);
     if (!error->empty()) return false;
     choose_format(*load, &file);
     if (!open_reader(load, &file, error)) return false;
+    file.taken = file.noted = file.from;
     take_records(load, &file);
     load->totals.bytes_in += file.taken - file.from;
     load->bytes_done += file.input.size;
@@ -297,10 +317,9 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
         *error = "every line was refused: is this a file of metrics?";
     } else if (work_stops() || !error->empty()) {
         write_batch(load, &file);
-    } else if (!file.timeless && !file.input.pipe && file.taken > file.from) {
-        metric_note note;
-        if (!metric_note_make(&file.hash, file.input, file.options_hash, file.taken, &note, error)) return false;
-        load->done.push_back(note);
+        *error = file.reader.error;
+    } else if (!note_file(load, &file, error)) {
+        return false;
     }
     return error->empty();
 }

@@ -1,11 +1,13 @@
 #include "tools/libveldar/load/metric_staging.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "searchthing/directory/tsidx.h"
 #include "searchthing/format/tsidx_names.h"
@@ -40,14 +42,29 @@ void rename_or_fail(const std::string& from, const std::string& to) {
     if (std::rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) fail_io("cannot move", from, errno);
 }
 
+bool have_same_bytes(const std::string& one, const std::string& other) {
+    constexpr size_t PIECE = size_t{1} << 20;
+    const unique_fd a(::open(one.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW)),
+        b(::open(other.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (!a.valid() || !b.valid()) return false;
+    std::string left(PIECE, '\0'), right(PIECE, '\0');
+    for (uint64_t offset = 0;; offset += PIECE) {
+        const int64_t size = disk_read_at(a.get(), left.data(), PIECE, offset);
+        if (size < 0 || disk_read_at(b.get(), right.data(), PIECE, offset) != size) return false;
+        if (std::memcmp(left.data(), right.data(), static_cast<size_t>(size)) != 0) return false;
+        if (static_cast<size_t>(size) < PIECE) return true;
+    }
+}
+
 // A slice that is not there has been moved. Its seal goes first, as no slice is to be without.
 void move_slice(const metric_staging& staging, const std::string& name) {
     const std::string from = staging.path + "/" + name, to = staging.target + "/" + name;
     struct stat here, there;
     if (::lstat(from.c_str(), &here) != 0 && errno == ENOENT) return;
     if (::lstat(to.c_str(), &there) == 0) {
-        // Only the new name outlived a loss of power, or both did.
-        if (here.st_ino != there.st_ino || here.st_dev != there.st_dev) {
+        // Both names outlived a loss of power; or the directory was copied, and they are two files now.
+        const bool is_one = here.st_ino == there.st_ino && here.st_dev == there.st_dev;
+        if (!is_one && !have_same_bytes(from, to)) {
             throw failure_t{OUTCOME_IO, to + ": in the way of a slice of that name in " + staging.path};
         }
         if (::unlink(from.c_str()) != 0) fail_io("cannot remove", from, errno);

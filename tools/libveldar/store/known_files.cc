@@ -193,6 +193,12 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end) {
     return known;
 }
 
+std::vector<uint32_t> known_files_alike(const known_files& known, log_input* input) {
+    std::vector<uint32_t> numbers = same_heads(known, input->head);
+    std::erase_if(numbers, [&](uint32_t number) { return !same_tail(known.by_number.at(number), input); });
+    return numbers;
+}
+
 known_file* known_files_identify(known_files* known, log_input* input, bool* copy) {
     *copy = false;
     std::vector<uint32_t> numbers = same_heads(*known, input->head);

@@ -38,6 +38,8 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end);
 // While the file that was loaded stands in its directory, another one that goes on like it is a `*copy`, and one that
 // goes on otherwise behind less than 4 KiB is a new one: it only begins with the same lines.
 known_file* known_files_identify(known_files* known, log_input* input, bool* copy);
+// All that the input can go on with: a log whose lines changed their form has a number for each.
+std::vector<uint32_t> known_files_alike(const known_files& known, log_input* input);
 // Takes a new file, or the new whereabouts of a known one.
 known_file* known_files_put(known_files* known, const source_file& file);
 // The files that were forgotten and whose events may not all be deleted.

@@ -148,10 +148,13 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
     options.files = {log.path};
     loader load;
     loader_open(&load, store, options);
-    loader_forget(&load, log.path, true);
     std::string error;
-    // A log that is still known, as it could not be read a moment ago, would count as loaded.
-    const bool forgot = !load.known.by_number.contains(log.number);
+    // A number that is not known has been forgotten, with another one of the same log or by a run that was killed. One
+    // that the path does not mean, as the log could not be read a moment ago, stays, and so does all else of it; what is
+    // still known would count as loaded.
+    const auto is_known = [&] { return load.known.by_number.contains(log.number); };
+    if (is_known() && loader_means(&load, log.path, log.number)) loader_forget(&load, log.path, true);
+    const bool forgot = !is_known();
     if (!forgot) error = "it cannot be told from other logs, or not be read";
     const bool read = forgot && loader_load(&load, log.path, &error, log.source);
     loader_close(&load);
