@@ -109,6 +109,23 @@ TEST_F(Sql, AnOrLosesNoRows) {
     EXPECT_TRUE(!told.empty() && told.back().starts_with("error")) << "what is no query stays none";
 }
 
+TEST_F(Sql, BordersOfTimesAndArguments) {
+    const std::string last = "2038-01-19 03:14:07";
+    write_file(dir.file("last.log"), "2038-01-19T03:14:07Z the last\n2038-01-19T03:14:06Z one before\n");
+    load("Web1", "last.log");
+    for (const std::string op : {"=", "<=", ">=", "<", ">"}) {
+        const std::string asked = "SELECT count(*), max(raw) FROM events('the last OR one') WHERE ";
+        EXPECT_EQ(db.ask(asked + "time " + op + "'" + last + "'"), db.ask(asked + "+time " + op + "'" + last + "'"))
+            << op;
+    }
+    EXPECT_EQ(db.one("SELECT raw FROM events('last OR before') WHERE time<'" + last + "' LIMIT 1"),
+              "2038-01-19T03:14:06Z one before");
+    EXPECT_EQ(db.one("SELECT g1, g2, a1 FROM veldar_stats('" + store + "', 'level=error', '\"level\"', NULL, 'count')"),
+              "error||60");
+    const rows told = db.ask("SELECT count(*) FROM veldar_events('" + store + "', 'level=error' || char(0) || 'x')");
+    EXPECT_TRUE(told.back().starts_with("error:")) << told.back();
+}
+
 // A unary plus keeps a condition with SQLite.
 TEST_F(Sql, PushedConditionsAnswerAsUnpushedOnes) {
     std::mt19937 random(20240501);

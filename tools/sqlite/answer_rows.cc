@@ -143,12 +143,25 @@ veldar_status ask_slices(veldar_store* store, const table_question&, std::unique
 enum stats_argument { QUERY = 1, BY, EVERY, AGG, STATS_SINCE, STATS_UNTIL, TZ };
 constexpr const char* STATS_ARGUMENTS[] = {"query", "by", "every", "agg", "since", "until", "tz"};
 
+// Fields with commas between them; a comma in quotes or parentheses is part of a name.
+size_t count_fields(std::string_view fields) {
+    size_t count = fields.empty() ? 0 : 1;
+    int depth = 0;
+    bool quoted = false;
+    for (const char c : fields) {
+        if (c == '"') quoted = !quoted;
+        if (!quoted) depth += c == '(' ? 1 : c == ')' ? -1 : 0;
+        count += c == ',' && !quoted && depth == 0 ? 1 : 0;
+    }
+    return count;
+}
+
 // The answer's columns are the time, if there are bins, the groups and the aggregates.
 std::vector<shown_column> stats_columns(const table_question& question, size_t count) {
     const char *const by = question.argument(BY), *const every = question.argument(EVERY);
     const std::string_view fields = by == nullptr ? "" : by;
     const size_t times = every == nullptr || *every == '\0' ? 0 : 1;
-    const size_t groups = fields.empty() ? 0 : static_cast<size_t>(std::count(fields.begin(), fields.end(), ',')) + 1;
+    const size_t groups = count_fields(fields);
     if (groups > STATS_GROUPS || count > times + groups + STATS_AGGREGATES) {
         throw table_fault{"veldar_stats has columns for 8 fields and 16 aggregates"};
     }
@@ -174,10 +187,12 @@ veldar_status ask_stats(veldar_store* store, const table_question& question, std
                                           .every = question.argument(EVERY),
                                           .top = 0,
                                           .keeps_missing = 0};
-    veldar_table* table = nullptr;
-    const veldar_status status = veldar_stats(store, &query, &options, &table);
-    const size_t count = table == nullptr ? 0 : veldar_table_columns(table);
-    return rows_of(status, table, stats_columns(question, count), rows);
+    veldar_table* given = nullptr;
+    const veldar_status status = veldar_stats(store, &query, &options, &given);
+    table_ptr table(given);
+    const size_t count = table == nullptr ? 0 : veldar_table_columns(table.get());
+    std::vector<shown_column> columns = stats_columns(question, count);
+    return rows_of(status, table.release(), std::move(columns), rows);
 }
 
 enum metrics_argument { PATTERN = 1, WHERE, METRICS_SINCE, METRICS_UNTIL };

@@ -212,7 +212,9 @@ planned plan_read(const table_kind& kind, const char* plan, std::span<sqlite3_va
             const auto named = [&](const char* name) { return word == name; };
             const auto found = std::find_if(kind.hidden.begin(), kind.hidden.end(), named);
             const size_t number = word == "store" ? 0 : static_cast<size_t>(found - kind.hidden.begin()) + 1;
-            out.question.arguments[number] = text_of(value);
+            std::string text = text_of(value);
+            if (text.find('\0') != std::string::npos) throw table_fault{"an argument has a NUL in it"};
+            out.question.arguments[number] = std::move(text);
         }
         if (fault != nullptr) throw table_fault{fault};
     }

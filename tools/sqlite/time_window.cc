@@ -15,6 +15,8 @@ namespace {
 constexpr int64_t NS = 1'000'000'000;
 // Events have 32 bits for their seconds.
 constexpr int64_t FIRST_NS = int64_t{INT_MIN} * NS, END_NS = (int64_t{INT_MAX} + 1) * NS;
+// The last second as a bound of a question stands for none.
+constexpr int64_t LAST_NS = int64_t{INT_MAX} * NS;
 
 int64_t floor_s(int64_t time_ns) {
     return time_ns / NS - (time_ns % NS < 0 ? 1 : 0);
@@ -64,7 +66,7 @@ int64_t saturated(double value) {
 }  // namespace
 
 bool time_window::is_whole() const {
-    return (!is_bounded(from) || from % NS == 0) && (!is_bounded(to) || to % NS == 0);
+    return (!is_bounded(from) || from % NS == 0) && (!is_bounded(to) || (to % NS == 0 && to < LAST_NS));
 }
 
 std::string time_window::since() const {
@@ -72,7 +74,7 @@ std::string time_window::since() const {
 }
 
 std::string time_window::until() const {
-    return is_bounded(to) ? "@" + std::to_string(floor_s(to - 1) + 1) : "";
+    return is_bounded(to) && to <= LAST_NS - NS ? "@" + std::to_string(floor_s(to - 1) + 1) : "";
 }
 
 const char* window_narrow_text(time_window* window, const std::string& op, sqlite3_value* value) {
