@@ -124,8 +124,9 @@ std::string raw_by_table(veldar_store* store, const char* query, uint64_t limit)
     const veldar_query asked = query_of(query);
     EXPECT_EQ(veldar_search(store, &asked, limit, &made), VELDAR_OK);
     const owned<veldar_events> events(made);
-    for (veldar_table* table = nullptr; veldar_events_table(made, 7, &table) == VELDAR_OK;) {
+    for (veldar_table* table = nullptr; veldar_events_table(made, 7, VELDAR_NAMES, &table) == VELDAR_OK;) {
         const owned<veldar_table> held(table);
+        EXPECT_EQ(veldar_events_fill(made, table, VELDAR_RAWS | VELDAR_TIMES), VELDAR_OK);
         veldar_column raw = {};
         raw.size = sizeof raw;
         EXPECT_EQ(veldar_table_column(table, 1, &raw), VELDAR_OK);
@@ -326,7 +327,6 @@ TEST_F(Face, AnObserverHearsAndEndsTheWork) {
     EXPECT_EQ(count, 30000u) << "each line once";
     stops.at = 0;
     veldar_table* table = nullptr;
-    veldar_status end;
     // A new handle asks at once.
     const auto fresh = [&] { return open_store(store_, 0, &observer); };
     EXPECT_EQ(veldar_count(fresh().get(), &query, &count), VELDAR_INTERRUPTED);
@@ -334,8 +334,16 @@ TEST_F(Face, AnObserverHearsAndEndsTheWork) {
     EXPECT_EQ(veldar_stats(fresh().get(), nullptr, nullptr, &table), VELDAR_INTERRUPTED);
     EXPECT_EQ(veldar_fsck(fresh().get(), 0, &table), VELDAR_INTERRUPTED);
     EXPECT_EQ(table, nullptr);
-    raw_by_event(fresh().get(), "fine", 0, &end);
-    EXPECT_EQ(end, VELDAR_INTERRUPTED);
+    veldar_events* events = nullptr;
+    veldar_event event = {};
+    event.size = sizeof event;
+    const owned<veldar_store> once = fresh();
+    ASSERT_EQ(veldar_search(once.get(), &query, 0, &events), VELDAR_OK);
+    const owned<veldar_events> searched(events);
+    EXPECT_EQ(veldar_events_table(events, 0, 0, &table), VELDAR_USAGE);
+    EXPECT_EQ(veldar_events_table(events, 1, 8, &table), VELDAR_USAGE);
+    EXPECT_EQ(veldar_events_next(events, &event), VELDAR_INTERRUPTED);
+    EXPECT_EQ(veldar_events_table(events, 10, 0, &table), VELDAR_INTERRUPTED) << "and not the end";
 }
 
 TEST_F(Face, HandlesOfManyThreads) {

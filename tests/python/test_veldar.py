@@ -103,6 +103,10 @@ def test_values_of_a_field(tmp_path):
 
 
 def test_times_and_options(store):
+    everything = store.count()
+    assert store.count(since=datetime.min, until=datetime.max) == everything
+    assert store.count(since=datetime.min.date(), until=datetime.max.replace(tzinfo=timezone.utc)) == everything
+    assert store.count(until=datetime(1000, 1, 1)) == 0
     noon = datetime(2025, 3, 1, 23)
     expected = sum(noon.replace(tzinfo=timezone.utc) <= line_time(number) for number in range(LINES))
     berlin = timezone(timedelta(hours=1))
@@ -289,6 +293,19 @@ def test_signals_and_callbacks_end_a_load(many, tmp_path):
         assert store.count("level=info") == MANY
 
 
+def test_the_end_of_the_interpreter_ends_a_load(many, tmp_path):
+    script = """
+import sys, threading, time, veldar
+store = veldar.open(sys.argv[2], create=True)
+seen = threading.Event()
+load = lambda: [store.load([sys.argv[1]], again=True, progress=lambda now: seen.set()) for _ in range(100)]
+threading.Thread(target=load, daemon=True).start()
+seen.wait(20)
+"""
+    ended = subprocess.run([sys.executable, "-c", script, many, tmp_path / "s"], capture_output=True, timeout=60)
+    assert ended.returncode == 0, ended.stderr
+
+
 def test_two_threads(loaded):
     faults = []
 
@@ -335,6 +352,8 @@ def test_writer(tmp_path):
         for bad in ((1700000000, 2**32, ["a"]), (1700000000, 2, []), (2**40, 2, ["a"]), (0, 2, ["a\0"])):
             with pytest.raises(veldar.UsageError):
                 writer.put(*bad)
+        with pytest.raises(TypeError, match="several"):
+            writer.put(0, 0, "error")
         writer.sync()
     writer.close()
     with pytest.raises(veldar.UsageError, match="closed"):

@@ -1,13 +1,18 @@
 #include "tools/python/handle.h"
 
+#include <atomic>
 #include <chrono>
 #include <new>
+#include <stdexcept>
 
 namespace veldar::python {
 
 namespace {
 
 constexpr std::chrono::milliseconds SIGNALS_EVERY{50};
+
+std::atomic<bool> is_ending = false;
+uint64_t calls = 0;  // under way; used with the GIL
 
 py::object python_name(const char* module, const char* name) {
     return py::module_::import(module).attr(name);
@@ -16,6 +21,7 @@ py::object python_name(const char* module, const char* name) {
 // Runs what calls Python from inside the library. What it raises waits for the end of the call, which comes soon.
 template <typename F>
 void ask_python(handle* of, F ask) noexcept {
+    if (is_ending) return;
     const py::gil_scoped_acquire held;
     if (of->raised != nullptr) return;
     try {
@@ -49,6 +55,7 @@ int stops(void* context) {
     ask_python(of, [] {
         if (PyErr_CheckSignals() != 0) throw py::error_already_set();
     });
+    if (is_ending) return 1;
     const py::gil_scoped_acquire held;
     return of->raised != nullptr ? 1 : 0;
 }
@@ -132,6 +139,23 @@ void close_events(handle* on, veldar_events* events) {
     try {
         on->orphans.push_back(events);
     } catch (const std::bad_alloc&) {  // memory is short: what they hold stays held
+    }
+}
+
+under_way::under_way() {
+    if (is_ending) throw std::runtime_error("the interpreter is ending");
+    calls++;
+}
+
+under_way::~under_way() {
+    calls--;
+}
+
+void end_calls() {
+    is_ending = true;
+    while (calls > 0) {
+        const py::gil_scoped_release released;
+        std::this_thread::sleep_for(SIGNALS_EVERY / 10);
     }
 }
 

@@ -66,9 +66,22 @@ class turn {
     handle* on_;
 };
 
+// A call is under way: the interpreter's end waits for it, and ends it soon. None begins when that has begun.
+class under_way {
+  public:
+    under_way();
+    ~under_way();
+    under_way(const under_way&) = delete;
+    under_way& operator=(const under_way&) = delete;
+};
+// Ends what other threads have under way, and waits for them; with the GIL held. For the interpreter's end, after which
+// no thread of its may come back to it.
+void end_calls();
+
 // The status of `work()`, which calls the library.
 template <typename F>
 veldar_status call(handle* on, const py::object& progress, F work) {
+    const under_way counted;
     const turn mine(on);
     on->progress = progress.is_none() ? nullptr : progress.ptr();
     veldar_status status = VELDAR_OK;

@@ -108,12 +108,18 @@ py::object next_table(const events_t& events, size_t rows) {
     table_ptr table;
     const veldar_status status = call(events.on.get(), [&] {
         veldar_table* given = nullptr;
-        const veldar_status asked = veldar_events_table(events.events, rows, &given);
+        const veldar_status asked = veldar_events_table(events.events, rows, VELDAR_RAWS, &given);
         table.reset(given);
         return asked;
     });
     require(status);
     return table == nullptr ? py::object(py::none()) : py::cast(table_of(std::move(table)));
+}
+
+// The times, or the names, of a table's events.
+void fill(const events_t& events, const table_t& table, bool times, bool names) {
+    const unsigned with = (times ? VELDAR_TIMES : 0) | (names ? VELDAR_NAMES : 0);
+    require(call(events.on.get(), [&] { return veldar_events_fill(events.events, table.held.get(), with); }));
 }
 
 // Names and values, in the order of the record.
@@ -259,7 +265,7 @@ void add_questions(py::module_* module) {
     py::class_<question_t>(*module, "Question").def(py::init<text_t, text_t, text_t, text_t, bool>());
     py::class_<metric_question_t>(*module, "MetricQuestion")
         .def(py::init<text_t, std::vector<std::string>, text_t, text_t, text_t>());
-    py::class_<events_t>(*module, "Events").def("next", next_table).def("fields", fields_of);
+    py::class_<events_t>(*module, "Events").def("next", next_table).def("fill", fill).def("fields", fields_of);
 }
 
 void add_store(py::module_* module) {
@@ -308,6 +314,7 @@ PYBIND11_MODULE(_veldar, module) {
         .def("sync", sync_writer)
         .def("close", close_writer);
     module.def("version", veldar_version);
+    py::module_::import("atexit").attr("register")(py::cpp_function(end_calls));
 }
 
 }  // namespace veldar::python

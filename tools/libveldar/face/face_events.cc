@@ -1,5 +1,6 @@
 // veldar.h: the events that a query finds, one by one and as tables.
 #include <algorithm>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -23,6 +24,7 @@ struct veldar_events {
     bool knows_raw = false;
     bool has_event = false;
     veldar::event_t event = {};
+    std::optional<failure_t> failure;                              // which ended them: every further call fails so
     uint64_t left = UINT64_MAX;                                    // of the limit
     std::vector<std::pair<std::string, std::string_view>> fields;  // of the event, once asked for
     bool has_fields = false;
@@ -33,7 +35,14 @@ namespace {
 
 bool next(veldar_events* events) {
     events->has_fields = false;
-    events->has_event = events->left > 0 && events_next(events->cursor.get(), &events->event);
+    if (events->failure) throw *events->failure;
+    try {
+        events->has_event = events->left > 0 && events_next(events->cursor.get(), &events->event);
+    } catch (const failure_t& failure) {
+        events->has_event = false;
+        events->failure = failure;
+        throw;
+    }
     if (events->has_event) events->left--;
     return events->has_event;
 }
@@ -85,16 +94,40 @@ std::string name_of(const veldar_events* events, veldar_part part) {
     }
 }
 
-void put_row(veldar_events* events, veldar_table* table) {
-    auto column = table->columns.begin();
-    column_put(&*column++, full_time(events));
-    const raw_record* const record = record_of(events);
-    record == nullptr ? column_put_nothing(&*column) : column_put(&*column, std::string_view(record->text));
-    ++column;
-    for (const veldar_part part : {VELDAR_HOST, VELDAR_SOURCE, VELDAR_SOURCETYPE, VELDAR_DIRECTORY}) {
-        column_put(&*column++, std::string_view(name_of(events, part)));
+constexpr unsigned EVERYTHING = VELDAR_TIMES | VELDAR_RAWS | VELDAR_NAMES;
+enum column_t { TIME, RAW, FIRST_NAME, ADDRESS = FIRST_NAME + 4 };
+constexpr veldar_part NAMES[] = {VELDAR_HOST, VELDAR_SOURCE, VELDAR_SOURCETYPE, VELDAR_DIRECTORY};
+
+// The row of the event at hand, in the columns of `with`.
+void put_parts(veldar_events* events, unsigned with, veldar_table* table) {
+    if ((with & VELDAR_TIMES) != 0) column_put(&table->columns[TIME], full_time(events));
+    if ((with & VELDAR_RAWS) != 0) {
+        veldar_table::column* const raw = &table->columns[RAW];
+        const raw_record* const record = record_of(events);
+        record == nullptr ? column_put_nothing(raw) : column_put(raw, std::string_view(record->text));
     }
-    column_put(&*column, uint64_t{events->event.value.address});
+    for (size_t i = 0; (with & VELDAR_NAMES) != 0 && i < std::size(NAMES); i++) {
+        column_put(&table->columns[FIRST_NAME + i], std::string_view(name_of(events, NAMES[i])));
+    }
+}
+
+// Texts of rows that have none.
+void leave_out(size_t rows, veldar_table::column* column) {
+    column->offsets.assign(rows + 1, 0);
+    column->valid.assign(rows, 0);
+    column->has_gaps = rows > 0;
+}
+
+void empty(veldar_table::column* column) {
+    column->ints.clear();
+    column->offsets.assign(1, 0);
+    column->bytes.clear();
+    column->valid.clear();
+    column->has_gaps = false;
+}
+
+void require_parts(unsigned with) {
+    if ((with & ~EVERYTHING) != 0) throw failure_t{OUTCOME_USAGE, "no such parts of events"};
 }
 
 }  // namespace
@@ -175,9 +208,11 @@ veldar_status veldar_event_field(veldar_events* events, size_t number, veldar_te
     });
 }
 
-veldar_status veldar_events_table(veldar_events* events, size_t rows, veldar_table** table) {
+veldar_status veldar_events_table(veldar_events* events, size_t rows, unsigned with, veldar_table** table) {
     *table = nullptr;
     return face_run(&events->store->hearing, [&](const face_call& call) {
+        if (rows == 0) throw failure_t{OUTCOME_USAGE, "a table of no rows is asked for"};
+        require_parts(with);
         auto made = std::make_unique<veldar_table>();
         made->events_id = events->id;
         table_column(made.get(), "time", VELDAR_TIME);
@@ -186,13 +221,40 @@ veldar_status veldar_events_table(veldar_events* events, size_t rows, veldar_tab
         }
         table_column(made.get(), "address", VELDAR_UINT64);
         while (made->rows < rows && next(events)) {
-            put_row(events, made.get());
+            const veldar::st_tsval& value = events->event.value;
+            put_parts(events, with, made.get());
+            if ((with & VELDAR_TIMES) == 0) {
+                column_put(&made->columns[TIME], time_ns_of(value.time, value.subsecond));
+            }
+            column_put(&made->columns[ADDRESS], uint64_t{value.address});
             made->events.push_back(events->event);
             made->rows++;
         }
         events->has_event = false;
+        if ((with & VELDAR_RAWS) == 0) leave_out(made->rows, &made->columns[RAW]);
+        for (size_t i = 0; (with & VELDAR_NAMES) == 0 && i < std::size(NAMES); i++) {
+            leave_out(made->rows, &made->columns[FIRST_NAME + i]);
+        }
         if (made->rows == 0) return at_end(events, call);
         *table = made.release();
+        return VELDAR_OK;
+    });
+}
+
+veldar_status veldar_events_fill(veldar_events* events, veldar_table* table, unsigned with) {
+    return face_run(&events->store->hearing, [&](const face_call&) {
+        if (table->events_id != events->id) throw failure_t{OUTCOME_USAGE, "the table is none of these events"};
+        require_parts(with);
+        events->has_event = events->has_fields = false;
+        if ((with & VELDAR_TIMES) != 0) empty(&table->columns[TIME]);
+        if ((with & VELDAR_RAWS) != 0) empty(&table->columns[RAW]);
+        for (size_t i = 0; (with & VELDAR_NAMES) != 0 && i < std::size(NAMES); i++) {
+            empty(&table->columns[FIRST_NAME + i]);
+        }
+        for (const veldar::event_t& event : table->events) {
+            events->event = event;
+            put_parts(events, with, table);
+        }
         return VELDAR_OK;
     });
 }

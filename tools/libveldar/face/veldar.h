@@ -161,7 +161,7 @@ typedef struct veldar_event {
 /* Begins to read the events that the query finds, newest first; `limit` of them, 0 for all. VELDAR_OK even when there
  * are none: veldar_events_next tells. */
 veldar_status veldar_search(veldar_store* store, const veldar_query* query, uint64_t limit, veldar_events** events);
-/* The next event. VELDAR_END, or VELDAR_INCOMPLETE when something could not be read, behind the last one. */
+/* The next event. After a failure all further calls fail so. VELDAR_END, or VELDAR_INCOMPLETE when something could not be read, behind the last one. */
 veldar_status veldar_events_next(veldar_events* events, veldar_event* event);
 
 typedef enum veldar_part {
@@ -180,9 +180,19 @@ veldar_status veldar_event_time(veldar_events* events, int64_t* time_ns);
 /* Its fields, as its record writes them, by number: VELDAR_END behind the last one. Valid until the next call for
  * another event. */
 veldar_status veldar_event_field(veldar_events* events, size_t number, veldar_text* name, veldar_text* value);
-/* The next events, at most `rows` of them, as a table: time, raw, host, source, sourcetype, directory, address. The
- * table is there with VELDAR_OK alone. Afterwards no event counts as read last. */
-veldar_status veldar_events_table(veldar_events* events, size_t rows, veldar_table** table);
+/* What a table of events is filled with; the sum of some. Addresses are always there, and times at least as veldar_event
+ * has them. */
+#define VELDAR_TIMES 1u /* with the fractions that the logs say */
+#define VELDAR_RAWS 2u
+#define VELDAR_NAMES 4u /* host, source, sourcetype, directory */
+
+/* The next events, at most `rows` of them, as a table: time, raw, host, source, sourcetype, directory, address. Columns
+ * that it is not filled `with` have no values. The table is there with VELDAR_OK alone. Afterwards no event counts as
+ * read last. */
+veldar_status veldar_events_table(veldar_events* events, size_t rows, unsigned with, veldar_table** table);
+/* Fills more columns of such a table, of these events. Not while others read it; what they have been given of times,
+ * raws or names before is void then. */
+veldar_status veldar_events_fill(veldar_events* events, veldar_table* table, unsigned with);
 /* Makes the event of a row of such a table, of these events, the one that was read last. */
 veldar_status veldar_events_row(veldar_events* events, const veldar_table* table, size_t row);
 /* Null is allowed. */

@@ -16,6 +16,8 @@ Names = Union[str, Iterable[str]]
 """One, several with commas between them, or several."""
 
 _EPOCH = datetime(1970, 1, 1, tzinfo=timezone.utc)
+_FIRST = datetime(1901, 12, 13, 20, 45, 52, tzinfo=timezone.utc)
+_LAST = datetime(2038, 1, 19, 3, 14, 7, tzinfo=timezone.utc)
 
 
 def _whole(text: bytes) -> bytes:
@@ -52,11 +54,20 @@ def _utc(value: datetime) -> datetime:
     return value.replace(tzinfo=timezone.utc) if value.tzinfo is None else value.astimezone(timezone.utc)
 
 
+def _clamped(value: datetime) -> datetime:
+    """In UTC, and among the times that an index can have: those of 32-bit seconds."""
+    try:
+        value = _utc(value)
+    except OverflowError:  # near the ends of what a datetime can say
+        value = value.replace(tzinfo=timezone.utc)
+    return min(max(value, _FIRST), _LAST)
+
+
 def time(value: Time | None, what: str) -> bytes | None:
     if isinstance(value, datetime):
-        return _utc(value).strftime("%Y-%m-%dT%H:%M:%S.%fZ").encode()
+        return _clamped(value).strftime("%Y-%m-%dT%H:%M:%S.%fZ").encode()
     if isinstance(value, date):
-        return value.isoformat().encode()
+        return min(max(value, date(1901, 12, 15)), date(2038, 1, 18)).isoformat().encode()  # in the question's zone
     if value is not None and not isinstance(value, str):
         raise TypeError(f"{what}: expected str, datetime or date, not {type(value).__name__}")
     return text(value, what)

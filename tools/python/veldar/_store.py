@@ -15,15 +15,22 @@ _MOST_ROWS = 4096
 
 
 class _Batch:
-    """Events that were read at once. Its lists are made when they are first asked for."""
+    """Events that were read at once, with their lines. All else is read, and lists are made, when first asked for."""
 
     COLUMNS = {"time": 0, "raw": 1, "host": 2, "source": 3, "sourcetype": 4, "directory": 5, "address": 6}
 
     def __init__(self, events: _veldar.Events, table: _veldar.Table) -> None:
         self.events = events
         self.table = table
+        self._has_times = self._has_names = False
 
     def __getattr__(self, name: str) -> object:
+        if name in ("time", "time_ns") and not self._has_times:
+            self.events.fill(self.table, True, False)
+            self._has_times = True
+        elif name in ("host", "source", "sourcetype", "directory") and not self._has_names:
+            self.events.fill(self.table, False, True)
+            self._has_names = True
         if name == "time_ns":
             values = memoryview(self.table.numbers(0))
         else:
@@ -344,6 +351,8 @@ class Writer:
         """
         if not 0 <= address < 2**32:
             raise UsageError(f"address {address}: expected 0 to 4294967295")
+        if isinstance(terms, (str, bytes)):
+            raise TypeError("terms: expected several, not one text")
         self._writer.put(arguments.seconds(time), address,
                          [term if isinstance(term, bytes) else term.encode("utf-8", "surrogateescape")
                           for term in terms])
