@@ -525,7 +525,8 @@ TEST(Inspect, EveryFailureOfAChangeIsToldAndMadeGood) {
     std::filesystem::rename(store, kept);
     for (const auto& [add, arguments, damaged, left] : changes) {
         std::string first, out, whole, dumped;
-        for (uint64_t nth = 0, last = 1; nth <= last && !HasFailure(); nth += 1 + (nth == 0 ? 0 : last / 60)) {
+        const uint64_t parts = ::getenv("VELDAR_TORTURE") == nullptr ? 60 : UINT64_MAX;
+        for (uint64_t nth = 0, last = 1; nth <= last && !HasFailure(); nth += 1 + (nth == 0 ? 0 : last / parts)) {
             SCOPED_TRACE(testing::Message() << arguments[0] << " " << nth);
             std::filesystem::remove_all(store);
             std::filesystem::copy(kept, store, std::filesystem::copy_options::recursive);

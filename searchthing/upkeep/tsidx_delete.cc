@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -325,8 +326,9 @@ tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& 
     tsidx_slice_facts_t facts;
     const std::string path = tsidx->path + "/" + name;
     struct stat status;
-    facts.exists = ::stat(path.c_str(), &status) == 0;
-    if (facts.exists) facts.bytes = static_cast<uint64_t>(status.st_size);
+    const bool is_seen = ::stat(path.c_str(), &status) == 0;
+    facts.exists = is_seen || errno != ENOENT;  // one that cannot be looked at is there still
+    if (is_seen) facts.bytes = static_cast<uint64_t>(status.st_size);
     warm_rc_t ignored;
     const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &ignored));
     if (warm == nullptr) return facts;
