@@ -24,20 +24,33 @@ struct live_slice {
     tsidx_slice_facts_t facts;
 };
 
+// Adds the live slices of a directory. False when one of them has gone meanwhile: its events may be in a slice that was
+// not listed.
+bool add_slices(const std::string& directory, size_t number, const retention& rule, std::vector<live_slice>* slices) {
+    const tsidx_ptr tsidx = index_handle_open(directory, 0);
+    tsidx_listing_t listing;
+    warm_rc_t rc;
+    if (tsidx_list(directory.c_str(), &listing, &rc) != 0) fail_io("cannot list", directory, rc.saved_errno);
+    const size_t before = slices->size();
+    for (const tsidx_slice_name_t& live : listing) {
+        const tsidx_slice_facts_t facts = st_tsidx_slice_facts(tsidx.get(), live.name, rule.before.value_or(INT32_MIN));
+        if (!facts.exists) {
+            slices->resize(before);
+            return false;
+        }
+        slices->push_back({number, live.name, live.meta, facts});
+    }
+    return true;
+}
+
 // The live slices of all directories, the oldest first.
 std::vector<live_slice> list_slices(const std::vector<std::string>& directories, const retention& rule) {
     std::vector<live_slice> slices;
     for (size_t i = 0; i < directories.size(); i++) {
-        const tsidx_ptr tsidx = index_handle_open(directories[i], 0);
-        tsidx_listing_t listing;
-        warm_rc_t rc;
-        if (tsidx_list(directories[i].c_str(), &listing, &rc) != 0) {
-            fail_io("cannot list", directories[i], rc.saved_errno);
-        }
-        for (const tsidx_slice_name_t& live : listing) {
-            const tsidx_slice_facts_t facts =
-                st_tsidx_slice_facts(tsidx.get(), live.name, rule.before.value_or(INT32_MIN));
-            if (facts.exists) slices.push_back({i, live.name, live.meta, facts});
+        for (int round = 0; !add_slices(directories[i], i, rule, &slices); round++) {
+            if (round == ROUNDS_MAX) {
+                throw failure_t{OUTCOME_IO, directories[i] + ": slices are merged faster than they can be listed"};
+            }
         }
     }
     std::sort(slices.begin(), slices.end(), [](const live_slice& a, const live_slice& b) {
