@@ -61,7 +61,7 @@ size_t quoted_size(std::string_view text, char quote) {
 }
 
 void add_field(parsed_line* out, std::string_view name, std::string_view value) {
-    if (!value.empty()) out->fields.push_back({name, value});
+    if (!name.empty() && !value.empty()) out->fields.push_back({name, value});
 }
 
 void add_dash_field(parsed_line* out, std::string_view name, std::string_view value) {

@@ -29,7 +29,7 @@ std::string_view begin_parse(std::string_view line, parsed_line* out);
 // The end of a parse of a line that has not the format's form. Returns false.
 bool parse_as_text(std::string_view line, parsed_line* out);
 
-// Adds the field unless the value is empty.
+// Adds the field unless its name or its value is empty: a column may have no name.
 void add_field(parsed_line* out, std::string_view name, std::string_view value);
 // Adds the field unless the value is empty or "-", which stands for "none" in logs of web servers and of syslog.
 void add_dash_field(parsed_line* out, std::string_view name, std::string_view value);
