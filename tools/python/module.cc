@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "tools/python/handle.h"
+#include "tools/python/rows.h"
 #include "tools/python/tables.h"
 
 namespace veldar::python {
@@ -306,6 +307,7 @@ void add_store(py::module_* module) {
 
 PYBIND11_MODULE(_veldar, module) {
     add_tables(&module);
+    add_rows(&module);
     add_questions(&module);
     add_store(&module);
     py::class_<writer_t>(module, "Writer")

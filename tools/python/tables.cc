@@ -24,17 +24,6 @@ const char* name_of(veldar_type type) {
     return "unknown";
 }
 
-veldar_column column_of(const table_t& table, size_t number) {
-    veldar_column column = {};
-    column.size = sizeof column;
-    if (veldar_table_column(table.held.get(), number, &column) != VELDAR_OK) throw py::index_error("no such column");
-    return column;
-}
-
-bool is_valid(const veldar_column& column, size_t row) {
-    return column.valid == nullptr || column.valid[row] != 0;
-}
-
 // In UTC, to the microsecond that a datetime can say.
 py::object datetime_from(int64_t time_ns) {
     using namespace std::chrono;
@@ -52,7 +41,7 @@ py::object datetime_from(int64_t time_ns) {
 }
 
 py::object value_of(const veldar_column& column, size_t row) {
-    if (!is_valid(column, row)) return py::none();
+    if (!has_value(column, row)) return py::none();
     switch (column.type) {
         case VELDAR_INT64:
             return py::int_(static_cast<const int64_t*>(column.values)[row]);
@@ -136,13 +125,6 @@ column_t numbers_of(const table_t& table, size_t number) {
     return {table, column};
 }
 
-py::object bytes_of(const table_t& table, size_t number, size_t row) {
-    const veldar_column column = column_of(table, number);
-    if (column.type != VELDAR_TEXT || row >= table.rows) throw py::index_error("no such text");
-    if (!is_valid(column, row)) return py::none();
-    return py::bytes(column.bytes + column.offsets[row], column.offsets[row + 1] - column.offsets[row]);
-}
-
 py::list describe(const table_t& table) {
     py::list columns;
     for (size_t i = 0; i < veldar_table_columns(table.held.get()); i++) {
@@ -153,6 +135,17 @@ py::list describe(const table_t& table) {
 }
 
 }  // namespace
+
+veldar_column column_of(const table_t& table, size_t number) {
+    veldar_column column = {};
+    column.size = sizeof column;
+    if (veldar_table_column(table.held.get(), number, &column) != VELDAR_OK) throw py::index_error("no such column");
+    return column;
+}
+
+bool has_value(const veldar_column& column, size_t row) {
+    return column.valid == nullptr || column.valid[row] != 0;
+}
 
 table_t table_of(table_ptr table) {
     const size_t rows = veldar_table_rows(table.get());
@@ -189,8 +182,7 @@ void add_tables(py::module_* module) {
         .def("describe", describe)
         .def("numbers", numbers_of)
         .def("values",
-             [](const table_t& table, size_t number) { return values_of(column_of(table, number), table.rows); })
-        .def("text_bytes", bytes_of);
+             [](const table_t& table, size_t number) { return values_of(column_of(table, number), table.rows); });
 }
 
 }  // namespace veldar::python

@@ -18,6 +18,9 @@ struct table_t {
     size_t rows = 0;
 };
 table_t table_of(table_ptr table);
+// Raises IndexError when there is none.
+veldar_column column_of(const table_t& table, size_t number);
+bool has_value(const veldar_column& column, size_t row);
 
 void add_tables(py::module_* module);
 

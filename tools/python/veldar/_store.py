@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterable, Iterator, Mapping
 from datetime import datetime
+from itertools import chain
 
 from . import _veldar, _arguments as arguments
 from ._arguments import Names, Path, Time
@@ -11,13 +12,13 @@ from ._records import Loaded, Optimized, Progress, Seen, UsageError
 from ._table import Table
 
 _FIRST_ROWS = 64
-_MOST_ROWS = 4096
+_MOST_ROWS = 256  # whose lines fit into memory that is used again and again
 
 
 class _Batch:
     """Events that were read at once, with their lines. All else is read, and lists are made, when first asked for."""
 
-    COLUMNS = {"time": 0, "raw": 1, "host": 2, "source": 3, "sourcetype": 4, "directory": 5, "address": 6}
+    COLUMNS = {"time": 0, "host": 2, "source": 3, "sourcetype": 4, "directory": 5, "address": 6}
 
     def __init__(self, events: _veldar.Events, table: _veldar.Table) -> None:
         self.events = events
@@ -39,14 +40,10 @@ class _Batch:
         return values
 
 
-class Event:
+class Event(_veldar.Row):
     """An event that a search found."""
 
-    __slots__ = ("_batch", "_row", "_fields")
-
-    def __init__(self, batch: _Batch, row: int) -> None:
-        self._batch = batch
-        self._row = row
+    __slots__ = ()
 
     @property
     def time(self) -> datetime:
@@ -57,19 +54,6 @@ class Event:
     def time_ns(self) -> int:
         """Nanoseconds since 1970 in UTC."""
         return self._batch.time_ns[self._row]
-
-    @property
-    def raw(self) -> str | None:
-        """The record as it stands in the log, without its line end. None when no log is known, or it cannot be read.
-
-        Bytes that are no UTF-8 are surrogates (PEP 383).
-        """
-        return self._batch.raw[self._row]
-
-    @property
-    def raw_bytes(self) -> bytes | None:
-        """The same, byte for byte."""
-        return self._batch.table.text_bytes(_Batch.COLUMNS["raw"], self._row)
 
     @property
     def fields(self) -> dict[str, str | list[str]]:
@@ -117,12 +101,10 @@ class Event:
         return f"<veldar.Event {self.time.isoformat()} {self.raw!r}>"
 
 
-def _read(events: _veldar.Events) -> Iterator[Event]:
+def _batches(events: _veldar.Events) -> Iterator[list[Event]]:
     rows = _FIRST_ROWS  # the first ones come soon, and many are read at a good rate
     while (table := events.next(rows)) is not None:
-        batch = _Batch(events, table)
-        for row in range(len(table)):
-            yield Event(batch, row)
+        yield _veldar.rows(Event, _Batch(events, table), table)
         rows = min(rows * 4, _MOST_ROWS)
 
 
@@ -239,8 +221,8 @@ class Store:
     def search(self, query: str | None = None, *, since: Time | None = None, until: Time | None = None,
                limit: int | None = None, zone: str | None = None, native: bool = False) -> Iterator[Event]:
         """The events that the query finds, newest first, read as they are asked for; `limit` of them, None for all."""
-        return _read(self._store.search(_question(query, since, until, zone, native),
-                                        arguments.limit(limit, "limit")))
+        found = self._store.search(_question(query, since, until, zone, native), arguments.limit(limit, "limit"))
+        return chain.from_iterable(_batches(found))  # no frame of Python for an event
 
     def count(self, query: str | None = None, *, since: Time | None = None, until: Time | None = None,
               zone: str | None = None, native: bool = False) -> int:

@@ -1,6 +1,6 @@
 from collections.abc import Callable, Sequence
 from datetime import datetime
-from typing import Any
+from typing import Any, TypeVar
 
 import numpy
 
@@ -20,7 +20,19 @@ class Table:
     def describe(self) -> list[tuple[str, str]]: ...
     def numbers(self, number: int) -> Column: ...
     def values(self, number: int) -> list[Any]: ...
-    def text_bytes(self, number: int, row: int) -> bytes | None: ...
+
+class Row:
+    _batch: Any
+    _row: int
+    _fields: dict[str, str | list[str]]
+    @property
+    def raw(self) -> str | None: ...
+    @property
+    def raw_bytes(self) -> bytes | None: ...
+
+_Row = TypeVar("_Row", bound=Row)
+
+def rows(type: type[_Row], batch: object, table: Table) -> list[_Row]: ...
 
 class Question:
     def __init__(self, text: bytes | None, since: bytes | None, until: bytes | None, zone: bytes | None,
