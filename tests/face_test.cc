@@ -227,6 +227,7 @@ TEST_F(Face, ErrorsSayWhatWhereAndWhatNext) {
         EXPECT_EQ(status, expected) << error->message;
         EXPECT_EQ(error->status, expected);
         EXPECT_NE(std::string(error->message).find(part), std::string::npos) << error->message;
+        EXPECT_EQ(std::string(error->message).find("--"), std::string::npos) << "no options here: " << error->message;
     };
     uint64_t count = 7;
     veldar_table* table = nullptr;
@@ -242,7 +243,7 @@ TEST_F(Face, ErrorsSayWhatWhereAndWhatNext) {
     EXPECT_EQ(count, 0u);
     query = query_of("a");
     query.since = "yesterfoo";
-    fails(veldar_count(store, &query, &count), VELDAR_USAGE, "yesterfoo");
+    fails(veldar_count(store, &query, &count), VELDAR_USAGE, "since yesterfoo: expected a time");
     fails(veldar_seen(store, "two words", &table), VELDAR_USAGE, "one word");
     const veldar_query unsized = {
         .size = 0, .text = "status=404", .since = nullptr, .until = nullptr, .zone = nullptr, .is_native = 0};
@@ -250,8 +251,11 @@ TEST_F(Face, ErrorsSayWhatWhereAndWhatNext) {
     veldar_stats_options options = {};
     options.size = sizeof options;
     options.every = "7 apples";
-    fails(veldar_stats(store, nullptr, &options, &table), VELDAR_USAGE, "7 apples");
+    fails(veldar_stats(store, nullptr, &options, &table), VELDAR_USAGE, "every: '7 apples'");
     EXPECT_EQ(table, nullptr);
+    options = {
+        .size = sizeof options, .by = nullptr, .aggregates = "half", .every = nullptr, .top = 0, .keeps_missing = 0};
+    fails(veldar_stats(store, nullptr, &options, &table), VELDAR_USAGE, "aggregates: 'half'");
     fails(load(store, {""}), VELDAR_USAGE, "empty");
     fails(load(store, {dir_.file("missing.log")}), VELDAR_INCOMPLETE, "missing.log");
     const owned<veldar_store> bucket = open_store(store_ + "/bucket-000001");

@@ -93,7 +93,7 @@ TEST(MetricCsv, ColumnsAndQuotes) {
     EXPECT_EQ(parse_csv("out;if;when;in;\"a\"\"b\"", "2;\"eth;\"\"0\"\"\";2014-05-14; 1;", two),
               "in=1 out=2 if=eth;\"0\" 1400025600.0");
     EXPECT_EQ(parse_csv("out;if;when", "", two), "no value column in; the columns are out if when");
-    EXPECT_EQ(parse_csv("a,b", ""), "no column that --time names; the columns are a b");
+    EXPECT_EQ(parse_csv("a,b", ""), "no column of times (see time); the columns are a b");
     EXPECT_EQ(parse_csv("ts,value", "1,2,3"), "more or fewer fields than the header has");
     EXPECT_EQ(parse_csv("ts,value", "1,\"2\"3"), "text behind a closing quote");
     EXPECT_EQ(parse_csv("ts,value", "1,\"2"), "a quote is not closed");

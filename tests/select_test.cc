@@ -685,6 +685,66 @@ TEST_F(Select, FailuresAndMergesMeanwhile) {
     }
 }
 
+// Counts and selections ask whether to stop inside of a slice, and stop whenever they are told to.
+TEST_F(Select, AStopInsideOfASlice) {
+    const uint64_t steps = std::exchange(stop_check::steps_a_question, 1);
+    struct question {
+        bool is_metric;
+        const char* query;
+        std::vector<std::string> groups;
+        std::vector<select_projection_t> projections;
+        int least;  // of the times that it asks
+        bool counts = false;
+    };
+    struct questions {
+        int asked = 0, end = INT_MAX;
+    };
+    const std::vector<select_projection_t> bytes = {{"bytes", SELECT_SUM}}, all = {{"*", SELECT_SUM}};
+    const temp_dir dirs[2];
+    std::vector<forge_event> events = forge_random_events(1, 40);
+    forge_file(dirs[0].path(), events, forge_as_created(4), 1);
+    forge_metric_options kind;
+    kind.terms.wflags = FORGE_TAG2;
+    forge_metric_file(dirs[1].path(), random_metric_events(1, 40), kind, 1);
+    for (const question& row : std::vector<question>{
+             {false, "[AND [OR s* h*] [NOT x]]", {}, {}, 1, true},
+             {false, "[AND]", {"host"}, {}, 1},
+             {false, "[AND]", {}, bytes, 1},
+             {false, "[AND]", {"host", "status"}, bytes, 1},
+             {true, "[AND host::*]", {}, {}, 1, true},
+             {true, "[AND]", {"host"}, all, 1},
+             {true, "[AND]", {"host"}, {{"*", SELECT_DC}}, 1},
+         }) {
+        const directory_ptr tsidx = open_directory(dirs[row.is_metric ? 1 : 0].path());
+        select_options_t options;
+        options.sources = {{tsidx.get(), {}}};
+        options.query.lispy = row.query;
+        options.spec.groups = row.groups;
+        options.spec.projections = row.projections;
+        const auto ask = [&](questions* told) {
+            const auto stops = [](void* context) {
+                auto* const q = static_cast<questions*>(context);
+                return ++q->asked >= q->end;
+            };
+            st_tsidx_set_read_stop(tsidx.get(), stops, told);
+            uint64_t count = 0;
+            select_table_t table;
+            warm_rc_t rc;
+            return row.counts ? st_tsidx_event_count(tsidx.get(), &options.query, &count)
+                              : select_read(options, &table, nullptr, &rc);
+        };
+        questions free;
+        EXPECT_EQ(ask(&free), 0) << told(options);
+        EXPECT_GE(free.asked, row.least) << told(options);
+        for (int nth = 1; nth <= free.asked; nth++) {
+            questions stopped = {0, nth};
+            EXPECT_EQ(ask(&stopped), WARM_RC_CANCELLED) << nth << told(options);
+            EXPECT_EQ(stopped.asked, nth);
+        }
+    }
+    stop_check::steps_a_question = steps;
+}
+
 // The handle: a copy of everything, nothing done before the first read, rows in order, refusals.
 TEST_F(Select, HandlesReadRows) {
     const temp_dir dir;

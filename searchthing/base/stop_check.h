@@ -11,8 +11,8 @@ namespace veldar {
 using warm_stop_fn = bool (*)(void* context);
 
 struct stop_check {
-    // Steps between two questions; the longest, the decoding of a term or a value, takes some 100 ns.
-    static constexpr uint64_t STEPS_A_QUESTION = 4096;
+    // Steps between two questions; the longest, the decoding of a term or a value, takes some 100 ns. Tests make it small.
+    static inline uint64_t steps_a_question = 4096;
 
     warm_stop_fn asked = nullptr;  // null: the work always goes on
     void* context = nullptr;
@@ -21,7 +21,7 @@ struct stop_check {
     // After so many steps more: 0, or WARM_RC_CANCELLED.
     [[nodiscard]] int after(uint64_t done, warm_rc_t* rc) {
         steps += done;
-        return steps < STEPS_A_QUESTION ? 0 : ask(rc);
+        return steps < steps_a_question ? 0 : ask(rc);
     }
     [[nodiscard]] int ask(warm_rc_t* rc) {
         steps = 0;

@@ -123,7 +123,8 @@ uint64_t st_tsidx_keywords_cut(const TSIDX* tsidx);
 // The failure of the last sync, transaction call, read or delete that failed in the engine; code 0 after one that
 // succeeded or that was refused with a hot-put result.
 const warm_rc_t* st_tsidx_last_failure(const TSIDX* tsidx);
-// Is asked while this handle's directory is read: before each slice, and every few thousand events or terms of a cursor.
+// Is asked while this handle's directory is read: before each slice, every few thousand events or terms of a cursor, and
+// inside of a slice after as much work, but not during one posting list.
 // When it says true, the read fails with WARM_RC_CANCELLED, whoever hears of failures. Null: nobody is asked.
 void st_tsidx_set_read_stop(TSIDX* tsidx, warm_stop_fn stop, void* context);
 int st_tsidx_get_warm_rc(const TSIDX* tsidx);

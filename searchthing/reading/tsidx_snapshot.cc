@@ -89,6 +89,7 @@ int64_t tsidx_snapshot::open(size_t i, warm_rc_t* rc) {
     WARM* const warm = tsidx == nullptr ? st_warm_slice_open_rdonly(slice(i).name.c_str(), rc)
                                         : tsidx->cache.open(tsidx->path, slice(i), rc);
     slices_[i].warm = warm;
+    if (warm != nullptr && tsidx != nullptr) warm->read_stop = &tsidx->read_stop;
     if (warm != nullptr) return 0;
     const bool vanished = tsidx != nullptr && rc->warm_rc == WARM_RC_OPEN && rc->saved_errno == ENOENT;
     return vanished ? TSIDX_VANISHED : rc->warm_rc;

@@ -14,6 +14,13 @@ namespace {
 constexpr uint32_t NARROW_PART = 4;
 // Looking for one id in gaps takes as long as decoding about so many.
 constexpr uint32_t SEEK_COST = 64;
+// Of the range, whose part of a list takes as long at most as a step between two questions whether to stop.
+constexpr uint32_t VALUES_A_STEP = 64;
+
+// Before a list is read: whether the search goes on.
+int go_on(conjunction_context* context) {
+    return warm_slice_go_on(context->handle, 1 + context->range.size() / VALUES_A_STEP, &context->rc);
+}
 
 int position_reader(conjunction_context* context, uint32_t term) {
     if (!context->reader_open) {
@@ -27,6 +34,7 @@ int position_reader(conjunction_context* context, uint32_t term) {
 // Positions the reader on a list, unless all of its bits are at hand. Numbers of a range of `wanted` are about to be
 // decoded, or with 0 looked for.
 int open_list(conjunction_context* context, uint32_t term, uint32_t wanted, std::span<const uint8_t>* bits) {
+    ST_TRY(go_on(context));
     kept_lists& lists = context->handle->lists;
     *bits = lists.find(term);
     if (!bits->empty()) return 0;
@@ -77,6 +85,7 @@ int list_or_into(conjunction_context* context, uint32_t term, bool keep, uint8_t
     if (keep) {
         ST_TRY(open_list(context, term, context->range.size(), &bits));
     } else {
+        ST_TRY(go_on(context));
         bits = context->handle->lists.find(term);
         if (bits.empty()) ST_TRY(position_reader(context, term));
     }
@@ -97,6 +106,7 @@ int list_start(conjunction_context* context, const term_lookup_t& term, buffer<u
     const id_range_t& range = context->range;
     *count = 0;
     ST_ASSERT(term.count > 0 && !range.empty());
+    ST_TRY(go_on(context));
     if (!ids->alloc(std::min(term.count, range.size()))) {
         return _set_rc_msg(&context->rc, WARM_RC_NO_MEMORY, "list of value numbers");
     }

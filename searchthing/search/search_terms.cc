@@ -90,6 +90,8 @@ bool wildcard_selects(const term_walk& walk, const char* term) {
 int gather_term(int32_t id, const char* term, size_t, void* raw) {
     auto* walk = static_cast<term_walk*>(raw);
     conjunction_context* context = walk->context;
+    walk->status = warm_slice_go_on(context->handle, 1, &context->rc);
+    if (walk->status != 0) return -1;
     const bool selected = walk->matcher != nullptr ? wildcard_selects(*walk, term)
                                                    : comparison_selects(*walk->comparison, term + walk->prefix_length,
                                                                         context->neq_matches_missing);

@@ -58,6 +58,7 @@ class columns_pass {
 
   private:
     static constexpr uint32_t NO_GROUP = UINT32_MAX;
+    static constexpr uint32_t VALUES_A_PIECE = 4096;  // between two questions whether to stop
     struct cached_row {
         uint32_t stretch = UINT32_MAX;
         uint32_t row = 0;
@@ -132,7 +133,12 @@ class columns_pass {
             while (id >= stretches_[stretch_].end) stretch_++;
             status = add_event(id, begin, rc);
         };
-        select_each_bit(match_.bits.data(), match_.range.begin, begin, end, add);
+        for (uint32_t at = begin; at < end && status == 0;) {
+            const uint32_t stop = at + std::min(VALUES_A_PIECE, end - at);
+            ST_TRY(warm_slice_go_on(selection_.warm, stop - at, rc));
+            select_each_bit(match_.bits.data(), match_.range.begin, at, stop, add);
+            at = stop;
+        }
         return status;
     }
 

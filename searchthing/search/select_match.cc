@@ -16,6 +16,8 @@ namespace {
 
 // Matches are kept one by one too when they are at most this part of the range.
 constexpr uint32_t FEW = 64;
+// Of a list, which take as long as a step between two questions whether to stop.
+constexpr uint32_t POSTINGS_A_STEP = 8;
 
 int read_times(const selection_t& selection, select_match_t* match, warm_rc_t* rc) {
     uint32_t first = match->range.end, last = match->range.begin;
@@ -93,6 +95,7 @@ int select_lists::position(uint32_t term, uint32_t list_count, warm_rc_t* rc) {
     // The bits of a short list take longer to go through than the list, unless they are looked at here and there.
     const bool is_long = list_count >= match_.range.size() / 64;
     const bool pays = is_long || (!match_.ids.empty() && match_.ids.size() <= list_count / 8);
+    ST_TRY(warm_slice_go_on(selection_.warm, list_count / POSTINGS_A_STEP, rc));
     kept_ = pays ? selection_.warm->lists.find(term) : std::span<const uint8_t>();
     if (!kept_.empty()) return 0;
     if (!is_open_) {
@@ -107,6 +110,7 @@ int select_lists::position(uint32_t term, uint32_t list_count, warm_rc_t* rc) {
 
 int select_lists::look_up(uint32_t term, bool* is_possible, uint32_t* count, warm_rc_t* rc) {
     st_term_metadata record;
+    ST_TRY(warm_slice_go_on(selection_.warm, 1, rc));
     ST_TRY(warm_slice_term_metadata(selection_.warm, term, selection_.query->spec.info, &record, rc));
     const bool has_times = warm_header_meta_type(selection_.warm->body) != META_COUNT_ONLY;
     *count = record.count;

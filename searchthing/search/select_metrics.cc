@@ -82,6 +82,7 @@ class metrics_pass {
         words_.resize(DS_MAX_DIMSET_SIZE_WORDS);
         for (const set_run_t& run : runs) {
             ds_dimset_t* const set = ds_dimset_at(words_.data());
+            ST_TRY(warm_slice_go_on(selection_.warm, 1, rc));
             ST_TRY(ds_reader_read(sets, run.set, set, DS_MAX_DIMSET_SIZE_WORDS, rc));
             ST_TRY(add_set(run, set, rc));
         }
@@ -101,6 +102,7 @@ class metrics_pass {
         match_ids ids(&result, walk->context.range);
         for (uint32_t id = 0; ids.next(&id);) {
             set_run_t run = {warm_slice_run_dimset(selection_.warm, id), 0, 0};
+            ST_TRY(warm_slice_go_on(selection_.warm, 1, rc));
             ST_TRY(run_merge_bounds(&bounds, id, &run.first, &run.end, rc));
             if (run.first < run.end) runs->push_back(run);
         }
@@ -254,6 +256,7 @@ class metrics_pass {
             }
             cs_stats_t stats;
             const uint32_t count = stretch.end - stretch.begin;
+            ST_TRY(warm_slice_go_on(selection_.warm, 1 + count / CSET_BLOCK_ELEMENTS, rc));
             ST_TRY(cset_reader_stats(measure->column.get(), stretch.begin, count, &stats, rc));
             selection_.report->columns_summed++;
             if (select_wants_numbers(aggregates)) selection_.report->refused += stats.nans;
@@ -269,6 +272,7 @@ class metrics_pass {
         selection_.report->columns_read++;
         for (uint32_t at = stretch.begin; at < stretch.end;) {
             const uint32_t count = std::min(DECODED, stretch.end - at);
+            ST_TRY(warm_slice_go_on(selection_.warm, count, rc));
             ST_TRY(cset_reader_range(measure->column.get(), at, count, numbers.data(), present.data(), rc));
             for (uint32_t i = 0; i < count; i++) {
                 if (present[i] == 0) continue;

@@ -89,6 +89,7 @@ int select_terms_add(const selection_t& selection, const std::string& prefix, se
         const auto length = static_cast<uint32_t>(term.length - prefix.size());
         out->terms.push_back({term.id, length, out->texts.size()});
         out->texts.append(term.text + prefix.size(), length + 1);
+        ST_TRY(warm_slice_go_on(selection.warm, 1, rc));
         ST_TRY(fclex_cursor_next(cursor.get(), &term, rc));
     }
     return 0;

@@ -151,6 +151,7 @@ class metric_walk {
     int read_set(const run_stretch_t& stretch, std::vector<uint32_t>* ids, warm_rc_t* rc) {
         ds_dimset_t* const set = ds_dimset_at(words_.data());
         const uint32_t id = warm_slice_run_dimset(warm_, stretch.run);
+        ST_TRY(warm_slice_go_on(warm_, 1, rc));
         ST_TRY(ds_reader_read(dimsets_, id, set, DS_MAX_DIMSET_SIZE_WORDS, rc));
         const std::span<const uint32_t> columns = ds_dimset_opt_cols(set);
         if (columns.empty()) return _set_rc_verbose(rc, WARM_RC_CORRUPT, id, "a dimension set without a measure");

@@ -24,6 +24,7 @@ int count_unordered(event_walk_t* walk, uint64_t* count) {
     match_ids ids(&result, context.range);
     for (uint32_t id = 0; ids.next(&id);) {
         uint32_t first = 0, end = 0;
+        ST_TRY(warm_slice_go_on(context.handle, 1, &context.rc));
         ST_TRY(run_merge_bounds(&merge, id, &first, &end, &context.rc));
         *count += end - first;
     }

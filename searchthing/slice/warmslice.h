@@ -18,6 +18,7 @@
 #include "libzero/change_stamp.h"
 #include "libzero/resource.h"
 #include "libzero/xorshift128plus.h"
+#include "searchthing/base/stop_check.h"
 #include "searchthing/base/warm_rc.h"
 #include "searchthing/format/tsidx_names.h"
 #include "searchthing/format/warmslice_header.h"
@@ -76,10 +77,16 @@ struct st_warm_slice {
     uint64_t lexicon_size = 0;                                // bytes of the forward lexicon
     buffer<uint8_t> owned;                                    // a slice in memory: the whole slice
     kept_lists lists;
+    stop_check* read_stop = nullptr;  // of the directory's handle that keeps the slice open; null: reads always go on
     // Metric slices with runs only, made on first use: what is remembered between reads.
     std::unique_ptr<warm_metric_t, warm_metric_closer> metric;
 };
 using WARM = st_warm_slice;
+
+// After so many steps more of a read (stop_check.h): 0, or WARM_RC_CANCELLED when it is to end.
+[[nodiscard]] inline int warm_slice_go_on(const WARM* warm, uint64_t steps, warm_rc_t* rc) {
+    return warm->read_stop == nullptr ? 0 : warm->read_stop->after(steps, rc);
+}
 
 // All opens return null with the reason in `rc` and leave nothing open or allocated. A handle is used by one thread at
 // a time; any number of processes may have the same file open.

@@ -131,7 +131,9 @@ bool metric_csv_open(metric_csv* csv, std::span<char> header, const std::string&
     csv->columns = csv->fields.size();
     if (!find_time_column(csv)) {
         const std::string& time = csv->options.time;
-        return lacks(*csv, time.empty() ? "no column that --time names" : "no column " + time, error);
+        return lacks(*csv,
+                     time.empty() ? "no column of times (see " + csv->options.time_input + ")" : "no column " + time,
+                     error);
     }
     if (csv->options.values.empty()) csv->options.values = {std::string(VALUE_NAME)};
     for (const std::string& name : csv->options.values) {

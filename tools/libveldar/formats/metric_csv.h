@@ -13,6 +13,7 @@ namespace veldar::tool {
 struct metric_csv_options {
     char separator = ',';
     std::string time;                 // column; empty: one with a usual name
+    std::string time_input = "time";  // what messages call that option
     std::vector<std::string> values;  // columns; empty: "value"
     std::vector<std::string> dims;    // columns that become labels of their names
     // Of the one value column: the metric, else its column's name. Of several columns: what stands before theirs, with

@@ -28,7 +28,8 @@ std::string samples_text(uint64_t samples) {
 void load_options_check(const load_options& options) {
     const bool placed = !options.time_format.empty() && options.time_field.empty();
     if (placed && !options.format.empty() && options.format != "text") {
-        throw failure_t{OUTCOME_USAGE, "--time-format is for lines of the format text, not " + options.format};
+        throw failure_t{OUTCOME_USAGE,
+                        input_name("time-format") + " is for lines of the format text, not " + options.format};
     }
     read_user_formats(options);
 }

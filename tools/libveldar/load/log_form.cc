@@ -6,6 +6,7 @@
 #include "tools/libveldar/formats/uncoloured.h"
 #include "tools/libveldar/formats/user_formats.h"
 #include "tools/libveldar/load/time_field.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/record_reader.h"
 
 namespace veldar::tool {
@@ -102,7 +103,8 @@ std::string no_time_note(const log_form_counts& counts, const format_context& co
                                   ? "the first line does not say"
                                   : "the first " + std::to_string(counts.dated_by_file) + " lines do not say";
     return which + " a time that is understood; times are " +
-           (counts.is_pipe ? "that of the load" : "the file's modification time") + " (see --time-format)";
+           (counts.is_pipe ? "that of the load" : "the file's modification time") + " (see " +
+           input_name("time-format") + ")";
 }
 
 }  // namespace
@@ -277,16 +279,17 @@ std::vector<std::string> log_form_notes(const load_options& options, const forma
                         " lines say a time that is understood; the others have that of a line beside them");
     }
     if (!context.time_field.empty() && options.time_field.empty()) {
-        notes.push_back("the time is taken from the field " + context.time_field + " (see --time-field)");
+        notes.push_back("the time is taken from the field " + context.time_field + " (see " + input_name("time-field") +
+                        ")");
     }
     if (!times.also.empty()) {
         notes.push_back("times such as " + times.example + " are taken as " + times.pattern + ", but " + times.also +
-                        " fits as well (see --date-order)");
+                        " fits as well (see " + input_name("date-order") + ")");
     }
     if (!context.unclear_zone.empty() && options.zone.empty()) {
         notes.push_back("the zone " + context.unclear_zone + " has several meanings; " +
                         std::to_string(context.unclear_zones) + " times with it are taken as " +
-                        log_form_zone(options) + " (see --tz)");
+                        log_form_zone(options) + " (see " + input_name("tz") + ")");
     }
     if (!times.known()) return notes;
     if (times.pattern.find("%u") != std::string::npos && context.boot_s != NO_TIME_SEEN) {

@@ -91,7 +91,7 @@ void choose_format(const metric_loader& load, metric_file* file) {
     if (file->is_csv || options.time.empty()) return;
     log_zone zone = options.csv.zone;
     if (!time_input_parse(options.time, &zone, load.now.time_s, &file->time)) {
-        throw failure_t{OUTCOME_USAGE, "--time " + options.time + ": expected " + TIME_INPUT_FORMS};
+        throw failure_t{OUTCOME_USAGE, input_name("time") + " " + options.time + ": expected " + TIME_INPUT_FORMS};
     }
     file->time.time_ns -= file->time.time_ns % 1000000;
 }
@@ -227,6 +227,7 @@ bool open_csv(const metric_loader& load, metric_file* file, std::string* error) 
     bool too_long = false;
     file->csv.options = load.options->csv;
     file->csv.options.time = load.options->time;
+    file->csv.options.time_input = input_name("time");
     if (!line_reader_next(&file->reader, &header, &too_long)) return true;  // empty
     file->line++;
     return metric_csv_open(&file->csv, header, name_of_file(file->path), error);
@@ -284,7 +285,7 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
         load->labels.push_back({view.substr(0, equals), view.substr(equals + 1)});
     }
     if (const char* const wrong = metric_labels_settle(&load->labels); wrong != nullptr) {
-        throw failure_t{OUTCOME_USAGE, std::string("--label: ") + wrong};
+        throw failure_t{OUTCOME_USAGE, input_name("label") + ": " + wrong};
     }
     disk_make_directory(directory);
     const std::vector<std::string> names = slice_names(directory);

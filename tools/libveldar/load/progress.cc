@@ -13,6 +13,7 @@
 #include "searchthing/format/warmslice_header.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/troubles.h"
 
 namespace veldar::tool {
@@ -101,8 +102,9 @@ std::string totals_text(const progress& p, const load_totals& totals, const dati
     for (size_t kind = 0; dating != nullptr && kind < LINE_REFUSED; kind++) {
         if (dating->counts[kind] > 0) text += ", " + number_text(dating->counts[kind]) + NAMES[kind];
     }
-    if (totals.waiting == 1) text += ", 1 unfinished last line waits (see --flush)";
-    if (totals.waiting > 1) text += ", " + number_text(totals.waiting) + " unfinished last lines wait (see --flush)";
+    if (totals.waiting == 1) text += ", 1 unfinished last line waits";
+    if (totals.waiting > 1) text += ", " + number_text(totals.waiting) + " unfinished last lines wait";
+    if (totals.waiting > 0) text += " (see " + input_name("flush") + ")";
     text += fmt::format(", {} {} refused, {:.1f} s", number_text(totals.refused),
                         totals.refused == 1 ? "line" : "lines", static_cast<double>(now_us() - p.begun_us) / 1e6);
     return text;

@@ -6,6 +6,7 @@
 #include "tools/libveldar/formats/line_format.h"
 #include "tools/libveldar/formats/uncoloured.h"
 #include "tools/libveldar/formats/user_formats.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 
 namespace veldar::tool {
@@ -149,8 +150,8 @@ void require_raw(const prepared_query& query, const slice_set& slices) {
     }
     if (query.cuts_a_second() && keep_whole_seconds(slices)) {
         throw failure_t{OUTCOME_USAGE,
-                        "these slices keep whole seconds, and there is no source map beside them: give "
-                        "--since and --until without fractions"};
+                        "these slices keep whole seconds, and there is no source map beside them: give " +
+                            input_name("since") + " and " + input_name("until") + " without fractions"};
     }
 }
 

@@ -6,6 +6,7 @@
 #include "tools/libveldar/formats/metric_record.h"
 #include "tools/libveldar/query/metric_rates.h"
 #include "tools/libveldar/store/index_handle.h"
+#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 
 namespace veldar::tool {
@@ -17,7 +18,8 @@ void put_condition(std::string* out, const std::string& condition) {
     const bool negated = equals != std::string::npos && equals > 0 && condition[equals - 1] == '!';
     const std::string label = condition.substr(0, negated ? equals - 1 : equals);
     if (equals == std::string::npos || label.empty() || condition.find('\0') != std::string::npos) {
-        throw failure_t{OUTCOME_USAGE, "--where " + condition + ": expected LABEL=VALUE or LABEL!=VALUE"};
+        throw failure_t{OUTCOME_USAGE,
+                        input_name("where") + " " + condition + ": expected LABEL=VALUE or LABEL!=VALUE"};
     }
     std::string term;
     metric_term_put(&term, label, condition.substr(equals + 1));

@@ -1,5 +1,7 @@
 #include "tools/libveldar/query/query_hints.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <climits>
 #include <vector>
@@ -108,7 +110,10 @@ bool is_nowhere(const std::string& path, const prepared_query& query) {
     always.bounds.latest = {INT_MAX, 0};
     const bool is_bounded = query.bounds.earliest.time_s != INT_MIN || query.bounds.latest.time_s != INT_MAX;
     const uint64_t count = is_bounded && query_needs_index_only(always) ? count_silently(path, always) : 0;
-    if (count > 0) say_trouble("0 in these times; without --since and --until " + std::to_string(count));
+    if (count > 0) {
+        say_trouble(
+            fmt::format("0 in these times; without {} and {} {}", input_name("since"), input_name("until"), count));
+    }
     return count == 0;
 }
 

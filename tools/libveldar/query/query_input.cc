@@ -9,6 +9,7 @@
 #include "searchthing/search/tokenizer.h"
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 
 namespace veldar::tool {
 
@@ -58,11 +59,11 @@ std::vector<query_plan> plans_of(const std::string& text, bool native) {
     }
 }
 
-st_timeval_t time_of(const char* option, const std::string& text, log_zone* zone) {
+st_timeval_t time_of(const char* input, const std::string& text, log_zone* zone) {
     st_timeval_t time;
     if (!time_input_parse(text, zone, std::time(nullptr), &time)) {
         const std::string advice = time_input_advice(text);
-        throw failure_t{OUTCOME_USAGE, std::string(option) + " " + text + ": expected " + TIME_INPUT_FORMS +
+        throw failure_t{OUTCOME_USAGE, input_name(input) + " " + text + ": expected " + TIME_INPUT_FORMS +
                                            (advice.empty() ? "" : "; " + advice)};
     }
     return time;
@@ -121,10 +122,11 @@ void query_set_bounds(const std::string& since, const std::string& until, const 
                       st_query_spec* query) {
     log_zone named = time_zone_of(zone);
     st_timeval_t earliest = {INT_MIN, 0}, latest = {INT_MAX, 0};
-    if (!since.empty()) earliest = time_of("--since", since, &named);
-    if (!until.empty()) latest = time_of("--until", until, &named);
+    if (!since.empty()) earliest = time_of("since", since, &named);
+    if (!until.empty()) latest = time_of("until", until, &named);
     if (std::make_pair(earliest.time_s, earliest.time_ns) > std::make_pair(latest.time_s, latest.time_ns)) {
-        throw failure_t{OUTCOME_USAGE, "--since " + since + " is later than --until " + until};
+        throw failure_t{OUTCOME_USAGE,
+                        input_name("since") + " " + since + " is later than " + input_name("until") + " " + until};
     }
     st_query_set_time_bound(query, true, earliest.time_s, earliest.time_ns, latest.time_s, latest.time_ns);
 }

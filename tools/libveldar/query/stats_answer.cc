@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 
 namespace veldar::tool {
 
@@ -69,7 +70,8 @@ void rank_groups(stats_answer* answer, uint64_t top) {
 
 void add_entry(stats_answer* answer, const stats_answer::entry& entry) {
     if (answer->entries.size() == MOST_ENTRIES) {
-        throw failure_t{OUTCOME_USAGE, "the answer has more than 4,194,304 rows: expected a greater --every"};
+        throw failure_t{OUTCOME_USAGE,
+                        "the answer has more than 4,194,304 rows: expected a greater " + input_name("every")};
     }
     answer->entries.push_back(entry);
 }

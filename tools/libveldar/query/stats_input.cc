@@ -10,6 +10,7 @@
 #include "tools/libveldar/formats/unit_number.h"
 #include "tools/libveldar/query/suggestion.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 
 namespace veldar::tool {
 
@@ -61,7 +62,7 @@ uint32_t find_aggregate(const std::string& name, stats_column* column) {
     std::vector<std::string> names = {"p50", "p90", "p95", "p99"};
     for (const aggregate_name& known : AGGREGATES) names.push_back(known.name);
     const std::string meant = nearest_name(fold_value(name), names);
-    throw failure_t{OUTCOME_USAGE, "--agg: '" + name + "' is no aggregate; " +
+    throw failure_t{OUTCOME_USAGE, input_name("agg") + ": '" + name + "' is no aggregate; " +
                                        (meant.empty() ? std::string() : "did you mean '" + meant + "'? ") +
                                        "expected " + STATS_AGGREGATES};
 }
@@ -94,7 +95,8 @@ stats_column column_of(const std::string& text, select_spec_t* spec) {
     const std::string name = text.substr(0, open);
     const uint32_t bit = find_aggregate(name, &column);
     if (!has_field) {
-        throw failure_t{OUTCOME_USAGE, "--agg " + text + ": expected a field, such as " + name + "(bytes)"};
+        throw failure_t{OUTCOME_USAGE,
+                        input_name("agg") + " " + text + ": expected a field, such as " + name + "(bytes)"};
     }
     const std::string field = fold_value(text.substr(open + 1, text.size() - open - 2));
     column.projection = projection_of(field, bit, spec);
@@ -104,24 +106,27 @@ stats_column column_of(const std::string& text, select_spec_t* spec) {
     return column;
 }
 
-// What the engine would refuse, in words of the command line.
+// What the engine would refuse, in words of who asked.
 void check(const stats_request& request) {
     if (request.spec.groups.size() > SELECT_MAX_GROUPS) {
-        throw failure_t{OUTCOME_USAGE, "--by: expected at most " + std::to_string(SELECT_MAX_GROUPS) + " fields"};
+        throw failure_t{OUTCOME_USAGE,
+                        input_name("by") + ": expected at most " + std::to_string(SELECT_MAX_GROUPS) + " fields"};
     }
     if (request.spec.projections.size() > SELECT_MAX_PROJECTIONS) {
-        throw failure_t{OUTCOME_USAGE, "--agg: expected aggregates of at most " +
+        throw failure_t{OUTCOME_USAGE, input_name("agg") + ": expected aggregates of at most " +
                                            std::to_string(SELECT_MAX_PROJECTIONS / 2) + " different fields"};
     }
     warm_rc_t rc;
     if (select_spec_check(request.spec, &rc) != 0) {
-        throw failure_t{OUTCOME_USAGE, "--by and --agg: expected names of fields of 1 to 2045 bytes"};
+        throw failure_t{OUTCOME_USAGE, input_name("by") + " and " + input_name("agg") +
+                                           ": expected names of fields of 1 to 2045 bytes"};
     }
 }
 
 void add_groups(const std::string& by, stats_request* request) {
     for (const std::string& field : comma_parts(by)) {
-        if (field.empty()) throw failure_t{OUTCOME_USAGE, "--by " + by + ": expected fields with commas between them"};
+        if (field.empty())
+            throw failure_t{OUTCOME_USAGE, input_name("by") + " " + by + ": expected fields with commas between them"};
         request->group_names.push_back(field);
     }
 }
@@ -196,7 +201,8 @@ stats_request stats_request_parse_metrics(const std::string& by, const std::stri
         for (const std::string& pattern : patterns) {
             stats_column column;
             if (text.find('(') != std::string::npos) {
-                throw failure_t{OUTCOME_USAGE, "--agg " + text + ": expected a name alone, such as avg, max or p95"};
+                throw failure_t{OUTCOME_USAGE,
+                                input_name("agg") + " " + text + ": expected a name alone, such as avg, max or p95"};
             }
             column.name = patterns.size() == 1 ? text : text + "(" + pattern + ")";
             const uint32_t bit = find_aggregate(text, &column);

@@ -1,11 +1,14 @@
 #include "tools/libveldar/query/stats_read.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <climits>
 #include <new>
 
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/observer.h"
 
 namespace veldar::tool {
 
@@ -82,9 +85,9 @@ std::string round_text(const bin_width& width) {
 }
 
 [[noreturn]] void fail_too_many(const std::string& every) {
-    throw failure_t{OUTCOME_USAGE, "--every " + every +
-                                       " makes more than 1,048,576 bins of these times: expected a greater width, or "
-                                       "--since and --until"};
+    throw failure_t{OUTCOME_USAGE, input_name("every") + " " + every +
+                                       " makes more than 1,048,576 bins of these times: expected a greater width, or " +
+                                       input_name("since") + " and " + input_name("until")};
 }
 
 }  // namespace
@@ -111,7 +114,7 @@ stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& s
     } else if (bin_width_parse(request.every, &width)) {
         grid.every = request.every;
     } else {
-        throw failure_t{OUTCOME_USAGE, "--every: " + every_fault(request.every)};
+        throw failure_t{OUTCOME_USAGE, input_name("every") + ": " + every_fault(request.every)};
     }
     time_bins cuts;
     if (!time_bins_make(width, grid.zone, range.earliest_s, range.latest_s, &cuts)) fail_too_many(grid.every);
@@ -147,9 +150,11 @@ void stats_fail(const slice_set& slices, const stats_grid& grid, const warm_rc_t
             throw failure_t{OUTCOME_USAGE, std::string(rc.message) + ": expected at most 1,048,576"};
         case WARM_RC_NO_MEMORY:
             if (std::string_view(rc.message).find("cells") == std::string_view::npos) throw std::bad_alloc();
-            throw failure_t{OUTCOME_IO,
-                            "the answer has more than 4,194,304 cells or 512 MB: fewer fields in --by, a greater "
-                            "--every, or --since and --until make it smaller"};
+            throw failure_t{
+                OUTCOME_IO,
+                fmt::format("the answer has more than 4,194,304 cells or 512 MB: fewer fields in {}, a "
+                            "greater {}, or {} and {} make it smaller",
+                            input_name("by"), input_name("every"), input_name("since"), input_name("until"))};
         case WARM_RC_TOKEN_TOO_BIG:
             throw failure_t{OUTCOME_USAGE, "a word or value of the query is longer than 2,048 bytes"};
         default:

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/observer.h"
 
 namespace veldar::tool {
 
@@ -95,10 +96,10 @@ int open_path(const std::string& path) {
     return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | (is_inherited(path) ? 0 : O_NONBLOCK | O_NOCTTY));
 }
 
-// Why what a path names cannot be read as a log; null when it can.
-const char* refused_kind(const std::string& path, mode_t mode) {
-    if (S_ISDIR(mode)) return "a directory; its files are loaded with -r";
-    if (S_ISREG(mode) || is_inherited(path)) return nullptr;
+// Why what a path names cannot be read as a log; empty when it can.
+std::string refused_kind(const std::string& path, mode_t mode) {
+    if (S_ISDIR(mode)) return "a directory; its files are loaded with " + input_name("recursive");
+    if (S_ISREG(mode) || is_inherited(path)) return {};
     return S_ISFIFO(mode) ? "a FIFO; pipes are read from standard input, as \"- < FIFO\"" : "a device, and no file";
 }
 
@@ -152,7 +153,7 @@ bool log_input_open(log_input* input, const std::string& path, std::string* erro
         *error = std::strerror(errno);
         return false;
     }
-    if (const char* const why = refused_kind(path, st.st_mode); why != nullptr) {
+    if (const std::string why = refused_kind(path, st.st_mode); !why.empty()) {
         *error = why;
         return false;
     }

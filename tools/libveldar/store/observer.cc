@@ -1,5 +1,8 @@
 #include "tools/libveldar/store/observer.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "tools/libveldar/store/disk_file.h"
 
 namespace veldar::tool {
@@ -20,7 +23,7 @@ const observer* observer_current() {
 
 observer observer_of_threads() {
     if (current == nullptr) return {};
-    return {.context = current->context, .stops = current->stops};
+    return {.context = current->context, .stops = current->stops, .has_options = current->has_options};
 }
 
 observer_scope::observer_scope(const observer* now) : before_(current) {
@@ -37,6 +40,17 @@ void say_trouble(const std::string& message) {
 
 void say_summary(const std::string& message) {
     say(NOTICE_SUMMARY, message);
+}
+
+std::string input_name(std::string_view option) {
+    if (current != nullptr && current->has_options) return "--" + std::string(option);
+    constexpr std::pair<std::string_view, const char*> OTHERS[] = {{"tz", "zone"}, {"agg", "aggregates"}};
+    for (const auto& [name, other] : OTHERS) {
+        if (option == name) return other;
+    }
+    std::string name(option);
+    std::replace(name.begin(), name.end(), '-', '_');
+    return name;
 }
 
 bool work_stops() {

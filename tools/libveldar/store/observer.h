@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace veldar::tool {
 
@@ -30,6 +31,7 @@ struct observer {
     void (*show)(void* context, const work_progress& progress) = nullptr;  // at most ten times a second
     void (*shown_all)(void* context) = nullptr;                            // what `show` has shown is over
     bool (*stops)(void* context) = nullptr;                                // asked often, by any thread of the work
+    bool has_options = false;                                              // inputs are options of a command line
 };
 
 // The observer of this thread; null: there is none. It is borrowed.
@@ -50,6 +52,9 @@ class observer_scope {
 
 void say_trouble(const std::string& message);
 void say_summary(const std::string& message);
+// What this thread's observer calls an input, for messages; given by the name of the option: "--time-format" on a command
+// line, else "time_format", which is its name in veldar.h.
+std::string input_name(std::string_view option);
 // Whether the work is to end: by the observer, or because the process was interrupted.
 bool work_stops();
 

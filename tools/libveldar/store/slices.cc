@@ -87,7 +87,7 @@ void list(slice_set* set, bool with_metrics) {
     if (::stat(set->path.c_str(), &st) != 0) {
         if (errno != ENOENT && errno != ENOTDIR) fail_io("cannot read", set->path, errno);
         const std::string next_step =
-            "-s names a store, an index directory or a slice (a store is made by 'veldar load')";
+            "expected a store, an index directory or a slice (a store is made by 'veldar load')";
         throw failure_t{.status = OUTCOME_USAGE,
                         .message = set->path + ": " + std::strerror(errno) + "; " + next_step,
                         .file = set->path,

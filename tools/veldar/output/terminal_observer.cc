@@ -53,7 +53,11 @@ void show(void* context, const work_progress& now) {
 
 observer terminal_observer_open(terminal_observer* terminal) {
     terminal->is_terminal = ::isatty(STDERR_FILENO) == 1;
-    return {terminal, say, show, [](void* context) { clear_line(static_cast<terminal_observer*>(context)); }, nullptr};
+    return {.context = terminal,
+            .say = say,
+            .show = show,
+            .shown_all = [](void* context) { clear_line(static_cast<terminal_observer*>(context)); },
+            .has_options = true};
 }
 
 }  // namespace veldar::tool
