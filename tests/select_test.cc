@@ -707,13 +707,13 @@ TEST_F(Select, AStopInsideOfASlice) {
     kind.terms.wflags = FORGE_TAG2;
     forge_metric_file(dirs[1].path(), random_metric_events(1, 40), kind, 1);
     for (const question& row : std::vector<question>{
-             {false, "[AND [OR s* h*] [NOT x]]", {}, {}, 1, true},
-             {false, "[AND]", {"host"}, {}, 1},
-             {false, "[AND]", {}, bytes, 1},
-             {false, "[AND]", {"host", "status"}, bytes, 1},
-             {true, "[AND host::*]", {}, {}, 1, true},
-             {true, "[AND]", {"host"}, all, 1},
-             {true, "[AND]", {"host"}, {{"*", SELECT_DC}}, 1},
+             {false, "[AND [OR s* h*] [NOT x]]", {}, {}, 67, true},
+             {false, "[AND]", {"host"}, {}, 57},
+             {false, "[AND]", {}, bytes, 55},
+             {false, "[AND]", {"host", "status"}, bytes, 124},
+             {true, "[AND host::*]", {}, {}, 9, true},
+             {true, "[AND]", {"host"}, all, 171},
+             {true, "[AND]", {"host"}, {{"*", SELECT_DC}}, 171},
          }) {
         const directory_ptr tsidx = open_directory(dirs[row.is_metric ? 1 : 0].path());
         select_options_t options;
