@@ -318,6 +318,17 @@ bool load_file(loader* load, file_load* one, std::string* error) {
     return read;
 }
 
+// Whether this file's events are read from the input: where it lay there is nothing more, and here is what it held.
+bool is_read_from(const store& st, const source_file& file, const log_input& input) {
+    return std::any_of(st.buckets.begin(), st.buckets.end(), [&](const store_bucket& bucket) {
+        if (!bucket.map.files.contains(file.number)) return false;
+        const std::string path = source_file_locate(file, bucket.directory);
+        struct stat there;
+        return !path.empty() && ::stat(path.c_str(), &there) == 0 && there.st_ino == input.inode &&
+               there.st_dev == input.device;
+    });
+}
+
 // The numbers of the files that a path means: of the one with its content, or else of those last seen there.
 std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool again) {
     log_input input;
@@ -335,8 +346,9 @@ std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool ag
         std::vector<uint32_t> numbers = known_files_alike(load->known, &input);
         std::erase_if(numbers, [&](uint32_t number) {
             const source_file& other = load->known.by_number.at(number).file;
-            const bool is_same =
-                other.path == meant.path || (other.inode == meant.inode && other.device == meant.device);
+            const bool is_same = other.path == meant.path ||
+                                 (other.inode == meant.inode && other.device == meant.device) ||
+                                 is_read_from(load->st, other, input);
             return !is_same || number == meant.number;
         });
         numbers.push_back(meant.number);
