@@ -1,12 +1,10 @@
 // Merging in directories: the manifest, what readers make of it, and what becomes of merges that were cut off.
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -241,18 +239,53 @@ TEST_F(Optimize, TakesTheLongestStretchOfTheLowestTier) {
     EXPECT_EQ(tsidx_merge_tier(uint64_t{1500} << 20), 5u);
 }
 
-std::vector<event_key> sorted_events(const std::string& path) {
+std::vector<event_key> sorted_events(TSIDX* reader) {
     std::vector<event_key> keys;
     const st_query_spec query = make_query("[AND a]");
     const auto collect = [](const st_tsval* event, void* context) {
         static_cast<std::vector<event_key>*>(context)->push_back({event->time, event->address});
         return 0;
     };
-    const directory_ptr reader = open_for_reading(path);
-    EXPECT_EQ(st_tsidx_apply_events(reader.get(), &query, collect, &keys), 0)
-        << st_tsidx_last_failure(reader.get())->message;
+    EXPECT_EQ(st_tsidx_apply_events(reader, &query, collect, &keys), 0) << st_tsidx_last_failure(reader)->message;
     std::sort(keys.begin(), keys.end());
     return keys;
+}
+std::vector<event_key> sorted_events(const std::string& path) {
+    return sorted_events(open_for_reading(path).get());
+}
+
+// A reader, which keeps the sources open, meets a merge that takes effect before one of its calls, and removes the
+// sources before that or a later one.
+TEST_F(Optimize, TakesEffectAtAnyCallOfARead) {
+    const no_pauses pauses;
+    const cut_off_merge original(false);
+    const merge_manifest_t& manifest = original.manifest;
+    uint64_t calls = 0;
+    const auto read = [&](uint64_t first, uint64_t second) {
+        SCOPED_TRACE(testing::Message() << first << " and " << second << " of " << calls);
+        const temp_dir dir;
+        fs::copy(original.dir.path(), dir.path());
+        const directory_ptr reader = open_for_reading(dir.path());
+        EXPECT_EQ(sorted_events(reader.get()).size(), 2u);
+        uint64_t at = first;
+        const auto go_on = [&] {
+            if (at == first) {
+                write_file(dir.file(MERGE_MANIFEST_NAME), merge_manifest_text(manifest));
+                fs::create_hard_link(dir.file(manifest.temp), dir.file(manifest.target));
+            }
+            if (at++ != second) return;
+            for (const std::string& source : manifest.sources) fs::remove(dir.file(source));
+            fs::remove(dir.file(MERGE_MANIFEST_NAME));
+        };
+        const fault_step step(first, go_on, ~uint64_t{0} - first);
+        EXPECT_EQ(sorted_events(reader.get()), (std::vector<event_key>{{1, 1}, {2, 2}}));
+        return step.calls();
+    };
+    calls = read(uint64_t{1} << 40, 0);
+    EXPECT_GT(calls, 10u);
+    for (uint64_t first = 1; first <= calls; first++) {
+        for (uint64_t second = first; second <= calls + 1 && !HasFailure(); second++) read(first, second);
+    }
 }
 
 // A directory that is made anew for every trial: four slices, one of them written in part mode, and deleted events.
@@ -753,132 +786,6 @@ TEST_F(Optimize, Tools) {
     EXPECT_LT(bytes(), before);
     optimize({"--all"}, "nothing to merge: 1 slice, ");
     EXPECT_EQ(run_tool("veldar-optimize", {dir.file("missing")}).status, 1);
-}
-
-// What processes tell each other of events whose times and addresses are their numbers.
-struct merging_world {
-    static constexpr uint32_t CAPACITY = 200000;
-    std::atomic<uint32_t> begun, synced;  // events up to here were put, were synced
-    std::atomic<uint8_t> removal_begun[CAPACITY], removed[CAPACITY];
-    std::atomic<uint32_t> merges, reads, removals;
-    std::atomic<bool> stop;
-};
-
-[[noreturn]] void write_events(const std::string& path, merging_world* world) {
-    const directory_ptr tsidx = open_directory(path);
-    for (uint32_t next = 0; !world->stop && next + 5 < merging_world::CAPACITY;) {
-        world->begun = next + 5;
-        for (uint32_t i = 0; i < 5; i++, next++) {
-            if (put_event(tsidx.get(), event_at(static_cast<int32_t>(next))) != 0) ::_exit(10);
-        }
-        if (st_tsidx_sync(tsidx.get()) != 0) ::_exit(11);
-        world->synced = next;
-        ::usleep(2000);
-    }
-    ::_exit(0);
-}
-
-[[noreturn]] void remove_events(const std::string& path, merging_world* world) {
-    const directory_ptr tsidx = open_directory(path);
-    std::mt19937 random(7);
-    while (!world->stop) {
-        const uint32_t synced = world->synced;
-        if (synced == 0) continue;
-        // Mostly young ones, which are being merged.
-        const st_addr_t address = synced - 1 - static_cast<uint32_t>(random() % std::min(synced, 40u));
-        world->removal_begun[address] = 1;
-        const bool again = world->removed[address] != 0;
-        const int64_t newly = st_tsidx_delete_by_addr(tsidx.get(), &address, 1);
-        if (newly != (again ? 0 : 1)) {
-            std::fprintf(stderr, "removed %ld of %u: %s\n", static_cast<long>(newly), address,
-                         st_tsidx_last_failure(tsidx.get())->message);
-            ::_exit(20);
-        }
-        world->removed[address] = 1;
-        world->removals++;
-        ::usleep(1000);
-    }
-    ::_exit(0);
-}
-
-[[noreturn]] void merge_slices(const std::string& path, merging_world* world) {
-    const directory_ptr tsidx = open_directory(path);
-    while (!world->stop) {
-        warm_rc_t rc;
-        const int status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_TIERED, 3, 0, 0, &rc, 0, 0, false);
-        if (status == 0) world->merges++;
-        if (status != 0 && status != WARM_RC_FEW_SLICES && status != WARM_RC_FEW_SOURCES &&
-            status != WARM_RC_MANIFEST_EXISTS) {
-            std::fprintf(stderr, "a merge failed with %d, errno %d: %s\n", status, rc.saved_errno, rc.message);
-            ::_exit(30);
-        }
-        ::usleep(500);
-    }
-    ::_exit(0);
-}
-
-[[noreturn]] void read_events(const std::string& path, merging_world* world) {
-    const directory_ptr tsidx = open_for_reading(path);
-    const st_query_spec query = make_query("[AND a]");
-    std::vector<uint8_t> seen(merging_world::CAPACITY), gone(merging_world::CAPACITY);
-    const auto count = [](const st_tsval* event, void* context) {
-        static_cast<std::vector<uint8_t>*>(context)->at(event->address)++;
-        return 0;
-    };
-    while (!world->stop) {
-        const uint32_t synced = world->synced;
-        for (uint32_t i = 0; i < synced; i++) gone[i] = world->removed[i];
-        std::fill(seen.begin(), seen.end(), uint8_t{0});
-        if (st_tsidx_apply_events(tsidx.get(), &query, count, &seen) != 0) {
-            std::fprintf(stderr, "a read failed: %s\n", st_tsidx_last_failure(tsidx.get())->message);
-            ::_exit(40);
-        }
-        const uint32_t begun = world->begun;
-        for (uint32_t i = 0; i < merging_world::CAPACITY; i++) {
-            if (seen[i] > 1) ::_exit(41);
-            if (i < synced && gone[i] != 0 && seen[i] != 0) ::_exit(42);
-            if (i < synced && world->removal_begun[i] == 0 && seen[i] == 0) ::_exit(43);
-            if (i >= begun && seen[i] != 0) ::_exit(44);
-        }
-        world->reads++;
-    }
-    ::_exit(0);
-}
-
-TEST_F(Optimize, WritersDeletersMergersAndReadersAtOnce) {
-    const temp_dir dir;
-    const std::string path = dir.file("index");
-    fs::create_directory(path);
-    auto* const world = static_cast<merging_world*>(
-        ::mmap(nullptr, sizeof(merging_world), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    using role = void (*)(const std::string&, merging_world*);
-    std::vector<pid_t> children;
-    for (const role act : {role(write_events), role(remove_events), role(merge_slices), role(merge_slices),
-                           role(read_events), role(read_events)}) {
-        children.push_back(::fork());
-        if (children.back() == 0) {
-            st_init("optimize_test");
-            act(path, world);
-        }
-    }
-    const char* const seconds = ::getenv("VELDAR_TORTURE");
-    ::sleep(seconds == nullptr ? 2 : static_cast<unsigned>(std::atoi(seconds)));
-    world->stop = true;
-    for (const pid_t child : children) {
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), 0);
-    }
-    std::printf("%u merges, %u reads, %u removals, %u events\n", world->merges.load(), world->reads.load(),
-                world->removals.load(), world->synced.load());
-    EXPECT_GT(world->merges, 3u);
-    EXPECT_GT(world->reads, 3u);
-    EXPECT_GT(world->removals, 10u);
-    uint32_t left = 0;
-    for (uint32_t i = 0; i < world->synced; i++) left += world->removed[i] == 0 ? 1 : 0;
-    EXPECT_EQ(sorted_events(path).size(), left);
-    ::munmap(world, sizeof *world);
 }
 
 }  // namespace

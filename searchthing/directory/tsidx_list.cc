@@ -56,9 +56,15 @@ tsidx_listing_t live_slices(const std::vector<std::string>& names, const std::st
     return live;
 }
 
+bool has_all_of(const tsidx_listing_t& slices, const tsidx_listing_t& some) {
+    return std::includes(slices.begin(), slices.end(), some.begin(), some.end(), newer);
+}
+
 // Names that are read while others come and go may lack a merge's target, which came too late, and its sources, which
 // went too early. So they are read twice. `sound` tells whether one manifest, or none, was there all the while and the
-// second listing still has every slice of the first: then no source went, and slices that came are only the better.
+// second listing still has every slice of the first: then no source went. Slices that came are the better for it, unless
+// one is the target of a merge whose manifest came behind one look at it and went before the next. Its sources, which
+// may be in the listing too, went before the manifest: a third look at the names misses them.
 int list_twice(const char* directory, tsidx_listing_t* listing, bool* sound, warm_rc_t* rc) {
     std::vector<std::string> first_names, names;
     std::string before, between, after;
@@ -69,8 +75,10 @@ int list_twice(const char* directory, tsidx_listing_t* listing, bool* sound, war
     ST_TRY(merge_manifest_read(directory, MERGE_MANIFEST_NAME, &after, rc));
     const tsidx_listing_t first = live_slices(first_names, before);
     *listing = live_slices(names, between);
-    *sound = before == between && between == after &&
-             std::includes(listing->begin(), listing->end(), first.begin(), first.end(), newer);
+    *sound = before == between && between == after && has_all_of(*listing, first);
+    if (!*sound || listing->size() == first.size()) return 0;
+    ST_TRY(tsidx_read_names(directory, &names, rc));
+    *sound = has_all_of(live_slices(names, ""), *listing);
     return 0;
 }
 
