@@ -82,6 +82,12 @@ class QueryFaults : public testing::Test {
         ASSERT_EQ(run_tool("veldar/veldar", load).status, 0);
         write_file(dir.file("a.log"), text);
         ASSERT_EQ(run_tool("veldar/veldar", load).status, 0);
+        for (const auto& [name, words_of_it] : {std::pair<const char*, words>{"events", {"search", "item"}},
+                                                {"table", {"stats", "--by", "host", "--agg", "p99(took),dc(took)"}}}) {
+            words partial = {"-s", store, "--partial"};
+            partial.insert(partial.begin(), words_of_it.begin(), words_of_it.end());
+            write_file(dir.file(name), run_tool("veldar/veldar", partial).out);
+        }
         write_file(dir.file("m.om"), samples);
         ASSERT_EQ(run_tool("veldar/veldar", {"-s", store, "metrics", "load", dir.file("m.om")}).status, 0);
     }
@@ -170,6 +176,10 @@ TEST_F(QueryFaults, EveryAllocationFails) {
         {add_metrics_command, {"metrics", "ls"}},
         {add_metrics_command, {"metrics", "cardinality", "host"}},
         {add_metrics_command, {"metrics", "dump"}},
+        {add_search_command, {"search", "a7", "-C", "1", "--fields", "host,took", "--partial"}},
+        {add_stats_command, {"stats", "--every", "1m", "--agg", aggregates, "--partial"}},
+        {add_merge_answers_command, {"merge-answers", "--format", "jsonl", dir.file("events")}},
+        {add_merge_answers_command, {"merge-answers", dir.file("table")}},
         {add_fsck_command, {"fsck"}},
         {add_fsck_command, {"fsck", "--against-source", "--json"}},
         {add_ls_command, {"ls"}},

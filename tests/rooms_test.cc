@@ -38,9 +38,11 @@ const std::vector<std::string> ENGINE_ROOMS = {
     "searchthing",
 };
 const std::vector<std::string> TOOL_ROOMS = {
-    "tools/libveldar/formats", "tools/libveldar/store", "tools/libveldar/query",
-    "tools/libveldar/load",    "tools/libveldar/check", "tools/libveldar/face",
-    "tools/veldar/output",     "tools/veldar/commands", "tools/python",
+    "tools/libveldar/formats", "tools/libveldar/store",
+    "tools/libveldar/query",   "tools/libveldar/load",
+    "tools/libveldar/check",   "tools/libveldar/partial",
+    "tools/libveldar/face",    "tools/veldar/output",
+    "tools/veldar/commands",   "tools/python",
 };
 // These know of the library what a C program knows.
 const std::set<std::string> FACES = {"tools/python"};

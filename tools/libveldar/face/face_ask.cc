@@ -85,7 +85,8 @@ veldar_status veldar_terms(veldar_store* store, const char* pattern, uint64_t li
         add_time_columns(to);
         const std::string text = text_from(pattern);
         if (by_term == 0) {
-            for (const counted_term& one : terms_by_count(store->path, text, limit, trouble)) {
+            for (const counted_term& one :
+                 terms_by_count(terms_at(store->path, terms_of_pattern(text), trouble), limit)) {
                 put_term(to, one.term, one.totals);
             }
             return;
@@ -94,7 +95,7 @@ veldar_status veldar_terms(veldar_store* store, const char* pattern, uint64_t li
             put_term(to, term, totals);
             return to->columns[0].valid.size() != limit;
         };
-        walk_terms(store->path, term_choice_of(term_pattern_from_text(text)), visit, trouble);
+        walk_terms(store->path, terms_of_pattern(text), visit, trouble);
     });
 }
 
@@ -103,7 +104,7 @@ veldar_status veldar_fields(veldar_store* store, veldar_table** table) {
         table_column(to, "field", VELDAR_TEXT);
         table_column(to, "events", VELDAR_UINT64);
         table_column(to, "values", VELDAR_UINT64);
-        for (const field_totals& field : fields_list(store->path, trouble)) {
+        for (const field_totals& field : fields_list(terms_at(store->path, terms_of_fields(), trouble))) {
             column_put(&to->columns[0], std::string_view(field.name));
             column_put(&to->columns[1], field.events);
             column_put(&to->columns[2], field.values);
@@ -115,7 +116,7 @@ veldar_status veldar_seen(veldar_store* store, const char* term, veldar_table** 
     return answer(store, table, [&](veldar_table* to, troubles* trouble) {
         table_column(to, "count", VELDAR_UINT64);
         add_time_columns(to);
-        const veldar::term_totals_t all = term_seen(store->path, text_from(term), trouble);
+        const veldar::term_totals_t all = term_seen(terms_at(store->path, terms_of_one(text_from(term)), trouble));
         if (all.count == 0) return;
         column_put(&to->columns[0], all.count);
         put_times(to, 1, true, all.earliest, all.latest);

@@ -1,6 +1,7 @@
 #include "tools/libveldar/query/metric_ask.h"
 
 #include <algorithm>
+#include <bit>
 #include <tuple>
 
 #include "tools/libveldar/formats/metric_record.h"
@@ -40,7 +41,8 @@ void sort_by_time(metric_points* points, bool oldest_first) {
     const std::vector<uint32_t> ranks = metric_series_ranks(*points);
     std::sort(points->points.begin(), points->points.end(), [&](const metric_point& a, const metric_point& b) {
         const int64_t left = oldest_first ? a.time_ms : -a.time_ms, right = oldest_first ? b.time_ms : -b.time_ms;
-        return std::tuple(left, ranks[a.series]) < std::tuple(right, ranks[b.series]);
+        return std::tuple(left, ranks[a.series], std::bit_cast<uint64_t>(a.value)) <
+               std::tuple(right, ranks[b.series], std::bit_cast<uint64_t>(b.value));
     });
 }
 

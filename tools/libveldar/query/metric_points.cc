@@ -1,6 +1,7 @@
 #include "tools/libveldar/query/metric_points.h"
 
 #include <algorithm>
+#include <bit>
 #include <unordered_map>
 #include <utility>
 
@@ -39,8 +40,14 @@ void learn_set(points_reader* reader, const st_metric_event_t& event, series_of_
 
 void keep_newest(metric_points* points) {
     const auto middle = points->points.begin() + static_cast<ptrdiff_t>(points->limit);
+    // Which of equal times stay does not depend on the slices that hold them.
+    const auto& texts = points->series.texts;
     std::nth_element(points->points.begin(), middle, points->points.end(),
-                     [](const metric_point& a, const metric_point& b) { return a.time_ms > b.time_ms; });
+                     [&](const metric_point& a, const metric_point& b) {
+                         if (a.time_ms != b.time_ms) return a.time_ms > b.time_ms;
+                         if (a.series != b.series) return *texts[a.series] < *texts[b.series];
+                         return std::bit_cast<uint64_t>(a.value) < std::bit_cast<uint64_t>(b.value);
+                     });
     points->points.erase(middle, points->points.end());
 }
 

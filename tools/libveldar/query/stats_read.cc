@@ -17,39 +17,10 @@ namespace {
 constexpr int64_t SECOND_NS = 1000000000;
 constexpr int64_t FINE_BINS = 2000;  // of the look at when there are events
 
-struct time_range {
-    int64_t earliest_s = INT_MAX, latest_s = INT_MIN;
-    bool is_empty() const { return earliest_s > latest_s; }
-};
-
-// The times of the slices within the bounds. A slice whose name tells nothing is asked itself; one that cannot be
-// opened is left out here, and told when it is read.
-time_range range_of(const slice_set& set, const st_query_spec& bounds) {
-    time_range range;
-    for (size_t i = 0; i < set.slices->size(); i++) {
-        if (!slice_meets_bounds(set, i, bounds)) continue;
-        const st_filename_metadata_t& meta = set.slices->slice(i).meta;
-        int64_t earliest = meta.earliest, latest = meta.latest;
-        if (earliest == INT_MIN || latest == INT_MAX) {
-            snapshot_slice_ptr warm;
-            std::string error;
-            if (slice_open(set, i, &warm, &error) != SLICE_OPEN) continue;
-            earliest = st_warm_slice_earliest(warm.get());
-            latest = st_warm_slice_latest(warm.get());
-        }
-        range.earliest_s = std::min(range.earliest_s, earliest);
-        range.latest_s = std::max(range.latest_s, latest);
-    }
-    if (range.is_empty()) return range;
-    range.earliest_s = std::max<int64_t>(range.earliest_s, bounds.earliest.time_s);
-    range.latest_s = std::min<int64_t>(range.latest_s, bounds.latest.time_s);
-    return range;
-}
-
 // The times of the events that the queries' index parts find, to a small part of the range.
-time_range range_of_events(const slice_set& slices, const prepared_query& query, const time_range& range) {
+slice_times range_of_events(const slice_set& slices, const prepared_query& query, const slice_times& range) {
     const int64_t span_s = std::max<int64_t>((range.latest_s - range.earliest_s) / FINE_BINS, 1);
-    time_range found;
+    slice_times found;
     for (const query_plan& plan : query.plans) {
         select_options_t options;
         options.sources = slices_sources(slices);
@@ -100,24 +71,30 @@ std::string every_fault(const std::string& every) {
 
 stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& slices, const prepared_query& query,
                            select_spec_t* spec) {
+    if (request.every.empty()) return stats_grid_over(request, 0, 0, spec);
+    slice_times range = slices_times(slices, query.bounds);
+    if (range.is_empty()) range = {0, 0};
+    stats_grid_request chosen = request;
+    if (request.every == "auto") {
+        range = range_of_events(slices, query, range);
+        chosen.every = round_text(bin_width_for(range.earliest_s, range.latest_s, request.wanted));
+    }
+    return stats_grid_over(chosen, range.earliest_s, range.latest_s, spec);
+}
+
+stats_grid stats_grid_over(const stats_grid_request& request, int64_t earliest_s, int64_t latest_s,
+                           select_spec_t* spec) {
     stats_grid grid;
     grid.zone = time_zone_of(request.zone);
     grid.has_bins = !request.every.empty();
     if (!grid.has_bins) return grid;
-    time_range range = range_of(slices, query.bounds);
-    if (range.is_empty()) range = {0, 0};
+    grid.every = request.every;
     bin_width width;
-    if (request.every == "auto") {
-        range = range_of_events(slices, query, range);
-        width = bin_width_for(range.earliest_s, range.latest_s, request.wanted);
-        grid.every = round_text(width);
-    } else if (bin_width_parse(request.every, &width)) {
-        grid.every = request.every;
-    } else {
+    if (!bin_width_parse(request.every, &width)) {
         throw failure_t{OUTCOME_USAGE, input_name("every") + ": " + every_fault(request.every)};
     }
     time_bins cuts;
-    if (!time_bins_make(width, grid.zone, range.earliest_s, range.latest_s, &cuts)) fail_too_many(grid.every);
+    if (!time_bins_make(width, grid.zone, earliest_s, latest_s, &cuts)) fail_too_many(grid.every);
     grid.span = cuts.span;
     spec->bin_offset_s = cuts.offset_s;
     spec->bin_starts_s = std::move(cuts.starts_s);

@@ -35,6 +35,10 @@ std::string every_fault(const std::string& every);
 stats_grid stats_grid_make(const stats_grid_request& request, const slice_set& slices, const prepared_query& query,
                            select_spec_t* spec);
 
+// The same for an answer whose rows begin from the one to the other time inclusive, in seconds; `every` is no auto.
+stats_grid stats_grid_over(const stats_grid_request& request, int64_t earliest_s, int64_t latest_s,
+                           select_spec_t* spec);
+
 // Asks the engine. What cannot be read is told to `trouble`. Throws failure_t.
 void stats_select(const slice_set& slices, const st_query_spec& query, const stats_grid& grid,
                   const select_spec_t& spec, select_table_t* table, select_report_t* report, troubles* trouble);

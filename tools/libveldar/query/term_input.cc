@@ -100,12 +100,82 @@ term_choice_t term_choice_of(const term_pattern& pattern) {
 
 namespace {
 
-bool comes_before(const counted_term& a, const counted_term& b) {
-    return a.totals.count != b.totals.count ? a.totals.count > b.totals.count : a.term < b.term;
+// The terms of a walk by rank, the greatest first, then by text; those of a negative rank are left out, and with a limit
+// other than 0 only so many kept.
+std::vector<counted_term> terms_by_rank(const term_walk& walk, uint64_t limit,
+                                        const std::function<int64_t(const term_totals_t&)>& rank) {
+    struct ranked_term {
+        int64_t rank;
+        counted_term term;
+        bool operator<(const ranked_term& other) const {
+            return rank != other.rank ? rank > other.rank : term.term < other.term.term;
+        }
+    };
+    std::vector<ranked_term> held;
+    walk([&](std::string_view term, const term_totals_t& totals) {
+        const int64_t here = rank(totals);
+        const bool full = limit != 0 && held.size() == limit;
+        if (here < 0 || (full && held.front().rank >= here)) return true;
+        held.push_back({here, {std::string(term), totals}});
+        if (limit == 0) return true;
+        std::push_heap(held.begin(), held.end());
+        if (!full) return true;
+        std::pop_heap(held.begin(), held.end());
+        held.pop_back();
+        return true;
+    });
+    std::sort(held.begin(), held.end());
+    std::vector<counted_term> terms;
+    for (ranked_term& one : held) terms.push_back(std::move(one.term));
+    return terms;
 }
 
-// One word or one field=value, as the index has it.
-term_pattern exact_term(const std::string& text) {
+}  // namespace
+
+term_walk terms_at(const std::string& path, const term_choice_t& choice, troubles* trouble) {
+    return [=](const term_visitor& visit) { walk_terms(path, choice, visit, trouble); };
+}
+
+std::vector<counted_term> terms_by_count(const term_walk& walk, uint64_t limit) {
+    return terms_by_rank(walk, limit, [](const term_totals_t& totals) {
+        return static_cast<int64_t>(std::min<uint64_t>(totals.count, INT64_MAX));
+    });
+}
+
+std::vector<counted_term> terms_new_since(const term_walk& walk, const st_timeval_t& since, uint64_t limit) {
+    // Metadata have whole seconds.
+    const int64_t first = int64_t{since.time_s} + (since.time_ns > 0 ? 1 : 0);
+    return terms_by_rank(walk, limit, [first](const term_totals_t& totals) {
+        return totals.count > 0 ? int64_t{totals.earliest} - first : -1;
+    });
+}
+
+term_totals_t term_seen(const term_walk& walk) {
+    term_totals_t all;
+    walk([&](std::string_view, const term_totals_t& totals) {
+        all = totals;
+        return true;
+    });
+    return all;
+}
+
+std::vector<field_totals> fields_list(const term_walk& walk) {
+    std::vector<field_totals> fields;
+    walk([&](std::string_view term, const term_totals_t& totals) {
+        const std::string_view name = term.substr(0, term.find("::"));
+        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
+        fields.back().values++;
+        fields.back().events += totals.count;
+        return true;
+    });
+    return fields;
+}
+
+term_choice_t terms_of_pattern(const std::string& pattern) {
+    return term_choice_of(term_pattern_from_text(pattern));
+}
+
+term_choice_t terms_of_one(const std::string& text) {
     const term_pattern pattern = term_pattern_from_text(text);
     term_set words;
     term_set_add_text(&words, text);
@@ -115,53 +185,22 @@ term_pattern exact_term(const std::string& text) {
     if ((!word && !field) || text.find('*') != std::string::npos) {
         throw failure_t{OUTCOME_USAGE, text + ": expected one word or one field=value, without *"};
     }
-    return pattern;
+    return term_choice_of(pattern);
 }
 
-}  // namespace
-
-std::vector<counted_term> terms_by_count(const std::string& path, const std::string& pattern, uint64_t limit,
-                                         troubles* trouble) {
-    std::vector<counted_term> held;
-    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
-        const bool full = limit != 0 && held.size() == limit;
-        if (full && held.front().totals.count >= totals.count) return true;
-        held.push_back({std::string(term), totals});
-        if (limit == 0) return true;
-        std::push_heap(held.begin(), held.end(), comes_before);
-        if (!full) return true;
-        std::pop_heap(held.begin(), held.end(), comes_before);
-        held.pop_back();
-        return true;
-    };
-    walk_terms(path, term_choice_of(term_pattern_from_text(pattern)), visit, trouble);
-    std::sort(held.begin(), held.end(), comes_before);
-    return held;
-}
-
-term_totals_t term_seen(const std::string& path, const std::string& text, troubles* trouble) {
-    term_totals_t all;
-    const auto visit = [&](std::string_view, const term_totals_t& totals) {
-        all = totals;
-        return true;
-    };
-    walk_terms(path, term_choice_of(exact_term(text)), visit, trouble);
-    return all;
-}
-
-std::vector<field_totals> fields_list(const std::string& path, troubles* trouble) {
-    std::vector<field_totals> fields;
+term_choice_t terms_of_fields() {
     term_choice_t choice;
     choice.wanted = [](std::string_view term) { return term.find("::") != std::string_view::npos; };
-    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
-        const std::string_view name = term.substr(0, term.find("::"));
-        if (fields.empty() || fields.back().name != name) fields.push_back({std::string(name), 0, 0});
-        fields.back().values++;
-        fields.back().events += totals.count;
-        return true;
-    };
-    walk_terms(path, choice, visit, trouble);
-    return fields;
+    return choice;
+}
+
+term_choice_t terms_of_field_or_pattern(const std::string& pattern) {
+    const bool is_pattern =
+        pattern.empty() || pattern.find_first_of("=*") != std::string::npos || pattern.find("::") != std::string::npos;
+    if (is_pattern) return terms_of_pattern(pattern);
+    term_choice_t choice;
+    choice.prefix = term_pattern_from_text(pattern + "=").needle;
+    return choice;
 }
 
 std::string term_query_text(std::string_view term) {

@@ -14,9 +14,14 @@ namespace veldar::tool {
 // Receives a term; false ends the walk.
 using term_visitor = std::function<bool(std::string_view, const term_totals_t&)>;
 
+// A walk over terms with their totals, ascending; it ends when the visitor says so.
+using term_walk = std::function<void(const term_visitor&)>;
+
 // Lists the slices at `path` and walks their terms (cursors.h). A slice that cannot be read is told to `trouble`
 // and left out from there on. Throws failure_t.
 void walk_terms(const std::string& path, const term_choice_t& choice, const term_visitor& visit, troubles* trouble);
+
+term_walk terms_at(const std::string& path, const term_choice_t& choice, troubles* trouble);
 
 // A pattern as people write it, "404*", "status=4*" or "\"user name\"=\"a b\"", as one over terms, folded: "status::4*". One with a "*" and
 // without a field is about words and not about fields. Empty for every term.
@@ -32,19 +37,26 @@ struct counted_term {
     std::string term;
     term_totals_t totals;
 };
-// The terms that a pattern as people write it takes, the most frequent ones first; with a limit other than 0 no more
-// than these are kept in memory.
-std::vector<counted_term> terms_by_count(const std::string& path, const std::string& pattern, uint64_t limit,
-                                         troubles* trouble);
-// Of one word or one field=value; a count of 0 when there is none. Throws failure_t with OUTCOME_USAGE for anything else.
-term_totals_t term_seen(const std::string& path, const std::string& text, troubles* trouble);
+// The terms of a walk, the most frequent ones first; with a limit other than 0 no more than these are kept in memory.
+std::vector<counted_term> terms_by_count(const term_walk& walk, uint64_t limit);
+// Terms that were not seen before a time, the newest first; with a limit other than 0 no more than these.
+std::vector<counted_term> terms_new_since(const term_walk& walk, const st_timeval_t& since, uint64_t limit);
+// What a walk over one term tells; a count of 0 when there is none.
+term_totals_t term_seen(const term_walk& walk);
 
 struct field_totals {
     std::string name;
     uint64_t values = 0, events = 0;
 };
-// The fields, by name.
-std::vector<field_totals> fields_list(const std::string& path, troubles* trouble);
+// The fields of a walk over terms, by name.
+std::vector<field_totals> fields_list(const term_walk& walk);
+
+// What is walked over. A pattern as people write it; one word or one field=value, OUTCOME_USAGE for anything else; every
+// field; a pattern, where a bare name is a field's. May throw failure_t.
+term_choice_t terms_of_pattern(const std::string& pattern);
+term_choice_t terms_of_one(const std::string& text);
+term_choice_t terms_of_fields();
+term_choice_t terms_of_field_or_pattern(const std::string& pattern);
 
 // A term as the query language takes it: status=404, path="/a b"; and the name of a field: status, "user name".
 std::string term_query_text(std::string_view term);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "tools/libveldar/store/disk_file.h"
@@ -163,6 +164,28 @@ void slices_hold(const slice_set& set, troubles* trouble, const std::function<in
 
 bool slice_meets_bounds(const slice_set& set, size_t i, const st_query_spec& query) {
     return set.slices->overlaps(i, query.earliest.time_s, query.latest.time_s);
+}
+
+slice_times slices_times(const slice_set& set, const st_query_spec& bounds) {
+    slice_times range;
+    for (size_t i = 0; i < set.slices->size(); i++) {
+        if (!slice_meets_bounds(set, i, bounds)) continue;
+        const st_filename_metadata_t& meta = set.slices->slice(i).meta;
+        int64_t earliest = meta.earliest, latest = meta.latest;
+        if (earliest == INT_MIN || latest == INT_MAX) {
+            snapshot_slice_ptr warm;
+            std::string error;
+            if (slice_open(set, i, &warm, &error) != SLICE_OPEN) continue;
+            earliest = st_warm_slice_earliest(warm.get());
+            latest = st_warm_slice_latest(warm.get());
+        }
+        range.earliest_s = std::min(range.earliest_s, earliest);
+        range.latest_s = std::max(range.latest_s, latest);
+    }
+    if (range.is_empty()) return range;
+    range.earliest_s = std::max<int64_t>(range.earliest_s, bounds.earliest.time_s);
+    range.latest_s = std::min<int64_t>(range.latest_s, bounds.latest.time_s);
+    return range;
 }
 
 void slice_fail_unless_told(const warm_rc_t& rc) {

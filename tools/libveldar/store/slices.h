@@ -48,6 +48,14 @@ void slices_tell_errors(const slice_set& set, troubles* trouble);
 // lists lack is told to `trouble`, and that none of them held. Throws failure_t when memory is short.
 void slices_hold(const slice_set& set, troubles* trouble, const std::function<int64_t()>& work);
 
+// The times of the slices within a query's bounds, in seconds, inclusive. A slice whose name tells nothing is asked
+// itself; one that cannot be opened is left out here, and told when it is read.
+struct slice_times {
+    int64_t earliest_s = INT64_MAX, latest_s = INT64_MIN;
+    bool is_empty() const { return earliest_s > latest_s; }
+};
+slice_times slices_times(const slice_set& set, const st_query_spec& bounds);
+
 // Whether a slice's name allows events within the query's bounds.
 bool slice_meets_bounds(const slice_set& set, size_t i, const st_query_spec& query);
 

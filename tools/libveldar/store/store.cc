@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <optional>
 
@@ -16,12 +17,14 @@
 #include "searchthing/format/warmslice_header.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/percent_text.h"
 
 namespace veldar::tool {
 
 namespace {
 
 constexpr char STORE_MARK[] = "veldar store 1\n";
+constexpr char STORE_ID[] = "id";
 constexpr char BUCKET_PREFIX[] = "bucket-", DELETED_PREFIX[] = "deleted-";
 
 // The number behind the prefix of a name of at most `digits` digits.
@@ -36,37 +39,12 @@ uint32_t bucket_number(const std::string& name) {
     return static_cast<uint32_t>(number_behind(name, BUCKET_PREFIX, 9).value_or(0));
 }
 
-std::string encode_name(std::string_view name) {
-    std::string out;
-    for (const char c : name) {
-        if (c == '%' || c == '\n' || c == '\r') {
-            out += fmt::format("%{:02X}", static_cast<unsigned>(c));
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
-
-std::string decode_name(std::string_view line) {
-    std::string out;
-    for (size_t i = 0; i < line.size(); i++) {
-        if (line[i] == '%' && i + 2 < line.size()) {
-            out += static_cast<char>(std::strtoul(std::string(line.substr(i + 1, 2)).c_str(), nullptr, 16));
-            i += 2;
-        } else {
-            out += line[i];
-        }
-    }
-    return out;
-}
-
 // The whole lines of a dictionary.
 std::vector<std::string> decode_names(std::string_view content) {
     std::vector<std::string> names;
     size_t at = 0;
     for (size_t end; (end = content.find('\n', at)) != std::string_view::npos; at = end + 1) {
-        names.push_back(decode_name(content.substr(at, end - at)));
+        names.push_back(percent_decode(content.substr(at, end - at)));
     }
     return names;
 }
@@ -129,6 +107,15 @@ void open_bucket(store* st, store_bucket* bucket) {
     }
 }
 
+// Gives the store a number that no other has, before it is one.
+void make_id(const std::string& path, bool durable) {
+    uint64_t numbers[2];
+    if (::getentropy(numbers, sizeof numbers) != 0) fail_io("cannot draw a random number", "", errno);
+    const std::string id = fmt::format("{:016x}{:016x}", numbers[0], numbers[1]);
+    if (!disk_replace_file(path + "/" + STORE_ID, id + "\n", durable))
+        fail_io("cannot write", path + "/" + STORE_ID, errno);
+}
+
 }  // namespace
 
 bool store_is(const std::string& path) {
@@ -189,6 +176,23 @@ bool store_read_names(const std::string& path, const char* dictionary, std::vect
     return true;
 }
 
+std::string index_identity(const std::string& directory) {
+    char path[PATH_MAX], host[256] = {};
+    const std::string full = ::realpath(directory.c_str(), path) == nullptr ? directory : path;
+    const size_t slash = full.rfind('/');
+    const std::string store = full.substr(0, slash), name = full.substr(slash + 1);
+    std::string id;
+    if (slash != std::string::npos && store_is(store) && disk_exists(store + "/" + STORE_ID)) {
+        if (!disk_read_file(store + "/" + STORE_ID, &id)) fail_io("cannot read", store + "/" + STORE_ID, errno);
+        const bool is_whole = id.size() == 33 && id.find_first_not_of("0123456789abcdef") == 32 && id[32] == '\n';
+        if (!is_whole)
+            throw failure_t{OUTCOME_IO, store + "/" + STORE_ID + ": damaged: 32 hexadecimal digits are expected"};
+        return id.substr(0, 32) + "/" + name;
+    }
+    static_cast<void>(::gethostname(host, sizeof host - 1));
+    return std::string(host) + ":" + full;
+}
+
 // A slice that was never moved into place holds events that count as not loaded: they are loaded again. The file of a
 // merge holds what is in slices.
 void store_remove_leftovers(const std::string& directory) {
@@ -224,12 +228,14 @@ void store_make(const std::string& path, bool durable) {
     if (store_is(path)) return;
     const std::vector<std::string> names = disk_list_directory(path);
     const auto foreign = [](const std::string& name) {
-        return name != "." && name != ".." && name != "lock" && name != "store.part";
+        return name != "." && name != ".." && name != "lock" && name != "store.part" && name != STORE_ID &&
+               name != "id.part";
     };
     if (std::any_of(names.begin(), names.end(), foreign)) {
         throw failure_t{OUTCOME_USAGE, path + " is neither a store nor an empty directory"};
     }
     if (durable) disk_sync_name(path);
+    make_id(path, durable);
     if (!disk_replace_file(path + "/store", STORE_MARK, durable)) fail_io("cannot write", path + "/store", errno);
 }
 
@@ -238,6 +244,7 @@ void store_open_for_load(store* st, const std::string& path, bool durable) {
     st->durable = durable;
     store_make(path, durable);
     st->lock = disk_lock(st->path + "/lock", st->path);
+    if (!disk_exists(path + "/" + STORE_ID)) make_id(path, durable);
     open_dictionary(&st->sources, path + "/sources", durable);
     open_dictionary(&st->sourcetypes, path + "/sourcetypes", durable);
     open_dictionary(&st->hosts, path + "/hosts", durable);
@@ -266,7 +273,7 @@ store_bucket* store_add_bucket(store* st) {
 uint32_t store_number(store_dictionary* dictionary, const std::string& name) {
     const auto known = dictionary->numbers.find(name);
     if (known != dictionary->numbers.end()) return known->second;
-    line_file_add(&dictionary->file, encode_name(name) + "\n");
+    line_file_add(&dictionary->file, percent_encode(name) + "\n");
     const uint32_t number = static_cast<uint32_t>(dictionary->names.size());
     dictionary->names.push_back(name);
     dictionary->numbers.emplace(name, number);

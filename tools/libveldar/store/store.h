@@ -1,6 +1,8 @@
 // A store: where `veldar load` keeps what it indexes.
 //
 //   store            "veldar store 1", what tells a store from any other directory
+//   id               32 hexadecimal digits, drawn at random, by which others know the store wherever it lies. One that was
+//                    made without gets it from the next load
 //   lock             held by the one loader that may run
 //   sources, sourcetypes, hosts
 //                    dictionaries: the name on line n (from 0) has number n in the events; '%', CR and LF are
@@ -62,6 +64,9 @@ std::string store_choose(const std::string& option);
 std::vector<std::string> store_bucket_directories(const std::string& path);
 // What a PATH names that is a store, its buckets and then its metrics, or one index directory. Throws failure_t.
 std::vector<std::string> store_index_directories(const std::string& path);
+// What tells an index directory from every other: the id of its store and its name, or else the machine and the path.
+// Throws failure_t.
+std::string index_identity(const std::string& directory);
 // Reads the names of a dictionary ("sources", "sourcetypes" or "hosts") of a store. False with errno set.
 [[nodiscard]] bool store_read_names(const std::string& path, const char* dictionary, std::vector<std::string>* names);
 

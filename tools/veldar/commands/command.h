@@ -81,6 +81,7 @@ void add_diff_command(const command& veldar);
 void add_terms_command(const command& veldar);
 void add_fields_command(const command& veldar);
 void add_seen_command(const command& veldar);
+void add_merge_answers_command(const command& veldar);
 void add_sql_command(const command& veldar);
 void add_explain_command(const command& veldar);
 void add_fsck_command(const command& veldar);

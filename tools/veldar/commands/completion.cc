@@ -133,7 +133,7 @@ place find_place(const command_text& tree, const strings& words) {
 
 void add_fields(const std::string& store, const std::string& before, const std::string& behind, strings* out) {
     troubles trouble;
-    for (const field_totals& field : fields_list(store, &trouble)) {
+    for (const field_totals& field : fields_list(terms_at(store, terms_of_fields(), &trouble))) {
         out->push_back(before + field_query_text(field.name) + behind);
     }
 }
@@ -145,7 +145,7 @@ void add_query(const std::string& store, const std::string& word, strings* out) 
     const size_t equals = rest.find('=');
     if (equals == std::string::npos) return add_fields(store, before, "=", out);
     troubles trouble;
-    for (const counted_term& one : terms_by_count(store, rest + "*", VALUES, &trouble)) {
+    for (const counted_term& one : terms_by_count(terms_at(store, terms_of_pattern(rest + "*"), &trouble), VALUES)) {
         out->push_back(before + term_query_text(one.term));
     }
 }

@@ -1,5 +1,4 @@
 // veldar fields: the fields of the index, and what they cost.
-#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -13,25 +12,21 @@
 #include "tools/libveldar/store/slices.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/output/table_output.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/commands/spread.h"
+#include "tools/veldar/output/term_output.h"
 
 namespace veldar::tool {
 
 namespace {
 
-int names_run(const tool_context& context) {
+int names_run(const tool_context& context, const spread_options& spread) {
+    if (spread_is_wanted(spread)) return spread_run(context.store, spread, {.kind = "fields", .values = {}}, {});
     troubles trouble;
-    const std::vector<field_totals> fields = fields_list(store_choose(context.store), &trouble);
+    const std::vector<field_totals> fields =
+        fields_list(terms_at(store_choose(context.store), terms_of_fields(), &trouble));
     text_output out;
     output_open(&out, "never");
-    output_put(&out, out.terminal ? "    events      values  field\n" : "");
-    for (const field_totals& field : fields) {
-        const std::string name = field_query_text(field.name);
-        output_put(&out, out.terminal ? fmt::format("{:>10}  {:>10}  {}\n", field.events, field.values, name)
-                                      : fmt::format("{}\t{}\t{}\n", field.events, field.values, name));
-        output_end_record(&out);
-    }
+    fields_print(fields, &out);
     output_flush(&out);
     return answer_status(!fields.empty(), trouble);
 }
@@ -121,8 +116,15 @@ void add_fields_command(const command& veldar) {
     const command fields = veldar.subcommand("fields", "List the fields with their numbers of events and of values");
     fields.footer("An event that holds several values of a field counts once for each.");
     static bool bytes = false;
+    static spread_options spread;
+    add_spread_options(fields, &spread);
     fields.flag("--bytes", &bytes, "What each of them costs in the index, and what is no field, the largest first");
-    fields.run([](const tool_context& context) { return bytes ? field_bytes_run(context) : names_run(context); });
+    fields.run([](const tool_context& context) {
+        if (bytes && spread_is_wanted(spread)) {
+            throw failure_t{OUTCOME_USAGE, "--bytes tells of one store: expected neither --partial nor --on with it"};
+        }
+        return bytes ? field_bytes_run(context) : names_run(context, spread);
+    });
 }
 
 }  // namespace veldar::tool

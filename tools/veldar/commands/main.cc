@@ -20,10 +20,11 @@ constexpr void (*IN[])(const command&) = {
     veldar::tool::add_forget_command,
 };
 constexpr void (*ASKING[])(const command&) = {
-    veldar::tool::add_search_command,  veldar::tool::add_count_command,  veldar::tool::add_stats_command,
-    veldar::tool::add_top_command,     veldar::tool::add_new_command,    veldar::tool::add_diff_command,
-    veldar::tool::add_terms_command,   veldar::tool::add_fields_command, veldar::tool::add_seen_command,
-    veldar::tool::add_metrics_command, veldar::tool::add_sql_command,    veldar::tool::add_explain_command,
+    veldar::tool::add_search_command,        veldar::tool::add_count_command,  veldar::tool::add_stats_command,
+    veldar::tool::add_top_command,           veldar::tool::add_new_command,    veldar::tool::add_diff_command,
+    veldar::tool::add_terms_command,         veldar::tool::add_fields_command, veldar::tool::add_seen_command,
+    veldar::tool::add_metrics_command,       veldar::tool::add_sql_command,    veldar::tool::add_explain_command,
+    veldar::tool::add_merge_answers_command,
 };
 constexpr void (*LOOKING[])(const command&) = {
     veldar::tool::add_ls_command,     veldar::tool::add_info_command, veldar::tool::add_dump_command,

@@ -1,9 +1,8 @@
 // veldar metrics query and dump: the samples themselves.
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <bit>
 #include <tuple>
+#include <utility>
 
 #include "searchthing/search/query.h"
 #include "tools/libveldar/formats/metric_text.h"
@@ -14,7 +13,8 @@
 #include "tools/libveldar/store/index_handle.h"
 #include "tools/veldar/commands/metrics.h"
 #include "tools/veldar/commands/metrics_stats.h"
-#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/commands/spread.h"
+#include "tools/veldar/output/sample_output.h"
 
 namespace veldar::tool {
 
@@ -28,63 +28,8 @@ struct points_options {
     uint64_t limit = 0;
     bool oldest_first = false;
     metrics_stats_options stats;
+    spread_options spread;
 };
-
-struct point_printer {
-    text_output out;
-    std::string format;
-    uint32_t last = UINT32_MAX;  // the series that is split
-    metric_series series;
-    std::string series_text;
-};
-
-void put_json_point(text_output* out, const metric_series& series, const std::string& time, double value) {
-    output_put(out, "{\"time\":\"" + time + "\",\"name\":");
-    json_put_string(&out->bytes, series.name);
-    output_put(out, ",\"labels\":{");
-    for (const metric_label& label : series.labels) {
-        if (out->bytes.back() != '{') output_put(out, ",");
-        json_put_string(&out->bytes, label.name);
-        output_put(out, ":");
-        json_put_string(&out->bytes, label.value);
-    }
-    output_put(out, "},\"value\":");
-    const bool finite = value - value == 0;
-    if (!finite) output_put(out, "\"");
-    metric_value_put(&out->bytes, value);
-    output_put(out, finite ? "}\n" : "\"}\n");
-}
-
-void print_point(point_printer* printer, const metric_points& points, const metric_point& point) {
-    text_output* const out = &printer->out;
-    if (point.series != printer->last) {
-        metric_series_split(*points.series.texts[point.series], &printer->series);
-        printer->series_text.clear();
-        metric_text_put_series(&printer->series_text, printer->series.name, printer->series.labels);
-        printer->last = point.series;
-    }
-    const int64_t floor_ms = point.time_ms % 1000 < 0 ? point.time_ms % 1000 + 1000 : point.time_ms % 1000;
-    const auto seconds = static_cast<st_time_t>((point.time_ms - floor_ms) / 1000);
-    const auto nanoseconds = static_cast<uint32_t>(floor_ms) * 1000000;
-    const std::string time = event_time_text(seconds, nanoseconds, out->zone);
-    std::string value;
-    metric_value_put(&value, point.value);
-    if (printer->format == "jsonl") {
-        put_json_point(out, printer->series, time, point.value);
-    } else if (printer->format == "csv") {
-        output_put(out, time + ",");
-        csv_put_field(&out->bytes, printer->series_text);
-        output_put(out, "," + value + "\r\n");
-    } else if (printer->format == "openmetrics") {
-        output_put(out, printer->series_text + " " + value + " ");
-        metric_time_put(&out->bytes, seconds, nanoseconds);
-        output_put(out, "\n");
-    } else {
-        output_put(out, out->terminal ? fmt::format("{:<24}  {:>20}  {}\n", time, value, printer->series_text)
-                                      : time + "\t" + value + "\t" + printer->series_text + "\n");
-    }
-    output_end_record(out);
-}
 
 // By series and time ascending; equal values of equal times do not depend on the slices that hold them.
 void sort_by_series(metric_points* points) {
@@ -107,21 +52,37 @@ int stats_run(const std::string& directory, const points_options& options) {
     return metrics_stats_run(directory, options.question, stats);
 }
 
+int query_spread(const tool_context& context, const std::string& directory, const points_options& options) {
+    merged_view view;
+    view.format = options.format == "text" && options.stats.are_wanted() ? "" : options.format;
+    view.zone = options.question.zone;
+    view.oldest_first = options.oldest_first;
+    view.stats = options.stats.view;
+    view.fill = options.stats.fill;
+    const question asked =
+        options.stats.are_wanted()
+            ? question_of_metric_stats(options.question, metrics_stats_question(options.stats, options.question.zone),
+                                       options.stats.view.shape.top)
+            : question_of_metrics(options.question, options.limit);
+    return spread_run(context.path_or_store(directory), options.spread, asked, view);
+}
+
 int query_run(const tool_context& context, const std::string& given, const points_options& options) {
-    const std::string directory = metrics_directory(context, given);
-    if (options.stats.are_wanted()) return stats_run(directory, options);
-    if (options.format == "table" || options.format == "tsv") {
+    if (!options.stats.are_wanted() && (options.format == "table" || options.format == "tsv")) {
         throw failure_t{OUTCOME_USAGE, "--format " + options.format + " goes with --every, --agg, --by or --rate"};
     }
+    if (spread_is_wanted(options.spread)) return query_spread(context, given, options);
+    const std::string directory = metrics_directory(context, given);
+    if (options.stats.are_wanted()) return stats_run(directory, options);
     metric_points points;
     metric_samples_read(directory, options.question, options.limit, options.oldest_first, &points);
-    point_printer printer;
+    sample_output printer;
     printer.format = options.format;
     output_open(&printer.out, "never");
     printer.out.zone = time_zone_of(options.question.zone);
-    if (options.format == "csv") output_put(&printer.out, "time,series,value\r\n");
+    samples_begin(&printer);
     for (const metric_point& point : points.points) {
-        if (!printer.out.closed) print_point(&printer, points, point);
+        if (!printer.out.closed) sample_put(&printer, *points.series.texts[point.series], point.time_ms, point.value);
     }
     output_flush(&printer.out);
     return points.points.empty() ? OUTCOME_NOT_FOUND : OUTCOME_DONE;
@@ -129,7 +90,7 @@ int query_run(const tool_context& context, const std::string& given, const point
 
 // Prints the metrics of one pass.
 void dump_names(const std::string& directory, TSIDX* tsidx, const st_query_spec& query, const metric_catalog& catalog,
-                const std::string& first, const std::string& last, point_printer* printer) {
+                const std::string& first, const std::string& last, sample_output* printer) {
     metric_points points;
     points.wanted = [&](std::string_view name) {
         return name >= first && name <= last && catalog.names.contains(std::string(name));
@@ -138,18 +99,18 @@ void dump_names(const std::string& directory, TSIDX* tsidx, const st_query_spec&
         throw failure_t{OUTCOME_IO, directory + ": " + index_failure_text(tsidx)};
     }
     sort_by_series(&points);
-    printer->last = UINT32_MAX;
+    uint32_t at_hand = UINT32_MAX;
     std::string name;
     for (const metric_point& point : points.points) {
         const std::string& text = *points.series.texts[point.series];
         const std::string_view here = std::string_view(text).substr(0, text.find('\0'));
-        if (point.series != printer->last && here != name) {
+        if (std::exchange(at_hand, point.series) != point.series && here != name) {
             name = here;
             output_put(&printer->out, "# TYPE ");
             metric_text_put_name(&printer->out.bytes, name);
             output_put(&printer->out, " unknown\n");
         }
-        print_point(printer, points, point);
+        sample_put(printer, text, point.time_ms, point.value);
         if (printer->out.closed) return;
     }
 }
@@ -169,7 +130,7 @@ int dump_run(const tool_context& context, const std::string& given, const points
     query_set_bounds(options.question.since, options.question.until, options.question.zone, &query);
     query.lispy = text.c_str();
     const std::shared_ptr<TSIDX> tsidx = metric_directory_open(directory);
-    point_printer printer;
+    sample_output printer;
     printer.format = "openmetrics";
     output_open(&printer.out, "never");
     printer.out.zone = time_zone_of(options.question.zone);
@@ -203,6 +164,8 @@ void add_metrics_query_command(const command& metrics, const std::string* direct
         .one_of({"text", "csv", "jsonl", "openmetrics", "table", "tsv"})
         .with_default();
     add_metrics_stats_options(query, &options.stats);
+    add_spread_options(query, &options.spread);
+    add_budget_options(query, &options.spread);
     query.run([directory](const tool_context& context) { return query_run(context, *directory, options); });
 }
 

@@ -2,13 +2,9 @@
 
 namespace veldar::tool {
 
-namespace {
-
-stats_fill fill_of(const std::string& name) {
+stats_fill stats_fill_of(const std::string& name) {
     return name == "zero" ? stats_fill::zero : name == "last" ? stats_fill::last : stats_fill::none;
 }
-
-}  // namespace
 
 bool metrics_stats_options::are_wanted() const {
     return !view.every.empty() || !aggregates.empty() || !by.empty() || rate || view.plot || view.shape.top != 0;
@@ -25,16 +21,17 @@ void add_metrics_stats_options(const command& to, metrics_stats_options* options
     add_stats_view_options(to, &options->view);
 }
 
+metric_stats_question metrics_stats_question(const metrics_stats_options& options, const std::string& zone) {
+    return {options.by, options.aggregates, options.keeps_missing, options.rate, stats_view_grid(options.view, zone)};
+}
+
 int metrics_stats_run(const std::string& directory, const metric_question& question,
                       const metrics_stats_options& options) {
     metric_stats_result result;
     troubles trouble;
-    metric_stats_ask(directory, question,
-                     {options.by, options.aggregates, options.keeps_missing, options.rate,
-                      stats_view_grid(options.view, question.zone)},
-                     &result, &trouble);
+    metric_stats_ask(directory, question, metrics_stats_question(options, question.zone), &result, &trouble);
     stats_view view = options.view;
-    view.shape.fill = fill_of(options.fill);
+    view.shape.fill = stats_fill_of(options.fill);
     return answer_status(stats_show(view, result.request, &result.table, result.grid, result.report), trouble);
 }
 

@@ -5,10 +5,10 @@
 #include "tools/libveldar/query/query_hints.h"
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/query/time_input.h"
-#include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/output/event_output.h"
+#include "tools/veldar/commands/spread.h"
+#include "tools/veldar/output/event_print.h"
 
 namespace veldar::tool {
 
@@ -17,55 +17,28 @@ namespace {
 struct search_options {
     query_options query;
     uint64_t limit = 0;  // 0: all
-    bool oldest_first = false;
-    uint32_t before = 0, after = 0, around = 0;
-    std::string format, fields, color = "auto";
+    uint32_t around = 0;
+    event_view view;
+    spread_options spread;
 };
 
-// Raw records where they can be read, addresses elsewhere.
-void choose_format(const search_options& options, const slice_set& slices, event_output* output) {
-    output->has_raw = event_source_knows_raw(slices);
-    output->context.before = std::max(options.before, options.around);
-    output->context.after = std::max(options.after, options.around);
-    output->format = options.fields.empty() ? FORMAT_RAW : FORMAT_TSV;
-    if (!options.format.empty()) event_format_from_name(options.format, &output->format);
-    const event_format_t format = output->format;
-    if (std::max({options.before, options.after, options.around}) > 0 && format != FORMAT_RAW &&
-        format != FORMAT_JSONL) {
-        throw failure_t{OUTCOME_USAGE, "context lines go with --format raw and jsonl only"};
-    }
-    if (!options.fields.empty() && (format == FORMAT_RAW || format == FORMAT_TABLE || format == FORMAT_ADDR)) {
-        throw failure_t{OUTCOME_USAGE, "--fields goes with --format jsonl, csv and tsv only"};
-    }
-    event_output_choose(output, options.fields);
-    if (output->has_raw || output->format == FORMAT_ADDR) return;
-    say_trouble("there is no source map beside these slices, so the events' text is not known");
-    if (output->format == FORMAT_RAW) output->format = FORMAT_ADDR;
+int search_spread(const tool_context& context, const search_options& options) {
+    question asked = question_of_query("search", options.query);
+    asked.set("limit", options.limit);
+    asked.set("fields", options.view.fields);
+    asked.set("before", options.view.before);
+    asked.set("after", options.view.after);
+    return spread_run(context.store, options.spread, asked,
+                      {.format = options.view.format,
+                       .color = options.view.color,
+                       .zone = options.query.zone,
+                       .oldest_first = options.view.oldest_first});
 }
 
-// Each returns how many events it found.
-uint64_t print_as_found(event_cursor_t* events, uint64_t limit, event_output* output) {
-    event_output_begin(output);
-    event_t event;
-    uint64_t count = 0;
-    for (; (limit == 0 || count < limit) && !output->out->closed && events_next(events, &event); count++) {
-        event_output_put(output, event);
-    }
-    return count;
-}
-
-uint64_t print_held(event_cursor_t* events, const search_options& options, event_output* output) {
-    std::vector<event_t> found;
-    event_t event;
-    while ((options.limit == 0 || found.size() < options.limit) && events_next(events, &event)) found.push_back(event);
-    if (options.oldest_first) std::reverse(found.begin(), found.end());
-    for (size_t i = 0; event_output_learns(*output) && i < found.size(); i++) event_output_learn(output, found[i]);
-    event_output_begin(output);
-    for (size_t i = 0; i < found.size() && !output->out->closed; i++) event_output_put(output, found[i]);
-    return found.size();
-}
-
-int search_run(const tool_context& context, const search_options& options) {
+int search_run(const tool_context& context, search_options options) {
+    options.view.before = std::max(options.view.before, options.around);
+    options.view.after = std::max(options.view.after, options.around);
+    if (spread_is_wanted(options.spread)) return search_spread(context, options);
     const prepared_query query = query_prepare(options.query);
     troubles trouble;
     const slice_set slices = slices_list(store_choose(context.store));
@@ -73,18 +46,31 @@ int search_run(const tool_context& context, const search_options& options) {
     event_source_open(&source, &slices, &trouble);
     const event_cursor_ptr events = events_open(query, options.limit, &source);
     text_output out;
-    output_open(&out, options.color);
+    output_open(&out, options.view.color);
     out.zone = time_zone_of(options.query.zone);
     event_output output;
     output.out = &out;
-    output.source = &source;
-    choose_format(options, slices, &output);
+    event_feed feed;
+    feed.has_raw = event_source_knows_raw(slices);
+    event_view_choose(options.view, feed.has_raw, &output);
     if (out.colour) output.wanted = highlight_of(query.plans);
-    const bool holds = options.oldest_first || event_output_learns(output);
-    const uint64_t found =
-        holds ? print_held(events.get(), options, &output) : print_as_found(events.get(), options.limit, &output);
-    event_output_end(&output);
-    output_flush(&out);
+    event_reader reader;
+    reader.source = &source;
+    reader.parts = event_output_parts(output);
+    reader.lines_before = options.view.before;
+    reader.lines_after = options.view.after;
+    reader.has_raw = feed.has_raw;
+    if ((reader.parts & EVENT_NAMES) != 0) event_source_read_names(&source);
+    for (const std::string& name : source.hosts) feed.longest_host = std::max(feed.longest_host, name.size());
+    for (const std::string& name : source.sources) feed.longest_source = std::max(feed.longest_source, name.size());
+    event_t event;
+    std::vector<event_t> held;
+    uint64_t left = options.limit == 0 ? UINT64_MAX : options.limit;
+    feed.next = [&] { return left-- > 0 && events_next(events.get(), &event); };
+    feed.tell = [&]() -> const event_record& { return event_record_of(&reader, event); };
+    feed.hold = [&] { held.push_back(event); };
+    feed.again = [&](size_t place) -> const event_record& { return event_record_of(&reader, held[place]); };
+    const uint64_t found = event_print(options.view, feed, &output);
     const bool is_all = options.limit == 0 || found < options.limit;
     if (!trouble.incomplete && !out.closed) {
         hint_comparisons(slices.path, query);
@@ -100,16 +86,19 @@ void add_search_command(const command& veldar) {
     const command search = veldar.subcommand("search", "Print the events that a query finds, newest first");
     add_query_options(search, &options.query);
     search.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many events, the newest ones");
-    search.flag("-r,--reverse", &options.oldest_first, "Print the oldest of them first");
-    search.number("-A,--after-context", &options.after, 0, UINT32_MAX,
+    search.flag("-r,--reverse", &options.view.oldest_first, "Print the oldest of them first");
+    search.number("-A,--after-context", &options.view.after, 0, UINT32_MAX,
                   "Print this many lines of the log behind each event; with raw and jsonl");
-    search.number("-B,--before-context", &options.before, 0, UINT32_MAX, "Print this many lines before each event");
+    search.number("-B,--before-context", &options.view.before, 0, UINT32_MAX,
+                  "Print this many lines before each event");
     search.number("-C,--context", &options.around, 0, UINT32_MAX, "Both");
-    search.text("--format", &options.format, "raw, table, jsonl, csv, tsv or addr")
+    search.text("--format", &options.view.format, "raw, table, jsonl, csv, tsv or addr")
         .one_of({"raw", "table", "jsonl", "csv", "tsv", "addr"});
-    search.text("--fields", &options.fields,
+    search.text("--fields", &options.view.fields,
                 "With jsonl, csv or tsv (the default then): the time and these fields, such as status,path; or all");
-    search.text("--color", &options.color, "auto, always or never").one_of({"auto", "always", "never"});
+    search.text("--color", &options.view.color, "auto, always or never").one_of({"auto", "always", "never"});
+    add_spread_options(search, &options.spread);
+    add_budget_options(search, &options.spread);
     search.run([](const tool_context& context) { return search_run(context, options); });
 }
 

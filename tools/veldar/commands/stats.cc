@@ -10,6 +10,7 @@
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
+#include "tools/veldar/commands/spread.h"
 #include "tools/veldar/output/stats_output.h"
 #include "tools/veldar/output/stats_plot.h"
 
@@ -22,6 +23,7 @@ struct stats_options {
     std::string by, aggregates;
     bool keeps_missing = false;
     stats_view view;
+    spread_options spread;
 };
 
 std::string plural(uint64_t count, const std::string& one) {
@@ -40,15 +42,25 @@ void say_report(const select_report_t& report, bool by_records) {
     std::fputs(text.c_str(), stderr);
 }
 
+int stats_spread(const tool_context& context, const stats_options& options, const stats_question& wanted) {
+    if (options.view.explain) {
+        throw failure_t{OUTCOME_USAGE, "--explain tells of one store: expected neither --partial nor --on with it"};
+    }
+    question asked = question_of_query("stats", options.query);
+    question_set_stats(&asked, wanted, options.view.shape.top);
+    return spread_run(context.store, options.spread, asked,
+                      {.format = options.view.format, .zone = options.query.zone, .stats = options.view});
+}
+
 int stats_run(const tool_context& context, const stats_options& options) {
+    const stats_question wanted = {options.by, options.aggregates, options.keeps_missing,
+                                   stats_view_grid(options.view, options.query.zone)};
+    if (spread_is_wanted(options.spread)) return stats_spread(context, options, wanted);
     const prepared_query query = query_prepare(options.query);
     const slice_set slices = slices_list(store_choose(context.store));
     troubles trouble;
     stats_result result;
-    stats_ask(
-        slices, query,
-        {options.by, options.aggregates, options.keeps_missing, stats_view_grid(options.view, options.query.zone)},
-        &result, &trouble);
+    stats_ask(slices, query, wanted, &result, &trouble);
     stats_view view = options.view;
     view.no_number = result.no_number;
     view.by_records = result.by_records;
@@ -114,6 +126,8 @@ void add_stats_command(const command& veldar) {
     stats.text("--format", &options.view.format, "table, tsv, csv or jsonl; without it --every draws on a terminal")
         .one_of(TABLE_FORMATS);
     stats.footer(fmt::format("Aggregates: {}.", STATS_AGGREGATES).c_str());
+    add_spread_options(stats, &options.spread);
+    add_budget_options(stats, &options.spread);
     stats.run([](const tool_context& context) { return stats_run(context, options); });
 }
 
@@ -125,6 +139,8 @@ void add_top_command(const command& veldar) {
     add_query_options(top, &options.query, false);
     top.number("-n,--limit", &options.view.shape.top, 1, UINT64_MAX, "How many").with_default();
     top.text("--format", &options.view.format, "table, tsv, csv or jsonl").one_of(TABLE_FORMATS);
+    add_spread_options(top, &options.spread);
+    add_budget_options(top, &options.spread);
     top.run([](const tool_context& context) { return stats_run(context, options); });
 }
 

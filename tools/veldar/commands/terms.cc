@@ -1,14 +1,11 @@
 // veldar terms and seen: what the lexicons and the metadata of the slices tell without reading an event.
-#include <algorithm>
-#include <vector>
-
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/query/term_input.h"
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
-#include "tools/veldar/output/event_output.h"
-#include "tools/veldar/output/text_output.h"
+#include "tools/veldar/commands/spread.h"
+#include "tools/veldar/output/term_output.h"
 
 namespace veldar::tool {
 
@@ -17,66 +14,48 @@ namespace {
 struct terms_options {
     std::string pattern, sort = "count";
     uint64_t limit = 0;  // 0: all
+    spread_options spread;
 };
 
-// A count before a name: aligned on a terminal, separated by a tab elsewhere.
-void put_count(text_output* out, uint64_t count) {
-    const std::string text = std::to_string(count);
-    if (out->terminal) output_put(out, std::string(text.size() < 10 ? 10 - text.size() : 0, ' '));
-    output_put(out, text);
-    output_put(out, out->terminal ? "  " : "\t");
-}
-
-void put_term(text_output* out, uint64_t count, std::string_view term) {
-    put_count(out, count);
-    std::string text = term_query_text(term);
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t' || c == '\r'; }, ' ');
-    output_put(out, text);
-    output_put(out, "\n");
-    output_end_record(out);
-}
-
-uint64_t print_by_count(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
-    const std::vector<counted_term> found = terms_by_count(path, options.pattern, options.limit, trouble);
-    for (const counted_term& one : found) {
-        put_term(out, one.totals.count, one.term);
-        if (out->closed) break;
-    }
-    return found.size();
-}
-
-uint64_t print_by_term(const std::string& path, const terms_options& options, text_output* out, troubles* trouble) {
-    uint64_t printed = 0;
-    const auto visit = [&](std::string_view term, const term_totals_t& totals) {
-        put_term(out, totals.count, term);
-        return ++printed != options.limit && !out->closed;
-    };
-    walk_terms(path, term_choice_of(term_pattern_from_text(options.pattern)), visit, trouble);
-    return printed;
+question terms_question(const terms_options& options) {
+    question asked;
+    asked.kind = "terms";
+    asked.set("pattern", options.pattern);
+    asked.set("sort", options.sort);
+    asked.set("limit", options.limit);
+    return asked;
 }
 
 int terms_run(const tool_context& context, const terms_options& options) {
+    if (spread_is_wanted(options.spread)) return spread_run(context.store, options.spread, terms_question(options), {});
     troubles trouble;
     text_output out;
     output_open(&out, "never");
-    const std::string path = store_choose(context.store);
-    const uint64_t printed = (options.sort == "count" ? print_by_count : print_by_term)(path, options, &out, &trouble);
+    const term_walk walk = terms_at(store_choose(context.store), terms_of_pattern(options.pattern), &trouble);
+    const uint64_t printed = terms_print(walk, options.sort, options.limit, &out);
     output_flush(&out);
     return answer_status(printed > 0, trouble);
 }
 
-int seen_run(const tool_context& context, const std::string& text, const std::string& zone) {
+struct seen_options {
+    std::string term, zone;
+    spread_options spread;
+};
+
+int seen_run(const tool_context& context, const seen_options& options) {
+    const term_choice_t choice = terms_of_one(options.term);
+    if (spread_is_wanted(options.spread)) {
+        question asked;
+        asked.kind = "seen";
+        asked.set("term", options.term);
+        return spread_run(context.store, options.spread, asked, {.zone = options.zone});
+    }
     troubles trouble;
-    const term_totals_t all = term_seen(store_choose(context.store), text, &trouble);
+    const term_totals_t all = term_seen(terms_at(store_choose(context.store), choice, &trouble));
     text_output out;
     output_open(&out, "never");
-    out.zone = time_zone_of(zone);
-    output_put(&out, "events\t" + std::to_string(all.count) + "\n");
-    if (all.count > 0) {
-        output_put(&out, "first\t" + event_time_text(all.earliest, 0, out.zone) + "\n");
-        output_put(&out, "last\t" + event_time_text(all.latest, 0, out.zone) + "\n");
-    }
+    out.zone = time_zone_of(options.zone);
+    seen_print(all, &out);
     output_flush(&out);
     return answer_status(all.count > 0, trouble);
 }
@@ -91,15 +70,17 @@ void add_terms_command(const command& veldar) {
         .one_of({"count", "term"})
         .with_default();
     terms.number("-n,--limit", &options.limit, 1, UINT64_MAX, "At most this many");
+    add_spread_options(terms, &options.spread);
     terms.run([](const tool_context& context) { return terms_run(context, options); });
 }
 
 void add_seen_command(const command& veldar) {
-    static std::string term, zone;
+    static seen_options options;
     const command seen = veldar.subcommand("seen", "Tell when a term was first and last seen, and how often");
-    seen.text("TERM", &term, "A word or field=value").required();
-    add_zone_option(seen, &zone);
-    seen.run([](const tool_context& context) { return seen_run(context, term, zone); });
+    seen.text("TERM", &options.term, "A word or field=value").required();
+    add_zone_option(seen, &options.zone);
+    add_spread_options(seen, &options.spread);
+    seen.run([](const tool_context& context) { return seen_run(context, options); });
 }
 
 }  // namespace veldar::tool

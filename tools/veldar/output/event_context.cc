@@ -27,7 +27,8 @@ void give(context_groups* groups) {
 }
 
 // A line that is around records; what is found or held already stays.
-void add_line(context_groups* groups, uint64_t offset, std::string text, uint64_t size, const event_t& event) {
+void add_line(context_groups* groups, uint64_t offset, const std::string& text, uint64_t size,
+              const event_record& event) {
     if (offset >= groups->given_from && offset < groups->given_to) return;
     const auto behind = groups->lines.upper_bound(offset);
     if (behind != groups->lines.begin()) {
@@ -35,29 +36,25 @@ void add_line(context_groups* groups, uint64_t offset, std::string text, uint64_
         if (offset < begin + line.size) return;
     }
     groups->held += size;
-    groups->lines[offset] = {std::move(text), size, false, event};
+    groups->lines[offset] = {groups->make(event, text, false, groups->number), size, false};
 }
 
-void add_found(context_groups* groups, const raw_record& record, const event_t& event) {
-    const auto begin = groups->lines.lower_bound(record.offset);
-    groups->lines.erase(begin, groups->lines.lower_bound(record.offset + record.size));
-    groups->held += record.size;
-    groups->lines[record.offset] = {record.text, record.size, true, event};
+void add_found(context_groups* groups, const event_record& event) {
+    const auto begin = groups->lines.lower_bound(event.offset);
+    groups->lines.erase(begin, groups->lines.lower_bound(event.offset + event.size));
+    groups->held += event.size;
+    groups->lines[event.offset] = {groups->make(event, event.raw, true, groups->number), event.size, true};
 }
 
 }  // namespace
 
-bool context_groups_add(context_groups* groups, event_source* source, const event_t& event) {
-    const raw_record* const found = event_source_record(source, event);
-    if (found == nullptr) return false;
-    const raw_record record = *found;  // who gets a group reads others
-    std::vector<std::string> before, after;
-    event_source_context(source, event, groups->before, groups->after, &before, &after);
-    const uint64_t line_end = record.size - std::min<uint64_t>(record.text.size(), record.size) == 2 ? 2 : 1;
-    uint64_t begin = record.offset, end = record.offset + record.size;
-    for (const std::string& line : before) begin -= std::min<uint64_t>(begin, line.size() + line_end);
-    for (const std::string& line : after) end += line.size() + line_end;
-    const bool same_log = record.path == groups->path;
+void context_groups_add(context_groups* groups, const event_record& event) {
+    if (!event.has_raw) return;
+    const uint64_t line_end = event.size - std::min<uint64_t>(event.raw.size(), event.size) == 2 ? 2 : 1;
+    uint64_t begin = event.offset, end = event.offset + event.size;
+    for (const std::string& line : event.before) begin -= std::min<uint64_t>(begin, line.size() + line_end);
+    for (const std::string& line : event.after) end += line.size() + line_end;
+    const bool same_log = event.path == groups->path && event.origin == groups->origin;
     bool joins = same_log && !groups->lines.empty();
     if (joins) {
         const span held = span_of(*groups);
@@ -71,21 +68,19 @@ bool context_groups_add(context_groups* groups, event_source* source, const even
     }
     if (!joins) give(groups);
     if (!same_log) groups->given_from = groups->given_to = 0;
-    groups->path = record.path;
+    groups->path = event.path;
+    groups->origin = event.origin;
     uint64_t at = begin;
-    for (std::string& line : before) {
-        const uint64_t size = line.size() + line_end;
-        add_line(groups, at, std::move(line), size, event);
-        at += size;
+    for (const std::string& line : event.before) {
+        add_line(groups, at, line, line.size() + line_end, event);
+        at += line.size() + line_end;
     }
-    add_found(groups, record, event);
-    at = record.offset + record.size;
-    for (std::string& line : after) {
-        const uint64_t size = line.size() + line_end;
-        add_line(groups, at, std::move(line), size, event);
-        at += size;
+    add_found(groups, event);
+    at = event.offset + event.size;
+    for (const std::string& line : event.after) {
+        add_line(groups, at, line, line.size() + line_end, event);
+        at += line.size() + line_end;
     }
-    return true;
 }
 
 void context_groups_end(context_groups* groups) {

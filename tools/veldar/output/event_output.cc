@@ -14,16 +14,14 @@ namespace {
 
 constexpr size_t WIDEST_COLUMN = 24;
 
-size_t column_width(const std::vector<std::string>& names) {
-    size_t width = 4;
-    for (const std::string& name : names) width = std::max(width, name.size());
-    return std::min(width, WIDEST_COLUMN);
+size_t column_width(size_t longest) {
+    return std::clamp<size_t>(longest, 4, WIDEST_COLUMN);
 }
 
 // Of a path only the end tells logs apart.
-std::string fitted(const std::string& text, size_t width) {
-    if (text.size() <= width) return text + std::string(width - text.size(), ' ');
-    return "~" + text.substr(text.size() - (width - 1));
+std::string fitted(std::string_view text, size_t width) {
+    if (text.size() <= width) return std::string(text) + std::string(width - text.size(), ' ');
+    return "~" + std::string(text.substr(text.size() - (width - 1)));
 }
 
 std::string_view first_line(std::string_view text) {
@@ -40,60 +38,49 @@ void put_text(event_output* output, std::string_view text) {
     }
 }
 
-void put_raw(event_output* output, const event_t& event) {
-    const raw_record* const record = event_source_record(output->source, event);
-    if (record == nullptr) return;
-    put_text(output, record->text);
+void put_raw(event_output* output, const event_record& event) {
+    if (!event.has_raw) return;
+    put_text(output, event.raw);
     output_put(output->out, "\n");
 }
 
-void put_addr(event_output* output, const event_t& event) {
-    output_put(output->out, event_time_text(event.value.time, event.value.subsecond, output->out->zone));
-    output_put(output->out, "\t" + std::to_string(event.value.address) + "\t");
-    output_put(output->out, output->source->slices->directories[event.source].name);
+std::string time_of(const event_output& output, const event_record& event) {
+    return event_time_text(event.time, event.nanoseconds, output.out->zone);
+}
+
+void put_addr(event_output* output, const event_record& event) {
+    output_put(output->out, time_of(*output, event));
+    output_put(output->out, "\t" + std::to_string(event.address) + "\t");
+    output_put(output->out, event.directory);
     output_put(output->out, "\n");
 }
 
 const std::vector<std::string> USUAL = {"time", "host", "source", "sourcetype", "directory", "address", "raw"};
 
-std::string time_of(event_output* output, const event_t& event) {
-    uint64_t nanoseconds = event.value.subsecond;
-    if (nanoseconds == 0 && output->has_raw && !event.is_metric) {
-        static_cast<void>(event_source_fraction(output->source, event, &nanoseconds, false));
-    }
-    return event_time_text(event.value.time, nanoseconds, output->out->zone);
-}
-
-std::string_view raw_of(event_output* output, const event_t& event) {
-    const raw_record* const record = output->has_raw ? event_source_record(output->source, event) : nullptr;
-    return record == nullptr ? std::string_view() : std::string_view(record->text);
-}
-
 // A column that every event has; false for a field.
-bool usual_column(event_output* output, const event_t& event, const std::string& name, std::string* text) {
-    event_source* const source = output->source;
+bool usual_column(const event_output& output, const event_record& event, const std::string& name, std::string* text) {
     const auto number = std::find(USUAL.begin(), USUAL.end(), name) - USUAL.begin();
     switch (number) {
         case 0:
             *text = time_of(output, event);
             return true;
         case 1:
-            *text = event_source_name(source->hosts, event.value.h);
+            *text = event.host;
             return true;
         case 2:
-            *text = event_source_name(source->sources, event.value.s);
+            *text = event.source;
             return true;
         case 3:
-            *text = event_source_name(source->sourcetypes, event.value.st);
+            *text = event.sourcetype;
             return true;
         case 4:
-            *text = source->slices->directories[event.source].name;
+            *text = event.directory;
             return true;
         case 5:
-            *text = std::to_string(event.value.address);
+            *text = std::to_string(event.address);
             return true;
         case 6:
-            text->assign(raw_of(output, event));
+            *text = event.raw;
             return true;
         default:
             return false;
@@ -104,43 +91,26 @@ bool is_usual(const std::string& name) {
     return std::find(USUAL.begin(), USUAL.end(), name) != USUAL.end();
 }
 
-// The values of an event's fields, each once; the names are folded, and in the order of the record.
-using field_values = std::vector<std::pair<std::string, std::vector<std::string>>>;
-field_values fields_of(event_output* output, const event_t& event) {
-    field_values all;
-    output->reader.source = output->source;
-    for (const field_view& field : event_fields_of(&output->reader, event)) {
-        const std::string name = fold_value(field.name);
-        if (is_usual(name) || field.value.empty()) continue;
-        auto known = std::find_if(all.begin(), all.end(), [&](const auto& one) { return one.first == name; });
-        if (known == all.end()) known = all.insert(all.end(), {name, {}});
-        const bool is_new = std::find(known->second.begin(), known->second.end(), field.value) == known->second.end();
-        if (is_new) known->second.emplace_back(field.value);
-    }
-    return all;
-}
-
 bool wants_fields(const event_output& output) {
     return output.all_fields || !std::all_of(output.columns.begin(), output.columns.end(), is_usual);
 }
 
-const std::vector<std::string>* values_of(const field_values& fields, const std::string& name) {
+const std::vector<std::string>* values_of(const event_fields& fields, const std::string& name) {
     const auto found = std::find_if(fields.begin(), fields.end(), [&](const auto& one) { return one.first == name; });
     return found == fields.end() ? nullptr : &found->second;
 }
 
-void put_table(event_output* output, const event_t& event) {
+void put_table(event_output* output, const event_record& event) {
     text_output* const out = output->out;
     const bool aligned = out->terminal;
-    const std::string host = event_source_name(output->source->hosts, event.value.h),
-                      source = event_source_name(output->source->sources, event.value.s);
-    output_put(out, time_of(output, event));
-    output_put(out, aligned ? "  " : "\t");
-    output_put(out, aligned ? fitted(host, output->host_width) : host);
-    output_put(out, aligned ? "  " : "\t");
-    output_put(out, aligned ? fitted(source, output->source_width) : source);
-    output_put(out, aligned ? "  " : "\t");
-    put_text(output, first_line(raw_of(output, event)));
+    const std::string_view gap = aligned ? "  " : "\t";
+    output_put(out, time_of(*output, event));
+    output_put(out, gap);
+    output_put(out, aligned ? fitted(event.host, output->host_width) : event.host);
+    output_put(out, gap);
+    output_put(out, aligned ? fitted(event.source, output->source_width) : event.source);
+    output_put(out, gap);
+    put_text(output, first_line(event.raw));
     output_put(out, "\n");
 }
 
@@ -161,22 +131,20 @@ void json_put_values(std::string* out, const std::string& name, const std::vecto
 }
 
 // `more` is what comes first in the object.
-void put_jsonl(event_output* output, const event_t& event, const std::string& more) {
-    std::string* const out = &output->out->bytes;
-    const field_values fields = wants_fields(*output) ? fields_of(output, event) : field_values();
+void put_jsonl(const event_output& output, const event_record& event, const std::string& more, std::string* out) {
     out->append("{").append(more);
     std::string text;
-    for (const std::string& column : output->columns) {
+    for (const std::string& column : output.columns) {
         if (usual_column(output, event, column, &text)) {
-            if (column == "raw" && !output->has_raw) continue;
+            if (column == "raw" && !output.has_raw) continue;
             json_put_name(out, column);
             column == "address" ? static_cast<void>(out->append(text)) : json_put_string(out, text);
-        } else if (const auto* const values = values_of(fields, column); values != nullptr) {
+        } else if (const auto* const values = values_of(event.fields, column); values != nullptr) {
             json_put_values(out, column, *values);
         }
     }
-    for (size_t i = 0; output->all_fields && i < fields.size(); i++) {
-        json_put_values(out, fields[i].first, fields[i].second);
+    for (size_t i = 0; output.all_fields && i < event.fields.size(); i++) {
+        json_put_values(out, event.fields[i].first, event.fields[i].second);
     }
     out->append("}\n");
 }
@@ -189,18 +157,33 @@ void separated_put(event_output* output, size_t column, std::string_view text) {
     if (column + 1 == output->columns.size()) out->append(csv ? "\r\n" : "\n");
 }
 
-void put_separated(event_output* output, const event_t& event) {
-    const field_values fields = wants_fields(*output) ? fields_of(output, event) : field_values();
+void put_separated(event_output* output, const event_record& event) {
     std::string text;
     for (size_t i = 0; i < output->columns.size(); i++) {
         const std::string& column = output->columns[i];
-        if (!usual_column(output, event, column, &text)) {
+        if (!usual_column(*output, event, column, &text)) {
             text.clear();
-            const auto* const values = values_of(fields, column);
+            const auto* const values = values_of(event.fields, column);
             for (size_t j = 0; values != nullptr && j < values->size(); j++) text += (j > 0 ? ";" : "") + (*values)[j];
         }
         separated_put(output, i, text);
     }
+}
+
+// A line of a group as it is printed.
+std::string group_line(const event_output& output, const event_record& event, std::string_view text, bool is_found,
+                       uint64_t number) {
+    if (output.format == FORMAT_RAW) return std::string(text);
+    std::string out;
+    const std::string group = "\"group\":" + std::to_string(number);
+    if (is_found) {
+        put_jsonl(output, event, group, &out);
+        return out;
+    }
+    out.append("{").append(group).append(",\"context\":true");
+    json_put_values(&out, "source", {std::string(event.source)});
+    json_put_values(&out, "raw", {std::string(text)});
+    return out.append("}\n");
 }
 
 // A group of records with the lines around them.
@@ -208,20 +191,9 @@ void put_group(event_output* output, const std::map<uint64_t, context_line>& lin
     text_output* const out = output->out;
     const bool raw = output->format == FORMAT_RAW;
     if (raw && number > 1) output_put(out, "--\n");
-    const std::string group = "\"group\":" + std::to_string(number);
     for (const auto& [offset, line] : lines) {
-        if (raw) {
-            line.is_found ? put_text(output, line.text) : output_put(out, line.text);
-            output_put(out, "\n");
-        } else if (line.is_found) {
-            put_jsonl(output, line.event, group);
-        } else {
-            std::string* const bytes = &out->bytes;
-            bytes->append("{").append(group).append(",\"context\":true");
-            json_put_values(bytes, "source", {event_source_name(output->source->sources, line.event.value.s)});
-            json_put_values(bytes, "raw", {line.text});
-            bytes->append("}\n");
-        }
+        raw&& line.is_found ? put_text(output, line.text) : output_put(out, line.text);
+        if (raw) output_put(out, "\n");
         output_end_record(out);
     }
 }
@@ -272,28 +244,43 @@ bool event_output_learns(const event_output& output) {
     return output.all_fields && (output.format == FORMAT_CSV || output.format == FORMAT_TSV);
 }
 
-void event_output_learn(event_output* output, const event_t& event) {
-    for (auto& [name, values] : fields_of(output, event)) {
-        const bool is_new = std::find(output->columns.begin(), output->columns.end(), name) == output->columns.end();
-        if (is_new) output->columns.push_back(std::move(name));
+unsigned event_output_parts(const event_output& output) {
+    const unsigned lines = has_context(output) ? EVENT_LINES : 0;
+    switch (output.format) {
+        case FORMAT_RAW:
+            return EVENT_RAW | lines;
+        case FORMAT_ADDR:
+            return 0;
+        case FORMAT_TABLE:
+            return EVENT_FRACTION | EVENT_NAMES | EVENT_RAW;
+        default:
+            return EVENT_FRACTION | EVENT_NAMES | EVENT_RAW | lines | (wants_fields(output) ? EVENT_FIELDS : 0);
     }
 }
 
-void event_output_begin(event_output* output) {
+void event_output_learn(event_output* output, const event_record& event) {
+    for (const auto& [name, values] : event.fields) {
+        const bool is_new = std::find(output->columns.begin(), output->columns.end(), name) == output->columns.end();
+        if (is_new) output->columns.push_back(name);
+    }
+}
+
+void event_output_begin(event_output* output, size_t longest_host, size_t longest_source) {
+    output->context.make = [output](const event_record& event, std::string_view text, bool is_found, uint64_t number) {
+        return group_line(*output, event, text, is_found, number);
+    };
     output->context.put = [output](const std::map<uint64_t, context_line>& lines, uint64_t number) {
         put_group(output, lines, number);
     };
-    if (output->format == FORMAT_RAW || output->format == FORMAT_ADDR) return;
-    event_source_read_names(output->source);
-    output->host_width = column_width(output->source->hosts);
-    output->source_width = column_width(output->source->sources);
+    output->host_width = column_width(longest_host);
+    output->source_width = column_width(longest_source);
     const bool has_header = output->format == FORMAT_CSV || output->format == FORMAT_TSV;
     for (size_t i = 0; has_header && i < output->columns.size(); i++) separated_put(output, i, output->columns[i]);
 }
 
-void event_output_put(event_output* output, const event_t& event) {
+void event_output_put(event_output* output, const event_record& event) {
     if (has_context(*output)) {
-        context_groups_add(&output->context, output->source, event);
+        context_groups_add(&output->context, event);
         return;
     }
     switch (output->format) {
@@ -307,7 +294,7 @@ void event_output_put(event_output* output, const event_t& event) {
             put_table(output, event);
             break;
         case FORMAT_JSONL:
-            put_jsonl(output, event, "");
+            put_jsonl(*output, event, "", &output->out->bytes);
             break;
         case FORMAT_CSV:
         case FORMAT_TSV:

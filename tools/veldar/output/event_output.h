@@ -14,8 +14,7 @@
 #include <vector>
 
 #include "tools/libveldar/formats/log_time.h"
-#include "tools/libveldar/load/event_terms.h"
-#include "tools/libveldar/query/event_source.h"
+#include "tools/libveldar/load/event_record.h"
 #include "tools/veldar/output/event_context.h"
 #include "tools/veldar/output/highlight.h"
 #include "tools/veldar/output/text_output.h"
@@ -27,7 +26,6 @@ bool event_format_from_name(const std::string& name, event_format_t* format);
 
 struct event_output {
     text_output* out = nullptr;
-    event_source* source = nullptr;
     event_format_t format = FORMAT_RAW;
     bool has_raw = true;                      // the raw records can be read
     std::vector<std::string> columns;         // jsonl, csv, tsv: "time", "host" ... or names of fields, folded
@@ -35,20 +33,20 @@ struct event_output {
     context_groups context;                   // raw, jsonl: with lines around the records
     highlighter wanted;                       // used in colour only
     size_t host_width = 0, source_width = 0;  // of a table's columns
-    event_terms reader;
 };
 
 // Chooses the columns: "status,path" for these fields behind the time, "all" for all beside the usual columns, and ""
 // for the usual ones.
 void event_output_choose(event_output* output, const std::string& fields);
+// The parts of events that are to be filled for it: EVENT_* of event_record.h.
+unsigned event_output_parts(const event_output& output);
 // Whether the columns are those of the events to come, which have to be learned before the beginning.
 bool event_output_learns(const event_output& output);
-void event_output_learn(event_output* output, const event_t& event);
-// Prepares the columns and prints the header line of a format that has one.
-void event_output_begin(event_output* output);
-// Prints one event. What cannot be read of it is told to the source's troubles and left out: in raw format the event,
-// elsewhere its text.
-void event_output_put(event_output* output, const event_t& event);
+void event_output_learn(event_output* output, const event_record& event);
+// Prepares the columns, given the lengths of the longest names, and prints the header line of a format that has one.
+void event_output_begin(event_output* output, size_t longest_host, size_t longest_source);
+// Prints one event. In raw format one whose record is not known is left out, elsewhere its text.
+void event_output_put(event_output* output, const event_record& event);
 // Prints what was held back; after the last event.
 void event_output_end(event_output* output);
 
