@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
+#include <functional>
 
 #include "libzero/resource.h"
 #include "tools/libveldar/store/disk_file.h"
@@ -134,9 +134,8 @@ void end_progress() {
     if (::isatty(STDERR_FILENO) == 1) std::fputs("\r\x1B[K", stderr);
 }
 
-// Reads the numbers of those that have answered until there are no more to come; true by number.
-std::vector<bool> wait_for(runner* run, size_t hosts) {
-    std::vector<bool> answered(hosts);
+// Gives the numbers of those that have answered to `take`, as they come, until there are no more to come.
+void wait_for(runner* run, size_t hosts, const std::function<void(size_t)>& take) {
     std::string line;
     size_t done = 0;
     show_progress(0, hosts);
@@ -149,7 +148,7 @@ std::vector<bool> wait_for(runner* run, size_t hosts) {
                 continue;
             }
             const size_t number = std::strtoul(line.c_str(), nullptr, 10);
-            if (number < hosts) answered[number] = true;
+            if (number < hosts) take(number);
             line.clear();
             show_progress(++done, hosts);
         }
@@ -160,21 +159,23 @@ std::vector<bool> wait_for(runner* run, size_t hosts) {
     while (::waitpid(run->pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (work_stops()) throw failure_t{OUTCOME_INTERRUPTED, "interrupted"};
-    return answered;
 }
 
-// The answer of a machine, or why there is none.
-bool take_answer(const host_line& host, size_t number, const scratch_directory& scratch, bool answered,
-                 std::string* bytes, std::vector<named_partial>* answers, std::string* why) {
-    *why = last_line(scratch.file(number, "says"));
-    if (why->empty()) *why = "it did not answer in time";
-    if (!answered || !disk_read_file(scratch.file(number, "part"), bytes)) return false;
-    std::string_view rest = *bytes;
+// What one machine said.
+struct host_answer {
+    bool is_there = false;
     named_partial answer;
-    answer.name = host.name;
-    if (!partial_take(&rest, &answer.answer, why)) return false;
-    answers->push_back(std::move(answer));
-    return true;
+    std::string why;  // there is none
+};
+
+void take_answer(const host_line& host, const std::string& path, std::string* bytes, host_answer* out) {
+    if (!disk_read_file(path, bytes)) {
+        out->why = std::strerror(errno);
+        return;
+    }
+    std::string_view rest = *bytes;
+    out->answer.name = host.name;
+    out->is_there = partial_take(&rest, &out->answer.answer, &out->why);
 }
 
 }  // namespace
@@ -235,14 +236,21 @@ merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* 
         rest.remove_prefix(static_cast<size_t>(size));
     }
     run.jobs.reset();
-    const std::vector<bool> answered = wait_for(&run, hosts.size());
+    std::vector<host_answer> came(hosts.size());
+    bytes->resize(hosts.size());
+    wait_for(&run, hosts.size(), [&](size_t number) {
+        take_answer(hosts[number], scratch.file(number, "part"), &(*bytes)[number], &came[number]);
+    });
     std::vector<named_partial> answers;
     std::vector<std::string> lacks;
-    bytes->resize(hosts.size());
     for (size_t i = 0; i < hosts.size(); i++) {
-        std::string why;
-        if (take_answer(hosts[i], i, scratch, answered[i], &(*bytes)[i], &answers, &why)) continue;
-        lacks.push_back(hosts[i].name + ": no answer: " + why);
+        host_answer& one = came[i];
+        if (one.is_there) {
+            answers.push_back(std::move(one.answer));
+            continue;
+        }
+        if (one.why.empty()) one.why = last_line(scratch.file(i, "says"));
+        lacks.push_back(hosts[i].name + ": no answer: " + (one.why.empty() ? "not in time" : one.why));
     }
     if (answers.empty()) {
         for (const std::string& one : lacks) say_trouble(one);
