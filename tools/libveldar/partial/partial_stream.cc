@@ -156,6 +156,10 @@ bool take_event(partial_reader* reader) {
     const bool has_texts = take_name(reader, &event->directory) && take_name(reader, &event->host) &&
                            take_name(reader, &event->source) && take_name(reader, &event->sourcetype) &&
                            take_text(rest, &event->raw) && take_fields(reader);
+    event->before.clear();
+    event->after.clear();
+    event->path.clear();
+    event->offset = event->size = 0;
     if (!has_texts || (flags & HAS_LINES) == 0) return has_texts;
     std::string_view path;
     const bool has_lines = take_name(reader, &path) && take_number(rest, &event->offset) &&
@@ -163,7 +167,9 @@ bool take_event(partial_reader* reader) {
                            take_texts(rest, &event->after);
     // Places behind each other do not wrap.
     constexpr uint64_t FARTHEST = uint64_t{1} << 62;
-    if (!has_lines || event->offset > FARTHEST || event->size > FARTHEST) return false;
+    if (!has_lines || !event->has_raw || event->size == 0 || event->size > FARTHEST || event->offset > FARTHEST) {
+        return false;
+    }
     event->path = path;
     return true;
 }
