@@ -24,6 +24,7 @@ ssh-keygen -q -t ed25519 -N '' -f key && ssh-keygen -q -t ed25519 -N '' -f host_
 cp key.pub authorized
 [ "$(id -u)" -ne 0 ] || mkdir -p /run/sshd
 port=$((20000 + $$ % 20000))
+while (: >"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
 cat >sshd_config <<CONFIG
 ListenAddress 127.0.0.1
 Port $port
