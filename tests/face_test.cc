@@ -34,6 +34,7 @@ struct closer {
     void operator()(veldar_store* store) const { veldar_close(store); }
     void operator()(veldar_events* events) const { veldar_events_close(events); }
     void operator()(veldar_table* table) const { veldar_table_free(table); }
+    void operator()(veldar_bytes* bytes) const { veldar_bytes_free(bytes); }
 };
 template <typename T>
 using owned = std::unique_ptr<T, closer>;
@@ -289,6 +290,98 @@ TEST_F(Face, AnswersThatLackSomethingSaySo) {
     write_file(slice, "gone");
     EXPECT_EQ(table_text([&](veldar_table** t) { return veldar_fields(store, t); }, &end), "field\tevents\tvalues\n");
     EXPECT_EQ(end, VELDAR_INCOMPLETE);
+}
+
+std::string bytes_of(veldar_bytes* bytes) {
+    const owned<veldar_bytes> held(bytes);
+    return bytes == nullptr ? "" : std::string(veldar_bytes_data(bytes), veldar_bytes_size(bytes));
+}
+
+std::string question_of(const char* kind, const char* text = nullptr, const char* aggregates = nullptr) {
+    const veldar_query query = query_of(text);
+    veldar_stats_options stats = {};
+    stats.size = sizeof stats;
+    stats.aggregates = aggregates;
+    veldar_question question = {};
+    question.size = sizeof question;
+    question.kind = kind;
+    question.query = &query;
+    question.stats = &stats;
+    question.pattern = text;
+    question.limit = 30;
+    question.with_fields = 1;
+    veldar_bytes* made = nullptr;
+    EXPECT_EQ(veldar_question_text(&question, &made), VELDAR_OK) << veldar_last_error()->message;
+    return bytes_of(made);
+}
+
+std::string partial_of(veldar_store* store, const std::string& question) {
+    veldar_bytes* answer = nullptr;
+    EXPECT_LE(veldar_answer_partially(store, question.c_str(), &answer), VELDAR_INCOMPLETE);
+    return bytes_of(answer);
+}
+
+// The merged answer of these; it lacks `gap` when there is one.
+std::string merged_of(const std::string& question, const strings& answers, const char* gap, veldar_status* status) {
+    std::vector<veldar_text> texts;
+    for (const std::string& one : answers) texts.push_back({one.data(), one.size()});
+    veldar_bytes* merged = nullptr;
+    *status = veldar_answers_merge(question.c_str(), texts.data(), texts.size(), &gap, gap == nullptr ? 0 : 1, &merged);
+    return bytes_of(merged);
+}
+
+TEST_F(Face, AnswersOfManyStoresAreOne) {
+    const owned<veldar_store> held = loaded(50), other = open_store(dir_.file("other"), VELDAR_CREATE);
+    ASSERT_EQ(load(other.get(), {log("b log", make_log(40, "b=\"a,b=c\""))}), VELDAR_OK);
+    veldar_status status;
+    const auto table = [&](const std::string& answer) {
+        const veldar_text text = {answer.data(), answer.size()};
+        return table_text([&](veldar_table** t) { return veldar_answer_table(&text, t); }, &status);
+    };
+    const auto both = [&](const std::string& question) {
+        const strings answers = {partial_of(held.get(), question), partial_of(other.get(), question)};
+        const std::string merged = merged_of(question, answers, nullptr, &status);
+        EXPECT_EQ(status, VELDAR_OK);
+        EXPECT_EQ(table(merged_of(question, {answers[1], merged_of(question, {answers[0]}, nullptr, &status)}, nullptr,
+                                  &status)),
+                  table(merged));
+        return table(merged);
+    };
+    EXPECT_EQ(both(question_of("count", "level=error")), "count\n9\n");
+    EXPECT_EQ(both(question_of("stats", "level=error", "count,max(n)")), "count\tmax(n)\n9\t40.000000\n");
+    EXPECT_EQ(both(question_of("seen", "n=3")), "count\tfirst\tlast\n2\t1714521603000000000\t1714521603000000000\n");
+    EXPECT_EQ(both(question_of("terms", "level=err*")),
+              "term\tcount\tfirst\tlast\nlevel=error\t9\t1714521600000000000\t1714521640000000000\n");
+    EXPECT_EQ(both(question_of("new", "level=info")).substr(0, 36), "term\tcount\tfirst\tlast\nlevel=info\t81\t");
+    EXPECT_NE(both(question_of("fields")).find("\nn\t90\t50\n"), std::string::npos);
+    EXPECT_EQ(both(question_of("samples")), "time\tmetric\tlabels\tvalue\n");
+    const std::string found = both(question_of("search", "b=* n=39 OR n=45"));
+    EXPECT_EQ(found.find("time\traw\thost\tsource\tsourcetype\tdirectory\taddress\tindex\tfields\n1714521645250"), 0u);
+    EXPECT_NE(found.find("\tlevel=info,n=39,path=/a b,b=a\\,b\\=c\n"), std::string::npos) << found;
+
+    const std::string question = question_of("count"), answer = partial_of(held.get(), question);
+    const std::string none = merged_of(question, {}, nullptr, &status);
+    EXPECT_EQ(table(none), "count\n0\n");
+    std::string damaged = answer;
+    damaged[damaged.size() / 2] = 'x';
+    const std::string lacking = merged_of(question, {damaged, answer}, "host b: silent", &status);
+    EXPECT_EQ(status, VELDAR_INCOMPLETE);
+    EXPECT_EQ(table(lacking), "count\n50\n");
+    EXPECT_EQ(status, VELDAR_INCOMPLETE);
+    EXPECT_NE(std::string(veldar_last_error()->message).find("\nhost b: silent"), std::string::npos);
+    const veldar_text text = {lacking.data(), lacking.size()};
+    int64_t back_to = 0;
+    EXPECT_EQ(table_text([&](veldar_table** t) { return veldar_answer_lacks(&text, &back_to, t); }),
+              "lacks\nanswer 1: a damaged partial answer: its hash is another\nhost b: silent\n");
+    EXPECT_EQ(back_to, INT64_MIN);
+    EXPECT_EQ(table(damaged), "");
+    EXPECT_EQ(status, VELDAR_DAMAGED);
+    for (const strings& wrong : {strings{answer, answer}, strings{partial_of(held.get(), question_of("fields"))}}) {
+        EXPECT_EQ(merged_of(question, wrong, nullptr, &status), "");
+        EXPECT_EQ(status, VELDAR_USAGE);
+    }
+    veldar_bytes* bytes = nullptr;
+    EXPECT_EQ(veldar_answer_partially(held.get(), "kind rumour\n", &bytes), VELDAR_USAGE);
 }
 
 struct stopper {

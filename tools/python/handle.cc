@@ -13,6 +13,7 @@ constexpr std::chrono::milliseconds SIGNALS_EVERY{50};
 
 std::atomic<bool> is_ending = false;
 uint64_t calls = 0;  // under way; used with the GIL
+thread_local std::unique_ptr<std::vector<std::string>> kept;
 
 py::object python_name(const char* module, const char* name) {
     return py::module_::import(module).attr(name);
@@ -120,8 +121,20 @@ void raise_usage(const char* message) {
 void require(veldar_status status) {
     if (status <= VELDAR_END) return;
     if (status != VELDAR_INCOMPLETE) raise_last_error();
+    if (kept != nullptr) return kept->push_back(veldar_last_error()->message);
     // Above the package's own function stands the caller.
     python_name("warnings", "warn")(object_of(*veldar_last_error()), py::arg("stacklevel") = 2);
+}
+
+void keep_lacks() {
+    kept = std::make_unique<std::vector<std::string>>();
+}
+
+py::list kept_lacks() {
+    const std::unique_ptr<std::vector<std::string>> lacks = std::move(kept);
+    py::list texts;
+    for (size_t i = 0; lacks != nullptr && i < lacks->size(); i++) texts.append(text_from((*lacks)[i]));
+    return texts;
 }
 
 handle::~handle() {

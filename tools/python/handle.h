@@ -26,6 +26,9 @@ py::str text_from(const std::string& text);
 [[noreturn]] void raise_usage(const char* message);
 // Raises it unless the call succeeded; VELDAR_INCOMPLETE is a warning.
 void require(veldar_status status);
+// From here on this thread's calls keep what they lack instead of warning; and an end to it, with what was kept.
+void keep_lacks();
+py::list kept_lacks();
 
 // A store or a writer of the library, with who uses it.
 struct handle {

@@ -37,6 +37,16 @@ struct metric_question_t {
     text_t names;
     std::vector<std::string> where;
     text_t since, until, zone;
+
+    veldar_metric_query query(const std::vector<const char*>& conditions) const {
+        return {sizeof(veldar_metric_query),
+                chars(names),
+                conditions.data(),
+                conditions.size(),
+                chars(since),
+                chars(until),
+                chars(zone)};
+    }
 };
 
 struct events_t {
@@ -141,6 +151,69 @@ py::list fields_of(const events_t& events, const table_t& table, size_t row) {
     return made;
 }
 
+struct bytes_free {
+    void operator()(veldar_bytes* bytes) const { veldar_bytes_free(bytes); }
+};
+
+// The bytes that `ask(&bytes)` gives, which say themselves what they lack.
+template <typename F>
+py::bytes ask_bytes(F ask) {
+    veldar_bytes* made = nullptr;
+    const veldar_status status = ask(&made);
+    const std::unique_ptr<veldar_bytes, bytes_free> held(made);
+    if (made == nullptr) require(status);
+    return py::bytes(veldar_bytes_data(made), veldar_bytes_size(made));
+}
+
+py::bytes question_text(const std::string& kind, const question_t& asked, const metric_question_t& metrics,
+                        const text_t& pattern, const text_t& by, const text_t& aggregates, const text_t& every,
+                        uint64_t top, bool missing, bool rate, uint64_t limit, bool by_term, bool with_fields) {
+    const veldar_query query = asked.query();
+    const std::vector<const char*> where = all_chars(metrics.where);
+    const veldar_metric_query samples = metrics.query(where);
+    const veldar_stats_options stats = {sizeof stats, chars(by), chars(aggregates), chars(every), top, missing ? 1 : 0};
+    const veldar_metric_stats_options metric_stats = {
+        sizeof metric_stats, chars(by), chars(aggregates), chars(every), top, missing ? 1 : 0, rate ? 1 : 0};
+    const veldar_question question = {sizeof question, kind.c_str(),   &query, &stats,          &samples,
+                                      &metric_stats,   chars(pattern), limit,  by_term ? 1 : 0, with_fields ? 1 : 0};
+    return ask_bytes([&](veldar_bytes** made) { return veldar_question_text(&question, made); });
+}
+
+py::bytes answer_partially(const store_t& store, const std::string& question) {
+    const std::shared_ptr<handle> on = opened(store);
+    return ask_bytes([&](veldar_bytes** made) {
+        return call(on.get(), [&] { return veldar_answer_partially(on->store, question.c_str(), made); });
+    });
+}
+
+py::bytes answers_merge(const std::string& question, const std::vector<py::bytes>& answers,
+                        const std::vector<std::string>& lacks) {
+    std::vector<veldar_text> texts;
+    for (const py::bytes& one : answers) {
+        texts.push_back({PyBytes_AS_STRING(one.ptr()), static_cast<size_t>(PyBytes_GET_SIZE(one.ptr()))});
+    }
+    const std::vector<const char*> gaps = all_chars(lacks);
+    return ask_bytes([&](veldar_bytes** made) {
+        const py::gil_scoped_release released;
+        return veldar_answers_merge(question.c_str(), texts.data(), texts.size(), gaps.data(), gaps.size(), made);
+    });
+}
+
+// The table, and what the answer lacks.
+py::tuple answer_table(const py::bytes& answer) {
+    const veldar_text text = {PyBytes_AS_STRING(answer.ptr()), static_cast<size_t>(PyBytes_GET_SIZE(answer.ptr()))};
+    veldar_table *table = nullptr, *lacks = nullptr;
+    int64_t complete_back_to = INT64_MIN;
+    {
+        const py::gil_scoped_release released;
+        if (veldar_answer_table(&text, &table) <= VELDAR_INCOMPLETE)
+            veldar_answer_lacks(&text, &complete_back_to, &lacks);
+    }
+    table_ptr held(table), held_lacks(lacks);
+    if (held == nullptr || held_lacks == nullptr) raise_last_error();
+    return py::make_tuple(table_of(std::move(held)), table_of(std::move(held_lacks)));
+}
+
 table_t stats(const store_t& store, const question_t& question, const text_t& by, const text_t& aggregates,
               const text_t& every, uint64_t top, bool missing) {
     const veldar_query query = question.query();
@@ -154,8 +227,7 @@ table_t stats(const store_t& store, const question_t& question, const text_t& by
 template <typename F>
 table_t ask_metrics(const store_t& store, const metric_question_t& question, F ask) {
     const std::vector<const char*> where = all_chars(question.where);
-    const veldar_metric_query query = {sizeof query,          chars(question.names), where.data(),        where.size(),
-                                       chars(question.since), chars(question.until), chars(question.zone)};
+    const veldar_metric_query query = question.query(where);
     return ask_table(store, [&](veldar_store* on, veldar_table** table) { return ask(on, &query, table); });
 }
 
@@ -294,6 +366,7 @@ void add_store(py::module_* module) {
         .def("metrics", [](const store_t& store) { return ask_table(store, veldar_metrics); })
         .def("metric_samples", metric_samples)
         .def("metric_stats", metric_stats)
+        .def("answer_partially", answer_partially)
         .def("load", load)
         .def("load_metrics", load_metrics)
         .def("optimize", optimize)
@@ -315,6 +388,11 @@ PYBIND11_MODULE(_veldar, module) {
         .def("put", put)
         .def("sync", sync_writer)
         .def("close", close_writer);
+    module.def("question_text", question_text);
+    module.def("answers_merge", answers_merge);
+    module.def("answer_table", answer_table);
+    module.def("keep_lacks", keep_lacks);
+    module.def("kept_lacks", kept_lacks);
     module.def("version", veldar_version);
     py::module_::import("atexit").attr("register")(py::cpp_function(end_calls));
 }

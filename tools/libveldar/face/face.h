@@ -13,6 +13,7 @@
 
 #include "searchthing/reading/cursors.h"
 #include "tools/libveldar/face/veldar.h"
+#include "tools/libveldar/query/metric_ask.h"
 #include "tools/libveldar/query/query_input.h"
 #include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/observer.h"
@@ -77,6 +78,8 @@ inline std::string text_from(const char* text) {
 }
 veldar_text text_to(std::string_view text);
 query_options query_from(const veldar_query* query);
+metric_question metric_question_from(const veldar_metric_query* query);
+metric_stats_question metric_stats_question_from(const veldar_metric_stats_options& given, const std::string& zone);
 
 // Set as the thread's last error; return its status.
 veldar_status face_failed(const failure_t& failure) noexcept;

@@ -1,5 +1,6 @@
 // veldar.h: metrics.
 #include "tools/libveldar/face/face_stats.h"
+#include "tools/libveldar/face/face_tables.h"
 #include "tools/libveldar/query/metric_ask.h"
 #include "tools/libveldar/query/metric_catalog.h"
 #include "tools/libveldar/store/disk_file.h"
@@ -7,9 +8,9 @@
 
 using namespace veldar::tool;
 
-namespace {
+namespace veldar::tool {
 
-metric_question question_from(const veldar_metric_query* query) {
+metric_question metric_question_from(const veldar_metric_query* query) {
     const veldar_metric_query given = record_from(query);
     metric_question question;
     question.names = comma_parts(text_from(given.names));
@@ -21,36 +22,21 @@ metric_question question_from(const veldar_metric_query* query) {
     return question;
 }
 
+metric_stats_question metric_stats_question_from(const veldar_metric_stats_options& given, const std::string& zone) {
+    return {text_from(given.by),
+            text_from(given.aggregates),
+            given.keeps_missing != 0,
+            given.rate != 0,
+            {text_from(given.every), zone}};
+}
+
+}  // namespace veldar::tool
+
+namespace {
+
 // A store into which no metrics were loaded answers with nothing. What else is at the path is for the engine to judge.
 bool has_metrics(const veldar_store* store) {
     return !store_is(store->path) || disk_exists(metric_directory_of(store->path));
-}
-
-void put_escaped(std::string* out, std::string_view text) {
-    for (const char c : text) {
-        if (c == ',' || c == '=' || c == '\\') out->push_back('\\');
-        out->push_back(c);
-    }
-}
-
-std::string labels_text(const metric_series& series) {
-    std::string text;
-    for (const metric_label& label : series.labels) {
-        if (!text.empty()) text += ',';
-        put_escaped(&text, label.name);
-        text += '=';
-        put_escaped(&text, label.value);
-    }
-    return text;
-}
-
-veldar_status end_table(std::unique_ptr<veldar_table> table, const troubles& trouble, const face_call& call,
-                        veldar_table** out) {
-    table->rows = table->columns[0].valid.size();
-    const bool found = table->rows > 0;
-    *out = table.release();
-    if (trouble.incomplete) return call.end(OUTCOME_INCOMPLETE);
-    return found ? VELDAR_OK : VELDAR_END;
 }
 
 }  // namespace
@@ -74,7 +60,7 @@ veldar_status veldar_metrics(veldar_store* store, veldar_table** table) {
             column_put(&to->columns[3], time_ns_of(totals.earliest));
             column_put(&to->columns[4], time_ns_of(totals.latest));
         }
-        return end_table(std::move(to), trouble, call, table);
+        return face_give(std::move(to), trouble, call, table);
     });
 }
 
@@ -84,28 +70,15 @@ veldar_status veldar_metric_samples(veldar_store* store, const veldar_metric_que
     return face_run(&store->hearing, [&](const face_call& call) {
         metric_points points;
         if (has_metrics(store)) {
-            metric_samples_read(metric_directory_of(store->path), question_from(query), limit, false, &points);
-        }
-        struct series_texts {
-            std::string name, labels;
-        };
-        std::vector<series_texts> texts(points.series.texts.size());
-        metric_series series;
-        for (size_t i = 0; i < texts.size(); i++) {
-            metric_series_split(*points.series.texts[i], &series);
-            texts[i] = {std::string(series.name), labels_text(series)};
+            metric_samples_read(metric_directory_of(store->path), metric_question_from(query), limit, false, &points);
         }
         auto to = std::make_unique<veldar_table>();
-        table_column(to.get(), "time", VELDAR_TIME);
-        for (const char* const name : {"metric", "labels"}) table_column(to.get(), name, VELDAR_TEXT);
-        table_column(to.get(), "value", VELDAR_DOUBLE);
+        face_samples samples;
+        face_samples_begin(&samples, to.get());
         for (const metric_point& point : points.points) {
-            column_put(&to->columns[0], point.time_ms * 1'000'000);
-            column_put(&to->columns[1], std::string_view(texts[point.series].name));
-            column_put(&to->columns[2], std::string_view(texts[point.series].labels));
-            column_put(&to->columns[3], point.value);
+            face_samples_put(&samples, *points.series.texts[point.series], point.time_ms, point.value);
         }
-        return end_table(std::move(to), {}, call, table);
+        return face_give(std::move(to), {}, call, table);
     });
 }
 
@@ -114,19 +87,15 @@ veldar_status veldar_metric_stats(veldar_store* store, const veldar_metric_query
     *table = nullptr;
     return face_run(&store->hearing, [&](const face_call& call) {
         const veldar_metric_stats_options given = record_from(options);
-        const metric_question question = question_from(query);
+        const metric_question question = metric_question_from(query);
         metric_stats_result result;
         troubles trouble;
-        const metric_stats_question wanted = {text_from(given.by),
-                                              text_from(given.aggregates),
-                                              given.keeps_missing != 0,
-                                              given.rate != 0,
-                                              {text_from(given.every), question.zone}};
+        const metric_stats_question wanted = metric_stats_question_from(given, question.zone);
         metric_stats_ask(has_metrics(store) ? metric_directory_of(store->path) : "", question, wanted, &result,
                          &trouble);
         auto to = std::make_unique<veldar_table>();
         face_put_stats(result.request, &result.table, result.grid, {.top = given.top}, to.get());
-        return end_table(std::move(to), trouble, call, table);
+        return face_give(std::move(to), trouble, call, table);
     });
 }
 

@@ -253,6 +253,51 @@ typedef struct veldar_metric_stats_options {
 veldar_status veldar_metric_stats(veldar_store* store, const veldar_metric_query* query,
                                   const veldar_metric_stats_options* options, veldar_table** table);
 
+/* ---- One question, many stores (docs/partial-answers.md) ----
+ *
+ * The text of a question goes to every store, the partial answers come back as bytes, and merging them gives bytes again:
+ * in any order and grouping the same, but for the last digits of sums. Machines may exchange all of it. */
+
+typedef struct veldar_bytes veldar_bytes;
+
+/* Valid until they are freed; there may be NULs in them. */
+const char* veldar_bytes_data(const veldar_bytes* bytes);
+size_t veldar_bytes_size(const veldar_bytes* bytes);
+/* Null is allowed. */
+void veldar_bytes_free(veldar_bytes* bytes);
+
+typedef struct veldar_question {
+    size_t size;
+    /* "search", "count", "stats", "terms", "fields", "seen", "new" (terms that were not seen before), "samples",
+     * "metric-stats" */
+    const char* kind;
+    const veldar_query* query;         /* search, count, stats; of new `since` and `zone`; null: every event */
+    const veldar_stats_options* stats; /* not in bins of "auto", which are those of one store */
+    const veldar_metric_query* metrics;
+    const veldar_metric_stats_options* metric_stats;
+    const char* pattern; /* terms, new; of seen the term */
+    uint64_t limit;      /* search, terms, new, samples; 0: all */
+    int by_term;         /* terms */
+    int with_fields;     /* search */
+} veldar_question;
+
+/* The question as a text of lines with a NUL behind it; its times are absolute. */
+veldar_status veldar_question_text(const veldar_question* question, veldar_bytes** text);
+/* What the store answers to such a text, its records included. With VELDAR_INCOMPLETE the answer is there and says what
+ * it lacks. */
+veldar_status veldar_answer_partially(veldar_store* store, const char* question, veldar_bytes** answer);
+/* One partial answer of any number of them, none included. It also lacks what `lacks` says, those who did not answer, and
+ * the answers that are damaged. VELDAR_INCOMPLETE when it lacks something. VELDAR_USAGE for answers to another question,
+ * and for an index directory that comes twice. */
+veldar_status veldar_answers_merge(const char* question, const veldar_text* answers, size_t count,
+                                   const char* const* lacks, size_t lacks_count, veldar_bytes** merged);
+/* A partial answer as the table that a store would give. Of search: time, raw, host, source, sourcetype, directory,
+ * address, index (which index directory, among all), and with fields: fields ("a=b,c=d"; commas, '=' and '\' in them
+ * are escaped by '\'). Of count: count. Of new as of terms. VELDAR_INCOMPLETE, and the table, when it lacks something. */
+veldar_status veldar_answer_table(const veldar_text* answer, veldar_table** table);
+/* What a partial answer lacks: lacks, a text for people. Events before the time may lack, too; INT64_MIN: none do. */
+veldar_status veldar_answer_lacks(const veldar_text* answer, int64_t* complete_back_to_ns, veldar_table** table);
+
 /* ---- Getting in ---- */
 
 typedef struct veldar_load_result {
