@@ -127,6 +127,12 @@ TEST_F(Retain, WholeSlicesThenEventsAndNothingComesBack) {
     EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1"}).out), "1 slice with 10 events removed freed\n");
     ASSERT_EQ(run({"load", logs[0]}).status, 0);
     EXPECT_EQ(count(), "0\n");
+    write_file(bucket + "5-1-9.tsidx", "damaged");
+    const std::string uncounted = "1 of them could not be read: its events are not counted\n";
+    EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1", "--dry-run"}).out),
+              "1 slice with 0 events would be removed freed\n" + uncounted);
+    EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1"}).out),
+              "1 slice with 0 events removed freed\n" + uncounted);
 }
 
 // A source of a merge goes while the merge is at work: its events do not come back with the target.

@@ -21,7 +21,8 @@ TEST_F(LoadRecords, ATableGoesOnInTheMiddleWithTheColumnsThatItHadThere) {
     take(log, head + "2024-03-01 00:00:00 1 2\n");
     grow(log, "2024-03-01 00:00:01 1 3\n#Fields: b date time\n4 2024-03-01 00:00:02\n");
     grow(log, "4 2024-03-01 00:00:03\n" + head + "2024-03-01 00:00:04 1 4\n");
-    for (const auto& [query, found] : {std::pair("a=1", "3\n"), {"b=4", "3\n"}, {"*", "5\n"}}) {
+    take(file("forced"), head + "2024-03-01 00:00:05 1 5\n", {"--format", "w3c"});
+    for (const auto& [query, found] : {std::pair("a=1", "4\n"), {"b=4", "3\n"}, {"*", "6\n"}}) {
         EXPECT_EQ(count({query}), found) << query;
     }
 }

@@ -421,6 +421,13 @@ TEST(Plist, DamagedListsAndEntriesAreCorruption) {
             EXPECT_EQ(status, c.next_status);
         }
     }
+    lists_only past("\x05\x01" + std::string(11, '\0') + "\x01", {{14, PLO_BMAP}}, 100);  // 5 and 101
+    for (const uint32_t begin : {0u, 6u, 90u}) {
+        reader_owner r(&past.warm);
+        std::vector<uint8_t> bits(16);
+        ASSERT_EQ(r.seek_term(0), 0);
+        EXPECT_EQ(plist_or_into_bitmap(&r.reader, bits.data(), begin, 100, &r.rc), WARM_RC_CORRUPT) << begin;
+    }
     // term 1's entry: start above end, a single event and duplicates that cannot be
     const struct {
         const char* what;

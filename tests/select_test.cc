@@ -436,6 +436,23 @@ TEST_F(Select, MetricsAgreeWithBruteForce) {
 }
 
 // Beyond what they keep exactly, sketches stay within their error, however their parts were merged.
+// Registers as so many hashes leave them: Poisson's law tells how many stay at or below a rank.
+TEST_F(Select, EstimatesReachAsFarAsHashes) {
+    for (const double log2_count : {10.0, 14.0, 20.0, 40.0, 60.0, 63.5}) {
+        const double each = std::exp2(log2_count) / DISTINCT_REGISTERS;
+        distinct_sketch_t sketch;
+        for (size_t i = 0; i < DISTINCT_REGISTERS; i++) {
+            const double share = (static_cast<double>(i) + 0.5) / DISTINCT_REGISTERS;
+            uint8_t rank = 0;
+            while (rank < DISTINCT_MAX_RANK && std::exp(-each * std::exp2(-rank)) < share) rank++;
+            sketch.registers.push_back(rank);
+        }
+        bool is_estimate = false;
+        EXPECT_NEAR(distinct_sketch_count(sketch, &is_estimate) / std::exp2(log2_count), 1, 0.004) << log2_count;
+        EXPECT_TRUE(is_estimate);
+    }
+}
+
 TEST_F(Select, SketchesKeepTheirErrors) {
     for (const std::vector<double>& numbers : {std::vector<double>{1, 1e17, 2, -1e17}, {1e17, 1, 2, -1e17}}) {
         select_cell_t cell;

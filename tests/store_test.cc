@@ -182,6 +182,25 @@ TEST(PackedStream, ReadsTheSameFromEveryPlace) {
     }
 }
 
+// Each part of a member's end is the first to come with another piece of the file.
+TEST(PackedStream, ReadsOnBehindEveryByteOfAnEnd) {
+    constexpr size_t PIECE = size_t{1} << 18;
+    const temp_dir dir;
+    std::string noise(PIECE + 1000, '\0');
+    std::mt19937_64 rng(5);
+    for (char& c : noise) c = static_cast<char>(rng());
+    for (const packing& way : PACKINGS) {
+        const size_t extra = way.pack(noise.substr(0, PIECE - 2000)).size() - (PIECE - 2000);
+        for (size_t behind = 0; behind <= 48; behind += way.format == PACKED_XZ ? 4 : 3) {
+            const std::string text = noise.substr(0, PIECE + behind - extra), two = text + "and more";
+            write_file(dir.file("log"), way.pack(text) + way.pack("and more"));
+            packed_reader reader(dir.file("log"), PACKED_POINT_SPAN, way.format);
+            EXPECT_TRUE(read_packed(&reader.packed, two.size() + 1, &reader.error) == two && reader.error.empty())
+                << way.suffix << " " << behind << reader.error;
+        }
+    }
+}
+
 TEST(PackedStream, PointsOfAnotherFileAndDamagedPointsAreNotUsed) {
     const temp_dir dir;
     const std::string path = dir.file("log.gz"), points = dir.file("points");

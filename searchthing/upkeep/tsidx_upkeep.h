@@ -43,7 +43,7 @@ struct tsidx_slice_facts_t {
     uint64_t events = 0, older = 0;  // that are not deleted; of these those of times before `time`, of metrics none
     uint64_t address_max = 0;        // the greatest that it may have
     uint32_t values = 0;
-    bool exists = false, is_metric = false, has_marks = false;
+    bool exists = false, is_read = false, is_metric = false, has_marks = false;  // not read: all else may be missing
 };
 tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& name, st_time_t time);
 
@@ -57,7 +57,8 @@ tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& 
 // reading; WARM_RC_WRITE for a slice that cannot be removed; a failure of marking or listing.
 struct tsidx_dropped_t {
     uint64_t slices = 0, bytes = 0;
-    uint64_t events = 0;  // that were not deleted before
+    uint64_t events = 0;     // that were not deleted before
+    uint64_t uncounted = 0;  // slices that could not be read: their events are not among these
 };
 [[nodiscard]] int st_tsidx_drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropped_t* dropped);
 

@@ -1,12 +1,14 @@
 #include "tests/support/faults.h"
 
 #include <dirent.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <array>
@@ -16,6 +18,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
@@ -74,14 +77,51 @@ struct {
 bool flushes_skipped = false;
 std::string host_name;
 
+// Where calls came from. Nothing is allocated, as allocations are among them.
+struct {
+    std::mutex mutex = {};
+    std::array<uint64_t, 1 << 14> seen = {};  // hashes of stacks; 0 is a free place
+    std::array<uint64_t, 1 << 12> numbers = {};
+    size_t count = 0;
+
+    void note(uint64_t number) {
+        void* frames[24];
+        const int depth = ::backtrace(frames, std::size(frames));
+        const uint64_t hash = XXH64(frames, static_cast<size_t>(depth) * sizeof frames[0], 0) | 1;
+        const std::lock_guard guard(mutex);
+        size_t at = hash % seen.size();
+        while (seen[at] != 0 && seen[at] != hash) at = (at + 1) % seen.size();
+        if (seen[at] == hash || count == numbers.size()) return;
+        seen[at] = hash;
+        numbers[count++] = number;
+    }
+    void begin() {
+        void* frames[1];
+        ::backtrace(frames, 1);  // the first use allocates
+        seen = {};
+        count = 0;
+    }
+} places;
+
+void note_place(fault_action action, uint64_t number) {
+    const bool is_allocation = step.action == fault_action::allocation;
+    if (step.first == ~uint64_t{0} && is_allocation == (action == fault_action::allocation)) places.note(number);
+}
+
 bool step_hits_call(fault_call call) {
-    if (!step.armed || !step.hits(++step.calls) || step.action == fault_action::allocation) return false;
+    if (!step.armed) return false;
+    const uint64_t number = ++step.calls;
+    note_place(fault_action::fail, number);
+    if (!step.hits(number) || step.action == fault_action::allocation) return false;
     step.struck |= uint64_t{1} << static_cast<int>(call);
     return true;
 }
 
 bool allocation_fails() {
-    return step.armed && step.hits(++step.allocations) && step.action == fault_action::allocation;
+    if (!step.armed) return false;
+    const uint64_t number = ++step.allocations;
+    note_place(fault_action::allocation, number);
+    return step.hits(number) && step.action == fault_action::allocation;
 }
 
 // Makes one call through both plans.
@@ -220,6 +260,7 @@ uint64_t fault_calls(fault_call call) {
 }
 
 fault_step::fault_step(fault_action action, uint64_t nth, int errno_value, uint64_t times) {
+    if (nth == ~uint64_t{0}) places.begin();
     step = {.armed = true, .action = action, .first = nth, .last = nth + times - 1, .errno_value = errno_value};
 }
 fault_step::fault_step(uint64_t nth, const std::function<void()>& interruption, uint64_t times) {
@@ -237,6 +278,10 @@ uint64_t fault_step::calls() const {
 }
 uint64_t fault_step::allocations() const {
     return step.allocations;
+}
+std::vector<uint64_t> fault_step::firsts() const {
+    const fault_truce own;
+    return {places.numbers.begin(), places.numbers.begin() + static_cast<std::ptrdiff_t>(places.count)};
 }
 bool fault_step::struck(fault_call call) const {
     return (step.struck >> static_cast<int>(call) & 1) != 0;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace veldar {
 
@@ -73,6 +74,9 @@ class fault_step : uncopied {
     // Calls, or allocations, since it was made.
     uint64_t calls() const;
     uint64_t allocations() const;
+    // Of one that only counts, with a number of all ones: the numbers of those calls, or allocations, that came from
+    // where none before came from, all callers taken together.
+    std::vector<uint64_t> firsts() const;
     // Whether it has struck a call of this function.
     bool struck(fault_call call) const;
     // Or one of those that a signal can interrupt, and none that it cannot.

@@ -99,6 +99,7 @@ void drop(const std::string& directory, size_t number, const std::vector<live_sl
     const int status = st_tsidx_drop_slices(tsidx.get(), names, &dropped);
     done->slices += dropped.slices;
     done->slice_events += dropped.events;
+    done->uncounted += dropped.uncounted;
     done->bytes += dropped.bytes;
     if (status != 0) fail(directory, tsidx.get());
 }
@@ -140,6 +141,7 @@ retained retain_in(const std::vector<std::string>& directories, const retention&
         if (!dry_run) throw failure_t{OUTCOME_IO, "slices are merged faster than they can be removed"};
         done.slices++;
         done.slice_events += slices[i].facts.events;
+        done.uncounted += slices[i].facts.is_read ? 0 : 1;
         done.bytes += slices[i].facts.bytes;
     }
     slices.erase(slices.begin(), slices.begin() + static_cast<ptrdiff_t>(going));

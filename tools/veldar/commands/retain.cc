@@ -48,6 +48,10 @@ int retain_run(const tool_context& context, const retain_options& options) {
     output_put(&out, fmt::format("{} slice{} with {} events {}, {} freed\n", number_text(done.slices),
                                  done.slices == 1 ? "" : "s", number_text(done.slice_events),
                                  options.dry_run ? "would be removed" : "removed", bytes_text(done.bytes)));
+    if (done.uncounted != 0) {
+        output_put(&out, fmt::format("{} of them could not be read: {} events are not counted\n", done.uncounted,
+                                     done.uncounted == 1 ? "its" : "their"));
+    }
     if (done.events != 0) {
         output_put(&out,
                    fmt::format("{} events {} in slices that reach beyond; their space comes with 'veldar optimize'\n",
