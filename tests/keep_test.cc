@@ -128,7 +128,7 @@ TEST_F(Retain, WholeSlicesThenEventsAndNothingComesBack) {
     ASSERT_EQ(run({"load", logs[0]}).status, 0);
     EXPECT_EQ(count(), "0\n");
     write_file(bucket + "5-1-9.tsidx", "damaged");
-    const std::string uncounted = "1 of them could not be read: its events are not counted\n";
+    const std::string uncounted = "1 of them could not be read: what it held is not all counted\n";
     EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1", "--dry-run"}).out),
               "1 slice with 0 events would be removed freed\n" + uncounted);
     EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1"}).out),

@@ -332,8 +332,8 @@ tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& 
     if (is_seen) facts.bytes = static_cast<uint64_t>(status.st_size);
     warm_rc_t ignored;
     const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &ignored));
-    facts.is_read = warm != nullptr;
-    if (!facts.is_read) return facts;
+    facts.is_read = is_seen && warm != nullptr;
+    if (warm == nullptr) return facts;
     facts.is_metric = st_warm_slice_is_msidx(warm->body);
     facts.values = st_warm_slice_values(warm.get());
     facts.events =

@@ -58,7 +58,7 @@ tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& 
 struct tsidx_dropped_t {
     uint64_t slices = 0, bytes = 0;
     uint64_t events = 0;     // that were not deleted before
-    uint64_t uncounted = 0;  // slices that could not be read: their events are not among these
+    uint64_t uncounted = 0;  // slices that could not be read, and may have held more
 };
 [[nodiscard]] int st_tsidx_drop_slices(TSIDX* tsidx, const std::vector<std::string>& names, tsidx_dropped_t* dropped);
 

@@ -26,7 +26,7 @@ std::string gzip_member(const std::string& text, int level) {
 }
 
 std::string bzip2_member(const std::string& text) {
-    std::string out(text.size() + 1000, '\0');
+    std::string out(text.size() + text.size() / 100 + 1000, '\0');
     unsigned size = static_cast<unsigned>(out.size());
     EXPECT_EQ(BZ2_bzBuffToBuffCompress(out.data(), &size, const_cast<char*>(text.data()),
                                        static_cast<unsigned>(text.size()), 1, 0, 0),

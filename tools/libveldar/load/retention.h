@@ -17,7 +17,7 @@ struct retention {
 
 struct retained {
     uint64_t slices = 0, slice_events = 0, bytes = 0;  // whole slices, and what they held
-    uint64_t uncounted = 0;                            // of these slices: could not be read, their events not counted
+    uint64_t uncounted = 0;                            // of these slices: could not be read, and may have held more
     uint64_t events = 0;                               // deleted one by one, in slices that stay
     uint64_t metric_slices = 0;  // of metrics, which begin before the time and stay, as they have no deletes
 };

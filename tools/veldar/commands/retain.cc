@@ -49,8 +49,8 @@ int retain_run(const tool_context& context, const retain_options& options) {
                                  done.slices == 1 ? "" : "s", number_text(done.slice_events),
                                  options.dry_run ? "would be removed" : "removed", bytes_text(done.bytes)));
     if (done.uncounted != 0) {
-        output_put(&out, fmt::format("{} of them could not be read: {} events are not counted\n", done.uncounted,
-                                     done.uncounted == 1 ? "its" : "their"));
+        output_put(&out, fmt::format("{} of them could not be read: what {} held is not all counted\n", done.uncounted,
+                                     done.uncounted == 1 ? "it" : "they"));
     }
     if (done.events != 0) {
         output_put(&out,
