@@ -24,6 +24,7 @@
 #include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
+#include "tests/support/sampled.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/merging.h"
 #include "tools/libveldar/query/slice_events.h"
@@ -549,7 +550,7 @@ TEST(Inspect, EveryFailureOfAChangeIsToldAndMadeGood) {
         std::string first, out, whole, dumped, said;
         size_t slices = 0;
         std::vector<uint64_t> numbers = {0};
-        for (size_t i = 0; i < numbers.size() && !HasFailure(); i++) {
+        for (size_t i = 0; i < numbers.size() && !HasFailure(); i += i == 0 ? 1 : SANITIZED_PART) {
             const uint64_t nth = numbers[i];
             SCOPED_TRACE(testing::Message() << arguments[0] << " " << nth);
             std::filesystem::remove_all(store);
