@@ -116,12 +116,16 @@ TEST_F(CallOrder, Load) {
     };
     const std::vector<std::string> data = {"source.map", "tsidx", "spool"};
     // All that a name leads to is flushed before the name, and the name before the load is done.
+    const auto whole = [](const std::string& name) {
+        const std::string part = name + ".part\n";
+        return "create " + part + "write " + part + "sync " + part + "rename " + name + ".part " + name +
+               "\nsync store\n";
+    };
     const auto list = [](const std::string& name) { return "write " + name + "\nsync " + name + "\n"; };
     expect(calls_of([&] { load("store", dir_.file("log"), BUCKET_BYTES_MAX); }),
-           "sync DIR\ncreate store.part\nwrite store.part\nsync store.part\nrename store.part store\nsync store\n"
-           "create lock\ncreate sources\ncreate sourcetypes\ncreate hosts\nsync store\n" +
-               list("sources") + list("sourcetypes") + list("hosts") +
-               "create source.map\nsync bucket-000001\nsync store\n" + map +
+           "sync DIR\n" + whole("id") + whole("store") +
+               "create lock\ncreate sources\ncreate sourcetypes\ncreate hosts\nsync store\n" + list("sources") +
+               list("sourcetypes") + list("hosts") + "create source.map\nsync bucket-000001\nsync store\n" + map +
                std::regex_replace(slice, std::regex("(unlink)"), "sync bucket-000001\n$1") + mark);
 
     // Through a pipe, and two buckets: nothing is marked as loaded whose only copy may not last.
