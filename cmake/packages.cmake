@@ -57,7 +57,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "libveldar0 (= ${version}), libsearchthing0 (= ${version}), libxxhash-dev")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libveldar0 (= ${version}), python3 (>= 3.11), python3 (<< 3.12)")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/packages/prerm)
-set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-numpy, python3-pandas")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-numpy, python3-pandas, python3-distributed")
 set(CPACK_DEBIAN_SQLITE_PACKAGE_DEPENDS "libveldar0 (= ${version})")
 set(CPACK_DEBIAN_SQLITE_PACKAGE_RECOMMENDS "sqlite3, veldar")
 set(CPACK_DEBIAN_VELDAR_PACKAGE_SUGGESTS "veldar-sqlite")
