@@ -471,6 +471,7 @@ TEST_F(Face, HandlesOfManyThreads) {
 TEST_F(Face, WantOfMemoryIsAStatus) {
     const owned<veldar_store> held = loaded(30);
     veldar_store* const store = held.get();
+    const std::string asked = question_of("search", "n<4");
     const auto questions = [&](std::string* told) {
         veldar_status worst = VELDAR_OK;
         const auto note = [&](veldar_status status) { worst = std::max(worst, status); };
@@ -483,6 +484,16 @@ TEST_F(Face, WantOfMemoryIsAStatus) {
         *told += table_text([&](veldar_table** t) { return veldar_terms(store, "n=*", 2, 0, t); }, &end);
         note(end);
         *told += table_text([&](veldar_table** t) { return veldar_stats(store, &query, nullptr, t); }, &end);
+        note(end);
+        veldar_bytes* partial = nullptr;
+        note(veldar_answer_partially(store, asked.c_str(), &partial));
+        const owned<veldar_bytes> answer(partial);
+        if (answer == nullptr) return worst;
+        const veldar_text bytes = {veldar_bytes_data(partial), veldar_bytes_size(partial)};
+        veldar_bytes* merged = nullptr;
+        note(veldar_answers_merge(asked.c_str(), &bytes, 1, nullptr, 0, &merged));
+        const owned<veldar_bytes> same(merged);
+        *told += table_text([&](veldar_table** t) { return veldar_answer_table(&bytes, t); }, &end);
         note(end);
         return worst;
     };

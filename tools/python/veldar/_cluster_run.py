@@ -44,8 +44,10 @@ class Catalogue(SchedulerPlugin):
     def keep(self, stores: dict[str, Any]) -> None:
         """What was found out just now; of a store that did not change only that."""
         for one, found in stores.items():
-            stamp, indexes = found or self._stores[one][1:]
-            self._stores[one] = (time.monotonic(), stamp, indexes)
+            if found is None and one in self._stores:
+                found = self._stores[one][1:]
+            if found is not None:
+                self._stores[one] = (time.monotonic(), *found)
 
     def stranded(self, keys: list[str]) -> list[str]:
         """The tasks that no worker can run."""

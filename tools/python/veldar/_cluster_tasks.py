@@ -45,8 +45,11 @@ def _entries(path: str) -> Iterator[tuple[str, str, str]]:
 
 
 def _times(directory: str) -> tuple[int | None, int | None] | None:
-    """Of the slices, by their names, to the second; None when there is none."""
-    slices = [name for name in os.listdir(directory) if name.endswith(".tsidx")]
+    """Of the slices, by their names, to the second; None when there is none. Why one cannot be listed, who asks it tells."""
+    try:
+        slices = [name for name in os.listdir(directory) if name.endswith(".tsidx")]
+    except OSError:
+        return None, None
     matches = [_SLICE.fullmatch(name) for name in slices]
     if not all(matches):
         return None, None
@@ -70,7 +73,7 @@ def look(path: str, known: str) -> dict[str, Any]:
             return {}
         indexes = []
         for asked, kind, directory in entries:
-            found = _times(directory) if os.path.isdir(directory) else (None, None)
+            found = _times(directory)
             if found is not None or kind == "any":
                 indexes.append(Index(asked, kind, *(found or (None, None))))
         return {"stamp": stamp, "indexes": indexes}
@@ -130,17 +133,28 @@ def _with_lacks(path: str, create: bool, work: Any) -> Done:
     return Done(result, [f"{path}: {one}" for one in lacks + failed])
 
 
-def _reporter(topic: str | None, path: str) -> Any:
-    """Sends progress to whoever listens to the topic."""
-    if topic is None:
-        return None
+class _Unwanted(Exception):
+    """Nobody waits for the task any more."""
+
+
+def _reporter(topic: str, path: str) -> Any:
+    """Sends progress to whoever listens to the topic, and ends a load that the client gave up."""
     from distributed import get_worker
 
     worker = get_worker()
-    return lambda now: worker.log_event(topic, {"path": path, "progress": list(now)})
+    key = worker.get_current_task()
+
+    def report(now: Progress) -> None:
+        task = worker.state.tasks.get(key)
+        if task is None or task.state == "cancelled":
+            raise _Unwanted
+        if topic:
+            worker.log_event(topic, {"path": path, "progress": list(now)})
+
+    return report
 
 
-def load(path: str, files: list[str], options: dict[str, Any], topic: str | None) -> Done:
+def load(path: str, files: list[str], options: dict[str, Any], topic: str) -> Done:
     return _with_lacks(path, True, lambda store: tuple(
         store.load(files, progress=_reporter(topic, path), **options)))
 

@@ -81,7 +81,18 @@ class _MergedBatch(_Batch):
         text = self.all_fields[row]
         return [(_ESCAPED.sub(r"\1", name), _ESCAPED.sub(r"\1", value)) for name, value in _PARTS.findall(text)]
 
-    COLUMNS = {**_Batch.COLUMNS, "all_fields": 8}
+    COLUMNS = {**_Batch.COLUMNS, "index": 7, "all_fields": 8}
+
+
+class MergedEvent(Event):
+    """An event of one of many stores."""
+
+    __slots__ = ()
+
+    @property
+    def index(self) -> str:
+        """Which index directory of all it is in; with the address it names the event."""
+        return self._batch.index[self._row]
 
 
 def _question_text(kind: bytes, query: _veldar.Question | None = None, metrics: _veldar.MetricQuestion | None = None, *,
@@ -216,7 +227,7 @@ class Stores:
 
     def search(self, query: str | None = None, *, since: Time | None = None, until: Time | None = None,
                zone: str | None = None, native: bool = False, limit: int | None = None,
-               fields: bool = True) -> Iterator[Event]:
+               fields: bool = True) -> Iterator[MergedEvent]:
         """The events that the query finds, newest first; their lines come with them.
 
         limit   only the newest; None: all, which are held in memory
@@ -227,7 +238,7 @@ class Stores:
         batch = _MergedBatch(table)
         if not fields:
             batch.all_fields = [""] * len(table)
-        return iter(_veldar.rows(Event, batch, table))
+        return iter(_veldar.rows(MergedEvent, batch, table))
 
     def terms(self, pattern: str | None = None, *, limit: int | None = None, order: str = "count") -> Table:
         """Terms with their counts, as veldar.Store.terms."""
@@ -279,14 +290,14 @@ class Stores:
         """
         begin = time.monotonic()
         shown = _Shown(progress)
-        topic = f"veldar-load-{uuid4().hex}" if shown.is_wanted else None
+        topic = f"veldar-load-{uuid4().hex}" if shown.is_wanted else ""
         spread, lacks = self._spread([_place(one) for one in arguments_list(files)])
-        if topic is not None:
+        if topic:
             self._client.subscribe_topic(topic, shown.hear)
         try:
             done, more = self._each(tasks.load, {one: (of_one, options, topic) for one, of_one in spread.items()})
         finally:
-            if topic is not None:
+            if topic:
                 self._client.unsubscribe_topic(topic)
             shown.end()
         _warn(lacks + more, 2)
@@ -385,4 +396,4 @@ def load(client: Client, files: Path | Iterable[Path], stores: Path | Iterable[P
     return Stores(client, stores).load(files, **options)
 
 
-__all__ = ["ClusterMetrics", "Finding", "NoWorkerError", "Place", "Stores", "load"]
+__all__ = ["ClusterMetrics", "Finding", "MergedEvent", "NoWorkerError", "Place", "Stores", "load"]
