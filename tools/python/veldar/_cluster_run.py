@@ -143,7 +143,8 @@ class Runner:
             if not left:
                 break
             try:
-                wait(left, timeout=_LOOK_EVERY_S)
+                with self._client.as_current():
+                    wait(left, timeout=_LOOK_EVERY_S)
                 continue
             except (asyncio.TimeoutError, CancelledError):
                 pass
@@ -176,7 +177,10 @@ class Runner:
 
     def gather(self, function: Callable[..., Any], tasks: list[Task]) -> tuple[list[tuple[Task, Any]], list[str]]:
         """The results of tasks, and what is missing of them."""
-        begun = self.submit(function, tasks)
+        return self.results(function, self.submit(function, tasks))
+
+    def results(self, function: Callable[..., Any], begun: dict[Future, Task]) -> tuple[list[tuple[Task, Any]], list[str]]:
+        """The same of tasks that were begun."""
         lacks: list[str] = []
         while broken := self._wait(list(begun), begun):
             self._leave_out(function, begun, broken, lacks)
@@ -191,30 +195,26 @@ class Runner:
             del begun[future]
         begun.update(self.submit(function, again))
 
-    def merged(self, answer: Callable[..., bytes], tasks: list[Task], merge: Callable[..., bytes], question: bytes,
-               lacks: list[str], fan_in: int) -> bytes:
-        """The answers of tasks, merged `fan_in` at a time wherever they are. What breaks is left out and named."""
-        begun = self.submit(answer, tasks)
+    def merged(self, answer: Callable[..., bytes], begun: dict[Future, Task], merge: Callable[..., bytes],
+               question: bytes, lacks: list[str], fan_in: int) -> bytes:
+        """The answers of tasks, merged `fan_in` at a time wherever they are, and the last ones here. What breaks is left
+        out and named."""
         lacks = list(lacks)
         failures = 0
-        while begun:
-            root = self._tree(merge, question, list(begun), lacks, fan_in)
-            broken = self._wait([root], begun)
-            if root.status == "finished":
-                return root.result()
+        while True:
+            last = self._tree(merge, question, list(begun), fan_in)
+            broken = self._wait(last, begun)
+            failed = [future for future in last if future.status != "finished"]
+            if not failed and not broken:
+                return merge(question, self._client.gather(last), lacks)
             if not broken:
                 failures += 1
-                if failures == _MERGES_TRIED or not isinstance(root.exception(), KilledWorker):
-                    root.result()
+                if failures == _MERGES_TRIED or not isinstance(failed[0].exception(), KilledWorker):
+                    failed[0].result()
             self._leave_out(answer, begun, broken, lacks)
-        return merge(question, [], lacks)
 
-    def _tree(self, merge: Callable[..., bytes], question: bytes, level: list[Future], lacks: list[str],
-              fan_in: int) -> Future:
-        while True:
+    def _tree(self, merge: Callable[..., bytes], question: bytes, level: list[Future], fan_in: int) -> list[Future]:
+        while len(level) > fan_in:
             groups = [level[at:at + fan_in] for at in range(0, len(level), fan_in)]
-            is_root = len(groups) == 1
-            tasks = [Task("", "", (question, group, lacks if is_root else [])) for group in groups]
-            level = list(self.submit(merge, tasks))
-            if is_root:
-                return level[0]
+            level = list(self.submit(merge, [Task("", "", (question, group, [])) for group in groups]))
+        return level

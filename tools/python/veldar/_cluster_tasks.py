@@ -155,8 +155,14 @@ def _reporter(topic: str, path: str) -> Any:
 
 
 def load(path: str, files: list[str], options: dict[str, Any], topic: str) -> Done:
-    return _with_lacks(path, True, lambda store: tuple(
-        store.load(files, progress=_reporter(topic, path), **options)))
+    report = _reporter(topic, path)
+
+    def work(store: Store) -> tuple[Any, ...]:
+        loaded = store.load(files, progress=report, **options)
+        report(Progress(False, loaded.bytes, loaded.bytes, loaded.events, loaded.seconds))  # what is short has no other
+        return tuple(loaded)
+
+    return _with_lacks(path, True, work)
 
 
 def optimize(path: str, everything: bool) -> Done:

@@ -22,7 +22,7 @@ from collections.abc import Callable, Iterable, Iterator, Mapping
 from typing import Any, NamedTuple
 from uuid import uuid4
 
-from distributed import Client
+from distributed import Client, Future
 
 from . import _arguments as arguments, _cluster_tasks as tasks, _veldar
 from ._arguments import Names, Path, Time
@@ -68,6 +68,10 @@ def _place(given: Path) -> Place:
     if not os.path.isabs(path):
         raise UsageError(f"{text}: expected HOST:/PATH, for what the path is relative to there nobody knows")
     return Place(host, path)
+
+
+def _indexes(known: dict[str, Any], place: Place) -> list[tasks.Index]:
+    return [tasks.Index(*index) for index in known[str(place)][2]]
 
 
 class _MergedBatch(_Batch):
@@ -148,7 +152,7 @@ class Stores:
     several: bins of "auto", slices() and metrics.names().
     """
 
-    def __init__(self, client: Client, stores: Path | Iterable[Path], *, timeout: float = 30.0, fan_in: int = 8,
+    def __init__(self, client: Client, stores: Path | Iterable[Path], *, timeout: float = 30.0, fan_in: int = 16,
                  fresh: float = 0.0, resources: Mapping[str, Mapping[str, float]] | None = None) -> None:
         """
         client     of a scheduler; not an asynchronous one
@@ -173,47 +177,48 @@ class Stores:
     def __repr__(self) -> str:
         return f"<veldar.cluster.Stores {', '.join(map(str, self.stores))}>"
 
-    def _catalogue(self) -> tuple[dict[Place, list[tasks.Index]], list[str]]:
-        """The indexes of each store as they are now, and why some are not known."""
-        state = self._runner.state([str(one) for one in self.stores])["stores"]
-        found = {one: state[str(one)][2] for one in self.stores if str(one) in state}
-        old = [one for one in self.stores if one not in found or state[str(one)][0] >= self._fresh]
-        stamps = {one: state[str(one)][1] if one in found else "" for one in old}
-        looked, lacks = self._runner.gather(
-            tasks.look, [Task(one.host, str(one), (one.path, stamps[one])) for one in old])
+    def _found(self, looking: dict[Future, Task], known: dict[str, Any]) -> tuple[dict[Place, list[tasks.Index]], list[str]]:
+        """What those who looked have found, and why some have not."""
+        looked, lacks = self._runner.results(tasks.look, looking)
+        found: dict[Place, list[tasks.Index]] = {}
         changes: dict[str, Any] = {}
         for task, told in looked:
             place = Place(task.host, task.arguments[0])
             if "gap" in told:
                 lacks.append(f"{task.host}: {told['gap']}" if task.host else told["gap"])
-                found.pop(place, None)
                 continue
+            found[place] = told["indexes"] if told else _indexes(known, place)
             changes[str(place)] = [told["stamp"], told["indexes"]] if told else None
-            if told:
-                found[place] = told["indexes"]
         if changes:
             self._runner.keep(changes)
-        unknown = {one for one in old if str(one) not in changes}
-        return {one: [tasks.Index(*index) for index in indexes]
-                for one, indexes in found.items() if one not in unknown}, lacks
+        return found, lacks
 
-    def _tasks(self, question: bytes, catalogue: dict[Place, list[tasks.Index]]) -> list[Task]:
+    def _tasks(self, question: bytes, indexes: dict[Place, list[tasks.Index]]) -> set[Task]:
         """One for each index directory that may have something of the times that are asked for."""
         kind = question.split(b"\n", 1)[0].removeprefix(b"kind ")
         bounds = dict(_BOUND.findall(question)) if kind in _EVENT_KINDS | _METRIC_KINDS else {}
         first, last = int(bounds.get(b"since", -2**63)), int(bounds.get(b"until", 2**63))
         wanted = ("metrics" if kind in _METRIC_KINDS else "events", "any")
-        return [Task(place.host, str(Place(place.host, index.path)),
+        return {Task(place.host, str(Place(place.host, index.path)),
                      (question, index.path, str(Place(place.host, index.path))))
-                for place, indexes in catalogue.items() for index in indexes
+                for place, of_place in indexes.items() for index in of_place
                 if index.kind in wanted and (index.last is None or index.last >= first)
-                and (index.first is None or index.first <= last)]
+                and (index.first is None or index.first <= last)}
 
     def partial(self, question: bytes) -> bytes:
         """What all answer to the text of a question, as `veldar merge-answers` takes it."""
-        catalogue, lacks = self._catalogue()
-        return self._runner.merged(tasks.answer, self._tasks(question, catalogue), tasks.merge, question, lacks,
-                                   self._fan_in)
+        known = self._runner.state([str(one) for one in self.stores])["stores"]
+        indexes = {one: _indexes(known, one) for one in self.stores if str(one) in known}
+        old = [one for one in self.stores if one not in indexes or known[str(one)][0] >= self._fresh]
+        looking = self._runner.submit(tasks.look, [
+            Task(one.host, str(one), (one.path, known[str(one)][1] if one in indexes else "")) for one in old])
+        # Mostly nothing has changed: what is known is asked meanwhile.
+        begun = self._runner.submit(tasks.answer, self._tasks(question, indexes))
+        found, lacks = self._found(looking, known)
+        wanted = self._tasks(question, {one: indexes[one] for one in indexes if one not in old} | found)
+        begun = {future: task for future, task in begun.items() if task in wanted}
+        begun |= self._runner.submit(tasks.answer, wanted - set(begun.values()))
+        return self._runner.merged(tasks.answer, begun, tasks.merge, question, lacks, self._fan_in)
 
     def _ask(self, question: bytes) -> Table:
         table, lacks = _veldar.answer_table(self.partial(question))
