@@ -220,6 +220,17 @@ TEST(Partial, WhatIsCutOrFlippedIsNoAnswer) {
             ASSERT_FALSE(partial_take(&rest, &answer, &fault)) << at;
         }
     }
+    // A time that no index keeps.
+    std::string far;
+    partial_writer writer;
+    partial_begin(&writer, take(answer_of(made.stores[1], {"metrics", "query", "load"}), "").answer.asked, {},
+                  [&](std::string_view bytes) { far.append(bytes); });
+    partial_put_sample(&writer, std::string_view("load\0", 5), INT64_MIN, 1);
+    partial_end(&writer, {});
+    std::string_view rest = far;
+    partial answer;
+    std::string fault;
+    EXPECT_FALSE(partial_take(&rest, &answer, &fault));
     // The others are told all the same.
     const temp_dir dir;
     const strings question = {"count", "*"};
@@ -263,6 +274,8 @@ TEST(Partial, NothingCountsTwiceAndNothingElseCounts) {
     EXPECT_TRUE(refuses({all, question}, "different questions"));
     EXPECT_EQ(merged_count(partials_merge({take(bucket, "a"), take(other, "b")})),
               merged_count(partials_merge({take(all, "a"), take(other, "b")})));
+    write_file(made.dir.file("count"), all);
+    EXPECT_EQ(run_tool("veldar/veldar", {"merge-answers", "--format", "addr", made.dir.file("count")}).status, 2);
     const tool_result bins = ask(made.whole, {"stats", "--every", "auto", "--partial"});
     EXPECT_EQ(bins.status, 2);
 }
@@ -322,6 +335,7 @@ TEST(Partial, AnAnswerThatIsCutGoesOnWhereItEnded) {
     };
     for (const strings& question : std::vector<strings>{
              {"search", "level=error", "--fields", "user,raw"},
+             {"search", "NOT", "\"before @0\"", "-n", "700"},
              {"search", "\"of the run\"", "--since", "2024-03-31T00:01:00.5", "--until", "2024-03-31T00:03:20.25"},
              {"metrics", "query", "load"},
              {"count", "status>200"},
@@ -354,6 +368,7 @@ TEST(Partial, AnAnswerThatIsCutGoesOnWhereItEnded) {
     const strings first = {"count", "*", "--max-read", "1", "--cursor", cursor};
     ASSERT_EQ(ask(made.whole, first).status, 3);
     EXPECT_EQ(ask(made.whole, {"count", "level=error", "--cursor", cursor}).status, 2);
+    EXPECT_EQ(ask(made.stores[0], {"count", "*", "--cursor", cursor}).status, 2);
     EXPECT_EQ(ask(made.whole, {"count", "*", "--cursor", cursor, "--partial"}).status, 2);
     write_file(cursor, read_file(cursor).substr(0, 30));
     EXPECT_EQ(ask(made.whole, first).status, 2);
@@ -363,6 +378,38 @@ TEST(Partial, AnAnswerThatIsCutGoesOnWhereItEnded) {
     EXPECT_TRUE(both.coverage.complete_back_to.has_value());
     EXPECT_EQ(ask(made.stores[0], {"metrics", "query", "load", "--rate", "--deadline", "1s"}).status, 2);
     EXPECT_EQ(ask(made.stores[0], {"count", "*", "--deadline", "1week"}).status, 2);
+}
+
+// Fractions of negative times count upwards, and no bound stands before or behind the last second.
+TEST(Partial, TimesBeforeTheEpochAndTheLastSecondOfAll) {
+    const lock_optimism optimism;
+    const temp_dir dir;
+    const std::string empty = dir.file("empty");  // knows no raw records, but has no events
+    fs::create_directory(empty);
+    const std::string store = dir.file("store"), cursor = dir.file("cursor");
+    write_file(dir.file("log"),
+               "1901-12-13T20:45:52Z a\n1969-12-31T23:59:58.900Z a\n1969-12-31T23:59:59.250Z a\n"
+               "1969-12-31T23:59:59.750Z a\n2038-01-19T03:14:06Z a\n2038-01-19T03:14:07Z a\n");
+    ASSERT_EQ(ask(store, {"load", dir.file("log")}).status, 0);
+    for (const strings& bounds : std::vector<strings>{{"--since", "2038-01-19T03:14:00"},
+                                                      {"--since", "@-0.5", "--until", "@9"},
+                                                      {"--since", "@-9", "--until", "@-0.5"},
+                                                      {"--since", "@-1.5", "--until", "@-0.5"},
+                                                      {"--until", "@-2147483648"}}) {
+        SCOPED_TRACE(testing::PrintToString(bounds));
+        strings words = {"search", "a"};
+        words.insert(words.end(), bounds.begin(), bounds.end());
+        const std::string whole = ask(store, words).out;
+        write_file(dir.file("answer"), answer_of(store, words) + answer_of(empty, words));
+        EXPECT_EQ(run_tool("veldar/veldar", {"merge-answers", dir.file("answer")}).out, whole);
+        words.insert(words.end(), {"--max-read", "1", "--cursor", cursor});
+        std::string pieces;
+        int runs = 0;
+        do {
+            pieces += ask(store, words).out;
+        } while (fs::exists(cursor) && ++runs < 20);
+        EXPECT_EQ(pieces, whole);
+    }
 }
 
 TEST(Hosts, LinesOfTheFile) {

@@ -12,6 +12,7 @@
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/percent_text.h"
 
 namespace veldar::tool {
 
@@ -105,24 +106,26 @@ int64_t deadline_parse(const std::string& text) {
     return width.count;
 }
 
-std::optional<answer_cursor> cursor_read(const std::string& path, question* asked) {
+std::optional<answer_cursor> cursor_read(const std::string& path, const std::string& identity, question* asked) {
     std::string text;
     if (!disk_read_file(path, &text)) {
         if (errno == ENOENT) return std::nullopt;
         fail_io("cannot read", path, errno);
     }
-    const size_t end = text.find("before @");
+    // No value of a question begins a line.
+    const size_t end = text.find("\nstore "), place = text.find("\nbefore @");
     question before;
-    const bool is_cursor = text.starts_with(CURSOR_MARK) && end != std::string::npos &&
-                           question_parse(text.substr(sizeof CURSOR_MARK - 1, end - (sizeof CURSOR_MARK - 1)), &before);
+    const bool is_cursor = text.starts_with(CURSOR_MARK) && end < place && place != std::string::npos &&
+                           question_parse(text.substr(sizeof CURSOR_MARK - 1, end - (sizeof CURSOR_MARK - 2)), &before);
     char time[64];
     long long width = 0;
+    unsigned long long told = 0;
     answer_cursor cursor;
     log_zone utc;
-    const bool is_place =
-        is_cursor &&
-        std::sscanf(text.c_str() + end, "before %63s width %lld used %lf", time, &width, &cursor.used) == 3 &&
-        time_input_parse(time, &utc, 0, &cursor.before) && width >= 0 && cursor.used >= 0;
+    const bool is_place = is_cursor &&
+                          std::sscanf(text.c_str() + place, "\nbefore %63s width %lld used %lf told %llu", time, &width,
+                                      &cursor.used, &told) == 4 &&
+                          time_input_parse(time, &utc, 0, &cursor.before) && width >= 0 && cursor.used >= 0;
     if (!is_place) {
         throw failure_t{.status = OUTCOME_USAGE, .message = path + ": no cursor that an answer left", .file = path};
     }
@@ -137,19 +140,26 @@ std::optional<answer_cursor> cursor_read(const std::string& path, question* aske
                         .message = path + " is the cursor of another question: expected that one, or another file",
                         .file = path};
     }
+    if (percent_decode(text.substr(end, place - end).substr(sizeof "\nstore " - 1)) != identity) {
+        throw failure_t{.status = OUTCOME_USAGE,
+                        .message = path + " is the cursor of another store: expected that one, or another file",
+                        .file = path};
+    }
     *asked = now;
     cursor.width_s = width;
+    cursor.told = told;
     return cursor;
 }
 
-void cursor_write(const std::string& path, const question& asked, const std::optional<answer_cursor>& cursor) {
+void cursor_write(const std::string& path, const std::string& identity, const question& asked,
+                  const std::optional<answer_cursor>& cursor) {
     if (!cursor) {
         if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_io("cannot remove", path, errno);
         return;
     }
     const std::string text = CURSOR_MARK + question_text(asked) +
-                             fmt::format("before @{}.{:09} width {} used {}\n", cursor->before.time_s,
-                                         cursor->before.time_ns, cursor->width_s, cursor->used);
+                             fmt::format("store {}\nbefore {} width {} used {} told {}\n", percent_encode(identity),
+                                         time_input_text(cursor->before), cursor->width_s, cursor->used, cursor->told);
     if (!disk_replace_file(path, text, false)) fail_io("cannot write", path, errno);
 }
 

@@ -28,6 +28,7 @@ struct answer_cursor {
     // The part of the budget that one window used when even the narrowest used it up, so that going on gets on: the next
     // one is told whatever it takes. 0: the budget is enough.
     double used = 0;
+    uint64_t told = 0;  // of the events or samples that the question's limit allows
 };
 
 // While it lives, work on this thread ends (work_stops) when the budget is used up.
@@ -54,11 +55,13 @@ class budget_watch {
 // "500ms", "2s", "1m": nanoseconds. Throws failure_t with OUTCOME_USAGE.
 int64_t deadline_parse(const std::string& text);
 
-// A cursor's file: "veldar cursor 1", the question, "before @S.N width W used U".
+// A cursor's file: "veldar cursor 1", the question, "store IDENTITY" (index_identity, percent-encoded), "before @S.N
+// width W used U told T".
 // The cursor at the path, of which the question takes its times; null when there is no file. Throws failure_t, with
-// OUTCOME_USAGE for a cursor of another question.
-std::optional<answer_cursor> cursor_read(const std::string& path, question* asked);
+// OUTCOME_USAGE for a cursor of another question or store.
+std::optional<answer_cursor> cursor_read(const std::string& path, const std::string& identity, question* asked);
 // Writes it, or removes the file when there is nothing left to be told. Throws failure_t.
-void cursor_write(const std::string& path, const question& asked, const std::optional<answer_cursor>& cursor);
+void cursor_write(const std::string& path, const std::string& identity, const question& asked,
+                  const std::optional<answer_cursor>& cursor);
 
 }  // namespace veldar::tool

@@ -1,6 +1,7 @@
 #include "tools/libveldar/partial/partial_answer.h"
 
 #include <algorithm>
+#include <climits>
 
 #include "tools/libveldar/load/event_record.h"
 #include "tools/libveldar/load/stats_ask.h"
@@ -79,6 +80,24 @@ bool is_cut(time_window* window) {
     return window->watch != nullptr && window->watch->is_over();
 }
 
+// Of the seconds that a window ends with and the time before which events may lack: behind the last second there is
+// none, so that it ends with its own last moment.
+st_timeval_t time_of_end(int64_t end) {
+    if (end > INT_MAX) return {INT_MAX, 999999999};
+    return {static_cast<st_time_t>(end), 0};
+}
+
+int64_t end_of_time(const st_timeval_t& before) {
+    return int64_t{before.time_s} + (before.time_ns > 0 ? 1 : 0);
+}
+
+// The last two seconds of all are one: a bound between them would be none.
+constexpr int64_t LAST_BOUND = INT_MAX - 1;
+
+int64_t end_of_second(const event_t& event) {
+    return event.value.time >= LAST_BOUND ? int64_t{INT_MAX} + 1 : int64_t{event.value.time} + 1;
+}
+
 // The events of a second are held until the next one begins, so that an answer that is cut has whole seconds.
 void answer_search(answering* a, time_window* window) {
     const prepared_query query = query_prepare(question_query(window->asked));
@@ -93,9 +112,9 @@ void answer_search(answering* a, time_window* window) {
         const event_cursor_ptr events = events_open(query, limit == 0 ? 0 : left, &source);
         event_t event;
         for (uint64_t count = 0; count < left && events_next(events.get(), &event); count++) {
-            if (!held.empty() && held.front().value.time != event.value.time) put_events(a, &reader, &held);
+            if (!held.empty() && end_of_second(held.front()) != end_of_second(event)) put_events(a, &reader, &held);
             if (is_cut(window)) {
-                window->complete_back_to = {event.value.time + 1, 0};
+                window->complete_back_to = time_of_end(end_of_second(event));
                 return;
             }
             held.push_back(event);
@@ -103,7 +122,7 @@ void answer_search(answering* a, time_window* window) {
     } catch (const failure_t& failure) {
         if (failure.status != OUTCOME_INTERRUPTED || !is_cut(window)) throw;
         if (held.empty()) throw;
-        window->complete_back_to = {held.front().value.time + 1, 0};
+        window->complete_back_to = time_of_end(end_of_second(held.front()));
         return;
     }
     put_events(a, &reader, &held);
@@ -182,7 +201,7 @@ std::string second_text(int64_t second) {
 // Where the next window ends: the first second that is not meant any more, or the cursor's.
 int64_t first_end(const slice_times& times, const answer_limits& limits) {
     if (!limits.from) return times.latest_s + 1;
-    return std::min(times.latest_s + 1, int64_t{limits.from->before.time_s});
+    return std::min(times.latest_s + 1, end_of_time(limits.from->before));
 }
 
 // Asks for the events from `begin` to `end`, without; as much of it as the budget allows.
@@ -197,7 +216,7 @@ void answer_between(answering* a, const slice_times& times, int64_t begin, int64
         answer_window(a, window);
     } catch (const failure_t& failure) {
         if (failure.status != OUTCOME_INTERRUPTED || !watch->is_over()) throw;
-        window->complete_back_to = {static_cast<st_time_t>(end), 0};
+        window->complete_back_to = time_of_end(end);
     }
 }
 
@@ -211,26 +230,31 @@ std::optional<answer_cursor> answer_in_windows(answering* a, const answer_limits
     const int64_t all = times.latest_s - times.earliest_s + 1;
     int64_t width = from.width_s > 0 ? std::min(from.width_s, all) : all / FIRST_PART + 1;
     const uint64_t limit = a->asked->number("limit");
+    if (limit != 0) a->events = std::min(from.told, limit);
+    const auto cursor_at = [a](int64_t end, int64_t next_width, double used) {
+        return answer_cursor{time_of_end(end), next_width, used, a->events};
+    };
     bool is_patient = from.used > 0;
     for (int64_t end = first_end(times, limits); end > times.earliest_s;) {
-        if (limit != 0 && a->events == limit) return std::nullopt;
         const double used_before = watch.used();
-        const int64_t begin = std::max(times.earliest_s, end - width);
+        const int64_t begin = std::max(times.earliest_s, std::min(end - width, LAST_BOUND));
         time_window window;
         watch.set_patient(is_patient);
         answer_between(a, times, begin, end, &watch, &window);
         watch.set_patient(false);
         if (window.complete_back_to) {
-            const bool is_narrowest = width == 1 && window.complete_back_to->time_s == end;
-            return answer_cursor{*window.complete_back_to, std::max<int64_t>(width / 4, 1), is_narrowest ? 1.0 : 0.0};
+            const int64_t told_to = end_of_time(*window.complete_back_to);
+            const bool is_narrowest = width == 1 && told_to == end;
+            return cursor_at(told_to, std::max<int64_t>(width / 4, 1), is_narrowest ? 1.0 : 0.0);
         }
+        if (limit != 0 && a->events == limit) return std::nullopt;
         end = begin;
         const double used = watch.used() - used_before;
         const bool is_cheap = is_patient ? used <= from.used * 1.5 : used < WANTED_PART / 2;
         if (is_cheap) width = std::min(width * 2, all);
         if (!is_cheap && (is_patient || used > WANTED_PART * 2)) width = std::max<int64_t>(width / 2, 1);
         if (watch.is_over() && end > times.earliest_s) {
-            return answer_cursor{{static_cast<st_time_t>(end), 0}, width, is_patient ? used : 0.0};
+            return cursor_at(end, width, is_patient ? used : 0.0);
         }
         is_patient = false;
     }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <set>
 #include <span>
 #include <tuple>
 
@@ -53,8 +52,6 @@ void number_parts(merged_answer* merged) {
             numbers.push_back(static_cast<uint64_t>(at - merged->parts.begin()));
         }
     }
-    merged->knows_raw = std::all_of(merged->parts.begin(), merged->parts.end(),
-                                    [](const partial_part& part) { return part.knows_raw; });
 }
 
 bool is_later(const st_timeval_t& a, const st_timeval_t& b) {
@@ -62,17 +59,16 @@ bool is_later(const st_timeval_t& a, const st_timeval_t& b) {
 }
 
 void add_coverage(merged_answer* merged) {
-    std::set<std::string> lacks;
     std::optional<st_timeval_t>& latest = merged->coverage.complete_back_to;
     for (const named_partial& one : merged->from) {
         const partial_coverage& coverage = one.answer.coverage;
-        lacks.insert(coverage.lacks.begin(), coverage.lacks.end());
+        merged_lack(merged, coverage.lacks);
         const std::optional<st_timeval_t>& time = coverage.complete_back_to;
         if (time && (!latest || is_later(*time, *latest))) latest = time;
+        merged->knows_raw &= one.answer.knows_raw;
         merged->longest_host = std::max(merged->longest_host, one.answer.longest_host);
         merged->longest_source = std::max(merged->longest_source, one.answer.longest_source);
     }
-    merged->coverage.lacks = {lacks.begin(), lacks.end()};
 }
 
 // Whether the record of reader `a` comes before that of reader `b`.
@@ -152,6 +148,13 @@ merged_answer partials_merge(std::vector<named_partial> answers) {
     number_parts(&merged);
     add_coverage(&merged);
     return merged;
+}
+
+void merged_lack(merged_answer* answer, const std::vector<std::string>& lacks) {
+    std::vector<std::string>* const all = &answer->coverage.lacks;
+    all->insert(all->end(), lacks.begin(), lacks.end());
+    std::sort(all->begin(), all->end());
+    all->erase(std::unique(all->begin(), all->end()), all->end());
 }
 
 merged_cursor merged_open(const merged_answer& answer) {

@@ -25,7 +25,7 @@ struct merged_answer {
     std::vector<named_partial> from;
     std::vector<std::vector<uint64_t>> part_of;  // by partial answer: which of `parts` its parts are
     size_t longest_host = 0, longest_source = 0;
-    bool knows_raw = true;  // of every part
+    bool knows_raw = true;  // of every answer
 };
 
 // Whether an index directory, or a slice of it, is in the other. Such answers cannot be merged: events would count twice.
@@ -33,6 +33,8 @@ bool parts_overlap(const std::string& identity, const std::string& other);
 // At least one answer. Throws failure_t with OUTCOME_USAGE for answers to different questions, and for a part that comes
 // twice. The bytes of the answers must outlive the result.
 merged_answer partials_merge(std::vector<named_partial> answers);
+// Adds what else the answer lacks.
+void merged_lack(merged_answer* answer, const std::vector<std::string>& lacks);
 // The same as a stream. Throws failure_t, and what the sink throws.
 void merged_write(const merged_answer& answer, const partial_sink& sink);
 

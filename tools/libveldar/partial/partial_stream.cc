@@ -182,6 +182,9 @@ bool take_term(partial_reader* reader) {
 
 bool take_sample(partial_reader* reader) {
     if (!take_name(reader, &reader->series) || !take_signed(&reader->rest, &reader->time_ms)) return false;
+    // An index keeps no other times.
+    constexpr int64_t FIRST_MS = int64_t{INT_MIN} * 1000, LAST_MS = int64_t{INT_MAX} * 1000 + 999;
+    if (reader->time_ms < FIRST_MS || reader->time_ms > LAST_MS) return false;
     // A NUL stands behind the name and behind each label.
     if (!reader->series.ends_with('\0') || reader->rest.size() < sizeof(uint64_t)) return false;
     uint64_t bits = 0;
@@ -277,6 +280,7 @@ bool look_over(partial* out, std::string_view* rest) {
         if (kind != wanted || !comes_next(kind, reader, &last, out->records == 0)) return false;
         if (kind == EVENT) {
             if (reader.part >= out->parts.size()) return false;
+            out->knows_raw &= out->parts[reader.part].knows_raw;
             out->longest_host = std::max(out->longest_host, reader.event.host.size());
             out->longest_source = std::max(out->longest_source, reader.event.source.size());
         }
@@ -415,10 +419,7 @@ void partial_end(partial_writer* writer, const partial_coverage& coverage) {
     std::string* const out = &writer->pending;
     out->push_back(static_cast<char>(NO_MORE));
     for (const std::string& one : coverage.lacks) *out += "lacks " + percent_encode(one) + "\n";
-    if (coverage.complete_back_to) {
-        const st_timeval_t time = *coverage.complete_back_to;
-        *out += fmt::format("complete-back-to @{}.{:09}\n", time.time_s, time.time_ns);
-    }
+    if (coverage.complete_back_to) *out += "complete-back-to " + time_input_text(*coverage.complete_back_to) + "\n";
     *out += fmt::format("records {}\n", writer->records);
     give(writer);
     writer->sink(fmt::format("end {:016x}\n", XXH64_digest(writer->hash.get())));

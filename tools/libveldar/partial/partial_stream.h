@@ -95,6 +95,7 @@ struct partial {
     std::string_view body;  // the records, without the byte behind them
     uint64_t records = 0;
     size_t longest_host = 0, longest_source = 0;
+    bool knows_raw = true;  // every event is of a part whose records can be read
 };
 // Takes one stream off the front of the bytes. False with what is wrong with it; the bytes are then where they were. All
 // records have been looked at, so that reading them cannot fail. May throw std::bad_alloc.

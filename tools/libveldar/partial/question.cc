@@ -1,11 +1,10 @@
 #include "tools/libveldar/partial/question.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <climits>
+#include <tuple>
 
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/percent_text.h"
@@ -18,18 +17,16 @@ constexpr uint64_t LAST_NANOSECOND = 999999999;
 constexpr std::array<std::string_view, 9> KINDS = {"search", "count", "stats",   "terms",       "fields",
                                                    "seen",   "new",   "samples", "metric-stats"};
 
-// As time_input_parse reads it.
-std::string bound_text(st_time_t time_s, uint64_t time_ns) {
-    return fmt::format("@{}.{:09}", time_s, time_ns);
-}
-
 // "until" is the first moment that is not meant any more.
 void set_bounds(question* asked, const st_query_spec& bounds) {
     const st_timeval_t &earliest = bounds.earliest, &latest = bounds.latest;
-    if (earliest.time_s != INT_MIN) asked->set("since", bound_text(earliest.time_s, earliest.time_ns));
+    if (earliest.time_s != INT_MIN || earliest.time_ns != 0) asked->set("since", time_input_text(earliest));
     if (latest.time_s == INT_MAX) return;
     const bool is_last = latest.time_ns == LAST_NANOSECOND;
-    asked->set("until", bound_text(latest.time_s + (is_last ? 1 : 0), is_last ? 0 : latest.time_ns + 1));
+    const st_timeval_t until = {latest.time_s + (is_last ? 1 : 0), is_last ? 0 : latest.time_ns + 1};
+    // No moment is meant where the earliest is behind the latest.
+    const bool is_none = std::tie(until.time_s, until.time_ns) < std::tie(earliest.time_s, earliest.time_ns);
+    asked->set("until", time_input_text(is_none ? earliest : until));
 }
 
 // The zone under a name that other machines know, too.
@@ -41,8 +38,8 @@ std::string zone_name(const std::string& option) {
 void set_bins(question* asked, const stats_grid_request& bins) {
     if (bins.every == "auto") {
         throw failure_t{OUTCOME_USAGE,
-                        "bins of auto are those of one store's times: expected a width, such as 1h, when several "
-                        "stores answer"};
+                        "bins of auto are those of all times of one store: expected a width, such as 1h, when several "
+                        "stores answer or an answer is cut"};
     }
     asked->set("every", bins.every);
     if (!bins.every.empty()) asked->set("tz", zone_name(bins.zone));

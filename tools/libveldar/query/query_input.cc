@@ -71,10 +71,11 @@ st_timeval_t time_of(const char* input, const std::string& text, log_zone* zone)
 
 // Options whose value is the next argument.
 bool takes_value(std::string_view argument) {
-    static constexpr std::array<std::string_view, 21> OPTIONS = {
-        "-s",      "--store",   "-n",      "--limit", "-A",       "--after-context", "-B",      "--before-context",
-        "-C",      "--context", "--since", "--until", "--tz",     "--format",        "--color", "--by",
-        "--every", "--agg",     "--top",   "--on",    "--timeout"};
+    static constexpr std::array<std::string_view, 25> OPTIONS = {
+        "-s",      "--store",   "-n",      "--limit", "-A",        "--after-context", "-B",         "--before-context",
+        "-C",      "--context", "--since", "--until", "--tz",      "--format",        "--color",    "--by",
+        "--every", "--agg",     "--top",   "--on",    "--timeout", "--deadline",      "--max-read", "--cursor",
+        "--fields"};
     return std::find(OPTIONS.begin(), OPTIONS.end(), argument) != OPTIONS.end();
 }
 

@@ -1,5 +1,6 @@
 #include "tools/libveldar/query/time_input.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -261,6 +262,12 @@ bool time_input_parse(std::string_view text, log_zone* zone, int64_t now_s, st_t
     if (small == "now") return log_time_store(now_s, 0, out);
     return parse_relative(small, zone, now_s, out) || parse_day(small, zone, now_s, out) ||
            parse_civil(text, zone, now_s, out) || parse_written(std::string(text), zone, now_s, out);
+}
+
+// Before the epoch the fraction adds to the seconds' magnitude: half a second before it is @-0.5.
+std::string time_input_text(const st_timeval_t& time) {
+    if (time.time_s >= 0 || time.time_ns == 0) return fmt::format("@{}.{:09}", time.time_s, time.time_ns);
+    return fmt::format("@-{}.{:09}", -(int64_t{time.time_s} + 1), 1000000000 - time.time_ns);
 }
 
 log_zone time_zone_of(const std::string& option) {

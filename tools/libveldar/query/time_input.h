@@ -29,6 +29,9 @@ inline constexpr char TIME_INPUT_FORMS[] =
 // epoch.
 [[nodiscard]] bool time_input_parse(std::string_view text, log_zone* zone, int64_t now_s, st_timeval_t* out);
 
+// "@1431857103.500000000", which time_input_parse reads back.
+std::string time_input_text(const st_timeval_t& time);
+
 // The zone in which a command reads and prints times: of --tz, or without it that of the machine when standard output is
 // a terminal, and UTC else. Throws failure_t with OUTCOME_USAGE for an unknown one.
 log_zone time_zone_of(const std::string& option);

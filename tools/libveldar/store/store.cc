@@ -116,6 +116,17 @@ void make_id(const std::string& path, bool durable) {
         fail_io("cannot write", path + "/" + STORE_ID, errno);
 }
 
+// The number of a store; empty where there is none.
+std::string read_id(const std::string& path) {
+    const std::string file = path + "/" + STORE_ID;
+    std::string id;
+    if (!store_is(path) || !disk_exists(file)) return {};
+    if (!disk_read_file(file, &id)) fail_io("cannot read", file, errno);
+    const bool is_whole = id.size() == 33 && id.find_first_not_of("0123456789abcdef") == 32 && id[32] == '\n';
+    if (!is_whole) throw failure_t{OUTCOME_IO, file + ": damaged: 32 hexadecimal digits are expected"};
+    return id.substr(0, 32);
+}
+
 }  // namespace
 
 bool store_is(const std::string& path) {
@@ -180,15 +191,9 @@ std::string index_identity(const std::string& directory) {
     char path[PATH_MAX], host[256] = {};
     const std::string full = ::realpath(directory.c_str(), path) == nullptr ? directory : path;
     const size_t slash = full.rfind('/');
-    const std::string store = full.substr(0, slash), name = full.substr(slash + 1);
-    std::string id;
-    if (slash != std::string::npos && store_is(store) && disk_exists(store + "/" + STORE_ID)) {
-        if (!disk_read_file(store + "/" + STORE_ID, &id)) fail_io("cannot read", store + "/" + STORE_ID, errno);
-        const bool is_whole = id.size() == 33 && id.find_first_not_of("0123456789abcdef") == 32 && id[32] == '\n';
-        if (!is_whole)
-            throw failure_t{OUTCOME_IO, store + "/" + STORE_ID + ": damaged: 32 hexadecimal digits are expected"};
-        return id.substr(0, 32) + "/" + name;
-    }
+    if (const std::string id = read_id(full); !id.empty()) return id;
+    const std::string id = slash == std::string::npos ? "" : read_id(full.substr(0, slash));
+    if (!id.empty()) return id + full.substr(slash);
     static_cast<void>(::gethostname(host, sizeof host - 1));
     return std::string(host) + ":" + full;
 }

@@ -64,7 +64,8 @@ std::string store_choose(const std::string& option);
 std::vector<std::string> store_bucket_directories(const std::string& path);
 // What a PATH names that is a store, its buckets and then its metrics, or one index directory. Throws failure_t.
 std::vector<std::string> store_index_directories(const std::string& path);
-// What tells an index directory from every other: the id of its store and its name, or else the machine and the path.
+// What tells a store or an index directory from every other: the id of the store and the name in it, or else the machine
+// and the path.
 // Throws failure_t.
 std::string index_identity(const std::string& directory);
 // Reads the names of a dictionary ("sources", "sourcetypes" or "hosts") of a store. False with errno set.

@@ -52,12 +52,14 @@ int write_partial(const std::string& store, const spread_options& options, const
 int show_within_budget(const std::string& store, const spread_options& options, question asked,
                        const merged_view& view) {
     answer_limits limits = {budget_of(options), {}};
-    if (!options.cursor.empty()) limits.from = cursor_read(options.cursor, &asked);
+    const std::string path = store_choose(store);
+    const std::string identity = options.cursor.empty() ? "" : index_identity(path);
+    if (!options.cursor.empty()) limits.from = cursor_read(options.cursor, identity, &asked);
     std::string bytes;
     troubles trouble;
     trouble.is_silent = false;
     const std::optional<answer_cursor> cursor = partial_answer(
-        store_choose(store), asked, [&](std::string_view piece) { bytes.append(piece); }, &trouble, limits);
+        path, asked, [&](std::string_view piece) { bytes.append(piece); }, &trouble, limits);
     std::string_view rest = bytes;
     named_partial answer;
     std::string fault;
@@ -66,7 +68,7 @@ int show_within_budget(const std::string& store, const spread_options& options, 
     std::vector<named_partial> answers;
     answers.push_back(std::move(answer));
     const int status = merged_show(partials_merge(std::move(answers)), view);
-    if (!options.cursor.empty()) cursor_write(options.cursor, asked, cursor);
+    if (!options.cursor.empty()) cursor_write(options.cursor, identity, asked, cursor);
     return trouble.incomplete ? trouble.status : status;
 }
 

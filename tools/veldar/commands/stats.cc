@@ -44,7 +44,9 @@ void say_report(const select_report_t& report, bool by_records) {
 
 int stats_spread(const tool_context& context, const stats_options& options, const stats_question& wanted) {
     if (options.view.explain) {
-        throw failure_t{OUTCOME_USAGE, "--explain tells of one store: expected neither --partial nor --on with it"};
+        throw failure_t{OUTCOME_USAGE,
+                        "--explain tells of one whole answer: expected none of --partial, --on, --deadline, --max-read "
+                        "and --cursor with it"};
     }
     question asked = question_of_query("stats", options.query);
     question_set_stats(&asked, wanted, options.view.shape.top);
