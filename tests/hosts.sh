@@ -66,6 +66,9 @@ same search level=info -n 25
 same search '"from 2"' --fields level --format csv
 # shellcheck disable=SC2016  # what a shell would expand must come through as it is
 same count 'level=info OR "it'\''s $HOME"'
+[ "$("$VELDAR" count '*' --on <(cat hosts))" = 30 ] || fail "machines of a pipe"
+"$VELDAR" -s all count '*' --partial >part
+[ "$("$VELDAR" merge-answers <(cat part))" = 30 ] || fail "an answer of a pipe"
 same stats --by level --every 20s --agg count,dc\(source\)
 same terms 'level=*'
 same seen from
@@ -92,9 +95,27 @@ status=0
 VELDAR_REMOTE=$scratch/remote "$VELDAR" count level=info --on hosts --timeout 4 >there 2>err || status=$?
 [ "$status" -eq 3 ] || fail "status $status where machines are missing"
 [ "$(cat there)" = 20 ] || fail "$(cat there) events of 20"
-for name in "web2:$scratch/hang" "web3:$scratch/die" refuses; do
-    grep -qF "$name: no answer" err || fail "$name is not named"
+for name in "web2:$scratch/hang: no answer: not in time" "web3:$scratch/die: no answer: ended with" \
+    'refuses: no answer: ssh: connect'; do
+    grep -qF "$name" err || fail "$name is not told"
 done
 ! grep -q web1 err || fail "web1 is named"
+# Who hangs up leaves nothing behind; nor does a program of that name that is another.
+printf '#!/bin/sh\necho $$ >>%s/ids\nexec sleep 600\n' "$scratch" >hangs
+VELDAR_SSH="$scratch/hangs" "$VELDAR" count '*' --on hosts >there 2>err &
+sleep 3
+kill -HUP $!
+status=0
+wait $! || status=$?
+[ "$status" -eq 130 ] || fail "status $status of one that was hung up"
+[ -s ids ] || fail "nobody was asked"
+sleep 1
+while read -r id; do ! grep -qs . "/proc/$id/cmdline" || fail "ssh goes on"; done <ids
+mkdir other
+printf '#!/bin/sh\nexit 1\n' >other/parallel && chmod +x other/parallel
+seq -f 'web%g' 3000 >hosts
+status=0
+PATH=$scratch/other:$PATH "$VELDAR" count '*' --on hosts >there 2>err || status=$?
+[ "$status" -eq 3 ] || fail "status $status with another parallel"
 ls -d "${TMPDIR:-/tmp}"/veldar-hosts-* 2>/dev/null && fail "something stays"
 echo "hosts.sh: all passed"

@@ -34,6 +34,9 @@ void work_catch_interrupts() {
     struct sigaction action = {};
     action.sa_handler = interrupt;
     for (const int signal : {SIGINT, SIGTERM, SIGALRM}) ::sigaction(signal, &action, nullptr);
+    struct sigaction hangup = {};
+    const bool is_ignored = ::sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler == SIG_IGN;
+    if (!is_ignored) ::sigaction(SIGHUP, &action, nullptr);
 }
 
 int work_interrupt_descriptor() {
@@ -74,6 +77,19 @@ bool disk_read_file(const std::string& path, std::string* content) {
         content->resize(had + (got > 0 ? static_cast<size_t>(got) : 0));
         if (got <= 0) return got == 0;
     }
+}
+
+bool disk_read_input(const std::string& path, std::string* content) {
+    unique_fd opened;
+    if (path != "-") opened.reset(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
+    if (path != "-" && !opened.valid()) return false;
+    content->clear();
+    char piece[1 << 16];
+    int64_t size;
+    while ((size = disk_read_pipe(path == "-" ? STDIN_FILENO : opened.get(), piece, sizeof piece)) > 0) {
+        content->append(piece, static_cast<size_t>(size));
+    }
+    return size == 0;
 }
 
 bool disk_exists(const std::string& path) {

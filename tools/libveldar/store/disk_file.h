@@ -12,9 +12,9 @@
 
 namespace veldar::tool {
 
-// Set by the handler of SIGINT and SIGTERM: finish what is begun, save the progress and end.
+// Set by the handler of SIGINT, SIGTERM and SIGHUP: finish what is begun, save the progress and end.
 extern volatile std::sig_atomic_t work_interrupted;
-// Installs that handler, for SIGALRM too.
+// Installs that handler, for SIGALRM too; a SIGHUP that is ignored (nohup) stays so.
 void work_catch_interrupts();
 // A descriptor that can be read once the handler has run, for a wait that it is to end. Throws failure_t.
 int work_interrupt_descriptor();
@@ -25,6 +25,8 @@ int work_interrupt_descriptor();
 unique_fd disk_open(const std::string& path, int flags);
 // Reads such a file to its end. False with errno set.
 [[nodiscard]] bool disk_read_file(const std::string& path, std::string* content);
+// Reads what a command was given to its end: a file, a pipe by name, or "-", standard input. False with errno set.
+[[nodiscard]] bool disk_read_input(const std::string& path, std::string* content);
 // Whether anything is at the path. Throws failure_t when that cannot be told.
 bool disk_exists(const std::string& path);
 // Every name in a directory. Throws failure_t when it cannot be read to its end.

@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -23,7 +27,8 @@ namespace veldar::tool {
 
 namespace {
 
-constexpr int RETRIES = 2;  // how often a machine is asked at most
+constexpr int RETRIES = 2;         // how often a machine is asked at most
+constexpr size_t SAID_MAX = 1000;  // bytes of what a machine says that are told
 constexpr char SSH_OPTIONS[] = "-n -o BatchMode=yes -o ConnectTimeout=10 -o ServerAliveInterval=5";
 
 std::string shell_word(std::string_view word) {
@@ -67,7 +72,7 @@ std::string words_of(const hosts_request& request, const std::string& store) {
     return text;
 }
 
-// What a shell is to do for one machine: the answer goes to a file, and when it is there the machine's number to
+// What a shell is to do for one machine: the answer goes to a file, and then the machine's number and how it ended to
 // standard output.
 std::string job_of(const host_line& host, size_t number, const std::string& words, const scratch_directory& scratch) {
     std::string command = shell_word(this_program()) + " " + words;
@@ -76,7 +81,7 @@ std::string job_of(const host_line& host, size_t number, const std::string& word
         command = from_environment("VELDAR_SSH", "ssh") + " " + SSH_OPTIONS + " " + shell_word(host.host) + " " +
                   shell_word(there);
     }
-    return fmt::format("{} > {} 2> {}; s=$?; case $s in 0|3) echo {};; *) exit $s;; esac", command,
+    return fmt::format("{} > {} 2> {}; s=$?; echo {} $s; case $s in 3) exit 0;; *) exit $s;; esac", command,
                        shell_word(scratch.file(number, "part")), shell_word(scratch.file(number, "says")), number);
 }
 
@@ -84,6 +89,7 @@ std::string job_of(const host_line& host, size_t number, const std::string& word
 struct runner {
     pid_t pid = -1;
     unique_fd jobs, done;
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 };
 
 runner start(uint32_t timeout_s) {
@@ -117,10 +123,14 @@ runner start(uint32_t timeout_s) {
     return run;
 }
 
-// What a machine said last on standard error; empty for nothing.
+// What a machine said last on standard error, or the end of that; empty for nothing.
 std::string last_line(const std::string& path) {
-    std::string text;
-    if (!disk_read_file(path, &text)) return {};
+    const unique_fd fd = disk_open(path, O_RDONLY);
+    struct stat status;
+    if (!fd.valid() || ::fstat(fd.get(), &status) != 0) return {};
+    std::string text(SAID_MAX, '\0');
+    const auto size = static_cast<uint64_t>(status.st_size), from = size - std::min<uint64_t>(size, SAID_MAX);
+    text.resize(static_cast<size_t>(std::max<int64_t>(disk_read_at(fd.get(), text.data(), SAID_MAX, from), 0)));
     while (text.ends_with('\n') || text.ends_with('\r')) text.pop_back();
     const size_t begin = text.rfind('\n');
     return text.substr(begin == std::string::npos ? 0 : begin + 1);
@@ -134,8 +144,9 @@ void end_progress() {
     if (::isatty(STDERR_FILENO) == 1) std::fputs("\r\x1B[K", stderr);
 }
 
-// Gives the numbers of those that have answered to `take`, as they come, until there are no more to come.
-void wait_for(runner* run, size_t hosts, const std::function<void(size_t)>& take) {
+// Gives the numbers of those that have ended, and how, to `take`, as they come, until there are no more to come; true
+// for an answer.
+void wait_for(runner* run, size_t hosts, const std::function<bool(size_t, unsigned long)>& take) {
     std::string line;
     size_t done = 0;
     show_progress(0, hosts);
@@ -147,10 +158,11 @@ void wait_for(runner* run, size_t hosts, const std::function<void(size_t)>& take
                 line += c;
                 continue;
             }
-            const size_t number = std::strtoul(line.c_str(), nullptr, 10);
-            if (number < hosts) take(number);
+            char* rest = nullptr;
+            const size_t number = std::strtoul(line.c_str(), &rest, 10);
+            if (number < hosts && take(number, std::strtoul(rest, nullptr, 10))) done++;
             line.clear();
-            show_progress(++done, hosts);
+            show_progress(done, hosts);
         }
     }
     end_progress();
@@ -163,19 +175,27 @@ void wait_for(runner* run, size_t hosts, const std::function<void(size_t)>& take
 
 // What one machine said.
 struct host_answer {
-    bool is_there = false;
+    bool is_there = false, has_ended = false;
     named_partial answer;
     std::string why;  // there is none
 };
 
-void take_answer(const host_line& host, const std::string& path, std::string* bytes, host_answer* out) {
+bool take_answer(const host_line& host, const std::string& path, std::string* bytes, host_answer* out) {
+    out->has_ended = true;
     if (!disk_read_file(path, bytes)) {
         out->why = std::strerror(errno);
-        return;
+        return false;
     }
     std::string_view rest = *bytes;
     out->answer.name = host.name;
     out->is_there = partial_take(&rest, &out->answer.answer, &out->why);
+    return out->is_there;
+}
+
+// Why a machine that has not ended has not.
+std::string missing_reason(const runner& run, uint32_t timeout_s) {
+    const bool is_late = std::chrono::steady_clock::now() - run.begin >= std::chrono::seconds(timeout_s);
+    return is_late ? "not in time" : "not asked: 'parallel' ended, which has to be GNU parallel";
 }
 
 }  // namespace
@@ -214,7 +234,7 @@ std::vector<host_line> hosts_parse(std::string_view content, const std::string& 
 
 merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* bytes) {
     std::string content;
-    if (!disk_read_file(request.file, &content)) {
+    if (!disk_read_input(request.file, &content)) {
         throw failure_t{
             .status = OUTCOME_USAGE, .message = request.file + ": " + std::strerror(errno), .file = request.file};
     }
@@ -228,6 +248,8 @@ merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* 
     }
     work_catch_interrupts();
     runner run = start(request.timeout_s);
+    // One that ends early is an error of writing. Not before it runs: what it runs expects the signal.
+    std::signal(SIGPIPE, SIG_IGN);
     // It reads all jobs before it ends, so that a pipe that is full drains.
     for (std::string_view rest = jobs; !rest.empty();) {
         const ssize_t size = ::write(run.jobs.get(), rest.data(), rest.size());
@@ -238,8 +260,15 @@ merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* 
     run.jobs.reset();
     std::vector<host_answer> came(hosts.size());
     bytes->resize(hosts.size());
-    wait_for(&run, hosts.size(), [&](size_t number) {
-        take_answer(hosts[number], scratch.file(number, "part"), &(*bytes)[number], &came[number]);
+    wait_for(&run, hosts.size(), [&](size_t number, unsigned long status) {
+        host_answer* const one = &came[number];
+        if (status == OUTCOME_DONE || status == OUTCOME_INCOMPLETE) {
+            return take_answer(hosts[number], scratch.file(number, "part"), &(*bytes)[number], one);
+        }
+        one->has_ended = true;
+        one->why = last_line(scratch.file(number, "says"));
+        if (one->why.empty()) one->why = "ended with status " + std::to_string(status);
+        return false;
     });
     std::vector<named_partial> answers;
     std::vector<std::string> lacks;
@@ -249,15 +278,15 @@ merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* 
             answers.push_back(std::move(one.answer));
             continue;
         }
-        if (one.why.empty()) one.why = last_line(scratch.file(i, "says"));
-        lacks.push_back(hosts[i].name + ": no answer: " + (one.why.empty() ? "not in time" : one.why));
+        lacks.push_back(hosts[i].name +
+                        ": no answer: " + (one.has_ended ? one.why : missing_reason(run, request.timeout_s)));
     }
     if (answers.empty()) {
         for (const std::string& one : lacks) say_trouble(one);
         throw failure_t{OUTCOME_INCOMPLETE, "no machine has answered"};
     }
     merged_answer merged = partials_merge(std::move(answers));
-    merged.coverage.lacks.insert(merged.coverage.lacks.end(), lacks.begin(), lacks.end());
+    merged_lack(&merged, lacks);
     return merged;
 }
 

@@ -1,6 +1,4 @@
 // veldar merge-answers: the partial answers of several stores as one.
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -19,12 +17,16 @@ struct merge_options {
     merged_view view;
 };
 
-bool read_standard_input(std::string* bytes) {
-    char piece[1 << 16];
-    int64_t size;
-    while ((size = disk_read_pipe(STDIN_FILENO, piece, sizeof piece)) > 0)
-        bytes->append(piece, static_cast<size_t>(size));
-    return size == 0;
+// Throws failure_t with OUTCOME_USAGE for a format that the command which asked does not have.
+void check_format(const std::string& kind, const std::string& format) {
+    const std::string tables = "table tsv csv jsonl";
+    std::string formats;
+    if (kind == "search") formats = "raw addr " + tables;
+    if (kind == "samples") formats = "text csv jsonl openmetrics";
+    if (kind == "stats" || kind == "metric-stats" || kind == "new") formats = tables;
+    if (format.empty() || (" " + formats + " ").find(" " + format + " ") != std::string::npos) return;
+    throw failure_t{OUTCOME_USAGE, "--format " + format + ": answers of " + kind + " have " +
+                                       (formats.empty() ? "no formats" : "the formats " + formats)};
 }
 
 // All answers of a file; what is none is told as lacking.
@@ -44,16 +46,15 @@ void take_answers(const std::string& name, std::string_view bytes, std::vector<n
     } while (!bytes.empty());
 }
 
-int merge_run(const merge_options& options) {
+int merge_run(merge_options options) {
     std::vector<std::string> files = options.files;
     if (files.empty()) files = {"-"};
     std::vector<std::string> bytes(files.size());
     std::vector<named_partial> answers;
     std::vector<std::string> lacks;
     for (size_t i = 0; i < files.size(); i++) {
-        const bool is_input = files[i] == "-";
-        const std::string name = is_input ? "standard input" : files[i];
-        if (!(is_input ? read_standard_input(&bytes[i]) : disk_read_file(files[i], &bytes[i]))) {
+        const std::string name = files[i] == "-" ? "standard input" : files[i];
+        if (!disk_read_input(files[i], &bytes[i])) {
             lacks.push_back(name + ": " + std::strerror(errno));
             continue;
         }
@@ -64,7 +65,9 @@ int merge_run(const merge_options& options) {
         throw failure_t{OUTCOME_INCOMPLETE, "there is no partial answer"};
     }
     merged_answer merged = partials_merge(std::move(answers));
-    merged.coverage.lacks.insert(merged.coverage.lacks.end(), lacks.begin(), lacks.end());
+    merged_lack(&merged, lacks);
+    check_format(merged.asked.kind, options.view.format);
+    options.view.stats.colour = options.view.color;
     return options.is_partial ? merged_write_out(merged) : merged_show(merged, options.view);
 }
 

@@ -24,7 +24,8 @@ void say(void* context, notice_t kind, const std::string& message) {
     std::string text = kind == NOTICE_TROUBLE ? "veldar: " : "";
     // Control characters of names in a message are not for a terminal to obey.
     terminal->is_terminal ? put_visible(&text, message) : static_cast<void>(text.append(message));
-    std::fputs(text.append("\n").c_str(), stderr);
+    text += '\n';
+    std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
 std::string rate_text(const work_progress& now) {
