@@ -214,7 +214,8 @@ class Runner:
             self._leave_out(answer, begun, broken, lacks)
 
     def _tree(self, merge: Callable[..., bytes], question: bytes, level: list[Future], fan_in: int) -> list[Future]:
-        while len(level) > fan_in:
+        """At most twice as many futures as are merged at a time: one level less is worth it."""
+        while len(level) > 2 * fan_in:
             groups = [level[at:at + fan_in] for at in range(0, len(level), fan_in)]
             level = list(self.submit(merge, [Task("", "", (question, group, [])) for group in groups]))
         return level

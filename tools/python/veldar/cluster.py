@@ -152,14 +152,14 @@ class Stores:
     several: bins of "auto", slices() and metrics.names().
     """
 
-    def __init__(self, client: Client, stores: Path | Iterable[Path], *, timeout: float = 30.0, fan_in: int = 16,
+    def __init__(self, client: Client, stores: Path | Iterable[Path], *, timeout: float = 30.0, fan_in: int = 8,
                  fresh: float = 0.0, resources: Mapping[str, Mapping[str, float]] | None = None) -> None:
         """
         client     of a scheduler; not an asynchronous one
         stores     "HOST:/PATH" for what workers at HOST have (its name or address, or the name of a worker), or a path
                    that every worker can reach
         timeout    seconds that a task waits for a worker that can run it
-        fan_in     how many partial answers a task merges
+        fan_in     how many partial answers a task merges; up to twice as many the client in the end
         fresh      seconds for which it is taken as known which slices there are; 0: each question looks
         resources  by HOST, the worker resources that its tasks need instead of being there
         """
