@@ -261,6 +261,8 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
         // Half an hour is skipped in Lord Howe, at 02:00 of 2023-10-01: 15:30 UTC.
         {"Australia/Lord_Howe", "1h", 1696087000, 1696091400, {1696084200, 1696087800, 1696089600}},
         {"UTC", "1mo", -5, 5, {-2678400, 0}},
+        // All events behind the change of the day: it began before that.
+        {"Europe/Berlin", "1d", 1711886400, 1711886400, {1711839600}},
     };
     for (const auto& one : cases) {
         log_zone zone;
@@ -274,6 +276,13 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
         EXPECT_EQ(cuts.starts_s, one.starts) << one.zone << " " << one.every;
     }
     bin_width width;
+    // What no day begins with has the same bins whatever times a store has.
+    log_zone zone;
+    time_bins winter, summer;
+    ASSERT_TRUE(log_zone_from_name("Europe/Berlin", &zone) && bin_width_parse("7h", &width));
+    ASSERT_TRUE(time_bins_make(width, zone, 1705000000, 1705000000, &winter));
+    ASSERT_TRUE(time_bins_make(width, zone, 1720000000, 1720000000, &summer));
+    EXPECT_EQ(winter.offset_s, summer.offset_s);
     for (const char* const text : {"", "1", "h", "0h", "-1h", "1.5h", "1H", "70y", "9999999999999999999h", "1h "}) {
         EXPECT_FALSE(bin_width_parse(text, &width)) << text;
     }

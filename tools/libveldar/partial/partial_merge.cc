@@ -233,6 +233,10 @@ void merged_stats(const merged_answer& answer, stats_result* result) {
     const auto& rows = result->table.rows;
     const auto second_of = [](int64_t bin) { return bin / 1000000000 - (bin % 1000000000 < 0 ? 1 : 0); };
     const bool has_bins = answer.asked.has("every") && !rows.empty();
+    constexpr int64_t FARTHEST_S = int64_t{1} << 32;
+    if (has_bins && (second_of(rows.front().bin) < -FARTHEST_S || second_of(rows.back().bin) > FARTHEST_S)) {
+        throw failure_t{OUTCOME_DAMAGED, "a damaged partial answer: bins of no time"};
+    }
     result->grid = stats_grid_over(question_stats(answer.asked).bins, has_bins ? second_of(rows.front().bin) : 0,
                                    has_bins ? second_of(rows.back().bin) : 0, &result->request.spec);
 }

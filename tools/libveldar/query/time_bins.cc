@@ -121,29 +121,37 @@ bool time_bins_make(const bin_width& width, const log_zone& zone, int64_t earlie
     *out = {};
     const log_zone_span first = log_zone_at(zone, earliest_s);
     const int64_t local_s = earliest_s + first.offset_s;
-    const bool same_offset = first.end_s > latest_s;
+    // A bin that begins before the clocks' last change begins at another offset.
+    const auto same_offset_from = [&](int64_t local_begin) {
+        return first.end_s > latest_s && first.begin_s <= local_begin - first.offset_s;
+    };
     if (width.unit == bin_width::MONTHS) {
         const auto next = [&](int64_t at) { return month_begin(month_of(at) + width.count); };
         return cut(zone, month_begin(floor_to(month_of(local_s), width.count)), latest_s, next, &out->starts_s);
     }
     if (width.unit == bin_width::DAYS) {
         const int64_t span_s = width.count * DAY_S, from = width.weekly ? MONDAY * DAY_S : 0;
-        if (same_offset) {
+        const int64_t begin = floor_to(local_s - from, span_s) + from;
+        if (same_offset_from(begin)) {
             set_span(span_s * SECOND_NS, from - first.offset_s, out);
             return true;
         }
-        const int64_t begin = floor_to(local_s - from, span_s) + from;
         return cut(
             zone, begin, latest_s, [&](int64_t at) { return at + span_s; }, &out->starts_s);
     }
     const bool is_cut_daily = DAY_S * SECOND_NS % width.count == 0 && width.count % SECOND_NS == 0;
-    if (same_offset || !is_cut_daily || keeps_step(zone, width.count, earliest_s, latest_s)) {
+    if (!is_cut_daily) {
+        // No day begins with them; one offset for all times lets the bins of several stores be the same.
+        set_span(width.count, -log_zone_at(zone, 0).offset_s, out);
+        return true;
+    }
+    const int64_t span_s = width.count / SECOND_NS, begin = floor_to(local_s, span_s);
+    if (same_offset_from(begin) || keeps_step(zone, width.count, begin - first.offset_s, latest_s)) {
         set_span(width.count, -first.offset_s, out);
         return true;
     }
-    const int64_t span_s = width.count / SECOND_NS;
     return cut(
-        zone, floor_to(local_s, span_s), latest_s, [&](int64_t at) { return at + span_s; }, &out->starts_s);
+        zone, begin, latest_s, [&](int64_t at) { return at + span_s; }, &out->starts_s);
 }
 
 }  // namespace veldar::tool
