@@ -213,9 +213,13 @@ def test_gaps_are_named(client, twelve, tmp_path):
 
 
 def test_a_store_is_asked_where_it_is(client, twelve):
-    name = str(client.run_on_scheduler(lambda dask_scheduler: next(iter(dask_scheduler.workers.values())).name))
-    assert stores(client, f"{name}:{twelve}").count() == BUCKETS * LINES
-    assert stores(client, f"127.0.0.1:{twelve}").count() == BUCKETS * LINES
+    address, name = client.run_on_scheduler(
+        lambda dask_scheduler: next((worker.address, str(worker.name)) for worker in dask_scheduler.workers.values()))
+    many = stores(client, f"{name}:{twelve}")
+    assert stores(client, f"127.0.0.1:{twelve}").count() == many.count() == BUCKETS * LINES
+    [pid] = client.run(os.getpid, workers=[address]).values()
+    os.kill(pid, signal.SIGKILL)
+    assert many.count() == BUCKETS * LINES, "the worker of this name comes back elsewhere"
 
 
 def test_no_worker(twelve):

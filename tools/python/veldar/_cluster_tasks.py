@@ -137,7 +137,7 @@ class _Unwanted(Exception):
     """Nobody waits for the task any more."""
 
 
-def _reporter(topic: str, path: str) -> Any:
+def _reporter(topic: str, label: str) -> Any:
     """Sends progress to whoever listens to the topic, and ends a load that the client gave up."""
     from distributed import get_worker
 
@@ -149,13 +149,13 @@ def _reporter(topic: str, path: str) -> Any:
         if task is None or task.state == "cancelled":
             raise _Unwanted
         if topic:
-            worker.log_event(topic, {"path": path, "progress": list(now)})
+            worker.log_event(topic, {"store": label, "progress": list(now)})
 
     return report
 
 
-def load(path: str, files: list[str], options: dict[str, Any], topic: str) -> Done:
-    report = _reporter(topic, path)
+def load(path: str, files: list[str], options: dict[str, Any], topic: str, label: str) -> Done:
+    report = _reporter(topic, label)
 
     def work(store: Store) -> tuple[Any, ...]:
         loaded = store.load(files, progress=report, **options)
@@ -184,4 +184,4 @@ def retain(path: str, options: list[str]) -> Done:
 
 
 def progress_of(message: dict[str, Any]) -> tuple[str, Progress]:
-    return message["path"], Progress(*message["progress"])
+    return message["store"], Progress(*message["progress"])

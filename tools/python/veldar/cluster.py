@@ -296,11 +296,11 @@ class Stores:
         begin = time.monotonic()
         shown = _Shown(progress)
         topic = f"veldar-load-{uuid4().hex}" if shown.is_wanted else ""
-        spread, lacks = self._spread([_place(one) for one in arguments_list(files)])
+        spread, lacks = self._spread([_place(one) for one in _several(files)])
         if topic:
             self._client.subscribe_topic(topic, shown.hear)
         try:
-            done, more = self._each(tasks.load, {one: (of_one, options, topic) for one, of_one in spread.items()})
+            done, more = self._each(tasks.load, {one: (of_one, options, topic, str(one)) for one, of_one in spread.items()})
         finally:
             if topic:
                 self._client.unsubscribe_topic(topic)
@@ -366,7 +366,7 @@ class Stores:
         return {str(one): told for one, told in done.items()}
 
 
-def arguments_list(files: Path | Iterable[Path]) -> list[Path]:
+def _several(files: Path | Iterable[Path]) -> list[Path]:
     return [files] if isinstance(files, (str, bytes, os.PathLike)) else list(files)
 
 
@@ -379,8 +379,8 @@ class _Shown:
         self.is_wanted = progress is not None or sys.stderr.isatty()
 
     def hear(self, event: tuple[float, dict[str, Any]]) -> None:
-        path, now = tasks.progress_of(event[1])
-        self._by_store[path] = now
+        store, now = tasks.progress_of(event[1])
+        self._by_store[store] = now
         all_of_them = self._by_store.values()
         sums = Progress(all(one.is_merge for one in all_of_them), *(sum(one[i] for one in all_of_them) for i in (1, 2, 3)),
                         max(one.seconds for one in all_of_them))
