@@ -228,3 +228,21 @@ def test_no_worker(twelve):
         with pytest.raises(cluster.NoWorkerError, match="no worker came within 0.5 s"):
             stores(alone, twelve, timeout=0.5).count()
         assert time.monotonic() - begin < 10
+
+
+def test_what_is_known_of_a_store_is_no_older_than_it(tmp_path):
+    look = cluster.tasks.look
+    with veldar.open(tmp_path / "store", create=True) as store:
+        store.load(write_log(tmp_path / "a.log", 0, 10))
+        bucket = tmp_path / "store" / "bucket-000001"
+        fresh = look(str(tmp_path / "store"), "")
+        assert fresh["stamp"] == "" and [index.path for index in fresh["indexes"]] == [str(bucket)]
+        os.utime(bucket, (1e9, 1e9))
+        stamp = look(str(tmp_path / "store"), "")["stamp"]
+        assert stamp and look(str(tmp_path / "store"), stamp) == {}
+        store.load(write_log(tmp_path / "b.log", 1000, 10))
+        [index] = look(str(tmp_path / "store"), stamp)["indexes"]
+        assert index.first == fresh["indexes"][0].first and index.last > fresh["indexes"][0].last
+    (bucket / "nameless.tsidx").touch()
+    assert look(str(tmp_path / "store"), stamp)["indexes"] == [(str(bucket), "events", None, None)]
+    assert "No such file" in look(str(tmp_path / "none"), "")["gap"]
