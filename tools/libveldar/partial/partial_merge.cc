@@ -239,6 +239,11 @@ void merged_stats(const merged_answer& answer, stats_result* result) {
     }
     result->grid = stats_grid_over(question_stats(answer.asked).bins, has_bins ? second_of(rows.front().bin) : 0,
                                    has_bins ? second_of(rows.back().bin) : 0, &result->request.spec);
+    const auto is_off = [&](const auto& row) { return select_bin_of(result->grid.bins, row.bin) != row.bin; };
+    if (has_bins && std::any_of(rows.begin(), rows.end(), is_off)) {
+        throw failure_t{OUTCOME_DAMAGED,
+                        "bins that the question does not have: made with other rules of the zone, or damaged"};
+    }
 }
 
 void merged_write(const merged_answer& answer, const partial_sink& sink) {
