@@ -124,7 +124,7 @@ TEST_F(PowerLoss, OfAnIndexLeavesWhatWasAcknowledged) {
         ASSERT_EQ(st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, true), 0) << rc.message;
     }
     log.stop();
-    const size_t states = each_state(log, is_long() ? 4000 : 250, 41, [&](size_t count, const auto& tree) {
+    const size_t states = each_state(log, is_long() ? 24000 : 250, 41, [&](size_t count, const auto& tree) {
         SCOPED_TRACE(testing::Message() << "behind operation " << count << " of " << log.operations().size());
         const no_flushes flushes;
         const temp_dir copy;
@@ -143,7 +143,7 @@ TEST_F(PowerLoss, OfAnIndexLeavesWhatWasAcknowledged) {
         check(log, count, directory);
         for (const std::string& slice : files_in(directory, ".tsidx")) EXPECT_EQ(fsck_findings(slice), "");
     });
-    EXPECT_GE(states, is_long() ? 2500u : 200u);
+    EXPECT_GE(states, is_long() ? 4000u : 200u);
     std::printf("%zu states behind %zu operations\n", states, log.operations().size());
 }
 
