@@ -17,9 +17,9 @@ struct answer_limits {
     std::optional<answer_cursor> from;  // where an earlier one ended
 };
 
-// Answers from the store, directory or slice at `path`. With limits the question must be one of times, without rates
-// (OUTCOME_USAGE), and what is left is told: null when nothing is. What cannot be read is told to `trouble` and in the answer's end;
-// a failure leaves an answer without its end. Throws failure_t.
+// Answers from the store, directory or slice at `path`, and returns where to go on: null when all is told. Limits go with
+// events, samples, counts and statistics without rates (OUTCOME_USAGE else). What cannot be read is told to `trouble` and
+// in the answer's end; a failure leaves an answer without its end. Throws failure_t, and what the sink throws.
 std::optional<answer_cursor> partial_answer(const std::string& path, const question& asked, const partial_sink& sink,
                                             troubles* trouble, const answer_limits& limits = {});
 

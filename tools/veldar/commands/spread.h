@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/libveldar/partial/partial_merge.h"
 #include "tools/libveldar/partial/question.h"
@@ -15,9 +16,9 @@ struct spread_options {
     bool is_partial = false;
     std::string hosts;        // a file
     uint32_t timeout_s = 60;  // for each of them
-    std::string deadline;     // of time and reading: what an answer may take
-    uint64_t max_read = 0;
-    std::string cursor;  // a file
+    std::string deadline;     // see deadline_parse; empty: none
+    uint64_t max_read = 0;    // bytes; 0: no end
+    std::string cursor;       // a file; empty: none
 };
 
 // --partial, --on and --timeout.
@@ -33,7 +34,7 @@ struct merged_view {
     stats_view stats = {};  // format and shape of the question do not count
     std::string fill = {};  // see stats_fill_of
 };
-// Prints it, and on standard error what it lacks. The exit status.
+// Prints it, and on standard error what it lacks. The exit status. Throws failure_t, as do the functions below.
 int merged_show(const merged_answer& answer, const merged_view& view);
 
 // Writes it to standard output, for the next merge. The exit status.
