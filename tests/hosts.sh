@@ -105,7 +105,9 @@ done
 # Who hangs up leaves nothing behind; nor does a program of that name that is another.
 printf '#!/bin/sh\necho $$ >>%s/ids\nexec sleep 600\n' "$scratch" >hangs
 VELDAR_SSH="$scratch/hangs" "$VELDAR" count '*' --on hosts >there 2>err &
-for _ in $(seq 300); do [ ! -s ids ] || break; sleep 0.1; done
+touch ids
+for _ in $(seq 300); do [ "$(wc -l <ids)" -lt 4 ] || break; sleep 0.1; done
+sleep 1 # a job that begins while all is ended may go on: parallel does not know it yet
 kill -HUP $!
 status=0
 wait $! || status=$?
