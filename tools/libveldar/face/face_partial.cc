@@ -263,13 +263,10 @@ veldar_status veldar_answers_merge(const char* question, const veldar_text* answ
         if (!is_nothing && question_text(all.asked) != question_text(asked)) {
             throw failure_t{OUTCOME_USAGE, "these are answers to another question"};
         }
-        std::vector<std::string>* const told = &all.coverage.lacks;
-        told->insert(told->end(), lacking.begin(), lacking.end());
-        std::sort(told->begin(), told->end());
-        told->erase(std::unique(told->begin(), told->end()), told->end());
+        merged_lack(&all, lacking);
         is_nothing ? write_nothing(asked, all.coverage, sink) : merged_write(all, sink);
         give_bytes(std::move(bytes), merged);
-        if (!told->empty() || all.coverage.complete_back_to) {
+        if (!all.coverage.lacks.empty() || all.coverage.complete_back_to) {
             return face_failed({OUTCOME_INCOMPLETE, lacks_text(all.coverage)});
         }
         return VELDAR_OK;

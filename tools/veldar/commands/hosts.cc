@@ -123,6 +123,19 @@ runner start(uint32_t timeout_s) {
     return run;
 }
 
+// It reads all jobs before it ends, so that a pipe that is full drains.
+void give_jobs(runner* run, std::string_view jobs) {
+    // One that ends early is an error of writing. Not before it runs: what it runs expects the signal.
+    std::signal(SIGPIPE, SIG_IGN);
+    while (!jobs.empty()) {
+        const ssize_t size = ::write(run->jobs.get(), jobs.data(), jobs.size());
+        if (size < 0 && errno == EINTR && !work_stops()) continue;
+        if (size < 0) break;
+        jobs.remove_prefix(static_cast<size_t>(size));
+    }
+    run->jobs.reset();
+}
+
 // What a machine said last on standard error, or the end of that; empty for nothing.
 std::string last_line(const std::string& path) {
     const unique_fd fd = disk_open(path, O_RDONLY);
@@ -198,6 +211,28 @@ std::string missing_reason(const runner& run, uint32_t timeout_s) {
     return is_late ? "not in time" : "not asked: 'parallel' ended, which has to be GNU parallel";
 }
 
+// One answer of those that are there; it lacks the others. `missing` is why one that has not ended has not.
+merged_answer merge_what_came(const std::vector<host_line>& hosts, std::vector<host_answer>* came,
+                              const std::string& missing) {
+    std::vector<named_partial> answers;
+    std::vector<std::string> lacks;
+    for (size_t i = 0; i < hosts.size(); i++) {
+        host_answer& one = (*came)[i];
+        if (one.is_there) {
+            answers.push_back(std::move(one.answer));
+        } else {
+            lacks.push_back(hosts[i].name + ": no answer: " + (one.has_ended ? one.why : missing));
+        }
+    }
+    if (answers.empty()) {
+        for (const std::string& one : lacks) say_trouble(one);
+        throw failure_t{OUTCOME_INCOMPLETE, "no machine has answered"};
+    }
+    merged_answer merged = partials_merge(std::move(answers));
+    merged_lack(&merged, lacks);
+    return merged;
+}
+
 }  // namespace
 
 std::vector<host_line> hosts_parse(std::string_view content, const std::string& file) {
@@ -248,16 +283,7 @@ merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* 
     }
     work_catch_interrupts();
     runner run = start(request.timeout_s);
-    // One that ends early is an error of writing. Not before it runs: what it runs expects the signal.
-    std::signal(SIGPIPE, SIG_IGN);
-    // It reads all jobs before it ends, so that a pipe that is full drains.
-    for (std::string_view rest = jobs; !rest.empty();) {
-        const ssize_t size = ::write(run.jobs.get(), rest.data(), rest.size());
-        if (size < 0 && errno == EINTR && !work_stops()) continue;
-        if (size < 0) break;
-        rest.remove_prefix(static_cast<size_t>(size));
-    }
-    run.jobs.reset();
+    give_jobs(&run, jobs);
     std::vector<host_answer> came(hosts.size());
     bytes->resize(hosts.size());
     wait_for(&run, hosts.size(), [&](size_t number, unsigned long status) {
@@ -270,24 +296,7 @@ merged_answer hosts_ask(const hosts_request& request, std::vector<std::string>* 
         if (one->why.empty()) one->why = "ended with status " + std::to_string(status);
         return false;
     });
-    std::vector<named_partial> answers;
-    std::vector<std::string> lacks;
-    for (size_t i = 0; i < hosts.size(); i++) {
-        host_answer& one = came[i];
-        if (one.is_there) {
-            answers.push_back(std::move(one.answer));
-            continue;
-        }
-        lacks.push_back(hosts[i].name +
-                        ": no answer: " + (one.has_ended ? one.why : missing_reason(run, request.timeout_s)));
-    }
-    if (answers.empty()) {
-        for (const std::string& one : lacks) say_trouble(one);
-        throw failure_t{OUTCOME_INCOMPLETE, "no machine has answered"};
-    }
-    merged_answer merged = partials_merge(std::move(answers));
-    merged_lack(&merged, lacks);
-    return merged;
+    return merge_what_came(hosts, &came, missing_reason(run, request.timeout_s));
 }
 
 }  // namespace veldar::tool
