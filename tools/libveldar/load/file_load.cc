@@ -184,6 +184,7 @@ void take_form(loader* load, file_load* one) {
     known_file* const known = known_files_put(&load->known, one->file);
     known->progress = one->reader.offset;
     known->record_indexed = false;
+    known->next = one->next_file.number;
     one->file = one->next_file;
     one->cut = one->next_cut;
     one->reader.cut = one->form.cut;

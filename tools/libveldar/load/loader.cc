@@ -100,28 +100,31 @@ record_cut cut_of(const file_load& one) {
 }
 
 // Where the file stands now and how it begins.
-void describe(file_load* one, const std::string& path) {
-    const log_input& input = one->input;
+void describe(source_file* file, const log_input& input, const std::string& path) {
     const size_t newline = input.head.find('\n');
-    one->file.kind = input.packed != nullptr ? SOURCE_PACKED : SOURCE_PLAIN;
-    one->file.crlf = newline != std::string::npos && newline > 0 && input.head[newline - 1] == '\r';
-    one->file.device = input.device;
-    one->file.inode = input.inode;
-    one->file.size = input.size;
-    one->file.modified_ns = input.modified_ns;
-    one->file.head_size = static_cast<uint32_t>(input.head.size());
-    one->file.head_hash = XXH64(input.head.data(), input.head.size(), 0);
-    one->file.path = path;
+    file->kind = input.packed != nullptr ? SOURCE_PACKED : SOURCE_PLAIN;
+    file->crlf = newline != std::string::npos && newline > 0 && input.head[newline - 1] == '\r';
+    file->device = input.device;
+    file->inode = input.inode;
+    file->size = input.size;
+    file->modified_ns = input.modified_ns;
+    file->head_size = static_cast<uint32_t>(input.head.size());
+    file->head_hash = XXH64(input.head.data(), input.head.size(), 0);
+    file->path = path;
 }
 
-// A known file under another name: its raw lines are found there from now on.
+// A known file under another name: its raw lines are found there from now on, whatever form they had.
 void note_whereabouts(loader* load, const file_load& one, const source_file& before) {
     const source_file& now = one.file;
     if (now.path == before.path && now.inode == before.inode && now.device == before.device) return;
-    for (store_bucket& bucket : load->st.buckets) {
-        if (bucket.map.files.contains(now.number)) source_map_put_file(&bucket.map, now);
+    for (const uint32_t number : known_files_of_log(load->known, now.number)) {
+        source_file file = load->known.by_number.at(number).file;
+        describe(&file, one.input, now.path);
+        for (store_bucket& bucket : load->st.buckets) {
+            if (bucket.map.files.contains(number)) source_map_put_file(&bucket.map, file);
+        }
+        known_files_put(&load->known, file);
     }
-    known_files_put(&load->known, now);
 }
 
 // Parses the last lines before the progress again: a line without a time that follows them takes theirs. When the year
@@ -230,7 +233,7 @@ bool load_pipe(loader* load, file_load* one, std::string* error) {
     load_open_bucket(load);
     store_bucket* const bucket = &load_bucket(load);
     choose_names(load, one, one->input.path == "-" ? "stdin" : one->input.path);
-    describe(one, "");
+    describe(&one->file, one->input, "");
     one->file.number = load->known.next_number++;
     one->file.kind = SOURCE_SPOOL;
     const std::string name = "spool-" + std::to_string(one->file.number);
@@ -298,7 +301,7 @@ bool load_file(loader* load, file_load* one, std::string* error) {
         one->file = before;
         one->from = known->progress;
         // A copy may go away again, and the file that was loaded holds what it holds.
-        if (!copy) describe(one, one->place);
+        if (!copy) describe(&one->file, one->input, one->place);
         note_whereabouts(load, *one, before);
         if (known->record_indexed && !pass_over(one, *known, error)) return false;
         if (unchanged || (log_input_is_plain(one->input) && one->from == one->input.size)) {
@@ -309,24 +312,13 @@ bool load_file(loader* load, file_load* one, std::string* error) {
     choose_names(load, one, one->name);
     load_points(*load, one);
     if (known == nullptr) {
-        describe(one, one->place);
+        describe(&one->file, one->input, one->place);
         one->file.number = load->known.next_number++;
     }
     if (!replay(load, one, error) || !log_input_seek(&one->input, one->from, error)) return false;
     const bool read = load_rest(load, one, error);
     if (read && one->events == 0 && known != nullptr) note_nothing_new(load, *one, before);
     return read;
-}
-
-// Whether this file's events are read from the input: where it lay there is nothing more, and here is what it held.
-bool is_read_from(const store& st, const source_file& file, const log_input& input) {
-    return std::any_of(st.buckets.begin(), st.buckets.end(), [&](const store_bucket& bucket) {
-        if (!bucket.map.files.contains(file.number)) return false;
-        const std::string path = source_file_locate(file, bucket.directory);
-        struct stat there;
-        return !path.empty() && ::stat(path.c_str(), &there) == 0 && there.st_ino == input.inode &&
-               there.st_dev == input.device;
-    });
 }
 
 // The numbers of the files that a path means: of the one with its content, or else of those last seen there.
@@ -340,21 +332,7 @@ std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool ag
         return {};
     }
     const known_file* const same = opened ? known_files_identify(&load->known, &input, &copy) : nullptr;
-    if (same != nullptr && again) {
-        // What is loaded anew takes the place of all of it, in whatever forms that was.
-        const source_file& meant = same->file;
-        std::vector<uint32_t> numbers = known_files_alike(load->known, &input);
-        std::erase_if(numbers, [&](uint32_t number) {
-            const source_file& other = load->known.by_number.at(number).file;
-            const bool is_same = other.path == meant.path ||
-                                 (other.inode == meant.inode && other.device == meant.device) ||
-                                 is_read_from(load->st, other, input);
-            return !is_same || number == meant.number;
-        });
-        numbers.push_back(meant.number);
-        return numbers;
-    }
-    if (same != nullptr) return {same->file.number};
+    if (same != nullptr) return known_files_of_log(load->known, same->file.number);
     std::vector<uint32_t> numbers;
     for (const auto& [number, known] : load->known.by_number) {
         const bool there = known.file.path == real_path(path) || known.file.path == absolute_path(path);

@@ -1,5 +1,6 @@
 #include "tools/libveldar/store/known_files.h"
 
+#include <sys/stat.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -16,9 +17,6 @@
 namespace veldar::tool {
 
 namespace {
-
-// Two logs may begin with the same few lines, but not with the same this many bytes.
-constexpr uint64_t SURELY_SAME = 4096;
 
 // The offset behind the record at a place; false when the file cannot be read there.
 bool record_end(const store_bucket& bucket, const source_place& place, uint64_t* end) {
@@ -69,16 +67,34 @@ void raise_progress(known_file* known, uint64_t progress) {
     known->record_indexed = false;
 }
 
+// A load that was cut off may have noted a stretch of which no event is in a slice.
+bool is_reached(const source_map& map, size_t stretch) {
+    return map.stretches[stretch].base < map.frontier;
+}
+
 void gather_bucket(known_files* known, const store_bucket& bucket) {
     for (const auto& [number, file] : bucket.map.files) {
         known->by_number[number].file = file;
         known->next_number = std::max(known->next_number, number + 1);
     }
-    for (size_t i = 0; i < bucket.map.stretches.size(); i++) {
+    for (size_t i = 0; i < bucket.map.stretches.size() && is_reached(bucket.map, i); i++) {
         const auto file = known->by_number.find(bucket.map.stretches[i].number);
         if (file != known->by_number.end()) {
             raise_progress(&file->second, source_map_stretch_end(bucket.map, i));
         }
+    }
+}
+
+// A log whose lines take another form goes on as another file of the source map, in the midst of a bucket: at the
+// address and the offset where the stretch before it ends.
+void gather_forms(known_files* known, const source_map& map) {
+    for (size_t i = 1; i < map.stretches.size() && is_reached(map, i); i++) {
+        const source_stretch &before = map.stretches[i - 1], &one = map.stretches[i];
+        const auto file = known->by_number.find(before.number), next = known->by_number.find(one.number);
+        const bool goes_on = one.number > before.number && one.offset > 0 && one.offset >= before.offset &&
+                             one.offset - before.offset == one.base - before.base;
+        if (!goes_on || file == known->by_number.end() || next == known->by_number.end()) continue;
+        if (file->second.file.source == next->second.file.source) file->second.next = one.number;
     }
 }
 
@@ -155,6 +171,13 @@ bool goes_on_alike(const known_file& known, log_input* input, log_input* origina
     return read_from(original, known.progress, {others, size}) == size && std::memcmp(bytes, others, size) == 0;
 }
 
+// Whether the log was truncated since it was opened.
+bool is_truncated(const known_file& known, const log_input& original) {
+    struct stat now;
+    return log_input_is_plain(original) && ::fstat(original.fd.get(), &now) == 0 &&
+           static_cast<uint64_t>(now.st_size) < known.progress;
+}
+
 void remove_head(known_files* known, const source_file& file) {
     auto& hashes = known->heads[file.head_size];
     const auto [first, last] = hashes.equal_range(file.head_hash);
@@ -183,34 +206,52 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end) {
         file.record_limit = last.record_limit;
         file.record_cut = last.record_cut;
     }
-    for (const store_bucket& bucket : st->buckets) gather_tails(&known, bucket);
+    for (const store_bucket& bucket : st->buckets) {
+        gather_tails(&known, bucket);
+        gather_forms(&known, bucket.map);
+    }
     for (const store_bucket& bucket : st->buckets) {
         for (const auto& [number, deleted] : bucket.map.forgotten) known.by_number.erase(number);
     }
+    // Of a file of which nothing is indexed nothing need be known; its lines may have another form than it begins with.
+    std::erase_if(known.by_number, [](const auto& entry) {
+        const known_file& file = entry.second;
+        return file.progress == 0 && !file.record_indexed && file.file.kind != SOURCE_SPOOL;
+    });
     for (const auto& [number, file] : known.by_number) {
         if (file.file.kind != SOURCE_SPOOL) known.heads[file.file.head_size].emplace(file.file.head_hash, number);
     }
     return known;
 }
 
-std::vector<uint32_t> known_files_alike(const known_files& known, log_input* input) {
-    std::vector<uint32_t> numbers = same_heads(known, input->head);
-    std::erase_if(numbers, [&](uint32_t number) { return !same_tail(known.by_number.at(number), input); });
+std::vector<uint32_t> known_files_of_log(const known_files& known, uint32_t number) {
+    for (auto file = known.by_number.find(number); file != known.by_number.end();
+         file = known.by_number.find(file->second.next)) {
+        number = file->first;
+    }
+    std::vector<uint32_t> numbers = {number};
+    // The forms before it have smaller numbers.
+    for (auto file = known.by_number.rbegin(); file != known.by_number.rend(); ++file) {
+        if (file->second.next == numbers.back()) numbers.push_back(file->first);
+    }
     return numbers;
 }
 
 known_file* known_files_identify(known_files* known, log_input* input, bool* copy) {
     *copy = false;
     std::vector<uint32_t> numbers = same_heads(*known, input->head);
+    // A log of several forms goes on where the last of them ends.
+    std::erase_if(numbers, [&](uint32_t number) { return known->by_number.contains(known->by_number[number].next); });
+    // A compressed copy may have got the inode of a log that was removed.
     const auto same_inode = [&](uint32_t number) {
         const source_file& file = known->by_number[number].file;
-        return file.inode == input->inode && file.device == input->device;
+        return file.inode == input->inode && file.device == input->device &&
+               (file.kind == SOURCE_PACKED) == (input->packed != nullptr);
     };
     std::sort(numbers.begin(), numbers.end(), [&](uint32_t a, uint32_t b) {
         const bool a_same = same_inode(a), b_same = same_inode(b);
         if (a_same != b_same) return a_same;
         const known_file &one = known->by_number[a], &other = known->by_number[b];
-        // A log that took another form is two files, and goes on where the later one ends.
         return std::pair(one.file.head_size, one.progress) > std::pair(other.file.head_size, other.progress);
     });
     for (const uint32_t number : numbers) {
@@ -221,7 +262,7 @@ known_file* known_files_identify(known_files* known, log_input* input, bool* cop
         *copy = !same_inode(number) && source_file_open_original(file->file, &original);
         if (!*copy || goes_on_alike(*file, input, &original)) return file;
         *copy = false;
-        if (file->progress >= SURELY_SAME) return file;
+        if (is_truncated(*file, original)) return file;
     }
     return nullptr;
 }

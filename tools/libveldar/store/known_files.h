@@ -19,7 +19,8 @@ struct known_file {
     bool record_indexed = false;
     uint64_t record_limit = SOURCE_NO_LIMIT;
     uint32_t record_cut = 0;
-    source_tail tail;  // the last one within the progress; size 0 when there is none
+    source_tail tail;   // the last one within the progress; size 0 when there is none
+    uint32_t next = 0;  // the number of what the log goes on as behind the progress, since its lines took another form
 };
 
 struct known_files {
@@ -36,10 +37,10 @@ known_files known_files_gather(store* st, std::vector<uint32_t>* open_end);
 // The file that this input goes on with, or null for a new one: its head hashes as it did, it is not shorter than what
 // was loaded, and the bytes before the progress hash as they did. Of several the one with the same inode comes first.
 // While the file that was loaded stands in its directory, another one that goes on like it is a `*copy`, and one that
-// goes on otherwise behind less than 4 KiB is a new one: it only begins with the same lines.
+// goes on otherwise is a new one: it only begins with the same lines.
 known_file* known_files_identify(known_files* known, log_input* input, bool* copy);
-// All that the input can go on with: a log whose lines changed their form has a number for each.
-std::vector<uint32_t> known_files_alike(const known_files& known, log_input* input);
+// The numbers of the whole log that this file is of: one for each form that its lines had.
+std::vector<uint32_t> known_files_of_log(const known_files& known, uint32_t number);
 // Takes a new file, or the new whereabouts of a known one.
 known_file* known_files_put(known_files* known, const source_file& file);
 // The files that were forgotten and whose events may not all be deleted.

@@ -251,7 +251,7 @@ bool source_file_open_original(const source_file& file, log_input* input) {
     return std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
         struct stat st;
         return ::stat(path.c_str(), &st) == 0 && st.st_ino == file.inode && st.st_dev == file.device &&
-               open_checked(file, path, input);
+               open_checked(file, path, input) && (file.kind == SOURCE_PACKED) == (input->packed != nullptr);
     });
 }
 
