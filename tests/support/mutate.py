@@ -136,10 +136,11 @@ def all_mutants(tree, paths):
     return found
 
 
-def draw(tree, paths, count, seed):
-    """So many of them, one a statement at most."""
+def draw(tree, paths, kinds, count, seed):
+    """So many of them of these kinds, one a statement at most."""
     random.seed(seed)
     found, taken, drawn = all_mutants(tree, paths), set(), []
+    for kind in set(KINDS) - set(kinds): found[kind].clear()
     while len(drawn) < count and any(found.values()):
         kind = random.choices(list(KINDS), [KINDS[k] * bool(found[k]) for k in KINDS])[0]
         one = found[kind].pop(random.randrange(len(found[kind])))
