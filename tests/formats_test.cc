@@ -66,7 +66,7 @@ constexpr line_case LINES[] = {
     {"syslog", "Dec 31 23:59:59 kernel: up", "1767225599.0 program=kernel"},
     {"syslog", "Feb 29 12:00:00 web1 -- MARK --", "1709208000.0 host=web1"},
     {"syslog", "Jun  9 04:47:44 2021 web1 cron[1]: go", "1623214064.0 host=web1 program=cron pid=1"},
-    {"iso8601", "2015-07-01 12:00:00.5 CEST [9] LOG:  a=b", "1435744800.500000000 a=b"},
+    {"iso8601", "2015-07-01 12:00:00.5 CEST [9] LOG:  a=b", "1435744800.500000000 level=LOG a=b"},
     {"json", R"({"t":{"$date":"2015-07-01T12:00:00Z"},"at":{"time":"x"}})", "1435752000.0 at.time=x"},
     {"json", R"({"time":"Wed, 01 Jul 2015 12:00:00 GMT","a":1})", "1435752000.0 a=1"},
     {"syslog-5424", R"(<165>1 2003-10-11T22:14:15.003Z h app - ID47 [e@3 iut="3" q="a\"] b"][o@3 p="x"] go k=v)",
@@ -98,6 +98,8 @@ constexpr line_case LINES[] = {
      "20160102T030405Z xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"
      "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx ERROR: behind the head",
      "1451703845.0"},
+    {"iso8601", "2015-07-01T12:00:00Z WRN slow a=1", "1435752000.0 level=WRN a=1"},
+    {"iso8601", "2015-07-01 12:00:00.5 UTC [413] app@prod LOG:  b: ERROR", "1435752000.500000000 level=LOG"},
     {"yymmdd", "081109 203615 148 INFO dfs.Data$Packet: ok", "1226262975.0 level=INFO class=dfs.Data$Packet"},
     {"epoch", "1286536308.779    180 192.168.0.1 TCP_MISS/200", "1286536308.779000000"},
     {"epoch", "[1286536308779] key='a b'", "1286536308.779000000 key=a b"},

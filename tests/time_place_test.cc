@@ -189,6 +189,8 @@ TEST(TimePlace, ValuesTellTheOrderOfDayAndMonthWhereTheyCan) {
     EXPECT_EQ(found({"03/04/2025 10:00:00 a", "03/14/2025 10:00:00 a", "no time"}), "0 %m/%d/%Y%t%T");
     EXPECT_EQ(found({"a 11/02/2026 10:00:00"}), "1 %d/%m/%Y%t%T") << "or it would lie in the future";
     EXPECT_EQ(found({"02/01/2026 10:00"}), "0 %m/%d/%Y%t%R or %d/%m/%Y%t%R") << "the nearer one";
+    EXPECT_EQ(found({"02/05/2025 23:59", "02/06/2025 00:00"}), "0 %m/%d/%Y%t%R or %d/%m/%Y%t%R") << "a day apart";
+    EXPECT_EQ(found({"05/02/2025 23:59", "06/02/2025 00:00"}), "0 %d/%m/%Y%t%R or %m/%d/%Y%t%R");
     EXPECT_EQ(found({"02/01/2026 10:00"}, "dmy"), "0 %d/%m/%Y%t%R");
     EXPECT_EQ(found({"26/02/25 10:00:00"}), "0 %y/%m/%d%t%T or %d/%m/%y%t%T");
     EXPECT_EQ(found({"[02.11 10:00:00] a", "[02.13 10:00:00] a"}, "ymd"), "0 [%m.%d %T]");

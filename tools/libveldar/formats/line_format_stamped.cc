@@ -6,9 +6,12 @@
 namespace veldar::tool {
 namespace {
 
-constexpr std::string_view LEVELS[] = {"INFO",   "WARN",  "ERROR",  "DEBUG",  "TRACE",    "WARNING",     "FATAL",
-                                       "NOTICE", "CRIT",  "SEVERE", "ALERT",  "CRITICAL", "EMERG",       "ERR",
-                                       "FINE",   "FINER", "PANIC",  "FINEST", "CONFIG",   "INFORMATION", "VERBOSE"};
+constexpr std::string_view LEVELS[] = {
+    "INFO",    "WARN",     "ERROR", "DEBUG", "TRACE", "WARNING", "FATAL", "NOTICE", "CRIT",   "SEVERE",
+    "ALERT",   "CRITICAL", "EMERG", "ERR",   "FINE",  "FINER",   "PANIC", "FINEST", "CONFIG", "INFORMATION",
+    "VERBOSE", "INF",      "WRN",   "DBG",   "TRC",   "FTL",     "VRB",   "DBUG",   "PNC"};
+// Levels of databases, and their words for what belongs to a message before; two blanks follow the colon.
+constexpr std::string_view LABELS[] = {"LOG:  ", "DETAIL:  ", "HINT:  ", "STATEMENT:  ", "CONTEXT:  "};
 constexpr size_t HEAD_SIZE = 128;  // where a level is looked for
 constexpr int HEAD_WORDS = 8;
 
@@ -26,6 +29,8 @@ bool is_one_of(char c, std::string_view set) {
 // letters only where it is plainly a label, as in "[error]" or a leading "error:".
 bool says_level(std::string_view head, size_t start, size_t end, int words_before) {
     std::string_view word = head.substr(start, end - start);
+    const auto begins = [&](std::string_view label) { return head.substr(start).starts_with(label); };
+    if (start > 0 && head[start - 1] == ' ' && std::any_of(std::begin(LABELS), std::end(LABELS), begins)) return true;
     if (!is_level(word)) return false;
     char before = start == 0 ? ' ' : head[start - 1];
     char after = end == head.size() ? ' ' : head[end];

@@ -158,6 +158,7 @@ struct candidate {
     size_t words = 0;    // nine of ten of its times stand there or before
     std::array<uint16_t, WORDS_MAX> at{};
     shape_time first;
+    int64_t earliest_s = INT64_MAX, latest_s = INT64_MIN;
     size_t first_line = 0;
     std::string_view example;
 };
@@ -209,6 +210,8 @@ void count_line(std::vector<candidate>* all, std::string_view line, size_t numbe
             }
             one.at[word]++;
             one.late += is_late(time, hints);
+            one.earliest_s = std::min(one.earliest_s, time.stamp.local_s);
+            one.latest_s = std::max(one.latest_s, time.stamp.local_s);
         }
         return false;
     });
@@ -221,8 +224,10 @@ size_t words_of(const candidate& one) {
     return words;
 }
 
-int64_t distance_s(const candidate& one, const time_hints& hints) {
-    return std::abs(one.first.stamp.local_s - hints.modified_s);
+// How unlikely an order of day and month is: where the sample passes midnight, the wrong one leaps over months; else the
+// file was hardly written long after its lines.
+std::pair<int64_t, int64_t> unlikeliness(const candidate& one, const time_hints& hints) {
+    return {(one.latest_s - one.earliest_s) / DAY_S, std::abs(one.first.stamp.local_s - hints.modified_s)};
 }
 
 // Whether a number is the time that the line also writes in words: zones differ by quarters of an hour.
@@ -241,7 +246,7 @@ time_place place_of(const candidate& one) {
     return place;
 }
 
-// The best of some candidates; of several that differ by the order of day and month only, the nearest in time.
+// The best of some candidates; of several that differ by the order of day and month only, the likeliest.
 time_place choose(const std::vector<const candidate*>& dates, const time_hints& hints) {
     const auto key = [](const candidate* one) {
         return std::tuple(one->words, -static_cast<int64_t>(one->lines), one->late, one->shape);
@@ -256,7 +261,7 @@ time_place choose(const std::vector<const candidate*>& dates, const time_hints& 
                            other->lines == first->lines && other->late == first->late && other != first;
         if (!rival) continue;
         also = other;
-        if (first->first.has_year && distance_s(*other, hints) < distance_s(*best, hints)) best = other;
+        if (first->first.has_year && unlikeliness(*other, hints) < unlikeliness(*best, hints)) best = other;
     }
     time_place place = place_of(*best);
     if (also != nullptr) place.also = PATTERNS[(best == first ? also : first)->shape];
