@@ -10,6 +10,7 @@
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/postings/plist.h"
 #include "searchthing/search/select_slice.h"
+#include "searchthing/search/slice_metric_events.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_meta.h"
@@ -25,6 +26,15 @@ inline void walk_require(bool holds) {
     if (!holds) std::abort();
 }
 
+// A failure that is passed over would stay in the record of a call that succeeds.
+template <typename Call>
+int walk_told(const Call& call) {
+    warm_rc_t rc;
+    const int status = call(&rc);
+    walk_require(status < 0 ? status == rc.warm_rc : rc.warm_rc == 0);
+    return status;
+}
+
 inline void walk_values(WARM* warm) {
     warm_rc_t rc;
     const uint32_t values = st_warm_slice_values(warm);
@@ -33,8 +43,10 @@ inline void walk_values(WARM* warm) {
         st_tsval value;
         st_time_t seconds = 0;
         uint64_t subseconds = 0;
-        const int time_status = get_tsval_timestamp(warm, id, &seconds, &subseconds, &rc);
-        const int status = tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &rc);
+        const int time_status =
+            walk_told([&](auto* told) { return get_tsval_timestamp(warm, id, &seconds, &subseconds, told); });
+        const int status =
+            walk_told([&](auto* told) { return tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, told); });
         walk_require(status != 0 || (time_status == 0 && value.time == seconds && value.subsecond == subseconds));
     }
     st_tsval none;
@@ -45,11 +57,11 @@ inline void walk_values(WARM* warm) {
 inline void walk_list(plist_reader* reader, uint32_t term, uint32_t values) {
     warm_rc_t rc;
     std::vector<uint32_t> ids;
-    if (_seek_reader(reader, term, &rc) != 0) return;
+    if (walk_told([&](auto* told) { return _seek_reader(reader, term, told); }) != 0) return;
     uint32_t id = 0;
     bool complete = true;
     for (;;) {
-        complete = _next(reader, &id, &rc) == 0;
+        complete = walk_told([&](auto* told) { return _next(reader, &id, told); }) == 0;
         if (!complete || id == PLIST_END || ids.size() == WALK_LIMIT) break;
         walk_require(id < values && (ids.empty() || id > ids.back()));
         ids.push_back(id);
@@ -58,18 +70,18 @@ inline void walk_list(plist_reader* reader, uint32_t term, uint32_t values) {
     const uint32_t begin = ids[ids.size() / 2];
     const uint32_t end = ids.back() + 1;
     walk_require(_seek_reader(reader, term, &rc) == 0);
-    if (_seek(reader, begin, &id, &rc) == 0) walk_require(id == begin);
+    if (walk_told([&](auto* told) { return _seek(reader, begin, &id, told); }) == 0) walk_require(id == begin);
 
     uint32_t copy[WALK_LIMIT];
     uint32_t count = 0;
     walk_require(_seek_reader(reader, term, &rc) == 0);
-    if (plist_copy(reader, copy, WALK_LIMIT, end, &count, &rc) == 0) {
+    if (walk_told([&](auto* told) { return plist_copy(reader, copy, WALK_LIMIT, end, &count, told); }) == 0) {
         walk_require(std::vector<uint32_t>(copy, copy + count) == ids);
     }
     if (end - begin > 1 << 20) return;
     std::vector<uint8_t> bits(_calc_bitmap_size(begin, end));
     walk_require(_seek_reader(reader, term, &rc) == 0);
-    if (plist_or_into_bitmap(reader, bits.data(), begin, end, &rc) != 0) return;
+    if (walk_told([&](auto* told) { return plist_or_into_bitmap(reader, bits.data(), begin, end, told); }) != 0) return;
     uint32_t set = 0;
     for (const uint8_t byte : bits) set += st_get_num_bits_set(byte);
     walk_require(set == ids.size() - ids.size() / 2);
@@ -88,7 +100,7 @@ inline void walk_terms(WARM* warm) {
     const bool has_lists = _init_reader(&reader, warm, 1024, nullptr, &rc) == 0;
     for (uint32_t term = 0; term < std::min(st_warm_slice_terms(warm), WALK_LIMIT); term++) {
         st_term_metadata metadata;
-        static_cast<void>(warm_slice_term_metadata(warm, term, nullptr, &metadata, &rc));
+        walk_told([&](auto* told) { return warm_slice_term_metadata(warm, term, nullptr, &metadata, told); });
         if (has_lists) walk_list(&reader, term, st_warm_slice_values(warm));
     }
     close_plist_reader(&reader);
@@ -119,7 +131,10 @@ inline void walk_selections(WARM* warm) {
         select_report_t report;
         select_table_init(&table, spec);
         walk_require(select_bins_open(&bins, parsed.spec, spec, &rc) == 0);
-        if (warm_slice_select(warm, parsed, spec, bins, &table, &report, &rc) != 0) continue;
+        if (walk_told([&](auto* told) { return warm_slice_select(warm, parsed, spec, bins, &table, &report, told); }) !=
+            0) {
+            continue;
+        }
         uint64_t events = 0;
         for (const select_table_t::row_t& row : table.rows) events += row.count;
         walk_require(!spec.groups.empty() || events == report.events);
@@ -134,15 +149,20 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
     query.lispy = text;
     query.token_case = token_case;
     st_tsval answers[WALK_LIMIT];
-    const int found = st_warm_slice_search(warm, &query, answers, WALK_LIMIT, true);
-    const int possible = st_warm_slice_search(warm, &query, answers, WALK_LIMIT, false);
-    walk_require(found < 0 || possible < 0 || found <= possible);
-    warm_rc_t rc;
     search_report_t report;
     uint64_t count = 0, matches = 0;
     bitmap_and_bounds_t bits;
-    const bool counted = warm_slice_count(warm, &query, &count, &report, &rc) == 0 && !report.from_metadata;
-    const bool selected = query_to_bitmap_and_bounds(warm, &query, &bits, &matches, &rc) == 0;
+    const auto search = [&](bool is_exact) {
+        return walk_told(
+            [&](auto* told) { return warm_slice_search(warm, &query, answers, WALK_LIMIT, is_exact, nullptr, told); });
+    };
+    const int found = search(true), possible = search(false);
+    walk_require(found < 0 || possible < 0 || found <= possible);
+    const bool counted =
+        walk_told([&](auto* told) { return warm_slice_count(warm, &query, &count, &report, told); }) == 0 &&
+        !report.from_metadata;
+    const bool selected =
+        walk_told([&](auto* told) { return query_to_bitmap_and_bounds(warm, &query, &bits, &matches, told); }) == 0;
     free_bitmap_and_bounds(&bits);
     if (st_warm_slice_is_msidx(warm->body)) {
         // Bits stand for runs there, and a damaged d bit hides a value from the answers alone.
@@ -177,21 +197,32 @@ inline void walk_metrics(WARM* warm) {
     uint32_t end = warm_slice_runs(warm);
     for (uint32_t i = 0; i < std::min(warm_slice_runs(warm), WALK_LIMIT); i++) {
         warm_run_t run;
-        if (warm_slice_run(warm, i, &run, &rc) != 0) break;
+        if (walk_told([&](auto* told) { return warm_slice_run(warm, i, &run, told); }) != 0) break;
         walk_require(run.count != 0 && run.first == end && run.count <= st_warm_slice_values(warm) - end);
         end += run.count;
     }
     for (uint32_t term = 0; term < std::min(st_warm_slice_terms(warm), WALK_LIMIT); term++) {
         st_term_metadata record;
-        static_cast<void>(warm_slice_recomputed_metadata(warm, term, nullptr, &record, &rc));
+        walk_told([&](auto* told) { return warm_slice_recomputed_metadata(warm, term, nullptr, &record, told); });
     }
     uint32_t words = 0;
     ds_reader_t* const sets = st_warm_slice_dimset_reader(warm, &rc);
     if (sets != nullptr && sets->num_dimsets < 1 << 16) {
-        static_cast<void>(ds_reader_apply(sets, ds_verify_version(warm->body), walk_set, &words, &rc));
+        walk_told(
+            [&](auto* told) { return ds_reader_apply(sets, ds_verify_version(warm->body), walk_set, &words, told); });
     }
     const cs_reader_t* const store = st_warm_slice_cstore(warm, &rc);
-    if (store != nullptr) static_cast<void>(cs_verify(store, &rc));
+    if (store != nullptr) walk_told([&](auto* told) { return cs_verify(store, told); });
+    if (warm_slice_runs(warm) == 0) return;
+    st_query_spec query;
+    query.lispy = "[OR \\ host::* [AND *]]";
+    parsed_query_t parsed;
+    uint32_t events = 0;
+    walk_require(parse_query(query_with_bounds(query), &parsed, &rc) == 0);
+    walk_told([&](auto* told) {
+        return warm_slice_metric_events(
+            warm, parsed, nullptr, [&](const auto&) { return ++events < WALK_LIMIT; }, told);
+    });
 }
 
 inline void walk_slice(WARM* warm) {
