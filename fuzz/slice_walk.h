@@ -142,10 +142,10 @@ inline void walk_selections(WARM* warm) {
 }
 
 // One query in every way: answers, candidates, count and bitmap, which agree as far as each of them can be had.
-inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
+inline void walk_query(WARM* warm, const char* text, token_case_t token_case, st_timeval_t earliest = {INT32_MIN, 0}) {
     st_query_spec query;
     st_query_init(&query);
-    st_query_set_time_bound(&query, true, INT32_MIN, 0, INT32_MAX, 0);
+    st_query_set_time_bound(&query, true, earliest.time_s, earliest.time_ns, INT32_MAX, 0);
     query.lispy = text;
     query.token_case = token_case;
     st_tsval answers[WALK_LIMIT];
@@ -157,13 +157,14 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
             [&](auto* told) { return warm_slice_search(warm, &query, answers, WALK_LIMIT, is_exact, nullptr, told); });
     };
     const int found = search(true), possible = search(false);
-    walk_require(found < 0 || possible < 0 || found <= possible);
     const bool counted =
         walk_told([&](auto* told) { return warm_slice_count(warm, &query, &count, &report, told); }) == 0 &&
         !report.from_metadata;
     const bool selected =
         walk_told([&](auto* told) { return query_to_bitmap_and_bounds(warm, &query, &bits, &matches, told); }) == 0;
     free_bitmap_and_bounds(&bits);
+    if (earliest.time_s != INT32_MIN) return;  // times that are out of order leave open what lies in a span
+    walk_require(found < 0 || possible < 0 || found <= possible);
     if (st_warm_slice_is_msidx(warm->body)) {
         // Bits stand for runs there, and a damaged d bit hides a value from the answers alone.
         walk_require(!counted || found < 0 || static_cast<uint64_t>(found) <= count);
@@ -176,12 +177,20 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case) {
 }
 
 inline void walk_searches(WARM* warm) {
-    if (st_warm_slice_values(warm) > 1 << 16) return;
+    const uint32_t values = st_warm_slice_values(warm);
+    if (values > 1 << 16) return;
+    st_timeval_t middle = {INT32_MIN, 0};
+    uint64_t subseconds = 0;
+    if (values > 0) {
+        walk_told([&](auto* told) { return get_tsval_timestamp(warm, values / 2, &middle.time_s, &subseconds, told); });
+    }
+    bool is_bound = false;
     for (const char* text :
          {"[AND all]", "[OR h* *e [AND all [NOT *1*]]]", "[AND half [GT bytes 5] [OR x [NOT tenth]]]",
           "[AND burst tenth [NEQ status 200]]", "[OR [NOT all] [LTE bytes 100]]", "[AND]",
           "[OR \\ host::web1 [NOT \\ metric_name::cpu]]", "[AND \\ metric_name::* [GT \\ load 3]]"}) {
-        walk_query(warm, text, TOKEN_CASE_ASIS);
+        walk_query(warm, text, TOKEN_CASE_ASIS, is_bound ? middle : st_timeval_t{INT32_MIN, 0});
+        is_bound = !is_bound;
     }
     walk_selections(warm);
 }
