@@ -23,7 +23,6 @@ namespace veldar::tool {
 
 namespace {
 
-constexpr uint32_t WRITE_LEVEL = 4;
 constexpr uint64_t LARGE = uint64_t{32} << 20;  // bytes of slices whose space is worth sparing
 // Slices as they are first written take two to three times the bytes that they are merged into, so few of them wait.
 constexpr uint32_t SOURCES_WHILE_LOADING = 3;
@@ -121,7 +120,7 @@ void work_on(crew* all, const std::string& directory) {
     bool out_of_space = false;
     try {
         before = after = count_slices(directory);
-        const tsidx_ptr tsidx = index_handle_open(directory, WRITE_LEVEL);
+        const tsidx_ptr tsidx = index_handle_open(directory, MERGE_WRITE_LEVEL);
         static_cast<void>(st_tsidx_clear_need_optimize(tsidx.get()));
         st_tsidx_set_merge_drops_deleted(tsidx.get(), all->settings.drops_deleted);
         const int status = merge_directory(all, tsidx.get(), directory, &merges);

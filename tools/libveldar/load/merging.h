@@ -10,6 +10,8 @@
 
 namespace veldar::tool {
 
+constexpr uint32_t MERGE_WRITE_LEVEL = 4;  // of the handles; what is worth a merge depends on it
+
 struct merge_settings {
     bool everything = false;     // whatever fits the target size, and not only enough slices of one size
     bool is_final = false;       // two slices of one size are enough

@@ -32,7 +32,7 @@ int show_plans(const std::vector<std::string>& directories, const merge_settings
     uint64_t most = 0, merges = 0;
     const int mode = merging.everything ? TSIDX_OPTIMIZE_ALL : TSIDX_OPTIMIZE_TIERED;
     for (const std::string& directory : directories) {
-        const tsidx_ptr tsidx = index_handle_open(directory, 0);
+        const tsidx_ptr tsidx = index_handle_open(directory, MERGE_WRITE_LEVEL);
         st_tsidx_set_merge_drops_deleted(tsidx.get(), merging.drops_deleted);
         tsidx_optimize_plan_t plan;
         const int status = st_tsidx_optimize_plan(tsidx.get(), mode, TSIDX_OPTIMIZE_MIN_SOURCES, merging.target_size,

@@ -13,6 +13,7 @@
 #include "tools/libveldar/load/put_line.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/observer.h"
+#include "tools/libveldar/store/store.h"
 #include "tools/veldar/commands/command.h"
 
 namespace veldar::tool {
@@ -109,6 +110,9 @@ int put_run_all(const put_options& options) {
     disk_make_directory(options.directory);
     if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
         throw failure_t{OUTCOME_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
+    }
+    if (store_is(options.directory)) {
+        throw failure_t{OUTCOME_USAGE, options.directory + " is a store: 'veldar load' fills it"};
     }
     const std::vector<std::string> before = slice_names(options.directory);
     if (before.empty() && !options.no_fsync) disk_sync_name(options.directory);
