@@ -272,6 +272,57 @@ TEST_F(Face, ErrorsSayWhatWhereAndWhatNext) {
     EXPECT_EQ(run_tool("veldar/veldar", {"-s", dir_.file("own"), "count", "*"}).out, "1\n");
 }
 
+TEST_F(Face, TablesHaveThePartsThatWereAskedFor) {
+    const owned<veldar_store> held = loaded(3);
+    EXPECT_EQ(veldar_path(held.get()), store_);
+    EXPECT_TRUE(tool_says({"--version"}).starts_with("veldar " + std::string(veldar_version()) + "\n"));
+    const veldar_query query = query_of("*");
+    veldar_events *made[2] = {}, *const &first = made[0];
+    for (veldar_events*& one : made) ASSERT_EQ(veldar_search(held.get(), &query, 0, &one), VELDAR_OK);
+    const owned<veldar_events> events(made[0]), others(made[1]);
+    veldar_table* table = nullptr;
+    ASSERT_EQ(veldar_events_table(first, 2, 0, &table), VELDAR_OK);
+    const owned<veldar_table> two(table);
+    const std::string head = "time\traw\thost\tsource\tsourcetype\tdirectory\taddress\n";
+    EXPECT_EQ(text_of(table),
+              head + "1714521602000000000\t-\t-\t-\t-\t-\t115\n1714521601000000000\t-\t-\t-\t-\t-\t58\n");
+    ASSERT_EQ(veldar_events_fill(first, table, VELDAR_NAMES), VELDAR_OK);
+    EXPECT_TRUE(text_of(table).ends_with("\t" + dir_.file("a log") + "\tiso8601\tbucket-000001\t58\n"))
+        << text_of(table);
+    veldar_text name, value;
+    ASSERT_EQ(veldar_events_row(first, table, 1), VELDAR_OK);
+    ASSERT_EQ(veldar_event_field(first, 1, &name, &value), VELDAR_OK);
+    EXPECT_EQ(std::string(value.data, value.size), "1");
+    EXPECT_EQ(veldar_events_row(first, table, 2), VELDAR_USAGE);
+    EXPECT_EQ(veldar_events_row(others.get(), table, 0), VELDAR_USAGE);
+    EXPECT_EQ(veldar_events_fill(others.get(), table, 0), VELDAR_USAGE);
+    const auto refuses = [&](const auto& change, const std::string& why) {
+        veldar_load_options options = {};
+        options.size = sizeof options;
+        change(&options);
+        const std::string file = dir_.file("a log");
+        const char* const names[] = {file.c_str()};
+        EXPECT_EQ(veldar_load(held.get(), names, 1, &options, nullptr), VELDAR_USAGE) << why;
+        EXPECT_EQ(veldar_last_error()->message, why);
+    };
+    refuses([](auto* o) { o->zone = "Nowhere/City"; }, "unknown time zone Nowhere/City");
+    refuses([](auto* o) { o->year = 1969; }, "year 1969: expected 1970 to 2037");
+    refuses([](auto* o) { o->year = 2038; }, "year 2038: expected 1970 to 2037");
+    refuses([](auto* o) { o->time_format = "%Q"; }, "%Q has an unknown letter behind '%'");
+    refuses([](auto* o) { o->time_field = "a\tb"; }, "a field's name has no tabs or line ends");
+    refuses([](auto* o) { o->date_order = "md"; }, "date order md: expected one of dmy, mdy, ymd");
+    write_file(dir_.file("m"), "up{host=\"a\"} 1 100\nup{host=\"b\"} 2.5 101.25\ndown 3 99\n");
+    const auto metrics = [&] { return table_text([&](veldar_table** t) { return veldar_metrics(held.get(), t); }); };
+    EXPECT_EQ(metrics(), "metric\tsamples\tseries\tfirst\tlast\n");
+    ASSERT_EQ(run_tool("veldar/veldar", {"-s", store_, "metrics", "load", dir_.file("m")}).status, 0);
+    EXPECT_EQ(metrics(),
+              "metric\tsamples\tseries\tfirst\tlast\ndown\t1\t1\t99000000000\t99000000000\n"
+              "up\t2\t2\t100000000000\t101000000000\n");
+    veldar_writer* writer = nullptr;
+    EXPECT_EQ(veldar_writer_open(dir_.file("m").c_str(), &writer), VELDAR_USAGE);
+    EXPECT_EQ(veldar_last_error()->message, dir_.file("m") + ": Not a directory");
+}
+
 TEST_F(Face, AnswersThatLackSomethingSaySo) {
     const owned<veldar_store> held = loaded(20);
     veldar_store* const store = held.get();

@@ -345,25 +345,6 @@ TEST(Info, TellsSectionsAndFaults) {
           "  bytes/term      8.20, of text 3.80\n", "  RLE                          2             7\n"}) {
         EXPECT_NE(text.out.find(line), std::string::npos) << line << text.out;
     }
-    const tool_result json = run_tool(TOOL, {"info", "--format", "json", path});
-    EXPECT_NE(json.out.find("\"lists\":{\"state\":\"whole\",\"offset\":449,\"bytes\":10,"), std::string::npos)
-        << json.out;
-    EXPECT_NE(json.out.find("\"faults\":0,\"findings\":[]}\n"), std::string::npos) << json.out;
-
-    slice.bytes.resize(430);
-    write_file(path, slice.bytes);
-    const tool_result cut = run_tool(TOOL, {"info", path});
-    EXPECT_EQ(cut.status, 4);
-    EXPECT_NE(cut.out.find("  lexicon                    408            41          1.95  cut off\n"),
-              std::string::npos);
-    EXPECT_NE(cut.out.find("  lists                  unknown\n"), std::string::npos) << cut.out;
-    EXPECT_NE(cut.out.find("lexicon at byte 408: cut off"), std::string::npos) << cut.out;
-    EXPECT_EQ(run_tool(TOOL, {"info", dir.file("none")}).status, 5);
-    const std::string findings = run_tool(TOOL, {"info", "--format", "json", path}).out;
-    EXPECT_EQ(findings.substr(findings.find("\"findings\"")),
-              "\"findings\":[\"lexicon at byte 408: cut off: 41 bytes from byte 408 on, but the file has 430\","
-              "\"lexicon at byte 420: block outside the lexicon: block 0 from 0 to 11\","
-              "\"lexicon at byte 424: block outside the lexicon: block 1 from 11 to 21\"]}\n");
     slice.bytes.resize(offset_of(slice, OFFSETS));
     write_file(dir.file("1020-1000-1.mini.tsidx"), slice.bytes);
     const std::string mini = run_tool(TOOL, {"info", dir.file("1020-1000-1.mini.tsidx")}).out;
@@ -726,43 +707,6 @@ TEST(Dump, PrintsWhatPutReads) {
     const tool_result kept = run_tool(TOOL, {"dump", "--format", "tsv", dir.path()});
     EXPECT_LT(kept.out.size(), dumped.out.size());
     EXPECT_EQ(kept.out.find("\t4294967295\t"), std::string::npos);
-}
-
-TEST(Dump, AndLsOfAKnownSlice) {
-    const temp_dir dir;
-    const std::string name = "1020-1000-1.tsidx";
-    std::string bytes = make_known().bytes;
-    bytes[offset_of(make_known(), D)] = 2;  // value 1 is deleted
-    write_file(dir.file(name), bytes);
-    const std::string jsonl = run_tool(TOOL, {"dump", "--deleted", dir.path()}).out;
-    EXPECT_EQ(jsonl.substr(0, jsonl.find('\n', jsonl.find('\n') + 1) + 1),
-              "{\"time\":\"1970-01-01T00:17:00Z\",\"host\":\"0\",\"source\":\"1\",\"sourcetype\":\"0\",\"address\":520,"
-              "\"measure\":0,\"deleted\":false,\"terms\":[\"a\"]}\n"
-              "{\"time\":\"1970-01-01T00:16:59Z\",\"host\":\"0\",\"source\":\"4294967295\",\"sourcetype\":\"0\","
-              "\"address\":519,\"measure\":0,\"deleted\":true,\"terms\":[\"a\"]}\n");
-    const std::string csv = run_tool(TOOL, {"dump", "--format", "csv", dir.path()}).out;
-    EXPECT_EQ(csv.find("time,host,source,sourcetype,address,measure,deleted,terms\r\n"), 0u);
-    EXPECT_NE(csv.find("\r\n1970-01-01T00:16:53Z,0,1,0,513,0,false,a solo\r\n"), std::string::npos) << csv;
-
-    write_file(dir.file("2000-1500-2.tsidx"), "damaged");
-    const tool_result ls = run_tool(TOOL, {"ls", dir.path()});
-    EXPECT_EQ(ls.status, 3);
-    EXPECT_NE(ls.err.find("2000-1500-2.tsidx"), std::string::npos);
-    EXPECT_EQ(
-        ls.out,
-        "earliest              latest                    events   deleted      terms         bytes  format      slice\n"
-        "1970-01-01T00:25:00Z  1970-01-01T00:33:20Z           -         -          -             7  unreadable  "
-        "2000-1500-2.tsidx\n"
-        "1970-01-01T00:16:40Z  1970-01-01T00:17:00Z          21         1          5           459  _TSIDX9     "
-        "1020-1000-1.tsidx\n");
-    std::filesystem::copy_file(dir.file(name), dir.file("odd"));
-    EXPECT_EQ(
-        run_tool(TOOL, {"ls", dir.file("odd")}).out.substr(109),
-        "1970-01-01T00:16:40Z  1970-01-01T00:17:00Z          21         1          5           459  _TSIDX9     odd\n");
-    const std::string bucket = run_tool(TOOL, {"ls", "--buckets", "--format", "jsonl", dir.path()}).out;
-    EXPECT_EQ(bucket.substr(bucket.find(",\"earliest")),
-              ",\"earliest\":\"1970-01-01T00:16:40Z\",\"latest\":\"1970-01-01T00:33:20Z\",\"events\":21,\"deleted\":1,"
-              "\"terms\":5,\"bytes\":466,\"slices\":2}\n");
 }
 
 TEST(Delete, MarksWhatTheQueryFinds) {

@@ -314,71 +314,10 @@ TEST_F(StatsTool, NamesInQuotesAndHints) {
               std::string::npos);
 }
 
-TEST_F(StatsTool, FormatsAndDrawings) {
-    load(
-        "2024-03-30T00:10:00Z user=\"a, b\" bytes=1234.56789\n2024-03-30T00:20:00Z user=bob bytes=1\n"
-        "2024-03-30T00:30:00Z user=bob bytes=2\n2024-03-30T02:00:00Z user=bob\n");
-    const strings by = {"stats", "--by", "user", "--agg", "count,avg(bytes),values(bytes)", "--format"};
-    const auto in = [&](const char* format) { return must(with(by, {format})); };
-    EXPECT_EQ(in("table"),
-              "user  count  avg(bytes)  values(bytes)\n"
-              "a, b      1     1234.57  1234.56789\n"
-              "bob       3         1.5  1, 2\n");
-    EXPECT_EQ(in("csv"),
-              "user,count,avg(bytes),values(bytes)\r\n\"a, b\",1,1234.56789,1234.56789\r\n"
-              "bob,3,1.5,\"1, 2\"\r\n");
-    EXPECT_EQ(in("jsonl"),
-              "{\"user\":\"a, b\",\"count\":1,\"avg(bytes)\":1234.56789,\"values(bytes)\":[\"1234.56789\"]}\n"
-              "{\"user\":\"bob\",\"count\":3,\"avg(bytes)\":1.5,\"values(bytes)\":[\"1\",\"2\"]}\n");
-    EXPECT_EQ(must({"stats", "--every", "1h", "--top", "1", "--by", "user", "--format", "jsonl"}),
-              "{\"time\":\"2024-03-30T00:00:00Z\",\"user\":\"bob\",\"count\":2}\n"
-              "{\"time\":\"2024-03-30T02:00:00Z\",\"user\":\"bob\",\"count\":1}\n");
-    EXPECT_EQ(must({"top", "user", "-n", "1", "fine", "OR", "user=*", "--format", "tsv"}), "user\tcount\nbob\t3\n");
-    for (const char* query : {"bob", "\"user=bob\""}) {
-        EXPECT_EQ(run({"stats", query, "--agg", "dc(user)"}).err, "") << "none of these is to be a number";
-        EXPECT_TRUE(run({"stats", query, "--agg", "avg(user)"}).err.starts_with("veldar: 3 values left out")) << query;
-    }
-    EXPECT_EQ(must({"stats", "--agg", "avg(none)", "--format", "jsonl"}), "{\"avg(none)\":null}\n");
+TEST(NumberText, OfNumbersThatAreLargeOrSmallOrNone) {
     EXPECT_EQ(
         number_text(NAN) + number_text(-INFINITY) + number_text(INFINITY) + number_text(2e15) + number_text(-5e-5),
         "NaN-Inf+Inf2.00000e+15-5.00000e-05");
-    const strings halves = {"diff", "--before", "2024-03-30..2024-03-30T00:25", "--after",
-                            "2024-03-30T00:25..2024-03-31"};
-    EXPECT_EQ(must(with(halves, {"user"})), R"(change          g2  before  after  before_share  after_share  term
-vanished  -1.72609       1      0           0.5            0  user="a, b"
-more       1.72609       1      2           0.5            1  user=bob
-)");
-    const variable_set wider("COLUMNS", "60");
-    EXPECT_NE(must({"stats", "--every", "15m", "--plot"}).find("\n          |03-30 00:00        |03-30 01:00\n"),
-              std::string::npos);
-    const variable_set columns("COLUMNS", "30");
-    EXPECT_EQ(must({"stats", "--every", "1h", "--plot", "--tz", "+01:00"}), R"(count  every 1h
-        3 │█████
-          │█████
-          │█████
-          │█████
-      1.5 │█████
-          │█████       ▅▅▅▅▅
-          │█████       █████
-          │█████       █████
-          |03-30 01:00
-peak 3 at 2024-03-30T01:00:00+01:00, total 4
-)");
-    EXPECT_EQ(
-        must({"stats", "user=bob", "--every", "1h", "--by", "user", "--agg", "avg(bytes)", "--plot"}).substr(0, 55),
-        "avg(bytes)  bob  every 1h\n      1.5 │█████\n");
-    EXPECT_EQ(run({"stats", "--by", "user", "--explain"}).err, R"(4 events found in 1 slice
-posting lists: 2 told by metadata, 0 counted by words of bits, 0 decoded, 0 probed
-measures: 0 stretches summed from block headers, 0 decoded
-0 values refused as no number
-)");
-    // Bins after the times of the events found, not of all.
-    EXPECT_TRUE(must({"stats", "bytes<3", "--every", "auto", "--plot"}).starts_with("count  every 1m\n"));
-
-    // In colour the two groups of the first hour stand on one another: bob's two events below.
-    const std::string layers = must({"stats", "--every", "1h", "--plot", "--by", "user", "--color", "always"});
-    EXPECT_NE(layers.find("\x1b[0;34m██\x1b[0m bob 3  \x1b[0;32m██\x1b[0m a, b 1"), std::string::npos) << layers;
-    EXPECT_NE(layers.find("│\x1b[0;34;42m▃▃▃▃▃"), std::string::npos) << layers;
 }
 
 TEST_F(StatsTool, ValuesWithAUnitAreComparedAndAggregatedInTheirBaseUnit) {
