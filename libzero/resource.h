@@ -122,7 +122,8 @@ class buffer {
     T* data() const { return data_; }
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
-    T& operator[](size_t index) const { return data_[index]; }
+    // Checked where the library's own containers are.
+    T& operator[](size_t index) const { return span()[index]; }
     T* begin() const { return data_; }
     T* end() const { return data_ + size_; }
     std::span<T> span() const { return {data_, size_}; }
