@@ -37,7 +37,6 @@ int describe(const tsidx_snapshot& snapshot, size_t i, tsidx_info_t* info, warm_
     info->deleted = warm_slice_count_deleted(warm);
     info->terms = st_warm_slice_terms(warm);
     info->postings = warm->body->num_postings.get();
-    rc->warm_rc = 0;
     info->bytes = st_warm_slice_size(warm, rc);
     return rc->warm_rc;
 }

@@ -20,15 +20,15 @@ constexpr uint32_t FEW = 64;
 constexpr uint32_t POSTINGS_A_STEP = 8;
 
 int read_times(const selection_t& selection, select_match_t* match, warm_rc_t* rc) {
-    uint32_t first = match->range.end, last = match->range.begin;
     const uint8_t* const bits = match->bits.data();
     size_t low = 0, high = match->bits.size();
     while (low < high && bits[low] == 0) low++;
     while (high > low && bits[high - 1] == 0) high--;
     ST_ASSERT(low < high);
-    first = match->range.begin + static_cast<uint32_t>(8 * low) + static_cast<uint32_t>(__builtin_ctz(bits[low]));
-    last = match->range.begin + static_cast<uint32_t>(8 * (high - 1)) + 31 -
-           static_cast<uint32_t>(__builtin_clz(bits[high - 1]));
+    const uint32_t first =
+        match->range.begin + static_cast<uint32_t>(8 * low) + static_cast<uint32_t>(__builtin_ctz(bits[low]));
+    const uint32_t last = match->range.begin + static_cast<uint32_t>(8 * (high - 1)) + 31 -
+                          static_cast<uint32_t>(__builtin_clz(bits[high - 1]));
     uint64_t nanoseconds = 0;
     ST_TRY(get_tsval_timestamp(selection.warm, first, &match->latest, &nanoseconds, rc));
     return get_tsval_timestamp(selection.warm, last, &match->earliest, &nanoseconds, rc);

@@ -1,6 +1,7 @@
 #include "searchthing/search/tokenizer.h"
 
 #include <cstring>
+#include <span>
 #include <string_view>
 
 #include "libzero/assertions.h"
@@ -39,8 +40,8 @@ token_type_t type_of(std::string_view word) {
 }
 
 void fold_to_lower(char* text, uint32_t size) {
-    for (uint32_t i = 0; i < size; i++) {
-        if (text[i] >= 'A' && text[i] <= 'Z') text[i] = static_cast<char>(text[i] - 'A' + 'a');
+    for (char& c : std::span(text, size)) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
 }
 

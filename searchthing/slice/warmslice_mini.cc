@@ -2,6 +2,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
@@ -12,11 +13,10 @@ namespace veldar {
 
 namespace {
 
-constexpr uint64_t PIECE = 1 << 20;
+constexpr size_t PIECE = 1 << 16;
 
 int copy_range(int from, int to, uint64_t begin, uint64_t end) {
-    buffer<uint8_t> piece;
-    if (!piece.alloc(static_cast<size_t>(std::min(PIECE, end - begin)))) return WARM_RC_NO_MEMORY;
+    std::array<uint8_t, PIECE> piece;
     for (uint64_t at = begin; at < end;) {
         const size_t size = static_cast<size_t>(std::min<uint64_t>(piece.size(), end - at));
         ST_TRY(_pread_verify(from, piece.data(), size, at, "mini slice"));

@@ -20,13 +20,13 @@ namespace {
 // A merge that waits for a delete has much more to lose than a delete that waits for a merge.
 constexpr int LOCK_PATIENCE = 6;
 
-int write_text(int fd, std::string_view text) {
+bool write_text(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t put = os_retry([&] { return ::write(fd, text.data(), text.size()); });
-        if (put <= 0) return -1;
+        if (put <= 0) return false;
         text.remove_prefix(static_cast<size_t>(put));
     }
-    return 0;
+    return true;
 }
 
 int fail_write(warm_rc_t* rc) {
@@ -69,7 +69,7 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
     if (!fd_.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, tmp_path_.c_str());
     state_ = TMP;
     static_cast<void>(tsidx_lock_file(fd_.get()));  // where there are no locks, its process number tells
-    return write_text(fd_.get(), text) == 0 ? 0 : fail_write(rc);
+    return write_text(fd_.get(), text) ? 0 : fail_write(rc);
 }
 
 // The names that the target has before and after the merge takes effect.
@@ -94,7 +94,7 @@ int tsidx_merge_commit::declare(st_time_t earliest, st_time_t latest, std::vecto
     // Names may have any number of leading zeros.
     if (text.size() > MERGE_MANIFEST_MAX_BYTES) return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "merge manifest");
     const size_t written = merge_manifest_owner_text(manifest_.owner).size();
-    if (write_text(fd_.get(), std::string_view(text).substr(written)) != 0) return fail_write(rc);
+    if (!write_text(fd_.get(), std::string_view(text).substr(written))) return fail_write(rc);
     if (tsidx_->durable && osfile_flush(fd_.get()) != 0) return fail_write(rc);
     target_path_ = tsidx_->path + "/" + manifest_.target;
     temp_path_ = tsidx_->path + "/" + manifest_.temp;
