@@ -95,7 +95,9 @@ TEST(Dimset, WordsAndViews) {
     ds_dimset_t* ds = ds_dimset_at(words.data());
     ds_dimset_init(ds, 11, 12, 10);
     ds_dimset_add_optdim(ds, 30);
-    EXPECT_EQ(ds_dimset_opt_dims(ds).data(), nullptr) << "a set without a column exposes nothing";
+    for (const auto view : {ds_dimset_opt_dims, ds_dimset_opt_cols, ds_dimset_opt_fields, ds_dimset_all_dims}) {
+        EXPECT_EQ(view(ds).data(), nullptr) << "a set without a column exposes nothing";
+    }
     warm_rc_t rc;
     EXPECT_EQ(ds_translate_term_ids(ds, words, &rc, true), WARM_RC_CORRUPT);
     ds_dimset_add_optcol(ds, 41);
@@ -104,12 +106,19 @@ TEST(Dimset, WordsAndViews) {
     EXPECT_EQ(words, (words_t{9, 2, 10, 11, 12, 30, 20, 40, 41, 0, 0, 0}));
     EXPECT_EQ(ds_dimset_hash(ds), 26836u);
     EXPECT_EQ(ds_dimset_hash_step(ds), 2953000137u);
-    char line[128] = {};
-    std::FILE* const out = ::fmemopen(line, sizeof line, "w");
-    ds_dimset_print(out, ds, 7, 3);
+    words_t copy(9), small = {4, 1, 2, 3};
+    EXPECT_EQ(ds_copy(ds_dimset_at(copy.data()), 8, ds), WARM_RC_CAPACITY);
+    EXPECT_EQ(ds_copy(ds_dimset_at(copy.data()), 9, ds), 0);
+    EXPECT_TRUE(std::equal(copy.begin(), copy.end(), words.begin()));
+    char text[512] = {};
+    std::FILE* const out = ::fmemopen(text, sizeof text, "w");
+    for (const int verbosity : {3, 2}) ds_dimset_print(out, ds, 7, verbosity);
+    ds_dimset_print(out, ds_dimset_at(small.data()), 8, 3);
     std::fclose(out);
-    EXPECT_STREQ(line, "\tdsid=7 num_words=9 num_columns=2 h=10 s=11 st=12 dims0=30 dims1=20 cols0=40 cols1=41\n");
-    EXPECT_EQ(ds_copy(ds_dimset_at(words.data()), 8, ds), WARM_RC_CAPACITY);
+    EXPECT_STREQ(text,
+                 "\tdsid=7 num_words=9 num_columns=2 h=10 s=11 st=12 dims0=30 dims1=20 cols0=40 cols1=41\n"
+                 "\tdsid=7 num_words=9 metric=2 h=10 s=11 st=12 fields0=30 fields1=20 fields2=40 fields3=41\n"
+                 "\tdsid=8 -- INVALID DIMSET num_words=4 too small\n");
 }
 
 TEST(Dimset, SectionsAndTheirMerge) {

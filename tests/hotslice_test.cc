@@ -208,7 +208,9 @@ TEST(HotSlice, FullCodes) {
         const st_txn next = event(1, i);
         EXPECT_EQ(st_hot_slice_txn_start(hot.get(), &next), row.code);
         EXPECT_EQ(put(hot, nth(0), next), row.code) << "aborted";
+        EXPECT_TRUE(st_hot_slice_txn_aborted(hot.get()));
         st_hot_slice_reset(hot.get());
+        EXPECT_FALSE(st_hot_slice_txn_aborted(hot.get()) || st_hot_slice_is_streaming(hot.get()));
         EXPECT_EQ(st_hot_slice_txn_start(hot.get(), &next), 0);
         EXPECT_EQ(put(hot, nth(0), next), 0);
         EXPECT_EQ(prepare(hot).terms, 1u);
@@ -248,7 +250,11 @@ TEST(HotSlice, TransactionCheckIsExact) {
 TEST(HotSliceDeathTest, StreamingOrderIsTheCallersDuty) {
     const hot_ptr hot = make_hot({}, true);
     ASSERT_EQ(put(hot, "a", event(10, 10)), 0);
-    EXPECT_DEATH(put(hot, "a", event(9, 11)), "ASSERTION FAILED");
+    st_txn others[] = {event(9, 11), event(11, 10), event(10, 10), event(10, 10), event(10, 10)};
+    others[2].source = others[3].source_type = others[4].host = 1;
+    for (const st_txn& other : others) EXPECT_DEATH(put(hot, "b", other), "ASSERTION FAILED");
+    EXPECT_TRUE(st_hot_slice_is_streaming(hot.get()) && st_hot_slice_max_dimsets() == UINT32_MAX &&
+                st_hot_slice_max_dimset_measures() == UINT32_MAX);
 }
 
 }  // namespace

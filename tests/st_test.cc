@@ -5,6 +5,7 @@
 
 #include "searchthing/directory/health.h"
 #include "searchthing/st_optimize.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
@@ -38,6 +39,9 @@ TEST(St, RefusedOpens) {
     EXPECT_EQ(st_close(missing), 0);
     EXPECT_EQ(st_close(nullptr), -1);
     EXPECT_EQ(st_sync(nullptr), -1);
+    const st_tsval_encoded key = {};
+    const st_addr_t address = 0;
+    EXPECT_TRUE(st_delete_by_keys(nullptr, &key, 1) == -1 && st_delete_by_addrs(nullptr, &address, 1) == -1);
     EXPECT_TRUE(files_in(dir.path(), "").empty());
 }
 
@@ -48,6 +52,9 @@ TEST(St, ReadingChangesNothing) {
     EXPECT_EQ(st_txn_start(thing, 1, 1, 1, 1, 1), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(st_get_warm_rc(thing), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(st_sync(thing), 0);
+    EXPECT_TRUE(st_delete_by_keys(thing, nullptr, 1) == -1 && st_delete_by_addrs(thing, nullptr, 1) == -1);
+    tsidx_dropped_t dropped;
+    EXPECT_EQ(st_tsidx_drop_slices(st_directory(thing), {"2-1-1.tsidx"}, &dropped), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(st_close(thing), 0);
     EXPECT_TRUE(files_in(dir.path(), "").empty());
 }

@@ -229,11 +229,13 @@ class Torture : public testing::Test {
 
 TEST_F(Torture, EveryFileCallFails) {
     uint64_t calls = 0, allocations = 0;
+    std::vector<uint64_t> numbers;  // of allocations, each from a place of its own
     {
-        const fault_step counting(fault_action::fail, ~uint64_t{0});
+        const fault_step counting(fault_action::allocation, ~uint64_t{0});
         run_workload(index_, mini_, progress_.at);
         calls = counting.calls();
         allocations = counting.allocations();
+        numbers = counting.firsts();
     }
     EXPECT_TRUE(progress_->finished);
     EXPECT_EQ(progress_->removal, DONE);
@@ -272,10 +274,10 @@ TEST_F(Torture, EveryFileCallFails) {
         }
         run(fault_action::shorten, n, 0, 1);
     }
-    const uint64_t stride = brief ? 1 + allocations / 150 : 1;
-    for (uint64_t n = 1; n <= allocations && !HasFailure(); n += stride) {
-        run(fault_action::allocation, n, 0, 1);
-        if (!brief) run(fault_action::allocation, n, 0, 1000000);
+    for (uint64_t n = 1; n <= allocations && !brief; n++) numbers.push_back(n);
+    for (size_t i = 0; i < numbers.size() && !HasFailure(); i++) {
+        run(fault_action::allocation, numbers[i], 0, 1);
+        if (!brief) run(fault_action::allocation, numbers[i], 0, 1000000);
     }
 }
 
