@@ -443,6 +443,12 @@ TEST_F(Watch, WhatIsWrittenWhenTheSignalComesIsThere) {
     EXPECT_EQ(count(), std::to_string(written) + "\n");
     expect_each_once();
     EXPECT_NE(read_file(store + ".err").find("1,011 events"), std::string::npos);
+    write_file(dir.file("later/a.log.1"), read_file(dir.file("later/a.log")) + line());
+    fs::remove(dir.file("later/a.log"));
+    watching again(store, {dir.file("later/*.log")});
+    EXPECT_TRUE(all_found()) << "a log that lost its name meanwhile";
+    EXPECT_EQ(again.end(SIGTERM), 0);
+    expect_each_once();
     EXPECT_EQ(run({"watch", "--sync-every", "5"}).status, 2);
 }
 

@@ -1,6 +1,7 @@
 #include "tools/libveldar/load/watch.h"
 
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -158,6 +159,23 @@ void open_notes(watcher* w) {
         const size_t blank = lines.find(' ', at), end = lines.find('\n', at);
         if (blank < end) w->noted[lines.substr(blank + 1, end - blank - 1)] = std::strtoull(&lines[at], nullptr, 10);
         at = end + 1;
+    }
+}
+
+bool is_wanted(const watch_options& options, const std::string& source) {
+    return std::any_of(options.names.begin(), options.names.end(), [&](const std::string& name) {
+        return is_pattern(name) &&
+               ::fnmatch(loader_source_name(name).c_str(), source.c_str(), FNM_PATHNAME | FNM_PERIOD) == 0;
+    });
+}
+
+// Logs of a pattern that were followed before and have not the name any more: what was written to them since may be in
+// their pieces.
+void begin_vanished(watcher* w) {
+    for (const auto& [source, since_ns] : w->noted) {
+        const bool is_there = ::access(source.c_str(), F_OK) == 0;
+        if (is_there || ::access(parent_of(source).c_str(), R_OK) != 0 || !is_wanted(*w->options, source)) continue;
+        begin_rotation(w, source, std::max(since_ns, loaded_until(*w, source)), PIECES_SETTLE_FOR);
     }
 }
 
@@ -399,6 +417,7 @@ void watch_logs(loader* load, const watch_options& options) {
     w.load = load;
     w.options = &options;
     open_notes(&w);
+    begin_vanished(&w);
     const milliseconds patience = options.sync_every * 3 / 4, often = std::min(LOOK_OFTEN, options.sync_every / 5);
     look_round(&w);
     load_all(&w, false);
