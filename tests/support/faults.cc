@@ -379,9 +379,9 @@ int __wrap_open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
+    const bool is_new = (flags & O_CREAT) != 0 && veldar::file_log_is_on() && ::faccessat(AT_FDCWD, path, F_OK, 0) != 0;
     const int fd = through(fault_call::open, -1, [&](bool) { return __real_open(path, flags, mode); });
-    if (fd >= 0 && (flags & O_CREAT) != 0 && veldar::file_log_is_on())
-        log_call({.kind = file_op::CREATE, .path = path}, fd);
+    if (fd >= 0 && is_new) log_call({.kind = file_op::CREATE, .path = path}, fd);
     if (fd >= 0 && (flags & O_TRUNC) != 0) log_call({.kind = file_op::SIZE}, fd);
     return (flags & O_CREAT) != 0 ? noted(fd, "create", path) : fd;
 }

@@ -121,6 +121,7 @@ std::map<std::string, std::string> file_log::after_power_loss(size_t count, bool
     std::map<uint64_t, std::string> contents = contents_;
     for (size_t i = 0; i < count; i++) {
         const file_op& op = ops[i];
+        if (op.kind == file_op::CREATE) contents[op.inode].clear();  // the number may have been another file's
         if (is_of_names(op)) {
             bool keep = is_durable(i, op.path);
             if (!keep) {
