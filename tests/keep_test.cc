@@ -449,7 +449,7 @@ TEST_F(Watch, WhatIsWrittenWhenTheSignalComesIsThere) {
     EXPECT_TRUE(all_found()) << "a log that lost its name meanwhile";
     EXPECT_EQ(again.end(SIGTERM), 0);
     expect_each_once();
-    EXPECT_EQ(run({"watch", "--sync-every", "5"}).status, 2);
+    for (const char* wrong : {"--sync-every=5", ""}) EXPECT_EQ(run({"watch", app, wrong}).status, 2) << wrong;
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ namespace {
 
 seal_report fail(const std::string& slice, const warm_rc_t& rc) {
     seal_report out;
-    out.error = slice_error(slice, rc);
     if (rc.warm_rc == WARM_RC_NO_MEMORY) throw std::bad_alloc();
     if (::access(slice.c_str(), F_OK) != 0 && errno == ENOENT) {
         out.state = SEAL_VANISHED;
@@ -24,6 +23,7 @@ seal_report fail(const std::string& slice, const warm_rc_t& rc) {
         out.state = SEAL_NONE;
     } else {
         out.state = rc.warm_rc == WARM_RC_CORRUPT ? SEAL_DAMAGED : SEAL_UNREADABLE;
+        out.error = slice_error(slice, rc);
     }
     return out;
 }

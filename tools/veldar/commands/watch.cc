@@ -29,6 +29,9 @@ std::optional<std::chrono::milliseconds> span_of(const std::string& text) {
 
 int watch_run(const tool_context& context, load_options options, const std::string& sync_every) {
     load_options_check(options);
+    for (const std::string& name : options.files) {
+        if (name.empty()) throw failure_t{OUTCOME_USAGE, "an empty name of a log"};
+    }
     options.follows = true;
     const watch_options watch = {.names = std::exchange(options.files, {}), .sync_every = *span_of(sync_every)};
     work_catch_interrupts();
