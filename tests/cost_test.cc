@@ -6,7 +6,6 @@
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice.h"
 #include "tests/support/directory.h"
-#include "tests/support/forge_metric.h"
 #include "tests/support/query_maker.h"
 
 namespace veldar {
@@ -63,11 +62,9 @@ TEST(Cost, Questions) {
     const temp_dir dir;
     std::vector<forge_event> events = forge_random_events(3, 9000);
     for (forge_event& event : events) event.deleted = false;
-    const std::vector<metric_event> measured = random_metric_events(3, 3000);
     const reference_index reference(events);
     std::string paths[] = {forge_file(dir.path(), events, forge_as_created(4), 1),
-                           forge_file(dir.path(), events, forge_event_kinds().back(), 2),
-                           forge_metric_file(dir.path(), measured, {.milliseconds = true, .terms = {}}, 3)};
+                           forge_file(dir.path(), events, forge_event_kinds().back(), 2)};
     EXPECT_EQ(cost_of_questions(paths[0], reference, {"host", "status"}, "bytes"),
               "130357 8480 65478 20 0 0 0 0 186 579140\n130357 16138 243 24 0 0 0 0 164 609847\n"
               "130357 834 243 20 0 0 0 0 94 300119\n130357 8463 0 19 1 0 0 0 130 487432\n"
@@ -76,10 +73,6 @@ TEST(Cost, Questions) {
               "130357 8474 65478 20 0 0 0 0 3550 3440438\n130357 16115 243 24 0 0 0 0 6524 5951349\n"
               "130357 828 243 20 0 0 0 0 457 686456\n130357 8451 0 19 1 0 0 0 3484 3347664\n"
               "65478 80 488 143 276 0 0 6832 4363 5038530\n");
-    EXPECT_EQ(cost_of_questions(paths[2], metric_reference(measured, true), {"host", "metric_name"}, "m*"),
-              "72940 83 23671 20 0 0 0 0 114 26050\n72940 47 270 20 0 0 0 0 70 21610\n"
-              "72940 32 322 20 0 0 0 0 57 14728\n72940 32 0 20 0 0 0 0 58 15183\n"
-              "23671 0 0 0 0 4126 390 2236 541 634504\n");
 }
 
 }  // namespace
