@@ -85,16 +85,22 @@ void gather_bucket(known_files* known, const store_bucket& bucket) {
     }
 }
 
-// A log whose lines take another form goes on as another file of the source map, in the midst of a bucket: at the
-// address and the offset where the stretch before it ends.
+// Whether both are one log. It is moved in all its forms, but the head that is known grows with the last of them alone.
+bool is_same_log(const source_file& a, const source_file& b) {
+    const bool stands_there = a.path == b.path && a.inode == b.inode && a.device == b.device;
+    return a.source == b.source && (stands_there || (a.head_size == b.head_size && a.head_hash == b.head_hash));
+}
+
+// A log whose lines take another form goes on as another file of the source map: at the address and the offset where the
+// stretch before it ends. Where a bucket ends there, the next one alone has its events.
 void gather_forms(known_files* known, const source_map& map) {
-    for (size_t i = 1; i < map.stretches.size() && is_reached(map, i); i++) {
+    for (size_t i = 1; i < map.stretches.size(); i++) {
         const source_stretch &before = map.stretches[i - 1], &one = map.stretches[i];
         const auto file = known->by_number.find(before.number), next = known->by_number.find(one.number);
         const bool goes_on = one.number > before.number && one.offset > 0 && one.offset >= before.offset &&
                              one.offset - before.offset == one.base - before.base;
         if (!goes_on || file == known->by_number.end() || next == known->by_number.end()) continue;
-        if (file->second.file.source == next->second.file.source) file->second.next = one.number;
+        if (is_same_log(file->second.file, next->second.file)) file->second.next = one.number;
     }
 }
 
