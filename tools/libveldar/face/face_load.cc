@@ -153,6 +153,9 @@ veldar_status veldar_writer_open(const char* directory, veldar_writer** writer) 
             throw failure_t{OUTCOME_USAGE, path + ": " + std::strerror(ENOTDIR), path};
         }
         if (store_is(path)) throw failure_t{OUTCOME_USAGE, path + " is a store: veldar_load fills it", path};
+        if (disk_exists(path + "/source.map")) {
+            throw failure_t{OUTCOME_USAGE, path + " is a store's bucket: veldar_load fills it", path};
+        }
         disk_sync_name(path);
         index_writer_open(&made->writer, path, 4, false, {}, true);
         *writer = made.release();

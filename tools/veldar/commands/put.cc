@@ -114,6 +114,10 @@ int put_run_all(const put_options& options) {
     if (store_is(options.directory)) {
         throw failure_t{OUTCOME_USAGE, options.directory + " is a store: 'veldar load' fills it"};
     }
+    // Events whose addresses no log has would tell the next load that nothing of the bucket was loaded.
+    if (disk_exists(options.directory + "/source.map")) {
+        throw failure_t{OUTCOME_USAGE, options.directory + " is a store's bucket: 'veldar load' fills it"};
+    }
     const std::vector<std::string> before = slice_names(options.directory);
     if (before.empty() && !options.no_fsync) disk_sync_name(options.directory);
     work_catch_interrupts();
