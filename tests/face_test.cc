@@ -264,6 +264,7 @@ TEST_F(Face, ErrorsSayWhatWhereAndWhatNext) {
     veldar_writer* writer = nullptr;
     fails(veldar_writer_open(store_.c_str(), &writer), VELDAR_USAGE, "is a store");
     fails(veldar_writer_open((store_ + "/bucket-000001").c_str(), &writer), VELDAR_USAGE, "is a store's bucket");
+    fails(veldar_writer_open((store_ + "/metrics/").c_str(), &writer), VELDAR_USAGE, "is a store's metric directory");
     ASSERT_EQ(veldar_writer_open(dir_.file("own").c_str(), &writer), VELDAR_OK);
     const veldar_text bad = {"a\0b", 3}, good = {"a", 1};
     fails(veldar_writer_put(writer, 1, 1, &bad, 1), VELDAR_USAGE, "NUL");

@@ -191,6 +191,10 @@ TEST(TimePlace, ValuesTellTheOrderOfDayAndMonthWhereTheyCan) {
     EXPECT_EQ(found({"02/01/2026 10:00"}), "0 %m/%d/%Y%t%R or %d/%m/%Y%t%R") << "the nearer one";
     EXPECT_EQ(found({"02/05/2025 23:59", "02/06/2025 00:00"}), "0 %m/%d/%Y%t%R or %d/%m/%Y%t%R") << "a day apart";
     EXPECT_EQ(found({"05/02/2025 23:59", "06/02/2025 00:00"}), "0 %d/%m/%Y%t%R or %m/%d/%Y%t%R");
+    const std::vector<std::string_view> monthly = {"01/01/2026 10:00", "02/01/2026 10:00"};
+    const time_hints then = {1769940000, 1769940000, ""};  // 2026-02-01 10:00
+    EXPECT_EQ(time_place_text(time_place_find(monthly, then)), "0 %m/%d/%Y%t%R")
+        << "its last line is as old as the file";
     EXPECT_EQ(found({"02/01/2026 10:00"}, "dmy"), "0 %d/%m/%Y%t%R");
     EXPECT_EQ(found({"26/02/25 10:00:00"}), "0 %y/%m/%d%t%T or %d/%m/%y%t%T");
     EXPECT_EQ(found({"[02.11 10:00:00] a", "[02.13 10:00:00] a"}, "ymd"), "0 [%m.%d %T]");

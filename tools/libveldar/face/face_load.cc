@@ -147,14 +147,12 @@ veldar_status veldar_writer_open(const char* directory, veldar_writer** writer) 
         const std::string path = text_from(directory);
         if (path.empty()) throw failure_t{OUTCOME_USAGE, "the name of the directory is empty"};
         auto made = std::make_unique<veldar_writer>();
+        const std::string part = store_part(path);
+        if (!part.empty()) throw failure_t{OUTCOME_USAGE, path + " is " + part + ": veldar_load fills it", path};
         disk_make_directory(path);
         struct stat st;
         if (::stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
             throw failure_t{OUTCOME_USAGE, path + ": " + std::strerror(ENOTDIR), path};
-        }
-        if (store_is(path)) throw failure_t{OUTCOME_USAGE, path + " is a store: veldar_load fills it", path};
-        if (disk_exists(path + "/source.map")) {
-            throw failure_t{OUTCOME_USAGE, path + " is a store's bucket: veldar_load fills it", path};
         }
         disk_sync_name(path);
         index_writer_open(&made->writer, path, 4, false, {}, true);

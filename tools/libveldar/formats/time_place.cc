@@ -224,10 +224,11 @@ size_t words_of(const candidate& one) {
     return words;
 }
 
-// How unlikely an order of day and month is: where the sample passes midnight, the wrong one leaps over months; else the
-// file was hardly written long after its lines.
-std::pair<int64_t, int64_t> unlikeliness(const candidate& one, const time_hints& hints) {
-    return {(one.latest_s - one.earliest_s) / DAY_S, std::abs(one.first.stamp.local_s - hints.modified_s)};
+// How unlikely an order of day and month is: a file that is read to its end was written when its last line was; where
+// the lines pass a midnight, the wrong order leaps over months; else a file was hardly written long after its lines.
+std::tuple<bool, int64_t, int64_t> unlikeliness(const candidate& one, const time_hints& hints) {
+    return {std::abs(one.latest_s - hints.modified_s) > DAY_S, (one.latest_s - one.earliest_s) / DAY_S,
+            std::abs(one.first.stamp.local_s - hints.modified_s)};
 }
 
 // Whether a number is the time that the line also writes in words: zones differ by quarters of an hour.

@@ -157,24 +157,29 @@ bool same_tail(const known_file& known, log_input* input) {
     return XXH64(bytes.data(), bytes.size(), 0) == tail.hash;
 }
 
-// What stands in the input from this offset on, up to as many bytes as the buffer has.
-size_t read_from(log_input* input, uint64_t offset, std::span<char> out) {
+// What stands in the input from this offset on, up to as many bytes as the buffer has; negative when it cannot be read.
+int64_t read_from(log_input* input, uint64_t offset, std::span<char> out) {
     std::string error;
-    if (!log_input_seek(input, offset, &error)) return 0;
+    if (!log_input_seek(input, offset, &error)) return log_input_is_plain(*input) ? -1 : 0;
     size_t have = 0;
     while (have < out.size()) {
         const int64_t got = log_input_read(input, out.data() + have, out.size() - have, &error);
-        if (got <= 0) break;
+        if (got < 0) return -1;
+        if (got == 0) break;
         have += static_cast<size_t>(got);
     }
-    return have;
+    return static_cast<int64_t>(have);
 }
 
-// Whether the original goes on behind the progress with all the bytes that the input has there, as far as 4 KiB tell.
+// Whether the original goes on behind the progress with all the bytes that the input has there, as far as 4 KiB tell. One
+// that cannot be read is taken to.
 bool goes_on_alike(const known_file& known, log_input* input, log_input* original) {
     char bytes[4096], others[sizeof bytes];
-    const size_t size = read_from(input, known.progress, bytes);
-    return read_from(original, known.progress, {others, size}) == size && std::memcmp(bytes, others, size) == 0;
+    const int64_t size = read_from(input, known.progress, bytes);
+    if (size <= 0) return true;
+    const auto wanted = static_cast<size_t>(size);
+    const int64_t got = read_from(original, known.progress, {others, wanted});
+    return got < 0 || (got == size && std::memcmp(bytes, others, wanted) == 0);
 }
 
 // Whether the log was truncated since it was opened.

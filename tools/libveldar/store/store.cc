@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 
 #include "searchthing/directory/merge_manifest.h"
@@ -142,6 +143,20 @@ bool store_is(const std::string& path) {
     if (size < 0) fail_io("cannot read", file, errno);
     if (std::string_view(mark, static_cast<size_t>(size)) == STORE_MARK) return true;
     throw failure_t{OUTCOME_IO, file + ": damaged, or of another version: a store's says \"veldar store 1\""};
+}
+
+std::string store_part(const std::string& directory) {
+    if (store_is(directory)) return "a store";
+    // Events whose addresses no log has would tell the next load that nothing of the bucket was loaded.
+    if (disk_exists(directory + "/source.map")) return "a store's bucket";
+    std::error_code ignored;
+    const auto place = (std::filesystem::weakly_canonical(directory, ignored) / "").parent_path();
+    if (place.filename() != STORE_METRICS) return {};
+    try {
+        return store_is(place.parent_path().string()) ? "a store's metric directory" : "";
+    } catch (const failure_t&) {
+        return {};  // something else that is called so
+    }
 }
 
 std::string store_choose(const std::string& option) {

@@ -57,6 +57,8 @@ struct store {
 
 // Whether the directory is a store. Throws failure_t when that cannot be told, also because its mark is damaged.
 bool store_is(const std::string& path);
+// What a directory, which need not be there, is to a store, in words; empty when it is none of its own. Throws failure_t.
+std::string store_part(const std::string& directory);
 // The store of a command: `option` when given, else $VELDAR_STORE, else the nearest ".veldar" that is a store in this
 // directory or one above it, else ".veldar" here. Throws failure_t.
 std::string store_choose(const std::string& option);

@@ -107,16 +107,11 @@ int put_run_all(const put_options& options) {
     uint64_t size;
     const unique_fd input = open_input(options.input, &size);
     struct stat st;
+    const std::string part = store_part(options.directory);
+    if (!part.empty()) throw failure_t{OUTCOME_USAGE, options.directory + " is " + part + ": 'veldar load' fills it"};
     disk_make_directory(options.directory);
     if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
         throw failure_t{OUTCOME_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
-    }
-    if (store_is(options.directory)) {
-        throw failure_t{OUTCOME_USAGE, options.directory + " is a store: 'veldar load' fills it"};
-    }
-    // Events whose addresses no log has would tell the next load that nothing of the bucket was loaded.
-    if (disk_exists(options.directory + "/source.map")) {
-        throw failure_t{OUTCOME_USAGE, options.directory + " is a store's bucket: 'veldar load' fills it"};
     }
     const std::vector<std::string> before = slice_names(options.directory);
     if (before.empty() && !options.no_fsync) disk_sync_name(options.directory);
