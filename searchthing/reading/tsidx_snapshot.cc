@@ -36,7 +36,7 @@ void tsidx_snapshot::add_file(uint32_t source) {
     const auto listing = std::make_shared<tsidx_listing_t>(1, tsidx_slice_name_t{sources_[source].path, {}});
     const std::string& path = listing->front().name;
     st_filename_metadata_t* const meta = &listing->front().meta;
-    if (!tsidx_is_slice_name(path.c_str() + path.rfind('/') + 1, meta) &&
+    if (!tsidx_is_slice_name(path.c_str() + (path.rfind('/') + 1), meta) &&
         st_tsidx_file_parse(path.c_str(), meta) == 0) {
         meta->earliest = TSIDX_FIRST_TIME;
         meta->latest = TSIDX_LAST_TIME;
