@@ -148,7 +148,10 @@ veldar_status veldar_writer_open(const char* directory, veldar_writer** writer) 
         if (path.empty()) throw failure_t{OUTCOME_USAGE, "the name of the directory is empty"};
         auto made = std::make_unique<veldar_writer>();
         const std::string part = store_part(path);
-        if (!part.empty()) throw failure_t{OUTCOME_USAGE, path + " is " + part + ": veldar_load fills it", path};
+        if (!part.empty()) {
+            throw failure_t{OUTCOME_USAGE, path + " is " + part + ": veldar_load and veldar_load_metrics fill it",
+                            path};
+        }
         disk_make_directory(path);
         struct stat st;
         if (::stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {

@@ -108,7 +108,10 @@ int put_run_all(const put_options& options) {
     const unique_fd input = open_input(options.input, &size);
     struct stat st;
     const std::string part = store_part(options.directory);
-    if (!part.empty()) throw failure_t{OUTCOME_USAGE, options.directory + " is " + part + ": 'veldar load' fills it"};
+    if (!part.empty()) {
+        throw failure_t{OUTCOME_USAGE,
+                        options.directory + " is " + part + ": 'veldar load' and 'veldar metrics load' fill it"};
+    }
     disk_make_directory(options.directory);
     if (::stat(options.directory.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
         throw failure_t{OUTCOME_USAGE, options.directory + ": " + std::strerror(ENOTDIR)};
