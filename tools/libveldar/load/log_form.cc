@@ -183,8 +183,9 @@ bool has_time_field(const load_options& options, std::string_view head, format_c
         if (parsed.has_time) return true;
         if (example.empty() && !parsed.no_event) example = line.substr(0, EXAMPLE_BYTES);
     }
+    if (example.empty()) return true;
     *error = "no line says a time in the field " + options.time_field + "; the first is: " + example;
-    return example.empty();
+    return false;
 }
 
 }  // namespace
@@ -207,9 +208,10 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
         const bool formed = parse_log_line(*format, line, &context, &parsed);
         if (formed && (format != text_format() || parsed.has_time)) return true;
     }
+    if (example.empty()) return true;
     *error = "no line has the form of " + (options.time_format.empty() ? options.format : options.time_format) +
              "; the first is: " + example;
-    return example.empty();
+    return false;
 }
 
 bool log_form_changed(const load_options& options, const log_event_maker& maker, std::string_view text, log_form* out) {
@@ -258,9 +260,10 @@ bool log_form_is_dated(const load_options& options, const log_zone& zone, std::s
         records++;
         dated += parsed.has_time;
     }
+    if (dated * 2 >= records) return true;
     *error = "left out: only " + std::to_string(dated) + " of its first " + std::to_string(records) +
              " records say a time that is understood, not this one: " + example;
-    return dated * 2 >= records;
+    return false;
 }
 
 std::string log_form_zone(const load_options& options) {
