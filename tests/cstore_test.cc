@@ -205,6 +205,27 @@ int read_all(int fd, int64_t ref) {
     return cs_verify(&store, &rc);
 }
 
+unique_fd file_of(const std::string& bytes) {
+    unique_fd fd(::memfd_create("cstore", MFD_CLOEXEC));
+    EXPECT_EQ(st_pwrite(fd.get(), bytes.data(), bytes.size(), 0), static_cast<int64_t>(bytes.size()));
+    return fd;
+}
+std::string bytes_of(const section& s) {
+    std::string bytes(static_cast<size_t>(s.ref) + 200, '\0');
+    const int64_t size = st_pread(s.fd.get(), bytes.data(), bytes.size(), 0);
+    EXPECT_GT(size, s.ref);
+    bytes.resize(static_cast<size_t>(size));
+    return bytes;
+}
+
+void expect_no_damage_gets_past(const std::string& whole, int64_t ref) {
+    ASSERT_EQ(read_all(file_of(whole).get(), ref), 0);
+    const damage_fn refuse = [&](const std::string& damaged, const std::string& what) {
+        ASSERT_EQ(read_all(file_of(damaged).get(), ref), WARM_RC_CORRUPT) << what;
+    };
+    EXPECT_GT(damage_sweep(whole, {.from = SECTION}, refuse), whole.size() * 3);
+}
+
 TEST(Cstore, NoDamageGetsPast) {
     std::mt19937_64 random(5);
     columns all;
@@ -213,16 +234,7 @@ TEST(Cstore, NoDamageGetsPast) {
             all[static_cast<uint32_t>(kind)][4 + i + i / 7] = element_of(kind, i, &random);
     }
     const section s = build(all, 40, 4, [](uint32_t) { return false; });
-    std::string whole(static_cast<size_t>(s.ref) + 200, '\0');
-    const int64_t got = st_pread(s.fd.get(), whole.data(), whole.size(), 0);
-    whole.resize(static_cast<size_t>(got));
-    ASSERT_EQ(read_all(s.fd.get(), s.ref), 0);
-    const damage_fn refuse = [&](const std::string& damaged, const std::string& what) {
-        const unique_fd fd(::memfd_create("damaged", MFD_CLOEXEC));
-        ASSERT_EQ(st_pwrite(fd.get(), damaged.data(), damaged.size(), 0), static_cast<int64_t>(damaged.size()));
-        ASSERT_EQ(read_all(fd.get(), s.ref), WARM_RC_CORRUPT) << what;
-    };
-    EXPECT_GT(damage_sweep(whole, {.from = SECTION}, refuse), whole.size() * 3);
+    expect_no_damage_gets_past(bytes_of(s), s.ref);
     for (const int64_t ref : {int64_t{-1}, int64_t{0}, int64_t{16}, s.ref - 8, s.ref + 1, s.ref + 8, INT64_MAX}) {
         EXPECT_EQ(read_all(s.fd.get(), ref), WARM_RC_CORRUPT) << ref;
     }
@@ -320,8 +332,7 @@ TEST(Cstore, DamagedTablesAreRefusedOrSound) {
     for (uint32_t i = 0; i < 600; i++) all[i % 2][4 + i + i / 90] = i;
     all[2][7] = 1;
     const section s = build(all, 700, 4, [](uint32_t) { return false; });
-    std::string whole(static_cast<size_t>(s.ref) + 200, '\0');
-    ASSERT_GT(st_pread(s.fd.get(), whole.data(), whole.size(), 0), s.ref);
+    const std::string whole = bytes_of(s);
     cs_reader_t store;
     warm_rc_t rc;
     ASSERT_EQ(cs_reader_open(&store, s.fd.get(), SECTION, s.ref, &rc), 0);
@@ -344,8 +355,7 @@ TEST(Cstore, DamagedTablesAreRefusedOrSound) {
             head.checksum =
                 cset_head_checksum(&head, reinterpret_cast<const uint8_t*>(bad.data()) + offset + sizeof head, size);
             std::memcpy(bad.data() + offset, &head, sizeof head);
-            const unique_fd fd(::memfd_create("damaged", MFD_CLOEXEC));
-            ASSERT_EQ(st_pwrite(fd.get(), bad.data(), bad.size(), 0), static_cast<int64_t>(bad.size()));
+            const unique_fd fd = file_of(bad);
             store.fd = fd.get();
             store.remembered.clear();
             cset_reader_t set;
@@ -367,26 +377,12 @@ TEST(Cstore, DamagedTablesAreRefusedOrSound) {
     EXPECT_TRUE(refused > 300 && opened > 100) << refused << " " << opened;
 }
 
-// A section of version 1: five measures of twelve values and fewer, a block of each codec.
-constexpr char VERSION_1[] =
-    "4353544F5245303101000000050000001600000002000000980200000000000043535431010000000C000000010000000300000005040000"
-    "02000000DE36E6294249000000000000500A000000000000000000000C00000000000000000000009A9999999999B93F9A9999999999B93F"
-    "333333333333F33F9A9999999999B93F96F3B96D0000000043535431010000000C00000001000000030000000504000007000000BD7AFD30"
-    "4249000000000000500A000000000000000000000C00020305010100000000006666666666E64940000000000000F07F000000000000F07F"
-    "58CA00000000000000413CD604C6D900440C00000000000000000000000000000700000000000000F07F0000000000007008D41A00000000"
-    "43535431010000000C0000000100000003000000050400000400000012701CEB4249000000000000500A000000000000000000000C000300"
-    "0200000000000000000000A2941A6D420040189DA91A6D420018A957F7D3A5420010A5D4E80000003E420F0000000000CFF33C0000000000"
-    "E3742DA90000000043535431010000000C0000000100000003000000050400000700000054EC03724249000000000000500A000000000000"
-    "000000000C00041D1800000000000000000000609EA0F63F000000402BD80C400000002CC4DA3F40000000609EA0F63F000000E4AE280DFB"
-    "4ACA165A7EBF670A4F740000800DFB8ACF5D95A23E9FE4AEA867BCB1000000000C623EDA0000000043535431010000000300000001000000"
-    "0300000004020000040000006E3DAF12620D000000000000240000000000000000000000030001000000000000000000157C4A7FB979379E"
-    "696C747C9F601517157C4A7FB979379E157C4A7FB979379E696C747C9F601517BD5C9E798547F38F720F62C000000000050000001AAA6EFA"
-    "D00200000000000000000000040000000200000011000000040000002300000006000000320000000800000044000000";
-
 TEST(Cstore, Version1IsReadForEver) {
+    // Five measures of twelve values and fewer, a block of each codec.
+    const std::string text = read_file(VELDAR_SOURCE_DIR "/tests/data/cstore-1.hex");
     std::string whole(SECTION, '\0');
-    for (const char* at = VERSION_1; *at != 0; at += 2) {
-        whole.push_back(static_cast<char>(std::stoi(std::string(at, 2), nullptr, 16)));
+    for (size_t at = 0; at < text.size(); at += 3) {
+        whole.push_back(static_cast<char>(std::stoi(text.substr(at, 2), nullptr, 16)));
     }
     columns all;
     for (uint32_t i = 0; i < 12; i++) {
@@ -398,11 +394,6 @@ TEST(Cstore, Version1IsReadForEver) {
         if (i % 4 == 0) all[8][value_no] = std::bit_cast<double>(0x9E3779B97F4A7C15u * (i + 1));
     }
     const int64_t ref = static_cast<int64_t>(whole.size() - SECTION) - 16 - 5 * 8;
-    const auto file_of = [](const std::string& bytes) {
-        unique_fd fd(::memfd_create("cstore", MFD_CLOEXEC));
-        EXPECT_EQ(st_pwrite(fd.get(), bytes.data(), bytes.size(), 0), static_cast<int64_t>(bytes.size()));
-        return fd;
-    };
     const unique_fd fd = file_of(whole);
     std::mt19937_64 random(9);
     cs_reader_t store;
@@ -424,10 +415,7 @@ TEST(Cstore, Version1IsReadForEver) {
         cset_reader_close(&set);
     }
     EXPECT_EQ(codecs.size(), 5u);
-    const damage_fn refuse = [&](const std::string& damaged, const std::string& what) {
-        ASSERT_EQ(read_all(file_of(damaged).get(), ref), WARM_RC_CORRUPT) << what;
-    };
-    EXPECT_GT(damage_sweep(whole, {.from = SECTION}, refuse), whole.size() * 3);
+    expect_no_damage_gets_past(whole, ref);
 }
 
 // Builds a section of two measures and reads all of it; the first failure, with the record's code checked against it.
@@ -495,28 +483,26 @@ TEST(Cstore, SlicesWithoutAStoreOrWithThatOfAnother) {
     warm_rc_t rc;
     WARM* warm = st_warm_slice_open_rdonly(path.c_str(), &rc);
     ASSERT_NE(warm, nullptr);
-    const st_warm_slice_body body = *warm->body;
-    st_warm_slice_body other = body;
-    warm->body = &other;
-    other.num_values.set(body.num_values.get() - 1);
-    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
-    EXPECT_STREQ(rc.message, "cstore footer is corrupted");
-    other = body;
-    other.num_dimsets.set(body.num_dimsets.get() - 1);
-    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
-    EXPECT_STREQ(rc.message, "cstore footer is corrupted");
-    other = body;
-    other.cstore_ref.set(body.cstore_ref.get() + 8);
-    EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
-    EXPECT_EQ(rc.warm_rc, WARM_RC_CORRUPT);
-    std::memcpy(other.magic, "_TSIDX8", 8);
-    EXPECT_EQ(st_warm_slice_cstore_offset(warm, &rc), -1);
-    EXPECT_EQ(rc.warm_rc, WARM_RC_NO_DIMSETS);
-    EXPECT_STREQ(rc.message, "size is 0");
-    other.cstore_ref.set(0);
-    EXPECT_EQ(st_warm_slice_cstore_offset(warm, &rc), -1);
-    EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
-    EXPECT_STREQ(rc.message, "not a msidx cstore tsidx");
+    const st_warm_slice_body* const body = warm->body;
+    using body_t = st_warm_slice_body;
+    const struct {
+        void (*change)(body_t* body);
+        int status;
+        const char* message;
+    } wrong[] = {
+        {[](body_t* b) { b->num_values.set(b->num_values.get() - 1); }, WARM_RC_CORRUPT, "cstore footer is corrupted"},
+        {[](body_t* b) { b->num_dimsets.set(b->num_dimsets.get() - 1); }, WARM_RC_CORRUPT,
+         "cstore footer is corrupted"},
+        {[](body_t* b) { b->cstore_ref.set(b->cstore_ref.get() + 8); }, WARM_RC_CORRUPT, "cstore footer is corrupted"},
+        {[](body_t* b) { std::memcpy(b->magic, "_TSIDX8", 8); }, WARM_RC_NO_DIMSETS, "size is 0"},
+        {[](body_t* b) { b->cstore_ref.set(0); }, WARM_RC_UNSUPPORTED, "not a msidx cstore tsidx"}};
+    for (const auto& one : wrong) {
+        body_t other = *body;
+        one.change(&other);
+        warm->body = &other;
+        EXPECT_EQ(st_warm_slice_cstore(warm, &rc), nullptr);
+        EXPECT_EQ(std::pair(rc.warm_rc, std::string(rc.message)), std::pair(one.status, std::string(one.message)));
+    }
     warm->body = reinterpret_cast<st_warm_slice_body*>(warm->map.data());
     EXPECT_EQ(st_warm_slice_close(warm), 0);
 }
