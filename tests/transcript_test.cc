@@ -21,7 +21,8 @@ TEST_P(Transcript, IsWhatItWas) {
     EXPECT_EQ(std::system(run.c_str()), 0) << read_file(difference);  // NOLINT(cert-env33-c): a shell is what asks
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Transcript, testing::Values("damage", "load", "sources", "stats", "upkeep", "usage"));
+INSTANTIATE_TEST_SUITE_P(Of, Transcript,
+                         testing::Values("damage", "load", "optimize", "sources", "stats", "upkeep", "usage"));
 
 }  // namespace
 }  // namespace veldar
