@@ -268,7 +268,6 @@ bool ask(kept_lists* lists, reader_owner* r, uint32_t term, uint32_t first, uint
     return !bits.empty();
 }
 
-// Of a slice 8 MiB, which four lists fill here, and 64 lists; of the process 64 MiB.
 // Groups stop before the last word of a bitmap that is not whole, before `stop`, and before bytes that are not theirs.
 TEST(GapGroups, KeepTheirBounds) {
     if (!gap_groups_usable()) GTEST_SKIP() << "no vectors";
@@ -293,6 +292,7 @@ TEST(GapGroups, KeepTheirBounds) {
     }
 }
 
+// Of a slice 8 MiB, which four lists fill here, and 64 lists; of the process 64 MiB.
 TEST(KeptLists, AreBounded) {
     std::string section(1, '\0');
     std::vector<std::pair<uint64_t, uint32_t>> entries;
