@@ -49,7 +49,7 @@ std::string round_text(const bin_width& width) {
     if (width.unit == bin_width::MONTHS) {
         return width.count % 12 == 0 ? put(width.count / 12, "y") : put(width.count, "mo");
     }
-    if (width.unit == bin_width::DAYS) return put(width.count, "d");
+    if (width.unit == bin_width::DAYS) return width.weekly ? put(width.count / 7, "w") : put(width.count, "d");
     const int64_t seconds = width.count / SECOND_NS;
     if (seconds % 3600 == 0) return put(seconds / 3600, "h");
     return seconds % 60 == 0 ? put(seconds / 60, "m") : put(seconds, "s");
