@@ -7,7 +7,7 @@ set -o pipefail
 file=$(realpath "$1") tools=$(realpath "$2")
 place=$(mktemp -d /tmp/veldar-transcript-XXXXXX)  # of one length: sizes depend on it
 trap 'rm -rf "$place"' EXIT
-export PATH="$tools/veldar:$tools:$PATH" HOME="$place" TMPDIR="$place" TZ=UTC LC_ALL=C COLUMNS=80
+export DATA=${file%/transcripts/*} PATH="$tools/veldar:$tools:$PATH" HOME="$place" TMPDIR="$place" TZ=UTC LC_ALL=C COLUMNS=80
 unset VELDAR_STORE VELDAR_SQLITE XDG_CONFIG_HOME
 mkdir "$place/@" && cd "$place/@" || exit 1
 
