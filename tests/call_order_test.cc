@@ -15,6 +15,7 @@
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/loader.h"
+#include "tools/libveldar/load/metric_loader.h"
 
 namespace veldar {
 
@@ -141,6 +142,26 @@ TEST_F(CallOrder, Load) {
            "create source.map\ncreate spool-1\n" + mark + "write spool-1\n" + map + slice + "sync spool-1\n" + mark +
                "create source.map\n" + map + "sync spool-1\n" + slice + mark);
     ::dup2(kept.get(), 0);
+}
+
+// Samples wait in a place of their own until a commit says which slices and notes they are.
+TEST_F(CallOrder, MetricLoad) {
+    write_file(dir_.file("up.om"), "up 1 1714557600\n");
+    const auto load = [&] {
+        metric_load_options options;
+        options.no_optimize = true;
+        metric_loader one;
+        metric_loader_open(&one, dir_.file("metrics"), options);
+        std::string error;
+        EXPECT_TRUE(metric_loader_load(&one, dir_.file("up.om"), &error)) << error;
+        metric_loader_close(&one);
+    };
+    EXPECT_EQ(calls_of(load),
+              "sync DIR\ncreate metrics.loaded\ncreate .pre-tsidx\nwrite .pre-tsidx\nsync .pre-tsidx\n" + NEW_SEAL +
+                  "link .pre-tsidx .tsidx\nsync metrics.batch\nunlink .pre-tsidx\ncreate commit.part\n"
+                  "write commit.part\nsync commit.part\nrename commit.part commit\nsync metrics.batch\n"
+                  "rename .tsidx.seal .tsidx.seal\nrename .tsidx .tsidx\nsync metrics\n"
+                  "sync metrics.batch\nwrite metrics.loaded\nsync metrics.loaded\nunlink commit\n");
 }
 
 }  // namespace
