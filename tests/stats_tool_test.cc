@@ -14,7 +14,6 @@
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/query/stats_input.h"
 #include "tools/libveldar/query/time_bins.h"
-#include "tools/libveldar/store/slices.h"
 #include "tools/veldar/output/event_output.h"
 #include "tools/veldar/output/table_output.h"
 
@@ -175,14 +174,6 @@ struct StatsTool : testing::Test {
         EXPECT_EQ(result.status, 0) << arguments[0] << " " << result.err;
         return result.out;
     }
-    void load(const std::string& text) {
-        write_file(dir.file("a.log"), text);
-        must({"load", dir.file("a.log"), "--host", "web", "--no-fsync", "--max-values", "97"});
-    }
-    void load_metrics(const std::string& text) {
-        write_file(dir.file("m.prom"), text);
-        must({"metrics", "load", dir.file("m.prom"), "--format", "openmetrics"});
-    }
 };
 
 // The lines behind the first; empty when nothing is found.
@@ -211,7 +202,8 @@ TEST_F(StatsTool, RowsEqualNaiveCounting) {
     const std::vector<line_event> events = make_events(450);
     std::string log;
     for (const line_event& event : events) log += event.text + "\n";
-    load(log);
+    write_file(dir.file("a.log"), log);
+    must({"load", dir.file("a.log"), "--host", "web", "--no-fsync", "--max-values", "97"});
     struct {
         std::string query;
         std::function<bool(const line_event&)> lacks;
@@ -289,107 +281,14 @@ TEST(TimeBins, FollowTheClocksOfTheZone) {
     EXPECT_EQ(bin_width_for(0, 3540, 60).count, int64_t{60} * 1000000000);
 }
 
-TEST_F(StatsTool, NamesInQuotesAndHints) {
+TEST(StatsInput, PartsAreCutAtCommasOutsideOfBracketsAndQuotes) {
     EXPECT_EQ(comma_parts("a(b,c) , d),e,\"f,g\" ,"), (strings{"a(b,c)", "d)", "e", "f,g", ""}));
-    const temp_dir other;
-    std::string longest;
-    for (int i = 0; i < 12; i++) longest += "\xC3\xA4-";
-    write_file(other.file("log"),
-               "{\"time\":\"2024-03-01T00:00:00Z\",\"a, b\":\"X\",\"level\":\"low\"}\n"
-               "{\"time\":\"2024-03-01T00:00:01Z\",\"name\":\"" +
-                   longest + "\"}\n");
-    const auto run_in = [&](std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"-s", other.file("store")});
-        return run_tool("veldar/veldar", arguments);
-    };
-    ASSERT_EQ(run_in({"load", other.file("log"), "--no-fsync"}).status, 0);
-    EXPECT_NE(run_in({"fields"}).out.find("1\t1\t\"a, b\"\n"), std::string::npos);
-    EXPECT_NE(run_in({"stats", "--by", "\"a, b\",level", "--format", "csv"}).out.find("x,low,1"), std::string::npos);
-    const variable_set columns("COLUMNS", "24");
-    EXPECT_EQ(run_in({"stats", "--by", "name", "--plot"}).out,
-              "name                  count\n" + longest.substr(0, 9 * 3 + 2) + "~      1  ████████\n");
-    EXPECT_NE(run_in({"top", "levle"}).err.find("no event has a field 'levle'; did you mean 'level'?"),
-              std::string::npos);
-    EXPECT_NE(run_in({"count", "low", "--since", "2025"}).err.find("0 in these times; without --since and --until 1"),
-              std::string::npos);
 }
 
 TEST(NumberText, OfNumbersThatAreLargeOrSmallOrNone) {
     EXPECT_EQ(
         number_text(NAN) + number_text(-INFINITY) + number_text(INFINITY) + number_text(2e15) + number_text(-5e-5),
         "NaN-Inf+Inf2.00000e+15-5.00000e-05");
-}
-
-TEST_F(StatsTool, ValuesWithAUnitAreComparedAndAggregatedInTheirBaseUnit) {
-    load(
-        "2024-03-30T00:00:00Z t=35ms n=1,234\n2024-03-30T00:00:01Z t=2s n=7\n2024-03-30T00:00:02Z t=1m0.5s\n"
-        "2024-03-30T00:00:03Z t=4 n=none\n");
-    for (const auto& [query, count] : std::vector<std::pair<const char*, const char*>>{{"t>1s", "3"},
-                                                                                       {"t>1", "3"},
-                                                                                       {"t<=2000ms", "2"},
-                                                                                       {"t>60s", "1"},
-                                                                                       {"-t>1s", "1"},
-                                                                                       {"n>1,233", "2"},
-                                                                                       {"n<=7", "1"}}) {
-        EXPECT_EQ(run({"count", query}).out, std::string(count) + "\n") << query;
-    }
-    const tool_result stats = run({"stats", "--agg", "avg(t),max(t),p50(n),count(n)", "--format", "tsv"});
-    EXPECT_EQ(stats.out, "avg(t)\tmax(t)\tp50(n)\tcount(n)\n16.63375\t60.5\t7\t3\n");
-    EXPECT_EQ(stats.err, "veldar: 1 value left out of aggregates: no number, such as 'none' of 'n'\n");
-}
-
-TEST_F(StatsTool, ManyValuesAreAbout) {
-    std::string log;
-    for (int i = 0; i < 5000; i++) log += "2024-03-30T00:00:00Z id=" + std::to_string(i) + "\n";
-    load(log);
-    const std::string out = must({"stats", "--agg", "dc(id),p50(id),max(id)"});
-    double distinct = 0, median = 0, most = 0;
-    ASSERT_EQ(std::sscanf(out.c_str(), "%*s %*s %*s about %lf about %lf %lf", &distinct, &median, &most), 3) << out;
-    EXPECT_NEAR(distinct, 5000, 200);
-    EXPECT_NEAR(median, 2499, 26);
-    EXPECT_EQ(most, 4999);
-}
-
-TEST_F(StatsTool, NewTermsAndChangedShares) {
-    std::string log;
-    for (int i = 0; i < 60; i++) {
-        const bool late = i >= 20;
-        log += event_time_text(static_cast<st_time_t>(BEGIN + i * 60), 0) + " level=" + (i % 4 == 0 ? "warn" : "info") +
-               (late ? " code=" + std::to_string(i) : "") + (i % 10 == 0 && !late ? " old=1" : "") + "\n";
-    }
-    load(log);
-    EXPECT_EQ(run({"new", "--since", "2024-03-28T01:00", "code"}).status, 1);
-    EXPECT_EQ(run({"new", "--since", "2024-03-28T00:58", "code"}).out,
-              "first                 count  term\n2024-03-28T00:59:00Z      1  code=59\n"
-              "2024-03-28T00:58:00Z      1  code=58\n");
-    EXPECT_EQ(must({"new", "--since", "2024-03-28T00:20", "co*=2*", "-n", "1", "--format", "csv"}),
-              "first,count,term\r\n2024-03-28T00:29:00Z,1,code=29\r\n");
-    EXPECT_EQ(run({"new", "--since", "2024-03-28T00:01", "level"}).out.find("warn"), std::string::npos);
-
-    const strings all = {"diff",
-                         "--format",
-                         "tsv",
-                         "--before",
-                         "2024-03-28..2024-03-28T00:20",
-                         "--after",
-                         "2024-03-28T00:20..2024-03-28T00:30"};
-    const strings lines = split(must(all), '\n');
-    // Of 20 events and 10 each value of `code` is in one of the later ten; 2 of 20 had `old`; 5 of 20 and 3 of 10 warn,
-    // the rest is info.
-    EXPECT_EQ(lines.size(), 1u + 10 + 1 + 2);
-    const auto g2 = [](double a, double n, double b, double m) {
-        const auto part = [](double seen, double expected) { return seen == 0 ? 0 : seen * std::log(seen / expected); };
-        const double p = (a + b) / (n + m);
-        return 2 * (part(a, p * n) + part(b, p * m) + part(n - a, (1 - p) * n) + part(m - b, (1 - p) * m));
-    };
-    const strings code = split(lines[1], '\t'), old = split(lines[11], '\t'), warn = split(lines[12], '\t');
-    EXPECT_EQ(code[0] + code[6], "appearedcode=20");
-    EXPECT_NEAR(std::stod(code[1]), g2(0, 20, 1, 10), 1e-6);
-    EXPECT_EQ(old[0] + old[6], "vanishedold=1");
-    EXPECT_NEAR(std::stod(old[1]), -g2(2, 20, 0, 10), 1e-6);
-    EXPECT_EQ(strings(warn.begin() + 2, warn.end()), strings({"15", "7", "0.75", "0.7", "level=info"}));
-    EXPECT_NEAR(std::stod(warn[1]), -g2(15, 20, 7, 10), 1e-6);
-    EXPECT_EQ(split(must(with(all, {"level", "-n", "1"})), '\n').size(), 2u);
 }
 
 TEST_F(StatsTool, MetricsByBinAndLabel) {
@@ -405,7 +304,8 @@ TEST_F(StatsTool, MetricsByBinAndLabel) {
                 "cpu_user 7" + at;
         bins[{floor_to(time, 300), host}].push_back(value);
     }
-    load_metrics(text);
+    write_file(dir.file("m.prom"), text);
+    must({"metrics", "load", dir.file("m.prom"), "--format", "openmetrics"});
     std::string expected = "time,host,avg,max,p95,count\r\n";
     for (auto& [key, values] : bins) {
         std::sort(values.begin(), values.end());
@@ -421,72 +321,6 @@ TEST_F(StatsTool, MetricsByBinAndLabel) {
     EXPECT_EQ(must(with(asked, {"--by", "host", "--missing", "--format", "csv"})), expected);
     EXPECT_EQ(must({"metrics", "query", "cpu_*", "--agg", "count", "--by", "metric_name", "--format", "csv"}),
               "metric_name,count\r\ncpu_idle,500\r\ncpu_user,500\r\n");
-    load_metrics("old 1 -1.25\nold 2 -0.75\n");
-    EXPECT_EQ(must({"metrics", "query", "old", "--until", "1970-01-01", "--every", "500ms", "--agg", "sum", "--format",
-                    "csv"}),
-              "time,sum\r\n1969-12-31T23:59:58.5Z,1\r\n1969-12-31T23:59:59Z,2\r\n");
-}
-
-TEST_F(StatsTool, RatesKnowCountersThatBeganAgain) {
-    const auto at = [](int64_t seconds) { return " " + std::to_string(BEGIN + seconds) + "\n"; };
-    // a: 120 in the first minute's bin; then 60, a new beginning to 30, and on to 90: 60 + 30 + 60; then an hour's gap.
-    load_metrics("n{host=\"a\"} 100" + at(0) + "n{host=\"a\"} 220" + at(50) + "n{host=\"a\"} 280" + at(70) +
-                 "n{host=\"a\"} 30" + at(90) + "n{host=\"a\"} NaN" + at(95) + "n{host=\"a\"} 90" + at(110) +
-                 "n{host=\"a\"} 3690" + at(3710) + "n{host=\"b\"} 5" + at(0) + "n{host=\"b\"} 5" + at(119) +
-                 "n{host=\"c\"} 9" + at(3));
-    const strings asked = {"metrics", "query", "n", "--every", "1m", "--rate", "--format", "csv", "--agg"};
-    const auto rates = [&](const strings& more) { return must(with(asked, more)); };
-    EXPECT_EQ(rates({"avg", "--by", "host"}),
-              "time,host,avg\r\n2024-03-28T00:00:00Z,a,2.4\r\n2024-03-28T00:01:00Z,a,2.5\r\n"
-              "2024-03-28T00:01:00Z,b,0\r\n2024-03-28T01:01:00Z,a,1\r\n");
-    EXPECT_EQ(rates({"sum,count", "--until", "2024-03-28T00:30"}),
-              "time,sum,count\r\n2024-03-28T00:00:00Z,2.4,1\r\n2024-03-28T00:01:00Z,2.5,2\r\n");
-    const std::string last = rates({"max", "--fill", "last"}), zero = rates({"max", "--fill", "zero"});
-    EXPECT_EQ(split(last, '\n').size(), 1u + 62);
-    EXPECT_NE(last.find("T01:00:00Z,2.5\r\n"), std::string::npos) << last;
-    EXPECT_NE(zero.find("T01:00:00Z,0\r\n"), std::string::npos) << zero;
-}
-
-TEST_F(StatsTool, WrongArgumentsAndUnreadableSlices) {
-    load("2024-03-30T00:10:00Z a=1\n2010-03-30T00:10:00Z a=2\n");
-    struct {
-        strings arguments;
-        const char* said;
-    } const wrong[] = {
-        {{"stats", "--agg", "AGV(a)"}, "did you mean 'avg'?"},
-        {{"stats", "--agg", "avg"}, "expected a field, such as avg(bytes)"},
-        {{"stats", "--agg", "max()"}, "expected a field, such as max(bytes)"},
-        {{"stats", "--agg", "p101(a)"}, "is no aggregate"},
-        {{"stats", "--by", "a,,b"}, "expected fields with commas between them"},
-        {{"stats", "--by", "1,2,3,4,5,6,7,8,9"}, "at most 8 fields"},
-        {{"stats", "--every", "1x"}, "is not a width such as"},
-        {{"stats", "--every", "1s"}, "more than 1,048,576 bins"},
-        {{"stats", "--every", "1h", "--tz", "Mars/Base"}, "unknown time zone"},
-        {{"stats", "--format", "xml"}, "xml"},
-        {{"stats", "\"a"}, "this query cannot be read"},
-        {{"new"}, "--since is required"},
-        {{"diff", "--before", "2010..2011"}, "--after is required"},
-        {{"diff", "--before", "2010", "--after", "x..y"}, "two times with '..' between them"},
-        {{"diff", "--before", "..2010-01-01", "--after", "2010-01-01..noon"}, "--after: 'noon' is not a time such as"},
-        {{"metrics", "query", "x", "--rate", "-n", "3"}, "are for samples"},
-        {{"metrics", "query", "x", "--agg", "avg(x)"}, "expected a name alone"},
-        {{"metrics", "query", "x", "--every", "1h", "--fill", "up"}, "up"},
-    };
-    for (const auto& one : wrong) {
-        const tool_result result = run(one.arguments);
-        EXPECT_EQ(result.status, 2) << one.said;
-        EXPECT_NE(result.err.find(one.said), std::string::npos) << result.err;
-        EXPECT_EQ(result.out, "");
-    }
-    EXPECT_EQ(must({"stats", "--every", "auto", "--plot"}).substr(0, 17), "count  every 3mo\n");
-    const slice_set set = slices_list(store);
-    for (size_t i = 0; i < set.slices->size(); i++) {
-        const std::string bytes = read_file(set.slices->path(i));
-        write_file(set.slices->path(i), bytes.substr(0, bytes.size() / 2));
-    }
-    const tool_result result = run({"stats"});
-    EXPECT_EQ(result.status, 3) << result.err;
-    EXPECT_EQ(result.out, "count\n    0\n");
 }
 
 }  // namespace

@@ -22,8 +22,8 @@ TEST_P(Transcript, IsWhatItWas) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, Transcript,
-                         testing::Values("borders", "damage", "load", "optimize", "sources", "stats", "upkeep",
-                                         "usage"));
+                         testing::Values("borders", "damage", "inspect", "load", "optimize", "sources", "stats",
+                                         "upkeep", "usage"));
 
 }  // namespace
 }  // namespace veldar
