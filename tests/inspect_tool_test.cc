@@ -1,4 +1,4 @@
-// The commands that show what is inside of slices and what overlaps, and the one that deletes.
+// What checks slices and shows what is inside, and that every command tells its failures.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -335,31 +335,6 @@ TEST(Fsck, SurvivesEveryDamage) {
     }
 }
 
-// Through the tool: what a slice that is known by heart looks like, and what a damaged one does.
-TEST(Info, TellsSectionsAndFaults) {
-    const temp_dir dir;
-    known_slice slice = make_known();
-    const std::string path = dir.file("1020-1000-1.tsidx");
-    write_file(path, slice.bytes);
-    const tool_result text = run_tool(TOOL, {"info", path});
-    EXPECT_EQ(text.status, 0) << text.err;
-    for (const char* const line :
-         {"459 bytes, events, 21 values, 0 deleted\n", "  earliest        1000  1970-01-01T00:16:40Z\n",
-          "  wflags          8 PLO_TAG2\n", "  lists                      449            10          0.48\n",
-          "  bytes/term      8.20, of text 3.80\n", "  RLE                          2             7\n"}) {
-        EXPECT_NE(text.out.find(line), std::string::npos) << line << text.out;
-    }
-    slice.bytes.resize(offset_of(slice, OFFSETS));
-    write_file(dir.file("1020-1000-1.mini.tsidx"), slice.bytes);
-    const std::string mini = run_tool(TOOL, {"info", dir.file("1020-1000-1.mini.tsidx")}).out;
-    EXPECT_TRUE(text.out.find("\nLists ") != mini.npos && mini.find("\nLists ") == mini.npos) << mini;
-    slice_image image;
-    std::string error;
-    const fault broken(fault_call::pread, 1, EIO);
-    EXPECT_EQ(slice_image_open(path, &image, &error), IMAGE_UNREADABLE);
-    EXPECT_NE(error.find(": cannot be read from byte 0 on: Input/output error"), error.npos) << error;
-}
-
 TEST(Fsck, ExitStatusTells) {
     const temp_dir dir;
     const std::string path = forge_file(dir.path(), forge_random_events(5, 30), forge_as_created(4));
@@ -375,6 +350,13 @@ TEST(Fsck, ExitStatusTells) {
         EXPECT_EQ(info.status, fsck.status) << what << info.err;
     });
     EXPECT_EQ(run_tool(TOOL, {"fsck", "--quiet", dir.path()}).out, "");
+    {
+        slice_image image;
+        std::string error;
+        const fault broken(fault_call::pread, 1, EIO);
+        EXPECT_EQ(slice_image_open(path, &image, &error), IMAGE_UNREADABLE);
+        EXPECT_NE(error.find(": cannot be read from byte 0 on: Input/output error"), error.npos) << error;
+    }
     ASSERT_EQ(::unlink(path.c_str()), 0);
     ASSERT_EQ(::symlink(path.c_str(), path.c_str()), 0);
     EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 5);
@@ -398,17 +380,22 @@ std::vector<uint64_t> numbers_of(std::vector<uint64_t> failing) {
     return failing;
 }
 
+// A store of fifty events in three slices, and of two samples.
+std::string make_store(const temp_dir& dir) {
+    const std::string store = dir.file("store");
+    std::ofstream log(dir.file("log"));
+    for (int i = 10; i < 60; i++) log << "2024-01-01T00:00:" << i << "Z n=" << i % 3 << std::endl;
+    write_file(dir.file("m"), "up{host=\"a\"} 1 100\nup{host=\"b\"} 2 101\n");
+    EXPECT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
+    EXPECT_EQ(run_tool(TOOL, {"-s", store, "metrics", "load", dir.file("m")}).status, 0);
+    return store;
+}
+
 // Whatever fails beneath a command that reads: it says all that there is, or that something failed.
 TEST(Inspect, EveryFailureIsTold) {
     const lock_optimism optimism;
     const temp_dir dir;
-    std::string log, store = dir.file("store"), metrics = store + "/metrics";
-    for (int i = 10; i < 60; i++)
-        log += "2024-01-01T00:00:" + std::to_string(i) + "Z n=" + std::to_string(i % 3) + "\n";
-    write_file(dir.file("log"), log);
-    write_file(dir.file("m"), "up{host=\"a\"} 1 100\nup{host=\"b\"} 2 101\n");
-    ASSERT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
-    ASSERT_EQ(run_tool(TOOL, {"-s", store, "metrics", "load", dir.file("m")}).status, 0);
+    const std::string store = make_store(dir);
     const struct {
         void (*add)(const command&);
         std::vector<std::string> arguments;
@@ -471,16 +458,8 @@ TEST(Inspect, EveryFailureOfAChangeIsToldAndMadeGood) {
     const no_pauses pauses;
     const temp_dir dir;
     st_init("inspect_tool_test");  // locks are signed
-    const std::string store = dir.file("store"), bucket = store + "/bucket-000001";
-    std::string log;
-    for (int i = 10; i < 60; i++)
-        log += "2024-01-01T00:00:" + std::to_string(i) + "Z n=" + std::to_string(i % 3) + "\n";
-    write_file(dir.file("log"), log);
-    ASSERT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
-    const std::string samples = "up{host=\"a\"} 1 100\nup{host=\"b\"} 2 101\n";
-    write_file(dir.file("m"), samples);
-    ASSERT_EQ(run_tool(TOOL, {"-s", store, "metrics", "load", dir.file("m")}).status, 0);
-    write_file(dir.file("m"), samples + "up{host=\"c\"} 3 102\n");
+    const std::string store = make_store(dir), bucket = store + "/bucket-000001";
+    std::ofstream(dir.file("m"), std::ios::app) << "up{host=\"c\"} 3 102\n";
     const auto run = [&](void (*add)(const command&), std::vector<std::string> arguments, std::string* out) {
         arguments.insert(arguments.end(), {"-s", store});
         int status = -1;
@@ -614,16 +593,16 @@ TEST(Inspect, WhatIsDoneOutlivesALossOfPower) {
         std::vector<std::string> arguments = given;
         if (given[0] != "put") arguments.insert(arguments.end(), {"-s", store});
         file_log calls(dir.path());
+        int status = -1;
         testing::internal::CaptureStdout();
-        {
-            try {
-                EXPECT_EQ(run_command(add, arguments), 0);
-            } catch (const failure_t& failure) {
-                ADD_FAILURE() << failure.message;
-            }
+        try {
+            status = run_command(add, arguments);
+        } catch (const failure_t& failure) {
+            std::puts(failure.message.c_str());
         }
         calls.stop();
-        testing::internal::GetCapturedStdout();
+        const std::string said = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(status, 0) << said;
         std::map<std::string, std::string> whole;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
             if (entry.is_regular_file()) whole[std::filesystem::relative(entry, dir.path())] = read_file(entry.path());
@@ -645,8 +624,9 @@ TEST(Inspect, WhatIsDoneOutlivesALossOfPower) {
             for (const auto& [name, bytes] : left) EXPECT_FALSE(is_needed(name)) << "came back: " << name;
         }
         testing::internal::CaptureStdout();
-        EXPECT_EQ(run_command(add_fsck_command, {"fsck", store, "--against-source"}), 0);
+        status = run_command(add_fsck_command, {"fsck", store, "--against-source"});
         const std::string told = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(status, 0) << told;
         EXPECT_NE(told.find(" 0 differ, 0 cannot be read there"), told.npos) << told;
     }
 }
@@ -710,34 +690,6 @@ TEST(Fsck, DamagedHeadersCostNothing) {
     EXPECT_EQ(status, 0);
 }
 
-TEST(Fsck, StoresHoldWhatTheirSlicesName) {
-    const temp_dir dir;
-    const std::string store = dir.file("store");
-    write_file(dir.file("log"), "2024-01-01T00:00:00Z one\n2024-01-01T00:00:01Z two\n");
-    ASSERT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log")}).status, 0);
-    EXPECT_EQ(run_tool(TOOL, {"-s", store, "fsck"}).out, "1 slices checked, no faults\n");
-    const std::pair<const char*, const char*> faults[] = {
-        {"hosts", ": host that has no name: 0 of value 0, 2 events\n"},
-        {"sources", ": source that has no name: 0 of value 0, 2 events\n"},
-        {"sourcetypes", ": source type that has no name: 0 of value 0, 2 events\n"},
-        {"bucket-000001/source.map", " of value 0, 2 events\n"}};
-    for (const auto& [file, said] : faults) {
-        const std::string path = store + "/" + file, content = read_file(path);
-        write_file(path, "");
-        const tool_result fsck = run_tool(TOOL, {"fsck", store});
-        EXPECT_EQ(fsck.status, 4) << file;
-        EXPECT_NE(fsck.out.find(said), std::string::npos) << file << fsck.out;
-        write_file(path, content);
-    }
-    const std::string map = store + "/bucket-000001/source.map";
-    std::string content = read_file(map);
-    content[20] = static_cast<char>(~content[20]);
-    write_file(map, content);
-    EXPECT_EQ(run_tool(TOOL, {"fsck", store}).status, 4);
-    ASSERT_EQ(::unlink((store + "/hosts").c_str()), 0);
-    EXPECT_EQ(run_tool(TOOL, {"fsck", store}).status, 5);
-}
-
 // Lists turned round in runs of any size give each value its terms.
 TEST(Dump, TurnsListsRound) {
     const temp_dir dir;
@@ -783,64 +735,6 @@ TEST(Dump, PrintsWhatPutReads) {
     const tool_result kept = run_tool(TOOL, {"dump", "--format", "tsv", dir.path()});
     EXPECT_LT(kept.out.size(), dumped.out.size());
     EXPECT_EQ(kept.out.find("\t4294967295\t"), std::string::npos);
-}
-
-TEST(Delete, MarksWhatTheQueryFinds) {
-    const lock_optimism optimism;
-    const temp_dir dir;
-    std::vector<forge_event> events = forge_random_events(8, 100), other = forge_random_events(9, 50);
-    for (forge_event& event : events) event.deleted = false;
-    for (forge_event& event : other) event.deleted = false;
-    const std::string first = forge_file(dir.path(), events, forge_as_created(4), 1);
-    const std::string second = forge_file(dir.path(), other, forge_as_created(3), 2);
-    size_t tenths = 0;
-    for (const std::vector<forge_event>& one : {events, other}) {
-        const forge_picture picture = forge_number(one);
-        const auto term = std::find(picture.terms.begin(), picture.terms.end(), "tenth") - picture.terms.begin();
-        tenths += picture.postings[static_cast<size_t>(term)].size();
-    }
-    ASSERT_GT(tenths, 0u);
-    const std::string number = std::to_string(tenths) + " events ";
-    const std::vector<std::string> arguments = {"-s", dir.path(), "delete", "tenth"};
-    std::vector<std::string> dry = arguments;
-    dry.push_back("--dry-run");
-    const std::string before = read_file(first) + read_file(second);
-    EXPECT_EQ(run_tool(TOOL, dry).out, number + "would be deleted\n");
-    EXPECT_EQ(read_file(first) + read_file(second), before);
-    EXPECT_EQ(run_tool(TOOL, arguments).out, number + "deleted\n");
-    EXPECT_EQ(run_tool(TOOL, arguments).status, 1);
-    EXPECT_EQ(run_tool(TOOL, dry).status, 1);
-    EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "count", "tenth"}).out, "0\n");
-    EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "count", "*"}).out, std::to_string(150 - tenths) + "\n");
-    EXPECT_EQ(run_tool(TOOL, {"fsck", dir.path()}).status, 0);
-
-    // What cannot all be searched is not deleted in part.
-    write_file(second, read_file(second).substr(0, 200));
-    const std::string kept = read_file(first);
-    EXPECT_EQ(run_tool(TOOL, {"-s", dir.path(), "delete", "all"}).status, 3);
-    EXPECT_EQ(read_file(first), kept);
-    EXPECT_EQ(run_tool(TOOL, {"-s", first, "delete", "all"}).status, 2);
-
-    // Of events with one time and address those that are found.
-    const std::string twins = dir.file("twins");
-    for (const char* const term : {"twin", "twin", "other"}) {
-        write_file(dir.file("event"), "100\t7\t1\t1\t1\t0\t" + std::string(term) + "\n");
-        ASSERT_EQ(run_tool(TOOL, {"put", twins, dir.file("event")}).status, 0);
-    }
-    EXPECT_EQ(run_tool(TOOL, {"-s", twins, "delete", "--dry-run", "twin"}).out, "2 events would be deleted\n");
-    EXPECT_EQ(run_tool(TOOL, {"-s", twins, "delete", "twin"}).out, "2 events deleted\n");
-    EXPECT_EQ(run_tool(TOOL, {"-s", twins, "count", "*"}).out, "1\n");
-}
-
-TEST(Health, DrawsTheOverlap) {
-    const temp_dir dir;
-    EXPECT_EQ(run_tool(TOOL, {"health", dir.path()}).out.substr(dir.path().size() - dir.path().rfind('/') - 1),
-              ": health 0, 0 slices\n");
-    for (const char* const name : {"127-0-1.tsidx", "63-0-2.tsidx", "31-0-3.tsidx"}) write_file(dir.file(name), "");
-    const std::string out = run_tool(TOOL, {"health", dir.path()}).out;
-    EXPECT_EQ(out.substr(out.find(": ")), ": health 375, 3 slices\n|" + std::string(32, '3') + std::string(32, '2') +
-                                              std::string(64, '1') + "|\n 1970-01-01T00:00:00Z" + std::string(88, ' ') +
-                                              "1970-01-01T00:02:07Z\n");
 }
 
 }  // namespace
