@@ -1,4 +1,4 @@
-// What keeps a store in order: old events that go, leftovers that are collected, and logs that are followed.
+// What keeps a store in order beside others that change it: old events that go, and logs that are followed.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -10,7 +10,6 @@
 #include <fstream>
 #include <functional>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include "searchthing/upkeep/tsidx_upkeep.h"
@@ -28,112 +27,9 @@ namespace {
 namespace fs = std::filesystem;
 using clock = std::chrono::steady_clock;
 
-struct store_test : directory_test {
+struct Retain : directory_test {
     temp_dir dir;
-    std::string store = dir.file("store"), bucket = store + "/bucket-000001/";
-
-    tool_result run(std::vector<std::string> arguments, const std::string& input = "") const {
-        arguments.insert(arguments.begin(), {"-s", store});
-        return run_tool("veldar/veldar", arguments, {.input = input});
-    }
-    // A log of as many lines, a second each from 2024-01-01T00:00:00 on.
-    std::string log(const std::string& name, int first, int count) const {
-        std::string text;
-        for (int i = first; i < first + count; i++) {
-            char time[32];
-            std::snprintf(time, sizeof time, "2024-01-01T%02d:%02d:%02dZ", i / 3600, i / 60 % 60, i % 60);
-            text += std::string(time) + " event n" + std::to_string(i) + "\n";
-        }
-        write_file(dir.file(name), text);
-        return dir.file(name);
-    }
-    std::string count() const { return run({"count", "event"}).out; }
 };
-
-using Retain = store_test;
-
-std::string without_bytes(const std::string& text) {
-    static const std::regex bytes(", [0-9.]+ (bytes|kB)");
-    return std::regex_replace(text, bytes, "");
-}
-
-TEST_F(Retain, WholeSlicesThenEventsAndNothingComesBack) {
-    std::vector<std::string> logs;
-    for (int i = 0; i < 4; i++) {
-        logs.push_back(log("log" + std::to_string(i), 100 * i, 150));
-        ASSERT_EQ(run({"load", "--no-optimize", logs.back()}).status, 0);
-    }
-    write_file(dir.file("metrics"), "m{a=\"b\"} 1 1704067000\nm{a=\"b\"} 2 1704067500\n# EOF\n");
-    ASSERT_EQ(run({"metrics", "load", dir.file("metrics")}).status, 0);
-    const auto bytes = [&] {
-        uint64_t sum = 0;
-        for (const std::string& directory : {bucket, store + "/metrics"}) {
-            for (const std::string& file : files_in(directory, TSIDX_SUFFIX)) sum += fs::file_size(file);
-        }
-        return std::to_string(sum);
-    };
-    const struct {
-        std::vector<std::string> arguments;
-        const char *dry, *out, *left;
-    } rows[] = {
-        {{"--older-than", "2024-01-01T00:03:20Z"},
-         "1 slice with 150 events would be removed freed\n"
-         "100 events would be deleted in slices that reach beyond; their space comes with 'veldar optimize'\n"
-         "1 slice of metrics stays: metrics go as whole slices only\n",
-         "1 slice with 150 events removed freed\n"
-         "100 events deleted in slices that reach beyond; their space comes with 'veldar optimize'\n"
-         "1 slice of metrics stays: metrics go as whole slices only\n",
-         "350\n"},
-        {{"--older-than", "2024-01-01T00:03:20Z", "--max-size", bytes()},
-         "0 slices with 0 events would be removed freed\n"
-         "1 slice of metrics stays: metrics go as whole slices only\n",
-         "0 slices with 0 events removed freed\n1 slice of metrics stays: metrics go as whole slices only\n",
-         "350\n"},
-        {{"--max-size", bytes() + "x"}, "", "", "350\n"},
-        {{"--max-size", "1"},
-         "4 slices with 352 events would be removed freed\n",
-         "4 slices with 352 events removed freed\n",
-         "0\n"},
-        {{"--older-than", "3000-01-01"}, "", "", "0\n"},
-        {{}, "", "", "0\n"},
-    };
-    for (const auto& row : rows) {
-        std::vector<std::string> arguments = {"retain"};
-        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-        const std::string out = row.out;
-        const tool_result done = [&] {
-            std::vector<std::string> dry = arguments;
-            dry.emplace_back("--dry-run");
-            const std::string before = count(), size = bytes();
-            EXPECT_EQ(without_bytes(run(dry).out), row.dry);
-            EXPECT_EQ(count() + bytes(), before + size);
-            return run(arguments);
-        }();
-        EXPECT_EQ(without_bytes(done.out), out) << done.err;
-        EXPECT_EQ(done.status, out.empty() ? 2 : 0) << done.err;
-        EXPECT_EQ(count(), row.left);
-        logs.push_back("--no-optimize");
-        std::vector<std::string> again = {"load"};
-        again.insert(again.end(), logs.begin(), logs.end());
-        EXPECT_NE(run(again).err.find("0 events, 0 bytes read"), std::string::npos);
-        logs.pop_back();
-        EXPECT_EQ(count(), row.left) << "what went does not come back";
-    }
-    // Right after a load that was killed before it noted how far it came.
-    log("log0", 1000, 10);
-    ASSERT_EQ(run({"load", logs[0]}).status, 0);
-    const std::string map = read_file(bucket + "source.map");
-    write_file(bucket + "source.map", map.substr(0, map.size() - 24 - 40));
-    EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1"}).out), "1 slice with 10 events removed freed\n");
-    ASSERT_EQ(run({"load", logs[0]}).status, 0);
-    EXPECT_EQ(count(), "0\n");
-    write_file(bucket + "5-1-9.tsidx", "damaged");
-    const std::string uncounted = "1 of them could not be read: what it held is not all counted\n";
-    EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1", "--dry-run"}).out),
-              "1 slice with 0 events would be removed freed\n" + uncounted);
-    EXPECT_EQ(without_bytes(run({"retain", "--max-size", "1"}).out),
-              "1 slice with 0 events removed freed\n" + uncounted);
-}
 
 // A source of a merge goes while the merge is at work: its events do not come back with the target.
 TEST_F(Retain, BesideAMerge) {
@@ -219,72 +115,6 @@ TEST_F(Retain, MergedAtAnyCall) {
     EXPECT_GT(calls, 50u);
 }
 
-using Collect = store_test;
-
-TEST_F(Collect, WhatNobodyNeeds) {
-    const std::string gone = log("gone", 0, 50), stays = log("stays", 100, 50), pipe = log("pipe", 200, 50);
-    for (const std::string& file : {gone, stays}) ASSERT_EQ(run({"load", file}).status, 0);
-    ASSERT_EQ(run({"load", "-"}, pipe).status, 0);
-    ASSERT_EQ(run({"load", stays}).status, 0);
-    fs::remove(gone);
-    const std::string dead = std::to_string(static_cast<uint64_t>(process_that_is_gone()) % 65535 << 16);
-    const std::string names[] = {"9-1-" + dead + ".pre-tsidx", "9-1-5.tsidx.seal",
-                                 "veldar-autogen-params.dat.part.999999999"};
-    const auto leave = [&] {
-        for (const std::string& name : names) {
-            write_file(bucket + name, "left");
-            make_old(bucket + name);
-        }
-        write_file(bucket + "9-1-6.tsidx.seal", "young");
-    };
-    // Lines whose bytes vary are compared without them.
-    const auto told = [&](const tool_result& result) {
-        EXPECT_EQ(result.status, 0) << result.err;
-        std::set<std::string> lines;
-        std::istringstream in(result.out);
-        for (std::string line; std::getline(in, line);) {
-            for (size_t at; (at = line.find(dir.path())) != std::string::npos;) line.erase(at, dir.path().size() + 1);
-            lines.insert(without_bytes(line));
-        }
-        std::erase_if(lines, [](const std::string& line) { return line.find(" freed") != std::string::npos; });
-        return lines;
-    };
-    const auto lines = [&](const std::string& verb, bool all_gone) {
-        const std::string at = verb + " store/bucket-000001/";
-        std::set<std::string> out = {
-            at + names[0] + ": of a load that was killed",
-            at + names[1] + ": a seal without its slice",
-            at + names[2] + ": of a writer that is gone",
-            at + "source.map: notes that newer ones have replaced",
-        };
-        if (!all_gone) return out;
-        out.insert(at + "source.map: " + "gone: notes of a log that is gone, with all its events");
-        out.insert(at + "source.map: a pipe: notes of a log that is gone, with all its events");
-        out.insert(at + "spool-3: no event is left of it");
-        return out;
-    };
-    leave();
-    EXPECT_EQ(told(run({"gc", "--dry-run"})), lines("would remove", false)) << "the events are there";
-    EXPECT_EQ(told(run({"gc"})), lines("removed", false));
-    EXPECT_EQ(run({"gc"}).out, "0 bytes freed\n");
-    ASSERT_EQ(run({"retain", "--max-size", "1"}).status, 0);
-    leave();
-    EXPECT_EQ(told(run({"gc", "--dry-run"})), lines("would remove", true));
-    EXPECT_EQ(told(run({"gc"})), lines("removed", true));
-    EXPECT_EQ(run({"gc"}).out, "0 bytes freed\n");
-    EXPECT_TRUE(fs::exists(bucket + "9-1-6.tsidx.seal"));
-    EXPECT_EQ(run({"load", stays}).err.substr(0, 8), "0 events") << "what is there is known yet";
-    log("gone", 0, 50);
-    EXPECT_EQ(run({"load", gone}).err.substr(0, 9), "50 events") << "what was gone is new";
-    EXPECT_EQ(count(), "50\n");
-    EXPECT_EQ(run({"fsck"}).status, 0);
-    // A load has the store.
-    const unique_fd lock = tool::disk_lock(store + "/lock", store);
-    const tool_result busy = run({"gc", "--yes"});
-    EXPECT_EQ(busy.status, 3);
-    EXPECT_NE(busy.err.find("holds the store"), std::string::npos) << busy.err;
-}
-
 // A running `veldar watch`.
 class watching {
   public:
@@ -308,12 +138,18 @@ class watching {
     pid_t pid_ = 0;
 };
 
-class Watch : public store_test {
+class Watch : public directory_test {
   protected:
-    const std::string app = dir.file("app.log");
+    const temp_dir dir;
+    const std::string store = dir.file("store"), app = dir.file("app.log");
     int written = 0;
     std::ofstream out{app, std::ios::app};
 
+    tool_result run(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), {"-s", store});
+        return run_tool("veldar/veldar", arguments);
+    }
+    std::string count() const { return run({"count", "event"}).out; }
     std::string line() {
         char time[40];
         std::snprintf(time, sizeof time, "2024-01-01T%02d:%02d:%02dZ", written / 3600, written / 60 % 60, written % 60);
