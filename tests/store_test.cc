@@ -354,10 +354,7 @@ TEST(Records, TheReaderCutsAsTheRuleDoes) {
     }
 }
 
-TEST(PutLine, FieldsAndWhatIsWrong) {
-    const auto parse = [](std::string line, put_event* event) {
-        return put_line_parse({line.data(), line.size()}, event);
-    };
+TEST(PutLine, Fields) {
     put_event event;
     std::string line = "-5.25\t4294967295\t4294967295\t2\t3\t1.5e3\ta%20b  c%25\r";
     ASSERT_EQ(put_line_parse({line.data(), line.size()}, &event), nullptr);
@@ -366,24 +363,6 @@ TEST(PutLine, FieldsAndWhatIsWrong) {
     EXPECT_EQ(event.txn.address, 4294967295u);
     EXPECT_EQ(event.txn.seek_address, 1500.0);
     EXPECT_EQ(event.terms, (std::vector<std::string_view>{"a b", "c%"}));
-    const char* const bad[] = {"",
-                               "1\t2\t3",
-                               "x\t1\t1\t1\t1\t1\ta",
-                               "1.\t1\t1\t1\t1\t1\ta",
-                               "-2147483648.5\t1\t1\t1\t1\t1\ta",
-                               "2147483648\t1\t1\t1\t1\t1\ta",
-                               "1\t4294967296\t1\t1\t1\t1\ta",
-                               "1\t1\t2147483648\t1\t1\t1\ta",
-                               "1\t1\t1\t2147483648\t1\t1\ta",
-                               "1\t1\t1\t1\t-1\t1\ta",
-                               "1\t1\t1\t1\t1\t\ta",
-                               "1\t1\t1\t1\t1\t1\t",
-                               "1\t1\t1\t1\t1\t1\t  ",
-                               "1\t1\t1\t1\t1\t1\ta\tb",
-                               "1\t1\t1\t1\t1\t1\ta%2",
-                               "1\t1\t1\t1\t1\t1\ta%00b",
-                               "1\t1\t1\t1\t1\t1\ta%g0"};
-    for (const char* text : bad) EXPECT_NE(parse(text, &event), nullptr) << text;
     EXPECT_EQ(encode_subsecond(0), 0u);
     EXPECT_EQ(encode_subsecond(500000000), 11u);
     EXPECT_EQ(encode_subsecond(50000000), 22u);
