@@ -56,7 +56,7 @@ int remove_old(TSIDX* tsidx, const std::string& slice, const std::string& aside,
     ST_TRY(check_unchanged(slice, modified_ns, rc));
     ST_TRY(keep_aside(tsidx, slice, aside, rc));
     tsidx_remove_slice(tsidx, slice);
-    return 0;
+    return ::access(slice.c_str(), F_OK) != 0 ? 0 : _set_rc_msg(rc, WARM_RC_WRITE, slice.c_str());
 }
 
 int put_in_place(TSIDX* tsidx, const std::string& slice, const std::string& by, const std::string& aside,

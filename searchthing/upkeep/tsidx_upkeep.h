@@ -87,8 +87,8 @@ void st_tsidx_set_lock_timeout(TSIDX* tsidx, int seconds);
 // `name` is the old slice, `by` the path of the new one in the same file system, null for none at all, and `modified_ns`
 // when the old file was last modified before it was read for the new one, in nanoseconds since the epoch. The old slice,
 // with its seal, is first given a name in the directory `aside`. 0; WARM_RC_RETRIES when the old slice has been deleted
-// from since; WARM_RC_UNSUPPORTED for a handle open for reading; WARM_RC_OPEN when a name cannot be made; else what a
-// merge reports.
+// from since; WARM_RC_UNSUPPORTED for a handle open for reading; WARM_RC_OPEN when a name cannot be made; WARM_RC_WRITE
+// when the old slice, for which nothing comes, cannot be removed; else what a merge reports.
 [[nodiscard]] int st_tsidx_replace(TSIDX* tsidx, const char* name, const char* by, const char* aside,
                                    int64_t modified_ns);
 

@@ -1,6 +1,15 @@
 #include "tests/support/damage.h"
 
+#include <gtest/gtest.h>
+#include <xxhash.h>
+
 #include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstdlib>
+
+#include "tests/support/sampled.h"
+#include "tests/support/temp_dir.h"
 
 namespace veldar {
 
@@ -33,6 +42,31 @@ size_t damage_sweep(const std::string& bytes, const damage_options& options, con
         damaged.replace(at, 4, bytes, at, 4);
     }
     return calls;
+}
+
+void damage_outcomes::add(const std::string& what, int status, const std::string& seen) {
+    auto& [statuses, digest] = rows_[std::stoul(what.substr(what.rfind(' '))) / 16];
+    statuses.insert(status);
+    digest = XXH64(seen.data(), seen.size(), std::rotl(digest, 23) ^ static_cast<uint32_t>(status));
+}
+
+std::string damage_outcomes::text() const {
+    std::string all;
+    for (const auto& [row, outcome] : rows_) {
+        char part[32];
+        std::snprintf(part, sizeof part, "%04zx %016llx", 16 * row, static_cast<unsigned long long>(outcome.second));
+        all += part;
+        for (const int status : outcome.first) all += " " + std::to_string(status);
+        all += "\n";
+    }
+    return all;
+}
+
+void expect_kept(const std::string& name, const std::string& outcomes) {
+    if (SANITIZED_PART != 1) return;
+    const std::string path = VELDAR_SOURCE_DIR "/tests/data/outcomes/" + name;
+    if (::getenv("VELDAR_KEEP") != nullptr) write_file(path, outcomes);
+    EXPECT_EQ(outcomes, read_file(path));
 }
 
 }  // namespace veldar

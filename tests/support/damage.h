@@ -2,8 +2,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <map>
+#include <set>
 #include <string>
+#include <utility>
 
 namespace veldar {
 
@@ -22,5 +26,20 @@ struct damage_options {
 // 32-bit word set to 0, to 1 in both byte orders, and to all-ones. `f` sees bytes that differ from the original.
 // Returns the number of calls.
 size_t damage_sweep(const std::string& bytes, const damage_options& options, const damage_fn& f);
+
+// What became of the damages of a file: for each 16 bytes of it the statuses, and a digest of all that was seen.
+class damage_outcomes {
+  public:
+    void add(const std::string& what, int status, const std::string& seen);
+    std::string text() const;
+
+  private:
+    std::map<size_t, std::pair<std::set<int>, uint64_t>> rows_;
+};
+
+// Compares outcomes with those that were found right before, tests/data/outcomes/NAME. After a wanted change VELDAR_KEEP=1
+// writes that anew; what changed in it is read before it is kept. Nothing is compared under the sanitizers, whose
+// compiler may order what is unordered in another way.
+void expect_kept(const std::string& name, const std::string& outcomes);
 
 }  // namespace veldar

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "tests/support/call_record.h"
+#include "tests/support/clock_behind.h"
 #include "tests/support/file_log_hooks.h"
 
 namespace veldar {
@@ -336,6 +337,12 @@ clock_ahead::clock_ahead() {
     clock_ahead_s = 3600;
 }
 clock_ahead::~clock_ahead() {
+    clock_ahead_s = 0;
+}
+clock_behind::clock_behind() {
+    clock_ahead_s = -3600;
+}
+clock_behind::~clock_behind() {
     clock_ahead_s = 0;
 }
 uint64_t no_pauses::microseconds() const {
