@@ -207,6 +207,7 @@ TEST(FclexIo, DamageEndsInAStatus) {
         0, WARM_RC_NO_MEMORY, WARM_RC_CORRUPT, WARM_RC_ZERO_TERMS, WARM_RC_SHORT_READ, WARM_RC_END_OF_FILE};
     std::set<int> seen;
     testing::internal::CaptureStderr();
+    damage_outcomes outcomes;
     damage_sweep(body, {}, [&](const std::string& damaged, const std::string& what) {
         sources_t sources;
         sources.add(created({"a", "aab", "x"}, 8));
@@ -215,6 +216,7 @@ TEST(FclexIo, DamageEndsInAStatus) {
         EXPECT_TRUE(allowed.contains(status)) << what << " " << status;
         EXPECT_TRUE(status == 0 || sources.rc.detail == 1) << what;
         seen.insert(status);
+        outcomes.add(what, status, std::to_string(sources.merged_count));
         if (status != 0) return;
         ASSERT_EQ(sources.close(), 0);
         FCLEX* lex = st_fclex_open_fd(sources.fd.get(), static_cast<int64_t>(sources.bytes.size()));
@@ -224,6 +226,7 @@ TEST(FclexIo, DamageEndsInAStatus) {
     });
     testing::internal::GetCapturedStderr();
     EXPECT_GE(seen.size(), 5U);
+    expect_kept("lexicon-damage", outcomes.text());
     std::string huge = created({"a", "b"}, 8);  // one block of five bytes and a thousand terms
     store_be32(huge.data(), 1000);
     store_be32(huge.data() + 4, 1000);

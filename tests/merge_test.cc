@@ -1,6 +1,7 @@
 // Merges of forged slices against the events that went into them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -113,6 +114,8 @@ class MergeTest : public testing::Test {
         const warm_ptr warm(st_warm_slice_open_rdonly(target.path.c_str(), &rc));
         narrow += seams.narrow_entry_max > 2000 && warm_header_is_enabled(warm->body, WARM_FLAG_PLO32);
         EXPECT_LE(warm_header_is_enabled(warm->body, WARM_FLAG_PLO32) ? warm->plo_last : 0, seams.narrow_entry_max);
+        const std::string bytes = read_file(target.path);
+        made += std::to_string(bytes.size()) + " " + std::to_string(XXH32(bytes.data(), bytes.size(), 0)) + "\n";
         return target;
     }
 
@@ -125,6 +128,7 @@ class MergeTest : public testing::Test {
     uint64_t next_id = 0;
     uint32_t kinds = 0;   // of all lists met
     uint32_t narrow = 0;  // targets whose offsets take 4 bytes
+    std::string made;     // sizes and digests of all targets
 };
 
 // Distributes events over slices: apart in time, or mixed; some into two slices, some with another companion or with
@@ -185,7 +189,8 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
         }
         const size_t at_once = seed % 10 == 0 ? 64 : 2 + random() % 4;
         for (bool alone = seed % 2 == 0; sources.size() > 1 || alone;) {
-            warm_merge_options_t options = options_of(1 + static_cast<uint32_t>(random() % 4), random() % 8 != 0);
+            const uint32_t level = 1 + static_cast<uint32_t>(random() % 4);
+            warm_merge_options_t options = options_of(level, random() % 8 != 0);
             options.lexicon_tpb = random() % 2 == 0 ? 0 : 1 + static_cast<uint32_t>(random() % 20);
             if (random() % 8 == 0) options.mapper = scrambled_address;
             options.drop_deleted = sources.size() == 1 || random() % 4 == 0;
@@ -206,6 +211,7 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
     }
     EXPECT_EQ(kinds, 15u);
     EXPECT_GT(narrow, 10u);
+    expect_kept("merges", made);
     // The terms of a source without live events go, be it the first or the last.
     event_list live = forge_random_events(3, 50), dead = live;
     for (size_t i = 0; i < live.size(); i++) {
@@ -442,6 +448,7 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
 
     const std::string good = read_file(sources[0].path);
     uint64_t refused = 0;
+    damage_outcomes outcomes;
     const damage_options damage = {.truncation_step = 31, .flip_step = 7, .word_step = 44};
     const size_t tried = damage_sweep(good, damage, [&](const std::string& bytes, const std::string& what) {
         write_file(sources[0].path, bytes);
@@ -449,6 +456,7 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         const int status = attempt(&rc);
         EXPECT_EQ(std::filesystem::exists(target), status == 0) << what;
         refused += status != 0;
+        outcomes.add(what, status, status == 0 ? read_file(target) : std::to_string(rc.detail));
         const std::string source = status == 0 ? fsck_findings(sources[0].path) : "";
         EXPECT_FALSE(fsck_blames_lists(source)) << "made good by the merge: " << what << source;
         // A damaged byte in a term's text is another text: it goes along, a NUL too.
@@ -457,6 +465,7 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         std::filesystem::remove(target);
     });
     EXPECT_GT(refused, tried / 4);
+    expect_kept("merge-damage", outcomes.text());
 }
 
 // Lists copied to memory, and less than all of them.
