@@ -1,5 +1,6 @@
-// Every form of question while an allocation of it fails: a status that is not 0, or the whole answer; and nothing leaks.
-// VELDAR_TORTURE asks for every allocation, else for some of each form.
+// Every form of question while a file call or an allocation of it fails: a status that is not 0 and words that name the
+// cause, or the whole answer; and nothing leaks. VELDAR_TORTURE asks for every one, else a call a place that calls and
+// some allocations of each form.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -7,8 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -46,7 +50,8 @@ struct form {
 
 // What a child leaves.
 struct report {
-    uint64_t allocations, by_parser;
+    uint64_t calls, allocations, by_parser;
+    uint64_t places[1 << 12], place_count;  // the first call of each place that calls
     bool leaks;
 };
 
@@ -110,7 +115,7 @@ class QueryFaults : public testing::Test {
     }
 
     // In a child, so that what a command keeps for the rest of its process is not kept here.
-    int run(const form& one, uint64_t allocation, uint64_t times, std::string* out) {
+    int run(const form& one, fault_action action, uint64_t nth, uint64_t times, std::string* out) {
         const std::string path = dir.file("out");
         const pid_t child = ::fork();
         if (child == 0) {
@@ -120,9 +125,14 @@ class QueryFaults : public testing::Test {
             ::dup2(fd, STDOUT_FILENO);
             ::dup2(errors, STDERR_FILENO);
             const int status = run_command(one, store, [&](const auto& work) {
-                const fault_step step(fault_action::allocation, allocation, 0, times);
+                const fault_step step(action, nth, EIO, times);
                 const int ended = work();
+                const fault_truce own;
+                told->calls = step.calls();
                 told->allocations = step.allocations();
+                const std::vector<uint64_t> places = step.firsts();
+                told->place_count = std::min(places.size(), std::size(told->places));
+                std::copy_n(places.begin(), told->place_count, told->places);
                 return ended;
             });
             std::fflush(nullptr);
@@ -144,13 +154,14 @@ class QueryFaults : public testing::Test {
         ::mmap(nullptr, sizeof(report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 };
 
-TEST_F(QueryFaults, EveryAllocationFails) {
+// The forms, and what a question means in each.
+std::vector<form> all_forms(const temp_dir& dir, const std::string& store) {
     const std::string since = "2024-01-01T00:01:00Z", until = "2024-01-01T00:02:00Z";
     const std::string before = "2024-01-01.." + since, after = since + ".." + until;
     const std::string aggregates =
         "count,count(took),sum(took),sumsq(took),min(took),max(took),avg(took),dc(took),values(took),median(took),p99."
         "9(took)";
-    const form forms[] = {
+    return {
         {add_search_command, {"search", "item", "a7"}},
         {add_search_command, {"search", "\"GET item\"", "NOT", "a7"}},
         {add_search_command, {"search", "a1*", "OR", "tem~", "--format", "jsonl", "--since", since, "--until", until}},
@@ -186,24 +197,48 @@ TEST_F(QueryFaults, EveryAllocationFails) {
         {add_info_command, {"info", files_in(store + "/bucket-000001", ".tsidx")[0]}},
         {add_dump_command, {"dump"}},
     };
+}
+
+TEST_F(QueryFaults, EveryAllocationFails) {
     const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
-    for (const form& one : forms) {
+    for (const form& one : all_forms(dir, store)) {
         std::string name, whole, out;
         for (const std::string& word : one.arguments) name += word + " ";
         SCOPED_TRACE(name);
-        ASSERT_EQ(run(one, ~uint64_t{0}, 1, &whole), 0) << read_file(dir.file("err"));
+        ASSERT_EQ(run(one, fault_action::allocation, ~uint64_t{0}, 1, &whole), 0) << read_file(dir.file("err"));
         ASSERT_FALSE(whole.empty());
         count_parser(one);
         const uint64_t allocations = told->allocations, stride = brief ? 1 + allocations / 12 : 1;
         EXPECT_GT(allocations, 20u);
         for (uint64_t n = 1; n <= allocations; n += stride) {
             for (const uint64_t times : {uint64_t{1}, uint64_t{1} << 40}) {
-                const int status = run(one, n, times, &out);
+                const int status = run(one, fault_action::allocation, n, times, &out);
                 if (status == 1000 + SIGABRT && n <= told->by_parser) continue;
                 EXPECT_LT(status, 1000) << n << " of " << allocations << " times " << times
                                         << read_file(dir.file("err"));
                 EXPECT_TRUE(status != 0 || out == whole) << n << " times " << times << ": " << out;
                 EXPECT_FALSE(told->leaks) << n << " times " << times << read_file(dir.file("err"));
+            }
+        }
+    }
+}
+
+TEST_F(QueryFaults, EveryFileCallFails) {
+    const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
+    for (const form& one : all_forms(dir, store)) {
+        std::string whole, out;
+        ASSERT_EQ(run(one, fault_action::fail, ~uint64_t{0}, 1, &whole), 0) << read_file(dir.file("err"));
+        const std::string said = read_file(dir.file("err"));
+        std::vector<uint64_t> calls(told->places, told->places + told->place_count);
+        if (!brief) std::iota((calls = std::vector<uint64_t>(told->calls)).begin(), calls.end(), uint64_t{1});
+        EXPECT_FALSE(calls.empty());
+        for (const uint64_t n : calls) {
+            for (const uint64_t times : {uint64_t{1}, uint64_t{1} << 40}) {
+                const int status = run(one, fault_action::fail, n, times, &out);
+                const std::string err = read_file(dir.file("err"));
+                EXPECT_TRUE(status == 0 ? out == whole : err.find("Input/output error") != err.npos)
+                    << one.arguments[0] << " " << n << " times " << times << ": " << status << "\n"
+                    << err << out;
             }
         }
     }

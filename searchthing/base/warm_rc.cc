@@ -159,6 +159,11 @@ bool warm_status_indicates_corruption(int status) {
            status == WARM_RC_NO_LEXICON;
 }
 
+bool warm_status_is_of_system(int status) {
+    return status == WARM_RC_MAP || status == WARM_RC_OPEN || status == WARM_RC_FILE_SIZE || status == WARM_RC_READ ||
+           status == WARM_RC_WRITE || status == WARM_RC_CLOSE || status == WARM_RC_LOCK;
+}
+
 bool warm_status_indicates_oomem(int status) {
     return status == WARM_RC_NO_MEMORY;
 }

@@ -97,6 +97,8 @@ int _cpy_rc(warm_rc_t* destination, const warm_rc_t* source);
 
 // Of a slice: WARM_RC_EMPTY_FILE, WARM_RC_CORRUPT, WARM_RC_BAD_MAGIC, WARM_RC_NO_LEXICON.
 bool warm_status_indicates_corruption(int status);
+// Of a call to the system that failed: saved_errno says why, unless it is 0.
+bool warm_status_is_of_system(int status);
 bool warm_status_indicates_oomem(int status);  // WARM_RC_NO_MEMORY
 bool st_error_is_eminified(int code);          // WARM_RC_MINIFIED
 

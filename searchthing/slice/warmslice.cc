@@ -1,5 +1,6 @@
 #include "searchthing/slice/warmslice.h"
 
+#include <errno.h>
 #include <fcntl.h>
 
 #include <algorithm>
@@ -73,12 +74,19 @@ int read_plo_last(WARM* warm, const st_warm_slice_body* header, int fd, warm_rc_
     return rc->warm_rc;
 }
 
+// What the lexicon's opening and measuring left in errno, 0 before them, tells a failed call from a damaged lexicon.
+int lexicon_unusable(warm_rc_t* rc, const char* what) {
+    const int status = errno == ENOMEM ? WARM_RC_NO_MEMORY : errno != 0 ? WARM_RC_READ : WARM_RC_NO_LEXICON;
+    return _set_rc_msg(rc, status, what);
+}
+
 // Checks the reverse lexicon at `offset` in the file and tells its size.
 int check_reverse_lexicon(int fd, uint64_t offset, uint32_t num_terms, uint64_t* size, warm_rc_t* rc) {
+    errno = 0;
     const fclex_ptr reverse(st_fclex_open_fd(fd, static_cast<int64_t>(offset)));
-    if (reverse == nullptr) return _set_rc_msg(rc, WARM_RC_NO_LEXICON, "reverse lexicon");
+    if (reverse == nullptr) return lexicon_unusable(rc, "reverse lexicon");
     *size = st_fclex_size(reverse.get());
-    if (*size == 0) return _set_rc_msg(rc, WARM_RC_NO_LEXICON, "size is 0");
+    if (*size == 0) return lexicon_unusable(rc, "size is 0");
     if (st_fclex_terms(reverse.get()) != num_terms) return _set_rc_msg(rc, WARM_RC_FAILED, "reverse num terms");
     return 0;
 }
@@ -86,10 +94,11 @@ int check_reverse_lexicon(int fd, uint64_t offset, uint32_t num_terms, uint64_t*
 int open_lexicon_from_file(WARM* warm, const st_warm_slice_body* header, int fd, warm_rc_t* rc) {
     const uint64_t offset = _offset_fclex(header);
     const uint32_t num_terms = header->num_terms.get();
+    errno = 0;
     warm->lexicon = st_fclex_open_fd(fd, static_cast<int64_t>(offset));
-    if (warm->lexicon == nullptr) return _set_rc_msg(rc, WARM_RC_NO_LEXICON, "forward lexicon");
+    if (warm->lexicon == nullptr) return lexicon_unusable(rc, "forward lexicon");
     warm->lexicon_size = st_fclex_size(warm->lexicon);
-    if (warm->lexicon_size == 0) return _set_rc_msg(rc, WARM_RC_NO_LEXICON, "size is 0");
+    if (warm->lexicon_size == 0) return lexicon_unusable(rc, "size is 0");
     warm->postings_base = offset + warm->lexicon_size;
     if (_has_reverse_lex(header)) {
         const uint64_t reverse_offset = offset + round_up_4(warm->lexicon_size);
@@ -374,9 +383,10 @@ int64_t st_warm_slice_cstore_offset(const WARM* warm, warm_rc_t* rc) {
         _set_rc_msg(rc, WARM_RC_UNSUPPORTED, "not a msidx cstore tsidx");
         return -1;
     }
+    _set_rc(rc, 0);
     const int64_t dimsets = st_warm_slice_dimsets_offset(warm, rc);
     if (dimsets == -1) {
-        _set_rc_msg(rc, WARM_RC_NO_DIMSETS, "size is 0");
+        if (!warm_status_is_of_system(rc->warm_rc)) _set_rc_msg(rc, WARM_RC_NO_DIMSETS, "size is 0");
         return -1;
     }
     ds_header_t header;

@@ -40,7 +40,7 @@ value_ranges ranges_of(const cset_reader_t& column) {
 }
 
 void add_status(fsck_state* fsck, uint64_t offset, uint32_t term, const warm_rc_t& rc) {
-    if (rc.warm_rc == WARM_RC_NO_MEMORY) throw std::bad_alloc();
+    fsck_fail_unless_damage(*fsck, rc);
     fsck_add_term(fsck, IN_CSTORE, offset, term, "column cannot be read",
                   fmt::format("{}, status {}, block {}", rc.message, rc.warm_rc, rc.detail));
 }
@@ -72,7 +72,7 @@ void fsck_check_cstore(fsck_state* fsck, const fsck_columns& columns) {
     warm_rc_t rc;
     const auto cstore_ref = static_cast<int64_t>(fsck->image->header.cstore_ref.get());
     if (cs_reader_open(&store, fd.get(), at.offset, cstore_ref, &rc) != 0) {
-        if (rc.warm_rc == WARM_RC_NO_MEMORY) throw std::bad_alloc();
+        fsck_fail_unless_damage(*fsck, rc);
         return fsck_add(fsck, IN_CSTORE, at.offset, "the engine refuses the column store",
                         fmt::format("{}, status {}", rc.message, rc.warm_rc));
     }

@@ -47,6 +47,9 @@ struct fsck_state {
     bool metric = false;
 };
 
+// Throws std::bad_alloc or a failure_t when the status tells of the machine and not of the file.
+void fsck_fail_unless_damage(const fsck_state& fsck, const warm_rc_t& rc);
+
 void fsck_add(fsck_state* fsck, slice_section_t section, uint64_t offset, const char* what, std::string detail);
 // The same for a term, whose text is looked up only when the finding is kept.
 void fsck_add_term(fsck_state* fsck, slice_section_t section, uint64_t offset, uint32_t term, const char* what,

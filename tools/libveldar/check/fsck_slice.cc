@@ -6,6 +6,8 @@
 
 #include "searchthing/slice/warmslice.h"
 #include "tools/libveldar/check/fsck_internal.h"
+#include "tools/libveldar/store/failure.h"
+#include "tools/libveldar/store/slices.h"
 
 namespace veldar::tool {
 
@@ -25,15 +27,20 @@ void check_open(fsck_state* fsck) {
     WARM* const warm = st_warm_slice_open_rdonly(fsck->image->path.c_str(), &rc);
     if (warm != nullptr) {
         st_warm_slice_close(warm);
-    } else if (rc.warm_rc == WARM_RC_NO_MEMORY) {
-        throw std::bad_alloc();
     } else if (rc.warm_rc != WARM_RC_OPEN) {
+        fsck_fail_unless_damage(*fsck, rc);
         fsck_add(fsck, IN_HEADER, 0, "the engine refuses the file",
                  fmt::format("{}, status {}", rc.message, rc.warm_rc));
     }
 }
 
 }  // namespace
+
+void fsck_fail_unless_damage(const fsck_state& fsck, const warm_rc_t& rc) {
+    if (rc.warm_rc == WARM_RC_NO_MEMORY) throw std::bad_alloc();
+    const bool failed = warm_status_is_of_system(rc.warm_rc) && rc.saved_errno != 0;
+    if (failed) throw failure_t{OUTCOME_IO, slice_error(fsck.image->path, rc)};
+}
 
 void fsck_add(fsck_state* fsck, slice_section_t section, uint64_t offset, const char* what, std::string detail) {
     if (!count_finding(fsck, section, what)) return;

@@ -1,6 +1,8 @@
 #include "tools/libveldar/query/event_source.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "tools/libveldar/formats/json_text.h"
 #include "tools/libveldar/formats/line_format.h"
@@ -84,7 +86,8 @@ void event_source_read_names(event_source* source) {
     const bool read = store_read_names(store, "hosts", &source->hosts) &&
                       store_read_names(store, "sources", &source->sources) &&
                       store_read_names(store, "sourcetypes", &source->sourcetypes);
-    if (!read) troubles_add(source->trouble, store + ": the names of hosts and sources cannot be read");
+    if (read) return;
+    troubles_add(source->trouble, store + ": the names of hosts and sources cannot be read: " + std::strerror(errno));
 }
 
 bool event_source_knows_raw(const slice_set& slices) {

@@ -30,14 +30,11 @@ std::string index_failure_text(const TSIDX* tsidx) {
                    "OPTIMISTIC_ABOUT_FILE_LOCKING=1)";
         case WARM_RC_NO_MEMORY:
             return "out of memory";
-        case WARM_RC_OPEN:
-        case WARM_RC_READ:
-        case WARM_RC_WRITE:
-        case WARM_RC_RETRIES:
-            return message + " (" + std::strerror(error) + ")";
         case WARM_RC_UNSUPPORTED:
             return message;
         default:
+            if (rc.warm_rc == WARM_RC_RETRIES || (warm_status_is_of_system(rc.warm_rc) && error != 0))
+                return message + " (" + std::strerror(error) + ")";
             return message + ", status " + std::to_string(rc.warm_rc) + "; veldar fsck tells what is damaged";
     }
 }

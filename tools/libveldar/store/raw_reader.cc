@@ -34,10 +34,13 @@ bool same_head(const source_file& file, const log_input& input) {
     return input.head.size() >= file.head_size && XXH64(input.head.data(), file.head_size, 0) == file.head_hash;
 }
 
-bool open_checked(const source_file& file, const std::string& path, log_input* input) {
+// False also when there is another file; *unread tells of one that is there and cannot be read.
+bool open_checked(const source_file& file, const std::string& path, log_input* input, std::string* unread) {
     std::string error;
     *input = log_input();
-    return log_input_open(input, path, &error) && !input->pipe && same_head(file, *input);
+    if (log_input_open(input, path, &error)) return !input->pipe && same_head(file, *input);
+    if (error != std::strerror(ENOENT)) *unread = "cannot read " + path + ": " + error;
+    return false;
 }
 
 // What the names of all rotations of a log begin with: "a.log" for "a.log.2.gz" and for "a.log-20240501".
@@ -73,10 +76,11 @@ std::vector<std::string> candidates(const source_file& file, std::string* error)
 // False with a message. `directory` is the bucket's.
 bool locate_and_open(const source_file& file, const std::string& directory, log_input* input, std::string* error) {
     *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
-    if (file.kind == SOURCE_SPOOL) return open_checked(file, directory + "/" + file.path, input);
     std::string unread;
-    for (const std::string& path : candidates(file, &unread)) {
-        if (open_checked(file, path, input)) return true;
+    const bool is_spool = file.kind == SOURCE_SPOOL;
+    const auto paths = is_spool ? std::vector{directory + "/" + file.path} : candidates(file, &unread);
+    for (const std::string& path : paths) {
+        if (open_checked(file, path, input, &unread)) return true;
     }
     if (!unread.empty()) *error += "; " + unread;
     return false;
@@ -251,7 +255,7 @@ bool source_file_open_original(const source_file& file, log_input* input) {
     return std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
         struct stat st;
         return ::stat(path.c_str(), &st) == 0 && st.st_ino == file.inode && st.st_dev == file.device &&
-               open_checked(file, path, input) && (file.kind == SOURCE_PACKED) == (input->packed != nullptr);
+               open_checked(file, path, input, &error) && (file.kind == SOURCE_PACKED) == (input->packed != nullptr);
     });
 }
 

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <set>
 
@@ -152,8 +153,14 @@ void open_store(fsck_command* command) {
     for (size_t i = 0; i < slices.directories.size(); i++) {
         if (!slices.directories[i].has_sources) continue;
         const std::string path = slices.directories[i].path + "/source.map";
+        errno = 0;
         command->has_map[i] = source_map_open(&command->maps[i], path, false, &error);
-        if (!command->has_map[i]) put_store_fault(command, error);
+        if (command->has_map[i]) continue;
+        if (errno != 0) {
+            troubles_add(&command->trouble, error);
+        } else {
+            put_store_fault(command, error);
+        }
     }
 }
 
@@ -207,14 +214,14 @@ bool check_file(fsck_command* command, size_t i, const std::string& path) {
 
 // One file more than memory holds must not keep the others from being checked.
 bool check_file_or_tell(fsck_command* command, size_t i, const std::string& path) {
-    std::string why = "out of memory";
+    std::string why = path + ": out of memory";
     try {
         return check_file(command, i, path);
     } catch (const std::bad_alloc&) {
     } catch (const failure_t& failure) {
-        why = failure.message;
+        why = failure.message.starts_with(path) ? failure.message : path + ": " + failure.message;
     }
-    troubles_add(&command->trouble, path + ": " + why);
+    troubles_add(&command->trouble, why);
     return true;
 }
 
