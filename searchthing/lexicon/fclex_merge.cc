@@ -90,8 +90,8 @@ int check_size(const lex_reader_t* reader, uint64_t size) {
     const auto offset = static_cast<uint64_t>(reader->body_offset);
     const uint64_t blocks = size - reader->shape.blocks_offset();
     uint64_t file_size = 0;
-    const bool fits = osfile_get_size(reader->fd, &file_size) == 0 && offset + size <= file_size;
-    return fits && reader->shape.terms <= blocks ? 0 : WARM_RC_CORRUPT;
+    if (osfile_get_size(reader->fd, &file_size) != 0) return WARM_RC_FILE_SIZE;
+    return offset + size <= file_size && reader->shape.terms <= blocks ? 0 : WARM_RC_CORRUPT;
 }
 
 struct merge_t {

@@ -207,7 +207,9 @@ int populate_rdwr(WARM* warm, int fd, warm_rc_t* rc) {
     ST_TRY(_populate_warm_handle_common(warm, slice, rc));
     warm->plo = slice + plo_offset;
     warm->metadata = slice + _offset_metadata(warm->body);
-    if (read_plo_last(warm, warm->body, fd, rc) != 0) return _set_rc_msg(rc, WARM_RC_CORRUPT, "plo last term");
+    if (const int status = read_plo_last(warm, warm->body, fd, rc); status != 0) {
+        return warm_status_is_of_system(status) ? status : _set_rc_msg(rc, WARM_RC_CORRUPT, "plo last term");
+    }
     const bool has_lists = warm->plo_last != ~uint64_t{0};
     if (has_lists && warm->plo_last > warm->file_size) {
         return _set_rc_msg(rc, WARM_RC_CORRUPT, "plo_last_term is beyond file size");

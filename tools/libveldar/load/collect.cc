@@ -65,13 +65,14 @@ void add_bucket_leftovers(const std::string& directory, collected* out) {
     }
 }
 
-// Whether the log may be back: it is found, or where it was cannot be looked through.
+// Whether the log may be back: it is found, or where it was cannot be looked through, or a file there not be read.
 bool may_exist(const source_file& file, const std::string& bucket) {
     if (file.kind == SOURCE_SPOOL) return false;  // the store's own copy serves its events alone
     const std::string parent = file.path.substr(0, std::max<size_t>(file.path.rfind('/'), 1));
     struct stat status;
     if (::stat(parent.c_str(), &status) != 0 || ::access(parent.c_str(), R_OK | X_OK) != 0) return true;
-    return !source_file_locate(file, bucket).empty();
+    std::string unread;
+    return !source_file_locate(file, bucket, &unread).empty() || !unread.empty();
 }
 
 // Takes the files out of which a slice still holds events, marked as deleted or not.

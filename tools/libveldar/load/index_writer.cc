@@ -18,7 +18,8 @@ namespace {
     if (why->message[0] != '\0') message += std::string(": ") + why->message;
     // Errno tells of what the system refused, not of an argument or a limit.
     const bool system = why->warm_rc > WARM_RC_NO_SECTION || why->warm_rc == WARM_RC_CLOSE ||
-                        why->warm_rc == WARM_RC_LOCK || why->warm_rc == WARM_RC_SHORT_READ;
+                        why->warm_rc == WARM_RC_LOCK || why->warm_rc == WARM_RC_SHORT_READ ||
+                        why->warm_rc == WARM_RC_RETRIES;
     if (system && why->saved_errno != 0) message += std::string(": ") + std::strerror(why->saved_errno);
     message += " (status " + std::to_string(why->warm_rc) + ")";
     st_abandon(std::exchange(writer->thing, nullptr));

@@ -23,7 +23,7 @@ std::string index_failure_text(const TSIDX* tsidx) {
         case WARM_RC_MANIFEST_EXISTS:
             return "another process merges there";
         case WARM_RC_LOCK:
-            if (error == EACCES || error == EPERM || error == EROFS || error == ENOSPC) {
+            if (error == EACCES || error == EPERM || error == EROFS || error == ENOSPC || error == EIO) {
                 return std::string("no lock file can be made beside it: ") + std::strerror(error);
             }
             return "its lock is held, or its file system is not known for sure locks (if it is local, set "

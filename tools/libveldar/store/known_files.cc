@@ -24,7 +24,7 @@ bool record_end(const store_bucket& bucket, const source_place& place, uint64_t*
     log_input input;
     record_reader reader;
     reader.cut = record_cut_of(place.file->records, place.cut);
-    std::string path = source_file_locate(*place.file, bucket.directory);
+    std::string path = source_file_locate(*place.file, bucket.directory, &error);
     if (path.empty() || !log_input_open(&input, path, &error)) return false;
     if (input.packed != nullptr) {
         packed_load_points(input.packed.get(), bucket.directory + "/" + source_points_name(place.file->number));

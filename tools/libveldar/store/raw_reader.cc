@@ -73,16 +73,13 @@ std::vector<std::string> candidates(const source_file& file, std::string* error)
     return found;
 }
 
-// False with a message. `directory` is the bucket's.
-bool locate_and_open(const source_file& file, const std::string& directory, log_input* input, std::string* error) {
-    *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
-    std::string unread;
+// False when it is not found; *unread tells of what could not be looked at. `directory` is the bucket's.
+bool locate_and_open(const source_file& file, const std::string& directory, log_input* input, std::string* unread) {
     const bool is_spool = file.kind == SOURCE_SPOOL;
-    const auto paths = is_spool ? std::vector{directory + "/" + file.path} : candidates(file, &unread);
+    const auto paths = is_spool ? std::vector{directory + "/" + file.path} : candidates(file, unread);
     for (const std::string& path : paths) {
-        if (open_checked(file, path, input, &unread)) return true;
+        if (open_checked(file, path, input, unread)) return true;
     }
-    if (!unread.empty()) *error += "; " + unread;
     return false;
 }
 
@@ -148,7 +145,10 @@ open_source* source_of(raw_reader* reader, const source_file& file, std::string*
         *error = missing->second;
         return nullptr;
     }
-    if (!locate_and_open(file, reader->directory, &source->input, error)) {
+    std::string unread;
+    if (!locate_and_open(file, reader->directory, &source->input, &unread)) {
+        *error = file.path + ": not found, here or renamed or compressed, with the content that was loaded";
+        if (!unread.empty()) *error += "; " + unread;
         reader->missing.emplace(file.number, *error);
         return nullptr;
     }
@@ -243,10 +243,10 @@ std::string source_points_name(uint32_t number) {
     return "points-" + std::to_string(number);
 }
 
-std::string source_file_locate(const source_file& file, const std::string& directory) {
+std::string source_file_locate(const source_file& file, const std::string& directory, std::string* unread) {
     log_input input;
-    std::string error;
-    return locate_and_open(file, directory, &input, &error) ? input.path : std::string();
+    unread->clear();
+    return locate_and_open(file, directory, &input, unread) ? input.path : std::string();
 }
 
 bool source_file_open_original(const source_file& file, log_input* input) {

@@ -40,8 +40,9 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
                                       std::vector<std::string>* lines_before, std::vector<std::string>* lines_after,
                                       std::string* error);
 
-// The path at which a file of a source map stands now, empty when it is not found. `directory` is the bucket's.
-std::string source_file_locate(const source_file& file, const std::string& directory);
+// The path at which a file of a source map stands now, empty when it is not found: *unread then tells of what could not
+// be looked at, and is empty when all could. `directory` is the bucket's.
+std::string source_file_locate(const source_file& file, const std::string& directory, std::string* unread);
 // Opens the very file that was loaded (its inode), when it stands in its directory under any name and begins as it did.
 [[nodiscard]] bool source_file_open_original(const source_file& file, log_input* input);
 // The name in a bucket of the access points of a compressed file.

@@ -69,7 +69,9 @@ bool slice_address_max(const std::string& path, uint64_t* address) {
     if (!fd.valid()) fail_io("cannot open", path, errno);
     st_warm_slice_body header;
     warm_rc_t rc;
-    if (warm_header_read(fd.get(), &header, &rc) != 0 || !verify_magic(&header) || !warm_header_is_rev1(&header)) {
+    const int status = warm_header_read(fd.get(), &header, &rc);
+    if (status == WARM_RC_READ) fail_io("cannot read", path, rc.saved_errno);
+    if (status != 0 || !verify_magic(&header) || !warm_header_is_rev1(&header)) {
         throw failure_t{OUTCOME_IO, path + ": not a slice that veldar load wrote; nothing was loaded"};
     }
     *address = header.seek_addr_max.get();
@@ -184,8 +186,9 @@ std::vector<std::string> store_bucket_directories(const std::string& path) {
 }
 
 std::vector<std::string> store_index_directories(const std::string& path) {
-    struct stat status;
-    if (!disk_exists(path) || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0 && errno != ENOENT && errno != ENOTDIR) fail_io("cannot read", path, errno);
+    if (!S_ISDIR(status.st_mode)) {
         throw failure_t{OUTCOME_USAGE, path + ": neither a store nor an index directory"};
     }
     if (!store_is(path)) return {path};

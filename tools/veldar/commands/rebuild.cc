@@ -133,8 +133,10 @@ bool find_logs(const loader& load, const std::set<uint32_t>& plan, std::set<lost
         const auto bucket = std::find_if(load.st.buckets.begin(), load.st.buckets.end(), has_file);
         if (bucket == load.st.buckets.end()) continue;
         const source_file& file = bucket->map.files.at(number);
-        std::string path = file.kind == SOURCE_SPOOL ? "" : source_file_locate(file, bucket->directory);
-        if (path.empty()) say_trouble(file.path + ": the log is not there any more; its lost events stay lost");
+        std::string unread, path;
+        if (file.kind != SOURCE_SPOOL) path = source_file_locate(file, bucket->directory, &unread);
+        if (path.empty() && unread.empty()) unread = "the log is not there any more; its lost events stay lost";
+        if (path.empty()) say_trouble(file.path + ": " + unread);
         all = all && !path.empty();
         if (!path.empty()) logs->insert(log_of(load, file, std::move(path)));
     }
