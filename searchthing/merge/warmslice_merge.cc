@@ -201,7 +201,7 @@ int carry_deletes(const warm_merge_t* merge, const char* target_path, warm_rc_t*
         return _set_rc_msg(rc, WARM_RC_INVALID_ARGUMENT, "not the target of this merge");
     }
     for (const merge_source_t& source : merge->sources) ST_TRY(carry_marks(source, target.get(), rc));
-    if (target->map.sync() != 0) return _set_rc_msg(rc, WARM_RC_FAILED, "flushing deleted marks");
+    if (target->map.sync() != 0) return _set_rc_msg(rc, WARM_RC_WRITE, "flushing deleted marks");
     return _set_rc(rc, 0);
 }
 

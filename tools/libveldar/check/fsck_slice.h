@@ -58,7 +58,7 @@ struct fsck_encoding_facts {
 struct fsck_report {
     uint32_t per_kind = 10;  // findings to keep of one kind in one section
     std::vector<fsck_finding> findings;
-    std::map<std::pair<slice_section_t, const char*>, uint64_t> kinds;  // all of them, counted
+    std::map<std::pair<slice_section_t, std::string_view>, uint64_t> kinds;  // all of them, counted
     uint64_t total = 0;
     std::array<fsck_encoding_facts, 4> encodings = {};  // by plo_type_t
     uint64_t term_bytes = 0;                            // text of all terms

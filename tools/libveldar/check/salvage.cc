@@ -67,7 +67,7 @@ uint64_t repair(const slice_image& image, int fd, std::vector<seal_fault_t>* fau
             continue;
         }
         const std::string_view whole(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        if (!disk_write_at(fd, whole, fault.offset)) throw failure_t{OUTCOME_IO, "writing a repaired slice"};
+        if (!disk_write_at(fd, whole, fault.offset)) fail_io("cannot write a repaired slice", {}, errno);
         repaired++;
     }
     *faults = std::move(left);

@@ -68,7 +68,11 @@ live_slices_t count_slices(const std::string& directory) {
     if (tsidx_list(directory.c_str(), &listing, &rc) != 0) fail_io("cannot list", directory, rc.saved_errno);
     for (const tsidx_slice_name_t& slice : listing) {
         struct stat status;
-        if (::stat((directory + "/" + slice.name).c_str(), &status) != 0) continue;
+        const std::string path = directory + "/" + slice.name;
+        if (::stat(path.c_str(), &status) != 0) {
+            if (errno != ENOENT) fail_io("cannot read", path, errno);
+            continue;
+        }
         found.count++;
         found.bytes += static_cast<uint64_t>(status.st_size);
     }

@@ -119,12 +119,12 @@ bool note_file(metric_loader* load, metric_file* file, std::string* error) {
     if (file->timeless || file->input.pipe || file->taken <= file->noted) return true;
     metric_note note;
     const bool is_made = metric_note_make(&file->hash, file->input, file->options_hash, file->taken, &note, error);
-    if (is_made && log_input_is_uncut(file->input)) {
+    if (is_made && log_input_is_uncut(file->input, error)) {
         load->done.push_back(note);
         file->noted = file->taken;
         return true;
     }
-    if (is_made) *error = "was cut while it was read; load it again";
+    if (is_made && error->empty()) *error = "was cut while it was read; load it again";
     load->batch.samples.resize(file->batch_from);
     file->taken = file->noted;
     return false;

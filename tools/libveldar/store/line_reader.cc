@@ -15,8 +15,8 @@ bool fill(line_reader* reader) {
     reader->begin = 0;
     const int64_t got =
         log_input_read(reader->input, bytes + reader->end, reader->bytes.size() - reader->end, &reader->error);
-    if (got > 0 && !log_input_is_uncut(*reader->input)) {  // what came may be of another content
-        reader->error = "was cut while it was read; load it again";
+    if (got > 0 && !log_input_is_uncut(*reader->input, &reader->error)) {  // what came may be of another content
+        if (reader->error.empty()) reader->error = "was cut while it was read; load it again";
         reader->at_end = true;
         return false;
     }

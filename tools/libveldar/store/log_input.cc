@@ -172,11 +172,12 @@ bool log_input_open(log_input* input, const std::string& path, std::string* erro
     return true;
 }
 
-bool log_input_is_uncut(const log_input& input) {
+bool log_input_is_uncut(const log_input& input, std::string* error) {
     if (input.first_size == 0) return true;
     std::string first(input.first_size, '\0');
-    return disk_read_at(input.fd.get(), first.data(), first.size(), 0) == static_cast<int64_t>(first.size()) &&
-           XXH64(first.data(), first.size(), 0) == input.first_hash;
+    const int64_t got = disk_read_at(input.fd.get(), first.data(), first.size(), 0);
+    if (got < 0) *error = std::strerror(errno);
+    return got == static_cast<int64_t>(first.size()) && XXH64(first.data(), first.size(), 0) == input.first_hash;
 }
 
 bool log_input_leave_last_line(log_input* input, std::string* error) {

@@ -38,8 +38,9 @@ inline bool log_input_is_plain(const log_input& input) {
     return !input.pipe && input.packed == nullptr && input.wide == nullptr;
 }
 // Whether a file that is not compressed begins as when it was opened. Else it was cut meanwhile and may be written anew,
-// and what was read last may be of either content. True for what cannot be told of.
-bool log_input_is_uncut(const log_input& input);
+// and what was read last may be of either content. True for what cannot be told of. False with a message when the file
+// cannot be read again.
+bool log_input_is_uncut(const log_input& input, std::string* error);
 // How far the file itself has been read.
 uint64_t log_input_stored_offset(const log_input& input);
 // Sets stored_end behind the last line end of a file that is not compressed. Whether that leaves bytes out; a message

@@ -32,7 +32,7 @@ bool fill(record_reader* reader) {
         std::min<uint64_t>(reader->bytes.size() - reader->end, reader->limit > position ? reader->limit - position : 0);
     char* const into = reader->bytes.data() + reader->end;
     const int64_t got = room == 0 ? 0 : log_input_read(reader->input, into, static_cast<size_t>(room), &reader->error);
-    const bool is_cut = !log_input_is_uncut(*reader->input);
+    const bool is_cut = !log_input_is_uncut(*reader->input, &reader->error);
     if (got <= 0 || is_cut) {
         reader->at_end = true;
         reader->is_broken = (got < 0 || is_cut) && !reader->input->pipe && reader->input->packed == nullptr;
