@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "libzero/resource.h"
@@ -129,11 +131,16 @@ void totals_add_slices(load_totals* totals, const std::string& directory, const 
     }
     for (const std::string& name : names) {
         if (std::binary_search(before.begin(), before.end(), name)) continue;
-        const unique_fd fd = disk_open(directory + "/" + name, O_RDONLY);
+        const std::string path = directory + "/" + name;
+        const unique_fd fd = disk_open(path, O_RDONLY);
+        if (!fd.valid() && errno == ENOENT) continue;  // merged since
         struct stat st;
         st_warm_slice_body header;
         warm_rc_t rc;
-        if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || warm_header_read(fd.get(), &header, &rc) != 0) continue;
+        if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || warm_header_read(fd.get(), &header, &rc) != 0) {
+            say_trouble("cannot read " + path + ": " + std::strerror(errno));
+            continue;
+        }
         totals->slices++;
         totals->terms += header.num_terms.get();
         totals->index_bytes += static_cast<uint64_t>(st.st_size);
