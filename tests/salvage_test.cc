@@ -252,7 +252,10 @@ TEST_F(Salvage, AStoreIsRebuiltFromItsLogs) {
     unique_fd merging = open_file(manifest, merge_manifest_owner_text(merge_owner_self()));
     ASSERT_EQ(tsidx_lock_file(merging.get()), 1);
     std::jthread merger([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        // Until the command has begun, however long it takes to start, and a moment for its first look.
+        const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(400)); };
+        for (int i = 0; i < 100 && fs::exists(store + "/quarantine/salvage.4194304"); i++) pause();
+        pause();
         fs::remove(manifest);
         merging.reset();
     });
