@@ -404,13 +404,18 @@ TEST_F(Directory, DeletesThatAreRefused) {
     metric.magic = "_MSIDX3";
     put_slices(dir.path(), {simple_event(1)});
     const st_addr_t address = 1;
-    EXPECT_EQ(st_tsidx_delete_by_addr(open_for_reading(dir.path()).get(), &address, 1), WARM_RC_UNSUPPORTED);
+    const st_tsval_encoded key = {1, 1};
+    st_query_spec query = make_query("[AND a]");
+    const directory_ptr reader = open_for_reading(dir.path());
+    EXPECT_EQ(st_tsidx_delete_by_addr(reader.get(), &address, 1), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_tsidx_delete_by_key(reader.get(), &key, 1), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_tsidx_delete_by_query(reader.get(), &query), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_tsidx_delete_before(reader.get(), 2), WARM_RC_UNSUPPORTED);
     forge_file(dir.path(), {simple_event(9)}, metric);
     const directory_ptr tsidx = open_directory(dir.path());
     EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), &address, 1), WARM_RC_UNSUPPORTED);
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.latest = 5}).size(), 1u)
         << "nothing is deleted when one slice fails";
-    st_query_spec query = make_query("[AND a]");
     query.cumspan = 2;
     EXPECT_EQ(st_tsidx_delete_by_query(tsidx.get(), &query), WARM_RC_INVALID_ARGUMENT);
     query = make_query("[AND");
