@@ -164,6 +164,11 @@ bool warm_status_is_of_system(int status) {
            status == WARM_RC_WRITE || status == WARM_RC_CLOSE || status == WARM_RC_LOCK;
 }
 
+bool warm_rc_has_cause(const warm_rc_t* rc) {
+    const bool is_bad_offset = rc->warm_rc == WARM_RC_READ && rc->saved_errno == EINVAL;
+    return warm_status_is_of_system(rc->warm_rc) && rc->saved_errno != 0 && !is_bad_offset;
+}
+
 bool warm_status_indicates_oomem(int status) {
     return status == WARM_RC_NO_MEMORY;
 }

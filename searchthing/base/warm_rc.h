@@ -97,8 +97,11 @@ int _cpy_rc(warm_rc_t* destination, const warm_rc_t* source);
 
 // Of a slice: WARM_RC_EMPTY_FILE, WARM_RC_CORRUPT, WARM_RC_BAD_MAGIC, WARM_RC_NO_LEXICON.
 bool warm_status_indicates_corruption(int status);
-// Of a call to the system that failed: saved_errno says why, unless it is 0.
+// Of a call to the system.
 bool warm_status_is_of_system(int status);
+// Whether such a call failed for a reason that saved_errno tells. EINVAL of a read is none: an offset out of a damaged
+// file is an invalid argument.
+bool warm_rc_has_cause(const warm_rc_t* rc);
 bool warm_status_indicates_oomem(int status);  // WARM_RC_NO_MEMORY
 bool st_error_is_eminified(int code);          // WARM_RC_MINIFIED
 

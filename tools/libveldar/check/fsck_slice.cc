@@ -38,8 +38,7 @@ void check_open(fsck_state* fsck) {
 
 void fsck_fail_unless_damage(const fsck_state& fsck, const warm_rc_t& rc) {
     if (rc.warm_rc == WARM_RC_NO_MEMORY) throw std::bad_alloc();
-    const bool failed = warm_status_is_of_system(rc.warm_rc) && rc.saved_errno != 0;
-    if (failed) throw failure_t{OUTCOME_IO, slice_error(fsck.image->path, rc)};
+    if (warm_rc_has_cause(&rc)) throw failure_t{OUTCOME_IO, slice_error(fsck.image->path, rc)};
 }
 
 void fsck_add(fsck_state* fsck, slice_section_t section, uint64_t offset, const char* what, std::string detail) {

@@ -68,7 +68,8 @@ struct fsck_report {
     st_time_t earliest = 0, latest = 0;  // of the values
 };
 
-// Checks an open image. May throw std::bad_alloc, and a failure_t when the file cannot be read; needs 16 bytes of memory a term.
+// Checks an open image. May throw std::bad_alloc, and a failure_t when the file cannot be read; needs 16 bytes of memory
+// a term.
 void fsck_slice(const slice_image& image, fsck_report* report);
 
 // "section at byte N: term 12 "text": what: detail" without the path.

@@ -441,9 +441,7 @@ void save_parts(const patient& patient, const std::string& directory, salvage_re
     warm_rc_t rc;
     saved_t saved;
     saved.warm.reset(st_warm_slice_open_rdonly(patient.path.c_str(), &rc));
-    if (saved.warm == nullptr && warm_status_is_of_system(rc.warm_rc) && rc.saved_errno != 0) {
-        throw failure_t{OUTCOME_IO, slice_error(patient.path, rc)};
-    }
+    if (saved.warm == nullptr && warm_rc_has_cause(&rc)) throw failure_t{OUTCOME_IO, slice_error(patient.path, rc)};
     const bool has_bad_header =
         std::any_of(patient.faults.begin(), patient.faults.end(), [](const seal_fault_t& fault) {
             return fault.section == SEALED_HEADER && fault.offset < WARM_HEADER_MAX_SIZE;

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 
 #include "libzero/resource.h"
@@ -16,6 +15,7 @@
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/observer.h"
+#include "tools/libveldar/store/slices.h"
 #include "tools/libveldar/store/troubles.h"
 
 namespace veldar::tool {
@@ -137,8 +137,10 @@ void totals_add_slices(load_totals* totals, const std::string& directory, const 
         struct stat st;
         st_warm_slice_body header;
         warm_rc_t rc;
-        if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || warm_header_read(fd.get(), &header, &rc) != 0) {
-            say_trouble("cannot read " + path + ": " + std::strerror(errno));
+        const bool is_open = fd.valid() && ::fstat(fd.get(), &st) == 0;
+        if (!is_open) _set_rc(&rc, WARM_RC_OPEN);
+        if (!is_open || warm_header_read(fd.get(), &header, &rc) != 0) {
+            say_trouble(slice_error(path, rc));
             continue;
         }
         totals->slices++;

@@ -33,7 +33,7 @@ std::string index_failure_text(const TSIDX* tsidx) {
         case WARM_RC_UNSUPPORTED:
             return message;
         default:
-            if (rc.warm_rc == WARM_RC_RETRIES || (warm_status_is_of_system(rc.warm_rc) && error != 0))
+            if (rc.warm_rc == WARM_RC_RETRIES || warm_rc_has_cause(&rc))
                 return message + " (" + std::strerror(error) + ")";
             return message + ", status " + std::to_string(rc.warm_rc) + "; veldar fsck tells what is damaged";
     }

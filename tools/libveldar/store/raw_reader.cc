@@ -34,10 +34,14 @@ bool same_head(const source_file& file, const log_input& input) {
     return input.head.size() >= file.head_size && XXH64(input.head.data(), file.head_size, 0) == file.head_hash;
 }
 
-// False also when there is another file; *unread tells of one that is there and cannot be read.
+// False also when there is something else; *unread tells of a file that is there and cannot be read.
 bool open_checked(const source_file& file, const std::string& path, log_input* input, std::string* unread) {
     std::string error;
+    struct stat st = {};
     *input = log_input();
+    const bool is_known = ::stat(path.c_str(), &st) == 0;
+    if (is_known && !S_ISREG(st.st_mode)) return false;  // a directory may be called like a log
+    if (!is_known && (errno == ENOENT || errno == ENOTDIR)) return false;
     if (log_input_open(input, path, &error)) return !input->pipe && same_head(file, *input);
     if (error != std::strerror(ENOENT)) *unread = "cannot read " + path + ": " + error;
     return false;

@@ -221,7 +221,7 @@ std::string slice_error(const std::string& path, const warm_rc_t& rc) {
         text += "cannot be read";
     }
     if (rc.message[0] != '\0') text += std::string(" (") + rc.message + ")";
-    if (warm_status_is_of_system(rc.warm_rc) && rc.saved_errno != 0) return text + ": " + std::strerror(rc.saved_errno);
+    if (warm_rc_has_cause(&rc)) return text + ": " + std::strerror(rc.saved_errno);
     return text + ", status " + std::to_string(rc.warm_rc);
 }
 
