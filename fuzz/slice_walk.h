@@ -3,7 +3,10 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
+#include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "searchthing/columns/cstore.h"
@@ -26,12 +29,29 @@ inline void walk_require(bool holds) {
     if (!holds) std::abort();
 }
 
+// A digest of all that walks have met: whether damage reads as it did before.
+inline uint64_t walk_digest = 0;
+
+inline void walk_saw(uint64_t what) {
+    walk_digest = (std::rotl(walk_digest, 23) ^ what) * 0x9E3779B97F4A7C15;
+}
+inline void walk_saw(double what) {
+    walk_saw(what == what ? std::bit_cast<uint64_t>(what) : 1);
+}
+inline void walk_saw(std::string_view text) {
+    for (const char one : text) walk_saw(uint64_t{static_cast<unsigned char>(one)});
+}
+
 // A failure that is passed over would stay in the record of a call that succeeds.
 template <typename Call>
 int walk_told(const Call& call) {
     warm_rc_t rc;
     const int status = call(&rc);
     walk_require(status < 0 ? status == rc.warm_rc : rc.warm_rc == 0);
+    walk_saw(static_cast<uint64_t>(status));
+    if (status >= 0) return status;
+    walk_saw(uint64_t{rc.detail});
+    walk_saw(rc.message);
     return status;
 }
 
@@ -41,6 +61,7 @@ inline void walk_values(WARM* warm) {
     for (uint32_t i = 0; i < std::min(values, WALK_LIMIT); i++) {
         const uint32_t id = i % 2 == 0 ? i : values - i;
         st_tsval value;
+        std::memset(&value, 0xA5, sizeof value);  // what is not set shows
         st_time_t seconds = 0;
         uint64_t subseconds = 0;
         const int time_status =
@@ -48,6 +69,7 @@ inline void walk_values(WARM* warm) {
         const int status =
             walk_told([&](auto* told) { return tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, told); });
         walk_require(status != 0 || (time_status == 0 && value.time == seconds && value.subsecond == subseconds));
+        if (status == 0) walk_saw(std::string_view(reinterpret_cast<const char*>(&value), sizeof value));
     }
     st_tsval none;
     walk_require(tsval_reader_decode(&warm->tsval_reader, values, &none, false, 0, &rc) != 0);
@@ -64,6 +86,7 @@ inline void walk_list(plist_reader* reader, uint32_t term, uint32_t values) {
         complete = walk_told([&](auto* told) { return _next(reader, &id, told); }) == 0;
         if (!complete || id == PLIST_END || ids.size() == WALK_LIMIT) break;
         walk_require(id < values && (ids.empty() || id > ids.back()));
+        walk_saw(uint64_t{id});
         ids.push_back(id);
     }
     if (ids.empty()) return;
@@ -87,7 +110,8 @@ inline void walk_list(plist_reader* reader, uint32_t term, uint32_t values) {
     walk_require(set == ids.size() - ids.size() / 2);
 }
 
-inline int walk_term(int32_t, const char*, size_t, void* count) {
+inline int walk_term(int32_t, const char* text, size_t size, void* count) {
+    walk_saw(std::string_view(text, size));
     return ++*static_cast<uint32_t*>(count) < WALK_LIMIT ? 1 : -1;
 }
 
@@ -100,7 +124,8 @@ inline void walk_terms(WARM* warm) {
     const bool has_lists = _init_reader(&reader, warm, 1024, nullptr, &rc) == 0;
     for (uint32_t term = 0; term < std::min(st_warm_slice_terms(warm), WALK_LIMIT); term++) {
         st_term_metadata metadata;
-        walk_told([&](auto* told) { return warm_slice_term_metadata(warm, term, nullptr, &metadata, told); });
+        if (walk_told([&](auto* told) { return warm_slice_term_metadata(warm, term, nullptr, &metadata, told); }) == 0)
+            walk_saw(uint64_t{metadata.count} << 32 | (metadata.earliest ^ std::rotl(metadata.latest, 16)));
         if (has_lists) walk_list(&reader, term, st_warm_slice_values(warm));
     }
     close_plist_reader(&reader);
@@ -136,7 +161,14 @@ inline void walk_selections(WARM* warm) {
             continue;
         }
         uint64_t events = 0;
-        for (const select_table_t::row_t& row : table.rows) events += row.count;
+        for (const select_table_t::row_t& row : table.rows) {
+            events += row.count;
+            walk_saw(static_cast<uint64_t>(row.bin) ^ row.count << 8 ^ row.group);
+        }
+        for (const select_cell_t& cell : table.cells) {
+            walk_saw(cell.count << 32 | cell.numbers);
+            for (const double number : {cell.minimum, cell.maximum, cell.sum.sum}) walk_saw(number);
+        }
         walk_require(!spec.groups.empty() || events == report.events);
     }
 }
@@ -156,13 +188,16 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case, st
         return walk_told(
             [&](auto* told) { return warm_slice_search(warm, &query, answers, WALK_LIMIT, is_exact, nullptr, told); });
     };
-    const int found = search(true), possible = search(false);
+    const int possible = search(false), found = search(true);
     const bool counted =
         walk_told([&](auto* told) { return warm_slice_count(warm, &query, &count, &report, told); }) == 0 &&
         !report.from_metadata;
     const bool selected =
         walk_told([&](auto* told) { return query_to_bitmap_and_bounds(warm, &query, &bits, &matches, told); }) == 0;
     free_bitmap_and_bounds(&bits);
+    for (int i = 0; i < found; i++)
+        walk_saw(uint64_t{answers[i].address} << 32 | static_cast<uint32_t>(answers[i].time));
+    walk_saw(count << 32 | matches);
     if (earliest.time_s != INT32_MIN) return;  // times that are out of order leave open what lies in a span
     walk_require(found < 0 || possible < 0 || found <= possible);
     if (st_warm_slice_is_msidx(warm->body)) {
@@ -212,7 +247,9 @@ inline void walk_metrics(WARM* warm) {
     }
     for (uint32_t term = 0; term < std::min(st_warm_slice_terms(warm), WALK_LIMIT); term++) {
         st_term_metadata record;
-        walk_told([&](auto* told) { return warm_slice_recomputed_metadata(warm, term, nullptr, &record, told); });
+        if (walk_told([&](auto* told) { return warm_slice_recomputed_metadata(warm, term, nullptr, &record, told); }) ==
+            0)
+            walk_saw(uint64_t{record.count} << 32 | (record.earliest ^ std::rotl(record.latest, 16)));
     }
     uint32_t words = 0;
     ds_reader_t* const sets = st_warm_slice_dimset_reader(warm, &rc);
@@ -220,7 +257,9 @@ inline void walk_metrics(WARM* warm) {
         walk_told(
             [&](auto* told) { return ds_reader_apply(sets, ds_verify_version(warm->body), walk_set, &words, told); });
     }
+    walk_saw(uint64_t{words});
     const cs_reader_t* const store = st_warm_slice_cstore(warm, &rc);
+    walk_saw(static_cast<uint64_t>(rc.warm_rc));
     if (store != nullptr) walk_told([&](auto* told) { return cs_verify(store, told); });
     if (warm_slice_runs(warm) == 0) return;
     st_query_spec query;
@@ -230,7 +269,14 @@ inline void walk_metrics(WARM* warm) {
     walk_require(parse_query(query_with_bounds(query), &parsed, &rc) == 0);
     walk_told([&](auto* told) {
         return warm_slice_metric_events(
-            warm, parsed, nullptr, [&](const auto&) { return ++events < WALK_LIMIT; }, told);
+            warm, parsed, nullptr,
+            [&](const st_metric_event_t& event) {
+                walk_saw(uint64_t{event.nanoseconds} << 32 | static_cast<uint32_t>(event.time));
+                for (const std::string_view term : event.dimensions) walk_saw(term);
+                for (const st_metric_measure_t& one : event.measures) walk_saw(one.name), walk_saw(one.value);
+                return ++events < WALK_LIMIT;
+            },
+            told);
     });
 }
 
@@ -240,9 +286,9 @@ inline void walk_slice(WARM* warm) {
     walk_terms(warm);
     walk_searches(warm);
     walk_metrics(warm);
-    static_cast<void>(st_warm_slice_has_deletes(warm));
-    static_cast<void>(st_warm_slice_blocksize(warm));
-    static_cast<void>(st_warm_slice_dimsets_offset(warm, &rc));
+    walk_saw(uint64_t{st_warm_slice_has_deletes(warm)});
+    walk_saw(uint64_t{st_warm_slice_blocksize(warm)});
+    walk_saw(static_cast<uint64_t>(st_warm_slice_dimsets_offset(warm, &rc)));
     walk_require(st_warm_slice_size(warm, &rc) == warm->file_size);
 }
 

@@ -62,6 +62,22 @@ section build(const columns& all, uint32_t num_values, uint32_t num_preambles, c
     return out;
 }
 
+unique_fd file_of(const std::string& bytes) {
+    unique_fd fd(::memfd_create("cstore", MFD_CLOEXEC));
+    EXPECT_EQ(st_pwrite(fd.get(), bytes.data(), bytes.size(), 0), static_cast<int64_t>(bytes.size()));
+    return fd;
+}
+std::string bytes_of(const std::vector<double>& numbers) {
+    return {reinterpret_cast<const char*>(numbers.data()), numbers.size() * sizeof(double)};
+}
+std::string bytes_of(const section& s) {
+    std::string bytes(static_cast<size_t>(s.ref) + 200, '\0');
+    const int64_t size = st_pread(s.fd.get(), bytes.data(), bytes.size(), 0);
+    EXPECT_GT(size, s.ref);
+    bytes.resize(static_cast<size_t>(size));
+    return bytes;
+}
+
 bool same_bits(double a, double b) {
     return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
 }
@@ -160,6 +176,7 @@ void expect_column(const cs_reader_t& store, uint32_t measure, const column& ele
 
 TEST(Cstore, WhatGoesInComesOutBitForBit) {
     std::mt19937_64 random(7);
+    damage_outcomes written;
     for (const uint32_t length : {1u, 2u, 255u, 511u, 512u, 513u, 1025u, 5000u}) {
         constexpr uint32_t PREAMBLES = 3;
         const uint32_t num_values = PREAMBLES + length + static_cast<uint32_t>(random() % 3000);
@@ -182,6 +199,7 @@ TEST(Cstore, WhatGoesInComesOutBitForBit) {
         }
         all[1000] = {};
         const section s = build(all, num_values, PREAMBLES, [](uint32_t value_no) { return value_no % 150 == 0; });
+        written.add("elements " + std::to_string(length), 0, bytes_of(s));
         cs_reader_t store;
         warm_rc_t rc;
         ASSERT_EQ(cs_reader_open(&store, s.fd.get(), SECTION, s.ref, &rc), 0) << rc.message;
@@ -195,35 +213,26 @@ TEST(Cstore, WhatGoesInComesOutBitForBit) {
         }
         cs_reader_close(&store);
     }
+    expect_kept("cstore-written", written.text());
 }
 
 // Every status that opening the section and reading all of it gives; 0 for a whole section.
-int read_all(int fd, int64_t ref) {
+int read_all(int fd, int64_t ref, warm_rc_t* rc) {
     cs_reader_t store;
+    ST_TRY(cs_reader_open(&store, fd, SECTION, ref, rc));
+    return cs_verify(&store, rc);
+}
+
+void expect_no_damage_gets_past(const std::string& name, const std::string& whole, int64_t ref) {
     warm_rc_t rc;
-    ST_TRY(cs_reader_open(&store, fd, SECTION, ref, &rc));
-    return cs_verify(&store, &rc);
-}
-
-unique_fd file_of(const std::string& bytes) {
-    unique_fd fd(::memfd_create("cstore", MFD_CLOEXEC));
-    EXPECT_EQ(st_pwrite(fd.get(), bytes.data(), bytes.size(), 0), static_cast<int64_t>(bytes.size()));
-    return fd;
-}
-std::string bytes_of(const section& s) {
-    std::string bytes(static_cast<size_t>(s.ref) + 200, '\0');
-    const int64_t size = st_pread(s.fd.get(), bytes.data(), bytes.size(), 0);
-    EXPECT_GT(size, s.ref);
-    bytes.resize(static_cast<size_t>(size));
-    return bytes;
-}
-
-void expect_no_damage_gets_past(const std::string& whole, int64_t ref) {
-    ASSERT_EQ(read_all(file_of(whole).get(), ref), 0);
+    damage_outcomes outcomes;
+    ASSERT_EQ(read_all(file_of(whole).get(), ref, &rc), 0);
     const damage_fn refuse = [&](const std::string& damaged, const std::string& what) {
-        ASSERT_EQ(read_all(file_of(damaged).get(), ref), WARM_RC_CORRUPT) << what;
+        ASSERT_EQ(read_all(file_of(damaged).get(), ref, &rc), WARM_RC_CORRUPT) << what;
+        outcomes.add(what, static_cast<int>(rc.detail), rc.message);
     };
     EXPECT_GT(damage_sweep(whole, {.from = SECTION}, refuse), whole.size() * 3);
+    expect_kept(name, outcomes.text());
 }
 
 TEST(Cstore, NoDamageGetsPast) {
@@ -234,16 +243,17 @@ TEST(Cstore, NoDamageGetsPast) {
             all[static_cast<uint32_t>(kind)][4 + i + i / 7] = element_of(kind, i, &random);
     }
     const section s = build(all, 40, 4, [](uint32_t) { return false; });
-    expect_no_damage_gets_past(bytes_of(s), s.ref);
+    expect_no_damage_gets_past("cstore-damage", bytes_of(s), s.ref);
+    warm_rc_t rc;
     for (const int64_t ref : {int64_t{-1}, int64_t{0}, int64_t{16}, s.ref - 8, s.ref + 1, s.ref + 8, INT64_MAX}) {
-        EXPECT_EQ(read_all(s.fd.get(), ref), WARM_RC_CORRUPT) << ref;
+        EXPECT_EQ(read_all(s.fd.get(), ref, &rc), WARM_RC_CORRUPT) << ref;
     }
 }
 
 // Hands every flip of one bit of `data`, the last word of which is their checksum of `checksum_size` bytes and fits, to
 // `decode`: nothing beside the elements is touched.
-void flip_bits(std::string data, size_t checksum_size, uint32_t elements,
-               const std::function<void(std::span<const uint8_t>, double*)>& decode) {
+void flip_bits(std::string data, size_t checksum_size, uint32_t elements, damage_outcomes* flips,
+               const std::function<int(std::span<const uint8_t>, double*)>& decode) {
     const size_t size = data.size() - checksum_size;
     data.append(CSET_SLACK, '\x5A');
     auto* const bytes = reinterpret_cast<uint8_t*>(data.data());
@@ -252,8 +262,9 @@ void flip_bits(std::string data, size_t checksum_size, uint32_t elements,
         bytes[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
         store_le32(bytes + size, XXH32(bytes, size, 0));
         std::fill(decoded.begin(), decoded.end(), 3.0);
-        decode({bytes, size + checksum_size}, decoded.data());
+        const int status = decode({bytes, size + checksum_size}, decoded.data());
         ASSERT_EQ(std::count(decoded.begin() + elements, decoded.end(), 3.0), 64) << "bit " << bit;
+        flips->add("byte " + std::to_string(bit / 8), status, status == 0 ? bytes_of(decoded) : "");
         bytes[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
     }
 }
@@ -261,6 +272,7 @@ void flip_bits(std::string data, size_t checksum_size, uint32_t elements,
 TEST(Cstore, DamagedBlocksWriteNoFurtherThanTheirElements) {
     std::mt19937_64 random(6);
     std::set<int> codecs;
+    damage_outcomes flips, heads;
     for (int kind = 0; kind < 20; kind++) {
         std::vector<double> values(kind < 10 ? 20 : 300);
         for (uint32_t i = 0; i < values.size(); i++) values[i] = element_of(kind % 10, i, &random);
@@ -269,9 +281,8 @@ TEST(Cstore, DamagedBlocksWriteNoFurtherThanTheirElements) {
         data.resize(cset_block_encode(values, &block, reinterpret_cast<uint8_t*>(data.data())));
         codecs.insert(block.codec * 4 + (block.residual_bits > 0) * 2 + block.has_exceptions);
         if (block.codec != CSET_CONST) {
-            flip_bits(data, CSET_CHECKSUM_SIZE, block.count, [&](std::span<const uint8_t> bytes, double* decoded) {
-                static_cast<void>(cset_block_decode(&block, bytes, decoded));
-            });
+            flip_bits(data, CSET_CHECKSUM_SIZE, block.count, &flips,
+                      [&](auto bytes, double* decoded) { return cset_block_decode(&block, bytes, decoded); });
         }
         // Heads of any bits are refused, or say what a block can be.
         uint8_t head[CSET_HEAD_MAX_SIZE];
@@ -290,13 +301,17 @@ TEST(Cstore, DamagedBlocksWriteNoFurtherThanTheirElements) {
                 }
                 std::vector<double> decoded(CSET_BLOCK_ELEMENTS + 1, 3.0);
                 const std::span<const uint8_t> of_block(reinterpret_cast<uint8_t*>(data.data()), read.data_size);
-                static_cast<void>(cset_block_decode(&read, of_block, decoded.data()));
+                const int status = cset_block_decode(&read, of_block, decoded.data());
                 ASSERT_EQ(decoded[read.count], 3.0) << kind << " bit " << bit;
+                heads.add("kind " + std::to_string(16 * kind), status, status == 0 ? bytes_of(decoded) : "");
+            } else {
+                heads.add("kind " + std::to_string(16 * kind), 1, "");
             }
             head[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
         }
     }
     EXPECT_GE(codecs.size(), 8u);
+    expect_kept("cstore-flips", flips.text() + heads.text());
 }
 
 // Quotients by any power of ten are the nearest doubles, with the processor's vectors and without.
@@ -337,6 +352,7 @@ TEST(Cstore, DamagedTablesAreRefusedOrSound) {
     warm_rc_t rc;
     ASSERT_EQ(cs_reader_open(&store, s.fd.get(), SECTION, s.ref, &rc), 0);
     uint32_t refused = 0, opened = 0;
+    damage_outcomes outcomes;
     for (const auto& [measure, elements] : all) {
         uint64_t offset = 0, extent = 0;
         ASSERT_EQ(cs_reader_extent(&store, measure, &offset, &extent, &rc), 0);
@@ -361,6 +377,8 @@ TEST(Cstore, DamagedTablesAreRefusedOrSound) {
             cset_reader_t set;
             const int status = cset_reader_open(&set, &store, measure, nullptr, &rc);
             (status == 0 ? opened : refused)++;
+            const std::string what = "byte " + std::to_string(offset + bit / 8);
+            outcomes.add(what, status, status == 0 ? "" : rc.message);
             if (status != 0) continue;
             uint32_t next = 4, count = 0, in_blocks = 0, value_no = 0;
             for (const cset_place_t& place : set.blocks) in_blocks += place.block.count;
@@ -368,12 +386,26 @@ TEST(Cstore, DamagedTablesAreRefusedOrSound) {
             for (double v = 0; cset_reader_next(&set, &value_no, &v, &rc) == 0 && value_no != CSET_END; count++) {
                 ASSERT_TRUE(value_no >= next && value_no < 700) << bit;
                 next = value_no + 1;
+                outcomes.add(what, 0, bytes_of({v, static_cast<double>(value_no)}));
             }
             cset_reader_close(&set);
         }
         store.fd = s.fd.get();
     }
     cs_reader_close(&store);
+    // And those of the section.
+    const auto footer = static_cast<uint64_t>(SECTION + s.ref);
+    for (uint64_t bit = 8 * SECTION; bit < 8 * whole.size(); bit++) {
+        if (bit == 8 * (SECTION + 32)) bit = 8 * footer;
+        std::string bad = whole;
+        bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ 1 << bit % 8);
+        auto* const bytes = reinterpret_cast<uint8_t*>(bad.data());
+        const uint32_t sum = XXH32(bytes + footer + 16, bad.size() - footer - 16, XXH32(bytes + SECTION, 32, 0));
+        store_le32(bytes + footer + 4, sum);
+        const int status = read_all(file_of(bad).get(), s.ref, &rc);
+        outcomes.add("byte " + std::to_string(bit / 8), status, status == 0 ? "" : rc.message);
+    }
+    expect_kept("cstore-tables", outcomes.text());
     EXPECT_TRUE(refused > 300 && opened > 100) << refused << " " << opened;
 }
 
@@ -401,6 +433,7 @@ TEST(Cstore, Version1IsReadForEver) {
     ASSERT_EQ(cs_reader_open(&store, fd.get(), SECTION, ref, &rc), 0) << rc.message;
     EXPECT_EQ(cs_verify(&store, &rc), 0) << rc.message;
     std::set<int> codecs;
+    damage_outcomes flips;
     for (const auto& [measure, elements] : all) {
         expect_column(store, measure, elements, &random);
         cset_reader_t set;
@@ -408,14 +441,13 @@ TEST(Cstore, Version1IsReadForEver) {
         ASSERT_EQ(set.blocks.size(), 1u);
         codecs.insert(set.blocks[0].block.codec);
         const cset_block1_t block = cset_block1_of(set.blocks[0]);
-        flip_bits(whole.substr(set.data_offset, set.data_size), 8, block.count,
-                  [&](std::span<const uint8_t> bytes, double* decoded) {
-                      static_cast<void>(cset_block1_decode(&block, bytes, decoded));
-                  });
+        flip_bits(whole.substr(set.data_offset, set.data_size), 8, block.count, &flips,
+                  [&](auto bytes, double* decoded) { return cset_block1_decode(&block, bytes, decoded); });
         cset_reader_close(&set);
     }
     EXPECT_EQ(codecs.size(), 5u);
-    expect_no_damage_gets_past(whole, ref);
+    expect_kept("cstore-1-flips", flips.text());
+    expect_no_damage_gets_past("cstore-1-damage", whole, ref);
 }
 
 // Builds a section of two measures and reads all of it; the first failure, with the record's code checked against it.

@@ -216,9 +216,9 @@ TEST(FclexIo, DamageEndsInAStatus) {
         EXPECT_TRUE(allowed.contains(status)) << what << " " << status;
         EXPECT_TRUE(status == 0 || sources.rc.detail == 1) << what;
         seen.insert(status);
-        outcomes.add(what, status, std::to_string(sources.merged_count));
-        if (status != 0) return;
+        if (status != 0) return outcomes.add(what, status, sources.rc.message);
         ASSERT_EQ(sources.close(), 0);
+        outcomes.add(what, status, sources.merged_body());
         FCLEX* lex = st_fclex_open_fd(sources.fd.get(), static_cast<int64_t>(sources.bytes.size()));
         const auto one = [](int32_t, const char*, size_t, void*) { return 1; };
         EXPECT_EQ(st_fclex_apply(lex, nullptr, one, nullptr, nullptr), sources.merged_count) << what;

@@ -321,13 +321,16 @@ TEST(Fsck, NamesFaultsOfLargeTermsAndLists) {
 // Nothing breaks the checker, a file that lost bytes is never clean, and most flipped bytes show somewhere.
 TEST(Fsck, SurvivesEveryDamage) {
     const std::vector<forge_event> events = forge_random_events(3, 12);
+    damage_outcomes outcomes;
     for (const forge_options& options : forge_all_kinds()) {
         const std::string name = forge_file_name(events, 1);
         EXPECT_EQ(fsck_bytes(forge_slice(events, options), name), "") << options.name();
         uint64_t unseen = 0, flips = 0;
         const damage_options sparse = {.truncation_step = 5, .flip_step = 3, .word_step = 20};
         damage_sweep(forge_slice(events, options), sparse, [&](const std::string& damaged, const std::string& what) {
-            const bool clean = fsck_bytes(damaged, name).empty();
+            const std::string findings = fsck_bytes(damaged, name);
+            const bool clean = findings.empty();
+            outcomes.add(what, clean, findings);
             EXPECT_FALSE(clean && what.starts_with("cut")) << options.name() << " " << what;
             flips += what.starts_with("all bits") ? 1 : 0;
             unseen += clean && what.starts_with("all bits") ? 1 : 0;
@@ -336,6 +339,7 @@ TEST(Fsck, SurvivesEveryDamage) {
         const bool witnessed = !options.metric() && (options.magic > "Veldar5");
         EXPECT_TRUE(!witnessed || unseen * 4 < flips) << options.name() << ": " << unseen << " of " << flips;
     }
+    expect_kept("fsck-damage", outcomes.text());
 }
 
 TEST(Fsck, ExitStatusTells) {
@@ -392,65 +396,6 @@ std::string make_store(const temp_dir& dir) {
     EXPECT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
     EXPECT_EQ(run_tool(TOOL, {"-s", store, "metrics", "load", dir.file("m")}).status, 0);
     return store;
-}
-
-// Whatever fails beneath a command that reads: it says all that there is, or that something failed.
-TEST(Inspect, EveryFailureIsTold) {
-    const lock_optimism optimism;
-    const temp_dir dir;
-    const std::string store = make_store(dir);
-    const struct {
-        void (*add)(const command&);
-        std::vector<std::string> arguments;
-    } asked[] = {
-        {add_search_command, {"search", "n=1", "--format", "jsonl"}},
-        {add_count_command, {"count", "\"n=1\"", "--until", "2024-01-01T00:00:40.5"}},
-        {add_stats_command, {"stats", "--by", "n", "--every", "20s", "--agg", "avg(n)"}},
-        {add_top_command, {"top", "n"}},
-        {add_terms_command, {"terms", "n=*"}},
-        {add_fields_command, {"fields"}},
-        {add_seen_command, {"seen", "n=1"}},
-        {add_new_command, {"new", "--since", "2024-01-01T00:00:20"}},
-        {add_dump_command, {"dump", "--format", "tsv"}},
-        {add_ls_command, {"ls"}},
-        {add_health_command, {"health"}},
-        {add_fsck_command, {"fsck", store}},
-        {add_metrics_command, {"metrics", "ls"}},
-        {add_metrics_command, {"metrics", "query", "up"}},
-        {add_metrics_command, {"metrics", "query", "up", "--every", "1m"}},
-        {add_metrics_command, {"metrics", "dump"}},
-    };
-    for (const auto& [add, given] : asked) {
-        std::vector<std::string> arguments = given;
-        arguments.insert(arguments.end(), {"-s", store});
-        std::string whole;
-        for (const fault_action action : {fault_action::fail, fault_action::allocation}) {
-            std::vector<uint64_t> numbers = {0};
-            for (size_t i = 0; i < numbers.size(); i++) {
-                const uint64_t nth = numbers[i];
-                int status = -1;
-                testing::internal::CaptureStdout();
-                testing::internal::CaptureStderr();
-                {
-                    const command_group group = {nullptr, {&add, 1}};
-                    const command_call call = command_line_parse({&group, 1}, arguments, "");  // which may not fail
-                    const fault_step trouble(action, nth == 0 ? ~uint64_t{0} : nth, EIO);
-                    try {
-                        status = call.run();
-                    } catch (const std::exception&) {
-                    } catch (const failure_t&) {
-                    }
-                    const fault_truce own;
-                    if (nth == 0) numbers = numbers_of(trouble.firsts());
-                }
-                const std::string out = testing::internal::GetCapturedStdout();
-                const std::string err = testing::internal::GetCapturedStderr();
-                if (nth == 0) whole = out;
-                EXPECT_TRUE(nth == 0 ? status == 0 && !out.empty() : status != 0 || out == whole)
-                    << testing::PrintToString(arguments) << " " << nth << " " << static_cast<int>(action) << err << out;
-            }
-        }
-    }
 }
 
 // Whatever fails beneath a command that changes a store, it says so; what is to stay stays, and the command given again

@@ -189,6 +189,7 @@ TEST_F(MetricDirectory, DamageIsAStatus) {
     std::vector<metric_event> whole;
     const directory_ptr before = open_for_reading(dir.path());
     ASSERT_EQ(st_tsidx_apply_metric_events(before.get(), nullptr, tell_metric_event, &whole), 28);
+    damage_outcomes outcomes;
     testing::internal::CaptureStderr();
     damage_sweep(bytes, {.truncation_step = 5}, [&](const std::string& damaged, const std::string& what) {
         std::filesystem::remove(path);  // a file that is cut and written anew waits for the disk
@@ -208,8 +209,16 @@ TEST_F(MetricDirectory, DamageIsAStatus) {
         ASSERT_TRUE(status < 0 || !in_a_preamble) << what;
         uint64_t size = 0;
         static_cast<void>(st_tsidx_measure_size(tsidx.get(), &size));
+        std::string seen = std::to_string(size);
+        for (const metric_event& event : found) {
+            seen += "\n" + std::to_string(event.time) + " " + std::to_string(event.milliseconds);
+            for (const std::string& term : event.dimensions) seen += " " + term;
+            for (const auto& [name, measure] : event.measures) seen += " " + name + "=" + std::to_string(measure);
+        }
+        outcomes.add(what, static_cast<int>(status), seen);
     });
     static_cast<void>(testing::internal::GetCapturedStderr());
+    expect_kept("metric-damage", outcomes.text());
 }
 
 }  // namespace

@@ -141,6 +141,7 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
     const std::vector<std::string> paths = files_in(dir.path(), ".tsidx");
     const std::string good = read_file(paths[0]);
     size_t failed = 0;
+    damage_outcomes outcomes;
     const damage_options options = {.truncation_step = 61, .flip_step = 7, .word_step = 4};
     const size_t tried = damage_sweep(good, options, [&](const std::string& bytes, const std::string& what) {
         SCOPED_TRACE(what);
@@ -151,9 +152,11 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
         const std::string findings = merged.empty() ? "" : fsck_findings(paths[0]);
         EXPECT_FALSE(fsck_blames_lists(findings)) << "made good by the merge: " << findings;
         EXPECT_EQ(merged.empty(), rc.warm_rc < 0);
+        outcomes.add(what, rc.warm_rc, merged.empty() ? std::to_string(rc.detail) : read_file(merged));
         if (!merged.empty()) std::filesystem::remove(merged);
     });
     EXPECT_GT(failed, tried / 4);
+    expect_kept(GetParam() ? "metric-merge-damage" : "metric-merge-damage-2", outcomes.text());
 }
 
 // Two syncs and a merge, with every file call and every allocation failing once: what was told to be there is there,

@@ -195,6 +195,7 @@ std::vector<form> all_forms(const temp_dir& dir, const std::string& store) {
         {add_fsck_command, {"fsck"}},
         {add_fsck_command, {"fsck", "--against-source", "--json"}},
         {add_ls_command, {"ls"}},
+        {add_health_command, {"health"}},
         {add_info_command, {"info", files_in(store + "/bucket-000001", ".tsidx")[0]}},
         {add_dump_command, {"dump"}},
     };

@@ -72,8 +72,10 @@ std::vector<metric_event> random_metric_events(uint64_t seed, size_t count) {
         if (shape() % 4 != 0) event.dimensions.insert(" host::web" + std::to_string(shape() % 5));
         if (shape() % 2 != 0) event.dimensions.insert(" source::s" + std::to_string(shape() % 2));
         if (shape() % 2 != 0) event.dimensions.insert(" sourcetype::t" + std::to_string(shape() % 2));
-        for (uint64_t n = shape() % 6; n != 0; n--)
-            event.dimensions.insert(" d" + std::to_string(shape() % 4) + "::" + std::to_string(shape() % 9));
+        for (uint64_t n = shape() % 6; n != 0; n--) {
+            const std::string name = " d" + std::to_string(shape() % 4);  // drawn before the value by every compiler
+            event.dimensions.insert(name + "::" + std::to_string(shape() % 9));
+        }
         for (const char* keyword : {"foo", "food", "host::web1", " _dims::d0"}) {
             if (random() % 8 == 0) event.dimensions.insert(keyword);
         }

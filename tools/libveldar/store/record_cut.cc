@@ -194,7 +194,7 @@ record_cut record_cut_from_text(std::string_view text) {
 }
 
 record_cut record_cut_of(std::string_view rules, uint32_t line) {
-    for (; line > 0; line--) rules.remove_prefix(std::min(rules.find('\n'), rules.size() - 1) + 1);
+    for (; line > 0 && !rules.empty(); line--) rules.remove_prefix(std::min(rules.find('\n'), rules.size() - 1) + 1);
     return record_cut_from_text(rules.substr(0, rules.find('\n')));
 }
 
