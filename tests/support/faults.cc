@@ -82,7 +82,7 @@ std::string host_name;
 struct {
     std::mutex mutex = {};
     std::array<uint64_t, 1 << 14> seen = {};  // hashes of stacks; 0 is a free place
-    std::array<uint64_t, 1 << 12> numbers = {};
+    std::array<uint64_t, 1 << 12> numbers = {}, stacks = {};
     size_t count = 0;
 
     void note(uint64_t number) {
@@ -94,6 +94,7 @@ struct {
         while (seen[at] != 0 && seen[at] != hash) at = (at + 1) % seen.size();
         if (seen[at] == hash || count == numbers.size()) return;
         seen[at] = hash;
+        stacks[count] = hash;
         numbers[count++] = number;
     }
     void begin() {
@@ -283,6 +284,10 @@ uint64_t fault_step::allocations() const {
 std::vector<uint64_t> fault_step::firsts() const {
     const fault_truce own;
     return {places.numbers.begin(), places.numbers.begin() + static_cast<std::ptrdiff_t>(places.count)};
+}
+std::vector<uint64_t> fault_step::stacks() const {
+    const fault_truce own;
+    return {places.stacks.begin(), places.stacks.begin() + static_cast<std::ptrdiff_t>(places.count)};
 }
 bool fault_step::struck(fault_call call) const {
     return (step.struck >> static_cast<int>(call) & 1) != 0;

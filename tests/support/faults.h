@@ -77,6 +77,8 @@ class fault_step : uncopied {
     // Of one that only counts, with a number of all ones: the numbers of those calls, or allocations, that came from
     // where none before came from, all callers taken together.
     std::vector<uint64_t> firsts() const;
+    // A number for the callers of each of these.
+    std::vector<uint64_t> stacks() const;
     // Whether it has struck a call of this function.
     bool struck(fault_call call) const;
     // Or one of those that a signal can interrupt, and none that it cannot.

@@ -52,7 +52,8 @@ int health_run(const tool_context& context, const std::string& path, const std::
         health_histogram_t histogram = {};
         const int number = tsidx_health_histogram(tsidx.get(), stat.get(), histogram.data());
         if (number < 0) {
-            troubles_add(&trouble, directory.path + ": its slices cannot be listed", OUTCOME_IO);
+            troubles_add(&trouble, directory.path + ": its slices cannot be listed: " + index_failure_text(tsidx.get()),
+                         OUTCOME_IO);
         } else {
             put_directory(&out, directory, number, *stat, histogram);
         }
