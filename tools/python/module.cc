@@ -280,7 +280,7 @@ py::tuple load(const store_t& store, const std::vector<std::string>& files, cons
 
 py::tuple load_metrics(const store_t& store, const std::vector<std::string>& files, const py::object& progress,
                        const text_t& format, const text_t& time, const text_t& values, const text_t& dims,
-                       const text_t& name, const text_t& zone, bool again, bool fsync, bool optimize) {
+                       const text_t& name, const text_t& zone, bool again, bool flush, bool fsync, bool optimize) {
     const std::shared_ptr<handle> on = opened(store);
     const std::vector<const char*> names = all_chars(files);
     veldar_metric_load_options options = {};
@@ -292,6 +292,7 @@ py::tuple load_metrics(const store_t& store, const std::vector<std::string>& fil
     options.name = chars(name);
     options.zone = chars(zone);
     options.again = again ? 1 : 0;
+    options.flush = flush ? 1 : 0;
     options.no_fsync = fsync ? 0 : 1;
     options.no_optimize = optimize ? 0 : 1;
     veldar_load_result result = {};

@@ -133,6 +133,7 @@ veldar_status veldar_load_metrics(veldar_store* store, const char* const* files,
         loaded.again = given.again != 0;
         loaded.no_fsync = given.no_fsync != 0;
         loaded.no_optimize = given.no_optimize != 0;
+        loaded.flush = given.flush != 0;
         load_totals totals;
         const outcome_t outcome = load_metrics(store->path, "", &loaded, &totals);
         put_result(totals, totals.samples, watch, result);

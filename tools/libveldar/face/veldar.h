@@ -343,6 +343,7 @@ typedef struct veldar_metric_load_options {
     int again;
     int no_fsync;
     int no_optimize;
+    int flush; /* take the last line of a file that changed just now, though it has no end */
 } veldar_metric_load_options;
 
 veldar_status veldar_load_metrics(veldar_store* store, const char* const* files, size_t count,

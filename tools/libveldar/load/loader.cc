@@ -28,7 +28,6 @@ namespace {
 constexpr uint64_t REPLAY = 64 << 10;  // bytes before the progress that are parsed again for the time they end with
 constexpr size_t TOLD_MAX = 1000;
 constexpr uint64_t REWRITE_MAP_AT = 1 << 20;
-constexpr uint64_t SETTLED_NS = 5'000'000'000;  // a file that has not changed for so long is not being written to
 
 std::string machine_name() {
     char name[65] = {};
@@ -183,19 +182,11 @@ void note_new_head(loader* load, file_load* one) {
     known_files_put(&load->known, one->file);
 }
 
-// Whether someone may be writing the file now.
-bool is_young(const log_input& input) {
-    timespec now;
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    const uint64_t now_ns = static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-    return now_ns < input.modified_ns + SETTLED_NS;
-}
-
 // Reads the input from one->from on.
 bool load_rest(loader* load, file_load* one, std::string* error) {
     one->reader.cut = cut_of(*one);
     const bool waits =
-        one->last_line == LINE_WAITS || (one->last_line == LINE_WAITS_WHILE_YOUNG && is_young(one->input));
+        one->last_line == LINE_WAITS || (one->last_line == LINE_WAITS_WHILE_YOUNG && log_input_is_young(one->input));
     one->reader.waits = waits && !load->options->flush && one->file.kind != SOURCE_SPOOL && !one->input.pipe &&
                         one->input.packed == nullptr;
     if (!one->input.pipe) one->input.stored_end = one->input.size;

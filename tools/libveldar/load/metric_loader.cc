@@ -41,6 +41,8 @@ struct metric_file {
     uint64_t noted = 0;  // what `taken` was at the last note; before one `from`
     uint64_t samples = 0, refused = 0;
     size_t batch_from = 0;  // the samples of the batch from here on are of this file
+    bool waits = false;     // the file is being written: what has no end in it waits for the next load
+    bool held = false;      // there is such
     bool timeless = false;  // a sample had no time of its own: loaded again it is another one
     std::string joined;     // a CSV record of several lines
     metric_record record;
@@ -180,7 +182,12 @@ bool next_record(metric_file* file, std::span<char>* bytes, bool* too_long) {
     if (!file->is_csv || *too_long || !metric_csv_goes_on({bytes->data(), bytes->size()})) return true;
     file->joined.assign(bytes->data(), bytes->size());
     for (size_t lines = 1; lines < CSV_RECORD_LINES && file->joined.size() < LINE_MAX_BYTES; lines++) {
-        if (!line_reader_next(&file->reader, bytes, too_long) || *too_long) break;
+        if (!line_reader_next(&file->reader, bytes, too_long)) {
+            file->held = file->held || file->waits;
+            if (file->waits && file->reader.error.empty()) return false;
+            break;
+        }
+        if (*too_long) break;
         file->line++;
         file->joined.append("\n").append(bytes->data(), bytes->size());
         if (!metric_csv_goes_on(file->joined)) break;
@@ -220,6 +227,15 @@ void take_records(metric_loader* load, metric_file* file) {
         if (load->batch.samples.size() >= load->options->batch_samples) write_batch(load, file);
         if (file->line % SHOW_EVERY == 0) load_show(load, file->input);
     }
+}
+
+// Only what was in a file when it was opened is loaded, and of one that is being written whole lines.
+bool leave_unfinished(const metric_loader& load, metric_file* file, std::string* error) {
+    if (!log_input_is_plain(file->input)) return true;
+    file->input.stored_end = file->input.size;
+    file->waits = !load.options->flush && log_input_is_young(file->input);
+    file->held = file->waits && log_input_leave_last_line(&file->input, error);
+    return error->empty();
 }
 
 bool open_csv(const metric_loader& load, metric_file* file, std::string* error) {
@@ -307,9 +323,10 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
     *error = foreign_content(file.input.head);
     if (!error->empty()) return false;
     choose_format(*load, &file);
-    if (!open_reader(load, &file, error)) return false;
+    if (!leave_unfinished(*load, &file, error) || !open_reader(load, &file, error)) return false;
     file.taken = file.noted = file.from;
     take_records(load, &file);
+    load->totals.waiting += file.held && file.taken < file.input.size ? 1 : 0;
     load->totals.bytes_in += file.taken - file.from;
     load->bytes_done += file.input.size;
     if (file.from > 0 && file.taken == file.from) load->unchanged++;

@@ -29,6 +29,7 @@ struct metric_load_options {
     uint64_t batch_samples = uint64_t{1} << 18;
     bool strict = false;    // end at the first malformed line
     bool again = false;     // load what is noted as loaded too
+    bool flush = false;     // take the last line of a file that changed just now, though it has no end
     bool in_store = false;  // the directory is a store's: nothing else writes to it
     bool no_fsync = false;
     bool no_optimize = false;

@@ -180,6 +180,14 @@ bool log_input_is_uncut(const log_input& input, std::string* error) {
     return got == static_cast<int64_t>(first.size()) && XXH64(first.data(), first.size(), 0) == input.first_hash;
 }
 
+bool log_input_is_young(const log_input& input) {
+    constexpr uint64_t SETTLED_NS = 5'000'000'000;
+    timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t now_ns = static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+    return now_ns < input.modified_ns + SETTLED_NS;
+}
+
 bool log_input_leave_last_line(log_input* input, std::string* error) {
     constexpr uint64_t PIECE = 65536;
     if (input->pipe || input->packed != nullptr) return false;
@@ -203,7 +211,11 @@ bool log_input_leave_last_line(log_input* input, std::string* error) {
     }
     const uint64_t offset = input->offset;
     input->stored_end = end;
-    if (input->wide == nullptr || end == input->size) return end < input->size;
+    if (input->wide == nullptr || end == input->size) {
+        const uint64_t ahead = input->wide == nullptr ? end - std::min(end, offset) : input->ahead.size();
+        if (ahead < input->ahead.size()) input->ahead.resize(static_cast<size_t>(ahead));
+        return end < input->size;
+    }
     // The head that has been read may hold more.
     input->ahead.clear();
     input->offset = NOWHERE;

@@ -41,6 +41,8 @@ inline bool log_input_is_plain(const log_input& input) {
 // and what was read last may be of either content. True for what cannot be told of. False with a message when the file
 // cannot be read again.
 bool log_input_is_uncut(const log_input& input, std::string* error);
+// Whether someone may be writing the file now: it had changed in the last five seconds.
+bool log_input_is_young(const log_input& input);
 // How far the file itself has been read.
 uint64_t log_input_stored_offset(const log_input& input);
 // Sets stored_end behind the last line end of a file that is not compressed. Whether that leaves bytes out; a message

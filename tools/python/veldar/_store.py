@@ -170,7 +170,7 @@ class Metrics:
     def load(self, files: Path | Iterable[Path], *, progress: Callable[[Progress], object] | None = None,
              format: str | None = None, time: str | None = None, values: Names | None = None,
              dims: Names | None = None, name: str | None = None, zone: str | None = None, again: bool = False,
-             fsync: bool = True, optimize: bool = True) -> Loaded:
+             flush: bool = False, fsync: bool = True, optimize: bool = True) -> Loaded:
         """Loads OpenMetrics, Prometheus text or CSV.
 
         format  "openmetrics", "prometheus", "csv"; None: as the file looks
@@ -179,11 +179,12 @@ class Metrics:
         dims    of CSV: the columns that are labels
         name    of CSV: the metric
         zone    of times without one; None: UTC
+        flush   take the last line of a file that changed just now, though it has no end
         """
         return Loaded(*self._store.load_metrics(arguments.paths(files), progress, arguments.text(format, "format"),
                                                 arguments.text(time, "time"), arguments.names(values, "values"),
                                                 arguments.names(dims, "dims"), arguments.text(name, "name"),
-                                                arguments.text(zone, "zone"), again, fsync, optimize))
+                                                arguments.text(zone, "zone"), again, flush, fsync, optimize))
 
 
 class Store:

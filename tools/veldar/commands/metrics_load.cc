@@ -48,6 +48,7 @@ void add_metrics_load_command(const command& metrics, const std::string* directo
     load.text("--tz", &options.zone_name, "Zone of times without one: UTC, local, +02:00, Europe/Berlin ...");
     load.flag("--strict", &options.strict, "End at the first malformed line instead of counting them");
     load.flag("--again", &options.again, "Load what was loaded before once more");
+    load.flag("--flush", &options.flush, "Take the last line of a file that changed just now, though it has no end");
     load.flag("--no-optimize", &options.no_optimize, "Do not merge slices in the end, even if there are many");
     load.flag("--no-fsync", &options.no_fsync, "Leave out every fsync, for throw-away stores");
     load.number("--batch", &options.batch_samples, 1, 1u << 24, "").hidden();
