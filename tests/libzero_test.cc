@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <cinttypes>
+#include <ctime>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <random>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "libzero/ospath-builder.h"
 #include "libzero/vbe.h"
 #include "libzero/xorshift128plus.h"
+#include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/temp_dir.h"
 
@@ -304,6 +307,31 @@ TEST_F(FileMutex, OnlyAStaleLockIsBroken) {
     ASSERT_EQ(filemutex_lock(path_.c_str()), FILEMUTEX_OK);
     EXPECT_EQ(filemutex_lock_forced(path_.c_str(), 1), FILEMUTEX_OK) << "a holder that crashed";
     EXPECT_EQ(names(), std::vector<std::string>{"p.lock"});
+}
+
+// What a failing call makes of each, and what it leaves.
+TEST_F(FileMutex, EveryFailingCall) {
+    std::string all;
+    const std::function<int(const char*)> acts[] = {
+        filemutex_lock,
+        filemutex_lock_by_link,
+        filemutex_unlock,
+        filemutex_is_locked,
+        [](const char* path) { return filemutex_unlock_forced(path, std::time(nullptr) + 100); },
+        [this](const char*) { return filemutex_test_capability(dir_.path().c_str()); }};
+    for (size_t act = 0; act < std::size(acts); act++) {
+        for (uint64_t nth = 1, calls = 0; nth <= calls + 1; nth++) {
+            for (const std::string& name : names()) ::unlink(dir_.file(name).c_str());
+            if (act >= 2 && act <= 4) write_file(path_ + ".lock", "");
+            const fault_step step(fault_action::fail, nth, EIO);
+            all += std::to_string(act) + " " + std::to_string(acts[act](path_.c_str()));
+            const fault_truce own;
+            calls = step.calls();
+            for (const std::string& name : names()) all += name == "p.lock" ? " locked" : " another";
+            all += "\n";
+        }
+    }
+    expect_kept("filemutex", all);
 }
 
 TEST_F(FileMutex, CapabilityTest) {

@@ -42,6 +42,20 @@ TEST(St, RefusedOpens) {
     const st_tsval_encoded key = {};
     const st_addr_t address = 0;
     EXPECT_TRUE(st_delete_by_keys(nullptr, &key, 1) == -1 && st_delete_by_addrs(nullptr, &address, 1) == -1);
+    st_query_spec query;
+    st_query_init(&query);
+    query.lispy = "[AND]";
+    st_query_set_time_bound(&query, true, 0, 0, 9, 0);
+    const st_metric_options_t all = {};
+    EXPECT_EQ(st_query(nullptr, &query, nullptr, 1, 0), -1);
+    EXPECT_TRUE(st_get(nullptr, "a", 0, 9, nullptr, 1) == -1 && st_enum(nullptr, "a", nullptr, 1, false) == -1);
+    EXPECT_TRUE(st_meta(nullptr, nullptr) == -1 && st_is_optimized(nullptr) == -1 && st_health(nullptr) == -1);
+    for (const int64_t status :
+         {int64_t{st_event_count(nullptr, &query, &count)}, int64_t{st_term_count(nullptr, "a", 0, 9, &count)},
+          int64_t{st_measure_size(nullptr, &count)}, st_apply_metric_events(nullptr, &query, nullptr, nullptr),
+          st_apply_metric_events_of(nullptr, &query, all, nullptr, nullptr), st_get_tsidx_info(nullptr, nullptr, 0)}) {
+        EXPECT_EQ(status, WARM_RC_INVALID_ARGUMENT);
+    }
     EXPECT_TRUE(files_in(dir.path(), "").empty());
 }
 
