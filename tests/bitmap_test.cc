@@ -119,6 +119,7 @@ TEST(Bitmap, ReaderRefusesWhatCannotBe) {
     EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_CORRUPT);
     bitmap_reader_close(&reader);
     EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_NOT_FOUND);
+    EXPECT_EQ(bitmap_reader_seek(&reader, 0, &id, &rc), WARM_RC_NOT_FOUND);
 }
 
 }  // namespace veldar

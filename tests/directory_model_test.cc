@@ -24,6 +24,12 @@ int collect_event(const st_tsval* event, void* context) {
     static_cast<std::vector<event_key>*>(context)->push_back({event->time, event->address});
     return 1;
 }
+// Ends the walk when as many events have been collected as there is room for.
+int collect_some(const st_tsval* event, void* context) {
+    std::vector<event_key>* const keys = static_cast<std::vector<event_key>*>(context);
+    keys->push_back({event->time, event->address});
+    return keys->size() < keys->capacity() ? 1 : -1;
+}
 struct thing_closer {
     void operator()(THING* thing) const { EXPECT_EQ(st_close(thing), 0); }
 };
@@ -173,6 +179,13 @@ class model {
         std::vector<event_key> walked;
         const st_query_spec query = make_query(text.c_str(), bounds);
         EXPECT_GE(st_apply_events(thing, &query, collect_event, &walked), 0);
+        EXPECT_EQ(st_query(thing, &query, nullptr, 0, 1), 0);
+        if (!walked.empty()) {
+            std::vector<event_key> some;
+            some.reserve(1 + below(static_cast<uint32_t>(walked.size())));
+            EXPECT_EQ(st_apply_events(thing, &query, collect_some, &some), -1);
+            EXPECT_TRUE(some.size() == some.capacity() && std::equal(some.begin(), some.end(), walked.begin()));
+        }
         std::sort(walked.begin(), walked.end(), std::greater<>());
         uint64_t count = 0;
         EXPECT_EQ(st_event_count(thing, &query, &count), 0);

@@ -107,23 +107,59 @@ TEST_F(NotesDamage, IsToldOrReadAsBefore) {
     expect_kept("notes-damage", all);
 }
 
-// The source map's words, where the checksum of their record is made anew.
+using map_record = std::pair<uint32_t, std::string>;  // kind and payload
+
+std::string map_of(const std::vector<map_record>& records) {
+    std::string bytes;
+    for (const auto& [kind, payload] : records) {
+        std::string record(8, '\0');
+        store_le32(record.data(), static_cast<uint32_t>(payload.size()));
+        store_le32(&record[4], kind);
+        record += payload;
+        const uint64_t checksum = XXH64(record.data(), record.size(), bytes.size());
+        record.resize(record.size() + 8);
+        store_le64(&record[record.size() - 8], checksum);
+        bytes += record;
+    }
+    return bytes;
+}
+
+// The source map's words and records, with the right checksums.
 TEST_F(NotesDamage, OfTheSourceMapBehindItsChecksums) {
     const std::string file = "/bucket-000001/source.map", bytes = read_file(kept + file);
+    std::vector<map_record> records;
+    for (size_t at = 0; at < bytes.size(); at += 16 + load_le32(&bytes[at]))
+        records.emplace_back(load_le32(&bytes[at + 4]), bytes.substr(at + 8, load_le32(&bytes[at])));
+    ASSERT_EQ(map_of(records), bytes);
     damage_outcomes outcomes;
-    for (size_t at = 0, next = 0, record = 0; at < bytes.size(); at = next, record++) {
-        const uint32_t size = load_le32(&bytes[at]), kind = load_le32(&bytes[at + 4]);
-        next = at + 8 + size + 8;
-        const size_t end = kind == 1 ? at + 8 + 60 : next - 8;  // a path is another one each time
-        for (size_t word = 4; at + word + 4 <= end; word += 4 * SANITIZED_PART) {
-            const uint32_t was = load_le32(&bytes[at + word]);
+    const auto note = [&](size_t place, const std::vector<map_record>& damaged) {
+        outcomes.add("word " + std::to_string(place), 0, outcome(file, map_of(damaged)));
+    };
+    for (size_t i = 0; i < records.size(); i += SANITIZED_PART) {
+        const auto& [kind, payload] = records[i];
+        const size_t end = kind == 1 ? 60 : payload.size();  // a path is another one each time
+        for (size_t word = 0; word + 4 <= end; word += 4) {
+            const uint32_t was = load_le32(&payload[word]);
             for (const uint32_t is : {was ^ 1, word % 8 == 0 ? 0 : ~0u}) {
-                std::string damaged = bytes;
-                store_le32(&damaged[at + word], is);
-                store_le64(&damaged[next - 8], XXH64(&damaged[at], 8 + size, at));
-                if (is != was) outcomes.add("word " + std::to_string(256 * record + word), 0, outcome(file, damaged));
+                std::vector<map_record> damaged = records;
+                store_le32(&damaged[i].second[word], is);
+                if (is != was) note(256 * i + word, damaged);
             }
         }
+        const auto with = [&](const auto& change) {
+            std::vector<map_record> damaged = records;
+            change(&damaged, damaged.begin() + static_cast<std::ptrdiff_t>(i));
+            note(256 * i + 128, damaged);
+        };
+        with([](auto*, auto one) { one->first = 9; });
+        with([](auto*, auto one) { one->second.pop_back(); });
+        with([](auto*, auto one) { one->second.resize(20); });
+        with([](auto*, auto one) { one->second.clear(); });
+        with([](auto*, auto one) { one->second += "1234"; });
+        with([](auto* all, auto one) { all->erase(one); });
+        with([](auto* all, auto one) { all->insert(one, *one); });
+        with([](auto* all, auto one) { all->push_back(*one); });
+        with([](auto* all, auto one) { all->erase(one + 1, all->end()); });
     }
     expect_kept("source-map-damage", outcomes.text());
 }

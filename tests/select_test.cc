@@ -545,6 +545,14 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
     EXPECT_EQ(answer(literal, {0, 0}, {}, 0), "-19 token too big");
     EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {too_long}, .projections = {}, .bin_starts_s = {}}, 0),
               "-19 token too big");
+    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {""}, .projections = {}, .bin_starts_s = {}}, 0),
+              "-37 a group field without a name");
+    for (const select_projection_t& wrong : {select_projection_t{"", SELECT_COUNT}, {"x", 0}, {"x", 1u << 31}}) {
+        EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {wrong}, .bin_starts_s = {}}, 0),
+                  "-37 a projection");
+    }
+    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {{too_long, 1}}, .bin_starts_s = {}}, 0),
+              "-19 token too big");
     EXPECT_EQ(answer("[AND", {0, 0}, {}, 0).substr(0, 3), "-20");
     EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {"bytes"}, .projections = {}, .bin_starts_s = {}}, 2),
               "-15 too many values of the group field bytes");

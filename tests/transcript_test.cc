@@ -22,7 +22,7 @@ TEST_P(Transcript, IsWhatItWas) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, Transcript,
-                         testing::Values("borders", "damage", "inspect", "load", "optimize", "sources", "stats",
+                         testing::Values("borders", "damage", "inspect", "load", "odd", "optimize", "sources", "stats",
                                          "upkeep", "usage"));
 
 }  // namespace
