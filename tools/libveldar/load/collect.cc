@@ -149,8 +149,12 @@ void collect_notes(store_bucket* bucket, const std::set<uint32_t>& gone, bool re
 
 // Whether no load is at work, as far as this moment tells.
 bool is_free(const std::string& store) {
-    const unique_fd lock = disk_open(store + "/lock", O_RDONLY);
-    return !lock.valid() || ::flock(lock.get(), LOCK_SH | LOCK_NB) == 0;
+    const std::string path = store + "/lock";
+    const unique_fd lock = disk_open(path, O_RDONLY);
+    if (!lock.valid() && errno != ENOENT && errno != EACCES) fail_io("cannot open", path, errno);
+    if (!lock.valid() || ::flock(lock.get(), LOCK_SH | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK) fail_io("cannot lock", path, errno);
+    return false;
 }
 
 // The buckets as they lie there, for looking only.

@@ -14,6 +14,7 @@
 #include "tools/libveldar/load/merging.h"
 #include "tools/libveldar/load/progress.h"
 #include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/log_input.h"
 #include "tools/libveldar/store/raw_reader.h"
 #include "tools/libveldar/store/store.h"
 #include "tools/libveldar/store/troubles.h"
@@ -157,7 +158,9 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
     const auto is_known = [&] { return load.known.by_number.contains(log.number); };
     if (is_known() && loader_means(&load, log.path, log.number)) loader_forget(&load, log.path, true);
     const bool forgot = !is_known();
-    if (!forgot) error = "it cannot be told from other logs, or not be read";
+    log_input input;
+    if (!forgot && log_input_open(&input, log.path, &error))
+        error = "it cannot be told from other logs, or not be read";
     const bool read = forgot && loader_load(&load, log.path, &error, log.source);
     loader_close(&load);
     if (!read) say_trouble(log.path + ": " + error);
