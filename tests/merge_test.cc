@@ -19,6 +19,7 @@
 #include "tests/support/forge.h"
 #include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
+#include "tests/support/sampled.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -445,6 +446,20 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         EXPECT_GT(failures, 10u);
     }
     EXPECT_EQ(read_file(sources[0].path) + read_file(sources[1].path), before);
+
+    // A disk that changes a bit.
+    damage_outcomes flips;
+    for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
+        for (int place = 0; place < 1000; place += 37 * SANITIZED_PART) {
+            warm_rc_t rc;
+            const fault_step step(fault_action::flip, nth, place);
+            const int status = attempt(&rc);
+            last = step.calls();
+            flips.add("call " + std::to_string(16 * nth), status, status == 0 ? read_file(target) : rc.message);
+            std::filesystem::remove(target);
+        }
+    }
+    expect_kept("merge-flips", flips.text());
 
     const std::string good = read_file(sources[0].path);
     uint64_t refused = 0;

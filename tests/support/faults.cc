@@ -70,6 +70,7 @@ struct {
     int errno_value = 0;
     tally calls = 0, allocations = 0;
     tally struck = 0;  // a bit a function
+    bool flips = false;
     std::function<void()> interruption = nullptr;
 
     bool hits(uint64_t number) const { return number >= first && number <= last; }
@@ -142,6 +143,7 @@ Result through(fault_call call, Result failure, Real real) {
         errno = step.errno_value;
         return failure;
     }
+    step.flips = hit && step.action == fault_action::flip;
     const Result result = real(hit && step.action == fault_action::shorten);
     if (hit && step.action == fault_action::kill_after) ::raise(SIGKILL);
     return result;
@@ -228,6 +230,14 @@ void log_flush(const void* at) {
     }
 }
 
+const void* maybe_flipped(const void* data, size_t size, std::string* copy) {
+    if (!step.flips || size == 0) return data;
+    const fault_truce own;
+    copy->assign(static_cast<const char*>(data), size);
+    char* const byte = &(*copy)[size * static_cast<size_t>(step.errno_value) / 1000];
+    *byte = static_cast<char>(*byte ^ 1 << step.errno_value % 8);
+    return copy->data();
+}
 size_t maybe_half(size_t size, bool shortened) {
     return shortened && size > 1 ? size / 2 : size;
 }
@@ -364,6 +374,7 @@ using veldar::log_call;
 using veldar::log_flush;
 using veldar::log_sync;
 using veldar::log_write;
+using veldar::maybe_flipped;
 using veldar::maybe_half;
 using veldar::noted;
 using veldar::through;
@@ -404,8 +415,10 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
     return noted(done, "write", fd);
 }
 ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
-    const ssize_t done = through(fault_call::pwrite, ssize_t{-1},
-                                 [&](bool half) { return __real_pwrite(fd, data, maybe_half(size, half), offset); });
+    const ssize_t done = through(fault_call::pwrite, ssize_t{-1}, [&](bool half) {
+        std::string copy;
+        return __real_pwrite(fd, maybe_flipped(data, size, &copy), maybe_half(size, half), offset);
+    });
     log_write(fd, data, done, offset);
     return noted(done, "write", fd);
 }

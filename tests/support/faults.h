@@ -57,8 +57,9 @@ uint64_t fault_calls(fault_call call);
 // While it lives, something happens at calls number `nth` to `nth + times - 1` of all the functions above together, or
 // of all allocations by new, calloc and strdup in the engine (not inside of the C and C++ libraries).
 enum class fault_action {
-    fail,         // with the errno; new throws, the others return null
-    shorten,      // reads and writes move half of what was asked for; other calls work
+    fail,     // with the errno; new throws, the others return null
+    shorten,  // reads and writes move half of what was asked for; other calls work
+    flip,     // a bit of what is written comes out wrong, as many thousandths behind its beginning as the errno says
     kill_before,  // SIGKILL to this process
     kill_after,
     allocation,
