@@ -199,8 +199,9 @@ bool log_input_leave_last_line(log_input* input, std::string* error) {
         const uint64_t piece = std::min(from, PIECE);
         from -= piece;
         bytes.resize(static_cast<size_t>(piece));
-        if (disk_read_at(input->fd.get(), bytes.data(), bytes.size(), from) != static_cast<int64_t>(piece)) {
-            *error = "its end cannot be read";
+        const int64_t got = disk_read_at(input->fd.get(), bytes.data(), bytes.size(), from);
+        if (got != static_cast<int64_t>(piece)) {
+            *error = std::string("its end cannot be read: ") + (got < 0 ? std::strerror(errno) : "it was cut");
             return false;
         }
         for (size_t at = bytes.size(); at >= unit && end == 0; at -= unit) {
