@@ -129,6 +129,9 @@ TEST_F(CallOrder, Load) {
                list("sourcetypes") + list("hosts") + "create source.map\nsync bucket-000001\nsync store\n" + map +
                std::regex_replace(slice, std::regex("(unlink)"), "sync bucket-000001\n$1") + mark);
 
+    expect(calls_of([&] { store_note_deleted(dir_.file("store/bucket-000001"), 1000); }),
+           "create deleted-1000\nsync bucket-000001\n");
+
     // Through a pipe, and two buckets: nothing is marked as loaded whose only copy may not last.
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);

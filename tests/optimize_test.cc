@@ -22,10 +22,9 @@
 #include "searchthing/upkeep/tsidx_merge_plan.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/directory.h"
+#include "tests/support/forge_metric.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/leak_listener.h"
-#include "tests/support/metric_events.h"
-#include "tests/support/run_tool.h"
 #include "tests/support/seals.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/merging.h"
@@ -43,16 +42,10 @@ forge_event event_at(int32_t time) {
     return {.time = time, .address = static_cast<uint32_t>(time), .terms = {"a"}};
 }
 
-// The file name of a slice with these events, in one piece.
-std::string put_slice(const std::string& path, const std::vector<forge_event>& events) {
-    const std::vector<std::string> before = files_in(path, TSIDX_SUFFIX);
+void put_slice(const std::string& path, const std::vector<forge_event>& events) {
     const directory_ptr tsidx = open_directory(path);
     for (const forge_event& event : events) EXPECT_EQ(put_event(tsidx.get(), event), 0);
     EXPECT_EQ(st_tsidx_sync(tsidx.get()), 0);
-    for (const std::string& file : files_in(path, TSIDX_SUFFIX)) {
-        if (std::find(before.begin(), before.end(), file) == before.end()) return fs::path(file).filename();
-    }
-    return {};
 }
 
 merge_manifest_t manifest_of(merge_owner_t owner, std::vector<std::string> sources) {
@@ -116,16 +109,18 @@ std::set<std::string> names_in(const std::string& directory) {
 // The files of a merge of two slices, cut off somewhere.
 struct cut_off_merge {
     temp_dir dir;
-    std::vector<std::string> sources;
     merge_manifest_t manifest;
 
     explicit cut_off_merge(bool has_target) {
         const temp_dir elsewhere;
-        const std::string merged = put_slice(elsewhere.path(), {event_at(1), event_at(2)});
-        sources = {put_slice(dir.path(), {event_at(2)}), put_slice(dir.path(), {event_at(1)})};
+        put_slice(elsewhere.path(), {event_at(1), event_at(2)});
+        for (const int32_t time : {2, 1}) put_slice(dir.path(), {event_at(time)});
+        const std::string merged = *names_in(elsewhere.path()).begin();
+        const std::set<std::string> sources = names();
         merge_owner_t owner = merge_owner_self();
         owner.process = process_that_is_gone();
-        manifest = {owner, merged, merged.substr(0, merged.rfind('.')) + TSIDX_PRE_SUFFIX, sources};
+        manifest = {
+            owner, merged, merged.substr(0, merged.rfind('.')) + TSIDX_PRE_SUFFIX, {sources.begin(), sources.end()}};
         fs::copy_file(elsewhere.file(merged), dir.file(manifest.temp));
         if (has_target) fs::create_hard_link(dir.file(manifest.temp), dir.file(merged));
     }
@@ -551,41 +546,20 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
 // A stop is obeyed at every question, and leaves what was there before.
 TEST_F(OptimizeFaults, StoppedAtEveryQuestion) {
     const std::string metrics = dir_.file("metrics");
-    {
-        const directory_ptr events = open_directory(path());
-        TSWRITEOPTS opts;
-        st_tsidx_write_opts_init_write_level(&opts, 4);
-        const directory_ptr samples(st_tsidx_open(metrics.c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER));
-        fs::create_directory(metrics);
-        for (int32_t slice = 0; slice < 2; slice++) {
-            for (int32_t i = 0; i < 5000; i++) {
-                const forge_event event = {.time = 9000 - i / 2,
-                                           .address = static_cast<uint32_t>(100 + (i ^ 1) + 5000 * slice),
-                                           .terms = {"a", "n" + std::to_string(2 * i + slice)}};
-                ASSERT_EQ(put_event(events.get(), event), 0);
-            }
-            for (const metric_event& event : random_metric_events(static_cast<uint64_t>(slice), 5000)) {
-                ASSERT_EQ(put_metric_event(samples.get(), event, 1), 0);
-            }
-            ASSERT_EQ(st_tsidx_sync(events.get()) + st_tsidx_sync(samples.get()), 0);
-        }
+    fs::create_directory(metrics);
+    for (uint64_t id = 1; id <= 2; id++) {
+        forge_file(path(), forge_random_events(id, 5000), forge_as_created(4), id);
+        forge_metric_file(metrics, random_metric_events(id, 5000), {}, id);
     }
-    struct questions {
-        int asked, end;
-    };
     for (const std::string& directory : {path(), metrics}) {
         const std::set<std::string> before = names_in(directory);
         const directory_ptr tsidx = open_directory(directory);
         st_tsidx_set_merge_drops_deleted(tsidx.get(), true);
         int status = WARM_RC_CANCELLED;
         const auto stopped_at = [&](int nth) {
-            questions count = {0, nth};
-            const auto ask = [](void* context) {
-                questions* const q = static_cast<questions*>(context);
-                return ++q->asked >= q->end;
-            };
-            st_tsidx_set_merge_stop(tsidx.get(), ask, &count);
-            status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+            stop_at count = {nth};
+            st_tsidx_set_merge_stop(tsidx.get(), stop_at::ask, &count);
+            status = merge_all(tsidx.get());
             EXPECT_EQ(status == WARM_RC_CANCELLED, count.asked >= nth) << status;
         };
         {
@@ -634,7 +608,7 @@ TEST_F(OptimizeFaults, SourcesThatDoNotGo) {
         const directory_ptr tsidx = open_directory(path());
         st_tsidx_set_lock_timeout(tsidx.get(), 0);
         const fault broken(fault_call::unlink, nth, EPERM);
-        const int status = st_tsidx_optimize_n(tsidx.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+        const int status = merge_all(tsidx.get());
         const bool stays = !files_in(path(), TSIDX_SENTINEL_SUFFIX).empty();
         EXPECT_TRUE(!stays || (status == WARM_RC_WRITE && st_tsidx_get_warm_errno(tsidx.get()) == EPERM)) << status;
         told += stays ? 1 : 0;
@@ -643,47 +617,21 @@ TEST_F(OptimizeFaults, SourcesThatDoNotGo) {
     EXPECT_EQ(told, 4) << "each of the sources";
 }
 
-TEST_F(OptimizeFaults, ResultsAndLogLines) {
+TEST_F(OptimizeFaults, Results) {
     st_init("optimize_test");
     TSWRITEOPTS opts;
-    st_tsidx_write_opts_init_with_byte_sizes(&opts, 3, 7000000, 64, 8388608, 1, 1024);
+    st_tsidx_write_opts_init_write_level(&opts, 3);
     int mapped = 0;
     const auto same_address = [](uint32_t address, void* calls) {
         ++*static_cast<int*>(calls);
         return address;
     };
-    const auto run = [&](const std::string& directory, bool is_final, uint32_t iterations, uint32_t flags = 0) {
-        int result = 0;
-        const std::string log = logged([&] {
-            const st_optimize_options_t options = {.write = &opts,
-                                                   .mode = 1,
-                                                   .is_final = is_final,
-                                                   .max_iterations = iterations,
-                                                   .min_sources = 5,
-                                                   .terms_per_block = 32,
-                                                   .mapper = same_address,
-                                                   .mapper_context = &mapped};
-            result = flags == 0 ? st_optimize_directory(directory.c_str(), options, nullptr)
-                                : st_optimize(directory.c_str(), &opts, 1, is_final, iterations, 5, 32, 0, nullptr, 0,
-                                              flags, same_address, &mapped);
-        });
-        return std::to_string(result) + "\n" + log;
+    const auto run = [&](int mode, bool is_final, uint32_t flags = 0) {
+        return st_optimize(path().c_str(), &opts, mode, is_final, 9, 5, 32, 0, nullptr, 0, flags, same_address,
+                           &mapped);
     };
-    const auto expected = [&](int result, int rc, const std::string& directory, const char* is_final, int iterations,
-                              const std::string& between = "") {
-        return std::to_string(result) + "\nINFO  veldar-optimize start: dir=" + directory +
-               " mode=1 isfinal=" + is_final + " max_iteration=" + std::to_string(iterations) +
-               " min_src_count=5 lex_tpb=32 write_level=3 target_size=7000000\n" + between +
-               "INFO  exiting veldar-optimize process with rc=" + std::to_string(rc) + " (unsigned " +
-               std::to_string(rc & 0xFF) + ")\n";
-    };
-    const std::string missing = dir_.file("missing");
-    EXPECT_EQ(run(missing, true, 9),
-              expected(-1, -1, missing, "true", 9, "ERROR unable to open tsidx: " + missing + "\n"));
-    EXPECT_EQ(run(path(), false, 0), expected(0, 0, path(), "false", 0));
-    EXPECT_EQ(run(path(), false, 9, 1), expected(-17, -17, path(), "false", 9));
-    EXPECT_EQ(st_optimize(path().c_str(), &opts, 0, false, 1, 5, 32, 0, nullptr, 0, 0, nullptr, nullptr), 0)
-        << "few sources";
+    EXPECT_EQ(run(1, false, 1), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(run(0, false), 0) << "few sources";
     EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 0u);
     {
         const directory_ptr tsidx = open_directory(path());
@@ -701,10 +649,9 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     {
         const unique_fd owner(::open((path() + "/" + MERGE_MANIFEST_TMP_NAME).c_str(), O_RDWR | O_CLOEXEC));
         ASSERT_EQ(::flock(owner.get(), LOCK_EX), 0);
-        EXPECT_EQ(run(path(), false, 9), expected(-28, -28, path(), "false", 9));
+        EXPECT_EQ(run(1, false), WARM_RC_MANIFEST_EXISTS);
     }
-    EXPECT_EQ(run(path(), true, 9), expected(0, -30, path(), "true", 9));
-    EXPECT_EQ(run(path(), true, 1), expected(0, -30, path(), "true", 1));
+    EXPECT_EQ(run(1, true), 0);
     EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 1u);
     EXPECT_FALSE(fs::exists(path() + "/" + TSIDX_NEED_OPTIMIZE_NAME));
     EXPECT_EQ(sorted_events(path()), expected_);
@@ -716,7 +663,7 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     ASSERT_EQ(put_event(tsidx.get(), {.time = 12, .address = 90, .terms = {"a"}}), 0);
     ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.earliest = 12}).size(), 2u);
-    EXPECT_EQ(st_tsidx_optimize_n(tsidx.get(), 1, 2, 0, 0, nullptr, 0, 0, false), 0);
+    EXPECT_EQ(merge_all(tsidx.get()), 0);
     EXPECT_EQ(open_slices(path()), 0u) << "they would hold their disk space";
     EXPECT_EQ(query_keys(tsidx.get(), "[AND a]", {.earliest = 12}), (std::vector<event_key>{{12, 88}, {12, 10}}));
     EXPECT_EQ(open_slices(path()), 1u);
@@ -724,68 +671,8 @@ TEST_F(OptimizeFaults, ResultsAndLogLines) {
     ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
     // An optimiser does not learn what size the slices of a directory should have.
     fs::remove(path() + "/" + TSIDX_PARAMS_NAME);
-    EXPECT_EQ(run(path(), true, 1), expected(0, 0, path(), "true", 1));
+    EXPECT_EQ(run(1, true), 0);
     EXPECT_FALSE(fs::exists(path() + "/" + TSIDX_PARAMS_NAME));
-}
-
-TEST_F(Optimize, Tools) {
-    const temp_dir dir;
-    const std::string store = dir.file("store"), log = dir.file("log");
-    std::string lines;
-    const auto load = [&](const std::vector<std::string>& options) {
-        for (const char* i : {"0", "1", "2"})
-            lines += std::string("2024-01-01T00:00:0") + i + "Z an event n" + i + "\n";
-        write_file(log, lines);
-        std::vector<std::string> arguments = {"-s", store, "load", log};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        const tool_result result = run_tool("veldar/veldar", arguments);
-        EXPECT_EQ(result.status, 0) << result.err;
-        return result.err;
-    };
-    const auto slices = [&] { return files_in(store + "/bucket-000001", TSIDX_SUFFIX).size(); };
-    const auto count = [&] { return run_tool("veldar/veldar", {"-s", store, "count", "event"}).out; };
-    for (int i = 0; i < 9; i++) load({"--no-optimize"});
-    ASSERT_EQ(slices(), 9u);
-    EXPECT_EQ(count(), "27\n");
-    const std::string plan = run_tool("veldar/veldar", {"optimize", store, "--dry-run"}).out;
-    EXPECT_NE(plan.find("bucket-000001: 9 slices, "), std::string::npos) << plan;
-    EXPECT_NE(load({}).find("10 slices merged into 1, "), std::string::npos);
-    load({});
-    EXPECT_EQ(slices(), 2u);
-    const auto optimize = [&](const std::vector<std::string>& options, const char* told) {
-        std::vector<std::string> arguments = {"optimize", store};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        const std::string err = run_tool("veldar/veldar", arguments).err;
-        EXPECT_EQ(err.find(told), 0u) << err;
-    };
-    optimize({}, "2 slices merged into 1, ");
-    load({});
-    const tool_result merged = run_tool("veldar-optimize", {store + "/bucket-000001", "--final"});
-    EXPECT_EQ(merged.status, 0);
-    EXPECT_NE(merged.err.find("INFO  exiting veldar-optimize process with rc=-30 (unsigned 226)\n"), std::string::npos);
-    EXPECT_EQ(slices(), 1u);
-    EXPECT_EQ(count(), "36\n");
-    // A third of the events, and more than a third of those left.
-    run_tool("veldar/veldar", {"-s", store, "delete", "n0"});
-    optimize({}, "nothing to merge: 1 slice, ");
-    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store, "terms", "n*"}).out, "12\tn0\n12\tn1\n12\tn2\n");
-    optimize({"--all"}, "1 slice merged into 1, ");
-    optimize({"--all"}, "nothing to merge: 1 slice, ");
-    run_tool("veldar/veldar", {"-s", store, "delete", "n1"});
-    optimize({}, "1 slice merged into 1, ");
-    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store, "terms", "n*"}).out, "12\tn2\n");
-    EXPECT_EQ(count(), "12\n");
-    EXPECT_EQ(run_tool("veldar/veldar", {"fsck", store}).status, 0);
-    EXPECT_EQ(run_tool("veldar/veldar", {"optimize", log}).status, 2);
-    // One slice that no merge has written is packed, once.
-    fs::remove_all(store);
-    load({});
-    const auto bytes = [&] { return fs::file_size(*files_in(store + "/bucket-000001", TSIDX_SUFFIX).begin()); };
-    const uint64_t before = bytes();
-    optimize({}, "1 slice merged into 1, ");
-    EXPECT_LT(bytes(), before);
-    optimize({"--all"}, "nothing to merge: 1 slice, ");
-    EXPECT_EQ(run_tool("veldar-optimize", {dir.file("missing")}).status, 1);
 }
 
 }  // namespace

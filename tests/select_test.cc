@@ -33,6 +33,15 @@ struct seen_event {
     bool is_metric = false;
 };
 
+seen_event seen(int64_t time, const std::set<std::string>& terms, bool is_metric) {
+    seen_event event = {time, {}, {}, is_metric};
+    for (const std::string& term : terms) {
+        const size_t colons = term.find("::");
+        if (colons != term.npos) event.fields[term.substr(0, colons)].push_back(term.substr(colons + 2));
+    }
+    return event;
+}
+
 struct expected_row {
     uint64_t count = 0;
     std::vector<std::vector<std::string>> values;  // by projection
@@ -173,11 +182,12 @@ class selection_maker {
     explicit selection_maker(uint64_t seed) : random_(seed) {}
     uint32_t below(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
 
-    select_options_t make(const std::vector<std::string>& fields, const std::vector<std::string>& projectable,
-                          const std::vector<int64_t>& times) {
+    select_options_t make(const st_query_spec& query, const std::vector<std::string>& fields,
+                          const std::vector<std::string>& projectable, const std::vector<int64_t>& times) {
         static constexpr st_timeval_t SPANS[] = {{0, 1},  {0, 250000000}, {0, 999999999}, {1, 0},         {7, 0},
                                                  {60, 1}, {3600, 0},      {86400, 0},     {31556952, 500}};
         select_options_t options;
+        options.query = query;
         const auto one_of = [this](const std::vector<std::string>& of) {
             return of[below(static_cast<uint32_t>(of.size()))];
         };
@@ -327,9 +337,7 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
                 all.insert(all.end(), events.begin(), events.end());
             }
             handles[d] = open_directory(dirs[d].path());
-            warm_rc_t rc;
-            if (seed % 3 == 0)
-                static_cast<void>(st_tsidx_optimize_n(handles[d].get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false));
+            if (seed % 3 == 0) static_cast<void>(merge_all(handles[d].get()));
             forge_event hot = forge_random_events(seed + 7, 1).front();  // in memory until the first read
             hot.deleted = false;
             hot.terms.push_back("m::hot");
@@ -354,23 +362,13 @@ TEST_F(Select, EventsAgreeWithBruteForce) {
             bounds.cumspan = 0;
             if (is_large && i % 2 == 0)
                 bounds.earliest = bounds.latest = static_cast<int32_t>(times[maker.below(100)] / 1000000000);
-            select_options_t options = maker.make(fields, fields, times);
-            const st_query_spec query = make_query(text.c_str(), bounds);
-            options.query.lispy = query.lispy;
-            options.query.opt_a = query.opt_a;
-            options.query.earliest = query.earliest;
-            options.query.latest = query.latest;
+            select_options_t options = maker.make(make_query(text.c_str(), bounds), fields, fields, times);
             options.sources = {{handles[0].get(), {}}, {handles[1].get(), {}}};
             std::vector<seen_event> events;
             for (const uint32_t number : reference.search(tree, bounds)) {
                 const forge_event& event = reference.values()[number];
-                seen_event seen = {int64_t{event.time} * 1000000000, {}, {}, false};
                 const std::set<std::string> terms(event.terms.begin(), event.terms.end());
-                for (const std::string& term : terms) {
-                    const size_t colons = term.find("::");
-                    if (colons != term.npos) seen.fields[term.substr(0, colons)].push_back(term.substr(colons + 2));
-                }
-                events.push_back(std::move(seen));
+                events.push_back(seen(int64_t{event.time} * 1000000000, terms, false));
             }
             for (int again = 0; again <= is_rare; again++) check_selection(options, events, &maker);
         }
@@ -384,10 +382,7 @@ TEST_F(Select, MetricsAgreeWithBruteForce) {
         const bool milliseconds = seed % 2 == 0;
         const temp_dir dir;
         std::vector<metric_event> all;
-        TSWRITEOPTS opts;
-        st_tsidx_write_opts_init_write_level(&opts, 4);
-        opts.millisecond_mode = milliseconds ? 1 : 0;
-        const directory_ptr handle(st_tsidx_open(dir.path().c_str(), 0, 1, &opts, TSIDX_ORDINARY_WRITER));
+        const directory_ptr handle = open_directory(dir.path(), 4, false, true, milliseconds);
         for (uint32_t slice = 1; slice <= 1 + maker.below(3); slice++) {
             std::vector<metric_event> events =
                 random_metric_events(seed * 10 + slice, 1 + maker.below(seed == 8 ? 3000 : 90));
@@ -398,9 +393,7 @@ TEST_F(Select, MetricsAgreeWithBruteForce) {
             forge_metric_file(dir.path(), events, options, slice);
             all.insert(all.end(), events.begin(), events.end());
         }
-        warm_rc_t rc;
-        if (seed % 3 == 0)
-            static_cast<void>(st_tsidx_optimize_n(handle.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false));
+        if (seed % 3 == 0) static_cast<void>(merge_all(handle.get()));
         const reference_index reference = metric_reference(all, milliseconds);
         query_maker queries(reference, seed);
         std::vector<int64_t> times;
@@ -410,25 +403,18 @@ TEST_F(Select, MetricsAgreeWithBruteForce) {
             const std::string text = tree.notation();
             reference_bounds bounds = queries.bounds();
             bounds.cumspan = 0;
-            select_options_t options = maker.make({"host", "source", "d0", "d1", "metric_name", "d2", "none"},
+            select_options_t options = maker.make(make_query(text.c_str(), bounds),
+                                                  {"host", "source", "d0", "d1", "metric_name", "d2", "none"},
                                                   {"m0", "m1", "m2", "m*", "*", "m6", "host", "d0", "none"}, times);
-            const st_query_spec query = make_query(text.c_str(), bounds);
-            options.query.lispy = query.lispy;
-            options.query.opt_a = query.opt_a;
-            options.query.earliest = query.earliest;
-            options.query.latest = query.latest;
             options.query.latest.time_ns = 999999999;
             options.sources = {{handle.get(), {}}};
             std::vector<seen_event> events;
             for (const uint32_t number : reference.search(tree, bounds)) {
                 const metric_event& event = all[reference.values()[number].s];
-                seen_event seen = {int64_t{event.time} * 1000000000 + event.milliseconds * 1000000, {}, {}, true};
-                for (const std::string& term : as_told(event).dimensions) {
-                    const size_t colons = term.find("::");
-                    if (colons != term.npos) seen.fields[term.substr(0, colons)].push_back(term.substr(colons + 2));
-                }
-                for (const auto& [name, bits] : event.measures) seen.measures[name] = std::bit_cast<double>(bits);
-                events.push_back(std::move(seen));
+                const int64_t time = int64_t{event.time} * 1000000000 + event.milliseconds * 1000000;
+                events.push_back(seen(time, as_told(event).dimensions, true));
+                for (const auto& [name, bits] : event.measures)
+                    events.back().measures[name] = std::bit_cast<double>(bits);
             }
             check_selection(options, events, &maker);
         }
@@ -523,54 +509,64 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
     const directory_ptr tsidx = open_directory(dir.path(), 0);
     const std::string too_long(2049, 'x');
     const std::string literal = "[AND " + too_long + "]";
-    const auto answer = [&](const std::string& text, const st_timeval_t& span, const select_spec_t& spec,
-                            uint32_t word) {
-        select_options_t options;
-        options.query.lispy = text.c_str();
-        options.query.opt_span = span;
-        options.query.opt_word = word;
-        options.spec = spec;
-        options.sources = {{tsidx.get(), {}}};
-        select_table_t table;
-        warm_rc_t rc;
-        const int status = select_read(options, &table, nullptr, &rc);
-        return std::to_string(status) + " " + rc.message;
+    const auto by = [](const std::vector<std::string>& groups) {
+        select_spec_t spec;
+        spec.groups = groups;
+        return spec;
     };
-    EXPECT_EQ(answer("[AND]", {-1, 0}, {}, 0), "-25 time bins init");
-    EXPECT_EQ(answer("[AND]", {0, 1000000000}, {}, 0), "-25 time bins init");
-    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {}, .bin_starts_s = {5, 5}}, 0),
-              "-25 time bins init");
-    EXPECT_EQ(answer("[AND]", {60, 0}, {{}, {}, -5000000000, {}}, 0), "-25 time bins init");
-    EXPECT_EQ(answer("[AND]", {0, 1}, {}, 0), "-55 alloc time bins hard limit exceeded");
-    EXPECT_EQ(answer(literal, {0, 0}, {}, 0), "-19 token too big");
-    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {too_long}, .projections = {}, .bin_starts_s = {}}, 0),
-              "-19 token too big");
-    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {""}, .projections = {}, .bin_starts_s = {}}, 0),
-              "-37 a group field without a name");
-    for (const select_projection_t& wrong : {select_projection_t{"", SELECT_COUNT}, {"x", 0}, {"x", 1u << 31}}) {
-        EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {wrong}, .bin_starts_s = {}}, 0),
-                  "-37 a projection");
-    }
-    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {}, .projections = {{too_long, 1}}, .bin_starts_s = {}}, 0),
-              "-19 token too big");
-    EXPECT_EQ(answer("[AND", {0, 0}, {}, 0).substr(0, 3), "-20");
-    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = {"bytes"}, .projections = {}, .bin_starts_s = {}}, 2),
-              "-15 too many values of the group field bytes");
-    const std::vector<std::string> nine(9, "host");
-    EXPECT_EQ(answer("[AND]", {0, 0}, {.groups = nine, .projections = {}, .bin_starts_s = {}}, 0),
-              "-37 too many group fields");
+    const auto of = [](const select_projection_t& projection) { return select_spec_t{{}, {projection}, 0, {}}; };
+    const auto from = [](const std::vector<int64_t>& starts, int64_t offset = 0) {
+        return select_spec_t{{}, {}, offset, starts};
+    };
     select_spec_t many;
     many.projections.resize(SELECT_MAX_PROJECTIONS + 1, {"x", SELECT_COUNT});
-    EXPECT_EQ(answer("[AND]", {0, 0}, many, 0), "-37 too many projections");
-    many = {{}, {}, 0, std::vector<int64_t>(SELECT_MAX_BINS + 1)};
-    EXPECT_EQ(answer("[AND]", {0, 0}, many, 0), "-55 alloc time bins hard limit exceeded");
+    const struct {
+        const char* expected;
+        select_spec_t spec = {};
+        st_timeval_t span = {0, 0};
+        std::string text = "[AND]";
+        uint32_t word = 0;
+    } refused[] = {{"-25 time bins init", {}, {-1, 0}},
+                   {"-25 time bins init", {}, {0, 1000000000}},
+                   {"-25 time bins init", from({5, 5})},
+                   {"-25 time bins init", from({}, -5000000000), {60, 0}},
+                   {"-55 alloc time bins hard limit exceeded", {}, {0, 1}},
+                   {"-55 alloc time bins hard limit exceeded", from(std::vector<int64_t>(SELECT_MAX_BINS + 1))},
+                   {"-19 token too big", {}, {}, literal},
+                   {"-19 token too big", by({too_long})},
+                   {"-20 the query text ends inside a group", {}, {}, "[AND"},
+                   {"-15 too many values of the group field bytes", by({"bytes"}), {}, "[AND]", 2},
+                   {"-37 too many group fields", by(std::vector<std::string>(9, "host"))},
+                   {"-37 too many projections", many},
+                   {"-37 a group field without a name", by({""})},
+                   {"-37 a projection", of({"", SELECT_COUNT})},
+                   {"-37 a projection", of({"x", 0})},
+                   {"-37 a projection", of({"x", 1u << 31})},
+                   {"-19 token too big", of({too_long, SELECT_COUNT})}};
+    select_table_t table;
+    warm_rc_t rc;
+    std::string heard;
+    const auto answer = [&](select_options_t options, bool is_told) {
+        options.sources.push_back({tsidx.get(), {}});
+        if (is_told)
+            options.on_failure = [&](const std::string& where, const warm_rc_t& why) { heard = where + why.message; };
+        const int status = select_read(options, &table, nullptr, &rc);
+        EXPECT_TRUE(status != 0 || table.rows.at(0).count == events.size());
+        return std::to_string(status) + " " + rc.message;
+    };
+    for (const auto& row : refused) {
+        select_options_t options;
+        options.query.lispy = row.text.c_str();
+        options.query.opt_span = row.span;
+        options.query.opt_word = row.word;
+        options.spec = row.spec;
+        EXPECT_EQ(answer(options, false), row.expected);
+    }
 
     // A table takes no more cells than allowed.
     select_spec_t wide;
     wide.projections.resize(16, {"x", SELECT_COUNT});
-    select_table_t table;
     select_table_init(&table, wide);
-    warm_rc_t rc;
     uint32_t group = 0, row = 0;
     ASSERT_EQ(select_group(&table, "", &group, &rc), 0);
     int64_t rows = 0;
@@ -600,33 +596,24 @@ TEST_F(Select, WhatCannotBeSelectedIsAStatus) {
     old.magic = "_tsidx2";
     for (const forge_options& kind : forge_all_kinds()) old = kind.metric() ? kind : old;
     const std::string legacy = forge_file(others.path(), events, old, 8);
-    const auto failure = [&](const std::string& path, const select_spec_t& spec, bool told) {
-        select_options_t options;
-        options.query.lispy = "[AND]";
-        options.spec = spec;
-        options.sources = {{nullptr, path}, {tsidx.get(), {}}};
-        std::string heard;
-        if (told)
-            options.on_failure = [&](const std::string& where, const warm_rc_t& why) { heard = where + why.message; };
-        const int status = select_read(options, &table, nullptr, &rc);
-        EXPECT_TRUE(status != 0 || table.rows.at(0).count == events.size());
-        return told ? std::to_string(status) + heard : rc.message;
-    };
+    select_options_t options;
+    options.query.lispy = "[AND]";
+    options.sources = {{nullptr, minified}};
+    EXPECT_EQ(answer(options, false), "-44 warm slice select");
+    EXPECT_EQ(answer(options, true).substr(0, 2), "0 ");
+    EXPECT_EQ(heard, minified + "warm slice select");
+    options.sources = {{nullptr, legacy}};
+    EXPECT_EQ(answer(options, false), "-17 not a msidx cstore tsidx");
+    options.spec.projections = {{"bytes", SELECT_SUM}};
+    EXPECT_EQ(answer(options, false),
+              "-51 ST projection on legacy MSIDX V1 and V2 buckets has no group-by: metric_name");
     // Too many bins are no fault of the slice in which they come up.
     const std::string untimed = others.file("2147483647--2147483648-9.tsidx");
     std::filesystem::copy(files_in(dir.path(), ".tsidx").at(0), untimed);
-    select_options_t options;
-    options.query.lispy = "[AND]";
+    options.spec = {};
     options.query.opt_span = {0, 1};
     options.sources = {{nullptr, untimed}};
-    options.on_failure = [](const std::string&, const warm_rc_t&) {};
-    EXPECT_EQ(select_read(options, &table, nullptr, &rc), WARM_RC_TIME_BINS_LIMIT);
-    const select_spec_t projects = {.groups = {}, .projections = {{"bytes", SELECT_SUM}}, .bin_starts_s = {}};
-    EXPECT_EQ(failure(minified, {}, false), "warm slice select");
-    EXPECT_EQ(failure(minified, {}, true), "0" + minified + "warm slice select");
-    EXPECT_EQ(failure(legacy, {}, false), "not a msidx cstore tsidx");
-    EXPECT_EQ(failure(legacy, projects, false),
-              "ST projection on legacy MSIDX V1 and V2 buckets has no group-by: metric_name");
+    EXPECT_EQ(answer(options, true), "-55 alloc time bins hard limit exceeded");
 }
 
 // A table as text, but for sums, whose last digits may depend on the slices.
@@ -651,17 +638,15 @@ TEST_F(Select, FailuresAndMergesMeanwhile) {
     options.query.lispy = "[AND [NOT x]]";
     options.query.opt_span = {60, 0};
     const auto ask = [&](const std::string& path, bool is_metric, std::string* bytes) {
-        TSWRITEOPTS opts;
-        st_tsidx_write_opts_init_write_level(&opts, 0);
-        TSIDX* const tsidx = st_tsidx_open(path.c_str(), 0, is_metric, &opts, TSIDX_ORDINARY_WRITER);
+        const directory_ptr tsidx = open_directory(path, 0, false, is_metric);
         if (tsidx == nullptr) return -1;
-        options.sources = {{tsidx, {}}};
+        options.sources = {{tsidx.get(), {}}};
         select_table_t table;
         warm_rc_t rc;
         const int status = select_read(options, &table, nullptr, &rc);
         const fault_truce own;
         if (status == 0) *bytes = digest(table);
-        EXPECT_EQ(st_tsidx_close(tsidx), 0);
+        EXPECT_EQ(status, rc.warm_rc);
         return status;
     };
     for (const bool is_metric : {false, true}) {
@@ -686,33 +671,28 @@ TEST_F(Select, FailuresAndMergesMeanwhile) {
         ASSERT_EQ(ask(dir.path(), is_metric, &expected), 0);
         uint32_t failed = 0;
         for (const fault_action action : {fault_action::fail, fault_action::allocation, fault_action::shorten}) {
-            bool has_struck = true;
-            for (uint64_t nth = 1; has_struck; nth += action == fault_action::allocation ? 3 : 1) {
+            const bool allocates = action == fault_action::allocation;
+            for (uint64_t nth = 1, last = 1; nth <= last; nth += allocates ? 3 : 1) {
                 const fault_step step(action, nth, EIO);
                 std::string bytes;
                 const int status = ask(dir.path(), is_metric, &bytes);
-                has_struck = (action == fault_action::allocation ? step.allocations() : step.calls()) >= nth;
+                last = allocates ? 3 + step.allocations() : 1 + step.calls();
                 ASSERT_TRUE(status < 0 || bytes == expected) << nth;
+                ASSERT_TRUE(action == fault_action::shorten || status != WARM_RC_CORRUPT) << nth;
                 failed += status < 0 ? 1 : 0;
             }
         }
         EXPECT_GT(failed, 20u);
-        bool has_struck = true;
-        for (uint64_t nth = 1; has_struck; nth++) {
+        for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
             const temp_dir merged;
             make(merged);
             const auto merge = [&] {
-                TSWRITEOPTS opts;
-                st_tsidx_write_opts_init_write_level(&opts, 4);
-                TSIDX* const other = st_tsidx_open(merged.path().c_str(), 0, is_metric, &opts, TSIDX_ORDINARY_WRITER);
-                warm_rc_t rc;
-                EXPECT_EQ(st_tsidx_optimize_n(other, TSIDX_OPTIMIZE_ALL, 2, 0, 0, &rc, 0, 0, false), 0) << rc.message;
-                EXPECT_EQ(st_tsidx_close(other), 0);
+                EXPECT_EQ(merge_all(open_directory(merged.path(), 4, false, is_metric).get()), 0);
             };
             const fault_step step(nth, merge);
             std::string bytes;
             ASSERT_EQ(ask(merged.path(), is_metric, &bytes), 0);
-            has_struck = step.calls() >= nth;
+            last = step.calls();
             ASSERT_EQ(bytes, expected) << nth;
         }
     }
@@ -728,9 +708,6 @@ TEST_F(Select, AStopInsideOfASlice) {
         std::vector<select_projection_t> projections;
         int least;  // of the times that it asks
         enum { SELECTS, COUNTS, WALKS } does = SELECTS;
-    };
-    struct questions {
-        int asked = 0, end = INT_MAX;
     };
     const std::vector<select_projection_t> bytes = {{"bytes", SELECT_SUM}}, all = {{"*", SELECT_SUM}};
     const temp_dir dirs[2];
@@ -755,12 +732,8 @@ TEST_F(Select, AStopInsideOfASlice) {
         options.query.lispy = row.query;
         options.spec.groups = row.groups;
         options.spec.projections = row.projections;
-        const auto ask = [&](questions* told) {
-            const auto stops = [](void* context) {
-                auto* const q = static_cast<questions*>(context);
-                return ++q->asked >= q->end;
-            };
-            st_tsidx_set_read_stop(tsidx.get(), stops, told);
+        const auto ask = [&](stop_at* told) {
+            st_tsidx_set_read_stop(tsidx.get(), stop_at::ask, told);
             uint64_t count = 0;
             select_table_t table;
             warm_rc_t rc;
@@ -770,11 +743,11 @@ TEST_F(Select, AStopInsideOfASlice) {
             const int64_t walked = st_tsidx_apply_metric_events(tsidx.get(), &options.query, walk, nullptr);
             return static_cast<int>(std::min<int64_t>(walked, 0));
         };
-        questions free;
+        stop_at free;
         EXPECT_EQ(ask(&free), 0) << told(options);
         EXPECT_GE(free.asked, row.least) << told(options);
         for (int nth = 1; nth <= free.asked; nth++) {
-            questions stopped = {0, nth};
+            stop_at stopped = {nth};
             EXPECT_EQ(ask(&stopped), WARM_RC_CANCELLED) << nth << told(options);
             EXPECT_EQ(stopped.asked, nth);
         }

@@ -346,6 +346,8 @@ def test_metrics(tmp_path):
         assert table["time"][0] == datetime.fromtimestamp(1700000000, timezone.utc)
         assert store.metrics.query(limit=1)["value"].to_list() == [2.5]
         assert store.metrics.stats(["cpu"], by="host", agg=["max"], where="host!=c")["max"].to_list() == [1.5]
+        samples.write_text('mem 1 1700000000\nmem 2 17000000')
+        assert [store.metrics.load(samples, flush=flush).events for flush in (False, True)] == [1, 1]
 
 
 def test_writer(tmp_path):

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@
 #include "searchthing/base/st_init.h"
 #include "searchthing/reading/tsidx_read.h"
 #include "searchthing/search/search_literals.h"
+#include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/faults.h"
 #include "tests/support/reference.h"
 #include "tests/support/temp_dir.h"
@@ -27,16 +29,31 @@ struct directory_closer {
 };
 using directory_ptr = std::unique_ptr<TSIDX, directory_closer>;
 
-inline directory_ptr open_directory(const std::string& path, uint32_t level = 4, bool streaming = false) {
+// Null without memory.
+inline directory_ptr open_directory(const std::string& path, uint32_t level = 4, bool streaming = false,
+                                    bool is_metric = false, bool milliseconds = false) {
     TSWRITEOPTS opts;
     st_tsidx_write_opts_init_write_level(&opts, level);
-    directory_ptr tsidx(st_tsidx_open(path.c_str(), streaming, 0, &opts, TSIDX_ORDINARY_WRITER));
-    st_tsidx_set_durable(tsidx.get(), 0);
+    opts.millisecond_mode = milliseconds ? 1 : 0;
+    directory_ptr tsidx(st_tsidx_open(path.c_str(), streaming, is_metric, &opts, TSIDX_ORDINARY_WRITER));
+    if (tsidx != nullptr) st_tsidx_set_durable(tsidx.get(), 0);
     return tsidx;
 }
 inline directory_ptr open_for_reading(const std::string& path) {
     return open_directory(path, 0);
 }
+
+inline int merge_all(TSIDX* tsidx) {
+    return st_tsidx_optimize_n(tsidx, TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
+}
+// Asked whether to stop, says so from question number `end` on.
+struct stop_at {
+    int end = INT_MAX, asked = 0;
+    static bool ask(void* context) {
+        auto* const self = static_cast<stop_at*>(context);
+        return ++self->asked >= self->end;
+    }
+};
 
 // Deletes lock.
 class directory_test : public testing::Test {

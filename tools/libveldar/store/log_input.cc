@@ -212,11 +212,10 @@ bool log_input_leave_last_line(log_input* input, std::string* error) {
     }
     const uint64_t offset = input->offset;
     input->stored_end = end;
-    if (input->wide == nullptr || end == input->size) {
-        const uint64_t ahead = input->wide == nullptr ? end - std::min(end, offset) : input->ahead.size();
-        if (ahead < input->ahead.size()) input->ahead.resize(static_cast<size_t>(ahead));
-        return end < input->size;
+    if (input->wide == nullptr && offset + input->ahead.size() > end) {
+        input->ahead.resize(static_cast<size_t>(end - std::min(end, offset)));
     }
+    if (input->wide == nullptr || end == input->size) return end < input->size;
     // The head that has been read may hold more.
     input->ahead.clear();
     input->offset = NOWHERE;

@@ -158,9 +158,10 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
     const auto is_known = [&] { return load.known.by_number.contains(log.number); };
     if (is_known() && loader_means(&load, log.path, log.number)) loader_forget(&load, log.path, true);
     const bool forgot = !is_known();
-    log_input input;
-    if (!forgot && log_input_open(&input, log.path, &error))
+    log_input again;  // fails with the cause, unless that is gone already
+    if (!forgot && log_input_open(&again, log.path, &error)) {
         error = "it cannot be told from other logs, or not be read";
+    }
     const bool read = forgot && loader_load(&load, log.path, &error, log.source);
     loader_close(&load);
     if (!read) say_trouble(log.path + ": " + error);
