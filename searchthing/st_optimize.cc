@@ -3,6 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 #include "libzero/assertions.h"
 #include "libzero/osfile.h"
 #include "libzero/ospath-builder.h"
@@ -39,9 +43,11 @@ int run_pass(const char* path, const st_optimize_options_t& o, uint64_t file_off
     int result = 0;
     TSIDX* const tsidx = open_directory(path, o.write);
     if (tsidx == nullptr) {
+        char why[128];
+        std::snprintf(why, sizeof why, "the directory cannot be opened: %s", std::strerror(errno));
         _log(0, "ERROR unable to open tsidx: %s\n", shown);
         result = WARM_RC_FAILED;
-        if (rc != nullptr) _set_rc_msg(rc, result, "the directory cannot be opened");
+        if (rc != nullptr) _set_rc_msg(rc, result, why);
     } else {
         st_tsidx_set_merge_mapper(tsidx, o.mapper, o.mapper_context);
         st_tsidx_set_merge_stop(tsidx, o.stop, o.stop_context);

@@ -11,16 +11,10 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <numeric>
 #include <random>
-#include <regex>
-#include <set>
-#include <sstream>
 
 #include "searchthing/base/st_init.h"
-#include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx.h"
-#include "searchthing/directory/tsidx_merge_settle.h"
 #include "tests/support/damage.h"
 #include "tests/support/faults.h"
 #include "tests/support/file_log.h"
@@ -29,7 +23,6 @@
 #include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/run_tool.h"
-#include "tests/support/sampled.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/merging.h"
 #include "tools/libveldar/query/slice_events.h"
@@ -373,144 +366,6 @@ TEST(Fsck, ExitStatusTells) {
 int run_command(void (*add)(const command&), const std::vector<std::string>& arguments) {
     const command_group group = {nullptr, {&add, 1}};
     return command_line_run({&group, 1}, arguments, "");
-}
-
-std::vector<uint64_t> every(uint64_t count) {
-    std::vector<uint64_t> numbers(count);
-    std::iota(numbers.begin(), numbers.end(), 1);
-    return numbers;
-}
-
-// 0, with which nothing fails, and these.
-std::vector<uint64_t> numbers_of(std::vector<uint64_t> failing) {
-    failing.insert(failing.begin(), 0);
-    return failing;
-}
-
-// A store of fifty events in three slices, and of two samples.
-std::string make_store(const temp_dir& dir) {
-    const std::string store = dir.file("store");
-    std::ofstream log(dir.file("log"));
-    for (int i = 10; i < 60; i++) log << "2024-01-01T00:00:" << i << "Z n=" << i % 3 << std::endl;
-    write_file(dir.file("m"), "up{host=\"a\"} 1 100\nup{host=\"b\"} 2 101\n");
-    EXPECT_EQ(run_tool(TOOL, {"-s", store, "load", dir.file("log"), "--max-values", "20", "--no-optimize"}).status, 0);
-    EXPECT_EQ(run_tool(TOOL, {"-s", store, "metrics", "load", dir.file("m")}).status, 0);
-    return store;
-}
-
-// Whatever fails beneath a command that changes a store, it says so; what is to stay stays, and the command given again
-// does the rest.
-TEST(Inspect, EveryFailureOfAChangeIsToldAndMadeGood) {
-    const lock_optimism optimism;
-    const no_flushes flushes;
-    const no_pauses pauses;
-    const temp_dir dir;
-    st_init("inspect_tool_test");  // locks are signed
-    const std::string store = make_store(dir), bucket = store + "/bucket-000001";
-    std::ofstream(dir.file("m"), std::ios::app) << "up{host=\"c\"} 3 102\n";
-    const auto run = [&](void (*add)(const command&), std::vector<std::string> arguments, std::string* out) {
-        arguments.insert(arguments.end(), {"-s", store});
-        terminal_observer terminal;
-        const observer prints = terminal_observer_open(&terminal);
-        const observer_scope observed(&prints);
-        int status = -1;
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        try {
-            status = run_command(add, arguments);
-        } catch (const std::exception& error) {
-            std::fputs(error.what(), stdout);
-        } catch (const failure_t& failure) {
-            std::fputs(failure.message.c_str(), stdout);
-        }
-        const fault_truce own;
-        *out = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
-        *out = std::regex_replace(*out, std::regex(", [0-9.]+ s\n"), "\n");
-        return status;
-    };
-    const auto lines = [&] {
-        std::string out;
-        EXPECT_EQ(run(add_search_command, {"search", "*", "--format", "raw"}, &out), 0);
-        std::set<std::string> found;
-        std::istringstream in(out);
-        size_t count = 0;
-        for (std::string line; std::getline(in, line); count++) found.insert(line);
-        EXPECT_EQ(found.size(), count) << "none twice";
-        return found;
-    };
-    const auto damage = [&](size_t bytes) {
-        const std::string path = files_in(bucket, ".tsidx").at(1);
-        std::string damaged = read_file(path);
-        for (size_t i = 0; i < bytes; i++) damaged[damaged.size() / 2 + i] ^= 0x10;
-        write_file(path, damaged);
-    };
-    const struct {
-        void (*add)(const command&);
-        std::vector<std::string> arguments;
-        size_t damaged, left;
-    } changes[] = {
-        {add_delete_command, {"delete", "n=1"}, 0, 33},
-        {add_retain_command, {"retain", "--older-than", "2024-01-01T00:00:35Z"}, 0, 25},
-        {add_optimize_command, {"optimize", "--all"}, 0, 50},
-        {add_seal_command, {"seal", "--anew", store}, 0, 50},
-        {add_gc_command, {"gc"}, 0, 50},
-        {add_salvage_command, {"salvage"}, 1, 50},
-        {add_rebuild_command, {"rebuild"}, 30, 50},
-        {add_metrics_command, {"metrics", "load", dir.file("m")}, 0, 50},
-    };
-    const std::string kept = dir.file("kept");
-    const bool is_long = ::getenv("VELDAR_TORTURE") != nullptr;
-    const merge_manifest_t merge = {merge_owner_self(), "8-1-66.tsidx", "8-1-66.pre-tsidx", {"7-1-5.tsidx"}};
-    std::filesystem::rename(store, kept);
-    for (const auto& [add, arguments, damaged, left] : changes) {
-        std::string first, out, whole, dumped, said;
-        size_t slices = 0;
-        std::vector<uint64_t> numbers = {0};
-        for (size_t i = 0; i < numbers.size() && !HasFailure(); i += i == 0 ? 1 : SANITIZED_PART) {
-            const uint64_t nth = numbers[i];
-            SCOPED_TRACE(testing::Message() << arguments[0] << " " << nth);
-            std::filesystem::remove_all(store);
-            std::filesystem::copy(kept, store, std::filesystem::copy_options::recursive);
-            unique_fd merging;
-            if (add == add_gc_command) {
-                write_file(bucket + "/9-1-77.tsidx.seal", "");
-                write_file(bucket + "/" + merge.temp, "");  // which a merge is writing
-                merging = open_file(bucket + "/" + MERGE_MANIFEST_TMP_NAME, merge_manifest_text(merge));
-                ASSERT_EQ(tsidx_lock_file(merging.get()), 1);
-            }
-            if (damaged != 0) damage(damaged);
-            if (add == add_rebuild_command) run(add_salvage_command, {"salvage"}, &out);
-            const std::set<std::string> before = damaged == 0 ? lines() : std::set<std::string>();
-            int status = 0;
-            {
-                const fault_step trouble(fault_action::fail, nth == 0 ? ~uint64_t{0} : nth, EIO);
-                status = run(add, arguments, &first);
-                const fault_truce own;
-                if (nth == 0) numbers = numbers_of(is_long ? every(trouble.calls()) : trouble.firsts());
-            }
-            EXPECT_TRUE(nth != 0 || status == 0) << first;
-            const bool names_cause = first.find("Input/output error") != first.npos ||
-                                     first.find("or not be read") != first.npos ||
-                                     first.find("could not be read: ") != first.npos;
-            EXPECT_TRUE(status == 0 || names_cause) << first;
-            EXPECT_TRUE(add != add_gc_command || std::filesystem::exists(bucket + "/" + merge.temp));
-            merging.reset();
-            EXPECT_EQ(run(add_metrics_command, {"metrics", "dump"}, &dumped), 0) << dumped;
-            const size_t held = files_in(bucket, ".tsidx").size();
-            if (nth == 0) whole = dumped, said = first, slices = held;
-            EXPECT_TRUE(status != 0 || (dumped == whole && (held == slices || add == add_rebuild_command)))
-                << held << dumped << first;
-            EXPECT_TRUE(status != 0 || first.find(said) != first.npos || names_cause) << first << said;
-            const std::set<std::string> halfway = damaged == 0 ? lines() : before;
-            const int again = status == 0 ? 0 : run(add, arguments, &out);
-            EXPECT_TRUE(again == 0 || (again == 1 && halfway.size() == left)) << again << first << out;
-            const std::set<std::string> after = lines();
-            EXPECT_EQ(after.size(), left) << status << first;
-            EXPECT_TRUE(damaged != 0 || std::includes(before.begin(), before.end(), halfway.begin(), halfway.end()));
-            EXPECT_TRUE(damaged != 0 || std::includes(halfway.begin(), halfway.end(), after.begin(), after.end()));
-            EXPECT_EQ(run(add_fsck_command, {"fsck", store}, &out), 0) << out;
-        }
-    }
 }
 
 // When a command has ended, all of it is on the disk: a loss of power takes nothing away and brings nothing back.

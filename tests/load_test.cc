@@ -341,7 +341,8 @@ TEST_F(Load, ForgottenFilesAreLoadedAnew) {
     EXPECT_NE(load({file("copy")}).err.find("copy: nothing new, its content was loaded from " + file("a.log")),
               std::string::npos);
     fail_each_call(b, false, [&](loader* load) {
-        const std::optional<uint64_t> deleted = loader_forget(load, file("copy"), false);
+        std::string ignored;
+        const std::optional<uint64_t> deleted = loader_forget(load, file("copy"), false, &ignored);
         return !deleted || *deleted <= 35u;
     });
     write_file(file("a.log"), "gone\n");

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <numeric>
 #include <set>
@@ -19,6 +20,9 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/base/st_init.h"
+#include "searchthing/directory/merge_manifest.h"
+#include "searchthing/directory/tsidx_merge_settle.h"
 #include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/packing.h"
@@ -95,6 +99,8 @@ class QueryFaults : public testing::Test {
         ASSERT_EQ(run_tool("veldar/veldar", load).status, 0);
         write_file(dir.file("a.log"), text);
         ASSERT_EQ(run_tool("veldar/veldar", load).status, 0);
+        write_file(dir.file("b.log.gz"), gzip_member(text.substr(0, 1000) + "and item a7 behind\n"));
+        ASSERT_EQ(run_tool("veldar/veldar", {"-s", store, "load", "--no-optimize", dir.file("b.log.gz")}).status, 0);
         for (const auto& [name, words_of_it] : {std::pair<const char*, words>{"events", {"search", "item"}},
                                                 {"table", {"stats", "--by", "host", "--agg", "p99(took),dc(took)"}}}) {
             words partial = {"-s", store, "--partial"};
@@ -265,41 +271,61 @@ TEST_F(QueryFaults, EveryFileCallFails) {
     }
 }
 
-// Loads into a store that is not there yet, and changes of one that is, while an allocation or a file call fails (those
-// of changes otherwise are in Inspect): they tell it, and the same command again makes what it had made without. Of the
-// places that allocate one in four, else all.
+// Whatever fails beneath a command that changes a store, it says so; and the same command again makes what it had made
+// without. Of the places that allocate one in four, else all.
 TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
     const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
     const no_flushes flushes;
     const no_pauses pauses;
-    const std::string kept = dir.file("kept"), csv = dir.file("e.csv");
+    st_init("query_faults_test");  // locks are signed
+    const std::string kept = dir.file("kept"), csv = dir.file("e.csv"), bucket = store + "/bucket-000001";
     std::string more;
     for (int i = 10; i < 40; i++)
         more += "Jan  3 00:00:" + std::to_string(i) + " host prog[" + std::to_string(i) + "]: x\n";
     write_file(dir.file("d.log.gz"), gzip_member(more));
     write_file(csv, "time,cpu,host\n1704067200,1.5,a\n1704067201,2.5,\"b\"\n");
     std::filesystem::rename(store, kept);
+    const merge_manifest_t merge = {merge_owner_self(), "8-1-66.tsidx", "8-1-66.pre-tsidx", {"7-1-5.tsidx"}};
+    unique_fd merging;
+    std::string out;
+    const auto stands = [&] { std::filesystem::copy(kept, store, std::filesystem::copy_options::recursive); };
+    const auto has_leftovers = [&] {  // a merge is writing one of them
+        stands();
+        write_file(bucket + "/9-1-77.tsidx.seal", "");
+        write_file(bucket + "/" + merge.temp, "");
+        merging = open_file(bucket + "/" + MERGE_MANIFEST_TMP_NAME, merge_manifest_text(merge));
+        ASSERT_EQ(tsidx_lock_file(merging.get()), 1);
+    };
+    const auto is_damaged = [&] {
+        stands();
+        const std::string path = files_in(bucket, ".tsidx").at(0);
+        std::string bytes = read_file(path);
+        for (size_t i = 0; i < 30; i++) bytes[bytes.size() / 2 + i] ^= 0x10;
+        write_file(path, bytes);
+    };
+    const auto has_lost = [&] {
+        is_damaged();
+        run({add_salvage_command, {"salvage"}}, fault_action::fail, NEVER, 1, &out);
+    };
     const struct {
         form ask;
-        bool is_first;
+        std::function<void()> make;
     } changes[] = {
         {{add_load_command,
           {"load", "--no-optimize", "--bucket-bytes", "3000", dir.file("a.log"), dir.file("d.log.gz")}},
-         true},
-        {{add_metrics_command, {"metrics", "load", dir.file("m.om")}}, true},
-        {{add_load_command, {"load", dir.file("d.log.gz")}}, false},
-        {{add_metrics_command, {"metrics", "load", csv, "--value", "cpu", "--dims", "host"}}, false},
-        {{add_delete_command, {"delete", "status=404"}}, false},
-        {{add_optimize_command, {"optimize", "--all"}}, false},
-        {{add_retain_command, {"retain", "--older-than", "2024-01-01T00:01:00Z"}}, false},
-        {{add_seal_command, {"seal", "--anew"}}, false},
-        {{add_gc_command, {"gc", "--yes"}}, false},
+         [] {}},
+        {{add_metrics_command, {"metrics", "load", dir.file("m.om")}}, [] {}},
+        {{add_load_command, {"load", dir.file("d.log.gz")}}, stands},
+        {{add_load_command, {"load", "--again", dir.file("a.log")}}, stands},
+        {{add_metrics_command, {"metrics", "load", csv, "--value", "cpu", "--dims", "host"}}, stands},
+        {{add_delete_command, {"delete", "status=404"}}, stands},
+        {{add_optimize_command, {"optimize", "--all"}}, stands},
+        {{add_retain_command, {"retain", "--older-than", "2024-01-01T00:01:00Z"}}, stands},
+        {{add_seal_command, {"seal", "--anew"}}, stands},
+        {{add_gc_command, {"gc", "--yes"}}, has_leftovers},
+        {{add_salvage_command, {"salvage"}}, is_damaged},
+        {{add_rebuild_command, {"rebuild"}}, has_lost},
     };
-    const auto restore = [&](bool is_first) {
-        std::filesystem::remove_all(store);
-        if (!is_first) std::filesystem::copy(kept, store, std::filesystem::copy_options::recursive);
-    };
-    std::string out;
     const auto holds = [&] {
         std::string all;
         for (const form& one : {form{add_search_command, {"search", "*", "--format", "raw"}},
@@ -312,16 +338,32 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
         std::sort(lines.begin(), lines.end());
         return lines;
     };
+    const auto count_slices = [&] {
+        size_t count = 0;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(store)) {
+            count += entry.path().extension() == ".tsidx" ? 1 : 0;
+        }
+        return count;
+    };
+    const auto restore = [&](const std::function<void()>& make) {
+        merging.reset();
+        std::filesystem::remove_all(store);
+        make();
+    };
     std::set<uint64_t> tried;
-    for (const auto& [ask, is_first] : changes) {
+    for (const auto& [ask, make] : changes) {
         for (const fault_action action : {fault_action::fail, fault_action::allocation}) {
-            if (action == fault_action::fail && !is_first) continue;
-            restore(is_first);
-            ASSERT_EQ(run(ask, action, ~uint64_t{0}, 1, &out), 0) << read_file(dir.file("err"));
+            std::string said, told_now;
+            restore(make);
+            // A slice that only forgotten events are left in goes if it can.
+            const bool forgets = ask.add == add_rebuild_command || ask.add == add_load_command;
+            const int usual = run(ask, action, ~uint64_t{0}, 1, &said);  // a rescue may end with 4
+            EXPECT_EQ(usual, ask.add == add_salvage_command ? 4 : 0) << read_file(dir.file("err"));
             const std::vector<uint64_t> places(told->places, told->places + told->place_count);
             const std::vector<uint64_t> stacks(told->stacks, told->stacks + told->place_count);
+            const size_t slices = count_slices();
             const std::vector<std::string> whole = holds();
-            restore(is_first);
+            restore(make);
             count_parser(ask);
             size_t cases = 0;
             const size_t stride = SANITIZED_PART * (brief && action == fault_action::allocation ? 4 : 1);
@@ -329,15 +371,21 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
                 if (!tried.insert(stacks[i]).second || ++cases % stride != 0) continue;
                 if (action == fault_action::allocation && places[i] <= told->by_parser) continue;
                 SCOPED_TRACE(testing::PrintToString(ask.arguments) + " " + std::to_string(places[i]));
-                restore(is_first);
-                const int status = run(ask, action, places[i], 1, &out);
+                restore(make);
+                const int status = run(ask, action, places[i], 1, &told_now);
                 const std::string err = read_file(dir.file("err"));
+                const bool is_done = status == usual;
+                const bool names_cause = (told_now + err).find("Input/output error") != err.npos;
+                const bool tells = names_cause || told_now.find("could not be read: ") != err.npos;
                 EXPECT_LT(status, 1000) << err;
-                EXPECT_TRUE(status == 0 || action != fault_action::fail || err.find("Input/output error") != err.npos)
-                    << status << err;
-                const int again = status == 0 ? 0 : run(ask, action, NEVER, 1, &out);
-                EXPECT_TRUE(again == 0 || again == 1) << err << read_file(dir.file("err"));
-                EXPECT_EQ(holds(), whole) << status << err;
+                EXPECT_TRUE(is_done || action != fault_action::fail || names_cause) << status << told_now << err;
+                EXPECT_TRUE(!is_done || tells || ask.add == add_salvage_command || told_now == said)
+                    << told_now << err << said;
+                EXPECT_TRUE(!is_done || tells || forgets || count_slices() == slices) << err;
+                EXPECT_TRUE(!merging.valid() || std::filesystem::exists(bucket + "/" + merge.temp));
+                const int again = is_done ? usual : run(ask, action, NEVER, 1, &out);
+                EXPECT_TRUE(again == usual || again <= 1) << err << read_file(dir.file("err"));
+                EXPECT_EQ(holds(), whole) << status << err << told_now << again;
             }
         }
     }

@@ -124,7 +124,9 @@ bool allocation_fails() {
     if (!step.armed) return false;
     const uint64_t number = ++step.allocations;
     note_place(fault_action::allocation, number);
-    return step.hits(number) && step.action == fault_action::allocation;
+    const bool fails = step.hits(number) && step.action == fault_action::allocation;
+    if (fails) errno = ENOMEM;
+    return fails;
 }
 
 // Makes one call through both plans.

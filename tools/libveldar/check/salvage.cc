@@ -19,6 +19,7 @@
 #include "tools/libveldar/check/fsck_internal.h"
 #include "tools/libveldar/check/slice_place.h"
 #include "tools/libveldar/store/disk_file.h"
+#include "tools/libveldar/store/index_handle.h"
 #include "tools/libveldar/store/slices.h"
 
 namespace veldar::tool {
@@ -371,7 +372,9 @@ bool put_event(THING* thing, const saved_t& saved, uint32_t id, const st_tsval& 
     txn.source = value.s;
     txn.source_type = value.st;
     txn.host = value.h;
-    if (st_put_event(thing, &txn, *terms) != 0) throw failure_t{OUTCOME_IO, "an event could not be written"};
+    if (st_put_event(thing, &txn, *terms) != 0) {
+        throw failure_t{OUTCOME_IO, "an event could not be written: " + index_failure_text(st_directory(thing))};
+    }
     return true;
 }
 
@@ -408,6 +411,9 @@ void write_slice(const std::string& directory, const saved_t& saved, salvage_rep
     if (thing == nullptr) fail(directory);
     st_tsidx_set_durable(st_directory(thing.get()), 0);  // what it becomes is flushed
     put_events(thing.get(), saved, report);
+    if (st_sync(thing.get()) != 0) {
+        throw failure_t{OUTCOME_IO, directory + ": " + index_failure_text(st_directory(thing.get()))};
+    }
     if (st_close(thing.release()) != 0) throw failure_t{OUTCOME_IO, directory + ": the slice could not be written"};
     if (report->events == 0) return;
     warm_rc_t rc;
@@ -441,6 +447,7 @@ void save_parts(const patient& patient, const std::string& directory, salvage_re
     warm_rc_t rc;
     saved_t saved;
     saved.warm.reset(st_warm_slice_open_rdonly(patient.path.c_str(), &rc));
+    if (saved.warm == nullptr && rc.warm_rc == WARM_RC_NO_MEMORY) throw std::bad_alloc();
     if (saved.warm == nullptr && warm_rc_has_cause(&rc)) throw failure_t{OUTCOME_IO, slice_error(patient.path, rc)};
     const bool has_bad_header =
         std::any_of(patient.faults.begin(), patient.faults.end(), [](const seal_fault_t& fault) {

@@ -26,7 +26,7 @@ bool clock_days_find(log_event_maker* maker, log_input* input, uint64_t start, s
     if (!context->times.known() || context->times.shape.has_date) return true;
     record_reader reader;
     if (!log_input_seek(input, start, error)) return false;
-    if (!record_reader_open(&reader, input, SOURCE_NO_LIMIT)) throw std::bad_alloc();
+    record_reader_open(&reader, input, SOURCE_NO_LIMIT);
     format_context walk = *context;  // counts its days from zero
     walk.modified_s = 0;
     walk.zone = log_zone();

@@ -1,5 +1,7 @@
 #include "tools/libveldar/load/load_run.h"
 
+#include <map>
+
 #include "tools/libveldar/formats/user_formats.h"
 #include "tools/libveldar/load/log_form.h"
 #include "tools/libveldar/load/merging.h"
@@ -38,13 +40,19 @@ outcome_t load_logs(const std::string& store_path, const load_options& options, 
     load_options_check(options);
     loader load;
     loader_open(&load, store_path, options);
-    for (size_t i = 0; again && i < options.files.size(); i++) loader_forget(&load, options.files[i], true);
-    const outcome_t status = load_files(
-        &load, options.files,
-        {.load = [&](const std::string& file, std::string* error) { return loader_load(&load, file, error); },
-         .close = [&] { loader_close(&load); },
-         .summary = [&] { return totals_text(load.shown, load.totals, &load.dating); },
-         .give_up = [&](const failure_t&) { return loader_give_up(&load); }});
+    std::map<std::string, std::string> unread;  // why they cannot be loaded anew
+    for (size_t i = 0; again && i < options.files.size(); i++) {
+        loader_forget(&load, options.files[i], true, &unread[options.files[i]]);
+    }
+    const auto load_one = [&](const std::string& file, std::string* error) {
+        if (again) *error = unread[file];
+        return error->empty() && loader_load(&load, file, error);
+    };
+    const outcome_t status = load_files(&load, options.files,
+                                        {.load = load_one,
+                                         .close = [&] { loader_close(&load); },
+                                         .summary = [&] { return totals_text(load.shown, load.totals, &load.dating); },
+                                         .give_up = [&](const failure_t&) { return loader_give_up(&load); }});
     *totals = load.totals;
     for (const std::string& line : dating_examples(load.dating)) say_trouble(line);
     if (load.zone_taken) say_trouble("times without a zone are taken as " + log_form_zone(options));

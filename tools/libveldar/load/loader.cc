@@ -135,7 +135,7 @@ bool replay(loader* load, file_load* one, std::string* error) {
     record_reader reader;
     reader.cut = cut_of(*one);
     if (!log_input_seek(&one->input, start, error)) return false;
-    if (!record_reader_open(&reader, &one->input, one->from)) throw std::bad_alloc();
+    record_reader_open(&reader, &one->input, one->from);
     uint64_t offset;
     std::string_view text;
     while (record_reader_next(&reader, &offset, &text)) {
@@ -195,7 +195,7 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     const bool plain = log_input_is_plain(one->input);
     const uint64_t limit = plain ? std::max(one->input.stored_end, one->from) : SOURCE_NO_LIMIT;
     if (plain) one->input.stored_end = limit;
-    if (!record_reader_open(&one->reader, &one->input, limit)) throw std::bad_alloc();
+    record_reader_open(&one->reader, &one->input, limit);
     one->reader.spool = load->spool.get();
     one->line = one->from == 0;
     log_event_look_ahead(&load->event, one->reader.cut,
@@ -274,7 +274,7 @@ bool pass_over(file_load* one, const known_file& known, std::string* error) {
     record_reader reader;
     reader.cut = record_cut_of(known.file.records, known.record_cut);
     if (!log_input_seek(&one->input, one->from, error)) return false;
-    if (!record_reader_open(&reader, &one->input, known.record_limit)) throw std::bad_alloc();
+    record_reader_open(&reader, &one->input, known.record_limit);
     uint64_t offset;
     std::string_view text;
     record_reader_next(&reader, &offset, &text);
@@ -313,13 +313,12 @@ bool load_file(loader* load, file_load* one, std::string* error) {
 }
 
 // The numbers of the files that a path means: of the one with its content, or else of those last seen there.
-std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool again) {
+std::vector<uint32_t> files_meant(loader* load, const std::string& path, bool again, std::string* error) {
     log_input input;
-    std::string error;
     bool copy;
-    const bool opened = path != "-" && log_input_open(&input, path, &error) && !input.pipe;
-    if (again && (!opened || !foreign_content(input.head).empty() ||
-                  !log_form_check(*load->options, load->zone, input.head, &error))) {
+    const bool opened = path != "-" && log_input_open(&input, path, error) && !input.pipe;
+    if (opened && again) *error = foreign_content(input.head);
+    if (again && (!opened || !error->empty() || !log_form_check(*load->options, load->zone, input.head, error))) {
         return {};
     }
     const known_file* const same = opened ? known_files_identify(&load->known, &input, &copy) : nullptr;
@@ -376,13 +375,13 @@ void loader_open(loader* load, const std::string& store_path, const load_options
     finish_spools(load);
 }
 
-bool loader_means(loader* load, const std::string& path, uint32_t number) {
-    const std::vector<uint32_t> numbers = files_meant(load, path, true);
+bool loader_means(loader* load, const std::string& path, uint32_t number, std::string* error) {
+    const std::vector<uint32_t> numbers = files_meant(load, path, true, error);
     return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
 }
 
-std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again) {
-    const std::vector<uint32_t> numbers = files_meant(load, path, again);
+std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again, std::string* error) {
+    const std::vector<uint32_t> numbers = files_meant(load, path, again, error);
     if (numbers.empty()) return std::nullopt;
     for (const uint32_t number : numbers) known_files_forget(&load->known, &load->st, number);
     return finish_forgetting(load);

@@ -83,10 +83,10 @@ void loader_sync(loader* load);
 void loader_tell(loader* load, const std::string& message);
 // Forgets a file, so that it counts as never loaded, and deletes its events: the one with this content, or those that
 // were last seen at the path. How many events; nothing when none is known. With `again` only what can be loaded anew is
-// forgotten. For a loader that has not loaded yet.
-std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again);
+// forgotten, and *error says why this cannot. For a loader that has not loaded yet.
+std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again, std::string* error);
 // Whether forgetting what can be loaded anew at the path would forget the file of this number.
-bool loader_means(loader* load, const std::string& path, uint32_t number);
+bool loader_means(loader* load, const std::string& path, uint32_t number, std::string* error);
 // Syncs, saves the progress and closes.
 void loader_close(loader* load);
 // After a failure: keeps what can still be kept, and returns what the user can do about the rest. Does not throw.

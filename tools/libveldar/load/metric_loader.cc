@@ -255,13 +255,13 @@ bool open_reader(metric_loader* load, metric_file* file, std::string* error) {
         !metric_notes_find(load->notes, file->input, file->options_hash, &file->from, error)) {
         return false;
     }
-    if (!line_reader_open(&file->reader, &file->input)) throw std::bad_alloc();
+    line_reader_open(&file->reader, &file->input);
     if (file->is_csv && !open_csv(*load, file, error)) return false;
     if (file->from <= file->reader.offset) return true;
     if (!log_input_seek(&file->input, file->from, error)) return false;
     file->line = 0;
     file->reader = {};
-    if (!line_reader_open(&file->reader, &file->input)) throw std::bad_alloc();
+    line_reader_open(&file->reader, &file->input);
     return true;
 }
 

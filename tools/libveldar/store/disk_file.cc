@@ -1,12 +1,14 @@
 #include "tools/libveldar/store/disk_file.h"
 
 #include <fcntl.h>
+#include <ftw.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "searchthing/directory/tsidx_list.h"
 #include "tools/libveldar/store/failure.h"
@@ -136,6 +138,12 @@ bool disk_sync_directory(const std::string& path) {
 
 void disk_make_directory(const std::string& path) {
     if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail_io("cannot make", path, errno);
+}
+
+// std::filesystem::remove_all ends the process when memory is short.
+void disk_remove_tree(const std::string& path) noexcept {
+    const auto remove = [](const char* name, const struct stat*, int, FTW*) { return ::remove(name), 0; };
+    static_cast<void>(::nftw(path.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS));
 }
 
 void disk_sync_name(const std::string& directory) {

@@ -41,6 +41,8 @@ std::vector<std::string> disk_list_directory(const std::string& path);
 [[nodiscard]] bool disk_sync_directory(const std::string& path);
 // Makes a directory unless it exists. Throws failure_t.
 void disk_make_directory(const std::string& path);
+// Removes a file or a directory with all that is in it, as far as that can be done: for what only passes.
+void disk_remove_tree(const std::string& path) noexcept;
 // Makes a directory's own name durable. One that exists may lack that, when who made it was killed: for directories
 // that hold nothing yet. Throws failure_t.
 void disk_sync_name(const std::string& directory);

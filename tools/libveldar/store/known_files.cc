@@ -29,7 +29,8 @@ bool record_end(const store_bucket& bucket, const source_place& place, uint64_t*
     if (input.packed != nullptr) {
         packed_load_points(input.packed.get(), bucket.directory + "/" + source_points_name(place.file->number));
     }
-    if (!log_input_seek(&input, place.offset, &error) || !record_reader_open(&reader, &input, place.end)) return false;
+    if (!log_input_seek(&input, place.offset, &error)) return false;
+    record_reader_open(&reader, &input, place.end);
     uint64_t offset;
     std::string_view text;
     if (!record_reader_next(&reader, &offset, &text)) return false;

@@ -47,10 +47,10 @@ void skip_rest(line_reader* reader) {
 
 }  // namespace
 
-bool line_reader_open(line_reader* reader, log_input* input) {
+void line_reader_open(line_reader* reader, log_input* input) {
     reader->input = input;
     reader->offset = input->offset;
-    return reader->bytes.alloc(2 * LINE_MAX_BYTES);
+    if (!reader->bytes.alloc(2 * LINE_MAX_BYTES)) throw std::bad_alloc();
 }
 
 bool line_reader_next(line_reader* reader, std::span<char>* line, bool* too_long) {

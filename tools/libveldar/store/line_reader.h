@@ -21,8 +21,8 @@ struct line_reader {
     std::string error;  // why the input ended early; empty for its real end
 };
 
-// Reads from the input's present offset. False when memory is short.
-[[nodiscard]] bool line_reader_open(line_reader* reader, log_input* input);
+// Reads from the input's present offset.
+void line_reader_open(line_reader* reader, log_input* input);
 // The next line without its newline; the caller may change it, and it is valid until the next call. One of more than
 // LINE_MAX_BYTES is passed over: then `too_long` is set. False at the end; the beginning of a line that could not be
 // read to its end is not given.

@@ -58,11 +58,11 @@ void consume(record_reader* reader, size_t size) {
 
 }  // namespace
 
-bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit) {
+void record_reader_open(record_reader* reader, log_input* input, uint64_t limit) {
     reader->input = input;
     reader->limit = limit;
     reader->offset = input->offset;
-    return reader->bytes.alloc(BUFFER_SIZE);
+    if (!reader->bytes.alloc(BUFFER_SIZE)) throw std::bad_alloc();
 }
 
 bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text) {

@@ -31,8 +31,8 @@ struct record_reader {
     int spool_errno = 0;    // why the spool could not be written
 };
 
-// Reads from the input's present offset, by the cut as it is set. False when memory is short.
-[[nodiscard]] bool record_reader_open(record_reader* reader, log_input* input, uint64_t limit);
+// Reads from the input's present offset, by the cut as it is set.
+void record_reader_open(record_reader* reader, log_input* input, uint64_t limit);
 // The next record: its offset and at most RECORD_MAX bytes of its content, valid until the next call. False at the end:
 // reader->offset then stands behind the last record.
 bool record_reader_next(record_reader* reader, uint64_t* offset, std::string_view* text);

@@ -20,7 +20,8 @@ int forget_run(const tool_context& context, const std::vector<std::string>& file
     loader_open(&load, path, options);
     bool all = true;
     for (const std::string& file : files) {
-        const std::optional<uint64_t> deleted = loader_forget(&load, file, false);
+        std::string ignored;  // a file that is gone is known by its path
+        const std::optional<uint64_t> deleted = loader_forget(&load, file, false, &ignored);
         if (!deleted) say_trouble(file + ": nothing that is known was loaded from it");
         if (deleted) std::printf("%s: %s events deleted\n", file.c_str(), number_text(*deleted).c_str());
         all = all && deleted.has_value();

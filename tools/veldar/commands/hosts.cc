@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 
 #include "libzero/resource.h"
@@ -54,10 +53,7 @@ class scratch_directory {
     scratch_directory() : path_(from_environment("TMPDIR", "/tmp") + "/veldar-hosts-XXXXXX") {
         if (::mkdtemp(path_.data()) == nullptr) fail_io("cannot make", path_, errno);
     }
-    ~scratch_directory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
+    ~scratch_directory() { disk_remove_tree(path_); }
     scratch_directory(const scratch_directory&) = delete;
     scratch_directory& operator=(const scratch_directory&) = delete;
     std::string file(size_t host, const char* what) const { return fmt::format("{}/{}.{}", path_, host, what); }

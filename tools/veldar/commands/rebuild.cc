@@ -156,12 +156,9 @@ bool load_anew(const std::string& store, const lost_log& log, load_options optio
     // that the path does not mean, as the log could not be read a moment ago, stays, and so does all else of it; what is
     // still known would count as loaded.
     const auto is_known = [&] { return load.known.by_number.contains(log.number); };
-    if (is_known() && loader_means(&load, log.path, log.number)) loader_forget(&load, log.path, true);
+    if (is_known() && loader_means(&load, log.path, log.number, &error)) loader_forget(&load, log.path, true, &error);
     const bool forgot = !is_known();
-    log_input again;  // fails with the cause, unless that is gone already
-    if (!forgot && log_input_open(&again, log.path, &error)) {
-        error = "it cannot be told from other logs, or not be read";
-    }
+    if (!forgot && error.empty()) error = "it cannot be told from other logs";
     const bool read = forgot && loader_load(&load, log.path, &error, log.source);
     loader_close(&load);
     if (!read) say_trouble(log.path + ": " + error);

@@ -56,8 +56,7 @@ void remove_scratch(const std::string& quarantine) {
         const auto number = std::from_chars(name.data() + sizeof SCRATCH - 1, end, process);
         if (number.ec != std::errc() || number.ptr != end || process <= 0) continue;
         const bool lives = process != ::getpid() && (::kill(process, 0) == 0 || errno != ESRCH);
-        std::error_code ignored;
-        if (!lives) std::filesystem::remove_all(quarantine + "/" + name, ignored);
+        if (!lives) disk_remove_tree(quarantine + "/" + name);
     }
 }
 
@@ -80,8 +79,7 @@ struct quarantine_place {
     quarantine_place(const quarantine_place&) = delete;
     quarantine_place& operator=(const quarantine_place&) = delete;
     void remove() const {
-        std::error_code ignored;
-        std::filesystem::remove_all(scratch, ignored);
+        disk_remove_tree(scratch);
         ::rmdir(aside.c_str());  // unless something lies in it
         if (is_new) ::rmdir(quarantine.c_str());
     }
@@ -96,10 +94,7 @@ struct passing_place {
         if (::mkdtemp(pattern.data()) == nullptr) fail_io("cannot make", pattern, errno);
         scratch = pattern;
     }
-    ~passing_place() {
-        std::error_code ignored;
-        std::filesystem::remove_all(scratch, ignored);
-    }
+    ~passing_place() { disk_remove_tree(scratch); }
     passing_place(const passing_place&) = delete;
     passing_place& operator=(const passing_place&) = delete;
     std::string scratch;
