@@ -22,7 +22,10 @@ namespace {
 constexpr uint32_t DEFAULT_LEXICON_TPB = 64;
 
 TSIDX* open_directory(const char* path, const TSWRITEOPTS* opts) {
-    if (path == nullptr || ::access(path, R_OK | W_OK | X_OK) != 0) return nullptr;
+    errno = EINVAL;
+    if (path == nullptr) return nullptr;
+    const unique_fd directory(os_retry([&] { return ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!directory.valid() || ::access(path, R_OK | W_OK | X_OK) != 0) return nullptr;
     return st_tsidx_open(path, 1, 0, opts, TSIDX_ORDINARY_WRITER);
 }
 
