@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <new>
+
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/troubles.h"
 
@@ -21,6 +23,23 @@ void load_show(load_report* report, const log_input& input) {
     progress_show(&report->shown, report->bytes_done + log_input_stored_offset(input), report->totals.events);
 }
 
+namespace {
+
+void give_up(const load_steps& steps, failure_t* failure) {
+    progress_end();
+    const std::string advice = steps.give_up(*failure);
+    if (!advice.empty()) failure->message += "\nveldar: " + advice;
+}
+
+std::string summary_text(const load_report& report, const load_steps& steps) {
+    std::string text = (work_stops() ? "interrupted; loaded so far: " : "") + steps.summary();
+    if (report.unchanged == 1) text += " (1 file with nothing new)";
+    if (report.unchanged > 1) text += " (" + std::to_string(report.unchanged) + " files with nothing new)";
+    return text;
+}
+
+}  // namespace
+
 outcome_t load_files(load_report* report, const std::vector<std::string>& files, const load_steps& steps) {
     bool incomplete = false;
     try {
@@ -32,18 +51,16 @@ outcome_t load_files(load_report* report, const std::vector<std::string>& files,
             incomplete = true;
         }
         steps.close();
-    } catch (failure_t& failure) {
         progress_end();
-        const std::string advice = steps.give_up(failure);
-        if (!advice.empty()) failure.message += "\nveldar: " + advice;
+        say_summary(summary_text(*report, steps));
+    } catch (failure_t& failure) {
+        give_up(steps, &failure);
         throw;
+    } catch (const std::bad_alloc&) {
+        failure_t failure{OUTCOME_IO, "out of memory"};
+        give_up(steps, &failure);
+        throw failure;
     }
-    progress_end();
-    std::string text = work_stops() ? "interrupted; loaded so far: " : "";
-    text += steps.summary();
-    if (report->unchanged == 1) text += " (1 file with nothing new)";
-    if (report->unchanged > 1) text += " (" + std::to_string(report->unchanged) + " files with nothing new)";
-    say_summary(text);
     if (work_stops()) return OUTCOME_INTERRUPTED;
     return incomplete ? OUTCOME_INCOMPLETE : OUTCOME_DONE;
 }

@@ -76,8 +76,8 @@ outcome_t load_metrics(const std::string& store_path, const std::string& directo
     if (directory.empty()) store_make(store_path, !options->no_fsync);
     metric_loader load;
     metric_loader_open(&load, directory.empty() ? store_path + "/" + STORE_METRICS : directory, *options);
-    const auto advice = [](const failure_t& failure) {
-        return failure.status == OUTCOME_IO ? "not all is loaded; load again once this is mended" : "";
+    const auto advice = [&](const failure_t& failure) {
+        return failure.status == OUTCOME_IO ? metric_loader_give_up(load) : std::string();
     };
     const outcome_t status = load_files(
         &load, options->files,

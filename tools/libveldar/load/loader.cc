@@ -236,6 +236,7 @@ bool load_pipe(loader* load, file_load* one, std::string* error) {
     const bool read = load_rest(load, one, error);
     if (load->st.durable && ::fdatasync(load->spool.get()) != 0) fail_io("cannot sync", path, errno);
     load->spool.reset();
+    load->has_kept_pipe = true;
     return read;
 }
 
@@ -441,11 +442,15 @@ std::string loader_give_up(loader* load) {
     } catch (const failure_t&) {
     }
     struct stat st;
-    if (!load->spool.valid() || ::fstat(load->spool.get(), &st) != 0) {
-        return "not all is loaded; load again once this is mended, and nothing is lost";
+    if (load->spool.valid() && ::fstat(load->spool.get(), &st) == 0) {
+        return "the first " + std::to_string(st.st_size) +
+               " bytes of the pipe are kept and indexed by the next load; send what follows them again";
     }
-    return "the first " + std::to_string(st.st_size) +
-           " bytes of the pipe are kept and indexed by the next load; send what follows them again";
+    if (load->has_kept_pipe) {
+        return "not all is loaded; the pipe is kept and indexed by the next load, so do not send it again; load files "
+               "again once this is mended, and nothing is lost";
+    }
+    return "not all is loaded; load again once this is mended, and nothing is lost";
 }
 
 }  // namespace veldar::tool

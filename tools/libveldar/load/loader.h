@@ -50,7 +50,8 @@ struct loader : load_report {
     uint64_t slices_seen = 0;
     uint64_t merges = 0;  // made while loading
     merge_aside merging;
-    unique_fd spool;  // of the pipe being loaded
+    unique_fd spool;             // of the pipe being loaded
+    bool has_kept_pipe = false;  // one was read to its end, and its copy is there
 
     log_event_maker event;
     dating_report dating;

@@ -10,10 +10,12 @@
 
 #include "searchthing/format/warmslice_header.h"
 #include "tools/libveldar/formats/metric_text.h"
+#include "tools/libveldar/load/merging.h"
 #include "tools/libveldar/query/time_input.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
 #include "tools/libveldar/store/foreign_content.h"
+#include "tools/libveldar/store/index_handle.h"
 #include "tools/libveldar/store/observer.h"
 #include "tools/libveldar/store/store.h"
 
@@ -144,7 +146,10 @@ void write_batch(metric_loader* load, metric_file* file) {
         open_writer(load);
         metric_batch_write(&load->batch, &load->writer, &load->totals);
         index_writer_sync(&load->writer);
+        if (file != nullptr && file->input.pipe) load->pipe_in_batch = file->taken;
         metric_staging_commit(load->staging, load->done, &load->notes);
+        load->pipe_loaded = load->pipe_in_batch;
+        static_cast<void>(st_tsidx_set_need_optimize(index_handle_open(load->directory, MERGE_WRITE_LEVEL).get()));
     }
     for (const metric_note& note : load->done) metric_notes_add_line(&load->notes, metric_note_line(note));
     load->done.clear();
@@ -328,6 +333,7 @@ bool metric_loader_load(metric_loader* load, const std::string& path, std::strin
     take_records(load, &file);
     load->totals.waiting += file.held && file.taken < file.input.size ? 1 : 0;
     load->totals.bytes_in += file.taken - file.from;
+    if (file.input.pipe) load->pipe_in_batch = file.taken;
     load->bytes_done += file.input.size;
     if (file.from > 0 && file.taken == file.from) load->unchanged++;
     *error = file.reader.error;
@@ -347,6 +353,14 @@ void metric_loader_close(metric_loader* load) {
     index_writer_close(&load->writer);
     metric_staging_remove(load->staging);
     totals_add_slices(&load->totals, load->directory, load->slices_before);
+}
+
+std::string metric_loader_give_up(const metric_loader& load) {
+    // What is committed is loaded, by the next load if not by this one.
+    const uint64_t size = metric_staging_is_committed(load.staging) ? load.pipe_in_batch : load.pipe_loaded;
+    if (size == 0) return "not all is loaded; load again once this is mended";
+    return "the first " + std::to_string(size) +
+           " bytes of the pipe are loaded, or will be by the next load; send what follows them again";
 }
 
 }  // namespace veldar::tool

@@ -48,6 +48,7 @@ struct metric_loader : load_report {
     std::vector<metric_label> labels;  // of the options
     st_timeval_t now;
     troubles trouble;
+    uint64_t pipe_loaded = 0, pipe_in_batch = 0;  // bytes of a pipe whose samples are in slices, and with this batch
 };
 
 // Opens the directory, making it when it does not exist, and waits until no other load into it runs. Throws
@@ -58,5 +59,7 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
 bool metric_loader_load(metric_loader* load, const std::string& path, std::string* error);
 // Writes what is left and closes.
 void metric_loader_close(metric_loader* load);
+// What the user can do after a failure. Does not throw.
+std::string metric_loader_give_up(const metric_loader& load);
 
 }  // namespace veldar::tool

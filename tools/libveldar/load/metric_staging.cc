@@ -14,13 +14,11 @@
 #include "searchthing/seal/slice_seal.h"
 #include "tools/libveldar/store/disk_file.h"
 #include "tools/libveldar/store/failure.h"
-#include "tools/libveldar/store/index_handle.h"
 
 namespace veldar::tool {
 
 namespace {
 
-constexpr uint32_t WRITE_LEVEL = 4;  // of the handle; no slice is written
 constexpr std::string_view SLICE = "slice ", NOTE = "note ";
 
 std::string commit_path(const metric_staging& staging) {
@@ -125,7 +123,10 @@ void metric_staging_commit(const metric_staging& staging, const std::vector<metr
         fail_io("cannot write", commit_path(staging), errno);
     }
     finish(staging, commit, notes);
-    static_cast<void>(st_tsidx_set_need_optimize(index_handle_open(staging.target, WRITE_LEVEL).get()));
+}
+
+bool metric_staging_is_committed(const metric_staging& staging) {
+    return ::access(commit_path(staging).c_str(), F_OK) == 0;
 }
 
 void metric_staging_remove(const metric_staging& staging) {

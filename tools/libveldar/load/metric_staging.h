@@ -31,6 +31,8 @@ metric_staging metric_staging_settle(const std::string& directory, metric_notes*
 void metric_staging_make(const metric_staging& staging);
 // The slices that lie there become part of the index, with these notes.
 void metric_staging_commit(const metric_staging& staging, const std::vector<metric_note>& added, metric_notes* notes);
+// Whether what lies there is to become part of the index, now or when it is settled.
+bool metric_staging_is_committed(const metric_staging& staging);
 // Removes the place and what is left in it.
 void metric_staging_remove(const metric_staging& staging);
 
