@@ -107,9 +107,20 @@ std::string no_time_note(const log_form_counts& counts, const format_context& co
            input_name("time-format") + ")";
 }
 
-}  // namespace
+bool has_given_form(const load_options& options) {
+    return !options.format.empty() || !options.time_format.empty() || !options.time_field.empty();
+}
 
-const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
+// How many of the lines are of the form and say a time.
+size_t count_dated(std::span<const std::string_view> lines, const line_format& format, format_context context) {
+    parsed_line parsed;
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](std::string_view line) {
+        return parse_log_line(format, line, &context, &parsed) && parsed.has_time;
+    }));
+}
+
+// The form of most of the lines.
+const line_format* choose_for_most(const load_options& options, std::string_view head, const std::string& recorded,
                                    format_context* context) {
     skip_utf8_mark(&head);
     const line_format* format = forced_format(options, context);
@@ -143,6 +154,26 @@ const line_format* log_form_choose(const load_options& options, std::string_view
     }
     context->boot_s = boot_time_s(context->modified_s);
     return format;
+}
+
+}  // namespace
+
+const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
+                                   format_context* context) {
+    format_context first_context = *context;
+    const line_format* const format = choose_for_most(options, head, recorded, context);
+    if (has_given_form(options) || !recorded.empty()) return format;
+    // Where the log turns to another form among these lines, that of the first ones is taken: the turn is seen later.
+    size_t end = 0;
+    for (size_t i = 0; i < CHANGED_LINES_LEAST; i++) end = std::min(head.find('\n', end), head.size() - 1) + 1;
+    std::string plain;
+    const std::string_view first_head = head.substr(0, end);
+    const std::vector<std::string_view> lines = first_lines(first_head, CHANGED_LINES_LEAST, &plain);
+    if (lines.size() < CHANGED_LINES_LEAST || count_dated(lines, *format, *context) != 0) return format;
+    const line_format* const first = choose_for_most(options, first_head, recorded, &first_context);
+    if (count_dated(lines, *first, first_context) != lines.size()) return format;
+    *context = first_context;
+    return first;
 }
 
 record_cut log_form_cut(const line_format& format, std::string_view head, const format_context& context) {
@@ -181,7 +212,7 @@ bool has_time_field(const load_options& options, std::string_view head, format_c
     for (const std::string_view line : first_records(head, first_lines(head, TIME_LINES, &plain))) {
         parse_log_line(*format, line, context, &parsed);
         if (parsed.has_time) return true;
-        if (example.empty() && !parsed.no_event) example = line.substr(0, EXAMPLE_BYTES);
+        if (example.empty() && !parsed.no_event && begins_record(line)) example = line.substr(0, EXAMPLE_BYTES);
     }
     if (example.empty()) return true;
     *error = "no line says a time in the field " + options.time_field + "; the first is: " + example;
@@ -215,18 +246,12 @@ bool log_form_check(const load_options& options, const log_zone& zone, std::stri
 }
 
 bool log_form_changed(const load_options& options, const log_event_maker& maker, std::string_view text, log_form* out) {
-    if (!options.format.empty() || !options.time_format.empty() || !options.time_field.empty()) return false;
+    if (has_given_form(options)) return false;
     std::string plain;
     std::vector<std::string_view> lines = first_lines(text, CHANGED_LINES, &plain);
     std::erase_if(lines, [](std::string_view line) { return !begins_record(line); });
     if (lines.size() < CHANGED_LINES_LEAST) return false;
-    parsed_line parsed;
-    const auto count = [&](const line_format& format, format_context context) {
-        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](std::string_view line) {
-            return parse_log_line(format, line, &context, &parsed) && parsed.has_time;
-        }));
-    };
-    if (count(*maker.format, maker.context) * 10 > lines.size()) return false;
+    if (count_dated(lines, *maker.format, maker.context) * 10 > lines.size()) return false;
     const format_context& before = maker.context;
     format_context* const now = &out->context;
     *now = format_context();
@@ -237,7 +262,7 @@ bool log_form_changed(const load_options& options, const log_event_maker& maker,
         now->last_local_s = before.last_s + log_zone_at(now->zone, before.last_s).offset_s;
     out->format = log_form_choose(options, text.substr(0, CHANGED_BYTES), {}, now);
     const bool other = format_record(*out->format, *now) != format_record(*maker.format, before);
-    if (!other || count(*out->format, *now) * 10 < lines.size() * 9) return false;
+    if (!other || count_dated(lines, *out->format, *now) * 10 < lines.size() * 9) return false;
     out->cut = log_form_cut(*out->format, text.substr(0, CHANGED_BYTES), *now);
     return true;
 }
