@@ -78,7 +78,8 @@ void choose_names(loader* load, file_load* one, const std::string& source) {
     event->context.modified_s =
         one->input.pipe ? std::time(nullptr) : static_cast<int64_t>(one->input.modified_ns / 1000000000u);
     event->has_time = false;
-    event->format = log_form_choose(options, one->input.head, one->file.format, &event->context);
+    const auto choose = one->input.pipe ? log_form_choose : log_form_of_file;
+    event->format = choose(options, one->input.head, one->file.format, &event->context);
     store* const st = &load->st;
     const bool has_name = !is_new && one->file.source < st->sources.names.size();
     event->source = has_name ? st->sources.names[one->file.source] : source;

@@ -119,8 +119,9 @@ size_t count_dated(std::span<const std::string_view> lines, const line_format& f
     }));
 }
 
-// The form of most of the lines.
-const line_format* choose_for_most(const load_options& options, std::string_view head, const std::string& recorded,
+}  // namespace
+
+const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
                                    format_context* context) {
     skip_utf8_mark(&head);
     const line_format* format = forced_format(options, context);
@@ -156,21 +157,18 @@ const line_format* choose_for_most(const load_options& options, std::string_view
     return format;
 }
 
-}  // namespace
-
-const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
-                                   format_context* context) {
+const line_format* log_form_of_file(const load_options& options, std::string_view head, const std::string& recorded,
+                                    format_context* context) {
     format_context first_context = *context;
-    const line_format* const format = choose_for_most(options, head, recorded, context);
+    const line_format* const format = log_form_choose(options, head, recorded, context);
     if (has_given_form(options) || !recorded.empty()) return format;
-    // Where the log turns to another form among these lines, that of the first ones is taken: the turn is seen later.
     size_t end = 0;
     for (size_t i = 0; i < CHANGED_LINES_LEAST; i++) end = std::min(head.find('\n', end), head.size() - 1) + 1;
     std::string plain;
     const std::string_view first_head = head.substr(0, end);
     const std::vector<std::string_view> lines = first_lines(first_head, CHANGED_LINES_LEAST, &plain);
     if (lines.size() < CHANGED_LINES_LEAST || count_dated(lines, *format, *context) != 0) return format;
-    const line_format* const first = choose_for_most(options, first_head, recorded, &first_context);
+    const line_format* const first = log_form_choose(options, first_head, recorded, &first_context);
     if (count_dated(lines, *first, first_context) != lines.size()) return format;
     *context = first_context;
     return first;
@@ -271,7 +269,7 @@ bool log_form_is_dated(const load_options& options, const log_zone& zone, std::s
     format_context context;
     context.zone = zone;
     context.year = options.year;
-    const line_format* const format = log_form_choose(options, head, {}, &context);
+    const line_format* const format = log_form_of_file(options, head, {}, &context);
     std::string plain, example;
     parsed_line parsed;
     size_t records = 0, dated = 0;

@@ -11,10 +11,14 @@
 
 namespace veldar::tool {
 
-// The format of a log that begins with `head` and was `recorded` (empty: it is new). Sets what the context holds of
-// times. Never null.
+// The format of most lines of a log that begins with `head` and was `recorded` (empty: it is new). Sets what the context
+// holds of times. Never null.
 const line_format* log_form_choose(const load_options& options, std::string_view head, const std::string& recorded,
                                    format_context* context);
+// The same for what log_form_changed looks at on the way: when a new log turns to another form within its head, the one
+// of its first lines.
+const line_format* log_form_of_file(const load_options& options, std::string_view head, const std::string& recorded,
+                                    format_context* context);
 
 // Where a log of this form that begins with `head` is cut into records.
 record_cut log_form_cut(const line_format& format, std::string_view head, const format_context& context);
