@@ -280,7 +280,9 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
     const no_pauses pauses;
     st_init("query_faults_test");  // locks are signed
     const std::string kept = dir.file("kept"), csv = dir.file("e.csv"), bucket = store + "/bucket-000001";
-    std::string more, samples;
+    const std::string index = dir.file("index");
+    std::string more, samples, events;
+    for (int i = 1000; i < 2100; i++) events += std::to_string(i) + "\t" + std::to_string(i) + "\t1\t1\t1\t0\ta\n";
     for (int i = 0; i < 25; i++) samples += "p " + std::to_string(i) + " 17040672000" + std::to_string(10 + i) + "\n";
     for (int i = 10; i < 40; i++)
         more += "Jan  3 00:00:" + std::to_string(i) + " host prog[" + std::to_string(i) + "]: x\n";
@@ -322,6 +324,7 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
         {{add_load_command, {"load", "--again", dir.file("a.log")}}, stands},
         {{add_load_command, {"load", "-"}}, stands},
         {{add_metrics_command, {"metrics", "load", "-", "--batch", "10", "--format", "prometheus"}}, stands},
+        {{add_put_command, {"put", index, "-", "--max-values", "1024"}}, stands},
         {{add_forget_command, {"forget", dir.file("b.log.gz")}}, stands},
         {{add_metrics_command, {"metrics", "load", csv, "--value", "cpu", "--dims", "host"}}, stands},
         {{add_delete_command, {"delete", "status=404"}}, stands},
@@ -335,7 +338,8 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
     const auto holds = [&] {
         std::string all;
         for (const form& one : {form{add_search_command, {"search", "*", "--format", "raw"}},
-                                form{add_metrics_command, {"metrics", "dump"}}, form{add_fsck_command, {"fsck"}}}) {
+                                form{add_metrics_command, {"metrics", "dump"}}, form{add_dump_command, {"dump", index}},
+                                form{add_fsck_command, {"fsck"}}}) {
             all += std::to_string(run(one, fault_action::fail, NEVER, 1, &out)) + "\n" + out;
         }
         std::vector<std::string> lines;
@@ -355,12 +359,13 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
     const auto restore = [&](const std::function<void()>& make) {
         merging.reset();
         std::filesystem::remove_all(store);
+        std::filesystem::remove_all(index);
         make();
         write_file(dir.file("piped"), *piped);
     };
     std::set<uint64_t> tried;
     for (const auto& [ask, make] : changes) {
-        piped = ask.add == add_metrics_command ? &samples : &more;
+        piped = ask.add == add_metrics_command ? &samples : ask.add == add_put_command ? &events : &more;
         for (const fault_action action : {fault_action::fail, fault_action::allocation}) {
             std::string said, told_now;
             restore(make);
@@ -393,12 +398,13 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
                     << told_now << err << said;
                 EXPECT_TRUE(!is_done || tells || forgets || count_slices() == slices) << err;
                 EXPECT_TRUE(!merging.valid() || std::filesystem::exists(bucket + "/" + merge.temp));
-                // Of a pipe the store has kept this many bytes, and takes those behind them.
+                // Of a pipe so much has been taken: bytes, or lines.
                 const size_t kept_at = err.find("the first ");
                 const bool has_all = err.find("the pipe is kept") != err.npos || err.starts_with("30 events") ||
-                                     err.starts_with("25 samples");
-                const size_t kept_bytes = kept_at == err.npos ? 0 : std::strtoul(&err[kept_at + 10], nullptr, 10);
-                write_file(dir.file("piped"), has_all ? "" : piped->substr(kept_bytes));
+                                     err.starts_with("25 samples") || err.starts_with("1,100 events");
+                const size_t unit = ask.add == add_put_command ? events.size() / 1100 : 1;
+                const size_t kept_size = kept_at == err.npos ? 0 : std::strtoul(&err[kept_at + 10], nullptr, 10) * unit;
+                write_file(dir.file("piped"), has_all ? "" : piped->substr(kept_size));
                 const int again = is_done ? usual : run(ask, action, NEVER, 1, &out);
                 EXPECT_TRUE(again == usual || again <= 1) << err << read_file(dir.file("err"));
                 EXPECT_EQ(holds(), whole) << status << err << told_now << again;

@@ -13,6 +13,7 @@
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/put_line.h"
 #include "tools/libveldar/store/packed_stream.h"
+#include "tools/libveldar/store/raw_reader.h"
 #include "tools/libveldar/store/record_reader.h"
 #include "tools/libveldar/store/source_map.h"
 #include "tools/libveldar/store/troubles.h"
@@ -294,6 +295,17 @@ TEST(PackedStream, EveryByteCutOffOrDamagedAndEachByItself) {
             EXPECT_TRUE(error.empty() ? is_over && trickled == got : i % 2 != 0 || both.starts_with(got))
                 << way.suffix << i << got << error;
         }
+    }
+}
+
+TEST(RawReader, RotationsOfALogAreKnownByTheirNames) {
+    for (const char* name :
+         {"a.log.1", "a.log.old", "a.log-20240501", "a.log.2.gz", "a.log-20240501.1.xz", "a.log.1.2"}) {
+        EXPECT_TRUE(is_rotation_of("a.log", name)) << name;
+    }
+    for (const char* name :
+         {"b.log.1", "a.log.new", "a.log1", "a.log.old.1", "a.log.x.1", "a.lo", "a.log-", "xa.log.1"}) {
+        EXPECT_FALSE(is_rotation_of("a.log", name)) << name;
     }
 }
 

@@ -36,7 +36,6 @@ bool clock_days_find(log_event_maker* maker, log_input* input, uint64_t start, s
     std::string plain;
     while (date_s == NO_TIME_SEEN && !work_stops() && record_reader_next(&reader, &offset, &text)) {
         parse_log_line(*maker->format, uncoloured(text.substr(0, text.find('\n')), &plain), &walk, &maker->first);
-        if (!maker->first.has_time) continue;
         if (walk.last_local_s >= FIRST_DATE_S) {
             date_s = walk.last_local_s;
             continue;

@@ -18,7 +18,6 @@ std::string example_of(const dated_line& line) {
 }  // namespace
 
 void dating_add(dating_report* report, dating_t kind, const dated_line& line, uint64_t count) {
-    if (count == 0) return;
     if (report->counts[kind] == 0 && kind != DATED_ITSELF) report->examples[kind] = example_of(line);
     report->counts[kind] += count;
 }

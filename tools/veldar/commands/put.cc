@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "libzero/resource.h"
@@ -36,6 +38,8 @@ struct put_run {
     progress shown;
     put_event event;
     uint64_t line = 0;
+    uint64_t slices = 0, lines_in_slices = 0;  // what is not in one goes with a failure
+    bool is_told = false;                      // how much was put
 };
 
 std::string input_name(const put_options& options) {
@@ -68,6 +72,10 @@ void put_line(put_run* run, std::span<char> line) {
         return refuse_line(run, "the event is larger than an index can hold");
     }
     run->totals.add_event(run->event.txn.time);
+    const uint64_t slices = index_writer_slices(&run->writer);
+    if (slices == run->slices) return;
+    run->slices = slices;
+    run->lines_in_slices = run->line - 1;
 }
 
 // Puts the whole lines of `bytes` and returns how many bytes they are; with `last`, also a line without its newline.
@@ -101,6 +109,12 @@ void put_input(put_run* run, int fd) {
     }
 }
 
+// What the user can do after a failure.
+std::string advice(const put_run& run) {
+    if (run.lines_in_slices == 0) return "nothing was put; put all of it again once this is mended";
+    return "the first " + std::to_string(run.lines_in_slices) + " lines are put; put those behind them again";
+}
+
 int put_run_all(const put_options& options) {
     put_run run;
     run.options = &options;
@@ -124,18 +138,29 @@ int put_run_all(const put_options& options) {
                       !options.no_fsync);
     const auto finish = [&](const char* how) {
         index_writer_close(&run.writer);
+        run.lines_in_slices = run.line;
         progress_end();
         totals_add_slices(&run.totals, options.directory, before);
         say_summary(how + totals_text(run.shown, run.totals));
     };
     try {
-        put_input(&run, input.get());
-    } catch (const failure_t&) {
+        try {
+            put_input(&run, input.get());
+        } catch (const failure_t&) {
+            if (run.writer.thing == nullptr) throw;
+            finish("put so far: ");
+            run.is_told = true;
+            throw;
+        }
+        finish(work_stops() ? "interrupted; put so far: " : "");
+    } catch (failure_t& failure) {
         progress_end();
-        if (run.writer.thing != nullptr) finish("put so far: ");
+        if (!run.is_told) failure.message += "\nveldar: " + advice(run);
         throw;
+    } catch (const std::bad_alloc&) {
+        progress_end();
+        throw failure_t{OUTCOME_IO, "out of memory\nveldar: " + advice(run)};
     }
-    finish(work_stops() ? "interrupted; put so far: " : "");
     if (work_stops()) return OUTCOME_INTERRUPTED;
     return run.totals.events == 0 && run.totals.refused != 0 ? OUTCOME_INCOMPLETE : OUTCOME_DONE;
 }
