@@ -335,16 +335,25 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
         {{add_salvage_command, {"salvage"}}, is_damaged},
         {{add_rebuild_command, {"rebuild"}}, has_lost},
     };
-    const auto holds = [&] {
-        std::string all;
-        for (const form& one : {form{add_search_command, {"search", "*", "--format", "raw"}},
-                                form{add_metrics_command, {"metrics", "dump"}}, form{add_dump_command, {"dump", index}},
-                                form{add_fsck_command, {"fsck"}}}) {
-            all += std::to_string(run(one, fault_action::fail, NEVER, 1, &out)) + "\n" + out;
+    const auto holds = [&] {  // in one child
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::dup2(::open(dir.file("held").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+            ::dup2(STDOUT_FILENO, STDERR_FILENO);
+            for (const form& one : {form{add_search_command, {"search", "*", "--format", "raw"}},
+                                    form{add_metrics_command, {"metrics", "dump"}},
+                                    form{add_dump_command, {"dump", index}}, form{add_fsck_command, {"fsck"}}}) {
+                std::printf("%d\n", run_command(one, store, [](const auto& work) { return work(); }));
+            }
+            std::fflush(nullptr);
+            ::_exit(0);
         }
+        EXPECT_EQ(::waitpid(child, nullptr, 0), child);
         std::vector<std::string> lines;
-        std::istringstream in(all.substr(0, all.rfind('\n', all.size() - 2)));  // without the number of slices
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        std::istringstream in(read_file(dir.file("held")));
+        for (std::string line; std::getline(in, line);) {
+            if (line.find(" slices checked") == line.npos) lines.push_back(line);  // merges may have come between
+        }
         std::sort(lines.begin(), lines.end());
         return lines;
     };
