@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/damage.h"
 #include "tools/libveldar/formats/json_text.h"
 #include "tools/libveldar/formats/line_format.h"
 #include "tools/libveldar/formats/terms.h"
@@ -38,112 +39,22 @@ std::string parse_with(const char* format, std::string_view line, format_context
     return (formed ? "" : "not: ") + describe(parsed);
 }
 
-struct line_case {
-    const char* format;
-    const char* line;
-    const char* expected;
-};
-
-// Each line is also what its format must be recognised by.
-constexpr line_case LINES[] = {
-    {"access",
-     R"(83.149.9.216 - frank [17/May/2015:10:05:03 +0200] "GET /a/b.png?azAZ09=1&y=2 HTTP/1.1" 200 2030 "http://s.com/" "Moz\"a" rt=0.1)",
-     "1431849903.0 clientip=83.149.9.216 user=frank method=GET path=/a/b.png query=azAZ09=1&y=2 query.azAZ09=1 "
-     "query.y=2 "
-     "uri=/a/b.png?azAZ09=1&y=2 protocol=HTTP/1.1 status=200 bytes=2030 referer=http://s.com/ referer.host=s.com "
-     "useragent=Moz\\\"a rt=0.1"},
-    {"access",
-     R"(::1 - - [29/Feb/2016:23:59:60 -0030] "GET /s?q=a%20B+c%zz&x%5B%5d=%2f&=2&n&e= HTTP/2" 200 1 "https://g.org:8/?q=7#f" "-")",
-     "1456792200.0 clientip=::1 method=GET path=/s query=q=a%20B+c%zz&x%5B%5d=%2f&=2&n&e= query.q=a B c%zz "
-     "query.x[]=/ uri=/s?q=a%20B+c%zz&x%5B%5d=%2f&=2&n&e= protocol=HTTP/2 status=200 bytes=1 "
-     "referer=https://g.org:8/?q=7#f referer.host=g.org referer.query.q=7"},
-    {"access", R"(::1 - - [29/Feb/2016:23:59:60 -0030] "-" 408 -)", "1456792200.0 clientip=::1 status=408"},
-    {"access", R"(h.org:80 1.2.3.4 - - [17/May/2015:10:05:03 +0000] "\x16\x03" 400 0 "-" "cut off)",
-     "1431857103.0 vhost=h.org:80 clientip=1.2.3.4 request=\\x16\\x03 status=400 bytes=0 useragent=cut off"},
-    {"syslog", "<38>Jun  9 04:47:44.25 combo sshd(pam_unix)[19939]: failure; logname= uid=0 rhost=a.b.c  user=root",
-     "1749444464.250000000 priority=38 facility=auth severity=info host=combo program=sshd pid=19939 uid=0 rhost=a.b.c "
-     "user=root"},
-    {"syslog", "Dec 31 23:59:59 kernel: up", "1767225599.0 program=kernel"},
-    {"syslog", "Feb 29 12:00:00 web1 -- MARK --", "1709208000.0 host=web1"},
-    {"syslog", "Jun  9 04:47:44 2021 web1 cron[1]: go", "1623214064.0 host=web1 program=cron pid=1"},
-    {"iso8601", "2015-07-01 12:00:00.5 CEST [9] LOG:  a=b", "1435744800.500000000 level=LOG a=b"},
-    {"json", R"({"t":{"$date":"2015-07-01T12:00:00Z"},"at":{"time":"x"}})", "1435752000.0 at.time=x"},
-    {"json", R"({"time":"Wed, 01 Jul 2015 12:00:00 GMT","a":1})", "1435752000.0 a=1"},
-    {"syslog-5424", R"(<165>1 2003-10-11T22:14:15.003Z h app - ID47 [e@3 iut="3" q="a\"] b"][o@3 p="x"] go k=v)",
-     "1065910455.3000000 priority=165 facility=local4 severity=notice host=h app=app msgid=ID47 iut=3 q=a\\\"] b p=x "
-     "k=v"},
-    {"syslog-5424", "<0>1 - - - - - - a=b", "- priority=0 facility=kern severity=emerg a=b"},
-    {"syslog-iso", "2025-06-14T15:16:01.123456+02:00 web1 cron[12]: done",
-     "1749906961.123456000 host=web1 program=cron pid=12"},
-    {"apache-error", "[Sun Dec 04 04:47:44 2005] [error] [client 1.2.3.4] no: x",
-     "1133671664.0 level=error client=1.2.3.4"},
-    {"apache-error", "[Sun Dec 04 04:47:44.000123 2005] [core:trace3] [pid 35:tid 43] [client 1.2.3.4:567] AH: x",
-     "1133671664.123000 module=core level=trace3 pid=35 tid=43 client=1.2.3.4"},
-    {"iso8601", "2015-10-18 18:01:47,978 INFO [main] org.ha.MRApp$1: Created id: 2",
-     "1445191307.978000000 level=INFO thread=main "
-     "class=org.ha.MRApp$1"},
-    {"iso8601", "2015-07-29 17:41:44,747 - WARN  [Peer[myid=1]/0:0:2181:Fast@774] - out: 3",
-     "1438191704.747000000 level=WARN thread=Peer[myid=1]/0:0:2181 class=Fast myid=1"},
-    {"nginx-error",
-     R"(2016/01/02 03:04:05 [error] 12#3: *5 open() failed (2: no), client: ::1, server: a.b, request: "GET /x, y?z=1 HTTP/1.1", upstream: "http://[::1]:80/", host: "h")",
-     "1451703845.0 level=error pid=12 tid=3 connection=5 client=::1 server=a.b request=GET /x, y?z=1 HTTP/1.1 "
-     "method=GET path=/x, y query=z=1 query.z=1 uri=/x, y?z=1 protocol=HTTP/1.1 upstream=http://[::1]:80/ vhost=h"},
-    {"cri", "2016-10-06T00:17:09.669794202Z stdout P {\"level\":\"info\",\"host\":\"h\"}",
-     "1475713029.669794202 stream=stdout partial=true level=info host=h"},
-    {"logfmt", R"(level=info ts=2015-07-01T12:00:00Z msg="a \"b\" took=3s" ready dur=3ms url=/a?b=1&c)",
-     "1435752000.0 level=info msg=a \"b\" took=3s dur=3ms url=/a?b=1&c took=3s"},
-    {"iso8601", "[2016-01-02T03:04:05.5-01:30] app.ERROR: no error", "1451709245.500000000 level=ERROR"},
-    {"iso8601", "20160102T030405Z all errors info", "1451703845.0"},
-    {"iso8601",
-     "20160102T030405Z xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"
-     "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx ERROR: behind the head",
-     "1451703845.0"},
-    {"iso8601", "2015-07-01T12:00:00Z WRN slow a=1", "1435752000.0 level=WRN a=1"},
-    {"iso8601", "2015-07-01 12:00:00.5 UTC [413] app@prod LOG:  b: ERROR", "1435752000.500000000 level=LOG"},
-    {"yymmdd", "081109 203615 148 INFO dfs.Data$Packet: ok", "1226262975.0 level=INFO class=dfs.Data$Packet"},
-    {"epoch", "1286536308.779    180 192.168.0.1 TCP_MISS/200", "1286536308.779000000"},
-    {"epoch", "[1286536308779] key='a b'", "1286536308.779000000 key=a b"},
-    {"json",
-     R"({"level":"info","time":"2015-05-17T10:05:03.5Z","a":{"b":[1.50,{"c":"x\ny"}]},"n":null,"e":"","msg":"k=v"})",
-     "1431857103.500000000 level=info a.b=1.50 a.b.c=x\ny msg=k=v k=v"},
-    {"iso8601", "2015-07-29 17:41:44 -12 units left, k=v", "1438191704.0 k=v"},
-    {"json", R"({"log":"up user=bob\r\n","stream":"out","time":"2015-05-17T10:05:03Z"})",
-     "1431857103.0 log=up user=bob stream=out user=bob"},
-    {"json",
-     R"({"log":"{\"ts\":1,\"a\":{\"b\":2},\"msg\":\"2015-07-01 12:00:00 WARN x c=3\"}\n","time":"2015-05-17T10:05:03Z"})",
-     "1431857103.0 log={\"ts\":1,\"a\":{\"b\":2},\"msg\":\"2015-07-01 12:00:00 WARN x c=3\"} ts=1 a.b=2 "
-     "msg=2015-07-01 12:00:00 WARN x c=3 level=WARN c=3"},
-    {"json", R"({"short_message":"Jun 14 15:16:01 web1 cron[1]: go u=v","level":6,"_k":"w"})",
-     "1749914161.0 short_message=Jun 14 15:16:01 web1 cron[1]: go u=v level=6 _k=w host=web1 program=cron pid=1 u=v"},
-    {"json", R"({"__REALTIME_TIMESTAMP":"1423944916375353","_HOSTNAME":"j","MESSAGE":[97,61,98,255]})",
-     "1423944916.375353000 _HOSTNAME=j MESSAGE=a=b\xFF a=b\xFF"},
-    {"json",
-     R"({"Records":[{"eventTime":"2015-07-01T12:00:00Z","u":{"n":"x"}},{"eventTime":"2015","e":[{"k":1},{"k":2}]}]})",
-     "1435752000.0 u.n=x eventTime=2015 e.k=1 e.k=2"},
-    {"iso8601", R"(2015-07-01 12:00:00 WARN a=1 {"b":{"c":2},"host":"h"})", "1435752000.0 level=WARN b.c=2 host=h a=1"},
-    {"json",
-     R"({"resourceLogs":[{"resource":{"attributes":[{"key":"service.name","value":{"stringValue":"s"}}]},"scopeLogs":[{"logRecords":[{"timeUnixNano":"1435752000000000001","body":{"stringValue":"a=1"}}]}]}]})",
-     "1435752000.1 resource.attributes.service.name=s body.stringValue=a=1 a=1"},
-    {"json", R"({"n":[{"event":{"timestamp":"2015-07-01T12:00:00Z"}}]})",
-     "1435752000.0 n.event.timestamp=2015-07-01T12:00:00Z"},
-    {"json", R"({"ts":1431857103123,"date":"soon","ok":true})", "1431857103.123000000 date=soon ok=true"},
-    {"json", "{\"Time\":\"17/May/2015:10:05:03 +0000\",\"a\":\"\xff\x01\",\"b\":2}", "1431857103.0 a=?? b=2"},
-    {"json", R"({"a":{"b":1},"c" nil,"d":4})", "- a.b=1"},
-    {"text", "just words, and a=1;b=\"2 3\" (c=4) d==5 e=>6 7f=8 -g=9 h=[i=1] =j k= ?l=m&n=o",
-     "- a=1 b=2 3 c=4 h=i=1 l=m n=o"},
-    {"text",
-     "u=http://a/b?x=1&y=2, p=/a?b=1&c=2 q=/a&r=2 n=1,234,567 m=-1,234.5 o=1,23 s=1,2345,t=5. v=[a b] w=f(x) z=<a@b>.",
-     "- u=http://a/b?x=1&y=2 p=/a?b=1&c=2 q=/a r=2 n=1,234,567 m=-1,234.5 o=1 s=1 t=5 v=a w=f(x) z=a@b"},
-    {"text", "x=[[a]] y=1\x1Fz=2 f=((((((((g k=b;l=http://h;m=2 o=\"a;b\"",
-     "- x=a y=1 z=2 f=((((g k=b l=http://h;m=2 o=a;b"},
-};
-
+// A format, a line, and what comes of it. Each line is also what its format must be recognised by.
 TEST(Formats, LinesGiveTheirTimeAndFieldsAndAreRecognisedAmongOddOnes) {
-    for (const line_case& one : LINES) {
-        EXPECT_EQ(parse_with(one.format, one.line), one.expected) << one.line;
-        EXPECT_EQ(parse_with(one.format, "\xEF\xBB\xBF" + std::string(one.line) + "\r"), one.expected) << one.line;
-        std::vector<std::string_view> lines{"Logging starts", "", "   continued", one.line, "1 2 3", one.line};
-        EXPECT_STREQ(detect_format(lines, {})->name, one.format) << one.line;
+    std::vector<std::string> rows = data_rows("log-lines");
+    for (
+        const char* more :
+        {"json",
+         R"({"level":"info","time":"2015-05-17T10:05:03.5Z","a":{"b":[1.50,{"c":"x\ny"}]},"n":null,"e":"","msg":"k=v"})",
+         "1431857103.500000000 level=info a.b=1.50 a.b.c=x\ny msg=k=v k=v"}) {
+        rows.emplace_back(more);
+    }
+    for (size_t i = 0; i + 2 < rows.size(); i += 3) {
+        const std::string &format = rows[i], &line = rows[i + 1], &expected = rows[i + 2];
+        EXPECT_EQ(parse_with(format.c_str(), line), expected) << line;
+        EXPECT_EQ(parse_with(format.c_str(), "\xEF\xBB\xBF" + line + "\r"), expected) << line;
+        std::vector<std::string_view> lines{"Logging starts", "", "   continued", line, "1 2 3", line};
+        EXPECT_EQ(detect_format(lines, {})->name, format) << line;
     }
     EXPECT_STREQ(detect_format({}, {})->name, "text");
     std::vector<std::string_view> rare(9, "words");
@@ -398,46 +309,12 @@ TEST(Formats, BytesOfTheJournalAreText) {
 }
 
 TEST(Terms, ValuesWithAUnitAreNumbersOfTheirBaseUnit) {
-    struct unit_case {
-        const char* text;
-        const char* number;  // null: none with a unit
-    };
-    constexpr unit_case CASES[] = {{"35ms", "0.035"},
-                                   {"1.2GB", "1200000000"},
-                                   {"3h", "10800"},
-                                   {"12KiB", "12288"},
-                                   {"45%", "45"},
-                                   {"1,234", "1234"},
-                                   {"-1,234,567.5", "-1234567.5"},
-                                   {"1h2m3.5s", "3723.5"},
-                                   {"-90s", "-90"},
-                                   {"1m0s", "60"},
-                                   {"2 days", "172800"},
-                                   {"7\xC2\xB5s", "0.000007"},
-                                   {"512M", "536870912"},
-                                   {"5m", "300"},
-                                   {"1,024 kB", "1024000"},
-                                   {"-5PB", "-5e+15"},
-                                   {"12", nullptr},
-                                   {"1,23", nullptr},
-                                   {"1234,567", nullptr},
-                                   {"1,234,56", nullptr},
-                                   {"5x", nullptr},
-                                   {"1s2h", nullptr},
-                                   {"1GB2s", nullptr},
-                                   {"2026-01-02", nullptr},
-                                   {"10.0.0.1s", nullptr},
-                                   {"5s ago", nullptr},
-                                   {"ms", nullptr},
-                                   {"1ms,", nullptr},
-                                   {"1s2", nullptr},
-                                   {"", nullptr},
-                                   {"1,000,", nullptr}};
-    for (const unit_case& one : CASES) {
+    const std::vector<std::string> rows = data_rows("units");
+    for (size_t i = 0; i + 1 < rows.size(); i += 2) {
         double number = 0;
-        const bool taken = unit_number(one.text, &number);
-        EXPECT_EQ(taken ? unit_text(number) : "none", one.number == nullptr ? "none" : one.number) << one.text;
-        EXPECT_TRUE(!taken || may_have_unit(one.text)) << one.text;
+        const bool taken = unit_number(rows[i], &number);
+        EXPECT_EQ(taken ? unit_text(number) : "none", rows[i + 1]) << rows[i];
+        EXPECT_TRUE(!taken || may_have_unit(rows[i])) << rows[i];
     }
 }
 

@@ -7,6 +7,7 @@
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
 #include "tests/support/sampled.h"
 #include "tests/support/temp_dir.h"
@@ -60,6 +61,13 @@ std::string damage_outcomes::text() const {
         all += "\n";
     }
     return all;
+}
+
+std::vector<std::string> data_rows(const std::string& name) {
+    std::istringstream text(read_file(VELDAR_SOURCE_DIR "/tests/data/rows/" + name));
+    std::vector<std::string> rows;
+    for (std::string row; std::getline(text, row);) rows.push_back(row);
+    return rows;
 }
 
 void expect_kept(const std::string& name, const std::string& outcomes) {

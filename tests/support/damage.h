@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace veldar {
 
@@ -41,5 +42,8 @@ class damage_outcomes {
 // writes that anew; what changed in it is read before it is kept. Nothing is compared under the sanitizers, whose
 // compiler may order what is unordered in another way.
 void expect_kept(const std::string& name, const std::string& outcomes);
+
+// The lines of tests/data/rows/NAME.
+std::vector<std::string> data_rows(const std::string& name);
 
 }  // namespace veldar
