@@ -38,29 +38,28 @@ struct cset_bit_sink {
     }
 };
 
-// Reads fields of up to 56 bits; eight bytes behind the stream can be read.
+// Reads fields of up to 56 bits; eight bytes behind the stream can be read. Reading past its end is remembered.
 struct cset_bit_source {
     const uint8_t* bytes;
     uint64_t size;  // in bits
     uint64_t at = 0;
+    bool is_short = false;
 
     // The field at a bit of the stream.
     uint64_t field(uint64_t bit, uint32_t nbits) const {
         return (load_le64(bytes + bit / 8) >> (bit % 8)) & cset_low_bits(nbits);
     }
-    // The next field, or false when the stream ends before it does.
-    bool get(uint32_t nbits, uint64_t* out) {
-        if (nbits > size - at) return false;
-        *out = field(at, nbits);
-        at += nbits;
-        return true;
-    }
     // Passes so many bits, and tells where they begin.
-    bool skip(uint64_t nbits, uint64_t* begin) {
-        *begin = at;
-        if (nbits > size - at) return false;
-        at += nbits;
-        return true;
+    uint64_t skip(uint64_t nbits) {
+        const uint64_t begin = at;
+        is_short |= nbits > size - at;
+        at = is_short ? size : at + nbits;
+        return begin;
+    }
+    // The next field; 0 when the stream ends before it does.
+    uint64_t get(uint32_t nbits) {
+        const uint64_t begin = skip(nbits);
+        return is_short ? 0 : field(begin, nbits);
     }
 };
 

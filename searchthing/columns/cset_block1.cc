@@ -18,13 +18,16 @@ namespace {
 struct byte_source {
     const uint8_t* at;
     uint64_t left;
+    bool is_short = false;
 
-    // The next bytes, or null when there are fewer.
+    // The next bytes; zeros when there are fewer, which is remembered.
     const uint8_t* take(uint64_t size) {
-        if (size > left) return nullptr;
-        const uint8_t* taken = at;
-        at += size;
-        left -= size;
+        static constexpr uint8_t ZEROS[CSET_BLOCK1_MAX_SIZE] = {};
+        is_short |= size > left;
+        const uint8_t* const taken = is_short ? ZEROS : at;
+        const uint64_t used = std::min(size, left);
+        at += used;
+        left -= used;
         return taken;
     }
 };
@@ -39,17 +42,15 @@ double decimal(uint64_t k, double divisor) {
     return static_cast<double>(static_cast<int64_t>(k)) / divisor;
 }
 
-// Moves the elements whose bits are set; false when the bitmap and what follows do not fit.
+// Moves the elements whose bits are set; false for bits of no element.
 bool apply_residuals(const cset_block1_t* block, byte_source* source, double* values) {
     const uint64_t size = cset_words_size(block->count);
     const uint8_t* bitmap = source->take(size);
-    if (bitmap == nullptr) return false;
     if (block->count % 64 != 0 && load_le64(bitmap + size - 8) >> (block->count % 64) != 0) return false;
     uint64_t moved = 0;
     for (uint64_t at = 0; at < size; at += 8) moved += static_cast<uint64_t>(std::popcount(load_le64(bitmap + at)));
     const uint32_t nbits = block->residual_bits;
     const uint8_t* residuals = source->take(cset_words_size(moved * nbits));
-    if (residuals == nullptr) return false;
     const uint64_t half = uint64_t{1} << (nbits - 1);
     uint64_t index = 0;
     for (uint64_t at = 0; at < size; at += 8) {
@@ -66,7 +67,6 @@ bool apply_residuals(const cset_block1_t* block, byte_source* source, double* va
 bool apply_corrections(const cset_block1_t* block, byte_source* source, double* values) {
     if (block->residual_bits > 0 && !apply_residuals(block, source, values)) return false;
     const uint8_t* exception = source->take(cset_words_size(uint64_t{block->exceptions} * CSET_EXCEPTION_SIZE * 8));
-    if (exception == nullptr) return false;
     for (uint32_t i = 0; i < block->exceptions; i++, exception += CSET_EXCEPTION_SIZE) {
         uint16_t index;
         std::memcpy(&index, exception, sizeof index);
@@ -79,7 +79,6 @@ bool apply_corrections(const cset_block1_t* block, byte_source* source, double* 
 bool get_decimal(const cset_block1_t* block, byte_source* source, double* values) {
     const uint8_t* head = source->take(8);
     const uint8_t* packed = source->take(cset_words_size(uint64_t{block->count} * block->width));
-    if (head == nullptr || packed == nullptr) return false;
     const uint64_t base = load_le64(head);
     const double divisor = CSET_POWERS[block->exponent];
     const uint64_t mask = cset_low_bits(block->width);
@@ -92,7 +91,6 @@ bool get_decimal(const cset_block1_t* block, byte_source* source, double* values
 bool get_delta(const cset_block1_t* block, byte_source* source, double* values) {
     const uint8_t* head = source->take(16);
     const uint8_t* packed = source->take(cset_words_size(uint64_t{block->count - 1u} * block->width));
-    if (head == nullptr || packed == nullptr) return false;
     uint64_t k = load_le64(head);
     const uint64_t base = load_le64(head + 8);
     const double divisor = CSET_POWERS[block->exponent];
@@ -108,7 +106,6 @@ bool get_delta(const cset_block1_t* block, byte_source* source, double* values) 
 bool get_bits(const cset_block1_t* block, byte_source* source, double* values) {
     const uint8_t* head = source->take(8);
     const uint8_t* packed = source->take(cset_words_size(uint64_t{block->count} * block->width));
-    if (head == nullptr || packed == nullptr) return false;
     const uint64_t base = load_le64(head);
     const uint64_t mask = cset_low_bits(block->width);
     for (uint32_t i = 0; i < block->count; i++) {
@@ -120,16 +117,13 @@ bool get_bits(const cset_block1_t* block, byte_source* source, double* values) {
 
 bool get_elements(const cset_block1_t* block, byte_source* source, double* values) {
     switch (block->codec) {
-        case CSET_CONST: {
-            const uint8_t* value = source->take(8);
-            if (value != nullptr) std::fill_n(values, block->count, std::bit_cast<double>(load_le64(value)));
-            return value != nullptr;
-        }
+        case CSET_CONST:
+            std::fill_n(values, block->count, std::bit_cast<double>(load_le64(source->take(8))));
+            return true;
         case CSET_RAW: {
             const uint64_t size = uint64_t{block->count} * sizeof(double);
-            const uint8_t* raw = source->take(size);
-            if (raw != nullptr) std::memcpy(values, raw, size);
-            return raw != nullptr;
+            std::memcpy(values, source->take(size), size);
+            return true;
         }
         case CSET_DECIMAL:
             return get_decimal(block, source, values);
@@ -154,7 +148,7 @@ bool cset_block1_decode(const cset_block1_t* block, std::span<const uint8_t> dat
     if (data.size() < 8) return false;
     byte_source source{.at = data.data(), .left = data.size() - 8};
     if (load_le64(data.data() + source.left) != XXH32(data.data(), source.left, 0)) return false;
-    return get_elements(block, &source, values) && source.left == 0;
+    return get_elements(block, &source, values) && !source.is_short && source.left == 0;
 }
 
 }  // namespace veldar

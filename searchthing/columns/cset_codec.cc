@@ -38,20 +38,20 @@ uint64_t set_bits(const cset_bit_source& source, uint64_t begin, uint64_t count)
     return sum;
 }
 
-bool get_corrections(const cset_block_t* block, cset_bit_source* source, corrections* out) {
-    if (block->has_exceptions && !source->get(CSET_COUNT_BITS, &out->exceptions)) return false;
-    if (block->residual_bits == 0) return true;
-    uint64_t dense = 0;
-    if (!source->get(1, &dense)) return false;
-    out->dense = dense != 0;
-    if (out->dense) {
-        if (!source->skip(block->count, &out->places_at)) return false;
-        out->residuals = set_bits(*source, out->places_at, block->count);
+corrections get_corrections(const cset_block_t* block, cset_bit_source* source) {
+    corrections out;
+    if (block->has_exceptions) out.exceptions = source->get(CSET_COUNT_BITS);
+    if (block->residual_bits == 0) return out;
+    out.dense = source->get(1) != 0;
+    if (out.dense) {
+        out.places_at = source->skip(block->count);
+        out.residuals = source->is_short ? 0 : set_bits(*source, out.places_at, block->count);
     } else {
-        if (!source->get(CSET_COUNT_BITS, &out->residuals)) return false;
-        if (!source->skip(out->residuals * CSET_INDEX_BITS, &out->places_at)) return false;
+        out.residuals = source->get(CSET_COUNT_BITS);
+        out.places_at = source->skip(out.residuals * CSET_INDEX_BITS);
     }
-    return source->skip(out->residuals * block->residual_bits, &out->codes_at);
+    out.codes_at = source->skip(out.residuals * block->residual_bits);
+    return out;
 }
 
 bool apply_residuals(const cset_block_t* block, const cset_bit_source& source, const corrections& at, double* values) {
@@ -106,9 +106,8 @@ void elements_of(const cset_block_t* block, uint64_t* numbers, double* values) {
 bool get_packed(const cset_block_t* block, const uint8_t* bytes, uint64_t size, double* values) {
     const bool is_delta = block->codec == CSET_DELTA, is_bits = block->codec == CSET_BITS;
     cset_bit_source source{.bytes = bytes, .size = size * 8};
-    corrections fixes;
     cset_groups_t groups;
-    if (!is_bits && !get_corrections(block, &source, &fixes)) return false;
+    const corrections fixes = is_bits ? corrections{} : get_corrections(block, &source);
     if (!cset_groups_get(&source, block->count - (is_delta ? 1u : 0u), &groups)) return false;
     const uint64_t packed_at = (source.at + 7) / 8;
     if (packed_at + groups.packed_size + fixes.exceptions * CSET_EXCEPTION_SIZE != size) return false;

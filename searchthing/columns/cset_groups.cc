@@ -199,26 +199,19 @@ void cset_groups_put_packed(std::span<const uint64_t> numbers, const cset_groups
 bool cset_groups_get(cset_bit_source* source, uint32_t count, cset_groups_t* groups) {
     groups->count = count;
     groups->packed_size = 0;
-    uint64_t base_bits = 0;
-    if (!source->get(BASE_BITS_BITS, &base_bits) || base_bits > CSET_MAX_WIDTH) return false;
-    groups->base_bits = static_cast<uint32_t>(base_bits);
+    groups->base_bits = static_cast<uint32_t>(source->get(BASE_BITS_BITS));
+    if (groups->base_bits > CSET_MAX_WIDTH) return false;
     for (uint32_t i = 0; i < group_count(count); i++) {
         cset_group_t* const group = &groups->groups[i];
-        uint64_t width = 0, patches = 0, high_bits = 0;
-        if (!source->get(groups->base_bits, &group->base) || !source->get(WIDTH_BITS, &width) ||
-            !source->get(PATCHES_BITS, &patches) || width > CSET_MAX_WIDTH) {
-            return false;
-        }
-        if (patches > 0) {
-            if (!source->get(HIGH_BITS_BITS, &high_bits) || ++high_bits > CSET_MAX_WIDTH) return false;
-            if (!source->skip(patches * (PLACE_BITS + high_bits), &group->places_at)) return false;
-        }
-        group->width = static_cast<uint32_t>(width);
-        group->patches = static_cast<uint32_t>(patches);
-        group->high_bits = static_cast<uint32_t>(high_bits);
+        group->base = source->get(groups->base_bits);
+        group->width = static_cast<uint32_t>(source->get(WIDTH_BITS));
+        group->patches = static_cast<uint32_t>(source->get(PATCHES_BITS));
+        group->high_bits = group->patches == 0 ? 0 : static_cast<uint32_t>(source->get(HIGH_BITS_BITS)) + 1;
+        if (group->width > CSET_MAX_WIDTH || group->high_bits > CSET_MAX_WIDTH) return false;
+        group->places_at = source->skip(uint64_t{group->patches} * (PLACE_BITS + group->high_bits));
         groups->packed_size += packed_size(std::min(CSET_GROUP, count - i * CSET_GROUP), group->width);
     }
-    return true;
+    return !source->is_short;
 }
 
 bool cset_groups_unpack(const cset_groups_t& groups, const cset_bit_source& source, const uint8_t* packed, uint64_t low,

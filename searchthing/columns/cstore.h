@@ -60,7 +60,7 @@ struct cs_builder_t {
 inline uint64_t cs_builder_size(const cs_builder_t* builder) {
     return builder->footer_offset + 16 + builder->entries.size() * sizeof(cs_tid_offset_t);
 }
-// Writes the finalized section at an offset of the file, 1 MiB at a time: 0 or WARM_RC_WRITE "writing cstore".
+// Writes the finalized section at an offset of the file, 64 KiB at a time: 0 or WARM_RC_WRITE "writing cstore".
 [[nodiscard]] int cs_sync_cstore(cs_builder_t* builder, int fd, uint64_t section_offset, warm_rc_t* rc);
 // Frees everything; the builder can be opened again. Nothing on a closed one.
 void cs_builder_close(cs_builder_t* builder);

@@ -14,7 +14,7 @@ namespace veldar {
 
 namespace {
 
-constexpr size_t WRITE_SIZE = size_t{1} << 20;
+constexpr size_t WRITE_SIZE = size_t{1} << 16;
 constexpr size_t MOST_SETS_AT_ONCE = 65536;  // a hint beyond this reserves no more
 
 int no_memory(warm_rc_t* rc) {

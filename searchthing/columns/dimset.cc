@@ -132,7 +132,6 @@ int ds_copy(ds_dimset_t* dst, uint32_t cap_words, const ds_dimset_t* ds) {
 
 uint32_t ds_dimset_hash(const ds_dimset_t* ds) {
     const std::span<const uint32_t> fields = ds_dimset_allfields(ds);
-    if (fields.empty()) return 1;
     uint32_t hash = fields[0];
     for (const uint32_t field : fields) hash = (field + hash * HASH_FACTOR) % HASH_MODULUS;
     return hash;

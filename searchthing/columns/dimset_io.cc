@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "libzero/assertions.h"
 #include "searchthing/base/timed_read.h"
@@ -42,15 +43,12 @@ int read_header(ds_header_t* header, int fd, uint64_t offset, const char* what_h
 // Where set `id` begins and ends in the body.
 int find_set(ds_reader_t* r, uint32_t id, uint32_t* start, uint32_t* end, warm_rc_t* rc) {
     if (id >= r->num_dimsets) return _set_rc_verbose(rc, WARM_RC_CAPACITY, id, "ds_reader_read");
-    *start = 0;
-    if (id != 0) {
-        const uint8_t* entry = _ar_get_i(&r->ends, id - 1, false, 0, rc);
+    *end = 0;
+    for (uint32_t of = id == 0 ? 0 : id - 1; of <= id; of++) {
+        const uint8_t* entry = _ar_get_i(&r->ends, of, false, 0, rc);
         if (entry == nullptr) return rc->warm_rc;
-        *start = load_le32(entry);
+        *start = std::exchange(*end, load_le32(entry));
     }
-    const uint8_t* entry = _ar_get_i(&r->ends, id, false, 0, rc);
-    if (entry == nullptr) return rc->warm_rc;
-    *end = load_le32(entry);
     if (*end <= uint64_t{*start} + DS_MIN_WORDS) {
         return _set_rc_verbose(rc, WARM_RC_CORRUPT, id, "end_word_off < start_word_off + DS_HEADER_NUM_WORDS");
     }
