@@ -98,34 +98,5 @@ TEST_F(MergedLexicon, ATermThatComesTwiceIsRefused) {
     EXPECT_EQ(file.put("a", 2, &rc), WARM_RC_INVALID_ARGUMENT);
 }
 
-// Whichever call fails, the old file stays or the new one is complete, and nothing else is left.
-TEST_F(MergedLexicon, FailuresKeepTheOldOne) {
-    put_slices(3);
-    const directory_ptr tsidx = open_directory(dir.path());
-    forge_event large{.time = 5, .terms = {}};  // its terms are more than one piece of a lexicon
-    for (char c = '0'; c <= 'z'; c++) large.terms.emplace_back(2000, c);
-    ASSERT_TRUE(put_event(tsidx.get(), large) == 0 && st_tsidx_sync(tsidx.get()) == 0);
-    ASSERT_EQ(st_tsidx_merge_lex_n(tsidx.get(), 2, 64, 0, &rc), 0);
-    const std::string old = read_file(dir.file("merged_lexicon.lex"));
-    int failures = 0;
-    for (const bool filter : {false, true}) {
-        for (uint64_t nth = 1;; nth++) {
-            testing::internal::CaptureStderr();
-            const fault_step step(fault_action::fail, nth, EIO);
-            const int result = filter ? st_tsidx_filter_merged_lex(tsidx.get(), 64, 0, 0, &rc)
-                                      : st_tsidx_merge_lex_n(tsidx.get(), 2, 64, 0, &rc);
-            const bool done = step.calls() < nth;
-            const fault_truce truce;
-            testing::internal::GetCapturedStderr();
-            failures += result != 0;
-            EXPECT_EQ(result, rc.warm_rc);
-            EXPECT_EQ(read_file(dir.file("merged_lexicon.lex")), old) << nth;
-            EXPECT_LE(temporaries(), step.struck(fault_call::unlink) ? 1U : 0U) << nth;
-            if (done) break;
-        }
-    }
-    EXPECT_GT(failures, 20);
-}
-
 }  // namespace
 }  // namespace veldar

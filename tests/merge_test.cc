@@ -100,7 +100,7 @@ class MergeTest : public testing::Test {
             std::erase_if(events, is_deleted);
         }
         test_source target{"", united(events)};
-        std::set<std::string> terms;
+        std::set<std::string> terms = bare;
         for (const forge_event& event : target.events) terms.insert(event.terms.begin(), event.terms.end());
         const warm_merge_totals_t* totals = st_warm_slice_merge_totals(merge.get());
         target.path = dir.file(std::to_string(totals->latest) + "-" + std::to_string(totals->earliest) + "-" +
@@ -127,9 +127,10 @@ class MergeTest : public testing::Test {
     const temp_dir dir;
     const no_flushes flushes;
     uint64_t next_id = 0;
-    uint32_t kinds = 0;   // of all lists met
-    uint32_t narrow = 0;  // targets whose offsets take 4 bytes
-    std::string made;     // sizes and digests of all targets
+    std::set<std::string> bare;  // terms that no event has
+    uint32_t kinds = 0;          // of all lists met
+    uint32_t narrow = 0;         // targets whose offsets take 4 bytes
+    std::string made;            // sizes and digests of all targets
 };
 
 // Distributes events over slices: apart in time, or mixed; some into two slices, some with another companion or with
@@ -226,6 +227,37 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
     const std::vector<test_source> both = {forge(live, forge_as_created(4)), forge(dead, forge_as_created(4))};
     merge(both, options, {});
     merge({both[1], both[0]}, options, {});
+    // Such a term's record is looked at, too.
+    forge_picture picture;
+    forge_options old;
+    old.magic = "Veldar4";
+    const std::vector<test_source> wrong = {{forge_file(dir.path(), dead, old, ++next_id, &picture), dead},
+                                            forge(live, old)};
+    std::string bytes = read_file(wrong[0].path);
+    bytes[picture.at.metadata + 3]++;
+    write_file(wrong[0].path, bytes);
+    warm_rc_t rc;
+    const merge_ptr refused = open_merge(wrong, options, &rc);
+    EXPECT_EQ(st_warm_slice_merge_write(refused.get(), dir.file("wrong").c_str(), false, &rc), WARM_RC_CORRUPT);
+}
+
+TEST_F(MergeTest, TermsWithoutEventsAndSlicesWithoutValues) {
+    for (const char* magic : {"_TSIDX9", "_TSIDX7"}) {
+        forge_options options;
+        options.magic = magic;
+        options.bare_terms = {"bare", "zzz"};
+        bare = {"bare", "zzz"};
+        const test_source some = forge(forge_random_events(4, 20), options), none = forge({}, options);
+        for (const uint32_t level : {2u, 4u}) {
+            merge({some, some}, options_of(level));
+            warm_rc_t rc;
+            const merge_ptr merge = open_merge({none, none}, options_of(level), &rc);
+            const std::string path = dir.file("0-0-1.tsidx");
+            ASSERT_EQ(st_warm_slice_merge_write(merge.get(), path.c_str(), false, &rc), 0) << rc.message;
+            EXPECT_EQ(fsck_findings(path), "");
+            std::filesystem::remove(path);
+        }
+    }
 }
 
 // The encoding follows the size: the four kinds of lists, and the rule that keeps readers from losing a bitmap's tail.
@@ -257,6 +289,25 @@ TEST_F(MergeTest, ListsTakeTheShortestForm) {
         ASSERT_EQ(merge_known_lists_find(&lists, &writer, term, {PLO_RLE, bytes}, &known, &rc), 0);
     }
     EXPECT_EQ(lists.slots.size(), size_t{1} << 17);
+    // Lists that are in the file already, as a whole or in part.
+    const unique_fd file = open_file(dir.file("lists"));
+    merge_known_lists_t in_file{.slots = {}, .used = 0, .hash_mask = 0};
+    ASSERT_EQ(merge_list_writer_open(&writer, file.get(), 0, 10, &rc), 0);
+    const auto find = [&](uint32_t term, const std::string& text) {
+        const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        int status = merge_known_lists_find(&in_file, &writer, term, {PLO_RLE, bytes}, &known, &rc);
+        if (status == 0 && known == MERGE_NO_TERM) status = merge_list_writer_append(&writer, bytes, &rc);
+        return status != 0 ? status : static_cast<int>(known);
+    };
+    const std::string texts[] = {"abcdefgh", "abcdefgi", "abcdxfgh", "Abcdefgh"};
+    for (uint32_t again = 0; again < 2; again++) {
+        for (uint32_t i = 0; i < 4; i++) EXPECT_EQ(find(4 * again + i, texts[i]), again == 0 ? -1 : int(i));
+    }
+    for (const fault_call call : {fault_call::pread, fault_call::pwrite}) {
+        const fault disk(call, 1, EIO);
+        const bool reads = call == fault_call::pread;
+        EXPECT_EQ(find(9, reads ? texts[0] : std::string(11, 'x')), reads ? WARM_RC_READ : WARM_RC_WRITE);
+    }
     for (const uint32_t first : {0x1FFFFFu, 0x200000u}) {
         for (const uint32_t bytes : {8000u, 9000u}) {
             std::vector<uint32_t> ids;
@@ -298,6 +349,8 @@ TEST_F(MergeTest, LaterDeletesAreCarriedOver) {
             const event_list values = forge_number(source.events).values;
             for (size_t i = 0; i < values.size(); i += every) {
                 EXPECT_EQ(warm_slice_set_deleted(warm.get(), static_cast<uint32_t>(i), &rc), 0);
+                // Bits behind the last value's are nobody's marks.
+                if (values.size() % 8 != 0) warm->d_array[values.size() / 8] |= static_cast<uint8_t>(1u << 7);
                 deleted_later[key_of(values[i])] = true;
             }
         }
@@ -312,6 +365,7 @@ TEST_F(MergeTest, LaterDeletesAreCarriedOver) {
     EXPECT_EQ(progress.last, progress.planned);
     EXPECT_EQ(progress.planned, st_warm_slice_merge_totals(merge.get())->source_bytes);
     expect_events(read_slice(target), expected);
+    EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge.get(), sources[0].path.c_str(), &rc), WARM_RC_INVALID_ARGUMENT);
     for (int round = 0; round < 2; round++) {
         mark(11);
         EXPECT_EQ(st_warm_slice_merge_carry_deletes(merge.get(), target.c_str(), &rc), 0) << rc.message;
@@ -368,6 +422,10 @@ TEST_F(MergeTest, RefusalsNameTheirReason) {
             store_be32(bytes.data() + 64, load_be32(bytes.data() + 64) - 1);
             write_file(one.path, bytes);
         }
+        warm_merge_options_t without = options_of(level, 0);
+        without.drop_deleted = true;
+        EXPECT_EQ(open_merge(early, without, &rc), nullptr);
+        EXPECT_EQ(rc.warm_rc, WARM_RC_TIME_MISMATCH);
         const merge_ptr merge = open_merge(early, options_of(level, 0), &rc);
         EXPECT_EQ(st_warm_slice_merge_write(merge.get(), dir.file("early").c_str(), false, &rc),
                   level == 2 ? WARM_RC_TIME_MISMATCH : WARM_RC_INVALID_ARGUMENT)
@@ -407,9 +465,13 @@ TEST_F(MergeTest, FlagsFollowTheWriteLevel) {
             const int closed = -1;
             const int status = warm_header_init_tgt_header_for_merge_srcs(&target, &source, &closed, 1, opts, 1, &rc);
             EXPECT_EQ(status, metric || level < 4 ? 0 : WARM_RC_READ);
-            if (status == 0) continue;
-            EXPECT_EQ(rc.detail, 0u);
-            EXPECT_STREQ(rc.message, "error in warm_header_init_tgt_header_for_adv_postings_comp");
+            if (status != 0) {
+                EXPECT_EQ(rc.detail, 0u);
+                EXPECT_STREQ(rc.message, "error in warm_header_init_tgt_header_for_adv_postings_comp");
+            }
+            source.cstore_ref.set(~uint64_t{0});
+            EXPECT_EQ(warm_header_init_tgt_header_for_merge_srcs(&target, &source, &fd, 1, opts, 1, &rc),
+                      metric ? WARM_RC_INVALID_ARGUMENT : 0);
         }
     }
 }
@@ -422,12 +484,21 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
     const std::vector<test_source> sources = {forge(half, forge_event_kinds().back()), forge(rest, {})};
     const std::string before = read_file(sources[0].path) + read_file(sources[1].path);
     const std::string target = dir.file("target");
+    const std::vector<test_source> older = {forge(half, forge_as_created(2)), forge(rest, forge_as_created(2))};
+    uint32_t level = 4;
+    std::string statuses;
+    merge_seams_t seams;
+    seams.narrow_entry_max = 40;  // so that offsets of four bytes are tried in vain
     const auto attempt = [&](warm_rc_t* rc) {
-        const merge_ptr merge = open_merge(sources, options_of(4), rc);
+        const merge_ptr merge = open_merge(level == 4 ? sources : older, options_of(level), rc);
         if (merge == nullptr) return rc->warm_rc;
+        merge->seams = seams;
         return st_warm_slice_merge_write(merge.get(), target.c_str(), true, rc);
     };
-    for (const fault_action action : {fault_action::fail, fault_action::shorten, fault_action::allocation}) {
+    constexpr fault_action ACTIONS[] = {fault_action::fail, fault_action::shorten, fault_action::allocation};
+    for (size_t i = 0; i < 2 * std::size(ACTIONS); i++) {
+        const fault_action action = ACTIONS[i / 2];
+        level = i % 2 == 0 ? 2 : 4;
         uint64_t failures = 0;
         for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
             warm_rc_t rc;
@@ -442,12 +513,16 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
             EXPECT_TRUE(action != fault_action::allocation || status == 0 || told) << status;
             failures += status != 0;
             std::filesystem::remove(target);
+            if (action != fault_action::allocation)
+                statuses += std::to_string(nth) + " " + std::to_string(status) + "\n";
         }
         EXPECT_GT(failures, 10u);
     }
     EXPECT_EQ(read_file(sources[0].path) + read_file(sources[1].path), before);
+    expect_kept("merge-faults", statuses);
 
     // A disk that changes a bit.
+    seams = {};
     damage_outcomes flips;
     for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
         for (int place = 0; place < 1000; place += 37 * SANITIZED_PART) {
@@ -519,6 +594,24 @@ TEST_F(MergeTest, FittingStopsBeforeATotalOverflows) {
     EXPECT_EQ(fitting(1, 8 << 20, 1, 9), 4u);   // 28 bytes a term
     header.h_nbits.set(31);
     EXPECT_EQ(fitting(45 << 20, 1, 1, 5), 2u);  // an array of 2^32 bits
+    const struct {
+        const char* magic;
+        uint64_t flags, columns;
+        int kind;  // slices of one kind merge with each other
+    } kinds_of[] = {{"Veldar4", 0, 1, 0},
+                    {"VelLex1", 0, 1, 1},
+                    {"_TSIDX7", 0, 1, 2},
+                    {"_TSIDX9", 0, 1, 3},
+                    {"_TSIDX9", WARM_FLAG_PREAMBLES, 1, -1},
+                    {"_MSIDX4", WARM_FLAG_PREAMBLES, 1, 4},
+                    {"_MSIDX4", WARM_FLAG_PREAMBLES, ~uint64_t{0}, -1},
+                    {"_MSIDX4", 0, 1, -1}};
+    for (const auto& one : kinds_of) {
+        warm_header_init(&header, one.magic);
+        warm_header_set_flag(&header, one.flags, true);
+        header.cstore_ref.set(one.columns);
+        EXPECT_EQ(st_warm_slice_merge_kind(&header), one.kind) << one.magic << one.flags;
+    }
 }
 
 }  // namespace

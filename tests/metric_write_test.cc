@@ -1,14 +1,17 @@
 #include <gtest/gtest.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <random>
 
+#include "libzero/endian.h"
 #include "searchthing/columns/dimset.h"
 #include "searchthing/hot/hotslice.h"
 #include "searchthing/hot/warmslice_create.h"
 #include "searchthing/merge/warmslice_merge.h"
+#include "searchthing/seal/slice_seal.h"
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/slice/warmslice_meta.h"
@@ -142,7 +145,7 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
     const std::vector<std::string> paths = files_in(dir.path(), ".tsidx");
     const std::string good = read_file(paths[0]);
     size_t failed = 0;
-    damage_outcomes outcomes;
+    damage_outcomes outcomes, sealed;
     for (uint64_t nth = 1, last = 1; nth <= last && !GetParam(); nth++) {  // a disk that changes a bit
         for (int place = 0; place < 1000; place += 37 * SANITIZED_PART) {
             warm_rc_t rc;
@@ -165,9 +168,33 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
         EXPECT_EQ(merged.empty(), rc.warm_rc < 0);
         outcomes.add(what, rc.warm_rc, merged.empty() ? std::to_string(rc.detail) : read_file(merged));
         if (!merged.empty()) std::filesystem::remove(merged);
+        slice_seal_t seal;
+        sealed.add(what, seal_make(paths[0], &seal, &rc), "");
     });
     EXPECT_GT(failed, tried / 4);
-    expect_kept(GetParam() ? "metric-merge-damage" : "metric-merge-damage-2", outcomes.text());
+    expect_kept(GetParam() ? "metric-merge-damage" : "metric-merge-damage-2", outcomes.text() + sealed.text());
+    // A column store that is whole, but of other values or of other terms than the slice's.
+    const size_t store = good.find("CSTORE01"), footer = store + load_le64(good.data() + store + 24);
+    const size_t last = footer + 8 + 8 * load_le32(good.data() + store + 12);
+    for (const size_t at : {store + 16, last + 2}) {
+        std::string bad = good;
+        bad[at]++;
+        const uint32_t sum = XXH32(&bad[footer + 16], last - footer - 8, XXH32(&bad[store], 32, 0));
+        store_le32(bad.data() + footer + 4, sum);
+        write_file(paths[0], bad);
+        warm_rc_t rc;
+        EXPECT_EQ(merge_slices(paths, dir.path(), &rc), "");
+        EXPECT_STREQ(rc.message, at < last ? "cstore footer is corrupted" : "column of a term that does not exist");
+    }
+    write_file(paths[0], good);
+    const char* names[] = {paths[0].c_str(), paths[1].c_str()};
+    warm_merge_options_t stopped;
+    stopped.stop = [](void*) { return true; };
+    const uint64_t steps = std::exchange(stop_check::steps_a_question, 1);
+    warm_rc_t rc;
+    EXPECT_EQ(st_warm_slice_merge_open(names, &stopped, &rc), nullptr);
+    stop_check::steps_a_question = steps;
+    EXPECT_EQ(rc.warm_rc, WARM_RC_CANCELLED);
 }
 
 // Two syncs and a merge, with every file call and every allocation failing once: what was told to be there is there,
@@ -175,6 +202,7 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
 TEST(MetricWrite, FailuresAreToldAndLoseNothingElse) {
     const no_pauses pauses;
     const std::vector<metric_event> events = random_metric_events(5, 24);
+    std::string told;  // by merges
     for (const fault_action action : {fault_action::fail, fault_action::shorten, fault_action::allocation}) {
         uint64_t failures = 0;
         for (uint64_t nth = 1, reached = 1; reached + 1 >= nth; nth++) {
@@ -205,6 +233,8 @@ TEST(MetricWrite, FailuresAreToldAndLoseNothingElse) {
                 warm_rc_t rc;
                 if (paths.size() == 2) merged = merge_slices(paths, dir.path(), &rc);
                 const fault_truce own;
+                const bool recorded = action != fault_action::allocation;
+                if (recorded) told += std::to_string(nth) + " " + std::to_string(rc.warm_rc) + "\n";
                 for (const std::string& path : paths) {
                     if (!merged.empty()) std::filesystem::remove(path);
                 }
@@ -216,6 +246,7 @@ TEST(MetricWrite, FailuresAreToldAndLoseNothingElse) {
         }
         EXPECT_GT(failures, 20u);
     }
+    expect_kept("metric-merge-faults", told);
 }
 
 TEST(MetricWrite, RefusalsLeaveNothing) {

@@ -133,7 +133,6 @@ int merge_list_writer_open(merge_list_writer_t* writer, int fd, uint64_t offset,
 int merge_list_writer_flush(merge_list_writer_t* writer, warm_rc_t* rc) {
     ST_ASSERT(writer->fill <= writer->pending.size());
     const int64_t size = static_cast<int64_t>(writer->fill);
-    if (size == 0) return 0;
     if (st_pwrite(writer->fd, writer->pending.data(), writer->fill, writer->offset + writer->written) != size) {
         return _set_rc_msg(rc, WARM_RC_WRITE, "posting lists");
     }

@@ -21,7 +21,7 @@ struct merge_source_t {
     buffer<uint8_t> deleted;
     uint32_t num_values = 0, num_kept = 0;
     // Value numbers kept, in the order of the target; empty when they are all kept and in that order already.
-    buffer<uint32_t> order;
+    std::vector<uint32_t> order;
     // The new number of each value, in a metric slice of each run: what posting lists hold. Empty when number i becomes
     // base + i. MERGE_DROPPED for values that are not kept.
     buffer<uint32_t> map;

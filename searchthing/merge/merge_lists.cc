@@ -162,21 +162,20 @@ int check_list(merge_lists_t* lists, merge_source_lists_t* from, uint32_t term, 
     return same ? 0 : differs(source, term, rc);
 }
 
-int pass_over_dead_terms(merge_source_lists_t* from, warm_rc_t* rc) {
+// The metadata of dead terms were looked at when they were found.
+void pass_over_dead_terms(merge_source_lists_t* from) {
     const std::vector<bool>& dead = from->source->dead_terms;
-    for (; !dead.empty() && dead[from->next_term]; from->next_term++) {
-        if (from->metadata.opened && term_meta_reader_next(&from->metadata, rc) == nullptr) return rc->warm_rc;
-    }
-    return 0;
+    while (!dead.empty() && dead[from->next_term]) from->next_term++;
+    from->metadata.next = from->next_term;
 }
 
 // Adds the source's next list.
 int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
-    ST_TRY(pass_over_dead_terms(from, rc));
+    pass_over_dead_terms(from);
     const uint32_t term = from->next_term++;
     if (!from->has_lists) return 0;
     uint32_t type = PLO_RLE;
-    if (_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc) < 0) return rc->warm_rc;
+    static_cast<void>(_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc));  // the seek tells what is wrong
     plist_reader* const reader = type == PLO_DEDUP ? &from->shared : &from->own;
     ST_TRY(_seek_reader(reader, term, rc));
     list_facts_t facts;

@@ -102,8 +102,7 @@ int merge_metric_plan(warm_merge_t* merge, warm_rc_t* rc) {
         st = std::max(st, used_nbits(reader.st));
         h = std::max(h, used_nbits(reader.h));
     }
-    if (total >= UINT32_MAX) return _set_rc_msg(rc, WARM_RC_DOES_NOT_FIT, "totals of the sources");
-    const auto values = static_cast<uint32_t>(total);
+    const auto values = static_cast<uint32_t>(total);  // no more than those of the sources, which fit
     st_warm_slice_body* const header = &merge->header;
     merge->totals.values = values;
     header->num_dimsets.set(new_runs);

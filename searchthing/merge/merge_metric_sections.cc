@@ -21,7 +21,7 @@ struct cstore_builder {
 // One source: its column store, and the column of the measure that is being merged.
 struct cstore_context_t {
     const merge_metric_source_t* source = nullptr;
-    cs_reader_t reader;
+    const cs_reader_t* reader = nullptr;
     uint32_t next_column = 0;
     cset_reader_t column;
     uint32_t value_no = 0;  // of the current element, in merged numbers
@@ -30,26 +30,18 @@ struct cstore_context_t {
     cstore_context_t() = default;
     cstore_context_t(const cstore_context_t&) = delete;
     cstore_context_t& operator=(const cstore_context_t&) = delete;
-    ~cstore_context_t() {
-        cset_reader_close(&column);
-        cs_reader_close(&reader);
-    }
-    bool has_column() const { return next_column < reader.entries.size(); }
-    uint32_t column_rank() const { return source->terms[reader.entries[next_column].term_id]; }
+    ~cstore_context_t() { cset_reader_close(&column); }
+    bool has_column() const { return next_column < reader->entries.size(); }
+    uint32_t column_rank() const { return source->terms[reader->entries[next_column].term_id]; }
 };
 
 int open_context(cstore_context_t* context, const merge_metric_source_t& source, WARM* warm, warm_rc_t* rc) {
     context->source = &source;
-    const int64_t offset = st_warm_slice_cstore_offset(warm, rc);
-    if (offset < 0) return rc->warm_rc != 0 ? rc->warm_rc : static_cast<int>(offset);
-    ST_TRY(cs_reader_open(&context->reader, warm->fd.get(), static_cast<uint64_t>(offset),
-                          static_cast<int64_t>(warm->body->cstore_ref.get()), rc));
-    for (const cs_tid_offset_t& entry : context->reader.entries) {
-        if (entry.term_id >= source.terms.size()) {
-            return _set_rc_verbose(rc, WARM_RC_CORRUPT, entry.term_id, "column of a term that does not exist");
-        }
-    }
-    return 0;
+    context->reader = st_warm_slice_cstore(warm, rc);
+    if (context->reader == nullptr) return rc->warm_rc;
+    const std::span<const cs_tid_offset_t> entries = context->reader->entries.span();  // ascending
+    const bool terms_exist = entries.empty() || entries.back().term_id < source.terms.size();
+    return terms_exist ? 0 : _set_rc_msg(rc, WARM_RC_CORRUPT, "column of a term that does not exist");
 }
 
 // The next element of the open column; `ended` when there is none.
@@ -58,11 +50,8 @@ int next_element(cstore_context_t* context, bool* ended, warm_rc_t* rc) {
     ST_TRY(cset_reader_next(&context->column, &old_number, &context->value, rc));
     *ended = old_number == CSET_END;
     if (*ended) return 0;
-    const uint64_t runs = context->source->runs.size();
-    if (old_number < runs || old_number - runs >= context->source->values.size()) {
-        return _set_rc_verbose(rc, WARM_RC_CORRUPT, old_number, "invalid tsval_id range");
-    }
-    context->value_no = context->source->values[old_number - runs];
+    // A column store of as many preambles and values as the slice has no other numbers.
+    context->value_no = context->source->values[old_number - context->source->runs.size()];
     return 0;
 }
 
@@ -85,9 +74,9 @@ int merge_column(std::span<cstore_context_t* const> sources, uint32_t rank, cons
     const auto before = [](const cstore_context_t& a, const cstore_context_t& b) { return a.value_no < b.value_no; };
     ST_TRY(cs_add_columnset(builder, rank, rc));
     for (cstore_context_t* context : sources) {
-        const uint32_t term = context->reader.entries[context->next_column++].term_id;
+        const uint32_t term = context->reader->entries[context->next_column++].term_id;
         cset_reader_close(&context->column);
-        ST_TRY(cset_reader_open(&context->column, &context->reader, term, nullptr, rc));
+        ST_TRY(cset_reader_open(&context->column, context->reader, term, nullptr, rc));
         bool ended = false;
         ST_TRY(next_element(context, &ended, rc));
         if (!ended) merge_place(&live, context, before);
@@ -112,7 +101,7 @@ int _merge_cstore(warm_merge_t* merge, cs_builder_t* builder, warm_rc_t* rc) {
     }
     uint32_t columns = 0;
     for (const cstore_context_t& context : contexts) {
-        columns = std::max(columns, static_cast<uint32_t>(context.reader.entries.size()));
+        columns = std::max(columns, static_cast<uint32_t>(context.reader->entries.size()));
     }
     ST_TRY(cs_builder_open(builder, columns, rc));
     std::vector<cstore_context_t*> holders;
@@ -164,8 +153,7 @@ int merge_metric_verify(const warm_merge_t* merge, WARM* target, warm_rc_t* rc) 
     }
     const uint32_t runs = header.dimsets();
     warm_run_t last;
-    ST_TRY(tsval_reader_fetch_preambles_multiple(target, runs - 1, &last, 1, rc));
-    if (last.first + last.count != merge->totals.values) return mismatch(rc, "runs of a merge");
+    ST_TRY(tsval_reader_fetch_preambles_multiple(target, runs - 1, &last, 1, rc));  // which ends with the values
     return st_warm_slice_cstore(target, rc) != nullptr ? 0 : rc->warm_rc;
 }
 

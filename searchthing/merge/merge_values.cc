@@ -44,9 +44,8 @@ int scan_source(warm_merge_t* merge, merge_source_t* source, value_ranges_t* ran
 // Puts the numbers of each second's values in the target's order.
 int sort_source(warm_merge_t* merge, merge_source_t* source, warm_rc_t* rc) {
     const uint32_t count = source->num_values;
-    buffer<uint32_t> addresses;
-    if (!source->order.alloc(count) || !addresses.alloc(count))
-        return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value order");
+    std::vector<uint32_t> addresses(count);
+    source->order.resize(count);
     uint32_t* const order = source->order.data();
     std::iota(order, order + count, 0u);
     const auto before = [&](uint32_t a, uint32_t b) {
@@ -82,17 +81,16 @@ int drop_deleted(warm_merge_t* merge, warm_rc_t* rc) {
     for (merge_source_t& source : merge->sources) {
         if (!merge->options.drop_deleted || kept == 0) source.num_kept = source.num_values;
         if (source.num_kept == source.num_values) continue;
-        buffer<uint32_t> order;
-        if (!order.alloc(source.num_kept)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "value order");
-        uint32_t next = 0;
+        std::vector<uint32_t> order;
+        order.reserve(source.num_kept);
         for (uint32_t i = 0; i < source.num_values; i++) {
             const uint32_t number = source.order.empty() ? i : source.order[i];
             st_tsval value;
             ST_TRY(merge->stop.after(1, rc));
             ST_TRY(merge_decode_value(merge, &source, number, &value, rc));
-            if (value.s != ST_DELETED_SOURCE) order[next++] = number;
+            if (value.s != ST_DELETED_SOURCE) order.push_back(number);
         }
-        ST_ASSERT(next == source.num_kept);
+        ST_ASSERT(order.size() == source.num_kept);
         source.order = std::move(order);
     }
     return 0;
