@@ -1,12 +1,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
+#include "libzero/endian.h"
 #include "searchthing/seal/slice_seal.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/metric_events.h"
@@ -190,6 +194,39 @@ TEST_F(Seal, SealsOfOtherFilesAreNoMoreThanWrong) {
     ASSERT_EQ(seal_write(slice, &other, false, &rc), 0);
     EXPECT_EQ(seal_check(slice, &faults, &rc), 0);
     EXPECT_EQ(faults.size(), 1u);
+    const std::string bytes = read_file(slice);
+    other.size = bytes.size();  // no marks at all
+    other.sections = {{SEALED_HEADER, 0, other.size}};
+    other.blocks = {XXH64(bytes.data(), bytes.size(), 0)};
+    other.marks = XXH64(nullptr, 0, 0);
+    ASSERT_EQ(seal_write(slice, &other, false, &rc), 0);
+    EXPECT_EQ(seal_check(slice, &faults, &rc), 0);
+    EXPECT_TRUE(faults.empty());
+    // Every other text that is sealed in the same way.
+    const std::string fixed = dir_.file("19-0-7.tsidx");  // a name that is always the same
+    write_file(fixed, bytes);
+    ASSERT_TRUE(seal_make(fixed, &other, &rc) == 0 && seal_write(fixed, &other, false, &rc) == 0);
+    const std::string sealed = read_file(seal_path(fixed));
+    const size_t base = sealed.size() - 56;
+    damage_outcomes outcomes;
+    for (size_t bit = 0; bit < 8 * (base - 8 * other.blocks.size()); bit++) {
+        std::string seal = sealed;
+        seal[bit / 8] = static_cast<char>(seal[bit / 8] ^ 1 << bit % 8);
+        const uint64_t hash = XXH64(seal.data(), base, 0);
+        store_be64(seal.data() + base, hash);
+        store_be64(seal.data() + base + 24, XXH64(seal.data() + base + 8, 16, hash));
+        write_file(seal_path(fixed), seal);
+        const int status = seal_check(fixed, &faults, &rc);
+        outcomes.add("byte " + std::to_string(bit / 8), status, std::to_string(faults.size()));
+    }
+    expect_kept("seal-texts", outcomes.text());
+    std::set<int> told;
+    for (uint64_t call = 1; call < 40; call++) {
+        write_file(slice, bytes);
+        const fault_step cut(call, [&] { fs::resize_file(slice, bytes.size() - 8); });
+        told.insert(seal_make(slice, &other, &rc));
+    }
+    EXPECT_TRUE(told.contains(WARM_RC_SHORT_READ)) << "a file that is cut while it is read";
 }
 
 TEST_F(Seal, ADeleteBesideACheckIsNoFault) {

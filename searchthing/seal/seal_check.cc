@@ -84,15 +84,15 @@ int hash_blocks(int fd, uint64_t offset, uint64_t size, buffer<uint8_t>* piece, 
 }
 
 int hash_marks(int fd, const slice_seal_t& seal, uint64_t* hash, warm_rc_t* rc) {
-    const auto d = std::find_if(seal.sections.begin(), seal.sections.end(),
-                                [](const sealed_section_t& section) { return section.section == SEALED_D; });
-    *hash = XXH64(nullptr, 0, 0);
-    if (d == seal.sections.end()) return 0;
+    sealed_section_t d;
+    for (const sealed_section_t& section : seal.sections) {
+        if (section.section == SEALED_D) d = section;
+    }
     // As many as the file has: a file that was cut short hashes to something else.
     uint64_t size = 0;
     if (osfile_get_size(fd, &size) != 0) return _set_rc_msg(rc, WARM_RC_FILE_SIZE, "reading a slice for its seal");
-    std::vector<uint8_t> bytes(std::min(d->size, size - std::min(size, d->offset)));
-    const int64_t got = read_all(fd, bytes.data(), bytes.size(), d->offset, rc);
+    std::vector<uint8_t> bytes(std::min(d.size, size - std::min(size, d.offset)));
+    const int64_t got = read_all(fd, bytes.data(), bytes.size(), d.offset, rc);
     if (got < 0) return static_cast<int>(got);
     *hash = XXH64(bytes.data(), static_cast<size_t>(got), 0);
     return 0;
