@@ -8,16 +8,13 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
-#include <memory>
-#include <new>
-#include <utility>
 
 #include "libzero/assertions.h"
+#include "libzero/osfile.h"
 
 namespace veldar {
 
@@ -49,7 +46,6 @@ struct crash_state {
     bool installed = false;
     struct sigaction before[std::size(SIGNALS)];
     stack_t stack_before;
-    std::unique_ptr<char[]> stack;
     ospath_buf path_prefix;  // up to the time
     utsname system;
     const char* program = "";
@@ -72,13 +68,13 @@ struct crash_state {
     char text[16 << 10];
 };
 crash_state state;
+alignas(16) char handler_stack[STACK_SIZE];
 static_assert(std::atomic<pid_t>::is_always_lock_free && std::atomic<size_t>::is_always_lock_free,
               "a handler may wait for no lock");
 
 void write_all(const char* bytes, size_t size) {
     while (size > 0) {
-        const ssize_t written = ::write(state.log, bytes, size);
-        if (written < 0 && errno == EINTR) continue;
+        const ssize_t written = os_retry([&] { return ::write(state.log, bytes, size); });
         if (written <= 0) return;
         bytes += written;
         size -= static_cast<size_t>(written);
@@ -252,16 +248,13 @@ int create_crash_dump_install(const char* program, const char* directory) {
     ospath_builder_start(&prefix);
     for (const char* text : {directory, "/", program, "-crash-"}) ospath_builder_appendz(&prefix, text);
     if (ospath_builder_finish(&prefix) != 0) return -1;
-    std::unique_ptr<char[]> stack_memory(new (std::nothrow) char[STACK_SIZE]);
-    if (stack_memory == nullptr) return -1;
     create_crash_dump_remove();
-    state.stack = std::move(stack_memory);
     state.path_prefix = prefix.buf;
     state.program = program;
     ::uname(&state.system);
     warm_up();
     stack_t stack = {};
-    stack.ss_sp = state.stack.get();
+    stack.ss_sp = handler_stack;
     stack.ss_size = STACK_SIZE;
     ::sigaltstack(&stack, &state.stack_before);
     struct sigaction action = {};
@@ -284,7 +277,6 @@ void create_crash_dump_remove() {
     if (!state.installed) return;
     for (size_t i = 0; i < std::size(SIGNALS); i++) ::sigaction(SIGNALS[i], &state.before[i], nullptr);
     ::sigaltstack(&state.stack_before, nullptr);
-    state.stack.reset();
     state.installed = false;
 }
 

@@ -84,7 +84,7 @@ void osfile_open_standard() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
         if (::fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
         // The lowest free number is this one, because those below it are open.
-        if (::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) return;
+        static_cast<void>(::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY));
     }
 }
 
@@ -108,9 +108,7 @@ void portable_timeval_now(portable_timeval* out) {
 
 int64_t portable_timeval_usec_diff(const portable_timeval* earlier, const portable_timeval* later) {
     const int64_t seconds = later->seconds - earlier->seconds;
-    const int64_t microseconds = later->microseconds - earlier->microseconds;
-    if (microseconds >= 0) return microseconds + seconds * 1000000;
-    return microseconds + 1000000 + (seconds - 1) * 1000000;
+    return later->microseconds - earlier->microseconds + seconds * 1000000;
 }
 
 }  // namespace veldar

@@ -33,7 +33,6 @@ void encode_to_byte_str(uint8_t* bytes, uint32_t value, uint32_t index, uint32_t
 uint32_t decode_from_byte_str(const uint8_t* bytes, uint32_t index, uint32_t width) {
     // The mask's shift count is width modulo 32, so only that many bits of the field can show.
     const uint32_t kept = width % 32;
-    if (kept == 0) return 0;
     const uint32_t position = index * width;
     const uint32_t shift = position % 8;
     const uint8_t* at = bytes + position / 8;

@@ -65,6 +65,12 @@ TEST(Bitmap, SeekReadsNoChunkBeforeTheTarget) {
     EXPECT_EQ(id, 1000 + (1u << 27));
     ASSERT_EQ(bitmap_reader_seek(&reader, 0xFFFFFFF0, &id, &rc), 0);
     EXPECT_EQ(id, END);
+    const unique_fd few = open_file(dir.file("g"), bitmap_list({1000, 1040, 1100, 1200}));
+    ASSERT_EQ(bitmap_reader_init(&reader, few.get(), 0, 28, nullptr, &rc), 0);
+    for (const auto& [target, event] : {std::pair(1090u, 1100u), {1000u, 1200u}}) {  // never back
+        ASSERT_EQ(bitmap_reader_seek(&reader, target, &id, &rc), 0);
+        EXPECT_EQ(id, event);
+    }
 }
 
 TEST(Bitmap, WriterRefusals) {
@@ -87,6 +93,7 @@ TEST(Bitmap, WriterRefusals) {
     ASSERT_EQ(bitmap_writer_close(&writer, &size, true), 0);
     EXPECT_EQ(read_file(dir.file("f")), bitmap_list({100, 124, 130, 140}));
     EXPECT_EQ(bitmap_writer_append(&writer, 125, &rc), WARM_RC_OPEN);
+    EXPECT_EQ(bitmap_writer_flush(&writer, &rc), WARM_RC_OPEN);
 }
 
 TEST(Bitmap, ReaderRefusesWhatCannotBe) {
@@ -117,6 +124,10 @@ TEST(Bitmap, ReaderRefusesWhatCannotBe) {
     EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
     EXPECT_EQ(id, END - 1);
     EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_CORRUPT);
+    const unique_fd late = open_file(dir.file("g"), "\xF0\xFF\xFF\xFF\x0F\x01" + std::string(9000, '\0'));
+    EXPECT_EQ(bitmap_reader_init(&reader, late.get(), 0, 9006, nullptr, &rc), 0);
+    EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
+    EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_CORRUPT) << "a second chunk past all numbers";
     bitmap_reader_close(&reader);
     EXPECT_EQ(bitmap_reader_next(&reader, &id, &rc), WARM_RC_NOT_FOUND);
     EXPECT_EQ(bitmap_reader_seek(&reader, 0, &id, &rc), WARM_RC_NOT_FOUND);

@@ -101,11 +101,28 @@ TEST(Crash, LogsTellWhatHappened) {
             log += read_file(entry.path().string());
         }
         EXPECT_EQ(log.find("crash log of test\nprocess " + std::to_string(child) + " thread "), 0u) << log;
+        EXPECT_EQ(log.find("(this part crashed") != log.npos, c.signal == SIGFPE) << log;
         for (const std::string& text : c.told) {
             EXPECT_NE(log.find(text), std::string::npos) << text << "\n" << log;
             EXPECT_EQ(log.find(text), log.rfind(text)) << text << " comes again\n" << log;
         }
     }
+}
+
+// A log that can be written nowhere does not keep the process from its end.
+TEST(Crash, NoPlaceForTheLog) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        int notes = 0;
+        while (crash_note_of_process(write_number, &notes) && notes < 99) notes++;
+        const bool is_too_long = create_crash_dump_install("test", std::string(5000, 'x').c_str()) == -1;
+        if (!is_too_long || create_crash_dump_install("test", "/none") != 0) ::_exit(0);
+        ::close(STDERR_FILENO);
+        ::raise(notes == 8 ? SIGILL : SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGILL) << status;
 }
 
 }  // namespace

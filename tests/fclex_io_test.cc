@@ -239,7 +239,12 @@ TEST(FclexIo, DamageEndsInAStatus) {
 TEST(FclexIo, EveryFailedCallIsReported) {
     sources_t sources;
     std::mt19937 rng(7);
-    for (const uint32_t tperb : {1U, 8U}) sources.add(created(random_terms(&rng, 200), tperb));
+    std::set<std::string> all;
+    for (const uint32_t tperb : {1U, 8U}) {
+        const strings terms = random_terms(&rng, 200);
+        all.insert(terms.begin(), terms.end());
+        sources.add(created(terms, tperb));
+    }
     for (uint64_t nth = 1;; nth++) {
         const int status = sources.merge(1, 100, nullptr, nth);
         if (status == 0) break;
@@ -247,6 +252,8 @@ TEST(FclexIo, EveryFailedCallIsReported) {
         ASSERT_EQ(sources.writer.pages, nullptr);
         ASSERT_LT(nth, 1000U);
     }
+    ASSERT_EQ(sources.close(), 0);
+    EXPECT_EQ(sources.merged_body(), created({all.begin(), all.end()}, 1));
     uint64_t nth = 1;
     for (bool failed = true; failed; nth++) {
         ASSERT_EQ(sources.merge(1, 100), 0);
@@ -272,6 +279,14 @@ TEST(FclexIo, WriterRefusals) {
     EXPECT_EQ(_lex_writer_put(&writer, "a", 1), WARM_RC_INVALID_ARGUMENT);
     EXPECT_DEATH(static_cast<void>(_lex_writer_open(false, &writer, 2, 8, 3)),
                  "writer->_page_sz >= sizeof\\(size_t\\) \\+ 1");
+    ASSERT_EQ(_lex_writer_open(false, &writer, 1, 0, 0), 0);  // a block end for each term but the last
+    for (char term = '0'; term <= '@'; term++) ASSERT_EQ(_lex_writer_put(&writer, &term, 1), 0);
+    {
+        const fault_step no_memory(fault_action::allocation, 1);
+        EXPECT_EQ(_lex_writer_put(&writer, "A", 1), WARM_RC_NO_MEMORY) << "the seventeenth";
+    }
+    lex_reader_t reader;
+    EXPECT_EQ(_lex_reader_open(&reader, -1, -1), WARM_RC_INVALID_ARGUMENT);
     sources_t many;
     for (int i = 0; i < 65; i++) many.add(created({"a"}, 8));
     EXPECT_DEATH(many.merge(8, 0), "src_sz <= ");

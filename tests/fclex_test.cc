@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/lexicon/fclex_cursor.h"
 #include "searchthing/lexicon/fclex_internal.h"
 
 namespace veldar {
@@ -281,7 +282,9 @@ TEST(Fclex, HostileHeadersDoNotOpen) {
     const std::string body = forge_body({"", "ab", "abc", "b", "ba"}, 4);
     for (const size_t at : {0u, 4u}) {  // no terms, none in a block
         const std::string bytes = std::string(body).replace(at, 4, 4, '\0');
-        EXPECT_TRUE(opened(bytes, false).lex == nullptr && opened(bytes, true).lex == nullptr);
+        const opened in_file(bytes, true);
+        EXPECT_TRUE(opened(bytes, false).lex == nullptr && in_file.lex == nullptr);
+        EXPECT_EQ(st_fclex_size_fd(in_file.fd.get(), opened::OFFSET), 0u);
     }
     std::string huge_blocks = body, many_terms = body;
     huge_blocks.replace(4, 4, std::string("\x00\x08\x00\x00", 4));  // 524288 * 2052 is above 1 GiB
@@ -289,6 +292,17 @@ TEST(Fclex, HostileHeadersDoNotOpen) {
     EXPECT_EQ(opened(body.substr(0, 15), true).lex, nullptr) << "cut in the offset table";
     many_terms.replace(0, 4, "\xFF\xFF\xFF\xFF");
     EXPECT_EQ(opened(many_terms, false).lex, nullptr) << "the offset table passes the limit";
+    EXPECT_EQ(st_fclex_open_fd(-1, 0), nullptr);
+    // No handle at all, or nothing to look up.
+    const opened good(body, false);
+    uint32_t id = 0;
+    warm_rc_t rc;
+    EXPECT_EQ(st_fclex_get(nullptr, "b", nullptr) + st_fclex_get(good.lex.get(), nullptr, nullptr), -2);
+    EXPECT_EQ(_fclex_get_with_status(nullptr, "b", &id, nullptr, &rc), WARM_RC_NO_LEXICON);
+    EXPECT_EQ(_fclex_get_with_status(good.lex.get(), nullptr, &id, nullptr, &rc), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_EQ(walk(nullptr, "b").result, WARM_RC_NO_LEXICON);
+    EXPECT_EQ(fclex_cursor_open(nullptr, "b", nullptr, {}, 1, nullptr, &rc), nullptr);
+    EXPECT_EQ(rc.warm_rc, WARM_RC_NO_LEXICON);
 }
 
 TEST(Fclex, WalkReadsLargePiecesAndMayNest) {

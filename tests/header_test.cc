@@ -106,9 +106,11 @@ TEST(Header, WidthsAndSizesOfDegenerateRanges) {
     EXPECT_EQ(warm_header_tsval_encoded_array_size(&h), (0x04000000ull + 1) * 8);
     h.num_dimsets.set(0x08000002);
     EXPECT_FALSE(tsval_counts_agree(&h));
+    tsval_reader_t reader;
+    warm_rc_t rc;
+    EXPECT_EQ(tsval_reader_open_partial(&reader, -1, &h, 8, nullptr, nullptr, &rc), WARM_RC_CORRUPT);
     warm_header_set_flag(&h, WARM_FLAG_VALUES_PACKED, true);
     EXPECT_TRUE(tsval_counts_agree(&h)) << "packed values have no preambles";
-    warm_rc_t rc;
     EXPECT_EQ(_compressed_size(9, 1, &rc), 2u);
     EXPECT_EQ(_compressed_size(0xFFFFFFFF, 9, &rc), ~uint64_t{0});
     EXPECT_EQ(rc.warm_rc, WARM_RC_DOES_NOT_FIT);

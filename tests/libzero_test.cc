@@ -208,7 +208,9 @@ TEST_F(FileMutex, OptimismTakesFourWordsOnly) {
         ::setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", word, 1);
         EXPECT_FALSE(filemutex_path_supported("/proc")) << word;
     }
-    EXPECT_EQ(filemutex_lock("/proc/self"), FILEMUTEX_ERROR);
+    ::unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING");
+    EXPECT_FALSE(filemutex_path_supported("/proc"));
+    EXPECT_EQ(filemutex_lock("/dev/shm/veldar-test"), FILEMUTEX_ERROR) << "files, but none that exclude";
 }
 
 TEST_F(FileMutex, BothProtocolsExcludeAndLeaveOnlyTheLockWithItsText) {
@@ -281,6 +283,10 @@ TEST_F(FileMutex, OnlyAStaleLockIsBroken) {
         ASSERT_EQ(filemutex_lock(path_.c_str()), FILEMUTEX_OK);
         const time_t locked = std::time(nullptr);
         while (std::time(nullptr) == locked) ::usleep(1000);
+        {
+            const fault stays(fault_call::unlink, 1, EPERM);
+            EXPECT_EQ(filemutex_lock_forced(path_.c_str(), 0), FILEMUTEX_STUCK);
+        }
         const auto change = [&] {
             if (renewed) {
                 std::filesystem::permissions(path_ + ".lock", std::filesystem::perms::owner_read);
@@ -303,7 +309,10 @@ TEST_F(FileMutex, OnlyAStaleLockIsBroken) {
     EXPECT_EQ(filemutex_is_locked(path_.c_str()), 1);
     EXPECT_EQ(filemutex_unlock_forced(path_.c_str(), future), FILEMUTEX_OK);
     EXPECT_TRUE(names().empty());
-    EXPECT_EQ(filemutex_unlock_forced(std::string(4088, 'x').c_str(), future), FILEMUTEX_STUCK);
+    const std::string longest(4093, 'x');  // no lock's name fits
+    EXPECT_EQ(filemutex_unlock_forced(longest.c_str() + 5, future), FILEMUTEX_STUCK);
+    EXPECT_EQ(filemutex_is_locked(longest.c_str()), 0);
+    EXPECT_EQ(filemutex_unlock(longest.c_str()), FILEMUTEX_ERROR);
     ASSERT_EQ(filemutex_lock(path_.c_str()), FILEMUTEX_OK);
     EXPECT_EQ(filemutex_lock_forced(path_.c_str(), 1), FILEMUTEX_OK) << "a holder that crashed";
     EXPECT_EQ(names(), std::vector<std::string>{"p.lock"});
@@ -341,6 +350,7 @@ TEST_F(FileMutex, CapabilityTest) {
     EXPECT_EQ(filemutex_test_capability(std::string(4090, 'x').c_str()), 2);
     EXPECT_EQ(filemutex_test_capability(dir_.file("none").c_str()), 3);
     EXPECT_EQ(filemutex_test_capability(path_.c_str()), 5);
+    EXPECT_EQ(filemutex_test_capability("/proc"), 7);
     EXPECT_EQ(filemutex_test_capability(dir_.path().c_str()), 0);
     EXPECT_EQ(names(), std::vector<std::string>{"p"});
     EXPECT_EQ(::umask(umask_before), mode_t{066 | 022});

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <string_view>
 #include <utility>
 
 #include "searchthing/format/tsidx_names.h"
@@ -49,6 +50,7 @@ TEST(FileNames, NothingElseDoes) {
         EXPECT_EQ(st_tsidx_file_parse(name, &meta), 0) << name;
         EXPECT_EQ(st_mini_tsidx_file_parse(name, &meta), 0) << name;
         EXPECT_EQ(meta.kind, 0u);
+        EXPECT_EQ(tsidx_pre_file_parse(name, &meta), name == std::string_view("1-2-3.pre-tsidx")) << name;
     }
 }
 

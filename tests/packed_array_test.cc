@@ -92,6 +92,13 @@ TEST(PackedArray, FindAtleastIsLowerBound) {
         ASSERT_EQ(index, number == 0 ? 0 : element == nullptr ? first + number - 1 : found);
         EXPECT_EQ(_ar_find_atleast(&ar, first, count - first + 1, &key, compare, &index, &rc), nullptr);
         EXPECT_EQ(rc.warm_rc, WARM_RC_UNSUPPORTED);
+        ASSERT_EQ(_ar_open(&ar, fd.get(), 1000, 1, count, 1, nullptr, nullptr), 0);  // behind the end of the file
+        EXPECT_EQ(_ar_get_i(&ar, first, true, 0, &rc), nullptr);
+        EXPECT_STREQ(rc.message, "use_cache_only but not in cache");
+        for (const uint32_t missing : {count - first, 1u}) {
+            EXPECT_EQ(_ar_find_atleast(&ar, first, missing, &key, compare, &index, &rc), nullptr);
+            EXPECT_EQ(rc.warm_rc, WARM_RC_END_OF_FILE);
+        }
     }
 }
 
@@ -130,6 +137,9 @@ TEST(Bitpack, PaddingAndRefusals) {
     EXPECT_EQ(bp_writer_append(&bp, 0, 16, &rc), 0);
     EXPECT_EQ(bp_writer_append(&bp, 1, 17, &rc), WARM_RC_CAPACITY);
     EXPECT_STREQ(rc.message, "meta writer buffer insufficient(2)");
+    EXPECT_EQ(bp_writer_append(&bp, 0, 16, &rc), 0);
+    EXPECT_EQ(bp_writer_append(&bp, 1, 1, &rc), WARM_RC_CAPACITY);
+    EXPECT_STREQ(rc.message, "meta writer buffer insufficient");
     EXPECT_EQ(words[0] & words[1], 0xFFFFFFFFull);
 }
 

@@ -365,6 +365,10 @@ TEST(Plist, RleBytes) {
                  {{0, 5, 6}, std::string("\x00\x05\x00\x01", 4)},
                  {{0, 1, 3, 5, 6, 7, 8}, std::string("\x00\x03\x02\x00\x01\x02", 6), sets}};
     plist_writer_t plw;  // opened again and again
+    const unique_fd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    _plist_writer_open(&plw, full.get(), 0, {});
+    ASSERT_EQ(_plist_writer_start_term(&plw) + _plist_writer_put(&plw, 7) + _plist_writer_end_term(&plw), 0);
+    EXPECT_EQ(_plist_writer_close(&plw), WARM_RC_WRITE);
     for (const auto& c : cases) {
         temp_dir dir;
         const unique_fd fd = open_file(dir.file("list"));
@@ -421,13 +425,26 @@ TEST(Plist, DamagedListsAndEntriesAreCorruption) {
             EXPECT_EQ(status, c.next_status);
         }
     }
-    lists_only past("\x05\x01" + std::string(11, '\0') + "\x01", {{14, PLO_BMAP}}, 100);  // 5 and 101
+    lists_only past("\x05\x01" + std::string(11, '\0') + "\x01", {{0, PLO_BMAP}, {14, PLO_RLE}}, 100);  // 5 and 101
     for (const uint32_t begin : {0u, 6u, 90u}) {
         reader_owner r(&past.warm);
         std::vector<uint8_t> bits(16);
-        ASSERT_EQ(r.seek_term(0), 0);
-        EXPECT_EQ(plist_or_into_bitmap(&r.reader, bits.data(), begin, 100, &r.rc), WARM_RC_CORRUPT) << begin;
+        ASSERT_EQ(r.seek_term(1), 0);
+        EXPECT_EQ(plist_or_into_bitmap(&r.reader, bits.data(), begin, 100, &r.rc), begin == 0 ? 0 : WARM_RC_CORRUPT);
     }
+    lists_only cut("\x05" + std::string(8300, '\0'), {{0, PLO_BMAP}, {9000, PLO_RLE}}, 100);
+    reader_owner behind(&cut.warm);
+    uint32_t id = 0;
+    ASSERT_EQ(behind.seek_term(1), 0);
+    EXPECT_EQ(_next(&behind.reader, &id, &behind.rc), WARM_RC_READ) << "a bitmap past the file";
+    EXPECT_EQ(behind.seek_term(2), WARM_RC_CAPACITY) << "no such term";
+    lists_only shorter("\x05\x01", {{2, PLO_RLE}}, 100);
+    reader_owner marked(&shorter.warm);
+    plist_marks_t marks;
+    ASSERT_TRUE(marks.marks.alloc(1) && marked.seek_term(0) == 0);
+    marks.marks[marks.count++] = {50, 1000};
+    plist_reader_attach_marks(&marked.reader, &marks);
+    EXPECT_EQ(_seek(&marked.reader, 60, &id, &marked.rc), WARM_RC_CORRUPT) << "a mark past the list";
     // term 1's entry: start above end, a single event and duplicates that cannot be
     const struct {
         const char* what;

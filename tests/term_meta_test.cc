@@ -9,6 +9,7 @@
 
 #include "searchthing/lexicon/fclex.h"
 #include "searchthing/slice/warmslice_meta.h"
+#include "tests/support/faults.h"
 #include "tests/support/forge.h"
 #include "tests/support/temp_dir.h"
 
@@ -80,6 +81,31 @@ TEST(TermMeta, WriterRefusesWhatItsFieldsCannotHold) {
         EXPECT_EQ(writer.bp.bit_cursor, r.status == 0 ? 11u : 0u);
     }
     ASSERT_EQ(term_meta_writer_close(&writer, &rc), 0);
+    // Records of twelve bytes on a full disk and in too small a buffer, and what does not open.
+    st_warm_slice_body full = packed_header(5, -10, 5, 9999), counts = full;
+    warm_header_init(&full, "Veldar4");
+    warm_header_init(&counts, "VelLex1");
+    const unique_fd disk(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const st_term_metadata one = {1, 0, 0};
+    ASSERT_EQ(term_meta_writer_open(&writer, disk.get(), &full, &rc), 0);
+    int status = 0;
+    for (uint32_t written = 0; status == 0 && written < 9999; written++) {
+        status = term_meta_writer_append(&writer, &one, &rc);
+    }
+    EXPECT_EQ(status, WARM_RC_WRITE);
+    EXPECT_EQ(rc.warm_rc + term_meta_writer_close(&writer, &rc), 2 * WARM_RC_WRITE);
+    EXPECT_STREQ(rc.message, "meta writer close failed");
+    uint8_t room[12];
+    term_meta_writer_open_buffer_mode(&writer, &full, room, sizeof room);
+    EXPECT_EQ(term_meta_writer_append(&writer, &one, &rc), 0);
+    EXPECT_EQ(term_meta_writer_append(&writer, &one, &rc), WARM_RC_CAPACITY);
+    term_meta_reader_t reader;
+    EXPECT_EQ(term_meta_reader_open(&reader, disk.get(), nullptr, &counts, true, nullptr, &rc), WARM_RC_CORRUPT);
+    EXPECT_EQ(term_meta_writer_open(&writer, -1, &full, &rc), WARM_RC_INVALID_ARGUMENT);
+    {
+        const fault_step no_memory(fault_action::allocation, 1);
+        EXPECT_EQ(term_meta_writer_open(&writer, disk.get(), &full, &rc), WARM_RC_NO_MEMORY);
+    }
     // Count 7 in bits 0 to 2, earliest 0 in 3 to 6, latest 15 in 7 to 10.
     EXPECT_EQ(read_file(dir.file("out")).substr(_offset_metadata(&h)), std::string("\x87\x07\0\0\0\0\0\0", 8));
 }

@@ -84,6 +84,9 @@ TEST(Tsval, EverySliceKindDecodesFromMemoryAndFromTheFile) {
                 ASSERT_EQ(tsval_reader_decode_time(&reader, id, &seconds, &nanoseconds, &rc), 0);
                 EXPECT_TRUE(seconds == value.time && nanoseconds == 0);
             }
+            st_tsval preamble;
+            EXPECT_EQ(tsval_reader_decode_preamble(&reader, reader.num_preambles, &preamble, &rc), WARM_RC_CORRUPT);
+            EXPECT_STREQ(rc.message, "expected preamble");
             tsval_reader_close(&reader);
         }
         EXPECT_EQ(st_warm_slice_close(warm), 0);
@@ -158,6 +161,15 @@ TEST(Tsval, WriterRefusesWhatTheHeaderCannotHold) {
     EXPECT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), WARM_RC_DOES_NOT_FIT) << "13 bits x 4e8 wrap";
     header.latest.set(999);
     EXPECT_EQ(tsval_writer_open(fd.get(), &writer, &header, &rc), WARM_RC_INVALID_ARGUMENT) << "ends before it begins";
+    const unique_fd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    tsval_preamble_writer_t preambles;
+    ASSERT_EQ(tsval_preamble_writer_open(&preambles, full.get(), &header, &rc), 0);
+    int status = 0;
+    for (uint32_t i = 0; i < TSVAL_WRITER_BUFFER; i++) {
+        status += tsval_preamble_writer_put_preamble(&preambles, i, 1, &rc);
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tsval_preamble_writer_put_preamble(&preambles, 1, 1, &rc), WARM_RC_WRITE);
 }
 
 TEST(Tsval, CompanionsOfEveryWidth) {

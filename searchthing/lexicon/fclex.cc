@@ -25,7 +25,6 @@ uint64_t size_in_file(int fd, int64_t offset, const fclex_shape& shape) {
 
 // Reads the start of the body at `offset` of a file. False when it cannot be read or is no body.
 bool read_start(int fd, int64_t offset, const char* what, uint8_t* start, fclex_shape* shape) {
-    if (fd < 0 || offset < 0) return false;
     if (_pread_verify(fd, start, BODY_COPY_SIZE, static_cast<uint64_t>(offset), what) != 0) return false;
     *shape = fclex_shape(*reinterpret_cast<const st_fclex_body*>(start));
     return shape->is_valid();

@@ -162,7 +162,7 @@ int _lex_writer_open(bool verbose, lex_writer_t* writer, uint32_t tperb, uint64_
 int lex_writer_put_after(lex_writer_t* writer, std::string_view term, uint32_t common) {
     const uint32_t tperb = writer->tperb;
     ST_ASSERT(tperb);
-    if (term.size() > ST_MAX_TERM_LENGTH) return WARM_RC_DOES_NOT_FIT;
+    ST_ASSERT(term.size() <= ST_MAX_TERM_LENGTH);  // _lex_writer_put and the readers see to it
     const auto length = static_cast<uint32_t>(term.size());
     if (writer->_cursor != 0) {  // the first term may equal the empty one that `previous` holds
         if (common == length) return length == writer->previous_length ? 0 : WARM_RC_INVALID_ARGUMENT;

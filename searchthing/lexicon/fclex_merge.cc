@@ -135,7 +135,6 @@ int open_sources(merge_t* merge, const int* fds, const int64_t* body_offsets, ui
 // The bits of one width. `entries` has room for every term of the sources.
 template <typename Bits>
 int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
-    if (merge->count == 0) return 0;
     loser_tree tree(merge->readers.get(), merge->count);
     tree.start();
     lex_writer_t* writer = merge->writer;

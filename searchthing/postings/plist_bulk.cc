@@ -175,7 +175,6 @@ int bmap_copy(plist_reader* reader, uint32_t* out, uint32_t capacity, uint32_t e
 }  // namespace
 
 int plist_or_into_bitmap(plist_reader* reader, uint8_t* bitmap, uint32_t begin, uint32_t end, warm_rc_t* rc) {
-    if (begin >= end) return 0;
     if (reader->plo_type == PLO_BMAP) return bmap_or(reader, bitmap, begin, end, rc);
     ST_TRY(rle_move_to(reader, begin, rc));
     bitmap_sink sink{bitmap, begin};

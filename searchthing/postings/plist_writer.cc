@@ -9,7 +9,6 @@ namespace veldar {
 namespace {
 
 int flush(plist_writer_t* plw) {
-    if (plw->buffered == 0) return 0;
     const int64_t written = st_pwrite(plw->fd, plw->buf, plw->buffered, plw->offset);
     if (written != static_cast<int64_t>(plw->buffered)) return _set_rc(&plw->rc, WARM_RC_WRITE);
     plw->offset += plw->buffered;
@@ -80,16 +79,15 @@ int put_skipped_value(plist_writer_t* plw) {
 }
 
 // The bitmap writer has filled the shared buffer and may have written it several times.
-int end_bitmap(plist_writer_t* plw) {
+void end_bitmap(plist_writer_t* plw) {
     const bool is_empty = plw->count_forterm == 0;
     if (!is_empty) {
         plw->offset = plw->bitmap.offset;
         plw->buffered = plw->bitmap.buf_pos;
     }
     uint64_t size = 0;
-    ST_TRY(bitmap_writer_close(&plw->bitmap, &size, false));
+    static_cast<void>(bitmap_writer_close(&plw->bitmap, &size, false));  // which writes nothing
     plw->term_bytes = is_empty ? 0 : size;
-    return 0;
 }
 
 }  // namespace
@@ -144,7 +142,7 @@ int _plist_writer_put(plist_writer_t* plw, uint32_t value) {
 
 int _plist_writer_end_term(plist_writer_t* plw) {
     ST_TRY(put_skipped_value(plw));
-    if (plw->plo_type == PLO_BMAP) ST_TRY(end_bitmap(plw));
+    if (plw->plo_type == PLO_BMAP) end_bitmap(plw);
     if (plw->plo_type == PLO_RLE) {
         rle_encoder_t rle = encoder_of(plw);
         rle.end_run();

@@ -206,7 +206,6 @@ int open_file_caches(tsval_reader_t* reader, uint64_t section_size, uint64_t cac
     if (reader->encoding == TSVAL_PLAIN) {
         if (cache_bytes > 0 && cache_bytes < 8) return _set_rc(rc, WARM_RC_INVALID_ARGUMENT);
         reader->cache_entries = std::min<uint64_t>(cache_bytes / 8, reader->num_values);
-        if (reader->cache_entries == 0) return 0;
         return reader->cache.alloc(static_cast<size_t>(8 * reader->cache_entries)) ? 0 : _set_rc(rc, WARM_RC_NO_MEMORY);
     }
     ST_ASSERT(section_size / 8 <= UINT32_MAX);  // at most 2^32 - 1 values, of at most 64 bits
