@@ -86,6 +86,7 @@ outcome_t load_metrics(const std::string& store_path, const std::string& directo
          .summary = [&] { return samples_text(load.totals.samples) + totals_text(load.shown, load.totals); },
          .give_up = advice});
     *totals = load.totals;
+    if (status == OUTCOME_INTERRUPTED && load.pipe_loaded != 0) say_trouble(metric_loader_give_up(load));
     if (status == OUTCOME_INTERRUPTED) return status;
     if (!options->no_optimize) {
         load.lock.reset();  // the next load need not wait

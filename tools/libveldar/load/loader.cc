@@ -219,6 +219,23 @@ bool load_rest(loader* load, file_load* one, std::string* error) {
     return error->empty();
 }
 
+// What the user can do when only so much of a pipe was taken; empty for nothing.
+std::string pipe_advice(int spool) {
+    struct stat st;
+    if (::fstat(spool, &st) != 0 || st.st_size == 0) return {};
+    return "the first " + std::to_string(st.st_size) +
+           " bytes of the pipe are kept and indexed by the next load; send what follows them again";
+}
+
+// When a pipe is not read to its end: keeps what records were taken from, so that none is cut in two, and the beginning
+// by which the copy is known.
+void cut_spool(loader* load, const file_load& one) {
+    const uint64_t kept = std::max<uint64_t>(one.reader.offset, one.file.head_size);
+    struct stat st;
+    const bool is_more = ::fstat(load->spool.get(), &st) == 0 && static_cast<uint64_t>(st.st_size) > kept;
+    if (is_more) static_cast<void>(!::ftruncate(load->spool.get(), static_cast<off_t>(kept)));
+}
+
 // A pipe cannot be read again, so the store keeps its bytes.
 bool load_pipe(loader* load, file_load* one, std::string* error) {
     if (one->input.head.empty()) return true;
@@ -234,8 +251,17 @@ bool load_pipe(loader* load, file_load* one, std::string* error) {
     load->spool = disk_open(path, O_WRONLY | O_CREAT | O_TRUNC);
     if (!load->spool.valid()) fail_io("cannot make", path, errno);
     source_map_put_file(&bucket->map, one->file);
-    const bool read = load_rest(load, one, error);
+    bool read;
+    try {
+        read = load_rest(load, one, error);
+    } catch (...) {
+        cut_spool(load, *one);
+        throw;
+    }
+    if (work_stops()) cut_spool(load, *one);
     if (load->st.durable && ::fdatasync(load->spool.get()) != 0) fail_io("cannot sync", path, errno);
+    const std::string advice = work_stops() ? pipe_advice(load->spool.get()) : std::string();
+    if (!advice.empty()) loader_tell(load, advice);
     load->spool.reset();
     load->has_kept_pipe = true;
     return read;
@@ -442,11 +468,8 @@ std::string loader_give_up(loader* load) {
         load_close_bucket(load);
     } catch (const failure_t&) {
     }
-    struct stat st;
-    if (load->spool.valid() && ::fstat(load->spool.get(), &st) == 0) {
-        return "the first " + std::to_string(st.st_size) +
-               " bytes of the pipe are kept and indexed by the next load; send what follows them again";
-    }
+    const std::string advice = load->spool.valid() ? pipe_advice(load->spool.get()) : std::string();
+    if (!advice.empty()) return advice;
     if (load->has_kept_pipe) {
         return "not all is loaded; the pipe is kept and indexed by the next load, so do not send it again; load files "
                "again once this is mended, and nothing is lost";
