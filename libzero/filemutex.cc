@@ -104,9 +104,9 @@ bool directory_usable(const char* path) {
 bool create_temporary(const char* name, struct stat* created) {
     if (::unlink(name) != 0 && errno != ENOENT) return false;
     unique_fd fd(os_retry([&] { return ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));
+    if (!fd.valid()) return false;
     write_lock_text(fd.get());
     fd.reset();
-    // One that could not be made is not there either.
     if (::stat(name, created) == 0) return true;
     ::unlink(name);
     return false;
