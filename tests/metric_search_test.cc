@@ -211,9 +211,10 @@ TEST(MetricSearch, LiteralsCoverAllValues) {
         };
         ASSERT_EQ(both({text, {}, {}}), 0) << text[0];
         if (others.empty()) {
-            ASSERT_TRUE(result.tsval_list.empty());
+            ASSERT_EQ(match_kind(result), MATCH_EVERYTHING);
             ASSERT_EQ(result.tsval_list_capacity, values);
         } else {
+            ASSERT_EQ(match_kind(result), MATCH_LIST);
             const uint32_t* const list = result.tsval_list.data();
             ASSERT_EQ(std::vector<uint32_t>(list, list + result.tsval_list_capacity), expected);
             ASSERT_EQ(range.end, expected.back() + 1 == runs ? values : expected.back() + 1);

@@ -440,6 +440,7 @@ TEST_F(Select, EstimatesReachAsFarAsHashes) {
 }
 
 TEST_F(Select, SketchesKeepTheirErrors) {
+    EXPECT_TRUE(std::isnan(quantile_sketch_at({}, 0.5)));
     for (const std::vector<double>& numbers : {std::vector<double>{1, 1e17, 2, -1e17}, {1e17, 1, 2, -1e17}}) {
         select_cell_t cell;
         for (const double n : numbers) select_cell_add(&cell, {number_text(n), n, true}, 1, SELECT_SUM);

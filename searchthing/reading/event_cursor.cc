@@ -131,7 +131,7 @@ int add_reader(event_cursor_t* cursor, size_t number, uint32_t query, const std:
     reader->walk =
         event_walk_open(slice.get(), parsed, narrows ? resumed.time : parsed.spec.latest,
                         cursor->options.limit == 0 ? UINT64_MAX : cursor->options.limit, cursor->options.is_exact);
-    if (reader->walk == nullptr || !reader->batch.alloc(batch_size(cursor, slice.get()))) throw std::bad_alloc();
+    if (!reader->batch.alloc(batch_size(cursor, slice.get()))) throw std::bad_alloc();
     reader->slice = slice;
     reader->number = number;
     reader->source = cursor->snapshot.source(number);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <vector>
 
 #include "libzero/assertions.h"
 #include "searchthing/reading/cursors.h"
@@ -23,7 +24,6 @@ int newest_events(TSIDX* tsidx, event_cursor_options_t options, const st_query_s
                   uint32_t capacity) {
     ST_ASSERT(answers != nullptr || capacity == 0);
     capacity = std::min<uint32_t>(capacity, INT_MAX);
-    if (capacity == 0 || tsidx_is_empty_range(query)) return 0;
     std::array<event_t, 128> events;
     uint32_t held = 0;
     warm_rc_t rc;
@@ -78,13 +78,13 @@ st_query_spec query_of_times(st_time_t earliest, st_time_t latest) {
     return query;
 }
 
-// Hands the matching events of one slice to `visit`, newest first, until it returns false. 0 or a status.
+// Hands the matching events of one slice to `visit`, newest first, until it returns false. 0 or a status; may throw
+// std::bad_alloc.
 template <typename Visit>
 int visit_matches(WARM* warm, const parsed_query_t& query, Visit visit, warm_rc_t* rc) {
     constexpr uint32_t BATCH = 1024;
     const event_walk_ptr walk = event_walk_open(warm, query, query.spec.latest, UINT64_MAX, true);
-    buffer<st_tsval> events;
-    if (walk == nullptr || !events.alloc(BATCH)) return _set_rc(rc, WARM_RC_NO_MEMORY);
+    std::vector<st_tsval> events(BATCH);
     for (uint32_t count = BATCH; count == BATCH;) {
         const int found = event_walk_next(walk.get(), events.data(), BATCH, rc);
         if (found < 0) return found;
@@ -140,9 +140,8 @@ int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, 
 int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers,
                  uint32_t capacity) {
     ST_ASSERT(tsidx != nullptr);
-    if (term == nullptr) return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "no term");
     event_cursor_options_t options;
-    options.term = term;
+    options.term = term;  // a query without text when there is none
     return newest_events(tsidx, std::move(options), query_of_times(earliest, latest), answers, capacity);
 }
 

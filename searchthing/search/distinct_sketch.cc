@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 
 #include "libzero/assertions.h"
 
@@ -22,7 +21,6 @@ void set_register(distinct_sketch_t* sketch, uint64_t hash) {
 
 // The two series of Ertl's estimator: for the registers that are still 0, and for those that can grow no further.
 double sigma(double x) {
-    if (x == 1) return std::numeric_limits<double>::infinity();
     double y = 1, z = x, before = 0;
     do {
         x *= x;
@@ -34,7 +32,6 @@ double sigma(double x) {
 }
 
 double tau(double x) {
-    if (x == 0 || x == 1) return 0;
     double y = 1, z = 1 - x, before = 0;
     do {
         x = std::sqrt(x);

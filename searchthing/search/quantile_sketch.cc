@@ -20,8 +20,7 @@ int32_t bucket_of(double magnitude) {
 }
 
 double number_of(int32_t bucket) {
-    if (bucket == QUANTILE_MAX_BUCKET) return std::numeric_limits<double>::infinity();
-    return std::exp(bucket * LOG_GAMMA) * (2 / (GAMMA + 1));
+    return std::exp(bucket * LOG_GAMMA) * (2 / (GAMMA + 1));  // of the last one infinity
 }
 
 void count(quantile_buckets_t* buckets, int32_t bucket, uint64_t times) {

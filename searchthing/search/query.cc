@@ -29,13 +29,16 @@ void st_query_init(st_query_spec* query) {
 }
 
 st_query_spec* st_query_copy(const st_query_spec* query) {
-    st_query_spec* copy = new (std::nothrow) st_query_spec(*query);
-    if (copy == nullptr) return nullptr;
+    char* const text = query->lispy == nullptr ? nullptr : ::strdup(query->lispy);
+    const bool has_text = text != nullptr || query->lispy == nullptr;
+    st_query_spec* const copy = has_text ? new (std::nothrow) st_query_spec(*query) : nullptr;
+    if (copy == nullptr) {
+        std::free(text);
+        return nullptr;
+    }
     copy->token_case = TOKEN_CASE_ASIS;
-    copy->lispy = query->lispy == nullptr ? nullptr : ::strdup(query->lispy);
-    if (query->lispy == nullptr || copy->lispy != nullptr) return copy;
-    delete copy;
-    return nullptr;
+    copy->lispy = text;
+    return copy;
 }
 
 void st_query_free_copy(st_query_spec* query) {

@@ -53,7 +53,7 @@ int fold_to_bitmap(conjunction_context* context, query_result_t* result) {
 
 // The parent keeps only ids that its OR child matched.
 int _merge_or2and(conjunction_context* context, buffer<uint8_t>* parent, query_result_t* child) {
-    if (child->bitmap.empty()) ST_TRY(_no_match_result_or(context, child));
+    ST_ASSERT(!child->bitmap.empty());
     if (parent->empty()) {
         *parent = std::move(child->bitmap);
     } else {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "libzero/assertions.h"
@@ -323,50 +322,29 @@ int guarded(conjunction_context* context, query_result_t* result, Operation oper
     return status;
 }
 
-// Between the numbers of a context over runs and those that callers without one see. Both begin at 0, so that a bitmap
-// over runs is the head of one over all values.
-void narrow_to_runs(const conjunction_context& context, id_range_t* range) {
-    if (warm_slice_has_runs(context.handle)) range->end = std::min(range->end, context.bufcap);
-}
-
-int widen_bitmap(uint32_t values, buffer<uint8_t>* bitmap, warm_rc_t* rc) {
-    if (bitmap->empty()) return 0;
-    buffer<uint8_t> wide;
-    ST_TRY(range_bitmap_alloc(&wide, {.begin = 0, .end = values}, rc));
-    ST_ASSERT(bitmap->size() <= wide.size());
-    std::memcpy(wide.data(), bitmap->data(), bitmap->size());
-    *bitmap = std::move(wide);
-    return 0;
-}
-
+// From the numbers of a context over runs to those that callers without one see.
 int widen_from_runs(conjunction_context* context, id_range_t* range, query_result_t* result) {
-    WARM* const warm = context->handle;
-    if (!warm_slice_has_runs(warm)) return 0;
-    const uint32_t values = st_warm_slice_values(warm);
+    const uint32_t values = st_warm_slice_values(context->handle);
     if (range->end == context->bufcap) range->end = values;
     if (match_kind(*result) == MATCH_EVERYTHING) result->tsval_list_capacity = values;
     ST_TRY(widen_bitmap(values, &result->bitmap, &context->rc));
     return widen_bitmap(values, &result->not_bitmap, &context->rc);
 }
 
-struct context_closer {
-    void operator()(conjunction_context* context) const {
-        conjunction_context_close(context);
-        delete context;
-    }
-};
-using context_ptr = std::unique_ptr<conjunction_context, context_closer>;
-
-// A context for a group by itself; null without memory.
-context_ptr context_over(WARM* warm, const st_timeval_t* earliest, const st_timeval_t* latest, bool neq_matches_missing,
-                         const id_range_t& range, st_query_info_t* info) {
-    context_ptr context(new (std::nothrow) conjunction_context);
-    if (context == nullptr) return context;
-    conjunction_context_open(context.get(), warm, earliest, latest, info);
-    context->neq_matches_missing = neq_matches_missing;
-    context->range = range;
-    narrow_to_runs(*context, &context->range);
-    return context;
+// `operation(context)` on a group by itself.
+template <typename Operation>
+int alone(WARM* warm, bool neq_matches_missing, const st_timeval_t* earliest, const st_timeval_t* latest,
+          id_range_t* range, query_result_t* result, st_query_info_t* info, warm_rc_t* rc, Operation operation) {
+    conjunction_context context;
+    conjunction_context_open(&context, warm, earliest, latest, info);
+    context.neq_matches_missing = neq_matches_missing;
+    context.range = *range;
+    context.range.end = std::min(range->end, context.bufcap);
+    int status = operation(&context);
+    if (status == 0) status = widen_from_runs(&context, range, result);
+    if (status != 0) _reset_result(result);
+    conjunction_context_close(&context);
+    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context.rc);
 }
 
 }  // namespace
@@ -442,14 +420,23 @@ int _set_everything(conjunction_context* context, uint8_t* bitmap) {
     return 0;
 }
 
+// Bitmaps of both begin at 0, so that one over runs is the head of one over all values.
+int widen_bitmap(uint32_t values, buffer<uint8_t>* bitmap, warm_rc_t* rc) {
+    if (bitmap->empty()) return 0;
+    buffer<uint8_t> wide;
+    ST_TRY(range_bitmap_alloc(&wide, {.begin = 0, .end = values}, rc));
+    ST_ASSERT(bitmap->size() <= wide.size());
+    std::memcpy(wide.data(), bitmap->data(), bitmap->size());
+    *bitmap = std::move(wide);
+    return 0;
+}
+
 int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
                  const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_timeval_t* earliest_out,
                  st_timeval_t* latest_out, bool is_exact, st_query_info_t* info, warm_rc_t* rc) {
-    const context_ptr context = context_over(warm, earliest, latest, neq_matches_missing, *range, info);
-    if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    int status = _and_group(context.get(), group, is_exact, result, earliest_out, latest_out);
-    const bool computed_here = !range->computed && context->range.computed;
-    if (status == 0 && computed_here) {
+    const auto both = [&](conjunction_context* context) {
+        ST_TRY(_and_group(context, group, is_exact, result, earliest_out, latest_out));
+        if (range->computed || !context->range.computed) return 0;
         *range = context->range;
         // Ids outside the survivors need no look any more; a bitmap or a not bitmap keeps its own range.
         if (is_exact && match_kind(*result) == MATCH_LIST && result->not_bitmap.empty()) {
@@ -457,23 +444,21 @@ int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missin
             range->end = match_list(*result).back() + 1;
             ST_ASSERT(range->begin < range->end);
         }
-    }
-    if (status == 0) status = widen_from_runs(context.get(), range, result);
-    if (status != 0) _reset_result(result);
-    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
+        return 0;
+    };
+    return alone(warm, neq_matches_missing, earliest, latest, range, result, info, rc, both);
 }
 
 int or_literals(WARM* warm, const literal_group& group, bool neq_matches_missing, const st_timeval_t* earliest,
                 const st_timeval_t* latest, id_range_t* range, query_result_t* result, st_query_info_t* info,
                 warm_rc_t* rc) {
     ST_ASSERT(!group.positive.empty() || !group.negative.empty() || !group.comparisons.empty());
-    const context_ptr context = context_over(warm, earliest, latest, neq_matches_missing, *range, info);
-    if (context == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    int status = _or_group(context.get(), group, result);
-    if (status == 0) *range = context->range;
-    if (status == 0) status = widen_from_runs(context.get(), range, result);
-    if (status != 0) _reset_result(result);
-    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &context->rc);
+    const auto any = [&](conjunction_context* context) {
+        ST_TRY(_or_group(context, group, result));
+        *range = context->range;
+        return 0;
+    };
+    return alone(warm, neq_matches_missing, earliest, latest, range, result, info, rc, any);
 }
 
 }  // namespace veldar

@@ -118,6 +118,10 @@ void conjunction_context_close(conjunction_context* context);
 // way of the terms that name metrics.
 [[nodiscard]] int _set_everything(conjunction_context* context, uint8_t* bitmap);
 
+// Makes a bitmap over the runs of a slice one over all its values, which are no runs from their number on. 0 or
+// WARM_RC_NO_MEMORY.
+[[nodiscard]] int widen_bitmap(uint32_t values, buffer<uint8_t>* bitmap, warm_rc_t* rc);
+
 // The same two operations for callers without a context. `range` is read when it is computed and filled when not; a
 // conjunction that ran over a range computed here writes the narrowed range back.
 [[nodiscard]] int and_literals(WARM* warm, const literal_group& group, bool neq_matches_missing,

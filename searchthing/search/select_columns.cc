@@ -129,9 +129,8 @@ class columns_pass {
     int pass(uint32_t begin, uint32_t end, warm_rc_t* rc) {
         int status = 0;
         const auto add = [&](uint32_t id) {
-            if (status != 0) return;
             while (id >= stretches_[stretch_].end) stretch_++;
-            status = add_event(id, begin, rc);
+            if (status == 0) status = add_event(id, begin, rc);
         };
         for (uint32_t at = begin; at < end && status == 0;) {
             const uint32_t stop = at + std::min(VALUES_A_PIECE, end - at);

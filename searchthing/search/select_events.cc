@@ -137,9 +137,7 @@ int select_one_group(const selection_t& selection, const select_match_t& match,
     };
     ST_TRY(fields.each(field, select_max_texts(*selection.query), add, rc));
     if (selection.query->spec.opt_b != SELECT_KEEPS_MISSING) return 0;
-    buffer<uint8_t> rest;
-    if (!rest.alloc(match.bits.size())) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    std::copy_n(match.bits.data(), match.bits.size(), rest.data());
+    std::vector<uint8_t> rest(match.bits.begin(), match.bits.end());
     ST_TRY(fields.take_out(field, rest.data(), rc));
     uint32_t group = 0;
     ST_TRY(select_group(selection.table, {"", 1}, &group, rc));

@@ -66,7 +66,6 @@ uint64_t select_count_bits(const uint8_t* bits, uint64_t begin, uint64_t end) {
 int select_match_open(const selection_t& selection, select_match_t* match, warm_rc_t* rc) {
     const parsed_query_t& query = *selection.query;
     const event_walk_ptr walk = event_walk_open(selection.warm, query, query.spec.latest, UINT64_MAX, true);
-    if (walk == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
     conjunction_context& context = walk->context;
     query_result_t result;
     int status = event_walk_evaluate(walk.get(), &result);

@@ -94,7 +94,6 @@ class metrics_pass {
     int find_runs(std::vector<set_run_t>* runs, warm_rc_t* rc) {
         const parsed_query_t& query = *selection_.query;
         const event_walk_ptr walk = event_walk_open(selection_.warm, query, query.spec.latest, UINT64_MAX, true);
-        if (walk == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
         query_result_t result;
         if (event_walk_evaluate_unordered(walk.get(), &result) != 0) return _cpy_rc(rc, &walk->context.rc);
         run_merge_t bounds;

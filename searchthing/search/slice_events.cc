@@ -142,8 +142,7 @@ void match_ids::load_word() {
 
 event_walk_ptr event_walk_open(WARM* warm, const parsed_query_t& query, const st_timeval_t& latest, uint64_t wanted,
                                bool is_exact) {
-    event_walk_ptr walk(new (std::nothrow) event_walk_t);
-    if (walk == nullptr) return nullptr;
+    auto walk = std::make_unique<event_walk_t>();
     walk->context.handle = warm;
     walk->context.latest = latest;
     walk->query = &query;

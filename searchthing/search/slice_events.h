@@ -84,7 +84,7 @@ using event_walk_ptr = std::unique_ptr<event_walk_t>;
 
 // A walk over the events not later than `latest`, which may narrow the query's own bound. `wanted` is how many events
 // will be asked for, if that is known, or UINT64_MAX. With `is_exact` false the events are a superset of the match
-// (warmslice_search.h). Nothing is read yet; slice and query must outlive the walk. Null when memory is short.
+// (warmslice_search.h). Nothing is read yet; slice and query must outlive the walk. May throw std::bad_alloc.
 event_walk_ptr event_walk_open(WARM* warm, const parsed_query_t& query, const st_timeval_t& latest, uint64_t wanted,
                                bool is_exact);
 // Writes the next events, at most `capacity`, without deleted ones and those off the cumulative span. Their number,

@@ -73,7 +73,7 @@ struct walked_set {
     size_t first_measure, measures;  // those that are wanted
     uint32_t piece;
     uint32_t held_from, held_to;  // the values in the piece
-    buffer<double> values;        // a row of `piece` values for each measure
+    std::vector<double> values;   // a row of `piece` values for each measure
 };
 
 // The matching events of one slice.
@@ -217,9 +217,7 @@ class metric_walk {
         uint8_t present[LONGEST_PIECE];
         const uint32_t count = std::min(set->piece, set->end - value);
         ST_ASSERT(value < set->end && count <= LONGEST_PIECE);
-        if (set->values.empty() && !set->values.alloc(set->piece * set->measures)) {
-            return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "measures of a slice");
-        }
+        set->values.resize(set->piece * set->measures);
         for (size_t i = 0; i < set->measures; i++) {
             walked_metric* const metric = metrics_of_measures_[set->first_measure + i];
             ST_TRY(open_column(metric, rc));

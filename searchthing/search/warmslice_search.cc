@@ -1,7 +1,6 @@
 #include "searchthing/search/warmslice_search.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <string>
 
@@ -78,33 +77,25 @@ int count_matches(event_walk_t* walk, uint64_t* count) {
     return 0;
 }
 
-// A bitmap over runs is the head of one over all values, whose bits from the number of runs on are 0.
 int widen_to_values(const WARM* warm, bitmap_and_bounds_t* found, warm_rc_t* rc) {
-    buffer<uint8_t> wide;
     ST_ASSERT(found->begin == 0 && found->end <= st_warm_slice_values(warm));
     found->end = st_warm_slice_values(warm);
-    if (!wide.alloc(_calc_bitmap_size(0, found->end))) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "failed alloc bitmap");
-    ST_ASSERT(found->bm.size() <= wide.size());
-    std::memcpy(wide.data(), found->bm.data(), found->bm.size());
-    found->bm = std::move(wide);
-    return 0;
+    return widen_bitmap(found->end, &found->bm, rc);
 }
 
 // Runs `ask(walk)` over the whole match at the engine's edge: no exception passes, and the caller's record says what
 // went wrong.
 template <typename Ask>
 int guarded(WARM* warm, const parsed_query_t& query, search_report_t* report, warm_rc_t* rc, Ask ask) {
-    const event_walk_ptr walk = event_walk_open(warm, query, query.spec.latest, UINT64_MAX, true);
-    if (walk == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    int status = 0;
     try {
-        status = ask(walk.get());
+        const event_walk_ptr walk = event_walk_open(warm, query, query.spec.latest, UINT64_MAX, true);
+        const int status = ask(walk.get());
+        walk->report.lists_read = walk->context.lists_read;
+        if (report != nullptr) *report = walk->report;
+        return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &walk->context.rc);
     } catch (const std::bad_alloc&) {
-        status = _set_rc(&walk->context.rc, WARM_RC_NO_MEMORY);
+        return _set_rc(rc, WARM_RC_NO_MEMORY);
     }
-    walk->report.lists_read = walk->context.lists_read;
-    if (report != nullptr) *report = walk->report;
-    return status == 0 ? _set_rc(rc, WARM_RC_OK) : _cpy_rc(rc, &walk->context.rc);
 }
 
 }  // namespace
@@ -113,11 +104,14 @@ int warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers,
                       search_report_t* report, warm_rc_t* rc) {
     parsed_query_t parsed;
     ST_TRY(parse_query(*query, &parsed, rc));
-    const event_walk_ptr walk = event_walk_open(warm, parsed, query->latest, capacity, is_exact);
-    if (walk == nullptr) return _set_rc(rc, WARM_RC_NO_MEMORY);
-    const int found = event_walk_next(walk.get(), answers, capacity, rc);
-    if (report != nullptr) *report = walk->report;
-    return found;
+    try {
+        const event_walk_ptr walk = event_walk_open(warm, parsed, query->latest, capacity, is_exact);
+        const int found = event_walk_next(walk.get(), answers, capacity, rc);
+        if (report != nullptr) *report = walk->report;
+        return found;
+    } catch (const std::bad_alloc&) {
+        return _set_rc(rc, WARM_RC_NO_MEMORY);
+    }
 }
 
 int st_warm_slice_search(WARM* warm, const st_query_spec* query, st_tsval* answers, uint32_t capacity, bool is_exact) {

@@ -134,7 +134,6 @@ int populate_rdonly(WARM* warm, int fd, warm_rc_t* rc) {
         ST_TRY(read_plo_last(warm, &header, fd, rc));
         ST_TRY(open_lexicon_from_file(warm, &header, fd, rc));
         mapped = _offset_metadata(&header);
-        if (mapped > warm->file_size) return _set_rc_msg(rc, WARM_RC_NO_SECTION, "term metadata");
     }
     if (!warm->map.map(fd, static_cast<size_t>(mapped), false)) return _set_rc(rc, WARM_RC_MAP);
     if (std::memcmp(warm->map.data(), &header, warm_header_size_on_disk(&header)) != 0) {
