@@ -245,6 +245,8 @@ TEST(HotSlice, TransactionCheckIsExact) {
     EXPECT_EQ(hot_slice_check_txn(full.get(), &other, buffered(texts)), HOT_PUT_RC_VALUES_FULL);
     EXPECT_EQ(hot_slice_check_txn(full.get(), &txn, buffered(texts)), 0);
     EXPECT_EQ(put(make_hot(), std::string("a\0b", 3), txn), HOT_PUT_RC_BAD_KEYWORD);
+    const hot_ptr empty = make_hot();
+    EXPECT_EQ(put(empty, "", txn) + static_cast<int>(hot_slice_terms(empty.get())), 0) << "no keyword";
 }
 
 TEST(HotSliceDeathTest, StreamingOrderIsTheCallersDuty) {

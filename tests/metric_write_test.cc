@@ -280,6 +280,7 @@ TEST(MetricHotSlice, Transactions) {
     const hot_ptr hot(st_hot_slice_create(4096, 257, 7, 3, 4, 18, 3, true, true, nullptr, &rc));
     ASSERT_NE(hot, nullptr);
     EXPECT_TRUE(ds_should_group_dimsets(hot.get()));
+    for (const char* loose : {" _catalog::a", " _dims::a", "a"}) EXPECT_EQ(hot_slice_classify(loose), HOT_DIM_NONE);
     st_txn txn{.time = 5, .measure = 2.0};
     const auto put = [&](const std::string& term) {
         return st_hot_slice_put_txn(hot.get(), term.data(), term.size(), &txn);
@@ -336,6 +337,36 @@ TEST(MetricHotSlice, Transactions) {
     }
     EXPECT_EQ(dimensions, DS_MAX_DIMSET_SIZE_WORDS - DS_MIN_WORDS);
     EXPECT_EQ(st_hot_slice_txn_stop(large.get()), 0);
+}
+
+// Every limit of one transaction of many measures, or of many of one, refuses by its own code and lets a slice go on.
+TEST(MetricHotSlice, FullCodes) {
+    using row = std::tuple<size_t, uint64_t, int, bool>;
+    for (const auto& [limit, at_most, expected, of_one] :
+         {row{0, 99, HOT_PUT_RC_LEXICON_FULL, true}, row{1, 257, HOT_PUT_RC_TERMS_FULL, true},
+          row{2, 9, HOT_PUT_RC_POSTINGS_FULL, true}, row{4, 8, HOT_PUT_RC_TXN_TOO_LARGE, true},
+          row{5, 12, HOT_PUT_RC_DIMSETS_FULL, true}, row{6, 7, HOT_PUT_RC_MEASURES_FULL, true},
+          row{3, 3, HOT_PUT_RC_VALUES_FULL, false}, row{6, 16, HOT_PUT_RC_MEASURES_FULL, false}}) {
+        std::array<uint64_t, 7> most = {9999, 512, 999, 99, limit == 5 ? at_most : 600, 9999, 999};
+        most[limit] = at_most;
+        const auto [lexicon, terms, postings, values, keywords, words, measures] = most;
+        const st_txn txn{.time = 5, .measure = 2.0};
+        warm_rc_t rc;
+        const hot_ptr hot(
+            st_hot_slice_create(lexicon, terms, postings, values, keywords, words, measures, true, true, nullptr, &rc));
+        int code = 0;
+        uint32_t put = 0;
+        for (; code == 0; put += code == 0) {
+            const std::string term = " metric_name::" + std::to_string(of_one ? put : 1);
+            if (!of_one || put == 0) code = st_hot_slice_txn_start(hot.get(), &txn);
+            if (code == 0) code = st_hot_slice_put_txn(hot.get(), term.data(), term.size(), &txn);
+            if (!of_one || code != 0) static_cast<void>(st_hot_slice_txn_stop(hot.get()));
+        }
+        EXPECT_EQ(code, expected) << put;
+        EXPECT_TRUE(limit != 6 || put == (of_one ? 7 : 15)) << "one more than its soft limit";
+        EXPECT_EQ(hot_slice_terms(hot.get()), of_one ? put : 1);
+        EXPECT_EQ(st_hot_slice_values(hot.get()), of_one ? 1 : put);
+    }
 }
 
 // Keywords of a set's events that are not in the set: lists, records and answers are those of whole sets.

@@ -366,8 +366,7 @@ st_hotput_rc_t hot_slice_check_txn(HOT* hot, const st_txn* txn, std::span<const 
 // A term costs three dependent cache misses: its slot, its record, its bytes. Each pass over a batch starts the next
 // miss of every keyword, so that they overlap.
 void hot_slice_put_all(HOT* hot, const st_txn* txn, std::span<const hot_keyword_t> keywords) {
-    ST_ASSERT(!hot->prepared);
-    if (keywords.empty()) return;
+    ST_ASSERT(!hot->prepared && !keywords.empty());
     check_streaming_order(*hot, *txn);
     const uint32_t mask = hot->table.mask;
     for (size_t i = 0; i < std::min(keywords.size(), BATCH); i++) {

@@ -123,7 +123,7 @@ void hot_metrics_reset(st_hot_slice& hot);
 [[nodiscard]] st_hotput_rc_t hot_metrics_put(st_hot_slice& hot, const char* text, uint32_t length, const st_txn& txn);
 void hot_metrics_txn_stop(st_hot_slice& hot);
 // Metric mode's steps of preparing (hotslice_metric_prepare.cc), after the terms are sorted: orders sets and values.
-[[nodiscard]] int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc);
+void hot_metrics_order(st_hot_slice& hot);
 // After the postings are ordered: the records of loose terms tell of whole sets, as their postings do.
 void hot_metrics_count_loose(st_hot_slice& hot);
 

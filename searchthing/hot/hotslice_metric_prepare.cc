@@ -14,7 +14,7 @@ uint32_t set_id(const hot_metrics_t& metrics, const ds_dimset_t* set) {
 }
 
 // Brings the sets to the front of their table, as ranks instead of term ids, in order.
-int ds_dimsets_prepare(st_hot_slice& hot, warm_rc_t* rc) {
+void ds_dimsets_prepare(st_hot_slice& hot) {
     hot_metrics_t& metrics = hot.metrics;
     const ds_dimset_t** const sets = metrics.dimset_hash.begin();
     const ds_dimset_t** const end =
@@ -23,11 +23,12 @@ int ds_dimsets_prepare(st_hot_slice& hot, warm_rc_t* rc) {
     const std::span<const uint32_t> ranks = metrics.term_ranks.span().first(hot.table.count);
     for (uint32_t i = 0; i < metrics.num_dimsets; i++) {
         ds_dimset_t* const set = ds_dimset_at(metrics.dimsets.data() + set_id(metrics, sets[i]));
-        ST_TRY(ds_translate_term_ids(set, ranks, rc, true));
+        warm_rc_t rc;
+        const int translated = ds_translate_term_ids(set, ranks, &rc, true);
+        ST_ASSERT(translated == 0);
     }
     std::sort(sets, end, [](const ds_dimset_t* a, const ds_dimset_t* b) { return ds_dimset_compare(a, b) < 0; });
     for (uint32_t rank = 0; rank < metrics.num_dimsets; rank++) metrics.dimsets_map[set_id(metrics, sets[rank])] = rank;
-    return 0;
 }
 
 // The values know the rank of their set from here on; what they say about the whole slice goes into the result.
@@ -88,9 +89,9 @@ void order_values(st_hot_slice& hot) {
 
 }  // namespace
 
-int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc) {
+void hot_metrics_order(st_hot_slice& hot) {
     ST_ASSERT(!hot.metrics.txn_is_open);
-    ST_TRY(ds_dimsets_prepare(hot, rc));
+    ds_dimsets_prepare(hot);
     settle_values(hot);
     order_values(hot);
     hot_prepared_t& result = hot.result;
@@ -100,7 +101,6 @@ int hot_metrics_order(st_hot_slice& hot, warm_rc_t* rc) {
     result.term_ranks = hot.metrics.term_ranks.span().first(hot.table.count);
     result.new_measures = hot.metrics.new_measures;
     result.milliseconds = hot.metrics.milliseconds;
-    return 0;
 }
 
 void hot_metrics_count_loose(st_hot_slice& hot) {

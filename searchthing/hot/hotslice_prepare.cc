@@ -163,7 +163,7 @@ int st_hot_slice_prepare(HOT* hot, uint32_t* num_values, uint32_t* num_terms, ui
             order_values(*hot, in_order);
         }
         st_list_head_qsort(*hot);
-        if (hot->mode == HOT_METRIC) ST_TRY(hot_metrics_order(*hot, rc));
+        if (hot->mode == HOT_METRIC) hot_metrics_order(*hot);
         if (in_order || !lists_ascend || !deal_postings_by_number(*hot)) {
             deal_postings(*hot);
             lists_ascend = lists_ascend && in_order;

@@ -3,9 +3,6 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cinttypes>
-#include <cstdio>
-#include <ctime>
 #include <new>
 
 #include "libzero/assertions.h"
@@ -65,7 +62,7 @@ uint64_t count_posting_bytes(const create_lists_t& lists) {
     uint64_t total = 0;
     const uint32_t* list = lists.postings.data();
     for (const uint32_t count : lists.counts) {
-        if (count == 0) continue;
+        ST_ASSERT(count != 0);
         uint64_t bytes = vbe_length(list[0]);
         for (uint32_t i = 1; i < count; i++) {
             const uint32_t gap = list[i] - list[i - 1];
@@ -120,12 +117,6 @@ int store_lexicon(WARM* warm, const hot_prepared_t& prepared, warm_rc_t* rc) {
     return 0;
 }
 
-int posting_overrun(uint32_t number, warm_rc_t* rc) {
-    std::fprintf(stderr, "%d overrun writing posting list: %" PRIu32 "\n", static_cast<int>(std::time(nullptr)),
-                 number);
-    return _set_rc_msg(rc, WARM_RC_CAPACITY, "overrun writing posting");
-}
-
 // A list of preambles does not tell how many values it stands for.
 st_term_metadata metric_record(const HOT* hot, uint32_t rank) {
     const hot_term_counts_t counts = hot_slice_prepared_counts(hot, rank);
@@ -152,12 +143,10 @@ int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, cons
     const uint32_t* list = lists.postings.data();
     for (uint32_t rank = 0; rank < lists.counts.size(); rank++) {
         const uint32_t count = lists.counts[rank];
-        ST_ASSERT(count != 0);
         uint32_t previous = 0;
         for (uint32_t i = 0; i < count; i++) {
             const uint32_t number = list[i];
-            ST_ASSERT(i == 0 || number > previous);
-            if (static_cast<uint64_t>(end - out) < POSTING_ROOM) return posting_overrun(number, rc);
+            ST_ASSERT((i == 0 || number > previous) && static_cast<uint64_t>(end - out) >= POSTING_ROOM);
             const uint32_t gap = number - previous;
             if (gap < 0x80) {
                 *out++ = static_cast<uint8_t>(gap);
@@ -215,7 +204,8 @@ int build_slice(WARM* warm, const HOT* hot, const TSWRITEOPTS* opts, create_metr
     ST_TRY(metrics != nullptr ? ds_store_values_from_prepared_hot(warm, hot, rc) : store_values(warm, hot, &times, rc));
     ST_TRY(store_lexicon(warm, prepared, rc));
     ST_TRY(store_postings(warm, hot, lists, times, used, rc));
-    return metrics == nullptr ? 0 : create_metrics_dimsets(warm, hot, used, rc);
+    if (metrics != nullptr) create_metrics_dimsets(warm, hot, used);
+    return 0;
 }
 
 WARM* _warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,

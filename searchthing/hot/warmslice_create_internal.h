@@ -29,11 +29,12 @@ struct create_metrics_t {
 
 // In the order of their calls: the column store, its reference and the other header fields of a metric slice, and the
 // posting lists; the values section and its companions, in a slice whose header is complete; the dimension sets behind
-// the posting lists, which end at `used`. Each returns 0 or a status.
+// the posting lists, which end at `used`. Those that can fail return 0 or
+// a status.
 [[nodiscard]] int create_metrics_open(create_metrics_t* metrics, const HOT* hot, st_warm_slice_body* header,
                                       warm_rc_t* rc);
 [[nodiscard]] int ds_store_values_from_prepared_hot(WARM* warm, const HOT* hot, warm_rc_t* rc);
-[[nodiscard]] int create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used, warm_rc_t* rc);
+void create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used);
 // Bytes of the dimension sets.
 uint64_t create_metrics_dimsets_size(const HOT* hot);
 

@@ -40,7 +40,7 @@ int map_postings(buffer<uint32_t>* out, const HOT* hot, warm_rc_t* rc) {
     if (!out->alloc(prepared.num_postings)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "metric postings");
     for (uint32_t i = 0; i < prepared.num_postings; i++) {
         const st_tsval* const value = hot_slice_prepared_value(hot, prepared.postings[i]);
-        if (value->address >= prepared.num_dimsets) return _set_rc_msg(rc, WARM_RC_CAPACITY, "invalid dsid");
+        ST_ASSERT(value->address < prepared.num_dimsets);
         (*out)[i] = run_of(prepared, value);
     }
     return 0;
@@ -96,16 +96,15 @@ uint64_t create_metrics_dimsets_size(const HOT* hot) {
     return st_dimsets_size(hot_slice_prepared(hot)->num_dimsets, static_cast<uint32_t>(words));
 }
 
-int create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used, warm_rc_t* rc) {
+void create_metrics_dimsets(WARM* warm, const HOT* hot, uint64_t* used) {
     const hot_prepared_t& prepared = *hot_slice_prepared(hot);
     const uint64_t start = warm_next_section(*used);
     const uint64_t size = create_metrics_dimsets_size(hot);
     ST_ASSERT(start + size <= warm->owned.size());
     const int status =
         st_dimset_create(warm->owned.data() + start, size, prepared.dimsets.data(), prepared.num_dimsets);
-    if (status != 0) return _set_rc_msg(rc, status, "st_dimset_create");
+    ST_ASSERT(status == 0);
     *used = start + size;
-    return 0;
 }
 
 }  // namespace veldar
