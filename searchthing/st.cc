@@ -210,12 +210,12 @@ int64_t st_apply_events(THING* thing, const QUERY* query, tsidx_event_fn fn, voi
 }
 
 int64_t st_apply_metric_events(THING* thing, const QUERY* query, tsidx_metric_event_fn fn, void* context) {
-    if (thing == nullptr || thing->tsidx == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    if (thing == nullptr) return WARM_RC_INVALID_ARGUMENT;
     return st_tsidx_apply_metric_events(directory_of(thing), query, fn, context);
 }
 int64_t st_apply_metric_events_of(THING* thing, const QUERY* query, const st_metric_options_t& options,
                                   tsidx_metric_event_fn fn, void* context) {
-    if (thing == nullptr || thing->tsidx == nullptr) return WARM_RC_INVALID_ARGUMENT;
+    if (thing == nullptr) return WARM_RC_INVALID_ARGUMENT;
     return st_tsidx_apply_metric_events_of(directory_of(thing), query, options, fn, context);
 }
 int st_measure_size(THING* thing, uint64_t* bytes) {

@@ -15,7 +15,7 @@ namespace {
 
 void write_status_file(const char* directory, int result, const warm_rc_t& rc) {
     ospath_buf path;
-    if (so_status_filename(&path, directory) != 0) path = {};
+    static_cast<void>(so_status_filename(&path, directory));  // else "", which cannot be created
     const unique_fd fd = osfile_create_anew(path.val);
     if (!fd.valid()) {
         _log(0, "ERROR failed to open file %s\n", path.val);

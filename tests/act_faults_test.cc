@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "libzero/change_stamp.h"
+#include "searchthing/directory/health.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/clock_behind.h"
@@ -82,6 +83,10 @@ TEST_F(ActFaults, AllOrTold) {
         {"drop",
          [&](TSIDX* tsidx, auto*) {
              tsidx_dropped_t dropped;
+             {
+                 const fault_truce own;
+                 fs::create_hard_link(path + "/" + name, path + "/9-9-9.pre-tsidx");
+             }
              return st_tsidx_drop_slices(tsidx, names, &dropped);
          },
          kept},
@@ -94,6 +99,7 @@ TEST_F(ActFaults, AllOrTold) {
              return count != 3 ? count : static_cast<int64_t>(infos[0].bytes + infos[2].events);
          },
          kept},
+        {"health", [&](TSIDX* tsidx, auto*) { return st_tsidx_health(tsidx); }, kept},
         {"terms", [&](TSIDX* tsidx, auto*) { return st_tsidx_distinct_term_count(tsidx); }, halfway},
         {"merge", merge, kept},
         {"merge lexicons",
@@ -112,17 +118,21 @@ TEST_F(ActFaults, AllOrTold) {
              return st_tsidx_replace(tsidx, name.c_str(), nullptr, aside.c_str(), stamp.modified_ns);
          },
          kept},
-        {"put and sync",
+        {"put and go",
          [&](TSIDX* tsidx, auto*) {
-             const st_txn txn = {.time = 99, .address = 99};
-             const std::string_view term[] = {"b"};
-             const int put = st_tsidx_put_event(tsidx, &txn, term);
-             return put != 0 ? put : st_tsidx_sync(tsidx);
+             int64_t told = 0;
+             for (const event_key& at : {event_key{99, 99}, {98, 100}, {97, 97}}) {
+                 const std::string_view term[] = {"b"};
+                 const st_txn txn = {.time = at.first, .address = at.second};
+                 if (told >= 0 && at.first == 97) told = st_tsidx_is_optimized(tsidx);
+                 if (told >= 0) told = st_tsidx_put_event(tsidx, &txn, term);
+             }
+             return told < 0 ? told : st_tsidx_cd(tsidx, path.c_str());
          },
          kept},
     };
     std::vector<event_key> most = query_keys(open_for_reading(kept).get(), "[AND]");
-    most.insert(most.begin(), {99, 99});
+    most.insert(most.begin(), {{99, 99}, {98, 100}, {97, 97}});
     const std::regex own_places(dir.path() + "/(index/)?"), numbers("[0-9]{3,}(-[0-9]+)*|(part|tsidx)\\.[0-9]+");
     std::string told;
     testing::internal::CaptureStderr();

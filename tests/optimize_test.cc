@@ -11,6 +11,7 @@
 #include <random>
 #include <set>
 
+#include "libzero/ospath-builder.h"
 #include "libzero/resource.h"
 #include "searchthing/base/st_init.h"
 #include "searchthing/directory/merge_manifest.h"
@@ -28,6 +29,7 @@
 #include "tests/support/seals.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/merging.h"
+#include "xxhash.h"
 
 namespace veldar {
 
@@ -62,6 +64,27 @@ TEST_F(Optimize, ManifestTooLongToBeReadIsNotWritten) {
     EXPECT_EQ(commit.declare(1, 9, sources, &rc), WARM_RC_DOES_NOT_FIT);
 }
 
+// The path of a directory that leaves no room for some of the names in it.
+TEST_F(Optimize, NamesWithoutRoom) {
+    const temp_dir dir;
+    const auto path = [&](size_t length) { return dir.path() + std::string(length - dir.path().size(), '/'); };
+    const directory_ptr nothing = open_directory(path(4094)), manifests = open_directory(path(4066));
+    const directory_ptr slices = open_directory(path(4065));
+    TSIDX* const parts = open_directory(path(4060)).release();
+    warm_rc_t rc;
+    ospath_buf name;
+    EXPECT_EQ(so_status_filename(&name, path(4094).c_str()), -1);
+    EXPECT_TRUE(st_tsidx_need_optimize(nothing.get()) == 0 && st_tsidx_set_need_optimize(nothing.get()) != 0);
+    EXPECT_EQ(tsidx_merge_commit(manifests.get()).begin(&rc), WARM_RC_PATH_TOO_LONG);
+    tsidx_merge_commit commit(slices.get());
+    EXPECT_EQ(commit.begin(&rc), 0) << rc.message;
+    EXPECT_EQ(commit.declare(1, 9, {"9-1-1.tsidx"}, &rc), WARM_RC_PATH_TOO_LONG);
+    ASSERT_EQ(put_event(parts, event_at(1)), 0);
+    EXPECT_EQ(st_tsidx_sync_part(parts), TSIDX_SYNC_FAILED);
+    EXPECT_EQ(st_tsidx_get_warm_rc(parts), WARM_RC_PATH_TOO_LONG);
+    st_tsidx_abandon(parts);
+}
+
 TEST_F(Optimize, ManifestIsBelievedOnlyWhole) {
     const merge_owner_t owner = merge_owner_self();
     const std::string text = merge_manifest_text(manifest_of(owner, {"9-3-1.tsidx", "2--1-2.0.7.part-tsidx"}));
@@ -91,6 +114,19 @@ TEST_F(Optimize, ManifestIsBelievedOnlyWhole) {
                                                     {"9-3-1.tsidx", "9-3-2.mini.tsidx"},
                                                     {"9-3-1.tsidx", "passwd"}}) {
         EXPECT_FALSE(merge_manifest_parse(merge_manifest_text(manifest_of(owner, sources)), &found));
+    }
+    // And over what one may have become: what is believed is all there is.
+    const std::string before = text.substr(0, text.rfind("check "));
+    for (size_t i = 0; i < before.size(); i++) {
+        for (const std::string& other : {std::string(), std::string(" "), std::string("\n"), std::string("x")}) {
+            std::string changed = before;
+            changed.replace(i, other.empty() ? before.find('\n', i) - i + 1 : 1, other);
+            char check[32];
+            std::snprintf(check, sizeof check, "check %016llx\n",
+                          static_cast<unsigned long long>(XXH64(changed.data(), changed.size(), 0)));
+            if (!merge_manifest_parse(changed + check, &found)) continue;
+            EXPECT_EQ(merge_manifest_text(found), changed + check);
+        }
     }
 }
 
@@ -184,7 +220,12 @@ TEST_F(Optimize, OnlyAMergeWhoseOwnerIsGoneIsUndone) {
     }
     const cut_off_merge merge(false);
     merge.write(merge_manifest_text(merge.manifest) + "x");
-    const std::string log = logged([&] { open_directory(merge.dir.path()); });
+    const auto opened = [&](uint64_t failures) {
+        const fault stuck(fault_call::rename, 1, EIO, failures);
+        return logged([&] { open_directory(merge.dir.path()); });
+    };
+    EXPECT_NE(opened(1).find("WARN  a merge that was cut off was not settled"), std::string::npos);
+    const std::string log = opened(0);
     EXPECT_NE(log.find("WARN  a damaged merge manifest was set aside"), std::string::npos) << log;
 }
 

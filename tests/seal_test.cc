@@ -272,7 +272,11 @@ TEST_F(Seal, ToolsSealAndCheck) {
         st_tsidx_write_opts_set_defaults(&options);
         options.seal = 0;
         const directory_ptr tsidx(st_tsidx_open(dir_.path().c_str(), 0, 0, &options, TSIDX_ORDINARY_WRITER));
-        ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"lonely"}}), 0);
+        for (uint32_t i = 1; i < 3; i++) {
+            ASSERT_EQ(put_event(tsidx.get(), {.time = 1, .address = i, .terms = {"lonely"}}), 0);
+            ASSERT_EQ(st_tsidx_sync(tsidx.get()), 0);
+        }
+        EXPECT_EQ(merge_all(tsidx.get()), 0);
     }
     ASSERT_EQ(sealed_slices(dir_.path()), 0u);
     EXPECT_EQ(run({"fsck"}).out, "1 slices checked, no faults; 1 without a seal\n");

@@ -6,6 +6,7 @@
 #include "searchthing/directory/health.h"
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tests/support/faults.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/temp_dir.h"
 
@@ -48,6 +49,10 @@ TEST(St, RefusedOpens) {
     st_query_set_time_bound(&query, true, 0, 0, 9, 0);
     const st_metric_options_t all = {};
     EXPECT_EQ(st_query(nullptr, &query, nullptr, 1, 0), -1);
+    for (uint64_t nth = 1; nth <= 2; nth++) {
+        const fault_step starved(fault_action::allocation, nth);
+        EXPECT_EQ(st_query(nullptr, &query, nullptr, 1, 0), WARM_RC_NO_MEMORY);
+    }
     EXPECT_TRUE(st_get(nullptr, "a", 0, 9, nullptr, 1) == -1 && st_enum(nullptr, "a", nullptr, 1, false) == -1);
     EXPECT_TRUE(st_meta(nullptr, nullptr) == -1 && st_is_optimized(nullptr) == -1 && st_health(nullptr) == -1);
     for (const int64_t status :
@@ -69,6 +74,11 @@ TEST(St, ReadingChangesNothing) {
     EXPECT_TRUE(st_delete_by_keys(thing, nullptr, 1) == -1 && st_delete_by_addrs(thing, nullptr, 1) == -1);
     tsidx_dropped_t dropped;
     EXPECT_EQ(st_tsidx_drop_slices(st_directory(thing), {"2-1-1.tsidx"}, &dropped), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_tsidx_replace(st_directory(thing), "2-1-1.tsidx", nullptr, "", 0), WARM_RC_UNSUPPORTED);
+    EXPECT_EQ(st_tsidx_seal(st_directory(thing), "2-1-1.tsidx"), WARM_RC_UNSUPPORTED);
+    st_tsval answer;
+    EXPECT_EQ(st_get(thing, nullptr, 0, 9, &answer, 1), WARM_RC_INVALID_ARGUMENT);
+    EXPECT_TRUE(st_get(thing, nullptr, 0, 9, nullptr, 1) == 0 && st_get(thing, nullptr, 9, 0, &answer, 1) == 0);
     EXPECT_EQ(st_close(thing), 0);
     EXPECT_TRUE(files_in(dir.path(), "").empty());
 }

@@ -108,8 +108,18 @@ TEST(Tsidx, Keywords) {
     EXPECT_EQ(put_event(tsidx.get(), {.st = wide, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(put_event(tsidx.get(), {.h = ~uint32_t{0}, .terms = {"a"}}), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(st_tsidx_get_warm_rc(tsidx.get()), WARM_RC_DOES_NOT_FIT);
-    EXPECT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"kept", std::string(3000, 'x'), "kept"}}), 0);
-    EXPECT_EQ(st_tsidx_keywords_cut(tsidx.get()), 1u);
+    const st_txn wider{.source = wide};
+    EXPECT_EQ(st_tsidx_txn_start(tsidx.get(), &wider), WARM_RC_DOES_NOT_FIT);
+    ASSERT_EQ(st_tsidx_txn_start(tsidx.get(), &txn), 0);
+    EXPECT_EQ(put("a"), 0);
+    EXPECT_EQ(st_tsidx_txn_close(tsidx.get(), &wider), WARM_RC_DOES_NOT_FIT);
+    const std::string too_long(3000, 'x'),
+        log = logged([&] {
+            EXPECT_EQ(put_event(tsidx.get(), {.time = 1, .address = 1, .terms = {"kept", too_long, too_long, "kept"}}),
+                      0);
+        });
+    EXPECT_TRUE(log.find("WARN") != log.npos && log.find("WARN") == log.rfind("WARN")) << "told once" << log;
+    EXPECT_EQ(st_tsidx_keywords_cut(tsidx.get()), 2u);
     ASSERT_EQ(st_tsidx_close(tsidx.release()), 0);
     expect_all_indexed(dir, {{.time = 1, .address = 1, .terms = {"kept", std::string(2047, 'x')}}});
 }
@@ -172,6 +182,9 @@ TEST(Tsidx, TransactionsTooLargeForAnyHotSlice) {
     for (int i = 0; i < 3000; i++) large.terms.push_back("term number " + std::to_string(10000 + i));
     const forge_event small{.time = 1, .address = 2, .terms = {"small"}};
     ASSERT_EQ(put_event(tsidx.get(), small), 0);
+    st_tsidx_set_params(tsidx.get(), 512, 32768, 1024, 1024, uint64_t{1} << 29, 1024);
+    EXPECT_EQ(put_event(tsidx.get(), large), HOT_PUT_RC_POSTINGS_FULL) << "limits out of range grow no further";
+    st_tsidx_set_params(tsidx.get(), 512, 32768, 1024, 1024, 8192, 1024);
     ASSERT_EQ(put_event(tsidx.get(), large), 0);
     EXPECT_EQ(st_tsidx_max_terms(tsidx.get()), 8192u);
     EXPECT_EQ(st_tsidx_max_postings(tsidx.get()), 8192u);

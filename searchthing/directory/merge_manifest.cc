@@ -43,9 +43,9 @@ bool take_owner(std::string_view* text, merge_owner_t* owner) {
     std::string_view words;
     if (!text->starts_with(FIRST_LINE)) return false;
     text->remove_prefix(FIRST_LINE_SIZE);
-    if (!take_line(text, "owner", &words)) return false;
+    const bool has_owner = take_line(text, "owner", &words);
     const size_t first = words.find(' '), second = words.find(' ', first + 1);
-    if (first == words.npos || second == words.npos) return false;
+    if (!has_owner || first == words.npos || second == words.npos) return false;
     const std::from_chars_result number = std::from_chars(words.data(), words.data() + first, owner->process, 10);
     if (number.ec != std::errc() || number.ptr != words.data() + first) return false;
     owner->boot = words.substr(first + 1, second - first - 1);
@@ -108,14 +108,14 @@ bool merge_manifest_parse_owner(std::string_view text, merge_owner_t* owner) {
 bool merge_manifest_parse(std::string_view text, merge_manifest_t* manifest) {
     const size_t check = text.rfind("check ");
     if (check == text.npos || text.substr(check) != check_line(text.substr(0, check))) return false;
-    std::string_view rest = text.substr(0, check), name;
+    std::string_view rest = text.substr(0, check), target, temp, source;
     merge_manifest_t found;
-    if (!take_owner(&rest, &found.owner) || !take_line(&rest, "target", &name)) return false;
-    found.target = name;
-    if (!take_line(&rest, "temp", &name)) return false;
-    found.temp = name;
-    while (take_line(&rest, "source", &name)) found.sources.emplace_back(name);
-    if (!rest.empty() || !names_are_right(found)) return false;
+    const bool is_begun =
+        take_owner(&rest, &found.owner) && take_line(&rest, "target", &target) && take_line(&rest, "temp", &temp);
+    found.target = target;
+    found.temp = temp;
+    while (take_line(&rest, "source", &source)) found.sources.emplace_back(source);
+    if (!is_begun || !rest.empty() || !names_are_right(found)) return false;
     *manifest = std::move(found);
     return true;
 }

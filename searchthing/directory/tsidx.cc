@@ -45,12 +45,13 @@ uint64_t* limit_behind(tsidx_limits_t* limits, int code) {
 void tune(TSIDX* tsidx, int code) {
     tsidx_limits_t tuned = tsidx->limits;
     uint64_t* const limit = limit_behind(&tuned, code);
-    if (limit == nullptr || *limit > AUTOTUNE_MAX_BYTES) return;
+    ST_ASSERT(limit != nullptr);
+    const bool is_huge = *limit > AUTOTUNE_MAX_BYTES;  // else nothing below wraps
     *limit *= 2;
     const uint64_t words = tsidx->is_msidx ? tuned.dimset_words : 0;
     const uint64_t measures = tsidx->is_msidx ? tuned.max_dimset_measures : 0;
-    if (st_hot_slice_size_est(tuned.lexicon_bytes, tuned.max_terms, tuned.max_postings, tuned.max_values, words,
-                              measures) > AUTOTUNE_MAX_BYTES) {
+    if (is_huge || st_hot_slice_size_est(tuned.lexicon_bytes, tuned.max_terms, tuned.max_postings, tuned.max_values,
+                                         words, measures) > AUTOTUNE_MAX_BYTES) {
         return;
     }
     tsidx->limits = tuned;
@@ -67,6 +68,13 @@ HOT* create_hot(TSIDX* tsidx, warm_rc_t* rc) {
 // Rounding yields 0 for what has no power of two above it; such a number stays, for creation to refuse.
 uint64_t as_power_of_two(uint64_t limit) {
     return std::max(limit, round_up_to_power_of_two(limit));
+}
+
+// The marker of a directory that waits for a merge; "" where its name has no room, which is no file's.
+const char* marker_path(const TSIDX* tsidx, ospath_builder* path) {
+    const char* const directory = tsidx->path.c_str();
+    if (ospath_builder_concat_two_paths_with_sep(path, directory, TSIDX_NEED_OPTIMIZE_NAME) != 0) return "";
+    return path->buf.val;
 }
 
 }  // namespace
@@ -230,24 +238,19 @@ void st_tsidx_set_durable(TSIDX* tsidx, int durable) {
 int st_tsidx_need_optimize(const TSIDX* tsidx) {
     ST_ASSERT(tsidx != nullptr);
     ospath_builder path;
-    if (ospath_builder_concat_two_paths_with_sep(&path, tsidx->path.c_str(), TSIDX_NEED_OPTIMIZE_NAME) != 0) return 0;
-    return ::access(path.buf.val, F_OK) == 0 ? 1 : 0;
+    return ::access(marker_path(tsidx, &path), F_OK) == 0 ? 1 : 0;
 }
 
 int st_tsidx_set_need_optimize(TSIDX* tsidx) {
     ST_ASSERT(tsidx != nullptr);
     ospath_builder path;
-    if (ospath_builder_concat_two_paths_with_sep(&path, tsidx->path.c_str(), TSIDX_NEED_OPTIMIZE_NAME) != 0) {
-        return WARM_RC_OPEN;
-    }
-    return ospath_mark(path.buf.val) == 0 ? 0 : WARM_RC_OPEN;
+    return ospath_mark(marker_path(tsidx, &path)) == 0 ? 0 : WARM_RC_OPEN;
 }
 
 int st_tsidx_clear_need_optimize(TSIDX* tsidx) {
     ST_ASSERT(tsidx != nullptr);
     ospath_builder path;
-    if (ospath_builder_concat_two_paths_with_sep(&path, tsidx->path.c_str(), TSIDX_NEED_OPTIMIZE_NAME) != 0) return 0;
-    return ::unlink(path.buf.val) == 0 || errno == ENOENT ? 0 : WARM_RC_WRITE;
+    return ::unlink(marker_path(tsidx, &path)) == 0 || errno == ENOENT ? 0 : WARM_RC_WRITE;
 }
 
 uint64_t st_tsidx_keywords_cut(const TSIDX* tsidx) {

@@ -131,7 +131,6 @@ bool is_same_file(const std::string& path, const struct stat& file) {
 // Whether a slice of the same time range is the same file.
 bool is_linked(const std::string& directory, const leftover& pre, const struct stat& pre_status,
                const std::vector<std::string>& names) {
-    if (pre_status.st_nlink < 2) return false;
     return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
         st_filename_metadata_t meta;
         return tsidx_is_slice_name(name.c_str(), &meta) && meta.latest == pre.meta.latest &&
@@ -200,8 +199,10 @@ int remove_second_name(const TSIDX* tsidx, const std::string& path) {
     }
     for (const std::string& name : names) {
         const std::string second = tsidx->path + "/" + name;
-        if (!name.ends_with(TSIDX_PRE_SUFFIX) || !is_same_file(second, status)) continue;
-        if (::unlink(second.c_str()) != 0 && errno != ENOENT) return -1;
+        if (!name.ends_with(TSIDX_PRE_SUFFIX)) continue;
+        errno = 0;
+        if (is_same_file(second, status)) ::unlink(second.c_str());
+        if (errno != 0 && errno != ENOENT) return -1;
     }
     return 0;
 }

@@ -133,12 +133,7 @@ bool grow_limits(TSIDX* tsidx) {
         raise(&grown.dimset_words, count + DS_MIN_WORDS);
         raise(&grown.max_dimset_measures, count);
     }
-    const tsidx_limits_t sane = tsidx_clamp_limits(grown);
-    if (sane.lexicon_bytes < grown.lexicon_bytes || sane.max_terms < grown.max_terms ||
-        sane.max_postings < grown.max_postings || sane.keywords_per_txn < grown.keywords_per_txn ||
-        sane.dimset_words < grown.dimset_words || sane.max_dimset_measures < grown.max_dimset_measures) {
-        return false;
-    }
+    if (!tsidx_limits_within(grown, tsidx_clamp_limits(grown))) return false;
     tsidx->limits = grown;
     return true;
 }
@@ -203,7 +198,7 @@ int st_tsidx_txn_put(TSIDX* tsidx, const char* text, size_t length, const st_txn
 int st_tsidx_put_event(TSIDX* tsidx, const st_txn* txn, std::span<const std::string_view> keywords) {
     ST_TRY(st_tsidx_txn_start(tsidx, txn));
     for (const std::string_view& keyword : keywords) {
-        if (put_keyword(tsidx, keyword.data(), keyword.size(), *txn, false) != 0) break;
+        static_cast<void>(put_keyword(tsidx, keyword.data(), keyword.size(), *txn, false));  // close tells
     }
     return st_tsidx_txn_close(tsidx, txn);
 }

@@ -288,7 +288,6 @@ int64_t st_tsidx_delete_by_addr(TSIDX* tsidx, const st_addr_t* addresses, size_t
     try {
         std::vector<st_addr_t> sorted(addresses, addresses + count);
         std::sort(sorted.begin(), sorted.end());
-        if (sorted.empty()) return 0;
         return delete_found(
             tsidx, TSIDX_FIRST_TIME, TSIDX_LAST_TIME,
             [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_addresses(warm, sorted, doomed, rc); });
@@ -305,7 +304,6 @@ int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query) {
         return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a delete takes no cumspan");
     }
     const st_query_spec& bounded = parsed.spec;
-    if (tsidx_is_empty_range(bounded)) return 0;
     return delete_found(
         tsidx, bounded.earliest.time_s, bounded.latest.time_s,
         [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, parsed, doomed, rc); });
@@ -340,9 +338,9 @@ tsidx_slice_facts_t st_tsidx_slice_facts(const TSIDX* tsidx, const std::string& 
         facts.values - (facts.is_metric ? warm_slice_runs(warm.get()) : warm_slice_count_deleted(warm.get()));
     facts.address_max = warm_header_is_rev1(warm->body) ? warm->body->seek_addr_max.get() : UINT32_MAX;
     facts.has_marks = !facts.is_metric && warm->d_array != nullptr;
-    uint32_t id = facts.values;
+    uint32_t id = facts.values;  // so that none is, where their times cannot be read
     if (facts.is_metric || time == TSIDX_FIRST_TIME) return facts;
-    if (tsidx_first_not_later(warm.get(), 0, time - 1, &id, &ignored) != 0) return facts;
+    static_cast<void>(tsidx_first_not_later(warm.get(), 0, time - 1, &id, &ignored));
     for (; id < facts.values; id++) facts.older += is_marked(warm.get(), id) ? 0 : 1;
     return facts;
 }

@@ -166,8 +166,8 @@ int make_sound_plan(TSIDX* tsidx, const tsidx_merge_rules_t& rules, tsidx_optimi
 
 int check_space(const TSIDX* tsidx, uint64_t needed, warm_rc_t* rc) {
     struct statvfs system;
-    if (::statvfs(tsidx->path.c_str(), &system) != 0) return 0;  // then the write will tell
-    const uint64_t free = uint64_t{system.f_bavail} * system.f_frsize;
+    const bool is_told = ::statvfs(tsidx->path.c_str(), &system) == 0;  // else the write will tell
+    const uint64_t free = is_told ? uint64_t{system.f_bavail} * system.f_frsize : UINT64_MAX;
     if (free >= needed) return 0;
     char message[128];
     std::snprintf(message, sizeof message, "a merge needs %llu bytes of disk space, and %llu are free",
