@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check_tokens(bytes.c_str(), token_case);
         size_t position = 0;
         const int status = validate_query_text(bytes.c_str(), token_case, &position);
-        walk_require(position <= bytes.size());
+        walk_require(position <= bytes.size() && walk_parse(bytes.c_str(), token_case) == status);
         st_query_spec query;
         st_query_init(&query);
         query.latest = {INT32_MAX, 0};

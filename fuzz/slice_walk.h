@@ -18,6 +18,7 @@
 #include "searchthing/slice/warmslice_lists.h"
 #include "searchthing/slice/warmslice_meta.h"
 #include "searchthing/slice/warmslice_runs.h"
+#include "searchthing/slice/warmslice_terms.h"
 #include "searchthing/slice/warmslice_values.h"
 
 namespace veldar {
@@ -122,7 +123,32 @@ inline int walk_term(int32_t, const char* text, size_t size, void* count) {
     return ++*static_cast<uint32_t*>(count) < WALK_LIMIT ? 1 : -1;
 }
 
+// The terms by prefix and needle, with what the slice tells of them.
+inline void walk_choices(WARM* warm) {
+    uint32_t visited = 0;
+    warm_rc_t rc;
+    const auto visit = [](const char* term, size_t length, uint64_t count, void* seen) {
+        walk_saw(count);
+        return walk_term(0, term, length, seen);
+    };
+    const int64_t total = warm_slice_apply_terms(warm, nullptr, visit, &visited, &rc);
+    walk_saw(static_cast<uint64_t>(total));
+    if (total < 0 && visited < WALK_LIMIT) walk_require(rc.warm_rc == total);
+    for (const auto& [prefix, needle] : {std::pair<const char*, const char*>{"h", "*a*"}, {"ha", "h*"}, {"b", "all"}}) {
+        const term_choice_t choice = {.prefix = prefix, .needle = needle, .after = {}, .wanted = {}};
+        warm_terms terms;
+        term_totals_t totals;
+        if (walk_told([&](auto* told) { return terms.open(warm, choice, 4096, told); }) != 0) continue;
+        for (uint32_t i = 0; i < WALK_LIMIT; i++) {
+            if (walk_told([&](auto* told) { return terms.next(told); }) != 0 || terms.at_end()) break;
+            walk_saw(terms.text());
+            if (walk_told([&](auto* told) { return terms.add_totals(&totals, told); }) == 0) walk_saw(totals.count);
+        }
+    }
+}
+
 inline void walk_terms(WARM* warm) {
+    walk_choices(warm);
     if (!st_warm_slice_has_fclex(warm)) return;
     uint32_t visited = 0;
     st_fclex_apply(warm->lexicon, nullptr, walk_term, &visited, nullptr);
@@ -180,11 +206,28 @@ inline void walk_selections(WARM* warm) {
     }
 }
 
+// What becomes of a text.
+inline int walk_parse(const char* text, token_case_t token_case) {
+    st_query_spec query;
+    query.lispy = text;
+    query.token_case = token_case;
+    parsed_query_t parsed;
+    const int status = walk_told([&](auto* told) { return parse_query(query, &parsed, told); });
+    for (const frame_t& frame : parsed.frames) {
+        walk_saw(static_cast<uint64_t>(frame._op) << 32 | frame.parent);
+        for (const auto* const words : {&frame._kw_list, &frame._not_kw_list})
+            for (const std::string& word : *words) walk_saw(word + " ");
+        for (const comp_t& one : frame._comparisons) walk_saw(one.field), walk_saw(one.number);
+    }
+    return status;
+}
+
 // One query in every way: answers, candidates, count and bitmap, which agree as far as each of them can be had.
-inline void walk_query(WARM* warm, const char* text, token_case_t token_case, st_timeval_t earliest = {INT32_MIN, 0}) {
+inline void walk_query(WARM* warm, const char* text, token_case_t token_case, st_timeval_t earliest = {INT32_MIN, 0},
+                       st_timeval_t before = {INT32_MAX, 0}) {
     st_query_spec query;
     st_query_init(&query);
-    st_query_set_time_bound(&query, true, earliest.time_s, earliest.time_ns, INT32_MAX, 0);
+    st_query_set_time_bound(&query, true, earliest.time_s, earliest.time_ns, before.time_s, before.time_ns);
     query.lispy = text;
     query.token_case = token_case;
     st_tsval answers[WALK_LIMIT];
@@ -205,7 +248,8 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case, st
     for (int i = 0; i < found; i++)
         walk_saw(uint64_t{answers[i].address} << 32 | static_cast<uint32_t>(answers[i].time));
     walk_saw(count << 32 | matches);
-    if (earliest.time_s != INT32_MIN) return;  // times that are out of order leave open what lies in a span
+    if (earliest.time_s != INT32_MIN || before.time_s != INT32_MAX)
+        return;  // times that are out of order leave open what lies in a span
     walk_require(found < 0 || possible < 0 || found <= possible);
     if (st_warm_slice_is_msidx(warm->body)) {
         // Bits stand for runs there, and a damaged d bit hides a value from the answers alone.
@@ -218,6 +262,30 @@ inline void walk_query(WARM* warm, const char* text, token_case_t token_case, st
     walk_require(found < 0 || static_cast<uint64_t>(found) == std::min<uint64_t>(matches, WALK_LIMIT));
 }
 
+// The literal operations by themselves: what they find is the same for whoever asks.
+inline void walk_literals(WARM* warm) {
+    const st_timeval_t first = {INT32_MIN, 0}, last = {INT32_MAX, 0};
+    const std::vector<std::string> one = {"all"};
+    const literal_group groups[] = {{one, {}, {}}, {{}, one, {}}};
+    for (const st_timeval_t& earliest : {first, last}) {
+        for (size_t i = 0; i < 2 * std::size(groups); i++) {
+            const literal_group& group = groups[i / 2];
+            id_range_t range;
+            query_result_t result;
+            const int status = walk_told([&](auto* told) {
+                return i % 2 == 0 ? and_literals(warm, group, false, &earliest, &last, &range, &result, nullptr,
+                                                 nullptr, true, nullptr, told)
+                                  : or_literals(warm, group, false, &earliest, &last, &range, &result, nullptr, told);
+            });
+            walk_require(status == 0 || match_kind(result) == MATCH_NOTHING);
+            walk_saw(uint64_t{match_kind(result)} << 62 | uint64_t{range.begin} << 31 | range.end);
+            for (const uint32_t id : match_list(result)) walk_saw(uint64_t{id});
+            for (const auto* const bits : {&result.bitmap, &result.not_bitmap})
+                walk_saw(std::string_view(reinterpret_cast<const char*>(bits->data()), bits->size()));
+        }
+    }
+}
+
 inline void walk_searches(WARM* warm) {
     const uint32_t values = st_warm_slice_values(warm);
     if (values > 1 << 16) return;
@@ -226,13 +294,16 @@ inline void walk_searches(WARM* warm) {
     if (values > 0) {
         walk_told([&](auto* told) { return get_tsval_timestamp(warm, values / 2, &middle.time_s, &subseconds, told); });
     }
-    bool is_bound = false;
-    for (const char* text :
-         {"[AND all]", "[OR h* *e [AND all [NOT *1*]]]", "[AND half [GT bytes 5] [OR x [NOT tenth]]]",
-          "[AND burst tenth [NEQ status 200]]", "[OR [NOT all] [LTE bytes 100]]", "[AND]",
-          "[OR \\ host::web1 [NOT \\ metric_name::cpu]]", "[AND \\ metric_name::* [GT \\ load 3]]"}) {
-        walk_query(warm, text, TOKEN_CASE_ASIS, is_bound ? middle : st_timeval_t{INT32_MIN, 0});
-        is_bound = !is_bound;
+    walk_literals(warm);
+    uint32_t number = 0;
+    const std::string long_field = "[AND [GT " + std::string(2046, 'n') + " 1]]";
+    for (const char* text : {"[AND all]", "[OR h* *e [AND all [NOT *1*]]]",
+                             "[AND half [GT bytes 5] [OR x [NOT tenth]]]", "[AND burst tenth [NEQ status 200]]",
+                             "[OR [NOT all] [LTE bytes 100]]", "[AND]", "[OR \\ host::web1 [NOT \\ metric_name::cpu]]",
+                             "[AND \\ metric_name::* [GT \\ load 3]]", long_field.c_str()}) {
+        const st_timeval_t first = {INT32_MIN, 0}, behind = {INT32_MAX, 0};
+        walk_query(warm, text, TOKEN_CASE_ASIS, number % 4 == 3 ? middle : first, number % 4 == 1 ? middle : behind);
+        number++;
     }
     walk_selections(warm);
 }
@@ -297,6 +368,8 @@ inline void walk_slice(WARM* warm) {
     walk_saw(uint64_t{st_warm_slice_blocksize(warm)});
     walk_saw(static_cast<uint64_t>(st_warm_slice_dimsets_offset(warm, &rc)));
     walk_require(st_warm_slice_size(warm, &rc) == warm->file_size);
+    const uint32_t last = st_warm_slice_values(warm) - 1;
+    if (warm->writable) walk_told([&](auto* told) { return warm_slice_set_deleted(warm, last, told); });
 }
 
 }  // namespace veldar

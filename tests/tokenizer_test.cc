@@ -6,7 +6,10 @@
 #include <random>
 #include <string>
 
+#include "fuzz/slice_walk.h"
+#include "libzero/ospath-builder.h"
 #include "searchthing/search/query.h"
+#include "tests/support/damage.h"
 
 namespace veldar {
 
@@ -81,12 +84,18 @@ TEST(Tokenizer, SomeTermsNoTextHolds) {
     EXPECT_TRUE(query_can_hold(std::string(2048, 'x')));
 }
 
-TEST(Tokenizer, DiscardNextTakesTheExpectedTokenOnly) {
-    tokenizer_t tokenizer;
-    init_tokenizer(&tokenizer, " [ x\\y", TOKEN_CASE_ASIS);
-    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_UNEXPECTED);
-    EXPECT_EQ(discard_next(&tokenizer, T_OPEN_BRACE), 0);
-    EXPECT_EQ(discard_next(&tokenizer, T_LITERAL), TOKEN_BAD_ESCAPE);
+// What becomes of every text of up to five words behind the first.
+TEST(ParseQuery, EveryShortText) {
+    constexpr const char* WORDS[] = {"[", "]", "AND", "NOT", "GT", "a", "7", "\\x"};
+    damage_outcomes outcomes;
+    for (uint32_t number = 0; number < 1 << 15; number++) {
+        std::string text = "[OR";
+        for (uint32_t left = number; left != 0; left /= 8) text += std::string(" ") + WORDS[left % 8];
+        walk_digest = 0;
+        const int status = walk_parse(text.c_str(), TOKEN_CASE_ASIS);
+        outcomes.add("text " + std::to_string(number / 32), status, std::to_string(walk_digest));
+    }
+    expect_kept("query-texts", outcomes.text());
 }
 
 TEST(Query, LatestBoundIsGivenExclusiveAndStoredInclusive) {
@@ -132,6 +141,8 @@ TEST(Query, CopiesOwnTheirTextAndForgetTheTokenCase) {
     st_query_free_copy(copy);
     st_query_free_copy(nullptr);
     st_query_init(nullptr);
+    string_builder nothing;
+    st_query_annotator_write(&nothing, nullptr);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ int warm_terms::look_up(warm_rc_t* rc) {
     looked_up_ = true;
     uint32_t id = 0;
     const int status = _fclex_get_with_status(warm_->lexicon, word.c_str(), &id, nullptr, rc);
-    if (status != 0) return status == WARM_RC_NOT_FOUND ? 0 : status;
+    if (status != 0) return status == WARM_RC_NOT_FOUND ? _set_rc(rc, WARM_RC_OK) : status;
     term_ = {.id = id, .length = static_cast<uint32_t>(word.size()), .text = word.c_str()};
     if (!is_wanted()) term_ = {};
     return 0;
