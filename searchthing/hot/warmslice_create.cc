@@ -3,6 +3,9 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
 #include <new>
 
 #include "libzero/assertions.h"
@@ -117,6 +120,12 @@ int store_lexicon(WARM* warm, const hot_prepared_t& prepared, warm_rc_t* rc) {
     return 0;
 }
 
+int posting_overrun(uint32_t number, warm_rc_t* rc) {
+    std::fprintf(stderr, "%d overrun writing posting list: %" PRIu32 "\n", static_cast<int>(std::time(nullptr)),
+                 number);
+    return _set_rc_msg(rc, WARM_RC_CAPACITY, "overrun writing posting");
+}
+
 // A list of preambles does not tell how many values it stands for.
 st_term_metadata metric_record(const HOT* hot, uint32_t rank) {
     const hot_term_counts_t counts = hot_slice_prepared_counts(hot, rank);
@@ -146,7 +155,8 @@ int store_postings(WARM* warm, const HOT* hot, const create_lists_t& lists, cons
         uint32_t previous = 0;
         for (uint32_t i = 0; i < count; i++) {
             const uint32_t number = list[i];
-            ST_ASSERT((i == 0 || number > previous) && static_cast<uint64_t>(end - out) >= POSTING_ROOM);
+            ST_ASSERT(i == 0 || number > previous);
+            if (static_cast<uint64_t>(end - out) < POSTING_ROOM) return posting_overrun(number, rc);
             const uint32_t gap = number - previous;
             if (gap < 0x80) {
                 *out++ = static_cast<uint8_t>(gap);

@@ -22,7 +22,7 @@ namespace veldar {
 //
 // The returned handle has no descriptor and owns the slice's bytes in memory: its values, lexicon and header can be
 // read, posting readers on it answer WARM_RC_MINIFIED. Null on failure: the status of preparing, WARM_RC_DOES_NOT_FIT
-// for a section that does not fit the format, WARM_RC_PATH_TOO_LONG, or
+// for a section that does not fit the format, WARM_RC_CAPACITY "overrun writing posting", WARM_RC_PATH_TOO_LONG, or
 // WARM_RC_OPEN, WARM_RC_WRITE or WARM_RC_CLOSE of the file.
 WARM* st_warm_slice_create(HOT* hot, ospath_buf* filename, const ospath_char_t* prefix, const ospath_char_t* suffix,
                            const TSWRITEOPTS* opts, warm_rc_t* rc);

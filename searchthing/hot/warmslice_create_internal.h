@@ -29,8 +29,7 @@ struct create_metrics_t {
 
 // In the order of their calls: the column store, its reference and the other header fields of a metric slice, and the
 // posting lists; the values section and its companions, in a slice whose header is complete; the dimension sets behind
-// the posting lists, which end at `used`. Those that can fail return 0 or
-// a status.
+// the posting lists, which end at `used`. Those that can fail return 0 or a status.
 [[nodiscard]] int create_metrics_open(create_metrics_t* metrics, const HOT* hot, st_warm_slice_body* header,
                                       warm_rc_t* rc);
 [[nodiscard]] int ds_store_values_from_prepared_hot(WARM* warm, const HOT* hot, warm_rc_t* rc);

@@ -40,7 +40,7 @@ int map_postings(buffer<uint32_t>* out, const HOT* hot, warm_rc_t* rc) {
     if (!out->alloc(prepared.num_postings)) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "metric postings");
     for (uint32_t i = 0; i < prepared.num_postings; i++) {
         const st_tsval* const value = hot_slice_prepared_value(hot, prepared.postings[i]);
-        ST_ASSERT(value->address < prepared.num_dimsets);
+        if (value->address >= prepared.num_dimsets) return _set_rc_msg(rc, WARM_RC_CAPACITY, "invalid dsid");
         (*out)[i] = run_of(prepared, value);
     }
     return 0;

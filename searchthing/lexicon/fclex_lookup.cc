@@ -99,7 +99,7 @@ class block_finder {
     int read_first(uint64_t block, uint64_t low, uint64_t high, std::span<const uint8_t>* term) {
         fclex_extent extent;
         if (high - low + 2 <= WINDOW_ENTRIES && !bo_reader_holds(ends_, block)) {
-            static_cast<void>(bo_reader_get(&ends_, low, high - low + 2, &extent));  // the next call tells a failure
+            if (bo_reader_get(&ends_, low, high - low + 2, &extent) != 0) return WARM_RC_READ;
         }
         if (bo_reader_get(&ends_, block, 2, &extent) != 0) return WARM_RC_READ;
         if (decode_first(extent, term)) return 0;

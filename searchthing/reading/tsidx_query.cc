@@ -24,6 +24,7 @@ int newest_events(TSIDX* tsidx, event_cursor_options_t options, const st_query_s
                   uint32_t capacity) {
     ST_ASSERT(answers != nullptr || capacity == 0);
     capacity = std::min<uint32_t>(capacity, INT_MAX);
+    if (capacity == 0 || tsidx_is_empty_range(query)) return 0;
     std::array<event_t, 128> events;
     uint32_t held = 0;
     warm_rc_t rc;
@@ -140,8 +141,9 @@ int st_tsidx_query(TSIDX* tsidx, const st_query_spec* query, st_tsval* answers, 
 int st_tsidx_get(TSIDX* tsidx, const char* term, st_time_t earliest, st_time_t latest, st_tsval* answers,
                  uint32_t capacity) {
     ST_ASSERT(tsidx != nullptr);
+    if (term == nullptr) return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "no term");
     event_cursor_options_t options;
-    options.term = term;  // a query without text when there is none
+    options.term = term;
     return newest_events(tsidx, std::move(options), query_of_times(earliest, latest), answers, capacity);
 }
 

@@ -56,6 +56,7 @@ int64_t apply_distinct(TSIDX* tsidx, const char* prefix, const char* needle, tsi
 
 int st_tsidx_enum(TSIDX* tsidx, const char* prefix, st_enum_answer* answers, uint32_t capacity, bool case_flag) {
     ST_ASSERT(tsidx != nullptr && (answers != nullptr || capacity == 0));
+    if (capacity == 0) return 0;
     capacity = std::min<uint32_t>(capacity, INT_MAX / 2);
     return static_cast<int>(tsidx_over_snapshot(tsidx, [&](tsidx_snapshot& snapshot) -> int64_t {
         // The answers so far, and behind them those of one slice: the first `capacity` of every slice hold the first

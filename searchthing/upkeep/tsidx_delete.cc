@@ -288,6 +288,7 @@ int64_t st_tsidx_delete_by_addr(TSIDX* tsidx, const st_addr_t* addresses, size_t
     try {
         std::vector<st_addr_t> sorted(addresses, addresses + count);
         std::sort(sorted.begin(), sorted.end());
+        if (sorted.empty()) return 0;
         return delete_found(
             tsidx, TSIDX_FIRST_TIME, TSIDX_LAST_TIME,
             [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_addresses(warm, sorted, doomed, rc); });
@@ -304,6 +305,7 @@ int64_t st_tsidx_delete_by_query(TSIDX* tsidx, const st_query_spec* query) {
         return _set_rc_msg(&tsidx->last_failure, WARM_RC_INVALID_ARGUMENT, "a delete takes no cumspan");
     }
     const st_query_spec& bounded = parsed.spec;
+    if (tsidx_is_empty_range(bounded)) return 0;
     return delete_found(
         tsidx, bounded.earliest.time_s, bounded.latest.time_s,
         [&](WARM* warm, doomed_values* doomed, warm_rc_t* rc) { return find_matches(warm, parsed, doomed, rc); });
