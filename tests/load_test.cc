@@ -1,4 +1,5 @@
 // What is new in a file is loaded, once: whatever happens to the file, to the load and to what is beneath it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -380,6 +381,26 @@ TEST_F(Load, APipeIsKept) {
     for (int i = 0; i < 20; i++) ::symlink("/dev/full", (bucket + "/spool-" + std::to_string(i)).c_str());
     const tool_result full = load({"-"}, {file("again")});
     EXPECT_TRUE(full.status == 5 && full.err.find("cannot make " + bucket + "/spool-") != full.err.npos) << full.err;
+}
+
+// In the middle of a record: what is kept ends before it, and with the rest sent again nothing is missing or twice.
+TEST_F(Load, AnInterruptedPipeSaysWhatToSendAgain) {
+    const lines all = log_lines(0, 4000);
+    const std::string text = joined(all), kept = "the first ";
+    ASSERT_EQ(::mkfifo(file("pipe").c_str(), 0600), 0);
+    const unique_fd stays_open(::open(file("pipe").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_GT(::fcntl(stays_open.get(), F_SETPIPE_SZ, 1 << 20), static_cast<int>(text.size()));
+    ASSERT_TRUE(::write(stays_open.get(), text.data(), text.size() - 10) == static_cast<ssize_t>(text.size()) - 10);
+    const tool_result ended = run_tool("veldar/veldar", {"-s", store(), "load", "-"},
+                                       {.input = file("pipe"), .signal = SIGINT, .after_us = 3000000});
+    EXPECT_EQ(ended.status, 130) << ended.err;
+    const size_t at = ended.err.find(kept);
+    ASSERT_NE(at, std::string::npos) << ended.err;
+    const size_t size = std::strtoul(&ended.err[at + kept.size()], nullptr, 10);
+    EXPECT_EQ(text[size - 1], '\n') << size;
+    write_file(file("rest"), text.substr(size));
+    EXPECT_EQ(load({"-"}, {file("rest")}).status, 0);
+    EXPECT_EQ(records(), sorted(all));
 }
 
 TEST_F(Load, DirectoriesAreLoadedInTheOrderOfNames) {

@@ -30,7 +30,7 @@ struct load_steps {
     std::function<bool(const std::string& path, std::string* error)> load;
     std::function<void()> close;
     std::function<std::string()> summary;  // of what was loaded
-    // After a failure: what the user can do, empty for nothing to say. Does not throw.
+    // After a failure: what the user can do, empty for nothing to say. Throws std::bad_alloc at most.
     std::function<std::string(const failure_t& failure)> give_up;
 };
 

@@ -86,11 +86,12 @@ void loader_tell(loader* load, const std::string& message);
 // were last seen at the path. How many events; nothing when none is known. With `again` only what can be loaded anew is
 // forgotten, and *error says why this cannot. For a loader that has not loaded yet.
 std::optional<uint64_t> loader_forget(loader* load, const std::string& path, bool again, std::string* error);
-// Whether forgetting what can be loaded anew at the path would forget the file of this number.
+// Whether forgetting what can be loaded anew at the path would forget the file of this number; *error says why nothing
+// can be.
 bool loader_means(loader* load, const std::string& path, uint32_t number, std::string* error);
 // Syncs, saves the progress and closes.
 void loader_close(loader* load);
-// After a failure: keeps what can still be kept, and returns what the user can do about the rest. Does not throw.
+// After a failure: keeps what can still be kept, and returns what the user can do about the rest. Throws std::bad_alloc at most.
 std::string loader_give_up(loader* load);
 
 }  // namespace veldar::tool

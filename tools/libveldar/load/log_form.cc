@@ -159,6 +159,7 @@ const line_format* log_form_choose(const load_options& options, std::string_view
 
 const line_format* log_form_of_file(const load_options& options, std::string_view head, const std::string& recorded,
                                     format_context* context) {
+    skip_utf8_mark(&head);
     format_context first_context = *context;
     const line_format* const format = log_form_choose(options, head, recorded, context);
     if (has_given_form(options) || !recorded.empty()) return format;

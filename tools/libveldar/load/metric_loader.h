@@ -59,7 +59,7 @@ void metric_loader_open(metric_loader* load, const std::string& directory, const
 bool metric_loader_load(metric_loader* load, const std::string& path, std::string* error);
 // Writes what is left and closes.
 void metric_loader_close(metric_loader* load);
-// What the user can do after a failure. Does not throw.
+// What the user can do after a failure. Throws std::bad_alloc at most.
 std::string metric_loader_give_up(const metric_loader& load);
 
 }  // namespace veldar::tool

@@ -21,7 +21,7 @@ struct line_reader {
     std::string error;  // why the input ended early; empty for its real end
 };
 
-// Reads from the input's present offset.
+// Reads from the input's present offset. Throws std::bad_alloc.
 void line_reader_open(line_reader* reader, log_input* input);
 // The next line without its newline; the caller may change it, and it is valid until the next call. One of more than
 // LINE_MAX_BYTES is passed over: then `too_long` is set. False at the end; the beginning of a line that could not be

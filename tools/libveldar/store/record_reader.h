@@ -31,7 +31,7 @@ struct record_reader {
     int spool_errno = 0;    // why the spool could not be written
 };
 
-// Reads from the input's present offset, by the cut as it is set.
+// Reads from the input's present offset, by the cut as it is set. Throws std::bad_alloc.
 void record_reader_open(record_reader* reader, log_input* input, uint64_t limit);
 // The next record: its offset and at most RECORD_MAX bytes of its content, valid until the next call. False at the end:
 // reader->offset then stands behind the last record.
