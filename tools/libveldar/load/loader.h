@@ -91,7 +91,8 @@ std::optional<uint64_t> loader_forget(loader* load, const std::string& path, boo
 bool loader_means(loader* load, const std::string& path, uint32_t number, std::string* error);
 // Syncs, saves the progress and closes.
 void loader_close(loader* load);
-// After a failure: keeps what can still be kept, and returns what the user can do about the rest. Throws std::bad_alloc at most.
+// After a failure: keeps what can still be kept, and returns what the user can do about the rest. Throws std::bad_alloc
+// at most.
 std::string loader_give_up(loader* load);
 
 }  // namespace veldar::tool
