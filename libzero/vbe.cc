@@ -1,5 +1,7 @@
 #include "libzero/vbe.h"
 
+#include <bit>
+
 #include "libzero/assertions.h"
 
 namespace veldar {
@@ -42,11 +44,8 @@ uint32_t decode_from_byte_str(const uint8_t* bytes, uint32_t index, uint32_t wid
 }
 
 uint64_t round_up_to_power_of_two(uint64_t value) {
-    if (value <= 1) return value;
-    if (value > uint64_t{1} << 63) return 0;
-    const uint64_t power = uint64_t{1} << (64 - __builtin_clzll(value - 1));
-    ST_ASSERT(power >= value && power / 2 < value);
-    return power;
+    constexpr uint64_t LAST = uint64_t{1} << 63;
+    return value == 0 || value > LAST ? 0 : std::bit_ceil(value);
 }
 
 }  // namespace veldar

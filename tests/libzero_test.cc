@@ -72,6 +72,10 @@ void expect_decimal(T value, uint32_t (*convert)(char*, T), uint32_t (*count)(T)
 }
 
 TEST(Decimal, AgreesWithTheLibraryAroundEveryPowerOfTwoAndTen) {
+    const uint64_t top = uint64_t{1} << 63;
+    for (const auto& [value, power] : {std::pair<uint64_t, uint64_t>(0, 0), {1, 1}, {5, 8}, {top, top}, {top + 1, 0}}) {
+        EXPECT_EQ(round_up_to_power_of_two(value), power);
+    }
     std::vector<uint64_t> values = {0, ~uint64_t{0}};
     for (uint64_t p = 1; p <= 1000000000000000000u; p *= 10) values.insert(values.end(), {p - 1, p, p + 1});
     values.push_back(10000000000000000000u);
@@ -231,6 +235,12 @@ TEST_F(FileMutex, BothProtocolsExcludeAndLeaveOnlyTheLockWithItsText) {
         EXPECT_EQ(lock((dir_.path() + "/none/p").c_str()), FILEMUTEX_ERROR);
         EXPECT_EQ(lock(std::string(4092, 'x').c_str()), FILEMUTEX_ERROR);
     }
+    std::string deep = dir_.path();  // the lock's name fits, that of a temporary file does not
+    while (deep.size() < 4086) deep += "/.";
+    EXPECT_EQ(filemutex_lock_by_link((deep + "/p").c_str()), FILEMUTEX_ERROR);
+    const fake_host nameless(std::string(300, 'h'));
+    EXPECT_EQ(filemutex_lock_by_link(path_.c_str()), FILEMUTEX_ERROR);
+    EXPECT_TRUE(names().empty());
 }
 
 // The lock is had when the file is ours, whatever the link reported, and only then.
@@ -269,6 +279,12 @@ TEST_F(FileMutex, TheLinkedFileDecides) {
         EXPECT_EQ(filemutex_unlock(path_.c_str()), result);
     }
     EXPECT_EQ(filemutex_unlock(path_.c_str()), FILEMUTEX_OK);
+    {
+        const fault_step step(3, [&] { write_file(lock, "another's"); });
+        EXPECT_EQ(filemutex_lock_by_link(path_.c_str()), FILEMUTEX_HELD) << "for good";
+        EXPECT_GE(pauses.microseconds(), 5000000u);
+        std::filesystem::remove(lock);
+    }
     for (const fault_call call : {fault_call::stat, fault_call::link}) {
         const fault broken(call, 1, ENOSPC);
         EXPECT_EQ(filemutex_lock_by_link(path_.c_str()), FILEMUTEX_ERROR);
@@ -321,17 +337,19 @@ TEST_F(FileMutex, OnlyAStaleLockIsBroken) {
 // What a failing call makes of each, and what it leaves.
 TEST_F(FileMutex, EveryFailingCall) {
     std::string all;
+    const no_pauses pauses;
     const std::function<int(const char*)> acts[] = {
         filemutex_lock,
         filemutex_lock_by_link,
         filemutex_unlock,
         filemutex_is_locked,
         [](const char* path) { return filemutex_unlock_forced(path, std::time(nullptr) + 100); },
+        filemutex_lock_by_link,  // of a lock that another holds
         [this](const char*) { return filemutex_test_capability(dir_.path().c_str()); }};
     for (size_t act = 0; act < std::size(acts); act++) {
         for (uint64_t nth = 1, calls = 0; nth <= calls + 1; nth++) {
             for (const std::string& name : names()) ::unlink(dir_.file(name).c_str());
-            if (act >= 2 && act <= 4) write_file(path_ + ".lock", "");
+            if (act >= 2 && act <= 5) write_file(path_ + ".lock", "");
             const fault_step step(fault_action::fail, nth, EIO);
             all += std::to_string(act) + " " + std::to_string(acts[act](path_.c_str()));
             const fault_truce own;
