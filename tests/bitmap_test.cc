@@ -65,6 +65,14 @@ TEST(Bitmap, SeekReadsNoChunkBeforeTheTarget) {
     EXPECT_EQ(id, 1000 + (1u << 27));
     ASSERT_EQ(bitmap_reader_seek(&reader, 0xFFFFFFF0, &id, &rc), 0);
     EXPECT_EQ(id, END);
+    for (const auto move : {bitmap_reader_seek, +[](bitmap_reader_t*r, uint32_t, uint32_t*to, warm_rc_t*status) {
+                                return bitmap_reader_next(r, to, status);
+                            }}) {
+        ASSERT_EQ(bitmap_reader_init(&reader, fd.get(), 0, list.size(), nullptr, &rc), 0);
+        ASSERT_EQ(bitmap_reader_next(&reader, &id, &rc), 0);
+        const fault disk(fault_call::pread, 1, EIO);
+        EXPECT_EQ(move(&reader, 1000 + (1u << 27), &id, &rc), WARM_RC_READ);
+    }
     const unique_fd few = open_file(dir.file("g"), bitmap_list({1000, 1040, 1100, 1200}));
     ASSERT_EQ(bitmap_reader_init(&reader, few.get(), 0, 28, nullptr, &rc), 0);
     for (const auto& [target, event] : {std::pair(1090u, 1100u), {1000u, 1200u}}) {  // never back
@@ -86,10 +94,11 @@ TEST(Bitmap, WriterRefusals) {
     ASSERT_EQ(bitmap_writer_append(&writer, 100, &rc), 0);
     EXPECT_EQ(bitmap_writer_append(&writer, 99, &rc), WARM_RC_INVALID_ARGUMENT);
     EXPECT_EQ(bitmap_writer_append(&writer, 124, &rc), WARM_RC_WRITE);
+    uint64_t size = 0;
+    EXPECT_EQ(bitmap_writer_close(&writer, &size, true), WARM_RC_WRITE);
     writer.fd = writable.get();
     for (const uint32_t id : {124u, 140u, 130u}) ASSERT_EQ(bitmap_writer_append(&writer, id, &rc), 0) << id;
     EXPECT_EQ(bitmap_writer_append(&writer, 123, &rc), WARM_RC_INVALID_ARGUMENT);
-    uint64_t size = 0;
     ASSERT_EQ(bitmap_writer_close(&writer, &size, true), 0);
     EXPECT_EQ(read_file(dir.file("f")), bitmap_list({100, 124, 130, 140}));
     EXPECT_EQ(bitmap_writer_append(&writer, 125, &rc), WARM_RC_OPEN);

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -279,6 +280,16 @@ TEST(Dimset, DamageEndsInAStatus) {
         EXPECT_EQ(ds_writer_append(&writer, ds_dimset_at(six.data()), &rc), 0);
         EXPECT_EQ(ds_writer_append(&writer, ds_dimset_at(six.data()), &rc), status);
     }
+    // Sections that together have more words than a section can.
+    const section_file much(section_of(model()), 0);
+    const int fds[] = {much.fd.get(), much.fd.get()};
+    const st_warm_slice_body* const headers[] = {&much.header, &much.header};
+    const uint64_t offsets[] = {much.at - 8, much.at - 8};
+    ds_header_t header;
+    ds_header_init(&header, 0, 0x80000000);
+    ASSERT_EQ(::pwrite(much.fd.get(), &header, sizeof header, static_cast<off_t>(much.at)), int64_t{sizeof header});
+    ASSERT_EQ(::ftruncate(much.fd.get(), off_t{9} << 30), 0);
+    EXPECT_EQ(st_dimset_merge(2, fds, headers, offsets, nullptr, &info, &writer, &rc), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(st_dimset_merge(65, nullptr, nullptr, nullptr, nullptr, &info, &writer, &rc), WARM_RC_INVALID_ARGUMENT);
 }
 

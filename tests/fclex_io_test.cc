@@ -53,12 +53,12 @@ struct sources_t {
         bytes += "gap" + body;
     }
     int merge(uint32_t tperb, uint64_t page_size, uint32_t* const* maps = nullptr,
-              uint64_t failing_allocation = ~uint64_t{0}) {
+              uint64_t failing_allocation = ~uint64_t{0}, uint64_t failing = 1) {
         fd.reset(::memfd_create("sources", MFD_CLOEXEC));
         EXPECT_EQ(::write(fd.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         const std::vector<int> fds(offsets.size(), fd.get());
         ends.assign(offsets.size(), 0);
-        const fault_step step(fault_action::allocation, failing_allocation);
+        const fault_step step(fault_action::allocation, failing_allocation, 0, failing);
         const int status = st_fclex_merge_n(false, fds.data(), offsets.data(), static_cast<uint32_t>(fds.size()), tperb,
                                             page_size, &writer, &merged_count, &bitmaps, ends.data(), maps, &rc);
         EXPECT_EQ(status, rc.warm_rc);
@@ -245,12 +245,14 @@ TEST(FclexIo, EveryFailedCallIsReported) {
         all.insert(terms.begin(), terms.end());
         sources.add(created(terms, tperb));
     }
-    for (uint64_t nth = 1;; nth++) {
-        const int status = sources.merge(1, 100, nullptr, nth);
-        if (status == 0) break;
-        ASSERT_EQ(status, WARM_RC_NO_MEMORY);
-        ASSERT_EQ(sources.writer.pages, nullptr);
-        ASSERT_LT(nth, 1000U);
+    for (const uint64_t failing : {uint64_t{1} << 60, uint64_t{1}}) {
+        for (uint64_t nth = 1;; nth += failing == 1 ? 1 : 9) {
+            const int status = sources.merge(1, 100, nullptr, nth, failing);
+            if (status == 0) break;
+            ASSERT_EQ(status, WARM_RC_NO_MEMORY);
+            ASSERT_EQ(sources.writer.pages, nullptr);
+            ASSERT_LT(nth, 1000U);
+        }
     }
     ASSERT_EQ(sources.close(), 0);
     EXPECT_EQ(sources.merged_body(), created({all.begin(), all.end()}, 1));
@@ -284,6 +286,18 @@ TEST(FclexIo, WriterRefusals) {
     {
         const fault_step no_memory(fault_action::allocation, 1);
         EXPECT_EQ(_lex_writer_put(&writer, "A", 1), WARM_RC_NO_MEMORY) << "the seventeenth";
+    }
+    // Counts at the end of 32 bits.
+    constexpr uint64_t MOST = UINT32_MAX;
+    ASSERT_EQ(_lex_writer_open(false, &writer, 1, 0, 0), 0);
+    writer._cursor = MOST;
+    EXPECT_EQ(_lex_writer_put(&writer, "a", 1), WARM_RC_DOES_NOT_FIT);
+    for (const auto member : {&lex_writer_t::_blocks_off, &lex_writer_t::_uncompressed_size}) {
+        ASSERT_EQ(_lex_writer_open(false, &writer, 1, 0, 0), 0);
+        ASSERT_EQ(_lex_writer_put(&writer, "a", 1), 0);
+        writer.*member = MOST + 1;
+        uint64_t end = 0;
+        EXPECT_EQ(_lex_writer_close(false, &writer, -1, 0, &end), WARM_RC_DOES_NOT_FIT);
     }
     lex_reader_t reader;
     EXPECT_EQ(_lex_reader_open(&reader, -1, -1), WARM_RC_INVALID_ARGUMENT);

@@ -13,6 +13,7 @@
 
 #include "searchthing/lexicon/fclex_cursor.h"
 #include "searchthing/lexicon/fclex_internal.h"
+#include "tests/support/faults.h"
 
 namespace veldar {
 namespace {
@@ -227,6 +228,15 @@ TEST(Fclex, CreationRefusesWhatIsNotALexicon) {
 TEST(Fclex, ADamagedEndHarmsNoSearchThatNeedsTheStart) {
     std::vector<std::string> terms;
     for (int i = 0; i < 4000; i++) terms.push_back("term " + std::to_string(10000 + i));
+    for (uint64_t nth = 1, failed = 1; failed != 0; nth++) {
+        const opened o(create_body(terms, 2), true);
+        const fault disk(fault_call::pread, nth, EIO);
+        uint32_t id = 0;
+        warm_rc_t rc;
+        const int status = _fclex_get_with_status(o.lex.get(), terms[3000].c_str(), &id, nullptr, &rc);
+        failed = disk.hits();
+        EXPECT_TRUE(status == 0 ? id == 3000 : failed != 0 && status == WARM_RC_READ) << nth;
+    }
     const std::string good = create_body(terms, 8);
     for (const bool in_file : {false, true}) {
         for (const char damage : {'\0', '\x7F', '\xFF'}) {
@@ -265,6 +275,13 @@ TEST(Fclex, NamesTheDamage) {
             EXPECT_EQ(st_fclex_get(o.lex.get(), "b", nullptr), c.get);
         }
     }
+    // A body whose length nobody tells ends where its blocks say.
+    std::string endless = forge_body({"a", "b", "c", "d", "e"}, 1);
+    endless.replace(12 + 4 * 2, 4, 4, '\0');
+    const lexicon unbounded(st_fclex_open(endless.data()));
+    uint32_t none = 0;
+    warm_rc_t status;
+    EXPECT_EQ(_fclex_get_with_status(unbounded.get(), "e", &none, nullptr, &status), WARM_RC_CORRUPT);
     const opened o(body.substr(0, 31), true);
     char text[ST_TERM_BUFFER_SIZE];
     warm_rc_t rc;

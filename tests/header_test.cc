@@ -104,6 +104,14 @@ TEST(Header, WidthsAndSizesOfDegenerateRanges) {
     h.wflags.set(WARM_FLAG_PREAMBLES);
     h.num_dimsets.set(1);
     EXPECT_EQ(warm_header_tsval_encoded_array_size(&h), (0x04000000ull + 1) * 8);
+    st_warm_slice_body shorter = header_of("_TSIDX7");  // which ends before that number
+    shorter.num_values.set(100);
+    shorter.latest.set(0xFFFF);
+    shorter.wflags.set(WARM_FLAG_PREAMBLES);
+    shorter.num_dimsets.set(3);
+    EXPECT_EQ(warm_header_tsval_encoded_array_size(&shorter), 100u * 16 / 8);
+    uint64_t at = 0;
+    EXPECT_NE(st_warm_slice_offsets(-1, &at, &at, &at, &at, &at, &at, &at, &at, &at), 0);
     h.num_dimsets.set(0x08000002);
     EXPECT_FALSE(tsval_counts_agree(&h));
     tsval_reader_t reader;

@@ -227,6 +227,10 @@ TEST_F(MergeTest, NothingIsLostOrAdded) {
     const std::vector<test_source> both = {forge(live, forge_as_created(4)), forge(dead, forge_as_created(4))};
     merge(both, options, {});
     merge({both[1], both[0]}, options, {});
+    // A list of two pieces, the second of them without live events.
+    event_list longer = forge_random_events(5, 4200);
+    for (size_t i = 0; i < longer.size(); i++) longer[i].deleted = i < 200;
+    merge({forge(longer, forge_as_created(4)), both[0]}, options, {});
     // Such a term's record is looked at, too.
     forge_picture picture;
     forge_options old;
@@ -258,6 +262,7 @@ TEST_F(MergeTest, TermsWithoutEventsAndSlicesWithoutValues) {
             std::filesystem::remove(path);
         }
     }
+    expect_kept("merges-bare", made);
 }
 
 // The encoding follows the size: the four kinds of lists, and the rule that keeps readers from losing a bitmap's tail.
@@ -308,6 +313,10 @@ TEST_F(MergeTest, ListsTakeTheShortestForm) {
         const bool reads = call == fault_call::pread;
         EXPECT_EQ(find(9, reads ? texts[0] : std::string(11, 'x')), reads ? WARM_RC_READ : WARM_RC_WRITE);
     }
+    writer.written = uint64_t{1} << 40;  // so far behind no list is remembered
+    const uint64_t used = in_file.used;
+    EXPECT_EQ(find(9, "z"), -1);
+    EXPECT_EQ(in_file.used, used);
     for (const uint32_t first : {0x1FFFFFu, 0x200000u}) {
         for (const uint32_t bytes : {8000u, 9000u}) {
             std::vector<uint32_t> ids;

@@ -18,6 +18,7 @@
 #include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/faults.h"
+#include "tests/support/forge_metric.h"
 #include "tests/support/fsck.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/metric_events.h"
@@ -186,6 +187,20 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
         EXPECT_EQ(merge_slices(paths, dir.path(), &rc), "");
         EXPECT_STREQ(rc.message, at < last ? "cstore footer is corrupted" : "column of a term that does not exist");
     }
+    // Values, though no run that holds them.
+    const temp_dir empty;
+    forge_metric_picture picture;
+    const std::string bare = forge_metric_file(empty.path(), forge_random_metrics(1, 1), {}, 1, &picture);
+    std::string runless = read_file(bare);
+    store_be32(runless.data() + 96, 0);
+    runless[23] = static_cast<char>(runless[23] + 8);  // where the run was
+    ds_header_t no_sets;
+    ds_header_init(&no_sets, 0, 0);
+    std::memcpy(runless.data() + picture.at.dimsets, &no_sets, sizeof no_sets);
+    write_file(bare, runless);
+    warm_rc_t none;
+    EXPECT_EQ(merge_slices({bare, bare}, empty.path(), &none), "");
+    EXPECT_STREQ(none.message, "values without a run");
     write_file(paths[0], good);
     const char* names[] = {paths[0].c_str(), paths[1].c_str()};
     warm_merge_options_t stopped;

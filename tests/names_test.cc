@@ -44,8 +44,9 @@ TEST(FileNames, ThreeNumbersInRangeAndASuffixParse) {
 TEST(FileNames, NothingElseDoes) {
     for (const char* name :
          {"2147483648-1-5.tsidx", "1--2147483649-5.tsidx", "1-2-18446744073709551616.tsidx", "1-2--3.tsidx",
-          "1-+-2-3.tsidx", " 1-2-3.tsidx", "1- 2-3.tsidx", "1-2-3x.tsidx", "1-2-3.tsidx.deleted", "1-2-3.pre-tsidx",
-          "1-2-3.1.1.part-tsidx", "1-2-3", "1-2.tsidx", "1--2.tsidx", "1-2-3.tsidx/", ".tsidx", ""}) {
+          "1-+-2-3.tsidx", " 1-2-3.tsidx", "1- 2-3.tsidx", "1x2-3.tsidx", "1-2x3.tsidx", "1-2-3x.tsidx",
+          "1-2-3.tsidx.deleted", "1-2-3.pre-tsidx", "1-2-3.1.1.part-tsidx", "1-2-3", "1-2.tsidx", "1--2.tsidx",
+          "1-2-3.tsidx/", ".tsidx", ""}) {
         st_filename_metadata_t meta;
         EXPECT_EQ(st_tsidx_file_parse(name, &meta), 0) << name;
         EXPECT_EQ(st_mini_tsidx_file_parse(name, &meta), 0) << name;

@@ -141,6 +141,10 @@ TEST(Bitpack, PaddingAndRefusals) {
     EXPECT_EQ(bp_writer_append(&bp, 1, 1, &rc), WARM_RC_CAPACITY);
     EXPECT_STREQ(rc.message, "meta writer buffer insufficient");
     EXPECT_EQ(words[0] & words[1], 0xFFFFFFFFull);
+    bp_writer_open(&bp, 1 << 20, words.data(), 0, 0);  // no such file, and no room
+    bp.bit_cursor = 64;
+    bp.capacity = 1;
+    EXPECT_EQ(bp_writer_append(&bp, 1, 1, &rc), WARM_RC_WRITE);
 }
 
 }  // namespace veldar

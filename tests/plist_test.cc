@@ -226,6 +226,36 @@ TEST(Plist, LongListsSurviveWriterAndReader) {
     }
 }
 
+// Every write failing once: told by the call that meets it, or by the one that closes the writer.
+TEST(Plist, WriterTellsOfFailures) {
+    temp_dir dir;
+    std::vector<uint32_t> sets(20000);
+    for (uint32_t i = 0; i < sets.size(); i++) sets[i] = i / 3;
+    for (const uint32_t type : {PLO_RLE, PLO_BMAP}) {
+        for (uint64_t nth = 1, failed = 1; failed != 0; nth++) {
+            const unique_fd fd = open_file(dir.file("section"));
+            const fault disk(fault_call::pwrite, nth, EIO);
+            plist_writer_t plw;
+            _plist_writer_open(&plw, fd.get(), 0, sets);
+            plw.plo_type = type;
+            int status = 0;
+            for (uint32_t term = 0; term < 4 && status == 0; term++) {
+                status = _plist_writer_start_term(&plw);
+                for (uint32_t id = term; id < sets.size() && status == 0; id += term == 0 ? 19990 : 1) {
+                    status = _plist_writer_put(&plw, id);
+                    if (id % 2000 < 1950) continue;
+                    if (status == 0) status = _plist_writer_end_term(&plw);
+                    if (status == 0) status = _plist_writer_start_term(&plw);
+                }
+                if (status == 0) status = _plist_writer_end_term(&plw);
+            }
+            if (status == 0) status = _plist_writer_close(&plw);
+            failed = disk.hits();
+            ASSERT_EQ(status, failed != 0 ? WARM_RC_WRITE : 0) << nth;
+        }
+    }
+}
+
 // With groups of gaps and without, with marks and without: damage is found where it is, whatever was read before.
 TEST(Plist, DamageFarIntoAListIsFoundByEveryReader) {
     const uint32_t values = 200000;
@@ -271,7 +301,9 @@ bool ask(kept_lists* lists, reader_owner* r, uint32_t term, uint32_t first, uint
 // Groups stop before the last word of a bitmap that is not whole, before `stop`, and before bytes that are not theirs.
 TEST(GapGroups, KeepTheirBounds) {
     if (!gap_groups_usable()) GTEST_SKIP() << "no vectors";
-    const std::vector<uint8_t> gaps(96, 1);
+    const std::vector<uint8_t> gaps(96, 1), wide(96, 100);
+    gap_span far = {wide.data(), wide.data() + 96, wide.data() + 96, 0};
+    EXPECT_FALSE(gap_groups_seek(&far, 150, 160)) << "200 is no event";
     for (const uint64_t bound : {1u, 63u, 64u, 70u, 127u, 128u, 1000u}) {
         for (const size_t stop : {0u, 1u, 40u, 96u}) {
             gap_span span = {gaps.data(), gaps.data() + stop, gaps.data() + gaps.size(), 0};

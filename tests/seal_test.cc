@@ -132,6 +132,9 @@ TEST_F(Seal, DamageOfTheSealIsToldAndNothingElse) {
         EXPECT_NE(check(slice, 0, &covered).find("seal is damaged"), std::string::npos) << byte;
         write_file(seal, bytes);
     }
+    fs::resize_file(seal, uint64_t{1} << 42);
+    EXPECT_NE(check(slice, 0, &covered).find("seal is damaged"), std::string::npos) << "nobody reads so much";
+    write_file(seal, bytes);
     EXPECT_EQ(remove(3), 1) << "a delete goes on beside a seal";
     write_file(seal, "VELDAR SEAL 1\nslice 1\nsize 1\n");
     EXPECT_EQ(remove(4), 1) << "or beside one that is damaged";

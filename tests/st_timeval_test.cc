@@ -7,6 +7,8 @@
 #include <string>
 
 #include "searchthing/base/list.h"
+#include "tests/support/damage.h"
+#include "tests/support/faults.h"
 
 namespace veldar {
 
@@ -33,29 +35,13 @@ TEST(TimeValue, CarriesBorrowsAndSaturates) {
 }
 
 TEST(TimeValue, FromFileNameComponents) {
-    const struct {
-        const char* text;
-        int parsed;
-        st_timeval_t value;
-    } cases[] = {{"1700000000", 1, {1700000000, 0}},
-                 {"-5", 1, {-5, 0}},
-                 {"5.5", 1, {5, 500000000}},
-                 {"5.05", 1, {5, 500000000}},
-                 {"5.0", 1, {5, 0}},
-                 {"12.123456789123", 1, {12, 123456789}},
-                 {"12.5x", 0, {}},
-                 {"12x", 0, {}},
-                 {"12.-5", 0, {}},
-                 {"12.", 0, {}},
-                 {"2147483648", 0, {}},
-                 {"99999999999999999999", 0, {}},
-                 {"", 0, {}},
-                 {"1.99999999999999999999999", 0, {}}};
-    for (const auto& c : cases) {
+    const std::vector<std::string> rows = data_rows("file-name-times");
+    for (size_t i = 0; i + 1 < rows.size(); i += 2) {
         errno = 0;
         st_timeval_t out = {};
-        EXPECT_EQ(st_timeval_from_ospath(&out, c.text), c.parsed) << c.text;
-        EXPECT_EQ(out, c.value) << c.text;
+        std::string said = std::to_string(st_timeval_from_ospath(&out, rows[i].c_str()));
+        said += " " + std::to_string(out.time_s) + " " + std::to_string(out.time_ns);
+        EXPECT_EQ(said, rows[i + 1]) << rows[i];
     }
     errno = ERANGE;
     st_timeval_t out;
@@ -83,6 +69,10 @@ TEST(List, KeepsItsOrderAfterItRanEmpty) {
     EXPECT_EQ(push_front(list, &items[1]), 0);
     append_list_node(list)->item = &items[2];
     EXPECT_EQ(push_front(list, &items[0]), 0);
+    {
+        const fault_step no_memory(fault_action::allocation, 1);
+        EXPECT_EQ(push_front(list, &items[2]), -1);
+    }
     EXPECT_TRUE(get_count(list) == 3 && top_front(list) == &items[0]);
     for (int& item : items) EXPECT_EQ(pop_front(list), &item);
     list_apply(nullptr, nullptr, nullptr);

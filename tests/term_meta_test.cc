@@ -101,6 +101,8 @@ TEST(TermMeta, WriterRefusesWhatItsFieldsCannotHold) {
     EXPECT_EQ(term_meta_writer_append(&writer, &one, &rc), WARM_RC_CAPACITY);
     term_meta_reader_t reader;
     EXPECT_EQ(term_meta_reader_open(&reader, disk.get(), nullptr, &counts, true, nullptr, &rc), WARM_RC_CORRUPT);
+    const st_warm_slice_body huge = packed_header(0xFFFFFFFF, INT32_MIN, INT32_MAX, 0xFFFFFFFF);  // of 96 bits a term
+    EXPECT_EQ(term_meta_reader_open(&reader, disk.get(), nullptr, &huge, true, nullptr, &rc), WARM_RC_DOES_NOT_FIT);
     EXPECT_EQ(term_meta_writer_open(&writer, -1, &full, &rc), WARM_RC_INVALID_ARGUMENT);
     {
         const fault_step no_memory(fault_action::allocation, 1);

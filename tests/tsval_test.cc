@@ -11,7 +11,10 @@
 #include "libzero/vbe.h"
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/slice/warmslice_values.h"
+#include "searchthing/values/values_writer.h"
+#include "tests/support/faults.h"
 #include "tests/support/forge.h"
+#include "tests/support/forge_metric.h"
 #include "tests/support/temp_dir.h"
 
 namespace veldar {
@@ -27,11 +30,10 @@ st_warm_slice_body make_header(const char* magic, uint64_t flags, uint32_t num_v
     return header;
 }
 
-void expect_value(const st_tsval& value, const forge_event& event, bool companions, uint32_t id) {
+void expect_value(const st_tsval& value, const forge_event& event, uint32_t id) {
     EXPECT_EQ(value.time, event.time) << id;
     EXPECT_EQ(value.address, event.address) << id;
     EXPECT_EQ(value.subsecond, 0u) << id;
-    if (!companions) return;
     EXPECT_EQ(value.s, event.deleted ? ST_DELETED_SOURCE : event.s) << id;
     EXPECT_TRUE(value.measure == event.measure && value.st == event.st && value.h == event.h) << id;
 }
@@ -51,8 +53,7 @@ std::string write_packed(const st_warm_slice_body& header, const std::vector<st_
 
 }  // namespace
 
-TEST(Tsval, EverySliceKindDecodesFromMemoryAndFromTheFile) {
-    std::mt19937 random(1);
+TEST(Tsval, EverySliceKindDecodesFromMemory) {
     for (const forge_options& options : forge_all_kinds()) {
         SCOPED_TRACE(options.name());
         temp_dir dir;
@@ -67,29 +68,56 @@ TEST(Tsval, EverySliceKindDecodesFromMemoryAndFromTheFile) {
         st_tsval value;
         for (uint32_t id = 0; id < count; id++) {
             ASSERT_EQ(tsval_reader_decode(&warm->tsval_reader, id, &value, false, 0, &rc), 0) << rc.message;
-            expect_value(value, picture.values[id], true, id);
+            expect_value(value, picture.values[id], id);
         }
         EXPECT_EQ(tsval_reader_decode(&warm->tsval_reader, count, &value, false, 0, &rc), WARM_RC_CORRUPT);
-        for (const uint64_t cache : {8u, 64u, 4096u}) {
-            tsval_reader_t reader;
-            ASSERT_EQ(tsval_reader_open_partial(&reader, warm->fd.get(), warm->body, cache, nullptr, nullptr, &rc), 0);
-            for (uint32_t i = 0; i < 600; i++) {
-                const uint32_t id = i < count ? i : static_cast<uint32_t>(random() % count);
-                const uint32_t hint = static_cast<uint32_t>(random() % count);
-                ASSERT_EQ(tsval_reader_decode(&reader, id, &value, false, hint, &rc), 0) << rc.message;
-                expect_value(value, picture.values[id], false, id);
-                EXPECT_EQ(value.s & value.st & value.h, UINT32_MAX) << "absent";
-                st_time_t seconds = 0;
-                uint64_t nanoseconds = 1;
-                ASSERT_EQ(tsval_reader_decode_time(&reader, id, &seconds, &nanoseconds, &rc), 0);
-                EXPECT_TRUE(seconds == value.time && nanoseconds == 0);
-            }
-            st_tsval preamble;
-            EXPECT_EQ(tsval_reader_decode_preamble(&reader, reader.num_preambles, &preamble, &rc), WARM_RC_CORRUPT);
-            EXPECT_STREQ(rc.message, "expected preamble");
-            tsval_reader_close(&reader);
-        }
         EXPECT_EQ(st_warm_slice_close(warm), 0);
+    }
+}
+
+// The file gives what memory does, whatever is cached and expected next; a read that fails is told of.
+TEST(Tsval, FilesGiveWhatMemoryDoes) {
+    std::mt19937 random(1);
+    const temp_dir dir;
+    std::vector<std::string> paths;
+    for (const forge_options& options : forge_all_kinds()) {
+        paths.push_back(forge_file(dir.path(), forge_random_events(options.seed, 100), options, paths.size()));
+    }
+    for (const bool milliseconds : {false, true}) {
+        const forge_metric_options options{.milliseconds = milliseconds, .terms = {}};
+        paths.push_back(forge_metric_file(dir.path(), forge_random_metrics(7, 90), options, paths.size()));
+    }
+    for (size_t i = 0; i < 3 * paths.size(); i++) {
+        SCOPED_TRACE(i);
+        warm_rc_t rc;
+        const warm_ptr warm(st_warm_slice_open_rdonly(paths[i / 3].c_str(), &rc));
+        const uint32_t count = st_warm_slice_values(warm.get());
+        tsval_reader_t reader;
+        const uint64_t cache = i % 3 == 0 ? 8 : i % 3 == 1 ? 64 : 4096;
+        ASSERT_EQ(tsval_reader_open_partial(&reader, warm->fd.get(), warm->body, cache, nullptr, nullptr, &rc), 0);
+        st_tsval want = {}, got = {};
+        for (uint32_t step = 0; step < 2 * count; step++) {
+            const auto id = static_cast<uint32_t>(step < count ? step : random() % count);
+            const auto hint = static_cast<uint32_t>(random() % count);
+            const bool as_preamble = id < reader.num_preambles && random() % 2 == 0;
+            ASSERT_EQ(tsval_reader_decode(&warm->tsval_reader, id, &want, false, 0, &rc), 0);
+            for (uint64_t nth = 1, failed = 1; failed != 0; nth++) {
+                const fault disk(fault_call::pread, nth, EIO);
+                const int status = as_preamble ? tsval_reader_decode_preamble(&reader, id, &got, &rc)
+                                               : tsval_reader_decode(&reader, id, &got, false, hint, &rc);
+                failed = disk.hits();
+                ASSERT_EQ(status, failed != 0 ? WARM_RC_READ : 0) << id;
+            }
+            st_time_t seconds = 0;
+            uint64_t nanoseconds = 1;
+            ASSERT_EQ(tsval_reader_decode_time(&reader, id, &seconds, &nanoseconds, &rc), 0);
+            EXPECT_TRUE(got.time == want.time && got.address == want.address && seconds == want.time) << id;
+            EXPECT_TRUE(as_preamble || nanoseconds == got.subsecond) << id;
+            EXPECT_EQ(as_preamble || (got.s & got.st & got.h) == UINT32_MAX, true) << "companions are absent";
+        }
+        EXPECT_EQ(tsval_reader_decode_preamble(&reader, reader.num_preambles, &got, &rc), WARM_RC_CORRUPT);
+        EXPECT_STREQ(rc.message, "expected preamble");
+        tsval_reader_close(&reader);
     }
 }
 
@@ -170,6 +198,11 @@ TEST(Tsval, WriterRefusesWhatTheHeaderCannotHold) {
     }
     EXPECT_EQ(status, 0);
     EXPECT_EQ(tsval_preamble_writer_put_preamble(&preambles, 1, 1, &rc), WARM_RC_WRITE);
+    const st_warm_slice_body plain = make_header("Veldar4", 0, 9000);
+    values_writer_t values;
+    ASSERT_EQ(values_writer_open(&values, &plain, full.get(), nullptr, &rc), 0);
+    for (status = 0; status < 9000 && values_writer_put(&values, {}, &rc) == 0; status++) continue;
+    EXPECT_TRUE(status == 8192 && rc.warm_rc == WARM_RC_WRITE) << status;
 }
 
 TEST(Tsval, CompanionsOfEveryWidth) {

@@ -73,12 +73,11 @@ int emit(dimset_context_t* c, ds_merge_info_t* info, ds_writer_t* writer, warm_r
     const ds_dimset_t* last = ds_writer_last_appended(writer);
     const int order = last == nullptr ? -1 : ds_dimset_compare(last, c->current());
     if (order > 0) return _set_rc_verbose(rc, WARM_RC_CORRUPT, c->source, "ordering violation");
-    if (order < 0 && ds_writer_append(writer, c->current(), rc) != 0) {
-        return _set_rc_verbose(rc, rc->warm_rc, c->source, "ds_writer_put fail");
-    }
-    ST_ASSERT(c->next_id > 0 && writer->num_dimsets > 0);
+    // A section's sets lie one behind the other in its words, so that all of them fit.
+    const int status = order < 0 ? ds_writer_append(writer, c->current(), rc) : 0;
+    ST_ASSERT(c->next_id > 0 && (status != 0 || writer->num_dimsets > 0));
     info->dimset_old2new_id_maps[c->source][c->next_id - 1] = writer->num_dimsets - 1;
-    return 0;
+    return status;
 }
 
 int st_dimset_merge_helper(std::span<dimset_context_t> contexts, ds_merge_info_t* info, ds_writer_t* writer,

@@ -108,9 +108,11 @@ struct fclex_piece {
     uint64_t start = 0, end = 0;  // in the blocks area
 
     bool has(const fclex_extent& extent) const { return extent.start >= start && extent.end <= end; }
-    // The bytes of a block of which it has the start; those behind the block too when the piece has an end.
+    // The bytes of a block of which it has the start; those behind the block too when the piece has an end. None of a
+    // block that ends before it starts.
     std::span<const uint8_t> from(const fclex_extent& extent) const {
-        return {data + (extent.start - start), (end == NO_END ? extent.end : end) - extent.start};
+        return {data + (extent.start - start),
+                (end == NO_END ? std::max(extent.start, extent.end) : end) - extent.start};
     }
 };
 // All blocks of a body in memory.

@@ -127,7 +127,6 @@ class block_finder {
     // Decodes the first term of a block from what is in memory.
     bool decode_first(const fclex_extent& extent, std::span<const uint8_t>* term) const {
         if (extent.start < piece_.start || extent.start > piece_.end) return false;
-        if (piece_.end == fclex_piece::NO_END && extent.end < extent.start) return false;
         const std::span<const uint8_t> bytes = piece_.from(extent);
         uint32_t length;
         const uint32_t used = vbe_decode_bounded(&length, bytes.data(), bytes.data() + bytes.size());

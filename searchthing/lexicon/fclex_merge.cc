@@ -96,7 +96,7 @@ int check_size(const lex_reader_t* reader, uint64_t size) {
 
 struct merge_t {
     uint32_t count;
-    std::unique_ptr<lex_reader_t[]> readers;
+    std::vector<lex_reader_t> readers;
     lex_writer_t* writer;
     bmap_array_t* source_bitmaps;
     uint32_t* const* old2new;
@@ -135,7 +135,7 @@ int open_sources(merge_t* merge, const int* fds, const int64_t* body_offsets, ui
 // The bits of one width. `entries` has room for every term of the sources.
 template <typename Bits>
 int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
-    loser_tree tree(merge->readers.get(), merge->count);
+    loser_tree tree(merge->readers.data(), merge->count);
     tree.start();
     lex_writer_t* writer = merge->writer;
     uint32_t common = UINT32_MAX;  // of the last term put and those passed over since
@@ -162,8 +162,8 @@ int run(merge_t* merge, Bits* entries, warm_rc_t* rc) {
         const bool at_end = reader->cursor == reader->shape.terms;
         tree.replay({player.source, at_end ? AT_END : static_cast<int32_t>(reader->common)});
     }
-    const lex_reader_t* const readers = merge->readers.get();
-    ST_ASSERT(std::all_of(readers, readers + merge->count, [](const auto& r) { return r.cursor == r.shape.terms; }));
+    const std::vector<lex_reader_t>& readers = merge->readers;
+    ST_ASSERT(std::all_of(readers.begin(), readers.end(), [](const auto& r) { return r.cursor == r.shape.terms; }));
     // The last block is still open.
     ST_ASSERT(writer->_cursor == 0 || writer->_bo_idx + 1 == fclex_shape(writer->_cursor, writer->tperb).blocks());
     return 0;
@@ -183,9 +183,12 @@ int st_fclex_merge_n(bool verbose, const int* fds, const int64_t* body_offsets, 
     ST_ASSERT(src_sz <= ((sizeof(bmap64_t) * 8)));
     *writer = {};
     bmap_array_free(source_bitmaps);
-    merge_t merge = {src_sz, nullptr, writer, source_bitmaps, old2new, passed_over, stop};
-    merge.readers.reset(new (std::nothrow) lex_reader_t[src_sz]);
-    if (merge.readers == nullptr) return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "readers in st_fclex_merge_n");
+    merge_t merge = {src_sz, {}, writer, source_bitmaps, old2new, passed_over, stop};
+    try {
+        merge.readers = std::vector<lex_reader_t>(src_sz);
+    } catch (const std::bad_alloc&) {
+        return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "readers in st_fclex_merge_n");
+    }
     ST_TRY(open_sources(&merge, fds, body_offsets, body_end_offsets, rc));
 
     uint64_t possible_terms = 0;

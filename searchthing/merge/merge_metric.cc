@@ -49,8 +49,7 @@ int load_runs(merge_source_t* source, merge_metric_source_t* metric, std::span<c
         return _set_rc_msg(rc, WARM_RC_NO_MEMORY, "runs of a metric slice");
     }
     ST_TRY(tsval_reader_fetch_preambles_multiple(warm, 0, metric->runs.data(), runs, rc));
-    const uint32_t end = runs == 0 ? 0 : metric->runs[runs - 1].first + metric->runs[runs - 1].count;
-    if (end != source->num_values) return _set_rc_verbose(rc, WARM_RC_CORRUPT, end, "runs do not cover the values");
+    if (runs == 0 && source->num_values != 0) return _set_rc_msg(rc, WARM_RC_CORRUPT, "values without a run");
     for (uint32_t run = 0; run < runs; run++) {
         ST_ASSERT(new_sets[runs - 1 - run] < new_runs);
         source->map[run] = new_runs - 1 - new_sets[runs - 1 - run];

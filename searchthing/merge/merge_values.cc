@@ -227,7 +227,6 @@ int merge_values_plan(warm_merge_t* merge, warm_rc_t* rc) {
 }
 
 int merge_values_write(warm_merge_t* merge, int fd, warm_rc_t* rc) {
-    if (merge->totals.values == 0) return 0;
     values_writer_t out;
     ST_TRY(values_writer_open(&out, &merge->header, fd, nullptr, rc));
     uint32_t next = 0;
