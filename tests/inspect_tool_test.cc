@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <sstream>
 
 #include "searchthing/base/st_init.h"
 #include "searchthing/directory/tsidx.h"
@@ -139,147 +140,51 @@ known_slice make_known(uint64_t wflags = FORGE_TAG2, const std::string& magic = 
     return slice;
 }
 
-struct planted {
-    const char* section;
-    const char* what;  // what fsck must say of it
-    std::function<void(known_slice*)> plant;
-    uint64_t wflags = FORGE_TAG2;
-    const char* magic = "_TSIDX9";
-    const char* name = "1020-1000-1.tsidx";
-};
-
 void put_be(std::string* bytes, uint64_t at, uint64_t value, uint32_t size) {
     for (uint32_t i = 0; i < size; i++) (*bytes)[at + i] = static_cast<char>(value >> (8 * (size - 1 - i)));
 }
 
-enum place_t { HEADER, VALUES, S, D, OFFSETS, METADATA, LEXICON, LISTS, DIMSETS };
-
-uint64_t offset_of(const known_slice& slice, place_t place) {
-    const forge_offsets& at = slice.picture.at;
-    const uint64_t offsets[] = {0,           at.values,  at.s,        at.d,      at.posting_offsets,
-                                at.metadata, at.lexicon, at.postings, at.dimsets};
-    return offsets[place];
+// What a row plants, one after the other: "set", "cut" or "append", and a section, an offset in it, and a big-endian
+// number with its size.
+void plant(const std::string& acts, known_slice* slice) {
+    const forge_offsets& at = slice->picture.at;
+    std::map<std::string, uint64_t> places = {{"header", 0},
+                                              {"values", at.values},
+                                              {"s", at.s},
+                                              {"d", at.d},
+                                              {"offsets", at.posting_offsets},
+                                              {"metadata", at.metadata},
+                                              {"lexicon", at.lexicon},
+                                              {"lists", at.postings},
+                                              {"dimsets", at.dimsets},
+                                              {"reverse", at.reverse_lexicon}};
+    std::istringstream words(acts);
+    uint64_t offset = 0, value = 0;
+    uint32_t size = 0;
+    for (std::string act, place; words >> act >> place >> offset >> value >> size;) {
+        const uint64_t begin = act == "append" ? slice->bytes.size() : places.at(place) + offset;
+        if (act != "set") slice->bytes.resize(begin + size);
+        put_be(&slice->bytes, begin, value, size);
+    }
 }
 
-// Sets `size` bytes at an offset of a section to a big-endian number.
-std::function<void(known_slice*)> set(place_t place, uint64_t at, uint64_t value, uint32_t size = 1) {
-    return [=](known_slice* slice) { put_be(&slice->bytes, offset_of(*slice, place) + at, value, size); };
-}
-
-std::function<void(known_slice*)> cut(place_t place, uint64_t at) {
-    return [=](known_slice* slice) { slice->bytes.resize(offset_of(*slice, place) + at); };
-}
-
-std::function<void(known_slice*)> append(const std::string& bytes) {
-    return [=](known_slice* slice) { slice->bytes += bytes; };
-}
-
-std::function<void(known_slice*)> both(std::function<void(known_slice*)> a, std::function<void(known_slice*)> b) {
-    return [=](known_slice* slice) { a(slice), b(slice); };
-}
-
-const std::function<void(known_slice*)> NOTHING = [](known_slice*) {};
-
-const std::vector<planted>& planted_faults() {
-    static const std::vector<planted> faults = {
-        {"header", "cut off", cut(HEADER, 119)},
-        {"header", "unknown magic", set(HEADER, 6, '5')},
-        {"header", "d_nbits is not 1", set(HEADER, 56, 2, 4)},
-        {"header", "companion wider than 31 bits", set(HEADER, 44, 32, 4)},
-        {"header", "size of a companion array", set(HEADER, 32, 4, 4)},
-        {"header", "companion array beyond 2^32 bits", both(set(HEADER, 8, 0x80000001, 4), set(HEADER, 44, 2, 4))},
-        {"header", "reserved byte is not zero", set(HEADER, 69, 1)},
-        {"header", "reserved byte is not zero", set(HEADER, 119, 1)},
-        {"header", "unknown flags", set(HEADER, 79, 0x88)},
-        {"header", "earliest is after latest", set(HEADER, 60, 1021, 4)},
-        {"header", "earliest is not the last value's time", set(HEADER, 60, 999, 4)},
-        {"header", "latest is not the first value's time", set(HEADER, 64, 1021, 4)},
-        {"header", "smallest address above the largest", set(HEADER, 80, 521, 4)},
-        {"header", "more preambles than values", both(set(HEADER, 79, 0x0C), set(HEADER, 96, 22, 4))},
-        {"header", "dimension sets in a slice of events", set(HEADER, 96, 1, 4)},
-        {"header", "column store in a slice of events", set(HEADER, 95, 1)},
-        {"header", "no terms", set(HEADER, 16, 0, 4)},
-        {"header", "postings without values", set(HEADER, 8, 0, 4)},
-        {"header", "num_postings is not what the lists hold: 36, lists 37", set(HEADER, 12, 36, 4)},
-        {"name", "not <latest>-<earliest>-<id>.tsidx", NOTHING, FORGE_TAG2, "_TSIDX9", "1020-1000.tsidx"},
-        {"name", "times differ from the header's", NOTHING, FORGE_TAG2, "_TSIDX9", "1021-1000-1.tsidx"},
-        {"name", "times differ from the values'", NOTHING, 0, "Veldar6", "1020-999-1.tsidx"},
-        {"name", "an ordinary name, but only the values are there", cut(OFFSETS, 0)},
-        {"name", "the name of a mini slice", NOTHING, FORGE_TAG2, "_TSIDX9", "1020-1000-1.mini.tsidx"},
-        {"values", "values are not newest first: value 3 at 1020 behind 1018", set(VALUES, 24, 1020, 4)},
-        {"values", "time outside the header's: value 0: 1021", set(VALUES, 0, 1021, 4)},
-        {"values", "address outside the header's: value 20: 499", set(VALUES, 164, 499, 4)},
-        {"values", "packed values beyond 2^32 bits", set(HEADER, 8, 0x1999999A, 4), FORGE_TAG2 | FORGE_PACKED},
-        {"values", "padding is not zero", set(VALUES, 31, 0x80), FORGE_TAG2 | FORGE_PACKED},
-        {"values", "cut off", cut(VALUES, 100)},
-        {"s", "padding is not zero", set(S, 2, 0x20)},
-        {"s", "byte behind the section is not zero", set(S, 3, 1)},
-        {"header", "byte behind the section is not zero", set(HEADER, 120, 1)},
-        {"offsets", "the last entry has a type: SPO", set(OFFSETS, 39, 0x2A)},
-        {"offsets", "term 3 \"solo\": value number out of range: 21 of 21", set(OFFSETS, 16, 21 * 4 + 2, 8)},
-        {"offsets", "term 2 \"burst2\": term number out of range: 5 of 5", set(OFFSETS, 8, 5 * 4 + 3, 8)},
-        {"offsets", "term 2 \"burst2\": duplicate of a duplicate: term 2", set(OFFSETS, 8, 2 * 4 + 3, 8)},
-        {"offsets", "term 4 \"zed\": offsets do not ascend: 2 behind 3", set(OFFSETS, 24, 2 * 4 + 1, 8)},
-        {"offsets", "term 1 \"burst\": offset behind the lists: 11 behind 0, 10", set(OFFSETS, 0, 11 * 4, 8)},
-        {"offsets", "cut off", cut(OFFSETS, 39)},
-        {"lists", "term 1 \"burst\": number cannot be read: RLE list of 4", set(LISTS, 6, 0x87)},
-        {"lists", "term 1 \"burst\": run of no numbers", set(LISTS, 5, 0)},
-        {"lists", "term 1 \"burst\": numbers do not ascend", set(LISTS, 4, 0x800007, 3)},
-        {"lists", "term 0 \"a\": value number out of range", set(LISTS, 2, 0x15)},
-        {"lists", "term 4 \"zed\": number cannot be read: BMAP", set(LISTS, 7, 0xFFFFFF, 3)},
-        {"lists", "term 4 \"zed\": bitmap does not begin with its first number", set(LISTS, 8, 0x0E)},
-        {"lists", "term 4 \"zed\": bitmap ends with an empty byte", set(LISTS, 9, 0)},
-        {"lists", "term 4 \"zed\": value number out of range", set(LISTS, 9, 0x0C)},
-        {"lists", "cut off", cut(LISTS, 9)},
-        {"metadata", "term 0 \"a\": count: 20, the list has 21", set(METADATA, 0, 0x14)},
-        {"metadata", "term 1 \"burst\": earliest time: 1001, the list has 1000", set(METADATA, 2, 0x12)},
-        {"metadata", "term 1 \"burst\": latest time: 1011, the list has 1010", set(METADATA, 3, 0x56)},
-        {"metadata", "term 0 \"a\": count", set(METADATA, 3, 7), 0, "VelLex1"},
-        {"metadata", "padding is not zero", set(METADATA, 15, 1)},
-        {"metadata", "cut off", cut(METADATA, 5)},
-        {"lexicon", "number of terms differs from the header's: 4, header 5", set(LEXICON, 0, 4, 4)},
-        {"lexicon", "one term a block", set(LEXICON, 4, 1, 4)},
-        {"lexicon", "too many terms a block", set(LEXICON, 4, 1 << 20, 4)},
-        {"lexicon", "cannot be placed", set(LEXICON, 4, 0, 4)},
-        {"lexicon", "cut off", cut(LEXICON, 30)},
-        {"lexicon", "block ends do not ascend: block 0 from 0 to 0", set(LEXICON, 12, 0, 4)},
-        {"lexicon", "block outside the lexicon: block 0 from 0 to 22", set(LEXICON, 12, 22, 4)},
-        {"lexicon", "bytes behind the last term of a block: 1 in block 1", set(LEXICON, 16, 22, 4)},
-        {"lexicon", "term 1 \"b\\x00rst\": term with a NUL", set(LEXICON, 25, 0)},
-        {"lexicon", "term 3 \"aolo\": terms do not ascend: after \"burst2\"", set(LEXICON, 32, 'a')},
-        {"lexicon", "term 2 \"burs2\": terms do not ascend", set(LEXICON, 29, 4)},
-        {"lexicon", "term 4 \"sed\": shared prefix is not the longest: 0 instead of 1",
-         both(set(LEXICON, 38, 's'), set(LEXICON, 33, 'a'))},
-        {"lexicon", "term 4: shared prefix out of range", set(LEXICON, 36, 5)},
-        {"lexicon", "term 2: shared prefix cannot be read", both(set(LEXICON, 29, 0x8080, 2), NOTHING)},
-        {"lexicon", "term 4: length cannot be read", set(LEXICON, 37, 0xFFFFFFFF, 4)},
-        {"lexicon", "term 4: term runs out of its block", set(LEXICON, 37, 4)},
-        {"reverse lexicon", "number of terms differs",
-         [](known_slice* slice) { put_be(&slice->bytes, slice->picture.at.reverse_lexicon, 4, 4); }, 0, "Veldar5"},
-        {"rest", "bytes behind the last section", append(std::string("\0\0\1", 3))},
-        {"dimension sets", "unknown magic", set(DIMSETS, 7, '1'), FORGE_TAG1, "_MSIDX4"},
-        {"dimension sets", "number of sets differs from the header's: 1, header 0",
-         both(append(std::string(4, '\0')), set(DIMSETS, 8, 1)), FORGE_TAG1, "_MSIDX4"},
-        {"dimension sets", "ends of the sets: set 0: 0 to 0", both(append(std::string(4, '\0')), set(DIMSETS, 8, 1)),
-         FORGE_TAG1, "_MSIDX4"},
-        {"dimension sets", "the last set ends elsewhere: 0, not 1",
-         both(append(std::string(4, '\0')), set(DIMSETS, 12, 1)), FORGE_TAG1, "_MSIDX4"},
-        {"dimension sets", "cut off", set(DIMSETS, 12, 1), FORGE_TAG1, "_MSIDX4"},
-    };
-    return faults;
-}
-
+// Rows: the section, what must be said of it, what is planted, the flags, the magic, and the file's name.
 TEST(Fsck, NamesEveryPlantedFault) {
-    for (const planted& fault : planted_faults()) {
-        known_slice slice = make_known(fault.wflags, fault.magic);
-        const std::string before = fsck_bytes(slice.bytes, fault.name);
+    const std::map<std::string, uint64_t> flags = {
+        {"none", 0}, {"tag1", FORGE_TAG1}, {"tag2", FORGE_TAG2}, {"packed", FORGE_TAG2 | FORGE_PACKED}};
+    for (const std::string& row : data_rows("fsck")) {
+        std::string fields[6];
+        std::istringstream text(row);
+        for (std::string& field : fields) std::getline(text, field, '|');
+        const auto& [section, what, acts, wflags, magic, name] = fields;
+        known_slice slice = make_known(flags.at(wflags), magic);
+        const std::string before = fsck_bytes(slice.bytes, name);
         ASSERT_TRUE(before.empty() || before.starts_with("name at")) << before;
-        fault.plant(&slice);
-        const std::string said = fsck_bytes(slice.bytes, fault.name);
-        const size_t at = said.find(fault.what);
-        ASSERT_NE(at, std::string::npos) << "not told: " << fault.what << "\n" << said;
-        const std::string section = fault.section + std::string(" at ");
-        EXPECT_EQ(said.substr(said.rfind('\n', at) + 1, section.size()), section) << said;
+        plant(acts, &slice);
+        const std::string said = fsck_bytes(slice.bytes, name);
+        const size_t at = said.find(what);
+        ASSERT_NE(at, std::string::npos) << "not told: " << what << "\n" << said;
+        EXPECT_EQ(said.substr(said.rfind('\n', at) + 1, section.size() + 4), section + " at ") << said;
     }
 }
 

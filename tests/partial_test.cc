@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <random>
+#include <sstream>
 
+#include "tests/support/damage.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/partial/partial_answer.h"
@@ -119,32 +121,15 @@ strings sorted_lines(const std::string& text) {
     return lines;
 }
 
-const std::vector<strings> QUESTIONS = {
-    {"count", "level=error"},
-    {"count", "--native", "[AND level::error [NOT status::203]]"},
-    {"count", "status>201", "NOT", "user=u7*", "--since", "2024-03-31T00:01:10.5", "--until", "2024-03-31T00:03:00.25"},
-    {"stats", "--by", "level,status", "--agg",
-     "count,sum(bytes),avg(bytes),min(bytes),p90(bytes),dc(user),values(status)"},
-    {"stats", "--every", "7s", "--agg", "count,max(bytes)"},
-    {"stats", "level=warn", "--every", "1d", "--tz", "Europe/Berlin", "--by", "status", "--missing"},
-    {"stats", "nothing_of_the_kind"},
-    {"stats", "\"the run\"", "--by", "user", "--top", "3"},
-    {"top", "user", "level=error", "-n", "7"},
-    {"terms"},
-    {"terms", "user=u1*", "--sort", "term", "-n", "9"},
-    {"fields"},
-    {"seen", "status=203"},
-    {"seen", "nobody"},
-    {"new", "user", "--since", "2024-03-31T00:00:03"},
-    {"new", "--since", "2024-03-31T00:04:50", "-n", "5"},
-    {"metrics", "query", "load", "--format", "csv"},
-    {"metrics", "query", "lo*", "-w", "host!=h2", "-n", "40", "-r"},
-    {"metrics", "query", "load", "--every", "1m", "--by", "host", "--agg", "avg,max,count"},
-    {"search", "level=error", "--fields", "level,status,user"},
-    {"search", "\"of the run\"", "status=204", "--since", "2024-03-31T00:02:00.7"},
-    {"search", "level=warn", "-r", "--fields", "host,source,user,raw", "--format", "csv"},
-    {"search", "user=u5", "-C", "2", "--format", "jsonl"},
-};
+const std::vector<strings> QUESTIONS = [] {
+    std::vector<strings> questions;
+    for (const std::string& row : data_rows("questions")) {
+        std::istringstream words(row);
+        questions.emplace_back();
+        for (std::string word; std::getline(words, word, '\t');) questions.back().push_back(word);
+    }
+    return questions;
+}();
 
 TEST(Partial, AnyGroupingGivesTheAnswerOfOneStore) {
     const split_stores made;
