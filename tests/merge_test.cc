@@ -529,6 +529,25 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
     }
     EXPECT_EQ(read_file(sources[0].path) + read_file(sources[1].path), before);
     expect_kept("merge-faults", statuses);
+    // Whichever question is answered so, the merge ends, be the values in another order than the target's or dropped.
+    const std::vector<test_source> few = {forge({events.begin(), events.begin() + 9}, forge_as_created(4)),
+                                          forge({events.begin() + 9, events.begin() + 20}, forge_as_created(4))};
+    uint64_t left = 0;
+    warm_merge_options_t options = options_of(4);
+    options.mapper = scrambled_address;
+    options.drop_deleted = true;
+    options.stop_context = &left;
+    options.stop = [](void* context) { return --*static_cast<uint64_t*>(context) == 0; };
+    const uint64_t steps = std::exchange(stop_check::steps_a_question, 1);
+    for (uint64_t nth = 1; left == 0; nth++) {
+        left = nth;
+        warm_rc_t rc;
+        const merge_ptr merge = open_merge(few, options, &rc);
+        if (merge != nullptr) rc.warm_rc = st_warm_slice_merge_write(merge.get(), target.c_str(), false, &rc);
+        EXPECT_EQ(rc.warm_rc, left == 0 ? WARM_RC_CANCELLED : 0) << nth;
+        std::filesystem::remove(target);
+    }
+    stop_check::steps_a_question = steps;
 
     // A disk that changes a bit.
     seams = {};
