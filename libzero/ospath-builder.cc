@@ -108,6 +108,7 @@ void ospath_builder_append_sep(ospath_builder* b) {
 
 int ospath_builder_finish(ospath_builder* b) {
     ospath_builder_append1(b, '\0');
+    if (!ospath_builder_valid(b)) b->buf.val[0] = '\0';
     return ospath_builder_valid(b) ? 0 : -1;
 }
 

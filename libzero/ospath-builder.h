@@ -33,7 +33,8 @@ void ospath_builder_appendz(ospath_builder* b, const char* text);  // without th
 void ospath_builder_append1(ospath_builder* b, char c);
 void ospath_builder_append_decimal_u64(ospath_builder* b, uint64_t value);
 void ospath_builder_append_sep(ospath_builder* b);  // "/"
-// Appends the terminating NUL: 0 when the path in `buf` is complete, -1 when anything did not fit.
+// Appends the terminating NUL: 0 when the path in `buf` is complete, -1 when anything did not fit. Then it is "", which
+// is no file's.
 [[nodiscard]] int ospath_builder_finish(ospath_builder* b);
 // Start, both texts (the second form: with a "/" between them), finish.
 [[nodiscard]] int ospath_builder_concat_two_paths(ospath_builder* b, const char* first, const char* second);

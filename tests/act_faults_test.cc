@@ -8,6 +8,8 @@
 
 #include "libzero/change_stamp.h"
 #include "searchthing/directory/health.h"
+#include "searchthing/directory/merge_manifest.h"
+#include "searchthing/directory/tsidx_merge_settle.h"
 #include "searchthing/upkeep/tsidx_merge_lex.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
 #include "tests/support/clock_behind.h"
@@ -70,6 +72,26 @@ TEST_F(ActFaults, AllOrTold) {
     ASSERT_TRUE(::waitpid(child, &ended, 0) == child && WIFSIGNALED(ended));
     const std::string name = fs::path(files_in(kept, ".tsidx")[0]).filename();
     const std::vector<std::string> names = {name};
+    const auto drop = [&](TSIDX* tsidx, bool beside_a_merge) {
+        unique_fd merging;
+        {
+            const fault_truce own;
+            fs::create_hard_link(path + "/" + name, path + "/9-9-9.pre-tsidx");
+            fs::create_hard_link(path + "/" + name, aside + "/dropped");
+            const std::string manifest = path + "/" + MERGE_MANIFEST_TMP_NAME;
+            if (beside_a_merge) merging = open_file(manifest, merge_manifest_owner_text(merge_owner_self()));
+            if (beside_a_merge) static_cast<void>(tsidx_lock_file(merging.get()));
+        }
+        tsidx_dropped_t dropped;
+        const int status = st_tsidx_drop_slices(tsidx, names, &dropped);
+        const fault_truce own;
+        const uint64_t left = st_tsidx_slice_facts(tsidx, "../aside/dropped", TSIDX_FIRST_TIME).events;
+        return status < 0 ? status : static_cast<int64_t>(left);
+    };
+    const auto size_of_lexicon = [&](int status) {
+        const fault_truce own;
+        return status < 0 ? status : static_cast<int64_t>(fs::file_size(path + "/" + TSIDX_MERGED_LEXICON_NAME));
+    };
 
     // What an act tells beside the handle goes into the record.
     const struct {
@@ -80,16 +102,9 @@ TEST_F(ActFaults, AllOrTold) {
         {"delete", [&](TSIDX* tsidx, auto*) { return st_tsidx_delete_by_addr(tsidx, doomed, 3); }, kept},
         {"delete a query", [&](TSIDX* tsidx, auto*) { return st_tsidx_delete_by_query(tsidx, &some); }, kept},
         {"delete halfway", [&](TSIDX* tsidx, auto*) { return st_tsidx_delete_before(tsidx, 8); }, halfway},
-        {"drop",
-         [&](TSIDX* tsidx, auto*) {
-             tsidx_dropped_t dropped;
-             {
-                 const fault_truce own;
-                 fs::create_hard_link(path + "/" + name, path + "/9-9-9.pre-tsidx");
-             }
-             return st_tsidx_drop_slices(tsidx, names, &dropped);
-         },
-         kept},
+        {"drop", [&](TSIDX* tsidx, auto*) { return drop(tsidx, false); }, kept},
+        {"drop beside a merge",  // all of it is marked before it goes, so that the merge finds no event left
+         [&](TSIDX* tsidx, auto*) { return drop(tsidx, true); }, kept},
         {"minify", [&](TSIDX* tsidx, auto*) { return st_tsidx_minify(tsidx, aside.c_str()); }, kept},
         {"seal", [&](TSIDX* tsidx, auto*) { return st_tsidx_seal(tsidx, name.c_str()); }, kept},
         {"info",
@@ -103,11 +118,23 @@ TEST_F(ActFaults, AllOrTold) {
         {"terms", [&](TSIDX* tsidx, auto*) { return st_tsidx_distinct_term_count(tsidx); }, halfway},
         {"merge", merge, kept},
         {"merge lexicons",
+         [&](TSIDX* tsidx, warm_rc_t* rc) { return size_of_lexicon(st_tsidx_merge_lex_n(tsidx, 2, 0, 0, rc)); }, kept},
+        {"filter lexicon",
          [&](TSIDX* tsidx, warm_rc_t* rc) {
-             const int merged = st_tsidx_merge_lex_n(tsidx, 2, 0, 0, rc);
-             return merged < 0 ? merged : st_tsidx_filter_merged_lex(tsidx, 0, 0, 2, rc);
+             {
+                 const fault_truce own;
+                 EXPECT_EQ(st_tsidx_merge_lex_n(tsidx, 2, 0, 0, rc), 0);
+             }
+             return size_of_lexicon(st_tsidx_filter_merged_lex(tsidx, 0, 0, 2, rc));
          },
          kept},
+        {"leftovers",
+         [&](TSIDX* tsidx, auto*) {
+             std::vector<tsidx_leftover_t> found;
+             const int status = st_tsidx_find_leftovers(tsidx, &found);
+             return status < 0 ? status : static_cast<int64_t>(found.size());
+         },
+         halfway},
         {"replace",
          [&](TSIDX* tsidx, auto*) {
              change_stamp stamp;

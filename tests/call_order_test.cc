@@ -68,6 +68,8 @@ TEST_F(CallOrder, SyncAndDelete) {
     EXPECT_EQ(calls_of([&] { put_slice(tsidx, 5); }), "create .pre-tsidx\nwrite .pre-tsidx\nsync .pre-tsidx\n" +
                                                           NEW_SEAL +
                                                           "link .pre-tsidx .tsidx\nsync DIR\nunlink .pre-tsidx\n");
+    ASSERT_EQ(st_tsidx_minify(tsidx, dir_.path().c_str()), 1);
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(st_tsidx_minify(tsidx, dir_.path().c_str()), 0); }), "") << "it is there";
     ASSERT_EQ(put_event(tsidx, {.time = 6, .address = 1, .terms = {"a"}}), 0);
     const std::string part = calls_of([&] { EXPECT_EQ(st_tsidx_sync_part(tsidx), 0); }, {"tsidx"});
     EXPECT_LT(part.find("rename "), part.find("link .pre-tsidx .0."))

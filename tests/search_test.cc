@@ -5,6 +5,8 @@
 #include "searchthing/search/warmslice_search.h"
 #include "searchthing/slice/warmslice.h"
 #include "tests/support/directory.h"
+#include "tests/support/faults.h"
+#include "tests/support/hot_events.h"
 #include "tests/support/query_maker.h"
 #include "tests/support/sampled.h"
 #include "tests/support/temp_dir.h"
@@ -79,6 +81,11 @@ TEST(Search, RandomQueriesEqualBruteForceOverEveryHeaderAndEncoding) {
             if (kind.metric()) std::for_each(events.begin(), events.end(), [](auto& e) { e.deleted = false; });
             const searched_slice slice(events, kind);
             ASSERT_NE(slice.warm, nullptr);
+            // Around the times of a header; of a legacy one, around what lies in their place.
+            const reference_bounds around = {.earliest = static_cast<int32_t>(slice.warm->body->earliest.get() - 1),
+                                             .latest = static_cast<int32_t>(slice.warm->body->latest.get() + 1)};
+            ASSERT_EQ(run(slice, make_query("[AND]", around), size, true),
+                      keys(slice.reference, slice.reference.search(reference_query::group_and({}), around)));
             query_maker maker(slice.reference, seed);
             for (int i = 0; i < per_slice; i++) {
                 check_query(slice, &maker);
@@ -128,6 +135,21 @@ TEST(Search, WindowsOfALargeSliceJoinWithoutGaps) {
         for (const uint32_t capacity : {30000u, 1000u, 16u}) {
             expected.resize(std::min<size_t>(expected.size(), capacity));
             EXPECT_EQ(run(slice, make_query(tree.notation().c_str()), capacity, true), expected) << capacity;
+        }
+    }
+    const std::string path = files_in(slice.dir.path(), ".tsidx")[0];
+    const st_query_spec dense = make_query("[AND half many [NOT most]]");
+    uint64_t most = 0;
+    for (const fault_action action : {fault_action::fail, fault_action::allocation}) {
+        for (uint64_t nth = 0, last = 1; nth <= last; nth++) {
+            const fault_step step(action, nth == 0 ? ~uint64_t{0} - 1 : nth, EIO);
+            warm_rc_t rc;
+            const warm_ptr warm(st_warm_slice_open_rdonly(path.c_str(), &rc));
+            uint64_t count = 0;
+            const bool told = warm == nullptr || warm_slice_count(warm.get(), &dense, &count, nullptr, &rc) != 0;
+            last = action == fault_action::fail ? step.calls() : step.allocations();
+            if (nth == 0) most = count;
+            EXPECT_TRUE(told ? nth != 0 : count == most && count != 0) << nth << " of " << last;
         }
     }
 }
@@ -226,8 +248,10 @@ TEST(Search, BoundsOutsideOrTheWrongWayRoundReadNothing) {
 // A list with more events than its term's count, or a count of none, fails the query and is never cut to fit.
 TEST(Search, CountsThatContradictTheirListsAreDamage) {
     const temp_dir dir;
-    std::vector<forge_event> events(8);
-    for (uint32_t i = 0; i < 8; i++) events[i] = {.time = 100, .address = i, .terms = {i < 5 ? "some" : "other"}};
+    std::vector<forge_event> events(256);
+    for (uint32_t i = 0; i < 256; i++) {
+        events[i] = {.time = static_cast<int>(i), .address = i, .terms = {i % 2 == 0 ? "some" : "other"}};
+    }
     forge_picture picture;
     std::string bytes = forge_slice(events, forge_as_created(1), &picture);
     for (const char count : {'\0', '\2'}) {
@@ -236,9 +260,13 @@ TEST(Search, CountsThatContradictTheirListsAreDamage) {
         warm_rc_t rc;
         const warm_ptr warm(st_warm_slice_open_rdonly(dir.file("slice").c_str(), &rc));
         ASSERT_NE(warm, nullptr);
-        const st_query_spec query = make_query("[AND some]");
-        st_tsval answers[8];
-        EXPECT_EQ(st_warm_slice_search(warm.get(), &query, answers, 8, true), WARM_RC_CORRUPT) << int{count};
+        st_tsval answers[256];
+        for (const auto& [text, bounds] :
+             {std::pair("[AND some]", reference_bounds()), {"[OR some]", {}}, {"[AND some]", {10, 30}}}) {
+            const st_query_spec query = make_query(text, bounds);  // the last one of bits that are remembered
+            const int found = st_warm_slice_search(warm.get(), &query, answers, 256, true);
+            EXPECT_EQ(found, text[1] == 'A' ? WARM_RC_CORRUPT : 128) << int{count};
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 // time range then reads few slices.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "searchthing/base/st_timeval.h"
@@ -17,7 +18,7 @@ struct health_range_t {
 };
 
 struct health_stat {
-    health_range_t ranges[HEALTH_MAX_RANGES];
+    std::array<health_range_t, HEALTH_MAX_RANGES> ranges;
     st_time_t most_earliest;  // the smallest earliest time that was added
     st_time_t most_latest;    // the largest latest time
     uint32_t count;           // ranges added, those included for which there was no room

@@ -39,8 +39,8 @@ bool tsidx_is_slice_name(const char* name, st_filename_metadata_t* meta);
 // WARM_RC_READ as above, also for a manifest that cannot be read. May throw std::bad_alloc.
 [[nodiscard]] int tsidx_list(const char* directory, tsidx_listing_t* listing, warm_rc_t* rc);
 
-// The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 when the name does
-// not fit.
+// The status file of the optimisers of a directory, which holds the result of the last one: 0, or -1 and "" when the
+// name does not fit.
 [[nodiscard]] int so_status_filename(ospath_buf* out, const char* directory);
 
 }  // namespace veldar

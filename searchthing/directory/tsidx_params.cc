@@ -113,7 +113,7 @@ bool deserialize_params(std::string_view text, tsidx_limits_t* limits) {
 
 bool tsidx_read_params(const char* directory, tsidx_params_line* line) {
     ospath_builder path;
-    if (ospath_builder_concat_two_paths_with_sep(&path, directory, TSIDX_PARAMS_NAME) != 0) return false;
+    static_cast<void>(ospath_builder_concat_two_paths_with_sep(&path, directory, TSIDX_PARAMS_NAME));  // "" has no file
     const unique_fd fd = osfile_open_regular(path.buf.val, O_RDONLY);
     if (!fd.valid()) return false;
     char text[TSIDX_PARAMS_MAX_BYTES + 1];
@@ -127,14 +127,11 @@ bool tsidx_read_params(const char* directory, tsidx_params_line* line) {
 
 int tsidx_write_params(const char* directory, const tsidx_params_line& line, uint32_t writer_tag) {
     ospath_builder target, part;
-    if (ospath_builder_concat_two_paths_with_sep(&target, directory, TSIDX_PARAMS_NAME) != 0) {
-        return WARM_RC_PATH_TOO_LONG;
-    }
-    ospath_builder_start(&part);
-    ospath_builder_appendz(&part, target.buf.val);
-    ospath_builder_appendz(&part, ".part.");
-    ospath_builder_append_decimal_u64(&part, writer_tag);
-    if (ospath_builder_finish(&part) != 0) return WARM_RC_PATH_TOO_LONG;
+    char name[64];
+    static_assert(sizeof name > sizeof TSIDX_PARAMS_NAME + sizeof ".part.4294967295");
+    std::snprintf(name, sizeof name, "%s.part.%" PRIu32, TSIDX_PARAMS_NAME, writer_tag);
+    if (ospath_builder_concat_two_paths_with_sep(&part, directory, name) != 0) return WARM_RC_PATH_TOO_LONG;
+    static_cast<void>(ospath_builder_concat_two_paths_with_sep(&target, directory, TSIDX_PARAMS_NAME));  // shorter
     int status = write_line(part.buf.val, line);
     if (status == 0 && ::rename(part.buf.val, target.buf.val) != 0) status = WARM_RC_WRITE;
     if (status != 0) {

@@ -223,8 +223,9 @@ std::vector<leftover> classify_all(const TSIDX* tsidx, std::vector<std::string> 
 // Not what is gone already. One of several names frees nothing.
 void add_leftover(const TSIDX* tsidx, const std::string& name, bool is_kept, std::vector<tsidx_leftover_t>* found) {
     struct stat status;
-    if (os_retry([&] { return ::stat((tsidx->path + "/" + name).c_str(), &status); }) != 0) return;
-    const uint64_t bytes = status.st_nlink > 1 ? 0 : static_cast<uint64_t>(status.st_size);
+    const bool is_seen = os_retry([&] { return ::stat((tsidx->path + "/" + name).c_str(), &status); }) == 0;
+    if (!is_seen && errno == ENOENT) return;
+    const uint64_t bytes = !is_seen || status.st_nlink > 1 ? 0 : static_cast<uint64_t>(status.st_size);
     found->push_back({name, bytes, is_kept});
 }
 
