@@ -3,10 +3,13 @@
 #include <dirent.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -249,6 +252,10 @@ struct {
     uint64_t microseconds = 0;
 } pauses;
 time_t clock_ahead_s = 0;
+struct {
+    std::function<int()> before = nullptr;
+    int64_t ms = 0;
+} waits;
 
 }  // namespace
 
@@ -365,6 +372,15 @@ clock_behind::~clock_behind() {
 uint64_t no_pauses::microseconds() const {
     return pauses.microseconds;
 }
+simulated_waits::simulated_waits(const std::function<int()>& before) {
+    waits = {.before = before};
+}
+simulated_waits::~simulated_waits() {
+    waits = {};
+}
+uint64_t simulated_waits::milliseconds() const {
+    return static_cast<uint64_t>(waits.ms);
+}
 
 }  // namespace veldar
 
@@ -461,6 +477,12 @@ WRAP_NAMES(unlink, file_op::UNLINK, path, "", (const char* path), path)
 WRAP_NAMES(rename, file_op::RENAME, from, to, (const char* from, const char* to), from, to)
 WRAP(stat, int, -1, fstat, (int fd, struct stat* out), fd, out)
 WRAP(stat, int, -1, stat, (const char* path, struct stat* out), path, out)
+WRAP(stat, int, -1, lstat, (const char* path, struct stat* out), path, out)
+WRAP(stat, int, -1, statfs, (const char* path, struct statfs* out), path, out)
+WRAP(open, int, -1, inotify_init1, (int flags), flags)
+WRAP(open, int, -1, inotify_add_watch, (int fd, const char* path, uint32_t events), fd, path, events)
+WRAP(open, int, -1, mkdir, (const char* path, mode_t mode), path, mode)
+WRAP(open, int, -1, getentropy, (void* out, size_t size), out, size)
 WRAP(access, int, -1, access, (const char* path, int mode), path, mode)
 void* __real_mmap(void* at, size_t size, int protection, int flags, int fd, off_t offset);
 void* __wrap_mmap(void* at, size_t size, int protection, int flags, int fd, off_t offset) {
@@ -511,8 +533,22 @@ int __wrap_gethostname(char* name, size_t size) {
 int __real_clock_gettime(clockid_t clock, struct timespec* now);
 int __wrap_clock_gettime(clockid_t clock, struct timespec* now) {
     const int result = __real_clock_gettime(clock, now);
-    if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec += veldar::clock_ahead_s;
+    if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec += veldar::clock_ahead_s + veldar::waits.ms / 1000;
     return result;
+}
+// A time point is a number of nanoseconds.
+int64_t __real__ZNSt6chrono3_V212steady_clock3nowEv();
+int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+    return __real__ZNSt6chrono3_V212steady_clock3nowEv() + veldar::waits.ms * 1'000'000;
+}
+int __real_poll(pollfd* what, nfds_t count, int ms);
+int __wrap_poll(pollfd* what, nfds_t count, int ms) {
+    if (veldar::waits.before == nullptr) return __real_poll(what, count, ms);
+    const veldar::fault_truce own;
+    if ((errno = veldar::waits.before()) != 0) return -1;
+    const int ready = __real_poll(what, count, 0);
+    veldar::waits.ms += ready == 0 ? ms : 1;
+    return ready;
 }
 int __wrap_usleep(useconds_t pause) {
     if (!veldar::pauses.skipped) return __real_usleep(pause);

@@ -118,6 +118,16 @@ class no_pauses : uncopied {
     uint64_t microseconds() const;
 };
 
+// While it lives, polls take no time, and after each both clocks are ahead by what it might have taken. Before each comes
+// `before`, which is uncounted like a truce and tells with which errno the poll fails, or 0.
+class simulated_waits : uncopied {
+  public:
+    explicit simulated_waits(const std::function<int()>& before);
+    ~simulated_waits();
+
+    uint64_t milliseconds() const;  // that it is ahead
+};
+
 // While it lives, the wall clock is an hour ahead, so that every stamp of a file is an old one.
 class clock_ahead : uncopied {
   public:

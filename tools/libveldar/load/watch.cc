@@ -300,31 +300,39 @@ std::vector<std::pair<std::string, struct stat>> pieces_of(const std::string& na
     return pieces;
 }
 
-bool have_same_bytes(int a, int b, uint64_t offset, size_t size) {
+// True too when they cannot be read.
+bool may_be_same(int a, int b, uint64_t offset, size_t size) {
     std::string one(size, '\0'), other(size, '\0');
-    return disk_read_at(a, one.data(), size, offset) == static_cast<int64_t>(size) &&
-           disk_read_at(b, other.data(), size, offset) == static_cast<int64_t>(size) && one == other;
+    const int64_t got = disk_read_at(a, one.data(), size, offset),
+                  of_other = disk_read_at(b, other.data(), size, offset);
+    return got < 0 || of_other < 0 || (got == of_other && one == other);
 }
 
 // Whether the piece is nothing but a beginning of the log as it stands: a copy that is being made before the log is
-// truncated. The log has all of it, and what is known of the log does not tell a half copy from another log.
-bool is_half_copy(const watcher& w, const std::string& name, const std::string& path) {
+// truncated. The log has all of it, and what is known of the log does not tell a half copy from another log: so one that
+// cannot be looked at now waits like one.
+bool may_be_half_copy(watcher* w, const std::string& name, const std::string& path) {
     struct stat log, piece;
-    const auto file = w.files.find(name);
-    if (file == w.files.end() || !file->second.fd.valid()) return false;
+    const auto file = w->files.find(name);
+    if (file == w->files.end() || !file->second.fd.valid()) return false;
     const unique_fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     const int held = file->second.fd.get();
-    if (!fd.valid() || ::fstat(fd.get(), &piece) != 0 || ::fstat(held, &log) != 0) return false;
+    if (!fd.valid() || ::fstat(fd.get(), &piece) != 0 || ::fstat(held, &log) != 0) {
+        const int why = errno;
+        if (why != ENOENT) tell(w, path, std::strerror(why));
+        return why != ENOENT;
+    }
     if (is_same_file(stamp_of(piece), stamp_of(log)) || piece.st_size >= log.st_size) return false;
     const auto size = static_cast<uint64_t>(piece.st_size);
     const size_t part = static_cast<size_t>(std::min<uint64_t>(size, ALIKE_MAX));
-    return have_same_bytes(fd.get(), held, 0, part) && have_same_bytes(fd.get(), held, size - part, part);
+    return may_be_same(fd.get(), held, 0, part) && may_be_same(fd.get(), held, size - part, part);
 }
 
-// One that is being compressed is not whole yet; when it is, it has the time of what it was made of.
-bool is_being_written(const watcher& w, const std::string& name, const std::string& path, const file_stamp& stamp) {
-    const bool packed = packed_name_stem(path).size() != path.size();
-    return packed ? now_ns() < stamp.modified_ns + BEING_WRITTEN_NS : is_half_copy(w, name, path);
+// One that is being compressed is not whole yet; when it is, it has the time of what it was made of, which goes.
+bool is_being_written(watcher* w, const std::string& name, const std::string& path, const file_stamp& stamp) {
+    const std::string stem(packed_name_stem(path));
+    if (stem.size() == path.size()) return may_be_half_copy(w, name, path);
+    return now_ns() < stamp.modified_ns + BEING_WRITTEN_NS || ::access(stem.c_str(), F_OK) == 0 || errno != ENOENT;
 }
 
 // The rotation is not over while a piece grows.
@@ -340,7 +348,7 @@ void load_pieces(watcher* w, const std::string& name, const std::vector<std::str
     for (const auto& [path, status] : pieces_of(name, others)) {
         const file_stamp stamp = stamp_of(status);
         if (stamp.modified_ns < rotated->since_ns || is_followed(*w, stamp) || work_stops()) continue;
-        if (is_being_written(*w, name, path, stamp)) {
+        if (is_being_written(w, name, path, stamp)) {
             wait_for_piece(rotated, path, stamp);
             continue;
         }
