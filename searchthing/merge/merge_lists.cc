@@ -175,7 +175,7 @@ int add_list(merge_lists_t* lists, merge_source_lists_t* from, warm_rc_t* rc) {
     const uint32_t term = from->next_term++;
     if (!from->has_lists) return 0;
     uint32_t type = PLO_RLE;
-    static_cast<void>(_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc));  // seeking refuses what is wrong
+    if (_pl_offset_reader(&from->own, int64_t{term} - 1, &type, rc) < 0) return rc->warm_rc;
     plist_reader* const reader = type == PLO_DEDUP ? &from->shared : &from->own;
     ST_TRY(_seek_reader(reader, term, rc));
     list_facts_t facts;

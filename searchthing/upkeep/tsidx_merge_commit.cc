@@ -63,6 +63,9 @@ int tsidx_merge_commit::begin(warm_rc_t* rc) {
     ST_TRY(tsidx_settle_merge(tsidx_, rc));
     ST_ASSERT(tsidx_->is_locked);
     fd_.reset(os_retry([&] { return ::open(tmp_path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600); }));
+    if (!fd_.valid() && errno == EEXIST) {
+        return _set_rc_msg(rc, WARM_RC_MANIFEST_EXISTS, "tmp manifest file already exists");
+    }
     if (!fd_.valid()) return _set_rc_msg(rc, WARM_RC_OPEN, tmp_path_.c_str());
     state_ = TMP;
     static_cast<void>(tsidx_lock_file(fd_.get()));  // where there are no locks, its process number tells
