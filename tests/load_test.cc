@@ -298,36 +298,6 @@ TEST_F(Load, KilledBeforeTheMarkDeletedEventsStayDeleted) {
     EXPECT_TRUE(std::none_of(names.begin(), names.end(), [](const auto& name) { return name.starts_with("deleted"); }));
 }
 
-// A call that fails is never taken for nothing there.
-TEST_F(Load, EveryFailingCallIsTold) {
-    const lines all = log_lines(0, 60);
-    take(file("a.log"), joined(log_lines(0, 40)), {"--bucket-bytes", "600"});
-    write_file(file("up.om"), "up 1 5\n");
-    EXPECT_EQ(run_tool("veldar/veldar", {"-s", store(), "metrics", "load", file("up.om")}).status, 0);
-    const size_t slices = slices_list_all(store()).slices->size();
-    for (uint64_t n = 1, calls = 1; n <= calls; n++) {
-        const fault_step step(fault_action::fail, n, EIO);
-        try {
-            const slice_set found = slices_list_all(store());
-            EXPECT_TRUE(found.slices->size() == slices || !found.errors->empty()) << n;
-        } catch (const failure_t& failure) {
-            EXPECT_EQ(failure.status, OUTCOME_IO) << n << failure.message;
-        }
-        calls = step.calls();
-    }
-    append(file("a.log"), joined(log_lines(40, 20)));
-    fail_each_call(all, true, [&](loader* load) {
-        std::string error;
-        return loader_load(load, file("a.log"), &error);
-    });
-    std::string mark = read_file(store() + "/store");
-    mark[3] ^= 1;
-    write_file(store() + "/store", mark);
-    for (const lines& command : {lines{"count", "*"}, {"fsck"}, {"load", file("a.log")}, {"metrics", "ls"}}) {
-        EXPECT_EQ(run_tool("veldar/veldar", lines{"-s", store()} + command).status, 5) << command[0];
-    }
-}
-
 TEST_F(Load, ForgottenFilesAreLoadedAnew) {
     const lines a = log_lines(0, 30), b = log_lines(100, 30);
     write_file(file("a.log"), joined(a));
@@ -341,11 +311,6 @@ TEST_F(Load, ForgottenFilesAreLoadedAnew) {
     std::filesystem::copy_file(file("a.log"), file("copy"));
     EXPECT_NE(load({file("copy")}).err.find("copy: nothing new, its content was loaded from " + file("a.log")),
               std::string::npos);
-    fail_each_call(b, false, [&](loader* load) {
-        std::string ignored;
-        const std::optional<uint64_t> deleted = loader_forget(load, file("copy"), false, &ignored);
-        return !deleted || *deleted <= 35u;
-    });
     write_file(file("a.log"), "gone\n");
     EXPECT_EQ(forget(file("a.log")).out, file("a.log") + ": 35 events deleted\n") << "by its path";
     EXPECT_EQ(records(), b);
@@ -510,6 +475,41 @@ TEST_F(Load, AFailureBesideTheReaderIsToldAndLeavesAPrefix) {
         EXPECT_TRUE(kept.size() < first.size() && std::equal(kept.begin(), kept.end(), first.begin())) << kept.size();
         EXPECT_EQ(run_tool("veldar/veldar", {"-s", path, "load", file("a.log"), file("b.log")}).status, 0);
         EXPECT_EQ(records(path), sorted(first + second));
+    }
+}
+
+TEST_F(Load, AStoreThatCannotBeHadIsTold) {
+    write_file(file("a.log"), joined(log_lines(0, 3)));
+    const struct {
+        int error;  // of the lock, which another holds
+        bool stops;
+        std::string told;
+    } rows[] = {{EINTR, false, ""},
+                {EINTR, true, "interrupted, nothing was loaded"},
+                {EIO, false, "cannot lock " + store() + "/lock: Input/output error"}};
+    for (const auto& row : rows) {
+        const load_options options;
+        loader load;
+        std::string error, told;
+        const fault busy(fault_call::flock, 2, row.error, 2), interrupted(fault_call::pwrite, 1, EINTR);
+        try {
+            work_interrupted = row.stops ? 1 : 0;
+            loader_open(&load, store(), options);
+            EXPECT_TRUE(loader_load(&load, file("a.log"), &error)) << error;
+            loader_close(&load);
+        } catch (const failure_t& failure) {
+            told = failure.message;
+        }
+        work_interrupted = 0;
+        EXPECT_EQ(told, row.told);
+        std::filesystem::remove_all(store());
+    }
+    load_all({file("a.log")});
+    std::string mark = read_file(store() + "/store");
+    mark[3] ^= 1;
+    write_file(store() + "/store", mark);
+    for (const lines& command : {lines{"count", "*"}, {"fsck"}, {"load", file("a.log")}, {"metrics", "ls"}}) {
+        EXPECT_EQ(run_tool("veldar/veldar", lines{"-s", store()} + command).status, 5) << command[0];
     }
 }
 

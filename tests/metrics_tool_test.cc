@@ -130,20 +130,6 @@ TEST(MetricsTool, KilledAtAnyCallEachSampleComesOnce) {
         metric_loader_close(&loader);
         return done;
     };
-    // Or fails there: then what is not written and flushed is told.
-    const auto load_failing = [&](const std::string& directory, uint64_t call, int error) {
-        const fault_step step(error == 0 ? fault_action::shorten : fault_action::fail, call, error);
-        bool done = false;
-        try {
-            done = load(directory);
-        } catch (const failure_t&) {
-        }
-        using enum fault_call;
-        const bool lost = step.struck(pwrite) || step.struck(fsync) || step.struck(ftruncate);
-        // A slice may do without its seal.
-        const bool sealed = files_in(directory, ".tsidx").size() == files_in(directory, ".seal").size();
-        EXPECT_FALSE(done && lost && error == EIO && sealed);
-    };
     const no_flushes quick;
     bool is_over = false;
     const uint64_t stride = ::getenv("VELDAR_TORTURE") == nullptr ? 5 : 1;
@@ -160,13 +146,10 @@ TEST(MetricsTool, KilledAtAnyCallEachSampleComesOnce) {
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         is_over = WIFEXITED(status);
-        if (call % 3 == 0 && !files_in(index, ".tsidx").empty()) must({"optimize", "--all", index});
+        if (call % 3 == 0 && std::filesystem::exists(index) && !files_in(index, ".tsidx").empty())
+            must({"optimize", "--all", index});
         EXPECT_TRUE(load(index));
         ASSERT_EQ(sample_lines(must({"metrics", "--dir", index, "dump"})), sample_lines(all));
-        const std::string other = dir.file("other");
-        load_failing(other, call, std::array{EIO, 0, EIO, EINTR}[call / stride % 4]);
-        EXPECT_TRUE(load(other));
-        ASSERT_EQ(sample_lines(must({"metrics", "--dir", other, "dump"})), sample_lines(all));
         EXPECT_FALSE(std::filesystem::exists(index + "/metrics.batch"));
         EXPECT_TRUE(!is_over || call > 100) << call;
     }

@@ -238,31 +238,6 @@ TEST(PackedStream, PointsOfAnotherFileAndDamagedPointsAreNotUsed) {
     EXPECT_TRUE(looser.packed.points.empty());
 }
 
-TEST(PackedStream, DamageIsTold) {
-    const temp_dir dir;
-    const std::string path = dir.file("log"), text = random_text(400000);
-    for (const packing& way : PACKINGS) {
-        const std::string packed = way.pack(text);
-        std::string flipped = packed;
-        flipped[packed.size() - way.check_at] = static_cast<char>(flipped[packed.size() - way.check_at] ^ 1);
-        std::string second = packed + packed;
-        second[packed.size() + 3] = ':';
-        for (const std::string& bytes :
-             {packed.substr(0, packed.size() / 2), packed.substr(0, packed.size() - 1), flipped, second}) {
-            write_file(path, bytes);
-            packed_reader reader(path, PACKED_POINT_SPAN, way.format);
-            const std::string got = read_packed(&reader.packed, text.size() + 1, &reader.error);
-            EXPECT_EQ(got == text.substr(0, got.size()), true);
-            EXPECT_GT(got.size(), text.size() / 5);
-            EXPECT_FALSE(reader.error.empty()) << way.format;
-        }
-    }
-    packed_stream stream;
-    std::string error;
-    const fault_step no_memory(fault_action::allocation, 2);  // behind the decoder
-    EXPECT_FALSE(packed_open(&stream, PACKINGS[0].format, -1, false, {}, &error));
-}
-
 // Whatever is cut off or damaged: all comes, or words follow what came (which only a checksum behind it may tell to be
 // wrong), and the same ones when it trickles through a pipe.
 TEST(PackedStream, EveryByteCutOffOrDamagedAndEachByItself) {
@@ -296,6 +271,10 @@ TEST(PackedStream, EveryByteCutOffOrDamagedAndEachByItself) {
                 << way.suffix << i << got << error;
         }
     }
+    packed_stream stream;
+    std::string error;
+    const fault_step no_memory(fault_action::allocation, 2);  // behind the decoder
+    EXPECT_FALSE(packed_open(&stream, PACKINGS[0].format, -1, false, {}, &error));
 }
 
 TEST(RawReader, RotationsOfALogAreKnownByTheirNames) {

@@ -130,54 +130,6 @@ class Load : public testing::Test {
         return sorted(all);
     }
 
-    static bool are_sealed(const std::string& path) {
-        for (const std::string& directory : store_bucket_directories(path)) {
-            for (const std::string& name : slice_names(directory)) {
-                if (!std::filesystem::exists(directory + "/" + name + ".seal")) return false;
-            }
-        }
-        return true;
-    }
-    // Changes copies of the store, each while another call fails, or while one of a place in the code does half, and
-    // then again: these records are left, and what could not be written or flushed was told, if it must be: a change of a
-    // seal need not.
-    void fail_each_call(const lines& left, bool is_told, const std::function<bool(loader*)>& change) const {
-        const no_flushes quick;
-        const auto change_copy = [&](fault_action action, uint64_t n, int error) {
-            SCOPED_TRACE(testing::Message() << "call " << n << ", error " << error);
-            const temp_dir copy;
-            const std::string path = copy.file("store");
-            std::filesystem::copy(store(), path, std::filesystem::copy_options::recursive);
-            std::vector<uint64_t> places;
-            for (const bool failing : {true, false}) {
-                const std::unique_ptr<fault_step> step(failing ? new fault_step(action, n, error) : nullptr);
-                const load_options options;
-                bool done = false;
-                loader load;
-                try {
-                    loader_open(&load, path, options);
-                    done = change(&load);
-                    loader_close(&load);
-                } catch (const failure_t&) {
-                    done = false;
-                    loader_give_up(&load);
-                }
-                using enum fault_call;
-                const bool lost = failing && (step->struck(pwrite) || step->struck(fsync) || step->struck(ftruncate));
-                EXPECT_TRUE(failing || done);
-                // A slice may do without its seal.
-                EXPECT_FALSE(is_told && done && lost && error == EIO && are_sealed(path));
-                if (failing && n == ~uint64_t{0}) places = step->firsts();
-                if (failing && n == ~uint64_t{0}) places.push_back(step->calls());
-            }
-            EXPECT_EQ(records(path), left);
-            return places;
-        };
-        const std::vector<uint64_t> places = change_copy(fault_action::fail, ~uint64_t{0}, 0);
-        for (uint64_t n = 1; n <= places.back() && !HasFailure(); n++) change_copy(fault_action::fail, n, EIO);
-        for (const uint64_t n : places) change_copy(fault_action::shorten, n, 0);
-    }
-
     // The source map as a load leaves it that is killed right after its slices became visible: the marks behind the
     // last stretch are missing.
     void forget_mark() const {

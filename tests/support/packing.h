@@ -19,11 +19,10 @@ struct packing {
     tool::packed_format_t format;
     const char* suffix;
     std::string (*pack)(const std::string& text);
-    size_t check_at;  // a byte of a checksum, from the end of a member
 };
-inline constexpr packing PACKINGS[] = {{tool::PACKED_GZIP, ".gz", gzip_member, 6},
-                                       {tool::PACKED_BZIP2, ".bz2", bzip2_member, 3},
-                                       {tool::PACKED_XZ, ".xz", xz_member, 5},
-                                       {tool::PACKED_ZSTD, ".zst", zstd_member, 2}};
+inline constexpr packing PACKINGS[] = {{tool::PACKED_GZIP, ".gz", gzip_member},
+                                       {tool::PACKED_BZIP2, ".bz2", bzip2_member},
+                                       {tool::PACKED_XZ, ".xz", xz_member},
+                                       {tool::PACKED_ZSTD, ".zst", zstd_member}};
 
 }  // namespace veldar

@@ -174,7 +174,6 @@ void event_queue_sync(event_queue* queue, uint32_t next_address) {
 }
 
 void event_queue_close(event_queue* queue) {
-    if (!queue->is_open) return;
     finish(queue);
     queue->is_open = false;
     index_writer_close(&queue->writer);

@@ -52,7 +52,7 @@ void event_queue_open(event_queue* queue, const std::string& directory, const in
 bool event_queue_put(event_queue* queue, const st_txn& txn, term_set* terms);
 // Puts what is left and writes it as a slice; `next_address` is that of the next event. Throws as event_queue_put.
 void event_queue_sync(event_queue* queue, uint32_t next_address);
-// Puts what is left, syncs and closes, also when that fails. Nothing when it is closed. Throws as event_queue_put.
+// Puts what is left of one that is open, syncs and closes, also when that fails. Throws as event_queue_put.
 void event_queue_close(event_queue* queue);
 
 }  // namespace veldar::tool

@@ -77,7 +77,7 @@ std::string time_text(st_time_t time) {
     const time_t seconds = time;
     struct tm parts;
     char text[32];
-    if (::gmtime_r(&seconds, &parts) == nullptr) return std::to_string(time);
+    ::gmtime_r(&seconds, &parts);
     const size_t size = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
     return {text, size};
 }

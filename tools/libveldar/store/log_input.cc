@@ -190,7 +190,6 @@ bool log_input_is_young(const log_input& input) {
 
 bool log_input_leave_last_line(log_input* input, std::string* error) {
     constexpr uint64_t PIECE = 65536;
-    if (input->pipe || input->packed != nullptr) return false;
     const size_t unit = input->wide != nullptr ? 2 : 1;
     const uint64_t size = input->size / unit * unit;
     std::string bytes;

@@ -45,8 +45,8 @@ bool log_input_is_uncut(const log_input& input, std::string* error);
 bool log_input_is_young(const log_input& input);
 // How far the file itself has been read.
 uint64_t log_input_stored_offset(const log_input& input);
-// Sets stored_end behind the last line end of a file that is not compressed. Whether that leaves bytes out; a message
-// when the file cannot be read.
+// Of a file that is no pipe and not compressed: sets stored_end behind the last line end. Whether that leaves bytes out;
+// a message when the file cannot be read.
 bool log_input_leave_last_line(log_input* input, std::string* error);
 // Up to `size` bytes: how many, 0 at the end, negative with a message.
 [[nodiscard]] int64_t log_input_read(log_input* input, char* out, size_t size, std::string* error);
