@@ -274,8 +274,8 @@ TEST_F(QueryFaults, EveryFileCallFails) {
 }
 
 // Whatever fails beneath a command that changes a store, it says so; and the same command again makes what it had made
-// without. Of the places that allocate, or may do half of what they are told, one in four, else all; where it is slow, one
-// of seven of them.
+// without. Of the places that allocate, or may do half of what they are told, one in four, else all; where it is slow,
+// one of seven of them.
 TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
     const bool brief = ::getenv("VELDAR_TORTURE") == nullptr;
     const no_flushes flushes;
