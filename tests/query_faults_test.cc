@@ -335,7 +335,7 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
         {{add_metrics_command, {"metrics", "load", dir.file("m.om")}}, stands},
         {{add_load_command, {"load", dir.file("d.log.gz")}}, stands},
         {{add_load_command, {"load", "--again", dir.file("a.log")}}, stands},
-        {{add_load_command, {"load", "-"}}, stands},
+        {{add_load_command, {"load", "--bucket-bytes", "400", "-"}}, stands},
         {{add_metrics_command, {"metrics", "load", "-", "--batch", "10", "--format", "prometheus"}}, stands},
         {{add_put_command, {"put", index, "-", "--max-values", "1024"}}, stands},
         {{add_forget_command, {"forget", dir.file("b.log.gz")}}, stands},

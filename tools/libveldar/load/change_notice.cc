@@ -41,13 +41,10 @@ void change_notice_set(change_notice* notice, const std::set<std::string>& direc
     // What is watched already keeps its watch, and one of a directory that is gone has gone with it.
     if (!notice->names.valid()) notice->names.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (!notice->writes.valid()) notice->writes.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    notice->is_complete = notice->names.valid() && notice->writes.valid();
-    for (const std::string& directory : directories) {
-        if (!notice->is_complete) return;
-        notice->is_complete = !is_remote(directory) &&
-                              ::inotify_add_watch(notice->names.get(), directory.c_str(), NAMES) >= 0 &&
-                              ::inotify_add_watch(notice->writes.get(), directory.c_str(), WRITES) >= 0;
-    }
+    notice->is_complete = std::all_of(directories.begin(), directories.end(), [notice](const std::string& directory) {
+        return !is_remote(directory) && ::inotify_add_watch(notice->names.get(), directory.c_str(), NAMES) >= 0 &&
+               ::inotify_add_watch(notice->writes.get(), directory.c_str(), WRITES) >= 0;
+    });
 }
 
 bool change_notice_wait(change_notice* notice, bool writes_count, std::chrono::milliseconds time) {

@@ -165,8 +165,7 @@ int64_t read_from(log_input* input, uint64_t offset, std::span<char> out) {
     size_t have = 0;
     while (have < out.size()) {
         const int64_t got = log_input_read(input, out.data() + have, out.size() - have, &error);
-        if (got < 0) return -1;
-        if (got == 0) break;
+        if (got <= 0) return got < 0 ? -1 : static_cast<int64_t>(have);
         have += static_cast<size_t>(got);
     }
     return static_cast<int64_t>(have);
@@ -177,10 +176,9 @@ int64_t read_from(log_input* input, uint64_t offset, std::span<char> out) {
 bool goes_on_alike(const known_file& known, log_input* input, log_input* original) {
     char bytes[4096], others[sizeof bytes];
     const int64_t size = read_from(input, known.progress, bytes);
-    if (size <= 0) return true;
-    const auto wanted = static_cast<size_t>(size);
+    const auto wanted = static_cast<size_t>(std::max<int64_t>(size, 0));
     const int64_t got = read_from(original, known.progress, {others, wanted});
-    return got < 0 || (got == size && std::memcmp(bytes, others, wanted) == 0);
+    return size < 0 || got < 0 || (got == size && std::memcmp(bytes, others, wanted) == 0);
 }
 
 // Whether the log was truncated since it was opened.

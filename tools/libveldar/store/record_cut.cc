@@ -165,7 +165,6 @@ size_t objects_length(std::string_view bytes, bool at_end) {
     const scan_result scan = scan_object(object);
     if (scan.end == NONE) return scan.broken || at_end ? line_length(bytes, at_end) : 0;
     const size_t end = bytes.size() - object.size() + scan.end, next = bytes.find_first_not_of(BEHIND_OBJECT, end);
-    if (next != NONE && bytes[next] == '\n') return next + 1;
     if (next != NONE && (bytes[next] == '{' || bytes[next] == '}')) return next;
     const size_t line = line_end(bytes, end);
     if (line == NONE && bytes.size() < RECORD_MAX) return at_end ? bytes.size() : 0;
