@@ -22,8 +22,7 @@ namespace {
 
 constexpr char LOCK_SUFFIX[] = ".lock";
 constexpr size_t HOST_NAME_MAX_LENGTH = sizeof os_host_name::text - 1;
-constexpr useconds_t LINK_PAUSE_MICROSECONDS = 50 * 1000;
-constexpr int LINK_PAUSES = 100;  // five seconds
+constexpr time_t LINK_PATIENCE_SECONDS = 5;
 constexpr int BREAK_STALE_LOCK_SECONDS = 10;
 
 buffer<char> owned_text;
@@ -104,9 +103,11 @@ bool directory_usable(const char* path) {
 // Creates the temporary file with the lock text in it; false leaves nothing behind.
 bool create_temporary(const char* name, struct stat* created) {
     if (::unlink(name) != 0 && errno != ENOENT) return false;
-    const unique_fd fd(os_retry([&] { return ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));
+    unique_fd fd(os_retry([&] { return ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));
+    if (!fd.valid()) return false;
     write_lock_text(fd.get());
-    if (::fstat(fd.get(), created) == 0) return true;
+    fd.reset();
+    if (::stat(name, created) == 0) return true;
     ::unlink(name);
     return false;
 }
@@ -132,7 +133,8 @@ bool link_cannot_succeed(int error) {
 // Links until the lock is ours, is seen to be another's for 5 seconds, or cannot be had. Over NFS the answer to a link
 // that did succeed may get lost, so the inode decides, never the result of the call.
 int link_to_lock(const char* temporary, const char* lock, ino_t inode) {
-    for (int pauses = 0;; pauses++) {
+    const time_t deadline = std::time(nullptr) + LINK_PATIENCE_SECONDS;
+    while (true) {
         const int link_error = ::link(temporary, lock) == 0 ? 0 : errno;
         struct stat found;
         if (::stat(lock, &found) == 0) {
@@ -143,8 +145,8 @@ int link_to_lock(const char* temporary, const char* lock, ino_t inode) {
         } else if (link_cannot_succeed(link_error)) {
             return FILEMUTEX_ERROR;
         }
-        if (pauses == LINK_PAUSES) return FILEMUTEX_HELD;
-        ::usleep(LINK_PAUSE_MICROSECONDS);
+        if (std::time(nullptr) >= deadline) return FILEMUTEX_HELD;
+        ::usleep(50 * 1000);
     }
 }
 
@@ -207,11 +209,12 @@ int filemutex_lock(const char* path) {
 
 int filemutex_lock_by_link(const char* path) {
     const os_host_name host;
-    const uintptr_t number = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    if (host.text[0] == '\0') return FILEMUTEX_ERROR;
     ospath_builder lock, temporary;
-    const bool named = lock_name(&lock, path) && temporary_name(&temporary, path, host, number);
-    if (!named || host.text[0] == '\0') return FILEMUTEX_ERROR;
+    if (!lock_name(&lock, path)) return FILEMUTEX_ERROR;
     if (::access(lock.buf.val, F_OK) == 0) return FILEMUTEX_HELD;
+    const uintptr_t number = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    if (!temporary_name(&temporary, path, host, number)) return FILEMUTEX_ERROR;
     struct stat created;
     if (!directory_usable(path) || !create_temporary(temporary.buf.val, &created)) return FILEMUTEX_ERROR;
     const int result = link_to_lock(temporary.buf.val, lock.buf.val, created.st_ino);

@@ -120,6 +120,7 @@ int _plist_writer_start_term(plist_writer_t* plw) {
     plw->count_forterm = plw->run = plw->last_value = plw->first_value = 0;
     plw->last_skipped_value = PLIST_END;
     plw->term_bytes = 0;
+    if (plw->plo_type == PLO_BMAP) ST_TRY(flush_if_nearly_full(plw));
     if (plw->plo_type == PLO_BMAP) {
         bitmap_writer_init(&plw->bitmap, plw->buf, plw->buffered, PLIST_BUFFER, plw->fd, plw->offset);
     }

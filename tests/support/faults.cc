@@ -550,6 +550,13 @@ int __wrap_poll(pollfd* what, nfds_t count, int ms) {
     veldar::waits.ms += ready == 0 ? ms : 1;
     return ready;
 }
+// Passes with the pauses that are skipped.
+time_t __real_time(time_t* out);
+time_t __wrap_time(time_t* out) {
+    const time_t now = __real_time(out) + static_cast<time_t>(veldar::pauses.microseconds / 1'000'000);
+    if (out != nullptr) *out = now;
+    return now;
+}
 int __wrap_usleep(useconds_t pause) {
     if (!veldar::pauses.skipped) return __real_usleep(pause);
     veldar::pauses.microseconds += pause;

@@ -109,7 +109,7 @@ class fake_host : uncopied {
     ~fake_host();
 };
 
-// While it lives, pauses take no time and are added up.
+// While it lives, pauses take no time and are added up; the seconds of time() pass with them.
 class no_pauses : uncopied {
   public:
     no_pauses();
