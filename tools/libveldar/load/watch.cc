@@ -328,11 +328,20 @@ bool may_be_half_copy(watcher* w, const std::string& name, const std::string& pa
     return may_be_same(fd.get(), held, 0, part) && may_be_same(fd.get(), held, size - part, part);
 }
 
+// Whether a compressed piece may be in the making: what it is made of is there, and no later than it. The log itself is
+// no such thing: it goes on, and nothing but the piece may have what was cut off it.
+bool may_be_unfinished(const std::string& name, const std::string& stem, const file_stamp& packed) {
+    struct stat status;
+    if (stem == name) return false;
+    if (::stat(stem.c_str(), &status) != 0) return errno != ENOENT;
+    return nanoseconds(status.st_mtim) <= packed.modified_ns;
+}
+
 // One that is being compressed is not whole yet; when it is, it has the time of what it was made of, which goes.
 bool is_being_written(watcher* w, const std::string& name, const std::string& path, const file_stamp& stamp) {
     const std::string stem(packed_name_stem(path));
     if (stem.size() == path.size()) return may_be_half_copy(w, name, path);
-    return now_ns() < stamp.modified_ns + BEING_WRITTEN_NS || ::access(stem.c_str(), F_OK) == 0 || errno != ENOENT;
+    return now_ns() < stamp.modified_ns + BEING_WRITTEN_NS || may_be_unfinished(name, stem, stamp);
 }
 
 // The rotation is not over while a piece grows.
