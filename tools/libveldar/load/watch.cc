@@ -14,6 +14,7 @@
 #include <ctime>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "tools/libveldar/load/change_notice.h"
 #include "tools/libveldar/store/disk_file.h"
@@ -60,7 +61,7 @@ struct followed_file {
 struct rotation {
     uint64_t since_ns = 0;      // what was written before has been loaded
     clock::time_point until{};  // looked for so long
-    std::map<std::string, file_stamp> loaded, unfinished;
+    std::map<std::string, file_stamp> loaded, unfinished, failed;
 };
 
 struct watcher {
@@ -368,6 +369,11 @@ void load_pieces(watcher* w, const std::string& name, const std::vector<std::str
             const bool read = loader_follow(w->load, {path, name, true}, &number, &error);
             if (!read && ::access(path.c_str(), F_OK) != 0) continue;  // it has another name by now
             if (!read) tell(w, path, error);
+            // What fails for a moment is tried once more; one that is damaged stays so.
+            if (!read && std::exchange(rotated->failed[path], stamp) != stamp) {
+                rotated->until = std::max(rotated->until, clock::now() + FINISHED_AFTER);
+                continue;
+            }
         }
         if (!work_stops()) loaded[path] = stamp;
     }
