@@ -304,6 +304,16 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
         stands();
         std::ofstream(store + "/sources", std::ios::app) << "/half/a.na";
     };
+    const auto was_killed = [&] {  // before it noted how far it was, which is the note's end
+        stands();
+        const std::string notes = bucket + "/source.map";
+        std::filesystem::resize_file(notes, std::filesystem::file_size(notes) - 24);
+    };
+    const auto was_deleted_from = [&] {
+        was_killed();
+        run({add_delete_command, {"delete", "status=404"}}, fault_action::fail, NEVER, 1, &out);
+        run({add_load_command, {"load", dir.file("a.log")}}, fault_action::fail, NEVER, 1, &out);
+    };
     const auto has_leftovers = [&] {  // a merge is writing one of them, and a log is gone
         stands();
         std::filesystem::remove(dir.file("clock.log"));
@@ -341,6 +351,8 @@ TEST_F(QueryFaults, EveryFailureOfAChangeIsMadeGood) {
         {{add_forget_command, {"forget", dir.file("b.log.gz")}}, stands},
         {{add_metrics_command, {"metrics", "load", csv, "--value", "cpu", "--dims", "host"}}, stands},
         {{add_delete_command, {"delete", "status=404"}}, stands},
+        {{add_delete_command, {"delete", "status=404"}}, was_killed},
+        {{add_load_command, {"load", dir.file("d.log.gz")}}, was_deleted_from},
         {{add_optimize_command, {"optimize", "--all"}}, stands},
         {{add_retain_command, {"retain", "--older-than", "2024-01-01T00:01:00Z"}}, stands},
         {{add_seal_command, {"seal", "--anew"}}, stands},

@@ -5,11 +5,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <random>
 
 #include "libzero/endian.h"
 #include "tests/support/faults.h"
 #include "tests/support/packing.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tools/libveldar/load/put_line.h"
 #include "tools/libveldar/store/packed_stream.h"
@@ -17,6 +19,7 @@
 #include "tools/libveldar/store/record_reader.h"
 #include "tools/libveldar/store/source_map.h"
 #include "tools/libveldar/store/troubles.h"
+#include "tools/libveldar/store/visible_text.h"
 
 namespace veldar {
 
@@ -269,12 +272,91 @@ TEST(PackedStream, EveryByteCutOffOrDamagedAndEachByItself) {
             const bool is_over = got == both || (got == text && i >= 2 * member.size());
             EXPECT_TRUE(error.empty() ? is_over && trickled == got : i % 2 != 0 || both.starts_with(got))
                 << way.suffix << i << got << error;
+            const bool no_member = i % 2 != 0 && i / 2 % member.size() == 1;  // of two or more bytes that never differ
+            EXPECT_FALSE(no_member && error.empty()) << way.suffix << i;
         }
     }
-    packed_stream stream;
-    std::string error;
-    const fault_step no_memory(fault_action::allocation, 2);  // behind the decoder
-    EXPECT_FALSE(packed_open(&stream, PACKINGS[0].format, -1, false, {}, &error));
+    write_file(dir.file("log"), bzip2_member("").substr(0, 4) + "1AY&SY" + std::string(5 << 20, 'x'));
+    const unique_fd endless(::open(dir.file("log").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(read(PACKED_BZIP2, endless.get(), true).second.find("is damaged before") != text.npos);
+}
+
+// Whatever fails beneath the reading of a log, in whatever form it is stored: what came is right, and words follow when
+// that is not all. A signal stops no read.
+TEST(LogInput, EveryFailureIsTold) {
+    const temp_dir dir;
+    std::string text, wide = "\xFF\xFE";
+    for (size_t i = 0; text.size() < 200000; i++)
+        text += "2024-05-01T10:00:00Z " + std::to_string(i * i * 7919) + std::string(300, 'x') + "\n";
+    for (const char c : text) wide.append({c, '\0'});
+    const size_t line = text.find('\n', 100000) + 1;
+    std::string forms[] = {text, wide, gzip_member(wide), "", "", "", ""};
+    std::transform(std::begin(PACKINGS), std::end(PACKINGS), &forms[3], [&](auto& way) { return way.pack(text); });
+    for (size_t i = 0; i < std::size(forms); i++) {
+        SCOPED_TRACE(i);
+        const std::string log = dir.file("log" + std::to_string(i)), store = dir.file("store" + std::to_string(i));
+        write_file(log, forms[i]);
+        ASSERT_EQ(run_tool("veldar/veldar", {"-s", store, "load", log}).status, 0);
+        std::string got, error;
+        const auto read_at = [&](log_input* input, uint64_t offset) {
+            char bytes[1000];
+            for (size_t have = 0; have < sizeof bytes;) {
+                if (have == 0 && !log_input_seek(input, offset, &error)) return false;
+                const int64_t size = log_input_read(input, bytes, sizeof bytes - have, &error);
+                if (size <= 0) return false;
+                got.append(bytes, static_cast<size_t>(size));
+                have += static_cast<size_t>(size);
+            }
+            return true;
+        };
+        const auto read = [&] {
+            log_input input;
+            if (!log_input_open(&input, log, &error)) return;
+            if (input.packed != nullptr) input.packed->span = 30000;
+            if (!read_at(&input, 190000) || !read_at(&input, 10) || !read_at(&input, 150000)) return;
+            const raw_reader_ptr reader = raw_reader_open(store + "/bucket-000001", &error);
+            raw_record record;
+            std::vector<std::string> lines;
+            if (reader == nullptr || !raw_reader_fetch(reader.get(), line, &record, &error)) return;
+            std::vector<std::string> before, after;
+            if (!raw_reader_context(reader.get(), record, 270, 270, &before, &after, &error)) return;
+            for (const auto* some : {&before, &after}) {
+                for (const std::string& one : *some) got += one + "\n";
+            }
+            got += record.text;
+        };
+        read();
+        const std::string whole = got;
+        ASSERT_TRUE(whole.starts_with(text.substr(190000, 1000) + text.substr(10, 1000) + text.substr(150000, 1000)));
+        ASSERT_GT(whole.size(), 150000u) << error;
+        for (const auto& [action, why] : {std::pair{fault_action::fail, EIO},
+                                          {fault_action::fail, EINTR},
+                                          {fault_action::shorten, EIO},
+                                          {fault_action::allocation, EIO}}) {
+            const std::vector<uint64_t> places = [&, action = action] {
+                const fault_step counted(action, ~uint64_t{0});
+                read();
+                return counted.firsts();
+            }();
+            const size_t stride = action == fault_action::allocation ? 4 : 1;
+            for (size_t nth = i % stride; nth < places.size(); nth += stride) {
+                got.clear();
+                error.clear();
+                bool must_work = action == fault_action::shorten;
+                {
+                    const fault_step step(action, places[nth], why);
+                    try {
+                        read();
+                    } catch (const std::bad_alloc&) {
+                        error = "out of memory";
+                    }
+                    must_work = must_work || (why == EINTR && step.struck(fault_call::pread));
+                }
+                EXPECT_TRUE(got == whole || (!error.empty() && whole.starts_with(got) && !must_work))
+                    << nth << error << got.size();
+            }
+        }
+    }
 }
 
 TEST(RawReader, RotationsOfALogAreKnownByTheirNames) {
@@ -286,6 +368,22 @@ TEST(RawReader, RotationsOfALogAreKnownByTheirNames) {
          {"b.log.1", "a.log.new", "a.log1", "a.log.old.1", "a.log.x.1", "a.lo", "a.log-", "xa.log.1"}) {
         EXPECT_FALSE(is_rotation_of("a.log", name)) << name;
     }
+}
+
+// Of what ends within a character no byte behind its end is looked at.
+TEST(VisibleText, OnlyWholeCharactersAreTakenAsTheyStand) {
+    const std::pair<const char*, size_t> rows[] = {
+        {"a", 1},    {"\xC3\xA9", 2},    {"\xE2\x82\xAC", 3}, {"\xF0\x9F\x98\x80", 4},
+        {"\xC3", 0}, {"\xE2\x82", 0},    {"\xE2\x82z", 0},    {"\xC3z", 0},
+        {"\x80", 0}, {"\xC0\xAF", 0},    {"\xED\xA0\x80", 0}, {"\xF4\x90\x80\x80", 0},
+        {"\xFF", 0}, {"\xE0\x9F\xBF", 0}};
+    for (const auto& [text, length] : rows) {
+        EXPECT_EQ(utf8_length(std::string_view(text)), length) << text;
+        EXPECT_EQ(utf8_length(std::string(text) + "z"), length) << text;
+    }
+    std::string out;
+    put_visible(&out, "a\r\nb\rc\x1B\xC2\x85\xC3\x85\x7F\t\xFF");
+    EXPECT_EQ(out, "a\nb^Mc^[\\x85\xC3\x85^?\t\xFF");
 }
 
 // The records of `text` by the rule alone.
@@ -306,6 +404,12 @@ TEST(Records, LinesAndTheirContinuations) {
     EXPECT_EQ(records_of(cut, "a\nb\r\nc"), (list{"a", "b", "c"}));
     EXPECT_EQ(records_of(cut, " at\na\n b\n\tc\n\nd\r\n\r\ne\n"), (list{" at", "a\n b\n\tc\n", "d\r\n", "e"}));
     EXPECT_EQ(records_of(cut, "\n\n"), list{"\n"});
+    EXPECT_EQ(records_of(record_cut_from_text("objects"), "\n a\n{\"b\":1}\n"), (list{"", " a", "{\"b\":1}"}));
+    const record_cut times = record_cut_from_text("times 0 %Y-%m-%d%t%T");
+    std::string lines;
+    for (size_t i = 1; i < RECORD_LINES_MAX; i++) lines += "x\n";
+    EXPECT_EQ(record_length(times, lines + std::string(300, 'x'), false), 0u) << "its last line has not ended";
+    EXPECT_EQ(record_length(times, lines + "x\nx\n", false), lines.size() + 2);
     EXPECT_EQ(record_length(cut, "a\n", false), 0u) << "the next line may continue this one";
     EXPECT_EQ(record_length(cut, "a\n\r", false), 0u);
     EXPECT_EQ(record_length(cut, "a\nb", false), 2u);
@@ -344,8 +448,8 @@ TEST(Records, TheReaderCutsAsTheRuleDoes) {
         for (int i = 0; i < 300; i++) {
             const size_t lengths[] = {0, 1, 30, 30, 30, RECORD_MAX / 5, RECORD_MAX - 2, 3 * RECORD_MAX};
             const char* const starts[] = {
-                "",       "",   " ", "\t", "\r",        "2024-05-01 10:00:00 ", "{\"a\":[\n{}],",  "\"b\":\"",
-                "\"c\"}", "{}", "[", "],", "__CURSOR=", "\"a\n\"\"b\",\"",      "{\"Records\":[{}"};
+                "",       "",   " ", "\t", "\r",        "2024-05-01 10:00:00 ", "{\"a\":[\n{}],",   "\"b\":\"",
+                "\"c\"}", "{}", "[", "],", "__CURSOR=", "\"a\n\"\"b\",\"",      "{\"Records\":[{}", "{\"Records\": [ "};
             text += starts[rng() % std::size(starts)] + std::string(lengths[rng() % (i % 20 == 0 ? 8 : 5)], 'y') + "\n";
         }
         write_file(dir.file("log"), text);
@@ -360,7 +464,8 @@ TEST(Records, TheReaderCutsAsTheRuleDoes) {
         std::string_view record;
         while (record_reader_next(&reader, &offset, &record)) {
             got.emplace_back(record);
-            for (const uint64_t have : {(offset - before) / 2, offset - before, offset - before + 1}) {
+            for (uint64_t have = 0; have <= offset - before + 1;
+                 have += offset - before < 400 ? 1 : (offset - before) / 2) {
                 const size_t found = record_length(reader.cut, std::string_view(text).substr(before, have), false);
                 ASSERT_TRUE(offset == 0 || found == 0 || found == offset - before) << rule << " " << before;
             }

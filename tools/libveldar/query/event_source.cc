@@ -114,10 +114,11 @@ const raw_record* event_source_record(event_source* source, const event_t& event
 
 bool event_source_context(event_source* source, const event_t& event, uint32_t before, uint32_t after,
                           std::vector<std::string>* lines_before, std::vector<std::string>* lines_after) {
+    const raw_record* const record = event_source_record(source, event);
+    if (record == nullptr) return false;
     raw_reader* const reader = reader_of(source, event.source);
     std::string error;
-    if (reader == nullptr) return false;
-    if (raw_reader_context(reader, event.value.address, before, after, lines_before, lines_after, &error)) return true;
+    if (raw_reader_context(reader, *record, before, after, lines_before, lines_after, &error)) return true;
     troubles_add(source->trouble, error);
     return false;
 }

@@ -27,6 +27,7 @@ struct open_source {
     uint64_t start = 0;
     std::string bytes;
     bool at_end = false;  // the piece ends where the file ends
+    std::string failure;  // why it ends before
     uint64_t used = 0;    // number of the last fetch
 };
 
@@ -95,11 +96,13 @@ uint64_t run_start(const open_source& source, uint64_t offset) {
     return std::max(point, offset > CACHE_BACK ? offset - CACHE_BACK : 0);
 }
 
-// Makes the piece hold [offset, offset + size) as far as the file reaches.
+// Makes the piece hold [offset, offset + size) as far as the file reaches; false with a message when a failure has left it
+// shorter.
 bool load_run(open_source* source, uint64_t offset, size_t size, std::string* error) {
     const bool inside = offset >= source->start && offset - source->start <= source->bytes.size() + FIRST_READ;
     if (!inside || source->bytes.size() > CACHE_MAX + size) {
         source->bytes.clear();
+        source->failure.clear();
         source->at_end = false;
         source->start = run_start(*source, offset);
     }
@@ -111,10 +114,14 @@ bool load_run(open_source* source, uint64_t offset, size_t size, std::string* er
         const int64_t got =
             log_input_read(&source->input, source->bytes.data() + had, source->bytes.size() - had, error);
         source->bytes.resize(had + (got > 0 ? static_cast<size_t>(got) : 0));
-        if (got < 0 && source->bytes.size() <= offset - source->start) return false;
-        source->at_end = got <= 0;
+        source->failure = got < 0 ? *error : "";
+        // What a compressed file held before its damage is what was loaded from it.
+        source->at_end = got == 0 || (got < 0 && source->input.packed != nullptr);
+        if (got < 0) break;
     }
-    return true;
+    if (source->bytes.size() >= want || source->failure.empty()) return true;
+    *error = source->failure;
+    return false;
 }
 
 }  // namespace
@@ -182,12 +189,13 @@ bool read_record(open_source* source, const source_place& place, std::string_vie
     const record_cut cut = record_cut_of(place.file->records, place.cut);
     for (size_t size = FIRST_READ;; size *= 2) {
         const size_t wanted = static_cast<size_t>(std::min<uint64_t>(size, most));
-        if (!load_run(source, place.offset, wanted, error)) return false;
+        const bool loaded = load_run(source, place.offset, wanted, error);
         const std::string_view have = run_bytes(*source, place.offset, most);
         const bool all = have.size() == most || source->at_end;
         const size_t length = record_length(cut, have, all);
         *record = have.substr(0, length);
         if (length != 0) return true;
+        if (!loaded) return false;
         if (all) {
             *error = "is shorter than what was loaded from it";
             return false;
@@ -223,9 +231,7 @@ bool read_lines_after(open_source* source, uint64_t from, uint32_t count, std::v
                       std::string* error) {
     lines->clear();
     for (uint64_t span = FIRST_READ; lines->size() < count; span *= 4) {
-        if (!load_run(source, from, static_cast<size_t>(span), error)) {
-            return from >= source->start + source->bytes.size();
-        }
+        const bool loaded = load_run(source, from, static_cast<size_t>(span), error);
         std::string_view bytes = run_bytes(*source, from, span);
         const bool all = bytes.size() < span || span >= RECORD_MAX;
         lines->clear();
@@ -236,6 +242,7 @@ bool read_lines_after(open_source* source, uint64_t from, uint32_t count, std::v
             lines->emplace_back(record_text(bytes.substr(0, size)));
             bytes.remove_prefix(size);
         }
+        if (!loaded && lines->size() < count) return false;
         if (all) break;
     }
     return true;
@@ -272,7 +279,6 @@ raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string*
 
 bool is_rotation_of(const std::string& name, std::string other) {
     if (other == name + ".old") return true;
-    if (!other.starts_with(name)) return false;
     while (other.size() > name.size()) {
         const std::string base = rotation_base(other);
         if (base.size() == other.size()) return false;
@@ -302,16 +308,15 @@ bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std
     return true;
 }
 
-bool raw_reader_context(raw_reader* reader, uint64_t address, uint32_t before, uint32_t after,
+bool raw_reader_context(raw_reader* reader, const raw_record& record, uint32_t before, uint32_t after,
                         std::vector<std::string>* lines_before, std::vector<std::string>* lines_after,
                         std::string* error) {
-    raw_record record;
-    if (!raw_reader_fetch(reader, address, &record, error)) return false;
-    const std::optional<source_place> place = source_map_find(reader->map, address);
-    open_source* source = source_of(reader, *place->file, error);
+    open_source* source = source_of(reader, *record.file, error);
     if (source == nullptr) return false;
-    return read_lines_before(source, record.offset, before, lines_before, error) &&
-           read_lines_after(source, record.offset + record.size, after, lines_after, error);
+    const bool read = read_lines_before(source, record.offset, before, lines_before, error) &&
+                      read_lines_after(source, record.offset + record.size, after, lines_after, error);
+    if (!read) *error = record.path + ": " + *error;
+    return read;
 }
 
 }  // namespace veldar::tool

@@ -133,21 +133,17 @@ scan_result scan_object(std::string_view bytes) {
     return {NONE, bytes.size() >= RECORD_MAX};
 }
 
-// Takes `{"Records": [` off the front when an object follows; false when more bytes have to tell.
-bool skip_envelope(std::string_view* bytes) {
+// Takes `{"Records": [` off the front when an object follows. A part of it is an object that is open.
+void skip_envelope(std::string_view* bytes) {
     constexpr size_t ENVELOPE_MAX = 256;
     std::string_view rest = bytes->substr(0, ENVELOPE_MAX);
-    const bool all = rest.size() == ENVELOPE_MAX;
     for (const char* want = "{\"records\":["; *want != '\0'; want++) {
         if (*want != 'e') rest.remove_prefix(std::min(rest.find_first_not_of(" \t\r\n"), rest.size()));
-        if (rest.empty()) return all;
-        if ((*want >= 'a' ? rest[0] | 0x20 : rest[0]) != *want) return true;
+        if (rest.empty() || (*want >= 'a' ? rest[0] | 0x20 : rest[0]) != *want) return;
         rest.remove_prefix(1);
     }
     rest.remove_prefix(std::min(rest.find_first_not_of(" \t\r\n"), rest.size()));
-    if (rest.empty()) return all;
-    if (rest[0] == '{') *bytes = std::string_view(rest.data(), static_cast<size_t>(bytes->end() - rest.data()));
-    return true;
+    if (rest.starts_with('{')) *bytes = std::string_view(rest.data(), static_cast<size_t>(bytes->end() - rest.data()));
 }
 
 size_t objects_length(std::string_view bytes, bool at_end) {
@@ -161,7 +157,7 @@ size_t objects_length(std::string_view bytes, bool at_end) {
         });
     }
     std::string_view object = bytes.substr(first);
-    if (!skip_envelope(&object) && !at_end) return 0;
+    skip_envelope(&object);
     const scan_result scan = scan_object(object);
     if (scan.end == NONE) return scan.broken || at_end ? line_length(bytes, at_end) : 0;
     const size_t end = bytes.size() - object.size() + scan.end, next = bytes.find_first_not_of(BEHIND_OBJECT, end);

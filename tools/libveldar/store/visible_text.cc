@@ -29,7 +29,7 @@ size_t utf8_length(std::string_view text) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned lead = byte(0);
     const size_t length = lead < 0x80 ? 1 : lead >> 5 == 6 ? 2 : lead >> 4 == 14 ? 3 : lead >> 3 == 30 ? 4 : 0;
-    if (length == 0 || length > text.size()) return 0;
+    if (length > text.size()) return 0;
     uint32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
     for (size_t i = 1; i < length; i++) {
         if ((byte(i) & 0xC0) != 0x80) return 0;
