@@ -78,8 +78,8 @@ bool slice_address_max(const std::string& path, uint64_t* address) {
     return true;
 }
 
-// False when a slice has been merged meanwhile.
-bool look_over_files(store_bucket* bucket) {
+// The path of a slice that has been merged meanwhile, or is a link to nothing; else empty.
+std::string look_over_files(store_bucket* bucket) {
     for (const std::string& name : disk_list_directory(bucket->directory)) {
         const std::string path = bucket->directory + "/" + name;
         uint64_t address = 0;
@@ -91,12 +91,12 @@ bool look_over_files(store_bucket* bucket) {
         } else if (!is_slice(name)) {
             continue;
         } else if (!slice_address_max(path, &address)) {
-            return false;
+            return path;
         }
         bucket->address_max = std::max(bucket->address_max, address);
         bucket->has_events = true;
     }
-    return true;
+    return {};
 }
 
 void open_bucket(store* st, store_bucket* bucket) {
@@ -106,7 +106,9 @@ void open_bucket(store* st, store_bucket* bucket) {
     if (!source_map_open(&bucket->map, bucket->directory + "/source.map", true, &error)) {
         throw failure_t{OUTCOME_IO, error};
     }
-    while (!look_over_files(bucket)) {
+    std::string gone;
+    for (std::string again; !(again = look_over_files(bucket)).empty(); gone = again) {
+        if (again == gone) fail_io("cannot open", gone, ENOENT);
     }
 }
 
