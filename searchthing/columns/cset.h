@@ -98,7 +98,6 @@ struct cset_reader_t {
     uint64_t data_size = 0;
     std::span<const cset_run_t> runs;
     std::span<const cset_place_t> blocks;
-    uint32_t block = 0;        // the decoded one, when block_count is not 0
     uint32_t block_first = 0;  // its first ordinal
     uint32_t block_count = 0;
     buffer<double> values;   // its elements

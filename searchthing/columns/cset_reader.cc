@@ -67,7 +67,6 @@ bool decode(const cset_place_t& place, std::span<const uint8_t> data, double* va
 
 int load_block(cset_reader_t* reader, uint32_t index, warm_rc_t* rc) {
     ST_ASSERT(index < reader->blocks.size());
-    if (reader->block == index && reader->block_count > 0) return 0;
     reader->block_count = 0;
     const cset_place_t& place = reader->blocks[index];
     const uint64_t size = place.block.data_size;
@@ -76,7 +75,6 @@ int load_block(cset_reader_t* reader, uint32_t index, warm_rc_t* rc) {
     if (!decode(place, {bytes, size}, reader->values.data())) {
         return _set_rc_verbose(rc, WARM_RC_CORRUPT, index, "columnset data are corrupted");
     }
-    reader->block = index;
     reader->block_first = place.first_ordinal;
     reader->block_count = place.block.count;
     return 0;
@@ -84,18 +82,17 @@ int load_block(cset_reader_t* reader, uint32_t index, warm_rc_t* rc) {
 
 // The block of an ordinal below the number of elements.
 uint32_t find_block(const cset_reader_t* reader, uint32_t ordinal) {
-    // Unsigned: an ordinal before the block is far behind it.
-    if (reader->block_count > 0 && ordinal - reader->block_first < reader->block_count) return reader->block;
-    const uint32_t next = reader->block + 1;
-    const auto holds = [&](size_t block) {
-        return block < reader->blocks.size() &&
-               ordinal - reader->blocks[block].first_ordinal < reader->blocks[block].block.count;
-    };
-    if (holds(next)) return next;
     const auto after = std::upper_bound(reader->blocks.begin(), reader->blocks.end(), ordinal,
                                         [](uint32_t o, const cset_place_t& place) { return o < place.first_ordinal; });
     ST_ASSERT(after != reader->blocks.begin());  // the first block begins at ordinal 0
     return static_cast<uint32_t>(after - reader->blocks.begin()) - 1;
+}
+
+// Makes the block of an ordinal below the number of elements the current one.
+int load_block_of(cset_reader_t* reader, uint32_t ordinal, warm_rc_t* rc) {
+    // Unsigned: an ordinal before the block is far behind it.
+    const bool is_loaded = ordinal - reader->block_first < reader->block_count;
+    return is_loaded ? 0 : load_block(reader, find_block(reader, ordinal), rc);
 }
 
 // The last run that begins at or before a value; runs.size() when there is none.
@@ -131,9 +128,8 @@ int check_range(const cset_reader_t* reader, uint32_t first, uint32_t n, warm_rc
 // Copies the elements of `count` ordinals from `ordinal` on.
 int copy_elements(cset_reader_t* reader, uint32_t ordinal, uint32_t count, double* out, warm_rc_t* rc) {
     while (count > 0) {
-        const uint32_t index = find_block(reader, ordinal);
-        ST_TRY(load_block(reader, index, rc));
-        const uint32_t from = ordinal - reader->blocks[index].first_ordinal;
+        ST_TRY(load_block_of(reader, ordinal, rc));
+        const uint32_t from = ordinal - reader->block_first;
         const uint32_t part = std::min(reader->block_count - from, count);
         std::copy_n(reader->values.data() + from, part, out);
         ordinal += part;
@@ -165,9 +161,9 @@ int cset_reader_get(cset_reader_t* reader, uint32_t value_no, double* v, bool* p
     const uint64_t ordinal = uint64_t{reader->runs[run].first_ordinal} + (value_no - reader->runs[run].first_value);
     if (ordinal >= run_ordinal(reader, size_t{run} + 1)) return 0;
     reader->run = run;
-    ST_TRY(copy_elements(reader, static_cast<uint32_t>(ordinal), 1, v, rc));
-    *present = true;
-    return 0;
+    const int status = copy_elements(reader, static_cast<uint32_t>(ordinal), 1, v, rc);
+    *present = status == 0;
+    return status;
 }
 
 int cset_reader_range(cset_reader_t* reader, uint32_t first, uint32_t n, double* out, uint8_t* present, warm_rc_t* rc) {
@@ -212,7 +208,7 @@ int cset_reader_stats(cset_reader_t* reader, uint32_t first, uint32_t n, cs_stat
             out->max = std::max(out->max, block.maximum);
             out->sum += block.sum;
         } else {
-            ST_TRY(load_block(reader, index, rc));
+            ST_TRY(load_block_of(reader, ordinal, rc));
             cs_stats_add_fast(out, {reader->values.data() + from, part});
         }
         ordinal += part;
@@ -230,7 +226,7 @@ int cset_reader_next(cset_reader_t* reader, uint32_t* value_no, double* v, warm_
             *value_no = CSET_END;
             return 0;
         }
-        ST_TRY(load_block(reader, find_block(reader, reader->ordinal), rc));
+        ST_TRY(load_block_of(reader, reader->ordinal, rc));
         while (run_ordinal(reader, size_t{reader->next_run} + 1) <= reader->ordinal) reader->next_run++;
         const cset_run_t run = reader->runs[reader->next_run];
         reader->run_end = run_ordinal(reader, size_t{reader->next_run} + 1);
