@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 
 #include "tools/libveldar/load/clock_days.h"
 #include "tools/libveldar/load/file_load.h"
@@ -39,7 +40,11 @@ std::string absolute_path(const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     char resolved[PATH_MAX];
-    if (::realpath(directory.c_str(), resolved) == nullptr) return path;
+    if (::realpath(directory.c_str(), resolved) == nullptr) {
+        std::error_code error;
+        const std::filesystem::path whole = std::filesystem::absolute(path, error);
+        return error ? path : whole.lexically_normal().string();
+    }
     const std::string parent = resolved;
     return parent + (parent == "/" ? "" : "/") + path.substr(slash + 1);
 }
