@@ -485,9 +485,11 @@ TEST(PutLine, Fields) {
     EXPECT_EQ(event.txn.address, 4294967295u);
     EXPECT_EQ(event.txn.seek_address, 1500.0);
     EXPECT_EQ(event.terms, (std::vector<std::string_view>{"a b", "c%"}));
-    EXPECT_EQ(encode_subsecond(0), 0u);
-    EXPECT_EQ(encode_subsecond(500000000), 11u);
-    EXPECT_EQ(encode_subsecond(50000000), 22u);
+    std::string cut = "0\t0\t0\t0\t0\t0\ta%25%4f", zero = "0\t0\t0\t0\t0\t0\ta b";
+    zero[zero.size() - 2] = '\0';
+    EXPECT_NE(put_line_parse({cut.data(), cut.size() - 1}, &event), nullptr) << "which goes on behind its end";
+    EXPECT_STREQ(put_line_parse({zero.data(), zero.size()}, &event), "a term holds a NUL byte");
+    EXPECT_TRUE(encode_subsecond(0) == 0 && encode_subsecond(500000000) == 11 && encode_subsecond(50000000) == 22);
     EXPECT_EQ(encode_subsecond(123456000), 2u * 123456 + 1);
 }
 

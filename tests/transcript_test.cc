@@ -23,7 +23,7 @@ TEST_P(Transcript, IsWhatItWas) {
 
 INSTANTIATE_TEST_SUITE_P(Of, Transcript,
                          testing::Values("borders", "damage", "inspect", "load", "odd", "optimize", "sources", "stats",
-                                         "upkeep", "usage"));
+                                         "upkeep", "usage", "wrecks"));
 
 }  // namespace
 }  // namespace veldar

@@ -93,6 +93,7 @@ class numbered_logs {
             std::istringstream(command) >> what >> first >> second >> size;
             const std::string a = path(first), b = path(second);
             if (what == "write") write(first, std::stoi(second));
+            if (what == "alien") add(a, "2024-01-01T00:00:00Z event n" + second + "x\n");
             if (what == "half") add(a, (half_ = line()).substr(0, 30));
             if (what == "rest") add(a, half_.substr(30));
             if (what == "rename") fs::rename(a, b);
@@ -291,6 +292,8 @@ TEST_F(FollowedLogs, EachLineOnce) {
     life.wait_error = EIO;
     EXPECT_NE(life.watch().find("cannot wait for changes: Input/output error"), std::string::npos);
     life.wait_error = 0;
+    EXPECT_EQ(life.watch(), fifo);
+    life.act("remove later/a.log.1; remove later");
     EXPECT_EQ(life.watch(), fifo);
     EXPECT_EQ(life.done, life.rows.size());
     expect_each_once(life.store(), life.written);
