@@ -278,7 +278,7 @@ TEST(PackedStream, EveryByteCutOffOrDamagedAndEachByItself) {
     }
     write_file(dir.file("log"), bzip2_member("").substr(0, 4) + "1AY&SY" + std::string(5 << 20, 'x'));
     const unique_fd endless(::open(dir.file("log").c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_TRUE(read(PACKED_BZIP2, endless.get(), true).second.find("is damaged before") != text.npos);
+    EXPECT_NE(read(PACKED_BZIP2, endless.get(), true).second.find("is damaged before"), std::string::npos);
 }
 
 // Whatever fails beneath the reading of a log, in whatever form it is stored: what came is right, and words follow when
@@ -316,7 +316,6 @@ TEST(LogInput, EveryFailureIsTold) {
             if (!read_at(&input, 190000) || !read_at(&input, 10) || !read_at(&input, 150000)) return;
             const raw_reader_ptr reader = raw_reader_open(store + "/bucket-000001", &error);
             raw_record record;
-            std::vector<std::string> lines;
             if (reader == nullptr || !raw_reader_fetch(reader.get(), line, &record, &error)) return;
             std::vector<std::string> before, after;
             if (!raw_reader_context(reader.get(), record, 270, 270, &before, &after, &error)) return;

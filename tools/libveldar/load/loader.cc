@@ -162,7 +162,8 @@ void note_whole(loader* load, const file_load& one, uint64_t state) {
 }
 
 // Remembers how far the file is loaded, and the bytes before that, so that it is known again by more than its
-// beginning. Of a compressed file the latter says that it was read to its end; one that was not is read again the next time.
+// beginning. Of a compressed file the latter says that it was read to its end; one that was not is read again the next
+// time.
 void note_progress(loader* load, const file_load& one) {
     const bool whole = one.reader.error.empty() && !work_stops();
     const bool knows_end = whole && !one.reader.held && !one.input.pipe && !log_input_is_plain(one.input);

@@ -108,7 +108,7 @@ metric_staging metric_staging_settle(const std::string& directory, metric_notes*
 
 void metric_staging_make(const metric_staging& staging) {
     disk_make_directory(staging.path);
-    static_cast<void>(is_there(staging));  // and is no other's
+    if (!is_there(staging)) fail_io("cannot make", staging.path, ENOENT);
 }
 
 void metric_staging_commit(const metric_staging& staging, const std::vector<metric_note>& added, metric_notes* notes) {

@@ -96,8 +96,8 @@ uint64_t run_start(const open_source& source, uint64_t offset) {
     return std::max(point, offset > CACHE_BACK ? offset - CACHE_BACK : 0);
 }
 
-// Makes the piece hold [offset, offset + size) as far as the file reaches; false with a message when a failure has left it
-// shorter.
+// Makes the piece hold [offset, offset + size) as far as the file reaches; false with a message when a failure has left
+// it shorter.
 bool load_run(open_source* source, uint64_t offset, size_t size, std::string* error) {
     const bool inside = offset >= source->start && offset - source->start <= source->bytes.size() + FIRST_READ;
     if (!inside || source->bytes.size() > CACHE_MAX + size) {

@@ -1,8 +1,8 @@
 // Reads the raw records of events back: from the address through the source map to the bytes of the log.
 //
 // A log that was renamed, rotated or compressed since is looked for in its directory: the same inode under another
-// name, and names that begin with its name (".gz", the numbers of rotations); what is found counts only when its first bytes hash as they
-// did.
+// name, and names that begin with its name (".gz", the numbers of rotations); what is found counts only when its first
+// bytes hash as they did.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +34,9 @@ struct raw_record {
 raw_reader_ptr raw_reader_open(const std::string& bucket_directory, std::string* error);
 // The record of an event. False with a message that names the file when it cannot be read.
 [[nodiscard]] bool raw_reader_fetch(raw_reader* reader, uint64_t address, raw_record* out, std::string* error);
-// Lines around a record that the reader gave, for context: up to `before` whole lines that end where it begins, and up to `after` lines
-// behind its end, oldest first, each without its newline; at most 1 MiB on either side.
+// Lines around a record that the reader gave, for context: up to `before` whole lines that end where it begins, and up
+// to `after` lines behind its end, oldest first, each without its newline; at most 1 MiB on either side. False with a
+// message that names the file when a failure leaves some of them out.
 [[nodiscard]] bool raw_reader_context(raw_reader* reader, const raw_record& record, uint32_t before, uint32_t after,
                                       std::vector<std::string>* lines_before, std::vector<std::string>* lines_after,
                                       std::string* error);
