@@ -90,6 +90,12 @@ TEST_F(Directory, Listing) {
     EXPECT_GE(listing.size(), 3u);
 }
 
+// The file anew, with a byte of it wrong.
+void flip(const std::string& path, std::string bytes, size_t at) {
+    bytes[at] = static_cast<char>(bytes[at] ^ 1 << at % 8);
+    write_file(path, bytes);
+}
+
 // Slices that are read in many pieces: whatever call or allocation fails, there is the whole answer or its status.
 TEST_F(Directory, EveryFailureOfAReadIsTold) {
     const temp_dir plain, metric;
@@ -105,6 +111,7 @@ TEST_F(Directory, EveryFailureOfAReadIsTold) {
         return text;
     };
     testing::internal::CaptureStderr();
+    const uint64_t steps = std::exchange(stop_check::steps_a_question, 1);
     for (const bool is_metric : {false, true}) {
         const reference_index reference = is_metric ? metric_reference(measured, true) : reference_index(events);
         const std::string path = is_metric ? metric.path() : plain.path();
@@ -120,23 +127,48 @@ TEST_F(Directory, EveryFailureOfAReadIsTold) {
             st_enum_answer terms[3];
             const std::string whole_terms =
                 told(terms, st_tsidx_enum(open_for_reading(path).get(), prefix, terms, 3, false));
-            for (const fault_action action : {fault_action::fail, fault_action::shorten, fault_action::allocation}) {
-                for (uint64_t nth = 1 + i % 3, last = nth; nth <= last; nth += 1 + last / 24) {
+            const std::string slice = files_in(path, ".tsidx").at(0), bytes = read_file(slice);
+            for (const char* const trouble : {"fail", "shorten", "allocation", "stop", "damage"}) {
+                const bool stops = trouble[1] == 't', damages = trouble[0] == 'd', allocates = trouble[0] == 'a';
+                const fault_action action = allocates           ? fault_action::allocation
+                                            : trouble[0] == 's' ? fault_action::shorten
+                                                                : fault_action::fail;
+                for (uint64_t nth = 1 + i % 3, last = nth; nth <= last; nth += 1 + last / (damages ? 60 : 24)) {
+                    SCOPED_TRACE(text + " " + trouble + " " + std::to_string(nth));
+                    if (damages) flip(slice, bytes, nth - 1);
                     const directory_ptr tsidx = open_for_reading(path);
-                    const fault_step step(action, nth, EIO);
-                    const int listed = st_tsidx_enum(tsidx.get(), prefix, terms, 3, false);
-                    const int count = st_tsidx_query(tsidx.get(), &query, answers.data(), 5000, 1);
+                    const fault_step step(action, damages || stops ? 0 : nth, EIO);
+                    // What fails ends the read: nothing else is done, and it is told.
+                    int listed = 0, count = 0;
+                    uint64_t asked = 0;
+                    const auto watched = [&](const auto& read) {
+                        failure_watch watch(stops ? nth : 0);
+                        st_tsidx_set_read_stop(tsidx.get(), failure_watch::asked, &watch);
+                        const int result = read();
+                        const fault_truce own;
+                        EXPECT_TRUE(watch.ended_with(result)) << result;
+                        asked = std::max(asked, watch.questions());
+                        return result;
+                    };
+                    listed = watched([&] { return st_tsidx_enum(tsidx.get(), prefix, terms, 3, false); });
+                    count = watched([&] { return st_tsidx_query(tsidx.get(), &query, answers.data(), 5000, 1); });
                     const int status = st_tsidx_get_warm_rc(tsidx.get());
-                    last = std::max(last, action == fault_action::allocation ? step.allocations() : step.calls());
                     const fault_truce own;
-                    ASSERT_EQ(status, std::min(count, 0)) << text << nth;
-                    ASSERT_TRUE(count < 0 || keys_of(answers.data(), count) == whole) << text << nth;
-                    ASSERT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT) << text << nth;
-                    ASSERT_TRUE(listed < 0 || told(terms, listed) == whole_terms) << nth;
+                    last = std::max(last, damages     ? bytes.size()
+                                          : stops     ? asked
+                                          : allocates ? step.allocations()
+                                                      : step.calls());
+                    ASSERT_EQ(status, std::min(count, 0));
+                    if (damages) continue;
+                    ASSERT_TRUE(count < 0 || keys_of(answers.data(), count) == whole);
+                    ASSERT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT);
+                    ASSERT_TRUE(listed < 0 || told(terms, listed) == whole_terms);
                 }
             }
+            write_file(slice, bytes);
         }
     }
+    stop_check::steps_a_question = steps;
     static_cast<void>(testing::internal::GetCapturedStderr());
 }
 

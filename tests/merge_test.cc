@@ -499,10 +499,13 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
     merge_seams_t seams;
     seams.narrow_entry_max = 40;  // so that offsets of four bytes are tried in vain
     const auto attempt = [&](warm_rc_t* rc) {
+        const failure_watch watch;
         const merge_ptr merge = open_merge(level == 4 ? sources : older, options_of(level), rc);
-        if (merge == nullptr) return rc->warm_rc;
-        merge->seams = seams;
-        return st_warm_slice_merge_write(merge.get(), target.c_str(), true, rc);
+        if (merge != nullptr) merge->seams = seams;
+        const int status =
+            merge == nullptr ? rc->warm_rc : st_warm_slice_merge_write(merge.get(), target.c_str(), true, rc);
+        EXPECT_TRUE(watch.ended_with(status)) << status;
+        return status;
     };
     constexpr fault_action ACTIONS[] = {fault_action::fail, fault_action::shorten, fault_action::allocation};
     for (size_t i = 0; i < 2 * std::size(ACTIONS); i++) {
@@ -529,19 +532,20 @@ TEST_F(MergeTest, FailuresLeaveTheSourcesAlone) {
     // Whichever question is answered so, the merge ends, be the values in another order than the target's or dropped.
     const std::vector<test_source> few = {forge({events.begin(), events.begin() + 9}, forge_as_created(4)),
                                           forge({events.begin() + 9, events.begin() + 20}, forge_as_created(4))};
-    uint64_t left = 0;
     warm_merge_options_t options = options_of(4);
     options.mapper = scrambled_address;
     options.drop_deleted = true;
-    options.stop_context = &left;
-    options.stop = [](void* context) { return --*static_cast<uint64_t*>(context) == 0; };
+    options.stop = failure_watch::asked;
     const uint64_t steps = std::exchange(stop_check::steps_a_question, 1);
-    for (uint64_t nth = 1; left == 0; nth++) {
-        left = nth;
+    for (uint64_t nth = 1, asked = nth; nth <= asked; nth++) {
         warm_rc_t rc;
+        const failure_watch watch(nth);
         const merge_ptr merge = open_merge(few, options, &rc);
-        if (merge != nullptr) rc.warm_rc = st_warm_slice_merge_write(merge.get(), target.c_str(), false, &rc);
-        EXPECT_EQ(rc.warm_rc, left == 0 ? WARM_RC_CANCELLED : 0) << nth;
+        const int status =
+            merge == nullptr ? rc.warm_rc : st_warm_slice_merge_write(merge.get(), target.c_str(), false, &rc);
+        asked = watch.questions();
+        EXPECT_EQ(status, asked < nth ? 0 : WARM_RC_CANCELLED) << nth;
+        EXPECT_TRUE(watch.ended_with(status)) << nth;
         std::filesystem::remove(target);
     }
     stop_check::steps_a_question = steps;

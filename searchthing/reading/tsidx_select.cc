@@ -45,15 +45,14 @@ class selection_read {
         ST_TRY(check_times(*snapshot, rc));
         bool is_over = false;
         const auto add = [&](size_t i, warm_rc_t* why) {
-            if (is_over) return 0;
             const int status = add_slice(snapshot->warm(i), why);
             if (status == 0 || !is_of_selection(status)) return status;
             is_over = true;  // and nobody else is to hear of it
             _cpy_rc(rc, why);
-            return 0;
+            return tsidx_snapshot::END;
         };
         const int64_t status = snapshot->each(earliest.time_s, latest.time_s, add, rc);
-        return is_over && status != TSIDX_VANISHED ? rc->warm_rc : status;
+        return is_over ? rc->warm_rc : status;
     }
 
     int check_times(const tsidx_snapshot& snapshot, warm_rc_t* rc) const {

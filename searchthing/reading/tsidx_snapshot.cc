@@ -160,6 +160,7 @@ int64_t tsidx_snapshot::each(st_time_t earliest, st_time_t latest, const std::fu
         if (status == TSIDX_VANISHED) return status;
         if (status == 0) status = step(i, &why);
         close(i);
+        if (status == END) return 0;
         if (status != 0) ST_TRY(fail(i, why, rc));
     }
     return 0;

@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "searchthing/base/warm_rc.h"
 #include "tests/support/call_record.h"
 #include "tests/support/clock_behind.h"
 #include "tests/support/file_log_hooks.h"
@@ -78,6 +79,25 @@ struct {
 
     bool hits(uint64_t number) const { return number >= first && number <= last; }
 } step;
+
+struct {
+    bool on = false;
+    uint64_t stop_at = 0;
+    int status = 0;  // of the first failure
+    tally work = 0, questions = 0;
+} watched;
+
+void watch_call(fault_call call) {
+    using enum fault_call;
+    const fault_call ends[] = {close, unlink, stat, access, flock, kill};
+    if (watched.status != 0 && std::find(std::begin(ends), std::end(ends), call) == std::end(ends)) watched.work++;
+}
+// Not what is no failure where it is met: the end of a query, a term that is nowhere.
+void watch_failure(int status) {
+    const bool answers =
+        status == 0 || status == WARM_RC_QUERY_END || status == WARM_RC_NOT_FOUND || status == WARM_RC_DOES_NOT_FIT;
+    if (watched.on && watched.status == 0 && !answers) watched.status = status;
+}
 
 bool flushes_skipped = false;
 std::string host_name;
@@ -136,6 +156,7 @@ bool allocation_fails() {
 template <typename Result, typename Real>
 Result through(fault_call call, Result failure, Real real) {
     const bool hit = step_hits_call(call);
+    watch_call(call);
     if (hit && step.action == fault_action::kill_before) ::raise(SIGKILL);
     if (hit && step.action == fault_action::interrupt) {
         const fault_truce truce;
@@ -325,6 +346,23 @@ fault_truce::fault_truce() : armed_(step.armed) {
 }
 fault_truce::~fault_truce() {
     step.armed = armed_;
+}
+
+failure_watch::failure_watch(uint64_t stop_at) {
+    watched = {.on = true, .stop_at = stop_at};
+}
+failure_watch::~failure_watch() {
+    watched = {};
+}
+bool failure_watch::asked(void*) {
+    if (watched.status != 0) watched.work++;
+    return ++watched.questions == watched.stop_at;
+}
+uint64_t failure_watch::questions() const {
+    return watched.questions;
+}
+bool failure_watch::ended_with(int64_t status) const {
+    return watched.work == 0 && (watched.status == 0 || status < 0);
 }
 
 no_flushes::no_flushes() {
@@ -562,6 +600,19 @@ int __wrap_usleep(useconds_t pause) {
     veldar::pauses.microseconds += pause;
     return 0;
 }
+// The setters of a record.
+#define WRAP_SETTER(name, parameters, ...) \
+    int __real_##name parameters;          \
+    int __wrap_##name parameters {         \
+        veldar::watch_failure(status);     \
+        return __real_##name(__VA_ARGS__); \
+    }
+WRAP_SETTER(_ZN6veldar7_set_rcEPNS_9warm_rc_tEi, (void* rc, int status), rc, status)
+WRAP_SETTER(_ZN6veldar17_set_rc_and_errnoEPNS_9warm_rc_tEii, (void* rc, int status, int why), rc, status, why)
+WRAP_SETTER(_ZN6veldar15_set_rc_verboseEPNS_9warm_rc_tEijPKc,
+            (void* rc, int status, uint32_t detail, const char* message), rc, status, detail, message)
+WRAP_SETTER(_ZN6veldar11_set_rc_msgEPNS_9warm_rc_tEiPKc, (void* rc, int status, const char* message), rc, status,
+            message)
 void* __wrap__Znwm(size_t size) {
     if (allocation_fails()) throw std::bad_alloc();
     return __real__Znwm(size);

@@ -95,6 +95,20 @@ class fault_truce : uncopied {
     bool armed_;
 };
 
+// While it lives, what is done after a failure has been recorded counts (_set_rc and its kin): reads, writes and
+// openings, and questions whether to stop, for which it is the context.
+class failure_watch : uncopied {
+  public:
+    // Question number `stop_at` is answered with yes, and no other; 0: none.
+    explicit failure_watch(uint64_t stop_at = 0);
+    ~failure_watch();
+
+    static bool asked(void* watch);
+    uint64_t questions() const;
+    // Whether that is how an act ends that was the only one: at once when something failed, and it tells so.
+    bool ended_with(int64_t status) const;
+};
+
 // While it lives, fsync and msync do nothing: only the death of a system needs them.
 class no_flushes : uncopied {
   public:
