@@ -180,10 +180,12 @@ TEST_F(ActFaults, AllOrTold) {
                 st_tsidx_set_lock_timeout(tsidx, 0);
                 warm_rc_t rc;
                 int64_t done = 0;
+                uint64_t later = 0;  // calls, behind the one that failed
                 {
                     const fault_step trouble(action, steps[i], EIO);
                     done = act(tsidx, &rc);
                     const fault_truce own;
+                    later = trouble.calls() - steps[i];
                     const std::vector<uint64_t> firsts = trouble.firsts();
                     if (i == 0 && action == fault_action::allocation) {
                         steps.insert(steps.end(), firsts.begin(), firsts.end());
@@ -200,7 +202,8 @@ TEST_F(ActFaults, AllOrTold) {
                 EXPECT_EQ(seal_troubles(path), "");
                 if (action == fault_action::allocation) continue;
                 std::string outcome = std::to_string(done) + " " + (done < 0 ? rc.message : "") + ", " +
-                                      std::to_string(left.size()) + " events," + inventory(path) + inventory(aside);
+                                      std::to_string(left.size()) + " events," + inventory(path) + inventory(aside) +
+                                      (done < 0 ? ", " + std::to_string(later) + " calls more" : "");
                 outcome = std::regex_replace(std::regex_replace(outcome, own_places, ""), numbers, "#");
                 if (outcome != last) told += std::string(what) + " " + std::to_string(i) + ": " + outcome + "\n";
                 last = outcome;

@@ -523,7 +523,9 @@ TEST(Cstore, EveryFailureIsAStatus) {
     for (const auto& [action, allowed] : troubles) {
         const auto run = [&, action = action](uint64_t n, int* status) {
             const fault_step trouble(action, n, EIO);
+            const failure_watch watch;
             *status = build_and_read(fd.get());
+            EXPECT_TRUE(watch.ended_with(*status)) << *status;
             return action == fault_action::allocation ? trouble.allocations() : trouble.calls();
         };
         int status = 0;

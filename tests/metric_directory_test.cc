@@ -192,7 +192,9 @@ TEST_F(MetricDirectory, DamageIsAStatus) {
         write_file(path, damaged);
         std::vector<metric_event> found;
         const directory_ptr tsidx = open_for_reading(dir.path());
+        const failure_watch watch;
         const int64_t status = st_tsidx_apply_metric_events(tsidx.get(), nullptr, tell_metric_event, &found);
+        EXPECT_TRUE(watch.ended_with(status)) << what << status;
         uint64_t size = 0;
         static_cast<void>(st_tsidx_measure_size(tsidx.get(), &size));
         std::string seen = std::to_string(size);

@@ -63,11 +63,13 @@ TEST(MetricWrite, EventsComeBackFromTheSlices) {
 }
 
 // Merges the slices into one under a proper name in the directory; its path, or the status as a number.
-std::string merge_slices(const std::vector<std::string>& paths, const std::string& directory, warm_rc_t* rc) {
+std::string merge_slices(const std::vector<std::string>& paths, const std::string& directory, warm_rc_t* rc,
+                         warm_stop_fn stop = nullptr) {
     static uint64_t id = 0;
     const char* names[MERGE_MAX_SOURCES];
     for (size_t i = 0; i < paths.size(); i++) names[i] = paths[i].c_str();
     warm_merge_options_t options;  // without milliseconds: a merge keeps what the sources have
+    options.stop = stop;
     st_tsidx_write_opts_set_defaults(&options.write_options);
     warm_merge_t* const merge = st_warm_slice_merge_open({names, paths.size()}, &options, rc);
     if (merge == nullptr) return "";
@@ -150,7 +152,9 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
         for (int place = 0; place < 1000; place += 37 * SANITIZED_PART) {
             warm_rc_t rc;
             const fault_step step(fault_action::flip, nth, place);
+            const failure_watch watch;
             const std::string merged = merge_slices(paths, dir.path(), &rc);
+            EXPECT_TRUE(watch.ended_with(rc.warm_rc)) << rc.warm_rc << rc.message;
             last = step.calls();
             outcomes.add("call " + std::to_string(nth), rc.warm_rc, merged.empty() ? rc.message : read_file(merged));
             if (!merged.empty()) std::filesystem::remove(merged);
@@ -161,7 +165,12 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
         SCOPED_TRACE(what);
         write_file(paths[0], bytes);
         warm_rc_t rc;
-        const std::string merged = merge_slices(paths, dir.path(), &rc);
+        std::string merged;
+        {
+            const failure_watch watch;
+            merged = merge_slices(paths, dir.path(), &rc);
+            EXPECT_TRUE(watch.ended_with(rc.warm_rc)) << rc.warm_rc << rc.message;
+        }
         const std::string findings = merged.empty() ? "" : fsck_findings(paths[0]);
         EXPECT_FALSE(fsck_blames_lists(findings)) << "made good by the merge: " << findings;
         EXPECT_EQ(merged.empty(), rc.warm_rc < 0);
@@ -199,14 +208,17 @@ TEST_P(MetricMergeDamage, EndsWithAStatus) {
     EXPECT_EQ(merge_slices({bare, bare}, empty.path(), &none), "");
     EXPECT_STREQ(none.message, "values without a run");
     write_file(paths[0], good);
-    const char* names[] = {paths[0].c_str(), paths[1].c_str()};
-    warm_merge_options_t stopped;
-    stopped.stop = [](void*) { return true; };
     const uint64_t steps = std::exchange(stop_check::steps_a_question, 1);
-    warm_rc_t rc;
-    EXPECT_EQ(st_warm_slice_merge_open(names, &stopped, &rc), nullptr);
+    for (uint64_t nth = 1, asked = nth; nth <= asked; nth++) {
+        warm_rc_t rc;
+        const failure_watch watch(nth);
+        const std::string merged = merge_slices(paths, dir.path(), &rc, failure_watch::asked);
+        asked = watch.questions();
+        EXPECT_EQ(rc.warm_rc, asked < nth ? 0 : WARM_RC_CANCELLED) << nth;
+        EXPECT_TRUE(watch.ended_with(rc.warm_rc)) << nth;
+        EXPECT_EQ(merged.empty(), rc.warm_rc != 0);
+    }
     stop_check::steps_a_question = steps;
-    EXPECT_EQ(rc.warm_rc, WARM_RC_CANCELLED);
 }
 
 // Two syncs and a merge, with every file call and every allocation failing once: what was told to be there is there,
@@ -242,8 +254,10 @@ TEST(MetricWrite, FailuresAreToldAndLoseNothingElse) {
                 };
                 const std::vector<std::string> paths = list();
                 warm_rc_t rc;
+                const failure_watch watch;
                 if (paths.size() == 2) merged = merge_slices(paths, dir.path(), &rc);
                 const fault_truce own;
+                EXPECT_TRUE(watch.ended_with(rc.warm_rc)) << rc.warm_rc << rc.message;
                 const bool recorded = action != fault_action::allocation;
                 if (recorded) told += std::to_string(nth) + " " + std::to_string(rc.warm_rc) + "\n";
                 for (const std::string& path : paths) {

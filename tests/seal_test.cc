@@ -232,6 +232,24 @@ TEST_F(Seal, SealsOfOtherFilesAreNoMoreThanWrong) {
         told.insert(seal_make(slice, &other, &rc));
     }
     EXPECT_TRUE(told.contains(WARM_RC_SHORT_READ)) << "a file that is cut while it is read";
+    // Whatever fails is told at once.
+    write_file(slice, bytes);
+    ASSERT_TRUE(seal_make(slice, &other, &rc) == 0 && seal_write(slice, &other, false, &rc) == 0);
+    for (const fault_action action : {fault_action::fail, fault_action::allocation}) {
+        for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
+            const fault_step step(action, nth, EIO);
+            for (const bool checks : {true, false}) {
+                const failure_watch watch;
+                int status = WARM_RC_NO_MEMORY;
+                try {
+                    status = checks ? seal_check(slice, &faults, &rc) : seal_make(slice, &other, &rc);
+                } catch (const std::bad_alloc&) {
+                }
+                EXPECT_TRUE(watch.ended_with(status) && faults.empty()) << nth << " " << status;
+            }
+            last = action == fault_action::fail ? step.calls() : step.allocations();
+        }
+    }
 }
 
 TEST_F(Seal, ADeleteBesideACheckIsNoFault) {

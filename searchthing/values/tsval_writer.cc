@@ -138,12 +138,10 @@ int tsval_writer_put_preamble(tsval_writer_t* writer, uint32_t time, uint32_t ad
 }
 
 int tsval_writer_close(tsval_writer_t* writer, warm_rc_t* rc) {
-    const int values_status = bp_writer_close(&writer->bp, rc);
-    warm_rc_t preambles_rc;
-    const int preambles_status = tsval_preamble_writer_close(&writer->preambles, &preambles_rc);
+    int status = bp_writer_close(&writer->bp, rc);
+    if (status == 0) status = tsval_preamble_writer_close(&writer->preambles, rc);
     writer->words.reset();
-    if (values_status == 0 && preambles_status != 0) return _cpy_rc(rc, &preambles_rc);
-    return values_status;
+    return status;
 }
 
 }  // namespace veldar
