@@ -21,6 +21,7 @@
 #include "searchthing/slice/warmslice.h"
 #include "searchthing/st_optimize.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tests/support/damage.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/hot_events.h"
 #include "tests/support/query_maker.h"
@@ -90,13 +91,8 @@ TEST_F(Directory, Listing) {
     EXPECT_GE(listing.size(), 3u);
 }
 
-// The file anew, with a byte of it wrong.
-void flip(const std::string& path, std::string bytes, size_t at) {
-    bytes[at] = static_cast<char>(bytes[at] ^ 1 << at % 8);
-    write_file(path, bytes);
-}
-
-// Slices that are read in many pieces: whatever call or allocation fails, there is the whole answer or its status.
+// Slices that are read in many pieces: whatever call or allocation fails, is stopped or meets damage, there is the whole
+// answer, or its status and nothing else is done.
 TEST_F(Directory, EveryFailureOfAReadIsTold) {
     const temp_dir plain, metric;
     const std::vector<forge_event> events = forge_random_events(3, 3000);
@@ -128,40 +124,40 @@ TEST_F(Directory, EveryFailureOfAReadIsTold) {
             const std::string whole_terms =
                 told(terms, st_tsidx_enum(open_for_reading(path).get(), prefix, terms, 3, false));
             const std::string slice = files_in(path, ".tsidx").at(0), bytes = read_file(slice);
-            for (const char* const trouble : {"fail", "shorten", "allocation", "stop", "damage"}) {
-                const bool stops = trouble[1] == 't', damages = trouble[0] == 'd', allocates = trouble[0] == 'a';
-                const fault_action action = allocates           ? fault_action::allocation
-                                            : trouble[0] == 's' ? fault_action::shorten
-                                                                : fault_action::fail;
-                for (uint64_t nth = 1 + i % 3, last = nth; nth <= last; nth += 1 + last / (damages ? 60 : 24)) {
-                    SCOPED_TRACE(text + " " + trouble + " " + std::to_string(nth));
-                    if (damages) flip(slice, bytes, nth - 1);
+            enum { FAILS, IS_SHORT, LACKS_MEMORY, STOPS, IS_DAMAGED };
+            for (const auto trouble : {FAILS, IS_SHORT, LACKS_MEMORY, STOPS, IS_DAMAGED}) {
+                const fault_action action = trouble == IS_SHORT       ? fault_action::shorten
+                                            : trouble == LACKS_MEMORY ? fault_action::allocation
+                                                                      : fault_action::fail;
+                const uint64_t parts = trouble == IS_DAMAGED ? 60 : 24;
+                for (uint64_t nth = 1 + i % 3, last = nth; nth <= last; nth += 1 + last / parts) {
+                    SCOPED_TRACE(testing::Message() << text << " " << trouble << " at " << nth);
+                    if (trouble == IS_DAMAGED) write_flipped(slice, bytes, nth - 1);
                     const directory_ptr tsidx = open_for_reading(path);
-                    const fault_step step(action, damages || stops ? 0 : nth, EIO);
-                    // What fails ends the read: nothing else is done, and it is told.
-                    int listed = 0, count = 0;
+                    const fault_step step(action, trouble < STOPS ? nth : 0, EIO);
                     uint64_t asked = 0;
                     const auto watched = [&](const auto& read) {
-                        failure_watch watch(stops ? nth : 0);
-                        st_tsidx_set_read_stop(tsidx.get(), failure_watch::asked, &watch);
+                        failure_watch watch(trouble == STOPS ? nth : 0);
+                        st_tsidx_set_read_stop(tsidx.get(), failure_watch::asked, nullptr);
                         const int result = read();
                         const fault_truce own;
                         EXPECT_TRUE(watch.ended_with(result)) << result;
                         asked = std::max(asked, watch.questions());
                         return result;
                     };
-                    listed = watched([&] { return st_tsidx_enum(tsidx.get(), prefix, terms, 3, false); });
-                    count = watched([&] { return st_tsidx_query(tsidx.get(), &query, answers.data(), 5000, 1); });
+                    const int listed = watched([&] { return st_tsidx_enum(tsidx.get(), prefix, terms, 3, false); });
+                    const int count =
+                        watched([&] { return st_tsidx_query(tsidx.get(), &query, answers.data(), 5000, 1); });
                     const int status = st_tsidx_get_warm_rc(tsidx.get());
                     const fault_truce own;
-                    last = std::max(last, damages     ? bytes.size()
-                                          : stops     ? asked
-                                          : allocates ? step.allocations()
-                                                      : step.calls());
+                    last = std::max(last, trouble == IS_DAMAGED     ? bytes.size()
+                                          : trouble == STOPS        ? asked
+                                          : trouble == LACKS_MEMORY ? step.allocations()
+                                                                    : step.calls());
                     ASSERT_EQ(status, std::min(count, 0));
-                    if (damages) continue;
+                    if (trouble == IS_DAMAGED) continue;
                     ASSERT_TRUE(count < 0 || keys_of(answers.data(), count) == whole);
-                    ASSERT_TRUE(action == fault_action::shorten || count != WARM_RC_CORRUPT);
+                    ASSERT_TRUE(trouble == IS_SHORT || count != WARM_RC_CORRUPT);
                     ASSERT_TRUE(listed < 0 || told(terms, listed) == whole_terms);
                 }
             }

@@ -16,6 +16,7 @@
 #include "searchthing/search/select_table.h"
 #include "searchthing/st.h"
 #include "searchthing/upkeep/tsidx_upkeep.h"
+#include "tests/support/damage.h"
 #include "tests/support/directory.h"
 #include "tests/support/forge_metric.h"
 #include "tests/support/hot_events.h"
@@ -690,12 +691,13 @@ TEST_F(Select, FailuresAndMergesMeanwhile) {
         }
         EXPECT_GT(failed, 20u);
         const std::string slice = files_in(dir.path(), ".tsidx").at(1), whole = read_file(slice);
+        uint32_t refused = 0;
         for (size_t at = 0; at < whole.size(); at += 3 * SANITIZED_PART) {
-            std::string damaged = whole, bytes;
-            damaged[at] = static_cast<char>(damaged[at] ^ 1 << at % 8);
-            write_file(slice, damaged);
-            failed += ask(dir.path(), is_metric, &bytes) < 0 ? 1 : 0;
+            write_flipped(slice, whole, at);
+            std::string bytes;
+            refused += ask(dir.path(), is_metric, &bytes) < 0 ? 1 : 0;
         }
+        EXPECT_GT(refused, 20u);
         alone = false;
         for (uint64_t nth = 1, last = 1; nth <= last; nth++) {
             const temp_dir merged;

@@ -80,9 +80,10 @@ class tsidx_snapshot {
     // Runs `work` over new listings until one of them holds: its result, which is not TSIDX_VANISHED; or a failure as of
     // `begin`; -35 when slices go faster than they can be opened; -2. The work begins afresh every time.
     int64_t hold(const std::function<int64_t()>& work, warm_rc_t* rc);
+    // A step's result that ends the walk, which is no failure of the slice.
+    static constexpr int END = 1;
     // Runs `step(i, why)` over the slices that overlap the bounds, each open while its step runs, until one fails or
     // yields END. 0, TSIDX_VANISHED, or a failure that nobody hears of.
-    static constexpr int END = 1;
     int64_t each(st_time_t earliest, st_time_t latest, const std::function<int(size_t, warm_rc_t*)>& step,
                  warm_rc_t* rc);
     // Opens every slice that overlaps the bounds, for walks that cannot begin again once a part has been seen. As `each`.

@@ -151,7 +151,8 @@ struct tsval_writer_t {
 // milliseconds and more.
 [[nodiscard]] int tsval_writer_put(tsval_writer_t* writer, const st_tsval* value, warm_rc_t* rc);
 [[nodiscard]] int tsval_writer_put_preamble(tsval_writer_t* writer, uint32_t time, uint32_t address, warm_rc_t* rc);
-// Writes what is buffered, as far as writes succeed, and frees the words' buffer, whatever the result.
+// Writes the values that are buffered, then the preambles, and frees the values' buffer whatever the result: 0, or
+// WARM_RC_WRITE of the write that failed, behind which nothing is written.
 [[nodiscard]] int tsval_writer_close(tsval_writer_t* writer, warm_rc_t* rc);
 
 }  // namespace veldar

@@ -45,6 +45,11 @@ size_t damage_sweep(const std::string& bytes, const damage_options& options, con
     return calls;
 }
 
+void write_flipped(const std::string& path, std::string bytes, size_t at) {
+    bytes[at] = static_cast<char>(bytes[at] ^ 1 << at % 8);
+    write_file(path, bytes);
+}
+
 void damage_outcomes::add(const std::string& what, int status, const std::string& seen) {
     auto& [statuses, digest] = rows_[std::stoul(what.substr(what.rfind(' '))) / 16];
     statuses.insert(status);

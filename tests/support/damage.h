@@ -28,6 +28,9 @@ struct damage_options {
 // Returns the number of calls.
 size_t damage_sweep(const std::string& bytes, const damage_options& options, const damage_fn& f);
 
+// Writes the file with one bit of byte number `at` the other way round, which bit depends on `at`.
+void write_flipped(const std::string& path, std::string bytes, size_t at);
+
 // What became of the damages of a file: for each 16 bytes of it the statuses, and a digest of all that was seen.
 class damage_outcomes {
   public:

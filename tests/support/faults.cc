@@ -92,7 +92,7 @@ void watch_call(fault_call call) {
     const fault_call ends[] = {close, unlink, stat, access, flock, kill};
     if (watched.status != 0 && std::find(std::begin(ends), std::end(ends), call) == std::end(ends)) watched.work++;
 }
-// Not what is no failure where it is met: the end of a query, a term that is nowhere.
+// Not what is no failure where it is met: the end of a query, a term that is nowhere, a list too long for a narrow entry.
 void watch_failure(int status) {
     const bool answers =
         status == 0 || status == WARM_RC_QUERY_END || status == WARM_RC_NOT_FOUND || status == WARM_RC_DOES_NOT_FIT;

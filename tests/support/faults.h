@@ -95,17 +95,17 @@ class fault_truce : uncopied {
     bool armed_;
 };
 
-// While it lives, what is done after a failure has been recorded counts (_set_rc and its kin): reads, writes and
-// openings, and questions whether to stop, for which it is the context.
+// While it lives, the first failure that is recorded (_set_rc and its kin) is remembered, and the work behind it counts:
+// reads, writes and openings, and questions whether to stop. For one act of one thread.
 class failure_watch : uncopied {
   public:
     // Question number `stop_at` is answered with yes, and no other; 0: none.
     explicit failure_watch(uint64_t stop_at = 0);
     ~failure_watch();
 
-    static bool asked(void* watch);
+    static bool asked(void* context);  // a warm_stop_fn, whatever its context
     uint64_t questions() const;
-    // Whether that is how an act ends that was the only one: at once when something failed, and it tells so.
+    // Of the act's result, negative for a failure: whether it tells of the failure, and nothing was done behind that.
     bool ended_with(int64_t status) const;
 };
 
